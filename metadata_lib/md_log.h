@@ -1,0 +1,51 @@
+// Log lines and assertions of the library. A source file defines MD_MODULE, its name without ending, before it
+// includes this header; a file that logs on another debug module than METADATALIB defines MD_DEBUG_HANDLE too.
+#ifndef MD_LOG_H
+#define MD_LOG_H
+
+#include "host_debug.h"
+
+extern HDBG g_hMetaDataLibDbg;  // "METADATALIB"; set by METADATALIB_Init before the thread runs, cleared at shut-down
+extern HDBG g_hCoTConvDbg;      // "COTCONVERTER"; the same
+
+#ifndef MD_DEBUG_HANDLE
+#define MD_DEBUG_HANDLE g_hMetaDataLibDbg
+#endif
+
+// The host may change a level while the library runs.
+inline bool MdLogEnabled(HDBG hDbg, int nLevel) {
+  return hDbg != nullptr && __atomic_load_n(&hDbg->nMaxLevel, __ATOMIC_RELAXED) >= nLevel;
+}
+
+// One log line: MD_LOG(7, "Received %d bytes.\n", n). Arguments are only evaluated when the level is on.
+#define MD_LOG(level, ...)                                                                 \
+  do {                                                                                     \
+    if (MdLogEnabled(MD_DEBUG_HANDLE, (level)))                                            \
+      _DoDbgPrintEx(MD_DEBUG_HANDLE, (level), __func__, MD_MODULE, __LINE__, __VA_ARGS__); \
+  } while (0)
+
+// A titled hex dump.
+#define MD_DUMP(level, title, data, size)                                                                  \
+  do {                                                                                                     \
+    if (MdLogEnabled(MD_DEBUG_HANDLE, (level)))                                                            \
+      _DoDbgPrintBuffer(MD_DEBUG_HANDLE, (level), __func__, MD_MODULE, __LINE__, (title), (data), (size)); \
+  } while (0)
+
+// Reports a broken invariant with the expression's own text, evaluated once, and carries on.
+#define MD_ASSERT(expression)                                                 \
+  do {                                                                        \
+    if (!(expression)) _DoAssert(#expression, __func__, MD_MODULE, __LINE__); \
+  } while (0)
+
+// The same with a text that the expression cannot give.
+#define MD_ASSERT_TEXT(expression, text)                                 \
+  do {                                                                   \
+    if (!(expression)) _DoAssert((text), __func__, MD_MODULE, __LINE__); \
+  } while (0)
+
+// For a branch that is not expected: the assertion "0".
+#define MD_ASSERT_UNREACHED() _DoAssert("0", __func__, MD_MODULE, __LINE__)
+
+#define MD_TEXT_ASSERT(...) _DoTextAssert(__func__, MD_MODULE, __LINE__, __VA_ARGS__)
+
+#endif  // MD_LOG_H
