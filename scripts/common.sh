@@ -1,0 +1,49 @@
+# Shared by the scripts: where things are, and what they need. Sourced, not run.
+set -euo pipefail
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+grid=/usr/share/vendor/data/ww15mgh.grd
+jobs=$(nproc)
+
+say() { printf '== %s\n' "$*"; }
+die() {
+  printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+# Installs what packaging/debian-packages.txt names and the machine lacks.
+install_packages() {
+  local wanted missing=() package
+  wanted=$(grep -v '^#' "$root/packaging/debian-packages.txt")
+  for package in $wanted; do
+    dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  say "Installing ${#missing[@]} packages: ${missing[*]}"
+  [ "$(id -u)" -eq 0 ] || die "run as root, or install these packages first"
+  apt-get update -qq
+  DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+}
+
+# build PRESET [TARGET...]: configures and builds into build/PRESET, quietly unless it fails.
+build() {
+  local preset=$1 log
+  shift
+  mkdir -p "$root/build"
+  log=$root/build/$preset.log
+  say "Building $preset"
+  (
+    cd "$root"
+    cmake --preset "$preset"
+    cmake --build --preset "$preset" -j "$jobs" ${1+--target "$@"}
+  ) >"$log" 2>&1 || {
+    tail -n 60 "$log" >&2
+    die "the $preset build failed; the whole log is build/$preset.log"
+  }
+}
+
+# Makes the EGM96 grid file from Debian's proj-data with our own tool.
+install_grid() {
+  [ -s "$grid" ] && return 0
+  "$root/build/$1/tools/make_geoid_grid" --output "$grid"
+}
