@@ -1,0 +1,7 @@
+/* The public header and the host declarations stand alone as C11; the layouts are asserted in the header itself. */
+#include "metadata_lib.h"
+
+#include "host.h"
+
+int abi_header_c(void);
+int abi_header_c(void) { return (int)sizeof(MDATA_SRC_CFG); }
