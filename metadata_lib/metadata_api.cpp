@@ -1,8 +1,47 @@
-// The source engine: lifecycle, the metadata thread, sources and their receive roads.
+// The source engine: everything between the encoder's calls, the descriptors of the open sources and the ready
+// callback.
+//
+// Contents
+//    1. Library-wide state
+//    2. Small helpers: error texts, pauses, capture files
+//    3. Hand-shake with the metadata thread
+//    4. Lifecycle: METADATALIB_Init, METADATALIB_Shutdown
+//    5. The metadata thread: loop, control events, video extractors
+//    6. Sources: look-ups, receive sockets, inserts
+//    7. Sources: opening
+//    8. Sources: closing
+//    9. Statistics
+//   10. UDP reception, TTL and TOS detection
+//   11. Relaying
+//   12. What all receive roads share: rewriting, stream header, rate, raw capture
+//   13. KLV roads: serial and UDP
+//   14. CoT roads: UDP and serial
+//   15. Video road and decimation
+//
+// Lock order: g_MetaDataAPIMutex, then at most one of the leaf locks _g_SrcListLock, _g_XMLOutLock, _g_SenderLock.
+// The metadata thread never waits for g_MetaDataAPIMutex longer than kSerialLockTries milliseconds, because an
+// opener holds it while it waits for that thread.
 #include "metadata_api.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include "md_atomic.h"
+#include "md_guard.h"
 
 #define MD_MODULE "metadata_api"
 #include "md_log.h"
+
+// =====================================================================================================
+// 1. Library-wide state. Who may touch what stands with the declarations in metadata_api.h.
+// =====================================================================================================
 
 HDBG g_hMetaDataLibDbg = nullptr;
 HDBG g_hCoTConvDbg = nullptr;
@@ -28,6 +67,2250 @@ VIDEO_EXTRACTOR _g_aVideoExtractors[4] = {{-1, 0}, {-1, 0}, {-1, 0}, {-1, 0}};
 time_t _tLastLog = 0;
 time_t _tLastLogTime = 0;
 
+int32_t _g_nShutdownRequest = REQUEST_NONE;
+int32_t _g_nStrayPosts = 0;
+MDATA_SRC_HANDLE _g_pSweepList = nullptr;
+
 pthread_mutex_t _g_SrcListLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t _g_XMLOutLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
+
+static constexpr int kSerialLockTries = 20;        // one millisecond each
+static constexpr int kLogHoldOffSecs = 4;          // repeated failures: a log line when more than this has passed
+static constexpr int kUASKeySize = 16;             // bytes of UASDataLinkKey
+static constexpr int kSmallestUASMessage = 20;     // key, length and one element
+static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet stays below
+static constexpr BYTE _acAnyAddress[16] = {};      // the IPv6 "any" address
+
+// =====================================================================================================
+// 2. Small helpers: error texts, pauses, capture files. Any thread; no state of their own.
+// =====================================================================================================
+
+namespace {
+
+// Text of an errno value, for one log call.
+struct ErrnoText {
+  char acBuffer[128] = {};
+  const char* szText;
+  explicit ErrnoText(int iError) : szText(strerror_r(iError, acBuffer, sizeof(acBuffer))) {}
+};
+
+// Text of a sender, for one log call.
+struct SenderText {
+  char acBuffer[80] = {};
+  const char* szText;
+  explicit SenderText(const struct sockaddr_storage& Address)
+      : szText(GetSockAddressString(&Address, acBuffer, static_cast<int>(sizeof(acBuffer)))) {}
+};
+
+// g_MetaDataAPIMutex for the serial road: tried for a bounded time, since whoever opens a source holds it while
+// waiting for this very thread.
+class SerialApiLock {
+ public:
+  SerialApiLock();
+  ~SerialApiLock() {
+    if (m_bHeld) pthread_mutex_unlock(&g_MetaDataAPIMutex);
+  }
+  SerialApiLock(const SerialApiLock&) = delete;
+  SerialApiLock& operator=(const SerialApiLock&) = delete;
+  bool IsHeld() const { return m_bHeld; }
+
+ private:
+  bool m_bHeld = false;
+};
+
+}  // namespace
+
+static void _SleepOneMs() {
+  const struct timespec Pause = {0, 1000000};
+  nanosleep(&Pause, nullptr);
+}
+
+SerialApiLock::SerialApiLock() {
+  for (int i = 0; i < kSerialLockTries && !m_bHeld; ++i) {
+    m_bHeld = pthread_mutex_trylock(&g_MetaDataAPIMutex) == 0;
+    if (!m_bHeld) _SleepOneMs();
+  }
+}
+
+static UINT64 _MonotonicMs() {
+  struct timespec Now = {};
+  clock_gettime(CLOCK_MONOTONIC, &Now);
+  return static_cast<UINT64>(Now.tv_sec) * 1000 + static_cast<UINT64>(Now.tv_nsec) / 1000000;
+}
+
+// Opens a capture file for writing, truncated; NULL when that fails. Anybody may plant a name under /tmp: a link is
+// not followed, and a pipe or device neither blocks nor is written to.
+static FILE* _OpenCaptureFile(const char* szPath) {
+  const int iFD = open(szPath, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+  if (iFD < 0) return nullptr;
+  struct stat Info = {};
+  FILE* pFile = nullptr;
+  if (fstat(iFD, &Info) == 0 && S_ISREG(Info.st_mode)) pFile = fdopen(iFD, "w");
+  if (pFile == nullptr) close(iFD);
+  return pFile;
+}
+
+static void _CloseFile(FILE*& pFile) {
+  if (pFile == nullptr) return;
+  fclose(pFile);
+  pFile = nullptr;
+}
+
+// Replaces the CoT XML capture file, closing the one before; NULL only closes.
+static void _ReplaceXMLOutFile(FILE* pFile) {
+  MdLock Lock(_g_XMLOutLock);
+  _CloseFile(g_XMLOutFP);
+  g_XMLOutFP = pFile;
+}
+
+static void _CloseDescriptor(int& iFD) {
+  if (iFD >= 0) close(iFD);
+  iFD = -1;
+}
+
+// =====================================================================================================
+// 3. Hand-shake with the metadata thread. The encoder's threads send a control message and wait; the thread
+//    carries it out, sets the request's own completion mark and posts _g_MetaDataThreadCond exactly once.
+//
+//    The condition only counts, it does not say whose request was carried out. So a waiter believes its mark alone:
+//    - a post with the own mark set ends the wait, whoever's post it was; the number of posts still fits;
+//    - a post without it is swallowed if some waiter gave up before (_g_nStrayPosts counts those posts), otherwise
+//      it belongs to another waiter and is given back;
+//    - a waiter that runs out of time marks its request as abandoned, unless the thread was faster, and the thread
+//      then finishes what the waiter would have done: a record is never freed under the thread.
+//    A close whose message could not even be sent is left in _g_pSweepList, which the thread empties after a pass.
+// =====================================================================================================
+
+static bool _ChangeRequest(int32_t& nRequest, int32_t nFrom, int32_t nTo) {
+  return MdExchangeIf(nRequest, nFrom, nTo);
+}
+
+// Metadata thread: the request is carried out. TRUE when its caller had given up. A caller that had not may free the
+// record that holds the mark as soon as this returns.
+static bool _CompleteRequest(int32_t& nRequest) {
+  if (_ChangeRequest(nRequest, REQUEST_PENDING, REQUEST_DONE)) return false;
+  MdAdd(_g_nStrayPosts, 1);
+  return _ChangeRequest(nRequest, REQUEST_ABANDONED, REQUEST_DONE);
+}
+
+static bool _TakeStrayPost() {
+  int32_t nCount = MdLoadAcquire(_g_nStrayPosts);
+  while (nCount > 0) {
+    if (_ChangeRequest(_g_nStrayPosts, nCount, nCount - 1)) return true;
+    nCount = MdLoadAcquire(_g_nStrayPosts);
+  }
+  return false;
+}
+
+// Waits until the request is carried out, at most nLimitMs. FALSE with errno set when it was not; it is then
+// abandoned.
+static bool _WaitForRequest(int32_t& nRequest, DWORD nLimitMs) {
+  const UINT64 nStart = _MonotonicMs();
+  DWORD nLeft = nLimitMs;
+  errno = ETIMEDOUT;
+  while (nLeft > 0 && _DoWaitCond_WaitFor(&_g_MetaDataThreadCond, nLeft, __func__, MD_MODULE, __LINE__)) {
+    if (MdLoadAcquire(nRequest) == REQUEST_DONE) return true;
+    if (!_TakeStrayPost()) {
+      WaitCond_Post(&_g_MetaDataThreadCond);
+      _SleepOneMs();
+    }
+    const UINT64 nElapsed = _MonotonicMs() - nStart;
+    const DWORD nByClock = nElapsed >= nLimitMs ? 0 : nLimitMs - static_cast<DWORD>(nElapsed);
+    nLeft = nByClock < nLeft ? nByClock : nLeft - 1;
+    errno = ETIMEDOUT;
+  }
+  const int iError = errno;
+  if (!_ChangeRequest(nRequest, REQUEST_PENDING, REQUEST_ABANDONED)) {
+    MdAdd(_g_nStrayPosts, 1);  // carried out at the last moment: its post stays behind
+    return true;
+  }
+  errno = iError;
+  return false;
+}
+
+// A message for the metadata thread; NULL without memory.
+static HMBOXMSG _AllocControlMessage(DWORD dwEventID, MDATA_SRC_HANDLE hSource) {
+  HMBOXMSG hMsg = __MBOX_AllocMessage(0, __func__, MD_MODULE, __LINE__);
+  if (hMsg == nullptr) return nullptr;
+  MBOX_MSGHEADER* pHeader = MBOX_GetMessageHeader(hMsg);
+  pHeader->dwEventID = dwEventID;
+  pHeader->pvParam1 = hSource;
+  return hMsg;
+}
+
+// Sends the message and waits. Returns the wait's result, FALSE with errno set; *pbSent tells whether a message names
+// the request.
+// KEPT: a failed send is only logged and the wait still takes place; nothing is undone after it.
+static bool _CallThread(HMBOXMSG hMsg, int32_t& nRequest, DWORD nLimitMs, bool* pbSent) {
+  MdStoreRelease(nRequest, REQUEST_PENDING);
+  *pbSent = MBOX_SendMessage(_g_hMetaDataThreadMBox, hMsg, 0) != FALSE;
+  if (!*pbSent) {
+    MD_LOG(3, "MBOX_SendMessage FAILED.\n");
+    MBOX_FreeMessage(hMsg);
+  }
+  MD_LOG(6, "Waiting for metadata source thread semaphore.\n");
+  if (!_WaitForRequest(nRequest, nLimitMs)) return false;
+  MD_LOG(6, "Wait successful.\n");
+  return true;
+}
+
+// =====================================================================================================
+// 4. Lifecycle. Called by the encoder, once each, before and after everything else.
+// =====================================================================================================
+
+static void _ReleaseSource(MDATA_SRC_HANDLE pHandle);
+static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded);
+static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox);
+
+// Starts over after an earlier shut-down.
+static void _ResetThreadState() {
+  MdStoreRelease(_g_bShutdownThread, FALSE);
+  MdStoreRelease(_g_nShutdownRequest, REQUEST_NONE);
+  MdStoreRelease(_g_nStrayPosts, 0);
+  _g_pCurrentThreadSelectTimeOut = nullptr;
+  _g_bSelectTimeOutChanged = TRUE;
+  _g_bGridInitialized = FALSE;
+}
+
+// The mailbox, the read set with the mailbox in it, and the thread, not yet running.
+static BOOL _CreateMetaDataThread() {
+  MBOX_CONFIG MBoxConfig = {};
+  MBoxConfig.nSize = static_cast<int>(sizeof(MBoxConfig));
+  MBoxConfig.szName = "MetaDataEngine";
+  if (!MBOX_CreateMailBox(&MBoxConfig, &_g_hMetaDataThreadMBox)) {
+    MD_LOG(3, "Unable to create mailbox for communication with meta-data thread.\n");
+    return FALSE;
+  }
+  const int iNotificationFD = MBOX_GetNotificationFD(_g_hMetaDataThreadMBox);
+  if (!__FDMGR_CreateSet("Meta-Data", &g_hMetaDataFDSet, __func__, MD_MODULE, __LINE__)) {
+    MD_LOG(3, "Unable to file descriptor set for met-data thread.\n");  // KEPT: the wording, for whoever greps logs
+    MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
+    return FALSE;
+  }
+  __FDMGR_AddReadFD(g_hMetaDataFDSet, iNotificationFD, _MetaDataControlCallBack, _g_hMetaDataThreadMBox, nullptr,
+                    __func__, MD_MODULE, __LINE__);
+  if (!CreateThread(&_g_hMetaDataProcessingThread, "MetaData", 0, 10, _MetaDataThread, g_hMetaDataFDSet)) {
+    MD_LOG(3, "Unable to create meta-data thread.\n");
+    MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);  // KEPT: the set is left as it is
+    return FALSE;
+  }
+  MD_LOG(6, "Meta-data thread created successfully.\n");
+  return TRUE;
+}
+
+BOOL METADATALIB_Init(DWORD dwCaps) {
+  // KEPT: the flag outlives a shut-down, so a second start raises this assertion and goes on.
+  MD_ASSERT_TEXT(MdLoadAcquire(g_bMetaDataLibInitialized) == FALSE, "g_bMetaDataLibInitialized == FALSE");
+  _DoDbgInit("METADATALIB", &g_hMetaDataLibDbg);
+  _DoDbgInit("COTCONVERTER", &g_hCoTConvDbg);
+  MD_LOG(6, "Called, dwCaps=0x%X.\n", dwCaps);
+  // KEPT: without any IP capability the library starts all the same; only UDP sources cannot be opened.
+  MD_ASSERT((dwCaps & METADATALIB_CAPS_IPV4_SUPPORT) || (dwCaps & METADATALIB_CAPS_IPV6_SUPPORT));
+
+  g_dwLibCaps = dwCaps;
+  _g_bCoTSupportEnabled = (dwCaps & METADATALIB_CAPS_COT_SUPPORT) != 0 ? TRUE : FALSE;
+  _ResetThreadState();
+  MD_ASSERT(WaitCond_Init(&_g_MetaDataThreadCond));
+  if (!_CreateMetaDataThread()) return FALSE;
+  _g_bUsingInternalThread = TRUE;
+  MdStoreRelease(g_bMetaDataLibInitialized, TRUE);
+
+  if (_g_bCoTSupportEnabled) {
+    if (init_ww15mgh_grd() < 0) {
+      MD_LOG(2, "Unable to initialize grid.\n");
+      MD_ASSERT_UNREACHED();
+    } else {
+      _g_bGridInitialized = TRUE;
+    }
+  }
+  StartThread(_g_hMetaDataProcessingThread);
+  return MdLoadAcquire(g_bMetaDataLibInitialized);
+}
+
+// Asks the thread to end and joins it. FALSE without memory for the message: the thread then still runs.
+static bool _StopMetaDataThread() {
+  HMBOXMSG hMsg = _AllocControlMessage(EVENTID_SHUTDOWN_THREAD, nullptr);
+  if (hMsg == nullptr) return false;
+  bool bSent = false;
+  if (!_CallThread(hMsg, _g_nShutdownRequest, kShutdownWaitMs, &bSent)) {
+    const int iError = errno;
+    const ErrnoText Error(iError);
+    MD_LOG(3, "Wait FAILED, errno (%d): \"%s\".\n", iError, Error.szText);
+    MD_TEXT_ASSERT("Wait FAILED, errno (%d): \"%s\".\n", iError, Error.szText);
+  }
+  // Without a message the thread sees the flag when it wakes next.
+  if (!bSent) MdStoreRelease(_g_bShutdownThread, TRUE);
+  WaitForThread(_g_hMetaDataProcessingThread);  // KEPT: joined after a failed wait too
+  _g_hMetaDataProcessingThread = nullptr;
+  return true;
+}
+
+void METADATALIB_Shutdown(void) {
+  const BOOL bInitialized = MdLoadAcquire(g_bMetaDataLibInitialized);
+  MD_ASSERT_TEXT(bInitialized, "g_bMetaDataLibInitialized");
+  MD_LOG(5, "Called.\n");
+  if (bInitialized && _g_bUsingInternalThread) {
+    const bool bThreadEnded = _StopMetaDataThread();
+    MD_LOG(7, "Closing Mailbox.\n");
+    // A thread that could not be asked to end still waits on these; closing them under it would be a use after free.
+    if (bThreadEnded) {
+      while (_HandleControlMessage(g_hMetaDataFDSet, _g_hMetaDataThreadMBox)) {
+      }
+      _SweepUnsentCloses(g_hMetaDataFDSet, true);
+      MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
+      FDMGR_CloseSet(&g_hMetaDataFDSet);
+      WaitCond_Destroy(&_g_MetaDataThreadCond);
+      _g_bUsingInternalThread = FALSE;  // nothing is left to send messages to
+    }
+  }
+  if (bInitialized) free_ww15mgh_grd();  // KEPT: whether or not it was loaded
+  MD_LOG(6, "Done.\n");
+  _DoDbgUninitEx(&g_hCoTConvDbg);
+  _DoDbgUninitEx(&g_hMetaDataLibDbg);
+  // KEPT: g_bMetaDataLibInitialized stays TRUE; the library is made to be started once per process.
+}
+
+// =====================================================================================================
+// 5. The metadata thread: its loop, the control events, the video extractors. Runs on that thread alone, which
+//    owns the source list, the read set, the extractor table and the time-out variables. The list is read here
+//    without a lock and changed under _g_SrcListLock, for the look-ups of the encoder's threads.
+// =====================================================================================================
+
+// The host's watch over its threads, when the host wants it.
+static void _SaveStateIfDebugging(int nLine) {
+  if (MdLoad(g_bThreadStateDebuggingEnabled)) __SaveThreadState("_MetaDataThread", MD_MODULE, nLine);
+}
+
+DWORD _MetaDataThread(void* pvUnusedArg) {
+  HFDSET hSet = static_cast<HFDSET>(pvUnusedArg);
+  time_t tLastAgeing = time(nullptr);
+  while (!MdLoadAcquire(_g_bShutdownThread)) {
+    __IncrementThreadIterations();
+    MD_LOG(8, "Calling select.\n");
+    _SaveStateIfDebugging(__LINE__);
+    if (_g_bSelectTimeOutChanged) {
+      FDMGR_SetSelectTimeout(hSet, _g_pCurrentThreadSelectTimeOut, _SelectTimeout, nullptr, nullptr);
+      _g_bSelectTimeOutChanged = FALSE;
+    }
+    const int nResult = FDMGR_Select(hSet);
+    _SaveStateIfDebugging(__LINE__);
+    _SweepUnsentCloses(hSet, false);
+    const time_t tNow = time(nullptr);
+    if (tNow != tLastAgeing) {
+      _AgeDiscoveredSensors();
+      tLastAgeing = tNow;
+    }
+    MD_LOG(8, "select returned %d.\n", nResult);
+  }
+  return 0;
+}
+
+void _SelectTimeout(HFDSET, void*, void*) {
+  MD_LOG(7, "Called.\n");  // the time-out only wakes the loop, for the ageing while sources are quiet
+}
+
+static MDATA_SRC_HANDLE _SourceOf(const FNODE_D* pNode) {
+  return static_cast<MDATA_SRC_HANDLE>(pNode->pvObject);
+}
+
+void _AgeDiscoveredSensors(void) {
+  for (const FNODE_D* pNode = g_MetaDataSrcList.pHead; pNode != nullptr; pNode = pNode->pNext) {
+    const MDATA_SRC_HANDLE hSource = _SourceOf(pNode);
+    if (hSource->Config.enDataType == MDATA_DATA_COT && hSource->hConverter != nullptr)
+      AgeCoT2KLVSensors(hSource->hConverter);
+  }
+}
+
+static void _AddSerialSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+  if (__FDMGR_AddReadFD(hSet, hSource->iFD, _SerialDataRxCallBack, hSource, nullptr, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "File descriptor %d added to read set.\n", hSource->iFD);
+}
+
+static void _AddNetworkSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+  FDMGR_READ_CALLBACK pfnCallback = nullptr;
+  switch (hSource->Config.enDataType) {
+    case MDATA_DATA_KLV:
+      pfnCallback = _KLV_UDP_DataRxCallBack;
+      break;
+    case MDATA_DATA_COT:
+      pfnCallback = _CoT_UDP_DataRxCallBack;
+      break;
+    default:
+      MD_ASSERT_UNREACHED();
+      return;
+  }
+  const int iFD = hSource->iFD;
+  if (iFD >= 0 && __FDMGR_AddReadFD(hSet, iFD, pfnCallback, hSource, nullptr, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "IPv4 socket descriptor %d added to read set.\n", iFD);
+  const int iFDv6 = hSource->iFDv6;
+  if (iFDv6 >= 0 && __FDMGR_AddReadFD(hSet, iFDv6, pfnCallback, hSource, nullptr, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "IPv6 socket descriptor %d added to read set.\n", iFDv6);
+}
+
+// KEPT: enInputInterface is not tested against the bounds of the extractor table; the encoder passes 0 to 3.
+static void _AddVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+  const int iInterface = hSource->Config.in.Video.enInputInterface;
+  VIDEO_EXTRACTOR* pExtractor = &_g_aVideoExtractors[iInterface];
+  MD_LOG(6, "Starting KLV Capture for interface %d.\n", iInterface);
+  if (pExtractor->iFD != -1) {
+    MD_LOG(6, "We already have extractor FD (%d) at index %d.\n", pExtractor->iFD, iInterface);
+    MD_ASSERT(_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount > 0);
+    ++pExtractor->nRefCount;
+    hSource->bCaptureHeld = TRUE;
+    return;
+  }
+  MD_ASSERT(_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount == 0);
+  const VIDEO_EXTRACTOR Stopped = *pExtractor;
+  if (!KLVCAPTURE_Start(iInterface, pExtractor)) {
+    MD_LOG(3, "Failed to start KLV capture.\n");
+    *pExtractor = Stopped;  // KEPT: the source is linked all the same and stays open without data
+    return;
+  }
+  pExtractor->nRefCount = 1;
+  hSource->bCaptureHeld = TRUE;
+  MD_LOG(5, "KLV capture started.\n");
+  void* pvInterface = reinterpret_cast<void*>(static_cast<intptr_t>(iInterface));
+  if (__FDMGR_AddReadFD(hSet, pExtractor->iFD, _SDIDataRxCallBack, pvInterface, nullptr, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "File descriptor %d added to read set. We will call _SDIDataRxCallBack.\n", pExtractor->iFD);
+}
+
+static void _PostThreadCond() {
+  MD_ASSERT(WaitCond_Post(&_g_MetaDataThreadCond));
+}
+
+static void _HandleAddFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+  MD_LOG(6, "Received EVENTID_ADD_FD.\n");
+  switch (hSource->Config.enInputType) {
+    case MDATA_INPUT_SERIAL:
+      _AddSerialSource(hSet, hSource);
+      break;
+    case MDATA_INPUT_NETWORK:
+      _AddNetworkSource(hSet, hSource);
+      break;
+    case MDATA_INPUT_VIDEO:
+      _AddVideoSource(hSet, hSource);
+      break;
+    default:
+      MD_ASSERT_UNREACHED();
+      break;
+  }
+  {
+    MdLock Lock(_g_SrcListLock);
+    FastLinkD(&g_MetaDataSrcList, &hSource->DNode);
+    hSource->bLinked = TRUE;
+  }
+  _CompleteRequest(hSource->nAddRequest);  // a source whose opener gave up is open all the same
+  _PostThreadCond();
+  if (_g_pCurrentThreadSelectTimeOut == nullptr) {
+    MD_LOG(6, "Enabling timeouts.\n");
+    _g_pCurrentThreadSelectTimeOut = &_g_ThreadSelectTimeOut;
+    _g_bSelectTimeOutChanged = TRUE;
+  }
+}
+
+static void _RemoveVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+  const int iInterface = hSource->Config.in.Video.enInputInterface;
+  VIDEO_EXTRACTOR* pExtractor = &_g_aVideoExtractors[iInterface];
+  // A source whose capture never started holds no count: it neither takes one away nor stops another's capture.
+  MD_ASSERT_TEXT(hSource->bCaptureHeld && pExtractor->nRefCount > 0,
+                 "_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount > 0");
+  if (!hSource->bCaptureHeld) return;
+  hSource->bCaptureHeld = FALSE;
+  if (--pExtractor->nRefCount > 0) {
+    MD_LOG(6, "NOT disabling KLV extraction on BNC-%d since ref count is still at %d.\n", iInterface,
+           pExtractor->nRefCount);
+    return;
+  }
+  if (__FDMGR_RemoveReadFD(hSet, pExtractor->iFD, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "File descriptor removed from read set.\n");
+  pExtractor->iFD = -1;
+  MD_LOG(5, "Disabling KLV extraction on BNC-%d since ref count is at zero.\n", iInterface);
+  KLVCAPTURE_Stop(iInterface);
+}
+
+static void _RemoveDescriptors(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+  const bool bNetwork = hSource->Config.enInputType == MDATA_INPUT_NETWORK;
+  const int iFD = hSource->iFD;
+  if (iFD >= 0 && __FDMGR_RemoveReadFD(hSet, iFD, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "%s %d removed from read set.\n", bNetwork ? "IPv4 socket" : "File descriptor", iFD);
+  const int iFDv6 = hSource->iFDv6;
+  if (bNetwork && iFDv6 >= 0 && __FDMGR_RemoveReadFD(hSet, iFDv6, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "IPv6 socket %d removed from read set.\n", iFDv6);
+}
+
+static void _UnlinkSource(MDATA_SRC_HANDLE hSource) {
+  MdLock Lock(_g_SrcListLock);
+  if (!hSource->bLinked) return;
+  FastUnlinkD(&g_MetaDataSrcList, &hSource->DNode);
+  hSource->bLinked = FALSE;
+}
+
+// Takes the source off the read set and the list. One that was never added is not in them, which does no harm.
+static void _DetachSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+  if (hSource->Config.enInputType == MDATA_INPUT_VIDEO)
+    _RemoveVideoSource(hSet, hSource);
+  else
+    _RemoveDescriptors(hSet, hSource);
+  _UnlinkSource(hSource);
+}
+
+static void _DisableTimeoutsIfIdle() {
+  if (g_MetaDataSrcList.pHead != nullptr || _g_pCurrentThreadSelectTimeOut == nullptr) return;
+  MD_LOG(6, "Disabling timeouts since there are no metadata FDs left.\n");
+  _g_pCurrentThreadSelectTimeOut = nullptr;
+  _g_bSelectTimeOutChanged = TRUE;
+}
+
+static void _HandleRemoveFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+  MD_LOG(6, "Received EVENTID_REMOVE_FD.\n");
+  _DetachSource(hSet, hSource);
+  // From here on the record belongs to the closer, unless it gave up: then the close is finished here.
+  const bool bAbandoned = _CompleteRequest(hSource->nRemoveRequest);
+  _PostThreadCond();
+  _DisableTimeoutsIfIdle();
+  if (bAbandoned) _ReleaseSource(hSource);
+}
+
+static void _HandleShutdown() {
+  MD_LOG(6, "Received EVENTID_SHUTDOWN_THREAD.\n");
+  MdStoreRelease(_g_bShutdownThread, TRUE);
+  _CompleteRequest(_g_nShutdownRequest);
+  _PostThreadCond();
+}
+
+// Receives and carries out one message; FALSE when none waits.
+static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox) {
+  HMBOXMSG hMsg = nullptr;
+  if (!MBOX_RecvMessage(hMBox, &hMsg)) return false;
+  const MBOX_MSGHEADER* pHeader = MBOX_GetMessageHeader(hMsg);
+  switch (pHeader->dwEventID) {
+    case EVENTID_ADD_FD:
+      _HandleAddFD(hSet, static_cast<MDATA_SRC_HANDLE>(pHeader->pvParam1));
+      break;
+    case EVENTID_REMOVE_FD:
+      _HandleRemoveFD(hSet, static_cast<MDATA_SRC_HANDLE>(pHeader->pvParam1));
+      break;
+    case EVENTID_SHUTDOWN_THREAD:
+      _HandleShutdown();
+      break;
+    default:
+      MD_ASSERT_UNREACHED();
+      break;
+  }
+  MBOX_FreeMessage(hMsg);
+  return true;
+}
+
+void _MetaDataControlCallBack(HFDSET hSet, int, int, void* pvParam1, void*) {
+  MD_LOG(6, "Called.\n");
+  _HandleControlMessage(hSet, static_cast<HMBOX>(pvParam1));
+}
+
+// Leaves a close that no message names to the metadata thread. Closing thread.
+static void _LeaveForSweep(MDATA_SRC_HANDLE hSource) {
+  MdLock Lock(_g_SrcListLock);
+  hSource->pNextSweep = _g_pSweepList;
+  MdStoreRelease(_g_pSweepList, hSource);
+}
+
+// Finishes the closes that no message names. A record that a queued message still names waits for that one, unless
+// the thread has ended. Metadata thread, and the thread that joined it.
+static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded) {
+  if (MdLoadAcquire(_g_pSweepList) == nullptr) return;
+  MDATA_SRC_HANDLE hSource = nullptr;
+  {
+    MdLock Lock(_g_SrcListLock);
+    hSource = _g_pSweepList;
+    _g_pSweepList = nullptr;
+  }
+  while (hSource != nullptr) {
+    const MDATA_SRC_HANDLE hNext = hSource->pNextSweep;
+    if (!bThreadEnded && MdLoadAcquire(hSource->nAddRequest) == REQUEST_ABANDONED) {
+      _LeaveForSweep(hSource);
+    } else {
+      _DetachSource(hSet, hSource);
+      _ReleaseSource(hSource);
+      _DisableTimeoutsIfIdle();
+    }
+    hSource = hNext;
+  }
+}
+
+// =====================================================================================================
+// 6. Sources: look-ups, receive sockets, inserts. Run on the opener's thread under g_MetaDataAPIMutex; the look-ups
+//    take _g_SrcListLock, because a close on another thread lets the metadata thread change the list meanwhile.
+// =====================================================================================================
+
+namespace {
+
+// What a look-up is after.
+struct SourceQuery {
+  int enInputType;
+  USHORT usPort;  // network sources only
+};
+
+}  // namespace
+
+static bool _Matches(const MDATA_SRC_CFG& Config, const SourceQuery& Query) {
+  if (Config.enInputType != Query.enInputType) return false;
+  return Query.enInputType != MDATA_INPUT_NETWORK || Config.in.Network.usUDPPort == Query.usPort;
+}
+
+static MDATA_SRC_HANDLE _FindSource(const SourceQuery& Query) {
+  MdLock Lock(_g_SrcListLock);
+  for (const FNODE_D* pNode = g_MetaDataSrcList.pHead; pNode != nullptr; pNode = pNode->pNext) {
+    if (_Matches(_SourceOf(pNode)->Config, Query)) return _SourceOf(pNode);
+  }
+  return nullptr;
+}
+
+static BOOL _Locate(const SourceQuery& Query, MDATA_SRC_HANDLE* ppSrc) {
+  const MDATA_SRC_HANDLE hFound = _FindSource(Query);
+  if (ppSrc != nullptr) *ppSrc = hFound;
+  if (hFound != nullptr)
+    MD_LOG(7, "Source located, returning handle at %p.\n", static_cast<void*>(hFound));
+  else
+    MD_LOG(7, "Source NOT located.\n");
+  return hFound != nullptr ? TRUE : FALSE;
+}
+
+BOOL _LocateSerialDataSrc(MDATA_SRC_HANDLE* ppSrc) {
+  MD_LOG(7, "Attempting to locate serial data source.\n");
+  return _Locate({MDATA_INPUT_SERIAL, 0}, ppSrc);
+}
+
+// KEPT: neither data type nor address family matters, so one source holds a port for both families.
+BOOL _LocateDataSrcByUDPPort(USHORT usPort, MDATA_SRC_HANDLE* ppSrc) {
+  MD_LOG(7, "Attempting to locate data source by UDP port (%d).\n", usPort);
+  return _Locate({MDATA_INPUT_NETWORK, usPort}, ppSrc);
+}
+
+// Which families the configuration asks for and the library was started with.
+static void _ChooseFamilies(const MDATA_SRC_CFG* pCfg, bool* pbIPv4, bool* pbIPv6) {
+  const bool bIPv4Cap = (g_dwLibCaps & METADATALIB_CAPS_IPV4_SUPPORT) != 0;
+  const bool bIPv6Cap = (g_dwLibCaps & METADATALIB_CAPS_IPV6_SUPPORT) != 0;
+  const int iFamily = pCfg->in.Network.iSrcAddressFamily;
+  *pbIPv4 = bIPv4Cap && (iFamily == AF_INET || iFamily == 0);
+  *pbIPv6 = bIPv6Cap && (iFamily == AF_INET6 || iFamily == 0);
+  if (iFamily == AF_INET && !bIPv4Cap)
+    MD_LOG(4, "AF_INET family specified but library initialized without IPv4 support.\n");
+  if (iFamily == AF_INET6 && !bIPv6Cap)
+    MD_LOG(4, "AF_INET6 family specified but library initialized without IPv6 support.\n");
+  if (iFamily != AF_INET && iFamily != AF_INET6 && iFamily != 0)
+    MD_TEXT_ASSERT("Invalid iSrcAddressFamily (%d) detected.\n", iFamily);
+}
+
+static void _CreateIPv6Socket(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg) {
+  DWORD dwFlags = _IsTTLDetectionNeeded(pHandle) ? HOST_UDPV6_RX_HOPLIMIT : 0;
+  if (_IsTOSDetectionNeeded(pHandle)) dwFlags |= HOST_UDPV6_RX_TRAFFIC_CLASS;
+  if (CreateUDPv6RxSocket(pCfg->in.Network.usUDPPort, dwFlags, &pHandle->iFDv6)) {
+    MD_LOG(5, "Successfully created IPv6 receiver socket %d.\n", pHandle->iFDv6);
+    return;
+  }
+  pHandle->iFDv6 = -1;
+  MD_LOG(3, "Failed to create IPv6 socket.\n");
+}
+
+static void _CreateIPv4Socket(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg) {
+  if (CreateUDPRxSocket(pCfg->in.Network.usUDPPort, pCfg->in.Network.acSrcAddress, &pHandle->iFD)) {
+    MD_LOG(5, "Successfully created IPv4 receiver socket %d.\n", pHandle->iFD);
+    return;
+  }
+  pHandle->iFD = -1;
+  MD_LOG(3, "Failed to create IPv4 socket.\n");
+}
+
+BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg) {
+  pHandle->iFD = -1;
+  pHandle->iFDv6 = -1;
+  pHandle->iSourceAddressFamily = 0;
+  bool bIPv4 = false;
+  bool bIPv6 = false;
+  _ChooseFamilies(pCfg, &bIPv4, &bIPv6);
+  if (bIPv6) _CreateIPv6Socket(pHandle, pCfg);
+  if (bIPv4) _CreateIPv4Socket(pHandle, pCfg);
+  return pHandle->iFD >= 0 || pHandle->iFDv6 >= 0 ? TRUE : FALSE;
+}
+
+BOOL _AllocKLVInserts(MDATA_SRC_HANDLE pHandle) {
+  const MDATA_SRC_CFG* pCfg = &pHandle->Config;
+  pHandle->pSecurityMDataSet = nullptr;
+  if (pCfg->bClassifyMission) {
+    pHandle->pSecurityMDataSet =
+        AllocSecurityMetadata(pCfg->enClassification, pCfg->szClassifyingCountry, pCfg->szObjectCountry);
+    if (pHandle->pSecurityMDataSet == nullptr) return FALSE;
+    pHandle->nSecurityMDataSetSize = pHandle->pSecurityMDataSet->Length + 2;
+  }
+  if (pCfg->szMissionID[0] == '\0') return TRUE;
+  pHandle->pMissionID = AllocMissionID(pCfg->szMissionID);
+  if (pHandle->pMissionID == nullptr) {
+    free(pHandle->pSecurityMDataSet);
+    pHandle->pSecurityMDataSet = nullptr;
+    return FALSE;
+  }
+  pHandle->nMissionIDElementSize = pHandle->pMissionID->cLength + 2;
+  return TRUE;
+}
+
+template <size_t nSize>
+static void _Terminate(char (&szText)[nSize]) {
+  szText[nSize - 1] = '\0';
+}
+
+// A zero-filled record with its own copy of the configuration, in which every text ends; everything else of the
+// source is built from that copy. NULL without memory.
+static MDATA_SRC_HANDLE _AllocSource(const MDATA_SRC_CFG* pCfg) {
+  const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(calloc(1, sizeof(tagMDATA_SRC_HANDLE)));
+  if (pHandle == nullptr) return nullptr;
+  FastInitNode(&pHandle->DNode, pHandle);
+  memcpy(&pHandle->dwSignature, "HMDT", sizeof(pHandle->dwSignature));
+  pHandle->iFD = -1;
+  pHandle->iFDv6 = -1;
+  pHandle->Config = *pCfg;
+  _Terminate(pHandle->Config.szMissionID);
+  _Terminate(pHandle->Config.szClassifyingCountry);
+  _Terminate(pHandle->Config.szObjectCountry);
+  if (pCfg->enDataType == MDATA_DATA_COT) _Terminate(pHandle->Config.format.CoT.szSpiUid);
+  _InitRelayers(pHandle);
+  _AllocKLVInserts(pHandle);  // KEPT: the result is ignored; a source without its inserts still receives
+  __AllocCounterRateTable(5, "Metadata", &pHandle->hOutputRate);
+  return pHandle;
+}
+
+// Frees what _AllocSource made.
+static void _FreeSource(MDATA_SRC_HANDLE pHandle) {
+  free(pHandle->pSecurityMDataSet);
+  free(pHandle->pMissionID);
+  if (pHandle->hOutputRate != nullptr) DeleteCounterRateTable(pHandle->hOutputRate);
+  free(pHandle);
+}
+
+// =====================================================================================================
+// 7. Sources: opening. Runs on the encoder's thread, which holds g_MetaDataAPIMutex until the metadata thread has
+//    taken the source over.
+// =====================================================================================================
+
+namespace {
+
+// A source on its way to being open. Releases all it holds, unless the opening came to its end: an encoder that
+// tries again and again must not run out of descriptors.
+class OpeningSource {
+ public:
+  explicit OpeningSource(const MDATA_SRC_CFG* pConfig) : pCfg(pConfig) {
+    for (int& iSocket : aiRelaySockets) iSocket = -1;
+  }
+  ~OpeningSource();
+  OpeningSource(const OpeningSource&) = delete;
+  OpeningSource& operator=(const OpeningSource&) = delete;
+
+  bool Alloc() {
+    pHandle = _AllocSource(pCfg);
+    return pHandle != nullptr;
+  }
+  // The relays start with the next message after this.
+  MDATA_SRC_HANDLE Finish();
+
+  const MDATA_SRC_CFG* const pCfg;
+  MDATA_SRC_HANDLE pHandle = nullptr;
+  int aiRelaySockets[MDATA_MAX_RELAYS];
+  bool bXMLOutOpened = false;
+};
+
+}  // namespace
+
+static void _FreeDecoding(MDATA_SRC_HANDLE pHandle) {
+  if (pHandle->pvDecodeCtxt != nullptr) {
+    if (pHandle->Config.enDataType == MDATA_DATA_COT)
+      FreeCotDecodeContext(&pHandle->pvDecodeCtxt);
+    else
+      FreeKlvDecodeContext(&pHandle->pvDecodeCtxt);
+  }
+  if (pHandle->hConverter != nullptr) FreeCoT2KLVConvert(&pHandle->hConverter);
+}
+
+OpeningSource::~OpeningSource() {
+  for (int& iSocket : aiRelaySockets) _CloseDescriptor(iSocket);
+  if (pHandle == nullptr) return;
+  if (bXMLOutOpened) _ReplaceXMLOutFile(nullptr);
+  _CloseFile(pHandle->CaptureFP);
+  _CloseDescriptor(pHandle->iFD);
+  _CloseDescriptor(pHandle->iFDv6);
+  _FreeDecoding(pHandle);
+  _FreeSource(pHandle);
+}
+
+MDATA_SRC_HANDLE OpeningSource::Finish() {
+  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
+    MdStoreRelease(pHandle->Relayers[i].iRelaySocket, aiRelaySockets[i]);
+    aiRelaySockets[i] = -1;
+  }
+  MDATA_SRC_HANDLE hOpened = pHandle;
+  pHandle = nullptr;
+  return hOpened;
+}
+
+// A source whose decoder could not be made opens deaf: what arrives is dropped.
+static void _ClearHandlersWithoutContext(MDATA_SRC_HANDLE pHandle) {
+  if (pHandle->pvDecodeCtxt != nullptr) return;
+  pHandle->pfnDataRxHandler = nullptr;
+  pHandle->pfnResetStatsHandler = nullptr;
+  pHandle->pfnSetStatsHandler = nullptr;
+}
+
+static void _SetUpKLVDecoding(MDATA_SRC_HANDLE pHandle) {
+  MD_ASSERT(AllocKlvDecodeContext(&pHandle->pvDecodeCtxt, _KLV_RxCallBack, pHandle));
+  pHandle->pfnResetStatsHandler = GenericKLV_ResetStats;
+  pHandle->pfnSetStatsHandler = GenericKLV_SetStats;
+  _ClearHandlersWithoutContext(pHandle);
+}
+
+static void _SetUpConverter(MDATA_SRC_HANDLE pHandle) {
+  const MDATA_COT_CFG& CoT = pHandle->Config.format.CoT;
+  MD_LOG(6, "Setting AirCraft SPI max delta to %d ms.\n", static_cast<int>(CoT.nMaxAirCraftSPITimeDeltaInMs));
+  // KEPT: milliseconds times 1000 in 32 bits, which wraps above 4 294 967 ms.
+  const DWORD nDeltaInUs = static_cast<DWORD>(CoT.nMaxAirCraftSPITimeDeltaInMs) * 1000u;
+  const BOOL bAllocated =
+      AllocCoT2KLVConvert(&pHandle->hConverter, static_cast<int32_t>(nDeltaInUs), CoT.szSpiUid, CoT.bSensorDiscovery);
+  MD_ASSERT_TEXT(
+      bAllocated,
+      "AllocCoT2KLVConvert(&pHandle->hConverter, pCfg->format.CoT.nMaxAirCraftSPITimeDeltaInMs * 1000, pCfg->format.CoT.szSpiUid, pCfg->format.CoT.bSensorDiscovery)");
+}
+
+static void _SetUpCoTDecoding(MDATA_SRC_HANDLE pHandle) {
+  MD_ASSERT(AllocCotDecodeContext(&pHandle->pvDecodeCtxt, _CoT_RxCallBack, pHandle));
+  pHandle->pfnResetStatsHandler = COT_ResetStats;
+  pHandle->pfnSetStatsHandler = COT_SetStats;
+  _ClearHandlersWithoutContext(pHandle);
+  _SetUpConverter(pHandle);
+}
+
+static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE pHandle) {
+  switch (pHandle->Config.enDataType) {
+    case MDATA_DATA_COT:
+      // KEPT: without CoT support the source opens deaf; CoT over UDP is not tested for it.
+      if (!_g_bCoTSupportEnabled) {
+        MD_ASSERT_UNREACHED();
+        return true;
+      }
+      pHandle->pfnDataRxHandler = COT_ProcessRxData;
+      _SetUpCoTDecoding(pHandle);
+      return true;
+    case MDATA_DATA_KLV:
+      pHandle->pfnDataRxHandler = GenericKLV_ProcessRxData;
+      _SetUpKLVDecoding(pHandle);
+      return true;
+    default:
+      MD_ASSERT_UNREACHED();
+      return false;
+  }
+}
+
+// KEPT: both files are opened for a source of either data type.
+static void _OpenSerialCapture(OpeningSource& Opening) {
+  Opening.pHandle->CaptureFP = _OpenCaptureFile("/tmp/rawserial.txt");
+  MD_LOG(5, "RAW serial input fp=%p.\n", static_cast<void*>(Opening.pHandle->CaptureFP));
+  Opening.pHandle->nRawOutputOffset = 0;
+  FILE* pXMLOut = _OpenCaptureFile("/tmp/cotxml.txt");
+  MD_LOG(5, "COT XML input fp=%p.\n", static_cast<void*>(pXMLOut));
+  _ReplaceXMLOutFile(pXMLOut);
+  Opening.bXMLOutOpened = true;
+}
+
+static bool _OpenSerialSource(OpeningSource& Opening) {
+  MD_LOG(6, "Serial input using device \"%s\".\n", kSerialDevice);
+  if (_LocateSerialDataSrc(nullptr)) {
+    MD_LOG(6, "Source already exists.\n");  // KEPT: one serial source at a time, whatever its data type
+    return false;
+  }
+  MD_LOG(6, "Allocating new metadata source handle.\n");
+  if (!Opening.Alloc()) return false;
+  const MDATA_SRC_HANDLE pHandle = Opening.pHandle;
+  if (!_SetUpSerialDecoding(pHandle)) return false;
+  MD_LOG(7, "New handle allocated and linked.\n");
+
+  if (!OpenSerialPortDevice(kSerialDevice, &pHandle->iFD)) {
+    pHandle->iFD = -1;
+    MD_LOG(3, "Failed to open serial device.\n");
+    return false;
+  }
+  MD_LOG(5, "COM port \"%s\" opened, fd=%d.\n", kSerialDevice, pHandle->iFD);
+  if (!ConfigureSerialPort(pHandle->iFD, &pHandle->Config.in.Serial, &pHandle->OldSerPortCfg)) {
+    MD_LOG(3, "Failed to configure serial port.\n");
+    return false;
+  }
+  MD_LOG(5, "Serial port configured.\n");
+  if (pHandle->Config.bCaptureToDisk) _OpenSerialCapture(Opening);
+  return true;
+}
+
+static void _OpenUDPCapture(MDATA_SRC_HANDLE pHandle) {
+  char szName[128] = {};
+  PrintToString(szName, static_cast<int>(sizeof(szName)), "/tmp/rawudp_%d.txt", pHandle->Config.in.Network.usUDPPort);
+  pHandle->CaptureFP = _OpenCaptureFile(szName);
+  MD_LOG(5, "RAW UDP input fp=%p.\n", static_cast<void*>(pHandle->CaptureFP));
+  pHandle->nRawOutputOffset = 0;
+}
+
+static bool _OpenNetworkSource(OpeningSource& Opening) {
+  MD_LOG(6, "Network metadata source.\n");
+  // KEPT: a port in use fails without a message.
+  if (_LocateDataSrcByUDPPort(Opening.pCfg->in.Network.usUDPPort, nullptr)) return false;
+  const bool bCoT = Opening.pCfg->enDataType == MDATA_DATA_COT;
+  if (!bCoT && Opening.pCfg->enDataType != MDATA_DATA_KLV) return false;
+  if (bCoT) MD_LOG(6, "Network CoT metadata source.\n");
+  if (!Opening.Alloc()) return false;
+  const MDATA_SRC_HANDLE pHandle = Opening.pHandle;
+  if (!_CreateUDPSourceSockets(pHandle, &pHandle->Config)) return false;
+  MD_ASSERT(_EnableTTLTOSDetectionIfNeeded(pHandle));
+  // pfnDataRxHandler stays unset: a datagram is a message, the context only counts.
+  if (bCoT)
+    _SetUpCoTDecoding(pHandle);  // KEPT: CoT support is not tested here, unlike on the serial port
+  else
+    _SetUpKLVDecoding(pHandle);
+  if (pHandle->Config.bCaptureToDisk) _OpenUDPCapture(pHandle);
+  return true;
+}
+
+// Any number of sources may share a video input.
+static bool _OpenVideoSource(OpeningSource& Opening) {
+  MD_LOG(6, "Video metadata source. KLV source is SDI.\n");
+  if (Opening.pCfg->enDataType != MDATA_DATA_KLV) return false;
+  if (!Opening.Alloc()) return false;
+  const MDATA_SRC_HANDLE pHandle = Opening.pHandle;
+  pHandle->DecimateCtrl.ActivitePTS = kNoPTS;
+  pHandle->DecimateCtrl.DecimatedPTS = kNoPTS;
+  pHandle->DecimateCtrl.nDecimatedCount = 0;
+  pHandle->DecimateCtrl.nDecimationFactor = pHandle->Config.nDecimationFactor;
+  _SetUpKLVDecoding(pHandle);
+  if (pHandle->Config.bCaptureToDisk) {
+    pHandle->CaptureFP = _OpenCaptureFile("/tmp/rawhdsdi.txt");
+    MD_LOG(5, "RAW HDSDI input fp=%p.\n", static_cast<void*>(pHandle->CaptureFP));
+    pHandle->nRawOutputOffset = 0;
+  }
+  return true;
+}
+
+static bool _OpenByInputType(OpeningSource& Opening) {
+  switch (Opening.pCfg->enInputType) {
+    case MDATA_INPUT_SERIAL:
+      return _OpenSerialSource(Opening);
+    case MDATA_INPUT_NETWORK:
+      return _OpenNetworkSource(Opening);
+    case MDATA_INPUT_VIDEO:
+      return _OpenVideoSource(Opening);
+    default:
+      MD_ASSERT_UNREACHED();
+      return false;
+  }
+}
+
+// Hands the source to the metadata thread. FALSE, silently, without memory for the message.
+static bool _HandOver(MDATA_SRC_HANDLE pHandle) {
+  MD_LOG(6, "Allocating message for processing thread.\n");
+  HMBOXMSG hMsg = _AllocControlMessage(EVENTID_ADD_FD, pHandle);
+  if (hMsg == nullptr) return false;
+  bool bSent = false;
+  if (_CallThread(hMsg, pHandle->nAddRequest, kSourceWaitMs, &bSent)) return true;
+  // KEPT: a source that the thread did not take over in time is open all the same.
+  const int iError = errno;
+  MD_LOG(3, "Wait FAILED for data source#%d, errno (%d): \"%s\".\n", pHandle->Config.nIndex, iError,
+         ErrnoText(iError).szText);
+  if (!bSent) MdStoreRelease(pHandle->nAddRequest, REQUEST_NONE);
+  return true;
+}
+
+// Everything that happens under g_MetaDataAPIMutex, after the relay sockets.
+static bool _OpenAndHandOver(OpeningSource& Opening) {
+  bool bRetCode = _OpenByInputType(Opening);
+  if (bRetCode && _g_bUsingInternalThread)
+    bRetCode = _HandOver(Opening.pHandle);
+  else
+    MD_LOG(6, "Not sending message, _g_bUsingInternalThread=%d, bRetCode=%d.\n", _g_bUsingInternalThread, bRetCode);
+  return bRetCode;
+}
+
+BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc) {
+  MD_LOG(7, "Called.\n");
+  MD_ASSERT(pCfg != NULL);
+  if (pCfg == nullptr) return FALSE;
+  const bool bSizeFits = pCfg->nSize == static_cast<int>(sizeof(*pCfg));
+  MD_ASSERT_TEXT(bSizeFits, "pCfg->nSize == sizeof(*pCfg)");
+  if (!bSizeFits) return FALSE;
+
+  OpeningSource Opening(pCfg);
+  bool bRetCode = false;
+  {
+    MdLock Lock(g_MetaDataAPIMutex);
+    if (pCfg->nNumOfRelays != 0 && !_CreateRelayingSockets(pCfg, Opening.aiRelaySockets, MDATA_MAX_RELAYS)) {
+      MD_LOG(3, "Failed to create relaying socket.\n");
+      return FALSE;
+    }
+    bRetCode = _OpenAndHandOver(Opening);
+  }
+  // KEPT: the relay sockets are stored only now, after the unlock; the thread may already receive for the source.
+  if (bRetCode) *phDataSrc = Opening.Finish();
+  MD_LOG(6, "Returning %s.\n", bRetCode ? "TRUE" : "FALSE");
+  return bRetCode ? TRUE : FALSE;
+}
+
+// =====================================================================================================
+// 8. Sources: closing. Runs on the encoder's thread without g_MetaDataAPIMutex. When that thread gave up waiting, the
+//    metadata thread does the rest.
+// =====================================================================================================
+
+static void _ReleaseDecoding(MDATA_SRC_HANDLE pHandle) {
+  switch (pHandle->Config.enDataType) {
+    case MDATA_DATA_COT:
+      _FreeDecoding(pHandle);
+      break;
+    case MDATA_DATA_KLV:
+      MD_ASSERT(FreeKlvDecodeContext(&pHandle->pvDecodeCtxt));
+      break;
+    default:
+      MD_ASSERT_UNREACHED();
+      break;
+  }
+}
+
+// KEPT: the serial port's settings from before the open are not restored.
+static void _CloseReceiveDescriptors(MDATA_SRC_HANDLE pHandle) {
+  const bool bNetwork = pHandle->Config.enInputType == MDATA_INPUT_NETWORK;
+  if (!bNetwork && pHandle->Config.enInputType != MDATA_INPUT_SERIAL) return;
+  if (pHandle->iFD >= 0) {
+    MD_LOG(6, "Closing file descriptor.\n");
+    MD_ASSERT(close(pHandle->iFD) == 0);
+    pHandle->iFD = -1;
+  }
+  if (bNetwork && pHandle->iFDv6 >= 0) {
+    MD_ASSERT(close(pHandle->iFDv6) == 0);
+    pHandle->iFDv6 = -1;
+  }
+}
+
+static void _CloseRelaySockets(MDATA_SRC_HANDLE pHandle) {
+  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
+    if (pHandle->Relayers[i].iRelaySocket >= 0) MD_ASSERT(close(pHandle->Relayers[i].iRelaySocket) == 0);
+  }
+}
+
+// Everything behind the handle, once the metadata thread does not use it any more.
+static void _ReleaseSource(MDATA_SRC_HANDLE pHandle) {
+  _ReleaseDecoding(pHandle);
+  _CloseFile(pHandle->CaptureFP);
+  _ReplaceXMLOutFile(nullptr);  // KEPT: whichever source opened it
+  _CloseReceiveDescriptors(pHandle);
+  _CloseRelaySockets(pHandle);
+  MD_ASSERT(pHandle->hOutputRate != NULL);
+  _FreeSource(pHandle);
+}
+
+// KEPT: *phDataSrc is left as it was.
+BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
+  MD_ASSERT(phDataSrc != NULL);
+  if (phDataSrc == nullptr) return FALSE;
+  MD_ASSERT(*phDataSrc != NULL);
+  MD_LOG(6, "Called.\n");
+  const MDATA_SRC_HANDLE pHandle = *phDataSrc;
+  if (pHandle == nullptr) return FALSE;
+  if (!_g_bUsingInternalThread) {
+    _UnlinkSource(pHandle);
+    _ReleaseSource(pHandle);
+    return TRUE;
+  }
+  HMBOXMSG hMsg = _AllocControlMessage(EVENTID_REMOVE_FD, pHandle);
+  if (hMsg == nullptr) {
+    MD_LOG(3, "No memory for close message.\n");
+    return FALSE;
+  }
+  const UINT32 nIndex = pHandle->Config.nIndex;  // an abandoned record may go at any moment
+  bool bSent = false;
+  if (_CallThread(hMsg, pHandle->nRemoveRequest, kSourceWaitMs, &bSent)) {
+    _ReleaseSource(pHandle);
+    return TRUE;
+  }
+  const int iError = errno;
+  MD_LOG(3, "Wait FAILED for source#%d, errno (%d): \"%s\".\n", nIndex, iError, ErrnoText(iError).szText);
+  if (!bSent) _LeaveForSweep(pHandle);
+  return TRUE;
+}
+
+// =====================================================================================================
+// 9. Statistics. Run on the encoder's threads under g_MetaDataAPIMutex while the metadata thread goes on counting:
+//    single values are whole, a record may mix values from before and after one message.
+// =====================================================================================================
+
+static bool _HasKLVInserts(const MDATA_SRC_CFG& Config) {
+  return Config.bClassifyMission || Config.szMissionID[0] != '\0';
+}
+
+static void _CopyKLVStats(MDATA_KLV_STATS* pTo, const MDATA_KLV_STATS& From) {
+  MdStore(pTo->nRxUASMessages, MdLoad(From.nRxUASMessages));
+  MdStore(pTo->nInvalidUASMessages, MdLoad(From.nInvalidUASMessages));
+  MdStore(pTo->nAddedMissionIDs, MdLoad(From.nAddedMissionIDs));
+  MdStore(pTo->nUpdatedMissionIDs, MdLoad(From.nUpdatedMissionIDs));
+  MdStore(pTo->nAddedSecuritySets, MdLoad(From.nAddedSecuritySets));
+  MdStore(pTo->nUpdatedSecuritySets, MdLoad(From.nUpdatedSecuritySets));
+}
+
+static void _GetCoTStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
+  COT_STATS Stats = {};
+  if (COT_GetStats(pHandle->pvDecodeCtxt, &Stats)) {
+    pStats->nRxBytes = Stats.nTotalRxBytes;
+    pStats->nRxOkMessages = Stats.nRxOkMessages;
+    pStats->nRxCorruptMessages = Stats.nRxCorruptedMessages;
+  }
+  pStats->prot.CoT.nConvertedKLVMessages = MdLoad(pHandle->nCoTConvertedKLVMessages);
+  pStats->prot.CoT.nConvertedKLVBytes = MdLoad(pHandle->nCoTConvertedKLVBytes);
+  if (pHandle->hConverter != nullptr) GetCoT2KLVConvertStats(pHandle->hConverter, &pStats->prot.CoT);
+}
+
+static void _GetKLVStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
+  KLV_STATS Stats = {};
+  if (GenericKLV_GetStats(pHandle->pvDecodeCtxt, &Stats)) {
+    pStats->nRxBytes = Stats.nTotalRxBytes;
+    pStats->nRxOkMessages = Stats.nRxOkMessages;
+    pStats->nRxCorruptMessages = Stats.nRxCorruptedMessages;
+  }
+  // KEPT: without inserts the caller's values stay, also when tag filters rewrite.
+  if (_HasKLVInserts(pHandle->Config)) _CopyKLVStats(&pStats->prot.KLV, pHandle->KLVStats);
+}
+
+static void _GetSenderStats(MDATA_SRC_HANDLE pHandle, MDATA_INET_STATS* pStats) {
+  MdLock Lock(_g_SenderLock);
+  pStats->iSourceAddressFamily = pHandle->iSourceAddressFamily;
+  switch (pHandle->iSourceAddressFamily) {
+    case AF_INET:
+      memcpy(pStats->SourceAddress, pHandle->acSourceAddress, 4);
+      break;
+    case AF_INET6:
+      memcpy(pStats->SourceAddress, pHandle->acSourceAddress, 16);
+      break;
+    default:
+      pStats->iSourceAddressFamily = 0;
+      memset(pStats->SourceAddress, 0, sizeof(pStats->SourceAddress));
+      break;
+  }
+}
+
+static void _GetRelayStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
+  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
+    const RELAYER& Relayer = pHandle->Relayers[i];
+    pStats->Relays[i].nRelayedBytes = MdLoad(Relayer.nRelayedBytes);
+    pStats->Relays[i].nRelayedMessages = MdLoad(Relayer.nRelayedMessages);
+    pStats->Relays[i].nRelayErrors = MdLoad(Relayer.nRelayErrors);
+    pStats->Relays[i].iLastRelayError = MdLoad(Relayer.iLastRelayError);
+    pStats->Relays[i].iLastRelayErrorTime = MdLoad(Relayer.iLastRelayErrorTime);
+  }
+}
+
+// KEPT: without detection the last update's time stays the caller's.
+static void _GetDetectionStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
+  pStats->iSrcTTL = pHandle->bDetectTTL ? MdLoad(pHandle->SourceTTL) : -1;
+  pStats->nTTLUpdates = pHandle->bDetectTTL ? MdLoad(pHandle->nSourceTTLUpdates) : 0;
+  if (pHandle->bDetectTTL) pStats->nLastTTLUpdateUpTimeInSecs = MdLoad(pHandle->nLastSourceTTLUpdateUpTimeInSecs);
+  pStats->iSrcTOS = pHandle->bDetectTOS ? MdLoad(pHandle->SourceTOS) : -1;
+  pStats->nTOSUpdates = pHandle->bDetectTOS ? MdLoad(pHandle->nSourceTOSUpdates) : 0;
+  if (pHandle->bDetectTOS) pStats->nLastTOSUpdateUpTimeInSecs = MdLoad(pHandle->nLastSourceTOSUpdateUpTimeInSecs);
+}
+
+// KEPT: the record is not cleared first, and nSize is neither filled nor tested.
+BOOL MetaData_GetSourceStats(HMDATASRC hDataSrc, MDATA_SRC_STATS* pStats) {
+  const MDATA_SRC_HANDLE pHandle = hDataSrc;
+  MdLock Lock(g_MetaDataAPIMutex);
+  // A source that opened deaf has no counters.
+  MD_ASSERT(pHandle->pvDecodeCtxt != NULL);
+  if (pHandle->pvDecodeCtxt == nullptr) return TRUE;
+  if (pHandle->Config.enDataType == MDATA_DATA_COT)
+    _GetCoTStats(pHandle, pStats);
+  else if (pHandle->Config.enDataType == MDATA_DATA_KLV)
+    _GetKLVStats(pHandle, pStats);
+  if (pHandle->Config.enInputType == MDATA_INPUT_NETWORK) _GetSenderStats(pHandle, &pStats->in.Network);
+  _GetRelayStats(pHandle, pStats);
+  _GetDetectionStats(pHandle, pStats);
+  UINT32 nRate = 0;
+  if (pHandle->hOutputRate != nullptr) GetCounterRate(pHandle->hOutputRate, 1, &nRate);
+  pStats->nBitRateInKbps = nRate;
+  return TRUE;
+}
+
+static void _StoreRelayStats(RELAYER* pRelayer, const MDATA_RELAY_STATS& Stats) {
+  MdStore(pRelayer->nRelayedBytes, Stats.nRelayedBytes);
+  MdStore(pRelayer->nRelayedMessages, Stats.nRelayedMessages);
+  MdStore(pRelayer->nRelayErrors, Stats.nRelayErrors);
+  MdStore(pRelayer->iLastRelayError, Stats.iLastRelayError);
+  MdStore(pRelayer->iLastRelayErrorTime, Stats.iLastRelayErrorTime);
+}
+
+BOOL MetaData_ResetSourceStats(HMDATASRC hDataSrc) {
+  const MDATA_SRC_HANDLE pHandle = hDataSrc;
+  MdLock Lock(g_MetaDataAPIMutex);
+  MD_ASSERT(pHandle->pfnResetStatsHandler != NULL);
+  if (pHandle->pfnResetStatsHandler == nullptr) return TRUE;
+  pHandle->pfnResetStatsHandler(pHandle->pvDecodeCtxt);
+  MdStore(pHandle->nCoTConvertedKLVMessages, 0);
+  MdStore(pHandle->nCoTConvertedKLVBytes, 0);
+  if (pHandle->Config.enDataType == MDATA_DATA_COT) {
+    if (pHandle->hConverter != nullptr) ResetCoT2KLVConvertStats(pHandle->hConverter);
+  } else if (pHandle->Config.enDataType == MDATA_DATA_KLV) {
+    GenericKLV_ResetStats(pHandle->pvDecodeCtxt);  // KEPT: a second reset of the same counters
+  }
+  // KEPT: all relayers, configured or not.
+  for (RELAYER& Relayer : pHandle->Relayers) _StoreRelayStats(&Relayer, {});
+  // KEPT: the detected TTL and TOS and their times stay.
+  MdStore(pHandle->nSourceTOSUpdates, 0);
+  MdStore(pHandle->nSourceTTLUpdates, 0);
+  _CopyKLVStats(&pHandle->KLVStats, {});
+  if (pHandle->hOutputRate != nullptr) ResetCounterRateTable(pHandle->hOutputRate);
+  return TRUE;
+}
+
+static void _SetProtocolStats(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_STATS* pStats) {
+  if (pHandle->Config.enDataType == MDATA_DATA_KLV) {
+    _CopyKLVStats(&pHandle->KLVStats, pStats->prot.KLV);
+    return;
+  }
+  if (pHandle->Config.enDataType != MDATA_DATA_COT || pHandle->hConverter == nullptr) return;
+  MDATA_COT_STATS CoT = {};  // KEPT: three of the counters are handed on
+  CoT.nRxSPIMessages = pStats->prot.CoT.nRxSPIMessages;
+  CoT.nRxAirCraftMessages = pStats->prot.CoT.nRxAirCraftMessages;
+  CoT.nFilteredRxSPIMessages = pStats->prot.CoT.nFilteredRxSPIMessages;
+  SetCoT2KLVConvertStats(pHandle->hConverter, &CoT);
+}
+
+BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) {
+  const MDATA_SRC_HANDLE pHandle = hDataSrc;
+  MdLock Lock(g_MetaDataAPIMutex);
+  MD_ASSERT(pHandle->pfnSetStatsHandler != NULL);
+  if (pHandle->pfnSetStatsHandler == nullptr) return TRUE;
+  pHandle->pfnSetStatsHandler(pHandle->pvDecodeCtxt, pStats);
+  // KEPT: for every data type; with a KLV source these places of the union hold KLV counters.
+  MdStore(pHandle->nCoTConvertedKLVBytes, pStats->prot.CoT.nConvertedKLVBytes);
+  MdStore(pHandle->nCoTConvertedKLVMessages, pStats->prot.CoT.nConvertedKLVMessages);
+  if (pHandle->Config.enInputType == MDATA_INPUT_NETWORK) {
+    MdLock SenderLock(_g_SenderLock);
+    memcpy(pHandle->acSourceAddress, pStats->in.Network.SourceAddress, sizeof(pHandle->acSourceAddress));
+    // KEPT: the family is not restored
+  }
+  _SetProtocolStats(pHandle, pStats);
+  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) _StoreRelayStats(&pHandle->Relayers[i], pStats->Relays[i]);
+  MdStore(pHandle->SourceTTL, pStats->iSrcTTL);
+  MdStore(pHandle->SourceTOS, pStats->iSrcTOS);
+  MdStore(pHandle->nSourceTTLUpdates, pStats->nTTLUpdates);
+  MdStore(pHandle->nLastSourceTTLUpdateUpTimeInSecs, pStats->nLastTTLUpdateUpTimeInSecs);
+  MdStore(pHandle->nSourceTOSUpdates, pStats->nTOSUpdates);
+  MdStore(pHandle->nLastSourceTOSUpdateUpTimeInSecs, pStats->nLastTOSUpdateUpTimeInSecs);
+  return TRUE;  // KEPT: the rate counter goes on
+}
+
+// =====================================================================================================
+// 10. UDP reception, TTL and TOS detection. Receiving runs on the metadata thread, switching the detection on in the
+//     opener. State: the record's last sender, under _g_SenderLock.
+// =====================================================================================================
+
+static bool _HoldsValue(const struct cmsghdr* pControl, size_t nValueSize) {
+  return pControl->cmsg_len >= CMSG_LEN(nValueSize);
+}
+
+static void _StoreTTL(const struct cmsghdr* pControl, BYTE* pcTTL) {
+  int iTTL = 0;
+  memcpy(&iTTL, CMSG_DATA(pControl), sizeof(iTTL));
+  if (pControl->cmsg_level == IPPROTO_IPV6) MD_LOG(7, "Got hop limit (%d) information.\n", iTTL);
+  MD_ASSERT(iTTL >= 0);
+  MD_ASSERT(iTTL < 256);
+  *pcTTL = static_cast<BYTE>(iTTL & 0xFF);
+}
+
+// KEPT: TOS is tested before TTL, so one control message fills at most one of the two.
+static void _ReadIPv4Control(const struct cmsghdr* pControl, UINT nNumber, BYTE* pcTOS, BYTE* pcTTL) {
+  if (pControl->cmsg_type == IP_TOS && pcTOS != nullptr) {
+    if (_HoldsValue(pControl, sizeof(BYTE))) *pcTOS = *CMSG_DATA(pControl);
+  } else if (pControl->cmsg_type == IP_TTL && pcTTL != nullptr) {
+    if (_HoldsValue(pControl, sizeof(int))) _StoreTTL(pControl, pcTTL);
+  } else {
+    MD_LOG(4, "ANC#%u Unknown (%d) information.\n", nNumber, pControl->cmsg_type);
+  }
+}
+
+static void _ReadIPv6Control(const struct cmsghdr* pControl, UINT nNumber, BYTE* pcTOS, BYTE* pcTTL) {
+  if (pControl->cmsg_type == IPV6_TCLASS && pcTOS != nullptr) {
+    if (!_HoldsValue(pControl, sizeof(BYTE))) return;
+    const BYTE cTrafficClass = *CMSG_DATA(pControl);
+    MD_LOG(7, "Got traffic class (%d) information.\n", cTrafficClass);
+    *pcTOS = cTrafficClass;
+  } else if (pControl->cmsg_type == IPV6_HOPLIMIT && pcTTL != nullptr) {
+    if (_HoldsValue(pControl, sizeof(int))) _StoreTTL(pControl, pcTTL);
+  } else {
+    MD_LOG(4, "ANC#%u Unknown IPv6 (%d) information.\n", nNumber, pControl->cmsg_type);
+  }
+}
+
+static void _ReadControlMessages(struct msghdr* pMessage, const struct sockaddr_storage* pFromAddr, BYTE* pcTOS,
+                                 BYTE* pcTTL) {
+  UINT nNumber = 0;
+  for (struct cmsghdr* pControl = CMSG_FIRSTHDR(pMessage); pControl != nullptr;
+       pControl = CMSG_NXTHDR(pMessage, pControl)) {
+    ++nNumber;
+    switch (pControl->cmsg_level) {
+      case IPPROTO_IP:
+        MD_LOG(7, "IPPROTO_IP.\n");
+        MD_ASSERT_TEXT(pFromAddr == nullptr || pFromAddr->ss_family == AF_INET,
+                       "((struct sockaddr *)pFromAddr)->sa_family == AF_INET");
+        _ReadIPv4Control(pControl, nNumber, pcTOS, pcTTL);
+        break;
+      case IPPROTO_IPV6:
+        MD_LOG(7, "IPPROTO_IPV6.\n");
+        MD_ASSERT_TEXT(pFromAddr == nullptr || pFromAddr->ss_family == AF_INET6,
+                       "((struct sockaddr *)pFromAddr)->sa_family == AF_INET6");
+        _ReadIPv6Control(pControl, nNumber, pcTOS, pcTTL);
+        break;
+      default:
+        MD_LOG(4, "ANC#%u Unknown level (%d) ancilliary data found.\n", nNumber, pControl->cmsg_level);
+        break;
+    }
+  }
+}
+
+int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockaddr_storage* pFromAddr, BYTE* pcTOS,
+                   BYTE* pcTTL) {
+  const bool bWantsControl = pcTOS != nullptr || pcTTL != nullptr;
+  alignas(struct cmsghdr) BYTE acControl[48] = {};
+  struct iovec Part = {pvBuffer, nBuffSize};
+  struct msghdr Message = {};
+  Message.msg_iov = &Part;
+  Message.msg_iovlen = 1;
+  if (pFromAddr != nullptr) {
+    memset(pFromAddr, 0, sizeof(*pFromAddr));
+    Message.msg_name = pFromAddr;
+    Message.msg_namelen = sizeof(*pFromAddr);
+  }
+  if (bWantsControl) {
+    Message.msg_control = acControl;
+    Message.msg_controllen = sizeof(acControl);
+  }
+  const int nResult = static_cast<int>(recvmsg(iSocket, &Message, MSG_DONTWAIT));
+  if (nResult <= 0) {
+    const int iError = errno;
+    MD_LOG(3, "recvmsg returned %d, errno=%d, \"%s\".\n", nResult, iError, ErrnoText(iError).szText);
+    errno = iError;
+    return nResult;
+  }
+  if (bWantsControl) _ReadControlMessages(&Message, pFromAddr, pcTOS, pcTTL);
+  return nResult;
+}
+
+// KEPT: only -1 asks for the socket option, while any negative value sets bDetectTTL or bDetectTOS.
+BOOL _IsTTLDetectionNeeded(MDATA_SRC_HANDLE pHandle) {
+  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
+    if (pHandle->Config.Relays[i].IpTTL == -1) return TRUE;
+  }
+  return FALSE;
+}
+
+BOOL _IsTOSDetectionNeeded(MDATA_SRC_HANDLE pHandle) {
+  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
+    if (pHandle->Config.Relays[i].IpTOS == -1) return TRUE;
+  }
+  return FALSE;
+}
+
+// KEPT: the option's value is one byte long.
+static bool _SwitchOn(int iFD, int iOption) {
+  const BYTE cOn = 1;
+  return setsockopt(iFD, IPPROTO_IP, iOption, &cOn, sizeof(cOn)) == 0;
+}
+
+// KEPT: the IPv4 socket only; IPv6 reports what the host's socket was made for.
+BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE pHandle) {
+  BOOL bRetCode = TRUE;
+  const int iFD = pHandle->iFD;
+  if (_IsTTLDetectionNeeded(pHandle) && iFD >= 0) {
+    if (_SwitchOn(iFD, IP_RECVTTL)) {
+      MD_LOG(5, "Successfully set IP_RECVTTL socket option.\n");
+    } else {
+      const int iError = errno;
+      bRetCode = FALSE;
+      MD_LOG(3, "Unable to set IP_RECVTTL socket option, errno (%d): \"%s\".\n", iError, ErrnoText(iError).szText);
+    }
+  }
+  if (_IsTOSDetectionNeeded(pHandle) && iFD >= 0) {
+    if (_SwitchOn(iFD, IP_RECVTOS)) {
+      MD_LOG(5, "Successfully set IP_RECVTOS socket option.\n");
+    } else {
+      const int iError = errno;
+      bRetCode = FALSE;
+      MD_LOG(3, "Unable to set IP_RECVTOS socket option, errno (%d): \"%s\".\n", iError, ErrnoText(iError).szText);
+    }
+  }
+  return bRetCode;
+}
+
+static void _RecordSender(MDATA_SRC_HANDLE hSource, int iFamily, const void* pvAddress, size_t nSize) {
+  MdLock Lock(_g_SenderLock);
+  hSource->iSourceAddressFamily = iFamily;
+  memcpy(hSource->acSourceAddress, pvAddress, nSize);
+}
+
+// KEPT: 0 and everything from 224 up, groups and reserved addresses alike, accepts every sender.
+static bool _AcceptsIPv4(const BYTE* pcConfigured, const void* pvSender) {
+  const bool bUnicast = pcConfigured[0] != 0 && pcConfigured[0] < 224;
+  return !bUnicast || memcmp(pcConfigured, pvSender, 4) == 0;
+}
+
+// KEPT: no exception for multicast.
+static bool _AcceptsIPv6(const BYTE* pcConfigured, const void* pvSender) {
+  return memcmp(pcConfigured, _acAnyAddress, 16) == 0 || memcmp(pcConfigured, pvSender, 16) == 0;
+}
+
+// KEPT: the configured address is compared with family 0 too.
+BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr) {
+  const int iConfigured = hSource->Config.in.Network.iSrcAddressFamily;
+  const BYTE* pcConfigured = hSource->Config.in.Network.acSrcAddress;
+  if (pAddr->ss_family == AF_INET && (iConfigured == AF_INET || iConfigured == 0)) {
+    struct sockaddr_in Sender = {};
+    memcpy(&Sender, pAddr, sizeof(Sender));
+    if (_AcceptsIPv4(pcConfigured, &Sender.sin_addr)) {
+      MD_LOG(7, "IPv4 packet is for us.\n");
+      _RecordSender(hSource, AF_INET, &Sender.sin_addr, 4);
+      return TRUE;
+    }
+  } else if (pAddr->ss_family == AF_INET6 && (iConfigured == AF_INET6 || iConfigured == 0)) {
+    struct sockaddr_in6 Sender = {};
+    memcpy(&Sender, pAddr, sizeof(Sender));
+    if (_AcceptsIPv6(pcConfigured, &Sender.sin6_addr)) {
+      MD_LOG(7, "IPv6 packet is for us.\n");
+      _RecordSender(hSource, AF_INET6, &Sender.sin6_addr, 16);
+      return TRUE;
+    }
+  }
+  MD_LOG(7, "It's NOT for us.\n");
+  return FALSE;
+}
+
+// =====================================================================================================
+// 11. Relaying. Sockets are made in the opener; sending runs on the metadata thread, which owns the relays' state.
+// =====================================================================================================
+
+namespace {
+
+// One relay while its socket is being made.
+struct RelaySetup {
+  const MDATA_RELAY_CFG* pCfg;
+  UINT32 nScopeID;  // of "eth0", for IPv6 destinations
+  int iNumber;      // from 1
+  int iCount;
+  int iSocket;
+};
+
+}  // namespace
+
+static bool _IsMulticast(const MDATA_RELAY_CFG& Relay) {
+  if (Relay.iDestAddressFamily == AF_INET) return (Relay.acDestAddress[0] & 0xE0) == 0xE0;
+  return Relay.acDestAddress[0] == 0xFF;
+}
+
+static bool _SetIntOption(int iSocket, int iLevel, int iOption, int iValue) {
+  return setsockopt(iSocket, iLevel, iOption, &iValue, sizeof(iValue)) == 0;
+}
+
+void _InitRelayers(MDATA_SRC_HANDLE pHandle) {
+  MdStore(pHandle->SourceTTL, -1);
+  MdStore(pHandle->SourceTOS, -1);
+  // KEPT: all eight slots, configured or not, and any negative value.
+  for (int i = 0; i < MDATA_MAX_RELAYS; ++i) {
+    MdStore(pHandle->Relayers[i].iRelaySocket, -1);
+    pHandle->Relayers[i].CurrentRelayTTL = -1;
+    if (pHandle->Config.Relays[i].IpTOS < 0) pHandle->bDetectTOS = TRUE;
+    if (pHandle->Config.Relays[i].IpTTL < 0) pHandle->bDetectTTL = TRUE;
+  }
+}
+
+// KEPT: "multcast" and "hopes" are spelt so, and IPv6 multicast succeeds silently.
+static bool _SetUpIPv4TTL(const RelaySetup& Relay) {
+  const int iTTL = Relay.pCfg->IpTTL;
+  const bool bMulticast = _IsMulticast(*Relay.pCfg);
+  const bool bSet = _SetIntOption(Relay.iSocket, IPPROTO_IP, bMulticast ? IP_MULTICAST_TTL : IP_TTL, iTTL);
+  const int iError = errno;
+  if (!bSet && bMulticast)
+    MD_LOG(3, "Failed to set multicast TTL to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", iTTL, Relay.iSocket,
+           Relay.iNumber, Relay.iCount, iError, ErrnoText(iError).szText);
+  else if (!bSet)
+    MD_LOG(3, "Failed to set unicast TTL to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", iTTL, Relay.iSocket,
+           Relay.iNumber, Relay.iCount, iError, ErrnoText(iError).szText);
+  else if (bMulticast)
+    MD_LOG(6, "Successfully set multcast TTL on socket %d (%d/%d) to %d.\n", Relay.iSocket, Relay.iNumber, Relay.iCount,
+           iTTL);
+  else
+    MD_LOG(6, "Successfully set unicast TTL on socket %d (%d/%d) to %d.\n", Relay.iSocket, Relay.iNumber, Relay.iCount,
+           iTTL);
+  return bSet;
+}
+
+static bool _SetUpIPv6Hops(const RelaySetup& Relay) {
+  const int iHops = Relay.pCfg->IpTTL;
+  const bool bMulticast = _IsMulticast(*Relay.pCfg);
+  const int iOption = bMulticast ? IPV6_MULTICAST_HOPS : IPV6_UNICAST_HOPS;
+  const bool bSet = _SetIntOption(Relay.iSocket, IPPROTO_IPV6, iOption, iHops);
+  const int iError = errno;
+  if (!bSet && bMulticast)
+    MD_LOG(3, "Failed to set IPv6 multicast hops to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", iHops,
+           Relay.iSocket, Relay.iNumber, Relay.iCount, iError, ErrnoText(iError).szText);
+  else if (!bSet)
+    MD_LOG(3, "Failed to set IPv6 unicast hops to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", iHops, Relay.iSocket,
+           Relay.iNumber, Relay.iCount, iError, ErrnoText(iError).szText);
+  else if (!bMulticast)
+    MD_LOG(6, "Successfully set IPv6 unicast hopes on socket %d (%d/%d) to %d.\n", Relay.iSocket, Relay.iNumber,
+           Relay.iCount, iHops);
+  return bSet;
+}
+
+static bool _SetUpRelayTOS(const RelaySetup& Relay) {
+  const UINT nTOS = static_cast<UINT>(Relay.pCfg->IpTOS);
+  const bool bIPv4 = Relay.pCfg->iDestAddressFamily == AF_INET;
+  const bool bSet = bIPv4 ? _SetIntOption(Relay.iSocket, IPPROTO_IP, IP_TOS, Relay.pCfg->IpTOS)
+                          : _SetIntOption(Relay.iSocket, IPPROTO_IPV6, IPV6_TCLASS, Relay.pCfg->IpTOS);
+  const int iError = errno;
+  if (!bSet && bIPv4)
+    MD_LOG(3, "Failed to set TOS to 0x%X on socket %d (%d/%d), errno (%d): \"%s\".\n", nTOS, Relay.iSocket,
+           Relay.iNumber, Relay.iCount, iError, ErrnoText(iError).szText);
+  else if (!bSet)
+    MD_LOG(3, "Failed to set traffic class to 0x%X on socket %d (%d/%d), errno (%d): \"%s\".\n", nTOS, Relay.iSocket,
+           Relay.iNumber, Relay.iCount, iError, ErrnoText(iError).szText);
+  else if (bIPv4)
+    MD_LOG(6, "Successfully set TOS socket %d (%d/%d) to 0x%X.\n", Relay.iSocket, Relay.iNumber, Relay.iCount, nTOS);
+  else
+    MD_LOG(6, "Successfully set traffic class on socket %d (%d/%d) to 0x%X.\n", Relay.iSocket, Relay.iNumber,
+           Relay.iCount, nTOS);
+  return bSet;
+}
+
+static int _ConnectToDestination(const RelaySetup& Relay) {
+  struct sockaddr_storage Address = {};
+  socklen_t nSize = 0;
+  if (Relay.pCfg->iDestAddressFamily == AF_INET) {
+    struct sockaddr_in IPv4 = {};
+    IPv4.sin_family = AF_INET;
+    IPv4.sin_port = htons(Relay.pCfg->usUDPPort);
+    memcpy(&IPv4.sin_addr, Relay.pCfg->acDestAddress, sizeof(IPv4.sin_addr));
+    nSize = sizeof(IPv4);
+    memcpy(&Address, &IPv4, nSize);
+  } else {
+    struct sockaddr_in6 IPv6 = {};
+    IPv6.sin6_family = AF_INET6;
+    IPv6.sin6_port = htons(Relay.pCfg->usUDPPort);
+    IPv6.sin6_scope_id = Relay.nScopeID;
+    memcpy(&IPv6.sin6_addr, Relay.pCfg->acDestAddress, sizeof(IPv6.sin6_addr));
+    nSize = sizeof(IPv6);
+    memcpy(&Address, &IPv6, nSize);
+  }
+  return connect(Relay.iSocket, reinterpret_cast<const struct sockaddr*>(&Address), nSize);
+}
+
+static bool _ConnectRelay(const RelaySetup& Relay) {
+  const bool bConnected = _ConnectToDestination(Relay) == 0;
+  const int iError = errno;
+  char acText[INET6_ADDRSTRLEN] = {};
+  const char* szAddress = GetIPAddressString(Relay.pCfg->iDestAddressFamily, Relay.pCfg->acDestAddress, acText,
+                                             static_cast<int>(sizeof(acText)));
+  const UINT nPort = Relay.pCfg->usUDPPort;
+  if (bConnected) {
+    MD_LOG(5, "Successfully connected socket %d (%d/%d) to [%s]:%u.\n", Relay.iSocket, Relay.iNumber, Relay.iCount,
+           szAddress, nPort);
+    return true;
+  }
+  if (iError == EINPROGRESS) {
+    MD_LOG(4, "Connect in progress for socket %d (%d/%d) to [%s]:%u.\n", Relay.iSocket, Relay.iNumber, Relay.iCount,
+           szAddress, nPort);
+    return true;
+  }
+  MD_LOG(3, "Failed to connect socket %d (%d/%d) to [%s]:%u, errno (%d): \"%s\".\n", Relay.iSocket, Relay.iNumber,
+         Relay.iCount, szAddress, nPort, iError, ErrnoText(iError).szText);
+  return false;
+}
+
+// Makes a fresh socket ready to send. FALSE when the opening is to fail.
+static bool _SetUpRelaySocket(const RelaySetup& Relay) {
+  int iOn = 1;
+  if (ioctl(Relay.iSocket, FIONBIO, &iOn) != 0) {
+    const int iError = errno;
+    MD_LOG(3, "Failed to make socket %d (%d/%d) non-blocking, errno (%d): \"%s\".\n", Relay.iSocket, Relay.iNumber,
+           Relay.iCount, iError, ErrnoText(iError).szText);
+    return false;
+  }
+  // KEPT: a TTL of 0 leaves the system's default, a TOS of 0 is set.
+  if (Relay.pCfg->IpTTL > 0) {
+    if (!(Relay.pCfg->iDestAddressFamily == AF_INET ? _SetUpIPv4TTL(Relay) : _SetUpIPv6Hops(Relay))) return false;
+  }
+  if (Relay.pCfg->IpTOS >= 0 && !_SetUpRelayTOS(Relay)) return false;
+  return _ConnectRelay(Relay);
+}
+
+// One relay's socket, stored in *piSocket when it is ready. FALSE when the opening is to fail.
+static bool _CreateRelayingSocket(RelaySetup Relay, int* piSocket) {
+  const int iFamily = Relay.pCfg->iDestAddressFamily;
+  if (iFamily != AF_INET && iFamily != AF_INET6) return true;
+  Relay.iSocket = socket(iFamily, SOCK_DGRAM, 0);
+  if (Relay.iSocket < 0) {
+    const int iError = errno;
+    MD_LOG(3, "Failed to create relaying socket %d/%d, errno (%d): \"%s\".\n", Relay.iNumber, Relay.iCount, iError,
+           ErrnoText(iError).szText);
+    return true;  // KEPT: this relay stays without a socket, the source opens
+  }
+  MD_LOG(6, "Successfully created %s socket %d (%d/%d).\n", iFamily == AF_INET ? "IPv4" : "IPv6", Relay.iSocket,
+         Relay.iNumber, Relay.iCount);
+  if (!_SetUpRelaySocket(Relay)) {
+    close(Relay.iSocket);
+    return false;
+  }
+  *piSocket = Relay.iSocket;
+  MD_LOG(5, "Successfully initialized relaying socket %d (%d/%d).\n", Relay.iSocket, Relay.iNumber, Relay.iCount);
+  return true;
+}
+
+BOOL _CreateRelayingSockets(const MDATA_SRC_CFG* pCfg, int* piSockets, size_t nNumOfSockets) {
+  MD_LOG(6, "Called to create %d relaying sockets.\n", pCfg->nNumOfRelays);
+  UINT32 nScopeID = 0;
+  GetInterfaceIPv6ScopeID("eth0", &nScopeID);
+  MD_ASSERT(pCfg->nNumOfRelays <= nNumOfSockets);
+  bool bRetCode = pCfg->nNumOfRelays <= nNumOfSockets;
+  for (size_t i = 0; i < nNumOfSockets; ++i) piSockets[i] = -1;
+  for (UINT32 i = 0; bRetCode && i < pCfg->nNumOfRelays; ++i) {
+    MD_ASSERT((pCfg->Relays[i].iDestAddressFamily == AF_INET) || (pCfg->Relays[i].iDestAddressFamily == AF_INET6));
+    bRetCode = _CreateRelayingSocket(
+        {&pCfg->Relays[i], nScopeID, static_cast<int>(i) + 1, static_cast<int>(pCfg->nNumOfRelays), -1}, &piSockets[i]);
+  }
+  if (!bRetCode) {
+    MD_LOG(5, "Closing any sockets created.\n");
+    for (size_t i = 0; i < nNumOfSockets; ++i) _CloseDescriptor(piSockets[i]);
+  }
+  return bRetCode ? TRUE : FALSE;
+}
+
+// Notes a received value; TRUE when it differs from the one before. The first one always does.
+static bool _NoteReceived(const BYTE* pcReceived, int& iCurrent, UINT64& nUpdates, UINT32& nUpTimeInSecs) {
+  if (pcReceived == nullptr || *pcReceived == MdLoad(iCurrent)) return false;
+  MdStore(iCurrent, *pcReceived);
+  MdAdd(nUpdates, 1);
+  UINT32 nNow = 0;
+  if (GetSystemUPTime(&nNow)) MdStore(nUpTimeInSecs, nNow);
+  return true;
+}
+
+// A change that fails is tried again with the next change only.
+static void _FollowTOS(MDATA_SRC_HANDLE pMDataSource, UINT32 i, int iTOS) {
+  const MDATA_RELAY_CFG& Relay = pMDataSource->Config.Relays[i];
+  RELAYER* pRelayer = &pMDataSource->Relayers[i];
+  const UINT nTOS = static_cast<UINT>(iTOS);
+  if (Relay.iDestAddressFamily != AF_INET) return;  // KEPT: IPv6 relays never follow
+  if (Relay.IpTOS >= 0) {
+    MD_LOG(7, "TOS already OK at 0x%X.\n", nTOS);
+    return;
+  }
+  MD_LOG(6, "TOS needs to change from 0x%X to 0x%X for relayer #%d/%d.\n", static_cast<UINT>(pRelayer->CurrentRelayTOS),
+         nTOS, static_cast<int>(i) + 1, static_cast<int>(pMDataSource->Config.nNumOfRelays));
+  const int iSocket = MdLoadAcquire(pRelayer->iRelaySocket);
+  if (!_SetIntOption(iSocket, IPPROTO_IP, IP_TOS, iTOS)) {
+    const int iError = errno;
+    MD_LOG(3, "Failed to set TOS to 0x%X on socket %d, errno (%d): \"%s\".\n", nTOS, iSocket, iError,
+           ErrnoText(iError).szText);
+    return;
+  }
+  MD_LOG(6, "Successfully set TOS to 0x%X.\n", nTOS);
+  pRelayer->CurrentRelayTOS = iTOS;
+}
+
+static void _FollowTTL(MDATA_SRC_HANDLE pMDataSource, UINT32 i, int iTTL) {
+  const MDATA_RELAY_CFG& Relay = pMDataSource->Config.Relays[i];
+  RELAYER* pRelayer = &pMDataSource->Relayers[i];
+  if (Relay.iDestAddressFamily != AF_INET) return;
+  if (Relay.IpTTL >= 0) {
+    MD_LOG(7, "TTL already OK at %d.\n", iTTL);
+    return;
+  }
+  MD_LOG(6, "TTL needs to change from 0x%X to 0x%X.\n", static_cast<UINT>(pRelayer->CurrentRelayTTL),
+         static_cast<UINT>(iTTL));
+  const bool bMulticast = _IsMulticast(Relay);
+  const int iSocket = MdLoadAcquire(pRelayer->iRelaySocket);
+  const bool bSet = _SetIntOption(iSocket, IPPROTO_IP, bMulticast ? IP_MULTICAST_TTL : IP_TTL, iTTL);
+  const int iError = errno;
+  if (!bSet && bMulticast)
+    MD_LOG(3, "Failed to set multicast TTL on socket, errno (%d): \"%s\".\n", iError, ErrnoText(iError).szText);
+  else if (!bSet)
+    MD_LOG(3, "Failed to set TTL to %d on socket, errno (%d): \"%s\".\n", iTTL, iError, ErrnoText(iError).szText);
+  else if (bMulticast)
+    MD_LOG(6, "Successfully set multcast TTL on socket to %d.\n", iTTL);
+  else
+    MD_LOG(6, "Successfully set TTL to %d.\n", iTTL);
+  if (bSet) pRelayer->CurrentRelayTTL = iTTL;
+}
+
+static void _CountRelayError(RELAYER* pRelayer, int iError) {
+  MdStore(pRelayer->iLastRelayError, iError);
+  MdStore(pRelayer->iLastRelayErrorTime, static_cast<int>(time(nullptr)));
+  MdAdd(pRelayer->nRelayErrors, 1);
+}
+
+// Sends one message to one relay; TRUE when it went whole.
+static bool _SendToRelay(MDATA_SRC_HANDLE pMDataSource, UINT32 i, const void* pvBuffer, size_t nSize) {
+  RELAYER* pRelayer = &pMDataSource->Relayers[i];
+  const int iNumber = static_cast<int>(i) + 1;
+  const int iCount = static_cast<int>(pMDataSource->Config.nNumOfRelays);
+  const int iSocket = MdLoadAcquire(pRelayer->iRelaySocket);
+  const ssize_t nSent = send(iSocket, pvBuffer, nSize, 0);
+  if (nSent >= 0 && static_cast<size_t>(nSent) == nSize) {
+    MdAdd(pRelayer->nRelayedBytes, nSize);
+    MdAdd(pRelayer->nRelayedMessages, 1);
+    MD_LOG(7, "Successfully transmitted %d bytes on socket %d of relay#%d/%d.\n", static_cast<int>(nSize), iSocket,
+           iNumber, iCount);
+    return true;
+  }
+  const int iError = errno;
+  _CountRelayError(pRelayer, iError);
+  const time_t tNow = MdLoad(pRelayer->iLastRelayErrorTime);
+  if (tNow - pRelayer->tLastRelayErrLogTime <= kLogHoldOffSecs) return false;
+  pRelayer->tLastRelayErrLogTime = tNow;
+  // A unicast destination where nobody listens is no fault of ours.
+  MD_LOG(iError == ECONNREFUSED ? 6 : 3,
+         "Failed to relay %d bytes of metadata on socket %d of relay#%d/%d, rc=%d, errno (%d): \"%s\".\n",
+         static_cast<int>(nSize), iSocket, iNumber, iCount, static_cast<int>(nSent), iError, ErrnoText(iError).szText);
+  return false;
+}
+
+BOOL _RelayMetaData(MDATA_SRC_HANDLE pMDataSource, const void* pvBuffer, size_t nSize, const BYTE* pcTOS,
+                    const BYTE* pcTTL) {
+  MD_LOG(7, "Called for %d relays.\n", pMDataSource->Config.nNumOfRelays);
+  const bool bTOSChanged = _NoteReceived(pcTOS, pMDataSource->SourceTOS, pMDataSource->nSourceTOSUpdates,
+                                         pMDataSource->nLastSourceTOSUpdateUpTimeInSecs);
+  const bool bTTLChanged = _NoteReceived(pcTTL, pMDataSource->SourceTTL, pMDataSource->nSourceTTLUpdates,
+                                         pMDataSource->nLastSourceTTLUpdateUpTimeInSecs);
+  bool bRelayed = false;
+  for (UINT32 i = 0; i < pMDataSource->Config.nNumOfRelays; ++i) {
+    if (bTOSChanged)
+      _FollowTOS(pMDataSource, i, *pcTOS);
+    else
+      MD_LOG(7, "Not checking TOS.\n");
+    if (bTTLChanged)
+      _FollowTTL(pMDataSource, i, *pcTTL);
+    else
+      MD_LOG(7, "Not checking TTL.\n");
+    if (_SendToRelay(pMDataSource, i, pvBuffer, nSize)) bRelayed = true;
+  }
+  return bRelayed ? TRUE : FALSE;
+}
+
+// =====================================================================================================
+// 12. What all receive roads share: rewriting, stream header, rate, raw capture. Metadata thread; state: the record's
+//     header sequence, capture file and rate time, and the library-wide _tLastLog.
+// =====================================================================================================
+
+namespace {
+
+// What becomes of a message.
+enum class Rewritten {
+  Unchanged,  // goes on as it is
+  Replaced,   // by a new buffer, whose one reference is the caller's
+  Nothing     // nothing is left to send: the message ends
+};
+
+}  // namespace
+
+// The rate counter takes the running total once per wall-clock second.
+static void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 nRunningTotal, time_t tNow) {
+  if (hSource->tLastRateSampleTime == tNow) return;
+  if (hSource->hOutputRate != nullptr) AddCounterValue(hSource->hOutputRate, nRunningTotal);
+  hSource->tLastRateSampleTime = tNow;
+}
+
+// A capture that cannot go on, or is full, ends for good.
+static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int nSize) {
+  if (hSource->CaptureFP == nullptr) return;
+  if (!DumpRawData(hSource->CaptureFP, hSource->RxBuffer, nSize, &hSource->nRawOutputOffset,
+                   hSource->Config.nMaxCaptureSizeInKBytes))
+    _CloseFile(hSource->CaptureFP);
+}
+
+// Writes the stream header into the reserve in front of the message. The length is the 16-bit low part of the one
+// given, which may differ from the buffer's; the sequence number is advanced by the caller.
+//
+//   offset size value
+//        0    1 0x00
+//        1    1 HeaderSequence
+//        2    1 0xDF
+//        3    2 length, big-endian
+static void _PrependStreamHeader(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, int nLength) {
+  pBuff->pcData -= MDATA_STREAM_HEADER_SIZE;
+  pBuff->nDataSize += MDATA_STREAM_HEADER_SIZE;
+  pBuff->pcData[0] = 0x00;
+  pBuff->pcData[1] = hSource->HeaderSequence;
+  pBuff->pcData[2] = 0xDF;
+  pBuff->pcData[3] = static_cast<BYTE>((nLength >> 8) & 0xFF);
+  pBuff->pcData[4] = static_cast<BYTE>(nLength & 0xFF);
+}
+
+// KEPT: the first user parameter is delivered twice.
+static BOOL _CallReadyCallback(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff) {
+  if (hSource->Config.pfnCallback == nullptr) return FALSE;
+  return hSource->Config.pfnCallback(pBuff, hSource->Config.pvUserParam1, hSource->Config.pvUserParam1);
+}
+
+static bool _WantsRewriting(MDATA_SRC_HANDLE hSource) {
+  return hSource->pMissionID != nullptr || hSource->pSecurityMDataSet != nullptr || hSource->Config.bFilterUASTags ||
+         hSource->Config.bFilterUASSecurityTags;
+}
+
+// The one place that decides what the result of the rewriting means, on every road: a refusal lets the message go on
+// unchanged, also when it was refused as invalid.
+static Rewritten _Rewrite(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFFER** ppNewBuff, int* pnNewSize) {
+  *ppNewBuff = nullptr;
+  if (!_ProcessRxKLV(hSource, pcData, nSize, ppNewBuff, pnNewSize)) return Rewritten::Unchanged;
+  return *ppNewBuff != nullptr ? Rewritten::Replaced : Rewritten::Nothing;
+}
+
+// KEPT: the text says 16 bytes, the limit is 19; at most one such line in five seconds for the whole library.
+static void _LogShortMessage() {
+  const time_t tNow = time(nullptr);
+  if (tNow - _tLastLog <= kLogHoldOffSecs) return;
+  _tLastLog = tNow;
+  MD_LOG(4, "Got less than 16 bytes of KLV.\n");
+}
+
+// Reads the BER length behind the key: size of key and length field, and of the whole message as an unsigned 16-bit
+// value, which wraps. FALSE for a form that is not supported.
+// KEPT: only the one- and two-byte long forms.
+static bool _ReadUASHeader(const BYTE* pcData, int* pnHeaderSize, WORD* pnTotal) {
+  const int nForm = pcData[kUASKeySize];
+  if ((nForm & 0x80) == 0) {
+    *pnHeaderSize = 17;
+    *pnTotal = static_cast<WORD>(nForm + 17);
+    return true;
+  }
+  const int nBytes = nForm & 0x7F;
+  switch (nBytes) {
+    case 1:
+      *pnHeaderSize = 18;
+      *pnTotal = static_cast<WORD>(pcData[17] + 18);
+      return true;
+    case 2:
+      *pnHeaderSize = 19;
+      *pnTotal = static_cast<WORD>((pcData[17] << 8) + pcData[18] + 19);
+      return true;
+    default:
+      MD_LOG(4, "Unsupported number of bytes (%d) for UAV data set length.\n", nBytes);
+      return false;
+  }
+}
+
+BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFFER** ppNewBuff, int* pnNewSize) {
+  if (nSize < kSmallestUASMessage) {
+    _LogShortMessage();
+    return FALSE;
+  }
+  if (memcmp(pcData, UASDataLinkKey, kUASKeySize) != 0) {
+    MD_LOG(7, "NON UAS Data Set detected for source#%d.\n", hSource->Config.nIndex);
+    MD_DUMP(7, "First 16 Bytes of Rx Data", pcData, kUASKeySize);
+    MD_DUMP(7, "UAS Header", UASDataLinkKey, kUASKeySize);
+    return FALSE;
+  }
+  MD_LOG(7, "Got UAS KLV message of %d bytes.\n", nSize);
+  int nHeaderSize = 0;
+  WORD nTotal = 0;
+  if (!_ReadUASHeader(pcData, &nHeaderSize, &nTotal)) return FALSE;
+  if (nTotal > nSize) {
+    MD_LOG(3, "UAV set of %d bytes received but buffer is %d bytes.\n", nTotal, nSize);
+    return FALSE;
+  }
+  if (nTotal < nHeaderSize) return FALSE;  // the 16-bit total wrapped
+  // KEPT: what follows the total is left out of the rewritten message.
+  return ProcessUASDataLinkLocalSet(hSource, pcData, nTotal, nHeaderSize, ppNewBuff, pnNewSize);
+}
+
+// Receives one datagram into RxBuffer, with its TOS and TTL where they are detected. Returns its length, or 0 when
+// there is none for this source.
+static int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int iFD, struct sockaddr_storage* pFrom, BYTE* pcTOS,
+                            BYTE* pcTTL) {
+  const int nLength = _RecvUDPPacket(iFD, hSource->RxBuffer, sizeof(hSource->RxBuffer), pFrom,
+                                     hSource->bDetectTOS ? pcTOS : nullptr, hSource->bDetectTTL ? pcTTL : nullptr);
+  if (nLength == 0) {
+    MD_LOG(5, "recvfrom returned 0.\n");
+    return 0;
+  }
+  if (nLength < 0) {
+    const int iError = errno;
+    MD_LOG(5, "recvfrom failed, rc=%d, errno=%d, \"%s\".\n", nLength, iError, ErrnoText(iError).szText);
+    return 0;
+  }
+  if (!_IsUDPDataForSource(hSource, pFrom)) {
+    MD_LOG(7, "Rejecting %d bytes from %s.\n", nLength, SenderText(*pFrom).szText);
+    return 0;
+  }
+  return nLength;
+}
+
+// =====================================================================================================
+// 13. KLV roads. The read handlers of serial sources and of KLV over UDP, the message handler of the KLV stream
+//     decoder, and the encoder's release call. Metadata thread, except MetaData_ReleaseBuffer; the serial road holds
+//     g_MetaDataAPIMutex while it reads, decodes and calls back.
+// =====================================================================================================
+
+static bool _ReadSerial(MDATA_SRC_HANDLE pHandle, int iFD) {
+  const int nRead = static_cast<int>(read(iFD, pHandle->RxBuffer, kSerialReadSize));
+  if (nRead <= 0) {
+    MD_LOG(7, "read FAILED.\n");  // KEPT: the descriptor stays in the read set
+    return false;
+  }
+  _CaptureRaw(pHandle, nRead);
+  MD_LOG(7, "read successfully %d bytes from serial port.\n", nRead);
+  MD_DUMP(7, "Input Data", pHandle->RxBuffer, nRead);
+  if (pHandle->pfnDataRxHandler != nullptr) pHandle->pfnDataRxHandler(pHandle->pvDecodeCtxt, pHandle->RxBuffer, nRead);
+  return true;
+}
+
+void _SerialDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
+  MD_LOG(7, "Called fd=%d.\n", iFD);
+  bool bRead = true;
+  {
+    const SerialApiLock Lock;
+    if (!Lock.IsHeld()) return;  // a source is being opened: the bytes wait for the next pass
+    bRead = _ReadSerial(static_cast<MDATA_SRC_HANDLE>(pvParam1), iFD);
+  }
+  // A device that has hung up stays readable without giving anything: do not spin on it.
+  if (!bRead) _SleepOneMs();
+}
+
+void _KLV_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
+  const time_t tNow = time(nullptr);
+  const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  MDATA_BUFFER* pSubstBuff = nullptr;
+  MDATA_BUFFER* pCurrent = pBuff;
+  if (pHandle->Config.enInputType == MDATA_INPUT_SERIAL && _WantsRewriting(pHandle)) {
+    const Rewritten Result = _Rewrite(pHandle, pBuff->pcData, pBuff->nDataSize, &pSubstBuff, nullptr);
+    if (Result != Rewritten::Unchanged) MD_ASSERT(pSubstBuff != NULL);
+    if (Result == Rewritten::Nothing) return;
+    if (Result == Rewritten::Replaced) {
+      MD_DUMP(6, "Substituted Serial KLV Message", pSubstBuff->pcData, pSubstBuff->nDataSize);
+      pCurrent = pSubstBuff;
+    }
+  }
+  MdBufferRef Substituted(pSubstBuff);
+  const int nLength = pCurrent->nDataSize;
+  // KEPT: relayed after rewriting and without TTL and TOS, unlike UDP.
+  if (pHandle->Config.nNumOfRelays != 0)
+    _RelayMetaData(pHandle, pCurrent->pcData, static_cast<size_t>(nLength), nullptr, nullptr);
+  _PrependStreamHeader(pHandle, pCurrent, nLength);
+  ++pHandle->HeaderSequence;
+  if (pHandle->pvDecodeCtxt != nullptr)
+    _FeedOutputRate(pHandle, MdLoad(GenericKLV_GetStatsPtr(pHandle->pvDecodeCtxt)->nTotalRxBytes), tNow);
+  MD_LOG(6, "Got complete KLV message of %d bytes.\n", nLength);
+  MD_DUMP(7, "Streamer KLV AU", pCurrent->pcData, pCurrent->nDataSize);
+  MD_ASSERT(pHandle->Config.pfnCallback != NULL);
+  _CallReadyCallback(pHandle, pCurrent);  // KEPT: the result is ignored
+}
+
+// The decoder sees no datagrams; its counters count them all the same.
+static void _CountDatagram(MDATA_SRC_HANDLE hSource, int nLength, time_t tNow) {
+  if (hSource->pvDecodeCtxt == nullptr) return;
+  KLV_STATS* pStats = GenericKLV_GetStatsPtr(hSource->pvDecodeCtxt);
+  MdAdd(pStats->nRxOkMessages, 1);
+  const UINT64 nTotal = MdAdd(pStats->nTotalRxBytes, nLength);
+  _FeedOutputRate(hSource, nTotal, tNow);
+}
+
+void _KLV_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
+  const time_t tNow = time(nullptr);
+  const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  BYTE cTOS = 0;
+  BYTE cTTL = 0;
+  struct sockaddr_storage From = {};
+  MD_LOG(7, "Called.\n");
+  const int nLength = _ReceiveDatagram(hSource, iFD, &From, &cTOS, &cTTL);
+  if (nLength <= 0) return;
+  MD_LOG(7, "Received %d bytes from %s.\n", nLength, SenderText(From).szText);
+  MD_DUMP(7, "Input KLV over UDP Message", hSource->RxBuffer, nLength);
+  _CaptureRaw(hSource, nLength);
+
+  Rewritten Result = Rewritten::Unchanged;
+  MDATA_BUFFER* pUserBuff = nullptr;
+  if (_WantsRewriting(hSource)) {
+    Result = _Rewrite(hSource, hSource->RxBuffer, nLength, &pUserBuff, nullptr);
+    if (Result != Rewritten::Unchanged) MD_ASSERT(pUserBuff != NULL);
+    if (Result == Rewritten::Replaced)
+      MD_DUMP(7, "Substituted KLV over UDP Message", pUserBuff->pcData, pUserBuff->nDataSize);
+  }
+  // KEPT: relayed as received, with the received TOS and TTL, also when nothing is left to deliver.
+  if (hSource->Config.nNumOfRelays != 0)
+    _RelayMetaData(hSource, hSource->RxBuffer, static_cast<size_t>(nLength), &cTOS, &cTTL);
+  if (Result == Rewritten::Nothing) return;
+  if (pUserBuff == nullptr && !DoAllocCopyBufferEx(hSource->RxBuffer, nLength, MDATA_STREAM_HEADER_SIZE, &pUserBuff)) {
+    MD_LOG(4, "No memory for KLV message of %d bytes, dropping it.\n", nLength);
+    return;
+  }
+  MdBufferRef UserBuff(pUserBuff);
+  _PrependStreamHeader(hSource, pUserBuff, nLength);  // KEPT: the length received, also for a rewritten message
+  ++hSource->HeaderSequence;
+  _CountDatagram(hSource, nLength, tNow);
+  MD_LOG(7, "Got complete KLV message of %d bytes.\n", nLength);
+  MD_DUMP(7, "Streamer KLV AU", pUserBuff->pcData, pUserBuff->nDataSize);
+  MD_ASSERT(hSource->Config.pfnCallback != NULL);
+  _CallReadyCallback(hSource, pUserBuff);  // KEPT: the result is ignored
+}
+
+void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff) {
+  DoReleaseBuffer(&pBuff);
+}
+
+// =====================================================================================================
+// 14. CoT roads. The read handler of CoT over UDP and the message handler of the serial CoT decoder. Metadata thread;
+//     the serial one runs inside the serial read handler, under g_MetaDataAPIMutex.
+// =====================================================================================================
+
+// Rewrites a converted packet where the source asks for it; the new packet takes the old one's place. FALSE when
+// nothing is left to send.
+// KEPT: the dump carries the video road's label.
+static bool _RewriteConverted(MDATA_SRC_HANDLE hSource, MDATA_BUFFER** ppPacket, int* pnLength) {
+  if (!_WantsRewriting(hSource)) return true;
+  MDATA_BUFFER* pSubstBuff = nullptr;
+  const Rewritten Result = _Rewrite(hSource, (*ppPacket)->pcData, *pnLength, &pSubstBuff, nullptr);
+  if (Result == Rewritten::Unchanged) return true;
+  DoReleaseBuffer(ppPacket);
+  MD_ASSERT(pSubstBuff != NULL);
+  if (Result == Rewritten::Nothing) return false;
+  MD_DUMP(6, "Substituted HD-SDI KLV Message", pSubstBuff->pcData, pSubstBuff->nDataSize);
+  *ppPacket = pSubstBuff;
+  *pnLength = pSubstBuff->nDataSize;
+  return true;
+}
+
+// KEPT: the length after rewriting counts, and feeds the rate.
+static void _CountConverted(MDATA_SRC_HANDLE hSource, int nLength) {
+  MdAdd(hSource->nCoTConvertedKLVMessages, 1);
+  MdAdd(hSource->nCoTConvertedKLVBytes, nLength);
+}
+
+static void _CountCoTDatagram(MDATA_SRC_HANDLE hSource, int nLength) {
+  if (hSource->pvDecodeCtxt == nullptr) return;
+  COT_STATS* pStats = COT_GetStatsPtr(hSource->pvDecodeCtxt);
+  MdAdd(pStats->nRxOkMessages, 1);
+  MdAdd(pStats->nTotalRxBytes, nLength);
+}
+
+// Converts one event. TRUE with a packet; none while a pair waits for its partner, which is normal and silent.
+static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* pcXML, int nSize, MDATA_BUFFER** ppPacket, int* pnLength) {
+  if (hSource->hConverter == nullptr) return false;
+  *pnLength = ConvertCoT2KLV(hSource->hConverter, pcXML, nSize, ppPacket);
+  if (*pnLength > 0 && *ppPacket != nullptr) return true;
+  if (*ppPacket != nullptr) ReleaseConvertedData(*ppPacket);
+  return false;
+}
+
+void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
+  const time_t tNow = time(nullptr);
+  const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  BYTE cTOS = 0;
+  BYTE cTTL = 0;
+  struct sockaddr_storage From = {};
+  const int nLength = _ReceiveDatagram(hSource, iFD, &From, &cTOS, &cTTL);
+  if (nLength <= 0) return;
+  _CountCoTDatagram(hSource, nLength);
+  MD_LOG(7, "Received %d bytes from %s.\n", nLength, SenderText(From).szText);
+  MD_DUMP(7, "UDP Data", hSource->RxBuffer, nLength);
+  if (hSource->Config.nNumOfRelays != 0)
+    _RelayMetaData(hSource, hSource->RxBuffer, static_cast<size_t>(nLength), &cTOS, &cTTL);
+  else
+    MD_LOG(7, "No relays configured (%u).\n", hSource->Config.nNumOfRelays);
+
+  MDATA_BUFFER* pPacket = nullptr;
+  int nConvertedLength = 0;
+  if (!_Convert(hSource, hSource->RxBuffer, nLength, &pPacket, &nConvertedLength)) return;
+  MD_LOG(7, "KLV message of %d bytes generated by conversion.\n", nConvertedLength);
+  if (!_RewriteConverted(hSource, &pPacket, &nConvertedLength)) return;
+  _CountConverted(hSource, nConvertedLength);
+  _PrependStreamHeader(hSource, pPacket, nConvertedLength);
+  ++hSource->HeaderSequence;
+  _FeedOutputRate(hSource, MdLoad(hSource->nCoTConvertedKLVBytes), tNow);
+  MD_LOG(7, "Got complete KLV message of %d bytes.\n", nConvertedLength);
+  MD_DUMP(7, "Streamer KLV AU", pPacket->pcData, pPacket->nDataSize);
+  MD_ASSERT(hSource->Config.pfnCallback != NULL);
+  _CallReadyCallback(hSource, pPacket);
+  DoReleaseBuffer(&pPacket);  // KEPT: the serial road gives it back with ReleaseConvertedData
+}
+
+void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
+  const time_t tNow = time(nullptr);
+  const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  if (!_g_bGridInitialized) return;  // KEPT: silently; CoT over UDP converts without the grid
+  MD_ASSERT(pHandle->hConverter != NULL);
+  if (pHandle->Config.nNumOfRelays != 0)
+    _RelayMetaData(pHandle, pBuff->pcData, static_cast<size_t>(pBuff->nDataSize), nullptr, nullptr);
+
+  MDATA_BUFFER* pPacket = nullptr;
+  int nConvertedLength = 0;
+  if (!_Convert(pHandle, pBuff->pcData, pBuff->nDataSize, &pPacket, &nConvertedLength)) return;
+  if (!_RewriteConverted(pHandle, &pPacket, &nConvertedLength)) return;
+  _CountConverted(pHandle, nConvertedLength);
+  MD_ASSERT_TEXT(nConvertedLength < kMaxConvertedLength, "nConvertedLength < 16000");  // KEPT: on this road only
+  _PrependStreamHeader(pHandle, pPacket, nConvertedLength);
+  ++pHandle->HeaderSequence;
+  _FeedOutputRate(pHandle, MdLoad(pHandle->nCoTConvertedKLVBytes), tNow);
+  MD_DUMP(6, "Converted Streamer KLV Message", pPacket->pcData + MDATA_STREAM_HEADER_SIZE, nConvertedLength);
+  MD_ASSERT(pHandle->Config.pfnCallback != NULL);
+  _CallReadyCallback(pHandle, pPacket);
+  ReleaseConvertedData(pPacket);
+}
+
+// =====================================================================================================
+// 15. Video road and decimation. The read handler of a video input's capture, which serves every source of that
+//     input. Metadata thread; no lock. State: the records' DecimateCtrl and the library-wide _tLastLogTime.
+// =====================================================================================================
+
+namespace {
+
+enum class Taken { Packet, Nothing, OutOfMemory };
+
+}  // namespace
+
+// All timestamps are compared for equality only.
+// KEPT: only the last dropped timestamp is remembered; an older one that comes back counts as new.
+BOOL _ShouldDecimateKLV(MDATA_SRC_HANDLE hSource, MDATA_TIMESTAMP TimeStamp) {
+  KLV_DECIM_CTRL* pCtrl = &hSource->DecimateCtrl;
+  const unsigned long long nTimeStamp = TimeStamp;
+  if (pCtrl->ActivitePTS == kNoPTS) {
+    pCtrl->ActivitePTS = TimeStamp;
+    MD_ASSERT(hSource->DecimateCtrl.nDecimatedCount == 0);
+    MD_LOG(7, "Not decimating initial KLV with timestamp of 0x%09LX.\n", nTimeStamp);
+    return FALSE;
+  }
+  if (TimeStamp == pCtrl->ActivitePTS) {
+    MD_LOG(7, "Not decimating active KLV timestamp of 0x%09LX.\n", nTimeStamp);
+    return FALSE;
+  }
+  if (TimeStamp == pCtrl->DecimatedPTS) {
+    MD_LOG(7, "Decimating decimated KLV timestamp of 0x%09LX.\n", nTimeStamp);
+    return TRUE;
+  }
+  ++pCtrl->nDecimatedCount;
+  if (pCtrl->nDecimatedCount < pCtrl->nDecimationFactor) {
+    MD_LOG(7, "Decimating new decimated KLV #%d with timestamp of 0x%09LX.\n", pCtrl->nDecimatedCount, nTimeStamp);
+    pCtrl->DecimatedPTS = TimeStamp;
+    return TRUE;
+  }
+  MD_LOG(7, "No longer decimating KLV with timestamp of 0x%09LX.\n", nTimeStamp);
+  pCtrl->nDecimatedCount = 0;
+  pCtrl->ActivitePTS = TimeStamp;
+  return FALSE;
+}
+
+// Rewrites a captured packet where the source asks for it; the new one takes the old one's place. FALSE when nothing
+// is left to send.
+static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MDATA_BUFFER** ppBuff) {
+  if (!_WantsRewriting(hSource)) {
+    MD_LOG(7, "No mission ID or security data set defined for source#%d.\n", hSource->Config.nIndex);
+    return true;
+  }
+  MD_LOG(7, "Mission ID (%p) or security data set (%p) defined for source#%d.\n",
+         static_cast<void*>(hSource->pMissionID), static_cast<void*>(hSource->pSecurityMDataSet),
+         hSource->Config.nIndex);
+  MDATA_BUFFER* pSubst = nullptr;
+  int nNewSize = 0;
+  const Rewritten Result = _Rewrite(hSource, (*ppBuff)->pcData, (*ppBuff)->nDataSize, &pSubst, &nNewSize);
+  if (Result == Rewritten::Unchanged) {
+    MD_LOG(7, "_ProcessRxKLV return FALSE for source#%d.\n", hSource->Config.nIndex);
+    return true;
+  }
+  DoReleaseBuffer(ppBuff);
+  if (Result == Rewritten::Nothing) {
+    MD_ASSERT(nNewSize == 0);
+    return false;
+  }
+  *ppBuff = pSubst;
+  pSubst->nDataSize = nNewSize;
+  MD_DUMP(6, "Substituted HD-SDI KLV Message", pSubst->pcData, pSubst->nDataSize);
+  MD_ASSERT(nNewSize != 0);
+  return true;
+}
+
+// KEPT: a buffer that the encoder refuses is not counted, and the next one carries its sequence number again; the
+// counted size includes the stream header.
+static void _CountTakenPacket(MDATA_SRC_HANDLE hSource, int nSize, time_t tNow) {
+  ++hSource->HeaderSequence;
+  _CountDatagram(hSource, nSize, tNow);
+}
+
+void _FeedSDIDataSource(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, UINT64 nTimeStamp) {
+  const time_t tNow = time(nullptr);
+  // KEPT: factor 1 skips the test; factor 0 is tested and keeps everything.
+  if (hSource->Config.nDecimationFactor != 1 && _ShouldDecimateKLV(hSource, nTimeStamp)) {
+    DoReleaseBuffer(&pBuff);
+    return;
+  }
+  if (!_RewriteCaptured(hSource, &pBuff)) return;
+  const int nLength = pBuff->nDataSize;
+  if (hSource->Config.nNumOfRelays != 0)
+    _RelayMetaData(hSource, pBuff->pcData, static_cast<size_t>(nLength), nullptr, nullptr);
+  _PrependStreamHeader(hSource, pBuff, nLength);
+  pBuff->nTimeStamp = nTimeStamp;
+  const int nDeliveredSize = pBuff->nDataSize;  // an encoder that keeps the buffer may change it
+  MD_ASSERT(hSource->Config.pfnCallback != NULL);
+  if (_CallReadyCallback(hSource, pBuff)) _CountTakenPacket(hSource, nDeliveredSize, tNow);
+  DoReleaseBuffer(&pBuff);
+}
+
+// Gives every source of the input its own copy.
+static void _DistributePacket(int iInterface, const MDATA_BUFFER* pBuff, UINT64 nTimeStamp) {
+  for (const FNODE_D* pNode = g_MetaDataSrcList.pHead; pNode != nullptr; pNode = pNode->pNext) {
+    const MDATA_SRC_HANDLE hSource = _SourceOf(pNode);
+    if (hSource->Config.enInputType != MDATA_INPUT_VIDEO) continue;
+    if (hSource->Config.in.Video.enInputInterface != iInterface) continue;
+    MDATA_BUFFER* pCopy = nullptr;
+    if (DoAllocCopyBufferEx(pBuff->pcData, pBuff->nDataSize, MDATA_STREAM_HEADER_SIZE, &pCopy))
+      _FeedSDIDataSource(hSource, pCopy, nTimeStamp);
+  }
+}
+
+static int _CountSources() {
+  int nCount = 0;
+  for (const FNODE_D* pNode = g_MetaDataSrcList.pHead; pNode != nullptr; pNode = pNode->pNext) ++nCount;
+  return nCount;
+}
+
+// Takes one packet from the capture and distributes it.
+static Taken _TakePacket(int iFD, int iInterface) {
+  MDATA_BUFFER* pBuff = nullptr;
+  // The capture is offered kVideoRoom bytes behind the reserve, so that is what the buffer has there.
+  if (!DoAllocBuffer(kVideoRoom + MDATA_STREAM_HEADER_SIZE, &pBuff)) {
+    MD_LOG(4, "Failed to allocate buffer of %d bytes for KLV on BNC-%d.\n", kVideoRoom, iInterface);
+    return Taken::OutOfMemory;
+  }
+  MdBufferRef Buffer(pBuff);
+  pBuff->pcData += MDATA_STREAM_HEADER_SIZE;
+  pBuff->nDataSize = kVideoRoom;
+  UINT64 nTimeStamp = 0;
+  if (!KLVCAPTURE_GetKLV(iFD, pBuff->pcData, &pBuff->nDataSize, &nTimeStamp)) return Taken::Nothing;
+  if (pBuff->nDataSize < 0 || pBuff->nDataSize > kVideoRoom) {
+    MD_LOG(4, "Dropping KLV with an impossible length of %d bytes on BNC-%d.\n", pBuff->nDataSize, iInterface);
+    return Taken::Packet;
+  }
+  MD_LOG(7, "Got %d bytes of KLV on BNC-%d.\n", pBuff->nDataSize, iInterface);
+  MD_DUMP(7, "HD-SDI KLV Message", pBuff->pcData, pBuff->nDataSize);
+  MD_LOG(7, "Going through %d metadata sources.\n", _CountSources());
+  _DistributePacket(iInterface, pBuff, nTimeStamp);
+  return Taken::Packet;
+}
+
+void _SDIDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
+  const int iInterface = static_cast<int>(reinterpret_cast<intptr_t>(pvParam1));
+  const time_t tNow = time(nullptr);
+  MD_LOG(7, "Called.\n");
+  int nCount = 0;
+  Taken Last = Taken::Packet;
+  while (nCount < kMaxKLVPerIteration && Last == Taken::Packet) {
+    Last = _TakePacket(iFD, iInterface);
+    if (Last == Taken::Packet) ++nCount;
+  }
+  if (nCount == kMaxKLVPerIteration)
+    MD_LOG(4, "Reached maximum number of KLV (%d) for one iteration.\n", kMaxKLVPerIteration);
+  // KEPT: one such line per second for all inputs together.
+  if (nCount == 0 && Last == Taken::Nothing && tNow != _tLastLogTime) {
+    MD_LOG(4, "No KLV retrieved from BNC-%d.\n", iInterface);
+    _tLastLogTime = tNow;
+  }
+}

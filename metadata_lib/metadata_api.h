@@ -60,7 +60,7 @@ enum tagREQUEST_STATE : int32_t {
   REQUEST_NONE = 0,
   REQUEST_PENDING = 1,   // sent, or about to be
   REQUEST_DONE = 2,      // carried out by the thread
-  REQUEST_ABANDONED = 3  // the caller gave up waiting; the thread finishes what is left
+  REQUEST_ABANDONED = 3  // the caller gave up waiting, the message is still queued; the thread finishes what is left
 };
 
 // The record behind HMDATASRC. Owned by the library from open to close. After the hand-over to the metadata
@@ -104,10 +104,11 @@ struct tagMDATA_SRC_HANDLE {
   BYTE RxBuffer[kRxBufferSize];
   BYTE HeaderSequence;
   // Hand-over to the metadata thread.
-  int32_t nAddRequest;     // tagREQUEST_STATE; atomic
-  int32_t nRemoveRequest;  // tagREQUEST_STATE; atomic
-  BOOL bLinked;            // in g_MetaDataSrcList; under _g_SrcListLock
-  BOOL bCaptureHeld;       // counts in its video input's extractor; metadata thread
+  int32_t nAddRequest;          // tagREQUEST_STATE; atomic
+  int32_t nRemoveRequest;       // tagREQUEST_STATE; atomic
+  BOOL bLinked;                 // in g_MetaDataSrcList; under _g_SrcListLock
+  BOOL bCaptureHeld;            // counts in its video input's extractor; metadata thread
+  MDATA_SRC_HANDLE pNextSweep;  // next close that no message names; under _g_SrcListLock
 };
 
 // --- Library-wide state ------------------------------------------------------------------------------
@@ -123,7 +124,7 @@ extern FILE* g_XMLOutFP;         // capture of CoT XML, or NULL; under _g_XMLOut
 extern HTHREAD _g_hMetaDataProcessingThread;            // encoder threads in Init and Shutdown
 extern HMBOX _g_hMetaDataThreadMBox;                    // read-only while the thread runs
 extern WAIT_COND _g_MetaDataThreadCond;                 // posted once per handled control event
-extern BOOL _g_bShutdownThread;                         // metadata thread only
+extern BOOL _g_bShutdownThread;                         // atomic; ends the thread's loop
 extern BOOL _g_bUsingInternalThread;                    // read-only after METADATALIB_Init
 extern BOOL _g_bCoTSupportEnabled;                      // read-only after METADATALIB_Init
 extern BOOL _g_bGridInitialized;                        // read-only after METADATALIB_Init
@@ -133,6 +134,11 @@ extern BOOL _g_bSelectTimeOutChanged;                   // metadata thread only
 extern VIDEO_EXTRACTOR _g_aVideoExtractors[4];          // metadata thread only
 extern time_t _tLastLog;      // short-KLV warning, one time for the whole library; metadata thread only
 extern time_t _tLastLogTime;  // "No KLV retrieved" warning, likewise; metadata thread only
+
+// Bookkeeping of the hand-shake.
+extern int32_t _g_nShutdownRequest;     // tagREQUEST_STATE of the shut-down; atomic
+extern int32_t _g_nStrayPosts;          // posts in _g_MetaDataThreadCond that nobody waits for any more; atomic
+extern MDATA_SRC_HANDLE _g_pSweepList;  // closes that no message names; under _g_SrcListLock
 
 // Private leaf locks: nothing else is taken while one is held.
 extern pthread_mutex_t _g_SrcListLock;  // look-ups against list changes

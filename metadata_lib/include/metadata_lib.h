@@ -246,7 +246,7 @@ typedef struct tagMDATA_SRC_HANDLE* HMDATASRC;
 /* Sender of the last datagram accepted, 20 bytes: 0 family, 4 address. */
 typedef struct tagMDATA_INET_STATS {
   int32_t iSourceAddressFamily; /* 0 none yet, 2 IPv4, 10 IPv6 */
-  BYTE SourceAddress[16];       /* network order, rest zero */
+  BYTE SourceAddress[16];       /* network order; IPv4 in the first 4 bytes */
 } MDATA_INET_STATS;
 
 /* Counters of the CoT converter, 4144 bytes: five counters at 0, count at 40, texts at 44. */
