@@ -1,0 +1,53 @@
+// The command line of mdfeed.
+#ifndef MDFEED_COMMAND_LINE_H
+#define MDFEED_COMMAND_LINE_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "cot_flight.h"
+#include "sender.h"
+#include "traffic.h"
+
+namespace mdfeed {
+
+enum class Command { kKlv, kCot };
+
+struct Arguments {
+  Command command = Command::kKlv;
+  // What.
+  bool simulate = false;
+  std::string file;       // unless simulated
+  unsigned repeat = 1;    // rounds of the file; 0: for ever
+  std::size_t chunk = 0;  // bytes; 0: one message at a time
+  std::uint32_t seed = 1;
+  std::string start;       // of the flight; empty: now
+  std::string geoid_grid;  // GTX file; empty: the usual one if it is there
+  CotOptions cot;
+  char channel = '1';
+  std::vector<FrameDamage> damage;
+  // Where to: one of three.
+  std::optional<UdpAddress> udp;
+  std::string interface;
+  std::string serial;
+  int baud = 115'200;
+  std::string pty;
+  // How.
+  SendOptions send;
+};
+
+// What main() does when there is nothing to send: text for standard output or standard error, and the exit code.
+struct Answer {
+  int exit_code;
+  std::string text;
+};
+
+// Reads the command line. An answer instead of arguments after --help and --version, and with exit code 2 and one line
+// of text after a mistake.
+std::optional<Answer> ParseCommandLine(int argc, const char* const* argv, Arguments& arguments);
+
+}  // namespace mdfeed
+
+#endif  // MDFEED_COMMAND_LINE_H

@@ -1,0 +1,103 @@
+// The simulated flight: an unmanned aircraft heading east in long turns, looking with a gimballed camera at targets on
+// the ground to its right. Everything sent, as KLV and as Cursor-on-Target, is made from the same FlightState.
+#ifndef MDFEED_FLIGHT_H
+#define MDFEED_FLIGHT_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace mdfeed {
+
+// One moment of the flight. Angles in degrees, lengths in metres, positions on WGS-84.
+struct FlightState {
+  std::int64_t time_us = 0;   // UTC, since 1970, a multiple of 10 ms: what two decimals of a second can say
+  std::int64_t start_us = 0;  // of the flight
+  // Aircraft.
+  double latitude = 0;
+  double longitude = 0;  // -180 to 180
+  double hae = 0;        // height above the ellipsoid
+  double altitude = 0;   // above mean sea level
+  double course = 0;     // 0 to 360, true north
+  double pitch = 0;      // within +-20, nose up positive
+  double roll = 0;       // within +-50, right wing down positive
+  double speed = 0;      // m/s over ground, and indicated
+  // Camera. Azimuth is clockwise from true north and never below the course; elevation is above the horizon.
+  double sensor_azimuth = 0;
+  double sensor_elevation = 0;
+  double sensor_roll = 0;  // never below the aircraft's roll
+  double fov = 0;          // horizontal
+  double vfov = 0;
+  double slant_range = 0;
+  // What it looks at.
+  double frame_latitude = 0;
+  double frame_longitude = 0;
+  double frame_hae = 0;
+  double frame_elevation = 0;  // above mean sea level
+  double frame_width = 0;
+  double ce = 0;  // circular and linear error, one sigma
+  double le = 0;
+  int target = 0;  // number of the target, from 1
+  double target_latitude = 0;
+  double target_longitude = 0;
+  double target_hae = 0;
+  double target_elevation = 0;
+};
+
+// Height of mean sea level above the ellipsoid at a position, in metres.
+using Undulation = std::function<double(double latitude, double longitude)>;
+
+struct FlightOptions {
+  std::uint32_t seed = 1;     // another flight for every seed: start, altitude, rhythm, targets
+  std::int64_t start_us = 0;  // UTC since 1970; cut to 10 ms
+  Undulation undulation;      // none: zero everywhere
+};
+
+// Deterministic: the state at a time depends on the options alone, not on the steps taken to it.
+class Flight {
+ public:
+  explicit Flight(const FlightOptions& options);
+  // Moves on to a time after the start; never back.
+  void AdvanceTo(std::int64_t elapsed_us);
+  FlightState State() const;
+
+ private:
+  struct Target {
+    int number;
+    double east;
+    double north;
+    double hae;
+  };
+
+  void Step();
+  double Seconds() const;
+  double Course() const;
+  double Roll() const;
+  double Pitch() const;
+  double Hae() const;
+  double Sea(double latitude, double longitude) const;
+  double Vary(double period, double phase) const;  // -1 to 1
+  double Speed() const;
+  double Latitude(double north) const;
+  double Longitude(double east) const;
+  Target NearestTarget() const;
+  void FillSensor(FlightState& state) const;
+
+  FlightOptions m_options;
+  std::int64_t m_steps = 0;
+  double m_start_latitude;
+  double m_start_longitude;
+  double m_cruise_hae;
+  double m_phase;
+  double m_east = 0;  // metres from the start, on a plane that touches the start's latitude
+  double m_north = 0;
+};
+
+// "2024-05-01T12:00:00.25Z", always two decimals.
+std::string FormatTime(std::int64_t time_us);
+// Reads the same with any number of decimals, or none. Throws std::invalid_argument.
+std::int64_t ParseTime(const std::string& text);
+
+}  // namespace mdfeed
+
+#endif  // MDFEED_FLIGHT_H

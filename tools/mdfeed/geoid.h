@@ -1,0 +1,20 @@
+// Heights of mean sea level, from a geoid grid in GTX format (as PROJ's data packages carry it).
+#ifndef MDFEED_GEOID_H
+#define MDFEED_GEOID_H
+
+#include <string>
+#include <vector>
+
+#include "flight.h"
+
+namespace mdfeed {
+
+// Where Debian's proj-data package keeps the EGM96 grid.
+inline constexpr const char* kDefaultGeoidGrid = "/usr/share/proj/egm96_15.gtx";
+
+// Loads a grid and returns its undulation, interpolated between four points; longitudes wrap. Throws RunError.
+Undulation LoadGeoid(const std::string& path);
+
+}  // namespace mdfeed
+
+#endif  // MDFEED_GEOID_H

@@ -1,0 +1,104 @@
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <exception>
+
+#include "command_line.h"
+#include "error.h"
+#include "geoid.h"
+#include "sender.h"
+
+namespace mdfeed {
+namespace {
+
+std::int64_t Now() {
+  timeval now{};
+  gettimeofday(&now, nullptr);
+  return std::int64_t{now.tv_sec} * 1'000'000 + now.tv_usec;
+}
+
+FlightOptions MakeFlightOptions(const Arguments& args) {
+  FlightOptions flight;
+  flight.seed = args.seed;
+  flight.start_us = args.start.empty() ? Now() : ParseTime(args.start);
+  if (!args.geoid_grid.empty()) {
+    flight.undulation = LoadGeoid(args.geoid_grid);
+  } else if (access(kDefaultGeoidGrid, R_OK) == 0) {
+    flight.undulation = LoadGeoid(kDefaultGeoidGrid);
+  }
+  return flight;
+}
+
+// A flight that is sent as fast as it goes is flown at ten states a second.
+std::int64_t FlightInterval(const Arguments& args) {
+  const double rate = args.send.rate > 0 ? args.send.rate : 10.0;
+  return static_cast<std::int64_t>(1e6 / rate + 0.5);
+}
+
+std::unique_ptr<Traffic> MakeKlvTraffic(const Arguments& args) {
+  if (args.simulate) {
+    auto flight = MakeKlvFlight(MakeFlightOptions(args), FlightInterval(args));
+    return args.chunk == 0 ? std::move(flight) : MakeChunked(std::move(flight), args.chunk);
+  }
+  const Bytes stream = ReadFile(args.file);
+  if (args.chunk != 0) return MakeRecorded(SplitChunks(stream, args.chunk), args.repeat);
+  std::size_t skipped = 0;
+  auto messages = SplitKlv(stream, &skipped);
+  if (messages.empty()) throw RunError(args.file + " holds no KLV message");
+  if (skipped != 0) {
+    std::fprintf(stderr, "mdfeed: %s: %zu bytes outside of whole messages are not sent\n", args.file.c_str(), skipped);
+  }
+  return MakeRecorded(std::move(messages), args.repeat);
+}
+
+std::unique_ptr<Traffic> MakeCotTraffic(const Arguments& args) {
+  std::unique_ptr<Traffic> events;
+  if (args.simulate) {
+    events = MakeCotFlight(MakeFlightOptions(args), args.cot, FlightInterval(args));
+  } else {
+    auto recorded = SplitEvents(ReadFile(args.file));
+    if (recorded.empty()) throw RunError(args.file + " holds no event");
+    events = MakeRecorded(std::move(recorded), args.repeat);
+  }
+  return args.udp ? std::move(events) : MakeFramed(std::move(events), args.channel, args.damage, args.seed);
+}
+
+std::unique_ptr<Output> OpenOutput(const Arguments& args) {
+  if (args.udp) return OpenUdp(*args.udp, args.interface);
+  if (!args.serial.empty()) return OpenSerial(args.serial, args.baud);
+  return OpenPty(args.pty);
+}
+
+void Run(const Arguments& args) {
+  CatchStopSignals();
+  const auto traffic = args.command == Command::kKlv ? MakeKlvTraffic(args) : MakeCotTraffic(args);
+  const auto output = OpenOutput(args);
+  Progress progress(args.command == Command::kKlv ? "KLV messages" : "CoT events");
+  if (!args.pty.empty()) progress.Waiting(("a reader of " + args.pty).c_str());
+  if (!output->WaitForReader()) return;
+  const SendResult result = SendTraffic(*traffic, *output, args.send, progress);
+  output->Finish();
+  progress.Finish(result);
+}
+
+}  // namespace
+}  // namespace mdfeed
+
+int main(int argc, char** argv) {
+  mdfeed::Arguments args;
+  if (const auto answer = mdfeed::ParseCommandLine(argc, argv, args)) {
+    std::fputs(answer->text.c_str(), answer->exit_code == 0 ? stdout : stderr);
+    return answer->exit_code;
+  }
+  try {
+    mdfeed::Run(args);
+  } catch (const mdfeed::UsageError& error) {
+    std::fprintf(stderr, "mdfeed: %s\n", error.what());
+    return 2;
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "mdfeed: %s\n", error.what());
+    return 1;
+  }
+  return 0;
+}

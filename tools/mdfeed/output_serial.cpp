@@ -1,0 +1,168 @@
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <utility>
+
+#include "error.h"
+#include "output.h"
+#include "stop.h"
+
+namespace mdfeed {
+namespace {
+
+using std::chrono::milliseconds;
+
+// A terminal line, raw.
+class LineOutput : public Output {
+ public:
+  LineOutput() = default;
+  LineOutput(const LineOutput&) = delete;
+  LineOutput& operator=(const LineOutput&) = delete;
+  ~LineOutput() override {
+    if (m_fd >= 0) close(m_fd);
+  }
+
+  void Send(std::span<const std::uint8_t> data) override {
+    while (!data.empty() && !StopRequested()) {
+      const ssize_t written = write(m_fd, data.data(), data.size());
+      if (written > 0) {
+        data = data.subspan(static_cast<std::size_t>(written));
+        continue;
+      }
+      if (written < 0 && errno != EINTR && errno != EAGAIN) ThrowErrno("cannot write to " + m_name);
+      pollfd ready = {m_fd, POLLOUT, 0};
+      poll(&ready, 1, 100);
+    }
+  }
+
+ protected:
+  void MakeRaw(unsigned baud_code) {
+    termios settings{};
+    if (tcgetattr(m_fd, &settings) != 0) ThrowErrno(m_name + " is not a serial line");
+    cfmakeraw(&settings);
+    settings.c_cflag |= CLOCAL;
+    if (baud_code != 0) cfsetspeed(&settings, baud_code);
+    if (tcsetattr(m_fd, TCSANOW, &settings) != 0) ThrowErrno("cannot set up " + m_name);
+  }
+
+  std::string m_name;
+  int m_fd = -1;
+};
+
+class SerialOutput : public LineOutput {
+ public:
+  SerialOutput(const std::string& path, int baud) {
+    m_name = path;
+    m_fd = open(path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (m_fd < 0) ThrowErrno("cannot open " + path);
+    MakeRaw(BaudCode(baud));
+  }
+
+  void Finish() override { tcdrain(m_fd); }
+};
+
+class PtyOutput : public LineOutput {
+ public:
+  explicit PtyOutput(const std::string& link) : m_link(link) {
+    m_name = "the pseudo-terminal " + link;
+    m_fd = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (m_fd < 0 || grantpt(m_fd) != 0 || unlockpt(m_fd) != 0) ThrowErrno("cannot make a pseudo-terminal");
+    std::array<char, 128> name{};
+    if (ptsname_r(m_fd, name.data(), name.size()) != 0) ThrowErrno("cannot name the pseudo-terminal");
+    m_other_end = name.data();
+    // Opened and closed once, the master tells from then on whether anybody has the other end open.
+    const int other = OpenOtherEnd();
+    if (other >= 0) close(other);
+    MakeRaw(0);
+    MakeLink();
+  }
+  PtyOutput(const PtyOutput&) = delete;
+  PtyOutput& operator=(const PtyOutput&) = delete;
+  ~PtyOutput() override { unlink(m_link.c_str()); }
+
+  bool WaitForReader() override {
+    while (!HasReader()) {
+      if (StopRequested()) return false;
+      SleepUntil(Clock::now() + milliseconds(20));
+    }
+    // The reader sets the line up just after opening it; until then it might echo.
+    SleepUntil(Clock::now() + milliseconds(200));
+    MakeRaw(0);
+    return !StopRequested();
+  }
+
+  void Finish() override {
+    const int other = OpenOtherEnd();
+    if (other < 0) return;
+    const auto limit = Clock::now() + std::chrono::seconds(5);
+    int empty = 0;  // in a row; what was written last may still be on its way
+    while (empty < 3 && Clock::now() < limit && !StopRequested()) {
+      int waiting = 0;
+      ioctl(other, FIONREAD, &waiting);
+      empty = waiting == 0 ? empty + 1 : 0;
+      SleepUntil(Clock::now() + milliseconds(50));
+    }
+    close(other);
+  }
+
+ private:
+  int OpenOtherEnd() const { return open(m_other_end.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }
+
+  bool HasReader() const {
+    pollfd state = {m_fd, 0, 0};
+    return poll(&state, 1, 0) >= 0 && (state.revents & POLLHUP) == 0;
+  }
+
+  // Replaces a link that an earlier run left behind, but nothing else.
+  void MakeLink() const {
+    struct stat info {};
+    if (lstat(m_link.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) unlink(m_link.c_str());
+    if (symlink(m_other_end.c_str(), m_link.c_str()) != 0) ThrowErrno("cannot make the link " + m_link);
+  }
+
+  std::string m_link;
+  std::string m_other_end;
+};
+
+constexpr std::array<std::pair<int, unsigned>, 13> kBaudRates = {{{1200, B1200},
+                                                                  {2400, B2400},
+                                                                  {4800, B4800},
+                                                                  {9600, B9600},
+                                                                  {19200, B19200},
+                                                                  {38400, B38400},
+                                                                  {57600, B57600},
+                                                                  {115200, B115200},
+                                                                  {230400, B230400},
+                                                                  {460800, B460800},
+                                                                  {921600, B921600},
+                                                                  {1000000, B1000000},
+                                                                  {2000000, B2000000}}};
+
+}  // namespace
+
+unsigned BaudCode(int baud) {
+  const auto* found =
+      std::find_if(kBaudRates.begin(), kBaudRates.end(), [&](auto& rate) { return rate.first == baud; });
+  if (found != kBaudRates.end()) return found->second;
+  std::string allowed;
+  for (const auto& rate : kBaudRates) allowed += (allowed.empty() ? "" : ", ") + std::to_string(rate.first);
+  throw UsageError("--baud: " + std::to_string(baud) + " is not one of " + allowed);
+}
+
+std::unique_ptr<Output> OpenSerial(const std::string& path, int baud) {
+  return std::make_unique<SerialOutput>(path, baud);
+}
+
+std::unique_ptr<Output> OpenPty(const std::string& link) {
+  return std::make_unique<PtyOutput>(link);
+}
+
+}  // namespace mdfeed

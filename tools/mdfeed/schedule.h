@@ -1,0 +1,34 @@
+// A value that changes while the program runs: "32,64@2,10@5.5" is 32 at first, 64 after 2 s and 10 after 5.5 s.
+#ifndef MDFEED_SCHEDULE_H
+#define MDFEED_SCHEDULE_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace mdfeed {
+
+class Schedule {
+ public:
+  struct Entry {
+    std::chrono::milliseconds after;
+    int value;
+  };
+
+  Schedule() = default;
+  // Throws std::invalid_argument with what is wrong and what is allowed. Numbers are decimal or 0x hexadecimal; a time
+  // may end in "s"; only the first entry may go without one; times rise.
+  static Schedule Parse(const std::string& text, int min, int max);
+  // The value that has become due since the last call, or nothing.
+  std::optional<int> TakeDue(std::chrono::milliseconds elapsed);
+  const std::vector<Entry>& Entries() const { return m_entries; }
+
+ private:
+  std::vector<Entry> m_entries;
+  std::size_t m_taken = 0;
+};
+
+}  // namespace mdfeed
+
+#endif  // MDFEED_SCHEDULE_H

@@ -1,0 +1,90 @@
+#include "sender.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace mdfeed {
+namespace {
+
+using std::chrono::duration;
+using std::chrono::duration_cast;
+using std::chrono::milliseconds;
+
+class Clockwork {
+ public:
+  explicit Clockwork(const SendOptions& options) : m_options(options) {}
+
+  bool IsOver(std::uint64_t ticks) const {
+    if (StopRequested()) return true;
+    if (m_options.count != 0 && ticks >= m_options.count) return true;
+    return m_options.duration > 0 && Due(ticks) >= m_start + Seconds(m_options.duration);
+  }
+  void WaitFor(std::uint64_t tick) const {
+    if (m_options.rate > 0) SleepUntil(Due(tick));
+  }
+  milliseconds Elapsed() const { return duration_cast<milliseconds>(Clock::now() - m_start); }
+
+ private:
+  static Clock::duration Seconds(double seconds) { return duration_cast<Clock::duration>(duration<double>(seconds)); }
+  Clock::time_point Due(std::uint64_t tick) const {
+    if (m_options.rate <= 0) return Clock::now();
+    return m_start + Seconds(static_cast<double>(tick) / m_options.rate);
+  }
+
+  const SendOptions& m_options;
+  Clock::time_point m_start = Clock::now();
+};
+
+}  // namespace
+
+Progress::Progress(const char* what) : m_what(what), m_terminal(isatty(STDERR_FILENO) != 0) {}
+
+void Progress::Waiting(const char* for_what) {
+  if (m_terminal) std::fprintf(stderr, "waiting for %s\n", for_what);
+  m_start = Clock::now();
+}
+
+void Progress::Update(const SendResult& result) {
+  const auto now = Clock::now();
+  if (!m_terminal || now - m_shown < milliseconds(200)) return;
+  m_shown = now;
+  Show(result);
+}
+
+void Progress::Finish(const SendResult& result) {
+  if (!m_terminal) return;
+  Show(result);
+  std::fputc('\n', stderr);
+}
+
+void Progress::Show(const SendResult& result) const {
+  const double seconds = duration<double>(Clock::now() - m_start).count();
+  std::fprintf(stderr, "\r\033[K%s: %llu sent, %.1f kB, %.1f/s, %.1f s", m_what,
+               static_cast<unsigned long long>(result.messages), static_cast<double>(result.bytes) / 1000.0,
+               seconds > 0 ? static_cast<double>(result.messages) / seconds : 0.0, seconds);
+  std::fflush(stderr);
+}
+
+SendResult SendTraffic(Traffic& traffic, Output& output, SendOptions options, Progress& progress) {
+  SendResult result;
+  const Clockwork clock(options);
+  while (!clock.IsOver(result.ticks)) {
+    const std::vector<Bytes> batch = traffic.Next();
+    if (batch.empty()) break;
+    clock.WaitFor(result.ticks);
+    if (StopRequested()) break;
+    if (const auto ttl = options.ttl.TakeDue(clock.Elapsed())) output.SetTtl(*ttl);
+    if (const auto tos = options.tos.TakeDue(clock.Elapsed())) output.SetTos(*tos);
+    for (const Bytes& message : batch) {
+      output.Send(message);
+      result.messages++;
+      result.bytes += message.size();
+    }
+    result.ticks++;
+    progress.Update(result);
+  }
+  return result;
+}
+
+}  // namespace mdfeed

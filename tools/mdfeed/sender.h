@@ -1,0 +1,53 @@
+// Sends a traffic at its rate and shows how it goes.
+#ifndef MDFEED_SENDER_H
+#define MDFEED_SENDER_H
+
+#include <chrono>
+#include <cstdint>
+
+#include "output.h"
+#include "schedule.h"
+#include "stop.h"
+#include "traffic.h"
+
+namespace mdfeed {
+
+struct SendOptions {
+  double rate = 10;         // ticks per second; 0: as fast as it goes
+  std::uint64_t count = 0;  // ticks; 0: no limit
+  double duration = 0;      // seconds; 0: no limit
+  Schedule ttl;
+  Schedule tos;
+};
+
+struct SendResult {
+  std::uint64_t ticks = 0;
+  std::uint64_t messages = 0;
+  std::uint64_t bytes = 0;
+};
+
+// One line that is written over and over, on standard error, when that is a terminal; otherwise nothing.
+class Progress {
+ public:
+  explicit Progress(const char* what);
+  // Tells what is being waited for.
+  void Waiting(const char* for_what);
+  void Update(const SendResult& result);
+  // Leaves the last state standing.
+  void Finish(const SendResult& result);
+
+ private:
+  void Show(const SendResult& result) const;
+
+  const char* m_what;
+  bool m_terminal;
+  Clock::time_point m_start = Clock::now();
+  Clock::time_point m_shown{};
+};
+
+// Until the traffic ends, a limit is reached or a stop signal comes. Throws RunError.
+SendResult SendTraffic(Traffic& traffic, Output& output, SendOptions options, Progress& progress);
+
+}  // namespace mdfeed
+
+#endif  // MDFEED_SENDER_H

@@ -1,0 +1,19 @@
+// Ending on SIGINT and SIGTERM.
+#ifndef MDFEED_STOP_H
+#define MDFEED_STOP_H
+
+#include <chrono>
+
+namespace mdfeed {
+
+using Clock = std::chrono::steady_clock;
+
+// From now on both signals only set a mark, and end every wait of this program early.
+void CatchStopSignals();
+bool StopRequested();
+// Sleeps until then, or until a stop signal.
+void SleepUntil(Clock::time_point when);
+
+}  // namespace mdfeed
+
+#endif  // MDFEED_STOP_H
