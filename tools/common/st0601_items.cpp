@@ -1,0 +1,527 @@
+/*
+ * CONTENTS
+ *   Numbers       big-endian integers and the codings of numbers
+ *   Values        Decode, Encode and what displays them
+ *   Messages      reading
+ *   Building      writing
+ */
+#include "st0601_items.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <limits>
+
+namespace st0601 {
+
+const uint8_t kUasKey[16] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01,
+                             0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00, 0x00};
+
+namespace {
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Numbers                                                                                          */
+/* ------------------------------------------------------------------------------------------------ */
+
+uint64_t ReadUnsigned(ByteView bytes) {
+  uint64_t value = 0;
+  for (const uint8_t byte : bytes) value = value << 8 | byte;
+  return value;
+}
+
+/* Two's complement of 1 to 8 bytes. */
+int64_t ReadSigned(ByteView bytes) {
+  const unsigned unused = static_cast<unsigned>(64 - 8 * bytes.size());
+  return static_cast<int64_t>(ReadUnsigned(bytes) << unused) >> unused;
+}
+
+Bytes WriteInteger(uint64_t value, size_t size) {
+  Bytes out(size);
+  for (size_t i = 0; i < size; ++i) out[size - 1 - i] = static_cast<uint8_t>(value >> (8 * i));
+  return out;
+}
+
+size_t LeastSize(uint64_t value) {
+  size_t size = 1;
+  while (value >>= 8) ++size;
+  return size;
+}
+
+size_t LeastSignedSize(int64_t value) {
+  size_t size = 1;
+  while (size < 8 && (value >> (8 * size - 1)) != 0 && (value >> (8 * size - 1)) != -1) ++size;
+  return size;
+}
+
+double UnsignedSteps(size_t size) {
+  return std::ldexp(1.0, static_cast<int>(8 * size)) - 1;
+}
+double SignedSteps(size_t size) {
+  return std::ldexp(1.0, static_cast<int>(8 * size)) - 2;
+}
+
+/* MISB ST 1201, IMAPB: scale and zero offset for a range in `size` bytes. */
+struct Imap {
+  double scale;
+  double zeroOffset;
+};
+Imap ImapOf(const Item& item, size_t size) {
+  const int rangePower = static_cast<int>(std::ceil(std::log2(item.max - item.min)));
+  const double scale = std::ldexp(1.0, static_cast<int>(8 * size) - 1 - rangePower);
+  double zeroOffset = 0;
+  if (item.min < 0 && item.max > 0) zeroOffset = scale * item.min - std::floor(scale * item.min);
+  return {scale, zeroOffset};
+}
+
+std::string FormatNumber(double value, double resolution) {
+  const int digits = resolution <= 0 ? 0 : std::clamp(static_cast<int>(std::ceil(-std::log10(resolution))), 0, 9);
+  char text[64];
+  std::snprintf(text, sizeof(text), "%.*f", digits, value);
+  return text;
+}
+
+std::string FormatTime(uint64_t microseconds) {
+  const time_t seconds = static_cast<time_t>(microseconds / 1000000);
+  tm parts{};
+  char text[64];
+  if (gmtime_r(&seconds, &parts) == nullptr || parts.tm_year > 8099) return std::to_string(microseconds) + " us";
+  const size_t used = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &parts);
+  std::snprintf(text + used, sizeof(text) - used, ".%06uZ", static_cast<unsigned>(microseconds % 1000000));
+  return text;
+}
+
+/* Bytes of the UTF-8 character at `position`, 0 when there is none: cut, over-long, a surrogate or above U+10FFFF. */
+size_t Utf8Size(ByteView bytes, size_t position) {
+  const uint8_t first = bytes[position];
+  const size_t size = first < 0x80                    ? 1
+                      : first >= 0xC2 && first < 0xE0 ? 2
+                      : (first & 0xF0) == 0xE0        ? 3
+                      : first >= 0xF0 && first < 0xF5 ? 4
+                                                      : 0;
+  if (size == 0 || bytes.size() - position < size) return 0;
+  uint32_t code = size == 1 ? first : first & (0xFFU >> (size + 1));
+  for (size_t i = 1; i < size; ++i) {
+    if ((bytes[position + i] & 0xC0) != 0x80) return 0;
+    code = code << 6 | (bytes[position + i] & 0x3FU);
+  }
+  if (size == 3 && (code < 0x800 || (code >= 0xD800 && code < 0xE000))) return 0;
+  if (size == 4 && (code < 0x10000 || code > 0x10FFFF)) return 0;
+  return size;
+}
+
+/* Text that may go to a terminal or into JSON: control characters and what is no UTF-8 become dots. */
+std::string Printable(ByteView bytes) {
+  std::string text;
+  for (size_t i = 0; i < bytes.size();) {
+    const size_t size = Utf8Size(bytes, i);
+    const bool control = bytes[i] < 0x20 || bytes[i] == 0x7F || (size == 2 && bytes[i] == 0xC2 && bytes[i + 1] < 0xA0);
+    if (size == 0 || control) {
+      text += '.';
+    } else {
+      text.append(reinterpret_cast<const char*>(&bytes[i]), size);
+    }
+    i += std::max<size_t>(size, 1);
+  }
+  return text;
+}
+
+std::string FromUtf16(ByteView bytes) {
+  std::string text;
+  for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
+    const unsigned unit = static_cast<unsigned>(bytes[i] << 8 | bytes[i + 1]);
+    if (unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0xD800 && unit < 0xE000)) {
+      text += '.';
+    } else if (unit < 0x80) {
+      text += static_cast<char>(unit);
+    } else if (unit < 0x800) {
+      text += static_cast<char>(0xC0 | unit >> 6);
+      text += static_cast<char>(0x80 | (unit & 0x3F));
+    } else {
+      text += static_cast<char>(0xE0 | unit >> 12);
+      text += static_cast<char>(0x80 | (unit >> 6 & 0x3F));
+      text += static_cast<char>(0x80 | (unit & 0x3F));
+    }
+  }
+  return text;
+}
+
+bool HasItsSize(const Item& item, size_t size) {
+  switch (item.kind) {
+    case Kind::kText:
+    case Kind::kSecuritySet:
+    case Kind::kRaw:
+      return true;
+    case Kind::kText16:
+      return size % 2 == 0;
+    default:
+      return item.size != 0 ? size == item.size : size >= 1 && size <= 8;
+  }
+}
+
+void SetNumber(Value& value, const Item& item, size_t size, double number) {
+  double resolution = 0;
+  if (item.kind == Kind::kUnsigned) resolution = (item.max - item.min) / UnsignedSteps(size);
+  if (item.kind == Kind::kSigned) resolution = (item.max - item.min) / SignedSteps(size);
+  if (item.kind == Kind::kImap) resolution = 1 / ImapOf(item, size).scale;
+  value.isNumber = true;
+  value.number = number;
+  value.text = FormatNumber(number, resolution);
+}
+
+void SetWhole(Value& value, int64_t whole) {
+  value.isNumber = value.isWhole = true;
+  value.whole = whole;
+  value.number = static_cast<double>(whole);
+  value.text = std::to_string(whole);
+}
+
+void SetOutOfRange(Value& value) {
+  value.state = ValueState::kOutOfRange;
+  value.text = "out of range";
+}
+
+void DecodeSigned(Value& value, const Item& item, ByteView bytes) {
+  const int64_t raw = ReadSigned(bytes);
+  if (static_cast<double>(raw) == -std::ldexp(1.0, static_cast<int>(8 * bytes.size()) - 1)) {
+    SetOutOfRange(value);
+    return;
+  }
+  const double half = SignedSteps(bytes.size()) / 2;
+  SetNumber(value, item, bytes.size(), static_cast<double>(raw) / half * item.max);
+}
+
+/* The high bit marks the special values of ST 1201, but for the one pattern 100..0 that is the upper limit. */
+void DecodeImap(Value& value, const Item& item, ByteView bytes) {
+  const uint64_t raw = ReadUnsigned(bytes);
+  const uint64_t high = 1ULL << (8 * bytes.size() - 1);
+  if (raw > high) {
+    SetOutOfRange(value);
+    return;
+  }
+  const Imap map = ImapOf(item, bytes.size());
+  SetNumber(value, item, bytes.size(), (static_cast<double>(raw) - map.zeroOffset) / map.scale + item.min);
+}
+
+}  // namespace
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Values                                                                                           */
+/* ------------------------------------------------------------------------------------------------ */
+
+std::string Hex(ByteView bytes) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  std::string text;
+  text.reserve(2 * bytes.size());
+  for (const uint8_t byte : bytes) {
+    text += kDigits[byte >> 4];
+    text += kDigits[byte & 15];
+  }
+  return text;
+}
+
+Value Decode(const Item& item, ByteView bytes) {
+  Value value;
+  if (!HasItsSize(item, bytes.size())) {
+    value.state = ValueState::kBadLength;
+    value.text = Hex(bytes);
+    return value;
+  }
+  switch (item.kind) {
+    case Kind::kUnsigned:
+      SetNumber(
+          value, item, bytes.size(),
+          item.min + static_cast<double>(ReadUnsigned(bytes)) / UnsignedSteps(bytes.size()) * (item.max - item.min));
+      break;
+    case Kind::kSigned:
+      DecodeSigned(value, item, bytes);
+      break;
+    case Kind::kInteger:
+      SetWhole(value, static_cast<int64_t>(ReadUnsigned(bytes)));
+      break;
+    case Kind::kSignedWhole:
+      SetWhole(value, ReadSigned(bytes));
+      break;
+    case Kind::kCode:
+      SetWhole(value, static_cast<int64_t>(ReadUnsigned(bytes)));
+      if (const auto meaning = CodeText(item, value.whole); !meaning.empty()) value.text = meaning;
+      break;
+    case Kind::kImap:
+      DecodeImap(value, item, bytes);
+      break;
+    case Kind::kText:
+      value.text = Printable(bytes);
+      break;
+    case Kind::kText16:
+      value.text = FromUtf16(bytes);
+      break;
+    case Kind::kTime:
+      SetWhole(value, static_cast<int64_t>(ReadUnsigned(bytes)));
+      value.text = FormatTime(ReadUnsigned(bytes));
+      break;
+    case Kind::kChecksum:
+      SetWhole(value, static_cast<int64_t>(ReadUnsigned(bytes)));
+      value.text = "0x" + Hex(bytes);
+      break;
+    case Kind::kSecuritySet:
+    case Kind::kRaw:
+      value.text = Hex(bytes);
+      break;
+  }
+  return value;
+}
+
+std::optional<Bytes> EncodeWhole(const Item& item, int64_t value) {
+  switch (item.kind) {
+    case Kind::kInteger:
+    case Kind::kCode:
+    case Kind::kTime:
+    case Kind::kChecksum: {
+      if (value < 0) return std::nullopt;
+      const size_t least = LeastSize(static_cast<uint64_t>(value));
+      if (item.size != 0 && least > item.size) return std::nullopt;
+      return WriteInteger(static_cast<uint64_t>(value), item.size != 0 ? item.size : least);
+    }
+    case Kind::kSignedWhole: {
+      const size_t least = LeastSignedSize(value);
+      if (item.size != 0 && least > item.size) return std::nullopt;
+      return WriteInteger(static_cast<uint64_t>(value), item.size != 0 ? item.size : least);
+    }
+    case Kind::kUnsigned:
+    case Kind::kSigned:
+    case Kind::kImap:
+      return Encode(item, static_cast<double>(value));
+    default:
+      return std::nullopt;
+  }
+}
+
+std::optional<Bytes> Encode(const Item& item, double value, size_t size) {
+  const bool inside = value >= item.min && value <= item.max;  // false for what is no number
+  switch (item.kind) {
+    case Kind::kUnsigned: {
+      if (!inside) return std::nullopt;
+      const double raw = std::round((value - item.min) / (item.max - item.min) * UnsignedSteps(item.size));
+      return WriteInteger(static_cast<uint64_t>(raw), item.size);
+    }
+    case Kind::kSigned: {
+      if (!inside) return WriteInteger(1ULL << (8 * item.size - 1), item.size);
+      const double raw = std::round(value / item.max * (SignedSteps(item.size) / 2));
+      return WriteInteger(static_cast<uint64_t>(static_cast<int64_t>(raw)), item.size);
+    }
+    case Kind::kImap: {
+      if (!inside) return std::nullopt;
+      const size_t bytes = std::clamp<size_t>(size == 0 ? 4 : size, 1, 7);
+      const Imap map = ImapOf(item, bytes);
+      return WriteInteger(static_cast<uint64_t>(map.scale * (value - item.min) + map.zeroOffset), bytes);
+    }
+    default:
+      if (!(std::fabs(value) < 9.0e18)) return std::nullopt;
+      return EncodeWhole(item, static_cast<int64_t>(std::round(value)));
+  }
+}
+
+Bytes EncodeText(const Item& item, std::string_view text) {
+  Bytes out;
+  for (const char character : text) {
+    if (item.kind == Kind::kText16) out.push_back(0);
+    out.push_back(static_cast<uint8_t>(character));
+  }
+  return out;
+}
+
+double Resolution(const Item& item) {
+  switch (item.kind) {
+    case Kind::kUnsigned:
+      return (item.max - item.min) / UnsignedSteps(item.size);
+    case Kind::kSigned:
+      return (item.max - item.min) / SignedSteps(item.size);
+    case Kind::kImap:
+      return 1 / ImapOf(item, 4).scale;
+    case Kind::kText:
+    case Kind::kText16:
+    case Kind::kSecuritySet:
+    case Kind::kRaw:
+      return 0;
+    default:
+      return 1;
+  }
+}
+
+std::string Display(const Item& item, const Value& value) {
+  if (value.state != ValueState::kOk || item.unit[0] == '\0') return value.text;
+  return value.text + ' ' + item.unit;
+}
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Messages                                                                                         */
+/* ------------------------------------------------------------------------------------------------ */
+
+namespace {
+
+/* BER length at `position`, which moves behind it. Nothing for an indefinite or cut length. */
+std::optional<size_t> ReadBerLength(ByteView bytes, size_t& position) {
+  if (position >= bytes.size()) return std::nullopt;
+  const uint8_t first = bytes[position];
+  if (first < 0x80) {
+    ++position;
+    return first;
+  }
+  const size_t count = first & 0x7FU;
+  if (count == 0 || count > 4 || bytes.size() - position - 1 < count) return std::nullopt;
+  const size_t length = ReadUnsigned(bytes.subspan(position + 1, count));
+  position += 1 + count;
+  return length;
+}
+
+/* BER-OID tag at `position`, which moves behind it. */
+std::optional<uint32_t> ReadTag(ByteView bytes, size_t& position) {
+  uint32_t tag = 0;
+  for (size_t i = 0; i < 4 && position + i < bytes.size(); ++i) {
+    const uint8_t byte = bytes[position + i];
+    tag = tag << 7 | (byte & 0x7FU);
+    if (byte < 0x80) {
+      position += i + 1;
+      return tag;
+    }
+  }
+  return std::nullopt;
+}
+
+/* Walks a local set; returns why it stopped before the end, or "". */
+std::string ReadElements(ByteView body, const Item* (*find)(uint32_t), std::vector<Element>& elements) {
+  size_t position = 0;
+  while (position < body.size()) {
+    const size_t start = position;
+    const auto tag = ReadTag(body, position);
+    if (!tag) return "unreadable tag at byte " + std::to_string(start) + " of the body";
+    const auto length = ReadBerLength(body, position);
+    if (!length) return "item " + std::to_string(*tag) + " has an unreadable length";
+    if (*length > body.size() - position) return "item " + std::to_string(*tag) + " runs past the end";
+    elements.push_back({*tag, body.subspan(position, *length), find(*tag)});
+    position += *length;
+  }
+  return {};
+}
+
+void CheckSum(Message& message, ByteView bytes) {
+  const auto isChecksum = [](const Element& element) { return element.tag == kChecksumTag; };
+  const auto first = std::find_if(message.elements.begin(), message.elements.end(), isChecksum);
+  if (first == message.elements.end()) return;
+  if (first->value.size() != 2 || first != message.elements.end() - 1 || !message.isComplete) {
+    message.checksum = ChecksumState::kMisplaced;
+    return;
+  }
+  message.storedChecksum = static_cast<uint16_t>(ReadUnsigned(first->value));
+  message.computedChecksum = RunningSum(bytes.first(static_cast<size_t>(first->value.data() - bytes.data())));
+  message.checksum = message.storedChecksum == message.computedChecksum ? ChecksumState::kOk : ChecksumState::kBad;
+}
+
+}  // namespace
+
+const Element* Message::Find(uint32_t tag) const {
+  const auto it = std::find_if(elements.begin(), elements.end(), [tag](const Element& e) { return e.tag == tag; });
+  return it == elements.end() ? nullptr : &*it;
+}
+
+Message Parse(ByteView bytes) {
+  Message message;
+  if (bytes.size() < sizeof(kUasKey) || std::memcmp(bytes.data(), kUasKey, sizeof(kUasKey)) != 0) {
+    message.error = "not a UAS Datalink Local Set";
+    return message;
+  }
+  message.isUas = true;
+  size_t position = sizeof(kUasKey);
+  const auto length = ReadBerLength(bytes, position);
+  if (!length) {
+    message.error = "unreadable length";
+    return message;
+  }
+  message.headerSize = position;
+  message.totalSize = position + *length;
+  const size_t present = std::min(*length, bytes.size() - position);
+  message.error = ReadElements(bytes.subspan(position, present), FindItem, message.elements);
+  if (message.error.empty() && present < *length) message.error = "cut off";
+  message.isComplete = message.error.empty();
+  CheckSum(message, bytes);
+  return message;
+}
+
+std::vector<Element> ParseSecuritySet(ByteView value) {
+  std::vector<Element> elements;
+  ReadElements(value, FindSecurityElement, elements);
+  return elements;
+}
+
+const char* ChecksumStateName(ChecksumState state) {
+  static constexpr const char* kNames[] = {"ok", "bad", "missing", "misplaced"};
+  return kNames[static_cast<size_t>(state)];
+}
+
+uint16_t RunningSum(ByteView bytes) {
+  unsigned sum = 0;
+  for (size_t i = 0; i < bytes.size(); ++i) sum += static_cast<unsigned>(bytes[i]) << (i % 2 == 0 ? 8 : 0);
+  return static_cast<uint16_t>(sum);
+}
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Building                                                                                         */
+/* ------------------------------------------------------------------------------------------------ */
+
+void AppendBerLength(Bytes& out, size_t length) {
+  if (length < 0x80) {
+    out.push_back(static_cast<uint8_t>(length));
+    return;
+  }
+  const size_t count = LeastSize(length);
+  out.push_back(static_cast<uint8_t>(0x80 | count));
+  const Bytes digits = WriteInteger(length, count);
+  out.insert(out.end(), digits.begin(), digits.end());
+}
+
+Builder& Builder::Add(uint32_t tag, ByteView value) {
+  if (tag >= 0x80) body_.push_back(static_cast<uint8_t>(0x80 | tag >> 7));
+  body_.push_back(static_cast<uint8_t>(tag & 0x7F));
+  AppendBerLength(body_, value.size());
+  body_.insert(body_.end(), value.begin(), value.end());
+  return *this;
+}
+
+Builder& Builder::Add(uint32_t tag, double value) {
+  const Item* item = FindItem(tag);
+  if (item != nullptr) {
+    if (const auto bytes = Encode(*item, value)) Add(tag, ByteView(*bytes));
+  }
+  return *this;
+}
+
+Builder& Builder::AddWhole(uint32_t tag, int64_t value) {
+  const Item* item = FindItem(tag);
+  if (item != nullptr) {
+    if (const auto bytes = EncodeWhole(*item, value)) Add(tag, ByteView(*bytes));
+  }
+  return *this;
+}
+
+Builder& Builder::AddText(uint32_t tag, std::string_view text) {
+  const Item* item = FindItem(tag);
+  if (item != nullptr) Add(tag, ByteView(EncodeText(*item, text)));
+  return *this;
+}
+
+Bytes Builder::Finish(bool withChecksum) const {
+  Bytes out(kUasKey, kUasKey + sizeof(kUasKey));
+  AppendBerLength(out, body_.size() + (withChecksum ? 4 : 0));
+  out.insert(out.end(), body_.begin(), body_.end());
+  if (withChecksum) {
+    out.push_back(kChecksumTag);
+    out.push_back(2);
+    const uint16_t sum = RunningSum(out);
+    out.push_back(static_cast<uint8_t>(sum >> 8));
+    out.push_back(static_cast<uint8_t>(sum & 0xFF));
+  }
+  return out;
+}
+
+}  // namespace st0601
