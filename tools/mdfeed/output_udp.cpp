@@ -25,7 +25,7 @@ UdpAddress ParseUdpAddress(const std::string& text) {
     address.host = text.substr(0, colon);
     address.port = text.substr(colon + 1);
   }
-  if (address.host.size() > 2 && address.host.front() == '[' && address.host.back() == ']') {
+  if (address.host.size() >= 2 && address.host.front() == '[' && address.host.back() == ']') {
     address.host = address.host.substr(1, address.host.size() - 2);
   } else if (address.host.find(':') != std::string::npos) {
     throw std::invalid_argument("'" + text + "': write an IPv6 address as [address]:port");

@@ -1,0 +1,151 @@
+#include "traffic.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "error.h"
+#include "geoid.h"
+#include "klv_flight.h"
+
+namespace mdfeed {
+namespace {
+
+Bytes Text(const std::string& text) {
+  return {text.begin(), text.end()};
+}
+
+Bytes Message(std::size_t value_size, std::initializer_list<std::uint8_t> length) {
+  Bytes message = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 1, 1, 0x0E, 1, 3, 1, 1, 0, 0, 0};
+  message.insert(message.end(), length);
+  message.resize(message.size() + value_size, 0x06);
+  return message;
+}
+
+Bytes Join(const std::vector<Bytes>& parts) {
+  Bytes all;
+  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
+TEST(SplitKlv, CutsAtEveryLengthForm) {
+  const std::vector<Bytes> messages = {Message(0, {0}), Message(127, {0x7F}), Message(200, {0x81, 200}),
+                                       Message(300, {0x82, 1, 44}), Message(5, {0x84, 0, 0, 0, 5})};
+  std::size_t skipped = 9;
+  EXPECT_EQ(SplitKlv(Join(messages), &skipped), messages);
+  EXPECT_EQ(skipped, 0u);
+}
+
+TEST(SplitKlv, LeavesOutAndCountsWhatIsNoMessage) {
+  const Bytes good = Message(3, {3});
+  Bytes cut_off = Message(3, {4});
+  std::size_t skipped = 0;
+  EXPECT_EQ(SplitKlv(Join({Text("noise"), good, {0x06, 0x0E}, good, cut_off}), &skipped),
+            (std::vector<Bytes>{good, good}));
+  EXPECT_EQ(skipped, 5 + 2 + cut_off.size());
+  EXPECT_TRUE(SplitKlv({}, &skipped).empty());
+  EXPECT_EQ(skipped, 0u);
+}
+
+TEST(SplitEvents, CutsWholeEventsOutOfText) {
+  const std::string event = "<event uid=\"a\"><point/></event>";
+  EXPECT_EQ(SplitEvents(Text("<?xml?>" + event + "\n" + event + "<event half")),
+            (std::vector<Bytes>{Text(event), Text(event)}));
+  EXPECT_TRUE(SplitEvents(Text("</event>")).empty());
+}
+
+TEST(SplitChunks, LosesNothing) {
+  EXPECT_EQ(SplitChunks(Text("abcdefg"), 3), (std::vector<Bytes>{Text("abc"), Text("def"), Text("g")}));
+  EXPECT_TRUE(SplitChunks({}, 3).empty());
+}
+
+TEST(Recorded, RepeatsAsOftenAsAsked) {
+  const auto twice = MakeRecorded({Text("a"), Text("b")}, 2);
+  std::string sent;
+  for (auto batch = twice->Next(); !batch.empty(); batch = twice->Next()) sent += static_cast<char>(batch[0][0]);
+  EXPECT_EQ(sent, "abab");
+  const auto for_ever = MakeRecorded({Text("a")}, 0);
+  for (int i = 0; i < 100; i++) EXPECT_EQ(for_ever->Next().size(), 1u);
+}
+
+TEST(Chunked, CutsEveryMessage) {
+  const auto chunked = MakeChunked(MakeRecorded({Text("abcde")}, 1), 2);
+  EXPECT_EQ(chunked->Next(), (std::vector<Bytes>{Text("ab"), Text("cd"), Text("e")}));
+  EXPECT_TRUE(chunked->Next().empty());
+}
+
+TEST(Framed, DamagesTheAskedShareOfFrames) {
+  const std::string xml = "<event></event>";
+  const auto framed = MakeFramed(MakeRecorded({Text(xml)}, 1000), '1', {{FrameField::kCrc, 25.0}}, 1);
+  const Bytes whole = BuildCotFrame(xml);
+  int damaged = 0;
+  for (auto batch = framed->Next(); !batch.empty(); batch = framed->Next()) damaged += batch[0] != whole;
+  EXPECT_NEAR(damaged, 250, 60);
+}
+
+TEST(CotTraffic, OneTickIsAPairWithTheSensorFirst) {
+  const auto traffic = MakeCotFlight({}, {}, 100'000);
+  const auto batch = traffic->Next();
+  ASSERT_EQ(batch.size(), 2u);
+  EXPECT_THAT(std::string(batch[0].begin(), batch[0].end()), testing::HasSubstr("type=\"b-m-p-s-p-i\""));
+  EXPECT_THAT(std::string(batch[1].begin(), batch[1].end()), testing::HasSubstr("type=\"a-f-A-M-F-Q\""));
+}
+
+TEST(KlvTraffic, MovesOnByTheInterval) {
+  FlightOptions options;
+  options.start_us = 1'000'000'000;
+  const auto traffic = MakeKlvFlight(options, 250'000);
+  traffic->Next();
+  Flight flight(options);
+  flight.AdvanceTo(250'000);
+  EXPECT_EQ(traffic->Next().at(0), MakeKlvMessage(flight.State()));
+}
+
+class GeoidFile : public testing::Test {
+ protected:
+  void SetUp() override { m_path = testing::TempDir() + "mdfeed_geoid_" + std::to_string(getpid()) + ".gtx"; }
+  void TearDown() override { std::filesystem::remove(m_path); }
+
+  // Three rows from 90 S, four columns from 180 W, 90 degrees apart; heights are 10 * row + column.
+  void WriteGrid(std::size_t heights) {
+    std::ofstream file(m_path, std::ios::binary);
+    const auto put = [&](auto value) {
+      char bytes[sizeof(value)];
+      std::memcpy(bytes, &value, sizeof(value));
+      std::reverse(bytes, bytes + sizeof(value));
+      file.write(bytes, sizeof(value));
+    };
+    for (const double value : {-90.0, -180.0, 90.0, 90.0}) put(value);
+    put(std::uint32_t{3});
+    put(std::uint32_t{4});
+    for (std::size_t i = 0; i < heights; i++) put(static_cast<float>(10 * (i / 4) + i % 4));
+  }
+
+  std::string m_path;
+};
+
+TEST_F(GeoidFile, IsInterpolatedAndWrapsAtTheDateLine) {
+  WriteGrid(12);
+  const Undulation undulation = LoadGeoid(m_path);
+  EXPECT_DOUBLE_EQ(undulation(-90, -180), 0);
+  EXPECT_DOUBLE_EQ(undulation(90, 90), 23);
+  EXPECT_DOUBLE_EQ(undulation(0, -180), 10);
+  EXPECT_DOUBLE_EQ(undulation(0, 180), 10);
+  EXPECT_DOUBLE_EQ(undulation(45, -135), 15.5);
+  EXPECT_DOUBLE_EQ(undulation(0, 135), 11.5);
+}
+
+TEST_F(GeoidFile, ThatIsCutOffOrMissingIsRefused) {
+  WriteGrid(11);
+  EXPECT_THROW(LoadGeoid(m_path), RunError);
+  std::filesystem::remove(m_path);
+  EXPECT_THROW(LoadGeoid(m_path), RunError);
+}
+
+}  // namespace
+}  // namespace mdfeed
