@@ -1,0 +1,119 @@
+// Private side of the fake host.
+#ifndef FAKE_IMPL_H
+#define FAKE_IMPL_H
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <set>
+#include <thread>
+
+#include "fake_host.h"
+
+struct QueuedDatagram {
+  Bytes bytes;
+  DatagramInfo info;
+};
+
+struct QueuedKLV {
+  Bytes bytes;
+  UINT64 timestamp;
+  std::optional<int> length;
+};
+
+struct FDState : FakeFD {
+  std::deque<QueuedDatagram> datagrams;
+  std::deque<BYTE> serial;
+  bool hungUp = false;
+  int interface = -1;
+};
+
+struct SetEntry {
+  int fd;
+  FDMGR_READ_CALLBACK callback;
+  void* param1;
+  void* param2;
+};
+
+struct tagHOST_FDSET {
+  std::vector<SetEntry> entries;
+  std::optional<timeval> interval;
+  FDMGR_TIMEOUT_CALLBACK timeoutCallback = nullptr;
+  void* param1 = nullptr;
+  void* param2 = nullptr;
+};
+
+struct tagHOST_MBOX_MSG {
+  MBOX_MSGHEADER header;
+};
+
+struct tagHOST_MBOX {
+  int fd;
+  std::deque<HMBOXMSG> queue;
+};
+
+struct tagHOST_THREAD {
+  HOST_THREAD_ROUTINE routine;
+  void* argument;
+  std::thread thread;
+  bool started = false;
+};
+
+struct tagHOST_COUNTER_RATE {
+  int samples;
+};
+
+struct DebugModule : tagDBG_MODULE {
+  std::string name;
+};
+
+struct Host::Impl {
+  mutable std::recursive_mutex lock;
+  std::condition_variable_any changed;
+
+  std::vector<LogLine> logs;
+  std::vector<DumpLine> dumps;
+  std::vector<Assertion> assertions;
+  std::vector<std::pair<int, std::string>> allowed;
+  std::map<std::string, int> levels;
+  std::map<std::string, DebugModule> modules;
+
+  long wallMicroseconds = 0;
+  long upMilliseconds = 0;
+
+  std::map<std::string, std::deque<Failure>> failures;
+  std::map<std::string, int> calls;
+
+  std::map<int, FDState> fds;
+  int nextFD = kFirstFakeFD;
+  int captureFD[4] = {-1, -1, -1, -1};
+  std::map<int, std::deque<QueuedKLV>> captures;  // by input
+
+  std::string folder;
+  std::map<std::string, std::string> config;
+
+  std::set<tagHOST_FDSET*> sets;
+  std::set<tagHOST_MBOX*> mailboxes;
+  std::set<tagHOST_MBOX_MSG*> messages;
+  std::set<tagHOST_COUNTER_RATE*> rates;
+  std::set<tagHOST_THREAD*> threads;
+
+  // Lockstep: the metadata thread waits in FDMGR_Select until a pass is granted.
+  std::thread::id metadataThread;
+  bool running = false;
+  bool atSelect = false;
+  bool granted = false;
+  bool timeOut = false;
+  bool hold = false;
+  tagHOST_FDSET* currentSet = nullptr;
+
+  // Counts a call; the failure to act out, if this call is to fail. Sets errno.
+  std::optional<Failure> Call(const std::string& name);
+  bool Fails(const std::string& name) { return Call(name).has_value(); }
+  bool Readable(int fd);
+  bool AnyReadable();
+  int NewFD(const std::string& kind);
+  void Grant(bool timeOutPass);
+};
+
+#endif  // FAKE_IMPL_H

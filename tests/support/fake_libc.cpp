@@ -1,0 +1,262 @@
+// The libc calls that reach outside, through the linker's --wrap: time follows the fake clock, files live in the test's
+// own folder, fake descriptors are scripted. Everything else passes through.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <stdarg.h>
+#include <sys/ioctl.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cstring>
+
+#include "fake_impl.h"
+
+static Host::Impl& Fake() {
+  return *host().impl;
+}
+static bool IsFake(int fd) {
+  return fd >= kFirstFakeFD;
+}
+
+static FDState* Find(int fd) {
+  const auto found = Fake().fds.find(fd);
+  return found == Fake().fds.end() || found->second.closed ? nullptr : &found->second;
+}
+
+static int Result(const Failure& failure) {
+  return static_cast<int>(failure.result.value_or(-1));
+}
+
+extern "C" {
+
+int __real_close(int);
+int __real_ioctl(int, unsigned long, ...);
+int __real_setsockopt(int, int, int, const void*, socklen_t);
+int __real_connect(int, const struct sockaddr*, socklen_t);
+ssize_t __real_send(int, const void*, size_t, int);
+ssize_t __real_recvmsg(int, struct msghdr*, int);
+ssize_t __real_read(int, void*, size_t);
+int __real_open(const char*, int, ...);
+FILE* __real_fopen(const char*, const char*);
+FILE* __real_fdopen(int, const char*);
+void* __real_calloc(size_t, size_t);
+void* __real_malloc(size_t);
+
+time_t __wrap_time(time_t* out) {
+  const time_t now = host().NowSeconds();
+  if (out != nullptr) *out = now;
+  return now;
+}
+
+int __wrap_gettimeofday(struct timeval* out, void*) {
+  std::lock_guard guard(Fake().lock);
+  if (const auto failure = Fake().Call("gettimeofday")) return Result(*failure);
+  out->tv_sec = Fake().wallMicroseconds / 1000000;
+  out->tv_usec = Fake().wallMicroseconds % 1000000;
+  return 0;
+}
+
+int __wrap_clock_gettime(clockid_t, struct timespec* out) {
+  std::lock_guard guard(Fake().lock);
+  out->tv_sec = Fake().upMilliseconds / 1000;
+  out->tv_nsec = Fake().upMilliseconds % 1000 * 1000000;
+  return 0;
+}
+
+int __wrap_nanosleep(const struct timespec* pause, struct timespec*) {
+  std::lock_guard guard(Fake().lock);
+  Fake().Call("nanosleep");
+  host().Advance(pause->tv_sec * 1000 + pause->tv_nsec / 1000000);
+  return 0;
+}
+
+int __wrap_socket(int family, int, int) {
+  std::lock_guard guard(Fake().lock);
+  if (const auto failure = Fake().Call("socket")) return Result(*failure);
+  const int fd = Fake().NewFD("socket");
+  Fake().fds[fd].family = family;
+  return fd;
+}
+
+int __wrap_close(int fd) {
+  if (!IsFake(fd)) return __real_close(fd);
+  std::lock_guard guard(Fake().lock);
+  const auto failure = Fake().Call("close");
+  FDState* state = Find(fd);
+  if (state == nullptr) {
+    ADD_FAILURE() << "descriptor " << fd << " closed twice";
+    errno = EBADF;
+    return -1;
+  }
+  state->closed = true;
+  return failure ? Result(*failure) : 0;
+}
+
+int __wrap_ioctl(int fd, unsigned long request, ...) {
+  va_list arguments;
+  va_start(arguments, request);
+  void* argument = va_arg(arguments, void*);
+  va_end(arguments);
+  if (!IsFake(fd)) return __real_ioctl(fd, request, argument);
+  std::lock_guard guard(Fake().lock);
+  if (const auto failure = Fake().Call("ioctl")) return Result(*failure);
+  if (request == FIONBIO) Fake().fds[fd].nonBlocking = *static_cast<int*>(argument) != 0;
+  return 0;
+}
+
+int __wrap_setsockopt(int fd, int level, int option, const void* value, socklen_t length) {
+  if (!IsFake(fd)) return __real_setsockopt(fd, level, option, value, length);
+  std::lock_guard guard(Fake().lock);
+  if (const auto failure = Fake().Call("setsockopt")) return Result(*failure);
+  const BYTE* bytes = static_cast<const BYTE*>(value);
+  Fake().fds[fd].options.push_back({level, option, Bytes(bytes, bytes + length)});
+  return 0;
+}
+
+int __wrap_connect(int fd, const struct sockaddr* address, socklen_t length) {
+  if (!IsFake(fd)) return __real_connect(fd, address, length);
+  std::lock_guard guard(Fake().lock);
+  memcpy(&Fake().fds[fd].connectedTo, address, length);
+  if (const auto failure = Fake().Call("connect")) return Result(*failure);
+  return 0;
+}
+
+ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
+  if (fd >= 0 && !IsFake(fd)) return __real_send(fd, data, size, flags);
+  std::lock_guard guard(Fake().lock);
+  if (const auto failure = Fake().Call("send")) return Result(*failure);
+  FDState* state = Find(fd);
+  if (state == nullptr) {
+    errno = EBADF;
+    return -1;
+  }
+  const BYTE* bytes = static_cast<const BYTE*>(data);
+  state->sent.emplace_back(bytes, bytes + size);
+  return static_cast<ssize_t>(size);
+}
+
+ssize_t __wrap_read(int fd, void* buffer, size_t size) {
+  if (!IsFake(fd)) return __real_read(fd, buffer, size);
+  std::lock_guard guard(Fake().lock);
+  if (const auto failure = Fake().Call("read")) return Result(*failure);
+  FDState* state = Find(fd);
+  if (state == nullptr || (state->serial.empty() && !state->hungUp)) {
+    errno = state == nullptr ? EBADF : EAGAIN;
+    return -1;
+  }
+  const size_t taken = std::min(size, state->serial.size());
+  std::copy_n(state->serial.begin(), taken, static_cast<BYTE*>(buffer));
+  state->serial.erase(state->serial.begin(), state->serial.begin() + static_cast<long>(taken));
+  return static_cast<ssize_t>(taken);
+}
+
+static socklen_t Address(const DatagramInfo& info, sockaddr_storage* out) {
+  memset(out, 0, sizeof *out);
+  sockaddr_in* four = reinterpret_cast<sockaddr_in*>(out);
+  if (inet_pton(AF_INET, info.from.c_str(), &four->sin_addr) == 1) {
+    four->sin_family = AF_INET;
+    four->sin_port = htons(static_cast<uint16_t>(info.port));
+    return sizeof *four;
+  }
+  sockaddr_in6* six = reinterpret_cast<sockaddr_in6*>(out);
+  inet_pton(AF_INET6, info.from.c_str(), &six->sin6_addr);
+  six->sin6_family = AF_INET6;
+  six->sin6_port = htons(static_cast<uint16_t>(info.port));
+  return sizeof *six;
+}
+
+static void AppendControl(Bytes& area, int level, int type, const void* value, size_t size) {
+  const size_t at = area.size();
+  area.resize(at + CMSG_SPACE(size));
+  cmsghdr header = {};
+  header.cmsg_len = CMSG_LEN(size);
+  header.cmsg_level = level;
+  header.cmsg_type = type;
+  memcpy(area.data() + at, &header, sizeof header);
+  memcpy(area.data() + at + CMSG_LEN(0), value, size);
+}
+
+static Bytes Control(const DatagramInfo& info, bool ipv6) {
+  if (!info.control.empty()) return info.control;
+  Bytes area;
+  if (info.tos) {
+    const int wide = *info.tos;
+    const BYTE narrow = static_cast<BYTE>(wide);
+    if (ipv6)
+      AppendControl(area, IPPROTO_IPV6, IPV6_TCLASS, &wide, sizeof wide);
+    else
+      AppendControl(area, IPPROTO_IP, IP_TOS, &narrow, sizeof narrow);
+  }
+  if (info.ttl) {
+    const int ttl = *info.ttl;
+    AppendControl(area, ipv6 ? IPPROTO_IPV6 : IPPROTO_IP, ipv6 ? IPV6_HOPLIMIT : IP_TTL, &ttl, sizeof ttl);
+  }
+  return area;
+}
+
+ssize_t __wrap_recvmsg(int fd, struct msghdr* message, int flags) {
+  if (!IsFake(fd)) return __real_recvmsg(fd, message, flags);
+  std::lock_guard guard(Fake().lock);
+  if (const auto failure = Fake().Call("recvmsg")) return failure->result.value_or(-1);
+  FDState* state = Find(fd);
+  if (state == nullptr || state->datagrams.empty()) {
+    errno = state == nullptr ? EBADF : EAGAIN;
+    return -1;
+  }
+  const QueuedDatagram datagram = state->datagrams.front();
+  state->datagrams.pop_front();
+  sockaddr_storage from;
+  const socklen_t length = Address(datagram.info, &from);
+  if (message->msg_name != nullptr) memcpy(message->msg_name, &from, std::min(message->msg_namelen, length));
+  message->msg_namelen = length;
+  const size_t taken = std::min(message->msg_iov[0].iov_len, datagram.bytes.size());
+  memcpy(message->msg_iov[0].iov_base, datagram.bytes.data(), taken);
+  const Bytes control = Control(datagram.info, from.ss_family == AF_INET6);
+  const size_t given = message->msg_control == nullptr ? 0 : std::min<size_t>(message->msg_controllen, control.size());
+  if (given != 0) memcpy(message->msg_control, control.data(), given);
+  message->msg_controllen = given;
+  message->msg_flags = taken < datagram.bytes.size() ? MSG_TRUNC : 0;
+  return static_cast<ssize_t>(taken);
+}
+
+int __wrap_open(const char* path, int flags, ...) {
+  va_list arguments;
+  va_start(arguments, flags);
+  const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
+  va_end(arguments);
+  if (const auto failure = Fake().Call("open")) return Result(*failure);
+  return __real_open(host().RealPath(path).c_str(), flags, mode);
+}
+
+FILE* __wrap_fopen(const char* path, const char* mode) {
+  if (Fake().Call("fopen")) return nullptr;
+  return __real_fopen(host().RealPath(path).c_str(), mode);
+}
+
+FILE* __wrap_fdopen(int fd, const char* mode) {
+  if (Fake().Call("fdopen")) return nullptr;
+  return __real_fdopen(fd, mode);
+}
+
+// Allocations are only looked at while a failure is asked for: the fake itself allocates.
+static bool AllocationFails(const char* name) {
+  static thread_local bool inside = false;
+  if (inside || host().impl == nullptr) return false;
+  inside = true;
+  std::lock_guard guard(Fake().lock);
+  const auto found = Fake().failures.find(name);
+  const bool fails = found != Fake().failures.end() && !found->second.empty() && Fake().Fails(name);
+  inside = false;
+  return fails;
+}
+
+void* __wrap_calloc(size_t count, size_t size) {
+  return AllocationFails("calloc") ? nullptr : __real_calloc(count, size);
+}
+
+void* __wrap_malloc(size_t size) {
+  return AllocationFails("malloc") ? nullptr : __real_malloc(size);
+}
+
+}  // extern "C"
