@@ -113,6 +113,23 @@ void AddCot(CLI::App& app, Arguments& args, Texts& texts) {
   AddPace(app, args, "pairs (or events of a file)");
 }
 
+void AddTs(CLI::App& app, Arguments& args) {
+  AddFlight(app, args);
+  app.add_option("--output", args.ts.output, "the file to write")->group("File")->type_name("FILE")->required();
+  app.add_option("--duration", args.ts.duration, "seconds")
+      ->group("File")
+      ->capture_default_str()
+      ->check(CLI::Range(0.04, 86'400.0));
+  app.add_option("--rate", args.ts.rate, "timestamps of the KLV track per second")
+      ->group("File")
+      ->capture_default_str()
+      ->check(CLI::Range(0.01, static_cast<double>(kTsFrameRate)));
+  app.add_option("--messages", args.ts.messages_per_time, "messages with the same timestamp")
+      ->group("File")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 4));
+}
+
 // Reads a text with a parser that throws std::invalid_argument.
 template <typename Parse>
 auto Read(const char* option, const std::string& text, Parse parse) {
@@ -136,7 +153,8 @@ void ReadTexts(const Texts& texts, Arguments& args) {
   args.send.tos = ReadSchedule("--tos", texts.tos, 0);
   for (const std::string& text : texts.damage) args.damage.push_back(Read("--damage", text, ParseFrameDamage));
   if (args.udp && !args.damage.empty()) throw UsageError("--damage: only frames of a serial line can be damaged");
-  if (!args.simulate && args.file.empty()) throw UsageError("one of --file and --simulate is required");
+  if (args.command != Command::kTs && !args.simulate && args.file.empty())
+    throw UsageError("one of --file and --simulate is required");
   args.cot.seed = args.seed;
 }
 
@@ -154,11 +172,13 @@ std::optional<Answer> ParseCommandLine(int argc, const char* const* argv, Argume
   app.require_subcommand(1);
   auto* klv = app.add_subcommand("klv", "KLV messages (MISB ST 0601)");
   auto* cot = app.add_subcommand("cot", "Cursor-on-Target events, plain over UDP, framed over a serial line");
+  auto* ts = app.add_subcommand("ts", "write the simulated flight to a transport stream file with a KLV track");
   AddKlv(*klv, args, texts);
   AddCot(*cot, args, texts);
+  AddTs(*ts, args);
   try {
     app.parse(argc, argv);
-    args.command = klv->parsed() ? Command::kKlv : Command::kCot;
+    args.command = ts->parsed() ? Command::kTs : cot->parsed() ? Command::kCot : Command::kKlv;
     ReadTexts(texts, args);
   } catch (const CLI::CallForHelp&) {
     const auto chosen = app.get_subcommands();

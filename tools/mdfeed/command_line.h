@@ -10,10 +10,11 @@
 #include "cot_flight.h"
 #include "sender.h"
 #include "traffic.h"
+#include "ts_file.h"
 
 namespace mdfeed {
 
-enum class Command { kKlv, kCot };
+enum class Command { kKlv, kCot, kTs };
 
 struct Arguments {
   Command command = Command::kKlv;
@@ -34,6 +35,7 @@ struct Arguments {
   std::string serial;
   int baud = 115'200;
   std::string pty;
+  TsOptions ts;
   // How.
   SendOptions send;
 };

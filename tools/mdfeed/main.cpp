@@ -70,8 +70,14 @@ std::unique_ptr<Output> OpenOutput(const Arguments& args) {
   return OpenPty(args.pty);
 }
 
+void RunTs(const Arguments& args) {
+  Progress progress("KLV messages");
+  progress.Finish(WriteTsFile(MakeFlightOptions(args), args.ts, progress));
+}
+
 void Run(const Arguments& args) {
   CatchStopSignals();
+  if (args.command == Command::kTs) return RunTs(args);
   const auto traffic = args.command == Command::kKlv ? MakeKlvTraffic(args) : MakeCotTraffic(args);
   const auto output = OpenOutput(args);
   Progress progress(args.command == Command::kKlv ? "KLV messages" : "CoT events");
