@@ -119,25 +119,31 @@ void DamagePayload(Bytes& payload, std::size_t block_size, FrameField field, Ran
   if (field == FrameField::kCheckBits) FlipBit(payload, Pick(random, kDataBits, kCodewordBits - kDataBits));
 }
 
+// A bit of a length, at 'offset', but not the highest: that one is lost when the check word doubles the length.
+std::size_t PickLengthBit(Random& random, std::size_t offset) {
+  const std::size_t bit = Pick(random, 0, 15);
+  return offset * 8 + (bit < 8 ? bit : bit + 1);
+}
+
 void DamageHeader(Bytes& frame, FrameField field, Random& random) {
   switch (field) {
     case FrameField::kSync:
       FlipBit(frame, Pick(random, 0, kSyncPattern.size() * 8));
       break;
     case FrameField::kLength1:
-      FlipBit(frame, Pick(random, 5 * 8, 16));
+      FlipBit(frame, PickLengthBit(random, 5));
       break;
     case FrameField::kCheck1:
       FlipBit(frame, Pick(random, 7 * 8, 16));
       break;
     case FrameField::kLength2:
-      FlipBit(frame, Pick(random, 9 * 8, 16));
+      FlipBit(frame, PickLengthBit(random, 9));
       break;
     case FrameField::kCheck2:
       FlipBit(frame, Pick(random, 11 * 8, 16));
       break;
     case FrameField::kLength3:
-      FlipBit(frame, Pick(random, 13 * 8, 16));
+      FlipBit(frame, PickLengthBit(random, 13));
       break;
     case FrameField::kCheck3:
       FlipBit(frame, Pick(random, 15 * 8, 16));

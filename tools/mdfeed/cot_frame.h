@@ -17,7 +17,7 @@ using Bytes = std::vector<std::uint8_t>;
 // What can be damaged. The length and check fields of the header stand for the first, second and third copy.
 enum class FrameField {
   kSync,     // one byte of the sync pattern
-  kLength1,  // one bit of a length
+  kLength1,  // one bit of a length that its check word notices
   kLength2,
   kLength3,
   kCheck1,  // one bit of a length's check word
