@@ -1,0 +1,640 @@
+// The rewriting of UAS Local Sets.
+#include "misb0601_processing.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <iostream>
+#include <memory>
+
+#include "builders.h"
+#include "fake_host.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr char kMisplaced[] = "Checksum in received UAS data set was not the last element!\n";
+
+// An element with a short-form length.
+Bytes Element(BYTE Tag, const Bytes& Value) {
+  return Bytes{Tag, static_cast<BYTE>(Value.size())} + Value;
+}
+Bytes Repeat(const Bytes& What, size_t nTimes) {
+  Bytes Result;
+  for (size_t i = 0; i < nTimes; i++) Result = Result + What;
+  return Result;
+}
+
+const Bytes kChecksum = {1, 2, 0xAA, 0xBB};  // whatever it says, it is replaced
+const Bytes kTimestamp = Element(2, {0, 1, 2, 3, 4, 5, 6, 7});
+const Bytes kForeignMission = Element(3, {'O', 'L', 'D'});
+const Bytes kForeignSecurity = Element(48, Element(1, {5}) + Element(22, {0, 11}));
+
+// The message around a body, with a length in its shortest form.
+Bytes Wrap(const Bytes& Body) {
+  return UasMessage().Raw(Body).Build();
+}
+int HeaderSizeOf(const Bytes& Message) {
+  return Message[16] < 0x80 ? 17 : 17 + (Message[16] & 0x7F);
+}
+
+// The same with a right checksum element at the end: what a rewriting must make.
+Bytes Finished(const Bytes& Body) {
+  return UasMessage().Raw(Body).Checksum().Build();
+}
+
+// A source record as an open source has it, with nothing configured.
+class RewriteTest : public HostTest {
+ protected:
+  RewriteTest() : m_pSource(static_cast<MDATA_SRC_HANDLE>(calloc(1, sizeof(tagMDATA_SRC_HANDLE)))) {}
+  ~RewriteTest() override {
+    DoReleaseIfAny();
+    free(m_pSource->pMissionID);
+    free(m_pSource->pSecurityMDataSet);
+    free(m_pSource);
+  }
+
+  Bytes UseMissionID(const std::string& strText) {
+    m_pSource->pMissionID = AllocMissionID(strText.c_str());
+    m_pSource->nMissionIDElementSize = m_pSource->pMissionID->cLength + 2;
+    return Element(3, Bytes(strText.begin(), strText.end()));
+  }
+  Bytes UseSecuritySet() {
+    m_pSource->pSecurityMDataSet = AllocSecurityMetadata(4, "USA", "USA");
+    m_pSource->nSecurityMDataSetSize = m_pSource->pSecurityMDataSet->Length + 2;
+    const auto* pcSet = reinterpret_cast<const BYTE*>(m_pSource->pSecurityMDataSet);
+    return {pcSet, pcSet + m_pSource->nSecurityMDataSetSize};
+  }
+  void KeepTags(const std::vector<int>& Tags) {
+    m_pSource->Config.bFilterUASTags = TRUE;
+    for (const int nTag : Tags) m_pSource->Config.UASTagFilter[nTag / 32] |= 1u << (nTag % 32);
+  }
+  void KeepSecurityTags(const std::vector<int>& Tags) {
+    m_pSource->Config.bFilterUASSecurityTags = TRUE;
+    for (const int nTag : Tags) m_pSource->Config.UASSecurityTagFilter[0] |= 1u << nTag;
+  }
+
+  // Rewrites a message that sits in a block of exactly its size.
+  BOOL Rewrite(const Bytes& Message, int nHeaderSize) {
+    DoReleaseIfAny();
+    m_nNewSize = -1;
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Message.size()]);
+    std::copy(Message.begin(), Message.end(), pcExact.get());
+    return ProcessUASDataLinkLocalSet(m_pSource, pcExact.get(), static_cast<int>(Message.size()), nHeaderSize,
+                                      &m_pBuffer, &m_nNewSize);
+  }
+  BOOL Rewrite(const Bytes& Message) { return Rewrite(Message, HeaderSizeOf(Message)); }
+  BOOL RewriteBody(const Bytes& Body) { return Rewrite(Wrap(Body)); }
+
+  // What the last rewriting made.
+  Bytes Output() const {
+    if (m_pBuffer == nullptr) return {};
+    EXPECT_EQ(m_nNewSize, m_pBuffer->nDataSize);
+    EXPECT_EQ(m_pBuffer->nRefCount, 1);
+    EXPECT_GE(m_pBuffer->pcData - static_cast<BYTE*>(m_pBuffer->pvAllocPtr),
+              static_cast<ptrdiff_t>(sizeof(MDATA_BUFFER)) + MDATA_STREAM_HEADER_SIZE);
+    return {m_pBuffer->pcData, m_pBuffer->pcData + m_pBuffer->nDataSize};
+  }
+  const MDATA_KLV_STATS& Stats() const { return m_pSource->KLVStats; }
+
+  void DoReleaseIfAny() {
+    if (m_pBuffer != nullptr) DoReleaseBuffer(&m_pBuffer);
+  }
+
+  MDATA_SRC_HANDLE m_pSource;
+  MDATA_BUFFER* m_pBuffer = nullptr;
+  int m_nNewSize = 0;
+};
+
+// --- What becomes of a message ---------------------------------------------------------------------------
+
+TEST_F(RewriteTest, NothingConfiguredOnlyRenewsTheChecksum) {
+  EXPECT_TRUE(RewriteBody(kTimestamp + kForeignMission + kForeignSecurity + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + kForeignMission + kForeignSecurity));
+  EXPECT_EQ(Stats().nRxUASMessages, 1u);
+  EXPECT_EQ(Stats().nInvalidUASMessages + Stats().nAddedMissionIDs + Stats().nUpdatedMissionIDs, 0u);
+  EXPECT_EQ(Stats().nAddedSecuritySets + Stats().nUpdatedSecuritySets, 0u);
+}
+
+TEST_F(RewriteTest, SizeIsOptional) {
+  Bytes Message = Finished(kTimestamp);
+  EXPECT_TRUE(
+      ProcessUASDataLinkLocalSet(m_pSource, Message.data(), static_cast<int>(Message.size()), 17, &m_pBuffer, nullptr));
+  m_nNewSize = m_pBuffer->nDataSize;
+  EXPECT_EQ(Output(), Message);
+  DoReleaseBuffer(&m_pBuffer);
+  Message = Wrap(kChecksum);
+  EXPECT_TRUE(
+      ProcessUASDataLinkLocalSet(m_pSource, Message.data(), static_cast<int>(Message.size()), 17, &m_pBuffer, nullptr));
+  EXPECT_EQ(m_pBuffer, nullptr);
+}
+
+TEST_F(RewriteTest, NoElementLeftMakesNoMessage) {
+  EXPECT_TRUE(RewriteBody(kChecksum));
+  EXPECT_EQ(m_pBuffer, nullptr);
+  EXPECT_EQ(m_nNewSize, 0);
+  EXPECT_EQ(Stats().nRxUASMessages, 1u);
+  ExpectLog(7, "ZERO elements left in output KLV message\n");
+}
+
+TEST_F(RewriteTest, OnlyAChecksumWithAMissionIdentifierGivesBoth) {
+  const Bytes Mission = UseMissionID("M1");
+  EXPECT_TRUE(RewriteBody(kChecksum));
+  EXPECT_EQ(Output(), Finished(Mission));
+  EXPECT_EQ(Stats().nAddedMissionIDs, 1u);
+}
+
+TEST_F(RewriteTest, OnlyAChecksumWithASecuritySetGivesBoth) {
+  const Bytes Set = UseSecuritySet();
+  EXPECT_TRUE(RewriteBody(kChecksum));
+  EXPECT_EQ(Output(), Finished(Set));
+  EXPECT_EQ(Stats().nAddedSecuritySets, 1u);
+}
+
+TEST_F(RewriteTest, TwoMissionIdentifiersAreReplacedInPlace) {
+  const Bytes Mission = UseMissionID("NEW-MISSION");
+  EXPECT_TRUE(RewriteBody(kForeignMission + kTimestamp + kForeignMission + kChecksum));
+  EXPECT_EQ(Output(), Finished(Mission + kTimestamp + Mission));
+  EXPECT_EQ(Stats().nUpdatedMissionIDs, 2u);
+  EXPECT_EQ(Stats().nAddedMissionIDs, 0u);
+}
+
+TEST_F(RewriteTest, TwoSecuritySetsAreReplacedInPlace) {
+  const Bytes Set = UseSecuritySet();
+  EXPECT_TRUE(RewriteBody(kForeignSecurity + kTimestamp + kForeignSecurity + kChecksum));
+  EXPECT_EQ(Output(), Finished(Set + kTimestamp + Set));
+  EXPECT_EQ(Stats().nUpdatedSecuritySets, 2u);
+  EXPECT_EQ(Stats().nAddedSecuritySets, 0u);
+}
+
+TEST_F(RewriteTest, MissionIdentifierIsAppendedBeforeTheSecuritySet) {
+  const Bytes Set = UseSecuritySet();
+  const Bytes Mission = UseMissionID("M1");
+  EXPECT_TRUE(RewriteBody(kTimestamp + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Mission + Set));
+  EXPECT_EQ(Stats().nAddedMissionIDs, 1u);
+  EXPECT_EQ(Stats().nAddedSecuritySets, 1u);
+  EXPECT_TRUE(RewriteBody(kForeignSecurity + kTimestamp + kChecksum));
+  EXPECT_EQ(Output(), Finished(Set + kTimestamp + Mission));
+  EXPECT_EQ(Stats().nAddedMissionIDs, 2u);
+  EXPECT_EQ(Stats().nUpdatedSecuritySets, 1u);
+}
+
+TEST_F(RewriteTest, KeyIsCopiedFromTheInput) {
+  Bytes Message = Wrap(kTimestamp + kChecksum);
+  Message[15] = 0x77;
+  EXPECT_TRUE(Rewrite(Message));
+  EXPECT_EQ(Output()[15], 0x77);
+}
+
+TEST_F(RewriteTest, LongFormLengthBecomesTheShortestOne) {
+  const Bytes Body = kTimestamp + kChecksum;
+  Bytes Message(UASDataLinkKey, UASDataLinkKey + 16);
+  Message = Message + Bytes{0x82, 0, static_cast<BYTE>(Body.size())} + Body;
+  EXPECT_TRUE(Rewrite(Message, 19));
+  EXPECT_EQ(Output(), Finished(kTimestamp));
+}
+
+TEST_F(RewriteTest, LongFormElementIsCopiedWhole) {
+  const Bytes Long = Bytes{94, 0x81, 3, 'A', 'B', 'C'};
+  EXPECT_TRUE(RewriteBody(Long + kChecksum));
+  EXPECT_EQ(Output(), Finished(Long));
+}
+
+// --- Length of the body ------------------------------------------------------------------------------------
+
+TEST_F(RewriteTest, BodyOf127BytesHasAOneByteLength) {
+  EXPECT_TRUE(RewriteBody(Element(5, Bytes(121)) + kChecksum));
+  EXPECT_EQ(Output().size(), 144u);
+  EXPECT_EQ(Output()[16], 127);
+  EXPECT_EQ(Output(), Finished(Element(5, Bytes(121))));
+}
+
+TEST_F(RewriteTest, BodyOf128BytesHasATwoByteLength) {
+  EXPECT_TRUE(RewriteBody(Element(5, Bytes(122)) + kChecksum));
+  EXPECT_EQ(Output().size(), 146u);
+  EXPECT_EQ(Output()[16], 0x81);
+  EXPECT_EQ(Output()[17], 0x80);
+  EXPECT_EQ(Output(), Finished(Element(5, Bytes(122))));
+}
+
+TEST_F(RewriteTest, BodiesOf255And256Bytes) {
+  const Bytes Front = Element(5, Bytes(120));
+  EXPECT_TRUE(RewriteBody(Front + Element(6, Bytes(127)) + kChecksum));
+  EXPECT_EQ(Output().size(), 255u + 18u);
+  EXPECT_EQ(Output()[17], 0xFF);
+  EXPECT_TRUE(RewriteBody(Front + Bytes{6, 0x81, 127} + Bytes(127) + kChecksum));
+  EXPECT_EQ(Output().size(), 256u + 19u);
+  const Bytes Made = Output();
+  EXPECT_THAT(Bytes(Made.begin() + 16, Made.begin() + 19), ElementsAre(0x82, 1, 0));
+}
+
+TEST_F(RewriteTest, LargestBodyHas65535Bytes) {
+  const Bytes Body = Bytes{5, 0x82, 0xFF, 0xF7} + Bytes(0xFFF7, 0x5A);
+  EXPECT_TRUE(RewriteBody(Body + kChecksum));
+  EXPECT_EQ(Output().size(), 65535u + 19u);
+  EXPECT_EQ(Output(), Finished(Body));
+}
+
+TEST_F(RewriteTest, BodyAbove65535BytesAssertsAndIsDropped) {
+  UseMissionID("");
+  const Bytes Body = Bytes{5, 0x82, 0xFF, 0xF7} + Bytes(0xFFF7, 0x5A);
+  EXPECT_FALSE(RewriteBody(Body + kChecksum));
+  ExpectAssertion("0");
+  EXPECT_EQ(m_pBuffer, nullptr);
+  EXPECT_EQ(Stats().nRxUASMessages, 1u);
+  EXPECT_EQ(Stats().nInvalidUASMessages, 0u);
+  EXPECT_EQ(Stats().nAddedMissionIDs, 1u);
+}
+
+TEST_F(RewriteTest, ManyReplacementsInOneDatagramAreCountedAndRefused) {
+  UseMissionID(std::string(127, 'M'));
+  EXPECT_FALSE(RewriteBody(Repeat({3, 0}, 739) + Element(5, {1})));
+  ExpectLog(4, kMisplaced);
+  ExpectAssertion("0");
+  EXPECT_EQ(Stats().nUpdatedMissionIDs, 739u);
+}
+
+TEST_F(RewriteTest, ManyReplacementsFarBeyondTheUsualSizeAreWritten) {
+  const Bytes Mission = UseMissionID(std::string(127, 'M'));
+  EXPECT_TRUE(RewriteBody(Repeat({3, 0}, 500) + kChecksum));
+  EXPECT_EQ(Output(), Finished(Repeat(Mission, 500)));
+  EXPECT_EQ(Stats().nUpdatedMissionIDs, 500u);
+}
+
+TEST_F(RewriteTest, MessageWithoutChecksumElementHasRoomForTheNewOne) {
+  // The usual allocation is two to four bytes short here.
+  for (size_t nSize = 0; nSize < 200; nSize++) {
+    EXPECT_TRUE(RewriteBody(Bytes{5, 0x81, static_cast<BYTE>(nSize)} + Bytes(nSize, 7)));
+    EXPECT_EQ(Output(), Finished(Bytes{5, 0x81, static_cast<BYTE>(nSize)} + Bytes(nSize, 7)));
+    ExpectLog(4, kMisplaced);
+  }
+}
+
+// --- Repaired input ----------------------------------------------------------------------------------------
+
+TEST_F(RewriteTest, MissingChecksumIsAcceptedAndToldAsMisplaced) {
+  EXPECT_TRUE(RewriteBody(kTimestamp));
+  EXPECT_EQ(Output(), Finished(kTimestamp));
+  ExpectLog(4, kMisplaced);
+}
+
+TEST_F(RewriteTest, MisplacedChecksumIsAccepted) {
+  EXPECT_TRUE(RewriteBody(kChecksum + kTimestamp + kChecksum + kForeignMission));
+  EXPECT_EQ(Output(), Finished(kTimestamp + kForeignMission));
+  ExpectLog(4, kMisplaced);
+}
+
+TEST_F(RewriteTest, EmptyBodyMakesNoMessage) {
+  EXPECT_TRUE(RewriteBody({}));
+  EXPECT_EQ(m_pBuffer, nullptr);
+  EXPECT_EQ(m_nNewSize, 0);
+  ExpectLog(4, kMisplaced);
+}
+
+TEST_F(RewriteTest, LeftOverBytesAreIgnored) {
+  EXPECT_TRUE(RewriteBody(kTimestamp + kChecksum + Bytes{0x55}));
+  EXPECT_EQ(Output(), Finished(kTimestamp));
+  ExpectLog(2, "nSizeLeft=1.\n");
+}
+
+TEST_F(RewriteTest, FinalElementWithoutValueIsLost) {
+  EXPECT_TRUE(RewriteBody(kTimestamp + kChecksum + Bytes{5, 0}));
+  EXPECT_EQ(Output(), Finished(kTimestamp));
+  ExpectLog(2, "nSizeLeft=2.\n");
+  EXPECT_TRUE(RewriteBody(Bytes{5, 0} + kTimestamp + kChecksum));
+  EXPECT_EQ(Output(), Finished(Bytes{5, 0} + kTimestamp));
+}
+
+// --- Invalid messages --------------------------------------------------------------------------------------
+
+class InvalidMessageTest : public RewriteTest {
+ protected:
+  void ExpectInvalid(const Bytes& Body, const std::string& strReason, BYTE Tag) {
+    EXPECT_FALSE(RewriteBody(Body));
+    EXPECT_EQ(m_pBuffer, nullptr);
+    EXPECT_EQ(Stats().nInvalidUASMessages, Stats().nRxUASMessages);
+    ExpectLog(3, "KLV Element#2: tag#" + std::to_string(Tag) + " (" + GetUAVTagName(Tag) + "), " + strReason);
+    host().Advance(5000);
+  }
+};
+
+TEST_F(InvalidMessageTest, UnreadableSize) {
+  EXPECT_FALSE(RewriteBody(kTimestamp + Bytes{5, 0x80, 0, 0}));
+  ExpectLog(3, "Unsupported number of bytes (0) for size in BER encoded length.\n");
+  ExpectLog(3, "KLV Element#2: tag#5 (" + std::string(GetUAVTagName(5)) + "), Unable to extract element size.\n");
+  EXPECT_EQ(Stats().nInvalidUASMessages, 1u);
+}
+
+TEST_F(InvalidMessageTest, ElementThatPassesTheEnd) {
+  ExpectInvalid(kTimestamp + Bytes{5, 3, 1, 2}, "has INVALID data length=3 with only 4 bytes remaining in message.\n",
+                5);
+  ExpectInvalid(kTimestamp + Bytes{3, 127, 1}, "has INVALID data length=127 with only 3 bytes remaining in message.\n",
+                3);
+}
+
+TEST_F(InvalidMessageTest, HugeLengthsAreComparedUnsigned) {
+  ExpectInvalid(kTimestamp + Bytes{5, 0x84, 0xFF, 0xFF, 0xFF, 0xFF, 0},
+                "has INVALID data length=132 with only 7 bytes remaining in message.\n", 5);
+  ExpectInvalid(kTimestamp + Bytes{5, 0x84, 0x80, 0, 0, 0},
+                "has INVALID data length=132 with only 6 bytes remaining in message.\n", 5);
+}
+
+TEST_F(InvalidMessageTest, LengthFieldThatPassesTheEnd) {
+  ExpectInvalid(kTimestamp + Bytes{5, 0x84, 0}, "has INVALID data length=132 with only 3 bytes remaining in message.\n",
+                5);
+}
+
+TEST_F(InvalidMessageTest, ChecksumOfThreeBytes) {
+  ExpectInvalid(kTimestamp + Element(1, {1, 2, 3}), "has INVALID data length=3 instead of 2.\n", 1);
+  ExpectInvalid(kTimestamp + Bytes{1, 0x81, 2, 0, 0}, "has INVALID data length=129 instead of 2.\n", 1);
+}
+
+TEST_F(RewriteTest, InvalidMessagesAreLoggedOncePerPause) {
+  const std::string strLine =
+      "KLV Element#1: tag#1 (" + std::string(GetUAVTagName(1)) + "), has INVALID data length=3 instead of 2.\n";
+  const Bytes Body = Element(1, {1, 2, 3});
+  EXPECT_FALSE(RewriteBody(Body));
+  ExpectLog(3, strLine);
+  host().Advance(4000);
+  EXPECT_FALSE(RewriteBody(Body));
+  EXPECT_EQ(CountLogs(3, strLine), 1);
+  host().Advance(1000);
+  EXPECT_FALSE(RewriteBody(Body));
+  ExpectLog(3, strLine);
+  EXPECT_EQ(Stats().nInvalidUASMessages, 3u);
+  EXPECT_EQ(Stats().nRxUASMessages, 3u);
+}
+
+TEST_F(RewriteTest, InvalidMessageCountsNoInserts) {
+  UseMissionID("M");
+  EXPECT_FALSE(RewriteBody(kForeignMission + Element(1, {1})));
+  ExpectLog(3,
+            "KLV Element#2: tag#1 (" + std::string(GetUAVTagName(1)) + "), has INVALID data length=1 instead of 2.\n");
+  EXPECT_EQ(Stats().nUpdatedMissionIDs + Stats().nAddedMissionIDs, 0u);
+}
+
+TEST_F(RewriteTest, SizeBelowTheHeaderIsRefused) {
+  Bytes Message = Wrap(kTimestamp);
+  EXPECT_FALSE(ProcessUASDataLinkLocalSet(m_pSource, Message.data(), 18, 19, &m_pBuffer, &m_nNewSize));
+  EXPECT_FALSE(ProcessUASDataLinkLocalSet(m_pSource, Message.data(), 10, 10, &m_pBuffer, &m_nNewSize));
+  EXPECT_EQ(m_pBuffer, nullptr);
+  EXPECT_EQ(Stats().nRxUASMessages, 0u);
+}
+
+TEST_F(RewriteTest, WithoutMemoryNothingIsCounted) {
+  host().FailNext("calloc");
+  EXPECT_FALSE(RewriteBody(kTimestamp + kChecksum));
+  EXPECT_EQ(Stats().nRxUASMessages, 0u);
+}
+
+// --- Tag filter --------------------------------------------------------------------------------------------
+
+TEST_F(RewriteTest, OnlyTheTimestampPassesTheFilter) {
+  KeepTags({2});
+  const Bytes Mission = UseMissionID("M1");
+  const Bytes Set = UseSecuritySet();
+  EXPECT_TRUE(RewriteBody(Element(5, {1, 2}) + kForeignMission + kTimestamp + Element(65, {9}) + kChecksum));
+  EXPECT_EQ(Output(), Finished(Mission + kTimestamp + Set));
+}
+
+TEST_F(RewriteTest, FilterDecidesAreLogged) {
+  KeepTags({2});
+  EXPECT_TRUE(RewriteBody(Element(5, {1, 2}) + kTimestamp + kChecksum));
+  ExpectLog(7, "Not copying KLV element#1: tag#5 (" + std::string(GetUAVTagName(5)) +
+                   ") since it is not included in the UAS filter.\n");
+  ExpectLog(7, "Copying KLV element#2: tag#2 (" + std::string(GetUAVTagName(2)) +
+                   ") since it is included in the UAS filter.\n");
+}
+
+TEST_F(RewriteTest, FilterKeepsEachTagByItsOwnBit) {
+  Bytes All;
+  for (int nTag = 2; nTag < 256; nTag++) All = All + Element(static_cast<BYTE>(nTag), {static_cast<BYTE>(nTag)});
+  for (const int nTag : {2, 31, 32, 63, 64, 95, 96, 127}) {
+    memset(m_pSource->Config.UASTagFilter, 0, sizeof(m_pSource->Config.UASTagFilter));
+    KeepTags({nTag});
+    EXPECT_TRUE(RewriteBody(All + kChecksum));
+    EXPECT_EQ(Output(), Finished(Element(static_cast<BYTE>(nTag), {static_cast<BYTE>(nTag)}))) << nTag;
+  }
+}
+
+TEST_F(RewriteTest, TagsWithoutABitAreDroppedByTheFilter) {
+  KeepTags({});
+  for (UINT32& nWord : m_pSource->Config.UASTagFilter) nWord = ~0u;
+  EXPECT_TRUE(RewriteBody(Element(127, {1}) + Element(128, {1}) + Element(255, {1}) + kChecksum));
+  EXPECT_EQ(Output(), Finished(Element(127, {1})));
+}
+
+TEST_F(RewriteTest, FilterThatKeepsNothingMakesNoMessage) {
+  KeepTags({5});
+  EXPECT_TRUE(RewriteBody(kTimestamp + kChecksum));
+  EXPECT_EQ(m_pBuffer, nullptr);
+  EXPECT_EQ(m_nNewSize, 0);
+}
+
+TEST_F(RewriteTest, ForeignSecuritySetNeedsItsOwnTagsBit) {
+  KeepTags({2});
+  KeepSecurityTags({1});
+  EXPECT_TRUE(RewriteBody(kTimestamp + kForeignSecurity + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp));
+  KeepTags({48});
+  EXPECT_TRUE(RewriteBody(kTimestamp + kForeignSecurity + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Element(48, Element(1, {5}))));
+}
+
+TEST_F(RewriteTest, OwnSecuritySetIsNeverFiltered) {
+  KeepSecurityTags({});
+  const Bytes Set = UseSecuritySet();
+  EXPECT_TRUE(RewriteBody(kTimestamp + kForeignSecurity + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Set));
+}
+
+TEST_F(RewriteTest, SecuritySetOfWhichNothingIsKeptVanishes) {
+  KeepSecurityTags({7});
+  EXPECT_TRUE(RewriteBody(kTimestamp + kForeignSecurity + Element(5, {1, 2}) + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Element(5, {1, 2})));
+}
+
+TEST_F(RewriteTest, SecuritySetIsLoggedAndAssertedOnce) {
+  KeepSecurityTags({1});
+  const Bytes Set = Element(48, Element(1, {5}) + Bytes{3, 9, 'x'});
+  EXPECT_TRUE(RewriteBody(Set + kChecksum));
+  EXPECT_EQ(Output(), Finished(Element(48, Element(1, {5}))));
+  ExpectDump(7, "Input Security Data Set", Set);
+  ExpectLog(7, "Copying security element#1: tag#1 (" + std::string(GetSecurityTagName(1)) + "), length=1.\n");
+  EXPECT_EQ(CountLogs(7, "Copying security element#1: tag#1 (Security tag 1), length=1.\n"), 1);
+  EXPECT_EQ(host().Assertions().size(), 1u);
+  EXPECT_EQ(host().Dumps().size(), 1u);
+  ExpectAssertion("nInputSize == 0");
+}
+
+// --- Security set ------------------------------------------------------------------------------------------
+
+class SecuritySetTest : public RewriteTest {
+ protected:
+  // Filters one set and returns what is left of it.
+  Bytes Filter(const Bytes& Set) {
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Set.size()]);
+    std::copy(Set.begin(), Set.end(), pcExact.get());
+    Bytes Out(Set.size(), 0xEE);
+    const int nSize = _ProcessUASSecuritySet(m_pSource, reinterpret_cast<const KLV_ELEMENT*>(pcExact.get()),
+                                             static_cast<int>(Set.size()), Out.data());
+    Out.resize(static_cast<size_t>(nSize));
+    return Out;
+  }
+};
+
+TEST_F(SecuritySetTest, KeepsTheElementsWithABit) {
+  KeepSecurityTags({1, 22});
+  const Bytes Set = Element(48, Element(1, {5}) + Element(2, {2}) + Element(22, {0, 11}));
+  EXPECT_EQ(Filter(Set), Element(48, Element(1, {5}) + Element(22, {0, 11})));
+  const auto Name = [](BYTE Tag) { return std::string(GetSecurityTagName(Tag)); };
+  ExpectDump(7, "Input Security Data Set", Set);
+  ExpectLog(7, "Copying security element#1: tag#1 (" + Name(1) + "), length=1.\n");
+  ExpectLog(7, "Discarding security element#2: tag#2 (" + Name(2) + "), length=1.\n");
+  ExpectLog(7, "Copying security element#3: tag#22 (" + Name(22) + "), length=2.\n");
+}
+
+TEST_F(SecuritySetTest, LengthInTheLogIsTheLengthByte) {
+  KeepSecurityTags({3});
+  EXPECT_EQ(Filter(Element(48, {3, 0x81, 2, 'A', 'B'})), Element(48, {3, 0x81, 2, 'A', 'B'}));
+  ExpectLog(7, "Copying security element#1: tag#3 (" + std::string(GetSecurityTagName(3)) + "), length=129.\n");
+}
+
+TEST_F(SecuritySetTest, NothingKeptGivesNothing) {
+  KeepSecurityTags({});
+  EXPECT_THAT(Filter(kForeignSecurity), IsEmpty());
+  EXPECT_THAT(Filter({48, 0}), IsEmpty());
+}
+
+TEST_F(SecuritySetTest, TagsWithoutABitAreDropped) {
+  KeepSecurityTags({});
+  m_pSource->Config.UASSecurityTagFilter[0] = ~0u;
+  EXPECT_EQ(Filter(Element(48, Element(31, {1}) + Element(32, {2}) + Element(33, {3}) + Element(255, {4}))),
+            Element(48, Element(31, {1})));
+}
+
+TEST_F(SecuritySetTest, UnreadableElementDropsTheWholeSet) {
+  KeepSecurityTags({1});
+  EXPECT_THAT(Filter(Element(48, Element(1, {5}) + Bytes{2, 0x80, 1})), IsEmpty());
+  ExpectLog(3, "Unsupported number of bytes (0) for size in BER encoded length.\n");
+}
+
+TEST_F(SecuritySetTest, ElementThatPassesTheEndStopsTheWalk) {
+  KeepSecurityTags({1, 2});
+  EXPECT_EQ(Filter(Element(48, Element(1, {5}) + Bytes{2, 9, 1})), Element(48, Element(1, {5})));
+  ExpectAssertion("nInputSize == 0");
+  EXPECT_EQ(Filter(Element(48, Element(1, {5}) + Bytes{2})), Element(48, Element(1, {5})));
+  ExpectAssertion("nInputSize == 0");
+  EXPECT_EQ(Filter(Element(48, Element(1, {5}) + Bytes{2, 0x83, 0})), Element(48, Element(1, {5})));
+  ExpectAssertion("nInputSize == 0");
+}
+
+TEST_F(SecuritySetTest, OtherTagAsserts) {
+  KeepSecurityTags({1});
+  EXPECT_EQ(Filter(Element(47, Element(1, {5}))), Element(48, Element(1, {5})));
+  ExpectAssertion("pSecurityItem->Tag == UAS_SECURITY_LOCAL_SET_TAG");
+}
+
+TEST_F(SecuritySetTest, LongFormSetIsReadFromInsideItsLength) {
+  KeepSecurityTags({1, 3});
+  // Behind 0x81 the length byte 3 is taken for a tag of length 1, and the rest follows from there.
+  EXPECT_EQ(Filter({48, 0x81, 3, 1, 1, 5}), Element(48, {3, 1, 1}));
+  ExpectAssertion("nInputSize == 0");
+}
+
+TEST_F(SecuritySetTest, LengthByteIsTheLowByteOfTheSize) {
+  KeepSecurityTags({3});
+  // A long-form set of 0x0303 bytes is read from 03 03 on, so that more than 255 bytes are copied.
+  const Bytes Inner = Bytes{1, 1} + Repeat({3, 4, 1, 2, 3, 4}, 128) + Bytes{1};
+  const Bytes Set = Bytes{48, 0x82, 3, 3} + Inner;
+  ASSERT_EQ(Inner.size(), 0x303u);
+  const Bytes Out = Filter(Set);
+  ExpectAssertion("nInputSize == 0");
+  ASSERT_GT(Out.size(), 257u);
+  EXPECT_EQ(Out[0], 48);
+  EXPECT_EQ(Out[1], static_cast<BYTE>(Out.size() - 2));
+}
+
+TEST_F(SecuritySetTest, VanishingSetLeavesNoTraceInTheMessage) {
+  KeepSecurityTags({1});
+  const Bytes Broken = Element(48, Repeat(Element(1, {5}), 35) + Bytes{2, 0x80, 1});
+  EXPECT_TRUE(RewriteBody(kTimestamp + Broken + Element(5, {1, 2}) + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Element(5, {1, 2})));
+  ExpectLog(3, "Unsupported number of bytes (0) for size in BER encoded length.\n");
+}
+
+// --- A recorded flight ---------------------------------------------------------------------------------------
+
+class RecordedFlightTest : public RewriteTest {
+ protected:
+  void SetUp() override {
+    RewriteTest::SetUp();
+    const std::optional<Bytes> Recording = LoadRecording(METADATA_SHARED_DATA_DIR, "recorded_flight.klv");
+    if (Recording)
+      m_Messages = SplitMessages(*Recording);
+    else
+      std::cout << "recorded_flight.klv is absent from " METADATA_SHARED_DATA_DIR ": nothing is tested with it\n";
+  }
+  std::vector<Bytes> m_Messages;
+};
+
+TEST_F(RecordedFlightTest, WithNothingToChangeEveryMessageComesOutAsRecorded) {
+  if (m_Messages.empty()) return;
+  EXPECT_EQ(m_Messages.size(), 407u);
+  for (const Bytes& Message : m_Messages) {
+    ASSERT_TRUE(Rewrite(Message));
+    ASSERT_EQ(Output(), Message);
+  }
+  EXPECT_EQ(Stats().nRxUASMessages, m_Messages.size());
+}
+
+TEST_F(RecordedFlightTest, KeepsFourTagsAndInsertsIdentifierAndSecuritySet) {
+  KeepTags({2, 13, 14, 65});
+  const Bytes Mission = UseMissionID("FLIGHT-7");
+  const Bytes Set = UseSecuritySet();
+  for (const Bytes& Message : m_Messages) {
+    Bytes Body;
+    bool bMission = false;
+    bool bSet = false;
+    for (size_t nPos = static_cast<size_t>(HeaderSizeOf(Message)); nPos < Message.size();) {
+      const Bytes Item(Message.begin() + static_cast<ptrdiff_t>(nPos),
+                       Message.begin() + static_cast<ptrdiff_t>(nPos + 2 + Message[nPos + 1]));
+      if (Item[0] == 3) Body = Body + Mission;
+      if (Item[0] == 48) Body = Body + Set;
+      if (Item[0] == 2 || Item[0] == 13 || Item[0] == 14 || Item[0] == 65) Body = Body + Item;
+      bMission = bMission || Item[0] == 3;
+      bSet = bSet || Item[0] == 48;
+      nPos += Item.size();
+    }
+    if (!bMission) Body = Body + Mission;
+    if (!bSet) Body = Body + Set;
+    ASSERT_TRUE(Rewrite(Message));
+    ASSERT_EQ(Output(), Finished(Body));
+    ASSERT_TRUE(ValidateUASLocalDataSet(m_pBuffer->pcData, m_nNewSize, HeaderSizeOf(Output())));
+  }
+}
+
+TEST_F(RecordedFlightTest, CutAtEveryByteAndWithEveryByteFlippedNothingIsReadOrWrittenOutside) {
+  if (m_Messages.empty()) return;
+  KeepTags({2, 3, 13, 14, 48, 65});
+  KeepSecurityTags({1, 2, 3});
+  UseMissionID("FLIGHT-7");
+  const Bytes& Message = m_Messages.front();
+  const int nHeaderSize = HeaderSizeOf(Message);
+  for (size_t nSize = static_cast<size_t>(nHeaderSize); nSize < Message.size(); nSize++)
+    (void)Rewrite(Bytes(Message.begin(), Message.begin() + static_cast<ptrdiff_t>(nSize)), nHeaderSize);
+  for (size_t nPos = 0; nPos < Message.size(); nPos++) {
+    for (const BYTE Flip : Hex("01 7F 80 FF")) {
+      Bytes Damaged = Message;
+      Damaged[nPos] = static_cast<BYTE>(Damaged[nPos] ^ Flip);
+      if (Rewrite(Damaged, nHeaderSize) && m_pBuffer != nullptr) (void)Output();
+    }
+  }
+  EXPECT_GT(Stats().nInvalidUASMessages, 0u);
+  host().ClearLogs();
+}
+
+}  // namespace

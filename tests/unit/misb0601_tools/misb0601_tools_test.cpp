@@ -1,0 +1,347 @@
+// The UAS Local Set tools: element sizes, the elements that a source inserts, the validation and the names.
+#include "misb0601_tools.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <memory>
+
+#include "builders.h"
+#include "fake_host.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+
+Bytes BytesOf(const void* pvData, size_t nSize) {
+  const auto* pcData = static_cast<const BYTE*>(pvData);
+  return {pcData, pcData + nSize};
+}
+
+// --- Element sizes -------------------------------------------------------------------------------------
+
+class ElementSizeTest : public HostTest {
+ protected:
+  BOOL SizeOf(Bytes Element) {
+    Element.resize(6);
+    m_nSize = 4711;
+    return GetKLVElementSize(reinterpret_cast<const KLV_ELEMENT*>(Element.data()), &m_nSize);
+  }
+  tagKLV_SIZE_RESULT BoundedSizeOf(const Bytes& Element) {
+    m_nSize = 4711;
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Element.size()]);  // a read past it is a sanitizer's report
+    std::copy(Element.begin(), Element.end(), pcExact.get());
+    return _GetBoundedKLVElementSize(reinterpret_cast<const KLV_ELEMENT*>(pcExact.get()), Element.size(), true,
+                                     &m_nSize);
+  }
+  size_t m_nSize = 0;
+};
+
+TEST_F(ElementSizeTest, ShortFormIsLengthPlusTwo) {
+  EXPECT_TRUE(SizeOf({2, 0}));
+  EXPECT_EQ(m_nSize, 2u);
+  EXPECT_TRUE(SizeOf({2, 0x7F}));
+  EXPECT_EQ(m_nSize, 129u);
+}
+
+TEST_F(ElementSizeTest, TwoLengthBytesGive260) {
+  EXPECT_TRUE(SizeOf({2, 0x82, 0x01, 0x00}));
+  EXPECT_EQ(m_nSize, 260u);
+}
+
+TEST_F(ElementSizeTest, OneThreeAndFourLengthBytes) {
+  EXPECT_TRUE(SizeOf({2, 0x81, 0xFF}));
+  EXPECT_EQ(m_nSize, 3u + 255u);
+  EXPECT_TRUE(SizeOf({2, 0x83, 0x01, 0x02, 0x03}));
+  EXPECT_EQ(m_nSize, 5u + 0x010203u);
+  EXPECT_TRUE(SizeOf({2, 0x84, 0xFF, 0xFF, 0xFF, 0xFF}));
+  EXPECT_EQ(m_nSize, 6 + size_t{0xFFFFFFFF});
+}
+
+TEST_F(ElementSizeTest, UnsupportedFormsAreLoggedAndLeaveTheSizeAlone) {
+  EXPECT_FALSE(SizeOf({2, 0x80}));
+  EXPECT_EQ(m_nSize, 4711u);
+  ExpectLog(3, "Unsupported number of bytes (0) for size in BER encoded length.\n");
+  EXPECT_FALSE(SizeOf({2, 0x85}));
+  EXPECT_EQ(m_nSize, 4711u);
+  ExpectLog(3, "Unsupported number of bytes (5) for size in BER encoded length.\n");
+  EXPECT_FALSE(SizeOf({2, 0xFF}));
+  ExpectLog(3, "Unsupported number of bytes (127) for size in BER encoded length.\n");
+}
+
+TEST_F(ElementSizeTest, BoundedFormReadsNothingBehindTheBytesLeft) {
+  EXPECT_EQ(BoundedSizeOf({}), KLV_SIZE_CUT);
+  EXPECT_EQ(BoundedSizeOf({2}), KLV_SIZE_CUT);
+  EXPECT_EQ(BoundedSizeOf({2, 0x81}), KLV_SIZE_CUT);
+  EXPECT_EQ(BoundedSizeOf({2, 0x84, 1, 2, 3}), KLV_SIZE_CUT);
+  EXPECT_EQ(m_nSize, 4711u);
+  EXPECT_EQ(BoundedSizeOf({2, 0x84, 0, 0, 0, 3}), KLV_SIZE_OK);
+  EXPECT_EQ(m_nSize, 9u);
+  EXPECT_EQ(BoundedSizeOf({2, 0x80}), KLV_SIZE_UNSUPPORTED);
+  ExpectLog(3, "Unsupported number of bytes (0) for size in BER encoded length.\n");
+}
+
+TEST_F(ElementSizeTest, BoundedFormCanBeSilent) {
+  const BYTE Element[] = {2, 0x80};
+  size_t nSize = 0;
+  EXPECT_EQ(_GetBoundedKLVElementSize(reinterpret_cast<const KLV_ELEMENT*>(Element), 2, false, &nSize),
+            KLV_SIZE_UNSUPPORTED);
+}
+
+// --- Mission identifier --------------------------------------------------------------------------------
+
+class MissionIDTest : public HostTest {
+ protected:
+  using Element = std::unique_ptr<MISSION_ID_KLV, decltype(&free)>;
+  static Element Alloc(const std::string& strText) { return {AllocMissionID(strText.c_str()), &free}; }
+};
+
+TEST_F(MissionIDTest, HoldsTagLengthAndCharactersWithoutTerminator) {
+  const Element pElement = Alloc("MISSION01");
+  ASSERT_NE(pElement, nullptr);
+  EXPECT_THAT(BytesOf(pElement.get(), 11), ElementsAre(3, 9, 'M', 'I', 'S', 'S', 'I', 'O', 'N', '0', '1'));
+}
+
+TEST_F(MissionIDTest, EmptyTextGivesTwoBytes) {
+  EXPECT_THAT(BytesOf(Alloc("").get(), 2), ElementsAre(3, 0));
+}
+
+TEST_F(MissionIDTest, HighCharactersAreCopiedAsTheyAre) {
+  EXPECT_THAT(BytesOf(Alloc("\xC3\xA4").get(), 4), ElementsAre(3, 2, 0xC3, 0xA4));
+}
+
+TEST_F(MissionIDTest, Of127CharactersTakes129Bytes) {
+  const Element pElement = Alloc(std::string(127, 'x'));
+  EXPECT_EQ(pElement->cLength, 127);
+  size_t nSize = 0;
+  EXPECT_TRUE(GetKLVElementSize(reinterpret_cast<const KLV_ELEMENT*>(pElement.get()), &nSize));
+  EXPECT_EQ(nSize, 129u);
+  EXPECT_EQ(BytesOf(pElement.get(), 129).back(), 'x');
+}
+
+TEST_F(MissionIDTest, LongerThan127CharactersAssertsAndKeepsTheLowByte) {
+  EXPECT_EQ(Alloc(std::string(128, 'x'))->cLength, 128);
+  ExpectAssertion("nLength <= 127");
+  const Element pElement = Alloc(std::string(300, 'x'));
+  EXPECT_EQ(pElement->cLength, 44);
+  EXPECT_EQ(BytesOf(pElement.get(), 302).back(), 'x');
+  ExpectAssertion("nLength <= 127");
+}
+
+TEST_F(MissionIDTest, WithoutMemoryThereIsNone) {
+  host().FailNext("malloc");
+  EXPECT_EQ(Alloc("MISSION01"), nullptr);
+}
+
+// --- Security set --------------------------------------------------------------------------------------
+
+class SecurityMetadataTest : public HostTest {
+ protected:
+  using Element = std::unique_ptr<KLV_ELEMENT, decltype(&free)>;
+  static Element Alloc(int enClassification, const char* szCountry, const std::string& strObject) {
+    return {AllocSecurityMetadata(enClassification, szCountry, strObject.c_str()), &free};
+  }
+};
+
+TEST_F(SecurityMetadataTest, ObjectCountryOfThreeLettersGives30Bytes) {
+  const Element pElement = Alloc(4, "USA", "USA");
+  ASSERT_NE(pElement, nullptr);
+  EXPECT_EQ(BytesOf(pElement.get(), 30),
+            Hex("30 1C 01 01 04 02 01 02 03 05 2F 2F 55 53 41 0C 01 02 0D 06 00 55 00 53 00 41 16 02 00 0B"));
+}
+
+TEST_F(SecurityMetadataTest, IsDumpedAtLevel6) {
+  const Element pElement = Alloc(4, "USA", "USA");
+  ExpectDump(6, "Created Security Dataset", BytesOf(pElement.get(), 30));
+}
+
+TEST_F(SecurityMetadataTest, EmptyObjectCountryGives24Bytes) {
+  const Element pElement = Alloc(1, "FRA", "");
+  EXPECT_EQ(BytesOf(pElement.get(), 24),
+            Hex("30 16 01 01 01 02 01 02 03 05 2F 2F 46 52 41 0C 01 02 0D 00 16 02 00 0B"));
+}
+
+TEST_F(SecurityMetadataTest, HighCharactersStayOneUnit) {
+  const Element pElement = Alloc(1, "FRA", "\xE9");
+  EXPECT_THAT(BytesOf(reinterpret_cast<const BYTE*>(pElement.get()) + 18, 4), ElementsAre(13, 2, 0x00, 0xE9));
+}
+
+TEST_F(SecurityMetadataTest, CountryOfTwoLettersGivesNone) {
+  EXPECT_EQ(Alloc(1, "US", "USA"), nullptr);
+  ExpectLog(3, "Unsupported country length=2.\n");
+  EXPECT_EQ(Alloc(1, "USAF", "USA"), nullptr);
+  ExpectLog(3, "Unsupported country length=4.\n");
+  EXPECT_EQ(Alloc(1, "", "USA"), nullptr);
+  ExpectLog(3, "Unsupported country length=0.\n");
+}
+
+TEST_F(SecurityMetadataTest, ClassificationIsNotRangeChecked) {
+  EXPECT_EQ(BytesOf(Alloc(0, "USA", "").get(), 5).back(), 0);
+  EXPECT_EQ(BytesOf(Alloc(77, "USA", "").get(), 5).back(), 77);
+  EXPECT_EQ(BytesOf(Alloc(0x1FE, "USA", "").get(), 5).back(), 0xFE);
+  EXPECT_EQ(BytesOf(Alloc(-1, "USA", "").get(), 5).back(), 0xFF);
+}
+
+TEST_F(SecurityMetadataTest, ObjectCountryLengthIsTakenModulo128) {
+  // 130 characters: the item says 2 of them, and the version follows these.
+  const Bytes Set = BytesOf(Alloc(1, "USA", std::string(130, 'Z')).get(), 24 + 260);
+  EXPECT_EQ(Set[1], (22 + 260) & 0xFF);
+  EXPECT_THAT(Bytes(Set.begin() + 18, Set.begin() + 28), ElementsAre(13, 4, 0, 'Z', 0, 'Z', 22, 2, 0x00, 0x0B));
+}
+
+TEST_F(SecurityMetadataTest, WithoutMemoryIsLogged) {
+  host().FailNext("calloc");
+  EXPECT_EQ(Alloc(1, "USA", "USA"), nullptr);
+  ExpectLog(3, "No memory for security data set of 30 bytes.\n");
+}
+
+// --- Validation ----------------------------------------------------------------------------------------
+
+class ValidateTest : public HostTest {
+ protected:
+  // The message sits in a block of exactly its size, so that a read past its end is a sanitizer's report.
+  static BOOL Validate(const Bytes& Message, int nHeaderSize = 17) {
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Message.size()]);
+    std::copy(Message.begin(), Message.end(), pcExact.get());
+    return ValidateUASLocalDataSet(pcExact.get(), static_cast<int>(Message.size()), nHeaderSize);
+  }
+  static Bytes Wrap(const Bytes& Body) { return UasMessage().Raw(Body).Build(); }
+  // Fills in the sum over the whole message with the value bytes as zero; returns it.
+  static unsigned SumInto(Bytes& Message, size_t nOffset) {
+    Message[nOffset] = Message[nOffset + 1] = 0;
+    const unsigned nSum = OwnChecksum(Message, Message.size());
+    Message[nOffset] = static_cast<BYTE>(nSum >> 8);
+    Message[nOffset + 1] = static_cast<BYTE>(nSum);
+    return nSum;
+  }
+  static std::string Line(const char* szFormat, unsigned nFirst, unsigned nSecond) {
+    char szText[128];
+    snprintf(szText, sizeof(szText), szFormat, nFirst, nSecond);
+    return szText;
+  }
+};
+
+constexpr char kValid[] = "KLV checksum IS OK (calc=0x%04X, act=0x%04X).\n";
+constexpr char kInvalid[] = "KLV checksum IS INVALID (calc=0x%04X, act=0x%04X).\n";
+
+TEST_F(ValidateTest, RightChecksumAtTheEndPassesAndEveryElementIsLogged) {
+  Bytes Message = Wrap({2, 3, 7, 8, 9, 3, 2, 'A', 'B', 48, 1, 5, 1, 2, 0, 0});
+  const unsigned nSum = SumInto(Message, Message.size() - 2);
+  EXPECT_TRUE(Validate(Message));
+  const auto Name = [](BYTE Tag) { return std::string(GetUAVTagName(Tag)); };
+  ExpectLog(6, "KLV Element#1: tag#2 (" + Name(2) + "), data length=3, space left=11.\n");
+  ExpectLog(6, "KLV Element#2: tag#3 (" + Name(3) + "), data length=2, space left=7.\n");
+  ExpectLog(6, "Mission ID \"AB\" is present.\n");
+  ExpectLog(6, "KLV Element#3: tag#48 (" + Name(48) + "), data length=1, space left=4.\n");
+  ExpectLog(6, "Security Metadata is present.\n");
+  ExpectLog(6, "KLV Element#4: tag#1 (" + Name(1) + "), data length=2, space left=0.\n");
+  ExpectLog(6, Line(kValid, nSum, nSum));
+}
+
+TEST_F(ValidateTest, WrongChecksumFails) {
+  Bytes Message = Wrap({2, 3, 7, 8, 9, 1, 2, 0, 0});
+  const unsigned nSum = SumInto(Message, Message.size() - 2);
+  Message.back() ^= 1;
+  EXPECT_FALSE(Validate(Message));
+  ExpectLog(3, Line(kInvalid, nSum, nSum ^ 1));
+}
+
+TEST_F(ValidateTest, ChecksumInTheMiddleIsTestedAtItsOwnPosition) {
+  Bytes Message = Wrap({2, 1, 7, 1, 2, 0, 0, 5, 2, 3, 4});
+  const unsigned nSum = SumInto(Message, 17 + 5);
+  EXPECT_TRUE(Validate(Message));
+  ExpectLog(6, Line(kValid, nSum, nSum));
+}
+
+TEST_F(ValidateTest, LaterChecksumReplacesAnEarlierOne) {
+  Bytes Message = Wrap({1, 2, 0xAA, 0xBB, 2, 1, 7, 1, 2, 0, 0});
+  const unsigned nSum = SumInto(Message, Message.size() - 2);
+  EXPECT_TRUE(Validate(Message));
+  ExpectLog(6, Line(kValid, nSum, nSum));
+}
+
+TEST_F(ValidateTest, MessageWithoutChecksumPasses) {
+  EXPECT_TRUE(Validate(Wrap({2, 1, 7})));
+  ExpectLog(4, "No checksum found.\n");
+}
+
+TEST_F(ValidateTest, TwoBytesLeftAreNotAnElement) {
+  EXPECT_TRUE(Validate(Wrap({2, 1, 7, 1, 0x80})));
+  ExpectLog(4, "No checksum found.\n");
+}
+
+TEST_F(ValidateTest, EmptyAndTooShortMessagesHaveNoChecksum) {
+  EXPECT_TRUE(Validate(Wrap({})));
+  ExpectLog(4, "No checksum found.\n");
+  EXPECT_TRUE(Validate(Bytes(UASDataLinkKey, UASDataLinkKey + 16), 19));
+  ExpectLog(4, "No checksum found.\n");
+}
+
+TEST_F(ValidateTest, UnreadableSizeEndsTheWalkWithFalse) {
+  EXPECT_FALSE(Validate(Wrap({2, 1, 7, 5, 0x80, 0, 0})));
+  ExpectLog(3, "Unsupported number of bytes (0) for size in BER encoded length.\n");
+  ExpectAssertion("GetKLVElementSize(pKLV, &nElementSize)");
+}
+
+TEST_F(ValidateTest, LengthFieldThatPassesTheEndIsUnreadable) {
+  EXPECT_FALSE(Validate(Wrap({5, 0x84, 0})));
+  ExpectAssertion("GetKLVElementSize(pKLV, &nElementSize)");
+}
+
+TEST_F(ValidateTest, ElementThatPassesTheEndEndsTheWalk) {
+  EXPECT_TRUE(Validate(Wrap({5, 9, 1, 2})));
+  ExpectLog(6, "KLV Element#1: tag#5 (" + std::string(GetUAVTagName(5)) + "), data length=9, space left=-7.\n");
+  ExpectLog(4, "No checksum found.\n");
+}
+
+TEST_F(ValidateTest, ChecksumCutOffByTheEndFails) {
+  Bytes Message = Wrap({1, 2, 0});
+  const unsigned nCalculated = OwnChecksum(Message, 19);
+  EXPECT_FALSE(Validate(Message));
+  ExpectLog(3, Line(kInvalid, nCalculated, 0));
+}
+
+TEST_F(ValidateTest, MissionIdentifierIsPrintedWithinItsLength) {
+  EXPECT_TRUE(Validate(Wrap({3, 2, 'A', 'B', 6, 1, 'C'})));
+  ExpectLog(6, "Mission ID \"AB\" is present.\n");
+  ExpectLog(4, "No checksum found.\n");
+  EXPECT_TRUE(Validate(Wrap({3, 9, 'A', 'B', 'C'})));
+  ExpectLog(6, "Mission ID \"ABC\" is present.\n");
+  ExpectLog(4, "No checksum found.\n");
+  EXPECT_TRUE(Validate(Wrap({3, 0x81, 2, 'A', 'B', 6})));
+  ExpectLog(6, "Mission ID \"AB\" is present.\n");
+  ExpectLog(4, "No checksum found.\n");
+}
+
+// --- Names ---------------------------------------------------------------------------------------------
+
+TEST(NamesTest, SecurityClassifications) {
+  const char* const aszNames[] = {"Unknown", "UNCLASSIFIED", "RESTRICTED", "CONFIDENTIAL", "SECRET", "TOP SECRET"};
+  for (unsigned i = 0; i < 256; i++)
+    EXPECT_STREQ(GetSecurityClassificationString(static_cast<BYTE>(i)), i < 6 ? aszNames[i] : "Unknown") << i;
+}
+
+TEST(NamesTest, CountryCodingMethods) {
+  const char* const aszNames[] = {"Unknown",
+                                  "ISO-3166 Two Letter",
+                                  "ISO-3166 Three Letter",
+                                  "FIPS 10-4 Two Letter",
+                                  "FIPS 10-4 Four Letter",
+                                  "ISO-3166 Numeric",
+                                  "1059 Two Letter",
+                                  "1059 Three Letter",
+                                  "Ommitted",
+                                  "Ommitted",
+                                  "FIPS 10-4 Mixed",
+                                  "ISO 3166 Mixed",
+                                  "STANAG 1059 Mixed",
+                                  "GENC Two Letter",
+                                  "GENC Three Letter",
+                                  "GENC Numeric",
+                                  "GENC Mixed"};
+  for (unsigned i = 0; i < 256; i++)
+    EXPECT_STREQ(GetCountryCodingMethodString(static_cast<BYTE>(i)), i < 17 ? aszNames[i] : "Unknown") << i;
+  EXPECT_STREQ(GetCountryCodingMethodString(200), "Unknown");
+}
+
+}  // namespace
