@@ -137,38 +137,37 @@ std::string Recent() {
   return text.str();
 }
 
-void Fail(const std::source_location& where, const std::string& text) {
-  GTEST_MESSAGE_AT_(where.file_name(), static_cast<int>(where.line()), text.c_str(),
-                    ::testing::TestPartResult::kNonFatalFailure);
+void Fail(const Where& where, const std::string& text) {
+  GTEST_MESSAGE_AT_(where.file, where.line, text.c_str(), ::testing::TestPartResult::kNonFatalFailure);
 }
 
 }  // namespace
 
-void ExpectLog(int level, const std::string& text, std::source_location where) {
+void ExpectLog(int level, const std::string& text, Where where) {
   if (!host().ClaimLog(level, text, true))
     Fail(where, "no log line of level " + std::to_string(level) + ": " + text + "\nlogged:\n" + Recent());
 }
 
-void ExpectLogContaining(int level, const std::string& part, std::source_location where) {
+void ExpectLogContaining(int level, const std::string& part, Where where) {
   if (!host().ClaimLog(level, part, false))
     Fail(where, "no log line of level " + std::to_string(level) + " with: " + part + "\nlogged:\n" + Recent());
 }
 
-void ExpectNoLog(const std::string& text, std::source_location where) {
+void ExpectNoLog(const std::string& text, Where where) {
   for (const LogLine& line : host().Logs())
     if (!line.claimed && line.text == text) Fail(where, "logged: " + text);
 }
 
-void ExpectAssertion(const std::string& expression, std::source_location where) {
+void ExpectAssertion(const std::string& expression, Where where) {
   if (!host().ClaimAssertion(expression, false))
     Fail(where, "no assertion \"" + expression + "\"\nlogged:\n" + Recent());
 }
 
-void ExpectTextAssertion(const std::string& text, std::source_location where) {
+void ExpectTextAssertion(const std::string& text, Where where) {
   if (!host().ClaimAssertion(text, true)) Fail(where, "no text assertion \"" + text + "\"\nlogged:\n" + Recent());
 }
 
-void ExpectDump(int level, const std::string& title, const Bytes& bytes, std::source_location where) {
+void ExpectDump(int level, const std::string& title, const Bytes& bytes, Where where) {
   for (const DumpLine& dump : host().Dumps())
     if (dump.level == level && dump.title == title && dump.bytes == bytes) return;
   Fail(where, "no dump of level " + std::to_string(level) + " titled \"" + title + "\" with these " +

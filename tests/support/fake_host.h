@@ -17,7 +17,6 @@
 
 #include <map>
 #include <optional>
-#include <source_location>
 #include <string>
 #include <vector>
 
@@ -179,14 +178,21 @@ class Host : public HostRecords {
 
 Host& host();
 
-void ExpectLog(int level, const std::string& text, std::source_location where = std::source_location::current());
-void ExpectLogContaining(int level, const std::string& part,
-                         std::source_location where = std::source_location::current());
-void ExpectNoLog(const std::string& text, std::source_location where = std::source_location::current());
-void ExpectAssertion(const std::string& expression, std::source_location where = std::source_location::current());
-void ExpectTextAssertion(const std::string& text, std::source_location where = std::source_location::current());
-void ExpectDump(int level, const std::string& title, const Bytes& bytes,
-                std::source_location where = std::source_location::current());
+// The line of the test that calls a claim. clang 14 has no std::source_location of its own.
+struct Where {
+  const char* file;
+  int line;
+  static constexpr Where Caller(const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    return {file, line};
+  }
+};
+
+void ExpectLog(int level, const std::string& text, Where where = Where::Caller());
+void ExpectLogContaining(int level, const std::string& part, Where where = Where::Caller());
+void ExpectNoLog(const std::string& text, Where where = Where::Caller());
+void ExpectAssertion(const std::string& expression, Where where = Where::Caller());
+void ExpectTextAssertion(const std::string& text, Where where = Where::Caller());
+void ExpectDump(int level, const std::string& title, const Bytes& bytes, Where where = Where::Caller());
 // Lines that contain the part need no claim.
 void AllowLogs(int level, const std::string& part);
 int CountLogs(int level, const std::string& text);
