@@ -113,6 +113,26 @@ void AddCot(CLI::App& app, Arguments& args, Texts& texts) {
   AddPace(app, args, "pairs (or events of a file)");
 }
 
+void AddAnc(CLI::App& app, Arguments& args, Texts& texts) {
+  AddFile(app, args, "a recorded KLV stream, one message per tick");
+  AddFlight(app, args);
+  app.add_option("--payload-type", args.anc.payload_type, "RTP payload type")
+      ->group("Stream")
+      ->capture_default_str()
+      ->check(CLI::Range(96, 127));
+  const auto add_percent = [&](const char* name, double& value, const char* what) {
+    app.add_option(name, value, what)->group("Stream")->capture_default_str()->check(CLI::Range(0.0, 100.0));
+  };
+  add_percent("--loss", args.anc.loss, "percent of RTP packets that get lost");
+  add_percent("--reorder", args.anc.reorder, "percent of RTP packets that change places with the next one");
+  add_percent("--bad-checksum", args.anc.bad_checksum, "percent of ancillary packets with a wrong checksum");
+  auto* udp = app.add_option("--udp", texts.udp, "UDP address; a group address sends multicast")
+                  ->type_name("HOST:PORT")
+                  ->required();
+  AddNetwork(app, args, texts, udp);
+  AddPace(app, args, "messages");
+}
+
 void AddTs(CLI::App& app, Arguments& args) {
   AddFlight(app, args);
   app.add_option("--output", args.ts.output, "the file to write")->group("File")->type_name("FILE")->required();
@@ -172,13 +192,17 @@ std::optional<Answer> ParseCommandLine(int argc, const char* const* argv, Argume
   app.require_subcommand(1);
   auto* klv = app.add_subcommand("klv", "KLV messages (MISB ST 0601)");
   auto* cot = app.add_subcommand("cot", "Cursor-on-Target events, plain over UDP, framed over a serial line");
+  auto* anc = app.add_subcommand("anc", "KLV in the ancillary data of a video (RFC 8331 over UDP)");
   auto* ts = app.add_subcommand("ts", "write the simulated flight to a transport stream file with a KLV track");
   AddKlv(*klv, args, texts);
   AddCot(*cot, args, texts);
+  AddAnc(*anc, args, texts);
   AddTs(*ts, args);
   try {
     app.parse(argc, argv);
-    args.command = ts->parsed() ? Command::kTs : cot->parsed() ? Command::kCot : Command::kKlv;
+    args.command = klv->parsed() ? Command::kKlv : Command::kCot;
+    if (anc->parsed()) args.command = Command::kAnc;
+    if (ts->parsed()) args.command = Command::kTs;
     ReadTexts(texts, args);
   } catch (const CLI::CallForHelp&) {
     const auto chosen = app.get_subcommands();

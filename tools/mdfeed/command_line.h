@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "anc_stream.h"
 #include "cot_flight.h"
 #include "sender.h"
 #include "traffic.h"
@@ -14,7 +15,7 @@
 
 namespace mdfeed {
 
-enum class Command { kKlv, kCot, kTs };
+enum class Command { kKlv, kCot, kAnc, kTs };
 
 struct Arguments {
   Command command = Command::kKlv;
@@ -35,6 +36,7 @@ struct Arguments {
   std::string serial;
   int baud = 115'200;
   std::string pty;
+  AncOptions anc;
   TsOptions ts;
   // How.
   SendOptions send;

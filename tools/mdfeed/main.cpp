@@ -64,6 +64,25 @@ std::unique_ptr<Traffic> MakeCotTraffic(const Arguments& args) {
   return args.udp ? std::move(events) : MakeFramed(std::move(events), args.channel, args.damage, args.seed);
 }
 
+std::unique_ptr<Traffic> MakeAncTraffic(const Arguments& args) {
+  AncOptions anc = args.anc;
+  anc.seed = args.seed;
+  anc.start_us = args.start.empty() ? Now() : ParseTime(args.start);
+  anc.rate = args.send.rate > 0 ? args.send.rate : 10.0;
+  return MakeAncStream(MakeKlvTraffic(args), anc);
+}
+
+std::unique_ptr<Traffic> MakeTraffic(const Arguments& args) {
+  if (args.command == Command::kCot) return MakeCotTraffic(args);
+  if (args.command == Command::kAnc) return MakeAncTraffic(args);
+  return MakeKlvTraffic(args);
+}
+
+const char* Name(Command command) {
+  if (command == Command::kCot) return "CoT events";
+  return command == Command::kAnc ? "RTP packets" : "KLV messages";
+}
+
 std::unique_ptr<Output> OpenOutput(const Arguments& args) {
   if (args.udp) return OpenUdp(*args.udp, args.interface);
   if (!args.serial.empty()) return OpenSerial(args.serial, args.baud);
@@ -78,9 +97,9 @@ void RunTs(const Arguments& args) {
 void Run(const Arguments& args) {
   CatchStopSignals();
   if (args.command == Command::kTs) return RunTs(args);
-  const auto traffic = args.command == Command::kKlv ? MakeKlvTraffic(args) : MakeCotTraffic(args);
+  const auto traffic = MakeTraffic(args);
   const auto output = OpenOutput(args);
-  Progress progress(args.command == Command::kKlv ? "KLV messages" : "CoT events");
+  Progress progress(Name(args.command));
   if (!args.pty.empty()) progress.Waiting(("a reader of " + args.pty).c_str());
   if (!output->WaitForReader()) return;
   const SendResult result = SendTraffic(*traffic, *output, args.send, progress);

@@ -70,13 +70,13 @@ SendResult SendTraffic(Traffic& traffic, Output& output, SendOptions options, Pr
   SendResult result;
   const Clockwork clock(options);
   while (!clock.IsOver(result.ticks)) {
-    const std::vector<Bytes> batch = traffic.Next();
-    if (batch.empty()) break;
+    const auto batch = traffic.Next();
+    if (!batch) break;
     clock.WaitFor(result.ticks);
     if (StopRequested()) break;
     if (const auto ttl = options.ttl.TakeDue(clock.Elapsed())) output.SetTtl(*ttl);
     if (const auto tos = options.tos.TakeDue(clock.Elapsed())) output.SetTos(*tos);
-    for (const Bytes& message : batch) {
+    for (const Bytes& message : *batch) {
       output.Send(message);
       result.messages++;
       result.bytes += message.size();

@@ -38,12 +38,12 @@ std::optional<std::size_t> KlvMessageSize(const Bytes& stream, std::size_t offse
 class Recorded : public Traffic {
  public:
   Recorded(std::vector<Bytes> messages, unsigned repeat) : m_messages(std::move(messages)), m_repeat(repeat) {}
-  std::vector<Bytes> Next() override {
+  std::optional<Batch> Next() override {
     if (m_next == m_messages.size()) {
-      if (++m_rounds == m_repeat) return {};
+      if (++m_rounds == m_repeat) return std::nullopt;
       m_next = 0;
     }
-    return {m_messages[m_next++]};
+    return Batch{m_messages[m_next++]};
   }
 
  private:
@@ -71,7 +71,7 @@ class FlightTicks {
 class KlvFlight : public Traffic {
  public:
   KlvFlight(const FlightOptions& flight, std::int64_t interval_us) : m_ticks(flight, interval_us) {}
-  std::vector<Bytes> Next() override { return {MakeKlvMessage(m_ticks.Next())}; }
+  std::optional<Batch> Next() override { return Batch{MakeKlvMessage(m_ticks.Next())}; }
 
  private:
   FlightTicks m_ticks;
@@ -81,9 +81,9 @@ class CotFlight : public Traffic {
  public:
   CotFlight(const FlightOptions& flight, const CotOptions& cot, std::int64_t interval_us)
       : m_ticks(flight, interval_us), m_writer(cot) {}
-  std::vector<Bytes> Next() override {
+  std::optional<Batch> Next() override {
     const CotPair pair = m_writer.Write(m_ticks.Next());
-    return {Bytes(pair.sensor.begin(), pair.sensor.end()), Bytes(pair.aircraft.begin(), pair.aircraft.end())};
+    return Batch{Bytes(pair.sensor.begin(), pair.sensor.end()), Bytes(pair.aircraft.begin(), pair.aircraft.end())};
   }
 
  private:
@@ -94,9 +94,11 @@ class CotFlight : public Traffic {
 class Chunked : public Traffic {
  public:
   Chunked(std::unique_ptr<Traffic> inner, std::size_t chunk) : m_inner(std::move(inner)), m_chunk(chunk) {}
-  std::vector<Bytes> Next() override {
-    std::vector<Bytes> chunks;
-    for (const Bytes& message : m_inner->Next()) {
+  std::optional<Batch> Next() override {
+    const auto messages = m_inner->Next();
+    if (!messages) return std::nullopt;
+    Batch chunks;
+    for (const Bytes& message : *messages) {
       std::ranges::move(SplitChunks(message, m_chunk), std::back_inserter(chunks));
     }
     return chunks;
@@ -111,9 +113,10 @@ class Framed : public Traffic {
  public:
   Framed(std::unique_ptr<Traffic> inner, char channel, std::vector<FrameDamage> damage, std::uint32_t seed)
       : m_inner(std::move(inner)), m_channel(channel), m_damage(std::move(damage)), m_random(seed + 1) {}
-  std::vector<Bytes> Next() override {
-    std::vector<Bytes> frames = m_inner->Next();
-    for (Bytes& frame : frames) {
+  std::optional<Batch> Next() override {
+    auto frames = m_inner->Next();
+    if (!frames) return std::nullopt;
+    for (Bytes& frame : *frames) {
       FrameOptions options{m_channel, {}, static_cast<std::uint32_t>(m_random())};
       for (const FrameDamage& damage : m_damage) {
         if (static_cast<double>(m_random() % 10'000) < damage.percent * 100.0) options.damage.push_back(damage.field);

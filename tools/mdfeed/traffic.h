@@ -16,11 +16,13 @@
 
 namespace mdfeed {
 
+using Batch = std::vector<Bytes>;
+
 class Traffic {
  public:
   virtual ~Traffic() = default;
-  // The messages of the next tick; empty at the end.
-  virtual std::vector<Bytes> Next() = 0;
+  // The messages of the next tick; nothing at the end.
+  virtual std::optional<Batch> Next() = 0;
 };
 
 // A whole file. Throws RunError.

@@ -8,6 +8,7 @@ extern "C" {
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -187,7 +188,12 @@ SendResult WriteTsFile(const FlightOptions& flight_options, const TsOptions& opt
     std::remove(unfinished.c_str());
     throw;
   }
-  if (std::rename(unfinished.c_str(), options.output.c_str()) != 0) ThrowErrno("cannot write " + options.output);
+  if (std::rename(unfinished.c_str(), options.output.c_str()) != 0) {
+    const int reason = errno;
+    std::remove(unfinished.c_str());
+    errno = reason;
+    ThrowErrno("cannot write " + options.output);
+  }
   return result;
 }
 

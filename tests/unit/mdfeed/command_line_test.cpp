@@ -69,6 +69,23 @@ TEST_F(CommandLine, ReadsDamagedSerialEvents) {
   EXPECT_EQ(args.cot.jitter_ms, 50);
 }
 
+TEST_F(CommandLine, ReadsAnAncillaryStreamAndATransportStream) {
+  ASSERT_FALSE(Parse({"anc", "--simulate", "--udp", "127.0.0.1:5004", "--loss", "3", "--reorder", "4", "--bad-checksum",
+                      "5", "--payload-type", "100"}));
+  EXPECT_EQ(args.command, Command::kAnc);
+  EXPECT_EQ(args.anc.loss, 3.0);
+  EXPECT_EQ(args.anc.reorder, 4.0);
+  EXPECT_EQ(args.anc.bad_checksum, 5.0);
+  EXPECT_EQ(args.anc.payload_type, 100);
+  args = {};
+  ASSERT_FALSE(Parse({"ts", "--output", "flight.ts", "--duration", "3", "--rate", "25", "--messages", "2"}));
+  EXPECT_EQ(args.command, Command::kTs);
+  EXPECT_EQ(args.ts.output, "flight.ts");
+  EXPECT_EQ(args.ts.duration, 3.0);
+  EXPECT_EQ(args.ts.rate, 25.0);
+  EXPECT_EQ(args.ts.messages_per_time, 2);
+}
+
 TEST_F(CommandLine, HelpAndVersionEndWell) {
   const auto help = Parse({"--help"});
   ASSERT_TRUE(help);
@@ -99,6 +116,10 @@ TEST_F(CommandLine, MistakesNameTheOptionAndWhatIsAllowed) {
   ExpectMistake({"klv", "--simulate", "--serial", "x", "--baud", "1"}, "--baud: 1 is not one of 1200, 2400");
   ExpectMistake({"cot", "--simulate", "--serial", "x", "--damage", "nose"}, "--damage: 'nose' is not one of sync, len");
   ExpectMistake({"cot", "--simulate", "--serial", "x", "--damage", "crc:101"}, "'101' is not a percentage");
+  ExpectMistake({"anc", "--simulate"}, "--udp is required");
+  ExpectMistake({"anc", "--udp", "h:1"}, "one of --file and --simulate");
+  ExpectMistake({"ts"}, "--output is required");
+  ExpectMistake({"ts", "--output", "x", "--rate", "26"}, "--rate");
   ExpectMistake({"cot", "--simulate", "--udp", "h:1", "--damage", "crc"}, "only frames of a serial line");
 }
 

@@ -67,16 +67,16 @@ TEST(SplitChunks, LosesNothing) {
 TEST(Recorded, RepeatsAsOftenAsAsked) {
   const auto twice = MakeRecorded({Text("a"), Text("b")}, 2);
   std::string sent;
-  for (auto batch = twice->Next(); !batch.empty(); batch = twice->Next()) sent += static_cast<char>(batch[0][0]);
+  for (auto batch = twice->Next(); batch; batch = twice->Next()) sent += static_cast<char>(batch->at(0)[0]);
   EXPECT_EQ(sent, "abab");
   const auto for_ever = MakeRecorded({Text("a")}, 0);
-  for (int i = 0; i < 100; i++) EXPECT_EQ(for_ever->Next().size(), 1u);
+  for (int i = 0; i < 100; i++) EXPECT_EQ(for_ever->Next()->size(), 1u);
 }
 
 TEST(Chunked, CutsEveryMessage) {
   const auto chunked = MakeChunked(MakeRecorded({Text("abcde")}, 1), 2);
   EXPECT_EQ(chunked->Next(), (std::vector<Bytes>{Text("ab"), Text("cd"), Text("e")}));
-  EXPECT_TRUE(chunked->Next().empty());
+  EXPECT_FALSE(chunked->Next());
 }
 
 TEST(Framed, DamagesTheAskedShareOfFrames) {
@@ -84,13 +84,13 @@ TEST(Framed, DamagesTheAskedShareOfFrames) {
   const auto framed = MakeFramed(MakeRecorded({Text(xml)}, 1000), '1', {{FrameField::kCrc, 25.0}}, 1);
   const Bytes whole = BuildCotFrame(xml);
   int damaged = 0;
-  for (auto batch = framed->Next(); !batch.empty(); batch = framed->Next()) damaged += batch[0] != whole;
+  for (auto batch = framed->Next(); batch; batch = framed->Next()) damaged += batch->at(0) != whole;
   EXPECT_NEAR(damaged, 250, 60);
 }
 
 TEST(CotTraffic, OneTickIsAPairWithTheSensorFirst) {
   const auto traffic = MakeCotFlight({}, {}, 100'000);
-  const auto batch = traffic->Next();
+  const auto batch = traffic->Next().value();
   ASSERT_EQ(batch.size(), 2u);
   EXPECT_THAT(std::string(batch[0].begin(), batch[0].end()), testing::HasSubstr("type=\"b-m-p-s-p-i\""));
   EXPECT_THAT(std::string(batch[1].begin(), batch[1].end()), testing::HasSubstr("type=\"a-f-A-M-F-Q\""));
@@ -103,7 +103,7 @@ TEST(KlvTraffic, MovesOnByTheInterval) {
   traffic->Next();
   Flight flight(options);
   flight.AdvanceTo(250'000);
-  EXPECT_EQ(traffic->Next().at(0), MakeKlvMessage(flight.State()));
+  EXPECT_EQ(traffic->Next()->at(0), MakeKlvMessage(flight.State()));
 }
 
 class GeoidFile : public testing::Test {

@@ -1,0 +1,37 @@
+// KLV as SMPTE RP 214 ancillary packets in an RTP stream of RFC 8331 (SMPTE ST 2110-40).
+#ifndef MDFEED_ANC_STREAM_H
+#define MDFEED_ANC_STREAM_H
+
+#include <cstdint>
+#include <memory>
+#include <span>
+
+#include "traffic.h"
+
+namespace mdfeed {
+
+struct AncOptions {
+  double rate = 10;           // ticks per second, for the timestamps
+  std::int64_t start_us = 0;  // UTC of the first tick
+  int payload_type = 112;
+  double loss = 0;          // percent of RTP packets not sent
+  double reorder = 0;       // percent of RTP packets sent behind their successor
+  double bad_checksum = 0;  // percent of ancillary packets with a wrong checksum
+  std::uint32_t seed = 1;
+};
+
+inline constexpr std::size_t kAncWordsPerPacket = 252;  // of KLV, behind message number and packet count
+inline constexpr std::size_t kLargestRtpPacket = 1'400;
+
+// One ancillary data packet as it stands in the RTP payload: position word, DID 0x44, SDID 0x04, data count, message
+// number, packet count (from 1, high byte first), up to 252 bytes of KLV, checksum, filled up to 32 bits.
+Bytes BuildAncPacket(std::uint8_t message_number, std::uint16_t packet_count, std::span<const std::uint8_t> klv,
+                     bool bad_checksum = false);
+
+// Sends every message of another traffic in ancillary packets; those of one tick share a timestamp of 90 kHz, and the
+// last RTP packet of a tick has the marker.
+std::unique_ptr<Traffic> MakeAncStream(std::unique_ptr<Traffic> inner, const AncOptions& options);
+
+}  // namespace mdfeed
+
+#endif  // MDFEED_ANC_STREAM_H
