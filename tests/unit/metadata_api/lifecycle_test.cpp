@@ -176,6 +176,14 @@ TEST_F(ShutdownTest, WithoutAMessageNeitherWaitsNorJoins) {
   EXPECT_EQ(host().Calls("WaitForThread"), 1);
 }
 
+TEST_F(ShutdownTest, SecondShutdownHasNothingLeftToStop) {
+  Start();
+  Stop();
+  METADATALIB_Shutdown();
+  EXPECT_EQ(host().Calls("WaitForThread"), 1);
+  EXPECT_EQ(host().Calls("MBOX_CloseMailBox"), 1);
+}
+
 TEST_F(ShutdownTest, GridIsFreedAfterALoad) {
   StartWithCoT();
   Stop();
@@ -545,21 +553,72 @@ TEST_F(HandshakeTest, FailedSendOfARemoveIsSweptByShutdown) {
   EXPECT_TRUE(host().FD(fd).closed);
 }
 
+TEST_F(HandshakeTest, FailedSendsOfBothAddAndRemoveAreSwept) {
+  Start();
+  Open(NetworkConfig(MDATA_DATA_KLV, 5001));
+  host().FailNext("MBOX_SendMessage");
+  const HMDATASRC source = OpenWhileStuck(NetworkConfig());
+  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+  const int fd = source->iFD;
+  host().FailNext("MBOX_SendMessage");
+  CloseWhileStuck(source);
+  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+  host().SelectTimesOut();
+  EXPECT_TRUE(host().FD(fd).closed);
+  EXPECT_EQ(_g_pSweepList, nullptr);
+  host().HoldThread(false);
+}
+
 TEST_F(HandshakeTest, SweepWaitsForAnAddThatIsStillQueued) {
   Start();
+  m_open.push_back(OpenWhileStuck(NetworkConfig(MDATA_DATA_KLV, 5001)));
   const HMDATASRC source = OpenWhileStuck(NetworkConfig());
   const int fd = source->iFD;
   host().FailNext("MBOX_SendMessage");
-  HMDATASRC handle = source;
-  EXPECT_TRUE(MetaData_CloseSource(&handle));
+  CloseWhileStuck(source);
   ExpectLog(3, "MBOX_SendMessage FAILED.\n");
-  ExpectLog(3, kRemoveTimedOut);
+  EXPECT_EQ(_g_pSweepList, source);
+  host().Pass();  // handles the other source's message
+  EXPECT_FALSE(host().FD(fd).closed) << "a queued message still names the record";
   EXPECT_EQ(_g_pSweepList, source);
   LetTheThreadRun();
   EXPECT_TRUE(host().FD(fd).closed);
   EXPECT_EQ(_g_pSweepList, nullptr);
-  EXPECT_EQ(ListedSources(), 0);
+  EXPECT_EQ(ListedSources(), 1);
   ExpectPostsInOrder();
+}
+
+TEST_F(HandshakeTest, WhatTheThreadLeavesQueuedIsFinishedByShutdown) {
+  Start();
+  const HMDATASRC first = OpenWhileStuck(NetworkConfig(MDATA_DATA_KLV, 5001));
+  const HMDATASRC second = OpenWhileStuck(NetworkConfig());
+  const std::vector<int> descriptors = {first->iFD, second->iFD};
+  for (HMDATASRC source : {first, second}) {
+    host().FailNext("MBOX_SendMessage");
+    CloseWhileStuck(source);
+    ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+  }
+  host().FailNext("MBOX_SendMessage");
+  Stop();  // the thread ends after one pass
+  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+  ExpectLog(3, "Wait FAILED, errno (110): \"Connection timed out\".\n");
+  ExpectTextAssertion("Wait FAILED, errno (110): \"Connection timed out\".\n");
+  for (int fd : descriptors) EXPECT_TRUE(host().FD(fd).closed);
+}
+
+TEST_F(HandshakeTest, RemovesTheThreadLeavesQueuedAreFinishedByShutdown) {
+  Start();
+  const HMDATASRC first = Open(NetworkConfig(MDATA_DATA_KLV, 5001));
+  const HMDATASRC second = Open(NetworkConfig());
+  const std::vector<int> descriptors = {first->iFD, second->iFD};
+  CloseWhileStuck(first);
+  CloseWhileStuck(second);
+  host().FailNext("MBOX_SendMessage");
+  Stop();  // the thread ends after one pass
+  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+  ExpectLog(3, "Wait FAILED, errno (110): \"Connection timed out\".\n");
+  ExpectTextAssertion("Wait FAILED, errno (110): \"Connection timed out\".\n");
+  for (int fd : descriptors) EXPECT_TRUE(host().FD(fd).closed);
 }
 
 TEST_F(HandshakeTest, FailedPostAsserts) {

@@ -1,4 +1,7 @@
 // Opening and closing sources: what is checked, made, logged and released for each kind.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include "converter.h"
 #include "engine_test.h"
 
@@ -579,9 +582,14 @@ TEST_F(CaptureFileTest, PlantedLinkIsNotFollowed) {
 TEST_F(CaptureFileTest, PlantedPipeNeitherBlocksNorIsWrittenTo) {
   Start();
   host().PlantFifo("/tmp/rawudp_5000.txt");
+  const int reader = open("/tmp/rawudp_5000.txt", O_RDONLY | O_NONBLOCK);
+  ASSERT_GE(reader, 0);
   MDATA_SRC_CFG config = NetworkConfig();
   config.bCaptureToDisk = TRUE;
   EXPECT_EQ(Open(config)->CaptureFP, nullptr);
+  close(reader);
+  Close(m_open.back());
+  EXPECT_EQ(Open(config)->CaptureFP, nullptr) << "without a reader either";
 }
 
 TEST_F(CaptureFileTest, ClosingAnySourceClosesTheXMLCapture) {
@@ -603,7 +611,9 @@ TEST_F(CaptureFileTest, FailedOpeningLeavesAnothersXMLCapture) {
   config.bCaptureToDisk = TRUE;
   Open(config);
   ExpectOpenFails(config);
-  ExpectOpenFails(NetworkConfig(2));
+  host().FailNext("CreateUDPRxSocket");
+  ExpectOpenFails(NetworkConfig());
+  ExpectLog(3, "Failed to create IPv4 socket.\n");
   EXPECT_NE(g_XMLOutFP, nullptr);
 }
 
