@@ -1,0 +1,374 @@
+/*
+ * CONTENTS
+ *   Keys          what may stand in a section, and when
+ *   Encoder       the [encoder] section
+ *   Sources       every other section
+ *   Together      what must hold between sections
+ */
+#include "config.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+
+#include "host_serial.h"
+#include "section.h"
+#include "values.h"
+
+namespace mdencoder {
+namespace {
+
+constexpr char kEncoder[] = "encoder";
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Keys                                                                                             */
+/* ------------------------------------------------------------------------------------------------ */
+
+constexpr std::string_view kEncoderKeys[] = {
+    "capabilities", "library",   "host_config", "output_dir",      "stream_header",  "format",
+    "live",         "log_level", "log_levels",  "status_interval", "stats_interval", "stats_json",
+    "stats_file",   "summary",   "duration",    "messages",        "messages_each",  "queue"};
+
+constexpr std::string_view kSourceKeys[] = {"input",
+                                            "data",
+                                            "index",
+                                            "output",
+                                            "baud",
+                                            "parity",
+                                            "flow",
+                                            "stop",
+                                            "bits",
+                                            "port",
+                                            "family",
+                                            "address",
+                                            "interface",
+                                            "decimation",
+                                            "cot_delta_ms",
+                                            "cot_sensor",
+                                            "cot_discovery",
+                                            "mission_id",
+                                            "classification",
+                                            "classifying_country",
+                                            "object_country",
+                                            "keep_tags",
+                                            "keep_security_tags",
+                                            "capture",
+                                            "capture_limit_kb",
+                                            "relay1",
+                                            "relay2",
+                                            "relay3",
+                                            "relay4",
+                                            "relay5",
+                                            "relay6",
+                                            "relay7",
+                                            "relay8"};
+
+constexpr std::string_view kFormats[] = {"table", "json", "none"};
+constexpr std::string_view kInputs[] = {"serial", "udp", "video"};  // MDATA_INPUT_*
+constexpr std::string_view kData[] = {"klv", "cot"};                // MDATA_DATA_*
+constexpr std::string_view kParities[] = {"none", "odd", "even"};   // HOST_SERIAL_PARITY_*
+constexpr std::string_view kFlows[] = {"none", "hardware", "software"};
+constexpr std::string_view kStops[] = {"1", "2"};
+constexpr std::string_view kFamilies[] = {"any", "ipv4", "ipv6"};
+constexpr std::string_view kClassifications[] = {"unclassified", "restricted", "confidential", "secret", "top-secret"};
+
+/* When a key of a source means anything, for keys that do not always. */
+std::string ConditionOf(std::string_view key) {
+  for (const std::string_view serial : {"baud", "parity", "flow", "stop", "bits"}) {
+    if (key == serial) return "with input = serial";
+  }
+  for (const std::string_view udp : {"port", "family", "address"}) {
+    if (key == udp) return "with input = udp";
+  }
+  if (key == "interface" || key == "decimation") return "with input = video";
+  if (key.starts_with("cot_")) return "with data = cot";
+  if (key == "classifying_country" || key == "object_country") return "with a classification";
+  return "with capture = yes";
+}
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Encoder                                                                                          */
+/* ------------------------------------------------------------------------------------------------ */
+
+DWORD ReadCapabilities(Section& section) {
+  const std::string* value = section.Find("capabilities");
+  if (value == nullptr) return 0;
+  DWORD capabilities = 0;
+  for (const std::string& part : SplitList(*value)) {
+    if (part == "cot") {
+      capabilities |= METADATALIB_CAPS_COT_SUPPORT;
+    } else if (part == "ipv4") {
+      capabilities |= METADATALIB_CAPS_IPV4_SUPPORT;
+    } else if (part == "ipv6") {
+      capabilities |= METADATALIB_CAPS_IPV6_SUPPORT;
+    } else {
+      section.Fail("capabilities", *value, "a list of cot, ipv4 and ipv6");
+    }
+  }
+  if ((capabilities & (METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT)) == 0) {
+    section.Fail("capabilities", *value, "a list with ipv4 or ipv6 in it");
+  }
+  return capabilities;
+}
+
+void ReadModuleLevels(Section& section, EncoderSettings& settings) {
+  const std::string* value = section.Find("log_levels");
+  if (value == nullptr) return;
+  for (const std::string& part : SplitList(*value)) {
+    const size_t colon = part.find(':');
+    const auto level =
+        colon == std::string::npos || colon == 0 ? std::nullopt : ParseNumber(Trim(part.substr(colon + 1)), 0, 8);
+    if (!level) section.Fail("log_levels", *value, "a list of MODULE:LEVEL with levels 0 to 8");
+    settings.moduleLevels.emplace_back(Trim(part.substr(0, colon)), static_cast<int>(*level));
+  }
+}
+
+EncoderSettings ReadEncoder(const IniSection& ini) {
+  constexpr size_t kLongestPath = 4095;
+  Section section(ini, kEncoderKeys);
+  EncoderSettings settings;
+  settings.capabilities = ReadCapabilities(section);
+  settings.library = section.Text("library", kLongestPath);
+  settings.hostConfig = section.Text("host_config", kLongestPath);
+  settings.outputDir = section.Text("output_dir", kLongestPath);
+  settings.streamHeader = section.Flag("stream_header", false);
+  settings.format = static_cast<Format>(section.Choice("format", kFormats, 0));
+  settings.live = section.Flag("live", false);
+  settings.logLevel = static_cast<int>(section.Number("log_level", 0, 8, -1));
+  ReadModuleLevels(section, settings);
+  settings.statusInterval = section.Real("status_interval", 0, 3600, settings.statusInterval);
+  settings.statsInterval = section.Real("stats_interval", 0, 86400, 0);
+  settings.statsJson = section.Text("stats_json", kLongestPath);
+  settings.statsFile = section.Text("stats_file", kLongestPath);
+  settings.summary = section.Text("summary", kLongestPath);
+  settings.duration = section.Real("duration", 0, 1e9, 0);
+  settings.messages = static_cast<uint64_t>(section.Number("messages", 0, INT64_MAX, 0));
+  settings.messagesEach = static_cast<uint64_t>(section.Number("messages_each", 0, INT64_MAX, 0));
+  settings.queue = static_cast<size_t>(section.Number("queue", 1, 1000000, 4096));
+  return settings;
+}
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Sources                                                                                          */
+/* ------------------------------------------------------------------------------------------------ */
+
+template <size_t n>
+void Copy(char (&to)[n], const std::string& from) {
+  std::memcpy(to, from.c_str(), std::min(from.size(), n - 1));
+}
+
+void ReadSerial(Section& section, MDATA_SERIAL_SRC_CFG& serial) {
+  serial.nBaudRate = static_cast<int32_t>(section.Number("baud", 50, 4000000, 115200));
+  serial.enParity = section.Choice("parity", kParities, HOST_SERIAL_PARITY_NONE);
+  serial.enFlowControl = section.Choice("flow", kFlows, HOST_SERIAL_FLOW_NONE);
+  serial.enStopBits = section.Choice("stop", kStops, HOST_SERIAL_STOP_1);
+  serial.nDataBits = static_cast<int32_t>(section.Number("bits", 5, 8, 8));
+}
+
+/*
+ * The library compares the address whatever the family, so an address settles the family. An IPv6 group would be
+ * compared with the senders and never match.
+ */
+void ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
+  const int64_t port = section.Number("port", 1, 65535, 0);
+  if (port == 0)
+    throw ConfigError("[" + section.Name() + "] port is missing: allowed is a whole number from 1 to 65535");
+  network.usUDPPort = static_cast<USHORT>(port);
+  constexpr int32_t kFamilyValues[] = {0, AF_INET, AF_INET6};
+  network.iSrcAddressFamily = kFamilyValues[section.Choice("family", kFamilies, 0)];
+  const std::string* text = section.Find("address");
+  if (text == nullptr) return;
+  const auto address = ParseAddress(*text);
+  const bool familyFits = address && (network.iSrcAddressFamily == 0 || network.iSrcAddressFamily == address->family);
+  if (!familyFits || (address->family == AF_INET6 && address->IsMulticast())) {
+    section.Fail("address", *text, "the sender's numeric IPv4 or IPv6 address of the family given, or an IPv4 group");
+  }
+  network.iSrcAddressFamily = address->family;
+  std::memcpy(network.acSrcAddress, address->bytes.data(), sizeof(network.acSrcAddress));
+}
+
+/* The library multiplies the delta by 1000 in a signed 32-bit field: more would turn negative. */
+constexpr int64_t kLargestDeltaMs = INT32_MAX / 1000;
+
+void ReadCot(Section& section, MDATA_COT_CFG& cot) {
+  cot.nMaxAirCraftSPITimeDeltaInMs = static_cast<UINT64>(section.Number("cot_delta_ms", 0, kLargestDeltaMs, 500));
+  Copy(cot.szSpiUid, section.Text("cot_sensor", sizeof(cot.szSpiUid) - 1));
+  cot.bSensorDiscovery = section.Flag("cot_discovery", false) ? TRUE : FALSE;
+}
+
+void ReadRelays(Section& section, MDATA_SRC_CFG& record) {
+  for (int i = 1; i <= MDATA_MAX_RELAYS; ++i) {
+    const std::string key = "relay" + std::to_string(i);
+    const std::string* value = section.Find(key);
+    if (value == nullptr) continue;
+    const auto relay = ParseRelay(*value);
+    if (!relay) section.Fail(key, *value, kRelayAllowed);
+    record.Relays[record.nNumOfRelays++] = *relay;
+  }
+}
+
+void ReadClassification(Section& section, MDATA_SRC_CFG& record) {
+  const int classification = section.Choice("classification", kClassifications, -1);
+  if (classification < 0) return;
+  record.bClassifyMission = TRUE;
+  record.enClassification = classification + 1;
+  const std::string* country = section.Find("classifying_country");
+  // The library would build neither the security set nor the mission identifier from anything but three letters.
+  if (country == nullptr || country->size() != 3) {
+    section.Fail("classifying_country", country == nullptr ? "" : *country, "a country code of three letters");
+  }
+  Copy(record.szClassifyingCountry, *country);
+  Copy(record.szObjectCountry, section.Text("object_country", sizeof(record.szObjectCountry) - 1));
+}
+
+void ReadFilters(Section& section, MDATA_SRC_CFG& record) {
+  if (const std::string* value = section.Find("keep_tags")) {
+    const auto words = ParseTags(*value, 128, false);
+    if (!words) section.Fail("keep_tags", *value, "a list of tags 0 to 127, ranges and item names, or none");
+    record.bFilterUASTags = TRUE;
+    std::copy(words->begin(), words->end(), record.UASTagFilter);
+  }
+  if (const std::string* value = section.Find("keep_security_tags")) {
+    const auto words = ParseTags(*value, 32, true);
+    if (!words) section.Fail("keep_security_tags", *value, "a list of tags 0 to 31, ranges and element names, or none");
+    record.bFilterUASSecurityTags = TRUE;
+    record.UASSecurityTagFilter[0] = (*words)[0];
+  }
+}
+
+void CheckName(const std::string& name) {
+  const auto fits = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
+           c == '.';
+  };
+  if (name.size() > 64 || !std::all_of(name.begin(), name.end(), fits) || name.starts_with('.')) {
+    throw ConfigError("[" + name + "]: allowed is a source name of up to 64 letters, digits, '_', '-' and '.'");
+  }
+}
+
+SourceSettings ReadSource(const IniSection& ini, UINT32 index) {
+  CheckName(ini.name);
+  Section section(ini, kSourceKeys);
+  SourceSettings source;
+  source.name = ini.name;
+  MDATA_SRC_CFG& record = source.record;
+  record.nSize = sizeof(record);
+  record.nIndex = static_cast<UINT32>(section.Number("index", 0, UINT32_MAX, index));
+  record.enInputType = section.Choice("input", kInputs, -1);
+  if (record.enInputType < 0) throw ConfigError("[" + ini.name + "] input is missing: allowed is serial, udp, video");
+  record.enDataType = section.Choice("data", kData, MDATA_DATA_KLV);
+  source.input = kInputs[record.enInputType];
+  source.data = kData[record.enDataType];
+  source.output = section.Text("output", 4095);
+  switch (record.enInputType) {
+    case MDATA_INPUT_SERIAL:
+      ReadSerial(section, record.in.Serial);
+      break;
+    case MDATA_INPUT_NETWORK:
+      ReadNetwork(section, record.in.Network);
+      break;
+    default:
+      if (record.enDataType != MDATA_DATA_KLV) section.Fail("data", source.data, "klv with input = video");
+      record.in.Video.enInputInterface = static_cast<int32_t>(section.Number("interface", 0, 3, 0));
+      record.nDecimationFactor = static_cast<UINT32>(section.Number("decimation", 0, UINT32_MAX, 0));
+      break;
+  }
+  if (record.enDataType == MDATA_DATA_COT) ReadCot(section, record.format.CoT);
+  ReadRelays(section, record);
+  Copy(record.szMissionID, section.Text("mission_id", sizeof(record.szMissionID) - 1));
+  ReadClassification(section, record);
+  ReadFilters(section, record);
+  record.bCaptureToDisk = section.Flag("capture", false) ? TRUE : FALSE;
+  if (record.bCaptureToDisk) {
+    record.nMaxCaptureSizeInKBytes = static_cast<int32_t>(section.Number("capture_limit_kb", 0, INT32_MAX, 1024));
+  }
+  if (const auto* unused = section.Unused()) {
+    section.Fail(unused->first, unused->second, "only " + ConditionOf(unused->first));
+  }
+  return source;
+}
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Together                                                                                         */
+/* ------------------------------------------------------------------------------------------------ */
+
+/* Without a list of capabilities: both IP families, and CoT when a source needs it. */
+DWORD CapabilitiesFor(const std::vector<SourceSettings>& sources) {
+  DWORD capabilities = METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT;
+  for (const SourceSettings& source : sources) {
+    if (source.record.enDataType == MDATA_DATA_COT) capabilities |= METADATALIB_CAPS_COT_SUPPORT;
+  }
+  return capabilities;
+}
+
+void CheckCapabilities(const SourceSettings& source, DWORD capabilities) {
+  const auto require = [&](bool needed, DWORD capability, const std::string& key, const char* name) {
+    if (!needed || (capabilities & capability) != 0) return;
+    throw ConfigError("[" + source.name + "] " + key + ": allowed only with " + name + " among the capabilities");
+  };
+  const MDATA_SRC_CFG& record = source.record;
+  const bool network = record.enInputType == MDATA_INPUT_NETWORK;
+  const int32_t family = network ? record.in.Network.iSrcAddressFamily : 0;
+  require(record.enDataType == MDATA_DATA_COT, METADATALIB_CAPS_COT_SUPPORT, "data = cot", "cot");
+  require(family == AF_INET, METADATALIB_CAPS_IPV4_SUPPORT, "family = ipv4", "ipv4");
+  require(family == AF_INET6, METADATALIB_CAPS_IPV6_SUPPORT, "family = ipv6", "ipv6");
+}
+
+void CheckTogether(const Config& config) {
+  const auto& sources = config.sources;
+  if (sources.empty()) throw ConfigError("no source: allowed is one section per source with at least its input");
+  for (auto it = sources.begin(); it != sources.end(); ++it) {
+    CheckCapabilities(*it, config.encoder.capabilities);
+    for (auto other = sources.begin(); other != it; ++other) {
+      if (!it->output.empty() && it->output == other->output) {
+        throw ConfigError("[" + it->name + "] output = " + it->output + ": allowed is a file per source, and [" +
+                          other->name + "] has this one");
+      }
+      if (it->record.enInputType != other->record.enInputType) continue;
+      if (it->record.enInputType == MDATA_INPUT_SERIAL) {
+        throw ConfigError("[" + it->name + "] input = serial: allowed is one serial source, and [" + other->name +
+                          "] is one");
+      }
+      if (it->record.enInputType == MDATA_INPUT_NETWORK &&
+          it->record.in.Network.usUDPPort == other->record.in.Network.usUDPPort) {
+        throw ConfigError("[" + it->name + "] port = " + std::to_string(it->record.in.Network.usUDPPort) +
+                          ": allowed is one source per port, and [" + other->name + "] has it");
+      }
+    }
+  }
+}
+
+}  // namespace
+
+Config MakeConfig(const std::vector<IniSection>& sections) {
+  Config config;
+  for (const IniSection& section : sections) {
+    if (section.name == kEncoder) {
+      config.encoder = ReadEncoder(section);
+    } else {
+      config.sources.push_back(ReadSource(section, static_cast<UINT32>(config.sources.size() + 1)));
+    }
+  }
+  if (config.encoder.capabilities == 0) config.encoder.capabilities = CapabilitiesFor(config.sources);
+  CheckTogether(config);
+  return config;
+}
+
+Config LoadConfig(const std::string& path, const std::vector<std::pair<std::string, std::string>>& overrides) {
+  auto sections = ReadIni(path);
+  auto encoder = std::find_if(sections.begin(), sections.end(), [](const auto& s) { return s.name == kEncoder; });
+  if (encoder == sections.end()) encoder = sections.insert(sections.begin(), IniSection{kEncoder, {}});
+  for (const auto& [key, value] : overrides) {
+    std::erase_if(encoder->values, [&name = key](const auto& entry) { return entry.first == name; });
+    encoder->values.emplace_back(key, value);
+  }
+  try {
+    return MakeConfig(sections);
+  } catch (const ConfigError& error) {
+    throw ConfigError(path + ": " + error.what());
+  }
+}
+
+}  // namespace mdencoder

@@ -1,0 +1,59 @@
+/* The configuration: one record for the encoder, one per source. */
+#ifndef MDENCODER_CONFIG_H
+#define MDENCODER_CONFIG_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ini_file.h"
+#include "metadata_lib.h"
+
+namespace mdencoder {
+
+enum class Format { kTable, kJson, kNone };
+
+struct EncoderSettings {
+  DWORD capabilities = 0;  // METADATALIB_CAPS_*
+  std::string library;     // empty: beside the program, then the run path
+  std::string hostConfig;  // the host's INI file; empty: none
+  std::string outputDir;   // empty: the received streams are not written
+  bool streamHeader = false;
+  Format format = Format::kTable;
+  int logLevel = -1;  // -1: the host's
+  std::vector<std::pair<std::string, int>> moduleLevels;
+  bool live = false;          // the statistics table in place of the status line
+  double statusInterval = 1;  // seconds; 0 for no status line
+  double statsInterval = 0;   // seconds; 0 for the end only
+  std::string statsJson;      // statistics as JSON lines
+  std::string statsFile;      // statistics kept over a restart
+  std::string summary;        // the run's summary as JSON
+  double duration = 0;        // seconds; 0 for no limit
+  uint64_t messages = 0;      // in total; 0 for no limit
+  uint64_t messagesEach = 0;  // of every source; 0 for no limit
+  size_t queue = 4096;        // messages kept beyond the callback
+};
+
+struct SourceSettings {
+  std::string name;
+  std::string input;       // "serial", "udp", "video"
+  std::string data;        // "klv", "cot"
+  std::string output;      // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
+  MDATA_SRC_CFG record{};  // all but the callback and its parameters
+};
+
+struct Config {
+  EncoderSettings encoder;
+  std::vector<SourceSettings> sources;
+};
+
+/* Both throw ConfigError. */
+Config MakeConfig(const std::vector<IniSection>& sections);
+/* `overrides` are keys of the [encoder] section that the command line gives; they replace those of the file. */
+Config LoadConfig(const std::string& path, const std::vector<std::pair<std::string, std::string>>& overrides = {});
+
+}  // namespace mdencoder
+
+#endif

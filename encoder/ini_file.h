@@ -1,0 +1,30 @@
+/* Reading an INI file into sections, in the order of the file. */
+#ifndef MDENCODER_INI_FILE_H
+#define MDENCODER_INI_FILE_H
+
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace mdencoder {
+
+/* A fault of the configuration; what() is one line that names the place, the value and what is allowed. */
+class ConfigError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+struct IniSection {
+  std::string name;
+  std::vector<std::pair<std::string, std::string>> values;
+};
+
+/* Throws ConfigError for a line that cannot be read, a key outside a section and a key given twice. */
+std::vector<IniSection> ParseIni(const std::string& text);
+/* The same for a file; "-" is the standard input. */
+std::vector<IniSection> ReadIni(const std::string& path);
+
+}  // namespace mdencoder
+
+#endif

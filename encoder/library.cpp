@@ -1,0 +1,58 @@
+#include "library.h"
+
+#include <dlfcn.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <vector>
+
+namespace mdencoder {
+namespace {
+
+constexpr char kName[] = "libmetadata_lib.so.1";
+
+std::vector<std::string> Candidates(const std::string& path) {
+  if (!path.empty()) {
+    // Without a slash the loader would search its folders instead of taking the file.
+    return {path.find('/') == std::string::npos ? "./" + path : path};
+  }
+  std::error_code ignored;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", ignored);
+  std::vector<std::string> candidates;
+  const auto beside = program.parent_path() / kName;
+  if (!program.empty() && std::filesystem::exists(beside, ignored)) candidates.push_back(beside);
+  candidates.emplace_back(kName);
+  return candidates;
+}
+
+template <typename Function>
+void Resolve(void* library, const char* name, Function& function) {
+  function = reinterpret_cast<Function>(dlsym(library, name));
+  if (function == nullptr) throw std::runtime_error(std::string("the library lacks ") + name);
+}
+
+}  // namespace
+
+Library LoadLibrary(const std::string& path) {
+  void* handle = nullptr;
+  std::string error;
+  for (const std::string& candidate : Candidates(path)) {
+    handle = dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle != nullptr) break;
+    const char* said = dlerror();
+    error = said == nullptr ? candidate : said;
+  }
+  if (handle == nullptr) throw std::runtime_error("cannot load the library: " + error);
+  Library library;
+  Resolve(handle, "METADATALIB_Init", library.Init);
+  Resolve(handle, "METADATALIB_Shutdown", library.Shutdown);
+  Resolve(handle, "MetaData_OpenSource", library.OpenSource);
+  Resolve(handle, "MetaData_CloseSource", library.CloseSource);
+  Resolve(handle, "MetaData_ReleaseBuffer", library.ReleaseBuffer);
+  Resolve(handle, "MetaData_GetSourceStats", library.GetSourceStats);
+  Resolve(handle, "MetaData_ResetSourceStats", library.ResetSourceStats);
+  Resolve(handle, "MetaData_SetSourceStats", library.SetSourceStats);
+  return library;
+}
+
+}  // namespace mdencoder

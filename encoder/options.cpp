@@ -1,0 +1,95 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+#include <memory>
+
+namespace mdencoder {
+namespace {
+
+constexpr char kDescription[] =
+    "mdencoder - a stand-in encoder: loads the metadata library, opens the sources of an INI file and shows, counts\n"
+    "and keeps what arrives.";
+
+constexpr char kFooter[] =
+    "\nThe configuration has an [encoder] section, whose keys are the long options with '_' for '-' (an option wins\n"
+    "over its key), and one section per source. mdencoder.example.ini shows every key.\n"
+    "\nCommands on the standard input: stats [NAME], reset [NAME], restore [NAME], save, quit, help.\n"
+    "Signals: SIGINT and SIGTERM end the run, SIGUSR1 resets and SIGUSR2 restores the statistics of every source.\n"
+    "\nExit codes: 0 the run ended as asked; 1 it failed (library, source, file, output); 2 usage or configuration.\n"
+    "\nExamples:\n"
+    "  mdencoder demo.ini                                   table on the terminal until Ctrl-C\n"
+    "  mdencoder demo.ini --format json --duration 10 | jq  ten seconds as JSON lines\n"
+    "  mdencoder demo.ini --format none --live              only the statistics, in place\n"
+    "  mdencoder demo.ini --check                           is the configuration right?";
+
+struct Definition {
+  const char* key;
+  const char* value;
+  const char* group;
+  const char* help;
+};
+
+constexpr char kOutput[] = "Output";
+constexpr char kEnd[] = "End of the run";
+constexpr char kStatistics[] = "Statistics";
+constexpr char kSetUp[] = "Library and host";
+
+constexpr Definition kOptions[] = {
+    {"format", "table|json|none", kOutput, "How messages are printed: rows, JSON lines, not at all (table)"},
+    {"output_dir", "DIR", kOutput, "Write the received stream of each source to DIR/<name>.klv"},
+    {"status_interval", "S", kOutput, "Seconds between updates of the status line on a terminal, 0 for none (1)"},
+    {"duration", "S", kEnd, "End after S seconds"},
+    {"messages", "N", kEnd, "End after N messages in total; later ones are refused"},
+    {"messages_each", "N", kEnd, "End when every source has delivered N messages"},
+    {"stats_interval", "S", kStatistics, "Print the statistics every S seconds, 0 for the end only (0)"},
+    {"stats_json", "FILE", kStatistics, "Write the statistics to FILE as JSON lines, at the interval and at the end"},
+    {"stats_file", "FILE", kStatistics, "Keep the statistics over a restart: loaded at the start, saved at the end"},
+    {"summary", "FILE", kStatistics, "Write a summary of the run to FILE as JSON"},
+    {"library", "FILE", kSetUp, "The library (libmetadata_lib.so.1 beside the program or on its run path)"},
+    {"host_config", "FILE", kSetUp, "The host's INI file: device mapping, video inputs, log"},
+    {"capabilities", "LIST", kSetUp, "Of cot, ipv4, ipv6 (both IP families, cot when a source needs it)"},
+    {"log_level", "0..8", kSetUp, "Highest level of log lines of every module"},
+    {"log_levels", "LIST", kSetUp, "MODULE:LEVEL,... for single modules, for example METADATALIB:7"},
+    {"queue", "N", kSetUp, "Messages kept for printing before new ones are refused (4096)"},
+};
+
+std::string OptionName(const std::string& key) {
+  std::string name = "--" + key;
+  for (char& character : name) character = character == '_' ? '-' : character;
+  return name;
+}
+
+}  // namespace
+
+int ParseOptions(int argc, const char* const* argv, Options& options) {
+  CLI::App app(kDescription, "mdencoder");
+  app.footer(kFooter);
+  app.set_version_flag("--version", "mdencoder " MDENCODER_VERSION);
+  app.add_option("config", options.config, "INI file with the sources, '-' for the standard input")
+      ->type_name("CONFIG")
+      ->required();
+  app.add_flag("--check", options.check, "Check the configuration and exit");
+  for (const Definition& option : kOptions) {
+    const std::string key = option.key;
+    app.add_option_function<std::string>(
+           OptionName(key), [&options, key](const std::string& value) { options.overrides.emplace_back(key, value); },
+           option.help)
+        ->type_name(option.value)
+        ->group(option.group);
+  }
+  const auto flag = [&](const char* key, const char* group, const char* help) {
+    app.add_flag_callback(
+           OptionName(key), [&options, key] { options.overrides.emplace_back(key, "yes"); }, help)
+        ->group(group);
+  };
+  flag("stream_header", kOutput, "Write the 5-byte stream header in front of each message");
+  flag("live", kStatistics, "Show the statistics table in place of the status line");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? 0 : 2;
+  }
+  return -1;
+}
+
+}  // namespace mdencoder

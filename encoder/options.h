@@ -1,0 +1,23 @@
+/* The command line. */
+#ifndef MDENCODER_OPTIONS_H
+#define MDENCODER_OPTIONS_H
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace mdencoder {
+
+struct Options {
+  std::string config;  // path of the INI file, "-" for the standard input
+  bool check = false;
+  /* Keys of the [encoder] section with their values. */
+  std::vector<std::pair<std::string, std::string>> overrides;
+};
+
+/* Fills `options` and returns -1, or prints help or a complaint and returns the exit code: 0 or 2. */
+int ParseOptions(int argc, const char* const* argv, Options& options);
+
+}  // namespace mdencoder
+
+#endif

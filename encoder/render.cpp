@@ -1,0 +1,141 @@
+#include "render.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <ctime>
+#include <nlohmann/json.hpp>
+
+namespace mdencoder {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using st0601::Element;
+using st0601::Kind;
+using st0601::ValueState;
+
+constexpr size_t kKeySize = 16;
+
+/* "HH:MM:SS.mmm", local time. */
+std::string LocalText(uint64_t microseconds) {
+  const time_t seconds = static_cast<time_t>(microseconds / 1000000);
+  tm parts{};
+  localtime_r(&seconds, &parts);
+  char text[32];
+  const size_t used = std::strftime(text, sizeof(text), "%H:%M:%S", &parts);
+  std::snprintf(text + used, sizeof(text) - used, ".%03u", static_cast<unsigned>(microseconds / 1000 % 1000));
+  return text;
+}
+
+std::string ElementText(const Element& element) {
+  if (element.item == nullptr) return std::to_string(element.tag) + "=" + st0601::Hex(element.value);
+  std::string text = std::string(element.item->key) + "=";
+  if (element.item->kind != Kind::kSecuritySet) {
+    return text + st0601::Display(*element.item, st0601::Decode(*element.item, element.value));
+  }
+  text += "{";
+  bool first = true;
+  for (const Element& inner : st0601::ParseSecuritySet(element.value)) {
+    if (!first) text += ", ";
+    first = false;
+    text += ElementText(inner);
+  }
+  return text + "}";
+}
+
+Json ElementJson(const Element& element);
+
+Json ElementsJson(const std::vector<Element>& elements) {
+  Json list = Json::array();
+  for (const Element& element : elements) list.push_back(ElementJson(element));
+  return list;
+}
+
+Json ElementJson(const Element& element) {
+  Json json;
+  json["tag"] = element.tag;
+  if (element.item == nullptr) {
+    json["raw"] = st0601::Hex(element.value);
+    return json;
+  }
+  const st0601::Item& item = *element.item;
+  json["name"] = item.name;
+  json["key"] = item.key;
+  if (item.kind == Kind::kSecuritySet) {
+    json["value"] = ElementsJson(st0601::ParseSecuritySet(element.value));
+    return json;
+  }
+  const st0601::Value value = st0601::Decode(item, element.value);
+  if (value.state != ValueState::kOk) {
+    json["value"] = nullptr;
+    json["state"] = value.state == ValueState::kOutOfRange ? "out of range" : "bad length";
+    json["raw"] = st0601::Hex(element.value);
+    return json;
+  }
+  if (value.isWhole) {
+    json["value"] = value.whole;
+  } else if (value.isNumber) {
+    json["value"] = value.number;
+  } else {
+    json["value"] = value.text;
+  }
+  if (item.kind == Kind::kTime || item.kind == Kind::kCode) json["text"] = value.text;
+  if (item.unit[0] != '\0') json["unit"] = item.unit;
+  return json;
+}
+
+}  // namespace
+
+std::string UtcText(uint64_t microseconds) {
+  const time_t seconds = static_cast<time_t>(microseconds / 1000000);
+  tm parts{};
+  gmtime_r(&seconds, &parts);
+  char text[48];
+  const size_t used = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &parts);
+  std::snprintf(text + used, sizeof(text) - used, ".%06uZ", static_cast<unsigned>(microseconds % 1000000));
+  return text;
+}
+
+std::string TableHeader() {
+  char text[128];
+  std::snprintf(text, sizeof(text), "%-12s %-16s %3s %6s %-9s %s", "TIME", "SOURCE", "SEQ", "LENGTH", "CHECKSUM",
+                "ITEMS");
+  return text;
+}
+
+std::string TableRow(const Received& received, const st0601::Message& message) {
+  char columns[160];
+  std::snprintf(columns, sizeof(columns), "%-12s %-16.64s %3u %6zu %-9s", LocalText(received.timeUs).c_str(),
+                received.source->Name().c_str(), received.sequence, received.message().size(),
+                message.isUas ? st0601::ChecksumStateName(message.checksum) : "-");
+  std::string row = columns;
+  for (const Element& element : message.elements) row += ' ' + ElementText(element);
+  if (!message.isUas) {
+    const auto start = received.message().first(std::min(kKeySize, received.message().size()));
+    row += " not ST 0601: " + st0601::Hex(start);
+  } else if (!message.isComplete) {
+    row += " (" + message.error + ")";
+  }
+  return row;
+}
+
+std::string JsonLine(const Received& received, const st0601::Message& message) {
+  Json json;
+  json["type"] = "message";
+  json["time"] = UtcText(received.timeUs);
+  json["source"] = received.source->Name();
+  json["sequence"] = received.sequence;
+  json["length"] = received.message().size();
+  json["header_length"] = received.headerLength;
+  if (received.timeStamp != 0) json["timestamp"] = received.timeStamp;
+  json["st0601"] = message.isUas;
+  if (message.isUas) {
+    json["checksum"] = st0601::ChecksumStateName(message.checksum);
+    json["items"] = ElementsJson(message.elements);
+    if (!message.isComplete) json["error"] = message.error;
+  } else {
+    json["raw"] = st0601::Hex(received.message());
+  }
+  return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
+}  // namespace mdencoder

@@ -1,0 +1,100 @@
+/*
+ * A run: opens the sources, shows what arrives, answers commands, and closes everything in the order the library
+ * asks for. Everything here runs on the main thread but for the callback (metadata thread) and Handle (worker).
+ */
+#ifndef MDENCODER_SESSION_H
+#define MDENCODER_SESSION_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "commands.h"
+#include "config.h"
+#include "console.h"
+#include "library.h"
+#include "receiver.h"
+#include "source.h"
+#include "statistics.h"
+
+namespace mdencoder {
+
+class Session {
+ public:
+  /* Blocks the signals that end or steer a run; call before any thread starts. */
+  static void BlockSignals();
+
+  Session(const Config& config, const Library& library, Console& console);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  /* The whole run; the exit code. Throws std::runtime_error for what fails before the first source is open. */
+  int Run();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+  /* What the callback gets as its user parameter. */
+  struct Tap {
+    Session* session;
+    Source* source;
+  };
+
+  static BOOL OnMessage(MDATA_BUFFER* buffer, void* tap, void* again);
+
+  void OpenFiles();
+  bool OpenSources();
+  void CloseSources();
+  void Loop();
+  int Wait();  // milliseconds until something is due
+  void OnSignal();
+  void OnInput();
+  void Tick();
+  void Handle(const Received& received);
+  bool LimitReached() const;
+  void End(const char* why);
+  void Fail(const std::string& complaint);
+
+  void Execute(const Command& command);
+  void ShowStatistics(const std::string& name);
+  void Reset(const std::string& name);
+  void Restore(const std::string& name);
+  void Save();
+  std::vector<Source*> Chosen(const std::string& name);
+
+  std::vector<Report> Reports();
+  void ShowStatus();
+  void WriteStatistics(bool print);
+  void WriteResults();
+
+  const Config& config_;
+  const Library& library_;
+  Console& console_;
+  std::deque<Source> sources_;
+  std::deque<Tap> taps_;
+  std::unique_ptr<Receiver> receiver_;
+  std::map<std::string, MDATA_SRC_STATS> kept_;
+  std::vector<MDATA_SRC_STATS> last_;  // of the sources, by position, when they are closed
+  std::FILE* statsJson_ = nullptr;
+  LineReader input_;
+  std::atomic<uint64_t> taken_{0};   // messages taken in total
+  std::atomic<bool> failed_{false};  // the run's exit code is 1
+  bool ended_ = false;
+  int signals_ = -1;  // signalfd
+  int wake_ = -1;     // eventfd; written when a limit is reached or the output failed, and never read
+  RunTimes times_;
+  Clock::time_point start_;
+  std::optional<Clock::time_point> nextStatus_;
+  std::optional<Clock::time_point> nextStatistics_;
+};
+
+}  // namespace mdencoder
+
+#endif

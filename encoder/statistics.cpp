@@ -1,0 +1,409 @@
+/*
+ * CONTENTS
+ *   To JSON       the library's record, a report, a summary
+ *   From JSON     the library's record
+ *   Table         text for people
+ *   Files         kept statistics
+ */
+#include "statistics.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+#include "render.h"
+#include "st0601_items.h"
+#include "values.h"
+
+namespace mdencoder {
+
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+bool IsNetwork(const SourceSettings& settings) {
+  return settings.record.enInputType == MDATA_INPUT_NETWORK;
+}
+bool IsCot(const SourceSettings& settings) {
+  return settings.record.enDataType == MDATA_DATA_COT;
+}
+/* The library fills the rewriting counters under this condition. */
+bool HasInserts(const SourceSettings& settings) {
+  return settings.record.bClassifyMission || settings.record.szMissionID[0] != '\0';
+}
+
+/* Text of a fixed array that may lack its terminator, fit for JSON and terminals. */
+std::string SafeText(const char* text, size_t size) {
+  const auto* bytes = reinterpret_cast<const uint8_t*>(text);
+  return st0601::Decode(*st0601::FindItem(st0601::kMissionIdTag), {bytes, strnlen(text, size)}).text;
+}
+
+std::string DestinationText(const MDATA_RELAY_CFG& relay) {
+  const std::string address = AddressText(relay.iDestAddressFamily, relay.acDestAddress);
+  const std::string port = std::to_string(relay.usUDPPort);
+  return relay.iDestAddressFamily == AF_INET6 ? "[" + address + "]:" + port : address + ":" + port;
+}
+
+std::string SenderText(const MDATA_INET_STATS& sender) {
+  return AddressText(sender.iSourceAddressFamily, sender.SourceAddress);
+}
+
+int SensorCount(const MDATA_COT_STATS& cot) {
+  return std::clamp(cot.nDiscoveredSensorsCount, 0, MDATA_MAX_DISCOVERED_SENSORS);
+}
+
+/* ------------------------------------------------------------------------------------------------ */
+/* To JSON                                                                                          */
+/* ------------------------------------------------------------------------------------------------ */
+
+Json CotJson(const MDATA_COT_STATS& cot) {
+  Json json;
+  json["sensor_point_events"] = cot.nRxSPIMessages;
+  json["aircraft_events"] = cot.nRxAirCraftMessages;
+  json["filtered_sensor_point_events"] = cot.nFilteredRxSPIMessages;
+  json["converted_messages"] = cot.nConvertedKLVMessages;
+  json["converted_bytes"] = cot.nConvertedKLVBytes;
+  json["sensors"] = Json::array();
+  for (int i = 0; i < SensorCount(cot); ++i) {
+    json["sensors"].push_back(SafeText(cot.aszSensorUIDs[i], sizeof(cot.aszSensorUIDs[i])));
+  }
+  return json;
+}
+
+Json KlvJson(const MDATA_KLV_STATS& klv) {
+  Json json;
+  json["uas_messages"] = klv.nRxUASMessages;
+  json["invalid_uas_messages"] = klv.nInvalidUASMessages;
+  json["added_mission_ids"] = klv.nAddedMissionIDs;
+  json["updated_mission_ids"] = klv.nUpdatedMissionIDs;
+  json["added_security_sets"] = klv.nAddedSecuritySets;
+  json["updated_security_sets"] = klv.nUpdatedSecuritySets;
+  return json;
+}
+
+Json RelayJson(const MDATA_RELAY_CFG& relay, const MDATA_RELAY_STATS& counts) {
+  Json json;
+  json["destination"] = DestinationText(relay);
+  json["bytes"] = counts.nRelayedBytes;
+  json["messages"] = counts.nRelayedMessages;
+  json["errors"] = counts.nRelayErrors;
+  json["last_errno"] = counts.iLastRelayError;
+  json["last_error_time"] = counts.iLastRelayErrorTime;
+  return json;
+}
+
+Json DetectedJson(int32_t value, ULONG updates, UINT32 upTime) {
+  Json json;
+  json["value"] = value;
+  json["updates"] = updates;
+  json["last_update_uptime_s"] = upTime;
+  return json;
+}
+
+}  // namespace
+
+Json LibraryStatisticsJson(const SourceSettings& settings, const MDATA_SRC_STATS& statistics) {
+  Json json;
+  json["rx_bytes"] = statistics.nRxBytes;
+  json["rx_ok_messages"] = statistics.nRxOkMessages;
+  json["rx_corrupt_messages"] = statistics.nRxCorruptMessages;
+  json["bit_rate_kbps"] = statistics.nBitRateInKbps;
+  if (IsNetwork(settings)) {
+    json["sender"] = SenderText(statistics.in.Network);
+    json["ttl"] = DetectedJson(statistics.iSrcTTL, statistics.nTTLUpdates, statistics.nLastTTLUpdateUpTimeInSecs);
+    json["tos"] = DetectedJson(statistics.iSrcTOS, statistics.nTOSUpdates, statistics.nLastTOSUpdateUpTimeInSecs);
+  }
+  if (IsCot(settings)) {
+    json["cot"] = CotJson(statistics.prot.CoT);
+  } else if (HasInserts(settings)) {
+    json["klv"] = KlvJson(statistics.prot.KLV);
+  }
+  json["relays"] = Json::array();
+  for (UINT32 i = 0; i < settings.record.nNumOfRelays; ++i) {
+    json["relays"].push_back(RelayJson(settings.record.Relays[i], statistics.Relays[i]));
+  }
+  return json;
+}
+
+Json ReportJson(const Report& report) {
+  const Counters& counters = report.counters;
+  Json json;
+  json["name"] = report.settings->name;
+  json["input"] = report.settings->input;
+  json["data"] = report.settings->data;
+  json["messages"] = counters.messages;
+  json["bytes"] = counters.bytes;
+  json["corrupt"] = report.statistics.nRxCorruptMessages;
+  json["sequence_gaps"] = counters.sequenceGaps;
+  json["lost"] = counters.lost;
+  json["dropped"] = counters.dropped;
+  json["checksum"] = {{"ok", counters.checksumOk},
+                      {"bad", counters.checksumBad},
+                      {"missing", counters.checksumMissing},
+                      {"misplaced", counters.checksumMisplaced}};
+  json["not_st0601"] = counters.notUas;
+  json["incomplete"] = counters.incomplete;
+  json["statistics"] = LibraryStatisticsJson(*report.settings, report.statistics);
+  return json;
+}
+
+namespace {
+
+Json ReportsJson(const std::vector<Report>& reports) {
+  Json list = Json::array();
+  for (const Report& report : reports) list.push_back(ReportJson(report));
+  return list;
+}
+
+}  // namespace
+
+std::string StatisticsLine(const std::vector<Report>& reports, uint64_t timeUs) {
+  Json json;
+  json["type"] = "statistics";
+  json["time"] = UtcText(timeUs);
+  json["sources"] = ReportsJson(reports);
+  return json.dump();
+}
+
+std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& times) {
+  Json json;
+  json["type"] = "summary";
+  json["started"] = UtcText(times.startUs);
+  json["ended"] = UtcText(times.endUs);
+  json["seconds"] = times.seconds;
+  json["ended_by"] = times.endedBy;
+  json["sources"] = ReportsJson(reports);
+  return json.dump(2) + "\n";
+}
+
+/* ------------------------------------------------------------------------------------------------ */
+/* From JSON                                                                                        */
+/* ------------------------------------------------------------------------------------------------ */
+
+namespace {
+
+template <typename Number>
+void Read(const Json& json, const char* key, Number& number) {
+  const Json& value = json.at(key);
+  if (!value.is_number_integer()) throw std::runtime_error(std::string(key) + " is not a whole number");
+  number = value.get<Number>();
+}
+
+void ReadCot(const Json& json, MDATA_COT_STATS& cot) {
+  Read(json, "sensor_point_events", cot.nRxSPIMessages);
+  Read(json, "aircraft_events", cot.nRxAirCraftMessages);
+  Read(json, "filtered_sensor_point_events", cot.nFilteredRxSPIMessages);
+  Read(json, "converted_messages", cot.nConvertedKLVMessages);
+  Read(json, "converted_bytes", cot.nConvertedKLVBytes);
+  // The sensors are found anew: the library does not take them back.
+}
+
+void ReadKlv(const Json& json, MDATA_KLV_STATS& klv) {
+  Read(json, "uas_messages", klv.nRxUASMessages);
+  Read(json, "invalid_uas_messages", klv.nInvalidUASMessages);
+  Read(json, "added_mission_ids", klv.nAddedMissionIDs);
+  Read(json, "updated_mission_ids", klv.nUpdatedMissionIDs);
+  Read(json, "added_security_sets", klv.nAddedSecuritySets);
+  Read(json, "updated_security_sets", klv.nUpdatedSecuritySets);
+}
+
+void ReadRelay(const Json& json, MDATA_RELAY_STATS& counts) {
+  Read(json, "bytes", counts.nRelayedBytes);
+  Read(json, "messages", counts.nRelayedMessages);
+  Read(json, "errors", counts.nRelayErrors);
+  Read(json, "last_errno", counts.iLastRelayError);
+  Read(json, "last_error_time", counts.iLastRelayErrorTime);
+}
+
+void ReadNetwork(const Json& json, MDATA_SRC_STATS& statistics) {
+  if (const auto sender = ParseAddress(json.at("sender").get<std::string>())) {
+    statistics.in.Network.iSourceAddressFamily = sender->family;
+    std::copy(sender->bytes.begin(), sender->bytes.end(), statistics.in.Network.SourceAddress);
+  }
+  Read(json.at("ttl"), "value", statistics.iSrcTTL);
+  Read(json.at("ttl"), "updates", statistics.nTTLUpdates);
+  Read(json.at("ttl"), "last_update_uptime_s", statistics.nLastTTLUpdateUpTimeInSecs);
+  Read(json.at("tos"), "value", statistics.iSrcTOS);
+  Read(json.at("tos"), "updates", statistics.nTOSUpdates);
+  Read(json.at("tos"), "last_update_uptime_s", statistics.nLastTOSUpdateUpTimeInSecs);
+}
+
+}  // namespace
+
+/* What the file lacks because the configuration changed in between (a new relay, a mission identifier) starts at 0. */
+MDATA_SRC_STATS LibraryStatisticsFromJson(const SourceSettings& settings, const Json& json) try {
+  MDATA_SRC_STATS statistics{};
+  statistics.nSize = sizeof(statistics);
+  statistics.iSrcTTL = statistics.iSrcTOS = -1;
+  Read(json, "rx_bytes", statistics.nRxBytes);
+  Read(json, "rx_ok_messages", statistics.nRxOkMessages);
+  Read(json, "rx_corrupt_messages", statistics.nRxCorruptMessages);
+  if (IsNetwork(settings)) ReadNetwork(json, statistics);
+  if (IsCot(settings)) {
+    ReadCot(json.at("cot"), statistics.prot.CoT);
+  } else if (HasInserts(settings) && json.contains("klv")) {
+    ReadKlv(json.at("klv"), statistics.prot.KLV);
+  }
+  for (const Json& relay : json.at("relays")) {
+    for (UINT32 i = 0; i < settings.record.nNumOfRelays; ++i) {
+      if (relay.at("destination") == DestinationText(settings.record.Relays[i])) ReadRelay(relay, statistics.Relays[i]);
+    }
+  }
+  return statistics;
+} catch (const nlohmann::json::exception& error) {
+  throw std::runtime_error(error.what());
+}
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Table                                                                                            */
+/* ------------------------------------------------------------------------------------------------ */
+
+namespace {
+
+template <typename... Arguments>
+std::string Print(const char* format, Arguments... arguments) {
+  char text[512];
+  std::snprintf(text, sizeof(text), format, arguments...);
+  return text;
+}
+
+std::string DetectedText(int32_t value, ULONG updates) {
+  return value < 0 ? "not detected" : Print("%d (changed %lu times)", value, updates);
+}
+
+void AddNetworkLines(const Report& report, std::vector<std::string>& lines) {
+  const MDATA_SRC_STATS& statistics = report.statistics;
+  const std::string sender = SenderText(statistics.in.Network);
+  if (!sender.empty()) lines.push_back("    last sender " + sender);
+  if (statistics.iSrcTTL < 0 && statistics.iSrcTOS < 0) return;
+  lines.push_back("    TTL " + DetectedText(statistics.iSrcTTL, statistics.nTTLUpdates) + ", TOS " +
+                  DetectedText(statistics.iSrcTOS, statistics.nTOSUpdates));
+}
+
+void AddProtocolLines(const Report& report, std::vector<std::string>& lines) {
+  if (IsCot(*report.settings)) {
+    const MDATA_COT_STATS& cot = report.statistics.prot.CoT;
+    lines.push_back(Print("    events: %lu aircraft, %lu sensor point, %lu filtered; converted %lu messages, %lu bytes",
+                          cot.nRxAirCraftMessages, cot.nRxSPIMessages, cot.nFilteredRxSPIMessages,
+                          cot.nConvertedKLVMessages, cot.nConvertedKLVBytes));
+    for (int i = 0; i < SensorCount(cot); ++i) {
+      lines.push_back("    sensor " + SafeText(cot.aszSensorUIDs[i], sizeof(cot.aszSensorUIDs[i])));
+    }
+  } else if (HasInserts(*report.settings)) {
+    const MDATA_KLV_STATS& klv = report.statistics.prot.KLV;
+    lines.push_back(
+        Print("    rewritten: %lu sets, %lu invalid; mission id added %lu, updated %lu; security added %lu, "
+              "updated %lu",
+              klv.nRxUASMessages, klv.nInvalidUASMessages, klv.nAddedMissionIDs, klv.nUpdatedMissionIDs,
+              klv.nAddedSecuritySets, klv.nUpdatedSecuritySets));
+  }
+}
+
+void AddRelayLines(const Report& report, std::vector<std::string>& lines) {
+  for (UINT32 i = 0; i < report.settings->record.nNumOfRelays; ++i) {
+    const MDATA_RELAY_STATS& relay = report.statistics.Relays[i];
+    std::string line = Print("    relay %s: %lu messages, %lu bytes, %lu errors",
+                             DestinationText(report.settings->record.Relays[i]).c_str(), relay.nRelayedMessages,
+                             relay.nRelayedBytes, relay.nRelayErrors);
+    if (relay.nRelayErrors != 0) line += Print(", last \"%s\"", std::strerror(relay.iLastRelayError));
+    lines.push_back(line);
+  }
+}
+
+void AddFaultLines(const Counters& counters, std::vector<std::string>& lines) {
+  if (counters.sequenceGaps + counters.dropped != 0) {
+    lines.push_back(Print("    %llu sequence gaps with %llu messages lost, %llu dropped with the queue full",
+                          static_cast<unsigned long long>(counters.sequenceGaps),
+                          static_cast<unsigned long long>(counters.lost),
+                          static_cast<unsigned long long>(counters.dropped)));
+  }
+  const uint64_t checksums = counters.checksumBad + counters.checksumMissing + counters.checksumMisplaced;
+  if (checksums + counters.notUas + counters.incomplete != 0) {
+    lines.push_back(
+        Print("    checksums %llu bad, %llu missing, %llu misplaced; %llu sets incomplete; %llu not ST 0601",
+              static_cast<unsigned long long>(counters.checksumBad),
+              static_cast<unsigned long long>(counters.checksumMissing),
+              static_cast<unsigned long long>(counters.checksumMisplaced),
+              static_cast<unsigned long long>(counters.incomplete), static_cast<unsigned long long>(counters.notUas)));
+  }
+}
+
+}  // namespace
+
+std::vector<std::string> StatisticsTable(const std::vector<Report>& reports) {
+  std::vector<std::string> lines;
+  lines.push_back(Print("%-16s %-6s %-4s %10s %12s %12s %10s %8s %8s", "SOURCE", "INPUT", "DATA", "MESSAGES", "BYTES",
+                        "RECEIVED", "OK", "CORRUPT", "KBIT/S"));
+  for (const Report& report : reports) {
+    const SourceSettings& settings = *report.settings;
+    const MDATA_SRC_STATS& statistics = report.statistics;
+    lines.push_back(Print("%-16s %-6s %-4s %10llu %12llu %12lu %10lu %8lu %8u", settings.name.c_str(),
+                          settings.input.c_str(), settings.data.c_str(),
+                          static_cast<unsigned long long>(report.counters.messages),
+                          static_cast<unsigned long long>(report.counters.bytes), statistics.nRxBytes,
+                          statistics.nRxOkMessages, statistics.nRxCorruptMessages, statistics.nBitRateInKbps));
+    AddFaultLines(report.counters, lines);
+    if (IsNetwork(settings)) AddNetworkLines(report, lines);
+    AddProtocolLines(report, lines);
+    AddRelayLines(report, lines);
+  }
+  return lines;
+}
+
+/* ------------------------------------------------------------------------------------------------ */
+/* Files                                                                                            */
+/* ------------------------------------------------------------------------------------------------ */
+
+void ReplaceFile(const std::string& path, const std::string& content) {
+  const std::string beside = path + ".new";
+  {
+    std::ofstream file(beside, std::ios::binary | std::ios::trunc);
+    file << content;
+    file.close();
+    if (!file) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  }
+  if (std::rename(beside.c_str(), path.c_str()) != 0) {
+    const std::string why = std::strerror(errno);
+    std::remove(beside.c_str());
+    throw std::runtime_error("cannot write " + path + ": " + why);
+  }
+}
+
+std::map<std::string, MDATA_SRC_STATS> LoadStatistics(const std::string& path,
+                                                      const std::vector<SourceSettings>& sources) try {
+  std::map<std::string, MDATA_SRC_STATS> loaded;
+  std::ifstream file(path, std::ios::binary);
+  if (!file && errno == ENOENT) return loaded;
+  if (!file) throw std::runtime_error(std::strerror(errno));
+  const std::string text{std::istreambuf_iterator<char>(file), {}};
+  const Json json = Json::parse(text);
+  for (const Json& entry : json.at("sources")) {
+    for (const SourceSettings& settings : sources) {
+      // A source that changed its kind since starts anew.
+      if (entry.at("name") != settings.name || entry.at("input") != settings.input ||
+          entry.at("data") != settings.data) {
+        continue;
+      }
+      loaded[settings.name] = LibraryStatisticsFromJson(settings, entry.at("statistics"));
+    }
+  }
+  return loaded;
+} catch (const std::exception& error) {
+  throw std::runtime_error("cannot read the statistics in " + path + ": " + error.what());
+}
+
+void SaveStatistics(const std::string& path, const std::vector<Report>& reports) {
+  Json json;
+  json["type"] = "kept statistics";
+  json["sources"] = ReportsJson(reports);
+  ReplaceFile(path, json.dump(2) + "\n");
+}
+
+}  // namespace mdencoder

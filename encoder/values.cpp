@@ -1,0 +1,192 @@
+#include "values.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <cstring>
+#include <numeric>
+#include <sstream>
+
+#include "st0601_items.h"
+
+namespace mdencoder {
+
+const char kRelayAllowed[] =
+    "ADDRESS:PORT [ttl=0..255|follow] [tos=0..255|follow] with a numeric address (IPv6 in brackets, which cannot follow)";
+
+std::string Trim(std::string_view text) {
+  const auto first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return {};
+  return std::string(text.substr(first, text.find_last_not_of(" \t\r\n") - first + 1));
+}
+
+std::vector<std::string> SplitList(std::string_view text) {
+  std::vector<std::string> parts;
+  if (Trim(text).empty()) return parts;
+  for (size_t begin = 0; begin <= text.size();) {
+    const size_t end = std::min(text.find(',', begin), text.size());
+    parts.push_back(Trim(text.substr(begin, end - begin)));
+    begin = end + 1;
+  }
+  return parts;
+}
+
+std::optional<int64_t> ParseNumber(std::string_view text, int64_t lowest, int64_t highest) {
+  int base = 10;
+  if (text.starts_with("0x") || text.starts_with("0X")) {
+    base = 16;
+    text.remove_prefix(2);
+    if (text.starts_with('-')) return std::nullopt;
+  }
+  int64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+  if (error != std::errc() || end != text.data() + text.size() || value < lowest || value > highest) {
+    return std::nullopt;
+  }
+  return value;
+}
+
+std::optional<double> ParseReal(std::string_view text, double lowest, double highest) {
+  std::istringstream in{std::string(text)};
+  in.imbue(std::locale::classic());
+  double value = 0;
+  if (!(in >> value) || in.peek() != std::istringstream::traits_type::eof()) return std::nullopt;
+  if (!(value >= lowest && value <= highest)) return std::nullopt;
+  return value;
+}
+
+std::optional<bool> ParseFlag(std::string_view text) {
+  for (const std::string_view yes : {"yes", "on", "true", "1"}) {
+    if (text == yes) return true;
+  }
+  for (const std::string_view no : {"no", "off", "false", "0"}) {
+    if (text == no) return false;
+  }
+  return std::nullopt;
+}
+
+bool Address::IsMulticast() const {
+  return family == AF_INET ? bytes[0] >= 224 && bytes[0] < 240 : bytes[0] == 0xFF;
+}
+
+std::optional<Address> ParseAddress(std::string_view text) {
+  const std::string copy(text);
+  Address address;
+  if (inet_pton(AF_INET, copy.c_str(), address.bytes.data()) == 1) {
+    address.family = AF_INET;
+    return address;
+  }
+  if (inet_pton(AF_INET6, copy.c_str(), address.bytes.data()) == 1) {
+    address.family = AF_INET6;
+    return address;
+  }
+  return std::nullopt;
+}
+
+std::string AddressText(int32_t family, const BYTE* bytes) {
+  char text[INET6_ADDRSTRLEN] = "";
+  if (family == AF_INET || family == AF_INET6) inet_ntop(family, bytes, text, sizeof(text));
+  return text;
+}
+
+namespace {
+
+std::optional<unsigned> ParseTag(const std::string& text, unsigned limit, bool security) {
+  if (const auto number = ParseNumber(text, 0, static_cast<int64_t>(limit) - 1)) return static_cast<unsigned>(*number);
+  for (const st0601::Item& item : security ? st0601::SecurityElements() : st0601::Items()) {
+    if (text == item.key && item.tag < limit) return item.tag;
+  }
+  return std::nullopt;
+}
+
+/* -1 for "follow", else 0 to 255. */
+std::optional<int32_t> ParseTtlOrTos(const std::string& text) {
+  if (text == "follow") return -1;
+  const auto number = ParseNumber(text, 0, 255);
+  if (!number) return std::nullopt;
+  return static_cast<int32_t>(*number);
+}
+
+/* "ADDRESS:PORT" or "[ADDRESS]:PORT". */
+bool ParseDestination(const std::string& text, MDATA_RELAY_CFG& relay) {
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos) return false;
+  std::string host = text.substr(0, colon);
+  const bool brackets = host.size() > 2 && host.front() == '[' && host.back() == ']';
+  if (brackets) host = host.substr(1, host.size() - 2);
+  const auto port = ParseNumber(text.substr(colon + 1), 1, 65535);
+  const auto address = ParseAddress(host);
+  if (!port || !address || brackets != (address->family == AF_INET6)) return false;
+  relay.usUDPPort = static_cast<USHORT>(*port);
+  relay.iDestAddressFamily = address->family;
+  std::memcpy(relay.acDestAddress, address->bytes.data(), sizeof(relay.acDestAddress));
+  return true;
+}
+
+size_t EditDistance(std::string_view a, std::string_view b) {
+  std::vector<size_t> row(b.size() + 1);
+  std::iota(row.begin(), row.end(), size_t{0});
+  for (size_t i = 1; i <= a.size(); ++i) {
+    size_t diagonal = row[0];
+    row[0] = i;
+    for (size_t j = 1; j <= b.size(); ++j) {
+      const size_t change = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+      diagonal = row[j];
+      row[j] = std::min({row[j] + 1, row[j - 1] + 1, change});
+    }
+  }
+  return row.back();
+}
+
+}  // namespace
+
+std::optional<std::vector<UINT32>> ParseTags(std::string_view text, unsigned limit, bool security) {
+  std::vector<UINT32> words((limit + 31) / 32);
+  if (text == "none") return words;
+  const auto parts = SplitList(text);
+  if (parts.empty()) return std::nullopt;
+  for (const std::string& part : parts) {
+    const size_t dash = part.find('-');
+    const auto first = ParseTag(Trim(part.substr(0, dash)), limit, security);
+    const auto last = dash == std::string::npos ? first : ParseTag(Trim(part.substr(dash + 1)), limit, security);
+    if (!first || !last || *first > *last) return std::nullopt;
+    for (unsigned tag = *first; tag <= *last; ++tag) words[tag / 32] |= 1U << tag % 32;
+  }
+  return words;
+}
+
+std::optional<MDATA_RELAY_CFG> ParseRelay(std::string_view text) {
+  MDATA_RELAY_CFG relay{};
+  std::istringstream words{std::string(text)};
+  std::string word;
+  if (!(words >> word) || !ParseDestination(word, relay)) return std::nullopt;
+  bool ttl = false;
+  bool tos = false;
+  while (words >> word) {
+    const bool isTtl = word.starts_with("ttl=");
+    const bool isTos = word.starts_with("tos=");
+    const auto value = isTtl || isTos ? ParseTtlOrTos(word.substr(4)) : std::nullopt;
+    if (!value || (isTtl ? ttl : tos)) return std::nullopt;
+    if (*value < 0 && relay.iDestAddressFamily == AF_INET6) return std::nullopt;
+    (isTtl ? relay.IpTTL : relay.IpTOS) = *value;
+    (isTtl ? ttl : tos) = true;
+  }
+  return relay;
+}
+
+std::string NearestName(std::string_view name, std::span<const std::string_view> names) {
+  std::string_view nearest;
+  size_t least = 3;
+  for (const std::string_view candidate : names) {
+    const size_t distance = EditDistance(name, candidate);
+    if (distance < least && distance < candidate.size()) {
+      least = distance;
+      nearest = candidate;
+    }
+  }
+  return std::string(nearest);
+}
+
+}  // namespace mdencoder

@@ -1,0 +1,369 @@
+/*
+ * Whole runs on a library of functions that stand here: they hand messages to the callback from a thread of their
+ * own, as the real one does, and write down what the encoder asked for.
+ */
+#include "session.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+namespace mdencoder {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+struct OpenedSource {
+  MDATA_SRC_CFG record;
+  bool open = true;
+  MDATA_SRC_STATS statistics{};
+};
+
+/* State of the fake library. Calls are main thread only; the deliveries run on their own thread. */
+struct FakeLibrary {
+  std::vector<std::string> calls;
+  std::deque<OpenedSource> sources;
+  std::atomic<int> heldBuffers{0};
+  int failOpenAt = -1;
+  std::function<void()> onOpen;  // after each opening
+  std::thread deliveries;
+};
+FakeLibrary* g_fake = nullptr;
+
+OpenedSource* Opened(HMDATASRC handle) {
+  return reinterpret_cast<OpenedSource*>(handle);
+}
+
+BOOL FakeInit(DWORD capabilities) {
+  g_fake->calls.push_back("init " + std::to_string(capabilities));
+  return TRUE;
+}
+void FakeShutdown() {
+  g_fake->calls.push_back("shutdown");
+}
+BOOL FakeOpen(const MDATA_SRC_CFG* record, HMDATASRC* handle) {
+  g_fake->calls.push_back("open " + std::to_string(record->nIndex));
+  if (static_cast<int>(g_fake->sources.size()) == g_fake->failOpenAt) return FALSE;
+  g_fake->sources.push_back({*record});
+  *handle = reinterpret_cast<HMDATASRC>(&g_fake->sources.back());
+  if (g_fake->onOpen) g_fake->onOpen();
+  return TRUE;
+}
+BOOL FakeClose(HMDATASRC* handle) {
+  if (g_fake->deliveries.joinable()) g_fake->deliveries.join();
+  EXPECT_TRUE(Opened(*handle)->open) << "closed twice";
+  Opened(*handle)->open = false;
+  g_fake->calls.push_back("close " + std::to_string(Opened(*handle)->record.nIndex));
+  return TRUE;
+}
+void FakeRelease(MDATA_BUFFER* buffer) {
+  if (__atomic_sub_fetch(&buffer->nRefCount, 1, __ATOMIC_ACQ_REL) != 0) return;
+  g_fake->heldBuffers.fetch_sub(1);
+  delete[] static_cast<BYTE*>(buffer->pvAllocPtr);
+  delete buffer;
+}
+BOOL FakeGet(HMDATASRC handle, MDATA_SRC_STATS* statistics) {
+  *statistics = Opened(handle)->statistics;
+  return TRUE;
+}
+BOOL FakeReset(HMDATASRC handle) {
+  Opened(handle)->statistics = {};
+  g_fake->calls.push_back("reset " + std::to_string(Opened(handle)->record.nIndex));
+  return TRUE;
+}
+BOOL FakeSet(HMDATASRC handle, const MDATA_SRC_STATS* statistics) {
+  Opened(handle)->statistics = *statistics;
+  g_fake->calls.push_back("set " + std::to_string(statistics->nRxBytes));
+  return TRUE;
+}
+
+/* What the metadata thread does with one message. The callback's answer. */
+BOOL Deliver(size_t source, uint8_t sequence, const st0601::Bytes& message) {
+  const MDATA_SRC_CFG& record = g_fake->sources[source].record;
+  auto* data = new BYTE[message.size() + 5];
+  const BYTE header[5] = {0, sequence, 0xDF, static_cast<BYTE>(message.size() >> 8), static_cast<BYTE>(message.size())};
+  std::copy(header, header + 5, data);
+  std::copy(message.begin(), message.end(), data + 5);
+  auto* buffer = new MDATA_BUFFER{};
+  buffer->nRefCount = 1;
+  buffer->pvAllocPtr = buffer->pcData = data;
+  buffer->nDataSize = static_cast<int32_t>(message.size() + 5);
+  g_fake->heldBuffers.fetch_add(1);
+  const BOOL taken = record.pfnCallback(buffer, record.pvUserParam1, record.pvUserParam1);
+  FakeRelease(buffer);
+  return taken;
+}
+
+st0601::Bytes MessageNumber(int number) {
+  return st0601::Builder().AddWhole(2, number).AddText(3, "M" + std::to_string(number)).Finish();
+}
+
+std::string ReadFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class SessionTest : public testing::Test {
+ protected:
+  SessionTest() {
+    g_fake = &fake_;
+    std::filesystem::remove_all(folder_);
+    std::filesystem::create_directories(folder_);
+    library_ = {FakeInit, FakeShutdown, FakeOpen, FakeClose, FakeRelease, FakeGet, FakeReset, FakeSet};
+    Session::BlockSignals();
+  }
+  ~SessionTest() override {
+    EXPECT_EQ(fake_.heldBuffers.load(), 0) << "every reference is given back";
+    std::filesystem::remove_all(folder_);
+    if (savedInput_ >= 0) {
+      dup2(savedInput_, STDIN_FILENO);
+      close(savedInput_);
+    }
+  }
+
+  /* Runs until it ends by itself; returns what it printed. */
+  std::string Run(const std::string& encoder, const std::string& sources = "[a]\ninput = udp\nport = 5000\n") {
+    const Config config = MakeConfig(ParseIni("[encoder]\n" + encoder + sources));
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    {
+      Console console;
+      Session session(config, library_, console);
+      exitCode_ = session.Run();
+    }
+    complaints_ = testing::internal::GetCapturedStderr();
+    return testing::internal::GetCapturedStdout();
+  }
+
+  /* Delivers from a thread once `count` sources are open. */
+  void DeliverWhenOpen(size_t count, std::function<void()> deliveries) {
+    fake_.onOpen = [this, count, deliveries] {
+      if (fake_.sources.size() == count) fake_.deliveries = std::thread(deliveries);
+    };
+  }
+
+  /* The standard input of the run. */
+  void Type(const std::string& text) {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    close(ends[1]);
+    savedInput_ = dup(STDIN_FILENO);
+    dup2(ends[0], STDIN_FILENO);
+    close(ends[0]);
+  }
+
+  const std::string folder_ = testing::TempDir() + "mdencoder_session_" + std::to_string(getpid());
+  FakeLibrary fake_;
+  Library library_;
+  std::string complaints_;
+  int exitCode_ = -1;
+  int savedInput_ = -1;
+};
+
+TEST_F(SessionTest, ShowsKeepsAndSumsUpWhatArrives) {
+  st0601::Bytes expected;
+  for (int i = 0; i < 20; ++i) {
+    const auto message = MessageNumber(i);
+    expected.insert(expected.end(), message.begin(), message.end());
+  }
+  DeliverWhenOpen(1, [] {
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(Deliver(0, static_cast<uint8_t>(i), MessageNumber(i)), TRUE);
+    g_fake->sources[0].statistics.nRxCorruptMessages = 3;
+  });
+  const std::string printed =
+      Run("messages = 20\nformat = json\noutput_dir = " + folder_ + "\nsummary = " + folder_ + "/summary.json\n");
+  EXPECT_EQ(exitCode_, 0) << complaints_;
+  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "close 1", "shutdown"));
+  std::istringstream lines(printed);
+  std::string line;
+  int count = 0;
+  while (std::getline(lines, line)) {
+    const Json json = Json::parse(line);
+    if (json["type"] != "message") continue;
+    EXPECT_EQ(json["items"][1]["value"], "M" + std::to_string(count));
+    EXPECT_EQ(json["sequence"], count);
+    ++count;
+  }
+  EXPECT_EQ(count, 20);
+  EXPECT_EQ(ReadFile(folder_ + "/a.klv"), std::string(expected.begin(), expected.end()));
+  const Json summary = Json::parse(ReadFile(folder_ + "/summary.json"));
+  EXPECT_EQ(summary["ended_by"], "messages");
+  EXPECT_EQ(summary["sources"][0]["messages"], 20);
+  EXPECT_EQ(summary["sources"][0]["bytes"], expected.size());
+  EXPECT_EQ(summary["sources"][0]["corrupt"], 3);
+  EXPECT_EQ(summary["sources"][0]["checksum"]["ok"], 20);
+}
+
+TEST_F(SessionTest, TheLimitIsExact) {
+  DeliverWhenOpen(1, [] {
+    for (int i = 0; i < 10; ++i) EXPECT_EQ(Deliver(0, static_cast<uint8_t>(i), MessageNumber(i)), i < 4 ? TRUE : FALSE);
+  });
+  const std::string printed = Run("messages = 4\n");
+  EXPECT_EQ(exitCode_, 0);
+  EXPECT_THAT(printed, HasSubstr("mission_id=M3 "));
+  EXPECT_EQ(printed.find("mission_id=M4 "), std::string::npos);
+  EXPECT_THAT(printed, HasSubstr("TIME "));
+  EXPECT_THAT(printed, HasSubstr("SOURCE "));
+}
+
+TEST_F(SessionTest, WaitsForEverySource) {
+  DeliverWhenOpen(2, [] {
+    for (int i = 0; i < 5; ++i) Deliver(0, static_cast<uint8_t>(i), MessageNumber(i));
+    for (int i = 0; i < 2; ++i) Deliver(1, static_cast<uint8_t>(i), MessageNumber(i));
+  });
+  Run("messages_each = 2\nformat = none\nsummary = " + folder_ + "/s.json\n",
+      "[a]\ninput = udp\nport = 5000\n[b]\ninput = serial\n");
+  const Json summary = Json::parse(ReadFile(folder_ + "/s.json"));
+  EXPECT_EQ(summary["sources"][0]["messages"], 5);
+  EXPECT_EQ(summary["sources"][1]["messages"], 2);
+  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "open 2", "close 1", "close 2", "shutdown"));
+}
+
+TEST_F(SessionTest, WritesTheStreamHeaderOnRequest) {
+  DeliverWhenOpen(1, [] { Deliver(0, 7, MessageNumber(1)); });
+  Run("messages = 1\nformat = none\nstream_header = yes\noutput_dir = " + folder_ + "\n");
+  const std::string file = ReadFile(folder_ + "/a.klv");
+  ASSERT_EQ(file.size(), MessageNumber(1).size() + 5);
+  EXPECT_EQ(file.substr(0, 3), std::string("\0\x07\xDF", 3));
+}
+
+TEST_F(SessionTest, ASlowReaderNeverBlocksTheCallback) {
+  // The worker writes into a pipe that nobody empties; the callback must go on and count what it refuses.
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  fcntl(ends[0], F_SETPIPE_SZ, 4096);
+  std::atomic<bool> delivered{false};
+  DeliverWhenOpen(1, [&] {
+    int refused = 0;
+    for (int i = 0; i < 2000; ++i) refused += Deliver(0, static_cast<uint8_t>(i), MessageNumber(i)) ? 0 : 1;
+    EXPECT_GT(refused, 1000);
+    delivered = true;
+    kill(getpid(), SIGTERM);
+  });
+  std::thread reader([&] {
+    while (!delivered) std::this_thread::yield();
+    char buffer[65536];
+    while (read(ends[0], buffer, sizeof(buffer)) > 0) continue;
+  });
+  const int output = dup(STDOUT_FILENO);
+  std::fflush(stdout);
+  dup2(ends[1], STDOUT_FILENO);
+  close(ends[1]);
+  const Config config =
+      MakeConfig(ParseIni("[encoder]\nqueue = 8\nsummary = " + folder_ + "/s.json\n[a]\ninput = udp\nport = 5000\n"));
+  {
+    Console console;
+    exitCode_ = Session(config, library_, console).Run();
+  }
+  std::fflush(stdout);
+  dup2(output, STDOUT_FILENO);
+  close(output);
+  reader.join();
+  close(ends[0]);
+  EXPECT_EQ(exitCode_, 0);
+  const Json source = Json::parse(ReadFile(folder_ + "/s.json"))["sources"][0];
+  EXPECT_EQ(source["messages"].get<int>() + source["dropped"].get<int>(), 2000);
+  EXPECT_EQ(source["sequence_gaps"], 0);
+}
+
+TEST_F(SessionTest, SignalsResetAndEnd) {
+  DeliverWhenOpen(1, [] {
+    kill(getpid(), SIGUSR1);
+    kill(getpid(), SIGINT);
+  });
+  Run("format = none\nsummary = " + folder_ + "/s.json\n");
+  EXPECT_EQ(exitCode_, 0);
+  EXPECT_THAT(fake_.calls, testing::Contains("reset 1"));
+  EXPECT_EQ(Json::parse(ReadFile(folder_ + "/s.json"))["ended_by"], "signal");
+}
+
+TEST_F(SessionTest, EndsAfterItsDuration) {
+  Run("format = none\nduration = 0.01\nsummary = " + folder_ + "/s.json\n");
+  EXPECT_EQ(exitCode_, 0);
+  EXPECT_EQ(Json::parse(ReadFile(folder_ + "/s.json"))["ended_by"], "duration");
+}
+
+TEST_F(SessionTest, CommandsAreObeyed) {
+  Type("stats\nreset a\nreset nobody\nsave\nrestore\nnonsense\nhelp\nquit");
+  const std::string kept = folder_ + "/kept.json";
+  const std::string printed = Run("format = none\nstats_file = " + kept + "\n");
+  EXPECT_EQ(exitCode_, 0);
+  EXPECT_THAT(printed, HasSubstr("SOURCE"));
+  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "reset 1", "set 0", "close 1", "shutdown"));
+  EXPECT_THAT(complaints_, HasSubstr("no source \"nobody\""));
+  EXPECT_THAT(complaints_, HasSubstr("statistics saved to " + kept));
+  EXPECT_THAT(complaints_, HasSubstr("statistics of a restored"));
+  EXPECT_THAT(complaints_, HasSubstr("unknown command \"nonsense\"; commands: stats"));
+}
+
+TEST_F(SessionTest, SaveAndRestoreNeedAFile) {
+  Type("save\nrestore\nquit\n");
+  Run("format = none\n");
+  EXPECT_THAT(complaints_, HasSubstr("nowhere to save to"));
+  EXPECT_THAT(complaints_, HasSubstr("nothing to restore from"));
+}
+
+TEST_F(SessionTest, StatisticsLiveOnOverARestart) {
+  const std::string encoder = "format = none\nduration = 0.01\nstats_file = " + folder_ + "/kept.json\n";
+  fake_.onOpen = [this] { fake_.sources.back().statistics.nRxBytes = 1234; };
+  Run(encoder);
+  fake_.calls.clear();
+  fake_.onOpen = nullptr;
+  Run(encoder);
+  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "set 1234", "close 1", "shutdown"));
+}
+
+TEST_F(SessionTest, StatisticsAtAnInterval) {
+  Run("format = none\nduration = 0.05\nstats_interval = 0.01\nstats_json = " + folder_ + "/s.jsonl\n");
+  std::istringstream lines(ReadFile(folder_ + "/s.jsonl"));
+  std::string line;
+  int count = 0;
+  for (; std::getline(lines, line); ++count) EXPECT_EQ(Json::parse(line)["type"], "statistics");
+  EXPECT_GE(count, 2);
+}
+
+TEST_F(SessionTest, ASourceThatCannotBeOpenedEndsTheRunAndClosesTheOthers) {
+  fake_.failOpenAt = 1;
+  Run("format = none\n", "[a]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5001\n");
+  EXPECT_EQ(exitCode_, 1);
+  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "open 2", "close 1", "shutdown"));
+  EXPECT_THAT(complaints_, HasSubstr("mdencoder: source b cannot be opened"));
+}
+
+TEST_F(SessionTest, FilesThatCannotBeWrittenFail) {
+  EXPECT_THROW(Run("stats_json = /nonexistent/x\n"), std::runtime_error);
+  testing::internal::GetCapturedStdout();
+  testing::internal::GetCapturedStderr();
+  EXPECT_THAT(fake_.calls, IsEmpty());
+  Run("format = none\nduration = 0.01\nsummary = /nonexistent/x\n");
+  EXPECT_EQ(exitCode_, 1);
+  EXPECT_THAT(complaints_, HasSubstr("cannot write /nonexistent/x: No such file or directory"));
+  DeliverWhenOpen(fake_.sources.size() + 1, [] { Deliver(g_fake->sources.size() - 1, 0, MessageNumber(0)); });
+  Run("format = none\nmessages = 1\n", "[a]\ninput = udp\nport = 5000\noutput = /dev/full\n");
+  EXPECT_EQ(exitCode_, 1);
+  EXPECT_THAT(complaints_, HasSubstr("the received stream of a could not be written"));
+}
+
+TEST(Loader, SaysWhatIsMissing) {
+  try {
+    LoadLibrary("/nonexistent/libmetadata_lib.so.1");
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr("cannot load the library: /nonexistent/libmetadata_lib.so.1:"));
+  }
+}
+
+}  // namespace
+}  // namespace mdencoder
