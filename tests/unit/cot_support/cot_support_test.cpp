@@ -33,7 +33,8 @@ bool g_bKeep = false;
 
 void OnMessage(MDATA_BUFFER* pBuff, void* pvUser) {
   g_deliveries.push_back(
-      {std::string(reinterpret_cast<const char*>(pBuff->pcData), pBuff->nDataSize), pBuff->nDataSize, pvUser});
+      {std::string(reinterpret_cast<const char*>(pBuff->pcData), static_cast<size_t>(pBuff->nDataSize)),
+       pBuff->nDataSize, pvUser});
   if (g_bKeep) {
     __atomic_add_fetch(&pBuff->nRefCount, 1, __ATOMIC_RELAXED);
     g_pKept = pBuff;
@@ -597,7 +598,7 @@ TEST_F(CotLink, HandlerMayKeepTheBuffer) {
   Feed(BuildCotFrame(kEvent));
   ASSERT_NE(g_pKept, nullptr);
   EXPECT_EQ(g_pKept->nRefCount, 1);
-  EXPECT_EQ(std::string(reinterpret_cast<char*>(g_pKept->pcData), g_pKept->nDataSize), kEvent);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(g_pKept->pcData), static_cast<size_t>(g_pKept->nDataSize)), kEvent);
   DoReleaseBuffer(&g_pKept);
 }
 
