@@ -437,6 +437,20 @@ TEST_F(OpenNetworkTest, BadCountryOpensWithoutInserts) {
   host().ClearLogs();
 }
 
+TEST_F(OpenNetworkTest, WithoutMemoryForTheMissionIdentifierTheSecuritySetGoesToo) {
+  Start();
+  MDATA_SRC_CFG config = NetworkConfig();
+  config.bClassifyMission = TRUE;
+  config.enClassification = 1;
+  strcpy(config.szClassifyingCountry, "CAN");
+  strcpy(config.szObjectCountry, "CAN");
+  strcpy(config.szMissionID, "MISSION");
+  host().FailNext("malloc");
+  const HMDATASRC source = Open(config);
+  EXPECT_EQ(source->pSecurityMDataSet, nullptr);
+  EXPECT_EQ(source->pMissionID, nullptr);
+}
+
 TEST_F(OpenNetworkTest, InsertsCarryTheirSizes) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig();
@@ -534,7 +548,7 @@ TEST_F(CaptureFileTest, FileIsTruncatedAndNamedByThePort) {
   host().FeedDatagram(source->iFD, Bytes(40, 0xAB));
   host().PassUntilIdle();
   Close(source);
-  EXPECT_NE(host().ReadFile("/tmp/rawudp_5004.txt").find("AB"), std::string::npos);
+  EXPECT_NE(host().ReadFile("/tmp/rawudp_5004.txt").find("ab"), std::string::npos);
 }
 
 TEST_F(CaptureFileTest, CoTOverUDPAndVideoFilesStayEmpty) {
@@ -701,6 +715,17 @@ TEST_F(CloseTest, HandleAndPortSettingsStay) {
   const int configured = host().Calls("ConfigureSerialPort");
   Close(source);  // checks the handle
   EXPECT_EQ(host().Calls("ConfigureSerialPort"), configured);
+}
+
+TEST_F(CloseTest, AfterShutdownTheSourceIsReleasedWithoutTheThread) {
+  Start();
+  const HMDATASRC source = Open(NetworkConfig());
+  Stop();
+  const size_t waits = host().waits.size();
+  Close(source);
+  EXPECT_EQ(host().waits.size(), waits);
+  EXPECT_EQ(ListedSources(), 0);
+  ExpectAllClosed("udp4");
 }
 
 TEST_F(CloseTest, UnknownDataTypeAsserts) {
