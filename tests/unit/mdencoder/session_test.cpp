@@ -36,6 +36,7 @@ struct FakeLibrary {
   std::deque<OpenedSource> sources;
   std::atomic<int> heldBuffers{0};
   int failOpenAt = -1;
+  ULONG corrupt = 0;  // what new sources report
   std::function<void()> onOpen;  // after each opening
   std::thread deliveries;
 };
@@ -56,6 +57,7 @@ BOOL FakeOpen(const MDATA_SRC_CFG* record, HMDATASRC* handle) {
   g_fake->calls.push_back("open " + std::to_string(record->nIndex));
   if (static_cast<int>(g_fake->sources.size()) == g_fake->failOpenAt) return FALSE;
   g_fake->sources.push_back({*record});
+  g_fake->sources.back().statistics.nRxCorruptMessages = g_fake->corrupt;
   *handle = reinterpret_cast<HMDATASRC>(&g_fake->sources.back());
   if (g_fake->onOpen) g_fake->onOpen();
   return TRUE;
@@ -178,9 +180,9 @@ TEST_F(SessionTest, ShowsKeepsAndSumsUpWhatArrives) {
     const auto message = MessageNumber(i);
     expected.insert(expected.end(), message.begin(), message.end());
   }
+  fake_.corrupt = 3;
   DeliverWhenOpen(1, [] {
     for (int i = 0; i < 20; ++i) EXPECT_EQ(Deliver(0, static_cast<uint8_t>(i), MessageNumber(i)), TRUE);
-    g_fake->sources[0].statistics.nRxCorruptMessages = 3;
   });
   const std::string printed =
       Run("messages = 20\nformat = json\noutput_dir = " + folder_ + "\nsummary = " + folder_ + "/summary.json\n");
