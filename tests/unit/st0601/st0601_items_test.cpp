@@ -93,7 +93,7 @@ TEST_P(EachItem, EndsOfItsRangeDecodeAndEncode) {
     EXPECT_EQ(Decode(item, Bytes(item.size, 0)).whole, 0);
     EXPECT_EQ(EncodeWhole(item, 0), Bytes(item.size, 0));
     if (item.size < 8) {
-      EXPECT_FALSE(EncodeWhole(item, 1LL << (8 * item.size)));
+      EXPECT_FALSE(EncodeWhole(item, int64_t{1} << (8U * item.size)));
     }
   }
 }
