@@ -1,7 +1,8 @@
 // The public header and the host declarations stand alone as C++17.
+#include "host.h"
 #include "metadata_lib.h"
 
-#include "host.h"
-
 int abi_header_cxx17();
-int abi_header_cxx17() { return static_cast<int>(sizeof(MDATA_SRC_STATS)); }
+int abi_header_cxx17() {
+  return static_cast<int>(sizeof(MDATA_SRC_STATS));
+}

@@ -1,0 +1,192 @@
+"""Harness of the end-to-end tests: runs mdencoder and mdfeed on loopback in a folder of the test's own.
+
+A test is a unittest.TestCase derived from Road. It writes a configuration, starts the encoder, waits until its sources
+are open, feeds them, ends the encoder and looks at the summary and at the files of delivered messages.
+"""
+import argparse
+import json
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+_parser = argparse.ArgumentParser()
+_parser.add_argument("--encoder", required=True)
+_parser.add_argument("--feed", required=True)
+_parser.add_argument("--library", required=True)
+_parser.add_argument("--shared-data", required=True)
+_parser.add_argument("--source", required=True)
+options, rest = _parser.parse_known_args()
+
+KEY = bytes.fromhex("060E2B34020B01010E01030101000000")
+SLOW = 10 if os.environ.get("ROAD_SLOW") else 1
+
+
+def recording(name):
+    """A file of the shared test data, or None: the test then says that it could not run its check."""
+    path = pathlib.Path(options.shared_data) / name
+    if not path.exists():
+        print(f"ABSENT: {path} - the checks on that recording are left out", file=sys.stderr)
+        return None
+    return path
+
+
+def split_messages(data):
+    """Messages that stand back to back."""
+    messages = []
+    at = 0
+    while at < len(data):
+        first = data[at + 16]
+        header, length = 17, first
+        if first == 0x81:
+            header, length = 18, data[at + 17]
+        elif first == 0x82:
+            header, length = 19, struct.unpack(">H", data[at + 17:at + 19])[0]
+        messages.append(data[at:at + header + length])
+        at += header + length
+    return messages
+
+
+def checksum(data):
+    return sum(byte << 8 if index % 2 == 0 else byte for index, byte in enumerate(data)) & 0xFFFF
+
+
+def items(message):
+    """Tag -> value of a message's one-byte tags; a list of pairs, in order."""
+    at = 17
+    if message[16] == 0x81:
+        at = 18
+    elif message[16] == 0x82:
+        at = 19
+    found = []
+    while at < len(message):
+        tag, length, header = message[at], message[at + 1], 2
+        if length == 0x81:
+            length, header = message[at + 2], 3
+        elif length == 0x82:
+            length, header = struct.unpack(">H", message[at + 2:at + 4])[0], 4
+        found.append((tag, message[at + header:at + header + length]))
+        at += header + length
+    return found
+
+
+def message(*pairs):
+    """A UAS Local Set with a right checksum."""
+    body = b"".join(bytes([tag, len(value)]) + value for tag, value in pairs) + bytes([1, 2])
+    size = len(body) + 2
+    length = bytes([size]) if size < 128 else bytes([0x81, size]) if size < 256 else b"\x82" + struct.pack(">H", size)
+    start = KEY + length + body
+    return start + struct.pack(">H", checksum(start))
+
+
+def udp_port_open(port):
+    wanted = f":{port:04X} "
+    return any(wanted in line for table in ("/proc/net/udp", "/proc/net/udp6") for line in open(table))
+
+
+class Road(unittest.TestCase):
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="road_"))
+        self.processes = []
+        self.encoder_process = None
+
+    def tearDown(self):
+        for process in self.processes:
+            if process.poll() is None:
+                process.kill()
+            process.wait()
+            if process.stdout:
+                process.stdout.close()
+        outcome = getattr(self, "_outcome", None)
+        failed = outcome is not None and any(error for _, error in getattr(outcome, "errors", []) or [])
+        log = self.folder / "host.log"
+        if failed and log.exists():
+            print("--- host.log, last lines", file=sys.stderr)
+            print("\n".join(log.read_text(errors="replace").splitlines()[-40:]), file=sys.stderr)
+        shutil.rmtree(self.folder)
+
+    def start(self, *command, **more):
+        process = subprocess.Popen([str(word) for word in command], **more)
+        self.processes.append(process)
+        return process
+
+    def encoder(self, config, ports=(), host="", arguments=()):
+        """Starts mdencoder and waits until the UDP ports are open."""
+        (self.folder / "host.ini").write_text(
+            f"[serial]\n/dev/ttyPS0 = {self.folder}/serial\n[log]\nconsole = no\nfile = {self.folder}/host.log\n"
+            f"level = 5\n{host}\n")
+        (self.folder / "encoder.ini").write_text(config)
+        self.encoder_process = self.start(
+            options.encoder, self.folder / "encoder.ini", "--library", options.library, "--host-config",
+            self.folder / "host.ini", "--output-dir", self.folder, "--summary", self.folder / "summary.json",
+            "--format", "json", *arguments, stdout=open(self.folder / "messages.jsonl", "w"),
+            stderr=open(self.folder / "encoder.err", "w"), env={**os.environ, "TZ": "UTC"})
+        self.wait_for(lambda: all(udp_port_open(port) for port in ports), "the encoder's ports")
+
+    def feed(self, *arguments, check=True, **more):
+        result = subprocess.run([options.feed, *[str(word) for word in arguments]], capture_output=True, text=True,
+                                timeout=120, **more)
+        if check:
+            self.assertEqual(result.returncode, 0, result.stderr)
+        return result
+
+    def feed_serial(self, *arguments):
+        """Starts mdfeed on a pseudo-terminal of its own; it sends once the encoder has it open."""
+        process = self.start(options.feed, *arguments, "--pty", self.folder / "serial", stderr=subprocess.DEVNULL)
+        self.wait_for(lambda: (self.folder / "serial").exists(), "the pseudo-terminal")
+        return process
+
+    def wait_for(self, condition, what, seconds=20):
+        deadline = time.monotonic() + seconds * SLOW
+        while not condition():
+            if self.encoder_process is not None and self.encoder_process.poll() is not None:
+                self.fail(f"mdencoder ended early: {(self.folder / 'encoder.err').read_text()}")
+            if time.monotonic() > deadline:
+                self.fail(f"waited in vain for {what}")
+            time.sleep(0.02)
+
+    def stop(self, expected=0):
+        """Ends the encoder the way a user does, and returns the summary."""
+        self.encoder_process.send_signal(signal.SIGINT)
+        self.assertEqual(self.encoder_process.wait(timeout=30 * SLOW), expected,
+                         (self.folder / "encoder.err").read_text())
+        return json.loads((self.folder / "summary.json").read_text())
+
+    def delivered(self, name):
+        """The messages in a source's output file."""
+        return split_messages((self.folder / f"{name}.klv").read_bytes())
+
+    def settle(self, name, count, seconds=20):
+        """Waits until so many messages of a source were delivered."""
+        path = self.folder / f"{name}.klv"
+        self.wait_for(lambda: path.exists() and len(self.whole(path)) >= count, f"{count} messages of {name}", seconds)
+
+    @staticmethod
+    def whole(path):
+        try:
+            return split_messages(path.read_bytes())
+        except (IndexError, struct.error):
+            return []
+
+    def lines(self):
+        return [json.loads(line) for line in (self.folder / "messages.jsonl").read_text().splitlines()]
+
+
+def send(port, data, address="127.0.0.1"):
+    with socket.socket(socket.AF_INET6 if ":" in address else socket.AF_INET, socket.SOCK_DGRAM) as sender:
+        sender.sendto(data, (address, port))
+
+
+def source(summary, name):
+    return next(entry for entry in summary["sources"] if entry["name"] == name)
+
+
+def main():
+    unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)
