@@ -35,6 +35,7 @@ constexpr std::string_view kSourceKeys[] = {"input",
                                             "data",
                                             "index",
                                             "output",
+                                            "device",
                                             "baud",
                                             "parity",
                                             "flow",
@@ -76,7 +77,7 @@ constexpr std::string_view kClassifications[] = {"unclassified", "restricted", "
 
 /* When a key of a source means anything, for keys that do not always. */
 std::string ConditionOf(std::string_view key) {
-  for (const std::string_view serial : {"baud", "parity", "flow", "stop", "bits"}) {
+  for (const std::string_view serial : {"device", "baud", "parity", "flow", "stop", "bits"}) {
     if (key == serial) return "with input = serial";
   }
   for (const std::string_view udp : {"port", "family", "address"}) {
@@ -264,6 +265,7 @@ SourceSettings ReadSource(const IniSection& ini, UINT32 index) {
   source.output = section.Text("output", 4095);
   switch (record.enInputType) {
     case MDATA_INPUT_SERIAL:
+      source.device = section.Text("device", 4095);
       ReadSerial(section, record.in.Serial);
       break;
     case MDATA_INPUT_NETWORK:

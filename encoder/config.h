@@ -36,11 +36,15 @@ struct EncoderSettings {
   size_t queue = 4096;        // messages kept beyond the callback
 };
 
+/* The serial device that the library asks the host for. */
+constexpr char kSerialDevice[] = "/dev/ttyPS0";
+
 struct SourceSettings {
   std::string name;
   std::string input;       // "serial", "udp", "video"
   std::string data;        // "klv", "cot"
   std::string output;      // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
+  std::string device;      // serial: what the host opens in place of kSerialDevice; empty: as the host has it
   MDATA_SRC_CFG record{};  // all but the callback and its parameters
 };
 

@@ -56,12 +56,13 @@ TEST(Source, UdpWithEverythingElseByDefault) {
 
 TEST(Source, SerialSettings) {
   const Config config = Read(
-      "[line]\ninput = serial\ndata = cot\nindex = 9\nbaud = 57600\nparity = even\nflow = hardware\nstop = 2\nbits = 7\n"
+      "[line]\ninput = serial\ndata = cot\nindex = 9\ndevice = /dev/ttyUSB0\nbaud = 57600\nparity = even\nflow = hardware\nstop = 2\nbits = 7\n"
       "cot_delta_ms = 250\ncot_sensor = EO-1\ncot_discovery = yes\ncapture = on\ncapture_limit_kb = 64\n");
   const MDATA_SRC_CFG& record = Record(config);
   EXPECT_EQ(record.enInputType, MDATA_INPUT_SERIAL);
   EXPECT_EQ(record.enDataType, MDATA_DATA_COT);
   EXPECT_EQ(record.nIndex, 9U);
+  EXPECT_EQ(config.sources[0].device, "/dev/ttyUSB0");
   EXPECT_EQ(record.in.Serial.nBaudRate, 57600);
   EXPECT_EQ(record.in.Serial.enParity, HOST_SERIAL_PARITY_EVEN);
   EXPECT_EQ(record.in.Serial.enFlowControl, HOST_SERIAL_FLOW_HARDWARE);

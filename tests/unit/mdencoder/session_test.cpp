@@ -36,7 +36,7 @@ struct FakeLibrary {
   std::deque<OpenedSource> sources;
   std::atomic<int> heldBuffers{0};
   int failOpenAt = -1;
-  ULONG corrupt = 0;  // what new sources report
+  ULONG corrupt = 0;             // what new sources report
   std::function<void()> onOpen;  // after each opening
   std::thread deliveries;
 };
