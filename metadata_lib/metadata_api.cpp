@@ -1785,11 +1785,11 @@ BOOL _RelayMetaData(MDATA_SRC_HANDLE pMDataSource, const void* pvBuffer, size_t 
                                          pMDataSource->nLastSourceTTLUpdateUpTimeInSecs);
   bool bRelayed = false;
   for (UINT32 i = 0; i < pMDataSource->Config.nNumOfRelays; ++i) {
-    if (bTOSChanged)
+    if (bTOSChanged && pcTOS != nullptr)
       _FollowTOS(pMDataSource, i, *pcTOS);
     else
       MD_LOG(7, "Not checking TOS.\n");
-    if (bTTLChanged)
+    if (bTTLChanged && pcTTL != nullptr)
       _FollowTTL(pMDataSource, i, *pcTTL);
     else
       MD_LOG(7, "Not checking TTL.\n");
