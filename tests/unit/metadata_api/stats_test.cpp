@@ -1,0 +1,477 @@
+// The statistics calls: what is read, reset and restored, and what is left alone.
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "builders.h"
+#include "engine_test.h"
+
+namespace {
+
+// Every byte of a record that nobody filled.
+constexpr BYTE kUntouched = 0xEE;
+
+class StatsTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    EngineTest::SetUp();
+    AllowLogs(5, "Support of additionnal CoT items");
+    Start();
+    memset(&m_stats, kUntouched, sizeof(m_stats));
+  }
+
+  HMDATASRC OpenSource(const MDATA_SRC_CFG& config) { return m_source = Open(config); }
+  void Get() { EXPECT_TRUE(MetaData_GetSourceStats(m_source, &m_stats)); }
+  template <typename T>
+  static bool IsUntouched(const T& field) {
+    const auto* bytes = reinterpret_cast<const BYTE*>(&field);
+    return std::all_of(bytes, bytes + sizeof(field), [](BYTE byte) { return byte == kUntouched; });
+  }
+  // Counters 1, 2, 3 and so on in every field that the calls know.
+  static MDATA_SRC_STATS Numbered() {
+    MDATA_SRC_STATS stats = {};
+    stats.nRxBytes = 101;
+    stats.nRxOkMessages = 102;
+    stats.nRxCorruptMessages = 103;
+    stats.in.Network.iSourceAddressFamily = AF_INET6;
+    for (BYTE i = 0; i < 16; ++i) stats.in.Network.SourceAddress[i] = static_cast<BYTE>(i + 1);
+    stats.prot.KLV = {11, 12, 13, 14, 15, 16};
+    stats.iSrcTTL = 21;
+    stats.nTTLUpdates = 22;
+    stats.nLastTTLUpdateUpTimeInSecs = 23;
+    stats.iSrcTOS = 24;
+    stats.nTOSUpdates = 25;
+    stats.nLastTOSUpdateUpTimeInSecs = 26;
+    for (int i = 0; i < MDATA_MAX_RELAYS; ++i) {
+      const auto n = static_cast<ULONG>(100 * (i + 1));
+      stats.Relays[i] = {n + 1, n + 2, n + 3, static_cast<int>(n) + 4, static_cast<int>(n) + 5};
+    }
+    stats.nBitRateInKbps = 99;
+    return stats;
+  }
+  static MDATA_SRC_CFG Following(MDATA_SRC_CFG config) {
+    AddRelay(config, {10, 0, 0, 1}, -1, -1);
+    return config;
+  }
+  static MDATA_SRC_CFG WithMissionID(MDATA_SRC_CFG config) {
+    strcpy(config.szMissionID, "M");
+    return config;
+  }
+  static bool SameRelay(const MDATA_RELAY_STATS& left, const MDATA_RELAY_STATS& right) {
+    return memcmp(&left, &right, sizeof(left)) == 0;
+  }
+
+  HMDATASRC m_source = nullptr;
+  MDATA_SRC_STATS m_stats = {};
+};
+
+class GetStatsTest : public StatsTest {};
+class ResetStatsTest : public StatsTest {};
+class SetStatsTest : public StatsTest {};
+
+// --- Get -------------------------------------------------------------------------------------------------
+
+TEST_F(GetStatsTest, DecoderCountersAreRead) {
+  OpenSource(NetworkConfig());
+  KLV_STATS* counters = GenericKLV_GetStatsPtr(m_source->pvDecodeCtxt);
+  counters->nTotalRxBytes = 1000;
+  counters->nRxOkMessages = 20;
+  counters->nRxCorruptedMessages = 3;
+  Get();
+  EXPECT_EQ(m_stats.nRxBytes, 1000u);
+  EXPECT_EQ(m_stats.nRxOkMessages, 20u);
+  EXPECT_EQ(m_stats.nRxCorruptMessages, 3u);
+}
+
+TEST_F(GetStatsTest, CoTDecoderCountersAreRead) {
+  OpenSource(NetworkConfig(MDATA_DATA_COT));
+  COT_STATS* counters = COT_GetStatsPtr(m_source->pvDecodeCtxt);
+  counters->nTotalRxBytes = 1000;
+  counters->nRxOkMessages = 20;
+  counters->nRxCorruptedMessages = 3;
+  m_source->nCoTConvertedKLVMessages = 7;
+  m_source->nCoTConvertedKLVBytes = 700;
+  MDATA_COT_STATS converter = {};
+  converter.nRxSPIMessages = 4;
+  converter.nRxAirCraftMessages = 5;
+  converter.nFilteredRxSPIMessages = 6;
+  SetCoT2KLVConvertStats(m_source->hConverter, &converter);
+  Get();
+  EXPECT_EQ(m_stats.nRxBytes, 1000u);
+  EXPECT_EQ(m_stats.nRxOkMessages, 20u);
+  EXPECT_EQ(m_stats.nRxCorruptMessages, 3u);
+  EXPECT_EQ(m_stats.prot.CoT.nConvertedKLVMessages, 7u);
+  EXPECT_EQ(m_stats.prot.CoT.nConvertedKLVBytes, 700u);
+  EXPECT_EQ(m_stats.prot.CoT.nRxSPIMessages, 4u);
+  EXPECT_EQ(m_stats.prot.CoT.nRxAirCraftMessages, 5u);
+  EXPECT_EQ(m_stats.prot.CoT.nFilteredRxSPIMessages, 6u);
+  EXPECT_EQ(m_stats.prot.CoT.nDiscoveredSensorsCount, 0);
+}
+
+TEST_F(GetStatsTest, WithoutInsertsTheLocalSetCountersStayTheCallers) {
+  MDATA_SRC_CFG config = NetworkConfig();
+  config.bFilterUASTags = TRUE;
+  OpenSource(config);
+  m_source->KLVStats.nRxUASMessages = 5;
+  Get();
+  EXPECT_TRUE(IsUntouched(m_stats.prot));
+}
+
+TEST_F(GetStatsTest, MissionIdentifierOrClassificationShowsTheLocalSetCounters) {
+  MDATA_SRC_CFG classified = NetworkConfig(MDATA_DATA_KLV, 5001);
+  classified.bClassifyMission = TRUE;
+  strcpy(classified.szClassifyingCountry, "USA");
+  for (const MDATA_SRC_CFG& config : {WithMissionID(NetworkConfig()), classified}) {
+    OpenSource(config);
+    m_source->KLVStats = {1, 2, 3, 4, 5, 6};
+    memset(&m_stats, kUntouched, sizeof(m_stats));
+    Get();
+    EXPECT_EQ(memcmp(&m_stats.prot.KLV, &m_source->KLVStats, sizeof(MDATA_KLV_STATS)), 0);
+  }
+}
+
+TEST_F(GetStatsTest, NothingIsClearedFirst) {
+  OpenSource(SerialConfig());
+  Get();
+  EXPECT_TRUE(IsUntouched(m_stats.nSize));
+  EXPECT_TRUE(IsUntouched(m_stats.in));
+  EXPECT_TRUE(IsUntouched(m_stats.prot));
+  EXPECT_TRUE(IsUntouched(m_stats.Relays));
+  EXPECT_EQ(m_stats.nRxBytes, 0u);
+}
+
+TEST_F(GetStatsTest, SizeOfTheRecordIsNotTested) {
+  OpenSource(NetworkConfig());
+  m_stats.nSize = 3;
+  Get();
+  EXPECT_EQ(m_stats.nSize, 3);
+}
+
+TEST_F(GetStatsTest, WithoutDetectionTheLastUpdatesStayTheCallers) {
+  MDATA_SRC_CFG config = NetworkConfig();
+  AddRelay(config, {10, 0, 0, 1}, 5, 5);
+  OpenSource(config);
+  m_source->nSourceTTLUpdates = m_source->nSourceTOSUpdates = 9;
+  m_source->SourceTTL = m_source->SourceTOS = 9;
+  Get();
+  EXPECT_EQ(m_stats.iSrcTTL, -1);
+  EXPECT_EQ(m_stats.nTTLUpdates, 0u);
+  EXPECT_TRUE(IsUntouched(m_stats.nLastTTLUpdateUpTimeInSecs));
+  EXPECT_EQ(m_stats.iSrcTOS, -1);
+  EXPECT_EQ(m_stats.nTOSUpdates, 0u);
+  EXPECT_TRUE(IsUntouched(m_stats.nLastTOSUpdateUpTimeInSecs));
+}
+
+TEST_F(GetStatsTest, DetectedValuesWithTheirTimes) {
+  OpenSource(Following(NetworkConfig()));
+  Get();
+  EXPECT_EQ(m_stats.iSrcTTL, -1) << "nothing arrived yet";
+  EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, 0u);
+  host().Advance(3000);
+  host().FeedDatagram(m_source->iFD, {1}, {.ttl = 64, .tos = 8});
+  host().PassUntilIdle();
+  host().Advance(4000);
+  host().FeedDatagram(m_source->iFD, {1}, {.ttl = 63, .tos = 8});
+  host().PassUntilIdle();
+  Get();
+  EXPECT_EQ(m_stats.iSrcTTL, 63);
+  EXPECT_EQ(m_stats.nTTLUpdates, 2u);
+  EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, 1007u);
+  EXPECT_EQ(m_stats.iSrcTOS, 8);
+  EXPECT_EQ(m_stats.nTOSUpdates, 1u);
+  EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 1003u);
+}
+
+TEST_F(GetStatsTest, LastSenderByItsFamily) {
+  OpenSource(NetworkConfig());
+  for (BYTE i = 0; i < 16; ++i) m_source->acSourceAddress[i] = static_cast<BYTE>(i + 1);
+  m_source->iSourceAddressFamily = AF_INET;
+  Get();
+  EXPECT_EQ(m_stats.in.Network.iSourceAddressFamily, AF_INET);
+  EXPECT_EQ(memcmp(m_stats.in.Network.SourceAddress, m_source->acSourceAddress, 4), 0);
+  for (int i = 4; i < 16; ++i) EXPECT_EQ(m_stats.in.Network.SourceAddress[i], kUntouched);
+  m_source->iSourceAddressFamily = AF_INET6;
+  Get();
+  EXPECT_EQ(m_stats.in.Network.iSourceAddressFamily, AF_INET6);
+  EXPECT_EQ(memcmp(m_stats.in.Network.SourceAddress, m_source->acSourceAddress, 16), 0);
+}
+
+TEST_F(GetStatsTest, OtherSenderFamilyIsNone) {
+  OpenSource(NetworkConfig());
+  memset(m_source->acSourceAddress, 7, 16);
+  for (const int family : {0, AF_UNIX, -1}) {
+    memset(&m_stats, kUntouched, sizeof(m_stats));
+    m_source->iSourceAddressFamily = family;
+    Get();
+    EXPECT_EQ(m_stats.in.Network.iSourceAddressFamily, 0);
+    EXPECT_EQ(Bytes(m_stats.in.Network.SourceAddress, m_stats.in.Network.SourceAddress + 16), Bytes(16));
+  }
+}
+
+TEST_F(GetStatsTest, ConfiguredRelaysOnly) {
+  MDATA_SRC_CFG config = NetworkConfig();
+  AddRelay(config);
+  AddRelay(config);
+  OpenSource(config);
+  host().FailNext("send", {.error = ECONNREFUSED});
+  host().FeedDatagram(m_source->iFD, Bytes(10));
+  host().PassUntilIdle();
+  Get();
+  EXPECT_EQ(m_stats.Relays[0].nRelayErrors, 1u);
+  EXPECT_EQ(m_stats.Relays[0].nRelayedMessages, 0u);
+  EXPECT_EQ(m_stats.Relays[0].iLastRelayError, ECONNREFUSED);
+  EXPECT_EQ(m_stats.Relays[0].iLastRelayErrorTime, host().NowSeconds());
+  EXPECT_EQ(m_stats.Relays[1].nRelayedMessages, 1u);
+  EXPECT_EQ(m_stats.Relays[1].nRelayedBytes, 10u);
+  for (int i = 2; i < MDATA_MAX_RELAYS; ++i) EXPECT_TRUE(IsUntouched(m_stats.Relays[i]));
+}
+
+TEST_F(GetStatsTest, BitRateOrZero) {
+  OpenSource(NetworkConfig());
+  host().rate = 1234;
+  Get();
+  EXPECT_EQ(m_stats.nBitRateInKbps, 1234u);
+  host().FailNext("__AllocCounterRateTable");
+  OpenSource(NetworkConfig(MDATA_DATA_KLV, 5001));
+  Get();
+  EXPECT_EQ(m_stats.nBitRateInKbps, 0u);
+  Close(m_source);
+  ExpectAssertion("pHandle->hOutputRate != NULL");
+}
+
+// --- Reset -----------------------------------------------------------------------------------------------
+
+TEST_F(ResetStatsTest, EverythingCountedIsZero) {
+  OpenSource(WithMissionID(Following(NetworkConfig())));
+  const MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
+  Get();
+  EXPECT_EQ(m_stats.nRxBytes, 0u);
+  EXPECT_EQ(m_stats.nRxOkMessages, 0u);
+  EXPECT_EQ(m_stats.nRxCorruptMessages, 0u);
+  const MDATA_KLV_STATS zero = {};
+  EXPECT_EQ(memcmp(&m_stats.prot.KLV, &zero, sizeof(zero)), 0);
+  EXPECT_EQ(m_source->nCoTConvertedKLVMessages, 0u);
+  EXPECT_EQ(m_source->nCoTConvertedKLVBytes, 0u);
+  EXPECT_EQ(host().rateResets, 1);
+}
+
+TEST_F(ResetStatsTest, DetectedValuesAndTheirTimesStay) {
+  OpenSource(Following(NetworkConfig()));
+  const MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
+  Get();
+  EXPECT_EQ(m_stats.iSrcTTL, 21);
+  EXPECT_EQ(m_stats.nTTLUpdates, 0u);
+  EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, 23u);
+  EXPECT_EQ(m_stats.iSrcTOS, 24);
+  EXPECT_EQ(m_stats.nTOSUpdates, 0u);
+  EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 26u);
+}
+
+TEST_F(ResetStatsTest, AllEightRelayersAreZeroed) {
+  OpenSource(Following(NetworkConfig()));
+  for (RELAYER& relayer : m_source->Relayers) {
+    relayer.nRelayedBytes = relayer.nRelayedMessages = relayer.nRelayErrors = 9;
+    relayer.iLastRelayError = relayer.iLastRelayErrorTime = 9;
+    relayer.CurrentRelayTTL = 9;
+    relayer.tLastRelayErrLogTime = 9;
+  }
+  const int socket = m_source->Relayers[0].iRelaySocket;
+  EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
+  for (const RELAYER& relayer : m_source->Relayers) {
+    EXPECT_EQ(relayer.nRelayedBytes + relayer.nRelayedMessages + relayer.nRelayErrors, 0u);
+    EXPECT_EQ(relayer.iLastRelayError, 0);
+    EXPECT_EQ(relayer.iLastRelayErrorTime, 0);
+    EXPECT_EQ(relayer.CurrentRelayTTL, 9);
+    EXPECT_EQ(relayer.tLastRelayErrLogTime, 9);
+  }
+  EXPECT_EQ(m_source->Relayers[0].iRelaySocket, socket);
+}
+
+TEST_F(ResetStatsTest, KLVCountersAreResetASecondTime) {
+  OpenSource(NetworkConfig());
+  static int calls;
+  calls = 0;
+  m_source->pfnResetStatsHandler = [](void*) { ++calls; };
+  GenericKLV_GetStatsPtr(m_source->pvDecodeCtxt)->nRxOkMessages = 5;
+  EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
+  EXPECT_EQ(calls, 1);
+  EXPECT_EQ(GenericKLV_GetStatsPtr(m_source->pvDecodeCtxt)->nRxOkMessages, 0u);
+}
+
+TEST_F(ResetStatsTest, CoTSourceResetsItsConverter) {
+  OpenSource(NetworkConfig(MDATA_DATA_COT));
+  MDATA_COT_STATS converter = {};
+  converter.nRxSPIMessages = converter.nRxAirCraftMessages = converter.nFilteredRxSPIMessages = 4;
+  SetCoT2KLVConvertStats(m_source->hConverter, &converter);
+  COT_GetStatsPtr(m_source->pvDecodeCtxt)->nRxOkMessages = 5;
+  m_source->nCoTConvertedKLVMessages = m_source->nCoTConvertedKLVBytes = 6;
+  EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
+  Get();
+  EXPECT_EQ(m_stats.nRxOkMessages, 0u);
+  EXPECT_EQ(m_stats.prot.CoT.nRxSPIMessages, 0u);
+  EXPECT_EQ(m_stats.prot.CoT.nRxAirCraftMessages, 0u);
+  EXPECT_EQ(m_stats.prot.CoT.nFilteredRxSPIMessages, 0u);
+  EXPECT_EQ(m_stats.prot.CoT.nConvertedKLVMessages, 0u);
+  EXPECT_EQ(m_stats.prot.CoT.nConvertedKLVBytes, 0u);
+}
+
+// --- Set -------------------------------------------------------------------------------------------------
+
+TEST_F(SetStatsTest, WhatWasGivenIsReadBack) {
+  MDATA_SRC_CFG config = WithMissionID(Following(NetworkConfig()));
+  AddRelay(config);
+  OpenSource(config);
+  const MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  Get();
+  EXPECT_EQ(m_stats.nRxBytes, 101u);
+  EXPECT_EQ(m_stats.nRxOkMessages, 102u);
+  EXPECT_EQ(m_stats.nRxCorruptMessages, 103u);
+  EXPECT_EQ(memcmp(&m_stats.prot.KLV, &numbered.prot.KLV, sizeof(MDATA_KLV_STATS)), 0);
+  EXPECT_EQ(m_stats.iSrcTTL, 21);
+  EXPECT_EQ(m_stats.nTTLUpdates, 22u);
+  EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, 23u);
+  EXPECT_EQ(m_stats.iSrcTOS, 24);
+  EXPECT_EQ(m_stats.nTOSUpdates, 25u);
+  EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 26u);
+}
+
+TEST_F(SetStatsTest, RelayCountersOfConfiguredRelaysOnly) {
+  MDATA_SRC_CFG config = NetworkConfig();
+  AddRelay(config);
+  AddRelay(config);
+  OpenSource(config);
+  const MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  Get();
+  EXPECT_TRUE(SameRelay(m_stats.Relays[0], numbered.Relays[0]));
+  EXPECT_TRUE(SameRelay(m_stats.Relays[1], numbered.Relays[1]));
+  EXPECT_TRUE(IsUntouched(m_stats.Relays[2]));
+  for (int i = 2; i < MDATA_MAX_RELAYS; ++i) EXPECT_EQ(m_source->Relayers[i].nRelayedBytes, 0u);
+}
+
+TEST_F(SetStatsTest, SendersFamilyIsNotRestored) {
+  OpenSource(NetworkConfig());
+  const MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  EXPECT_EQ(m_source->iSourceAddressFamily, 0);
+  EXPECT_EQ(memcmp(m_source->acSourceAddress, numbered.in.Network.SourceAddress, 16), 0);
+  Get();
+  EXPECT_EQ(m_stats.in.Network.iSourceAddressFamily, 0);
+}
+
+TEST_F(SetStatsTest, SerialSourceHasNoSender) {
+  OpenSource(SerialConfig());
+  const MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  EXPECT_EQ(Bytes(m_source->acSourceAddress, m_source->acSourceAddress + 16), Bytes(16));
+}
+
+TEST_F(SetStatsTest, ConvertedCountersComeFromTheCoTPlacesForEveryDataType) {
+  OpenSource(WithMissionID(NetworkConfig()));
+  const MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  EXPECT_EQ(m_source->nCoTConvertedKLVMessages, numbered.prot.KLV.nUpdatedMissionIDs);
+  EXPECT_EQ(m_source->nCoTConvertedKLVBytes, numbered.prot.KLV.nAddedSecuritySets);
+}
+
+TEST_F(SetStatsTest, ConverterGetsThreeCountersOnly) {
+  OpenSource(NetworkConfig(MDATA_DATA_COT));
+  MDATA_SRC_STATS stats = {};
+  stats.prot.CoT.nRxSPIMessages = 1;
+  stats.prot.CoT.nRxAirCraftMessages = 2;
+  stats.prot.CoT.nFilteredRxSPIMessages = 3;
+  stats.prot.CoT.nConvertedKLVMessages = 4;
+  stats.prot.CoT.nConvertedKLVBytes = 5;
+  stats.prot.CoT.nDiscoveredSensorsCount = 1;
+  strcpy(stats.prot.CoT.aszSensorUIDs[0], "SENSOR-1");
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &stats));
+  Get();
+  EXPECT_EQ(m_stats.prot.CoT.nRxSPIMessages, 1u);
+  EXPECT_EQ(m_stats.prot.CoT.nRxAirCraftMessages, 2u);
+  EXPECT_EQ(m_stats.prot.CoT.nFilteredRxSPIMessages, 3u);
+  EXPECT_EQ(m_stats.prot.CoT.nConvertedKLVMessages, 4u);
+  EXPECT_EQ(m_stats.prot.CoT.nConvertedKLVBytes, 5u);
+  EXPECT_EQ(m_stats.prot.CoT.nDiscoveredSensorsCount, 0) << "sensors are seen, not restored";
+}
+
+TEST_F(SetStatsTest, RateCounterGoesOn) {
+  OpenSource(NetworkConfig());
+  const MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  EXPECT_EQ(host().rateResets, 0);
+  EXPECT_TRUE(host().rateTotals.empty());
+  host().rate = 5;
+  Get();
+  EXPECT_EQ(m_stats.nBitRateInKbps, 5u);
+}
+
+// --- All three -------------------------------------------------------------------------------------------
+
+TEST_F(StatsTest, DeafSourceAssertsAndDoesNothing) {
+  OpenSource(SerialConfig(MDATA_DATA_COT));
+  ExpectAssertion("0");
+  MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  ExpectAssertion("pHandle->pfnSetStatsHandler != NULL");
+  EXPECT_EQ(m_source->SourceTTL, -1);
+  m_source->nSourceTTLUpdates = 5;
+  EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
+  ExpectAssertion("pHandle->pfnResetStatsHandler != NULL");
+  EXPECT_EQ(m_source->nSourceTTLUpdates, 5u);
+  EXPECT_TRUE(MetaData_GetSourceStats(m_source, &m_stats));
+  EXPECT_TRUE(IsUntouched(m_stats));
+  host().ClearLogs();
+}
+
+TEST_F(StatsTest, CallsHoldTheLibrarysMutex) {
+  OpenSource(NetworkConfig());
+  static std::atomic<int> busy;
+  busy = 0;
+  const auto probe = [] {
+    std::thread other([] {
+      if (pthread_mutex_trylock(&g_MetaDataAPIMutex) != 0)
+        ++busy;
+      else
+        pthread_mutex_unlock(&g_MetaDataAPIMutex);
+    });
+    other.join();
+  };
+  static void (*s_probe)();
+  s_probe = probe;
+  m_source->pfnSetStatsHandler = [](void*, const MDATA_SRC_STATS*) { s_probe(); };
+  m_source->pfnResetStatsHandler = [](void*) { s_probe(); };
+  const MDATA_SRC_STATS numbered = Numbered();
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
+  EXPECT_EQ(busy, 2);
+
+  // Getting waits for whoever holds it.
+  pthread_mutex_lock(&g_MetaDataAPIMutex);
+  std::atomic<bool> done = false;
+  std::thread getter([&] {
+    Get();
+    done = true;
+  });
+  for (int i = 0; i < 1000; ++i) std::this_thread::yield();
+  EXPECT_FALSE(done);
+  pthread_mutex_unlock(&g_MetaDataAPIMutex);
+  getter.join();
+  EXPECT_TRUE(done);
+}
+
+TEST_F(StatsTest, NothingIsLogged) {
+  OpenSource(NetworkConfig());
+  const size_t lines = host().Logs().size();
+  const MDATA_SRC_STATS numbered = Numbered();
+  Get();
+  EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
+  EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
+  EXPECT_EQ(host().Logs().size(), lines);
+}
+
+}  // namespace
