@@ -18,7 +18,9 @@ HostRuntimeConfig HostConfig(const Config& config) {
   HostRuntimeConfig host;
   std::string error;
   const std::string& path = config.encoder.hostConfig;
-  if (!path.empty() && !HostRuntime_Load(path, host, error)) throw ConfigError(path + ": " + error);
+  if (!path.empty() && !HostRuntime_Load(path, host, error)) {
+    throw ConfigError(error.find(path) == std::string::npos ? path + ": " + error : error);
+  }
   if (config.encoder.logLevel >= 0) host.logLevel = config.encoder.logLevel;
   for (const auto& [module, level] : config.encoder.moduleLevels) host.moduleLevels[module] = level;
   for (const SourceSettings& source : config.sources) {

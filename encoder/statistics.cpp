@@ -95,6 +95,7 @@ Json RelayJson(const MDATA_RELAY_CFG& relay, const MDATA_RELAY_STATS& counts) {
   json["messages"] = counts.nRelayedMessages;
   json["errors"] = counts.nRelayErrors;
   json["last_errno"] = counts.iLastRelayError;
+  json["last_error"] = counts.iLastRelayError == 0 ? "" : std::strerror(counts.iLastRelayError);
   json["last_error_time"] = counts.iLastRelayErrorTime;
   return json;
 }
@@ -339,12 +340,12 @@ void AddFaultLines(const Counters& counters, std::vector<std::string>& lines) {
 
 std::vector<std::string> StatisticsTable(const std::vector<Report>& reports) {
   std::vector<std::string> lines;
-  lines.push_back(Print("%-16s %-6s %-4s %10s %12s %12s %10s %8s %8s", "SOURCE", "INPUT", "DATA", "MESSAGES", "BYTES",
+  lines.push_back(Print("%-10s %-6s %-4s %8s %11s %11s %8s %7s %6s", "SOURCE", "INPUT", "DATA", "MESSAGES", "BYTES",
                         "RECEIVED", "OK", "CORRUPT", "KBIT/S"));
   for (const Report& report : reports) {
     const SourceSettings& settings = *report.settings;
     const MDATA_SRC_STATS& statistics = report.statistics;
-    lines.push_back(Print("%-16s %-6s %-4s %10llu %12llu %12lu %10lu %8lu %8u", settings.name.c_str(),
+    lines.push_back(Print("%-10s %-6s %-4s %8llu %11llu %11lu %8lu %7lu %6u", settings.name.c_str(),
                           settings.input.c_str(), settings.data.c_str(),
                           static_cast<unsigned long long>(report.counters.messages),
                           static_cast<unsigned long long>(report.counters.bytes), statistics.nRxBytes,
