@@ -1,0 +1,65 @@
+#!/usr/bin/env python3
+"""Rewritten ST 0601 messages, read by an independent decoder."""
+import struct
+import subprocess
+
+import road
+from road import Road, items, recording, split_messages
+
+PORT = 15621
+PLAIN = f"[plain]\ninput = udp\nport = {PORT}\nfamily = ipv4\n"
+REWRITTEN = (f"[out]\ninput = udp\nport = {PORT + 1}\nfamily = ipv4\nkeep_tags = 2, 13, 14, 65\n"
+             "mission_id = MISSION 12\nclassification = secret\nclassifying_country = USA\nobject_country = USA\n")
+SECURITY = bytes.fromhex("010104" "020102") + b"\x03\x05//USA" + bytes.fromhex("0C0102" "0D06005500530041" "1602000B")
+
+
+class Rewriting(Road):
+    def setUp(self):
+        super().setUp()
+        self.path = recording("recorded_flight.klv")
+
+    def run_recording(self, config, port):
+        self.encoder(config, ports=[port])
+        self.feed("klv", "--file", self.path, "--udp", f"127.0.0.1:{port}", "--rate", "800")
+
+    @staticmethod
+    def expected(before):
+        """What stays, with the inserts in place of what they replace and behind it where there was none."""
+        inserts = {3: b"MISSION 12", 48: SECURITY}
+        replaced = [(tag, inserts.get(tag, value)) for tag, value in items(before) if tag in (2, 3, 13, 14, 48, 65)]
+        present = {tag for tag, _ in replaced}
+        return replaced + [(tag, inserts[tag]) for tag in (3, 48) if tag not in present]
+
+    def test_kept_tags_identifier_and_security_set_are_all_there_is(self):
+        if self.path is None:
+            return
+        self.run_recording(REWRITTEN, PORT + 1)
+        self.settle("out", 407)
+        self.stop()
+        received = split_messages(self.path.read_bytes())
+        for before, after in zip(received, self.delivered("out")):
+            self.assertEqual(items(after)[:-1], self.expected(before))
+            self.assertEqual(items(after)[-1][0], 1)
+            self.assertEqual(road.checksum(after[:-2]), struct.unpack(">H", after[-2:])[0])
+
+    def test_with_nothing_to_change_the_messages_stay_what_they_were(self):
+        if self.path is None:
+            return
+        self.run_recording(f"[out]\ninput = udp\nport = {PORT + 2}\nfamily = ipv4\nkeep_tags = 0-127\n", PORT + 2)
+        self.settle("out", 407)
+        self.stop()
+        self.assertEqual(self.delivered("out"), split_messages(self.path.read_bytes()))
+
+    def test_ffmpeg_carries_the_rewritten_stream(self):
+        if self.path is None:
+            return
+        self.run_recording(REWRITTEN, PORT + 1)
+        self.settle("out", 407)
+        self.stop()
+        stream = self.folder / "out.klv"
+        carried = subprocess.run(["ffmpeg", "-v", "error", "-f", "data", "-i", stream, "-map", "0", "-c", "copy", "-f",
+                                  "data", "-"], capture_output=True, check=True).stdout
+        self.assertEqual(carried, stream.read_bytes())
+
+
+road.main()
