@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "fake_impl.h"
@@ -211,7 +212,7 @@ ssize_t __wrap_recvmsg(int fd, struct msghdr* message, int flags) {
   if (message->msg_name != nullptr) memcpy(message->msg_name, &from, std::min(message->msg_namelen, length));
   message->msg_namelen = length;
   const size_t taken = std::min(message->msg_iov[0].iov_len, datagram.bytes.size());
-  memcpy(message->msg_iov[0].iov_base, datagram.bytes.data(), taken);
+  std::copy_n(datagram.bytes.begin(), taken, static_cast<BYTE*>(message->msg_iov[0].iov_base));
   const Bytes control = Control(datagram.info, from.ss_family == AF_INET6);
   const size_t given = message->msg_control == nullptr ? 0 : std::min<size_t>(message->msg_controllen, control.size());
   if (given != 0) memcpy(message->msg_control, control.data(), given);

@@ -4,6 +4,7 @@
 #include <stdarg.h>
 #include <strings.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "fake_impl.h"
@@ -417,7 +418,7 @@ BOOL KLVCAPTURE_GetKLV(int iFD, BYTE* pcData, int* pnLength, UINT64* pnTimeStamp
   const QueuedKLV packet = queue.front();
   queue.pop_front();
   const size_t room = static_cast<size_t>(*pnLength);
-  memcpy(pcData, packet.bytes.data(), std::min(room, packet.bytes.size()));
+  std::copy_n(packet.bytes.begin(), std::min(room, packet.bytes.size()), pcData);
   *pnLength = packet.length.value_or(static_cast<int>(packet.bytes.size()));
   *pnTimeStamp = packet.timestamp;
   return TRUE;
