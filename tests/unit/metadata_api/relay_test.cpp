@@ -160,6 +160,10 @@ TEST_F(RelaySocketTest, FirstByteFrom224IsMulticast) {
   ExpectOnlyOption(Socket(0), IPPROTO_IP, IP_MULTICAST_TTL, 16);
   m_record.Config.nNumOfRelays = 0;
   close(Relayer(0).iRelaySocket);
+  AddAndCreate({255, 255, 255, 255}, 16);
+  ExpectOnlyOption(Socket(0), IPPROTO_IP, IP_MULTICAST_TTL, 16);
+  m_record.Config.nNumOfRelays = 0;
+  close(Relayer(0).iRelaySocket);
   AddAndCreate({223, 0, 0, 1}, 16);
   ExpectOnlyOption(Socket(0), IPPROTO_IP, IP_TTL, 16);
 }
