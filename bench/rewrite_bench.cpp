@@ -23,8 +23,8 @@ std::vector<BYTE> MakeMessage() {
   };
   Put(2, 8);
   Put(3, 12);
-  for (BYTE Tag : {5, 6, 7, 15, 16, 17, 22, 25, 26, 27, 28, 29}) Put(Tag, 2);
-  for (BYTE Tag : {13, 14, 18, 19, 20, 21, 23, 24, 40, 41}) Put(Tag, 4);
+  for (const int nTag : {5, 6, 7, 15, 16, 17, 22, 25, 26, 27, 28, 29}) Put(static_cast<BYTE>(nTag), 2);
+  for (const int nTag : {13, 14, 18, 19, 20, 21, 23, 24, 40, 41}) Put(static_cast<BYTE>(nTag), 4);
   Put(48, 28);
   Put(65, 1);
   Put(1, 2);
