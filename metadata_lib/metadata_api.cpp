@@ -35,6 +35,7 @@
 
 #include "md_atomic.h"
 #include "md_guard.h"
+#include "misb0601_tools.h"
 
 #define MD_MODULE "metadata_api"
 #include "md_log.h"
@@ -77,7 +78,6 @@ pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr int kSerialLockTries = 20;        // one millisecond each
 static constexpr int kLogHoldOffSecs = 4;          // repeated failures: a log line when more than this has passed
-static constexpr int kUASKeySize = 16;             // bytes of UASDataLinkKey
 static constexpr int kSmallestUASMessage = 20;     // key, length and one element
 static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet stays below
 static constexpr BYTE _acAnyAddress[16] = {};      // the IPv6 "any" address

@@ -464,6 +464,28 @@ TEST_F(StatsTest, CallsHoldTheLibrarysMutex) {
   EXPECT_TRUE(done);
 }
 
+TEST_F(StatsTest, SenderIsNeverTornWhileTheThreadReceives) {
+  OpenSource(NetworkConfig());
+  host().SetLevel("METADATALIB", 5);
+  for (int i = 0; i < 500; ++i)
+    host().FeedDatagram(m_source->iFD, {1}, {.from = i % 2 == 0 ? "10.10.10.10" : "20.20.20.20"});
+  std::atomic<bool> done = false;
+  std::thread reader([&] {
+    while (!done) {
+      MDATA_SRC_STATS stats = {};
+      EXPECT_TRUE(MetaData_GetSourceStats(m_source, &stats));
+      const BYTE* address = stats.in.Network.SourceAddress;
+      for (int i = 1; i < 4; ++i) EXPECT_EQ(address[i], address[0]);
+      EXPECT_LE(stats.nRxOkMessages, 500u);
+    }
+  });
+  host().PassUntilIdle();
+  done = true;
+  reader.join();
+  Get();
+  EXPECT_EQ(m_stats.nRxOkMessages, 500u);
+}
+
 TEST_F(StatsTest, NothingIsLogged) {
   OpenSource(NetworkConfig());
   const size_t lines = host().Logs().size();
