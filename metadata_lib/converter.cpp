@@ -1,0 +1,1623 @@
+// The Cursor-on-Target converter: pairs of aircraft and sensor-point events become UAS Local Set packets.
+//
+// Contents
+//   1. Numbers             text to double whatever the locale, rounding, byte order
+//   2. XML text            slices and attributes by substring search
+//   3. Times
+//   4. Packets             start, items, checksum
+//   5. Geoid grid          load, interpolation
+//   6. Aircraft events
+//   7. Sensor-point events
+//   8. Discovered sensors
+//   9. Pending messages    list, matching
+//  10. Closing a packet
+//  11. Conversion of an event
+//  12. Instances and statistics
+#include "converter.h"
+
+#include <errno.h>
+#include <float.h>
+#include <limits.h>
+#include <locale.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <sys/time.h>
+
+#include "md_atomic.h"
+#include "md_guard.h"
+
+#define MD_MODULE "converter"
+#define MD_DEBUG_HANDLE g_hCoTConvDbg
+#include "md_log.h"
+
+// =====================================================================================================
+// 1. Numbers. Any thread; the only state is the "C" locale, made once, so that a number's point is a point whatever
+//    locale the encoder has chosen.
+// =====================================================================================================
+
+static pthread_once_t _g_LocaleOnce = PTHREAD_ONCE_INIT;
+static locale_t _g_CLocale = nullptr;  // written once
+
+static void _MakeLocale() {
+  _g_CLocale = newlocale(LC_ALL_MASK, "C", nullptr);
+}
+
+static locale_t _CLocale() {
+  pthread_once(&_g_LocaleOnce, _MakeLocale);
+  return _g_CLocale;
+}
+
+// Like atof: text that is no number is 0.
+static double _TextToDouble(const char* szText) {
+  const locale_t hLocale = _CLocale();
+  return hLocale != nullptr ? strtod_l(szText, nullptr, hLocale) : strtod(szText, nullptr);
+}
+
+static float _TextToFloat(const char* szText) {
+  const locale_t hLocale = _CLocale();
+  return hLocale != nullptr ? strtof_l(szText, nullptr, hLocale) : strtof(szText, nullptr);
+}
+
+static float _ToFloat(double value) {
+  if (value > static_cast<double>(FLT_MAX)) return __builtin_inff();
+  if (value < -static_cast<double>(FLT_MAX)) return -__builtin_inff();
+  return static_cast<float>(value);
+}
+
+// FALSE for what is no number, too.
+static bool _InRange(double value, double low, double high) {
+  return value >= low && value <= high;
+}
+
+// Half away from zero. The caller has bounded the value.
+static int64_t _Round(double value) {
+  return static_cast<int64_t>(value >= 0 ? value + 0.5 : value - 0.5);
+}
+
+static uint32_t _RoundU32(double value) {
+  const int64_t nRounded = _Round(value);
+  return nRounded > int64_t{UINT32_MAX} ? UINT32_MAX : static_cast<uint32_t>(nRounded);
+}
+
+uint16_t SWAP16(uint16_t value) {
+  return __builtin_bswap16(value);
+}
+
+uint32_t SWAP32(uint32_t value) {
+  return __builtin_bswap32(value);
+}
+
+uint64_t SWAP64(uint64_t value) {
+  return __builtin_bswap64(value);
+}
+
+// =====================================================================================================
+// 2. XML text. Metadata thread. No tree is built: plain substring searches on a terminated text, no state.
+// =====================================================================================================
+
+namespace {
+
+// Terminated copy of an attribute's value.
+class CotText {
+ public:
+  explicit CotText(const char (&value)[kCotValueSize]) {
+    memcpy(m_text, value, kCotValueSize);
+    m_text[kCotValueSize] = '\0';
+  }
+  const char* Get() const { return m_text; }
+
+ private:
+  char m_text[kCotValueSize + 1];
+};
+
+// A stretch of the event's text.
+struct Slice {
+  const char* pText = nullptr;
+  uint32_t nLength = 0;
+};
+
+}  // namespace
+
+static constexpr uint32_t kShortestText = 10;
+
+// KEPT: the markers are searched up to the end of the text, not of the slice; every success says "event end".
+CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const char* startTag, const char* endTag,
+                                  const char** pSlice, uint32_t* sliceLen) {
+  *sliceLen = 0;
+  if (pInBuf == nullptr || startTag == nullptr || endTag == nullptr || inBufLen < kShortestText) {
+    MD_LOG(3, "invalid input\n");
+    return CVT_COTKLV_STATUS_INVALID_INPUT;
+  }
+  const char* pStart = strstr(pInBuf, startTag);
+  if (pStart == nullptr) {
+    MD_LOG(7, "slice %s not found\n", startTag);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  *pSlice = pStart;
+  const char* pEnd = strstr(pStart, endTag);
+  if (pEnd == nullptr) {
+    MD_LOG(4, "slice %s not found\n", endTag);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  *sliceLen = static_cast<uint32_t>(pEnd - pStart);
+  if (*sliceLen > inBufLen) {
+    MD_LOG(3, "found slice, but length is out of buffer\n");
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  MD_LOG(7, "Found event end: sliceLen = 0x%x\n", *sliceLen);
+  return CVT_COTKLV_STATUS_OK;
+}
+
+// KEPT: the name is bare text that also hits inside a longer word, a hit exactly inBufLen characters in counts, and only
+// double quotes are quotes.
+CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen, cvtCotField* pCotField) {
+  if (pCotField != nullptr) pCotField->flag = 0;
+  if (pInBuf == nullptr || pCotField == nullptr || inBufLen < static_cast<int32_t>(kShortestText)) {
+    MD_LOG(3, "invalid input\n");
+    return CVT_COTKLV_STATUS_INVALID_INPUT;
+  }
+  const char* pHit = strstr(pInBuf, pCotField->name);
+  if (pHit == nullptr) {
+    MD_LOG(3, "field %s not found\n", pCotField->name);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  if (pHit - pInBuf > inBufLen) {
+    MD_LOG(3, "field %s out of slice. \n", pCotField->name);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  const char* pOpen = strchr(pHit, '"');
+  if (pOpen == nullptr) {
+    MD_LOG(3, "field %s not found open \"\n", pCotField->name);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  const char* pClose = strchr(pOpen + 1, '"');
+  if (pClose == nullptr) {
+    MD_LOG(3, "field %s not found close \"\n", pCotField->name);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  const size_t nLength = static_cast<size_t>(pClose - pOpen - 1);
+  if (nLength > kCotValueSize) {
+    MD_LOG(3, "field %s found invalid value length 0x%x\n", pCotField->name, static_cast<UINT>(nLength));
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  memcpy(pCotField->valueStr, pOpen + 1, nLength);
+  if (nLength < kCotValueSize) pCotField->valueStr[nLength] = '\0';
+  pCotField->valueLen = static_cast<int32_t>(nLength);
+  pCotField->flag = 1;
+  return CVT_COTKLV_STATUS_OK;
+}
+
+// Looks one attribute up into a scratch copy of its table row. Only fills *pField's row when it fails.
+static bool _FindField(const Slice& slice, const cvtCotField& row, cvtCotField* pField) {
+  *pField = row;
+  xml_getCotFieldInTagSlice(slice.pText, static_cast<int32_t>(slice.nLength), pField);
+  if (pField->flag != 1) return false;
+  MD_LOG(7, "Found cotField: name = %s\n", pField->name);
+  return true;
+}
+
+static bool _FindSlice(const Slice& whole, const char* szStart, const char* szEnd, Slice* pSlice) {
+  return xml_getTagSlice(whole.pText, whole.nLength, szStart, szEnd, &pSlice->pText, &pSlice->nLength) ==
+         CVT_COTKLV_STATUS_OK;
+}
+
+// =====================================================================================================
+// 3. Times. Metadata thread; ConvertTimeString on any. No state but the process's time zone.
+// =====================================================================================================
+
+// The decimal number in a group of characters; 0 where the text ends before it.
+static int _DateGroup(const char* szText, size_t nTextLength, size_t nOffset, size_t nLength) {
+  char szGroup[8] = "0000000";
+  if (nOffset >= nTextLength) return 0;
+  if (nLength > nTextLength - nOffset) nLength = nTextLength - nOffset;
+  memcpy(szGroup, szText + nOffset, nLength);
+  szGroup[nLength] = '\0';
+  return static_cast<int>(strtol(szGroup, nullptr, 10));
+}
+
+// YYYY-MM-DDTHH:MM:SS by position; what stands between the groups does not matter.
+int cvt_strptime(const char* timeStr, struct tm* pTm) {
+  memset(pTm, 0, sizeof *pTm);
+  const size_t nLength = strlen(timeStr);
+  const int nYear = _DateGroup(timeStr, nLength, 0, 4);
+  const int nMonth = _DateGroup(timeStr, nLength, 5, 2);
+  const int nDay = _DateGroup(timeStr, nLength, 8, 2);
+  const int nHour = _DateGroup(timeStr, nLength, 11, 2);
+  const int nMinutes = _DateGroup(timeStr, nLength, 14, 2);
+  const int nSeconds = _DateGroup(timeStr, nLength, 17, 2);
+  if (nYear < 1900) return -1;
+  if (nMonth < 1 || nMonth > 12) return -1;
+  if (nDay < 1 || nDay > 31) return -1;
+  if (nHour < 0 || nHour > 23) return -1;
+  if (nMinutes < 0 || nMinutes > 59) return -1;
+  if (nSeconds < 0 || nSeconds > 60) return -1;  // 60 is a leap second
+  pTm->tm_year = nYear - 1900;
+  pTm->tm_mon = nMonth - 1;
+  pTm->tm_mday = nDay;
+  pTm->tm_hour = nHour;
+  pTm->tm_min = nMinutes;
+  pTm->tm_sec = nSeconds;
+  return 0;
+}
+
+// KEPT: the fraction is the two characters after the point read as hundredths (".5Z" is 50 ms), and the time is local
+// whatever follows it.
+int cvt_getUSecsFromTimeStr(const char* timeStr, uint64_t* uSecs) {
+  struct tm Tm;
+  int nHundredths = 0;
+  const char* pPoint = strchr(timeStr, '.');
+  if (pPoint != nullptr) {
+    if (pPoint - timeStr > 20) {
+      MD_LOG(3, "str is too long, len = 0x%x\n", static_cast<UINT>(pPoint - timeStr));
+      return -1;
+    }
+    if (cvt_strptime(timeStr, &Tm) != 0) {
+      MD_LOG(3, "failed in cvt_strptime() with decimal!\n");
+      return -1;
+    }
+    nHundredths = _DateGroup(pPoint, strlen(pPoint), 1, 2);
+  } else if (cvt_strptime(timeStr, &Tm) != 0) {
+    MD_LOG(3, "failed in cvt_strptime()!\n");
+    return -1;
+  }
+  const time_t nSeconds = mktime(&Tm);
+  if (nSeconds == -1) {
+    MD_LOG(3, "failed in mktime()\n");
+    return -1;
+  }
+  const int64_t nMicroseconds = int64_t{nSeconds} * 1000000 + int64_t{nHundredths} * 10000;
+  *uSecs = SWAP64(static_cast<uint64_t>(nMicroseconds));
+  return 0;
+}
+
+// KEPT: the month is not reduced by one, and the year by 1970 instead of 1900. The result orders times, no more.
+void ConvertTimeString(const char* szTime, struct timeval* pOutTime) {
+  int nYear = 0;
+  int nMonth = 0;
+  int nDay = 0;
+  int nHour = 0;
+  int nMinutes = 0;
+  int nSeconds = 0;
+  int nHundredths = 0;
+  (void)sscanf(szTime, "%04d-%02d-%02dT%02d:%02d:%02d.%02dZ", &nYear, &nMonth, &nDay, &nHour, &nMinutes, &nSeconds,
+               &nHundredths);
+  struct tm Tm;
+  memset(&Tm, 0, sizeof Tm);
+  Tm.tm_sec = nSeconds;
+  Tm.tm_min = nMinutes;
+  Tm.tm_hour = nHour;
+  Tm.tm_mday = nDay;
+  Tm.tm_mon = nMonth;
+  Tm.tm_year = nYear - 1970;
+  pOutTime->tv_sec = mktime(&Tm);
+  pOutTime->tv_usec = nHundredths * 10000;
+  MD_LOG(7, "RECONSTITUTED TIME=%04d-%02d-%02dT%02d:%02d:%02d.%02dZ.\n", nYear, Tm.tm_mon, Tm.tm_mday, Tm.tm_hour,
+         Tm.tm_min, Tm.tm_sec, nHundredths);
+  MD_LOG(7, "Resulting time %lu sec,%lu usecs.\n", static_cast<unsigned long>(pOutTime->tv_sec),
+         static_cast<unsigned long>(pOutTime->tv_usec));
+}
+
+// =====================================================================================================
+// 4. Packets. Metadata thread. A packet grows in place in its message's buffer.
+// =====================================================================================================
+
+const BYTE klvLDS16BytesKeySet[kCvtKeySize] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01,
+                                               0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00, 0x00};
+
+BOOL _g_bAllItemsSupport = TRUE;
+
+// Tags of the local set that the packet's own layout knows.
+static constexpr uint8_t kTagChecksum = 1;
+static constexpr uint8_t kTagTimeStamp = 2;
+
+void cvt_resetVariables(CONVERTER_INSTANCE_DATA* pInstance) {
+  pInstance->a_course = kCvtAngleNotSet;
+  pInstance->a_roll = kCvtAngleNotSet;
+  pInstance->a_pitch = kCvtAngleNotSet;
+  pInstance->s_azimuth = kCvtAngleNotSet;
+  pInstance->s_elevation = kCvtAngleNotSet;
+  pInstance->s_roll = kCvtAngleNotSet;
+}
+
+CVT_COTKLV_STATUS cvt_initXmlMsg(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
+  pXmlMsg->pBuffer = nullptr;
+  if (!DoAllocBuffer(kCvtBufferSize, &pXmlMsg->pBuffer)) {
+    pXmlMsg->pKlvPacket = nullptr;
+    MD_LOG(3, "malloc() failed !\n");
+    return CVT_COTKLV_STATUS_MALLOC_FAIL;
+  }
+  pXmlMsg->pBuffer->pcData += kCvtHeadroom;
+  pXmlMsg->pKlvPacket = pXmlMsg->pBuffer->pcData;
+  pXmlMsg->tmStampFlag = 0;
+  pXmlMsg->freePktMemFlag = 1;
+  memset(pXmlMsg->matchStr, '0', sizeof pXmlMsg->matchStr);
+  memcpy(pXmlMsg->pKlvPacket, klvLDS16BytesKeySet, kCvtKeySize);
+  pXmlMsg->curKlvLen = kCvtFirstItemOffset;
+  pXmlMsg->pNext = nullptr;
+  // KEPT: only with the option; angles of an older pair must not meet this one.
+  if (_g_bAllItemsSupport) cvt_resetVariables(pInstance);
+  return CVT_COTKLV_STATUS_OK;
+}
+
+// KEPT: only the current length is checked, not the item's; kCvtPacketSize has the room. Tags may repeat.
+CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* pKlvItem, cvtXmlMsg* pXmlMsg) {
+  if (pKlvItem == nullptr || pXmlMsg->pKlvPacket == nullptr) {
+    MD_LOG(3, "invalid input !\n");
+    return CVT_COTKLV_STATUS_INVALID_INPUT;
+  }
+  if (pXmlMsg->curKlvLen >= kCvtFullLength) {
+    MD_LOG(3, "curKlvLen is too big: 0x%x !\n", static_cast<UINT>(pXmlMsg->curKlvLen));
+    return CVT_COTKLV_STATUS_INVALID_INPUT;
+  }
+  const bool bTimeStamp = pKlvItem->key == kTagTimeStamp;
+  BYTE* pcItem = pXmlMsg->pKlvPacket + (bTimeStamp ? kCvtTimeStampOffset : pXmlMsg->curKlvLen);
+  pcItem[0] = pKlvItem->key;
+  pcItem[1] = pKlvItem->length;
+  memcpy(pcItem + 2, &pKlvItem->value, pKlvItem->length);
+  if (bTimeStamp)
+    pXmlMsg->tmStampFlag = 1;
+  else
+    pXmlMsg->curKlvLen += 2 + pKlvItem->length;
+  return CVT_COTKLV_STATUS_OK;
+}
+
+uint16_t get_checksum_u16(const BYTE* pData, int nLength) {
+  unsigned nSum = 0;
+  for (int i = 0; i < nLength; ++i) nSum += static_cast<unsigned>(pData[i]) << (i % 2 == 0 ? 8 : 0);
+  return SWAP16(static_cast<uint16_t>(nSum));
+}
+
+// =====================================================================================================
+// 5. Geoid grid: EGM96, 15 minutes. Loaded and freed on the encoder's thread that starts and stops the library, read by
+//    the metadata thread in between.
+// =====================================================================================================
+
+float* _g_pGrid = nullptr;
+
+namespace {
+
+// Reads numbers out of a file like a "%f" scan does, from large blocks.
+class NumberReader {
+ public:
+  enum class Result { kNumber, kNoNumber, kEndOfFile };
+
+  explicit NumberReader(FILE* fp) : m_fp(fp), m_pNext(m_block), m_pEnd(m_block) {}
+
+  // The next number. Text that is no number stops the reader: nothing more is consumed, every call says so again.
+  Result Next(float* pValue);
+
+ private:
+  // Digits, sign and exponent of a number that the fast way does not take.
+  struct Parts;
+
+  static constexpr int kLookAhead = 40;  // longest run of blanks and digits the fast way looks at
+
+  bool Fast(float* pValue);
+  bool Slow(float* pValue);
+  bool Word(const char* szRest);
+  bool Special(bool bNegative, float* pValue);
+  void Digits(Parts* pParts);
+  void Exponent(Parts* pParts);
+  void Refill();
+  int Peek();
+  void Skip() { ++m_pNext; }
+
+  FILE* m_fp;
+  const char* m_pNext;
+  const char* m_pEnd;
+  bool m_bEnd = false;   // the file has no more
+  bool m_bStop = false;  // at text that is no number
+  char m_block[32768];
+};
+
+struct NumberReader::Parts {
+  static constexpr int kMost = 160;  // more than any midpoint between two floats has, decimal or hexadecimal
+  char digits[kMost + 1];
+  int nDigits = 0;
+  int64_t nExponent = 0;  // of the digits as a whole number
+  bool bHex = false;
+  bool bAny = false;     // a digit, zero included
+  bool bBeyond = false;  // a point or exponent mark
+};
+
+bool IsBlank(int c) {
+  return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+bool IsDigit(int c) {
+  return c >= '0' && c <= '9';
+}
+
+int Lower(int c) {
+  return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c;
+}
+
+constexpr double kPowersOfTen[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,  1e8,  1e9,
+                                   1e10, 1e11, 1e12, 1e13, 1e14, 1e15, 1e16, 1e17, 1e18, 1e19};
+
+// nDigits / 10^nPlaces as the nearest float; FALSE when that needs more than one division. Below 2^53 the quotient is the
+// nearest double, and only a double halfway between two floats leaves the float open.
+bool Quotient(uint64_t nDigits, int nPlaces, float* pValue) {
+  if (nDigits >= uint64_t{1} << 53) return false;
+  const double value = static_cast<double>(nDigits) / kPowersOfTen[nPlaces];
+  uint64_t nBits;
+  memcpy(&nBits, &value, sizeof nBits);
+  if ((nBits & 0x1FFFFFFF) == 0x10000000) return false;
+  *pValue = static_cast<float>(value);
+  return true;
+}
+
+}  // namespace
+
+void NumberReader::Refill() {
+  const size_t nKept = static_cast<size_t>(m_pEnd - m_pNext);
+  memmove(m_block, m_pNext, nKept);
+  const size_t nRead = fread(m_block + nKept, 1, sizeof m_block - nKept, m_fp);
+  if (nRead == 0) m_bEnd = true;
+  m_pNext = m_block;
+  m_pEnd = m_block + nKept + nRead;
+}
+
+// The next character, -1 at the end of the file.
+int NumberReader::Peek() {
+  if (m_pNext == m_pEnd && !m_bEnd) Refill();
+  return m_pNext == m_pEnd ? -1 : static_cast<unsigned char>(*m_pNext);
+}
+
+// A plain number of at most 18 digits that ends at a blank, within the block. Consumes nothing when it declines.
+bool NumberReader::Fast(float* pValue) {
+  if (m_pEnd - m_pNext < kLookAhead) {
+    if (!m_bEnd) Refill();
+    if (m_pEnd - m_pNext < kLookAhead) return false;
+  }
+  const char* p = m_pNext;
+  const char* pLast = m_pNext + kLookAhead - 22;  // sign, 18 digits, point and blank still fit
+  while (IsBlank(*p)) {
+    if (++p == pLast) return false;
+  }
+  const bool bNegative = *p == '-';
+  if (bNegative) ++p;
+  const char* pFirst = p;
+  uint64_t nDigits = 0;
+  const char* pLimit = p + 19;
+  while (IsDigit(*p) && p < pLimit) nDigits = nDigits * 10 + static_cast<unsigned>(*p++ - '0');
+  int nPlaces = 0;
+  bool bPoint = false;
+  if (*p == '.') {
+    bPoint = true;
+    const char* pPoint = ++p;
+    while (IsDigit(*p) && p < pLimit) nDigits = nDigits * 10 + static_cast<unsigned>(*p++ - '0');
+    nPlaces = static_cast<int>(p - pPoint);
+  }
+  if (p - pFirst <= (bPoint ? 1 : 0) || !IsBlank(*p)) return false;
+  if (!Quotient(nDigits, nPlaces, pValue)) return false;
+  if (bNegative) *pValue = -*pValue;
+  m_pNext = p;
+  return true;
+}
+
+// Consumes the given rest of a word, in either case.
+bool NumberReader::Word(const char* szRest) {
+  for (; *szRest != '\0'; ++szRest, Skip()) {
+    if (Lower(Peek()) != *szRest) return false;
+  }
+  return true;
+}
+
+// "nan", "inf" and "infinity".
+bool NumberReader::Special(bool bNegative, float* pValue) {
+  if (Lower(Peek()) == 'n') {
+    if (!Word("nan")) return false;
+    *pValue = __builtin_nanf("");
+  } else {
+    if (!Word("inf")) return false;
+    if (Lower(Peek()) == 'i' && !Word("inity")) return false;
+    *pValue = __builtin_inff();
+  }
+  if (bNegative) *pValue = -*pValue;
+  return true;
+}
+
+// Digits around at most one point. Digits beyond those kept only leave a trace, which is all that rounding needs.
+void NumberReader::Digits(Parts* pParts) {
+  bool bPoint = false;
+  for (;; Skip()) {
+    const int c = Lower(Peek());
+    if (c == '.' && !bPoint) {
+      bPoint = true;
+      pParts->bBeyond = true;
+      continue;
+    }
+    if (!IsDigit(c) && !(pParts->bHex && c >= 'a' && c <= 'f')) return;
+    pParts->bAny = true;
+    const int64_t nStep = pParts->bHex ? 4 : 1;
+    if (pParts->nDigits < Parts::kMost) {
+      if (c != '0' || pParts->nDigits != 0) pParts->digits[pParts->nDigits++] = static_cast<char>(c);
+      if (bPoint) pParts->nExponent -= nStep;
+    } else {
+      if (c != '0') pParts->digits[Parts::kMost - 1] = '1';
+      if (!bPoint) pParts->nExponent += nStep;
+    }
+  }
+}
+
+// An exponent mark without digits is consumed and counts for nothing, as the C library's scan has it.
+void NumberReader::Exponent(Parts* pParts) {
+  if (Lower(Peek()) != (pParts->bHex ? 'p' : 'e')) return;
+  Skip();
+  pParts->bBeyond = true;
+  const bool bNegative = Peek() == '-';
+  if (bNegative || Peek() == '+') Skip();
+  int64_t nExponent = 0;
+  for (; IsDigit(Peek()); Skip()) {
+    if (nExponent < 100000000000000) nExponent = nExponent * 10 + (Peek() - '0');
+  }
+  pParts->nExponent += bNegative ? -nExponent : nExponent;
+}
+
+// Any number at all.
+bool NumberReader::Slow(float* pValue) {
+  const bool bNegative = Peek() == '-';
+  if (bNegative || Peek() == '+') Skip();
+  if (Lower(Peek()) == 'n' || Lower(Peek()) == 'i') return Special(bNegative, pValue);
+  Parts parts;
+  if (Peek() == '0') {
+    Skip();
+    parts.bAny = true;
+    if (Lower(Peek()) == 'x') {
+      Skip();
+      parts.bHex = true;
+      parts.bAny = false;
+    }
+  }
+  Digits(&parts);
+  if (!parts.bAny && !parts.bHex) return false;
+  Exponent(&parts);
+  if (!parts.bAny && !parts.bBeyond) return false;  // "0x" alone
+  if (!parts.bAny) parts.nDigits = 0;
+  int64_t nExponent = parts.nExponent;
+  if (nExponent > 99999) nExponent = 99999;
+  if (nExponent < -99999) nExponent = -99999;
+  char szNumber[Parts::kMost + 32];
+  parts.digits[parts.nDigits] = '\0';
+  snprintf(szNumber, sizeof szNumber, "%s%s0%s%c%d", bNegative ? "-" : "", parts.bHex ? "0x" : "", parts.digits,
+           parts.bHex ? 'p' : 'e', static_cast<int>(nExponent));
+  *pValue = _TextToFloat(szNumber);
+  return true;
+}
+
+NumberReader::Result NumberReader::Next(float* pValue) {
+  if (m_bStop) return Result::kNoNumber;
+  if (Fast(pValue)) return Result::kNumber;
+  while (IsBlank(Peek())) Skip();
+  if (Peek() == -1) return Result::kEndOfFile;
+  if (Slow(pValue)) return Result::kNumber;
+  m_bStop = true;
+  return Result::kNoNumber;
+}
+
+static void _ReadAllItemsOption() {
+  char szValue[40] = "";
+  int nSize = sizeof szValue;
+  CfgFile_GetStringValue("/etc/hostos.ini", "CursorOnTarget", "AllItemsSupport", szValue, &nSize, "Yes");
+  _g_bAllItemsSupport = strcasecmp(szValue, "Yes") == 0;
+  if (_g_bAllItemsSupport)
+    MD_LOG(5, "Support of additionnal CoT items enabled.\n");
+  else
+    MD_LOG(6, "Support of additionnal CoT items disabled.\n");
+}
+
+// Tells the host's watch that this thread is reading, not hanging.
+static void _ReportProgress(UINT nPercent) {
+  __SetThreadPausedState(FALSE);
+  __SetThreadIterations(nPercent);
+  __SetThreadPausedState(TRUE);
+}
+
+// Fills the grid. The number of values read; fewer than all when the file ended.
+static int _ReadGrid(FILE* fp, float* pGrid) {
+  NumberReader reader(fp);
+  UINT nPercent = 0;
+  int nNextReport = 0;
+  for (int nRead = 0; nRead < kGridValues;) {
+    // KEPT: nothing is skipped, and text that is no number goes unnoticed: the slots keep their zeros.
+    if (reader.Next(&pGrid[nRead]) == NumberReader::Result::kEndOfFile) return nRead;
+    ++nRead;
+    if (nRead < nNextReport) continue;
+    const UINT nNow = static_cast<UINT>(int64_t{nRead} * 100 / kGridValues);
+    if (nNow != nPercent) _ReportProgress(nPercent = nNow);
+    nNextReport = static_cast<int>((int64_t{nNow + 1} * kGridValues + 99) / 100);
+  }
+  return kGridValues;
+}
+
+static float* _LoadGrid(FILE* fp) {
+  MD_LOG(7, "Allocating memory block of %d bytes for data grid.\n", static_cast<int>(kGridValues * sizeof(float)));
+  float* pGrid = static_cast<float*>(calloc(kGridValues, sizeof(float)));
+  if (pGrid == nullptr) {
+    MD_LOG(3, "malloc() failed !\n");
+    return nullptr;
+  }
+  MD_LOG(7, "Memory allocated OK, reading grid data.\n");
+  struct timeval Start = {};
+  gettimeofday(&Start, nullptr);
+  __SetThreadPausedState(TRUE);
+  const int nRead = _ReadGrid(fp, pGrid);
+  __SetThreadPausedState(FALSE);
+  if (nRead < kGridValues) {
+    MD_LOG(3, "fscanf %d number (unexpected finished earlier)!\n", nRead);
+    free(pGrid);
+    return nullptr;
+  }
+  struct timeval End = {};
+  struct timeval Elapsed = {};
+  gettimeofday(&End, nullptr);
+  CalcTimeOfDayDiff(&Start, &End, &Elapsed);
+  MD_LOG(6, "Grid init done (loaded in %d.%06d secs).\n", static_cast<int>(Elapsed.tv_sec),
+         static_cast<int>(Elapsed.tv_usec));
+  return pGrid;
+}
+
+int init_ww15mgh_grd(void) {
+  _ReadAllItemsOption();
+  free_ww15mgh_grd();
+  MD_LOG(6, "Opening grid file \"%s\".\n", kGridPath);
+  FILE* fp = fopen(kGridPath, "rb");
+  if (fp == nullptr) {
+    const int nError = errno;
+    MD_LOG(2, "Failed to open \"%s\", errno=%d \"%s\"\n", kGridPath, nError, strerror(nError));
+    return -1;
+  }
+  MD_LOG(7, "File \"%s\" opened.\n", kGridPath);
+  _g_pGrid = _LoadGrid(fp);
+  fclose(fp);
+  return _g_pGrid != nullptr ? 0 : -1;
+}
+
+void free_ww15mgh_grd(void) {
+  free(_g_pGrid);
+  _g_pGrid = nullptr;
+}
+
+int calcul_undulation(float inLat, float inLon, float* undulation) {
+  if (!(inLat >= -90 && inLat <= 90) || !(inLon >= 0 && inLon <= 360) || undulation == nullptr) {
+    MD_LOG(3, "invalid input argument!\n");
+    return -1;
+  }
+  if (_g_pGrid == nullptr) return -1;
+  const float y = (90.0f - inLat) / 0.25f;
+  const float x = inLon / 0.25f;
+  int r = static_cast<int>(y);
+  int c = static_cast<int>(x);
+  if (r > kGridRows - 2) r = kGridRows - 2;        // the South Pole: the last row from above
+  if (c > kGridColumns - 2) c = kGridColumns - 2;  // 360 E: the last column from the west
+  const double fy = static_cast<double>(y - static_cast<float>(r));
+  const double fx = static_cast<double>(x - static_cast<float>(c));
+  const float* pUpper = _g_pGrid + r * kGridColumns + c;
+  const float* pLower = pUpper + kGridColumns;
+  const double sum = (1 - fy) * (1 - fx) * static_cast<double>(pUpper[0]) +
+                     (1 - fy) * fx * static_cast<double>(pUpper[1]) + fy * (1 - fx) * static_cast<double>(pLower[0]) +
+                     fy * fx * static_cast<double>(pLower[1]);
+  *undulation = static_cast<float>(sum);
+  return 0;
+}
+
+// =====================================================================================================
+// 6. Aircraft events. Metadata thread. Items go into the pending message, angles into the instance.
+// =====================================================================================================
+
+// Scales from degrees and metres to the items' integers (MISB ST 0601), to the digits this system has always used.
+static constexpr double kScaleCourse = 182.04166667;                  // 65535/360
+static constexpr double kScalePitch = 1638.35;                        // 32767/20
+static constexpr double kScaleRoll = 655.34;                          // 32767/50
+static constexpr double kScaleLatitude = 23860929.41111111;           // 4294967294/180
+static constexpr double kScaleLongitude = 11930464.70555556;          // 4294967294/360
+static constexpr double kScaleAltitude = 3.2932161;                   // 65535/19900
+static constexpr double kScaleFieldOfView = 364.08333333;             // 65535/180
+static constexpr double kScaleRange = 858.993495;                     // 4294967295/5000000
+static constexpr double kScaleRelativeAngle = 11930464.70833333;      // 4294967295/360
+static constexpr double kScaleRelativeElevation = 11930464.70555556;  // 4294967294/360
+static constexpr double kSigmaToLE90 = 1.6448538;
+static constexpr double kSigmaToCE90 = 2.145966025;
+
+static constexpr uint16_t kOutOfRange16 = 0x8000;
+static constexpr uint32_t kOutOfRange32 = 0x80000000;
+static constexpr double kNotRead = -100000.0;
+
+namespace {
+
+// What the conversion of one event works on.
+struct Conversion {
+  CONVERTER_INSTANCE_DATA* pInstance;
+  cvtXmlMsg* pXmlMsg;
+  Slice event;
+  cvtKlvItem item;  // KEPT: one record serves the whole event, so an unparsable "start" repeats the time stamp
+  double lat = kNotRead;
+  double lon = kNotRead;
+  double hae = kNotRead;
+};
+
+}  // namespace
+
+static Conversion _StartConversion(CONVERTER_INSTANCE_DATA* pInstance, const char* pText, uint32_t nLength,
+                                   cvtXmlMsg* pXmlMsg) {
+  Conversion conversion;
+  conversion.pInstance = pInstance;
+  conversion.pXmlMsg = pXmlMsg;
+  conversion.event = {pText, nLength};
+  memset(&conversion.item, 0, sizeof conversion.item);
+  return conversion;
+}
+
+static void _Append(Conversion& conversion, int nKey, int nLength) {
+  conversion.item.key = static_cast<uint8_t>(nKey);
+  conversion.item.length = static_cast<uint8_t>(nLength);
+  cvt_addKlvItem(&conversion.item, conversion.pXmlMsg);
+}
+
+static void _AddEventItem(Conversion& conversion, int nKey, int nLength) {
+  MD_LOG(7, "Mapping KLV Item: key=%d (0x%x) length = 0x%x\n", nKey, static_cast<UINT>(nKey),
+         static_cast<UINT>(nLength));
+  _Append(conversion, nKey, nLength);
+}
+
+static void _AddItem(Conversion& conversion, int nKey, int nLength) {
+  MD_LOG(7, "Mapping KLV Item: key=0x%x, length=0x%x\n", static_cast<UINT>(nKey), static_cast<UINT>(nLength));
+  _Append(conversion, nKey, nLength);
+}
+
+// The low 16 bits.
+static void _AddItem16(Conversion& conversion, int nKey, int64_t nValue) {
+  conversion.item.value.ubyte2 = SWAP16(static_cast<uint16_t>(nValue));
+  _AddItem(conversion, nKey, 2);
+}
+
+static void _AddItem32(Conversion& conversion, int nKey, int64_t nValue) {
+  conversion.item.value.ubyte4 = SWAP32(static_cast<uint32_t>(nValue));
+  _AddItem(conversion, nKey, 4);
+}
+
+static void _SetText(Conversion& conversion, const cvtCotField& field) {
+  memcpy(conversion.item.value.str, field.valueStr, static_cast<size_t>(field.valueLen));
+}
+
+// The time stamp both kinds of events must have.
+static int _AddTimeStamp(Conversion& conversion, const cvtCotField& field, bool bFound, int nKey) {
+  if (!bFound) {
+    MD_LOG(3, "failed to find timeStamp field !\n");
+    return -1;
+  }
+  const CotText text(field.valueStr);
+  if (cvt_getUSecsFromTimeStr(text.Get(), &conversion.item.value.ubyte8) != 0) {
+    MD_LOG(3, "failed to get uSecs for tmStamp %s", text.Get());
+    return -1;
+  }
+  _AddEventItem(conversion, nKey, 8);
+  return 0;
+}
+
+static int _AddAirEventItem(Conversion& conversion, const cvtCotField& field, bool bFound) {
+  const int nKey = cotToKlv_airEventTable[field.mapId].klvKey;
+  if (!bFound) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
+  if (field.mapId == 0) return _AddTimeStamp(conversion, field, bFound, nKey);
+  if (!bFound) return 0;
+  const CotText text(field.valueStr);
+  if (field.mapId == 1) {
+    if (cvt_getUSecsFromTimeStr(text.Get(), &conversion.item.value.ubyte8) != 0)
+      MD_LOG(3, "failed to get uSecs for start %s", text.Get());  // KEPT: added all the same
+    _AddEventItem(conversion, nKey, 8);
+  } else {
+    MD_LOG(7, "aircraft uid=\"%s\"", text.Get());
+    _SetText(conversion, field);
+    _AddEventItem(conversion, nKey, field.valueLen);
+  }
+  return 0;
+}
+
+static int _AddAirEvent(Conversion& conversion) {
+  Slice slice;
+  if (!_FindSlice(conversion.event, "<event", ">", &slice)) {
+    MD_LOG(3, "not found <event> tag slice!\n");
+    return -1;
+  }
+  MD_LOG(7, "Found <event> tag slice!\n");
+  for (const cvtCotField& row : cot_airEventTable) {
+    cvtCotField field;
+    const bool bFound = _FindField(slice, row, &field);
+    if (_AddAirEventItem(conversion, field, bFound) != 0) return -1;
+  }
+  return 0;
+}
+
+// An attribute that is a number; FALSE, with a line in the log, when it is missing.
+static bool _FindAirNumber(const Slice& slice, const cvtCotField& row, double* pValue) {
+  cvtCotField field;
+  if (!_FindField(slice, row, &field)) {
+    MD_LOG(3, "cotField \"%s\" not found\n", field.name);
+    return false;
+  }
+  *pValue = _TextToDouble(CotText(field.valueStr).Get());
+  return true;
+}
+
+static void _AddAirTrack(Conversion& conversion) {
+  Slice slice;
+  if (!_FindSlice(conversion.event, "<track", "/>", &slice)) {
+    MD_LOG(3, "not found <track> tag slice!\n");
+    return;
+  }
+  for (const cvtCotField& row : cot_airTrackTable) {
+    const int nKey = cotToKlv_airTrackTable[row.mapId].klvKey;
+    double value = 0;
+    if (!_FindAirNumber(slice, row, &value)) continue;
+    const bool bCourse = row.mapId == 0;
+    const bool bAccepted = bCourse ? _InRange(value, 0, 360) : value >= 0 && value < 255.5;  // rounds to at most 255
+    if (!bAccepted) {
+      MD_LOG(3, "_cvt_processAirMsg():out of range value detected for key=%d value=(PROTECTED)\n", nKey);
+    } else if (bCourse) {
+      if (_g_bAllItemsSupport) conversion.pInstance->a_course = _ToFloat(value);
+      _AddItem16(conversion, nKey, _Round(value * kScaleCourse));
+    } else {
+      conversion.item.value.ubyte1 = static_cast<uint8_t>(_Round(value));
+      _AddItem(conversion, nKey, 1);
+    }
+  }
+}
+
+// KEPT: angles up to 90 degrees either way are taken, more than the items can say; the excess wraps in 16 bits.
+static void _AddAirAttitude(Conversion& conversion) {
+  Slice slice;
+  if (!_FindSlice(conversion.event, "<attitude", "/>", &slice)) {
+    MD_LOG(3, "not found <attitude> tag slice!\n");
+    return;
+  }
+  for (const cvtCotField& row : cot_airAttitudeTable) {
+    const int nKey = cotToKlv_airAttitudeTable[row.mapId].klvKey;
+    double value = 0;
+    if (!_FindAirNumber(slice, row, &value)) continue;
+    const bool bPitch = row.mapId == 0;
+    const bool bAccepted = _InRange(value, -90, 90);
+    float& angle = bPitch ? conversion.pInstance->a_pitch : conversion.pInstance->a_roll;
+    angle = bAccepted ? _ToFloat(value) : kCvtAngleOutOfRange;
+    _AddItem16(conversion, nKey, bAccepted ? _Round(value * (bPitch ? kScalePitch : kScaleRoll)) : kOutOfRange16);
+  }
+}
+
+// Adds a latitude or longitude, or the mark of one out of range. TRUE when it is in range, and kept.
+static bool _AddCoordinate(Conversion& conversion, int nKey, bool bLatitude, double value) {
+  if (!(bLatitude ? _InRange(value, -90, 90) : _InRange(value, -180, 180))) {
+    _AddItem32(conversion, nKey, kOutOfRange32);
+    return false;
+  }
+  (bLatitude ? conversion.lat : conversion.lon) = value;
+  _AddItem32(conversion, nKey, _Round(value * (bLatitude ? kScaleLatitude : kScaleLongitude)));
+  return true;
+}
+
+static void _AddAirPoint(Conversion& conversion) {
+  Slice slice;
+  if (!_FindSlice(conversion.event, "<point", "/>", &slice)) {
+    MD_LOG(3, "not found <point> tag slice!\n");
+    return;
+  }
+  for (const cvtCotField& row : cot_airPointTable) {
+    double value = 0;
+    if (!_FindAirNumber(slice, row, &value)) continue;
+    if (row.mapId == 1)
+      conversion.hae = value;
+    else
+      _AddCoordinate(conversion, cotToKlv_airPointTable[row.mapId].klvKey, row.mapId == 0, value);
+  }
+}
+
+static bool _HasPosition(const Conversion& conversion) {
+  return conversion.lat != kNotRead && conversion.lon != kNotRead && conversion.hae != kNotRead;
+}
+
+static int _UndulationAt(const Conversion& conversion, float* pUndulation) {
+  const double lon = conversion.lon < 0 ? conversion.lon + 360 : conversion.lon;
+  return calcul_undulation(static_cast<float>(conversion.lat), static_cast<float>(lon), pUndulation);
+}
+
+// Height above mean sea level as an altitude item's integer; FALSE when the item cannot say it.
+static bool _Altitude(double hae, float undulation, int64_t* pnValue) {
+  const double height = hae - static_cast<double>(undulation);
+  if (!_InRange(height, -900, 19000)) return false;
+  *pnValue = _Round((height + 900) * kScaleAltitude);
+  return true;
+}
+
+static void _AddAirAltitude(Conversion& conversion) {
+  float undulation = 0;
+  int64_t nValue = 0;
+  if (!_HasPosition(conversion) || _UndulationAt(conversion, &undulation) != 0) return;
+  if (!_Altitude(conversion.hae, undulation, &nValue)) return;
+  MD_LOG(7, "add airCraft hae. undulation = %f\n", static_cast<double>(undulation));
+  _AddItem16(conversion, cotToKlv_airPointTable[1].klvKey, nValue);
+}
+
+int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputData, uint32_t nInDataSize,
+                           cvtXmlMsg* pXmlMsg) {
+  Conversion conversion = _StartConversion(pInstance, pvInputData, nInDataSize, pXmlMsg);
+  if (_AddAirEvent(conversion) != 0) return -1;
+  _AddAirTrack(conversion);
+  if (_g_bAllItemsSupport) _AddAirAttitude(conversion);
+  _AddAirPoint(conversion);
+  _AddAirAltitude(conversion);
+  return 0;
+}
+
+// =====================================================================================================
+// 7. Sensor-point events. Metadata thread.
+// =====================================================================================================
+
+static int _AddSpiEvent(Conversion& conversion) {
+  Slice slice;
+  if (!_FindSlice(conversion.event, "<event", ">", &slice)) {
+    MD_LOG(3, "not found <event> tag slice!\n");
+    return -1;
+  }
+  for (const cvtCotField& row : cot_spiEventTable) {
+    const int nKey = cotToKlv_spiEventTable[row.mapId].klvKey;
+    cvtCotField field;
+    const bool bFound = _FindField(slice, row, &field);
+    if (!bFound) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
+    if (row.mapId == 1) {
+      if (_AddTimeStamp(conversion, field, bFound, nKey) != 0) return -1;
+    } else if (bFound) {
+      const CotText text(field.valueStr);
+      MD_LOG(7, "SPI uid=\"%s\"", text.Get());
+      // KEPT: accepted sensors are listed too.
+      if (conversion.pInstance->bDiscoverSensors) AddDiscoveredSensor(conversion.pInstance, text.Get());
+      _SetText(conversion, field);
+      _AddEventItem(conversion, nKey, field.valueLen);
+    }
+  }
+  return 0;
+}
+
+static void _LogSpiOutOfRange(int nKey) {
+  MD_LOG(3, "out of range value detected for key=%d, value=(PROTECTED)\n", nKey);
+}
+
+// KEPT: the horizontal error's message speaks of LE as well.
+static void _AddErrorEstimate(Conversion& conversion, int nKey, const char* szText, double value) {
+  if (_InRange(value, 0, 4095)) {
+    _AddItem16(conversion, nKey, _Round(value * 16));
+    return;
+  }
+  MD_LOG(3, "SPI_POINT_LE value of %s (%f) is out of 0 to 4095 range.\n", szText, value);
+  _LogSpiOutOfRange(nKey);
+}
+
+static void _AddSpiPointItem(Conversion& conversion, const cvtCotField& field) {
+  const int nKey = cotToKlv_spiPointTable[field.mapId].klvKey;
+  const CotText text(field.valueStr);
+  const double value = _TextToDouble(text.Get());
+  switch (field.mapId) {
+    case 0:
+      if (!_AddCoordinate(conversion, nKey, true, value))
+        MD_LOG(3, "SPI_POINT_LAT value of %f is out of -90 to 90 range.\n", value);
+      break;
+    case 1:
+      conversion.hae = value;
+      break;
+    case 2:
+      if (!_AddCoordinate(conversion, nKey, false, value))
+        MD_LOG(3, "SPI_POINT_LON value of %f is out of -180 to 180 range.\n", value);
+      break;
+    case 3:
+      _AddErrorEstimate(conversion, nKey, text.Get(), value * kSigmaToLE90);
+      break;
+    default:
+      _AddErrorEstimate(conversion, nKey, text.Get(), value * kSigmaToCE90);
+      break;
+  }
+}
+
+static void _AddFrameCentreElevation(Conversion& conversion) {
+  if (!_HasPosition(conversion)) {
+    MD_LOG(3, "miss info to calcul undulation of hae\n");
+    return;
+  }
+  const int nKey = cotToKlv_spiPointTable[1].klvKey;
+  float undulation = 0;
+  int64_t nValue = 0;
+  if (_UndulationAt(conversion, &undulation) != 0) {
+    MD_LOG(3, "failed to calcul_undulation!\n");
+  } else if (_Altitude(conversion.hae, undulation, &nValue)) {
+    MD_LOG(7, "add spi hae. undulation = %f\n", static_cast<double>(undulation));
+    _AddItem16(conversion, nKey, nValue);
+  } else {
+    _LogSpiOutOfRange(nKey);
+  }
+}
+
+static void _AddSpiPoint(Conversion& conversion) {
+  Slice slice;
+  if (!_FindSlice(conversion.event, "<point", "/>", &slice)) {
+    MD_LOG(3, "not found <point> tag slice!\n");
+    return;
+  }
+  for (const cvtCotField& row : cot_spiPointTable) {
+    cvtCotField field;
+    if (_FindField(slice, row, &field))
+      _AddSpiPointItem(conversion, field);
+    else
+      MD_LOG(3, "cotField \"%s\" not founded\n", field.name);
+  }
+  _AddFrameCentreElevation(conversion);
+}
+
+static void _AddFieldOfView(Conversion& conversion, const cvtCotField& field, int nKey) {
+  const CotText text(field.valueStr);
+  const double value = _TextToDouble(text.Get());
+  if (_InRange(value, 0, 180)) {
+    _AddItem16(conversion, nKey, _Round(value * kScaleFieldOfView));
+    return;
+  }
+  if (field.mapId == 1)
+    MD_LOG(3, "SPI_SENSOR_FOV value of %s (%f) is out of 0 to 180 range.\n", text.Get(), value);
+  else
+    MD_LOG(3, "SPI_SENSOR_VFOV value of %s (%f) is out of 0 to 180 range.\n", text.Get(), value);
+  _LogSpiOutOfRange(nKey);
+}
+
+static void _AddSlantRange(Conversion& conversion, const cvtCotField& field, int nKey) {
+  const CotText text(field.valueStr);
+  const double value = _TextToDouble(text.Get());
+  if (_InRange(value, 0, 5000000)) {
+    _AddItem32(conversion, nKey, _RoundU32(value * kScaleRange));
+    return;
+  }
+  MD_LOG(3, "SPI_SENSOR_RANGE value of %s (%f) is out of 0 to 5000000 range.\n", text.Get(), value);
+  _LogSpiOutOfRange(nKey);
+}
+
+static void _AddSensorItem(Conversion& conversion, const cvtCotField& field) {
+  const int nKey = cotToKlv_spiSensorTable[field.mapId].klvKey;
+  const float angle = _ToFloat(_TextToDouble(CotText(field.valueStr).Get()));
+  switch (field.mapId) {
+    case 0:  // KEPT: a second tag 11 behind the uid's
+      _SetText(conversion, field);
+      _AddItem(conversion, nKey, field.valueLen);
+      break;
+    case 1:
+    case 2:
+      _AddFieldOfView(conversion, field, nKey);
+      break;
+    case 3:
+      conversion.pInstance->s_azimuth = angle;
+      break;
+    case 4:
+      conversion.pInstance->s_elevation = angle;
+      break;
+    case 5:
+      conversion.pInstance->s_roll = angle;
+      break;
+    default:
+      _AddSlantRange(conversion, field, nKey);
+      break;
+  }
+}
+
+static void _AddSpiSensor(Conversion& conversion) {
+  Slice slice;
+  if (!_FindSlice(conversion.event, "<sensor", "/>", &slice)) {
+    MD_LOG(3, "not found <sensor> tag slice!\n");
+    return;
+  }
+  for (const cvtCotField& row : cot_spiSensorTable) {
+    cvtCotField field;
+    if (_FindField(slice, row, &field))
+      _AddSensorItem(conversion, field);
+    else
+      MD_LOG(3, "cotField \"%s\" not founded\n", field.name);
+  }
+}
+
+int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputData, uint32_t nInDataSize,
+                      cvtXmlMsg* pXmlMsg) {
+  Conversion conversion = _StartConversion(pInstance, pvInputData, nInDataSize, pXmlMsg);
+  if (_AddSpiEvent(conversion) != 0) return -1;
+  _AddSpiPoint(conversion);
+  if (_g_bAllItemsSupport) _AddSpiSensor(conversion);
+  return 0;
+}
+
+// Straight into the packet, whatever its length: kCvtPacketSize has the room for all three.
+static void _AppendAngle(cvtXmlMsg* pXmlMsg, int nKey, uint32_t nValue) {
+  BYTE* pcItem = pXmlMsg->pKlvPacket + pXmlMsg->curKlvLen;
+  const uint32_t nSwapped = SWAP32(nValue);
+  pcItem[0] = static_cast<BYTE>(nKey);
+  pcItem[1] = 4;
+  memcpy(pcItem + 2, &nSwapped, sizeof nSwapped);
+  pXmlMsg->curKlvLen += 6;
+}
+
+// KEPT: the difference of two angles loses its sign and its fraction. FALSE above 360 degrees or when it is no number.
+static bool _WholeDegrees(float sensor, float aircraft, uint32_t* pnValue) {
+  const float difference = sensor - aircraft;
+  const float absolute = difference < 0 ? -difference : difference;
+  if (!(absolute < 361)) return false;
+  *pnValue = _RoundU32(static_cast<int>(absolute) * kScaleRelativeAngle);
+  return true;
+}
+
+static void _AddRelativeAzimuth(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
+  const float course = pInstance->a_course;
+  const float azimuth = pInstance->s_azimuth;
+  uint32_t nValue = 0;
+  if (course == kCvtAngleNotSet || azimuth == kCvtAngleNotSet || !_WholeDegrees(azimuth, course, &nValue)) {
+    MD_LOG(7, "no azimuth key will be added to KLV. cours = %f, azimuth = %f  \n", static_cast<double>(course),
+           static_cast<double>(azimuth));
+    return;
+  }
+  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[3].klvKey, nValue);
+  MD_LOG(7, "adding azimuth key (0x12): klv value = 0x%x \n", nValue);
+}
+
+static void _AddRelativeElevation(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
+  if (pInstance->a_pitch == kCvtAngleNotSet || pInstance->s_elevation == kCvtAngleNotSet) {
+    MD_LOG(7, "no spi elevation key will be added to KLV \n");
+    return;
+  }
+  const float difference = pInstance->s_elevation - pInstance->a_pitch;
+  uint32_t nValue = kOutOfRange32;
+  if (pInstance->a_pitch != kCvtAngleOutOfRange && difference >= -180 && difference <= 180)
+    nValue = static_cast<uint32_t>(_Round(static_cast<double>(difference) * kScaleRelativeElevation));
+  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[4].klvKey, nValue);
+  MD_LOG(7, "adding spi elevation key (0x13): klv value = 0x%x \n", nValue);
+}
+
+static void _AddRelativeRoll(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
+  const float aircraft = pInstance->a_roll;
+  const bool bSet =
+      aircraft != kCvtAngleOutOfRange && aircraft != kCvtAngleNotSet && pInstance->s_roll != kCvtAngleNotSet;
+  uint32_t nValue = 0;
+  if (!bSet || !_WholeDegrees(pInstance->s_roll, aircraft, &nValue)) {
+    MD_LOG(7, "no spi roll key will be added to KLV \n");
+    return;
+  }
+  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[5].klvKey, nValue);
+  MD_LOG(7, "adding spi roll key (0x14): klv value = 0x%x \n", nValue);
+}
+
+void cvt_addSPISensorItems(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
+  _AddRelativeAzimuth(pInstance, pXmlMsg);
+  _AddRelativeElevation(pInstance, pXmlMsg);
+  _AddRelativeRoll(pInstance, pXmlMsg);
+}
+
+// =====================================================================================================
+// 8. Discovered sensors. The metadata thread is the only writer; it writes under a leaf lock of this module, and the
+//    statistics calls read under it. Nothing is called while it is held.
+// =====================================================================================================
+
+static pthread_mutex_t _g_SensorLock = PTHREAD_MUTEX_INITIALIZER;
+
+static void _StoreSensor(SENSOR_ENTRY* pEntry, const char* szUID) {
+  MdLock lock(_g_SensorLock);
+  CopyString(pEntry->szUID, szUID, sizeof pEntry->szUID);
+  pEntry->nAgeInSeconds = 0;
+  pEntry->bInUse = TRUE;
+}
+
+void AddDiscoveredSensor(CONVERTER_INSTANCE_DATA* pInstance, const char* szUID) {
+  MD_LOG(7, "Adding SPI \"%s\".\n", szUID);
+  int nFree = -1;
+  int nOldestAge = -1;
+  for (int i = 0; i < MDATA_MAX_DISCOVERED_SENSORS; ++i) {
+    SENSOR_ENTRY& entry = pInstance->KnownSensors[i];
+    if (!entry.bInUse) {
+      if (nFree >= 0) continue;
+      nFree = i;
+      MD_LOG(7, "Located first free index at %d.\n", i);
+    } else if (strcmp(entry.szUID, szUID) == 0) {
+      entry.nAgeInSeconds = 0;
+      MD_LOG(7, "Located existing entry for \"%s\" at offset %d.\n", szUID, i);
+      return;
+    } else if (entry.nAgeInSeconds > nOldestAge) {
+      nOldestAge = entry.nAgeInSeconds;
+      MD_LOG(7, "Oldest existing record is \"%s\" at offset %d, %d seconds old.\n", entry.szUID, i, nOldestAge);
+    }
+  }
+  if (nFree >= 0) {
+    _StoreSensor(&pInstance->KnownSensors[nFree], szUID);
+    MD_LOG(7, "Storing entry for \"%s\" at free offset %d.\n", szUID, nFree);
+    return;
+  }
+  // KEPT: the oldest age, 0 to 10, serves as the index of the entry that gives way.
+  _StoreSensor(&pInstance->KnownSensors[nOldestAge], szUID);
+  MD_LOG(7, "Storing entry for \"%s\" at oldest offset %d.\n", szUID, nOldestAge);
+}
+
+void AgeCoT2KLVSensors(HCONVERTER hConv) {
+  for (SENSOR_ENTRY& entry : hConv->KnownSensors) {
+    if (!entry.bInUse || ++entry.nAgeInSeconds <= kCvtSensorLifetime) continue;
+    MD_LOG(7, "Entry for \"%s\" has been aged out.\n", entry.szUID);
+    MdLock lock(_g_SensorLock);
+    entry.bInUse = FALSE;
+    memset(entry.szUID, 0, sizeof entry.szUID);
+  }
+}
+
+// =====================================================================================================
+// 9. Pending messages. Metadata thread.
+// =====================================================================================================
+
+void cvt_freeMsgAndKlvPacket(cvtXmlMsg* pXmlMsg) {
+  if (pXmlMsg->pKlvPacket != nullptr && pXmlMsg->freePktMemFlag == 1) DoReleaseBuffer(&pXmlMsg->pBuffer);
+  free(pXmlMsg);
+}
+
+void cvt_freeAllMsgsAndNoReturnedKlvPackets(CONVERTER_INSTANCE_DATA* pInstance) {
+  while (pInstance->pMsgListHeader != nullptr) {
+    cvtXmlMsg* pXmlMsg = pInstance->pMsgListHeader;
+    pInstance->pMsgListHeader = pXmlMsg->pNext;
+    if (pXmlMsg->freePktMemFlag == 1 && pXmlMsg->pBuffer != nullptr) {
+      DoReleaseBuffer(&pXmlMsg->pBuffer);
+      MD_LOG(7, "Free All Msgs\n");
+    }
+    free(pXmlMsg);
+  }
+}
+
+static bool _IsWithinDelta(const struct timeval& Diff, int32_t nMaxDelta) {
+  const long nSeconds = nMaxDelta / 1000000;
+  const long nMicroseconds = nMaxDelta % 1000000;
+  const bool bWithin = Diff.tv_sec < nSeconds || (Diff.tv_sec == nSeconds && Diff.tv_usec <= nMicroseconds);
+  const unsigned long nDiffSeconds = static_cast<unsigned long>(Diff.tv_sec);
+  const unsigned long nDiffMicroseconds = static_cast<unsigned long>(Diff.tv_usec);
+  if (bWithin)
+    MD_LOG(7, "Delta of %lu sec %lu usec is within accepted range of %lu.%06lu.\n", nDiffSeconds, nDiffMicroseconds,
+           static_cast<unsigned long>(nSeconds), static_cast<unsigned long>(nMicroseconds));
+  else
+    MD_LOG(5, "Delta of %lu sec %lu usec is NOT within accepted range of %lu.%06lu.\n", nDiffSeconds, nDiffMicroseconds,
+           static_cast<unsigned long>(nSeconds), static_cast<unsigned long>(nMicroseconds));
+  return bWithin;
+}
+
+cvtXmlMsg* cvt_findMsgFromList(const CONVERTER_INSTANCE_DATA* pInstance, const char* szTime) {
+  for (cvtXmlMsg* pXmlMsg = pInstance->pMsgListHeader; pXmlMsg != nullptr; pXmlMsg = pXmlMsg->pNext) {
+    if (strcmp(CotText(pXmlMsg->matchStr).Get(), szTime) == 0) return pXmlMsg;
+  }
+  struct timeval NewTime;
+  ConvertTimeString(szTime, &NewTime);
+  for (cvtXmlMsg* pXmlMsg = pInstance->pMsgListHeader; pXmlMsg != nullptr; pXmlMsg = pXmlMsg->pNext) {
+    struct timeval Time;
+    struct timeval Diff;
+    ConvertTimeString(CotText(pXmlMsg->matchStr).Get(), &Time);
+    CalcTimeOfDayAbsDiff(&NewTime, &Time, &Diff);
+    if (_IsWithinDelta(Diff, pInstance->nMaxSPIAirCraftTimeDeltaInUS)) return pXmlMsg;
+  }
+  return nullptr;
+}
+
+static void _AppendToList(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
+  cvtXmlMsg** ppEnd = &pInstance->pMsgListHeader;
+  while (*ppEnd != nullptr) ppEnd = &(*ppEnd)->pNext;
+  *ppEnd = pXmlMsg;
+}
+
+// Replaces whatever is pending by a new message. NULL without memory.
+static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* pInstance, const cvtCotField& time) {
+  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+  MD_LOG(7, "allocating a new msg since none found with time=\"%s\" !\n", CotText(time.valueStr).Get());
+  cvtXmlMsg* pXmlMsg = static_cast<cvtXmlMsg*>(calloc(1, sizeof(cvtXmlMsg)));
+  if (pXmlMsg == nullptr) {
+    MD_LOG(3, "cvtXmlMsg malloc failed  !\n");
+    return nullptr;
+  }
+  if (cvt_initXmlMsg(pInstance, pXmlMsg) != CVT_COTKLV_STATUS_OK) {
+    MD_LOG(3, "failed to init mxl msg !\n");
+    cvt_freeMsgAndKlvPacket(pXmlMsg);
+    return nullptr;
+  }
+  memcpy(pXmlMsg->matchStr, time.valueStr, sizeof pXmlMsg->matchStr);
+  _AppendToList(pInstance, pXmlMsg);
+  return pXmlMsg;
+}
+
+// =====================================================================================================
+// 10. Closing a packet. Metadata thread. A packet that is handed over belongs to the caller; the list is empty after.
+// =====================================================================================================
+
+static constexpr int kShortFormLimit = 127;
+
+static void _StoreChecksum(BYTE* pcPacket, int nPacketLength) {
+  const uint16_t nChecksum = get_checksum_u16(pcPacket, nPacketLength - 2);
+  MD_LOG(7, "Checksum value = 0x%x, returned packetLen = 0x%x\n", nChecksum, static_cast<UINT>(nPacketLength));
+  memcpy(pcPacket + nPacketLength - 2, &nChecksum, sizeof nChecksum);
+}
+
+// The value length is known to need the long form: the packet moves to a second buffer, behind a longer length field.
+static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* pInstance, const cvtXmlMsg* pXmlMsg, int nLength,
+                            MDATA_BUFFER** ppBuffer) {
+  MdBufferRef buffer;
+  if (!DoAllocBuffer(kCvtLongBufferSize, buffer.Out())) {
+    MD_LOG(0, "malloc() failed !\n");
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    return CVT_COTKLV_STATUS_MALLOC_FAIL;  // KEPT: not -1; callers look at the buffer
+  }
+  buffer->pcData += kCvtHeadroom;
+  BYTE* pcPacket = buffer->pcData;
+  memcpy(pcPacket, klvLDS16BytesKeySet, kCvtKeySize);
+  if (nLength > kCvtMaxLongLength) {
+    MD_LOG(3, "KLV packet is too long %d!\n", nLength);
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    return -1;
+  }
+  BYTE* pcLength = pcPacket + kCvtKeySize;
+  const int nLengthBytes = nLength <= 255 ? 1 : 2;
+  *pcLength++ = static_cast<BYTE>(0x80 | nLengthBytes);
+  if (nLengthBytes == 2) *pcLength++ = static_cast<BYTE>(nLength >> 8);
+  *pcLength++ = static_cast<BYTE>(nLength);
+  memcpy(pcLength, pXmlMsg->pKlvPacket + kCvtKeySize + 1, static_cast<size_t>(nLength));
+  const int nPacketLength = kCvtKeySize + 1 + nLengthBytes + nLength;
+  _StoreChecksum(pcPacket, nPacketLength);
+  buffer->nDataSize = nPacketLength;
+  *ppBuffer = buffer.Take();
+  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+  MD_LOG(7, "return KLV with len = %d !\n", nPacketLength);
+  return nPacketLength;
+}
+
+static int _ClosePacket(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg, MDATA_BUFFER** ppBuffer) {
+  BYTE* pcPacket = pXmlMsg->pKlvPacket;
+  pcPacket[pXmlMsg->curKlvLen] = kTagChecksum;
+  pcPacket[pXmlMsg->curKlvLen + 1] = 2;
+  pXmlMsg->curKlvLen += 4;
+  const int nPacketLength = pXmlMsg->curKlvLen;
+  const int nLength = nPacketLength - kCvtKeySize - 1;
+  if (nLength > kShortFormLimit) {
+    if (_g_bAllItemsSupport) return _CloseLongPacket(pInstance, pXmlMsg, nLength, ppBuffer);
+    MD_LOG(3, "long form length not implemented yet!\n");  // KEPT
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    return -1;
+  }
+  pcPacket[kCvtKeySize] = static_cast<BYTE>(nLength);
+  MD_LOG(7, "Len field = 0x%x\n", static_cast<UINT>(nLength));
+  _StoreChecksum(pcPacket, nPacketLength);
+  pXmlMsg->pBuffer->nDataSize = nPacketLength;
+  pXmlMsg->freePktMemFlag = 0;
+  *ppBuffer = pXmlMsg->pBuffer;
+  MD_LOG(7, "return KLV with len = %d !\n", nPacketLength);
+  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+  return nPacketLength;
+}
+
+// =====================================================================================================
+// 11. Conversion of an event. Metadata thread.
+// =====================================================================================================
+
+// A terminated copy of the input: a datagram has no terminator, and what an older one left must not complete it.
+static bool _CopyEvent(CONVERTER_INSTANCE_DATA* pInstance, const BYTE* pvInputData, int nInDataSize) {
+  if (nInDataSize >= pInstance->nEventCapacity) {
+    free(pInstance->szEvent);
+    pInstance->nEventCapacity = 0;
+    const size_t nCapacity = static_cast<size_t>(nInDataSize) + 1;
+    pInstance->szEvent = static_cast<char*>(malloc(nCapacity));
+    if (pInstance->szEvent == nullptr) {
+      MD_LOG(3, "malloc() failed !\n");
+      return false;
+    }
+    pInstance->nEventCapacity = nInDataSize + (nInDataSize < INT_MAX ? 1 : 0);
+  }
+  memcpy(pInstance->szEvent, pvInputData, static_cast<size_t>(nInDataSize));
+  pInstance->szEvent[nInDataSize] = '\0';
+  return true;
+}
+
+static bool _CutEvent(const CONVERTER_INSTANCE_DATA* pInstance, int nInDataSize, Slice* pEvent, Slice* pTag) {
+  const Slice input = {pInstance->szEvent, static_cast<uint32_t>(nInDataSize)};
+  if (!_FindSlice(input, "<event", "</event>", pEvent)) {
+    MD_LOG(7, "not found whole msg!\n");
+    return false;
+  }
+  MD_LOG(7, "found whole msg, pMsg = 0x%x, len = %d\n", static_cast<UINT>(reinterpret_cast<uintptr_t>(pEvent->pText)),
+         static_cast<int>(pEvent->nLength));
+  if (!_FindSlice(*pEvent, "<event", ">", pTag)) {
+    MD_LOG(3, "not found <event> tag slice!\n");
+    return false;
+  }
+  MD_LOG(7, "found <event> tag slice!\n");
+  return true;
+}
+
+static bool _LookUp(const Slice& slice, const char* szName, cvtCotField* pField) {
+  memset(pField, 0, sizeof *pField);
+  CopyString(pField->name, szName, sizeof pField->name);
+  return xml_getCotFieldInTagSlice(slice.pText, static_cast<int32_t>(slice.nLength), pField) == CVT_COTKLV_STATUS_OK;
+}
+
+static bool _BeginsWith(const cvtCotField& field, const char* szPrefix) {
+  const size_t nLength = strlen(szPrefix);
+  return static_cast<size_t>(field.valueLen) >= nLength && memcmp(field.valueStr, szPrefix, nLength) == 0;
+}
+
+// Counts the event by its type; CVT_MSG_TYPE_NONE for one that is not for the converter.
+static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* pInstance, const Slice& tag) {
+  cvtCotField type;
+  if (!_LookUp(tag, "type", &type)) {
+    MD_LOG(3, "not found type field !\n");
+    return CVT_MSG_TYPE_NONE;
+  }
+  if (_BeginsWith(type, "a-f-A")) {
+    MdAdd(pInstance->Stats.nRxAirCraftMessages, 1);
+    return CVT_MSG_TYPE_AIRCRAFT;
+  }
+  if (_BeginsWith(type, "b-m-p-s-p-i")) {
+    MdAdd(pInstance->Stats.nRxSPIMessages, 1);
+    return CVT_MSG_TYPE_SPI;
+  }
+  MD_LOG(3, "unknow msg event type %s, len = %d !\n", CotText(type.valueStr).Get(), type.valueLen);
+  return CVT_MSG_TYPE_NONE;
+}
+
+static bool _PassesFilter(CONVERTER_INSTANCE_DATA* pInstance, const Slice& tag) {
+  cvtCotField uid;
+  if (!_LookUp(tag, "uid", &uid)) {
+    MD_LOG(3, "xml_getCotFieldInTagSlice failed for UID retrieval.\n");
+    return false;
+  }
+  const CotText text(uid.valueStr);
+  if (strcmp(text.Get(), pInstance->szSpiUid) == 0) {
+    MD_LOG(7, "SPI message accepted since UID \"%s\" matches filter \"%s\".\n", text.Get(), pInstance->szSpiUid);
+    return true;
+  }
+  MD_LOG(7, "Discarding SPI message since UID \"%s\" is not \"%s\".\n", text.Get(), pInstance->szSpiUid);
+  MdAdd(pInstance->Stats.nFilteredRxSPIMessages, 1);
+  if (pInstance->bDiscoverSensors) AddDiscoveredSensor(pInstance, text.Get());
+  return false;
+}
+
+// The event's time, which pairs it.
+static bool _FindTime(const Slice& event, cvtCotField* pTime) {
+  Slice tag;
+  if (!_FindSlice(event, "<event", ">", &tag)) {
+    MD_LOG(3, "not found <event> tag slice!\n");
+    return false;
+  }
+  if (!_LookUp(tag, "time", pTime)) {
+    MD_LOG(3, "not found type field !\n");  // KEPT: says type for time
+    return false;
+  }
+  MD_LOG(7, "matchStr, time=\"%s\" !\n", CotText(pTime->valueStr).Get());
+  return true;
+}
+
+// The pending message this event completes, or a new one. NULL when there is neither.
+static cvtXmlMsg* _FindOrStartMessage(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const cvtCotField& time,
+                                      bool* pbPaired) {
+  const CotText text(time.valueStr);
+  cvtXmlMsg* pXmlMsg = cvt_findMsgFromList(pInstance, text.Get());
+  *pbPaired = pXmlMsg != nullptr;
+  if (pXmlMsg == nullptr) return _StartMessage(pInstance, time);
+  if (pXmlMsg->msgType == enType) {
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    MD_LOG(4, "we got the same type msg twice !\n");
+    return nullptr;
+  }
+  MD_LOG(7, "We have both SPI and AIRCRAFT events with time=\"%s\" !\n", text.Get());
+  return pXmlMsg;
+}
+
+static int _ConvertEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const Slice& event,
+                         cvtXmlMsg* pXmlMsg) {
+  if (enType == CVT_MSG_TYPE_AIRCRAFT) {
+    MD_LOG(7, "Got a aircraft msg!\n");
+    return cvt_processAircraftMsg(pInstance, event.pText, event.nLength, pXmlMsg);
+  }
+  MD_LOG(7, "Got a SPI msg!\n");
+  return cvt_processSpiMsg(pInstance, event.pText, event.nLength, pXmlMsg);
+}
+
+// Adds a classified event to its message and closes the packet when it was the second one.
+static int _AddEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const Slice& event,
+                     MDATA_BUFFER** ppBuffer) {
+  cvtCotField time;
+  if (!_FindTime(event, &time)) return -1;
+  bool bPaired = false;
+  cvtXmlMsg* pXmlMsg = _FindOrStartMessage(pInstance, enType, time, &bPaired);
+  if (pXmlMsg == nullptr) return -1;
+  if (_ConvertEvent(pInstance, enType, event, pXmlMsg) == -1) {
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    return -1;
+  }
+  if (pXmlMsg->tmStampFlag != 1) {
+    MD_LOG(3, "no timeStamp found in the message!\n");
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    return 0;
+  }
+  if (!bPaired) {
+    MD_LOG(7, "waiting for another message!\n");
+    return 0;
+  }
+  if (_g_bAllItemsSupport) cvt_addSPISensorItems(pInstance, pXmlMsg);
+  return _ClosePacket(pInstance, pXmlMsg, ppBuffer);
+}
+
+int ConvertCoT2KLV(HCONVERTER hConv, const BYTE* pvInputData, int nInDataSize, MDATA_BUFFER** ppBuffer) {
+  *ppBuffer = nullptr;
+  if (pvInputData == nullptr || static_cast<UINT>(nInDataSize) < kShortestText) {
+    MD_LOG(3, "invalid input, pvInputData=%p, nInDataSize=%u!\n", static_cast<const void*>(pvInputData),
+           static_cast<UINT>(nInDataSize));
+    return -1;
+  }
+  if (nInDataSize < static_cast<int>(kShortestText)) {
+    MD_LOG(3, "input size %d shorter than minumum!\n", nInDataSize);
+    return -1;
+  }
+  Slice event;
+  Slice tag;
+  if (!_CopyEvent(hConv, pvInputData, nInDataSize) || !_CutEvent(hConv, nInDataSize, &event, &tag)) return -1;
+  const CVT_MSG_TYPE enType = _ClassifyEvent(hConv, tag);
+  if (enType == CVT_MSG_TYPE_NONE) return -1;
+  if (enType == CVT_MSG_TYPE_SPI && hConv->szSpiUid[0] != '\0' && !_PassesFilter(hConv, tag)) return -1;
+  return _AddEvent(hConv, enType, event, ppBuffer);
+}
+
+void ReleaseConvertedData(MDATA_BUFFER* pBuffer) {
+  DoReleaseBuffer(&pBuffer);
+}
+
+// =====================================================================================================
+// 12. Instances and statistics. Opened and closed with their source; the statistics calls come from the encoder's
+//     threads under the API lock, while the metadata thread converts.
+// =====================================================================================================
+
+BOOL AllocCoT2KLVConvert(HCONVERTER* phConvInstance, int32_t nMaxSPIAirCraftTimeDeltaInUS, const char* szSpiUid,
+                         BOOL bEnableSPIDiscovery) {
+  MD_ASSERT(phConvInstance != NULL);
+  if (phConvInstance == nullptr) return FALSE;
+  *phConvInstance = nullptr;
+  CONVERTER_INSTANCE_DATA* pInstance =
+      static_cast<CONVERTER_INSTANCE_DATA*>(calloc(1, sizeof(CONVERTER_INSTANCE_DATA)));
+  if (pInstance == nullptr) return FALSE;
+  cvt_resetVariables(pInstance);
+  pInstance->nMaxSPIAirCraftTimeDeltaInUS = nMaxSPIAirCraftTimeDeltaInUS;
+  if (szSpiUid != nullptr) CopyString(pInstance->szSpiUid, szSpiUid, sizeof pInstance->szSpiUid);
+  pInstance->bDiscoverSensors = bEnableSPIDiscovery;
+  *phConvInstance = pInstance;
+  return TRUE;
+}
+
+void FreeCoT2KLVConvert(HCONVERTER* phConvInstance) {
+  MD_ASSERT(phConvInstance != NULL);
+  if (phConvInstance == nullptr) return;
+  MD_ASSERT(*phConvInstance != NULL);
+  if (*phConvInstance == nullptr) return;
+  cvt_freeAllMsgsAndNoReturnedKlvPackets(*phConvInstance);
+  free((*phConvInstance)->szEvent);
+  free(*phConvInstance);
+  *phConvInstance = nullptr;
+}
+
+// Does not touch the two counters of packets, which belong to the caller.
+void GetCoT2KLVConvertStats(HCONVERTER hConv, MDATA_COT_STATS* pStats) {
+  pStats->nRxSPIMessages = MdLoad(hConv->Stats.nRxSPIMessages);
+  pStats->nRxAirCraftMessages = MdLoad(hConv->Stats.nRxAirCraftMessages);
+  pStats->nFilteredRxSPIMessages = MdLoad(hConv->Stats.nFilteredRxSPIMessages);
+  pStats->nDiscoveredSensorsCount = 0;
+  MdLock lock(_g_SensorLock);
+  for (const SENSOR_ENTRY& entry : hConv->KnownSensors) {
+    if (entry.bInUse)
+      CopyString(pStats->aszSensorUIDs[pStats->nDiscoveredSensorsCount++], entry.szUID, MDATA_SENSOR_UID_SIZE);
+  }
+}
+
+void ResetCoT2KLVConvertStats(HCONVERTER hConv) {
+  MdStore(hConv->Stats.nRxSPIMessages, 0);
+  MdStore(hConv->Stats.nRxAirCraftMessages, 0);
+  MdStore(hConv->Stats.nFilteredRxSPIMessages, 0);
+}
+
+void SetCoT2KLVConvertStats(HCONVERTER hConv, const MDATA_COT_STATS* pStats) {
+  MdStore(hConv->Stats.nRxSPIMessages, pStats->nRxSPIMessages);
+  MdStore(hConv->Stats.nRxAirCraftMessages, pStats->nRxAirCraftMessages);
+  MdStore(hConv->Stats.nFilteredRxSPIMessages, pStats->nFilteredRxSPIMessages);
+}
