@@ -1,0 +1,196 @@
+#include "geoid_grid.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <bit>
+#include <cerrno>
+#include <charconv>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+namespace geoid {
+namespace {
+
+// GTX: big-endian; south to north, west to east.
+//
+//   offset size field
+//        0    8 latitude of the first row, degrees (double)
+//        8    8 longitude of the first column
+//       16    8 step between rows
+//       24    8 step between columns
+//       32    4 rows
+//       36    4 columns
+//       40  4*n heights, metres (float)
+constexpr std::size_t kGtxHeaderSize = 40;
+constexpr int kGtxColumns = 1440;
+constexpr int kGtxGreenwich = 720;  // column of longitude 0: the first one is 180 W
+constexpr std::size_t kGtxSize = kGtxHeaderSize + std::size_t{kRows} * kGtxColumns * sizeof(float);
+
+// No geoid height of EGM96 lies outside.
+constexpr float kLowest = -110.0f;
+constexpr float kHighest = 90.0f;
+
+template <typename Word>
+Word ReadBigEndian(std::string_view data, std::size_t offset) {
+  Word word = 0;
+  for (std::size_t i = 0; i < sizeof(Word); i++) {
+    word = static_cast<Word>(word << 8 | static_cast<unsigned char>(data[offset + i]));
+  }
+  return word;
+}
+
+double ReadDouble(std::string_view data, std::size_t offset) {
+  return std::bit_cast<double>(ReadBigEndian<std::uint64_t>(data, offset));
+}
+
+bool IsGtx(std::string_view data) {
+  return data.size() >= kGtxHeaderSize && ReadDouble(data, 0) == -90.0;
+}
+
+Grid ParseGtx(std::string_view data) {
+  if (data.size() != kGtxSize) {
+    throw GridError("the GTX grid has " + std::to_string(data.size()) + " bytes instead of " +
+                    std::to_string(kGtxSize));
+  }
+  if (ReadDouble(data, 8) != -180.0 || ReadDouble(data, 16) != 0.25 || ReadDouble(data, 24) != 0.25 ||
+      ReadBigEndian<std::uint32_t>(data, 32) != kRows || ReadBigEndian<std::uint32_t>(data, 36) != kGtxColumns) {
+    throw GridError("the GTX grid is not 721 rows of 1440 columns from 90 S, 180 W, 0.25 degrees apart");
+  }
+  Grid grid{.form = "GTX grid", .values = {}};
+  grid.values.reserve(kValues);
+  for (int row = 0; row < kRows; row++) {
+    for (int column = 0; column < kColumns; column++) {
+      const int from = (kRows - 1 - row) * kGtxColumns + (column + kGtxGreenwich) % kGtxColumns;
+      const std::size_t offset = kGtxHeaderSize + static_cast<std::size_t>(from) * sizeof(float);
+      grid.values.push_back(std::bit_cast<float>(ReadBigEndian<std::uint32_t>(data, offset)));
+    }
+  }
+  return grid;
+}
+
+std::vector<float> ParseNumbers(std::string_view data) {
+  constexpr std::string_view kBlanks = " \t\r\n\v\f";
+  std::vector<float> numbers;
+  numbers.reserve(kValues + 6);
+  for (std::size_t at = data.find_first_not_of(kBlanks); at != std::string_view::npos;) {
+    const std::size_t end = std::min(data.find_first_of(kBlanks, at), data.size());
+    const std::string_view token = data.substr(at, end - at);
+    float number = 0;
+    const auto [stop, error] = std::from_chars(token.data(), token.data() + token.size(), number);
+    if (error != std::errc() || stop != token.data() + token.size()) {
+      throw GridError("\"" + std::string(token.substr(0, 40)) + "\", after " + std::to_string(numbers.size()) +
+                      " numbers, is not a number");
+    }
+    numbers.push_back(number);
+    at = data.find_first_not_of(kBlanks, end);
+  }
+  return numbers;
+}
+
+Grid ParseText(std::string_view data) {
+  constexpr std::array<float, 6> kHeader = {-90, 90, 0, 360, 0.25, 0.25};
+  Grid grid{.form = "text grid without header", .values = ParseNumbers(data)};
+  if (grid.values.size() == kValues + kHeader.size()) {
+    if (!std::equal(kHeader.begin(), kHeader.end(), grid.values.begin())) {
+      throw GridError("the header line is not \"-90 90 0 360 0.25 0.25\"");
+    }
+    grid.values.erase(grid.values.begin(), grid.values.begin() + kHeader.size());
+    grid.form = "text grid with header";
+  }
+  if (grid.values.size() != kValues) {
+    throw GridError("the text has " + std::to_string(grid.values.size()) + " numbers instead of " +
+                    std::to_string(kValues) + " (and six in front, with a header)");
+  }
+  return grid;
+}
+
+void Check(const Grid& grid) {
+  for (int i = 0; i < kValues; i++) {
+    const float value = grid.values[static_cast<std::size_t>(i)];
+    if (!(value >= kLowest && value <= kHighest)) {
+      throw GridError("row " + std::to_string(i / kColumns) + ", column " + std::to_string(i % kColumns) + " is " +
+                      std::to_string(value) + ": no height of this geoid");
+    }
+  }
+  for (std::size_t row = 0; row < kRows; row++) {
+    if (grid.values[row * kColumns] != grid.values[row * kColumns + kColumns - 1]) {
+      throw GridError("row " + std::to_string(row) + " does not repeat its first value at 360 E");
+    }
+  }
+}
+
+[[noreturn]] void ThrowSystemError(const std::string& what) {
+  throw GridError(what + ": " + std::strerror(errno));
+}
+
+void WriteAll(int fd, const std::string& text, const std::string& path) {
+  for (std::size_t written = 0; written < text.size();) {
+    const ssize_t step = write(fd, text.data() + written, text.size() - written);
+    if (step < 0 && errno == EINTR) continue;
+    if (step < 0) ThrowSystemError(path);
+    written += static_cast<std::size_t>(step);
+  }
+  if (fchmod(fd, 0644) != 0 || fsync(fd) != 0) ThrowSystemError(path);
+}
+
+}  // namespace
+
+Grid ParseGrid(std::string_view data) {
+  Grid grid = IsGtx(data) ? ParseGtx(data) : ParseText(data);
+  Check(grid);
+  return grid;
+}
+
+std::string FormatGrid(const Grid& grid) {
+  constexpr int kPerLine = 8;
+  std::string text;
+  text.reserve(grid.values.size() * 13);
+  for (std::size_t i = 0; i < grid.values.size(); i++) {
+    std::array<char, 32> number;
+    const auto end =
+        std::to_chars(number.begin(), number.end(), static_cast<double>(grid.values[i]), std::chars_format::general, 9)
+            .ptr;
+    text.append(number.data(), end);
+    const std::size_t column = i % kColumns;
+    text += column % kPerLine == kPerLine - 1 || column == kColumns - 1 ? '\n' : ' ';
+    if (column == kColumns - 1) text += '\n';
+  }
+  return text;
+}
+
+std::string ReadWholeFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) ThrowSystemError(path);
+  std::string text{std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  if (file.bad()) ThrowSystemError(path);
+  return text;
+}
+
+void ReplaceFile(const std::string& path, const std::string& text) {
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  std::error_code error;
+  if (!folder.empty()) std::filesystem::create_directories(folder, error);
+  if (error) throw GridError(folder.string() + ": " + error.message());
+  std::string temporary = path + ".XXXXXX";
+  const int fd = mkstemp(temporary.data());
+  if (fd < 0) ThrowSystemError(temporary);
+  try {
+    WriteAll(fd, text, temporary);
+    if (rename(temporary.c_str(), path.c_str()) != 0) ThrowSystemError(path);
+  } catch (...) {
+    close(fd);
+    unlink(temporary.c_str());
+    throw;
+  }
+  close(fd);
+}
+
+}  // namespace geoid
