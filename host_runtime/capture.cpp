@@ -1,6 +1,8 @@
 // Capture of the KLV of video inputs. Each back end owns a descriptor that is readable while KLV waits.
 //
 // The local-socket back end takes datagrams of 8 bytes of big-endian timestamp and then the KLV.
+#define HOST_MODULE "capture"
+
 #include "capture.h"
 
 #include <errno.h>
@@ -30,7 +32,7 @@ class SocketCapture : public Capture {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     unlink(config.path.c_str());
     if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-      HOST_LOG(3, "capture: no socket \"%s\": %s", config.path.c_str(), runtime::ErrorText(errno).c_str());
+      HOST_LOG(3, "capture: no socket \"%s\": %s", config.path.c_str(), strerror(errno));
       if (fd >= 0) close(fd);
       return nullptr;
     }
@@ -102,10 +104,10 @@ BOOL KLVCAPTURE_Start(int iInterface, VIDEO_EXTRACTOR* pExtractor) {
     HOST_LOG(3, "there is no video input %d", iInterface);
     return FALSE;
   }
-  const HostRuntimeConfig config = runtime::Config();
+  const auto config = host_runtime::Config();
   std::lock_guard guard(g_Lock);
   Input& input = g_Inputs[iInterface];
-  input.capture = OpenCapture(iInterface, config.captures[iInterface]);
+  input.capture = OpenCapture(iInterface, config->captures[static_cast<size_t>(iInterface)]);
   if (!input.capture) return FALSE;
   pExtractor->iFD = input.capture->FD();
   return TRUE;
@@ -123,7 +125,7 @@ BOOL KLVCAPTURE_GetKLV(int iFD, BYTE* pcData, int* pnLength, UINT64* pnTimeStamp
   CapturedKLV packet;
   while (input != nullptr && input->capture->Take(packet)) {
     if (packet.bytes.size() > static_cast<size_t>(*pnLength)) {
-      ++input->stats.dropped;
+      ++input->stats.oversized;
       HOST_LOG(4, "capture: packet of %zu bytes is larger than %d", packet.bytes.size(), *pnLength);
       continue;
     }

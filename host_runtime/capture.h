@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "runtime.h"
+#include "runtime_state.h"
 
 struct CapturedKLV {
   std::vector<BYTE> bytes;

@@ -1,145 +1,232 @@
-// The host's INI file, and the INI service, both through libinih.
-#include <ini.h>
+// The host's configuration: its INI file, and the copy in force.
+//
+// CONTENTS
+//   Values     texts to numbers and switches, with errors that say what is allowed
+//   Sections   one function for each section of the file
+//   In force   the snapshot that the services look at
+#define HOST_MODULE "config"
 
-#include <algorithm>
+#include <arpa/inet.h>
+#include <strings.h>
+
 #include <charconv>
-#include <cstring>
-#include <vector>
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
 
-#include "runtime.h"
+#include "ini_file.h"
+#include "runtime_state.h"
 
+namespace host_runtime {
 namespace {
 
-struct IniLine {
-  std::string section;
-  std::string key;
-  std::string value;
+// --- Values ------------------------------------------------------------------------------------------
+// Each returns "" or one line that names the key, the value and what is allowed.
+
+std::string Refuse(const std::string& key, const std::string& value, const std::string& allowed) {
+  return key + " = " + value + " is not allowed; allowed: " + allowed;
+}
+
+template <typename Number>
+std::string TakeNumber(const std::string& key, const std::string& value, Number low, Number high, Number* out) {
+  Number number{};
+  const char* const end = value.data() + value.size();
+  const auto [stop, problem] = std::from_chars(value.data(), end, number);
+  if (problem != std::errc() || stop != end || number < low || number > high) {
+    return Refuse(key, value, std::to_string(low) + " to " + std::to_string(high));
+  }
+  *out = number;
+  return {};
+}
+
+std::string TakeSwitch(const std::string& key, const std::string& value, bool* out) {
+  for (const char* yes : {"yes", "true", "on", "1"}) {
+    if (strcasecmp(value.c_str(), yes) == 0) {
+      *out = true;
+      return {};
+    }
+  }
+  for (const char* no : {"no", "false", "off", "0"}) {
+    if (strcasecmp(value.c_str(), no) == 0) {
+      *out = false;
+      return {};
+    }
+  }
+  return Refuse(key, value, "yes, no");
+}
+
+std::string UnknownKey(const std::string& section, const std::string& key, const std::string& allowed) {
+  return "[" + section + "] has no key " + key + "; allowed: " + allowed;
+}
+
+// Names in the file are relative to the file's own folder.
+std::string Beside(const std::string& file, const std::string& name) {
+  if (name.empty() || name.find("://") != std::string::npos) return name;
+  const std::filesystem::path path(name);
+  return path.is_absolute() ? name : (std::filesystem::path(file).parent_path() / path).lexically_normal().string();
+}
+
+// --- Sections ----------------------------------------------------------------------------------------
+
+struct Loader {
+  const std::string& file;
+  HostRuntimeConfig config;
+
+  std::string Log(const std::string& key, const std::string& value) {
+    if (key == "level") return TakeNumber(key, value, 0, 8, &config.logLevel);
+    if (key == "file") {
+      config.logFile = Beside(file, value);
+      return {};
+    }
+    if (key == "console") return TakeSwitch(key, value, &config.console);
+    if (key == "burst") return TakeNumber(key, value, 1u, 1'000'000u, &config.logBurst);
+    if (key == "rate") return TakeNumber(key, value, 0u, 1'000'000u, &config.logRate);
+    if (key.starts_with("level.")) return TakeNumber(key, value, 0, 8, &config.moduleLevels[key.substr(6)]);
+    return UnknownKey("log", key, "level, level.MODULE, file, console, burst, rate");
+  }
+
+  std::string Threads(const std::string& key, const std::string& value) {
+    if (key == "realtime") return TakeSwitch(key, value, &config.realtimeThreads);
+    if (key == "states") return TakeSwitch(key, value, &config.threadStates);
+    return UnknownKey("threads", key, "realtime, states");
+  }
+
+  std::string Network(const std::string& key, const std::string& value) {
+    if (key != "multicast interface") return UnknownKey("network", key, "multicast interface");
+    config.multicastInterface = value;
+    return {};
+  }
+
+  std::string Capture(const std::string& section, const std::string& key, const std::string& value) {
+    HostCaptureConfig& capture = config.captures[static_cast<std::size_t>(section.back() - '0')];
+    if (key == "kind") {
+      using Kind = HostCaptureConfig::Kind;
+      static const std::map<std::string, Kind> kKinds = {
+          {"none", Kind::kNone}, {"media", Kind::kMedia}, {"anc", Kind::kAnc}, {"socket", Kind::kSocket}};
+      const auto kind = kKinds.find(value);
+      if (kind == kKinds.end()) return Refuse(key, value, "none, media, anc, socket");
+      capture.kind = kind->second;
+      return {};
+    }
+    if (key == "path") {
+      capture.path = Beside(file, value);
+      return {};
+    }
+    if (key == "loop") return TakeSwitch(key, value, &capture.loop);
+    if (key == "port") return TakeNumber(key, value, std::uint16_t{1}, std::uint16_t{65535}, &capture.port);
+    if (key == "address") {
+      in_addr address{};
+      if (inet_pton(AF_INET, value.c_str(), &address) != 1) return Refuse(key, value, "an IPv4 address");
+      capture.address = value;
+      return {};
+    }
+    return UnknownKey(section, key, "kind, path, loop, address, port");
+  }
+
+  std::string Key(const std::string& section, const std::string& key, const std::string& value) {
+    if (section == "log") return Log(key, value);
+    if (section == "threads") return Threads(key, value);
+    if (section == "network") return Network(key, value);
+    if (section == "serial") {
+      config.serialDevices[key] = Beside(file, value);
+      return {};
+    }
+    if (section == "files") {
+      config.configFiles[key] = Beside(file, value);
+      return {};
+    }
+    if (section.size() == 8 && section.starts_with("capture") && section.back() >= '0' && section.back() <= '3') {
+      return Capture(section, key, value);
+    }
+    return "unknown section [" + section + "]; allowed: log, threads, network, serial, files, capture0 to capture3";
+  }
+
+  // What one key alone cannot tell.
+  std::string Complete() const {
+    for (std::size_t i = 0; i < config.captures.size(); ++i) {
+      const HostCaptureConfig& capture = config.captures[i];
+      using Kind = HostCaptureConfig::Kind;
+      const std::string section = "[capture" + std::to_string(i) + "]";
+      if (capture.kind == Kind::kMedia && capture.path.empty()) return section + " kind = media needs the key path";
+      if (capture.kind == Kind::kSocket && capture.path.empty()) return section + " kind = socket needs the key path";
+      if (capture.kind == Kind::kAnc && capture.port == 0) return section + " kind = anc needs the key port";
+    }
+    return {};
+  }
 };
 
-int Collect(void* user, const char* section, const char* name, const char* value) {
-  static_cast<std::vector<IniLine>*>(user)->push_back({section, name, value == nullptr ? "" : value});
-  return 1;
+// --- In force ----------------------------------------------------------------------------------------
+// Any thread. Never destroyed: threads may ask while the process ends.
+
+struct InForce {
+  std::mutex lock;  // leaf
+  std::shared_ptr<const HostRuntimeConfig> config = std::make_shared<HostRuntimeConfig>();
+};
+
+void PutInForce(InForce& state, const HostRuntimeConfig& config) {
+  auto fresh = std::make_shared<const HostRuntimeConfig>(config);
+  __atomic_store_n(&g_bThreadStateDebuggingEnabled, config.threadStates ? TRUE : FALSE, __ATOMIC_RELAXED);
+  const std::lock_guard guard(state.lock);
+  state.config.swap(fresh);
 }
 
-// 0, -1 when the file cannot be read, or the number of the first bad line.
-int Parse(const std::string& path, std::vector<IniLine>& lines) {
-  return ini_parse(path.c_str(), Collect, &lines);
-}
-
-bool Complain(std::string& error, const IniLine& line, const char* allowed) {
-  error = "[" + line.section + "] " + line.key + " = \"" + line.value + "\": " + allowed;
-  return false;
-}
-
-bool ReadInt(const IniLine& line, int low, int high, int& out) {
-  const char* end = line.value.data() + line.value.size();
-  const auto result = std::from_chars(line.value.data(), end, out);
-  return result.ec == std::errc() && result.ptr == end && out >= low && out <= high;
-}
-
-bool ReadBool(const IniLine& line, bool& out) {
-  static const char* const kYes[] = {"yes", "true", "on", "1"};
-  static const char* const kNo[] = {"no", "false", "off", "0"};
-  const auto is = [&](const char* word) { return strcasecmp(line.value.c_str(), word) == 0; };
-  out = std::any_of(std::begin(kYes), std::end(kYes), is);
-  return out || std::any_of(std::begin(kNo), std::end(kNo), is);
-}
-
-bool ReadLog(const IniLine& line, HostRuntimeConfig& config, std::string& error) {
-  constexpr const char* kLevels = "levels are 0 to 8";
-  if (line.key == "file") {
-    config.logFile = line.value;
-  } else if (line.key == "console") {
-    if (!ReadBool(line, config.console)) return Complain(error, line, "allowed are yes and no");
-  } else if (line.key == "level") {
-    if (!ReadInt(line, 0, 8, config.logLevel)) return Complain(error, line, kLevels);
-  } else if (line.key.rfind("level.", 0) == 0) {
-    int level = 0;
-    if (!ReadInt(line, 0, 8, level)) return Complain(error, line, kLevels);
-    config.moduleLevels[line.key.substr(6)] = level;
-  } else {
-    return Complain(error, line, "keys of [log] are level, level.MODULE, file and console");
-  }
-  return true;
-}
-
-bool ReadCapture(const IniLine& line, HostRuntimeConfig& config, std::string& error) {
-  const char input = line.section.back();
-  if (line.section.size() != 8 || input < '0' || input > '3')
-    return Complain(error, line, "captures are [capture0] to [capture3]");
-  HostCaptureConfig& capture = config.captures[input - '0'];
-  using Kind = HostCaptureConfig::Kind;
-  if (line.key == "kind") {
-    static const std::map<std::string, Kind> kKinds = {
-        {"none", Kind::kNone}, {"media", Kind::kMedia}, {"anc", Kind::kAnc}, {"socket", Kind::kSocket}};
-    const auto found = kKinds.find(line.value);
-    if (found == kKinds.end()) return Complain(error, line, "allowed are none, media, anc and socket");
-    capture.kind = found->second;
-  } else if (line.key == "path") {
-    capture.path = line.value;
-  } else if (line.key == "address") {
-    capture.address = line.value;
-  } else if (line.key == "port") {
-    int port = 0;
-    if (!ReadInt(line, 1, 65535, port)) return Complain(error, line, "ports are 1 to 65535");
-    capture.port = static_cast<std::uint16_t>(port);
-  } else if (line.key == "loop") {
-    if (!ReadBool(line, capture.loop)) return Complain(error, line, "allowed are yes and no");
-  } else {
-    return Complain(error, line, "keys of a capture are kind, path, loop, address and port");
-  }
-  return true;
-}
-
-bool ReadLine(const IniLine& line, HostRuntimeConfig& config, std::string& error) {
-  if (line.section == "log") return ReadLog(line, config, error);
-  if (line.section == "serial") {
-    config.serialDevices[line.key] = line.value;
-    return true;
-  }
-  if (line.section == "files") {
-    config.configFiles[line.key] = line.value;
-    return true;
-  }
-  if (line.section.rfind("capture", 0) == 0) return ReadCapture(line, config, error);
-  return Complain(error, line, "sections are log, serial, files and capture0 to capture3");
+InForce& State() {
+  static InForce* const state = [] {
+    auto* fresh = new InForce;
+    const char* path = secure_getenv("METADATA_HOST_INI");
+    if (path == nullptr || *path == '\0') return fresh;
+    HostRuntimeConfig config;
+    std::string error;
+    bool good = HostRuntime_Load(path, config, error);
+    if (good) {
+      PutInForce(*fresh, config);
+      good = ApplyLogConfig(config, &error);
+    }
+    if (!good) HOST_LOG(3, "METADATA_HOST_INI: %s.\n", error.c_str());
+    return fresh;
+  }();
+  return *state;
 }
 
 }  // namespace
 
+std::shared_ptr<const HostRuntimeConfig> Config() {
+  InForce& state = State();
+  const std::lock_guard guard(state.lock);
+  return state.config;
+}
+
+}  // namespace host_runtime
+
+using namespace host_runtime;
+
 bool HostRuntime_Load(const std::string& path, HostRuntimeConfig& config, std::string& error) {
-  std::vector<IniLine> lines;
-  const int result = Parse(path, lines);
-  if (result < 0) {
-    error = "cannot read \"" + path + "\"";
-    return false;
-  }
-  if (result > 0) {
-    error = "\"" + path + "\" line " + std::to_string(result) + ": neither a section nor key = value";
-    return false;
-  }
-  return std::all_of(lines.begin(), lines.end(), [&](const IniLine& line) { return ReadLine(line, config, error); });
+  return Guarded(false, [&] {
+    Loader loader{path, config};
+    const auto take = [&loader](const std::string& section, const std::string& key, const std::string& value) {
+      return loader.Key(section, key, value);
+    };
+    if (!ReadIniFile(path, take, &error)) return false;
+    if (const std::string problem = loader.Complete(); !problem.empty()) {
+      error = path + ": " + problem;
+      return false;
+    }
+    config = std::move(loader.config);
+    return true;
+  });
 }
 
-namespace runtime {
-
-std::optional<std::string> IniValue(const std::string& file, const std::string& section, const std::string& key) {
-  std::vector<IniLine> lines;
-  if (Parse(file, lines) < 0) return {};
-  for (const IniLine& line : lines)
-    if (line.section == section && line.key == key) return line.value;
-  return {};
+bool HostRuntime_Apply(const HostRuntimeConfig& config, std::string* error) {
+  return Guarded(false, [&] {
+    PutInForce(State(), config);
+    std::string problem;
+    if (ApplyLogConfig(config, &problem)) return true;
+    HOST_LOG(3, "%s.\n", problem.c_str());
+    if (error != nullptr) *error = problem;
+    return false;
+  });
 }
 
-}  // namespace runtime
-
-extern "C" BOOL CfgFile_GetStringValue(const char* szFile, const char* szSection, const char* szKey, char* szOut,
-                                       int* pnSize, const char* szDefault) {
-  const HostRuntimeConfig config = runtime::Config();
-  const auto mapped = config.configFiles.find(szFile);
-  const std::string file = mapped == config.configFiles.end() ? szFile : mapped->second;
-  const std::optional<std::string> value = runtime::IniValue(file, szSection, szKey);
-  CopyString(szOut, value ? value->c_str() : szDefault, *pnSize);
-  *pnSize = static_cast<int>(strlen(szOut));
-  return value ? TRUE : FALSE;
+HostRuntimeConfig HostRuntime_Config() {
+  return *Config();
 }

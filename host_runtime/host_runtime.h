@@ -1,76 +1,128 @@
-// The Linux host runtime: implements every service declared in host/ for a process that loads the library. This header
-// is the runtime's own side, for the program that owns the process (the services themselves are in host.h).
+// The Linux host runtime: everything of host/*.h for a process that loads the metadata library, and the few calls
+// with which that process sets it up. A process that changes nothing gets warnings on standard error, the device
+// and file names as the library gives them, and no video inputs. docs/host.md describes the INI file.
 //
-// The program links the runtime whole and exports its symbols (the CMake target does both), so that the library finds
-// the services. Configure before METADATALIB_Init; levels may change at any time.
+// All calls may come from any thread. None of them throws or ends the process (unless `abortOnAssert` asks for it).
 #ifndef HOST_RUNTIME_H
 #define HOST_RUNTIME_H
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
+
+// --- configuration -----------------------------------------------------------------------------------
+
+constexpr int kHostVideoInputs = 4;
 
 // Where the KLV of one video input comes from.
 struct HostCaptureConfig {
   enum class Kind {
-    kNone,
-    kMedia,   // a file or stream with a KLV track, played in real time
-    kAnc,     // an RFC 8331 ancillary stream over UDP
-    kSocket,  // datagrams on a local socket: 8 bytes of big-endian timestamp, then the KLV
+    kNone,   // the input cannot be opened
+    kMedia,  // a file or stream with a KLV track, played in real time
+    kAnc,    // an ancillary stream of RFC 8331 (SMPTE ST 2110-40) over UDP
+    kSocket  // datagrams on a local socket: 8 bytes of timestamp, big-endian, then the KLV
   };
   Kind kind = Kind::kNone;
   std::string path;        // kMedia: file or URL; kSocket: the socket's path, made by the runtime
-  bool loop = false;       // kMedia: start again at the end
-  std::string address;     // kAnc: group to join, or empty
+  bool loop = false;       // kMedia: begin again at the end
+  std::string address;     // kAnc: IPv4 group to join, or empty
   std::uint16_t port = 0;  // kAnc
 };
 
 struct HostRuntimeConfig {
-  std::map<std::string, std::string> serialDevices;  // path asked for -> device to open instead
-  std::map<std::string, std::string> configFiles;    // INI file asked for -> file to read instead
-  int logLevel = 5;                                  // of modules without their own
-  std::map<std::string, int> moduleLevels;           // by module name
-  bool console = true;                               // log to standard error
-  std::string logFile;                               // and to this file, when named
-  HostCaptureConfig captures[4];                     // by video input
+  // Log. Levels as in host_debug.h; a line is written when its level is at most the module's.
+  int logLevel = 5;
+  std::map<std::string, int> moduleLevels;  // by module name ("METADATALIB", "COTCONVERTER", "HOST", "KLVCAPTURE")
+  std::string logFile;                      // also written here; empty for none. Turned over at 8 MiB, three kept
+  bool console = true;                      // lines on standard error
+  unsigned logBurst = 20;                   // lines of one call site let through at once; level 0 is not limited
+  unsigned logRate = 10;                    // and per second after that; 0 turns the limit off
+  bool abortOnAssert = false;               // for tests
+
+  // Threads.
+  bool realtimeThreads = true;  // ask for the real-time priority that a thread wants
+  bool threadStates = false;    // let the library report where its threads are (costs a lock per report)
+
+  // Names.
+  std::map<std::string, std::string> serialDevices;  // path the library opens -> device or pseudo-terminal
+  std::map<std::string, std::string> configFiles;    // INI file the library reads -> file read instead
+
+  std::string multicastInterface;  // interface that joins groups; empty leaves it to the routing table
+
+  std::array<HostCaptureConfig, kHostVideoInputs> captures;  // by video input
 };
 
-// Reads an INI file (docs/host.md). FALSE and one line in 'error' that names the key, the value and what is allowed.
+// Reads a host INI file (docs/host.md) into config, over what it holds. False and one line in error (file, line, key,
+// what is allowed) when the file cannot be read or says something unknown; config is then unchanged.
 bool HostRuntime_Load(const std::string& path, HostRuntimeConfig& config, std::string& error);
-// Takes the configuration over. FALSE and one line in 'error' when the log file cannot be opened.
+
+// Puts a configuration into force. What is open stays as it is; levels change at once. False and one line in *error
+// (which may be null) when the log file cannot be written: all the rest is then in force.
 bool HostRuntime_Apply(const HostRuntimeConfig& config, std::string* error = nullptr);
-// Sets the level of a module, open or not; an empty name sets all.
+
+// The configuration in force.
+HostRuntimeConfig HostRuntime_Config();
+
+// --- log ---------------------------------------------------------------------------------------------
+
+// Changes a module's level while everything runs; also for modules that do not exist yet. An empty name means all.
 void HostRuntime_SetLevel(const std::string& module, int level);
-// Assertions raised so far.
-unsigned long HostRuntime_AssertionCount();
 
 struct HostLogLine {
   std::string module;
   int level;  // 0 for an assertion
   std::string function;
-  std::string text;  // without the line's end
+  std::string file;  // source without ending
+  int line;
+  std::string text;  // without line end; control characters are escaped
   bool assertion;
 };
-// Called with every line that is written, on the thread that wrote it. An empty function ends that.
+
+// Called with every line that is written, on the thread that logs it: it may log itself, but must not wait for
+// another thread that logs. An empty function removes it; a call on another thread may then still be running.
 void HostRuntime_OnLog(std::function<void(const HostLogLine&)> callback);
 
-// What the runtime knows of a thread it made.
-struct HostThreadState {
-  unsigned iterations;
-  bool paused;
-  std::string where;  // "function (file:line)" of the last saved state
-};
-std::map<std::string, HostThreadState> HostRuntime_Threads();
+// Assertions raised since the process started, also those that the log left out.
+std::uint64_t HostRuntime_AssertionCount();
 
-// Per video input: what its capture did. All zero while stopped for the first time.
-struct HostCaptureStats {
-  std::uint64_t packets;      // handed to the queue
-  std::uint64_t dropped;      // queue full, or larger than the room offered
-  std::uint64_t lost;         // RTP packets missing
-  std::uint64_t reordered;    // RTP packets that came late
-  std::uint64_t badChecksum;  // ancillary packets with a wrong checksum or parity
+// --- threads -----------------------------------------------------------------------------------------
+
+struct HostThreadState {
+  std::string name;
+  bool running = false;  // started and not yet returned
+  bool paused = false;   // busy for long on purpose
+  std::uint64_t iterations = 0;
+  double secondsSinceSign = 0;  // since it last reported anything
+  std::string function;         // last reported place; empty before the first report
+  std::string file;
+  int line = 0;
 };
+
+// The threads made through CreateThread that were not waited for yet.
+std::vector<HostThreadState> HostRuntime_Threads();
+
+// --- capture -----------------------------------------------------------------------------------------
+
+// Counts of one video input since its capture was started last.
+struct HostCaptureStats {
+  std::uint64_t packets = 0;       // KLV packets queued for the library
+  std::uint64_t bytes = 0;         // in them
+  std::uint64_t taken = 0;         // packets handed to the library
+  std::uint64_t overflows = 0;     // dropped: the queue was full
+  std::uint64_t oversized = 0;     // dropped: larger than the room offered
+  std::uint64_t damaged = 0;       // dropped: no readable KLV, RTP or ancillary packet
+  std::uint64_t badChecksums = 0;  // ancillary packets with a wrong checksum
+  std::uint64_t badParity = 0;     // ancillary packets with a wrong parity bit
+  std::uint64_t lostPackets = 0;   // RTP packets that never came
+  std::uint64_t reordered = 0;     // RTP packets that came out of order and were put right
+  std::uint64_t late = 0;          // RTP packets dropped: repeated, or too late to be put right
+  std::uint64_t incomplete = 0;    // KLV messages dropped because a part was missing
+};
+
+// All zero for an input that was never started.
 HostCaptureStats HostRuntime_CaptureStats(int input);
 
 #endif  // HOST_RUNTIME_H

@@ -1,94 +1,149 @@
-// Mailboxes: a queue and an eventfd that counts what is in it.
-#include <errno.h>
+// Mailboxes: a queue under a mutex, and an eventfd that is readable while it holds messages.
+#define HOST_MODULE "mailbox"
+
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <deque>
-#include <memory>
+#include <map>
 #include <mutex>
-#include <set>
-#include <vector>
+#include <string>
 
-#include "runtime.h"
+#include "runtime_state.h"
 
+using namespace host_runtime;
+
+// Header and data in one block.
 struct tagHOST_MBOX_MSG {
   MBOX_MSGHEADER header;
-  std::vector<BYTE> data;
+  std::size_t dataSize;
+  // dataSize bytes follow
 };
 
 struct tagHOST_MBOX {
   std::string name;
-  int event;  // readable while messages are queued
-  std::mutex lock;
+  int notification = -1;
+  std::mutex lock;  // leaf; guards the queue and keeps the notification in step with it
   std::deque<HMBOXMSG> queue;
+
+  ~tagHOST_MBOX() {
+    for (HMBOXMSG hMsg : queue) free(hMsg);
+    if (notification >= 0) close(notification);
+  }
 };
 
-// Names in use; under the lock.
-static std::mutex g_NamesLock;
-static std::set<std::string> g_Names;
+namespace {
+
+constexpr std::size_t kMessageLimit = 4096;                // messages in one mailbox
+constexpr std::size_t kDataLimit = std::size_t{64} << 20;  // bytes of data in one message
+
+// The mailboxes by name.
+struct Registry {
+  std::mutex lock;  // leaf
+  std::map<std::string, HMBOX> names;
+};
+
+Registry& Mailboxes() {
+  static auto* const registry = new Registry;
+  return *registry;
+}
+
+}  // namespace
 
 extern "C" {
 
 BOOL MBOX_CreateMailBox(const MBOX_CONFIG* pConfig, HMBOX* phMBox) {
-  std::lock_guard guard(g_NamesLock);
-  if (g_Names.count(pConfig->szName) != 0 && !pConfig->bDeleteIfAreadyExisted) {
-    HOST_LOG(3, "a mailbox \"%s\" exists already", pConfig->szName);
+  if (phMBox == nullptr) return FALSE;
+  *phMBox = nullptr;
+  if (pConfig == nullptr || pConfig->nSize != static_cast<int>(sizeof *pConfig) || pConfig->szName == nullptr) {
     return FALSE;
   }
-  const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK | EFD_SEMAPHORE);
-  if (event < 0) {
-    HOST_LOG(3, "no mailbox \"%s\": %s", pConfig->szName, runtime::ErrorText(errno).c_str());
-    return FALSE;
-  }
-  *phMBox = new tagHOST_MBOX{pConfig->szName, event, {}, {}};
-  g_Names.insert(pConfig->szName);
-  return TRUE;
+  return Guarded(FALSE, [&] {
+    auto mailbox = std::make_unique<tagHOST_MBOX>();
+    mailbox->name = pConfig->szName;
+    mailbox->notification = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (mailbox->notification < 0) {
+      HOST_LOG(3, "Cannot make mailbox \"%s\": %s.\n", pConfig->szName, strerror(errno));
+      return FALSE;
+    }
+    const std::lock_guard guard(Mailboxes().lock);
+    HMBOX& named = Mailboxes().names[mailbox->name];
+    if (named != nullptr && !pConfig->bDeleteIfAreadyExisted) {
+      HOST_LOG(3, "A mailbox \"%s\" exists already.\n", pConfig->szName);
+      return FALSE;
+    }
+    // A mailbox that is replaced loses its name; its holder still closes it.
+    named = mailbox.get();
+    *phMBox = mailbox.release();
+    return TRUE;
+  });
 }
 
 int MBOX_GetNotificationFD(HMBOX hMBox) {
-  return hMBox->event;
+  return hMBox == nullptr ? -1 : hMBox->notification;
 }
 
-HMBOXMSG __MBOX_AllocMessage(size_t nDataSize, const char*, const char*, int) {
-  return new (std::nothrow) tagHOST_MBOX_MSG{{}, std::vector<BYTE>(nDataSize)};
+HMBOXMSG __MBOX_AllocMessage(size_t nDataSize, const char* szFunction, const char*, int) {
+  const HMBOXMSG hMsg =
+      nDataSize > kDataLimit ? nullptr : static_cast<HMBOXMSG>(calloc(1, sizeof(tagHOST_MBOX_MSG) + nDataSize));
+  if (hMsg == nullptr) {
+    HOST_LOG(3, "%s: no memory for a message of %zu bytes.\n", szFunction, nDataSize);
+    return nullptr;
+  }
+  hMsg->dataSize = nDataSize;
+  return hMsg;
 }
 
 MBOX_MSGHEADER* MBOX_GetMessageHeader(HMBOXMSG hMsg) {
-  return &hMsg->header;
+  return hMsg == nullptr ? nullptr : &hMsg->header;
 }
 
 BOOL MBOX_SendMessage(HMBOX hMBox, HMBOXMSG hMsg, DWORD) {
-  std::lock_guard guard(hMBox->lock);
-  const uint64_t one = 1;
-  if (write(hMBox->event, &one, sizeof one) != static_cast<ssize_t>(sizeof one)) return FALSE;
-  hMBox->queue.push_back(hMsg);
-  return TRUE;
+  if (hMBox == nullptr || hMsg == nullptr) return FALSE;
+  return Guarded(FALSE, [&] {
+    {
+      const std::lock_guard guard(hMBox->lock);
+      if (hMBox->queue.size() < kMessageLimit) {
+        hMBox->queue.push_back(hMsg);
+        if (hMBox->queue.size() == 1) eventfd_write(hMBox->notification, 1);
+        return TRUE;
+      }
+    }
+    HOST_LOG(3, "Mailbox \"%s\" is full (%zu messages).\n", hMBox->name.c_str(), kMessageLimit);
+    return FALSE;
+  });
 }
 
 BOOL MBOX_RecvMessage(HMBOX hMBox, HMBOXMSG* phMsg) {
-  std::lock_guard guard(hMBox->lock);
-  if (hMBox->queue.empty()) return FALSE;
-  uint64_t taken = 0;
-  if (read(hMBox->event, &taken, sizeof taken) < 0) HOST_LOG(4, "mailbox \"%s\" had no mark", hMBox->name.c_str());
-  *phMsg = hMBox->queue.front();
-  hMBox->queue.pop_front();
-  return TRUE;
+  if (hMBox == nullptr || phMsg == nullptr) return FALSE;
+  return Guarded(FALSE, [&] {
+    const std::lock_guard guard(hMBox->lock);
+    if (hMBox->queue.empty()) return FALSE;
+    *phMsg = hMBox->queue.front();
+    hMBox->queue.pop_front();
+    eventfd_t count = 0;
+    if (hMBox->queue.empty()) eventfd_read(hMBox->notification, &count);
+    return TRUE;
+  });
 }
 
 void MBOX_FreeMessage(HMBOXMSG hMsg) {
-  delete hMsg;
+  free(hMsg);
 }
 
 BOOL MBOX_CloseMailBox(HMBOX* phMBox) {
-  HMBOX mailbox = *phMBox;
-  {
-    std::lock_guard guard(g_NamesLock);
-    g_Names.erase(mailbox->name);
-  }
-  for (HMBOXMSG message : mailbox->queue) delete message;
-  close(mailbox->event);
-  delete mailbox;
+  if (phMBox == nullptr || *phMBox == nullptr) return FALSE;
+  const HMBOX hMBox = *phMBox;
   *phMBox = nullptr;
+  Guarded([&] {
+    const std::lock_guard guard(Mailboxes().lock);
+    const auto named = Mailboxes().names.find(hMBox->name);
+    if (named != Mailboxes().names.end() && named->second == hMBox) Mailboxes().names.erase(named);
+  });
+  delete hMBox;
   return TRUE;
 }
 

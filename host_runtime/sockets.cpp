@@ -1,106 +1,158 @@
 // UDP receive sockets and address texts.
+//
+// A unicast port is never shared: a second process that binds it gets an error instead of half the datagrams. Ports
+// of multicast sources are shared with other receivers of the machine, each with its own groups.
+#define HOST_MODULE "sockets"
+
 #include <arpa/inet.h>
-#include <errno.h>
-#include <fcntl.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <string>
 
-#include "runtime.h"
+#include "runtime_state.h"
 
-namespace runtime {
+using namespace host_runtime;
 
-bool MakeNonBlocking(int fd) {
-  const int flags = fcntl(fd, F_GETFL);
-  return flags >= 0 && fcntl(fd, F_SETFL, flags | O_NONBLOCK) == 0 && fcntl(fd, F_SETFD, FD_CLOEXEC) == 0;
-}
+namespace {
 
-}  // namespace runtime
+constexpr int kReceiveBuffer = 1 << 20;  // bytes asked for; the system may grant less
 
-// Closes the socket and tells why.
-static BOOL GiveUp(int fd, const char* what, USHORT port) {
-  const int error = errno;
-  if (fd >= 0) close(fd);
-  HOST_LOG(3, "%s on UDP port %u: %s", what, port, runtime::ErrorText(error).c_str());
+// A descriptor that closes itself unless it is taken.
+class Socket {
+ public:
+  explicit Socket(int family) : m_fd(socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    if (m_fd >= 0) Set(SOL_SOCKET, SO_RCVBUF, kReceiveBuffer);
+  }
+  ~Socket() {
+    if (m_fd >= 0) close(m_fd);
+  }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  int Get() const { return m_fd; }
+  int Take() {
+    const int fd = m_fd;
+    m_fd = -1;
+    return fd;
+  }
+  bool Set(int level, int option, int value) { return setsockopt(m_fd, level, option, &value, sizeof value) == 0; }
+  template <typename Address>
+  bool Bind(const Address& address) {
+    return bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+  }
+
+ private:
+  int m_fd;
+};
+
+BOOL Fail(const char* what, USHORT usPort) {
+  HOST_LOG(3, "UDP port %u: %s: %s.\n", static_cast<unsigned>(usPort), what, strerror(errno));
   return FALSE;
 }
 
-static bool IsMulticast(const BYTE* address) {
-  return (address[0] & 0xF0) == 0xE0;
+bool JoinOn(Socket& socket, in_addr group, int interface) {
+  ip_mreqn request{};
+  request.imr_multiaddr = group;
+  request.imr_ifindex = interface;
+  return setsockopt(socket.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
 }
+
+// Joins on the interface that the configuration names; otherwise on the one the routing table gives, and on the
+// loopback interface, for senders on this machine.
+bool Join(Socket& socket, in_addr group) {
+  const std::string name = Config()->multicastInterface;
+  if (!name.empty()) {
+    const unsigned index = if_nametoindex(name.c_str());
+    return index != 0 && JoinOn(socket, group, static_cast<int>(index));
+  }
+  const bool routed = JoinOn(socket, group, 0);
+  const int error = errno;
+  const unsigned loopback = if_nametoindex("lo");
+  const bool local = loopback != 0 && (JoinOn(socket, group, static_cast<int>(loopback)) || errno == EADDRINUSE);
+  errno = error;
+  return routed || local;
+}
+
+}  // namespace
 
 extern "C" {
 
 BOOL CreateUDPRxSocket(USHORT usPort, const BYTE* acAddress, int* piFD) {
-  const bool multicast = IsMulticast(acAddress);
-  const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0) return GiveUp(fd, "no socket", usPort);
-  // Only groups may share a port: a unicast port taken by another process must fail, not steal its datagrams.
-  const int on = 1;
-  if (multicast && setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0)
-    return GiveUp(fd, "cannot share the port", usPort);
-  sockaddr_in local = {};
-  local.sin_family = AF_INET;
-  local.sin_port = htons(usPort);
-  if (multicast) memcpy(&local.sin_addr, acAddress, 4);  // only what is sent to the group
-  if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) return GiveUp(fd, "cannot bind", usPort);
-  if (multicast) {
-    ip_mreqn group = {};
-    memcpy(&group.imr_multiaddr, acAddress, 4);
-    if (setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group) != 0)
-      return GiveUp(fd, "cannot join the group", usPort);
-  }
-  *piFD = fd;
-  return TRUE;
+  if (piFD == nullptr) return FALSE;
+  *piFD = -1;
+  return Guarded(FALSE, [&] {
+    in_addr address{};
+    if (acAddress != nullptr) memcpy(&address, acAddress, sizeof address);
+    const bool bMulticast = IN_MULTICAST(ntohl(address.s_addr));
+    Socket socket(AF_INET);
+    if (socket.Get() < 0) return Fail("no socket", usPort);
+    // Without IP_MULTICAST_ALL only the groups joined by this socket arrive, not those of the machine's others.
+    if (bMulticast && (!socket.Set(SOL_SOCKET, SO_REUSEADDR, 1) || !socket.Set(IPPROTO_IP, IP_MULTICAST_ALL, 0))) {
+      return Fail("cannot prepare for multicast", usPort);
+    }
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    local.sin_port = htons(usPort);
+    if (!socket.Bind(local)) return Fail("cannot bind", usPort);
+    if (bMulticast && !Join(socket, address)) return Fail("cannot join the group", usPort);
+    *piFD = socket.Take();
+    return TRUE;
+  });
 }
 
 BOOL CreateUDPv6RxSocket(USHORT usPort, DWORD dwFlags, int* piFD) {
-  const int fd = socket(AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd < 0) return GiveUp(fd, "no IPv6 socket", usPort);
-  const int on = 1;
-  if (setsockopt(fd, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) return GiveUp(fd, "no IPV6_V6ONLY", usPort);
-  if ((dwFlags & HOST_UDPV6_RX_HOPLIMIT) != 0 && setsockopt(fd, IPPROTO_IPV6, IPV6_RECVHOPLIMIT, &on, sizeof on) != 0)
-    return GiveUp(fd, "no IPV6_RECVHOPLIMIT", usPort);
-  if ((dwFlags & HOST_UDPV6_RX_TRAFFIC_CLASS) != 0 &&
-      setsockopt(fd, IPPROTO_IPV6, IPV6_RECVTCLASS, &on, sizeof on) != 0)
-    return GiveUp(fd, "no IPV6_RECVTCLASS", usPort);
-  sockaddr_in6 local = {};
+  if (piFD == nullptr) return FALSE;
+  *piFD = -1;
+  Socket socket(AF_INET6);
+  if (socket.Get() < 0) return Fail("no IPv6 socket", usPort);
+  if (!socket.Set(IPPROTO_IPV6, IPV6_V6ONLY, 1)) return Fail("cannot leave out IPv4", usPort);
+  if ((dwFlags & HOST_UDPV6_RX_HOPLIMIT) != 0 && !socket.Set(IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1)) {
+    return Fail("cannot ask for hop limits", usPort);
+  }
+  if ((dwFlags & HOST_UDPV6_RX_TRAFFIC_CLASS) != 0 && !socket.Set(IPPROTO_IPV6, IPV6_RECVTCLASS, 1)) {
+    return Fail("cannot ask for traffic classes", usPort);
+  }
+  sockaddr_in6 local{};
   local.sin6_family = AF_INET6;
   local.sin6_port = htons(usPort);
-  if (bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof local) != 0) return GiveUp(fd, "cannot bind IPv6", usPort);
-  *piFD = fd;
+  if (!socket.Bind(local)) return Fail("cannot bind over IPv6", usPort);
+  *piFD = socket.Take();
   return TRUE;
 }
 
 BOOL GetInterfaceIPv6ScopeID(const char* szInterface, UINT32* pnScopeID) {
-  *pnScopeID = if_nametoindex(szInterface);
+  if (pnScopeID == nullptr) return FALSE;
+  *pnScopeID = szInterface == nullptr ? 0 : if_nametoindex(szInterface);
   return *pnScopeID != 0 ? TRUE : FALSE;
 }
 
 char* GetIPAddressString(int iFamily, const void* pvAddress, char* szBuffer, int nSize) {
-  if (nSize <= 0) return szBuffer;
-  if (inet_ntop(iFamily, pvAddress, szBuffer, static_cast<socklen_t>(nSize)) == nullptr)
-    snprintf(szBuffer, static_cast<size_t>(nSize), "(family %d)", iFamily);
+  if (szBuffer == nullptr || nSize <= 0) return szBuffer;
+  if (pvAddress == nullptr || inet_ntop(iFamily, pvAddress, szBuffer, static_cast<socklen_t>(nSize)) == nullptr) {
+    CopyString(szBuffer, "?", nSize);
+  }
   return szBuffer;
 }
 
 char* GetSockAddressString(const struct sockaddr_storage* pAddress, char* szBuffer, int nSize) {
-  char text[INET6_ADDRSTRLEN + 8];
-  if (nSize <= 0) return szBuffer;
-  if (pAddress->ss_family == AF_INET6) {
-    const sockaddr_in6* address = reinterpret_cast<const sockaddr_in6*>(pAddress);
-    GetIPAddressString(AF_INET6, &address->sin6_addr, text, sizeof text);
-    snprintf(szBuffer, static_cast<size_t>(nSize), "[%s]:%u", text, ntohs(address->sin6_port));
-  } else if (pAddress->ss_family == AF_INET) {
-    const sockaddr_in* address = reinterpret_cast<const sockaddr_in*>(pAddress);
-    GetIPAddressString(AF_INET, &address->sin_addr, text, sizeof text);
-    snprintf(szBuffer, static_cast<size_t>(nSize), "%s:%u", text, ntohs(address->sin_port));
+  char szText[INET6_ADDRSTRLEN];
+  if (pAddress != nullptr && pAddress->ss_family == AF_INET) {
+    sockaddr_in address;
+    memcpy(&address, pAddress, sizeof address);
+    GetIPAddressString(AF_INET, &address.sin_addr, szText, sizeof szText);
+    PrintToString(szBuffer, nSize, "%s:%u", szText, static_cast<unsigned>(ntohs(address.sin_port)));
+  } else if (pAddress != nullptr && pAddress->ss_family == AF_INET6) {
+    sockaddr_in6 address;
+    memcpy(&address, pAddress, sizeof address);
+    GetIPAddressString(AF_INET6, &address.sin6_addr, szText, sizeof szText);
+    PrintToString(szBuffer, nSize, "[%s]:%u", szText, static_cast<unsigned>(ntohs(address.sin6_port)));
   } else {
-    snprintf(szBuffer, static_cast<size_t>(nSize), "(family %d)", pAddress->ss_family);
+    CopyString(szBuffer, "?", nSize);
   }
   return szBuffer;
 }

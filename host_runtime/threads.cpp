@@ -1,152 +1,220 @@
-// Threads, the watch over them, and counting wait conditions.
-#include <errno.h>
+// Threads, and the watch over them.
+//
+// CONTENTS
+//   Records    one for each thread, and the table of all
+//   Running    the start of a thread, its priority and its end
+//   Services   what the library calls
+#define HOST_MODULE "threads"
+
+#include <limits.h>
 #include <pthread.h>
 #include <sched.h>
-#include <time.h>
+#include <signal.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <mutex>
+#include <string>
+#include <vector>
 
-#include "runtime.h"
+#include "runtime_state.h"
 
-struct tagHOST_THREAD {
-  std::string name;
-  DWORD stackSize;
-  DWORD priority;
-  HOST_THREAD_ROUTINE routine;
-  void* argument;
-  pthread_t thread = {};
-  bool started = false;
-};
+using namespace host_runtime;
 
+// Asks the library for reports. Written atomically by HostRuntime_Apply.
 BOOL g_bThreadStateDebuggingEnabled = FALSE;
 
-// The watch; under the lock. Threads the runtime did not make have no name and are ignored.
-static std::mutex g_WatchLock;
-static std::map<std::string, HostThreadState> g_Watch;
-static thread_local std::string t_Name;
+// --- Records -----------------------------------------------------------------------------------------
+// A record belongs to whoever holds the handle; the table lists it until WaitForThread.
 
-std::map<std::string, HostThreadState> HostRuntime_Threads() {
-  std::lock_guard guard(g_WatchLock);
-  return g_Watch;
+struct tagHOST_THREAD {
+  enum class Order { kHold, kRun, kLeave };
+
+  std::string name;
+  pthread_t thread{};
+  HOST_THREAD_ROUTINE routine = nullptr;
+  void* argument = nullptr;
+  pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER;  // guards order
+  pthread_cond_t startCond = PTHREAD_COND_INITIALIZER;
+  Order order = Order::kHold;
+
+  std::mutex watchLock;  // leaf; guards watch and lastSign
+  HostThreadState watch;
+  std::int64_t lastSign = 0;
+};
+
+namespace {
+
+struct Table {
+  std::mutex lock;  // taken before a record's watchLock
+  std::vector<HTHREAD> threads;
+};
+
+Table& Threads() {
+  static auto* const table = new Table;
+  return *table;
 }
+
+thread_local HTHREAD t_hSelf = nullptr;  // the calling thread's record; null on threads the host did not make
 
 template <typename Change>
-static void Watch(Change change) {
-  if (t_Name.empty()) return;
-  std::lock_guard guard(g_WatchLock);
-  change(g_Watch[t_Name]);
+void Report(Change change) {
+  const HTHREAD hSelf = t_hSelf;
+  if (hSelf == nullptr) return;
+  Guarded([&] {
+    const std::lock_guard guard(hSelf->watchLock);
+    hSelf->lastSign = MonotonicNs();
+    change(hSelf->watch);
+  });
 }
 
-// A priority needs a privilege; without it the thread runs like any other.
-static void SetPriority(const tagHOST_THREAD& thread) {
-  if (thread.priority == 0) return;
-  sched_param wanted = {};
-  wanted.sched_priority = static_cast<int>(thread.priority);
-  const int error = pthread_setschedparam(pthread_self(), SCHED_RR, &wanted);
-  if (error != 0)
-    HOST_LOG(6, "thread \"%s\" runs without priority %u: %s", thread.name.c_str(), thread.priority,
-             runtime::ErrorText(error).c_str());
-}
+// --- Running -----------------------------------------------------------------------------------------
 
-static void* Run(void* argument) {
-  const tagHOST_THREAD& thread = *static_cast<tagHOST_THREAD*>(argument);
-  t_Name = thread.name;
-  pthread_setname_np(pthread_self(), thread.name.substr(0, 15).c_str());
-  SetPriority(thread);
-  Watch([](HostThreadState&) {});
-  thread.routine(thread.argument);
-  std::lock_guard guard(g_WatchLock);
-  g_Watch.erase(t_Name);
+void* Run(void* pvThread) {
+  const auto hThread = static_cast<HTHREAD>(pvThread);
+  t_hSelf = hThread;
+  pthread_mutex_lock(&hThread->startMutex);
+  while (hThread->order == tagHOST_THREAD::Order::kHold) pthread_cond_wait(&hThread->startCond, &hThread->startMutex);
+  const bool bRun = hThread->order == tagHOST_THREAD::Order::kRun;
+  pthread_mutex_unlock(&hThread->startMutex);
+  if (!bRun) return nullptr;
+  hThread->routine(hThread->argument);
+  Report([](HostThreadState& watch) { watch.running = false; });
   return nullptr;
+}
+
+void Order(HTHREAD hThread, tagHOST_THREAD::Order order) {
+  pthread_mutex_lock(&hThread->startMutex);
+  hThread->order = order;
+  pthread_cond_signal(&hThread->startCond);
+  pthread_mutex_unlock(&hThread->startMutex);
+}
+
+bool CreateWith(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
+  pthread_attr_t attributes;
+  int nResult = pthread_attr_init(&attributes);
+  if (nResult == 0 && nStackSize != 0) {
+    nResult = pthread_attr_setstacksize(
+        &attributes, std::max(static_cast<std::size_t>(nStackSize), static_cast<std::size_t>(PTHREAD_STACK_MIN)));
+  }
+  if (nResult == 0 && nPriority != 0) {
+    sched_param parameters{};
+    parameters.sched_priority = std::clamp(static_cast<int>(std::min(nPriority, 99u)), sched_get_priority_min(SCHED_RR),
+                                           sched_get_priority_max(SCHED_RR));
+    pthread_attr_setinheritsched(&attributes, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedpolicy(&attributes, SCHED_RR);
+    pthread_attr_setschedparam(&attributes, &parameters);
+  }
+  // Signals are for the process's own threads.
+  sigset_t all;
+  sigset_t before;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, &before);
+  if (nResult == 0) nResult = pthread_create(&thread.thread, &attributes, Run, &thread);
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  pthread_attr_destroy(&attributes);
+  errno = nResult;
+  return nResult == 0;
+}
+
+// With the wanted priority, or without it where the process may not have it.
+bool Create(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
+  if (nPriority != 0 && Config()->realtimeThreads) {
+    if (CreateWith(thread, nStackSize, nPriority)) return true;
+    if (errno != EPERM) return false;
+    HOST_LOG(5, "Thread \"%s\" runs without real-time priority %u: not permitted.\n", thread.name.c_str(), nPriority);
+  }
+  return CreateWith(thread, nStackSize, 0);
+}
+
+}  // namespace
+
+// --- Services ----------------------------------------------------------------------------------------
+
+std::vector<HostThreadState> HostRuntime_Threads() {
+  const std::lock_guard guard(Threads().lock);
+  const std::int64_t now = MonotonicNs();
+  std::vector<HostThreadState> all;
+  for (const HTHREAD hThread : Threads().threads) {
+    const std::lock_guard watchGuard(hThread->watchLock);
+    all.push_back(hThread->watch);
+    all.back().name = hThread->name;
+    all.back().secondsSinceSign = static_cast<double>(now - hThread->lastSign) / 1e9;
+  }
+  return all;
 }
 
 extern "C" {
 
 BOOL CreateThread(HTHREAD* phThread, const char* szName, DWORD nStackSize, DWORD nPriority,
                   HOST_THREAD_ROUTINE pfnRoutine, void* pvArgument) {
-  *phThread = new tagHOST_THREAD{szName, nStackSize, nPriority, pfnRoutine, pvArgument};
-  return TRUE;
+  if (phThread == nullptr) return FALSE;
+  *phThread = nullptr;
+  if (pfnRoutine == nullptr) return FALSE;
+  return Guarded(FALSE, [&] {
+    auto thread = std::make_unique<tagHOST_THREAD>();
+    thread->name = szName == nullptr ? "" : szName;
+    thread->routine = pfnRoutine;
+    thread->argument = pvArgument;
+    thread->lastSign = MonotonicNs();
+    const std::lock_guard guard(Threads().lock);
+    Threads().threads.reserve(Threads().threads.size() + 1);
+    if (!Create(*thread, nStackSize, nPriority)) {
+      HOST_LOG(3, "Cannot make thread \"%s\": %s.\n", thread->name.c_str(), strerror(errno));
+      return FALSE;
+    }
+    pthread_setname_np(thread->thread, thread->name.substr(0, 15).c_str());
+    Threads().threads.push_back(thread.get());
+    *phThread = thread.release();
+    return TRUE;
+  });
 }
 
 BOOL StartThread(HTHREAD hThread) {
-  pthread_attr_t attributes;
-  pthread_attr_init(&attributes);
-  if (hThread->stackSize != 0) pthread_attr_setstacksize(&attributes, hThread->stackSize);
-  const int error = pthread_create(&hThread->thread, &attributes, Run, hThread);
-  pthread_attr_destroy(&attributes);
-  hThread->started = error == 0;
-  if (error != 0)
-    HOST_LOG(3, "thread \"%s\" cannot start: %s", hThread->name.c_str(), runtime::ErrorText(error).c_str());
-  return hThread->started ? TRUE : FALSE;
+  if (hThread == nullptr) return FALSE;
+  {
+    const std::lock_guard guard(hThread->watchLock);
+    hThread->watch.running = true;
+    hThread->lastSign = MonotonicNs();
+  }
+  Order(hThread, tagHOST_THREAD::Order::kRun);
+  return TRUE;
 }
 
 BOOL WaitForThread(HTHREAD hThread) {
-  const bool joined = !hThread->started || pthread_join(hThread->thread, nullptr) == 0;
+  if (hThread == nullptr || hThread == t_hSelf) return FALSE;
+  pthread_mutex_lock(&hThread->startMutex);
+  const bool bStarted = hThread->order == tagHOST_THREAD::Order::kRun;
+  pthread_mutex_unlock(&hThread->startMutex);
+  if (!bStarted) Order(hThread, tagHOST_THREAD::Order::kLeave);
+  pthread_join(hThread->thread, nullptr);
+  Guarded([&] {
+    const std::lock_guard guard(Threads().lock);
+    std::erase(Threads().threads, hThread);
+  });
   delete hThread;
-  return joined ? TRUE : FALSE;
+  return TRUE;
 }
 
 void __IncrementThreadIterations(void) {
-  Watch([](HostThreadState& state) { ++state.iterations; });
+  Report([](HostThreadState& watch) { ++watch.iterations; });
 }
 
 void __SaveThreadState(const char* szFunction, const char* szFile, int nLine) {
-  Watch([&](HostThreadState& state) {
-    state.where = std::string(szFunction) + " (" + szFile + ":" + std::to_string(nLine) + ")";
+  Report([&](HostThreadState& watch) {
+    watch.function = szFunction == nullptr ? "" : szFunction;
+    watch.file = szFile == nullptr ? "" : szFile;
+    watch.line = nLine;
   });
 }
 
 void __SetThreadPausedState(BOOL bPaused) {
-  Watch([&](HostThreadState& state) { state.paused = bPaused != FALSE; });
+  Report([&](HostThreadState& watch) { watch.paused = bPaused != FALSE; });
 }
 
 void __SetThreadIterations(UINT nIterations) {
-  Watch([&](HostThreadState& state) { state.iterations = nIterations; });
-}
-
-// --- wait conditions ---------------------------------------------------------------------------------
-
-BOOL WaitCond_Init(WAIT_COND* pCond) {
-  pthread_condattr_t attributes;
-  pthread_condattr_init(&attributes);
-  pthread_condattr_setclock(&attributes, CLOCK_MONOTONIC);
-  pCond->nCount = 0;
-  const bool done =
-      pthread_mutex_init(&pCond->Mutex, nullptr) == 0 && pthread_cond_init(&pCond->Cond, &attributes) == 0;
-  pthread_condattr_destroy(&attributes);
-  return done ? TRUE : FALSE;
-}
-
-BOOL WaitCond_Post(WAIT_COND* pCond) {
-  pthread_mutex_lock(&pCond->Mutex);
-  ++pCond->nCount;
-  pthread_cond_signal(&pCond->Cond);
-  pthread_mutex_unlock(&pCond->Mutex);
-  return TRUE;
-}
-
-BOOL _DoWaitCond_WaitFor(WAIT_COND* pCond, DWORD nMilliseconds, const char*, const char*, int) {
-  timespec until;
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_sec += nMilliseconds / 1000;
-  until.tv_nsec += static_cast<long>(nMilliseconds % 1000) * 1000000;
-  if (until.tv_nsec >= 1000000000) {
-    until.tv_nsec -= 1000000000;
-    ++until.tv_sec;
-  }
-  pthread_mutex_lock(&pCond->Mutex);
-  int error = 0;
-  while (pCond->nCount == 0 && error == 0) error = pthread_cond_timedwait(&pCond->Cond, &pCond->Mutex, &until);
-  const bool taken = pCond->nCount > 0;
-  if (taken) --pCond->nCount;
-  pthread_mutex_unlock(&pCond->Mutex);
-  if (!taken) errno = error;
-  return taken ? TRUE : FALSE;
-}
-
-void WaitCond_Destroy(WAIT_COND* pCond) {
-  pthread_cond_destroy(&pCond->Cond);
-  pthread_mutex_destroy(&pCond->Mutex);
+  Report([&](HostThreadState& watch) { watch.iterations = nIterations; });
 }
 
 }  // extern "C"

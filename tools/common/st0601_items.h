@@ -61,7 +61,7 @@ constexpr uint16_t kTimeStampTag = 2;
 constexpr uint16_t kMissionIdTag = 3;
 constexpr uint16_t kSecuritySetTag = 48;
 
-/* All items of ST 0601 (tags 1 to 141), all elements of ST 0102, in the order of their tags. */
+/* All items of ST 0601 (tags 1 to 143), all elements of ST 0102, in the order of their tags. */
 std::span<const Item> Items();
 std::span<const Item> SecurityElements();
 

@@ -160,6 +160,8 @@ constexpr Item kItems[] = {
     {139, "Active Payloads", "active_payloads", "", R, 0, 0, 0},
     {140, "Weapons Stores", "weapons_stores", "", R, 0, 0, 0},
     {141, "Waypoint List", "waypoints", "", R, 0, 0, 0},
+    {142, "View Domain", "view_domain", "", R, 0, 0, 0},
+    {143, "Metadata Substream ID Pack", "substream_id", "", R, 0, 0, 0},
 };
 
 constexpr Item kSecurityElements[] = {

@@ -64,7 +64,7 @@ Bytes Sample() {
       .Add(7, 1000.0)
       .Add(48, ByteView(security))
       .Add(5, ByteView(Bytes{1}))
-      .Add(142, ByteView(Bytes{0xAB}))
+      .Add(144, ByteView(Bytes{0xAB}))
       .Finish();
 }
 
@@ -77,7 +77,7 @@ TEST(Row, ShowsTheItemsWithUnitsAndTheChecksum) {
   EXPECT_THAT(row, HasSubstr(" udp               17     " + std::to_string(sample.size()) + " ok        time="));
   EXPECT_THAT(row, HasSubstr(" time=2008-10-24T00:13:29.913000Z mission_id=Mission 12 sensor_lat=60.17682297 deg "));
   EXPECT_THAT(row, HasSubstr(" roll=out of range security={classification=SECRET, classifying_country=//USA} "));
-  EXPECT_THAT(row, HasSubstr(" heading=01 142=AB checksum=0x"));
+  EXPECT_THAT(row, HasSubstr(" heading=01 144=AB checksum=0x"));
   EXPECT_EQ(row.find('\n'), std::string::npos);
 }
 
@@ -117,7 +117,7 @@ TEST(JsonMessage, HoldsEverything) {
   EXPECT_EQ(items[4]["value"][0]["value"], 4);
   EXPECT_EQ(items[4]["value"][0]["text"], "SECRET");
   EXPECT_EQ(items[5]["state"], "bad length");
-  EXPECT_EQ(items[6], Json::parse(R"({"tag":142,"raw":"AB"})"));
+  EXPECT_EQ(items[6], Json::parse(R"({"tag":144,"raw":"AB"})"));
 }
 
 TEST(JsonMessage, HostileTextStaysOneValidLine) {

@@ -1,0 +1,414 @@
+// Debug modules, log lines, hex dumps and assertions, written through spdlog.
+//
+// CONTENTS
+//   Text       formatting and escaping
+//   State      modules, sinks, limiter and observer, with their lock
+//   Writing    one line, limited and handed to sinks and observer
+//   Services   what the library and the runtime call
+#define HOST_MODULE "debug_log"
+
+#include <spdlog/sinks/rotating_file_sink.h>
+#include <spdlog/sinks/stdout_color_sinks.h>
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "log_limiter.h"
+#include "runtime_state.h"
+
+namespace host_runtime {
+namespace {
+
+constexpr std::size_t kLogFileSize = std::size_t{8} << 20;
+constexpr std::size_t kLogFilesKept = 3;
+constexpr int kDumpWidth = 16;      // bytes a line
+constexpr int kDumpLimit = 65'536;  // bytes of a dump that are written
+
+// --- Text --------------------------------------------------------------------------------------------
+// Pure functions, any thread.
+
+std::string FormatText(const char* format, va_list arguments) {
+  std::array<char, 512> small;
+  va_list again;
+  va_copy(again, arguments);
+  const int length = vsnprintf(small.data(), small.size(), format, arguments);
+  std::string text;
+  if (length < 0) {
+    text = format;
+  } else if (static_cast<std::size_t>(length) < small.size()) {
+    text.assign(small.data(), static_cast<std::size_t>(length));
+  } else {
+    text.resize(static_cast<std::size_t>(length) + 1);
+    vsnprintf(text.data(), text.size(), format, again);
+    text.pop_back();
+  }
+  va_end(again);
+  return text;
+}
+
+// One line whatever a sender put into the arguments: line ends at the end go, other control characters become
+// escapes, so that nobody forges a line or steers a terminal.
+std::string OneLine(std::string text) {
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
+  std::size_t first = 0;
+  while (first < text.size() && !isControl(text[first])) ++first;
+  if (first == text.size()) return text;
+  std::string escaped = text.substr(0, first);
+  for (std::size_t i = first; i < text.size(); ++i) {
+    if (!isControl(text[i])) {
+      escaped += text[i];
+    } else if (text[i] == '\n') {
+      escaped += "\\n";
+    } else if (text[i] == '\t') {
+      escaped += ' ';
+    } else {
+      std::array<char, 8> code;
+      snprintf(code.data(), code.size(), "\\x%02X", static_cast<unsigned>(static_cast<unsigned char>(text[i])));
+      escaped += code.data();
+    }
+  }
+  return escaped;
+}
+
+// "0010  06 0E 2B ... 34  ..+.", kDumpWidth bytes.
+std::string DumpLine(const BYTE* data, int offset, int size) {
+  static constexpr char kDigits[] = "0123456789ABCDEF";
+  std::array<char, 12> head;
+  snprintf(head.data(), head.size(), "%04X ", static_cast<unsigned>(offset));
+  std::string line = head.data();
+  std::string text;
+  for (int i = 0; i < kDumpWidth; ++i) {
+    line += ' ';
+    if (offset + i < size) {
+      const BYTE byte = data[offset + i];
+      line += kDigits[byte >> 4];
+      line += kDigits[byte & 15];
+      text += byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '.';
+    } else {
+      line += "  ";
+    }
+  }
+  return line + "  " + text;
+}
+
+const char* LevelName(int level) {
+  static constexpr const char* kNames[] = {"always", "fatal", "grave", "error", "warning",
+                                           "notice", "info",  "trace", "dump"};
+  return level >= 0 && level <= 8 ? kNames[level] : "?";
+}
+
+spdlog::level::level_enum SpdlogLevel(int level) {
+  if (level <= 2) return spdlog::level::critical;
+  if (level == 3) return spdlog::level::err;
+  if (level == 4) return spdlog::level::warn;
+  if (level <= 6) return spdlog::level::info;
+  return level == 7 ? spdlog::level::debug : spdlog::level::trace;
+}
+
+// --- State -------------------------------------------------------------------------------------------
+// One instance that is never destroyed: threads may log while the process ends.
+
+struct DebugModule : tagDBG_MODULE {
+  std::string name;
+};
+
+using Observer = std::function<void(const HostLogLine&)>;
+
+struct LogState {
+  std::mutex lock;  // leaf; guards everything below
+  // Modules live as long as the process, so that a late line of a closed one is harmless, and keep their address.
+  std::map<std::string, std::unique_ptr<DebugModule>> modules;
+  int defaultLevel = HostRuntimeConfig{}.logLevel;
+  std::map<std::string, int> levels;
+  std::string file;
+  bool console = false;
+  std::shared_ptr<spdlog::logger> logger;
+  std::shared_ptr<const Observer> observer;
+  LogLimiter limiter;
+
+  std::atomic<std::uint64_t> assertions{0};
+  std::atomic<bool> abortOnAssert{false};
+};
+
+// A logger without sinks keeps nothing; errors of the sinks (the disk is full) are nobody's business here.
+std::shared_ptr<spdlog::logger> MakeLogger(bool console, const std::string& file) {
+  auto logger = std::make_shared<spdlog::logger>("host");
+  if (console) logger->sinks().push_back(std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
+  if (!file.empty()) {
+    logger->sinks().push_back(
+        std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file, kLogFileSize, kLogFilesKept - 1));
+  }
+  logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %^%v%$");
+  logger->set_level(spdlog::level::trace);
+  logger->flush_on(spdlog::level::trace);
+  logger->set_error_handler([](const std::string&) {});
+  return logger;
+}
+
+LogState& State() {
+  static LogState* const state = [] {
+    auto* fresh = new LogState;
+    fresh->logger = MakeLogger(true, "");
+    fresh->console = true;
+    return fresh;
+  }();
+  return *state;
+}
+
+int LevelOf(const LogState& state, const std::string& name) {
+  const auto found = state.levels.find(name);
+  return found == state.levels.end() ? state.defaultLevel : found->second;
+}
+
+void UpdateLevels(LogState& state) {
+  for (auto& [name, module] : state.modules) {
+    __atomic_store_n(&module->nMaxLevel, LevelOf(state, name), __ATOMIC_RELAXED);
+  }
+}
+
+DebugModule* OpenModule(const std::string& name) {
+  LogState& state = State();
+  const std::lock_guard guard(state.lock);
+  std::unique_ptr<DebugModule>& module = state.modules[name];
+  if (module == nullptr) {
+    auto fresh = std::make_unique<DebugModule>();
+    fresh->name = name;
+    fresh->nMaxLevel = LevelOf(state, name);
+    module = std::move(fresh);
+  }
+  return module.get();
+}
+
+// --- Writing -----------------------------------------------------------------------------------------
+// Any thread. Sinks have their own lock and the observer runs without any.
+
+struct Place {
+  std::string_view module;
+  int level;
+  std::string_view function;
+  std::string_view file;
+  int line;
+  bool assertion = false;
+};
+
+void Write(const std::shared_ptr<spdlog::logger>& logger, const std::shared_ptr<const Observer>& observer,
+           const Place& place, const std::string& text) {
+  std::string out;
+  out.reserve(text.size() + 96);
+  out.append(place.module).append(" ").append(std::to_string(place.level)).append("/").append(LevelName(place.level));
+  out.append(" ").append(place.function).append(" (").append(place.file).append(":");
+  out.append(std::to_string(place.line)).append("): ").append(text);
+  logger->log(SpdlogLevel(place.level), spdlog::string_view_t(out.data(), out.size()));
+  if (observer != nullptr && *observer) {
+    (*observer)({std::string(place.module), place.level, std::string(place.function), std::string(place.file),
+                 place.line, text, place.assertion});
+  }
+}
+
+std::string LeftOutText(std::uint64_t count) {
+  return std::to_string(count) + " more lines from this place were left out";
+}
+
+// The sinks and the observer for a line that may be written, null for one that may not. Reports what was left out.
+struct Permit {
+  std::shared_ptr<spdlog::logger> logger;
+  std::shared_ptr<const Observer> observer;
+};
+Permit Ask(const Place& place, bool limited) {
+  LogState& state = State();
+  const std::int64_t now = MonotonicNs();
+  Permit permit;
+  bool allowed = true;
+  std::uint64_t left = 0;
+  std::vector<LogLimiter::Suppressed> silent;
+  {
+    const std::lock_guard guard(state.lock);
+    permit = {state.logger, state.observer};
+    if (limited) {
+      allowed = state.limiter.Allow(place.module, place.file, place.line, place.function, place.level, now, &left);
+    }
+    silent = state.limiter.TakeSilent(now);
+  }
+  for (const auto& gone : silent) {
+    Write(permit.logger, permit.observer, {gone.site.module, gone.level, gone.function, gone.site.file, gone.site.line},
+          LeftOutText(gone.count));
+  }
+  if (!allowed) return {};
+  if (left != 0) Write(permit.logger, permit.observer, place, LeftOutText(left));
+  return permit;
+}
+
+const char* Text(const char* text) {
+  return text == nullptr ? "?" : text;
+}
+
+void Assertion(const char* function, const char* file, int line, const std::string& text) {
+  LogState& state = State();
+  state.assertions.fetch_add(1, std::memory_order_relaxed);
+  const Place place = {"ASSERT", 0, Text(function), Text(file), line, true};
+  const Permit permit = Ask(place, true);
+  if (permit.logger != nullptr) Write(permit.logger, permit.observer, place, "ASSERTION failed: " + OneLine(text));
+  if (state.abortOnAssert.load(std::memory_order_relaxed)) abort();
+}
+
+}  // namespace
+
+HDBG HostModule() {
+  static const HDBG module = Guarded<HDBG>(nullptr, [] { return OpenModule("HOST"); });
+  return module;
+}
+
+HDBG CaptureModule() {
+  static const HDBG module = Guarded<HDBG>(nullptr, [] { return OpenModule("KLVCAPTURE"); });
+  return module;
+}
+
+bool ApplyLogConfig(const HostRuntimeConfig& config, std::string* error) {
+  LogState& state = State();
+  state.abortOnAssert.store(config.abortOnAssert, std::memory_order_relaxed);
+  const std::lock_guard guard(state.lock);
+  state.defaultLevel = config.logLevel;
+  state.levels = config.moduleLevels;
+  UpdateLevels(state);
+  state.limiter.SetLimit(config.logBurst, config.logRate);
+  if (config.console == state.console && config.logFile == state.file) return true;
+  try {
+    state.logger = MakeLogger(config.console, config.logFile);
+    state.file = config.logFile;
+    state.console = config.console;
+    return true;
+  } catch (const std::exception& problem) {
+    *error = "cannot write the log file \"" + config.logFile + "\": " + problem.what();
+    state.logger = MakeLogger(config.console, "");
+    state.file.clear();
+    state.console = config.console;
+    return false;
+  }
+}
+
+}  // namespace host_runtime
+
+// --- Services ----------------------------------------------------------------------------------------
+// Any thread.
+
+using namespace host_runtime;
+
+void HostRuntime_SetLevel(const std::string& module, int level) {
+  Guarded([&] {
+    LogState& state = State();
+    const std::lock_guard guard(state.lock);
+    if (module.empty()) {
+      state.defaultLevel = level;
+      state.levels.clear();
+    } else {
+      state.levels[module] = level;
+    }
+    UpdateLevels(state);
+  });
+}
+
+void HostRuntime_OnLog(std::function<void(const HostLogLine&)> callback) {
+  Guarded([&] {
+    auto observer = callback ? std::make_shared<const Observer>(std::move(callback)) : nullptr;
+    LogState& state = State();
+    const std::lock_guard guard(state.lock);
+    state.observer.swap(observer);
+  });
+}
+
+std::uint64_t HostRuntime_AssertionCount() {
+  return State().assertions.load(std::memory_order_relaxed);
+}
+
+extern "C" {
+
+BOOL _DoDbgInit(const char* szName, HDBG* phDbg) {
+  if (phDbg == nullptr) return FALSE;
+  *phDbg = nullptr;
+  if (szName == nullptr || *szName == '\0') return FALSE;
+  Config();  // the environment may name a configuration that sets this module's level
+  *phDbg = Guarded<HDBG>(nullptr, [&] { return OpenModule(szName); });
+  return *phDbg != nullptr ? TRUE : FALSE;
+}
+
+void _DoDbgUninitEx(HDBG* phDbg) {
+  if (phDbg == nullptr || *phDbg == nullptr) return;
+  const auto* module = static_cast<DebugModule*>(*phDbg);
+  *phDbg = nullptr;
+  Guarded([&] {
+    LogState& state = State();
+    std::vector<LogLimiter::Suppressed> left;
+    Permit permit;
+    {
+      const std::lock_guard guard(state.lock);
+      left = state.limiter.TakeModule(module->name);
+      permit = {state.logger, state.observer};
+    }
+    for (const auto& gone : left) {
+      Write(permit.logger, permit.observer,
+            {gone.site.module, gone.level, gone.function, gone.site.file, gone.site.line}, LeftOutText(gone.count));
+    }
+  });
+}
+
+void _DoDbgPrintEx(HDBG hDbg, int nLevel, const char* szFunction, const char* szFile, int nLine, const char* szFormat,
+                   ...) {
+  if (hDbg == nullptr || szFormat == nullptr) return;
+  const int nError = errno;  // a log line between a failed call and its report must not change the reason
+  va_list arguments;
+  va_start(arguments, szFormat);
+  Guarded([&] {
+    const Place place = {static_cast<DebugModule*>(hDbg)->name, nLevel, Text(szFunction), Text(szFile), nLine};
+    const Permit permit = Ask(place, nLevel > 0);
+    if (permit.logger == nullptr) return;
+    Write(permit.logger, permit.observer, place, OneLine(FormatText(szFormat, arguments)));
+  });
+  va_end(arguments);
+  errno = nError;
+}
+
+void _DoDbgPrintBuffer(HDBG hDbg, int nLevel, const char* szFunction, const char* szFile, int nLine,
+                       const char* szTitle, const void* pvData, int nSize) {
+  if (hDbg == nullptr) return;
+  const int nError = errno;
+  Guarded([&] {
+    const Place place = {static_cast<DebugModule*>(hDbg)->name, nLevel, Text(szFunction), Text(szFile), nLine};
+    const Permit permit = Ask(place, nLevel > 0);
+    if (permit.logger == nullptr) return;
+    const int size = pvData == nullptr || nSize < 0 ? 0 : nSize;
+    Write(permit.logger, permit.observer, place, OneLine(Text(szTitle)) + " (" + std::to_string(size) + " bytes)");
+    const int shown = std::min(size, kDumpLimit);
+    for (int offset = 0; offset < shown; offset += kDumpWidth) {
+      Write(permit.logger, permit.observer, place, DumpLine(static_cast<const BYTE*>(pvData), offset, shown));
+    }
+  });
+  errno = nError;
+}
+
+void _DoAssert(const char* szExpression, const char* szFunction, const char* szFile, int nLine) {
+  const int nError = errno;
+  Guarded([&] { Assertion(szFunction, szFile, nLine, Text(szExpression)); });
+  errno = nError;
+}
+
+void _DoTextAssert(const char* szFunction, const char* szFile, int nLine, const char* szFormat, ...) {
+  const int nError = errno;
+  va_list arguments;
+  va_start(arguments, szFormat);
+  Guarded([&] { Assertion(szFunction, szFile, nLine, FormatText(Text(szFormat), arguments)); });
+  va_end(arguments);
+  errno = nError;
+}
+
+}  // extern "C"

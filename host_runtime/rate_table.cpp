@@ -1,0 +1,131 @@
+// The rate table, and the service that puts a lock around it.
+#define HOST_MODULE "rate_table"
+
+#include "rate_table.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <mutex>
+#include <numeric>
+
+#include "runtime_state.h"
+
+namespace host_runtime {
+namespace {
+
+constexpr std::int64_t kMs = 1'000'000;
+constexpr std::int64_t kShortest = 100 * kMs;  // samples closer to the last one than this wait for the next
+constexpr std::int64_t kUsual = 1'000 * kMs;
+constexpr double kJump = 8;              // times the fastest interval known: suspect
+constexpr double kFastestFirst = 0.125;  // bytes a nanosecond (1 Gbit/s): suspect also without anything to compare
+
+}  // namespace
+
+RateTable::RateTable(int intervals) : m_limit(static_cast<std::size_t>(std::clamp(intervals, 1, 10'000))) {}
+
+void RateTable::Reset() {
+  m_last.reset();
+  m_suspect.reset();
+  m_intervals.clear();
+}
+
+void RateTable::Add(std::uint64_t total, std::int64_t now) {
+  if (!m_last || total < m_last->total) {
+    m_last = Sample{total, now};
+    m_suspect.reset();
+    return;
+  }
+  const Interval interval{total - m_last->total, now - m_last->time};
+  if (interval.time < kShortest) return;
+  m_last = Sample{total, now};
+  if (IsPlausible(interval)) {
+    m_suspect.reset();
+    Take(interval);
+  } else if (m_suspect && interval.Speed() * kJump >= m_suspect->Speed() && interval.Speed() < kFastestFirst) {
+    if (m_suspect->Speed() < kFastestFirst) Take(*m_suspect);
+    m_suspect.reset();
+    Take(interval);
+  } else {
+    m_suspect = interval;
+  }
+}
+
+void RateTable::Take(const Interval& interval) {
+  m_intervals.push_back(interval);
+  if (m_intervals.size() > m_limit) m_intervals.pop_front();
+}
+
+bool RateTable::IsPlausible(const Interval& interval) const {
+  double fastest = 0;
+  for (const Interval& known : m_intervals) fastest = std::max(fastest, known.Speed());
+  return interval.Speed() < (fastest == 0 ? kFastestFirst : fastest * kJump);
+}
+
+std::int64_t RateTable::Span() const {
+  return std::accumulate(m_intervals.begin(), m_intervals.end(), std::int64_t{0},
+                         [](std::int64_t sum, const Interval& interval) { return sum + interval.time; });
+}
+
+std::uint32_t RateTable::Rate(std::int64_t now) const {
+  if (m_intervals.empty()) return 0;
+  const std::int64_t span = Span();
+  const std::int64_t usual = std::max(kUsual, span / static_cast<std::int64_t>(m_intervals.size()));
+  const std::int64_t idle = now - m_last->time;
+  if (idle >= 5 * usual) return 0;
+  double bytes = 0;
+  for (const Interval& interval : m_intervals) bytes += static_cast<double>(interval.bytes);
+  const std::int64_t time = idle > 2 * usual ? span + idle : span;
+  const double rate = bytes * 8e6 / static_cast<double>(time);
+  return static_cast<std::uint32_t>(
+      std::min(std::round(rate), static_cast<double>(std::numeric_limits<std::uint32_t>::max())));
+}
+
+}  // namespace host_runtime
+
+using namespace host_runtime;
+
+struct tagHOST_COUNTER_RATE {
+  std::mutex lock;  // leaf
+  RateTable table;
+};
+
+extern "C" {
+
+BOOL __AllocCounterRateTable(int nSamples, const char* szName, HCOUNTERRATE* phRate) {
+  if (phRate == nullptr) return FALSE;
+  *phRate = nullptr;
+  if (nSamples <= 0) {
+    HOST_LOG(3, "Rate counter \"%s\" needs at least one sample, not %d.\n", szName == nullptr ? "" : szName, nSamples);
+    return FALSE;
+  }
+  *phRate = Guarded<HCOUNTERRATE>(nullptr, [&] { return new tagHOST_COUNTER_RATE{{}, RateTable(nSamples)}; });
+  return *phRate != nullptr ? TRUE : FALSE;
+}
+
+void AddCounterValue(HCOUNTERRATE hRate, UINT64 nRunningTotal) {
+  if (hRate == nullptr) return;
+  Guarded([&] {
+    const std::lock_guard guard(hRate->lock);
+    hRate->table.Add(nRunningTotal, MonotonicNs());
+  });
+}
+
+BOOL GetCounterRate(HCOUNTERRATE hRate, int, UINT32* pnRate) {
+  if (hRate == nullptr || pnRate == nullptr) return FALSE;
+  const std::lock_guard guard(hRate->lock);
+  *pnRate = hRate->table.Rate(MonotonicNs());
+  return TRUE;
+}
+
+void ResetCounterRateTable(HCOUNTERRATE hRate) {
+  if (hRate == nullptr) return;
+  const std::lock_guard guard(hRate->lock);
+  hRate->table.Reset();
+}
+
+void DeleteCounterRateTable(HCOUNTERRATE hRate) {
+  delete hRate;
+}
+
+}  // extern "C"

@@ -1,0 +1,48 @@
+// The rate of a running total, from its last samples.
+#ifndef HOST_RATE_TABLE_H
+#define HOST_RATE_TABLE_H
+
+#include <cstdint>
+#include <deque>
+#include <optional>
+
+namespace host_runtime {
+
+// Times are nanoseconds on the monotonic clock. Not locked.
+//
+// Two samples make an interval; the rate is the bytes of the last intervals over their time. A total that falls
+// back begins a new interval. An interval far faster than the ones before it may be a total that somebody set: it
+// counts only when the next interval is about as fast.
+class RateTable {
+ public:
+  explicit RateTable(int intervals);
+
+  void Add(std::uint64_t total, std::int64_t now);
+  // kbit/s, rounded to nearest. Nothing added for two usual intervals lets it sink, for five it is 0.
+  std::uint32_t Rate(std::int64_t now) const;
+  void Reset();
+
+ private:
+  struct Sample {
+    std::uint64_t total;
+    std::int64_t time;
+  };
+  struct Interval {
+    std::uint64_t bytes;
+    std::int64_t time;
+    double Speed() const { return static_cast<double>(bytes) / static_cast<double>(time); }
+  };
+
+  void Take(const Interval& interval);
+  bool IsPlausible(const Interval& interval) const;
+  std::int64_t Span() const;
+
+  std::size_t m_limit;
+  std::optional<Sample> m_last;
+  std::optional<Interval> m_suspect;
+  std::deque<Interval> m_intervals;
+};
+
+}  // namespace host_runtime
+
+#endif  // HOST_RATE_TABLE_H

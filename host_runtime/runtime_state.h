@@ -1,0 +1,67 @@
+// What the services share: the configuration in force, and the runtime's own log lines.
+//
+// HOST_LOG(level, format, ...) logs on the module "HOST". A source file defines HOST_MODULE, its name without
+// ending, before it includes this header; one that logs elsewhere defines HOST_DEBUG_MODULE too.
+#ifndef HOST_RUNTIME_STATE_H
+#define HOST_RUNTIME_STATE_H
+
+#include <time.h>
+
+#include <cstdint>
+#include <memory>
+#include <utility>
+
+#include "host.h"
+#include "host_runtime.h"
+
+namespace host_runtime {
+
+// The configuration in force; a snapshot that stays valid.
+std::shared_ptr<const HostRuntimeConfig> Config();
+
+// The runtime's own modules, opened at their first use and never closed.
+HDBG HostModule();     // "HOST"
+HDBG CaptureModule();  // "KLVCAPTURE"
+
+// Takes a new configuration into the log. False and *error when the log file cannot be opened.
+bool ApplyLogConfig(const HostRuntimeConfig& config, std::string* error);
+
+inline std::int64_t MonotonicNs() {
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+// Runs a service's body. The callers are C: what the standard library throws (there is no memory) becomes
+// the failure result.
+template <typename Result, typename Body>
+Result Guarded(Result failure, Body&& body) noexcept {
+  try {
+    return std::forward<Body>(body)();
+  } catch (...) {
+    return failure;
+  }
+}
+
+template <typename Body>
+void Guarded(Body&& body) noexcept {
+  try {
+    std::forward<Body>(body)();
+  } catch (...) {  // nothing to report it with
+  }
+}
+
+}  // namespace host_runtime
+
+#ifndef HOST_DEBUG_MODULE
+#define HOST_DEBUG_MODULE ::host_runtime::HostModule()
+#endif
+
+#define HOST_LOG(level, ...)                                                                       \
+  do {                                                                                             \
+    const HDBG hHostLog = HOST_DEBUG_MODULE;                                                       \
+    if (hHostLog != nullptr && __atomic_load_n(&hHostLog->nMaxLevel, __ATOMIC_RELAXED) >= (level)) \
+      _DoDbgPrintEx(hHostLog, (level), __func__, HOST_MODULE, __LINE__, __VA_ARGS__);              \
+  } while (0)
+
+#endif  // HOST_RUNTIME_STATE_H

@@ -1,0 +1,150 @@
+// Serial ports: opening, with the host's mapping of names, and raw mode.
+#define HOST_MODULE "serial_port"
+
+#include <fcntl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "runtime_state.h"
+
+using namespace host_runtime;
+
+namespace {
+
+struct Baud {
+  int rate;
+  speed_t code;
+};
+constexpr Baud kBauds[] = {
+    {50, B50},           {75, B75},           {110, B110},         {134, B134},         {150, B150},
+    {200, B200},         {300, B300},         {600, B600},         {1200, B1200},       {1800, B1800},
+    {2400, B2400},       {4800, B4800},       {9600, B9600},       {19200, B19200},     {38400, B38400},
+    {57600, B57600},     {115200, B115200},   {230400, B230400},   {460800, B460800},   {500000, B500000},
+    {576000, B576000},   {921600, B921600},   {1000000, B1000000}, {1152000, B1152000}, {1500000, B1500000},
+    {2000000, B2000000}, {2500000, B2500000}, {3000000, B3000000}, {3500000, B3500000}, {4000000, B4000000},
+};
+
+bool Refuse(const char* what, int value, const char* allowed) {
+  HOST_LOG(3, "Serial port: %s %d is not supported; allowed: %s.\n", what, value, allowed);
+  return false;
+}
+
+bool SetBaud(int rate, termios& settings) {
+  for (const Baud& baud : kBauds) {
+    if (baud.rate == rate) return cfsetspeed(&settings, baud.code) == 0;
+  }
+  return Refuse("baud rate", rate, "the standard rates from 50 to 4000000");
+}
+
+bool SetFlow(int flow, termios& settings) {
+  settings.c_cflag &= ~static_cast<tcflag_t>(CRTSCTS);
+  switch (flow) {
+    case HOST_SERIAL_FLOW_NONE:
+      return true;
+    case HOST_SERIAL_FLOW_HARDWARE:
+      settings.c_cflag |= CRTSCTS;
+      return true;
+    case HOST_SERIAL_FLOW_SOFTWARE:
+      settings.c_iflag |= IXON | IXOFF;
+      return true;
+    default:
+      return Refuse("flow control", flow, "0 none, 1 hardware, 2 software");
+  }
+}
+
+bool SetParity(int parity, termios& settings) {
+  settings.c_cflag &= ~static_cast<tcflag_t>(PARENB | PARODD);
+  switch (parity) {
+    case HOST_SERIAL_PARITY_NONE:
+      return true;
+    case HOST_SERIAL_PARITY_ODD:
+      settings.c_cflag |= PARENB | PARODD;
+      settings.c_iflag |= INPCK;
+      return true;
+    case HOST_SERIAL_PARITY_EVEN:
+      settings.c_cflag |= PARENB;
+      settings.c_iflag |= INPCK;
+      return true;
+    default:
+      return Refuse("parity", parity, "0 none, 1 odd, 2 even");
+  }
+}
+
+bool SetFrame(int dataBits, int stopBits, termios& settings) {
+  static constexpr tcflag_t kSizes[] = {CS5, CS6, CS7, CS8};
+  if (dataBits < 5 || dataBits > 8) return Refuse("number of data bits", dataBits, "5 to 8");
+  if (stopBits != HOST_SERIAL_STOP_1 && stopBits != HOST_SERIAL_STOP_2) {
+    return Refuse("stop bit setting", stopBits, "0 for one, 1 for two");
+  }
+  settings.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB);
+  settings.c_cflag |= kSizes[dataBits - 5];
+  if (stopBits == HOST_SERIAL_STOP_2) settings.c_cflag |= CSTOPB;
+  return true;
+}
+
+}  // namespace
+
+extern "C" {
+
+BOOL OpenSerialPortDevice(const char* szPath, int* piFD) {
+  if (piFD == nullptr) return FALSE;
+  *piFD = -1;
+  if (szPath == nullptr) return FALSE;
+  return Guarded(FALSE, [&] {
+    const auto config = Config();
+    const auto mapped = config->serialDevices.find(szPath);
+    const std::string device = mapped == config->serialDevices.end() ? szPath : mapped->second;
+    const int iFD = open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    if (iFD < 0) {
+      HOST_LOG(3, "Cannot open serial device \"%s\": %s.\n", device.c_str(), strerror(errno));
+      return FALSE;
+    }
+    if (isatty(iFD) == 0) {
+      HOST_LOG(3, "\"%s\" is not a serial device.\n", device.c_str());
+      close(iFD);
+      return FALSE;
+    }
+    if (device != szPath) HOST_LOG(5, "Serial device \"%s\" is \"%s\".\n", szPath, device.c_str());
+    *piFD = iFD;
+    return TRUE;
+  });
+}
+
+BOOL ConfigureSerialPort(int iFD, const MDATA_SERIAL_SRC_CFG* pConfig, struct termios* pOldSettings) {
+  if (pConfig == nullptr) return FALSE;
+  termios settings{};
+  if (tcgetattr(iFD, &settings) != 0) {
+    HOST_LOG(3, "Serial port: cannot read the settings: %s.\n", strerror(errno));
+    return FALSE;
+  }
+  if (pOldSettings != nullptr) *pOldSettings = settings;
+  cfmakeraw(&settings);
+  settings.c_iflag &= ~static_cast<tcflag_t>(IXOFF | IXANY | INPCK);
+  settings.c_cflag |= CREAD | CLOCAL;
+  // With at least one byte asked for, a read without data says EAGAIN, and 0 means that the line has hung up.
+  settings.c_cc[VMIN] = 1;
+  settings.c_cc[VTIME] = 0;
+  if (!SetBaud(pConfig->nBaudRate, settings) || !SetFlow(pConfig->enFlowControl, settings) ||
+      !SetParity(pConfig->enParity, settings) || !SetFrame(pConfig->nDataBits, pConfig->enStopBits, settings)) {
+    return FALSE;
+  }
+  if (tcsetattr(iFD, TCSANOW, &settings) != 0) {
+    HOST_LOG(3, "Serial port: cannot set %d baud, %d data bits: %s.\n", pConfig->nBaudRate, pConfig->nDataBits,
+             strerror(errno));
+    return FALSE;
+  }
+  // tcsetattr succeeds when any of the settings could be made.
+  termios actual{};
+  constexpr tcflag_t kFrame = CSIZE | CSTOPB | PARENB | PARODD | CRTSCTS;
+  if (tcgetattr(iFD, &actual) == 0 &&
+      ((actual.c_cflag ^ settings.c_cflag) & kFrame || cfgetispeed(&actual) != cfgetispeed(&settings))) {
+    HOST_LOG(4, "Serial port: the device did not take all of its settings.\n");
+  }
+  return TRUE;
+}
+
+}  // extern "C"

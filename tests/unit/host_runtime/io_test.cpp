@@ -1,0 +1,290 @@
+// Sockets on loopback and serial ports on pseudo-terminals.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "runtime_test.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number = -1) : fd(number) {}
+  Descriptor(Descriptor&& other) noexcept : fd(std::exchange(other.fd, -1)) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (fd >= 0) close(fd);
+  }
+  int fd;
+};
+
+USHORT PortOf(int fd) {
+  sockaddr_storage address{};
+  socklen_t size = sizeof address;
+  EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
+  return address.ss_family == AF_INET ? ntohs(reinterpret_cast<sockaddr_in&>(address).sin_port)
+                                      : ntohs(reinterpret_cast<sockaddr_in6&>(address).sin6_port);
+}
+
+sockaddr_in Address(const char* text, USHORT port) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  EXPECT_EQ(inet_pton(AF_INET, text, &address.sin_addr), 1);
+  return address;
+}
+
+// What arrives within ten seconds; empty when nothing does within `quick` milliseconds.
+std::string Receive(int fd, int quick = 10'000) {
+  pollfd wait = {fd, POLLIN, 0};
+  if (poll(&wait, 1, quick) != 1) return {};
+  char buffer[2048];
+  const ssize_t size = read(fd, buffer, sizeof buffer);
+  return size < 0 ? "error" : std::string(buffer, static_cast<std::size_t>(size));
+}
+
+void SendTo(const char* to, USHORT port, const std::string& text) {
+  const Descriptor sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  in_addr loopback{htonl(INADDR_LOOPBACK)};
+  EXPECT_EQ(setsockopt(sender.fd, IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof loopback), 0);
+  const sockaddr_in address = Address(to, port);
+  EXPECT_EQ(sendto(sender.fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&address), sizeof address),
+            static_cast<ssize_t>(text.size()));
+}
+
+// --- sockets -----------------------------------------------------------------------------------------
+
+class SocketTest : public RuntimeTest {
+ protected:
+  static Descriptor Open(USHORT port, std::vector<BYTE> address = {0, 0, 0, 0}) {
+    int fd = 0;
+    if (!CreateUDPRxSocket(port, address.data(), &fd)) {
+      EXPECT_EQ(fd, -1);
+    }
+    return Descriptor(fd);
+  }
+};
+
+TEST_F(SocketTest, Receives_unicast_without_blocking) {
+  const Descriptor socket = Open(0);
+  ASSERT_GE(socket.fd, 0);
+  EXPECT_TRUE(fcntl(socket.fd, F_GETFL) & O_NONBLOCK);
+  EXPECT_TRUE(fcntl(socket.fd, F_GETFD) & FD_CLOEXEC);
+  SendTo("127.0.0.1", PortOf(socket.fd), "hello");
+  EXPECT_EQ(Receive(socket.fd), "hello");
+}
+
+TEST_F(SocketTest, A_unicast_port_is_not_shared) {
+  const Descriptor first = Open(0);
+  const Descriptor second = Open(PortOf(first.fd));
+  EXPECT_EQ(second.fd, -1);
+  EXPECT_THAT(Texts(),
+              ElementsAre("UDP port " + std::to_string(PortOf(first.fd)) + ": cannot bind: Address already in use."));
+}
+
+TEST_F(SocketTest, A_group_is_joined_and_its_port_shared) {
+  config.multicastInterface = "lo";
+  Apply();
+  const Descriptor first = Open(0, {239, 255, 77, 1});
+  ASSERT_GE(first.fd, 0);
+  const USHORT port = PortOf(first.fd);
+  const Descriptor second = Open(port, {239, 255, 77, 1});
+  ASSERT_GE(second.fd, 0);
+  SendTo("239.255.77.1", port, "group");
+  EXPECT_EQ(Receive(first.fd), "group");
+  EXPECT_EQ(Receive(second.fd), "group");
+}
+
+TEST_F(SocketTest, Groups_of_other_sockets_do_not_arrive) {
+  config.multicastInterface = "lo";
+  Apply();
+  const Descriptor first = Open(0, {239, 255, 77, 1});
+  const USHORT port = PortOf(first.fd);
+  const Descriptor second = Open(port, {239, 255, 77, 2});
+  SendTo("239.255.77.2", port, "second");
+  EXPECT_EQ(Receive(second.fd), "second");
+  EXPECT_EQ(Receive(first.fd, 20), "");
+}
+
+TEST_F(SocketTest, Without_a_configured_interface_local_senders_are_heard) {
+  const Descriptor socket = Open(0, {239, 255, 77, 3});
+  ASSERT_GE(socket.fd, 0);
+  SendTo("239.255.77.3", PortOf(socket.fd), "local");
+  EXPECT_EQ(Receive(socket.fd), "local");
+}
+
+TEST_F(SocketTest, An_interface_that_does_not_exist_fails) {
+  config.multicastInterface = "nosuch0";
+  Apply();
+  EXPECT_EQ(Open(0, {239, 255, 77, 1}).fd, -1);
+  EXPECT_THAT(Texts()[0], HasSubstr("cannot join the group"));
+}
+
+TEST_F(SocketTest, IPv6_shares_the_port_number_with_IPv4_and_reports_hop_limit_and_class) {
+  const Descriptor four = Open(0);
+  int fd = -1;
+  ASSERT_TRUE(CreateUDPv6RxSocket(PortOf(four.fd), HOST_UDPV6_RX_HOPLIMIT | HOST_UDPV6_RX_TRAFFIC_CLASS, &fd));
+  const Descriptor six(fd);
+  EXPECT_TRUE(fcntl(six.fd, F_GETFL) & O_NONBLOCK);
+  const auto option = [&](int name) {
+    int value = -1;
+    socklen_t size = sizeof value;
+    EXPECT_EQ(getsockopt(six.fd, IPPROTO_IPV6, name, &value, &size), 0);
+    return value;
+  };
+  EXPECT_EQ(option(IPV6_V6ONLY), 1);
+  EXPECT_EQ(option(IPV6_RECVHOPLIMIT), 1);
+  EXPECT_EQ(option(IPV6_RECVTCLASS), 1);
+  const Descriptor sender(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_port = htons(PortOf(six.fd));
+  address.sin6_addr = in6addr_loopback;
+  ASSERT_EQ(sendto(sender.fd, "six", 3, 0, reinterpret_cast<sockaddr*>(&address), sizeof address), 3);
+  EXPECT_EQ(Receive(six.fd), "six");
+  EXPECT_FALSE(CreateUDPv6RxSocket(PortOf(six.fd), 0, &fd));
+  EXPECT_EQ(fd, -1);
+}
+
+TEST_F(SocketTest, Interfaces_have_a_scope_id) {
+  UINT32 scope = 5;
+  EXPECT_TRUE(GetInterfaceIPv6ScopeID("lo", &scope));
+  EXPECT_EQ(scope, if_nametoindex("lo"));
+  EXPECT_FALSE(GetInterfaceIPv6ScopeID("nosuch0", &scope));
+  EXPECT_EQ(scope, 0u);
+}
+
+TEST_F(SocketTest, Address_texts) {
+  char text[64];
+  sockaddr_storage storage{};
+  const sockaddr_in four = Address("10.0.0.1", 5000);
+  memcpy(&storage, &four, sizeof four);
+  EXPECT_STREQ(GetSockAddressString(&storage, text, sizeof text), "10.0.0.1:5000");
+  EXPECT_STREQ(GetIPAddressString(AF_INET, &four.sin_addr, text, sizeof text), "10.0.0.1");
+  sockaddr_in6 six{};
+  six.sin6_family = AF_INET6;
+  six.sin6_port = htons(5000);
+  inet_pton(AF_INET6, "fe80::1", &six.sin6_addr);
+  memcpy(&storage, &six, sizeof six);
+  EXPECT_STREQ(GetSockAddressString(&storage, text, sizeof text), "[fe80::1]:5000");
+  EXPECT_STREQ(GetSockAddressString(&storage, text, 6), "[fe80");
+  EXPECT_STREQ(GetIPAddressString(99, &four, text, sizeof text), "?");
+  EXPECT_STREQ(GetIPAddressString(AF_INET6, &six.sin6_addr, text, 3), "?");
+  storage.ss_family = AF_UNSPEC;
+  EXPECT_STREQ(GetSockAddressString(&storage, text, sizeof text), "?");
+}
+
+// --- serial ------------------------------------------------------------------------------------------
+
+class SerialTest : public RuntimeTest {
+ protected:
+  SerialTest() : line(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    EXPECT_EQ(grantpt(line.fd), 0);
+    EXPECT_EQ(unlockpt(line.fd), 0);
+    char name[64] = "";
+    EXPECT_EQ(ptsname_r(line.fd, name, sizeof name), 0);
+    config.serialDevices["/dev/ttyPS0"] = name;
+    Apply();
+  }
+  static Descriptor Open(const char* path = "/dev/ttyPS0") {
+    int fd = 0;
+    if (!OpenSerialPortDevice(path, &fd)) {
+      EXPECT_EQ(fd, -1);
+    }
+    return Descriptor(fd);
+  }
+
+  Descriptor line;  // the far end
+  const MDATA_SERIAL_SRC_CFG usual = {115200, 0, 0, 0, 8};
+};
+
+TEST_F(SerialTest, The_library_s_path_is_mapped_and_every_byte_arrives_as_it_is) {
+  const Descriptor port = Open();
+  ASSERT_GE(port.fd, 0);
+  EXPECT_TRUE(fcntl(port.fd, F_GETFL) & O_NONBLOCK);
+  EXPECT_TRUE(fcntl(port.fd, F_GETFD) & FD_CLOEXEC);
+  termios before{};
+  ASSERT_TRUE(ConfigureSerialPort(port.fd, &usual, &before));
+  EXPECT_TRUE(before.c_lflag & ICANON);
+  char byte;
+  EXPECT_EQ(read(port.fd, &byte, 1), -1);
+  EXPECT_EQ(errno, EAGAIN);
+  std::string all;
+  for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
+  ASSERT_EQ(write(line.fd, all.data(), all.size()), 256);
+  std::string got;
+  while (got.size() < 256) {
+    const std::string part = Receive(port.fd);
+    ASSERT_FALSE(part.empty());
+    got += part;
+  }
+  EXPECT_EQ(got, all);
+}
+
+TEST_F(SerialTest, A_line_that_hung_up_reads_as_ended) {
+  const Descriptor port = Open();
+  ASSERT_TRUE(ConfigureSerialPort(port.fd, &usual, nullptr));
+  close(std::exchange(line.fd, -1));
+  char byte;
+  errno = 0;
+  EXPECT_LE(read(port.fd, &byte, 1), 0);
+  EXPECT_NE(errno, EAGAIN);
+}
+
+TEST_F(SerialTest, Settings_reach_the_device) {
+  const Descriptor port = Open();
+  termios settings{};
+  const MDATA_SERIAL_SRC_CFG software = {9600, HOST_SERIAL_FLOW_SOFTWARE, HOST_SERIAL_PARITY_ODD, HOST_SERIAL_STOP_2,
+                                         8};
+  ASSERT_TRUE(ConfigureSerialPort(port.fd, &software, nullptr));
+  ASSERT_EQ(tcgetattr(port.fd, &settings), 0);
+  EXPECT_EQ(cfgetispeed(&settings), speed_t{B9600});
+  EXPECT_TRUE(settings.c_iflag & IXON);
+  EXPECT_TRUE(settings.c_cflag & CSTOPB);
+  EXPECT_FALSE(settings.c_lflag & (ICANON | ECHO | ISIG));
+  EXPECT_FALSE(settings.c_oflag & OPOST);
+  const MDATA_SERIAL_SRC_CFG hardware = {4000000, HOST_SERIAL_FLOW_HARDWARE, 0, 0, 8};
+  ASSERT_TRUE(ConfigureSerialPort(port.fd, &hardware, nullptr));
+  ASSERT_EQ(tcgetattr(port.fd, &settings), 0);
+  EXPECT_EQ(cfgetospeed(&settings), speed_t{B4000000});
+  EXPECT_TRUE(settings.c_cflag & CRTSCTS);
+  EXPECT_FALSE(settings.c_iflag & IXON);
+}
+
+TEST_F(SerialTest, Settings_without_meaning_are_named_in_one_line) {
+  const Descriptor port = Open();
+  const MDATA_SERIAL_SRC_CFG bad[] = {
+      {12345, 0, 0, 0, 8}, {9600, 3, 0, 0, 8}, {9600, 0, -1, 0, 8}, {9600, 0, 0, 2, 8}, {9600, 0, 0, 0, 9}};
+  for (const MDATA_SERIAL_SRC_CFG& settings : bad) EXPECT_FALSE(ConfigureSerialPort(port.fd, &settings, nullptr));
+  std::vector<std::string> texts = Texts();
+  std::erase_if(texts, [](const std::string& text) { return text.find("allowed") == std::string::npos; });
+  EXPECT_THAT(texts,
+              ElementsAre("Serial port: baud rate 12345 is not supported; allowed: the standard rates from 50 to "
+                          "4000000.",
+                          "Serial port: flow control 3 is not supported; allowed: 0 none, 1 hardware, 2 software.",
+                          "Serial port: parity -1 is not supported; allowed: 0 none, 1 odd, 2 even.",
+                          "Serial port: stop bit setting 2 is not supported; allowed: 0 for one, 1 for two.",
+                          "Serial port: number of data bits 9 is not supported; allowed: 5 to 8."));
+}
+
+TEST_F(SerialTest, What_is_no_serial_device_is_refused) {
+  EXPECT_EQ(Open("/dev/nosuch").fd, -1);
+  EXPECT_EQ(Open("/dev/null").fd, -1);
+  EXPECT_THAT(Texts(), ElementsAre("Cannot open serial device \"/dev/nosuch\": No such file or directory.",
+                                   "\"/dev/null\" is not a serial device."));
+  EXPECT_FALSE(ConfigureSerialPort(-1, &usual, nullptr));
+}
+
+}  // namespace

@@ -1,0 +1,361 @@
+// Debug log, limiter and configuration.
+#include <atomic>
+
+#include "log_limiter.h"
+#include "runtime_test.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+
+std::string ReadAll(const std::string& path) {
+  std::ifstream file(path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+class LogTest : public RuntimeTest {
+ protected:
+  LogTest() { EXPECT_TRUE(_DoDbgInit("LOGTEST", &module)); }
+  ~LogTest() override { _DoDbgUninitEx(&module); }
+
+  HDBG module = nullptr;
+};
+
+TEST_F(LogTest, A_line_carries_module_level_function_and_place) {
+  _DoDbgPrintEx(module, 3, "_Some", "utils", 12, "Got %d of %s.\n", 5, "these");
+  ASSERT_THAT(Lines(), SizeIs(1));
+  const HostLogLine line = Lines()[0];
+  EXPECT_EQ(line.module, "LOGTEST");
+  EXPECT_EQ(line.level, 3);
+  EXPECT_EQ(line.function, "_Some");
+  EXPECT_EQ(line.file, "utils");
+  EXPECT_EQ(line.text, "Got 5 of these.");
+}
+
+TEST_F(LogTest, The_file_gets_time_module_level_function_and_place) {
+  config.logFile = Folder() + "/host.log";
+  Apply();
+  _DoDbgPrintEx(module, 3, "_Some", "utils", 12, "Got it.\n");
+  const std::string text = ReadAll(config.logFile);
+  EXPECT_THAT(text, testing::ContainsRegex("^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} "
+                                           "LOGTEST 3/error _Some \\(utils:12\\): Got it\\.\n$"));
+}
+
+TEST_F(LogTest, A_log_file_that_cannot_be_written_is_an_error_and_the_rest_is_in_force) {
+  config.logFile = WriteFile("plain", "") + "/host.log";
+  config.logLevel = 1;
+  std::string error;
+  EXPECT_FALSE(HostRuntime_Apply(config, &error));
+  EXPECT_THAT(error, HasSubstr("cannot write the log file \"" + config.logFile + "\""));
+  EXPECT_EQ(module->nMaxLevel, 1);
+}
+
+TEST_F(LogTest, Levels_change_while_running_also_for_modules_to_come) {
+  HostRuntime_SetLevel("LOGTEST", 2);
+  EXPECT_EQ(module->nMaxLevel, 2);
+  HostRuntime_SetLevel("LOGTEST_LATER", 6);
+  HDBG later = nullptr;
+  ASSERT_TRUE(_DoDbgInit("LOGTEST_LATER", &later));
+  EXPECT_EQ(later->nMaxLevel, 6);
+  _DoDbgUninitEx(&later);
+  EXPECT_EQ(later, nullptr);
+  HostRuntime_SetLevel("", 3);
+  EXPECT_EQ(module->nMaxLevel, 3);
+  config.logLevel = 5;
+  config.moduleLevels["LOGTEST"] = 7;
+  Apply();
+  EXPECT_EQ(module->nMaxLevel, 7);
+}
+
+TEST_F(LogTest, Control_characters_from_outside_neither_forge_lines_nor_steer_the_terminal) {
+  _DoDbgPrintEx(module, 3, "f", "m", 1, "Name \"%s\".\n", "a\nFAKE 0\x1B[2J\tb\x7F");
+  EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Name \"a\\nFAKE 0\\x1B[2J b\\x7F\"."));
+}
+
+TEST_F(LogTest, A_long_line_is_not_cut) {
+  const std::string text(5000, 'x');
+  _DoDbgPrintEx(module, 3, "f", "m", 1, "%s.\n", text.c_str());
+  EXPECT_THAT(Texts("LOGTEST"), ElementsAre(text + "."));
+}
+
+TEST_F(LogTest, A_line_leaves_errno_alone) {
+  errno = ETIMEDOUT;
+  _DoDbgPrintEx(module, 3, "f", "m", 1, "x.\n");
+  _DoAssert("x", "f", "m", 1);
+  EXPECT_EQ(errno, ETIMEDOUT);
+}
+
+TEST_F(LogTest, A_dump_has_sixteen_bytes_a_line) {
+  std::vector<BYTE> data;
+  for (int i = 0; i < 18; ++i) data.push_back(static_cast<BYTE>(0x3B + i));
+  _DoDbgPrintBuffer(module, 8, "f", "m", 1, "Sync Pattern", data.data(), 18);
+  EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Sync Pattern (18 bytes)",
+                                            "0000  3B 3C 3D 3E 3F 40 41 42 43 44 45 46 47 48 49 4A  ;<=>?@ABCDEFGHIJ",
+                                            "0010  4B 4C                                            KL"));
+}
+
+TEST_F(LogTest, An_empty_or_missing_buffer_dumps_its_title) {
+  _DoDbgPrintBuffer(module, 8, "f", "m", 1, "Nothing", nullptr, 5);
+  _DoDbgPrintBuffer(module, 8, "f", "m", 1, "Negative", "x", -1);
+  EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Nothing (0 bytes)", "Negative (0 bytes)"));
+}
+
+TEST_F(LogTest, A_flood_from_one_place_is_cut_and_others_still_come_through) {
+  config.logBurst = 20;
+  config.logRate = 1;
+  Apply();
+  for (int i = 0; i < 1000; ++i) _DoDbgPrintEx(module, 4, "f", "flood", 77, "Bad message %d.\n", i);
+  _DoDbgPrintEx(module, 4, "f", "flood", 78, "Another.\n");
+  EXPECT_THAT(Lines(), SizeIs(testing::AllOf(testing::Ge(21u), testing::Le(30u))));
+  EXPECT_EQ(Lines().back().text, "Another.");
+  _DoDbgUninitEx(&module);
+  EXPECT_THAT(Lines().back().text, testing::MatchesRegex("9[0-9][0-9] more lines from this place were left out"));
+}
+
+TEST_F(LogTest, Level_0_is_never_left_out) {
+  config.logRate = 1;
+  Apply();
+  for (int i = 0; i < 100; ++i) _DoDbgPrintEx(module, 0, "f", "flood", 79, "Line.\n");
+  EXPECT_THAT(Lines(), SizeIs(100));
+}
+
+TEST_F(LogTest, Assertions_are_written_and_counted_even_when_the_log_leaves_them_out) {
+  const std::uint64_t before = HostRuntime_AssertionCount();
+  config.logRate = 1;
+  Apply();
+  _DoAssert("pCfg != NULL", "MetaData_OpenSource", "metadata_api", 5);
+  _DoTextAssert("f", "metadata_api", 6, "Invalid iSrcAddressFamily (%d) detected.\n", 3);
+  for (int i = 0; i < 100; ++i) _DoAssert("0", "f", "metadata_api", 7);
+  EXPECT_EQ(HostRuntime_AssertionCount() - before, 102u);
+  EXPECT_EQ(Lines()[0].text, "ASSERTION failed: pCfg != NULL");
+  EXPECT_EQ(Lines()[0].level, 0);
+  EXPECT_TRUE(Lines()[0].assertion);
+  EXPECT_EQ(Lines()[0].function, "MetaData_OpenSource");
+  EXPECT_EQ(Lines()[1].text, "ASSERTION failed: Invalid iSrcAddressFamily (3) detected.");
+  EXPECT_LT(Lines().size(), 40u);
+}
+
+TEST_F(LogTest, An_assertion_can_end_a_test_program) {
+  EXPECT_DEATH(
+      {
+        config.abortOnAssert = true;
+        HostRuntime_Apply(config);
+        _DoAssert("0", "f", "m", 1);
+      },
+      "");
+}
+
+TEST_F(LogTest, A_closed_or_missing_module_logs_nothing) {
+  _DoDbgPrintEx(nullptr, 0, "f", "m", 1, "x\n");
+  HDBG none = nullptr;
+  _DoDbgUninitEx(&none);
+  EXPECT_FALSE(_DoDbgInit("", &none));
+  EXPECT_FALSE(_DoDbgInit(nullptr, &none));
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(LogTest, Many_threads_log_while_levels_sinks_and_observer_change) {
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; !stop; ++i) {
+        if (__atomic_load_n(&module->nMaxLevel, __ATOMIC_RELAXED) >= 4) {
+          _DoDbgPrintEx(module, 4, "f", "m", t, "Line %d.\n", i);
+        }
+      }
+    });
+  }
+  for (int i = 0; i < 50; ++i) {
+    HostRuntime_SetLevel("LOGTEST", i % 8);
+    config.logFile = i % 2 == 0 ? Folder() + "/a.log" : "";
+    config.logRate = i % 3 == 0 ? 0 : 10;
+    Apply();
+    HostRuntime_OnLog([](const HostLogLine&) {});
+  }
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(module->nMaxLevel, 8);
+}
+
+// --- limiter -----------------------------------------------------------------------------------------
+
+struct Asking {
+  host_runtime::LogLimiter limiter;
+  std::uint64_t left = 0;
+  bool Ask(std::int64_t now, int line = 1) { return limiter.Allow("M", "file", line, "f", 4, now, &left); }
+  int AskOften(int times, std::int64_t now) {
+    int allowed = 0;
+    for (int i = 0; i < times; ++i) allowed += Ask(now) ? 1 : 0;
+    return allowed;
+  }
+};
+
+TEST(LogLimiter, Lets_a_burst_through_and_then_its_rate) {
+  Asking asking;
+  asking.limiter.SetLimit(20, 10);
+  EXPECT_EQ(asking.AskOften(1000, kSecond), 20);
+  EXPECT_EQ(asking.AskOften(1000, 2 * kSecond), 10);
+  EXPECT_EQ(asking.AskOften(1000, 100 * kSecond), 20);
+}
+
+TEST(LogLimiter, The_next_line_tells_what_was_left_out) {
+  Asking asking;
+  asking.limiter.SetLimit(2, 1);
+  EXPECT_EQ(asking.AskOften(7, kSecond), 2);
+  EXPECT_TRUE(asking.Ask(2 * kSecond));
+  EXPECT_EQ(asking.left, 5u);
+  EXPECT_TRUE(asking.Ask(3 * kSecond));
+  EXPECT_EQ(asking.left, 0u);
+}
+
+TEST(LogLimiter, A_place_that_fell_silent_is_told_about_once) {
+  Asking asking;
+  asking.limiter.SetLimit(1, 1);
+  EXPECT_EQ(asking.AskOften(4, kSecond), 1);
+  EXPECT_THAT(asking.limiter.TakeSilent(2 * kSecond), IsEmpty());
+  const auto taken = asking.limiter.TakeSilent(4 * kSecond);
+  ASSERT_THAT(taken, SizeIs(1));
+  EXPECT_EQ(taken[0].count, 3u);
+  EXPECT_EQ(taken[0].site.line, 1);
+  EXPECT_THAT(asking.limiter.TakeSilent(6 * kSecond), IsEmpty());
+}
+
+TEST(LogLimiter, Rate_0_is_no_limit) {
+  Asking asking;
+  asking.limiter.SetLimit(1, 0);
+  EXPECT_EQ(asking.AskOften(1000, kSecond), 1000);
+}
+
+// --- the INI file ------------------------------------------------------------------------------------
+
+class ConfigTest : public RuntimeTest {
+ protected:
+  std::string Refused(const std::string& text) {
+    HostRuntimeConfig unchanged;
+    unchanged.logLevel = 3;
+    std::string error;
+    EXPECT_FALSE(HostRuntime_Load(WriteFile("bad.ini", text), unchanged, error)) << text;
+    EXPECT_EQ(unchanged.logLevel, 3);
+    EXPECT_TRUE(error.starts_with(Folder() + "/bad.ini:")) << error;
+    return error.substr(Folder().size() + 8);
+  }
+};
+
+TEST_F(ConfigTest, Every_key_is_read_and_names_are_relative_to_the_file) {
+  const std::string path = WriteFile("host.ini", R"([log]
+level = 6
+file = logs/host.log
+console = no
+burst = 5
+rate = 0
+level.METADATALIB = 8
+[threads]
+realtime = off
+states = TRUE
+[network]
+multicast interface = eth7
+[serial]
+/dev/ttyPS0 = /dev/pts/4   ; a comment
+[files]
+/etc/hostos.ini = my.ini
+[capture0]
+kind = media
+path = flight.ts
+loop = yes
+[capture1]
+kind = anc
+address = 239.1.2.3
+port = 5004
+[capture2]
+kind = socket
+path = /run/klv
+[capture3]
+kind = media
+path = udp://239.1.1.1:5000
+)");
+  HostRuntimeConfig loaded;
+  std::string error;
+  ASSERT_TRUE(HostRuntime_Load(path, loaded, error)) << error;
+  EXPECT_EQ(loaded.logLevel, 6);
+  EXPECT_EQ(loaded.logFile, Folder() + "/logs/host.log");
+  EXPECT_FALSE(loaded.console);
+  EXPECT_EQ(loaded.logBurst, 5u);
+  EXPECT_EQ(loaded.logRate, 0u);
+  EXPECT_EQ(loaded.moduleLevels.at("METADATALIB"), 8);
+  EXPECT_FALSE(loaded.realtimeThreads);
+  EXPECT_TRUE(loaded.threadStates);
+  EXPECT_EQ(loaded.multicastInterface, "eth7");
+  EXPECT_EQ(loaded.serialDevices.at("/dev/ttyPS0"), "/dev/pts/4");
+  EXPECT_EQ(loaded.configFiles.at("/etc/hostos.ini"), Folder() + "/my.ini");
+  using Kind = HostCaptureConfig::Kind;
+  EXPECT_EQ(loaded.captures[0].kind, Kind::kMedia);
+  EXPECT_EQ(loaded.captures[0].path, Folder() + "/flight.ts");
+  EXPECT_TRUE(loaded.captures[0].loop);
+  EXPECT_EQ(loaded.captures[1].kind, Kind::kAnc);
+  EXPECT_EQ(loaded.captures[1].address, "239.1.2.3");
+  EXPECT_EQ(loaded.captures[1].port, 5004);
+  EXPECT_EQ(loaded.captures[2].kind, Kind::kSocket);
+  EXPECT_EQ(loaded.captures[2].path, "/run/klv");
+  EXPECT_EQ(loaded.captures[3].path, "udp://239.1.1.1:5000");
+}
+
+TEST_F(ConfigTest, An_error_names_the_line_the_key_the_value_and_what_is_allowed) {
+  EXPECT_EQ(Refused("[log]\nlevel = 9\n"), ":2: level = 9 is not allowed; allowed: 0 to 8");
+  EXPECT_EQ(Refused("[log]\nlevel = 4x\n"), ":2: level = 4x is not allowed; allowed: 0 to 8");
+  EXPECT_EQ(Refused("[log]\nlevel.X = -1\n"), ":2: level.X = -1 is not allowed; allowed: 0 to 8");
+  EXPECT_EQ(Refused("[log]\n\nconsole = maybe\n"), ":3: console = maybe is not allowed; allowed: yes, no");
+  EXPECT_EQ(Refused("[log]\nlevle = 4\n"),
+            ":2: [log] has no key levle; allowed: level, level.MODULE, file, console, burst, rate");
+  EXPECT_EQ(Refused("[lgo]\nlevel = 4\n"),
+            ":2: unknown section [lgo]; allowed: log, threads, network, serial, files, capture0 to capture3");
+  EXPECT_EQ(Refused("[capture1]\nkind = sdi\n"), ":2: kind = sdi is not allowed; allowed: none, media, anc, socket");
+  EXPECT_EQ(Refused("[capture1]\nport = 65536\n"), ":2: port = 65536 is not allowed; allowed: 1 to 65535");
+  EXPECT_EQ(Refused("[capture1]\naddress = 1.2.3\n"), ":2: address = 1.2.3 is not allowed; allowed: an IPv4 address");
+  EXPECT_EQ(Refused("[capture1]\nkind = anc\n"), ": [capture1] kind = anc needs the key port");
+  EXPECT_EQ(Refused("[log]\nnonsense\n"), ":2: neither [section] nor key = value");
+  EXPECT_EQ(Refused("[log]\nfile = " + std::string(300, 'x') + "\n"),
+            ":2: line too long, at most 197 characters are allowed");
+  EXPECT_THAT(Refused("[capture4]\nport = 1\n"), HasSubstr("unknown section [capture4]"));
+}
+
+TEST_F(ConfigTest, A_file_that_is_not_there_is_an_error) {
+  std::string error;
+  EXPECT_FALSE(HostRuntime_Load(Folder() + "/none.ini", config, error));
+  EXPECT_EQ(error, "cannot read \"" + Folder() + "/none.ini\": No such file or directory");
+  EXPECT_FALSE(HostRuntime_Load(Folder(), config, error));
+}
+
+TEST_F(ConfigTest, The_library_reads_its_key_from_a_mapped_file) {
+  config.configFiles["/etc/hostos.ini"] = WriteFile("other.ini", "[CursorOnTarget]\nAllItemsSupport = No\n[X]\nA=1\n");
+  Apply();
+  char text[40] = "old";
+  int size = sizeof text;
+  EXPECT_TRUE(CfgFile_GetStringValue("/etc/hostos.ini", "CursorOnTarget", "AllItemsSupport", text, &size, "Yes"));
+  EXPECT_STREQ(text, "No");
+  EXPECT_EQ(size, 2);
+  size = sizeof text;
+  EXPECT_FALSE(CfgFile_GetStringValue("/etc/hostos.ini", "CursorOnTarget", "Missing", text, &size, "Yes"));
+  EXPECT_STREQ(text, "Yes");
+  EXPECT_EQ(size, 3);
+  size = 2;
+  EXPECT_FALSE(CfgFile_GetStringValue("/none/at/all.ini", "X", "A", text, &size, "Yes"));
+  EXPECT_STREQ(text, "Y");
+  EXPECT_EQ(size, 1);
+}
+
+TEST_F(ConfigTest, A_damaged_line_spoils_only_what_follows_it) {
+  const std::string path = WriteFile("half.ini", "[X]\nA = 1\nbroken line\nB = 2\n");
+  char text[8];
+  int size = sizeof text;
+  EXPECT_TRUE(CfgFile_GetStringValue(path.c_str(), "X", "A", text, &size, "0"));
+  EXPECT_STREQ(text, "1");
+  EXPECT_THAT(Texts(), ElementsAre(path + ":3: neither [section] nor key = value."));
+}
+
+}  // namespace

@@ -1,0 +1,92 @@
+// What the host runtime's tests share: a fixture that keeps the log, and a folder of its own.
+#ifndef RUNTIME_TEST_H
+#define RUNTIME_TEST_H
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "host.h"
+#include "host_runtime.h"
+
+#define HERE __func__, "test", __LINE__
+
+class RuntimeTest : public testing::Test {
+ protected:
+  RuntimeTest() {
+    config.console = false;
+    config.logLevel = 8;
+    EXPECT_TRUE(HostRuntime_Apply(config));
+    HostRuntime_OnLog([this](const HostLogLine& line) {
+      const std::lock_guard guard(lock);
+      lines.push_back(line);
+    });
+  }
+  ~RuntimeTest() override {
+    HostRuntime_OnLog(nullptr);
+    HostRuntimeConfig quiet;
+    quiet.console = false;
+    HostRuntime_Apply(quiet);
+    if (!folder.empty()) std::filesystem::remove_all(folder);
+  }
+
+  void Apply() {
+    std::string error;
+    EXPECT_TRUE(HostRuntime_Apply(config, &error)) << error;
+  }
+
+  std::vector<HostLogLine> Lines() {
+    const std::lock_guard guard(lock);
+    return lines;
+  }
+  // The texts of a module's lines.
+  std::vector<std::string> Texts(const std::string& module = "HOST") {
+    std::vector<std::string> texts;
+    for (const HostLogLine& line : Lines()) {
+      if (line.module == module) texts.push_back(line.text);
+    }
+    return texts;
+  }
+
+  std::string Folder() {
+    if (folder.empty()) {
+      std::string pattern = testing::TempDir() + "host_runtime_XXXXXX";
+      if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "no folder " << pattern;
+      folder = pattern;
+    }
+    return folder;
+  }
+  std::string WriteFile(const std::string& name, const std::string& text) {
+    const std::string path = Folder() + "/" + name;
+    std::ofstream(path) << text;
+    return path;
+  }
+
+  HostRuntimeConfig config;
+
+ private:
+  std::mutex lock;
+  std::vector<HostLogLine> lines;
+  std::string folder;
+};
+
+// Waits for what another thread does; for at most ten seconds.
+inline bool Eventually(const std::function<bool()>& done) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!done()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
+
+#endif  // RUNTIME_TEST_H
