@@ -98,7 +98,8 @@ enum class Step {
   kWait,          // nothing until the next chunk
   kRescan,        // look for a sync pattern in what is stored
   kSyncFound,     // a pattern, or its beginning, stands at the start
-  kKeyComplete,   // look the registry designator up
+  kKeyComplete,   // note the time
+  kDesignator,    // look the registry designator up
   kLength,        // read the BER length
   kSpace,         // does the message fit
   kCompleteness,  // is it all there
@@ -116,28 +117,42 @@ struct Entry {
 
 }  // namespace
 
+static void _MoveToStart(KLV_DECODE_CONTEXT* pCtxt) {
+  BYTE* pcStart = _BufferStart(pCtxt);
+  if (pCtxt->DecodeBuffer == pcStart) return;
+  memmove(pcStart, pCtxt->DecodeBuffer, static_cast<size_t>(pCtxt->nStoredAmount));
+  pCtxt->DecodeBuffer = pcStart;
+}
+
+// Bytes given up in front of those held.
+static ptrdiff_t _GivenUp(const KLV_DECODE_CONTEXT* pCtxt) {
+  return pCtxt->DecodeBuffer - _BufferStart(pCtxt);
+}
+
+// There is always room: what waits is less than the largest message, and a slice fits behind that.
 static void _Append(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
   if (nLength <= 0) return;
+  if (_GivenUp(pCtxt) + pCtxt->nStoredAmount + nLength > kKLVDecodeCapacity) _MoveToStart(pCtxt);
   memcpy(pCtxt->DecodeBuffer + pCtxt->nStoredAmount, pcData, static_cast<size_t>(nLength));
   pCtxt->nStoredAmount += nLength;
 }
 
 static void _Restart(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
+  pCtxt->DecodeBuffer = _BufferStart(pCtxt);
   pCtxt->nStoredAmount = 0;
   _Append(pCtxt, pcData, nLength);
 }
 
-// Gives up the first held bytes. Only the start moves; the bytes follow once, at the end of the chunk.
+// Gives up the first held bytes. Only the start moves; see _Compact for the bytes.
 static void _DropFront(KLV_DECODE_CONTEXT* pCtxt, int nBytes) {
   pCtxt->DecodeBuffer += nBytes;
   pCtxt->nStoredAmount -= nBytes;
 }
 
+// After each slice. A move is worth it when it copies no more than was given up, so that nested sync patterns in a full
+// buffer cost each byte one move at most. A key that is not complete always stands at the start.
 static void _Compact(KLV_DECODE_CONTEXT* pCtxt) {
-  BYTE* pcStart = _BufferStart(pCtxt);
-  if (pCtxt->DecodeBuffer == pcStart) return;
-  memmove(pcStart, pCtxt->DecodeBuffer, static_cast<size_t>(pCtxt->nStoredAmount));
-  pCtxt->DecodeBuffer = pcStart;
+  if (pCtxt->nStoredAmount <= _GivenUp(pCtxt) || pCtxt->nStoredAmount <= kKLVKeySize) _MoveToStart(pCtxt);
 }
 
 static Step _Wait(KLV_DECODE_CONTEXT* pCtxt, tagKLV_STATE enState) {
@@ -178,11 +193,17 @@ static Step _CompleteSync(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLe
 static bool _IsTooLate(const KLV_DECODE_CONTEXT* pCtxt) {
   struct timeval Now = {};
   MD_ASSERT_TEXT(gettimeofday(&Now, nullptr) == 0, "gettimeofday(&CurrentTime, NULL) == 0");
-  MD_LOG(7, "Current  %d.%03d\n", static_cast<int>(Now.tv_sec), static_cast<int>(Now.tv_usec));
+  MD_LOG(7, "Current  %d.%03d\n", static_cast<int>(Now.tv_sec), static_cast<int>(Now.tv_usec / 1000));
   struct timeval Interval = {};
   CalcTimeOfDayAbsDiff(&Now, &pCtxt->MsgStartTime, &Interval);
-  MD_LOG(7, "Interval %d.%03d\n", static_cast<int>(Interval.tv_sec), static_cast<int>(Interval.tv_usec));
+  MD_LOG(7, "Interval %d.%03d\n", static_cast<int>(Interval.tv_sec), static_cast<int>(Interval.tv_usec / 1000));
   return Interval.tv_sec != 0 || Interval.tv_usec > 500000;
+}
+
+// A header that was read before its bytes were there is read again as soon as they are: a guess decides what the decoder
+// waits for, never what it delivers.
+static Step _Resume(const KLV_DECODE_CONTEXT* pCtxt, Step step) {
+  return pCtxt->bHeaderGuessed && pCtxt->nStoredAmount > kKLVKeySize ? Step::kDesignator : step;
 }
 
 // KEPT: the chunk that comes too late is lost, and only the sync bytes of what was held.
@@ -193,7 +214,7 @@ static Entry _ContinueLength(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int 
   }
   MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");
   _Append(pCtxt, pcData, nLength);
-  return {Step::kLength};
+  return {_Resume(pCtxt, Step::kLength)};
 }
 
 static Entry _ContinueData(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
@@ -203,7 +224,7 @@ static Entry _ContinueData(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nL
   }
   MD_LOG(7, "Received data in GATHERING_DATA state\n");
   _Append(pCtxt, pcData, nLength);
-  return {Step::kCompleteness};
+  return {_Resume(pCtxt, Step::kCompleteness)};
 }
 
 static Entry _EnterByState(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
@@ -256,12 +277,17 @@ static Step _SyncFound(KLV_DECODE_CONTEXT* pCtxt) {
   return Step::kKeyComplete;
 }
 
-// KEPT: who comes from a partial sync or key is not asked for 16 bytes; a shorter key is read from what the buffer
-// holds from earlier messages, zeros at first.
+// KEPT: who comes from a partial sync or key is not asked for 16 bytes; a shorter key, and its length, are read from what
+// the buffer holds from earlier messages, zeros at first.
 static Step _KeyComplete(KLV_DECODE_CONTEXT* pCtxt) {
   MD_ASSERT(gettimeofday(&pCtxt->MsgStartTime, NULL) == 0);
   MD_LOG(7, "Stored message start time %d.%d\n", static_cast<int>(pCtxt->MsgStartTime.tv_sec),
          static_cast<int>(pCtxt->MsgStartTime.tv_usec));
+  pCtxt->bHeaderGuessed = FALSE;
+  return Step::kDesignator;
+}
+
+static Step _Designator(KLV_DECODE_CONTEXT* pCtxt) {
   const BYTE RegistryDesignator = pCtxt->DecodeBuffer[5];
   if (!KLV_GetFieldInfoFromRegistryDesignator(RegistryDesignator, &pCtxt->nKlvTagFieldSize,
                                               &pCtxt->nKlvLengthFieldSize)) {
@@ -303,6 +329,7 @@ static Step _LongFormLength(KLV_DECODE_CONTEXT* pCtxt, int nBytes) {
 }
 
 static Step _Length(KLV_DECODE_CONTEXT* pCtxt) {
+  pCtxt->bHeaderGuessed = pCtxt->nStoredAmount <= kKLVKeySize;
   const BYTE nFirst = pCtxt->DecodeBuffer[kKLVKeySize];
   if ((nFirst & 0x80) != 0) return _LongFormLength(pCtxt, nFirst & 0x7F);
   MD_LOG(7, "Header length field is 1 byte long\n");
@@ -379,6 +406,8 @@ static Step _Run(KLV_DECODE_CONTEXT* pCtxt, Step step) {
       return _SyncFound(pCtxt);
     case Step::kKeyComplete:
       return _KeyComplete(pCtxt);
+    case Step::kDesignator:
+      return _Designator(pCtxt);
     case Step::kLength:
       return _Length(pCtxt);
     case Step::kSpace:
@@ -399,6 +428,13 @@ static Step _Run(KLV_DECODE_CONTEXT* pCtxt, Step step) {
   return Step::kWait;
 }
 
+// How much of a chunk is fed at once. The last slice is never shorter than a key, so that a key cut by the slices is whole
+// when it is looked at.
+static int _SliceSize(int nLeft) {
+  if (nLeft <= kKLVSliceSize) return nLeft;
+  return nLeft - kKLVSliceSize < kKLVKeySize ? nLeft - kKLVKeySize : kKLVSliceSize;
+}
+
 int GenericKLV_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   KLV_DECODE_CONTEXT* pCtxt = _Context(pvCtxt);
   if (nLength > 0) MdAdd(pCtxt->Stats.nTotalRxBytes, nLength);
@@ -406,8 +442,7 @@ int GenericKLV_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   bool bLost = false;
   int nDone = 0;
   do {
-    const int nLeft = nLength - nDone;
-    const int nSlice = nLeft < kKLVSliceSize ? nLeft : kKLVSliceSize;
+    const int nSlice = _SliceSize(nLength - nDone);
     const Entry entry = _EnterByState(pCtxt, pvData + nDone, nSlice);
     for (Step step = entry.step; step != Step::kWait;) step = _Run(pCtxt, step);
     _Compact(pCtxt);
@@ -425,16 +460,17 @@ int GenericKLV_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
 extern const BYTE UASDataLinkKey[16] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01,
                                         0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00, 0x00};
 
-static const LOCAL_KLV_STANDARD _g_KnownKLVStandards[] = {
+// Read-only.
+static LOCAL_KLV_STANDARD _g_KnownKLVStandards[] = {
     {"UAS DataLink Local Metadata Set", &UASDataLinkKey, TRUE, 1, _UASDataLinkValidator},
 };
 
-static const LOCAL_KLV_STANDARD _g_GenericKLVStandard = {"Generic (Unknown)", nullptr, FALSE, 0, nullptr};
+static LOCAL_KLV_STANDARD _g_GenericKLVStandard = {"Generic (Unknown)", nullptr, FALSE, 0, nullptr};
 
 // KEPT: every byte of the key counts, its version byte too.
-const LOCAL_KLV_STANDARD* _GetKLVStandardInfo(const BYTE* pcKey) {
+LOCAL_KLV_STANDARD* _GetKLVStandardInfo(const BYTE* pcKey) {
   int nIndex = 0;
-  for (const LOCAL_KLV_STANDARD& Standard : _g_KnownKLVStandards) {
+  for (LOCAL_KLV_STANDARD& Standard : _g_KnownKLVStandards) {
     if (memcmp(pcKey, *Standard.pUniversalKey, sizeof(KLV_LOCALSET_KEY)) == 0) {
       MD_LOG(6, "Recognized KLV local data standard #%d \"%s\".\n", nIndex, Standard.szName);
       return &Standard;
@@ -493,9 +529,10 @@ static bool _WalkItem(Walk& walk, bool* pbEnded) {
   if (walk.pStdInfo->bHasIntegrityItem && item.nKey == walk.pStdInfo->IntegrityItemTag &&
       !_CheckIntegrityItem(walk, &item))
     return false;
-  // A length of four bytes may say anything: what is no step forward inside the message runs past its end.
-  *pbEnded = item.nLength < 0 || item.nTotalSize == 0;
-  walk.nOffset += item.nLength < 0 ? int64_t{1} << 31 : int64_t{item.nTotalSize};
+  // In 64 bits, where a length of four bytes passes the message's end and never steps backwards.
+  const int64_t nTotal = (item.pValue - (walk.pcData + nOffset)) + int64_t{static_cast<UINT32>(item.nLength)};
+  *pbEnded = nTotal == 0;
+  walk.nOffset += nTotal;
   return true;
 }
 
@@ -513,7 +550,7 @@ BOOL _ValidateKLVMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* pcData, int nMsgSize, 
     return TRUE;
   }
   MD_LOG(4, "Sum of item lengths %d does not match message data length of %d.\n",
-         static_cast<int>(static_cast<UINT>(walk.nOffset - nHeaderSize)), nMsgSize - nHeaderSize);
+         static_cast<int>(walk.nOffset - nHeaderSize), nMsgSize - nHeaderSize);
   return FALSE;
 }
 

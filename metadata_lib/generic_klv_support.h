@@ -21,7 +21,7 @@ inline constexpr int kKLVSyncSize = 5;
 inline constexpr int kKLVKeySize = 16;
 inline constexpr int kKLVDecodeSize = 65536;           // the buffer size that messages are measured against
 inline constexpr int kKLVLargestMessage = 19 + 65535;  // key, 3-byte length, value
-inline constexpr int kKLVSliceSize = 4096;             // longer chunks are fed in slices of this size
+inline constexpr int kKLVSliceSize = 65536;            // longer chunks are fed in slices of this size
 inline constexpr int kKLVDecodeCapacity = kKLVLargestMessage + kKLVSliceSize;  // what the buffer really holds
 
 // One per stream. Driven by the metadata thread; Stats are single atomic values.
@@ -39,8 +39,9 @@ typedef struct tagKLV_DECODE_CONTEXT {
   void* pvUserParam1;
   MDATA_BUFFER* pDecodeBuffer;      // owns the accumulation buffer
   MDATA_BUFFER* pNextDecodeBuffer;  // reserved
-  BYTE* DecodeBuffer;               // first held byte; moves while one chunk is worked on, back to the start after it
+  BYTE* DecodeBuffer;               // first held byte; moves through the buffer as bytes are given up
   UINT nMatched;                    // result of the last scan
+  BOOL bHeaderGuessed;              // the header was read before its length byte was there
 } KLV_DECODE_CONTEXT;
 
 // --- Local set standards -----------------------------------------------------------------------------
@@ -60,7 +61,7 @@ typedef struct tagLOCAL_KLV_STANDARD {
   KLV_INTEGRITY_VERIFIER pfnValidator;
 } LOCAL_KLV_STANDARD;
 
-const LOCAL_KLV_STANDARD* _GetKLVStandardInfo(const BYTE* pcKey);
+LOCAL_KLV_STANDARD* _GetKLVStandardInfo(const BYTE* pcKey);
 BOOL _ValidateKLVMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* pcData, int nMsgSize, int nHeaderSize);
 BOOL _UASDataLinkValidator(const BYTE* pcData, UINT nFullLength, UINT nDataOffset, KLV_INFO* IntegrityItem,
                            UINT nItemOffset);
