@@ -1,10 +1,13 @@
-// Buffers and utilities.
+// Buffers, bits, patterns, CRC and raw captures.
 #include "utils.h"
 
-#include <fcntl.h>
 #include <limits.h>
+#include <stdio.h>
+#include <string.h>
 
-#include <cstring>
+#include <algorithm>
+#include <memory>
+#include <random>
 #include <thread>
 
 #include "builders.h"
@@ -13,319 +16,442 @@
 
 namespace {
 
-// --- Metadata buffers --------------------------------------------------------------------------------
+constexpr int kRecord = static_cast<int>(sizeof(MDATA_BUFFER));
+
+const BYTE* EndOfRecord(const MDATA_BUFFER* pBuffer) {
+  return static_cast<const BYTE*>(pBuffer->pvAllocPtr) + sizeof(MDATA_BUFFER);
+}
+
+// --- Metadata buffers ------------------------------------------------------------------------------------
 
 class BufferTest : public HostTest {
  protected:
-  void TearDown() override {
-    EXPECT_EQ(_g_nAllocatedBuffers, m_before) << "a buffer was leaked";
-    HostTest::TearDown();
+  BufferTest() {
+    MdStore(_g_nAllocatedBuffers, 0);
+    MdStore(_g_nMaxAllocatedBuffers, 0);
   }
-  int32_t m_before = _g_nAllocatedBuffers;
+  MDATA_BUFFER* Alloc(int nSize = 0) {
+    MDATA_BUFFER* pBuffer = nullptr;
+    EXPECT_TRUE(DoAllocBuffer(nSize, &pBuffer));
+    return pBuffer;
+  }
 };
 
-TEST_F(BufferTest, EmptyBufferIsAValidRecordWithItsDataRightBehind) {
-  MDATA_BUFFER* pBuffer = nullptr;
-  ASSERT_TRUE(DoAllocBuffer(0, &pBuffer));
-  EXPECT_EQ(pBuffer->nAllocSize, static_cast<int>(sizeof(MDATA_BUFFER)));
-  EXPECT_EQ(pBuffer->pcData, static_cast<BYTE*>(pBuffer->pvAllocPtr) + sizeof(MDATA_BUFFER));
+TEST_F(BufferTest, EmptyBufferIsARecordWithItsDataAreaBehind) {
+  MDATA_BUFFER* pBuffer = Alloc(0);
+  EXPECT_EQ(pBuffer->nAllocSize, kRecord);
+  EXPECT_EQ(pBuffer->pcData, EndOfRecord(pBuffer));
   EXPECT_EQ(pBuffer->pvAllocPtr, pBuffer);
   EXPECT_EQ(pBuffer->nRefCount, 1);
   EXPECT_EQ(pBuffer->bDynamic, TRUE);
   EXPECT_EQ(pBuffer->nDataSize, 0);
   EXPECT_EQ(pBuffer->nTimeStamp, 0u);
   DoReleaseBuffer(&pBuffer);
+  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
 }
 
-TEST_F(BufferTest, ReserveOfFiveZeroBytesLiesInFrontOfTheCopy) {
-  Bytes data = Hex("01 02 03 04 05 06 07 08 09 0A");
+TEST_F(BufferTest, RoomForDataIsZeroFilled) {
+  MDATA_BUFFER* pBuffer = Alloc(300);
+  EXPECT_EQ(pBuffer->nAllocSize, kRecord + 300);
+  EXPECT_EQ(pBuffer->nDataSize, 0);
+  EXPECT_EQ(Bytes(pBuffer->pcData, pBuffer->pcData + 300), Bytes(300, 0));
+  DoReleaseBuffer(&pBuffer);
+}
+
+TEST_F(BufferTest, CopyHoldsTheBytesAndTheirSize) {
+  Bytes Data = Text("nineteen characters");
   MDATA_BUFFER* pBuffer = nullptr;
-  ASSERT_TRUE(DoAllocCopyBufferEx(data.data(), 10, 5, &pBuffer));
-  EXPECT_EQ(pBuffer->nAllocSize, static_cast<int>(sizeof(MDATA_BUFFER)) + 15);
-  EXPECT_EQ(pBuffer->pcData - static_cast<BYTE*>(pBuffer->pvAllocPtr), static_cast<long>(sizeof(MDATA_BUFFER)) + 5);
-  EXPECT_EQ(Bytes(pBuffer->pcData - 5, pBuffer->pcData), Bytes(5));
-  EXPECT_EQ(Bytes(pBuffer->pcData, pBuffer->pcData + 10), data);
+  ASSERT_TRUE(DoAllocCopyBuffer(Data.data(), static_cast<int>(Data.size()), &pBuffer));
+  EXPECT_EQ(pBuffer->nAllocSize, kRecord + 19);
+  EXPECT_EQ(pBuffer->nDataSize, 19);
+  EXPECT_EQ(pBuffer->pcData, EndOfRecord(pBuffer));
+  EXPECT_EQ(Bytes(pBuffer->pcData, pBuffer->pcData + 19), Data);
+  DoReleaseBuffer(&pBuffer);
+}
+
+TEST_F(BufferTest, ReserveLiesInFrontOfTheCopyAndIsZero) {
+  Bytes Data = Text("ten bytes.");
+  MDATA_BUFFER* pBuffer = nullptr;
+  ASSERT_TRUE(DoAllocCopyBufferEx(Data.data(), 10, 5, &pBuffer));
+  EXPECT_EQ(pBuffer->nAllocSize, kRecord + 15);
+  EXPECT_EQ(pBuffer->pcData - static_cast<BYTE*>(pBuffer->pvAllocPtr), kRecord + 5);
+  EXPECT_EQ(Bytes(EndOfRecord(pBuffer), EndOfRecord(pBuffer) + 5), Bytes(5, 0));
+  EXPECT_EQ(Bytes(pBuffer->pcData, pBuffer->pcData + 10), Data);
   EXPECT_EQ(pBuffer->nDataSize, 10);
   DoReleaseBuffer(&pBuffer);
 }
 
-TEST_F(BufferTest, CopyHoldsExactlyItsBytes) {
-  Bytes data = Text("hello");
+TEST_F(BufferTest, EmptyCopyNeedsNoSource) {
   MDATA_BUFFER* pBuffer = nullptr;
-  ASSERT_TRUE(DoAllocCopyBuffer(data.data(), 5, &pBuffer));
-  data[0] = 'J';
-  EXPECT_EQ(Bytes(pBuffer->pcData, pBuffer->pcData + 5), Text("hello"));
-  EXPECT_EQ(pBuffer->nAllocSize, static_cast<int>(sizeof(MDATA_BUFFER)) + 5);
+  ASSERT_TRUE(DoAllocCopyBufferEx(nullptr, 0, 5, &pBuffer));
+  EXPECT_EQ(pBuffer->nAllocSize, kRecord + 5);
   DoReleaseBuffer(&pBuffer);
 }
 
 TEST_F(BufferTest, HighWaterMarkIsLoggedOnlyWhenItRises) {
-  const int32_t nMark = _g_nMaxAllocatedBuffers;
-  _g_nMaxAllocatedBuffers = _g_nAllocatedBuffers;
-  MDATA_BUFFER* apBuffers[3] = {};
-  ASSERT_TRUE(DoAllocBuffer(1, &apBuffers[0]));
-  ASSERT_TRUE(DoAllocBuffer(1, &apBuffers[1]));
-  ExpectLog(6, "Max alloc buffers now at " + std::to_string(m_before + 1) + ".\n");
-  ExpectLog(6, "Max alloc buffers now at " + std::to_string(m_before + 2) + ".\n");
-  DoReleaseBuffer(&apBuffers[0]);
-  ASSERT_TRUE(DoAllocBuffer(1, &apBuffers[0]));
-  EXPECT_EQ(host().Logs().size(), 2u);
-  ASSERT_TRUE(DoAllocBuffer(1, &apBuffers[2]));
-  ExpectLog(6, "Max alloc buffers now at " + std::to_string(m_before + 3) + ".\n");
-  const LogLine last = host().Logs().back();
-  EXPECT_EQ(last.function, "DoAllocBuffer");
-  EXPECT_EQ(last.file, "utils");
+  MDATA_BUFFER* pFirst = Alloc();
+  MDATA_BUFFER* pSecond = Alloc();
+  ExpectLog(6, "Max alloc buffers now at 1.\n");
+  ExpectLog(6, "Max alloc buffers now at 2.\n");
+  DoReleaseBuffer(&pSecond);
+  host().ClearLogs();
+  MDATA_BUFFER* pThird = Alloc();
+  EXPECT_TRUE(host().Logs().empty());
+  MDATA_BUFFER* pFourth = Alloc();
+  ExpectLog(6, "Max alloc buffers now at 3.\n");
+  DoReleaseBuffer(&pFirst);
+  DoReleaseBuffer(&pThird);
+  DoReleaseBuffer(&pFourth);
+}
+
+TEST_F(BufferTest, HighWaterLineNamesTheAllocatingFunction) {
+  BYTE acData[1] = {7};
+  MDATA_BUFFER* apBuffers[3] = {Alloc()};
+  DoAllocCopyBuffer(acData, 1, &apBuffers[1]);
+  DoAllocCopyBufferEx(acData, 1, 1, &apBuffers[2]);
+  const std::vector<LogLine> Logs = host().Logs();
+  ASSERT_EQ(Logs.size(), 3u);
+  EXPECT_EQ(Logs[0].function, "DoAllocBuffer");
+  EXPECT_EQ(Logs[1].function, "DoAllocCopyBuffer");
+  EXPECT_EQ(Logs[2].function, "DoAllocCopyBufferEx");
+  EXPECT_EQ(Logs[0].file, "utils");
   for (MDATA_BUFFER*& pBuffer : apBuffers) DoReleaseBuffer(&pBuffer);
-  if (_g_nMaxAllocatedBuffers < nMark) _g_nMaxAllocatedBuffers = nMark;
 }
 
-TEST_F(BufferTest, ReleaseOfTwoReferencesLeavesOneAndStillClearsThePointer) {
-  MDATA_BUFFER* pBuffer = nullptr;
-  ASSERT_TRUE(DoAllocBuffer(4, &pBuffer));
-  __atomic_add_fetch(&pBuffer->nRefCount, 1, __ATOMIC_RELAXED);
-  MDATA_BUFFER* pOther = pBuffer;
+TEST_F(BufferTest, HighWaterLineNeedsLevelSix) {
+  host().SetLevel("METADATALIB", 5);
+  MDATA_BUFFER* pBuffer = Alloc();
+  EXPECT_TRUE(host().Logs().empty());
+  EXPECT_EQ(MdLoad(_g_nMaxAllocatedBuffers), 1);
   DoReleaseBuffer(&pBuffer);
-  EXPECT_EQ(pBuffer, nullptr);
-  EXPECT_EQ(pOther->nRefCount, 1);
-  DoReleaseBuffer(&pOther);
-  EXPECT_EQ(pOther, nullptr);
 }
 
-TEST_F(BufferTest, ReleaseTooManyAssertsAndCountsBelowZero) {
-  MDATA_BUFFER record = {};
-  record.bDynamic = TRUE;
-  MDATA_BUFFER* pBuffer = &record;
-  DoReleaseBuffer(&pBuffer);
-  ExpectAssertion("pBuffer->nRefCount > 0");
-  EXPECT_EQ(record.nRefCount, -1);
-  EXPECT_EQ(pBuffer, nullptr);
-}
-
-TEST_F(BufferTest, ARecordThatIsNotDynamicIsNeverFreed) {
-  MDATA_BUFFER record = {};
-  record.nRefCount = 1;
-  MDATA_BUFFER* pBuffer = &record;
-  DoReleaseBuffer(&pBuffer);
-  EXPECT_EQ(record.nRefCount, 0);
-  EXPECT_EQ(pBuffer, nullptr);
-}
-
-TEST_F(BufferTest, AllocationFailureIsSilentAndLeavesThePointer) {
-  MDATA_BUFFER* const pMark = reinterpret_cast<MDATA_BUFFER*>(16);
-  MDATA_BUFFER* pBuffer = pMark;
-  BYTE cData = 0;
+TEST_F(BufferTest, WithoutMemoryNothingIsTouchedAndNothingSaid) {
+  BYTE acData[4] = {};
+  MDATA_BUFFER Marker = {};
+  MDATA_BUFFER* pBuffer = &Marker;
   host().FailNext("calloc", {.times = 3});
   EXPECT_FALSE(DoAllocBuffer(10, &pBuffer));
-  EXPECT_FALSE(DoAllocCopyBuffer(&cData, 1, &pBuffer));
-  EXPECT_FALSE(DoAllocCopyBufferEx(&cData, 1, 5, &pBuffer));
-  EXPECT_EQ(pBuffer, pMark);
+  EXPECT_FALSE(DoAllocCopyBuffer(acData, 4, &pBuffer));
+  EXPECT_FALSE(DoAllocCopyBufferEx(acData, 4, 5, &pBuffer));
+  EXPECT_EQ(pBuffer, &Marker);
+  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
+  EXPECT_EQ(MdLoad(_g_nMaxAllocatedBuffers), 0);
   EXPECT_TRUE(host().Logs().empty());
 }
 
 TEST_F(BufferTest, SizesThatAreNoneAreRefusedSilently) {
+  BYTE acData[4] = {};
   MDATA_BUFFER* pBuffer = nullptr;
-  BYTE cData = 0;
   EXPECT_FALSE(DoAllocBuffer(-1, &pBuffer));
+  EXPECT_FALSE(DoAllocBuffer(INT_MIN, &pBuffer));
   EXPECT_FALSE(DoAllocBuffer(INT_MAX, &pBuffer));
-  EXPECT_FALSE(DoAllocCopyBuffer(&cData, -5, &pBuffer));
-  EXPECT_FALSE(DoAllocCopyBufferEx(&cData, 1, -1, &pBuffer));
-  EXPECT_FALSE(DoAllocCopyBufferEx(&cData, INT_MAX - 10, 20, &pBuffer));
+  EXPECT_FALSE(DoAllocBuffer(INT_MAX - kRecord + 1, &pBuffer));
+  EXPECT_FALSE(DoAllocCopyBuffer(acData, -4, &pBuffer));
+  EXPECT_FALSE(DoAllocCopyBuffer(acData, INT_MAX, &pBuffer));
+  EXPECT_FALSE(DoAllocCopyBufferEx(acData, -1, 5, &pBuffer));
+  EXPECT_FALSE(DoAllocCopyBufferEx(acData, 4, -5, &pBuffer));
+  EXPECT_FALSE(DoAllocCopyBufferEx(acData, INT_MAX, INT_MAX, &pBuffer));
+  EXPECT_FALSE(DoAllocCopyBufferEx(acData, INT_MAX - kRecord - 4, 5, &pBuffer));
   EXPECT_EQ(pBuffer, nullptr);
   EXPECT_TRUE(host().Logs().empty());
 }
 
-TEST_F(BufferTest, ThreadStateIsSavedFourTimesWhenEnabled) {
-  MDATA_BUFFER* pBuffer = nullptr;
-  ASSERT_TRUE(DoAllocBuffer(1, &pBuffer));
-  MdStore(g_bThreadStateDebuggingEnabled, TRUE);
+TEST_F(BufferTest, ReleaseBeforeTheLastLeavesTheBufferAndClearsThePointer) {
+  MDATA_BUFFER* pBuffer = Alloc(1);
+  MDATA_BUFFER* pOther = pBuffer;
+  pBuffer->nRefCount = 2;
   DoReleaseBuffer(&pBuffer);
-  MdStore(g_bThreadStateDebuggingEnabled, FALSE);
+  EXPECT_EQ(pBuffer, nullptr);
+  EXPECT_EQ(pOther->nRefCount, 1);
+  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 1);
+  pOther->pcData[0] = 1;  // still there
+  DoReleaseBuffer(&pOther);
+  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
+}
+
+TEST_F(BufferTest, ReleaseTooManyIsReportedCountedAndFreesNothing) {
+  MDATA_BUFFER Record = {};
+  Record.bDynamic = TRUE;
+  MDATA_BUFFER* pBuffer = &Record;
+  DoReleaseBuffer(&pBuffer);
+  ExpectAssertion("pBuffer->nRefCount > 0");
+  EXPECT_EQ(Record.nRefCount, -1);
+  EXPECT_EQ(pBuffer, nullptr);
+  pBuffer = &Record;
+  DoReleaseBuffer(&pBuffer);
+  ExpectAssertion("pBuffer->nRefCount > 0");
+  EXPECT_EQ(Record.nRefCount, -2);
+  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
+}
+
+TEST_F(BufferTest, RecordOfTheCallersOwnIsNeverFreed) {
+  MDATA_BUFFER Record = {};
+  Record.nRefCount = 1;
+  MDATA_BUFFER* pBuffer = &Record;
+  DoReleaseBuffer(&pBuffer);
+  EXPECT_EQ(Record.nRefCount, 0);
+  EXPECT_EQ(pBuffer, nullptr);
+  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
+}
+
+TEST_F(BufferTest, ThreadStateIsSavedFourTimesWhenTheHostWantsIt) {
+  MDATA_BUFFER* pBuffer = Alloc();
+  pBuffer->nRefCount = 2;
+  MDATA_BUFFER* pOther = pBuffer;
+  DoReleaseBuffer(&pBuffer);
+  EXPECT_TRUE(host().savedStates.empty());
+  __atomic_store_n(&g_bThreadStateDebuggingEnabled, TRUE, __ATOMIC_RELAXED);
+  DoReleaseBuffer(&pOther);
   EXPECT_EQ(host().savedStates, std::vector<std::string>(4, "DoReleaseBuffer"));
 }
 
-TEST_F(BufferTest, ReferencesAddedAndReleasedOnManyThreadsEndInOneFree) {
-  MDATA_BUFFER* pBuffer = nullptr;
-  ASSERT_TRUE(DoAllocBuffer(8, &pBuffer));
-  __atomic_add_fetch(&pBuffer->nRefCount, 400, __ATOMIC_RELAXED);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([pBuffer] {
-      for (int n = 0; n < 100; ++n) {
-        __atomic_add_fetch(&pBuffer->nRefCount, 1, __ATOMIC_RELAXED);
-        for (int twice = 0; twice < 2; ++twice) {
-          MDATA_BUFFER* pMine = pBuffer;
-          DoReleaseBuffer(&pMine);
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(pBuffer->nRefCount, 1);
-  DoReleaseBuffer(&pBuffer);
+TEST_F(BufferTest, EncodersAtomicIncrementAndReleasesOnOtherThreadsAgree) {
+  host().SetLevel("METADATALIB", 0);
+  constexpr int kThreads = 4;
+  constexpr int kRounds = 2000;
+  MDATA_BUFFER* pShared = Alloc(16);
+  const auto Work = [pShared] {
+    for (int i = 0; i < kRounds; i++) {
+      __atomic_add_fetch(&pShared->nRefCount, 1, __ATOMIC_RELAXED);
+      MDATA_BUFFER* pMine = pShared;
+      DoReleaseBuffer(&pMine);
+      MDATA_BUFFER* pOwn = nullptr;
+      ASSERT_TRUE(DoAllocBuffer(8, &pOwn));
+      DoReleaseBuffer(&pOwn);
+    }
+  };
+  std::vector<std::thread> Threads;
+  for (int i = 0; i < kThreads; i++) Threads.emplace_back(Work);
+  for (std::thread& Thread : Threads) Thread.join();
+  EXPECT_EQ(pShared->nRefCount, 1);
+  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 1);
+  EXPECT_GE(MdLoad(_g_nMaxAllocatedBuffers), 2);
+  DoReleaseBuffer(&pShared);
 }
 
-// --- Bits --------------------------------------------------------------------------------------------
+// --- Bits ------------------------------------------------------------------------------------------------
 
-TEST(ExtractBits, TwelveBitsFromOffsetFourTakeTheLowNibbleAndTheNextByte) {
-  const BYTE in[] = {0xAB, 0xCD};
-  BYTE out[2] = {};
+TEST(ExtractBitsTest, TwelveBitsFromTheMiddleOfAByte) {
+  const BYTE acIn[] = {0xAB, 0xCD};
+  BYTE acOut[2] = {};
   int nIn = 4;
   int nOut = 0;
-  ExtractBits(in, &nIn, out, &nOut, 12);
-  EXPECT_EQ(out[0], 0xBC);
-  EXPECT_EQ(out[1], 0xD0);
+  ExtractBits(acIn, &nIn, acOut, &nOut, 12);
+  EXPECT_EQ(acOut[0], 0xBC);
+  EXPECT_EQ(acOut[1], 0xD0);
   EXPECT_EQ(nIn, 16);
   EXPECT_EQ(nOut, 12);
 }
 
-TEST(ExtractBits, ResultIsTheSumOfWhatIsLeftInEachInputByte) {
-  const BYTE in[] = {0xFF, 0xFF};
-  BYTE out[3] = {};
+TEST(ExtractBitsTest, ResultSumsWhatWasLeftOfEachInputByte) {
+  const BYTE acIn[] = {0xFF, 0xFF};
+  BYTE acOut[2] = {};
   int nIn = 4;
   int nOut = 0;
-  // Steps: 4 bits (4 left in the byte), 4 bits (8 left), 4 bits (4 left).
-  EXPECT_EQ(ExtractBits(in, &nIn, out, &nOut, 12), 4 + 8 + 4);
+  // Steps: 4 bits at bit 4, then 4 bits at bit 0 (the output byte is full), then 4 bits at bit 4.
+  EXPECT_EQ(ExtractBits(acIn, &nIn, acOut, &nOut, 12), 4 + 8 + 4);
+  nIn = nOut = 0;
+  EXPECT_EQ(ExtractBits(acIn, &nIn, acOut, &nOut, 1), 8);
+  EXPECT_EQ(ExtractBits(acIn, &nIn, acOut, &nOut, 0), 0);
 }
 
-TEST(ExtractBits, OutputIsOrdIntoWhatIsThere) {
-  const BYTE in[] = {0x0F};
-  BYTE out[1] = {0x80};
-  int nIn = 4;
-  int nOut = 4;
-  ExtractBits(in, &nIn, out, &nOut, 4);
-  EXPECT_EQ(out[0], 0x8F);
+TEST(ExtractBitsTest, OutputIsNeverCleared) {
+  const BYTE acIn[] = {0x00, 0x0F};
+  BYTE acOut[2] = {0xF0, 0x80};
+  int nIn = 0;
+  int nOut = 0;
+  ExtractBits(acIn, &nIn, acOut, &nOut, 16);
+  EXPECT_EQ(acOut[0], 0xF0);
+  EXPECT_EQ(acOut[1], 0x8F);
 }
 
-TEST(ExtractBits, AgreesWithABitByBitCopyAtEveryOffset) {
-  const Bytes in = Hex("DE AD BE EF 01 23 45 67");
-  for (int from = 0; from < 16; ++from)
-    for (int to = 0; to < 16; ++to)
-      for (int count = 0; count <= 40; ++count) {
-        Bytes out(8);
-        Bytes wanted(8);
-        for (int i = 0; i < count; ++i) {
-          const int bit = in[static_cast<size_t>(from + i) / 8] >> (7 - (from + i) % 8) & 1;
-          wanted[static_cast<size_t>(to + i) / 8] |= static_cast<BYTE>(bit << (7 - (to + i) % 8));
+TEST(ExtractBitsTest, EveryOffsetAndLengthCopiesTheSameBits) {
+  std::mt19937 Random(1);
+  Bytes In(8);
+  for (BYTE& nByte : In) nByte = static_cast<BYTE>(Random());
+  const auto Bit = [](const Bytes& Of, int n) { return (Of[static_cast<size_t>(n / 8)] >> (7 - n % 8)) & 1; };
+  for (int nFrom = 0; nFrom < 16; nFrom++) {
+    for (int nTo = 0; nTo < 16; nTo++) {
+      for (int nBits = 0; nBits <= 48; nBits++) {
+        Bytes Out(8, 0);
+        int nIn = nFrom;
+        int nOut = nTo;
+        ExtractBits(In.data(), &nIn, Out.data(), &nOut, nBits);
+        ASSERT_EQ(nIn, nFrom + nBits);
+        ASSERT_EQ(nOut, nTo + nBits);
+        for (int i = 0; i < 64; i++) {
+          const int nExpected = i >= nTo && i < nTo + nBits ? Bit(In, nFrom + i - nTo) : 0;
+          ASSERT_EQ(Bit(Out, i), nExpected) << nFrom << " to " << nTo << ", " << nBits << " bits, bit " << i;
         }
-        int nIn = from;
-        int nOut = to;
-        ExtractBits(in.data(), &nIn, out.data(), &nOut, count);
-        ASSERT_EQ(out, wanted) << from << " " << to << " " << count;
-        ASSERT_EQ(nIn, from + count);
-        ASSERT_EQ(nOut, to + count);
       }
+    }
+  }
 }
 
-// --- Patterns ----------------------------------------------------------------------------------------
+// --- Patterns --------------------------------------------------------------------------------------------
 
-UINT Scan(const std::string& data, const std::string& pattern, int* pnOffset) {
-  return ScanForPattern(data.data(), static_cast<int>(data.size()), pattern.data(), static_cast<int>(pattern.size()),
-                        pnOffset);
+struct Scan {
+  UINT nResult;
+  int nOffset;
+  bool operator==(const Scan&) const = default;
+};
+void PrintTo(const Scan& scan, std::ostream* pStream) {
+  *pStream << scan.nResult << " at " << scan.nOffset;
 }
 
-TEST(ScanForPattern, PartialMatchAtTheEnd) {
+// Over data in a block of exactly its size, so that a read past its end is seen.
+Scan ScanFor(const Bytes& Data, const Bytes& Pattern) {
+  const std::unique_ptr<BYTE[]> pcExact(new BYTE[Data.size() + 1]);
+  BYTE* pcData = pcExact.get() + 1;
+  std::copy(Data.begin(), Data.end(), pcData);
+  Scan scan = {0, -1};
+  scan.nResult = ScanForPattern(pcData, static_cast<int>(Data.size()), Pattern.data(), static_cast<int>(Pattern.size()),
+                                &scan.nOffset);
+  return scan;
+}
+Scan ScanFor(const std::string& strData, const std::string& strPattern) {
+  return ScanFor(Text(strData), Text(strPattern));
+}
+
+TEST(ScanForPatternTest, FindsAPartWholeOrNothing) {
+  EXPECT_EQ(ScanFor("xxoHe", "oHeY!"), (Scan{3, 2}));
+  EXPECT_EQ(ScanFor("xoHeY!x", "oHeY!"), (Scan{5, 1}));
+  EXPECT_EQ(ScanFor("oHx", "oHeY!"), (Scan{0, -1}));
+}
+
+TEST(ScanForPatternTest, EmptyDataHoldsNothing) {
+  EXPECT_EQ(ScanFor("", "ab"), (Scan{0, -1}));
   int nOffset = -1;
-  EXPECT_EQ(Scan("xxoHe", "oHeY!", &nOffset), 3u);
-  EXPECT_EQ(nOffset, 2);
+  EXPECT_EQ(ScanForPattern("ab", -1, "ab", 2, &nOffset), 0u);
+  EXPECT_EQ(nOffset, -1);
 }
 
-TEST(ScanForPattern, FullMatch) {
+TEST(ScanForPatternTest, FirstOfTwoIsFound) {
+  EXPECT_EQ(ScanFor("..ab..ab", "ab"), (Scan{2, 2}));
+}
+
+TEST(ScanForPatternTest, MatchAtTheVeryEndIsWhole) {
+  EXPECT_EQ(ScanFor("..ab", "ab"), (Scan{2, 2}));
+  EXPECT_EQ(ScanFor("...a", "ab"), (Scan{1, 3}));
+}
+
+TEST(ScanForPatternTest, SearchGoesOnAtTheByteThatDiffered) {
+  EXPECT_EQ(ScanFor("AAAB", "AAB"), (Scan{0, -1}));
+  // The byte that differed may begin the next candidate itself.
+  EXPECT_EQ(ScanFor("ABABC", "ABC"), (Scan{3, 2}));
+}
+
+TEST(ScanForPatternTest, OneBytePatternIsAFullMatchAtOnce) {
+  EXPECT_EQ(ScanFor("xyz", "y"), (Scan{1, 1}));
+  EXPECT_EQ(ScanFor("xyz", "z"), (Scan{1, 2}));
+  EXPECT_EQ(ScanFor("xyz", "a"), (Scan{0, -1}));
+}
+
+TEST(ScanForPatternTest, EmptyPatternIsNowhere) {
   int nOffset = -1;
-  EXPECT_EQ(Scan("xoHeY!x", "oHeY!", &nOffset), 5u);
-  EXPECT_EQ(nOffset, 1);
+  EXPECT_EQ(ScanForPattern("ab", 2, "", 0, &nOffset), 0u);
 }
 
-TEST(ScanForPattern, NoMatch) {
-  int nOffset = -1;
-  EXPECT_EQ(Scan("oHx", "oHeY!", &nOffset), 0u);
-  EXPECT_EQ(Scan("", "oHeY!", &nOffset), 0u);
+// --- CRC -------------------------------------------------------------------------------------------------
+
+TEST(CalcCRC16Test, CheckValue) {
+  EXPECT_EQ(CalcCRC16(Text("123456789").data(), 9), 0xBB3D);
 }
 
-TEST(ScanForPattern, ResumesAtTheByteThatDiffered) {
-  int nOffset = -1;
-  EXPECT_EQ(Scan("AAAB", "AAB", &nOffset), 0u);
-  EXPECT_EQ(Scan("AACAAB", "AAB", &nOffset), 3u);
-  EXPECT_EQ(nOffset, 3);
-}
-
-TEST(ScanForPattern, OneBytePatternIsAFullMatchWithoutReadingOn) {
-  int nOffset = -1;
-  EXPECT_EQ(Scan("xxA", "A", &nOffset), 1u);
-  EXPECT_EQ(nOffset, 2);
-}
-
-// --- CRC ---------------------------------------------------------------------------------------------
-
-TEST(CalcCRC16, CheckValue) {
-  EXPECT_EQ(CalcCRC16(reinterpret_cast<const BYTE*>("123456789"), 9), 0xBB3D);
-}
-
-TEST(CalcCRC16, EmptyBlockIsZero) {
+TEST(CalcCRC16Test, EmptyBlockIsZero) {
   EXPECT_EQ(CalcCRC16(nullptr, 0), 0);
 }
 
-// --- Raw captures ------------------------------------------------------------------------------------
+TEST(CalcCRC16Test, BlockWithItsCRCLowByteFirstIsZero) {
+  Bytes Data = Text("any block at all");
+  const WORD nCRC = CalcCRC16(Data.data(), static_cast<int>(Data.size()));
+  Data.push_back(static_cast<BYTE>(nCRC));
+  Data.push_back(static_cast<BYTE>(nCRC >> 8));
+  EXPECT_EQ(CalcCRC16(Data.data(), static_cast<int>(Data.size())), 0);
+}
 
-class DumpTest : public HostTest {
+// --- Raw captures ----------------------------------------------------------------------------------------
+
+class DumpTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    HostTest::SetUp();
-    m_file = fopen(host().RealPath("/tmp/dump.txt").c_str(), "w+");
-    ASSERT_NE(m_file, nullptr);
-  }
-  void TearDown() override {
-    if (m_file != nullptr) fclose(m_file);
-    HostTest::TearDown();
+  ~DumpTest() override {
+    if (m_pFile != nullptr) fclose(m_pFile);
+    free(m_pcText);
   }
   std::string Written() {
-    fflush(m_file);
-    return host().ReadFile("/tmp/dump.txt");
+    fflush(m_pFile);
+    return {m_pcText, m_nText};
   }
-  FILE* m_file = nullptr;
+  BOOL Dump(Bytes Data, int nMaxSize = 1000) {
+    return DumpRawData(m_pFile, Data.data(), static_cast<int>(Data.size()), &m_nColumn, nMaxSize);
+  }
+
+  char* m_pcText = nullptr;
+  size_t m_nText = 0;
+  FILE* m_pFile = open_memstream(&m_pcText, &m_nText);
+  int m_nColumn = 0;
 };
 
-TEST_F(DumpTest, ColumnOfFifteenWritesOneByteAndANewLine) {
-  BYTE cData = 0xA5;
-  int nColumn = 15;
-  EXPECT_TRUE(DumpRawData(m_file, &cData, 1, &nColumn, 1));
-  EXPECT_EQ(Written(), "a5 \n");
-  EXPECT_EQ(nColumn, 0);
+TEST_F(DumpTest, WritesTwoDigitsAndABlankForEachByte) {
+  EXPECT_TRUE(Dump({0x00, 0x0F, 0xA5, 0xFF}));
+  EXPECT_EQ(Written(), "00 0f a5 ff ");
+  EXPECT_EQ(m_nColumn, 4);
+}
+
+TEST_F(DumpTest, ColumnFifteenEndsItsLineAfterOneByte) {
+  m_nColumn = 15;
+  EXPECT_TRUE(Dump({0x42}));
+  EXPECT_EQ(Written(), "42 \n");
+  EXPECT_EQ(m_nColumn, 0);
 }
 
 TEST_F(DumpTest, BlocksContinueTheSameLine) {
-  Bytes data = Hex("00 01 02 03 04 05 06 07 08 09");
-  int nColumn = 0;
-  EXPECT_TRUE(DumpRawData(m_file, data.data(), 10, &nColumn, 1));
-  EXPECT_EQ(nColumn, 10);
-  EXPECT_TRUE(DumpRawData(m_file, data.data(), 10, &nColumn, 1));
-  EXPECT_EQ(nColumn, 4);
-  EXPECT_EQ(Written(), "00 01 02 03 04 05 06 07 08 09 00 01 02 03 04 05 \n06 07 08 09 ");
+  EXPECT_TRUE(Dump(Bytes(10, 0x11)));
+  EXPECT_TRUE(Dump(Bytes(10, 0x22)));
+  const std::string strText = Written();
+  EXPECT_EQ(strText.find('\n'), 48u);
+  EXPECT_EQ(strText.substr(27, 6), "11 22 ");
+  EXPECT_EQ(strText.size(), 61u);
+  EXPECT_EQ(m_nColumn, 4);
 }
 
-TEST_F(DumpTest, LimitIsTestedBeforeTheBlockOnly) {
-  Bytes data(600);
-  int nColumn = 0;
-  EXPECT_TRUE(DumpRawData(m_file, data.data(), 600, &nColumn, 1));
-  const size_t nSize = Written().size();
-  EXPECT_GT(nSize, 1024u);
-  EXPECT_FALSE(DumpRawData(m_file, data.data(), 1, &nColumn, 1));
-  EXPECT_EQ(Written().size(), nSize);
+TEST_F(DumpTest, AtTheCapNothingIsWritten) {
+  fprintf(m_pFile, "%s", std::string(1024, '.').c_str());
+  m_nColumn = 3;
+  EXPECT_FALSE(Dump({1, 2}, 1));
+  EXPECT_EQ(Written().size(), 1024u);
+  EXPECT_EQ(m_nColumn, 3);
+  EXPECT_FALSE(Dump({1, 2}, 0));
+  EXPECT_FALSE(Dump({1, 2}, INT_MIN));
 }
 
-TEST_F(DumpTest, LimitInKilobytesDoesNotOverflow) {
-  BYTE cData = 1;
-  int nColumn = 0;
-  EXPECT_TRUE(DumpRawData(m_file, &cData, 1, &nColumn, INT_MAX));
-  EXPECT_FALSE(DumpRawData(m_file, &cData, 1, &nColumn, 0));
+TEST_F(DumpTest, OneByteBelowTheCapTheWholeBlockIsWritten) {
+  fprintf(m_pFile, "%s", std::string(1023, '.').c_str());
+  EXPECT_TRUE(Dump(Bytes(100, 0xEE), 1));
+  EXPECT_GT(Written().size(), 1024u + 200u);
 }
 
-TEST_F(DumpTest, AStreamThatReportsAnErrorGivesFalse) {
-  FILE* pReadOnly = fopen(host().RealPath("/tmp/dump.txt").c_str(), "r");
-  ASSERT_NE(pReadOnly, nullptr);
-  BYTE cData = 1;
+TEST_F(DumpTest, CapBeyond32BitsIsNoOverflow) {
+  EXPECT_TRUE(Dump({1}, INT_MAX));
+}
+
+TEST_F(DumpTest, EmptyBlockChangesNothing) {
+  m_nColumn = 7;
+  EXPECT_TRUE(Dump({}));
+  EXPECT_EQ(Written(), "");
+  EXPECT_EQ(m_nColumn, 7);
+}
+
+TEST(DumpFullDeviceTest, StreamErrorIsReported) {
+  FILE* pFile = fopen("/dev/full", "w");
+  ASSERT_NE(pFile, nullptr);
+  setvbuf(pFile, nullptr, _IONBF, 0);
+  BYTE acData[] = {1};
   int nColumn = 0;
-  EXPECT_FALSE(DumpRawData(pReadOnly, &cData, 1, &nColumn, 10));
-  fclose(pReadOnly);
+  EXPECT_FALSE(DumpRawData(pFile, acData, 1, &nColumn, 1000));
+  EXPECT_EQ(nColumn, 1);
+  fclose(pFile);
 }
 
 }  // namespace
