@@ -7,6 +7,7 @@
 #include <pthread.h>
 #include <pty.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -107,9 +108,10 @@ std::atomic<int> g_nTimeOutLines{0};
 
 class Traffic {
  public:
-  explicit Traffic(int iPtyMaster) : m_iPtyMaster(iPtyMaster) {
+  Traffic(int iPtyMaster, const std::vector<std::string>& captures) : m_iPtyMaster(iPtyMaster), m_Captures(captures) {
     m_Threads.emplace_back([this] { SendUDP(); });
     m_Threads.emplace_back([this] { SendSerial(); });
+    m_Threads.emplace_back([this] { SendVideo(); });
   }
   ~Traffic() {
     m_bStop = true;
@@ -142,7 +144,27 @@ class Traffic {
     }
   }
 
+  // The sockets come and go with the captures.
+  void SendVideo() {
+    std::vector<BYTE> packet(8);
+    const std::vector<BYTE> message = Message();
+    packet.insert(packet.end(), message.begin(), message.end());
+    int iSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
+    while (!m_bStop) {
+      ++packet[7];
+      for (const std::string& path : m_Captures) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+        sendto(iSocket, packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&address), sizeof address);
+      }
+      std::this_thread::sleep_for(std::chrono::microseconds(400));
+    }
+    close(iSocket);
+  }
+
   int m_iPtyMaster;
+  std::vector<std::string> m_Captures;
   std::atomic<bool> m_bStop{false};
   std::vector<std::thread> m_Threads;
 };
@@ -201,6 +223,12 @@ TEST(Stress, FourThreadsOpenAndCloseSourcesOfAllKindsWhileDataFlows) {
   HostRuntimeConfig host;
   host.serialDevices["/dev/ttyPS0"] = szSlave;
   host.console = false;
+  std::vector<std::string> captures;
+  for (int i = 0; i < 4; ++i) {
+    captures.push_back("/tmp/stress_capture_" + std::to_string(getpid()) + "_" + std::to_string(i));
+    host.captures[static_cast<size_t>(i)].kind = HostCaptureConfig::Kind::kSocket;
+    host.captures[static_cast<size_t>(i)].path = captures.back();
+  }
   HostRuntime_OnLog([](const HostLogLine& line) {
     if (line.text.find("Wait FAILED") != std::string::npos) ++g_nTimeOutLines;
   });
@@ -209,7 +237,7 @@ TEST(Stress, FourThreadsOpenAndCloseSourcesOfAllKindsWhileDataFlows) {
   ASSERT_TRUE(METADATALIB_Init(METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT));
   Count counts[4];
   {
-    Traffic traffic(iMaster);
+    Traffic traffic(iMaster, captures);
     const auto end = std::chrono::steady_clock::now() + kDuration;
     std::vector<std::thread> threads;
     for (int i = 0; i < 4; ++i) threads.emplace_back(OpenAndClose, i, end, std::ref(counts[i]));
@@ -225,6 +253,7 @@ TEST(Stress, FourThreadsOpenAndCloseSourcesOfAllKindsWhileDataFlows) {
   EXPECT_GT(nOpened, 100u);
   EXPECT_GT(g_nDelivered, 0u);
   EXPECT_EQ(g_nTimeOutLines, 0);
+  EXPECT_EQ(HostRuntime_AssertionCount(), 0u);
 }
 
 }  // namespace
