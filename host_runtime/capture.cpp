@@ -1,141 +1,263 @@
-// Capture of the KLV of video inputs. Each back end owns a descriptor that is readable while KLV waits.
+// Capture of the KLV of video inputs: queues, threads and the service.
 //
-// The local-socket back end takes datagrams of 8 bytes of big-endian timestamp and then the KLV.
+// CONTENTS
+//   Queue      between a back end's thread and the metadata thread
+//   Inputs     the running captures
+//   Services   what the library calls
 #define HOST_MODULE "capture"
+#define HOST_DEBUG_MODULE ::host_runtime::CaptureModule()
 
 #include "capture.h"
 
-#include <errno.h>
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
-#include <memory>
-#include <mutex>
+#include <limits>
+#include <string>
+
+namespace host_runtime {
+
+// --- Queue -------------------------------------------------------------------------------------------
+
+OwnedFD::~OwnedFD() {
+  Set(-1);
+}
+
+void OwnedFD::Set(int fd) {
+  if (m_fd >= 0) close(m_fd);
+  m_fd = fd;
+}
+
+bool CaptureQueue::Open() {
+  m_readable.Set(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  m_stop.Set(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  return m_readable.Get() >= 0 && m_stop.Get() >= 0;
+}
+
+void CaptureQueue::Deliver(std::uint64_t timestamp, std::span<const std::uint8_t> klv) {
+  {
+    const std::lock_guard guard(m_lock);
+    if (m_packets.size() < kMostPackets && m_bytes + klv.size() <= kMostBytes) {
+      m_packets.push_back({timestamp, {klv.begin(), klv.end()}});
+      m_bytes += klv.size();
+      ++m_stats.packets;
+      m_stats.bytes += klv.size();
+      if (m_packets.size() == 1) eventfd_write(m_readable.Get(), 1);
+      return;
+    }
+    ++m_stats.overflows;
+  }
+  HOST_LOG(4, "Video input %d: queue full, KLV packet of %zu bytes dropped.\n", m_input, klv.size());
+}
+
+void CaptureQueue::Count(std::uint64_t HostCaptureStats::*counter, std::uint64_t count) {
+  const std::lock_guard guard(m_lock);
+  m_stats.*counter += count;
+}
+
+bool CaptureQueue::Wait(int fd, std::int64_t nanoseconds) {
+  const std::int64_t end = MonotonicNs() + nanoseconds;
+  while (!IsStopping()) {
+    const std::int64_t left = std::max<std::int64_t>(0, end - MonotonicNs());
+    pollfd wait[2] = {{m_stop.Get(), POLLIN, 0}, {fd, POLLIN, 0}};
+    const auto ms = static_cast<int>(std::min<std::int64_t>((left + 999'999) / 1'000'000, 1'000'000));
+    const int ready = poll(wait, fd >= 0 ? 2 : 1, ms);
+    if (ready > 0 && wait[0].revents == 0) return true;
+    if (ready == 0 && MonotonicNs() >= end) return false;
+    if (ready < 0 && errno != EINTR) return false;
+  }
+  return false;
+}
+
+void CaptureQueue::Stop() {
+  __atomic_store_n(&m_stopping, true, __ATOMIC_RELAXED);
+  eventfd_write(m_stop.Get(), 1);
+}
+
+bool CaptureQueue::Take(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
+  const std::size_t room = *pnLength < 0 ? 0 : static_cast<std::size_t>(*pnLength);
+  for (;;) {
+    Packet packet;
+    {
+      const std::lock_guard guard(m_lock);
+      if (m_packets.empty()) return false;
+      packet = std::move(m_packets.front());
+      m_packets.pop_front();
+      m_bytes -= packet.klv.size();
+      ++(packet.klv.size() > room ? m_stats.oversized : m_stats.taken);
+      eventfd_t count = 0;
+      if (m_packets.empty()) eventfd_read(m_readable.Get(), &count);
+    }
+    if (packet.klv.size() > room) {
+      HOST_LOG(4, "Video input %d: KLV packet of %zu bytes dropped, there is room for %zu.\n", m_input,
+               packet.klv.size(), room);
+      continue;
+    }
+    std::copy(packet.klv.begin(), packet.klv.end(), pcData);
+    *pnLength = static_cast<int>(packet.klv.size());
+    *pnTimeStamp = packet.timestamp;
+    return true;
+  }
+}
+
+HostCaptureStats CaptureQueue::Stats() const {
+  const std::lock_guard guard(m_lock);
+  return m_stats;
+}
+
+// --- Inputs ------------------------------------------------------------------------------------------
+// Started and stopped on the metadata thread, looked at from any. Never destroyed.
 
 namespace {
 
-constexpr size_t kTimeStampSize = 8;
-constexpr size_t kLargestDatagram = 65536;
-
-class SocketCapture : public Capture {
+class Capture {
  public:
-  static std::unique_ptr<Capture> Open(const HostCaptureConfig& config) {
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (config.path.empty() || config.path.size() >= sizeof address.sun_path) {
-      HOST_LOG(3, "capture: \"%s\" is no path for a socket", config.path.c_str());
-      return nullptr;
+  Capture(int input, std::unique_ptr<CaptureBackend> backend) : m_backend(std::move(backend)), m_queue(input) {}
+  ~Capture() { Stop(); }
+  Capture(const Capture&) = delete;
+  Capture& operator=(const Capture&) = delete;
+
+  bool Start() {
+    if (!m_queue.Open()) {
+      HOST_LOG(3, "Video input %d: no descriptors: %s.\n", m_queue.Input(), strerror(errno));
+      return false;
     }
-    memcpy(address.sun_path, config.path.c_str(), config.path.size());
-    const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    unlink(config.path.c_str());
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
-      HOST_LOG(3, "capture: no socket \"%s\": %s", config.path.c_str(), strerror(errno));
-      if (fd >= 0) close(fd);
-      return nullptr;
-    }
-    return std::unique_ptr<Capture>(new SocketCapture(fd, config.path));
+    if (!m_backend->Open(m_queue)) return false;
+    const std::string name = "KLV video " + std::to_string(m_queue.Input());
+    return CreateThread(&m_thread, name.c_str(), 0, 0, &Capture::Run, this) && StartThread(m_thread);
   }
-  ~SocketCapture() override {
-    close(m_fd);
-    unlink(m_path.c_str());
+  void Stop() {
+    if (m_thread == nullptr) return;
+    m_queue.Stop();
+    WaitForThread(m_thread);
+    m_thread = nullptr;
   }
-  int FD() const override { return m_fd; }
-  bool Take(CapturedKLV& out) override {
-    for (;;) {
-      out.bytes.resize(kLargestDatagram);
-      const ssize_t got = recv(m_fd, out.bytes.data(), out.bytes.size(), 0);
-      if (got < 0) return false;
-      if (static_cast<size_t>(got) <= kTimeStampSize) {
-        HOST_LOG(4, "capture: datagram of %zd bytes is too short", got);
-        continue;
-      }
-      out.timestamp = 0;
-      for (size_t i = 0; i < kTimeStampSize; ++i) out.timestamp = out.timestamp << 8 | out.bytes[i];
-      out.bytes.resize(static_cast<size_t>(got));
-      out.bytes.erase(out.bytes.begin(), out.bytes.begin() + kTimeStampSize);
-      return true;
-    }
-  }
+  CaptureQueue& Queue() { return m_queue; }
 
  private:
-  SocketCapture(int fd, std::string path) : m_fd(fd), m_path(std::move(path)) {}
-  int m_fd;
-  std::string m_path;
-};
-
-struct Input {
-  std::unique_ptr<Capture> capture;
-  HostCaptureStats stats = {};
-};
-
-std::mutex g_Lock;
-Input g_Inputs[4];
-
-std::unique_ptr<Capture> OpenCapture(int input, const HostCaptureConfig& config) {
-  switch (config.kind) {
-    case HostCaptureConfig::Kind::kSocket:
-      return SocketCapture::Open(config);
-    default:
-      HOST_LOG(3, "video input %d has no capture configured", input);
-      return nullptr;
+  static DWORD Run(void* pvCapture) {
+    auto* capture = static_cast<Capture*>(pvCapture);
+    Guarded([&] { capture->m_backend->Run(capture->m_queue); });
+    return 0;
   }
+
+  std::unique_ptr<CaptureBackend> m_backend;
+  CaptureQueue m_queue;
+  HTHREAD m_thread = nullptr;
+};
+
+struct Inputs {
+  std::mutex lock;  // taken before a queue's; never held while a thread is waited for
+  std::array<std::shared_ptr<Capture>, kHostVideoInputs> captures;
+  std::array<HostCaptureStats, kHostVideoInputs> last;  // of the capture that was stopped last
+
+  std::shared_ptr<Capture> Find(int fd) {
+    const std::lock_guard guard(lock);
+    for (const auto& capture : captures) {
+      if (capture != nullptr && capture->Queue().FD() == fd) return capture;
+    }
+    return nullptr;
+  }
+};
+
+Inputs& AllInputs() {
+  static auto* const inputs = new Inputs;
+  return *inputs;
 }
 
-Input* FindInput(int fd) {
-  for (Input& input : g_Inputs)
-    if (input.capture && input.capture->FD() == fd) return &input;
+bool IsInput(int input) {
+  return input >= 0 && input < kHostVideoInputs;
+}
+
+std::unique_ptr<CaptureBackend> MakeBackend(const HostCaptureConfig& config) {
+  switch (config.kind) {
+    case HostCaptureConfig::Kind::kMedia:
+      return MakeMediaBackend(config);
+    case HostCaptureConfig::Kind::kAnc:
+      return MakeAncBackend(config);
+    case HostCaptureConfig::Kind::kSocket:
+      return MakeSocketBackend(config);
+    case HostCaptureConfig::Kind::kNone:
+      break;
+  }
   return nullptr;
 }
 
+BOOL Start(int input, VIDEO_EXTRACTOR* pExtractor) {
+  const auto index = static_cast<std::size_t>(input);
+  {
+    const std::lock_guard guard(AllInputs().lock);
+    if (AllInputs().captures[index] != nullptr) {
+      HOST_LOG(3, "Video input %d is captured already.\n", input);
+      return FALSE;
+    }
+  }
+  auto backend = MakeBackend(Config()->captures[index]);
+  if (backend == nullptr) {
+    HOST_LOG(3, "Video input %d has no capture configured.\n", input);
+    return FALSE;
+  }
+  auto capture = std::make_shared<Capture>(input, std::move(backend));
+  if (!capture->Start()) return FALSE;
+  pExtractor->iFD = capture->Queue().FD();
+  const std::lock_guard guard(AllInputs().lock);
+  AllInputs().captures[index] = std::move(capture);
+  return TRUE;
+}
+
 }  // namespace
+}  // namespace host_runtime
+
+// --- Services ----------------------------------------------------------------------------------------
+
+using namespace host_runtime;
 
 HostCaptureStats HostRuntime_CaptureStats(int input) {
-  std::lock_guard guard(g_Lock);
-  return input < 0 || input > 3 ? HostCaptureStats{} : g_Inputs[input].stats;
+  if (!IsInput(input)) return {};
+  const auto index = static_cast<std::size_t>(input);
+  const std::lock_guard guard(AllInputs().lock);
+  const auto& capture = AllInputs().captures[index];
+  return capture != nullptr ? capture->Queue().Stats() : AllInputs().last[index];
 }
 
 extern "C" {
 
 BOOL KLVCAPTURE_Start(int iInterface, VIDEO_EXTRACTOR* pExtractor) {
-  if (iInterface < 0 || iInterface > 3) {
-    HOST_LOG(3, "there is no video input %d", iInterface);
+  if (pExtractor == nullptr) return FALSE;
+  if (!IsInput(iInterface)) {
+    HOST_LOG(3, "There is no video input %d.\n", iInterface);
     return FALSE;
   }
-  const auto config = host_runtime::Config();
-  std::lock_guard guard(g_Lock);
-  Input& input = g_Inputs[iInterface];
-  input.capture = OpenCapture(iInterface, config->captures[static_cast<size_t>(iInterface)]);
-  if (!input.capture) return FALSE;
-  pExtractor->iFD = input.capture->FD();
-  return TRUE;
+  return Guarded(FALSE, [&] { return Start(iInterface, pExtractor); });
 }
 
 void KLVCAPTURE_Stop(int iInterface) {
-  if (iInterface < 0 || iInterface > 3) return;
-  std::lock_guard guard(g_Lock);
-  g_Inputs[iInterface].capture.reset();
+  if (!IsInput(iInterface)) return;
+  Guarded([&] {
+    const auto index = static_cast<std::size_t>(iInterface);
+    std::shared_ptr<Capture> capture;
+    {
+      const std::lock_guard guard(AllInputs().lock);
+      capture = AllInputs().captures[index];
+    }
+    if (capture == nullptr) return;
+    capture->Stop();
+    const std::lock_guard guard(AllInputs().lock);
+    AllInputs().last[index] = capture->Queue().Stats();
+    AllInputs().captures[index] = nullptr;
+  });
 }
 
 BOOL KLVCAPTURE_GetKLV(int iFD, BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
-  std::lock_guard guard(g_Lock);
-  Input* input = FindInput(iFD);
-  CapturedKLV packet;
-  while (input != nullptr && input->capture->Take(packet)) {
-    if (packet.bytes.size() > static_cast<size_t>(*pnLength)) {
-      ++input->stats.oversized;
-      HOST_LOG(4, "capture: packet of %zu bytes is larger than %d", packet.bytes.size(), *pnLength);
-      continue;
-    }
-    ++input->stats.packets;
-    memcpy(pcData, packet.bytes.data(), packet.bytes.size());
-    *pnLength = static_cast<int>(packet.bytes.size());
-    *pnTimeStamp = packet.timestamp;
-    return TRUE;
-  }
-  return FALSE;
+  if (iFD < 0 || pcData == nullptr || pnLength == nullptr || pnTimeStamp == nullptr) return FALSE;
+  return Guarded(FALSE, [&] {
+    const auto capture = AllInputs().Find(iFD);
+    return capture != nullptr && capture->Queue().Take(pcData, pnLength, pnTimeStamp) ? TRUE : FALSE;
+  });
 }
 
 }  // extern "C"

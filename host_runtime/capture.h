@@ -1,21 +1,89 @@
-// One running capture of a video input's KLV.
-#ifndef CAPTURE_H
-#define CAPTURE_H
+// The capture of video inputs: what its back ends share.
+//
+// Each running input has a thread of its own ("KLV video 0") that runs a back end, and a queue from which the metadata
+// thread takes packets. A source file of a back end defines HOST_DEBUG_MODULE as CaptureModule().
+#ifndef HOST_CAPTURE_BACKENDS_H
+#define HOST_CAPTURE_BACKENDS_H
 
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <span>
 #include <vector>
 
 #include "runtime_state.h"
 
-struct CapturedKLV {
-  std::vector<BYTE> bytes;
-  UINT64 timestamp = 0;
-};
+namespace host_runtime {
 
-class Capture {
+// A descriptor that is closed with its owner.
+class OwnedFD {
  public:
-  virtual ~Capture() = default;
-  virtual int FD() const = 0;               // readable while KLV waits
-  virtual bool Take(CapturedKLV& out) = 0;  // the oldest packet; never blocks
+  OwnedFD() = default;
+  explicit OwnedFD(int fd) : m_fd(fd) {}
+  ~OwnedFD();
+  OwnedFD(const OwnedFD&) = delete;
+  OwnedFD& operator=(const OwnedFD&) = delete;
+  int Get() const { return m_fd; }
+  void Set(int fd);
+
+ private:
+  int m_fd = -1;
 };
 
-#endif  // CAPTURE_H
+// What a back end delivers to, and where the metadata thread takes from. Safe from any thread.
+class CaptureQueue {
+ public:
+  static constexpr std::size_t kMostPackets = 1024;
+  static constexpr std::size_t kMostBytes = std::size_t{8} << 20;
+
+  explicit CaptureQueue(int input) : m_input(input) {}
+  // False when the system has no descriptors left.
+  bool Open();
+
+  int Input() const { return m_input; }
+
+  // For the back end's thread.
+  void Deliver(std::uint64_t timestamp, std::span<const std::uint8_t> klv);
+  void Count(std::uint64_t HostCaptureStats::*counter, std::uint64_t count = 1);
+  // Waits until fd (or nothing, for -1) is readable, the time is up, or the capture is to stop. True when readable.
+  bool Wait(int fd, std::int64_t nanoseconds);
+  bool IsStopping() const { return __atomic_load_n(&m_stopping, __ATOMIC_RELAXED); }
+
+  // For the service.
+  void Stop();
+  int FD() const { return m_readable.Get(); }
+  bool Take(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp);
+  HostCaptureStats Stats() const;
+
+ private:
+  struct Packet {
+    std::uint64_t timestamp;
+    std::vector<std::uint8_t> klv;
+  };
+
+  const int m_input;
+  bool m_stopping = false;    // atomic
+  OwnedFD m_readable;         // eventfd, set while packets wait
+  OwnedFD m_stop;             // eventfd, set once
+  mutable std::mutex m_lock;  // leaf; guards what follows
+  std::deque<Packet> m_packets;
+  std::size_t m_bytes = 0;
+  HostCaptureStats m_stats;
+};
+
+class CaptureBackend {
+ public:
+  virtual ~CaptureBackend() = default;
+  // On the metadata thread: what can fail at once and quickly. Logs why.
+  virtual bool Open(CaptureQueue& queue) = 0;
+  // On the capture's thread, until IsStopping() or the end.
+  virtual void Run(CaptureQueue& queue) = 0;
+};
+
+std::unique_ptr<CaptureBackend> MakeMediaBackend(const HostCaptureConfig& config);
+std::unique_ptr<CaptureBackend> MakeAncBackend(const HostCaptureConfig& config);
+std::unique_ptr<CaptureBackend> MakeSocketBackend(const HostCaptureConfig& config);
+
+}  // namespace host_runtime
+
+#endif  // HOST_CAPTURE_BACKENDS_H

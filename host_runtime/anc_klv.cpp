@@ -1,0 +1,406 @@
+#include "anc_klv.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <utility>
+
+namespace anc_klv {
+namespace {
+
+constexpr std::size_t kPositionBits = 32;  // in front of an ancillary packet's words
+constexpr std::size_t kWordBits = 10;
+constexpr std::size_t kFixedWords = 4;  // DID, SDID, data count, checksum
+
+// Most significant bit first.
+class BitWriter {
+ public:
+  void Put(unsigned value, unsigned bits) {
+    for (unsigned i = bits; i > 0; --i) {
+      if (m_used % 8 == 0) m_bytes.push_back(0);
+      if ((value >> (i - 1) & 1u) != 0) m_bytes.back() |= static_cast<std::uint8_t>(0x80u >> (m_used % 8));
+      ++m_used;
+    }
+  }
+  // Filled up to 32 bits.
+  Bytes Take() {
+    while (m_bytes.size() % 4 != 0) m_bytes.push_back(0);
+    return std::move(m_bytes);
+  }
+
+ private:
+  Bytes m_bytes;
+  std::size_t m_used = 0;
+};
+
+class BitReader {
+ public:
+  explicit BitReader(ByteView bytes) : m_bytes(bytes) {}
+  std::size_t Left() const { return m_bytes.size() * 8 - m_used; }
+  std::size_t Used() const { return m_used; }
+  // There must be as many bits left.
+  unsigned Get(unsigned bits) {
+    unsigned value = 0;
+    for (unsigned i = 0; i < bits; ++i, ++m_used) {
+      value = value << 1 | (m_bytes[m_used / 8] >> (7 - m_used % 8) & 1u);
+    }
+    return value;
+  }
+
+ private:
+  ByteView m_bytes;
+  std::size_t m_used = 0;
+};
+
+// Eight bits of data with even parity in bit 8 and its complement in bit 9.
+unsigned WithParity(unsigned data) {
+  const unsigned parity = static_cast<unsigned>(std::popcount(data)) & 1u;
+  return data | parity << 8 | (parity ^ 1u) << 9;
+}
+
+unsigned ChecksumWord(unsigned sum) {
+  sum &= 0x1FFu;
+  return sum | (~sum >> 8 & 1u) << 9;
+}
+
+void AppendBigEndian(Bytes& out, std::uint32_t value, unsigned size) {
+  for (unsigned i = size; i > 0; --i) out.push_back(static_cast<std::uint8_t>(value >> (8 * (i - 1))));
+}
+
+std::uint32_t BigEndian(ByteView bytes) {
+  std::uint32_t value = 0;
+  for (const std::uint8_t byte : bytes) value = value << 8 | byte;
+  return value;
+}
+
+}  // namespace
+
+// --- KLV ---------------------------------------------------------------------------------------------
+
+KlvSize SizeOfKlv(ByteView bytes) {
+  using State = KlvSize::State;
+  static constexpr std::array<std::uint8_t, 4> kLabel = {0x06, 0x0E, 0x2B, 0x34};
+  constexpr std::size_t kKeySize = 16;
+  const std::size_t known = std::min(bytes.size(), kLabel.size());
+  if (!std::equal(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(known), kLabel.begin())) {
+    return {State::kBad, 0};
+  }
+  if (bytes.size() <= kKeySize) return {State::kNeedMore, 0};
+  const std::uint8_t first = bytes[kKeySize];
+  std::uint64_t value = first;
+  std::size_t lengthSize = 1;
+  if (first >= 0x80) {
+    const std::size_t more = first & 0x7Fu;
+    if (more == 0 || more > 8) return {State::kBad, 0};
+    if (bytes.size() < kKeySize + 1 + more) return {State::kNeedMore, 0};
+    lengthSize += more;
+    value = 0;
+    for (std::size_t i = 1; i <= more; ++i) value = value << 8 | bytes[kKeySize + i];
+  }
+  if (value > kLargestKlv || kKeySize + lengthSize + value > kLargestKlv) return {State::kBad, 0};
+  return {State::kKnown, kKeySize + lengthSize + static_cast<std::size_t>(value)};
+}
+
+// --- Packing -----------------------------------------------------------------------------------------
+
+std::vector<AncPacket> SplitKlv(ByteView klv, std::uint8_t messageNumber) {
+  std::vector<AncPacket> packets;
+  while (!klv.empty()) {
+    const ByteView piece = klv.first(std::min(klv.size(), kKlvPerPacket));
+    klv = klv.subspan(piece.size());
+    AncPacket packet;
+    packet.userData.push_back(messageNumber);
+    AppendBigEndian(packet.userData, static_cast<std::uint32_t>(packets.size()) + 1, 2);
+    packet.userData.insert(packet.userData.end(), piece.begin(), piece.end());
+    packets.push_back(std::move(packet));
+  }
+  return packets;
+}
+
+Bytes PackAnc(const AncPacket& packet) {
+  BitWriter bits;
+  bits.Put(0, 1);  // C: luma, or no matter
+  bits.Put(packet.line, 11);
+  bits.Put(0, 12);  // horizontal offset
+  bits.Put(0, 8);   // S and stream number: not known
+  unsigned sum = 0;
+  const auto put = [&](unsigned data) {
+    const unsigned word = WithParity(data & 0xFFu);
+    sum += word & 0x1FFu;
+    bits.Put(word, kWordBits);
+  };
+  const std::size_t size = std::min(packet.userData.size(), kLargestUserData);
+  put(packet.did);
+  put(packet.sdid);
+  put(static_cast<unsigned>(size));
+  for (std::size_t i = 0; i < size; ++i) put(packet.userData[i]);
+  bits.Put(ChecksumWord(sum), kWordBits);
+  return bits.Take();
+}
+
+Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, std::uint8_t count) {
+  Bytes out;
+  out.reserve(kRtpHeaderSize + ancPackets.size());
+  out.push_back(0x80);  // version 2
+  out.push_back(static_cast<std::uint8_t>((header.marker ? 0x80u : 0u) | (header.payloadType & 0x7Fu)));
+  AppendBigEndian(out, header.sequence & 0xFFFFu, 2);
+  AppendBigEndian(out, header.timestamp, 4);
+  AppendBigEndian(out, header.source, 4);
+  AppendBigEndian(out, header.sequence >> 16, 2);
+  AppendBigEndian(out, static_cast<std::uint32_t>(ancPackets.size()), 2);
+  out.push_back(count);
+  AppendBigEndian(out, static_cast<std::uint32_t>(header.field & 3u) << 22, 3);
+  out.insert(out.end(), ancPackets.begin(), ancPackets.end());
+  return out;
+}
+
+std::vector<Bytes> PackFrame(std::span<const Bytes> messages, RtpHeader header, std::uint32_t* sequence,
+                             std::uint8_t* messageNumber, std::size_t largest) {
+  std::vector<Bytes> packets;
+  Bytes payload;
+  std::uint8_t count = 0;
+  const auto finish = [&](bool last) {
+    header.marker = last;
+    header.sequence = (*sequence)++;
+    packets.push_back(PackRtp(header, payload, count));
+    payload.clear();
+    count = 0;
+  };
+  for (const Bytes& message : messages) {
+    *messageNumber = *messageNumber == 255 ? std::uint8_t{1} : static_cast<std::uint8_t>(*messageNumber + 1);
+    for (const AncPacket& packet : SplitKlv(message, *messageNumber)) {
+      const Bytes anc = PackAnc(packet);
+      if (count == 255 || (count != 0 && kRtpHeaderSize + payload.size() + anc.size() > largest)) finish(false);
+      payload.insert(payload.end(), anc.begin(), anc.end());
+      ++count;
+    }
+  }
+  finish(true);
+  return packets;
+}
+
+// --- Unpacking ---------------------------------------------------------------------------------------
+
+std::optional<RtpPacket> UnpackRtp(ByteView datagram) {
+  constexpr std::size_t kPlainHeader = 12;
+  constexpr std::size_t kPayloadHeader = 8;
+  if (datagram.size() < kPlainHeader || datagram[0] >> 6 != 2) return {};
+  const bool padded = (datagram[0] & 0x20) != 0;
+  const bool extended = (datagram[0] & 0x10) != 0;
+  RtpPacket packet;
+  packet.header.marker = (datagram[1] & 0x80) != 0;
+  packet.header.payloadType = datagram[1] & 0x7F;
+  packet.header.sequence = BigEndian(datagram.subspan(2, 2));
+  packet.header.timestamp = BigEndian(datagram.subspan(4, 4));
+  packet.header.source = BigEndian(datagram.subspan(8, 4));
+  std::size_t at = kPlainHeader + std::size_t{4} * (datagram[0] & 0x0Fu);  // contributing sources
+  if (extended) {
+    if (datagram.size() < at + 4) return {};
+    at += 4 + 4 * std::size_t{BigEndian(datagram.subspan(at + 2, 2))};
+  }
+  std::size_t end = datagram.size();
+  if (padded) {
+    const std::size_t padding = datagram.back();
+    if (padding == 0 || padding > end) return {};
+    end -= padding;
+  }
+  if (end < at + kPayloadHeader) return {};
+  const ByteView payload = datagram.subspan(at, end - at);
+  packet.header.sequence |= BigEndian(payload.first(2)) << 16;
+  const std::size_t size = BigEndian(payload.subspan(2, 2));
+  packet.count = payload[4];
+  packet.header.field = payload[5] >> 6;
+  if (size > payload.size() - kPayloadHeader || packet.header.field == 1) return {};
+  const ByteView content = payload.subspan(kPayloadHeader, size);
+  packet.ancPackets.assign(content.begin(), content.end());
+  return packet;
+}
+
+UnpackedAnc UnpackAnc(ByteView bytes) {
+  UnpackedAnc result = {AncState::kCutOff, {}, 0};
+  BitReader bits(bytes);
+  if (bits.Left() < kPositionBits + kFixedWords * kWordBits) return result;
+  bits.Get(1);  // C
+  result.packet.line = static_cast<std::uint16_t>(bits.Get(11));
+  bits.Get(20);  // horizontal offset, stream number
+  unsigned sum = 0;
+  bool parity = true;
+  const auto get = [&] {
+    const unsigned word = bits.Get(kWordBits);
+    sum += word & 0x1FFu;
+    parity = parity && word == WithParity(word & 0xFFu);
+    return static_cast<std::uint8_t>(word);
+  };
+  result.packet.did = get();
+  result.packet.sdid = get();
+  const std::size_t count = get();
+  if (bits.Left() < (count + 1) * kWordBits) return result;
+  result.packet.userData.resize(count);
+  for (std::uint8_t& byte : result.packet.userData) byte = get();
+  const bool sumRight = bits.Get(kWordBits) == ChecksumWord(sum);
+  // The fill of the last packet may be missing where the payload ends.
+  result.size = std::min((bits.Used() + 31) / 32 * 4, bytes.size());
+  result.state = !sumRight ? AncState::kBadChecksum : !parity ? AncState::kBadParity : AncState::kGood;
+  return result;
+}
+
+// --- Ordering ----------------------------------------------------------------------------------------
+
+void RtpOrder::Drain(const Sink& sink) {
+  while (!m_waiting.empty() && m_base + static_cast<std::uint32_t>(m_waiting.begin()->first) == m_next) {
+    const auto first = m_waiting.extract(m_waiting.begin());
+    ++m_next;
+    sink(first.mapped());
+  }
+}
+
+void RtpOrder::GiveUpFirst(Counts& counts, const Sink& sink) {
+  const std::uint32_t sequence = m_base + static_cast<std::uint32_t>(m_waiting.begin()->first);
+  counts.lost += sequence - m_next;
+  m_next = sequence;
+  Drain(sink);
+}
+
+void RtpOrder::Take(RtpPacket packet, std::int64_t now, Counts& counts, const Sink& sink) {
+  const std::uint32_t sequence = packet.header.sequence;
+  const auto distance = static_cast<std::int32_t>(sequence - m_next);
+  if (m_source != packet.header.source || distance > kLargestGap || distance < -kLargestGap) {
+    while (!m_waiting.empty()) GiveUpFirst(counts, sink);
+    if (m_source) ++counts.restarts;
+    m_source = packet.header.source;
+    m_next = sequence + 1;
+    sink(packet);
+    return;
+  }
+  if (distance < 0) {
+    ++counts.late;
+    return;
+  }
+  if (distance == 0) {
+    if (!m_waiting.empty()) ++counts.reordered;
+    ++m_next;
+    sink(packet);
+    Drain(sink);
+    m_since = now;
+    return;
+  }
+  if (m_waiting.empty()) {
+    m_base = m_next;
+    m_since = now;
+  }
+  const auto place = static_cast<std::int32_t>(sequence - m_base);
+  if (m_waiting.contains(place)) {
+    ++counts.late;
+    return;
+  }
+  if (!m_waiting.empty() && place < m_waiting.rbegin()->first) ++counts.reordered;
+  m_waiting.emplace(place, std::move(packet));
+  if (m_waiting.size() > kDepth) {
+    GiveUpFirst(counts, sink);
+    m_since = now;
+  }
+}
+
+void RtpOrder::Pass(std::int64_t now, Counts& counts, const Sink& sink) {
+  if (m_waiting.empty() || now - m_since < kPatience) return;
+  while (!m_waiting.empty()) GiveUpFirst(counts, sink);
+}
+
+std::uint64_t LongTimestamp::Extend(std::uint32_t timestamp) {
+  if (!m_last) {
+    m_last = timestamp;
+  } else {
+    const auto step = static_cast<std::int32_t>(timestamp - static_cast<std::uint32_t>(*m_last));
+    const std::uint64_t back = step < 0 ? static_cast<std::uint64_t>(-std::int64_t{step}) : 0;
+    // Before the beginning there is no 64-bit time: it stays in 32 bits.
+    m_last = back > *m_last ? timestamp : *m_last + static_cast<std::uint64_t>(std::int64_t{step});
+  }
+  return *m_last;
+}
+
+// --- Assembly ----------------------------------------------------------------------------------------
+
+void KlvAssembler::Break(Counts& counts) {
+  if (m_nextPacket == 0) return;
+  ++counts.incomplete;
+  m_dropped = m_number;
+  m_nextPacket = 0;
+}
+
+std::optional<StampedKlv> KlvAssembler::Take(const AncPacket& packet, std::uint64_t timestamp, Counts& counts) {
+  constexpr std::size_t kHead = 3;  // message number and packet count
+  if (packet.userData.size() < kHead) {
+    ++counts.damaged;
+    return {};
+  }
+  const ByteView data(packet.userData);
+  const std::uint8_t number = data[0];
+  const auto place = static_cast<std::uint16_t>(BigEndian(data.subspan(1, 2)));
+  if (place == 1) {
+    Break(counts);
+    m_dropped.reset();
+    m_number = number;
+    m_current = {timestamp, {}};
+  } else if (m_nextPacket == 0 || number != m_number || place != m_nextPacket) {
+    Break(counts);
+    if (m_dropped != number) ++counts.incomplete;  // one whose beginning was missing
+    m_dropped = number;
+    return {};
+  }
+  m_nextPacket = static_cast<std::uint16_t>(place + 1);
+  m_current.klv.insert(m_current.klv.end(), data.begin() + kHead, data.end());
+  const KlvSize size = SizeOfKlv(m_current.klv);
+  if (size.state == KlvSize::State::kBad) {
+    ++counts.damaged;
+    m_dropped = number;
+    m_nextPacket = 0;
+    return {};
+  }
+  if (size.state == KlvSize::State::kNeedMore || m_current.klv.size() < size.size) return {};
+  m_current.klv.resize(size.size);  // what follows the message in its last packet is no KLV
+  m_nextPacket = 0;
+  m_dropped = number;
+  return std::exchange(m_current, {});
+}
+
+// --- Receiver ----------------------------------------------------------------------------------------
+
+void Receiver::TakeInOrder(const RtpPacket& packet) {
+  if (m_restarts != m_counts.restarts) {
+    m_restarts = m_counts.restarts;
+    m_assembler.Break(m_counts);
+  }
+  const std::uint64_t timestamp = m_time.Extend(packet.header.timestamp);
+  ByteView rest(packet.ancPackets);
+  for (unsigned i = 0; i < packet.count; ++i) {
+    const UnpackedAnc anc = UnpackAnc(rest);
+    if (anc.state == AncState::kCutOff) {
+      ++m_counts.damaged;
+      return;
+    }
+    rest = rest.subspan(anc.size);
+    if (anc.state == AncState::kBadChecksum) {
+      ++m_counts.badChecksums;
+    } else if (anc.state == AncState::kBadParity) {
+      ++m_counts.badParity;
+    } else if (anc.packet.did == kKlvDid && anc.packet.sdid == kKlvSdid) {
+      if (const auto message = m_assembler.Take(anc.packet, timestamp, m_counts)) m_sink(*message);
+    }
+  }
+}
+
+void Receiver::Take(ByteView datagram, std::int64_t now) {
+  auto packet = UnpackRtp(datagram);
+  if (!packet) {
+    ++m_counts.damaged;
+    return;
+  }
+  m_order.Take(std::move(*packet), now, m_counts, [this](const RtpPacket& next) { TakeInOrder(next); });
+  Pass(now);
+}
+
+void Receiver::Pass(std::int64_t now) {
+  m_order.Pass(now, m_counts, [this](const RtpPacket& next) { TakeInOrder(next); });
+}
+
+}  // namespace anc_klv

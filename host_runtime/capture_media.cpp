@@ -1,0 +1,237 @@
+// The capture back end that plays the KLV track of a media file or stream, through libavformat.
+//
+// A file is played in real time by its own presentation timestamps; a stream (a URL) is taken as it comes. Both keep
+// their timestamps, in units of 90 kHz. A file that is looped goes on counting, so that no time comes twice.
+#define HOST_MODULE "capture_media"
+#define HOST_DEBUG_MODULE ::host_runtime::CaptureModule()
+
+extern "C" {
+#include <libavformat/avformat.h>
+#include <libavutil/log.h>
+}
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "anc_klv.h"
+#include "capture.h"
+
+namespace host_runtime {
+namespace {
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr AVRational kClock = {1, 90'000};
+constexpr std::int64_t kLongestPause = 60 * 90'000;  // a longer one, or a longer step back, is a jump of the clock
+constexpr std::int64_t kLargestStepBack = 90'000;
+constexpr std::int64_t kUsualStep = 3'600;  // between the last time of a file and the first of its repetition
+constexpr std::size_t kAuHeaderSize = 5;    // MPEG-2 systems: header of a metadata access unit
+
+std::string ErrorText(int error) {
+  char text[AV_ERROR_MAX_STRING_SIZE] = "";
+  av_strerror(error, text, sizeof text);
+  return text;
+}
+
+// What libavformat says goes to the log, where it is limited, instead of to standard error.
+void TakeLibraryLine(void* context, int level, const char* format, va_list arguments) {
+  level &= 0xFF;  // above are colours
+  const int hostLevel = level <= AV_LOG_ERROR ? 5 : level <= AV_LOG_WARNING ? 6 : level <= AV_LOG_INFO ? 7 : 8;
+  const HDBG module = CaptureModule();
+  if (module == nullptr || __atomic_load_n(&module->nMaxLevel, __ATOMIC_RELAXED) < hostLevel) return;
+  char line[512];
+  int prefix = 1;
+  av_log_format_line2(context, level, format, arguments, line, sizeof line, &prefix);
+  _DoDbgPrintEx(module, hostLevel, __func__, "libavformat", level, "%s", line);
+}
+
+class MediaBackend : public CaptureBackend {
+ public:
+  explicit MediaBackend(HostCaptureConfig config)
+      : m_config(std::move(config)), m_live(m_config.path.find("://") != std::string::npos) {}
+
+  bool Open(CaptureQueue& queue) override {
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_callback(TakeLibraryLine); });
+    if (m_live || access(m_config.path.c_str(), R_OK) == 0) return true;
+    HOST_LOG(3, "Video input %d: cannot read \"%s\": %s.\n", queue.Input(), m_config.path.c_str(), strerror(errno));
+    return false;
+  }
+
+  void Run(CaptureQueue& queue) override {
+    while (!queue.IsStopping()) {
+      const bool played = Play(queue);
+      if (queue.IsStopping()) return;
+      if (m_live) {
+        queue.Wait(-1, kSecond);  // then try the stream again
+      } else if (!played || !m_config.loop) {
+        return;
+      }
+    }
+  }
+
+ private:
+  struct CloseInput {
+    void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
+  };
+  struct FreePacket {
+    void operator()(AVPacket* packet) const { av_packet_free(&packet); }
+  };
+  using Input = std::unique_ptr<AVFormatContext, CloseInput>;
+
+  static int IsInterrupted(void* queue) { return static_cast<CaptureQueue*>(queue)->IsStopping() ? 1 : 0; }
+
+  Input OpenInput(CaptureQueue& queue) {
+    AVFormatContext* context = avformat_alloc_context();
+    if (context == nullptr) return nullptr;
+    context->interrupt_callback = {&MediaBackend::IsInterrupted, &queue};
+    if (m_live) context->max_analyze_duration = AV_TIME_BASE;
+    const std::string name = m_live ? m_config.path : "file:" + m_config.path;
+    int result = avformat_open_input(&context, name.c_str(), nullptr, nullptr);  // frees the context when it fails
+    Input input(result == 0 ? context : nullptr);
+    if (result == 0) result = avformat_find_stream_info(context, nullptr);
+    if (result >= 0) return input;
+    if (queue.IsStopping()) return nullptr;
+    queue.Count(&HostCaptureStats::damaged);
+    HOST_LOG(3, "Video input %d: cannot open \"%s\": %s.\n", queue.Input(), m_config.path.c_str(),
+             ErrorText(result).c_str());
+    return nullptr;
+  }
+
+  // One time through the file, or a stream until it breaks. True when there was KLV.
+  bool Play(CaptureQueue& queue) {
+    const Input input = OpenInput(queue);
+    const std::unique_ptr<AVPacket, FreePacket> packet(av_packet_alloc());
+    if (input == nullptr || packet == nullptr) return false;
+    BeginPass();
+    int result = 0;
+    while (!queue.IsStopping() && (result = av_read_frame(input.get(), packet.get())) >= 0) {
+      TakePacket(queue, *input->streams[packet->stream_index], *packet);
+      av_packet_unref(packet.get());
+    }
+    if (queue.IsStopping()) return m_first.has_value();
+    const auto packets = static_cast<unsigned long long>(m_packets);
+    if (result != AVERROR_EOF) {
+      queue.Count(&HostCaptureStats::damaged);
+      HOST_LOG(3, "Video input %d: reading \"%s\" failed after %llu KLV packets: %s.\n", queue.Input(),
+               m_config.path.c_str(), packets, ErrorText(result).c_str());
+    } else if (!m_first) {
+      HOST_LOG(4, "Video input %d: \"%s\" has no KLV.\n", queue.Input(), m_config.path.c_str());
+    } else {
+      HOST_LOG(5, "Video input %d: end of \"%s\" after %llu KLV packets%s.\n", queue.Input(), m_config.path.c_str(),
+               packets, m_config.loop && !m_live ? ", beginning again" : "");
+    }
+    return m_first.has_value();
+  }
+
+  void BeginPass() {
+    if (m_first && !m_live) m_shift += std::max<std::int64_t>(m_last - *m_first, 0) + m_step;
+    m_first.reset();
+    m_lastOfAny = 0;
+    m_packets = 0;
+  }
+
+  static bool IsKlv(const AVStream& stream, const AVPacket& packet) {
+    if (stream.codecpar->codec_id == AV_CODEC_ID_SMPTE_KLV) return true;
+    if (stream.codecpar->codec_type != AVMEDIA_TYPE_DATA && stream.codecpar->codec_type != AVMEDIA_TYPE_UNKNOWN) {
+      return false;
+    }
+    // A track that is not labelled, but holds nothing else.
+    return anc_klv::SizeOfKlv({packet.data, static_cast<std::size_t>(packet.size)}).state ==
+           anc_klv::KlvSize::State::kKnown;
+  }
+
+  void TakePacket(CaptureQueue& queue, const AVStream& stream, const AVPacket& packet) {
+    // KLV without a time of its own has that of the picture before it.
+    const std::int64_t stamp = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
+    if (stamp != AV_NOPTS_VALUE) m_lastOfAny = av_rescale_q(stamp, stream.time_base, kClock);
+    if (packet.size <= 0 || !IsKlv(stream, packet)) return;
+    if (m_first && m_lastOfAny > m_last) m_step = std::min(m_lastOfAny - m_last, kLongestPause);
+    if (!WaitForTime(queue, m_lastOfAny)) return;
+    const std::int64_t time = m_lastOfAny - (m_first ? *m_first : m_lastOfAny) + m_begin + m_shift;
+    Deliver(queue, static_cast<std::uint64_t>(std::max<std::int64_t>(time, 0)),
+            {packet.data, static_cast<std::size_t>(packet.size)});
+  }
+
+  // Until the file's clock has come to `time`; false when the capture is to stop.
+  bool WaitForTime(CaptureQueue& queue, std::int64_t time) {
+    const std::int64_t now = MonotonicNs();
+    if (!m_first) {
+      m_first = time;
+      m_last = time;
+      if (!m_started) {
+        m_begin = time;
+        m_start = now;
+        m_started = true;
+      } else if (m_live) {
+        m_begin = time;
+      }
+    }
+    if (m_last - time > kLargestStepBack || time - m_last > kLongestPause) {
+      HOST_LOG(5, "Video input %d: the clock of \"%s\" jumps.\n", queue.Input(), m_config.path.c_str());
+      m_start = now - Elapsed(time);
+      m_last = time;
+    }
+    m_last = std::max(m_last, time);
+    if (m_live) return true;
+    const std::int64_t due = m_start + Elapsed(time);
+    if (due > now) queue.Wait(-1, due - now);
+    return !queue.IsStopping();
+  }
+
+  // Nanoseconds of playing, with all repetitions, when the file's clock shows `time`.
+  std::int64_t Elapsed(std::int64_t time) const { return av_rescale(time - *m_first + m_shift, kSecond, kClock.den); }
+
+  // A packet may hold several messages, each perhaps behind the header of an access unit.
+  void Deliver(CaptureQueue& queue, std::uint64_t timestamp, std::span<const std::uint8_t> data) {
+    using State = anc_klv::KlvSize::State;
+    while (!data.empty()) {
+      anc_klv::KlvSize size = anc_klv::SizeOfKlv(data);
+      if (size.state == State::kBad && data.size() > kAuHeaderSize) {
+        const anc_klv::KlvSize behind = anc_klv::SizeOfKlv(data.subspan(kAuHeaderSize));
+        if (behind.state == State::kKnown) {
+          data = data.subspan(kAuHeaderSize);
+          size = behind;
+        }
+      }
+      if (size.state != State::kKnown || size.size > data.size()) {
+        queue.Count(&HostCaptureStats::damaged);
+        HOST_LOG(4, "Video input %d: %zu bytes of damaged KLV dropped.\n", queue.Input(), data.size());
+        return;
+      }
+      queue.Deliver(timestamp, data.first(size.size));
+      ++m_packets;
+      data = data.subspan(size.size);
+    }
+  }
+
+  const HostCaptureConfig m_config;
+  const bool m_live;
+
+  // Of the capture.
+  bool m_started = false;
+  std::int64_t m_start = 0;  // monotonic time, ns, of m_begin
+  std::int64_t m_begin = 0;  // first timestamp of all
+  std::int64_t m_shift = 0;  // length of the passes before this one
+  std::int64_t m_step = kUsualStep;
+  // Of the pass; 90 kHz.
+  std::optional<std::int64_t> m_first;
+  std::int64_t m_last = 0;
+  std::int64_t m_lastOfAny = 0;
+  std::uint64_t m_packets = 0;
+};
+
+}  // namespace
+
+std::unique_ptr<CaptureBackend> MakeMediaBackend(const HostCaptureConfig& config) {
+  return std::make_unique<MediaBackend>(config);
+}
+
+}  // namespace host_runtime

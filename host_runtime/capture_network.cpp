@@ -1,0 +1,188 @@
+// The capture back ends that receive datagrams: ancillary streams over UDP, and local sockets.
+#define HOST_MODULE "capture_network"
+#define HOST_DEBUG_MODULE ::host_runtime::CaptureModule()
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <utility>
+
+#include "anc_klv.h"
+#include "capture.h"
+
+namespace host_runtime {
+namespace {
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr int kDatagramsAtOnce = 64;  // before the clock is looked at again
+
+// Datagrams into one buffer; true as long as one came.
+bool Receive(int fd, std::vector<std::uint8_t>& buffer, std::size_t* size) {
+  const ssize_t got = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
+  if (got < 0) return false;
+  *size = static_cast<std::size_t>(got);
+  return true;
+}
+
+// --- Ancillary streams -------------------------------------------------------------------------------
+
+class AncBackend : public CaptureBackend {
+ public:
+  explicit AncBackend(HostCaptureConfig config) : m_config(std::move(config)) {}
+
+  bool Open(CaptureQueue& queue) override {
+    in_addr address{};
+    if (!m_config.address.empty() && inet_pton(AF_INET, m_config.address.c_str(), &address) != 1) {
+      HOST_LOG(3, "Video input %d: \"%s\" is no IPv4 address.\n", queue.Input(), m_config.address.c_str());
+      return false;
+    }
+    std::array<BYTE, 4> bytes;
+    memcpy(bytes.data(), &address, bytes.size());
+    int fd = -1;
+    if (!CreateUDPRxSocket(m_config.port, bytes.data(), &fd)) {
+      HOST_LOG(3, "Video input %d: no socket for the ancillary stream on UDP port %u.\n", queue.Input(),
+               static_cast<unsigned>(m_config.port));
+      return false;
+    }
+    m_socket.Set(fd);
+    return true;
+  }
+
+  void Run(CaptureQueue& queue) override {
+    anc_klv::Receiver receiver([&queue](const anc_klv::StampedKlv& message) {
+      HOST_LOG(8, "Video input %d: KLV of %zu bytes.\n", queue.Input(), message.klv.size());
+      queue.Deliver(message.timestamp, message.klv);
+    });
+    std::vector<std::uint8_t> buffer(65'536);
+    while (!queue.IsStopping()) {
+      const bool readable = queue.Wait(m_socket.Get(), receiver.IsWaiting() ? anc_klv::RtpOrder::kPatience : kSecond);
+      const std::int64_t now = MonotonicNs();
+      std::size_t size = 0;
+      for (int i = 0; readable && i < kDatagramsAtOnce && Receive(m_socket.Get(), buffer, &size); ++i) {
+        receiver.Take({buffer.data(), std::min(size, buffer.size())}, now);
+      }
+      receiver.Pass(now);
+      Report(queue, receiver.Seen());
+    }
+  }
+
+ private:
+  // Logs and counts what went wrong since the last report.
+  void Report(CaptureQueue& queue, const anc_klv::Counts& seen) {
+    using anc_klv::Counts;
+    const auto fresh = [&](std::uint64_t Counts::*which) { return seen.*which - m_reported.*which; };
+    const int input = queue.Input();
+    if (const auto n = fresh(&Counts::damaged); n != 0) {
+      queue.Count(&HostCaptureStats::damaged, n);
+      HOST_LOG(4, "Video input %d: %llu damaged packets or messages dropped.\n", input, Wide(n));
+    }
+    if (const auto n = fresh(&Counts::badChecksums); n != 0) {
+      queue.Count(&HostCaptureStats::badChecksums, n);
+      HOST_LOG(4, "Video input %d: %llu ancillary packets with a wrong checksum.\n", input, Wide(n));
+    }
+    if (const auto n = fresh(&Counts::badParity); n != 0) {
+      queue.Count(&HostCaptureStats::badParity, n);
+      HOST_LOG(4, "Video input %d: %llu ancillary packets with a wrong parity bit.\n", input, Wide(n));
+    }
+    if (const auto n = fresh(&Counts::lost); n != 0) {
+      queue.Count(&HostCaptureStats::lostPackets, n);
+      HOST_LOG(4, "Video input %d: %llu RTP packets lost.\n", input, Wide(n));
+    }
+    if (const auto n = fresh(&Counts::reordered); n != 0) {
+      queue.Count(&HostCaptureStats::reordered, n);
+      HOST_LOG(5, "Video input %d: %llu RTP packets came out of order.\n", input, Wide(n));
+    }
+    if (const auto n = fresh(&Counts::late); n != 0) {
+      queue.Count(&HostCaptureStats::late, n);
+      HOST_LOG(4, "Video input %d: %llu RTP packets came twice or too late.\n", input, Wide(n));
+    }
+    if (fresh(&Counts::restarts) != 0) HOST_LOG(5, "Video input %d: the ancillary stream began anew.\n", input);
+    if (const auto n = fresh(&Counts::incomplete); n != 0) {
+      queue.Count(&HostCaptureStats::incomplete, n);
+      HOST_LOG(4, "Video input %d: %llu incomplete KLV messages dropped.\n", input, Wide(n));
+    }
+    m_reported = seen;
+  }
+  static unsigned long long Wide(std::uint64_t value) { return value; }
+
+  const HostCaptureConfig m_config;
+  OwnedFD m_socket;
+  anc_klv::Counts m_reported;
+};
+
+// --- Local sockets -----------------------------------------------------------------------------------
+
+class SocketBackend : public CaptureBackend {
+ public:
+  explicit SocketBackend(HostCaptureConfig config) : m_config(std::move(config)) {}
+  ~SocketBackend() override {
+    if (m_bound) unlink(m_config.path.c_str());
+  }
+
+  bool Open(CaptureQueue& queue) override {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string& path = m_config.path;
+    if (path.empty() || path.size() >= sizeof address.sun_path) {
+      HOST_LOG(3, "Video input %d: \"%s\" is no path for a socket, 1 to %zu characters are allowed.\n", queue.Input(),
+               path.c_str(), sizeof address.sun_path - 1);
+      return false;
+    }
+    memcpy(address.sun_path, path.c_str(), path.size());
+    // What an earlier run left behind; never anything but a socket.
+    struct stat existing;
+    if (lstat(path.c_str(), &existing) == 0 && S_ISSOCK(existing.st_mode)) unlink(path.c_str());
+    m_socket.Set(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    m_bound =
+        m_socket.Get() >= 0 && bind(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    if (!m_bound) {
+      HOST_LOG(3, "Video input %d: no socket \"%s\": %s.\n", queue.Input(), path.c_str(), strerror(errno));
+    }
+    return m_bound;
+  }
+
+  void Run(CaptureQueue& queue) override {
+    std::vector<std::uint8_t> buffer(kTimeStampSize + anc_klv::kLargestKlv);
+    while (!queue.IsStopping()) {
+      if (!queue.Wait(m_socket.Get(), kSecond)) continue;
+      std::size_t size = 0;
+      for (int i = 0; i < kDatagramsAtOnce && Receive(m_socket.Get(), buffer, &size); ++i) {
+        if (size <= kTimeStampSize || size > buffer.size()) {
+          queue.Count(&HostCaptureStats::damaged);
+          HOST_LOG(4, "Video input %d: datagram of %zu bytes dropped, %zu to %zu are allowed.\n", queue.Input(), size,
+                   kTimeStampSize + 1, buffer.size());
+          continue;
+        }
+        std::uint64_t timestamp = 0;
+        for (std::size_t b = 0; b < kTimeStampSize; ++b) timestamp = timestamp << 8 | buffer[b];
+        queue.Deliver(timestamp, {buffer.data() + kTimeStampSize, size - kTimeStampSize});
+      }
+    }
+  }
+
+ private:
+  static constexpr std::size_t kTimeStampSize = 8;
+
+  const HostCaptureConfig m_config;
+  OwnedFD m_socket;
+  bool m_bound = false;
+};
+
+}  // namespace
+
+std::unique_ptr<CaptureBackend> MakeAncBackend(const HostCaptureConfig& config) {
+  return std::make_unique<AncBackend>(config);
+}
+
+std::unique_ptr<CaptureBackend> MakeSocketBackend(const HostCaptureConfig& config) {
+  return std::make_unique<SocketBackend>(config);
+}
+
+}  // namespace host_runtime

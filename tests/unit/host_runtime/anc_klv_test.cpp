@@ -1,0 +1,419 @@
+// Packing and unpacking of KLV in ancillary data.
+#include "anc_klv.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+
+namespace {
+
+using namespace anc_klv;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+// A message of this many bytes of value.
+Bytes Klv(std::size_t valueSize, std::uint8_t fill = 0) {
+  Bytes klv = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01, 0x0E, 0x01, 0x03, 0x01, 0x01, 0, 0, 0};
+  if (valueSize < 0x80) {
+    klv.push_back(static_cast<std::uint8_t>(valueSize));
+  } else {
+    klv.insert(klv.end(), {0x82, static_cast<std::uint8_t>(valueSize >> 8), static_cast<std::uint8_t>(valueSize)});
+  }
+  for (std::size_t i = 0; i < valueSize; ++i) klv.push_back(static_cast<std::uint8_t>(i + fill));
+  return klv;
+}
+
+void FlipBit(Bytes& bytes, std::size_t bit) {
+  bytes[bit / 8] ^= static_cast<std::uint8_t>(0x80u >> (bit % 8));
+}
+
+// --- one message -------------------------------------------------------------------------------------
+
+TEST(KlvSize, Of_short_and_long_forms) {
+  EXPECT_EQ(SizeOfKlv(Klv(5)).size, 22u);
+  EXPECT_EQ(SizeOfKlv(Klv(127)).size, 144u);
+  EXPECT_EQ(SizeOfKlv(Klv(128)).size, 147u);
+  EXPECT_EQ(SizeOfKlv(Klv(65'535)).size, kLargestKlv);
+  Bytes padded = Klv(0);
+  padded.resize(16);
+  padded.insert(padded.end(), {0x84, 0, 0, 0, 9});
+  EXPECT_EQ(SizeOfKlv(padded).size, 30u);
+}
+
+TEST(KlvSize, Needs_the_whole_length_field_and_refuses_what_is_no_klv) {
+  using State = KlvSize::State;
+  const Bytes klv = Klv(300);
+  for (std::size_t size = 0; size < 19; ++size) {
+    EXPECT_EQ(SizeOfKlv(ByteView(klv).first(size)).state, State::kNeedMore) << size;
+  }
+  EXPECT_EQ(SizeOfKlv(ByteView(klv).first(19)).state, State::kKnown);
+  EXPECT_EQ(SizeOfKlv(ByteView(klv).subspan(1)).state, State::kBad);
+  Bytes wrong = Klv(0);
+  for (const int length : {0x80, 0x89, 0xFF}) {
+    wrong[16] = static_cast<std::uint8_t>(length);
+    EXPECT_EQ(SizeOfKlv(wrong).state, State::kBad);
+  }
+  Bytes huge = Klv(0);
+  huge.resize(16);
+  huge.insert(huge.end(), {0x88, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});
+  EXPECT_EQ(SizeOfKlv(huge).state, State::kBad);
+  huge.resize(16);
+  huge.insert(huge.end(), {0x83, 0x01, 0x00, 0x00});
+  EXPECT_EQ(SizeOfKlv(huge).state, State::kBad);
+}
+
+// --- ancillary packets -------------------------------------------------------------------------------
+
+TEST(Anc, The_bits_are_those_of_the_standards) {
+  AncPacket packet;
+  packet.line = 9;
+  packet.userData = {0x01};
+  // C 0, line 9, offset 0, S 0, stream 0; then the words 244 104 101 101 and the checksum: 044 + 104 + 101 + 101 is 34A,
+  // its low nine bits 14A, bit 9 not bit 8.
+  EXPECT_THAT(PackAnc(packet),
+              ElementsAre(0x00, 0x90, 0x00, 0x00,  //
+                          0b10010001, 0b00010000, 0b01000100, 0b00000101, 0b00000001, 0b01010010, 0b10000000, 0x00));
+}
+
+TEST(Anc, What_was_packed_unpacks) {
+  for (const std::size_t size : {0u, 1u, 2u, 3u, 4u, 100u, 254u, 255u}) {
+    AncPacket packet;
+    packet.line = 1234;
+    for (std::size_t i = 0; i < size; ++i) packet.userData.push_back(static_cast<std::uint8_t>(i));
+    const Bytes bytes = PackAnc(packet);
+    EXPECT_EQ(bytes.size() % 4, 0u);
+    const UnpackedAnc back = UnpackAnc(bytes);
+    EXPECT_EQ(back.state, AncState::kGood);
+    EXPECT_EQ(back.size, bytes.size());
+    EXPECT_EQ(back.packet.did, 0x44);
+    EXPECT_EQ(back.packet.sdid, 0x04);
+    EXPECT_EQ(back.packet.line, 1234);
+    EXPECT_EQ(back.packet.userData, packet.userData);
+  }
+}
+
+TEST(Anc, Every_flipped_bit_of_a_word_is_noticed) {
+  AncPacket packet;
+  packet.userData = {1, 2, 3, 0x06, 0x0E};
+  const Bytes good = PackAnc(packet);
+  for (std::size_t bit = 32; bit < 32 + 10 * 9; ++bit) {
+    Bytes bad = good;
+    FlipBit(bad, bit);
+    EXPECT_NE(UnpackAnc(bad).state, AncState::kGood) << bit;
+  }
+}
+
+TEST(Anc, A_wrong_parity_bit_9_has_a_right_checksum_and_is_told_apart) {
+  AncPacket packet;
+  packet.userData = {1, 2, 3};
+  Bytes bad = PackAnc(packet);
+  FlipBit(bad, 32 + 3 * 10);  // bit 9 of the first user word, not in the sum
+  EXPECT_EQ(UnpackAnc(bad).state, AncState::kBadParity);
+  bad = PackAnc(packet);
+  FlipBit(bad, 32 + 6 * 10 + 5);
+  EXPECT_EQ(UnpackAnc(bad).state, AncState::kBadChecksum);
+}
+
+TEST(Anc, A_packet_cut_anywhere_is_cut_off) {
+  AncPacket packet;
+  packet.userData = Bytes(20, 0x55);
+  const Bytes bytes = PackAnc(packet);
+  const std::size_t used = (32 + 10 * 24 + 7) / 8;
+  for (std::size_t size = 0; size < bytes.size(); ++size) {
+    const UnpackedAnc cut = UnpackAnc(ByteView(bytes).first(size));
+    EXPECT_EQ(cut.state, size < used ? AncState::kCutOff : AncState::kGood) << size;
+    EXPECT_LE(cut.size, size);
+  }
+}
+
+// --- RTP packets -------------------------------------------------------------------------------------
+
+TEST(Rtp, What_was_packed_unpacks) {
+  const RtpHeader header = {true, 100, 0x12345678, 0x89ABCDEF, 0x01020304, 3};
+  const Bytes anc = PackAnc({});
+  const Bytes packed = PackRtp(header, anc, 1);
+  EXPECT_THAT(ByteView(packed).first(20), ElementsAre(0x80, 0xE4, 0x56, 0x78, 0x89, 0xAB, 0xCD, 0xEF, 1, 2, 3, 4,  //
+                                                      0x12, 0x34, 0, anc.size(), 1, 0xC0, 0, 0));
+  const auto back = UnpackRtp(packed);
+  ASSERT_TRUE(back);
+  EXPECT_TRUE(back->header.marker);
+  EXPECT_EQ(back->header.payloadType, 100);
+  EXPECT_EQ(back->header.sequence, 0x12345678u);
+  EXPECT_EQ(back->header.timestamp, 0x89ABCDEFu);
+  EXPECT_EQ(back->header.source, 0x01020304u);
+  EXPECT_EQ(back->header.field, 3);
+  EXPECT_EQ(back->count, 1);
+  EXPECT_EQ(back->ancPackets, anc);
+}
+
+TEST(Rtp, Padding_extension_and_contributing_sources_are_skipped) {
+  const Bytes anc = PackAnc({});
+  Bytes packet = PackRtp({}, anc, 1);
+  packet.insert(packet.begin() + 12, {9, 9, 9, 9, 8, 8, 8, 8, 0xBE, 0xDE, 0, 1, 7, 7, 7, 7});
+  packet[0] = 0x80 | 0x20 | 0x10 | 2;
+  packet.insert(packet.end(), {0, 0, 3});
+  const auto back = UnpackRtp(packet);
+  ASSERT_TRUE(back);
+  EXPECT_EQ(back->ancPackets, anc);
+}
+
+TEST(Rtp, Other_and_cut_datagrams_are_refused) {
+  const Bytes packet = PackRtp({}, PackAnc({}), 1);
+  for (std::size_t size = 0; size < packet.size(); ++size) EXPECT_FALSE(UnpackRtp(ByteView(packet).first(size)));
+  Bytes bad = packet;
+  bad[0] = 0x40;  // version
+  EXPECT_FALSE(UnpackRtp(bad));
+  bad = packet;
+  bad[17] = 0x40;  // field 1 does not exist
+  EXPECT_FALSE(UnpackRtp(bad));
+  for (const int padding : {0, 255}) {
+    bad = packet;
+    bad[0] |= 0x20;
+    bad.back() = static_cast<std::uint8_t>(padding);
+    EXPECT_FALSE(UnpackRtp(bad));
+  }
+  bad = packet;
+  bad[0] |= 0x10;
+  EXPECT_FALSE(UnpackRtp(bad));
+}
+
+// --- the whole way -----------------------------------------------------------------------------------
+
+class StreamTest : public testing::Test {
+ protected:
+  std::vector<Bytes> Frame(const std::vector<Bytes>& messages, std::uint32_t timestamp) {
+    header.timestamp = timestamp;
+    return PackFrame(messages, header, &sequence, &number);
+  }
+  void Take(const std::vector<Bytes>& packets) {
+    for (const Bytes& packet : packets) receiver.Take(packet, now);
+  }
+  const Counts& Seen() { return receiver.Seen(); }
+
+  RtpHeader header;
+  std::uint32_t sequence = 0xFFF0;
+  std::uint8_t number = 250;
+  std::int64_t now = 1;
+  std::vector<StampedKlv> got;
+  Receiver receiver{[this](const StampedKlv& message) { got.push_back(message); }};
+};
+
+TEST_F(StreamTest, Messages_of_every_size_arrive_with_their_time) {
+  const std::size_t sizes[] = {0, 1, 100, 230, 235, 236, 237, 488, 489, 1000, 4096, 65'535};
+  std::uint32_t timestamp = 1000;
+  for (const std::size_t size : sizes) Take(Frame({Klv(size)}, timestamp += 3600));
+  ASSERT_THAT(got, SizeIs(std::size(sizes)));
+  timestamp = 1000;
+  for (std::size_t i = 0; i < std::size(sizes); ++i) {
+    EXPECT_EQ(got[i].klv, Klv(sizes[i]));
+    EXPECT_EQ(got[i].timestamp, timestamp += 3600);
+  }
+  EXPECT_EQ(Seen().lost + Seen().incomplete + Seen().damaged + Seen().restarts, 0u);
+}
+
+TEST_F(StreamTest, Messages_of_one_frame_share_its_time_and_the_last_packet_has_the_marker) {
+  const auto packets = Frame({Klv(500, 1), Klv(700, 2), Klv(10, 3), Klv(900, 4)}, 77);
+  ASSERT_GT(packets.size(), 1u);
+  for (std::size_t i = 0; i < packets.size(); ++i) {
+    EXPECT_LE(packets[i].size(), 1400u);
+    EXPECT_EQ(UnpackRtp(packets[i])->header.marker, i + 1 == packets.size());
+  }
+  Take(packets);
+  ASSERT_THAT(got, SizeIs(4));
+  for (const StampedKlv& message : got) EXPECT_EQ(message.timestamp, 77u);
+  EXPECT_EQ(got[3].klv, Klv(900, 4));
+}
+
+TEST_F(StreamTest, A_frame_without_messages_is_one_empty_packet) {
+  const auto packets = Frame({}, 5);
+  ASSERT_THAT(packets, SizeIs(1));
+  EXPECT_EQ(packets[0].size(), kRtpHeaderSize);
+  Take(packets);
+  EXPECT_EQ(Seen().damaged, 0u);
+}
+
+TEST_F(StreamTest, Time_goes_on_when_the_32_bits_wrap) {
+  Take(Frame({Klv(1)}, 0xFFFFF000u));
+  Take(Frame({Klv(1)}, 0x00000100u));
+  Take(Frame({Klv(1)}, 0xFFFFFF00u));
+  EXPECT_EQ(got[0].timestamp, 0xFFFFF000u);
+  EXPECT_EQ(got[1].timestamp, 0x1'0000'0100u);
+  EXPECT_EQ(got[2].timestamp, 0xFFFFFF00u);
+}
+
+TEST_F(StreamTest, A_time_before_the_beginning_stays_in_32_bits) {
+  Take(Frame({Klv(1)}, 16));
+  Take(Frame({Klv(1)}, 0xFFFFFFF0u));
+  EXPECT_EQ(got[1].timestamp, 0xFFFFFFF0u);
+}
+
+TEST_F(StreamTest, A_bad_checksum_drops_its_message_and_reception_goes_on) {
+  auto packets = Frame({Klv(1000)}, 1);
+  packets[0][kRtpHeaderSize + 40] ^= 0x10;
+  Take(packets);
+  Take(Frame({Klv(20)}, 2));
+  ASSERT_THAT(got, SizeIs(1));
+  EXPECT_EQ(got[0].klv, Klv(20));
+  EXPECT_EQ(Seen().badChecksums, 1u);
+  EXPECT_EQ(Seen().incomplete, 1u);
+}
+
+TEST_F(StreamTest, A_lost_packet_costs_its_messages_only) {
+  std::vector<Bytes> packets;
+  for (std::uint32_t i = 0; i < 100; ++i) {
+    for (Bytes& packet : Frame({Klv(50 + i)}, i)) packets.push_back(std::move(packet));
+  }
+  ASSERT_THAT(packets, SizeIs(100));
+  packets.erase(packets.begin() + 40, packets.begin() + 42);
+  Take(packets);
+  EXPECT_THAT(got, SizeIs(98));
+  EXPECT_EQ(Seen().lost, 2u);
+  EXPECT_EQ(Seen().incomplete, 0u);
+}
+
+TEST_F(StreamTest, A_message_with_any_one_part_missing_is_counted_once) {
+  Take(Frame({Klv(3)}, 0));
+  got.clear();
+  for (std::size_t missing = 0; missing < 4; ++missing) {
+    auto packets = Frame({Klv(4000)}, 1);
+    ASSERT_THAT(packets, SizeIs(4));
+    packets.erase(packets.begin() + static_cast<std::ptrdiff_t>(missing));
+    Take(packets);
+    now += RtpOrder::kPatience;
+    receiver.Pass(now);
+    Take(Frame({Klv(3)}, 2));
+    now += RtpOrder::kPatience;
+    receiver.Pass(now);
+    EXPECT_EQ(Seen().incomplete, missing + 1);
+    EXPECT_EQ(Seen().lost, missing + 1);
+    ASSERT_THAT(got, SizeIs(missing + 1));
+    EXPECT_EQ(got.back().klv, Klv(3));
+  }
+}
+
+TEST_F(StreamTest, Packets_out_of_order_are_put_right) {
+  std::mt19937 random(1);
+  std::vector<Bytes> packets;
+  for (std::uint32_t i = 0; i < 200; ++i) {
+    for (Bytes& packet : Frame({Klv(2000 + i)}, i)) packets.push_back(std::move(packet));
+  }
+  for (std::size_t i = 1; i + 8 < packets.size(); i += 8) {
+    std::shuffle(packets.begin() + static_cast<std::ptrdiff_t>(i), packets.begin() + static_cast<std::ptrdiff_t>(i) + 8,
+                 random);
+  }
+  Take(packets);
+  ASSERT_THAT(got, SizeIs(200));
+  for (std::size_t i = 0; i < 200; ++i) {
+    EXPECT_EQ(got[i].klv, Klv(2000 + i));
+    EXPECT_EQ(got[i].timestamp, i);
+  }
+  EXPECT_GT(Seen().reordered, 20u);
+  EXPECT_EQ(Seen().lost + Seen().late + Seen().incomplete, 0u);
+}
+
+TEST_F(StreamTest, A_missing_packet_is_waited_for_and_then_given_up) {
+  Take(Frame({Klv(1)}, 1));
+  const auto missing = Frame({Klv(2)}, 2);
+  Take(Frame({Klv(3)}, 3));
+  EXPECT_TRUE(receiver.IsWaiting());
+  EXPECT_THAT(got, SizeIs(1));
+  receiver.Pass(now + RtpOrder::kPatience - 1);
+  EXPECT_THAT(got, SizeIs(1));
+  receiver.Pass(now + RtpOrder::kPatience);
+  EXPECT_THAT(got, SizeIs(2));
+  EXPECT_FALSE(receiver.IsWaiting());
+  Take(missing);
+  EXPECT_THAT(got, SizeIs(2));
+  EXPECT_EQ(Seen().late, 1u);
+}
+
+TEST_F(StreamTest, Repeated_packets_are_dropped) {
+  const auto packets = Frame({Klv(3000)}, 1);
+  for (const Bytes& packet : packets) Take({packet, packet});
+  EXPECT_THAT(got, SizeIs(1));
+  EXPECT_EQ(Seen().late, packets.size());
+  Frame({Klv(1)}, 2);
+  const auto waiting = Frame({Klv(1)}, 3);
+  Take(waiting);
+  Take(waiting);
+  EXPECT_EQ(Seen().late, packets.size() + 1);
+}
+
+TEST_F(StreamTest, A_sender_that_starts_anew_is_followed_at_once) {
+  auto packets = Frame({Klv(3000)}, 1);
+  packets.pop_back();
+  Take(packets);
+  header.source = 99;
+  sequence = 5;
+  Take(Frame({Klv(7)}, 2));
+  sequence = 500'000;
+  Take(Frame({Klv(8)}, 3));
+  ASSERT_THAT(got, SizeIs(2));
+  EXPECT_EQ(Seen().restarts, 2u);
+  EXPECT_EQ(Seen().incomplete, 1u);
+  EXPECT_EQ(Seen().lost, 0u);
+}
+
+TEST_F(StreamTest, The_sequence_number_wraps_after_32_bits) {
+  sequence = 0xFFFFFFFE;
+  for (std::uint32_t i = 0; i < 5; ++i) Take(Frame({Klv(i)}, i));
+  EXPECT_THAT(got, SizeIs(5));
+  EXPECT_EQ(Seen().lost + Seen().restarts + Seen().late, 0u);
+}
+
+TEST_F(StreamTest, Other_ancillary_packets_are_passed_over) {
+  AncPacket captions;
+  captions.did = 0x61;
+  captions.sdid = 0x01;
+  captions.userData = {1, 2, 3};
+  Bytes payload = PackAnc(captions);
+  for (const AncPacket& packet : SplitKlv(Klv(9), 1)) {
+    const Bytes anc = PackAnc(packet);
+    payload.insert(payload.end(), anc.begin(), anc.end());
+  }
+  receiver.Take(PackRtp(header, payload, 2), now);
+  EXPECT_THAT(got, SizeIs(1));
+}
+
+TEST_F(StreamTest, Bytes_behind_the_message_are_no_part_of_it) {
+  Bytes klv = Klv(9);
+  klv.insert(klv.end(), {0, 0, 0, 0});
+  Take(Frame({klv}, 1));
+  ASSERT_THAT(got, SizeIs(1));
+  EXPECT_EQ(got[0].klv, Klv(9));
+}
+
+TEST_F(StreamTest, What_is_no_klv_is_damaged) {
+  Take(Frame({Bytes(600, 0x11), Klv(9)}, 1));
+  AncPacket tiny;
+  tiny.userData = {1, 0};
+  receiver.Take(PackRtp({false, 112, sequence++, 1, 0, 0}, PackAnc(tiny), 1), now);
+  receiver.Take(PackRtp({false, 112, sequence++, 1, 0, 0}, PackAnc(tiny), 2), now);
+  EXPECT_THAT(got, SizeIs(1));
+  EXPECT_EQ(Seen().damaged, 4u);  // the message, two tiny packets, one that is not there
+  EXPECT_EQ(Seen().incomplete, 0u);
+}
+
+TEST_F(StreamTest, Random_and_damaged_datagrams_do_no_harm) {
+  std::mt19937 random(7);
+  for (int i = 0; i < 3000; ++i) {
+    auto packets = Frame({Klv(random() % 3000), Klv(random() % 300)}, static_cast<std::uint32_t>(random()));
+    for (Bytes& packet : packets) {
+      for (auto flips = random() % 3; flips > 0; --flips) FlipBit(packet, random() % (packet.size() * 8));
+      if (random() % 10 == 0) packet.resize(random() % packet.size());
+      if (random() % 10 != 0) receiver.Take(packet, now);
+      now += 1'000'000;
+    }
+    Bytes noise(random() % 200);
+    for (std::uint8_t& byte : noise) byte = static_cast<std::uint8_t>(random());
+    if (!noise.empty()) noise[0] = static_cast<std::uint8_t>(0x80 | noise[0] % 64);
+    receiver.Take(noise, now);
+  }
+  for (const StampedKlv& message : got) EXPECT_EQ(SizeOfKlv(message.klv).size, message.klv.size());
+  EXPECT_GT(got.size(), 500u);
+}
+
+}  // namespace

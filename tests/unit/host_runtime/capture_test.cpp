@@ -1,0 +1,422 @@
+// The capture of video inputs: local sockets, ancillary streams over loopback, and media files.
+#include "capture.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <optional>
+
+#include "anc_klv.h"
+#include "media_file.h"
+#include "runtime_test.h"
+
+namespace {
+
+using anc_klv::Bytes;
+using testing::Each;
+using testing::ElementsAre;
+using testing::Ge;
+using testing::HasSubstr;
+using testing::SizeIs;
+using Kind = HostCaptureConfig::Kind;
+
+Bytes Klv(std::size_t size, std::uint8_t fill = 0) {
+  Bytes klv = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01, 0x0E, 0x01, 0x03, 0x01, 0x01, 0, 0, 0};
+  klv.insert(klv.end(), {0x82, static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size)});
+  klv.insert(klv.end(), size, fill);
+  return klv;
+}
+
+struct Packet {
+  Bytes klv;
+  UINT64 timestamp;
+  std::chrono::steady_clock::time_point when;
+};
+
+class CaptureTest : public RuntimeTest {
+ protected:
+  ~CaptureTest() override {
+    for (int input = 0; input < 4; ++input) KLVCAPTURE_Stop(input);
+    if (sender >= 0) close(sender);
+  }
+
+  bool Start(int input) {
+    VIDEO_EXTRACTOR extractor = {-1, 0};
+    const bool started = KLVCAPTURE_Start(input, &extractor) != FALSE;
+    EXPECT_EQ(extractor.iFD >= 0, started);
+    fd = extractor.iFD;
+    return started;
+  }
+  std::optional<Packet> Get(int room = 4101) {
+    Packet packet = {Bytes(static_cast<std::size_t>(std::max(room, 0))), 0, {}};
+    int length = room;
+    if (!KLVCAPTURE_GetKLV(fd, packet.klv.data(), &length, &packet.timestamp)) return {};
+    packet.when = std::chrono::steady_clock::now();
+    packet.klv.resize(static_cast<std::size_t>(length));
+    return packet;
+  }
+  bool Readable(int milliseconds = 0) {
+    pollfd wait = {fd, POLLIN, 0};
+    return poll(&wait, 1, milliseconds) == 1;
+  }
+  // As many packets, each within ten seconds.
+  std::vector<Packet> GetMany(std::size_t count) {
+    std::vector<Packet> packets;
+    while (packets.size() < count && Readable(10'000)) {
+      while (auto packet = Get()) packets.push_back(std::move(*packet));
+    }
+    return packets;
+  }
+
+  // A datagram to the local socket.
+  void SendLocal(const std::string& path, UINT64 timestamp, const Bytes& klv) {
+    Bytes datagram;
+    for (int shift = 56; shift >= 0; shift -= 8) datagram.push_back(static_cast<BYTE>(timestamp >> shift));
+    datagram.insert(datagram.end(), klv.begin(), klv.end());
+    SendRaw(path, datagram);
+  }
+  void SendRaw(const std::string& path, const Bytes& datagram) {
+    if (sender < 0) sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path.c_str(), path.size());
+    ASSERT_EQ(sendto(sender, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+                     sizeof address),
+              static_cast<ssize_t>(datagram.size()));
+  }
+  void SendUdp(USHORT port, const std::vector<Bytes>& datagrams) {
+    if (sender < 0) sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    for (const Bytes& datagram : datagrams) {
+      ASSERT_EQ(sendto(sender, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+                       sizeof address),
+                static_cast<ssize_t>(datagram.size()));
+    }
+  }
+
+  void Configure(int input, Kind kind, const std::string& path, bool loop = false) {
+    config.captures[static_cast<std::size_t>(input)] = {kind, path, loop, "", 0};
+    Apply();
+  }
+
+  int fd = -1;
+  int sender = -1;
+};
+
+// --- the service -------------------------------------------------------------------------------------
+
+TEST_F(CaptureTest, Inputs_that_are_not_configured_or_do_not_exist_cannot_start) {
+  EXPECT_FALSE(Start(0));
+  EXPECT_FALSE(Start(4));
+  EXPECT_FALSE(Start(-1));
+  EXPECT_THAT(Texts("KLVCAPTURE"), ElementsAre("Video input 0 has no capture configured.", "There is no video input 4.",
+                                               "There is no video input -1."));
+  KLVCAPTURE_Stop(0);
+  KLVCAPTURE_Stop(7);
+  fd = 0;
+  EXPECT_FALSE(Get());
+  fd = -1;
+  EXPECT_FALSE(Get());
+  EXPECT_EQ(HostRuntime_CaptureStats(9).packets, 0u);
+}
+
+// --- local sockets -----------------------------------------------------------------------------------
+
+TEST_F(CaptureTest, A_local_socket_gives_packets_with_their_time_and_wakes_as_long_as_any_waits) {
+  const std::string path = Folder() + "/klv";
+  Configure(2, Kind::kSocket, path);
+  ASSERT_TRUE(Start(2));
+  EXPECT_FALSE(Readable());
+  EXPECT_FALSE(Get());
+  SendLocal(path, 0x1122334455667788, Klv(10, 1));
+  SendLocal(path, 1, Klv(4078, 2));
+  ASSERT_TRUE(Eventually([] { return HostRuntime_CaptureStats(2).packets == 2; }));
+  EXPECT_TRUE(Readable());
+  auto packet = Get();
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->klv, Klv(10, 1));
+  EXPECT_EQ(packet->timestamp, 0x1122334455667788u);
+  EXPECT_TRUE(Readable());
+  packet = Get();
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->klv.size(), 4097u);
+  EXPECT_FALSE(Readable());
+  EXPECT_FALSE(Get());
+  EXPECT_EQ(HostRuntime_CaptureStats(2).taken, 2u);
+  KLVCAPTURE_Stop(2);
+  EXPECT_EQ(HostRuntime_CaptureStats(2).bytes, 29u + 4097u);
+  struct stat status;
+  EXPECT_NE(lstat(path.c_str(), &status), 0);
+}
+
+TEST_F(CaptureTest, A_packet_larger_than_the_room_is_dropped_and_the_next_one_taken) {
+  const std::string path = Folder() + "/klv";
+  Configure(0, Kind::kSocket, path);
+  ASSERT_TRUE(Start(0));
+  SendLocal(path, 1, Klv(4083));
+  SendLocal(path, 2, Klv(4082));
+  ASSERT_TRUE(Eventually([] { return HostRuntime_CaptureStats(0).packets == 2; }));
+  const auto packet = Get(4101);
+  ASSERT_TRUE(packet);
+  EXPECT_EQ(packet->timestamp, 2u);
+  EXPECT_EQ(packet->klv.size(), 4101u);
+  EXPECT_EQ(HostRuntime_CaptureStats(0).oversized, 1u);
+  EXPECT_THAT(Texts("KLVCAPTURE"),
+              ElementsAre("Video input 0: KLV packet of 4102 bytes dropped, there is room for 4101."));
+}
+
+TEST_F(CaptureTest, Datagrams_too_short_or_too_long_are_dropped) {
+  const std::string path = Folder() + "/klv";
+  Configure(0, Kind::kSocket, path);
+  ASSERT_TRUE(Start(0));
+  SendRaw(path, {});
+  SendRaw(path, Bytes(8));
+  SendRaw(path, Bytes(65'563));
+  SendLocal(path, 7, {9});
+  const auto packets = GetMany(1);
+  ASSERT_THAT(packets, SizeIs(1));
+  EXPECT_THAT(packets[0].klv, ElementsAre(9));
+  EXPECT_EQ(HostRuntime_CaptureStats(0).damaged, 3u);
+}
+
+TEST_F(CaptureTest, A_full_queue_drops_and_counts) {
+  const std::string path = Folder() + "/klv";
+  Configure(0, Kind::kSocket, path);
+  ASSERT_TRUE(Start(0));
+  for (UINT64 i = 0; i < 1030; ++i) SendLocal(path, i, Klv(1));
+  ASSERT_TRUE(Eventually([] { return HostRuntime_CaptureStats(0).overflows == 6; }));
+  const auto packets = GetMany(1024);
+  ASSERT_THAT(packets, SizeIs(1024));
+  EXPECT_EQ(packets.back().timestamp, 1023u);
+  EXPECT_THAT(Texts("KLVCAPTURE"), Each(HasSubstr("queue full")));
+}
+
+TEST_F(CaptureTest, A_socket_left_behind_is_replaced_and_any_other_file_is_not) {
+  const std::string path = Folder() + "/klv";
+  const int old = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  memcpy(address.sun_path, path.c_str(), path.size());
+  ASSERT_EQ(bind(old, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  close(old);
+  Configure(0, Kind::kSocket, path);
+  EXPECT_TRUE(Start(0));
+  EXPECT_FALSE(Start(0));  // it is captured already
+  KLVCAPTURE_Stop(0);
+  Configure(0, Kind::kSocket, WriteFile("file", "precious"));
+  EXPECT_FALSE(Start(0));
+  EXPECT_TRUE(std::filesystem::exists(Folder() + "/file"));
+  Configure(0, Kind::kSocket, std::string(200, 'x'));
+  EXPECT_FALSE(Start(0));
+}
+
+TEST_F(CaptureTest, An_input_can_be_started_again_and_again_with_packets_waiting) {
+  const std::string path = Folder() + "/klv";
+  Configure(0, Kind::kSocket, path);
+  for (UINT64 i = 0; i < 20; ++i) {
+    ASSERT_TRUE(Start(0));
+    SendLocal(path, i, Klv(3));
+    if (i % 2 == 0) {
+      EXPECT_THAT(GetMany(1), SizeIs(1));
+    }
+    KLVCAPTURE_Stop(0);
+    EXPECT_FALSE(Get());
+  }
+}
+
+// --- ancillary streams -------------------------------------------------------------------------------
+
+class AncCaptureTest : public CaptureTest {
+ protected:
+  AncCaptureTest() {
+    // A port that is free now.
+    int probe = -1;
+    const BYTE any[4] = {};
+    EXPECT_TRUE(CreateUDPRxSocket(0, any, &probe));
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
+    port = ntohs(address.sin_port);
+    close(probe);
+    config.captures[1] = {Kind::kAnc, "", false, "", port};
+    Apply();
+  }
+  void Send(const std::vector<Bytes>& messages, std::uint32_t timestamp) { SendUdp(port, Frame(messages, timestamp)); }
+  std::vector<Bytes> Frame(const std::vector<Bytes>& messages, std::uint32_t timestamp) {
+    header.timestamp = timestamp;
+    return anc_klv::PackFrame(messages, header, &sequence, &number);
+  }
+
+  USHORT port = 0;
+  anc_klv::RtpHeader header;
+  std::uint32_t sequence = 0;
+  std::uint8_t number = 0;
+};
+
+TEST_F(AncCaptureTest, Messages_come_reassembled_and_stamped) {
+  ASSERT_TRUE(Start(1));
+  Send({Klv(1000, 1), Klv(20, 2)}, 0xFFFFFF00u);
+  Send({Klv(3000, 3)}, 0x100u);
+  const auto packets = GetMany(3);
+  ASSERT_THAT(packets, SizeIs(3));
+  EXPECT_EQ(packets[0].klv, Klv(1000, 1));
+  EXPECT_EQ(packets[0].timestamp, 0xFFFFFF00u);
+  EXPECT_EQ(packets[1].timestamp, 0xFFFFFF00u);
+  EXPECT_EQ(packets[2].klv, Klv(3000, 3));
+  EXPECT_EQ(packets[2].timestamp, 0x1'0000'0100u);
+  EXPECT_THAT(Texts("KLVCAPTURE"), Each(testing::EndsWith("bytes.")));
+}
+
+TEST_F(AncCaptureTest, Losses_reordering_and_bad_checksums_are_logged_counted_and_survived) {
+  config.moduleLevels["KLVCAPTURE"] = 6;
+  Apply();
+  ASSERT_TRUE(Start(1));
+  Send({Klv(10, 1)}, 1);
+  auto swapped = Frame({Klv(2000, 2)}, 2);
+  std::swap(swapped[0], swapped[1]);
+  SendUdp(port, swapped);
+  auto holed = Frame({Klv(2000, 3)}, 3);
+  holed.erase(holed.begin());
+  SendUdp(port, holed);
+  auto wrong = Frame({Klv(10, 4)}, 4);
+  wrong[0][anc_klv::kRtpHeaderSize + 12] ^= 0x04;
+  SendUdp(port, wrong);
+  SendUdp(port, {Bytes(5, 0x80)});
+  Send({Klv(10, 5)}, 5);
+  const auto packets = GetMany(3);
+  ASSERT_THAT(packets, SizeIs(3));
+  EXPECT_EQ(packets[1].klv, Klv(2000, 2));
+  EXPECT_EQ(packets[2].klv, Klv(10, 5));
+  ASSERT_TRUE(Eventually([] { return HostRuntime_CaptureStats(1).incomplete == 1; }));
+  const HostCaptureStats stats = HostRuntime_CaptureStats(1);
+  EXPECT_EQ(stats.lostPackets, 1u);
+  EXPECT_EQ(stats.reordered, 1u);
+  EXPECT_EQ(stats.badChecksums, 1u);
+  EXPECT_EQ(stats.damaged, 1u);
+  KLVCAPTURE_Stop(1);
+  EXPECT_THAT(Texts("KLVCAPTURE"),
+              testing::UnorderedElementsAre("Video input 1: 1 RTP packets came out of order.",
+                                            "Video input 1: 1 RTP packets lost.",
+                                            "Video input 1: 1 ancillary packets with a wrong checksum.",
+                                            "Video input 1: 1 damaged packets or messages dropped.",
+                                            "Video input 1: 1 incomplete KLV messages dropped."));
+}
+
+TEST_F(AncCaptureTest, A_port_in_use_fails_to_start) {
+  const BYTE any[4] = {};
+  int taken = -1;
+  ASSERT_TRUE(CreateUDPRxSocket(port, any, &taken));
+  EXPECT_FALSE(Start(1));
+  close(taken);
+  config.captures[1].address = "nonsense";
+  Apply();
+  EXPECT_FALSE(Start(1));
+  EXPECT_THAT(Texts("KLVCAPTURE").back(), HasSubstr("\"nonsense\" is no IPv4 address"));
+}
+
+// --- media files -------------------------------------------------------------------------------------
+
+class MediaCaptureTest : public CaptureTest {
+ protected:
+  std::string WriteMedia(const std::vector<MediaPacket>& packets) {
+    const std::string path = Folder() + "/klv.ts";
+    WriteTransportStream(path, packets);
+    return path;
+  }
+};
+
+TEST_F(MediaCaptureTest, A_file_plays_in_real_time_with_its_own_timestamps) {
+  config.moduleLevels["KLVCAPTURE"] = 5;
+  Configure(0, Kind::kMedia,
+            WriteMedia({{90'000, Klv(30, 1)}, {90'000, Klv(600, 2)}, {93'600, Klv(30, 3)}, {108'000, Klv(30, 4)}}));
+  ASSERT_TRUE(Start(0));
+  const auto packets = GetMany(4);
+  ASSERT_THAT(packets, SizeIs(4));
+  EXPECT_EQ(packets[0].klv, Klv(30, 1));
+  EXPECT_EQ(packets[1].klv, Klv(600, 2));
+  const UINT64 first = packets[0].timestamp;
+  EXPECT_EQ(packets[1].timestamp, first);
+  EXPECT_EQ(packets[2].timestamp, first + 3'600);
+  EXPECT_EQ(packets[3].timestamp, first + 18'000);
+  EXPECT_GE(packets[3].when - packets[0].when, std::chrono::milliseconds(150));
+  EXPECT_LE(packets[2].when - packets[0].when, std::chrono::milliseconds(5'000));
+  ASSERT_TRUE(Eventually([&] { return !Texts("KLVCAPTURE").empty(); }));
+  EXPECT_THAT(Texts("KLVCAPTURE"),
+              ElementsAre("Video input 0: end of \"" + Folder() + "/klv.ts\" after 4 KLV packets."));
+  EXPECT_FALSE(Readable());
+}
+
+TEST_F(MediaCaptureTest, A_looped_file_goes_on_counting) {
+  Configure(0, Kind::kMedia, WriteMedia({{90'000, Klv(30, 1)}, {93'600, Klv(30, 2)}}), true);
+  ASSERT_TRUE(Start(0));
+  const auto packets = GetMany(6);
+  ASSERT_THAT(packets, SizeIs(Ge(6u)));
+  for (std::size_t i = 1; i < 6; ++i) {
+    EXPECT_EQ(packets[i].timestamp - packets[i - 1].timestamp, 3'600u) << i;
+    EXPECT_EQ(packets[i].klv, packets[i % 2].klv);
+  }
+  EXPECT_GE(packets[5].when - packets[0].when, std::chrono::milliseconds(150));
+}
+
+TEST_F(MediaCaptureTest, A_packet_may_hold_several_messages_and_damaged_ones_are_dropped) {
+  Bytes two = Klv(30, 1);
+  const Bytes second = Klv(40, 2);
+  two.insert(two.end(), second.begin(), second.end());
+  Bytes half = Klv(30, 3);
+  half.resize(40);
+  Bytes behindHeader = {0x00, 0x01, 0xDF, 0x00, 0x31};
+  const Bytes wrapped = Klv(30, 5);
+  behindHeader.insert(behindHeader.end(), wrapped.begin(), wrapped.end());
+  Configure(0, Kind::kMedia,
+            WriteMedia({{90'000, two}, {90'900, half}, {91'800, Bytes(50, 0x22)}, {92'700, behindHeader}}));
+  ASSERT_TRUE(Start(0));
+  const auto packets = GetMany(3);
+  ASSERT_THAT(packets, SizeIs(3));
+  EXPECT_EQ(packets[0].klv, Klv(30, 1));
+  EXPECT_EQ(packets[1].klv, second);
+  EXPECT_EQ(packets[0].timestamp, packets[1].timestamp);
+  EXPECT_EQ(packets[2].klv, wrapped);
+  EXPECT_EQ(HostRuntime_CaptureStats(0).damaged, 2u);
+}
+
+TEST_F(MediaCaptureTest, Files_that_cannot_be_read_or_are_no_media_are_logged) {
+  config.moduleLevels["KLVCAPTURE"] = 3;
+  Configure(0, Kind::kMedia, Folder() + "/none.ts");
+  EXPECT_FALSE(Start(0));
+  EXPECT_THAT(Texts("KLVCAPTURE"),
+              ElementsAre("Video input 0: cannot read \"" + Folder() + "/none.ts\": No such file or directory."));
+  Configure(1, Kind::kMedia, WriteFile("noise.ts", "this is no media file at all"));
+  EXPECT_TRUE(Start(1));
+  ASSERT_TRUE(Eventually([&] { return Texts("KLVCAPTURE").size() == 2; }));
+  EXPECT_THAT(Texts("KLVCAPTURE")[1], HasSubstr("Video input 1: cannot open"));
+  EXPECT_EQ(HostRuntime_CaptureStats(1).damaged, 1u);
+}
+
+TEST_F(MediaCaptureTest, A_long_wait_ends_at_once_when_the_capture_stops) {
+  Configure(0, Kind::kMedia, WriteMedia({{90'000, Klv(30, 1)}, {90'000 * 30, Klv(30, 2)}}));
+  ASSERT_TRUE(Start(0));
+  EXPECT_THAT(GetMany(1), SizeIs(1));
+  const auto begin = std::chrono::steady_clock::now();
+  KLVCAPTURE_Stop(0);
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
+}
+
+TEST_F(MediaCaptureTest, A_stream_that_is_not_there_is_tried_until_the_capture_stops) {
+  config.moduleLevels["KLVCAPTURE"] = 3;
+  Configure(0, Kind::kMedia, "tcp://127.0.0.1:9");
+  EXPECT_TRUE(Start(0));
+  ASSERT_TRUE(Eventually([&] { return !Texts("KLVCAPTURE").empty(); }));
+  KLVCAPTURE_Stop(0);
+}
+
+}  // namespace
