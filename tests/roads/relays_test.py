@@ -144,5 +144,33 @@ class Relays(Road):
         self.assertGreater(closed["errors"], 0)
         self.assertEqual((good["messages"], good["errors"]), (30, 0))
 
+    def test_a_network_that_goes_away_and_comes_back_costs_only_what_was_sent_meanwhile(self):
+        if not self.isolated:
+            print("without namespaces no network can be taken away: left out", file=sys.stderr)
+            return
+        inside = ("ip", "-n", self.spaces.encoder)
+        log = self.receiver(0, RELAYS[0][0])
+        self.encoder(f"[udp]\ninput = udp\nport = {PORT}\nfamily = ipv4\nrelay1 = {RELAYS[0][0]}:7001\n"
+                     "relay2 = 127.0.0.1:7998\n")
+        self.wait_for_port()
+        self.feed_inside("--count", "10", "--rate", "100")
+        self.settle("udp", 10)
+        run(*inside, "link", "set", "eth0", "down")
+        self.feed_inside("--count", "10", "--rate", "100")
+        self.settle("udp", 20)
+        run(*inside, "link", "set", "eth0", "up")
+        self.feed_inside("--count", "10", "--rate", "100")
+        self.settle("udp", 30)
+        time.sleep(0.5)
+        summary = self.stop()
+        relay = source(summary, "udp")["statistics"]["relays"][0]
+        self.assertEqual(relay["messages"] + relay["errors"], 30)
+        self.assertGreaterEqual(relay["errors"], 10)
+        received = len(log.read_text().splitlines()) - 1
+        self.assertGreaterEqual(received, 10)
+        failures = [line for line in (self.folder / "host.log").read_text().splitlines()
+                    if "Failed to relay" in line and "relay#1/" in line]
+        self.assertEqual(len(failures), 1)
+
 
 road.main()
