@@ -1,0 +1,83 @@
+// A KLV stream decoder whose messages are collected.
+#ifndef DECODER_FIXTURE_H
+#define DECODER_FIXTURE_H
+
+#include <algorithm>
+#include <cstddef>
+#include <memory>
+
+#include "builders.h"
+#include "fake_host.h"
+#include "generic_klv_support.h"
+
+class DecoderTest : public HostTest {
+ protected:
+  void SetUp() override {
+    HostTest::SetUp();
+    ASSERT_TRUE(AllocKlvDecodeContext(&m_pvCtxt, &Collect, this));
+    host().ClearLogs();
+  }
+  void TearDown() override {
+    if (m_pvCtxt != nullptr) FreeKlvDecodeContext(&m_pvCtxt);
+    HostTest::TearDown();
+  }
+
+  KLV_DECODE_CONTEXT& Context() { return *static_cast<KLV_DECODE_CONTEXT*>(m_pvCtxt); }
+  KLV_STATS Stats() {
+    KLV_STATS stats = {};
+    GenericKLV_GetStats(m_pvCtxt, &stats);
+    return stats;
+  }
+  // A new decoder, with nothing of earlier messages in its buffer.
+  void StartOver() {
+    FreeKlvDecodeContext(&m_pvCtxt);
+    AllocKlvDecodeContext(&m_pvCtxt, &Collect, this);
+    m_Messages.clear();
+    m_nFed = 0;
+  }
+
+  // Feeds a chunk from a block of exactly its size, so that a read past its end is seen.
+  void Feed(const Bytes& Chunk) { Feed(Chunk, 0, Chunk.size()); }
+  void Feed(const Bytes& From, size_t nBegin, size_t nEnd) {
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[nEnd - nBegin + 1]);
+    std::copy(From.begin() + static_cast<ptrdiff_t>(nBegin), From.begin() + static_cast<ptrdiff_t>(nEnd),
+              pcExact.get() + 1);
+    EXPECT_EQ(GenericKLV_ProcessRxData(m_pvCtxt, pcExact.get() + 1, static_cast<int>(nEnd - nBegin)), 0);
+    m_nFed += nEnd - nBegin;
+  }
+  // The same in chunks of one size, the first of which may be shorter.
+  void FeedInChunks(const Bytes& Stream, size_t nChunk, size_t nFirst = 0) {
+    size_t nAt = std::min(nFirst, Stream.size());
+    if (nAt > 0) Feed(Stream, 0, nAt);
+    for (; nAt < Stream.size(); nAt += std::min(nChunk, Stream.size() - nAt))
+      Feed(Stream, nAt, std::min(nAt + nChunk, Stream.size()));
+  }
+
+  void ExpectState(int nState, int nStored, Where where = Where::Caller()) {
+    ::testing::ScopedTrace trace(where.file, where.line, "state");
+    EXPECT_EQ(Context().enState, nState);
+    EXPECT_EQ(Context().nStoredAmount, nStored);
+  }
+  // What must hold whatever was fed: all bytes are counted, and so is every message delivered.
+  void ExpectCountersAddUp(Where where = Where::Caller()) {
+    ::testing::ScopedTrace trace(where.file, where.line, "counters");
+    EXPECT_EQ(Stats().nTotalRxBytes, m_nFed);
+    EXPECT_EQ(Stats().nRxOkMessages, m_Messages.size());
+    EXPECT_EQ(Context().Stats.nRxChannel1Messages, 0u);
+  }
+
+  static void Collect(MDATA_BUFFER* pBuff, void* pvUserParam1) {
+    auto* pTest = static_cast<DecoderTest*>(pvUserParam1);
+    pTest->m_Messages.emplace_back(pBuff->pcData, pBuff->pcData + pBuff->nDataSize);
+    pTest->m_pLast = pBuff;
+    if (pTest->m_bKeep) __atomic_add_fetch(&pBuff->nRefCount, 1, __ATOMIC_RELAXED);
+  }
+
+  void* m_pvCtxt = nullptr;
+  std::vector<Bytes> m_Messages;
+  MDATA_BUFFER* m_pLast = nullptr;
+  bool m_bKeep = false;
+  size_t m_nFed = 0;
+};
+
+#endif  // DECODER_FIXTURE_H

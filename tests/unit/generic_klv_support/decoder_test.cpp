@@ -1,0 +1,601 @@
+// The KLV stream decoder: states, discards, time-outs and counters.
+#include "decoder_fixture.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+
+const Bytes kSync = {0x06, 0x0E, 0x2B, 0x34, 0x02};
+
+Bytes Part(const Bytes& Of, size_t nBegin, size_t nEnd = SIZE_MAX) {
+  return {Of.begin() + static_cast<ptrdiff_t>(nBegin), Of.begin() + static_cast<ptrdiff_t>(std::min(nEnd, Of.size()))};
+}
+
+// A good message that differs from its siblings.
+Bytes Numbered(BYTE nNumber) {
+  return UasMessage().Item(2, Bytes(8, nNumber)).Item(15, {0, nNumber}).Checksum().Build();
+}
+
+// A good message of a whole size, with one item and a length field of two bytes. Its content holds no sync pattern.
+Bytes OfValueSize(size_t nValue) {
+  return UasMessage().Item(3, Bytes(nValue, 'x')).Checksum().LengthForm(UasMessage::Length::Long2).Build();
+}
+
+std::vector<std::string> TextsOfLevel(int nLevel) {
+  std::vector<std::string> Texts;
+  for (const LogLine& Line : host().Logs())
+    if (Line.level == nLevel && Line.file == "generic_klv_support") Texts.push_back(Line.text);
+  return Texts;
+}
+
+// --- Contexts --------------------------------------------------------------------------------------------
+
+TEST_F(DecoderTest, NewContextWaitsForAHeaderWithAnEmptyBuffer) {
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+  EXPECT_EQ(Context().pfnRxHandler, &Collect);
+  EXPECT_EQ(Context().pvUserParam1, this);
+  EXPECT_EQ(Context().DecodeBuffer, Context().pDecodeBuffer->pcData);
+  EXPECT_EQ(Context().pNextDecodeBuffer, nullptr);
+  EXPECT_EQ(Stats().nTotalRxBytes + Stats().nRxOkMessages + Stats().nRxCorruptedMessages, 0u);
+}
+
+TEST_F(DecoderTest, WithoutMemoryForTheContextThereIsNone) {
+  void* pvCtxt = this;
+  host().FailNext("calloc");
+  EXPECT_FALSE(AllocKlvDecodeContext(&pvCtxt, &Collect, this));
+  EXPECT_EQ(pvCtxt, nullptr);
+}
+
+TEST_F(DecoderTest, WithoutMemoryForTheBufferTheContextIsDeaf) {
+  void* pvCtxt = nullptr;
+  host().FailNext("calloc", {.skip = 1});
+  EXPECT_TRUE(AllocKlvDecodeContext(&pvCtxt, &Collect, this));
+  ExpectAssertion("AllocBuffer(65536, &pCtxt->pDecodeBuffer)");
+  const Bytes Message = WellFormedMessage();
+  EXPECT_EQ(GenericKLV_ProcessRxData(pvCtxt, Message.data(), static_cast<int>(Message.size())), 0);
+  EXPECT_EQ(GenericKLV_GetStatsPtr(pvCtxt)->nTotalRxBytes, Message.size());
+  EXPECT_TRUE(m_Messages.empty());
+  EXPECT_TRUE(FreeKlvDecodeContext(&pvCtxt));
+  EXPECT_EQ(pvCtxt, nullptr);
+}
+
+TEST_F(DecoderTest, FreeingNothingAsserts) {
+  EXPECT_FALSE(FreeKlvDecodeContext(nullptr));
+  ExpectAssertion("ppvContext != NULL");
+  void* pvNone = nullptr;
+  EXPECT_FALSE(FreeKlvDecodeContext(&pvNone));
+  ExpectAssertion("*ppvContext != NULL");
+}
+
+// --- Statistics ------------------------------------------------------------------------------------------
+
+TEST_F(DecoderTest, StatisticsLeaveTheChannelCounterToTheCaller) {
+  *GenericKLV_GetStatsPtr(m_pvCtxt) = {1, 2, 3, 4};
+  KLV_STATS Got = {70, 70, 70, 70};
+  EXPECT_TRUE(GenericKLV_GetStats(m_pvCtxt, &Got));
+  EXPECT_EQ(Got.nTotalRxBytes, 1u);
+  EXPECT_EQ(Got.nRxOkMessages, 2u);
+  EXPECT_EQ(Got.nRxChannel1Messages, 70u);
+  EXPECT_EQ(Got.nRxCorruptedMessages, 4u);
+  GenericKLV_ResetStats(m_pvCtxt);
+  EXPECT_EQ(Context().Stats.nTotalRxBytes + Context().Stats.nRxOkMessages + Context().Stats.nRxCorruptedMessages, 0u);
+  EXPECT_EQ(Context().Stats.nRxChannel1Messages, 3u);
+}
+
+TEST_F(DecoderTest, StatisticsAreLoadedFromThoseOfTheSource) {
+  MDATA_SRC_STATS Source = {};
+  Source.nRxBytes = 100;
+  Source.prot.KLV.nRxUASMessages = 9;
+  Source.nRxOkMessages = 10;
+  Source.nRxCorruptMessages = 1;
+  GenericKLV_SetStats(m_pvCtxt, &Source);
+  const KLV_STATS& Now = *GenericKLV_GetStatsPtr(m_pvCtxt);
+  EXPECT_EQ(Now.nTotalRxBytes, 100u);
+  EXPECT_EQ(Now.nRxOkMessages, 10u);
+  EXPECT_EQ(Now.nRxChannel1Messages, 0u);
+  EXPECT_EQ(Now.nRxCorruptedMessages, 1u);
+}
+
+// --- Whole messages --------------------------------------------------------------------------------------
+
+TEST_F(DecoderTest, MessageInOneChunkTellsEveryStep) {
+  const Bytes Message = UasMessage().Item(5, {1, 2}).Checksum().Build();
+  Feed(Message);
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  EXPECT_THAT(
+      TextsOfLevel(7),
+      ElementsAre("Received data in SCANNING_FOR_HEADER state\n", "ScanForPattern returned 5\n",
+                  "Got the start pattern\n", "Stored message start time 1704164645.0\n",
+                  "LocalTAGFieldSize=-1 , LengthFieldSize=0 for registry designator 0x0B.\n",
+                  "Header length field is 1 byte long\n", "Message size is 25.\n",
+                  "Buffer Space for data is 65567 bytes.\n", "Got the full message\n",
+                  "Called with nHeaderSize=17, nMsgSize=25\n",
+                  "KLV at offset 17 has key=5 (1 bytes) len=2 (1 bytes) total=4.\n",
+                  "KLV at offset 21 has key=1 (1 bytes) len=2 (1 bytes) total=4.\n", "Integrity item located.\n",
+                  "Calculated checksum matches KLV value.\n", "Validator accepted message.\n", "Message is OK.\n"));
+  ExpectDump(7, "Sync Pattern", kSync);
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+  ExpectCountersAddUp();
+}
+
+TEST_F(DecoderTest, MessageComesInABufferOfItsOwnWithAReserve) {
+  m_bKeep = true;
+  const Bytes Message = WellFormedMessage();
+  Feed(Message);
+  ASSERT_EQ(m_Messages.size(), 1u);
+  EXPECT_EQ(m_pLast->nRefCount, 1);  // the one the handler took
+  EXPECT_EQ(m_pLast->pcData - static_cast<BYTE*>(m_pLast->pvAllocPtr),
+            static_cast<ptrdiff_t>(sizeof(MDATA_BUFFER)) + 5);
+  EXPECT_EQ(Bytes(m_pLast->pcData - 5, m_pLast->pcData), Bytes(5, 0));
+  EXPECT_EQ(Context().pDecodeBuffer->nDataSize, static_cast<int>(Message.size()));
+  DoReleaseBuffer(&m_pLast);
+}
+
+TEST_F(DecoderTest, KeptMessageOutlivesTheNext) {
+  m_bKeep = true;
+  Feed(Numbered(1));
+  MDATA_BUFFER* pKept = m_pLast;
+  m_bKeep = false;
+  Feed(Numbered(2));
+  EXPECT_EQ(Bytes(pKept->pcData, pKept->pcData + pKept->nDataSize), Numbered(1));
+  DoReleaseBuffer(&pKept);
+}
+
+TEST_F(DecoderTest, GarbageBehindAMessageIsScannedAndDropped) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Message + Hex("AA BB CC"));
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  ExpectLog(7, "RECEIVED 3 EXTRA BYTE\n");
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+}
+
+TEST_F(DecoderTest, GarbageInFrontOfAMessageIsDropped) {
+  Feed(Hex("06 0E 2B 06 AA") + Numbered(1));
+  EXPECT_THAT(m_Messages, ElementsAre(Numbered(1)));
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 0u);
+}
+
+TEST_F(DecoderTest, ChunkWithoutASyncPatternIsDropped) {
+  Feed(Hex("01 02 03"));
+  ExpectLog(7, "ScanForPattern returned 0\n");
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+  ExpectCountersAddUp();
+}
+
+TEST_F(DecoderTest, TwoMessagesInOneChunkComeInTheirOrder) {
+  const Bytes Second = Numbered(2);
+  Feed(Numbered(1) + Second);
+  EXPECT_THAT(m_Messages, ElementsAre(Numbered(1), Second));
+  ExpectLog(7, "RECEIVED " + std::to_string(Second.size()) + " EXTRA BYTE\n");
+  ExpectLog(7, "Stored amount = " + std::to_string(Second.size()) + ", match offset=0\n");
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+  ExpectCountersAddUp();
+}
+
+TEST_F(DecoderTest, MessageWithoutItemsIsAMessage) {
+  const Bytes Empty = UasMessage().Build();
+  Feed(Empty);
+  EXPECT_THAT(m_Messages, ElementsAre(Empty));
+}
+
+// --- Messages in pieces ----------------------------------------------------------------------------------
+
+TEST_F(DecoderTest, SyncPatternCutOffAtTheEndOfAChunkIsCompleted) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 3));
+  ExpectLog(7, "Switching to IN_PARTIAL_SYNC state\n");
+  ExpectState(KLV_STATE_IN_PARTIAL_SYNC, 3);
+  Feed(Part(Message, 3));
+  ExpectLog(7, "Received data in IN_PARTIAL_SYNC state\n");
+  ExpectLog(7, "FULL SYNC achieved\n");
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+}
+
+TEST_F(DecoderTest, SyncPatternMayComeByteByByte) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 1));
+  Feed(Part(Message, 1, 2));
+  ExpectLog(7, "Staying in IN_PARTIAL_SYNC state\n");
+  Feed(Part(Message, 2, 4));
+  ExpectLog(7, "Staying in IN_PARTIAL_SYNC state\n");
+  ExpectState(KLV_STATE_IN_PARTIAL_SYNC, 4);
+  Feed(Part(Message, 4));
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+}
+
+TEST_F(DecoderTest, PartialSyncThatDoesNotGoOnIsDroppedAndTheChunkScanned) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(kSync, 0, 3));
+  Feed(Hex("34 AA") + Message);
+  ExpectLog(7, "No match comparing 2 bytes, stored amount=3 re-scanning\n");
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 0u);
+  Feed(Part(kSync, 0, 4));
+  Feed(Hex("AA"));
+  ExpectLog(7, "No match comparing 1 bytes, stored amount=4 re-scanning\n");
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+}
+
+TEST_F(DecoderTest, KeyCutOffAtTheEndOfAChunkIsCompleted) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 15));
+  ExpectLog(7, "Got the start pattern\n");
+  ExpectLog(7, "Switching to ACQUIRING_UNIVERSAL_KEY state\n");
+  ExpectState(KLV_STATE_ACQUIRING_UNIVERSAL_KEY, 15);
+  host().ClearLogs();
+  Feed(Part(Message, 15));
+  ExpectLog(7, "Received data in ACQUIRING_LENGTH state\n");  // the text of the next state
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+}
+
+TEST_F(DecoderTest, KeyWithoutItsLengthWaitsForIt) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 16));
+  ExpectLog(7, "Switching to ACQUIRING_DATA_LENGTH state\n");
+  ExpectState(KLV_STATE_ACQUIRING_DATA_LENGTH, 16);
+  host().Advance(250);
+  Feed(Part(Message, 16));
+  ExpectLog(7, "Current  1704164645.250\n");
+  ExpectLog(7, "Interval 0.250\n");
+  ExpectLog(7, "Received data in ACQUIRING_LENGTH state\n");
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+}
+
+TEST_F(DecoderTest, KeyCompletedByItsLastByteWaitsForTheLength) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 15));
+  Feed(Part(Message, 15, 16));
+  ExpectState(KLV_STATE_ACQUIRING_DATA_LENGTH, 16);
+  Feed(Part(Message, 16));
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+}
+
+TEST_F(DecoderTest, LongFormCutInsideItsBytesWaitsForThem) {
+  const Bytes Message = OfValueSize(300);
+  Feed(Part(Message, 0, 18));
+  ExpectLog(7, "Header length field is 2 bytes long\n");
+  ExpectLog(7, "Stored amount 18 is less than header size of 19, switching to ACQUIRING_DATA_LENGTH\n");
+  ExpectState(KLV_STATE_ACQUIRING_DATA_LENGTH, 18);
+  Feed(Part(Message, 18));
+  ExpectLog(7, "Data length for 2 bytes BER long form is 308\n");
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+}
+
+TEST_F(DecoderTest, BodyInPiecesIsGathered) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 20));
+  ExpectLog(7, "Stored amount 20 is less than message size of " + std::to_string(Message.size()) +
+                   ", switching to ACQUIRING_DATA\n");
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 20);
+  Feed(Part(Message, 20, 21));
+  ExpectLog(7, "Received data in GATHERING_DATA state\n");
+  Feed(Part(Message, 21) + Numbered(2));
+  EXPECT_THAT(m_Messages, ElementsAre(Message, Numbered(2)));
+  ExpectCountersAddUp();
+}
+
+TEST_F(DecoderTest, EmptyChunkIsOnlyNoticedWhileAMessageIsTimed) {
+  const Bytes Message = WellFormedMessage();
+  Feed({});
+  Feed(Part(Message, 0, 2));
+  host().ClearLogs();
+  Feed({});
+  Feed(Part(Message, 2, 10));
+  StartOver();
+  Feed(Part(Message, 0, 10));
+  host().ClearLogs();
+  Feed({});
+  EXPECT_TRUE(host().Logs().empty());
+  ExpectState(KLV_STATE_ACQUIRING_UNIVERSAL_KEY, 10);
+  Feed(Part(Message, 10, 40));
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 40);
+  host().ClearLogs();
+  Feed({});
+  ExpectLog(7, "Interval 0.000\n");
+  host().Advance(501);
+  Feed({});
+  ExpectLog(4, "TIMEOUT waiting for message data\n");
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
+}
+
+// --- Short keys ------------------------------------------------------------------------------------------
+
+TEST_F(DecoderTest, ShortKeyInANewBufferHasAnUnknownDesignator) {
+  Feed(Part(kSync, 0, 3));
+  Feed(Part(kSync, 3));
+  ExpectLog(7, "FULL SYNC achieved\n");
+  ExpectLog(4, "Unrecognized registry designator (0x00).\n");
+  ExpectLog(4, "Invalid registry designator, discarding data.\n");
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+}
+
+TEST_F(DecoderTest, ShortKeyIsReadFromWhatTheBufferHoldsOfTheLastMessage) {
+  const Bytes First = UasMessage().Item(3, Bytes(120, 'x')).Checksum().Build();
+  ASSERT_EQ(First[16], 0x7E);
+  const Bytes Second = Numbered(2);
+  Feed(First);
+  host().ClearLogs();
+  Feed(Part(Second, 0, 4));
+  Feed(Part(Second, 4, 5));
+  ExpectLog(7, "LocalTAGFieldSize=-1 , LengthFieldSize=0 for registry designator 0x0B.\n");
+  ExpectLog(7, "Message size is 143.\n");
+  ExpectLog(7, "Stored amount 5 is less than message size of 143, switching to ACQUIRING_DATA\n");
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 5);
+}
+
+TEST_F(DecoderTest, GuessedLengthIsReadAgainOnceItIsThere) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 7));
+  Feed(Part(Message, 7, 14));
+  ExpectLog(7, "Message size is 17.\n");  // a new buffer holds zeros
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 14);
+  Feed(Part(Message, 14, 16));
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 16);
+  Feed(Part(Message, 16) + Numbered(2));
+  EXPECT_THAT(m_Messages, ElementsAre(Message, Numbered(2)));
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 0u);
+  ExpectCountersAddUp();
+}
+
+TEST_F(DecoderTest, GuessedDesignatorIsReadAgainOnceItIsThere) {
+  const Bytes Fixed = UasMessage().Key(Hex("060E2B34024301010E01030101000000")).Raw(Hex("07 00 01 AA")).Build();
+  Feed(Numbered(1));
+  Feed(Part(Fixed, 0, 2));
+  Feed(Part(Fixed, 2, 5));
+  ExpectLog(7, "LocalTAGFieldSize=-1 , LengthFieldSize=0 for registry designator 0x0B.\n");
+  Feed(Part(Fixed, 5));
+  ExpectLog(7, "LocalTAGFieldSize=1 , LengthFieldSize=2 for registry designator 0x43.\n");
+  EXPECT_THAT(m_Messages, ElementsAre(Numbered(1), Fixed));
+}
+
+TEST_F(DecoderTest, LengthLookedAtByAnEmptyChunkIsReadAgain) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 16));
+  Feed({});
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 16);
+  Feed(Part(Message, 16));
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+}
+
+TEST_F(DecoderTest, ShortKeyKeepsItsStartTime) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 7));
+  Feed(Part(Message, 7, 14));
+  host().Advance(400);
+  Feed(Part(Message, 14, 18));
+  host().Advance(200);
+  Feed(Part(Message, 18));
+  ExpectLog(4, "TIMEOUT waiting for message data\n");
+  EXPECT_TRUE(m_Messages.empty());
+}
+
+// --- Lengths ---------------------------------------------------------------------------------------------
+
+TEST_F(DecoderTest, LongFormOfOneByte) {
+  Feed(UasKey() + Hex("81 C8 02"));
+  EXPECT_EQ(Context().nHeaderSize, 18);
+  EXPECT_EQ(Context().nMsgSize, 218);
+  EXPECT_EQ(Context().nHeaderLengthBytes, 1);
+  ExpectLog(7, "Header length field is 1 bytes long\n");
+  ExpectLog(7, "Data length for 1 byte BER long form is 200\n");
+  ExpectLog(7, "Buffer Space for data is 65566 bytes.\n");
+}
+
+TEST_F(DecoderTest, LongFormOfTwoBytes) {
+  Feed(UasKey() + Hex("82 01 02 02"));
+  EXPECT_EQ(Context().nHeaderSize, 19);
+  EXPECT_EQ(Context().nMsgSize, 19 + 0x102);
+  EXPECT_EQ(Context().nHeaderLengthBytes, 2);
+  ExpectLog(7, "Header length field is 2 bytes long\n");
+  ExpectLog(7, "Data length for 2 bytes BER long form is 258\n");
+  ExpectLog(7, "Buffer Space for data is 65565 bytes.\n");
+}
+
+TEST_F(DecoderTest, EveryOtherLongFormIsDiscarded) {
+  for (int nForm = 0x80; nForm <= 0xFF; nForm++) {
+    if (nForm == 0x81 || nForm == 0x82) continue;
+    StartOver();
+    Feed(UasKey() + Bytes{static_cast<BYTE>(nForm)} + Bytes(130, 0));
+    ExpectLog(4, "Invalid long form length of " + std::to_string(nForm & 0x7F) + " bytes.\n");
+    EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
+    ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+  }
+}
+
+TEST_F(DecoderTest, EveryLengthInEveryFormIsOneMessage) {
+  host().SetLevel("METADATALIB", 0);
+  for (const auto Form : {UasMessage::Length::Shortest, UasMessage::Length::Long1, UasMessage::Length::Long2}) {
+    for (size_t nValue = 0; nValue <= 240; nValue++) {
+      const Bytes Message = UasMessage().Item(3, Bytes(nValue, 'x')).Checksum().LengthForm(Form).Build();
+      StartOver();
+      Feed(Message);
+      ASSERT_THAT(m_Messages, ElementsAre(Message)) << nValue;
+    }
+  }
+}
+
+TEST_F(DecoderTest, LargestMessagePassesTheSpaceTestAndIsDelivered) {
+  const Bytes Message = OfValueSize(65535 - 4 - 4);
+  ASSERT_EQ(Message.size(), 19u + 65535u);
+  Feed(Part(Message, 0, 1000));
+  ExpectLog(7, "Buffer Space for data is 65565 bytes.\n");
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 1000);
+  EXPECT_EQ(Context().nMsgSize, 65554);
+  Feed(Part(Message, 1000));
+  EXPECT_THAT(m_Messages, ElementsAre(Message));
+}
+
+TEST_F(DecoderTest, LargestMessageWithMuchMoreBehindItInOneChunk) {
+  const Bytes Message = OfValueSize(65535 - 4 - 4);
+  Bytes Stream = Part(Message, 0, 65553);
+  Feed(Stream);
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 65553);
+  Feed(Part(Message, 65553) + Message + Numbered(1) + Message + Part(Message, 0, 65000));
+  EXPECT_THAT(m_Messages, ElementsAre(Message, Message, Numbered(1), Message));
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 65000);
+  ExpectCountersAddUp();
+}
+
+TEST_F(DecoderTest, KeyCutByTheSlicesOfALongChunkIsReadWhole) {
+  host().SetLevel("METADATALIB", 0);
+  const Bytes Message = Numbered(1);
+  for (size_t nBefore = 65536 - 40; nBefore <= 65536; nBefore++) {
+    for (const size_t nMore : {size_t{0}, size_t{1}, size_t{20}}) {
+      StartOver();
+      Feed(Bytes(nBefore, 0xAA) + Message + Bytes(nMore, 0xAA));
+      ASSERT_THAT(m_Messages, ElementsAre(Message)) << nBefore << " " << nMore;
+      ASSERT_EQ(Stats().nRxCorruptedMessages, 0u);
+    }
+  }
+}
+
+// --- Designators -----------------------------------------------------------------------------------------
+
+TEST_F(DecoderTest, UnknownDesignatorIsDiscarded) {
+  Bytes Message = WellFormedMessage();
+  Message[5] = 0x06;
+  Feed(Message);
+  ExpectLog(4, "Unrecognized registry designator (0x06).\n");
+  ExpectLog(4, "Invalid registry designator, discarding data.\n");
+  EXPECT_TRUE(m_Messages.empty());
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
+}
+
+TEST_F(DecoderTest, EveryDesignatorIsAcceptedByItsCodingOrDiscarded) {
+  host().SetLevel("METADATALIB", 0);
+  int nAccepted = 0;
+  for (int nDesignator = 0; nDesignator < 256; nDesignator++) {
+    int nTag = 0;
+    int nLength = 0;
+    Bytes Item;
+    const bool bKnown = KLV_GetFieldInfoFromRegistryDesignator(static_cast<BYTE>(nDesignator), &nTag, &nLength);
+    if (nTag == -1) nTag = 1;
+    Item = nTag == 12 ? Bytes{9, 9, 0} : Bytes(static_cast<size_t>(nTag), 9);
+    Item = Item + Bytes(static_cast<size_t>(nLength == 0 ? 0 : nLength - 1), 0) + Bytes{2, 0xAA, 0xBB};
+    Bytes Key = UasKey();
+    Key[5] = static_cast<BYTE>(nDesignator);
+    const Bytes Message = UasMessage().Key(Key).Raw(Item + Item).Build();
+    StartOver();
+    Feed(Message);
+    EXPECT_EQ(m_Messages.size(), bKnown ? 1u : 0u) << nDesignator;
+    EXPECT_EQ(Stats().nRxCorruptedMessages, bKnown ? 0u : 1u) << nDesignator;
+    nAccepted += bKnown ? 1 : 0;
+  }
+  EXPECT_EQ(nAccepted, 26);
+}
+
+// --- Discards --------------------------------------------------------------------------------------------
+
+TEST_F(DecoderTest, RejectedMessageIsScannedForTheNextOne) {
+  const Bytes Inner = Numbered(1);
+  Bytes Outer = UasMessage().Item(3, Inner).Checksum().Build();
+  Outer.back() = static_cast<BYTE>(Outer.back() ^ 1);
+  Feed(Outer);
+  ExpectLogContaining(4, "Calculated checksum (0x");
+  ExpectLog(4, "Validator rejected message.\n");
+  EXPECT_THAT(m_Messages, ElementsAre(Inner));
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
+  EXPECT_EQ(Stats().nRxOkMessages, 1u);
+}
+
+TEST_F(DecoderTest, LateDataDiscardsFiveBytesAndScansWhatWasHeld) {
+  const Bytes Inner = Numbered(1);
+  const Bytes Outer = UasMessage().Item(3, Inner).Item(4, Bytes(60, 'x')).Checksum().Build();
+  Feed(Part(Outer, 0, Outer.size() - 10));
+  ExpectState(KLV_STATE_ACQUIRING_DATA, static_cast<int>(Outer.size()) - 10);
+  EXPECT_TRUE(m_Messages.empty());
+  host().Advance(600);
+  Feed(Part(Outer, Outer.size() - 10) + Numbered(2));
+  ExpectLog(7, "Interval 0.600\n");
+  ExpectLog(4, "TIMEOUT waiting for message data\n");
+  EXPECT_THAT(m_Messages, ElementsAre(Inner));  // the late chunk, with a message in it, is lost
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+  ExpectCountersAddUp();
+}
+
+TEST_F(DecoderTest, LateDataInPlaceOfTheLengthIsLostToo) {
+  const Bytes Message = WellFormedMessage();
+  Feed(Part(Message, 0, 16));
+  host().Advance(600);
+  Feed(Part(Message, 16));
+  ExpectLog(4, "TIMEOUT waiting for message length\n");
+  EXPECT_TRUE(m_Messages.empty());
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+}
+
+TEST_F(DecoderTest, LateChunkIsLostWithAllItsSlices) {
+  Feed(Part(WellFormedMessage(), 0, 30));
+  host().Advance(600);
+  Feed(Bytes(70000, 0) + Numbered(1));
+  ExpectLog(4, "TIMEOUT waiting for message data\n");
+  EXPECT_TRUE(m_Messages.empty());
+  ExpectCountersAddUp();
+}
+
+TEST_F(DecoderTest, HalfASecondIsStillInTime) {
+  const Bytes Message = WellFormedMessage();
+  host().SetWallClock(5000, 100000);
+  Feed(Part(Message, 0, 30));
+  host().SetWallClock(5000, 600000);
+  Feed(Part(Message, 30, 35));
+  host().SetWallClock(5000, 600001);
+  Feed(Part(Message, 35));
+  ExpectLog(4, "TIMEOUT waiting for message data\n");
+  EXPECT_TRUE(m_Messages.empty());
+}
+
+TEST_F(DecoderTest, ClockSetBackCountsAsLate) {
+  const Bytes Message = WellFormedMessage();
+  host().SetWallClock(5000);
+  Feed(Part(Message, 0, 30));
+  host().SetWallClock(4999);
+  Feed(Part(Message, 30));
+  ExpectLog(4, "TIMEOUT waiting for message data\n");
+}
+
+TEST_F(DecoderTest, NoTimerDiscardsAStalledMessage) {
+  Feed(Part(WellFormedMessage(), 0, 30));
+  host().Advance(3600 * 1000);
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 30);
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 0u);
+}
+
+// --- Failures --------------------------------------------------------------------------------------------
+
+TEST_F(DecoderTest, FailedClockAssertsAndGoesOn) {
+  host().FailNext("gettimeofday");
+  Feed(WellFormedMessage());
+  ExpectAssertion("gettimeofday(&pCtxt->MsgStartTime, NULL) == 0");
+  EXPECT_EQ(m_Messages.size(), 1u);
+}
+
+TEST_F(DecoderTest, NoHandlerAssertsAndGoesOn) {
+  Context().pfnRxHandler = nullptr;
+  Feed(WellFormedMessage());
+  ExpectAssertion("pCtxt->pfnRxHandler != NULL");
+  EXPECT_EQ(Stats().nRxOkMessages, 1u);
+  ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
+}
+
+TEST_F(DecoderTest, WithoutMemoryTheMessageIsLostAndTheNextArrives) {
+  host().FailNext("calloc");
+  const Bytes First = Numbered(1);
+  Feed(First + Numbered(2));
+  ExpectLog(4, "No memory for KLV message of " + std::to_string(First.size()) + " bytes.\n");
+  EXPECT_THAT(m_Messages, ElementsAre(Numbered(2)));
+  EXPECT_EQ(Stats().nRxOkMessages, 2u);
+}
+
+TEST_F(DecoderTest, BelowLevelFourADiscardIsSilent) {
+  host().SetLevel("METADATALIB", 3);
+  Feed(UasKey() + Hex("83 00 00 00"));
+  EXPECT_TRUE(host().Logs().empty());
+  EXPECT_TRUE(host().Dumps().empty());
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
+}
+
+}  // namespace

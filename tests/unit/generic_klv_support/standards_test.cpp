@@ -1,0 +1,287 @@
+// Local set standards, the walk through a message's items, and the checksum.
+#include <climits>
+
+#include "decoder_fixture.h"
+
+namespace {
+
+using ::testing::IsEmpty;
+
+constexpr char kTwice[] = "Intergrity item found more than once.\n";
+constexpr char kRejected[] = "Validator rejected message.\n";
+
+int HeaderSizeOf(const Bytes& Message) {
+  return Message[16] < 0x80 ? 17 : 17 + (Message[16] & 0x7F);
+}
+
+// A message whose checksum item stands anywhere: the sum over the whole, its two value bytes as zero.
+Bytes WithChecksumInTheMiddle() {
+  Bytes Message = UasMessage().Item(2, Bytes(8, 7)).Raw(Hex("01 02 00 00")).Item(5, {1, 2}).Item(15, {3, 4}).Build();
+  const WORD nSum = OwnChecksum(Message, Message.size());
+  const size_t nValue = 17 + 10 + 2;
+  Message[nValue] = static_cast<BYTE>(nSum >> 8);
+  Message[nValue + 1] = static_cast<BYTE>(nSum);
+  return Message;
+}
+
+std::string SumText(int nSum, int nLength) {
+  return "Sum of item lengths " + std::to_string(nSum) + " does not match message data length of " +
+         std::to_string(nLength) + ".\n";
+}
+
+class ValidationTest : public HostTest {
+ protected:
+  // Checks a message that sits in a block of exactly its size, its items coded as its key says.
+  BOOL Validate(const Bytes& Message) {
+    EXPECT_TRUE(KLV_GetFieldInfoFromRegistryDesignator(Message[5], &m_Context.nKlvTagFieldSize,
+                                                       &m_Context.nKlvLengthFieldSize));
+    return ValidateAsCoded(Message);
+  }
+  BOOL ValidateAsCoded(const Bytes& Message) {
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Message.size()]);
+    std::copy(Message.begin(), Message.end(), pcExact.get());
+    const UINT64 nBefore = m_Context.Stats.nRxOkMessages;
+    const BOOL bGood =
+        _ValidateKLVMessage(&m_Context, pcExact.get(), static_cast<int>(Message.size()), HeaderSizeOf(Message));
+    EXPECT_EQ(m_Context.Stats.nRxOkMessages - nBefore, bGood ? 1u : 0u);
+    EXPECT_EQ(m_Context.Stats.nRxCorruptedMessages + m_Context.Stats.nTotalRxBytes, 0u);
+    return bGood;
+  }
+  // A message of an unknown standard, its items coded by the designator.
+  static Bytes Coded(BYTE nDesignator, const Bytes& Body) {
+    Bytes Key = UasKey();
+    Key[5] = nDesignator;
+    return UasMessage().Key(Key).Raw(Body).Build();
+  }
+
+  KLV_DECODE_CONTEXT m_Context = {};
+};
+
+// --- Standards -------------------------------------------------------------------------------------------
+
+TEST_F(ValidationTest, TheUasKeyIsRecognised) {
+  const LOCAL_KLV_STANDARD* pStandard = _GetKLVStandardInfo(UasKey().data());
+  EXPECT_STREQ(pStandard->szName, "UAS DataLink Local Metadata Set");
+  EXPECT_EQ(Bytes(*pStandard->pUniversalKey, *pStandard->pUniversalKey + 16), UasKey());
+  EXPECT_EQ(pStandard->bHasIntegrityItem, TRUE);
+  EXPECT_EQ(pStandard->IntegrityItemTag, 1u);
+  EXPECT_EQ(pStandard->pfnValidator, &_UASDataLinkValidator);
+  ExpectLog(6, "Recognized KLV local data standard #0 \"UAS DataLink Local Metadata Set\".\n");
+  EXPECT_EQ(Bytes(UASDataLinkKey, UASDataLinkKey + 16), UasKey());
+}
+
+TEST_F(ValidationTest, OneOtherByteMakesAKeyGeneric) {
+  for (size_t i = 0; i < 16; i++) {
+    Bytes Key = UasKey();
+    Key[i] = static_cast<BYTE>(Key[i] + 1);
+    const LOCAL_KLV_STANDARD* pStandard = _GetKLVStandardInfo(Key.data());
+    EXPECT_STREQ(pStandard->szName, "Generic (Unknown)") << i;
+    EXPECT_EQ(pStandard->pUniversalKey, nullptr);
+    EXPECT_EQ(pStandard->bHasIntegrityItem, FALSE);
+    EXPECT_EQ(pStandard->IntegrityItemTag, 0u);
+    EXPECT_EQ(pStandard->pfnValidator, nullptr);
+    ExpectLog(6, "Unknown KLV local data standard.\n");
+  }
+}
+
+TEST_F(ValidationTest, KeyThatDiffersInItsLastByteIsWalkedWithoutAChecksumTest) {
+  Bytes Message = WellFormedMessage();
+  Message[15] = 1;
+  Message.back() = static_cast<BYTE>(Message.back() ^ 0xFF);
+  EXPECT_TRUE(Validate(Message));
+  ExpectLog(6, "Unknown KLV local data standard.\n");
+  ExpectLog(7, "Message is OK.\n");
+  ExpectNoLog("Integrity item located.\n");
+}
+
+// --- The walk --------------------------------------------------------------------------------------------
+
+TEST_F(ValidationTest, ItemsThatEndWithTheMessageAreGood) {
+  const Bytes Message = Coded(0x03, Hex("05 00 06 02 AA BB"));
+  EXPECT_TRUE(Validate(Message));
+  ExpectLog(7, "Called with nHeaderSize=17, nMsgSize=23\n");
+  ExpectLog(7, "KLV at offset 17 has key=5 (1 bytes) len=0 (1 bytes) total=2.\n");
+  ExpectLog(7, "KLV at offset 19 has key=6 (1 bytes) len=2 (1 bytes) total=4.\n");
+  ExpectLog(7, "Message is OK.\n");
+}
+
+TEST_F(ValidationTest, ValueThatRunsPastTheEndDoesNotAddUp) {
+  EXPECT_FALSE(Validate(Coded(0x03, Hex("05 00 06 09 AA BB"))));
+  ExpectLog(4, SumText(13, 6));
+}
+
+TEST_F(ValidationTest, LeftOverByteIsNoItem) {
+  EXPECT_FALSE(Validate(Coded(0x03, Hex("05 00 06"))));
+  ExpectLog(4, "key offset is out of range of the supplied buffer.\n");
+  ExpectLog(4, "KLV_GetInfo returned an error.\n");
+}
+
+TEST_F(ValidationTest, LengthNearFourGigabytesRunsPastTheEnd) {
+  // Behind each item 4 bytes that a step backwards, or none at all, would reach.
+  const struct {
+    const char* szItem;
+    int nSum;
+  } kItems[] = {{"05 FF FF FF FF", 4},           {"05 FF FF FF FB", 0},           {"05 FF FF FF F0", -11},
+                {"05 80 00 00 00", INT_MIN + 5}, {"05 7F FF FF FF", INT_MIN + 4}, {"05 FF FF FF FE", 3}};
+  for (const auto& Item : kItems) {
+    EXPECT_FALSE(Validate(Coded(0x63, Hex(Item.szItem) + Hex("05 00 00 00")))) << Item.szItem;
+    ExpectLog(4, SumText(Item.nSum, 9));
+  }
+}
+
+TEST_F(ValidationTest, WrappedLengthThatWouldReachTheEndRunsPastIt) {
+  // In 32 bits the second length would lead from offset 5 back to the start, and on to the end.
+  EXPECT_FALSE(Validate(Coded(0x63, Hex("05 00 00 00 00 05 FF FF FF F6"))));
+  ExpectLog(4, SumText(0, 10));
+  EXPECT_FALSE(Validate(Coded(0x63, Hex("05 00 00 00 00 05 FF FF FF FF"))));
+  ExpectLog(4, SumText(9, 10));
+}
+
+TEST_F(ValidationTest, ItemWithoutAnySizeEndsTheWalk) {
+  m_Context.nKlvTagFieldSize = KLV_FIELD_1_BYTE;
+  m_Context.nKlvLengthFieldSize = 3;  // no size code
+  EXPECT_FALSE(ValidateAsCoded(Coded(0x03, Hex("05 01 AA"))));
+  ExpectAssertion("0");
+  ExpectLog(4, SumText(0, 3));
+}
+
+// --- The integrity item ----------------------------------------------------------------------------------
+
+TEST_F(ValidationTest, RightChecksumAtTheEndPasses) {
+  EXPECT_TRUE(Validate(WellFormedMessage()));
+  ExpectLog(7, "Integrity item located.\n");
+  ExpectLog(7, "Calculated checksum matches KLV value.\n");
+  ExpectLog(7, "Validator accepted message.\n");
+}
+
+TEST_F(ValidationTest, OneChangedValueByteFailsTheChecksum) {
+  Bytes Message = UasMessage().Item(15, {3, 4}).Checksum().Build();
+  const WORD nStored = OwnChecksum(Message, Message.size() - 2);
+  Message[20] = static_cast<BYTE>(Message[20] + 1);
+  const WORD nComputed = OwnChecksum(Message, Message.size() - 2);
+  EXPECT_FALSE(Validate(Message));
+  char szText[100];
+  snprintf(szText, sizeof(szText), "Calculated checksum (0x%04X) doesn't match KLV value (0x%04X).\n", nComputed,
+           nStored);
+  ExpectLog(4, szText);
+  ExpectLog(4, kRejected);
+}
+
+TEST_F(ValidationTest, ChecksumInTheMiddleIsSummedOverTheWholeMessage) {
+  EXPECT_TRUE(Validate(WithChecksumInTheMiddle()));
+  ExpectLog(6, "Calculating two-pass checksum since KLV is NOT at the end.\n");
+  Bytes Behind = WithChecksumInTheMiddle();
+  Behind.back() = static_cast<BYTE>(Behind.back() + 1);  // behind the checksum, and still summed
+  EXPECT_FALSE(Validate(Behind));
+  ExpectLogContaining(4, "doesn't match KLV value");
+  ExpectLog(4, kRejected);
+}
+
+TEST_F(ValidationTest, MessageWithoutAChecksumPasses) {
+  EXPECT_TRUE(Validate(UasMessage().Item(15, {3, 4}).Build()));
+  ExpectNoLog("Integrity item located.\n");
+}
+
+TEST_F(ValidationTest, TwoChecksumItemsFailThoughBothAreRight) {
+  // Of two items with the values a and b the first, two-pass, sums all but a; the second all before b.
+  Bytes Message = UasMessage().Raw(Hex("01 02 00 00 01 02 00 00")).Build();
+  for (unsigned b = 0; b < 0x10000; b++) {
+    Message[23] = static_cast<BYTE>(b >> 8);
+    Message[24] = static_cast<BYTE>(b);
+    Message[19] = Message[20] = 0;
+    const WORD a = OwnChecksum(Message, Message.size());
+    Message[19] = static_cast<BYTE>(a >> 8);
+    Message[20] = static_cast<BYTE>(a);
+    if (OwnChecksum(Message, Message.size() - 2) == b) break;
+  }
+  EXPECT_FALSE(Validate(Message));
+  ExpectLog(7, "Validator accepted message.\n");
+  ExpectLog(4, kTwice);
+}
+
+TEST_F(ValidationTest, ChecksumItemOfOneByteIsRejectedWithoutAWordOnTheChecksum) {
+  EXPECT_FALSE(Validate(UasMessage().Item(15, {3, 4}).Raw(Hex("01 01 AA")).Build()));
+  ExpectLog(4, kRejected);
+  for (const LogLine& Line : host().Logs()) EXPECT_EQ(Line.text.find("hecksum"), std::string::npos) << Line.text;
+}
+
+TEST_F(ValidationTest, ChecksumItemWhoseValueLiesPastTheMessageIsRejectedSilently) {
+  EXPECT_FALSE(Validate(UasMessage().Item(15, {3, 4}).Raw(Hex("01 02 AA")).Build()));
+  ExpectLog(4, kRejected);
+  for (const LogLine& Line : host().Logs()) EXPECT_EQ(Line.text.find("hecksum"), std::string::npos) << Line.text;
+}
+
+TEST_F(ValidationTest, ValidatorTakesOneFormOnly) {
+  Bytes Message = UasMessage().Item(15, {3, 4}).Checksum().Build();
+  const UINT nSize = static_cast<UINT>(Message.size());
+  const KLV_INFO Right = {1, 2, Message.data() + Message.size() - 2, 1, 1, 4};
+  const auto Accepts = [&](KLV_INFO Item) {
+    return _UASDataLinkValidator(Message.data(), nSize, 17, &Item, nSize - 4);
+  };
+  EXPECT_TRUE(Accepts(Right));
+  host().ClearLogs();
+  KLV_INFO Wrong = Right;
+  Wrong.nKeySize = 2;
+  EXPECT_FALSE(Accepts(Wrong));
+  Wrong = Right;
+  Wrong.nLengthSize = 2;
+  EXPECT_FALSE(Accepts(Wrong));
+  Wrong = Right;
+  Wrong.nLength = 3;
+  EXPECT_FALSE(Accepts(Wrong));
+  EXPECT_THAT(host().Logs(), IsEmpty());
+}
+
+TEST_F(ValidationTest, HeaderSizeDoesNotMatterToTheValidator) {
+  Bytes Message = UasMessage().Item(15, {3, 4}).Checksum().Build();
+  const UINT nSize = static_cast<UINT>(Message.size());
+  KLV_INFO Item = {1, 2, Message.data() + Message.size() - 2, 1, 1, 4};
+  for (const UINT nDataOffset : {0u, 17u, 0xFFFFFFFFu})
+    EXPECT_TRUE(_UASDataLinkValidator(Message.data(), nSize, nDataOffset, &Item, nSize - 4));
+}
+
+TEST_F(ValidationTest, ChecksumOfAMessageBeyond65535BytesCoversAllOfIt) {
+  // Items too many for one length: 65531 bytes of value, and the checksum at the end of 65554 bytes.
+  Bytes Message = UasMessage().Item(3, Bytes(65535 - 8, 'x')).Checksum().Build();
+  ASSERT_EQ(Message.size(), 65554u);
+  EXPECT_TRUE(Validate(Message));
+  Message[40000] = 'y';
+  EXPECT_FALSE(Validate(Message));
+  ExpectLogContaining(4, "doesn't match KLV value");
+  ExpectLog(4, kRejected);
+}
+
+// --- The checksum ----------------------------------------------------------------------------------------
+
+TEST(ChecksumTest, BytesAtEvenPositionsAreHighBytes) {
+  const BYTE acData[] = {0x01, 0x02, 0x03};
+  EXPECT_EQ(CalcKlvChecksum16(acData, 3), 0x0402);
+  EXPECT_EQ(CalcKlvChecksum16(acData, 2), 0x0102);
+  EXPECT_EQ(CalcKlvChecksum16(acData, 0), 0);
+}
+
+TEST(ChecksumTest, SumWrapsAtSixteenBits) {
+  const Bytes Data(1000, 0xFF);
+  EXPECT_EQ(CalcKlvChecksum16(Data.data(), 1000), static_cast<WORD>(500u * 0xFFFFu));
+}
+
+TEST(ChecksumTest, TwoBytesAtTheOffsetCountAsZero) {
+  const BYTE acData[] = {1, 2, 3, 4, 5, 6};
+  EXPECT_EQ(CalcKlvChecksum16Ex(acData, 6, 2), 0x0102 + 0x0506);
+  EXPECT_EQ(CalcKlvChecksum16Ex(acData, 6, 1), 0x0100 + 0x0004 + 0x0506);
+  EXPECT_EQ(CalcKlvChecksum16Ex(acData, 6, 5), 0x0102 + 0x0304 + 0x0500);
+  EXPECT_EQ(CalcKlvChecksum16Ex(acData, 6, 6), 0x0102 + 0x0304 + 0x0506);
+  EXPECT_EQ(CalcKlvChecksum16Ex(acData, 6, 0xFFFF), 0x0102 + 0x0304 + 0x0506);
+}
+
+TEST(ChecksumTest, OffsetZeroSkipsNothing) {
+  const BYTE acData[] = {1, 2, 3, 4};
+  EXPECT_EQ(CalcKlvChecksum16Ex(acData, 4, 0), 0x0102 + 0x0304);
+}
+
+TEST(ChecksumTest, AgreesWithTheStandardsPrintedSum) {
+  // Words of four letters, summed by hand: 'ab' + 'cd'.
+  EXPECT_EQ(CalcKlvChecksum16(reinterpret_cast<const BYTE*>("abcd"), 4), 0x6162 + 0x6364);
+}
+
+}  // namespace
