@@ -899,10 +899,12 @@ static int _AddAirEventItem(Conversion& conversion, const cvtCotField& field, bo
     if (cvt_getUSecsFromTimeStr(text.Get(), &conversion.item.value.ubyte8) != 0)
       MD_LOG(3, "failed to get uSecs for start %s", text.Get());  // KEPT: added all the same
     _AddEventItem(conversion, nKey, 8);
-  } else {
+  } else if (field.mapId == 2) {
     MD_LOG(7, "aircraft uid=\"%s\"", text.Get());
     _SetText(conversion, field);
     _AddEventItem(conversion, nKey, field.valueLen);
+  } else {
+    MD_LOG(3, "unknown mapId !\n");
   }
   return 0;
 }
@@ -1188,8 +1190,11 @@ static void _AddSensorItem(Conversion& conversion, const cvtCotField& field) {
     case 5:
       conversion.pInstance->s_roll = angle;
       break;
-    default:
+    case 6:
       _AddSlantRange(conversion, field, nKey);
+      break;
+    default:
+      MD_LOG(3, "Unknown mapId !\n");
       break;
   }
 }
@@ -1284,7 +1289,7 @@ void cvt_addSPISensorItems(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* 
 
 // =====================================================================================================
 // 8. Discovered sensors. The metadata thread is the only writer; it writes under a leaf lock of this module, and the
-//    statistics calls read under it. Nothing is called while it is held.
+//    statistics calls read under it. Texts are copied while it is held, no other lock is taken.
 // =====================================================================================================
 
 static pthread_mutex_t _g_SensorLock = PTHREAD_MUTEX_INITIALIZER;

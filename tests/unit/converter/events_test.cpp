@@ -1,5 +1,4 @@
 // What aircraft and sensor-point events become.
-#include <clocale>
 
 #include "converter_fixture.h"
 
@@ -196,18 +195,6 @@ TEST_F(AircraftEvent, SignColumnSaysOneForUnsigned) {
   EXPECT_EQ(cotToKlv_airTrackTable[0].sign, 1) << "course, 0 to 360";
   EXPECT_EQ(cotToKlv_airPointTable[0].sign, 0) << "latitude, -90 to 90";
   EXPECT_EQ(cotToKlv_airAttitudeTable[1].sign, 0);
-}
-
-TEST_F(AircraftEvent, NumbersHaveAPointInEveryLocale) {
-  AllowMissing();
-  const std::string before = setlocale(LC_ALL, nullptr);
-  const bool comma = setlocale(LC_ALL, "de_DE.UTF-8") != nullptr || setlocale(LC_ALL, "fr_FR.UTF-8") != nullptr;
-  RecordProperty("comma_locale", comma ? "yes" : "not installed");
-  ASSERT_TRUE(ConvertAircraft(Track("90.5", "2")));
-  EXPECT_EQ(Number(5), 16475u);
-  ASSERT_TRUE(ConvertAircraft(Track("90,9", "2")));
-  EXPECT_EQ(Number(5), 16384u) << "the comma ends the number";
-  setlocale(LC_ALL, before.c_str());
 }
 
 TEST_F(SpiEvent, ErrorEstimatesAreScaledTo90Percent) {
