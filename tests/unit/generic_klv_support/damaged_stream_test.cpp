@@ -68,7 +68,7 @@ class FlightTest : public StreamTest {
 };
 
 TEST_F(FlightTest, ArrivesWholeFromChunksOfAtLeastAKey) {
-  for (const size_t nChunk : {16, 17, 48, 259, 1500, 4096, 65536, 200000}) {
+  for (const size_t nChunk : {16u, 17u, 48u, 259u, 1500u, 4096u, 65536u, 200000u}) {
     StartOver();
     FeedInChunks(m_Flight, nChunk);
     EXPECT_TRUE(m_Messages == m_FlightMessages) << nChunk;
