@@ -154,31 +154,6 @@ Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, std::uint8_t count) 
   return out;
 }
 
-std::vector<Bytes> PackFrame(std::span<const Bytes> messages, RtpHeader header, std::uint32_t* sequence,
-                             std::uint8_t* messageNumber, std::size_t largest) {
-  std::vector<Bytes> packets;
-  Bytes payload;
-  std::uint8_t count = 0;
-  const auto finish = [&](bool last) {
-    header.marker = last;
-    header.sequence = (*sequence)++;
-    packets.push_back(PackRtp(header, payload, count));
-    payload.clear();
-    count = 0;
-  };
-  for (const Bytes& message : messages) {
-    *messageNumber = *messageNumber == 255 ? std::uint8_t{1} : static_cast<std::uint8_t>(*messageNumber + 1);
-    for (const AncPacket& packet : SplitKlv(message, *messageNumber)) {
-      const Bytes anc = PackAnc(packet);
-      if (count == 255 || (count != 0 && kRtpHeaderSize + payload.size() + anc.size() > largest)) finish(false);
-      payload.insert(payload.end(), anc.begin(), anc.end());
-      ++count;
-    }
-  }
-  finish(true);
-  return packets;
-}
-
 // --- Unpacking ---------------------------------------------------------------------------------------
 
 std::optional<RtpPacket> UnpackRtp(ByteView datagram) {

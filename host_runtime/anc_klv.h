@@ -75,11 +75,6 @@ constexpr std::size_t kRtpHeaderSize = 20;  // with the payload's own header
 // One RTP packet of ancillary packets that PackAnc made, `count` of them (at most 255), together below 65536 bytes.
 Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, std::uint8_t count);
 
-// All messages of one timestamp in RTP packets of at most `largest` bytes; the last one has the marker. *sequence and
-// *messageNumber go on from call to call. No message at all makes the packet without content that keeps a stream alive.
-std::vector<Bytes> PackFrame(std::span<const Bytes> messages, RtpHeader header, std::uint32_t* sequence,
-                             std::uint8_t* messageNumber, std::size_t largest = 1'400);
-
 // --- Unpacking ---------------------------------------------------------------------------------------
 
 struct RtpPacket {

@@ -31,8 +31,9 @@ constexpr std::int64_t kSecond = 1'000'000'000;
 constexpr AVRational kClock = {1, 90'000};
 constexpr std::int64_t kLongestPause = 60 * 90'000;  // a longer one, or a longer step back, is a jump of the clock
 constexpr std::int64_t kLargestStepBack = 90'000;
-constexpr std::int64_t kUsualStep = 3'600;  // between the last time of a file and the first of its repetition
-constexpr std::size_t kAuHeaderSize = 5;    // MPEG-2 systems: header of a metadata access unit
+constexpr std::int64_t kPreRoll = kSecond / 2;  // before a file begins: time to open all sources of the input
+constexpr std::int64_t kUsualStep = 3'600;      // between the last time of a file and the first of its repetition
+constexpr std::size_t kAuHeaderSize = 5;        // MPEG-2 systems: header of a metadata access unit
 
 std::string ErrorText(int error) {
   char text[AV_ERROR_MAX_STRING_SIZE] = "";
@@ -168,7 +169,7 @@ class MediaBackend : public CaptureBackend {
       m_last = time;
       if (!m_started) {
         m_begin = time;
-        m_start = now;
+        m_start = now + (m_live ? 0 : kPreRoll);
         m_started = true;
       } else if (m_live) {
         m_begin = time;

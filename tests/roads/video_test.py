@@ -37,7 +37,8 @@ class Video(Road):
         return [(line["timestamp"], line["items"][0]["value"]) for line in self.source_lines("third")]
 
     def test_a_factor_of_three_keeps_every_third_timestamp_with_all_its_packets(self):
-        self.encoder(FULL.format(1) + THIRD.format(1),
+        # The port that is opened last says that both sources are open.
+        self.encoder(FULL.format(1) + THIRD.format(1) + "[last]\ninput = udp\nport = 15653\n", ports=[15653],
                      host=f"[capture1]\nkind = socket\npath = {self.folder}/capture1\n")
         packets = [(90000 + 3003 * (number // 2), message((2, struct.pack(">Q", number)))) for number in range(60)]
         self.send_captured(packets)

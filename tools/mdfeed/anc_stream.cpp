@@ -6,43 +6,15 @@
 #include <random>
 #include <utility>
 
+#include "anc_klv.h"
+
 namespace mdfeed {
 namespace {
 
-constexpr unsigned kDid = 0x44;
-constexpr unsigned kSdid = 0x04;
-constexpr unsigned kLine = 9;  // of the picture, in the vertical blanking
-constexpr std::size_t kRtpHeaderSize = 12;
-constexpr std::size_t kPayloadHeaderSize = 8;
-
-// Most significant bit first.
-class BitWriter {
- public:
-  void Put(unsigned value, unsigned bits) {
-    for (unsigned i = bits; i > 0; i--) {
-      if (m_used % 8 == 0) m_bytes.push_back(0);
-      if (((value >> (i - 1)) & 1u) != 0) m_bytes.back() |= static_cast<std::uint8_t>(0x80u >> (m_used % 8));
-      m_used++;
-    }
-  }
-  Bytes Take() {
-    while (m_bytes.size() % 4 != 0) m_bytes.push_back(0);
-    return std::move(m_bytes);
-  }
-
- private:
-  Bytes m_bytes;
-  std::size_t m_used = 0;
-};
-
-// Eight bits of data as a word of ten: even parity, and its complement.
-unsigned AncWord(unsigned data) {
-  const unsigned parity = static_cast<unsigned>(__builtin_popcount(data)) & 1u;
-  return data | parity << 8 | (parity ^ 1u) << 9;
-}
-
-void AppendBigEndian(Bytes& out, std::uint32_t value, unsigned size) {
-  for (unsigned i = size; i > 0; i--) out.push_back(static_cast<std::uint8_t>(value >> (8 * (i - 1))));
+// The packet's checksum with its lowest bit turned.
+void SpoilChecksum(Bytes& packed, std::size_t user_words) {
+  const std::size_t bit = 32 + 10 * (3 + user_words) + 9;  // behind position, DID, SDID and data count
+  packed[bit / 8] ^= static_cast<std::uint8_t>(0x80u >> (bit % 8));
 }
 
 class AncStream : public Traffic {
@@ -58,7 +30,7 @@ class AncStream : public Traffic {
     unsigned count = 0;
     for (const Bytes& message : *messages) {
       for (const Bytes& anc : Cut(message)) {
-        if (count != 0 && kRtpHeaderSize + kPayloadHeaderSize + payload.size() + anc.size() > kLargestRtpPacket) {
+        if (count != 0 && anc_klv::kRtpHeaderSize + payload.size() + anc.size() > kLargestRtpPacket) {
           Send(packets, std::exchange(payload, {}), std::exchange(count, 0u), false);
         }
         payload.insert(payload.end(), anc.begin(), anc.end());
@@ -76,9 +48,9 @@ class AncStream : public Traffic {
   std::vector<Bytes> Cut(const Bytes& message) {
     m_message_number = m_message_number == 255 ? std::uint8_t{1} : static_cast<std::uint8_t>(m_message_number + 1);
     std::vector<Bytes> packets;
-    std::uint16_t count = 0;
-    for (const Bytes& piece : SplitChunks(message, kAncWordsPerPacket)) {
-      packets.push_back(BuildAncPacket(m_message_number, ++count, piece, Chance(m_options.bad_checksum)));
+    for (const anc_klv::AncPacket& packet : anc_klv::SplitKlv(message, m_message_number)) {
+      packets.push_back(anc_klv::PackAnc(packet));
+      if (Chance(m_options.bad_checksum)) SpoilChecksum(packets.back(), packet.userData.size());
     }
     return packets;
   }
@@ -90,16 +62,13 @@ class AncStream : public Traffic {
   }
 
   void Send(Batch& packets, const Bytes& anc_packets, unsigned count, bool marker) {
-    Bytes packet;
-    packet.push_back(0x80);
-    packet.push_back(static_cast<std::uint8_t>((marker ? 0x80 : 0) | m_options.payload_type));
-    AppendBigEndian(packet, m_sequence & 0xFFFFu, 2);
-    AppendBigEndian(packet, Timestamp(), 4);
-    AppendBigEndian(packet, 0x6D646664u + m_options.seed, 4);  // source
-    AppendBigEndian(packet, m_sequence >> 16, 2);
-    AppendBigEndian(packet, static_cast<std::uint32_t>(anc_packets.size()), 2);
-    AppendBigEndian(packet, count << 24, 4);  // progressive picture
-    packet.insert(packet.end(), anc_packets.begin(), anc_packets.end());
+    anc_klv::RtpHeader header;
+    header.marker = marker;
+    header.payloadType = static_cast<std::uint8_t>(m_options.payload_type);
+    header.sequence = m_sequence;
+    header.timestamp = Timestamp();
+    header.source = 0x6D646664u + m_options.seed;
+    Bytes packet = anc_klv::PackRtp(header, anc_packets, static_cast<std::uint8_t>(count));
     m_sequence++;
     if (Chance(m_options.loss)) return;
     if (!m_held && Chance(m_options.reorder)) {
@@ -126,32 +95,6 @@ class AncStream : public Traffic {
 };
 
 }  // namespace
-
-Bytes BuildAncPacket(std::uint8_t message_number, std::uint16_t packet_count, std::span<const std::uint8_t> klv,
-                     bool bad_checksum) {
-  BitWriter bits;
-  bits.Put(0, 1);  // luma or component-independent
-  bits.Put(kLine, 11);
-  bits.Put(0, 12);  // horizontal offset
-  bits.Put(0, 8);   // no stream number
-  unsigned sum = 0;
-  const auto put = [&](unsigned data) {
-    const unsigned word = AncWord(data & 0xFFu);
-    sum += word & 0x1FFu;
-    bits.Put(word, 10);
-  };
-  put(kDid);
-  put(kSdid);
-  put(static_cast<unsigned>(klv.size()) + 3);
-  put(message_number);
-  put(packet_count >> 8);
-  put(packet_count);
-  for (const std::uint8_t byte : klv) put(byte);
-  if (bad_checksum) sum ^= 0x55u;
-  sum &= 0x1FFu;
-  bits.Put(sum | (~sum >> 8 & 1u) << 9, 10);
-  return bits.Take();
-}
 
 std::unique_ptr<Traffic> MakeAncStream(std::unique_ptr<Traffic> inner, const AncOptions& options) {
   return std::make_unique<AncStream>(std::move(inner), options);

@@ -4,7 +4,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <span>
 
 #include "traffic.h"
 
@@ -20,13 +19,7 @@ struct AncOptions {
   std::uint32_t seed = 1;
 };
 
-inline constexpr std::size_t kAncWordsPerPacket = 252;  // of KLV, behind message number and packet count
 inline constexpr std::size_t kLargestRtpPacket = 1'400;
-
-// One ancillary data packet as it stands in the RTP payload: position word, DID 0x44, SDID 0x04, data count, message
-// number, packet count (from 1, high byte first), up to 252 bytes of KLV, checksum, filled up to 32 bits.
-Bytes BuildAncPacket(std::uint8_t message_number, std::uint16_t packet_count, std::span<const std::uint8_t> klv,
-                     bool bad_checksum = false);
 
 // Sends every message of another traffic in ancillary packets; those of one tick share a timestamp of 90 kHz, and the
 // last RTP packet of a tick has the marker.

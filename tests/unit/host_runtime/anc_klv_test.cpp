@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <random>
 
+#include "anc_frame.h"
+
 namespace {
 
 using namespace anc_klv;

@@ -13,7 +13,7 @@
 #include <cstring>
 #include <optional>
 
-#include "anc_klv.h"
+#include "anc_frame.h"
 #include "media_file.h"
 #include "runtime_test.h"
 

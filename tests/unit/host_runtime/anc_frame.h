@@ -1,0 +1,41 @@
+// A sender of ancillary streams for the tests.
+#ifndef ANC_FRAME_H
+#define ANC_FRAME_H
+
+#include <span>
+#include <vector>
+
+#include "anc_klv.h"
+
+namespace anc_klv {
+
+// All messages of one timestamp in RTP packets of at most `largest` bytes; the last one has the marker. *sequence and
+// *messageNumber go on from call to call. No message at all makes the packet without content that keeps a stream alive.
+inline std::vector<Bytes> PackFrame(std::span<const Bytes> messages, RtpHeader header, std::uint32_t* sequence,
+                                    std::uint8_t* messageNumber, std::size_t largest = 1'400) {
+  std::vector<Bytes> packets;
+  Bytes payload;
+  std::uint8_t count = 0;
+  const auto finish = [&](bool last) {
+    header.marker = last;
+    header.sequence = (*sequence)++;
+    packets.push_back(PackRtp(header, payload, count));
+    payload.clear();
+    count = 0;
+  };
+  for (const Bytes& message : messages) {
+    *messageNumber = *messageNumber == 255 ? std::uint8_t{1} : static_cast<std::uint8_t>(*messageNumber + 1);
+    for (const AncPacket& packet : SplitKlv(message, *messageNumber)) {
+      const Bytes anc = PackAnc(packet);
+      if (count == 255 || (count != 0 && kRtpHeaderSize + payload.size() + anc.size() > largest)) finish(false);
+      payload.insert(payload.end(), anc.begin(), anc.end());
+      ++count;
+    }
+  }
+  finish(true);
+  return packets;
+}
+
+}  // namespace anc_klv
+
+#endif  // ANC_FRAME_H
