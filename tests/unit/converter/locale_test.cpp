@@ -77,8 +77,7 @@ class NumberTexts {
         snprintf(text, sizeof text, "%a", static_cast<double>(any));
         break;
       case 5:  // in the very middle, in few enough digits for the quick way
-        snprintf(text, sizeof text, "%.*f", static_cast<int>(bits >> 63) + 7,
-                 131072 + static_cast<double>(bits % 8388608 | 1) / 128);
+        snprintf(text, sizeof text, "%.5f", 524288 + static_cast<double>(bits % 15000000 | 1) / 32);
         break;
       default:
         snprintf(text, sizeof text, "%s", kOdd[bits % std::size(kOdd)]);
