@@ -441,14 +441,30 @@ TEST_F(DecoderTest, LargestMessageWithMuchMoreBehindItInOneChunk) {
 TEST_F(DecoderTest, KeyCutByTheSlicesOfALongChunkIsReadWhole) {
   host().SetLevel("METADATALIB", 0);
   const Bytes Message = Numbered(1);
-  for (size_t nBefore = 65536 - 40; nBefore <= 65536; nBefore++) {
-    for (const size_t nMore : {size_t{0}, size_t{1}, size_t{20}}) {
+  for (size_t nBeforeTheCut = 1; nBeforeTheCut < 16; nBeforeTheCut++) {
+    const Bytes Noise(65536 - nBeforeTheCut, 0xAA);
+    for (size_t nInChunk = nBeforeTheCut + 1; nInChunk <= Message.size(); nInChunk++) {
       StartOver();
-      Feed(Bytes(nBefore, 0xAA) + Message + Bytes(nMore, 0xAA));
-      ASSERT_THAT(m_Messages, ElementsAre(Message)) << nBefore << " " << nMore;
+      Feed(Noise + Part(Message, 0, nInChunk));
+      Feed(Part(Message, nInChunk) + Bytes(16, 0xAA));
+      ASSERT_THAT(m_Messages, ElementsAre(Message)) << nBeforeTheCut << " " << nInChunk;
       ASSERT_EQ(Stats().nRxCorruptedMessages, 0u);
     }
   }
+}
+
+TEST_F(DecoderTest, LargestMessageInsideARejectedOneFindsRoom) {
+  const Bytes Inner = OfValueSize(65535 - 4 - 4);
+  const Bytes Outer = UasKey() + Hex("82 FF FF") + Bytes(32000, 'x') + Inner;
+  Feed(Part(Outer, 0, 65553));
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 65553);
+  Feed(Part(Outer, 65553, 75553));
+  EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 75553 - 32019);
+  AllowLogs(4, "");
+  Feed(Part(Outer, 75553) + Bytes(43000, 'y') + Numbered(1));
+  EXPECT_THAT(m_Messages, ElementsAre(Inner, Numbered(1)));
+  ExpectCountersAddUp();
 }
 
 // --- Designators -----------------------------------------------------------------------------------------
@@ -542,6 +558,7 @@ TEST_F(DecoderTest, HalfASecondIsStillInTime) {
   Feed(Part(Message, 0, 30));
   host().SetWallClock(5000, 600000);
   Feed(Part(Message, 30, 35));
+  ExpectState(KLV_STATE_ACQUIRING_DATA, 35);
   host().SetWallClock(5000, 600001);
   Feed(Part(Message, 35));
   ExpectLog(4, "TIMEOUT waiting for message data\n");
