@@ -192,7 +192,7 @@ CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen
   return CVT_COTKLV_STATUS_OK;
 }
 
-// Looks one attribute up into a scratch copy of its table row. Only fills *pField's row when it fails.
+// Copies the row to *pField and looks the attribute up; on failure *pField holds the bare row.
 static bool _FindField(const Slice& slice, const cvtCotField& row, cvtCotField* pField) {
   *pField = row;
   xml_getCotFieldInTagSlice(slice.pText, static_cast<int32_t>(slice.nLength), pField);
@@ -799,23 +799,86 @@ int calcul_undulation(float inLat, float inLon, float* undulation) {
 // 6. Aircraft events. Metadata thread. Items go into the pending message, angles into the instance.
 // =====================================================================================================
 
-// Scales from degrees and metres to the items' integers (MISB ST 0601), to the digits this system has always used.
-static constexpr double kScaleCourse = 182.04166667;                  // 65535/360
-static constexpr double kScalePitch = 1638.35;                        // 32767/20
-static constexpr double kScaleRoll = 655.34;                          // 32767/50
-static constexpr double kScaleLatitude = 23860929.41111111;           // 4294967294/180
-static constexpr double kScaleLongitude = 11930464.70555556;          // 4294967294/360
-static constexpr double kScaleAltitude = 3.2932161;                   // 65535/19900
-static constexpr double kScaleFieldOfView = 364.08333333;             // 65535/180
-static constexpr double kScaleRange = 858.993495;                     // 4294967295/5000000
-static constexpr double kScaleRelativeAngle = 11930464.70833333;      // 4294967295/360
-static constexpr double kScaleRelativeElevation = 11930464.70555556;  // 4294967294/360
+static constexpr double kNotRead = -100000.0;
+
+namespace {
+
+// What becomes of a value outside the range of its item.
+enum class Outside {
+  kSkip,   // no item
+  kMarker  // an item that holds the smallest signed number, which MISB ST 0601 gives to values out of range
+};
+
+// How a number becomes an item: accepted from low to high, the item holds round((value + before) * scale).
+struct NumberItem {
+  int32_t tag;
+  int bytes;  // of the item's value: 1, 2 or 4
+  double low;
+  double high;
+  double before;
+  double scale;
+  Outside outside;
+};
+
+}  // namespace
+
+// The scales are MISB ST 0601's quotients of integer range and value range, truncated. KEPT: truncated, so that the
+// output stays bit-identical. The speed's upper limit is the largest number that rounds to 255.
+static constexpr double kLargestSpeed = 255.49999999999997;
+static_assert(kLargestSpeed < 255.5);
+static constexpr NumberItem kAirTrackItems[] = {
+    {cotToKlv_airTrackTable[AIR_TRACK_COURSE].klvKey, 2, 0, 360, 0, 182.04166667, Outside::kSkip},  // 65535/360
+    {cotToKlv_airTrackTable[AIR_TRACK_SPEED].klvKey, 1, 0, kLargestSpeed, 0, 1, Outside::kSkip},
+};
+// KEPT: angles up to 90 degrees either way are accepted, more than the items can hold; the excess wraps in 16 bits.
+static constexpr NumberItem kAirAttitudeItems[] = {
+    {cotToKlv_airAttitudeTable[AIR_ATTITUDE_PITCH].klvKey, 2, -90, 90, 0, 1638.35, Outside::kMarker},  // 32767/20
+    {cotToKlv_airAttitudeTable[AIR_ATTITUDE_ROLL].klvKey, 2, -90, 90, 0, 655.34, Outside::kMarker},    // 32767/50
+};
+
+static constexpr NumberItem _LatitudeItem(int32_t tag) {
+  return {tag, 4, -90, 90, 0, 23860929.41111111, Outside::kMarker};  // 4294967294/180
+}
+
+static constexpr NumberItem _LongitudeItem(int32_t tag) {
+  return {tag, 4, -180, 180, 0, 11930464.70555556, Outside::kMarker};  // 4294967294/360
+}
+
+// Of a height above mean sea level in metres.
+static constexpr NumberItem _AltitudeItem(int32_t tag) {
+  return {tag, 2, -900, 19000, 900, 3.2932161, Outside::kSkip};  // 65535/19900
+}
+
+// Of an error bound in metres.
+static constexpr NumberItem _ErrorItem(int32_t tag) {
+  return {tag, 2, 0, 4095, 0, 16, Outside::kSkip};
+}
+
+// Of an angle in degrees.
+static constexpr NumberItem _FieldOfViewItem(int32_t tag) {
+  return {tag, 2, 0, 180, 0, 364.08333333, Outside::kSkip};  // 65535/180
+}
+
+static constexpr NumberItem kAirPointItems[] = {
+    _LatitudeItem(cotToKlv_airPointTable[AIR_POINT_LAT].klvKey),
+    _AltitudeItem(cotToKlv_airPointTable[AIR_POINT_HAE].klvKey),
+    _LongitudeItem(cotToKlv_airPointTable[AIR_POINT_LON].klvKey),
+};
+static constexpr NumberItem kSpiPointItems[] = {
+    _LatitudeItem(cotToKlv_spiPointTable[SPI_POINT_LAT].klvKey),
+    _AltitudeItem(cotToKlv_spiPointTable[SPI_POINT_HAE].klvKey),
+    _LongitudeItem(cotToKlv_spiPointTable[SPI_POINT_LON].klvKey),
+    _ErrorItem(cotToKlv_spiPointTable[SPI_POINT_LE].klvKey),
+    _ErrorItem(cotToKlv_spiPointTable[SPI_POINT_CE].klvKey),
+};
+static constexpr NumberItem kFieldOfView = _FieldOfViewItem(cotToKlv_spiSensorTable[SPI_SENSOR_FOV].klvKey);
+static constexpr NumberItem kVerticalFieldOfView = _FieldOfViewItem(cotToKlv_spiSensorTable[SPI_SENSOR_VFOV].klvKey);
+static constexpr NumberItem kSlantRange = {  // 4294967295/5000000, in metres
+    cotToKlv_spiSensorTable[SPI_SENSOR_RANGE].klvKey, 4, 0, 5000000, 0, 858.993495, Outside::kSkip};
+
+// One-sigma errors become bounds that hold for 90 percent.
 static constexpr double kSigmaToLE90 = 1.6448538;
 static constexpr double kSigmaToCE90 = 2.145966025;
-
-static constexpr uint16_t kOutOfRange16 = 0x8000;
-static constexpr uint32_t kOutOfRange32 = 0x80000000;
-static constexpr double kNotRead = -100000.0;
 
 namespace {
 
@@ -859,15 +922,35 @@ static void _AddItem(Conversion& conversion, int nKey, int nLength) {
   _Append(conversion, nKey, nLength);
 }
 
-// The low 16 bits.
-static void _AddItem16(Conversion& conversion, int nKey, int64_t nValue) {
-  conversion.item.value.ubyte2 = SWAP16(static_cast<uint16_t>(nValue));
-  _AddItem(conversion, nKey, 2);
+static void _AddInteger(Conversion& conversion, const NumberItem& item, int64_t value) {
+  switch (item.bytes) {
+    case 1:
+      conversion.item.value.ubyte1 = static_cast<uint8_t>(value);
+      break;
+    case 2:
+      conversion.item.value.ubyte2 = SWAP16(static_cast<uint16_t>(value));
+      break;
+    default:
+      conversion.item.value.ubyte4 = SWAP32(static_cast<uint32_t>(value));
+      break;
+  }
+  _AddItem(conversion, item.tag, item.bytes);
 }
 
-static void _AddItem32(Conversion& conversion, int nKey, int64_t nValue) {
-  conversion.item.value.ubyte4 = SWAP32(static_cast<uint32_t>(nValue));
-  _AddItem(conversion, nKey, 4);
+// The item's integer for a value in its range; the product may exceed 32 bits by its rounding only.
+static int64_t _Scale(const NumberItem& item, double value) {
+  const int64_t scaled = _Round((value + item.before) * item.scale);
+  return scaled > int64_t{UINT32_MAX} ? int64_t{UINT32_MAX} : scaled;
+}
+
+// Adds the item of a number. Returns false if the value is outside the item's range.
+static bool _AddNumber(Conversion& conversion, const NumberItem& item, double value) {
+  if (_InRange(value, item.low, item.high)) {
+    _AddInteger(conversion, item, _Scale(item, value));
+    return true;
+  }
+  if (item.outside == Outside::kMarker) _AddInteger(conversion, item, int64_t{1} << (8 * item.bytes - 1));
+  return false;
 }
 
 static void _SetText(Conversion& conversion, const cvtCotField& field) {
@@ -892,14 +975,14 @@ static int _AddTimeStamp(Conversion& conversion, const cvtCotField& field, bool 
 static int _AddAirEventItem(Conversion& conversion, const cvtCotField& field, bool bFound) {
   const int nKey = cotToKlv_airEventTable[field.mapId].klvKey;
   if (!bFound) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
-  if (field.mapId == 0) return _AddTimeStamp(conversion, field, bFound, nKey);
+  if (field.mapId == AIR_EVENT_TIME) return _AddTimeStamp(conversion, field, bFound, nKey);
   if (!bFound) return 0;
   const CotText text(field.valueStr);
-  if (field.mapId == 1) {
+  if (field.mapId == AIR_EVENT_START) {
     if (cvt_getUSecsFromTimeStr(text.Get(), &conversion.item.value.ubyte8) != 0)
       MD_LOG(3, "failed to get uSecs for start %s", text.Get());  // KEPT: added all the same
     _AddEventItem(conversion, nKey, 8);
-  } else if (field.mapId == 2) {
+  } else if (field.mapId == AIR_EVENT_UID) {
     MD_LOG(7, "aircraft uid=\"%s\"", text.Get());
     _SetText(conversion, field);
     _AddEventItem(conversion, nKey, field.valueLen);
@@ -942,24 +1025,16 @@ static void _AddAirTrack(Conversion& conversion) {
     return;
   }
   for (const cvtCotField& row : cot_airTrackTable) {
-    const int nKey = cotToKlv_airTrackTable[row.mapId].klvKey;
+    const NumberItem& item = kAirTrackItems[row.mapId];
     double value = 0;
     if (!_FindAirNumber(slice, row, &value)) continue;
-    const bool bCourse = row.mapId == 0;
-    const bool bAccepted = bCourse ? _InRange(value, 0, 360) : value >= 0 && value < 255.5;  // rounds to at most 255
-    if (!bAccepted) {
-      MD_LOG(3, "_cvt_processAirMsg():out of range value detected for key=%d value=(PROTECTED)\n", nKey);
-    } else if (bCourse) {
-      if (_g_bAllItemsSupport) conversion.pInstance->a_course = _ToFloat(value);
-      _AddItem16(conversion, nKey, _Round(value * kScaleCourse));
-    } else {
-      conversion.item.value.ubyte1 = static_cast<uint8_t>(_Round(value));
-      _AddItem(conversion, nKey, 1);
-    }
+    if (!_AddNumber(conversion, item, value))
+      MD_LOG(3, "_cvt_processAirMsg():out of range value detected for key=%d value=(PROTECTED)\n", item.tag);
+    else if (row.mapId == AIR_TRACK_COURSE && _g_bAllItemsSupport)
+      conversion.pInstance->a_course = _ToFloat(value);
   }
 }
 
-// KEPT: angles up to 90 degrees either way are taken, more than the items can say; the excess wraps in 16 bits.
 static void _AddAirAttitude(Conversion& conversion) {
   Slice slice;
   if (!_FindSlice(conversion.event, "<attitude", "/>", &slice)) {
@@ -967,25 +1042,18 @@ static void _AddAirAttitude(Conversion& conversion) {
     return;
   }
   for (const cvtCotField& row : cot_airAttitudeTable) {
-    const int nKey = cotToKlv_airAttitudeTable[row.mapId].klvKey;
     double value = 0;
     if (!_FindAirNumber(slice, row, &value)) continue;
-    const bool bPitch = row.mapId == 0;
-    const bool bAccepted = _InRange(value, -90, 90);
-    float& angle = bPitch ? conversion.pInstance->a_pitch : conversion.pInstance->a_roll;
-    angle = bAccepted ? _ToFloat(value) : kCvtAngleOutOfRange;
-    _AddItem16(conversion, nKey, bAccepted ? _Round(value * (bPitch ? kScalePitch : kScaleRoll)) : kOutOfRange16);
+    const bool inRange = _AddNumber(conversion, kAirAttitudeItems[row.mapId], value);
+    float& angle = row.mapId == AIR_ATTITUDE_PITCH ? conversion.pInstance->a_pitch : conversion.pInstance->a_roll;
+    angle = inRange ? _ToFloat(value) : kCvtAngleOutOfRange;
   }
 }
 
-// Adds a latitude or longitude, or the mark of one out of range. TRUE when it is in range, and kept.
-static bool _AddCoordinate(Conversion& conversion, int nKey, bool bLatitude, double value) {
-  if (!(bLatitude ? _InRange(value, -90, 90) : _InRange(value, -180, 180))) {
-    _AddItem32(conversion, nKey, kOutOfRange32);
-    return false;
-  }
-  (bLatitude ? conversion.lat : conversion.lon) = value;
-  _AddItem32(conversion, nKey, _Round(value * (bLatitude ? kScaleLatitude : kScaleLongitude)));
+// Adds a latitude or longitude and keeps it for the undulation. Returns false, keeping nothing, if it is out of range.
+static bool _AddCoordinate(Conversion& conversion, const NumberItem& item, double value, double* pKept) {
+  if (!_AddNumber(conversion, item, value)) return false;
+  *pKept = value;
   return true;
 }
 
@@ -998,10 +1066,11 @@ static void _AddAirPoint(Conversion& conversion) {
   for (const cvtCotField& row : cot_airPointTable) {
     double value = 0;
     if (!_FindAirNumber(slice, row, &value)) continue;
-    if (row.mapId == 1)
+    if (row.mapId == AIR_POINT_HAE)
       conversion.hae = value;
     else
-      _AddCoordinate(conversion, cotToKlv_airPointTable[row.mapId].klvKey, row.mapId == 0, value);
+      _AddCoordinate(conversion, kAirPointItems[row.mapId], value,
+                     row.mapId == AIR_POINT_LAT ? &conversion.lat : &conversion.lon);
   }
 }
 
@@ -1014,21 +1083,19 @@ static int _UndulationAt(const Conversion& conversion, float* pUndulation) {
   return calcul_undulation(static_cast<float>(conversion.lat), static_cast<float>(lon), pUndulation);
 }
 
-// Height above mean sea level as an altitude item's integer; FALSE when the item cannot say it.
-static bool _Altitude(double hae, float undulation, int64_t* pnValue) {
-  const double height = hae - static_cast<double>(undulation);
-  if (!_InRange(height, -900, 19000)) return false;
-  *pnValue = _Round((height + 900) * kScaleAltitude);
-  return true;
+// Height above mean sea level in metres.
+static double _Height(const Conversion& conversion, float undulation) {
+  return conversion.hae - static_cast<double>(undulation);
 }
 
 static void _AddAirAltitude(Conversion& conversion) {
   float undulation = 0;
-  int64_t nValue = 0;
   if (!_HasPosition(conversion) || _UndulationAt(conversion, &undulation) != 0) return;
-  if (!_Altitude(conversion.hae, undulation, &nValue)) return;
+  const NumberItem& item = kAirPointItems[AIR_POINT_HAE];
+  const double height = _Height(conversion, undulation);
+  if (!_InRange(height, item.low, item.high)) return;
   MD_LOG(7, "add airCraft hae. undulation = %f\n", static_cast<double>(undulation));
-  _AddItem16(conversion, cotToKlv_airPointTable[1].klvKey, nValue);
+  _AddNumber(conversion, item, height);
 }
 
 int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputData, uint32_t nInDataSize,
@@ -1057,7 +1124,7 @@ static int _AddSpiEvent(Conversion& conversion) {
     cvtCotField field;
     const bool bFound = _FindField(slice, row, &field);
     if (!bFound) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
-    if (row.mapId == 1) {
+    if (row.mapId == SPI_EVENT_TIME) {
       if (_AddTimeStamp(conversion, field, bFound, nKey) != 0) return -1;
     } else if (bFound) {
       const CotText text(field.valueStr);
@@ -1076,36 +1143,33 @@ static void _LogSpiOutOfRange(int nKey) {
 }
 
 // KEPT: the horizontal error's message speaks of LE as well.
-static void _AddErrorEstimate(Conversion& conversion, int nKey, const char* szText, double value) {
-  if (_InRange(value, 0, 4095)) {
-    _AddItem16(conversion, nKey, _Round(value * 16));
-    return;
-  }
+static void _AddErrorEstimate(Conversion& conversion, const NumberItem& item, const char* szText, double value) {
+  if (_AddNumber(conversion, item, value)) return;
   MD_LOG(3, "SPI_POINT_LE value of %s (%f) is out of 0 to 4095 range.\n", szText, value);
-  _LogSpiOutOfRange(nKey);
+  _LogSpiOutOfRange(item.tag);
 }
 
 static void _AddSpiPointItem(Conversion& conversion, const cvtCotField& field) {
-  const int nKey = cotToKlv_spiPointTable[field.mapId].klvKey;
+  const NumberItem& item = kSpiPointItems[field.mapId];
   const CotText text(field.valueStr);
   const double value = _TextToDouble(text.Get());
   switch (field.mapId) {
-    case 0:
-      if (!_AddCoordinate(conversion, nKey, true, value))
+    case SPI_POINT_LAT:
+      if (!_AddCoordinate(conversion, item, value, &conversion.lat))
         MD_LOG(3, "SPI_POINT_LAT value of %f is out of -90 to 90 range.\n", value);
       break;
-    case 1:
+    case SPI_POINT_HAE:
       conversion.hae = value;
       break;
-    case 2:
-      if (!_AddCoordinate(conversion, nKey, false, value))
+    case SPI_POINT_LON:
+      if (!_AddCoordinate(conversion, item, value, &conversion.lon))
         MD_LOG(3, "SPI_POINT_LON value of %f is out of -180 to 180 range.\n", value);
       break;
-    case 3:
-      _AddErrorEstimate(conversion, nKey, text.Get(), value * kSigmaToLE90);
+    case SPI_POINT_LE:
+      _AddErrorEstimate(conversion, item, text.Get(), value * kSigmaToLE90);
       break;
     default:
-      _AddErrorEstimate(conversion, nKey, text.Get(), value * kSigmaToCE90);
+      _AddErrorEstimate(conversion, item, text.Get(), value * kSigmaToCE90);
       break;
   }
 }
@@ -1115,17 +1179,19 @@ static void _AddFrameCentreElevation(Conversion& conversion) {
     MD_LOG(3, "miss info to calcul undulation of hae\n");
     return;
   }
-  const int nKey = cotToKlv_spiPointTable[1].klvKey;
+  const NumberItem& item = kSpiPointItems[SPI_POINT_HAE];
   float undulation = 0;
-  int64_t nValue = 0;
   if (_UndulationAt(conversion, &undulation) != 0) {
     MD_LOG(3, "failed to calcul_undulation!\n");
-  } else if (_Altitude(conversion.hae, undulation, &nValue)) {
-    MD_LOG(7, "add spi hae. undulation = %f\n", static_cast<double>(undulation));
-    _AddItem16(conversion, nKey, nValue);
-  } else {
-    _LogSpiOutOfRange(nKey);
+    return;
   }
+  const double height = _Height(conversion, undulation);
+  if (!_InRange(height, item.low, item.high)) {
+    _LogSpiOutOfRange(item.tag);
+    return;
+  }
+  MD_LOG(7, "add spi hae. undulation = %f\n", static_cast<double>(undulation));
+  _AddNumber(conversion, item, height);
 }
 
 static void _AddSpiPoint(Conversion& conversion) {
@@ -1144,54 +1210,49 @@ static void _AddSpiPoint(Conversion& conversion) {
   _AddFrameCentreElevation(conversion);
 }
 
-static void _AddFieldOfView(Conversion& conversion, const cvtCotField& field, int nKey) {
-  const CotText text(field.valueStr);
-  const double value = _TextToDouble(text.Get());
-  if (_InRange(value, 0, 180)) {
-    _AddItem16(conversion, nKey, _Round(value * kScaleFieldOfView));
-    return;
-  }
-  if (field.mapId == 1)
-    MD_LOG(3, "SPI_SENSOR_FOV value of %s (%f) is out of 0 to 180 range.\n", text.Get(), value);
-  else
-    MD_LOG(3, "SPI_SENSOR_VFOV value of %s (%f) is out of 0 to 180 range.\n", text.Get(), value);
-  _LogSpiOutOfRange(nKey);
+static void _AddFieldOfView(Conversion& conversion, const char* szText, double value) {
+  if (_AddNumber(conversion, kFieldOfView, value)) return;
+  MD_LOG(3, "SPI_SENSOR_FOV value of %s (%f) is out of 0 to 180 range.\n", szText, value);
+  _LogSpiOutOfRange(kFieldOfView.tag);
 }
 
-static void _AddSlantRange(Conversion& conversion, const cvtCotField& field, int nKey) {
-  const CotText text(field.valueStr);
-  const double value = _TextToDouble(text.Get());
-  if (_InRange(value, 0, 5000000)) {
-    _AddItem32(conversion, nKey, _RoundU32(value * kScaleRange));
-    return;
-  }
-  MD_LOG(3, "SPI_SENSOR_RANGE value of %s (%f) is out of 0 to 5000000 range.\n", text.Get(), value);
-  _LogSpiOutOfRange(nKey);
+static void _AddVerticalFieldOfView(Conversion& conversion, const char* szText, double value) {
+  if (_AddNumber(conversion, kVerticalFieldOfView, value)) return;
+  MD_LOG(3, "SPI_SENSOR_VFOV value of %s (%f) is out of 0 to 180 range.\n", szText, value);
+  _LogSpiOutOfRange(kVerticalFieldOfView.tag);
+}
+
+static void _AddSlantRange(Conversion& conversion, const char* szText, double value) {
+  if (_AddNumber(conversion, kSlantRange, value)) return;
+  MD_LOG(3, "SPI_SENSOR_RANGE value of %s (%f) is out of 0 to 5000000 range.\n", szText, value);
+  _LogSpiOutOfRange(kSlantRange.tag);
 }
 
 static void _AddSensorItem(Conversion& conversion, const cvtCotField& field) {
-  const int nKey = cotToKlv_spiSensorTable[field.mapId].klvKey;
-  const float angle = _ToFloat(_TextToDouble(CotText(field.valueStr).Get()));
+  const CotText text(field.valueStr);
+  const double value = _TextToDouble(text.Get());
   switch (field.mapId) {
-    case 0:  // KEPT: a second tag 11 behind the uid's
+    case SPI_SENSOR_MODEL:  // KEPT: appends a second tag 11 after the one from uid
       _SetText(conversion, field);
-      _AddItem(conversion, nKey, field.valueLen);
+      _AddItem(conversion, cotToKlv_spiSensorTable[SPI_SENSOR_MODEL].klvKey, field.valueLen);
       break;
-    case 1:
-    case 2:
-      _AddFieldOfView(conversion, field, nKey);
+    case SPI_SENSOR_FOV:
+      _AddFieldOfView(conversion, text.Get(), value);
       break;
-    case 3:
-      conversion.pInstance->s_azimuth = angle;
+    case SPI_SENSOR_VFOV:
+      _AddVerticalFieldOfView(conversion, text.Get(), value);
       break;
-    case 4:
-      conversion.pInstance->s_elevation = angle;
+    case SPI_SENSOR_AZIMUTH:
+      conversion.pInstance->s_azimuth = _ToFloat(value);
       break;
-    case 5:
-      conversion.pInstance->s_roll = angle;
+    case SPI_SENSOR_ELEVATION:
+      conversion.pInstance->s_elevation = _ToFloat(value);
       break;
-    case 6:
-      _AddSlantRange(conversion, field, nKey);
+    case SPI_SENSOR_ROLL:
+      conversion.pInstance->s_roll = _ToFloat(value);
+      break;
+    case SPI_SENSOR_RANGE:
+      _AddSlantRange(conversion, text.Get(), value);
       break;
     default:
       MD_LOG(3, "Unknown mapId !\n");
@@ -1233,6 +1294,10 @@ static void _AppendAngle(cvtXmlMsg* pXmlMsg, int nKey, uint32_t nValue) {
   pXmlMsg->curKlvLen += 6;
 }
 
+static constexpr double kScaleRelativeAngle = 11930464.70833333;      // 4294967295/360
+static constexpr double kScaleRelativeElevation = 11930464.70555556;  // 4294967294/360
+static constexpr uint32_t kElevationOutOfRange = 0x80000000;
+
 // KEPT: the difference of two angles loses its sign and its fraction. FALSE above 360 degrees or when it is no number.
 static bool _WholeDegrees(float sensor, float aircraft, uint32_t* pnValue) {
   const float difference = sensor - aircraft;
@@ -1251,7 +1316,7 @@ static void _AddRelativeAzimuth(const CONVERTER_INSTANCE_DATA* pInstance, cvtXml
            static_cast<double>(azimuth));
     return;
   }
-  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[3].klvKey, nValue);
+  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[SPI_SENSOR_AZIMUTH].klvKey, nValue);
   MD_LOG(7, "adding azimuth key (0x12): klv value = 0x%x \n", nValue);
 }
 
@@ -1261,10 +1326,10 @@ static void _AddRelativeElevation(const CONVERTER_INSTANCE_DATA* pInstance, cvtX
     return;
   }
   const float difference = pInstance->s_elevation - pInstance->a_pitch;
-  uint32_t nValue = kOutOfRange32;
+  uint32_t nValue = kElevationOutOfRange;
   if (pInstance->a_pitch != kCvtAngleOutOfRange && difference >= -180 && difference <= 180)
     nValue = static_cast<uint32_t>(_Round(static_cast<double>(difference) * kScaleRelativeElevation));
-  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[4].klvKey, nValue);
+  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[SPI_SENSOR_ELEVATION].klvKey, nValue);
   MD_LOG(7, "adding spi elevation key (0x13): klv value = 0x%x \n", nValue);
 }
 
@@ -1277,7 +1342,7 @@ static void _AddRelativeRoll(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg
     MD_LOG(7, "no spi roll key will be added to KLV \n");
     return;
   }
-  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[5].klvKey, nValue);
+  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[SPI_SENSOR_ROLL].klvKey, nValue);
   MD_LOG(7, "adding spi roll key (0x14): klv value = 0x%x \n", nValue);
 }
 

@@ -43,6 +43,29 @@ struct cvtCotToKlv {
   int32_t sign;       // KEPT: 1 is unsigned and 0 signed, against the name
 };
 
+// Rows of the tables below, by name: mapId of an attribute, and the index of its item.
+enum tagAIR_EVENT_ROW : int32_t { AIR_EVENT_TIME = 0, AIR_EVENT_START = 1, AIR_EVENT_UID = 2 };
+enum tagAIR_TRACK_ROW : int32_t { AIR_TRACK_COURSE = 0, AIR_TRACK_SPEED = 1 };
+enum tagAIR_ATTITUDE_ROW : int32_t { AIR_ATTITUDE_PITCH = 0, AIR_ATTITUDE_ROLL = 1 };
+enum tagAIR_POINT_ROW : int32_t { AIR_POINT_LAT = 0, AIR_POINT_HAE = 1, AIR_POINT_LON = 2 };
+enum tagSPI_EVENT_ROW : int32_t { SPI_EVENT_UID = 0, SPI_EVENT_TIME = 1 };
+enum tagSPI_POINT_ROW : int32_t {
+  SPI_POINT_LAT = 0,
+  SPI_POINT_HAE = 1,
+  SPI_POINT_LON = 2,
+  SPI_POINT_LE = 3,
+  SPI_POINT_CE = 4
+};
+enum tagSPI_SENSOR_ROW : int32_t {
+  SPI_SENSOR_MODEL = 0,
+  SPI_SENSOR_FOV = 1,
+  SPI_SENSOR_VFOV = 2,
+  SPI_SENSOR_AZIMUTH = 3,
+  SPI_SENSOR_ELEVATION = 4,
+  SPI_SENSOR_ROLL = 5,
+  SPI_SENSOR_RANGE = 6
+};
+
 // Aircraft events.
 inline constexpr cvtCotField cot_airEventTable[] = {
     {"time", "0", 0, 0, 0}, {"start", "1", 0, 1, 0}, {"uid", "2", 0, 2, 0}};
@@ -99,6 +122,28 @@ inline constexpr cvtCotToKlv cotToKlv_spiSensorTable[] = {
     {5, "roll", 1, 20, 4, 1},       // Sensor Relative Roll Angle
     {6, "range", 1, 21, 4, 1},      // Slant Range
 };
+
+// Whether every attribute names its own row, and the item in that row is the one made from it.
+template <size_t attributes, size_t items>
+constexpr bool MappingAgrees(const cvtCotField (&fields)[attributes], const cvtCotToKlv (&mapping)[items]) {
+  if (attributes != items) return false;
+  for (size_t row = 0; row < attributes; ++row) {
+    const int32_t index = static_cast<int32_t>(row);
+    if (fields[row].mapId != index || mapping[row].mapId != index) return false;
+    for (size_t i = 0; i < sizeof(fields[row].name); ++i) {
+      if (fields[row].name[i] != mapping[row].cotField[i]) return false;
+    }
+  }
+  return true;
+}
+
+static_assert(MappingAgrees(cot_airEventTable, cotToKlv_airEventTable));
+static_assert(MappingAgrees(cot_airTrackTable, cotToKlv_airTrackTable));
+static_assert(MappingAgrees(cot_airAttitudeTable, cotToKlv_airAttitudeTable));
+static_assert(MappingAgrees(cot_airPointTable, cotToKlv_airPointTable));
+static_assert(MappingAgrees(cot_spiEventTable, cotToKlv_spiEventTable));
+static_assert(MappingAgrees(cot_spiPointTable, cotToKlv_spiPointTable));
+static_assert(MappingAgrees(cot_spiSensorTable, cotToKlv_spiSensorTable));
 
 // --- Packets -----------------------------------------------------------------------------------------
 
