@@ -5,54 +5,33 @@
 #include <unistd.h>
 
 #include <array>
-#include <bit>
 #include <cerrno>
 #include <charconv>
 #include <cmath>
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
+
+#include "gtx_grid.h"
 
 namespace geoid {
 namespace {
 
-// GTX: big-endian; south to north, west to east.
-//
-//   offset size field
-//        0    8 latitude of the first row, degrees (double)
-//        8    8 longitude of the first column
-//       16    8 step between rows
-//       24    8 step between columns
-//       32    4 rows
-//       36    4 columns
-//       40  4*n heights, metres (float)
-constexpr std::size_t kGtxHeaderSize = 40;
 constexpr int kGtxColumns = 1440;
 constexpr int kGtxGreenwich = 720;  // column of longitude 0: the first one is 180 W
-constexpr std::size_t kGtxSize = kGtxHeaderSize + std::size_t{kRows} * kGtxColumns * sizeof(float);
+constexpr std::size_t kGtxSize = 40 + std::size_t{kRows} * kGtxColumns * sizeof(float);
 
 // No geoid height of EGM96 lies outside.
 constexpr float kLowest = -110.0f;
 constexpr float kHighest = 90.0f;
 
-template <typename Word>
-Word ReadBigEndian(std::string_view data, std::size_t offset) {
-  Word word = 0;
-  for (std::size_t i = 0; i < sizeof(Word); i++) {
-    word = static_cast<Word>(word << 8 | static_cast<unsigned char>(data[offset + i]));
-  }
-  return word;
-}
-
-double ReadDouble(std::string_view data, std::size_t offset) {
-  return std::bit_cast<double>(ReadBigEndian<std::uint64_t>(data, offset));
-}
-
+// Whether the data begins as a GTX grid of this geoid does, with the latitude of its first row: -90 as a big-endian
+// double. No text does.
 bool IsGtx(std::string_view data) {
-  return data.size() >= kGtxHeaderSize && ReadDouble(data, 0) == -90.0;
+  return data.starts_with(std::string_view("\xC0\x56\x80\0\0\0\0\0", 8));
 }
 
 Grid ParseGtx(std::string_view data) {
@@ -60,8 +39,9 @@ Grid ParseGtx(std::string_view data) {
     throw GridError("the GTX grid has " + std::to_string(data.size()) + " bytes instead of " +
                     std::to_string(kGtxSize));
   }
-  if (ReadDouble(data, 8) != -180.0 || ReadDouble(data, 16) != 0.25 || ReadDouble(data, 24) != 0.25 ||
-      ReadBigEndian<std::uint32_t>(data, 32) != kRows || ReadBigEndian<std::uint32_t>(data, 36) != kGtxColumns) {
+  const std::optional<gtx::Grid> input = gtx::Parse(data);
+  if (!input || input->south != -90.0 || input->west != -180.0 || input->row_step != 0.25 ||
+      input->column_step != 0.25 || input->rows != kRows || input->columns != kGtxColumns) {
     throw GridError("the GTX grid is not 721 rows of 1440 columns from 90 S, 180 W, 0.25 degrees apart");
   }
   Grid grid{.form = "GTX grid", .values = {}};
@@ -69,8 +49,7 @@ Grid ParseGtx(std::string_view data) {
   for (int row = 0; row < kRows; row++) {
     for (int column = 0; column < kColumns; column++) {
       const int from = (kRows - 1 - row) * kGtxColumns + (column + kGtxGreenwich) % kGtxColumns;
-      const std::size_t offset = kGtxHeaderSize + static_cast<std::size_t>(from) * sizeof(float);
-      grid.values.push_back(std::bit_cast<float>(ReadBigEndian<std::uint32_t>(data, offset)));
+      grid.values.push_back(input->heights[static_cast<std::size_t>(from)]);
     }
   }
   return grid;
