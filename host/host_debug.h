@@ -28,7 +28,8 @@ void _DoDbgPrintEx(HDBG hDbg, int nLevel, const char* szFunction, const char* sz
 // A titled hex dump of nSize bytes.
 void _DoDbgPrintBuffer(HDBG hDbg, int nLevel, const char* szFunction, const char* szFile, int nLine,
                        const char* szTitle, const void* pvData, int nSize);
-// Reports a broken invariant: the failed expression's text. Execution continues if it returns.
+// Reports a broken invariant: the failed expression's text. It must return: the library carries on after it, and some
+// assertions are raised by what a sender sends.
 void _DoAssert(const char* szExpression, const char* szFunction, const char* szFile, int nLine);
 // The same with a formatted message.
 void _DoTextAssert(const char* szFunction, const char* szFile, int nLine, const char* szFormat, ...) HOST_PRINTF(4, 5);

@@ -10,7 +10,9 @@
  *               nSize. Strings are NUL-terminated 8-bit text inside fixed arrays.
  *   Threads     Everything received, converted, relayed and delivered happens on one internal thread, the
  *               metadata thread. Unless a function says otherwise, call it from an encoder thread, never
- *               from inside the ready callback.
+ *               from inside the ready callback, and never in a forked child, which has no such thread.
+ *   Assertions  The host's _DoAssert and _DoTextAssert must return. A sender can raise some assertions;
+ *               docs/integration.md lists them.
  *   Buffers     Messages travel in reference-counted MDATA_BUFFER records. Whoever allocates holds one
  *               reference, every holder releases its own, the last release frees the block.
  *   Byte order  KLV fields are big-endian. Records of this header are in native order.
@@ -95,8 +97,9 @@ typedef struct tagMDATA_BUFFER {
  *        0    1 0x00
  *        1    1 sequence number of the source, 0 to 255, wrapping
  *        2    1 0xDF
- *        3    2 message length, big-endian, low 16 bits. On UDP sources this is the length RECEIVED, which
- *               differs from the delivered one when the message was rewritten: trust nDataSize - 5.
+ *        3    2 message length, big-endian, low 16 bits. On KLV sources over UDP this is the length
+ *               RECEIVED, which differs from the delivered one when the message was rewritten: trust
+ *               nDataSize - 5.
  *        5    n the message, n = nDataSize - 5
  */
 #define MDATA_STREAM_HEADER_SIZE 5
@@ -112,7 +115,8 @@ typedef struct tagMDATA_BUFFER {
  *   returns       TRUE when the buffer was taken. Only video sources look at it: a refused message is not
  *                 counted and its sequence number is used again.
  *
- * Do not block in it, and do not open, close, shut down or ask for statistics from it.
+ * Do not block in it, and do not open, close, shut down or ask for statistics from it. Those calls wait for
+ * the thread that runs it: never hold a lock that it takes while calling one of them.
  */
 typedef BOOL (*MDATA_READY_CALLBACK)(MDATA_BUFFER* pBuff, void* pvUserParam1, void* pvUserParam2);
 
@@ -122,7 +126,7 @@ typedef BOOL (*MDATA_READY_CALLBACK)(MDATA_BUFFER* pBuff, void* pvUserParam1, vo
 
 enum tagMDATA_INPUT_TYPE {
   MDATA_INPUT_SERIAL = 0,  /* the serial port "/dev/ttyPS0"; one such source at a time */
-  MDATA_INPUT_NETWORK = 1, /* a UDP port; one source per port */
+  MDATA_INPUT_NETWORK = 1, /* a UDP port; one source per port; datagrams above 1500 bytes are cut */
   MDATA_INPUT_VIDEO = 2    /* KLV in the ancillary data of a video input; any number of sources */
 };
 
@@ -169,8 +173,9 @@ typedef struct tagMDATA_RELAY_CFG {
   USHORT usUDPPort;           /* destination port, host byte order */
   int32_t iDestAddressFamily; /* 2 (AF_INET) or 10 (AF_INET6) */
   BYTE acDestAddress[16];     /* network order; IPv4 in the first 4 bytes */
-  int32_t IpTOS;              /* 0 to 255 fixed, -1 follows the source (IPv4 destinations only) */
-  int32_t IpTTL;              /* 1 to 255 fixed, 0 the system's default, -1 follows the source (IPv4 only) */
+  int32_t IpTOS;              /* 0 to 255 fixed, -1 follows the source's TOS or traffic class */
+  int32_t IpTTL;              /* 1 to 255 fixed, 0 the system's default, -1 follows its TTL or hop limit;
+                                 only IPv4 destinations follow, from senders of either family */
 } MDATA_RELAY_CFG;
 
 /*
@@ -284,9 +289,9 @@ typedef struct tagMDATA_RELAY_STATS {
  *
  *   offset size field
  *        0    4 nSize                              neither filled nor tested by the library
- *        8    8 nRxBytes                           bytes received
- *       16    8 nRxOkMessages                      messages received whole
- *       24    8 nRxCorruptMessages                 discards of the stream decoder
+ *        8    8 nRxBytes                           bytes received; video sources: taken, with stream headers
+ *       16    8 nRxOkMessages                      messages received; datagrams that were cut count too
+ *       24    8 nRxCorruptMessages                 serial sources: discards of the KLV decoder, wrong CRCs of CoT
  *       32   20 in.Network                         network sources: last sender
  *       56 4144 prot                               CoT sources: prot.CoT; KLV sources: prot.KLV, filled only
  *                                                  with a mission identifier or classification configured
@@ -343,7 +348,7 @@ typedef struct tagCOT_STATS {
 /* Lifecycle                                                                                        */
 /* ------------------------------------------------------------------------------------------------ */
 
-#define METADATALIB_CAPS_COT_SUPPORT 0x1u  /* CoT sources; loads the geoid grid */
+#define METADATALIB_CAPS_COT_SUPPORT 0x1u  /* CoT sources; reads AllItemsSupport and loads the geoid grid */
 #define METADATALIB_CAPS_IPV4_SUPPORT 0x2u /* IPv4 receive sockets may be created */
 #define METADATALIB_CAPS_IPV6_SUPPORT 0x4u /* IPv6 receive sockets may be created */
 
@@ -480,7 +485,8 @@ typedef void (*KLV_RX_HANDLER)(MDATA_BUFFER* pBuff, void* pvUserParam1);
 typedef void (*COT_RX_HANDLER)(MDATA_BUFFER* pBuff, void* pvUserParam1);
 
 /*
- * One context per stream, driven by one thread; the statistics functions may run on another.
+ * One context per stream, driven by one thread; the statistics functions may run on another. A KLV context
+ * holds a decode buffer of 128 KiB.
  * ProcessRxData takes chunks of any size and always returns 0. GetStats, ResetStats and SetStats leave
  * nRxChannel1Messages alone.
  */
