@@ -68,7 +68,7 @@ struct RtpHeader {
   std::uint32_t sequence = 0;   // RTP's 16 bits and the payload's 16 higher ones
   std::uint32_t timestamp = 0;  // 90 kHz
   std::uint32_t source = 0;
-  std::uint8_t field = 0;  // 0 progressive, 2 first field, 3 second field
+  std::uint8_t field = 0;  // bits F: 0b00 progressive or not said, 0b10 first field, 0b11 second field
 };
 constexpr std::size_t kRtpHeaderSize = 20;  // with the payload's own header
 
@@ -82,7 +82,7 @@ struct RtpPacket {
   std::uint8_t count = 0;  // ancillary packets that it says to hold
   Bytes ancPackets;
 };
-// Nothing when the datagram is no such RTP packet, or is cut off.
+// Nothing when the datagram is no such RTP packet, is cut off, or has the bits F 0b01, which are not defined.
 std::optional<RtpPacket> UnpackRtp(ByteView datagram);
 
 enum class AncState { kGood, kBadChecksum, kBadParity, kCutOff };

@@ -169,7 +169,7 @@ TEST(Rtp, Other_and_cut_datagrams_are_refused) {
   bad[0] = 0x40;  // version
   EXPECT_FALSE(UnpackRtp(bad));
   bad = packet;
-  bad[17] = 0x40;  // field 1 does not exist
+  bad[17] = 0x40;  // F 0b01 is not defined
   EXPECT_FALSE(UnpackRtp(bad));
   for (const int padding : {0, 255}) {
     bad = packet;

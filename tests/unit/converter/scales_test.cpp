@@ -1,0 +1,43 @@
+// What a receiver makes of the converted numbers that are not scaled as MISB ST 0601 scales them.
+#include <cmath>
+
+#include "converter_fixture.h"
+
+namespace {
+
+class Scales : public ConverterTest {
+ protected:
+  void ConvertPoint(const std::string& rest) {
+    AllowLogs(3, "");
+    ASSERT_TRUE(ConvertSpi("<point lat=\"1\" lon=\"1\" hae=\"1\"" + rest));
+  }
+  // By the standard: the whole range of a number of so many bits stands for 0 to the largest value.
+  double ReadByTheStandard(int tag, double largest, int bits) const {
+    return static_cast<double>(Number(tag)) * largest / (std::ldexp(1.0, bits) - 1);
+  }
+};
+
+TEST_F(Scales, ErrorEstimatesReadBelowTheirValue) {
+  ConvertPoint(" le=\"2400\" ce=\"1900\"/>");
+  for (const auto& [tag, metres] : {std::pair{46, 2400 * 1.6448538}, std::pair{45, 1900 * 2.145966025}}) {
+    EXPECT_NEAR(static_cast<double>(Number(tag)) / 16, metres, 0.5 / 16) << "16 steps a metre";
+    EXPECT_NEAR(ReadByTheStandard(tag, 4095, 16), metres * (1 - 0.000229), 0.04);
+  }
+  ConvertPoint(" le=\"2489.58\" ce=\"1\"/>");
+  EXPECT_NEAR(4095 - ReadByTheStandard(46, 4095, 16), 0.94, 0.04);
+}
+
+TEST_F(Scales, RangeReadsSlightlyAboveItsValue) {
+  ConvertPoint("/><sensor range=\"4999999\"/>");
+  EXPECT_NEAR(ReadByTheStandard(21, 5000000, 32) - 4999999, 0.21, 0.005);
+  ConvertPoint("/><sensor range=\"1000\"/>");
+  EXPECT_NEAR(ReadByTheStandard(21, 5000000, 32), 1000, 0.001);
+}
+
+TEST_F(Scales, PacketNamesNoEditionOfTheStandard) {
+  AllowLogs(3, "");
+  ASSERT_TRUE(ConvertPair(Aircraft(), Spi()));
+  EXPECT_FALSE(Has(65));
+}
+
+}  // namespace

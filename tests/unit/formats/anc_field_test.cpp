@@ -1,0 +1,45 @@
+// The two bits F of an ancillary stream's payload header (RFC 8331).
+#include <gtest/gtest.h>
+
+#include "anc_frame.h"
+
+namespace {
+
+using namespace anc_klv;
+
+class AncField : public testing::Test {
+ protected:
+  // One RTP packet with a whole message and these bits F.
+  Bytes Packet(std::uint8_t field) {
+    const Bytes klv = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01, 0x0E, 0x01, 0x03, 0x01, 0x01, 0, 0, 0, 1, 7};
+    RtpHeader header;
+    header.field = field;
+    return PackFrame(std::span(&klv, 1), header, &m_sequence, &m_number).front();
+  }
+
+  std::size_t m_messages = 0;
+  std::uint32_t m_sequence = 0;
+  std::uint8_t m_number = 0;
+  Receiver m_receiver{[this](const StampedKlv&) { ++m_messages; }};
+};
+
+TEST_F(AncField, ProgressiveAndBothFieldsAreTaken) {
+  for (const std::uint8_t field : {0, 2, 3}) m_receiver.Take(Packet(field), 0);
+  EXPECT_EQ(m_messages, 3u);
+  EXPECT_EQ(m_receiver.Seen().damaged, 0u);
+}
+
+TEST_F(AncField, UndefinedFieldIsDamageAndLeavesAGap) {
+  m_receiver.Take(Packet(0), 0);
+  m_receiver.Take(Packet(1), 0);
+  EXPECT_EQ(m_receiver.Seen().damaged, 1u);
+  EXPECT_FALSE(m_receiver.IsWaiting());
+  m_receiver.Take(Packet(2), 0);
+  EXPECT_EQ(m_messages, 1u) << "the packet behind the gap waits for the missing one";
+  EXPECT_TRUE(m_receiver.IsWaiting());
+  m_receiver.Pass(RtpOrder::kPatience);
+  EXPECT_EQ(m_messages, 2u);
+  EXPECT_EQ(m_receiver.Seen().lost, 1u);
+}
+
+}  // namespace
