@@ -14,7 +14,7 @@
 // --- Constants ---------------------------------------------------------------------------------------
 
 inline constexpr char kSerialDevice[] = "/dev/ttyPS0";
-inline constexpr int kRxBufferSize = 1500;      // one datagram of an Ethernet frame
+inline constexpr int kRxBufferSize = 1500;      // of one datagram; a longer one is cut
 inline constexpr int kSerialReadSize = 48;      // bytes of one serial read
 inline constexpr int kVideoRoom = 4101;         // bytes offered to the capture for one packet
 inline constexpr int kMaxKLVPerIteration = 60;  // packets of one video input taken in one pass
@@ -125,7 +125,7 @@ extern HTHREAD _g_hMetaDataProcessingThread;            // encoder threads in In
 extern HMBOX _g_hMetaDataThreadMBox;                    // read-only while the thread runs
 extern WAIT_COND _g_MetaDataThreadCond;                 // posted once per handled control event
 extern BOOL _g_bShutdownThread;                         // atomic; ends the thread's loop
-extern BOOL _g_bUsingInternalThread;                    // read-only after METADATALIB_Init
+extern BOOL _g_bUsingInternalThread;                    // set by Init, cleared by a shut-down that ended the thread
 extern BOOL _g_bCoTSupportEnabled;                      // read-only after METADATALIB_Init
 extern BOOL _g_bGridInitialized;                        // read-only after METADATALIB_Init
 extern struct timeval _g_ThreadSelectTimeOut;           // constant

@@ -525,7 +525,8 @@ METADATALIB_API BOOL AllocCoT2KLVConvert(HCONVERTER* phConvInstance, int32_t nMa
 METADATALIB_API void FreeCoT2KLVConvert(HCONVERTER* phConvInstance);
 /*
  * Converts one event. Returns the packet length with *ppBuffer set (5 bytes of reserve in front of pcData);
- * 0 while the pair waits for its partner; -1 for a rejected event; 3 without memory. Test *ppBuffer.
+ * 0 while the pair waits for its partner; -1 for a rejected event or without memory for a new pair; 3
+ * without memory for a packet of 128 value bytes and more. Test *ppBuffer.
  */
 METADATALIB_API int ConvertCoT2KLV(HCONVERTER hConv, const BYTE* pvInputData, int nInDataSize, MDATA_BUFFER** ppBuffer);
 METADATALIB_API void ReleaseConvertedData(MDATA_BUFFER* pBuffer);
@@ -565,14 +566,14 @@ typedef struct tagMISSION_ID_KLV {
 
 /*
  * Rewrites one message as the source's configuration asks. TRUE with *ppNewBuff set (one reference, the
- * caller's), TRUE without one when nothing is left to send, FALSE for an invalid message. pnNewSize may be
- * NULL. Metadata thread only.
+ * caller's), TRUE without one when nothing is left to send, FALSE for an invalid message, for one that would
+ * grow beyond a value of 65535 bytes, and without memory. pnNewSize may be NULL. Metadata thread only.
  */
 METADATALIB_API BOOL ProcessUASDataLinkLocalSet(HMDATASRC hSource, BYTE* pcKLVHeader, int nUAVSize, int nHeaderSize,
                                                 MDATA_BUFFER** ppNewBuff, int* pnNewSize);
 /* Bytes of a whole element; reads up to 6 bytes. FALSE for an unsupported length form. */
 METADATALIB_API BOOL GetKLVElementSize(const KLV_ELEMENT* pKLV, size_t* pnSize);
-/* Checks a message and its checksum; a message without checksum passes. */
+/* Checks a message and its checksum; a message without checksum passes. An unreadable element asserts. */
 METADATALIB_API BOOL ValidateUASLocalDataSet(BYTE* pcKLVHeader, int nUAVSize, int nHeaderSize);
 /* Elements to insert; free() them. NULL without memory, or (security) with a country of other than 3 letters. */
 METADATALIB_API MISSION_ID_KLV* AllocMissionID(const char* szMissionID);
