@@ -24,7 +24,7 @@ class AncField : public testing::Test {
 };
 
 TEST_F(AncField, ProgressiveAndBothFieldsAreTaken) {
-  for (const std::uint8_t field : {0, 2, 3}) m_receiver.Take(Packet(field), 0);
+  for (const int field : {0, 2, 3}) m_receiver.Take(Packet(static_cast<std::uint8_t>(field)), 0);
   EXPECT_EQ(m_messages, 3u);
   EXPECT_EQ(m_receiver.Seen().damaged, 0u);
 }
