@@ -288,8 +288,12 @@ static BOOL _CreateMetaDataThread() {
     MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
     return FALSE;
   }
-  __FDMGR_AddReadFD(g_hMetaDataFDSet, iNotificationFD, _MetaDataControlCallBack, _g_hMetaDataThreadMBox, nullptr,
-                    __func__, MD_MODULE, __LINE__);
+  if (!__FDMGR_AddReadFD(g_hMetaDataFDSet, iNotificationFD, _MetaDataControlCallBack, _g_hMetaDataThreadMBox, nullptr,
+                         __func__, MD_MODULE, __LINE__)) {
+    MD_LOG(3, "Unable to add mailbox to file descriptor set of meta-data thread.\n");
+    MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);  // the set is left as after a failed thread creation
+    return FALSE;
+  }
   if (!CreateThread(&_g_hMetaDataProcessingThread, "MetaData", 0, 10, _MetaDataThread, g_hMetaDataFDSet)) {
     MD_LOG(3, "Unable to create meta-data thread.\n");
     MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);  // KEPT: the set is left as it is
@@ -301,7 +305,9 @@ static BOOL _CreateMetaDataThread() {
 
 BOOL METADATALIB_Init(DWORD dwCaps) {
   // KEPT: the flag outlives a shut-down, so a second start raises this assertion and goes on.
-  MD_ASSERT_TEXT(MdLoadAcquire(g_bMetaDataLibInitialized) == FALSE, "g_bMetaDataLibInitialized == FALSE");
+  const BOOL bInitialized = MdLoadAcquire(g_bMetaDataLibInitialized);
+  MD_ASSERT_TEXT(bInitialized == FALSE, "g_bMetaDataLibInitialized == FALSE");
+  if (bInitialized && _g_bUsingInternalThread) return FALSE;  // it runs: a start would take everything from under it
   _DoDbgInit("METADATALIB", &g_hMetaDataLibDbg);
   _DoDbgInit("COTCONVERTER", &g_hCoTConvDbg);
   MD_LOG(6, "Called, dwCaps=0x%X.\n", dwCaps);

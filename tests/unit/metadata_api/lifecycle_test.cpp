@@ -82,6 +82,21 @@ TEST_F(InitTest, ThreadCreationFailureClosesTheMailboxAndLeavesTheSet) {
   WaitCond_Destroy(&_g_MetaDataThreadCond);
 }
 
+TEST_F(InitTest, MailboxThatCannotBeWatchedEndsItLikeAFailedThreadCreation) {
+  host().FailNext("__FDMGR_AddReadFD");
+  EXPECT_FALSE(METADATALIB_Init(kIPv4));
+  ExpectLog(3, "Unable to add mailbox to file descriptor set of meta-data thread.\n");
+  EXPECT_EQ(host().Calls("MBOX_CloseMailBox"), 1);
+  EXPECT_EQ(host().Calls("FDMGR_CloseSet"), 0);
+  EXPECT_EQ(host().Calls("CreateThread"), 0);
+  EXPECT_FALSE(g_bMetaDataLibInitialized);
+  EXPECT_FALSE(_g_bUsingInternalThread);
+  FDMGR_CloseSet(&g_hMetaDataFDSet);
+  WaitCond_Destroy(&_g_MetaDataThreadCond);
+  Start();
+  Close(Open(NetworkConfig()));
+}
+
 TEST_F(InitTest, LoadsTheGridWithCoTSupport) {
   StartWithCoT();
   EXPECT_TRUE(_g_bCoTSupportEnabled);
@@ -109,6 +124,55 @@ TEST_F(InitTest, SecondInitAfterShutdownAssertsAndWorks) {
   Open(NetworkConfig());
   EXPECT_EQ(ListedSources(), 1);
   EXPECT_TRUE(host().SelectInterval().has_value() || (host().Pass(), host().SelectInterval().has_value()));
+}
+
+TEST_F(InitTest, SecondInitWhileTheLibraryRunsAssertsAndTouchesNothing) {
+  StartWithCoT();
+  const HMDATASRC source = Open(VideoConfig(1));
+  host().ClearLogs();
+  const HDBG debug = g_hMetaDataLibDbg;
+  const HMBOX mailbox = _g_hMetaDataThreadMBox;
+  const HFDSET set = g_hMetaDataFDSet;
+  const HTHREAD thread = _g_hMetaDataProcessingThread;
+  const DWORD caps = g_dwLibCaps;
+  _g_nStrayPosts = 3;
+  const char* const services[] = {"_DoDbgInit",        "MBOX_CreateMailBox", "__FDMGR_CreateSet",
+                                  "__FDMGR_AddReadFD", "CreateThread",       "fopen"};
+  std::vector<int> before;
+  for (const char* service : services) before.push_back(host().Calls(service));
+  const int conditions = host().Calls("WaitCond_Init");
+
+  EXPECT_FALSE(METADATALIB_Init(METADATALIB_CAPS_IPV6_SUPPORT));
+  ExpectAssertion("g_bMetaDataLibInitialized == FALSE");
+  EXPECT_TRUE(host().Logs().empty());
+  EXPECT_EQ(g_hMetaDataLibDbg, debug);
+  EXPECT_EQ(_g_hMetaDataThreadMBox, mailbox);
+  EXPECT_EQ(g_hMetaDataFDSet, set);
+  EXPECT_EQ(_g_hMetaDataProcessingThread, thread);
+  EXPECT_EQ(g_dwLibCaps, caps);
+  EXPECT_TRUE(_g_bCoTSupportEnabled);
+  EXPECT_TRUE(_g_bGridInitialized);
+  EXPECT_EQ(_g_nStrayPosts, 3);
+  EXPECT_NE(_g_pCurrentThreadSelectTimeOut, nullptr);
+  for (size_t i = 0; i < before.size(); ++i) EXPECT_EQ(host().Calls(services[i]), before[i]) << services[i];
+  EXPECT_EQ(host().Calls("WaitCond_Init"), conditions);
+
+  _g_nStrayPosts = 0;
+  host().FeedCapture(1, Bytes(40, 1), 1);
+  host().PassUntilIdle();
+  EXPECT_EQ(m_encoder.messages.size(), 1u) << "the running instance goes on";
+  Close(source);
+}
+
+TEST_F(InitTest, WhileAThreadThatCouldNotBeStoppedRunsItIsRefused) {
+  Start();
+  host().FailNext("__MBOX_AllocMessage");
+  METADATALIB_Shutdown();
+  ExpectLog(5, "Called.\n");
+  EXPECT_FALSE(METADATALIB_Init(kIPv4));
+  ExpectAssertion("g_bMetaDataLibInitialized == FALSE");
+  Open(NetworkConfig());
+  EXPECT_EQ(ListedSources(), 1);
 }
 
 // --- Shut-down ---------------------------------------------------------------------------------------
