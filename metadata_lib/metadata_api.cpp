@@ -78,6 +78,7 @@ pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr int kSerialLockTries = 20;        // one millisecond each
 static constexpr int kLogHoldOffSecs = 4;          // repeated failures: a log line when more than this has passed
+static constexpr UINT64 kResendPauseMs = 10;       // between two attempts to send the shut-down
 static constexpr int kSmallestUASMessage = 20;     // key, length and one element
 static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet stays below
 static constexpr BYTE _acAnyAddress[16] = {};      // the IPv6 "any" address
@@ -121,9 +122,13 @@ class SerialApiLock {
 
 }  // namespace
 
-static void _SleepOneMs() {
-  const struct timespec Pause = {0, 1000000};
+static void _SleepMs(UINT64 nMilliseconds) {
+  const struct timespec Pause = {0, static_cast<long>(nMilliseconds) * 1000000};
   nanosleep(&Pause, nullptr);
+}
+
+static void _SleepOneMs() {
+  _SleepMs(1);
 }
 
 SerialApiLock::SerialApiLock() {
@@ -255,6 +260,27 @@ static bool _CallThread(HMBOXMSG hMsg, int32_t& nRequest, DWORD nLimitMs, bool* 
   return true;
 }
 
+// The same for the shut-down, which must arrive: a thread without sources sleeps until a message wakes it. So the send
+// is repeated while it fails; all of it takes kShutdownWaitMs at most. Failed attempts are logged once.
+static bool _CallThreadToEnd(HMBOXMSG hMsg, bool* pbSent) {
+  const UINT64 nStart = _MonotonicMs();
+  UINT64 nElapsed = 0;
+  MdStoreRelease(_g_nShutdownRequest, REQUEST_PENDING);
+  *pbSent = MBOX_SendMessage(_g_hMetaDataThreadMBox, hMsg, 0) != FALSE;
+  if (!*pbSent) MD_LOG(3, "MBOX_SendMessage FAILED.\n");
+  MD_LOG(6, "Waiting for metadata source thread semaphore.\n");
+  while (!*pbSent && nElapsed < kShutdownWaitMs) {
+    _SleepMs(kResendPauseMs);
+    *pbSent = MBOX_SendMessage(_g_hMetaDataThreadMBox, hMsg, 0) != FALSE;
+    nElapsed = _MonotonicMs() - nStart;
+  }
+  if (!*pbSent) MBOX_FreeMessage(hMsg);
+  const DWORD nLeft = nElapsed < kShutdownWaitMs ? kShutdownWaitMs - static_cast<DWORD>(nElapsed) : 0;
+  if (!_WaitForRequest(_g_nShutdownRequest, nLeft)) return false;
+  MD_LOG(6, "Wait successful.\n");
+  return true;
+}
+
 // =====================================================================================================
 // 4. Lifecycle. Called by the encoder, once each, before and after everything else.
 // =====================================================================================================
@@ -334,44 +360,52 @@ BOOL METADATALIB_Init(DWORD dwCaps) {
   return MdLoadAcquire(g_bMetaDataLibInitialized);
 }
 
-// Asks the thread to end and joins it. FALSE without memory for the message: the thread then still runs.
+// Asks the thread to end and joins it. FALSE when no message could be made or sent: the thread then still runs.
 static bool _StopMetaDataThread() {
   HMBOXMSG hMsg = _AllocControlMessage(EVENTID_SHUTDOWN_THREAD, nullptr);
   if (hMsg == nullptr) return false;
   bool bSent = false;
-  if (!_CallThread(hMsg, _g_nShutdownRequest, kShutdownWaitMs, &bSent)) {
+  if (!_CallThreadToEnd(hMsg, &bSent)) {
     const int iError = errno;
     const ErrnoText Error(iError);
     MD_LOG(3, "Wait FAILED, errno (%d): \"%s\".\n", iError, Error.szText);
     MD_TEXT_ASSERT("Wait FAILED, errno (%d): \"%s\".\n", iError, Error.szText);
   }
-  // Without a message the thread sees the flag when it wakes next.
-  if (!bSent) MdStoreRelease(_g_bShutdownThread, TRUE);
+  if (!bSent) {
+    MD_LOG(3, "Unable to stop meta-data thread, it is left running.\n");
+    return false;
+  }
   WaitForThread(_g_hMetaDataProcessingThread);  // KEPT: joined after a failed wait too
   _g_hMetaDataProcessingThread = nullptr;
   return true;
+}
+
+// What the thread used, once it has ended.
+static void _ReleaseThreadServices() {
+  while (_HandleControlMessage(g_hMetaDataFDSet, _g_hMetaDataThreadMBox)) {
+  }
+  _SweepUnsentCloses(g_hMetaDataFDSet, true);
+  MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
+  FDMGR_CloseSet(&g_hMetaDataFDSet);
+  WaitCond_Destroy(&_g_MetaDataThreadCond);
+  _g_bUsingInternalThread = FALSE;  // nothing is left to send messages to
 }
 
 void METADATALIB_Shutdown(void) {
   const BOOL bInitialized = MdLoadAcquire(g_bMetaDataLibInitialized);
   MD_ASSERT_TEXT(bInitialized, "g_bMetaDataLibInitialized");
   MD_LOG(5, "Called.\n");
+  bool bThreadEnded = true;
   if (bInitialized && _g_bUsingInternalThread) {
-    const bool bThreadEnded = _StopMetaDataThread();
+    bThreadEnded = _StopMetaDataThread();
     MD_LOG(7, "Closing Mailbox.\n");
-    // A thread that could not be asked to end still waits on these; closing them under it would be a use after free.
-    if (bThreadEnded) {
-      while (_HandleControlMessage(g_hMetaDataFDSet, _g_hMetaDataThreadMBox)) {
-      }
-      _SweepUnsentCloses(g_hMetaDataFDSet, true);
-      MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
-      FDMGR_CloseSet(&g_hMetaDataFDSet);
-      WaitCond_Destroy(&_g_MetaDataThreadCond);
-      _g_bUsingInternalThread = FALSE;  // nothing is left to send messages to
-    }
+    if (bThreadEnded) _ReleaseThreadServices();
   }
-  if (bInitialized) free_ww15mgh_grd();  // KEPT: whether or not it was loaded
+  if (bInitialized && bThreadEnded) free_ww15mgh_grd();  // KEPT: whether or not it was loaded
   MD_LOG(6, "Done.\n");
+  // A thread that could not be asked to end still waits, converts and logs: it keeps all it uses until another
+  // shut-down reaches it.
+  if (!bThreadEnded) return;
   _DoDbgUninitEx(&g_hCoTConvDbg);
   _DoDbgUninitEx(&g_hMetaDataLibDbg);
   // KEPT: g_bMetaDataLibInitialized stays TRUE; the library is made to be started once per process.

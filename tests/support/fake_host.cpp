@@ -71,6 +71,7 @@ void Host::Verify() {
   for (auto& [name, queue] : impl->failures)
     for (const Failure& failure : queue)
       if (failure.times > 0) ADD_FAILURE() << "a failure asked for " << name << " never happened";
+  for (const auto& [name, action] : impl->actions) ADD_FAILURE() << "an action waits for " << name << " in vain";
 }
 
 // --- log ---------------------------------------------------------------------------------------------
@@ -207,6 +208,16 @@ void Host::FailNext(const std::string& name, Failure failure) {
   impl->failures[name].push_back(failure);
 }
 
+void Host::StopFailing(const std::string& name) {
+  std::lock_guard guard(impl->lock);
+  impl->failures.erase(name);
+}
+
+void Host::WhenCalled(const std::string& name, std::function<void()> action, int skip) {
+  std::lock_guard guard(impl->lock);
+  impl->actions[name] = {std::move(action), skip};
+}
+
 int Host::Calls(const std::string& name) const {
   std::lock_guard guard(impl->lock);
   const auto found = impl->calls.find(name);
@@ -216,6 +227,7 @@ int Host::Calls(const std::string& name) const {
 std::optional<Failure> Host::Impl::Call(const std::string& name) {
   std::lock_guard guard(lock);
   ++calls[name];
+  Act(name);
   const auto found = failures.find(name);
   if (found == failures.end() || found->second.empty()) return {};
   Failure& failure = found->second.front();
@@ -227,6 +239,14 @@ std::optional<Failure> Host::Impl::Call(const std::string& name) {
   if (--failure.times <= 0) found->second.pop_front();
   errno = now.error;
   return now;
+}
+
+void Host::Impl::Act(const std::string& name) {
+  const auto found = actions.find(name);
+  if (found == actions.end() || found->second.skip-- > 0) return;
+  const std::function<void()> action = std::move(found->second.action);
+  actions.erase(found);
+  action();
 }
 
 // --- descriptors -------------------------------------------------------------------------------------
@@ -342,6 +362,22 @@ void Host::Impl::Grant(bool timeOutPass) {
   timeOut = timeOutPass;
   changed.notify_all();
   changed.wait(guard, [&] { return atSelect || !running; });
+}
+
+bool Host::Impl::GrantAsReal() {
+  bool timeOutPass = false;
+  {
+    std::unique_lock guard(lock);
+    changed.wait(guard, [&] { return atSelect || !running; });
+    if (!running) return true;
+    timeOutPass = !AnyReadable();
+    if (timeOutPass) {
+      if (currentSet == nullptr || !currentSet->interval) return false;
+      host().Advance(currentSet->interval->tv_sec * 1000 + currentSet->interval->tv_usec / 1000);
+    }
+  }
+  Grant(timeOutPass);
+  return true;
 }
 
 void Host::Pass() {

@@ -6,6 +6,9 @@
 //   drive the thread         host().Pass(), PassUntilIdle(), SelectTimesOut()
 //   expect a log line        ExpectLog(4, "KLV_GetInfo returned an error.\n"), ExpectAssertion("0")
 //
+// The thread that WaitForThread joins gets only the passes that a real one would make: for a readable descriptor, or by
+// time-out where one is set. A thread that would sleep for ever fails the test.
+//
 // Tests derive from HostTest, which resets everything and, at the end, fails the test on any unclaimed log line of
 // level 0 to 5, any unclaimed assertion, and anything left open or allocated. Nothing sleeps: time() and its kin follow
 // the fake clock, files under /tmp, /usr/share/vendor and /etc/hostos.ini live in a folder of the test's own.
@@ -15,6 +18,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -136,7 +140,11 @@ class Host : public HostRecords {
 
   // --- failures: host services and the wrapped libc calls, by name
   void FailNext(const std::string& name, Failure failure = {});
+  void StopFailing(const std::string& name);  // takes back the failures that have not happened yet
   int Calls(const std::string& name) const;
+  // Runs once, inside the call of that name after 'skip' others and on its thread: what happens to the library in the
+  // middle of its work.
+  void WhenCalled(const std::string& name, std::function<void()> action, int skip = 0);
 
   // --- descriptors
   const FakeFD& FD(int fd) const;

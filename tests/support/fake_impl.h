@@ -28,6 +28,11 @@ struct FDState : FakeFD {
   int interface = -1;
 };
 
+struct PendingAction {
+  std::function<void()> action;
+  int skip;
+};
+
 struct SetEntry {
   int fd;
   FDMGR_READ_CALLBACK callback;
@@ -83,6 +88,7 @@ struct Host::Impl {
 
   std::map<std::string, std::deque<Failure>> failures;
   std::map<std::string, int> calls;
+  std::map<std::string, PendingAction> actions;
 
   std::map<int, FDState> fds;
   int nextFD = kFirstFakeFD;
@@ -110,10 +116,13 @@ struct Host::Impl {
   // Counts a call; the failure to act out, if this call is to fail. Sets errno.
   std::optional<Failure> Call(const std::string& name);
   bool Fails(const std::string& name) { return Call(name).has_value(); }
+  void Act(const std::string& name);  // what WhenCalled asked for
   bool Readable(int fd);
   bool AnyReadable();
   int NewFD(const std::string& kind);
   void Grant(bool timeOutPass);
+  // Grants the pass that a real thread would make next. FALSE when it would sleep for ever.
+  bool GrantAsReal();
 };
 
 #endif  // FAKE_IMPL_H

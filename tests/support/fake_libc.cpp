@@ -240,12 +240,13 @@ FILE* __wrap_fdopen(int fd, const char* mode) {
   return __real_fdopen(fd, mode);
 }
 
-// Allocations are only looked at while a failure is asked for: the fake itself allocates.
+// Allocations only count while a failure is asked for: the fake itself allocates.
 static bool AllocationFails(const char* name) {
   static thread_local bool inside = false;
   if (inside || host().impl == nullptr) return false;
   inside = true;
   std::lock_guard guard(Fake().lock);
+  Fake().Act(name);
   const auto found = Fake().failures.find(name);
   const bool fails = found != Fake().failures.end() && !found->second.empty() && Fake().Fails(name);
   inside = false;

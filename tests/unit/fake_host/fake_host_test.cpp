@@ -4,6 +4,8 @@
 #include <gtest/gtest-spi.h>
 #include <time.h>
 
+#include <atomic>
+
 #include "builders.h"
 
 extern HDBG g_hMetaDataLibDbg;
@@ -74,42 +76,103 @@ TEST_F(FakeHost, ADescriptorLeftOpenFailsTheTest) {
   close(fd);
 }
 
-TEST_F(FakeHost, MailboxAndThreadRunInLockstep) {
-  static HMBOX mailbox;
-  static bool stop;
-  static int received;
-  stop = false;
-  received = 0;
-  const MBOX_CONFIG config = {sizeof(MBOX_CONFIG), "box", FALSE};
-  ASSERT_TRUE(MBOX_CreateMailBox(&config, &mailbox));
-  HFDSET set = nullptr;
-  ASSERT_TRUE(__FDMGR_CreateSet("set", &set, "", "", 0));
-  const auto callback = [](HFDSET, int, int, void*, void*) {
+// A thread that selects on a mailbox until it is told to stop.
+class FakeThread : public FakeHost {
+ protected:
+  void SetUp() override {
+    FakeHost::SetUp();
+    stop = false;
+    received = 0;
+    timeOuts = 0;
+    const MBOX_CONFIG config = {sizeof(MBOX_CONFIG), "box", FALSE};
+    ASSERT_TRUE(MBOX_CreateMailBox(&config, &mailbox));
+    ASSERT_TRUE(__FDMGR_CreateSet("set", &set, "", "", 0));
+    __FDMGR_AddReadFD(set, MBOX_GetNotificationFD(mailbox), OnMessage, nullptr, nullptr, "", "", 0);
+    ASSERT_TRUE(CreateThread(&thread, "t", 0, 1, Routine, set));
+    ASSERT_TRUE(StartThread(thread));
+  }
+  void TearDown() override {
+    FDMGR_CloseSet(&set);
+    MBOX_CloseMailBox(&mailbox);
+    FakeHost::TearDown();
+  }
+
+  static void OnMessage(HFDSET, int, int, void*, void*) {
     HMBOXMSG message = nullptr;
     if (!MBOX_RecvMessage(mailbox, &message)) return;
     stop = MBOX_GetMessageHeader(message)->dwEventID == 1;
     ++received;
     MBOX_FreeMessage(message);
-  };
-  __FDMGR_AddReadFD(set, MBOX_GetNotificationFD(mailbox), callback, nullptr, nullptr, "", "", 0);
-  HTHREAD thread = nullptr;
-  const auto routine = [](void* argument) -> DWORD {
+  }
+  static void OnTimeOut(HFDSET, void*, void*) {
+    ++timeOuts;
+    stop = true;
+  }
+  static DWORD Routine(void* argument) {
     while (!stop) FDMGR_Select(static_cast<HFDSET>(argument));
     return 0;
-  };
-  ASSERT_TRUE(CreateThread(&thread, "t", 0, 1, routine, set));
-  ASSERT_TRUE(StartThread(thread));
-  MBOX_SendMessage(mailbox, __MBOX_AllocMessage(0, "", "", 0), 0);
+  }
+  static void Send(DWORD event) {
+    HMBOXMSG message = __MBOX_AllocMessage(0, "", "", 0);
+    MBOX_GetMessageHeader(message)->dwEventID = event;
+    MBOX_SendMessage(mailbox, message, 0);
+  }
+
+  static inline HMBOX mailbox = nullptr;
+  static inline std::atomic<bool> stop = false;
+  static inline int received = 0;
+  static inline int timeOuts = 0;
+  HFDSET set = nullptr;
+  HTHREAD thread = nullptr;
+};
+
+TEST_F(FakeThread, RunsInLockstepWithItsMailbox) {
+  Send(0);
   EXPECT_EQ(received, 0);
   host().Pass();
   EXPECT_EQ(received, 1);
-  HMBOXMSG last = __MBOX_AllocMessage(0, "", "", 0);
-  MBOX_GetMessageHeader(last)->dwEventID = 1;
-  MBOX_SendMessage(mailbox, last, 0);
+  Send(1);
   WaitForThread(thread);
   EXPECT_EQ(received, 2);
-  FDMGR_CloseSet(&set);
-  MBOX_CloseMailBox(&mailbox);
+}
+
+TEST_F(FakeThread, JoinedWithATimeOutItWakesByTheClock) {
+  const timeval interval = {2, 500000};
+  FDMGR_SetSelectTimeout(set, &interval, OnTimeOut, nullptr, nullptr);
+  const long start = host().NowSeconds();
+  WaitForThread(thread);
+  EXPECT_EQ(timeOuts, 1);
+  EXPECT_EQ(host().NowSeconds(), start + 2);
+}
+
+TEST_F(FakeThread, JoinedWithNothingToWakeItFailsTheTest) {
+  stop = true;  // seen after the next pass only, and nothing makes one
+  EXPECT_NONFATAL_FAILURE(WaitForThread(thread), "sleeps for ever");
+}
+
+TEST_F(FakeHost, AnActionHappensInTheMiddleOfTheNamedCall) {
+  int calls = 0;
+  host().WhenCalled(
+      "__AllocCounterRateTable", [&] { calls = host().Calls("__AllocCounterRateTable"); }, 1);
+  for (int i = 0; i < 3; ++i) {
+    HCOUNTERRATE rate = nullptr;
+    EXPECT_TRUE(__AllocCounterRateTable(5, "x", &rate));
+    DeleteCounterRateTable(rate);
+  }
+  EXPECT_EQ(calls, 2);
+  host().WhenCalled("WaitCond_Init", [] {});
+  EXPECT_NONFATAL_FAILURE(host().Verify(), "waits for WaitCond_Init in vain");
+  WAIT_COND cond;
+  WaitCond_Init(&cond);
+}
+
+TEST_F(FakeHost, FailuresCanBeTakenBack) {
+  host().FailNext("__AllocCounterRateTable", {.times = 100});
+  HCOUNTERRATE rate = nullptr;
+  EXPECT_FALSE(__AllocCounterRateTable(5, "x", &rate));
+  host().StopFailing("__AllocCounterRateTable");
+  EXPECT_TRUE(__AllocCounterRateTable(5, "x", &rate));
+  DeleteCounterRateTable(rate);
 }
 
 TEST_F(FakeHost, BuildsMessagesWithARightChecksum) {

@@ -213,13 +213,56 @@ TEST_F(ShutdownTest, StuckThreadLogsAssertsAndStillJoins) {
   EXPECT_EQ(host().Calls("WaitForThread"), 1);
 }
 
-TEST_F(ShutdownTest, FailedSendStillWaitsAndJoins) {
+TEST_F(ShutdownTest, FailedSendIsRepeatedUntilTheMessageIsOut) {
   Start();
-  host().FailNext("MBOX_SendMessage");
+  host().FailNext("MBOX_SendMessage", {.times = 3});
+  Stop();
+  ExpectLog(3, "MBOX_SendMessage FAILED.\n");  // one line, however often
+  ExpectLog(6, "Waiting for metadata source thread semaphore.\n");
+  ExpectLog(6, "Wait successful.\n");
+  EXPECT_EQ(host().Calls("MBOX_SendMessage"), 4);
+  EXPECT_EQ(host().waits, std::vector<DWORD>{2970}) << "what is left of the 3000 ms";
+  EXPECT_EQ(host().Calls("WaitForThread"), 1);
+  EXPECT_EQ(host().Calls("MBOX_CloseMailBox"), 1);
+}
+
+TEST_F(ShutdownTest, MessageThatGoesOutAtTheVeryEndStillEndsTheThread) {
+  Start();
+  host().FailNext("MBOX_SendMessage", {.times = 300});
   Stop();
   ExpectLog(3, "MBOX_SendMessage FAILED.\n");
   ExpectLog(3, "Wait FAILED, errno (110): \"Connection timed out\".\n");
   ExpectTextAssertion("Wait FAILED, errno (110): \"Connection timed out\".\n");
+  EXPECT_EQ(host().Calls("MBOX_SendMessage"), 301);
+  EXPECT_EQ(host().Calls("WaitForThread"), 1) << "joined after a failed wait too";
+  EXPECT_EQ(host().Calls("MBOX_CloseMailBox"), 1);
+}
+
+TEST_F(ShutdownTest, MessageThatNeverGoesOutLeavesTheThreadAndAllItUses) {
+  StartWithCoT();
+  const long start = host().NowSeconds();
+  host().FailNext("MBOX_SendMessage", {.times = 100000});
+  METADATALIB_Shutdown();
+  host().StopFailing("MBOX_SendMessage");
+  EXPECT_EQ(host().NowSeconds(), start + 3);
+  ExpectLog(5, "Called.\n");
+  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+  ExpectLog(3, "Wait FAILED, errno (110): \"Connection timed out\".\n");
+  ExpectTextAssertion("Wait FAILED, errno (110): \"Connection timed out\".\n");
+  ExpectLog(3, "Unable to stop meta-data thread, it is left running.\n");
+  ExpectLog(7, "Closing Mailbox.\n");
+  ExpectLog(6, "Done.\n");
+  EXPECT_TRUE(host().ThreadRuns());
+  for (const char* service : {"WaitForThread", "MBOX_CloseMailBox", "FDMGR_CloseSet", "WaitCond_Destroy"})
+    EXPECT_EQ(host().Calls(service), 0) << service;
+  EXPECT_NE(g_hMetaDataLibDbg, nullptr);
+  EXPECT_NE(g_hCoTConvDbg, nullptr);
+  float undulation = 1;
+  EXPECT_EQ(calcul_undulation(0, 0, &undulation), 0) << "the grid stays loaded";
+  EXPECT_FALSE(_g_bShutdownThread);
+  // The library still runs: a source opens, closes, and the next shut-down ends it.
+  Close(Open(NetworkConfig()));
+  Stop();
   EXPECT_EQ(host().Calls("WaitForThread"), 1);
 }
 
@@ -231,13 +274,13 @@ TEST_F(ShutdownTest, WithoutAMessageNeitherWaitsNorJoins) {
   ExpectLog(7, "Closing Mailbox.\n");
   ExpectLog(6, "Done.\n");
   EXPECT_TRUE(host().waits.empty());
-  EXPECT_EQ(host().Calls("WaitForThread"), 0);
-  // The thread still waits on these, so they stay until a shut-down reaches it.
-  EXPECT_EQ(host().Calls("MBOX_CloseMailBox"), 0);
-  EXPECT_EQ(host().Calls("FDMGR_CloseSet"), 0);
-  METADATALIB_Shutdown();
-  m_started = false;
+  // The thread still uses these, so they stay until a shut-down reaches it.
+  for (const char* service : {"WaitForThread", "MBOX_CloseMailBox", "FDMGR_CloseSet", "WaitCond_Destroy"})
+    EXPECT_EQ(host().Calls(service), 0) << service;
+  EXPECT_NE(g_hMetaDataLibDbg, nullptr);
+  Stop();
   EXPECT_EQ(host().Calls("WaitForThread"), 1);
+  EXPECT_EQ(g_hMetaDataLibDbg, nullptr);
 }
 
 TEST_F(ShutdownTest, SecondShutdownHasNothingLeftToStop) {
@@ -500,6 +543,13 @@ class HandshakeTest : public EngineTest {
     host().PassUntilIdle();
   }
 
+  // Queues the event that ends the thread, ahead of everything that is sent from now on.
+  void EndTheThreadWithItsNextMessage() {
+    HMBOXMSG message = __MBOX_AllocMessage(0, "test", "test", 1);
+    MBOX_GetMessageHeader(message)->dwEventID = EVENTID_SHUTDOWN_THREAD;
+    ASSERT_TRUE(MBOX_SendMessage(_g_hMetaDataThreadMBox, message, 0));
+  }
+
   // No post is left that a later wait could take for its own.
   void ExpectPostsInOrder() { EXPECT_EQ(host().outstandingPosts, _g_nStrayPosts); }
 };
@@ -654,6 +704,7 @@ TEST_F(HandshakeTest, SweepWaitsForAnAddThatIsStillQueued) {
 
 TEST_F(HandshakeTest, WhatTheThreadLeavesQueuedIsFinishedByShutdown) {
   Start();
+  EndTheThreadWithItsNextMessage();
   const HMDATASRC first = OpenWhileStuck(NetworkConfig(MDATA_DATA_KLV, 5001));
   const HMDATASRC second = OpenWhileStuck(NetworkConfig());
   const std::vector<int> descriptors = {first->iFD, second->iFD};
@@ -662,11 +713,8 @@ TEST_F(HandshakeTest, WhatTheThreadLeavesQueuedIsFinishedByShutdown) {
     CloseWhileStuck(source);
     ExpectLog(3, "MBOX_SendMessage FAILED.\n");
   }
-  host().FailNext("MBOX_SendMessage");
-  Stop();  // the thread ends after one pass
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
-  ExpectLog(3, "Wait FAILED, errno (110): \"Connection timed out\".\n");
-  ExpectTextAssertion("Wait FAILED, errno (110): \"Connection timed out\".\n");
+  host().HoldThread(false);
+  Stop();
   for (int fd : descriptors) EXPECT_TRUE(host().FD(fd).closed);
 }
 
@@ -675,13 +723,11 @@ TEST_F(HandshakeTest, RemovesTheThreadLeavesQueuedAreFinishedByShutdown) {
   const HMDATASRC first = Open(NetworkConfig(MDATA_DATA_KLV, 5001));
   const HMDATASRC second = Open(NetworkConfig());
   const std::vector<int> descriptors = {first->iFD, second->iFD};
+  EndTheThreadWithItsNextMessage();
   CloseWhileStuck(first);
   CloseWhileStuck(second);
-  host().FailNext("MBOX_SendMessage");
-  Stop();  // the thread ends after one pass
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
-  ExpectLog(3, "Wait FAILED, errno (110): \"Connection timed out\".\n");
-  ExpectTextAssertion("Wait FAILED, errno (110): \"Connection timed out\".\n");
+  host().HoldThread(false);
+  Stop();
   for (int fd : descriptors) EXPECT_TRUE(host().FD(fd).closed);
 }
 
