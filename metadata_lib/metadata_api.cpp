@@ -549,22 +549,30 @@ static void _HandleAddFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   }
 }
 
+// Takes the source's count off its video input; the last one stops the capture. Metadata thread; once it has ended, any
+// closer, who has no read set: hence the lock and NULL.
 static void _RemoveVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   const int iInterface = hSource->Config.in.Video.enInputInterface;
   VIDEO_EXTRACTOR* pExtractor = &_g_aVideoExtractors[iInterface];
+  bool bCounted = false;
+  VIDEO_EXTRACTOR Left = {};
+  {
+    MdLock Lock(_g_SrcListLock);
+    bCounted = hSource->bCaptureHeld && pExtractor->nRefCount > 0;
+    if (hSource->bCaptureHeld) --pExtractor->nRefCount;
+    Left = *pExtractor;
+    if (hSource->bCaptureHeld && Left.nRefCount <= 0) pExtractor->iFD = -1;
+  }
   // A source whose capture never started holds no count: it neither takes one away nor stops another's capture.
-  MD_ASSERT_TEXT(hSource->bCaptureHeld && pExtractor->nRefCount > 0,
-                 "_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount > 0");
+  MD_ASSERT_TEXT(bCounted, "_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount > 0");
   if (!hSource->bCaptureHeld) return;
   hSource->bCaptureHeld = FALSE;
-  if (--pExtractor->nRefCount > 0) {
-    MD_LOG(6, "NOT disabling KLV extraction on BNC-%d since ref count is still at %d.\n", iInterface,
-           pExtractor->nRefCount);
+  if (Left.nRefCount > 0) {
+    MD_LOG(6, "NOT disabling KLV extraction on BNC-%d since ref count is still at %d.\n", iInterface, Left.nRefCount);
     return;
   }
-  if (__FDMGR_RemoveReadFD(hSet, pExtractor->iFD, __func__, MD_MODULE, __LINE__))
+  if (hSet != nullptr && __FDMGR_RemoveReadFD(hSet, Left.iFD, __func__, MD_MODULE, __LINE__))
     MD_LOG(6, "File descriptor removed from read set.\n");
-  pExtractor->iFD = -1;
   MD_LOG(5, "Disabling KLV extraction on BNC-%d since ref count is at zero.\n", iInterface);
   KLVCAPTURE_Stop(iInterface);
 }
@@ -1153,7 +1161,8 @@ BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
   MD_LOG(6, "Called.\n");
   const MDATA_SRC_HANDLE pHandle = *phDataSrc;
   if (pHandle == nullptr) return FALSE;
-  if (!_g_bUsingInternalThread) {
+  if (!_g_bUsingInternalThread) {  // the library was shut down
+    if (pHandle->Config.enInputType == MDATA_INPUT_VIDEO) _RemoveVideoSource(nullptr, pHandle);
     _UnlinkSource(pHandle);
     _ReleaseSource(pHandle);
     return TRUE;

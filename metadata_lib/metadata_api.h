@@ -107,7 +107,7 @@ struct tagMDATA_SRC_HANDLE {
   int32_t nAddRequest;          // tagREQUEST_STATE; atomic
   int32_t nRemoveRequest;       // tagREQUEST_STATE; atomic
   BOOL bLinked;                 // in g_MetaDataSrcList; under _g_SrcListLock
-  BOOL bCaptureHeld;            // counts in its video input's extractor; metadata thread
+  BOOL bCaptureHeld;            // counts in its video input's extractor; like _g_aVideoExtractors
   MDATA_SRC_HANDLE pNextSweep;  // next close that no message names; under _g_SrcListLock
 };
 
@@ -131,7 +131,7 @@ extern BOOL _g_bGridInitialized;                        // read-only after METAD
 extern struct timeval _g_ThreadSelectTimeOut;           // constant
 extern struct timeval* _g_pCurrentThreadSelectTimeOut;  // metadata thread only
 extern BOOL _g_bSelectTimeOutChanged;                   // metadata thread only
-extern VIDEO_EXTRACTOR _g_aVideoExtractors[4];          // metadata thread only
+extern VIDEO_EXTRACTOR _g_aVideoExtractors[4];  // metadata thread; closers once it has ended, under _g_SrcListLock
 extern time_t _tLastLog;      // short-KLV warning, one time for the whole library; metadata thread only
 extern time_t _tLastLogTime;  // "No KLV retrieved" warning, likewise; metadata thread only
 
@@ -141,7 +141,7 @@ extern int32_t _g_nStrayPosts;          // posts in _g_MetaDataThreadCond that n
 extern MDATA_SRC_HANDLE _g_pSweepList;  // closes that no message names; under _g_SrcListLock
 
 // Private leaf locks: nothing else is taken while one is held.
-extern pthread_mutex_t _g_SrcListLock;  // look-ups against list changes
+extern pthread_mutex_t _g_SrcListLock;  // look-ups against list changes; counts taken off the video inputs
 extern pthread_mutex_t _g_XMLOutLock;   // g_XMLOutFP and what is written to it
 extern pthread_mutex_t _g_SenderLock;   // last sender addresses
 

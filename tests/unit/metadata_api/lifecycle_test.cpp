@@ -492,6 +492,46 @@ TEST_F(VideoExtractorTest, ClosingASourceThatNeverStartedLeavesAnothersCapture) 
   EXPECT_EQ(host().captureStops, std::vector<int>{1});
 }
 
+TEST_F(VideoExtractorTest, SourcesClosedAfterTheShutdownGiveTheirCaptureBack) {
+  Start();
+  const HMDATASRC first = Open(VideoConfig(2));
+  const HMDATASRC second = Open(VideoConfig(2));
+  Stop();
+  const int removals = host().Calls("__FDMGR_RemoveReadFD");
+  Close(first);
+  EXPECT_EQ(_g_aVideoExtractors[2].nRefCount, 1);
+  EXPECT_TRUE(host().captureStops.empty());
+  Close(second);
+  EXPECT_EQ(_g_aVideoExtractors[2].nRefCount, 0);
+  EXPECT_EQ(_g_aVideoExtractors[2].iFD, -1);
+  EXPECT_EQ(host().captureStops, std::vector<int>{2});
+  EXPECT_EQ(host().Calls("__FDMGR_RemoveReadFD"), removals) << "there is no read set any more";
+  EXPECT_EQ(ListedSources(), 0);
+
+  Start();
+  ExpectAssertion("g_bMetaDataLibInitialized == FALSE");
+  Open(VideoConfig(2));
+  EXPECT_EQ(host().captureStarts, (std::vector<int>{2, 2}));
+  host().FeedCapture(2, Bytes(40, 1), 1);
+  host().PassUntilIdle();
+  EXPECT_EQ(m_encoder.messages.size(), 1u);
+}
+
+TEST_F(VideoExtractorTest, SourceThatNeverStartedTakesNothingAfterTheShutdownEither) {
+  Start();
+  host().FailNext("KLVCAPTURE_Start");
+  const HMDATASRC deaf = Open(VideoConfig(1));
+  ExpectLog(3, "Failed to start KLV capture.\n");
+  const HMDATASRC receiving = Open(VideoConfig(1));
+  Stop();
+  Close(deaf);
+  ExpectAssertion(kCountAboveZero);
+  EXPECT_EQ(_g_aVideoExtractors[1].nRefCount, 1);
+  EXPECT_TRUE(host().captureStops.empty());
+  Close(receiving);
+  EXPECT_EQ(host().captureStops, std::vector<int>{1});
+}
+
 TEST_F(VideoExtractorTest, UnknownTypesAssertInTheThread) {
   Start();
   const HMDATASRC source = Open(NetworkConfig());
