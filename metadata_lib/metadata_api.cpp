@@ -199,6 +199,13 @@ static bool _CompleteRequest(int32_t& nRequest) {
   return _ChangeRequest(nRequest, REQUEST_ABANDONED, REQUEST_DONE);
 }
 
+// Nobody waits for the source's close any more: its wait timed out, or its message could not be sent. The encoder was
+// told that the source is closed, so nothing may reach it, although the record is still in the list and the read set.
+// Metadata thread.
+static bool _IsGivenUp(const tagMDATA_SRC_HANDLE* pHandle) {
+  return MdLoadAcquire(pHandle->nRemoveRequest) == REQUEST_ABANDONED;
+}
+
 static bool _TakeStrayPost() {
   int32_t nCount = MdLoadAcquire(_g_nStrayPosts);
   while (nCount > 0) {
@@ -1897,8 +1904,9 @@ static void _PrependStreamHeader(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, 
 }
 
 // KEPT: the first user parameter is delivered twice.
+// A close can be given up while its source's message is under way: the encoder is called only if it was not.
 static BOOL _CallReadyCallback(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff) {
-  if (hSource->Config.pfnCallback == nullptr) return FALSE;
+  if (hSource->Config.pfnCallback == nullptr || _IsGivenUp(hSource)) return FALSE;
   return hSource->Config.pfnCallback(pBuff, hSource->Config.pvUserParam1, hSource->Config.pvUserParam1);
 }
 
@@ -1995,6 +2003,22 @@ static int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int iFD, struct sockaddr_s
   return nLength;
 }
 
+// Takes what waits on the descriptor of a source whose close was given up, silently, so that it does not wake the
+// thread over and over until the source leaves the read set.
+static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
+  ssize_t nTaken = 0;
+  if (hSource->Config.enInputType == MDATA_INPUT_NETWORK) {
+    struct iovec Part = {hSource->RxBuffer, sizeof(hSource->RxBuffer)};
+    struct msghdr Message = {};
+    Message.msg_iov = &Part;
+    Message.msg_iovlen = 1;
+    nTaken = recvmsg(iFD, &Message, MSG_DONTWAIT);
+  } else {
+    nTaken = read(iFD, hSource->RxBuffer, kSerialReadSize);
+  }
+  if (nTaken <= 0) _SleepOneMs();  // readable without giving anything
+}
+
 // =====================================================================================================
 // 13. KLV roads. The read handlers of serial sources and of KLV over UDP, the message handler of the KLV stream
 //     decoder, and the encoder's release call. Metadata thread, except MetaData_ReleaseBuffer; the serial road holds
@@ -2015,12 +2039,14 @@ static bool _ReadSerial(MDATA_SRC_HANDLE pHandle, int iFD) {
 }
 
 void _SerialDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
+  const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  if (_IsGivenUp(pHandle)) return _DiscardInput(pHandle, iFD);
   MD_LOG(7, "Called fd=%d.\n", iFD);
   bool bRead = true;
   {
     const SerialApiLock Lock;
     if (!Lock.IsHeld()) return;  // a source is being opened: the bytes wait for the next pass
-    bRead = _ReadSerial(static_cast<MDATA_SRC_HANDLE>(pvParam1), iFD);
+    bRead = _ReadSerial(pHandle, iFD);
   }
   // A device that has hung up stays readable without giving anything: do not spin on it.
   if (!bRead) _SleepOneMs();
@@ -2029,6 +2055,7 @@ void _SerialDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
 void _KLV_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
   const time_t tNow = time(nullptr);
   const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  if (_IsGivenUp(pHandle)) return;  // the rest of a chunk
   MDATA_BUFFER* pSubstBuff = nullptr;
   MDATA_BUFFER* pCurrent = pBuff;
   if (pHandle->Config.enInputType == MDATA_INPUT_SERIAL && _WantsRewriting(pHandle)) {
@@ -2067,6 +2094,7 @@ static void _CountDatagram(MDATA_SRC_HANDLE hSource, int nLength, time_t tNow) {
 void _KLV_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
   const time_t tNow = time(nullptr);
   const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
   BYTE cTOS = 0;
   BYTE cTTL = 0;
   struct sockaddr_storage From = {};
@@ -2154,6 +2182,7 @@ static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* pcXML, int nSize, MDA
 void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
   const time_t tNow = time(nullptr);
   const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
   BYTE cTOS = 0;
   BYTE cTTL = 0;
   struct sockaddr_storage From = {};
@@ -2186,6 +2215,7 @@ void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
 void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
   const time_t tNow = time(nullptr);
   const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  if (_IsGivenUp(pHandle)) return;   // the rest of a chunk
   if (!_g_bGridInitialized) return;  // KEPT: silently; CoT over UDP converts without the grid
   MD_ASSERT(pHandle->hConverter != NULL);
   if (pHandle->Config.nNumOfRelays != 0)
@@ -2309,6 +2339,7 @@ static void _DistributePacket(int iInterface, const MDATA_BUFFER* pBuff, UINT64 
     const MDATA_SRC_HANDLE hSource = _SourceOf(pNode);
     if (hSource->Config.enInputType != MDATA_INPUT_VIDEO) continue;
     if (hSource->Config.in.Video.enInputInterface != iInterface) continue;
+    if (_IsGivenUp(hSource)) continue;
     MDATA_BUFFER* pCopy = nullptr;
     if (DoAllocCopyBufferEx(pBuff->pcData, pBuff->nDataSize, MDATA_STREAM_HEADER_SIZE, &pCopy))
       _FeedSDIDataSource(hSource, pCopy, nTimeStamp);

@@ -372,8 +372,10 @@ METADATALIB_API void METADATALIB_Shutdown(void);
 METADATALIB_API BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc);
 
 /*
- * Closes a source, once, before METADATALIB_Shutdown; no callback for it runs after the return. Clear your
- * own handle: *phDataSrc is left as it was. FALSE only without memory, the source then stays open.
+ * Closes a source, once, before METADATALIB_Shutdown; no callback for it runs after the return. Only where the
+ * wait of 5 s for the metadata thread is given up, a callback that is already running then may still be inside;
+ * none follows it. Clear your own handle: *phDataSrc is left as it was. FALSE only without memory, the source
+ * then stays open.
  */
 METADATALIB_API BOOL MetaData_CloseSource(HMDATASRC* phDataSrc);
 

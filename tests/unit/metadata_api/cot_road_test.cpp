@@ -409,4 +409,32 @@ TEST_F(CoTSerialTest, ReferenceEndsWithReleaseConvertedData) {
   EXPECT_EQ(g_releasedConverted, 1);
 }
 
+// A close that is given up while an event is converted: what the handler has done is done, the encoder gets nothing.
+TEST_F(CoTUdpTest, CloseGivenUpDuringTheConversionLeavesTheCallbackOut) {
+  OpenCoT();
+  const auto convert = g_convert;
+  g_convert = [this, convert](const Bytes& event, MDATA_BUFFER** packet) {
+    __atomic_store_n(&m_source->nRemoveRequest, REQUEST_ABANDONED, __ATOMIC_RELEASE);
+    return convert(event, packet);
+  };
+  Receive();
+  EXPECT_EQ(m_events.size(), 1u);
+  EXPECT_TRUE(m_encoder.messages.empty());
+  Receive();
+  EXPECT_EQ(m_events.size(), 1u) << "the next event is not even converted";
+}
+
+TEST_F(CoTSerialTest, EventOfASourceWhoseCloseWasGivenUpIsNeitherRelayedNorConverted) {
+  MDATA_SRC_CFG config = NetworkConfig(MDATA_DATA_COT);
+  AddRelay(config);
+  OpenCoT(config);
+  ReceiveSerial();
+  ASSERT_EQ(m_encoder.messages.size(), 1u);
+  __atomic_store_n(&m_source->nRemoveRequest, REQUEST_ABANDONED, __ATOMIC_RELEASE);
+  ReceiveSerial();
+  EXPECT_EQ(m_encoder.messages.size(), 1u);
+  EXPECT_EQ(m_events.size(), 1u);
+  EXPECT_EQ(host().FD(m_source->Relayers[0].iRelaySocket).sent.size(), 1u);
+}
+
 }  // namespace

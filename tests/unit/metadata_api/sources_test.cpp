@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "builders.h"
 #include "converter.h"
 #include "engine_test.h"
 
@@ -753,6 +754,204 @@ TEST_F(CloseTest, EveryKindReleasesAllItHeld) {
     Close(Open(full));
   }
   EXPECT_EQ(ListedSources(), 0);
+}
+
+// --- Closes that were given up --------------------------------------------------------------------------
+
+// Two messages fit into one serial read.
+Bytes SmallMessage() {
+  return UasMessage().Checksum().Build();
+}
+
+// Stands for the encoder's thread: from now on its close of the source counts as given up.
+void GiveUp(HMDATASRC source) {
+  __atomic_store_n(&source->nRemoveRequest, REQUEST_ABANDONED, __ATOMIC_RELEASE);
+}
+
+// A source of the test's own encoder, whose callback gives up other sources' closes.
+struct GivingUp {
+  std::vector<HMDATASRC> victims;
+  int calls = 0;
+};
+
+BOOL GiveUpInCallback(MDATA_BUFFER*, void* pvUserParam1, void*) {
+  auto* encoder = static_cast<GivingUp*>(pvUserParam1);
+  ++encoder->calls;
+  for (HMDATASRC victim : encoder->victims) GiveUp(victim);
+  return TRUE;
+}
+
+class GivenUpTest : public SourceTest {
+ protected:
+  // Closes while the thread is stuck: the wait times out, and the message, if there is one, stays queued.
+  void CloseWhileStuck(HMDATASRC source, bool sent) {
+    Forget(source);
+    if (!sent) host().FailNext("MBOX_SendMessage");
+    host().HoldThread(true);
+    HMDATASRC handle = source;
+    EXPECT_TRUE(MetaData_CloseSource(&handle));
+    host().HoldThread(false);
+    if (!sent) ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+    ExpectLogContaining(3, "Wait FAILED for source#7, errno (110)");
+  }
+
+  // The thread's next pass finds another source's message first, so the source is still in the read set.
+  void LetAnotherGoFirst() { CloseWhileStuck(Open(NetworkConfig(MDATA_DATA_KLV, 5999)), true); }
+
+  static void Feed(HMDATASRC source, const Bytes& bytes) {
+    if (source->Config.enInputType == MDATA_INPUT_NETWORK)
+      host().FeedDatagram(source->iFD, bytes);
+    else if (source->Config.enInputType == MDATA_INPUT_SERIAL)
+      host().FeedSerial(source->iFD, bytes);
+    else
+      host().FeedCapture(source->Config.in.Video.enInputInterface, bytes, 1);
+  }
+
+  std::vector<MDATA_SRC_CFG> EveryRoad() {
+    std::vector<MDATA_SRC_CFG> roads = {NetworkConfig(), NetworkConfig(MDATA_DATA_COT), SerialConfig(),
+                                        SerialConfig(MDATA_DATA_COT), VideoConfig()};
+    for (MDATA_SRC_CFG& config : roads) AddRelay(config);
+    return roads;
+  }
+
+  // Nothing of the source was read, relayed, counted or delivered; what arrived for it is gone.
+  void ExpectDropped(HMDATASRC source) {
+    EXPECT_TRUE(m_encoder.messages.empty());
+    EXPECT_EQ(source->HeaderSequence, 0);
+    EXPECT_TRUE(host().FD(source->Relayers[0].iRelaySocket).sent.empty());
+    const bool cot = source->Config.enDataType == MDATA_DATA_COT;
+    const void* context = source->pvDecodeCtxt;
+    EXPECT_EQ(cot ? COT_GetStatsPtr(const_cast<void*>(context))->nTotalRxBytes
+                  : GenericKLV_GetStatsPtr(const_cast<void*>(context))->nTotalRxBytes,
+              0u);
+    for (const LogLine& line : host().Logs()) {
+      EXPECT_EQ(line.text.find("Received "), line.text.find("Received EVENTID"));
+      EXPECT_EQ(line.text.find("Called fd="), std::string::npos);
+      EXPECT_EQ(line.text.find("read successfully"), std::string::npos);
+    }
+  }
+};
+
+TEST_F(GivenUpTest, TimedOutCloseDeliversNothingMoreOnAnyRoad) {
+  StartWithCoT();
+  for (const MDATA_SRC_CFG& config : EveryRoad()) {
+    SCOPED_TRACE(testing::Message() << "input " << config.enInputType << " data " << config.enDataType);
+    const HMDATASRC source = Open(config);
+    LetAnotherGoFirst();
+    CloseWhileStuck(source, true);
+    host().ClearLogs();
+    Feed(source, WellFormedMessage());
+    host().Pass();
+    ASSERT_TRUE(IsListed(source)) << "its own message is still queued";
+    ExpectDropped(source);
+    host().PassUntilIdle();
+    AllowLogs(5, "Disabling KLV extraction");
+    EXPECT_EQ(ListedSources(), 0);
+  }
+}
+
+TEST_F(GivenUpTest, UnsentCloseDeliversNothingMoreOnAnyRoad) {
+  StartWithCoT();
+  for (const MDATA_SRC_CFG& config : EveryRoad()) {
+    SCOPED_TRACE(testing::Message() << "input " << config.enInputType << " data " << config.enDataType);
+    const HMDATASRC source = Open(config);
+    const int relay = source->Relayers[0].iRelaySocket;
+    CloseWhileStuck(source, false);
+    host().ClearLogs();
+    Feed(source, WellFormedMessage());
+    host().Pass();
+    EXPECT_TRUE(m_encoder.messages.empty());
+    EXPECT_TRUE(host().FD(relay).sent.empty());
+    AllowLogs(5, "Disabling KLV extraction");
+    EXPECT_EQ(ListedSources(), 0) << "swept after the pass";
+  }
+}
+
+TEST_F(GivenUpTest, WhatArrivesMeanwhileIsTakenFromTheDescriptor) {
+  Start();
+  const HMDATASRC network = Open(NetworkConfig(MDATA_DATA_KLV, 5000, 0));
+  const HMDATASRC serial = Open(SerialConfig());
+  GiveUp(network);
+  GiveUp(serial);
+  host().ClearLogs();
+  for (int i = 0; i < 20; ++i) host().FeedDatagram(i % 2 == 0 ? network->iFD : network->iFDv6, Bytes(1500, 1));
+  host().FeedSerial(serial->iFD, Bytes(480, 1));
+  host().PassUntilIdle();
+  EXPECT_TRUE(m_encoder.messages.empty());
+  EXPECT_EQ(host().Calls("FDMGR_Select"), 1 + 2 + 10) << "two additions, ten reads";
+}
+
+TEST_F(GivenUpTest, HungUpDeviceDoesNotMakeTheThreadSpin) {
+  Start();
+  const HMDATASRC serial = Open(SerialConfig());
+  GiveUp(serial);
+  host().HangUp(serial->iFD);
+  host().Pass();
+  host().Pass();
+  EXPECT_EQ(host().Calls("nanosleep"), 2);
+}
+
+TEST_F(GivenUpTest, CloseThatIsStillWaitedForDeliversAsEver) {
+  Start();
+  const HMDATASRC source = Open(NetworkConfig());
+  __atomic_store_n(&source->nRemoveRequest, REQUEST_PENDING, __ATOMIC_RELEASE);
+  host().FeedDatagram(source->iFD, WellFormedMessage());
+  host().PassUntilIdle();
+  EXPECT_EQ(m_encoder.messages.size(), 1u);
+}
+
+TEST_F(GivenUpTest, RestOfASerialChunkIsDropped) {
+  Start();
+  GivingUp encoder;
+  MDATA_SRC_CFG config = SerialConfig();
+  AddRelay(config);
+  config.pfnCallback = GiveUpInCallback;
+  config.pvUserParam1 = &encoder;
+  const HMDATASRC source = Open(config);
+  encoder.victims = {source};
+  // The third message's key ends the second one in the decoder.
+  host().FeedSerial(source->iFD, SmallMessage() + SmallMessage() + SmallMessage());
+  host().Pass();
+  host().Pass();
+  EXPECT_EQ(encoder.calls, 1);
+  EXPECT_EQ(host().FD(source->Relayers[0].iRelaySocket).sent.size(), 1u);
+}
+
+TEST_F(GivenUpTest, OneOfSeveralSourcesOfAVideoInputIsLeftOut) {
+  Start();
+  GivingUp first;
+  MDATA_SRC_CFG config = VideoConfig();
+  config.pfnCallback = GiveUpInCallback;
+  config.pvUserParam1 = &first;
+  Open(config);
+  MDATA_SRC_CFG relayed = VideoConfig();
+  AddRelay(relayed);
+  GivingUp second;
+  relayed.pfnCallback = GiveUpInCallback;
+  relayed.pvUserParam1 = &second;
+  const HMDATASRC dropped = Open(relayed);
+  Open(VideoConfig());
+  first.victims = {dropped};
+  host().FeedCapture(0, WellFormedMessage(), 1);
+  host().PassUntilIdle();
+  EXPECT_EQ(first.calls, 1);
+  EXPECT_EQ(second.calls, 0);
+  EXPECT_TRUE(host().FD(dropped->Relayers[0].iRelaySocket).sent.empty());
+  EXPECT_EQ(m_encoder.messages.size(), 1u);
+}
+
+TEST_F(GivenUpTest, WhileTheHandlerWorksTheCallbackIsLeftOut) {
+  Start();
+  for (const MDATA_SRC_CFG& config : {NetworkConfig(), VideoConfig()}) {
+    const HMDATASRC source = Open(config);
+    Feed(source, WellFormedMessage());
+    // The copy for the encoder: the last of the handler's allocations.
+    const int before = config.enInputType == MDATA_INPUT_VIDEO ? 1 : 0;
+    host().WhenCalled(
+        "calloc", [source] { GiveUp(source); }, before);
+    host().Pass();
+    EXPECT_TRUE(m_encoder.messages.empty());
+  }
 }
 
 }  // namespace
