@@ -900,6 +900,7 @@ MDATA_SRC_HANDLE OpeningSource::Finish() {
     MdStoreRelease(pHandle->Relayers[i].iRelaySocket, aiRelaySockets[i]);
     aiRelaySockets[i] = -1;
   }
+  MdStoreRelease(pHandle->bRelaysReady, TRUE);
   MDATA_SRC_HANDLE hOpened = pHandle;
   pHandle = nullptr;
   return hOpened;
@@ -1103,7 +1104,8 @@ BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc) {
     }
     bRetCode = _OpenAndHandOver(Opening);
   }
-  // KEPT: the relay sockets are stored only now, after the unlock; the thread may already receive for the source.
+  // KEPT: the relay sockets are stored only now, after the unlock; the thread may already receive for the source, and
+  // relays nothing until they are.
   if (bRetCode) *phDataSrc = Opening.Finish();
   MD_LOG(6, "Returning %s.\n", bRetCode ? "TRUE" : "FALSE");
   return bRetCode ? TRUE : FALSE;
@@ -1834,6 +1836,9 @@ static bool _SendToRelay(MDATA_SRC_HANDLE pMDataSource, UINT32 i, const void* pv
 
 BOOL _RelayMetaData(MDATA_SRC_HANDLE pMDataSource, const void* pvBuffer, size_t nSize, const BYTE* pcTOS,
                     const BYTE* pcTTL) {
+  // A message that comes while the source still opens is not relayed. It must not take the change of TTL and TOS with
+  // it either: sockets that follow would keep the system's values until the sender changes its own again.
+  if (!MdLoadAcquire(pMDataSource->bRelaysReady)) return FALSE;
   MD_LOG(7, "Called for %d relays.\n", pMDataSource->Config.nNumOfRelays);
   const bool bTOSChanged = _NoteReceived(pcTOS, pMDataSource->SourceTOS, pMDataSource->nSourceTOSUpdates,
                                          pMDataSource->nLastSourceTOSUpdateUpTimeInSecs);

@@ -90,6 +90,7 @@ struct tagMDATA_SRC_HANDLE {
   UINT64 nSourceTOSUpdates;                 // atomic
   UINT32 nLastSourceTOSUpdateUpTimeInSecs;  // atomic
   RELAYER Relayers[MDATA_MAX_RELAYS];
+  BOOL bRelaysReady;               // set once by the opener, after the relay sockets; atomic
   MISSION_ID_KLV* pMissionID;      // element to insert, or NULL
   int nMissionIDElementSize;       // bytes with tag and length
   KLV_ELEMENT* pSecurityMDataSet;  // element to insert, or NULL

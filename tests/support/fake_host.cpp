@@ -68,6 +68,7 @@ void Host::Verify() {
   EXPECT_TRUE(impl->messages.empty()) << "a mailbox message was left over";
   EXPECT_TRUE(impl->rates.empty()) << "a rate table was left over";
   EXPECT_FALSE(impl->running) << "the metadata thread was left running";
+  for (const auto& [text, act] : impl->acts) ADD_FAILURE() << "nothing happened at a line never written: " << text;
   for (auto& [name, queue] : impl->failures)
     for (const Failure& failure : queue)
       if (failure.times > 0) ADD_FAILURE() << "a failure asked for " << name << " never happened";
@@ -95,6 +96,11 @@ std::vector<DumpLine> Host::Dumps() const {
 std::vector<Assertion> Host::Assertions() const {
   std::lock_guard guard(impl->lock);
   return impl->assertions;
+}
+
+void Host::AtLog(const std::string& text, std::function<void()> act) {
+  std::lock_guard guard(impl->lock);
+  impl->acts[text] = std::move(act);
 }
 
 void Host::ClearLogs() {

@@ -4,6 +4,7 @@
 //   advance the clock        host().Advance(600)
 //   fail a named service     host().FailNext("MBOX_SendMessage"), FailNext("setsockopt", {.error = EPERM})
 //   drive the thread         host().Pass(), PassUntilIdle(), SelectTimesOut()
+//   act at a point           host().AtLog("Wait successful.\n", [&] { ... })
 //   expect a log line        ExpectLog(4, "KLV_GetInfo returned an error.\n"), ExpectAssertion("0")
 //
 // The thread that WaitForThread joins gets only the passes that a real one would make: for a readable descriptor, or by
@@ -132,6 +133,8 @@ class Host : public HostRecords {
   std::vector<DumpLine> Dumps() const;
   std::vector<Assertion> Assertions() const;
   void ClearLogs();  // claims everything so far
+  // Acts once, on the thread that writes the next line with this text, before it is written.
+  void AtLog(const std::string& text, std::function<void()> act);
 
   // --- clock, starts at 2024-01-02 03:04:05 UTC; up-time starts at 1000 s
   void Advance(long milliseconds);

@@ -81,6 +81,7 @@ struct Host::Impl {
   std::vector<Assertion> assertions;
   std::vector<std::pair<int, std::string>> allowed;
   std::map<std::string, int> levels;
+  std::map<std::string, std::function<void()>> acts;  // by log text
   std::map<std::string, DebugModule> modules;
 
   long wallMicroseconds = 0;

@@ -51,6 +51,12 @@ void _DoDbgPrintEx(HDBG hDbg, int nLevel, const char* szFunction, const char* sz
   va_start(arguments, szFormat);
   const std::string text = Format(szFormat, arguments);
   va_end(arguments);
+  std::function<void()> act;
+  {
+    std::lock_guard guard(Fake().lock);
+    if (auto node = Fake().acts.extract(text)) act = node.mapped();
+  }
+  if (act) act();
   std::lock_guard guard(Fake().lock);
   Fake().logs.push_back({static_cast<DebugModule*>(hDbg)->name, nLevel, szFunction, szFile, text});
 }

@@ -26,6 +26,7 @@ class RelayTest : public EngineTest {
     EngineTest::SetUp();
     m_record = {};
     _InitRelayers(&m_record);
+    m_record.bRelaysReady = TRUE;
   }
   void TearDown() override {
     for (const RELAYER& relayer : m_record.Relayers)
@@ -75,6 +76,52 @@ class RelayInitTest : public RelayTest {};
 class RelaySocketTest : public RelayTest {};
 class RelayFollowTest : public RelayTest {};
 class RelaySendTest : public RelayTest {};
+
+// Messages that come after the hand-over and before the opening ends.
+class RelayOpeningTest : public EngineTest {
+ protected:
+  void SetUp() override {
+    EngineTest::SetUp();
+    AllowLogs(5, "Support of additionnal CoT items");
+    AllowLogs(3, "invalid input, pvInputData");  // no event is needed here
+    Start();
+  }
+  // Opens the source; what the function feeds is handled while the opener still holds the relay sockets.
+  template <typename Feed>
+  HMDATASRC OpenAndFeed(const MDATA_SRC_CFG& config, Feed feed) {
+    host().AtLog("Wait successful.\n", [=] {
+      feed();
+      host().PassUntilIdle();
+    });
+    return Open(config);
+  }
+  static MDATA_SRC_CFG Following(MDATA_SRC_CFG config) {
+    AddRelay(config, kUnicast, -1, -1);
+    return config;
+  }
+  // Neither sent nor noted, and nothing was said about it.
+  static void ExpectNothingRelayed(HMDATASRC source) {
+    EXPECT_EQ(host().Calls("send"), 0);
+    EXPECT_EQ(source->Relayers[0].nRelayErrors, 0u);
+    EXPECT_EQ(source->Relayers[0].iLastRelayError, 0);
+    EXPECT_EQ(source->SourceTTL, -1);
+    EXPECT_EQ(source->SourceTOS, -1);
+    EXPECT_EQ(source->nSourceTTLUpdates, 0u);
+    EXPECT_EQ(source->nSourceTOSUpdates, 0u);
+    ExpectNoLog("Called for 1 relays.\n");
+  }
+  static void ExpectFollowed(HMDATASRC source, int ttl, int tos) {
+    EXPECT_EQ(source->Relayers[0].CurrentRelayTTL, ttl);
+    EXPECT_EQ(source->Relayers[0].CurrentRelayTOS, tos);
+    const FakeFD& socket = host().FD(source->Relayers[0].iRelaySocket);
+    ASSERT_EQ(socket.options.size(), 2u);
+    EXPECT_EQ(socket.options[0].value, IntBytes(tos));
+    EXPECT_EQ(socket.options[1].value, IntBytes(ttl));
+    EXPECT_EQ(socket.sent.size(), 1u);
+    EXPECT_EQ(source->nSourceTTLUpdates, 1u);
+    EXPECT_EQ(source->nSourceTOSUpdates, 1u);
+  }
+};
 
 // --- Initial state ---------------------------------------------------------------------------------------
 
@@ -489,6 +536,57 @@ TEST_F(RelaySendTest, EachRelayHasItsOwnPause) {
   EXPECT_FALSE(Send());
   ExpectLogContaining(3, "of relay#1/2, rc=-1");
   ExpectLogContaining(3, "of relay#2/2, rc=-1");
+}
+
+// --- While a source opens --------------------------------------------------------------------------------
+
+class RelayOpeningUDPTest : public RelayOpeningTest, public ::testing::WithParamInterface<int> {};
+
+TEST_P(RelayOpeningUDPTest, DatagramNeitherRelaysNorTakesTheChangeWithIt) {
+  const HMDATASRC source = OpenAndFeed(Following(NetworkConfig(GetParam())), [] {
+    for (int i = 0; i < 3; ++i) host().FeedDatagram(host().LastFD("udp4"), kMessage, {.ttl = 33, .tos = 0x48});
+  });
+  ASSERT_NE(source, nullptr);
+  ExpectNothingRelayed(source);
+  MDATA_SRC_STATS stats = {};
+  EXPECT_TRUE(MetaData_GetSourceStats(source, &stats));
+  EXPECT_EQ(stats.nRxOkMessages, 3u) << "received all the same";
+  EXPECT_EQ(stats.iSrcTTL, -1);
+  host().FeedDatagram(source->iFD, kMessage, {.ttl = 33, .tos = 0x48});
+  host().PassUntilIdle();
+  ExpectFollowed(source, 33, 0x48);
+}
+
+INSTANTIATE_TEST_SUITE_P(DataTypes, RelayOpeningUDPTest, ::testing::Values(MDATA_DATA_KLV, MDATA_DATA_COT));
+
+TEST_F(RelayOpeningTest, CapturedPacketIsNotRelayed) {
+  const HMDATASRC source = OpenAndFeed(Following(VideoConfig(0)), [] { host().FeedCapture(0, kMessage, 1); });
+  ASSERT_NE(source, nullptr);
+  ExpectNothingRelayed(source);
+  EXPECT_EQ(m_encoder.messages.size(), 1u);
+  host().FeedCapture(0, kMessage, 2);
+  host().PassUntilIdle();
+  EXPECT_EQ(source->Relayers[0].nRelayedMessages, 1u);
+}
+
+TEST_F(RelayOpeningTest, SourceWithoutRelaysSaysWhatItAlwaysSays) {
+  OpenAndFeed(NetworkConfig(MDATA_DATA_COT), [] { host().FeedDatagram(host().LastFD("udp4"), kMessage); });
+  ExpectLog(7, "No relays configured (0).\n");
+}
+
+TEST_F(RelayOpeningTest, OpenerThatGaveUpWaitingStartsTheRelaysToo) {
+  MDATA_SRC_CFG config = Following(NetworkConfig());
+  host().HoldThread(true);
+  HMDATASRC source = nullptr;
+  ASSERT_TRUE(MetaData_OpenSource(&config, &source));
+  m_open.push_back(source);
+  AllowOpeningLogs();
+  AllowLogs(3, "Wait FAILED for data source#7");
+  host().HoldThread(false);
+  host().PassUntilIdle();
+  host().FeedDatagram(source->iFD, kMessage, {.ttl = 33, .tos = 0x48});
+  host().PassUntilIdle();
+  ExpectFollowed(source, 33, 0x48);
 }
 
 }  // namespace
