@@ -1211,9 +1211,17 @@ static void _CopyKLVStats(MDATA_KLV_STATS* pTo, const MDATA_KLV_STATS& From) {
   MdStore(pTo->nUpdatedSecuritySets, MdLoad(From.nUpdatedSecuritySets));
 }
 
+// A serial CoT source of a library without CoT support has neither context nor converter: nothing of it is read or
+// changed. A source whose context alone is missing, because memory ran out at the opening, goes without the decoder's
+// counters only.
+static bool _OpenedWithoutCoTSupport(MDATA_SRC_HANDLE pHandle) {
+  return !_g_bCoTSupportEnabled && pHandle->Config.enInputType == MDATA_INPUT_SERIAL &&
+         pHandle->Config.enDataType == MDATA_DATA_COT;
+}
+
 static void _GetCoTStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
   COT_STATS Stats = {};
-  if (COT_GetStats(pHandle->pvDecodeCtxt, &Stats)) {
+  if (pHandle->pvDecodeCtxt != nullptr && COT_GetStats(pHandle->pvDecodeCtxt, &Stats)) {
     pStats->nRxBytes = Stats.nTotalRxBytes;
     pStats->nRxOkMessages = Stats.nRxOkMessages;
     pStats->nRxCorruptMessages = Stats.nRxCorruptedMessages;
@@ -1225,7 +1233,7 @@ static void _GetCoTStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
 
 static void _GetKLVStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
   KLV_STATS Stats = {};
-  if (GenericKLV_GetStats(pHandle->pvDecodeCtxt, &Stats)) {
+  if (pHandle->pvDecodeCtxt != nullptr && GenericKLV_GetStats(pHandle->pvDecodeCtxt, &Stats)) {
     pStats->nRxBytes = Stats.nTotalRxBytes;
     pStats->nRxOkMessages = Stats.nRxOkMessages;
     pStats->nRxCorruptMessages = Stats.nRxCorruptedMessages;
@@ -1276,9 +1284,8 @@ static void _GetDetectionStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats
 BOOL MetaData_GetSourceStats(HMDATASRC hDataSrc, MDATA_SRC_STATS* pStats) {
   const MDATA_SRC_HANDLE pHandle = hDataSrc;
   MdLock Lock(g_MetaDataAPIMutex);
-  // A source that opened deaf has no counters.
   MD_ASSERT(pHandle->pvDecodeCtxt != NULL);
-  if (pHandle->pvDecodeCtxt == nullptr) return TRUE;
+  if (_OpenedWithoutCoTSupport(pHandle)) return TRUE;
   if (pHandle->Config.enDataType == MDATA_DATA_COT)
     _GetCoTStats(pHandle, pStats);
   else if (pHandle->Config.enDataType == MDATA_DATA_KLV)
@@ -1304,13 +1311,13 @@ BOOL MetaData_ResetSourceStats(HMDATASRC hDataSrc) {
   const MDATA_SRC_HANDLE pHandle = hDataSrc;
   MdLock Lock(g_MetaDataAPIMutex);
   MD_ASSERT(pHandle->pfnResetStatsHandler != NULL);
-  if (pHandle->pfnResetStatsHandler == nullptr) return TRUE;
-  pHandle->pfnResetStatsHandler(pHandle->pvDecodeCtxt);
+  if (_OpenedWithoutCoTSupport(pHandle)) return TRUE;
+  if (pHandle->pfnResetStatsHandler != nullptr) pHandle->pfnResetStatsHandler(pHandle->pvDecodeCtxt);
   MdStore(pHandle->nCoTConvertedKLVMessages, 0);
   MdStore(pHandle->nCoTConvertedKLVBytes, 0);
   if (pHandle->Config.enDataType == MDATA_DATA_COT) {
     if (pHandle->hConverter != nullptr) ResetCoT2KLVConvertStats(pHandle->hConverter);
-  } else if (pHandle->Config.enDataType == MDATA_DATA_KLV) {
+  } else if (pHandle->Config.enDataType == MDATA_DATA_KLV && pHandle->pvDecodeCtxt != nullptr) {
     GenericKLV_ResetStats(pHandle->pvDecodeCtxt);  // KEPT: a second reset of the same counters
   }
   // KEPT: all relayers, configured or not.
@@ -1340,8 +1347,8 @@ BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) 
   const MDATA_SRC_HANDLE pHandle = hDataSrc;
   MdLock Lock(g_MetaDataAPIMutex);
   MD_ASSERT(pHandle->pfnSetStatsHandler != NULL);
-  if (pHandle->pfnSetStatsHandler == nullptr) return TRUE;
-  pHandle->pfnSetStatsHandler(pHandle->pvDecodeCtxt, pStats);
+  if (_OpenedWithoutCoTSupport(pHandle)) return TRUE;
+  if (pHandle->pfnSetStatsHandler != nullptr) pHandle->pfnSetStatsHandler(pHandle->pvDecodeCtxt, pStats);
   // KEPT: for every data type; with a KLV source these places of the union hold KLV counters.
   MdStore(pHandle->nCoTConvertedKLVBytes, pStats->prot.CoT.nConvertedKLVBytes);
   MdStore(pHandle->nCoTConvertedKLVMessages, pStats->prot.CoT.nConvertedKLVMessages);

@@ -428,6 +428,162 @@ TEST_F(StatsTest, DeafSourceAssertsAndDoesNothing) {
   host().ClearLogs();
 }
 
+// A source whose decode context found no memory: the calls say so and do everything that needs no context.
+class NoContextTest : public StatsTest {
+ protected:
+  void OpenWithoutContext(const MDATA_SRC_CFG& config) {
+    host().FailNext("calloc", {.skip = 1});  // the source record comes first
+    OpenSource(config);
+    if (config.enDataType == MDATA_DATA_COT)
+      ExpectAssertion("AllocCotDecodeContext(&pHandle->pvDecodeCtxt, _CoT_RxCallBack, pHandle)");
+    else
+      ExpectAssertion("AllocKlvDecodeContext(&pHandle->pvDecodeCtxt, _KLV_RxCallBack, pHandle)");
+    ASSERT_EQ(m_source->pvDecodeCtxt, nullptr);
+  }
+  void TearDown() override {
+    const bool klv = m_source->Config.enDataType == MDATA_DATA_KLV;
+    Close(m_source);
+    if (klv) {
+      ExpectAssertion("*ppvContext != NULL");
+      ExpectAssertion("FreeKlvDecodeContext(&pHandle->pvDecodeCtxt)");
+    }
+    StatsTest::TearDown();
+  }
+  void Get() {
+    StatsTest::Get();
+    ExpectAssertion("pHandle->pvDecodeCtxt != NULL");
+  }
+  void Set(const MDATA_SRC_STATS& stats) {
+    EXPECT_TRUE(MetaData_SetSourceStats(m_source, &stats));
+    ExpectAssertion("pHandle->pfnSetStatsHandler != NULL");
+  }
+  void ResetStats() {
+    EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
+    ExpectAssertion("pHandle->pfnResetStatsHandler != NULL");
+  }
+  void ExpectNoDecoderCounters() {
+    EXPECT_TRUE(IsUntouched(m_stats.nRxBytes));
+    EXPECT_TRUE(IsUntouched(m_stats.nRxOkMessages));
+    EXPECT_TRUE(IsUntouched(m_stats.nRxCorruptMessages));
+  }
+};
+
+TEST_F(NoContextTest, KLVSourceIsReadWithoutItsDecoder) {
+  OpenWithoutContext(WithMissionID(Following(NetworkConfig())));
+  host().rate = 77;
+  host().FeedDatagram(m_source->iFD, Bytes(40), {.from = "10.1.2.3", .ttl = 33, .tos = 0x48});
+  host().PassUntilIdle();
+  m_source->KLVStats = {1, 2, 3, 4, 5, 6};
+  EXPECT_EQ(m_encoder.messages.size(), 1u) << "a datagram needs no decoder";
+  Get();
+  ExpectNoDecoderCounters();
+  EXPECT_EQ(memcmp(&m_stats.prot.KLV, &m_source->KLVStats, sizeof(MDATA_KLV_STATS)), 0);
+  EXPECT_EQ(m_stats.in.Network.iSourceAddressFamily, AF_INET);
+  EXPECT_EQ(Bytes(m_stats.in.Network.SourceAddress, m_stats.in.Network.SourceAddress + 4), (Bytes{10, 1, 2, 3}));
+  EXPECT_EQ(m_stats.Relays[0].nRelayedMessages, 1u);
+  EXPECT_EQ(m_stats.Relays[0].nRelayedBytes, 40u);
+  EXPECT_EQ(m_stats.iSrcTTL, 33);
+  EXPECT_EQ(m_stats.nTTLUpdates, 1u);
+  EXPECT_EQ(m_stats.iSrcTOS, 0x48);
+  EXPECT_EQ(m_stats.nBitRateInKbps, 77u);
+}
+
+TEST_F(NoContextTest, CoTSourceIsReadWithoutItsDecoder) {
+  OpenWithoutContext(NetworkConfig(MDATA_DATA_COT));
+  ASSERT_NE(m_source->hConverter, nullptr);
+  m_source->nCoTConvertedKLVMessages = 7;
+  m_source->nCoTConvertedKLVBytes = 700;
+  MDATA_COT_STATS converter = {};
+  converter.nRxSPIMessages = 4;
+  SetCoT2KLVConvertStats(m_source->hConverter, &converter);
+  Get();
+  ExpectNoDecoderCounters();
+  EXPECT_EQ(m_stats.prot.CoT.nConvertedKLVMessages, 7u);
+  EXPECT_EQ(m_stats.prot.CoT.nConvertedKLVBytes, 700u);
+  EXPECT_EQ(m_stats.prot.CoT.nRxSPIMessages, 4u);
+  EXPECT_EQ(m_stats.iSrcTTL, -1);
+  EXPECT_EQ(m_stats.nBitRateInKbps, 0u);
+}
+
+TEST_F(NoContextTest, SetAndReadBackButTheDecodersCounters) {
+  OpenWithoutContext(WithMissionID(Following(NetworkConfig())));
+  const MDATA_SRC_STATS numbered = Numbered();
+  Set(numbered);
+  EXPECT_EQ(memcmp(m_source->acSourceAddress, numbered.in.Network.SourceAddress, 16), 0);
+  EXPECT_EQ(m_source->nCoTConvertedKLVBytes, numbered.prot.CoT.nConvertedKLVBytes);
+  Get();
+  ExpectNoDecoderCounters();
+  EXPECT_EQ(memcmp(&m_stats.prot.KLV, &numbered.prot.KLV, sizeof(MDATA_KLV_STATS)), 0);
+  EXPECT_TRUE(SameRelay(m_stats.Relays[0], numbered.Relays[0]));
+  EXPECT_EQ(m_stats.iSrcTTL, 21);
+  EXPECT_EQ(m_stats.nTTLUpdates, 22u);
+  EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, 23u);
+  EXPECT_EQ(m_stats.iSrcTOS, 24);
+  EXPECT_EQ(m_stats.nTOSUpdates, 25u);
+  EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 26u);
+}
+
+TEST_F(NoContextTest, SetReachesTheConverter) {
+  OpenWithoutContext(NetworkConfig(MDATA_DATA_COT));
+  MDATA_SRC_STATS stats = {};
+  stats.prot.CoT.nRxAirCraftMessages = 5;
+  Set(stats);
+  Get();
+  EXPECT_EQ(m_stats.prot.CoT.nRxAirCraftMessages, 5u);
+}
+
+TEST_F(NoContextTest, ResetZeroesEverythingCounted) {
+  OpenWithoutContext(WithMissionID(Following(NetworkConfig())));
+  Set(Numbered());
+  ResetStats();
+  EXPECT_EQ(m_source->nCoTConvertedKLVMessages, 0u);
+  EXPECT_EQ(m_source->nCoTConvertedKLVBytes, 0u);
+  EXPECT_EQ(host().rateResets, 1);
+  Get();
+  const MDATA_KLV_STATS zero = {};
+  EXPECT_EQ(memcmp(&m_stats.prot.KLV, &zero, sizeof(zero)), 0);
+  EXPECT_TRUE(SameRelay(m_stats.Relays[0], {}));
+  EXPECT_EQ(m_stats.nTTLUpdates, 0u);
+  EXPECT_EQ(m_stats.nTOSUpdates, 0u);
+  EXPECT_EQ(m_stats.iSrcTTL, 21) << "the detected values stay";
+}
+
+TEST_F(NoContextTest, ResetReachesTheConverter) {
+  OpenWithoutContext(NetworkConfig(MDATA_DATA_COT));
+  MDATA_COT_STATS converter = {};
+  converter.nRxSPIMessages = 4;
+  SetCoT2KLVConvertStats(m_source->hConverter, &converter);
+  ResetStats();
+  Get();
+  EXPECT_EQ(m_stats.prot.CoT.nRxSPIMessages, 0u);
+}
+
+TEST_F(NoContextTest, SerialSourceKeepsItsOtherStatistics) {
+  OpenWithoutContext(WithMissionID(SerialConfig()));
+  m_source->KLVStats.nRxUASMessages = 5;
+  Get();
+  ExpectNoDecoderCounters();
+  EXPECT_EQ(m_stats.prot.KLV.nRxUASMessages, 5u);
+  ResetStats();
+  EXPECT_EQ(m_source->KLVStats.nRxUASMessages, 0u);
+}
+
+// With CoT support it is memory that a serial CoT source lacks, not the support.
+TEST_F(NoContextTest, SerialCoTSourceKeepsItsConvertersStatistics) {
+  _g_bCoTSupportEnabled = TRUE;
+  OpenWithoutContext(SerialConfig(MDATA_DATA_COT));
+  MDATA_SRC_STATS stats = {};
+  stats.prot.CoT.nRxSPIMessages = 3;
+  Set(stats);
+  Get();
+  ExpectNoDecoderCounters();
+  EXPECT_EQ(m_stats.prot.CoT.nRxSPIMessages, 3u);
+  ResetStats();
+  StatsTest::Get();
+  ExpectAssertion("pHandle->pvDecodeCtxt != NULL");
+  EXPECT_EQ(m_stats.prot.CoT.nRxSPIMessages, 0u);
+}
+
 TEST_F(StatsTest, CallsHoldTheLibrarysMutex) {
   OpenSource(NetworkConfig());
   static std::atomic<int> busy;
