@@ -19,7 +19,7 @@
 //   15. Video road and decimation
 //
 // Lock order: g_MetaDataAPIMutex, then at most one of the leaf locks _g_SrcListLock, _g_XMLOutLock, _g_SenderLock.
-// The metadata thread never waits for g_MetaDataAPIMutex longer than kSerialLockTries milliseconds, because an
+// The metadata thread never waits for g_MetaDataAPIMutex longer than kSerialLockMs milliseconds, because an
 // opener holds it while it waits for that thread.
 #include "metadata_api.h"
 
@@ -76,7 +76,7 @@ pthread_mutex_t _g_SrcListLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t _g_XMLOutLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
 
-static constexpr int kSerialLockTries = 20;        // one millisecond each
+static constexpr long kSerialLockMs = 20;          // limit of the serial road's wait for g_MetaDataAPIMutex
 static constexpr int kLogHoldOffSecs = 4;          // repeated failures: a log line when more than this has passed
 static constexpr UINT64 kResendPauseMs = 10;       // between two attempts to send the shut-down
 static constexpr int kSmallestUASMessage = 20;     // key, length and one element
@@ -104,7 +104,7 @@ struct SenderText {
       : szText(GetSockAddressString(&Address, acBuffer, static_cast<int>(sizeof(acBuffer)))) {}
 };
 
-// g_MetaDataAPIMutex for the serial road: tried for a bounded time, since whoever opens a source holds it while
+// g_MetaDataAPIMutex for the serial road: waited for during a bounded time, since whoever opens a source holds it while
 // waiting for this very thread.
 class SerialApiLock {
  public:
@@ -132,10 +132,14 @@ static void _SleepOneMs() {
 }
 
 SerialApiLock::SerialApiLock() {
-  for (int i = 0; i < kSerialLockTries && !m_bHeld; ++i) {
-    m_bHeld = pthread_mutex_trylock(&g_MetaDataAPIMutex) == 0;
-    if (!m_bHeld) _SleepOneMs();
+  struct timespec Until = {};
+  clock_gettime(CLOCK_MONOTONIC, &Until);
+  Until.tv_nsec += kSerialLockMs * 1000000;
+  if (Until.tv_nsec >= 1000000000) {
+    ++Until.tv_sec;
+    Until.tv_nsec -= 1000000000;
   }
+  m_bHeld = pthread_mutex_clocklock(&g_MetaDataAPIMutex, CLOCK_MONOTONIC, &Until) == 0;
 }
 
 static UINT64 _MonotonicMs() {

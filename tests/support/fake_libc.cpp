@@ -41,6 +41,8 @@ ssize_t __real_read(int, void*, size_t);
 int __real_open(const char*, int, ...);
 FILE* __real_fopen(const char*, const char*);
 FILE* __real_fdopen(int, const char*);
+int __real_ftruncate(int, off_t);
+uid_t __real_geteuid();
 void* __real_calloc(size_t, size_t);
 void* __real_malloc(size_t);
 
@@ -70,6 +72,22 @@ int __wrap_nanosleep(const struct timespec* pause, struct timespec*) {
   Fake().Call("nanosleep");
   host().Advance(pause->tv_sec * 1000 + pause->tv_nsec / 1000000);
   return 0;
+}
+
+// Whoever holds the mutex keeps it for as long as anybody waits.
+int __wrap_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const struct timespec* until) {
+  Fake().Call("pthread_mutex_clocklock");
+  EXPECT_EQ(clock, CLOCK_MONOTONIC) << "a wait on a clock that can be set";
+  if (pthread_mutex_trylock(mutex) == 0) return 0;
+  std::lock_guard guard(Fake().lock);
+  const long end = until->tv_sec * 1000 + until->tv_nsec / 1000000;
+  if (end > Fake().upMilliseconds) host().Advance(end - Fake().upMilliseconds);
+  return ETIMEDOUT;
+}
+
+uid_t __wrap_geteuid() {
+  if (const auto other = Fake().Call("geteuid")) return static_cast<uid_t>(Result(*other));
+  return __real_geteuid();
 }
 
 int __wrap_socket(int family, int, int) {
@@ -251,6 +269,11 @@ static bool AllocationFails(const char* name) {
   const bool fails = found != Fake().failures.end() && !found->second.empty() && Fake().Fails(name);
   inside = false;
   return fails;
+}
+
+int __wrap_ftruncate(int fd, off_t size) {
+  if (const auto failure = Fake().Call("ftruncate")) return Result(*failure);
+  return __real_ftruncate(fd, size);
 }
 
 void* __wrap_calloc(size_t count, size_t size) {

@@ -60,7 +60,14 @@ class KlvRoadTest : public EngineTest {
 };
 
 class KlvUdpTest : public KlvRoadTest {};
-class KlvSerialTest : public KlvRoadTest {};
+class KlvSerialTest : public KlvRoadTest {
+ protected:
+  static timespec Monotonic() {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now;
+  }
+};
 class InspectionTest : public KlvRoadTest {};
 
 // --- UDP -------------------------------------------------------------------------------------------------
@@ -534,9 +541,29 @@ TEST_F(KlvSerialTest, BytesWaitWhileAnotherHoldsTheLibrary) {
   OpenSerial();
   host().FeedSerial(m_source->iFD, WellFormedMessage());
   pthread_mutex_lock(&g_MetaDataAPIMutex);
+  const timespec before = Monotonic();
   host().Pass();
+  const timespec after = Monotonic();
   EXPECT_EQ(host().Calls("read"), 0);
-  EXPECT_LE(host().Calls("nanosleep"), 20);
+  EXPECT_EQ(host().Calls("pthread_mutex_clocklock"), 1) << "one wait, which ends as soon as the library is free";
+  EXPECT_EQ(host().Calls("nanosleep"), 0);
+  EXPECT_EQ((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000, 20);
+  pthread_mutex_unlock(&g_MetaDataAPIMutex);
+  host().PassUntilIdle();
+  ExpectDelivered(WellFormedMessage());
+}
+
+TEST_F(KlvSerialTest, WaitForTheLibraryMayCrossASecond) {
+  OpenSerial();
+  host().Advance(990 - Monotonic().tv_nsec / 1000000);
+  host().FeedSerial(m_source->iFD, WellFormedMessage());
+  pthread_mutex_lock(&g_MetaDataAPIMutex);
+  const timespec before = Monotonic();
+  host().Pass();
+  const timespec after = Monotonic();
+  EXPECT_EQ(before.tv_nsec, 990000000);
+  EXPECT_EQ(after.tv_sec, before.tv_sec + 1);
+  EXPECT_EQ(after.tv_nsec, 10000000);
   pthread_mutex_unlock(&g_MetaDataAPIMutex);
   host().PassUntilIdle();
   ExpectDelivered(WellFormedMessage());
