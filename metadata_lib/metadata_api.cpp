@@ -148,14 +148,20 @@ static UINT64 _MonotonicMs() {
   return static_cast<UINT64>(Now.tv_sec) * 1000 + static_cast<UINT64>(Now.tv_nsec) / 1000000;
 }
 
-// Opens a capture file for writing, truncated; NULL when that fails. Anybody may plant a name under /tmp: a link is
-// not followed, and a pipe or device neither blocks nor is written to.
-static FILE* _OpenCaptureFile(const char* szPath) {
-  const int iFD = open(szPath, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
-  if (iFD < 0) return nullptr;
+// Whether an open file is a regular one that belongs to nobody else, by its owner and by its only name.
+static bool _IsOurOwnFile(int iFD) {
   struct stat Info = {};
+  return fstat(iFD, &Info) == 0 && S_ISREG(Info.st_mode) && Info.st_uid == geteuid() && Info.st_nlink == 1;
+}
+
+// Opens a capture file for writing, empty and for our own eyes; NULL when that fails. Anybody may plant a name under
+// /tmp: a link is not followed, a pipe or device neither blocks nor is written to, and a file of somebody else or with
+// a second name is left as it is.
+static FILE* _OpenCaptureFile(const char* szPath) {
+  const int iFD = open(szPath, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+  if (iFD < 0) return nullptr;
   FILE* pFile = nullptr;
-  if (fstat(iFD, &Info) == 0 && S_ISREG(Info.st_mode)) pFile = fdopen(iFD, "w");
+  if (_IsOurOwnFile(iFD) && ftruncate(iFD, 0) == 0) pFile = fdopen(iFD, "w");
   if (pFile == nullptr) close(iFD);
   return pFile;
 }
@@ -1718,7 +1724,7 @@ static bool _SetUpRelaySocket(const RelaySetup& Relay) {
 static bool _CreateRelayingSocket(RelaySetup Relay, int* piSocket) {
   const int iFamily = Relay.pCfg->iDestAddressFamily;
   if (iFamily != AF_INET && iFamily != AF_INET6) return true;
-  Relay.iSocket = socket(iFamily, SOCK_DGRAM, 0);
+  Relay.iSocket = socket(iFamily, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (Relay.iSocket < 0) {
     const int iError = errno;
     MD_LOG(3, "Failed to create relaying socket %d/%d, errno (%d): \"%s\".\n", Relay.iNumber, Relay.iCount, iError,

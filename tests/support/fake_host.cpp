@@ -327,6 +327,10 @@ void Host::PlantLink(const std::string& path, const std::string& target) {
   std::filesystem::create_symlink(RealPath(target), RealPath(path));
 }
 
+void Host::PlantHardLink(const std::string& path, const std::string& target) {
+  std::filesystem::create_hard_link(RealPath(target), RealPath(path));
+}
+
 void Host::PlantFifo(const std::string& path) {
   mkfifo(RealPath(path).c_str(), 0600);
 }

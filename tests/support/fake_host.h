@@ -85,6 +85,7 @@ struct FakeFD {
   int family = 0;    // of socket()
   bool closed = false;
   bool nonBlocking = false;
+  bool closeOnExec = false;  // of socket()
   sockaddr_storage connectedTo = {};
   std::vector<SocketOption> options;
   std::vector<Bytes> sent;
@@ -164,6 +165,7 @@ class Host : public HostRecords {
   bool FileExists(const std::string& path) const;
   void PlantLink(const std::string& path, const std::string& target);
   void PlantFifo(const std::string& path);
+  void PlantHardLink(const std::string& path, const std::string& target);
   std::string RealPath(const std::string& path) const;
   void SetConfig(const std::string& file, const std::string& section, const std::string& key, const std::string& value);
 

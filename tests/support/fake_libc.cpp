@@ -90,11 +90,12 @@ uid_t __wrap_geteuid() {
   return __real_geteuid();
 }
 
-int __wrap_socket(int family, int, int) {
+int __wrap_socket(int family, int type, int) {
   std::lock_guard guard(Fake().lock);
   if (const auto failure = Fake().Call("socket")) return Result(*failure);
   const int fd = Fake().NewFD("socket");
   Fake().fds[fd].family = family;
+  Fake().fds[fd].closeOnExec = (type & SOCK_CLOEXEC) != 0;
   return fd;
 }
 

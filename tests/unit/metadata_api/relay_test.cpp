@@ -161,6 +161,8 @@ TEST_F(RelaySocketTest, OneConnectedNonBlockingSocketPerRelay) {
   const FakeFD& second = Socket(1);
   EXPECT_TRUE(first.nonBlocking);
   EXPECT_TRUE(second.nonBlocking);
+  EXPECT_TRUE(first.closeOnExec);
+  EXPECT_TRUE(second.closeOnExec);
   EXPECT_TRUE(first.options.empty());
   EXPECT_EQ(first.family, AF_INET);
   EXPECT_EQ(second.family, AF_INET6);

@@ -1,5 +1,6 @@
 // Opening and closing sources: what is checked, made, logged and released for each kind.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "builders.h"
@@ -605,6 +606,81 @@ TEST_F(CaptureFileTest, PlantedPipeNeitherBlocksNorIsWrittenTo) {
   close(reader);
   Close(m_open.back());
   EXPECT_EQ(Open(config)->CaptureFP, nullptr) << "without a reader either";
+}
+
+// A name under /tmp that holds a file of a kind which is not ours to write to, and what every capture makes of it.
+struct PlantedFile {
+  const char* name;
+  void (*plant)(const std::string& path);
+};
+
+class PlantedCaptureTest : public CaptureFileTest, public ::testing::WithParamInterface<PlantedFile> {
+ protected:
+  static constexpr const char* kFiles[] = {"/tmp/rawudp_5000.txt", "/tmp/rawserial.txt", "/tmp/cotxml.txt",
+                                           "/tmp/rawhdsdi.txt"};
+};
+
+TEST_P(PlantedCaptureTest, StaysAsItIsAndTheSourceWorksWithoutCapture) {
+  Start();
+  for (const char* path : kFiles) GetParam().plant(path);
+  MDATA_SRC_CFG configs[] = {NetworkConfig(), SerialConfig(), VideoConfig(0)};
+  std::vector<HMDATASRC> sources;
+  for (MDATA_SRC_CFG& config : configs) {
+    config.bCaptureToDisk = TRUE;
+    config.nMaxCaptureSizeInKBytes = 100;
+    sources.push_back(Open(config));
+    ASSERT_NE(sources.back(), nullptr);
+    EXPECT_EQ(sources.back()->CaptureFP, nullptr);
+  }
+  EXPECT_EQ(g_XMLOutFP, nullptr);
+  ExpectLogContaining(5, "RAW UDP input fp=(nil)");
+  host().FeedDatagram(sources[0]->iFD, Bytes(40, 1));
+  host().PassUntilIdle();
+  EXPECT_EQ(m_encoder.messages.size(), 1u);
+  for (const HMDATASRC source : sources) Close(source);
+  for (const char* path : kFiles) EXPECT_EQ(host().ReadFile(path), "keep") << path;
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, PlantedCaptureTest,
+                         ::testing::Values(PlantedFile{"AnotherUsersFile",
+                                                       [](const std::string& path) {
+                                                         host().WriteFile(path, "keep");
+                                                         const bool given =
+                                                             chown(host().RealPath(path).c_str(), 65534, 65534) == 0;
+                                                         // Who may not give files away pretends to be somebody else.
+                                                         if (!given) host().FailNext("geteuid", {.result = 65534});
+                                                       }},
+                                           PlantedFile{"FileWithASecondName",
+                                                       [](const std::string& path) {
+                                                         host().WriteFile(path + ".other", "keep");
+                                                         host().PlantHardLink(path, path + ".other");
+                                                       }}),
+                         [](const auto& planted) { return planted.param.name; });
+
+TEST_F(CaptureFileTest, OnlyTheOwnerMayReadACapture) {
+  Start();
+  const mode_t mask = umask(0);
+  MDATA_SRC_CFG configs[] = {NetworkConfig(), SerialConfig(), VideoConfig(0)};
+  for (MDATA_SRC_CFG& config : configs) {
+    config.bCaptureToDisk = TRUE;
+    Open(config);
+  }
+  umask(mask);
+  for (const char* path : {"/tmp/rawudp_5000.txt", "/tmp/rawserial.txt", "/tmp/cotxml.txt", "/tmp/rawhdsdi.txt"}) {
+    struct stat info = {};
+    ASSERT_EQ(stat(host().RealPath(path).c_str(), &info), 0) << path;
+    EXPECT_EQ(info.st_mode & 07777, 0600u) << path;
+  }
+}
+
+TEST_F(CaptureFileTest, FileThatCannotBeEmptiedIsNotWrittenTo) {
+  Start();
+  host().WriteFile("/tmp/rawudp_5000.txt", "keep");
+  host().FailNext("ftruncate", {.error = EPERM});
+  MDATA_SRC_CFG config = NetworkConfig();
+  config.bCaptureToDisk = TRUE;
+  EXPECT_EQ(Open(config)->CaptureFP, nullptr);
+  EXPECT_EQ(host().ReadFile("/tmp/rawudp_5000.txt"), "keep");
 }
 
 TEST_F(CaptureFileTest, ClosingAnySourceClosesTheXMLCapture) {
