@@ -33,6 +33,11 @@ class Exports(unittest.TestCase):
     def test_soname_carries_the_major_version(self):
         self.assertIn("[libmetadata_lib.so.1]", output("readelf", "-d", options.library))
 
+    def test_reaches_its_own_names_without_a_look_up(self):
+        listed = set(re.findall(r"^    (\w+);", pathlib.Path(options.map).read_text(), re.M))
+        looked_up = {word.split("@")[0] for word in output("readelf", "-rW", options.library).split()}
+        self.assertEqual(looked_up & listed, set())
+
     def test_undefined_names_are_libc_or_host_services(self):
         declared = "".join(path.read_text() for path in pathlib.Path(options.host).glob("*.h"))
         services = set(re.findall(r"\b(\w+)\(", declared)) | {"g_bThreadStateDebuggingEnabled"}
