@@ -223,15 +223,15 @@ void ReadRelay(const Json& json, MDATA_RELAY_STATS& counts) {
   Read(json, "last_error_time", counts.iLastRelayErrorTime);
 }
 
+/* The kept TTL and TOS are not loaded: relays that follow have the system's values on their new sockets, and change them
+   only when a datagram brings a value that the library does not know yet. */
 void ReadNetwork(const Json& json, MDATA_SRC_STATS& statistics) {
   if (const auto sender = ParseAddress(json.at("sender").get<std::string>())) {
     statistics.in.Network.iSourceAddressFamily = sender->family;
     std::copy(sender->bytes.begin(), sender->bytes.end(), statistics.in.Network.SourceAddress);
   }
-  Read(json.at("ttl"), "value", statistics.iSrcTTL);
   Read(json.at("ttl"), "updates", statistics.nTTLUpdates);
   Read(json.at("ttl"), "last_update_uptime_s", statistics.nLastTTLUpdateUpTimeInSecs);
-  Read(json.at("tos"), "value", statistics.iSrcTOS);
   Read(json.at("tos"), "updates", statistics.nTOSUpdates);
   Read(json.at("tos"), "last_update_uptime_s", statistics.nLastTOSUpdateUpTimeInSecs);
 }

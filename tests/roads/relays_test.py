@@ -129,6 +129,24 @@ class Relays(Road):
         self.assertEqual([entry["messages"] for entry in relays], [40] * 8)
         self.assertEqual([entry["errors"] for entry in relays], [0] * 8)
 
+    def test_relays_follow_after_a_restart_with_kept_statistics(self):
+        address = self.addresses()[0]
+        log = self.receiver(0, address)
+        for run in (1, 2):
+            (self.folder / "messages.jsonl").unlink(missing_ok=True)
+            self.encoder(f"[udp]\ninput = udp\nport = {PORT}\nfamily = ipv4\n"
+                         f"relay1 = {address}:7001 ttl=follow tos=follow\n",
+                         arguments=["--stats-file", self.folder / "statistics.json"])
+            self.wait_for_port()
+            self.feed_inside("--count", "10", "--rate", "100", "--ttl", "17", "--tos", "0x28")
+            self.settle("udp", 10)
+            time.sleep(0.3)
+            statistics = source(self.stop(), "udp")["statistics"]
+            self.assertEqual(statistics["relays"][0]["messages"], 10 * run, "loaded and counted on")
+            self.assertEqual((statistics["ttl"]["value"], statistics["tos"]["value"]), (17, 0x28))
+        got = [json.loads(line) for line in log.read_text().splitlines()][1:]
+        self.assertEqual([(datagram["ttl"], datagram["tos"]) for datagram in got], [(17, 0x28)] * 20)
+
     def test_a_closed_port_and_a_missing_route_disturb_no_other_relay(self):
         log = self.receiver(0, self.addresses()[0])
         address = self.addresses()[0]
