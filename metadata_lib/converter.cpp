@@ -58,11 +58,6 @@ static double _TextToDouble(const char* szText) {
   return hLocale != nullptr ? strtod_l(szText, nullptr, hLocale) : strtod(szText, nullptr);
 }
 
-static float _TextToFloat(const char* szText) {
-  const locale_t hLocale = _CLocale();
-  return hLocale != nullptr ? strtof_l(szText, nullptr, hLocale) : strtof(szText, nullptr);
-}
-
 static float _ToFloat(double value) {
   if (value > static_cast<double>(FLT_MAX)) return __builtin_inff();
   if (value < -static_cast<double>(FLT_MAX)) return -__builtin_inff();
@@ -381,56 +376,61 @@ float* _g_pGrid = nullptr;
 
 namespace {
 
-// Reads numbers out of a file like a "%f" scan does, from large blocks.
+// Reads numbers out of a file like a "%f" scan does: the usual form quickly, from large blocks; every other form by that
+// very scan.
 class NumberReader {
  public:
-  enum class Result { kNumber, kNoNumber, kEndOfFile };
+  static constexpr size_t kBlockSize = 65536;
+  static constexpr size_t kMargin = 8;  // in front of the block: zeros that the fast way may look at
+  static constexpr size_t kMemorySize = kMargin + kBlockSize;
 
-  explicit NumberReader(FILE* fp) : m_fp(fp), m_block(m_memory + 8), m_pNext(m_block), m_pEnd(m_block) {
-    memset(m_memory, 0, 8);
+  // pMemory: kMemorySize bytes.
+  NumberReader(FILE* fp, char* pMemory)
+      : m_fp(fp), m_block(pMemory + kMargin), m_pNext(m_block), m_pEnd(m_block), m_bSeekable(SeekBy(0)) {
+    memset(pMemory, 0, kMargin);
   }
 
   // Reads numbers while they are in the usual form; possibly none. How many, at most nMost.
   int Fast(float* pValues, int nMost);
-  // The next number, in any form. Text that is no number stops the reader: nothing more is consumed, every call says so
-  // again.
-  Result Next(float* pValue);
+  // Reads a few numbers in any form, at most nMost. How many slots they took: text that is no number takes one too, and
+  // leaves it as it is.
+  int Scan(float* pValues, int nMost);
+  // A scan met the end of the file, in front of a number or in it.
+  bool IsAtEnd() const { return m_bAtEnd; }
 
  private:
-  // Digits, sign and exponent of a number that the fast way does not take.
-  struct Parts;
-
-  static constexpr size_t kBlockSize = 65536;
   static constexpr int kLookAhead = 32;  // the fast way reads no further than this
+  // Numbers scanned in a row: enough to make up for the block that is read again behind them.
+  static constexpr int kScanBatch = 64;
 
   static bool Convert(const char* p, uint64_t nFirst, int nTotal, float* pValue);
   static const char* ConvertPlain(const char* p, float* pValue);
-  bool Slow(float* pValue);
-  bool Word(const char* szRest);
-  bool Special(bool bNegative, float* pValue);
-  void Digits(Parts* pParts);
-  void Exponent(Parts* pParts);
+  bool SeekBy(long nOffset) { return fseek(m_fp, nOffset, SEEK_CUR) == 0; }
+  bool GiveBack();
   void Refill();
-  int Peek();
-  void Skip() { ++m_pNext; }
 
-  FILE* m_fp;
+  FILE* const m_fp;
   char* const m_block;
-  const char* m_pNext;
+  const char* m_pNext;  // from here to m_pEnd the block holds what is not read yet; the file stands behind it
   const char* m_pEnd;
-  bool m_bEnd = false;   // the file has no more
-  bool m_bStop = false;  // at text that is no number
-  char m_memory[8 + kBlockSize];
+  const bool m_bSeekable;     // a file that is not (a pipe) is only scanned: nothing could be given back
+  bool m_bFileEnded = false;  // the block holds all that is left
+  bool m_bAtEnd = false;
 };
 
-struct NumberReader::Parts {
-  static constexpr int kMost = 160;  // more than any midpoint between two floats has, decimal or hexadecimal
-  char digits[kMost + 1];
-  int nDigits = 0;
-  int64_t nExponent = 0;  // of the digits as a whole number
-  bool bHex = false;
-  bool bAny = false;     // a digit, zero included
-  bool bBeyond = false;  // a point or exponent mark
+// The "C" locale on this thread for a scope.
+class CLocaleScope {
+ public:
+  CLocaleScope() : m_hLocale(_CLocale()), m_hBefore(m_hLocale != nullptr ? uselocale(m_hLocale) : nullptr) {}
+  ~CLocaleScope() {
+    if (m_hLocale != nullptr) uselocale(m_hBefore);
+  }
+  CLocaleScope(const CLocaleScope&) = delete;
+  CLocaleScope& operator=(const CLocaleScope&) = delete;
+
+ private:
+  const locale_t m_hLocale;  // NULL without memory for it: the thread's own is used
+  const locale_t m_hBefore;
 };
 
 bool IsBlank(int c) {
@@ -439,10 +439,6 @@ bool IsBlank(int c) {
 
 bool IsDigit(int c) {
   return c >= '0' && c <= '9';
-}
-
-int Lower(int c) {
-  return c >= 'A' && c <= 'Z' ? c + ('a' - 'A') : c;
 }
 
 constexpr int kMostDigits = 15;  // below 2^53
@@ -513,22 +509,25 @@ void NumberReader::Refill() {
   const size_t nKept = static_cast<size_t>(m_pEnd - m_pNext);
   memmove(m_block, m_pNext, nKept);
   const size_t nRead = fread(m_block + nKept, 1, kBlockSize - nKept, m_fp);
-  if (nRead == 0) m_bEnd = true;
+  if (nRead == 0) m_bFileEnded = true;
   m_pNext = m_block;
   m_pEnd = m_block + nKept + nRead;
 }
 
-// The next character, -1 at the end of the file.
-int NumberReader::Peek() {
-  if (m_pNext == m_pEnd && !m_bEnd) Refill();
-  return m_pNext == m_pEnd ? -1 : static_cast<unsigned char>(*m_pNext);
+// Puts the file where the next number starts, for the library's scan.
+bool NumberReader::GiveBack() {
+  const long nAhead = static_cast<long>(m_pEnd - m_pNext);
+  m_pNext = m_pEnd = m_block;
+  m_bFileEnded = false;
+  return nAhead == 0 || SeekBy(-nAhead);
 }
 
 // Numbers as the grid has them: a sign or none, up to six digits, a point, up to eight digits, a blank. Eight bytes are
 // worked on at a time, and no branch depends on a digit or the sign. Stops in front of the first other text, and where
 // the block holds too little; returns how many there were.
 int NumberReader::Fast(float* pValues, int nMost) {
-  if (m_pEnd - m_pNext < kLookAhead && !m_bEnd) Refill();
+  if (!m_bSeekable) return 0;
+  if (m_pEnd - m_pNext < kLookAhead && !m_bFileEnded) Refill();
   const char* p = m_pNext;
   int nDone = 0;
   while (nDone < nMost && m_pEnd - p >= kLookAhead) {
@@ -587,103 +586,18 @@ const char* NumberReader::ConvertPlain(const char* p, float* pValue) {
   return Scale(nDigits, nPlaces, nNegative, pValue) ? p + 1 : nullptr;
 }
 
-// Consumes the given rest of a word, in either case.
-bool NumberReader::Word(const char* szRest) {
-  for (; *szRest != '\0'; ++szRest, Skip()) {
-    if (Lower(Peek()) != *szRest) return false;
+// What a scan takes from the beginnings of numbers ("-", ".", "0x") is its own affair. A scan that meets the end of the
+// file in the middle of a number finds no number and says nothing of the end: only the stream tells.
+int NumberReader::Scan(float* pValues, int nMost) {
+  const CLocaleScope cLocale;
+  m_bAtEnd = !GiveBack();
+  int nDone = 0;
+  while (nDone < nMost && nDone < kScanBatch && !m_bAtEnd) {
+    const int nResult = fscanf(m_fp, "%f", &pValues[nDone]);
+    m_bAtEnd = nResult == EOF || (nResult == 0 && feof(m_fp));
+    if (!m_bAtEnd) ++nDone;
   }
-  return true;
-}
-
-// "nan", "inf" and "infinity".
-bool NumberReader::Special(bool bNegative, float* pValue) {
-  if (Lower(Peek()) == 'n') {
-    if (!Word("nan")) return false;
-    *pValue = __builtin_nanf("");
-  } else {
-    if (!Word("inf")) return false;
-    if (Lower(Peek()) == 'i' && !Word("inity")) return false;
-    *pValue = __builtin_inff();
-  }
-  if (bNegative) *pValue = -*pValue;
-  return true;
-}
-
-// Digits around at most one point. Digits beyond those kept only leave a trace, which is all that rounding needs.
-void NumberReader::Digits(Parts* pParts) {
-  bool bPoint = false;
-  for (;; Skip()) {
-    const int c = Lower(Peek());
-    if (c == '.' && !bPoint) {
-      bPoint = true;
-      pParts->bBeyond = true;
-      continue;
-    }
-    if (!IsDigit(c) && !(pParts->bHex && c >= 'a' && c <= 'f')) return;
-    pParts->bAny = true;
-    const int64_t nStep = pParts->bHex ? 4 : 1;
-    if (pParts->nDigits < Parts::kMost) {
-      if (c != '0' || pParts->nDigits != 0) pParts->digits[pParts->nDigits++] = static_cast<char>(c);
-      if (bPoint) pParts->nExponent -= nStep;
-    } else {
-      if (c != '0') pParts->digits[Parts::kMost - 1] = '1';
-      if (!bPoint) pParts->nExponent += nStep;
-    }
-  }
-}
-
-// An exponent mark without digits is consumed and counts for nothing, as the C library's scan has it.
-void NumberReader::Exponent(Parts* pParts) {
-  if (Lower(Peek()) != (pParts->bHex ? 'p' : 'e')) return;
-  Skip();
-  pParts->bBeyond = true;
-  const bool bNegative = Peek() == '-';
-  if (bNegative || Peek() == '+') Skip();
-  int64_t nExponent = 0;
-  for (; IsDigit(Peek()); Skip()) {
-    if (nExponent < 100000000000000) nExponent = nExponent * 10 + (Peek() - '0');
-  }
-  pParts->nExponent += bNegative ? -nExponent : nExponent;
-}
-
-// Any number at all.
-bool NumberReader::Slow(float* pValue) {
-  const bool bNegative = Peek() == '-';
-  if (bNegative || Peek() == '+') Skip();
-  if (Lower(Peek()) == 'n' || Lower(Peek()) == 'i') return Special(bNegative, pValue);
-  Parts parts;
-  if (Peek() == '0') {
-    Skip();
-    parts.bAny = true;
-    if (Lower(Peek()) == 'x') {
-      Skip();
-      parts.bHex = true;
-      parts.bAny = false;
-    }
-  }
-  Digits(&parts);
-  if (!parts.bAny && !parts.bHex) return false;
-  Exponent(&parts);
-  if (!parts.bAny && !parts.bBeyond) return false;  // "0x" alone
-  if (!parts.bAny) parts.nDigits = 0;
-  int64_t nExponent = parts.nExponent;
-  if (nExponent > 99999) nExponent = 99999;
-  if (nExponent < -99999) nExponent = -99999;
-  char szNumber[Parts::kMost + 32];
-  parts.digits[parts.nDigits] = '\0';
-  snprintf(szNumber, sizeof szNumber, "%s%s0%s%c%d", bNegative ? "-" : "", parts.bHex ? "0x" : "", parts.digits,
-           parts.bHex ? 'p' : 'e', static_cast<int>(nExponent));
-  *pValue = _TextToFloat(szNumber);
-  return true;
-}
-
-NumberReader::Result NumberReader::Next(float* pValue) {
-  if (m_bStop) return Result::kNoNumber;
-  while (IsBlank(Peek())) Skip();
-  if (Peek() == -1) return Result::kEndOfFile;
-  if (Slow(pValue)) return Result::kNumber;
-  m_bStop = true;
-  return Result::kNoNumber;
+  return nDone;
 }
 
 static void _ReadAllItemsOption() {
@@ -705,17 +619,15 @@ static void _ReportProgress(UINT nPercent) {
 }
 
 // Fills the grid. The number of values read; fewer than all when the file ended.
-static int _ReadGrid(FILE* fp, float* pGrid) {
-  NumberReader reader(fp);
+static int _ReadGrid(FILE* fp, float* pGrid, char* pMemory) {
+  NumberReader reader(fp, pMemory);
   UINT nPercent = 0;
   int nNextReport = (kGridValues + 99) / 100;
   for (int nRead = 0; nRead < kGridValues;) {
     nRead += reader.Fast(&pGrid[nRead], nNextReport - nRead);
-    if (nRead < nNextReport) {
-      // KEPT: nothing is skipped, and text that is no number goes unnoticed: the slots keep their zeros.
-      if (reader.Next(&pGrid[nRead]) == NumberReader::Result::kEndOfFile) return nRead;
-      ++nRead;
-    }
+    // KEPT: nothing is skipped, and text that is no number goes unnoticed: the slots keep their zeros.
+    if (nRead < nNextReport) nRead += reader.Scan(&pGrid[nRead], nNextReport - nRead);
+    if (reader.IsAtEnd()) return nRead;
     if (nRead < nNextReport) continue;
     const UINT nNow = static_cast<UINT>(int64_t{nRead} * 100 / kGridValues);
     if (nNow != nPercent) _ReportProgress(nPercent = nNow);
@@ -727,16 +639,21 @@ static int _ReadGrid(FILE* fp, float* pGrid) {
 static float* _LoadGrid(FILE* fp) {
   MD_LOG(7, "Allocating memory block of %d bytes for data grid.\n", static_cast<int>(kGridValues * sizeof(float)));
   float* pGrid = static_cast<float*>(calloc(kGridValues, sizeof(float)));
-  if (pGrid == nullptr) {
+  // The reader's memory is on the heap: encoders start the library on threads with small stacks.
+  char* pMemory = static_cast<char*>(malloc(NumberReader::kMemorySize));
+  if (pGrid == nullptr || pMemory == nullptr) {
     MD_LOG(3, "malloc() failed !\n");
+    free(pMemory);
+    free(pGrid);
     return nullptr;
   }
   MD_LOG(7, "Memory allocated OK, reading grid data.\n");
   struct timeval Start = {};
   gettimeofday(&Start, nullptr);
   __SetThreadPausedState(TRUE);
-  const int nRead = _ReadGrid(fp, pGrid);
+  const int nRead = _ReadGrid(fp, pGrid, pMemory);
   __SetThreadPausedState(FALSE);
+  free(pMemory);
   if (nRead < kGridValues) {
     MD_LOG(3, "fscanf %d number (unexpected finished earlier)!\n", nRead);
     free(pGrid);

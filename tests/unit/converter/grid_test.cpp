@@ -2,6 +2,9 @@
 #include <clocale>
 #include <cmath>
 #include <cstring>
+#include <fstream>
+#include <random>
+#include <thread>
 
 #include "converter_fixture.h"
 
@@ -58,11 +61,17 @@ TEST_F(GridFile, TextThatIsNoNumberStopsTheScanAndTheLoadSucceeds) {
   EXPECT_EQ(_g_pGrid[0], 1.5f);
   EXPECT_EQ(_g_pGrid[1], 2.5f);
   for (int i = 2; i < kGridValues; i++) ASSERT_EQ(_g_pGrid[i], 0.0f) << i;
-  for (const char* text : {"1 - 5", "1 nax", "1 0x", "1 . 2", "1,5"}) {
+  for (const char* text : {"1,5", "1 x", "1 _3"}) {
     EXPECT_EQ(Load(text, kGridValues), 0) << text;
     EXPECT_EQ(_g_pGrid[0], 1.0f);
     EXPECT_EQ(_g_pGrid[1], 0.0f) << text;
   }
+}
+
+TEST_F(GridFile, BeginningsOfNumbersAreConsumedAndLeaveTheirSlot) {
+  EXPECT_EQ(Load("1 - 5 . 6 0x 8 +\n9 1e 10 --11 nax ", 14), 0);
+  const float expected[] = {1, 0, 5, 0, 6, 0, 8, 0, 9, 1, 10, 0, -11, 0, 7};
+  for (size_t i = 0; i < std::size(expected); i++) EXPECT_EQ(_g_pGrid[i], expected[i]) << i;
 }
 
 TEST_F(GridFile, ShortFileFailsWithTheCountRead) {
@@ -73,6 +82,188 @@ TEST_F(GridFile, ShortFileFailsWithTheCountRead) {
   ExpectLog(3, "fscanf 1038960 number (unexpected finished earlier)!\n");
   EXPECT_EQ(Load("", kGridValues), -1);
   ExpectLog(3, "fscanf 0 number (unexpected finished earlier)!\n");
+}
+
+// What a "%f" scan in the "C" locale makes of a text. A scan that meets the end of the file, in front of a number or in
+// it, ends the reading; text that it cannot get past leaves the rest of the grid as it was.
+struct Scanned {
+  std::vector<float> values;
+  bool bStuck = false;
+
+  explicit Scanned(const std::string& text) {
+    FILE* fp = text.empty() ? nullptr : fmemopen(const_cast<char*>(text.data()), text.size(), "r");
+    while (fp != nullptr && !bStuck && values.size() < kGridValues) {
+      const long nBefore = ftell(fp);
+      float value = 0;
+      const int nResult = fscanf(fp, "%f", &value);
+      if (nResult == EOF || (nResult == 0 && feof(fp))) break;
+      bStuck = nResult == 0 && ftell(fp) == nBefore;
+      values.push_back(value);
+    }
+    if (fp != nullptr) fclose(fp);
+    if (bStuck) values.resize(kGridValues);
+  }
+  bool IsWhole() const { return values.size() == kGridValues; }
+};
+
+// Loads a text and compares with the scan.
+class GridText : public GridTest {
+ protected:
+  void SetUp() override {
+    GridTest::SetUp();
+    AllowLogs(5, "Support of additionnal CoT items enabled.\n");
+    AllowLogs(3, "fscanf ");
+    host().WriteFile(kGridPath, "");
+    m_path = host().RealPath(kGridPath);
+  }
+
+  void Check(const std::string& text) {
+    std::ofstream(m_path, std::ios::binary) << text;
+    const Scanned scanned(text);
+    const size_t nShown = text.size() < 200 ? 0 : text.size() - 200;
+    SCOPED_TRACE(text.substr(nShown));
+    host().ClearLogs();
+    ASSERT_EQ(init_ww15mgh_grd(), scanned.IsWhole() ? 0 : -1);
+    if (scanned.IsWhole()) {
+      ASSERT_EQ(memcmp(_g_pGrid, scanned.values.data(), sizeof(float) * kGridValues), 0);
+    } else {
+      ExpectLog(3, "fscanf " + std::to_string(scanned.values.size()) + " number (unexpected finished earlier)!\n");
+      ASSERT_EQ(_g_pGrid, nullptr);
+    }
+  }
+
+  std::string m_path;
+  std::mt19937 m_random{20240102};
+};
+
+TEST_F(GridText, CutAtEveryByteFailsWithTheCountRead) {
+  std::string text =
+      "13.606 -2.25\n-0.5 -.25 -106.990997 85.5 1e1 -3e-2 0x1.8p1 - 7 -inf nan infinity +4 -\t.5 . 0x 8\n";
+  for (size_t nCut = 0; nCut <= text.size(); nCut++) Check(text.substr(0, nCut));
+}
+
+TEST_F(GridText, CutAroundTheBordersOfBlocksFailsWithTheCountRead) {
+  std::string text;
+  for (int i = 0; text.size() < 140000; i++) text += std::to_string(i % 211 - 107) + (i % 3 == 0 ? ".25\n" : ".5 ");
+  for (const size_t nBorder : {65536u, 131072u}) {
+    for (size_t nCut = nBorder - 40; nCut < nBorder + 40; nCut++) Check(text.substr(0, nCut));
+  }
+}
+
+TEST_F(GridText, CutInTheLastNumberFailsUnlessANumberIsLeft) {
+  std::string text;
+  for (int i = 1; i < kGridValues; i++) text += "1 ";
+  Check(text + "-85.25\n");
+  Check(text + "-8");
+  Check(text);
+  EXPECT_EQ(CountLogs(3, "fscanf 1038960 number (unexpected finished earlier)!\n"), 1);
+  Check(text + "-");
+  EXPECT_EQ(CountLogs(3, "fscanf 1038960 number (unexpected finished earlier)!\n"), 1) << "the minus is no number";
+}
+
+TEST_F(GridText, OddTextsReadLikeAScan) {
+  static const char* const kPieces[] = {"-",       "+",
+                                        ".",       "0x",
+                                        "0",       "1",
+                                        "25",      "e",
+                                        "E-3",     "p2",
+                                        "inf",     "INITY",
+                                        "nan",     "(",
+                                        ")",       "x",
+                                        "abc",     " ",
+                                        "\n",      "\t",
+                                        " ",       " ",
+                                        "\v",      "-0.5",
+                                        "7.5",     "i",
+                                        "n",       "na",
+                                        "1e99",    ",",
+                                        "_",       "\x01",
+                                        "0x1.8p1", "000000000000000000001.5",
+                                        "8.5",     "999",
+                                        "12.",     ".125",
+                                        "4 ",      "5 ",
+                                        "6\n"};
+  for (int i = 0; i < 1500; i++) {
+    std::string text;
+    const size_t nPieces = m_random() % 12;
+    for (size_t k = 0; k < nPieces; k++) text += kPieces[m_random() % std::size(kPieces)];
+    // Text that stops a scan for good makes a long load; what comes before it is the same with an end behind it.
+    if (Scanned(text).bStuck && i % 500 != 0) continue;
+    Check(text);
+  }
+}
+
+TEST_F(GridText, OddNumbersAmongUsualOnesReadLikeAScan) {
+  static const char* const kForms[] = {
+      "-",    "1e1",        "- 3",   ".",        "0x",      "1e+",  "0x1.8p1",
+      "+3.5", "-inf",       "5.e-1", "nan",      "1.5e-46", "1e39", "0x.8",
+      "-.5",  "16777217.0", "0x1p",  "  \r\n 4", "7.",      "-0",   "123456789012345678901234567890"};
+  std::string text;
+  for (int i = 0; i < kGridValues; i++) {
+    if (m_random() % 16 == 0)
+      text += kForms[m_random() % std::size(kForms)];
+    else
+      text +=
+          std::to_string(static_cast<int>(m_random() % 2000000) - 1000000) + "." + std::to_string(m_random() % 10000);
+    text += " \n\t "[m_random() % 4];
+  }
+  Check(text);
+}
+
+TEST_F(GridText, LongNumbersReadLikeAScan) {
+  const std::string zeros(70000, '0');
+  std::string text = "1 " + zeros + "2.5 -." + zeros + "1 3 0." + zeros + "1e70001 4 1e" + zeros + "1 5";
+  Check(text);
+  for (int i = 0; i < kGridValues; i++) text += " 6";
+  Check(text);
+}
+
+TEST_F(GridText, PointIsAPointInEveryLocale) {
+  ASSERT_EQ(setenv("LOCPATH", METADATA_TEST_LOCALES, 1), 0);
+  const locale_t comma = newlocale(LC_ALL_MASK, "de_DE.UTF-8", nullptr);
+  ASSERT_NE(comma, nullptr);
+  const locale_t before = uselocale(comma);
+  EXPECT_EQ(Load("1.5e0 2.5 1e-1 ", 3), 0);
+  EXPECT_EQ(uselocale(before), comma) << "the caller's locale is left as it was";
+  freelocale(comma);
+  EXPECT_EQ(_g_pGrid[0], 1.5f);
+  EXPECT_EQ(_g_pGrid[1], 2.5f);
+  EXPECT_EQ(_g_pGrid[2], 0.1f);
+}
+
+TEST_F(GridFile, PipeIsReadToo) {
+  host().PlantFifo(kGridPath);
+  const std::string path = host().RealPath(kGridPath);
+  std::thread writer([&path] {
+    std::ofstream pipe(path);
+    pipe << "-13.5 1e1 ";
+    for (int i = 2; i < kGridValues; i++) pipe << "7 ";
+  });
+  AllowLogs(5, "Support of additionnal CoT items enabled.\n");
+  EXPECT_EQ(init_ww15mgh_grd(), 0);
+  writer.join();
+  EXPECT_EQ(_g_pGrid[0], -13.5f);
+  EXPECT_EQ(_g_pGrid[1], 10.0f);
+  EXPECT_EQ(_g_pGrid[kGridValues - 1], 7.0f);
+}
+
+TEST_F(GridFile, LoadsOnASmallStack) {
+  host().WriteFile(kGridPath, "1 2 -3.5 1e1 -");
+  AllowLogs(5, "Support of additionnal CoT items enabled.\n");
+  int nResult = 0;
+  pthread_attr_t attributes;
+  pthread_attr_init(&attributes);
+  ASSERT_EQ(pthread_attr_setstacksize(&attributes, 32768), 0);
+  pthread_t thread;
+  const auto body = [](void* pvResult) -> void* {
+    *static_cast<int*>(pvResult) = init_ww15mgh_grd();
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&thread, &attributes, body, &nResult), 0);
+  pthread_join(thread, nullptr);
+  pthread_attr_destroy(&attributes);
+  EXPECT_EQ(nResult, -1);
+  ExpectLog(3, "fscanf 4 number (unexpected finished earlier)!\n");
 }
 
 TEST_F(GridFile, LastNumberNeedsNoBlank) {
@@ -93,6 +284,10 @@ TEST_F(GridFile, WithoutMemoryFails) {
   host().WriteFile(kGridPath, "1");
   AllowLogs(5, "Support of additionnal CoT items enabled.\n");
   host().FailNext("calloc");
+  EXPECT_EQ(init_ww15mgh_grd(), -1);
+  ExpectLog(3, "malloc() failed !\n");
+  EXPECT_EQ(_g_pGrid, nullptr);
+  host().FailNext("malloc");
   EXPECT_EQ(init_ww15mgh_grd(), -1);
   ExpectLog(3, "malloc() failed !\n");
   EXPECT_EQ(_g_pGrid, nullptr);
