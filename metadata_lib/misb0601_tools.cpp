@@ -6,6 +6,7 @@
 //   Names             security classifications and country coding methods
 #include "misb0601_tools.h"
 
+#include <limits.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -152,15 +153,13 @@ KLV_ELEMENT* AllocSecurityMetadata(int enClassification, const char* szClassifyi
 
 namespace {
 
-// Logs the identifier's characters that lie inside the message, at most as many as ST 0601 allows.
+// Logs the identifier's characters that lie inside the message.
 void LogMissionID(const BYTE* pcElement, size_t nElementSize, size_t nSizeLeft) {
-  char szMissionID[kMaxMissionIDSize + 1];
   const size_t nLengthBytes = pcElement[1] < 0x80 ? 0 : pcElement[1] & 0x7Fu;
   const size_t nStart = kKLVElementHeader + nLengthBytes;
-  const size_t nSize = std::min({std::min(nElementSize, nSizeLeft) - nStart, kMaxMissionIDSize});
-  memcpy(szMissionID, pcElement + nStart, nSize);
-  szMissionID[nSize] = '\0';
-  MD_LOG(6, "Mission ID \"%s\" is present.\n", szMissionID);
+  const size_t nSize = std::min(nElementSize, nSizeLeft) - nStart;
+  const char* szMissionID = reinterpret_cast<const char*>(pcElement + nStart);
+  MD_LOG(6, "Mission ID \"%.*s\" is present.\n", static_cast<int>(std::min<size_t>(nSize, INT_MAX)), szMissionID);
 }
 
 // Compares the stored checksum at nOffset from the start of the message. A value cut off by the end of the message

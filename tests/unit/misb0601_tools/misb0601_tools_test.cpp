@@ -313,6 +313,23 @@ TEST_F(ValidateTest, MissionIdentifierIsPrintedWithinItsLength) {
   ExpectLog(4, "No checksum found.\n");
 }
 
+TEST_F(ValidateTest, LongMissionIdentifierIsPrintedWhole) {
+  for (const size_t nLength : {126u, 127u, 128u, 300u, 60000u}) {
+    std::string strText(nLength, 'M');
+    strText.front() = '<';
+    strText.back() = '>';
+    const Bytes Header = {3, 0x82, static_cast<BYTE>(nLength >> 8), static_cast<BYTE>(nLength)};
+    const Bytes Body = Header + Bytes(strText.begin(), strText.end()) + Bytes{5, 1, 7};
+    EXPECT_TRUE(Validate(Wrap(Body), Body.size() > 255 ? 19 : 18));
+    ExpectLog(6, "Mission ID \"" + strText + "\" is present.\n");
+    ExpectLog(4, "No checksum found.\n");
+  }
+  // The end of the message ends the text.
+  EXPECT_TRUE(Validate(Wrap(Bytes{3, 0x82, 1, 0} + Bytes(200, 'x')), 18));
+  ExpectLog(6, "Mission ID \"" + std::string(200, 'x') + "\" is present.\n");
+  ExpectLog(4, "No checksum found.\n");
+}
+
 // --- Names ---------------------------------------------------------------------------------------------
 
 TEST(NamesTest, SecurityClassifications) {
