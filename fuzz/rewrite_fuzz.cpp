@@ -1,4 +1,5 @@
-// Rewrites arbitrary bytes as a UAS Local Set under an arbitrary configuration. Every message made must be a whole
+// Rewrites arbitrary bytes as a UAS Local Set under an arbitrary configuration, with tags of one byte and with BER-OID
+// tags. Every message made must be a whole
 // message with a right checksum, in the shortest length form, with the stream header's reserve in front of it.
 #include <stdint.h>
 #include <stdlib.h>
@@ -42,6 +43,7 @@ using Source = std::unique_ptr<tagMDATA_SRC_HANDLE, decltype(&free)>;
 Source MakeSource(Input& In) {
   Source pSource(static_cast<MDATA_SRC_HANDLE>(calloc(1, sizeof(tagMDATA_SRC_HANDLE))), &free);
   const BYTE Flags = In.Byte();
+  _g_bExtendedTags = (Flags & 0x10) != 0 ? TRUE : FALSE;
   if (Flags & 0x01) {
     char szMissionID[kMaxMissionIDSize + 1] = {};
     memset(szMissionID, 'M', In.Byte() % sizeof(szMissionID));

@@ -359,6 +359,7 @@ BOOL METADATALIB_Init(DWORD dwCaps) {
 
   g_dwLibCaps = dwCaps;
   _g_bCoTSupportEnabled = (dwCaps & METADATALIB_CAPS_COT_SUPPORT) != 0 ? TRUE : FALSE;
+  _ReadExtendedTagsOption();
   _ResetThreadState();
   MD_ASSERT(WaitCond_Init(&_g_MetaDataThreadCond));
   if (!_CreateMetaDataThread()) return FALSE;

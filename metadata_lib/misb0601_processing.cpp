@@ -41,8 +41,8 @@ void Put(WalkOutput& Out, const void* pvData, size_t nSize) {
 
 // Whether a tag's bit is set in a filter; tags beyond the map have no bit.
 template <size_t N>
-bool IsTagKept(const UINT32 (&aFilter)[N], BYTE Tag) {
-  return Tag < N * 32 && ((aFilter[Tag / 32] >> (Tag % 32)) & 1u) != 0;
+bool IsTagKept(const UINT32 (&aFilter)[N], UINT32 nTag) {
+  return nTag < N * 32 && ((aFilter[nTag / 32] >> (nTag % 32)) & 1u) != 0;
 }
 
 // =====================================================================================================
@@ -62,23 +62,22 @@ size_t FilterSecuritySet(MDATA_SRC_HANDLE hSource, const KLV_ELEMENT* pSecurityI
   Put(Out, Header, sizeof(Header));
   int nElement = 0;
   while (nInputSize > 0) {
-    const auto* pKLV = reinterpret_cast<const KLV_ELEMENT*>(pcNext);
-    size_t nElementSize = 0;
+    KLV_ELEMENT_INFO Element = {};
     nElement++;
-    const auto enSize = _GetBoundedKLVElementSize(pKLV, static_cast<size_t>(nInputSize), Out.bSpeak, &nElementSize);
+    const auto enSize = _ReadKLVElement(pcNext, static_cast<size_t>(nInputSize), Out.bSpeak, &Element);
     if (enSize == KLV_SIZE_UNSUPPORTED) return 0;  // KEPT: the whole set goes
-    if (enSize == KLV_SIZE_CUT || nElementSize > static_cast<size_t>(nInputSize)) break;
-    const bool bKeep = IsTagKept(hSource->Config.UASSecurityTagFilter, pKLV->Tag);
+    if (enSize == KLV_SIZE_CUT || Element.nSize > static_cast<size_t>(nInputSize)) break;
+    const bool bKeep = IsTagKept(hSource->Config.UASSecurityTagFilter, Element.nTag);
     if (Out.bSpeak && bKeep) {
-      MD_LOG(7, "Copying security element#%d: tag#%d (%s), length=%d.\n", nElement, pKLV->Tag,
-             GetSecurityTagName(pKLV->Tag), pKLV->Length);
+      MD_LOG(7, "Copying security element#%d: tag#%d (%s), length=%d.\n", nElement, static_cast<int>(Element.nTag),
+             _GetSecurityTagName(Element.nTag), Element.FirstLength);
     } else if (Out.bSpeak) {
-      MD_LOG(7, "Discarding security element#%d: tag#%d (%s), length=%d.\n", nElement, pKLV->Tag,
-             GetSecurityTagName(pKLV->Tag), pKLV->Length);
+      MD_LOG(7, "Discarding security element#%d: tag#%d (%s), length=%d.\n", nElement, static_cast<int>(Element.nTag),
+             _GetSecurityTagName(Element.nTag), Element.FirstLength);
     }
-    if (bKeep) Put(Out, pcNext, nElementSize);
-    pcNext += nElementSize;
-    nInputSize -= static_cast<int>(nElementSize);
+    if (bKeep) Put(Out, pcNext, Element.nSize);
+    pcNext += Element.nSize;
+    nInputSize -= static_cast<int>(Element.nSize);
   }
   if (Out.bSpeak) MD_ASSERT(nInputSize == 0);
   const size_t nCopied = Out.nSize - nStart - sizeof(Header);
@@ -98,7 +97,7 @@ struct MessageWalk {
   const BYTE* pcNext;  // element to look at
   size_t nSizeLeft;    // bytes from it to the end of the message
   int nElement;        // its number, from 1
-  BYTE LastTag;        // tag of the last element seen
+  UINT32 nLastTag;     // tag of the last element seen
   int nMissionIDs;     // elements replaced by the source's mission identifier
   int nSecuritySets;   // elements replaced by the source's security set
 };
@@ -113,79 +112,81 @@ bool MayLogInvalid(MessageWalk& Walk) {
   return true;
 }
 
-// Reads the size of the element to look at; false when the message is invalid.
-bool CheckElement(MessageWalk& Walk, const KLV_ELEMENT* pKLV, size_t* pnElementSize) {
-  const auto enSize = _GetBoundedKLVElementSize(pKLV, Walk.nSizeLeft, Walk.Out.bSpeak, pnElementSize);
+// Reads the element to look at; false when the message is invalid.
+bool ReadElement(MessageWalk& Walk, KLV_ELEMENT_INFO* pElement) {
+  const auto enSize = _ReadKLVElement(Walk.pcNext, Walk.nSizeLeft, Walk.Out.bSpeak, pElement);
+  const UINT32 nTag = pElement->nTag;
+  Walk.nLastTag = nTag;
   if (enSize == KLV_SIZE_UNSUPPORTED) {
     if (MayLogInvalid(Walk))
-      MD_LOG(3, "KLV Element#%d: tag#%d (%s), Unable to extract element size.\n", Walk.nElement, pKLV->Tag,
-             GetUAVTagName(pKLV->Tag));
+      MD_LOG(3, "KLV Element#%d: tag#%d (%s), Unable to extract element size.\n", Walk.nElement, static_cast<int>(nTag),
+             _GetUAVTagName(nTag));
     return false;
   }
-  if (enSize == KLV_SIZE_CUT || *pnElementSize > Walk.nSizeLeft) {
+  if (enSize == KLV_SIZE_CUT || pElement->nSize > Walk.nSizeLeft) {
     if (MayLogInvalid(Walk))
       MD_LOG(3, "KLV Element#%d: tag#%d (%s), has INVALID data length=%d with only %d bytes remaining in message.\n",
-             Walk.nElement, pKLV->Tag, GetUAVTagName(pKLV->Tag), pKLV->Length, static_cast<int>(Walk.nSizeLeft));
+             Walk.nElement, static_cast<int>(nTag), _GetUAVTagName(nTag), pElement->FirstLength,
+             static_cast<int>(Walk.nSizeLeft));
     return false;
   }
-  if (pKLV->Tag == UAS_CHECKSUM_TAG && pKLV->Length != 2) {
+  if (nTag == UAS_CHECKSUM_TAG && pElement->FirstLength != 2) {
     if (MayLogInvalid(Walk))
-      MD_LOG(3, "KLV Element#%d: tag#%d (%s), has INVALID data length=%d instead of 2.\n", Walk.nElement, pKLV->Tag,
-             GetUAVTagName(pKLV->Tag), pKLV->Length);
+      MD_LOG(3, "KLV Element#%d: tag#%d (%s), has INVALID data length=%d instead of 2.\n", Walk.nElement,
+             static_cast<int>(nTag), _GetUAVTagName(nTag), pElement->FirstLength);
     return false;
   }
   return true;
 }
 
-bool PassesTagFilter(const MessageWalk& Walk, BYTE Tag) {
+bool PassesTagFilter(const MessageWalk& Walk, UINT32 nTag) {
   if (!Walk.hSource->Config.bFilterUASTags) return true;
-  const bool bKeep = IsTagKept(Walk.hSource->Config.UASTagFilter, Tag);
+  const bool bKeep = IsTagKept(Walk.hSource->Config.UASTagFilter, nTag);
   if (Walk.Out.bSpeak && bKeep) {
-    MD_LOG(7, "Copying KLV element#%d: tag#%d (%s) since it is included in the UAS filter.\n", Walk.nElement, Tag,
-           GetUAVTagName(Tag));
+    MD_LOG(7, "Copying KLV element#%d: tag#%d (%s) since it is included in the UAS filter.\n", Walk.nElement,
+           static_cast<int>(nTag), _GetUAVTagName(nTag));
   } else if (Walk.Out.bSpeak) {
     MD_LOG(7, "Not copying KLV element#%d: tag#%d (%s) since it is not included in the UAS filter.\n", Walk.nElement,
-           Tag, GetUAVTagName(Tag));
+           static_cast<int>(nTag), _GetUAVTagName(nTag));
   }
   return bKeep;
 }
 
 // Puts what the element becomes into the output: nothing, itself, or the source's own in its place.
-void RewriteElement(MessageWalk& Walk, const KLV_ELEMENT* pKLV, size_t nElementSize) {
+void RewriteElement(MessageWalk& Walk, const KLV_ELEMENT_INFO& Element) {
   const MDATA_SRC_HANDLE hSource = Walk.hSource;
-  if (pKLV->Tag == UAS_CHECKSUM_TAG) return;  // a new one ends the message
+  if (Element.nTag == UAS_CHECKSUM_TAG) return;  // a new one ends the message
   // KEPT: the source's own elements are not subject to the filters, and every such element is replaced.
-  if (pKLV->Tag == UAS_MISSION_ID_TAG && hSource->pMissionID != NULL) {
+  if (Element.nTag == UAS_MISSION_ID_TAG && hSource->pMissionID != NULL) {
     Put(Walk.Out, hSource->pMissionID, static_cast<size_t>(hSource->nMissionIDElementSize));
     Walk.nMissionIDs++;
     return;
   }
-  if (pKLV->Tag == UAS_SECURITY_LOCAL_SET_TAG && hSource->pSecurityMDataSet != NULL) {
+  if (Element.nTag == UAS_SECURITY_LOCAL_SET_TAG && hSource->pSecurityMDataSet != NULL) {
     Put(Walk.Out, hSource->pSecurityMDataSet, static_cast<size_t>(hSource->nSecurityMDataSetSize));
     Walk.nSecuritySets++;
     return;
   }
-  if (!PassesTagFilter(Walk, pKLV->Tag)) return;
-  if (pKLV->Tag == UAS_SECURITY_LOCAL_SET_TAG && hSource->Config.bFilterUASSecurityTags) {
+  if (!PassesTagFilter(Walk, Element.nTag)) return;
+  if (Element.nTag == UAS_SECURITY_LOCAL_SET_TAG && hSource->Config.bFilterUASSecurityTags) {
     // A set that vanishes at its end was written before; it is never longer than what it was made from.
-    Walk.Out.nRoom = std::max(Walk.Out.nRoom, Walk.Out.nSize + nElementSize);
-    Walk.Out.nSize += FilterSecuritySet(hSource, pKLV, static_cast<int>(nElementSize), Walk.Out);
+    Walk.Out.nRoom = std::max(Walk.Out.nRoom, Walk.Out.nSize + Element.nSize);
+    const auto* pSet = reinterpret_cast<const KLV_ELEMENT*>(Walk.pcNext);
+    Walk.Out.nSize += FilterSecuritySet(hSource, pSet, static_cast<int>(Element.nSize), Walk.Out);
     return;
   }
-  Put(Walk.Out, pKLV, nElementSize);
+  Put(Walk.Out, Walk.pcNext, Element.nSize);
 }
 
 // Walks the body; false when the message is invalid. KEPT: the last one or two bytes are never an element.
 bool WalkMessage(MessageWalk& Walk) {
   while (Walk.nSizeLeft > 2) {
-    const auto* pKLV = reinterpret_cast<const KLV_ELEMENT*>(Walk.pcNext);
-    size_t nElementSize = 0;
+    KLV_ELEMENT_INFO Element = {};
     Walk.nElement++;
-    Walk.LastTag = pKLV->Tag;
-    if (!CheckElement(Walk, pKLV, &nElementSize)) return false;
-    RewriteElement(Walk, pKLV, nElementSize);
-    Walk.pcNext += nElementSize;
-    Walk.nSizeLeft -= nElementSize;
+    if (!ReadElement(Walk, &Element)) return false;
+    RewriteElement(Walk, Element);
+    Walk.pcNext += Element.nSize;
+    Walk.nSizeLeft -= Element.nSize;
   }
   return true;
 }
@@ -227,7 +228,7 @@ void CountInserts(const MessageWalk& Walk) {
 // both are accepted.
 void LogLeftOvers(const MessageWalk& Walk) {
   if (Walk.nSizeLeft > 0) MD_LOG(2, "nSizeLeft=%d.\n", static_cast<int>(Walk.nSizeLeft));
-  if (Walk.LastTag != UAS_CHECKSUM_TAG) MD_LOG(4, "Checksum in received UAS data set was not the last element!\n");
+  if (Walk.nLastTag != UAS_CHECKSUM_TAG) MD_LOG(4, "Checksum in received UAS data set was not the last element!\n");
 }
 
 // Writes the BER length of a body of up to 65535 bytes and returns how many bytes it takes.

@@ -1,6 +1,6 @@
 // Tools for the UAS Datalink Local Set (MISB ST 0601) and the security local set (MISB ST 0102).
 //
-//   Element sizes     the BER length of one element
+//   Elements          tag and BER length of one element, and how tags are read
 //   Insert elements   the mission identifier and the security set that a source inserts
 //   Validation        a whole message and its checksum
 //   Names             security classifications and country coding methods
@@ -9,6 +9,7 @@
 #include <limits.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 #include <algorithm>
 #include <iterator>
@@ -19,30 +20,92 @@
 #include "md_log.h"
 
 // =====================================================================================================
-// Element sizes. Called for every element of every message that is walked, on any thread. No state.
+// Elements. Read for every element of every message that is walked, on any thread. The only state is the option.
 // =====================================================================================================
 
-tagKLV_SIZE_RESULT _GetBoundedKLVElementSize(const KLV_ELEMENT* pKLV, size_t nSizeLeft, bool bLog, size_t* pnSize) {
-  if (nSizeLeft < kKLVElementHeader) return KLV_SIZE_CUT;
-  if (pKLV->Length < 0x80) {
-    *pnSize = kKLVElementHeader + pKLV->Length;
+BOOL _g_bExtendedTags = FALSE;
+
+void _ReadExtendedTagsOption() {
+  char szValue[40] = "";
+  int nSize = sizeof(szValue);
+  CfgFile_GetStringValue("/etc/hostos.ini", "UASLocalSet", "ExtendedTags", szValue, &nSize, "No");
+  _g_bExtendedTags = strcasecmp(szValue, "Yes") == 0 ? TRUE : FALSE;
+  if (_g_bExtendedTags) MD_LOG(6, "Support of extended UAS tags enabled.\n");
+}
+
+namespace {
+
+// BER-OID (ISO/IEC 8825-1, 8.19): seven bits a byte, the highest bit set in all but the last. A leading 0x80 would be an
+// empty digit, and a second spelling of a smaller tag, so it is malformed.
+tagKLV_SIZE_RESULT ReadTag(const BYTE* pcTag, size_t nSizeLeft, KLV_ELEMENT_INFO* pInfo) {
+  pInfo->nTag = pcTag[0];
+  pInfo->nTagSize = 1;
+  if (!_g_bExtendedTags || pcTag[0] < 0x80) return KLV_SIZE_OK;
+  if (pcTag[0] == 0x80) return KLV_SIZE_UNSUPPORTED;
+  UINT32 nTag = pcTag[0] & 0x7Fu;
+  for (size_t i = 1; i < kMaxExtendedTagSize; i++) {
+    if (i == nSizeLeft) return KLV_SIZE_CUT;
+    nTag = (nTag << 7) | (pcTag[i] & 0x7Fu);
+    if (pcTag[i] >= 0x80) continue;
+    pInfo->nTag = nTag;
+    pInfo->nTagSize = i + 1;
     return KLV_SIZE_OK;
   }
-  const unsigned nLengthBytes = pKLV->Length & 0x7Fu;
+  return KLV_SIZE_UNSUPPORTED;
+}
+
+// The size of a length field and the value it announces.
+tagKLV_SIZE_RESULT ReadLength(const BYTE* pcLength, size_t nSizeLeft, bool bLog, size_t* pnFieldSize,
+                              size_t* pnValueSize) {
+  *pnFieldSize = 1;
+  *pnValueSize = pcLength[0];
+  if (pcLength[0] < 0x80) return KLV_SIZE_OK;
+  const unsigned nLengthBytes = pcLength[0] & 0x7Fu;
   if (nLengthBytes < 1 || nLengthBytes > 4) {
     if (bLog) MD_LOG(3, "Unsupported number of bytes (%u) for size in BER encoded length.\n", nLengthBytes);
     return KLV_SIZE_UNSUPPORTED;
   }
-  if (nSizeLeft < kKLVElementHeader + nLengthBytes) return KLV_SIZE_CUT;
-  const BYTE* pcLength = reinterpret_cast<const BYTE*>(pKLV) + kKLVElementHeader;
-  size_t nValueSize = 0;
-  for (unsigned i = 0; i < nLengthBytes; i++) nValueSize = (nValueSize << 8) | pcLength[i];
-  *pnSize = kKLVElementHeader + nLengthBytes + nValueSize;
+  if (nSizeLeft < 1 + nLengthBytes) return KLV_SIZE_CUT;
+  *pnFieldSize += nLengthBytes;
+  *pnValueSize = 0;
+  for (unsigned i = 1; i <= nLengthBytes; i++) *pnValueSize = (*pnValueSize << 8) | pcLength[i];
   return KLV_SIZE_OK;
 }
 
+}  // namespace
+
+tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t nSizeLeft, bool bLog, KLV_ELEMENT_INFO* pInfo) {
+  *pInfo = {};
+  if (nSizeLeft == 0) return KLV_SIZE_CUT;
+  const auto enTag = ReadTag(pcElement, nSizeLeft, pInfo);
+  if (enTag != KLV_SIZE_OK) return enTag;
+  if (nSizeLeft <= pInfo->nTagSize) return KLV_SIZE_CUT;
+  const BYTE* pcLength = pcElement + pInfo->nTagSize;
+  pInfo->FirstLength = pcLength[0];
+  size_t nFieldSize = 0;
+  size_t nValueSize = 0;
+  const auto enLength = ReadLength(pcLength, nSizeLeft - pInfo->nTagSize, bLog, &nFieldSize, &nValueSize);
+  pInfo->nHeaderSize = pInfo->nTagSize + nFieldSize;
+  pInfo->nSize = pInfo->nHeaderSize + nValueSize;
+  return enLength;
+}
+
+// The record has a one-byte tag, whatever the option says.
 BOOL GetKLVElementSize(const KLV_ELEMENT* pKLV, size_t* pnSize) {
-  return _GetBoundedKLVElementSize(pKLV, SIZE_MAX, true, pnSize) == KLV_SIZE_OK ? TRUE : FALSE;
+  size_t nFieldSize = 0;
+  size_t nValueSize = 0;
+  const BYTE* pcLength = reinterpret_cast<const BYTE*>(pKLV) + offsetof(KLV_ELEMENT, Length);
+  if (ReadLength(pcLength, SIZE_MAX, true, &nFieldSize, &nValueSize) != KLV_SIZE_OK) return FALSE;
+  *pnSize = sizeof(pKLV->Tag) + nFieldSize + nValueSize;
+  return TRUE;
+}
+
+const char* _GetUAVTagName(UINT32 nTag) {
+  return nTag <= 0xFF ? GetUAVTagName(static_cast<BYTE>(nTag)) : "Unknown";
+}
+
+const char* _GetSecurityTagName(UINT32 nTag) {
+  return nTag <= 0xFF ? GetSecurityTagName(static_cast<BYTE>(nTag)) : "Unknown";
 }
 
 // =====================================================================================================
@@ -154,11 +217,9 @@ KLV_ELEMENT* AllocSecurityMetadata(int enClassification, const char* szClassifyi
 namespace {
 
 // Logs the identifier's characters that lie inside the message.
-void LogMissionID(const BYTE* pcElement, size_t nElementSize, size_t nSizeLeft) {
-  const size_t nLengthBytes = pcElement[1] < 0x80 ? 0 : pcElement[1] & 0x7Fu;
-  const size_t nStart = kKLVElementHeader + nLengthBytes;
-  const size_t nSize = std::min(nElementSize, nSizeLeft) - nStart;
-  const char* szMissionID = reinterpret_cast<const char*>(pcElement + nStart);
+void LogMissionID(const BYTE* pcElement, const KLV_ELEMENT_INFO& Element, size_t nSizeLeft) {
+  const size_t nSize = std::min(Element.nSize, nSizeLeft) - Element.nHeaderSize;
+  const char* szMissionID = reinterpret_cast<const char*>(pcElement + Element.nHeaderSize);
   MD_LOG(6, "Mission ID \"%.*s\" is present.\n", static_cast<int>(std::min<size_t>(nSize, INT_MAX)), szMissionID);
 }
 
@@ -186,22 +247,22 @@ BOOL ValidateUASLocalDataSet(BYTE* pcKLVHeader, int nUAVSize, int nHeaderSize) {
   int64_t nSizeLeft = int64_t{nUAVSize} - nHeaderSize;
   int nElement = 0;
   while (nSizeLeft > 2) {
-    const auto* pKLV = reinterpret_cast<const KLV_ELEMENT*>(pcNext);
-    size_t nElementSize = 0;
+    KLV_ELEMENT_INFO Element = {};
     nElement++;
-    if (_GetBoundedKLVElementSize(pKLV, static_cast<size_t>(nSizeLeft), true, &nElementSize) != KLV_SIZE_OK) {
+    if (_ReadKLVElement(pcNext, static_cast<size_t>(nSizeLeft), true, &Element) != KLV_SIZE_OK) {
       MD_ASSERT_TEXT(false, "GetKLVElementSize(pKLV, &nElementSize)");
       return FALSE;
     }
-    const auto nElementBytes = static_cast<int64_t>(nElementSize);
-    MD_LOG(6, "KLV Element#%d: tag#%d (%s), data length=%d, space left=%d.\n", nElement, pKLV->Tag,
-           GetUAVTagName(pKLV->Tag), static_cast<int>(nElementBytes - 2), static_cast<int>(nSizeLeft - nElementBytes));
+    const auto nElementBytes = static_cast<int64_t>(Element.nSize);
+    const auto nDataLength = static_cast<int>(Element.nSize - Element.nTagSize - 1);
+    MD_LOG(6, "KLV Element#%d: tag#%d (%s), data length=%d, space left=%d.\n", nElement, static_cast<int>(Element.nTag),
+           _GetUAVTagName(Element.nTag), nDataLength, static_cast<int>(nSizeLeft - nElementBytes));
     // KEPT: a later checksum element replaces an earlier one.
-    if (pKLV->Tag == UAS_CHECKSUM_TAG) pcChecksum = pcNext;
-    if (pKLV->Tag == UAS_MISSION_ID_TAG) LogMissionID(pcNext, nElementSize, static_cast<size_t>(nSizeLeft));
-    if (pKLV->Tag == UAS_SECURITY_LOCAL_SET_TAG) MD_LOG(6, "Security Metadata is present.\n");
+    if (Element.nTag == UAS_CHECKSUM_TAG) pcChecksum = pcNext;
+    if (Element.nTag == UAS_MISSION_ID_TAG) LogMissionID(pcNext, Element, static_cast<size_t>(nSizeLeft));
+    if (Element.nTag == UAS_SECURITY_LOCAL_SET_TAG) MD_LOG(6, "Security Metadata is present.\n");
     nSizeLeft -= nElementBytes;
-    if (nSizeLeft > 0) pcNext += nElementSize;
+    if (nSizeLeft > 0) pcNext += Element.nSize;
   }
   if (pcChecksum == NULL) {
     // KEPT: a message without checksum passes.

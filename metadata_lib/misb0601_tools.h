@@ -18,16 +18,39 @@ static_assert(offsetof(KLV_ELEMENT, Data) == kKLVElementHeader);
 static_assert(offsetof(MISSION_ID_KLV, cTag) == 0 && offsetof(MISSION_ID_KLV, cLength) == 1);
 static_assert(offsetof(MISSION_ID_KLV, acMissionID) == kKLVElementHeader);
 
-// --- Element sizes ---------------------------------------------------------------------------------------
+// --- Elements of a local set -----------------------------------------------------------------------------
 
 enum tagKLV_SIZE_RESULT {
   KLV_SIZE_OK = 0,
-  KLV_SIZE_UNSUPPORTED = 1,  // a length form other than short or 1 to 4 length bytes
-  KLV_SIZE_CUT = 2           // the length field does not lie inside the bytes left
+  KLV_SIZE_UNSUPPORTED = 1,  // a length form other than short or 1 to 4 length bytes, or a malformed tag
+  KLV_SIZE_CUT = 2           // tag or length field do not lie inside the bytes left
 };
 
-// GetKLVElementSize for an element of which only nSizeLeft bytes may be read. Says nothing about the value, which
-// may still run past them. An unsupported form is logged when bLog is set. *pnSize is only written with KLV_SIZE_OK.
-tagKLV_SIZE_RESULT _GetBoundedKLVElementSize(const KLV_ELEMENT* pKLV, size_t nSizeLeft, bool bLog, size_t* pnSize);
+inline constexpr size_t kMaxExtendedTagSize = 4;  // bytes of a BER-OID tag that is read
+
+// Whether tags of local sets are BER-OID, so that items from 128 on have tags of two bytes and more. KEPT: FALSE, tags
+// are one byte, unless /etc/hostos.ini says otherwise. Written by METADATALIB_Init before the metadata thread exists,
+// read-only after that.
+extern BOOL _g_bExtendedTags;
+
+// Reads that option: key "ExtendedTags", section "UASLocalSet". Called by METADATALIB_Init.
+void _ReadExtendedTagsOption();
+
+// An element's tag and sizes. Of one that could not be read only nTag and FirstLength mean anything.
+struct KLV_ELEMENT_INFO {
+  UINT32 nTag;         // the first byte of a tag that is malformed or cut
+  BYTE FirstLength;    // first byte of the length field, 0 when that lies outside
+  size_t nTagSize;     // bytes of the tag
+  size_t nHeaderSize;  // bytes of tag and length field
+  size_t nSize;        // bytes of the whole element
+};
+
+// Reads the element at pcElement, of which only nSizeLeft bytes may be read. Says nothing about the value,
+// which may still run past them. An unsupported length form is logged when bLog is set.
+tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t nSizeLeft, bool bLog, KLV_ELEMENT_INFO* pInfo);
+
+// The host's names, for tags of any size; never NULL.
+const char* _GetUAVTagName(UINT32 nTag);
+const char* _GetSecurityTagName(UINT32 nTag);
 
 #endif  // MISB0601_TOOLS_H

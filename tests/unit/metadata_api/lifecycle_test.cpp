@@ -1,6 +1,7 @@
 // Start, shut-down, the metadata thread and the hand-shake with it.
 #include "converter.h"
 #include "engine_test.h"
+#include "misb0601_tools.h"
 
 namespace {
 
@@ -15,6 +16,23 @@ class ThreadTest : public EngineTest {};
 class VideoExtractorTest : public EngineTest {};
 
 // --- Init --------------------------------------------------------------------------------------------
+
+TEST_F(InitTest, ReadsTheOptionOfExtendedTagsWithAndWithoutCoT) {
+  _g_bExtendedTags = TRUE;
+  Start();
+  EXPECT_FALSE(_g_bExtendedTags) << "off without the key";
+  Stop();
+  ResetLibrary();
+  host().SetConfig("/etc/hostos.ini", "UASLocalSet", "ExtendedTags", "Yes");
+  Start();
+  EXPECT_TRUE(_g_bExtendedTags);
+  Stop();
+  ResetLibrary();
+  _g_bExtendedTags = FALSE;
+  StartWithCoT();
+  EXPECT_TRUE(_g_bExtendedTags);
+  _g_bExtendedTags = FALSE;
+}
 
 TEST_F(InitTest, MakesMailboxSetAndThread) {
   Start(kIPv4);

@@ -567,6 +567,90 @@ TEST_F(SecuritySetTest, VanishingSetLeavesNoTraceInTheMessage) {
   ExpectLog(3, "Unsupported number of bytes (0) for size in BER encoded length.\n");
 }
 
+// --- Items from 128 on ---------------------------------------------------------------------------------------
+
+// Two-byte tags; read as one-byte tags the first is an empty element, then a mission identifier of 1 byte.
+const Bytes kWavelengths = {0x81, 0x00, 3, 1, 2, 3};  // item 128
+const Bytes kCountry = {0x81, 0x01, 2, 'U', 'S'};     // item 129
+
+class ExtendedTagsTest : public SecuritySetTest {
+ protected:
+  void SetUp() override {
+    SecuritySetTest::SetUp();
+    _g_bExtendedTags = TRUE;
+  }
+  void TearDown() override {
+    _g_bExtendedTags = FALSE;
+    SecuritySetTest::TearDown();
+  }
+};
+
+TEST_F(ExtendedTagsTest, AreCopiedAndTheRestIsReadRight) {
+  const Bytes Mission = UseMissionID("M1");
+  const Bytes Set = UseSecuritySet();
+  EXPECT_TRUE(RewriteBody(kTimestamp + kWavelengths + kForeignMission + kCountry + kForeignSecurity + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + kWavelengths + Mission + kCountry + Set));
+  EXPECT_EQ(Stats().nUpdatedMissionIDs, 1u);
+  EXPECT_EQ(Stats().nUpdatedSecuritySets, 1u);
+}
+
+TEST_F(ExtendedTagsTest, InsertsAreAppendedBehindThem) {
+  const Bytes Mission = UseMissionID("M1");
+  const Bytes Set = UseSecuritySet();
+  EXPECT_TRUE(RewriteBody(kTimestamp + kWavelengths + kCountry + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + kWavelengths + kCountry + Mission + Set));
+  EXPECT_EQ(Stats().nAddedMissionIDs, 1u);
+  EXPECT_EQ(Stats().nAddedSecuritySets, 1u);
+  // The last element, of three bytes.
+  EXPECT_TRUE(RewriteBody(kTimestamp + Bytes{0x81, 0x02, 0}));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Bytes{0x81, 0x02, 0} + Mission + Set));
+  ExpectLog(4, kMisplaced);
+}
+
+TEST_F(ExtendedTagsTest, HaveNoBitInTheFilters) {
+  for (UINT32& nWord : m_pSource->Config.UASTagFilter) nWord = ~0u;
+  KeepTags({});
+  KeepSecurityTags({0, 1, 2});
+  EXPECT_TRUE(
+      RewriteBody(kTimestamp + kWavelengths + Element(5, {1}) + Bytes{0x82, 0x80, 0x05, 1, 9} + kCountry + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Element(5, {1})));
+  ExpectLog(7, "Not copying KLV element#2: tag#128 (UAV tag 128) since it is not included in the UAS filter.\n");
+  ExpectLog(7, "Not copying KLV element#4: tag#32773 (Unknown) since it is not included in the UAS filter.\n");
+  m_pSource->Config.UASSecurityTagFilter[0] = ~0u;
+  EXPECT_EQ(Filter(Element(48, Element(1, {5}) + kCountry + Element(22, {0, 11}))),
+            Element(48, Element(1, {5}) + Element(22, {0, 11})));
+  ExpectLog(7, "Discarding security element#2: tag#129 (Security tag 129), length=2.\n");
+}
+
+TEST_F(ExtendedTagsTest, MalformedTagsMakeTheMessageInvalid) {
+  // 80 03 would be a second spelling of the mission identifier's tag.
+  EXPECT_FALSE(RewriteBody(kTimestamp + Bytes{0x80, 3, 1, 'M'} + kChecksum));
+  ExpectLog(3, "KLV Element#2: tag#128 (UAV tag 128), Unable to extract element size.\n");
+  host().Advance(5000);
+  EXPECT_FALSE(RewriteBody(kTimestamp + Bytes{0x81, 0x80, 0x80, 0x80, 0, 1, 9} + kChecksum));
+  ExpectLog(3, "KLV Element#2: tag#129 (UAV tag 129), Unable to extract element size.\n");
+  host().Advance(5000);
+  EXPECT_FALSE(RewriteBody(kTimestamp + Bytes{0xFF, 0xFF, 0xFF}));
+  ExpectLog(
+      3, "KLV Element#2: tag#255 (UAV tag 255), has INVALID data length=0 with only 3 bytes remaining in message.\n");
+  host().Advance(5000);
+  EXPECT_FALSE(RewriteBody(kTimestamp + Bytes{0x81, 0x00, 9, 1}));
+  ExpectLog(
+      3, "KLV Element#2: tag#128 (UAV tag 128), has INVALID data length=9 with only 4 bytes remaining in message.\n");
+  EXPECT_EQ(Stats().nInvalidUASMessages, 4u);
+  KeepSecurityTags({1});
+  EXPECT_THAT(Filter(Element(48, Element(1, {5}) + Bytes{0x80, 1, 1, 5})), IsEmpty());
+}
+
+TEST_F(RewriteTest, WithoutTheOptionTagsHaveOneByte) {
+  // Out of step: the wavelengths' length byte is taken for the tag of a mission identifier, and so is their last byte.
+  const Bytes Mission = UseMissionID("M1");
+  EXPECT_TRUE(RewriteBody(kTimestamp + kWavelengths + Element(5, {1, 2}) + kChecksum));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Bytes{0x81, 0} + Mission + Mission));
+  ExpectLog(2, "nSizeLeft=2.\n");
+  ExpectLog(4, kMisplaced);
+}
+
 // --- A recorded flight ---------------------------------------------------------------------------------------
 
 class RecordedFlightTest : public RewriteTest {

@@ -31,9 +31,11 @@ class ElementSizeTest : public HostTest {
     m_nSize = 4711;
     const std::unique_ptr<BYTE[]> pcExact(new BYTE[Element.size()]);  // a read past it is a sanitizer's report
     std::copy(Element.begin(), Element.end(), pcExact.get());
-    return _GetBoundedKLVElementSize(reinterpret_cast<const KLV_ELEMENT*>(pcExact.get()), Element.size(), true,
-                                     &m_nSize);
+    const auto enResult = _ReadKLVElement(pcExact.get(), Element.size(), true, &m_Info);
+    if (enResult == KLV_SIZE_OK) m_nSize = m_Info.nSize;
+    return enResult;
   }
+  KLV_ELEMENT_INFO m_Info = {};
   size_t m_nSize = 0;
 };
 
@@ -83,9 +85,84 @@ TEST_F(ElementSizeTest, BoundedFormReadsNothingBehindTheBytesLeft) {
 
 TEST_F(ElementSizeTest, BoundedFormCanBeSilent) {
   const BYTE Element[] = {2, 0x80};
-  size_t nSize = 0;
-  EXPECT_EQ(_GetBoundedKLVElementSize(reinterpret_cast<const KLV_ELEMENT*>(Element), 2, false, &nSize),
-            KLV_SIZE_UNSUPPORTED);
+  KLV_ELEMENT_INFO Info = {};
+  EXPECT_EQ(_ReadKLVElement(Element, 2, false, &Info), KLV_SIZE_UNSUPPORTED);
+}
+
+// --- Extended tags -------------------------------------------------------------------------------------
+
+class ExtendedTagsTest : public ElementSizeTest {
+ protected:
+  void SetUp() override {
+    ElementSizeTest::SetUp();
+    _g_bExtendedTags = TRUE;
+  }
+  void TearDown() override {
+    _g_bExtendedTags = FALSE;
+    ElementSizeTest::TearDown();
+  }
+  void Use(const char* szValue) {
+    host().SetConfig("/etc/hostos.ini", "UASLocalSet", "ExtendedTags", szValue);
+    _ReadExtendedTagsOption();
+  }
+};
+
+TEST_F(ExtendedTagsTest, OptionIsOffUnlessConfiguredOtherwise) {
+  _ReadExtendedTagsOption();
+  EXPECT_FALSE(_g_bExtendedTags);
+  ExpectNoLog("Support of extended UAS tags enabled.\n");
+  for (const char* szYes : {"Yes", "yES", "yes"}) {
+    _g_bExtendedTags = FALSE;
+    Use(szYes);
+    EXPECT_TRUE(_g_bExtendedTags) << szYes;
+  }
+  ExpectLog(6, "Support of extended UAS tags enabled.\n");
+  for (const char* szNo : {"No", "", "1", "true", "Yes ", "Yess"}) {
+    _g_bExtendedTags = TRUE;
+    Use(szNo);
+    EXPECT_FALSE(_g_bExtendedTags) << szNo;
+  }
+}
+
+TEST_F(ExtendedTagsTest, TagsOfOneToFourBytesAreRead) {
+  const struct {
+    Bytes Element;
+    UINT32 nTag;
+    size_t nSize;
+  } aCases[] = {{{127, 1, 9}, 127, 3},
+                {{0x81, 0x00, 1, 9}, 128, 4},
+                {{0x81, 0x0F, 0}, 143, 3},
+                {{0xFF, 0x7F, 0x81, 2}, 16383, 6},
+                {{0x81, 0x80, 0x00, 0x82, 1, 0}, 16384, 262},
+                {{0xFF, 0xFF, 0xFF, 0x7F, 5}, 0xFFFFFFF, 10}};
+  for (const auto& Case : aCases) {
+    EXPECT_EQ(BoundedSizeOf(Case.Element), KLV_SIZE_OK) << Case.nTag;
+    EXPECT_EQ(m_Info.nTag, Case.nTag);
+    EXPECT_EQ(m_nSize, Case.nSize) << Case.nTag;
+  }
+}
+
+TEST_F(ExtendedTagsTest, LongerTagsAndEmptyLeadingDigitsAreMalformed) {
+  for (const Bytes& Element : {Bytes{0x80, 3, 1, 9}, Bytes{0x80}, Bytes{0x80, 0x80, 1, 1, 1},
+                               Bytes{0x81, 0x80, 0x80, 0x80, 0, 1, 9}, Bytes{0xFF, 0xFF, 0xFF, 0xFF}})
+    EXPECT_EQ(BoundedSizeOf(Element), KLV_SIZE_UNSUPPORTED);
+}
+
+TEST_F(ExtendedTagsTest, TagOrLengthBehindTheBytesLeftIsCut) {
+  for (const Bytes& Element : {Bytes{0x81}, Bytes{0xFF, 0xFF, 0xFF}, Bytes{0x81, 0}, Bytes{0x81, 0, 0x82, 1}})
+    EXPECT_EQ(BoundedSizeOf(Element), KLV_SIZE_CUT);
+}
+
+TEST_F(ExtendedTagsTest, ExportedSizeHasAOneByteTagWhateverTheOption) {
+  EXPECT_TRUE(SizeOf({0x81, 3, 1, 2, 3}));
+  EXPECT_EQ(m_nSize, 5u);
+}
+
+TEST_F(ExtendedTagsTest, TagsAboveAByteHaveNoName) {
+  EXPECT_STREQ(_GetUAVTagName(255), GetUAVTagName(255));
+  EXPECT_STREQ(_GetUAVTagName(256), "Unknown");
+  EXPECT_STREQ(_GetSecurityTagName(22), GetSecurityTagName(22));
+  EXPECT_STREQ(_GetSecurityTagName(0x116), "Unknown");
 }
 
 // --- Mission identifier --------------------------------------------------------------------------------
@@ -310,6 +387,42 @@ TEST_F(ValidateTest, MissionIdentifierIsPrintedWithinItsLength) {
   ExpectLog(4, "No checksum found.\n");
   EXPECT_TRUE(Validate(Wrap({3, 0x81, 2, 'A', 'B', 6})));
   ExpectLog(6, "Mission ID \"AB\" is present.\n");
+  ExpectLog(4, "No checksum found.\n");
+}
+
+// Items 128 and 129 in front of identifier, security set and checksum.
+Bytes WithExtendedTags() {
+  return {0x81, 0, 3, 1, 2, 48, 0x81, 1, 2, 7, 8, 3, 2, 'A', 'B', 48, 1, 5, 1, 2, 0, 0};
+}
+
+TEST_F(ValidateTest, ExtendedTagsAreWalkedWithTheOption) {
+  Bytes Message = Wrap(WithExtendedTags());
+  const unsigned nSum = SumInto(Message, Message.size() - 2);
+  _g_bExtendedTags = TRUE;
+  EXPECT_TRUE(Validate(Message));
+  Message.back() ^= 1;
+  EXPECT_FALSE(Validate(Message));
+  EXPECT_FALSE(Validate(Wrap({0x80, 3, 1, 9, 1, 2, 0, 0})));
+  _g_bExtendedTags = FALSE;
+  ExpectLog(6, "KLV Element#1: tag#128 (UAV tag 128), data length=3, space left=16.\n");
+  ExpectLog(6, "KLV Element#2: tag#129 (UAV tag 129), data length=2, space left=11.\n");
+  ExpectLog(6, "Mission ID \"AB\" is present.\n");
+  ExpectLog(6, "Security Metadata is present.\n");
+  ExpectLog(6, "KLV Element#5: tag#1 (UAV tag 1), data length=2, space left=0.\n");
+  ExpectLog(6, Line(kValid, nSum, nSum));
+  ExpectLog(3, Line(kInvalid, nSum, nSum ^ 1));
+  ExpectAssertion("GetKLVElementSize(pKLV, &nElementSize)");
+}
+
+TEST_F(ValidateTest, ExtendedTagsAreOneByteTagsWithoutTheOption) {
+  Bytes Message = Wrap(WithExtendedTags());
+  SumInto(Message, Message.size() - 2);
+  // 81 00 is an element without value, 03 01 02 an identifier of one byte, 30 81 01 02 a security set, and so on out of
+  // step: the identifier, the set and the checksum that are there go unseen.
+  EXPECT_TRUE(Validate(Message));
+  ExpectLog(6, "KLV Element#1: tag#129 (UAV tag 129), data length=0, space left=20.\n");
+  ExpectLog(6, "KLV Element#2: tag#3 (UAV tag 3), data length=1, space left=17.\n");
+  ExpectLog(6, "KLV Element#3: tag#48 (UAV tag 48), data length=2, space left=13.\n");
   ExpectLog(4, "No checksum found.\n");
 }
 
