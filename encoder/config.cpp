@@ -27,9 +27,9 @@ constexpr char kEncoder[] = "encoder";
 /* ------------------------------------------------------------------------------------------------ */
 
 constexpr std::string_view kEncoderKeys[] = {
-    "capabilities", "library",   "host_config", "output_dir",      "stream_header",  "format",
-    "live",         "log_level", "log_levels",  "status_interval", "stats_interval", "stats_json",
-    "stats_file",   "summary",   "duration",    "messages",        "messages_each",  "queue"};
+    "capabilities", "library",    "host_config",     "output_dir",     "stream_header", "format",     "live",
+    "log_level",    "log_levels", "status_interval", "stats_interval", "stats_json",    "stats_file", "summary",
+    "duration",     "messages",   "messages_each",   "queue",          "extended_tags"};
 
 constexpr std::string_view kSourceKeys[] = {"input",
                                             "data",
@@ -135,6 +135,7 @@ EncoderSettings ReadEncoder(const IniSection& ini) {
   settings.hostConfig = section.Text("host_config", kLongestPath);
   settings.outputDir = section.Text("output_dir", kLongestPath);
   settings.streamHeader = section.Flag("stream_header", false);
+  settings.extendedTags = section.Flag("extended_tags", true);
   settings.format = static_cast<Format>(section.Choice("format", kFormats, 0));
   settings.live = section.Flag("live", false);
   settings.logLevel = static_cast<int>(section.Number("log_level", 0, 8, -1));

@@ -21,6 +21,7 @@ struct EncoderSettings {
   std::string hostConfig;  // the host's INI file; empty: none
   std::string outputDir;   // empty: the received streams are not written
   bool streamHeader = false;
+  bool extendedTags = true;  // the library reads two-byte tags, unless its INI file says otherwise
   Format format = Format::kTable;
   int logLevel = -1;  // -1: the host's
   std::vector<std::pair<std::string, int>> moduleLevels;

@@ -26,6 +26,7 @@ HostRuntimeConfig HostConfig(const Config& config) {
   for (const SourceSettings& source : config.sources) {
     if (!source.device.empty()) host.serialDevices[kSerialDevice] = source.device;
   }
+  host.configDefaults[{"/etc/hostos.ini", "UASLocalSet", "ExtendedTags"}] = config.encoder.extendedTags ? "Yes" : "No";
   return host;
 }
 

@@ -48,6 +48,7 @@ constexpr Definition kOptions[] = {
     {"library", "FILE", kSetUp, "The library (libmetadata_lib.so.1 beside the program or on its run path)"},
     {"host_config", "FILE", kSetUp, "The host's INI file: device mapping, video inputs, log"},
     {"capabilities", "LIST", kSetUp, "Of cot, ipv4, ipv6 (both IP families, cot when a source needs it)"},
+    {"extended_tags", "yes|no", kSetUp, "Two-byte tags of ST 0601 (items from 128 on) are read right (yes)"},
     {"log_level", "0..8", kSetUp, "Highest level of log lines of every module"},
     {"log_levels", "LIST", kSetUp, "MODULE:LEVEL,... for single modules, for example METADATALIB:7"},
     {"queue", "N", kSetUp, "Messages kept for printing before new ones are refused (4096)"},

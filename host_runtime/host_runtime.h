@@ -7,6 +7,7 @@
 #define HOST_RUNTIME_H
 
 #include <array>
+#include <compare>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -32,6 +33,14 @@ struct HostCaptureConfig {
   std::uint16_t port = 0;  // kAnc
 };
 
+// One key of an INI file that the library reads.
+struct HostConfigKey {
+  std::string file;
+  std::string section;
+  std::string key;
+  auto operator<=>(const HostConfigKey&) const = default;
+};
+
 struct HostRuntimeConfig {
   // Log. Levels as in host_debug.h; a line is written when its level is at most the module's.
   int logLevel = 5;
@@ -47,8 +56,9 @@ struct HostRuntimeConfig {
   bool threadStates = false;    // let the library report where its threads are (costs a lock per report)
 
   // Names.
-  std::map<std::string, std::string> serialDevices;  // path the library opens -> device or pseudo-terminal
-  std::map<std::string, std::string> configFiles;    // INI file the library reads -> file read instead
+  std::map<std::string, std::string> serialDevices;     // path the library opens -> device or pseudo-terminal
+  std::map<std::string, std::string> configFiles;       // INI file the library reads -> file read instead
+  std::map<HostConfigKey, std::string> configDefaults;  // answers where that file has no such key
 
   std::string multicastInterface;  // interface that joins groups; empty leaves it to the routing table
 

@@ -89,6 +89,8 @@ BOOL CfgFile_GetStringValue(const char* szFile, const char* szSection, const cha
     };
     // A file that is not there is the usual case. In one with a bad line, what stands before it counts.
     if (!ReadIniFile(path, take, &error)) HOST_LOG(access(path.c_str(), F_OK) == 0 ? 3 : 6, "%s.\n", error.c_str());
+    const auto otherwise = config->configDefaults.find({szFile, szSection, szKey});
+    if (!value && otherwise != config->configDefaults.end()) value = otherwise->second;
     return value;
   });
   CopyString(szOut, found ? found->c_str() : szDefault, *pnSize);

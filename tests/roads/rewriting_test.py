@@ -50,6 +50,48 @@ class Rewriting(Road):
         self.stop()
         self.assertEqual(self.delivered("out"), split_messages(self.path.read_bytes()))
 
+    def rewritten(self, body, port, **more):
+        """What becomes of one message with the given body and a checksum."""
+        config = (f"[out]\ninput = udp\nport = {port}\nfamily = ipv4\nmission_id = MISSION 12\n"
+                  "classification = secret\nclassifying_country = USA\nobject_country = USA\n")
+        (self.folder / "messages.jsonl").unlink(missing_ok=True)
+        self.encoder(more.pop("encoder", "") + config, ports=[port], **more)
+        start = road.KEY + bytes([len(body) + 4]) + body + bytes([1, 2])
+        road.send(port, start + struct.pack(">H", road.checksum(start)))
+        self.settle("out", 1)
+        self.stop()
+        message, = self.delivered("out")
+        self.assertEqual(message[-4:-2], bytes([1, 2]))
+        self.assertEqual(road.checksum(message[:-2]), struct.unpack(">H", message[-2:])[0])
+        return message[17:-4]
+
+    # Items 128 (two list elements) and 129 with their two-byte tags around a foreign mission identifier.
+    EXTENDED = [b"\x81\x00\x03\x01\x02\x03", b"\x03\x03OLD", b"\x81\x01\x02US"]
+    TIME = b"\x02\x08" + bytes(8)
+    MISSION = b"\x03\x0aMISSION 12"
+    CLASSIFIED = bytes([48, len(SECURITY)]) + SECURITY
+
+    def test_items_from_128_on_are_carried_and_the_rest_is_rewritten(self):
+        before, _, after = self.EXTENDED
+        self.assertEqual(self.rewritten(self.TIME + b"".join(self.EXTENDED), PORT + 3),
+                         self.TIME + before + self.MISSION + after + self.CLASSIFIED)
+        shown, = (line for line in self.lines() if line["type"] == "message")
+        self.assertEqual([item["tag"] for item in shown["items"]], [2, 128, 3, 129, 48, 1])
+        self.assertEqual(shown["checksum"], "ok")
+
+    def assert_passes_as_it_came(self, **more):
+        """Read with one-byte tags the message ends in an element that is too long: nothing is put into it."""
+        body = self.TIME + b"".join(self.EXTENDED)
+        self.assertEqual(self.rewritten(body, PORT + 4, **more), body)
+
+    def test_extended_tags_can_be_switched_off(self):
+        self.assert_passes_as_it_came(encoder="[encoder]\nextended_tags = no\n")
+        self.assert_passes_as_it_came(arguments=["--extended-tags", "no"])
+
+    def test_the_librarys_own_file_wins(self):
+        (self.folder / "hostos.ini").write_text("[UASLocalSet]\nExtendedTags = No\n")
+        self.assert_passes_as_it_came(host=f"[files]\n/etc/hostos.ini = {self.folder}/hostos.ini\n")
+
     def test_ffmpeg_carries_the_rewritten_stream(self):
         if self.path is None:
             return

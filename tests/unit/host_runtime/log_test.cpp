@@ -349,6 +349,26 @@ TEST_F(ConfigTest, The_library_reads_its_key_from_a_mapped_file) {
   EXPECT_EQ(size, 1);
 }
 
+TEST_F(ConfigTest, A_default_answers_where_the_file_has_no_such_key) {
+  const auto value = [](const char* key, BOOL found) {
+    char text[40] = "old";
+    int size = sizeof text;
+    EXPECT_EQ(CfgFile_GetStringValue("/etc/hostos.ini", "UASLocalSet", key, text, &size, "No"), found) << key;
+    return std::string(text);
+  };
+  config.configFiles["/etc/hostos.ini"] = Folder() + "/none.ini";
+  config.configDefaults[{"/etc/hostos.ini", "UASLocalSet", "ExtendedTags"}] = "Yes";
+  Apply();
+  EXPECT_EQ(value("ExtendedTags", TRUE), "Yes") << "no file";
+  EXPECT_EQ(value("Other", FALSE), "No");
+  config.configFiles["/etc/hostos.ini"] = WriteFile("other.ini", "[Other]\nExtendedTags = No\n");
+  Apply();
+  EXPECT_EQ(value("ExtendedTags", TRUE), "Yes") << "another section";
+  config.configFiles["/etc/hostos.ini"] = WriteFile("other.ini", "[UASLocalSet]\nExtendedTags = Never\n");
+  Apply();
+  EXPECT_EQ(value("ExtendedTags", TRUE), "Never") << "the file wins";
+}
+
 TEST_F(ConfigTest, A_damaged_line_spoils_only_what_follows_it) {
   const std::string path = WriteFile("half.ini", "[X]\nA = 1\nbroken line\nB = 2\n");
   char text[8];

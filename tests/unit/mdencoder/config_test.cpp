@@ -54,6 +54,13 @@ TEST(Source, UdpWithEverythingElseByDefault) {
   EXPECT_EQ(config.encoder.capabilities, METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT);
 }
 
+TEST(Encoder, ExtendedTagsAreOnUnlessSwitchedOff) {
+  EXPECT_TRUE(Read(kUdp).encoder.extendedTags);
+  EXPECT_TRUE(Read(std::string("[encoder]\nextended_tags = yes\n") + kUdp).encoder.extendedTags);
+  EXPECT_FALSE(Read(std::string("[encoder]\nextended_tags = no\n") + kUdp).encoder.extendedTags);
+  EXPECT_THAT(Complaint(std::string("[encoder]\nextended_tags = maybe\n") + kUdp), HasSubstr("extended_tags = maybe"));
+}
+
 TEST(Source, SerialSettings) {
   const Config config = Read(
       "[line]\ninput = serial\ndata = cot\nindex = 9\ndevice = /dev/ttyUSB0\nbaud = 57600\nparity = even\nflow = hardware\nstop = 2\nbits = 7\n"
