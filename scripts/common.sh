@@ -25,6 +25,13 @@ install_packages() {
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
+# sources FOLDER: the C and C++ files below it, sorted. A tree that came as an archive has no .git to ask, and a bare
+# machine has no git: what is generated stands in build/ and out/, and all else is source.
+sources() {
+  find "$1" \( -name '.?*' -o -path ./build -o -path ./out \) -prune -o \
+    -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) -print | sed 's|^\./||' | sort
+}
+
 # build PRESET [TARGET...]: configures and builds into build/PRESET, quietly unless it fails.
 build() {
   local preset=$1 log

@@ -1,0 +1,72 @@
+#!/usr/bin/env python3
+"""scripts/check in a tree that came as an archive, on a machine without git: it finds every source, and what is
+wrong with one."""
+import argparse
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+parser = argparse.ArgumentParser()
+parser.add_argument("--source", required=True, type=pathlib.Path)
+options, rest = parser.parse_known_args()
+
+PROGRAMS = "bash basename dirname nproc env find sed sort grep uniq xargs cat python3 clang-format-14".split()
+GOOD = "int Answer() {\n  return 42;\n}\n"
+
+
+class CheckWithoutGit(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        base = pathlib.Path(folder.name)
+        self.programs = base / "bin"
+        self.programs.mkdir()
+        for name in PROGRAMS:
+            (self.programs / name).symlink_to(shutil.which(name))
+        self.tree = base / "tree"
+        for name in ("scripts", "metadata_lib", "tools/deep", "build/dev", "out"):
+            (self.tree / name).mkdir(parents=True)
+        for name in ("check", "check_source.py", "common.sh"):
+            shutil.copy(options.source / "scripts" / name, self.tree / "scripts" / name)
+        shutil.copy(options.source / ".clang-format", self.tree)
+        for name in ("metadata_lib/good.cpp", "metadata_lib/good.h", "tools/deep/good.cpp"):
+            self.write(name, GOOD)
+
+    def write(self, name, text):
+        (self.tree / name).write_text(text)
+
+    def check(self):
+        done = subprocess.run([self.tree / "scripts/check"], env={"PATH": str(self.programs)}, cwd="/",
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        return done.returncode, done.stdout
+
+    def test_git_is_out_of_reach(self):
+        self.assertIsNone(shutil.which("git", path=str(self.programs)))
+        self.assertFalse(any((parent / ".git").exists() for parent in self.tree.parents))
+
+    def test_a_clean_tree_passes(self):
+        self.assertEqual(self.check(), (0, "== Checking the source\n"))
+
+    def test_bad_format_anywhere_is_named(self):
+        self.write("tools/deep/bad.cpp", "int  Answer( ) {return 42;}\n")
+        code, text = self.check()
+        self.assertNotEqual(code, 0)
+        self.assertIn("tools/deep/bad.cpp", text)
+
+    def test_a_mark_in_the_library_is_named(self):
+        self.write("metadata_lib/bad.cpp", GOOD.replace("42;", "42;  // TO" + "DO"))
+        code, text = self.check()
+        self.assertNotEqual(code, 0)
+        self.assertIn("metadata_lib/bad.cpp:2: unfinished mark", text)
+
+    def test_what_was_generated_is_not_checked(self):
+        for name in ("build/dev/generated.cpp", "out/generated.cpp"):
+            self.write(name, "int  Answer( ) {return 42;}\n")
+        self.assertEqual(self.check()[0], 0)
+
+
+if __name__ == "__main__":
+    unittest.main(argv=["check_test"] + rest)
