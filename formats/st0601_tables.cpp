@@ -218,23 +218,40 @@ constexpr std::string_view kSensorControlMode[] = {
     "Calibrating", "Auto - Holding Position", "Auto - Tracking"};
 constexpr std::string_view kClassification[] = {"",       "UNCLASSIFIED", "RESTRICTED", "CONFIDENTIAL",
                                                 "SECRET", "TOP SECRET"};
-constexpr std::string_view kCodingMethod[] = {"",
-                                              "ISO-3166 Two Letter",
-                                              "ISO-3166 Three Letter",
-                                              "FIPS 10-4 Two Letter",
-                                              "FIPS 10-4 Four Letter",
-                                              "ISO-3166 Numeric",
-                                              "1059 Two Letter",
-                                              "1059 Three Letter",
-                                              "",
-                                              "",
-                                              "FIPS 10-4 Mixed",
-                                              "ISO 3166 Mixed",
-                                              "STANAG 1059 Mixed",
-                                              "GENC Two Letter",
-                                              "GENC Three Letter",
-                                              "GENC Numeric",
-                                              "GENC Mixed"};
+// Element 2 and element 12 of ST 0102.12 number their coding methods differently; only 1, 2, 6, 7 and 13 to 15 mean the
+// same in both. Values without a text were omitted by the standard.
+constexpr std::string_view kClassifyingCodingMethod[] = {"",
+                                                         "ISO-3166 Two Letter",
+                                                         "ISO-3166 Three Letter",
+                                                         "FIPS 10-4 Two Letter",
+                                                         "FIPS 10-4 Four Letter",
+                                                         "ISO-3166 Numeric",
+                                                         "1059 Two Letter",
+                                                         "1059 Three Letter",
+                                                         "",
+                                                         "",
+                                                         "FIPS 10-4 Mixed",
+                                                         "ISO 3166 Mixed",
+                                                         "STANAG 1059 Mixed",
+                                                         "GENC Two Letter",
+                                                         "GENC Three Letter",
+                                                         "GENC Numeric",
+                                                         "GENC Mixed"};
+constexpr auto kObjectCodingMethod = [] {
+  std::array<std::string_view, 0x41> texts{};
+  texts[0x01] = "ISO-3166 Two Letter";
+  texts[0x02] = "ISO-3166 Three Letter";
+  texts[0x03] = "ISO-3166 Numeric";
+  texts[0x04] = "FIPS 10-4 Two Letter";
+  texts[0x05] = "FIPS 10-4 Four Letter";
+  texts[0x06] = "1059 Two Letter";
+  texts[0x07] = "1059 Three Letter";
+  texts[0x0D] = "GENC Two Letter";
+  texts[0x0E] = "GENC Three Letter";
+  texts[0x0F] = "GENC Numeric";
+  texts[0x40] = "GENC AdminSub";
+  return texts;
+}();
 
 std::span<const std::string_view> CodesOf(const Item& item) {
   const std::string_view key = item.key;
@@ -244,7 +261,8 @@ std::span<const std::string_view> CodesOf(const Item& item) {
   if (key == "platform_status") return kPlatformStatus;
   if (key == "sensor_control_mode") return kSensorControlMode;
   if (key == "classification") return kClassification;
-  if (key == "classifying_coding_method" || key == "object_coding_method") return kCodingMethod;
+  if (key == "classifying_coding_method") return kClassifyingCodingMethod;
+  if (key == "object_coding_method") return kObjectCodingMethod;
   return {};
 }
 

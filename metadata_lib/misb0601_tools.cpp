@@ -282,6 +282,7 @@ constexpr const char* kSecurityClassifications[] = {
     "Unknown", "UNCLASSIFIED", "RESTRICTED", "CONFIDENTIAL", "SECRET", "TOP SECRET",
 };
 
+// Of element 2 (classifying country); element 12 (object country) has another table in ST 0102.
 // KEPT: rows 8 and 9 carry the misspelt word; hosts compare with it.
 constexpr const char* kCountryCodingMethods[] = {
     "Unknown",

@@ -581,7 +581,12 @@ METADATALIB_API BOOL ValidateUASLocalDataSet(BYTE* pcKLVHeader, int nUAVSize, in
 METADATALIB_API MISSION_ID_KLV* AllocMissionID(const char* szMissionID);
 METADATALIB_API KLV_ELEMENT* AllocSecurityMetadata(int enClassification, const char* szClassifyingCountry,
                                                    const char* szObjectCountry);
-/* Names of ST 0102 values; never NULL, "Unknown" outside the table. */
+/*
+ * Names of ST 0102.12 values; never NULL, "Unknown" outside the table. The coding methods are those of element 2
+ * (classifying country). Element 12 (object country) numbers its own differently: there 3 is ISO 3166 numeric, 4 FIPS
+ * 10-4 two letters, 5 FIPS 10-4 four letters, 8 to 12 and 16 mean nothing and 64 is GENC AdminSub; only 1, 2, 6, 7 and
+ * 13 to 15 have the same name. AllocSecurityMetadata writes 2, three letters of ISO 3166, into both.
+ */
 METADATALIB_API const char* GetSecurityClassificationString(BYTE cTag);
 METADATALIB_API const char* GetCountryCodingMethodString(BYTE cTag);
 

@@ -14,6 +14,7 @@ namespace st0601 {
 namespace {
 
 using testing::ElementsAre;
+using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -196,9 +197,52 @@ TEST(Security, ReadsTheSetOfTheStandard) {
   EXPECT_EQ(EncodeText(*FindSecurityElement(13), "USA"), (Bytes{0, 'U', 0, 'S', 0, 'A'}));
 }
 
+TEST(Security, EachCodingMethodHasItsOwnTable) {
+  const Item& classifying = *FindSecurityElement(2);
+  const Item& object = *FindSecurityElement(12);
+  const auto texts = [](const Item& item) {
+    std::vector<std::string_view> all;
+    for (int code = 0; code <= 0x41; ++code) all.push_back(CodeText(item, code));
+    return all;
+  };
+  std::vector<std::string_view> ofClassifying = {"",
+                                                 "ISO-3166 Two Letter",
+                                                 "ISO-3166 Three Letter",
+                                                 "FIPS 10-4 Two Letter",
+                                                 "FIPS 10-4 Four Letter",
+                                                 "ISO-3166 Numeric",
+                                                 "1059 Two Letter",
+                                                 "1059 Three Letter",
+                                                 "",
+                                                 "",
+                                                 "FIPS 10-4 Mixed",
+                                                 "ISO 3166 Mixed",
+                                                 "STANAG 1059 Mixed",
+                                                 "GENC Two Letter",
+                                                 "GENC Three Letter",
+                                                 "GENC Numeric",
+                                                 "GENC Mixed"};
+  ofClassifying.resize(0x42);
+  EXPECT_THAT(texts(classifying), ElementsAreArray(ofClassifying));
+  std::vector<std::string_view> ofObject(0x42);
+  ofObject[1] = "ISO-3166 Two Letter";
+  ofObject[2] = "ISO-3166 Three Letter";
+  ofObject[3] = "ISO-3166 Numeric";
+  ofObject[4] = "FIPS 10-4 Two Letter";
+  ofObject[5] = "FIPS 10-4 Four Letter";
+  ofObject[6] = "1059 Two Letter";
+  ofObject[7] = "1059 Three Letter";
+  ofObject[0x0D] = "GENC Two Letter";
+  ofObject[0x0E] = "GENC Three Letter";
+  ofObject[0x0F] = "GENC Numeric";
+  ofObject[0x40] = "GENC AdminSub";
+  EXPECT_THAT(texts(object), ElementsAreArray(ofObject));
+}
+
 TEST(Security, CodesWithoutMeaningStayNumbers) {
   EXPECT_EQ(Decode(*FindSecurityElement(1), Bytes{9}).text, "9");
   EXPECT_EQ(Decode(*FindSecurityElement(2), Bytes{8}).text, "8");
+  EXPECT_EQ(Decode(*FindSecurityElement(12), Bytes{16}).text, "16");
   EXPECT_EQ(DecodeTag(34, {2}).text, "icing detected");
   EXPECT_EQ(CodeText(*FindItem(34U), -1), "");
 }

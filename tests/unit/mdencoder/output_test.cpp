@@ -91,6 +91,18 @@ TEST(Row, TellsWhatIsWrong) {
   EXPECT_THAT(TableRow(empty.received, empty.parsed), HasSubstr("not ST 0601: "));
 }
 
+/* The same number means one coding for the classifying country and another one for the object country. */
+TEST(Row, NamesTheCodingMethodOfEachCountry) {
+  const Bytes security = {2, 1, 3, 12, 1, 3};
+  const Rendered rendered(Builder().Add(48, ByteView(security)).Finish());
+  EXPECT_THAT(TableRow(rendered.received, rendered.parsed),
+              HasSubstr(" security={classifying_coding_method=FIPS 10-4 Two Letter, "
+                        "object_coding_method=ISO-3166 Numeric} "));
+  const Json json = Json::parse(JsonLine(rendered.received, rendered.parsed));
+  EXPECT_EQ(json["items"][0]["value"][0]["text"], "FIPS 10-4 Two Letter");
+  EXPECT_EQ(json["items"][0]["value"][1]["text"], "ISO-3166 Numeric");
+}
+
 /* ---------------------------------------------------------------- JSON lines */
 
 TEST(JsonMessage, HoldsEverything) {
