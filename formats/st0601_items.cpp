@@ -14,6 +14,8 @@
 #include <ctime>
 #include <limits>
 
+#include "printable_text.h"
+
 namespace st0601 {
 
 const uint8_t kUasKey[16] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01,
@@ -92,57 +94,36 @@ std::string FormatTime(uint64_t microseconds) {
   return text;
 }
 
-/* Bytes of the UTF-8 character at `position`, 0 when there is none: cut, over-long, a surrogate or above U+10FFFF. */
-size_t Utf8Size(ByteView bytes, size_t position) {
-  const uint8_t first = bytes[position];
-  const size_t size = first < 0x80                    ? 1
-                      : first >= 0xC2 && first < 0xE0 ? 2
-                      : (first & 0xF0) == 0xE0        ? 3
-                      : first >= 0xF0 && first < 0xF5 ? 4
-                                                      : 0;
-  if (size == 0 || bytes.size() - position < size) return 0;
-  uint32_t code = size == 1 ? first : first & (0xFFU >> (size + 1));
-  for (size_t i = 1; i < size; ++i) {
-    if ((bytes[position + i] & 0xC0) != 0x80) return 0;
-    code = code << 6 | (bytes[position + i] & 0x3FU);
+/* UTF-8. Half a surrogate pair becomes the three bytes it would have there, which are no character. */
+void AppendUtf8(std::string& text, uint32_t code) {
+  const auto add = [&text](uint32_t byte) { text += static_cast<char>(byte); };
+  if (code < 0x80) {
+    add(code);
+    return;
   }
-  if (size == 3 && (code < 0x800 || (code >= 0xD800 && code < 0xE000))) return 0;
-  if (size == 4 && (code < 0x10000 || code > 0x10FFFF)) return 0;
-  return size;
-}
-
-/* Text that may go to a terminal or into JSON: control characters and what is no UTF-8 become dots. */
-std::string Printable(ByteView bytes) {
-  std::string text;
-  for (size_t i = 0; i < bytes.size();) {
-    const size_t size = Utf8Size(bytes, i);
-    const bool control = bytes[i] < 0x20 || bytes[i] == 0x7F || (size == 2 && bytes[i] == 0xC2 && bytes[i + 1] < 0xA0);
-    if (size == 0 || control) {
-      text += '.';
-    } else {
-      text.append(reinterpret_cast<const char*>(&bytes[i]), size);
-    }
-    i += std::max<size_t>(size, 1);
+  if (code < 0x800) {
+    add(0xC0 | code >> 6);
+  } else if (code < 0x10000) {
+    add(0xE0 | code >> 12);
+    add(0x80 | (code >> 6 & 0x3F));
+  } else {
+    add(0xF0 | code >> 18);
+    add(0x80 | (code >> 12 & 0x3F));
+    add(0x80 | (code >> 6 & 0x3F));
   }
-  return text;
+  add(0x80 | (code & 0x3F));
 }
 
 std::string FromUtf16(ByteView bytes) {
   std::string text;
+  const auto unitAt = [&](size_t i) { return static_cast<uint32_t>(bytes[i] << 8 | bytes[i + 1]); };
   for (size_t i = 0; i + 1 < bytes.size(); i += 2) {
-    const unsigned unit = static_cast<unsigned>(bytes[i] << 8 | bytes[i + 1]);
-    if (unit < 0x20 || (unit >= 0x7F && unit < 0xA0) || (unit >= 0xD800 && unit < 0xE000)) {
-      text += '.';
-    } else if (unit < 0x80) {
-      text += static_cast<char>(unit);
-    } else if (unit < 0x800) {
-      text += static_cast<char>(0xC0 | unit >> 6);
-      text += static_cast<char>(0x80 | (unit & 0x3F));
-    } else {
-      text += static_cast<char>(0xE0 | unit >> 12);
-      text += static_cast<char>(0x80 | (unit >> 6 & 0x3F));
-      text += static_cast<char>(0x80 | (unit & 0x3F));
+    uint32_t code = unitAt(i);
+    if ((code & 0xFC00) == 0xD800 && i + 3 < bytes.size() && (unitAt(i + 2) & 0xFC00) == 0xDC00) {
+      code = 0x10000 + ((code & 0x3FF) << 10) + (unitAt(i + 2) & 0x3FF);
+      i += 2;
     }
+    AppendUtf8(text, code);
   }
   return text;
 }
@@ -251,10 +232,10 @@ Value Decode(const Item& item, ByteView bytes) {
       DecodeImap(value, item, bytes);
       break;
     case Kind::kText:
-      value.text = Printable(bytes);
+      value.text = PrintableText({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
       break;
     case Kind::kText16:
-      value.text = FromUtf16(bytes);
+      value.text = PrintableText(FromUtf16(bytes));
       break;
     case Kind::kTime:
       SetWhole(value, static_cast<int64_t>(ReadUnsigned(bytes)));

@@ -86,7 +86,8 @@ struct Value {
   bool isWhole = false;   // a count, code or time: whole is valid too
   double number = 0;
   int64_t whole = 0;
-  std::string text;  // for display, without the unit: "60.17682297", "2008-10-24T00:13:29.913Z", "SECRET"
+  std::string text;  // for display, without the unit: "60.17682297", "2008-10-24T00:13:29.913Z", "SECRET"; what a
+                     // sender wrote is escaped as printable_text.h says
 };
 
 /* Reads one value. Never fails: what cannot be read comes back as kBadLength with its hexadecimal digits. */

@@ -22,8 +22,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 #include "log_limiter.h"
+#include "printable_text.h"
 #include "runtime_state.h"
 
 namespace host_runtime {
@@ -56,29 +58,11 @@ std::string FormatText(const char* format, va_list arguments) {
   return text;
 }
 
-// One line whatever a sender put into the arguments: line ends at the end go, other control characters become
-// escapes, so that nobody forges a line or steers a terminal.
-std::string OneLine(std::string text) {
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  const auto isControl = [](char c) { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; };
-  std::size_t first = 0;
-  while (first < text.size() && !isControl(text[first])) ++first;
-  if (first == text.size()) return text;
-  std::string escaped = text.substr(0, first);
-  for (std::size_t i = first; i < text.size(); ++i) {
-    if (!isControl(text[i])) {
-      escaped += text[i];
-    } else if (text[i] == '\n') {
-      escaped += "\\n";
-    } else if (text[i] == '\t') {
-      escaped += ' ';
-    } else {
-      std::array<char, 8> code;
-      snprintf(code.data(), code.size(), "\\x%02X", static_cast<unsigned>(static_cast<unsigned char>(text[i])));
-      escaped += code.data();
-    }
-  }
-  return escaped;
+// One line whatever a sender put into the arguments: the line end of the format goes, and what is not printable is
+// escaped, so that nobody forges a line or steers a terminal.
+std::string OneLine(std::string_view text) {
+  if (text.ends_with('\n')) text.remove_suffix(1);
+  return PrintableText(text);
 }
 
 // "0010  06 0E 2B ... 34  ..+.", kDumpWidth bytes.

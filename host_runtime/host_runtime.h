@@ -87,7 +87,7 @@ struct HostLogLine {
   std::string function;
   std::string file;  // source without ending
   int line;
-  std::string text;  // without line end; control characters are escaped
+  std::string text;  // without line end; what is not printable UTF-8 is escaped
   bool assertion;
 };
 

@@ -181,10 +181,23 @@ TEST(PrintedSample, TimeStamp) {
 
 /* ---------------------------------------------------------------- texts, codes, nested sets */
 
-TEST(Text, ControlCharactersAndBrokenUtf8BecomeDots) {
-  EXPECT_EQ(DecodeTag(3, {'A', 0x1B, '[', '2', 'J', 0x00, 0x7F}).text, "A.[2J..");
+TEST(Text, WhatIsNotPrintableIsEscaped) {
+  EXPECT_EQ(DecodeTag(3, {'A', 0x1B, '[', '2', 'J', 0x00, 0x7F, '\\', '\n'}).text, "A\\x1B[2J\\x00\\x7F\\\\\\n");
   EXPECT_EQ(DecodeTag(3, {0xC3, 0xA9, 0xE2, 0x82, 0xAC, 0xF0, 0x9F, 0x9A, 0x81}).text, "\u00E9\u20AC\U0001F681");
-  EXPECT_EQ(DecodeTag(3, {0xC2, 0x9B, 'm', 0xC3, 0xED, 0xA0, 0x80, 0xC0, 0xAF, 0xFF}).text, ".m.......");
+  EXPECT_EQ(DecodeTag(3, {0xC2, 0x9B, 'm', 0xC3, 0xED, 0xA0, 0x80, 0xC0, 0xAF, 0xFF}).text,
+            "\\xC2\\x9Bm\\xC3\\xED\\xA0\\x80\\xC0\\xAF\\xFF");
+  EXPECT_EQ(DecodeTag(3, {0xE2, 0x80, 0xAE, 'c', 'o', 'd'}).text, "\\xE2\\x80\\xAEcod");
+}
+
+TEST(Text, Utf16FollowsTheSameRule) {
+  const auto text = [](const Bytes& value) { return Decode(*FindSecurityElement(13), value).text; };
+  EXPECT_EQ(text({0, 'U', 0, 0xE9, 0x20, 0xAC}), "U\u00E9\u20AC");
+  EXPECT_EQ(text({0xD8, 0x3D, 0xDE, 0x81}), "\U0001F681");
+  EXPECT_EQ(text({0, 0x1B, 0, 0x9B, 0, '\\', 0x20, 0x2E, 0x20, 0x28}),
+            "\\x1B\\xC2\\x9B\\\\\\xE2\\x80\\xAE\\xE2\\x80\\xA8");
+  // Half a pair is no character, whatever follows it.
+  EXPECT_EQ(text({0xD8, 0x3D, 0, 'A'}), "\\xED\\xA0\\xBDA");
+  EXPECT_EQ(text({0xDE, 0x81, 0xD8, 0x3D}), "\\xED\\xBA\\x81\\xED\\xA0\\xBD");
 }
 
 TEST(Security, ReadsTheSetOfTheStandard) {

@@ -72,9 +72,24 @@ TEST_F(LogTest, Levels_change_while_running_also_for_modules_to_come) {
   EXPECT_EQ(module->nMaxLevel, 7);
 }
 
-TEST_F(LogTest, Control_characters_from_outside_neither_forge_lines_nor_steer_the_terminal) {
+TEST_F(LogTest, Text_from_outside_neither_forges_lines_nor_steers_the_terminal_nor_hides) {
   _DoDbgPrintEx(module, 3, "f", "m", 1, "Name \"%s\".\n", "a\nFAKE 0\x1B[2J\tb\x7F");
-  EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Name \"a\\nFAKE 0\\x1B[2J b\\x7F\"."));
+  _DoDbgPrintEx(module, 3, "f", "m", 2, "Name \"%s\".\n",
+                "\u009B2J \xFF \xED\xA0\x80 \u202Ecod\u2028\\n gr\u00FC\u00DFe");
+  _DoTextAssert("f", "m", 3, "Name %s", "\xC2\x9B\\");
+  _DoDbgPrintBuffer(module, 8, "f", "m", 4, "Title\u2029", nullptr, 0);
+  EXPECT_THAT(
+      Texts("LOGTEST"),
+      ElementsAre("Name \"a\\nFAKE 0\\x1B[2J\\tb\\x7F\".",
+                  "Name \"\\xC2\\x9B2J \\xFF \\xED\\xA0\\x80 \\xE2\\x80\\xAEcod\\xE2\\x80\\xA8\\\\n gr\u00FC\u00DFe\".",
+                  "Title\\xE2\\x80\\xA9 (0 bytes)"));
+  EXPECT_THAT(Texts("ASSERT"), ElementsAre("ASSERTION failed: Name \\xC2\\x9B\\\\"));
+}
+
+TEST_F(LogTest, Only_the_line_end_of_the_format_goes) {
+  _DoDbgPrintEx(module, 3, "f", "m", 1, "Name %s\n", "a\r\n");
+  _DoDbgPrintEx(module, 3, "f", "m", 2, "Name %s", "a");
+  EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Name a\\r\\n", "Name a"));
 }
 
 TEST_F(LogTest, A_long_line_is_not_cut) {
