@@ -1,7 +1,11 @@
 // Debug log, limiter and configuration.
+#define HOST_MODULE "log_test"
+
 #include <atomic>
 
+#include "function_name.h"
 #include "log_limiter.h"
+#include "runtime_state.h"
 #include "runtime_test.h"
 
 namespace {
@@ -35,6 +39,77 @@ TEST_F(LogTest, A_line_carries_module_level_function_and_place) {
   EXPECT_EQ(line.function, "_Some");
   EXPECT_EQ(line.file, "utils");
   EXPECT_EQ(line.text, "Got 5 of these.");
+}
+
+// Where log lines stand: a function, a lambda, a lambda in a lambda, a member, a template.
+struct Places {
+  bool Member(int (*)(int), const std::vector<int>&) const noexcept {
+    return [] {
+      HOST_LOG(3, "In a member.\n");
+      return true;
+    }();
+  }
+  template <typename Value>
+  static Value* OfTemplate(Value* value) {
+    [&] { HOST_LOG(3, "In a template.\n"); }();
+    return value;
+  }
+};
+void PlainPlace() {
+  HOST_LOG(3, "In a function.\n");
+}
+std::string NestedPlace(std::function<void(int)>, const std::string& text) {
+  const auto outer = [&](int) {
+    const auto inner = [&]() -> std::string {
+      HOST_LOG(3, "In a lambda in a lambda.\n");
+      return text;
+    };
+    return inner();
+  };
+  return outer(1);
+}
+
+TEST_F(LogTest, A_line_in_a_lambda_names_the_function_around_it) {
+  PlainPlace();
+  NestedPlace(nullptr, "");
+  Places().Member(nullptr, {});
+  int value = 0;
+  Places::OfTemplate(&value);
+  std::vector<std::string> functions;
+  for (const HostLogLine& line : Lines()) functions.push_back(line.function);
+  EXPECT_THAT(functions, ElementsAre("PlainPlace", "NestedPlace", "Member", "OfTemplate"));
+}
+
+TEST_F(LogTest, A_service_names_itself) {
+  MBOX_CONFIG mailbox{};
+  mailbox.nSize = sizeof(mailbox);
+  mailbox.szName = "LogTest";
+  HMBOX first = nullptr;
+  HMBOX second = nullptr;
+  ASSERT_TRUE(MBOX_CreateMailBox(&mailbox, &first));
+  EXPECT_FALSE(MBOX_CreateMailBox(&mailbox, &second));
+  MBOX_CloseMailBox(&first);
+  ASSERT_THAT(Lines(), SizeIs(1));
+  EXPECT_EQ(Lines()[0].function, "MBOX_CreateMailBox");
+}
+
+TEST(FunctionNameTest, Reads_what_the_compilers_write) {
+  using host_runtime::FunctionName;
+  const auto name = [](const char* pretty) { return std::string(FunctionName("operator()", pretty).Text()); };
+  EXPECT_EQ(name("BOOL Open(const char*, int)::<lambda()>"), "Open");
+  EXPECT_EQ(name("host_runtime::{anonymous}::Reader::Next(void (*)(int))::<lambda(auto:12)> [with auto:12 = int]"),
+            "Next");
+  EXPECT_EQ(name("T* Get(T*) [with T = int(int)]::<lambda()>"), "Get");
+  EXPECT_EQ(name("static T* Places::Get<std::vector<int> >(T*)::<lambda()>"), "Get");
+  EXPECT_EQ(name("auto Open(const char *, int)::(anonymous class)::operator()() const"), "Open");
+  EXPECT_EQ(name("auto (anonymous namespace)::Reader::Next(void (*)(int)) const::(anonymous class)::operator()(int) "
+                 "const::(anonymous class)::operator()() const"),
+            "Next");
+  EXPECT_EQ(name("<lambda()>"), "operator()");
+  EXPECT_EQ(name("void Places::operator()() const"), "operator()");
+  EXPECT_EQ(name(""), "operator()");
+  EXPECT_STREQ(FunctionName("Plain", "void Plain()").Text(), "Plain");
+  EXPECT_EQ(std::string(FunctionName(std::string(200, 'x'), "").Text()), std::string(95, 'x'));
 }
 
 TEST_F(LogTest, The_file_gets_time_module_level_function_and_place) {

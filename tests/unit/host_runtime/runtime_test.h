@@ -28,6 +28,7 @@ class RuntimeTest : public testing::Test {
     EXPECT_TRUE(HostRuntime_Apply(config));
     HostRuntime_OnLog([this](const HostLogLine& line) {
       const std::lock_guard guard(lock);
+      EXPECT_NE(line.function, "operator()") << line.text;
       lines.push_back(line);
     });
   }
