@@ -7,6 +7,7 @@
 //   Services   what the library and the runtime call
 #define HOST_MODULE "debug_log"
 
+#include <fcntl.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
@@ -125,13 +126,20 @@ struct LogState {
   std::atomic<bool> abortOnAssert{false};
 };
 
+// A program that the process starts has no business in the log file, also after it was turned over.
+spdlog::file_event_handlers KeptFromChildren() {
+  spdlog::file_event_handlers handlers;
+  handlers.after_open = [](const spdlog::filename_t&, std::FILE* file) { fcntl(fileno(file), F_SETFD, FD_CLOEXEC); };
+  return handlers;
+}
+
 // A logger without sinks keeps nothing; errors of the sinks (the disk is full) are nobody's business here.
 std::shared_ptr<spdlog::logger> MakeLogger(bool console, const std::string& file) {
   auto logger = std::make_shared<spdlog::logger>("host");
   if (console) logger->sinks().push_back(std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
   if (!file.empty()) {
-    logger->sinks().push_back(
-        std::make_shared<spdlog::sinks::rotating_file_sink_mt>(file, kLogFileSize, kLogFilesKept - 1));
+    logger->sinks().push_back(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
+        file, kLogFileSize, kLogFilesKept - 1, false, KeptFromChildren()));
   }
   logger->set_pattern("%Y-%m-%d %H:%M:%S.%e %^%v%$");
   logger->set_level(spdlog::level::trace);

@@ -121,6 +121,22 @@ TEST_F(LogTest, The_file_gets_time_module_level_function_and_place) {
                                            "LOGTEST 3/error _Some \\(utils:12\\): Got it\\.\n$"));
 }
 
+TEST_F(LogTest, The_file_is_closed_in_programs_that_the_process_starts_also_after_it_was_turned_over) {
+  config.logFile = Folder() + "/host.log";
+  config.logRate = 0;
+  Apply();
+  const auto childHasIt = [&] {
+    // The child of a child lists its descriptors: what the tool of somebody else sees.
+    const std::string list = "ls -l /proc/self/fd | grep -q '" + config.logFile + "'";
+    return system(list.c_str()) == 0;
+  };
+  EXPECT_FALSE(childHasIt());
+  const std::string text(65'536, 'x');
+  while (!std::filesystem::exists(Folder() + "/host.1.log"))
+    _DoDbgPrintEx(module, 4, "f", "file", 1, "%s", text.c_str());
+  EXPECT_FALSE(childHasIt());
+}
+
 TEST_F(LogTest, A_log_file_that_cannot_be_written_is_an_error_and_the_rest_is_in_force) {
   config.logFile = WriteFile("plain", "") + "/host.log";
   config.logLevel = 1;
