@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <span>
+#include <utility>
 #include <vector>
 
 #include "runtime_state.h"
@@ -25,6 +26,7 @@ class OwnedFD {
   OwnedFD& operator=(const OwnedFD&) = delete;
   int Get() const { return m_fd; }
   void Set(int fd);
+  int Release() { return std::exchange(m_fd, -1); }
 
  private:
   int m_fd = -1;

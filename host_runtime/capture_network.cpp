@@ -3,6 +3,8 @@
 #define HOST_DEBUG_MODULE ::host_runtime::CaptureModule()
 
 #include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -119,6 +121,42 @@ class AncBackend : public CaptureBackend {
 
 // --- Local sockets -----------------------------------------------------------------------------------
 
+// A lock file beside a socket: whoever has it may make the socket, until it is dropped or the process ends.
+class SocketLock {
+ public:
+  SocketLock() = default;
+  ~SocketLock() {
+    if (m_file.Get() >= 0) unlink(m_path.c_str());
+  }
+  SocketLock(const SocketLock&) = delete;
+  SocketLock& operator=(const SocketLock&) = delete;
+
+  // False with errno, EBUSY when somebody has it.
+  bool Take(const std::string& path) {
+    m_path = path + ".lock";
+    for (;;) {
+      OwnedFD file(open(m_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+      if (file.Get() < 0) return false;
+      if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EWOULDBLOCK) errno = EBUSY;
+        return false;
+      }
+      // Its owner removes the file before the lock goes, so what was locked may be a file without a name.
+      struct stat locked;
+      struct stat named;
+      if (fstat(file.Get(), &locked) == 0 && stat(m_path.c_str(), &named) == 0 && locked.st_ino == named.st_ino &&
+          locked.st_dev == named.st_dev) {
+        m_file.Set(file.Release());
+        return true;
+      }
+    }
+  }
+
+ private:
+  std::string m_path;
+  OwnedFD m_file;
+};
+
 class SocketBackend : public CaptureBackend {
  public:
   explicit SocketBackend(HostCaptureConfig config) : m_config(std::move(config)) {}
@@ -136,13 +174,10 @@ class SocketBackend : public CaptureBackend {
       return false;
     }
     memcpy(address.sun_path, path.c_str(), path.size());
-    // What an earlier run left behind; never anything but a socket.
-    struct stat existing;
-    if (lstat(path.c_str(), &existing) == 0 && S_ISSOCK(existing.st_mode)) unlink(path.c_str());
-    m_socket.Set(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    m_bound =
-        m_socket.Get() >= 0 && bind(m_socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    if (!m_bound) {
+    m_bound = m_lock.Take(path) && Bind(address);
+    if (!m_bound && (errno == EBUSY || errno == EADDRINUSE)) {
+      HOST_LOG(3, "Video input %d: socket \"%s\" is in use; each input has its own.\n", queue.Input(), path.c_str());
+    } else if (!m_bound) {
       HOST_LOG(3, "Video input %d: no socket \"%s\": %s.\n", queue.Input(), path.c_str(), strerror(errno));
     }
     return m_bound;
@@ -170,7 +205,25 @@ class SocketBackend : public CaptureBackend {
  private:
   static constexpr std::size_t kTimeStampSize = 8;
 
+  // False with errno. Replaces what an earlier run left behind, a socket that nobody answers on, and nothing else.
+  bool Bind(const sockaddr_un& address) {
+    const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+    m_socket.Set(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (m_socket.Get() < 0) return false;
+    struct stat existing;
+    if (lstat(m_config.path.c_str(), &existing) == 0 && S_ISSOCK(existing.st_mode)) {
+      const OwnedFD probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+      if (connect(probe.Get(), name, sizeof address) == 0 || errno != ECONNREFUSED) {
+        errno = EADDRINUSE;
+        return false;
+      }
+      unlink(m_config.path.c_str());
+    }
+    return bind(m_socket.Get(), name, sizeof address) == 0;
+  }
+
   const HostCaptureConfig m_config;
+  SocketLock m_lock;  // outlives the socket and its name
   OwnedFD m_socket;
   bool m_bound = false;
 };

@@ -20,6 +20,7 @@
 namespace {
 
 using anc_klv::Bytes;
+using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
 using testing::Ge;
@@ -218,6 +219,44 @@ TEST_F(CaptureTest, A_socket_left_behind_is_replaced_and_any_other_file_is_not) 
   EXPECT_TRUE(std::filesystem::exists(Folder() + "/file"));
   Configure(0, Kind::kSocket, std::string(200, 'x'));
   EXPECT_FALSE(Start(0));
+}
+
+TEST_F(CaptureTest, Two_inputs_with_one_socket_are_refused) {
+  const std::string path = Folder() + "/klv";
+  Configure(0, Kind::kSocket, path);
+  Configure(1, Kind::kSocket, Folder() + "/./klv");
+  ASSERT_TRUE(Start(0));
+  const int first = fd;
+  EXPECT_FALSE(Start(1));
+  EXPECT_THAT(Texts("KLVCAPTURE"),
+              ElementsAre("Video input 1: socket \"" + Folder() + "/./klv\" is in use; each input has its own."));
+  fd = first;
+  SendLocal(path, 1, Klv(3));
+  EXPECT_THAT(GetMany(1), SizeIs(1));
+  KLVCAPTURE_Stop(0);
+  EXPECT_TRUE(std::filesystem::is_empty(Folder()));
+  EXPECT_TRUE(Start(1));
+  KLVCAPTURE_Stop(1);
+}
+
+TEST_F(CaptureTest, A_socket_that_another_program_listens_on_stays) {
+  for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
+    const std::string path = Folder() + "/klv";
+    const int other = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    memcpy(address.sun_path, path.c_str(), path.size());
+    ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_TRUE(type == SOCK_DGRAM || listen(other, 1) == 0);
+    Configure(0, Kind::kSocket, path);
+    EXPECT_FALSE(Start(0));
+    EXPECT_TRUE(std::filesystem::is_socket(path));
+    EXPECT_THAT(Texts("KLVCAPTURE"),
+                Contains("Video input 0: socket \"" + path + "\" is in use; each input has its own."));
+    close(other);
+    EXPECT_TRUE(Start(0));  // now it is one that was left behind
+    KLVCAPTURE_Stop(0);
+  }
 }
 
 TEST_F(CaptureTest, An_input_can_be_started_again_and_again_with_packets_waiting) {
