@@ -1,0 +1,259 @@
+// How the bytes of a serial line are cut, by a clock of the test's own, and what the library's decoder makes of it.
+#include "serial_pieces.h"
+
+#include <random>
+#include <utility>
+
+#include "metadata_lib.h"
+#include "runtime_test.h"
+
+// The decoder's entry points; the library exports them without declaring them in its public header.
+extern "C" {
+BOOL AllocKlvDecodeContext(void** ppvContext, void (*pfnRxHandler)(MDATA_BUFFER*, void*), void* pvUserParam1);
+BOOL FreeKlvDecodeContext(void** ppvContext);
+int GenericKLV_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength);
+}
+
+namespace {
+
+using host_runtime::SerialPieces;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Le;
+using Bytes = std::vector<BYTE>;
+using Sizes = std::vector<std::size_t>;
+
+constexpr std::int64_t kMs = 1'000'000;
+constexpr std::int64_t kAt9600 = 1'041'666;  // ten bits
+constexpr std::int64_t kAt115200 = 86'805;
+
+class PiecesTest : public testing::Test {
+ protected:
+  explicit PiecesTest(std::int64_t time = kAt9600) : character(time), pieces(time) {}
+
+  void Come(std::size_t count) { pieces.Add(Bytes(count, 0x55), now); }
+  // The sizes of all that is due now.
+  Sizes Cut() {
+    Sizes sizes;
+    for (auto piece = pieces.Next(now); !piece.empty(); piece = pieces.Next(now)) {
+      sizes.push_back(piece.size());
+      pieces.Took(now);
+    }
+    return sizes;
+  }
+  // One character after the other, as the line brings them.
+  Sizes Run(int count) {
+    Sizes all;
+    for (int i = 0; i < count; ++i) {
+      now += character;
+      Come(1);
+      const Sizes some = Cut();
+      all.insert(all.end(), some.begin(), some.end());
+    }
+    return all;
+  }
+
+  const std::int64_t character;
+  std::int64_t now = 1'000'000'000'000;
+  SerialPieces pieces;
+};
+
+TEST_F(PiecesTest, A_whole_message_goes_when_the_line_was_quiet_for_sixteen_characters) {
+  Come(150);
+  EXPECT_THAT(Cut(), IsEmpty());
+  EXPECT_EQ(pieces.Due(), now + 16 * kAt9600);
+  now = pieces.Due() - 1;
+  EXPECT_THAT(Cut(), IsEmpty());
+  ++now;
+  EXPECT_THAT(Cut(), ElementsAre(38u, 38u, 37u, 37u));
+  EXPECT_EQ(pieces.Due(), SerialPieces::kNever);
+}
+
+TEST_F(PiecesTest, A_good_piece_goes_at_once) {
+  Come(255);
+  EXPECT_THAT(Cut(), IsEmpty());
+  Come(1);
+  const Sizes sizes = Cut();
+  EXPECT_EQ(sizes.size(), 6u);
+  EXPECT_THAT(sizes, Each(Le(48u)));
+}
+
+TEST_F(PiecesTest, No_short_rest_stays_behind_a_full_piece) {
+  for (std::size_t size = 16; size <= 300; ++size) {
+    SerialPieces fresh(kAt9600);
+    fresh.Add(Bytes(size, 1), now);
+    now = fresh.Due();
+    for (auto piece = fresh.Next(now); !piece.empty(); piece = fresh.Next(now)) {
+      EXPECT_GE(piece.size(), 16u) << size;
+      EXPECT_LE(piece.size(), 48u) << size;
+      fresh.Took(now);
+    }
+    EXPECT_EQ(fresh.Held(), 0u);
+  }
+}
+
+TEST_F(PiecesTest, A_line_that_runs_gives_a_good_piece_first_and_then_sixteen_characters_at_a_time) {
+  EXPECT_THAT(Run(255), IsEmpty());
+  EXPECT_EQ(Run(1).size(), 6u);
+  EXPECT_THAT(Run(48), ElementsAre(16u, 16u, 16u));
+  // A pause between messages does not begin a new burst, a gap does.
+  now += 60 * kAt9600;
+  EXPECT_THAT(Run(16), ElementsAre(16u));
+  now += 64 * kAt9600;
+  EXPECT_THAT(Run(16), IsEmpty());
+}
+
+TEST_F(PiecesTest, A_short_rest_waits_for_twenty_characters_and_a_second_one_for_a_quarter_second) {
+  Run(256);
+  Come(5);
+  EXPECT_EQ(pieces.Due(), now + 20 * kAt9600);
+  now = pieces.Due();
+  EXPECT_THAT(Cut(), ElementsAre(5u));
+  Come(5);
+  EXPECT_EQ(pieces.Due(), now + 250 * kMs);
+  now += 100 * kMs;
+  Come(11);
+  now = pieces.Due();
+  EXPECT_THAT(Cut(), ElementsAre(16u));
+  Come(5);
+  EXPECT_EQ(pieces.Due(), now + 20 * kAt9600);
+}
+
+TEST(SerialPieces, Pauses_follow_the_rate_within_bounds) {
+  const auto dueAfter = [](std::int64_t character, std::size_t bytes) {
+    SerialPieces pieces(character);
+    pieces.Add(Bytes(bytes, 1), 0);
+    return pieces.Due();
+  };
+  EXPECT_EQ(dueAfter(kAt115200, 100), 16 * kAt115200);
+  EXPECT_EQ(dueAfter(kAt115200, 5), 20 * kMs);         // a sender is not always scheduled at once
+  EXPECT_EQ(dueAfter(200'000'000 / 3, 5), 250 * kMs);  // 150 baud
+}
+
+TEST(SerialPieces, What_never_pauses_is_held_for_256_characters_or_a_second) {
+  constexpr std::int64_t kAt1200 = 8'333'333;
+  SerialPieces slow(kAt1200);
+  std::int64_t now = 0;
+  while (slow.Next(now).empty()) {
+    now += kAt1200;
+    slow.Add(Bytes(1, 1), now);
+    ASSERT_LE(now, 1020 * kMs);
+  }
+  EXPECT_GE(now, 1000 * kMs);
+}
+
+TEST_F(PiecesTest, After_an_interruption_a_filler_ends_what_the_decoder_waits_for) {
+  Run(256);
+  Come(7);
+  pieces.Interrupt();
+  EXPECT_THAT(Cut(), ElementsAre(7u));  // nothing follows it
+  EXPECT_EQ(pieces.Due(), SerialPieces::kNever);
+  const std::int64_t last = now;
+  now += 300 * kMs;
+  Come(100);
+  EXPECT_THAT(Cut(), IsEmpty());
+  EXPECT_EQ(pieces.Due(), last + 520 * kMs);
+  now = pieces.Due();
+  const auto filler = pieces.Next(now);
+  EXPECT_EQ(Bytes(filler.begin(), filler.end()), Bytes(16, 0xFF));
+  pieces.Took(now);
+  EXPECT_THAT(Cut(), ElementsAre(34u, 33u, 33u));
+  // Nothing was handed out since: the decoder waits for nothing.
+  SerialPieces fresh(kAt9600);
+  fresh.Interrupt();
+  fresh.Add(Bytes(256, 1), now);
+  EXPECT_EQ(fresh.Next(now).size(), 43u);
+}
+
+// --- with the library's decoder ----------------------------------------------------------------------
+
+// A local set of so many bytes, its values full of the beginnings of keys.
+Bytes Message(std::size_t size, BYTE number) {
+  const Bytes key = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01, 0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00, 0x00};
+  Bytes message = key;
+  const std::size_t body = size - 19;
+  message.insert(message.end(), {0x82, static_cast<BYTE>(body >> 8), static_cast<BYTE>(body)});
+  // One item of the whole body: tag, long length, value.
+  message.insert(message.end(), {3, 0x82, static_cast<BYTE>((body - 4) >> 8), static_cast<BYTE>(body - 4), number});
+  while (message.size() < size) message.push_back(key[message.size() % 4]);
+  return message;
+}
+
+class DecodedTest : public RuntimeTest {
+ protected:
+  ~DecodedTest() override {
+    if (decoder != nullptr) FreeKlvDecodeContext(&decoder);
+  }
+  // A source that was just opened.
+  void Restart() {
+    if (decoder != nullptr) FreeKlvDecodeContext(&decoder);
+    got.clear();
+    ASSERT_TRUE(AllocKlvDecodeContext(&decoder, &DecodedTest::Take, this));
+  }
+  static void Take(MDATA_BUFFER* pMessage, void* pvTest) {
+    static_cast<DecodedTest*>(pvTest)->got.emplace_back(pMessage->pcData, pMessage->pcData + pMessage->nDataSize);
+  }
+
+  void Decode(SerialPieces& pieces, std::int64_t now) {
+    for (auto piece = pieces.Next(now); !piece.empty(); piece = pieces.Next(now)) {
+      GenericKLV_ProcessRxData(decoder, piece.data(), static_cast<int>(piece.size()));
+      pieces.Took(now);
+    }
+  }
+  // Sends the stream in lots of 1 to `most` bytes at the rate; a lot may come late by up to `jitter`.
+  void Send(const Bytes& stream, std::size_t most, std::int64_t character, std::int64_t jitter) {
+    SerialPieces pieces(character);
+    std::int64_t now = 1'000'000'000'000;
+    for (std::size_t at = 0; at < stream.size();) {
+      const std::size_t size = std::min(1 + random() % most, stream.size() - at);
+      const std::int64_t next = now + static_cast<std::int64_t>(size) * character +
+                                (jitter == 0 ? 0 : static_cast<std::int64_t>(random()) % jitter);
+      for (std::int64_t due = pieces.Due(); due < next; due = pieces.Due()) Decode(pieces, std::max(due, now));
+      now = next;
+      pieces.Add({stream.data() + at, size}, now);
+      at += size;
+      Decode(pieces, now);
+    }
+    Decode(pieces, pieces.Due() == SerialPieces::kNever ? now : pieces.Due());
+  }
+
+  void* decoder = nullptr;
+  std::vector<Bytes> got;
+  std::mt19937 random{1};
+};
+
+TEST_F(DecodedTest, Every_message_of_a_stream_arrives_in_lots_of_any_size_the_first_one_included) {
+  constexpr std::size_t kLots[] = {1, 2, 3, 5, 7, 8, 14, 15, 16, 17, 47, 48, 49, 62, 100, 1000};
+  for (const std::int64_t character : {kAt9600, kAt9600 / 4, kAt115200}) {
+    for (const std::size_t most : kLots) {
+      for (const std::int64_t jitter : {std::int64_t{0}, 15 * kMs}) {
+        Restart();
+        std::vector<Bytes> sent;
+        Bytes stream;
+        for (BYTE i = 0; i < 40; ++i) {
+          sent.push_back(Message(40 + random() % 300, i));
+          stream.insert(stream.end(), sent.back().begin(), sent.back().end());
+        }
+        Send(stream, most, character, jitter);
+        EXPECT_TRUE(got == sent) << got.size() << " of 40, lots of up to " << most << ", character " << character
+                                 << ", jitter " << jitter;
+      }
+    }
+  }
+}
+
+TEST_F(DecodedTest, The_filler_ends_a_key_cut_at_any_byte_and_the_next_message_arrives) {
+  const Bytes whole = Message(60, 1);
+  const Bytes filler(16, 0xFF);
+  for (int cut = 1; cut < 16; ++cut) {
+    Restart();
+    GenericKLV_ProcessRxData(decoder, whole.data(), static_cast<int>(whole.size()));
+    GenericKLV_ProcessRxData(decoder, whole.data(), cut);
+    GenericKLV_ProcessRxData(decoder, filler.data(), static_cast<int>(filler.size()));
+    GenericKLV_ProcessRxData(decoder, whole.data(), static_cast<int>(whole.size()));
+    EXPECT_THAT(got, ElementsAre(whole, whole)) << cut;
+  }
+}
+
+}  // namespace
