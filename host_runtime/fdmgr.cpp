@@ -1,4 +1,6 @@
 // Descriptor sets over epoll. A set belongs to the thread that selects on it; nothing here takes a lock.
+//
+// A serial device is not watched itself: a SerialLine stands between it and its entry, and tells when the entry is readable.
 #define HOST_MODULE "fdmgr"
 
 #include <sys/epoll.h>
@@ -9,23 +11,28 @@
 #include <cstring>
 #include <limits>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "runtime_state.h"
+#include "serial_line.h"
 
 using namespace host_runtime;
 
 namespace {
 
 constexpr int kReadEvent = 1;  // enEventType of the read callback
+// Marks the events of an entry's serial device.
+constexpr std::uint64_t kDeviceTag = std::uint64_t{1} << 63;
 
 struct Entry {
   int fd;
   FDMGR_READ_CALLBACK callback;
   void* param1;
   void* param2;
+  std::unique_ptr<SerialLine> line;  // null for anything but a serial device
 };
 
 }  // namespace
@@ -51,26 +58,84 @@ struct tagHOST_FDSET {
 
 namespace {
 
-// Milliseconds for epoll, rounded up so that no pass ends early; -1 without interval.
+constexpr std::int64_t kNever = SerialPieces::kNever;
+
+// Milliseconds, rounded up so that no pass ends early; -1 without interval.
 std::int64_t IntervalMs(const std::optional<timeval>& interval) {
   if (!interval) return -1;
   const std::int64_t ms = std::int64_t{interval->tv_sec} * 1000 + (interval->tv_usec + 999) / 1000;
   return std::clamp<std::int64_t>(ms, 0, std::numeric_limits<int>::max());
 }
 
-// Events, 0 when the time is up, -1 with errno. A signal does not end the wait.
-int WaitForEvents(tagHOST_FDSET& set) {
-  const std::int64_t total = IntervalMs(set.interval);
-  const std::int64_t end = MonotonicNs() + total * 1'000'000;
+// Waits until something happens or until `end`. Events, 0 when the time is up or a signal came, -1 with errno.
+int WaitForEvents(tagHOST_FDSET& set, std::int64_t end) {
   // Room for every descriptor: none has to wait for the others' next pass.
-  set.events.resize(std::max<std::size_t>(set.entries.size(), 1));
-  std::int64_t wait = total;
-  for (;;) {
-    const int count =
-        epoll_wait(set.epoll, set.events.data(), static_cast<int>(set.events.size()), static_cast<int>(wait));
-    if (count >= 0 || errno != EINTR) return count;
-    if (total >= 0) wait = std::max<std::int64_t>(0, (end - MonotonicNs() + 999'999) / 1'000'000);
+  set.events.resize(std::max<std::size_t>(2 * set.entries.size(), 1));
+  std::int64_t wait = -1;
+  if (end != kNever) {
+    wait = std::max<std::int64_t>(0, end - MonotonicNs());
+    wait = std::min<std::int64_t>((wait + 999'999) / 1'000'000, std::numeric_limits<int>::max());
   }
+  const int count =
+      epoll_wait(set.epoll, set.events.data(), static_cast<int>(set.events.size()), static_cast<int>(wait));
+  return count < 0 && errno == EINTR ? 0 : count;
+}
+
+std::int64_t NextOfLines(const tagHOST_FDSET& set) {
+  std::int64_t next = kNever;
+  for (const auto& [number, entry] : set.entries) {
+    if (entry.line != nullptr) next = std::min(next, entry.line->Due());
+  }
+  return next;
+}
+
+// Puts the numbers of the readable entries into set.numbers, ascending.
+void Collect(tagHOST_FDSET& set, int count) {
+  const std::int64_t now = MonotonicNs();
+  set.numbers.clear();
+  for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+    const std::uint64_t number = set.events[i].data.u64;  // a copy: the record is packed
+    if ((number & kDeviceTag) == 0) {
+      set.numbers.push_back(number);
+    } else if (const auto found = set.entries.find(number & ~kDeviceTag); found != set.entries.end()) {
+      found->second.line->Read(now);
+    }
+  }
+  for (const auto& [number, entry] : set.entries) {
+    if (entry.line != nullptr && entry.line->Offer(now)) set.numbers.push_back(number);
+  }
+  std::sort(set.numbers.begin(), set.numbers.end());
+}
+
+// Waits until entries are readable: their number, 0 when the set's interval is over, -1 with errno.
+int WaitForEntries(tagHOST_FDSET& set) {
+  const std::int64_t total = IntervalMs(set.interval);
+  const std::int64_t end = total < 0 ? kNever : MonotonicNs() + total * 1'000'000;
+  for (;;) {
+    const int count = WaitForEvents(set, std::min(end, NextOfLines(set)));
+    if (count < 0) return -1;
+    Collect(set, count);
+    if (!set.numbers.empty()) return static_cast<int>(set.numbers.size());
+    if (end != kNever && MonotonicNs() >= end) return 0;
+  }
+}
+
+// A serial device's own events replace those of its descriptor.
+bool StartWatching(tagHOST_FDSET& set, std::uint64_t number, Entry& entry) {
+  if (const auto device = TakeDevice(entry.fd)) {
+    entry.line = SerialLine::Attach(entry.fd, *device, set.epoll, number | kDeviceTag);
+    return entry.line != nullptr;
+  }
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = number;
+  return epoll_ctl(set.epoll, EPOLL_CTL_ADD, entry.fd, &event) == 0;
+}
+
+// False for a descriptor that was closed before.
+bool StopWatching(tagHOST_FDSET& set, const Entry& entry) {
+  if (entry.line != nullptr) return entry.line->IsAttached();
+  return epoll_ctl(set.epoll, EPOLL_CTL_DEL, entry.fd, nullptr) == 0;
 }
 
 }  // namespace
@@ -98,11 +163,8 @@ BOOL __FDMGR_AddReadFD(HFDSET hSet, int iFD, FDMGR_READ_CALLBACK pfnCallback, vo
   if (hSet == nullptr || pfnCallback == nullptr) return FALSE;
   return Guarded(FALSE, [&] {
     const std::uint64_t number = hSet->nextNumber;
-    const auto added = hSet->entries.emplace(number, Entry{iFD, pfnCallback, pvParam1, pvParam2}).first;
-    epoll_event event{};
-    event.events = EPOLLIN;
-    event.data.u64 = number;
-    if (epoll_ctl(hSet->epoll, EPOLL_CTL_ADD, iFD, &event) != 0) {
+    const auto added = hSet->entries.emplace(number, Entry{iFD, pfnCallback, pvParam1, pvParam2, nullptr}).first;
+    if (!StartWatching(*hSet, number, added->second)) {
       HOST_LOG(3, "%s: cannot add descriptor %d to set \"%s\": %s.\n", szFunction, iFD, hSet->name.c_str(),
                strerror(errno));
       hSet->entries.erase(added);
@@ -124,8 +186,9 @@ BOOL __FDMGR_RemoveReadFD(HFDSET hSet, int iFD, const char* szFunction, const ch
       HOST_LOG(4, "%s: descriptor %d is not in set \"%s\".\n", szFunction, iFD, hSet->name.c_str());
       return FALSE;
     }
+    const bool watched = StopWatching(*hSet, found->second);
     hSet->entries.erase(found);
-    if (epoll_ctl(hSet->epoll, EPOLL_CTL_DEL, iFD, nullptr) != 0) {
+    if (!watched) {
       HOST_LOG(4, "%s: descriptor %d was closed before it left set \"%s\".\n", szFunction, iFD, hSet->name.c_str());
     }
     return TRUE;
@@ -145,7 +208,7 @@ BOOL FDMGR_SetSelectTimeout(HFDSET hSet, const struct timeval* pInterval, FDMGR_
 int FDMGR_Select(HFDSET hSet) {
   if (hSet == nullptr) return -1;
   return Guarded(-1, [&] {
-    const int count = WaitForEvents(*hSet);
+    const int count = WaitForEntries(*hSet);
     if (count < 0) {
       HOST_LOG(3, "Waiting on descriptor set \"%s\" failed: %s.\n", hSet->name.c_str(), strerror(errno));
       return -1;
@@ -154,17 +217,11 @@ int FDMGR_Select(HFDSET hSet) {
       if (hSet->timeoutCallback != nullptr) hSet->timeoutCallback(hSet, hSet->param1, hSet->param2);
       return 0;
     }
-    hSet->numbers.clear();
-    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-      const std::uint64_t number = hSet->events[i].data.u64;  // a copy: the record is packed
-      hSet->numbers.push_back(number);
-    }
-    std::sort(hSet->numbers.begin(), hSet->numbers.end());
     int dispatched = 0;
     for (const std::uint64_t number : hSet->numbers) {
       const auto found = hSet->entries.find(number);
       if (found == hSet->entries.end()) continue;  // removed by a callback of this pass
-      const Entry entry = found->second;           // the callback may remove itself
+      const Entry& entry = found->second;          // gone when the callback removes itself
       entry.callback(hSet, entry.fd, kReadEvent, entry.param1, entry.param2);
       ++dispatched;
     }
@@ -174,6 +231,7 @@ int FDMGR_Select(HFDSET hSet) {
 
 BOOL FDMGR_CloseSet(HFDSET* phSet) {
   if (phSet == nullptr || *phSet == nullptr) return FALSE;
+  (*phSet)->entries.clear();  // serial devices leave the epoll instance
   close((*phSet)->epoll);
   delete *phSet;
   *phSet = nullptr;

@@ -1,12 +1,21 @@
 // Serial ports: opening, with the host's mapping of names, and raw mode.
 #define HOST_MODULE "serial_port"
 
+#include "serial_port.h"
+
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <map>
+#include <mutex>
 #include <string>
 
 #include "runtime_state.h"
@@ -86,7 +95,104 @@ bool SetFrame(int dataBits, int stopBits, termios& settings) {
   return true;
 }
 
+// --- Devices that are open ---------------------------------------------------------------------------
+
+// The descriptors that OpenSerialPortDevice gave away, by number. Whoever has one closes it unasked, so an entry counts
+// only while its device is what stands behind the number.
+struct OpenDevices {
+  struct Entry {
+    SerialDevice device;
+    dev_t number;
+  };
+  std::mutex lock;  // leaf
+  std::map<int, Entry> byFD;
+
+  // What stands behind fd, or nothing. With the lock held.
+  std::map<int, Entry>::iterator Find(int fd) {
+    const auto found = byFD.find(fd);
+    struct stat info;
+    if (found == byFD.end() || (fstat(fd, &info) == 0 && S_ISCHR(info.st_mode) && info.st_rdev == found->second.number))
+      return found;
+    byFD.erase(found);
+    return byFD.end();
+  }
+};
+
+OpenDevices& AllOpenDevices() {
+  static auto* const devices = new OpenDevices;
+  return *devices;
+}
+
+// The other end's program may keep a pseudo-terminal open. The exclusive mark would then outlive this process.
+bool IsPseudoTerminal(dev_t number) {
+  constexpr unsigned kFirstMajor = 136;
+  constexpr unsigned kLastMajor = 143;
+  return major(number) >= kFirstMajor && major(number) <= kLastMajor;
+}
+
+// The lock keeps a second user of this runtime out, whoever runs it; the mark also programs that take no lock.
+bool Reserve(int fd) {
+  if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) errno = EBUSY;
+    return false;
+  }
+  struct stat info;
+  if (fstat(fd, &info) == 0 && !IsPseudoTerminal(info.st_rdev)) ioctl(fd, TIOCEXCL);
+  return true;
+}
+
+void NoteSettings(int fd, const termios& settings) {
+  OpenDevices& devices = AllOpenDevices();
+  const std::lock_guard guard(devices.lock);
+  const auto found = devices.Find(fd);
+  if (found != devices.byFD.end()) found->second.device.settings = settings;
+}
+
 }  // namespace
+
+namespace host_runtime {
+
+int OpenDevice(const std::string& device) {
+  const int fd = open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return -1;
+  if (isatty(fd) != 0 && Reserve(fd)) return fd;
+  const int error = errno == EINVAL ? ENOTTY : errno;  // some devices say the one, some the other
+  close(fd);
+  errno = error;
+  return -1;
+}
+
+void RememberDevice(int fd, const SerialDevice& device) {
+  struct stat info;
+  if (fstat(fd, &info) != 0) return;
+  OpenDevices& devices = AllOpenDevices();
+  const std::lock_guard guard(devices.lock);
+  devices.byFD[fd] = {device, info.st_rdev};
+}
+
+std::optional<SerialDevice> TakeDevice(int fd) {
+  OpenDevices& devices = AllOpenDevices();
+  const std::lock_guard guard(devices.lock);
+  const auto found = devices.Find(fd);
+  if (found == devices.byFD.end() || !found->second.device.settings) return std::nullopt;
+  SerialDevice device = std::move(found->second.device);
+  devices.byFD.erase(found);
+  return device;
+}
+
+std::int64_t CharacterTime(const termios& settings) {
+  constexpr int kUsualRate = 9600;
+  const speed_t code = cfgetispeed(&settings);
+  const auto* const baud =
+      std::find_if(std::begin(kBauds), std::end(kBauds), [code](const Baud& known) { return known.code == code; });
+  const int rate = baud == std::end(kBauds) ? kUsualRate : baud->rate;
+  const tcflag_t size = settings.c_cflag & CSIZE;
+  int bits = size == CS5 ? 5 : size == CS6 ? 6 : size == CS7 ? 7 : 8;
+  bits += 1 + (settings.c_cflag & PARENB ? 1 : 0) + (settings.c_cflag & CSTOPB ? 2 : 1);
+  return std::int64_t{1'000'000'000} * bits / rate;
+}
+
+}  // namespace host_runtime
 
 extern "C" {
 
@@ -98,16 +204,19 @@ BOOL OpenSerialPortDevice(const char* szPath, int* piFD) {
     const auto config = Config();
     const auto mapped = config->serialDevices.find(szPath);
     const std::string device = mapped == config->serialDevices.end() ? szPath : mapped->second;
-    const int iFD = open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    const int iFD = OpenDevice(device);
     if (iFD < 0) {
-      HOST_LOG(3, "Cannot open serial device \"%s\": %s.\n", device.c_str(), strerror(errno));
+      const int error = errno;
+      if (error == EBUSY) {
+        HOST_LOG(3, "Serial device \"%s\" is in use; a device is never shared.\n", device.c_str());
+      } else if (error == ENOTTY) {
+        HOST_LOG(3, "\"%s\" is not a serial device.\n", device.c_str());
+      } else {
+        HOST_LOG(3, "Cannot open serial device \"%s\": %s.\n", device.c_str(), strerror(error));
+      }
       return FALSE;
     }
-    if (isatty(iFD) == 0) {
-      HOST_LOG(3, "\"%s\" is not a serial device.\n", device.c_str());
-      close(iFD);
-      return FALSE;
-    }
+    RememberDevice(iFD, {device, std::nullopt});
     if (device != szPath) HOST_LOG(5, "Serial device \"%s\" is \"%s\".\n", szPath, device.c_str());
     *piFD = iFD;
     return TRUE;
@@ -144,6 +253,7 @@ BOOL ConfigureSerialPort(int iFD, const MDATA_SERIAL_SRC_CFG* pConfig, struct te
       ((actual.c_cflag ^ settings.c_cflag) & kFrame || cfgetispeed(&actual) != cfgetispeed(&settings))) {
     HOST_LOG(4, "Serial port: the device did not take all of its settings.\n");
   }
+  NoteSettings(iFD, settings);
   return TRUE;
 }
 

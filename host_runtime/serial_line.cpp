@@ -1,0 +1,188 @@
+#define HOST_MODULE "serial_line"
+
+#include "serial_line.h"
+
+#include <fcntl.h>
+#include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+#include "runtime_state.h"
+
+namespace host_runtime {
+namespace {
+
+constexpr std::int64_t kSecond = 1'000'000'000;
+// What is written half a second after a device is back is to arrive, so the device has to be open by then.
+constexpr std::int64_t kRetry = kSecond / 4;
+// More is left to the device's own buffer and its flow control.
+constexpr std::size_t kMostHeld = 4096;
+
+}  // namespace
+
+bool LossLimit::Allow(std::int64_t now) {
+  const double gained = static_cast<double>(now - m_filled) / static_cast<double>(kSecond);
+  m_tokens = std::min(kBurst, m_tokens + std::max(gained, 0.0));
+  m_filled = now;
+  if (m_tokens < 1) return false;
+  m_tokens -= 1;
+  return true;
+}
+
+SerialLine::SerialLine(int fd, const SerialDevice& device, int epoll, std::uint64_t tag)
+    : m_fd(fd), m_is(device), m_epoll(epoll), m_tag(tag), m_pieces(CharacterTime(*device.settings)) {}
+
+std::unique_ptr<SerialLine> SerialLine::Attach(int fd, const SerialDevice& device, int epoll, std::uint64_t tag) {
+  auto line = std::unique_ptr<SerialLine>(new SerialLine(fd, device, epoll, tag));
+  if (line->TakeOver()) return line;
+  const int error = errno;
+  line.reset();
+  RememberDevice(fd, device);
+  errno = error;
+  return nullptr;
+}
+
+bool SerialLine::TakeOver() {
+  m_device = fcntl(m_fd, F_DUPFD_CLOEXEC, 0);
+  if (m_device < 0 || !Watch()) return false;
+  std::array<int, 2> ends{};
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) != 0) return false;
+  m_feed = ends[0];
+  struct stat info;
+  epoll_event closed{};  // only that the other end was closed, once
+  closed.events = EPOLLRDHUP | EPOLLET;
+  closed.data.u64 = m_tag;
+  const bool replaced = epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_feed, &closed) == 0 && fstat(ends[1], &info) == 0 &&
+                        dup3(ends[1], m_fd, O_CLOEXEC) == m_fd;
+  const int error = errno;
+  close(ends[1]);
+  errno = error;
+  if (!replaced) return false;
+  m_feedDevice = info.st_dev;
+  m_feedNode = info.st_ino;
+  return true;
+}
+
+SerialLine::~SerialLine() {
+  Unwatch();
+  if (m_device >= 0 && IsAttached() && dup3(m_device, m_fd, O_CLOEXEC) == m_fd) {
+    Guarded([this] { RememberDevice(m_fd, m_is); });
+  }
+  if (m_device >= 0) close(m_device);
+  if (m_feed >= 0) close(m_feed);  // leaves the epoll instance with its last descriptor
+}
+
+bool SerialLine::IsAttached() const {
+  struct stat info;
+  return m_feedNode != 0 && fstat(m_fd, &info) == 0 && info.st_dev == m_feedDevice && info.st_ino == m_feedNode;
+}
+
+bool SerialLine::Watch() {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = m_tag;
+  m_watched = m_watched || epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_device, &event) == 0;
+  return m_watched;
+}
+
+// Taken out rather than asked for no events: a device that hung up reports that in any case.
+void SerialLine::Unwatch() {
+  if (std::exchange(m_watched, false)) epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_device, nullptr);
+}
+
+// A read callback may leave its bytes, when it cannot get a lock in time; they come before any others.
+bool SerialLine::HasUnread() const {
+  int unread = 0;
+  return ioctl(m_feed, TIOCOUTQ, &unread) == 0 && unread != 0;
+}
+
+// The descriptor was closed while it was in the set. Its number may be anybody's by now.
+void SerialLine::Abandon() {
+  m_abandoned = true;
+  Unwatch();
+  if (m_device >= 0) close(std::exchange(m_device, -1));
+}
+
+void SerialLine::Read(std::int64_t now) {
+  if (!IsAttached()) Abandon();
+  if (m_device < 0) return;
+  std::array<std::uint8_t, 4096> buffer;
+  const ssize_t got = read(m_device, buffer.data(), buffer.size());
+  if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (got <= 0) {
+    LoseDevice(now);
+    return;
+  }
+  m_pieces.Add({buffer.data(), static_cast<std::size_t>(got)}, now);
+  if (m_pieces.Held() >= kMostHeld) Unwatch();
+}
+
+bool SerialLine::Offer(std::int64_t now) {
+  if (m_abandoned) return false;
+  if (m_device < 0 && now >= m_nextTry) TryDevice(now);
+  if (HasUnread()) return true;
+  const auto piece = m_pieces.Next(now);
+  if (piece.empty()) return false;
+  const ssize_t sent = send(m_feed, piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  if (sent != static_cast<ssize_t>(piece.size())) {
+    if (sent >= 0 || errno == EAGAIN || errno == EINTR || errno == ENOBUFS || errno == ENOMEM) return false;
+    Abandon();
+    return false;
+  }
+  m_pieces.Took(now);
+  if (m_device >= 0 && m_pieces.Held() < kMostHeld) Watch();
+  return true;
+}
+
+std::int64_t SerialLine::Due() const {
+  if (m_abandoned) return SerialPieces::kNever;
+  if (HasUnread()) return 0;
+  const std::int64_t due = m_pieces.Due();
+  return m_device < 0 ? std::min(due, m_nextTry) : due;
+}
+
+void SerialLine::LoseDevice(std::int64_t now) {
+  Unwatch();
+  close(std::exchange(m_device, -1));
+  m_pieces.Interrupt();
+  m_nextTry = now + kRetry;
+  m_lossTold = false;
+  ReportLoss(now);
+}
+
+// A loss that was not told leaves the log with "is back" as its last word; it is told as soon as that may be, if the
+// device is still away then.
+void SerialLine::ReportLoss(std::int64_t now) {
+  if (!m_limit.Allow(now)) return;
+  m_lossTold = true;
+  if (m_untold != 0) {
+    HOST_LOG(4, "Serial device \"%s\" went away and came back %u more times.\n", m_is.path.c_str(), m_untold);
+  }
+  m_untold = 0;
+  HOST_LOG(4, "Serial device \"%s\" is gone; waiting for it to come back.\n", m_is.path.c_str());
+}
+
+void SerialLine::TryDevice(std::int64_t now) {
+  m_nextTry = now + kRetry;
+  if (!m_lossTold) ReportLoss(now);
+  m_device = OpenDevice(m_is.path);
+  if (m_device < 0) return;
+  if (tcsetattr(m_device, TCSANOW, &*m_is.settings) != 0 || !Watch()) {
+    close(std::exchange(m_device, -1));
+    return;
+  }
+  if (m_lossTold) {
+    HOST_LOG(4, "Serial device \"%s\" is back.\n", m_is.path.c_str());
+  } else {
+    ++m_untold;
+  }
+}
+
+}  // namespace host_runtime
