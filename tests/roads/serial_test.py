@@ -1,0 +1,117 @@
+#!/usr/bin/env python3
+"""Serial lines at their rates, in pieces of any size, and devices that are unplugged and come back."""
+import os
+import random
+import subprocess
+import time
+
+import road
+from road import Road, source
+from serial_line import SERIAL, Copies, Line, random_size, sized_message
+
+REPLUGS = int(os.environ.get("ROAD_REPLUGS", "12"))
+GONE = "is gone; waiting for it to come back."
+BACK = "is back."
+
+
+class SerialLine(Road):
+    def setUp(self):
+        super().setUp()
+        self.line = Line(self.folder / "serial")
+        self.addCleanup(self.line.close)
+        self.copies = Copies()
+        self.addCleanup(self.copies.close)
+
+    def open(self, baud):
+        self.encoder(SERIAL.format(baud) + self.copies.config)
+        self.wait_for(self.line.is_open, "the encoder to open the line")
+
+    def log(self):
+        return (self.folder / "host.log").read_text()
+
+    def all_arrive(self, baud, sizes, most):
+        wanted = [sized_message(number, size) for number, size in enumerate(sizes)]
+        self.open(baud)
+        for message in wanted:
+            self.line.send(message, baud, most)
+            time.sleep(max(0.03, 300 / baud))  # so that a feeder that is not scheduled for once cuts no key twice
+        self.settle("serial", len(wanted))
+        self.assertEqual(source(self.stop(), "serial")["corrupt"], 0)
+        self.assertEqual(self.delivered("serial"), wanted)
+
+    def test_single_bytes_at_9600_baud(self):
+        self.all_arrive(9600, [120, 259, 40, 33, 300, 47, 64, 65, 259, 150, 48], 1)
+
+    def test_pieces_of_any_size_at_19200_baud(self):
+        self.all_arrive(19200, [random_size(random.Random(seed), 33, 500) for seed in range(25)], 70)
+
+    def test_single_bytes_and_large_messages_at_115200_baud(self):
+        self.all_arrive(115200, [4000, 120, 259, 40, 2000] + [259] * 60, 1)
+
+    def test_a_device_is_not_shared_by_two_processes(self):
+        self.open(115200)
+        second = subprocess.run(
+            [road.options.encoder, self.folder / "encoder.ini", "--library", road.options.library, "--host-config",
+             self.folder / "host.ini", "--output-dir", self.folder, "--duration", "1"],
+            capture_output=True, text=True, timeout=60)
+        self.assertNotEqual(second.returncode, 0, second.stdout)
+        self.assertIn(f'Serial device "{self.folder}/serial" is in use; a device is never shared.', self.log())
+        self.line.write(sized_message(1, 100))
+        self.settle("serial", 1)
+        self.stop()
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.encoder_process.pid}/fd"))
+
+    def replug(self, choose, number):
+        """Unplugs, often in the middle of a message, plugs in again, and gives the messages that have to arrive."""
+        begun = time.monotonic()
+        if choose.random() < 0.7:
+            cut = sized_message(10**9 + number, random_size(choose, 33, 600))
+            self.line.write(cut[:choose.randint(1, len(cut) - 1)])
+        self.line.unplug()
+        time.sleep(choose.choice([0, 0.05, 0.3]))
+        self.line.plug()
+        time.sleep(0.5)
+        wanted = [sized_message(2 * number + i, random_size(choose, 33, 400)) for i in range(2)]
+        self.line.write(wanted[0])
+        time.sleep(choose.choice([0, 0.1]))
+        self.line.write(wanted[1])
+        for message in wanted:
+            self.assertEqual(self.copies.next(10 * road.SLOW), message, f"replug {number}")
+        time.sleep(max(0, begun + 1.02 - time.monotonic()))
+        return wanted
+
+    def test_replugged_devices_lose_nothing_that_is_sent_half_a_second_later(self):
+        self.open(115200)
+        choose = random.Random(3)
+        before = self.descriptors()
+        wanted = []
+        for number in range(REPLUGS):
+            wanted += self.replug(choose, number)
+        self.settle("serial", len(wanted))
+        self.assertEqual(self.descriptors(), before)
+        self.stop()
+        self.assertEqual(self.delivered("serial"), wanted)
+        for text in (GONE, BACK):
+            lines = [line for line in self.log().splitlines() if text in line]
+            self.assertEqual(len(lines), REPLUGS, text)
+            self.assertTrue(all(" HOST 4/warning " in line for line in lines))
+
+    def test_an_encoder_without_its_device_does_nothing(self):
+        self.open(115200)
+        self.line.unplug()
+        self.wait_for(lambda: GONE in self.log(), "the line that says so")
+
+        def ticks():
+            with open(f"/proc/{self.encoder_process.pid}/stat") as stat:
+                return sum(int(word) for word in stat.read().rsplit(")")[-1].split()[11:13])
+
+        before = ticks()
+        time.sleep(2)
+        self.assertLess(ticks() - before, 0.3 * os.sysconf("SC_CLK_TCK") * road.SLOW)
+        self.stop()
+
+
+if __name__ == "__main__":
+    road.main()
