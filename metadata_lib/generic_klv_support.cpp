@@ -13,6 +13,7 @@
 
 #include "host_util.h"
 #include "md_atomic.h"
+#include "md_core.h"
 
 #define MD_MODULE "generic_klv_support"
 #include "md_log.h"
@@ -467,7 +468,7 @@ static LOCAL_KLV_STANDARD _g_KnownKLVStandards[] = {
 
 static LOCAL_KLV_STANDARD _g_GenericKLVStandard = {"Generic (Unknown)", nullptr, FALSE, 0, nullptr};
 
-// KEPT: every byte of the key counts, its version byte too.
+// KEPT: every byte of the key is compared, including its version byte.
 LOCAL_KLV_STANDARD* _GetKLVStandardInfo(const BYTE* pcKey) {
   int nIndex = 0;
   for (LOCAL_KLV_STANDARD& Standard : _g_KnownKLVStandards) {
@@ -491,7 +492,7 @@ struct Walk {
   int nMsgSize;
   int nHeaderSize;
   int64_t nOffset;      // of the current item; behind the message when an item ran past its end
-  bool bFound = false;  // the integrity item
+  bool bFound = false;  // an integrity item
 };
 
 }  // namespace
@@ -514,7 +515,7 @@ static bool _CheckIntegrityItem(Walk& walk, KLV_INFO* pItem) {
   return true;
 }
 
-// One item. FALSE rejects the message; *pbEnded tells that no further item can be reached.
+// Checks one item. Returns false if the message is rejected; *pbEnded is set if no further item can be reached.
 static bool _WalkItem(Walk& walk, bool* pbEnded) {
   KLV_INFO item;
   const int nOffset = static_cast<int>(walk.nOffset);
@@ -529,14 +530,14 @@ static bool _WalkItem(Walk& walk, bool* pbEnded) {
   if (walk.pStdInfo->bHasIntegrityItem && item.nKey == walk.pStdInfo->IntegrityItemTag &&
       !_CheckIntegrityItem(walk, &item))
     return false;
-  // In 64 bits, where a length of four bytes passes the message's end and never steps backwards.
-  const int64_t nTotal = (item.pValue - (walk.pcData + nOffset)) + int64_t{static_cast<UINT32>(item.nLength)};
-  *pbEnded = nTotal == 0;
-  walk.nOffset += nTotal;
+  // A length of four bytes may end far behind the message, but never before the item.
+  const auto valuePosition = static_cast<uint64_t>(item.pValue - walk.pcData);
+  walk.nOffset = static_cast<int64_t>(_MdItemEnd(valuePosition, static_cast<UINT32>(item.nLength)));
+  *pbEnded = walk.nOffset == nOffset;
   return true;
 }
 
-// KEPT: the integrity item is checked where it is present and never required.
+// KEPT: an integrity item is checked if there is one, but it is not required.
 BOOL _ValidateKLVMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* pcData, int nMsgSize, int nHeaderSize) {
   Walk walk = {pCtxt, _GetKLVStandardInfo(pcData), pcData, nMsgSize, nHeaderSize, nHeaderSize};
   MD_LOG(7, "Called with nHeaderSize=%d, nMsgSize=%d\n", nHeaderSize, nMsgSize);
@@ -558,28 +559,18 @@ BOOL _ValidateKLVMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* pcData, int nMsgSize, 
 // 5. Checksum: the 16-bit running sum of MISB ST 0601. Any thread, no state.
 // =====================================================================================================
 
-// Sums nLength bytes, those at even positions as high bytes; the two at nSkip count as zero unless nSkip is 0.
-static WORD _RunningSum(const BYTE* pcData, UINT nLength, UINT nSkip) {
-  UINT nSum = 0;
-  for (UINT i = 0; i < nLength; ++i) {
-    if (nSkip != 0 && (i == nSkip || i == nSkip + 1)) continue;
-    nSum += i % 2 == 0 ? static_cast<UINT>(pcData[i]) << 8 : pcData[i];
-  }
-  return static_cast<WORD>(nSum);
-}
-
-// KEPT: with the offset 0 nothing is skipped, so position 0 never can be.
+// KEPT: with the offset 0 nothing is skipped, so that the bytes at position 0 always count.
 WORD CalcKlvChecksum16Ex(const BYTE* buff, WORD len, WORD CheckSumOffset) {
-  return _RunningSum(buff, len, CheckSumOffset);
+  return CheckSumOffset == 0 ? _MdRunningSum(buff, len) : _MdRunningSumWithout(buff, len, CheckSumOffset);
 }
 
 WORD CalcKlvChecksum16(const BYTE* buff, WORD len) {
   return CalcKlvChecksum16Ex(buff, len, 0);
 }
 
-// Sums in whole lengths: a message may be some bytes longer than 65535.
+// A message may be some bytes longer than the 65535 that the exported sums take.
 BOOL _UASDataLinkValidator(const BYTE* pcData, UINT nFullLength, UINT, KLV_INFO* IntegrityItem, UINT nItemOffset) {
-  // KEPT: silent on an item of the wrong form.
+  // KEPT: an item of the wrong form is rejected without a line of its own.
   if (IntegrityItem->nKeySize != 1 || IntegrityItem->nLengthSize != 1 || IntegrityItem->nLength != 2) return FALSE;
   const UINT nEnd = nItemOffset + IntegrityItem->nTotalSize;
   if (nEnd > nFullLength) return FALSE;
@@ -587,9 +578,9 @@ BOOL _UASDataLinkValidator(const BYTE* pcData, UINT nFullLength, UINT, KLV_INFO*
   WORD nComputed = 0;
   if (nEnd != nFullLength) {
     MD_LOG(6, "Calculating two-pass checksum since KLV is NOT at the end.\n");
-    nComputed = _RunningSum(pcData, nFullLength, nItemOffset + 2);
+    nComputed = _MdRunningSumWithout(pcData, nFullLength, nItemOffset + 2);
   } else {
-    nComputed = _RunningSum(pcData, nFullLength - 2, 0);
+    nComputed = _MdRunningSum(pcData, nFullLength - 2);
   }
   if (nComputed != nStored) {
     MD_LOG(4, "Calculated checksum (0x%04X) doesn't match KLV value (0x%04X).\n", nComputed, nStored);

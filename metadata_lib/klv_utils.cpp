@@ -8,9 +8,17 @@
 #include "klv_utils.h"
 
 #include "host_util.h"
+#include "md_core.h"
 
 #define MD_MODULE "klv_utils"
 #include "md_log.h"
+
+static_assert(int{kMdFieldOidTag} == KLV_FIELD_BER_OID_TAG && int{kMdFieldNoneOrBer} == KLV_FIELD_NONE_OR_BER &&
+              int{kMdField1Byte} == KLV_FIELD_1_BYTE && int{kMdField2Bytes} == KLV_FIELD_2_BYTES &&
+              int{kMdField4Bytes} == KLV_FIELD_4_BYTES && int{kMdFieldGlobalTag} == KLV_FIELD_GLOBAL_TAG &&
+              int{kMdFieldUniversalKey} == KLV_FIELD_UNIVERSAL_KEY);
+
+static constexpr uint32_t kMostLengthBytes = 2;  // BER long form, after the first byte
 
 // =====================================================================================================
 // 1. Field sizes and their texts
@@ -103,176 +111,123 @@ char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* szBuffer, int nS
 }
 
 // =====================================================================================================
-// 2. Tags. Each function reads the tag at the start of the bytes; FALSE when they end too early.
+// 2. Tags. The core has read the item when these run; they log the tag and refuse what it must not be. The functions
+//    that only log are cold: an item is read for every few bytes of a message.
 // =====================================================================================================
 
-namespace {
-
-struct Tag {
-  UINT32 nKey = 0;
-  int nSize = 0;
-};
-
-struct Length {
-  int32_t nLength = 0;
-  int nRecordedSize = 0;  // as KLV_INFO reports it
-  int nValueOffset = 0;   // from the element's start
-};
-
-}  // namespace
-
-static UINT32 _ReadBigEndian(const BYTE* pcData, int nBytes) {
-  UINT32 nValue = 0;
-  for (int i = 0; i < nBytes; ++i) nValue = nValue << 8 | pcData[i];
-  return nValue;
-}
-
-static void _LogBerTag(const Tag& tag) {
-  switch (tag.nSize) {
-    case 1:
-      MD_LOG(7, "one byte tag=0x%02X.\n", tag.nKey);
-      break;
-    case 2:
-      MD_LOG(7, "two bytes tag=0x%04X.\n", tag.nKey);
-      break;
-    case 3:
-      MD_LOG(7, "three bytes tag=0x%06X.\n", tag.nKey);
-      break;
-    case 4:
-      MD_LOG(7, "four bytes tag=0x%08X.\n", tag.nKey);
-      break;
-    default:
-      break;
-  }
-}
-
-static BOOL _ReadBerTag(const BYTE* pcData, int nBuffSize, Tag* pTag) {
-  int nLast = 0;
-  while (nLast < nBuffSize && (pcData[nLast] & 0x80) != 0) ++nLast;
-  if (nLast == nBuffSize) {
-    MD_LOG(4, "local tag is out of range of the supplied buffer.\n");
-    return FALSE;
-  }
-  pTag->nSize = nLast + 1;
-  MD_LOG(7, "BER encoded tag is %d bytes long.\n", pTag->nSize);
-  if (pTag->nSize > 4) return TRUE;  // KEPT: a longer tag is accepted with the value 0
-  for (int i = 0; i <= nLast; ++i) pTag->nKey = pTag->nKey << 7 | (pcData[i] & 0x7Fu);
-  _LogBerTag(*pTag);
-  return TRUE;
-}
-
-static BOOL _ReadGlobalTag(const BYTE* pcData, int nBuffSize, Tag* pTag) {
-  int nSize = 0;
-  bool bEnded = false;
-  while (nSize < KLV_FIELD_GLOBAL_TAG && !bEnded) {
-    if (nSize >= nBuffSize) {
-      MD_LOG(4, "Not enough buffer space to read global tag.\n");
-      return FALSE;
-    }
-    bEnded = pcData[nSize++] == 0;
-  }
-  MD_LOG(7, "global tag is %d bytes long.\n", nSize);
-  if (nSize < 2) {
-    // KEPT: two messages run together, for whoever greps logs.
-    MD_LOG(4, "Global tag is not even 2 bytes long Not enough buffer space to read 16 bytes key.\n");
-    return FALSE;
-  }
-  pTag->nSize = nSize;
-  return TRUE;
-}
-
-static BOOL _Read4BytesTag(const BYTE* pcData, int nBuffSize, Tag* pTag) {
-  if (nBuffSize < 4) {
-    MD_LOG(4, "Not enough buffer space to read 4 bytes key.\n");
-    return FALSE;
-  }
-  MD_LOG(7, "Using specified 4 bytes tag.\n");
-  *pTag = {_ReadBigEndian(pcData, 4), 4};
-  return TRUE;
-}
-
-static BOOL _ReadUniversalKey(int nBuffSize, Tag* pTag) {
-  if (nBuffSize < 16) {
-    MD_LOG(4, "Not enough buffer space to read 16 bytes key.\n");
-    return FALSE;
-  }
-  MD_LOG(7, "Using specified 16 bytes tag.\n");
-  *pTag = {0, 16};
-  return TRUE;
-}
-
-static BOOL _ReadTag(const BYTE* pcData, int nBuffSize, int nTagFieldSize, Tag* pTag) {
+[[gnu::cold]] static BOOL _TagCut(int nTagFieldSize) {
   switch (nTagFieldSize) {
     case KLV_FIELD_BER_OID_TAG:
-      return _ReadBerTag(pcData, nBuffSize, pTag);
-    case KLV_FIELD_1_BYTE:
-      MD_LOG(7, "Using specified 1 byte tag.\n");
-      *pTag = {pcData[0], 1};
-      return TRUE;
-    case KLV_FIELD_2_BYTES:
-      MD_LOG(7, "Using specified 2 bytes tag.\n");
-      *pTag = {_ReadBigEndian(pcData, 2), 2};
-      return TRUE;
+      MD_LOG(4, "local tag is out of range of the supplied buffer.\n");
+      break;
     case KLV_FIELD_4_BYTES:
-      return _Read4BytesTag(pcData, nBuffSize, pTag);
+      MD_LOG(4, "Not enough buffer space to read 4 bytes key.\n");
+      break;
     case KLV_FIELD_UNIVERSAL_KEY:
-      return _ReadUniversalKey(nBuffSize, pTag);
-    case KLV_FIELD_GLOBAL_TAG:
-      return _ReadGlobalTag(pcData, nBuffSize, pTag);
-    case KLV_FIELD_NONE_OR_BER:
-      MD_LOG(7, "No tag present (var/def length pack).\n");
-      return TRUE;
+      MD_LOG(4, "Not enough buffer space to read 16 bytes key.\n");
+      break;
     default:
-      MD_ASSERT_UNREACHED();
-      return TRUE;
+      MD_LOG(4, "Not enough buffer space to read global tag.\n");
+      break;
   }
-}
-
-// =====================================================================================================
-// 3. Lengths. nTagSize is below nBuffSize when these run.
-// =====================================================================================================
-
-static BOOL _LengthOutOfRange() {
-  MD_LOG(4, "length offset is out of range of the supplied buffer.\n");
   return FALSE;
 }
 
-static BOOL _ReadBerLength(const BYTE* pcData, int nBuffSize, int nTagSize, Length* pLength) {
-  const int nFirst = pcData[nTagSize];
-  if ((nFirst & 0x80) == 0) {
-    MD_LOG(7, "BER short form length of 1 byte detected.\n");
-    *pLength = {nFirst, 1, nTagSize + 1};
-    return TRUE;
+[[gnu::cold]] static void _LogBerTag(const MdTag& tag) {
+  MD_LOG(7, "BER encoded tag is %d bytes long.\n", static_cast<int>(tag.size));
+  switch (tag.size) {
+    case 1:
+      MD_LOG(7, "one byte tag=0x%02X.\n", tag.key);
+      break;
+    case 2:
+      MD_LOG(7, "two bytes tag=0x%04X.\n", tag.key);
+      break;
+    case 3:
+      MD_LOG(7, "three bytes tag=0x%06X.\n", tag.key);
+      break;
+    case 4:
+      MD_LOG(7, "four bytes tag=0x%08X.\n", tag.key);
+      break;
+    default:
+      break;  // KEPT: a longer tag is accepted with the value 0
   }
-  const int nBytes = nFirst & 0x7F;
-  if (nTagSize + nBytes >= nBuffSize) return _LengthOutOfRange();
-  if (nBytes != 1 && nBytes != 2) {
-    MD_LOG(4, "Unsupported long form tag length of %d bytes.\n", nBytes);
-    return FALSE;
-  }
-  MD_LOG(7, "BER long form length of %d bytes detected.\n", nBytes);
-  // KEPT: the recorded size is that of the bytes behind the first one; the total size counts them all.
-  *pLength = {static_cast<int32_t>(_ReadBigEndian(pcData + nTagSize + 1, nBytes)), nBytes, nTagSize + 1 + nBytes};
-  return TRUE;
 }
 
-static BOOL _ReadFixedLength(const BYTE* pcData, int nBuffSize, int nTagSize, int nBytes, Length* pLength) {
-  if (nTagSize + nBytes > nBuffSize) return _LengthOutOfRange();
-  *pLength = {static_cast<int32_t>(_ReadBigEndian(pcData + nTagSize, nBytes)), nBytes, nTagSize + nBytes};
-  return TRUE;
-}
-
-static BOOL _ReadLength(const BYTE* pcData, int nBuffSize, int nTagSize, int nLengthFieldSize, Length* pLength) {
-  switch (nLengthFieldSize) {
+[[gnu::cold]] static void _LogTag(const MdTag& tag, int nTagFieldSize) {
+  switch (nTagFieldSize) {
+    case KLV_FIELD_BER_OID_TAG:
+      _LogBerTag(tag);
+      break;
+    case KLV_FIELD_1_BYTE:
+      MD_LOG(7, "Using specified 1 byte tag.\n");
+      break;
+    case KLV_FIELD_2_BYTES:
+      MD_LOG(7, "Using specified 2 bytes tag.\n");
+      break;
+    case KLV_FIELD_4_BYTES:
+      MD_LOG(7, "Using specified 4 bytes tag.\n");
+      break;
+    case KLV_FIELD_UNIVERSAL_KEY:
+      MD_LOG(7, "Using specified 16 bytes tag.\n");
+      break;
+    case KLV_FIELD_GLOBAL_TAG:
+      MD_LOG(7, "global tag is %d bytes long.\n", static_cast<int>(tag.size));
+      break;
     case KLV_FIELD_NONE_OR_BER:
-      return _ReadBerLength(pcData, nBuffSize, nTagSize, pLength);
+      MD_LOG(7, "No tag present (var/def length pack).\n");
+      break;
+    default:
+      break;
+  }
+}
+
+static BOOL _CheckTag(const MdTag& tag, int nTagFieldSize) {
+  switch (nTagFieldSize) {
+    case KLV_FIELD_BER_OID_TAG:
     case KLV_FIELD_1_BYTE:
     case KLV_FIELD_2_BYTES:
     case KLV_FIELD_4_BYTES:
-      return _ReadFixedLength(pcData, nBuffSize, nTagSize, nLengthFieldSize, pLength);
+    case KLV_FIELD_UNIVERSAL_KEY:
+    case KLV_FIELD_NONE_OR_BER:
+      return TRUE;
+    case KLV_FIELD_GLOBAL_TAG:
+      if (tag.size >= 2) return TRUE;
+      // KEPT: two messages run together, for whoever greps logs.
+      MD_LOG(4, "Global tag is not even 2 bytes long Not enough buffer space to read 16 bytes key.\n");
+      return FALSE;
     default:
       MD_ASSERT_UNREACHED();
       return TRUE;
+  }
+}
+
+// =====================================================================================================
+// 3. Lengths. As above.
+// =====================================================================================================
+
+static BOOL _CheckLength(const MdLength& length, MdRead result) {
+  switch (result) {
+    case kMdReadOk:
+      if (!length.longForm || length.count <= kMostLengthBytes) return TRUE;
+      break;
+    case kMdReadUnsupported:
+      break;
+    case kMdReadUnknownCode:
+      MD_ASSERT_UNREACHED();
+      return TRUE;
+    default:
+      MD_LOG(4, "length offset is out of range of the supplied buffer.\n");
+      return FALSE;
+  }
+  MD_LOG(4, "Unsupported long form tag length of %d bytes.\n", static_cast<int>(length.count));
+  return FALSE;
+}
+
+[[gnu::cold]] static void _LogBerLength(const MdLength& length) {
+  if (length.longForm) {
+    MD_LOG(7, "BER long form length of %d bytes detected.\n", static_cast<int>(length.count));
+  } else {
+    MD_LOG(7, "BER short form length of 1 byte detected.\n");
   }
 }
 
@@ -280,34 +235,43 @@ static BOOL _ReadLength(const BYTE* pcData, int nBuffSize, int nTagSize, int nLe
 // 4. Elements
 // =====================================================================================================
 
+[[gnu::cold]] static void _LogStart(int nBuffSize, int nTagFieldSize, int nLengthFieldSize) {
+  char szTag[40];
+  char szLength[40];
+  MD_LOG(7, "Inspecting KLV with K=\"%s\" L=\"%s\" with %d bytes of readable memory.\n",
+         KLV_GetTagFieldDescription(nTagFieldSize, szTag, sizeof(szTag)),
+         KLV_GetLengthFieldDescription(nLengthFieldSize, szLength, sizeof(szLength)), nBuffSize);
+}
+
 BOOL KLV_GetInfo(const void* pvBuff, int nBuffSize, int nTagFieldSize, int nLengthFieldSize, KLV_INFO* pInfo) {
   const BYTE* pcData = static_cast<const BYTE*>(pvBuff);
-  if (MdLogEnabled(g_hMetaDataLibDbg, 7)) {
-    char szTag[40];
-    char szLength[40];
-    MD_LOG(7, "Inspecting KLV with K=\"%s\" L=\"%s\" with %d bytes of readable memory.\n",
-           KLV_GetTagFieldDescription(nTagFieldSize, szTag, sizeof(szTag)),
-           KLV_GetLengthFieldDescription(nLengthFieldSize, szLength, sizeof(szLength)), nBuffSize);
-  }
+  const bool traced = MdLogEnabled(g_hMetaDataLibDbg, 7);
+  if (traced) _LogStart(nBuffSize, nTagFieldSize, nLengthFieldSize);
   if (nBuffSize < 2) {
     MD_LOG(4, "key offset is out of range of the supplied buffer.\n");
     return FALSE;
   }
-  Tag tag;
-  if (!_ReadTag(pcData, nBuffSize, nTagFieldSize, &tag)) return FALSE;
-  if (tag.nSize >= nBuffSize) return _LengthOutOfRange();
-  Length length;
-  if (!_ReadLength(pcData, nBuffSize, tag.nSize, nLengthFieldSize, &length)) return FALSE;
+  const size_t size = static_cast<size_t>(nBuffSize);
+  MdItem item;
+  const MdRead result = _MdReadItem(pcData, size, 0, nTagFieldSize, nLengthFieldSize, &item);
+  if (result == kMdReadTagCut) return _TagCut(nTagFieldSize);
+  if (traced) _LogTag(item.tag, nTagFieldSize);
+  if (!_CheckTag(item.tag, nTagFieldSize) || !_CheckLength(item.length, result)) return FALSE;
+  if (traced && nLengthFieldSize == KLV_FIELD_NONE_OR_BER) _LogBerLength(item.length);
+  // KEPT: with an unknown length code the empty value stands at the element's start and the total is 0.
+  const size_t valuePosition = result == kMdReadOk ? item.valuePosition : 0;
+  const auto nLength = static_cast<int32_t>(item.length.value);
   // KEPT: only the value's first byte must lie inside; callers catch a value that runs past the end.
-  if (length.nLength >= 1 && length.nValueOffset >= nBuffSize) {
+  if (nLength >= 1 && valuePosition >= size) {
     MD_LOG(4, "data offset is out of range of the supplied buffer.\n");
     return FALSE;
   }
-  pInfo->nKey = tag.nKey;
-  pInfo->nLength = length.nLength;
-  pInfo->pValue = pcData + length.nValueOffset;
-  pInfo->nKeySize = static_cast<UINT32>(tag.nSize);
-  pInfo->nLengthSize = static_cast<UINT32>(length.nRecordedSize);
-  pInfo->nTotalSize = static_cast<UINT32>(length.nValueOffset) + static_cast<UINT32>(length.nLength);
+  pInfo->nKey = item.tag.key;
+  pInfo->nLength = nLength;
+  pInfo->pValue = pcData + valuePosition;
+  pInfo->nKeySize = static_cast<UINT32>(item.tag.size);
+  // KEPT: in the BER long form the recorded size is that of the bytes after the first one; the total counts them all.
+  pInfo->nLengthSize = item.length.count;
+  pInfo->nTotalSize = static_cast<UINT32>(valuePosition) + item.length.value;
   return TRUE;
 }

@@ -13,6 +13,7 @@
 
 #include "host_thread.h"
 #include "md_atomic.h"
+#include "md_core.h"
 
 #define MD_MODULE "utils"
 #include "md_log.h"
@@ -28,7 +29,7 @@ int32_t _g_nMaxAllocatedBuffers = 0;
 // Serialises releases. Recursive, so that a host's assertion handler may release a buffer itself.
 static pthread_mutex_t _g_BufferMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
-// KEPT: the counters change without the mutex here and under it in the release; they only feed the log line.
+// KEPT: the counters change without the mutex here and with it held in the release; they only feed the log line.
 static void _CountAllocation(const char* szFunction, int nLine) {
   const int32_t nNow = MdAdd(_g_nAllocatedBuffers, 1);
   if (nNow <= MdLoad(_g_nMaxAllocatedBuffers)) return;
@@ -37,7 +38,8 @@ static void _CountAllocation(const char* szFunction, int nLine) {
     _DoDbgPrintEx(g_hMetaDataLibDbg, 6, szFunction, MD_MODULE, nLine, "Max alloc buffers now at %d.\n", nNow);
 }
 
-// The block of all three allocations; NULL, silently, without memory or with a size that is none.
+// Allocates the block of all three allocations. Returns NULL, without logging, if out of memory or if a size is negative
+// or overflows.
 static MDATA_BUFFER* _AllocBlock(int nDataSize, int nReservedSpace, const char* szFunction, int nLine) {
   if (nDataSize < 0 || nReservedSpace < 0) return nullptr;
   const int64_t nTotal = int64_t{nDataSize} + nReservedSpace + static_cast<int64_t>(sizeof(MDATA_BUFFER));
@@ -77,7 +79,7 @@ BOOL DoAllocCopyBufferEx(BYTE* pcData, int nSize, int nReservedSpace, MDATA_BUFF
   return _AllocCopy(pcData, nSize, _AllocBlock(nSize, nReservedSpace, __func__, __LINE__), ppBuffer);
 }
 
-// The host's watch over its threads, when the host wants it.
+// Reports this line to the host's thread watchdog, if enabled.
 static void _SaveStateIfDebugging(int nLine) {
   if (MdLoad(g_bThreadStateDebuggingEnabled)) __SaveThreadState("DoReleaseBuffer", MD_MODULE, nLine);
 }
@@ -87,7 +89,7 @@ void DoReleaseBuffer(MDATA_BUFFER** ppBuffer) {
   _SaveStateIfDebugging(__LINE__);
   pthread_mutex_lock(&_g_BufferMutex);
   _SaveStateIfDebugging(__LINE__);
-  // KEPT: a release too many is reported, the count still goes down, and nothing is freed.
+  // KEPT: releasing once too often is reported; the count still goes down, and nothing is freed.
   MD_ASSERT_TEXT(MdLoadAcquire(pBuffer->nRefCount) > 0, "pBuffer->nRefCount > 0");
   if (__atomic_sub_fetch(&pBuffer->nRefCount, 1, __ATOMIC_ACQ_REL) == 0 && pBuffer->bDynamic) {
     free(pBuffer);
@@ -103,31 +105,18 @@ void DoReleaseBuffer(MDATA_BUFFER** ppBuffer) {
 // 2. Bits, patterns, CRC. Any thread, no state.
 // =====================================================================================================
 
-static int _Smallest(int a, int b, int c) {
-  const int nFirst = a < b ? a : b;
-  return nFirst < c ? nFirst : c;
-}
-
 int ExtractBits(const BYTE* pcInputData, int* pnInputBitOffset, BYTE* pcOutputData, int* pnOutputBitOffset,
                 int nTotalBitsToExtract) {
-  int nResult = 0;
-  int nLeft = nTotalBitsToExtract;
-  while (nLeft > 0) {
-    const int nInBit = *pnInputBitOffset % 8;
-    const int nOutBit = *pnOutputBitOffset % 8;
-    const int nStep = _Smallest(8 - nInBit, nLeft, 8 - nOutBit);
-    const unsigned nBits = (pcInputData[*pnInputBitOffset / 8] >> (8 - nInBit - nStep)) & ((1u << nStep) - 1u);
-    BYTE* pcOut = &pcOutputData[*pnOutputBitOffset / 8];
-    *pcOut = static_cast<BYTE>(*pcOut | (nBits << (8 - nOutBit - nStep)));
-    nResult += 8 - nInBit;  // KEPT: not the number of bits moved; callers rely on the offsets
-    *pnInputBitOffset += nStep;
-    *pnOutputBitOffset += nStep;
-    nLeft -= nStep;
-  }
-  return nResult;
+  if (nTotalBitsToExtract <= 0) return 0;
+  const auto inputBit = static_cast<size_t>(*pnInputBitOffset);
+  const auto outputBit = static_cast<size_t>(*pnOutputBitOffset);
+  *pnInputBitOffset += nTotalBitsToExtract;
+  *pnOutputBitOffset += nTotalBitsToExtract;
+  // KEPT: the result is not the number of bits moved; callers rely on the offsets.
+  return _MdCopyBits(pcInputData, inputBit, pcOutputData, outputBit, static_cast<size_t>(nTotalBitsToExtract));
 }
 
-// How many bytes of the pattern stand at the data's first bytes, at least the first.
+// Length of the pattern prefix at the start of the data; at least 1.
 static int _MatchLength(const BYTE* pcData, int nDataSize, const BYTE* pcPattern, int nPatternSize) {
   int nMatched = 1;
   while (nMatched < nPatternSize && nMatched < nDataSize && pcData[nMatched] == pcPattern[nMatched]) ++nMatched;
@@ -149,18 +138,13 @@ UINT ScanForPattern(const void* pvInData, int nInDataSize, const void* pvPattern
       *pnMatchOffset = nCandidate;
       return static_cast<UINT>(nMatched);
     }
-    nPosition = nCandidate + nMatched;  // KEPT: the byte that differed; A A B is not found in A A A B
+    nPosition = nCandidate + nMatched;  // KEPT: goes on at the byte that differed; A A B is not found in A A A B
   }
   return 0;
 }
 
 WORD CalcCRC16(const BYTE* d, int n) {
-  unsigned nCRC = 0;
-  for (int i = 0; i < n; ++i) {
-    nCRC ^= d[i];
-    for (int nBit = 0; nBit < 8; ++nBit) nCRC = (nCRC & 1u) != 0 ? (nCRC >> 1) ^ 0xA001u : nCRC >> 1;
-  }
-  return static_cast<WORD>(nCRC);
+  return n > 0 ? _MdCrc16(d, static_cast<size_t>(n)) : WORD{0};
 }
 
 // =====================================================================================================
@@ -168,7 +152,7 @@ WORD CalcCRC16(const BYTE* d, int n) {
 // =====================================================================================================
 
 BOOL DumpRawData(FILE* fp, BYTE* pcData, int nSize, int* pnOffset, int nMaxSize) {
-  // KEPT: the size is only tested before the block, so the file may end a block beyond it.
+  // KEPT: the size is tested only before the block is written, so the file may exceed it by one block.
   if (int64_t{ftell(fp)} >= int64_t{nMaxSize} * 1024) return FALSE;
   static const char acDigits[] = "0123456789abcdef";
   int nColumn = *pnOffset;  // KEPT: the name says offset, it is the column of the current line
