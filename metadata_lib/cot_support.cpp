@@ -10,18 +10,13 @@
 
 #include "cot_support.h"
 
-#include <errno.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <time.h>
 
 #include "md_atomic.h"
 #include "md_guard.h"
 #include "md_log.h"
-#include "metadata_api.h"
-
-int32_t g_nXMLEventCount = 0;  // under _g_XMLOutLock
+#include "md_xml_log.h"
 
 // ======================================================================================================
 // Decode context
@@ -57,7 +52,7 @@ BOOL COT_GetStats(void* pvCtxt, COT_STATS* pStats) {
   return TRUE;
 }
 
-// KEPT: nRxChannel1Messages counts on over a reset; hosts compare it with the XML log, which is not reset either.
+// KEPT: a reset leaves nRxChannel1Messages alone; hosts compare it with the XML log, which is not reset either.
 void COT_ResetStats(void* pvCtxt) {
   auto* pCtxt = static_cast<COT_DECODE_CONTEXT*>(pvCtxt);
   MdStore(pCtxt->Stats.nTotalRxBytes, 0);
@@ -107,12 +102,12 @@ BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* pHeader, int* pnLength) {
     return _GetIdenticalLength(pHeader, pnLength);
   }
 
-  // KEPT: check words stand in the LV places and lengths in the CRC places; log readers know the lines as they are.
+  // KEPT: the lines show check words as LV and lengths as CRC; log readers know them as they are.
   MD_LOG(4, "MISMATCH in LENGTHs OR CRCs LV1=0x%04x, CRC1=0x%04x\n", h.wLengthCRC1, h.wLengthValue1);
   MD_LOG(4, "LV2=0x%04x, CRC2=0x%04x, LV3=0x%04x, CRC3=0x%04x\n", h.wLengthCRC2, h.wLengthValue2, h.wLengthCRC3,
          h.wLengthValue3);
 
-  // KEPT: no majority vote; one copy with a right check word is enough, the earliest wins.
+  // KEPT: no majority vote; the earliest copy whose check word is right wins.
   if (_CalcLengthCheck(h.wLengthValue1) == h.wLengthCRC1) {
     *pnLength = h.wLengthValue1;
     MD_LOG(4, "First length %d and checksum is OK\n", *pnLength);
@@ -358,8 +353,8 @@ int COT_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
 // ======================================================================================================
 // Codewords
 // ======================================================================================================
-// Called by the frame decoder with each complete payload, on the metadata thread. Owns no state; counts in the
-// context and writes to the XML log under its lock.
+// Called by the frame decoder with each complete payload, on the metadata thread. No state of its own; counts in the
+// context.
 
 // KEPT: the check bits are skipped, nothing is corrected; errors are found by the CRC only.
 void _DoReedSolomon(const BYTE* pcInData, BYTE* pcOutBuffer, int nOutDataSize) {
@@ -372,32 +367,7 @@ void _DoReedSolomon(const BYTE* pcInData, BYTE* pcOutBuffer, int nOutDataSize) {
   MD_DUMP(8, "Decoded Data", pcOutBuffer, nOutDataSize);
 }
 
-// The XML log's error flag tells whether a failure has been reported: one line per log file, not per event.
-static BOOL _IsNewWriteError(FILE* fp, int nErrorBefore) {
-  return nErrorBefore == 0 && ferror(fp) != 0;
-}
-
-static void _ReportXMLLogError(int iErrno) {
-  MD_LOG(3, "Unable to write to the XML event log, errno=%d, \"%s\".\n", iErrno, strerror(iErrno));
-}
-
-static void _LogLostXMLEvent(ULONG nCorrupted) {
-  BOOL bFailed = FALSE;
-  int iErrno = 0;
-  {
-    MdLock Lock(_g_XMLOutLock);
-    if (g_XMLOutFP == nullptr) return;
-    const int nErrorBefore = ferror(g_XMLOutFP);
-    fprintf(g_XMLOutFP, "\nLOST XML Event #%lu\n", nCorrupted);
-    iErrno = errno;
-    // KEPT: a lost event takes a number, so the event after it has the next number but one.
-    MdAdd(g_nXMLEventCount, 1);
-    bFailed = _IsNewWriteError(g_XMLOutFP, nErrorBefore);
-  }
-  if (bFailed) _ReportXMLLogError(iErrno);
-}
-
-// Reads the length word in front of the codewords' other bits; the code is systematic.
+// Reads the block length directly: the code is systematic, so the data bits are in the clear.
 static WORD _GetBlockLength(const BYTE* pcData, int nSize) {
   if (nSize < kBlockLengthSize) return 0;
   return static_cast<WORD>(pcData[0] | pcData[1] << 8);
@@ -412,7 +382,7 @@ BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
   MD_LOG(7, "There should be %d bytes of data in message (remainder=%d)\n", nDataBytes,
          nCodewords * kCodewordDataBits % 8);
 
-  // A length that does not even count itself is as wrong as one that is too large. KEPT: not counted.
+  // The length counts its own two bytes, so a smaller one is as wrong as one that is too large. KEPT: not counted.
   if (nBlockLength > nDataBytes || nBlockLength < kBlockLengthSize) {
     MD_LOG(4, "Estimated worst case data bytes %d smaller than actual %d\n", nDataBytes, nBlockLength);
     return FALSE;
@@ -449,31 +419,9 @@ BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
 // Called with each message whose CRC was right, on the metadata thread. Calls the source's receive handler, which
 // takes its own reference if it keeps the buffer.
 
-// A byte of the ARQ message; one behind its end reads as 0, which no header byte is.
+// Returns a byte of the ARQ message; 0 past the end, which is never a valid header byte.
 static BYTE _GetArqByte(const MDATA_BUFFER* pBuff, int nIndex) {
   return nIndex < pBuff->nDataSize ? pBuff->pcData[nIndex] : BYTE{0};
-}
-
-// KEPT: the message goes to the log as text up to, but without, its last byte.
-static void _LogXMLEvent(MDATA_BUFFER* pBuff) {
-  BOOL bFailed = FALSE;
-  int iErrno = 0;
-  {
-    MdLock Lock(_g_XMLOutLock);
-    if (g_XMLOutFP == nullptr) return;
-    const int nErrorBefore = ferror(g_XMLOutFP);
-    const int32_t nEvent = MdAdd(g_nXMLEventCount, 1);
-    char szTime[40];
-    fprintf(g_XMLOutFP, "XML Event #%d at %s\n", nEvent, GenTimeStamp(time(nullptr), szTime, sizeof(szTime)));
-    BYTE* pcLast = pBuff->pcData + pBuff->nDataSize - 1;
-    const BYTE cLast = *pcLast;
-    *pcLast = 0;
-    fprintf(g_XMLOutFP, "%s\n\n", reinterpret_cast<const char*>(pBuff->pcData));
-    iErrno = errno;
-    *pcLast = cLast;
-    bFailed = _IsNewWriteError(g_XMLOutFP, nErrorBefore);
-  }
-  if (bFailed) _ReportXMLLogError(iErrno);
 }
 
 BOOL _ProcessARQ(COT_DECODE_CONTEXT* pCtxt, MDATA_BUFFER* pBuff) {

@@ -81,18 +81,16 @@ typedef struct tagCOT_DECODE_CONTEXT {
   BYTE DecodeBuffer[kCoTDecodeBufferSize];
 } COT_DECODE_CONTEXT;
 
-extern int32_t g_nXMLEventCount;  // events in the XML log so far, lost ones included; under _g_XMLOutLock
-
 // --- Frame decoder -----------------------------------------------------------------------------------
 
 // Minus twice the length, modulo 65536.
 WORD _CalcLengthCheck(WORD wLength);
-// The first of the header's three lengths that its own check word confirms. FALSE when there is none.
+// Selects the first of the header's three lengths that its own check word confirms. Returns FALSE if there is none.
 BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* pHeader, int* pnLength);
 
 // --- ARQ and codewords -------------------------------------------------------------------------------
 
-// Decodes one frame's payload and delivers its event. TRUE when the CRC was right, whatever the ARQ header said.
+// Decodes one frame's payload and delivers its event. Returns TRUE if the CRC is right, whatever the ARQ header says.
 BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize);
 // Copies the data bits of packed codewords. pcOutBuffer is zeroed and has room for nOutDataSize + 13 bytes, or for the
 // data bits of the codewords where nOutDataSize is their whole bytes.

@@ -52,7 +52,6 @@ DWORD g_dwLibCaps = 0;
 pthread_mutex_t g_MetaDataAPIMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 FLIST_D g_MetaDataSrcList = {{'F', 'L', 'S', 'T'}, nullptr, nullptr};
 HFDSET g_hMetaDataFDSet = nullptr;
-FILE* g_XMLOutFP = nullptr;
 
 HTHREAD _g_hMetaDataProcessingThread = nullptr;
 HMBOX _g_hMetaDataThreadMBox = nullptr;
@@ -73,7 +72,6 @@ int32_t _g_nStrayPosts = 0;
 MDATA_SRC_HANDLE _g_pSweepList = nullptr;
 
 pthread_mutex_t _g_SrcListLock = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t _g_XMLOutLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr long kSerialLockMs = 20;          // limit of the serial road's wait for g_MetaDataAPIMutex
@@ -170,13 +168,6 @@ static void _CloseFile(FILE*& pFile) {
   if (pFile == nullptr) return;
   fclose(pFile);
   pFile = nullptr;
-}
-
-// Replaces the CoT XML capture file, closing the one before; NULL only closes.
-static void _ReplaceXMLOutFile(FILE* pFile) {
-  MdLock Lock(_g_XMLOutLock);
-  _CloseFile(g_XMLOutFP);
-  g_XMLOutFP = pFile;
 }
 
 static void _CloseDescriptor(int& iFD) {

@@ -9,6 +9,7 @@
 #include <time.h>
 
 #include "host.h"
+#include "md_xml_log.h"
 #include "metadata_lib.h"
 
 // --- Constants ---------------------------------------------------------------------------------------
@@ -120,7 +121,6 @@ extern pthread_mutex_t g_MetaDataAPIMutex;  // recursive; openings, statistics, 
 extern FLIST_D
     g_MetaDataSrcList;  // changed by the metadata thread under _g_SrcListLock; read there without, elsewhere with
 extern HFDSET g_hMetaDataFDSet;  // metadata thread only once it runs
-extern FILE* g_XMLOutFP;         // capture of CoT XML, or NULL; under _g_XMLOutLock
 
 extern HTHREAD _g_hMetaDataProcessingThread;            // encoder threads in Init and Shutdown
 extern HMBOX _g_hMetaDataThreadMBox;                    // read-only while the thread runs
@@ -143,7 +143,6 @@ extern MDATA_SRC_HANDLE _g_pSweepList;  // closes that no message names; under _
 
 // Private leaf locks: nothing else is taken while one is held.
 extern pthread_mutex_t _g_SrcListLock;  // look-ups against list changes; counts taken off the video inputs
-extern pthread_mutex_t _g_XMLOutLock;   // g_XMLOutFP and what is written to it
 extern pthread_mutex_t _g_SenderLock;   // last sender addresses
 
 // --- Lifecycle and metadata thread -------------------------------------------------------------------

@@ -11,7 +11,7 @@
 #include "../../../tools/mdfeed/cot_frame.h"
 #include "fake_host.h"
 #include "md_log.h"
-#include "metadata_api.h"
+#include "md_xml_log.h"
 
 namespace {
 

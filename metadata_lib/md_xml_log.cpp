@@ -1,0 +1,71 @@
+// The capture of CoT XML. See the header for threads and the lock.
+#include "md_xml_log.h"
+
+#include <errno.h>
+#include <string.h>
+#include <time.h>
+
+#include "host_util.h"
+#include "md_atomic.h"
+#include "md_guard.h"
+
+// The line about a failed write carries the name of the serial CoT link.
+#define MD_MODULE "cot_support"
+#include "md_log.h"
+
+pthread_mutex_t _g_XMLOutLock = PTHREAD_MUTEX_INITIALIZER;
+FILE* g_XMLOutFP = nullptr;
+int32_t g_nXMLEventCount = 0;
+
+void _ReplaceXMLOutFile(FILE* pFile) {
+  MdLock Lock(_g_XMLOutLock);
+  if (g_XMLOutFP != nullptr) fclose(g_XMLOutFP);
+  g_XMLOutFP = pFile;
+}
+
+// The file's error flag tells whether a failure has been reported: one line per file, not per event.
+static bool _IsNewWriteError(FILE* fp, int nErrorBefore) {
+  return nErrorBefore == 0 && ferror(fp) != 0;
+}
+
+static void _ReportXMLLogError(int iErrno) {
+  MD_LOG(3, "Unable to write to the XML event log, errno=%d, \"%s\".\n", iErrno, strerror(iErrno));
+}
+
+// KEPT: the message is written as text up to, but without, its last byte.
+void _LogXMLEvent(MDATA_BUFFER* pBuff) {
+  bool failed = false;
+  int iErrno = 0;
+  {
+    MdLock Lock(_g_XMLOutLock);
+    if (g_XMLOutFP == nullptr) return;
+    const int nErrorBefore = ferror(g_XMLOutFP);
+    const int32_t nEvent = MdAdd(g_nXMLEventCount, 1);
+    char szTime[40];
+    fprintf(g_XMLOutFP, "XML Event #%d at %s\n", nEvent, GenTimeStamp(time(nullptr), szTime, sizeof(szTime)));
+    BYTE* pcLast = pBuff->pcData + pBuff->nDataSize - 1;
+    const BYTE cLast = *pcLast;
+    *pcLast = 0;
+    fprintf(g_XMLOutFP, "%s\n\n", reinterpret_cast<const char*>(pBuff->pcData));
+    iErrno = errno;
+    *pcLast = cLast;
+    failed = _IsNewWriteError(g_XMLOutFP, nErrorBefore);
+  }
+  if (failed) _ReportXMLLogError(iErrno);
+}
+
+void _LogLostXMLEvent(ULONG nCorrupted) {
+  bool failed = false;
+  int iErrno = 0;
+  {
+    MdLock Lock(_g_XMLOutLock);
+    if (g_XMLOutFP == nullptr) return;
+    const int nErrorBefore = ferror(g_XMLOutFP);
+    fprintf(g_XMLOutFP, "\nLOST XML Event #%lu\n", nCorrupted);
+    iErrno = errno;
+    // KEPT: a lost event takes a number, so the event after it has the next number but one.
+    MdAdd(g_nXMLEventCount, 1);
+    failed = _IsNewWriteError(g_XMLOutFP, nErrorBefore);
+  }
+  if (failed) _ReportXMLLogError(iErrno);
+}
