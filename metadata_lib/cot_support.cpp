@@ -16,6 +16,7 @@
 #include "md_atomic.h"
 #include "md_guard.h"
 #include "md_log.h"
+#include "md_sync_buffer.h"
 #include "md_xml_log.h"
 
 // ======================================================================================================
@@ -130,124 +131,123 @@ BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* pHeader, int* pnLength) {
 // ======================================================================================================
 // Frame decoder
 // ======================================================================================================
-// Fed by the serial receive handler on the metadata thread. Between two calls the context holds the state, and the
-// bytes of an unfinished frame at the start of DecodeBuffer. Within a call, bytes are dropped by moving an offset, and
-// what is left moves to the front once at the end: a buffer full of nested sync patterns costs no repeated moves.
+// Fed by the serial receive handler on the metadata thread. A slice enters at its state's function, which stores it and
+// names the first step; one loop then runs the steps until the decoder waits for more. Between two calls the context
+// holds the state, and the bytes of an unfinished frame at the start of DecodeBuffer.
 //
 // KEPT: no time-out; a frame whose payload never completes waits until more data arrives.
 
 namespace {
 
-// What happens next within one slice of input.
+// What happens next within a slice.
 enum class Step {
-  kDone,  // nothing more to do until more data arrives
-  kPatternComplete,
-  kHeaderComplete,
-  kFrameComplete,
-  kRescan
+  kWait,        // nothing until the next slice
+  kRescan,      // look for a sync pattern in what is held
+  kSyncFound,   // the pattern, or its beginning, is at the front
+  kReadLength,  // the header is complete: select the length
+  kDecode,      // the frame is complete: decode its payload
+  kKeepRest     // keep what is behind it
 };
 
-// One slice of input on its way through the decoder.
+// One slice on its way through the decoder.
 struct Slice {
-  COT_DECODE_CONTEXT* pCtxt;
-  const BYTE* pcData;  // fits behind the bytes stored
-  int nLength;         // at least 1
-  int nOffset;         // of the stored bytes in DecodeBuffer
+  Slice(COT_DECODE_CONTEXT* pContext, const BYTE* data, int length)
+      : pCtxt(pContext),
+        pcData(data),
+        nLength(length),
+        held(pContext->DecodeBuffer, kCoTDecodeBufferSize, nStart, pContext->nStoredAmount) {}
+
+  COT_DECODE_CONTEXT* const pCtxt;
+  const BYTE* const pcData;  // fits behind the bytes held
+  const int nLength;         // at least 1
+  int32_t nStart = 0;        // of the bytes held; 0 again at the end of the slice
+  MdSyncBuffer held;
+  int nMatched = 0;  // bytes of the sync pattern at the front
 };
 
-BYTE* _Stored(const Slice& s) {
-  return s.pCtxt->DecodeBuffer + s.nOffset;
-}
+}  // namespace
 
-void _Append(Slice& s, const BYTE* pcData, int nLength) {
-  memcpy(_Stored(s) + s.pCtxt->nStoredAmount, pcData, static_cast<size_t>(nLength));
-  s.pCtxt->nStoredAmount += nLength;
-}
+static constexpr MdSyncPattern kCoTSync = {kCoTSyncPattern, kCoTSyncSize};
 
-void _DropStored(Slice& s, int nBytes) {
-  s.nOffset += nBytes;
-  s.pCtxt->nStoredAmount -= nBytes;
-}
-
-Step _WaitInState(Slice& s, tagCOT_DECODE_STATE enState) {
+static Step _Wait(Slice& s, tagCOT_DECODE_STATE enState) {
   s.pCtxt->enState = enState;
-  return Step::kDone;
+  return Step::kWait;
 }
 
-Step _StartOver(Slice& s) {
-  s.pCtxt->nStoredAmount = 0;
-  return _WaitInState(s, COT_SCANNING_FOR_HEADER);
-}
-
-// nMatched bytes of the sync pattern are at the start of the stored bytes.
-Step _SyncFound(Slice& s, UINT nMatched) {
-  if (nMatched < kCoTSyncSize) {
-    MD_LOG(7, "Switching to IN_PARTIAL_SYNC state\n");
-    return _WaitInState(s, COT_IN_PARTIAL_SYNC);
-  }
-  return Step::kPatternComplete;
-}
-
-// Waits for the sync pattern.
-Step _ScanForHeader(Slice& s) {
+static Step _ScanChunk(Slice& s) {
   MD_LOG(7, "Received data in SCANNING_FOR_HEADER state\n");
-  int nMatchOffset = 0;
-  const UINT nMatched = ScanForPattern(s.pcData, s.nLength, kCoTSyncPattern, kCoTSyncSize, &nMatchOffset);
-  MD_LOG(7, "ScanForPattern returned %d\n", static_cast<int>(nMatched));
-  s.pCtxt->nStoredAmount = 0;
-  if (nMatched == 0) {
-    MD_LOG(7, "Resetting INPUT BUFFER\n");
-    return Step::kDone;
-  }
-  _Append(s, s.pcData + nMatchOffset, s.nLength - nMatchOffset);
-  return _SyncFound(s, nMatched);
+  s.nMatched = s.held.ScanChunk(s.pcData, s.nLength, kCoTSync);
+  MD_LOG(7, "ScanForPattern returned %d\n", s.nMatched);
+  if (s.nMatched != 0) return Step::kSyncFound;
+  s.held.Clear();
+  MD_LOG(7, "Resetting INPUT BUFFER\n");
+  return Step::kWait;
 }
 
-// Waits for the rest of a sync pattern cut off at the end of a chunk.
-Step _ContinuePartialSync(Slice& s) {
+static Step _ContinueSync(Slice& s) {
   MD_LOG(7, "Received data in IN_PARTIAL_SYNC state\n");
-  COT_DECODE_CONTEXT* pCtxt = s.pCtxt;
-  const int nMissing = kCoTSyncSize - pCtxt->nStoredAmount;
-  const int nCompared = s.nLength < nMissing ? s.nLength : nMissing;
-  const bool bMatch = memcmp(s.pcData, kCoTSyncPattern + pCtxt->nStoredAmount, static_cast<size_t>(nCompared)) == 0;
-  if (!bMatch) pCtxt->nStoredAmount = 0;
-  _Append(s, s.pcData, s.nLength);
-  if (!bMatch) return Step::kRescan;
-  return pCtxt->nStoredAmount >= kCoTSyncSize ? Step::kPatternComplete : Step::kDone;
-}
-
-// Waits for the rest of the header.
-Step _AcquireLength(Slice& s) {
-  MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");
-  _Append(s, s.pcData, s.nLength);
-  return s.pCtxt->nStoredAmount >= kCoTHeaderSize ? Step::kHeaderComplete : Step::kDone;
-}
-
-// Waits for the rest of the payload.
-Step _GatherData(Slice& s) {
-  MD_LOG(7, "Received data in GATHERING_DATA state\n");
-  _Append(s, s.pcData, s.nLength);
-  const COT_DECODE_CONTEXT* pCtxt = s.pCtxt;
-  if (pCtxt->nStoredAmount < pCtxt->nMsgSize) {
-    MD_LOG(7, "Still missing %d out of %d bytes of data\n", pCtxt->nMsgSize - pCtxt->nStoredAmount, pCtxt->nMsgSize);
-    return Step::kDone;
+  int compared = 0;
+  if (!s.held.ContinuesPattern(s.pcData, s.nLength, kCoTSync, &compared)) {
+    s.held.Restart(s.pcData, s.nLength);
+    return Step::kRescan;
   }
-  MD_LOG(7, "Got the full %u bytes long message\n", static_cast<unsigned>(pCtxt->nMsgSize));
-  return Step::kFrameComplete;
+  s.held.Append(s.pcData, s.nLength);
+  if (s.held.Stored() < kCoTSyncSize) return Step::kWait;
+  s.nMatched = kCoTSyncSize;
+  return Step::kSyncFound;
 }
 
-Step _PatternComplete(Slice& s) {
+static Step _ContinueLength(Slice& s) {
+  MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");
+  s.held.Append(s.pcData, s.nLength);
+  return s.held.Stored() >= kCoTHeaderSize ? Step::kReadLength : Step::kWait;
+}
+
+static Step _ContinueData(Slice& s) {
+  MD_LOG(7, "Received data in GATHERING_DATA state\n");
+  s.held.Append(s.pcData, s.nLength);
+  const int nMsgSize = s.pCtxt->nMsgSize;
+  if (s.held.Stored() < nMsgSize) {
+    MD_LOG(7, "Still missing %d out of %d bytes of data\n", nMsgSize - s.held.Stored(), nMsgSize);
+    return Step::kWait;
+  }
+  MD_LOG(7, "Got the full %u bytes long message\n", static_cast<unsigned>(nMsgSize));
+  return Step::kDecode;
+}
+
+static Step _Enter(Slice& s) {
+  switch (s.pCtxt->enState) {
+    case COT_IN_PARTIAL_SYNC:
+      return _ContinueSync(s);
+    case COT_ACQUIRING_LENGTH:
+      return _ContinueLength(s);
+    case COT_GATHERING_DATA:
+      return _ContinueData(s);
+    default:
+      return _ScanChunk(s);
+  }
+}
+
+static Step _Rescan(Slice& s) {
+  int offset = 0;
+  s.nMatched = s.held.Rescan(kCoTSync, &offset);
+  return s.nMatched == 0 ? _Wait(s, COT_SCANNING_FOR_HEADER) : Step::kSyncFound;
+}
+
+static Step _SyncFound(Slice& s) {
+  if (s.nMatched < kCoTSyncSize) {
+    MD_LOG(7, "Switching to IN_PARTIAL_SYNC state\n");
+    return _Wait(s, COT_IN_PARTIAL_SYNC);
+  }
   MD_LOG(7, "Got the start pattern\n");
-  if (s.pCtxt->nStoredAmount < kCoTHeaderSize) return _WaitInState(s, COT_ACQUIRING_LENGTH);
-  return Step::kHeaderComplete;
+  return s.held.Stored() < kCoTHeaderSize ? _Wait(s, COT_ACQUIRING_LENGTH) : Step::kReadLength;
 }
 
-// KEPT: a header without a trustworthy length costs only the sync pattern and is not counted.
-Step _HeaderComplete(Slice& s) {
+// KEPT: after a header without a valid length only the sync pattern is discarded, and nothing is counted.
+static Step _ReadLength(Slice& s) {
   MD_LOG(7, "Also got the 3 lengths and CRCs\n");
-  COT_DECODE_CONTEXT* pCtxt = s.pCtxt;
   SERDATA_COT_HEADER Header;
-  memcpy(&Header, _Stored(s), sizeof(Header));
+  memcpy(&Header, s.held.Front(), sizeof(Header));
   int nLength = 0;
   BOOL bTrusted = _GetCoTMessageLength(&Header, &nLength);
   if (bTrusted && nLength > kCoTDecodeBufferSize - kCoTHeaderSize) {
@@ -255,97 +255,82 @@ Step _HeaderComplete(Slice& s) {
     bTrusted = FALSE;
   }
   if (!bTrusted) {
-    _DropStored(s, kCoTSyncSize);
+    s.held.Drop(kCoTSyncSize);
     return Step::kRescan;
   }
-  pCtxt->nMsgSize = nLength + kCoTHeaderSize;
-  if (pCtxt->nStoredAmount < pCtxt->nMsgSize) {
-    MD_LOG(7, "Missing %d bytes of data\n", pCtxt->nMsgSize - pCtxt->nStoredAmount);
-    return _WaitInState(s, COT_GATHERING_DATA);
+  s.pCtxt->nMsgSize = nLength + kCoTHeaderSize;
+  if (s.held.Stored() < s.pCtxt->nMsgSize) {
+    MD_LOG(7, "Missing %d bytes of data\n", s.pCtxt->nMsgSize - s.held.Stored());
+    return _Wait(s, COT_GATHERING_DATA);
   }
   MD_LOG(7, "Got the full message\n");
-  return Step::kFrameComplete;
+  return Step::kDecode;
 }
 
-// KEPT: a rejected payload costs the header and is not counted here, so that a frame inside it can still start.
-Step _FrameComplete(Slice& s) {
+// KEPT: of a frame whose payload is rejected only the header is discarded, so that a frame inside the payload can still
+// start, and nothing is counted here.
+static Step _Decode(Slice& s) {
   COT_DECODE_CONTEXT* pCtxt = s.pCtxt;
-  MD_DUMP(8, "Encoded Input Data", _Stored(s), pCtxt->nMsgSize);
-  if (!_ProcessLayer2(pCtxt, _Stored(s) + kCoTHeaderSize, pCtxt->nMsgSize - kCoTHeaderSize)) {
-    _DropStored(s, kCoTHeaderSize);
+  MD_DUMP(8, "Encoded Input Data", s.held.Front(), pCtxt->nMsgSize);
+  if (!_ProcessLayer2(pCtxt, s.held.Front() + kCoTHeaderSize, pCtxt->nMsgSize - kCoTHeaderSize)) {
+    s.held.Drop(kCoTHeaderSize);
     return Step::kRescan;
   }
   MdAdd(pCtxt->Stats.nRxOkMessages, 1);
-  if (pCtxt->nStoredAmount == pCtxt->nMsgSize) {
+  return Step::kKeepRest;
+}
+
+static Step _KeepRest(Slice& s) {
+  const int nExtra = s.held.Stored() - s.pCtxt->nMsgSize;
+  if (nExtra == 0) {
     MD_LOG(7, "Resetting INPUT BUFFER\n");
-    return _StartOver(s);
+    s.held.Clear();
+    return _Wait(s, COT_SCANNING_FOR_HEADER);
   }
-  MD_LOG(7, "RECEIVED %d EXTRA BYTE\n", pCtxt->nStoredAmount - pCtxt->nMsgSize);
-  _DropStored(s, pCtxt->nMsgSize);
+  MD_LOG(7, "RECEIVED %d EXTRA BYTE\n", nExtra);
+  s.held.Drop(s.pCtxt->nMsgSize);
   return Step::kRescan;
 }
 
-Step _Rescan(Slice& s) {
-  int nMatchOffset = 0;
-  const UINT nMatched =
-      ScanForPattern(_Stored(s), s.pCtxt->nStoredAmount, kCoTSyncPattern, kCoTSyncSize, &nMatchOffset);
-  if (nMatched == 0) return _StartOver(s);
-  _DropStored(s, nMatchOffset);
-  return _SyncFound(s, nMatched);
-}
-
-Step _TakeSlice(Slice& s) {
-  switch (s.pCtxt->enState) {
-    case COT_IN_PARTIAL_SYNC:
-      return _ContinuePartialSync(s);
-    case COT_ACQUIRING_LENGTH:
-      return _AcquireLength(s);
-    case COT_GATHERING_DATA:
-      return _GatherData(s);
-    default:
-      return _ScanForHeader(s);
-  }
-}
-
-Step _RunStep(Slice& s, Step enStep) {
-  switch (enStep) {
-    case Step::kPatternComplete:
-      return _PatternComplete(s);
-    case Step::kHeaderComplete:
-      return _HeaderComplete(s);
-    case Step::kFrameComplete:
-      return _FrameComplete(s);
+static Step _Run(Slice& s, Step step) {
+  switch (step) {
     case Step::kRescan:
       return _Rescan(s);
-    case Step::kDone:
+    case Step::kSyncFound:
+      return _SyncFound(s);
+    case Step::kReadLength:
+      return _ReadLength(s);
+    case Step::kDecode:
+      return _Decode(s);
+    case Step::kKeepRest:
+      return _KeepRest(s);
+    case Step::kWait:
       break;
   }
-  return Step::kDone;
+  return Step::kWait;
 }
 
-void _ProcessSlice(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
-  Slice s{pCtxt, pcData, nLength, 0};
-  Step enStep = _TakeSlice(s);
-  while (enStep != Step::kDone) enStep = _RunStep(s, enStep);
-  if (s.nOffset != 0 && pCtxt->nStoredAmount != 0) {
-    memmove(pCtxt->DecodeBuffer, _Stored(s), static_cast<size_t>(pCtxt->nStoredAmount));
-  }
+// A slice fits behind what is held. There is always room for a byte: a held frame is unfinished, and a frame is never
+// larger than the buffer.
+static int _SliceSize(const COT_DECODE_CONTEXT* pCtxt, int nLeft) {
+  const int room = kCoTDecodeBufferSize - pCtxt->nStoredAmount;
+  return nLeft < room ? nLeft : room;
 }
 
-}  // namespace
+static void _RunSlice(Slice& s) {
+  for (Step step = _Enter(s); step != Step::kWait;) step = _Run(s, step);
+  s.held.MoveToStart();
+}
 
-// A chunk goes in slices that fit behind what is stored. There is always room for a byte: a stored frame is unfinished,
-// and a frame is never larger than the buffer.
 int COT_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   auto* pCtxt = static_cast<COT_DECODE_CONTEXT*>(pvCtxt);
   if (nLength <= 0) return 0;
   MdAdd(pCtxt->Stats.nTotalRxBytes, nLength);
-  while (nLength > 0) {
-    const int nRoom = kCoTDecodeBufferSize - pCtxt->nStoredAmount;
-    const int nSlice = nLength < nRoom ? nLength : nRoom;
-    _ProcessSlice(pCtxt, pvData, nSlice);
-    pvData += nSlice;
-    nLength -= nSlice;
+  int nDone = 0;
+  while (nDone < nLength) {
+    Slice s(pCtxt, pvData + nDone, _SliceSize(pCtxt, nLength - nDone));
+    _RunSlice(s);
+    nDone += s.nLength;
   }
   return 0;
 }

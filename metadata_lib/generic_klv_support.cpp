@@ -14,6 +14,7 @@
 #include "host_util.h"
 #include "md_atomic.h"
 #include "md_core.h"
+#include "md_sync_buffer.h"
 
 #define MD_MODULE "generic_klv_support"
 #include "md_log.h"
@@ -29,11 +30,6 @@ static KLV_DECODE_CONTEXT* _Context(void* pvCtxt) {
   return static_cast<KLV_DECODE_CONTEXT*>(pvCtxt);
 }
 
-// First byte of the accumulation buffer.
-static BYTE* _BufferStart(const KLV_DECODE_CONTEXT* pCtxt) {
-  return pCtxt->pDecodeBuffer->pcData;
-}
-
 BOOL AllocKlvDecodeContext(void** ppvContext, KLV_RX_HANDLER pfnRxHandler, void* pvUserParam1) {
   KLV_DECODE_CONTEXT* pCtxt = static_cast<KLV_DECODE_CONTEXT*>(calloc(1, sizeof(KLV_DECODE_CONTEXT)));
   *ppvContext = pCtxt;
@@ -41,10 +37,10 @@ BOOL AllocKlvDecodeContext(void** ppvContext, KLV_RX_HANDLER pfnRxHandler, void*
   pCtxt->enState = KLV_STATE_SCANNING_FOR_HEADER;
   pCtxt->pfnRxHandler = pfnRxHandler;
   pCtxt->pvUserParam1 = pvUserParam1;
-  // The buffer holds the largest message and a slice behind it; the text keeps the size it is known under.
+  // The buffer holds the largest message and a slice behind it; the assertion text keeps its historical size.
   const BOOL bAllocated = DoAllocBuffer(kKLVDecodeCapacity, &pCtxt->pDecodeBuffer);
   MD_ASSERT_TEXT(bAllocated, "AllocBuffer(65536, &pCtxt->pDecodeBuffer)");
-  if (bAllocated) pCtxt->DecodeBuffer = _BufferStart(pCtxt);
+  if (bAllocated) pCtxt->DecodeBuffer = pCtxt->pDecodeBuffer->pcData;
   return TRUE;
 }
 
@@ -60,7 +56,7 @@ BOOL FreeKlvDecodeContext(void** ppvContext) {
   return TRUE;
 }
 
-// KEPT: nRxChannel1Messages is in the record for its likeness with COT_STATS and belongs to the caller here.
+// KEPT: the caller's nRxChannel1Messages is left as it is; the field only makes the record like COT_STATS.
 BOOL GenericKLV_GetStats(void* pvCtxt, KLV_STATS* pStats) {
   const KLV_STATS& Stats = _Context(pvCtxt)->Stats;
   pStats->nTotalRxBytes = MdLoad(Stats.nTotalRxBytes);
@@ -88,101 +84,71 @@ KLV_STATS* GenericKLV_GetStatsPtr(void* pvCtxt) {
 }
 
 // =====================================================================================================
-// 2. Stream decoder: the entry of each state. Metadata thread. A chunk enters at its state's function, which stores it
+// 2. Stream decoder: the entry of each state. Metadata thread. A slice enters at its state's function, which stores it
 //    and names the first step; one loop then runs the steps until the decoder waits for more.
 // =====================================================================================================
 
 namespace {
 
-// What is done next.
+// What happens next within a slice.
 enum class Step {
-  kWait,          // nothing until the next chunk
-  kRescan,        // look for a sync pattern in what is stored
-  kSyncFound,     // a pattern, or its beginning, stands at the start
-  kKeyComplete,   // note the time
-  kDesignator,    // look the registry designator up
-  kLength,        // read the BER length
-  kSpace,         // does the message fit
-  kCompleteness,  // is it all there
-  kCheck,         // is it good
-  kDeliver,       // hand it over
-  kRest,          // what is behind it
-  kDropSync       // discard: count, and give up the five sync bytes
+  kWait,               // nothing until the next slice
+  kRescan,             // look for a sync pattern in what is held
+  kSyncFound,          // the pattern, or its beginning, is at the front
+  kKeyComplete,        // note the time
+  kLookUpDesignator,   // learn the size codes of the items
+  kReadLength,         // read the BER length
+  kCheckSpace,         // would the message fit
+  kCheckCompleteness,  // is it all there
+  kCheckMessage,       // is it good
+  kDeliver,            // hand it over
+  kKeepRest,           // keep what is behind it
+  kDropSync            // discard: count, and drop the five sync bytes
 };
 
-// What a state makes of a chunk.
-struct Entry {
-  Step step;
-  bool bChunkLost = false;  // the whole chunk, not just this slice of it
+// One slice on its way through the decoder.
+struct Slice {
+  Slice(KLV_DECODE_CONTEXT* pContext, const BYTE* data, int length)
+      : pCtxt(pContext),
+        pcData(data),
+        nLength(length),
+        held(pContext->DecodeBuffer, kKLVDecodeCapacity, pContext->nStart, pContext->nStoredAmount) {}
+
+  KLV_DECODE_CONTEXT* const pCtxt;
+  const BYTE* const pcData;  // fits behind the bytes held, which are less than the largest message
+  const int nLength;
+  MdSyncBuffer held;
+  int nMatched = 0;         // bytes of the sync pattern at the front
+  bool bChunkLost = false;  // what follows this slice in its chunk is dropped
 };
 
 }  // namespace
 
-static void _MoveToStart(KLV_DECODE_CONTEXT* pCtxt) {
-  BYTE* pcStart = _BufferStart(pCtxt);
-  if (pCtxt->DecodeBuffer == pcStart) return;
-  memmove(pcStart, pCtxt->DecodeBuffer, static_cast<size_t>(pCtxt->nStoredAmount));
-  pCtxt->DecodeBuffer = pcStart;
-}
+static constexpr MdSyncPattern kKLVSync = {KLVSyncPattern, kKLVSyncSize};
 
-// Bytes given up in front of those held.
-static ptrdiff_t _GivenUp(const KLV_DECODE_CONTEXT* pCtxt) {
-  return pCtxt->DecodeBuffer - _BufferStart(pCtxt);
-}
-
-// There is always room: what waits is less than the largest message, and a slice fits behind that.
-static void _Append(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
-  if (nLength <= 0) return;
-  if (_GivenUp(pCtxt) + pCtxt->nStoredAmount + nLength > kKLVDecodeCapacity) _MoveToStart(pCtxt);
-  memcpy(pCtxt->DecodeBuffer + pCtxt->nStoredAmount, pcData, static_cast<size_t>(nLength));
-  pCtxt->nStoredAmount += nLength;
-}
-
-static void _Restart(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
-  pCtxt->DecodeBuffer = _BufferStart(pCtxt);
-  pCtxt->nStoredAmount = 0;
-  _Append(pCtxt, pcData, nLength);
-}
-
-// Gives up the first held bytes. Only the start moves; see _Compact for the bytes.
-static void _DropFront(KLV_DECODE_CONTEXT* pCtxt, int nBytes) {
-  pCtxt->DecodeBuffer += nBytes;
-  pCtxt->nStoredAmount -= nBytes;
-}
-
-// After each slice. A move is worth it when it copies no more than was given up, so that nested sync patterns in a full
-// buffer cost each byte one move at most. A key that is not complete always stands at the start.
-static void _Compact(KLV_DECODE_CONTEXT* pCtxt) {
-  if (pCtxt->nStoredAmount <= _GivenUp(pCtxt) || pCtxt->nStoredAmount <= kKLVKeySize) _MoveToStart(pCtxt);
-}
-
-static Step _Wait(KLV_DECODE_CONTEXT* pCtxt, tagKLV_STATE enState) {
-  pCtxt->enState = enState;
+static Step _Wait(Slice& s, tagKLV_STATE enState) {
+  s.pCtxt->enState = enState;
   return Step::kWait;
 }
 
-static Step _ScanChunk(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
+static Step _ScanChunk(Slice& s) {
   MD_LOG(7, "Received data in SCANNING_FOR_HEADER state\n");
   MD_DUMP(7, "Sync Pattern", KLVSyncPattern, kKLVSyncSize);
-  int nOffset = 0;
-  pCtxt->nMatched = ScanForPattern(pcData, nLength, KLVSyncPattern, kKLVSyncSize, &nOffset);
-  MD_LOG(7, "ScanForPattern returned %d\n", static_cast<int>(pCtxt->nMatched));
-  if (pCtxt->nMatched == 0) return Step::kWait;
-  _Restart(pCtxt, pcData + nOffset, nLength - nOffset);
-  return Step::kSyncFound;
+  s.nMatched = s.held.ScanChunk(s.pcData, s.nLength, kKLVSync);
+  MD_LOG(7, "ScanForPattern returned %d\n", s.nMatched);
+  return s.nMatched == 0 ? Step::kWait : Step::kSyncFound;
 }
 
-static Step _CompleteSync(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
+static Step _ContinueSync(Slice& s) {
   MD_LOG(7, "Received data in IN_PARTIAL_SYNC state\n");
-  const int nMissing = kKLVSyncSize - pCtxt->nStoredAmount;
-  const int nCompared = nMissing < nLength ? nMissing : nLength;
-  if (memcmp(pcData, KLVSyncPattern + pCtxt->nStoredAmount, static_cast<size_t>(nCompared)) != 0) {
-    MD_LOG(7, "No match comparing %d bytes, stored amount=%d re-scanning\n", nCompared, pCtxt->nStoredAmount);
-    _Restart(pCtxt, pcData, nLength);
+  int compared = 0;
+  if (!s.held.ContinuesPattern(s.pcData, s.nLength, kKLVSync, &compared)) {
+    MD_LOG(7, "No match comparing %d bytes, stored amount=%d re-scanning\n", compared, s.held.Stored());
+    s.held.Restart(s.pcData, s.nLength);
     return Step::kRescan;
   }
-  _Append(pCtxt, pcData, nLength);
-  if (pCtxt->nStoredAmount < kKLVSyncSize) {
+  s.held.Append(s.pcData, s.nLength);
+  if (s.held.Stored() < kKLVSyncSize) {
     MD_LOG(7, "Staying in IN_PARTIAL_SYNC state\n");
     return Step::kWait;
   }
@@ -190,7 +156,13 @@ static Step _CompleteSync(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLe
   return Step::kKeyComplete;
 }
 
-// More than half a second since the key was complete? Only ever asked when data arrives, never by a timer.
+static Step _ContinueKey(Slice& s) {
+  MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");  // KEPT: the text of the next state
+  s.held.Append(s.pcData, s.nLength);
+  return Step::kKeyComplete;
+}
+
+// More than half a second since the key was complete? This is only asked when data arrives, never by a timer.
 static bool _IsTooLate(const KLV_DECODE_CONTEXT* pCtxt) {
   struct timeval Now = {};
   MD_ASSERT_TEXT(gettimeofday(&Now, nullptr) == 0, "gettimeofday(&CurrentTime, NULL) == 0");
@@ -201,51 +173,53 @@ static bool _IsTooLate(const KLV_DECODE_CONTEXT* pCtxt) {
   return Interval.tv_sec != 0 || Interval.tv_usec > 500000;
 }
 
-// A header that was read before its bytes were there is read again as soon as they are: a guess decides what the decoder
-// waits for, never what it delivers.
-static Step _Resume(const KLV_DECODE_CONTEXT* pCtxt, Step step) {
-  return pCtxt->bHeaderGuessed && pCtxt->nStoredAmount > kKLVKeySize ? Step::kDesignator : step;
+// KEPT: the chunk that comes too late is lost, but of the held bytes only the sync pattern is.
+static Step _TimedOut(Slice& s) {
+  s.bChunkLost = true;
+  return Step::kDropSync;
 }
 
-// KEPT: the chunk that comes too late is lost, and only the sync bytes of what was held.
-static Entry _ContinueLength(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
-  if (_IsTooLate(pCtxt)) {
+// A header that was read before its bytes had arrived is read again as soon as they have: such a guess decides what the
+// decoder waits for, never what it delivers.
+static Step _Resume(const Slice& s, Step step) {
+  return s.pCtxt->bHeaderGuessed && s.held.Stored() > kKLVKeySize ? Step::kLookUpDesignator : step;
+}
+
+static Step _ContinueLength(Slice& s) {
+  if (_IsTooLate(s.pCtxt)) {
     MD_LOG(4, "TIMEOUT waiting for message length\n");
-    return {Step::kDropSync, true};
+    return _TimedOut(s);
   }
   MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");
-  _Append(pCtxt, pcData, nLength);
-  return {_Resume(pCtxt, Step::kLength)};
+  s.held.Append(s.pcData, s.nLength);
+  return _Resume(s, Step::kReadLength);
 }
 
-static Entry _ContinueData(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
-  if (_IsTooLate(pCtxt)) {
+static Step _ContinueData(Slice& s) {
+  if (_IsTooLate(s.pCtxt)) {
     MD_LOG(4, "TIMEOUT waiting for message data\n");
-    return {Step::kDropSync, true};
+    return _TimedOut(s);
   }
   MD_LOG(7, "Received data in GATHERING_DATA state\n");
-  _Append(pCtxt, pcData, nLength);
-  return {_Resume(pCtxt, Step::kCompleteness)};
+  s.held.Append(s.pcData, s.nLength);
+  return _Resume(s, Step::kCheckCompleteness);
 }
 
-static Entry _EnterByState(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nLength) {
-  const bool bTimed = pCtxt->enState == KLV_STATE_ACQUIRING_DATA_LENGTH || pCtxt->enState == KLV_STATE_ACQUIRING_DATA;
-  if (nLength <= 0 && !bTimed) return {Step::kWait};
-  switch (pCtxt->enState) {
+// An empty chunk is only looked at where time may have run out.
+static Step _Enter(Slice& s) {
+  switch (s.pCtxt->enState) {
     case KLV_STATE_SCANNING_FOR_HEADER:
-      return {_ScanChunk(pCtxt, pcData, nLength)};
+      return s.nLength > 0 ? _ScanChunk(s) : Step::kWait;
     case KLV_STATE_IN_PARTIAL_SYNC:
-      return {_CompleteSync(pCtxt, pcData, nLength)};
+      return s.nLength > 0 ? _ContinueSync(s) : Step::kWait;
     case KLV_STATE_ACQUIRING_UNIVERSAL_KEY:
-      MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");  // KEPT: the text of the next state
-      _Append(pCtxt, pcData, nLength);
-      return {Step::kKeyComplete};
+      return s.nLength > 0 ? _ContinueKey(s) : Step::kWait;
     case KLV_STATE_ACQUIRING_DATA_LENGTH:
-      return _ContinueLength(pCtxt, pcData, nLength);
+      return _ContinueLength(s);
     case KLV_STATE_ACQUIRING_DATA:
-      return _ContinueData(pCtxt, pcData, nLength);
+      return _ContinueData(s);
     default:
-      return {Step::kWait};
+      return Step::kWait;
   }
 }
 
@@ -253,43 +227,41 @@ static Entry _EnterByState(KLV_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nL
 // 3. Stream decoder: the steps of a message. Metadata thread. Each returns the next step.
 // =====================================================================================================
 
-static Step _Rescan(KLV_DECODE_CONTEXT* pCtxt) {
-  int nOffset = 0;
-  pCtxt->nMatched = ScanForPattern(pCtxt->DecodeBuffer, pCtxt->nStoredAmount, KLVSyncPattern, kKLVSyncSize, &nOffset);
-  if (pCtxt->nMatched == 0) {
-    pCtxt->nStoredAmount = 0;
-    return _Wait(pCtxt, KLV_STATE_SCANNING_FOR_HEADER);
-  }
-  _DropFront(pCtxt, nOffset);
-  MD_LOG(7, "Stored amount = %d, match offset=%d\n", pCtxt->nStoredAmount, nOffset);
+static Step _Rescan(Slice& s) {
+  int offset = 0;
+  s.nMatched = s.held.Rescan(kKLVSync, &offset);
+  if (s.nMatched == 0) return _Wait(s, KLV_STATE_SCANNING_FOR_HEADER);
+  MD_LOG(7, "Stored amount = %d, match offset=%d\n", s.held.Stored(), offset);
   return Step::kSyncFound;
 }
 
-static Step _SyncFound(KLV_DECODE_CONTEXT* pCtxt) {
-  if (pCtxt->nMatched < kKLVSyncSize) {
+static Step _SyncFound(Slice& s) {
+  if (s.nMatched < kKLVSyncSize) {
     MD_LOG(7, "Switching to IN_PARTIAL_SYNC state\n");
-    return _Wait(pCtxt, KLV_STATE_IN_PARTIAL_SYNC);
+    return _Wait(s, KLV_STATE_IN_PARTIAL_SYNC);
   }
   MD_LOG(7, "Got the start pattern\n");
-  if (pCtxt->nStoredAmount < kKLVKeySize) {
+  if (s.held.Stored() < kKLVKeySize) {
     MD_LOG(7, "Switching to ACQUIRING_UNIVERSAL_KEY state\n");
-    return _Wait(pCtxt, KLV_STATE_ACQUIRING_UNIVERSAL_KEY);
+    return _Wait(s, KLV_STATE_ACQUIRING_UNIVERSAL_KEY);
   }
   return Step::kKeyComplete;
 }
 
-// KEPT: who comes from a partial sync or key is not asked for 16 bytes; a shorter key, and its length, are read from what
-// the buffer holds from earlier messages, zeros at first.
-static Step _KeyComplete(KLV_DECODE_CONTEXT* pCtxt) {
+// KEPT: after a partial sync or key the 16-byte check is skipped; missing key bytes and the length come from stale
+// buffer contents, zeros at first.
+static Step _KeyComplete(Slice& s) {
+  KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
   MD_ASSERT(gettimeofday(&pCtxt->MsgStartTime, NULL) == 0);
   MD_LOG(7, "Stored message start time %d.%d\n", static_cast<int>(pCtxt->MsgStartTime.tv_sec),
          static_cast<int>(pCtxt->MsgStartTime.tv_usec));
   pCtxt->bHeaderGuessed = FALSE;
-  return Step::kDesignator;
+  return Step::kLookUpDesignator;
 }
 
-static Step _Designator(KLV_DECODE_CONTEXT* pCtxt) {
-  const BYTE RegistryDesignator = pCtxt->DecodeBuffer[5];
+static Step _LookUpDesignator(Slice& s) {
+  KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
+  const BYTE RegistryDesignator = s.held.Front()[5];
   if (!KLV_GetFieldInfoFromRegistryDesignator(RegistryDesignator, &pCtxt->nKlvTagFieldSize,
                                               &pCtxt->nKlvLengthFieldSize)) {
     MD_LOG(4, "Invalid registry designator, discarding data.\n");
@@ -297,143 +269,152 @@ static Step _Designator(KLV_DECODE_CONTEXT* pCtxt) {
   }
   MD_LOG(7, "LocalTAGFieldSize=%d , LengthFieldSize=%d for registry designator 0x%02X.\n", pCtxt->nKlvTagFieldSize,
          pCtxt->nKlvLengthFieldSize, RegistryDesignator);
-  if (pCtxt->nStoredAmount == kKLVKeySize) {
+  if (s.held.Stored() == kKLVKeySize) {
     MD_LOG(7, "Switching to ACQUIRING_DATA_LENGTH state\n");
-    return _Wait(pCtxt, KLV_STATE_ACQUIRING_DATA_LENGTH);
+    return _Wait(s, KLV_STATE_ACQUIRING_DATA_LENGTH);
   }
-  return Step::kLength;
+  return Step::kReadLength;
 }
 
-static Step _LongFormLength(KLV_DECODE_CONTEXT* pCtxt, int nBytes) {
-  pCtxt->nHeaderLengthBytes = nBytes;
-  pCtxt->nHeaderSize = kKLVKeySize + 1 + nBytes;
+static Step _LongFormLength(Slice& s, const MdLength& length, MdRead result) {
+  KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
+  const int nBytes = static_cast<int>(length.count);
   MD_LOG(7, "Header length field is %d bytes long\n", nBytes);
   if (nBytes != 1 && nBytes != 2) {
     MD_LOG(4, "Invalid long form length of %d bytes.\n", nBytes);
     return Step::kDropSync;
   }
-  if (pCtxt->nStoredAmount < pCtxt->nHeaderSize) {
-    MD_LOG(7, "Stored amount %d is less than header size of %d, switching to ACQUIRING_DATA_LENGTH\n",
-           pCtxt->nStoredAmount, pCtxt->nHeaderSize);
-    return _Wait(pCtxt, KLV_STATE_ACQUIRING_DATA_LENGTH);
+  if (result == kMdReadLengthCut) {
+    MD_LOG(7, "Stored amount %d is less than header size of %d, switching to ACQUIRING_DATA_LENGTH\n", s.held.Stored(),
+           pCtxt->nHeaderSize);
+    return _Wait(s, KLV_STATE_ACQUIRING_DATA_LENGTH);
   }
-  const BYTE* pcLength = pCtxt->DecodeBuffer + kKLVKeySize + 1;
-  int nLength = pcLength[0];
   if (nBytes == 2) {
-    nLength = pcLength[0] << 8 | pcLength[1];
-    MD_LOG(7, "Data length for 2 bytes BER long form is %d\n", nLength);
+    MD_LOG(7, "Data length for 2 bytes BER long form is %d\n", static_cast<int>(length.value));
   } else {
-    MD_LOG(7, "Data length for 1 byte BER long form is %d\n", nLength);
+    MD_LOG(7, "Data length for 1 byte BER long form is %d\n", static_cast<int>(length.value));
   }
-  pCtxt->nMsgSize = pCtxt->nHeaderSize + nLength;
-  return Step::kSpace;
+  pCtxt->nMsgSize = pCtxt->nHeaderSize + static_cast<int32_t>(length.value);
+  return Step::kCheckSpace;
 }
 
-static Step _Length(KLV_DECODE_CONTEXT* pCtxt) {
-  pCtxt->bHeaderGuessed = pCtxt->nStoredAmount <= kKLVKeySize;
-  const BYTE nFirst = pCtxt->DecodeBuffer[kKLVKeySize];
-  if ((nFirst & 0x80) != 0) return _LongFormLength(pCtxt, nFirst & 0x7F);
+static Step _ReadLength(Slice& s) {
+  KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
+  pCtxt->bHeaderGuessed = s.held.Stored() <= kKLVKeySize;
+  // The first length byte is read even if it is stale, see above; those behind it are not.
+  const int readable = pCtxt->bHeaderGuessed ? kKLVKeySize + 1 : s.held.Stored();
+  MdLength length;
+  const MdRead result =
+      _MdReadLength(s.held.Front(), static_cast<size_t>(readable), kKLVKeySize, kMdFieldNoneOrBer, &length);
+  pCtxt->nHeaderLengthBytes = static_cast<int32_t>(length.count);
+  pCtxt->nHeaderSize = kKLVKeySize + static_cast<int32_t>(length.size);
+  if (length.longForm) return _LongFormLength(s, length, result);
   MD_LOG(7, "Header length field is 1 byte long\n");
-  pCtxt->nHeaderLengthBytes = 1;
-  pCtxt->nHeaderSize = kKLVKeySize + 1;
-  pCtxt->nMsgSize = pCtxt->nHeaderSize + nFirst;
+  pCtxt->nMsgSize = pCtxt->nHeaderSize + static_cast<int32_t>(length.value);
   MD_LOG(7, "Message size is %d.\n", pCtxt->nMsgSize);
-  return Step::kSpace;
+  return Step::kCheckSpace;
 }
 
-// KEPT: measured against the allocation with its record, so that no two-byte length ever fails. The buffer itself
-// holds more than this says.
-static Step _Space(KLV_DECODE_CONTEXT* pCtxt) {
-  const int nSpace = kKLVDecodeSize + static_cast<int>(sizeof(MDATA_BUFFER)) - pCtxt->nHeaderSize;
+// KEPT: measured against the size of the allocation with its record, so that no two-byte length ever fails. The buffer
+// itself holds more than that.
+static Step _CheckSpace(Slice& s) {
+  const int nSpace = kKLVDecodeSize + static_cast<int>(sizeof(MDATA_BUFFER)) - s.pCtxt->nHeaderSize;
   MD_LOG(7, "Buffer Space for data is %d bytes.\n", nSpace);
-  if (pCtxt->nMsgSize > nSpace) {
-    MD_LOG(4, "Message size of %d bytes would overflow rx buffer.\n", pCtxt->nMsgSize);
+  if (s.pCtxt->nMsgSize > nSpace) {
+    MD_LOG(4, "Message size of %d bytes would overflow rx buffer.\n", s.pCtxt->nMsgSize);
     return Step::kDropSync;
   }
-  return Step::kCompleteness;
+  return Step::kCheckCompleteness;
 }
 
-static Step _Completeness(KLV_DECODE_CONTEXT* pCtxt) {
-  if (pCtxt->nStoredAmount < pCtxt->nMsgSize) {
-    MD_LOG(7, "Stored amount %d is less than message size of %d, switching to ACQUIRING_DATA\n", pCtxt->nStoredAmount,
-           pCtxt->nMsgSize);
-    return _Wait(pCtxt, KLV_STATE_ACQUIRING_DATA);
+static Step _CheckCompleteness(Slice& s) {
+  if (s.held.Stored() < s.pCtxt->nMsgSize) {
+    MD_LOG(7, "Stored amount %d is less than message size of %d, switching to ACQUIRING_DATA\n", s.held.Stored(),
+           s.pCtxt->nMsgSize);
+    return _Wait(s, KLV_STATE_ACQUIRING_DATA);
   }
   MD_LOG(7, "Got the full message\n");
-  return Step::kCheck;
+  return Step::kCheckMessage;
 }
 
-static Step _Check(KLV_DECODE_CONTEXT* pCtxt) {
-  const BOOL bGood = _ValidateKLVMessage(pCtxt, pCtxt->DecodeBuffer, pCtxt->nMsgSize, pCtxt->nHeaderSize);
+static Step _CheckMessage(Slice& s) {
+  const BOOL bGood = _ValidateKLVMessage(s.pCtxt, s.held.Front(), s.pCtxt->nMsgSize, s.pCtxt->nHeaderSize);
   return bGood ? Step::kDeliver : Step::kDropSync;
 }
 
-static Step _Deliver(KLV_DECODE_CONTEXT* pCtxt) {
+static Step _Deliver(Slice& s) {
+  KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
   MD_ASSERT(pCtxt->pfnRxHandler != NULL);
   pCtxt->pDecodeBuffer->nDataSize = pCtxt->nMsgSize;
   MDATA_BUFFER* pMessage = nullptr;
-  if (!DoAllocCopyBufferEx(pCtxt->DecodeBuffer, pCtxt->nMsgSize, MDATA_STREAM_HEADER_SIZE, &pMessage)) {
+  if (!DoAllocCopyBufferEx(s.held.Front(), pCtxt->nMsgSize, MDATA_STREAM_HEADER_SIZE, &pMessage)) {
     MD_LOG(4, "No memory for KLV message of %d bytes.\n", pCtxt->nMsgSize);
-    return Step::kRest;
+    return Step::kKeepRest;
   }
   if (pCtxt->pfnRxHandler != nullptr) pCtxt->pfnRxHandler(pMessage, pCtxt->pvUserParam1);
   DoReleaseBuffer(&pMessage);
-  return Step::kRest;
+  return Step::kKeepRest;
 }
 
-static Step _Rest(KLV_DECODE_CONTEXT* pCtxt) {
-  const int nExtra = pCtxt->nStoredAmount - pCtxt->nMsgSize;
+static Step _KeepRest(Slice& s) {
+  const int nExtra = s.held.Stored() - s.pCtxt->nMsgSize;
   if (nExtra == 0) {
-    pCtxt->nStoredAmount = 0;
-    return _Wait(pCtxt, KLV_STATE_SCANNING_FOR_HEADER);
+    s.held.Clear();
+    return _Wait(s, KLV_STATE_SCANNING_FOR_HEADER);
   }
   MD_LOG(7, "RECEIVED %d EXTRA BYTE\n", nExtra);
-  _DropFront(pCtxt, pCtxt->nMsgSize);
+  s.held.Drop(s.pCtxt->nMsgSize);
   return Step::kRescan;
 }
 
-static Step _DropSync(KLV_DECODE_CONTEXT* pCtxt) {
-  MdAdd(pCtxt->Stats.nRxCorruptedMessages, 1);
-  // KEPT: only the sync bytes go; the next message may begin inside what was discarded.
-  _DropFront(pCtxt, kKLVSyncSize);
+static Step _DropSync(Slice& s) {
+  MdAdd(s.pCtxt->Stats.nRxCorruptedMessages, 1);
+  // KEPT: only the sync bytes are dropped; the next message may begin inside what was discarded.
+  s.held.Drop(kKLVSyncSize);
   return Step::kRescan;
 }
 
-static Step _Run(KLV_DECODE_CONTEXT* pCtxt, Step step) {
+static Step _Run(Slice& s, Step step) {
   switch (step) {
     case Step::kRescan:
-      return _Rescan(pCtxt);
+      return _Rescan(s);
     case Step::kSyncFound:
-      return _SyncFound(pCtxt);
+      return _SyncFound(s);
     case Step::kKeyComplete:
-      return _KeyComplete(pCtxt);
-    case Step::kDesignator:
-      return _Designator(pCtxt);
-    case Step::kLength:
-      return _Length(pCtxt);
-    case Step::kSpace:
-      return _Space(pCtxt);
-    case Step::kCompleteness:
-      return _Completeness(pCtxt);
-    case Step::kCheck:
-      return _Check(pCtxt);
+      return _KeyComplete(s);
+    case Step::kLookUpDesignator:
+      return _LookUpDesignator(s);
+    case Step::kReadLength:
+      return _ReadLength(s);
+    case Step::kCheckSpace:
+      return _CheckSpace(s);
+    case Step::kCheckCompleteness:
+      return _CheckCompleteness(s);
+    case Step::kCheckMessage:
+      return _CheckMessage(s);
     case Step::kDeliver:
-      return _Deliver(pCtxt);
-    case Step::kRest:
-      return _Rest(pCtxt);
+      return _Deliver(s);
+    case Step::kKeepRest:
+      return _KeepRest(s);
     case Step::kDropSync:
-      return _DropSync(pCtxt);
+      return _DropSync(s);
     case Step::kWait:
       break;
   }
   return Step::kWait;
 }
 
-// How much of a chunk is fed at once. The last slice is never shorter than a key, so that a key cut by the slices is whole
-// when it is looked at.
+// How much of a chunk is fed at once. The last slice is never shorter than a key, so that a key that the slices cut is
+// whole when it is looked at.
 static int _SliceSize(int nLeft) {
   if (nLeft <= kKLVSliceSize) return nLeft;
   return nLeft - kKLVSliceSize < kKLVKeySize ? nLeft - kKLVKeySize : kKLVSliceSize;
+}
+
+// A key that is not complete always stands at the start of the memory.
+static void _RunSlice(Slice& s) {
+  for (Step step = _Enter(s); step != Step::kWait;) step = _Run(s, step);
+  s.held.Compact(kKLVKeySize);
 }
 
 int GenericKLV_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
@@ -443,12 +424,10 @@ int GenericKLV_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   bool bLost = false;
   int nDone = 0;
   do {
-    const int nSlice = _SliceSize(nLength - nDone);
-    const Entry entry = _EnterByState(pCtxt, pvData + nDone, nSlice);
-    for (Step step = entry.step; step != Step::kWait;) step = _Run(pCtxt, step);
-    _Compact(pCtxt);
-    bLost = entry.bChunkLost;
-    nDone += nSlice;
+    Slice s(pCtxt, pvData + nDone, _SliceSize(nLength - nDone));
+    _RunSlice(s);
+    bLost = s.bChunkLost;
+    nDone += s.nLength;
   } while (nDone < nLength && !bLost);
   return 0;
 }

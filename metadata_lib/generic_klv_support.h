@@ -39,9 +39,9 @@ typedef struct tagKLV_DECODE_CONTEXT {
   void* pvUserParam1;
   MDATA_BUFFER* pDecodeBuffer;      // owns the accumulation buffer
   MDATA_BUFFER* pNextDecodeBuffer;  // reserved
-  BYTE* DecodeBuffer;               // first held byte; moves through the buffer as bytes are given up
-  UINT nMatched;                    // result of the last scan
-  BOOL bHeaderGuessed;              // the header was read before its length byte was there
+  BYTE* DecodeBuffer;               // its memory
+  int32_t nStart;                   // position of the first held byte in it
+  BOOL bHeaderGuessed;              // the header was read before its length byte had arrived
 } KLV_DECODE_CONTEXT;
 
 // --- Local set standards -----------------------------------------------------------------------------
