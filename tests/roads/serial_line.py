@@ -67,10 +67,14 @@ class Line:
             data = data[os.write(self.far, data):]
 
     def send(self, data, baud, most=1, seed=1):
-        """Brings the bytes in lots of 1 to `most`, each when its last bit would be over; ten bits a byte."""
+        """Brings the bytes in lots of 1 to `most`, each when its last bit would be over; ten bits a byte.
+
+        Whether the rate was kept: a feeder that the system lets wait makes pauses that no line has.
+        """
         choose = random.Random(seed)
         start = time.monotonic()
         at = 0
+        latest = 0
         while at < len(data):
             lot = data[at:at + choose.randint(1, most)]
             at += len(lot)
@@ -78,6 +82,8 @@ class Line:
             if wait > 0:
                 time.sleep(wait)
             self.write(lot)
+            latest = max(latest, time.monotonic() - start - at * 10 / baud)
+        return latest < 0.01
 
     def close(self):
         if self.far is not None:
