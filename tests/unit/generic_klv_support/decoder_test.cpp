@@ -69,6 +69,16 @@ TEST_F(DecoderTest, FreeingNothingAsserts) {
 
 // --- Statistics ------------------------------------------------------------------------------------------
 
+// What a key that is not complete is completed from is what follows it in the memory, so where it stands matters.
+TEST_F(DecoderTest, IncompleteKeyBehindADiscardedOneStandsAtTheStartOfTheMemory) {
+  Feed(kSync + Bytes{0xFF} + kSync + Bytes{0x0B, 1, 1, 0x0E, 1, 3, 1});
+  ExpectLog(4, "Unrecognized registry designator (0xFF).\n");
+  ExpectLog(4, "Invalid registry designator, discarding data.\n");
+  ExpectState(KLV_STATE_ACQUIRING_UNIVERSAL_KEY, 12);
+  EXPECT_EQ(Context().nStart, 0);
+  EXPECT_EQ(Bytes(Context().DecodeBuffer, Context().DecodeBuffer + 5), kSync);
+}
+
 TEST_F(DecoderTest, StatisticsLeaveTheChannelCounterToTheCaller) {
   *GenericKLV_GetStatsPtr(m_pvCtxt) = {1, 2, 3, 4};
   KLV_STATS Got = {70, 70, 70, 70};
