@@ -27,8 +27,9 @@ Section::Section(const IniSection& section, std::span<const std::string_view> kn
   for (const auto& [key, value] : section_.values) {
     if (std::find(known.begin(), known.end(), key) != known.end()) continue;
     const std::string nearest = NearestName(key, known);
-    throw ConfigError("[" + Name() + "] " + key + " = " + value + ": unknown key" +
-                      (nearest.empty() ? "" : ", did you mean \"" + nearest + "\"?") + "; allowed are " + Join(known));
+    std::string text = "[" + Name() + "] " + key + " = " + value + ": unknown key";
+    if (!nearest.empty()) text.append(", did you mean \"").append(nearest).append("\"?");
+    throw ConfigError(text.append("; allowed are ").append(Join(known)));
   }
 }
 

@@ -1,6 +1,7 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdio>
 #include <exception>
 
@@ -33,7 +34,7 @@ FlightOptions MakeFlightOptions(const Arguments& args) {
 // A flight that is sent as fast as it goes is flown at ten states a second.
 std::int64_t FlightInterval(const Arguments& args) {
   const double rate = args.send.rate > 0 ? args.send.rate : 10.0;
-  return static_cast<std::int64_t>(1e6 / rate + 0.5);
+  return std::llround(1e6 / rate);
 }
 
 std::unique_ptr<Traffic> MakeKlvTraffic(const Arguments& args) {

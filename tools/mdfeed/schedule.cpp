@@ -1,6 +1,7 @@
 #include "schedule.h"
 
 #include <charconv>
+#include <cmath>
 #include <sstream>
 #include <stdexcept>
 
@@ -28,7 +29,7 @@ std::chrono::milliseconds ParseSeconds(std::string text) {
   if (error != std::errc() || rest != text.data() + text.size() || !(seconds >= 0 && seconds <= 1e6)) {
     throw std::invalid_argument("'" + as_written + "' is not a time in seconds");
   }
-  return std::chrono::milliseconds(static_cast<long long>(seconds * 1000.0 + 0.5));
+  return std::chrono::milliseconds(std::llround(seconds * 1000.0));
 }
 
 }  // namespace

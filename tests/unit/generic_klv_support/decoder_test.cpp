@@ -1,4 +1,6 @@
 // The KLV stream decoder: states, discards, time-outs and counters.
+#include <gmock/gmock.h>
+
 #include "decoder_fixture.h"
 
 namespace {

@@ -1,4 +1,6 @@
 // Local set standards, the walk through a message's items, and the checksum.
+#include <gmock/gmock.h>
+
 #include <climits>
 
 #include "decoder_fixture.h"

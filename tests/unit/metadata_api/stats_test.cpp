@@ -43,7 +43,7 @@ class StatsTest : public EngineTest {
     stats.nTOSUpdates = 25;
     stats.nLastTOSUpdateUpTimeInSecs = 26;
     for (int i = 0; i < MDATA_MAX_RELAYS; ++i) {
-      const auto n = static_cast<ULONG>(100 * (i + 1));
+      const auto n = 100 * (static_cast<ULONG>(i) + 1);
       stats.Relays[i] = {n + 1, n + 2, n + 3, static_cast<int>(n) + 4, static_cast<int>(n) + 5};
     }
     stats.nBitRateInKbps = 99;

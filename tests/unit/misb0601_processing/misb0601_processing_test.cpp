@@ -1,6 +1,7 @@
 // The rewriting of UAS Local Sets.
 #include "misb0601_processing.h"
 
+#include <gmock/gmock.h>
 #include <stdlib.h>
 #include <string.h>
 

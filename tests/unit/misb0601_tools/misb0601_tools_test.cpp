@@ -1,6 +1,7 @@
 // The UAS Local Set tools: element sizes, the elements that a source inserts, the validation and the names.
 #include "misb0601_tools.h"
 
+#include <gmock/gmock.h>
 #include <stdlib.h>
 #include <string.h>
 

@@ -1,0 +1,82 @@
+#!/usr/bin/env python3
+"""clang-tidy over sources, as build/tidy/compile_commands.json compiles them.
+
+    tidy.py SOURCE...
+
+A source that was clean is not looked at again until something changes that its result depends on: its preprocessed
+text with all comments, how it is compiled, or the checks. What is known to be clean stands in build/tidy/clean/.
+"""
+import concurrent.futures
+import hashlib
+import json
+import os
+import pathlib
+import shlex
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BUILD = ROOT / "build/tidy"
+CLEAN = BUILD / "clean"
+TIDY = "clang-tidy-14"
+
+
+def preprocessed(entry):
+    """The text that the compiler sees, comments included, because they hold the exceptions from checks."""
+    arguments = shlex.split(entry["command"])
+    compiler = next(i for i, argument in enumerate(arguments) if "clang" in pathlib.Path(argument).name)
+    arguments = arguments[compiler:]
+    output = arguments.index("-o")
+    del arguments[output:output + 2]
+    arguments[arguments.index("-c")] = "-E"
+    return subprocess.run(arguments + ["-C"], cwd=entry["directory"], check=True, capture_output=True).stdout
+
+
+def key(source, entry):
+    digest = hashlib.sha256(entry["command"].encode())
+    digest.update(subprocess.run([TIDY, "--version"], check=True, capture_output=True).stdout)
+    for folder in (ROOT / source).parents:
+        config = folder / ".clang-tidy"
+        if config.is_file():
+            digest.update(config.read_bytes())
+        if folder == ROOT:
+            break
+    digest.update(preprocessed(entry))
+    return digest.hexdigest()
+
+
+def check(source, entry):
+    """What clang-tidy says about a source, nothing when it is clean."""
+    try:
+        mark = CLEAN / key(source, entry)
+    except subprocess.CalledProcessError as error:
+        return f"{source}: cannot be preprocessed\n{error.stderr.decode(errors='replace')}"
+    if mark.exists():
+        return ""
+    done = subprocess.run([TIDY, "-p", str(BUILD), "--quiet", source], cwd=ROOT, capture_output=True, text=True)
+    if done.returncode == 0:
+        mark.touch()
+        return ""
+    return done.stdout or done.stderr or f"{source}: {TIDY} failed"
+
+
+def main():
+    sources = sys.argv[1:]
+    database = json.loads((BUILD / "compile_commands.json").read_text())
+    entries = {os.path.relpath(entry["file"], ROOT): entry for entry in database}
+    absent = [source for source in sources if source not in entries]
+    for source in absent:
+        print(f"{source}: is part of no target", file=sys.stderr)
+    CLEAN.mkdir(exist_ok=True)
+    failed = bool(absent)
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        checks = [pool.submit(check, source, entries[source]) for source in sources if source in entries]
+        for done in concurrent.futures.as_completed(checks):
+            if done.result():
+                print(done.result(), file=sys.stderr)
+                failed = True
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
