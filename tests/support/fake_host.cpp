@@ -26,11 +26,17 @@ Host& host() {
 Host::Host() : impl(new Impl) {}
 
 Host::~Host() {
+  Finish();
   if (!impl->folder.empty()) std::filesystem::remove_all(impl->folder);
   delete impl;
 }
 
+void Host::Finish() {
+  testUnderWay = false;
+}
+
 void Host::Reset() {
+  Finish();
   if (!impl->folder.empty()) std::filesystem::remove_all(impl->folder);
   delete impl;
   impl = new Impl;
@@ -47,6 +53,7 @@ void Host::Reset() {
   _DoDbgInit("METADATALIB", &g_hMetaDataLibDbg);
   _DoDbgInit("COTCONVERTER", &g_hCoTConvDbg);
   __atomic_store_n(&g_bThreadStateDebuggingEnabled, FALSE, __ATOMIC_RELAXED);
+  testUnderWay = true;
 }
 
 void Host::Verify() {
@@ -60,19 +67,29 @@ void Host::Verify() {
   }
   for (const Assertion& assertion : impl->assertions)
     if (!assertion.claimed) ADD_FAILURE() << "unclaimed assertion in " << assertion.function << ": " << assertion.text;
-  for (const auto& [fd, state] : impl->fds)
-    if (!state.closed && state.kind != "mailbox" && state.kind != "capture")
-      ADD_FAILURE() << "descriptor " << fd << " (" << state.kind << ") left open";
-  EXPECT_TRUE(impl->sets.empty()) << "a descriptor set was left open";
-  EXPECT_TRUE(impl->mailboxes.empty()) << "a mailbox was left open";
-  EXPECT_TRUE(impl->messages.empty()) << "a mailbox message was left over";
-  EXPECT_TRUE(impl->rates.empty()) << "a rate table was left over";
-  EXPECT_FALSE(impl->running) << "the metadata thread was left running";
+  impl->VerifyNothingIsLeft();
   for (const auto& [text, act] : impl->acts) ADD_FAILURE() << "nothing happened at a line never written: " << text;
   for (auto& [name, queue] : impl->failures)
     for (const Failure& failure : queue)
       if (failure.times > 0) ADD_FAILURE() << "a failure asked for " << name << " never happened";
   for (const auto& [name, action] : impl->actions) ADD_FAILURE() << "an action waits for " << name << " in vain";
+}
+
+void Host::Impl::VerifyNothingIsLeft() {
+  for (const auto& [fd, state] : fds)  // a mailbox closes its own
+    if (!state.closed && state.kind != "mailbox")
+      ADD_FAILURE() << "descriptor " << fd << " (" << state.kind << ") left open";
+  for (const auto& [fd, path] : openFiles) ADD_FAILURE() << "the file " << path << " was left open";
+  for (const auto& [file, path] : openStreams) ADD_FAILURE() << "the stream of " << path << " was left open";
+  EXPECT_TRUE(sets.empty()) << "a descriptor set was left open";
+  EXPECT_TRUE(mailboxes.empty()) << "a mailbox was left open";
+  EXPECT_TRUE(messages.empty()) << "a mailbox message was left over";
+  EXPECT_TRUE(rates.empty()) << "a rate table was left over";
+  EXPECT_TRUE(conditions.empty()) << "a wait condition was left over";
+  EXPECT_FALSE(running) << "the metadata thread was left running";
+  EXPECT_TRUE(threads.empty()) << "a thread was not joined";
+  const std::string left = DescribeBlocks();
+  EXPECT_TRUE(left.empty()) << "blocks were left allocated:\n" << left;
 }
 
 // --- log ---------------------------------------------------------------------------------------------

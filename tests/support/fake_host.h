@@ -11,7 +11,8 @@
 // time-out where one is set. A thread that would sleep for ever fails the test.
 //
 // Tests derive from HostTest, which resets everything and, at the end, fails the test on any unclaimed log line of
-// level 0 to 5, any unclaimed assertion, and anything left open or allocated. Nothing sleeps: time() and its kin follow
+// level 0 to 5, any unclaimed assertion, and anything left open or allocated: blocks, descriptors, streams, sets,
+// mailboxes and their messages, rate tables, wait conditions, threads. Nothing sleeps: time() and its kin follow
 // the fake clock, files under /tmp, /usr/share/vendor and /etc/hostos.ini live in a folder of the test's own.
 #ifndef FAKE_HOST_H
 #define FAKE_HOST_H
@@ -116,6 +117,13 @@ struct HostRecords {
   std::vector<std::string> savedStates;  // functions that called __SaveThreadState
   std::vector<int> pausedStates;
   std::vector<UINT> iterations;
+  struct Receive {  // what recvmsg was asked for
+    int flags;
+    size_t size;
+    size_t nameSize;     // 0 without a place for the sender
+    size_t controlSize;  // 0 without a place for control messages
+  };
+  std::vector<Receive> receives;
   std::vector<UINT64> rateTotals;
   UINT32 rate = 0;
   int rateResets = 0;
@@ -181,6 +189,7 @@ class Host : public HostRecords {
   // For the fixture.
   void Reset();
   void Verify();
+  void Finish();  // no test is under way any more
   void AllowLogs(int level, const std::string& part);
   bool ClaimLog(int level, const std::string& text, bool whole);
   bool ClaimAssertion(const std::string& text, bool isText);
@@ -210,10 +219,14 @@ void ExpectDump(int level, const std::string& title, const Bytes& bytes, Where w
 void AllowLogs(int level, const std::string& part);
 int CountLogs(int level, const std::string& text);
 
+// Verifies last: what a derived fixture's TearDown, destructor or members give back is no leak.
 class HostTest : public ::testing::Test {
  protected:
-  void SetUp() override { host().Reset(); }
-  void TearDown() override { host().Verify(); }
+  HostTest() { host().Reset(); }
+  ~HostTest() override {
+    host().Verify();
+    host().Finish();
+  }
 };
 
 #endif  // FAKE_HOST_H

@@ -2,6 +2,7 @@
 #ifndef FAKE_IMPL_H
 #define FAKE_IMPL_H
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <mutex>
@@ -9,6 +10,16 @@
 #include <thread>
 
 #include "fake_host.h"
+
+// From Host::Reset to Host::Finish. Constant-initialised and never destroyed: wrapped calls read it before main and
+// after the last destructor.
+inline constinit std::atomic<bool> testUnderWay{false};
+
+// A block of the allocator that nobody has freed yet.
+struct Allocation {
+  size_t size;
+  const void* caller;
+};
 
 struct QueuedDatagram {
   Bytes bytes;
@@ -104,6 +115,12 @@ struct Host::Impl {
   std::set<tagHOST_MBOX_MSG*> messages;
   std::set<tagHOST_COUNTER_RATE*> rates;
   std::set<tagHOST_THREAD*> threads;
+  std::set<WAIT_COND*> conditions;
+  std::map<int, std::string> openFiles;      // paths of real descriptors from open()
+  std::map<FILE*, std::string> openStreams;  // paths of streams
+
+  std::mutex blocksLock;  // taken last, under any other lock
+  std::map<const void*, Allocation> blocks;
 
   // Lockstep: the metadata thread waits in FDMGR_Select until a pass is granted.
   std::thread::id metadataThread;
@@ -124,6 +141,8 @@ struct Host::Impl {
   void Grant(bool timeOutPass);
   // Grants the pass that a real thread would make next. FALSE when it would sleep for ever.
   bool GrantAsReal();
+  void VerifyNothingIsLeft();
+  std::string DescribeBlocks();
 };
 
 #endif  // FAKE_IMPL_H

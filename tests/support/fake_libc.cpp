@@ -1,5 +1,6 @@
 // The libc calls that reach outside, through the linker's --wrap: time follows the fake clock, files live in the test's
-// own folder, fake descriptors are scripted. Everything else passes through.
+// own folder, fake descriptors are scripted. Everything else passes through, and everything does while no test is under
+// way: what runs at the exit of the process, such as writing coverage data, gets the real calls.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -17,7 +18,7 @@ static Host::Impl& Fake() {
   return *host().impl;
 }
 static bool IsFake(int fd) {
-  return fd >= kFirstFakeFD;
+  return testUnderWay && fd >= kFirstFakeFD;
 }
 
 static FDState* Find(int fd) {
@@ -43,16 +44,23 @@ FILE* __real_fopen(const char*, const char*);
 FILE* __real_fdopen(int, const char*);
 int __real_ftruncate(int, off_t);
 uid_t __real_geteuid();
-void* __real_calloc(size_t, size_t);
-void* __real_malloc(size_t);
+int __real_pthread_mutex_clocklock(pthread_mutex_t*, clockid_t, const struct timespec*);
+int __real_fclose(FILE*);
+time_t __real_time(time_t*);
+int __real_gettimeofday(struct timeval*, void*);
+int __real_clock_gettime(clockid_t, struct timespec*);
+int __real_nanosleep(const struct timespec*, struct timespec*);
+int __real_socket(int, int, int);
 
 time_t __wrap_time(time_t* out) {
+  if (!testUnderWay) return __real_time(out);
   const time_t now = host().NowSeconds();
   if (out != nullptr) *out = now;
   return now;
 }
 
-int __wrap_gettimeofday(struct timeval* out, void*) {
+int __wrap_gettimeofday(struct timeval* out, void* zone) {
+  if (!testUnderWay) return __real_gettimeofday(out, zone);
   std::lock_guard guard(Fake().lock);
   if (const auto failure = Fake().Call("gettimeofday")) return Result(*failure);
   out->tv_sec = Fake().wallMicroseconds / 1000000;
@@ -60,14 +68,16 @@ int __wrap_gettimeofday(struct timeval* out, void*) {
   return 0;
 }
 
-int __wrap_clock_gettime(clockid_t, struct timespec* out) {
+int __wrap_clock_gettime(clockid_t clock, struct timespec* out) {
+  if (!testUnderWay) return __real_clock_gettime(clock, out);
   std::lock_guard guard(Fake().lock);
   out->tv_sec = Fake().upMilliseconds / 1000;
   out->tv_nsec = Fake().upMilliseconds % 1000 * 1000000;
   return 0;
 }
 
-int __wrap_nanosleep(const struct timespec* pause, struct timespec*) {
+int __wrap_nanosleep(const struct timespec* pause, struct timespec* rest) {
+  if (!testUnderWay) return __real_nanosleep(pause, rest);
   std::lock_guard guard(Fake().lock);
   Fake().Call("nanosleep");
   host().Advance(pause->tv_sec * 1000 + pause->tv_nsec / 1000000);
@@ -76,6 +86,7 @@ int __wrap_nanosleep(const struct timespec* pause, struct timespec*) {
 
 // Whoever holds the mutex keeps it for as long as anybody waits.
 int __wrap_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const struct timespec* until) {
+  if (!testUnderWay) return __real_pthread_mutex_clocklock(mutex, clock, until);
   Fake().Call("pthread_mutex_clocklock");
   EXPECT_EQ(clock, CLOCK_MONOTONIC) << "a wait on a clock that can be set";
   if (pthread_mutex_trylock(mutex) == 0) return 0;
@@ -86,11 +97,13 @@ int __wrap_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, cons
 }
 
 uid_t __wrap_geteuid() {
+  if (!testUnderWay) return __real_geteuid();
   if (const auto other = Fake().Call("geteuid")) return static_cast<uid_t>(Result(*other));
   return __real_geteuid();
 }
 
-int __wrap_socket(int family, int type, int) {
+int __wrap_socket(int family, int type, int protocol) {
+  if (!testUnderWay) return __real_socket(family, type, protocol);
   std::lock_guard guard(Fake().lock);
   if (const auto failure = Fake().Call("socket")) return Result(*failure);
   const int fd = Fake().NewFD("socket");
@@ -100,8 +113,12 @@ int __wrap_socket(int family, int type, int) {
 }
 
 int __wrap_close(int fd) {
-  if (!IsFake(fd)) return __real_close(fd);
+  if (!testUnderWay) return __real_close(fd);
   std::lock_guard guard(Fake().lock);
+  if (!IsFake(fd)) {
+    Fake().openFiles.erase(fd);
+    return __real_close(fd);
+  }
   const auto failure = Fake().Call("close");
   FDState* state = Find(fd);
   if (state == nullptr) {
@@ -143,7 +160,7 @@ int __wrap_connect(int fd, const struct sockaddr* address, socklen_t length) {
 }
 
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
-  if (fd >= 0 && !IsFake(fd)) return __real_send(fd, data, size, flags);
+  if (!testUnderWay || (fd >= 0 && !IsFake(fd))) return __real_send(fd, data, size, flags);
   std::lock_guard guard(Fake().lock);
   if (const auto failure = Fake().Call("send")) return Result(*failure);
   FDState* state = Find(fd);
@@ -215,9 +232,23 @@ static Bytes Control(const DatagramInfo& info, bool ipv6) {
   return area;
 }
 
+// Records what a receive asks for, and fails the test when that can block, or cannot hold what a datagram brings.
+static void CheckReceive(const struct msghdr& message, int flags) {
+  const HostRecords::Receive call = {flags, message.msg_iovlen == 0 ? 0 : message.msg_iov[0].iov_len,
+                                     message.msg_namelen, message.msg_controllen};
+  host().receives.push_back(call);
+  EXPECT_EQ(flags, MSG_DONTWAIT) << "recvmsg: the metadata thread must not block";
+  EXPECT_TRUE(message.msg_iovlen == 1 && message.msg_iov[0].iov_base != nullptr) << "recvmsg: one part, with memory";
+  EXPECT_EQ(call.nameSize, message.msg_name == nullptr ? 0 : sizeof(sockaddr_storage)) << "recvmsg: the sender's room";
+  // A TOS or traffic class and a TTL or hop limit, as two numbers.
+  EXPECT_EQ(call.controlSize, message.msg_control == nullptr ? 0 : 2 * CMSG_SPACE(sizeof(int)))
+      << "recvmsg: the room for control messages";
+}
+
 ssize_t __wrap_recvmsg(int fd, struct msghdr* message, int flags) {
   if (!IsFake(fd)) return __real_recvmsg(fd, message, flags);
   std::lock_guard guard(Fake().lock);
+  CheckReceive(*message, flags);
   if (const auto failure = Fake().Call("recvmsg")) return failure->result.value_or(-1);
   FDState* state = Find(fd);
   if (state == nullptr || state->datagrams.empty()) {
@@ -236,7 +267,7 @@ ssize_t __wrap_recvmsg(int fd, struct msghdr* message, int flags) {
   const size_t given = message->msg_control == nullptr ? 0 : std::min<size_t>(message->msg_controllen, control.size());
   if (given != 0) memcpy(message->msg_control, control.data(), given);
   message->msg_controllen = given;
-  message->msg_flags = taken < datagram.bytes.size() ? MSG_TRUNC : 0;
+  message->msg_flags = (taken < datagram.bytes.size() ? MSG_TRUNC : 0) | (given < control.size() ? MSG_CTRUNC : 0);
   return static_cast<ssize_t>(taken);
 }
 
@@ -245,44 +276,46 @@ int __wrap_open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
+  if (!testUnderWay) return __real_open(path, flags, mode);
+  std::lock_guard guard(Fake().lock);
   if (const auto failure = Fake().Call("open")) return Result(*failure);
-  return __real_open(host().RealPath(path).c_str(), flags, mode);
+  const int fd = __real_open(host().RealPath(path).c_str(), flags, mode);
+  if (fd >= 0) Fake().openFiles[fd] = path;
+  return fd;
 }
 
 FILE* __wrap_fopen(const char* path, const char* mode) {
+  if (!testUnderWay) return __real_fopen(path, mode);
+  std::lock_guard guard(Fake().lock);
   if (Fake().Call("fopen")) return nullptr;
-  return __real_fopen(host().RealPath(path).c_str(), mode);
+  FILE* file = __real_fopen(host().RealPath(path).c_str(), mode);
+  if (file != nullptr) Fake().openStreams[file] = path;
+  return file;
 }
 
 FILE* __wrap_fdopen(int fd, const char* mode) {
-  if (Fake().Call("fdopen")) return nullptr;
-  return __real_fdopen(fd, mode);
-}
-
-// Allocations only count while a failure is asked for: the fake itself allocates.
-static bool AllocationFails(const char* name) {
-  static thread_local bool inside = false;
-  if (inside || host().impl == nullptr) return false;
-  inside = true;
+  if (!testUnderWay) return __real_fdopen(fd, mode);
   std::lock_guard guard(Fake().lock);
-  Fake().Act(name);
-  const auto found = Fake().failures.find(name);
-  const bool fails = found != Fake().failures.end() && !found->second.empty() && Fake().Fails(name);
-  inside = false;
-  return fails;
+  if (Fake().Call("fdopen")) return nullptr;
+  FILE* file = __real_fdopen(fd, mode);
+  if (file == nullptr) return nullptr;
+  // From here on the stream owns the descriptor.
+  Fake().openStreams[file] = Fake().openFiles[fd];
+  Fake().openFiles.erase(fd);
+  return file;
 }
 
 int __wrap_ftruncate(int fd, off_t size) {
+  if (!testUnderWay) return __real_ftruncate(fd, size);
   if (const auto failure = Fake().Call("ftruncate")) return Result(*failure);
   return __real_ftruncate(fd, size);
 }
 
-void* __wrap_calloc(size_t count, size_t size) {
-  return AllocationFails("calloc") ? nullptr : __real_calloc(count, size);
-}
-
-void* __wrap_malloc(size_t size) {
-  return AllocationFails("malloc") ? nullptr : __real_malloc(size);
+int __wrap_fclose(FILE* file) {
+  if (!testUnderWay) return __real_fclose(file);
+  std::lock_guard guard(Fake().lock);
+  Fake().openStreams.erase(file);
+  return __real_fclose(file);
 }
 
 }  // extern "C"

@@ -230,6 +230,7 @@ BOOL MBOX_CloseMailBox(HMBOX* phMBox) {
 BOOL WaitCond_Init(WAIT_COND* pCond) {
   std::lock_guard guard(Fake().lock);
   pCond->nCount = 0;
+  Fake().conditions.insert(pCond);
   return Fake().Fails("WaitCond_Init") ? FALSE : TRUE;
 }
 
@@ -266,8 +267,10 @@ BOOL _DoWaitCond_WaitFor(WAIT_COND* pCond, DWORD nMilliseconds, const char*, con
   }
 }
 
-void WaitCond_Destroy(WAIT_COND*) {
+void WaitCond_Destroy(WAIT_COND* pCond) {
+  std::lock_guard guard(Fake().lock);
   Fake().Call("WaitCond_Destroy");
+  if (Fake().conditions.erase(pCond) == 0) ADD_FAILURE() << "a wait condition was destroyed that was not initialised";
 }
 
 // --- threads -----------------------------------------------------------------------------------------
@@ -423,6 +426,8 @@ BOOL KLVCAPTURE_Start(int iInterface, VIDEO_EXTRACTOR* pExtractor) {
 void KLVCAPTURE_Stop(int iInterface) {
   std::lock_guard guard(Fake().lock);
   host().captureStops.push_back(iInterface);
+  for (auto& [fd, state] : Fake().fds)
+    if (state.kind == "capture" && state.interface == iInterface) state.closed = true;
 }
 
 BOOL KLVCAPTURE_GetKLV(int iFD, BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
@@ -451,24 +456,33 @@ BOOL __AllocCounterRateTable(int nSamples, const char* szName, HCOUNTERRATE* phR
   return TRUE;
 }
 
-void AddCounterValue(HCOUNTERRATE, UINT64 nRunningTotal) {
+static void CheckRate(HCOUNTERRATE hRate) {
+  EXPECT_TRUE(Fake().rates.contains(hRate)) << "a rate table was used that does not exist";
+}
+
+void AddCounterValue(HCOUNTERRATE hRate, UINT64 nRunningTotal) {
   std::lock_guard guard(Fake().lock);
+  CheckRate(hRate);
   host().rateTotals.push_back(nRunningTotal);
 }
 
-BOOL GetCounterRate(HCOUNTERRATE, int, UINT32* pnRate) {
+BOOL GetCounterRate(HCOUNTERRATE hRate, int nOptions, UINT32* pnRate) {
   std::lock_guard guard(Fake().lock);
+  CheckRate(hRate);
+  EXPECT_EQ(nOptions, 1) << "GetCounterRate: the selector of the rate in kbit/s";
   *pnRate = host().rate;
   return Fake().Fails("GetCounterRate") ? FALSE : TRUE;
 }
 
-void ResetCounterRateTable(HCOUNTERRATE) {
+void ResetCounterRateTable(HCOUNTERRATE hRate) {
   std::lock_guard guard(Fake().lock);
+  CheckRate(hRate);
   ++host().rateResets;
 }
 
 void DeleteCounterRateTable(HCOUNTERRATE hRate) {
   std::lock_guard guard(Fake().lock);
+  CheckRate(hRate);
   Fake().rates.erase(hRate);
   delete hRate;
 }

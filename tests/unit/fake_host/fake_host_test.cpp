@@ -1,12 +1,18 @@
 // The fake host does what its language says.
 #include "fake_host.h"
 
+#include <fcntl.h>
 #include <gtest/gtest-spi.h>
+#include <netinet/in.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 
 #include "builders.h"
+#include "utils.h"
 
 extern HDBG g_hMetaDataLibDbg;
 
@@ -68,13 +74,229 @@ TEST_F(FakeHost, FilesLiveInTheTestsOwnFolder) {
   EXPECT_NE(host().RealPath("/tmp/fake_host_probe.txt"), "/tmp/fake_host_probe.txt");
 }
 
+// --- nothing is left over: one planted leak of every kind ------------------------------------------------
+
+// Checks that this one leak, and nothing else, is reported.
+void ExpectLeak(const char* part) {
+  EXPECT_NONFATAL_FAILURE(host().Verify(), part);
+}
+
 TEST_F(FakeHost, ADescriptorLeftOpenFailsTheTest) {
   int fd = -1;
   const BYTE address[4] = {};
   EXPECT_TRUE(CreateUDPRxSocket(5000, address, &fd));
-  EXPECT_NONFATAL_FAILURE(host().Verify(), "left open");
+  ExpectLeak("(udp4) left open");
   close(fd);
 }
+
+TEST_F(FakeHost, ASocketLeftOpenFailsTheTest) {
+  const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+  ExpectLeak("(socket) left open");
+  close(fd);
+}
+
+TEST_F(FakeHost, ACaptureLeftRunningFailsTheTest) {
+  VIDEO_EXTRACTOR extractor = {-1, 0};
+  EXPECT_TRUE(KLVCAPTURE_Start(2, &extractor));
+  ExpectLeak("(capture) left open");
+  KLVCAPTURE_Stop(2);
+}
+
+TEST_F(FakeHost, ABlockOfTheLibraryLeftOverFailsTheTest) {
+  MDATA_BUFFER* buffer = nullptr;
+  ASSERT_TRUE(DoAllocBuffer(100, &buffer));
+  ExpectLeak("bytes from unit_fake_host+0x");
+  DoReleaseBuffer(&buffer);
+}
+
+// Through volatile pointers, so that the compiler neither folds nor drops a call.
+void* volatile g_none = nullptr;
+struct Allocator {
+  const char* name;
+  void* (*volatile allocate)();
+};
+const Allocator kAllocators[] = {{"malloc", [] { return malloc(7); }},
+                                 {"calloc", [] { return calloc(2, 4); }},
+                                 {"realloc", [] { return realloc(g_none, 9); }},
+                                 {"strdup", []() -> void* { return strdup("text"); }},
+                                 {"strndup", []() -> void* { return strndup("text", 2); }}};
+
+TEST_F(FakeHost, EveryAllocatorsBlockLeftOverFailsTheTest) {
+  for (const Allocator& allocator : kAllocators) {
+    void* const block = allocator.allocate();
+    ExpectLeak("blocks were left allocated");
+    free(block);
+  }
+}
+
+TEST_F(FakeHost, EveryAllocatorCanBeRefused) {
+  for (const Allocator& allocator : kAllocators) {
+    host().FailNext(allocator.name);
+    EXPECT_EQ(allocator.allocate(), nullptr) << allocator.name;
+  }
+}
+
+TEST_F(FakeHost, AReallocatedBlockIsOneBlock) {
+  void* (*volatile const reallocate)(void*, size_t) = realloc;
+  void* const block = reallocate(kAllocators[0].allocate(), 5000);
+  ExpectLeak("  5000 bytes from");
+  free(block);
+}
+
+TEST_F(FakeHost, AStreamLeftOpenFailsTheTest) {
+  FILE* file = fopen("/tmp/fake_host_probe.txt", "w");
+  ASSERT_NE(file, nullptr);
+  ExpectLeak("the stream of /tmp/fake_host_probe.txt was left open");
+  fclose(file);
+}
+
+TEST_F(FakeHost, AFileLeftOpenFailsTheTestUntilAStreamOwnsIt) {
+  const int fd = open("/tmp/fake_host_probe.txt", O_CREAT | O_WRONLY, 0600);
+  ASSERT_GE(fd, 0);
+  ExpectLeak("the file /tmp/fake_host_probe.txt was left open");
+  FILE* file = fdopen(fd, "w");
+  ExpectLeak("the stream of /tmp/fake_host_probe.txt was left open");
+  fclose(file);
+}
+
+TEST_F(FakeHost, AFileThatIsClosedIsNoLeak) {
+  const int fd = open("/tmp/fake_host_probe.txt", O_CREAT | O_WRONLY, 0600);
+  close(fd);
+}
+
+TEST_F(FakeHost, ADescriptorSetLeftOpenFailsTheTest) {
+  HFDSET set = nullptr;
+  EXPECT_TRUE(__FDMGR_CreateSet("set", &set, "", "", 0));
+  ExpectLeak("a descriptor set was left open");
+  FDMGR_CloseSet(&set);
+}
+
+TEST_F(FakeHost, AMailboxLeftOpenFailsTheTest) {
+  const MBOX_CONFIG config = {sizeof(MBOX_CONFIG), "box", FALSE};
+  HMBOX mailbox = nullptr;
+  EXPECT_TRUE(MBOX_CreateMailBox(&config, &mailbox));
+  ExpectLeak("a mailbox was left open");
+  MBOX_CloseMailBox(&mailbox);
+}
+
+TEST_F(FakeHost, AMessageLeftOverFailsTheTest) {
+  HMBOXMSG message = __MBOX_AllocMessage(0, "", "", 0);
+  ExpectLeak("a mailbox message was left over");
+  MBOX_FreeMessage(message);
+}
+
+TEST_F(FakeHost, ARateTableLeftOverFailsTheTest) {
+  HCOUNTERRATE rate = nullptr;
+  EXPECT_TRUE(__AllocCounterRateTable(5, "x", &rate));
+  ExpectLeak("a rate table was left over");
+  DeleteCounterRateTable(rate);
+}
+
+TEST_F(FakeHost, AWaitConditionLeftOverFailsTheTest) {
+  WAIT_COND condition;
+  EXPECT_TRUE(WaitCond_Init(&condition));
+  ExpectLeak("a wait condition was left over");
+  WaitCond_Destroy(&condition);
+}
+
+TEST_F(FakeHost, AThreadThatIsNotJoinedFailsTheTest) {
+  HTHREAD thread = nullptr;
+  EXPECT_TRUE(CreateThread(
+      &thread, "t", 0, 1, [](void*) -> DWORD { return 0; }, nullptr));
+  ExpectLeak("a thread was not joined");
+  EXPECT_TRUE(StartThread(thread));
+  while (host().ThreadRuns()) {
+  }
+  ExpectLeak("a thread was not joined");
+  WaitForThread(thread);
+}
+
+// --- what recvmsg and the rate are asked for --------------------------------------------------------------
+
+class FakeReceive : public FakeHost {
+ protected:
+  void SetUp() override {
+    FakeHost::SetUp();
+    const BYTE address[4] = {};
+    CreateUDPRxSocket(5000, address, &m_fd);
+    m_part = {m_bytes, sizeof m_bytes};
+    m_message.msg_iov = &m_part;
+    m_message.msg_iovlen = 1;
+    m_message.msg_name = &m_from;
+    m_message.msg_namelen = sizeof m_from;
+    m_message.msg_control = m_control;
+    m_message.msg_controllen = sizeof m_control;
+  }
+  void TearDown() override {
+    close(m_fd);
+    FakeHost::TearDown();
+  }
+  void Receive(int flags = MSG_DONTWAIT) {
+    host().FeedDatagram(m_fd, {1, 2, 3}, {.ttl = 5, .tos = 6});
+    EXPECT_EQ(recvmsg(m_fd, &m_message, flags), 3);
+  }
+
+  int m_fd = -1;
+  BYTE m_bytes[16] = {};
+  sockaddr_storage m_from = {};
+  alignas(cmsghdr) BYTE m_control[2 * CMSG_SPACE(sizeof(int))] = {};
+  iovec m_part = {};
+  msghdr m_message = {};
+};
+
+TEST_F(FakeReceive, ACompleteRequestIsRecorded) {
+  Receive();
+  ASSERT_EQ(host().receives.size(), 1u);
+  EXPECT_EQ(host().receives[0].flags, MSG_DONTWAIT);
+  EXPECT_EQ(host().receives[0].size, sizeof m_bytes);
+  EXPECT_EQ(host().receives[0].nameSize, sizeof m_from);
+  EXPECT_EQ(host().receives[0].controlSize, sizeof m_control);
+  EXPECT_EQ(m_message.msg_flags, 0);
+}
+
+TEST_F(FakeReceive, WithoutSenderAndControlMessagesIsAllowed) {
+  m_message.msg_name = nullptr;
+  m_message.msg_namelen = 0;
+  m_message.msg_control = nullptr;
+  m_message.msg_controllen = 0;
+  Receive();
+}
+
+TEST_F(FakeReceive, OneThatMayBlockFailsTheTest) {
+  EXPECT_NONFATAL_FAILURE(Receive(0), "must not block");
+}
+
+TEST_F(FakeReceive, RoomForOnlyAnIPv4SenderFailsTheTest) {
+  m_message.msg_namelen = sizeof(sockaddr_in);
+  EXPECT_NONFATAL_FAILURE(Receive(), "the sender's room");
+}
+
+TEST_F(FakeReceive, RoomForOneControlMessageFailsTheTestAndCutsThemOff) {
+  m_message.msg_controllen = CMSG_SPACE(sizeof(int));
+  EXPECT_NONFATAL_FAILURE(Receive(), "the room for control messages");
+  EXPECT_EQ(m_message.msg_flags, MSG_CTRUNC);
+}
+
+TEST_F(FakeReceive, NoMemoryForTheDatagramFailsTheTest) {
+  m_part = {nullptr, 0};
+  host().FeedDatagram(m_fd, {});
+  EXPECT_NONFATAL_FAILURE(recvmsg(m_fd, &m_message, MSG_DONTWAIT), "one part, with memory");
+}
+
+TEST_F(FakeHost, AnotherSelectorThanTheBitRateFailsTheTest) {
+  HCOUNTERRATE rate = nullptr;
+  ASSERT_TRUE(__AllocCounterRateTable(5, "x", &rate));
+  UINT32 value = 0;
+  EXPECT_NONFATAL_FAILURE(GetCounterRate(rate, 0, &value), "the selector");
+  EXPECT_TRUE(GetCounterRate(rate, 1, &value));
+  DeleteCounterRateTable(rate);
+}
+
+TEST_F(FakeHost, ARateTableThatDoesNotExistFailsTheTest) {
+  EXPECT_NONFATAL_FAILURE(AddCounterValue(nullptr, 1), "does not exist");
+}
+
+// --- the metadata thread -----------------------------------------------------------------------------------
 
 // A thread that selects on a mailbox until it is told to stop.
 class FakeThread : public FakeHost {
@@ -164,6 +386,7 @@ TEST_F(FakeHost, AnActionHappensInTheMiddleOfTheNamedCall) {
   EXPECT_NONFATAL_FAILURE(host().Verify(), "waits for WaitCond_Init in vain");
   WAIT_COND cond;
   WaitCond_Init(&cond);
+  WaitCond_Destroy(&cond);
 }
 
 TEST_F(FakeHost, FailuresCanBeTakenBack) {

@@ -13,13 +13,11 @@
 class DecoderTest : public HostTest {
  protected:
   void SetUp() override {
-    HostTest::SetUp();
     ASSERT_TRUE(AllocKlvDecodeContext(&m_pvCtxt, &Collect, this));
     host().ClearLogs();
   }
   void TearDown() override {
     if (m_pvCtxt != nullptr) FreeKlvDecodeContext(&m_pvCtxt);
-    HostTest::TearDown();
   }
 
   KLV_DECODE_CONTEXT& Context() { return *static_cast<KLV_DECODE_CONTEXT*>(m_pvCtxt); }

@@ -14,10 +14,7 @@ namespace {
 
 class ProjReference : public HostTest {
  protected:
-  void TearDown() override {
-    free_ww15mgh_grd();
-    HostTest::TearDown();
-  }
+  void TearDown() override { free_ww15mgh_grd(); }
 };
 
 // Random positions, and the poles, the date line and Greenwich from both sides.

@@ -13,14 +13,10 @@ namespace {
 class ReceiveTest : public HostTest {
  protected:
   void SetUp() override {
-    HostTest::SetUp();
     const BYTE any[4] = {};
     ASSERT_TRUE(CreateUDPRxSocket(5000, any, &m_fd));
   }
-  void TearDown() override {
-    close(m_fd);
-    HostTest::TearDown();
-  }
+  void TearDown() override { close(m_fd); }
 
   int Receive(bool wantTOS, bool wantTTL) {
     return _RecvUDPPacket(m_fd, m_buffer, sizeof(m_buffer), &m_from, wantTOS ? &m_tos : nullptr,
@@ -51,6 +47,23 @@ class ReceiveTest : public HostTest {
   BYTE m_tos = 0xA5;
   BYTE m_ttl = 0x5A;
 };
+
+TEST_F(ReceiveTest, AsksForTheDatagramTheSenderAndTheWantedControlMessages) {
+  ExpectReceived({}, true, false);
+  ASSERT_EQ(host().receives.size(), 1u);
+  EXPECT_EQ(host().receives[0].flags, MSG_DONTWAIT);
+  EXPECT_EQ(host().receives[0].size, sizeof(m_buffer));
+  EXPECT_EQ(host().receives[0].nameSize, sizeof(m_from));
+  EXPECT_EQ(host().receives[0].controlSize, 2 * CMSG_SPACE(sizeof(int)));
+}
+
+TEST_F(ReceiveTest, AsksForTheDatagramAloneWhenNothingElseIsWanted) {
+  host().FeedDatagram(m_fd, {1, 2, 3});
+  EXPECT_EQ(_RecvUDPPacket(m_fd, m_buffer, sizeof(m_buffer), nullptr, nullptr, nullptr), 3);
+  ASSERT_EQ(host().receives.size(), 1u);
+  EXPECT_EQ(host().receives[0].nameSize, 0u);
+  EXPECT_EQ(host().receives[0].controlSize, 0u);
+}
 
 TEST_F(ReceiveTest, GivesBytesAndSender) {
   memset(&m_from, 0xEE, sizeof(m_from));
