@@ -37,6 +37,7 @@ void Host::Finish() {
 
 void Host::Reset() {
   Finish();
+  ResetLibrary();
   if (!impl->folder.empty()) std::filesystem::remove_all(impl->folder);
   delete impl;
   impl = new Impl;

@@ -10,9 +10,10 @@
 // The thread that WaitForThread joins gets only the passes that a real one would make: for a readable descriptor, or by
 // time-out where one is set. A thread that would sleep for ever fails the test.
 //
-// Tests derive from HostTest, which resets everything and, at the end, fails the test on any unclaimed log line of
-// level 0 to 5, any unclaimed assertion, and anything left open or allocated: blocks, descriptors, streams, sets,
-// mailboxes and their messages, rate tables, wait conditions, threads. Nothing sleeps: time() and its kin follow
+// Tests derive from HostTest, which resets everything, the library's own globals included, and, at the end, fails the
+// test on any unclaimed log line of level 0 to 5, any unclaimed assertion, and anything left open or allocated: blocks,
+// descriptors, streams, sets, mailboxes and their messages, rate tables, wait conditions, threads. Nothing sleeps:
+// time() and its kin follow
 // the fake clock, files under /tmp, /usr/share/vendor and /etc/hostos.ini live in a folder of the test's own.
 #ifndef FAKE_HOST_H
 #define FAKE_HOST_H

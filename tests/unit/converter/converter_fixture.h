@@ -46,8 +46,6 @@ using Items = std::vector<std::pair<int, Bytes>>;
 class ConverterTest : public HostTest {
  protected:
   void SetUp() override {
-    HostTest::SetUp();
-    _g_bAllItemsSupport = TRUE;
     LoadFlatGrid(0);
     Open(500000);
   }
@@ -55,8 +53,6 @@ class ConverterTest : public HostTest {
   void TearDown() override {
     if (m_converter != nullptr) FreeCoT2KLVConvert(&m_converter);
     free_ww15mgh_grd();
-    _g_bAllItemsSupport = TRUE;
-    HostTest::TearDown();
   }
 
   void LoadFlatGrid(float height) {

@@ -12,11 +12,7 @@ namespace {
 
 class GridTest : public HostTest {
  protected:
-  void TearDown() override {
-    free_ww15mgh_grd();
-    _g_bAllItemsSupport = TRUE;
-    HostTest::TearDown();
-  }
+  void TearDown() override { free_ww15mgh_grd(); }
 
   // The first tokens of a file, and then 'rest' for every value that is missing.
   static int Load(const std::string& start, int tokens, const std::string& rest = "7 ") {

@@ -83,18 +83,15 @@ Bytes FrameWithBlockLength(unsigned length, std::size_t block_size) {
 class CotLink : public HostTest {
  protected:
   void SetUp() override {
-    HostTest::SetUp();
     host().SetLevel("METADATALIB", 7);
     g_deliveries.clear();
     g_bKeep = false;
     g_pKept = nullptr;
-    g_nXMLEventCount = 0;
     ASSERT_TRUE(AllocCotDecodeContext(&m_pvCtxt, OnMessage, &m_nUser));
   }
   void TearDown() override {
     CloseXMLLog();
     if (m_pvCtxt != nullptr) FreeCotDecodeContext(&m_pvCtxt);
-    HostTest::TearDown();
   }
 
   void Feed(const Bytes& bytes) {

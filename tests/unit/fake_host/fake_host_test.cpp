@@ -12,6 +12,9 @@
 #include <cstring>
 
 #include "builders.h"
+#include "converter.h"
+#include "cot_support.h"
+#include "metadata_api.h"
 #include "utils.h"
 
 extern HDBG g_hMetaDataLibDbg;
@@ -294,6 +297,28 @@ TEST_F(FakeHost, AnotherSelectorThanTheBitRateFailsTheTest) {
 
 TEST_F(FakeHost, ARateTableThatDoesNotExistFailsTheTest) {
   EXPECT_NONFATAL_FAILURE(AddCounterValue(nullptr, 1), "does not exist");
+}
+
+// --- the library's globals ---------------------------------------------------------------------------------
+
+TEST_F(FakeHost, EveryGlobalOfTheLibraryGetsItsInitialValueBack) {
+  g_dwLibCaps = 99;                  // zero in a fresh process
+  _g_bSelectTimeOutChanged = FALSE;  // not zero
+  _g_aVideoExtractors[3] = {5, 6};   // a table
+  _g_bAllItemsSupport = FALSE;       // other modules
+  g_nXMLEventCount = 7;
+  _g_nAllocatedBuffers = 8;
+  g_MetaDataSrcList.pHead = nullptr;
+  g_MetaDataSrcList.acSignature[0] = '?';
+  host().Reset();
+  EXPECT_EQ(g_dwLibCaps, 0u);
+  EXPECT_EQ(_g_bSelectTimeOutChanged, TRUE);
+  EXPECT_EQ(_g_aVideoExtractors[3].iFD, -1);
+  EXPECT_EQ(_g_aVideoExtractors[3].nRefCount, 0);
+  EXPECT_EQ(_g_bAllItemsSupport, TRUE);
+  EXPECT_EQ(g_nXMLEventCount, 0);
+  EXPECT_EQ(_g_nAllocatedBuffers, 0);
+  EXPECT_EQ(g_MetaDataSrcList.acSignature[0], 'F');
 }
 
 // --- the metadata thread -----------------------------------------------------------------------------------

@@ -33,19 +33,13 @@ namespace {
 
 const Bytes kEvent = Text("<event type=\"a-f-A\"/>");
 
-class CoTRoadTest : public EngineTest {
+class CoTRoadTest : public StartedEngineTest {
  protected:
-  void SetUp() override {
-    EngineTest::SetUp();
-    AllowLogs(5, "Support of additionnal CoT items");
-    Start();
+  CoTRoadTest() {
     g_releasedConverted = 0;
     ConvertTo(WellFormedMessage());
   }
-  void TearDown() override {
-    EngineTest::TearDown();
-    g_convert = nullptr;
-  }
+  ~CoTRoadTest() override { g_convert = nullptr; }
 
   // Every event becomes this packet.
   void ConvertTo(const Bytes& packet) {

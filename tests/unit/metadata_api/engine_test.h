@@ -35,11 +35,6 @@ inline BOOL ReadyCallback(MDATA_BUFFER* pBuff, void* pvUserParam1, void* pvUserP
 
 class EngineTest : public HostTest {
  protected:
-  void SetUp() override {
-    HostTest::SetUp();
-    ResetLibrary();
-  }
-
   // Closes what the test left open and shuts the library down, so that the fake host sees every leak.
   void TearDown() override {
     for (HMDATASRC source : m_open) {
@@ -48,31 +43,6 @@ class EngineTest : public HostTest {
       AllowLogs(5, "Disabling KLV extraction");
     }
     if (m_started) Stop();
-    HostTest::TearDown();
-  }
-
-  // The library's state as a fresh process has it.
-  static void ResetLibrary() {
-    g_bMetaDataLibInitialized = FALSE;
-    g_dwLibCaps = 0;
-    g_MetaDataSrcList.pHead = nullptr;
-    g_MetaDataSrcList.pTail = nullptr;
-    g_hMetaDataFDSet = nullptr;
-    g_XMLOutFP = nullptr;
-    _g_hMetaDataProcessingThread = nullptr;
-    _g_hMetaDataThreadMBox = nullptr;
-    _g_bShutdownThread = FALSE;
-    _g_bUsingInternalThread = FALSE;
-    _g_bCoTSupportEnabled = FALSE;
-    _g_bGridInitialized = FALSE;
-    _g_pCurrentThreadSelectTimeOut = nullptr;
-    _g_bSelectTimeOutChanged = TRUE;
-    for (VIDEO_EXTRACTOR& extractor : _g_aVideoExtractors) extractor = {-1, 0};
-    _tLastLog = 0;
-    _tLastLogTime = 0;
-    _g_nStrayPosts = 0;
-    _g_nShutdownRequest = REQUEST_NONE;
-    _g_pSweepList = nullptr;
   }
 
   // Starts the library; with both IP families unless told otherwise.
@@ -179,6 +149,12 @@ class EngineTest : public HostTest {
   Encoder m_encoder;
   bool m_started = false;
   std::vector<HMDATASRC> m_open;
+};
+
+// An engine that has been started.
+class StartedEngineTest : public EngineTest {
+ protected:
+  void SetUp() override { Start(); }
 };
 
 #endif  // ENGINE_TEST_H

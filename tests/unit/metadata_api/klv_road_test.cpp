@@ -28,12 +28,8 @@ MDATA_SRC_CFG KeepingNothing(MDATA_SRC_CFG config) {
   return config;
 }
 
-class KlvRoadTest : public EngineTest {
+class KlvRoadTest : public StartedEngineTest {
  protected:
-  void SetUp() override {
-    EngineTest::SetUp();
-    Start();
-  }
   HMDATASRC OpenUdp(const MDATA_SRC_CFG& config) { return m_source = Open(config); }
   HMDATASRC OpenUdp() { return OpenUdp(NetworkConfig()); }
   HMDATASRC OpenSerial(const MDATA_SRC_CFG& config) { return m_source = Open(config); }

@@ -22,9 +22,7 @@ Bytes IntBytes(int value) {
 // Relays of a bare record.
 class RelayTest : public EngineTest {
  protected:
-  void SetUp() override {
-    EngineTest::SetUp();
-    m_record = {};
+  RelayTest() {
     _InitRelayers(&m_record);
     m_record.bRelaysReady = TRUE;
   }

@@ -11,14 +11,9 @@ namespace {
 // Every byte of a record that nobody filled.
 constexpr BYTE kUntouched = 0xEE;
 
-class StatsTest : public EngineTest {
+class StatsTest : public StartedEngineTest {
  protected:
-  void SetUp() override {
-    EngineTest::SetUp();
-    AllowLogs(5, "Support of additionnal CoT items");
-    Start();
-    memset(&m_stats, kUntouched, sizeof(m_stats));
-  }
+  StatsTest() { memset(&m_stats, kUntouched, sizeof(m_stats)); }
 
   HMDATASRC OpenSource(const MDATA_SRC_CFG& config) { return m_source = Open(config); }
   void Get() { EXPECT_TRUE(MetaData_GetSourceStats(m_source, &m_stats)); }

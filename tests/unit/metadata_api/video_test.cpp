@@ -8,12 +8,8 @@ Bytes Header(BYTE sequence, size_t length) {
   return {0x00, sequence, 0xDF, static_cast<BYTE>(length >> 8), static_cast<BYTE>(length)};
 }
 
-class VideoTest : public EngineTest {
+class VideoTest : public StartedEngineTest {
  protected:
-  void SetUp() override {
-    EngineTest::SetUp();
-    Start();
-  }
   HMDATASRC OpenVideo(const MDATA_SRC_CFG& config) { return m_source = Open(config); }
   HMDATASRC OpenVideo() { return OpenVideo(VideoConfig()); }
   MDATA_SRC_CFG WithMissionID(int input = 0) {

@@ -1,0 +1,35 @@
+// The library's globals as a fresh process has them. library_state.ld gathers them, whichever module they belong to, in
+// two ranges. Their contents are kept before main() and copied back before each test, when no thread of the library runs.
+#include "fake_impl.h"
+
+extern "C" BYTE library_data_begin[], library_data_end[], library_bss_begin[], library_bss_end[];
+
+namespace {
+
+// Byte by byte through a volatile pointer: between the globals stand the guard zones of the address sanitizer, and
+// memcpy would be reported.
+__attribute__((no_sanitize("all"))) void CopyBytes(const volatile BYTE* from, size_t size, volatile BYTE* to) {
+  for (size_t i = 0; i < size; ++i) to[i] = from[i];
+}
+
+class KeptRange {
+ public:
+  KeptRange(BYTE* begin, BYTE* end) : m_begin(begin), m_bytes(static_cast<size_t>(end - begin)) {
+    CopyBytes(m_begin, m_bytes.size(), m_bytes.data());
+  }
+  void Restore() const { CopyBytes(m_bytes.data(), m_bytes.size(), m_begin); }
+
+ private:
+  BYTE* m_begin;
+  Bytes m_bytes;
+};
+
+const KeptRange keptData(library_data_begin, library_data_end);
+const KeptRange keptBSS(library_bss_begin, library_bss_end);
+
+}  // namespace
+
+void ResetLibrary() {
+  keptData.Restore();
+  keptBSS.Restore();
+}
