@@ -9,7 +9,7 @@
 namespace mdfeed {
 namespace {
 
-constexpr const char* kVersion = "mdfeed 1.0.0";
+constexpr const char* kVersion = "mdfeed " MDFEED_VERSION;
 constexpr double kMaxRate = 100'000;
 constexpr std::size_t kMaxChunk = 65'507;  // the largest datagram
 
