@@ -13,9 +13,14 @@ die() {
 
 # Installs what packaging/debian-packages.txt names and the machine lacks.
 install_packages() {
-  local wanted missing=() package
-  wanted=$(grep -v '^#' "$root/packaging/debian-packages.txt")
-  for package in $wanted; do
+  # shellcheck disable=SC2046
+  install_missing $(grep -v '^#' "$root/packaging/debian-packages.txt")
+}
+
+# install_missing PACKAGE...: installs those that the machine lacks.
+install_missing() {
+  local missing=() package
+  for package in "$@"; do
     dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null | grep -qx installed || missing+=("$package")
   done
   [ ${#missing[@]} -eq 0 ] && return 0

@@ -2,6 +2,12 @@
 // two ranges. Their contents are kept before main() and copied back before each test, when no thread of the library runs.
 #include "fake_impl.h"
 
+#ifdef METADATA_COVERAGE
+extern "C" {
+#include <gcov.h>
+}
+#endif
+
 extern "C" BYTE library_data_begin[], library_data_end[], library_bss_begin[], library_bss_end[];
 
 namespace {
@@ -30,6 +36,13 @@ const KeptRange keptBSS(library_bss_begin, library_bss_end);
 }  // namespace
 
 void ResetLibrary() {
+#ifdef METADATA_COVERAGE
+  // The counters stand among the globals: they are added to the files first.
+  __gcov_dump();
+#endif
   keptData.Restore();
   keptBSS.Restore();
+#ifdef METADATA_COVERAGE
+  __gcov_reset();
+#endif
 }
