@@ -201,6 +201,10 @@ class Host : public HostRecords {
 
 Host& host();
 
+// Gives every global of the library the value that a fresh process has. Before each test, and in one that starts the
+// library more than once as new processes would.
+void ResetLibrary();
+
 // The line of the test that calls a claim. clang 14 has no std::source_location of its own.
 struct Where {
   const char* file;

@@ -145,7 +145,4 @@ struct Host::Impl {
   std::string DescribeBlocks();
 };
 
-// Gives every global of the library its initial value. No thread of the library may run.
-void ResetLibrary();
-
 #endif  // FAKE_IMPL_H
