@@ -29,6 +29,7 @@
 #include <bit>
 
 #include "md_atomic.h"
+#include "md_core.h"
 #include "md_guard.h"
 
 #define MD_MODULE "converter"
@@ -362,9 +363,7 @@ CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* pKlvItem, cvtXmlMsg* pXmlMsg)
 }
 
 uint16_t get_checksum_u16(const BYTE* pData, int nLength) {
-  unsigned nSum = 0;
-  for (int i = 0; i < nLength; ++i) nSum += static_cast<unsigned>(pData[i]) << (i % 2 == 0 ? 8 : 0);
-  return SWAP16(static_cast<uint16_t>(nSum));
+  return nLength > 0 ? SWAP16(_MdRunningSum(pData, static_cast<size_t>(nLength))) : uint16_t{0};
 }
 
 // =====================================================================================================

@@ -256,7 +256,8 @@ int cvt_getUSecsFromTimeStr(const char* timeStr, uint64_t* uSecs);
 
 CVT_COTKLV_STATUS cvt_initXmlMsg(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg);
 CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* pKlvItem, cvtXmlMsg* pXmlMsg);
-// MISB ST 0601 checksum, its bytes swapped: stored as it is, it stands big-endian.
+// MISB ST 0601 checksum with its bytes swapped, so that storing it as it is writes it big-endian. 0 for a length of 0 or
+// below.
 uint16_t get_checksum_u16(const BYTE* pData, int nLength);
 uint16_t SWAP16(uint16_t value);
 uint32_t SWAP32(uint32_t value);

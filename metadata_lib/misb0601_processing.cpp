@@ -13,6 +13,7 @@
 
 #define MD_MODULE "misb0601_processing"
 #include "md_atomic.h"
+#include "md_core.h"
 #include "md_guard.h"
 #include "md_log.h"
 
@@ -248,16 +249,6 @@ int WriteBodyLength(size_t nBodySize, BYTE (&acLength)[kMaxBodyLengthField]) {
   return 3;
 }
 
-// The checksum of a message of any size: with its head a message can be longer than one call takes, so it is summed
-// in pieces of an even number of bytes.
-WORD CalcMessageChecksum(const BYTE* pcMessage, size_t nSize) {
-  constexpr size_t kPiece = 0x8000;
-  unsigned nSum = 0;
-  for (size_t nDone = 0; nDone < nSize; nDone += kPiece)
-    nSum += CalcKlvChecksum16(pcMessage + nDone, static_cast<WORD>(std::min(kPiece, nSize - nDone)));
-  return static_cast<WORD>(nSum);
-}
-
 // Puts the head in front of the body that starts at the buffer's data start, and fills in the checksum.
 void FinishMessage(MDATA_BUFFER* pBuffer, const BYTE* pcKey, size_t nBodySize) {
   BYTE acLength[kMaxBodyLengthField];
@@ -268,7 +259,8 @@ void FinishMessage(MDATA_BUFFER* pBuffer, const BYTE* pcKey, size_t nBodySize) {
   pBuffer->pcData -= kUASKeySize;
   memcpy(pBuffer->pcData, pcKey, kUASKeySize);
   pBuffer->nDataSize = kUASKeySize + nLengthSize + static_cast<int>(nBodySize);
-  const WORD wChecksum = CalcMessageChecksum(pBuffer->pcData, static_cast<size_t>(pBuffer->nDataSize));
+  // Not by the exported checksum: with its head a message can be longer than the 65535 bytes that one takes.
+  const WORD wChecksum = _MdRunningSum(pBuffer->pcData, static_cast<size_t>(pBuffer->nDataSize));
   pcChecksum[0] = static_cast<BYTE>(wChecksum >> 8);
   pcChecksum[1] = static_cast<BYTE>(wChecksum);
 }

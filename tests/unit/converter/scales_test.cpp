@@ -1,5 +1,7 @@
 // What a receiver makes of the converted numbers that are not scaled as MISB ST 0601 scales them.
+#include <climits>
 #include <cmath>
+#include <cstring>
 
 #include "converter_fixture.h"
 
@@ -38,6 +40,23 @@ TEST_F(Scales, PacketNamesNoEditionOfTheStandard) {
   AllowLogs(3, "");
   ASSERT_TRUE(ConvertPair(Aircraft(), Spi()));
   EXPECT_FALSE(Has(65));
+}
+
+TEST(PacketChecksum, StoredAsItIsStandsBigEndian) {
+  Bytes data;
+  for (int i = 0; i < 1200; ++i) {
+    const uint16_t checksum = get_checksum_u16(data.data(), static_cast<int>(data.size()));
+    BYTE stored[2];
+    memcpy(stored, &checksum, sizeof(stored));
+    const WORD expected = OwnChecksum(data, data.size());
+    ASSERT_EQ(stored[0] << 8 | stored[1], expected) << i << " bytes";
+    data.push_back(static_cast<BYTE>(255 - i * 7));
+  }
+}
+
+TEST(PacketChecksum, OfNoBytesIsZero) {
+  const BYTE byte = 0xFF;
+  for (const int length : {0, -1, INT_MIN}) EXPECT_EQ(get_checksum_u16(&byte, length), 0) << length;
 }
 
 }  // namespace
