@@ -15,6 +15,7 @@
 #include <iterator>
 
 #include "host_util.h"
+#include "md_core.h"
 
 #define MD_MODULE "misb0601_tools"
 #include "md_log.h"
@@ -33,70 +34,53 @@ void _ReadExtendedTagsOption() {
   if (_g_bExtendedTags) MD_LOG(6, "Support of extended UAS tags enabled.\n");
 }
 
-namespace {
-
-// BER-OID (ISO/IEC 8825-1, 8.19): seven bits a byte, the highest bit set in all but the last. A leading 0x80 would be an
-// empty digit, and a second spelling of a smaller tag, so it is malformed.
-tagKLV_SIZE_RESULT ReadTag(const BYTE* pcTag, size_t nSizeLeft, KLV_ELEMENT_INFO* pInfo) {
-  pInfo->nTag = pcTag[0];
-  pInfo->nTagSize = 1;
-  if (!_g_bExtendedTags || pcTag[0] < 0x80) return KLV_SIZE_OK;
-  if (pcTag[0] == 0x80) return KLV_SIZE_UNSUPPORTED;
-  UINT32 nTag = pcTag[0] & 0x7Fu;
-  for (size_t i = 1; i < kMaxExtendedTagSize; i++) {
-    if (i == nSizeLeft) return KLV_SIZE_CUT;
-    nTag = (nTag << 7) | (pcTag[i] & 0x7Fu);
-    if (pcTag[i] >= 0x80) continue;
-    pInfo->nTag = nTag;
-    pInfo->nTagSize = i + 1;
-    return KLV_SIZE_OK;
-  }
-  return KLV_SIZE_UNSUPPORTED;
+// Reads the tag of an element. In extended tags (BER-OID, ISO/IEC 8825-1, 8.19) a leading 0x80 would be an empty digit,
+// and a second spelling of a smaller tag, so it is malformed; so is a tag of more than four bytes, whose fifth is not
+// looked at.
+static tagKLV_SIZE_RESULT _ReadElementTag(const BYTE* pcElement, size_t sizeLeft, MdTag* tag) {
+  if (!_g_bExtendedTags) return _MdReadTag(pcElement, sizeLeft, 0, kMdField1Byte, tag) ? KLV_SIZE_OK : KLV_SIZE_CUT;
+  const size_t most = std::min<size_t>(sizeLeft, kMdMostOidBytes);
+  const bool read = _MdReadTag(pcElement, most, 0, kMdFieldOidTag, tag);
+  if (sizeLeft > 0 && pcElement[0] == 0x80) return KLV_SIZE_UNSUPPORTED;
+  if (read) return KLV_SIZE_OK;
+  return most == kMdMostOidBytes ? KLV_SIZE_UNSUPPORTED : KLV_SIZE_CUT;
 }
 
-// The size of a length field and the value it announces.
-tagKLV_SIZE_RESULT ReadLength(const BYTE* pcLength, size_t nSizeLeft, bool bLog, size_t* pnFieldSize,
-                              size_t* pnValueSize) {
-  *pnFieldSize = 1;
-  *pnValueSize = pcLength[0];
-  if (pcLength[0] < 0x80) return KLV_SIZE_OK;
-  const unsigned nLengthBytes = pcLength[0] & 0x7Fu;
-  if (nLengthBytes < 1 || nLengthBytes > 4) {
-    if (bLog) MD_LOG(3, "Unsupported number of bytes (%u) for size in BER encoded length.\n", nLengthBytes);
+// Reads the length field at a position. A form that is not supported is reported even if the field is cut as well.
+static tagKLV_SIZE_RESULT _ReadElementLength(const BYTE* pcElement, size_t sizeLeft, size_t position, bool log,
+                                             MdLength* length) {
+  const MdRead result = _MdReadLength(pcElement, sizeLeft, position, kMdFieldNoneOrBer, length);
+  if (length->longForm && (length->count < 1 || length->count > kMdMostLengthBytes)) {
+    if (log) MD_LOG(3, "Unsupported number of bytes (%u) for size in BER encoded length.\n", length->count);
     return KLV_SIZE_UNSUPPORTED;
   }
-  if (nSizeLeft < 1 + nLengthBytes) return KLV_SIZE_CUT;
-  *pnFieldSize += nLengthBytes;
-  *pnValueSize = 0;
-  for (unsigned i = 1; i <= nLengthBytes; i++) *pnValueSize = (*pnValueSize << 8) | pcLength[i];
-  return KLV_SIZE_OK;
+  return result == kMdReadOk ? KLV_SIZE_OK : KLV_SIZE_CUT;
 }
-
-}  // namespace
 
 tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t nSizeLeft, bool bLog, KLV_ELEMENT_INFO* pInfo) {
   *pInfo = {};
-  if (nSizeLeft == 0) return KLV_SIZE_CUT;
-  const auto enTag = ReadTag(pcElement, nSizeLeft, pInfo);
-  if (enTag != KLV_SIZE_OK) return enTag;
-  if (nSizeLeft <= pInfo->nTagSize) return KLV_SIZE_CUT;
-  const BYTE* pcLength = pcElement + pInfo->nTagSize;
-  pInfo->FirstLength = pcLength[0];
-  size_t nFieldSize = 0;
-  size_t nValueSize = 0;
-  const auto enLength = ReadLength(pcLength, nSizeLeft - pInfo->nTagSize, bLog, &nFieldSize, &nValueSize);
-  pInfo->nHeaderSize = pInfo->nTagSize + nFieldSize;
-  pInfo->nSize = pInfo->nHeaderSize + nValueSize;
-  return enLength;
+  MdTag tag;
+  const tagKLV_SIZE_RESULT tagResult = _ReadElementTag(pcElement, nSizeLeft, &tag);
+  if (tagResult != KLV_SIZE_OK) {
+    if (nSizeLeft > 0) pInfo->nTag = pcElement[0];
+    return tagResult;
+  }
+  pInfo->nTag = tag.key;
+  pInfo->nTagSize = tag.size;
+  if (nSizeLeft > tag.size) pInfo->FirstLength = pcElement[tag.size];
+  MdLength length;
+  const tagKLV_SIZE_RESULT lengthResult = _ReadElementLength(pcElement, nSizeLeft, tag.size, bLog, &length);
+  pInfo->nHeaderSize = tag.size + length.size;
+  pInfo->nSize = pInfo->nHeaderSize + length.value;
+  return lengthResult;
 }
 
-// The record has a one-byte tag, whatever the option says.
+// The record has a one-byte tag, whatever the option says. Its caller vouches for the bytes that the length field takes.
 BOOL GetKLVElementSize(const KLV_ELEMENT* pKLV, size_t* pnSize) {
-  size_t nFieldSize = 0;
-  size_t nValueSize = 0;
-  const BYTE* pcLength = reinterpret_cast<const BYTE*>(pKLV) + offsetof(KLV_ELEMENT, Length);
-  if (ReadLength(pcLength, SIZE_MAX, true, &nFieldSize, &nValueSize) != KLV_SIZE_OK) return FALSE;
-  *pnSize = sizeof(pKLV->Tag) + nFieldSize + nValueSize;
+  MdLength length;
+  const BYTE* pcElement = reinterpret_cast<const BYTE*>(pKLV);
+  if (_ReadElementLength(pcElement, SIZE_MAX, sizeof(pKLV->Tag), true, &length) != KLV_SIZE_OK) return FALSE;
+  *pnSize = sizeof(pKLV->Tag) + length.size + length.value;
   return TRUE;
 }
 

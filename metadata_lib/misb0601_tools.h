@@ -26,9 +26,7 @@ enum tagKLV_SIZE_RESULT {
   KLV_SIZE_CUT = 2           // tag or length field do not lie inside the bytes left
 };
 
-inline constexpr size_t kMaxExtendedTagSize = 4;  // bytes of a BER-OID tag that is read
-
-// Whether tags of local sets are BER-OID, so that items from 128 on have tags of two bytes and more. KEPT: FALSE, tags
+// Whether tags of local sets are BER-OID, so that items from 128 on have tags of two to four bytes. KEPT: FALSE, tags
 // are one byte, unless /etc/hostos.ini says otherwise. Written by METADATALIB_Init before the metadata thread exists,
 // read-only after that.
 extern BOOL _g_bExtendedTags;

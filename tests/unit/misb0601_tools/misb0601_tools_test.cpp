@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <memory>
+#include <random>
 
 #include "builders.h"
 #include "fake_host.h"
@@ -88,6 +89,102 @@ TEST_F(ElementSizeTest, BoundedFormCanBeSilent) {
   const BYTE Element[] = {2, 0x80};
   KLV_ELEMENT_INFO Info = {};
   EXPECT_EQ(_ReadKLVElement(Element, 2, false, &Info), KLV_SIZE_UNSUPPORTED);
+}
+
+// The plain reading of an element, one byte after the other: what counts is what is found first.
+struct PlainElement {
+  tagKLV_SIZE_RESULT result = KLV_SIZE_CUT;
+  UINT32 tag = 0;
+  int firstLength = 0;
+  size_t tagSize = 0;
+  size_t headerSize = 0;
+  size_t size = 0;
+  int unsupportedCount = -1;  // what the log line says; -1 for none
+};
+
+tagKLV_SIZE_RESULT ReadPlainTag(const Bytes& bytes, bool extended, PlainElement& element) {
+  if (bytes.empty()) return KLV_SIZE_CUT;
+  element.tag = bytes[0];
+  element.tagSize = 1;
+  if (!extended || bytes[0] < 0x80) return KLV_SIZE_OK;
+  if (bytes[0] == 0x80) return KLV_SIZE_UNSUPPORTED;
+  UINT32 tag = 0;
+  for (size_t i = 0; i < 4; ++i) {
+    if (i == bytes.size()) return KLV_SIZE_CUT;
+    tag = tag * 128 + bytes[i] % 128;
+    if (bytes[i] >= 0x80) continue;
+    element.tag = tag;
+    element.tagSize = i + 1;
+    return KLV_SIZE_OK;
+  }
+  return KLV_SIZE_UNSUPPORTED;
+}
+
+tagKLV_SIZE_RESULT ReadPlainLength(const Bytes& bytes, PlainElement& element) {
+  size_t at = element.tagSize;
+  if (at == bytes.size()) return KLV_SIZE_CUT;
+  const BYTE first = bytes[at++];
+  element.firstLength = first;
+  size_t length = first;
+  if (first >= 0x80) {
+    const int count = first - 0x80;
+    if (count < 1 || count > 4) {
+      element.unsupportedCount = count;
+      return KLV_SIZE_UNSUPPORTED;
+    }
+    length = 0;
+    for (int i = 0; i < count; ++i) {
+      if (at == bytes.size()) return KLV_SIZE_CUT;
+      length = length * 256 + bytes[at++];
+    }
+  }
+  element.headerSize = at;
+  element.size = at + length;
+  return KLV_SIZE_OK;
+}
+
+PlainElement ReadPlain(const Bytes& bytes, bool extended) {
+  PlainElement element;
+  element.result = ReadPlainTag(bytes, extended, element);
+  if (element.result == KLV_SIZE_OK) element.result = ReadPlainLength(bytes, element);
+  return element;
+}
+
+// Bytes in which long tags, long lengths and their ends are frequent.
+Bytes RandomElement(std::mt19937& random) {
+  Bytes bytes(random() % 9);
+  for (BYTE& byte : bytes) {
+    const int kind = static_cast<int>(random() % 3);
+    byte = static_cast<BYTE>(kind == 0 ? random() : kind == 1 ? 0x80 + random() % 7 : random() % 3);
+  }
+  return bytes;
+}
+
+TEST_F(ElementSizeTest, RandomElementsReadLikeThePlainReadingWithAndWithoutExtendedTags) {
+  std::mt19937 random(48);
+  int counts[3] = {};
+  for (int round = 0; round < 40000; ++round) {
+    const Bytes bytes = RandomElement(random);
+    const PlainElement expected = ReadPlain(bytes, round % 2 == 0);
+    _g_bExtendedTags = round % 2 == 0;
+    ASSERT_EQ(BoundedSizeOf(bytes), expected.result) << ::testing::PrintToString(bytes);
+    _g_bExtendedTags = FALSE;
+    ++counts[expected.result];
+    EXPECT_EQ(m_Info.nTag, expected.tag) << ::testing::PrintToString(bytes);
+    EXPECT_EQ(m_Info.FirstLength, expected.firstLength) << ::testing::PrintToString(bytes);
+    if (expected.unsupportedCount >= 0) {
+      ExpectLog(3, "Unsupported number of bytes (" + std::to_string(expected.unsupportedCount) +
+                       ") for size in BER encoded length.\n");
+    } else {
+      EXPECT_TRUE(host().Logs().empty()) << ::testing::PrintToString(bytes);
+    }
+    host().ClearLogs();
+    if (expected.result != KLV_SIZE_OK) continue;
+    EXPECT_EQ(m_Info.nTagSize, expected.tagSize);
+    EXPECT_EQ(m_Info.nHeaderSize, expected.headerSize);
+    EXPECT_EQ(m_Info.nSize, expected.size);
+  }
+  for (const int count : counts) EXPECT_GT(count, 1000);
 }
 
 // --- Extended tags -------------------------------------------------------------------------------------
