@@ -1,7 +1,7 @@
 // The Cursor-on-Target converter: pairs of aircraft and sensor-point events become UAS Local Set packets.
 //
 // Contents
-//   1. Numbers             text to double whatever the locale, rounding, byte order
+//   1. Numbers             rounding, byte order
 //   2. XML text            slices and attributes by substring search
 //   3. Times
 //   4. Packets             start, items, checksum
@@ -18,7 +18,6 @@
 #include <errno.h>
 #include <float.h>
 #include <limits.h>
-#include <locale.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -26,38 +25,18 @@
 #include <strings.h>
 #include <sys/time.h>
 
-#include <bit>
-
 #include "md_atomic.h"
 #include "md_core.h"
 #include "md_guard.h"
+#include "md_number_reader.h"
 
 #define MD_MODULE "converter"
 #define MD_DEBUG_HANDLE g_hCoTConvDbg
 #include "md_log.h"
 
 // =====================================================================================================
-// 1. Numbers. Any thread; the only state is the "C" locale, made once, so that a number's point is a point whatever
-//    locale the encoder has chosen.
+// 1. Numbers. Any thread, no state.
 // =====================================================================================================
-
-static pthread_once_t _g_LocaleOnce = PTHREAD_ONCE_INIT;
-static locale_t _g_CLocale = nullptr;  // written once
-
-static void _MakeLocale() {
-  _g_CLocale = newlocale(LC_ALL_MASK, "C", nullptr);
-}
-
-static locale_t _CLocale() {
-  pthread_once(&_g_LocaleOnce, _MakeLocale);
-  return _g_CLocale;
-}
-
-// Like atof: text that is no number is 0.
-static double _TextToDouble(const char* szText) {
-  const locale_t hLocale = _CLocale();
-  return hLocale != nullptr ? strtod_l(szText, nullptr, hLocale) : strtod(szText, nullptr);
-}
 
 static float _ToFloat(double value) {
   if (value > static_cast<double>(FLT_MAX)) return __builtin_inff();
@@ -373,232 +352,6 @@ uint16_t get_checksum_u16(const BYTE* pData, int nLength) {
 
 float* _g_pGrid = nullptr;
 
-namespace {
-
-// Reads numbers out of a file like a "%f" scan does: the usual form quickly, from large blocks; every other form by that
-// very scan.
-class NumberReader {
- public:
-  static constexpr size_t kBlockSize = 65536;
-  static constexpr size_t kMargin = 8;  // in front of the block: zeros that the fast way may look at
-  static constexpr size_t kMemorySize = kMargin + kBlockSize;
-
-  // pMemory: kMemorySize bytes.
-  NumberReader(FILE* fp, char* pMemory)
-      : m_fp(fp), m_block(pMemory + kMargin), m_pNext(m_block), m_pEnd(m_block), m_bSeekable(SeekBy(0)) {
-    memset(pMemory, 0, kMargin);
-  }
-
-  // Reads numbers while they are in the usual form; possibly none. How many, at most nMost.
-  int Fast(float* pValues, int nMost);
-  // Reads a few numbers in any form, at most nMost. How many slots they took: text that is no number takes one too, and
-  // leaves it as it is.
-  int Scan(float* pValues, int nMost);
-  // A scan met the end of the file, in front of a number or in it.
-  bool IsAtEnd() const { return m_bAtEnd; }
-
- private:
-  static constexpr int kLookAhead = 32;  // the fast way reads no further than this
-  // Numbers scanned in a row: enough to make up for the block that is read again behind them.
-  static constexpr int kScanBatch = 64;
-
-  static bool Convert(const char* p, uint64_t nFirst, int nTotal, float* pValue);
-  static const char* ConvertPlain(const char* p, float* pValue);
-  bool SeekBy(long nOffset) { return fseek(m_fp, nOffset, SEEK_CUR) == 0; }
-  bool GiveBack();
-  void Refill();
-
-  FILE* const m_fp;
-  char* const m_block;
-  const char* m_pNext;  // from here to m_pEnd the block holds what is not read yet; the file stands behind it
-  const char* m_pEnd;
-  const bool m_bSeekable;     // a file that is not (a pipe) is only scanned: nothing could be given back
-  bool m_bFileEnded = false;  // the block holds all that is left
-  bool m_bAtEnd = false;
-};
-
-// The "C" locale on this thread for a scope.
-class CLocaleScope {
- public:
-  CLocaleScope() : m_hLocale(_CLocale()), m_hBefore(m_hLocale != nullptr ? uselocale(m_hLocale) : nullptr) {}
-  ~CLocaleScope() {
-    if (m_hLocale != nullptr) uselocale(m_hBefore);
-  }
-  CLocaleScope(const CLocaleScope&) = delete;
-  CLocaleScope& operator=(const CLocaleScope&) = delete;
-
- private:
-  const locale_t m_hLocale;  // NULL without memory for it: the thread's own is used
-  const locale_t m_hBefore;
-};
-
-bool IsBlank(int c) {
-  return c == ' ' || (c >= '\t' && c <= '\r');
-}
-
-bool IsDigit(int c) {
-  return c >= '0' && c <= '9';
-}
-
-constexpr int kMostDigits = 15;  // below 2^53
-constexpr double kNegativePowersOfTen[] = {1e0,  1e-1, 1e-2,  1e-3,  1e-4,  1e-5,  1e-6,  1e-7,
-                                           1e-8, 1e-9, 1e-10, 1e-11, 1e-12, 1e-13, 1e-14, 1e-15};
-constexpr uint64_t kWholePowers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
-constexpr uint64_t kEveryByte = 0x0101010101010101;
-// The last bytes of a word in memory, by how many.
-constexpr uint64_t kLastBytes[] = {0,           ~0ull << 56, ~0ull << 48, ~0ull << 40, ~0ull << 32,
-                                   ~0ull << 24, ~0ull << 16, ~0ull << 8,  ~0ull};
-
-static_assert(std::endian::native == std::endian::little, "the first character is the lowest byte of a word");
-
-uint64_t LoadWord(const char* p) {
-  uint64_t nWord;
-  memcpy(&nWord, p, sizeof nWord);
-  return nWord;
-}
-
-// Offset of the lowest byte with a bit set, 8 when there is none.
-int FirstByte(uint64_t nMarks) {
-  return nMarks == 0 ? 8 : __builtin_ctzll(nMarks) / 8;
-}
-
-// Marks of the bytes that are zero; exact for the lowest one.
-uint64_t ZeroBytes(uint64_t nWord) {
-  return (nWord - kEveryByte) & ~nWord & kEveryByte * 0x80;
-}
-
-// Marks of the bytes up to a space; exact for the lowest one.
-uint64_t BlankBytes(uint64_t nWord) {
-  return (nWord - kEveryByte * (' ' + 1)) & ~nWord & kEveryByte * 0x80;
-}
-
-// Offset of the first byte up to a space in 16 bytes, 16 when there is none.
-int BlankOffset(uint64_t nFirst, uint64_t nSecond) {
-  const uint64_t nMarks = BlankBytes(nFirst);
-  return nMarks != 0 ? FirstByte(nMarks) : 8 + FirstByte(BlankBytes(nSecond));
-}
-
-// The number whose eight digits, 0 to 9 each, are the bytes of a word: pairs, then fours, then all eight.
-uint64_t Combine(uint64_t nDigits) {
-  nDigits = (nDigits * 10 + (nDigits >> 8)) & 0x00FF00FF00FF00FF;
-  nDigits = (nDigits * 100 + (nDigits >> 16)) & 0x0000FFFF0000FFFF;
-  return (nDigits * 10000 + (nDigits >> 32)) & 0xFFFFFFFF;
-}
-
-// nDigits / 10^nPlaces as the nearest float. For fewer than 2^53 the product is within two units of the right double; only
-// one close to halfway between two floats leaves the float open, and FALSE is the answer.
-bool Scale(uint64_t nDigits, unsigned nPlaces, uint32_t nNegative, float* pValue) {
-  constexpr uint64_t kHalfway = 0x10000000;  // of the bits that a float lacks
-  constexpr uint64_t kClose = 8;
-  const double value = static_cast<double>(static_cast<int64_t>(nDigits)) * kNegativePowersOfTen[nPlaces];
-  uint64_t nWide;
-  memcpy(&nWide, &value, sizeof nWide);
-  if (((nWide - kHalfway + kClose) & (2 * kHalfway - 1)) <= 2 * kClose) return false;
-  const float narrow = static_cast<float>(value);
-  uint32_t nBits;
-  memcpy(&nBits, &narrow, sizeof nBits);
-  nBits |= nNegative << 31;
-  memcpy(pValue, &nBits, sizeof nBits);
-  return true;
-}
-
-}  // namespace
-
-void NumberReader::Refill() {
-  const size_t nKept = static_cast<size_t>(m_pEnd - m_pNext);
-  memmove(m_block, m_pNext, nKept);
-  const size_t nRead = fread(m_block + nKept, 1, kBlockSize - nKept, m_fp);
-  if (nRead == 0) m_bFileEnded = true;
-  m_pNext = m_block;
-  m_pEnd = m_block + nKept + nRead;
-}
-
-// Puts the file where the next number starts, for the library's scan.
-bool NumberReader::GiveBack() {
-  const long nAhead = static_cast<long>(m_pEnd - m_pNext);
-  m_pNext = m_pEnd = m_block;
-  m_bFileEnded = false;
-  return nAhead == 0 || SeekBy(-nAhead);
-}
-
-// Numbers as the grid has them: a sign or none, up to six digits, a point, up to eight digits, a blank. Eight bytes are
-// worked on at a time, and no branch depends on a digit or the sign. Stops in front of the first other text, and where
-// the block holds too little; returns how many there were.
-int NumberReader::Fast(float* pValues, int nMost) {
-  if (!m_bSeekable) return 0;
-  if (m_pEnd - m_pNext < kLookAhead && !m_bFileEnded) Refill();
-  const char* p = m_pNext;
-  int nDone = 0;
-  while (nDone < nMost && m_pEnd - p >= kLookAhead) {
-    const char* pNumber = p;
-    while (IsBlank(*pNumber) && pNumber - p < 4) ++pNumber;
-    const uint64_t nFirst = LoadWord(pNumber);
-    const int nTotal = BlankOffset(nFirst, LoadWord(pNumber + 8));
-    if (Convert(pNumber, nFirst, nTotal, &pValues[nDone]))
-      p = pNumber + nTotal + 1;
-    else if (const char* pEnd = ConvertPlain(pNumber, &pValues[nDone]))
-      p = pEnd;
-    else
-      break;
-    ++nDone;
-  }
-  m_pNext = p;
-  return nDone;
-}
-
-// One such number of nTotal characters and the blank behind it; FALSE for other text. Up to 8 bytes in front of it are
-// looked at, and left out again.
-bool NumberReader::Convert(const char* p, uint64_t nFirst, int nTotal, float* pValue) {
-  constexpr uint64_t kAboveNine = kEveryByte * (0x80 - 10);
-  const uint32_t nNegative = *p == '-';
-  const int nPoint = FirstByte(ZeroBytes(nFirst ^ kEveryByte * '.'));
-  const unsigned nWholeDigits = static_cast<unsigned>(nPoint) - nNegative;
-  const unsigned nPlaces = static_cast<unsigned>(nTotal - nPoint - 1);
-  if (nWholeDigits - 1 > 5 || nPlaces - 1 > 7 || !IsBlank(p[nTotal])) return false;
-  const uint64_t nWhole = (LoadWord(p + nPoint - 8) ^ kEveryByte * '0') & kLastBytes[nWholeDigits];
-  const uint64_t nFraction = (LoadWord(p + nTotal - 8) ^ kEveryByte * '0') & kLastBytes[nPlaces];
-  const uint64_t nNoDigits = (nWhole + kAboveNine) | nWhole | (nFraction + kAboveNine) | nFraction;
-  if ((nNoDigits & kEveryByte * 0x80) != 0) return false;
-  return Scale(Combine(nWhole) * kWholePowers[nPlaces] + Combine(nFraction), nPlaces, nNegative, pValue);
-}
-
-// The same digit by digit: a sign or none, up to 15 digits with a point or none, a blank. What follows, or NULL.
-const char* NumberReader::ConvertPlain(const char* p, float* pValue) {
-  const uint32_t nNegative = *p == '-';
-  p += nNegative;
-  const char* pLimit = p + 16;
-  const char* pPoint = nullptr;
-  uint64_t nDigits = 0;
-  int nCount = 0;
-  unsigned nPlaces = 0;
-  for (; p < pLimit; ++p) {
-    if (*p == '.' && pPoint == nullptr) {
-      pPoint = p;
-      continue;
-    }
-    if (!IsDigit(*p)) break;
-    nDigits = nDigits * 10 + static_cast<unsigned>(*p - '0');
-    ++nCount;
-  }
-  if (pPoint != nullptr) nPlaces = static_cast<unsigned>(p - pPoint - 1);
-  if (nCount == 0 || nCount > kMostDigits || !IsBlank(*p)) return nullptr;
-  return Scale(nDigits, nPlaces, nNegative, pValue) ? p + 1 : nullptr;
-}
-
-// What a scan takes from the beginnings of numbers ("-", ".", "0x") is its own affair. A scan that meets the end of the
-// file in the middle of a number finds no number and says nothing of the end: only the stream tells.
-int NumberReader::Scan(float* pValues, int nMost) {
-  const CLocaleScope cLocale;
-  m_bAtEnd = !GiveBack();
-  int nDone = 0;
-  while (nDone < nMost && nDone < kScanBatch && !m_bAtEnd) {
-    const int nResult = fscanf(m_fp, "%f", &pValues[nDone]);
-    m_bAtEnd = nResult == EOF || (nResult == 0 && feof(m_fp));
-    if (!m_bAtEnd) ++nDone;
-  }
-  return nDone;
-}
-
 static void _ReadAllItemsOption() {
   char szValue[40] = "";
   int nSize = sizeof szValue;
@@ -619,13 +372,12 @@ static void _ReportProgress(UINT nPercent) {
 
 // Fills the grid. The number of values read; fewer than all when the file ended.
 static int _ReadGrid(FILE* fp, float* pGrid, char* pMemory) {
-  NumberReader reader(fp, pMemory);
+  MdNumberReader reader(fp, pMemory);
   UINT nPercent = 0;
   int nNextReport = (kGridValues + 99) / 100;
   for (int nRead = 0; nRead < kGridValues;) {
-    nRead += reader.Fast(&pGrid[nRead], nNextReport - nRead);
-    // KEPT: nothing is skipped, and text that is no number goes unnoticed: the slots keep their zeros.
-    if (nRead < nNextReport) nRead += reader.Scan(&pGrid[nRead], nNextReport - nRead);
+    // KEPT: nothing is skipped, and text that is not a number goes unnoticed: its values stay 0.
+    nRead += reader.Read(&pGrid[nRead], nNextReport - nRead);
     if (reader.IsAtEnd()) return nRead;
     if (nRead < nNextReport) continue;
     const UINT nNow = static_cast<UINT>(int64_t{nRead} * 100 / kGridValues);
@@ -639,7 +391,7 @@ static float* _LoadGrid(FILE* fp) {
   MD_LOG(7, "Allocating memory block of %d bytes for data grid.\n", static_cast<int>(kGridValues * sizeof(float)));
   float* pGrid = static_cast<float*>(calloc(kGridValues, sizeof(float)));
   // The reader's memory is on the heap: encoders start the library on threads with small stacks.
-  char* pMemory = static_cast<char*>(malloc(NumberReader::kMemorySize));
+  char* pMemory = static_cast<char*>(malloc(MdNumberReader::kMemorySize));
   if (pGrid == nullptr || pMemory == nullptr) {
     MD_LOG(3, "malloc() failed !\n");
     free(pMemory);

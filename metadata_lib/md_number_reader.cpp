@@ -1,0 +1,247 @@
+// Numbers in text. See the header for what is promised.
+//
+// Contents
+//   1. The "C" locale
+//   2. Eight characters at a time
+//   3. Numbers in the usual form
+//   4. The file
+#include "md_number_reader.h"
+
+#include <locale.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <bit>
+
+// =====================================================================================================
+// 1. The "C" locale, in which a number's point is a point. Without memory for it the thread's own locale is used.
+// =====================================================================================================
+
+static pthread_once_t _g_LocaleOnce = PTHREAD_ONCE_INIT;
+static locale_t _g_CLocale = nullptr;  // written once, under _g_LocaleOnce
+
+static void _MakeLocale() {
+  _g_CLocale = newlocale(LC_ALL_MASK, "C", nullptr);
+}
+
+static locale_t _CLocale() {
+  pthread_once(&_g_LocaleOnce, _MakeLocale);
+  return _g_CLocale;
+}
+
+double _TextToDouble(const char* text) {
+  const locale_t locale = _CLocale();
+  return locale != nullptr ? strtod_l(text, nullptr, locale) : strtod(text, nullptr);
+}
+
+namespace {
+
+// Sets the "C" locale on this thread for a scope.
+class CLocaleScope {
+ public:
+  CLocaleScope() : m_locale(_CLocale()), m_before(m_locale != nullptr ? uselocale(m_locale) : nullptr) {}
+  ~CLocaleScope() {
+    if (m_locale != nullptr) uselocale(m_before);
+  }
+  CLocaleScope(const CLocaleScope&) = delete;
+  CLocaleScope& operator=(const CLocaleScope&) = delete;
+
+ private:
+  const locale_t m_locale;
+  const locale_t m_before;
+};
+
+}  // namespace
+
+// =====================================================================================================
+// 2. Eight characters at a time, as the bytes of a word
+// =====================================================================================================
+
+static_assert(std::endian::native == std::endian::little, "the first character is the lowest byte of a word");
+
+static constexpr uint64_t kEveryByte = 0x0101010101010101;
+// The last bytes of a word in memory, by how many.
+static constexpr uint64_t kLastBytes[] = {0,           ~0ull << 56, ~0ull << 48, ~0ull << 40, ~0ull << 32,
+                                          ~0ull << 24, ~0ull << 16, ~0ull << 8,  ~0ull};
+
+static uint64_t _LoadWord(const char* text) {
+  uint64_t word;
+  memcpy(&word, text, sizeof(word));
+  return word;
+}
+
+// Offset of the lowest byte with a bit set, 8 if there is none.
+static int _FirstByte(uint64_t marks) {
+  return marks == 0 ? 8 : __builtin_ctzll(marks) / 8;
+}
+
+// Marks of the bytes that are zero; exact for the lowest one.
+static uint64_t _ZeroBytes(uint64_t word) {
+  return (word - kEveryByte) & ~word & kEveryByte * 0x80;
+}
+
+// Marks of the bytes up to a space; exact for the lowest one.
+static uint64_t _BlankBytes(uint64_t word) {
+  return (word - kEveryByte * (' ' + 1)) & ~word & kEveryByte * 0x80;
+}
+
+// Offset of the first byte up to a space in 16 bytes, 16 if there is none.
+static int _BlankOffset(uint64_t first, uint64_t second) {
+  const uint64_t marks = _BlankBytes(first);
+  return marks != 0 ? _FirstByte(marks) : 8 + _FirstByte(_BlankBytes(second));
+}
+
+// The number whose eight digits, 0 to 9 each, are the bytes of a word: pairs, then fours, then all eight.
+static uint64_t _Combine(uint64_t digits) {
+  digits = (digits * 10 + (digits >> 8)) & 0x00FF00FF00FF00FF;
+  digits = (digits * 100 + (digits >> 16)) & 0x0000FFFF0000FFFF;
+  return (digits * 10000 + (digits >> 32)) & 0xFFFFFFFF;
+}
+
+// =====================================================================================================
+// 3. Numbers in the usual form: a sign or none, digits, a point, digits, a blank
+// =====================================================================================================
+
+static constexpr int kLookAhead = 32;   // characters from a number's start that this division looks at, at most
+static constexpr int kMostDigits = 15;  // a number of so many is below 2^53
+static constexpr double kNegativePowersOfTen[] = {1e0,  1e-1, 1e-2,  1e-3,  1e-4,  1e-5,  1e-6,  1e-7,
+                                                  1e-8, 1e-9, 1e-10, 1e-11, 1e-12, 1e-13, 1e-14, 1e-15};
+static constexpr uint64_t kWholePowers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
+
+static bool _IsBlank(int character) {
+  return character == ' ' || (character >= '\t' && character <= '\r');
+}
+
+static bool _IsDigit(int character) {
+  return character >= '0' && character <= '9';
+}
+
+// Stores digits / 10^places as the nearest float. For fewer than 2^53 the product is within two units of the right
+// double. Returns false if it is too close to the midpoint of two floats to round safely.
+static bool _Scale(uint64_t digits, unsigned places, uint32_t negative, float* value) {
+  constexpr uint64_t kHalfway = 0x10000000;  // of the bits that a float lacks
+  constexpr uint64_t kClose = 8;
+  const double wide = static_cast<double>(static_cast<int64_t>(digits)) * kNegativePowersOfTen[places];
+  uint64_t wideBits;
+  memcpy(&wideBits, &wide, sizeof(wideBits));
+  if (((wideBits - kHalfway + kClose) & (2 * kHalfway - 1)) <= 2 * kClose) return false;
+  const float narrow = static_cast<float>(wide);
+  uint32_t bits;
+  memcpy(&bits, &narrow, sizeof(bits));
+  bits |= negative << 31;
+  memcpy(value, &bits, sizeof(bits));
+  return true;
+}
+
+// Converts a number of up to six digits before the point and up to eight behind it, 'total' characters in all, of which
+// the first eight are given as a word too. Returns false for other text. Up to 8 bytes in front of it are looked at, and
+// masked out.
+static bool _Convert(const char* text, uint64_t first, int total, float* value) {
+  constexpr uint64_t kAboveNine = kEveryByte * (0x80 - 10);
+  const uint32_t negative = *text == '-';
+  const int point = _FirstByte(_ZeroBytes(first ^ kEveryByte * '.'));
+  const unsigned wholeDigits = static_cast<unsigned>(point) - negative;
+  const unsigned places = static_cast<unsigned>(total - point - 1);
+  if (wholeDigits - 1 > 5 || places - 1 > 7 || !_IsBlank(text[total])) return false;
+  const uint64_t whole = (_LoadWord(text + point - 8) ^ kEveryByte * '0') & kLastBytes[wholeDigits];
+  const uint64_t fraction = (_LoadWord(text + total - 8) ^ kEveryByte * '0') & kLastBytes[places];
+  const uint64_t noDigits = (whole + kAboveNine) | whole | (fraction + kAboveNine) | fraction;
+  if ((noDigits & kEveryByte * 0x80) != 0) return false;
+  return _Scale(_Combine(whole) * kWholePowers[places] + _Combine(fraction), places, negative, value);
+}
+
+// Converts digit by digit a number of up to 15 digits with a point or none. Returns what follows its blank, or NULL.
+static const char* _ConvertPlain(const char* text, float* value) {
+  const uint32_t negative = *text == '-';
+  text += negative;
+  const char* limit = text + 16;
+  const char* point = nullptr;
+  uint64_t digits = 0;
+  int count = 0;
+  unsigned places = 0;
+  for (; text < limit; ++text) {
+    if (*text == '.' && point == nullptr) {
+      point = text;
+      continue;
+    }
+    if (!_IsDigit(*text)) break;
+    digits = digits * 10 + static_cast<unsigned>(*text - '0');
+    ++count;
+  }
+  if (point != nullptr) places = static_cast<unsigned>(text - point - 1);
+  if (count == 0 || count > kMostDigits || !_IsBlank(*text)) return nullptr;
+  return _Scale(digits, places, negative, value) ? text + 1 : nullptr;
+}
+
+// Reads numbers of the form above. Eight bytes are worked on at a time, and no branch depends on a digit or the sign.
+// Stops in front of the first other text, and where the block holds too little; returns how many numbers there were.
+int MdNumberReader::ReadUsual(float* values, int most) {
+  if (!m_seekable) return 0;
+  if (m_end - m_next < kLookAhead && !m_fileEnded) Refill();
+  const char* next = m_next;
+  int done = 0;
+  while (done < most && m_end - next >= kLookAhead) {
+    const char* number = next;
+    while (_IsBlank(*number) && number - next < 4) ++number;
+    const uint64_t first = _LoadWord(number);
+    const int total = _BlankOffset(first, _LoadWord(number + 8));
+    if (_Convert(number, first, total, &values[done]))
+      next = number + total + 1;
+    else if (const char* end = _ConvertPlain(number, &values[done]))
+      next = end;
+    else
+      break;
+    ++done;
+  }
+  m_next = next;
+  return done;
+}
+
+// =====================================================================================================
+// 4. The file. What the block holds is given back before the C library scans.
+// =====================================================================================================
+
+// Numbers scanned in a row: enough to make up for the block that is read again behind them.
+static constexpr int kScanBatch = 64;
+
+MdNumberReader::MdNumberReader(FILE* file, char* memory)
+    : m_file(file), m_block(memory + kMargin), m_next(m_block), m_end(m_block), m_seekable(SeekBy(0)) {
+  memset(memory, 0, kMargin);
+}
+
+void MdNumberReader::Refill() {
+  const size_t kept = static_cast<size_t>(m_end - m_next);
+  memmove(m_block, m_next, kept);
+  const size_t read = fread(m_block + kept, 1, kBlockSize - kept, m_file);
+  if (read == 0) m_fileEnded = true;
+  m_next = m_block;
+  m_end = m_block + kept + read;
+}
+
+// Puts the file where the next number starts.
+bool MdNumberReader::GiveBack() {
+  const long ahead = static_cast<long>(m_end - m_next);
+  m_next = m_end = m_block;
+  m_fileEnded = false;
+  return ahead == 0 || SeekBy(-ahead);
+}
+
+// What a scan takes from the beginnings of numbers ("-", ".", "0x") is its own affair. A scan that meets the end of the
+// file in the middle of a number finds no number and says nothing of the end: only the stream tells.
+int MdNumberReader::Scan(float* values, int most) {
+  const CLocaleScope cLocale;
+  m_atEnd = !GiveBack();
+  int done = 0;
+  while (done < most && done < kScanBatch && !m_atEnd) {
+    const int result = fscanf(m_file, "%f", &values[done]);
+    m_atEnd = result == EOF || (result == 0 && feof(m_file));
+    if (!m_atEnd) ++done;
+  }
+  return done;
+}
+
+int MdNumberReader::Read(float* values, int most) {
+  const int done = ReadUsual(values, most);
+  return done < most ? done + Scan(values + done, most - done) : done;
+}
