@@ -2,17 +2,15 @@
 //
 // Contents
 //   1. Numbers             rounding, byte order
-//   2. XML text            slices and attributes by substring search
-//   3. Times
-//   4. Packets             start, items, checksum
-//   5. Geoid grid          load, interpolation
-//   6. Aircraft events
-//   7. Sensor-point events
-//   8. Discovered sensors
-//   9. Pending messages    list, matching
-//  10. Closing a packet
-//  11. Conversion of an event
-//  12. Instances and statistics
+//   2. Packets             start, items, checksum
+//   3. Geoid grid          load, interpolation
+//   4. Aircraft events
+//   5. Sensor-point events
+//   6. Discovered sensors
+//   7. Pending messages    list, matching
+//  8. Closing a packet
+//  9. Conversion of an event
+//  10. Instances and statistics
 #include "converter.h"
 
 #include <errno.h>
@@ -72,213 +70,7 @@ uint64_t SWAP64(uint64_t value) {
 }
 
 // =====================================================================================================
-// 2. XML text. Metadata thread. No tree is built: plain substring searches on a terminated text, no state.
-// =====================================================================================================
-
-namespace {
-
-// Terminated copy of an attribute's value.
-class CotText {
- public:
-  explicit CotText(const char (&value)[kCotValueSize]) {
-    memcpy(m_text, value, kCotValueSize);
-    m_text[kCotValueSize] = '\0';
-  }
-  const char* Get() const { return m_text; }
-
- private:
-  char m_text[kCotValueSize + 1];
-};
-
-// A stretch of the event's text.
-struct Slice {
-  const char* pText = nullptr;
-  uint32_t nLength = 0;
-};
-
-}  // namespace
-
-static constexpr uint32_t kShortestText = 10;
-
-// KEPT: the markers are searched up to the end of the text, not of the slice; every success says "event end".
-CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const char* startTag, const char* endTag,
-                                  const char** pSlice, uint32_t* sliceLen) {
-  *sliceLen = 0;
-  if (pInBuf == nullptr || startTag == nullptr || endTag == nullptr || inBufLen < kShortestText) {
-    MD_LOG(3, "invalid input\n");
-    return CVT_COTKLV_STATUS_INVALID_INPUT;
-  }
-  const char* pStart = strstr(pInBuf, startTag);
-  if (pStart == nullptr) {
-    MD_LOG(7, "slice %s not found\n", startTag);
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  *pSlice = pStart;
-  const char* pEnd = strstr(pStart, endTag);
-  if (pEnd == nullptr) {
-    MD_LOG(4, "slice %s not found\n", endTag);
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  *sliceLen = static_cast<uint32_t>(pEnd - pStart);
-  if (*sliceLen > inBufLen) {
-    MD_LOG(3, "found slice, but length is out of buffer\n");
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  MD_LOG(7, "Found event end: sliceLen = 0x%x\n", *sliceLen);
-  return CVT_COTKLV_STATUS_OK;
-}
-
-// KEPT: the name is bare text that also hits inside a longer word, a hit exactly inBufLen characters in counts, and only
-// double quotes are quotes.
-CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen, cvtCotField* pCotField) {
-  if (pCotField != nullptr) pCotField->flag = 0;
-  if (pInBuf == nullptr || pCotField == nullptr || inBufLen < static_cast<int32_t>(kShortestText)) {
-    MD_LOG(3, "invalid input\n");
-    return CVT_COTKLV_STATUS_INVALID_INPUT;
-  }
-  const char* pHit = strstr(pInBuf, pCotField->name);
-  if (pHit == nullptr) {
-    MD_LOG(3, "field %s not found\n", pCotField->name);
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  if (pHit - pInBuf > inBufLen) {
-    MD_LOG(3, "field %s out of slice. \n", pCotField->name);
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  const char* pOpen = strchr(pHit, '"');
-  if (pOpen == nullptr) {
-    MD_LOG(3, "field %s not found open \"\n", pCotField->name);
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  const char* pClose = strchr(pOpen + 1, '"');
-  if (pClose == nullptr) {
-    MD_LOG(3, "field %s not found close \"\n", pCotField->name);
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  const size_t nLength = static_cast<size_t>(pClose - pOpen - 1);
-  if (nLength > kCotValueSize) {
-    MD_LOG(3, "field %s found invalid value length 0x%x\n", pCotField->name, static_cast<UINT>(nLength));
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  memcpy(pCotField->valueStr, pOpen + 1, nLength);
-  if (nLength < kCotValueSize) pCotField->valueStr[nLength] = '\0';
-  pCotField->valueLen = static_cast<int32_t>(nLength);
-  pCotField->flag = 1;
-  return CVT_COTKLV_STATUS_OK;
-}
-
-// Copies the row to *pField and looks the attribute up; on failure *pField holds the bare row.
-static bool _FindField(const Slice& slice, const cvtCotField& row, cvtCotField* pField) {
-  *pField = row;
-  xml_getCotFieldInTagSlice(slice.pText, static_cast<int32_t>(slice.nLength), pField);
-  if (pField->flag != 1) return false;
-  MD_LOG(7, "Found cotField: name = %s\n", pField->name);
-  return true;
-}
-
-static bool _FindSlice(const Slice& whole, const char* szStart, const char* szEnd, Slice* pSlice) {
-  return xml_getTagSlice(whole.pText, whole.nLength, szStart, szEnd, &pSlice->pText, &pSlice->nLength) ==
-         CVT_COTKLV_STATUS_OK;
-}
-
-// =====================================================================================================
-// 3. Times. Metadata thread; ConvertTimeString on any. No state but the process's time zone.
-// =====================================================================================================
-
-// The decimal number in a group of characters; 0 where the text ends before it.
-static int _DateGroup(const char* szText, size_t nTextLength, size_t nOffset, size_t nLength) {
-  char szGroup[8] = "0000000";
-  if (nOffset >= nTextLength) return 0;
-  if (nLength > nTextLength - nOffset) nLength = nTextLength - nOffset;
-  memcpy(szGroup, szText + nOffset, nLength);
-  szGroup[nLength] = '\0';
-  return static_cast<int>(strtol(szGroup, nullptr, 10));
-}
-
-// YYYY-MM-DDTHH:MM:SS by position; what stands between the groups does not matter.
-int cvt_strptime(const char* timeStr, struct tm* pTm) {
-  memset(pTm, 0, sizeof *pTm);
-  const size_t nLength = strlen(timeStr);
-  const int nYear = _DateGroup(timeStr, nLength, 0, 4);
-  const int nMonth = _DateGroup(timeStr, nLength, 5, 2);
-  const int nDay = _DateGroup(timeStr, nLength, 8, 2);
-  const int nHour = _DateGroup(timeStr, nLength, 11, 2);
-  const int nMinutes = _DateGroup(timeStr, nLength, 14, 2);
-  const int nSeconds = _DateGroup(timeStr, nLength, 17, 2);
-  if (nYear < 1900) return -1;
-  if (nMonth < 1 || nMonth > 12) return -1;
-  if (nDay < 1 || nDay > 31) return -1;
-  if (nHour < 0 || nHour > 23) return -1;
-  if (nMinutes < 0 || nMinutes > 59) return -1;
-  if (nSeconds < 0 || nSeconds > 60) return -1;  // 60 is a leap second
-  pTm->tm_year = nYear - 1900;
-  pTm->tm_mon = nMonth - 1;
-  pTm->tm_mday = nDay;
-  pTm->tm_hour = nHour;
-  pTm->tm_min = nMinutes;
-  pTm->tm_sec = nSeconds;
-  return 0;
-}
-
-// KEPT: the fraction is the two characters after the point read as hundredths (".5Z" is 50 ms), and the time is local
-// whatever follows it.
-int cvt_getUSecsFromTimeStr(const char* timeStr, uint64_t* uSecs) {
-  struct tm Tm;
-  int nHundredths = 0;
-  const char* pPoint = strchr(timeStr, '.');
-  if (pPoint != nullptr) {
-    if (pPoint - timeStr > 20) {
-      MD_LOG(3, "str is too long, len = 0x%x\n", static_cast<UINT>(pPoint - timeStr));
-      return -1;
-    }
-    if (cvt_strptime(timeStr, &Tm) != 0) {
-      MD_LOG(3, "failed in cvt_strptime() with decimal!\n");
-      return -1;
-    }
-    nHundredths = _DateGroup(pPoint, strlen(pPoint), 1, 2);
-  } else if (cvt_strptime(timeStr, &Tm) != 0) {
-    MD_LOG(3, "failed in cvt_strptime()!\n");
-    return -1;
-  }
-  const time_t nSeconds = mktime(&Tm);
-  if (nSeconds == -1) {
-    MD_LOG(3, "failed in mktime()\n");
-    return -1;
-  }
-  const int64_t nMicroseconds = int64_t{nSeconds} * 1000000 + int64_t{nHundredths} * 10000;
-  *uSecs = SWAP64(static_cast<uint64_t>(nMicroseconds));
-  return 0;
-}
-
-// KEPT: the month is not reduced by one, and the year by 1970 instead of 1900. The result orders times, no more.
-void ConvertTimeString(const char* szTime, struct timeval* pOutTime) {
-  int nYear = 0;
-  int nMonth = 0;
-  int nDay = 0;
-  int nHour = 0;
-  int nMinutes = 0;
-  int nSeconds = 0;
-  int nHundredths = 0;
-  (void)sscanf(szTime, "%04d-%02d-%02dT%02d:%02d:%02d.%02dZ", &nYear, &nMonth, &nDay, &nHour, &nMinutes, &nSeconds,
-               &nHundredths);
-  struct tm Tm;
-  memset(&Tm, 0, sizeof Tm);
-  Tm.tm_sec = nSeconds;
-  Tm.tm_min = nMinutes;
-  Tm.tm_hour = nHour;
-  Tm.tm_mday = nDay;
-  Tm.tm_mon = nMonth;
-  Tm.tm_year = nYear - 1970;
-  pOutTime->tv_sec = mktime(&Tm);
-  pOutTime->tv_usec = nHundredths * 10000;
-  MD_LOG(7, "RECONSTITUTED TIME=%04d-%02d-%02dT%02d:%02d:%02d.%02dZ.\n", nYear, Tm.tm_mon, Tm.tm_mday, Tm.tm_hour,
-         Tm.tm_min, Tm.tm_sec, nHundredths);
-  MD_LOG(7, "Resulting time %lu sec,%lu usecs.\n", static_cast<unsigned long>(pOutTime->tv_sec),
-         static_cast<unsigned long>(pOutTime->tv_usec));
-}
-
-// =====================================================================================================
-// 4. Packets. Metadata thread. A packet grows in place in its message's buffer.
+// 2. Packets. Metadata thread. A packet grows in place in its message's buffer.
 // =====================================================================================================
 
 const BYTE klvLDS16BytesKeySet[kCvtKeySize] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01,
@@ -346,7 +138,7 @@ uint16_t get_checksum_u16(const BYTE* pData, int nLength) {
 }
 
 // =====================================================================================================
-// 5. Geoid grid: EGM96, 15 minutes. Loaded and freed on the encoder's thread that starts and stops the library, read by
+// 3. Geoid grid: EGM96, 15 minutes. Loaded and freed on the encoder's thread that starts and stops the library, read by
 //    the metadata thread in between.
 // =====================================================================================================
 
@@ -464,7 +256,7 @@ int calcul_undulation(float inLat, float inLon, float* undulation) {
 }
 
 // =====================================================================================================
-// 6. Aircraft events. Metadata thread. Items go into the pending message, angles into the instance.
+// 4. Aircraft events. Metadata thread. Items go into the pending message, angles into the instance.
 // =====================================================================================================
 
 static constexpr double kNotRead = -100000.0;
@@ -554,7 +346,7 @@ namespace {
 struct Conversion {
   CONVERTER_INSTANCE_DATA* pInstance;
   cvtXmlMsg* pXmlMsg;
-  Slice event;
+  CotSlice event;
   cvtKlvItem item;  // KEPT: one record serves the whole event, so an unparsable "start" repeats the time stamp
   double lat = kNotRead;
   double lon = kNotRead;
@@ -661,7 +453,7 @@ static int _AddAirEventItem(Conversion& conversion, const cvtCotField& field, bo
 }
 
 static int _AddAirEvent(Conversion& conversion) {
-  Slice slice;
+  CotSlice slice;
   if (!_FindSlice(conversion.event, "<event", ">", &slice)) {
     MD_LOG(3, "not found <event> tag slice!\n");
     return -1;
@@ -676,7 +468,7 @@ static int _AddAirEvent(Conversion& conversion) {
 }
 
 // An attribute that is a number; FALSE, with a line in the log, when it is missing.
-static bool _FindAirNumber(const Slice& slice, const cvtCotField& row, double* pValue) {
+static bool _FindAirNumber(const CotSlice& slice, const cvtCotField& row, double* pValue) {
   cvtCotField field;
   if (!_FindField(slice, row, &field)) {
     MD_LOG(3, "cotField \"%s\" not found\n", field.name);
@@ -687,7 +479,7 @@ static bool _FindAirNumber(const Slice& slice, const cvtCotField& row, double* p
 }
 
 static void _AddAirTrack(Conversion& conversion) {
-  Slice slice;
+  CotSlice slice;
   if (!_FindSlice(conversion.event, "<track", "/>", &slice)) {
     MD_LOG(3, "not found <track> tag slice!\n");
     return;
@@ -704,7 +496,7 @@ static void _AddAirTrack(Conversion& conversion) {
 }
 
 static void _AddAirAttitude(Conversion& conversion) {
-  Slice slice;
+  CotSlice slice;
   if (!_FindSlice(conversion.event, "<attitude", "/>", &slice)) {
     MD_LOG(3, "not found <attitude> tag slice!\n");
     return;
@@ -726,7 +518,7 @@ static bool _AddCoordinate(Conversion& conversion, const NumberItem& item, doubl
 }
 
 static void _AddAirPoint(Conversion& conversion) {
-  Slice slice;
+  CotSlice slice;
   if (!_FindSlice(conversion.event, "<point", "/>", &slice)) {
     MD_LOG(3, "not found <point> tag slice!\n");
     return;
@@ -778,11 +570,11 @@ int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInp
 }
 
 // =====================================================================================================
-// 7. Sensor-point events. Metadata thread.
+// 5. Sensor-point events. Metadata thread.
 // =====================================================================================================
 
 static int _AddSpiEvent(Conversion& conversion) {
-  Slice slice;
+  CotSlice slice;
   if (!_FindSlice(conversion.event, "<event", ">", &slice)) {
     MD_LOG(3, "not found <event> tag slice!\n");
     return -1;
@@ -863,7 +655,7 @@ static void _AddFrameCentreElevation(Conversion& conversion) {
 }
 
 static void _AddSpiPoint(Conversion& conversion) {
-  Slice slice;
+  CotSlice slice;
   if (!_FindSlice(conversion.event, "<point", "/>", &slice)) {
     MD_LOG(3, "not found <point> tag slice!\n");
     return;
@@ -929,7 +721,7 @@ static void _AddSensorItem(Conversion& conversion, const cvtCotField& field) {
 }
 
 static void _AddSpiSensor(Conversion& conversion) {
-  Slice slice;
+  CotSlice slice;
   if (!_FindSlice(conversion.event, "<sensor", "/>", &slice)) {
     MD_LOG(3, "not found <sensor> tag slice!\n");
     return;
@@ -1021,7 +813,7 @@ void cvt_addSPISensorItems(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* 
 }
 
 // =====================================================================================================
-// 8. Discovered sensors. The metadata thread is the only writer; it writes under a leaf lock of this module, and the
+// 6. Discovered sensors. The metadata thread is the only writer; it writes under a leaf lock of this module, and the
 //    statistics calls read under it. Texts are copied while it is held, no other lock is taken.
 // =====================================================================================================
 
@@ -1074,7 +866,7 @@ void AgeCoT2KLVSensors(HCONVERTER hConv) {
 }
 
 // =====================================================================================================
-// 9. Pending messages. Metadata thread.
+// 7. Pending messages. Metadata thread.
 // =====================================================================================================
 
 void cvt_freeMsgAndKlvPacket(cvtXmlMsg* pXmlMsg) {
@@ -1151,7 +943,7 @@ static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* pInstance, const cvtCot
 }
 
 // =====================================================================================================
-// 10. Closing a packet. Metadata thread. A packet that is handed over belongs to the caller; the list is empty after.
+// 8. Closing a packet. Metadata thread. A packet that is handed over belongs to the caller; the list is empty after.
 // =====================================================================================================
 
 static constexpr int kShortFormLimit = 127;
@@ -1219,7 +1011,7 @@ static int _ClosePacket(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg, 
 }
 
 // =====================================================================================================
-// 11. Conversion of an event. Metadata thread.
+// 9. Conversion of an event. Metadata thread.
 // =====================================================================================================
 
 // A terminated copy of the input: a datagram has no terminator, and what an older one left must not complete it.
@@ -1240,8 +1032,8 @@ static bool _CopyEvent(CONVERTER_INSTANCE_DATA* pInstance, const BYTE* pvInputDa
   return true;
 }
 
-static bool _CutEvent(const CONVERTER_INSTANCE_DATA* pInstance, int nInDataSize, Slice* pEvent, Slice* pTag) {
-  const Slice input = {pInstance->szEvent, static_cast<uint32_t>(nInDataSize)};
+static bool _CutEvent(const CONVERTER_INSTANCE_DATA* pInstance, int nInDataSize, CotSlice* pEvent, CotSlice* pTag) {
+  const CotSlice input = {pInstance->szEvent, static_cast<uint32_t>(nInDataSize)};
   if (!_FindSlice(input, "<event", "</event>", pEvent)) {
     MD_LOG(7, "not found whole msg!\n");
     return false;
@@ -1256,19 +1048,13 @@ static bool _CutEvent(const CONVERTER_INSTANCE_DATA* pInstance, int nInDataSize,
   return true;
 }
 
-static bool _LookUp(const Slice& slice, const char* szName, cvtCotField* pField) {
-  memset(pField, 0, sizeof *pField);
-  CopyString(pField->name, szName, sizeof pField->name);
-  return xml_getCotFieldInTagSlice(slice.pText, static_cast<int32_t>(slice.nLength), pField) == CVT_COTKLV_STATUS_OK;
-}
-
 static bool _BeginsWith(const cvtCotField& field, const char* szPrefix) {
   const size_t nLength = strlen(szPrefix);
   return static_cast<size_t>(field.valueLen) >= nLength && memcmp(field.valueStr, szPrefix, nLength) == 0;
 }
 
 // Counts the event by its type; CVT_MSG_TYPE_NONE for one that is not for the converter.
-static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* pInstance, const Slice& tag) {
+static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* pInstance, const CotSlice& tag) {
   cvtCotField type;
   if (!_LookUp(tag, "type", &type)) {
     MD_LOG(3, "not found type field !\n");
@@ -1286,7 +1072,7 @@ static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* pInstance, const Sli
   return CVT_MSG_TYPE_NONE;
 }
 
-static bool _PassesFilter(CONVERTER_INSTANCE_DATA* pInstance, const Slice& tag) {
+static bool _PassesFilter(CONVERTER_INSTANCE_DATA* pInstance, const CotSlice& tag) {
   cvtCotField uid;
   if (!_LookUp(tag, "uid", &uid)) {
     MD_LOG(3, "xml_getCotFieldInTagSlice failed for UID retrieval.\n");
@@ -1304,8 +1090,8 @@ static bool _PassesFilter(CONVERTER_INSTANCE_DATA* pInstance, const Slice& tag) 
 }
 
 // The event's time, which pairs it.
-static bool _FindTime(const Slice& event, cvtCotField* pTime) {
-  Slice tag;
+static bool _FindTime(const CotSlice& event, cvtCotField* pTime) {
+  CotSlice tag;
   if (!_FindSlice(event, "<event", ">", &tag)) {
     MD_LOG(3, "not found <event> tag slice!\n");
     return false;
@@ -1334,7 +1120,7 @@ static cvtXmlMsg* _FindOrStartMessage(CONVERTER_INSTANCE_DATA* pInstance, CVT_MS
   return pXmlMsg;
 }
 
-static int _ConvertEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const Slice& event,
+static int _ConvertEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const CotSlice& event,
                          cvtXmlMsg* pXmlMsg) {
   if (enType == CVT_MSG_TYPE_AIRCRAFT) {
     MD_LOG(7, "Got a aircraft msg!\n");
@@ -1345,7 +1131,7 @@ static int _ConvertEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType
 }
 
 // Adds a classified event to its message and closes the packet when it was the second one.
-static int _AddEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const Slice& event,
+static int _AddEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const CotSlice& event,
                      MDATA_BUFFER** ppBuffer) {
   cvtCotField time;
   if (!_FindTime(event, &time)) return -1;
@@ -1380,8 +1166,8 @@ int ConvertCoT2KLV(HCONVERTER hConv, const BYTE* pvInputData, int nInDataSize, M
     MD_LOG(3, "input size %d shorter than minumum!\n", nInDataSize);
     return -1;
   }
-  Slice event;
-  Slice tag;
+  CotSlice event;
+  CotSlice tag;
   if (!_CopyEvent(hConv, pvInputData, nInDataSize) || !_CutEvent(hConv, nInDataSize, &event, &tag)) return -1;
   const CVT_MSG_TYPE enType = _ClassifyEvent(hConv, tag);
   if (enType == CVT_MSG_TYPE_NONE) return -1;
@@ -1394,7 +1180,7 @@ void ReleaseConvertedData(MDATA_BUFFER* pBuffer) {
 }
 
 // =====================================================================================================
-// 12. Instances and statistics. Opened and closed with their source; the statistics calls come from the encoder's
+// 10. Instances and statistics. Opened and closed with their source; the statistics calls come from the encoder's
 //     threads under the API lock, while the metadata thread converts.
 // =====================================================================================================
 

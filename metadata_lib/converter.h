@@ -3,35 +3,14 @@
 #ifndef CONVERTER_H
 #define CONVERTER_H
 
-#include <time.h>
-
 #include "host.h"
+#include "md_cot_text.h"
 #include "metadata_lib.h"
-
-// --- Status ------------------------------------------------------------------------------------------
-
-enum CVT_COTKLV_STATUS : int32_t {
-  CVT_COTKLV_STATUS_OK = 0,
-  CVT_COTKLV_STATUS_INVALID_INPUT = 1,  // null pointer, or 9 bytes or fewer
-  CVT_COTKLV_STATUS_NOT_FOUND = 2,      // marker, attribute or quote missing, or a length limit exceeded
-  CVT_COTKLV_STATUS_MALLOC_FAIL = 3
-};
 
 // Kinds of events, as cvtXmlMsg::msgType would name them.
 enum CVT_MSG_TYPE : uint32_t { CVT_MSG_TYPE_NONE = 0, CVT_MSG_TYPE_AIRCRAFT = 1, CVT_MSG_TYPE_SPI = 2 };
 
 // --- Attributes and their items ----------------------------------------------------------------------
-
-inline constexpr int kCotValueSize = 64;
-
-// One attribute to look up. A value of exactly 64 characters has no terminator: read it through CotText.
-struct cvtCotField {
-  char name[16];
-  char valueStr[kCotValueSize];
-  int32_t valueLen;
-  int32_t mapId;  // row in its table
-  int32_t flag;   // 1 after a successful look-up
-};
 
 // The item an attribute becomes. The conversion reads klvKey; the rest documents the row.
 struct cvtCotToKlv {
@@ -241,16 +220,6 @@ extern float* _g_pGrid;
 
 // Height of the geoid at inLat (-90 to 90) and inLon (0 to 360) degrees; 0, or -1 outside or without a grid.
 int calcul_undulation(float inLat, float inLon, float* undulation);
-
-// --- Text --------------------------------------------------------------------------------------------
-
-CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const char* startTag, const char* endTag,
-                                  const char** pSlice, uint32_t* sliceLen);
-CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen, cvtCotField* pCotField);
-// 0, or -1 when the text does not begin with a date.
-int cvt_strptime(const char* timeStr, struct tm* pTm);
-// Microseconds, big-endian. 0, or -1 with *uSecs untouched.
-int cvt_getUSecsFromTimeStr(const char* timeStr, uint64_t* uSecs);
 
 // --- Packet steps ------------------------------------------------------------------------------------
 

@@ -59,4 +59,10 @@ TEST(PacketChecksum, OfNoBytesIsZero) {
   for (const int length : {0, -1, INT_MIN}) EXPECT_EQ(get_checksum_u16(&byte, length), 0) << length;
 }
 
+TEST(ByteOrder, IsSwappedWhole) {
+  EXPECT_EQ(SWAP16(0x0102), 0x0201);
+  EXPECT_EQ(SWAP32(0x01020304), 0x04030201u);
+  EXPECT_EQ(SWAP64(0x0102030405060708), 0x0807060504030201u);
+}
+
 }  // namespace

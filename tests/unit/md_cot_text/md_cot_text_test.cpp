@@ -1,7 +1,15 @@
 // Slices, attributes and times.
-#include <clocale>
+#include "md_cot_text.h"
 
-#include "converter_fixture.h"
+#include <endian.h>
+#include <sys/time.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <string>
+
+#include "fake_host.h"
 
 namespace {
 
@@ -11,7 +19,7 @@ using CotTime = TextTest;
 
 cvtCotField Field(const std::string& name) {
   cvtCotField field = {};
-  name.copy(field.name, sizeof field.name - 1);
+  name.copy(field.name, sizeof(field.name) - 1);
   return field;
 }
 
@@ -99,11 +107,61 @@ TEST_F(XmlText, SixtyFourCharactersFitAndSixtyFiveDoNot) {
   ExpectLog(3, "field uid found invalid value length 0x41\n");
 }
 
+CotSlice Slice(const std::string& text) {
+  return {text.c_str(), static_cast<uint32_t>(text.size())};
+}
+
+TEST_F(XmlText, ValueOfSixtyFourCharactersIsReadThroughACopyWithATerminator) {
+  cvtCotField field = Field("uid");
+  EXPECT_EQ(LookUp("<event uid=\"" + std::string(64, 'u') + "\"", 20, &field), CVT_COTKLV_STATUS_OK);
+  EXPECT_EQ(CotText(field.valueStr).Get(), std::string(64, 'u'));
+  EXPECT_EQ(LookUp("<event uid=\"short\"", 19, &field), CVT_COTKLV_STATUS_OK);
+  EXPECT_STREQ(CotText(field.valueStr).Get(), "short") << "the longer value before it is gone";
+}
+
+TEST_F(XmlText, FoundSliceIsTheTextUpToItsEndMarker) {
+  const std::string text = "<event><point lat=\"1\"/><track/></event>";
+  CotSlice slice;
+  ASSERT_TRUE(_FindSlice(Slice(text), "<point", "/>", &slice));
+  EXPECT_EQ(std::string(slice.pText, slice.nLength), "<point lat=\"1\"");
+  EXPECT_FALSE(_FindSlice(Slice(text), "<sensor", "/>", &slice));
+  EXPECT_EQ(slice.nLength, 0u);
+  ExpectLog(7, "slice <sensor not found\n");
+}
+
+TEST_F(XmlText, FoundFieldKeepsItsRowAndAMissingOneIsTheBareRow) {
+  constexpr cvtCotField kRow = {"lon", "2", 0, 7, 0};
+  cvtCotField field = Field("other");
+  ASSERT_TRUE(_FindField(Slice("<point lon=\"-73\""), kRow, &field));
+  EXPECT_STREQ(field.valueStr, "-73");
+  EXPECT_EQ(field.mapId, 7);
+  EXPECT_EQ(field.flag, 1);
+  ExpectLog(7, "Found cotField: name = lon\n");
+  EXPECT_FALSE(_FindField(Slice("<point lat=\"45\""), kRow, &field));
+  EXPECT_STREQ(field.name, "lon");
+  EXPECT_STREQ(field.valueStr, "2");
+  EXPECT_EQ(field.mapId, 7);
+  EXPECT_EQ(field.flag, 0);
+  ExpectLog(3, "field lon not found\n");
+}
+
+TEST_F(XmlText, AttributeWithoutARowIsLookedUpByName) {
+  cvtCotField field = Field("other");
+  field.mapId = 7;
+  EXPECT_TRUE(_LookUp(Slice("<event type=\"a-f-A\""), "type", &field));
+  EXPECT_STREQ(field.valueStr, "a-f-A");
+  EXPECT_EQ(field.valueLen, 5);
+  EXPECT_EQ(field.mapId, 0);
+  EXPECT_FALSE(_LookUp(Slice("<event type=\"a-f-A\""), "uid", &field));
+  EXPECT_EQ(field.valueLen, 0);
+  ExpectLog(3, "field uid not found\n");
+}
+
 // Microseconds of a text, or -1.
 int64_t Microseconds(const char* text) {
   uint64_t value = 0;
   if (cvt_getUSecsFromTimeStr(text, &value) != 0) return -1;
-  return static_cast<int64_t>(SWAP64(value));
+  return static_cast<int64_t>(be64toh(value));
 }
 
 constexpr int64_t kWhole = 1704164645000000;  // 2024-01-02 03:04:05 UTC

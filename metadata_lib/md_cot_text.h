@@ -1,0 +1,74 @@
+// The text of Cursor-on-Target events: slices and attributes of XML, and times.
+//
+// No tree is built: plain substring searches on a terminated text.
+//
+// Metadata thread, ConvertTimeString on any. No state but the process's time zone. Lines are logged as the converter's.
+#ifndef MD_COT_TEXT_H
+#define MD_COT_TEXT_H
+
+#include <stdint.h>
+#include <string.h>
+#include <time.h>
+
+#include "metadata_lib.h"
+
+enum CVT_COTKLV_STATUS : int32_t {
+  CVT_COTKLV_STATUS_OK = 0,
+  CVT_COTKLV_STATUS_INVALID_INPUT = 1,  // null pointer, or 9 bytes or fewer
+  CVT_COTKLV_STATUS_NOT_FOUND = 2,      // marker, attribute or quote missing, or a length limit exceeded
+  CVT_COTKLV_STATUS_MALLOC_FAIL = 3
+};
+
+inline constexpr int kCotValueSize = 64;
+inline constexpr uint32_t kShortestText = 10;  // characters; shorter texts are not searched
+
+// One attribute to look up. A value of exactly 64 characters has no terminator: read it through CotText.
+struct cvtCotField {
+  char name[16];
+  char valueStr[kCotValueSize];
+  int32_t valueLen;
+  int32_t mapId;  // row in its table
+  int32_t flag;   // 1 after a successful look-up
+};
+
+// Terminated copy of an attribute's value.
+class CotText {
+ public:
+  explicit CotText(const char (&value)[kCotValueSize]) {
+    memcpy(m_text, value, kCotValueSize);
+    m_text[kCotValueSize] = '\0';
+  }
+  const char* Get() const { return m_text; }
+
+ private:
+  char m_text[kCotValueSize + 1];
+};
+
+// A stretch of the event's text.
+struct CotSlice {
+  const char* pText = nullptr;
+  uint32_t nLength = 0;
+};
+
+// --- XML ---------------------------------------------------------------------------------------------
+
+CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const char* startTag, const char* endTag,
+                                  const char** pSlice, uint32_t* sliceLen);
+CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen, cvtCotField* pCotField);
+
+// Finds the slice of a text from a start marker up to, but without, the next end marker. On failure *pSlice may hold the
+// start all the same.
+bool _FindSlice(const CotSlice& whole, const char* szStart, const char* szEnd, CotSlice* pSlice);
+// Copies the row to *pField and looks the attribute up; on failure *pField holds the bare row.
+bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* pField);
+// Looks up an attribute that has no row.
+bool _LookUp(const CotSlice& slice, const char* szName, cvtCotField* pField);
+
+// --- Times -------------------------------------------------------------------------------------------
+
+// Returns 0, or -1 if the text does not begin with a date.
+int cvt_strptime(const char* timeStr, struct tm* pTm);
+// Stores microseconds since 1970, big-endian. Returns 0, or -1 leaving *uSecs unchanged.
+int cvt_getUSecsFromTimeStr(const char* timeStr, uint64_t* uSecs);
+
+#endif  // MD_COT_TEXT_H
