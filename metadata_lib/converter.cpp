@@ -6,17 +6,15 @@
 //   3. Geoid grid          load, interpolation
 //   4. Aircraft events
 //   5. Sensor-point events
-//   6. Discovered sensors
-//   7. Pending messages    list, matching
-//  8. Closing a packet
-//  9. Conversion of an event
-//  10. Instances and statistics
+//   6. Pending messages    list, matching
+//   7. Closing a packet
+//   8. Conversion of an event
+//   9. Instances and statistics
 #include "converter.h"
 
 #include <errno.h>
 #include <float.h>
 #include <limits.h>
-#include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -27,6 +25,7 @@
 #include "md_core.h"
 #include "md_guard.h"
 #include "md_number_reader.h"
+#include "md_sensors.h"
 
 #define MD_MODULE "converter"
 #define MD_DEBUG_HANDLE g_hCoTConvDbg
@@ -813,60 +812,7 @@ void cvt_addSPISensorItems(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* 
 }
 
 // =====================================================================================================
-// 6. Discovered sensors. The metadata thread is the only writer; it writes under a leaf lock of this module, and the
-//    statistics calls read under it. Texts are copied while it is held, no other lock is taken.
-// =====================================================================================================
-
-static pthread_mutex_t _g_SensorLock = PTHREAD_MUTEX_INITIALIZER;
-
-static void _StoreSensor(SENSOR_ENTRY* pEntry, const char* szUID) {
-  MdLock lock(_g_SensorLock);
-  CopyString(pEntry->szUID, szUID, sizeof pEntry->szUID);
-  pEntry->nAgeInSeconds = 0;
-  pEntry->bInUse = TRUE;
-}
-
-void AddDiscoveredSensor(CONVERTER_INSTANCE_DATA* pInstance, const char* szUID) {
-  MD_LOG(7, "Adding SPI \"%s\".\n", szUID);
-  int nFree = -1;
-  int nOldestAge = -1;
-  for (int i = 0; i < MDATA_MAX_DISCOVERED_SENSORS; ++i) {
-    SENSOR_ENTRY& entry = pInstance->KnownSensors[i];
-    if (!entry.bInUse) {
-      if (nFree >= 0) continue;
-      nFree = i;
-      MD_LOG(7, "Located first free index at %d.\n", i);
-    } else if (strcmp(entry.szUID, szUID) == 0) {
-      entry.nAgeInSeconds = 0;
-      MD_LOG(7, "Located existing entry for \"%s\" at offset %d.\n", szUID, i);
-      return;
-    } else if (entry.nAgeInSeconds > nOldestAge) {
-      nOldestAge = entry.nAgeInSeconds;
-      MD_LOG(7, "Oldest existing record is \"%s\" at offset %d, %d seconds old.\n", entry.szUID, i, nOldestAge);
-    }
-  }
-  if (nFree >= 0) {
-    _StoreSensor(&pInstance->KnownSensors[nFree], szUID);
-    MD_LOG(7, "Storing entry for \"%s\" at free offset %d.\n", szUID, nFree);
-    return;
-  }
-  // KEPT: the oldest age, 0 to 10, serves as the index of the entry that gives way.
-  _StoreSensor(&pInstance->KnownSensors[nOldestAge], szUID);
-  MD_LOG(7, "Storing entry for \"%s\" at oldest offset %d.\n", szUID, nOldestAge);
-}
-
-void AgeCoT2KLVSensors(HCONVERTER hConv) {
-  for (SENSOR_ENTRY& entry : hConv->KnownSensors) {
-    if (!entry.bInUse || ++entry.nAgeInSeconds <= kCvtSensorLifetime) continue;
-    MD_LOG(7, "Entry for \"%s\" has been aged out.\n", entry.szUID);
-    MdLock lock(_g_SensorLock);
-    entry.bInUse = FALSE;
-    memset(entry.szUID, 0, sizeof entry.szUID);
-  }
-}
-
-// =====================================================================================================
-// 7. Pending messages. Metadata thread.
+// 6. Pending messages. Metadata thread.
 // =====================================================================================================
 
 void cvt_freeMsgAndKlvPacket(cvtXmlMsg* pXmlMsg) {
@@ -943,7 +889,7 @@ static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* pInstance, const cvtCot
 }
 
 // =====================================================================================================
-// 8. Closing a packet. Metadata thread. A packet that is handed over belongs to the caller; the list is empty after.
+// 7. Closing a packet. Metadata thread. A packet that is handed over belongs to the caller; the list is empty after.
 // =====================================================================================================
 
 static constexpr int kShortFormLimit = 127;
@@ -1011,7 +957,7 @@ static int _ClosePacket(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg, 
 }
 
 // =====================================================================================================
-// 9. Conversion of an event. Metadata thread.
+// 8. Conversion of an event. Metadata thread.
 // =====================================================================================================
 
 // A terminated copy of the input: a datagram has no terminator, and what an older one left must not complete it.
@@ -1180,7 +1126,7 @@ void ReleaseConvertedData(MDATA_BUFFER* pBuffer) {
 }
 
 // =====================================================================================================
-// 10. Instances and statistics. Opened and closed with their source; the statistics calls come from the encoder's
+// 9. Instances and statistics. Opened and closed with their source; the statistics calls come from the encoder's
 //     threads under the API lock, while the metadata thread converts.
 // =====================================================================================================
 
@@ -1211,17 +1157,20 @@ void FreeCoT2KLVConvert(HCONVERTER* phConvInstance) {
   *phConvInstance = nullptr;
 }
 
+void AddDiscoveredSensor(CONVERTER_INSTANCE_DATA* pInstance, const char* szUID) {
+  _NoteSensor(pInstance->KnownSensors, szUID);
+}
+
+void AgeCoT2KLVSensors(HCONVERTER hConv) {
+  _AgeSensors(hConv->KnownSensors);
+}
+
 // Does not touch the two counters of packets, which belong to the caller.
 void GetCoT2KLVConvertStats(HCONVERTER hConv, MDATA_COT_STATS* pStats) {
   pStats->nRxSPIMessages = MdLoad(hConv->Stats.nRxSPIMessages);
   pStats->nRxAirCraftMessages = MdLoad(hConv->Stats.nRxAirCraftMessages);
   pStats->nFilteredRxSPIMessages = MdLoad(hConv->Stats.nFilteredRxSPIMessages);
-  pStats->nDiscoveredSensorsCount = 0;
-  MdLock lock(_g_SensorLock);
-  for (const SENSOR_ENTRY& entry : hConv->KnownSensors) {
-    if (entry.bInUse)
-      CopyString(pStats->aszSensorUIDs[pStats->nDiscoveredSensorsCount++], entry.szUID, MDATA_SENSOR_UID_SIZE);
-  }
+  pStats->nDiscoveredSensorsCount = _CopySensors(hConv->KnownSensors, pStats->aszSensorUIDs);
 }
 
 void ResetCoT2KLVConvertStats(HCONVERTER hConv) {

@@ -5,6 +5,7 @@
 
 #include "host.h"
 #include "md_cot_text.h"
+#include "md_sensors.h"
 #include "metadata_lib.h"
 
 // Kinds of events, as cvtXmlMsg::msgType would name them.
@@ -181,13 +182,6 @@ struct cvtKlvItem {
 
 inline constexpr float kCvtAngleNotSet = -100000.0f;
 inline constexpr float kCvtAngleOutOfRange = 32768.0f;  // pitch and roll
-inline constexpr int kCvtSensorLifetime = 10;           // ageing steps an unseen sensor lives through
-
-struct SENSOR_ENTRY {
-  BOOL bInUse;
-  int32_t nAgeInSeconds;
-  char szUID[MDATA_SENSOR_UID_SIZE];
-};
 
 // One per CoT source, behind HCONVERTER. Metadata thread, except: the counters of Stats are atomic, and KnownSensors is
 // changed by the metadata thread under the sensor lock, so that the statistics calls may read it there.
@@ -199,7 +193,7 @@ struct tagCONVERTER_INSTANCE_DATA {
   char szSpiUid[MDATA_SENSOR_UID_SIZE];  // accepted sensor; empty for all
   MDATA_COT_STATS Stats;                 // only the three reception counters
   BOOL bDiscoverSensors;
-  SENSOR_ENTRY KnownSensors[MDATA_MAX_DISCOVERED_SENSORS];
+  SensorTable KnownSensors;
   char* szEvent;  // terminated copy of the event being converted; grows with the largest one
   int32_t nEventCapacity;
 };

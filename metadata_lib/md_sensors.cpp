@@ -1,0 +1,69 @@
+// Discovered sensors. See the header for threads and the lock.
+#include "md_sensors.h"
+
+#include <pthread.h>
+#include <string.h>
+
+#include "host_util.h"
+#include "md_guard.h"
+
+#define MD_MODULE "converter"
+#define MD_DEBUG_HANDLE g_hCoTConvDbg
+#include "md_log.h"
+
+static pthread_mutex_t _g_SensorLock = PTHREAD_MUTEX_INITIALIZER;
+
+static void _StoreSensor(SENSOR_ENTRY* pEntry, const char* szUID) {
+  MdLock lock(_g_SensorLock);
+  CopyString(pEntry->szUID, szUID, sizeof(pEntry->szUID));
+  pEntry->nAgeInSeconds = 0;
+  pEntry->bInUse = TRUE;
+}
+
+void _NoteSensor(SensorTable& sensors, const char* szUID) {
+  MD_LOG(7, "Adding SPI \"%s\".\n", szUID);
+  int nFree = -1;
+  int nOldestAge = -1;
+  for (int i = 0; i < MDATA_MAX_DISCOVERED_SENSORS; ++i) {
+    SENSOR_ENTRY& entry = sensors[i];
+    if (!entry.bInUse) {
+      if (nFree >= 0) continue;
+      nFree = i;
+      MD_LOG(7, "Located first free index at %d.\n", i);
+    } else if (strcmp(entry.szUID, szUID) == 0) {
+      entry.nAgeInSeconds = 0;
+      MD_LOG(7, "Located existing entry for \"%s\" at offset %d.\n", szUID, i);
+      return;
+    } else if (entry.nAgeInSeconds > nOldestAge) {
+      nOldestAge = entry.nAgeInSeconds;
+      MD_LOG(7, "Oldest existing record is \"%s\" at offset %d, %d seconds old.\n", entry.szUID, i, nOldestAge);
+    }
+  }
+  if (nFree >= 0) {
+    _StoreSensor(&sensors[nFree], szUID);
+    MD_LOG(7, "Storing entry for \"%s\" at free offset %d.\n", szUID, nFree);
+    return;
+  }
+  // KEPT: the oldest age, 0 to 10, serves as the index of the entry that gives way.
+  _StoreSensor(&sensors[nOldestAge], szUID);
+  MD_LOG(7, "Storing entry for \"%s\" at oldest offset %d.\n", szUID, nOldestAge);
+}
+
+void _AgeSensors(SensorTable& sensors) {
+  for (SENSOR_ENTRY& entry : sensors) {
+    if (!entry.bInUse || ++entry.nAgeInSeconds <= kCvtSensorLifetime) continue;
+    MD_LOG(7, "Entry for \"%s\" has been aged out.\n", entry.szUID);
+    MdLock lock(_g_SensorLock);
+    entry.bInUse = FALSE;
+    memset(entry.szUID, 0, sizeof(entry.szUID));
+  }
+}
+
+int _CopySensors(const SensorTable& sensors, char (&uids)[MDATA_MAX_DISCOVERED_SENSORS][MDATA_SENSOR_UID_SIZE]) {
+  int count = 0;
+  MdLock lock(_g_SensorLock);
+  for (const SENSOR_ENTRY& entry : sensors) {
+    if (entry.bInUse) CopyString(uids[count++], entry.szUID, MDATA_SENSOR_UID_SIZE);
+  }
+  return count;
+}
