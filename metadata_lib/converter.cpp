@@ -2,14 +2,13 @@
 //
 // Contents
 //   1. Numbers             rounding, byte order
-//   2. Packets             start, items, checksum
+//   2. Packets             start, items, checksum, close
 //   3. Geoid grid          load, interpolation
 //   4. Aircraft events
 //   5. Sensor-point events
 //   6. Pending messages    list, matching
-//   7. Closing a packet
-//   8. Conversion of an event
-//   9. Instances and statistics
+//   7. Conversion of an event
+//   8. Instances and statistics
 #include "converter.h"
 
 #include <errno.h>
@@ -134,6 +133,71 @@ CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* pKlvItem, cvtXmlMsg* pXmlMsg)
 
 uint16_t get_checksum_u16(const BYTE* pData, int nLength) {
   return nLength > 0 ? SWAP16(_MdRunningSum(pData, static_cast<size_t>(nLength))) : uint16_t{0};
+}
+
+static constexpr int kShortFormLimit = 127;
+
+static void _StoreChecksum(BYTE* pcPacket, int nPacketLength) {
+  const uint16_t nChecksum = get_checksum_u16(pcPacket, nPacketLength - 2);
+  MD_LOG(7, "Checksum value = 0x%x, returned packetLen = 0x%x\n", nChecksum, static_cast<UINT>(nPacketLength));
+  memcpy(pcPacket + nPacketLength - 2, &nChecksum, sizeof nChecksum);
+}
+
+// The value length is known to need the long form: the packet moves to a second buffer, behind a longer length field.
+static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* pInstance, const cvtXmlMsg* pXmlMsg, int nLength,
+                            MDATA_BUFFER** ppBuffer) {
+  MdBufferRef buffer;
+  if (!DoAllocBuffer(kCvtLongBufferSize, buffer.Out())) {
+    MD_LOG(0, "malloc() failed !\n");
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    return CVT_COTKLV_STATUS_MALLOC_FAIL;  // KEPT: not -1; callers look at the buffer
+  }
+  buffer->pcData += kCvtHeadroom;
+  BYTE* pcPacket = buffer->pcData;
+  memcpy(pcPacket, klvLDS16BytesKeySet, kCvtKeySize);
+  if (nLength > kCvtMaxLongLength) {
+    MD_LOG(3, "KLV packet is too long %d!\n", nLength);
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    return -1;
+  }
+  BYTE* pcLength = pcPacket + kCvtKeySize;
+  const int nLengthBytes = nLength <= 255 ? 1 : 2;
+  *pcLength++ = static_cast<BYTE>(0x80 | nLengthBytes);
+  if (nLengthBytes == 2) *pcLength++ = static_cast<BYTE>(nLength >> 8);
+  *pcLength++ = static_cast<BYTE>(nLength);
+  memcpy(pcLength, pXmlMsg->pKlvPacket + kCvtKeySize + 1, static_cast<size_t>(nLength));
+  const int nPacketLength = kCvtKeySize + 1 + nLengthBytes + nLength;
+  _StoreChecksum(pcPacket, nPacketLength);
+  buffer->nDataSize = nPacketLength;
+  *ppBuffer = buffer.Take();
+  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+  MD_LOG(7, "return KLV with len = %d !\n", nPacketLength);
+  return nPacketLength;
+}
+
+// Closes the packet. One that is handed over belongs to the caller; nothing is pending afterwards.
+static int _ClosePacket(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg, MDATA_BUFFER** ppBuffer) {
+  BYTE* pcPacket = pXmlMsg->pKlvPacket;
+  pcPacket[pXmlMsg->curKlvLen] = kTagChecksum;
+  pcPacket[pXmlMsg->curKlvLen + 1] = 2;
+  pXmlMsg->curKlvLen += 4;
+  const int nPacketLength = pXmlMsg->curKlvLen;
+  const int nLength = nPacketLength - kCvtKeySize - 1;
+  if (nLength > kShortFormLimit) {
+    if (_g_bAllItemsSupport) return _CloseLongPacket(pInstance, pXmlMsg, nLength, ppBuffer);
+    MD_LOG(3, "long form length not implemented yet!\n");  // KEPT
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    return -1;
+  }
+  pcPacket[kCvtKeySize] = static_cast<BYTE>(nLength);
+  MD_LOG(7, "Len field = 0x%x\n", static_cast<UINT>(nLength));
+  _StoreChecksum(pcPacket, nPacketLength);
+  pXmlMsg->pBuffer->nDataSize = nPacketLength;
+  pXmlMsg->freePktMemFlag = 0;
+  *ppBuffer = pXmlMsg->pBuffer;
+  MD_LOG(7, "return KLV with len = %d !\n", nPacketLength);
+  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+  return nPacketLength;
 }
 
 // =====================================================================================================
@@ -889,75 +953,7 @@ static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* pInstance, const cvtCot
 }
 
 // =====================================================================================================
-// 7. Closing a packet. Metadata thread. A packet that is handed over belongs to the caller; the list is empty after.
-// =====================================================================================================
-
-static constexpr int kShortFormLimit = 127;
-
-static void _StoreChecksum(BYTE* pcPacket, int nPacketLength) {
-  const uint16_t nChecksum = get_checksum_u16(pcPacket, nPacketLength - 2);
-  MD_LOG(7, "Checksum value = 0x%x, returned packetLen = 0x%x\n", nChecksum, static_cast<UINT>(nPacketLength));
-  memcpy(pcPacket + nPacketLength - 2, &nChecksum, sizeof nChecksum);
-}
-
-// The value length is known to need the long form: the packet moves to a second buffer, behind a longer length field.
-static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* pInstance, const cvtXmlMsg* pXmlMsg, int nLength,
-                            MDATA_BUFFER** ppBuffer) {
-  MdBufferRef buffer;
-  if (!DoAllocBuffer(kCvtLongBufferSize, buffer.Out())) {
-    MD_LOG(0, "malloc() failed !\n");
-    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
-    return CVT_COTKLV_STATUS_MALLOC_FAIL;  // KEPT: not -1; callers look at the buffer
-  }
-  buffer->pcData += kCvtHeadroom;
-  BYTE* pcPacket = buffer->pcData;
-  memcpy(pcPacket, klvLDS16BytesKeySet, kCvtKeySize);
-  if (nLength > kCvtMaxLongLength) {
-    MD_LOG(3, "KLV packet is too long %d!\n", nLength);
-    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
-    return -1;
-  }
-  BYTE* pcLength = pcPacket + kCvtKeySize;
-  const int nLengthBytes = nLength <= 255 ? 1 : 2;
-  *pcLength++ = static_cast<BYTE>(0x80 | nLengthBytes);
-  if (nLengthBytes == 2) *pcLength++ = static_cast<BYTE>(nLength >> 8);
-  *pcLength++ = static_cast<BYTE>(nLength);
-  memcpy(pcLength, pXmlMsg->pKlvPacket + kCvtKeySize + 1, static_cast<size_t>(nLength));
-  const int nPacketLength = kCvtKeySize + 1 + nLengthBytes + nLength;
-  _StoreChecksum(pcPacket, nPacketLength);
-  buffer->nDataSize = nPacketLength;
-  *ppBuffer = buffer.Take();
-  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
-  MD_LOG(7, "return KLV with len = %d !\n", nPacketLength);
-  return nPacketLength;
-}
-
-static int _ClosePacket(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg, MDATA_BUFFER** ppBuffer) {
-  BYTE* pcPacket = pXmlMsg->pKlvPacket;
-  pcPacket[pXmlMsg->curKlvLen] = kTagChecksum;
-  pcPacket[pXmlMsg->curKlvLen + 1] = 2;
-  pXmlMsg->curKlvLen += 4;
-  const int nPacketLength = pXmlMsg->curKlvLen;
-  const int nLength = nPacketLength - kCvtKeySize - 1;
-  if (nLength > kShortFormLimit) {
-    if (_g_bAllItemsSupport) return _CloseLongPacket(pInstance, pXmlMsg, nLength, ppBuffer);
-    MD_LOG(3, "long form length not implemented yet!\n");  // KEPT
-    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
-    return -1;
-  }
-  pcPacket[kCvtKeySize] = static_cast<BYTE>(nLength);
-  MD_LOG(7, "Len field = 0x%x\n", static_cast<UINT>(nLength));
-  _StoreChecksum(pcPacket, nPacketLength);
-  pXmlMsg->pBuffer->nDataSize = nPacketLength;
-  pXmlMsg->freePktMemFlag = 0;
-  *ppBuffer = pXmlMsg->pBuffer;
-  MD_LOG(7, "return KLV with len = %d !\n", nPacketLength);
-  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
-  return nPacketLength;
-}
-
-// =====================================================================================================
-// 8. Conversion of an event. Metadata thread.
+// 7. Conversion of an event. Metadata thread.
 // =====================================================================================================
 
 // A terminated copy of the input: a datagram has no terminator, and what an older one left must not complete it.
@@ -1126,7 +1122,7 @@ void ReleaseConvertedData(MDATA_BUFFER* pBuffer) {
 }
 
 // =====================================================================================================
-// 9. Instances and statistics. Opened and closed with their source; the statistics calls come from the encoder's
+// 8. Instances and statistics. Opened and closed with their source; the statistics calls come from the encoder's
 //     threads under the API lock, while the metadata thread converts.
 // =====================================================================================================
 
