@@ -28,166 +28,173 @@
 namespace {
 
 struct WalkOutput {
-  BYTE* pcBody;  // where the body starts; NULL only measures
-  bool bSpeak;   // log, and raise assertions
-  size_t nSize;  // bytes of body so far
-  size_t nRoom;  // bytes of body touched at any time, including those of a set that vanished
+  BYTE* body;   // where the body starts; NULL if the walk only measures
+  bool speak;   // log, and raise assertions
+  size_t size;  // bytes of body so far
+  size_t room;  // high-water mark of the body, including sets written and then removed
 };
 
-void Put(WalkOutput& Out, const void* pvData, size_t nSize) {
-  if (Out.pcBody != NULL) memcpy(Out.pcBody + Out.nSize, pvData, nSize);
-  Out.nSize += nSize;
-  Out.nRoom = std::max(Out.nRoom, Out.nSize);
+}  // namespace
+
+static void _Put(WalkOutput& out, const void* data, size_t size) {
+  if (out.body != nullptr) memcpy(out.body + out.size, data, size);
+  out.size += size;
+  out.room = std::max(out.room, out.size);
 }
 
 // Whether a tag's bit is set in a filter; tags beyond the map have no bit.
 template <size_t N>
-bool IsTagKept(const UINT32 (&aFilter)[N], UINT32 nTag) {
-  return nTag < N * 32 && ((aFilter[nTag / 32] >> (nTag % 32)) & 1u) != 0;
+static bool _IsTagKept(const UINT32 (&filter)[N], UINT32 tag) {
+  return tag < N * 32 && ((filter[tag / 32] >> (tag % 32)) & 1u) != 0;
 }
 
 // =====================================================================================================
-// Security set (MISB ST 0102). KEPT: the set's own length is taken for one byte, so that a set with a long-form
-// length is read from inside its length field; usually nothing readable comes of it and the set is dropped.
+// Security set (MISB ST 0102). KEPT: the set's length field is assumed to have one byte, so that a set with a long-form
+// length is read from inside its length field; usually nothing readable is found there and the set is dropped.
 // =====================================================================================================
 
-size_t FilterSecuritySet(MDATA_SRC_HANDLE hSource, const KLV_ELEMENT* pSecurityItem, int nInputSize, WalkOutput Out) {
-  if (Out.bSpeak) {
+static size_t _FilterSecuritySet(MDATA_SRC_HANDLE hSource, const KLV_ELEMENT* pSecurityItem, int nInputSize,
+                                 WalkOutput out) {
+  if (out.speak) {
     MD_ASSERT(pSecurityItem->Tag == UAS_SECURITY_LOCAL_SET_TAG);
     MD_DUMP(7, "Input Security Data Set", pSecurityItem, nInputSize);
   }
-  const BYTE Header[kKLVElementHeader] = {UAS_SECURITY_LOCAL_SET_TAG, 0};
-  const size_t nStart = Out.nSize;
-  const BYTE* pcNext = reinterpret_cast<const BYTE*>(pSecurityItem) + kKLVElementHeader;
+  const BYTE header[kKLVElementHeader] = {UAS_SECURITY_LOCAL_SET_TAG, 0};
+  const size_t start = out.size;
+  const BYTE* next = reinterpret_cast<const BYTE*>(pSecurityItem) + kKLVElementHeader;
   nInputSize -= static_cast<int>(kKLVElementHeader);
-  Put(Out, Header, sizeof(Header));
-  int nElement = 0;
+  _Put(out, header, sizeof(header));
+  int number = 0;
   while (nInputSize > 0) {
-    KLV_ELEMENT_INFO Element = {};
-    nElement++;
-    const auto enSize = _ReadKLVElement(pcNext, static_cast<size_t>(nInputSize), Out.bSpeak, &Element);
-    if (enSize == KLV_SIZE_UNSUPPORTED) return 0;  // KEPT: the whole set goes
-    if (enSize == KLV_SIZE_CUT || Element.nSize > static_cast<size_t>(nInputSize)) break;
-    const bool bKeep = IsTagKept(hSource->Config.UASSecurityTagFilter, Element.nTag);
-    if (Out.bSpeak && bKeep) {
-      MD_LOG(7, "Copying security element#%d: tag#%d (%s), length=%d.\n", nElement, static_cast<int>(Element.nTag),
-             _GetSecurityTagName(Element.nTag), Element.FirstLength);
-    } else if (Out.bSpeak) {
-      MD_LOG(7, "Discarding security element#%d: tag#%d (%s), length=%d.\n", nElement, static_cast<int>(Element.nTag),
-             _GetSecurityTagName(Element.nTag), Element.FirstLength);
+    KLV_ELEMENT_INFO element = {};
+    ++number;
+    const auto result = _ReadKLVElement(next, static_cast<size_t>(nInputSize), out.speak, &element);
+    if (result == KLV_SIZE_UNSUPPORTED) return 0;  // KEPT: the whole set goes
+    if (result == KLV_SIZE_CUT || element.nSize > static_cast<size_t>(nInputSize)) break;
+    const bool keep = _IsTagKept(hSource->Config.UASSecurityTagFilter, element.nTag);
+    if (out.speak && keep) {
+      MD_LOG(7, "Copying security element#%d: tag#%d (%s), length=%d.\n", number, static_cast<int>(element.nTag),
+             _GetSecurityTagName(element.nTag), element.FirstLength);
+    } else if (out.speak) {
+      MD_LOG(7, "Discarding security element#%d: tag#%d (%s), length=%d.\n", number, static_cast<int>(element.nTag),
+             _GetSecurityTagName(element.nTag), element.FirstLength);
     }
-    if (bKeep) Put(Out, pcNext, Element.nSize);
-    pcNext += Element.nSize;
-    nInputSize -= static_cast<int>(Element.nSize);
+    if (keep) _Put(out, next, element.nSize);
+    next += element.nSize;
+    nInputSize -= static_cast<int>(element.nSize);
   }
-  if (Out.bSpeak) MD_ASSERT(nInputSize == 0);
-  const size_t nCopied = Out.nSize - nStart - sizeof(Header);
-  if (nCopied == 0) return 0;
+  if (out.speak) MD_ASSERT(nInputSize == 0);
+  const size_t copied = out.size - start - sizeof(header);
+  if (copied == 0) return 0;
   // KEPT: one length byte, the low 8 bits of the size.
-  if (Out.pcBody != NULL) Out.pcBody[nStart + 1] = static_cast<BYTE>(nCopied);
-  return nCopied + sizeof(Header);
+  if (out.body != nullptr) out.body[start + 1] = static_cast<BYTE>(copied);
+  return copied + sizeof(header);
 }
 
 // =====================================================================================================
-// Message walk. Called for both walks; the outcome of an element does not depend on which one it is.
+// Message walk. Both walks decide every element the same way.
 // =====================================================================================================
+
+namespace {
 
 struct MessageWalk {
   MDATA_SRC_HANDLE hSource;
-  WalkOutput Out;
-  const BYTE* pcNext;  // element to look at
-  size_t nSizeLeft;    // bytes from it to the end of the message
-  int nElement;        // its number, from 1
-  UINT32 nLastTag;     // tag of the last element seen
-  int nMissionIDs;     // elements replaced by the source's mission identifier
-  int nSecuritySets;   // elements replaced by the source's security set
+  WalkOutput out;
+  const BYTE* next;  // next element
+  size_t sizeLeft;   // bytes from it to the end of the message
+  int number;        // its number, from 1
+  UINT32 lastTag;    // tag of the last element seen
+  int missionIDs;    // elements replaced by the source's mission identifier
+  int securitySets;  // elements replaced by the source's security set
 };
 
-// Whether an invalid message may be logged now: never in the silent walk, and only when more than four seconds have
-// passed since the source's last such log.
-bool MayLogInvalid(MessageWalk& Walk) {
-  if (!Walk.Out.bSpeak) return false;
-  const time_t tNow = time(NULL);
-  if (tNow - Walk.hSource->tLastInvalidUASLogTime <= kInvalidUASLogPause) return false;
-  Walk.hSource->tLastInvalidUASLogTime = tNow;
+}  // namespace
+
+// Whether an invalid message may be logged now: never in the silent walk, and only if more than four seconds have passed
+// since the source's last such log.
+static bool _MayLogInvalid(MessageWalk& walk) {
+  if (!walk.out.speak) return false;
+  const time_t now = time(nullptr);
+  if (now - walk.hSource->tLastInvalidUASLogTime <= kInvalidUASLogPause) return false;
+  walk.hSource->tLastInvalidUASLogTime = now;
   return true;
 }
 
-// Reads the element to look at; false when the message is invalid.
-bool ReadElement(MessageWalk& Walk, KLV_ELEMENT_INFO* pElement) {
-  const auto enSize = _ReadKLVElement(Walk.pcNext, Walk.nSizeLeft, Walk.Out.bSpeak, pElement);
-  const UINT32 nTag = pElement->nTag;
-  Walk.nLastTag = nTag;
-  if (enSize == KLV_SIZE_UNSUPPORTED) {
-    if (MayLogInvalid(Walk))
-      MD_LOG(3, "KLV Element#%d: tag#%d (%s), Unable to extract element size.\n", Walk.nElement, static_cast<int>(nTag),
-             _GetUAVTagName(nTag));
+// Reads the next element. Returns false if the message is invalid.
+static bool _ReadElement(MessageWalk& walk, KLV_ELEMENT_INFO* element) {
+  const auto result = _ReadKLVElement(walk.next, walk.sizeLeft, walk.out.speak, element);
+  const UINT32 tag = element->nTag;
+  walk.lastTag = tag;
+  if (result == KLV_SIZE_UNSUPPORTED) {
+    if (_MayLogInvalid(walk))
+      MD_LOG(3, "KLV Element#%d: tag#%d (%s), Unable to extract element size.\n", walk.number, static_cast<int>(tag),
+             _GetUAVTagName(tag));
     return false;
   }
-  if (enSize == KLV_SIZE_CUT || pElement->nSize > Walk.nSizeLeft) {
-    if (MayLogInvalid(Walk))
+  if (result == KLV_SIZE_CUT || element->nSize > walk.sizeLeft) {
+    if (_MayLogInvalid(walk))
       MD_LOG(3, "KLV Element#%d: tag#%d (%s), has INVALID data length=%d with only %d bytes remaining in message.\n",
-             Walk.nElement, static_cast<int>(nTag), _GetUAVTagName(nTag), pElement->FirstLength,
-             static_cast<int>(Walk.nSizeLeft));
+             walk.number, static_cast<int>(tag), _GetUAVTagName(tag), element->FirstLength,
+             static_cast<int>(walk.sizeLeft));
     return false;
   }
-  if (nTag == UAS_CHECKSUM_TAG && pElement->FirstLength != 2) {
-    if (MayLogInvalid(Walk))
-      MD_LOG(3, "KLV Element#%d: tag#%d (%s), has INVALID data length=%d instead of 2.\n", Walk.nElement,
-             static_cast<int>(nTag), _GetUAVTagName(nTag), pElement->FirstLength);
+  if (tag == UAS_CHECKSUM_TAG && element->FirstLength != 2) {
+    if (_MayLogInvalid(walk))
+      MD_LOG(3, "KLV Element#%d: tag#%d (%s), has INVALID data length=%d instead of 2.\n", walk.number,
+             static_cast<int>(tag), _GetUAVTagName(tag), element->FirstLength);
     return false;
   }
   return true;
 }
 
-bool PassesTagFilter(const MessageWalk& Walk, UINT32 nTag) {
-  if (!Walk.hSource->Config.bFilterUASTags) return true;
-  const bool bKeep = IsTagKept(Walk.hSource->Config.UASTagFilter, nTag);
-  if (Walk.Out.bSpeak && bKeep) {
-    MD_LOG(7, "Copying KLV element#%d: tag#%d (%s) since it is included in the UAS filter.\n", Walk.nElement,
-           static_cast<int>(nTag), _GetUAVTagName(nTag));
-  } else if (Walk.Out.bSpeak) {
-    MD_LOG(7, "Not copying KLV element#%d: tag#%d (%s) since it is not included in the UAS filter.\n", Walk.nElement,
-           static_cast<int>(nTag), _GetUAVTagName(nTag));
+static bool _PassesTagFilter(const MessageWalk& walk, UINT32 tag) {
+  if (!walk.hSource->Config.bFilterUASTags) return true;
+  const bool keep = _IsTagKept(walk.hSource->Config.UASTagFilter, tag);
+  if (walk.out.speak && keep) {
+    MD_LOG(7, "Copying KLV element#%d: tag#%d (%s) since it is included in the UAS filter.\n", walk.number,
+           static_cast<int>(tag), _GetUAVTagName(tag));
+  } else if (walk.out.speak) {
+    MD_LOG(7, "Not copying KLV element#%d: tag#%d (%s) since it is not included in the UAS filter.\n", walk.number,
+           static_cast<int>(tag), _GetUAVTagName(tag));
   }
-  return bKeep;
+  return keep;
 }
 
-// Puts what the element becomes into the output: nothing, itself, or the source's own in its place.
-void RewriteElement(MessageWalk& Walk, const KLV_ELEMENT_INFO& Element) {
-  const MDATA_SRC_HANDLE hSource = Walk.hSource;
-  if (Element.nTag == UAS_CHECKSUM_TAG) return;  // a new one ends the message
+// Writes what becomes of the element: nothing, the element itself, or the source's own in its place.
+static void _RewriteElement(MessageWalk& walk, const KLV_ELEMENT_INFO& element) {
+  const MDATA_SRC_HANDLE hSource = walk.hSource;
+  if (element.nTag == UAS_CHECKSUM_TAG) return;  // a new one ends the message
   // KEPT: the source's own elements are not subject to the filters, and every such element is replaced.
-  if (Element.nTag == UAS_MISSION_ID_TAG && hSource->pMissionID != NULL) {
-    Put(Walk.Out, hSource->pMissionID, static_cast<size_t>(hSource->nMissionIDElementSize));
-    Walk.nMissionIDs++;
+  if (element.nTag == UAS_MISSION_ID_TAG && hSource->pMissionID != nullptr) {
+    _Put(walk.out, hSource->pMissionID, static_cast<size_t>(hSource->nMissionIDElementSize));
+    ++walk.missionIDs;
     return;
   }
-  if (Element.nTag == UAS_SECURITY_LOCAL_SET_TAG && hSource->pSecurityMDataSet != NULL) {
-    Put(Walk.Out, hSource->pSecurityMDataSet, static_cast<size_t>(hSource->nSecurityMDataSetSize));
-    Walk.nSecuritySets++;
+  if (element.nTag == UAS_SECURITY_LOCAL_SET_TAG && hSource->pSecurityMDataSet != nullptr) {
+    _Put(walk.out, hSource->pSecurityMDataSet, static_cast<size_t>(hSource->nSecurityMDataSetSize));
+    ++walk.securitySets;
     return;
   }
-  if (!PassesTagFilter(Walk, Element.nTag)) return;
-  if (Element.nTag == UAS_SECURITY_LOCAL_SET_TAG && hSource->Config.bFilterUASSecurityTags) {
+  if (!_PassesTagFilter(walk, element.nTag)) return;
+  if (element.nTag == UAS_SECURITY_LOCAL_SET_TAG && hSource->Config.bFilterUASSecurityTags) {
     // A set that vanishes at its end was written before; it is never longer than what it was made from.
-    Walk.Out.nRoom = std::max(Walk.Out.nRoom, Walk.Out.nSize + Element.nSize);
-    const auto* pSet = reinterpret_cast<const KLV_ELEMENT*>(Walk.pcNext);
-    Walk.Out.nSize += FilterSecuritySet(hSource, pSet, static_cast<int>(Element.nSize), Walk.Out);
+    walk.out.room = std::max(walk.out.room, walk.out.size + element.nSize);
+    const auto* set = reinterpret_cast<const KLV_ELEMENT*>(walk.next);
+    walk.out.size += _FilterSecuritySet(hSource, set, static_cast<int>(element.nSize), walk.out);
     return;
   }
-  Put(Walk.Out, Walk.pcNext, Element.nSize);
+  _Put(walk.out, walk.next, element.nSize);
 }
 
-// Walks the body; false when the message is invalid. KEPT: the last one or two bytes are never an element.
-bool WalkMessage(MessageWalk& Walk) {
-  while (Walk.nSizeLeft > 2) {
-    KLV_ELEMENT_INFO Element = {};
-    Walk.nElement++;
-    if (!ReadElement(Walk, &Element)) return false;
-    RewriteElement(Walk, Element);
-    Walk.pcNext += Element.nSize;
-    Walk.nSizeLeft -= Element.nSize;
+// Walks the body. Returns false if the message is invalid. KEPT: the last one or two bytes are never an element.
+static bool _WalkMessage(MessageWalk& walk) {
+  while (walk.sizeLeft > 2) {
+    KLV_ELEMENT_INFO element = {};
+    ++walk.number;
+    if (!_ReadElement(walk, &element)) return false;
+    _RewriteElement(walk, element);
+    walk.next += element.nSize;
+    walk.sizeLeft -= element.nSize;
   }
   return true;
 }
@@ -197,133 +204,132 @@ bool WalkMessage(MessageWalk& Walk) {
 // in front of it when its size is known.
 // =====================================================================================================
 
-const BYTE kEmptyChecksum[kUASChecksumSize] = {UAS_CHECKSUM_TAG, 2, 0, 0};
+static constexpr BYTE kEmptyChecksum[kUASChecksumSize] = {UAS_CHECKSUM_TAG, 2, 0, 0};
 
 // Appends the source's elements that replaced none, and an empty checksum element. Both walks.
-void PutInserts(MessageWalk& Walk) {
-  const MDATA_SRC_HANDLE hSource = Walk.hSource;
-  if (hSource->pMissionID != NULL && Walk.nMissionIDs == 0)
-    Put(Walk.Out, hSource->pMissionID, static_cast<size_t>(hSource->nMissionIDElementSize));
-  if (hSource->pSecurityMDataSet != NULL && Walk.nSecuritySets == 0)
-    Put(Walk.Out, hSource->pSecurityMDataSet, static_cast<size_t>(hSource->nSecurityMDataSetSize));
-  Put(Walk.Out, kEmptyChecksum, sizeof(kEmptyChecksum));
+static void _PutInserts(MessageWalk& walk) {
+  const MDATA_SRC_HANDLE hSource = walk.hSource;
+  if (hSource->pMissionID != nullptr && walk.missionIDs == 0)
+    _Put(walk.out, hSource->pMissionID, static_cast<size_t>(hSource->nMissionIDElementSize));
+  if (hSource->pSecurityMDataSet != nullptr && walk.securitySets == 0)
+    _Put(walk.out, hSource->pSecurityMDataSet, static_cast<size_t>(hSource->nSecurityMDataSetSize));
+  _Put(walk.out, kEmptyChecksum, sizeof(kEmptyChecksum));
 }
 
-void CountInserts(const MessageWalk& Walk) {
-  MDATA_KLV_STATS& Stats = Walk.hSource->KLVStats;
-  if (Walk.hSource->pMissionID != NULL) {
-    if (Walk.nMissionIDs == 0)
-      MdAdd(Stats.nAddedMissionIDs, 1);
+static void _CountInserts(const MessageWalk& walk) {
+  MDATA_KLV_STATS& stats = walk.hSource->KLVStats;
+  if (walk.hSource->pMissionID != nullptr) {
+    if (walk.missionIDs == 0)
+      MdAdd(stats.nAddedMissionIDs, 1);
     else
-      MdAdd(Stats.nUpdatedMissionIDs, Walk.nMissionIDs);
+      MdAdd(stats.nUpdatedMissionIDs, walk.missionIDs);
   }
-  if (Walk.hSource->pSecurityMDataSet != NULL) {
-    if (Walk.nSecuritySets == 0)
-      MdAdd(Stats.nAddedSecuritySets, 1);
+  if (walk.hSource->pSecurityMDataSet != nullptr) {
+    if (walk.securitySets == 0)
+      MdAdd(stats.nAddedSecuritySets, 1);
     else
-      MdAdd(Stats.nUpdatedSecuritySets, Walk.nSecuritySets);
+      MdAdd(stats.nUpdatedSecuritySets, walk.securitySets);
   }
 }
 
-// Logs what the walk left over. KEPT: a message without any checksum is told the same way as a misplaced one, and
-// both are accepted.
-void LogLeftOvers(const MessageWalk& Walk) {
-  if (Walk.nSizeLeft > 0) MD_LOG(2, "nSizeLeft=%d.\n", static_cast<int>(Walk.nSizeLeft));
-  if (Walk.nLastTag != UAS_CHECKSUM_TAG) MD_LOG(4, "Checksum in received UAS data set was not the last element!\n");
+// Logs bytes that the walk left over. KEPT: a message without any checksum is logged with the same line as a misplaced
+// one, and both are accepted.
+static void _LogLeftOvers(const MessageWalk& walk) {
+  if (walk.sizeLeft > 0) MD_LOG(2, "nSizeLeft=%d.\n", static_cast<int>(walk.sizeLeft));
+  if (walk.lastTag != UAS_CHECKSUM_TAG) MD_LOG(4, "Checksum in received UAS data set was not the last element!\n");
 }
 
-// Writes the BER length of a body of up to 65535 bytes and returns how many bytes it takes.
-int WriteBodyLength(size_t nBodySize, BYTE (&acLength)[kMaxBodyLengthField]) {
-  if (nBodySize <= 127) {
-    acLength[0] = static_cast<BYTE>(nBodySize);
+// Writes the BER length of a body of up to 65535 bytes. Returns how many bytes it takes.
+static int _WriteBodyLength(size_t bodySize, BYTE (&lengthField)[kMaxBodyLengthField]) {
+  if (bodySize <= 127) {
+    lengthField[0] = static_cast<BYTE>(bodySize);
     return 1;
   }
-  if (nBodySize <= 255) {
-    acLength[0] = 0x81;
-    acLength[1] = static_cast<BYTE>(nBodySize);
+  if (bodySize <= 255) {
+    lengthField[0] = 0x81;
+    lengthField[1] = static_cast<BYTE>(bodySize);
     return 2;
   }
-  acLength[0] = 0x82;
-  acLength[1] = static_cast<BYTE>(nBodySize >> 8);
-  acLength[2] = static_cast<BYTE>(nBodySize);
+  lengthField[0] = 0x82;
+  lengthField[1] = static_cast<BYTE>(bodySize >> 8);
+  lengthField[2] = static_cast<BYTE>(bodySize);
   return 3;
 }
 
 // Puts the head in front of the body that starts at the buffer's data start, and fills in the checksum.
-void FinishMessage(MDATA_BUFFER* pBuffer, const BYTE* pcKey, size_t nBodySize) {
-  BYTE acLength[kMaxBodyLengthField];
-  const int nLengthSize = WriteBodyLength(nBodySize, acLength);
-  BYTE* pcChecksum = pBuffer->pcData + nBodySize - 2;
-  pBuffer->pcData -= nLengthSize;
-  memcpy(pBuffer->pcData, acLength, static_cast<size_t>(nLengthSize));
-  pBuffer->pcData -= kUASKeySize;
-  memcpy(pBuffer->pcData, pcKey, kUASKeySize);
-  pBuffer->nDataSize = kUASKeySize + nLengthSize + static_cast<int>(nBodySize);
+static void _FinishMessage(MDATA_BUFFER* buffer, const BYTE* key, size_t bodySize) {
+  BYTE lengthField[kMaxBodyLengthField];
+  const int lengthSize = _WriteBodyLength(bodySize, lengthField);
+  BYTE* checksum = buffer->pcData + bodySize - 2;
+  buffer->pcData -= lengthSize;
+  memcpy(buffer->pcData, lengthField, static_cast<size_t>(lengthSize));
+  buffer->pcData -= kUASKeySize;
+  memcpy(buffer->pcData, key, kUASKeySize);
+  buffer->nDataSize = kUASKeySize + lengthSize + static_cast<int>(bodySize);
   // Not by the exported checksum: with its head a message can be longer than the 65535 bytes that one takes.
-  const WORD wChecksum = _MdRunningSum(pBuffer->pcData, static_cast<size_t>(pBuffer->nDataSize));
-  pcChecksum[0] = static_cast<BYTE>(wChecksum >> 8);
-  pcChecksum[1] = static_cast<BYTE>(wChecksum);
+  const WORD sum = _MdRunningSum(buffer->pcData, static_cast<size_t>(buffer->nDataSize));
+  checksum[0] = static_cast<BYTE>(sum >> 8);
+  checksum[1] = static_cast<BYTE>(sum);
 }
 
-// Bytes of body that a message needs, in room for writing (*pnRoom) and when finished (the result). An invalid message
-// needs what was written up to its fault.
-size_t MeasureBody(MessageWalk Walk, size_t* pnRoom) {
-  if (WalkMessage(Walk)) PutInserts(Walk);
-  *pnRoom = Walk.Out.nRoom;
-  return Walk.Out.nSize;
+// Returns the size of the body that a message becomes; *room is the space needed while it is written. Of an invalid
+// message both cover what is written before the fault is found.
+static size_t _MeasureBody(MessageWalk walk, size_t* room) {
+  if (_WalkMessage(walk)) _PutInserts(walk);
+  *room = walk.out.room;
+  return walk.out.size;
 }
 
-// The buffer for a body that needs nRoom bytes, its data start behind the head room.
-bool AllocOutput(MDATA_SRC_HANDLE hSource, int nUAVSize, size_t nRoom, MdBufferRef& Buffer) {
-  const int64_t nUsual = int64_t{nUAVSize} + 2 + hSource->nMissionIDElementSize + hSource->nSecurityMDataSetSize + 5;
-  const int64_t nSize = std::max(nUsual, static_cast<int64_t>(nRoom) + kRewriteHeadRoom);
-  if (nSize > INT_MAX || !DoAllocBuffer(static_cast<int>(nSize), Buffer.Out())) return false;
-  Buffer->pcData += kRewriteHeadRoom;
+// Allocates the buffer for a body that needs so much room. Its data start behind the head room. Returns false if out of
+// memory.
+static bool _AllocOutput(MDATA_SRC_HANDLE hSource, int nUAVSize, size_t room, MdBufferRef& buffer) {
+  const int64_t usual = int64_t{nUAVSize} + 2 + hSource->nMissionIDElementSize + hSource->nSecurityMDataSetSize + 5;
+  const int64_t size = std::max(usual, static_cast<int64_t>(room) + kRewriteHeadRoom);
+  if (size > INT_MAX || !DoAllocBuffer(static_cast<int>(size), buffer.Out())) return false;
+  buffer->pcData += kRewriteHeadRoom;
   return true;
 }
 
-}  // namespace
-
 int _ProcessUASSecuritySet(MDATA_SRC_HANDLE hSource, const KLV_ELEMENT* pSecuritySet, int nInputSize, BYTE* pcOutBuff) {
-  return static_cast<int>(FilterSecuritySet(hSource, pSecuritySet, nInputSize, WalkOutput{pcOutBuff, true, 0, 0}));
+  return static_cast<int>(_FilterSecuritySet(hSource, pSecuritySet, nInputSize, WalkOutput{pcOutBuff, true, 0, 0}));
 }
 
 BOOL ProcessUASDataLinkLocalSet(HMDATASRC hSource, BYTE* pcKLVHeader, int nUAVSize, int nHeaderSize,
                                 MDATA_BUFFER** ppNewBuff, int* pnNewSize) {
   if (nHeaderSize < kUASKeySize || nUAVSize < nHeaderSize) return FALSE;
-  MessageWalk Walk = {};
-  Walk.hSource = hSource;
-  Walk.pcNext = pcKLVHeader + nHeaderSize;
-  Walk.nSizeLeft = static_cast<size_t>(nUAVSize - nHeaderSize);
+  MessageWalk walk = {};
+  walk.hSource = hSource;
+  walk.next = pcKLVHeader + nHeaderSize;
+  walk.sizeLeft = static_cast<size_t>(nUAVSize - nHeaderSize);
 
-  size_t nRoom = 0;
+  size_t room = 0;
   // A body too large to be sent is walked without being written: its counts and logs stay, its memory is not needed.
-  const bool bTooLarge = MeasureBody(Walk, &nRoom) > kMaxRewrittenBody;
-  MdBufferRef Buffer;
-  if (!AllocOutput(hSource, nUAVSize, bTooLarge ? 0 : nRoom, Buffer)) return FALSE;
+  const bool tooLarge = _MeasureBody(walk, &room) > kMaxRewrittenBody;
+  MdBufferRef buffer;
+  if (!_AllocOutput(hSource, nUAVSize, tooLarge ? 0 : room, buffer)) return FALSE;
   MdAdd(hSource->KLVStats.nRxUASMessages, 1);
 
-  Walk.Out.pcBody = bTooLarge ? NULL : Buffer->pcData;
-  Walk.Out.bSpeak = true;
-  if (!WalkMessage(Walk)) {
+  walk.out.body = tooLarge ? nullptr : buffer->pcData;
+  walk.out.speak = true;
+  if (!_WalkMessage(walk)) {
     MdAdd(hSource->KLVStats.nInvalidUASMessages, 1);
     return FALSE;
   }
-  LogLeftOvers(Walk);
-  if (Walk.Out.nSize == 0 && hSource->pMissionID == NULL && hSource->pSecurityMDataSet == NULL) {
+  _LogLeftOvers(walk);
+  if (walk.out.size == 0 && hSource->pMissionID == nullptr && hSource->pSecurityMDataSet == nullptr) {
     MD_LOG(7, "ZERO elements left in output KLV message\n");
-    *ppNewBuff = NULL;
-    if (pnNewSize != NULL) *pnNewSize = 0;
+    *ppNewBuff = nullptr;
+    if (pnNewSize != nullptr) *pnNewSize = 0;
     return TRUE;
   }
-  CountInserts(Walk);
-  PutInserts(Walk);
-  if (bTooLarge) {
+  _CountInserts(walk);
+  _PutInserts(walk);
+  if (tooLarge) {
     MD_ASSERT_UNREACHED();
     return FALSE;
   }
-  FinishMessage(Buffer.Get(), pcKLVHeader, Walk.Out.nSize);
-  if (pnNewSize != NULL) *pnNewSize = Buffer->nDataSize;
-  *ppNewBuff = Buffer.Take();
+  _FinishMessage(buffer.Get(), pcKLVHeader, walk.out.size);
+  if (pnNewSize != nullptr) *pnNewSize = buffer->nDataSize;
+  *ppNewBuff = buffer.Take();
   return TRUE;
 }

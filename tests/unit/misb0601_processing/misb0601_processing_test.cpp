@@ -276,7 +276,7 @@ TEST_F(RewriteTest, MessageWithoutChecksumElementHasRoomForTheNewOne) {
 
 // --- Repaired input ----------------------------------------------------------------------------------------
 
-TEST_F(RewriteTest, MissingChecksumIsAcceptedAndToldAsMisplaced) {
+TEST_F(RewriteTest, MissingChecksumIsAcceptedAndLoggedAsMisplaced) {
   EXPECT_TRUE(RewriteBody(kTimestamp));
   EXPECT_EQ(Output(), Finished(kTimestamp));
   ExpectLog(4, kMisplaced);
