@@ -3,7 +3,7 @@
 //   Elements          tag and BER length of one element, and how tags are read
 //   Insert elements   the mission identifier and the security set that a source inserts
 //   Validation        a whole message and its checksum
-//   Names             security classifications and country coding methods
+//   Names             security classifications and countrySize coding methods
 #include "misb0601_tools.h"
 
 #include <limits.h>
@@ -57,25 +57,25 @@ static tagKLV_SIZE_RESULT _ReadElementLength(const BYTE* pcElement, size_t sizeL
   return result == kMdReadOk ? KLV_SIZE_OK : KLV_SIZE_CUT;
 }
 
-tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t nSizeLeft, bool bLog, KLV_ELEMENT_INFO* pInfo) {
-  *pInfo = {};
+tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t sizeLeft, bool log, KLV_ELEMENT_INFO* info) {
+  *info = {};
   MdTag tag;
-  const tagKLV_SIZE_RESULT tagResult = _ReadElementTag(pcElement, nSizeLeft, &tag);
+  const tagKLV_SIZE_RESULT tagResult = _ReadElementTag(pcElement, sizeLeft, &tag);
   if (tagResult != KLV_SIZE_OK) {
-    if (nSizeLeft > 0) pInfo->nTag = pcElement[0];
+    if (sizeLeft > 0) info->nTag = pcElement[0];
     return tagResult;
   }
-  pInfo->nTag = tag.key;
-  pInfo->nTagSize = tag.size;
-  if (nSizeLeft > tag.size) pInfo->FirstLength = pcElement[tag.size];
+  info->nTag = tag.key;
+  info->nTagSize = tag.size;
+  if (sizeLeft > tag.size) info->FirstLength = pcElement[tag.size];
   MdLength length;
-  const tagKLV_SIZE_RESULT lengthResult = _ReadElementLength(pcElement, nSizeLeft, tag.size, bLog, &length);
-  pInfo->nHeaderSize = tag.size + length.size;
-  pInfo->nSize = pInfo->nHeaderSize + length.value;
+  const tagKLV_SIZE_RESULT lengthResult = _ReadElementLength(pcElement, sizeLeft, tag.size, log, &length);
+  info->nHeaderSize = tag.size + length.size;
+  info->nSize = info->nHeaderSize + length.value;
   return lengthResult;
 }
 
-// The record has a one-byte tag, whatever the option says. Its caller vouches for the bytes that the length field takes.
+// The record has a one-byte tag, whatever the option says. The caller vouches for the bytes of the length field.
 BOOL GetKLVElementSize(const KLV_ELEMENT* pKLV, size_t* pnSize) {
   MdLength length;
   const BYTE* pcElement = reinterpret_cast<const BYTE*>(pKLV);
@@ -101,15 +101,13 @@ MISSION_ID_KLV* AllocMissionID(const char* szMissionID) {
   const size_t nLength = strlen(szMissionID);
   // KEPT: a longer identifier is only reported; its length byte holds the low 8 bits of the count.
   MD_ASSERT(nLength <= 127);
-  auto* pElement = static_cast<MISSION_ID_KLV*>(malloc(kKLVElementHeader + nLength));
-  if (pElement == NULL) return NULL;
-  pElement->cTag = UAS_MISSION_ID_TAG;
-  pElement->cLength = static_cast<BYTE>(nLength);
-  memcpy(reinterpret_cast<BYTE*>(pElement) + kKLVElementHeader, szMissionID, nLength);
-  return pElement;
+  auto* element = static_cast<MISSION_ID_KLV*>(malloc(kKLVElementHeader + nLength));
+  if (element == nullptr) return nullptr;
+  element->cTag = UAS_MISSION_ID_TAG;
+  element->cLength = static_cast<BYTE>(nLength);
+  memcpy(reinterpret_cast<BYTE*>(element) + kKLVElementHeader, szMissionID, nLength);
+  return element;
 }
-
-namespace {
 
 // Tags of the security set (MISB ST 0102).
 enum : BYTE {
@@ -121,26 +119,27 @@ enum : BYTE {
   SECURITY_VERSION_TAG = 22
 };
 
-constexpr BYTE kCountryMethodISO3166ThreeLetter = 2;
-constexpr BYTE kSecuritySetVersion = 11;
-constexpr size_t kClassifyingCountrySize = 3;  // characters
-constexpr size_t kSecuritySetBaseSize = 24;    // bytes of the whole element without the object country's characters
+static constexpr BYTE kCountryMethodISO3166ThreeLetter = 2;
+static constexpr BYTE kSecuritySetVersion = 11;
+static constexpr size_t kClassifyingCountrySize = 3;  // characters
+static constexpr size_t kSecuritySetBaseSize =
+    24;  // bytes of the whole element without the object country's characters
 
-// Writes the tag and the length byte of an element and returns where its value goes.
-BYTE* BeginElement(BYTE* pcOut, BYTE Tag, size_t nLength) {
-  pcOut[0] = Tag;
-  pcOut[1] = static_cast<BYTE>(nLength);
-  return pcOut + kKLVElementHeader;
+// Writes the tag and the length byte of an element. Returns where its value goes.
+static BYTE* _BeginElement(BYTE* out, BYTE tag, size_t length) {
+  out[0] = tag;
+  out[1] = static_cast<BYTE>(length);
+  return out + kKLVElementHeader;
 }
 
-// Writes an element with a one-byte value and returns where the next one goes.
-BYTE* PutByteElement(BYTE* pcOut, BYTE Tag, BYTE Value) {
-  BYTE* pcValue = BeginElement(pcOut, Tag, 1);
-  pcValue[0] = Value;
-  return pcValue + 1;
+// Writes an element with a one-byte value. Returns where the next element goes.
+static BYTE* _PutByteElement(BYTE* out, BYTE tag, BYTE value) {
+  BYTE* next = _BeginElement(out, tag, 1);
+  next[0] = value;
+  return next + 1;
 }
 
-// The whole security set, nCountry characters of object country in it:
+// Writes the whole security set with an object country of n characters:
 //
 //   offset   size  content
 //   0        2     tag 48, length 22 + 2n
@@ -150,125 +149,119 @@ BYTE* PutByteElement(BYTE* pcOut, BYTE Tag, BYTE Value) {
 //   15       3     tag 12: coding of the object country, 2
 //   18       2+2n  tag 13: the object country in UTF-16, big-endian
 //   20+2n    4     tag 22: version 0x000B
-void WriteSecuritySet(BYTE* pcOut, int enClassification, const char* szClassifyingCountry, const char* szObjectCountry,
-                      size_t nCountry) {
-  BYTE* pcNext =
-      BeginElement(pcOut, UAS_SECURITY_LOCAL_SET_TAG, kSecuritySetBaseSize - kKLVElementHeader + 2 * nCountry);
-  pcNext = PutByteElement(pcNext, SECURITY_CLASSIFICATION_TAG, static_cast<BYTE>(enClassification));
-  pcNext = PutByteElement(pcNext, SECURITY_CLASSIFYING_COUNTRY_METHOD_TAG, kCountryMethodISO3166ThreeLetter);
-  pcNext = BeginElement(pcNext, SECURITY_CLASSIFYING_COUNTRY_TAG, 2 + kClassifyingCountrySize);
-  memcpy(pcNext, "//", 2);
-  memcpy(pcNext + 2, szClassifyingCountry, kClassifyingCountrySize);
-  pcNext += 2 + kClassifyingCountrySize;
-  pcNext = PutByteElement(pcNext, SECURITY_OBJECT_COUNTRY_METHOD_TAG, kCountryMethodISO3166ThreeLetter);
-  // KEPT: the length is that of the count modulo 128, and the next element follows the length, so that a longer
-  // country is cut to what its length says. Configurations hold at most 23 characters.
-  const size_t nCountryLength = (nCountry % 128) * 2;
-  pcNext = BeginElement(pcNext, SECURITY_OBJECT_COUNTRY_TAG, nCountryLength);
-  for (size_t i = 0; i < nCountry; i++) pcNext[2 * i + 1] = static_cast<BYTE>(szObjectCountry[i]);
-  pcNext += nCountryLength;
-  pcNext = BeginElement(pcNext, SECURITY_VERSION_TAG, 2);
-  pcNext[0] = 0;
-  pcNext[1] = kSecuritySetVersion;
+static void _WriteSecuritySet(BYTE* out, int enClassification, const char* szClassifyingCountry,
+                              const char* szObjectCountry, size_t countrySize) {
+  BYTE* next =
+      _BeginElement(out, UAS_SECURITY_LOCAL_SET_TAG, kSecuritySetBaseSize - kKLVElementHeader + 2 * countrySize);
+  next = _PutByteElement(next, SECURITY_CLASSIFICATION_TAG, static_cast<BYTE>(enClassification));
+  next = _PutByteElement(next, SECURITY_CLASSIFYING_COUNTRY_METHOD_TAG, kCountryMethodISO3166ThreeLetter);
+  next = _BeginElement(next, SECURITY_CLASSIFYING_COUNTRY_TAG, 2 + kClassifyingCountrySize);
+  memcpy(next, "//", 2);
+  memcpy(next + 2, szClassifyingCountry, kClassifyingCountrySize);
+  next += 2 + kClassifyingCountrySize;
+  next = _PutByteElement(next, SECURITY_OBJECT_COUNTRY_METHOD_TAG, kCountryMethodISO3166ThreeLetter);
+  // KEPT: the length byte holds (count mod 128) x 2 and the next element starts there, so a longer country is truncated.
+  // Configurations hold at most 23 characters.
+  const size_t countryBytes = (countrySize % 128) * 2;
+  next = _BeginElement(next, SECURITY_OBJECT_COUNTRY_TAG, countryBytes);
+  for (size_t i = 0; i < countrySize; ++i) next[2 * i + 1] = static_cast<BYTE>(szObjectCountry[i]);
+  next += countryBytes;
+  next = _BeginElement(next, SECURITY_VERSION_TAG, 2);
+  next[0] = 0;
+  next[1] = kSecuritySetVersion;
 }
-
-}  // namespace
 
 KLV_ELEMENT* AllocSecurityMetadata(int enClassification, const char* szClassifyingCountry,
                                    const char* szObjectCountry) {
-  const size_t nClassifyingCountry = strlen(szClassifyingCountry);
-  if (nClassifyingCountry != kClassifyingCountrySize) {
-    MD_LOG(3, "Unsupported country length=%d.\n", static_cast<int>(nClassifyingCountry));
-    return NULL;
+  const size_t classifyingSize = strlen(szClassifyingCountry);
+  if (classifyingSize != kClassifyingCountrySize) {
+    MD_LOG(3, "Unsupported country length=%d.\n", static_cast<int>(classifyingSize));
+    return nullptr;
   }
-  const size_t nCountry = strlen(szObjectCountry);
-  const size_t nTotalSize = kSecuritySetBaseSize + 2 * nCountry;
-  auto* pcSet = static_cast<BYTE*>(calloc(1, nTotalSize));
-  if (pcSet == NULL) {
-    MD_LOG(3, "No memory for security data set of %u bytes.\n", static_cast<unsigned>(nTotalSize));
-    return NULL;
+  const size_t countrySize = strlen(szObjectCountry);
+  const size_t totalSize = kSecuritySetBaseSize + 2 * countrySize;
+  auto* set = static_cast<BYTE*>(calloc(1, totalSize));
+  if (set == nullptr) {
+    MD_LOG(3, "No memory for security data set of %u bytes.\n", static_cast<unsigned>(totalSize));
+    return nullptr;
   }
   // KEPT: the classification is not tested against the table of ST 0102.
-  WriteSecuritySet(pcSet, enClassification, szClassifyingCountry, szObjectCountry, nCountry);
-  MD_DUMP(6, "Created Security Dataset", pcSet, static_cast<int>(nTotalSize));
-  return reinterpret_cast<KLV_ELEMENT*>(pcSet);
+  _WriteSecuritySet(set, enClassification, szClassifyingCountry, szObjectCountry, countrySize);
+  MD_DUMP(6, "Created Security Dataset", set, static_cast<int>(totalSize));
+  return reinterpret_cast<KLV_ELEMENT*>(set);
 }
 
 // =====================================================================================================
 // Validation. For the host, on any thread; reads the message only.
 // =====================================================================================================
 
-namespace {
-
 // Logs the identifier's characters that lie inside the message.
-void LogMissionID(const BYTE* pcElement, const KLV_ELEMENT_INFO& Element, size_t nSizeLeft) {
-  const size_t nSize = std::min(Element.nSize, nSizeLeft) - Element.nHeaderSize;
-  const char* szMissionID = reinterpret_cast<const char*>(pcElement + Element.nHeaderSize);
-  MD_LOG(6, "Mission ID \"%.*s\" is present.\n", static_cast<int>(std::min<size_t>(nSize, INT_MAX)), szMissionID);
+static void _LogMissionID(const BYTE* pcElement, const KLV_ELEMENT_INFO& element, size_t sizeLeft) {
+  const size_t size = std::min(element.nSize, sizeLeft) - element.nHeaderSize;
+  const char* szMissionID = reinterpret_cast<const char*>(pcElement + element.nHeaderSize);
+  MD_LOG(6, "Mission ID \"%.*s\" is present.\n", static_cast<int>(std::min<size_t>(size, INT_MAX)), szMissionID);
 }
 
-// Compares the stored checksum at nOffset from the start of the message. A value cut off by the end of the message
-// never matches; its missing bytes read as 0.
-BOOL IsChecksumRight(const BYTE* pcMessage, int nUAVSize, size_t nOffset) {
-  const WORD wCalculated = CalcKlvChecksum16Ex(pcMessage, static_cast<WORD>(nUAVSize), static_cast<WORD>(nOffset));
-  const size_t nBytesLeft = static_cast<size_t>(nUAVSize) - nOffset;
-  const unsigned nHigh = nBytesLeft > 0 ? pcMessage[nOffset] : 0u;
-  const unsigned nLow = nBytesLeft > 1 ? pcMessage[nOffset + 1] : 0u;
-  const unsigned nStored = (nHigh << 8) | nLow;
-  if (nBytesLeft < 2 || nStored != wCalculated) {
-    MD_LOG(3, "KLV checksum IS INVALID (calc=0x%04X, act=0x%04X).\n", static_cast<unsigned>(wCalculated), nStored);
-    return FALSE;
+// Compares the checksum stored at an offset from the start of the message. One that is cut off by the end of the message
+// never matches; its missing bytes count as 0. Size and offset are taken modulo 65536, as the exported checksum takes
+// them.
+static bool _IsChecksumRight(const BYTE* message, int nUAVSize, size_t offset) {
+  const WORD calculated = CalcKlvChecksum16Ex(message, static_cast<WORD>(nUAVSize), static_cast<WORD>(offset));
+  const size_t bytesLeft = static_cast<size_t>(nUAVSize) - offset;
+  const unsigned high = bytesLeft > 0 ? message[offset] : 0u;
+  const unsigned low = bytesLeft > 1 ? message[offset + 1] : 0u;
+  const unsigned stored = (high << 8) | low;
+  if (bytesLeft < 2 || stored != calculated) {
+    MD_LOG(3, "KLV checksum IS INVALID (calc=0x%04X, act=0x%04X).\n", static_cast<unsigned>(calculated), stored);
+    return false;
   }
-  MD_LOG(6, "KLV checksum IS OK (calc=0x%04X, act=0x%04X).\n", static_cast<unsigned>(wCalculated), nStored);
-  return TRUE;
+  MD_LOG(6, "KLV checksum IS OK (calc=0x%04X, act=0x%04X).\n", static_cast<unsigned>(calculated), stored);
+  return true;
 }
-
-}  // namespace
 
 BOOL ValidateUASLocalDataSet(BYTE* pcKLVHeader, int nUAVSize, int nHeaderSize) {
-  const BYTE* pcNext = pcKLVHeader + nHeaderSize;
-  const BYTE* pcChecksum = NULL;
-  int64_t nSizeLeft = int64_t{nUAVSize} - nHeaderSize;
-  int nElement = 0;
-  while (nSizeLeft > 2) {
-    KLV_ELEMENT_INFO Element = {};
-    nElement++;
-    if (_ReadKLVElement(pcNext, static_cast<size_t>(nSizeLeft), true, &Element) != KLV_SIZE_OK) {
+  const BYTE* next = pcKLVHeader + nHeaderSize;
+  const BYTE* checksum = nullptr;
+  int64_t sizeLeft = int64_t{nUAVSize} - nHeaderSize;
+  int number = 0;
+  while (sizeLeft > 2) {
+    KLV_ELEMENT_INFO element = {};
+    ++number;
+    if (_ReadKLVElement(next, static_cast<size_t>(sizeLeft), true, &element) != KLV_SIZE_OK) {
       MD_ASSERT_TEXT(false, "GetKLVElementSize(pKLV, &nElementSize)");
       return FALSE;
     }
-    const auto nElementBytes = static_cast<int64_t>(Element.nSize);
-    const auto nDataLength = static_cast<int>(Element.nSize - Element.nTagSize - 1);
-    MD_LOG(6, "KLV Element#%d: tag#%d (%s), data length=%d, space left=%d.\n", nElement, static_cast<int>(Element.nTag),
-           _GetUAVTagName(Element.nTag), nDataLength, static_cast<int>(nSizeLeft - nElementBytes));
+    const auto elementBytes = static_cast<int64_t>(element.nSize);
+    const auto dataLength = static_cast<int>(element.nSize - element.nTagSize - 1);
+    MD_LOG(6, "KLV Element#%d: tag#%d (%s), data length=%d, space left=%d.\n", number, static_cast<int>(element.nTag),
+           _GetUAVTagName(element.nTag), dataLength, static_cast<int>(sizeLeft - elementBytes));
     // KEPT: a later checksum element replaces an earlier one.
-    if (Element.nTag == UAS_CHECKSUM_TAG) pcChecksum = pcNext;
-    if (Element.nTag == UAS_MISSION_ID_TAG) LogMissionID(pcNext, Element, static_cast<size_t>(nSizeLeft));
-    if (Element.nTag == UAS_SECURITY_LOCAL_SET_TAG) MD_LOG(6, "Security Metadata is present.\n");
-    nSizeLeft -= nElementBytes;
-    if (nSizeLeft > 0) pcNext += Element.nSize;
+    if (element.nTag == UAS_CHECKSUM_TAG) checksum = next;
+    if (element.nTag == UAS_MISSION_ID_TAG) _LogMissionID(next, element, static_cast<size_t>(sizeLeft));
+    if (element.nTag == UAS_SECURITY_LOCAL_SET_TAG) MD_LOG(6, "Security Metadata is present.\n");
+    sizeLeft -= elementBytes;
+    if (sizeLeft > 0) next += element.nSize;
   }
-  if (pcChecksum == NULL) {
+  if (checksum == nullptr) {
     // KEPT: a message without checksum passes.
     MD_LOG(4, "No checksum found.\n");
     return TRUE;
   }
-  return IsChecksumRight(pcKLVHeader, nUAVSize, static_cast<size_t>(pcChecksum - pcKLVHeader) + kKLVElementHeader);
+  const size_t offset = static_cast<size_t>(checksum - pcKLVHeader) + kKLVElementHeader;
+  return _IsChecksumRight(pcKLVHeader, nUAVSize, offset) ? TRUE : FALSE;
 }
 
 // =====================================================================================================
 // Names. Any thread; the tables are constant.
 // =====================================================================================================
 
-namespace {
-
-constexpr const char* kSecurityClassifications[] = {
+static constexpr const char* kSecurityClassifications[] = {
     "Unknown", "UNCLASSIFIED", "RESTRICTED", "CONFIDENTIAL", "SECRET", "TOP SECRET",
 };
 
 // Of element 2 (classifying country); element 12 (object country) has another table in ST 0102.
 // KEPT: rows 8 and 9 carry the misspelt word; hosts compare with it.
-constexpr const char* kCountryCodingMethods[] = {
+static constexpr const char* kCountryCodingMethods[] = {
     "Unknown",
     "ISO-3166 Two Letter",
     "ISO-3166 Three Letter",
@@ -289,16 +282,14 @@ constexpr const char* kCountryCodingMethods[] = {
 };
 
 template <size_t N>
-const char* NameOf(const char* const (&aszNames)[N], BYTE cValue) {
-  return cValue < N ? aszNames[cValue] : "Unknown";
+static const char* _NameOf(const char* const (&names)[N], BYTE value) {
+  return value < N ? names[value] : "Unknown";
 }
 
-}  // namespace
-
 const char* GetSecurityClassificationString(BYTE cTag) {
-  return NameOf(kSecurityClassifications, cTag);
+  return _NameOf(kSecurityClassifications, cTag);
 }
 
 const char* GetCountryCodingMethodString(BYTE cTag) {
-  return NameOf(kCountryCodingMethods, cTag);
+  return _NameOf(kCountryCodingMethods, cTag);
 }

@@ -23,7 +23,7 @@ static_assert(offsetof(MISSION_ID_KLV, acMissionID) == kKLVElementHeader);
 enum tagKLV_SIZE_RESULT {
   KLV_SIZE_OK = 0,
   KLV_SIZE_UNSUPPORTED = 1,  // a length form other than short or 1 to 4 length bytes, or a malformed tag
-  KLV_SIZE_CUT = 2           // tag or length field do not lie inside the bytes left
+  KLV_SIZE_CUT = 2           // tag or length field does not lie inside the bytes left
 };
 
 // Whether tags of local sets are BER-OID, so that items from 128 on have tags of two to four bytes. KEPT: FALSE, tags
@@ -34,7 +34,7 @@ extern BOOL _g_bExtendedTags;
 // Reads that option: key "ExtendedTags", section "UASLocalSet". Called by METADATALIB_Init.
 void _ReadExtendedTagsOption();
 
-// An element's tag and sizes. Of one that could not be read only nTag and FirstLength mean anything.
+// An element's tag and sizes. Only nTag and FirstLength mean anything if the element could not be read.
 struct KLV_ELEMENT_INFO {
   UINT32 nTag;         // the first byte of a tag that is malformed or cut
   BYTE FirstLength;    // first byte of the length field, 0 when that lies outside
@@ -43,9 +43,9 @@ struct KLV_ELEMENT_INFO {
   size_t nSize;        // bytes of the whole element
 };
 
-// Reads the element at pcElement, of which only nSizeLeft bytes may be read. Says nothing about the value,
-// which may still run past them. An unsupported length form is logged when bLog is set.
-tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t nSizeLeft, bool bLog, KLV_ELEMENT_INFO* pInfo);
+// Reads tag and length of the element at pcElement, of which only sizeLeft bytes may be read. Does not look at the value,
+// which may run past them. Logs a length form that is not supported if log is set.
+tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t sizeLeft, bool log, KLV_ELEMENT_INFO* info);
 
 // The host's names, for tags of any size; never NULL.
 const char* _GetUAVTagName(UINT32 nTag);
