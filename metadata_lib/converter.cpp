@@ -40,12 +40,12 @@ static float _ToFloat(double value) {
   return static_cast<float>(value);
 }
 
-// FALSE for what is no number, too.
+// Returns false for NaN too.
 static bool _InRange(double value, double low, double high) {
   return value >= low && value <= high;
 }
 
-// Half away from zero. The caller has bounded the value.
+// Rounds half away from zero. The caller has bounded the value.
 static int64_t _Round(double value) {
   return static_cast<int64_t>(value >= 0 ? value + 0.5 : value - 0.5);
 }
@@ -100,7 +100,7 @@ CVT_COTKLV_STATUS cvt_initXmlMsg(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* 
   pXmlMsg->pKlvPacket = pXmlMsg->pBuffer->pcData;
   pXmlMsg->tmStampFlag = 0;
   pXmlMsg->freePktMemFlag = 1;
-  memset(pXmlMsg->matchStr, '0', sizeof pXmlMsg->matchStr);
+  memset(pXmlMsg->matchStr, '0', sizeof(pXmlMsg->matchStr));
   memcpy(pXmlMsg->pKlvPacket, klvLDS16BytesKeySet, kCvtKeySize);
   pXmlMsg->curKlvLen = kCvtFirstItemOffset;
   pXmlMsg->pNext = nullptr;
@@ -140,10 +140,10 @@ static constexpr int kShortFormLimit = 127;
 static void _StoreChecksum(BYTE* pcPacket, int nPacketLength) {
   const uint16_t nChecksum = get_checksum_u16(pcPacket, nPacketLength - 2);
   MD_LOG(7, "Checksum value = 0x%x, returned packetLen = 0x%x\n", nChecksum, static_cast<UINT>(nPacketLength));
-  memcpy(pcPacket + nPacketLength - 2, &nChecksum, sizeof nChecksum);
+  memcpy(pcPacket + nPacketLength - 2, &nChecksum, sizeof(nChecksum));
 }
 
-// The value length is known to need the long form: the packet moves to a second buffer, behind a longer length field.
+// Closes a packet whose length needs the long form: it is copied to a second buffer, behind a longer length field.
 static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* pInstance, const cvtXmlMsg* pXmlMsg, int nLength,
                             MDATA_BUFFER** ppBuffer) {
   MdBufferRef buffer;
@@ -175,7 +175,8 @@ static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* pInstance, const cvtXmlMsg*
   return nPacketLength;
 }
 
-// Closes the packet. One that is handed over belongs to the caller; nothing is pending afterwards.
+// Closes the packet and hands it to the caller, who looks at the buffer to see whether there is one. Nothing is pending
+// afterwards. Returns the size of the packet.
 static int _ClosePacket(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg, MDATA_BUFFER** ppBuffer) {
   BYTE* pcPacket = pXmlMsg->pKlvPacket;
   pcPacket[pXmlMsg->curKlvLen] = kTagChecksum;
@@ -201,15 +202,15 @@ static int _ClosePacket(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg, 
 }
 
 // =====================================================================================================
-// 3. Geoid grid: EGM96, 15 minutes. Loaded and freed on the encoder's thread that starts and stops the library, read by
-//    the metadata thread in between.
+// 3. Geoid grid: EGM96, 15 minutes. Loaded and freed on the encoder's thread that starts and stops the library; the
+//    metadata thread reads it in between.
 // =====================================================================================================
 
 float* _g_pGrid = nullptr;
 
 static void _ReadAllItemsOption() {
   char szValue[40] = "";
-  int nSize = sizeof szValue;
+  int nSize = sizeof(szValue);
   CfgFile_GetStringValue("/etc/hostos.ini", "CursorOnTarget", "AllItemsSupport", szValue, &nSize, "Yes");
   _g_bAllItemsSupport = strcasecmp(szValue, "Yes") == 0;
   if (_g_bAllItemsSupport)
@@ -218,14 +219,14 @@ static void _ReadAllItemsOption() {
     MD_LOG(6, "Support of additionnal CoT items disabled.\n");
 }
 
-// Tells the host's watch that this thread is reading, not hanging.
+// Tells the host's thread watchdog that this thread is reading and does not hang.
 static void _ReportProgress(UINT nPercent) {
   __SetThreadPausedState(FALSE);
   __SetThreadIterations(nPercent);
   __SetThreadPausedState(TRUE);
 }
 
-// Fills the grid. The number of values read; fewer than all when the file ended.
+// Fills the grid. Returns the number of values read, fewer than all if the file ended early.
 static int _ReadGrid(FILE* fp, float* pGrid, char* pMemory) {
   MdNumberReader reader(fp, pMemory);
   UINT nPercent = 0;
@@ -405,7 +406,7 @@ static constexpr double kSigmaToCE90 = 2.145966025;
 
 namespace {
 
-// What the conversion of one event works on.
+// The conversion of one event.
 struct Conversion {
   CONVERTER_INSTANCE_DATA* pInstance;
   cvtXmlMsg* pXmlMsg;
@@ -424,7 +425,7 @@ static Conversion _StartConversion(CONVERTER_INSTANCE_DATA* pInstance, const cha
   conversion.pInstance = pInstance;
   conversion.pXmlMsg = pXmlMsg;
   conversion.event = {pText, nLength};
-  memset(&conversion.item, 0, sizeof conversion.item);
+  memset(&conversion.item, 0, sizeof(conversion.item));
   return conversion;
 }
 
@@ -460,7 +461,7 @@ static void _AddInteger(Conversion& conversion, const NumberItem& item, int64_t 
   _AddItem(conversion, item.tag, item.bytes);
 }
 
-// The item's integer for a value in its range; the product may exceed 32 bits by its rounding only.
+// The item's integer for a value in its range. Only rounding can make the product exceed 32 bits.
 static int64_t _Scale(const NumberItem& item, double value) {
   const int64_t scaled = _Round((value + item.before) * item.scale);
   return scaled > int64_t{UINT32_MAX} ? int64_t{UINT32_MAX} : scaled;
@@ -480,7 +481,7 @@ static void _SetText(Conversion& conversion, const cvtCotField& field) {
   memcpy(conversion.item.value.str, field.valueStr, static_cast<size_t>(field.valueLen));
 }
 
-// The time stamp both kinds of events must have.
+// Adds the time stamp, which both kinds of events must have. Returns 0, or -1 if the event has none.
 static int _AddTimeStamp(Conversion& conversion, const cvtCotField& field, bool bFound, int nKey) {
   if (!bFound) {
     MD_LOG(3, "failed to find timeStamp field !\n");
@@ -530,7 +531,7 @@ static int _AddAirEvent(Conversion& conversion) {
   return 0;
 }
 
-// An attribute that is a number; FALSE, with a line in the log, when it is missing.
+// Reads an attribute that is a number. Returns false, with a line in the log, if it is missing.
 static bool _FindAirNumber(const CotSlice& slice, const cvtCotField& row, double* pValue) {
   cvtCotField field;
   if (!_FindField(slice, row, &field)) {
@@ -807,13 +808,13 @@ int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputDat
   return 0;
 }
 
-// Straight into the packet, whatever its length: kCvtPacketSize has the room for all three.
+// Appends straight to the packet, whatever its length: kCvtPacketSize has room for all three angles.
 static void _AppendAngle(cvtXmlMsg* pXmlMsg, int nKey, uint32_t nValue) {
   BYTE* pcItem = pXmlMsg->pKlvPacket + pXmlMsg->curKlvLen;
   const uint32_t nSwapped = SWAP32(nValue);
   pcItem[0] = static_cast<BYTE>(nKey);
   pcItem[1] = 4;
-  memcpy(pcItem + 2, &nSwapped, sizeof nSwapped);
+  memcpy(pcItem + 2, &nSwapped, sizeof(nSwapped));
   pXmlMsg->curKlvLen += 6;
 }
 
@@ -821,7 +822,7 @@ static constexpr double kScaleRelativeAngle = 11930464.70833333;      // 4294967
 static constexpr double kScaleRelativeElevation = 11930464.70555556;  // 4294967294/360
 static constexpr uint32_t kElevationOutOfRange = 0x80000000;
 
-// KEPT: the difference of two angles loses its sign and its fraction. FALSE above 360 degrees or when it is no number.
+// Returns false if the difference of two angles is 361 degrees or more, or NaN. KEPT: it loses its sign and its fraction.
 static bool _WholeDegrees(float sensor, float aircraft, uint32_t* pnValue) {
   const float difference = sensor - aircraft;
   const float absolute = difference < 0 ? -difference : difference;
@@ -933,7 +934,7 @@ static void _AppendToList(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg
   *ppEnd = pXmlMsg;
 }
 
-// Replaces whatever is pending by a new message. NULL without memory.
+// Replaces whatever is pending by a new message. Returns NULL if out of memory.
 static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* pInstance, const cvtCotField& time) {
   cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
   MD_LOG(7, "allocating a new msg since none found with time=\"%s\" !\n", CotText(time.valueStr).Get());
@@ -947,7 +948,7 @@ static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* pInstance, const cvtCot
     cvt_freeMsgAndKlvPacket(pXmlMsg);
     return nullptr;
   }
-  memcpy(pXmlMsg->matchStr, time.valueStr, sizeof pXmlMsg->matchStr);
+  memcpy(pXmlMsg->matchStr, time.valueStr, sizeof(pXmlMsg->matchStr));
   _AppendToList(pInstance, pXmlMsg);
   return pXmlMsg;
 }
@@ -956,7 +957,8 @@ static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* pInstance, const cvtCot
 // 7. Conversion of an event. Metadata thread.
 // =====================================================================================================
 
-// A terminated copy of the input: a datagram has no terminator, and what an older one left must not complete it.
+// Makes a terminated copy of the input: a datagram has no terminator, and the rest of an older one must not complete it.
+// Returns false if out of memory.
 static bool _CopyEvent(CONVERTER_INSTANCE_DATA* pInstance, const BYTE* pvInputData, int nInDataSize) {
   if (nInDataSize >= pInstance->nEventCapacity) {
     free(pInstance->szEvent);
@@ -995,7 +997,7 @@ static bool _BeginsWith(const cvtCotField& field, const char* szPrefix) {
   return static_cast<size_t>(field.valueLen) >= nLength && memcmp(field.valueStr, szPrefix, nLength) == 0;
 }
 
-// Counts the event by its type; CVT_MSG_TYPE_NONE for one that is not for the converter.
+// Counts the event by its type. Returns CVT_MSG_TYPE_NONE if it is not for the converter.
 static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* pInstance, const CotSlice& tag) {
   cvtCotField type;
   if (!_LookUp(tag, "type", &type)) {
@@ -1031,7 +1033,7 @@ static bool _PassesFilter(CONVERTER_INSTANCE_DATA* pInstance, const CotSlice& ta
   return false;
 }
 
-// The event's time, which pairs it.
+// Reads the event's time, by which events are paired.
 static bool _FindTime(const CotSlice& event, cvtCotField* pTime) {
   CotSlice tag;
   if (!_FindSlice(event, "<event", ">", &tag)) {
@@ -1046,7 +1048,7 @@ static bool _FindTime(const CotSlice& event, cvtCotField* pTime) {
   return true;
 }
 
-// The pending message this event completes, or a new one. NULL when there is neither.
+// Returns the pending message that this event completes, or a new one, or NULL if there is neither.
 static cvtXmlMsg* _FindOrStartMessage(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const cvtCotField& time,
                                       bool* pbPaired) {
   const CotText text(time.valueStr);
@@ -1072,7 +1074,7 @@ static int _ConvertEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType
   return cvt_processSpiMsg(pInstance, event.pText, event.nLength, pXmlMsg);
 }
 
-// Adds a classified event to its message and closes the packet when it was the second one.
+// Adds a classified event to its message, and closes the packet if the event was the second one.
 static int _AddEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const CotSlice& event,
                      MDATA_BUFFER** ppBuffer) {
   cvtCotField time;
@@ -1136,7 +1138,7 @@ BOOL AllocCoT2KLVConvert(HCONVERTER* phConvInstance, int32_t nMaxSPIAirCraftTime
   if (pInstance == nullptr) return FALSE;
   cvt_resetVariables(pInstance);
   pInstance->nMaxSPIAirCraftTimeDeltaInUS = nMaxSPIAirCraftTimeDeltaInUS;
-  if (szSpiUid != nullptr) CopyString(pInstance->szSpiUid, szSpiUid, sizeof pInstance->szSpiUid);
+  if (szSpiUid != nullptr) CopyString(pInstance->szSpiUid, szSpiUid, sizeof(pInstance->szSpiUid));
   pInstance->bDiscoverSensors = bEnableSPIDiscovery;
   *phConvInstance = pInstance;
   return TRUE;

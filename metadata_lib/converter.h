@@ -8,7 +8,7 @@
 #include "md_sensors.h"
 #include "metadata_lib.h"
 
-// Kinds of events, as cvtXmlMsg::msgType would name them.
+// Kinds of events.
 enum CVT_MSG_TYPE : uint32_t { CVT_MSG_TYPE_NONE = 0, CVT_MSG_TYPE_AIRCRAFT = 1, CVT_MSG_TYPE_SPI = 2 };
 
 // --- Attributes and their items ----------------------------------------------------------------------
@@ -183,10 +183,10 @@ struct cvtKlvItem {
 inline constexpr float kCvtAngleNotSet = -100000.0f;
 inline constexpr float kCvtAngleOutOfRange = 32768.0f;  // pitch and roll
 
-// One per CoT source, behind HCONVERTER. Metadata thread, except: the counters of Stats are atomic, and KnownSensors is
-// changed by the metadata thread under the sensor lock, so that the statistics calls may read it there.
+// One per CoT source, behind HCONVERTER. Only the metadata thread uses it, with two exceptions for the statistics calls:
+// the counters of Stats are atomic, and KnownSensors is copied by md_sensors.
 struct tagCONVERTER_INSTANCE_DATA {
-  int32_t nMaxSPIAirCraftTimeDeltaInUS;  // microseconds, inclusive; negative when configured above 2147483 ms
+  int32_t nMaxSPIAirCraftTimeDeltaInUS;  // microseconds, inclusive; negative if configured above 2147483 ms
   cvtXmlMsg* pMsgListHeader;             // at most one message
   float a_course, a_roll, a_pitch;       // degrees, or one of the two marks above
   float s_azimuth, s_elevation, s_roll;
@@ -212,15 +212,16 @@ inline constexpr char kGridPath[] = "/usr/share/vendor/data/ww15mgh.grd";
 // Metres above the ellipsoid, row after row; NULL while not loaded. Read-only after start.
 extern float* _g_pGrid;
 
-// Height of the geoid at inLat (-90 to 90) and inLon (0 to 360) degrees; 0, or -1 outside or without a grid.
+// Stores the height of the geoid at inLat (-90 to 90) and inLon (0 to 360) degrees. Returns 0, or -1 outside these ranges
+// or if no grid is loaded.
 int calcul_undulation(float inLat, float inLon, float* undulation);
 
 // --- Packet steps ------------------------------------------------------------------------------------
 
 CVT_COTKLV_STATUS cvt_initXmlMsg(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg);
 CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* pKlvItem, cvtXmlMsg* pXmlMsg);
-// MISB ST 0601 checksum with its bytes swapped, so that storing it as it is writes it big-endian. 0 for a length of 0 or
-// below.
+// Returns the MISB ST 0601 checksum with its bytes swapped, so that storing it as it is writes it big-endian; 0 if the
+// length is not positive.
 uint16_t get_checksum_u16(const BYTE* pData, int nLength);
 uint16_t SWAP16(uint16_t value);
 uint32_t SWAP32(uint32_t value);
@@ -228,14 +229,14 @@ uint64_t SWAP64(uint64_t value);
 
 // --- Events ------------------------------------------------------------------------------------------
 
-// Both append the event's items; 0, or -1 when the event must be dropped.
+// Append the event's items. Return 0, or -1 if the event must be dropped.
 int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputData, uint32_t nInDataSize,
                            cvtXmlMsg* pXmlMsg);
 int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputData, uint32_t nInDataSize,
                       cvtXmlMsg* pXmlMsg);
 void cvt_addSPISensorItems(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg);
 void cvt_resetVariables(CONVERTER_INSTANCE_DATA* pInstance);
-// The pending message within the delta of a time text; NULL when there is none.
+// Returns the pending message within the delta of a time text, or NULL.
 cvtXmlMsg* cvt_findMsgFromList(const CONVERTER_INSTANCE_DATA* pInstance, const char* szTime);
 void cvt_freeMsgAndKlvPacket(cvtXmlMsg* pXmlMsg);
 void cvt_freeAllMsgsAndNoReturnedKlvPackets(CONVERTER_INSTANCE_DATA* pInstance);
