@@ -24,12 +24,10 @@
 #include "metadata_api.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
-#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -75,7 +73,6 @@ pthread_mutex_t _g_SrcListLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr long kSerialLockMs = 20;          // limit of the serial road's wait for g_MetaDataAPIMutex
-static constexpr int kLogHoldOffSecs = 4;          // repeated failures: a log line when more than this has passed
 static constexpr UINT64 kResendPauseMs = 10;       // between two attempts to send the shut-down
 static constexpr int kSmallestUASMessage = 20;     // key, length and one element
 static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet stays below
@@ -86,21 +83,6 @@ static constexpr BYTE _acAnyAddress[16] = {};      // the IPv6 "any" address
 // =====================================================================================================
 
 namespace {
-
-// Text of an errno value, for one log call.
-struct ErrnoText {
-  char acBuffer[128] = {};
-  const char* szText;
-  explicit ErrnoText(int iError) : szText(strerror_r(iError, acBuffer, sizeof(acBuffer))) {}
-};
-
-// Text of a sender, for one log call.
-struct SenderText {
-  char acBuffer[80] = {};
-  const char* szText;
-  explicit SenderText(const struct sockaddr_storage& Address)
-      : szText(GetSockAddressString(&Address, acBuffer, static_cast<int>(sizeof(acBuffer)))) {}
-};
 
 // g_MetaDataAPIMutex for the serial road: waited for during a bounded time, since whoever opens a source holds it while
 // waiting for this very thread.
@@ -119,11 +101,6 @@ class SerialApiLock {
 };
 
 }  // namespace
-
-static void _SleepMs(UINT64 nMilliseconds) {
-  const struct timespec Pause = {0, static_cast<long>(nMilliseconds) * 1000000};
-  nanosleep(&Pause, nullptr);
-}
 
 static void _SleepOneMs() {
   _SleepMs(1);
@@ -144,35 +121,6 @@ static UINT64 _MonotonicMs() {
   struct timespec Now = {};
   clock_gettime(CLOCK_MONOTONIC, &Now);
   return static_cast<UINT64>(Now.tv_sec) * 1000 + static_cast<UINT64>(Now.tv_nsec) / 1000000;
-}
-
-// Whether an open file is a regular one that belongs to nobody else, by its owner and by its only name.
-static bool _IsOurOwnFile(int iFD) {
-  struct stat Info = {};
-  return fstat(iFD, &Info) == 0 && S_ISREG(Info.st_mode) && Info.st_uid == geteuid() && Info.st_nlink == 1;
-}
-
-// Opens a capture file for writing, empty and for our own eyes; NULL when that fails. Anybody may plant a name under
-// /tmp: a link is not followed, a pipe or device neither blocks nor is written to, and a file of somebody else or with
-// a second name is left as it is.
-static FILE* _OpenCaptureFile(const char* szPath) {
-  const int iFD = open(szPath, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
-  if (iFD < 0) return nullptr;
-  FILE* pFile = nullptr;
-  if (_IsOurOwnFile(iFD) && ftruncate(iFD, 0) == 0) pFile = fdopen(iFD, "w");
-  if (pFile == nullptr) close(iFD);
-  return pFile;
-}
-
-static void _CloseFile(FILE*& pFile) {
-  if (pFile == nullptr) return;
-  fclose(pFile);
-  pFile = nullptr;
-}
-
-static void _CloseDescriptor(int& iFD) {
-  if (iFD >= 0) close(iFD);
-  iFD = -1;
 }
 
 // =====================================================================================================
@@ -790,59 +738,6 @@ BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg
   return pHandle->iFD >= 0 || pHandle->iFDv6 >= 0 ? TRUE : FALSE;
 }
 
-BOOL _AllocKLVInserts(MDATA_SRC_HANDLE pHandle) {
-  const MDATA_SRC_CFG* pCfg = &pHandle->Config;
-  pHandle->pSecurityMDataSet = nullptr;
-  if (pCfg->bClassifyMission) {
-    pHandle->pSecurityMDataSet =
-        AllocSecurityMetadata(pCfg->enClassification, pCfg->szClassifyingCountry, pCfg->szObjectCountry);
-    if (pHandle->pSecurityMDataSet == nullptr) return FALSE;
-    pHandle->nSecurityMDataSetSize = pHandle->pSecurityMDataSet->Length + 2;
-  }
-  if (pCfg->szMissionID[0] == '\0') return TRUE;
-  pHandle->pMissionID = AllocMissionID(pCfg->szMissionID);
-  if (pHandle->pMissionID == nullptr) {
-    free(pHandle->pSecurityMDataSet);
-    pHandle->pSecurityMDataSet = nullptr;
-    return FALSE;
-  }
-  pHandle->nMissionIDElementSize = pHandle->pMissionID->cLength + 2;
-  return TRUE;
-}
-
-template <size_t nSize>
-static void _Terminate(char (&szText)[nSize]) {
-  szText[nSize - 1] = '\0';
-}
-
-// A zero-filled record with its own copy of the configuration, in which every text ends; everything else of the
-// source is built from that copy. NULL without memory.
-static MDATA_SRC_HANDLE _AllocSource(const MDATA_SRC_CFG* pCfg) {
-  const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(calloc(1, sizeof(tagMDATA_SRC_HANDLE)));
-  if (pHandle == nullptr) return nullptr;
-  FastInitNode(&pHandle->DNode, pHandle);
-  memcpy(&pHandle->dwSignature, "HMDT", sizeof(pHandle->dwSignature));
-  pHandle->iFD = -1;
-  pHandle->iFDv6 = -1;
-  pHandle->Config = *pCfg;
-  _Terminate(pHandle->Config.szMissionID);
-  _Terminate(pHandle->Config.szClassifyingCountry);
-  _Terminate(pHandle->Config.szObjectCountry);
-  if (pCfg->enDataType == MDATA_DATA_COT) _Terminate(pHandle->Config.format.CoT.szSpiUid);
-  _InitRelayers(pHandle);
-  _AllocKLVInserts(pHandle);  // KEPT: the result is ignored; a source without its inserts still receives
-  __AllocCounterRateTable(5, "Metadata", &pHandle->hOutputRate);
-  return pHandle;
-}
-
-// Frees what _AllocSource made.
-static void _FreeSource(MDATA_SRC_HANDLE pHandle) {
-  free(pHandle->pSecurityMDataSet);
-  free(pHandle->pMissionID);
-  if (pHandle->hOutputRate != nullptr) DeleteCounterRateTable(pHandle->hOutputRate);
-  free(pHandle);
-}
-
 // =====================================================================================================
 // 7. Sources: opening. Runs on the encoder's thread, which holds g_MetaDataAPIMutex until the metadata thread has
 //    taken the source over.
@@ -863,7 +758,9 @@ class OpeningSource {
 
   bool Alloc() {
     pHandle = _AllocSource(pCfg);
-    return pHandle != nullptr;
+    if (pHandle == nullptr) return false;
+    _InitRelayers(pHandle);
+    return true;
   }
   // The relays start with the next message after this.
   MDATA_SRC_HANDLE Finish();

@@ -2,7 +2,7 @@
 #ifndef MISB0601_PROCESSING_H
 #define MISB0601_PROCESSING_H
 
-#include "metadata_api.h"
+#include "md_source.h"
 #include "misb0601_tools.h"
 
 // Head room in front of a body that is being written. Key and length field are put there at the end, and five bytes are

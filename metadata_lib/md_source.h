@@ -1,0 +1,167 @@
+// The record of a metadata source, and the small helpers that everything around it needs: texts of errors and senders,
+// descriptors, capture files, pauses.
+//
+// This header knows nothing of the engine that opens, serves and closes sources; the modules that work on one source
+// include it without reaching up into the engine.
+#ifndef MD_SOURCE_H
+#define MD_SOURCE_H
+
+#include <stdint.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <termios.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "host.h"
+#include "metadata_lib.h"
+
+// --- Constants ---------------------------------------------------------------------------------------
+
+inline constexpr int kRxBufferSize = 1500;    // of one datagram; a longer one is cut
+inline constexpr UINT64 kNoPTS = ~UINT64{0};  // no timestamp yet
+inline constexpr int kLogHoldOffSecs = 4;     // repeated failures: a log line when more than this has passed
+
+// --- The source record -------------------------------------------------------------------------------
+
+typedef struct tagMDATA_SRC_HANDLE* MDATA_SRC_HANDLE;
+
+typedef int (*MDATA_DATA_RX_HANDLER)(void* pvDecodeCtxt, const BYTE* pcData, int nSize);
+typedef void (*MDATA_RESET_STATS_HANDLER)(void* pvDecodeCtxt);
+typedef void (*MDATA_SET_STATS_HANDLER)(void* pvDecodeCtxt, const MDATA_SRC_STATS* pStats);
+
+// One relay destination. Written on the metadata thread; counters are read and written whole by the statistics
+// calls; the socket is stored once by the opener while the thread may already be sending.
+typedef struct tagRELAYER {
+  int iRelaySocket;             // connected datagram socket, -1 when none; atomic
+  ULONG nRelayedBytes;          // bytes sent whole; atomic
+  ULONG nRelayedMessages;       // messages sent whole; atomic
+  ULONG nRelayErrors;           // failed or short sends; atomic
+  int iLastRelayError;          // errno of the last failed send; atomic
+  int iLastRelayErrorTime;      // its wall-clock second; atomic
+  int CurrentRelayTTL;          // TTL last set by following, -1 initially; metadata thread
+  int CurrentRelayTOS;          // TOS last set by following; metadata thread
+  time_t tLastRelayErrLogTime;  // when a failed send was last logged; metadata thread
+} RELAYER;
+
+// Which video frames' KLV a source keeps. Metadata thread only.
+typedef struct tagKLV_DECIM_CTRL {
+  UINT64 ActivitePTS;        // timestamp passed now
+  UINT64 DecimatedPTS;       // timestamp dropped now
+  UINT32 nDecimatedCount;    // timestamps dropped since the last passed one
+  UINT32 nDecimationFactor;  // copy of the configuration's
+} KLV_DECIM_CTRL;
+
+// State of a request to the metadata thread; its own completion mark. Changed with MdExchangeIf.
+enum tagREQUEST_STATE : int32_t {
+  REQUEST_NONE = 0,
+  REQUEST_PENDING = 1,   // sent, or about to be
+  REQUEST_DONE = 2,      // carried out by the thread
+  REQUEST_ABANDONED = 3  // the caller gave up waiting, the message is still queued; the thread finishes what is left
+};
+
+// The record behind HMDATASRC. Owned by the library from open to close. After the hand-over to the metadata
+// thread only that thread writes it, unless a field's comment says otherwise.
+struct tagMDATA_SRC_HANDLE {
+  DWORD dwSignature;                       // "HMDT" in memory order
+  FNODE_D DNode;                           // links into g_MetaDataSrcList
+  int iFD;                                 // serial descriptor or IPv4 socket, -1 when none
+  int iFDv6;                               // IPv6 socket, -1 when none
+  FILE* CaptureFP;                         // raw capture file, or NULL
+  MDATA_SRC_CFG Config;                    // read-only after the open; strings terminated
+  MDATA_DATA_RX_HANDLER pfnDataRxHandler;  // serial sources; NULL drops what is read
+  MDATA_RESET_STATS_HANDLER pfnResetStatsHandler;
+  MDATA_SET_STATS_HANDLER pfnSetStatsHandler;
+  struct termios OldSerPortCfg;  // the port's settings before the open; never restored
+  void* pvDecodeCtxt;
+  HCONVERTER hConverter;
+  UINT64 nCoTConvertedKLVMessages;  // atomic
+  UINT64 nCoTConvertedKLVBytes;     // atomic
+  int nRawOutputOffset;             // column of the capture file's hex dump
+  BOOL bDetectTTL;
+  BOOL bDetectTOS;
+  int SourceTTL;                            // atomic; -1 until seen
+  UINT64 nSourceTTLUpdates;                 // atomic
+  UINT32 nLastSourceTTLUpdateUpTimeInSecs;  // atomic
+  int SourceTOS;                            // atomic; -1 until seen
+  UINT64 nSourceTOSUpdates;                 // atomic
+  UINT32 nLastSourceTOSUpdateUpTimeInSecs;  // atomic
+  RELAYER Relayers[MDATA_MAX_RELAYS];
+  BOOL bRelaysReady;               // set once by the opener, after the relay sockets; atomic
+  MISSION_ID_KLV* pMissionID;      // element to insert, or NULL
+  int nMissionIDElementSize;       // bytes with tag and length
+  KLV_ELEMENT* pSecurityMDataSet;  // element to insert, or NULL
+  int nSecurityMDataSetSize;       // bytes with tag and length
+  time_t tLastInvalidUASLogTime;
+  MDATA_KLV_STATS KLVStats;  // atomic counters
+  time_t tLastRateSampleTime;
+  HCOUNTERRATE hOutputRate;
+  KLV_DECIM_CTRL DecimateCtrl;
+  int iSourceAddressFamily;  // last sender; with the address under _g_SenderLock
+  BYTE acSourceAddress[16];
+  BYTE RxBuffer[kRxBufferSize];
+  BYTE HeaderSequence;
+  // Hand-over to the metadata thread.
+  int32_t nAddRequest;          // tagREQUEST_STATE; atomic
+  int32_t nRemoveRequest;       // tagREQUEST_STATE; atomic
+  BOOL bLinked;                 // in g_MetaDataSrcList; under _g_SrcListLock
+  BOOL bCaptureHeld;            // counts in its video input's extractor; like _g_aVideoExtractors
+  MDATA_SRC_HANDLE pNextSweep;  // next close that no message names; under _g_SrcListLock
+};
+
+// Allocates a zero-filled record with its own copy of the configuration, in which every text ends, with the elements to
+// insert and the rate counter; everything else of the source is built from that copy. Returns NULL if out of memory.
+// Opener.
+MDATA_SRC_HANDLE _AllocSource(const MDATA_SRC_CFG* pCfg);
+// Frees what _AllocSource made.
+void _FreeSource(MDATA_SRC_HANDLE pHandle);
+// Builds the elements that the configuration asks to insert. Returns FALSE if one of them cannot be built; the source
+// then has none.
+BOOL _AllocKLVInserts(MDATA_SRC_HANDLE pHandle);
+
+// --- Texts, for one log call -------------------------------------------------------------------------
+
+// Text of an errno value.
+struct ErrnoText {
+  char acBuffer[128] = {};
+  const char* szText;
+  explicit ErrnoText(int iError) : szText(strerror_r(iError, acBuffer, sizeof(acBuffer))) {}
+};
+
+// Text of a sender's address.
+struct SenderText {
+  char acBuffer[80] = {};
+  const char* szText;
+  explicit SenderText(const struct sockaddr_storage& Address)
+      : szText(GetSockAddressString(&Address, acBuffer, static_cast<int>(sizeof(acBuffer)))) {}
+};
+
+// --- Descriptors, capture files, pauses --------------------------------------------------------------
+// Any thread; no state of their own.
+
+// Closes a descriptor unless it is -1, and sets it to -1.
+inline void _CloseDescriptor(int& iFD) {
+  if (iFD >= 0) close(iFD);
+  iFD = -1;
+}
+
+// Opens a capture file for writing, empty and readable only by us. Returns NULL on failure. Anybody may plant a name
+// under /tmp: a link is not followed, a pipe or device neither blocks nor is written to, and a file that belongs to
+// somebody else or has a second name is left as it is.
+FILE* _OpenCaptureFile(const char* szPath);
+
+// Closes a file unless it is NULL, and sets it to NULL.
+inline void _CloseFile(FILE*& pFile) {
+  if (pFile == nullptr) return;
+  fclose(pFile);
+  pFile = nullptr;
+}
+
+// Sleeps for less than a second.
+inline void _SleepMs(UINT64 nMilliseconds) {
+  const struct timespec Pause = {0, static_cast<long>(nMilliseconds) * 1000000};
+  nanosleep(&Pause, nullptr);
+}
+
+#endif  // MD_SOURCE_H
