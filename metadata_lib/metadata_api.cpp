@@ -33,6 +33,7 @@
 
 #include "md_atomic.h"
 #include "md_guard.h"
+#include "md_request.h"
 #include "misb0601_tools.h"
 
 #define MD_MODULE "metadata_api"
@@ -52,8 +53,6 @@ FLIST_D g_MetaDataSrcList = {{'F', 'L', 'S', 'T'}, nullptr, nullptr};
 HFDSET g_hMetaDataFDSet = nullptr;
 
 HTHREAD _g_hMetaDataProcessingThread = nullptr;
-HMBOX _g_hMetaDataThreadMBox = nullptr;
-WAIT_COND _g_MetaDataThreadCond;
 BOOL _g_bShutdownThread = FALSE;
 BOOL _g_bUsingInternalThread = FALSE;
 BOOL _g_bCoTSupportEnabled = FALSE;
@@ -65,15 +64,12 @@ VIDEO_EXTRACTOR _g_aVideoExtractors[4] = {{-1, 0}, {-1, 0}, {-1, 0}, {-1, 0}};
 time_t _tLastLog = 0;
 time_t _tLastLogTime = 0;
 
-int32_t _g_nShutdownRequest = REQUEST_NONE;
-int32_t _g_nStrayPosts = 0;
 MDATA_SRC_HANDLE _g_pSweepList = nullptr;
 
 pthread_mutex_t _g_SrcListLock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr long kSerialLockMs = 20;          // limit of the serial road's wait for g_MetaDataAPIMutex
-static constexpr UINT64 kResendPauseMs = 10;       // between two attempts to send the shut-down
 static constexpr int kSmallestUASMessage = 20;     // key, length and one element
 static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet stays below
 static constexpr BYTE _acAnyAddress[16] = {};      // the IPv6 "any" address
@@ -102,10 +98,6 @@ class SerialApiLock {
 
 }  // namespace
 
-static void _SleepOneMs() {
-  _SleepMs(1);
-}
-
 SerialApiLock::SerialApiLock() {
   struct timespec Until = {};
   clock_gettime(CLOCK_MONOTONIC, &Until);
@@ -115,126 +107,6 @@ SerialApiLock::SerialApiLock() {
     Until.tv_nsec -= 1000000000;
   }
   m_bHeld = pthread_mutex_clocklock(&g_MetaDataAPIMutex, CLOCK_MONOTONIC, &Until) == 0;
-}
-
-static UINT64 _MonotonicMs() {
-  struct timespec Now = {};
-  clock_gettime(CLOCK_MONOTONIC, &Now);
-  return static_cast<UINT64>(Now.tv_sec) * 1000 + static_cast<UINT64>(Now.tv_nsec) / 1000000;
-}
-
-// =====================================================================================================
-// 3. Hand-shake with the metadata thread. The encoder's threads send a control message and wait; the thread
-//    carries it out, sets the request's own completion mark and posts _g_MetaDataThreadCond exactly once.
-//
-//    The condition only counts, it does not say whose request was carried out. So a waiter believes its mark alone:
-//    - a post with the own mark set ends the wait, whoever's post it was; the number of posts still fits;
-//    - a post without it is swallowed if some waiter gave up before (_g_nStrayPosts counts those posts), otherwise
-//      it belongs to another waiter and is given back;
-//    - a waiter that runs out of time marks its request as abandoned, unless the thread was faster, and the thread
-//      then finishes what the waiter would have done: a record is never freed under the thread.
-//    A close whose message could not even be sent is left in _g_pSweepList, which the thread empties after a pass.
-// =====================================================================================================
-
-static bool _ChangeRequest(int32_t& nRequest, int32_t nFrom, int32_t nTo) {
-  return MdExchangeIf(nRequest, nFrom, nTo);
-}
-
-// Metadata thread: the request is carried out. TRUE when its caller had given up. A caller that had not may free the
-// record that holds the mark as soon as this returns.
-static bool _CompleteRequest(int32_t& nRequest) {
-  if (_ChangeRequest(nRequest, REQUEST_PENDING, REQUEST_DONE)) return false;
-  MdAdd(_g_nStrayPosts, 1);
-  return _ChangeRequest(nRequest, REQUEST_ABANDONED, REQUEST_DONE);
-}
-
-// Nobody waits for the source's close any more: its wait timed out, or its message could not be sent. The encoder was
-// told that the source is closed, so nothing may reach it, although the record is still in the list and the read set.
-// Metadata thread.
-static bool _IsGivenUp(const tagMDATA_SRC_HANDLE* pHandle) {
-  return MdLoadAcquire(pHandle->nRemoveRequest) == REQUEST_ABANDONED;
-}
-
-static bool _TakeStrayPost() {
-  int32_t nCount = MdLoadAcquire(_g_nStrayPosts);
-  while (nCount > 0) {
-    if (_ChangeRequest(_g_nStrayPosts, nCount, nCount - 1)) return true;
-    nCount = MdLoadAcquire(_g_nStrayPosts);
-  }
-  return false;
-}
-
-// Waits until the request is carried out, at most nLimitMs. FALSE with errno set when it was not; it is then
-// abandoned.
-static bool _WaitForRequest(int32_t& nRequest, DWORD nLimitMs) {
-  const UINT64 nStart = _MonotonicMs();
-  DWORD nLeft = nLimitMs;
-  errno = ETIMEDOUT;
-  while (nLeft > 0 && _DoWaitCond_WaitFor(&_g_MetaDataThreadCond, nLeft, __func__, MD_MODULE, __LINE__)) {
-    if (MdLoadAcquire(nRequest) == REQUEST_DONE) return true;
-    if (!_TakeStrayPost()) {
-      WaitCond_Post(&_g_MetaDataThreadCond);
-      _SleepOneMs();
-    }
-    const UINT64 nElapsed = _MonotonicMs() - nStart;
-    const DWORD nByClock = nElapsed >= nLimitMs ? 0 : nLimitMs - static_cast<DWORD>(nElapsed);
-    nLeft = nByClock < nLeft ? nByClock : nLeft - 1;
-    errno = ETIMEDOUT;
-  }
-  const int iError = errno;
-  if (!_ChangeRequest(nRequest, REQUEST_PENDING, REQUEST_ABANDONED)) {
-    MdAdd(_g_nStrayPosts, 1);  // carried out at the last moment: its post stays behind
-    return true;
-  }
-  errno = iError;
-  return false;
-}
-
-// A message for the metadata thread; NULL without memory.
-static HMBOXMSG _AllocControlMessage(DWORD dwEventID, MDATA_SRC_HANDLE hSource) {
-  HMBOXMSG hMsg = __MBOX_AllocMessage(0, __func__, MD_MODULE, __LINE__);
-  if (hMsg == nullptr) return nullptr;
-  MBOX_MSGHEADER* pHeader = MBOX_GetMessageHeader(hMsg);
-  pHeader->dwEventID = dwEventID;
-  pHeader->pvParam1 = hSource;
-  return hMsg;
-}
-
-// Sends the message and waits. Returns the wait's result, FALSE with errno set; *pbSent tells whether a message names
-// the request.
-// KEPT: a failed send is only logged and the wait still takes place; nothing is undone after it.
-static bool _CallThread(HMBOXMSG hMsg, int32_t& nRequest, DWORD nLimitMs, bool* pbSent) {
-  MdStoreRelease(nRequest, REQUEST_PENDING);
-  *pbSent = MBOX_SendMessage(_g_hMetaDataThreadMBox, hMsg, 0) != FALSE;
-  if (!*pbSent) {
-    MD_LOG(3, "MBOX_SendMessage FAILED.\n");
-    MBOX_FreeMessage(hMsg);
-  }
-  MD_LOG(6, "Waiting for metadata source thread semaphore.\n");
-  if (!_WaitForRequest(nRequest, nLimitMs)) return false;
-  MD_LOG(6, "Wait successful.\n");
-  return true;
-}
-
-// The same for the shut-down, which must arrive: a thread without sources sleeps until a message wakes it. So the send
-// is repeated while it fails; all of it takes kShutdownWaitMs at most. Failed attempts are logged once.
-static bool _CallThreadToEnd(HMBOXMSG hMsg, bool* pbSent) {
-  const UINT64 nStart = _MonotonicMs();
-  UINT64 nElapsed = 0;
-  MdStoreRelease(_g_nShutdownRequest, REQUEST_PENDING);
-  *pbSent = MBOX_SendMessage(_g_hMetaDataThreadMBox, hMsg, 0) != FALSE;
-  if (!*pbSent) MD_LOG(3, "MBOX_SendMessage FAILED.\n");
-  MD_LOG(6, "Waiting for metadata source thread semaphore.\n");
-  while (!*pbSent && nElapsed < kShutdownWaitMs) {
-    _SleepMs(kResendPauseMs);
-    *pbSent = MBOX_SendMessage(_g_hMetaDataThreadMBox, hMsg, 0) != FALSE;
-    nElapsed = _MonotonicMs() - nStart;
-  }
-  if (!*pbSent) MBOX_FreeMessage(hMsg);
-  const DWORD nLeft = nElapsed < kShutdownWaitMs ? kShutdownWaitMs - static_cast<DWORD>(nElapsed) : 0;
-  if (!_WaitForRequest(_g_nShutdownRequest, nLeft)) return false;
-  MD_LOG(6, "Wait successful.\n");
-  return true;
 }
 
 // =====================================================================================================
@@ -248,8 +120,7 @@ static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox);
 // Starts over after an earlier shut-down.
 static void _ResetThreadState() {
   MdStoreRelease(_g_bShutdownThread, FALSE);
-  MdStoreRelease(_g_nShutdownRequest, REQUEST_NONE);
-  MdStoreRelease(_g_nStrayPosts, 0);
+  _ResetRequests();
   _g_pCurrentThreadSelectTimeOut = nullptr;
   _g_bSelectTimeOutChanged = TRUE;
   _g_bGridInitialized = FALSE;
@@ -1927,7 +1798,7 @@ static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
   } else {
     nTaken = read(iFD, hSource->RxBuffer, kSerialReadSize);
   }
-  if (nTaken <= 0) _SleepOneMs();  // readable without giving anything
+  if (nTaken <= 0) _SleepMs(1);  // readable without giving anything
 }
 
 // =====================================================================================================
@@ -1960,7 +1831,7 @@ void _SerialDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
     bRead = _ReadSerial(pHandle, iFD);
   }
   // A device that has hung up stays readable without giving anything: do not spin on it.
-  if (!bRead) _SleepOneMs();
+  if (!bRead) _SleepMs(1);
 }
 
 void _KLV_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {

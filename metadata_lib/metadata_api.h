@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include "host.h"
+#include "md_request.h"
 #include "md_source.h"
 #include "md_xml_log.h"
 #include "metadata_lib.h"
@@ -18,11 +19,6 @@ inline constexpr char kSerialDevice[] = "/dev/ttyPS0";
 inline constexpr int kSerialReadSize = 48;      // bytes of one serial read
 inline constexpr int kVideoRoom = 4101;         // bytes offered to the capture for one packet
 inline constexpr int kMaxKLVPerIteration = 60;  // packets of one video input taken in one pass
-inline constexpr DWORD kSourceWaitMs = 5000;    // limit of the wait for an added or removed source
-inline constexpr DWORD kShutdownWaitMs = 3000;  // limit of the wait for the thread's end
-
-// Control messages of the metadata thread; pvParam1 is the source record.
-enum : DWORD { EVENTID_ADD_FD = 0, EVENTID_REMOVE_FD = 1, EVENTID_SHUTDOWN_THREAD = 2 };
 
 // --- Library-wide state ------------------------------------------------------------------------------
 
@@ -34,8 +30,6 @@ extern FLIST_D
 extern HFDSET g_hMetaDataFDSet;  // metadata thread only once it runs
 
 extern HTHREAD _g_hMetaDataProcessingThread;            // encoder threads in Init and Shutdown
-extern HMBOX _g_hMetaDataThreadMBox;                    // read-only while the thread runs
-extern WAIT_COND _g_MetaDataThreadCond;                 // posted once per handled control event
 extern BOOL _g_bShutdownThread;                         // atomic; ends the thread's loop
 extern BOOL _g_bUsingInternalThread;                    // set by Init, cleared by a shut-down that ended the thread
 extern BOOL _g_bCoTSupportEnabled;                      // read-only after METADATALIB_Init
@@ -47,9 +41,6 @@ extern VIDEO_EXTRACTOR _g_aVideoExtractors[4];  // metadata thread; closers once
 extern time_t _tLastLog;      // short-KLV warning, one time for the whole library; metadata thread only
 extern time_t _tLastLogTime;  // "No KLV retrieved" warning, likewise; metadata thread only
 
-// Bookkeeping of the hand-shake.
-extern int32_t _g_nShutdownRequest;     // tagREQUEST_STATE of the shut-down; atomic
-extern int32_t _g_nStrayPosts;          // posts in _g_MetaDataThreadCond that nobody waits for any more; atomic
 extern MDATA_SRC_HANDLE _g_pSweepList;  // closes that no message names; under _g_SrcListLock
 
 // Private leaf locks: nothing else is taken while one is held.
