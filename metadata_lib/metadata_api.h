@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include "host.h"
+#include "md_relay.h"
 #include "md_request.h"
 #include "md_source.h"
 #include "md_xml_log.h"
@@ -68,13 +69,6 @@ BOOL _IsTTLDetectionNeeded(MDATA_SRC_HANDLE pHandle);
 BOOL _IsTOSDetectionNeeded(MDATA_SRC_HANDLE pHandle);
 BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE pHandle);
 BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr);
-
-// --- Relaying ----------------------------------------------------------------------------------------
-
-BOOL _CreateRelayingSockets(const MDATA_SRC_CFG* pCfg, int* piSockets, size_t nNumOfSockets);
-void _InitRelayers(MDATA_SRC_HANDLE pHandle);
-BOOL _RelayMetaData(MDATA_SRC_HANDLE pMDataSource, const void* pvBuffer, size_t nSize, const BYTE* pcTOS,
-                    const BYTE* pcTTL);
 
 // --- Receive roads -----------------------------------------------------------------------------------
 
