@@ -3,20 +3,17 @@
 //
 // Contents
 //    1. Library-wide state
-//    2. Small helpers: error texts, pauses, capture files
-//    3. Hand-shake with the metadata thread
-//    4. Lifecycle: METADATALIB_Init, METADATALIB_Shutdown
-//    5. The metadata thread: loop, control events, video extractors
-//    6. Sources: look-ups, receive sockets, inserts
-//    7. Sources: opening
-//    8. Sources: closing
-//    9. Statistics
-//   10. UDP reception, TTL and TOS detection
-//   11. Relaying
-//   12. What all receive roads share: rewriting, stream header, rate, raw capture
-//   13. KLV roads: serial and UDP
-//   14. CoT roads: UDP and serial
-//   15. Video road and decimation
+//    2. Small helpers
+//    3. Lifecycle: METADATALIB_Init, METADATALIB_Shutdown
+//    4. The metadata thread: loop, control events, video extractors
+//    5. Sources: look-ups, receive sockets
+//    6. Sources: opening
+//    7. Sources: closing
+//    8. Statistics
+//    9. What all receive roads share: rewriting, stream header, rate, raw capture
+//   10. KLV roads: serial and UDP
+//   11. CoT roads: UDP and serial
+//   12. Video road and decimation
 //
 // Lock order: g_MetaDataAPIMutex, then at most one of the leaf locks _g_SrcListLock, _g_XMLOutLock, _g_SenderLock.
 // The metadata thread never waits for g_MetaDataAPIMutex longer than kSerialLockMs milliseconds, because an
@@ -34,6 +31,8 @@
 #include "md_guard.h"
 #include "md_relay.h"
 #include "md_request.h"
+#include "md_source.h"
+#include "md_udp.h"
 #include "misb0601_tools.h"
 
 #define MD_MODULE "metadata_api"
@@ -67,15 +66,13 @@ time_t _tLastLogTime = 0;
 MDATA_SRC_HANDLE _g_pSweepList = nullptr;
 
 pthread_mutex_t _g_SrcListLock = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr long kSerialLockMs = 20;          // limit of the serial road's wait for g_MetaDataAPIMutex
 static constexpr int kSmallestUASMessage = 20;     // key, length and one element
 static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet stays below
-static constexpr BYTE _acAnyAddress[16] = {};      // the IPv6 "any" address
 
 // =====================================================================================================
-// 2. Small helpers: error texts, pauses, capture files. Any thread; no state of their own.
+// 2. Small helpers. Any thread; no state of their own.
 // =====================================================================================================
 
 namespace {
@@ -110,7 +107,7 @@ SerialApiLock::SerialApiLock() {
 }
 
 // =====================================================================================================
-// 4. Lifecycle. Called by the encoder, once each, before and after everything else.
+// 3. Lifecycle. Called by the encoder, once each, before and after everything else.
 // =====================================================================================================
 
 static void _ReleaseSource(MDATA_SRC_HANDLE pHandle);
@@ -240,7 +237,7 @@ void METADATALIB_Shutdown(void) {
 }
 
 // =====================================================================================================
-// 5. The metadata thread: its loop, the control events, the video extractors. Runs on that thread alone, which
+// 4. The metadata thread: its loop, the control events, the video extractors. Runs on that thread alone, which
 //    owns the source list, the read set, the extractor table and the time-out variables. The list is read here
 //    without a lock and changed under _g_SrcListLock, for the look-ups of the encoder's threads.
 // =====================================================================================================
@@ -514,7 +511,7 @@ static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded) {
 }
 
 // =====================================================================================================
-// 6. Sources: look-ups, receive sockets, inserts. Run on the opener's thread under g_MetaDataAPIMutex; the look-ups
+// 5. Sources: look-ups, receive sockets. Run on the opener's thread under g_MetaDataAPIMutex; the look-ups
 //    take _g_SrcListLock, because a close on another thread lets the metadata thread change the list meanwhile.
 // =====================================================================================================
 
@@ -610,7 +607,7 @@ BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg
 }
 
 // =====================================================================================================
-// 7. Sources: opening. Runs on the encoder's thread, which holds g_MetaDataAPIMutex until the metadata thread has
+// 6. Sources: opening. Runs on the encoder's thread, which holds g_MetaDataAPIMutex until the metadata thread has
 //    taken the source over.
 // =====================================================================================================
 
@@ -882,7 +879,7 @@ BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc) {
 }
 
 // =====================================================================================================
-// 8. Sources: closing. Runs on the encoder's thread without g_MetaDataAPIMutex. When that thread gave up waiting, the
+// 7. Sources: closing. Runs on the encoder's thread without g_MetaDataAPIMutex. When that thread gave up waiting, the
 //    metadata thread does the rest.
 // =====================================================================================================
 
@@ -964,7 +961,7 @@ BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
 }
 
 // =====================================================================================================
-// 9. Statistics. Run on the encoder's threads under g_MetaDataAPIMutex while the metadata thread goes on counting:
+// 8. Statistics. Run on the encoder's threads under g_MetaDataAPIMutex while the metadata thread goes on counting:
 //    single values are whole, a record may mix values from before and after one message.
 // =====================================================================================================
 
@@ -1010,23 +1007,6 @@ static void _GetKLVStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
   }
   // KEPT: without inserts the caller's values stay, also when tag filters rewrite.
   if (_HasKLVInserts(pHandle->Config)) _CopyKLVStats(&pStats->prot.KLV, pHandle->KLVStats);
-}
-
-static void _GetSenderStats(MDATA_SRC_HANDLE pHandle, MDATA_INET_STATS* pStats) {
-  MdLock Lock(_g_SenderLock);
-  pStats->iSourceAddressFamily = pHandle->iSourceAddressFamily;
-  switch (pHandle->iSourceAddressFamily) {
-    case AF_INET:
-      memcpy(pStats->SourceAddress, pHandle->acSourceAddress, 4);
-      break;
-    case AF_INET6:
-      memcpy(pStats->SourceAddress, pHandle->acSourceAddress, 16);
-      break;
-    default:
-      pStats->iSourceAddressFamily = 0;
-      memset(pStats->SourceAddress, 0, sizeof(pStats->SourceAddress));
-      break;
-  }
 }
 
 static void _GetRelayStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
@@ -1122,11 +1102,7 @@ BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) 
   // KEPT: for every data type; with a KLV source these places of the union hold KLV counters.
   MdStore(pHandle->nCoTConvertedKLVBytes, pStats->prot.CoT.nConvertedKLVBytes);
   MdStore(pHandle->nCoTConvertedKLVMessages, pStats->prot.CoT.nConvertedKLVMessages);
-  if (pHandle->Config.enInputType == MDATA_INPUT_NETWORK) {
-    MdLock SenderLock(_g_SenderLock);
-    memcpy(pHandle->acSourceAddress, pStats->in.Network.SourceAddress, sizeof(pHandle->acSourceAddress));
-    // KEPT: the family is not restored
-  }
+  if (pHandle->Config.enInputType == MDATA_INPUT_NETWORK) _SetSenderStats(pHandle, pStats->in.Network);
   _SetProtocolStats(pHandle, pStats);
   for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) _StoreRelayStats(&pHandle->Relayers[i], pStats->Relays[i]);
   MdStore(pHandle->SourceTTL, pStats->iSrcTTL);
@@ -1139,191 +1115,7 @@ BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) 
 }
 
 // =====================================================================================================
-// 10. UDP reception, TTL and TOS detection. Receiving runs on the metadata thread, switching the detection on in the
-//     opener. State: the record's last sender, under _g_SenderLock.
-// =====================================================================================================
-
-static bool _HoldsValue(const struct cmsghdr* pControl, size_t nValueSize) {
-  return pControl->cmsg_len >= CMSG_LEN(nValueSize);
-}
-
-static void _StoreTTL(const struct cmsghdr* pControl, BYTE* pcTTL) {
-  int iTTL = 0;
-  memcpy(&iTTL, CMSG_DATA(pControl), sizeof(iTTL));
-  if (pControl->cmsg_level == IPPROTO_IPV6) MD_LOG(7, "Got hop limit (%d) information.\n", iTTL);
-  MD_ASSERT(iTTL >= 0);
-  MD_ASSERT(iTTL < 256);
-  *pcTTL = static_cast<BYTE>(iTTL & 0xFF);
-}
-
-// KEPT: TOS is tested before TTL, so one control message fills at most one of the two.
-static void _ReadIPv4Control(const struct cmsghdr* pControl, UINT nNumber, BYTE* pcTOS, BYTE* pcTTL) {
-  if (pControl->cmsg_type == IP_TOS && pcTOS != nullptr) {
-    if (_HoldsValue(pControl, sizeof(BYTE))) *pcTOS = *CMSG_DATA(pControl);
-  } else if (pControl->cmsg_type == IP_TTL && pcTTL != nullptr) {
-    if (_HoldsValue(pControl, sizeof(int))) _StoreTTL(pControl, pcTTL);
-  } else {
-    MD_LOG(4, "ANC#%u Unknown (%d) information.\n", nNumber, pControl->cmsg_type);
-  }
-}
-
-static void _ReadIPv6Control(const struct cmsghdr* pControl, UINT nNumber, BYTE* pcTOS, BYTE* pcTTL) {
-  if (pControl->cmsg_type == IPV6_TCLASS && pcTOS != nullptr) {
-    if (!_HoldsValue(pControl, sizeof(BYTE))) return;
-    const BYTE cTrafficClass = *CMSG_DATA(pControl);
-    MD_LOG(7, "Got traffic class (%d) information.\n", cTrafficClass);
-    *pcTOS = cTrafficClass;
-  } else if (pControl->cmsg_type == IPV6_HOPLIMIT && pcTTL != nullptr) {
-    if (_HoldsValue(pControl, sizeof(int))) _StoreTTL(pControl, pcTTL);
-  } else {
-    MD_LOG(4, "ANC#%u Unknown IPv6 (%d) information.\n", nNumber, pControl->cmsg_type);
-  }
-}
-
-static void _ReadControlMessages(struct msghdr* pMessage, const struct sockaddr_storage* pFromAddr, BYTE* pcTOS,
-                                 BYTE* pcTTL) {
-  UINT nNumber = 0;
-  for (struct cmsghdr* pControl = CMSG_FIRSTHDR(pMessage); pControl != nullptr;
-       pControl = CMSG_NXTHDR(pMessage, pControl)) {
-    ++nNumber;
-    switch (pControl->cmsg_level) {
-      case IPPROTO_IP:
-        MD_LOG(7, "IPPROTO_IP.\n");
-        MD_ASSERT_TEXT(pFromAddr == nullptr || pFromAddr->ss_family == AF_INET,
-                       "((struct sockaddr *)pFromAddr)->sa_family == AF_INET");
-        _ReadIPv4Control(pControl, nNumber, pcTOS, pcTTL);
-        break;
-      case IPPROTO_IPV6:
-        MD_LOG(7, "IPPROTO_IPV6.\n");
-        MD_ASSERT_TEXT(pFromAddr == nullptr || pFromAddr->ss_family == AF_INET6,
-                       "((struct sockaddr *)pFromAddr)->sa_family == AF_INET6");
-        _ReadIPv6Control(pControl, nNumber, pcTOS, pcTTL);
-        break;
-      default:
-        MD_LOG(4, "ANC#%u Unknown level (%d) ancilliary data found.\n", nNumber, pControl->cmsg_level);
-        break;
-    }
-  }
-}
-
-int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockaddr_storage* pFromAddr, BYTE* pcTOS,
-                   BYTE* pcTTL) {
-  const bool bWantsControl = pcTOS != nullptr || pcTTL != nullptr;
-  alignas(struct cmsghdr) BYTE acControl[48] = {};
-  struct iovec Part = {pvBuffer, nBuffSize};
-  struct msghdr Message = {};
-  Message.msg_iov = &Part;
-  Message.msg_iovlen = 1;
-  if (pFromAddr != nullptr) {
-    memset(pFromAddr, 0, sizeof(*pFromAddr));
-    Message.msg_name = pFromAddr;
-    Message.msg_namelen = sizeof(*pFromAddr);
-  }
-  if (bWantsControl) {
-    Message.msg_control = acControl;
-    Message.msg_controllen = sizeof(acControl);
-  }
-  const int nResult = static_cast<int>(recvmsg(iSocket, &Message, MSG_DONTWAIT));
-  if (nResult <= 0) {
-    const int iError = errno;
-    MD_LOG(3, "recvmsg returned %d, errno=%d, \"%s\".\n", nResult, iError, ErrnoText(iError).szText);
-    errno = iError;
-    return nResult;
-  }
-  if (bWantsControl) _ReadControlMessages(&Message, pFromAddr, pcTOS, pcTTL);
-  return nResult;
-}
-
-// KEPT: only -1 asks for the socket option, while any negative value sets bDetectTTL or bDetectTOS.
-BOOL _IsTTLDetectionNeeded(MDATA_SRC_HANDLE pHandle) {
-  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
-    if (pHandle->Config.Relays[i].IpTTL == -1) return TRUE;
-  }
-  return FALSE;
-}
-
-BOOL _IsTOSDetectionNeeded(MDATA_SRC_HANDLE pHandle) {
-  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
-    if (pHandle->Config.Relays[i].IpTOS == -1) return TRUE;
-  }
-  return FALSE;
-}
-
-// KEPT: the option's value is one byte long.
-static bool _SwitchOn(int iFD, int iOption) {
-  const BYTE cOn = 1;
-  return setsockopt(iFD, IPPROTO_IP, iOption, &cOn, sizeof(cOn)) == 0;
-}
-
-// KEPT: the IPv4 socket only; IPv6 reports what the host's socket was made for.
-BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE pHandle) {
-  BOOL bRetCode = TRUE;
-  const int iFD = pHandle->iFD;
-  if (_IsTTLDetectionNeeded(pHandle) && iFD >= 0) {
-    if (_SwitchOn(iFD, IP_RECVTTL)) {
-      MD_LOG(5, "Successfully set IP_RECVTTL socket option.\n");
-    } else {
-      const int iError = errno;
-      bRetCode = FALSE;
-      MD_LOG(3, "Unable to set IP_RECVTTL socket option, errno (%d): \"%s\".\n", iError, ErrnoText(iError).szText);
-    }
-  }
-  if (_IsTOSDetectionNeeded(pHandle) && iFD >= 0) {
-    if (_SwitchOn(iFD, IP_RECVTOS)) {
-      MD_LOG(5, "Successfully set IP_RECVTOS socket option.\n");
-    } else {
-      const int iError = errno;
-      bRetCode = FALSE;
-      MD_LOG(3, "Unable to set IP_RECVTOS socket option, errno (%d): \"%s\".\n", iError, ErrnoText(iError).szText);
-    }
-  }
-  return bRetCode;
-}
-
-static void _RecordSender(MDATA_SRC_HANDLE hSource, int iFamily, const void* pvAddress, size_t nSize) {
-  MdLock Lock(_g_SenderLock);
-  hSource->iSourceAddressFamily = iFamily;
-  memcpy(hSource->acSourceAddress, pvAddress, nSize);
-}
-
-// KEPT: 0 and everything from 224 up, groups and reserved addresses alike, accepts every sender.
-static bool _AcceptsIPv4(const BYTE* pcConfigured, const void* pvSender) {
-  const bool bUnicast = pcConfigured[0] != 0 && pcConfigured[0] < 224;
-  return !bUnicast || memcmp(pcConfigured, pvSender, 4) == 0;
-}
-
-// KEPT: no exception for multicast.
-static bool _AcceptsIPv6(const BYTE* pcConfigured, const void* pvSender) {
-  return memcmp(pcConfigured, _acAnyAddress, 16) == 0 || memcmp(pcConfigured, pvSender, 16) == 0;
-}
-
-// KEPT: the configured address is compared with family 0 too.
-BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr) {
-  const int iConfigured = hSource->Config.in.Network.iSrcAddressFamily;
-  const BYTE* pcConfigured = hSource->Config.in.Network.acSrcAddress;
-  if (pAddr->ss_family == AF_INET && (iConfigured == AF_INET || iConfigured == 0)) {
-    struct sockaddr_in Sender = {};
-    memcpy(&Sender, pAddr, sizeof(Sender));
-    if (_AcceptsIPv4(pcConfigured, &Sender.sin_addr)) {
-      MD_LOG(7, "IPv4 packet is for us.\n");
-      _RecordSender(hSource, AF_INET, &Sender.sin_addr, 4);
-      return TRUE;
-    }
-  } else if (pAddr->ss_family == AF_INET6 && (iConfigured == AF_INET6 || iConfigured == 0)) {
-    struct sockaddr_in6 Sender = {};
-    memcpy(&Sender, pAddr, sizeof(Sender));
-    if (_AcceptsIPv6(pcConfigured, &Sender.sin6_addr)) {
-      MD_LOG(7, "IPv6 packet is for us.\n");
-      _RecordSender(hSource, AF_INET6, &Sender.sin6_addr, 16);
-      return TRUE;
-    }
-  }
-  MD_LOG(7, "It's NOT for us.\n");
-  return FALSE;
-}
-
-// =====================================================================================================
-// 12. What all receive roads share: rewriting, stream header, rate, raw capture. Metadata thread; state: the record's
+// 9. What all receive roads share: rewriting, stream header, rate, raw capture. Metadata thread; state: the record's
 //     header sequence, capture file and rate time, and the library-wide _tLastLog.
 // =====================================================================================================
 
@@ -1449,28 +1241,6 @@ BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFF
   return ProcessUASDataLinkLocalSet(hSource, pcData, nTotal, nHeaderSize, ppNewBuff, pnNewSize);
 }
 
-// Receives one datagram into RxBuffer, with its TOS and TTL where they are detected. Returns its length, or 0 when
-// there is none for this source.
-static int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int iFD, struct sockaddr_storage* pFrom, BYTE* pcTOS,
-                            BYTE* pcTTL) {
-  const int nLength = _RecvUDPPacket(iFD, hSource->RxBuffer, sizeof(hSource->RxBuffer), pFrom,
-                                     hSource->bDetectTOS ? pcTOS : nullptr, hSource->bDetectTTL ? pcTTL : nullptr);
-  if (nLength == 0) {
-    MD_LOG(5, "recvfrom returned 0.\n");
-    return 0;
-  }
-  if (nLength < 0) {
-    const int iError = errno;
-    MD_LOG(5, "recvfrom failed, rc=%d, errno=%d, \"%s\".\n", nLength, iError, ErrnoText(iError).szText);
-    return 0;
-  }
-  if (!_IsUDPDataForSource(hSource, pFrom)) {
-    MD_LOG(7, "Rejecting %d bytes from %s.\n", nLength, SenderText(*pFrom).szText);
-    return 0;
-  }
-  return nLength;
-}
-
 // Takes what waits on the descriptor of a source whose close was given up, silently, so that it does not wake the
 // thread over and over until the source leaves the read set.
 static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
@@ -1488,7 +1258,7 @@ static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
 }
 
 // =====================================================================================================
-// 13. KLV roads. The read handlers of serial sources and of KLV over UDP, the message handler of the KLV stream
+// 10. KLV roads. The read handlers of serial sources and of KLV over UDP, the message handler of the KLV stream
 //     decoder, and the encoder's release call. Metadata thread, except MetaData_ReleaseBuffer; the serial road holds
 //     g_MetaDataAPIMutex while it reads, decodes and calls back.
 // =====================================================================================================
@@ -1604,7 +1374,7 @@ void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff) {
 }
 
 // =====================================================================================================
-// 14. CoT roads. The read handler of CoT over UDP and the message handler of the serial CoT decoder. Metadata thread;
+// 11. CoT roads. The read handler of CoT over UDP and the message handler of the serial CoT decoder. Metadata thread;
 //     the serial one runs inside the serial read handler, under g_MetaDataAPIMutex.
 // =====================================================================================================
 
@@ -1705,7 +1475,7 @@ void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
 }
 
 // =====================================================================================================
-// 15. Video road and decimation. The read handler of a video input's capture, which serves every source of that
+// 12. Video road and decimation. The read handler of a video input's capture, which serves every source of that
 //     input. Metadata thread; no lock. State: the records' DecimateCtrl and the library-wide _tLastLogTime.
 // =====================================================================================================
 

@@ -11,6 +11,7 @@
 #include "md_relay.h"
 #include "md_request.h"
 #include "md_source.h"
+#include "md_udp.h"
 #include "md_xml_log.h"
 #include "metadata_lib.h"
 
@@ -44,9 +45,8 @@ extern time_t _tLastLogTime;  // "No KLV retrieved" warning, likewise; metadata 
 
 extern MDATA_SRC_HANDLE _g_pSweepList;  // closes that no message names; under _g_SrcListLock
 
-// Private leaf locks: nothing else is taken while one is held.
+// A private leaf lock: nothing else is taken while it is held.
 extern pthread_mutex_t _g_SrcListLock;  // look-ups against list changes; counts taken off the video inputs
-extern pthread_mutex_t _g_SenderLock;   // last sender addresses
 
 // --- Lifecycle and metadata thread -------------------------------------------------------------------
 
@@ -60,15 +60,6 @@ void _AgeDiscoveredSensors(void);
 BOOL _LocateSerialDataSrc(MDATA_SRC_HANDLE* ppSrc);
 BOOL _LocateDataSrcByUDPPort(USHORT usPort, MDATA_SRC_HANDLE* ppSrc);
 BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg);
-
-// --- UDP reception -----------------------------------------------------------------------------------
-
-int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockaddr_storage* pFromAddr, BYTE* pcTOS,
-                   BYTE* pcTTL);
-BOOL _IsTTLDetectionNeeded(MDATA_SRC_HANDLE pHandle);
-BOOL _IsTOSDetectionNeeded(MDATA_SRC_HANDLE pHandle);
-BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE pHandle);
-BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr);
 
 // --- Receive roads -----------------------------------------------------------------------------------
 

@@ -5,6 +5,7 @@
 
 #include "builders.h"
 #include "engine_test.h"
+#include "md_udp.h"
 
 namespace {
 
