@@ -10,7 +10,7 @@
 //    6. Sources: opening
 //    7. Sources: closing
 //    8. Statistics
-//    9. What all receive roads share: rewriting, stream header, rate, raw capture
+//    9. What the receive paths share: raw capture, counting, discarding
 //   10. KLV roads: serial and UDP
 //   11. CoT roads: UDP and serial
 //   12. Video road and decimation
@@ -28,6 +28,7 @@
 #include <unistd.h>
 
 #include "md_atomic.h"
+#include "md_delivery.h"
 #include "md_guard.h"
 #include "md_relay.h"
 #include "md_request.h"
@@ -60,7 +61,6 @@ struct timeval _g_ThreadSelectTimeOut = {1, 0};
 struct timeval* _g_pCurrentThreadSelectTimeOut = nullptr;
 BOOL _g_bSelectTimeOutChanged = TRUE;
 VIDEO_EXTRACTOR _g_aVideoExtractors[4] = {{-1, 0}, {-1, 0}, {-1, 0}, {-1, 0}};
-time_t _tLastLog = 0;
 time_t _tLastLogTime = 0;
 
 MDATA_SRC_HANDLE _g_pSweepList = nullptr;
@@ -68,7 +68,6 @@ MDATA_SRC_HANDLE _g_pSweepList = nullptr;
 pthread_mutex_t _g_SrcListLock = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr long kSerialLockMs = 20;          // limit of the serial road's wait for g_MetaDataAPIMutex
-static constexpr int kSmallestUASMessage = 20;     // key, length and one element
 static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet stays below
 
 // =====================================================================================================
@@ -1115,27 +1114,9 @@ BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) 
 }
 
 // =====================================================================================================
-// 9. What all receive roads share: rewriting, stream header, rate, raw capture. Metadata thread; state: the record's
-//     header sequence, capture file and rate time, and the library-wide _tLastLog.
+// 9. What the receive paths share: raw capture, counting, discarding. Metadata thread; state: the record's capture file.
+//    Rewriting and delivery are in md_delivery.
 // =====================================================================================================
-
-namespace {
-
-// What becomes of a message.
-enum class Rewritten {
-  Unchanged,  // goes on as it is
-  Replaced,   // by a new buffer, whose one reference is the caller's
-  Nothing     // nothing is left to send: the message ends
-};
-
-}  // namespace
-
-// The rate counter takes the running total once per wall-clock second.
-static void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 nRunningTotal, time_t tNow) {
-  if (hSource->tLastRateSampleTime == tNow) return;
-  if (hSource->hOutputRate != nullptr) AddCounterValue(hSource->hOutputRate, nRunningTotal);
-  hSource->tLastRateSampleTime = tNow;
-}
 
 // A capture that cannot go on, or is full, ends for good.
 static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int nSize) {
@@ -1145,103 +1126,16 @@ static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int nSize) {
     _CloseFile(hSource->CaptureFP);
 }
 
-// Writes the stream header into the reserve in front of the message. The length is the 16-bit low part of the one
-// given, which may differ from the buffer's; the sequence number is advanced by the caller.
-//
-//   offset size value
-//        0    1 0x00
-//        1    1 HeaderSequence
-//        2    1 0xDF
-//        3    2 length, big-endian
-static void _PrependStreamHeader(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, int nLength) {
-  pBuff->pcData -= MDATA_STREAM_HEADER_SIZE;
-  pBuff->nDataSize += MDATA_STREAM_HEADER_SIZE;
-  pBuff->pcData[0] = 0x00;
-  pBuff->pcData[1] = hSource->HeaderSequence;
-  pBuff->pcData[2] = 0xDF;
-  pBuff->pcData[3] = static_cast<BYTE>((nLength >> 8) & 0xFF);
-  pBuff->pcData[4] = static_cast<BYTE>(nLength & 0xFF);
+// Counts a message that does not pass through the decoder in the decoder's counters, and feeds the rate.
+static void _CountMessage(MDATA_SRC_HANDLE hSource, int nLength, time_t tNow) {
+  if (hSource->pvDecodeCtxt == nullptr) return;
+  KLV_STATS* pStats = GenericKLV_GetStatsPtr(hSource->pvDecodeCtxt);
+  MdAdd(pStats->nRxOkMessages, 1);
+  const UINT64 nTotal = MdAdd(pStats->nTotalRxBytes, nLength);
+  _FeedOutputRate(hSource, nTotal, tNow);
 }
 
-// KEPT: the first user parameter is delivered twice.
-// A close can be given up while its source's message is under way: the encoder is called only if it was not.
-static BOOL _CallReadyCallback(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff) {
-  if (hSource->Config.pfnCallback == nullptr || _IsGivenUp(hSource)) return FALSE;
-  return hSource->Config.pfnCallback(pBuff, hSource->Config.pvUserParam1, hSource->Config.pvUserParam1);
-}
-
-static bool _WantsRewriting(MDATA_SRC_HANDLE hSource) {
-  return hSource->pMissionID != nullptr || hSource->pSecurityMDataSet != nullptr || hSource->Config.bFilterUASTags ||
-         hSource->Config.bFilterUASSecurityTags;
-}
-
-// The one place that decides what the result of the rewriting means, on every road: a refusal lets the message go on
-// unchanged, also when it was refused as invalid.
-static Rewritten _Rewrite(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFFER** ppNewBuff, int* pnNewSize) {
-  *ppNewBuff = nullptr;
-  if (!_ProcessRxKLV(hSource, pcData, nSize, ppNewBuff, pnNewSize)) return Rewritten::Unchanged;
-  return *ppNewBuff != nullptr ? Rewritten::Replaced : Rewritten::Nothing;
-}
-
-// KEPT: the text says 16 bytes, the limit is 19; at most one such line in five seconds for the whole library.
-static void _LogShortMessage() {
-  const time_t tNow = time(nullptr);
-  if (tNow - _tLastLog <= kLogHoldOffSecs) return;
-  _tLastLog = tNow;
-  MD_LOG(4, "Got less than 16 bytes of KLV.\n");
-}
-
-// Reads the BER length behind the key: size of key and length field, and of the whole message as an unsigned 16-bit
-// value, which wraps. FALSE for a form that is not supported.
-// KEPT: only the one- and two-byte long forms.
-static bool _ReadUASHeader(const BYTE* pcData, int* pnHeaderSize, WORD* pnTotal) {
-  const int nForm = pcData[kUASKeySize];
-  if ((nForm & 0x80) == 0) {
-    *pnHeaderSize = 17;
-    *pnTotal = static_cast<WORD>(nForm + 17);
-    return true;
-  }
-  const int nBytes = nForm & 0x7F;
-  switch (nBytes) {
-    case 1:
-      *pnHeaderSize = 18;
-      *pnTotal = static_cast<WORD>(pcData[17] + 18);
-      return true;
-    case 2:
-      *pnHeaderSize = 19;
-      *pnTotal = static_cast<WORD>((pcData[17] << 8) + pcData[18] + 19);
-      return true;
-    default:
-      MD_LOG(4, "Unsupported number of bytes (%d) for UAV data set length.\n", nBytes);
-      return false;
-  }
-}
-
-BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFFER** ppNewBuff, int* pnNewSize) {
-  if (nSize < kSmallestUASMessage) {
-    _LogShortMessage();
-    return FALSE;
-  }
-  if (memcmp(pcData, UASDataLinkKey, kUASKeySize) != 0) {
-    MD_LOG(7, "NON UAS Data Set detected for source#%d.\n", hSource->Config.nIndex);
-    MD_DUMP(7, "First 16 Bytes of Rx Data", pcData, kUASKeySize);
-    MD_DUMP(7, "UAS Header", UASDataLinkKey, kUASKeySize);
-    return FALSE;
-  }
-  MD_LOG(7, "Got UAS KLV message of %d bytes.\n", nSize);
-  int nHeaderSize = 0;
-  WORD nTotal = 0;
-  if (!_ReadUASHeader(pcData, &nHeaderSize, &nTotal)) return FALSE;
-  if (nTotal > nSize) {
-    MD_LOG(3, "UAV set of %d bytes received but buffer is %d bytes.\n", nTotal, nSize);
-    return FALSE;
-  }
-  if (nTotal < nHeaderSize) return FALSE;  // the 16-bit total wrapped
-  // KEPT: what follows the total is left out of the rewritten message.
-  return ProcessUASDataLinkLocalSet(hSource, pcData, nTotal, nHeaderSize, ppNewBuff, pnNewSize);
-}
-
-// Takes what waits on the descriptor of a source whose close was given up, silently, so that it does not wake the
+// Reads what waits on the descriptor of a source whose close was given up, silently, so that it does not wake the
 // thread over and over until the source leaves the read set.
 static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
   ssize_t nTaken = 0;
@@ -1294,39 +1188,18 @@ void _KLV_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
   const time_t tNow = time(nullptr);
   const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(pHandle)) return;  // the rest of a chunk
-  MDATA_BUFFER* pSubstBuff = nullptr;
-  MDATA_BUFFER* pCurrent = pBuff;
-  if (pHandle->Config.enInputType == MDATA_INPUT_SERIAL && _WantsRewriting(pHandle)) {
-    const Rewritten Result = _Rewrite(pHandle, pBuff->pcData, pBuff->nDataSize, &pSubstBuff, nullptr);
-    if (Result != Rewritten::Unchanged) MD_ASSERT(pSubstBuff != NULL);
-    if (Result == Rewritten::Nothing) return;
-    if (Result == Rewritten::Replaced) {
-      MD_DUMP(6, "Substituted Serial KLV Message", pSubstBuff->pcData, pSubstBuff->nDataSize);
-      pCurrent = pSubstBuff;
-    }
-  }
-  MdBufferRef Substituted(pSubstBuff);
+  MdBufferRef Substituted;
+  if (pHandle->Config.enInputType == MDATA_INPUT_SERIAL &&
+      _RewriteOnPath(pHandle, kKLVSerialTexts, pBuff->pcData, pBuff->nDataSize, Substituted) == Rewritten::Dropped)
+    return;
+  MDATA_BUFFER* pCurrent = Substituted.Get() != nullptr ? Substituted.Get() : pBuff;
   const int nLength = pCurrent->nDataSize;
   // KEPT: relayed after rewriting and without TTL and TOS, unlike UDP.
   if (pHandle->Config.nNumOfRelays != 0)
     _RelayMetaData(pHandle, pCurrent->pcData, static_cast<size_t>(nLength), nullptr, nullptr);
-  _PrependStreamHeader(pHandle, pCurrent, nLength);
-  ++pHandle->HeaderSequence;
   if (pHandle->pvDecodeCtxt != nullptr)
     _FeedOutputRate(pHandle, MdLoad(GenericKLV_GetStatsPtr(pHandle->pvDecodeCtxt)->nTotalRxBytes), tNow);
-  MD_LOG(6, "Got complete KLV message of %d bytes.\n", nLength);
-  MD_DUMP(7, "Streamer KLV AU", pCurrent->pcData, pCurrent->nDataSize);
-  MD_ASSERT(pHandle->Config.pfnCallback != NULL);
-  _CallReadyCallback(pHandle, pCurrent);  // KEPT: the result is ignored
-}
-
-// The decoder sees no datagrams; its counters count them all the same.
-static void _CountDatagram(MDATA_SRC_HANDLE hSource, int nLength, time_t tNow) {
-  if (hSource->pvDecodeCtxt == nullptr) return;
-  KLV_STATS* pStats = GenericKLV_GetStatsPtr(hSource->pvDecodeCtxt);
-  MdAdd(pStats->nRxOkMessages, 1);
-  const UINT64 nTotal = MdAdd(pStats->nTotalRxBytes, nLength);
-  _FeedOutputRate(hSource, nTotal, tNow);
+  _Deliver(pHandle, kKLVSerialTexts, pCurrent, nLength);  // KEPT: the result is ignored
 }
 
 void _KLV_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
@@ -1343,30 +1216,20 @@ void _KLV_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
   MD_DUMP(7, "Input KLV over UDP Message", hSource->RxBuffer, nLength);
   _CaptureRaw(hSource, nLength);
 
-  Rewritten Result = Rewritten::Unchanged;
-  MDATA_BUFFER* pUserBuff = nullptr;
-  if (_WantsRewriting(hSource)) {
-    Result = _Rewrite(hSource, hSource->RxBuffer, nLength, &pUserBuff, nullptr);
-    if (Result != Rewritten::Unchanged) MD_ASSERT(pUserBuff != NULL);
-    if (Result == Rewritten::Replaced)
-      MD_DUMP(7, "Substituted KLV over UDP Message", pUserBuff->pcData, pUserBuff->nDataSize);
-  }
+  MdBufferRef Message;
+  const Rewritten Result = _RewriteOnPath(hSource, kKLVUDPTexts, hSource->RxBuffer, nLength, Message);
   // KEPT: relayed as received, with the received TOS and TTL, also when nothing is left to deliver.
   if (hSource->Config.nNumOfRelays != 0)
     _RelayMetaData(hSource, hSource->RxBuffer, static_cast<size_t>(nLength), &cTOS, &cTTL);
-  if (Result == Rewritten::Nothing) return;
-  if (pUserBuff == nullptr && !DoAllocCopyBufferEx(hSource->RxBuffer, nLength, MDATA_STREAM_HEADER_SIZE, &pUserBuff)) {
+  if (Result == Rewritten::Dropped) return;
+  if (Result == Rewritten::Unchanged &&
+      !DoAllocCopyBufferEx(hSource->RxBuffer, nLength, MDATA_STREAM_HEADER_SIZE, Message.Out())) {
     MD_LOG(4, "No memory for KLV message of %d bytes, dropping it.\n", nLength);
     return;
   }
-  MdBufferRef UserBuff(pUserBuff);
-  _PrependStreamHeader(hSource, pUserBuff, nLength);  // KEPT: the length received, also for a rewritten message
-  ++hSource->HeaderSequence;
-  _CountDatagram(hSource, nLength, tNow);
-  MD_LOG(7, "Got complete KLV message of %d bytes.\n", nLength);
-  MD_DUMP(7, "Streamer KLV AU", pUserBuff->pcData, pUserBuff->nDataSize);
-  MD_ASSERT(hSource->Config.pfnCallback != NULL);
-  _CallReadyCallback(hSource, pUserBuff);  // KEPT: the result is ignored
+  _CountMessage(hSource, nLength, tNow);
+  // KEPT: the header has the length received, also for a rewritten message; the result is ignored.
+  _Deliver(hSource, kKLVUDPTexts, Message.Get(), nLength);
 }
 
 void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff) {
@@ -1378,29 +1241,6 @@ void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff) {
 //     the serial one runs inside the serial read handler, under g_MetaDataAPIMutex.
 // =====================================================================================================
 
-// Rewrites a converted packet where the source asks for it; the new packet takes the old one's place. FALSE when
-// nothing is left to send.
-// KEPT: the dump carries the video road's label.
-static bool _RewriteConverted(MDATA_SRC_HANDLE hSource, MDATA_BUFFER** ppPacket, int* pnLength) {
-  if (!_WantsRewriting(hSource)) return true;
-  MDATA_BUFFER* pSubstBuff = nullptr;
-  const Rewritten Result = _Rewrite(hSource, (*ppPacket)->pcData, *pnLength, &pSubstBuff, nullptr);
-  if (Result == Rewritten::Unchanged) return true;
-  DoReleaseBuffer(ppPacket);
-  MD_ASSERT(pSubstBuff != NULL);
-  if (Result == Rewritten::Nothing) return false;
-  MD_DUMP(6, "Substituted HD-SDI KLV Message", pSubstBuff->pcData, pSubstBuff->nDataSize);
-  *ppPacket = pSubstBuff;
-  *pnLength = pSubstBuff->nDataSize;
-  return true;
-}
-
-// KEPT: the length after rewriting counts, and feeds the rate.
-static void _CountConverted(MDATA_SRC_HANDLE hSource, int nLength) {
-  MdAdd(hSource->nCoTConvertedKLVMessages, 1);
-  MdAdd(hSource->nCoTConvertedKLVBytes, nLength);
-}
-
 static void _CountCoTDatagram(MDATA_SRC_HANDLE hSource, int nLength) {
   if (hSource->pvDecodeCtxt == nullptr) return;
   COT_STATS* pStats = COT_GetStatsPtr(hSource->pvDecodeCtxt);
@@ -1408,13 +1248,26 @@ static void _CountCoTDatagram(MDATA_SRC_HANDLE hSource, int nLength) {
   MdAdd(pStats->nTotalRxBytes, nLength);
 }
 
-// Converts one event. TRUE with a packet; none while a pair waits for its partner, which is normal and silent.
-static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* pcXML, int nSize, MDATA_BUFFER** ppPacket, int* pnLength) {
+// Converts one event. Returns true if a packet was produced, with the converter's length. Producing none while waiting
+// for the partner event is normal and not logged.
+static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* pcXML, int nSize, MdBufferRef& Packet, int* pnLength) {
   if (hSource->hConverter == nullptr) return false;
-  *pnLength = ConvertCoT2KLV(hSource->hConverter, pcXML, nSize, ppPacket);
-  if (*pnLength > 0 && *ppPacket != nullptr) return true;
-  if (*ppPacket != nullptr) ReleaseConvertedData(*ppPacket);
+  *pnLength = ConvertCoT2KLV(hSource->hConverter, pcXML, nSize, Packet.Out());
+  if (*pnLength > 0 && Packet.Get() != nullptr) return true;
+  if (Packet.Get() != nullptr) ReleaseConvertedData(Packet.Take());
   return false;
+}
+
+// Rewrites a converted packet and counts it. Returns false if nothing is left to send.
+// KEPT: the length after rewriting counts, and feeds the rate.
+static bool _RewriteAndCountConverted(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, MdBufferRef& Packet,
+                                      int* pnLength) {
+  const Rewritten Result = _RewriteOnPath(hSource, Texts, Packet->pcData, *pnLength, Packet);
+  if (Result == Rewritten::Dropped) return false;
+  if (Result == Rewritten::Replaced) *pnLength = Packet->nDataSize;
+  MdAdd(hSource->nCoTConvertedKLVMessages, 1);
+  MdAdd(hSource->nCoTConvertedKLVBytes, *pnLength);
+  return true;
 }
 
 void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
@@ -1434,20 +1287,14 @@ void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
   else
     MD_LOG(7, "No relays configured (%u).\n", hSource->Config.nNumOfRelays);
 
-  MDATA_BUFFER* pPacket = nullptr;
+  MdBufferRef Packet;
   int nConvertedLength = 0;
-  if (!_Convert(hSource, hSource->RxBuffer, nLength, &pPacket, &nConvertedLength)) return;
+  if (!_Convert(hSource, hSource->RxBuffer, nLength, Packet, &nConvertedLength)) return;
   MD_LOG(7, "KLV message of %d bytes generated by conversion.\n", nConvertedLength);
-  if (!_RewriteConverted(hSource, &pPacket, &nConvertedLength)) return;
-  _CountConverted(hSource, nConvertedLength);
-  _PrependStreamHeader(hSource, pPacket, nConvertedLength);
-  ++hSource->HeaderSequence;
+  if (!_RewriteAndCountConverted(hSource, kCoTUDPTexts, Packet, &nConvertedLength)) return;
   _FeedOutputRate(hSource, MdLoad(hSource->nCoTConvertedKLVBytes), tNow);
-  MD_LOG(7, "Got complete KLV message of %d bytes.\n", nConvertedLength);
-  MD_DUMP(7, "Streamer KLV AU", pPacket->pcData, pPacket->nDataSize);
-  MD_ASSERT(hSource->Config.pfnCallback != NULL);
-  _CallReadyCallback(hSource, pPacket);
-  DoReleaseBuffer(&pPacket);  // KEPT: the serial road gives it back with ReleaseConvertedData
+  _Deliver(hSource, kCoTUDPTexts, Packet.Get(), nConvertedLength);
+  // KEPT: released as any buffer; the serial path gives it back with ReleaseConvertedData.
 }
 
 void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
@@ -1459,19 +1306,14 @@ void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
   if (pHandle->Config.nNumOfRelays != 0)
     _RelayMetaData(pHandle, pBuff->pcData, static_cast<size_t>(pBuff->nDataSize), nullptr, nullptr);
 
-  MDATA_BUFFER* pPacket = nullptr;
+  MdBufferRef Packet;
   int nConvertedLength = 0;
-  if (!_Convert(pHandle, pBuff->pcData, pBuff->nDataSize, &pPacket, &nConvertedLength)) return;
-  if (!_RewriteConverted(pHandle, &pPacket, &nConvertedLength)) return;
-  _CountConverted(pHandle, nConvertedLength);
-  MD_ASSERT_TEXT(nConvertedLength < kMaxConvertedLength, "nConvertedLength < 16000");  // KEPT: on this road only
-  _PrependStreamHeader(pHandle, pPacket, nConvertedLength);
-  ++pHandle->HeaderSequence;
+  if (!_Convert(pHandle, pBuff->pcData, pBuff->nDataSize, Packet, &nConvertedLength)) return;
+  if (!_RewriteAndCountConverted(pHandle, kCoTSerialTexts, Packet, &nConvertedLength)) return;
+  MD_ASSERT_TEXT(nConvertedLength < kMaxConvertedLength, "nConvertedLength < 16000");  // KEPT: on this path only
   _FeedOutputRate(pHandle, MdLoad(pHandle->nCoTConvertedKLVBytes), tNow);
-  MD_DUMP(6, "Converted Streamer KLV Message", pPacket->pcData + MDATA_STREAM_HEADER_SIZE, nConvertedLength);
-  MD_ASSERT(pHandle->Config.pfnCallback != NULL);
-  _CallReadyCallback(pHandle, pPacket);
-  ReleaseConvertedData(pPacket);
+  _Deliver(pHandle, kCoTSerialTexts, Packet.Get(), nConvertedLength);
+  ReleaseConvertedData(Packet.Take());
 }
 
 // =====================================================================================================
@@ -1516,9 +1358,9 @@ BOOL _ShouldDecimateKLV(MDATA_SRC_HANDLE hSource, MDATA_TIMESTAMP TimeStamp) {
   return FALSE;
 }
 
-// Rewrites a captured packet where the source asks for it; the new one takes the old one's place. FALSE when nothing
-// is left to send.
-static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MDATA_BUFFER** ppBuff) {
+// Rewrites a captured packet where the source asks for it, which this path says in its own lines. Returns false if
+// nothing is left to send.
+static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MdBufferRef& Buffer) {
   if (!_WantsRewriting(hSource)) {
     MD_LOG(7, "No mission ID or security data set defined for source#%d.\n", hSource->Config.nIndex);
     return true;
@@ -1526,49 +1368,25 @@ static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MDATA_BUFFER** ppBuff) {
   MD_LOG(7, "Mission ID (%p) or security data set (%p) defined for source#%d.\n",
          static_cast<void*>(hSource->pMissionID), static_cast<void*>(hSource->pSecurityMDataSet),
          hSource->Config.nIndex);
-  MDATA_BUFFER* pSubst = nullptr;
-  int nNewSize = 0;
-  const Rewritten Result = _Rewrite(hSource, (*ppBuff)->pcData, (*ppBuff)->nDataSize, &pSubst, &nNewSize);
-  if (Result == Rewritten::Unchanged) {
-    MD_LOG(7, "_ProcessRxKLV return FALSE for source#%d.\n", hSource->Config.nIndex);
-    return true;
-  }
-  DoReleaseBuffer(ppBuff);
-  if (Result == Rewritten::Nothing) {
-    MD_ASSERT(nNewSize == 0);
-    return false;
-  }
-  *ppBuff = pSubst;
-  pSubst->nDataSize = nNewSize;
-  MD_DUMP(6, "Substituted HD-SDI KLV Message", pSubst->pcData, pSubst->nDataSize);
-  MD_ASSERT(nNewSize != 0);
-  return true;
-}
-
-// KEPT: a buffer that the encoder refuses is not counted, and the next one carries its sequence number again; the
-// counted size includes the stream header.
-static void _CountTakenPacket(MDATA_SRC_HANDLE hSource, int nSize, time_t tNow) {
-  ++hSource->HeaderSequence;
-  _CountDatagram(hSource, nSize, tNow);
+  const Rewritten Result = _RewriteOnPath(hSource, kVideoTexts, Buffer->pcData, Buffer->nDataSize, Buffer);
+  if (Result == Rewritten::Unchanged) MD_LOG(7, "_ProcessRxKLV return FALSE for source#%d.\n", hSource->Config.nIndex);
+  return Result != Rewritten::Dropped;
 }
 
 void _FeedSDIDataSource(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, UINT64 nTimeStamp) {
   const time_t tNow = time(nullptr);
+  MdBufferRef Buffer(pBuff);
   // KEPT: factor 1 skips the test; factor 0 is tested and keeps everything.
-  if (hSource->Config.nDecimationFactor != 1 && _ShouldDecimateKLV(hSource, nTimeStamp)) {
-    DoReleaseBuffer(&pBuff);
-    return;
-  }
-  if (!_RewriteCaptured(hSource, &pBuff)) return;
-  const int nLength = pBuff->nDataSize;
+  if (hSource->Config.nDecimationFactor != 1 && _ShouldDecimateKLV(hSource, nTimeStamp)) return;
+  if (!_RewriteCaptured(hSource, Buffer)) return;
+  const int nLength = Buffer->nDataSize;
   if (hSource->Config.nNumOfRelays != 0)
-    _RelayMetaData(hSource, pBuff->pcData, static_cast<size_t>(nLength), nullptr, nullptr);
-  _PrependStreamHeader(hSource, pBuff, nLength);
-  pBuff->nTimeStamp = nTimeStamp;
-  const int nDeliveredSize = pBuff->nDataSize;  // an encoder that keeps the buffer may change it
-  MD_ASSERT(hSource->Config.pfnCallback != NULL);
-  if (_CallReadyCallback(hSource, pBuff)) _CountTakenPacket(hSource, nDeliveredSize, tNow);
-  DoReleaseBuffer(&pBuff);
+    _RelayMetaData(hSource, Buffer->pcData, static_cast<size_t>(nLength), nullptr, nullptr);
+  Buffer->nTimeStamp = nTimeStamp;
+  // KEPT: a buffer that the encoder refuses is not counted, and the next one carries its sequence number again; the
+  // counted size includes the stream header. An encoder that keeps the buffer may change it: its size is not read again.
+  if (_Deliver(hSource, kVideoTexts, Buffer.Get(), nLength))
+    _CountMessage(hSource, nLength + MDATA_STREAM_HEADER_SIZE, tNow);
 }
 
 // Gives every source of the input its own copy.

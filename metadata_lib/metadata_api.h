@@ -8,6 +8,7 @@
 #include <time.h>
 
 #include "host.h"
+#include "md_delivery.h"
 #include "md_relay.h"
 #include "md_request.h"
 #include "md_source.h"
@@ -40,8 +41,7 @@ extern struct timeval _g_ThreadSelectTimeOut;           // constant
 extern struct timeval* _g_pCurrentThreadSelectTimeOut;  // metadata thread only
 extern BOOL _g_bSelectTimeOutChanged;                   // metadata thread only
 extern VIDEO_EXTRACTOR _g_aVideoExtractors[4];  // metadata thread; closers once it has ended, under _g_SrcListLock
-extern time_t _tLastLog;      // short-KLV warning, one time for the whole library; metadata thread only
-extern time_t _tLastLogTime;  // "No KLV retrieved" warning, likewise; metadata thread only
+extern time_t _tLastLogTime;  // "No KLV retrieved" warning, one time for the whole library; metadata thread only
 
 extern MDATA_SRC_HANDLE _g_pSweepList;  // closes that no message names; under _g_SrcListLock
 
@@ -66,7 +66,6 @@ BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg
 void _SerialDataRxCallBack(HFDSET hSet, int iFD, int enEventType, void* pvParam1, void* pvParam2);
 void _KLV_UDP_DataRxCallBack(HFDSET hSet, int iFD, int enEventType, void* pvParam1, void* pvParam2);
 void _KLV_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1);
-BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFFER** ppNewBuff, int* pnNewSize);
 void _CoT_UDP_DataRxCallBack(HFDSET hSet, int iFD, int enEventType, void* pvParam1, void* pvParam2);
 void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1);
 void _SDIDataRxCallBack(HFDSET hSet, int iFD, int enEventType, void* pvParam1, void* pvParam2);
