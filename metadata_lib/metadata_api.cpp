@@ -11,9 +11,9 @@
 //    7. Sources: closing
 //    8. Statistics
 //    9. What the receive paths share: raw capture, counting, discarding
-//   10. KLV roads: serial and UDP
-//   11. CoT roads: UDP and serial
-//   12. Video road and decimation
+//   10. KLV paths: serial and UDP
+//   11. CoT paths: UDP and serial
+//   12. Video path and decimation
 //
 // Lock order: g_MetaDataAPIMutex, then at most one of the leaf locks _g_SrcListLock, _g_XMLOutLock, _g_SenderLock.
 // The metadata thread never waits for g_MetaDataAPIMutex longer than kSerialLockMs milliseconds, because an
@@ -40,7 +40,7 @@
 #include "md_log.h"
 
 // =====================================================================================================
-// 1. Library-wide state. Who may touch what stands with the declarations in metadata_api.h.
+// 1. Library-wide state. The declarations in metadata_api.h say who may touch it.
 // =====================================================================================================
 
 HDBG g_hMetaDataLibDbg = nullptr;
@@ -67,7 +67,7 @@ MDATA_SRC_HANDLE _g_pSweepList = nullptr;
 
 pthread_mutex_t _g_SrcListLock = PTHREAD_MUTEX_INITIALIZER;
 
-static constexpr long kSerialLockMs = 20;          // limit of the serial road's wait for g_MetaDataAPIMutex
+static constexpr long kSerialLockMs = 20;          // limit of the serial path's wait for g_MetaDataAPIMutex
 static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet stays below
 
 // =====================================================================================================
@@ -76,16 +76,16 @@ static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet 
 
 namespace {
 
-// g_MetaDataAPIMutex for the serial road: waited for during a bounded time, since whoever opens a source holds it while
-// waiting for this very thread.
-class SerialApiLock {
+// Holds g_MetaDataAPIMutex for a scope of the serial path, unless it is not free within kSerialLockMs: whoever opens a
+// source holds it while waiting for this very thread.
+class TryApiLock {
  public:
-  SerialApiLock();
-  ~SerialApiLock() {
+  TryApiLock();
+  ~TryApiLock() {
     if (m_bHeld) pthread_mutex_unlock(&g_MetaDataAPIMutex);
   }
-  SerialApiLock(const SerialApiLock&) = delete;
-  SerialApiLock& operator=(const SerialApiLock&) = delete;
+  TryApiLock(const TryApiLock&) = delete;
+  TryApiLock& operator=(const TryApiLock&) = delete;
   bool IsHeld() const { return m_bHeld; }
 
  private:
@@ -94,7 +94,7 @@ class SerialApiLock {
 
 }  // namespace
 
-SerialApiLock::SerialApiLock() {
+TryApiLock::TryApiLock() {
   struct timespec Until = {};
   clock_gettime(CLOCK_MONOTONIC, &Until);
   Until.tv_nsec += kSerialLockMs * 1000000;
@@ -113,7 +113,7 @@ static void _ReleaseSource(MDATA_SRC_HANDLE pHandle);
 static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded);
 static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox);
 
-// Starts over after an earlier shut-down.
+// Resets what an earlier shut-down left.
 static void _ResetThreadState() {
   MdStoreRelease(_g_bShutdownThread, FALSE);
   _ResetRequests();
@@ -122,7 +122,7 @@ static void _ResetThreadState() {
   _g_bGridInitialized = FALSE;
 }
 
-// The mailbox, the read set with the mailbox in it, and the thread, not yet running.
+// Creates the mailbox, the read set with the mailbox in it, and the thread, which does not run yet.
 static BOOL _CreateMetaDataThread() {
   MBOX_CONFIG MBoxConfig = {};
   MBoxConfig.nSize = static_cast<int>(sizeof(MBoxConfig));
@@ -184,7 +184,7 @@ BOOL METADATALIB_Init(DWORD dwCaps) {
   return MdLoadAcquire(g_bMetaDataLibInitialized);
 }
 
-// Asks the thread to end and joins it. FALSE when no message could be made or sent: the thread then still runs.
+// Asks the thread to end and joins it. Returns false if no message could be allocated or sent: the thread still runs.
 static bool _StopMetaDataThread() {
   HMBOXMSG hMsg = _AllocControlMessage(EVENTID_SHUTDOWN_THREAD, nullptr);
   if (hMsg == nullptr) return false;
@@ -204,7 +204,7 @@ static bool _StopMetaDataThread() {
   return true;
 }
 
-// What the thread used, once it has ended.
+// Releases what the thread used, once it has ended.
 static void _ReleaseThreadServices() {
   while (_HandleControlMessage(g_hMetaDataFDSet, _g_hMetaDataThreadMBox)) {
   }
@@ -241,7 +241,7 @@ void METADATALIB_Shutdown(void) {
 //    without a lock and changed under _g_SrcListLock, for the look-ups of the encoder's threads.
 // =====================================================================================================
 
-// The host's watch over its threads, when the host wants it.
+// Reports this line to the host's thread watchdog, if enabled.
 static void _SaveStateIfDebugging(int nLine) {
   if (MdLoad(g_bThreadStateDebuggingEnabled)) __SaveThreadState("_MetaDataThread", MD_MODULE, nLine);
 }
@@ -418,7 +418,7 @@ static void _UnlinkSource(MDATA_SRC_HANDLE hSource) {
   hSource->bLinked = FALSE;
 }
 
-// Takes the source off the read set and the list. One that was never added is not in them, which does no harm.
+// Takes the source off the read set and the list. Harmless if the source was never added.
 static void _DetachSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   if (hSource->Config.enInputType == MDATA_INPUT_VIDEO)
     _RemoveVideoSource(hSet, hSource);
@@ -451,7 +451,7 @@ static void _HandleShutdown() {
   _PostThreadCond();
 }
 
-// Receives and carries out one message; FALSE when none waits.
+// Receives and carries out one message. Returns false if none is waiting.
 static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox) {
   HMBOXMSG hMsg = nullptr;
   if (!MBOX_RecvMessage(hMBox, &hMsg)) return false;
@@ -516,7 +516,7 @@ static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded) {
 
 namespace {
 
-// What a look-up is after.
+// What a look-up searches for.
 struct SourceQuery {
   int enInputType;
   USHORT usPort;  // network sources only
@@ -558,7 +558,7 @@ BOOL _LocateDataSrcByUDPPort(USHORT usPort, MDATA_SRC_HANDLE* ppSrc) {
   return _Locate({MDATA_INPUT_NETWORK, usPort}, ppSrc);
 }
 
-// Which families the configuration asks for and the library was started with.
+// Chooses the families that the configuration asks for and the library was started with.
 static void _ChooseFamilies(const MDATA_SRC_CFG* pCfg, bool* pbIPv4, bool* pbIPv6) {
   const bool bIPv4Cap = (g_dwLibCaps & METADATALIB_CAPS_IPV4_SUPPORT) != 0;
   const bool bIPv6Cap = (g_dwLibCaps & METADATALIB_CAPS_IPV6_SUPPORT) != 0;
@@ -612,8 +612,8 @@ BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg
 
 namespace {
 
-// A source on its way to being open. Releases all it holds, unless the opening came to its end: an encoder that
-// tries again and again must not run out of descriptors.
+// A source that is being opened. Releases all it holds unless the opening succeeds: an encoder that tries again and again
+// must not run out of descriptors.
 class OpeningSource {
  public:
   explicit OpeningSource(const MDATA_SRC_CFG* pConfig) : pCfg(pConfig) {
@@ -672,7 +672,7 @@ MDATA_SRC_HANDLE OpeningSource::Finish() {
   return hOpened;
 }
 
-// A source whose decoder could not be made opens deaf: what arrives is dropped.
+// A source without a decoder, for lack of memory, opens anyway and drops everything it receives.
 static void _ClearHandlersWithoutContext(MDATA_SRC_HANDLE pHandle) {
   if (pHandle->pvDecodeCtxt != nullptr) return;
   pHandle->pfnDataRxHandler = nullptr;
@@ -710,7 +710,7 @@ static void _SetUpCoTDecoding(MDATA_SRC_HANDLE pHandle) {
 static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE pHandle) {
   switch (pHandle->Config.enDataType) {
     case MDATA_DATA_COT:
-      // KEPT: without CoT support the source opens deaf; CoT over UDP is not tested for it.
+      // KEPT: without CoT support the source opens and receives nothing; CoT over UDP is not tested for it.
       if (!_g_bCoTSupportEnabled) {
         MD_ASSERT_UNREACHED();
         return true;
@@ -827,7 +827,7 @@ static bool _OpenByInputType(OpeningSource& Opening) {
   }
 }
 
-// Hands the source to the metadata thread. FALSE, silently, without memory for the message.
+// Hands the source to the metadata thread. Returns false, without logging, if out of memory for the message.
 static bool _HandOver(MDATA_SRC_HANDLE pHandle) {
   MD_LOG(6, "Allocating message for processing thread.\n");
   HMBOXMSG hMsg = _AllocControlMessage(EVENTID_ADD_FD, pHandle);
@@ -842,7 +842,7 @@ static bool _HandOver(MDATA_SRC_HANDLE pHandle) {
   return true;
 }
 
-// Everything that happens under g_MetaDataAPIMutex, after the relay sockets.
+// Does everything that happens under g_MetaDataAPIMutex after the relay sockets.
 static bool _OpenAndHandOver(OpeningSource& Opening) {
   bool bRetCode = _OpenByInputType(Opening);
   if (bRetCode && _g_bUsingInternalThread)
@@ -917,7 +917,7 @@ static void _CloseRelaySockets(MDATA_SRC_HANDLE pHandle) {
   }
 }
 
-// Everything behind the handle, once the metadata thread does not use it any more.
+// Releases everything behind the handle, once the metadata thread does not use it any more.
 static void _ReleaseSource(MDATA_SRC_HANDLE pHandle) {
   _ReleaseDecoding(pHandle);
   _CloseFile(pHandle->CaptureFP);
@@ -1118,7 +1118,7 @@ BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) 
 //    Rewriting and delivery are in md_delivery.
 // =====================================================================================================
 
-// A capture that cannot go on, or is full, ends for good.
+// Writes received bytes to the raw capture. A capture that fails, or is full, ends for good.
 static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int nSize) {
   if (hSource->CaptureFP == nullptr) return;
   if (!DumpRawData(hSource->CaptureFP, hSource->RxBuffer, nSize, &hSource->nRawOutputOffset,
@@ -1152,8 +1152,8 @@ static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
 }
 
 // =====================================================================================================
-// 10. KLV roads. The read handlers of serial sources and of KLV over UDP, the message handler of the KLV stream
-//     decoder, and the encoder's release call. Metadata thread, except MetaData_ReleaseBuffer; the serial road holds
+// 10. KLV paths. The read handlers of serial sources and of KLV over UDP, the message handler of the KLV stream
+//     decoder, and the encoder's release call. Metadata thread, except MetaData_ReleaseBuffer; the serial path holds
 //     g_MetaDataAPIMutex while it reads, decodes and calls back.
 // =====================================================================================================
 
@@ -1176,8 +1176,8 @@ void _SerialDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
   MD_LOG(7, "Called fd=%d.\n", iFD);
   bool bRead = true;
   {
-    const SerialApiLock Lock;
-    if (!Lock.IsHeld()) return;  // a source is being opened: the bytes wait for the next pass
+    const TryApiLock Lock;
+    if (!Lock.IsHeld()) return;  // a source is being opened: the bytes stay for the next pass
     bRead = _ReadSerial(pHandle, iFD);
   }
   // A device that has hung up stays readable without giving anything: do not spin on it.
@@ -1237,7 +1237,7 @@ void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff) {
 }
 
 // =====================================================================================================
-// 11. CoT roads. The read handler of CoT over UDP and the message handler of the serial CoT decoder. Metadata thread;
+// 11. CoT paths. The read handler of CoT over UDP and the message handler of the serial CoT decoder. Metadata thread;
 //     the serial one runs inside the serial read handler, under g_MetaDataAPIMutex.
 // =====================================================================================================
 
@@ -1317,13 +1317,13 @@ void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
 }
 
 // =====================================================================================================
-// 12. Video road and decimation. The read handler of a video input's capture, which serves every source of that
+// 12. Video path and decimation. The read handler of a video input's capture, which serves every source of that
 //     input. Metadata thread; no lock. State: the records' DecimateCtrl and the library-wide _tLastLogTime.
 // =====================================================================================================
 
 namespace {
 
-enum class Taken { Packet, Nothing, OutOfMemory };
+enum class Pulled { Packet, Nothing, OutOfMemory };
 
 }  // namespace
 
@@ -1408,28 +1408,28 @@ static int _CountSources() {
   return nCount;
 }
 
-// Takes one packet from the capture and distributes it.
-static Taken _TakePacket(int iFD, int iInterface) {
+// Pulls one packet from the capture and distributes it.
+static Pulled _PullPacket(int iFD, int iInterface) {
   MDATA_BUFFER* pBuff = nullptr;
   // The capture is offered kVideoRoom bytes behind the reserve, so that is what the buffer has there.
   if (!DoAllocBuffer(kVideoRoom + MDATA_STREAM_HEADER_SIZE, &pBuff)) {
     MD_LOG(4, "Failed to allocate buffer of %d bytes for KLV on BNC-%d.\n", kVideoRoom, iInterface);
-    return Taken::OutOfMemory;
+    return Pulled::OutOfMemory;
   }
   MdBufferRef Buffer(pBuff);
   pBuff->pcData += MDATA_STREAM_HEADER_SIZE;
   pBuff->nDataSize = kVideoRoom;
   UINT64 nTimeStamp = 0;
-  if (!KLVCAPTURE_GetKLV(iFD, pBuff->pcData, &pBuff->nDataSize, &nTimeStamp)) return Taken::Nothing;
+  if (!KLVCAPTURE_GetKLV(iFD, pBuff->pcData, &pBuff->nDataSize, &nTimeStamp)) return Pulled::Nothing;
   if (pBuff->nDataSize < 0 || pBuff->nDataSize > kVideoRoom) {
     MD_LOG(4, "Dropping KLV with an impossible length of %d bytes on BNC-%d.\n", pBuff->nDataSize, iInterface);
-    return Taken::Packet;
+    return Pulled::Packet;
   }
   MD_LOG(7, "Got %d bytes of KLV on BNC-%d.\n", pBuff->nDataSize, iInterface);
   MD_DUMP(7, "HD-SDI KLV Message", pBuff->pcData, pBuff->nDataSize);
   MD_LOG(7, "Going through %d metadata sources.\n", _CountSources());
   _DistributePacket(iInterface, pBuff, nTimeStamp);
-  return Taken::Packet;
+  return Pulled::Packet;
 }
 
 void _SDIDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
@@ -1437,15 +1437,15 @@ void _SDIDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
   const time_t tNow = time(nullptr);
   MD_LOG(7, "Called.\n");
   int nCount = 0;
-  Taken Last = Taken::Packet;
-  while (nCount < kMaxKLVPerIteration && Last == Taken::Packet) {
-    Last = _TakePacket(iFD, iInterface);
-    if (Last == Taken::Packet) ++nCount;
+  Pulled Last = Pulled::Packet;
+  while (nCount < kMaxKLVPerIteration && Last == Pulled::Packet) {
+    Last = _PullPacket(iFD, iInterface);
+    if (Last == Pulled::Packet) ++nCount;
   }
   if (nCount == kMaxKLVPerIteration)
     MD_LOG(4, "Reached maximum number of KLV (%d) for one iteration.\n", kMaxKLVPerIteration);
   // KEPT: one such line per second for all inputs together.
-  if (nCount == 0 && Last == Taken::Nothing && tNow != _tLastLogTime) {
+  if (nCount == 0 && Last == Pulled::Nothing && tNow != _tLastLogTime) {
     MD_LOG(4, "No KLV retrieved from BNC-%d.\n", iInterface);
     _tLastLogTime = tNow;
   }

@@ -61,7 +61,7 @@ BOOL _LocateSerialDataSrc(MDATA_SRC_HANDLE* ppSrc);
 BOOL _LocateDataSrcByUDPPort(USHORT usPort, MDATA_SRC_HANDLE* ppSrc);
 BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg);
 
-// --- Receive roads -----------------------------------------------------------------------------------
+// --- Receive paths -----------------------------------------------------------------------------------
 
 void _SerialDataRxCallBack(HFDSET hSet, int iFD, int enEventType, void* pvParam1, void* pvParam2);
 void _KLV_UDP_DataRxCallBack(HFDSET hSet, int iFD, int enEventType, void* pvParam1, void* pvParam2);

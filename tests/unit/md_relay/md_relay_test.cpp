@@ -1,11 +1,12 @@
 // Relaying: making the sockets, following TTL and TOS, sending and its errors.
+#include "md_relay.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <unistd.h>
 
 #include "builders.h"
 #include "engine_test.h"
-#include "md_relay.h"
 
 namespace {
 

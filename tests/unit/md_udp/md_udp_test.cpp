@@ -1,11 +1,12 @@
 // Receiving datagrams: the bytes, the sender, TTL and TOS, and the sender filter.
+#include "md_udp.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <unistd.h>
 
 #include "builders.h"
 #include "engine_test.h"
-#include "md_udp.h"
 
 namespace {
 
