@@ -100,7 +100,9 @@ TEST_P(EveryPathTest, SourceWhoseCloseWasGivenUpDeliversNothing) {
 
 TEST_P(EveryPathTest, LinesCarryTheEnginesName) {
   m_source->Config.pfnCallback = nullptr;
-  Deliver(*GetParam().texts, {1}, 1);
+  MdBufferRef buffer(Buffer({1}));
+  host().ClearLogs();
+  _Deliver(m_source.get(), *GetParam().texts, buffer.Get(), 1);
   ExpectAssertion(GetParam().texts->szCallbackMissing);
   EXPECT_EQ(host().Assertions().back().file, "metadata_api");
   for (const LogLine& line : host().Logs()) EXPECT_EQ(line.file, "metadata_api") << line.text;
@@ -134,11 +136,12 @@ TEST_F(DeliveryTest, LineAndDumpOfEachPath) {
                                {kPaths[3], -1, 6, "Converted Streamer KLV Message", {1, 2}},
                                {kPaths[4], 7, 7, "Streamer KLV AU", delivered}};
   for (const Expected& e : expected) {
+    MdBufferRef buffer(Buffer({1, 2}));
     host().ClearLogs();
     m_source->HeaderSequence = 9;
     const size_t lines = host().Logs().size();
     const size_t dumps = host().Dumps().size();
-    Deliver(*e.path.texts, {1, 2}, 2);
+    _Deliver(m_source.get(), *e.path.texts, buffer.Get(), 2);
     EXPECT_EQ(host().Logs().size() - lines, e.line < 0 ? 0u : 1u) << e.path.name;
     if (e.line >= 0) ExpectLog(e.line, "Got complete KLV message of 2 bytes.\n");
     ASSERT_EQ(host().Dumps().size() - dumps, e.dump < 0 ? 0u : 1u) << e.path.name;

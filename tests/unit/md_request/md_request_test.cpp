@@ -19,6 +19,7 @@ class RequestTest : public HostTest {
   }
   void TearDown() override {
     if (_g_hMetaDataThreadMBox != nullptr) MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
+    WaitCond_Destroy(&_g_MetaDataThreadCond);
     host().HoldThread(false);
     HostTest::TearDown();
   }
