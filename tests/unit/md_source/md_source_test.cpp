@@ -135,13 +135,15 @@ TEST_F(CaptureFileTest, EarlierOneIsEmptied) {
 }
 
 TEST_F(CaptureFileTest, PlantedNamesAreNotWrittenTo) {
+  host().WriteFile("/tmp/linked.txt", "theirs");
+  host().PlantLink("/tmp/link.txt", "/tmp/linked.txt");
   host().WriteFile("/tmp/other.txt", "theirs");
-  host().PlantLink("/tmp/link.txt", "/tmp/other.txt");
   host().PlantHardLink("/tmp/second.txt", "/tmp/other.txt");
   host().PlantFifo("/tmp/pipe.txt");
   EXPECT_EQ(_OpenCaptureFile("/tmp/link.txt"), nullptr);
   EXPECT_EQ(_OpenCaptureFile("/tmp/second.txt"), nullptr);
   EXPECT_EQ(_OpenCaptureFile("/tmp/pipe.txt"), nullptr);
+  EXPECT_EQ(host().ReadFile("/tmp/linked.txt"), "theirs");
   EXPECT_EQ(host().ReadFile("/tmp/other.txt"), "theirs");
 }
 
