@@ -368,7 +368,7 @@ TEST_F(AncCaptureTest, A_port_in_use_fails_to_start) {
 class MediaCaptureTest : public CaptureTest {
  protected:
   std::string WriteMedia(const std::vector<MediaPacket>& packets) {
-    const std::string path = Folder() + "/klv.ts";
+    std::string path = Folder() + "/klv.ts";
     WriteTransportStream(path, packets);
     return path;
   }

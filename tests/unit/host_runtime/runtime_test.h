@@ -67,7 +67,7 @@ class RuntimeTest : public testing::Test {
     return folder;
   }
   std::string WriteFile(const std::string& name, const std::string& text) {
-    const std::string path = Folder() + "/" + name;
+    std::string path = Folder() + "/" + name;
     std::ofstream(path) << text;
     return path;
   }

@@ -123,7 +123,10 @@ class GeoidFile : public testing::Test {
     for (const double value : {-90.0, -180.0, 90.0, 90.0}) put(value);
     put(std::uint32_t{3});
     put(std::uint32_t{4});
-    for (std::size_t i = 0; i < heights; i++) put(static_cast<float>(10 * (i / 4) + i % 4));
+    for (std::size_t i = 0; i < heights; i++) {
+      const std::size_t height = 10 * (i / 4) + i % 4;
+      put(static_cast<float>(height));
+    }
   }
 
   std::string m_path;
