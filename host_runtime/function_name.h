@@ -10,16 +10,16 @@
 
 namespace host_runtime {
 
-// FunctionName(__func__, __PRETTY_FUNCTION__).Text(): of a lambda the innermost named function around it, of anything
-// else __func__. The compilers write a lambda as
+// FunctionName(__PRETTY_FUNCTION__).Text(): the plain name, of a lambda that of the named function around it. The
+// compilers write a function, and a lambda in it, as
 //
-//   g++    R space::{anonymous}::Name(arguments)::<lambda()>
-//   clang  auto space::(anonymous namespace)::Name(arguments)::(anonymous class)::operator()() const
+//   g++    R space::{anonymous}::Name(arguments)      R space::{anonymous}::Name(arguments)::<lambda()>
+//   clang  R space::(anonymous namespace)::Name(arguments)
+//          auto space::(anonymous namespace)::Name(arguments)::(anonymous class)::operator()() const
 class FunctionName {
  public:
-  constexpr FunctionName(std::string_view function, std::string_view pretty) {
-    const std::string_view around = function == "operator()" ? Around(pretty) : std::string_view();
-    const std::string_view name = around.empty() ? function : around;
+  constexpr explicit FunctionName(std::string_view pretty) {
+    const std::string_view name = Read(pretty);
     std::copy_n(name.data(), std::min(name.size(), kLongest), m_text.begin());
   }
   constexpr const char* Text() const { return m_text.data(); }
@@ -27,10 +27,9 @@ class FunctionName {
  private:
   static constexpr std::size_t kLongest = 95;
 
-  static constexpr std::string_view Around(std::string_view pretty) {
-    const std::size_t lambda = std::min(pretty.find("::<lambda"), pretty.find("::(anonymous class)"));
-    if (lambda == std::string_view::npos) return {};
-    pretty = pretty.substr(0, std::min(lambda, pretty.find(" [with ")));
+  static constexpr std::string_view Read(std::string_view pretty) {
+    pretty =
+        pretty.substr(0, std::min({pretty.find("::<lambda"), pretty.find("::(anonymous class)"), pretty.find(" [")}));
     // Without what follows the arguments (const, noexcept), the arguments, and those of a template.
     pretty = pretty.substr(0, pretty.rfind(')') + 1);
     pretty = WithoutBrackets(WithoutBrackets(pretty, '(', ')'), '<', '>');

@@ -58,12 +58,12 @@ void Guarded(Body&& body) noexcept {
 #define HOST_DEBUG_MODULE ::host_runtime::HostModule()
 #endif
 
-#define HOST_LOG(level, ...)                                                                               \
-  do {                                                                                                     \
-    const HDBG hHostLog = HOST_DEBUG_MODULE;                                                               \
-    if (hHostLog != nullptr && __atomic_load_n(&hHostLog->nMaxLevel, __ATOMIC_RELAXED) >= (level))         \
-      _DoDbgPrintEx(hHostLog, (level), ::host_runtime::FunctionName(__func__, __PRETTY_FUNCTION__).Text(), \
-                    HOST_MODULE, __LINE__, __VA_ARGS__);                                                   \
+#define HOST_LOG(level, ...)                                                                                  \
+  do {                                                                                                        \
+    const HDBG hHostLog = HOST_DEBUG_MODULE;                                                                  \
+    if (hHostLog != nullptr && __atomic_load_n(&hHostLog->nMaxLevel, __ATOMIC_RELAXED) >= (level))            \
+      _DoDbgPrintEx(hHostLog, (level), ::host_runtime::FunctionName(__PRETTY_FUNCTION__).Text(), HOST_MODULE, \
+                    __LINE__, __VA_ARGS__);                                                                   \
   } while (0)
 
 #endif  // HOST_RUNTIME_STATE_H

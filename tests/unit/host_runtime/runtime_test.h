@@ -18,7 +18,7 @@
 #include "host.h"
 #include "host_runtime.h"
 
-#define HERE __func__, "test", __LINE__
+#define HERE "_Test", "test", __LINE__
 
 class RuntimeTest : public testing::Test {
  protected:

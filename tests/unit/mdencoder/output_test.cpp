@@ -264,9 +264,9 @@ TEST(Statistics, FileIsReplacedAsAWholeAndChecked) {
   EXPECT_EQ(std::memcmp(&loaded.at("udp"), &expected, sizeof(expected)), 0);
   std::vector<SourceSettings> changed = {FullSettings(true)};
   EXPECT_TRUE(LoadStatistics(path, changed).empty());
-  for (const char* broken : {"", "{", "[]", "{\"sources\":[{\"name\":\"udp\",\"input\":\"udp\",\"data\":\"klv\"}]}",
-                             "{\"sources\":[{\"name\":\"udp\",\"input\":\"udp\",\"data\":\"klv\",\"statistics\":"
-                             "{\"rx_bytes\":\"x\"}}]}"}) {
+  const char* const wrongType =
+      R"({"sources":[{"name":"udp","input":"udp","data":"klv","statistics":{"rx_bytes":"x"}}]})";
+  for (const char* broken : {"", "{", "[]", R"({"sources":[{"name":"udp","input":"udp","data":"klv"}]})", wrongType}) {
     std::ofstream(path, std::ios::trunc) << broken;
     EXPECT_THROW(LoadStatistics(path, sources), std::runtime_error) << broken;
   }

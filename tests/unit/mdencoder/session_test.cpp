@@ -149,7 +149,7 @@ class SessionTest : public testing::Test {
   }
 
   /* Delivers from a thread once `count` sources are open. */
-  void DeliverWhenOpen(size_t count, std::function<void()> deliveries) {
+  void DeliverWhenOpen(size_t count, const std::function<void()>& deliveries) {
     fake_.onOpen = [this, count, deliveries] {
       if (fake_.sources.size() == count) fake_.deliveries = std::thread(deliveries);
     };
