@@ -75,7 +75,13 @@ INSTANTIATE_TEST_SUITE_P(Paths, EveryPathTest, ::testing::ValuesIn(kPaths),
 // --- Delivery --------------------------------------------------------------------------------------------
 
 TEST_P(EveryPathTest, HeaderHasTheSequenceAndTheGivenLength) {
-  EXPECT_TRUE(Deliver(*GetParam().texts, {1, 2, 3}, 0x10203));
+  const Bytes message(0x10203, 7);
+  EXPECT_TRUE(Deliver(*GetParam().texts, message, 0x10203));
+  EXPECT_THAT(m_delivered, ElementsAre(Bytes{0x00, 9, 0xDF, 0x02, 0x03} + message));
+}
+
+TEST_F(DeliveryTest, HeaderHasTheLengthReceivedEvenIfItIsNotTheMessages) {
+  EXPECT_TRUE(Deliver(kKLVUDPTexts, {1, 2, 3}, 0x10203));
   EXPECT_THAT(m_delivered, ElementsAre(Bytes{0x00, 9, 0xDF, 0x02, 0x03, 1, 2, 3}));
 }
 
