@@ -51,8 +51,8 @@ static int64_t _Round(double value) {
 }
 
 static uint32_t _RoundU32(double value) {
-  const int64_t nRounded = _Round(value);
-  return nRounded > int64_t{UINT32_MAX} ? UINT32_MAX : static_cast<uint32_t>(nRounded);
+  const int64_t rounded = _Round(value);
+  return rounded > int64_t{UINT32_MAX} ? UINT32_MAX : static_cast<uint32_t>(rounded);
 }
 
 uint16_t SWAP16(uint16_t value) {
@@ -80,125 +80,125 @@ BOOL _g_bAllItemsSupport = TRUE;
 static constexpr uint8_t kTagChecksum = 1;
 static constexpr uint8_t kTagTimeStamp = 2;
 
-void cvt_resetVariables(CONVERTER_INSTANCE_DATA* pInstance) {
-  pInstance->a_course = kCvtAngleNotSet;
-  pInstance->a_roll = kCvtAngleNotSet;
-  pInstance->a_pitch = kCvtAngleNotSet;
-  pInstance->s_azimuth = kCvtAngleNotSet;
-  pInstance->s_elevation = kCvtAngleNotSet;
-  pInstance->s_roll = kCvtAngleNotSet;
+void cvt_resetVariables(CONVERTER_INSTANCE_DATA* instance) {
+  instance->a_course = kCvtAngleNotSet;
+  instance->a_roll = kCvtAngleNotSet;
+  instance->a_pitch = kCvtAngleNotSet;
+  instance->s_azimuth = kCvtAngleNotSet;
+  instance->s_elevation = kCvtAngleNotSet;
+  instance->s_roll = kCvtAngleNotSet;
 }
 
-CVT_COTKLV_STATUS cvt_initXmlMsg(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
-  pXmlMsg->pBuffer = nullptr;
-  if (!DoAllocBuffer(kCvtBufferSize, &pXmlMsg->pBuffer)) {
-    pXmlMsg->pKlvPacket = nullptr;
+CVT_COTKLV_STATUS cvt_initXmlMsg(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message) {
+  message->pBuffer = nullptr;
+  if (!DoAllocBuffer(kCvtBufferSize, &message->pBuffer)) {
+    message->pKlvPacket = nullptr;
     MD_LOG(3, "malloc() failed !\n");
     return CVT_COTKLV_STATUS_MALLOC_FAIL;
   }
-  pXmlMsg->pBuffer->pcData += kCvtHeadroom;
-  pXmlMsg->pKlvPacket = pXmlMsg->pBuffer->pcData;
-  pXmlMsg->tmStampFlag = 0;
-  pXmlMsg->freePktMemFlag = 1;
-  memset(pXmlMsg->matchStr, '0', sizeof(pXmlMsg->matchStr));
-  memcpy(pXmlMsg->pKlvPacket, klvLDS16BytesKeySet, kCvtKeySize);
-  pXmlMsg->curKlvLen = kCvtFirstItemOffset;
-  pXmlMsg->pNext = nullptr;
+  message->pBuffer->pcData += kCvtHeadroom;
+  message->pKlvPacket = message->pBuffer->pcData;
+  message->tmStampFlag = 0;
+  message->freePktMemFlag = 1;
+  memset(message->matchStr, '0', sizeof(message->matchStr));
+  memcpy(message->pKlvPacket, klvLDS16BytesKeySet, kCvtKeySize);
+  message->curKlvLen = kCvtFirstItemOffset;
+  message->pNext = nullptr;
   // KEPT: only with the option; angles of an older pair must not meet this one.
-  if (_g_bAllItemsSupport) cvt_resetVariables(pInstance);
+  if (_g_bAllItemsSupport) cvt_resetVariables(instance);
   return CVT_COTKLV_STATUS_OK;
 }
 
 // KEPT: only the current length is checked, not the item's; kCvtPacketSize has the room. Tags may repeat.
-CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* pKlvItem, cvtXmlMsg* pXmlMsg) {
-  if (pKlvItem == nullptr || pXmlMsg->pKlvPacket == nullptr) {
+CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* klvItem, cvtXmlMsg* message) {
+  if (klvItem == nullptr || message->pKlvPacket == nullptr) {
     MD_LOG(3, "invalid input !\n");
     return CVT_COTKLV_STATUS_INVALID_INPUT;
   }
-  if (pXmlMsg->curKlvLen >= kCvtFullLength) {
-    MD_LOG(3, "curKlvLen is too big: 0x%x !\n", static_cast<UINT>(pXmlMsg->curKlvLen));
+  if (message->curKlvLen >= kCvtFullLength) {
+    MD_LOG(3, "curKlvLen is too big: 0x%x !\n", static_cast<UINT>(message->curKlvLen));
     return CVT_COTKLV_STATUS_INVALID_INPUT;
   }
-  const bool bTimeStamp = pKlvItem->key == kTagTimeStamp;
-  BYTE* pcItem = pXmlMsg->pKlvPacket + (bTimeStamp ? kCvtTimeStampOffset : pXmlMsg->curKlvLen);
-  pcItem[0] = pKlvItem->key;
-  pcItem[1] = pKlvItem->length;
-  memcpy(pcItem + 2, &pKlvItem->value, pKlvItem->length);
-  if (bTimeStamp)
-    pXmlMsg->tmStampFlag = 1;
+  const bool timeStamp = klvItem->key == kTagTimeStamp;
+  BYTE* out = message->pKlvPacket + (timeStamp ? kCvtTimeStampOffset : message->curKlvLen);
+  out[0] = klvItem->key;
+  out[1] = klvItem->length;
+  memcpy(out + 2, &klvItem->value, klvItem->length);
+  if (timeStamp)
+    message->tmStampFlag = 1;
   else
-    pXmlMsg->curKlvLen += 2 + pKlvItem->length;
+    message->curKlvLen += 2 + klvItem->length;
   return CVT_COTKLV_STATUS_OK;
 }
 
-uint16_t get_checksum_u16(const BYTE* pData, int nLength) {
-  return nLength > 0 ? SWAP16(_MdRunningSum(pData, static_cast<size_t>(nLength))) : uint16_t{0};
+uint16_t get_checksum_u16(const BYTE* data, int length) {
+  return length > 0 ? SWAP16(_MdRunningSum(data, static_cast<size_t>(length))) : uint16_t{0};
 }
 
 static constexpr int kShortFormLimit = 127;
 
-static void _StoreChecksum(BYTE* pcPacket, int nPacketLength) {
-  const uint16_t nChecksum = get_checksum_u16(pcPacket, nPacketLength - 2);
-  MD_LOG(7, "Checksum value = 0x%x, returned packetLen = 0x%x\n", nChecksum, static_cast<UINT>(nPacketLength));
-  memcpy(pcPacket + nPacketLength - 2, &nChecksum, sizeof(nChecksum));
+static void _StoreChecksum(BYTE* packet, int packetLength) {
+  const uint16_t checksum = get_checksum_u16(packet, packetLength - 2);
+  MD_LOG(7, "Checksum value = 0x%x, returned packetLen = 0x%x\n", checksum, static_cast<UINT>(packetLength));
+  memcpy(packet + packetLength - 2, &checksum, sizeof(checksum));
 }
 
 // Closes a packet whose length needs the long form: it is copied to a second buffer, behind a longer length field.
-static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* pInstance, const cvtXmlMsg* pXmlMsg, int nLength,
+static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* instance, const cvtXmlMsg* message, int length,
                             MDATA_BUFFER** ppBuffer) {
   MdBufferRef buffer;
   if (!DoAllocBuffer(kCvtLongBufferSize, buffer.Out())) {
     MD_LOG(0, "malloc() failed !\n");
-    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
     return CVT_COTKLV_STATUS_MALLOC_FAIL;  // KEPT: not -1; callers look at the buffer
   }
   buffer->pcData += kCvtHeadroom;
-  BYTE* pcPacket = buffer->pcData;
-  memcpy(pcPacket, klvLDS16BytesKeySet, kCvtKeySize);
-  if (nLength > kCvtMaxLongLength) {
-    MD_LOG(3, "KLV packet is too long %d!\n", nLength);
-    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+  BYTE* packet = buffer->pcData;
+  memcpy(packet, klvLDS16BytesKeySet, kCvtKeySize);
+  if (length > kCvtMaxLongLength) {
+    MD_LOG(3, "KLV packet is too long %d!\n", length);
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
     return -1;
   }
-  BYTE* pcLength = pcPacket + kCvtKeySize;
-  const int nLengthBytes = nLength <= 255 ? 1 : 2;
-  *pcLength++ = static_cast<BYTE>(0x80 | nLengthBytes);
-  if (nLengthBytes == 2) *pcLength++ = static_cast<BYTE>(nLength >> 8);
-  *pcLength++ = static_cast<BYTE>(nLength);
-  memcpy(pcLength, pXmlMsg->pKlvPacket + kCvtKeySize + 1, static_cast<size_t>(nLength));
-  const int nPacketLength = kCvtKeySize + 1 + nLengthBytes + nLength;
-  _StoreChecksum(pcPacket, nPacketLength);
-  buffer->nDataSize = nPacketLength;
+  BYTE* lengthField = packet + kCvtKeySize;
+  const int lengthBytes = length <= 255 ? 1 : 2;
+  *lengthField++ = static_cast<BYTE>(0x80 | lengthBytes);
+  if (lengthBytes == 2) *lengthField++ = static_cast<BYTE>(length >> 8);
+  *lengthField++ = static_cast<BYTE>(length);
+  memcpy(lengthField, message->pKlvPacket + kCvtKeySize + 1, static_cast<size_t>(length));
+  const int packetLength = kCvtKeySize + 1 + lengthBytes + length;
+  _StoreChecksum(packet, packetLength);
+  buffer->nDataSize = packetLength;
   *ppBuffer = buffer.Take();
-  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
-  MD_LOG(7, "return KLV with len = %d !\n", nPacketLength);
-  return nPacketLength;
+  cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
+  MD_LOG(7, "return KLV with len = %d !\n", packetLength);
+  return packetLength;
 }
 
 // Closes the packet and hands it to the caller, who looks at the buffer to see whether there is one. Nothing is pending
 // afterwards. Returns the size of the packet.
-static int _ClosePacket(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg, MDATA_BUFFER** ppBuffer) {
-  BYTE* pcPacket = pXmlMsg->pKlvPacket;
-  pcPacket[pXmlMsg->curKlvLen] = kTagChecksum;
-  pcPacket[pXmlMsg->curKlvLen + 1] = 2;
-  pXmlMsg->curKlvLen += 4;
-  const int nPacketLength = pXmlMsg->curKlvLen;
-  const int nLength = nPacketLength - kCvtKeySize - 1;
-  if (nLength > kShortFormLimit) {
-    if (_g_bAllItemsSupport) return _CloseLongPacket(pInstance, pXmlMsg, nLength, ppBuffer);
+static int _ClosePacket(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message, MDATA_BUFFER** ppBuffer) {
+  BYTE* packet = message->pKlvPacket;
+  packet[message->curKlvLen] = kTagChecksum;
+  packet[message->curKlvLen + 1] = 2;
+  message->curKlvLen += 4;
+  const int packetLength = message->curKlvLen;
+  const int length = packetLength - kCvtKeySize - 1;
+  if (length > kShortFormLimit) {
+    if (_g_bAllItemsSupport) return _CloseLongPacket(instance, message, length, ppBuffer);
     MD_LOG(3, "long form length not implemented yet!\n");  // KEPT
-    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
     return -1;
   }
-  pcPacket[kCvtKeySize] = static_cast<BYTE>(nLength);
-  MD_LOG(7, "Len field = 0x%x\n", static_cast<UINT>(nLength));
-  _StoreChecksum(pcPacket, nPacketLength);
-  pXmlMsg->pBuffer->nDataSize = nPacketLength;
-  pXmlMsg->freePktMemFlag = 0;
-  *ppBuffer = pXmlMsg->pBuffer;
-  MD_LOG(7, "return KLV with len = %d !\n", nPacketLength);
-  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
-  return nPacketLength;
+  packet[kCvtKeySize] = static_cast<BYTE>(length);
+  MD_LOG(7, "Len field = 0x%x\n", static_cast<UINT>(length));
+  _StoreChecksum(packet, packetLength);
+  message->pBuffer->nDataSize = packetLength;
+  message->freePktMemFlag = 0;
+  *ppBuffer = message->pBuffer;
+  MD_LOG(7, "return KLV with len = %d !\n", packetLength);
+  cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
+  return packetLength;
 }
 
 // =====================================================================================================
@@ -209,10 +209,10 @@ static int _ClosePacket(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg, 
 float* _g_pGrid = nullptr;
 
 static void _ReadAllItemsOption() {
-  char szValue[40] = "";
-  int nSize = sizeof(szValue);
-  CfgFile_GetStringValue("/etc/hostos.ini", "CursorOnTarget", "AllItemsSupport", szValue, &nSize, "Yes");
-  _g_bAllItemsSupport = strcasecmp(szValue, "Yes") == 0;
+  char value[40] = "";
+  int size = sizeof(value);
+  CfgFile_GetStringValue("/etc/hostos.ini", "CursorOnTarget", "AllItemsSupport", value, &size, "Yes");
+  _g_bAllItemsSupport = strcasecmp(value, "Yes") == 0;
   if (_g_bAllItemsSupport)
     MD_LOG(5, "Support of additionnal CoT items enabled.\n");
   else
@@ -220,59 +220,59 @@ static void _ReadAllItemsOption() {
 }
 
 // Tells the host's thread watchdog that this thread is reading and does not hang.
-static void _ReportProgress(UINT nPercent) {
+static void _ReportProgress(UINT percent) {
   __SetThreadPausedState(FALSE);
-  __SetThreadIterations(nPercent);
+  __SetThreadIterations(percent);
   __SetThreadPausedState(TRUE);
 }
 
 // Fills the grid. Returns the number of values read, fewer than all if the file ended early.
-static int _ReadGrid(FILE* fp, float* pGrid, char* pMemory) {
-  MdNumberReader reader(fp, pMemory);
-  UINT nPercent = 0;
-  int nNextReport = (kGridValues + 99) / 100;
-  for (int nRead = 0; nRead < kGridValues;) {
+static int _ReadGrid(FILE* fp, float* grid, char* memory) {
+  MdNumberReader reader(fp, memory);
+  UINT percent = 0;
+  int nextReport = (kGridValues + 99) / 100;
+  for (int count = 0; count < kGridValues;) {
     // KEPT: nothing is skipped, and text that is not a number goes unnoticed: its values stay 0.
-    nRead += reader.Read(&pGrid[nRead], nNextReport - nRead);
-    if (reader.IsAtEnd()) return nRead;
-    if (nRead < nNextReport) continue;
-    const UINT nNow = static_cast<UINT>(int64_t{nRead} * 100 / kGridValues);
-    if (nNow != nPercent) _ReportProgress(nPercent = nNow);
-    nNextReport = static_cast<int>((int64_t{nNow + 1} * kGridValues + 99) / 100);
+    count += reader.Read(&grid[count], nextReport - count);
+    if (reader.IsAtEnd()) return count;
+    if (count < nextReport) continue;
+    const UINT now = static_cast<UINT>(int64_t{count} * 100 / kGridValues);
+    if (now != percent) _ReportProgress(percent = now);
+    nextReport = static_cast<int>((int64_t{now + 1} * kGridValues + 99) / 100);
   }
   return kGridValues;
 }
 
 static float* _LoadGrid(FILE* fp) {
   MD_LOG(7, "Allocating memory block of %d bytes for data grid.\n", static_cast<int>(kGridValues * sizeof(float)));
-  float* pGrid = static_cast<float*>(calloc(kGridValues, sizeof(float)));
+  float* grid = static_cast<float*>(calloc(kGridValues, sizeof(float)));
   // The reader's memory is on the heap: encoders start the library on threads with small stacks.
-  char* pMemory = static_cast<char*>(malloc(MdNumberReader::kMemorySize));
-  if (pGrid == nullptr || pMemory == nullptr) {
+  char* memory = static_cast<char*>(malloc(MdNumberReader::kMemorySize));
+  if (grid == nullptr || memory == nullptr) {
     MD_LOG(3, "malloc() failed !\n");
-    free(pMemory);
-    free(pGrid);
+    free(memory);
+    free(grid);
     return nullptr;
   }
   MD_LOG(7, "Memory allocated OK, reading grid data.\n");
-  struct timeval Start = {};
-  gettimeofday(&Start, nullptr);
+  struct timeval start = {};
+  gettimeofday(&start, nullptr);
   __SetThreadPausedState(TRUE);
-  const int nRead = _ReadGrid(fp, pGrid, pMemory);
+  const int count = _ReadGrid(fp, grid, memory);
   __SetThreadPausedState(FALSE);
-  free(pMemory);
-  if (nRead < kGridValues) {
-    MD_LOG(3, "fscanf %d number (unexpected finished earlier)!\n", nRead);
-    free(pGrid);
+  free(memory);
+  if (count < kGridValues) {
+    MD_LOG(3, "fscanf %d number (unexpected finished earlier)!\n", count);
+    free(grid);
     return nullptr;
   }
-  struct timeval End = {};
-  struct timeval Elapsed = {};
-  gettimeofday(&End, nullptr);
-  CalcTimeOfDayDiff(&Start, &End, &Elapsed);
-  MD_LOG(6, "Grid init done (loaded in %d.%06d secs).\n", static_cast<int>(Elapsed.tv_sec),
-         static_cast<int>(Elapsed.tv_usec));
-  return pGrid;
+  struct timeval end = {};
+  struct timeval elapsed = {};
+  gettimeofday(&end, nullptr);
+  CalcTimeOfDayDiff(&start, &end, &elapsed);
+  MD_LOG(6, "Grid init done (loaded in %d.%06d secs).\n", static_cast<int>(elapsed.tv_sec),
+         static_cast<int>(elapsed.tv_usec));
+  return grid;
 }
 
 int init_ww15mgh_grd(void) {
@@ -281,8 +281,8 @@ int init_ww15mgh_grd(void) {
   MD_LOG(6, "Opening grid file \"%s\".\n", kGridPath);
   FILE* fp = fopen(kGridPath, "rb");
   if (fp == nullptr) {
-    const int nError = errno;
-    MD_LOG(2, "Failed to open \"%s\", errno=%d \"%s\"\n", kGridPath, nError, strerror(nError));
+    const int error = errno;
+    MD_LOG(2, "Failed to open \"%s\", errno=%d \"%s\"\n", kGridPath, error, strerror(error));
     return -1;
   }
   MD_LOG(7, "File \"%s\" opened.\n", kGridPath);
@@ -310,11 +310,11 @@ int calcul_undulation(float inLat, float inLon, float* undulation) {
   if (c > kGridColumns - 2) c = kGridColumns - 2;  // 360 E: the last column from the west
   const double fy = static_cast<double>(y - static_cast<float>(r));
   const double fx = static_cast<double>(x - static_cast<float>(c));
-  const float* pUpper = _g_pGrid + r * kGridColumns + c;
-  const float* pLower = pUpper + kGridColumns;
-  const double sum = (1 - fy) * (1 - fx) * static_cast<double>(pUpper[0]) +
-                     (1 - fy) * fx * static_cast<double>(pUpper[1]) + fy * (1 - fx) * static_cast<double>(pLower[0]) +
-                     fy * fx * static_cast<double>(pLower[1]);
+  const float* upper = _g_pGrid + r * kGridColumns + c;
+  const float* lower = upper + kGridColumns;
+  const double sum = (1 - fy) * (1 - fx) * static_cast<double>(upper[0]) +
+                     (1 - fy) * fx * static_cast<double>(upper[1]) + fy * (1 - fx) * static_cast<double>(lower[0]) +
+                     fy * fx * static_cast<double>(lower[1]);
   *undulation = static_cast<float>(sum);
   return 0;
 }
@@ -408,8 +408,8 @@ namespace {
 
 // The conversion of one event.
 struct Conversion {
-  CONVERTER_INSTANCE_DATA* pInstance;
-  cvtXmlMsg* pXmlMsg;
+  CONVERTER_INSTANCE_DATA* instance;
+  cvtXmlMsg* message;
   CotSlice event;
   cvtKlvItem item;  // KEPT: one record serves the whole event, so an unparsable "start" repeats the time stamp
   double lat = kNotRead;
@@ -419,31 +419,30 @@ struct Conversion {
 
 }  // namespace
 
-static Conversion _StartConversion(CONVERTER_INSTANCE_DATA* pInstance, const char* pText, uint32_t nLength,
-                                   cvtXmlMsg* pXmlMsg) {
+static Conversion _StartConversion(CONVERTER_INSTANCE_DATA* instance, const char* text, uint32_t length,
+                                   cvtXmlMsg* message) {
   Conversion conversion;
-  conversion.pInstance = pInstance;
-  conversion.pXmlMsg = pXmlMsg;
-  conversion.event = {pText, nLength};
+  conversion.instance = instance;
+  conversion.message = message;
+  conversion.event = {text, length};
   memset(&conversion.item, 0, sizeof(conversion.item));
   return conversion;
 }
 
-static void _Append(Conversion& conversion, int nKey, int nLength) {
-  conversion.item.key = static_cast<uint8_t>(nKey);
-  conversion.item.length = static_cast<uint8_t>(nLength);
-  cvt_addKlvItem(&conversion.item, conversion.pXmlMsg);
+static void _Append(Conversion& conversion, int key, int length) {
+  conversion.item.key = static_cast<uint8_t>(key);
+  conversion.item.length = static_cast<uint8_t>(length);
+  cvt_addKlvItem(&conversion.item, conversion.message);
 }
 
-static void _AddEventItem(Conversion& conversion, int nKey, int nLength) {
-  MD_LOG(7, "Mapping KLV Item: key=%d (0x%x) length = 0x%x\n", nKey, static_cast<UINT>(nKey),
-         static_cast<UINT>(nLength));
-  _Append(conversion, nKey, nLength);
+static void _AddEventItem(Conversion& conversion, int key, int length) {
+  MD_LOG(7, "Mapping KLV Item: key=%d (0x%x) length = 0x%x\n", key, static_cast<UINT>(key), static_cast<UINT>(length));
+  _Append(conversion, key, length);
 }
 
-static void _AddItem(Conversion& conversion, int nKey, int nLength) {
-  MD_LOG(7, "Mapping KLV Item: key=0x%x, length=0x%x\n", static_cast<UINT>(nKey), static_cast<UINT>(nLength));
-  _Append(conversion, nKey, nLength);
+static void _AddItem(Conversion& conversion, int key, int length) {
+  MD_LOG(7, "Mapping KLV Item: key=0x%x, length=0x%x\n", static_cast<UINT>(key), static_cast<UINT>(length));
+  _Append(conversion, key, length);
 }
 
 static void _AddInteger(Conversion& conversion, const NumberItem& item, int64_t value) {
@@ -482,8 +481,8 @@ static void _SetText(Conversion& conversion, const cvtCotField& field) {
 }
 
 // Adds the time stamp, which both kinds of events must have. Returns 0, or -1 if the event has none.
-static int _AddTimeStamp(Conversion& conversion, const cvtCotField& field, bool bFound, int nKey) {
-  if (!bFound) {
+static int _AddTimeStamp(Conversion& conversion, const cvtCotField& field, bool found, int key) {
+  if (!found) {
     MD_LOG(3, "failed to find timeStamp field !\n");
     return -1;
   }
@@ -492,24 +491,24 @@ static int _AddTimeStamp(Conversion& conversion, const cvtCotField& field, bool 
     MD_LOG(3, "failed to get uSecs for tmStamp %s", text.Get());
     return -1;
   }
-  _AddEventItem(conversion, nKey, 8);
+  _AddEventItem(conversion, key, 8);
   return 0;
 }
 
-static int _AddAirEventItem(Conversion& conversion, const cvtCotField& field, bool bFound) {
-  const int nKey = cotToKlv_airEventTable[field.mapId].klvKey;
-  if (!bFound) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
-  if (field.mapId == AIR_EVENT_TIME) return _AddTimeStamp(conversion, field, bFound, nKey);
-  if (!bFound) return 0;
+static int _AddAirEventItem(Conversion& conversion, const cvtCotField& field, bool found) {
+  const int key = cotToKlv_airEventTable[field.mapId].klvKey;
+  if (!found) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
+  if (field.mapId == AIR_EVENT_TIME) return _AddTimeStamp(conversion, field, found, key);
+  if (!found) return 0;
   const CotText text(field.valueStr);
   if (field.mapId == AIR_EVENT_START) {
     if (cvt_getUSecsFromTimeStr(text.Get(), &conversion.item.value.ubyte8) != 0)
       MD_LOG(3, "failed to get uSecs for start %s", text.Get());  // KEPT: added all the same
-    _AddEventItem(conversion, nKey, 8);
+    _AddEventItem(conversion, key, 8);
   } else if (field.mapId == AIR_EVENT_UID) {
     MD_LOG(7, "aircraft uid=\"%s\"", text.Get());
     _SetText(conversion, field);
-    _AddEventItem(conversion, nKey, field.valueLen);
+    _AddEventItem(conversion, key, field.valueLen);
   } else {
     MD_LOG(3, "unknown mapId !\n");
   }
@@ -525,20 +524,20 @@ static int _AddAirEvent(Conversion& conversion) {
   MD_LOG(7, "Found <event> tag slice!\n");
   for (const cvtCotField& row : cot_airEventTable) {
     cvtCotField field;
-    const bool bFound = _FindField(slice, row, &field);
-    if (_AddAirEventItem(conversion, field, bFound) != 0) return -1;
+    const bool found = _FindField(slice, row, &field);
+    if (_AddAirEventItem(conversion, field, found) != 0) return -1;
   }
   return 0;
 }
 
 // Reads an attribute that is a number. Returns false, with a line in the log, if it is missing.
-static bool _FindAirNumber(const CotSlice& slice, const cvtCotField& row, double* pValue) {
+static bool _FindAirNumber(const CotSlice& slice, const cvtCotField& row, double* value) {
   cvtCotField field;
   if (!_FindField(slice, row, &field)) {
     MD_LOG(3, "cotField \"%s\" not found\n", field.name);
     return false;
   }
-  *pValue = _TextToDouble(CotText(field.valueStr).Get());
+  *value = _TextToDouble(CotText(field.valueStr).Get());
   return true;
 }
 
@@ -555,7 +554,7 @@ static void _AddAirTrack(Conversion& conversion) {
     if (!_AddNumber(conversion, item, value))
       MD_LOG(3, "_cvt_processAirMsg():out of range value detected for key=%d value=(PROTECTED)\n", item.tag);
     else if (row.mapId == AIR_TRACK_COURSE && _g_bAllItemsSupport)
-      conversion.pInstance->a_course = _ToFloat(value);
+      conversion.instance->a_course = _ToFloat(value);
   }
 }
 
@@ -569,15 +568,15 @@ static void _AddAirAttitude(Conversion& conversion) {
     double value = 0;
     if (!_FindAirNumber(slice, row, &value)) continue;
     const bool inRange = _AddNumber(conversion, kAirAttitudeItems[row.mapId], value);
-    float& angle = row.mapId == AIR_ATTITUDE_PITCH ? conversion.pInstance->a_pitch : conversion.pInstance->a_roll;
+    float& angle = row.mapId == AIR_ATTITUDE_PITCH ? conversion.instance->a_pitch : conversion.instance->a_roll;
     angle = inRange ? _ToFloat(value) : kCvtAngleOutOfRange;
   }
 }
 
 // Adds a latitude or longitude and keeps it for the undulation. Returns false, keeping nothing, if it is out of range.
-static bool _AddCoordinate(Conversion& conversion, const NumberItem& item, double value, double* pKept) {
+static bool _AddCoordinate(Conversion& conversion, const NumberItem& item, double value, double* kept) {
   if (!_AddNumber(conversion, item, value)) return false;
-  *pKept = value;
+  *kept = value;
   return true;
 }
 
@@ -602,9 +601,9 @@ static bool _HasPosition(const Conversion& conversion) {
   return conversion.lat != kNotRead && conversion.lon != kNotRead && conversion.hae != kNotRead;
 }
 
-static int _UndulationAt(const Conversion& conversion, float* pUndulation) {
+static int _UndulationAt(const Conversion& conversion, float* undulation) {
   const double lon = conversion.lon < 0 ? conversion.lon + 360 : conversion.lon;
-  return calcul_undulation(static_cast<float>(conversion.lat), static_cast<float>(lon), pUndulation);
+  return calcul_undulation(static_cast<float>(conversion.lat), static_cast<float>(lon), undulation);
 }
 
 // Height above mean sea level in metres.
@@ -622,9 +621,9 @@ static void _AddAirAltitude(Conversion& conversion) {
   _AddNumber(conversion, item, height);
 }
 
-int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputData, uint32_t nInDataSize,
-                           cvtXmlMsg* pXmlMsg) {
-  Conversion conversion = _StartConversion(pInstance, pvInputData, nInDataSize, pXmlMsg);
+int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* instance, const char* pvInputData, uint32_t nInDataSize,
+                           cvtXmlMsg* message) {
+  Conversion conversion = _StartConversion(instance, pvInputData, nInDataSize, message);
   if (_AddAirEvent(conversion) != 0) return -1;
   _AddAirTrack(conversion);
   if (_g_bAllItemsSupport) _AddAirAttitude(conversion);
@@ -644,32 +643,32 @@ static int _AddSpiEvent(Conversion& conversion) {
     return -1;
   }
   for (const cvtCotField& row : cot_spiEventTable) {
-    const int nKey = cotToKlv_spiEventTable[row.mapId].klvKey;
+    const int key = cotToKlv_spiEventTable[row.mapId].klvKey;
     cvtCotField field;
-    const bool bFound = _FindField(slice, row, &field);
-    if (!bFound) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
+    const bool found = _FindField(slice, row, &field);
+    if (!found) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
     if (row.mapId == SPI_EVENT_TIME) {
-      if (_AddTimeStamp(conversion, field, bFound, nKey) != 0) return -1;
-    } else if (bFound) {
+      if (_AddTimeStamp(conversion, field, found, key) != 0) return -1;
+    } else if (found) {
       const CotText text(field.valueStr);
       MD_LOG(7, "SPI uid=\"%s\"", text.Get());
       // KEPT: accepted sensors are listed too.
-      if (conversion.pInstance->bDiscoverSensors) AddDiscoveredSensor(conversion.pInstance, text.Get());
+      if (conversion.instance->bDiscoverSensors) AddDiscoveredSensor(conversion.instance, text.Get());
       _SetText(conversion, field);
-      _AddEventItem(conversion, nKey, field.valueLen);
+      _AddEventItem(conversion, key, field.valueLen);
     }
   }
   return 0;
 }
 
-static void _LogSpiOutOfRange(int nKey) {
-  MD_LOG(3, "out of range value detected for key=%d, value=(PROTECTED)\n", nKey);
+static void _LogSpiOutOfRange(int key) {
+  MD_LOG(3, "out of range value detected for key=%d, value=(PROTECTED)\n", key);
 }
 
 // KEPT: the horizontal error's message speaks of LE as well.
-static void _AddErrorEstimate(Conversion& conversion, const NumberItem& item, const char* szText, double value) {
+static void _AddErrorEstimate(Conversion& conversion, const NumberItem& item, const char* text, double value) {
   if (_AddNumber(conversion, item, value)) return;
-  MD_LOG(3, "SPI_POINT_LE value of %s (%f) is out of 0 to 4095 range.\n", szText, value);
+  MD_LOG(3, "SPI_POINT_LE value of %s (%f) is out of 0 to 4095 range.\n", text, value);
   _LogSpiOutOfRange(item.tag);
 }
 
@@ -734,21 +733,21 @@ static void _AddSpiPoint(Conversion& conversion) {
   _AddFrameCentreElevation(conversion);
 }
 
-static void _AddFieldOfView(Conversion& conversion, const char* szText, double value) {
+static void _AddFieldOfView(Conversion& conversion, const char* text, double value) {
   if (_AddNumber(conversion, kFieldOfView, value)) return;
-  MD_LOG(3, "SPI_SENSOR_FOV value of %s (%f) is out of 0 to 180 range.\n", szText, value);
+  MD_LOG(3, "SPI_SENSOR_FOV value of %s (%f) is out of 0 to 180 range.\n", text, value);
   _LogSpiOutOfRange(kFieldOfView.tag);
 }
 
-static void _AddVerticalFieldOfView(Conversion& conversion, const char* szText, double value) {
+static void _AddVerticalFieldOfView(Conversion& conversion, const char* text, double value) {
   if (_AddNumber(conversion, kVerticalFieldOfView, value)) return;
-  MD_LOG(3, "SPI_SENSOR_VFOV value of %s (%f) is out of 0 to 180 range.\n", szText, value);
+  MD_LOG(3, "SPI_SENSOR_VFOV value of %s (%f) is out of 0 to 180 range.\n", text, value);
   _LogSpiOutOfRange(kVerticalFieldOfView.tag);
 }
 
-static void _AddSlantRange(Conversion& conversion, const char* szText, double value) {
+static void _AddSlantRange(Conversion& conversion, const char* text, double value) {
   if (_AddNumber(conversion, kSlantRange, value)) return;
-  MD_LOG(3, "SPI_SENSOR_RANGE value of %s (%f) is out of 0 to 5000000 range.\n", szText, value);
+  MD_LOG(3, "SPI_SENSOR_RANGE value of %s (%f) is out of 0 to 5000000 range.\n", text, value);
   _LogSpiOutOfRange(kSlantRange.tag);
 }
 
@@ -767,13 +766,13 @@ static void _AddSensorItem(Conversion& conversion, const cvtCotField& field) {
       _AddVerticalFieldOfView(conversion, text.Get(), value);
       break;
     case SPI_SENSOR_AZIMUTH:
-      conversion.pInstance->s_azimuth = _ToFloat(value);
+      conversion.instance->s_azimuth = _ToFloat(value);
       break;
     case SPI_SENSOR_ELEVATION:
-      conversion.pInstance->s_elevation = _ToFloat(value);
+      conversion.instance->s_elevation = _ToFloat(value);
       break;
     case SPI_SENSOR_ROLL:
-      conversion.pInstance->s_roll = _ToFloat(value);
+      conversion.instance->s_roll = _ToFloat(value);
       break;
     case SPI_SENSOR_RANGE:
       _AddSlantRange(conversion, text.Get(), value);
@@ -799,9 +798,9 @@ static void _AddSpiSensor(Conversion& conversion) {
   }
 }
 
-int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputData, uint32_t nInDataSize,
-                      cvtXmlMsg* pXmlMsg) {
-  Conversion conversion = _StartConversion(pInstance, pvInputData, nInDataSize, pXmlMsg);
+int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* instance, const char* pvInputData, uint32_t nInDataSize,
+                      cvtXmlMsg* message) {
+  Conversion conversion = _StartConversion(instance, pvInputData, nInDataSize, message);
   if (_AddSpiEvent(conversion) != 0) return -1;
   _AddSpiPoint(conversion);
   if (_g_bAllItemsSupport) _AddSpiSensor(conversion);
@@ -809,13 +808,13 @@ int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputDat
 }
 
 // Appends straight to the packet, whatever its length: kCvtPacketSize has room for all three angles.
-static void _AppendAngle(cvtXmlMsg* pXmlMsg, int nKey, uint32_t nValue) {
-  BYTE* pcItem = pXmlMsg->pKlvPacket + pXmlMsg->curKlvLen;
-  const uint32_t nSwapped = SWAP32(nValue);
-  pcItem[0] = static_cast<BYTE>(nKey);
-  pcItem[1] = 4;
-  memcpy(pcItem + 2, &nSwapped, sizeof(nSwapped));
-  pXmlMsg->curKlvLen += 6;
+static void _AppendAngle(cvtXmlMsg* message, int key, uint32_t value) {
+  BYTE* out = message->pKlvPacket + message->curKlvLen;
+  const uint32_t swapped = SWAP32(value);
+  out[0] = static_cast<BYTE>(key);
+  out[1] = 4;
+  memcpy(out + 2, &swapped, sizeof(swapped));
+  message->curKlvLen += 6;
 }
 
 static constexpr double kScaleRelativeAngle = 11930464.70833333;      // 4294967295/360
@@ -823,134 +822,134 @@ static constexpr double kScaleRelativeElevation = 11930464.70555556;  // 4294967
 static constexpr uint32_t kElevationOutOfRange = 0x80000000;
 
 // Returns false if the difference of two angles is 361 degrees or more, or NaN. KEPT: it loses its sign and its fraction.
-static bool _WholeDegrees(float sensor, float aircraft, uint32_t* pnValue) {
+static bool _WholeDegrees(float sensor, float aircraft, uint32_t* value) {
   const float difference = sensor - aircraft;
   const float absolute = difference < 0 ? -difference : difference;
   if (!(absolute < 361)) return false;
-  *pnValue = _RoundU32(static_cast<int>(absolute) * kScaleRelativeAngle);
+  *value = _RoundU32(static_cast<int>(absolute) * kScaleRelativeAngle);
   return true;
 }
 
-static void _AddRelativeAzimuth(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
-  const float course = pInstance->a_course;
-  const float azimuth = pInstance->s_azimuth;
-  uint32_t nValue = 0;
-  if (course == kCvtAngleNotSet || azimuth == kCvtAngleNotSet || !_WholeDegrees(azimuth, course, &nValue)) {
+static void _AddRelativeAzimuth(const CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message) {
+  const float course = instance->a_course;
+  const float azimuth = instance->s_azimuth;
+  uint32_t value = 0;
+  if (course == kCvtAngleNotSet || azimuth == kCvtAngleNotSet || !_WholeDegrees(azimuth, course, &value)) {
     MD_LOG(7, "no azimuth key will be added to KLV. cours = %f, azimuth = %f  \n", static_cast<double>(course),
            static_cast<double>(azimuth));
     return;
   }
-  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[SPI_SENSOR_AZIMUTH].klvKey, nValue);
-  MD_LOG(7, "adding azimuth key (0x12): klv value = 0x%x \n", nValue);
+  _AppendAngle(message, cotToKlv_spiSensorTable[SPI_SENSOR_AZIMUTH].klvKey, value);
+  MD_LOG(7, "adding azimuth key (0x12): klv value = 0x%x \n", value);
 }
 
-static void _AddRelativeElevation(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
-  if (pInstance->a_pitch == kCvtAngleNotSet || pInstance->s_elevation == kCvtAngleNotSet) {
+static void _AddRelativeElevation(const CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message) {
+  if (instance->a_pitch == kCvtAngleNotSet || instance->s_elevation == kCvtAngleNotSet) {
     MD_LOG(7, "no spi elevation key will be added to KLV \n");
     return;
   }
-  const float difference = pInstance->s_elevation - pInstance->a_pitch;
-  uint32_t nValue = kElevationOutOfRange;
-  if (pInstance->a_pitch != kCvtAngleOutOfRange && difference >= -180 && difference <= 180)
-    nValue = static_cast<uint32_t>(_Round(static_cast<double>(difference) * kScaleRelativeElevation));
-  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[SPI_SENSOR_ELEVATION].klvKey, nValue);
-  MD_LOG(7, "adding spi elevation key (0x13): klv value = 0x%x \n", nValue);
+  const float difference = instance->s_elevation - instance->a_pitch;
+  uint32_t value = kElevationOutOfRange;
+  if (instance->a_pitch != kCvtAngleOutOfRange && difference >= -180 && difference <= 180)
+    value = static_cast<uint32_t>(_Round(static_cast<double>(difference) * kScaleRelativeElevation));
+  _AppendAngle(message, cotToKlv_spiSensorTable[SPI_SENSOR_ELEVATION].klvKey, value);
+  MD_LOG(7, "adding spi elevation key (0x13): klv value = 0x%x \n", value);
 }
 
-static void _AddRelativeRoll(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
-  const float aircraft = pInstance->a_roll;
-  const bool bSet =
-      aircraft != kCvtAngleOutOfRange && aircraft != kCvtAngleNotSet && pInstance->s_roll != kCvtAngleNotSet;
-  uint32_t nValue = 0;
-  if (!bSet || !_WholeDegrees(pInstance->s_roll, aircraft, &nValue)) {
+static void _AddRelativeRoll(const CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message) {
+  const float aircraft = instance->a_roll;
+  const bool isSet =
+      aircraft != kCvtAngleOutOfRange && aircraft != kCvtAngleNotSet && instance->s_roll != kCvtAngleNotSet;
+  uint32_t value = 0;
+  if (!isSet || !_WholeDegrees(instance->s_roll, aircraft, &value)) {
     MD_LOG(7, "no spi roll key will be added to KLV \n");
     return;
   }
-  _AppendAngle(pXmlMsg, cotToKlv_spiSensorTable[SPI_SENSOR_ROLL].klvKey, nValue);
-  MD_LOG(7, "adding spi roll key (0x14): klv value = 0x%x \n", nValue);
+  _AppendAngle(message, cotToKlv_spiSensorTable[SPI_SENSOR_ROLL].klvKey, value);
+  MD_LOG(7, "adding spi roll key (0x14): klv value = 0x%x \n", value);
 }
 
-void cvt_addSPISensorItems(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
-  _AddRelativeAzimuth(pInstance, pXmlMsg);
-  _AddRelativeElevation(pInstance, pXmlMsg);
-  _AddRelativeRoll(pInstance, pXmlMsg);
+void cvt_addSPISensorItems(const CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message) {
+  _AddRelativeAzimuth(instance, message);
+  _AddRelativeElevation(instance, message);
+  _AddRelativeRoll(instance, message);
 }
 
 // =====================================================================================================
 // 6. Pending messages. Metadata thread.
 // =====================================================================================================
 
-void cvt_freeMsgAndKlvPacket(cvtXmlMsg* pXmlMsg) {
-  if (pXmlMsg->pKlvPacket != nullptr && pXmlMsg->freePktMemFlag == 1) DoReleaseBuffer(&pXmlMsg->pBuffer);
-  free(pXmlMsg);
+void cvt_freeMsgAndKlvPacket(cvtXmlMsg* message) {
+  if (message->pKlvPacket != nullptr && message->freePktMemFlag == 1) DoReleaseBuffer(&message->pBuffer);
+  free(message);
 }
 
-void cvt_freeAllMsgsAndNoReturnedKlvPackets(CONVERTER_INSTANCE_DATA* pInstance) {
-  while (pInstance->pMsgListHeader != nullptr) {
-    cvtXmlMsg* pXmlMsg = pInstance->pMsgListHeader;
-    pInstance->pMsgListHeader = pXmlMsg->pNext;
-    if (pXmlMsg->freePktMemFlag == 1 && pXmlMsg->pBuffer != nullptr) {
-      DoReleaseBuffer(&pXmlMsg->pBuffer);
+void cvt_freeAllMsgsAndNoReturnedKlvPackets(CONVERTER_INSTANCE_DATA* instance) {
+  while (instance->pMsgListHeader != nullptr) {
+    cvtXmlMsg* message = instance->pMsgListHeader;
+    instance->pMsgListHeader = message->pNext;
+    if (message->freePktMemFlag == 1 && message->pBuffer != nullptr) {
+      DoReleaseBuffer(&message->pBuffer);
       MD_LOG(7, "Free All Msgs\n");
     }
-    free(pXmlMsg);
+    free(message);
   }
 }
 
-static bool _IsWithinDelta(const struct timeval& Diff, int32_t nMaxDelta) {
-  const long nSeconds = nMaxDelta / 1000000;
-  const long nMicroseconds = nMaxDelta % 1000000;
-  const bool bWithin = Diff.tv_sec < nSeconds || (Diff.tv_sec == nSeconds && Diff.tv_usec <= nMicroseconds);
-  const unsigned long nDiffSeconds = static_cast<unsigned long>(Diff.tv_sec);
-  const unsigned long nDiffMicroseconds = static_cast<unsigned long>(Diff.tv_usec);
-  if (bWithin)
-    MD_LOG(7, "Delta of %lu sec %lu usec is within accepted range of %lu.%06lu.\n", nDiffSeconds, nDiffMicroseconds,
-           static_cast<unsigned long>(nSeconds), static_cast<unsigned long>(nMicroseconds));
+static bool _IsWithinDelta(const struct timeval& diff, int32_t maxDelta) {
+  const long seconds = maxDelta / 1000000;
+  const long microseconds = maxDelta % 1000000;
+  const bool within = diff.tv_sec < seconds || (diff.tv_sec == seconds && diff.tv_usec <= microseconds);
+  const unsigned long diffSeconds = static_cast<unsigned long>(diff.tv_sec);
+  const unsigned long diffMicroseconds = static_cast<unsigned long>(diff.tv_usec);
+  if (within)
+    MD_LOG(7, "Delta of %lu sec %lu usec is within accepted range of %lu.%06lu.\n", diffSeconds, diffMicroseconds,
+           static_cast<unsigned long>(seconds), static_cast<unsigned long>(microseconds));
   else
-    MD_LOG(5, "Delta of %lu sec %lu usec is NOT within accepted range of %lu.%06lu.\n", nDiffSeconds, nDiffMicroseconds,
-           static_cast<unsigned long>(nSeconds), static_cast<unsigned long>(nMicroseconds));
-  return bWithin;
+    MD_LOG(5, "Delta of %lu sec %lu usec is NOT within accepted range of %lu.%06lu.\n", diffSeconds, diffMicroseconds,
+           static_cast<unsigned long>(seconds), static_cast<unsigned long>(microseconds));
+  return within;
 }
 
-cvtXmlMsg* cvt_findMsgFromList(const CONVERTER_INSTANCE_DATA* pInstance, const char* szTime) {
-  for (cvtXmlMsg* pXmlMsg = pInstance->pMsgListHeader; pXmlMsg != nullptr; pXmlMsg = pXmlMsg->pNext) {
-    if (strcmp(CotText(pXmlMsg->matchStr).Get(), szTime) == 0) return pXmlMsg;
+cvtXmlMsg* cvt_findMsgFromList(const CONVERTER_INSTANCE_DATA* instance, const char* timeText) {
+  for (cvtXmlMsg* message = instance->pMsgListHeader; message != nullptr; message = message->pNext) {
+    if (strcmp(CotText(message->matchStr).Get(), timeText) == 0) return message;
   }
-  struct timeval NewTime;
-  ConvertTimeString(szTime, &NewTime);
-  for (cvtXmlMsg* pXmlMsg = pInstance->pMsgListHeader; pXmlMsg != nullptr; pXmlMsg = pXmlMsg->pNext) {
-    struct timeval Time;
-    struct timeval Diff;
-    ConvertTimeString(CotText(pXmlMsg->matchStr).Get(), &Time);
-    CalcTimeOfDayAbsDiff(&NewTime, &Time, &Diff);
-    if (_IsWithinDelta(Diff, pInstance->nMaxSPIAirCraftTimeDeltaInUS)) return pXmlMsg;
+  struct timeval newTime;
+  ConvertTimeString(timeText, &newTime);
+  for (cvtXmlMsg* message = instance->pMsgListHeader; message != nullptr; message = message->pNext) {
+    struct timeval time;
+    struct timeval diff;
+    ConvertTimeString(CotText(message->matchStr).Get(), &time);
+    CalcTimeOfDayAbsDiff(&newTime, &time, &diff);
+    if (_IsWithinDelta(diff, instance->nMaxSPIAirCraftTimeDeltaInUS)) return message;
   }
   return nullptr;
 }
 
-static void _AppendToList(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg) {
-  cvtXmlMsg** ppEnd = &pInstance->pMsgListHeader;
-  while (*ppEnd != nullptr) ppEnd = &(*ppEnd)->pNext;
-  *ppEnd = pXmlMsg;
+static void _AppendToList(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message) {
+  cvtXmlMsg** end = &instance->pMsgListHeader;
+  while (*end != nullptr) end = &(*end)->pNext;
+  *end = message;
 }
 
 // Replaces whatever is pending by a new message. Returns NULL if out of memory.
-static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* pInstance, const cvtCotField& time) {
-  cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* instance, const cvtCotField& time) {
+  cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
   MD_LOG(7, "allocating a new msg since none found with time=\"%s\" !\n", CotText(time.valueStr).Get());
-  cvtXmlMsg* pXmlMsg = static_cast<cvtXmlMsg*>(calloc(1, sizeof(cvtXmlMsg)));
-  if (pXmlMsg == nullptr) {
+  cvtXmlMsg* message = static_cast<cvtXmlMsg*>(calloc(1, sizeof(cvtXmlMsg)));
+  if (message == nullptr) {
     MD_LOG(3, "cvtXmlMsg malloc failed  !\n");
     return nullptr;
   }
-  if (cvt_initXmlMsg(pInstance, pXmlMsg) != CVT_COTKLV_STATUS_OK) {
+  if (cvt_initXmlMsg(instance, message) != CVT_COTKLV_STATUS_OK) {
     MD_LOG(3, "failed to init mxl msg !\n");
-    cvt_freeMsgAndKlvPacket(pXmlMsg);
+    cvt_freeMsgAndKlvPacket(message);
     return nullptr;
   }
-  memcpy(pXmlMsg->matchStr, time.valueStr, sizeof(pXmlMsg->matchStr));
-  _AppendToList(pInstance, pXmlMsg);
-  return pXmlMsg;
+  memcpy(message->matchStr, time.valueStr, sizeof(message->matchStr));
+  _AppendToList(instance, message);
+  return message;
 }
 
 // =====================================================================================================
@@ -959,32 +958,32 @@ static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* pInstance, const cvtCot
 
 // Makes a terminated copy of the input: a datagram has no terminator, and the rest of an older one must not complete it.
 // Returns false if out of memory.
-static bool _CopyEvent(CONVERTER_INSTANCE_DATA* pInstance, const BYTE* pvInputData, int nInDataSize) {
-  if (nInDataSize >= pInstance->nEventCapacity) {
-    free(pInstance->szEvent);
-    pInstance->nEventCapacity = 0;
-    const size_t nCapacity = static_cast<size_t>(nInDataSize) + 1;
-    pInstance->szEvent = static_cast<char*>(malloc(nCapacity));
-    if (pInstance->szEvent == nullptr) {
+static bool _CopyEvent(CONVERTER_INSTANCE_DATA* instance, const BYTE* pvInputData, int nInDataSize) {
+  if (nInDataSize >= instance->nEventCapacity) {
+    free(instance->szEvent);
+    instance->nEventCapacity = 0;
+    const size_t capacity = static_cast<size_t>(nInDataSize) + 1;
+    instance->szEvent = static_cast<char*>(malloc(capacity));
+    if (instance->szEvent == nullptr) {
       MD_LOG(3, "malloc() failed !\n");
       return false;
     }
-    pInstance->nEventCapacity = nInDataSize + (nInDataSize < INT_MAX ? 1 : 0);
+    instance->nEventCapacity = nInDataSize + (nInDataSize < INT_MAX ? 1 : 0);
   }
-  memcpy(pInstance->szEvent, pvInputData, static_cast<size_t>(nInDataSize));
-  pInstance->szEvent[nInDataSize] = '\0';
+  memcpy(instance->szEvent, pvInputData, static_cast<size_t>(nInDataSize));
+  instance->szEvent[nInDataSize] = '\0';
   return true;
 }
 
-static bool _CutEvent(const CONVERTER_INSTANCE_DATA* pInstance, int nInDataSize, CotSlice* pEvent, CotSlice* pTag) {
-  const CotSlice input = {pInstance->szEvent, static_cast<uint32_t>(nInDataSize)};
-  if (!_FindSlice(input, "<event", "</event>", pEvent)) {
+static bool _CutEvent(const CONVERTER_INSTANCE_DATA* instance, int nInDataSize, CotSlice* event, CotSlice* tag) {
+  const CotSlice input = {instance->szEvent, static_cast<uint32_t>(nInDataSize)};
+  if (!_FindSlice(input, "<event", "</event>", event)) {
     MD_LOG(7, "not found whole msg!\n");
     return false;
   }
-  MD_LOG(7, "found whole msg, pMsg = 0x%x, len = %d\n", static_cast<UINT>(reinterpret_cast<uintptr_t>(pEvent->pText)),
-         static_cast<int>(pEvent->nLength));
-  if (!_FindSlice(*pEvent, "<event", ">", pTag)) {
+  MD_LOG(7, "found whole msg, pMsg = 0x%x, len = %d\n", static_cast<UINT>(reinterpret_cast<uintptr_t>(event->text)),
+         static_cast<int>(event->length));
+  if (!_FindSlice(*event, "<event", ">", tag)) {
     MD_LOG(3, "not found <event> tag slice!\n");
     return false;
   }
@@ -992,111 +991,111 @@ static bool _CutEvent(const CONVERTER_INSTANCE_DATA* pInstance, int nInDataSize,
   return true;
 }
 
-static bool _BeginsWith(const cvtCotField& field, const char* szPrefix) {
-  const size_t nLength = strlen(szPrefix);
-  return static_cast<size_t>(field.valueLen) >= nLength && memcmp(field.valueStr, szPrefix, nLength) == 0;
+static bool _BeginsWith(const cvtCotField& field, const char* prefix) {
+  const size_t length = strlen(prefix);
+  return static_cast<size_t>(field.valueLen) >= length && memcmp(field.valueStr, prefix, length) == 0;
 }
 
 // Counts the event by its type. Returns CVT_MSG_TYPE_NONE if it is not for the converter.
-static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* pInstance, const CotSlice& tag) {
+static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* instance, const CotSlice& tag) {
   cvtCotField type;
   if (!_LookUp(tag, "type", &type)) {
     MD_LOG(3, "not found type field !\n");
     return CVT_MSG_TYPE_NONE;
   }
   if (_BeginsWith(type, "a-f-A")) {
-    MdAdd(pInstance->Stats.nRxAirCraftMessages, 1);
+    MdAdd(instance->Stats.nRxAirCraftMessages, 1);
     return CVT_MSG_TYPE_AIRCRAFT;
   }
   if (_BeginsWith(type, "b-m-p-s-p-i")) {
-    MdAdd(pInstance->Stats.nRxSPIMessages, 1);
+    MdAdd(instance->Stats.nRxSPIMessages, 1);
     return CVT_MSG_TYPE_SPI;
   }
   MD_LOG(3, "unknow msg event type %s, len = %d !\n", CotText(type.valueStr).Get(), type.valueLen);
   return CVT_MSG_TYPE_NONE;
 }
 
-static bool _PassesFilter(CONVERTER_INSTANCE_DATA* pInstance, const CotSlice& tag) {
+static bool _PassesFilter(CONVERTER_INSTANCE_DATA* instance, const CotSlice& tag) {
   cvtCotField uid;
   if (!_LookUp(tag, "uid", &uid)) {
     MD_LOG(3, "xml_getCotFieldInTagSlice failed for UID retrieval.\n");
     return false;
   }
   const CotText text(uid.valueStr);
-  if (strcmp(text.Get(), pInstance->szSpiUid) == 0) {
-    MD_LOG(7, "SPI message accepted since UID \"%s\" matches filter \"%s\".\n", text.Get(), pInstance->szSpiUid);
+  if (strcmp(text.Get(), instance->szSpiUid) == 0) {
+    MD_LOG(7, "SPI message accepted since UID \"%s\" matches filter \"%s\".\n", text.Get(), instance->szSpiUid);
     return true;
   }
-  MD_LOG(7, "Discarding SPI message since UID \"%s\" is not \"%s\".\n", text.Get(), pInstance->szSpiUid);
-  MdAdd(pInstance->Stats.nFilteredRxSPIMessages, 1);
-  if (pInstance->bDiscoverSensors) AddDiscoveredSensor(pInstance, text.Get());
+  MD_LOG(7, "Discarding SPI message since UID \"%s\" is not \"%s\".\n", text.Get(), instance->szSpiUid);
+  MdAdd(instance->Stats.nFilteredRxSPIMessages, 1);
+  if (instance->bDiscoverSensors) AddDiscoveredSensor(instance, text.Get());
   return false;
 }
 
 // Reads the event's time, by which events are paired.
-static bool _FindTime(const CotSlice& event, cvtCotField* pTime) {
+static bool _FindTime(const CotSlice& event, cvtCotField* time) {
   CotSlice tag;
   if (!_FindSlice(event, "<event", ">", &tag)) {
     MD_LOG(3, "not found <event> tag slice!\n");
     return false;
   }
-  if (!_LookUp(tag, "time", pTime)) {
+  if (!_LookUp(tag, "time", time)) {
     MD_LOG(3, "not found type field !\n");  // KEPT: says type for time
     return false;
   }
-  MD_LOG(7, "matchStr, time=\"%s\" !\n", CotText(pTime->valueStr).Get());
+  MD_LOG(7, "matchStr, time=\"%s\" !\n", CotText(time->valueStr).Get());
   return true;
 }
 
 // Returns the pending message that this event completes, or a new one, or NULL if there is neither.
-static cvtXmlMsg* _FindOrStartMessage(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const cvtCotField& time,
-                                      bool* pbPaired) {
+static cvtXmlMsg* _FindOrStartMessage(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const cvtCotField& time,
+                                      bool* paired) {
   const CotText text(time.valueStr);
-  cvtXmlMsg* pXmlMsg = cvt_findMsgFromList(pInstance, text.Get());
-  *pbPaired = pXmlMsg != nullptr;
-  if (pXmlMsg == nullptr) return _StartMessage(pInstance, time);
-  if (pXmlMsg->msgType == enType) {
-    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+  cvtXmlMsg* message = cvt_findMsgFromList(instance, text.Get());
+  *paired = message != nullptr;
+  if (message == nullptr) return _StartMessage(instance, time);
+  if (message->msgType == type) {
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
     MD_LOG(4, "we got the same type msg twice !\n");
     return nullptr;
   }
   MD_LOG(7, "We have both SPI and AIRCRAFT events with time=\"%s\" !\n", text.Get());
-  return pXmlMsg;
+  return message;
 }
 
-static int _ConvertEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const CotSlice& event,
-                         cvtXmlMsg* pXmlMsg) {
-  if (enType == CVT_MSG_TYPE_AIRCRAFT) {
+static int _ConvertEvent(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const CotSlice& event,
+                         cvtXmlMsg* message) {
+  if (type == CVT_MSG_TYPE_AIRCRAFT) {
     MD_LOG(7, "Got a aircraft msg!\n");
-    return cvt_processAircraftMsg(pInstance, event.pText, event.nLength, pXmlMsg);
+    return cvt_processAircraftMsg(instance, event.text, event.length, message);
   }
   MD_LOG(7, "Got a SPI msg!\n");
-  return cvt_processSpiMsg(pInstance, event.pText, event.nLength, pXmlMsg);
+  return cvt_processSpiMsg(instance, event.text, event.length, message);
 }
 
 // Adds a classified event to its message, and closes the packet if the event was the second one.
-static int _AddEvent(CONVERTER_INSTANCE_DATA* pInstance, CVT_MSG_TYPE enType, const CotSlice& event,
+static int _AddEvent(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const CotSlice& event,
                      MDATA_BUFFER** ppBuffer) {
   cvtCotField time;
   if (!_FindTime(event, &time)) return -1;
-  bool bPaired = false;
-  cvtXmlMsg* pXmlMsg = _FindOrStartMessage(pInstance, enType, time, &bPaired);
-  if (pXmlMsg == nullptr) return -1;
-  if (_ConvertEvent(pInstance, enType, event, pXmlMsg) == -1) {
-    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+  bool paired = false;
+  cvtXmlMsg* message = _FindOrStartMessage(instance, type, time, &paired);
+  if (message == nullptr) return -1;
+  if (_ConvertEvent(instance, type, event, message) == -1) {
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
     return -1;
   }
-  if (pXmlMsg->tmStampFlag != 1) {
+  if (message->tmStampFlag != 1) {
     MD_LOG(3, "no timeStamp found in the message!\n");
-    cvt_freeAllMsgsAndNoReturnedKlvPackets(pInstance);
+    cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
     return 0;
   }
-  if (!bPaired) {
+  if (!paired) {
     MD_LOG(7, "waiting for another message!\n");
     return 0;
   }
-  if (_g_bAllItemsSupport) cvt_addSPISensorItems(pInstance, pXmlMsg);
-  return _ClosePacket(pInstance, pXmlMsg, ppBuffer);
+  if (_g_bAllItemsSupport) cvt_addSPISensorItems(instance, message);
+  return _ClosePacket(instance, message, ppBuffer);
 }
 
 int ConvertCoT2KLV(HCONVERTER hConv, const BYTE* pvInputData, int nInDataSize, MDATA_BUFFER** ppBuffer) {
@@ -1113,10 +1112,10 @@ int ConvertCoT2KLV(HCONVERTER hConv, const BYTE* pvInputData, int nInDataSize, M
   CotSlice event;
   CotSlice tag;
   if (!_CopyEvent(hConv, pvInputData, nInDataSize) || !_CutEvent(hConv, nInDataSize, &event, &tag)) return -1;
-  const CVT_MSG_TYPE enType = _ClassifyEvent(hConv, tag);
-  if (enType == CVT_MSG_TYPE_NONE) return -1;
-  if (enType == CVT_MSG_TYPE_SPI && hConv->szSpiUid[0] != '\0' && !_PassesFilter(hConv, tag)) return -1;
-  return _AddEvent(hConv, enType, event, ppBuffer);
+  const CVT_MSG_TYPE type = _ClassifyEvent(hConv, tag);
+  if (type == CVT_MSG_TYPE_NONE) return -1;
+  if (type == CVT_MSG_TYPE_SPI && hConv->szSpiUid[0] != '\0' && !_PassesFilter(hConv, tag)) return -1;
+  return _AddEvent(hConv, type, event, ppBuffer);
 }
 
 void ReleaseConvertedData(MDATA_BUFFER* pBuffer) {
@@ -1133,14 +1132,13 @@ BOOL AllocCoT2KLVConvert(HCONVERTER* phConvInstance, int32_t nMaxSPIAirCraftTime
   MD_ASSERT(phConvInstance != NULL);
   if (phConvInstance == nullptr) return FALSE;
   *phConvInstance = nullptr;
-  CONVERTER_INSTANCE_DATA* pInstance =
-      static_cast<CONVERTER_INSTANCE_DATA*>(calloc(1, sizeof(CONVERTER_INSTANCE_DATA)));
-  if (pInstance == nullptr) return FALSE;
-  cvt_resetVariables(pInstance);
-  pInstance->nMaxSPIAirCraftTimeDeltaInUS = nMaxSPIAirCraftTimeDeltaInUS;
-  if (szSpiUid != nullptr) CopyString(pInstance->szSpiUid, szSpiUid, sizeof(pInstance->szSpiUid));
-  pInstance->bDiscoverSensors = bEnableSPIDiscovery;
-  *phConvInstance = pInstance;
+  CONVERTER_INSTANCE_DATA* instance = static_cast<CONVERTER_INSTANCE_DATA*>(calloc(1, sizeof(CONVERTER_INSTANCE_DATA)));
+  if (instance == nullptr) return FALSE;
+  cvt_resetVariables(instance);
+  instance->nMaxSPIAirCraftTimeDeltaInUS = nMaxSPIAirCraftTimeDeltaInUS;
+  if (szSpiUid != nullptr) CopyString(instance->szSpiUid, szSpiUid, sizeof(instance->szSpiUid));
+  instance->bDiscoverSensors = bEnableSPIDiscovery;
+  *phConvInstance = instance;
   return TRUE;
 }
 
@@ -1155,8 +1153,8 @@ void FreeCoT2KLVConvert(HCONVERTER* phConvInstance) {
   *phConvInstance = nullptr;
 }
 
-void AddDiscoveredSensor(CONVERTER_INSTANCE_DATA* pInstance, const char* szUID) {
-  _NoteSensor(pInstance->KnownSensors, szUID);
+void AddDiscoveredSensor(CONVERTER_INSTANCE_DATA* instance, const char* uid) {
+  _NoteSensor(instance->KnownSensors, uid);
 }
 
 void AgeCoT2KLVSensors(HCONVERTER hConv) {

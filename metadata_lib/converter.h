@@ -218,11 +218,11 @@ int calcul_undulation(float inLat, float inLon, float* undulation);
 
 // --- Packet steps ------------------------------------------------------------------------------------
 
-CVT_COTKLV_STATUS cvt_initXmlMsg(CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg);
-CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* pKlvItem, cvtXmlMsg* pXmlMsg);
+CVT_COTKLV_STATUS cvt_initXmlMsg(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message);
+CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* klvItem, cvtXmlMsg* message);
 // Returns the MISB ST 0601 checksum with its bytes swapped, so that storing it as it is writes it big-endian; 0 if the
 // length is not positive.
-uint16_t get_checksum_u16(const BYTE* pData, int nLength);
+uint16_t get_checksum_u16(const BYTE* data, int length);
 uint16_t SWAP16(uint16_t value);
 uint32_t SWAP32(uint32_t value);
 uint64_t SWAP64(uint64_t value);
@@ -230,16 +230,16 @@ uint64_t SWAP64(uint64_t value);
 // --- Events ------------------------------------------------------------------------------------------
 
 // Append the event's items. Return 0, or -1 if the event must be dropped.
-int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputData, uint32_t nInDataSize,
-                           cvtXmlMsg* pXmlMsg);
-int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* pInstance, const char* pvInputData, uint32_t nInDataSize,
-                      cvtXmlMsg* pXmlMsg);
-void cvt_addSPISensorItems(const CONVERTER_INSTANCE_DATA* pInstance, cvtXmlMsg* pXmlMsg);
-void cvt_resetVariables(CONVERTER_INSTANCE_DATA* pInstance);
+int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* instance, const char* pvInputData, uint32_t nInDataSize,
+                           cvtXmlMsg* message);
+int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* instance, const char* pvInputData, uint32_t nInDataSize,
+                      cvtXmlMsg* message);
+void cvt_addSPISensorItems(const CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message);
+void cvt_resetVariables(CONVERTER_INSTANCE_DATA* instance);
 // Returns the pending message within the delta of a time text, or NULL.
-cvtXmlMsg* cvt_findMsgFromList(const CONVERTER_INSTANCE_DATA* pInstance, const char* szTime);
-void cvt_freeMsgAndKlvPacket(cvtXmlMsg* pXmlMsg);
-void cvt_freeAllMsgsAndNoReturnedKlvPackets(CONVERTER_INSTANCE_DATA* pInstance);
-void AddDiscoveredSensor(CONVERTER_INSTANCE_DATA* pInstance, const char* szUID);
+cvtXmlMsg* cvt_findMsgFromList(const CONVERTER_INSTANCE_DATA* instance, const char* timeText);
+void cvt_freeMsgAndKlvPacket(cvtXmlMsg* message);
+void cvt_freeAllMsgsAndNoReturnedKlvPackets(CONVERTER_INSTANCE_DATA* instance);
+void AddDiscoveredSensor(CONVERTER_INSTANCE_DATA* instance, const char* uid);
 
 #endif  // CONVERTER_H

@@ -28,18 +28,18 @@ CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const c
     MD_LOG(3, "invalid input\n");
     return CVT_COTKLV_STATUS_INVALID_INPUT;
   }
-  const char* pStart = strstr(pInBuf, startTag);
-  if (pStart == nullptr) {
+  const char* start = strstr(pInBuf, startTag);
+  if (start == nullptr) {
     MD_LOG(7, "slice %s not found\n", startTag);
     return CVT_COTKLV_STATUS_NOT_FOUND;
   }
-  *pSlice = pStart;
-  const char* pEnd = strstr(pStart, endTag);
-  if (pEnd == nullptr) {
+  *pSlice = start;
+  const char* end = strstr(start, endTag);
+  if (end == nullptr) {
     MD_LOG(4, "slice %s not found\n", endTag);
     return CVT_COTKLV_STATUS_NOT_FOUND;
   }
-  *sliceLen = static_cast<uint32_t>(pEnd - pStart);
+  *sliceLen = static_cast<uint32_t>(end - start);
   if (*sliceLen > inBufLen) {
     MD_LOG(3, "found slice, but length is out of buffer\n");
     return CVT_COTKLV_STATUS_NOT_FOUND;
@@ -56,54 +56,53 @@ CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen
     MD_LOG(3, "invalid input\n");
     return CVT_COTKLV_STATUS_INVALID_INPUT;
   }
-  const char* pHit = strstr(pInBuf, pCotField->name);
-  if (pHit == nullptr) {
+  const char* hit = strstr(pInBuf, pCotField->name);
+  if (hit == nullptr) {
     MD_LOG(3, "field %s not found\n", pCotField->name);
     return CVT_COTKLV_STATUS_NOT_FOUND;
   }
-  if (pHit - pInBuf > inBufLen) {
+  if (hit - pInBuf > inBufLen) {
     MD_LOG(3, "field %s out of slice. \n", pCotField->name);
     return CVT_COTKLV_STATUS_NOT_FOUND;
   }
-  const char* pOpen = strchr(pHit, '"');
-  if (pOpen == nullptr) {
+  const char* openQuote = strchr(hit, '"');
+  if (openQuote == nullptr) {
     MD_LOG(3, "field %s not found open \"\n", pCotField->name);
     return CVT_COTKLV_STATUS_NOT_FOUND;
   }
-  const char* pClose = strchr(pOpen + 1, '"');
-  if (pClose == nullptr) {
+  const char* closeQuote = strchr(openQuote + 1, '"');
+  if (closeQuote == nullptr) {
     MD_LOG(3, "field %s not found close \"\n", pCotField->name);
     return CVT_COTKLV_STATUS_NOT_FOUND;
   }
-  const size_t nLength = static_cast<size_t>(pClose - pOpen - 1);
-  if (nLength > kCotValueSize) {
-    MD_LOG(3, "field %s found invalid value length 0x%x\n", pCotField->name, static_cast<UINT>(nLength));
+  const size_t length = static_cast<size_t>(closeQuote - openQuote - 1);
+  if (length > kCotValueSize) {
+    MD_LOG(3, "field %s found invalid value length 0x%x\n", pCotField->name, static_cast<UINT>(length));
     return CVT_COTKLV_STATUS_NOT_FOUND;
   }
-  memcpy(pCotField->valueStr, pOpen + 1, nLength);
-  if (nLength < kCotValueSize) pCotField->valueStr[nLength] = '\0';
-  pCotField->valueLen = static_cast<int32_t>(nLength);
+  memcpy(pCotField->valueStr, openQuote + 1, length);
+  if (length < kCotValueSize) pCotField->valueStr[length] = '\0';
+  pCotField->valueLen = static_cast<int32_t>(length);
   pCotField->flag = 1;
   return CVT_COTKLV_STATUS_OK;
 }
 
-bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* pField) {
-  *pField = row;
-  xml_getCotFieldInTagSlice(slice.pText, static_cast<int32_t>(slice.nLength), pField);
-  if (pField->flag != 1) return false;
-  MD_LOG(7, "Found cotField: name = %s\n", pField->name);
+bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* field) {
+  *field = row;
+  xml_getCotFieldInTagSlice(slice.text, static_cast<int32_t>(slice.length), field);
+  if (field->flag != 1) return false;
+  MD_LOG(7, "Found cotField: name = %s\n", field->name);
   return true;
 }
 
-bool _FindSlice(const CotSlice& whole, const char* szStart, const char* szEnd, CotSlice* pSlice) {
-  return xml_getTagSlice(whole.pText, whole.nLength, szStart, szEnd, &pSlice->pText, &pSlice->nLength) ==
-         CVT_COTKLV_STATUS_OK;
+bool _FindSlice(const CotSlice& whole, const char* start, const char* end, CotSlice* pSlice) {
+  return xml_getTagSlice(whole.text, whole.length, start, end, &pSlice->text, &pSlice->length) == CVT_COTKLV_STATUS_OK;
 }
 
-bool _LookUp(const CotSlice& slice, const char* szName, cvtCotField* pField) {
-  memset(pField, 0, sizeof(*pField));
-  CopyString(pField->name, szName, sizeof(pField->name));
-  return xml_getCotFieldInTagSlice(slice.pText, static_cast<int32_t>(slice.nLength), pField) == CVT_COTKLV_STATUS_OK;
+bool _LookUp(const CotSlice& slice, const char* name, cvtCotField* field) {
+  memset(field, 0, sizeof(*field));
+  CopyString(field->name, name, sizeof(field->name));
+  return xml_getCotFieldInTagSlice(slice.text, static_cast<int32_t>(slice.length), field) == CVT_COTKLV_STATUS_OK;
 }
 
 // =====================================================================================================
@@ -111,93 +110,93 @@ bool _LookUp(const CotSlice& slice, const char* szName, cvtCotField* pField) {
 // =====================================================================================================
 
 // The decimal number in a group of characters; 0 where the text ends before it.
-static int _DateGroup(const char* szText, size_t nTextLength, size_t nOffset, size_t nLength) {
-  char szGroup[8] = "0000000";
-  if (nOffset >= nTextLength) return 0;
-  if (nLength > nTextLength - nOffset) nLength = nTextLength - nOffset;
-  memcpy(szGroup, szText + nOffset, nLength);
-  szGroup[nLength] = '\0';
-  return static_cast<int>(strtol(szGroup, nullptr, 10));
+static int _DateGroup(const char* text, size_t textLength, size_t offset, size_t length) {
+  char group[8] = "0000000";
+  if (offset >= textLength) return 0;
+  if (length > textLength - offset) length = textLength - offset;
+  memcpy(group, text + offset, length);
+  group[length] = '\0';
+  return static_cast<int>(strtol(group, nullptr, 10));
 }
 
 // YYYY-MM-DDTHH:MM:SS by position; what stands between the groups does not matter.
 int cvt_strptime(const char* timeStr, struct tm* pTm) {
   memset(pTm, 0, sizeof(*pTm));
-  const size_t nLength = strlen(timeStr);
-  const int nYear = _DateGroup(timeStr, nLength, 0, 4);
-  const int nMonth = _DateGroup(timeStr, nLength, 5, 2);
-  const int nDay = _DateGroup(timeStr, nLength, 8, 2);
-  const int nHour = _DateGroup(timeStr, nLength, 11, 2);
-  const int nMinutes = _DateGroup(timeStr, nLength, 14, 2);
-  const int nSeconds = _DateGroup(timeStr, nLength, 17, 2);
-  if (nYear < 1900) return -1;
-  if (nMonth < 1 || nMonth > 12) return -1;
-  if (nDay < 1 || nDay > 31) return -1;
-  if (nHour < 0 || nHour > 23) return -1;
-  if (nMinutes < 0 || nMinutes > 59) return -1;
-  if (nSeconds < 0 || nSeconds > 60) return -1;  // 60 is a leap second
-  pTm->tm_year = nYear - 1900;
-  pTm->tm_mon = nMonth - 1;
-  pTm->tm_mday = nDay;
-  pTm->tm_hour = nHour;
-  pTm->tm_min = nMinutes;
-  pTm->tm_sec = nSeconds;
+  const size_t length = strlen(timeStr);
+  const int year = _DateGroup(timeStr, length, 0, 4);
+  const int month = _DateGroup(timeStr, length, 5, 2);
+  const int day = _DateGroup(timeStr, length, 8, 2);
+  const int hour = _DateGroup(timeStr, length, 11, 2);
+  const int minutes = _DateGroup(timeStr, length, 14, 2);
+  const int seconds = _DateGroup(timeStr, length, 17, 2);
+  if (year < 1900) return -1;
+  if (month < 1 || month > 12) return -1;
+  if (day < 1 || day > 31) return -1;
+  if (hour < 0 || hour > 23) return -1;
+  if (minutes < 0 || minutes > 59) return -1;
+  if (seconds < 0 || seconds > 60) return -1;  // 60 is a leap second
+  pTm->tm_year = year - 1900;
+  pTm->tm_mon = month - 1;
+  pTm->tm_mday = day;
+  pTm->tm_hour = hour;
+  pTm->tm_min = minutes;
+  pTm->tm_sec = seconds;
   return 0;
 }
 
 // KEPT: the fraction is the two characters after the point read as hundredths (".5Z" is 50 ms), and the time is local
 // whatever follows it.
 int cvt_getUSecsFromTimeStr(const char* timeStr, uint64_t* uSecs) {
-  struct tm Tm;
-  int nHundredths = 0;
-  const char* pPoint = strchr(timeStr, '.');
-  if (pPoint != nullptr) {
-    if (pPoint - timeStr > 20) {
-      MD_LOG(3, "str is too long, len = 0x%x\n", static_cast<UINT>(pPoint - timeStr));
+  struct tm fields;
+  int hundredths = 0;
+  const char* point = strchr(timeStr, '.');
+  if (point != nullptr) {
+    if (point - timeStr > 20) {
+      MD_LOG(3, "str is too long, len = 0x%x\n", static_cast<UINT>(point - timeStr));
       return -1;
     }
-    if (cvt_strptime(timeStr, &Tm) != 0) {
+    if (cvt_strptime(timeStr, &fields) != 0) {
       MD_LOG(3, "failed in cvt_strptime() with decimal!\n");
       return -1;
     }
-    nHundredths = _DateGroup(pPoint, strlen(pPoint), 1, 2);
-  } else if (cvt_strptime(timeStr, &Tm) != 0) {
+    hundredths = _DateGroup(point, strlen(point), 1, 2);
+  } else if (cvt_strptime(timeStr, &fields) != 0) {
     MD_LOG(3, "failed in cvt_strptime()!\n");
     return -1;
   }
-  const time_t nSeconds = mktime(&Tm);
-  if (nSeconds == -1) {
+  const time_t seconds = mktime(&fields);
+  if (seconds == -1) {
     MD_LOG(3, "failed in mktime()\n");
     return -1;
   }
-  const int64_t nMicroseconds = int64_t{nSeconds} * 1000000 + int64_t{nHundredths} * 10000;
-  *uSecs = htobe64(static_cast<uint64_t>(nMicroseconds));
+  const int64_t microseconds = int64_t{seconds} * 1000000 + int64_t{hundredths} * 10000;
+  *uSecs = htobe64(static_cast<uint64_t>(microseconds));
   return 0;
 }
 
 // KEPT: the month is not reduced by one, and the year by 1970 instead of 1900. The result orders times, no more.
 void ConvertTimeString(const char* szTime, struct timeval* pOutTime) {
-  int nYear = 0;
-  int nMonth = 0;
-  int nDay = 0;
-  int nHour = 0;
-  int nMinutes = 0;
-  int nSeconds = 0;
-  int nHundredths = 0;
-  (void)sscanf(szTime, "%04d-%02d-%02dT%02d:%02d:%02d.%02dZ", &nYear, &nMonth, &nDay, &nHour, &nMinutes, &nSeconds,
-               &nHundredths);
-  struct tm Tm;
-  memset(&Tm, 0, sizeof(Tm));
-  Tm.tm_sec = nSeconds;
-  Tm.tm_min = nMinutes;
-  Tm.tm_hour = nHour;
-  Tm.tm_mday = nDay;
-  Tm.tm_mon = nMonth;
-  Tm.tm_year = nYear - 1970;
-  pOutTime->tv_sec = mktime(&Tm);
-  pOutTime->tv_usec = nHundredths * 10000;
-  MD_LOG(7, "RECONSTITUTED TIME=%04d-%02d-%02dT%02d:%02d:%02d.%02dZ.\n", nYear, Tm.tm_mon, Tm.tm_mday, Tm.tm_hour,
-         Tm.tm_min, Tm.tm_sec, nHundredths);
+  int year = 0;
+  int month = 0;
+  int day = 0;
+  int hour = 0;
+  int minutes = 0;
+  int seconds = 0;
+  int hundredths = 0;
+  (void)sscanf(szTime, "%04d-%02d-%02dT%02d:%02d:%02d.%02dZ", &year, &month, &day, &hour, &minutes, &seconds,
+               &hundredths);
+  struct tm fields;
+  memset(&fields, 0, sizeof(fields));
+  fields.tm_sec = seconds;
+  fields.tm_min = minutes;
+  fields.tm_hour = hour;
+  fields.tm_mday = day;
+  fields.tm_mon = month;
+  fields.tm_year = year - 1970;
+  pOutTime->tv_sec = mktime(&fields);
+  pOutTime->tv_usec = hundredths * 10000;
+  MD_LOG(7, "RECONSTITUTED TIME=%04d-%02d-%02dT%02d:%02d:%02d.%02dZ.\n", year, fields.tm_mon, fields.tm_mday,
+         fields.tm_hour, fields.tm_min, fields.tm_sec, hundredths);
   MD_LOG(7, "Resulting time %lu sec,%lu usecs.\n", static_cast<unsigned long>(pOutTime->tv_sec),
          static_cast<unsigned long>(pOutTime->tv_usec));
 }

@@ -46,8 +46,8 @@ class CotText {
 
 // A stretch of the event's text.
 struct CotSlice {
-  const char* pText = nullptr;
-  uint32_t nLength = 0;
+  const char* text = nullptr;
+  uint32_t length = 0;
 };
 
 // --- XML ---------------------------------------------------------------------------------------------
@@ -58,11 +58,11 @@ CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen
 
 // Finds the slice of a text from a start marker up to, but without, the next end marker. On failure *pSlice may hold the
 // start all the same.
-bool _FindSlice(const CotSlice& whole, const char* szStart, const char* szEnd, CotSlice* pSlice);
-// Copies the row to *pField and looks the attribute up; on failure *pField holds the bare row.
-bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* pField);
+bool _FindSlice(const CotSlice& whole, const char* start, const char* end, CotSlice* pSlice);
+// Copies the row to *field and looks the attribute up; on failure *field holds the bare row.
+bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* field);
 // Looks up an attribute that has no row.
-bool _LookUp(const CotSlice& slice, const char* szName, cvtCotField* pField);
+bool _LookUp(const CotSlice& slice, const char* name, cvtCotField* field);
 
 // --- Times -------------------------------------------------------------------------------------------
 

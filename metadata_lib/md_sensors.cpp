@@ -13,40 +13,40 @@
 
 static pthread_mutex_t _g_SensorLock = PTHREAD_MUTEX_INITIALIZER;
 
-static void _StoreSensor(SENSOR_ENTRY* pEntry, const char* szUID) {
+static void _StoreSensor(SENSOR_ENTRY* entry, const char* uid) {
   MdLock lock(_g_SensorLock);
-  CopyString(pEntry->szUID, szUID, sizeof(pEntry->szUID));
-  pEntry->nAgeInSeconds = 0;
-  pEntry->bInUse = TRUE;
+  CopyString(entry->szUID, uid, sizeof(entry->szUID));
+  entry->nAgeInSeconds = 0;
+  entry->bInUse = TRUE;
 }
 
-void _NoteSensor(SensorTable& sensors, const char* szUID) {
-  MD_LOG(7, "Adding SPI \"%s\".\n", szUID);
-  int nFree = -1;
-  int nOldestAge = -1;
+void _NoteSensor(SensorTable& sensors, const char* uid) {
+  MD_LOG(7, "Adding SPI \"%s\".\n", uid);
+  int freeIndex = -1;
+  int oldestAge = -1;
   for (int i = 0; i < MDATA_MAX_DISCOVERED_SENSORS; ++i) {
     SENSOR_ENTRY& entry = sensors[i];
     if (!entry.bInUse) {
-      if (nFree >= 0) continue;
-      nFree = i;
+      if (freeIndex >= 0) continue;
+      freeIndex = i;
       MD_LOG(7, "Located first free index at %d.\n", i);
-    } else if (strcmp(entry.szUID, szUID) == 0) {
+    } else if (strcmp(entry.szUID, uid) == 0) {
       entry.nAgeInSeconds = 0;
-      MD_LOG(7, "Located existing entry for \"%s\" at offset %d.\n", szUID, i);
+      MD_LOG(7, "Located existing entry for \"%s\" at offset %d.\n", uid, i);
       return;
-    } else if (entry.nAgeInSeconds > nOldestAge) {
-      nOldestAge = entry.nAgeInSeconds;
-      MD_LOG(7, "Oldest existing record is \"%s\" at offset %d, %d seconds old.\n", entry.szUID, i, nOldestAge);
+    } else if (entry.nAgeInSeconds > oldestAge) {
+      oldestAge = entry.nAgeInSeconds;
+      MD_LOG(7, "Oldest existing record is \"%s\" at offset %d, %d seconds old.\n", entry.szUID, i, oldestAge);
     }
   }
-  if (nFree >= 0) {
-    _StoreSensor(&sensors[nFree], szUID);
-    MD_LOG(7, "Storing entry for \"%s\" at free offset %d.\n", szUID, nFree);
+  if (freeIndex >= 0) {
+    _StoreSensor(&sensors[freeIndex], uid);
+    MD_LOG(7, "Storing entry for \"%s\" at free offset %d.\n", uid, freeIndex);
     return;
   }
   // KEPT: the oldest age, 0 to 10, serves as the index of the entry that gives way.
-  _StoreSensor(&sensors[nOldestAge], szUID);
-  MD_LOG(7, "Storing entry for \"%s\" at oldest offset %d.\n", szUID, nOldestAge);
+  _StoreSensor(&sensors[oldestAge], uid);
+  MD_LOG(7, "Storing entry for \"%s\" at oldest offset %d.\n", uid, oldestAge);
 }
 
 void _AgeSensors(SensorTable& sensors) {

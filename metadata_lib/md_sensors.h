@@ -22,7 +22,7 @@ struct SENSOR_ENTRY {
 using SensorTable = SENSOR_ENTRY[MDATA_MAX_DISCOVERED_SENSORS];
 
 // Notes that a sensor was seen. In a full table it takes the place of another one.
-void _NoteSensor(SensorTable& sensors, const char* szUID);
+void _NoteSensor(SensorTable& sensors, const char* uid);
 // Makes every sensor one second older, and forgets those that were not seen for longer than their lifetime.
 void _AgeSensors(SensorTable& sensors);
 // Copies the UIDs, in the order of the table. Returns how many there are. Any thread.

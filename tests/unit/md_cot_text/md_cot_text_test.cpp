@@ -123,9 +123,9 @@ TEST_F(XmlText, FoundSliceIsTheTextUpToItsEndMarker) {
   const std::string text = "<event><point lat=\"1\"/><track/></event>";
   CotSlice slice;
   ASSERT_TRUE(_FindSlice(Slice(text), "<point", "/>", &slice));
-  EXPECT_EQ(std::string(slice.pText, slice.nLength), "<point lat=\"1\"");
+  EXPECT_EQ(std::string(slice.text, slice.length), "<point lat=\"1\"");
   EXPECT_FALSE(_FindSlice(Slice(text), "<sensor", "/>", &slice));
-  EXPECT_EQ(slice.nLength, 0u);
+  EXPECT_EQ(slice.length, 0u);
   ExpectLog(7, "slice <sensor not found\n");
 }
 
