@@ -214,11 +214,21 @@ TEST_F(GridText, LongNumbersReadLikeAScan) {
   Check(text);
 }
 
+// A locale whose numbers have a comma. Taken from the process's locale for a moment: newlocale leaks LOCPATH's text.
+locale_t CommaLocale() {
+  setenv("LOCPATH", METADATA_TEST_LOCALES, 1);
+  const char* name = setlocale(LC_ALL, "de_DE.UTF-8");
+  EXPECT_NE(name, nullptr) << "no locale in " << METADATA_TEST_LOCALES;
+  const locale_t comma = duplocale(LC_GLOBAL_LOCALE);
+  setlocale(LC_ALL, "C");
+  unsetenv("LOCPATH");
+  return comma;
+}
+
 TEST_F(GridText, PointIsAPointInEveryLocale) {
-  ASSERT_EQ(setenv("LOCPATH", METADATA_TEST_LOCALES, 1), 0);
-  const locale_t comma = newlocale(LC_ALL_MASK, "de_DE.UTF-8", nullptr);
-  ASSERT_NE(comma, nullptr);
+  const locale_t comma = CommaLocale();
   const locale_t before = uselocale(comma);
+  ASSERT_STREQ(localeconv()->decimal_point, ",");
   EXPECT_EQ(Load("1.5e0 2.5 1e-1 ", 3), 0);
   EXPECT_EQ(uselocale(before), comma) << "the caller's locale is left as it was";
   freelocale(comma);

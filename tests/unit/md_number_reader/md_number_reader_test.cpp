@@ -266,20 +266,28 @@ TEST(TextToDouble, OfTextThatIsNotANumberIsZero) {
 
 // --- Locales ---------------------------------------------------------------------------------------------
 
+// A locale whose numbers have a comma. Taken from the process's locale for a moment: newlocale leaks LOCPATH's text.
+locale_t CommaLocale() {
+  setenv("LOCPATH", METADATA_TEST_LOCALES, 1);
+  const char* name = setlocale(LC_ALL, "de_DE.UTF-8");
+  EXPECT_NE(name, nullptr) << "no locale in " << METADATA_TEST_LOCALES;
+  const locale_t comma = duplocale(LC_GLOBAL_LOCALE);
+  setlocale(LC_ALL, "C");
+  unsetenv("LOCPATH");
+  return comma;
+}
+
 // The thread's locale writes numbers with a comma.
 class DecimalComma : public testing::Test {
  protected:
   void SetUp() override {
-    setenv("LOCPATH", METADATA_TEST_LOCALES, 1);
-    m_comma = newlocale(LC_ALL_MASK, "de_DE.UTF-8", nullptr);
-    ASSERT_NE(m_comma, nullptr) << "no locale in " << METADATA_TEST_LOCALES;
+    m_comma = CommaLocale();
     m_before = uselocale(m_comma);
     ASSERT_EQ(strtod("1,5", nullptr), 1.5);
   }
   void TearDown() override {
     uselocale(m_before);
     freelocale(m_comma);
-    unsetenv("LOCPATH");
   }
   locale_t m_comma = nullptr;
   locale_t m_before = nullptr;
