@@ -1004,11 +1004,11 @@ static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* instance, const CotS
     return CVT_MSG_TYPE_NONE;
   }
   if (_BeginsWith(type, "a-f-A")) {
-    MdAdd(instance->Stats.nRxAirCraftMessages, 1);
+    MdAddFetch(instance->Stats.nRxAirCraftMessages, 1);
     return CVT_MSG_TYPE_AIRCRAFT;
   }
   if (_BeginsWith(type, "b-m-p-s-p-i")) {
-    MdAdd(instance->Stats.nRxSPIMessages, 1);
+    MdAddFetch(instance->Stats.nRxSPIMessages, 1);
     return CVT_MSG_TYPE_SPI;
   }
   MD_LOG(3, "unknow msg event type %s, len = %d !\n", CotText(type.valueStr).Get(), type.valueLen);
@@ -1027,7 +1027,7 @@ static bool _PassesFilter(CONVERTER_INSTANCE_DATA* instance, const CotSlice& tag
     return true;
   }
   MD_LOG(7, "Discarding SPI message since UID \"%s\" is not \"%s\".\n", text.Get(), instance->szSpiUid);
-  MdAdd(instance->Stats.nFilteredRxSPIMessages, 1);
+  MdAddFetch(instance->Stats.nFilteredRxSPIMessages, 1);
   if (instance->bDiscoverSensors) AddDiscoveredSensor(instance, text.Get());
   return false;
 }

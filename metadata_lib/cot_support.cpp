@@ -276,7 +276,7 @@ static Step _Decode(Slice& s) {
     s.held.Drop(kCoTHeaderSize);
     return Step::kRescan;
   }
-  MdAdd(pCtxt->Stats.nRxOkMessages, 1);
+  MdAddFetch(pCtxt->Stats.nRxOkMessages, 1);
   return Step::kKeepRest;
 }
 
@@ -325,7 +325,7 @@ static void _RunSlice(Slice& s) {
 int COT_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   auto* pCtxt = static_cast<COT_DECODE_CONTEXT*>(pvCtxt);
   if (nLength <= 0) return 0;
-  MdAdd(pCtxt->Stats.nTotalRxBytes, nLength);
+  MdAddFetch(pCtxt->Stats.nTotalRxBytes, nLength);
   int nDone = 0;
   while (nDone < nLength) {
     Slice s(pCtxt, pvData + nDone, _SliceSize(pCtxt, nLength - nDone));
@@ -384,7 +384,7 @@ BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
   MD_LOG(7, "Calculated CRC for data is 0x%04X\n", wComputed);
   const WORD wStored = static_cast<WORD>(pcBlock[nBlockLength] << 8 | pcBlock[nBlockLength + 1]);
   if (wStored != wComputed) {
-    const ULONG nCorrupted = MdAdd(pCtxt->Stats.nRxCorruptedMessages, 1);
+    const ULONG nCorrupted = MdAddFetch(pCtxt->Stats.nRxCorruptedMessages, 1);
     MD_LOG(4, "CRC DOES NOT MATCH In=0x%04X vs Calc=0x%04X!!!\n", wStored, wComputed);
     _LogLostXMLEvent(nCorrupted);
     return FALSE;
@@ -425,7 +425,7 @@ BOOL _ProcessARQ(COT_DECODE_CONTEXT* pCtxt, MDATA_BUFFER* pBuff) {
     MD_LOG(4, "This message is not on channel 1 but %c (0x%02x)\n", cChannel, cChannel);
     return FALSE;
   }
-  MdAdd(pCtxt->Stats.nRxChannel1Messages, 1);
+  MdAddFetch(pCtxt->Stats.nRxChannel1Messages, 1);
   MD_LOG(6, "Received Valid ARQ Data for Channel 1\n");
   _LogXMLEvent(pBuff);
 

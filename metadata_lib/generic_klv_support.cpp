@@ -368,7 +368,7 @@ static Step _KeepRest(Slice& s) {
 }
 
 static Step _DropSync(Slice& s) {
-  MdAdd(s.pCtxt->Stats.nRxCorruptedMessages, 1);
+  MdAddFetch(s.pCtxt->Stats.nRxCorruptedMessages, 1);
   // KEPT: only the sync bytes are dropped; the next message may begin inside what was discarded.
   s.held.Drop(kKLVSyncSize);
   return Step::kRescan;
@@ -419,7 +419,7 @@ static void _RunSlice(Slice& s) {
 
 int GenericKLV_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   KLV_DECODE_CONTEXT* pCtxt = _Context(pvCtxt);
-  if (nLength > 0) MdAdd(pCtxt->Stats.nTotalRxBytes, nLength);
+  if (nLength > 0) MdAddFetch(pCtxt->Stats.nTotalRxBytes, nLength);
   if (pCtxt->pDecodeBuffer == nullptr) return 0;
   bool bLost = false;
   int nDone = 0;
@@ -525,7 +525,7 @@ BOOL _ValidateKLVMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* pcData, int nMsgSize, 
     if (!_WalkItem(walk, &bEnded)) return FALSE;
   }
   if (walk.nOffset == nMsgSize) {
-    MdAdd(pCtxt->Stats.nRxOkMessages, 1);
+    MdAddFetch(pCtxt->Stats.nRxOkMessages, 1);
     MD_LOG(7, "Message is OK.\n");
     return TRUE;
   }

@@ -24,13 +24,13 @@ inline void MdStoreRelease(T& field, V value) {
 }
 
 template <typename T, typename V>
-inline T MdAdd(T& field, V amount) {
+inline T MdAddFetch(T& field, V amount) {
   return __atomic_add_fetch(&field, static_cast<T>(amount), __ATOMIC_RELAXED);
 }
 
 // Stores 'desired' if the field was 'expected'. Returns whether it was.
 template <typename T>
-inline bool MdExchangeIf(T& field, T expected, T desired) {
+inline bool MdCompareExchange(T& field, T expected, T desired) {
   return __atomic_compare_exchange_n(&field, &expected, desired, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);
 }
 

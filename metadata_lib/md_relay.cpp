@@ -226,7 +226,7 @@ BOOL _CreateRelayingSockets(const MDATA_SRC_CFG* pCfg, int* piSockets, size_t nN
 static bool _NoteReceived(const BYTE* pcReceived, int& iCurrent, UINT64& nUpdates, UINT32& nUpTimeInSecs) {
   if (pcReceived == nullptr || *pcReceived == MdLoad(iCurrent)) return false;
   MdStore(iCurrent, *pcReceived);
-  MdAdd(nUpdates, 1);
+  MdAddFetch(nUpdates, 1);
   UINT32 nNow = 0;
   if (GetSystemUPTime(&nNow)) MdStore(nUpTimeInSecs, nNow);
   return true;
@@ -287,7 +287,7 @@ static void _FollowTTL(MDATA_SRC_HANDLE pMDataSource, UINT32 i, int iTTL) {
 static void _CountRelayError(RELAYER* pRelayer, int iError) {
   MdStore(pRelayer->iLastRelayError, iError);
   MdStore(pRelayer->iLastRelayErrorTime, static_cast<int>(time(nullptr)));
-  MdAdd(pRelayer->nRelayErrors, 1);
+  MdAddFetch(pRelayer->nRelayErrors, 1);
 }
 
 // Sends one message to one relay. Returns true if all of it was sent.
@@ -298,8 +298,8 @@ static bool _SendToRelay(MDATA_SRC_HANDLE pMDataSource, UINT32 i, const void* pv
   const int iSocket = MdLoadAcquire(pRelayer->iRelaySocket);
   const ssize_t nSent = send(iSocket, pvBuffer, nSize, 0);
   if (nSent >= 0 && static_cast<size_t>(nSent) == nSize) {
-    MdAdd(pRelayer->nRelayedBytes, nSize);
-    MdAdd(pRelayer->nRelayedMessages, 1);
+    MdAddFetch(pRelayer->nRelayedBytes, nSize);
+    MdAddFetch(pRelayer->nRelayedMessages, 1);
     MD_LOG(7, "Successfully transmitted %d bytes on socket %d of relay#%d/%d.\n", static_cast<int>(nSize), iSocket,
            iNumber, iCount);
     return true;

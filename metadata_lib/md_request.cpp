@@ -33,12 +33,12 @@ void _ResetRequests() {
 }
 
 static bool _ChangeRequest(int32_t& nRequest, int32_t nFrom, int32_t nTo) {
-  return MdExchangeIf(nRequest, nFrom, nTo);
+  return MdCompareExchange(nRequest, nFrom, nTo);
 }
 
 bool _CompleteRequest(int32_t& nRequest) {
   if (_ChangeRequest(nRequest, REQUEST_PENDING, REQUEST_DONE)) return false;
-  MdAdd(_g_nStrayPosts, 1);
+  MdAddFetch(_g_nStrayPosts, 1);
   return _ChangeRequest(nRequest, REQUEST_ABANDONED, REQUEST_DONE);
 }
 
@@ -68,7 +68,7 @@ bool _WaitForRequest(int32_t& nRequest, DWORD nLimitMs) {
   }
   const int iError = errno;
   if (!_ChangeRequest(nRequest, REQUEST_PENDING, REQUEST_ABANDONED)) {
-    MdAdd(_g_nStrayPosts, 1);  // carried out at the last moment: its post stays behind
+    MdAddFetch(_g_nStrayPosts, 1);  // carried out at the last moment: its post stays behind
     return true;
   }
   errno = iError;

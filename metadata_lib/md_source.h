@@ -53,7 +53,7 @@ typedef struct tagKLV_DECIM_CTRL {
   UINT32 nDecimationFactor;  // copy of the configuration's
 } KLV_DECIM_CTRL;
 
-// State of a request to the metadata thread; its own completion mark. Changed with MdExchangeIf.
+// State of a request to the metadata thread; its own completion mark. Changed with MdCompareExchange.
 enum tagREQUEST_STATE : int32_t {
   REQUEST_NONE = 0,
   REQUEST_PENDING = 1,   // sent, or about to be

@@ -40,7 +40,7 @@ void _LogXMLEvent(MDATA_BUFFER* pBuff) {
     MdLock Lock(_g_XMLOutLock);
     if (g_XMLOutFP == nullptr) return;
     const int nErrorBefore = ferror(g_XMLOutFP);
-    const int32_t nEvent = MdAdd(g_nXMLEventCount, 1);
+    const int32_t nEvent = MdAddFetch(g_nXMLEventCount, 1);
     char szTime[40];
     fprintf(g_XMLOutFP, "XML Event #%d at %s\n", nEvent, GenTimeStamp(time(nullptr), szTime, sizeof(szTime)));
     BYTE* pcLast = pBuff->pcData + pBuff->nDataSize - 1;
@@ -64,7 +64,7 @@ void _LogLostXMLEvent(ULONG nCorrupted) {
     fprintf(g_XMLOutFP, "\nLOST XML Event #%lu\n", nCorrupted);
     iErrno = errno;
     // KEPT: a lost event takes a number, so the event after it has the next number but one.
-    MdAdd(g_nXMLEventCount, 1);
+    MdAddFetch(g_nXMLEventCount, 1);
     failed = _IsNewWriteError(g_XMLOutFP, nErrorBefore);
   }
   if (failed) _ReportXMLLogError(iErrno);

@@ -1130,8 +1130,8 @@ static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int nSize) {
 static void _CountMessage(MDATA_SRC_HANDLE hSource, int nLength, time_t tNow) {
   if (hSource->pvDecodeCtxt == nullptr) return;
   KLV_STATS* pStats = GenericKLV_GetStatsPtr(hSource->pvDecodeCtxt);
-  MdAdd(pStats->nRxOkMessages, 1);
-  const UINT64 nTotal = MdAdd(pStats->nTotalRxBytes, nLength);
+  MdAddFetch(pStats->nRxOkMessages, 1);
+  const UINT64 nTotal = MdAddFetch(pStats->nTotalRxBytes, nLength);
   _FeedOutputRate(hSource, nTotal, tNow);
 }
 
@@ -1244,8 +1244,8 @@ void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff) {
 static void _CountCoTDatagram(MDATA_SRC_HANDLE hSource, int nLength) {
   if (hSource->pvDecodeCtxt == nullptr) return;
   COT_STATS* pStats = COT_GetStatsPtr(hSource->pvDecodeCtxt);
-  MdAdd(pStats->nRxOkMessages, 1);
-  MdAdd(pStats->nTotalRxBytes, nLength);
+  MdAddFetch(pStats->nRxOkMessages, 1);
+  MdAddFetch(pStats->nTotalRxBytes, nLength);
 }
 
 // Converts one event. Returns true if a packet was produced, with the converter's length. Producing none while waiting
@@ -1265,8 +1265,8 @@ static bool _RewriteAndCountConverted(MDATA_SRC_HANDLE hSource, const PathTexts&
   const Rewritten Result = _RewriteOnPath(hSource, Texts, Packet->pcData, *pnLength, Packet);
   if (Result == Rewritten::Dropped) return false;
   if (Result == Rewritten::Replaced) *pnLength = Packet->nDataSize;
-  MdAdd(hSource->nCoTConvertedKLVMessages, 1);
-  MdAdd(hSource->nCoTConvertedKLVBytes, *pnLength);
+  MdAddFetch(hSource->nCoTConvertedKLVMessages, 1);
+  MdAddFetch(hSource->nCoTConvertedKLVBytes, *pnLength);
   return true;
 }
 

@@ -220,15 +220,15 @@ static void _CountInserts(const MessageWalk& walk) {
   MDATA_KLV_STATS& stats = walk.hSource->KLVStats;
   if (walk.hSource->pMissionID != nullptr) {
     if (walk.missionIDs == 0)
-      MdAdd(stats.nAddedMissionIDs, 1);
+      MdAddFetch(stats.nAddedMissionIDs, 1);
     else
-      MdAdd(stats.nUpdatedMissionIDs, walk.missionIDs);
+      MdAddFetch(stats.nUpdatedMissionIDs, walk.missionIDs);
   }
   if (walk.hSource->pSecurityMDataSet != nullptr) {
     if (walk.securitySets == 0)
-      MdAdd(stats.nAddedSecuritySets, 1);
+      MdAddFetch(stats.nAddedSecuritySets, 1);
     else
-      MdAdd(stats.nUpdatedSecuritySets, walk.securitySets);
+      MdAddFetch(stats.nUpdatedSecuritySets, walk.securitySets);
   }
 }
 
@@ -307,12 +307,12 @@ BOOL ProcessUASDataLinkLocalSet(HMDATASRC hSource, BYTE* pcKLVHeader, int nUAVSi
   const bool tooLarge = _MeasureBody(walk, &room) > kMaxRewrittenBody;
   MdBufferRef buffer;
   if (!_AllocOutput(hSource, nUAVSize, tooLarge ? 0 : room, buffer)) return FALSE;
-  MdAdd(hSource->KLVStats.nRxUASMessages, 1);
+  MdAddFetch(hSource->KLVStats.nRxUASMessages, 1);
 
   walk.out.body = tooLarge ? nullptr : buffer->pcData;
   walk.out.speak = true;
   if (!_WalkMessage(walk)) {
-    MdAdd(hSource->KLVStats.nInvalidUASMessages, 1);
+    MdAddFetch(hSource->KLVStats.nInvalidUASMessages, 1);
     return FALSE;
   }
   _LogLeftOvers(walk);

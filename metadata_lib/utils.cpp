@@ -31,7 +31,7 @@ static pthread_mutex_t _g_BufferMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 // KEPT: the counters change without the mutex here and with it held in the release; they only feed the log line.
 static void _CountAllocation(const char* szFunction, int nLine) {
-  const int32_t nNow = MdAdd(_g_nAllocatedBuffers, 1);
+  const int32_t nNow = MdAddFetch(_g_nAllocatedBuffers, 1);
   if (nNow <= MdLoad(_g_nMaxAllocatedBuffers)) return;
   MdStore(_g_nMaxAllocatedBuffers, nNow);
   if (MdLogEnabled(g_hMetaDataLibDbg, 6))
@@ -93,7 +93,7 @@ void DoReleaseBuffer(MDATA_BUFFER** ppBuffer) {
   MD_ASSERT_TEXT(MdLoadAcquire(pBuffer->nRefCount) > 0, "pBuffer->nRefCount > 0");
   if (__atomic_sub_fetch(&pBuffer->nRefCount, 1, __ATOMIC_ACQ_REL) == 0 && pBuffer->bDynamic) {
     free(pBuffer);
-    MdAdd(_g_nAllocatedBuffers, -1);
+    MdAddFetch(_g_nAllocatedBuffers, -1);
   }
   _SaveStateIfDebugging(__LINE__);
   pthread_mutex_unlock(&_g_BufferMutex);
