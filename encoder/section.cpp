@@ -27,7 +27,8 @@ Section::Section(const IniSection& section, std::span<const std::string_view> kn
   for (const auto& [key, value] : section_.values) {
     if (std::find(known.begin(), known.end(), key) != known.end()) continue;
     const std::string nearest = NearestName(key, known);
-    std::string text = "[" + Name() + "] " + key + " = " + value + ": unknown key";
+    std::string text = "[" + Name() + "] ";
+    text.append(key).append(" = ").append(value).append(": unknown key");
     if (!nearest.empty()) text.append(", did you mean \"").append(nearest).append("\"?");
     throw ConfigError(text.append("; allowed are ").append(Join(known)));
   }
