@@ -212,8 +212,8 @@ TEST_F(SerialLineTest, A_descriptor_closed_in_the_set_takes_its_device_along_and
   EXPECT_EQ(eventfd_read(other, &value), 0);
   EXPECT_EQ(value, 7u);
   close(other);
-  EXPECT_THAT(Warnings(), ElementsAre("_Test: descriptor " + std::to_string(number) +
-                                      " was closed before it left set \"Test\"."));
+  EXPECT_THAT(Warnings(),
+              ElementsAre("_Test: descriptor " + std::to_string(number) + " was closed before it left set \"Test\"."));
 }
 
 // --- devices that go away ----------------------------------------------------------------------------
