@@ -167,7 +167,7 @@ std::filesystem::path MakeOtherVersion(const std::filesystem::path& folder) {
     if (module == "klv_utils") continue;  // ends like "utils" and may share its place
     replace(module + '\0', module.substr(0, module.size() - 1) + "x" + '\0');
   }
-  const auto path = folder / "libmetadata_lib.so.2";
+  auto path = folder / "libmetadata_lib.so.2";
   std::ofstream(path, std::ios::binary) << bytes;
   return path;
 }

@@ -7,7 +7,9 @@
 //   record_run [RECORDING]     RECORDING: ST 0601 messages, back to back, added to the traffic
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <fstream>
 #include <functional>
 #include <iterator>
@@ -206,7 +208,17 @@ class Source {
     Flush(std::string("open ") + name + (opened ? "" : ": refused"));
   }
   ~Source() {
-    if (m_handle == nullptr) return;
+    try {
+      if (m_handle != nullptr) Close();
+    } catch (...) {
+      std::abort();  // half a record is worth nothing
+    }
+  }
+  Source(const Source&) = delete;
+  Source& operator=(const Source&) = delete;
+
+ private:
+  void Close() {
     PrintStats(m_handle);
     MDATA_SRC_STATS stats;
     memset(&stats, 0x11, sizeof stats);
@@ -224,10 +236,7 @@ class Source {
       for (const Bytes& sent : host().FD(fd).sent) PrintBytes("relayed", sent);
     }
   }
-  Source(const Source&) = delete;
-  Source& operator=(const Source&) = delete;
 
- private:
   std::string m_name;
   HMDATASRC m_handle = nullptr;
 };
@@ -382,13 +391,10 @@ std::string Grid() {
   return text;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  setenv("TZ", "UTC", 1);
+void Record(const char* recording) {
   std::vector<Bytes> recorded;
-  if (argc > 1) {
-    std::ifstream file(argv[1], std::ios::binary);
+  if (recording != nullptr) {
+    std::ifstream file(recording, std::ios::binary);
     recorded = SplitMessages(Bytes(std::istreambuf_iterator<char>(file), {}));
   }
   host().Reset();
@@ -402,5 +408,17 @@ int main(int argc, char** argv) {
   Video();
   METADATALIB_Shutdown();
   Flush("stop");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  setenv("TZ", "UTC", 1);
+  try {
+    Record(argc > 1 ? argv[1] : nullptr);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "record_run: %s\n", error.what());
+    return 1;
+  }
   return 0;
 }

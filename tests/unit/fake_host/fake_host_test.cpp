@@ -283,7 +283,7 @@ TEST_F(FakeReceive, RoomForOneControlMessageFailsTheTestAndCutsThemOff) {
 TEST_F(FakeReceive, NoMemoryForTheDatagramFailsTheTest) {
   m_part = {nullptr, 0};
   host().FeedDatagram(m_fd, {});
-  EXPECT_NONFATAL_FAILURE(recvmsg(m_fd, &m_message, MSG_DONTWAIT), "one part, with memory");
+  EXPECT_NONFATAL_FAILURE((void)recvmsg(m_fd, &m_message, MSG_DONTWAIT), "one part, with memory");
 }
 
 TEST_F(FakeHost, AnotherSelectorThanTheBitRateFailsTheTest) {

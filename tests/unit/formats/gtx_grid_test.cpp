@@ -35,7 +35,8 @@ std::string MakeGrid(const Header& header, std::size_t values = 12) {
   PutBigEndian(data, header.rows);
   PutBigEndian(data, header.columns);
   for (std::size_t i = 0; i < values; ++i) {
-    PutBigEndian(data, std::bit_cast<std::uint32_t>(static_cast<float>(i / 4 * 10 + i % 4)));
+    const std::size_t height = i / 4 * 10 + i % 4;
+    PutBigEndian(data, std::bit_cast<std::uint32_t>(static_cast<float>(height)));
   }
   return data;
 }

@@ -1,5 +1,5 @@
 /* The parsing core as a C99 program sees it: compiled, with every warning, and never run. */
-#include "md_core.c"
+#include "md_core.c" /* NOLINT(bugprone-suspicious-include): compiled again on purpose */
 
 int md_core_c99(const uint8_t* data, size_t size);
 

@@ -1,6 +1,7 @@
 // The two steps that the five receive paths have in common: rewriting and delivery, with the row of texts of each path.
 #include "md_delivery.h"
 
+#include <gmock/gmock.h>
 #include <string.h>
 
 #include <memory>
