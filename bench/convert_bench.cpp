@@ -12,21 +12,21 @@
 namespace {
 
 const std::string& Aircraft() {
-  static const std::string text =
+  static const std::string kText =
       R"(<?xml version="1.0"?><event version="2.0" uid="AIRCRAFT-1" type="a-f-A-M-F-Q" how="m-g" )"
       R"(time="2024-05-06T07:08:09.10Z" start="2024-05-06T07:08:09.10Z" stale="2024-05-06T07:09:09.10Z">)"
       R"(<point lat="45.5017" lon="-73.5673" hae="1250.5" ce="9.9" le="9.9"/><detail><contact callsign="HAWK 1"/>)"
       R"(<track course="87.5" speed="61.2"/><attitude pitch="2.25" roll="-3.5" yaw="0.0"/></detail></event>)";
-  return text;
+  return kText;
 }
 
 const std::string& Spi() {
-  static const std::string text =
+  static const std::string kText =
       R"(<?xml version="1.0"?><event version="2.0" uid="SENSOR-1" type="b-m-p-s-p-i" how="m-g" )"
       R"(time="2024-05-06T07:08:09.30Z" start="2024-05-06T07:08:09.30Z" stale="2024-05-06T07:09:09.30Z">)"
       R"(<point lat="45.5117" lon="-73.5573" hae="35.5" ce="10" le="10"/><detail><sensor model="EO" fov="12.5" )"
       R"(vfov="7.5" azimuth="100.25" elevation="-30.5" roll="0" range="4321"/><link uid="AIRCRAFT-1"/></detail></event>)";
-  return text;
+  return kText;
 }
 
 class Converter {

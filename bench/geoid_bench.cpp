@@ -29,8 +29,8 @@ class GridFile {
 };
 
 const GridFile& File() {
-  static const GridFile file;
-  return file;
+  static const GridFile kFile;
+  return kFile;
 }
 
 void BM_LoadGrid(benchmark::State& state) {

@@ -15,24 +15,24 @@ namespace {
 
 // A message with the elements that a flight usually carries, its checksum last.
 std::vector<BYTE> MakeMessage() {
-  std::vector<BYTE> Body;
-  const auto Put = [&Body](BYTE Tag, size_t nLength) {
-    Body.push_back(Tag);
-    Body.push_back(static_cast<BYTE>(nLength));
-    for (size_t i = 0; i < nLength; i++) Body.push_back(static_cast<BYTE>(Tag + i));
+  std::vector<BYTE> body;
+  const auto put = [&body](BYTE tag, size_t nLength) {
+    body.push_back(tag);
+    body.push_back(static_cast<BYTE>(nLength));
+    for (size_t i = 0; i < nLength; i++) body.push_back(static_cast<BYTE>(tag + i));
   };
-  Put(2, 8);
-  Put(3, 12);
-  for (const int nTag : {5, 6, 7, 15, 16, 17, 22, 25, 26, 27, 28, 29}) Put(static_cast<BYTE>(nTag), 2);
-  for (const int nTag : {13, 14, 18, 19, 20, 21, 23, 24, 40, 41}) Put(static_cast<BYTE>(nTag), 4);
-  Put(48, 28);
-  Put(65, 1);
-  Put(1, 2);
-  std::vector<BYTE> Message(UASDataLinkKey, UASDataLinkKey + 16);
-  Message.push_back(0x81);
-  Message.push_back(static_cast<BYTE>(Body.size()));
-  Message.insert(Message.end(), Body.begin(), Body.end());
-  return Message;
+  put(2, 8);
+  put(3, 12);
+  for (const int nTag : {5, 6, 7, 15, 16, 17, 22, 25, 26, 27, 28, 29}) put(static_cast<BYTE>(nTag), 2);
+  for (const int nTag : {13, 14, 18, 19, 20, 21, 23, 24, 40, 41}) put(static_cast<BYTE>(nTag), 4);
+  put(48, 28);
+  put(65, 1);
+  put(1, 2);
+  std::vector<BYTE> message(UASDataLinkKey, UASDataLinkKey + 16);
+  message.push_back(0x81);
+  message.push_back(static_cast<BYTE>(body.size()));
+  message.insert(message.end(), body.begin(), body.end());
+  return message;
 }
 
 struct Source {
@@ -54,44 +54,44 @@ struct Source {
   }
 };
 
-void Rewrite(benchmark::State& State, const Source& Of) {
-  std::vector<BYTE> Message = MakeMessage();
-  for (auto _ : State) {
+void Rewrite(benchmark::State& state, const Source& of) {
+  std::vector<BYTE> message = MakeMessage();
+  for (auto _ : state) {
     MDATA_BUFFER* pBuffer = nullptr;
-    ProcessUASDataLinkLocalSet(Of.pRecord, Message.data(), static_cast<int>(Message.size()), 18, &pBuffer, nullptr);
+    ProcessUASDataLinkLocalSet(of.pRecord, message.data(), static_cast<int>(message.size()), 18, &pBuffer, nullptr);
     benchmark::DoNotOptimize(pBuffer->pcData);
     DoReleaseBuffer(&pBuffer);
   }
-  State.SetBytesProcessed(State.iterations() * static_cast<int64_t>(Message.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(message.size()));
 }
 
-void Floor(benchmark::State& State) {
-  std::vector<BYTE> Message = MakeMessage();
-  for (auto _ : State) {
+void Floor(benchmark::State& state) {
+  std::vector<BYTE> message = MakeMessage();
+  for (auto _ : state) {
     MDATA_BUFFER* pBuffer = nullptr;
-    DoAllocCopyBufferEx(Message.data(), static_cast<int>(Message.size()), MDATA_STREAM_HEADER_SIZE, &pBuffer);
-    benchmark::DoNotOptimize(CalcKlvChecksum16(pBuffer->pcData, static_cast<WORD>(Message.size())));
+    DoAllocCopyBufferEx(message.data(), static_cast<int>(message.size()), MDATA_STREAM_HEADER_SIZE, &pBuffer);
+    benchmark::DoNotOptimize(CalcKlvChecksum16(pBuffer->pcData, static_cast<WORD>(message.size())));
     DoReleaseBuffer(&pBuffer);
   }
-  State.SetBytesProcessed(State.iterations() * static_cast<int64_t>(Message.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<int64_t>(message.size()));
 }
 
-void NothingToChange(benchmark::State& State) {
-  Source Plain;
-  Rewrite(State, Plain);
+void NothingToChange(benchmark::State& state) {
+  Source plain;
+  Rewrite(state, plain);
 }
 
-void InsertsReplaced(benchmark::State& State) {
-  Source Inserting;
-  Inserting.InsertAll();
-  Rewrite(State, Inserting);
+void InsertsReplaced(benchmark::State& state) {
+  Source inserting;
+  inserting.InsertAll();
+  Rewrite(state, inserting);
 }
 
-void FilteredAndInserted(benchmark::State& State) {
-  Source Filtering;
-  Filtering.InsertAll();
-  Filtering.FilterAll();
-  Rewrite(State, Filtering);
+void FilteredAndInserted(benchmark::State& state) {
+  Source filtering;
+  filtering.InsertAll();
+  filtering.FilterAll();
+  Rewrite(state, filtering);
 }
 
 BENCHMARK(Floor)->Name("rewrite/floor_copy_and_sum");

@@ -17,7 +17,7 @@ std::optional<Command> ParseCommand(const std::string& line) {
   std::string rest;
   if (!(words >> verb)) return std::nullopt;
   words >> name >> rest;
-  const Command unknown{Command::Kind::kUnknown, line};
+  const Command unknown{Command::Kind::Unknown, line};
   if (!rest.empty()) return unknown;
   if (name == "all") name.clear();
   using Kind = Command::Kind;
@@ -26,9 +26,9 @@ std::optional<Command> ParseCommand(const std::string& line) {
     Kind kind;
     bool takesName;
   };
-  static constexpr Verb kVerbs[] = {{"stats", Kind::kStats, true},     {"reset", Kind::kReset, true},
-                                    {"restore", Kind::kRestore, true}, {"save", Kind::kSave, false},
-                                    {"quit", Kind::kQuit, false},      {"help", Kind::kHelp, false}};
+  static constexpr Verb kVerbs[] = {{"stats", Kind::Stats, true},     {"reset", Kind::Reset, true},
+                                    {"restore", Kind::Restore, true}, {"save", Kind::Save, false},
+                                    {"quit", Kind::Quit, false},      {"help", Kind::Help, false}};
   for (const Verb& known : kVerbs) {
     if (verb == known.word) return known.takesName || name.empty() ? Command{known.kind, name} : unknown;
   }
@@ -36,7 +36,7 @@ std::optional<Command> ParseCommand(const std::string& line) {
 }
 
 int LineReader::Descriptor() const {
-  if (ended_) return -1;
+  if (m_ended) return -1;
   // Reading a terminal from the background would stop the process.
   if (isatty(STDIN_FILENO) == 1 && tcgetpgrp(STDIN_FILENO) != getpgrp()) return -1;
   return STDIN_FILENO;
@@ -47,15 +47,15 @@ std::vector<std::string> LineReader::Read() {
   const ssize_t got = read(STDIN_FILENO, buffer, sizeof(buffer));
   if (got < 0 && (errno == EINTR || errno == EAGAIN)) return {};
   if (got <= 0) {
-    ended_ = true;
-    pending_ += '\n';
+    m_ended = true;
+    m_pending += '\n';
   } else {
-    pending_.append(buffer, static_cast<size_t>(got));
+    m_pending.append(buffer, static_cast<size_t>(got));
   }
   std::vector<std::string> lines;
-  for (size_t end = pending_.find('\n'); end != std::string::npos; end = pending_.find('\n')) {
-    lines.push_back(pending_.substr(0, end));
-    pending_.erase(0, end + 1);
+  for (size_t end = m_pending.find('\n'); end != std::string::npos; end = m_pending.find('\n')) {
+    lines.push_back(m_pending.substr(0, end));
+    m_pending.erase(0, end + 1);
   }
   return lines;
 }

@@ -9,7 +9,7 @@
 namespace mdencoder {
 
 struct Command {
-  enum class Kind { kStats, kReset, kRestore, kSave, kQuit, kHelp, kUnknown } kind = Kind::kUnknown;
+  enum class Kind { Stats, Reset, Restore, Save, Quit, Help, Unknown } kind = Kind::Unknown;
   std::string name;  // a source, or empty for all; of kUnknown the line itself
 };
 
@@ -26,8 +26,8 @@ class LineReader {
   std::vector<std::string> Read();
 
  private:
-  bool ended_ = false;
-  std::string pending_;
+  bool m_ended = false;
+  std::string m_pending;
 };
 
 }  // namespace mdencoder

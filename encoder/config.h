@@ -13,7 +13,7 @@
 
 namespace mdencoder {
 
-enum class Format { kTable, kJson, kNone };
+enum class Format { Table, Json, None };
 
 struct EncoderSettings {
   DWORD capabilities = 0;  // METADATALIB_CAPS_*
@@ -22,7 +22,7 @@ struct EncoderSettings {
   std::string outputDir;   // empty: the received streams are not written
   bool streamHeader = false;
   bool extendedTags = true;  // the library reads two-byte tags, unless its INI file says otherwise
-  Format format = Format::kTable;
+  Format format = Format::Table;
   int logLevel = -1;  // -1: the host's
   std::vector<std::pair<std::string, int>> moduleLevels;
   bool live = false;          // the statistics table in place of the status line

@@ -15,7 +15,7 @@ size_t TerminalWidth() {
 
 }  // namespace
 
-Console::Console() : hasStatus_(isatty(STDERR_FILENO) == 1) {}
+Console::Console() : m_hasStatus(isatty(STDERR_FILENO) == 1) {}
 
 Console::~Console() {
   Status({});
@@ -26,48 +26,48 @@ void Console::Line(const std::string& line) {
 }
 
 void Console::Lines(const std::vector<std::string>& lines) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(m_mutex);
   Erase();
   for (const std::string& line : lines) {
     std::fwrite(line.data(), 1, line.size(), stdout);
     std::fputc('\n', stdout);
   }
-  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) outputFailed_.store(true, std::memory_order_relaxed);
+  if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) m_outputFailed.store(true, std::memory_order_relaxed);
   Draw();
 }
 
 void Console::Complain(const std::string& line) {
-  const std::lock_guard lock(mutex_);
+  const std::lock_guard lock(m_mutex);
   Erase();
   std::fprintf(stderr, "%s\n", line.c_str());
   Draw();
 }
 
 void Console::Status(std::vector<std::string> lines) {
-  if (!hasStatus_) return;
-  const std::lock_guard lock(mutex_);
+  if (!m_hasStatus) return;
+  const std::lock_guard lock(m_mutex);
   Erase();
-  status_ = std::move(lines);
+  m_status = std::move(lines);
   Draw();
 }
 
 /* The cursor stands behind the last line of the block: go up to the first one and clear to the end of the screen. */
 void Console::Erase() {
-  if (drawn_ == 0) return;
-  if (drawn_ > 1) std::fprintf(stderr, "\033[%zuA", drawn_ - 1);
+  if (m_drawn == 0) return;
+  if (m_drawn > 1) std::fprintf(stderr, "\033[%zuA", m_drawn - 1);
   std::fputs("\r\033[J", stderr);
   std::fflush(stderr);
-  drawn_ = 0;
+  m_drawn = 0;
 }
 
 void Console::Draw() {
-  if (!hasStatus_ || status_.empty()) return;
+  if (!m_hasStatus || m_status.empty()) return;
   const size_t width = TerminalWidth();
-  for (size_t i = 0; i < status_.size(); ++i) {
-    std::fprintf(stderr, "%s%.*s", i == 0 ? "" : "\n", static_cast<int>(width - 1), status_[i].c_str());
+  for (size_t i = 0; i < m_status.size(); ++i) {
+    std::fprintf(stderr, "%s%.*s", i == 0 ? "" : "\n", static_cast<int>(width - 1), m_status[i].c_str());
   }
   std::fflush(stderr);
-  drawn_ = status_.size();
+  m_drawn = m_status.size();
 }
 
 }  // namespace mdencoder

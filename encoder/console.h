@@ -25,22 +25,22 @@ class Console {
   void Complain(const std::string& line);
 
   /* True when a status block can be shown. */
-  bool HasStatus() const { return hasStatus_; }
+  bool HasStatus() const { return m_hasStatus; }
   /* Replaces the block; an empty one removes it. Lines are cut at the terminal's width. Any thread. */
   void Status(std::vector<std::string> lines);
 
   /* True once the standard output takes no more. */
-  bool OutputFailed() const { return outputFailed_.load(std::memory_order_relaxed); }
+  bool OutputFailed() const { return m_outputFailed.load(std::memory_order_relaxed); }
 
  private:
   void Erase();  // with mutex_ held
   void Draw();   // with mutex_ held
 
-  const bool hasStatus_;
-  std::atomic<bool> outputFailed_{false};
-  std::mutex mutex_;                 // guards both streams and the rest
-  std::vector<std::string> status_;  // the block
-  size_t drawn_ = 0;                 // its lines on the screen
+  const bool m_hasStatus;
+  std::atomic<bool> m_outputFailed{false};
+  std::mutex m_mutex;                 // guards both streams and the rest
+  std::vector<std::string> m_status;  // the block
+  size_t m_drawn = 0;                 // its lines on the screen
 };
 
 }  // namespace mdencoder

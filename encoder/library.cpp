@@ -44,14 +44,14 @@ Library LoadLibrary(const std::string& path) {
   }
   if (handle == nullptr) throw std::runtime_error("cannot load the library: " + error);
   Library library;
-  Resolve(handle, "METADATALIB_Init", library.Init);
-  Resolve(handle, "METADATALIB_Shutdown", library.Shutdown);
-  Resolve(handle, "MetaData_OpenSource", library.OpenSource);
-  Resolve(handle, "MetaData_CloseSource", library.CloseSource);
-  Resolve(handle, "MetaData_ReleaseBuffer", library.ReleaseBuffer);
-  Resolve(handle, "MetaData_GetSourceStats", library.GetSourceStats);
-  Resolve(handle, "MetaData_ResetSourceStats", library.ResetSourceStats);
-  Resolve(handle, "MetaData_SetSourceStats", library.SetSourceStats);
+  Resolve(handle, "METADATALIB_Init", library.init);
+  Resolve(handle, "METADATALIB_Shutdown", library.shutdown);
+  Resolve(handle, "MetaData_OpenSource", library.openSource);
+  Resolve(handle, "MetaData_CloseSource", library.closeSource);
+  Resolve(handle, "MetaData_ReleaseBuffer", library.releaseBuffer);
+  Resolve(handle, "MetaData_GetSourceStats", library.getSourceStats);
+  Resolve(handle, "MetaData_ResetSourceStats", library.resetSourceStats);
+  Resolve(handle, "MetaData_SetSourceStats", library.setSourceStats);
   return library;
 }
 

@@ -10,14 +10,14 @@ namespace mdencoder {
 
 /* Every function that the encoder calls, with its declared type. */
 struct Library {
-  decltype(&METADATALIB_Init) Init = nullptr;
-  decltype(&METADATALIB_Shutdown) Shutdown = nullptr;
-  decltype(&MetaData_OpenSource) OpenSource = nullptr;
-  decltype(&MetaData_CloseSource) CloseSource = nullptr;
-  decltype(&MetaData_ReleaseBuffer) ReleaseBuffer = nullptr;
-  decltype(&MetaData_GetSourceStats) GetSourceStats = nullptr;
-  decltype(&MetaData_ResetSourceStats) ResetSourceStats = nullptr;
-  decltype(&MetaData_SetSourceStats) SetSourceStats = nullptr;
+  decltype(&METADATALIB_Init) init = nullptr;
+  decltype(&METADATALIB_Shutdown) shutdown = nullptr;
+  decltype(&MetaData_OpenSource) openSource = nullptr;
+  decltype(&MetaData_CloseSource) closeSource = nullptr;
+  decltype(&MetaData_ReleaseBuffer) releaseBuffer = nullptr;
+  decltype(&MetaData_GetSourceStats) getSourceStats = nullptr;
+  decltype(&MetaData_ResetSourceStats) resetSourceStats = nullptr;
+  decltype(&MetaData_SetSourceStats) setSourceStats = nullptr;
 };
 
 /*

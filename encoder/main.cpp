@@ -48,19 +48,19 @@ std::string LogText(const HostLogLine& line) {
 /* Log lines go through the console while it has a status block, which they would tear otherwise. */
 class LogRoute {
  public:
-  LogRoute(HostRuntimeConfig& host, Console& console) : routed_(host.console && console.HasStatus()) {
-    if (!routed_) return;
+  LogRoute(HostRuntimeConfig& host, Console& console) : m_routed(host.console && console.HasStatus()) {
+    if (!m_routed) return;
     host.console = false;
     HostRuntime_OnLog([&console](const HostLogLine& line) { console.Complain(LogText(line)); });
   }
   ~LogRoute() {
-    if (routed_) HostRuntime_OnLog({});
+    if (m_routed) HostRuntime_OnLog({});
   }
   LogRoute(const LogRoute&) = delete;
   LogRoute& operator=(const LogRoute&) = delete;
 
  private:
-  const bool routed_;
+  const bool m_routed;
 };
 
 int Main(int argc, char** argv) {

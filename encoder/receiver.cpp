@@ -5,7 +5,7 @@
 namespace mdencoder {
 
 Receiver::Receiver(size_t capacity, decltype(&MetaData_ReleaseBuffer) release, Handler handler)
-    : capacity_(capacity), release_(release), handler_(std::move(handler)), thread_([this] { Run(); }) {}
+    : m_capacity(capacity), m_release(release), m_handler(std::move(handler)), m_thread([this] { Run(); }) {}
 
 Receiver::~Receiver() {
   Finish();
@@ -19,34 +19,34 @@ bool Receiver::Take(MDATA_BUFFER* buffer, Source& source) {
   const uint64_t length = static_cast<uint64_t>(buffer->nDataSize - MDATA_STREAM_HEADER_SIZE);
   bool taken = false;
   {
-    const std::lock_guard lock(mutex_);
-    if (queue_.size() < capacity_ && !finished_) {
+    const std::lock_guard lock(m_mutex);
+    if (m_queue.size() < m_capacity && !m_finished) {
       __atomic_add_fetch(&buffer->nRefCount, 1, __ATOMIC_RELAXED);
-      queue_.push_back({buffer, &source, timeUs});
+      m_queue.push_back({buffer, &source, timeUs});
       taken = true;
     }
   }
   source.Arrived(sequence, length, taken);
-  if (taken) wake_.notify_one();
+  if (taken) m_wake.notify_one();
   return taken;
 }
 
 void Receiver::Finish() {
   {
-    const std::lock_guard lock(mutex_);
-    finished_ = true;
+    const std::lock_guard lock(m_mutex);
+    m_finished = true;
   }
-  wake_.notify_one();
-  if (thread_.joinable()) thread_.join();
+  m_wake.notify_one();
+  if (m_thread.joinable()) m_thread.join();
 }
 
 void Receiver::Run() {
-  std::unique_lock lock(mutex_);
+  std::unique_lock lock(m_mutex);
   for (;;) {
-    wake_.wait(lock, [this] { return finished_ || !queue_.empty(); });
-    if (queue_.empty()) return;
-    const Kept kept = queue_.front();
-    queue_.pop_front();
+    m_wake.wait(lock, [this] { return m_finished || !m_queue.empty(); });
+    if (m_queue.empty()) return;
+    const Kept kept = m_queue.front();
+    m_queue.pop_front();
     lock.unlock();
     const BYTE* data = kept.buffer->pcData;
     Received received;
@@ -56,8 +56,8 @@ void Receiver::Run() {
     received.sequence = data[1];
     received.headerLength = static_cast<uint16_t>(data[3] << 8 | data[4]);
     received.buffer = st0601::ByteView(data, static_cast<size_t>(kept.buffer->nDataSize));
-    handler_(received);
-    release_(kept.buffer);
+    m_handler(received);
+    m_release(kept.buffer);
     lock.lock();
   }
 }

@@ -28,7 +28,7 @@ struct Received {
   uint8_t sequence = 0;
   uint16_t headerLength = 0;  // as the stream header says
   st0601::ByteView buffer;    // stream header and message
-  st0601::ByteView message() const { return buffer.subspan(MDATA_STREAM_HEADER_SIZE); }
+  st0601::ByteView Message() const { return buffer.subspan(MDATA_STREAM_HEADER_SIZE); }
 };
 
 class Receiver {
@@ -55,14 +55,14 @@ class Receiver {
 
   void Run();
 
-  const size_t capacity_;
-  const decltype(&MetaData_ReleaseBuffer) release_;
-  const Handler handler_;
-  std::mutex mutex_;  // guards the next three
-  std::condition_variable wake_;
-  std::deque<Kept> queue_;
-  bool finished_ = false;
-  std::thread thread_;
+  const size_t m_capacity;
+  const decltype(&MetaData_ReleaseBuffer) m_release;
+  const Handler m_handler;
+  std::mutex m_mutex;  // guards the next three
+  std::condition_variable m_wake;
+  std::deque<Kept> m_queue;
+  bool m_finished = false;
+  std::thread m_thread;
 };
 
 }  // namespace mdencoder

@@ -29,7 +29,7 @@ std::string LocalText(uint64_t microseconds) {
 std::string ElementText(const Element& element) {
   if (element.item == nullptr) return std::to_string(element.tag) + "=" + st0601::Hex(element.value);
   std::string text = std::string(element.item->key) + "=";
-  if (element.item->kind != Kind::kSecuritySet) {
+  if (element.item->kind != Kind::SecuritySet) {
     return text + st0601::Display(*element.item, st0601::Decode(*element.item, element.value));
   }
   text += "{";
@@ -60,14 +60,14 @@ Json ElementJson(const Element& element) {
   const st0601::Item& item = *element.item;
   json["name"] = item.name;
   json["key"] = item.key;
-  if (item.kind == Kind::kSecuritySet) {
+  if (item.kind == Kind::SecuritySet) {
     json["value"] = ElementsJson(st0601::ParseSecuritySet(element.value));
     return json;
   }
   const st0601::Value value = st0601::Decode(item, element.value);
-  if (value.state != ValueState::kOk) {
+  if (value.state != ValueState::Ok) {
     json["value"] = nullptr;
-    json["state"] = value.state == ValueState::kOutOfRange ? "out of range" : "bad length";
+    json["state"] = value.state == ValueState::OutOfRange ? "out of range" : "bad length";
     json["raw"] = st0601::Hex(element.value);
     return json;
   }
@@ -78,7 +78,7 @@ Json ElementJson(const Element& element) {
   } else {
     json["value"] = value.text;
   }
-  if (item.kind == Kind::kTime || item.kind == Kind::kCode) json["text"] = value.text;
+  if (item.kind == Kind::Time || item.kind == Kind::Code) json["text"] = value.text;
   if (item.unit[0] != '\0') json["unit"] = item.unit;
   return json;
 }
@@ -105,12 +105,12 @@ std::string TableHeader() {
 std::string TableRow(const Received& received, const st0601::Message& message) {
   char columns[160];
   std::snprintf(columns, sizeof(columns), "%-12s %-16.64s %3u %6zu %-9s", LocalText(received.timeUs).c_str(),
-                received.source->Name().c_str(), received.sequence, received.message().size(),
+                received.source->Name().c_str(), received.sequence, received.Message().size(),
                 message.isUas ? st0601::ChecksumStateName(message.checksum) : "-");
   std::string row = columns;
   for (const Element& element : message.elements) row += ' ' + ElementText(element);
   if (!message.isUas) {
-    const auto start = received.message().first(std::min(kKeySize, received.message().size()));
+    const auto start = received.Message().first(std::min(kKeySize, received.Message().size()));
     row += " not ST 0601: " + st0601::Hex(start);
   } else if (!message.isComplete) {
     row += " (" + message.error + ")";
@@ -124,7 +124,7 @@ std::string JsonLine(const Received& received, const st0601::Message& message) {
   json["time"] = UtcText(received.timeUs);
   json["source"] = received.source->Name();
   json["sequence"] = received.sequence;
-  json["length"] = received.message().size();
+  json["length"] = received.Message().size();
   json["header_length"] = received.headerLength;
   if (received.timeStamp != 0) json["timestamp"] = received.timeStamp;
   json["st0601"] = message.isUas;
@@ -133,7 +133,7 @@ std::string JsonLine(const Received& received, const st0601::Message& message) {
     json["items"] = ElementsJson(message.elements);
     if (!message.isComplete) json["error"] = message.error;
   } else {
-    json["raw"] = st0601::Hex(received.message());
+    json["raw"] = st0601::Hex(received.Message());
   }
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

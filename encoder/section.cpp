@@ -23,8 +23,8 @@ std::string Plain(double value) {
 
 }  // namespace
 
-Section::Section(const IniSection& section, std::span<const std::string_view> known) : section_(section) {
-  for (const auto& [key, value] : section_.values) {
+Section::Section(const IniSection& section, std::span<const std::string_view> known) : m_section(section) {
+  for (const auto& [key, value] : m_section.values) {
     if (std::find(known.begin(), known.end(), key) != known.end()) continue;
     const std::string nearest = NearestName(key, known);
     std::string text = "[" + Name() + "] ";
@@ -35,9 +35,9 @@ Section::Section(const IniSection& section, std::span<const std::string_view> kn
 }
 
 const std::string* Section::Find(std::string_view key) {
-  for (const auto& [name, value] : section_.values) {
+  for (const auto& [name, value] : m_section.values) {
     if (name == key) {
-      used_.insert(name);
+      m_used.insert(name);
       return &value;
     }
   }
@@ -88,8 +88,8 @@ void Section::Fail(std::string_view key, std::string_view value, const std::stri
 }
 
 const std::pair<std::string, std::string>* Section::Unused() const {
-  for (const auto& entry : section_.values) {
-    if (!used_.contains(entry.first)) return &entry;
+  for (const auto& entry : m_section.values) {
+    if (!m_used.contains(entry.first)) return &entry;
   }
   return nullptr;
 }

@@ -19,7 +19,7 @@ class Section {
   /* Throws ConfigError for a key that is not among `known`. */
   Section(const IniSection& section, std::span<const std::string_view> known);
 
-  const std::string& Name() const { return section_.name; }
+  const std::string& Name() const { return m_section.name; }
   /* The value, if the key is given; marks it as used. */
   const std::string* Find(std::string_view key);
 
@@ -35,8 +35,8 @@ class Section {
   const std::pair<std::string, std::string>* Unused() const;
 
  private:
-  const IniSection& section_;
-  std::set<std::string, std::less<>> used_;
+  const IniSection& m_section;
+  std::set<std::string, std::less<>> m_used;
 };
 
 }  // namespace mdencoder

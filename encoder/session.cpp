@@ -56,97 +56,97 @@ void Session::BlockSignals() {
 }
 
 Session::Session(const Config& config, const Library& library, Console& console)
-    : config_(config), library_(library), console_(console) {
-  for (const SourceSettings& settings : config_.sources) sources_.emplace_back(settings);
-  for (Source& source : sources_) taps_.push_back({this, &source});
+    : m_config(config), m_library(library), m_console(console) {
+  for (const SourceSettings& settings : m_config.sources) m_sources.emplace_back(settings);
+  for (Source& source : m_sources) m_taps.push_back({this, &source});
   const sigset_t set = SteeringSignals();
-  signals_ = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-  wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (signals_ < 0 || wake_ < 0) throw std::runtime_error(std::string("no descriptors: ") + std::strerror(errno));
+  m_signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  m_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (m_signals < 0 || m_wake < 0) throw std::runtime_error(std::string("no descriptors: ") + std::strerror(errno));
 }
 
 Session::~Session() {
-  if (statsJson_ != nullptr) std::fclose(statsJson_);
-  if (signals_ >= 0) close(signals_);
-  if (wake_ >= 0) close(wake_);
+  if (m_statsJson != nullptr) std::fclose(m_statsJson);
+  if (m_signals >= 0) close(m_signals);
+  if (m_wake >= 0) close(m_wake);
 }
 
 void Session::OpenFiles() {
-  const EncoderSettings& settings = config_.encoder;
+  const EncoderSettings& settings = m_config.encoder;
   if (!settings.outputDir.empty()) std::filesystem::create_directories(settings.outputDir);
-  for (Source& source : sources_) {
+  for (Source& source : m_sources) {
     std::string path = source.Settings().output;
     if (path.empty() && !settings.outputDir.empty()) path = settings.outputDir + "/" + source.Name() + ".klv";
     if (!path.empty()) source.OpenOutput(path, settings.streamHeader);
   }
-  if (!settings.statsFile.empty()) kept_ = LoadStatistics(settings.statsFile, config_.sources);
+  if (!settings.statsFile.empty()) m_kept = LoadStatistics(settings.statsFile, m_config.sources);
   if (settings.statsJson.empty()) return;
-  statsJson_ = std::fopen(settings.statsJson.c_str(), "we");
-  if (statsJson_ == nullptr) {
+  m_statsJson = std::fopen(settings.statsJson.c_str(), "we");
+  if (m_statsJson == nullptr) {
     throw std::runtime_error("cannot write " + settings.statsJson + ": " + std::strerror(errno));
   }
 }
 
 /* FALSE after the first source that cannot be opened. */
 bool Session::OpenSources() {
-  for (size_t i = 0; i < sources_.size(); ++i) {
-    MDATA_SRC_CFG record = sources_[i].Settings().record;
+  for (size_t i = 0; i < m_sources.size(); ++i) {
+    MDATA_SRC_CFG record = m_sources[i].Settings().record;
     record.pfnCallback = OnMessage;
-    record.pvUserParam1 = &taps_[i];
+    record.pvUserParam1 = &m_taps[i];
     HMDATASRC handle = nullptr;
-    if (!library_.OpenSource(&record, &handle)) {
-      Fail("source " + sources_[i].Name() + " cannot be opened; the log tells why (--log-level 6 tells more)");
+    if (!m_library.openSource(&record, &handle)) {
+      Fail("source " + m_sources[i].Name() + " cannot be opened; the log tells why (--log-level 6 tells more)");
       return false;
     }
-    sources_[i].handle = handle;
-    if (kept_.contains(sources_[i].Name())) library_.SetSourceStats(handle, &kept_.at(sources_[i].Name()));
+    m_sources[i].handle = handle;
+    if (m_kept.contains(m_sources[i].Name())) m_library.setSourceStats(handle, &m_kept.at(m_sources[i].Name()));
   }
   return true;
 }
 
 void Session::CloseSources() {
-  for (Source& source : sources_) {
+  for (Source& source : m_sources) {
     MDATA_SRC_STATS statistics{};
     if (source.handle != nullptr) {
-      library_.GetSourceStats(source.handle, &statistics);
-      if (!library_.CloseSource(&source.handle)) Fail("source " + source.Name() + " cannot be closed");
+      m_library.getSourceStats(source.handle, &statistics);
+      if (!m_library.closeSource(&source.handle)) Fail("source " + source.Name() + " cannot be closed");
       source.handle = nullptr;  // the library leaves it as it was
     }
-    last_.push_back(statistics);
+    m_last.push_back(statistics);
   }
 }
 
 int Session::Run() {
   OpenFiles();
-  if (!library_.Init(config_.encoder.capabilities)) throw std::runtime_error("the library does not start");
+  if (!m_library.init(m_config.encoder.capabilities)) throw std::runtime_error("the library does not start");
   const auto handle = [this](const Received& received) { Handle(received); };
-  receiver_ = std::make_unique<Receiver>(config_.encoder.queue, library_.ReleaseBuffer, handle);
-  times_.startUs = WallClockUs();
-  start_ = Clock::now();
-  if (config_.encoder.format == Format::kTable) console_.Line(TableHeader());
+  m_receiver = std::make_unique<Receiver>(m_config.encoder.queue, m_library.releaseBuffer, handle);
+  m_times.startUs = WallClockUs();
+  m_start = Clock::now();
+  if (m_config.encoder.format == Format::Table) m_console.Line(TableHeader());
   const bool opened = OpenSources();
   if (opened) Loop();
   CloseSources();
-  receiver_->Finish();
-  times_.endUs = WallClockUs();
-  times_.seconds = std::chrono::duration<double>(Clock::now() - start_).count();
-  library_.Shutdown();
-  console_.Status({});
-  for (Source& source : sources_) {
+  m_receiver->Finish();
+  m_times.endUs = WallClockUs();
+  m_times.seconds = std::chrono::duration<double>(Clock::now() - m_start).count();
+  m_library.shutdown();
+  m_console.Status({});
+  for (Source& source : m_sources) {
     if (!source.CloseOutput()) Fail("the received stream of " + source.Name() + " could not be written");
   }
   if (opened) WriteResults();
-  return failed_.load() ? 1 : 0;
+  return m_failed.load() ? 1 : 0;
 }
 
 void Session::End(const char* why) {
-  if (!ended_) times_.endedBy = why;
-  ended_ = true;
+  if (!m_ended) m_times.endedBy = why;
+  m_ended = true;
 }
 
 void Session::Fail(const std::string& complaint) {
-  failed_.store(true);
-  console_.Complain("mdencoder: " + complaint);
+  m_failed.store(true);
+  m_console.Complain("mdencoder: " + complaint);
 }
 
 /* ------------------------------------------------------------------------------------------------ */
@@ -156,38 +156,38 @@ void Session::Fail(const std::string& complaint) {
 /* Metadata thread. Takes the message or refuses it, and never blocks. */
 BOOL Session::OnMessage(MDATA_BUFFER* buffer, void* tap, void*) {
   auto& [session, source] = *static_cast<Tap*>(tap);
-  const uint64_t limit = session->config_.encoder.messages;
-  if (limit != 0 && session->taken_.load(std::memory_order_relaxed) >= limit) return FALSE;
-  if (!session->receiver_->Take(buffer, *source)) return FALSE;
-  session->taken_.fetch_add(1, std::memory_order_relaxed);
-  if (session->LimitReached()) eventfd_write(session->wake_, 1);
+  const uint64_t limit = session->m_config.encoder.messages;
+  if (limit != 0 && session->m_taken.load(std::memory_order_relaxed) >= limit) return FALSE;
+  if (!session->m_receiver->Take(buffer, *source)) return FALSE;
+  session->m_taken.fetch_add(1, std::memory_order_relaxed);
+  if (session->LimitReached()) eventfd_write(session->m_wake, 1);
   return TRUE;
 }
 
 /* Worker thread. */
 void Session::Handle(const Received& received) {
   Source& source = *received.source;
-  const st0601::Message message = st0601::Parse(received.message());
+  const st0601::Message message = st0601::Parse(received.Message());
   source.Judge(message);
   if (!source.Write(received.buffer)) Fail("the received stream of " + source.Name() + " cannot be written further");
-  switch (config_.encoder.format) {
-    case Format::kTable:
-      console_.Line(TableRow(received, message));
+  switch (m_config.encoder.format) {
+    case Format::Table:
+      m_console.Line(TableRow(received, message));
       break;
-    case Format::kJson:
-      console_.Line(JsonLine(received, message));
+    case Format::Json:
+      m_console.Line(JsonLine(received, message));
       break;
-    case Format::kNone:
+    case Format::None:
       break;
   }
-  if (console_.OutputFailed()) eventfd_write(wake_, 1);
+  if (m_console.OutputFailed()) eventfd_write(m_wake, 1);
 }
 
 bool Session::LimitReached() const {
-  const EncoderSettings& settings = config_.encoder;
-  if (settings.messages != 0 && taken_.load(std::memory_order_relaxed) >= settings.messages) return true;
+  const EncoderSettings& settings = m_config.encoder;
+  if (settings.messages != 0 && m_taken.load(std::memory_order_relaxed) >= settings.messages) return true;
   const auto enough = [&](const Source& source) { return source.Messages() >= settings.messagesEach; };
-  return settings.messagesEach != 0 && std::all_of(sources_.begin(), sources_.end(), enough);
+  return settings.messagesEach != 0 && std::all_of(m_sources.begin(), m_sources.end(), enough);
 }
 
 /* ------------------------------------------------------------------------------------------------ */
@@ -195,11 +195,11 @@ bool Session::LimitReached() const {
 /* ------------------------------------------------------------------------------------------------ */
 
 void Session::Loop() {
-  const EncoderSettings& settings = config_.encoder;
-  if (settings.statusInterval > 0 && console_.HasStatus()) nextStatus_ = start_;
-  if (settings.statsInterval > 0) nextStatistics_ = start_ + Seconds(settings.statsInterval);
-  while (!ended_) {
-    pollfd set[] = {{signals_, POLLIN, 0}, {wake_, POLLIN, 0}, {input_.Descriptor(), POLLIN, 0}};
+  const EncoderSettings& settings = m_config.encoder;
+  if (settings.statusInterval > 0 && m_console.HasStatus()) m_nextStatus = m_start;
+  if (settings.statsInterval > 0) m_nextStatistics = m_start + Seconds(settings.statsInterval);
+  while (!m_ended) {
+    pollfd set[] = {{m_signals, POLLIN, 0}, {m_wake, POLLIN, 0}, {m_input.Descriptor(), POLLIN, 0}};
     const int ready = poll(set, 3, Wait());
     if (ready < 0 && errno != EINTR) {
       Fail(std::string("cannot wait for events: ") + std::strerror(errno));
@@ -215,9 +215,9 @@ void Session::Loop() {
 
 int Session::Wait() {
   auto due = Clock::time_point::max();
-  if (config_.encoder.duration > 0) due = std::min(due, start_ + Seconds(config_.encoder.duration));
-  if (nextStatus_) due = std::min(due, *nextStatus_);
-  if (nextStatistics_) due = std::min(due, *nextStatistics_);
+  if (m_config.encoder.duration > 0) due = std::min(due, m_start + Seconds(m_config.encoder.duration));
+  if (m_nextStatus) due = std::min(due, *m_nextStatus);
+  if (m_nextStatistics) due = std::min(due, *m_nextStatistics);
   if (due == Clock::time_point::max()) return -1;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()).count();
   return static_cast<int>(std::clamp<int64_t>(left, 0, 3600000));
@@ -225,18 +225,18 @@ int Session::Wait() {
 
 void Session::Tick() {
   const auto now = Clock::now();
-  if (nextStatus_ && now >= *nextStatus_) {
+  if (m_nextStatus && now >= *m_nextStatus) {
     ShowStatus();
-    nextStatus_ = now + Seconds(std::max(config_.encoder.statusInterval, kShortestStatusInterval));
+    m_nextStatus = now + Seconds(std::max(m_config.encoder.statusInterval, kShortestStatusInterval));
   }
-  if (nextStatistics_ && now >= *nextStatistics_) {
+  if (m_nextStatistics && now >= *m_nextStatistics) {
     WriteStatistics(true);
-    nextStatistics_ = *nextStatistics_ + Seconds(config_.encoder.statsInterval);
-    if (*nextStatistics_ < now) nextStatistics_ = now + Seconds(config_.encoder.statsInterval);
+    m_nextStatistics = *m_nextStatistics + Seconds(m_config.encoder.statsInterval);
+    if (*m_nextStatistics < now) m_nextStatistics = now + Seconds(m_config.encoder.statsInterval);
   }
-  if (config_.encoder.duration > 0 && now >= start_ + Seconds(config_.encoder.duration)) End("duration");
+  if (m_config.encoder.duration > 0 && now >= m_start + Seconds(m_config.encoder.duration)) End("duration");
   if (LimitReached()) End("messages");
-  if (console_.OutputFailed()) {
+  if (m_console.OutputFailed()) {
     Fail("the standard output takes no more");
     End("output");
   }
@@ -244,7 +244,7 @@ void Session::Tick() {
 
 void Session::OnSignal() {
   signalfd_siginfo info{};
-  while (read(signals_, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
+  while (read(m_signals, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
     if (info.ssi_signo == SIGUSR1) {
       Reset({});
     } else if (info.ssi_signo == SIGUSR2) {
@@ -256,7 +256,7 @@ void Session::OnSignal() {
 }
 
 void Session::OnInput() {
-  for (const std::string& line : input_.Read()) {
+  for (const std::string& line : m_input.Read()) {
     if (const auto command = ParseCommand(line)) Execute(*command);
   }
 }
@@ -267,26 +267,26 @@ void Session::OnInput() {
 
 void Session::Execute(const Command& command) {
   switch (command.kind) {
-    case Command::Kind::kStats:
+    case Command::Kind::Stats:
       ShowStatistics(command.name);
       break;
-    case Command::Kind::kReset:
+    case Command::Kind::Reset:
       Reset(command.name);
       break;
-    case Command::Kind::kRestore:
+    case Command::Kind::Restore:
       Restore(command.name);
       break;
-    case Command::Kind::kSave:
+    case Command::Kind::Save:
       Save();
       break;
-    case Command::Kind::kQuit:
+    case Command::Kind::Quit:
       End("quit");
       break;
-    case Command::Kind::kHelp:
-      console_.Complain(kCommandHelp);
+    case Command::Kind::Help:
+      m_console.Complain(kCommandHelp);
       break;
-    case Command::Kind::kUnknown:
-      console_.Complain("unknown command \"" + command.name + "\"; " + kCommandHelp);
+    case Command::Kind::Unknown:
+      m_console.Complain("unknown command \"" + command.name + "\"; " + kCommandHelp);
       break;
   }
 }
@@ -294,10 +294,10 @@ void Session::Execute(const Command& command) {
 /* The sources that a command means; complains when there is none of that name. */
 std::vector<Source*> Session::Chosen(const std::string& name) {
   std::vector<Source*> chosen;
-  for (Source& source : sources_) {
+  for (Source& source : m_sources) {
     if (name.empty() || source.Name() == name) chosen.push_back(&source);
   }
-  if (chosen.empty()) console_.Complain("no source \"" + name + "\"");
+  if (chosen.empty()) m_console.Complain("no source \"" + name + "\"");
   return chosen;
 }
 
@@ -305,52 +305,52 @@ void Session::ShowStatistics(const std::string& name) {
   if (Chosen(name).empty()) return;
   auto reports = Reports();
   if (!name.empty()) std::erase_if(reports, [&](const Report& report) { return report.settings->name != name; });
-  if (config_.encoder.format == Format::kJson) {
-    console_.Line(StatisticsLine(reports, WallClockUs()));
+  if (m_config.encoder.format == Format::Json) {
+    m_console.Line(StatisticsLine(reports, WallClockUs()));
   } else {
-    console_.Lines(StatisticsTable(reports));
+    m_console.Lines(StatisticsTable(reports));
   }
 }
 
 void Session::Reset(const std::string& name) {
   for (Source* source : Chosen(name)) {
-    library_.ResetSourceStats(source->handle);
-    console_.Complain("statistics of " + source->Name() + " reset");
+    m_library.resetSourceStats(source->handle);
+    m_console.Complain("statistics of " + source->Name() + " reset");
   }
 }
 
 /* Loads what the statistics file holds now. */
 void Session::Restore(const std::string& name) {
-  const std::string& path = config_.encoder.statsFile;
+  const std::string& path = m_config.encoder.statsFile;
   if (path.empty()) {
-    console_.Complain("nothing to restore from: there is no stats_file");
+    m_console.Complain("nothing to restore from: there is no stats_file");
     return;
   }
   try {
-    kept_ = LoadStatistics(path, config_.sources);
+    m_kept = LoadStatistics(path, m_config.sources);
   } catch (const std::runtime_error& error) {
-    console_.Complain(error.what());
+    m_console.Complain(error.what());
     return;
   }
   for (Source* source : Chosen(name)) {
-    const auto it = kept_.find(source->Name());
-    if (it != kept_.end()) library_.SetSourceStats(source->handle, &it->second);
-    console_.Complain((it != kept_.end() ? "statistics of " : "no kept statistics of ") + source->Name() +
-                      (it != kept_.end() ? " restored" : ""));
+    const auto it = m_kept.find(source->Name());
+    if (it != m_kept.end()) m_library.setSourceStats(source->handle, &it->second);
+    m_console.Complain((it != m_kept.end() ? "statistics of " : "no kept statistics of ") + source->Name() +
+                       (it != m_kept.end() ? " restored" : ""));
   }
 }
 
 void Session::Save() {
-  const std::string& path = config_.encoder.statsFile;
+  const std::string& path = m_config.encoder.statsFile;
   if (path.empty()) {
-    console_.Complain("nowhere to save to: there is no stats_file");
+    m_console.Complain("nowhere to save to: there is no stats_file");
     return;
   }
   try {
     SaveStatistics(path, Reports());
-    console_.Complain("statistics saved to " + path);
+    m_console.Complain("statistics saved to " + path);
   } catch (const std::runtime_error& error) {
-    console_.Complain(error.what());
+    m_console.Complain(error.what());
   }
 }
 
@@ -360,14 +360,14 @@ void Session::Save() {
 
 std::vector<Report> Session::Reports() {
   std::vector<Report> reports;
-  for (size_t i = 0; i < sources_.size(); ++i) {
+  for (size_t i = 0; i < m_sources.size(); ++i) {
     Report report;
-    report.settings = &sources_[i].Settings();
-    report.counters = sources_[i].Snapshot();
-    if (i < last_.size()) {
-      report.statistics = last_[i];
-    } else if (sources_[i].handle != nullptr) {
-      library_.GetSourceStats(sources_[i].handle, &report.statistics);
+    report.settings = &m_sources[i].Settings();
+    report.counters = m_sources[i].Snapshot();
+    if (i < m_last.size()) {
+      report.statistics = m_last[i];
+    } else if (m_sources[i].handle != nullptr) {
+      m_library.getSourceStats(m_sources[i].handle, &report.statistics);
     }
     reports.push_back(report);
   }
@@ -376,11 +376,11 @@ std::vector<Report> Session::Reports() {
 
 void Session::ShowStatus() {
   const auto reports = Reports();
-  if (config_.encoder.live) {
-    console_.Status(StatisticsTable(reports));
+  if (m_config.encoder.live) {
+    m_console.Status(StatisticsTable(reports));
     return;
   }
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - start_).count();
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_start).count();
   char text[160];
   std::snprintf(text, sizeof(text), "%02d:%02d:%02d", static_cast<int>(seconds / 3600),
                 static_cast<int>(seconds / 60 % 60), static_cast<int>(seconds % 60));
@@ -392,24 +392,24 @@ void Session::ShowStatus() {
     const uint64_t faults = report.counters.lost + report.counters.dropped + report.statistics.nRxCorruptMessages;
     if (faults != 0) line += " (" + std::to_string(faults) + " lost or corrupt)";
   }
-  console_.Status({line});
+  m_console.Status({line});
 }
 
 void Session::WriteStatistics(bool print) {
   const auto reports = Reports();
   const uint64_t now = WallClockUs();
-  if (print && config_.encoder.format == Format::kJson) {
-    console_.Line(StatisticsLine(reports, now));
+  if (print && m_config.encoder.format == Format::Json) {
+    m_console.Line(StatisticsLine(reports, now));
   } else if (print) {
-    console_.Lines(StatisticsTable(reports));
+    m_console.Lines(StatisticsTable(reports));
   }
-  if (statsJson_ == nullptr) return;
-  std::fprintf(statsJson_, "%s\n", StatisticsLine(reports, now).c_str());
-  if (std::fflush(statsJson_) != 0) Fail("the statistics cannot be written to " + config_.encoder.statsJson);
+  if (m_statsJson == nullptr) return;
+  std::fprintf(m_statsJson, "%s\n", StatisticsLine(reports, now).c_str());
+  if (std::fflush(m_statsJson) != 0) Fail("the statistics cannot be written to " + m_config.encoder.statsJson);
 }
 
 void Session::WriteResults() {
-  WriteStatistics(!console_.OutputFailed());
+  WriteStatistics(!m_console.OutputFailed());
   const auto reports = Reports();
   const auto write = [this](const std::string& path, const auto& action) {
     if (path.empty()) return;
@@ -419,10 +419,10 @@ void Session::WriteResults() {
       Fail(error.what());
     }
   };
-  write(config_.encoder.summary, [&](const std::string& path) { ReplaceFile(path, SummaryJson(reports, times_)); });
-  write(config_.encoder.statsFile, [&](const std::string& path) { SaveStatistics(path, reports); });
+  write(m_config.encoder.summary, [&](const std::string& path) { ReplaceFile(path, SummaryJson(reports, m_times)); });
+  write(m_config.encoder.statsFile, [&](const std::string& path) { SaveStatistics(path, reports); });
   // The last printed lines may be the ones that the output did not take.
-  if (console_.OutputFailed() && !failed_.load()) Fail("the standard output takes no more");
+  if (m_console.OutputFailed() && !m_failed.load()) Fail("the standard output takes no more");
 }
 
 }  // namespace mdencoder

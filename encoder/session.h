@@ -74,25 +74,25 @@ class Session {
   void WriteStatistics(bool print);
   void WriteResults();
 
-  const Config& config_;
-  const Library& library_;
-  Console& console_;
-  std::deque<Source> sources_;
-  std::deque<Tap> taps_;
-  std::unique_ptr<Receiver> receiver_;
-  std::map<std::string, MDATA_SRC_STATS> kept_;
-  std::vector<MDATA_SRC_STATS> last_;  // of the sources, by position, when they are closed
-  std::FILE* statsJson_ = nullptr;
-  LineReader input_;
-  std::atomic<uint64_t> taken_{0};   // messages taken in total
-  std::atomic<bool> failed_{false};  // the run's exit code is 1
-  bool ended_ = false;
-  int signals_ = -1;  // signalfd
-  int wake_ = -1;     // eventfd; written when a limit is reached or the output failed, and never read
-  RunTimes times_;
-  Clock::time_point start_;
-  std::optional<Clock::time_point> nextStatus_;
-  std::optional<Clock::time_point> nextStatistics_;
+  const Config& m_config;
+  const Library& m_library;
+  Console& m_console;
+  std::deque<Source> m_sources;
+  std::deque<Tap> m_taps;
+  std::unique_ptr<Receiver> m_receiver;
+  std::map<std::string, MDATA_SRC_STATS> m_kept;
+  std::vector<MDATA_SRC_STATS> m_last;  // of the sources, by position, when they are closed
+  std::FILE* m_statsJson = nullptr;
+  LineReader m_input;
+  std::atomic<uint64_t> m_taken{0};   // messages taken in total
+  std::atomic<bool> m_failed{false};  // the run's exit code is 1
+  bool m_ended = false;
+  int m_signals = -1;  // signalfd
+  int m_wake = -1;     // eventfd; written when a limit is reached or the output failed, and never read
+  RunTimes m_times;
+  Clock::time_point m_start;
+  std::optional<Clock::time_point> m_nextStatus;
+  std::optional<Clock::time_point> m_nextStatistics;
 };
 
 }  // namespace mdencoder

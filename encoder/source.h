@@ -36,23 +36,23 @@ struct Counters {
 class SequenceWatch {
  public:
   void Saw(uint8_t sequence);
-  uint64_t Gaps() const { return gaps_.load(std::memory_order_relaxed); }
-  uint64_t Lost() const { return lost_.load(std::memory_order_relaxed); }
+  uint64_t Gaps() const { return m_gaps.load(std::memory_order_relaxed); }
+  uint64_t Lost() const { return m_lost.load(std::memory_order_relaxed); }
 
  private:
-  int last_ = -1;  // metadata thread only
-  std::atomic<uint64_t> gaps_{0};
-  std::atomic<uint64_t> lost_{0};
+  int m_last = -1;  // metadata thread only
+  std::atomic<uint64_t> m_gaps{0};
+  std::atomic<uint64_t> m_lost{0};
 };
 
 class Source {
  public:
-  explicit Source(const SourceSettings& settings) : settings_(settings) {}
+  explicit Source(const SourceSettings& settings) : m_settings(settings) {}
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
-  const SourceSettings& Settings() const { return settings_; }
-  const std::string& Name() const { return settings_.name; }
+  const SourceSettings& Settings() const { return m_settings; }
+  const std::string& Name() const { return m_settings.name; }
 
   /* Opens the file of the received stream; throws std::runtime_error. Before the source is opened. */
   void OpenOutput(const std::string& path, bool streamHeader);
@@ -67,7 +67,7 @@ class Source {
   bool CloseOutput();
 
   Counters Snapshot() const;  // any thread
-  uint64_t Messages() const { return messages_.load(std::memory_order_relaxed); }
+  uint64_t Messages() const { return m_messages.load(std::memory_order_relaxed); }
 
   HMDATASRC handle = nullptr;  // main thread only
 
@@ -76,17 +76,17 @@ class Source {
     void operator()(std::FILE* file) const { std::fclose(file); }
   };
 
-  const SourceSettings& settings_;
-  std::unique_ptr<std::FILE, CloseFile> file_;  // worker thread once the source is open
-  bool streamHeader_ = false;                   // read-only once the source is open
-  bool fileFailed_ = false;                     // worker thread
-  SequenceWatch sequence_;
-  std::atomic<uint64_t> messages_{0};
-  std::atomic<uint64_t> bytes_{0};
-  std::atomic<uint64_t> dropped_{0};
-  std::atomic<uint64_t> checksums_[4]{};  // by st0601::ChecksumState
-  std::atomic<uint64_t> notUas_{0};
-  std::atomic<uint64_t> incomplete_{0};
+  const SourceSettings& m_settings;
+  std::unique_ptr<std::FILE, CloseFile> m_file;  // worker thread once the source is open
+  bool m_streamHeader = false;                   // read-only once the source is open
+  bool m_fileFailed = false;                     // worker thread
+  SequenceWatch m_sequence;
+  std::atomic<uint64_t> m_messages{0};
+  std::atomic<uint64_t> m_bytes{0};
+  std::atomic<uint64_t> m_dropped{0};
+  std::atomic<uint64_t> m_checksums[4]{};  // by st0601::ChecksumState
+  std::atomic<uint64_t> m_notUas{0};
+  std::atomic<uint64_t> m_incomplete{0};
 };
 
 }  // namespace mdencoder

@@ -83,22 +83,22 @@ KlvSize SizeOfKlv(ByteView bytes) {
   constexpr std::size_t kKeySize = 16;
   const std::size_t known = std::min(bytes.size(), kLabel.size());
   if (!std::equal(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(known), kLabel.begin())) {
-    return {State::kBad, 0};
+    return {State::Bad, 0};
   }
-  if (bytes.size() <= kKeySize) return {State::kNeedMore, 0};
+  if (bytes.size() <= kKeySize) return {State::NeedMore, 0};
   const std::uint8_t first = bytes[kKeySize];
   std::uint64_t value = first;
   std::size_t lengthSize = 1;
   if (first >= 0x80) {
     const std::size_t more = first & 0x7Fu;
-    if (more == 0 || more > 8) return {State::kBad, 0};
-    if (bytes.size() < kKeySize + 1 + more) return {State::kNeedMore, 0};
+    if (more == 0 || more > 8) return {State::Bad, 0};
+    if (bytes.size() < kKeySize + 1 + more) return {State::NeedMore, 0};
     lengthSize += more;
     value = 0;
     for (std::size_t i = 1; i <= more; ++i) value = value << 8 | bytes[kKeySize + i];
   }
-  if (value > kLargestKlv || kKeySize + lengthSize + value > kLargestKlv) return {State::kBad, 0};
-  return {State::kKnown, kKeySize + lengthSize + static_cast<std::size_t>(value)};
+  if (value > kLargestKlv || kKeySize + lengthSize + value > kLargestKlv) return {State::Bad, 0};
+  return {State::Known, kKeySize + lengthSize + static_cast<std::size_t>(value)};
 }
 
 // --- Packing -----------------------------------------------------------------------------------------
@@ -192,7 +192,7 @@ std::optional<RtpPacket> UnpackRtp(ByteView datagram) {
 }
 
 UnpackedAnc UnpackAnc(ByteView bytes) {
-  UnpackedAnc result = {AncState::kCutOff, {}, 0};
+  UnpackedAnc result = {AncState::CutOff, {}, 0};
   BitReader bits(bytes);
   if (bits.Left() < kPositionBits + kFixedWords * kWordBits) return result;
   bits.Get(1);  // C
@@ -215,7 +215,7 @@ UnpackedAnc UnpackAnc(ByteView bytes) {
   const bool sumRight = bits.Get(kWordBits) == ChecksumWord(sum);
   // The fill of the last packet may be missing where the payload ends.
   result.size = std::min((bits.Used() + 31) / 32 * 4, bytes.size());
-  result.state = !sumRight ? AncState::kBadChecksum : !parity ? AncState::kBadParity : AncState::kGood;
+  result.state = !sumRight ? AncState::BadChecksum : !parity ? AncState::BadParity : AncState::Good;
   return result;
 }
 
@@ -325,13 +325,13 @@ std::optional<StampedKlv> KlvAssembler::Take(const AncPacket& packet, std::uint6
   m_nextPacket = static_cast<std::uint16_t>(place + 1);
   m_current.klv.insert(m_current.klv.end(), data.begin() + kHead, data.end());
   const KlvSize size = SizeOfKlv(m_current.klv);
-  if (size.state == KlvSize::State::kBad) {
+  if (size.state == KlvSize::State::Bad) {
     ++counts.damaged;
     m_dropped = number;
     m_nextPacket = 0;
     return {};
   }
-  if (size.state == KlvSize::State::kNeedMore || m_current.klv.size() < size.size) return {};
+  if (size.state == KlvSize::State::NeedMore || m_current.klv.size() < size.size) return {};
   m_current.klv.resize(size.size);  // what follows the message in its last packet is no KLV
   m_nextPacket = 0;
   m_dropped = number;
@@ -349,14 +349,14 @@ void Receiver::TakeInOrder(const RtpPacket& packet) {
   ByteView rest(packet.ancPackets);
   for (unsigned i = 0; i < packet.count; ++i) {
     const UnpackedAnc anc = UnpackAnc(rest);
-    if (anc.state == AncState::kCutOff) {
+    if (anc.state == AncState::CutOff) {
       ++m_counts.damaged;
       return;
     }
     rest = rest.subspan(anc.size);
-    if (anc.state == AncState::kBadChecksum) {
+    if (anc.state == AncState::BadChecksum) {
       ++m_counts.badChecksums;
-    } else if (anc.state == AncState::kBadParity) {
+    } else if (anc.state == AncState::BadParity) {
       ++m_counts.badParity;
     } else if (anc.packet.did == kKlvDid && anc.packet.sdid == kKlvSdid) {
       if (const auto message = m_assembler.Take(anc.packet, timestamp, m_counts)) m_sink(*message);

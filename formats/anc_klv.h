@@ -33,7 +33,7 @@ using ByteView = std::span<const std::uint8_t>;
 constexpr std::size_t kLargestKlv = 65'554;  // 16 bytes of key, 3 of length, 65535 of value
 
 struct KlvSize {
-  enum class State { kKnown, kNeedMore, kBad };
+  enum class State { Known, NeedMore, Bad };
   State state;
   std::size_t size;  // of key, length and value; of kKnown
 };
@@ -85,7 +85,7 @@ struct RtpPacket {
 // Nothing when the datagram is no such RTP packet, is cut off, or has the bits F 0b01, which are not defined.
 std::optional<RtpPacket> UnpackRtp(ByteView datagram);
 
-enum class AncState { kGood, kBadChecksum, kBadParity, kCutOff };
+enum class AncState { Good, BadChecksum, BadParity, CutOff };
 struct UnpackedAnc {
   AncState state;
   AncPacket packet;  // also of a bad checksum or parity

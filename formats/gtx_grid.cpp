@@ -46,15 +46,15 @@ double HeightAt(const Grid& grid, std::size_t row, std::size_t column) {
 }  // namespace
 
 bool Grid::IsWorldWide() const {
-  return std::abs(column_step * static_cast<double>(columns) - 360.0) < 1e-6;
+  return std::abs(columnStep * static_cast<double>(columns) - 360.0) < 1e-6;
 }
 
 double Grid::Interpolate(double latitude, double longitude) const {
-  const double turn = column_step * static_cast<double>(columns);
+  const double turn = columnStep * static_cast<double>(columns);
   double east = std::fmod(longitude - west, turn);
   if (east < 0) east += turn;
-  const double y = std::clamp((latitude - south) / row_step, 0.0, static_cast<double>(rows - 1));
-  const double x = east / column_step;
+  const double y = std::clamp((latitude - south) / rowStep, 0.0, static_cast<double>(rows - 1));
+  const double x = east / columnStep;
   const auto row = static_cast<std::size_t>(y);
   const auto column = static_cast<std::size_t>(x);
   const double fy = y - std::floor(y);
@@ -68,11 +68,11 @@ std::optional<Grid> Parse(std::string_view data) {
   Grid grid;
   grid.south = ReadDouble(data, kSouth);
   grid.west = ReadDouble(data, kWest);
-  grid.row_step = ReadDouble(data, kRowStep);
-  grid.column_step = ReadDouble(data, kColumnStep);
+  grid.rowStep = ReadDouble(data, kRowStep);
+  grid.columnStep = ReadDouble(data, kColumnStep);
   grid.rows = ReadBigEndian<std::uint32_t>(data, kRows);
   grid.columns = ReadBigEndian<std::uint32_t>(data, kColumns);
-  if (grid.rows < 2 || grid.columns < 2 || !(grid.row_step > 0) || !(grid.column_step > 0)) return std::nullopt;
+  if (grid.rows < 2 || grid.columns < 2 || !(grid.rowStep > 0) || !(grid.columnStep > 0)) return std::nullopt;
   // Divided, not multiplied: the product of two counts of 32 bits and a size may wrap.
   const std::size_t count = (data.size() - kHeights) / sizeof(float);
   if ((data.size() - kHeights) % sizeof(float) != 0 || count / grid.rows != grid.columns || count % grid.rows != 0) {

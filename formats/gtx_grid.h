@@ -11,10 +11,10 @@ namespace gtx {
 
 // Rows run from south to north, columns from west to east.
 struct Grid {
-  double south = 0;        // latitude of the first row, degrees
-  double west = 0;         // longitude of the first column, degrees
-  double row_step = 0;     // degrees
-  double column_step = 0;  // degrees
+  double south = 0;       // latitude of the first row, degrees
+  double west = 0;        // longitude of the first column, degrees
+  double rowStep = 0;     // degrees
+  double columnStep = 0;  // degrees
   std::size_t rows = 0;
   std::size_t columns = 0;
   std::vector<float> heights;  // metres, rows * columns of them

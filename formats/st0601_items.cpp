@@ -130,11 +130,11 @@ std::string FromUtf16(ByteView bytes) {
 
 bool HasItsSize(const Item& item, size_t size) {
   switch (item.kind) {
-    case Kind::kText:
-    case Kind::kSecuritySet:
-    case Kind::kRaw:
+    case Kind::Text:
+    case Kind::SecuritySet:
+    case Kind::Raw:
       return true;
-    case Kind::kText16:
+    case Kind::Text16:
       return size % 2 == 0;
     default:
       return item.size != 0 ? size == item.size : size >= 1 && size <= 8;
@@ -143,9 +143,9 @@ bool HasItsSize(const Item& item, size_t size) {
 
 void SetNumber(Value& value, const Item& item, size_t size, double number) {
   double resolution = 0;
-  if (item.kind == Kind::kUnsigned) resolution = (item.max - item.min) / UnsignedSteps(size);
-  if (item.kind == Kind::kSigned) resolution = (item.max - item.min) / SignedSteps(size);
-  if (item.kind == Kind::kImap) resolution = 1 / ImapOf(item, size).scale;
+  if (item.kind == Kind::Unsigned) resolution = (item.max - item.min) / UnsignedSteps(size);
+  if (item.kind == Kind::Signed) resolution = (item.max - item.min) / SignedSteps(size);
+  if (item.kind == Kind::Imap) resolution = 1 / ImapOf(item, size).scale;
   value.isNumber = true;
   value.number = number;
   value.text = FormatNumber(number, resolution);
@@ -159,7 +159,7 @@ void SetWhole(Value& value, int64_t whole) {
 }
 
 void SetOutOfRange(Value& value) {
-  value.state = ValueState::kOutOfRange;
+  value.state = ValueState::OutOfRange;
   value.text = "out of range";
 }
 
@@ -205,48 +205,48 @@ std::string Hex(ByteView bytes) {
 Value Decode(const Item& item, ByteView bytes) {
   Value value;
   if (!HasItsSize(item, bytes.size())) {
-    value.state = ValueState::kBadLength;
+    value.state = ValueState::BadLength;
     value.text = Hex(bytes);
     return value;
   }
   switch (item.kind) {
-    case Kind::kUnsigned:
+    case Kind::Unsigned:
       SetNumber(
           value, item, bytes.size(),
           item.min + static_cast<double>(ReadUnsigned(bytes)) / UnsignedSteps(bytes.size()) * (item.max - item.min));
       break;
-    case Kind::kSigned:
+    case Kind::Signed:
       DecodeSigned(value, item, bytes);
       break;
-    case Kind::kInteger:
+    case Kind::Integer:
       SetWhole(value, static_cast<int64_t>(ReadUnsigned(bytes)));
       break;
-    case Kind::kSignedWhole:
+    case Kind::SignedWhole:
       SetWhole(value, ReadSigned(bytes));
       break;
-    case Kind::kCode:
+    case Kind::Code:
       SetWhole(value, static_cast<int64_t>(ReadUnsigned(bytes)));
       if (const auto meaning = CodeText(item, value.whole); !meaning.empty()) value.text = meaning;
       break;
-    case Kind::kImap:
+    case Kind::Imap:
       DecodeImap(value, item, bytes);
       break;
-    case Kind::kText:
+    case Kind::Text:
       value.text = PrintableText({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
       break;
-    case Kind::kText16:
+    case Kind::Text16:
       value.text = PrintableText(FromUtf16(bytes));
       break;
-    case Kind::kTime:
+    case Kind::Time:
       SetWhole(value, static_cast<int64_t>(ReadUnsigned(bytes)));
       value.text = FormatTime(ReadUnsigned(bytes));
       break;
-    case Kind::kChecksum:
+    case Kind::Checksum:
       SetWhole(value, static_cast<int64_t>(ReadUnsigned(bytes)));
       value.text = "0x" + Hex(bytes);
       break;
-    case Kind::kSecuritySet:
-    case Kind::kRaw:
+    case Kind::SecuritySet:
+    case Kind::Raw:
       value.text = Hex(bytes);
       break;
   }
@@ -255,23 +255,23 @@ Value Decode(const Item& item, ByteView bytes) {
 
 std::optional<Bytes> EncodeWhole(const Item& item, int64_t value) {
   switch (item.kind) {
-    case Kind::kInteger:
-    case Kind::kCode:
-    case Kind::kTime:
-    case Kind::kChecksum: {
+    case Kind::Integer:
+    case Kind::Code:
+    case Kind::Time:
+    case Kind::Checksum: {
       if (value < 0) return std::nullopt;
       const size_t least = LeastSize(static_cast<uint64_t>(value));
       if (item.size != 0 && least > item.size) return std::nullopt;
       return WriteInteger(static_cast<uint64_t>(value), item.size != 0 ? item.size : least);
     }
-    case Kind::kSignedWhole: {
+    case Kind::SignedWhole: {
       const size_t least = LeastSignedSize(value);
       if (item.size != 0 && least > item.size) return std::nullopt;
       return WriteInteger(static_cast<uint64_t>(value), item.size != 0 ? item.size : least);
     }
-    case Kind::kUnsigned:
-    case Kind::kSigned:
-    case Kind::kImap:
+    case Kind::Unsigned:
+    case Kind::Signed:
+    case Kind::Imap:
       return Encode(item, static_cast<double>(value));
     default:
       return std::nullopt;
@@ -281,17 +281,17 @@ std::optional<Bytes> EncodeWhole(const Item& item, int64_t value) {
 std::optional<Bytes> Encode(const Item& item, double value, size_t size) {
   const bool inside = value >= item.min && value <= item.max;  // false for what is no number
   switch (item.kind) {
-    case Kind::kUnsigned: {
+    case Kind::Unsigned: {
       if (!inside) return std::nullopt;
       const double raw = std::round((value - item.min) / (item.max - item.min) * UnsignedSteps(item.size));
       return WriteInteger(static_cast<uint64_t>(raw), item.size);
     }
-    case Kind::kSigned: {
+    case Kind::Signed: {
       if (!inside) return WriteInteger(1ULL << (8 * item.size - 1), item.size);
       const double raw = std::round(value / item.max * (SignedSteps(item.size) / 2));
       return WriteInteger(static_cast<uint64_t>(static_cast<int64_t>(raw)), item.size);
     }
-    case Kind::kImap: {
+    case Kind::Imap: {
       if (!inside) return std::nullopt;
       const size_t bytes = std::clamp<size_t>(size == 0 ? 4 : size, 1, 7);
       const Imap map = ImapOf(item, bytes);
@@ -306,7 +306,7 @@ std::optional<Bytes> Encode(const Item& item, double value, size_t size) {
 Bytes EncodeText(const Item& item, std::string_view text) {
   Bytes out;
   for (const char character : text) {
-    if (item.kind == Kind::kText16) out.push_back(0);
+    if (item.kind == Kind::Text16) out.push_back(0);
     out.push_back(static_cast<uint8_t>(character));
   }
   return out;
@@ -314,16 +314,16 @@ Bytes EncodeText(const Item& item, std::string_view text) {
 
 double Resolution(const Item& item) {
   switch (item.kind) {
-    case Kind::kUnsigned:
+    case Kind::Unsigned:
       return (item.max - item.min) / UnsignedSteps(item.size);
-    case Kind::kSigned:
+    case Kind::Signed:
       return (item.max - item.min) / SignedSteps(item.size);
-    case Kind::kImap:
+    case Kind::Imap:
       return 1 / ImapOf(item, 4).scale;
-    case Kind::kText:
-    case Kind::kText16:
-    case Kind::kSecuritySet:
-    case Kind::kRaw:
+    case Kind::Text:
+    case Kind::Text16:
+    case Kind::SecuritySet:
+    case Kind::Raw:
       return 0;
     default:
       return 1;
@@ -331,7 +331,7 @@ double Resolution(const Item& item) {
 }
 
 std::string Display(const Item& item, const Value& value) {
-  if (value.state != ValueState::kOk || item.unit[0] == '\0') return value.text;
+  if (value.state != ValueState::Ok || item.unit[0] == '\0') return value.text;
   return value.text + ' ' + item.unit;
 }
 
@@ -391,12 +391,12 @@ void CheckSum(Message& message, ByteView bytes) {
   const auto first = std::find_if(message.elements.begin(), message.elements.end(), isChecksum);
   if (first == message.elements.end()) return;
   if (first->value.size() != 2 || first != message.elements.end() - 1 || !message.isComplete) {
-    message.checksum = ChecksumState::kMisplaced;
+    message.checksum = ChecksumState::Misplaced;
     return;
   }
   message.storedChecksum = static_cast<uint16_t>(ReadUnsigned(first->value));
   message.computedChecksum = RunningSum(bytes.first(static_cast<size_t>(first->value.data() - bytes.data())));
-  message.checksum = message.storedChecksum == message.computedChecksum ? ChecksumState::kOk : ChecksumState::kBad;
+  message.checksum = message.storedChecksum == message.computedChecksum ? ChecksumState::Ok : ChecksumState::Bad;
 }
 
 }  // namespace
@@ -462,10 +462,10 @@ void AppendBerLength(Bytes& out, size_t length) {
 }
 
 Builder& Builder::Add(uint32_t tag, ByteView value) {
-  if (tag >= 0x80) body_.push_back(static_cast<uint8_t>(0x80 | tag >> 7));
-  body_.push_back(static_cast<uint8_t>(tag & 0x7F));
-  AppendBerLength(body_, value.size());
-  body_.insert(body_.end(), value.begin(), value.end());
+  if (tag >= 0x80) m_body.push_back(static_cast<uint8_t>(0x80 | tag >> 7));
+  m_body.push_back(static_cast<uint8_t>(tag & 0x7F));
+  AppendBerLength(m_body, value.size());
+  m_body.insert(m_body.end(), value.begin(), value.end());
   return *this;
 }
 
@@ -493,8 +493,8 @@ Builder& Builder::AddText(uint32_t tag, std::string_view text) {
 
 Bytes Builder::Finish(bool withChecksum) const {
   Bytes out(kUasKey, kUasKey + sizeof(kUasKey));
-  AppendBerLength(out, body_.size() + (withChecksum ? 4 : 0));
-  out.insert(out.end(), body_.begin(), body_.end());
+  AppendBerLength(out, m_body.size() + (withChecksum ? 4 : 0));
+  out.insert(out.end(), m_body.begin(), m_body.end());
   if (withChecksum) {
     out.push_back(kChecksumTag);
     out.push_back(2);

@@ -31,18 +31,18 @@ using ByteView = std::span<const uint8_t>;
 /* ------------------------------------------------------------------------------------------------ */
 
 enum class Kind : uint8_t {
-  kUnsigned,     // linear: 0 .. 2^n - 1 stands for min .. max
-  kSigned,       // linear: -(2^(n-1) - 1) .. 2^(n-1) - 1 stands for min .. max, -2^(n-1) for "out of range"
-  kInteger,      // unsigned whole number as it stands, 1 to 8 bytes
-  kSignedWhole,  // two's complement whole number as it stands, 1 to 8 bytes
-  kCode,         // whole number with a meaning per value, see CodeText
-  kImap,         // MISB ST 1201 IMAPB over min .. max, 1 to 8 bytes
-  kText,         // UTF-8 (ASCII in most items)
-  kText16,       // UTF-16, big-endian
-  kTime,         // microseconds since 1970 UTC, without leap seconds, 8 bytes
-  kSecuritySet,  // a nested MISB ST 0102 local set
-  kChecksum,     // the running sum of the message
-  kRaw           // nested sets and packs that are shown as hexadecimal digits
+  Unsigned,     // linear: 0 .. 2^n - 1 stands for min .. max
+  Signed,       // linear: -(2^(n-1) - 1) .. 2^(n-1) - 1 stands for min .. max, -2^(n-1) for "out of range"
+  Integer,      // unsigned whole number as it stands, 1 to 8 bytes
+  SignedWhole,  // two's complement whole number as it stands, 1 to 8 bytes
+  Code,         // whole number with a meaning per value, see CodeText
+  Imap,         // MISB ST 1201 IMAPB over min .. max, 1 to 8 bytes
+  Text,         // UTF-8 (ASCII in most items)
+  Text16,       // UTF-16, big-endian
+  Time,         // microseconds since 1970 UTC, without leap seconds, 8 bytes
+  SecuritySet,  // a nested MISB ST 0102 local set
+  Checksum,     // the running sum of the message
+  Raw           // nested sets and packs that are shown as hexadecimal digits
 };
 
 struct Item {
@@ -75,13 +75,13 @@ const Item* FindSecurityElement(uint32_t tag);
 /* ------------------------------------------------------------------------------------------------ */
 
 enum class ValueState : uint8_t {
-  kOk,
-  kOutOfRange,  // the reserved bit pattern that says so
-  kBadLength    // the value has not the length that its item needs; text holds its hexadecimal digits
+  Ok,
+  OutOfRange,  // the reserved bit pattern that says so
+  BadLength    // the value has not the length that its item needs; text holds its hexadecimal digits
 };
 
 struct Value {
-  ValueState state = ValueState::kOk;
+  ValueState state = ValueState::Ok;
   bool isNumber = false;  // number is valid
   bool isWhole = false;   // a count, code or time: whole is valid too
   double number = 0;
@@ -129,7 +129,7 @@ struct Element {
   const Item* item = nullptr;  // nullptr for a tag that the standard does not know
 };
 
-enum class ChecksumState : uint8_t { kOk, kBad, kMissing, kMisplaced };
+enum class ChecksumState : uint8_t { Ok, Bad, Missing, Misplaced };
 
 struct Message {
   bool isUas = false;       // begins with kUasKey
@@ -138,7 +138,7 @@ struct Message {
   size_t headerSize = 0;    // key and length field
   size_t totalSize = 0;     // header and body as the length field says
   std::vector<Element> elements;
-  ChecksumState checksum = ChecksumState::kMissing;
+  ChecksumState checksum = ChecksumState::Missing;
   uint16_t storedChecksum = 0;
   uint16_t computedChecksum = 0;
 
@@ -170,11 +170,11 @@ class Builder {
   Builder& AddWhole(uint32_t tag, int64_t value);
   Builder& AddText(uint32_t tag, std::string_view text);
   /* The local set so far, without key and checksum: the value of a nested set. */
-  const Bytes& Body() const { return body_; }
+  const Bytes& Body() const { return m_body; }
   Bytes Finish(bool withChecksum = true) const;
 
  private:
-  Bytes body_;
+  Bytes m_body;
 };
 
 /* Appends a length in BER: short form below 128, else the shortest long form. */

@@ -41,9 +41,9 @@ void CheckPacket(const MDATA_BUFFER* pBuffer, int nResult) {
 }
 
 // A block of exactly the event's size, so that a read past its end is seen.
-void Convert(HCONVERTER hConv, const std::vector<BYTE>& Event) {
+void Convert(HCONVERTER hConv, const std::vector<BYTE>& event) {
   MDATA_BUFFER* pBuffer = nullptr;
-  const int nResult = ConvertCoT2KLV(hConv, Event.data(), static_cast<int>(Event.size()), &pBuffer);
+  const int nResult = ConvertCoT2KLV(hConv, event.data(), static_cast<int>(event.size()), &pBuffer);
   Check((pBuffer != nullptr) == (nResult > CVT_COTKLV_STATUS_MALLOC_FAIL));
   if (pBuffer == nullptr) return;
   CheckPacket(pBuffer, nResult);
@@ -53,9 +53,9 @@ void Convert(HCONVERTER hConv, const std::vector<BYTE>& Event) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pcData, size_t nSize) {
-  static std::vector<float> Grid(kGridValues, -17.25f);
+  static std::vector<float> grid(kGridValues, -17.25f);
   if (nSize == 0) return 0;
-  _g_pGrid = (pcData[0] & 0x01) != 0 ? Grid.data() : nullptr;
+  _g_pGrid = (pcData[0] & 0x01) != 0 ? grid.data() : nullptr;
   _g_bAllItemsSupport = (pcData[0] & 0x02) != 0;
   HCONVERTER hConv = nullptr;
   Check(AllocCoT2KLVConvert(&hConv, 500000, (pcData[0] & 0x04) != 0 ? "SPI1" : "", (pcData[0] & 0x08) != 0));
@@ -67,9 +67,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pcData, size_t nSize) {
     pcEvent = pcNext == pcEnd ? pcEnd : pcNext + 1;
   }
   Convert(hConv, {pcData, pcEnd});  // as one event, its NULs embedded
-  MDATA_COT_STATS Stats = {};
-  GetCoT2KLVConvertStats(hConv, &Stats);
-  Check(Stats.nDiscoveredSensorsCount >= 0 && Stats.nDiscoveredSensorsCount <= MDATA_MAX_DISCOVERED_SENSORS);
+  MDATA_COT_STATS stats = {};
+  GetCoT2KLVConvertStats(hConv, &stats);
+  Check(stats.nDiscoveredSensorsCount >= 0 && stats.nDiscoveredSensorsCount <= MDATA_MAX_DISCOVERED_SENSORS);
   FreeCoT2KLVConvert(&hConv);
   _g_pGrid = nullptr;
   return 0;

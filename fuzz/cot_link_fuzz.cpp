@@ -30,9 +30,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pcData, size_t nSize) {
   for (size_t nAt = 1; nAt < nSize; nAt += nPiece) {
     COT_ProcessRxData(pvCtxt, pcData + nAt, static_cast<int>(std::min(nPiece, nSize - nAt)));
   }
-  COT_STATS Stats = {};
-  COT_GetStats(pvCtxt, &Stats);
-  if (Stats.nTotalRxBytes != nSize - 1) abort();
+  COT_STATS stats = {};
+  COT_GetStats(pvCtxt, &stats);
+  if (stats.nTotalRxBytes != nSize - 1) abort();
   if (g_nDelivered > nSize) abort();
   FreeCotDecodeContext(&pvCtxt);
   return 0;

@@ -42,14 +42,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pcData, size_t nSize) {
   const size_t nPauseEvery = static_cast<size_t>(pcData[1]) + 1;
   size_t nPieces = 0;
   for (size_t nAt = 2; nAt < nSize; nAt += nPiece) {
-    const std::vector<BYTE> Piece(pcData + nAt, pcData + nAt + std::min(nPiece, nSize - nAt));
+    const std::vector<BYTE> piece(pcData + nAt, pcData + nAt + std::min(nPiece, nSize - nAt));
     if (++nPieces % nPauseEvery == 0) static_cast<KLV_DECODE_CONTEXT*>(pvCtxt)->MsgStartTime.tv_sec -= 1;
-    GenericKLV_ProcessRxData(pvCtxt, Piece.data(), static_cast<int>(Piece.size()));
+    GenericKLV_ProcessRxData(pvCtxt, piece.data(), static_cast<int>(piece.size()));
   }
-  KLV_STATS Stats = {};
-  GenericKLV_GetStats(pvCtxt, &Stats);
-  Check(Stats.nTotalRxBytes == nSize - 2);
-  Check(Stats.nRxOkMessages == g_nMessages);
+  KLV_STATS stats = {};
+  GenericKLV_GetStats(pvCtxt, &stats);
+  Check(stats.nTotalRxBytes == nSize - 2);
+  Check(stats.nRxOkMessages == g_nMessages);
   Check(g_nDelivered <= nSize - 2);
   FreeKlvDecodeContext(&pvCtxt);
   return 0;

@@ -40,24 +40,24 @@ void Check(bool bCondition) {
 
 using Source = std::unique_ptr<tagMDATA_SRC_HANDLE, decltype(&free)>;
 
-Source MakeSource(Input& In) {
+Source MakeSource(Input& in) {
   Source pSource(static_cast<MDATA_SRC_HANDLE>(calloc(1, sizeof(tagMDATA_SRC_HANDLE))), &free);
-  const BYTE Flags = In.Byte();
-  _g_bExtendedTags = (Flags & 0x10) != 0 ? TRUE : FALSE;
-  if (Flags & 0x01) {
+  const BYTE flags = in.Byte();
+  _g_bExtendedTags = (flags & 0x10) != 0 ? TRUE : FALSE;
+  if (flags & 0x01) {
     char szMissionID[kMaxMissionIDSize + 1] = {};
-    memset(szMissionID, 'M', In.Byte() % sizeof(szMissionID));
+    memset(szMissionID, 'M', in.Byte() % sizeof(szMissionID));
     pSource->pMissionID = AllocMissionID(szMissionID);
     pSource->nMissionIDElementSize = pSource->pMissionID->cLength + 2;
   }
-  if (Flags & 0x02) {
-    pSource->pSecurityMDataSet = AllocSecurityMetadata(In.Byte(), "USA", "CANMEX");
+  if (flags & 0x02) {
+    pSource->pSecurityMDataSet = AllocSecurityMetadata(in.Byte(), "USA", "CANMEX");
     pSource->nSecurityMDataSetSize = pSource->pSecurityMDataSet->Length + 2;
   }
-  pSource->Config.bFilterUASTags = (Flags & 0x04) != 0;
-  pSource->Config.bFilterUASSecurityTags = (Flags & 0x08) != 0;
-  for (UINT32& nWord : pSource->Config.UASTagFilter) nWord = (Flags & 0x04) ? In.Word() : 0;
-  pSource->Config.UASSecurityTagFilter[0] = (Flags & 0x08) ? In.Word() : 0;
+  pSource->Config.bFilterUASTags = (flags & 0x04) != 0;
+  pSource->Config.bFilterUASSecurityTags = (flags & 0x08) != 0;
+  for (UINT32& nWord : pSource->Config.UASTagFilter) nWord = (flags & 0x04) ? in.Word() : 0;
+  pSource->Config.UASSecurityTagFilter[0] = (flags & 0x08) ? in.Word() : 0;
   return pSource;
 }
 
@@ -78,15 +78,15 @@ void CheckMessage(const MDATA_BUFFER* pBuffer, int nNewSize) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pcData, size_t nSize) {
-  Input In(pcData, nSize);
-  Source pSource = MakeSource(In);
-  const int nHeaderSize = 17 + In.Byte() % 3;
+  Input in(pcData, nSize);
+  Source pSource = MakeSource(in);
+  const int nHeaderSize = 17 + in.Byte() % 3;
   // A block of exactly the message's size, so that a read past its end is seen.
-  std::vector<BYTE> Message = In.Rest();
-  const int nUAVSize = static_cast<int>(Message.size());
+  std::vector<BYTE> message = in.Rest();
+  const int nUAVSize = static_cast<int>(message.size());
   MDATA_BUFFER* pBuffer = nullptr;
   int nNewSize = -1;
-  if (ProcessUASDataLinkLocalSet(pSource.get(), Message.data(), nUAVSize, nHeaderSize, &pBuffer, &nNewSize)) {
+  if (ProcessUASDataLinkLocalSet(pSource.get(), message.data(), nUAVSize, nHeaderSize, &pBuffer, &nNewSize)) {
     if (pBuffer != nullptr) {
       CheckMessage(pBuffer, nNewSize);
       DoReleaseBuffer(&pBuffer);
@@ -96,7 +96,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pcData, size_t nSize) {
   } else {
     Check(pBuffer == nullptr);
   }
-  if (nUAVSize >= nHeaderSize) (void)ValidateUASLocalDataSet(Message.data(), nUAVSize, nHeaderSize);
+  if (nUAVSize >= nHeaderSize) (void)ValidateUASLocalDataSet(message.data(), nUAVSize, nHeaderSize);
   free(pSource->pMissionID);
   free(pSource->pSecurityMDataSet);
   return 0;

@@ -165,8 +165,8 @@ struct Inputs {
 };
 
 Inputs& AllInputs() {
-  static auto* const inputs = new Inputs;
-  return *inputs;
+  static auto* const kInputs = new Inputs;
+  return *kInputs;
 }
 
 bool IsInput(int input) {
@@ -175,13 +175,13 @@ bool IsInput(int input) {
 
 std::unique_ptr<CaptureBackend> MakeBackend(const HostCaptureConfig& config) {
   switch (config.kind) {
-    case HostCaptureConfig::Kind::kMedia:
+    case HostCaptureConfig::Kind::Media:
       return MakeMediaBackend(config);
-    case HostCaptureConfig::Kind::kAnc:
+    case HostCaptureConfig::Kind::Anc:
       return MakeAncBackend(config);
-    case HostCaptureConfig::Kind::kSocket:
+    case HostCaptureConfig::Kind::Socket:
       return MakeSocketBackend(config);
-    case HostCaptureConfig::Kind::kNone:
+    case HostCaptureConfig::Kind::None:
       break;
   }
   return nullptr;

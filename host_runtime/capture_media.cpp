@@ -146,7 +146,7 @@ class MediaBackend : public CaptureBackend {
     }
     // A track that is not labelled, but holds nothing else.
     return anc_klv::SizeOfKlv({packet.data, static_cast<std::size_t>(packet.size)}).state ==
-           anc_klv::KlvSize::State::kKnown;
+           anc_klv::KlvSize::State::Known;
   }
 
   void TakePacket(CaptureQueue& queue, const AVStream& stream, const AVPacket& packet) {
@@ -195,14 +195,14 @@ class MediaBackend : public CaptureBackend {
     using State = anc_klv::KlvSize::State;
     while (!data.empty()) {
       anc_klv::KlvSize size = anc_klv::SizeOfKlv(data);
-      if (size.state == State::kBad && data.size() > kAuHeaderSize) {
+      if (size.state == State::Bad && data.size() > kAuHeaderSize) {
         const anc_klv::KlvSize behind = anc_klv::SizeOfKlv(data.subspan(kAuHeaderSize));
-        if (behind.state == State::kKnown) {
+        if (behind.state == State::Known) {
           data = data.subspan(kAuHeaderSize);
           size = behind;
         }
       }
-      if (size.state != State::kKnown || size.size > data.size()) {
+      if (size.state != State::Known || size.size > data.size()) {
         queue.Count(&HostCaptureStats::damaged);
         HOST_LOG(4, "Video input %d: %zu bytes of damaged KLV dropped.\n", queue.Input(), data.size());
         return;

@@ -102,7 +102,7 @@ struct Loader {
     if (key == "kind") {
       using Kind = HostCaptureConfig::Kind;
       static const std::map<std::string, Kind> kKinds = {
-          {"none", Kind::kNone}, {"media", Kind::kMedia}, {"anc", Kind::kAnc}, {"socket", Kind::kSocket}};
+          {"none", Kind::None}, {"media", Kind::Media}, {"anc", Kind::Anc}, {"socket", Kind::Socket}};
       const auto kind = kKinds.find(value);
       if (kind == kKinds.end()) return Refuse(key, value, "none, media, anc, socket");
       capture.kind = kind->second;
@@ -147,9 +147,9 @@ struct Loader {
       const HostCaptureConfig& capture = config.captures[i];
       using Kind = HostCaptureConfig::Kind;
       const std::string section = "[capture" + std::to_string(i) + "]";
-      if (capture.kind == Kind::kMedia && capture.path.empty()) return section + " kind = media needs the key path";
-      if (capture.kind == Kind::kSocket && capture.path.empty()) return section + " kind = socket needs the key path";
-      if (capture.kind == Kind::kAnc && capture.port == 0) return section + " kind = anc needs the key port";
+      if (capture.kind == Kind::Media && capture.path.empty()) return section + " kind = media needs the key path";
+      if (capture.kind == Kind::Socket && capture.path.empty()) return section + " kind = socket needs the key path";
+      if (capture.kind == Kind::Anc && capture.port == 0) return section + " kind = anc needs the key port";
     }
     return {};
   }
@@ -171,7 +171,7 @@ void PutInForce(InForce& state, const HostRuntimeConfig& config) {
 }
 
 InForce& State() {
-  static InForce* const state = [] {
+  static InForce* const kState = [] {
     auto* fresh = new InForce;
     const char* path = secure_getenv("METADATA_HOST_INI");
     if (path == nullptr || *path == '\0') return fresh;
@@ -185,7 +185,7 @@ InForce& State() {
     if (!good) HOST_LOG(3, "METADATA_HOST_INI: %s.\n", error.c_str());
     return fresh;
   }();
-  return *state;
+  return *kState;
 }
 
 }  // namespace

@@ -149,13 +149,13 @@ std::shared_ptr<spdlog::logger> MakeLogger(bool console, const std::string& file
 }
 
 LogState& State() {
-  static LogState* const state = [] {
+  static LogState* const kState = [] {
     auto* fresh = new LogState;
     fresh->logger = MakeLogger(true, "");
     fresh->console = true;
     return fresh;
   }();
-  return *state;
+  return *kState;
 }
 
 int LevelOf(const LogState& state, const std::string& name) {
@@ -257,13 +257,13 @@ void Assertion(const char* function, const char* file, int line, const std::stri
 }  // namespace
 
 HDBG HostModule() {
-  static const HDBG module = Guarded<HDBG>(nullptr, [] { return OpenModule("HOST"); });
-  return module;
+  static const HDBG kModule = Guarded<HDBG>(nullptr, [] { return OpenModule("HOST"); });
+  return kModule;
 }
 
 HDBG CaptureModule() {
-  static const HDBG module = Guarded<HDBG>(nullptr, [] { return OpenModule("KLVCAPTURE"); });
-  return module;
+  static const HDBG kModule = Guarded<HDBG>(nullptr, [] { return OpenModule("KLVCAPTURE"); });
+  return kModule;
 }
 
 bool ApplyLogConfig(const HostRuntimeConfig& config, std::string* error) {

@@ -21,12 +21,12 @@ constexpr int kHostVideoInputs = 4;
 // Where the KLV of one video input comes from.
 struct HostCaptureConfig {
   enum class Kind {
-    kNone,   // the input cannot be opened
-    kMedia,  // a file or stream with a KLV track, played in real time
-    kAnc,    // an ancillary stream of RFC 8331 (SMPTE ST 2110-40) over UDP
-    kSocket  // datagrams on a local socket: 8 bytes of timestamp, big-endian, then the KLV
+    None,   // the input cannot be opened
+    Media,  // a file or stream with a KLV track, played in real time
+    Anc,    // an ancillary stream of RFC 8331 (SMPTE ST 2110-40) over UDP
+    Socket  // datagrams on a local socket: 8 bytes of timestamp, big-endian, then the KLV
   };
-  Kind kind = Kind::kNone;
+  Kind kind = Kind::None;
   std::string path;        // kMedia: file or URL; kSocket: the socket's path, made by the runtime
   bool loop = false;       // kMedia: begin again at the end
   std::string address;     // kAnc: IPv4 group to join, or empty

@@ -49,7 +49,7 @@ class LogLimiter {
     std::uint64_t suppressed = 0;
   };
   struct Less {
-    using is_transparent = void;
+    using is_transparent = void;  // NOLINT(readability-identifier-naming): the name that std::map looks for
     struct View {
       std::string_view module;
       std::string_view file;

@@ -47,8 +47,8 @@ struct Registry {
 };
 
 Registry& Mailboxes() {
-  static auto* const registry = new Registry;
-  return *registry;
+  static auto* const kRegistry = new Registry;
+  return *kRegistry;
 }
 
 }  // namespace

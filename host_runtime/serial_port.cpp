@@ -119,8 +119,8 @@ struct OpenDevices {
 };
 
 OpenDevices& AllOpenDevices() {
-  static auto* const devices = new OpenDevices;
-  return *devices;
+  static auto* const kDevices = new OpenDevices;
+  return *kDevices;
 }
 
 // The other end's program may keep a pseudo-terminal open. The exclusive mark would then outlive this process.

@@ -29,7 +29,7 @@ BOOL g_bThreadStateDebuggingEnabled = FALSE;
 // A record belongs to whoever holds the handle; the table lists it until WaitForThread.
 
 struct tagHOST_THREAD {
-  enum class Order { kHold, kRun, kLeave };
+  enum class Order { Hold, Run, Leave };
 
   std::string name;
   pthread_t thread{};
@@ -37,7 +37,7 @@ struct tagHOST_THREAD {
   void* argument = nullptr;
   pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER;  // guards order
   pthread_cond_t startCond = PTHREAD_COND_INITIALIZER;
-  Order order = Order::kHold;
+  Order order = Order::Hold;
 
   std::mutex watchLock;  // leaf; guards watch and lastSign
   HostThreadState watch;
@@ -52,8 +52,8 @@ struct Table {
 };
 
 Table& Threads() {
-  static auto* const table = new Table;
-  return *table;
+  static auto* const kTable = new Table;
+  return *kTable;
 }
 
 thread_local HTHREAD t_hSelf = nullptr;  // the calling thread's record; null on threads the host did not make
@@ -75,8 +75,8 @@ void* Run(void* pvThread) {
   const auto hThread = static_cast<HTHREAD>(pvThread);
   t_hSelf = hThread;
   pthread_mutex_lock(&hThread->startMutex);
-  while (hThread->order == tagHOST_THREAD::Order::kHold) pthread_cond_wait(&hThread->startCond, &hThread->startMutex);
-  const bool bRun = hThread->order == tagHOST_THREAD::Order::kRun;
+  while (hThread->order == tagHOST_THREAD::Order::Hold) pthread_cond_wait(&hThread->startCond, &hThread->startMutex);
+  const bool bRun = hThread->order == tagHOST_THREAD::Order::Run;
   pthread_mutex_unlock(&hThread->startMutex);
   if (!bRun) return nullptr;
   hThread->routine(hThread->argument);
@@ -178,16 +178,16 @@ BOOL StartThread(HTHREAD hThread) {
     hThread->watch.running = true;
     hThread->lastSign = MonotonicNs();
   }
-  Order(hThread, tagHOST_THREAD::Order::kRun);
+  Order(hThread, tagHOST_THREAD::Order::Run);
   return TRUE;
 }
 
 BOOL WaitForThread(HTHREAD hThread) {
   if (hThread == nullptr || hThread == t_hSelf) return FALSE;
   pthread_mutex_lock(&hThread->startMutex);
-  const bool bStarted = hThread->order == tagHOST_THREAD::Order::kRun;
+  const bool bStarted = hThread->order == tagHOST_THREAD::Order::Run;
   pthread_mutex_unlock(&hThread->startMutex);
-  if (!bStarted) Order(hThread, tagHOST_THREAD::Order::kLeave);
+  if (!bStarted) Order(hThread, tagHOST_THREAD::Order::Leave);
   pthread_join(hThread->thread, nullptr);
   Guarded([&] {
     const std::lock_guard guard(Threads().lock);

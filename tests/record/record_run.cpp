@@ -38,8 +38,8 @@ void PrintBytes(const char* title, const Bytes& bytes) {
 
 // Addresses differ from run to run; all else must not.
 std::string WithoutAddresses(const std::string& text) {
-  static const std::regex address("0x[0-9a-f]{9,}|pMsg = 0x[0-9a-f]+");
-  return std::regex_replace(text, address, "ADDRESS");
+  static const std::regex kAddress("0x[0-9a-f]{9,}|pMsg = 0x[0-9a-f]+");
+  return std::regex_replace(text, kAddress, "ADDRESS");
 }
 
 // Prints what has come since the last call. Lines, dumps and assertions are kept apart by the fake host, so each of

@@ -121,7 +121,7 @@ namespace {
 
 // --- The encoder -------------------------------------------------------------------------------------
 
-enum Road { kSerialKLV, kSerialCoT, kUdpKLV, kUdpCoT, kVideo, kRoads };
+enum Road { KSerialKlv, SerialCoT, KUdpKlv, UdpCoT, Video, Roads };
 
 // One source as its ready callback sees it. Outlives the source.
 struct Watch {
@@ -129,7 +129,7 @@ struct Watch {
   std::atomic<Clock::rep> nClosed{0};  // when its close returned
 };
 
-std::atomic<unsigned long> g_anDelivered[kRoads];
+std::atomic<unsigned long> g_anDelivered[Roads];
 std::atomic<unsigned long> g_nAll{0};
 std::atomic<unsigned long> g_nTooLate{0};  // callbacks that began well after their source was closed
 std::mutex g_KeptLock;
@@ -219,13 +219,13 @@ MDATA_SRC_CFG VideoConfig(int iInterface) {
 // Ports 2n carry events, 2n + 1 messages.
 MDATA_SRC_CFG ConfigOf(Road road, int iNumber) {
   switch (road) {
-    case kSerialKLV:
+    case KSerialKlv:
       return SerialConfig(MDATA_DATA_KLV);
-    case kSerialCoT:
+    case SerialCoT:
       return SerialConfig(MDATA_DATA_COT);
-    case kUdpKLV:
+    case KUdpKlv:
       return NetworkConfig(kFirstPort + iNumber * 2 + 1, MDATA_DATA_KLV);
-    case kUdpCoT:
+    case UdpCoT:
       return NetworkConfig(kFirstPort + iNumber * 2, MDATA_DATA_COT);
     default:
       return VideoConfig(iNumber);
@@ -239,9 +239,9 @@ std::vector<BYTE> ReadEvent(const char* szName) {
 
 // An aircraft and its sensor point, which make a packet together.
 const std::vector<std::vector<BYTE>>& Events() {
-  static const std::vector<std::vector<BYTE>> events = {ReadEvent("level_flight_aircraft.xml"),
-                                                        ReadEvent("level_flight_spi.xml")};
-  return events;
+  static const std::vector<std::vector<BYTE>> kEvents = {ReadEvent("level_flight_aircraft.xml"),
+                                                         ReadEvent("level_flight_spi.xml")};
+  return kEvents;
 }
 
 // The lines that would tell of a time-out.
@@ -251,14 +251,14 @@ std::atomic<int> g_enSerialData{MDATA_DATA_KLV};
 
 class Traffic {
  public:
-  Traffic(int iPtyMaster, const std::vector<std::string>& captures) : m_iPtyMaster(iPtyMaster), m_Captures(captures) {
-    m_Threads.emplace_back([this] { SendUDP(); });
-    m_Threads.emplace_back([this] { SendSerial(); });
-    m_Threads.emplace_back([this] { SendVideo(); });
+  Traffic(int iPtyMaster, const std::vector<std::string>& captures) : m_iPtyMaster(iPtyMaster), m_captures(captures) {
+    m_threads.emplace_back([this] { SendUDP(); });
+    m_threads.emplace_back([this] { SendSerial(); });
+    m_threads.emplace_back([this] { SendVideo(); });
   }
   ~Traffic() {
     m_bStop = true;
-    for (auto& thread : m_Threads) thread.join();
+    for (auto& thread : m_threads) thread.join();
   }
 
  private:
@@ -303,7 +303,7 @@ class Traffic {
     int iSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0);
     while (!m_bStop) {
       ++packet[7];
-      for (const std::string& path : m_Captures) {
+      for (const std::string& path : m_captures) {
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
@@ -315,9 +315,9 @@ class Traffic {
   }
 
   int m_iPtyMaster;
-  std::vector<std::string> m_Captures;
+  std::vector<std::string> m_captures;
   std::atomic<bool> m_bStop{false};
-  std::vector<std::thread> m_Threads;
+  std::vector<std::thread> m_threads;
 };
 
 // --- The runs ----------------------------------------------------------------------------------------
@@ -339,18 +339,18 @@ void UseStatistics(HMDATASRC hSource, std::mt19937& random) {
 // One encoder thread: its own UDP ports, the serial port and the video inputs with everybody else.
 class Opener {
  public:
-  explicit Opener(int iThread) : m_iThread(iThread), m_Random(static_cast<unsigned>(iThread)) {}
+  explicit Opener(int iThread) : m_iThread(iThread), m_random(static_cast<unsigned>(iThread)) {}
 
   // Until the end, with a limit on a close unless closes may be given up.
   void Run(Clock::time_point end, bool bFailing) {
     while (Clock::now() < end) {
-      const Road road = static_cast<Road>(m_Random() % kRoads);
+      const Road road = static_cast<Road>(m_random() % Roads);
       HMDATASRC hSource = Open(road);
       if (hSource == nullptr) continue;
-      if (m_Random() % 2 == 0) UseStatistics(hSource, m_Random);
-      const bool bSerial = road == kSerialKLV || road == kSerialCoT;
-      if (bSerial || m_Random() % 3 == 0)
-        std::this_thread::sleep_for(milliseconds(bSerial ? 50 + m_Random() % 150 : m_Random() % 5));
+      if (m_random() % 2 == 0) UseStatistics(hSource, m_random);
+      const bool bSerial = road == KSerialKlv || road == SerialCoT;
+      if (bSerial || m_random() % 3 == 0)
+        std::this_thread::sleep_for(milliseconds(bSerial ? 50 + m_random() % 150 : m_random() % 5));
       const auto start = Clock::now();
       Close(hSource);
       if (!bFailing) {
@@ -358,38 +358,38 @@ class Opener {
       }
       ReleaseKept();
       // Openers that wait in vain hold the library's mutex most of the time: the serial road needs it too.
-      if (bFailing) std::this_thread::sleep_for(milliseconds(m_Random() % 100));
+      if (bFailing) std::this_thread::sleep_for(milliseconds(m_random() % 100));
     }
   }
 
   HMDATASRC Open(Road road) {
     MDATA_SRC_CFG config = ConfigOf(road, m_iThread);
-    m_Watches.emplace_back();
-    m_Watches.back().pnDelivered = &g_anDelivered[road];
-    config.pvUserParam1 = &m_Watches.back();
+    m_watches.emplace_back();
+    m_watches.back().pnDelivered = &g_anDelivered[road];
+    config.pvUserParam1 = &m_watches.back();
     HMDATASRC hSource = nullptr;
     if (!MetaData_OpenSource(&config, &hSource)) {
-      ++m_Count.refused;
+      ++m_count.refused;
       return nullptr;
     }
     if (config.enInputType == MDATA_INPUT_SERIAL) g_enSerialData = config.enDataType;
-    ++m_Count.opened;
+    ++m_count.opened;
     return hSource;
   }
 
   // Without a message the source stays open, and the close is tried again.
   void Close(HMDATASRC hSource) {
     while (!MetaData_CloseSource(&hSource)) std::this_thread::sleep_for(milliseconds(1));
-    m_Watches.back().nClosed = Clock::now().time_since_epoch().count();
+    m_watches.back().nClosed = Clock::now().time_since_epoch().count();
   }
 
-  const Count& Counted() const { return m_Count; }
+  const Count& Counted() const { return m_count; }
 
  private:
   int m_iThread;
-  std::mt19937 m_Random;
-  std::deque<Watch> m_Watches;
-  Count m_Count;
+  std::mt19937 m_random;
+  std::deque<Watch> m_watches;
+  Count m_count;
 };
 
 bool EveryRoadDelivered() {
@@ -423,9 +423,9 @@ class Stress : public ::testing::Test {
     host.serialDevices["/dev/ttyPS0"] = szSlave;
     host.console = false;
     for (int i = 0; i < 4; ++i) {
-      m_Captures.push_back("/tmp/stress_capture_" + std::to_string(getpid()) + "_" + std::to_string(i));
-      host.captures[static_cast<size_t>(i)].kind = HostCaptureConfig::Kind::kSocket;
-      host.captures[static_cast<size_t>(i)].path = m_Captures.back();
+      m_captures.push_back("/tmp/stress_capture_" + std::to_string(getpid()) + "_" + std::to_string(i));
+      host.captures[static_cast<size_t>(i)].kind = HostCaptureConfig::Kind::Socket;
+      host.captures[static_cast<size_t>(i)].path = m_captures.back();
     }
     HostRuntime_OnLog([](const HostLogLine& line) {
       if (line.text.find("Wait FAILED") != std::string::npos) ++g_nTimeOutLines;
@@ -446,7 +446,7 @@ class Stress : public ::testing::Test {
   unsigned long Run(bool bFailing) {
     std::deque<Opener> openers;
     for (int i = 0; i < 4; ++i) openers.emplace_back(i);
-    Traffic traffic(m_iMaster, m_Captures);
+    Traffic traffic(m_iMaster, m_captures);
     const auto limit = Clock::now() + std::chrono::seconds(90);
     auto end = Clock::now() + Duration();
     do {
@@ -455,7 +455,7 @@ class Stress : public ::testing::Test {
       for (auto& thread : threads) thread.join();
       end = Clock::now() + std::chrono::seconds(1);
     } while (!EveryRoadDelivered() && Clock::now() < limit);
-    for (size_t i = 0; i < kRoads; ++i) EXPECT_GT(g_anDelivered[i], 0u) << "road " << i;
+    for (size_t i = 0; i < Roads; ++i) EXPECT_GT(g_anDelivered[i], 0u) << "road " << i;
     unsigned long nOpened = 0;
     for (const Opener& opener : openers) nOpened += opener.Counted().opened;
     // The watches go with the openers: no close of theirs may be unfinished.
@@ -477,7 +477,7 @@ class Stress : public ::testing::Test {
 
   int m_iMaster = -1;
   int m_iSlave = -1;
-  std::vector<std::string> m_Captures;
+  std::vector<std::string> m_captures;
 };
 
 TEST_F(Stress, FourThreadsOpenAndCloseSourcesOfAllKindsWhileDataFlows) {
@@ -524,7 +524,7 @@ class Corner : public Stress {
   // Returns when the thread has handled all that was queued before.
   void Synchronise() {
     Opener opener(3);
-    if (HMDATASRC hSource = opener.Open(kUdpKLV)) opener.Close(hSource);
+    if (HMDATASRC hSource = opener.Open(KUdpKlv)) opener.Close(hSource);
   }
 
   // Gives up a close on the road while data waits for the held thread; nothing may be delivered afterwards.
@@ -532,7 +532,7 @@ class Corner : public Stress {
     SCOPED_TRACE(testing::Message() << "road " << road << (bSent ? " timed out" : " unsent"));
     Opener first(1);
     Opener opener(0);
-    HMDATASRC hFirst = first.Open(kUdpKLV);
+    HMDATASRC hFirst = first.Open(KUdpKlv);
     HMDATASRC hSource = opener.Open(road);
     ASSERT_NE(hFirst, nullptr);
     ASSERT_NE(hSource, nullptr);
@@ -557,8 +557,8 @@ class Corner : public Stress {
 TEST_F(Corner, CloseThatIsGivenUpDeliversNothingMoreOnAnyRoad) {
   ASSERT_TRUE(METADATALIB_Init(kCaps));
   {
-    Traffic traffic(m_iMaster, m_Captures);
-    for (const Road road : {kSerialKLV, kSerialCoT, kUdpCoT, kVideo}) {
+    Traffic traffic(m_iMaster, m_captures);
+    for (const Road road : {KSerialKlv, SerialCoT, UdpCoT, Video}) {
       GiveUp(road, true);
       GiveUp(road, false);
     }
@@ -609,13 +609,13 @@ TEST_F(Corner, StartThatCannotWatchItsMailboxFails) {
 }
 
 TEST_F(Corner, VideoSourceClosedAfterTheShutDownGivesItsCaptureBack) {
-  Traffic traffic(m_iMaster, m_Captures);
+  Traffic traffic(m_iMaster, m_captures);
   for (int i = 0; i < 3; ++i) {
     ASSERT_TRUE(METADATALIB_Init(METADATALIB_CAPS_IPV4_SUPPORT));
     Opener opener(2);
-    HMDATASRC hSource = opener.Open(kVideo);
+    HMDATASRC hSource = opener.Open(Video);
     ASSERT_NE(hSource, nullptr);
-    AwaitDelivery(kVideo);
+    AwaitDelivery(Video);
     EndLibrary();
     opener.Close(hSource);
     EXPECT_EQ(_g_aVideoExtractors[2].iFD, -1);

@@ -53,12 +53,12 @@ class EngineTest : public HostTest {
 
   // Starts with CoT support, and with a grid of zeros.
   void StartWithCoT() {
-    static const std::string grid = [] {
+    static const std::string kGrid = [] {
       std::string text;
       for (int i = 0; i < 1038961; ++i) text += "0\n";
       return text;
     }();
-    host().WriteFile("/usr/share/vendor/data/ww15mgh.grd", grid);
+    host().WriteFile("/usr/share/vendor/data/ww15mgh.grd", kGrid);
     Start(METADATALIB_CAPS_COT_SUPPORT | METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT);
     ExpectLogContaining(5, "Support of additionnal CoT items enabled.");
   }

@@ -32,7 +32,7 @@ Host::~Host() {
 }
 
 void Host::Finish() {
-  testUnderWay = false;
+  g_testUnderWay = false;
 }
 
 void Host::Reset() {
@@ -54,7 +54,7 @@ void Host::Reset() {
   _DoDbgInit("METADATALIB", &g_hMetaDataLibDbg);
   _DoDbgInit("COTCONVERTER", &g_hCoTConvDbg);
   __atomic_store_n(&g_bThreadStateDebuggingEnabled, FALSE, __ATOMIC_RELAXED);
-  testUnderWay = true;
+  g_testUnderWay = true;
 }
 
 void Host::Verify() {

@@ -13,7 +13,7 @@
 
 // From Host::Reset to Host::Finish. Constant-initialised and never destroyed: wrapped calls read it before main and
 // after the last destructor.
-inline constinit std::atomic<bool> testUnderWay{false};
+inline constinit std::atomic<bool> g_testUnderWay{false};
 
 // A block of the allocator that nobody has freed yet.
 struct Allocation {

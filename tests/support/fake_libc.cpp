@@ -18,7 +18,7 @@ static Host::Impl& Fake() {
   return *host().impl;
 }
 static bool IsFake(int fd) {
-  return testUnderWay && fd >= kFirstFakeFD;
+  return g_testUnderWay && fd >= kFirstFakeFD;
 }
 
 static FDState* Find(int fd) {
@@ -53,14 +53,14 @@ int __real_nanosleep(const struct timespec*, struct timespec*);
 int __real_socket(int, int, int);
 
 time_t __wrap_time(time_t* out) {
-  if (!testUnderWay) return __real_time(out);
+  if (!g_testUnderWay) return __real_time(out);
   const time_t now = host().NowSeconds();
   if (out != nullptr) *out = now;
   return now;
 }
 
 int __wrap_gettimeofday(struct timeval* out, void* zone) {
-  if (!testUnderWay) return __real_gettimeofday(out, zone);
+  if (!g_testUnderWay) return __real_gettimeofday(out, zone);
   std::lock_guard guard(Fake().lock);
   if (const auto failure = Fake().Call("gettimeofday")) return Result(*failure);
   out->tv_sec = Fake().wallMicroseconds / 1000000;
@@ -69,7 +69,7 @@ int __wrap_gettimeofday(struct timeval* out, void* zone) {
 }
 
 int __wrap_clock_gettime(clockid_t clock, struct timespec* out) {
-  if (!testUnderWay) return __real_clock_gettime(clock, out);
+  if (!g_testUnderWay) return __real_clock_gettime(clock, out);
   std::lock_guard guard(Fake().lock);
   out->tv_sec = Fake().upMilliseconds / 1000;
   out->tv_nsec = Fake().upMilliseconds % 1000 * 1000000;
@@ -77,7 +77,7 @@ int __wrap_clock_gettime(clockid_t clock, struct timespec* out) {
 }
 
 int __wrap_nanosleep(const struct timespec* pause, struct timespec* rest) {
-  if (!testUnderWay) return __real_nanosleep(pause, rest);
+  if (!g_testUnderWay) return __real_nanosleep(pause, rest);
   std::lock_guard guard(Fake().lock);
   Fake().Call("nanosleep");
   host().Advance(pause->tv_sec * 1000 + pause->tv_nsec / 1000000);
@@ -86,7 +86,7 @@ int __wrap_nanosleep(const struct timespec* pause, struct timespec* rest) {
 
 // Whoever holds the mutex keeps it for as long as anybody waits.
 int __wrap_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const struct timespec* until) {
-  if (!testUnderWay) return __real_pthread_mutex_clocklock(mutex, clock, until);
+  if (!g_testUnderWay) return __real_pthread_mutex_clocklock(mutex, clock, until);
   Fake().Call("pthread_mutex_clocklock");
   EXPECT_EQ(clock, CLOCK_MONOTONIC) << "a wait on a clock that can be set";
   if (pthread_mutex_trylock(mutex) == 0) return 0;
@@ -97,13 +97,13 @@ int __wrap_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, cons
 }
 
 uid_t __wrap_geteuid() {
-  if (!testUnderWay) return __real_geteuid();
+  if (!g_testUnderWay) return __real_geteuid();
   if (const auto other = Fake().Call("geteuid")) return static_cast<uid_t>(Result(*other));
   return __real_geteuid();
 }
 
 int __wrap_socket(int family, int type, int protocol) {
-  if (!testUnderWay) return __real_socket(family, type, protocol);
+  if (!g_testUnderWay) return __real_socket(family, type, protocol);
   std::lock_guard guard(Fake().lock);
   if (const auto failure = Fake().Call("socket")) return Result(*failure);
   const int fd = Fake().NewFD("socket");
@@ -113,7 +113,7 @@ int __wrap_socket(int family, int type, int protocol) {
 }
 
 int __wrap_close(int fd) {
-  if (!testUnderWay) return __real_close(fd);
+  if (!g_testUnderWay) return __real_close(fd);
   std::lock_guard guard(Fake().lock);
   if (!IsFake(fd)) {
     Fake().openFiles.erase(fd);
@@ -160,7 +160,7 @@ int __wrap_connect(int fd, const struct sockaddr* address, socklen_t length) {
 }
 
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
-  if (!testUnderWay || (fd >= 0 && !IsFake(fd))) return __real_send(fd, data, size, flags);
+  if (!g_testUnderWay || (fd >= 0 && !IsFake(fd))) return __real_send(fd, data, size, flags);
   std::lock_guard guard(Fake().lock);
   if (const auto failure = Fake().Call("send")) return Result(*failure);
   FDState* state = Find(fd);
@@ -276,7 +276,7 @@ int __wrap_open(const char* path, int flags, ...) {
   va_start(arguments, flags);
   const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
   va_end(arguments);
-  if (!testUnderWay) return __real_open(path, flags, mode);
+  if (!g_testUnderWay) return __real_open(path, flags, mode);
   std::lock_guard guard(Fake().lock);
   if (const auto failure = Fake().Call("open")) return Result(*failure);
   const int fd = __real_open(host().RealPath(path).c_str(), flags, mode);
@@ -285,7 +285,7 @@ int __wrap_open(const char* path, int flags, ...) {
 }
 
 FILE* __wrap_fopen(const char* path, const char* mode) {
-  if (!testUnderWay) return __real_fopen(path, mode);
+  if (!g_testUnderWay) return __real_fopen(path, mode);
   std::lock_guard guard(Fake().lock);
   if (Fake().Call("fopen")) return nullptr;
   FILE* file = __real_fopen(host().RealPath(path).c_str(), mode);
@@ -294,7 +294,7 @@ FILE* __wrap_fopen(const char* path, const char* mode) {
 }
 
 FILE* __wrap_fdopen(int fd, const char* mode) {
-  if (!testUnderWay) return __real_fdopen(fd, mode);
+  if (!g_testUnderWay) return __real_fdopen(fd, mode);
   std::lock_guard guard(Fake().lock);
   if (Fake().Call("fdopen")) return nullptr;
   FILE* file = __real_fdopen(fd, mode);
@@ -306,13 +306,13 @@ FILE* __wrap_fdopen(int fd, const char* mode) {
 }
 
 int __wrap_ftruncate(int fd, off_t size) {
-  if (!testUnderWay) return __real_ftruncate(fd, size);
+  if (!g_testUnderWay) return __real_ftruncate(fd, size);
   if (const auto failure = Fake().Call("ftruncate")) return Result(*failure);
   return __real_ftruncate(fd, size);
 }
 
 int __wrap_fclose(FILE* file) {
-  if (!testUnderWay) return __real_fclose(file);
+  if (!g_testUnderWay) return __real_fclose(file);
   std::lock_guard guard(Fake().lock);
   Fake().openStreams.erase(file);
   return __real_fclose(file);

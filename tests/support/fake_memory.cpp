@@ -13,7 +13,7 @@ static Host::Impl& Fake() {
 
 // Counts the call only while a failure is asked for, so that Host::Calls does not report allocations.
 static bool IsRefused(const char* name) {
-  if (!testUnderWay) return false;
+  if (!g_testUnderWay) return false;
   std::lock_guard guard(Fake().lock);
   Fake().Act(name);
   const auto found = Fake().failures.find(name);
@@ -21,14 +21,14 @@ static bool IsRefused(const char* name) {
 }
 
 static void* Track(void* block, size_t size, const void* caller) {
-  if (!testUnderWay || block == nullptr) return block;
+  if (!g_testUnderWay || block == nullptr) return block;
   std::lock_guard guard(Fake().blocksLock);
   Fake().blocks[block] = {size, caller};
   return block;
 }
 
 static void Untrack(const void* block) {
-  if (!testUnderWay || block == nullptr) return;
+  if (!g_testUnderWay || block == nullptr) return;
   std::lock_guard guard(Fake().blocksLock);
   Fake().blocks.erase(block);
 }

@@ -30,8 +30,8 @@ class KeptRange {
   Bytes m_bytes;
 };
 
-const KeptRange keptData(library_data_begin, library_data_end);
-const KeptRange keptBSS(library_bss_begin, library_bss_end);
+const KeptRange kEptData(library_data_begin, library_data_end);
+const KeptRange kEptBss(library_bss_begin, library_bss_end);
 
 }  // namespace
 
@@ -40,8 +40,8 @@ void ResetLibrary() {
   // The counters stand among the globals: they are added to the files first.
   __gcov_dump();
 #endif
-  keptData.Restore();
-  keptBSS.Restore();
+  kEptData.Restore();
+  kEptBss.Restore();
 #ifdef METADATA_COVERAGE
   __gcov_reset();
 #endif

@@ -40,8 +40,8 @@ Grid ParseGtx(std::string_view data) {
                     std::to_string(kGtxSize));
   }
   const std::optional<gtx::Grid> input = gtx::Parse(data);
-  if (!input || input->south != -90.0 || input->west != -180.0 || input->row_step != 0.25 ||
-      input->column_step != 0.25 || input->rows != kRows || input->columns != kGtxColumns) {
+  if (!input || input->south != -90.0 || input->west != -180.0 || input->rowStep != 0.25 || input->columnStep != 0.25 ||
+      input->rows != kRows || input->columns != kGtxColumns) {
     throw GridError("the GTX grid is not 721 rows of 1440 columns from 90 S, 180 W, 0.25 degrees apart");
   }
   Grid grid{.form = "GTX grid", .values = {}};

@@ -10,12 +10,12 @@
 namespace mdfeed {
 
 struct AncOptions {
-  double rate = 10;           // ticks per second, for the timestamps
-  std::int64_t start_us = 0;  // UTC of the first tick
-  int payload_type = 112;
-  double loss = 0;          // percent of RTP packets not sent
-  double reorder = 0;       // percent of RTP packets sent behind their successor
-  double bad_checksum = 0;  // percent of ancillary packets with a wrong checksum
+  double rate = 10;          // ticks per second, for the timestamps
+  std::int64_t startUs = 0;  // UTC of the first tick
+  int payloadType = 112;
+  double loss = 0;         // percent of RTP packets not sent
+  double reorder = 0;      // percent of RTP packets sent behind their successor
+  double badChecksum = 0;  // percent of ancillary packets with a wrong checksum
   std::uint32_t seed = 1;
 };
 

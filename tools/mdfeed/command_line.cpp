@@ -25,7 +25,7 @@ void AddFlight(CLI::App& app, Arguments& args) {
   app.add_option("--seed", args.seed, "another flight for every number")->group("Flight")->capture_default_str();
   app.add_option("--start", args.start, "UTC time of the flight's begin, 2024-05-01T12:00:00Z (default: now)")
       ->group("Flight");
-  app.add_option("--geoid", args.geoid_grid,
+  app.add_option("--geoid", args.geoidGrid,
                  std::string("geoid grid in GTX format, for heights above mean sea level (default: ") +
                      kDefaultGeoidGrid + " if it is there, else mean sea level is the ellipsoid)")
       ->group("Flight");
@@ -97,7 +97,7 @@ void AddCot(CLI::App& app, Arguments& args, Texts& texts) {
       ->group("Events")
       ->capture_default_str()
       ->check(CLI::Range(1, 1000));
-  app.add_option("--jitter", args.cot.jitter_ms, "milliseconds between the two times of a pair, at most")
+  app.add_option("--jitter", args.cot.jitterMs, "milliseconds between the two times of a pair, at most")
       ->group("Events")
       ->capture_default_str()
       ->check(CLI::Range(0, 60'000));
@@ -116,16 +116,16 @@ void AddCot(CLI::App& app, Arguments& args, Texts& texts) {
 void AddAnc(CLI::App& app, Arguments& args, Texts& texts) {
   AddFile(app, args, "a recorded KLV stream, one message per tick");
   AddFlight(app, args);
-  app.add_option("--payload-type", args.anc.payload_type, "RTP payload type")
+  app.add_option("--payload-type", args.anc.payloadType, "RTP payload type")
       ->group("Stream")
       ->capture_default_str()
       ->check(CLI::Range(96, 127));
-  const auto add_percent = [&](const char* name, double& value, const char* what) {
+  const auto addPercent = [&](const char* name, double& value, const char* what) {
     app.add_option(name, value, what)->group("Stream")->capture_default_str()->check(CLI::Range(0.0, 100.0));
   };
-  add_percent("--loss", args.anc.loss, "percent of RTP packets that get lost");
-  add_percent("--reorder", args.anc.reorder, "percent of RTP packets that change places with the next one");
-  add_percent("--bad-checksum", args.anc.bad_checksum, "percent of ancillary packets with a wrong checksum");
+  addPercent("--loss", args.anc.loss, "percent of RTP packets that get lost");
+  addPercent("--reorder", args.anc.reorder, "percent of RTP packets that change places with the next one");
+  addPercent("--bad-checksum", args.anc.badChecksum, "percent of ancillary packets with a wrong checksum");
   auto* udp = app.add_option("--udp", texts.udp, "UDP address; a group address sends multicast")
                   ->type_name("HOST:PORT")
                   ->required();
@@ -144,7 +144,7 @@ void AddTs(CLI::App& app, Arguments& args) {
       ->group("File")
       ->capture_default_str()
       ->check(CLI::Range(0.01, static_cast<double>(kTsFrameRate)));
-  app.add_option("--messages", args.ts.messages_per_time, "messages with the same timestamp")
+  app.add_option("--messages", args.ts.messagesPerTime, "messages with the same timestamp")
       ->group("File")
       ->capture_default_str()
       ->check(CLI::Range(1, 4));
@@ -173,7 +173,7 @@ void ReadTexts(const Texts& texts, Arguments& args) {
   args.send.tos = ReadSchedule("--tos", texts.tos, 0);
   for (const std::string& text : texts.damage) args.damage.push_back(Read("--damage", text, ParseFrameDamage));
   if (args.udp && !args.damage.empty()) throw UsageError("--damage: only frames of a serial line can be damaged");
-  if (args.command != Command::kTs && !args.simulate && args.file.empty())
+  if (args.command != Command::Ts && !args.simulate && args.file.empty())
     throw UsageError("one of --file and --simulate is required");
   args.cot.seed = args.seed;
 }
@@ -200,9 +200,9 @@ std::optional<Answer> ParseCommandLine(int argc, const char* const* argv, Argume
   AddTs(*ts, args);
   try {
     app.parse(argc, argv);
-    args.command = klv->parsed() ? Command::kKlv : Command::kCot;
-    if (anc->parsed()) args.command = Command::kAnc;
-    if (ts->parsed()) args.command = Command::kTs;
+    args.command = klv->parsed() ? Command::Klv : Command::Cot;
+    if (anc->parsed()) args.command = Command::Anc;
+    if (ts->parsed()) args.command = Command::Ts;
     ReadTexts(texts, args);
   } catch (const CLI::CallForHelp&) {
     const auto chosen = app.get_subcommands();

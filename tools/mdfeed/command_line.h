@@ -15,18 +15,18 @@
 
 namespace mdfeed {
 
-enum class Command { kKlv, kCot, kAnc, kTs };
+enum class Command { Klv, Cot, Anc, Ts };
 
 struct Arguments {
-  Command command = Command::kKlv;
+  Command command = Command::Klv;
   // What.
   bool simulate = false;
   std::string file;       // unless simulated
   unsigned repeat = 1;    // rounds of the file; 0: for ever
   std::size_t chunk = 0;  // bytes; 0: one message at a time
   std::uint32_t seed = 1;
-  std::string start;       // of the flight; empty: now
-  std::string geoid_grid;  // GTX file; empty: the usual one if it is there
+  std::string start;      // of the flight; empty: now
+  std::string geoidGrid;  // GTX file; empty: the usual one if it is there
   CotOptions cot;
   char channel = '1';
   std::vector<FrameDamage> damage;
@@ -44,7 +44,7 @@ struct Arguments {
 
 // What main() does when there is nothing to send: text for standard output or standard error, and the exit code.
 struct Answer {
-  int exit_code;
+  int exitCode;
   std::string text;
 };
 

@@ -21,12 +21,12 @@ __attribute__((format(printf, 2, 3))) void Append(std::string& text, const char*
 }
 
 // The event's start tag. The time comes before whatever could be mistaken for it.
-std::string StartEvent(const std::string& uid, const char* type, std::int64_t time_us, std::int64_t start_us) {
+std::string StartEvent(const std::string& uid, const char* type, std::int64_t timeUs, std::int64_t startUs) {
   std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n";
   Append(text, "<event version=\"2.0\" uid=\"%s\" type=\"%s\" ", uid.c_str(), type);
-  Append(text, "time=\"%s\" ", FormatTime(time_us).c_str());
-  Append(text, "start=\"%s\" ", FormatTime(start_us).c_str());
-  Append(text, "stale=\"%s\" how=\"m-g\">\n", FormatTime(time_us + kStaleAfterUs).c_str());
+  Append(text, "time=\"%s\" ", FormatTime(timeUs).c_str());
+  Append(text, "start=\"%s\" ", FormatTime(startUs).c_str());
+  Append(text, "stale=\"%s\" how=\"m-g\">\n", FormatTime(timeUs + kStaleAfterUs).c_str());
   return text;
 }
 
@@ -35,15 +35,15 @@ std::string StartEvent(const std::string& uid, const char* type, std::int64_t ti
 CotWriter::CotWriter(const CotOptions& options) : m_options(options), m_random(options.seed + 1) {}
 
 CotPair CotWriter::Write(const FlightState& state) {
-  const auto choices = static_cast<unsigned>(m_options.jitter_ms / 10 + 1);
-  const std::int64_t jitter_us = static_cast<std::int64_t>(m_random() % choices) * 10'000;
-  const int sensor = m_next_sensor;
-  m_next_sensor = (m_next_sensor + 1) % m_options.sensors;
-  return {SensorPoint(state, sensor, state.time_us - jitter_us), Aircraft(state)};
+  const auto choices = static_cast<unsigned>(m_options.jitterMs / 10 + 1);
+  const std::int64_t jitterUs = static_cast<std::int64_t>(m_random() % choices) * 10'000;
+  const int sensor = m_nextSensor;
+  m_nextSensor = (m_nextSensor + 1) % m_options.sensors;
+  return {SensorPoint(state, sensor, state.timeUs - jitterUs), Aircraft(state)};
 }
 
 std::string CotWriter::Aircraft(const FlightState& state) const {
-  std::string text = StartEvent(m_options.uid, "a-f-A-M-F-Q", state.time_us, state.start_us);
+  std::string text = StartEvent(m_options.uid, "a-f-A-M-F-Q", state.timeUs, state.startUs);
   Append(text, " <point lat=\"%.9f\" lon=\"%.9f\" hae=\"%.3f\" ", state.latitude, state.longitude, state.hae);
   Append(text, "ce=\"4.5\" le=\"6.0\"/>\n <detail>\n");
   Append(text, "  <contact callsign=\"%s\"/>\n", m_options.uid.c_str());
@@ -53,23 +53,23 @@ std::string CotWriter::Aircraft(const FlightState& state) const {
   Append(text, "   <spin roll=\"0.0\" pitch=\"0.0\" yaw=\"0.0\"/>\n  </spatial>\n");
   Append(text, "  <vehicle typeTag=\"_SIM_\" batteryRemainingCapacity=\"0.81\"/>\n");
   Append(text, "  <remarks>Simulated flight, target %d</remarks>\n", state.target);
-  Append(text, "  <_flow-tags_ mdfeed=\"%s\"/>\n </detail>\n</event>\n", FormatTime(state.time_us).c_str());
+  Append(text, "  <_flow-tags_ mdfeed=\"%s\"/>\n </detail>\n</event>\n", FormatTime(state.timeUs).c_str());
   return text;
 }
 
-std::string CotWriter::SensorPoint(const FlightState& state, int sensor, std::int64_t time_us) const {
+std::string CotWriter::SensorPoint(const FlightState& state, int sensor, std::int64_t timeUs) const {
   const std::string uid = m_options.uid + ".S" + std::to_string(sensor + 1);
-  std::string text = StartEvent(uid, "b-m-p-s-p-i", time_us, state.start_us);
-  Append(text, " <point lat=\"%.9f\" lon=\"%.9f\" ", state.frame_latitude, state.frame_longitude);
-  Append(text, "hae=\"%.3f\" ce=\"%.5f\" le=\"%.5f\"/>\n <detail>\n", state.frame_hae, state.ce, state.le);
+  std::string text = StartEvent(uid, "b-m-p-s-p-i", timeUs, state.startUs);
+  Append(text, " <point lat=\"%.9f\" lon=\"%.9f\" ", state.frameLatitude, state.frameLongitude);
+  Append(text, "hae=\"%.3f\" ce=\"%.5f\" le=\"%.5f\"/>\n <detail>\n", state.frameHae, state.ce, state.le);
   Append(text, "  <contact callsign=\"%s\"/>\n", uid.c_str());
   Append(text, "  <link relation=\"p-p\" type=\"a-f-A-M-F-Q\" uid=\"%s\"/>\n", m_options.uid.c_str());
   Append(text, "  <sensor fov=\"%.8f\" vfov=\"%.8f\" ", state.fov, state.vfov);
   Append(text, "model=\"%s\" type=\"r-e\" ", kModels[static_cast<unsigned>(sensor) % std::size(kModels)]);
-  Append(text, "azimuth=\"%.8f\" elevation=\"%.8f\" ", state.sensor_azimuth, state.sensor_elevation);
-  Append(text, "roll=\"%.8f\" range=\"%.4f\"/>\n", state.sensor_roll, state.slant_range);
+  Append(text, "azimuth=\"%.8f\" elevation=\"%.8f\" ", state.sensorAzimuth, state.sensorElevation);
+  Append(text, "roll=\"%.8f\" range=\"%.4f\"/>\n", state.sensorRoll, state.slantRange);
   Append(text, "  <precisionlocation altsrc=\"DTED0\" geopointsrc=\"Calc\"/>\n");
-  Append(text, "  <_flow-tags_ mdfeed=\"%s\"/>\n </detail>\n</event>\n", FormatTime(time_us).c_str());
+  Append(text, "  <_flow-tags_ mdfeed=\"%s\"/>\n </detail>\n</event>\n", FormatTime(timeUs).c_str());
   return text;
 }
 

@@ -13,7 +13,7 @@ namespace mdfeed {
 struct CotOptions {
   std::string uid = "SIM-UAV";  // of the aircraft; the sensors are SIM-UAV.S1, SIM-UAV.S2, ...
   int sensors = 1;              // they take turns, one sensor point per pair
-  int jitter_ms = 20;           // by how much at most the sensor point is older than the aircraft event; cut to 10 ms
+  int jitterMs = 20;            // by how much at most the sensor point is older than the aircraft event; cut to 10 ms
   std::uint32_t seed = 1;
 };
 
@@ -29,11 +29,11 @@ class CotWriter {
 
  private:
   std::string Aircraft(const FlightState& state) const;
-  std::string SensorPoint(const FlightState& state, int sensor, std::int64_t time_us) const;
+  std::string SensorPoint(const FlightState& state, int sensor, std::int64_t timeUs) const;
 
   CotOptions m_options;
   std::minstd_rand m_random;
-  int m_next_sensor = 0;
+  int m_nextSensor = 0;
 };
 
 }  // namespace mdfeed

@@ -16,20 +16,20 @@ constexpr std::size_t kDataBits = kDataSymbols * kBitsPerSymbol;
 constexpr std::size_t kCodewordBits = kSymbolsPerCodeword * kBitsPerSymbol;
 
 constexpr std::array<std::pair<FrameField, std::string_view>, 14> kFieldNames = {{
-    {FrameField::kSync, "sync"},
-    {FrameField::kLength1, "length1"},
-    {FrameField::kLength2, "length2"},
-    {FrameField::kLength3, "length3"},
-    {FrameField::kCheck1, "check1"},
-    {FrameField::kCheck2, "check2"},
-    {FrameField::kCheck3, "check3"},
-    {FrameField::kCodeword, "codeword"},
-    {FrameField::kCheckBits, "check-bits"},
-    {FrameField::kBlockLength, "block-length"},
-    {FrameField::kCrc, "crc"},
-    {FrameField::kArqU, "arq-u"},
-    {FrameField::kArqHash, "arq-hash"},
-    {FrameField::kChannel, "channel"},
+    {FrameField::Sync, "sync"},
+    {FrameField::Length1, "length1"},
+    {FrameField::Length2, "length2"},
+    {FrameField::Length3, "length3"},
+    {FrameField::Check1, "check1"},
+    {FrameField::Check2, "check2"},
+    {FrameField::Check3, "check3"},
+    {FrameField::Codeword, "codeword"},
+    {FrameField::CheckBits, "check-bits"},
+    {FrameField::BlockLength, "block-length"},
+    {FrameField::Crc, "crc"},
+    {FrameField::ArqU, "arq-u"},
+    {FrameField::ArqHash, "arq-hash"},
+    {FrameField::Channel, "channel"},
 }};
 
 // --- GF(32) ------------------------------------------------------------------------------------------
@@ -86,8 +86,8 @@ void FlipBit(Bytes& data, std::size_t bit) {
 }
 
 // Where a bit of the block lies in the packed codewords.
-std::size_t PackedPosition(std::size_t block_bit) {
-  return block_bit / kDataBits * kCodewordBits + block_bit % kDataBits;
+std::size_t PackedPosition(std::size_t blockBit) {
+  return blockBit / kDataBits * kCodewordBits + blockBit % kDataBits;
 }
 
 void AppendLittleEndian(Bytes& out, std::uint16_t word) {
@@ -104,19 +104,19 @@ std::size_t Pick(Random& random, std::size_t first, std::size_t count) {
 }
 
 void DamageArq(Bytes& arq, FrameField field) {
-  if (field == FrameField::kArqU) arq[0] = 'V';
-  if (field == FrameField::kArqHash) arq[1] = '$';
-  if (field == FrameField::kChannel) arq[2] = arq[2] == '2' ? '3' : '2';
+  if (field == FrameField::ArqU) arq[0] = 'V';
+  if (field == FrameField::ArqHash) arq[1] = '$';
+  if (field == FrameField::Channel) arq[2] = arq[2] == '2' ? '3' : '2';
 }
 
 void DamageBlock(Bytes& block, FrameField field, Random& random) {
-  if (field == FrameField::kCrc) FlipBit(block, Pick(random, (block.size() - 2) * 8, 16));
-  if (field == FrameField::kBlockLength) block[0] = block[1] = 0xFF;
+  if (field == FrameField::Crc) FlipBit(block, Pick(random, (block.size() - 2) * 8, 16));
+  if (field == FrameField::BlockLength) block[0] = block[1] = 0xFF;
 }
 
-void DamagePayload(Bytes& payload, std::size_t block_size, FrameField field, Random& random) {
-  if (field == FrameField::kCodeword) FlipBit(payload, PackedPosition(Pick(random, 16, (block_size - 4) * 8)));
-  if (field == FrameField::kCheckBits) FlipBit(payload, Pick(random, kDataBits, kCodewordBits - kDataBits));
+void DamagePayload(Bytes& payload, std::size_t blockSize, FrameField field, Random& random) {
+  if (field == FrameField::Codeword) FlipBit(payload, PackedPosition(Pick(random, 16, (blockSize - 4) * 8)));
+  if (field == FrameField::CheckBits) FlipBit(payload, Pick(random, kDataBits, kCodewordBits - kDataBits));
 }
 
 // A bit of a length, at 'offset', but not the highest: that one is lost when the check word doubles the length.
@@ -127,25 +127,25 @@ std::size_t PickLengthBit(Random& random, std::size_t offset) {
 
 void DamageHeader(Bytes& frame, FrameField field, Random& random) {
   switch (field) {
-    case FrameField::kSync:
+    case FrameField::Sync:
       FlipBit(frame, Pick(random, 0, kSyncPattern.size() * 8));
       break;
-    case FrameField::kLength1:
+    case FrameField::Length1:
       FlipBit(frame, PickLengthBit(random, 5));
       break;
-    case FrameField::kCheck1:
+    case FrameField::Check1:
       FlipBit(frame, Pick(random, 7 * 8, 16));
       break;
-    case FrameField::kLength2:
+    case FrameField::Length2:
       FlipBit(frame, PickLengthBit(random, 9));
       break;
-    case FrameField::kCheck2:
+    case FrameField::Check2:
       FlipBit(frame, Pick(random, 11 * 8, 16));
       break;
-    case FrameField::kLength3:
+    case FrameField::Length3:
       FlipBit(frame, PickLengthBit(random, 13));
       break;
-    case FrameField::kCheck3:
+    case FrameField::Check3:
       FlipBit(frame, Pick(random, 15 * 8, 16));
       break;
     default:
@@ -215,12 +215,12 @@ std::uint16_t Crc16Arc(std::span<const std::uint8_t> data) {
   return static_cast<std::uint16_t>(crc);
 }
 
-Bytes BuildBlock(std::span<const std::uint8_t> arq_message) {
-  if (arq_message.size() > 0xFFFF - 2) throw std::length_error("event too long for a serial frame");
+Bytes BuildBlock(std::span<const std::uint8_t> arqMessage) {
+  if (arqMessage.size() > 0xFFFF - 2) throw std::length_error("event too long for a serial frame");
   Bytes block;
-  AppendLittleEndian(block, static_cast<std::uint16_t>(arq_message.size() + 2));
-  block.insert(block.end(), arq_message.begin(), arq_message.end());
-  const std::uint16_t crc = Crc16Arc(arq_message);
+  AppendLittleEndian(block, static_cast<std::uint16_t>(arqMessage.size() + 2));
+  block.insert(block.end(), arqMessage.begin(), arqMessage.end());
+  const std::uint16_t crc = Crc16Arc(arqMessage);
   block.push_back(static_cast<std::uint8_t>(crc >> 8));
   block.push_back(static_cast<std::uint8_t>(crc));
   return block;

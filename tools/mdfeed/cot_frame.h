@@ -16,20 +16,20 @@ using Bytes = std::vector<std::uint8_t>;
 
 // What can be damaged. The length and check fields of the header stand for the first, second and third copy.
 enum class FrameField {
-  kSync,     // one byte of the sync pattern
-  kLength1,  // one bit of a length that its check word notices
-  kLength2,
-  kLength3,
-  kCheck1,  // one bit of a length's check word
-  kCheck2,
-  kCheck3,
-  kCodeword,     // one data bit inside the ARQ message, so that the CRC no longer matches
-  kCheckBits,    // one check bit of a codeword; receivers that correct nothing do not notice
-  kBlockLength,  // the length word in front of the ARQ message says more than there is
-  kCrc,          // one bit of the CRC
-  kArqU,         // the first ARQ byte; the CRC is right
-  kArqHash,      // the second
-  kChannel       // another channel digit
+  Sync,     // one byte of the sync pattern
+  Length1,  // one bit of a length that its check word notices
+  Length2,
+  Length3,
+  Check1,  // one bit of a length's check word
+  Check2,
+  Check3,
+  Codeword,     // one data bit inside the ARQ message, so that the CRC no longer matches
+  CheckBits,    // one check bit of a codeword; receivers that correct nothing do not notice
+  BlockLength,  // the length word in front of the ARQ message says more than there is
+  Crc,          // one bit of the CRC
+  ArqU,         // the first ARQ byte; the CRC is right
+  ArqHash,      // the second
+  Channel       // another channel digit
 };
 
 // The name used on the command line ("length1"), and back. Throws std::invalid_argument for an unknown name.
@@ -62,7 +62,7 @@ std::uint16_t LengthCheck(std::uint16_t length);
 std::uint16_t Crc16Arc(std::span<const std::uint8_t> data);
 
 // The block that the codewords carry: length word, ARQ message, CRC.
-Bytes BuildBlock(std::span<const std::uint8_t> arq_message);
+Bytes BuildBlock(std::span<const std::uint8_t> arqMessage);
 // Packs a block into codewords of 155 bits, back to back, the last one filled up with zero bits.
 Bytes PackCodewords(std::span<const std::uint8_t> block);
 // Puts the 17-byte header in front of a payload. Throws std::length_error when the frame would pass 65536 bytes.

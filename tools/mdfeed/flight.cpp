@@ -47,15 +47,15 @@ double Noise(std::uint32_t seed, std::uint64_t index) {
 
 Flight::Flight(const FlightOptions& options)
     : m_options(options),
-      m_start_latitude(46.2 + 1.5 * Noise(options.seed, 1)),
-      m_start_longitude(7.0 + 3.0 * Noise(options.seed, 2)),
-      m_cruise_hae(2'600.0 + 900.0 * Noise(options.seed, 3)),
+      m_startLatitude(46.2 + 1.5 * Noise(options.seed, 1)),
+      m_startLongitude(7.0 + 3.0 * Noise(options.seed, 2)),
+      m_cruiseHae(2'600.0 + 900.0 * Noise(options.seed, 3)),
       m_phase(2.0 * std::numbers::pi * Noise(options.seed, 4)) {
-  m_options.start_us -= m_options.start_us % kStepUs;
+  m_options.startUs -= m_options.startUs % kStepUs;
 }
 
-void Flight::AdvanceTo(std::int64_t elapsed_us) {
-  while ((m_steps + 1) * kStepUs <= elapsed_us) Step();
+void Flight::AdvanceTo(std::int64_t elapsedUs) {
+  while ((m_steps + 1) * kStepUs <= elapsedUs) Step();
 }
 
 void Flight::Step() {
@@ -84,11 +84,11 @@ double Flight::Speed() const {
 }
 
 double Flight::Latitude(double north) const {
-  return m_start_latitude + north / kMetresPerDegree;
+  return m_startLatitude + north / kMetresPerDegree;
 }
 
 double Flight::Longitude(double east) const {
-  return WrapLongitude(m_start_longitude + east / (kMetresPerDegree * std::cos(Radians(m_start_latitude))));
+  return WrapLongitude(m_startLongitude + east / (kMetresPerDegree * std::cos(Radians(m_startLatitude))));
 }
 
 // Of a level turn at the rate of the course's change.
@@ -103,7 +103,7 @@ double Flight::Pitch() const {
 }
 
 double Flight::Hae() const {
-  return m_cruise_hae + 60.0 * Vary(47.0, 0.4);
+  return m_cruiseHae + 60.0 * Vary(47.0, 0.4);
 }
 
 double Flight::Sea(double latitude, double longitude) const {
@@ -126,36 +126,36 @@ Flight::Target Flight::NearestTarget() const {
 void Flight::FillSensor(FlightState& state) const {
   const Target target = NearestTarget();
   state.target = target.number;
-  state.target_latitude = Latitude(target.north);
-  state.target_longitude = Longitude(target.east);
-  state.target_hae = target.hae;
-  state.target_elevation = target.hae - Sea(state.target_latitude, state.target_longitude);
+  state.targetLatitude = Latitude(target.north);
+  state.targetLongitude = Longitude(target.east);
+  state.targetHae = target.hae;
+  state.targetElevation = target.hae - Sea(state.targetLatitude, state.targetLongitude);
 
   // The operator's hand: the frame moves a few metres around the target.
-  const double frame_north = target.north + 12.0 * Vary(5.3, 0.2);
-  const double frame_east = target.east + 15.0 * Vary(6.1, 0.9);
-  state.frame_latitude = Latitude(frame_north);
-  state.frame_longitude = Longitude(frame_east);
-  state.frame_hae = target.hae + 1.5 * Vary(7.7, 0.0);
-  state.frame_elevation = state.frame_hae - Sea(state.frame_latitude, state.frame_longitude);
+  const double frameNorth = target.north + 12.0 * Vary(5.3, 0.2);
+  const double frameEast = target.east + 15.0 * Vary(6.1, 0.9);
+  state.frameLatitude = Latitude(frameNorth);
+  state.frameLongitude = Longitude(frameEast);
+  state.frameHae = target.hae + 1.5 * Vary(7.7, 0.0);
+  state.frameElevation = state.frameHae - Sea(state.frameLatitude, state.frameLongitude);
 
-  const double ground = std::hypot(frame_north - m_north, frame_east - m_east);
-  const double azimuth = Degrees(std::atan2(frame_east - m_east, frame_north - m_north));
-  state.sensor_azimuth = azimuth < 0 ? azimuth + 360.0 : azimuth;
-  state.sensor_elevation = Degrees(std::atan2(state.frame_hae - state.hae, ground));
-  state.sensor_roll = state.roll + 4.0 + 3.0 * Vary(11.0, 0.5);
-  state.slant_range = std::hypot(ground, state.frame_hae - state.hae);
+  const double ground = std::hypot(frameNorth - m_north, frameEast - m_east);
+  const double azimuth = Degrees(std::atan2(frameEast - m_east, frameNorth - m_north));
+  state.sensorAzimuth = azimuth < 0 ? azimuth + 360.0 : azimuth;
+  state.sensorElevation = Degrees(std::atan2(state.frameHae - state.hae, ground));
+  state.sensorRoll = state.roll + 4.0 + 3.0 * Vary(11.0, 0.5);
+  state.slantRange = std::hypot(ground, state.frameHae - state.hae);
   state.fov = 4.0 + 2.5 * Vary(97.0, 0.0);
   state.vfov = state.fov * 9.0 / 16.0;
-  state.frame_width = 2.0 * state.slant_range * std::tan(Radians(state.fov / 2.0));
-  state.ce = 3.0 + state.slant_range / 1'000.0;
-  state.le = 2.0 + state.slant_range / 2'000.0;
+  state.frameWidth = 2.0 * state.slantRange * std::tan(Radians(state.fov / 2.0));
+  state.ce = 3.0 + state.slantRange / 1'000.0;
+  state.le = 2.0 + state.slantRange / 2'000.0;
 }
 
 FlightState Flight::State() const {
   FlightState state;
-  state.start_us = m_options.start_us;
-  state.time_us = m_options.start_us + m_steps * kStepUs;
+  state.startUs = m_options.startUs;
+  state.timeUs = m_options.startUs + m_steps * kStepUs;
   state.latitude = Latitude(m_north);
   state.longitude = Longitude(m_east);
   state.hae = Hae();
@@ -168,13 +168,13 @@ FlightState Flight::State() const {
   return state;
 }
 
-std::string FormatTime(std::int64_t time_us) {
-  const std::time_t seconds = time_us / 1'000'000;
+std::string FormatTime(std::int64_t timeUs) {
+  const std::time_t seconds = timeUs / 1'000'000;
   std::tm parts{};
   gmtime_r(&seconds, &parts);
   std::array<char, 64> text{};
   const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-  std::snprintf(text.data() + length, text.size() - length, ".%02dZ", static_cast<int>(time_us % 1'000'000 / 10'000));
+  std::snprintf(text.data() + length, text.size() - length, ".%02dZ", static_cast<int>(timeUs % 1'000'000 / 10'000));
   return text.data();
 }
 

@@ -11,8 +11,8 @@ namespace mdfeed {
 
 // One moment of the flight. Angles in degrees, lengths in metres, positions on WGS-84.
 struct FlightState {
-  std::int64_t time_us = 0;   // UTC, since 1970, a multiple of 10 ms: what two decimals of a second can say
-  std::int64_t start_us = 0;  // of the flight
+  std::int64_t timeUs = 0;   // UTC, since 1970, a multiple of 10 ms: what two decimals of a second can say
+  std::int64_t startUs = 0;  // of the flight
   // Aircraft.
   double latitude = 0;
   double longitude = 0;  // -180 to 180
@@ -23,34 +23,34 @@ struct FlightState {
   double roll = 0;       // within +-50, right wing down positive
   double speed = 0;      // m/s over ground, and indicated
   // Camera. Azimuth is clockwise from true north and never below the course; elevation is above the horizon.
-  double sensor_azimuth = 0;
-  double sensor_elevation = 0;
-  double sensor_roll = 0;  // never below the aircraft's roll
-  double fov = 0;          // horizontal
+  double sensorAzimuth = 0;
+  double sensorElevation = 0;
+  double sensorRoll = 0;  // never below the aircraft's roll
+  double fov = 0;         // horizontal
   double vfov = 0;
-  double slant_range = 0;
+  double slantRange = 0;
   // What it looks at.
-  double frame_latitude = 0;
-  double frame_longitude = 0;
-  double frame_hae = 0;
-  double frame_elevation = 0;  // above mean sea level
-  double frame_width = 0;
+  double frameLatitude = 0;
+  double frameLongitude = 0;
+  double frameHae = 0;
+  double frameElevation = 0;  // above mean sea level
+  double frameWidth = 0;
   double ce = 0;  // circular and linear error, one sigma
   double le = 0;
   int target = 0;  // number of the target, from 1
-  double target_latitude = 0;
-  double target_longitude = 0;
-  double target_hae = 0;
-  double target_elevation = 0;
+  double targetLatitude = 0;
+  double targetLongitude = 0;
+  double targetHae = 0;
+  double targetElevation = 0;
 };
 
 // Height of mean sea level above the ellipsoid at a position, in metres.
 using Undulation = std::function<double(double latitude, double longitude)>;
 
 struct FlightOptions {
-  std::uint32_t seed = 1;     // another flight for every seed: start, altitude, rhythm, targets
-  std::int64_t start_us = 0;  // UTC since 1970; cut to 10 ms
-  Undulation undulation;      // none: zero everywhere
+  std::uint32_t seed = 1;    // another flight for every seed: start, altitude, rhythm, targets
+  std::int64_t startUs = 0;  // UTC since 1970; cut to 10 ms
+  Undulation undulation;     // none: zero everywhere
 };
 
 // Deterministic: the state at a time depends on the options alone, not on the steps taken to it.
@@ -58,7 +58,7 @@ class Flight {
  public:
   explicit Flight(const FlightOptions& options);
   // Moves on to a time after the start; never back.
-  void AdvanceTo(std::int64_t elapsed_us);
+  void AdvanceTo(std::int64_t elapsedUs);
   FlightState State() const;
 
  private:
@@ -85,16 +85,16 @@ class Flight {
 
   FlightOptions m_options;
   std::int64_t m_steps = 0;
-  double m_start_latitude;
-  double m_start_longitude;
-  double m_cruise_hae;
+  double m_startLatitude;
+  double m_startLongitude;
+  double m_cruiseHae;
   double m_phase;
   double m_east = 0;  // metres from the start, on a plane that touches the start's latitude
   double m_north = 0;
 };
 
 // "2024-05-01T12:00:00.25Z", always two decimals.
-std::string FormatTime(std::int64_t time_us);
+std::string FormatTime(std::int64_t timeUs);
 // Reads the same with any number of decimals, or none. Throws std::invalid_argument.
 std::int64_t ParseTime(const std::string& text);
 

@@ -21,7 +21,7 @@ constexpr std::array<std::uint8_t, 25> kSecuritySet = {1,  1, 1,                
                                                        22, 2, 0,   12};
 
 void AddPlatform(Builder& items, const FlightState& state) {
-  items.AddWhole(2, state.time_us);
+  items.AddWhole(2, state.timeUs);
   items.AddText(3, "SIMULATION 01").AddText(4, "SIM-7");
   items.Add(5, state.course).Add(6, state.pitch).Add(7, state.roll).Add(9, state.speed);
   items.AddText(10, "SIM-UAV").AddText(11, "EO").AddText(12, "Geodetic WGS84");
@@ -30,18 +30,18 @@ void AddPlatform(Builder& items, const FlightState& state) {
 
 void AddSensor(Builder& items, const FlightState& state) {
   items.Add(16, state.fov).Add(17, state.vfov);
-  items.Add(18, state.sensor_azimuth - state.course);
-  items.Add(19, state.sensor_elevation - state.pitch);
-  items.Add(20, state.sensor_roll - state.roll);
-  items.Add(21, state.slant_range).Add(22, state.frame_width);
-  items.Add(23, state.frame_latitude).Add(24, state.frame_longitude).Add(25, state.frame_elevation);
+  items.Add(18, state.sensorAzimuth - state.course);
+  items.Add(19, state.sensorElevation - state.pitch);
+  items.Add(20, state.sensorRoll - state.roll);
+  items.Add(21, state.slantRange).Add(22, state.frameWidth);
+  items.Add(23, state.frameLatitude).Add(24, state.frameLongitude).Add(25, state.frameElevation);
 }
 
 void AddTarget(Builder& items, const FlightState& state) {
-  items.Add(40, state.target_latitude).Add(41, state.target_longitude).Add(42, state.target_elevation);
+  items.Add(40, state.targetLatitude).Add(41, state.targetLongitude).Add(42, state.targetElevation);
   items.Add(45, state.ce * kOneSigmaToCe90).Add(46, state.le * kOneSigmaToLe90);
   items.Add(48, kSecuritySet);
-  items.Add(56, state.speed).AddWhole(65, 17).AddWhole(72, state.start_us);
+  items.Add(56, state.speed).AddWhole(65, 17).AddWhole(72, state.startUs);
 }
 
 }  // namespace

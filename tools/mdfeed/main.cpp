@@ -22,9 +22,9 @@ std::int64_t Now() {
 FlightOptions MakeFlightOptions(const Arguments& args) {
   FlightOptions flight;
   flight.seed = args.seed;
-  flight.start_us = args.start.empty() ? Now() : ParseTime(args.start);
-  if (!args.geoid_grid.empty()) {
-    flight.undulation = LoadGeoid(args.geoid_grid);
+  flight.startUs = args.start.empty() ? Now() : ParseTime(args.start);
+  if (!args.geoidGrid.empty()) {
+    flight.undulation = LoadGeoid(args.geoidGrid);
   } else if (access(kDefaultGeoidGrid, R_OK) == 0) {
     flight.undulation = LoadGeoid(kDefaultGeoidGrid);
   }
@@ -68,20 +68,20 @@ std::unique_ptr<Traffic> MakeCotTraffic(const Arguments& args) {
 std::unique_ptr<Traffic> MakeAncTraffic(const Arguments& args) {
   AncOptions anc = args.anc;
   anc.seed = args.seed;
-  anc.start_us = args.start.empty() ? Now() : ParseTime(args.start);
+  anc.startUs = args.start.empty() ? Now() : ParseTime(args.start);
   anc.rate = args.send.rate > 0 ? args.send.rate : 10.0;
   return MakeAncStream(MakeKlvTraffic(args), anc);
 }
 
 std::unique_ptr<Traffic> MakeTraffic(const Arguments& args) {
-  if (args.command == Command::kCot) return MakeCotTraffic(args);
-  if (args.command == Command::kAnc) return MakeAncTraffic(args);
+  if (args.command == Command::Cot) return MakeCotTraffic(args);
+  if (args.command == Command::Anc) return MakeAncTraffic(args);
   return MakeKlvTraffic(args);
 }
 
 const char* Name(Command command) {
-  if (command == Command::kCot) return "CoT events";
-  return command == Command::kAnc ? "RTP packets" : "KLV messages";
+  if (command == Command::Cot) return "CoT events";
+  return command == Command::Anc ? "RTP packets" : "KLV messages";
 }
 
 std::unique_ptr<Output> OpenOutput(const Arguments& args) {
@@ -97,7 +97,7 @@ void RunTs(const Arguments& args) {
 
 void Run(const Arguments& args) {
   CatchStopSignals();
-  if (args.command == Command::kTs) return RunTs(args);
+  if (args.command == Command::Ts) return RunTs(args);
   const auto traffic = MakeTraffic(args);
   const auto output = OpenOutput(args);
   Progress progress(Name(args.command));
@@ -114,8 +114,8 @@ void Run(const Arguments& args) {
 int main(int argc, char** argv) {
   mdfeed::Arguments args;
   if (const auto answer = mdfeed::ParseCommandLine(argc, argv, args)) {
-    std::fputs(answer->text.c_str(), answer->exit_code == 0 ? stdout : stderr);
-    return answer->exit_code;
+    std::fputs(answer->text.c_str(), answer->exitCode == 0 ? stdout : stderr);
+    return answer->exitCode;
   }
   try {
     mdfeed::Run(args);

@@ -44,12 +44,12 @@ class LineOutput : public Output {
   }
 
  protected:
-  void MakeRaw(unsigned baud_code) {
+  void MakeRaw(unsigned baudCode) {
     termios settings{};
     if (tcgetattr(m_fd, &settings) != 0) ThrowErrno(m_name + " is not a serial line");
     cfmakeraw(&settings);
     settings.c_cflag |= CLOCAL;
-    if (baud_code != 0) cfsetspeed(&settings, baud_code);
+    if (baudCode != 0) cfsetspeed(&settings, baudCode);
     if (tcsetattr(m_fd, TCSANOW, &settings) != 0) ThrowErrno("cannot set up " + m_name);
   }
 
@@ -77,7 +77,7 @@ class PtyOutput : public LineOutput {
     if (m_fd < 0 || grantpt(m_fd) != 0 || unlockpt(m_fd) != 0) ThrowErrno("cannot make a pseudo-terminal");
     std::array<char, 128> name{};
     if (ptsname_r(m_fd, name.data(), name.size()) != 0) ThrowErrno("cannot name the pseudo-terminal");
-    m_other_end = name.data();
+    m_otherEnd = name.data();
     // Opened and closed once, the master tells from then on whether anybody has the other end open.
     const int other = OpenOtherEnd();
     if (other >= 0) close(other);
@@ -114,7 +114,7 @@ class PtyOutput : public LineOutput {
   }
 
  private:
-  int OpenOtherEnd() const { return open(m_other_end.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }
+  int OpenOtherEnd() const { return open(m_otherEnd.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }
 
   bool HasReader() const {
     pollfd state = {m_fd, 0, 0};
@@ -125,11 +125,11 @@ class PtyOutput : public LineOutput {
   void MakeLink() const {
     struct stat info {};
     if (lstat(m_link.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) unlink(m_link.c_str());
-    if (symlink(m_other_end.c_str(), m_link.c_str()) != 0) ThrowErrno("cannot make the link " + m_link);
+    if (symlink(m_otherEnd.c_str(), m_link.c_str()) != 0) ThrowErrno("cannot make the link " + m_link);
   }
 
   std::string m_link;
-  std::string m_other_end;
+  std::string m_otherEnd;
 };
 
 constexpr std::array<std::pair<int, unsigned>, 13> kBaudRates = {{{1200, B1200},

@@ -57,7 +57,7 @@ class UdpOutput : public Output {
   void Send(std::span<const std::uint8_t> data) override {
     for (;;) {
       const ssize_t sent =
-          sendto(m_fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&m_address), m_address_size);
+          sendto(m_fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&m_address), m_addressSize);
       if (sent >= 0) return;
       if (errno == EINTR || errno == ECONNREFUSED) continue;
       if (errno != EAGAIN && errno != ENOBUFS) ThrowErrno("cannot send to " + m_name);
@@ -94,7 +94,7 @@ class UdpOutput : public Output {
     const int error = getaddrinfo(address.host.c_str(), address.port.c_str(), &hints, &found);
     if (error != 0) throw RunError("cannot resolve " + m_name + ": " + gai_strerror(error));
     std::memcpy(&m_address, found->ai_addr, found->ai_addrlen);
-    m_address_size = found->ai_addrlen;
+    m_addressSize = found->ai_addrlen;
     freeaddrinfo(found);
   }
 
@@ -121,7 +121,7 @@ class UdpOutput : public Output {
 
   std::string m_name;
   sockaddr_storage m_address{};
-  socklen_t m_address_size = 0;
+  socklen_t m_addressSize = 0;
   int m_fd = -1;
 };
 

@@ -22,12 +22,12 @@ int ParseNumber(const std::string& text, int min, int max) {
 }
 
 std::chrono::milliseconds ParseSeconds(std::string text) {
-  const std::string as_written = text;
+  const std::string asWritten = text;
   if (text.ends_with('s')) text.pop_back();
   double seconds = 0;
   const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
   if (error != std::errc() || rest != text.data() + text.size() || !(seconds >= 0 && seconds <= 1e6)) {
-    throw std::invalid_argument("'" + as_written + "' is not a time in seconds");
+    throw std::invalid_argument("'" + asWritten + "' is not a time in seconds");
   }
   return std::chrono::milliseconds(std::llround(seconds * 1000.0));
 }

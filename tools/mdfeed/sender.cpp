@@ -40,8 +40,8 @@ class Clockwork {
 
 Progress::Progress(const char* what) : m_what(what), m_terminal(isatty(STDERR_FILENO) != 0) {}
 
-void Progress::Waiting(const char* for_what) {
-  if (m_terminal) std::fprintf(stderr, "waiting for %s\n", for_what);
+void Progress::Waiting(const char* forWhat) {
+  if (m_terminal) std::fprintf(stderr, "waiting for %s\n", forWhat);
   m_start = Clock::now();
 }
 

@@ -31,7 +31,7 @@ class Progress {
  public:
   explicit Progress(const char* what);
   // Tells what is being waited for.
-  void Waiting(const char* for_what);
+  void Waiting(const char* forWhat);
   void Update(const SendResult& result);
   // Leaves the last state standing.
   void Finish(const SendResult& result);

@@ -56,21 +56,21 @@ class Recorded : public Traffic {
 // The flight's clock: one state per tick.
 class FlightTicks {
  public:
-  FlightTicks(const FlightOptions& flight, std::int64_t interval_us) : m_flight(flight), m_interval_us(interval_us) {}
+  FlightTicks(const FlightOptions& flight, std::int64_t intervalUs) : m_flight(flight), m_intervalUs(intervalUs) {}
   FlightState Next() {
-    m_flight.AdvanceTo(m_tick++ * m_interval_us);
+    m_flight.AdvanceTo(m_tick++ * m_intervalUs);
     return m_flight.State();
   }
 
  private:
   Flight m_flight;
-  std::int64_t m_interval_us;
+  std::int64_t m_intervalUs;
   std::int64_t m_tick = 0;
 };
 
 class KlvFlight : public Traffic {
  public:
-  KlvFlight(const FlightOptions& flight, std::int64_t interval_us) : m_ticks(flight, interval_us) {}
+  KlvFlight(const FlightOptions& flight, std::int64_t intervalUs) : m_ticks(flight, intervalUs) {}
   std::optional<Batch> Next() override { return Batch{MakeKlvMessage(m_ticks.Next())}; }
 
  private:
@@ -79,8 +79,8 @@ class KlvFlight : public Traffic {
 
 class CotFlight : public Traffic {
  public:
-  CotFlight(const FlightOptions& flight, const CotOptions& cot, std::int64_t interval_us)
-      : m_ticks(flight, interval_us), m_writer(cot) {}
+  CotFlight(const FlightOptions& flight, const CotOptions& cot, std::int64_t intervalUs)
+      : m_ticks(flight, intervalUs), m_writer(cot) {}
   std::optional<Batch> Next() override {
     const CotPair pair = m_writer.Write(m_ticks.Next());
     return Batch{Bytes(pair.sensor.begin(), pair.sensor.end()), Bytes(pair.aircraft.begin(), pair.aircraft.end())};
@@ -188,7 +188,7 @@ std::vector<Bytes> SplitChunks(const Bytes& data, std::size_t size) {
 
 FrameDamage ParseFrameDamage(const std::string& text) {
   const std::size_t colon = text.find(':');
-  FrameDamage damage{FrameField::kSync, 100.0};
+  FrameDamage damage{FrameField::Sync, 100.0};
   const std::string name = text.substr(0, colon);
   try {
     damage.field = ParseFrameField(name);
@@ -209,12 +209,12 @@ std::unique_ptr<Traffic> MakeRecorded(std::vector<Bytes> messages, unsigned repe
   return std::make_unique<Recorded>(std::move(messages), repeat);
 }
 
-std::unique_ptr<Traffic> MakeKlvFlight(const FlightOptions& flight, std::int64_t interval_us) {
-  return std::make_unique<KlvFlight>(flight, interval_us);
+std::unique_ptr<Traffic> MakeKlvFlight(const FlightOptions& flight, std::int64_t intervalUs) {
+  return std::make_unique<KlvFlight>(flight, intervalUs);
 }
 
-std::unique_ptr<Traffic> MakeCotFlight(const FlightOptions& flight, const CotOptions& cot, std::int64_t interval_us) {
-  return std::make_unique<CotFlight>(flight, cot, interval_us);
+std::unique_ptr<Traffic> MakeCotFlight(const FlightOptions& flight, const CotOptions& cot, std::int64_t intervalUs) {
+  return std::make_unique<CotFlight>(flight, cot, intervalUs);
 }
 
 std::unique_ptr<Traffic> MakeChunked(std::unique_ptr<Traffic> inner, std::size_t chunk) {

@@ -39,9 +39,9 @@ std::vector<Bytes> SplitChunks(const Bytes& data, std::size_t size);
 std::unique_ptr<Traffic> MakeRecorded(std::vector<Bytes> messages, unsigned repeat);
 
 // The flight, one state every interval, as KLV.
-std::unique_ptr<Traffic> MakeKlvFlight(const FlightOptions& flight, std::int64_t interval_us);
+std::unique_ptr<Traffic> MakeKlvFlight(const FlightOptions& flight, std::int64_t intervalUs);
 // The flight as pairs of events.
-std::unique_ptr<Traffic> MakeCotFlight(const FlightOptions& flight, const CotOptions& cot, std::int64_t interval_us);
+std::unique_ptr<Traffic> MakeCotFlight(const FlightOptions& flight, const CotOptions& cot, std::int64_t intervalUs);
 
 // Cuts every message of another traffic into chunks.
 std::unique_ptr<Traffic> MakeChunked(std::unique_ptr<Traffic> inner, std::size_t chunk);

@@ -154,7 +154,7 @@ class Muxer {
 
 // The messages of one timestamp: states in the time up to the next one, so that no two are the same.
 void WriteTimestamp(Muxer& muxer, Flight& flight, const TsOptions& options, std::int64_t frame, SendResult& result) {
-  for (int i = 0; i < options.messages_per_time; i++) {
+  for (int i = 0; i < options.messagesPerTime; i++) {
     flight.AdvanceTo(frame * 1'000'000 / kTsFrameRate + i * 10'000);
     const Bytes message = MakeKlvMessage(flight.State());
     muxer.WriteKlv(message, frame);
@@ -166,23 +166,23 @@ void WriteTimestamp(Muxer& muxer, Flight& flight, const TsOptions& options, std:
 
 }  // namespace
 
-SendResult WriteTsFile(const FlightOptions& flight_options, const TsOptions& options, Progress& progress) {
+SendResult WriteTsFile(const FlightOptions& flightOptions, const TsOptions& options, Progress& progress) {
   av_log_set_level(AV_LOG_ERROR);
   const std::string unfinished = options.output + ".part";
   SendResult result;
   Picture picture;
   Muxer muxer(unfinished, picture.Encoder());
-  Flight flight(flight_options);
+  Flight flight(flightOptions);
   const auto frames = static_cast<std::int64_t>(std::ceil(options.duration * kTsFrameRate));
-  const auto write_video = [&](AVPacket* packet) { muxer.WriteVideo(packet); };
+  const auto writeVideo = [&](AVPacket* packet) { muxer.WriteVideo(packet); };
   try {
     for (std::int64_t frame = 0; frame < frames && !StopRequested(); frame++) {
-      picture.Encode(frame, write_video);
+      picture.Encode(frame, writeVideo);
       const auto due = static_cast<std::uint64_t>(static_cast<double>(frame) * options.rate / kTsFrameRate + 1e-9) + 1;
       if (result.ticks < due) WriteTimestamp(muxer, flight, options, frame, result);
       progress.Update(result);
     }
-    picture.Encode(-1, write_video);
+    picture.Encode(-1, writeVideo);
     muxer.Finish();
   } catch (...) {
     std::remove(unfinished.c_str());

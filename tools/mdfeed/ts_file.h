@@ -12,9 +12,9 @@ namespace mdfeed {
 
 struct TsOptions {
   std::string output;
-  double duration = 10;       // seconds
-  double rate = 5;            // timestamps of the KLV track per second, at most kTsFrameRate
-  int messages_per_time = 1;  // messages that share one timestamp
+  double duration = 10;     // seconds
+  double rate = 5;          // timestamps of the KLV track per second, at most kTsFrameRate
+  int messagesPerTime = 1;  // messages that share one timestamp
 };
 
 inline constexpr int kTsFrameRate = 25;

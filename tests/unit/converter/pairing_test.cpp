@@ -422,7 +422,7 @@ TEST_F(Packet, MessageWithoutTimeStampIsDropped) {
 
 TEST_F(Packet, TwoConvertersOnTwoThreadsDoNotDisturbEachOther) {
   for (const char* module : {"METADATALIB", "COTCONVERTER"}) host().SetLevel(module, 2);
-  const auto Work = [](const std::string& course, BYTE high) {
+  const auto work = [](const std::string& course, BYTE high) {
     HCONVERTER converter = nullptr;
     AllocCoT2KLVConvert(&converter, 500000, "", FALSE);
     int wrong = 0;
@@ -443,8 +443,8 @@ TEST_F(Packet, TwoConvertersOnTwoThreadsDoNotDisturbEachOther) {
   };
   int first = -1;
   int second = -1;
-  std::thread one([&] { first = Work("90", 0x40); });
-  std::thread two([&] { second = Work("270", 0xBF); });
+  std::thread one([&] { first = work("90", 0x40); });
+  std::thread two([&] { second = work("270", 0xBF); });
   one.join();
   two.join();
   EXPECT_EQ(first, 0);

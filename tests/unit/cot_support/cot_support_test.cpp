@@ -73,8 +73,8 @@ Bytes ArqFrame(const std::string& message) {
 }
 
 // A frame whose length word says 'length'.
-Bytes FrameWithBlockLength(unsigned length, std::size_t block_size) {
-  Bytes block(block_size);
+Bytes FrameWithBlockLength(unsigned length, std::size_t blockSize) {
+  Bytes block(blockSize);
   block[0] = static_cast<BYTE>(length);
   block[1] = static_cast<BYTE>(length >> 8);
   return BuildFrame(PackCodewords(block));
@@ -155,12 +155,12 @@ TEST_F(CotLink, FreeingNothingIsAnAssertion) {
 TEST_F(CotLink, StatisticsLeaveTheChannelCounterAlone) {
   Feed(BuildCotFrame(kEvent));
   const UINT64 nBytes = BuildCotFrame(kEvent).size();
-  COT_STATS Read = {9, 9, 9, 77};
-  EXPECT_TRUE(COT_GetStats(m_pvCtxt, &Read));
-  EXPECT_EQ(Read.nTotalRxBytes, nBytes);
-  EXPECT_EQ(Read.nRxOkMessages, 1u);
-  EXPECT_EQ(Read.nRxCorruptedMessages, 0u);
-  EXPECT_EQ(Read.nRxChannel1Messages, 77u);
+  COT_STATS read = {9, 9, 9, 77};
+  EXPECT_TRUE(COT_GetStats(m_pvCtxt, &read));
+  EXPECT_EQ(read.nTotalRxBytes, nBytes);
+  EXPECT_EQ(read.nRxOkMessages, 1u);
+  EXPECT_EQ(read.nRxCorruptedMessages, 0u);
+  EXPECT_EQ(read.nRxChannel1Messages, 77u);
   EXPECT_EQ(Stats().nRxChannel1Messages, 1u);
 }
 
@@ -174,12 +174,12 @@ TEST_F(CotLink, ResetKeepsTheChannelCounter) {
 }
 
 TEST_F(CotLink, SetLoadsTheThreeCountersFromTheSource) {
-  MDATA_SRC_STATS Saved = {};
-  Saved.nRxBytes = 10;
-  Saved.nRxOkMessages = 20;
-  Saved.nRxCorruptMessages = 30;
+  MDATA_SRC_STATS saved = {};
+  saved.nRxBytes = 10;
+  saved.nRxOkMessages = 20;
+  saved.nRxCorruptMessages = 30;
   Stats().nRxChannel1Messages = 4;
-  COT_SetStats(m_pvCtxt, &Saved);
+  COT_SetStats(m_pvCtxt, &saved);
   EXPECT_EQ(Stats().nTotalRxBytes, 10u);
   EXPECT_EQ(Stats().nRxOkMessages, 20u);
   EXPECT_EQ(Stats().nRxCorruptedMessages, 30u);
@@ -390,7 +390,7 @@ TEST_F(CotLink, SurplusBehindAFrameIsScanned) {
 }
 
 TEST_F(CotLink, RejectedPayloadLeavesTheNextFrameWhole) {
-  const Bytes bad = BuildCotFrame(kEvent, {'1', {FrameField::kCrc}, 1});
+  const Bytes bad = BuildCotFrame(kEvent, {'1', {FrameField::Crc}, 1});
   Feed(bad + BuildCotFrame("next"));
   ExpectLogContaining(4, "CRC DOES NOT MATCH");
   EXPECT_THAT(Delivered(), testing::ElementsAre("next"));
@@ -506,9 +506,9 @@ TEST_F(CotLink, LengthWordThatFillsAllDataBytesStaysInsideTheBlock) {
 }
 
 TEST_F(CotLink, CheckBitsAreNeitherTestedNorUsed) {
-  Feed(BuildCotFrame(kEvent, {'1', {FrameField::kCheckBits}, 1}));
+  Feed(BuildCotFrame(kEvent, {'1', {FrameField::CheckBits}, 1}));
   EXPECT_THAT(Delivered(), testing::ElementsAre(kEvent));
-  Feed(BuildCotFrame(kEvent, {'1', {FrameField::kCodeword}, 1}));
+  Feed(BuildCotFrame(kEvent, {'1', {FrameField::Codeword}, 1}));
   ExpectLogContaining(4, "CRC DOES NOT MATCH");
   EXPECT_EQ(g_deliveries.size(), 1u);
 }
@@ -604,7 +604,7 @@ TEST_F(CotLink, HandlerMayKeepTheBuffer) {
 TEST_F(CotLink, XMLLogNumbersEventsAndALostOneTakesANumber) {
   OpenXMLLog();
   Feed(BuildCotFrame("<a></a>\n"));
-  Feed(BuildCotFrame("lost", {'1', {FrameField::kCrc}, 1}));
+  Feed(BuildCotFrame("lost", {'1', {FrameField::Crc}, 1}));
   ExpectLogContaining(4, "CRC DOES NOT MATCH");
   Feed(BuildCotFrame("<b></b>\n"));
   EXPECT_EQ(g_nXMLEventCount, 3);
@@ -629,7 +629,7 @@ TEST_F(CotLink, XMLLogTakesOnlyWhatIsDelivered) {
 
 TEST_F(CotLink, WithoutAnXMLLogNothingIsNumbered) {
   Feed(BuildCotFrame(kEvent));
-  Feed(BuildCotFrame("lost", {'1', {FrameField::kCrc}, 1}));
+  Feed(BuildCotFrame("lost", {'1', {FrameField::Crc}, 1}));
   ExpectLogContaining(4, "CRC DOES NOT MATCH");
   EXPECT_EQ(g_nXMLEventCount, 0);
 }
@@ -640,7 +640,7 @@ TEST_F(CotLink, XMLLogOnAFullDiskIsReportedOnceAndEventsGoOn) {
   setvbuf(g_XMLOutFP, nullptr, _IONBF, 0);
   Feed(BuildCotFrame("one"));
   Feed(BuildCotFrame("two"));
-  Feed(BuildCotFrame("lost", {'1', {FrameField::kCrc}, 1}));
+  Feed(BuildCotFrame("lost", {'1', {FrameField::Crc}, 1}));
   ExpectLog(3, "Unable to write to the XML event log, errno=28, \"No space left on device\".\n");
   ExpectLogContaining(4, "CRC DOES NOT MATCH");
   EXPECT_THAT(Delivered(), testing::ElementsAre("one", "two"));
@@ -651,8 +651,8 @@ TEST_F(CotLink, XMLLogOnAFullDiskIsReportedOnceAndEventsGoOn) {
 struct Outcome {
   FrameField field;
   bool delivered;
-  bool counted_ok;
-  bool counted_corrupted;
+  bool countedOk;
+  bool countedCorrupted;
 };
 
 class DamagedField : public CotLink, public testing::WithParamInterface<Outcome> {};
@@ -666,21 +666,20 @@ TEST_P(DamagedField, HasItsOutcomeAndTheNextFrameArrives) {
     Feed(BuildCotFrame("damaged", {'1', {expected.field}, seed}) + BuildCotFrame("next"));
     ASSERT_EQ(g_deliveries.size(), expected.delivered ? 2u : 1u);
     EXPECT_EQ(g_deliveries.back().text, "next");
-    EXPECT_EQ(Stats().nRxOkMessages, expected.counted_ok ? 2u : 1u);
-    EXPECT_EQ(Stats().nRxCorruptedMessages, expected.counted_corrupted ? 1u : 0u);
+    EXPECT_EQ(Stats().nRxOkMessages, expected.countedOk ? 2u : 1u);
+    EXPECT_EQ(Stats().nRxCorruptedMessages, expected.countedCorrupted ? 1u : 0u);
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(
     AllFields, DamagedField,
-    testing::Values(Outcome{FrameField::kSync, false, false, false}, Outcome{FrameField::kLength1, true, true, false},
-                    Outcome{FrameField::kLength2, true, true, false}, Outcome{FrameField::kLength3, true, true, false},
-                    Outcome{FrameField::kCheck1, true, true, false}, Outcome{FrameField::kCheck2, true, true, false},
-                    Outcome{FrameField::kCheck3, true, true, false}, Outcome{FrameField::kCodeword, false, false, true},
-                    Outcome{FrameField::kCheckBits, true, true, false},
-                    Outcome{FrameField::kBlockLength, false, false, false},
-                    Outcome{FrameField::kCrc, false, false, true}, Outcome{FrameField::kArqU, false, true, false},
-                    Outcome{FrameField::kArqHash, false, true, false},
-                    Outcome{FrameField::kChannel, false, true, false}));
+    testing::Values(Outcome{FrameField::Sync, false, false, false}, Outcome{FrameField::Length1, true, true, false},
+                    Outcome{FrameField::Length2, true, true, false}, Outcome{FrameField::Length3, true, true, false},
+                    Outcome{FrameField::Check1, true, true, false}, Outcome{FrameField::Check2, true, true, false},
+                    Outcome{FrameField::Check3, true, true, false}, Outcome{FrameField::Codeword, false, false, true},
+                    Outcome{FrameField::CheckBits, true, true, false},
+                    Outcome{FrameField::BlockLength, false, false, false}, Outcome{FrameField::Crc, false, false, true},
+                    Outcome{FrameField::ArqU, false, true, false}, Outcome{FrameField::ArqHash, false, true, false},
+                    Outcome{FrameField::Channel, false, true, false}));
 
 }  // namespace

@@ -328,73 +328,73 @@ class FakeThread : public FakeHost {
  protected:
   void SetUp() override {
     FakeHost::SetUp();
-    stop = false;
-    received = 0;
-    timeOuts = 0;
+    m_stop = false;
+    m_received = 0;
+    m_timeOuts = 0;
     const MBOX_CONFIG config = {sizeof(MBOX_CONFIG), "box", FALSE};
-    ASSERT_TRUE(MBOX_CreateMailBox(&config, &mailbox));
-    ASSERT_TRUE(__FDMGR_CreateSet("set", &set, "", "", 0));
-    __FDMGR_AddReadFD(set, MBOX_GetNotificationFD(mailbox), OnMessage, nullptr, nullptr, "", "", 0);
-    ASSERT_TRUE(CreateThread(&thread, "t", 0, 1, Routine, set));
-    ASSERT_TRUE(StartThread(thread));
+    ASSERT_TRUE(MBOX_CreateMailBox(&config, &m_mailbox));
+    ASSERT_TRUE(__FDMGR_CreateSet("set", &m_set, "", "", 0));
+    __FDMGR_AddReadFD(m_set, MBOX_GetNotificationFD(m_mailbox), OnMessage, nullptr, nullptr, "", "", 0);
+    ASSERT_TRUE(CreateThread(&m_thread, "t", 0, 1, Routine, m_set));
+    ASSERT_TRUE(StartThread(m_thread));
   }
   void TearDown() override {
-    FDMGR_CloseSet(&set);
-    MBOX_CloseMailBox(&mailbox);
+    FDMGR_CloseSet(&m_set);
+    MBOX_CloseMailBox(&m_mailbox);
     FakeHost::TearDown();
   }
 
   static void OnMessage(HFDSET, int, int, void*, void*) {
     HMBOXMSG message = nullptr;
-    if (!MBOX_RecvMessage(mailbox, &message)) return;
-    stop = MBOX_GetMessageHeader(message)->dwEventID == 1;
-    ++received;
+    if (!MBOX_RecvMessage(m_mailbox, &message)) return;
+    m_stop = MBOX_GetMessageHeader(message)->dwEventID == 1;
+    ++m_received;
     MBOX_FreeMessage(message);
   }
   static void OnTimeOut(HFDSET, void*, void*) {
-    ++timeOuts;
-    stop = true;
+    ++m_timeOuts;
+    m_stop = true;
   }
   static DWORD Routine(void* argument) {
-    while (!stop) FDMGR_Select(static_cast<HFDSET>(argument));
+    while (!m_stop) FDMGR_Select(static_cast<HFDSET>(argument));
     return 0;
   }
   static void Send(DWORD event) {
     HMBOXMSG message = __MBOX_AllocMessage(0, "", "", 0);
     MBOX_GetMessageHeader(message)->dwEventID = event;
-    MBOX_SendMessage(mailbox, message, 0);
+    MBOX_SendMessage(m_mailbox, message, 0);
   }
 
-  static inline HMBOX mailbox = nullptr;
-  static inline std::atomic<bool> stop = false;
-  static inline int received = 0;
-  static inline int timeOuts = 0;
-  HFDSET set = nullptr;
-  HTHREAD thread = nullptr;
+  static inline HMBOX m_mailbox = nullptr;
+  static inline std::atomic<bool> m_stop = false;
+  static inline int m_received = 0;
+  static inline int m_timeOuts = 0;
+  HFDSET m_set = nullptr;
+  HTHREAD m_thread = nullptr;
 };
 
 TEST_F(FakeThread, RunsInLockstepWithItsMailbox) {
   Send(0);
-  EXPECT_EQ(received, 0);
+  EXPECT_EQ(m_received, 0);
   host().Pass();
-  EXPECT_EQ(received, 1);
+  EXPECT_EQ(m_received, 1);
   Send(1);
-  WaitForThread(thread);
-  EXPECT_EQ(received, 2);
+  WaitForThread(m_thread);
+  EXPECT_EQ(m_received, 2);
 }
 
 TEST_F(FakeThread, JoinedWithATimeOutItWakesByTheClock) {
   const timeval interval = {2, 500000};
-  FDMGR_SetSelectTimeout(set, &interval, OnTimeOut, nullptr, nullptr);
+  FDMGR_SetSelectTimeout(m_set, &interval, OnTimeOut, nullptr, nullptr);
   const long start = host().NowSeconds();
-  WaitForThread(thread);
-  EXPECT_EQ(timeOuts, 1);
+  WaitForThread(m_thread);
+  EXPECT_EQ(m_timeOuts, 1);
   EXPECT_EQ(host().NowSeconds(), start + 2);
 }
 
 TEST_F(FakeThread, JoinedWithNothingToWakeItFailsTheTest) {
-  stop = true;  // seen after the next pass only, and nothing makes one
-  EXPECT_NONFATAL_FAILURE(WaitForThread(thread), "sleeps for ever");
+  m_stop = true;  // seen after the next pass only, and nothing makes one
+  EXPECT_NONFATAL_FAILURE(WaitForThread(m_thread), "sleeps for ever");
 }
 
 TEST_F(FakeHost, AnActionHappensInTheMiddleOfTheNamedCall) {

@@ -49,22 +49,22 @@ TEST(KlvSize, Needs_the_whole_length_field_and_refuses_what_is_no_klv) {
   using State = KlvSize::State;
   const Bytes klv = Klv(300);
   for (std::size_t size = 0; size < 19; ++size) {
-    EXPECT_EQ(SizeOfKlv(ByteView(klv).first(size)).state, State::kNeedMore) << size;
+    EXPECT_EQ(SizeOfKlv(ByteView(klv).first(size)).state, State::NeedMore) << size;
   }
-  EXPECT_EQ(SizeOfKlv(ByteView(klv).first(19)).state, State::kKnown);
-  EXPECT_EQ(SizeOfKlv(ByteView(klv).subspan(1)).state, State::kBad);
+  EXPECT_EQ(SizeOfKlv(ByteView(klv).first(19)).state, State::Known);
+  EXPECT_EQ(SizeOfKlv(ByteView(klv).subspan(1)).state, State::Bad);
   Bytes wrong = Klv(0);
   for (const int length : {0x80, 0x89, 0xFF}) {
     wrong[16] = static_cast<std::uint8_t>(length);
-    EXPECT_EQ(SizeOfKlv(wrong).state, State::kBad);
+    EXPECT_EQ(SizeOfKlv(wrong).state, State::Bad);
   }
   Bytes huge = Klv(0);
   huge.resize(16);
   huge.insert(huge.end(), {0x88, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF});
-  EXPECT_EQ(SizeOfKlv(huge).state, State::kBad);
+  EXPECT_EQ(SizeOfKlv(huge).state, State::Bad);
   huge.resize(16);
   huge.insert(huge.end(), {0x83, 0x01, 0x00, 0x00});
-  EXPECT_EQ(SizeOfKlv(huge).state, State::kBad);
+  EXPECT_EQ(SizeOfKlv(huge).state, State::Bad);
 }
 
 // --- ancillary packets -------------------------------------------------------------------------------
@@ -88,7 +88,7 @@ TEST(Anc, What_was_packed_unpacks) {
     const Bytes bytes = PackAnc(packet);
     EXPECT_EQ(bytes.size() % 4, 0u);
     const UnpackedAnc back = UnpackAnc(bytes);
-    EXPECT_EQ(back.state, AncState::kGood);
+    EXPECT_EQ(back.state, AncState::Good);
     EXPECT_EQ(back.size, bytes.size());
     EXPECT_EQ(back.packet.did, 0x44);
     EXPECT_EQ(back.packet.sdid, 0x04);
@@ -104,7 +104,7 @@ TEST(Anc, Every_flipped_bit_of_a_word_is_noticed) {
   for (std::size_t bit = 32; bit < 32 + 10 * 9; ++bit) {
     Bytes bad = good;
     FlipBit(bad, bit);
-    EXPECT_NE(UnpackAnc(bad).state, AncState::kGood) << bit;
+    EXPECT_NE(UnpackAnc(bad).state, AncState::Good) << bit;
   }
 }
 
@@ -113,10 +113,10 @@ TEST(Anc, A_wrong_parity_bit_9_has_a_right_checksum_and_is_told_apart) {
   packet.userData = {1, 2, 3};
   Bytes bad = PackAnc(packet);
   FlipBit(bad, 32 + 3 * 10);  // bit 9 of the first user word, not in the sum
-  EXPECT_EQ(UnpackAnc(bad).state, AncState::kBadParity);
+  EXPECT_EQ(UnpackAnc(bad).state, AncState::BadParity);
   bad = PackAnc(packet);
   FlipBit(bad, 32 + 6 * 10 + 5);
-  EXPECT_EQ(UnpackAnc(bad).state, AncState::kBadChecksum);
+  EXPECT_EQ(UnpackAnc(bad).state, AncState::BadChecksum);
 }
 
 TEST(Anc, A_packet_cut_anywhere_is_cut_off) {
@@ -126,7 +126,7 @@ TEST(Anc, A_packet_cut_anywhere_is_cut_off) {
   const std::size_t used = (32 + 10 * 24 + 7) / 8;
   for (std::size_t size = 0; size < bytes.size(); ++size) {
     const UnpackedAnc cut = UnpackAnc(ByteView(bytes).first(size));
-    EXPECT_EQ(cut.state, size < used ? AncState::kCutOff : AncState::kGood) << size;
+    EXPECT_EQ(cut.state, size < used ? AncState::CutOff : AncState::Good) << size;
     EXPECT_LE(cut.size, size);
   }
 }
@@ -187,31 +187,31 @@ TEST(Rtp, Other_and_cut_datagrams_are_refused) {
 class StreamTest : public testing::Test {
  protected:
   std::vector<Bytes> Frame(const std::vector<Bytes>& messages, std::uint32_t timestamp) {
-    header.timestamp = timestamp;
-    return PackFrame(messages, header, &sequence, &number);
+    m_header.timestamp = timestamp;
+    return PackFrame(messages, m_header, &m_sequence, &m_number);
   }
   void Take(const std::vector<Bytes>& packets) {
-    for (const Bytes& packet : packets) receiver.Take(packet, now);
+    for (const Bytes& packet : packets) m_receiver.Take(packet, m_now);
   }
-  const Counts& Seen() { return receiver.Seen(); }
+  const Counts& Seen() { return m_receiver.Seen(); }
 
-  RtpHeader header;
-  std::uint32_t sequence = 0xFFF0;
-  std::uint8_t number = 250;
-  std::int64_t now = 1;
-  std::vector<StampedKlv> got;
-  Receiver receiver{[this](const StampedKlv& message) { got.push_back(message); }};
+  RtpHeader m_header;
+  std::uint32_t m_sequence = 0xFFF0;
+  std::uint8_t m_number = 250;
+  std::int64_t m_now = 1;
+  std::vector<StampedKlv> m_got;
+  Receiver m_receiver{[this](const StampedKlv& message) { m_got.push_back(message); }};
 };
 
 TEST_F(StreamTest, Messages_of_every_size_arrive_with_their_time) {
   const std::size_t sizes[] = {0, 1, 100, 230, 235, 236, 237, 488, 489, 1000, 4096, 65'535};
   std::uint32_t timestamp = 1000;
   for (const std::size_t size : sizes) Take(Frame({Klv(size)}, timestamp += 3600));
-  ASSERT_THAT(got, SizeIs(std::size(sizes)));
+  ASSERT_THAT(m_got, SizeIs(std::size(sizes)));
   timestamp = 1000;
   for (std::size_t i = 0; i < std::size(sizes); ++i) {
-    EXPECT_EQ(got[i].klv, Klv(sizes[i]));
-    EXPECT_EQ(got[i].timestamp, timestamp += 3600);
+    EXPECT_EQ(m_got[i].klv, Klv(sizes[i]));
+    EXPECT_EQ(m_got[i].timestamp, timestamp += 3600);
   }
   EXPECT_EQ(Seen().lost + Seen().incomplete + Seen().damaged + Seen().restarts, 0u);
 }
@@ -224,9 +224,9 @@ TEST_F(StreamTest, Messages_of_one_frame_share_its_time_and_the_last_packet_has_
     EXPECT_EQ(UnpackRtp(packets[i])->header.marker, i + 1 == packets.size());
   }
   Take(packets);
-  ASSERT_THAT(got, SizeIs(4));
-  for (const StampedKlv& message : got) EXPECT_EQ(message.timestamp, 77u);
-  EXPECT_EQ(got[3].klv, Klv(900, 4));
+  ASSERT_THAT(m_got, SizeIs(4));
+  for (const StampedKlv& message : m_got) EXPECT_EQ(message.timestamp, 77u);
+  EXPECT_EQ(m_got[3].klv, Klv(900, 4));
 }
 
 TEST_F(StreamTest, A_frame_without_messages_is_one_empty_packet) {
@@ -241,15 +241,15 @@ TEST_F(StreamTest, Time_goes_on_when_the_32_bits_wrap) {
   Take(Frame({Klv(1)}, 0xFFFFF000u));
   Take(Frame({Klv(1)}, 0x00000100u));
   Take(Frame({Klv(1)}, 0xFFFFFF00u));
-  EXPECT_EQ(got[0].timestamp, 0xFFFFF000u);
-  EXPECT_EQ(got[1].timestamp, 0x1'0000'0100u);
-  EXPECT_EQ(got[2].timestamp, 0xFFFFFF00u);
+  EXPECT_EQ(m_got[0].timestamp, 0xFFFFF000u);
+  EXPECT_EQ(m_got[1].timestamp, 0x1'0000'0100u);
+  EXPECT_EQ(m_got[2].timestamp, 0xFFFFFF00u);
 }
 
 TEST_F(StreamTest, A_time_before_the_beginning_stays_in_32_bits) {
   Take(Frame({Klv(1)}, 16));
   Take(Frame({Klv(1)}, 0xFFFFFFF0u));
-  EXPECT_EQ(got[1].timestamp, 0xFFFFFFF0u);
+  EXPECT_EQ(m_got[1].timestamp, 0xFFFFFFF0u);
 }
 
 TEST_F(StreamTest, A_bad_checksum_drops_its_message_and_reception_goes_on) {
@@ -257,8 +257,8 @@ TEST_F(StreamTest, A_bad_checksum_drops_its_message_and_reception_goes_on) {
   packets[0][kRtpHeaderSize + 40] ^= 0x10;
   Take(packets);
   Take(Frame({Klv(20)}, 2));
-  ASSERT_THAT(got, SizeIs(1));
-  EXPECT_EQ(got[0].klv, Klv(20));
+  ASSERT_THAT(m_got, SizeIs(1));
+  EXPECT_EQ(m_got[0].klv, Klv(20));
   EXPECT_EQ(Seen().badChecksums, 1u);
   EXPECT_EQ(Seen().incomplete, 1u);
 }
@@ -271,28 +271,28 @@ TEST_F(StreamTest, A_lost_packet_costs_its_messages_only) {
   ASSERT_THAT(packets, SizeIs(100));
   packets.erase(packets.begin() + 40, packets.begin() + 42);
   Take(packets);
-  EXPECT_THAT(got, SizeIs(98));
+  EXPECT_THAT(m_got, SizeIs(98));
   EXPECT_EQ(Seen().lost, 2u);
   EXPECT_EQ(Seen().incomplete, 0u);
 }
 
 TEST_F(StreamTest, A_message_with_any_one_part_missing_is_counted_once) {
   Take(Frame({Klv(3)}, 0));
-  got.clear();
+  m_got.clear();
   for (std::size_t missing = 0; missing < 4; ++missing) {
     auto packets = Frame({Klv(4000)}, 1);
     ASSERT_THAT(packets, SizeIs(4));
     packets.erase(packets.begin() + static_cast<std::ptrdiff_t>(missing));
     Take(packets);
-    now += RtpOrder::kPatience;
-    receiver.Pass(now);
+    m_now += RtpOrder::kPatience;
+    m_receiver.Pass(m_now);
     Take(Frame({Klv(3)}, 2));
-    now += RtpOrder::kPatience;
-    receiver.Pass(now);
+    m_now += RtpOrder::kPatience;
+    m_receiver.Pass(m_now);
     EXPECT_EQ(Seen().incomplete, missing + 1);
     EXPECT_EQ(Seen().lost, missing + 1);
-    ASSERT_THAT(got, SizeIs(missing + 1));
-    EXPECT_EQ(got.back().klv, Klv(3));
+    ASSERT_THAT(m_got, SizeIs(missing + 1));
+    EXPECT_EQ(m_got.back().klv, Klv(3));
   }
 }
 
@@ -307,10 +307,10 @@ TEST_F(StreamTest, Packets_out_of_order_are_put_right) {
                  random);
   }
   Take(packets);
-  ASSERT_THAT(got, SizeIs(200));
+  ASSERT_THAT(m_got, SizeIs(200));
   for (std::size_t i = 0; i < 200; ++i) {
-    EXPECT_EQ(got[i].klv, Klv(2000 + i));
-    EXPECT_EQ(got[i].timestamp, i);
+    EXPECT_EQ(m_got[i].klv, Klv(2000 + i));
+    EXPECT_EQ(m_got[i].timestamp, i);
   }
   EXPECT_GT(Seen().reordered, 20u);
   EXPECT_EQ(Seen().lost + Seen().late + Seen().incomplete, 0u);
@@ -320,22 +320,22 @@ TEST_F(StreamTest, A_missing_packet_is_waited_for_and_then_given_up) {
   Take(Frame({Klv(1)}, 1));
   const auto missing = Frame({Klv(2)}, 2);
   Take(Frame({Klv(3)}, 3));
-  EXPECT_TRUE(receiver.IsWaiting());
-  EXPECT_THAT(got, SizeIs(1));
-  receiver.Pass(now + RtpOrder::kPatience - 1);
-  EXPECT_THAT(got, SizeIs(1));
-  receiver.Pass(now + RtpOrder::kPatience);
-  EXPECT_THAT(got, SizeIs(2));
-  EXPECT_FALSE(receiver.IsWaiting());
+  EXPECT_TRUE(m_receiver.IsWaiting());
+  EXPECT_THAT(m_got, SizeIs(1));
+  m_receiver.Pass(m_now + RtpOrder::kPatience - 1);
+  EXPECT_THAT(m_got, SizeIs(1));
+  m_receiver.Pass(m_now + RtpOrder::kPatience);
+  EXPECT_THAT(m_got, SizeIs(2));
+  EXPECT_FALSE(m_receiver.IsWaiting());
   Take(missing);
-  EXPECT_THAT(got, SizeIs(2));
+  EXPECT_THAT(m_got, SizeIs(2));
   EXPECT_EQ(Seen().late, 1u);
 }
 
 TEST_F(StreamTest, Repeated_packets_are_dropped) {
   const auto packets = Frame({Klv(3000)}, 1);
   for (const Bytes& packet : packets) Take({packet, packet});
-  EXPECT_THAT(got, SizeIs(1));
+  EXPECT_THAT(m_got, SizeIs(1));
   EXPECT_EQ(Seen().late, packets.size());
   Frame({Klv(1)}, 2);
   const auto waiting = Frame({Klv(1)}, 3);
@@ -348,21 +348,21 @@ TEST_F(StreamTest, A_sender_that_starts_anew_is_followed_at_once) {
   auto packets = Frame({Klv(3000)}, 1);
   packets.pop_back();
   Take(packets);
-  header.source = 99;
-  sequence = 5;
+  m_header.source = 99;
+  m_sequence = 5;
   Take(Frame({Klv(7)}, 2));
-  sequence = 500'000;
+  m_sequence = 500'000;
   Take(Frame({Klv(8)}, 3));
-  ASSERT_THAT(got, SizeIs(2));
+  ASSERT_THAT(m_got, SizeIs(2));
   EXPECT_EQ(Seen().restarts, 2u);
   EXPECT_EQ(Seen().incomplete, 1u);
   EXPECT_EQ(Seen().lost, 0u);
 }
 
 TEST_F(StreamTest, The_sequence_number_wraps_after_32_bits) {
-  sequence = 0xFFFFFFFE;
+  m_sequence = 0xFFFFFFFE;
   for (std::uint32_t i = 0; i < 5; ++i) Take(Frame({Klv(i)}, i));
-  EXPECT_THAT(got, SizeIs(5));
+  EXPECT_THAT(m_got, SizeIs(5));
   EXPECT_EQ(Seen().lost + Seen().restarts + Seen().late, 0u);
 }
 
@@ -376,25 +376,25 @@ TEST_F(StreamTest, Other_ancillary_packets_are_passed_over) {
     const Bytes anc = PackAnc(packet);
     payload.insert(payload.end(), anc.begin(), anc.end());
   }
-  receiver.Take(PackRtp(header, payload, 2), now);
-  EXPECT_THAT(got, SizeIs(1));
+  m_receiver.Take(PackRtp(m_header, payload, 2), m_now);
+  EXPECT_THAT(m_got, SizeIs(1));
 }
 
 TEST_F(StreamTest, Bytes_behind_the_message_are_no_part_of_it) {
   Bytes klv = Klv(9);
   klv.insert(klv.end(), {0, 0, 0, 0});
   Take(Frame({klv}, 1));
-  ASSERT_THAT(got, SizeIs(1));
-  EXPECT_EQ(got[0].klv, Klv(9));
+  ASSERT_THAT(m_got, SizeIs(1));
+  EXPECT_EQ(m_got[0].klv, Klv(9));
 }
 
 TEST_F(StreamTest, What_is_no_klv_is_damaged) {
   Take(Frame({Bytes(600, 0x11), Klv(9)}, 1));
   AncPacket tiny;
   tiny.userData = {1, 0};
-  receiver.Take(PackRtp({false, 112, sequence++, 1, 0, 0}, PackAnc(tiny), 1), now);
-  receiver.Take(PackRtp({false, 112, sequence++, 1, 0, 0}, PackAnc(tiny), 2), now);
-  EXPECT_THAT(got, SizeIs(1));
+  m_receiver.Take(PackRtp({false, 112, m_sequence++, 1, 0, 0}, PackAnc(tiny), 1), m_now);
+  m_receiver.Take(PackRtp({false, 112, m_sequence++, 1, 0, 0}, PackAnc(tiny), 2), m_now);
+  EXPECT_THAT(m_got, SizeIs(1));
   EXPECT_EQ(Seen().damaged, 4u);  // the message, two tiny packets, one that is not there
   EXPECT_EQ(Seen().incomplete, 0u);
 }
@@ -406,16 +406,16 @@ TEST_F(StreamTest, Random_and_damaged_datagrams_do_no_harm) {
     for (Bytes& packet : packets) {
       for (auto flips = random() % 3; flips > 0; --flips) FlipBit(packet, random() % (packet.size() * 8));
       if (random() % 10 == 0) packet.resize(random() % packet.size());
-      if (random() % 10 != 0) receiver.Take(packet, now);
-      now += 1'000'000;
+      if (random() % 10 != 0) m_receiver.Take(packet, m_now);
+      m_now += 1'000'000;
     }
     Bytes noise(random() % 200);
     for (std::uint8_t& byte : noise) byte = static_cast<std::uint8_t>(random());
     if (!noise.empty()) noise[0] = static_cast<std::uint8_t>(0x80 | noise[0] % 64);
-    receiver.Take(noise, now);
+    m_receiver.Take(noise, m_now);
   }
-  for (const StampedKlv& message : got) EXPECT_EQ(SizeOfKlv(message.klv).size, message.klv.size());
-  EXPECT_GT(got.size(), 500u);
+  for (const StampedKlv& message : m_got) EXPECT_EQ(SizeOfKlv(message.klv).size, message.klv.size());
+  EXPECT_GT(m_got.size(), 500u);
 }
 
 }  // namespace

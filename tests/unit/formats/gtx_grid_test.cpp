@@ -20,8 +20,8 @@ void PutBigEndian(std::string& out, Word word) {
 struct Header {
   double south = -90;
   double west = -180;
-  double row_step = 90;
-  double column_step = 90;
+  double rowStep = 90;
+  double columnStep = 90;
   std::uint32_t rows = 3;
   std::uint32_t columns = 4;
 };
@@ -29,7 +29,7 @@ struct Header {
 // Heights are ten times the row plus the column.
 std::string MakeGrid(const Header& header, std::size_t values = 12) {
   std::string data;
-  for (const double number : {header.south, header.west, header.row_step, header.column_step}) {
+  for (const double number : {header.south, header.west, header.rowStep, header.columnStep}) {
     PutBigEndian(data, std::bit_cast<std::uint64_t>(number));
   }
   PutBigEndian(data, header.rows);
@@ -46,8 +46,8 @@ TEST(GtxGrid, HoldsWhatTheFileSays) {
   ASSERT_TRUE(grid.has_value());
   EXPECT_EQ(grid->south, -90);
   EXPECT_EQ(grid->west, -180);
-  EXPECT_EQ(grid->row_step, 90);
-  EXPECT_EQ(grid->column_step, 90);
+  EXPECT_EQ(grid->rowStep, 90);
+  EXPECT_EQ(grid->columnStep, 90);
   EXPECT_EQ(grid->rows, 3u);
   EXPECT_EQ(grid->columns, 4u);
   ASSERT_EQ(grid->heights.size(), 12u);
@@ -76,10 +76,10 @@ TEST(GtxGrid, RefusesCountsWhoseProductWraps) {
 TEST(GtxGrid, RefusesStepsThatAreNotPositive) {
   for (const double step : {0.0, -90.0, std::nan("")}) {
     Header header;
-    header.row_step = step;
+    header.rowStep = step;
     EXPECT_FALSE(gtx::Parse(MakeGrid(header))) << step;
     header = {};
-    header.column_step = step;
+    header.columnStep = step;
     EXPECT_FALSE(gtx::Parse(MakeGrid(header))) << step;
   }
 }
@@ -98,7 +98,7 @@ TEST(GtxGrid, InterpolatesBetweenFourPointsAndAcrossTheDateLine) {
 
 TEST(GtxGrid, KnowsThatARegionIsNotWorldWide) {
   Header header;
-  header.column_step = 1;
+  header.columnStep = 1;
   const auto grid = gtx::Parse(MakeGrid(header));
   ASSERT_TRUE(grid.has_value());
   EXPECT_FALSE(grid->IsWorldWide());

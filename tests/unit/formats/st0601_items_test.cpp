@@ -55,7 +55,7 @@ class EachItem : public testing::TestWithParam<Item> {};
 
 TEST_P(EachItem, EndsOfItsRangeDecodeAndEncode) {
   const Item& item = GetParam();
-  if (item.kind == Kind::kUnsigned) {
+  if (item.kind == Kind::Unsigned) {
     EXPECT_DOUBLE_EQ(Decode(item, Bytes(item.size, 0)).number, item.min);
     EXPECT_DOUBLE_EQ(Decode(item, Bytes(item.size, 0xFF)).number, item.max);
     EXPECT_EQ(Encode(item, item.min), Bytes(item.size, 0));
@@ -63,7 +63,7 @@ TEST_P(EachItem, EndsOfItsRangeDecodeAndEncode) {
     EXPECT_FALSE(Encode(item, item.max * 1.01 + 1));
     EXPECT_FALSE(Encode(item, item.min - 1));
     EXPECT_FALSE(Encode(item, std::nan("")));
-  } else if (item.kind == Kind::kSigned) {
+  } else if (item.kind == Kind::Signed) {
     const Bytes highest = Pattern(item.size, 0x7F, 0xFF);
     Bytes lowest = Pattern(item.size, 0x80, 0x00);
     const Bytes sentinel = lowest;
@@ -71,7 +71,7 @@ TEST_P(EachItem, EndsOfItsRangeDecodeAndEncode) {
     EXPECT_DOUBLE_EQ(Decode(item, highest).number, item.max);
     EXPECT_DOUBLE_EQ(Decode(item, lowest).number, item.min);
     EXPECT_EQ(Decode(item, Bytes(item.size, 0)).number, 0);
-    EXPECT_EQ(Decode(item, sentinel).state, ValueState::kOutOfRange);
+    EXPECT_EQ(Decode(item, sentinel).state, ValueState::OutOfRange);
     EXPECT_EQ(Decode(item, sentinel).text, "out of range");
     EXPECT_FALSE(Decode(item, sentinel).isNumber);
     EXPECT_EQ(Encode(item, item.max), highest);
@@ -81,14 +81,14 @@ TEST_P(EachItem, EndsOfItsRangeDecodeAndEncode) {
     EXPECT_EQ(Encode(item, item.min - 1), sentinel);
     EXPECT_EQ(Encode(item, std::numeric_limits<double>::infinity()), sentinel);
     EXPECT_EQ(Encode(item, std::nan("")), sentinel);
-  } else if (item.kind == Kind::kImap) {
+  } else if (item.kind == Kind::Imap) {
     for (const size_t size : {2U, 3U, 4U}) {
       EXPECT_NEAR(Decode(item, Bytes(size, 0)).number, item.min, std::ldexp(item.max - item.min, 4 - 8 * int(size)));
       const auto top = Encode(item, item.max, size);
       ASSERT_TRUE(top);
       EXPECT_EQ(top->size(), size);
       EXPECT_NEAR(Decode(item, *top).number, item.max, std::ldexp(item.max - item.min, 4 - 8 * int(size)));
-      EXPECT_EQ(Decode(item, Bytes(size, 0xFF)).state, ValueState::kOutOfRange);
+      EXPECT_EQ(Decode(item, Bytes(size, 0xFF)).state, ValueState::OutOfRange);
     }
     EXPECT_FALSE(Encode(item, item.max + 1));
   } else if (item.size != 0) {
@@ -102,7 +102,7 @@ TEST_P(EachItem, EndsOfItsRangeDecodeAndEncode) {
 
 TEST_P(EachItem, EveryCodingReturnsWhatItWrote) {
   const Item& item = GetParam();
-  if (item.kind != Kind::kUnsigned && item.kind != Kind::kSigned) return;
+  if (item.kind != Kind::Unsigned && item.kind != Kind::Signed) return;
   for (const double part : {0.0, 0.001, 0.25, 1.0 / 3, 0.5, 0.9, 0.999, 1.0}) {
     const double value = item.min + part * (item.max - item.min);
     const auto bytes = Encode(item, value);
@@ -113,18 +113,18 @@ TEST_P(EachItem, EveryCodingReturnsWhatItWrote) {
 
 TEST_P(EachItem, AWrongLengthIsShownAsDigits) {
   const Item& item = GetParam();
-  const bool anyLength = item.kind == Kind::kText || item.kind == Kind::kRaw || item.kind == Kind::kSecuritySet;
+  const bool anyLength = item.kind == Kind::Text || item.kind == Kind::Raw || item.kind == Kind::SecuritySet;
   if (anyLength) {
-    EXPECT_EQ(Decode(item, {}).state, ValueState::kOk);
+    EXPECT_EQ(Decode(item, {}).state, ValueState::Ok);
     return;
   }
-  if (item.kind == Kind::kText16) {
-    EXPECT_EQ(Decode(item, Bytes{0x41}).state, ValueState::kBadLength);
+  if (item.kind == Kind::Text16) {
+    EXPECT_EQ(Decode(item, Bytes{0x41}).state, ValueState::BadLength);
     return;
   }
-  EXPECT_EQ(Decode(item, {}).state, ValueState::kBadLength);
+  EXPECT_EQ(Decode(item, {}).state, ValueState::BadLength);
   const Value longer = Decode(item, Bytes(9, 0xAB));
-  EXPECT_EQ(longer.state, ValueState::kBadLength);
+  EXPECT_EQ(longer.state, ValueState::BadLength);
   EXPECT_EQ(longer.text, "ABABABABABABABABAB");
   EXPECT_FALSE(longer.isNumber);
 }
@@ -293,7 +293,7 @@ TEST(Parse, ReadsWhatTheBuilderWrote) {
   EXPECT_TRUE(message.isUas);
   EXPECT_TRUE(message.isComplete) << message.error;
   EXPECT_EQ(message.totalSize, bytes.size());
-  EXPECT_EQ(message.checksum, ChecksumState::kOk);
+  EXPECT_EQ(message.checksum, ChecksumState::Ok);
   ASSERT_EQ(message.elements.size(), 6U);
   EXPECT_EQ(message.elements[3].tag, 130U);
   EXPECT_EQ(Decode(*message.Find(3)->item, message.Find(3)->value).text, "Mission 12");
@@ -303,11 +303,11 @@ TEST(Parse, ReadsWhatTheBuilderWrote) {
 TEST(Parse, TellsTheChecksumsState) {
   Bytes bytes = Sample();
   bytes.back() ^= 1;
-  EXPECT_EQ(Parse(bytes).checksum, ChecksumState::kBad);
+  EXPECT_EQ(Parse(bytes).checksum, ChecksumState::Bad);
   EXPECT_STREQ(ChecksumStateName(Parse(bytes).checksum), "bad");
-  EXPECT_EQ(Parse(Builder().AddWhole(65, 13).Finish(false)).checksum, ChecksumState::kMissing);
-  EXPECT_EQ(Parse(Builder().AddWhole(1, 7).AddWhole(65, 13).Finish(false)).checksum, ChecksumState::kMisplaced);
-  EXPECT_EQ(Parse(Builder().Add(1, ByteView(Bytes{7})).Finish(false)).checksum, ChecksumState::kMisplaced);
+  EXPECT_EQ(Parse(Builder().AddWhole(65, 13).Finish(false)).checksum, ChecksumState::Missing);
+  EXPECT_EQ(Parse(Builder().AddWhole(1, 7).AddWhole(65, 13).Finish(false)).checksum, ChecksumState::Misplaced);
+  EXPECT_EQ(Parse(Builder().Add(1, ByteView(Bytes{7})).Finish(false)).checksum, ChecksumState::Misplaced);
 }
 
 TEST(Parse, BytesBehindTheMessageAreNotPartOfIt) {
@@ -316,7 +316,7 @@ TEST(Parse, BytesBehindTheMessageAreNotPartOfIt) {
   bytes.push_back(0x55);
   const Message message = Parse(bytes);
   EXPECT_EQ(message.totalSize, size);
-  EXPECT_EQ(message.checksum, ChecksumState::kOk);
+  EXPECT_EQ(message.checksum, ChecksumState::Ok);
 }
 
 TEST(Parse, KeepsWhatStandsBeforeAFault) {
@@ -355,7 +355,7 @@ size_t DecodeAll(ByteView bytes) {
     EXPECT_LE(element.value.data() + element.value.size(), bytes.data() + bytes.size());
     if (element.item == nullptr) continue;
     characters += Display(*element.item, Decode(*element.item, element.value)).size();
-    if (element.item->kind != Kind::kSecuritySet) continue;
+    if (element.item->kind != Kind::SecuritySet) continue;
     for (const Element& inner : ParseSecuritySet(element.value)) {
       if (inner.item != nullptr) characters += Decode(*inner.item, inner.value).text.size();
     }
@@ -385,7 +385,7 @@ TEST(Parse, LongLengthsAreWrittenInTheShortestForm) {
   EXPECT_TRUE(Parse(bytes).isComplete);
   const Bytes middle = Builder().Add(3, ByteView(longText).first(150)).Finish();
   EXPECT_EQ(middle[16], 0x81);
-  EXPECT_EQ(Parse(middle).checksum, ChecksumState::kOk);
+  EXPECT_EQ(Parse(middle).checksum, ChecksumState::Ok);
 }
 
 /* ---------------------------------------------------------------- recordings */
@@ -410,10 +410,10 @@ TEST(Recording, EveryMessageOfTheFlightIsWholeAndItsChecksumRight) {
     ASSERT_LE(message.totalSize, rest.size());
     const Message whole = Parse(rest.first(message.totalSize));
     ASSERT_TRUE(whole.isComplete) << whole.error;
-    EXPECT_EQ(whole.checksum, ChecksumState::kOk) << count;
+    EXPECT_EQ(whole.checksum, ChecksumState::Ok) << count;
     for (const Element& element : whole.elements) {
       ASSERT_NE(element.item, nullptr) << element.tag;
-      EXPECT_NE(Decode(*element.item, element.value).state, ValueState::kBadLength) << element.tag;
+      EXPECT_NE(Decode(*element.item, element.value).state, ValueState::BadLength) << element.tag;
     }
     rest = rest.subspan(message.totalSize);
   }
@@ -425,7 +425,7 @@ TEST(Recording, TheStandardsSampleLacksItemsAndItsChecksumTells) {
   if (!bytes) return;
   const Message message = Parse(*bytes);
   EXPECT_TRUE(message.isComplete) << message.error;
-  EXPECT_EQ(message.checksum, ChecksumState::kBad);
+  EXPECT_EQ(message.checksum, ChecksumState::Bad);
   EXPECT_EQ(message.storedChecksum, 0xAA43);
   EXPECT_NEAR(Decode(*FindItem(13U), message.Find(13)->value).number, 60.1768229669783, 1e-12);
 }

@@ -11,9 +11,9 @@ thread_local bool g_bCounting = false;
 thread_local size_t g_nMoved = 0;
 
 // Whether a message is whole: its length field says its size.
-bool IsWhole(const Bytes& Message) {
-  const std::vector<Bytes> Cut = SplitMessages(Message);
-  return Cut.size() == 1 && Cut[0] == Message;
+bool IsWhole(const Bytes& message) {
+  const std::vector<Bytes> cut = SplitMessages(message);
+  return cut.size() == 1 && cut[0] == message;
 }
 
 class StreamTest : public DecoderTest {
@@ -23,17 +23,17 @@ class StreamTest : public DecoderTest {
     host().SetLevel("METADATALIB", 0);
   }
   void ExpectOnlyWholeMessages() {
-    for (const Bytes& Message : m_Messages) ASSERT_TRUE(IsWhole(Message));
+    for (const Bytes& message : m_messages) ASSERT_TRUE(IsWhole(message));
     ExpectCountersAddUp();
   }
   // A stream that follows a second of silence is found again after some messages.
   void ExpectRecovery() {
-    const Bytes Good = WellFormedMessage();
+    const Bytes good = WellFormedMessage();
     for (int i = 0; i < 20; i++) {
       host().Advance(1000);
-      m_Messages.clear();
-      Feed(Good);
-      if (!m_Messages.empty() && m_Messages.back() == Good && Context().nStoredAmount == 0) return;
+      m_messages.clear();
+      Feed(good);
+      if (!m_messages.empty() && m_messages.back() == good && Context().nStoredAmount == 0) return;
     }
     FAIL() << "still no message";
   }
@@ -44,34 +44,34 @@ class FlightTest : public StreamTest {
  protected:
   void SetUp() override {
     StreamTest::SetUp();
-    const auto Recording = LoadRecording(METADATA_SHARED_DATA_DIR, "recorded_flight.klv");
-    if (!Recording) {
+    const auto recording = LoadRecording(METADATA_SHARED_DATA_DIR, "recorded_flight.klv");
+    if (!recording) {
       std::cout << "no recorded_flight.klv in " METADATA_SHARED_DATA_DIR << "\n";
       return;
     }
-    m_Flight = *Recording;
-    m_FlightMessages = SplitMessages(m_Flight);
-    ASSERT_EQ(m_FlightMessages.size(), 407u);
+    m_flight = *recording;
+    m_flightMessages = SplitMessages(m_flight);
+    ASSERT_EQ(m_flightMessages.size(), 407u);
   }
   // Whether what was delivered are messages of the flight, in its order.
   bool IsPartOfFlight() const {
     size_t nAt = 0;
-    for (const Bytes& Message : m_Messages) {
-      while (nAt < m_FlightMessages.size() && m_FlightMessages[nAt] != Message) nAt++;
-      if (nAt++ == m_FlightMessages.size()) return false;
+    for (const Bytes& message : m_messages) {
+      while (nAt < m_flightMessages.size() && m_flightMessages[nAt] != message) nAt++;
+      if (nAt++ == m_flightMessages.size()) return false;
     }
     return true;
   }
 
-  Bytes m_Flight;
-  std::vector<Bytes> m_FlightMessages;
+  Bytes m_flight;
+  std::vector<Bytes> m_flightMessages;
 };
 
 TEST_F(FlightTest, ArrivesWholeFromChunksOfAtLeastAKey) {
   for (const size_t nChunk : {16u, 17u, 48u, 259u, 1500u, 4096u, 65536u, 200000u}) {
     StartOver();
-    FeedInChunks(m_Flight, nChunk);
-    EXPECT_TRUE(m_Messages == m_FlightMessages) << nChunk;
+    FeedInChunks(m_flight, nChunk);
+    EXPECT_TRUE(m_messages == m_flightMessages) << nChunk;
     EXPECT_EQ(Stats().nRxCorruptedMessages, 0u) << nChunk;
     ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
     ExpectCountersAddUp();
@@ -83,8 +83,8 @@ TEST_F(FlightTest, ArrivesWholeWhereverItIsCut) {
   constexpr size_t kChunk = 263;
   for (size_t nFirst = 1; nFirst <= kChunk; nFirst++) {
     StartOver();
-    FeedInChunks(m_Flight, kChunk, nFirst);
-    ASSERT_TRUE(m_Messages == m_FlightMessages) << nFirst;
+    FeedInChunks(m_flight, kChunk, nFirst);
+    ASSERT_TRUE(m_messages == m_flightMessages) << nFirst;
     ASSERT_EQ(Stats().nRxCorruptedMessages, 0u);
   }
 }
@@ -92,28 +92,28 @@ TEST_F(FlightTest, ArrivesWholeWhereverItIsCut) {
 TEST_F(FlightTest, ShorterChunksLoseMessagesButNeverSpoilOne) {
   for (size_t nChunk = 1; nChunk < 16; nChunk++) {
     StartOver();
-    FeedInChunks(m_Flight, nChunk);
+    FeedInChunks(m_flight, nChunk);
     EXPECT_TRUE(IsPartOfFlight()) << nChunk;
     ExpectCountersAddUp();
     // A key that arrives byte by byte is looked at when its sixth byte is missing.
     if (nChunk == 1) {
-      EXPECT_TRUE(m_Messages.empty());
+      EXPECT_TRUE(m_messages.empty());
     }
     if (nChunk >= 6) {
-      EXPECT_TRUE(m_Messages == m_FlightMessages) << nChunk << ": " << m_Messages.size();
+      EXPECT_TRUE(m_messages == m_flightMessages) << nChunk << ": " << m_messages.size();
     }
   }
 }
 
 TEST_F(FlightTest, OneDamagedByteNeverSpoilsTheStream) {
-  for (size_t nMessage = 0; nMessage < std::min<size_t>(3, m_FlightMessages.size()); nMessage++) {
-    const Bytes& Good = m_FlightMessages[nMessage];
-    for (size_t nAt = 0; nAt < Good.size(); nAt++) {
+  for (size_t nMessage = 0; nMessage < std::min<size_t>(3, m_flightMessages.size()); nMessage++) {
+    const Bytes& good = m_flightMessages[nMessage];
+    for (size_t nAt = 0; nAt < good.size(); nAt++) {
       for (const int nFlip : {0x01, 0x80, 0xFF}) {
-        Bytes Damaged = Good;
-        Damaged[nAt] = static_cast<BYTE>(Damaged[nAt] ^ nFlip);
+        Bytes damaged = good;
+        damaged[nAt] = static_cast<BYTE>(damaged[nAt] ^ nFlip);
         StartOver();
-        FeedInChunks(Damaged + m_FlightMessages[nMessage + 1], 100);
+        FeedInChunks(damaged + m_flightMessages[nMessage + 1], 100);
         ExpectOnlyWholeMessages();
         ExpectRecovery();
         if (HasFailure()) FAIL() << "byte " << nAt << " of message " << nMessage << " flipped by " << nFlip;
@@ -125,67 +125,67 @@ TEST_F(FlightTest, OneDamagedByteNeverSpoilsTheStream) {
 TEST_F(FlightTest, EveryByteOfTheFlightDamagedOnceDeliversOnlyWholeMessages) {
   // In each round one byte of every message, all at the same distance from its start.
   size_t nLongest = 0;
-  for (const Bytes& Message : m_FlightMessages) nLongest = std::max(nLongest, Message.size());
+  for (const Bytes& message : m_flightMessages) nLongest = std::max(nLongest, message.size());
   for (size_t nDistance = 0; nDistance < nLongest; nDistance++) {
-    Bytes Damaged = m_Flight;
+    Bytes damaged = m_flight;
     size_t nStart = 0;
-    for (const Bytes& Message : m_FlightMessages) {
-      if (nDistance < Message.size()) Damaged[nStart + nDistance] = static_cast<BYTE>(~Damaged[nStart + nDistance]);
-      nStart += Message.size();
+    for (const Bytes& message : m_flightMessages) {
+      if (nDistance < message.size()) damaged[nStart + nDistance] = static_cast<BYTE>(~damaged[nStart + nDistance]);
+      nStart += message.size();
     }
     StartOver();
-    FeedInChunks(Damaged, 1500);
+    FeedInChunks(damaged, 1500);
     ExpectOnlyWholeMessages();
     if (HasFailure()) FAIL() << "distance " << nDistance;
   }
 }
 
 TEST_F(FlightTest, DamagedValuesAreCountedAsCorrupted) {
-  if (m_FlightMessages.empty()) return;
-  const Bytes& Good = m_FlightMessages[0];
+  if (m_flightMessages.empty()) return;
+  const Bytes& good = m_flightMessages[0];
   // The time stamp comes first: tag, length, eight bytes.
   for (size_t nAt = 20; nAt < 28; nAt++) {
-    Bytes Damaged = Good;
-    Damaged[nAt] = static_cast<BYTE>(Damaged[nAt] ^ 0x40);
+    Bytes damaged = good;
+    damaged[nAt] = static_cast<BYTE>(damaged[nAt] ^ 0x40);
     StartOver();
-    Feed(Damaged + Good);
-    EXPECT_EQ(m_Messages, std::vector<Bytes>{Good});
+    Feed(damaged + good);
+    EXPECT_EQ(m_messages, std::vector<Bytes>{good});
     EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
   }
 }
 
 TEST_F(StreamTest, StandardsSampleWithItemsLeftOutCountsAsCorrupted) {
-  const auto Sample = LoadRecording(METADATA_SHARED_DATA_DIR, "st0601_sample.klv");
-  if (!Sample) {
+  const auto sample = LoadRecording(METADATA_SHARED_DATA_DIR, "st0601_sample.klv");
+  if (!sample) {
     std::cout << "no st0601_sample.klv in " METADATA_SHARED_DATA_DIR << "\n";
     return;
   }
-  Feed(*Sample);
-  EXPECT_TRUE(m_Messages.empty());
+  Feed(*sample);
+  EXPECT_TRUE(m_messages.empty());
   EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
 }
 
 TEST_F(StreamTest, RandomBytesNeverSpoilTheStream) {
-  std::mt19937 Random(42);
-  const Bytes Lengths = {0x00, 0x05, 0x7F, 0x80, 0x81, 0x82, 0x83, 0x84, 0xFF};
-  const Bytes Designators = {0x01, 0x02, 0x03, 0x04, 0x05, 0x0B, 0x13, 0x1B, 0x22, 0x24, 0x63, 0x7B, 0xFF};
+  std::mt19937 random(42);
+  const Bytes lengths = {0x00, 0x05, 0x7F, 0x80, 0x81, 0x82, 0x83, 0x84, 0xFF};
+  const Bytes designators = {0x01, 0x02, 0x03, 0x04, 0x05, 0x0B, 0x13, 0x1B, 0x22, 0x24, 0x63, 0x7B, 0xFF};
   for (int nRound = 0; nRound < 300; nRound++) {
-    Bytes Stream;
-    while (Stream.size() < 2000) {
-      Bytes Key = UasKey();
-      if (Random() % 2) Key[5] = Designators[Random() % Designators.size()];
-      if (Random() % 4 == 0) Key.resize(1 + Random() % 16);
-      Stream = Stream + Key + Bytes{Lengths[Random() % Lengths.size()]};
-      for (size_t n = Random() % 60; n > 0; n--)
-        Stream.push_back(static_cast<BYTE>(Random() % 2 ? Random() : Random() % 4));
-      if (Random() % 4 == 0) Stream = Stream + WellFormedMessage();
+    Bytes stream;
+    while (stream.size() < 2000) {
+      Bytes key = UasKey();
+      if (random() % 2) key[5] = designators[random() % designators.size()];
+      if (random() % 4 == 0) key.resize(1 + random() % 16);
+      stream = stream + key + Bytes{lengths[random() % lengths.size()]};
+      for (size_t n = random() % 60; n > 0; n--)
+        stream.push_back(static_cast<BYTE>(random() % 2 ? random() : random() % 4));
+      if (random() % 4 == 0) stream = stream + WellFormedMessage();
     }
     StartOver();
-    for (size_t nAt = 0; nAt < Stream.size();) {
-      const size_t nEnd = std::min(Stream.size(), nAt + 1 + Random() % (Random() % 2 ? 20 : 400));
-      Feed(Stream, nAt, nEnd);
+    for (size_t nAt = 0; nAt < stream.size();) {
+      const size_t nEnd = std::min(stream.size(), nAt + 1 + random() % (random() % 2 ? 20 : 400));
+      Feed(stream, nAt, nEnd);
       nAt = nEnd;
-      if (Random() % 16 == 0) host().Advance(501);
+      if (random() % 16 == 0) host().Advance(501);
     }
     ExpectOnlyWholeMessages();
     if (HasFailure()) FAIL() << "round " << nRound;
@@ -196,13 +196,13 @@ TEST_F(StreamTest, RandomBytesNeverSpoilTheStream) {
 
 class CostTest : public StreamTest {
  protected:
-  size_t MovedBy(const Bytes& Stream, size_t nChunk) {
+  size_t MovedBy(const Bytes& stream, size_t nChunk) {
     g_nMoved = 0;
-    for (size_t nAt = 0; nAt < Stream.size();) {
-      const size_t nEnd = std::min(Stream.size(), nAt + nChunk);
-      const Bytes Chunk(Stream.begin() + static_cast<ptrdiff_t>(nAt), Stream.begin() + static_cast<ptrdiff_t>(nEnd));
+    for (size_t nAt = 0; nAt < stream.size();) {
+      const size_t nEnd = std::min(stream.size(), nAt + nChunk);
+      const Bytes chunk(stream.begin() + static_cast<ptrdiff_t>(nAt), stream.begin() + static_cast<ptrdiff_t>(nEnd));
       g_bCounting = true;
-      GenericKLV_ProcessRxData(m_pvCtxt, Chunk.data(), static_cast<int>(Chunk.size()));
+      GenericKLV_ProcessRxData(m_pvCtxt, chunk.data(), static_cast<int>(chunk.size()));
       g_bCounting = false;
       nAt = nEnd;
     }
@@ -210,36 +210,36 @@ class CostTest : public StreamTest {
   }
 };
 
-Bytes Repeated(const Bytes& What, size_t nSize) {
-  Bytes Stream;
-  while (Stream.size() < nSize) Stream.insert(Stream.end(), What.begin(), What.end());
-  return Stream;
+Bytes Repeated(const Bytes& what, size_t nSize) {
+  Bytes stream;
+  while (stream.size() < nSize) stream.insert(stream.end(), what.begin(), what.end());
+  return stream;
 }
 
 TEST_F(CostTest, NestedSyncPatternsMoveEachByteOnceAtMost) {
-  const Bytes Pattern = {0x06, 0x0E, 0x2B, 0x34, 0x02};
-  const std::vector<Bytes> Hostile = {
-      Pattern,                           // unknown designators
+  const Bytes pattern = {0x06, 0x0E, 0x2B, 0x34, 0x02};
+  const std::vector<Bytes> hostile = {
+      pattern,                           // unknown designators
       UasKey() + Hex("83"),              // lengths of no form
       UasKey() + Hex("82 FF FF"),        // each the head of a largest message
       UasKey() + Hex("82 FF FF 03 7F"),  // the same, with items
       UasKey() + Hex("00"),
       UasKey() + Hex("81 20"),
   };
-  for (const Bytes& What : Hostile) {
-    const Bytes Stream = UasKey() + Hex("82 FF FF") + Repeated(What, 90000);
-    for (const size_t nChunk : {size_t{100}, size_t{1500}, Stream.size()}) {
+  for (const Bytes& what : hostile) {
+    const Bytes stream = UasKey() + Hex("82 FF FF") + Repeated(what, 90000);
+    for (const size_t nChunk : {size_t{100}, size_t{1500}, stream.size()}) {
       StartOver();
-      EXPECT_LE(MovedBy(Stream, nChunk), Stream.size() + Stream.size() / nChunk * 16)
-          << What.size() << " in chunks of " << nChunk;
+      EXPECT_LE(MovedBy(stream, nChunk), stream.size() + stream.size() / nChunk * 16)
+          << what.size() << " in chunks of " << nChunk;
     }
   }
 }
 
 TEST_F(CostTest, FullBufferOfSyncPatternsIsGivenUpInOneChunk) {
   // A largest message all but its last byte, full of sync patterns; then time runs out.
-  const Bytes Head = UasKey() + Hex("82 FF FF");
-  Feed(Head + Repeated(Hex("06 0E 2B 34 02"), 65000));
+  const Bytes head = UasKey() + Hex("82 FF FF");
+  Feed(head + Repeated(Hex("06 0E 2B 34 02"), 65000));
   ExpectState(KLV_STATE_ACQUIRING_DATA, 19 + 65000);
   host().Advance(600);
   EXPECT_LE(MovedBy(Hex("AA"), 1), 65019u);

@@ -30,25 +30,25 @@ class DecoderTest : public HostTest {
   void StartOver() {
     FreeKlvDecodeContext(&m_pvCtxt);
     AllocKlvDecodeContext(&m_pvCtxt, &Collect, this);
-    m_Messages.clear();
+    m_messages.clear();
     m_nFed = 0;
   }
 
   // Feeds a chunk from a block of exactly its size, so that a read past its end is seen.
-  void Feed(const Bytes& Chunk) { Feed(Chunk, 0, Chunk.size()); }
-  void Feed(const Bytes& From, size_t nBegin, size_t nEnd) {
+  void Feed(const Bytes& chunk) { Feed(chunk, 0, chunk.size()); }
+  void Feed(const Bytes& from, size_t nBegin, size_t nEnd) {
     const std::unique_ptr<BYTE[]> pcExact(new BYTE[nEnd - nBegin + 1]);
-    std::copy(From.begin() + static_cast<ptrdiff_t>(nBegin), From.begin() + static_cast<ptrdiff_t>(nEnd),
+    std::copy(from.begin() + static_cast<ptrdiff_t>(nBegin), from.begin() + static_cast<ptrdiff_t>(nEnd),
               pcExact.get() + 1);
     EXPECT_EQ(GenericKLV_ProcessRxData(m_pvCtxt, pcExact.get() + 1, static_cast<int>(nEnd - nBegin)), 0);
     m_nFed += nEnd - nBegin;
   }
   // The same in chunks of one size, the first of which may be shorter.
-  void FeedInChunks(const Bytes& Stream, size_t nChunk, size_t nFirst = 0) {
-    size_t nAt = std::min(nFirst, Stream.size());
-    if (nAt > 0) Feed(Stream, 0, nAt);
-    for (; nAt < Stream.size(); nAt += std::min(nChunk, Stream.size() - nAt))
-      Feed(Stream, nAt, std::min(nAt + nChunk, Stream.size()));
+  void FeedInChunks(const Bytes& stream, size_t nChunk, size_t nFirst = 0) {
+    size_t nAt = std::min(nFirst, stream.size());
+    if (nAt > 0) Feed(stream, 0, nAt);
+    for (; nAt < stream.size(); nAt += std::min(nChunk, stream.size() - nAt))
+      Feed(stream, nAt, std::min(nAt + nChunk, stream.size()));
   }
 
   void ExpectState(int nState, int nStored, Where where = Where::Caller()) {
@@ -60,19 +60,19 @@ class DecoderTest : public HostTest {
   void ExpectCountersAddUp(Where where = Where::Caller()) {
     ::testing::ScopedTrace trace(where.file, where.line, "counters");
     EXPECT_EQ(Stats().nTotalRxBytes, m_nFed);
-    EXPECT_EQ(Stats().nRxOkMessages, m_Messages.size());
+    EXPECT_EQ(Stats().nRxOkMessages, m_messages.size());
     EXPECT_EQ(Context().Stats.nRxChannel1Messages, 0u);
   }
 
   static void Collect(MDATA_BUFFER* pBuff, void* pvUserParam1) {
     auto* pTest = static_cast<DecoderTest*>(pvUserParam1);
-    pTest->m_Messages.emplace_back(pBuff->pcData, pBuff->pcData + pBuff->nDataSize);
+    pTest->m_messages.emplace_back(pBuff->pcData, pBuff->pcData + pBuff->nDataSize);
     pTest->m_pLast = pBuff;
     if (pTest->m_bKeep) __atomic_add_fetch(&pBuff->nRefCount, 1, __ATOMIC_RELAXED);
   }
 
   void* m_pvCtxt = nullptr;
-  std::vector<Bytes> m_Messages;
+  std::vector<Bytes> m_messages;
   MDATA_BUFFER* m_pLast = nullptr;
   bool m_bKeep = false;
   size_t m_nFed = 0;

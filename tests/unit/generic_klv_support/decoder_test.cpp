@@ -9,8 +9,8 @@ using ::testing::ElementsAre;
 
 const Bytes kSync = {0x06, 0x0E, 0x2B, 0x34, 0x02};
 
-Bytes Part(const Bytes& Of, size_t nBegin, size_t nEnd = SIZE_MAX) {
-  return {Of.begin() + static_cast<ptrdiff_t>(nBegin), Of.begin() + static_cast<ptrdiff_t>(std::min(nEnd, Of.size()))};
+Bytes Part(const Bytes& of, size_t nBegin, size_t nEnd = SIZE_MAX) {
+  return {of.begin() + static_cast<ptrdiff_t>(nBegin), of.begin() + static_cast<ptrdiff_t>(std::min(nEnd, of.size()))};
 }
 
 // A good message that differs from its siblings.
@@ -24,10 +24,10 @@ Bytes OfValueSize(size_t nValue) {
 }
 
 std::vector<std::string> TextsOfLevel(int nLevel) {
-  std::vector<std::string> Texts;
-  for (const LogLine& Line : host().Logs())
-    if (Line.level == nLevel && Line.file == "generic_klv_support") Texts.push_back(Line.text);
-  return Texts;
+  std::vector<std::string> texts;
+  for (const LogLine& line : host().Logs())
+    if (line.level == nLevel && line.file == "generic_klv_support") texts.push_back(line.text);
+  return texts;
 }
 
 // --- Contexts --------------------------------------------------------------------------------------------
@@ -53,10 +53,10 @@ TEST_F(DecoderTest, WithoutMemoryForTheBufferTheContextIsDeaf) {
   host().FailNext("calloc", {.skip = 1});
   EXPECT_TRUE(AllocKlvDecodeContext(&pvCtxt, &Collect, this));
   ExpectAssertion("AllocBuffer(65536, &pCtxt->pDecodeBuffer)");
-  const Bytes Message = WellFormedMessage();
-  EXPECT_EQ(GenericKLV_ProcessRxData(pvCtxt, Message.data(), static_cast<int>(Message.size())), 0);
-  EXPECT_EQ(GenericKLV_GetStatsPtr(pvCtxt)->nTotalRxBytes, Message.size());
-  EXPECT_TRUE(m_Messages.empty());
+  const Bytes message = WellFormedMessage();
+  EXPECT_EQ(GenericKLV_ProcessRxData(pvCtxt, message.data(), static_cast<int>(message.size())), 0);
+  EXPECT_EQ(GenericKLV_GetStatsPtr(pvCtxt)->nTotalRxBytes, message.size());
+  EXPECT_TRUE(m_messages.empty());
   EXPECT_TRUE(FreeKlvDecodeContext(&pvCtxt));
   EXPECT_EQ(pvCtxt, nullptr);
 }
@@ -83,37 +83,37 @@ TEST_F(DecoderTest, IncompleteKeyBehindADiscardedOneStandsAtTheStartOfTheMemory)
 
 TEST_F(DecoderTest, StatisticsLeaveTheChannelCounterToTheCaller) {
   *GenericKLV_GetStatsPtr(m_pvCtxt) = {1, 2, 3, 4};
-  KLV_STATS Got = {70, 70, 70, 70};
-  EXPECT_TRUE(GenericKLV_GetStats(m_pvCtxt, &Got));
-  EXPECT_EQ(Got.nTotalRxBytes, 1u);
-  EXPECT_EQ(Got.nRxOkMessages, 2u);
-  EXPECT_EQ(Got.nRxChannel1Messages, 70u);
-  EXPECT_EQ(Got.nRxCorruptedMessages, 4u);
+  KLV_STATS got = {70, 70, 70, 70};
+  EXPECT_TRUE(GenericKLV_GetStats(m_pvCtxt, &got));
+  EXPECT_EQ(got.nTotalRxBytes, 1u);
+  EXPECT_EQ(got.nRxOkMessages, 2u);
+  EXPECT_EQ(got.nRxChannel1Messages, 70u);
+  EXPECT_EQ(got.nRxCorruptedMessages, 4u);
   GenericKLV_ResetStats(m_pvCtxt);
   EXPECT_EQ(Context().Stats.nTotalRxBytes + Context().Stats.nRxOkMessages + Context().Stats.nRxCorruptedMessages, 0u);
   EXPECT_EQ(Context().Stats.nRxChannel1Messages, 3u);
 }
 
 TEST_F(DecoderTest, StatisticsAreLoadedFromThoseOfTheSource) {
-  MDATA_SRC_STATS Source = {};
-  Source.nRxBytes = 100;
-  Source.prot.KLV.nRxUASMessages = 9;
-  Source.nRxOkMessages = 10;
-  Source.nRxCorruptMessages = 1;
-  GenericKLV_SetStats(m_pvCtxt, &Source);
-  const KLV_STATS& Now = *GenericKLV_GetStatsPtr(m_pvCtxt);
-  EXPECT_EQ(Now.nTotalRxBytes, 100u);
-  EXPECT_EQ(Now.nRxOkMessages, 10u);
-  EXPECT_EQ(Now.nRxChannel1Messages, 0u);
-  EXPECT_EQ(Now.nRxCorruptedMessages, 1u);
+  MDATA_SRC_STATS source = {};
+  source.nRxBytes = 100;
+  source.prot.KLV.nRxUASMessages = 9;
+  source.nRxOkMessages = 10;
+  source.nRxCorruptMessages = 1;
+  GenericKLV_SetStats(m_pvCtxt, &source);
+  const KLV_STATS& now = *GenericKLV_GetStatsPtr(m_pvCtxt);
+  EXPECT_EQ(now.nTotalRxBytes, 100u);
+  EXPECT_EQ(now.nRxOkMessages, 10u);
+  EXPECT_EQ(now.nRxChannel1Messages, 0u);
+  EXPECT_EQ(now.nRxCorruptedMessages, 1u);
 }
 
 // --- Whole messages --------------------------------------------------------------------------------------
 
 TEST_F(DecoderTest, MessageInOneChunkTellsEveryStep) {
-  const Bytes Message = UasMessage().Item(5, {1, 2}).Checksum().Build();
-  Feed(Message);
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  const Bytes message = UasMessage().Item(5, {1, 2}).Checksum().Build();
+  Feed(message);
+  EXPECT_THAT(m_messages, ElementsAre(message));
   EXPECT_THAT(
       TextsOfLevel(7),
       ElementsAre("Received data in SCANNING_FOR_HEADER state\n", "ScanForPattern returned 5\n",
@@ -132,14 +132,14 @@ TEST_F(DecoderTest, MessageInOneChunkTellsEveryStep) {
 
 TEST_F(DecoderTest, MessageComesInABufferOfItsOwnWithAReserve) {
   m_bKeep = true;
-  const Bytes Message = WellFormedMessage();
-  Feed(Message);
-  ASSERT_EQ(m_Messages.size(), 1u);
+  const Bytes message = WellFormedMessage();
+  Feed(message);
+  ASSERT_EQ(m_messages.size(), 1u);
   EXPECT_EQ(m_pLast->nRefCount, 1);  // the one the handler took
   EXPECT_EQ(m_pLast->pcData - static_cast<BYTE*>(m_pLast->pvAllocPtr),
             static_cast<ptrdiff_t>(sizeof(MDATA_BUFFER)) + 5);
   EXPECT_EQ(Bytes(m_pLast->pcData - 5, m_pLast->pcData), Bytes(5, 0));
-  EXPECT_EQ(Context().pDecodeBuffer->nDataSize, static_cast<int>(Message.size()));
+  EXPECT_EQ(Context().pDecodeBuffer->nDataSize, static_cast<int>(message.size()));
   DoReleaseBuffer(&m_pLast);
 }
 
@@ -154,16 +154,16 @@ TEST_F(DecoderTest, KeptMessageOutlivesTheNext) {
 }
 
 TEST_F(DecoderTest, GarbageBehindAMessageIsScannedAndDropped) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Message + Hex("AA BB CC"));
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  const Bytes message = WellFormedMessage();
+  Feed(message + Hex("AA BB CC"));
+  EXPECT_THAT(m_messages, ElementsAre(message));
   ExpectLog(7, "RECEIVED 3 EXTRA BYTE\n");
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
 }
 
 TEST_F(DecoderTest, GarbageInFrontOfAMessageIsDropped) {
   Feed(Hex("06 0E 2B 06 AA") + Numbered(1));
-  EXPECT_THAT(m_Messages, ElementsAre(Numbered(1)));
+  EXPECT_THAT(m_messages, ElementsAre(Numbered(1)));
   EXPECT_EQ(Stats().nRxCorruptedMessages, 0u);
 }
 
@@ -175,53 +175,53 @@ TEST_F(DecoderTest, ChunkWithoutASyncPatternIsDropped) {
 }
 
 TEST_F(DecoderTest, TwoMessagesInOneChunkComeInTheirOrder) {
-  const Bytes Second = Numbered(2);
-  Feed(Numbered(1) + Second);
-  EXPECT_THAT(m_Messages, ElementsAre(Numbered(1), Second));
-  ExpectLog(7, "RECEIVED " + std::to_string(Second.size()) + " EXTRA BYTE\n");
-  ExpectLog(7, "Stored amount = " + std::to_string(Second.size()) + ", match offset=0\n");
+  const Bytes second = Numbered(2);
+  Feed(Numbered(1) + second);
+  EXPECT_THAT(m_messages, ElementsAre(Numbered(1), second));
+  ExpectLog(7, "RECEIVED " + std::to_string(second.size()) + " EXTRA BYTE\n");
+  ExpectLog(7, "Stored amount = " + std::to_string(second.size()) + ", match offset=0\n");
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
   ExpectCountersAddUp();
 }
 
 TEST_F(DecoderTest, MessageWithoutItemsIsAMessage) {
-  const Bytes Empty = UasMessage().Build();
-  Feed(Empty);
-  EXPECT_THAT(m_Messages, ElementsAre(Empty));
+  const Bytes empty = UasMessage().Build();
+  Feed(empty);
+  EXPECT_THAT(m_messages, ElementsAre(empty));
 }
 
 // --- Messages in pieces ----------------------------------------------------------------------------------
 
 TEST_F(DecoderTest, SyncPatternCutOffAtTheEndOfAChunkIsCompleted) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 3));
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 3));
   ExpectLog(7, "Switching to IN_PARTIAL_SYNC state\n");
   ExpectState(KLV_STATE_IN_PARTIAL_SYNC, 3);
-  Feed(Part(Message, 3));
+  Feed(Part(message, 3));
   ExpectLog(7, "Received data in IN_PARTIAL_SYNC state\n");
   ExpectLog(7, "FULL SYNC achieved\n");
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  EXPECT_THAT(m_messages, ElementsAre(message));
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
 }
 
 TEST_F(DecoderTest, SyncPatternMayComeByteByByte) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 1));
-  Feed(Part(Message, 1, 2));
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 1));
+  Feed(Part(message, 1, 2));
   ExpectLog(7, "Staying in IN_PARTIAL_SYNC state\n");
-  Feed(Part(Message, 2, 4));
+  Feed(Part(message, 2, 4));
   ExpectLog(7, "Staying in IN_PARTIAL_SYNC state\n");
   ExpectState(KLV_STATE_IN_PARTIAL_SYNC, 4);
-  Feed(Part(Message, 4));
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  Feed(Part(message, 4));
+  EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
 TEST_F(DecoderTest, PartialSyncThatDoesNotGoOnIsDroppedAndTheChunkScanned) {
-  const Bytes Message = WellFormedMessage();
+  const Bytes message = WellFormedMessage();
   Feed(Part(kSync, 0, 3));
-  Feed(Hex("34 AA") + Message);
+  Feed(Hex("34 AA") + message);
   ExpectLog(7, "No match comparing 2 bytes, stored amount=3 re-scanning\n");
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  EXPECT_THAT(m_messages, ElementsAre(message));
   EXPECT_EQ(Stats().nRxCorruptedMessages, 0u);
   Feed(Part(kSync, 0, 4));
   Feed(Hex("AA"));
@@ -230,77 +230,77 @@ TEST_F(DecoderTest, PartialSyncThatDoesNotGoOnIsDroppedAndTheChunkScanned) {
 }
 
 TEST_F(DecoderTest, KeyCutOffAtTheEndOfAChunkIsCompleted) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 15));
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 15));
   ExpectLog(7, "Got the start pattern\n");
   ExpectLog(7, "Switching to ACQUIRING_UNIVERSAL_KEY state\n");
   ExpectState(KLV_STATE_ACQUIRING_UNIVERSAL_KEY, 15);
   host().ClearLogs();
-  Feed(Part(Message, 15));
+  Feed(Part(message, 15));
   ExpectLog(7, "Received data in ACQUIRING_LENGTH state\n");  // the text of the next state
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
 TEST_F(DecoderTest, KeyWithoutItsLengthWaitsForIt) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 16));
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 16));
   ExpectLog(7, "Switching to ACQUIRING_DATA_LENGTH state\n");
   ExpectState(KLV_STATE_ACQUIRING_DATA_LENGTH, 16);
   host().Advance(250);
-  Feed(Part(Message, 16));
+  Feed(Part(message, 16));
   ExpectLog(7, "Current  1704164645.250\n");
   ExpectLog(7, "Interval 0.250\n");
   ExpectLog(7, "Received data in ACQUIRING_LENGTH state\n");
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
 TEST_F(DecoderTest, KeyCompletedByItsLastByteWaitsForTheLength) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 15));
-  Feed(Part(Message, 15, 16));
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 15));
+  Feed(Part(message, 15, 16));
   ExpectState(KLV_STATE_ACQUIRING_DATA_LENGTH, 16);
-  Feed(Part(Message, 16));
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  Feed(Part(message, 16));
+  EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
 TEST_F(DecoderTest, LongFormCutInsideItsBytesWaitsForThem) {
-  const Bytes Message = OfValueSize(300);
-  Feed(Part(Message, 0, 18));
+  const Bytes message = OfValueSize(300);
+  Feed(Part(message, 0, 18));
   ExpectLog(7, "Header length field is 2 bytes long\n");
   ExpectLog(7, "Stored amount 18 is less than header size of 19, switching to ACQUIRING_DATA_LENGTH\n");
   ExpectState(KLV_STATE_ACQUIRING_DATA_LENGTH, 18);
-  Feed(Part(Message, 18));
+  Feed(Part(message, 18));
   ExpectLog(7, "Data length for 2 bytes BER long form is 308\n");
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
 TEST_F(DecoderTest, BodyInPiecesIsGathered) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 20));
-  ExpectLog(7, "Stored amount 20 is less than message size of " + std::to_string(Message.size()) +
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 20));
+  ExpectLog(7, "Stored amount 20 is less than message size of " + std::to_string(message.size()) +
                    ", switching to ACQUIRING_DATA\n");
   ExpectState(KLV_STATE_ACQUIRING_DATA, 20);
-  Feed(Part(Message, 20, 21));
+  Feed(Part(message, 20, 21));
   ExpectLog(7, "Received data in GATHERING_DATA state\n");
-  Feed(Part(Message, 21) + Numbered(2));
-  EXPECT_THAT(m_Messages, ElementsAre(Message, Numbered(2)));
+  Feed(Part(message, 21) + Numbered(2));
+  EXPECT_THAT(m_messages, ElementsAre(message, Numbered(2)));
   ExpectCountersAddUp();
 }
 
 TEST_F(DecoderTest, EmptyChunkIsOnlyNoticedWhileAMessageIsTimed) {
-  const Bytes Message = WellFormedMessage();
+  const Bytes message = WellFormedMessage();
   Feed({});
-  Feed(Part(Message, 0, 2));
+  Feed(Part(message, 0, 2));
   host().ClearLogs();
   Feed({});
-  Feed(Part(Message, 2, 10));
+  Feed(Part(message, 2, 10));
   StartOver();
-  Feed(Part(Message, 0, 10));
+  Feed(Part(message, 0, 10));
   host().ClearLogs();
   Feed({});
   EXPECT_TRUE(host().Logs().empty());
   ExpectState(KLV_STATE_ACQUIRING_UNIVERSAL_KEY, 10);
-  Feed(Part(Message, 10, 40));
+  Feed(Part(message, 10, 40));
   ExpectState(KLV_STATE_ACQUIRING_DATA, 40);
   host().ClearLogs();
   Feed({});
@@ -324,13 +324,13 @@ TEST_F(DecoderTest, ShortKeyInANewBufferHasAnUnknownDesignator) {
 }
 
 TEST_F(DecoderTest, ShortKeyIsReadFromWhatTheBufferHoldsOfTheLastMessage) {
-  const Bytes First = UasMessage().Item(3, Bytes(120, 'x')).Checksum().Build();
-  ASSERT_EQ(First[16], 0x7E);
-  const Bytes Second = Numbered(2);
-  Feed(First);
+  const Bytes first = UasMessage().Item(3, Bytes(120, 'x')).Checksum().Build();
+  ASSERT_EQ(first[16], 0x7E);
+  const Bytes second = Numbered(2);
+  Feed(first);
   host().ClearLogs();
-  Feed(Part(Second, 0, 4));
-  Feed(Part(Second, 4, 5));
+  Feed(Part(second, 0, 4));
+  Feed(Part(second, 4, 5));
   ExpectLog(7, "LocalTAGFieldSize=-1 , LengthFieldSize=0 for registry designator 0x0B.\n");
   ExpectLog(7, "Message size is 143.\n");
   ExpectLog(7, "Stored amount 5 is less than message size of 143, switching to ACQUIRING_DATA\n");
@@ -338,49 +338,49 @@ TEST_F(DecoderTest, ShortKeyIsReadFromWhatTheBufferHoldsOfTheLastMessage) {
 }
 
 TEST_F(DecoderTest, GuessedLengthIsReadAgainOnceItIsThere) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 7));
-  Feed(Part(Message, 7, 14));
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 7));
+  Feed(Part(message, 7, 14));
   ExpectLog(7, "Message size is 17.\n");  // a new buffer holds zeros
   ExpectState(KLV_STATE_ACQUIRING_DATA, 14);
-  Feed(Part(Message, 14, 16));
+  Feed(Part(message, 14, 16));
   ExpectState(KLV_STATE_ACQUIRING_DATA, 16);
-  Feed(Part(Message, 16) + Numbered(2));
-  EXPECT_THAT(m_Messages, ElementsAre(Message, Numbered(2)));
+  Feed(Part(message, 16) + Numbered(2));
+  EXPECT_THAT(m_messages, ElementsAre(message, Numbered(2)));
   EXPECT_EQ(Stats().nRxCorruptedMessages, 0u);
   ExpectCountersAddUp();
 }
 
 TEST_F(DecoderTest, GuessedDesignatorIsReadAgainOnceItIsThere) {
-  const Bytes Fixed = UasMessage().Key(Hex("060E2B34024301010E01030101000000")).Raw(Hex("07 00 01 AA")).Build();
+  const Bytes fixed = UasMessage().Key(Hex("060E2B34024301010E01030101000000")).Raw(Hex("07 00 01 AA")).Build();
   Feed(Numbered(1));
-  Feed(Part(Fixed, 0, 2));
-  Feed(Part(Fixed, 2, 5));
+  Feed(Part(fixed, 0, 2));
+  Feed(Part(fixed, 2, 5));
   ExpectLog(7, "LocalTAGFieldSize=-1 , LengthFieldSize=0 for registry designator 0x0B.\n");
-  Feed(Part(Fixed, 5));
+  Feed(Part(fixed, 5));
   ExpectLog(7, "LocalTAGFieldSize=1 , LengthFieldSize=2 for registry designator 0x43.\n");
-  EXPECT_THAT(m_Messages, ElementsAre(Numbered(1), Fixed));
+  EXPECT_THAT(m_messages, ElementsAre(Numbered(1), fixed));
 }
 
 TEST_F(DecoderTest, LengthLookedAtByAnEmptyChunkIsReadAgain) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 16));
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 16));
   Feed({});
   ExpectState(KLV_STATE_ACQUIRING_DATA, 16);
-  Feed(Part(Message, 16));
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  Feed(Part(message, 16));
+  EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
 TEST_F(DecoderTest, ShortKeyKeepsItsStartTime) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 7));
-  Feed(Part(Message, 7, 14));
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 7));
+  Feed(Part(message, 7, 14));
   host().Advance(400);
-  Feed(Part(Message, 14, 18));
+  Feed(Part(message, 14, 18));
   host().Advance(200);
-  Feed(Part(Message, 18));
+  Feed(Part(message, 18));
   ExpectLog(4, "TIMEOUT waiting for message data\n");
-  EXPECT_TRUE(m_Messages.empty());
+  EXPECT_TRUE(m_messages.empty());
 }
 
 // --- Lengths ---------------------------------------------------------------------------------------------
@@ -418,76 +418,76 @@ TEST_F(DecoderTest, EveryOtherLongFormIsDiscarded) {
 
 TEST_F(DecoderTest, EveryLengthInEveryFormIsOneMessage) {
   host().SetLevel("METADATALIB", 0);
-  for (const auto Form : {UasMessage::Length::Shortest, UasMessage::Length::Long1, UasMessage::Length::Long2}) {
+  for (const auto form : {UasMessage::Length::Shortest, UasMessage::Length::Long1, UasMessage::Length::Long2}) {
     for (size_t nValue = 0; nValue <= 240; nValue++) {
-      const Bytes Message = UasMessage().Item(3, Bytes(nValue, 'x')).Checksum().LengthForm(Form).Build();
+      const Bytes message = UasMessage().Item(3, Bytes(nValue, 'x')).Checksum().LengthForm(form).Build();
       StartOver();
-      Feed(Message);
-      ASSERT_THAT(m_Messages, ElementsAre(Message)) << nValue;
+      Feed(message);
+      ASSERT_THAT(m_messages, ElementsAre(message)) << nValue;
     }
   }
 }
 
 TEST_F(DecoderTest, LargestMessagePassesTheSpaceTestAndIsDelivered) {
-  const Bytes Message = OfValueSize(65535 - 4 - 4);
-  ASSERT_EQ(Message.size(), 19u + 65535u);
-  Feed(Part(Message, 0, 1000));
+  const Bytes message = OfValueSize(65535 - 4 - 4);
+  ASSERT_EQ(message.size(), 19u + 65535u);
+  Feed(Part(message, 0, 1000));
   ExpectLog(7, "Buffer Space for data is 65565 bytes.\n");
   ExpectState(KLV_STATE_ACQUIRING_DATA, 1000);
   EXPECT_EQ(Context().nMsgSize, 65554);
-  Feed(Part(Message, 1000));
-  EXPECT_THAT(m_Messages, ElementsAre(Message));
+  Feed(Part(message, 1000));
+  EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
 TEST_F(DecoderTest, LargestMessageWithMuchMoreBehindItInOneChunk) {
-  const Bytes Message = OfValueSize(65535 - 4 - 4);
-  Bytes Stream = Part(Message, 0, 65553);
-  Feed(Stream);
+  const Bytes message = OfValueSize(65535 - 4 - 4);
+  Bytes stream = Part(message, 0, 65553);
+  Feed(stream);
   ExpectState(KLV_STATE_ACQUIRING_DATA, 65553);
-  Feed(Part(Message, 65553) + Message + Numbered(1) + Message + Part(Message, 0, 65000));
-  EXPECT_THAT(m_Messages, ElementsAre(Message, Message, Numbered(1), Message));
+  Feed(Part(message, 65553) + message + Numbered(1) + message + Part(message, 0, 65000));
+  EXPECT_THAT(m_messages, ElementsAre(message, message, Numbered(1), message));
   ExpectState(KLV_STATE_ACQUIRING_DATA, 65000);
   ExpectCountersAddUp();
 }
 
 TEST_F(DecoderTest, KeyCutByTheSlicesOfALongChunkIsReadWhole) {
   host().SetLevel("METADATALIB", 0);
-  const Bytes Message = Numbered(1);
+  const Bytes message = Numbered(1);
   for (size_t nBeforeTheCut = 1; nBeforeTheCut < 16; nBeforeTheCut++) {
-    const Bytes Noise(65536 - nBeforeTheCut, 0xAA);
-    for (size_t nInChunk = nBeforeTheCut + 1; nInChunk <= Message.size(); nInChunk++) {
+    const Bytes noise(65536 - nBeforeTheCut, 0xAA);
+    for (size_t nInChunk = nBeforeTheCut + 1; nInChunk <= message.size(); nInChunk++) {
       StartOver();
-      Feed(Noise + Part(Message, 0, nInChunk));
-      Feed(Part(Message, nInChunk) + Bytes(16, 0xAA));
-      ASSERT_THAT(m_Messages, ElementsAre(Message)) << nBeforeTheCut << " " << nInChunk;
+      Feed(noise + Part(message, 0, nInChunk));
+      Feed(Part(message, nInChunk) + Bytes(16, 0xAA));
+      ASSERT_THAT(m_messages, ElementsAre(message)) << nBeforeTheCut << " " << nInChunk;
       ASSERT_EQ(Stats().nRxCorruptedMessages, 0u);
     }
   }
 }
 
 TEST_F(DecoderTest, LargestMessageInsideARejectedOneFindsRoom) {
-  const Bytes Inner = OfValueSize(65535 - 4 - 4);
-  const Bytes Outer = UasKey() + Hex("82 FF FF") + Bytes(32000, 'x') + Inner;
-  Feed(Part(Outer, 0, 65553));
+  const Bytes inner = OfValueSize(65535 - 4 - 4);
+  const Bytes outer = UasKey() + Hex("82 FF FF") + Bytes(32000, 'x') + inner;
+  Feed(Part(outer, 0, 65553));
   ExpectState(KLV_STATE_ACQUIRING_DATA, 65553);
-  Feed(Part(Outer, 65553, 75553));
+  Feed(Part(outer, 65553, 75553));
   EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
   ExpectState(KLV_STATE_ACQUIRING_DATA, 75553 - 32019);
   AllowLogs(4, "");
-  Feed(Part(Outer, 75553) + Bytes(43000, 'y') + Numbered(1));
-  EXPECT_THAT(m_Messages, ElementsAre(Inner, Numbered(1)));
+  Feed(Part(outer, 75553) + Bytes(43000, 'y') + Numbered(1));
+  EXPECT_THAT(m_messages, ElementsAre(inner, Numbered(1)));
   ExpectCountersAddUp();
 }
 
 // --- Designators -----------------------------------------------------------------------------------------
 
 TEST_F(DecoderTest, UnknownDesignatorIsDiscarded) {
-  Bytes Message = WellFormedMessage();
-  Message[5] = 0x06;
-  Feed(Message);
+  Bytes message = WellFormedMessage();
+  message[5] = 0x06;
+  Feed(message);
   ExpectLog(4, "Unrecognized registry designator (0x06).\n");
   ExpectLog(4, "Invalid registry designator, discarding data.\n");
-  EXPECT_TRUE(m_Messages.empty());
+  EXPECT_TRUE(m_messages.empty());
   EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
 }
 
@@ -497,17 +497,17 @@ TEST_F(DecoderTest, EveryDesignatorIsAcceptedByItsCodingOrDiscarded) {
   for (int nDesignator = 0; nDesignator < 256; nDesignator++) {
     int nTag = 0;
     int nLength = 0;
-    Bytes Item;
+    Bytes item;
     const bool bKnown = KLV_GetFieldInfoFromRegistryDesignator(static_cast<BYTE>(nDesignator), &nTag, &nLength);
     if (nTag == -1) nTag = 1;
-    Item = nTag == 12 ? Bytes{9, 9, 0} : Bytes(static_cast<size_t>(nTag), 9);
-    Item = Item + Bytes(static_cast<size_t>(nLength == 0 ? 0 : nLength - 1), 0) + Bytes{2, 0xAA, 0xBB};
-    Bytes Key = UasKey();
-    Key[5] = static_cast<BYTE>(nDesignator);
-    const Bytes Message = UasMessage().Key(Key).Raw(Item + Item).Build();
+    item = nTag == 12 ? Bytes{9, 9, 0} : Bytes(static_cast<size_t>(nTag), 9);
+    item = item + Bytes(static_cast<size_t>(nLength == 0 ? 0 : nLength - 1), 0) + Bytes{2, 0xAA, 0xBB};
+    Bytes key = UasKey();
+    key[5] = static_cast<BYTE>(nDesignator);
+    const Bytes message = UasMessage().Key(key).Raw(item + item).Build();
     StartOver();
-    Feed(Message);
-    EXPECT_EQ(m_Messages.size(), bKnown ? 1u : 0u) << nDesignator;
+    Feed(message);
+    EXPECT_EQ(m_messages.size(), bKnown ? 1u : 0u) << nDesignator;
     EXPECT_EQ(Stats().nRxCorruptedMessages, bKnown ? 0u : 1u) << nDesignator;
     nAccepted += bKnown ? 1 : 0;
   }
@@ -517,40 +517,40 @@ TEST_F(DecoderTest, EveryDesignatorIsAcceptedByItsCodingOrDiscarded) {
 // --- Discards --------------------------------------------------------------------------------------------
 
 TEST_F(DecoderTest, RejectedMessageIsScannedForTheNextOne) {
-  const Bytes Inner = Numbered(1);
-  Bytes Outer = UasMessage().Item(3, Inner).Checksum().Build();
-  Outer.back() = static_cast<BYTE>(Outer.back() ^ 1);
-  Feed(Outer);
+  const Bytes inner = Numbered(1);
+  Bytes outer = UasMessage().Item(3, inner).Checksum().Build();
+  outer.back() = static_cast<BYTE>(outer.back() ^ 1);
+  Feed(outer);
   ExpectLogContaining(4, "Calculated checksum (0x");
   ExpectLog(4, "Validator rejected message.\n");
-  EXPECT_THAT(m_Messages, ElementsAre(Inner));
+  EXPECT_THAT(m_messages, ElementsAre(inner));
   EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
   EXPECT_EQ(Stats().nRxOkMessages, 1u);
 }
 
 TEST_F(DecoderTest, LateDataDiscardsFiveBytesAndScansWhatWasHeld) {
-  const Bytes Inner = Numbered(1);
-  const Bytes Outer = UasMessage().Item(3, Inner).Item(4, Bytes(60, 'x')).Checksum().Build();
-  Feed(Part(Outer, 0, Outer.size() - 10));
-  ExpectState(KLV_STATE_ACQUIRING_DATA, static_cast<int>(Outer.size()) - 10);
-  EXPECT_TRUE(m_Messages.empty());
+  const Bytes inner = Numbered(1);
+  const Bytes outer = UasMessage().Item(3, inner).Item(4, Bytes(60, 'x')).Checksum().Build();
+  Feed(Part(outer, 0, outer.size() - 10));
+  ExpectState(KLV_STATE_ACQUIRING_DATA, static_cast<int>(outer.size()) - 10);
+  EXPECT_TRUE(m_messages.empty());
   host().Advance(600);
-  Feed(Part(Outer, Outer.size() - 10) + Numbered(2));
+  Feed(Part(outer, outer.size() - 10) + Numbered(2));
   ExpectLog(7, "Interval 0.600\n");
   ExpectLog(4, "TIMEOUT waiting for message data\n");
-  EXPECT_THAT(m_Messages, ElementsAre(Inner));  // the late chunk, with a message in it, is lost
+  EXPECT_THAT(m_messages, ElementsAre(inner));  // the late chunk, with a message in it, is lost
   EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
   ExpectCountersAddUp();
 }
 
 TEST_F(DecoderTest, LateDataInPlaceOfTheLengthIsLostToo) {
-  const Bytes Message = WellFormedMessage();
-  Feed(Part(Message, 0, 16));
+  const Bytes message = WellFormedMessage();
+  Feed(Part(message, 0, 16));
   host().Advance(600);
-  Feed(Part(Message, 16));
+  Feed(Part(message, 16));
   ExpectLog(4, "TIMEOUT waiting for message length\n");
-  EXPECT_TRUE(m_Messages.empty());
+  EXPECT_TRUE(m_messages.empty());
   EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
 }
@@ -560,29 +560,29 @@ TEST_F(DecoderTest, LateChunkIsLostWithAllItsSlices) {
   host().Advance(600);
   Feed(Bytes(70000, 0) + Numbered(1));
   ExpectLog(4, "TIMEOUT waiting for message data\n");
-  EXPECT_TRUE(m_Messages.empty());
+  EXPECT_TRUE(m_messages.empty());
   ExpectCountersAddUp();
 }
 
 TEST_F(DecoderTest, HalfASecondIsStillInTime) {
-  const Bytes Message = WellFormedMessage();
+  const Bytes message = WellFormedMessage();
   host().SetWallClock(5000, 100000);
-  Feed(Part(Message, 0, 30));
+  Feed(Part(message, 0, 30));
   host().SetWallClock(5000, 600000);
-  Feed(Part(Message, 30, 35));
+  Feed(Part(message, 30, 35));
   ExpectState(KLV_STATE_ACQUIRING_DATA, 35);
   host().SetWallClock(5000, 600001);
-  Feed(Part(Message, 35));
+  Feed(Part(message, 35));
   ExpectLog(4, "TIMEOUT waiting for message data\n");
-  EXPECT_TRUE(m_Messages.empty());
+  EXPECT_TRUE(m_messages.empty());
 }
 
 TEST_F(DecoderTest, ClockSetBackCountsAsLate) {
-  const Bytes Message = WellFormedMessage();
+  const Bytes message = WellFormedMessage();
   host().SetWallClock(5000);
-  Feed(Part(Message, 0, 30));
+  Feed(Part(message, 0, 30));
   host().SetWallClock(4999);
-  Feed(Part(Message, 30));
+  Feed(Part(message, 30));
   ExpectLog(4, "TIMEOUT waiting for message data\n");
 }
 
@@ -599,7 +599,7 @@ TEST_F(DecoderTest, FailedClockAssertsAndGoesOn) {
   host().FailNext("gettimeofday");
   Feed(WellFormedMessage());
   ExpectAssertion("gettimeofday(&pCtxt->MsgStartTime, NULL) == 0");
-  EXPECT_EQ(m_Messages.size(), 1u);
+  EXPECT_EQ(m_messages.size(), 1u);
 }
 
 TEST_F(DecoderTest, NoHandlerAssertsAndGoesOn) {
@@ -612,10 +612,10 @@ TEST_F(DecoderTest, NoHandlerAssertsAndGoesOn) {
 
 TEST_F(DecoderTest, WithoutMemoryTheMessageIsLostAndTheNextArrives) {
   host().FailNext("calloc");
-  const Bytes First = Numbered(1);
-  Feed(First + Numbered(2));
-  ExpectLog(4, "No memory for KLV message of " + std::to_string(First.size()) + " bytes.\n");
-  EXPECT_THAT(m_Messages, ElementsAre(Numbered(2)));
+  const Bytes first = Numbered(1);
+  Feed(first + Numbered(2));
+  ExpectLog(4, "No memory for KLV message of " + std::to_string(first.size()) + " bytes.\n");
+  EXPECT_THAT(m_messages, ElementsAre(Numbered(2)));
   EXPECT_EQ(Stats().nRxOkMessages, 2u);
 }
 

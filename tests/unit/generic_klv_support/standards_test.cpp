@@ -12,18 +12,18 @@ using ::testing::IsEmpty;
 constexpr char kTwice[] = "Intergrity item found more than once.\n";
 constexpr char kRejected[] = "Validator rejected message.\n";
 
-int HeaderSizeOf(const Bytes& Message) {
-  return Message[16] < 0x80 ? 17 : 17 + (Message[16] & 0x7F);
+int HeaderSizeOf(const Bytes& message) {
+  return message[16] < 0x80 ? 17 : 17 + (message[16] & 0x7F);
 }
 
 // A message whose checksum item stands anywhere: the sum over the whole, its two value bytes as zero.
 Bytes WithChecksumInTheMiddle() {
-  Bytes Message = UasMessage().Item(2, Bytes(8, 7)).Raw(Hex("01 02 00 00")).Item(5, {1, 2}).Item(15, {3, 4}).Build();
-  const WORD nSum = OwnChecksum(Message, Message.size());
+  Bytes message = UasMessage().Item(2, Bytes(8, 7)).Raw(Hex("01 02 00 00")).Item(5, {1, 2}).Item(15, {3, 4}).Build();
+  const WORD nSum = OwnChecksum(message, message.size());
   const size_t nValue = 17 + 10 + 2;
-  Message[nValue] = static_cast<BYTE>(nSum >> 8);
-  Message[nValue + 1] = static_cast<BYTE>(nSum);
-  return Message;
+  message[nValue] = static_cast<BYTE>(nSum >> 8);
+  message[nValue + 1] = static_cast<BYTE>(nSum);
+  return message;
 }
 
 std::string SumText(int nSum, int nLength) {
@@ -34,29 +34,29 @@ std::string SumText(int nSum, int nLength) {
 class ValidationTest : public HostTest {
  protected:
   // Checks a message that sits in a block of exactly its size, its items coded as its key says.
-  BOOL Validate(const Bytes& Message) {
-    EXPECT_TRUE(KLV_GetFieldInfoFromRegistryDesignator(Message[5], &m_Context.nKlvTagFieldSize,
-                                                       &m_Context.nKlvLengthFieldSize));
-    return ValidateAsCoded(Message);
+  BOOL Validate(const Bytes& message) {
+    EXPECT_TRUE(KLV_GetFieldInfoFromRegistryDesignator(message[5], &m_context.nKlvTagFieldSize,
+                                                       &m_context.nKlvLengthFieldSize));
+    return ValidateAsCoded(message);
   }
-  BOOL ValidateAsCoded(const Bytes& Message) {
-    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Message.size()]);
-    std::copy(Message.begin(), Message.end(), pcExact.get());
-    const UINT64 nBefore = m_Context.Stats.nRxOkMessages;
+  BOOL ValidateAsCoded(const Bytes& message) {
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[message.size()]);
+    std::copy(message.begin(), message.end(), pcExact.get());
+    const UINT64 nBefore = m_context.Stats.nRxOkMessages;
     const BOOL bGood =
-        _ValidateKLVMessage(&m_Context, pcExact.get(), static_cast<int>(Message.size()), HeaderSizeOf(Message));
-    EXPECT_EQ(m_Context.Stats.nRxOkMessages - nBefore, bGood ? 1u : 0u);
-    EXPECT_EQ(m_Context.Stats.nRxCorruptedMessages + m_Context.Stats.nTotalRxBytes, 0u);
+        _ValidateKLVMessage(&m_context, pcExact.get(), static_cast<int>(message.size()), HeaderSizeOf(message));
+    EXPECT_EQ(m_context.Stats.nRxOkMessages - nBefore, bGood ? 1u : 0u);
+    EXPECT_EQ(m_context.Stats.nRxCorruptedMessages + m_context.Stats.nTotalRxBytes, 0u);
     return bGood;
   }
   // A message of an unknown standard, its items coded by the designator.
-  static Bytes Coded(BYTE nDesignator, const Bytes& Body) {
-    Bytes Key = UasKey();
-    Key[5] = nDesignator;
-    return UasMessage().Key(Key).Raw(Body).Build();
+  static Bytes Coded(BYTE nDesignator, const Bytes& body) {
+    Bytes key = UasKey();
+    key[5] = nDesignator;
+    return UasMessage().Key(key).Raw(body).Build();
   }
 
-  KLV_DECODE_CONTEXT m_Context = {};
+  KLV_DECODE_CONTEXT m_context = {};
 };
 
 // --- Standards -------------------------------------------------------------------------------------------
@@ -74,9 +74,9 @@ TEST_F(ValidationTest, TheUasKeyIsRecognised) {
 
 TEST_F(ValidationTest, OneOtherByteMakesAKeyGeneric) {
   for (size_t i = 0; i < 16; i++) {
-    Bytes Key = UasKey();
-    Key[i] = static_cast<BYTE>(Key[i] + 1);
-    const LOCAL_KLV_STANDARD* pStandard = _GetKLVStandardInfo(Key.data());
+    Bytes key = UasKey();
+    key[i] = static_cast<BYTE>(key[i] + 1);
+    const LOCAL_KLV_STANDARD* pStandard = _GetKLVStandardInfo(key.data());
     EXPECT_STREQ(pStandard->szName, "Generic (Unknown)") << i;
     EXPECT_EQ(pStandard->pUniversalKey, nullptr);
     EXPECT_EQ(pStandard->bHasIntegrityItem, FALSE);
@@ -87,10 +87,10 @@ TEST_F(ValidationTest, OneOtherByteMakesAKeyGeneric) {
 }
 
 TEST_F(ValidationTest, KeyThatDiffersInItsLastByteIsWalkedWithoutAChecksumTest) {
-  Bytes Message = WellFormedMessage();
-  Message[15] = 1;
-  Message.back() = static_cast<BYTE>(Message.back() ^ 0xFF);
-  EXPECT_TRUE(Validate(Message));
+  Bytes message = WellFormedMessage();
+  message[15] = 1;
+  message.back() = static_cast<BYTE>(message.back() ^ 0xFF);
+  EXPECT_TRUE(Validate(message));
   ExpectLog(6, "Unknown KLV local data standard.\n");
   ExpectLog(7, "Message is OK.\n");
   ExpectNoLog("Integrity item located.\n");
@@ -99,8 +99,8 @@ TEST_F(ValidationTest, KeyThatDiffersInItsLastByteIsWalkedWithoutAChecksumTest) 
 // --- The walk --------------------------------------------------------------------------------------------
 
 TEST_F(ValidationTest, ItemsThatEndWithTheMessageAreGood) {
-  const Bytes Message = Coded(0x03, Hex("05 00 06 02 AA BB"));
-  EXPECT_TRUE(Validate(Message));
+  const Bytes message = Coded(0x03, Hex("05 00 06 02 AA BB"));
+  EXPECT_TRUE(Validate(message));
   ExpectLog(7, "Called with nHeaderSize=17, nMsgSize=23\n");
   ExpectLog(7, "KLV at offset 17 has key=5 (1 bytes) len=0 (1 bytes) total=2.\n");
   ExpectLog(7, "KLV at offset 19 has key=6 (1 bytes) len=2 (1 bytes) total=4.\n");
@@ -125,9 +125,9 @@ TEST_F(ValidationTest, LengthNearFourGigabytesRunsPastTheEnd) {
     int nSum;
   } kItems[] = {{"05 FF FF FF FF", 4},           {"05 FF FF FF FB", 0},           {"05 FF FF FF F0", -11},
                 {"05 80 00 00 00", INT_MIN + 5}, {"05 7F FF FF FF", INT_MIN + 4}, {"05 FF FF FF FE", 3}};
-  for (const auto& Item : kItems) {
-    EXPECT_FALSE(Validate(Coded(0x63, Hex(Item.szItem) + Hex("05 00 00 00")))) << Item.szItem;
-    ExpectLog(4, SumText(Item.nSum, 9));
+  for (const auto& item : kItems) {
+    EXPECT_FALSE(Validate(Coded(0x63, Hex(item.szItem) + Hex("05 00 00 00")))) << item.szItem;
+    ExpectLog(4, SumText(item.nSum, 9));
   }
 }
 
@@ -140,8 +140,8 @@ TEST_F(ValidationTest, WrappedLengthThatWouldReachTheEndRunsPastIt) {
 }
 
 TEST_F(ValidationTest, ItemWithoutAnySizeEndsTheWalk) {
-  m_Context.nKlvTagFieldSize = KLV_FIELD_1_BYTE;
-  m_Context.nKlvLengthFieldSize = 3;  // no size code
+  m_context.nKlvTagFieldSize = KLV_FIELD_1_BYTE;
+  m_context.nKlvLengthFieldSize = 3;  // no size code
   EXPECT_FALSE(ValidateAsCoded(Coded(0x03, Hex("05 01 AA"))));
   ExpectAssertion("0");
   ExpectLog(4, SumText(0, 3));
@@ -157,11 +157,11 @@ TEST_F(ValidationTest, RightChecksumAtTheEndPasses) {
 }
 
 TEST_F(ValidationTest, OneChangedValueByteFailsTheChecksum) {
-  Bytes Message = UasMessage().Item(15, {3, 4}).Checksum().Build();
-  const WORD nStored = OwnChecksum(Message, Message.size() - 2);
-  Message[20] = static_cast<BYTE>(Message[20] + 1);
-  const WORD nComputed = OwnChecksum(Message, Message.size() - 2);
-  EXPECT_FALSE(Validate(Message));
+  Bytes message = UasMessage().Item(15, {3, 4}).Checksum().Build();
+  const WORD nStored = OwnChecksum(message, message.size() - 2);
+  message[20] = static_cast<BYTE>(message[20] + 1);
+  const WORD nComputed = OwnChecksum(message, message.size() - 2);
+  EXPECT_FALSE(Validate(message));
   char szText[100];
   snprintf(szText, sizeof(szText), "Calculated checksum (0x%04X) doesn't match KLV value (0x%04X).\n", nComputed,
            nStored);
@@ -172,9 +172,9 @@ TEST_F(ValidationTest, OneChangedValueByteFailsTheChecksum) {
 TEST_F(ValidationTest, ChecksumInTheMiddleIsSummedOverTheWholeMessage) {
   EXPECT_TRUE(Validate(WithChecksumInTheMiddle()));
   ExpectLog(6, "Calculating two-pass checksum since KLV is NOT at the end.\n");
-  Bytes Behind = WithChecksumInTheMiddle();
-  Behind.back() = static_cast<BYTE>(Behind.back() + 1);  // behind the checksum, and still summed
-  EXPECT_FALSE(Validate(Behind));
+  Bytes behind = WithChecksumInTheMiddle();
+  behind.back() = static_cast<BYTE>(behind.back() + 1);  // behind the checksum, and still summed
+  EXPECT_FALSE(Validate(behind));
   ExpectLogContaining(4, "doesn't match KLV value");
   ExpectLog(4, kRejected);
 }
@@ -186,17 +186,17 @@ TEST_F(ValidationTest, MessageWithoutAChecksumPasses) {
 
 TEST_F(ValidationTest, TwoChecksumItemsFailThoughBothAreRight) {
   // Of two items with the values a and b the first, two-pass, sums all but a; the second all before b.
-  Bytes Message = UasMessage().Raw(Hex("01 02 00 00 01 02 00 00")).Build();
+  Bytes message = UasMessage().Raw(Hex("01 02 00 00 01 02 00 00")).Build();
   for (unsigned b = 0; b < 0x10000; b++) {
-    Message[23] = static_cast<BYTE>(b >> 8);
-    Message[24] = static_cast<BYTE>(b);
-    Message[19] = Message[20] = 0;
-    const WORD a = OwnChecksum(Message, Message.size());
-    Message[19] = static_cast<BYTE>(a >> 8);
-    Message[20] = static_cast<BYTE>(a);
-    if (OwnChecksum(Message, Message.size() - 2) == b) break;
+    message[23] = static_cast<BYTE>(b >> 8);
+    message[24] = static_cast<BYTE>(b);
+    message[19] = message[20] = 0;
+    const WORD a = OwnChecksum(message, message.size());
+    message[19] = static_cast<BYTE>(a >> 8);
+    message[20] = static_cast<BYTE>(a);
+    if (OwnChecksum(message, message.size() - 2) == b) break;
   }
-  EXPECT_FALSE(Validate(Message));
+  EXPECT_FALSE(Validate(message));
   ExpectLog(7, "Validator accepted message.\n");
   ExpectLog(4, kTwice);
 }
@@ -204,51 +204,51 @@ TEST_F(ValidationTest, TwoChecksumItemsFailThoughBothAreRight) {
 TEST_F(ValidationTest, ChecksumItemOfOneByteIsRejectedWithoutAWordOnTheChecksum) {
   EXPECT_FALSE(Validate(UasMessage().Item(15, {3, 4}).Raw(Hex("01 01 AA")).Build()));
   ExpectLog(4, kRejected);
-  for (const LogLine& Line : host().Logs()) EXPECT_EQ(Line.text.find("hecksum"), std::string::npos) << Line.text;
+  for (const LogLine& line : host().Logs()) EXPECT_EQ(line.text.find("hecksum"), std::string::npos) << line.text;
 }
 
 TEST_F(ValidationTest, ChecksumItemWhoseValueLiesPastTheMessageIsRejectedSilently) {
   EXPECT_FALSE(Validate(UasMessage().Item(15, {3, 4}).Raw(Hex("01 02 AA")).Build()));
   ExpectLog(4, kRejected);
-  for (const LogLine& Line : host().Logs()) EXPECT_EQ(Line.text.find("hecksum"), std::string::npos) << Line.text;
+  for (const LogLine& line : host().Logs()) EXPECT_EQ(line.text.find("hecksum"), std::string::npos) << line.text;
 }
 
 TEST_F(ValidationTest, ValidatorTakesOneFormOnly) {
-  Bytes Message = UasMessage().Item(15, {3, 4}).Checksum().Build();
-  const UINT nSize = static_cast<UINT>(Message.size());
-  const KLV_INFO Right = {1, 2, Message.data() + Message.size() - 2, 1, 1, 4};
-  const auto Accepts = [&](KLV_INFO Item) {
-    return _UASDataLinkValidator(Message.data(), nSize, 17, &Item, nSize - 4);
+  Bytes message = UasMessage().Item(15, {3, 4}).Checksum().Build();
+  const UINT nSize = static_cast<UINT>(message.size());
+  const KLV_INFO right = {1, 2, message.data() + message.size() - 2, 1, 1, 4};
+  const auto accepts = [&](KLV_INFO item) {
+    return _UASDataLinkValidator(message.data(), nSize, 17, &item, nSize - 4);
   };
-  EXPECT_TRUE(Accepts(Right));
+  EXPECT_TRUE(accepts(right));
   host().ClearLogs();
-  KLV_INFO Wrong = Right;
-  Wrong.nKeySize = 2;
-  EXPECT_FALSE(Accepts(Wrong));
-  Wrong = Right;
-  Wrong.nLengthSize = 2;
-  EXPECT_FALSE(Accepts(Wrong));
-  Wrong = Right;
-  Wrong.nLength = 3;
-  EXPECT_FALSE(Accepts(Wrong));
+  KLV_INFO wrong = right;
+  wrong.nKeySize = 2;
+  EXPECT_FALSE(accepts(wrong));
+  wrong = right;
+  wrong.nLengthSize = 2;
+  EXPECT_FALSE(accepts(wrong));
+  wrong = right;
+  wrong.nLength = 3;
+  EXPECT_FALSE(accepts(wrong));
   EXPECT_THAT(host().Logs(), IsEmpty());
 }
 
 TEST_F(ValidationTest, HeaderSizeDoesNotMatterToTheValidator) {
-  Bytes Message = UasMessage().Item(15, {3, 4}).Checksum().Build();
-  const UINT nSize = static_cast<UINT>(Message.size());
-  KLV_INFO Item = {1, 2, Message.data() + Message.size() - 2, 1, 1, 4};
+  Bytes message = UasMessage().Item(15, {3, 4}).Checksum().Build();
+  const UINT nSize = static_cast<UINT>(message.size());
+  KLV_INFO item = {1, 2, message.data() + message.size() - 2, 1, 1, 4};
   for (const UINT nDataOffset : {0u, 17u, 0xFFFFFFFFu})
-    EXPECT_TRUE(_UASDataLinkValidator(Message.data(), nSize, nDataOffset, &Item, nSize - 4));
+    EXPECT_TRUE(_UASDataLinkValidator(message.data(), nSize, nDataOffset, &item, nSize - 4));
 }
 
 TEST_F(ValidationTest, ChecksumOfAMessageBeyond65535BytesCoversAllOfIt) {
   // Items too many for one length: 65531 bytes of value, and the checksum at the end of 65554 bytes.
-  Bytes Message = UasMessage().Item(3, Bytes(65535 - 8, 'x')).Checksum().Build();
-  ASSERT_EQ(Message.size(), 65554u);
-  EXPECT_TRUE(Validate(Message));
-  Message[40000] = 'y';
-  EXPECT_FALSE(Validate(Message));
+  Bytes message = UasMessage().Item(3, Bytes(65535 - 8, 'x')).Checksum().Build();
+  ASSERT_EQ(message.size(), 65554u);
+  EXPECT_TRUE(Validate(message));
+  message[40000] = 'y';
+  EXPECT_FALSE(Validate(message));
   ExpectLogContaining(4, "doesn't match KLV value");
   ExpectLog(4, kRejected);
 }
@@ -263,8 +263,8 @@ TEST(ChecksumTest, BytesAtEvenPositionsAreHighBytes) {
 }
 
 TEST(ChecksumTest, SumWrapsAtSixteenBits) {
-  const Bytes Data(1000, 0xFF);
-  EXPECT_EQ(CalcKlvChecksum16(Data.data(), 1000), static_cast<WORD>(500u * 0xFFFFu));
+  const Bytes data(1000, 0xFF);
+  EXPECT_EQ(CalcKlvChecksum16(data.data(), 1000), static_cast<WORD>(500u * 0xFFFFu));
 }
 
 TEST(ChecksumTest, TwoBytesAtTheOffsetCountAsZero) {

@@ -45,26 +45,26 @@ class CaptureTest : public RuntimeTest {
  protected:
   ~CaptureTest() override {
     for (int input = 0; input < 4; ++input) KLVCAPTURE_Stop(input);
-    if (sender >= 0) close(sender);
+    if (m_sender >= 0) close(m_sender);
   }
 
   bool Start(int input) {
     VIDEO_EXTRACTOR extractor = {-1, 0};
     const bool started = KLVCAPTURE_Start(input, &extractor) != FALSE;
     EXPECT_EQ(extractor.iFD >= 0, started);
-    fd = extractor.iFD;
+    m_fd = extractor.iFD;
     return started;
   }
   std::optional<Packet> Get(int room = 4101) {
     Packet packet = {Bytes(static_cast<std::size_t>(std::max(room, 0))), 0, {}};
     int length = room;
-    if (!KLVCAPTURE_GetKLV(fd, packet.klv.data(), &length, &packet.timestamp)) return {};
+    if (!KLVCAPTURE_GetKLV(m_fd, packet.klv.data(), &length, &packet.timestamp)) return {};
     packet.when = std::chrono::steady_clock::now();
     packet.klv.resize(static_cast<std::size_t>(length));
     return packet;
   }
   bool Readable(int milliseconds = 0) {
-    pollfd wait = {fd, POLLIN, 0};
+    pollfd wait = {m_fd, POLLIN, 0};
     return poll(&wait, 1, milliseconds) == 1;
   }
   // As many packets, each within ten seconds.
@@ -84,34 +84,34 @@ class CaptureTest : public RuntimeTest {
     SendRaw(path, datagram);
   }
   void SendRaw(const std::string& path, const Bytes& datagram) {
-    if (sender < 0) sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (m_sender < 0) m_sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, path.c_str(), path.size());
-    ASSERT_EQ(sendto(sender, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+    ASSERT_EQ(sendto(m_sender, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
                      sizeof address),
               static_cast<ssize_t>(datagram.size()));
   }
   void SendUdp(USHORT port, const std::vector<Bytes>& datagrams) {
-    if (sender < 0) sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (m_sender < 0) m_sender = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     for (const Bytes& datagram : datagrams) {
-      ASSERT_EQ(sendto(sender, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
+      ASSERT_EQ(sendto(m_sender, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
                        sizeof address),
                 static_cast<ssize_t>(datagram.size()));
     }
   }
 
   void Configure(int input, Kind kind, const std::string& path, bool loop = false) {
-    config.captures[static_cast<std::size_t>(input)] = {kind, path, loop, "", 0};
+    m_config.captures[static_cast<std::size_t>(input)] = {kind, path, loop, "", 0};
     Apply();
   }
 
-  int fd = -1;
-  int sender = -1;
+  int m_fd = -1;
+  int m_sender = -1;
 };
 
 // --- the service -------------------------------------------------------------------------------------
@@ -124,9 +124,9 @@ TEST_F(CaptureTest, Inputs_that_are_not_configured_or_do_not_exist_cannot_start)
                                                "There is no video input -1."));
   KLVCAPTURE_Stop(0);
   KLVCAPTURE_Stop(7);
-  fd = 0;
+  m_fd = 0;
   EXPECT_FALSE(Get());
-  fd = -1;
+  m_fd = -1;
   EXPECT_FALSE(Get());
   EXPECT_EQ(HostRuntime_CaptureStats(9).packets, 0u);
 }
@@ -135,7 +135,7 @@ TEST_F(CaptureTest, Inputs_that_are_not_configured_or_do_not_exist_cannot_start)
 
 TEST_F(CaptureTest, A_local_socket_gives_packets_with_their_time_and_wakes_as_long_as_any_waits) {
   const std::string path = Folder() + "/klv";
-  Configure(2, Kind::kSocket, path);
+  Configure(2, Kind::Socket, path);
   ASSERT_TRUE(Start(2));
   EXPECT_FALSE(Readable());
   EXPECT_FALSE(Get());
@@ -162,7 +162,7 @@ TEST_F(CaptureTest, A_local_socket_gives_packets_with_their_time_and_wakes_as_lo
 
 TEST_F(CaptureTest, A_packet_larger_than_the_room_is_dropped_and_the_next_one_taken) {
   const std::string path = Folder() + "/klv";
-  Configure(0, Kind::kSocket, path);
+  Configure(0, Kind::Socket, path);
   ASSERT_TRUE(Start(0));
   SendLocal(path, 1, Klv(4083));
   SendLocal(path, 2, Klv(4082));
@@ -178,7 +178,7 @@ TEST_F(CaptureTest, A_packet_larger_than_the_room_is_dropped_and_the_next_one_ta
 
 TEST_F(CaptureTest, Datagrams_too_short_or_too_long_are_dropped) {
   const std::string path = Folder() + "/klv";
-  Configure(0, Kind::kSocket, path);
+  Configure(0, Kind::Socket, path);
   ASSERT_TRUE(Start(0));
   SendRaw(path, {});
   SendRaw(path, Bytes(8));
@@ -192,7 +192,7 @@ TEST_F(CaptureTest, Datagrams_too_short_or_too_long_are_dropped) {
 
 TEST_F(CaptureTest, A_full_queue_drops_and_counts) {
   const std::string path = Folder() + "/klv";
-  Configure(0, Kind::kSocket, path);
+  Configure(0, Kind::Socket, path);
   ASSERT_TRUE(Start(0));
   for (UINT64 i = 0; i < 1030; ++i) SendLocal(path, i, Klv(1));
   ASSERT_TRUE(Eventually([] { return HostRuntime_CaptureStats(0).overflows == 6; }));
@@ -210,27 +210,27 @@ TEST_F(CaptureTest, A_socket_left_behind_is_replaced_and_any_other_file_is_not) 
   memcpy(address.sun_path, path.c_str(), path.size());
   ASSERT_EQ(bind(old, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
   close(old);
-  Configure(0, Kind::kSocket, path);
+  Configure(0, Kind::Socket, path);
   EXPECT_TRUE(Start(0));
   EXPECT_FALSE(Start(0));  // it is captured already
   KLVCAPTURE_Stop(0);
-  Configure(0, Kind::kSocket, WriteFile("file", "precious"));
+  Configure(0, Kind::Socket, WriteFile("file", "precious"));
   EXPECT_FALSE(Start(0));
   EXPECT_TRUE(std::filesystem::exists(Folder() + "/file"));
-  Configure(0, Kind::kSocket, std::string(200, 'x'));
+  Configure(0, Kind::Socket, std::string(200, 'x'));
   EXPECT_FALSE(Start(0));
 }
 
 TEST_F(CaptureTest, Two_inputs_with_one_socket_are_refused) {
   const std::string path = Folder() + "/klv";
-  Configure(0, Kind::kSocket, path);
-  Configure(1, Kind::kSocket, Folder() + "/./klv");
+  Configure(0, Kind::Socket, path);
+  Configure(1, Kind::Socket, Folder() + "/./klv");
   ASSERT_TRUE(Start(0));
-  const int first = fd;
+  const int first = m_fd;
   EXPECT_FALSE(Start(1));
   EXPECT_THAT(Texts("KLVCAPTURE"),
               ElementsAre("Video input 1: socket \"" + Folder() + "/./klv\" is in use; each input has its own."));
-  fd = first;
+  m_fd = first;
   SendLocal(path, 1, Klv(3));
   EXPECT_THAT(GetMany(1), SizeIs(1));
   KLVCAPTURE_Stop(0);
@@ -248,7 +248,7 @@ TEST_F(CaptureTest, A_socket_that_another_program_listens_on_stays) {
     memcpy(address.sun_path, path.c_str(), path.size());
     ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     ASSERT_TRUE(type == SOCK_DGRAM || listen(other, 1) == 0);
-    Configure(0, Kind::kSocket, path);
+    Configure(0, Kind::Socket, path);
     EXPECT_FALSE(Start(0));
     EXPECT_TRUE(std::filesystem::is_socket(path));
     EXPECT_THAT(Texts("KLVCAPTURE"),
@@ -261,7 +261,7 @@ TEST_F(CaptureTest, A_socket_that_another_program_listens_on_stays) {
 
 TEST_F(CaptureTest, An_input_can_be_started_again_and_again_with_packets_waiting) {
   const std::string path = Folder() + "/klv";
-  Configure(0, Kind::kSocket, path);
+  Configure(0, Kind::Socket, path);
   for (UINT64 i = 0; i < 20; ++i) {
     ASSERT_TRUE(Start(0));
     SendLocal(path, i, Klv(3));
@@ -285,21 +285,23 @@ class AncCaptureTest : public CaptureTest {
     sockaddr_in address{};
     socklen_t size = sizeof address;
     getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
-    port = ntohs(address.sin_port);
+    m_port = ntohs(address.sin_port);
     close(probe);
-    config.captures[1] = {Kind::kAnc, "", false, "", port};
+    m_config.captures[1] = {Kind::Anc, "", false, "", m_port};
     Apply();
   }
-  void Send(const std::vector<Bytes>& messages, std::uint32_t timestamp) { SendUdp(port, Frame(messages, timestamp)); }
+  void Send(const std::vector<Bytes>& messages, std::uint32_t timestamp) {
+    SendUdp(m_port, Frame(messages, timestamp));
+  }
   std::vector<Bytes> Frame(const std::vector<Bytes>& messages, std::uint32_t timestamp) {
-    header.timestamp = timestamp;
-    return anc_klv::PackFrame(messages, header, &sequence, &number);
+    m_header.timestamp = timestamp;
+    return anc_klv::PackFrame(messages, m_header, &m_sequence, &m_number);
   }
 
-  USHORT port = 0;
-  anc_klv::RtpHeader header;
-  std::uint32_t sequence = 0;
-  std::uint8_t number = 0;
+  USHORT m_port = 0;
+  anc_klv::RtpHeader m_header;
+  std::uint32_t m_sequence = 0;
+  std::uint8_t m_number = 0;
 };
 
 TEST_F(AncCaptureTest, Messages_come_reassembled_and_stamped) {
@@ -317,20 +319,20 @@ TEST_F(AncCaptureTest, Messages_come_reassembled_and_stamped) {
 }
 
 TEST_F(AncCaptureTest, Losses_reordering_and_bad_checksums_are_logged_counted_and_survived) {
-  config.moduleLevels["KLVCAPTURE"] = 6;
+  m_config.moduleLevels["KLVCAPTURE"] = 6;
   Apply();
   ASSERT_TRUE(Start(1));
   Send({Klv(10, 1)}, 1);
   auto swapped = Frame({Klv(2000, 2)}, 2);
   std::swap(swapped[0], swapped[1]);
-  SendUdp(port, swapped);
+  SendUdp(m_port, swapped);
   auto holed = Frame({Klv(2000, 3)}, 3);
   holed.erase(holed.begin());
-  SendUdp(port, holed);
+  SendUdp(m_port, holed);
   auto wrong = Frame({Klv(10, 4)}, 4);
   wrong[0][anc_klv::kRtpHeaderSize + 12] ^= 0x04;
-  SendUdp(port, wrong);
-  SendUdp(port, {Bytes(5, 0x80)});
+  SendUdp(m_port, wrong);
+  SendUdp(m_port, {Bytes(5, 0x80)});
   Send({Klv(10, 5)}, 5);
   const auto packets = GetMany(3);
   ASSERT_THAT(packets, SizeIs(3));
@@ -354,10 +356,10 @@ TEST_F(AncCaptureTest, Losses_reordering_and_bad_checksums_are_logged_counted_an
 TEST_F(AncCaptureTest, A_port_in_use_fails_to_start) {
   const BYTE any[4] = {};
   int taken = -1;
-  ASSERT_TRUE(CreateUDPRxSocket(port, any, &taken));
+  ASSERT_TRUE(CreateUDPRxSocket(m_port, any, &taken));
   EXPECT_FALSE(Start(1));
   close(taken);
-  config.captures[1].address = "nonsense";
+  m_config.captures[1].address = "nonsense";
   Apply();
   EXPECT_FALSE(Start(1));
   EXPECT_THAT(Texts("KLVCAPTURE").back(), HasSubstr("\"nonsense\" is no IPv4 address"));
@@ -375,8 +377,8 @@ class MediaCaptureTest : public CaptureTest {
 };
 
 TEST_F(MediaCaptureTest, A_file_plays_in_real_time_with_its_own_timestamps) {
-  config.moduleLevels["KLVCAPTURE"] = 5;
-  Configure(0, Kind::kMedia,
+  m_config.moduleLevels["KLVCAPTURE"] = 5;
+  Configure(0, Kind::Media,
             WriteMedia({{90'000, Klv(30, 1)}, {90'000, Klv(600, 2)}, {93'600, Klv(30, 3)}, {108'000, Klv(30, 4)}}));
   ASSERT_TRUE(Start(0));
   const auto packets = GetMany(4);
@@ -396,7 +398,7 @@ TEST_F(MediaCaptureTest, A_file_plays_in_real_time_with_its_own_timestamps) {
 }
 
 TEST_F(MediaCaptureTest, A_looped_file_goes_on_counting) {
-  Configure(0, Kind::kMedia, WriteMedia({{90'000, Klv(30, 1)}, {93'600, Klv(30, 2)}}), true);
+  Configure(0, Kind::Media, WriteMedia({{90'000, Klv(30, 1)}, {93'600, Klv(30, 2)}}), true);
   ASSERT_TRUE(Start(0));
   const auto packets = GetMany(6);
   ASSERT_THAT(packets, SizeIs(Ge(6u)));
@@ -416,7 +418,7 @@ TEST_F(MediaCaptureTest, A_packet_may_hold_several_messages_and_damaged_ones_are
   Bytes behindHeader = {0x00, 0x01, 0xDF, 0x00, 0x31};
   const Bytes wrapped = Klv(30, 5);
   behindHeader.insert(behindHeader.end(), wrapped.begin(), wrapped.end());
-  Configure(0, Kind::kMedia,
+  Configure(0, Kind::Media,
             WriteMedia({{90'000, two}, {90'900, half}, {91'800, Bytes(50, 0x22)}, {92'700, behindHeader}}));
   ASSERT_TRUE(Start(0));
   const auto packets = GetMany(3);
@@ -429,12 +431,12 @@ TEST_F(MediaCaptureTest, A_packet_may_hold_several_messages_and_damaged_ones_are
 }
 
 TEST_F(MediaCaptureTest, Files_that_cannot_be_read_or_are_no_media_are_logged) {
-  config.moduleLevels["KLVCAPTURE"] = 3;
-  Configure(0, Kind::kMedia, Folder() + "/none.ts");
+  m_config.moduleLevels["KLVCAPTURE"] = 3;
+  Configure(0, Kind::Media, Folder() + "/none.ts");
   EXPECT_FALSE(Start(0));
   EXPECT_THAT(Texts("KLVCAPTURE"),
               ElementsAre("Video input 0: cannot read \"" + Folder() + "/none.ts\": No such file or directory."));
-  Configure(1, Kind::kMedia, WriteFile("noise.ts", "this is no media file at all"));
+  Configure(1, Kind::Media, WriteFile("noise.ts", "this is no media file at all"));
   EXPECT_TRUE(Start(1));
   ASSERT_TRUE(Eventually([&] { return Texts("KLVCAPTURE").size() == 2; }));
   EXPECT_THAT(Texts("KLVCAPTURE")[1], HasSubstr("Video input 1: cannot open"));
@@ -442,7 +444,7 @@ TEST_F(MediaCaptureTest, Files_that_cannot_be_read_or_are_no_media_are_logged) {
 }
 
 TEST_F(MediaCaptureTest, A_long_wait_ends_at_once_when_the_capture_stops) {
-  Configure(0, Kind::kMedia, WriteMedia({{90'000, Klv(30, 1)}, {90'000 * 30, Klv(30, 2)}}));
+  Configure(0, Kind::Media, WriteMedia({{90'000, Klv(30, 1)}, {90'000 * 30, Klv(30, 2)}}));
   ASSERT_TRUE(Start(0));
   EXPECT_THAT(GetMany(1), SizeIs(1));
   const auto begin = std::chrono::steady_clock::now();
@@ -451,8 +453,8 @@ TEST_F(MediaCaptureTest, A_long_wait_ends_at_once_when_the_capture_stops) {
 }
 
 TEST_F(MediaCaptureTest, A_stream_that_is_not_there_is_tried_until_the_capture_stops) {
-  config.moduleLevels["KLVCAPTURE"] = 3;
-  Configure(0, Kind::kMedia, "tcp://127.0.0.1:9");
+  m_config.moduleLevels["KLVCAPTURE"] = 3;
+  Configure(0, Kind::Media, "tcp://127.0.0.1:9");
   EXPECT_TRUE(Start(0));
   ASSERT_TRUE(Eventually([&] { return !Texts("KLVCAPTURE").empty(); }));
   KLVCAPTURE_Stop(0);

@@ -95,7 +95,7 @@ TEST_F(SocketTest, A_unicast_port_is_not_shared) {
 }
 
 TEST_F(SocketTest, A_group_is_joined_and_its_port_shared) {
-  config.multicastInterface = "lo";
+  m_config.multicastInterface = "lo";
   Apply();
   const Descriptor first = Open(0, {239, 255, 77, 1});
   ASSERT_GE(first.fd, 0);
@@ -108,7 +108,7 @@ TEST_F(SocketTest, A_group_is_joined_and_its_port_shared) {
 }
 
 TEST_F(SocketTest, Groups_of_other_sockets_do_not_arrive) {
-  config.multicastInterface = "lo";
+  m_config.multicastInterface = "lo";
   Apply();
   const Descriptor first = Open(0, {239, 255, 77, 1});
   const USHORT port = PortOf(first.fd);
@@ -126,7 +126,7 @@ TEST_F(SocketTest, Without_a_configured_interface_local_senders_are_heard) {
 }
 
 TEST_F(SocketTest, An_interface_that_does_not_exist_fails) {
-  config.multicastInterface = "nosuch0";
+  m_config.multicastInterface = "nosuch0";
   Apply();
   EXPECT_EQ(Open(0, {239, 255, 77, 1}).fd, -1);
   EXPECT_THAT(Texts()[0], HasSubstr("cannot join the group"));
@@ -190,12 +190,12 @@ TEST_F(SocketTest, Address_texts) {
 
 class SerialTest : public RuntimeTest {
  protected:
-  SerialTest() : line(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
-    EXPECT_EQ(grantpt(line.fd), 0);
-    EXPECT_EQ(unlockpt(line.fd), 0);
+  SerialTest() : m_line(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    EXPECT_EQ(grantpt(m_line.fd), 0);
+    EXPECT_EQ(unlockpt(m_line.fd), 0);
     char name[64] = "";
-    EXPECT_EQ(ptsname_r(line.fd, name, sizeof name), 0);
-    config.serialDevices["/dev/ttyPS0"] = name;
+    EXPECT_EQ(ptsname_r(m_line.fd, name, sizeof name), 0);
+    m_config.serialDevices["/dev/ttyPS0"] = name;
     Apply();
   }
   static Descriptor Open(const char* path = "/dev/ttyPS0") {
@@ -206,8 +206,8 @@ class SerialTest : public RuntimeTest {
     return Descriptor(fd);
   }
 
-  Descriptor line;  // the far end
-  const MDATA_SERIAL_SRC_CFG usual = {115200, 0, 0, 0, 8};
+  Descriptor m_line;  // the far end
+  const MDATA_SERIAL_SRC_CFG m_usual = {115200, 0, 0, 0, 8};
 };
 
 TEST_F(SerialTest, The_library_s_path_is_mapped_and_every_byte_arrives_as_it_is) {
@@ -216,14 +216,14 @@ TEST_F(SerialTest, The_library_s_path_is_mapped_and_every_byte_arrives_as_it_is)
   EXPECT_TRUE(fcntl(port.fd, F_GETFL) & O_NONBLOCK);
   EXPECT_TRUE(fcntl(port.fd, F_GETFD) & FD_CLOEXEC);
   termios before{};
-  ASSERT_TRUE(ConfigureSerialPort(port.fd, &usual, &before));
+  ASSERT_TRUE(ConfigureSerialPort(port.fd, &m_usual, &before));
   EXPECT_TRUE(before.c_lflag & ICANON);
   char byte;
   EXPECT_EQ(read(port.fd, &byte, 1), -1);
   EXPECT_EQ(errno, EAGAIN);
   std::string all;
   for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
-  ASSERT_EQ(write(line.fd, all.data(), all.size()), 256);
+  ASSERT_EQ(write(m_line.fd, all.data(), all.size()), 256);
   std::string got;
   while (got.size() < 256) {
     const std::string part = Receive(port.fd);
@@ -235,8 +235,8 @@ TEST_F(SerialTest, The_library_s_path_is_mapped_and_every_byte_arrives_as_it_is)
 
 TEST_F(SerialTest, A_line_that_hung_up_reads_as_ended) {
   const Descriptor port = Open();
-  ASSERT_TRUE(ConfigureSerialPort(port.fd, &usual, nullptr));
-  close(std::exchange(line.fd, -1));
+  ASSERT_TRUE(ConfigureSerialPort(port.fd, &m_usual, nullptr));
+  close(std::exchange(m_line.fd, -1));
   char byte;
   errno = 0;
   EXPECT_LE(read(port.fd, &byte, 1), 0);
@@ -284,7 +284,7 @@ TEST_F(SerialTest, What_is_no_serial_device_is_refused) {
   EXPECT_EQ(Open("/dev/null").fd, -1);
   EXPECT_THAT(Texts(), ElementsAre("Cannot open serial device \"/dev/nosuch\": No such file or directory.",
                                    "\"/dev/null\" is not a serial device."));
-  EXPECT_FALSE(ConfigureSerialPort(-1, &usual, nullptr));
+  EXPECT_FALSE(ConfigureSerialPort(-1, &m_usual, nullptr));
 }
 
 }  // namespace

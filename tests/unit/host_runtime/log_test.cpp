@@ -24,14 +24,14 @@ std::string ReadAll(const std::string& path) {
 
 class LogTest : public RuntimeTest {
  protected:
-  LogTest() { EXPECT_TRUE(_DoDbgInit("LOGTEST", &module)); }
-  ~LogTest() override { _DoDbgUninitEx(&module); }
+  LogTest() { EXPECT_TRUE(_DoDbgInit("LOGTEST", &m_module)); }
+  ~LogTest() override { _DoDbgUninitEx(&m_module); }
 
-  HDBG module = nullptr;
+  HDBG m_module = nullptr;
 };
 
 TEST_F(LogTest, A_line_carries_module_level_function_and_place) {
-  _DoDbgPrintEx(module, 3, "_Some", "utils", 12, "Got %d of %s.\n", 5, "these");
+  _DoDbgPrintEx(m_module, 3, "_Some", "utils", 12, "Got %d of %s.\n", 5, "these");
   ASSERT_THAT(Lines(), SizeIs(1));
   const HostLogLine line = Lines()[0];
   EXPECT_EQ(line.module, "LOGTEST");
@@ -111,42 +111,42 @@ TEST(FunctionNameTest, Reads_what_the_compilers_write) {
 }
 
 TEST_F(LogTest, The_file_gets_time_module_level_function_and_place) {
-  config.logFile = Folder() + "/host.log";
+  m_config.logFile = Folder() + "/host.log";
   Apply();
-  _DoDbgPrintEx(module, 3, "_Some", "utils", 12, "Got it.\n");
-  const std::string text = ReadAll(config.logFile);
+  _DoDbgPrintEx(m_module, 3, "_Some", "utils", 12, "Got it.\n");
+  const std::string text = ReadAll(m_config.logFile);
   EXPECT_THAT(text, testing::ContainsRegex("^[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} "
                                            "LOGTEST 3/error _Some \\(utils:12\\): Got it\\.\n$"));
 }
 
 TEST_F(LogTest, The_file_is_closed_in_programs_that_the_process_starts_also_after_it_was_turned_over) {
-  config.logFile = Folder() + "/host.log";
-  config.logRate = 0;
+  m_config.logFile = Folder() + "/host.log";
+  m_config.logRate = 0;
   Apply();
   const auto childHasIt = [&] {
     // The child of a child lists its descriptors: what the tool of somebody else sees.
-    const std::string list = "ls -l /proc/self/fd | grep -q '" + config.logFile + "'";
+    const std::string list = "ls -l /proc/self/fd | grep -q '" + m_config.logFile + "'";
     return system(list.c_str()) == 0;
   };
   EXPECT_FALSE(childHasIt());
   const std::string text(65'536, 'x');
   while (!std::filesystem::exists(Folder() + "/host.1.log"))
-    _DoDbgPrintEx(module, 4, "f", "file", 1, "%s", text.c_str());
+    _DoDbgPrintEx(m_module, 4, "f", "file", 1, "%s", text.c_str());
   EXPECT_FALSE(childHasIt());
 }
 
 TEST_F(LogTest, A_log_file_that_cannot_be_written_is_an_error_and_the_rest_is_in_force) {
-  config.logFile = WriteFile("plain", "") + "/host.log";
-  config.logLevel = 1;
+  m_config.logFile = WriteFile("plain", "") + "/host.log";
+  m_config.logLevel = 1;
   std::string error;
-  EXPECT_FALSE(HostRuntime_Apply(config, &error));
-  EXPECT_THAT(error, HasSubstr("cannot write the log file \"" + config.logFile + "\""));
-  EXPECT_EQ(module->nMaxLevel, 1);
+  EXPECT_FALSE(HostRuntime_Apply(m_config, &error));
+  EXPECT_THAT(error, HasSubstr("cannot write the log file \"" + m_config.logFile + "\""));
+  EXPECT_EQ(m_module->nMaxLevel, 1);
 }
 
 TEST_F(LogTest, Levels_change_while_running_also_for_modules_to_come) {
   HostRuntime_SetLevel("LOGTEST", 2);
-  EXPECT_EQ(module->nMaxLevel, 2);
+  EXPECT_EQ(m_module->nMaxLevel, 2);
   HostRuntime_SetLevel("LOGTEST_LATER", 6);
   HDBG later = nullptr;
   ASSERT_TRUE(_DoDbgInit("LOGTEST_LATER", &later));
@@ -154,19 +154,19 @@ TEST_F(LogTest, Levels_change_while_running_also_for_modules_to_come) {
   _DoDbgUninitEx(&later);
   EXPECT_EQ(later, nullptr);
   HostRuntime_SetLevel("", 3);
-  EXPECT_EQ(module->nMaxLevel, 3);
-  config.logLevel = 5;
-  config.moduleLevels["LOGTEST"] = 7;
+  EXPECT_EQ(m_module->nMaxLevel, 3);
+  m_config.logLevel = 5;
+  m_config.moduleLevels["LOGTEST"] = 7;
   Apply();
-  EXPECT_EQ(module->nMaxLevel, 7);
+  EXPECT_EQ(m_module->nMaxLevel, 7);
 }
 
 TEST_F(LogTest, Text_from_outside_neither_forges_lines_nor_steers_the_terminal_nor_hides) {
-  _DoDbgPrintEx(module, 3, "f", "m", 1, "Name \"%s\".\n", "a\nFAKE 0\x1B[2J\tb\x7F");
-  _DoDbgPrintEx(module, 3, "f", "m", 2, "Name \"%s\".\n",
+  _DoDbgPrintEx(m_module, 3, "f", "m", 1, "Name \"%s\".\n", "a\nFAKE 0\x1B[2J\tb\x7F");
+  _DoDbgPrintEx(m_module, 3, "f", "m", 2, "Name \"%s\".\n",
                 "\u009B2J \xFF \xED\xA0\x80 \u202Ecod\u2028\\n gr\u00FC\u00DFe");
   _DoTextAssert("f", "m", 3, "Name %s", "\xC2\x9B\\");
-  _DoDbgPrintBuffer(module, 8, "f", "m", 4, "Title\u2029", nullptr, 0);
+  _DoDbgPrintBuffer(m_module, 8, "f", "m", 4, "Title\u2029", nullptr, 0);
   EXPECT_THAT(
       Texts("LOGTEST"),
       ElementsAre("Name \"a\\nFAKE 0\\x1B[2J\\tb\\x7F\".",
@@ -176,20 +176,20 @@ TEST_F(LogTest, Text_from_outside_neither_forges_lines_nor_steers_the_terminal_n
 }
 
 TEST_F(LogTest, Only_the_line_end_of_the_format_goes) {
-  _DoDbgPrintEx(module, 3, "f", "m", 1, "Name %s\n", "a\r\n");
-  _DoDbgPrintEx(module, 3, "f", "m", 2, "Name %s", "a");
+  _DoDbgPrintEx(m_module, 3, "f", "m", 1, "Name %s\n", "a\r\n");
+  _DoDbgPrintEx(m_module, 3, "f", "m", 2, "Name %s", "a");
   EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Name a\\r\\n", "Name a"));
 }
 
 TEST_F(LogTest, A_long_line_is_not_cut) {
   const std::string text(5000, 'x');
-  _DoDbgPrintEx(module, 3, "f", "m", 1, "%s.\n", text.c_str());
+  _DoDbgPrintEx(m_module, 3, "f", "m", 1, "%s.\n", text.c_str());
   EXPECT_THAT(Texts("LOGTEST"), ElementsAre(text + "."));
 }
 
 TEST_F(LogTest, A_line_leaves_errno_alone) {
   errno = ETIMEDOUT;
-  _DoDbgPrintEx(module, 3, "f", "m", 1, "x.\n");
+  _DoDbgPrintEx(m_module, 3, "f", "m", 1, "x.\n");
   _DoAssert("x", "f", "m", 1);
   EXPECT_EQ(errno, ETIMEDOUT);
 }
@@ -197,40 +197,40 @@ TEST_F(LogTest, A_line_leaves_errno_alone) {
 TEST_F(LogTest, A_dump_has_sixteen_bytes_a_line) {
   std::vector<BYTE> data;
   for (int i = 0; i < 18; ++i) data.push_back(static_cast<BYTE>(0x3B + i));
-  _DoDbgPrintBuffer(module, 8, "f", "m", 1, "Sync Pattern", data.data(), 18);
+  _DoDbgPrintBuffer(m_module, 8, "f", "m", 1, "Sync Pattern", data.data(), 18);
   EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Sync Pattern (18 bytes)",
                                             "0000  3B 3C 3D 3E 3F 40 41 42 43 44 45 46 47 48 49 4A  ;<=>?@ABCDEFGHIJ",
                                             "0010  4B 4C                                            KL"));
 }
 
 TEST_F(LogTest, An_empty_or_missing_buffer_dumps_its_title) {
-  _DoDbgPrintBuffer(module, 8, "f", "m", 1, "Nothing", nullptr, 5);
-  _DoDbgPrintBuffer(module, 8, "f", "m", 1, "Negative", "x", -1);
+  _DoDbgPrintBuffer(m_module, 8, "f", "m", 1, "Nothing", nullptr, 5);
+  _DoDbgPrintBuffer(m_module, 8, "f", "m", 1, "Negative", "x", -1);
   EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Nothing (0 bytes)", "Negative (0 bytes)"));
 }
 
 TEST_F(LogTest, A_flood_from_one_place_is_cut_and_others_still_come_through) {
-  config.logBurst = 20;
-  config.logRate = 1;
+  m_config.logBurst = 20;
+  m_config.logRate = 1;
   Apply();
-  for (int i = 0; i < 1000; ++i) _DoDbgPrintEx(module, 4, "f", "flood", 77, "Bad message %d.\n", i);
-  _DoDbgPrintEx(module, 4, "f", "flood", 78, "Another.\n");
+  for (int i = 0; i < 1000; ++i) _DoDbgPrintEx(m_module, 4, "f", "flood", 77, "Bad message %d.\n", i);
+  _DoDbgPrintEx(m_module, 4, "f", "flood", 78, "Another.\n");
   EXPECT_THAT(Lines(), SizeIs(testing::AllOf(testing::Ge(21u), testing::Le(30u))));
   EXPECT_EQ(Lines().back().text, "Another.");
-  _DoDbgUninitEx(&module);
+  _DoDbgUninitEx(&m_module);
   EXPECT_THAT(Lines().back().text, testing::MatchesRegex("9[0-9][0-9] more lines from this place were left out"));
 }
 
 TEST_F(LogTest, Level_0_is_never_left_out) {
-  config.logRate = 1;
+  m_config.logRate = 1;
   Apply();
-  for (int i = 0; i < 100; ++i) _DoDbgPrintEx(module, 0, "f", "flood", 79, "Line.\n");
+  for (int i = 0; i < 100; ++i) _DoDbgPrintEx(m_module, 0, "f", "flood", 79, "Line.\n");
   EXPECT_THAT(Lines(), SizeIs(100));
 }
 
 TEST_F(LogTest, Assertions_are_written_and_counted_even_when_the_log_leaves_them_out) {
   const std::uint64_t before = HostRuntime_AssertionCount();
-  config.logRate = 1;
+  m_config.logRate = 1;
   Apply();
   _DoAssert("pCfg != NULL", "MetaData_OpenSource", "metadata_api", 5);
   _DoTextAssert("f", "metadata_api", 6, "Invalid iSrcAddressFamily (%d) detected.\n", 3);
@@ -247,8 +247,8 @@ TEST_F(LogTest, Assertions_are_written_and_counted_even_when_the_log_leaves_them
 TEST_F(LogTest, An_assertion_can_end_a_test_program) {
   EXPECT_DEATH(
       {
-        config.abortOnAssert = true;
-        HostRuntime_Apply(config);
+        m_config.abortOnAssert = true;
+        HostRuntime_Apply(m_config);
         _DoAssert("0", "f", "m", 1);
       },
       "");
@@ -269,22 +269,22 @@ TEST_F(LogTest, Many_threads_log_while_levels_sinks_and_observer_change) {
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; !stop; ++i) {
-        if (__atomic_load_n(&module->nMaxLevel, __ATOMIC_RELAXED) >= 4) {
-          _DoDbgPrintEx(module, 4, "f", "m", t, "Line %d.\n", i);
+        if (__atomic_load_n(&m_module->nMaxLevel, __ATOMIC_RELAXED) >= 4) {
+          _DoDbgPrintEx(m_module, 4, "f", "m", t, "Line %d.\n", i);
         }
       }
     });
   }
   for (int i = 0; i < 50; ++i) {
     HostRuntime_SetLevel("LOGTEST", i % 8);
-    config.logFile = i % 2 == 0 ? Folder() + "/a.log" : "";
-    config.logRate = i % 3 == 0 ? 0 : 10;
+    m_config.logFile = i % 2 == 0 ? Folder() + "/a.log" : "";
+    m_config.logRate = i % 3 == 0 ? 0 : 10;
     Apply();
     HostRuntime_OnLog([](const HostLogLine&) {});
   }
   stop = true;
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(module->nMaxLevel, 8);
+  EXPECT_EQ(m_module->nMaxLevel, 8);
 }
 
 // --- limiter -----------------------------------------------------------------------------------------
@@ -398,13 +398,13 @@ path = udp://239.1.1.1:5000
   EXPECT_EQ(loaded.serialDevices.at("/dev/ttyPS0"), "/dev/pts/4");
   EXPECT_EQ(loaded.configFiles.at("/etc/hostos.ini"), Folder() + "/my.ini");
   using Kind = HostCaptureConfig::Kind;
-  EXPECT_EQ(loaded.captures[0].kind, Kind::kMedia);
+  EXPECT_EQ(loaded.captures[0].kind, Kind::Media);
   EXPECT_EQ(loaded.captures[0].path, Folder() + "/flight.ts");
   EXPECT_TRUE(loaded.captures[0].loop);
-  EXPECT_EQ(loaded.captures[1].kind, Kind::kAnc);
+  EXPECT_EQ(loaded.captures[1].kind, Kind::Anc);
   EXPECT_EQ(loaded.captures[1].address, "239.1.2.3");
   EXPECT_EQ(loaded.captures[1].port, 5004);
-  EXPECT_EQ(loaded.captures[2].kind, Kind::kSocket);
+  EXPECT_EQ(loaded.captures[2].kind, Kind::Socket);
   EXPECT_EQ(loaded.captures[2].path, "/run/klv");
   EXPECT_EQ(loaded.captures[3].path, "udp://239.1.1.1:5000");
 }
@@ -430,13 +430,14 @@ TEST_F(ConfigTest, An_error_names_the_line_the_key_the_value_and_what_is_allowed
 
 TEST_F(ConfigTest, A_file_that_is_not_there_is_an_error) {
   std::string error;
-  EXPECT_FALSE(HostRuntime_Load(Folder() + "/none.ini", config, error));
+  EXPECT_FALSE(HostRuntime_Load(Folder() + "/none.ini", m_config, error));
   EXPECT_EQ(error, "cannot read \"" + Folder() + "/none.ini\": No such file or directory");
-  EXPECT_FALSE(HostRuntime_Load(Folder(), config, error));
+  EXPECT_FALSE(HostRuntime_Load(Folder(), m_config, error));
 }
 
 TEST_F(ConfigTest, The_library_reads_its_key_from_a_mapped_file) {
-  config.configFiles["/etc/hostos.ini"] = WriteFile("other.ini", "[CursorOnTarget]\nAllItemsSupport = No\n[X]\nA=1\n");
+  m_config.configFiles["/etc/hostos.ini"] =
+      WriteFile("other.ini", "[CursorOnTarget]\nAllItemsSupport = No\n[X]\nA=1\n");
   Apply();
   char text[40] = "old";
   int size = sizeof text;
@@ -460,15 +461,15 @@ TEST_F(ConfigTest, A_default_answers_where_the_file_has_no_such_key) {
     EXPECT_EQ(CfgFile_GetStringValue("/etc/hostos.ini", "UASLocalSet", key, text, &size, "No"), found) << key;
     return std::string(text);
   };
-  config.configFiles["/etc/hostos.ini"] = Folder() + "/none.ini";
-  config.configDefaults[{"/etc/hostos.ini", "UASLocalSet", "ExtendedTags"}] = "Yes";
+  m_config.configFiles["/etc/hostos.ini"] = Folder() + "/none.ini";
+  m_config.configDefaults[{"/etc/hostos.ini", "UASLocalSet", "ExtendedTags"}] = "Yes";
   Apply();
   EXPECT_EQ(value("ExtendedTags", TRUE), "Yes") << "no file";
   EXPECT_EQ(value("Other", FALSE), "No");
-  config.configFiles["/etc/hostos.ini"] = WriteFile("other.ini", "[Other]\nExtendedTags = No\n");
+  m_config.configFiles["/etc/hostos.ini"] = WriteFile("other.ini", "[Other]\nExtendedTags = No\n");
   Apply();
   EXPECT_EQ(value("ExtendedTags", TRUE), "Yes") << "another section";
-  config.configFiles["/etc/hostos.ini"] = WriteFile("other.ini", "[UASLocalSet]\nExtendedTags = Never\n");
+  m_config.configFiles["/etc/hostos.ini"] = WriteFile("other.ini", "[UASLocalSet]\nExtendedTags = Never\n");
   Apply();
   EXPECT_EQ(value("ExtendedTags", TRUE), "Never") << "the file wins";
 }

@@ -23,13 +23,13 @@
 class RuntimeTest : public testing::Test {
  protected:
   RuntimeTest() {
-    config.console = false;
-    config.logLevel = 8;
-    EXPECT_TRUE(HostRuntime_Apply(config));
+    m_config.console = false;
+    m_config.logLevel = 8;
+    EXPECT_TRUE(HostRuntime_Apply(m_config));
     HostRuntime_OnLog([this](const HostLogLine& line) {
-      const std::lock_guard guard(lock);
+      const std::lock_guard guard(m_lock);
       EXPECT_NE(line.function, "operator()") << line.text;
-      lines.push_back(line);
+      m_lines.push_back(line);
     });
   }
   ~RuntimeTest() override {
@@ -37,17 +37,17 @@ class RuntimeTest : public testing::Test {
     HostRuntimeConfig quiet;
     quiet.console = false;
     HostRuntime_Apply(quiet);
-    if (!folder.empty()) std::filesystem::remove_all(folder);
+    if (!m_folder.empty()) std::filesystem::remove_all(m_folder);
   }
 
   void Apply() {
     std::string error;
-    EXPECT_TRUE(HostRuntime_Apply(config, &error)) << error;
+    EXPECT_TRUE(HostRuntime_Apply(m_config, &error)) << error;
   }
 
   std::vector<HostLogLine> Lines() {
-    const std::lock_guard guard(lock);
-    return lines;
+    const std::lock_guard guard(m_lock);
+    return m_lines;
   }
   // The texts of a module's lines.
   std::vector<std::string> Texts(const std::string& module = "HOST") {
@@ -59,12 +59,12 @@ class RuntimeTest : public testing::Test {
   }
 
   std::string Folder() {
-    if (folder.empty()) {
+    if (m_folder.empty()) {
       std::string pattern = testing::TempDir() + "host_runtime_XXXXXX";
       if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "no folder " << pattern;
-      folder = pattern;
+      m_folder = pattern;
     }
-    return folder;
+    return m_folder;
   }
   std::string WriteFile(const std::string& name, const std::string& text) {
     std::string path = Folder() + "/" + name;
@@ -72,12 +72,12 @@ class RuntimeTest : public testing::Test {
     return path;
   }
 
-  HostRuntimeConfig config;
+  HostRuntimeConfig m_config;
 
  private:
-  std::mutex lock;
-  std::vector<HostLogLine> lines;
-  std::string folder;
+  std::mutex m_lock;
+  std::vector<HostLogLine> m_lines;
+  std::string m_folder;
 };
 
 // Waits for what another thread does; for at most ten seconds.

@@ -33,74 +33,74 @@ int OpenDescriptors() {
 class SerialLineTest : public RuntimeTest {
  protected:
   SerialLineTest() {
-    link = Folder() + "/adapter";
+    m_link = Folder() + "/adapter";
     Plug();
-    config.serialDevices["/dev/ttyPS0"] = link;
+    m_config.serialDevices["/dev/ttyPS0"] = m_link;
     Apply();
-    EXPECT_TRUE(__FDMGR_CreateSet("Test", &set, HERE));
+    EXPECT_TRUE(__FDMGR_CreateSet("Test", &m_set, HERE));
   }
   ~SerialLineTest() override {
-    FDMGR_CloseSet(&set);
-    if (port >= 0) close(port);
+    FDMGR_CloseSet(&m_set);
+    if (m_port >= 0) close(m_port);
     Unplug();
   }
 
   void Plug() {
-    far = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-    EXPECT_EQ(grantpt(far), 0);
-    EXPECT_EQ(unlockpt(far), 0);
-    EXPECT_EQ(ptsname_r(far, name, sizeof name), 0);
-    std::filesystem::create_symlink(name, link);
+    m_far = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    EXPECT_EQ(grantpt(m_far), 0);
+    EXPECT_EQ(unlockpt(m_far), 0);
+    EXPECT_EQ(ptsname_r(m_far, m_name, sizeof m_name), 0);
+    std::filesystem::create_symlink(m_name, m_link);
   }
   void Unplug() {
-    std::filesystem::remove(link);
-    if (far >= 0) close(std::exchange(far, -1));
+    std::filesystem::remove(m_link);
+    if (m_far >= 0) close(std::exchange(m_far, -1));
   }
 
-  bool Open() { return OpenSerialPortDevice("/dev/ttyPS0", &port); }
+  bool Open() { return OpenSerialPortDevice("/dev/ttyPS0", &m_port); }
   // As the library does it; the callback reads as the library does.
   void OpenInSet(int baud = 115200) {
     const MDATA_SERIAL_SRC_CFG settings = {baud, 0, 0, 0, 8};
     ASSERT_TRUE(Open());
-    ASSERT_TRUE(ConfigureSerialPort(port, &settings, nullptr));
+    ASSERT_TRUE(ConfigureSerialPort(m_port, &settings, nullptr));
     AddPort();
   }
-  void AddPort() { ASSERT_TRUE(__FDMGR_AddReadFD(set, port, &SerialLineTest::Called, this, nullptr, HERE)); }
+  void AddPort() { ASSERT_TRUE(__FDMGR_AddReadFD(m_set, m_port, &SerialLineTest::Called, this, nullptr, HERE)); }
   void ClosePort() {
-    EXPECT_TRUE(__FDMGR_RemoveReadFD(set, port, HERE));
-    EXPECT_EQ(close(std::exchange(port, -1)), 0);
+    EXPECT_TRUE(__FDMGR_RemoveReadFD(m_set, m_port, HERE));
+    EXPECT_EQ(close(std::exchange(m_port, -1)), 0);
   }
   static void Called(HFDSET, int fd, int, void* pvTest, void*) {
     auto* test = static_cast<SerialLineTest*>(pvTest);
-    if (test->busy > 0) {
-      --test->busy;
+    if (test->m_busy > 0) {
+      --test->m_busy;
       return;
     }
     char buffer[48];
     const ssize_t size = read(fd, buffer, sizeof buffer);
-    test->pieces.push_back(size < 0 ? "error" : std::string(buffer, static_cast<std::size_t>(size)));
+    test->m_pieces.push_back(size < 0 ? "error" : std::string(buffer, static_cast<std::size_t>(size)));
   }
 
   void Interval(int ms) {
     const timeval interval = {ms / 1000, ms % 1000 * 1000};
-    EXPECT_TRUE(FDMGR_SetSelectTimeout(set, &interval, nullptr, nullptr, nullptr));
+    EXPECT_TRUE(FDMGR_SetSelectTimeout(m_set, &interval, nullptr, nullptr, nullptr));
   }
   // Selects until something is so, for at most ten seconds.
   bool SelectUntil(const std::function<bool()>& done) {
     Interval(20);
-    return Eventually([&] { return FDMGR_Select(set) >= 0 && done(); });
+    return Eventually([&] { return FDMGR_Select(m_set) >= 0 && done(); });
   }
   void Send(const std::string& text) {
-    EXPECT_EQ(write(far, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    EXPECT_EQ(write(m_far, text.data(), text.size()), static_cast<ssize_t>(text.size()));
   }
   std::string Got() const {
     std::string all;
-    for (const std::string& piece : pieces) all += piece;
+    for (const std::string& piece : m_pieces) all += piece;
     return all;
   }
   std::string Filler() const { return std::string(16, '\xFF'); }
-  std::string Gone() const { return "Serial device \"" + link + "\" is gone; waiting for it to come back."; }
-  std::string Back() const { return "Serial device \"" + link + "\" is back."; }
+  std::string Gone() const { return "Serial device \"" + m_link + "\" is gone; waiting for it to come back."; }
+  std::string Back() const { return "Serial device \"" + m_link + "\" is back."; }
   std::vector<std::string> Warnings() {
     std::vector<std::string> texts;
     for (const HostLogLine& line : Lines()) {
@@ -109,13 +109,13 @@ class SerialLineTest : public RuntimeTest {
     return texts;
   }
 
-  std::string link;
-  int far = -1;
-  char name[64] = "";
-  int port = -1;
-  HFDSET set = nullptr;
-  std::vector<std::string> pieces;
-  int busy = 0;  // callbacks that do not read
+  std::string m_link;
+  int m_far = -1;
+  char m_name[64] = "";
+  int m_port = -1;
+  HFDSET m_set = nullptr;
+  std::vector<std::string> m_pieces;
+  int m_busy = 0;  // callbacks that do not read
 };
 
 // --- pieces ------------------------------------------------------------------------------------------
@@ -124,18 +124,18 @@ TEST_F(SerialLineTest, A_few_bytes_are_not_handed_out_before_more_have_come) {
   OpenInSet(9600);
   Send("12345");
   Interval(0);
-  EXPECT_EQ(FDMGR_Select(set), 0);
+  EXPECT_EQ(FDMGR_Select(m_set), 0);
   Send("6789abcdefghij");
-  EXPECT_TRUE(SelectUntil([&] { return !pieces.empty(); }));
-  EXPECT_THAT(pieces, ElementsAre("123456789abcdefghij"));
+  EXPECT_TRUE(SelectUntil([&] { return !m_pieces.empty(); }));
+  EXPECT_THAT(m_pieces, ElementsAre("123456789abcdefghij"));
 }
 
 TEST_F(SerialLineTest, A_few_bytes_on_a_quiet_line_are_handed_out_within_the_pass) {
   OpenInSet();
   Send("12345");
   Interval(10'000);
-  EXPECT_EQ(FDMGR_Select(set), 1);
-  EXPECT_THAT(pieces, ElementsAre("12345"));
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
+  EXPECT_THAT(m_pieces, ElementsAre("12345"));
 }
 
 TEST_F(SerialLineTest, Gathering_neither_delays_others_nor_the_time_out) {
@@ -143,32 +143,32 @@ TEST_F(SerialLineTest, Gathering_neither_delays_others_nor_the_time_out) {
   const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   int calls = 0;
   ASSERT_TRUE(__FDMGR_AddReadFD(
-      set, event, [](HFDSET, int, int, void* pvCalls, void*) { ++*static_cast<int*>(pvCalls); }, &calls, nullptr,
+      m_set, event, [](HFDSET, int, int, void* pvCalls, void*) { ++*static_cast<int*>(pvCalls); }, &calls, nullptr,
       HERE));
   Send("1");
   eventfd_write(event, 1);
   Interval(10'000);
-  EXPECT_EQ(FDMGR_Select(set), 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
   EXPECT_EQ(calls, 1);
-  EXPECT_THAT(pieces, IsEmpty());
-  EXPECT_TRUE(__FDMGR_RemoveReadFD(set, event, HERE));
+  EXPECT_THAT(m_pieces, IsEmpty());
+  EXPECT_TRUE(__FDMGR_RemoveReadFD(m_set, event, HERE));
   close(event);
   Send("2");
   Interval(1);
-  EXPECT_EQ(FDMGR_Select(set), 0);
-  EXPECT_THAT(pieces, IsEmpty());
+  EXPECT_EQ(FDMGR_Select(m_set), 0);
+  EXPECT_THAT(m_pieces, IsEmpty());
 }
 
 TEST_F(SerialLineTest, Bytes_that_a_callback_left_are_handed_out_again) {
   OpenInSet();
-  busy = 3;
+  m_busy = 3;
   Send(std::string(30, 'x'));
   Interval(10'000);
-  EXPECT_EQ(FDMGR_Select(set), 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
   Interval(0);
-  for (int i = 0; i < 3; ++i) EXPECT_EQ(FDMGR_Select(set), 1);
-  EXPECT_EQ(FDMGR_Select(set), 0);
-  EXPECT_THAT(pieces, ElementsAre(std::string(30, 'x')));
+  for (int i = 0; i < 3; ++i) EXPECT_EQ(FDMGR_Select(m_set), 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 0);
+  EXPECT_THAT(m_pieces, ElementsAre(std::string(30, 'x')));
 }
 
 TEST_F(SerialLineTest, Much_at_once_arrives_whole_and_in_order) {
@@ -184,12 +184,12 @@ TEST_F(SerialLineTest, Much_at_once_arrives_whole_and_in_order) {
 TEST_F(SerialLineTest, Out_of_the_set_the_descriptor_is_the_device_again) {
   const int before = OpenDescriptors();
   OpenInSet(19200);
-  EXPECT_TRUE(__FDMGR_RemoveReadFD(set, port, HERE));
+  EXPECT_TRUE(__FDMGR_RemoveReadFD(m_set, m_port, HERE));
   termios settings{};
-  ASSERT_EQ(tcgetattr(port, &settings), 0);
+  ASSERT_EQ(tcgetattr(m_port, &settings), 0);
   EXPECT_EQ(cfgetispeed(&settings), speed_t{B19200});
-  EXPECT_TRUE(fcntl(port, F_GETFL) & O_NONBLOCK);
-  EXPECT_TRUE(fcntl(port, F_GETFD) & FD_CLOEXEC);
+  EXPECT_TRUE(fcntl(m_port, F_GETFL) & O_NONBLOCK);
+  EXPECT_TRUE(fcntl(m_port, F_GETFD) & FD_CLOEXEC);
   AddPort();
   Send(std::string(300, 'x'));
   EXPECT_TRUE(SelectUntil([&] { return Got().size() == 300; }));
@@ -200,14 +200,14 @@ TEST_F(SerialLineTest, Out_of_the_set_the_descriptor_is_the_device_again) {
 // The number may have been used again; what stands behind it then belongs to somebody else.
 TEST_F(SerialLineTest, A_descriptor_closed_in_the_set_takes_its_device_along_and_its_number_is_left_alone) {
   OpenInSet();
-  const int number = std::exchange(port, -1);
+  const int number = std::exchange(m_port, -1);
   close(number);
   const int other = eventfd(7, EFD_CLOEXEC | EFD_NONBLOCK);
   ASSERT_EQ(other, number);
   Interval(0);
-  EXPECT_EQ(FDMGR_Select(set), 0);
+  EXPECT_EQ(FDMGR_Select(m_set), 0);
   EXPECT_TRUE(Open());  // nothing holds the device any more
-  EXPECT_TRUE(__FDMGR_RemoveReadFD(set, number, HERE));
+  EXPECT_TRUE(__FDMGR_RemoveReadFD(m_set, number, HERE));
   eventfd_t value = 0;
   EXPECT_EQ(eventfd_read(other, &value), 0);
   EXPECT_EQ(value, 7u);
@@ -231,7 +231,7 @@ TEST_F(SerialLineTest, A_device_that_comes_back_is_behind_the_same_descriptor_as
   EXPECT_THAT(Warnings(), ElementsAre(Gone(), Back()));
   EXPECT_EQ(OpenDescriptors(), before);
   termios settings{};
-  ASSERT_EQ(tcgetattr(far, &settings), 0);
+  ASSERT_EQ(tcgetattr(m_far, &settings), 0);
   EXPECT_EQ(cfgetispeed(&settings), speed_t{B38400});
   EXPECT_FALSE(settings.c_lflag & (ICANON | ECHO | ISIG));
   Send(std::string(30, 'b'));
@@ -247,7 +247,7 @@ TEST_F(SerialLineTest, A_device_that_comes_back_is_behind_the_same_descriptor_as
 
 TEST_F(SerialLineTest, What_came_before_the_device_went_away_is_handed_out) {
   OpenInSet(50);  // held for more than a second
-  const int watcher = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  const int watcher = open(m_name, O_RDWR | O_NOCTTY | O_CLOEXEC);
   Send(std::string(20, 'a'));
   ASSERT_TRUE(Eventually([&] {
     int waiting = 0;
@@ -255,9 +255,9 @@ TEST_F(SerialLineTest, What_came_before_the_device_went_away_is_handed_out) {
   }));
   close(watcher);
   Interval(0);
-  EXPECT_EQ(FDMGR_Select(set), 0);
+  EXPECT_EQ(FDMGR_Select(m_set), 0);
   Unplug();
-  EXPECT_TRUE(SelectUntil([&] { return !pieces.empty(); }));
+  EXPECT_TRUE(SelectUntil([&] { return !m_pieces.empty(); }));
   EXPECT_EQ(Got(), std::string(20, 'a'));
 }
 
@@ -268,18 +268,18 @@ TEST_F(SerialLineTest, While_the_device_is_away_the_thread_sleeps) {
   timespec start{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &start);
   Interval(600);
-  EXPECT_EQ(FDMGR_Select(set), 0);
+  EXPECT_EQ(FDMGR_Select(m_set), 0);
   timespec end{};
   clock_gettime(CLOCK_THREAD_CPUTIME_ID, &end);
   EXPECT_LT(static_cast<double>(end.tv_sec - start.tv_sec) + static_cast<double>(end.tv_nsec - start.tv_nsec) / 1e9,
             0.1);
-  EXPECT_THAT(pieces, IsEmpty());
+  EXPECT_THAT(m_pieces, IsEmpty());
 }
 
 TEST_F(SerialLineTest, A_device_that_hung_up_before_it_was_added_comes_back_too) {
   const MDATA_SERIAL_SRC_CFG settings = {9600, 0, 0, 0, 8};
   ASSERT_TRUE(Open());
-  ASSERT_TRUE(ConfigureSerialPort(port, &settings, nullptr));
+  ASSERT_TRUE(ConfigureSerialPort(m_port, &settings, nullptr));
   Unplug();
   AddPort();
   ASSERT_TRUE(SelectUntil([&] { return Warnings().size() == 1; }));
@@ -317,11 +317,11 @@ TEST_F(SerialLineTest, A_device_is_never_shared) {
   int second = 0;
   EXPECT_FALSE(OpenSerialPortDevice("/dev/ttyPS0", &second));
   EXPECT_EQ(second, -1);
-  EXPECT_FALSE(OpenSerialPortDevice(name, &second));
+  EXPECT_FALSE(OpenSerialPortDevice(m_name, &second));
   EXPECT_THAT(Warnings(),
-              ElementsAre("Serial device \"" + link + "\" is in use; a device is never shared.",
-                          "Serial device \"" + std::string(name) + "\" is in use; a device is never shared."));
-  const std::string take = "flock --nonblock " + std::string(name) + " true";
+              ElementsAre("Serial device \"" + m_link + "\" is in use; a device is never shared.",
+                          "Serial device \"" + std::string(m_name) + "\" is in use; a device is never shared."));
+  const std::string take = "flock --nonblock " + std::string(m_name) + " true";
   EXPECT_NE(system(take.c_str()), 0);
   ClosePort();
   EXPECT_EQ(system(take.c_str()), 0);
@@ -333,10 +333,10 @@ TEST_F(SerialLineTest, A_device_that_another_process_took_meanwhile_is_left_to_i
   Unplug();
   ASSERT_TRUE(SelectUntil([&] { return Warnings().size() == 1; }));
   Plug();
-  const int other = open(name, O_RDWR | O_NOCTTY | O_CLOEXEC);
+  const int other = open(m_name, O_RDWR | O_NOCTTY | O_CLOEXEC);
   ASSERT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
   Interval(600);
-  EXPECT_EQ(FDMGR_Select(set), 0);
+  EXPECT_EQ(FDMGR_Select(m_set), 0);
   EXPECT_THAT(Warnings(), SizeIs(1));
   close(other);
   EXPECT_TRUE(SelectUntil([&] { return Warnings().size() == 2; }));

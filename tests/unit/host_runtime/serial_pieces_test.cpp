@@ -30,15 +30,15 @@ constexpr std::int64_t kAt115200 = 86'805;
 
 class PiecesTest : public testing::Test {
  protected:
-  explicit PiecesTest(std::int64_t time = kAt9600) : character(time), pieces(time) {}
+  explicit PiecesTest(std::int64_t time = kAt9600) : m_character(time), m_pieces(time) {}
 
-  void Come(std::size_t count) { pieces.Add(Bytes(count, 0x55), now); }
+  void Come(std::size_t count) { m_pieces.Add(Bytes(count, 0x55), m_now); }
   // The sizes of all that is due now.
   Sizes Cut() {
     Sizes sizes;
-    for (auto piece = pieces.Next(now); !piece.empty(); piece = pieces.Next(now)) {
+    for (auto piece = m_pieces.Next(m_now); !piece.empty(); piece = m_pieces.Next(m_now)) {
       sizes.push_back(piece.size());
-      pieces.Took(now);
+      m_pieces.Took(m_now);
     }
     return sizes;
   }
@@ -46,7 +46,7 @@ class PiecesTest : public testing::Test {
   Sizes Run(int count) {
     Sizes all;
     for (int i = 0; i < count; ++i) {
-      now += character;
+      m_now += m_character;
       Come(1);
       const Sizes some = Cut();
       all.insert(all.end(), some.begin(), some.end());
@@ -54,20 +54,20 @@ class PiecesTest : public testing::Test {
     return all;
   }
 
-  const std::int64_t character;
-  std::int64_t now = 1'000'000'000'000;
-  SerialPieces pieces;
+  const std::int64_t m_character;
+  std::int64_t m_now = 1'000'000'000'000;
+  SerialPieces m_pieces;
 };
 
 TEST_F(PiecesTest, A_whole_message_goes_when_the_line_was_quiet_for_sixteen_characters) {
   Come(150);
   EXPECT_THAT(Cut(), IsEmpty());
-  EXPECT_EQ(pieces.Due(), now + 16 * kAt9600);
-  now = pieces.Due() - 1;
+  EXPECT_EQ(m_pieces.Due(), m_now + 16 * kAt9600);
+  m_now = m_pieces.Due() - 1;
   EXPECT_THAT(Cut(), IsEmpty());
-  ++now;
+  ++m_now;
   EXPECT_THAT(Cut(), ElementsAre(38u, 38u, 37u, 37u));
-  EXPECT_EQ(pieces.Due(), SerialPieces::kNever);
+  EXPECT_EQ(m_pieces.Due(), SerialPieces::kNever);
 }
 
 TEST_F(PiecesTest, A_good_piece_goes_at_once) {
@@ -82,12 +82,12 @@ TEST_F(PiecesTest, A_good_piece_goes_at_once) {
 TEST_F(PiecesTest, No_short_rest_stays_behind_a_full_piece) {
   for (std::size_t size = 16; size <= 300; ++size) {
     SerialPieces fresh(kAt9600);
-    fresh.Add(Bytes(size, 1), now);
-    now = fresh.Due();
-    for (auto piece = fresh.Next(now); !piece.empty(); piece = fresh.Next(now)) {
+    fresh.Add(Bytes(size, 1), m_now);
+    m_now = fresh.Due();
+    for (auto piece = fresh.Next(m_now); !piece.empty(); piece = fresh.Next(m_now)) {
       EXPECT_GE(piece.size(), 16u) << size;
       EXPECT_LE(piece.size(), 48u) << size;
-      fresh.Took(now);
+      fresh.Took(m_now);
     }
     EXPECT_EQ(fresh.Held(), 0u);
   }
@@ -98,26 +98,26 @@ TEST_F(PiecesTest, A_line_that_runs_gives_a_good_piece_first_and_then_sixteen_ch
   EXPECT_EQ(Run(1).size(), 6u);
   EXPECT_THAT(Run(48), ElementsAre(16u, 16u, 16u));
   // A pause between messages does not begin a new burst, a gap does.
-  now += 60 * kAt9600;
+  m_now += 60 * kAt9600;
   EXPECT_THAT(Run(16), ElementsAre(16u));
-  now += 64 * kAt9600;
+  m_now += 64 * kAt9600;
   EXPECT_THAT(Run(16), IsEmpty());
 }
 
 TEST_F(PiecesTest, A_short_rest_waits_for_twenty_characters_and_a_second_one_for_a_quarter_second) {
   Run(256);
   Come(5);
-  EXPECT_EQ(pieces.Due(), now + 20 * kAt9600);
-  now = pieces.Due();
+  EXPECT_EQ(m_pieces.Due(), m_now + 20 * kAt9600);
+  m_now = m_pieces.Due();
   EXPECT_THAT(Cut(), ElementsAre(5u));
   Come(5);
-  EXPECT_EQ(pieces.Due(), now + 250 * kMs);
-  now += 100 * kMs;
+  EXPECT_EQ(m_pieces.Due(), m_now + 250 * kMs);
+  m_now += 100 * kMs;
   Come(11);
-  now = pieces.Due();
+  m_now = m_pieces.Due();
   EXPECT_THAT(Cut(), ElementsAre(16u));
   Come(5);
-  EXPECT_EQ(pieces.Due(), now + 20 * kAt9600);
+  EXPECT_EQ(m_pieces.Due(), m_now + 20 * kAt9600);
 }
 
 TEST(SerialPieces, Pauses_follow_the_rate_within_bounds) {
@@ -146,24 +146,24 @@ TEST(SerialPieces, What_never_pauses_is_held_for_256_characters_or_a_second) {
 TEST_F(PiecesTest, After_an_interruption_a_filler_ends_what_the_decoder_waits_for) {
   Run(256);
   Come(7);
-  pieces.Interrupt();
+  m_pieces.Interrupt();
   EXPECT_THAT(Cut(), ElementsAre(7u));  // nothing follows it
-  EXPECT_EQ(pieces.Due(), SerialPieces::kNever);
-  const std::int64_t last = now;
-  now += 300 * kMs;
+  EXPECT_EQ(m_pieces.Due(), SerialPieces::kNever);
+  const std::int64_t last = m_now;
+  m_now += 300 * kMs;
   Come(100);
   EXPECT_THAT(Cut(), IsEmpty());
-  EXPECT_EQ(pieces.Due(), last + 520 * kMs);
-  now = pieces.Due();
-  const auto filler = pieces.Next(now);
+  EXPECT_EQ(m_pieces.Due(), last + 520 * kMs);
+  m_now = m_pieces.Due();
+  const auto filler = m_pieces.Next(m_now);
   EXPECT_EQ(Bytes(filler.begin(), filler.end()), Bytes(16, 0xFF));
-  pieces.Took(now);
+  m_pieces.Took(m_now);
   EXPECT_THAT(Cut(), ElementsAre(34u, 33u, 33u));
   // Nothing was handed out since: the decoder waits for nothing.
   SerialPieces fresh(kAt9600);
   fresh.Interrupt();
-  fresh.Add(Bytes(256, 1), now);
-  EXPECT_EQ(fresh.Next(now).size(), 43u);
+  fresh.Add(Bytes(256, 1), m_now);
+  EXPECT_EQ(fresh.Next(m_now).size(), 43u);
 }
 
 // --- with the library's decoder ----------------------------------------------------------------------
@@ -183,21 +183,21 @@ Bytes Message(std::size_t size, BYTE number) {
 class DecodedTest : public RuntimeTest {
  protected:
   ~DecodedTest() override {
-    if (decoder != nullptr) FreeKlvDecodeContext(&decoder);
+    if (m_decoder != nullptr) FreeKlvDecodeContext(&m_decoder);
   }
   // A source that was just opened.
   void Restart() {
-    if (decoder != nullptr) FreeKlvDecodeContext(&decoder);
-    got.clear();
-    ASSERT_TRUE(AllocKlvDecodeContext(&decoder, &DecodedTest::Take, this));
+    if (m_decoder != nullptr) FreeKlvDecodeContext(&m_decoder);
+    m_got.clear();
+    ASSERT_TRUE(AllocKlvDecodeContext(&m_decoder, &DecodedTest::Take, this));
   }
   static void Take(MDATA_BUFFER* pMessage, void* pvTest) {
-    static_cast<DecodedTest*>(pvTest)->got.emplace_back(pMessage->pcData, pMessage->pcData + pMessage->nDataSize);
+    static_cast<DecodedTest*>(pvTest)->m_got.emplace_back(pMessage->pcData, pMessage->pcData + pMessage->nDataSize);
   }
 
   void Decode(SerialPieces& pieces, std::int64_t now) {
     for (auto piece = pieces.Next(now); !piece.empty(); piece = pieces.Next(now)) {
-      GenericKLV_ProcessRxData(decoder, piece.data(), static_cast<int>(piece.size()));
+      GenericKLV_ProcessRxData(m_decoder, piece.data(), static_cast<int>(piece.size()));
       pieces.Took(now);
     }
   }
@@ -206,9 +206,9 @@ class DecodedTest : public RuntimeTest {
     SerialPieces pieces(character);
     std::int64_t now = 1'000'000'000'000;
     for (std::size_t at = 0; at < stream.size();) {
-      const std::size_t size = std::min(1 + random() % most, stream.size() - at);
+      const std::size_t size = std::min(1 + m_random() % most, stream.size() - at);
       const std::int64_t next = now + static_cast<std::int64_t>(size) * character +
-                                (jitter == 0 ? 0 : static_cast<std::int64_t>(random()) % jitter);
+                                (jitter == 0 ? 0 : static_cast<std::int64_t>(m_random()) % jitter);
       for (std::int64_t due = pieces.Due(); due < next; due = pieces.Due()) Decode(pieces, std::max(due, now));
       now = next;
       pieces.Add({stream.data() + at, size}, now);
@@ -218,9 +218,9 @@ class DecodedTest : public RuntimeTest {
     Decode(pieces, pieces.Due() == SerialPieces::kNever ? now : pieces.Due());
   }
 
-  void* decoder = nullptr;
-  std::vector<Bytes> got;
-  std::mt19937 random{1};
+  void* m_decoder = nullptr;
+  std::vector<Bytes> m_got;
+  std::mt19937 m_random{1};
 };
 
 TEST_F(DecodedTest, Every_message_of_a_stream_arrives_in_lots_of_any_size_the_first_one_included) {
@@ -232,12 +232,12 @@ TEST_F(DecodedTest, Every_message_of_a_stream_arrives_in_lots_of_any_size_the_fi
         std::vector<Bytes> sent;
         Bytes stream;
         for (BYTE i = 0; i < 40; ++i) {
-          sent.push_back(Message(40 + random() % 300, i));
+          sent.push_back(Message(40 + m_random() % 300, i));
           stream.insert(stream.end(), sent.back().begin(), sent.back().end());
         }
         Send(stream, most, character, jitter);
-        EXPECT_TRUE(got == sent) << got.size() << " of 40, lots of up to " << most << ", character " << character
-                                 << ", jitter " << jitter;
+        EXPECT_TRUE(m_got == sent) << m_got.size() << " of 40, lots of up to " << most << ", character " << character
+                                   << ", jitter " << jitter;
       }
     }
   }
@@ -248,11 +248,11 @@ TEST_F(DecodedTest, The_filler_ends_a_key_cut_at_any_byte_and_the_next_message_a
   const Bytes filler(16, 0xFF);
   for (int cut = 1; cut < 16; ++cut) {
     Restart();
-    GenericKLV_ProcessRxData(decoder, whole.data(), static_cast<int>(whole.size()));
-    GenericKLV_ProcessRxData(decoder, whole.data(), cut);
-    GenericKLV_ProcessRxData(decoder, filler.data(), static_cast<int>(filler.size()));
-    GenericKLV_ProcessRxData(decoder, whole.data(), static_cast<int>(whole.size()));
-    EXPECT_THAT(got, ElementsAre(whole, whole)) << cut;
+    GenericKLV_ProcessRxData(m_decoder, whole.data(), static_cast<int>(whole.size()));
+    GenericKLV_ProcessRxData(m_decoder, whole.data(), cut);
+    GenericKLV_ProcessRxData(m_decoder, filler.data(), static_cast<int>(filler.size()));
+    GenericKLV_ProcessRxData(m_decoder, whole.data(), static_cast<int>(whole.size()));
+    EXPECT_THAT(m_got, ElementsAre(whole, whole)) << cut;
   }
 }
 

@@ -44,18 +44,18 @@ class Event {
 
 class SetTest : public RuntimeTest {
  protected:
-  SetTest() { EXPECT_TRUE(__FDMGR_CreateSet("Test", &set, HERE)); }
-  ~SetTest() override { FDMGR_CloseSet(&set); }
+  SetTest() { EXPECT_TRUE(__FDMGR_CreateSet("Test", &m_set, HERE)); }
+  ~SetTest() override { FDMGR_CloseSet(&m_set); }
 
   // Adds a descriptor whose callback notes its position and then does `action`.
   void Add(int fd, int name, std::function<void()> action = {}) {
-    handlers.push_back(std::make_unique<Handler>(Handler{this, name, std::move(action)}));
-    ASSERT_TRUE(__FDMGR_AddReadFD(set, fd, &SetTest::Called, handlers.back().get(), nullptr, HERE));
+    m_handlers.push_back(std::make_unique<Handler>(Handler{this, name, std::move(action)}));
+    ASSERT_TRUE(__FDMGR_AddReadFD(m_set, fd, &SetTest::Called, m_handlers.back().get(), nullptr, HERE));
   }
-  void Remove(int fd) { EXPECT_TRUE(__FDMGR_RemoveReadFD(set, fd, HERE)); }
+  void Remove(int fd) { EXPECT_TRUE(__FDMGR_RemoveReadFD(m_set, fd, HERE)); }
   void TimeOutAfter(long ms) {
     timeval interval = {ms / 1000, ms % 1000 * 1000};
-    EXPECT_TRUE(FDMGR_SetSelectTimeout(set, &interval, &SetTest::TimedOut, this, nullptr));
+    EXPECT_TRUE(FDMGR_SetSelectTimeout(m_set, &interval, &SetTest::TimedOut, this, nullptr));
     interval = {1000, 0};  // the set has its own copy
   }
 
@@ -66,17 +66,17 @@ class SetTest : public RuntimeTest {
   };
   static void Called(HFDSET hSet, int, int, void* pvParam1, void* pvParam2) {
     const Handler* handler = static_cast<Handler*>(pvParam1);
-    EXPECT_EQ(hSet, handler->test->set);
+    EXPECT_EQ(hSet, handler->test->m_set);
     EXPECT_EQ(pvParam2, nullptr);
-    handler->test->calls.push_back(handler->name);
+    handler->test->m_calls.push_back(handler->name);
     if (handler->action) handler->action();
   }
-  static void TimedOut(HFDSET, void* pvParam1, void*) { ++static_cast<SetTest*>(pvParam1)->timeOuts; }
+  static void TimedOut(HFDSET, void* pvParam1, void*) { ++static_cast<SetTest*>(pvParam1)->m_timeOuts; }
 
-  HFDSET set = nullptr;
-  std::vector<std::unique_ptr<Handler>> handlers;
-  std::vector<int> calls;
-  int timeOuts = 0;
+  HFDSET m_set = nullptr;
+  std::vector<std::unique_ptr<Handler>> m_handlers;
+  std::vector<int> m_calls;
+  int m_timeOuts = 0;
 };
 
 TEST_F(SetTest, Readable_descriptors_are_dispatched_in_the_order_they_were_added) {
@@ -84,20 +84,20 @@ TEST_F(SetTest, Readable_descriptors_are_dispatched_in_the_order_they_were_added
   for (int i = 0; i < 200; ++i) events.push_back(std::make_unique<Event>());
   for (int i = 0; i < 200; ++i) Add(events[static_cast<std::size_t>((i * 37) % 200)]->fd, i);
   for (auto event = events.rbegin(); event != events.rend(); ++event) (*event)->Set();
-  EXPECT_EQ(FDMGR_Select(set), 200);
-  EXPECT_TRUE(std::is_sorted(calls.begin(), calls.end()));
+  EXPECT_EQ(FDMGR_Select(m_set), 200);
+  EXPECT_TRUE(std::is_sorted(m_calls.begin(), m_calls.end()));
 }
 
 TEST_F(SetTest, A_descriptor_is_dispatched_as_long_as_it_stays_readable) {
   Event event;
   Add(event.fd, 1);
   event.Set();
-  EXPECT_EQ(FDMGR_Select(set), 1);
-  EXPECT_EQ(FDMGR_Select(set), 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
   event.Clear();
   TimeOutAfter(0);
-  EXPECT_EQ(FDMGR_Select(set), 0);
-  EXPECT_EQ(timeOuts, 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 0);
+  EXPECT_EQ(m_timeOuts, 1);
 }
 
 TEST_F(SetTest, A_removal_takes_effect_in_the_same_pass) {
@@ -107,8 +107,8 @@ TEST_F(SetTest, A_removal_takes_effect_in_the_same_pass) {
   Add(second.fd, 2);
   first.Set();
   second.Set();
-  EXPECT_EQ(FDMGR_Select(set), 1);
-  EXPECT_THAT(calls, ElementsAre(1));
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
+  EXPECT_THAT(m_calls, ElementsAre(1));
 }
 
 TEST_F(SetTest, A_descriptor_added_anew_under_the_same_number_waits_for_its_own_event) {
@@ -122,8 +122,8 @@ TEST_F(SetTest, A_descriptor_added_anew_under_the_same_number_waits_for_its_own_
   Add(second.fd, 2);
   first.Set();
   second.Set();
-  EXPECT_EQ(FDMGR_Select(set), 1);
-  EXPECT_THAT(calls, ElementsAre(1));
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
+  EXPECT_THAT(m_calls, ElementsAre(1));
 }
 
 TEST_F(SetTest, A_callback_may_remove_itself) {
@@ -131,17 +131,17 @@ TEST_F(SetTest, A_callback_may_remove_itself) {
   Add(event.fd, 1, [&] { Remove(event.fd); });
   event.Set();
   TimeOutAfter(0);
-  EXPECT_EQ(FDMGR_Select(set), 1);
-  EXPECT_EQ(FDMGR_Select(set), 0);
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 0);
 }
 
 TEST_F(SetTest, The_interval_is_copied_and_armed_anew_for_every_select) {
   TimeOutAfter(30);
   for (int i = 1; i <= 2; ++i) {
     const auto begin = Clock::now();
-    EXPECT_EQ(FDMGR_Select(set), 0);
+    EXPECT_EQ(FDMGR_Select(m_set), 0);
     EXPECT_GE(Clock::now() - begin, milliseconds(30));
-    EXPECT_EQ(timeOuts, i);
+    EXPECT_EQ(m_timeOuts, i);
   }
 }
 
@@ -149,14 +149,14 @@ TEST_F(SetTest, Without_interval_a_select_waits_for_a_descriptor) {
   Event event;
   Add(event.fd, 1);
   TimeOutAfter(1);
-  EXPECT_TRUE(FDMGR_SetSelectTimeout(set, nullptr, &SetTest::TimedOut, this, nullptr));
+  EXPECT_TRUE(FDMGR_SetSelectTimeout(m_set, nullptr, &SetTest::TimedOut, this, nullptr));
   std::thread other([&] {
     std::this_thread::sleep_for(milliseconds(50));
     event.Set();
   });
-  EXPECT_EQ(FDMGR_Select(set), 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
   other.join();
-  EXPECT_EQ(timeOuts, 0);
+  EXPECT_EQ(m_timeOuts, 0);
 }
 
 TEST_F(SetTest, A_busy_descriptor_keeps_nobody_waiting) {
@@ -166,7 +166,7 @@ TEST_F(SetTest, A_busy_descriptor_keeps_nobody_waiting) {
   Add(quiet.fd, 2);
   busy.Set();
   quiet.Set();
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(FDMGR_Select(set), 2);
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(FDMGR_Select(m_set), 2);
 }
 
 TEST_F(SetTest, A_peer_that_is_gone_makes_its_descriptor_readable) {
@@ -174,17 +174,17 @@ TEST_F(SetTest, A_peer_that_is_gone_makes_its_descriptor_readable) {
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
   Add(ends[0], 1);
   close(ends[1]);
-  EXPECT_EQ(FDMGR_Select(set), 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
   Remove(ends[0]);
   close(ends[0]);
 }
 
 TEST_F(SetTest, Misuse_fails_and_is_logged) {
   Event event;
-  EXPECT_FALSE(__FDMGR_AddReadFD(set, -1, &SetTest::Called, nullptr, nullptr, HERE));
-  EXPECT_FALSE(__FDMGR_RemoveReadFD(set, event.fd, HERE));
+  EXPECT_FALSE(__FDMGR_AddReadFD(m_set, -1, &SetTest::Called, nullptr, nullptr, HERE));
+  EXPECT_FALSE(__FDMGR_RemoveReadFD(m_set, event.fd, HERE));
   Add(event.fd, 1);
-  EXPECT_FALSE(__FDMGR_AddReadFD(set, event.fd, &SetTest::Called, nullptr, nullptr, HERE));
+  EXPECT_FALSE(__FDMGR_AddReadFD(m_set, event.fd, &SetTest::Called, nullptr, nullptr, HERE));
   EXPECT_EQ(Lines().size(), 3u);
   HFDSET none = nullptr;
   EXPECT_FALSE(FDMGR_CloseSet(&none));
@@ -198,8 +198,8 @@ TEST_F(SetTest, A_descriptor_closed_without_removal_can_be_added_again) {
   const int again = eventfd(1, EFD_CLOEXEC);
   ASSERT_EQ(again, fd);
   Add(again, 2);
-  EXPECT_EQ(FDMGR_Select(set), 1);
-  EXPECT_THAT(calls, ElementsAre(2));
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
+  EXPECT_THAT(m_calls, ElementsAre(2));
   close(again);
   Remove(again);
 }
@@ -391,7 +391,7 @@ TEST_F(ThreadTest, Stack_and_priority_are_wishes) {
     EXPECT_TRUE(StartThread(thread));
     EXPECT_TRUE(WaitForThread(thread));
   }
-  config.realtimeThreads = false;
+  m_config.realtimeThreads = false;
   Apply();
   int policy = -1;
   std::function<void()> ask = [&] { policy = sched_getscheduler(0); };
@@ -443,7 +443,7 @@ TEST_F(ThreadTest, Reports_of_other_threads_are_ignored_and_asked_for_by_the_con
   __SetThreadIterations(1);
   EXPECT_THAT(HostRuntime_Threads(), IsEmpty());
   EXPECT_FALSE(g_bThreadStateDebuggingEnabled);
-  config.threadStates = true;
+  m_config.threadStates = true;
   Apply();
   EXPECT_TRUE(g_bThreadStateDebuggingEnabled);
 }

@@ -39,23 +39,23 @@ void PrintTo(const Parsed& p, std::ostream* pStream) {
 class KlvInfoTest : public HostTest {
  protected:
   // Parses bytes that sit in a block of exactly their size. A failure must leave the record alone.
-  std::optional<Parsed> Parse(const Bytes& Data, int nTagCode, int nLengthCode) {
-    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Data.size() + 1]);
+  std::optional<Parsed> Parse(const Bytes& data, int nTagCode, int nLengthCode) {
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[data.size() + 1]);
     BYTE* pcData = pcExact.get() + 1;
-    std::copy(Data.begin(), Data.end(), pcData);
-    const KLV_INFO Untouched = {11, 22, pcData, 33, 44, 55};
-    KLV_INFO Info = Untouched;
-    if (!KLV_GetInfo(pcData, static_cast<int>(Data.size()), nTagCode, nLengthCode, &Info)) {
-      EXPECT_EQ(Info.nKey, Untouched.nKey);
-      EXPECT_EQ(Info.nLength, Untouched.nLength);
-      EXPECT_EQ(Info.pValue, Untouched.pValue);
-      EXPECT_EQ(Info.nKeySize, Untouched.nKeySize);
-      EXPECT_EQ(Info.nLengthSize, Untouched.nLengthSize);
-      EXPECT_EQ(Info.nTotalSize, Untouched.nTotalSize);
+    std::copy(data.begin(), data.end(), pcData);
+    const KLV_INFO untouched = {11, 22, pcData, 33, 44, 55};
+    KLV_INFO info = untouched;
+    if (!KLV_GetInfo(pcData, static_cast<int>(data.size()), nTagCode, nLengthCode, &info)) {
+      EXPECT_EQ(info.nKey, untouched.nKey);
+      EXPECT_EQ(info.nLength, untouched.nLength);
+      EXPECT_EQ(info.pValue, untouched.pValue);
+      EXPECT_EQ(info.nKeySize, untouched.nKeySize);
+      EXPECT_EQ(info.nLengthSize, untouched.nLengthSize);
+      EXPECT_EQ(info.nTotalSize, untouched.nTotalSize);
       return {};
     }
-    return Parsed{Info.nKey,     Info.nLength,     static_cast<int>(Info.pValue - pcData),
-                  Info.nKeySize, Info.nLengthSize, Info.nTotalSize};
+    return Parsed{info.nKey,     info.nLength,     static_cast<int>(info.pValue - pcData),
+                  info.nKeySize, info.nLengthSize, info.nTotalSize};
   }
   std::optional<Parsed> Parse(const std::string& strHex, int nTagCode, int nLengthCode) {
     return Parse(Hex(strHex), nTagCode, nLengthCode);
@@ -151,11 +151,11 @@ TEST_F(KlvInfoTest, TextsOfTheSizeCodes) {
                 {3, "(Unknown)", "(Unknown)"},
                 {INT_MIN, "(Unknown)", "(Unknown)"}};
   char szBuffer[40];
-  for (const auto& Text : kTexts) {
-    EXPECT_EQ(KLV_GetTagFieldDescription(Text.nCode, szBuffer, sizeof(szBuffer)), szBuffer);
-    EXPECT_STREQ(szBuffer, Text.szTag) << Text.nCode;
-    EXPECT_EQ(KLV_GetLengthFieldDescription(Text.nCode, szBuffer, sizeof(szBuffer)), szBuffer);
-    EXPECT_STREQ(szBuffer, Text.szLength) << Text.nCode;
+  for (const auto& text : kTexts) {
+    EXPECT_EQ(KLV_GetTagFieldDescription(text.nCode, szBuffer, sizeof(szBuffer)), szBuffer);
+    EXPECT_STREQ(szBuffer, text.szTag) << text.nCode;
+    EXPECT_EQ(KLV_GetLengthFieldDescription(text.nCode, szBuffer, sizeof(szBuffer)), szBuffer);
+    EXPECT_STREQ(szBuffer, text.szLength) << text.nCode;
   }
 }
 
@@ -180,8 +180,8 @@ TEST_F(KlvInfoTest, FewerThanTwoBytesAreNoElement) {
       ExpectRefused("05", nTagCode, nLengthCode, kKeyOutOfRange);
     }
   }
-  KLV_INFO Info;
-  EXPECT_FALSE(KLV_GetInfo("", -5, 1, 1, &Info));
+  KLV_INFO info;
+  EXPECT_FALSE(KLV_GetInfo("", -5, 1, 1, &info));
   ExpectLog(4, kKeyOutOfRange);
 }
 
@@ -210,9 +210,9 @@ TEST_F(KlvInfoTest, BerTagOfFourBytes) {
 TEST_F(KlvInfoTest, LongerBerTagHasTheValueZeroAndNoText) {
   EXPECT_EQ(Parse("81 82 83 84 05 01 AA", -1, 0), (Parsed{0, 1, 6, 5, 1, 7}));
   ExpectLog(7, "BER encoded tag is 5 bytes long.\n");
-  for (const LogLine& Line : host().Logs()) EXPECT_EQ(Line.text.find("tag=0x"), std::string::npos) << Line.text;
-  const Bytes Long = Bytes(200, 0x80) + Hex("00 00");
-  EXPECT_EQ(Parse(Long, -1, 0), (Parsed{0, 0, 202, 201, 1, 202}));
+  for (const LogLine& line : host().Logs()) EXPECT_EQ(line.text.find("tag=0x"), std::string::npos) << line.text;
+  const Bytes longer = Bytes(200, 0x80) + Hex("00 00");
+  EXPECT_EQ(Parse(longer, -1, 0), (Parsed{0, 0, 202, 201, 1, 202}));
 }
 
 TEST_F(KlvInfoTest, BerTagWithoutAnEndIsOutOfRange) {
@@ -348,16 +348,16 @@ TEST_F(KlvInfoTest, OnlyTheFirstValueByteMustBeThere) {
 
 TEST_F(KlvInfoTest, RandomBytesAreNeverReadBeyondTheirEnd) {
   host().SetLevel("METADATALIB", 0);
-  std::mt19937 Random(7);
+  std::mt19937 random(7);
   for (int nRound = 0; nRound < 20000; nRound++) {
-    Bytes Data(Random() % 24);
-    for (BYTE& nByte : Data) nByte = static_cast<BYTE>(Random() % 3 == 0 ? 0x80 + Random() % 6 : Random());
-    const int nTagCode = kAllTagCodes[Random() % std::size(kAllTagCodes)];
-    const int nLengthCode = kAllLengthCodes[Random() % std::size(kAllLengthCodes)];
-    const auto Result = Parse(Data, nTagCode, nLengthCode);
-    if (!Result) continue;
-    ASSERT_LE(Result->nValueOffset, static_cast<int>(Data.size()));
-    ASSERT_EQ(Result->nTotalSize, static_cast<UINT32>(Result->nValueOffset) + static_cast<UINT32>(Result->nLength));
+    Bytes data(random() % 24);
+    for (BYTE& nByte : data) nByte = static_cast<BYTE>(random() % 3 == 0 ? 0x80 + random() % 6 : random());
+    const int nTagCode = kAllTagCodes[random() % std::size(kAllTagCodes)];
+    const int nLengthCode = kAllLengthCodes[random() % std::size(kAllLengthCodes)];
+    const auto result = Parse(data, nTagCode, nLengthCode);
+    if (!result) continue;
+    ASSERT_LE(result->nValueOffset, static_cast<int>(data.size()));
+    ASSERT_EQ(result->nTotalSize, static_cast<UINT32>(result->nValueOffset) + static_cast<UINT32>(result->nLength));
   }
 }
 

@@ -25,8 +25,8 @@ void PutBigEndian(std::string& out, Word word) {
 }
 
 // A GTX grid whose values say where they stand.
-float ValueAt(int latitude_steps, int longitude_steps) {
-  return static_cast<float>(latitude_steps) * 0.2f + static_cast<float>(longitude_steps) / 10000;
+float ValueAt(int latitudeSteps, int longitudeSteps) {
+  return static_cast<float>(latitudeSteps) * 0.2f + static_cast<float>(longitudeSteps) / 10000;
 }
 
 std::string MakeGtx(double west = -180.0) {

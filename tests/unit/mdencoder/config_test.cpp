@@ -156,7 +156,7 @@ TEST(Encoder, EverySetting) {
   EXPECT_EQ(settings.hostConfig, "host.ini");
   EXPECT_EQ(settings.outputDir, "out");
   EXPECT_TRUE(settings.streamHeader);
-  EXPECT_EQ(settings.format, Format::kJson);
+  EXPECT_EQ(settings.format, Format::Json);
   EXPECT_TRUE(settings.live);
   EXPECT_EQ(settings.logLevel, 6);
   EXPECT_THAT(settings.moduleLevels, ElementsAre(Pair("METADATALIB", 7), Pair("COTCONVERTER", 3)));
@@ -338,7 +338,7 @@ TEST(CommandLine, OptionsWinOverTheFile) {
   std::fprintf(file, "%s[encoder]\nformat = table\nmessages = 3\n", kUdp);
   std::fclose(file);
   const Config config = LoadConfig(path, {{"format", "none"}, {"queue", "7"}});
-  EXPECT_EQ(config.encoder.format, Format::kNone);
+  EXPECT_EQ(config.encoder.format, Format::None);
   EXPECT_EQ(config.encoder.messages, 3U);
   EXPECT_EQ(config.encoder.queue, 7U);
   EXPECT_THROW(LoadConfig(path, {{"queue", "0"}}), ConfigError);

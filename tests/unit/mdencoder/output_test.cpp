@@ -46,7 +46,7 @@ struct Rendered {
     received.sequence = 17;
     received.headerLength = 300;
     received.buffer = buffer;
-    parsed = st0601::Parse(received.message());
+    parsed = st0601::Parse(received.Message());
   }
   SourceSettings settings = UdpSettings();
   Source source{settings};
@@ -321,15 +321,15 @@ TEST(Sequence, AVideoSourceUsesARefusedNumberAgain) {
 TEST(Commands, AreReadLeniently) {
   using Kind = Command::Kind;
   EXPECT_FALSE(ParseCommand("  "));
-  EXPECT_EQ(ParseCommand("stats")->kind, Kind::kStats);
+  EXPECT_EQ(ParseCommand("stats")->kind, Kind::Stats);
   EXPECT_EQ(ParseCommand(" reset  udp ")->name, "udp");
   EXPECT_EQ(ParseCommand("reset all")->name, "");
-  EXPECT_EQ(ParseCommand("restore x")->kind, Kind::kRestore);
-  EXPECT_EQ(ParseCommand("save")->kind, Kind::kSave);
-  EXPECT_EQ(ParseCommand("quit")->kind, Kind::kQuit);
-  EXPECT_EQ(ParseCommand("help")->kind, Kind::kHelp);
-  EXPECT_EQ(ParseCommand("quit now")->kind, Kind::kUnknown);
-  EXPECT_EQ(ParseCommand("reset a b")->kind, Kind::kUnknown);
+  EXPECT_EQ(ParseCommand("restore x")->kind, Kind::Restore);
+  EXPECT_EQ(ParseCommand("save")->kind, Kind::Save);
+  EXPECT_EQ(ParseCommand("quit")->kind, Kind::Quit);
+  EXPECT_EQ(ParseCommand("help")->kind, Kind::Help);
+  EXPECT_EQ(ParseCommand("quit now")->kind, Kind::Unknown);
+  EXPECT_EQ(ParseCommand("reset a b")->kind, Kind::Unknown);
   EXPECT_EQ(ParseCommand("bogus")->name, "bogus");
 }
 

@@ -119,18 +119,18 @@ std::string ReadFile(const std::string& path) {
 class SessionTest : public testing::Test {
  protected:
   SessionTest() {
-    g_fake = &fake_;
-    std::filesystem::remove_all(folder_);
-    std::filesystem::create_directories(folder_);
-    library_ = {FakeInit, FakeShutdown, FakeOpen, FakeClose, FakeRelease, FakeGet, FakeReset, FakeSet};
+    g_fake = &m_fake;
+    std::filesystem::remove_all(m_folder);
+    std::filesystem::create_directories(m_folder);
+    m_library = {FakeInit, FakeShutdown, FakeOpen, FakeClose, FakeRelease, FakeGet, FakeReset, FakeSet};
     Session::BlockSignals();
   }
   ~SessionTest() override {
-    EXPECT_EQ(fake_.heldBuffers.load(), 0) << "every reference is given back";
-    std::filesystem::remove_all(folder_);
-    if (savedInput_ >= 0) {
-      dup2(savedInput_, STDIN_FILENO);
-      close(savedInput_);
+    EXPECT_EQ(m_fake.heldBuffers.load(), 0) << "every reference is given back";
+    std::filesystem::remove_all(m_folder);
+    if (m_savedInput >= 0) {
+      dup2(m_savedInput, STDIN_FILENO);
+      close(m_savedInput);
     }
   }
 
@@ -141,17 +141,17 @@ class SessionTest : public testing::Test {
     testing::internal::CaptureStderr();
     {
       Console console;
-      Session session(config, library_, console);
-      exitCode_ = session.Run();
+      Session session(config, m_library, console);
+      m_exitCode = session.Run();
     }
-    complaints_ = testing::internal::GetCapturedStderr();
+    m_complaints = testing::internal::GetCapturedStderr();
     return testing::internal::GetCapturedStdout();
   }
 
   /* Delivers from a thread once `count` sources are open. */
   void DeliverWhenOpen(size_t count, const std::function<void()>& deliveries) {
-    fake_.onOpen = [this, count, deliveries] {
-      if (fake_.sources.size() == count) fake_.deliveries = std::thread(deliveries);
+    m_fake.onOpen = [this, count, deliveries] {
+      if (m_fake.sources.size() == count) m_fake.deliveries = std::thread(deliveries);
     };
   }
 
@@ -161,17 +161,17 @@ class SessionTest : public testing::Test {
     ASSERT_EQ(pipe(ends), 0);
     ASSERT_EQ(write(ends[1], text.data(), text.size()), static_cast<ssize_t>(text.size()));
     close(ends[1]);
-    savedInput_ = dup(STDIN_FILENO);
+    m_savedInput = dup(STDIN_FILENO);
     dup2(ends[0], STDIN_FILENO);
     close(ends[0]);
   }
 
-  const std::string folder_ = testing::TempDir() + "mdencoder_session_" + std::to_string(getpid());
-  FakeLibrary fake_;
-  Library library_;
-  std::string complaints_;
-  int exitCode_ = -1;
-  int savedInput_ = -1;
+  const std::string m_folder = testing::TempDir() + "mdencoder_session_" + std::to_string(getpid());
+  FakeLibrary m_fake;
+  Library m_library;
+  std::string m_complaints;
+  int m_exitCode = -1;
+  int m_savedInput = -1;
 };
 
 TEST_F(SessionTest, ShowsKeepsAndSumsUpWhatArrives) {
@@ -180,14 +180,14 @@ TEST_F(SessionTest, ShowsKeepsAndSumsUpWhatArrives) {
     const auto message = MessageNumber(i);
     expected.insert(expected.end(), message.begin(), message.end());
   }
-  fake_.corrupt = 3;
+  m_fake.corrupt = 3;
   DeliverWhenOpen(1, [] {
     for (int i = 0; i < 20; ++i) EXPECT_EQ(Deliver(0, static_cast<uint8_t>(i), MessageNumber(i)), TRUE);
   });
   const std::string printed =
-      Run("messages = 20\nformat = json\noutput_dir = " + folder_ + "\nsummary = " + folder_ + "/summary.json\n");
-  EXPECT_EQ(exitCode_, 0) << complaints_;
-  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "close 1", "shutdown"));
+      Run("messages = 20\nformat = json\noutput_dir = " + m_folder + "\nsummary = " + m_folder + "/summary.json\n");
+  EXPECT_EQ(m_exitCode, 0) << m_complaints;
+  EXPECT_THAT(m_fake.calls, ElementsAre("init 6", "open 1", "close 1", "shutdown"));
   std::istringstream lines(printed);
   std::string line;
   int count = 0;
@@ -199,8 +199,8 @@ TEST_F(SessionTest, ShowsKeepsAndSumsUpWhatArrives) {
     ++count;
   }
   EXPECT_EQ(count, 20);
-  EXPECT_EQ(ReadFile(folder_ + "/a.klv"), std::string(expected.begin(), expected.end()));
-  const Json summary = Json::parse(ReadFile(folder_ + "/summary.json"));
+  EXPECT_EQ(ReadFile(m_folder + "/a.klv"), std::string(expected.begin(), expected.end()));
+  const Json summary = Json::parse(ReadFile(m_folder + "/summary.json"));
   EXPECT_EQ(summary["ended_by"], "messages");
   EXPECT_EQ(summary["sources"][0]["messages"], 20);
   EXPECT_EQ(summary["sources"][0]["bytes"], expected.size());
@@ -213,7 +213,7 @@ TEST_F(SessionTest, TheLimitIsExact) {
     for (int i = 0; i < 10; ++i) EXPECT_EQ(Deliver(0, static_cast<uint8_t>(i), MessageNumber(i)), i < 4 ? TRUE : FALSE);
   });
   const std::string printed = Run("messages = 4\n");
-  EXPECT_EQ(exitCode_, 0);
+  EXPECT_EQ(m_exitCode, 0);
   EXPECT_THAT(printed, HasSubstr("mission_id=M3 "));
   EXPECT_EQ(printed.find("mission_id=M4 "), std::string::npos);
   EXPECT_THAT(printed, HasSubstr("TIME "));
@@ -225,18 +225,18 @@ TEST_F(SessionTest, WaitsForEverySource) {
     for (int i = 0; i < 5; ++i) Deliver(0, static_cast<uint8_t>(i), MessageNumber(i));
     for (int i = 0; i < 2; ++i) Deliver(1, static_cast<uint8_t>(i), MessageNumber(i));
   });
-  Run("messages_each = 2\nformat = none\nsummary = " + folder_ + "/s.json\n",
+  Run("messages_each = 2\nformat = none\nsummary = " + m_folder + "/s.json\n",
       "[a]\ninput = udp\nport = 5000\n[b]\ninput = serial\n");
-  const Json summary = Json::parse(ReadFile(folder_ + "/s.json"));
+  const Json summary = Json::parse(ReadFile(m_folder + "/s.json"));
   EXPECT_EQ(summary["sources"][0]["messages"], 5);
   EXPECT_EQ(summary["sources"][1]["messages"], 2);
-  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "open 2", "close 1", "close 2", "shutdown"));
+  EXPECT_THAT(m_fake.calls, ElementsAre("init 6", "open 1", "open 2", "close 1", "close 2", "shutdown"));
 }
 
 TEST_F(SessionTest, WritesTheStreamHeaderOnRequest) {
   DeliverWhenOpen(1, [] { Deliver(0, 7, MessageNumber(1)); });
-  Run("messages = 1\nformat = none\nstream_header = yes\noutput_dir = " + folder_ + "\n");
-  const std::string file = ReadFile(folder_ + "/a.klv");
+  Run("messages = 1\nformat = none\nstream_header = yes\noutput_dir = " + m_folder + "\n");
+  const std::string file = ReadFile(m_folder + "/a.klv");
   ASSERT_EQ(file.size(), MessageNumber(1).size() + 5);
   EXPECT_EQ(file.substr(0, 3), std::string("\0\x07\xDF", 3));
 }
@@ -264,18 +264,18 @@ TEST_F(SessionTest, ASlowReaderNeverBlocksTheCallback) {
   dup2(ends[1], STDOUT_FILENO);
   close(ends[1]);
   const Config config =
-      MakeConfig(ParseIni("[encoder]\nqueue = 8\nsummary = " + folder_ + "/s.json\n[a]\ninput = udp\nport = 5000\n"));
+      MakeConfig(ParseIni("[encoder]\nqueue = 8\nsummary = " + m_folder + "/s.json\n[a]\ninput = udp\nport = 5000\n"));
   {
     Console console;
-    exitCode_ = Session(config, library_, console).Run();
+    m_exitCode = Session(config, m_library, console).Run();
   }
   std::fflush(stdout);
   dup2(output, STDOUT_FILENO);
   close(output);
   reader.join();
   close(ends[0]);
-  EXPECT_EQ(exitCode_, 0);
-  const Json source = Json::parse(ReadFile(folder_ + "/s.json"))["sources"][0];
+  EXPECT_EQ(m_exitCode, 0);
+  const Json source = Json::parse(ReadFile(m_folder + "/s.json"))["sources"][0];
   EXPECT_EQ(source["messages"].get<int>() + source["dropped"].get<int>(), 2000);
   EXPECT_EQ(source["sequence_gaps"], 0);
 }
@@ -285,51 +285,51 @@ TEST_F(SessionTest, SignalsResetAndEnd) {
     kill(getpid(), SIGUSR1);
     kill(getpid(), SIGINT);
   });
-  Run("format = none\nsummary = " + folder_ + "/s.json\n");
-  EXPECT_EQ(exitCode_, 0);
-  EXPECT_THAT(fake_.calls, testing::Contains("reset 1"));
-  EXPECT_EQ(Json::parse(ReadFile(folder_ + "/s.json"))["ended_by"], "signal");
+  Run("format = none\nsummary = " + m_folder + "/s.json\n");
+  EXPECT_EQ(m_exitCode, 0);
+  EXPECT_THAT(m_fake.calls, testing::Contains("reset 1"));
+  EXPECT_EQ(Json::parse(ReadFile(m_folder + "/s.json"))["ended_by"], "signal");
 }
 
 TEST_F(SessionTest, EndsAfterItsDuration) {
-  Run("format = none\nduration = 0.01\nsummary = " + folder_ + "/s.json\n");
-  EXPECT_EQ(exitCode_, 0);
-  EXPECT_EQ(Json::parse(ReadFile(folder_ + "/s.json"))["ended_by"], "duration");
+  Run("format = none\nduration = 0.01\nsummary = " + m_folder + "/s.json\n");
+  EXPECT_EQ(m_exitCode, 0);
+  EXPECT_EQ(Json::parse(ReadFile(m_folder + "/s.json"))["ended_by"], "duration");
 }
 
 TEST_F(SessionTest, CommandsAreObeyed) {
   Type("stats\nreset a\nreset nobody\nsave\nrestore\nnonsense\nhelp\nquit");
-  const std::string kept = folder_ + "/kept.json";
+  const std::string kept = m_folder + "/kept.json";
   const std::string printed = Run("format = none\nstats_file = " + kept + "\n");
-  EXPECT_EQ(exitCode_, 0);
+  EXPECT_EQ(m_exitCode, 0);
   EXPECT_THAT(printed, HasSubstr("SOURCE"));
-  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "reset 1", "set 0", "close 1", "shutdown"));
-  EXPECT_THAT(complaints_, HasSubstr("no source \"nobody\""));
-  EXPECT_THAT(complaints_, HasSubstr("statistics saved to " + kept));
-  EXPECT_THAT(complaints_, HasSubstr("statistics of a restored"));
-  EXPECT_THAT(complaints_, HasSubstr("unknown command \"nonsense\"; commands: stats"));
+  EXPECT_THAT(m_fake.calls, ElementsAre("init 6", "open 1", "reset 1", "set 0", "close 1", "shutdown"));
+  EXPECT_THAT(m_complaints, HasSubstr("no source \"nobody\""));
+  EXPECT_THAT(m_complaints, HasSubstr("statistics saved to " + kept));
+  EXPECT_THAT(m_complaints, HasSubstr("statistics of a restored"));
+  EXPECT_THAT(m_complaints, HasSubstr("unknown command \"nonsense\"; commands: stats"));
 }
 
 TEST_F(SessionTest, SaveAndRestoreNeedAFile) {
   Type("save\nrestore\nquit\n");
   Run("format = none\n");
-  EXPECT_THAT(complaints_, HasSubstr("nowhere to save to"));
-  EXPECT_THAT(complaints_, HasSubstr("nothing to restore from"));
+  EXPECT_THAT(m_complaints, HasSubstr("nowhere to save to"));
+  EXPECT_THAT(m_complaints, HasSubstr("nothing to restore from"));
 }
 
 TEST_F(SessionTest, StatisticsLiveOnOverARestart) {
-  const std::string encoder = "format = none\nduration = 0.01\nstats_file = " + folder_ + "/kept.json\n";
-  fake_.onOpen = [this] { fake_.sources.back().statistics.nRxBytes = 1234; };
+  const std::string encoder = "format = none\nduration = 0.01\nstats_file = " + m_folder + "/kept.json\n";
+  m_fake.onOpen = [this] { m_fake.sources.back().statistics.nRxBytes = 1234; };
   Run(encoder);
-  fake_.calls.clear();
-  fake_.onOpen = nullptr;
+  m_fake.calls.clear();
+  m_fake.onOpen = nullptr;
   Run(encoder);
-  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "set 1234", "close 1", "shutdown"));
+  EXPECT_THAT(m_fake.calls, ElementsAre("init 6", "open 1", "set 1234", "close 1", "shutdown"));
 }
 
 TEST_F(SessionTest, StatisticsAtAnInterval) {
-  Run("format = none\nduration = 0.05\nstats_interval = 0.01\nstats_json = " + folder_ + "/s.jsonl\n");
-  std::istringstream lines(ReadFile(folder_ + "/s.jsonl"));
+  Run("format = none\nduration = 0.05\nstats_interval = 0.01\nstats_json = " + m_folder + "/s.jsonl\n");
+  std::istringstream lines(ReadFile(m_folder + "/s.jsonl"));
   std::string line;
   int count = 0;
   for (; std::getline(lines, line); ++count) EXPECT_EQ(Json::parse(line)["type"], "statistics");
@@ -337,25 +337,25 @@ TEST_F(SessionTest, StatisticsAtAnInterval) {
 }
 
 TEST_F(SessionTest, ASourceThatCannotBeOpenedEndsTheRunAndClosesTheOthers) {
-  fake_.failOpenAt = 1;
+  m_fake.failOpenAt = 1;
   Run("format = none\n", "[a]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5001\n");
-  EXPECT_EQ(exitCode_, 1);
-  EXPECT_THAT(fake_.calls, ElementsAre("init 6", "open 1", "open 2", "close 1", "shutdown"));
-  EXPECT_THAT(complaints_, HasSubstr("mdencoder: source b cannot be opened"));
+  EXPECT_EQ(m_exitCode, 1);
+  EXPECT_THAT(m_fake.calls, ElementsAre("init 6", "open 1", "open 2", "close 1", "shutdown"));
+  EXPECT_THAT(m_complaints, HasSubstr("mdencoder: source b cannot be opened"));
 }
 
 TEST_F(SessionTest, FilesThatCannotBeWrittenFail) {
   EXPECT_THROW(Run("stats_json = /nonexistent/x\n"), std::runtime_error);
   testing::internal::GetCapturedStdout();
   testing::internal::GetCapturedStderr();
-  EXPECT_THAT(fake_.calls, IsEmpty());
+  EXPECT_THAT(m_fake.calls, IsEmpty());
   Run("format = none\nduration = 0.01\nsummary = /nonexistent/x\n");
-  EXPECT_EQ(exitCode_, 1);
-  EXPECT_THAT(complaints_, HasSubstr("cannot write /nonexistent/x: No such file or directory"));
-  DeliverWhenOpen(fake_.sources.size() + 1, [] { Deliver(g_fake->sources.size() - 1, 0, MessageNumber(0)); });
+  EXPECT_EQ(m_exitCode, 1);
+  EXPECT_THAT(m_complaints, HasSubstr("cannot write /nonexistent/x: No such file or directory"));
+  DeliverWhenOpen(m_fake.sources.size() + 1, [] { Deliver(g_fake->sources.size() - 1, 0, MessageNumber(0)); });
   Run("format = none\nmessages = 1\n", "[a]\ninput = udp\nport = 5000\noutput = /dev/full\n");
-  EXPECT_EQ(exitCode_, 1);
-  EXPECT_THAT(complaints_, HasSubstr("the received stream of a could not be written"));
+  EXPECT_EQ(m_exitCode, 1);
+  EXPECT_THAT(m_complaints, HasSubstr("the received stream of a could not be written"));
 }
 
 TEST(Loader, SaysWhatIsMissing) {

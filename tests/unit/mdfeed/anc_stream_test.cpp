@@ -28,15 +28,15 @@ class Reader {
 };
 
 struct Anc {
-  unsigned message_number;
-  unsigned packet_count;
+  unsigned messageNumber;
+  unsigned packetCount;
   Bytes klv;
-  bool checksum_right;
+  bool checksumRight;
 };
 
 struct Rtp {
   bool marker;
-  unsigned payload_type;
+  unsigned payloadType;
   std::uint32_t sequence;
   std::uint32_t timestamp;
   std::vector<Anc> anc;
@@ -63,12 +63,12 @@ Anc ReadAnc(Reader& reader) {
   }
   const unsigned checksum = reader.Take(10);
   EXPECT_EQ(checksum >> 9 & 1, (checksum >> 8 & 1) ^ 1);
-  anc.checksum_right = (checksum & 0x1FF) == (sum & 0x1FF);
+  anc.checksumRight = (checksum & 0x1FF) == (sum & 0x1FF);
   reader.Align();
   EXPECT_EQ(words[0] & 0xFF, 0x44u);
   EXPECT_EQ(words[1] & 0xFF, 0x04u);
-  anc.message_number = words.at(3) & 0xFF;
-  anc.packet_count = (words.at(4) & 0xFF) << 8 | (words.at(5) & 0xFF);
+  anc.messageNumber = words.at(3) & 0xFF;
+  anc.packetCount = (words.at(4) & 0xFF) << 8 | (words.at(5) & 0xFF);
   for (std::size_t i = 6; i < words.size(); i++) anc.klv.push_back(static_cast<std::uint8_t>(words[i]));
   return anc;
 }
@@ -78,7 +78,7 @@ Rtp ReadRtp(const Bytes& packet) {
   Reader reader(packet, 0);
   EXPECT_EQ(reader.Take(8), 0x80u);
   rtp.marker = reader.Take(1) != 0;
-  rtp.payload_type = reader.Take(7);
+  rtp.payloadType = reader.Take(7);
   rtp.sequence = reader.Take(16);
   rtp.timestamp = reader.Take(32);
   reader.Take(32);
@@ -106,24 +106,24 @@ std::vector<Bytes> SendAll(std::vector<Bytes> messages, const AncOptions& option
 
 TEST(AncStream, ShortMessageIsOneAncillaryPacket) {
   AncOptions options;
-  options.start_us = 1'000'000;
+  options.startUs = 1'000'000;
   options.rate = 25;
   const auto packets = SendAll({Numbers(252), Numbers(1)}, options);
   ASSERT_EQ(packets.size(), 2u);
   const Rtp first = ReadRtp(packets[0]);
   EXPECT_TRUE(first.marker);
-  EXPECT_EQ(first.payload_type, 112u);
+  EXPECT_EQ(first.payloadType, 112u);
   EXPECT_EQ(first.sequence, 0u);
   EXPECT_EQ(first.timestamp, 90'000u);
   ASSERT_EQ(first.anc.size(), 1u);
   EXPECT_EQ(first.anc[0].klv, Numbers(252));
-  EXPECT_EQ(first.anc[0].message_number, 1u);
-  EXPECT_EQ(first.anc[0].packet_count, 1u);
-  EXPECT_TRUE(first.anc[0].checksum_right);
+  EXPECT_EQ(first.anc[0].messageNumber, 1u);
+  EXPECT_EQ(first.anc[0].packetCount, 1u);
+  EXPECT_TRUE(first.anc[0].checksumRight);
   const Rtp second = ReadRtp(packets[1]);
   EXPECT_EQ(second.sequence, 1u);
   EXPECT_EQ(second.timestamp, 93'600u);
-  EXPECT_EQ(second.anc.at(0).message_number, 2u);
+  EXPECT_EQ(second.anc.at(0).messageNumber, 2u);
 }
 
 TEST(AncStream, LongMessageIsCutAndCounted) {
@@ -137,8 +137,8 @@ TEST(AncStream, LongMessageIsCutAndCounted) {
     EXPECT_EQ(rtp.marker, i + 1 == packets.size());
     EXPECT_EQ(rtp.timestamp, ReadRtp(packets[0]).timestamp);
     for (const Anc& anc : rtp.anc) {
-      EXPECT_EQ(anc.message_number, 1u);
-      EXPECT_EQ(anc.packet_count, ++count);
+      EXPECT_EQ(anc.messageNumber, 1u);
+      EXPECT_EQ(anc.packetCount, ++count);
       joined.insert(joined.end(), anc.klv.begin(), anc.klv.end());
     }
   }
@@ -147,15 +147,15 @@ TEST(AncStream, LongMessageIsCutAndCounted) {
 
 TEST(AncStream, MessageNumbersRunFrom1To255) {
   const auto packets = SendAll(std::vector<Bytes>(256, Numbers(5)), {});
-  EXPECT_EQ(ReadRtp(packets[254]).anc.at(0).message_number, 255u);
-  EXPECT_EQ(ReadRtp(packets[255]).anc.at(0).message_number, 1u);
+  EXPECT_EQ(ReadRtp(packets[254]).anc.at(0).messageNumber, 255u);
+  EXPECT_EQ(ReadRtp(packets[255]).anc.at(0).messageNumber, 1u);
 }
 
 TEST(AncStream, LosesReordersAndDamagesTheAskedShare) {
   AncOptions options;
   options.loss = 20;
-  const auto with_losses = SendAll(std::vector<Bytes>(1'000, Numbers(5)), options);
-  EXPECT_NEAR(static_cast<double>(with_losses.size()), 800, 60);
+  const auto withLosses = SendAll(std::vector<Bytes>(1'000, Numbers(5)), options);
+  EXPECT_NEAR(static_cast<double>(withLosses.size()), 800, 60);
 
   options = {};
   options.reorder = 30;
@@ -173,10 +173,10 @@ TEST(AncStream, LosesReordersAndDamagesTheAskedShare) {
   EXPECT_NEAR(behind, 230, 80);
 
   options = {};
-  options.bad_checksum = 50;
+  options.badChecksum = 50;
   int bad = 0;
   for (const Bytes& packet : SendAll(std::vector<Bytes>(1'000, Numbers(5)), options)) {
-    bad += !ReadRtp(packet).anc.at(0).checksum_right;
+    bad += !ReadRtp(packet).anc.at(0).checksumRight;
   }
   EXPECT_NEAR(bad, 500, 80);
 }

@@ -15,89 +15,89 @@ class CommandLine : public testing::Test {
  protected:
   std::optional<Answer> Parse(std::vector<const char*> words) {
     words.insert(words.begin(), "mdfeed");
-    return ParseCommandLine(static_cast<int>(words.size()), words.data(), args);
+    return ParseCommandLine(static_cast<int>(words.size()), words.data(), m_args);
   }
   void ExpectMistake(std::vector<const char*> words, const std::string& text) {
-    args = {};
+    m_args = {};
     const auto answer = Parse(std::move(words));
     ASSERT_TRUE(answer);
-    EXPECT_EQ(answer->exit_code, 2);
+    EXPECT_EQ(answer->exitCode, 2);
     EXPECT_THAT(answer->text, StartsWith("mdfeed: "));
     EXPECT_THAT(answer->text, HasSubstr(text));
     EXPECT_EQ(std::count(answer->text.begin(), answer->text.end(), '\n'), 1);
   }
 
-  Arguments args;
+  Arguments m_args;
 };
 
 TEST_F(CommandLine, ReadsASimulatedFlightOverUdp) {
   ASSERT_FALSE(Parse({"klv", "--simulate", "--udp", "239.1.2.3:5000", "--rate", "25", "--duration", "2.5", "--ttl",
                       "32,64@2s", "--tos", "0x28", "--seed", "7"}));
-  EXPECT_EQ(args.command, Command::kKlv);
-  EXPECT_TRUE(args.simulate);
-  ASSERT_TRUE(args.udp);
-  EXPECT_EQ(args.udp->host, "239.1.2.3");
-  EXPECT_EQ(args.udp->port, "5000");
-  EXPECT_EQ(args.send.rate, 25.0);
-  EXPECT_EQ(args.send.duration, 2.5);
-  ASSERT_EQ(args.send.ttl.Entries().size(), 2u);
-  EXPECT_EQ(args.send.ttl.Entries()[1].after, std::chrono::seconds(2));
-  EXPECT_EQ(args.send.ttl.Entries()[1].value, 64);
-  EXPECT_EQ(args.send.tos.Entries()[0].value, 0x28);
-  EXPECT_EQ(args.cot.seed, 7u);
+  EXPECT_EQ(m_args.command, Command::Klv);
+  EXPECT_TRUE(m_args.simulate);
+  ASSERT_TRUE(m_args.udp);
+  EXPECT_EQ(m_args.udp->host, "239.1.2.3");
+  EXPECT_EQ(m_args.udp->port, "5000");
+  EXPECT_EQ(m_args.send.rate, 25.0);
+  EXPECT_EQ(m_args.send.duration, 2.5);
+  ASSERT_EQ(m_args.send.ttl.Entries().size(), 2u);
+  EXPECT_EQ(m_args.send.ttl.Entries()[1].after, std::chrono::seconds(2));
+  EXPECT_EQ(m_args.send.ttl.Entries()[1].value, 64);
+  EXPECT_EQ(m_args.send.tos.Entries()[0].value, 0x28);
+  EXPECT_EQ(m_args.cot.seed, 7u);
 }
 
 TEST_F(CommandLine, ReadsAFileInChunksOverAPty) {
   ASSERT_FALSE(Parse({"klv", "--file", "flight.klv", "--chunk", "48", "--repeat", "0", "--pty", "line"}));
-  EXPECT_EQ(args.file, "flight.klv");
-  EXPECT_EQ(args.chunk, 48u);
-  EXPECT_EQ(args.repeat, 0u);
-  EXPECT_EQ(args.pty, "line");
+  EXPECT_EQ(m_args.file, "flight.klv");
+  EXPECT_EQ(m_args.chunk, 48u);
+  EXPECT_EQ(m_args.repeat, 0u);
+  EXPECT_EQ(m_args.pty, "line");
 }
 
 TEST_F(CommandLine, ReadsDamagedSerialEvents) {
   ASSERT_FALSE(Parse({"cot", "--simulate", "--serial", "ttyS0", "--baud", "9600", "--damage", "crc:20", "--damage",
                       "length1", "--sensors", "3", "--jitter", "50"}));
-  EXPECT_EQ(args.command, Command::kCot);
-  EXPECT_EQ(args.serial, "ttyS0");
-  ASSERT_EQ(args.damage.size(), 2u);
-  EXPECT_EQ(args.damage[0].field, FrameField::kCrc);
-  EXPECT_EQ(args.damage[0].percent, 20.0);
-  EXPECT_EQ(args.damage[1].field, FrameField::kLength1);
-  EXPECT_EQ(args.damage[1].percent, 100.0);
-  EXPECT_EQ(args.cot.sensors, 3);
-  EXPECT_EQ(args.cot.jitter_ms, 50);
+  EXPECT_EQ(m_args.command, Command::Cot);
+  EXPECT_EQ(m_args.serial, "ttyS0");
+  ASSERT_EQ(m_args.damage.size(), 2u);
+  EXPECT_EQ(m_args.damage[0].field, FrameField::Crc);
+  EXPECT_EQ(m_args.damage[0].percent, 20.0);
+  EXPECT_EQ(m_args.damage[1].field, FrameField::Length1);
+  EXPECT_EQ(m_args.damage[1].percent, 100.0);
+  EXPECT_EQ(m_args.cot.sensors, 3);
+  EXPECT_EQ(m_args.cot.jitterMs, 50);
 }
 
 TEST_F(CommandLine, ReadsAnAncillaryStreamAndATransportStream) {
   ASSERT_FALSE(Parse({"anc", "--simulate", "--udp", "127.0.0.1:5004", "--loss", "3", "--reorder", "4", "--bad-checksum",
                       "5", "--payload-type", "100"}));
-  EXPECT_EQ(args.command, Command::kAnc);
-  EXPECT_EQ(args.anc.loss, 3.0);
-  EXPECT_EQ(args.anc.reorder, 4.0);
-  EXPECT_EQ(args.anc.bad_checksum, 5.0);
-  EXPECT_EQ(args.anc.payload_type, 100);
-  args = {};
+  EXPECT_EQ(m_args.command, Command::Anc);
+  EXPECT_EQ(m_args.anc.loss, 3.0);
+  EXPECT_EQ(m_args.anc.reorder, 4.0);
+  EXPECT_EQ(m_args.anc.badChecksum, 5.0);
+  EXPECT_EQ(m_args.anc.payloadType, 100);
+  m_args = {};
   ASSERT_FALSE(Parse({"ts", "--output", "flight.ts", "--duration", "3", "--rate", "25", "--messages", "2"}));
-  EXPECT_EQ(args.command, Command::kTs);
-  EXPECT_EQ(args.ts.output, "flight.ts");
-  EXPECT_EQ(args.ts.duration, 3.0);
-  EXPECT_EQ(args.ts.rate, 25.0);
-  EXPECT_EQ(args.ts.messages_per_time, 2);
+  EXPECT_EQ(m_args.command, Command::Ts);
+  EXPECT_EQ(m_args.ts.output, "flight.ts");
+  EXPECT_EQ(m_args.ts.duration, 3.0);
+  EXPECT_EQ(m_args.ts.rate, 25.0);
+  EXPECT_EQ(m_args.ts.messagesPerTime, 2);
 }
 
 TEST_F(CommandLine, HelpAndVersionEndWell) {
   const auto help = Parse({"--help"});
   ASSERT_TRUE(help);
-  EXPECT_EQ(help->exit_code, 0);
+  EXPECT_EQ(help->exitCode, 0);
   EXPECT_THAT(help->text, HasSubstr("klv"));
   const auto klv = Parse({"klv", "--help"});
   ASSERT_TRUE(klv);
-  EXPECT_EQ(klv->exit_code, 0);
+  EXPECT_EQ(klv->exitCode, 0);
   EXPECT_THAT(klv->text, HasSubstr("--chunk"));
   const auto version = Parse({"--version"});
   ASSERT_TRUE(version);
-  EXPECT_EQ(version->exit_code, 0);
+  EXPECT_EQ(version->exitCode, 0);
 }
 
 TEST_F(CommandLine, MistakesNameTheOptionAndWhatIsAllowed) {

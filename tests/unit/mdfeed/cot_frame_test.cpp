@@ -137,34 +137,34 @@ TEST_P(DamagedFrame, DiffersOnlyWhereItIsDamaged) {
     const Bytes block = DataBits(Payload(frame));
     const std::size_t end = 5 + xml.size();
     const Bytes arq(block.begin() + 2, block.begin() + static_cast<std::ptrdiff_t>(end));
-    const bool crc_right = 256u * block[end] + block[end + 1] == Crc16Arc(arq);
-    if (field == FrameField::kSync) {
+    const bool crcRight = 256u * block[end] + block[end + 1] == Crc16Arc(arq);
+    if (field == FrameField::Sync) {
       EXPECT_LT(first, 5);
-    } else if (name.starts_with("length") || name.starts_with("check") || field == FrameField::kCheckBits) {
+    } else if (name.starts_with("length") || name.starts_with("check") || field == FrameField::CheckBits) {
       const std::ptrdiff_t place = name.starts_with("length") ? 5 : 7;
-      if (field != FrameField::kCheckBits) {
+      if (field != FrameField::CheckBits) {
         EXPECT_EQ((first - place) / 2 * 2, 4 * (name.back() - '1')) << name;
       } else {
         EXPECT_FALSE(IsCodeword(WordAt(Payload(frame), 0)));
       }
-      EXPECT_TRUE(crc_right);
-    } else if (field == FrameField::kArqU || field == FrameField::kArqHash || field == FrameField::kChannel) {
-      EXPECT_TRUE(crc_right);
+      EXPECT_TRUE(crcRight);
+    } else if (field == FrameField::ArqU || field == FrameField::ArqHash || field == FrameField::Channel) {
+      EXPECT_TRUE(crcRight);
       EXPECT_NE(std::string(arq.begin(), arq.begin() + 3), "U#1");
-    } else if (field == FrameField::kBlockLength) {
+    } else if (field == FrameField::BlockLength) {
       EXPECT_GT(Word(Payload(frame), 0), block.size());
     } else {
-      EXPECT_FALSE(crc_right) << name;
+      EXPECT_FALSE(crcRight) << name;
     }
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(AllFields, DamagedFrame,
-                         testing::Values(FrameField::kSync, FrameField::kLength1, FrameField::kLength2,
-                                         FrameField::kLength3, FrameField::kCheck1, FrameField::kCheck2,
-                                         FrameField::kCheck3, FrameField::kCodeword, FrameField::kCheckBits,
-                                         FrameField::kBlockLength, FrameField::kCrc, FrameField::kArqU,
-                                         FrameField::kArqHash, FrameField::kChannel));
+                         testing::Values(FrameField::Sync, FrameField::Length1, FrameField::Length2,
+                                         FrameField::Length3, FrameField::Check1, FrameField::Check2,
+                                         FrameField::Check3, FrameField::Codeword, FrameField::CheckBits,
+                                         FrameField::BlockLength, FrameField::Crc, FrameField::ArqU,
+                                         FrameField::ArqHash, FrameField::Channel));
 
 }  // namespace
 }  // namespace mdfeed

@@ -51,9 +51,9 @@ TEST(Time, IsWrittenWithTwoDecimalsAndReadWithAny) {
 }
 
 TEST(Flight, DependsOnSeedAndTimeNotOnTheSteps) {
-  Flight in_steps({5, kStart, {}});
-  for (std::int64_t us = 0; us <= 30'000'000; us += 40'000) in_steps.AdvanceTo(us);
-  EXPECT_EQ(MakeKlvMessage(in_steps.State()), MakeKlvMessage(StateAt(5, 30)));
+  Flight inSteps({5, kStart, {}});
+  for (std::int64_t us = 0; us <= 30'000'000; us += 40'000) inSteps.AdvanceTo(us);
+  EXPECT_EQ(MakeKlvMessage(inSteps.State()), MakeKlvMessage(StateAt(5, 30)));
   EXPECT_NE(MakeKlvMessage(StateAt(6, 30)), MakeKlvMessage(StateAt(5, 30)));
 }
 
@@ -63,21 +63,21 @@ TEST(Flight, StaysWithinTheRangesOfItsItems) {
     for (std::int64_t second = 0; second < 3'600; second += 3) {
       flight.AdvanceTo(second * 1'000'000);
       const FlightState state = flight.State();
-      ASSERT_EQ(state.time_us, kStart + second * 1'000'000);
+      ASSERT_EQ(state.timeUs, kStart + second * 1'000'000);
       ASSERT_LT(std::abs(state.latitude), 60);
       ASSERT_LE(std::abs(state.longitude), 180);
       ASSERT_LT(std::abs(state.pitch), 20);
       ASSERT_LT(std::abs(state.roll), 50);
       ASSERT_GE(state.course, 60);
       ASSERT_LE(state.course, 120);
-      ASSERT_GT(state.sensor_azimuth, state.course) << "seed " << seed << " second " << second;
-      ASSERT_LT(state.sensor_azimuth, 360);
-      ASSERT_LT(state.sensor_elevation, -5);
-      ASSERT_GT(state.sensor_elevation, -90);
-      ASSERT_GT(state.sensor_roll, state.roll);
+      ASSERT_GT(state.sensorAzimuth, state.course) << "seed " << seed << " second " << second;
+      ASSERT_LT(state.sensorAzimuth, 360);
+      ASSERT_LT(state.sensorElevation, -5);
+      ASSERT_GT(state.sensorElevation, -90);
+      ASSERT_GT(state.sensorRoll, state.roll);
       ASSERT_GT(state.fov, 0);
-      ASSERT_LT(state.slant_range, 10'000);
-      ASSERT_GT(state.slant_range, state.hae - state.frame_hae);
+      ASSERT_LT(state.slantRange, 10'000);
+      ASSERT_GT(state.slantRange, state.hae - state.frameHae);
     }
   }
 }
@@ -86,17 +86,17 @@ TEST(Flight, LooksAtOneTargetAfterTheOther) {
   Flight flight({1, kStart, {}});
   int last = flight.State().target;
   int changes = 0;
-  double latitude = flight.State().target_latitude;
+  double latitude = flight.State().targetLatitude;
   for (std::int64_t second = 0; second < 600; second++) {
     flight.AdvanceTo(second * 1'000'000);
     const FlightState state = flight.State();
     if (state.target != last) {
       changes++;
     } else {
-      ASSERT_EQ(state.target_latitude, latitude) << "a target does not move";
+      ASSERT_EQ(state.targetLatitude, latitude) << "a target does not move";
     }
     last = state.target;
-    latitude = state.target_latitude;
+    latitude = state.targetLatitude;
   }
   EXPECT_GE(changes, 10);
 }
@@ -105,8 +105,8 @@ TEST(Flight, HeightsAboveSeaLevelUseTheUndulation) {
   Flight flight({1, kStart, [](double, double) { return 50.0; }});
   const FlightState state = flight.State();
   EXPECT_DOUBLE_EQ(state.hae - state.altitude, 50.0);
-  EXPECT_DOUBLE_EQ(state.frame_hae - state.frame_elevation, 50.0);
-  EXPECT_DOUBLE_EQ(state.target_hae - state.target_elevation, 50.0);
+  EXPECT_DOUBLE_EQ(state.frameHae - state.frameElevation, 50.0);
+  EXPECT_DOUBLE_EQ(state.targetHae - state.targetElevation, 50.0);
 }
 
 TEST(KlvFlight, IsALocalSetWithItsTimeFirstAndItsChecksumLast) {
@@ -152,8 +152,8 @@ TEST(CotFlight, SaysTheSameAsTheKlv) {
   EXPECT_NEAR(item(18), (Attribute(pair.sensor, "azimuth") - state.course) * 4294967295.0 / 360, 2);
   EXPECT_NEAR(item(45), Attribute(pair.sensor, "ce") * 2.145966025 * 16, 1);
   EXPECT_NEAR(item(46), Attribute(pair.sensor, "le") * 1.6448538 * 16, 1);
-  EXPECT_THAT(pair.aircraft, testing::HasSubstr("time=\"" + FormatTime(state.time_us) + "\""));
-  EXPECT_THAT(pair.aircraft, testing::HasSubstr("start=\"" + FormatTime(state.start_us) + "\""));
+  EXPECT_THAT(pair.aircraft, testing::HasSubstr("time=\"" + FormatTime(state.timeUs) + "\""));
+  EXPECT_THAT(pair.aircraft, testing::HasSubstr("start=\"" + FormatTime(state.startUs) + "\""));
 }
 
 TEST(CotFlight, EventsFitIntoADatagram) {
@@ -165,7 +165,7 @@ TEST(CotFlight, EventsFitIntoADatagram) {
 TEST(CotFlight, SensorsTakeTurnsAndAreUpToTheJitterOlder) {
   CotOptions options;
   options.sensors = 3;
-  options.jitter_ms = 40;
+  options.jitterMs = 40;
   CotWriter writer(options);
   const FlightState state = StateAt(1, 0);
   std::set<std::string> times;

@@ -20,10 +20,10 @@ Bytes Text(const std::string& text) {
   return {text.begin(), text.end()};
 }
 
-Bytes Message(std::size_t value_size, std::initializer_list<std::uint8_t> length) {
+Bytes Message(std::size_t valueSize, std::initializer_list<std::uint8_t> length) {
   Bytes message = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 1, 1, 0x0E, 1, 3, 1, 1, 0, 0, 0};
   message.insert(message.end(), length);
-  message.resize(message.size() + value_size, 0x06);
+  message.resize(message.size() + valueSize, 0x06);
   return message;
 }
 
@@ -43,11 +43,11 @@ TEST(SplitKlv, CutsAtEveryLengthForm) {
 
 TEST(SplitKlv, LeavesOutAndCountsWhatIsNoMessage) {
   const Bytes good = Message(3, {3});
-  Bytes cut_off = Message(3, {4});
+  Bytes cutOff = Message(3, {4});
   std::size_t skipped = 0;
-  EXPECT_EQ(SplitKlv(Join({Text("noise"), good, {0x06, 0x0E}, good, cut_off}), &skipped),
+  EXPECT_EQ(SplitKlv(Join({Text("noise"), good, {0x06, 0x0E}, good, cutOff}), &skipped),
             (std::vector<Bytes>{good, good}));
-  EXPECT_EQ(skipped, 5 + 2 + cut_off.size());
+  EXPECT_EQ(skipped, 5 + 2 + cutOff.size());
   EXPECT_TRUE(SplitKlv({}, &skipped).empty());
   EXPECT_EQ(skipped, 0u);
 }
@@ -69,8 +69,8 @@ TEST(Recorded, RepeatsAsOftenAsAsked) {
   std::string sent;
   for (auto batch = twice->Next(); batch; batch = twice->Next()) sent += static_cast<char>(batch->at(0)[0]);
   EXPECT_EQ(sent, "abab");
-  const auto for_ever = MakeRecorded({Text("a")}, 0);
-  for (int i = 0; i < 100; i++) EXPECT_EQ(for_ever->Next()->size(), 1u);
+  const auto forEver = MakeRecorded({Text("a")}, 0);
+  for (int i = 0; i < 100; i++) EXPECT_EQ(forEver->Next()->size(), 1u);
 }
 
 TEST(Chunked, CutsEveryMessage) {
@@ -81,7 +81,7 @@ TEST(Chunked, CutsEveryMessage) {
 
 TEST(Framed, DamagesTheAskedShareOfFrames) {
   const std::string xml = "<event></event>";
-  const auto framed = MakeFramed(MakeRecorded({Text(xml)}, 1000), '1', {{FrameField::kCrc, 25.0}}, 1);
+  const auto framed = MakeFramed(MakeRecorded({Text(xml)}, 1000), '1', {{FrameField::Crc, 25.0}}, 1);
   const Bytes whole = BuildCotFrame(xml);
   int damaged = 0;
   for (auto batch = framed->Next(); batch; batch = framed->Next()) damaged += batch->at(0) != whole;
@@ -98,7 +98,7 @@ TEST(CotTraffic, OneTickIsAPairWithTheSensorFirst) {
 
 TEST(KlvTraffic, MovesOnByTheInterval) {
   FlightOptions options;
-  options.start_us = 1'000'000'000;
+  options.startUs = 1'000'000'000;
   const auto traffic = MakeKlvFlight(options, 250'000);
   traffic->Next();
   Flight flight(options);

@@ -23,7 +23,7 @@ class TsFile : public testing::Test {
   void TearDown() override { std::filesystem::remove(m_path); }
 
   // KLV messages by their presentation time; also counts the packets of the video.
-  std::map<std::int64_t, std::vector<Bytes>> ReadKlv(int* video_packets) {
+  std::map<std::int64_t, std::vector<Bytes>> ReadKlv(int* videoPackets) {
     std::map<std::int64_t, std::vector<Bytes>> messages;
     AVFormatContext* context = nullptr;
     EXPECT_EQ(avformat_open_input(&context, m_path.c_str(), nullptr, nullptr), 0);
@@ -36,7 +36,7 @@ class TsFile : public testing::Test {
         messages[packet->pts].emplace_back(packet->data, packet->data + packet->size);
       } else {
         EXPECT_EQ(codec->codec_id, AV_CODEC_ID_MPEG2VIDEO);
-        ++*video_packets;
+        ++*videoPackets;
       }
       av_packet_unref(packet);
     }
@@ -50,14 +50,14 @@ class TsFile : public testing::Test {
 
 TEST_F(TsFile, CarriesTheFlightWithItsTimestamps) {
   FlightOptions flight;
-  flight.start_us = 1'714'564'800'000'000;
+  flight.startUs = 1'714'564'800'000'000;
   Progress progress("test");
   const SendResult result = WriteTsFile(flight, {m_path, 4.0, 5.0, 2}, progress);
   EXPECT_EQ(result.ticks, 20u);
   EXPECT_EQ(result.messages, 40u);
-  int video_packets = 0;
-  const auto messages = ReadKlv(&video_packets);
-  EXPECT_EQ(video_packets, 100);
+  int videoPackets = 0;
+  const auto messages = ReadKlv(&videoPackets);
+  EXPECT_EQ(videoPackets, 100);
   ASSERT_EQ(messages.size(), 20u);
   Flight expected(flight);
   std::int64_t tick = 0;

@@ -592,10 +592,10 @@ TEST_F(StatsTest, CallsHoldTheLibrarysMutex) {
     });
     other.join();
   };
-  static void (*s_probe)();
-  s_probe = probe;
-  m_source->pfnSetStatsHandler = [](void*, const MDATA_SRC_STATS*) { s_probe(); };
-  m_source->pfnResetStatsHandler = [](void*) { s_probe(); };
+  static void (*sProbe)();
+  sProbe = probe;
+  m_source->pfnSetStatsHandler = [](void*, const MDATA_SRC_STATS*) { sProbe(); };
+  m_source->pfnResetStatsHandler = [](void*) { sProbe(); };
   const MDATA_SRC_STATS numbered = Numbered();
   EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
   EXPECT_TRUE(MetaData_ResetSourceStats(m_source));

@@ -19,13 +19,13 @@ using ::testing::IsEmpty;
 constexpr char kMisplaced[] = "Checksum in received UAS data set was not the last element!\n";
 
 // An element with a short-form length.
-Bytes Element(BYTE Tag, const Bytes& Value) {
-  return Bytes{Tag, static_cast<BYTE>(Value.size())} + Value;
+Bytes Element(BYTE tag, const Bytes& value) {
+  return Bytes{tag, static_cast<BYTE>(value.size())} + value;
 }
-Bytes Repeat(const Bytes& What, size_t nTimes) {
-  Bytes Result;
-  for (size_t i = 0; i < nTimes; i++) Result = Result + What;
-  return Result;
+Bytes Repeat(const Bytes& what, size_t nTimes) {
+  Bytes result;
+  for (size_t i = 0; i < nTimes; i++) result = result + what;
+  return result;
 }
 
 const Bytes kChecksum = {1, 2, 0xAA, 0xBB};  // whatever it says, it is replaced
@@ -34,16 +34,16 @@ const Bytes kForeignMission = Element(3, {'O', 'L', 'D'});
 const Bytes kForeignSecurity = Element(48, Element(1, {5}) + Element(22, {0, 11}));
 
 // The message around a body, with a length in its shortest form.
-Bytes Wrap(const Bytes& Body) {
-  return UasMessage().Raw(Body).Build();
+Bytes Wrap(const Bytes& body) {
+  return UasMessage().Raw(body).Build();
 }
-int HeaderSizeOf(const Bytes& Message) {
-  return Message[16] < 0x80 ? 17 : 17 + (Message[16] & 0x7F);
+int HeaderSizeOf(const Bytes& message) {
+  return message[16] < 0x80 ? 17 : 17 + (message[16] & 0x7F);
 }
 
 // The same with a right checksum element at the end: what a rewriting must make.
-Bytes Finished(const Bytes& Body) {
-  return UasMessage().Raw(Body).Checksum().Build();
+Bytes Finished(const Bytes& body) {
+  return UasMessage().Raw(body).Checksum().Build();
 }
 
 // A source record as an open source has it, with nothing configured.
@@ -68,26 +68,26 @@ class RewriteTest : public HostTest {
     const auto* pcSet = reinterpret_cast<const BYTE*>(m_pSource->pSecurityMDataSet);
     return {pcSet, pcSet + m_pSource->nSecurityMDataSetSize};
   }
-  void KeepTags(const std::vector<int>& Tags) {
+  void KeepTags(const std::vector<int>& tags) {
     m_pSource->Config.bFilterUASTags = TRUE;
-    for (const int nTag : Tags) m_pSource->Config.UASTagFilter[nTag / 32] |= 1u << (nTag % 32);
+    for (const int nTag : tags) m_pSource->Config.UASTagFilter[nTag / 32] |= 1u << (nTag % 32);
   }
-  void KeepSecurityTags(const std::vector<int>& Tags) {
+  void KeepSecurityTags(const std::vector<int>& tags) {
     m_pSource->Config.bFilterUASSecurityTags = TRUE;
-    for (const int nTag : Tags) m_pSource->Config.UASSecurityTagFilter[0] |= 1u << nTag;
+    for (const int nTag : tags) m_pSource->Config.UASSecurityTagFilter[0] |= 1u << nTag;
   }
 
   // Rewrites a message that sits in a block of exactly its size.
-  BOOL Rewrite(const Bytes& Message, int nHeaderSize) {
+  BOOL Rewrite(const Bytes& message, int nHeaderSize) {
     DoReleaseIfAny();
     m_nNewSize = -1;
-    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Message.size()]);
-    std::copy(Message.begin(), Message.end(), pcExact.get());
-    return ProcessUASDataLinkLocalSet(m_pSource, pcExact.get(), static_cast<int>(Message.size()), nHeaderSize,
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[message.size()]);
+    std::copy(message.begin(), message.end(), pcExact.get());
+    return ProcessUASDataLinkLocalSet(m_pSource, pcExact.get(), static_cast<int>(message.size()), nHeaderSize,
                                       &m_pBuffer, &m_nNewSize);
   }
-  BOOL Rewrite(const Bytes& Message) { return Rewrite(Message, HeaderSizeOf(Message)); }
-  BOOL RewriteBody(const Bytes& Body) { return Rewrite(Wrap(Body)); }
+  BOOL Rewrite(const Bytes& message) { return Rewrite(message, HeaderSizeOf(message)); }
+  BOOL RewriteBody(const Bytes& body) { return Rewrite(Wrap(body)); }
 
   // What the last rewriting made.
   Bytes Output() const {
@@ -120,15 +120,15 @@ TEST_F(RewriteTest, NothingConfiguredOnlyRenewsTheChecksum) {
 }
 
 TEST_F(RewriteTest, SizeIsOptional) {
-  Bytes Message = Finished(kTimestamp);
+  Bytes message = Finished(kTimestamp);
   EXPECT_TRUE(
-      ProcessUASDataLinkLocalSet(m_pSource, Message.data(), static_cast<int>(Message.size()), 17, &m_pBuffer, nullptr));
+      ProcessUASDataLinkLocalSet(m_pSource, message.data(), static_cast<int>(message.size()), 17, &m_pBuffer, nullptr));
   m_nNewSize = m_pBuffer->nDataSize;
-  EXPECT_EQ(Output(), Message);
+  EXPECT_EQ(Output(), message);
   DoReleaseBuffer(&m_pBuffer);
-  Message = Wrap(kChecksum);
+  message = Wrap(kChecksum);
   EXPECT_TRUE(
-      ProcessUASDataLinkLocalSet(m_pSource, Message.data(), static_cast<int>(Message.size()), 17, &m_pBuffer, nullptr));
+      ProcessUASDataLinkLocalSet(m_pSource, message.data(), static_cast<int>(message.size()), 17, &m_pBuffer, nullptr));
   EXPECT_EQ(m_pBuffer, nullptr);
 }
 
@@ -141,67 +141,67 @@ TEST_F(RewriteTest, NoElementLeftMakesNoMessage) {
 }
 
 TEST_F(RewriteTest, OnlyAChecksumWithAMissionIdentifierGivesBoth) {
-  const Bytes Mission = UseMissionID("M1");
+  const Bytes mission = UseMissionID("M1");
   EXPECT_TRUE(RewriteBody(kChecksum));
-  EXPECT_EQ(Output(), Finished(Mission));
+  EXPECT_EQ(Output(), Finished(mission));
   EXPECT_EQ(Stats().nAddedMissionIDs, 1u);
 }
 
 TEST_F(RewriteTest, OnlyAChecksumWithASecuritySetGivesBoth) {
-  const Bytes Set = UseSecuritySet();
+  const Bytes set = UseSecuritySet();
   EXPECT_TRUE(RewriteBody(kChecksum));
-  EXPECT_EQ(Output(), Finished(Set));
+  EXPECT_EQ(Output(), Finished(set));
   EXPECT_EQ(Stats().nAddedSecuritySets, 1u);
 }
 
 TEST_F(RewriteTest, TwoMissionIdentifiersAreReplacedInPlace) {
-  const Bytes Mission = UseMissionID("NEW-MISSION");
+  const Bytes mission = UseMissionID("NEW-MISSION");
   EXPECT_TRUE(RewriteBody(kForeignMission + kTimestamp + kForeignMission + kChecksum));
-  EXPECT_EQ(Output(), Finished(Mission + kTimestamp + Mission));
+  EXPECT_EQ(Output(), Finished(mission + kTimestamp + mission));
   EXPECT_EQ(Stats().nUpdatedMissionIDs, 2u);
   EXPECT_EQ(Stats().nAddedMissionIDs, 0u);
 }
 
 TEST_F(RewriteTest, TwoSecuritySetsAreReplacedInPlace) {
-  const Bytes Set = UseSecuritySet();
+  const Bytes set = UseSecuritySet();
   EXPECT_TRUE(RewriteBody(kForeignSecurity + kTimestamp + kForeignSecurity + kChecksum));
-  EXPECT_EQ(Output(), Finished(Set + kTimestamp + Set));
+  EXPECT_EQ(Output(), Finished(set + kTimestamp + set));
   EXPECT_EQ(Stats().nUpdatedSecuritySets, 2u);
   EXPECT_EQ(Stats().nAddedSecuritySets, 0u);
 }
 
 TEST_F(RewriteTest, MissionIdentifierIsAppendedBeforeTheSecuritySet) {
-  const Bytes Set = UseSecuritySet();
-  const Bytes Mission = UseMissionID("M1");
+  const Bytes set = UseSecuritySet();
+  const Bytes mission = UseMissionID("M1");
   EXPECT_TRUE(RewriteBody(kTimestamp + kChecksum));
-  EXPECT_EQ(Output(), Finished(kTimestamp + Mission + Set));
+  EXPECT_EQ(Output(), Finished(kTimestamp + mission + set));
   EXPECT_EQ(Stats().nAddedMissionIDs, 1u);
   EXPECT_EQ(Stats().nAddedSecuritySets, 1u);
   EXPECT_TRUE(RewriteBody(kForeignSecurity + kTimestamp + kChecksum));
-  EXPECT_EQ(Output(), Finished(Set + kTimestamp + Mission));
+  EXPECT_EQ(Output(), Finished(set + kTimestamp + mission));
   EXPECT_EQ(Stats().nAddedMissionIDs, 2u);
   EXPECT_EQ(Stats().nUpdatedSecuritySets, 1u);
 }
 
 TEST_F(RewriteTest, KeyIsCopiedFromTheInput) {
-  Bytes Message = Wrap(kTimestamp + kChecksum);
-  Message[15] = 0x77;
-  EXPECT_TRUE(Rewrite(Message));
+  Bytes message = Wrap(kTimestamp + kChecksum);
+  message[15] = 0x77;
+  EXPECT_TRUE(Rewrite(message));
   EXPECT_EQ(Output()[15], 0x77);
 }
 
 TEST_F(RewriteTest, LongFormLengthBecomesTheShortestOne) {
-  const Bytes Body = kTimestamp + kChecksum;
-  Bytes Message(UASDataLinkKey, UASDataLinkKey + 16);
-  Message = Message + Bytes{0x82, 0, static_cast<BYTE>(Body.size())} + Body;
-  EXPECT_TRUE(Rewrite(Message, 19));
+  const Bytes body = kTimestamp + kChecksum;
+  Bytes message(UASDataLinkKey, UASDataLinkKey + 16);
+  message = message + Bytes{0x82, 0, static_cast<BYTE>(body.size())} + body;
+  EXPECT_TRUE(Rewrite(message, 19));
   EXPECT_EQ(Output(), Finished(kTimestamp));
 }
 
 TEST_F(RewriteTest, LongFormElementIsCopiedWhole) {
-  const Bytes Long = Bytes{94, 0x81, 3, 'A', 'B', 'C'};
-  EXPECT_TRUE(RewriteBody(Long + kChecksum));
-  EXPECT_EQ(Output(), Finished(Long));
+  const Bytes longer = Bytes{94, 0x81, 3, 'A', 'B', 'C'};
+  EXPECT_TRUE(RewriteBody(longer + kChecksum));
+  EXPECT_EQ(Output(), Finished(longer));
 }
 
 // --- Length of the body ------------------------------------------------------------------------------------
@@ -222,27 +222,27 @@ TEST_F(RewriteTest, BodyOf128BytesHasATwoByteLength) {
 }
 
 TEST_F(RewriteTest, BodiesOf255And256Bytes) {
-  const Bytes Front = Element(5, Bytes(120));
-  EXPECT_TRUE(RewriteBody(Front + Element(6, Bytes(127)) + kChecksum));
+  const Bytes front = Element(5, Bytes(120));
+  EXPECT_TRUE(RewriteBody(front + Element(6, Bytes(127)) + kChecksum));
   EXPECT_EQ(Output().size(), 255u + 18u);
   EXPECT_EQ(Output()[17], 0xFF);
-  EXPECT_TRUE(RewriteBody(Front + Bytes{6, 0x81, 127} + Bytes(127) + kChecksum));
+  EXPECT_TRUE(RewriteBody(front + Bytes{6, 0x81, 127} + Bytes(127) + kChecksum));
   EXPECT_EQ(Output().size(), 256u + 19u);
-  const Bytes Made = Output();
-  EXPECT_THAT(Bytes(Made.begin() + 16, Made.begin() + 19), ElementsAre(0x82, 1, 0));
+  const Bytes made = Output();
+  EXPECT_THAT(Bytes(made.begin() + 16, made.begin() + 19), ElementsAre(0x82, 1, 0));
 }
 
 TEST_F(RewriteTest, LargestBodyHas65535Bytes) {
-  const Bytes Body = Bytes{5, 0x82, 0xFF, 0xF7} + Bytes(0xFFF7, 0x5A);
-  EXPECT_TRUE(RewriteBody(Body + kChecksum));
+  const Bytes body = Bytes{5, 0x82, 0xFF, 0xF7} + Bytes(0xFFF7, 0x5A);
+  EXPECT_TRUE(RewriteBody(body + kChecksum));
   EXPECT_EQ(Output().size(), 65535u + 19u);
-  EXPECT_EQ(Output(), Finished(Body));
+  EXPECT_EQ(Output(), Finished(body));
 }
 
 TEST_F(RewriteTest, BodyAbove65535BytesAssertsAndIsDropped) {
   UseMissionID("");
-  const Bytes Body = Bytes{5, 0x82, 0xFF, 0xF7} + Bytes(0xFFF7, 0x5A);
-  EXPECT_FALSE(RewriteBody(Body + kChecksum));
+  const Bytes body = Bytes{5, 0x82, 0xFF, 0xF7} + Bytes(0xFFF7, 0x5A);
+  EXPECT_FALSE(RewriteBody(body + kChecksum));
   ExpectAssertion("0");
   EXPECT_EQ(m_pBuffer, nullptr);
   EXPECT_EQ(Stats().nRxUASMessages, 1u);
@@ -259,9 +259,9 @@ TEST_F(RewriteTest, ManyReplacementsInOneDatagramAreCountedAndRefused) {
 }
 
 TEST_F(RewriteTest, ManyReplacementsFarBeyondTheUsualSizeAreWritten) {
-  const Bytes Mission = UseMissionID(std::string(127, 'M'));
+  const Bytes mission = UseMissionID(std::string(127, 'M'));
   EXPECT_TRUE(RewriteBody(Repeat({3, 0}, 500) + kChecksum));
-  EXPECT_EQ(Output(), Finished(Repeat(Mission, 500)));
+  EXPECT_EQ(Output(), Finished(Repeat(mission, 500)));
   EXPECT_EQ(Stats().nUpdatedMissionIDs, 500u);
 }
 
@@ -313,11 +313,11 @@ TEST_F(RewriteTest, FinalElementWithoutValueIsLost) {
 
 class InvalidMessageTest : public RewriteTest {
  protected:
-  void ExpectInvalid(const Bytes& Body, const std::string& strReason, BYTE Tag) {
-    EXPECT_FALSE(RewriteBody(Body));
+  void ExpectInvalid(const Bytes& body, const std::string& strReason, BYTE tag) {
+    EXPECT_FALSE(RewriteBody(body));
     EXPECT_EQ(m_pBuffer, nullptr);
     EXPECT_EQ(Stats().nInvalidUASMessages, Stats().nRxUASMessages);
-    ExpectLog(3, "KLV Element#2: tag#" + std::to_string(Tag) + " (" + GetUAVTagName(Tag) + "), " + strReason);
+    ExpectLog(3, "KLV Element#2: tag#" + std::to_string(tag) + " (" + GetUAVTagName(tag) + "), " + strReason);
     host().Advance(5000);
   }
 };
@@ -356,14 +356,14 @@ TEST_F(InvalidMessageTest, ChecksumOfThreeBytes) {
 TEST_F(RewriteTest, InvalidMessagesAreLoggedOncePerPause) {
   const std::string strLine =
       "KLV Element#1: tag#1 (" + std::string(GetUAVTagName(1)) + "), has INVALID data length=3 instead of 2.\n";
-  const Bytes Body = Element(1, {1, 2, 3});
-  EXPECT_FALSE(RewriteBody(Body));
+  const Bytes body = Element(1, {1, 2, 3});
+  EXPECT_FALSE(RewriteBody(body));
   ExpectLog(3, strLine);
   host().Advance(4000);
-  EXPECT_FALSE(RewriteBody(Body));
+  EXPECT_FALSE(RewriteBody(body));
   EXPECT_EQ(CountLogs(3, strLine), 1);
   host().Advance(1000);
-  EXPECT_FALSE(RewriteBody(Body));
+  EXPECT_FALSE(RewriteBody(body));
   ExpectLog(3, strLine);
   EXPECT_EQ(Stats().nInvalidUASMessages, 3u);
   EXPECT_EQ(Stats().nRxUASMessages, 3u);
@@ -378,9 +378,9 @@ TEST_F(RewriteTest, InvalidMessageCountsNoInserts) {
 }
 
 TEST_F(RewriteTest, SizeBelowTheHeaderIsRefused) {
-  Bytes Message = Wrap(kTimestamp);
-  EXPECT_FALSE(ProcessUASDataLinkLocalSet(m_pSource, Message.data(), 18, 19, &m_pBuffer, &m_nNewSize));
-  EXPECT_FALSE(ProcessUASDataLinkLocalSet(m_pSource, Message.data(), 10, 10, &m_pBuffer, &m_nNewSize));
+  Bytes message = Wrap(kTimestamp);
+  EXPECT_FALSE(ProcessUASDataLinkLocalSet(m_pSource, message.data(), 18, 19, &m_pBuffer, &m_nNewSize));
+  EXPECT_FALSE(ProcessUASDataLinkLocalSet(m_pSource, message.data(), 10, 10, &m_pBuffer, &m_nNewSize));
   EXPECT_EQ(m_pBuffer, nullptr);
   EXPECT_EQ(Stats().nRxUASMessages, 0u);
 }
@@ -395,10 +395,10 @@ TEST_F(RewriteTest, WithoutMemoryNothingIsCounted) {
 
 TEST_F(RewriteTest, OnlyTheTimestampPassesTheFilter) {
   KeepTags({2});
-  const Bytes Mission = UseMissionID("M1");
-  const Bytes Set = UseSecuritySet();
+  const Bytes mission = UseMissionID("M1");
+  const Bytes set = UseSecuritySet();
   EXPECT_TRUE(RewriteBody(Element(5, {1, 2}) + kForeignMission + kTimestamp + Element(65, {9}) + kChecksum));
-  EXPECT_EQ(Output(), Finished(Mission + kTimestamp + Set));
+  EXPECT_EQ(Output(), Finished(mission + kTimestamp + set));
 }
 
 TEST_F(RewriteTest, FilterDecidesAreLogged) {
@@ -411,12 +411,12 @@ TEST_F(RewriteTest, FilterDecidesAreLogged) {
 }
 
 TEST_F(RewriteTest, FilterKeepsEachTagByItsOwnBit) {
-  Bytes All;
-  for (int nTag = 2; nTag < 256; nTag++) All = All + Element(static_cast<BYTE>(nTag), {static_cast<BYTE>(nTag)});
+  Bytes all;
+  for (int nTag = 2; nTag < 256; nTag++) all = all + Element(static_cast<BYTE>(nTag), {static_cast<BYTE>(nTag)});
   for (const int nTag : {2, 31, 32, 63, 64, 95, 96, 127}) {
     memset(m_pSource->Config.UASTagFilter, 0, sizeof(m_pSource->Config.UASTagFilter));
     KeepTags({nTag});
-    EXPECT_TRUE(RewriteBody(All + kChecksum));
+    EXPECT_TRUE(RewriteBody(all + kChecksum));
     EXPECT_EQ(Output(), Finished(Element(static_cast<BYTE>(nTag), {static_cast<BYTE>(nTag)}))) << nTag;
   }
 }
@@ -448,9 +448,9 @@ TEST_F(RewriteTest, ForeignSecuritySetNeedsItsOwnTagsBit) {
 
 TEST_F(RewriteTest, OwnSecuritySetIsNeverFiltered) {
   KeepSecurityTags({});
-  const Bytes Set = UseSecuritySet();
+  const Bytes set = UseSecuritySet();
   EXPECT_TRUE(RewriteBody(kTimestamp + kForeignSecurity + kChecksum));
-  EXPECT_EQ(Output(), Finished(kTimestamp + Set));
+  EXPECT_EQ(Output(), Finished(kTimestamp + set));
 }
 
 TEST_F(RewriteTest, SecuritySetOfWhichNothingIsKeptVanishes) {
@@ -461,10 +461,10 @@ TEST_F(RewriteTest, SecuritySetOfWhichNothingIsKeptVanishes) {
 
 TEST_F(RewriteTest, SecuritySetIsLoggedAndAssertedOnce) {
   KeepSecurityTags({1});
-  const Bytes Set = Element(48, Element(1, {5}) + Bytes{3, 9, 'x'});
-  EXPECT_TRUE(RewriteBody(Set + kChecksum));
+  const Bytes set = Element(48, Element(1, {5}) + Bytes{3, 9, 'x'});
+  EXPECT_TRUE(RewriteBody(set + kChecksum));
   EXPECT_EQ(Output(), Finished(Element(48, Element(1, {5}))));
-  ExpectDump(7, "Input Security Data Set", Set);
+  ExpectDump(7, "Input Security Data Set", set);
   ExpectLog(7, "Copying security element#1: tag#1 (" + std::string(GetSecurityTagName(1)) + "), length=1.\n");
   EXPECT_EQ(CountLogs(7, "Copying security element#1: tag#1 (Security tag 1), length=1.\n"), 1);
   EXPECT_EQ(host().Assertions().size(), 1u);
@@ -477,26 +477,26 @@ TEST_F(RewriteTest, SecuritySetIsLoggedAndAssertedOnce) {
 class SecuritySetTest : public RewriteTest {
  protected:
   // Filters one set and returns what is left of it.
-  Bytes Filter(const Bytes& Set) {
-    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Set.size()]);
-    std::copy(Set.begin(), Set.end(), pcExact.get());
-    Bytes Out(Set.size(), 0xEE);
+  Bytes Filter(const Bytes& set) {
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[set.size()]);
+    std::copy(set.begin(), set.end(), pcExact.get());
+    Bytes out(set.size(), 0xEE);
     const int nSize = _ProcessUASSecuritySet(m_pSource, reinterpret_cast<const KLV_ELEMENT*>(pcExact.get()),
-                                             static_cast<int>(Set.size()), Out.data());
-    Out.resize(static_cast<size_t>(nSize));
-    return Out;
+                                             static_cast<int>(set.size()), out.data());
+    out.resize(static_cast<size_t>(nSize));
+    return out;
   }
 };
 
 TEST_F(SecuritySetTest, KeepsTheElementsWithABit) {
   KeepSecurityTags({1, 22});
-  const Bytes Set = Element(48, Element(1, {5}) + Element(2, {2}) + Element(22, {0, 11}));
-  EXPECT_EQ(Filter(Set), Element(48, Element(1, {5}) + Element(22, {0, 11})));
-  const auto Name = [](BYTE Tag) { return std::string(GetSecurityTagName(Tag)); };
-  ExpectDump(7, "Input Security Data Set", Set);
-  ExpectLog(7, "Copying security element#1: tag#1 (" + Name(1) + "), length=1.\n");
-  ExpectLog(7, "Discarding security element#2: tag#2 (" + Name(2) + "), length=1.\n");
-  ExpectLog(7, "Copying security element#3: tag#22 (" + Name(22) + "), length=2.\n");
+  const Bytes set = Element(48, Element(1, {5}) + Element(2, {2}) + Element(22, {0, 11}));
+  EXPECT_EQ(Filter(set), Element(48, Element(1, {5}) + Element(22, {0, 11})));
+  const auto name = [](BYTE tag) { return std::string(GetSecurityTagName(tag)); };
+  ExpectDump(7, "Input Security Data Set", set);
+  ExpectLog(7, "Copying security element#1: tag#1 (" + name(1) + "), length=1.\n");
+  ExpectLog(7, "Discarding security element#2: tag#2 (" + name(2) + "), length=1.\n");
+  ExpectLog(7, "Copying security element#3: tag#22 (" + name(22) + "), length=2.\n");
 }
 
 TEST_F(SecuritySetTest, LengthInTheLogIsTheLengthByte) {
@@ -550,20 +550,20 @@ TEST_F(SecuritySetTest, LongFormSetIsReadFromInsideItsLength) {
 TEST_F(SecuritySetTest, LengthByteIsTheLowByteOfTheSize) {
   KeepSecurityTags({3});
   // A long-form set of 0x0303 bytes is read from 03 03 on, so that more than 255 bytes are copied.
-  const Bytes Inner = Bytes{1, 1} + Repeat({3, 4, 1, 2, 3, 4}, 128) + Bytes{1};
-  const Bytes Set = Bytes{48, 0x82, 3, 3} + Inner;
-  ASSERT_EQ(Inner.size(), 0x303u);
-  const Bytes Out = Filter(Set);
+  const Bytes inner = Bytes{1, 1} + Repeat({3, 4, 1, 2, 3, 4}, 128) + Bytes{1};
+  const Bytes set = Bytes{48, 0x82, 3, 3} + inner;
+  ASSERT_EQ(inner.size(), 0x303u);
+  const Bytes out = Filter(set);
   ExpectAssertion("nInputSize == 0");
-  ASSERT_GT(Out.size(), 257u);
-  EXPECT_EQ(Out[0], 48);
-  EXPECT_EQ(Out[1], static_cast<BYTE>(Out.size() - 2));
+  ASSERT_GT(out.size(), 257u);
+  EXPECT_EQ(out[0], 48);
+  EXPECT_EQ(out[1], static_cast<BYTE>(out.size() - 2));
 }
 
 TEST_F(SecuritySetTest, VanishingSetLeavesNoTraceInTheMessage) {
   KeepSecurityTags({1});
-  const Bytes Broken = Element(48, Repeat(Element(1, {5}), 35) + Bytes{2, 0x80, 1});
-  EXPECT_TRUE(RewriteBody(kTimestamp + Broken + Element(5, {1, 2}) + kChecksum));
+  const Bytes broken = Element(48, Repeat(Element(1, {5}), 35) + Bytes{2, 0x80, 1});
+  EXPECT_TRUE(RewriteBody(kTimestamp + broken + Element(5, {1, 2}) + kChecksum));
   EXPECT_EQ(Output(), Finished(kTimestamp + Element(5, {1, 2})));
   ExpectLog(3, "Unsupported number of bytes (0) for size in BER encoded length.\n");
 }
@@ -587,24 +587,24 @@ class ExtendedTagsTest : public SecuritySetTest {
 };
 
 TEST_F(ExtendedTagsTest, AreCopiedAndTheRestIsReadRight) {
-  const Bytes Mission = UseMissionID("M1");
-  const Bytes Set = UseSecuritySet();
+  const Bytes mission = UseMissionID("M1");
+  const Bytes set = UseSecuritySet();
   EXPECT_TRUE(RewriteBody(kTimestamp + kWavelengths + kForeignMission + kCountry + kForeignSecurity + kChecksum));
-  EXPECT_EQ(Output(), Finished(kTimestamp + kWavelengths + Mission + kCountry + Set));
+  EXPECT_EQ(Output(), Finished(kTimestamp + kWavelengths + mission + kCountry + set));
   EXPECT_EQ(Stats().nUpdatedMissionIDs, 1u);
   EXPECT_EQ(Stats().nUpdatedSecuritySets, 1u);
 }
 
 TEST_F(ExtendedTagsTest, InsertsAreAppendedBehindThem) {
-  const Bytes Mission = UseMissionID("M1");
-  const Bytes Set = UseSecuritySet();
+  const Bytes mission = UseMissionID("M1");
+  const Bytes set = UseSecuritySet();
   EXPECT_TRUE(RewriteBody(kTimestamp + kWavelengths + kCountry + kChecksum));
-  EXPECT_EQ(Output(), Finished(kTimestamp + kWavelengths + kCountry + Mission + Set));
+  EXPECT_EQ(Output(), Finished(kTimestamp + kWavelengths + kCountry + mission + set));
   EXPECT_EQ(Stats().nAddedMissionIDs, 1u);
   EXPECT_EQ(Stats().nAddedSecuritySets, 1u);
   // The last element, of three bytes.
   EXPECT_TRUE(RewriteBody(kTimestamp + Bytes{0x81, 0x02, 0}));
-  EXPECT_EQ(Output(), Finished(kTimestamp + Bytes{0x81, 0x02, 0} + Mission + Set));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Bytes{0x81, 0x02, 0} + mission + set));
   ExpectLog(4, kMisplaced);
 }
 
@@ -645,9 +645,9 @@ TEST_F(ExtendedTagsTest, MalformedTagsMakeTheMessageInvalid) {
 
 TEST_F(RewriteTest, WithoutTheOptionTagsHaveOneByte) {
   // Out of step: the wavelengths' length byte is taken for the tag of a mission identifier, and so is their last byte.
-  const Bytes Mission = UseMissionID("M1");
+  const Bytes mission = UseMissionID("M1");
   EXPECT_TRUE(RewriteBody(kTimestamp + kWavelengths + Element(5, {1, 2}) + kChecksum));
-  EXPECT_EQ(Output(), Finished(kTimestamp + Bytes{0x81, 0} + Mission + Mission));
+  EXPECT_EQ(Output(), Finished(kTimestamp + Bytes{0x81, 0} + mission + mission));
   ExpectLog(2, "nSizeLeft=2.\n");
   ExpectLog(4, kMisplaced);
 }
@@ -658,65 +658,65 @@ class RecordedFlightTest : public RewriteTest {
  protected:
   void SetUp() override {
     RewriteTest::SetUp();
-    const std::optional<Bytes> Recording = LoadRecording(METADATA_SHARED_DATA_DIR, "recorded_flight.klv");
-    if (Recording)
-      m_Messages = SplitMessages(*Recording);
+    const std::optional<Bytes> recording = LoadRecording(METADATA_SHARED_DATA_DIR, "recorded_flight.klv");
+    if (recording)
+      m_messages = SplitMessages(*recording);
     else
       std::cout << "recorded_flight.klv is absent from " METADATA_SHARED_DATA_DIR ": nothing is tested with it\n";
   }
-  std::vector<Bytes> m_Messages;
+  std::vector<Bytes> m_messages;
 };
 
 TEST_F(RecordedFlightTest, WithNothingToChangeEveryMessageComesOutAsRecorded) {
-  if (m_Messages.empty()) return;
-  EXPECT_EQ(m_Messages.size(), 407u);
-  for (const Bytes& Message : m_Messages) {
-    ASSERT_TRUE(Rewrite(Message));
-    ASSERT_EQ(Output(), Message);
+  if (m_messages.empty()) return;
+  EXPECT_EQ(m_messages.size(), 407u);
+  for (const Bytes& message : m_messages) {
+    ASSERT_TRUE(Rewrite(message));
+    ASSERT_EQ(Output(), message);
   }
-  EXPECT_EQ(Stats().nRxUASMessages, m_Messages.size());
+  EXPECT_EQ(Stats().nRxUASMessages, m_messages.size());
 }
 
 TEST_F(RecordedFlightTest, KeepsFourTagsAndInsertsIdentifierAndSecuritySet) {
   KeepTags({2, 13, 14, 65});
-  const Bytes Mission = UseMissionID("FLIGHT-7");
-  const Bytes Set = UseSecuritySet();
-  for (const Bytes& Message : m_Messages) {
-    Bytes Body;
+  const Bytes mission = UseMissionID("FLIGHT-7");
+  const Bytes set = UseSecuritySet();
+  for (const Bytes& message : m_messages) {
+    Bytes body;
     bool bMission = false;
     bool bSet = false;
-    for (size_t nPos = static_cast<size_t>(HeaderSizeOf(Message)); nPos < Message.size();) {
-      const Bytes Item(Message.begin() + static_cast<ptrdiff_t>(nPos),
-                       Message.begin() + static_cast<ptrdiff_t>(nPos + 2 + Message[nPos + 1]));
-      if (Item[0] == 3) Body = Body + Mission;
-      if (Item[0] == 48) Body = Body + Set;
-      if (Item[0] == 2 || Item[0] == 13 || Item[0] == 14 || Item[0] == 65) Body = Body + Item;
-      bMission = bMission || Item[0] == 3;
-      bSet = bSet || Item[0] == 48;
-      nPos += Item.size();
+    for (size_t nPos = static_cast<size_t>(HeaderSizeOf(message)); nPos < message.size();) {
+      const Bytes item(message.begin() + static_cast<ptrdiff_t>(nPos),
+                       message.begin() + static_cast<ptrdiff_t>(nPos + 2 + message[nPos + 1]));
+      if (item[0] == 3) body = body + mission;
+      if (item[0] == 48) body = body + set;
+      if (item[0] == 2 || item[0] == 13 || item[0] == 14 || item[0] == 65) body = body + item;
+      bMission = bMission || item[0] == 3;
+      bSet = bSet || item[0] == 48;
+      nPos += item.size();
     }
-    if (!bMission) Body = Body + Mission;
-    if (!bSet) Body = Body + Set;
-    ASSERT_TRUE(Rewrite(Message));
-    ASSERT_EQ(Output(), Finished(Body));
+    if (!bMission) body = body + mission;
+    if (!bSet) body = body + set;
+    ASSERT_TRUE(Rewrite(message));
+    ASSERT_EQ(Output(), Finished(body));
     ASSERT_TRUE(ValidateUASLocalDataSet(m_pBuffer->pcData, m_nNewSize, HeaderSizeOf(Output())));
   }
 }
 
 TEST_F(RecordedFlightTest, CutAtEveryByteAndWithEveryByteFlippedNothingIsReadOrWrittenOutside) {
-  if (m_Messages.empty()) return;
+  if (m_messages.empty()) return;
   KeepTags({2, 3, 13, 14, 48, 65});
   KeepSecurityTags({1, 2, 3});
   UseMissionID("FLIGHT-7");
-  const Bytes& Message = m_Messages.front();
-  const int nHeaderSize = HeaderSizeOf(Message);
-  for (size_t nSize = static_cast<size_t>(nHeaderSize); nSize < Message.size(); nSize++)
-    (void)Rewrite(Bytes(Message.begin(), Message.begin() + static_cast<ptrdiff_t>(nSize)), nHeaderSize);
-  for (size_t nPos = 0; nPos < Message.size(); nPos++) {
-    for (const BYTE Flip : Hex("01 7F 80 FF")) {
-      Bytes Damaged = Message;
-      Damaged[nPos] = static_cast<BYTE>(Damaged[nPos] ^ Flip);
-      if (Rewrite(Damaged, nHeaderSize) && m_pBuffer != nullptr) (void)Output();
+  const Bytes& message = m_messages.front();
+  const int nHeaderSize = HeaderSizeOf(message);
+  for (size_t nSize = static_cast<size_t>(nHeaderSize); nSize < message.size(); nSize++)
+    (void)Rewrite(Bytes(message.begin(), message.begin() + static_cast<ptrdiff_t>(nSize)), nHeaderSize);
+  for (size_t nPos = 0; nPos < message.size(); nPos++) {
+    for (const BYTE flip : Hex("01 7F 80 FF")) {
+      Bytes damaged = message;
+      damaged[nPos] = static_cast<BYTE>(damaged[nPos] ^ flip);
+      if (Rewrite(damaged, nHeaderSize) && m_pBuffer != nullptr) (void)Output();
     }
   }
   EXPECT_GT(Stats().nInvalidUASMessages, 0u);

@@ -24,20 +24,20 @@ Bytes BytesOf(const void* pvData, size_t nSize) {
 
 class ElementSizeTest : public HostTest {
  protected:
-  BOOL SizeOf(Bytes Element) {
-    Element.resize(6);
+  BOOL SizeOf(Bytes element) {
+    element.resize(6);
     m_nSize = 4711;
-    return GetKLVElementSize(reinterpret_cast<const KLV_ELEMENT*>(Element.data()), &m_nSize);
+    return GetKLVElementSize(reinterpret_cast<const KLV_ELEMENT*>(element.data()), &m_nSize);
   }
-  tagKLV_SIZE_RESULT BoundedSizeOf(const Bytes& Element) {
+  tagKLV_SIZE_RESULT BoundedSizeOf(const Bytes& element) {
     m_nSize = 4711;
-    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Element.size()]);  // a read past it is a sanitizer's report
-    std::copy(Element.begin(), Element.end(), pcExact.get());
-    const auto enResult = _ReadKLVElement(pcExact.get(), Element.size(), true, &m_Info);
-    if (enResult == KLV_SIZE_OK) m_nSize = m_Info.nSize;
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[element.size()]);  // a read past it is a sanitizer's report
+    std::copy(element.begin(), element.end(), pcExact.get());
+    const auto enResult = _ReadKLVElement(pcExact.get(), element.size(), true, &m_info);
+    if (enResult == KLV_SIZE_OK) m_nSize = m_info.nSize;
     return enResult;
   }
-  KLV_ELEMENT_INFO m_Info = {};
+  KLV_ELEMENT_INFO m_info = {};
   size_t m_nSize = 0;
 };
 
@@ -86,9 +86,9 @@ TEST_F(ElementSizeTest, BoundedFormReadsNothingBehindTheBytesLeft) {
 }
 
 TEST_F(ElementSizeTest, BoundedFormCanBeSilent) {
-  const BYTE Element[] = {2, 0x80};
-  KLV_ELEMENT_INFO Info = {};
-  EXPECT_EQ(_ReadKLVElement(Element, 2, false, &Info), KLV_SIZE_UNSUPPORTED);
+  const BYTE element[] = {2, 0x80};
+  KLV_ELEMENT_INFO info = {};
+  EXPECT_EQ(_ReadKLVElement(element, 2, false, &info), KLV_SIZE_UNSUPPORTED);
 }
 
 // The plain reading of an element, one byte after the other: what counts is what is found first.
@@ -170,8 +170,8 @@ TEST_F(ElementSizeTest, RandomElementsReadLikeThePlainReadingWithAndWithoutExten
     ASSERT_EQ(BoundedSizeOf(bytes), expected.result) << ::testing::PrintToString(bytes);
     _g_bExtendedTags = FALSE;
     ++counts[expected.result];
-    EXPECT_EQ(m_Info.nTag, expected.tag) << ::testing::PrintToString(bytes);
-    EXPECT_EQ(m_Info.FirstLength, expected.firstLength) << ::testing::PrintToString(bytes);
+    EXPECT_EQ(m_info.nTag, expected.tag) << ::testing::PrintToString(bytes);
+    EXPECT_EQ(m_info.FirstLength, expected.firstLength) << ::testing::PrintToString(bytes);
     if (expected.unsupportedCount >= 0) {
       ExpectLog(3, "Unsupported number of bytes (" + std::to_string(expected.unsupportedCount) +
                        ") for size in BER encoded length.\n");
@@ -180,9 +180,9 @@ TEST_F(ElementSizeTest, RandomElementsReadLikeThePlainReadingWithAndWithoutExten
     }
     host().ClearLogs();
     if (expected.result != KLV_SIZE_OK) continue;
-    EXPECT_EQ(m_Info.nTagSize, expected.tagSize);
-    EXPECT_EQ(m_Info.nHeaderSize, expected.headerSize);
-    EXPECT_EQ(m_Info.nSize, expected.size);
+    EXPECT_EQ(m_info.nTagSize, expected.tagSize);
+    EXPECT_EQ(m_info.nHeaderSize, expected.headerSize);
+    EXPECT_EQ(m_info.nSize, expected.size);
   }
   for (const int count : counts) EXPECT_GT(count, 1000);
 }
@@ -224,7 +224,7 @@ TEST_F(ExtendedTagsTest, OptionIsOffUnlessConfiguredOtherwise) {
 
 TEST_F(ExtendedTagsTest, TagsOfOneToFourBytesAreRead) {
   const struct {
-    Bytes Element;
+    Bytes element;
     UINT32 nTag;
     size_t nSize;
   } aCases[] = {{{127, 1, 9}, 127, 3},
@@ -233,22 +233,22 @@ TEST_F(ExtendedTagsTest, TagsOfOneToFourBytesAreRead) {
                 {{0xFF, 0x7F, 0x81, 2}, 16383, 6},
                 {{0x81, 0x80, 0x00, 0x82, 1, 0}, 16384, 262},
                 {{0xFF, 0xFF, 0xFF, 0x7F, 5}, 0xFFFFFFF, 10}};
-  for (const auto& Case : aCases) {
-    EXPECT_EQ(BoundedSizeOf(Case.Element), KLV_SIZE_OK) << Case.nTag;
-    EXPECT_EQ(m_Info.nTag, Case.nTag);
-    EXPECT_EQ(m_nSize, Case.nSize) << Case.nTag;
+  for (const auto& row : aCases) {
+    EXPECT_EQ(BoundedSizeOf(row.element), KLV_SIZE_OK) << row.nTag;
+    EXPECT_EQ(m_info.nTag, row.nTag);
+    EXPECT_EQ(m_nSize, row.nSize) << row.nTag;
   }
 }
 
 TEST_F(ExtendedTagsTest, LongerTagsAndEmptyLeadingDigitsAreMalformed) {
-  for (const Bytes& Element : {Bytes{0x80, 3, 1, 9}, Bytes{0x80}, Bytes{0x80, 0x80, 1, 1, 1},
+  for (const Bytes& element : {Bytes{0x80, 3, 1, 9}, Bytes{0x80}, Bytes{0x80, 0x80, 1, 1, 1},
                                Bytes{0x81, 0x80, 0x80, 0x80, 0, 1, 9}, Bytes{0xFF, 0xFF, 0xFF, 0xFF}})
-    EXPECT_EQ(BoundedSizeOf(Element), KLV_SIZE_UNSUPPORTED);
+    EXPECT_EQ(BoundedSizeOf(element), KLV_SIZE_UNSUPPORTED);
 }
 
 TEST_F(ExtendedTagsTest, TagOrLengthBehindTheBytesLeftIsCut) {
-  for (const Bytes& Element : {Bytes{0x81}, Bytes{0xFF, 0xFF, 0xFF}, Bytes{0x81, 0}, Bytes{0x81, 0, 0x82, 1}})
-    EXPECT_EQ(BoundedSizeOf(Element), KLV_SIZE_CUT);
+  for (const Bytes& element : {Bytes{0x81}, Bytes{0xFF, 0xFF, 0xFF}, Bytes{0x81, 0}, Bytes{0x81, 0, 0x82, 1}})
+    EXPECT_EQ(BoundedSizeOf(element), KLV_SIZE_CUT);
 }
 
 TEST_F(ExtendedTagsTest, ExportedSizeHasAOneByteTagWhateverTheOption) {
@@ -359,9 +359,9 @@ TEST_F(SecurityMetadataTest, ClassificationIsNotRangeChecked) {
 
 TEST_F(SecurityMetadataTest, ObjectCountryLengthIsTakenModulo128) {
   // 130 characters: the item says 2 of them, and the version follows these.
-  const Bytes Set = BytesOf(Alloc(1, "USA", std::string(130, 'Z')).get(), 24 + 260);
-  EXPECT_EQ(Set[1], (22 + 260) & 0xFF);
-  EXPECT_THAT(Bytes(Set.begin() + 18, Set.begin() + 28), ElementsAre(13, 4, 0, 'Z', 0, 'Z', 22, 2, 0x00, 0x0B));
+  const Bytes set = BytesOf(Alloc(1, "USA", std::string(130, 'Z')).get(), 24 + 260);
+  EXPECT_EQ(set[1], (22 + 260) & 0xFF);
+  EXPECT_THAT(Bytes(set.begin() + 18, set.begin() + 28), ElementsAre(13, 4, 0, 'Z', 0, 'Z', 22, 2, 0x00, 0x0B));
 }
 
 TEST_F(SecurityMetadataTest, WithoutMemoryIsLogged) {
@@ -375,18 +375,18 @@ TEST_F(SecurityMetadataTest, WithoutMemoryIsLogged) {
 class ValidateTest : public HostTest {
  protected:
   // The message sits in a block of exactly its size, so that a read past its end is a sanitizer's report.
-  static BOOL Validate(const Bytes& Message, int nHeaderSize = 17) {
-    const std::unique_ptr<BYTE[]> pcExact(new BYTE[Message.size()]);
-    std::copy(Message.begin(), Message.end(), pcExact.get());
-    return ValidateUASLocalDataSet(pcExact.get(), static_cast<int>(Message.size()), nHeaderSize);
+  static BOOL Validate(const Bytes& message, int nHeaderSize = 17) {
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[message.size()]);
+    std::copy(message.begin(), message.end(), pcExact.get());
+    return ValidateUASLocalDataSet(pcExact.get(), static_cast<int>(message.size()), nHeaderSize);
   }
-  static Bytes Wrap(const Bytes& Body) { return UasMessage().Raw(Body).Build(); }
+  static Bytes Wrap(const Bytes& body) { return UasMessage().Raw(body).Build(); }
   // Fills in the sum over the whole message with the value bytes as zero; returns it.
-  static unsigned SumInto(Bytes& Message, size_t nOffset) {
-    Message[nOffset] = Message[nOffset + 1] = 0;
-    const unsigned nSum = OwnChecksum(Message, Message.size());
-    Message[nOffset] = static_cast<BYTE>(nSum >> 8);
-    Message[nOffset + 1] = static_cast<BYTE>(nSum);
+  static unsigned SumInto(Bytes& message, size_t nOffset) {
+    message[nOffset] = message[nOffset + 1] = 0;
+    const unsigned nSum = OwnChecksum(message, message.size());
+    message[nOffset] = static_cast<BYTE>(nSum >> 8);
+    message[nOffset + 1] = static_cast<BYTE>(nSum);
     return nSum;
   }
   static std::string Line(const char* szFormat, unsigned nFirst, unsigned nSecond) {
@@ -400,38 +400,38 @@ constexpr char kValid[] = "KLV checksum IS OK (calc=0x%04X, act=0x%04X).\n";
 constexpr char kInvalid[] = "KLV checksum IS INVALID (calc=0x%04X, act=0x%04X).\n";
 
 TEST_F(ValidateTest, RightChecksumAtTheEndPassesAndEveryElementIsLogged) {
-  Bytes Message = Wrap({2, 3, 7, 8, 9, 3, 2, 'A', 'B', 48, 1, 5, 1, 2, 0, 0});
-  const unsigned nSum = SumInto(Message, Message.size() - 2);
-  EXPECT_TRUE(Validate(Message));
-  const auto Name = [](BYTE Tag) { return std::string(GetUAVTagName(Tag)); };
-  ExpectLog(6, "KLV Element#1: tag#2 (" + Name(2) + "), data length=3, space left=11.\n");
-  ExpectLog(6, "KLV Element#2: tag#3 (" + Name(3) + "), data length=2, space left=7.\n");
+  Bytes message = Wrap({2, 3, 7, 8, 9, 3, 2, 'A', 'B', 48, 1, 5, 1, 2, 0, 0});
+  const unsigned nSum = SumInto(message, message.size() - 2);
+  EXPECT_TRUE(Validate(message));
+  const auto name = [](BYTE tag) { return std::string(GetUAVTagName(tag)); };
+  ExpectLog(6, "KLV Element#1: tag#2 (" + name(2) + "), data length=3, space left=11.\n");
+  ExpectLog(6, "KLV Element#2: tag#3 (" + name(3) + "), data length=2, space left=7.\n");
   ExpectLog(6, "Mission ID \"AB\" is present.\n");
-  ExpectLog(6, "KLV Element#3: tag#48 (" + Name(48) + "), data length=1, space left=4.\n");
+  ExpectLog(6, "KLV Element#3: tag#48 (" + name(48) + "), data length=1, space left=4.\n");
   ExpectLog(6, "Security Metadata is present.\n");
-  ExpectLog(6, "KLV Element#4: tag#1 (" + Name(1) + "), data length=2, space left=0.\n");
+  ExpectLog(6, "KLV Element#4: tag#1 (" + name(1) + "), data length=2, space left=0.\n");
   ExpectLog(6, Line(kValid, nSum, nSum));
 }
 
 TEST_F(ValidateTest, WrongChecksumFails) {
-  Bytes Message = Wrap({2, 3, 7, 8, 9, 1, 2, 0, 0});
-  const unsigned nSum = SumInto(Message, Message.size() - 2);
-  Message.back() ^= 1;
-  EXPECT_FALSE(Validate(Message));
+  Bytes message = Wrap({2, 3, 7, 8, 9, 1, 2, 0, 0});
+  const unsigned nSum = SumInto(message, message.size() - 2);
+  message.back() ^= 1;
+  EXPECT_FALSE(Validate(message));
   ExpectLog(3, Line(kInvalid, nSum, nSum ^ 1));
 }
 
 TEST_F(ValidateTest, ChecksumInTheMiddleIsTestedAtItsOwnPosition) {
-  Bytes Message = Wrap({2, 1, 7, 1, 2, 0, 0, 5, 2, 3, 4});
-  const unsigned nSum = SumInto(Message, 17 + 5);
-  EXPECT_TRUE(Validate(Message));
+  Bytes message = Wrap({2, 1, 7, 1, 2, 0, 0, 5, 2, 3, 4});
+  const unsigned nSum = SumInto(message, 17 + 5);
+  EXPECT_TRUE(Validate(message));
   ExpectLog(6, Line(kValid, nSum, nSum));
 }
 
 TEST_F(ValidateTest, LaterChecksumReplacesAnEarlierOne) {
-  Bytes Message = Wrap({1, 2, 0xAA, 0xBB, 2, 1, 7, 1, 2, 0, 0});
-  const unsigned nSum = SumInto(Message, Message.size() - 2);
-  EXPECT_TRUE(Validate(Message));
+  Bytes message = Wrap({1, 2, 0xAA, 0xBB, 2, 1, 7, 1, 2, 0, 0});
+  const unsigned nSum = SumInto(message, message.size() - 2);
+  EXPECT_TRUE(Validate(message));
   ExpectLog(6, Line(kValid, nSum, nSum));
 }
 
@@ -470,9 +470,9 @@ TEST_F(ValidateTest, ElementThatPassesTheEndEndsTheWalk) {
 }
 
 TEST_F(ValidateTest, ChecksumCutOffByTheEndFails) {
-  Bytes Message = Wrap({1, 2, 0});
-  const unsigned nCalculated = OwnChecksum(Message, 19);
-  EXPECT_FALSE(Validate(Message));
+  Bytes message = Wrap({1, 2, 0});
+  const unsigned nCalculated = OwnChecksum(message, 19);
+  EXPECT_FALSE(Validate(message));
   ExpectLog(3, Line(kInvalid, nCalculated, 0));
 }
 
@@ -494,12 +494,12 @@ Bytes WithExtendedTags() {
 }
 
 TEST_F(ValidateTest, ExtendedTagsAreWalkedWithTheOption) {
-  Bytes Message = Wrap(WithExtendedTags());
-  const unsigned nSum = SumInto(Message, Message.size() - 2);
+  Bytes message = Wrap(WithExtendedTags());
+  const unsigned nSum = SumInto(message, message.size() - 2);
   _g_bExtendedTags = TRUE;
-  EXPECT_TRUE(Validate(Message));
-  Message.back() ^= 1;
-  EXPECT_FALSE(Validate(Message));
+  EXPECT_TRUE(Validate(message));
+  message.back() ^= 1;
+  EXPECT_FALSE(Validate(message));
   EXPECT_FALSE(Validate(Wrap({0x80, 3, 1, 9, 1, 2, 0, 0})));
   _g_bExtendedTags = FALSE;
   ExpectLog(6, "KLV Element#1: tag#128 (UAV tag 128), data length=3, space left=16.\n");
@@ -513,11 +513,11 @@ TEST_F(ValidateTest, ExtendedTagsAreWalkedWithTheOption) {
 }
 
 TEST_F(ValidateTest, ExtendedTagsAreOneByteTagsWithoutTheOption) {
-  Bytes Message = Wrap(WithExtendedTags());
-  SumInto(Message, Message.size() - 2);
+  Bytes message = Wrap(WithExtendedTags());
+  SumInto(message, message.size() - 2);
   // 81 00 is an element without value, 03 01 02 an identifier of one byte, 30 81 01 02 a security set, and so on out of
   // step: the identifier, the set and the checksum that are there go unseen.
-  EXPECT_TRUE(Validate(Message));
+  EXPECT_TRUE(Validate(message));
   ExpectLog(6, "KLV Element#1: tag#129 (UAV tag 129), data length=0, space left=20.\n");
   ExpectLog(6, "KLV Element#2: tag#3 (UAV tag 3), data length=1, space left=17.\n");
   ExpectLog(6, "KLV Element#3: tag#48 (UAV tag 48), data length=2, space left=13.\n");
@@ -529,9 +529,9 @@ TEST_F(ValidateTest, LongMissionIdentifierIsPrintedWhole) {
     std::string strText(nLength, 'M');
     strText.front() = '<';
     strText.back() = '>';
-    const Bytes Header = {3, 0x82, static_cast<BYTE>(nLength >> 8), static_cast<BYTE>(nLength)};
-    const Bytes Body = Header + Bytes(strText.begin(), strText.end()) + Bytes{5, 1, 7};
-    EXPECT_TRUE(Validate(Wrap(Body), Body.size() > 255 ? 19 : 18));
+    const Bytes header = {3, 0x82, static_cast<BYTE>(nLength >> 8), static_cast<BYTE>(nLength)};
+    const Bytes body = header + Bytes(strText.begin(), strText.end()) + Bytes{5, 1, 7};
+    EXPECT_TRUE(Validate(Wrap(body), body.size() > 255 ? 19 : 18));
     ExpectLog(6, "Mission ID \"" + strText + "\" is present.\n");
     ExpectLog(4, "No checksum found.\n");
   }

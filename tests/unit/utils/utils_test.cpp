@@ -59,24 +59,24 @@ TEST_F(BufferTest, RoomForDataIsZeroFilled) {
 }
 
 TEST_F(BufferTest, CopyHoldsTheBytesAndTheirSize) {
-  Bytes Data = Text("nineteen characters");
+  Bytes data = Text("nineteen characters");
   MDATA_BUFFER* pBuffer = nullptr;
-  ASSERT_TRUE(DoAllocCopyBuffer(Data.data(), static_cast<int>(Data.size()), &pBuffer));
+  ASSERT_TRUE(DoAllocCopyBuffer(data.data(), static_cast<int>(data.size()), &pBuffer));
   EXPECT_EQ(pBuffer->nAllocSize, kRecord + 19);
   EXPECT_EQ(pBuffer->nDataSize, 19);
   EXPECT_EQ(pBuffer->pcData, EndOfRecord(pBuffer));
-  EXPECT_EQ(Bytes(pBuffer->pcData, pBuffer->pcData + 19), Data);
+  EXPECT_EQ(Bytes(pBuffer->pcData, pBuffer->pcData + 19), data);
   DoReleaseBuffer(&pBuffer);
 }
 
 TEST_F(BufferTest, ReserveLiesInFrontOfTheCopyAndIsZero) {
-  Bytes Data = Text("ten bytes.");
+  Bytes data = Text("ten bytes.");
   MDATA_BUFFER* pBuffer = nullptr;
-  ASSERT_TRUE(DoAllocCopyBufferEx(Data.data(), 10, 5, &pBuffer));
+  ASSERT_TRUE(DoAllocCopyBufferEx(data.data(), 10, 5, &pBuffer));
   EXPECT_EQ(pBuffer->nAllocSize, kRecord + 15);
   EXPECT_EQ(pBuffer->pcData - static_cast<BYTE*>(pBuffer->pvAllocPtr), kRecord + 5);
   EXPECT_EQ(Bytes(EndOfRecord(pBuffer), EndOfRecord(pBuffer) + 5), Bytes(5, 0));
-  EXPECT_EQ(Bytes(pBuffer->pcData, pBuffer->pcData + 10), Data);
+  EXPECT_EQ(Bytes(pBuffer->pcData, pBuffer->pcData + 10), data);
   EXPECT_EQ(pBuffer->nDataSize, 10);
   DoReleaseBuffer(&pBuffer);
 }
@@ -109,12 +109,12 @@ TEST_F(BufferTest, HighWaterLineNamesTheAllocatingFunction) {
   MDATA_BUFFER* apBuffers[3] = {Alloc()};
   DoAllocCopyBuffer(acData, 1, &apBuffers[1]);
   DoAllocCopyBufferEx(acData, 1, 1, &apBuffers[2]);
-  const std::vector<LogLine> Logs = host().Logs();
-  ASSERT_EQ(Logs.size(), 3u);
-  EXPECT_EQ(Logs[0].function, "DoAllocBuffer");
-  EXPECT_EQ(Logs[1].function, "DoAllocCopyBuffer");
-  EXPECT_EQ(Logs[2].function, "DoAllocCopyBufferEx");
-  EXPECT_EQ(Logs[0].file, "utils");
+  const std::vector<LogLine> logs = host().Logs();
+  ASSERT_EQ(logs.size(), 3u);
+  EXPECT_EQ(logs[0].function, "DoAllocBuffer");
+  EXPECT_EQ(logs[1].function, "DoAllocCopyBuffer");
+  EXPECT_EQ(logs[2].function, "DoAllocCopyBufferEx");
+  EXPECT_EQ(logs[0].file, "utils");
   for (MDATA_BUFFER*& pBuffer : apBuffers) DoReleaseBuffer(&pBuffer);
 }
 
@@ -128,13 +128,13 @@ TEST_F(BufferTest, HighWaterLineNeedsLevelSix) {
 
 TEST_F(BufferTest, WithoutMemoryNothingIsTouchedAndNothingSaid) {
   BYTE acData[4] = {};
-  MDATA_BUFFER Marker = {};
-  MDATA_BUFFER* pBuffer = &Marker;
+  MDATA_BUFFER marker = {};
+  MDATA_BUFFER* pBuffer = &marker;
   host().FailNext("calloc", {.times = 3});
   EXPECT_FALSE(DoAllocBuffer(10, &pBuffer));
   EXPECT_FALSE(DoAllocCopyBuffer(acData, 4, &pBuffer));
   EXPECT_FALSE(DoAllocCopyBufferEx(acData, 4, 5, &pBuffer));
-  EXPECT_EQ(pBuffer, &Marker);
+  EXPECT_EQ(pBuffer, &marker);
   EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
   EXPECT_EQ(MdLoad(_g_nMaxAllocatedBuffers), 0);
   EXPECT_TRUE(host().Logs().empty());
@@ -171,26 +171,26 @@ TEST_F(BufferTest, ReleaseBeforeTheLastLeavesTheBufferAndClearsThePointer) {
 }
 
 TEST_F(BufferTest, ReleaseTooManyIsReportedCountedAndFreesNothing) {
-  MDATA_BUFFER Record = {};
-  Record.bDynamic = TRUE;
-  MDATA_BUFFER* pBuffer = &Record;
+  MDATA_BUFFER record = {};
+  record.bDynamic = TRUE;
+  MDATA_BUFFER* pBuffer = &record;
   DoReleaseBuffer(&pBuffer);
   ExpectAssertion("pBuffer->nRefCount > 0");
-  EXPECT_EQ(Record.nRefCount, -1);
+  EXPECT_EQ(record.nRefCount, -1);
   EXPECT_EQ(pBuffer, nullptr);
-  pBuffer = &Record;
+  pBuffer = &record;
   DoReleaseBuffer(&pBuffer);
   ExpectAssertion("pBuffer->nRefCount > 0");
-  EXPECT_EQ(Record.nRefCount, -2);
+  EXPECT_EQ(record.nRefCount, -2);
   EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
 }
 
 TEST_F(BufferTest, RecordOfTheCallersOwnIsNeverFreed) {
-  MDATA_BUFFER Record = {};
-  Record.nRefCount = 1;
-  MDATA_BUFFER* pBuffer = &Record;
+  MDATA_BUFFER record = {};
+  record.nRefCount = 1;
+  MDATA_BUFFER* pBuffer = &record;
   DoReleaseBuffer(&pBuffer);
-  EXPECT_EQ(Record.nRefCount, 0);
+  EXPECT_EQ(record.nRefCount, 0);
   EXPECT_EQ(pBuffer, nullptr);
   EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
 }
@@ -211,7 +211,7 @@ TEST_F(BufferTest, EncodersAtomicIncrementAndReleasesOnOtherThreadsAgree) {
   constexpr int kThreads = 4;
   constexpr int kRounds = 2000;
   MDATA_BUFFER* pShared = Alloc(16);
-  const auto Work = [pShared] {
+  const auto work = [pShared] {
     for (int i = 0; i < kRounds; i++) {
       __atomic_add_fetch(&pShared->nRefCount, 1, __ATOMIC_RELAXED);
       MDATA_BUFFER* pMine = pShared;
@@ -221,9 +221,9 @@ TEST_F(BufferTest, EncodersAtomicIncrementAndReleasesOnOtherThreadsAgree) {
       DoReleaseBuffer(&pOwn);
     }
   };
-  std::vector<std::thread> Threads;
-  for (int i = 0; i < kThreads; i++) Threads.emplace_back(Work);
-  for (std::thread& Thread : Threads) Thread.join();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; i++) threads.emplace_back(work);
+  for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(pShared->nRefCount, 1);
   EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 1);
   EXPECT_GE(MdLoad(_g_nMaxAllocatedBuffers), 2);
@@ -267,22 +267,22 @@ TEST(ExtractBitsTest, OutputIsNeverCleared) {
 }
 
 TEST(ExtractBitsTest, EveryOffsetAndLengthCopiesTheSameBits) {
-  std::mt19937 Random(1);
-  Bytes In(8);
-  for (BYTE& nByte : In) nByte = static_cast<BYTE>(Random());
-  const auto Bit = [](const Bytes& Of, int n) { return (Of[static_cast<size_t>(n / 8)] >> (7 - n % 8)) & 1; };
+  std::mt19937 random(1);
+  Bytes in(8);
+  for (BYTE& nByte : in) nByte = static_cast<BYTE>(random());
+  const auto bit = [](const Bytes& of, int n) { return (of[static_cast<size_t>(n / 8)] >> (7 - n % 8)) & 1; };
   for (int nFrom = 0; nFrom < 16; nFrom++) {
     for (int nTo = 0; nTo < 16; nTo++) {
       for (int nBits = 0; nBits <= 48; nBits++) {
-        Bytes Out(8, 0);
+        Bytes out(8, 0);
         int nIn = nFrom;
         int nOut = nTo;
-        ExtractBits(In.data(), &nIn, Out.data(), &nOut, nBits);
+        ExtractBits(in.data(), &nIn, out.data(), &nOut, nBits);
         ASSERT_EQ(nIn, nFrom + nBits);
         ASSERT_EQ(nOut, nTo + nBits);
         for (int i = 0; i < 64; i++) {
-          const int nExpected = i >= nTo && i < nTo + nBits ? Bit(In, nFrom + i - nTo) : 0;
-          ASSERT_EQ(Bit(Out, i), nExpected) << nFrom << " to " << nTo << ", " << nBits << " bits, bit " << i;
+          const int nExpected = i >= nTo && i < nTo + nBits ? bit(in, nFrom + i - nTo) : 0;
+          ASSERT_EQ(bit(out, i), nExpected) << nFrom << " to " << nTo << ", " << nBits << " bits, bit " << i;
         }
       }
     }
@@ -301,12 +301,12 @@ void PrintTo(const Scan& scan, std::ostream* pStream) {
 }
 
 // Over data in a block of exactly its size, so that a read past its end is seen.
-Scan ScanFor(const Bytes& Data, const Bytes& Pattern) {
-  const std::unique_ptr<BYTE[]> pcExact(new BYTE[Data.size() + 1]);
+Scan ScanFor(const Bytes& data, const Bytes& pattern) {
+  const std::unique_ptr<BYTE[]> pcExact(new BYTE[data.size() + 1]);
   BYTE* pcData = pcExact.get() + 1;
-  std::copy(Data.begin(), Data.end(), pcData);
+  std::copy(data.begin(), data.end(), pcData);
   Scan scan = {0, -1};
-  scan.nResult = ScanForPattern(pcData, static_cast<int>(Data.size()), Pattern.data(), static_cast<int>(Pattern.size()),
+  scan.nResult = ScanForPattern(pcData, static_cast<int>(data.size()), pattern.data(), static_cast<int>(pattern.size()),
                                 &scan.nOffset);
   return scan;
 }
@@ -364,11 +364,11 @@ TEST(CalcCRC16Test, EmptyBlockIsZero) {
 }
 
 TEST(CalcCRC16Test, BlockWithItsCRCLowByteFirstIsZero) {
-  Bytes Data = Text("any block at all");
-  const WORD nCRC = CalcCRC16(Data.data(), static_cast<int>(Data.size()));
-  Data.push_back(static_cast<BYTE>(nCRC));
-  Data.push_back(static_cast<BYTE>(nCRC >> 8));
-  EXPECT_EQ(CalcCRC16(Data.data(), static_cast<int>(Data.size())), 0);
+  Bytes data = Text("any block at all");
+  const WORD nCRC = CalcCRC16(data.data(), static_cast<int>(data.size()));
+  data.push_back(static_cast<BYTE>(nCRC));
+  data.push_back(static_cast<BYTE>(nCRC >> 8));
+  EXPECT_EQ(CalcCRC16(data.data(), static_cast<int>(data.size())), 0);
 }
 
 // --- Raw captures ----------------------------------------------------------------------------------------
@@ -383,8 +383,8 @@ class DumpTest : public ::testing::Test {
     fflush(m_pFile);
     return {m_pcText, m_nText};
   }
-  BOOL Dump(Bytes Data, int nMaxSize = 1000) {
-    return DumpRawData(m_pFile, Data.data(), static_cast<int>(Data.size()), &m_nColumn, nMaxSize);
+  BOOL Dump(Bytes data, int nMaxSize = 1000) {
+    return DumpRawData(m_pFile, data.data(), static_cast<int>(data.size()), &m_nColumn, nMaxSize);
   }
 
   char* m_pcText = nullptr;
