@@ -1,4 +1,4 @@
-// The parsing core: what loops over whole messages. What it promises stands in the header.
+// The functions of the parsing core that loop over whole messages. The header states their contract.
 //
 // Contents
 //   1. Running sum
@@ -21,7 +21,7 @@ static uint32_t _Sum(const uint8_t* base, size_t size) {
   return (high << 8) + low;
 }
 
-// What the byte at a position adds to the sum.
+// Returns what the byte at a position contributes to the sum.
 static uint32_t _Share(const uint8_t* base, size_t size, size_t position) {
   if (position >= size) return 0;
   return position % 2 == 0 ? (uint32_t)base[position] << 8 : base[position];

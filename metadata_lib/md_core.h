@@ -14,7 +14,7 @@
 // Tags, lengths and items are read inline: a caller that names its size codes gets only the code that these need.
 //
 // The core is written in the common subset of C99 and C++, with positions instead of moving pointers, so that analysers
-// for C can read it as it stands.
+// for C can read it unchanged.
 #ifndef MD_CORE_H
 #define MD_CORE_H
 
@@ -42,37 +42,37 @@ enum { kMdMostOidBytes = 4, kMdMostLengthBytes = 4 };  // longer fields have no 
 // How the reading of a field or an item ended.
 typedef enum MdRead {
   kMdReadOk = 0,
-  kMdReadTagCut,       // the tag does not end inside the data
-  kMdReadLengthCut,    // the length field does not end inside the data
+  kMdReadTagCut,       // the data ends before the tag does
+  kMdReadLengthCut,    // the data ends before the length field does
   kMdReadUnsupported,  // a BER long form of no bytes or of more than four
   kMdReadUnknownCode   // the size code of the length is not one of those above
 } MdRead;
 
 typedef struct MdTag {
   uint32_t key;  // 0 for global tags, universal keys, no tag, and object identifiers of more than four bytes
-  size_t size;   // bytes of the field; 0 if there is no tag or it is cut
+  size_t size;   // bytes of the field; 0 if there is no tag or it is truncated
 } MdTag;
 
 typedef struct MdLength {
   bool longForm;   // BER long form
   uint32_t count;  // bytes that hold the value: in the long form those after the first byte, else the whole field
-  size_t size;     // bytes of the field; known as soon as its first byte is there, otherwise 0
+  size_t size;     // bytes of the field; 0 if the data ends before its first byte
   uint32_t value;  // 0 unless the field was read
 } MdLength;
 
 typedef struct MdItem {
   MdTag tag;
   MdLength length;
-  size_t valuePosition;  // where the value starts; the end of the fields that were read if there is none
+  size_t valuePosition;  // where the value starts, or the end of the fields that were read if there is no value
   uint64_t end;          // position behind the value, which may lie outside the data
 } MdItem;
 
-// Whether count bytes lie inside the data at a position.
+// Returns whether count bytes at a position lie inside the data.
 static inline bool _MdIsInside(size_t size, size_t position, size_t count) {
   return position <= size && count <= size - position;
 }
 
-// The bytes lie inside; at most four of them.
+// Returns the big-endian number of up to four bytes that lie inside the data.
 static inline uint32_t _MdBigEndian(const uint8_t* base, size_t position, size_t count) {
   uint32_t value = 0;
   for (size_t i = 0; i < count; ++i) value = value << 8 | base[position + i];
@@ -80,7 +80,7 @@ static inline uint32_t _MdBigEndian(const uint8_t* base, size_t position, size_t
 }
 
 // =====================================================================================================
-// 1. Tags. The output is zero when a function for one kind of tag runs.
+// 1. Tags. _MdReadTag zeroes the output before it calls the function for one kind of tag.
 // =====================================================================================================
 
 static inline bool _MdReadOidTag(const uint8_t* base, size_t size, size_t position, MdTag* tag) {
@@ -114,8 +114,8 @@ static inline bool _MdReadFixedTag(const uint8_t* base, size_t size, size_t posi
   return true;
 }
 
-// Reads the tag at a position. Returns false if it does not end inside. A code that is none of those above reads no
-// tag.
+// Reads the tag at a position. Returns false if the data ends before the tag does. With a size code that is not listed
+// above no tag is read.
 static inline bool _MdReadTag(const uint8_t* base, size_t size, size_t position, int tagField, MdTag* tag) {
   tag->key = 0;
   tag->size = 0;
@@ -135,7 +135,8 @@ static inline bool _MdReadTag(const uint8_t* base, size_t size, size_t position,
 }
 
 // =====================================================================================================
-// 2. Lengths. The output is zero, and the first byte lies inside, when a function for one kind of length runs.
+// 2. Lengths. _MdReadLength zeroes the output, and checks that the first byte lies inside the data, before it calls the
+//    function for one kind of length.
 // =====================================================================================================
 
 static inline MdRead _MdReadBerLength(const uint8_t* base, size_t size, size_t position, MdLength* length) {
@@ -164,7 +165,7 @@ static inline MdRead _MdReadFixedLength(const uint8_t* base, size_t size, size_t
   return kMdReadOk;
 }
 
-// Reads the length field at a position. The form and its number of bytes are reported even if the field is cut.
+// Reads the length field at a position. Form and number of bytes are reported even if the field is truncated.
 static inline MdRead _MdReadLength(const uint8_t* base, size_t size, size_t position, int lengthField,
                                    MdLength* length) {
   length->longForm = false;
@@ -188,17 +189,17 @@ static inline MdRead _MdReadLength(const uint8_t* base, size_t size, size_t posi
 // 3. Items
 // =====================================================================================================
 
-// Position behind an item's value. In 64 bits, where no length steps back.
+// Returns the position behind an item's value. In 64 bits no length can wrap it to an earlier position.
 static inline uint64_t _MdItemEnd(uint64_t valuePosition, uint32_t length) {
   return valuePosition + length;
 }
 
-// Reads tag and length of the item at a position; the value itself is not looked at. A walk over a set's items goes on
-// at item->end for as long as that lies inside.
+// Reads tag and length of the item at a position, but not its value. A walk over a set's items continues at item->end
+// as long as that lies inside the data.
 static inline MdRead _MdReadItem(const uint8_t* base, size_t size, size_t position, int tagField, int lengthField,
                                  MdItem* item) {
   const bool tagRead = _MdReadTag(base, size, position, tagField, &item->tag);
-  // After a tag that is cut the length is read at the end, where there is none.
+  // After a truncated tag the length is read at the end of the data, where no byte is left.
   const size_t lengthPosition = tagRead ? position + item->tag.size : size;
   const MdRead result = _MdReadLength(base, size, lengthPosition, lengthField, &item->length);
   item->valuePosition = lengthPosition;
@@ -211,17 +212,17 @@ static inline MdRead _MdReadItem(const uint8_t* base, size_t size, size_t positi
 // 4. Sums and bits. In md_core.c.
 // =====================================================================================================
 
-// The 16-bit sum of MISB ST 0601: bytes at even positions count as high bytes, the others as low bytes.
+// Returns the 16-bit sum of MISB ST 0601: bytes at even positions count as high bytes, the others as low bytes.
 uint16_t _MdRunningSum(const uint8_t* base, size_t size);
-// The same with the two bytes at a position counted as zero; a byte behind the end counts as zero anyway.
+// Returns the same sum with the two bytes at a position counted as zero, as bytes behind the end are anyway.
 uint16_t _MdRunningSumWithout(const uint8_t* base, size_t size, size_t position);
 
-// CRC-16/ARC.
+// Returns the CRC-16/ARC.
 uint16_t _MdCrc16(const uint8_t* base, size_t size);
 
 // ORs count bits of the input, from the bit inputBit on, into the output from the bit outputBit on. Bit 0 is the most
-// significant bit of the first byte. Both arrays hold the bits that are named; the output is zeroed by the caller.
-// Returns the sum, over the steps that were made, of the bits from the input bit to the end of its byte.
+// significant bit of the first byte. Both arrays hold these bits, and the caller has zeroed the output. Returns the
+// sum, over the steps of the copy, of the bits from the input bit to the end of its byte.
 int _MdCopyBits(const uint8_t* input, size_t inputBit, uint8_t* output, size_t outputBit, size_t count);
 
 #ifdef __cplusplus

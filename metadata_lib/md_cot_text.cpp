@@ -48,8 +48,8 @@ CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const c
   return CVT_COTKLV_STATUS_OK;
 }
 
-// KEPT: the name is bare text that also hits inside a longer word, a hit exactly inBufLen characters in counts, and only
-// double quotes are quotes.
+// KEPT: the name is searched as plain text and so also matches inside a longer word, a match exactly inBufLen
+// characters in counts, and only double quotes are quotes.
 CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen, cvtCotField* pCotField) {
   if (pCotField != nullptr) pCotField->flag = 0;
   if (pInBuf == nullptr || pCotField == nullptr || inBufLen < static_cast<int32_t>(kShortestText)) {
@@ -109,7 +109,7 @@ bool _LookUp(const CotSlice& slice, const char* name, cvtCotField* field) {
 // 2. Times
 // =====================================================================================================
 
-// The decimal number in a group of characters; 0 where the text ends before it.
+// Returns the decimal number in a group of characters, 0 if the text ends before it.
 static int _DateGroup(const char* text, size_t textLength, size_t offset, size_t length) {
   char group[8] = "0000000";
   if (offset >= textLength) return 0;
@@ -119,7 +119,7 @@ static int _DateGroup(const char* text, size_t textLength, size_t offset, size_t
   return static_cast<int>(strtol(group, nullptr, 10));
 }
 
-// YYYY-MM-DDTHH:MM:SS by position; what stands between the groups does not matter.
+// Reads YYYY-MM-DDTHH:MM:SS by position; the characters between the groups are not checked.
 int cvt_strptime(const char* timeStr, struct tm* pTm) {
   memset(pTm, 0, sizeof(*pTm));
   const size_t length = strlen(timeStr);
@@ -144,8 +144,8 @@ int cvt_strptime(const char* timeStr, struct tm* pTm) {
   return 0;
 }
 
-// KEPT: the fraction is the two characters after the point read as hundredths (".5Z" is 50 ms), and the time is local
-// whatever follows it.
+// KEPT: the fraction is the two characters after the point, read as hundredths (".5Z" is 50 ms), and the time is local
+// even if a zone follows it.
 int cvt_getUSecsFromTimeStr(const char* timeStr, uint64_t* uSecs) {
   struct tm fields;
   int hundredths = 0;
@@ -174,7 +174,8 @@ int cvt_getUSecsFromTimeStr(const char* timeStr, uint64_t* uSecs) {
   return 0;
 }
 
-// KEPT: the month is not reduced by one, and the year by 1970 instead of 1900. The result orders times, no more.
+// KEPT: the month is not reduced by one, and the year by 1970 instead of 1900. The result only serves to
+// order times.
 void ConvertTimeString(const char* szTime, struct timeval* pOutTime) {
   int year = 0;
   int month = 0;

@@ -1,8 +1,9 @@
 // The text of Cursor-on-Target events: slices and attributes of XML, and times.
 //
-// No tree is built: plain substring searches on a terminated text.
+// Nothing builds a tree of the XML: all searches are plain substring searches on a terminated text.
 //
-// Metadata thread, ConvertTimeString on any. No state but the process's time zone. Lines are logged as the converter's.
+// Metadata thread; ConvertTimeString on any thread. The only state is the process's time zone. Log lines carry the
+// converter's name.
 #ifndef MD_COT_TEXT_H
 #define MD_COT_TEXT_H
 
@@ -22,7 +23,7 @@ enum CVT_COTKLV_STATUS : int32_t {
 inline constexpr int kCotValueSize = 64;
 inline constexpr uint32_t kShortestText = 10;  // characters; shorter texts are not searched
 
-// One attribute to look up. A value of exactly 64 characters has no terminator: read it through CotText.
+// One attribute to look up. A value of exactly 64 characters is not terminated: read it through CotText.
 struct cvtCotField {
   char name[16];
   char valueStr[kCotValueSize];
@@ -56,8 +57,8 @@ CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const c
                                   const char** pSlice, uint32_t* sliceLen);
 CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen, cvtCotField* pCotField);
 
-// Finds the slice of a text from a start marker up to, but without, the next end marker. On failure *pSlice may hold the
-// start all the same.
+// Finds the slice of a text from a start marker up to, but without, the next end marker. On failure *pSlice may already
+// hold the start.
 bool _FindSlice(const CotSlice& whole, const char* start, const char* end, CotSlice* pSlice);
 // Copies the row to *field and looks the attribute up; on failure *field holds the bare row.
 bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* field);

@@ -4,8 +4,8 @@
  * CONVENTIONS
  *
  *   Language    Plain C11 interface, also usable from C++17 and later. LP64 platforms only.
- *   Results     BOOL: TRUE (1) on success, FALSE (0) on failure. There are no error codes; why a call
- *               failed is told in the host's debug log.
+ *   Results     BOOL: TRUE (1) on success, FALSE (0) on failure. There are no error codes; the host's
+ *               debug log tells why a call failed.
  *   Records     Zero a record before filling it. Records that cross this interface carry their size in
  *               nSize. Strings are NUL-terminated 8-bit text inside fixed arrays.
  *   Threads     Everything received, converted, relayed and delivered happens on one internal thread, the
@@ -20,7 +20,7 @@
  *   Standards   KLV: SMPTE ST 336. UAS Datalink Local Set: MISB ST 0601. Security set: MISB ST 0102.
  *               Cursor-on-Target (CoT): MITRE CoT event schema 2.0.
  *
- * WHAT AN ENCODER MUST KNOW: see docs/integration.md; the short form stands with each call below.
+ * RULES FOR ENCODERS: docs/integration.md has them in full; the comment of each call has the short form.
  */
 #ifndef METADATA_LIB_H
 #define METADATA_LIB_H
@@ -65,7 +65,7 @@ typedef uint64_t UINT64;
 /* Metadata buffers                                                                                 */
 /* ------------------------------------------------------------------------------------------------ */
 
-typedef UINT64 MDATA_TIMESTAMP; /* presentation time of the input that captured the message; 0 when none */
+typedef UINT64 MDATA_TIMESTAMP; /* presentation time of the input that captured the message; 0 if none */
 
 /*
  * MDATA_BUFFER - one message and its reference count, 48 bytes, in one heap block with its data.
@@ -112,11 +112,12 @@ typedef struct tagMDATA_BUFFER {
  *   pvUserParam1  MDATA_SRC_CFG.pvUserParam1
  *   pvUserParam2  MDATA_SRC_CFG.pvUserParam1 AGAIN: the first user parameter is delivered twice and
  *                 pvUserParam2 never. Identify the source by the first one.
- *   returns       TRUE when the buffer was taken. Only video sources look at it: a refused message is not
- *                 counted and its sequence number is used again.
+ *   returns       TRUE if the encoder takes the buffer. Only video sources use the result: a refused message
+ *                 is not counted, and its sequence number is used again.
  *
- * Do not block in it, and do not open, close, shut down or ask for statistics from it. Those calls wait for
- * the thread that runs it: never hold a lock that it takes while calling one of them.
+ * The callback must not block, and must not open or close a source, shut the library down or ask for
+ * statistics. Those calls wait for the thread that runs it: never hold a lock that the callback takes while
+ * calling one of them.
  */
 typedef BOOL (*MDATA_READY_CALLBACK)(MDATA_BUFFER* pBuff, void* pvUserParam1, void* pvUserParam2);
 
@@ -126,7 +127,7 @@ typedef BOOL (*MDATA_READY_CALLBACK)(MDATA_BUFFER* pBuff, void* pvUserParam1, vo
 
 enum tagMDATA_INPUT_TYPE {
   MDATA_INPUT_SERIAL = 0,  /* the serial port "/dev/ttyPS0"; one such source at a time */
-  MDATA_INPUT_NETWORK = 1, /* a UDP port; one source per port; datagrams above 1500 bytes are cut */
+  MDATA_INPUT_NETWORK = 1, /* a UDP port; one source per port; longer datagrams than 1500 bytes are truncated */
   MDATA_INPUT_VIDEO = 2    /* KLV in the ancillary data of a video input; any number of sources */
 };
 
@@ -285,26 +286,26 @@ typedef struct tagMDATA_RELAY_STATS {
 } MDATA_RELAY_STATS;
 
 /*
- * MDATA_SRC_STATS - what one source counted, 4504 bytes.
+ * MDATA_SRC_STATS - the counters of one source, 4504 bytes.
  *
  *   offset size field
  *        0    4 nSize                              neither filled nor tested by the library
- *        8    8 nRxBytes                           bytes received; video sources: taken, with stream headers
- *       16    8 nRxOkMessages                      messages received; datagrams that were cut count too
- *       24    8 nRxCorruptMessages                 serial sources: discards of the KLV decoder, wrong CRCs of CoT
+ *        8    8 nRxBytes                           bytes received; video sources: bytes taken, with stream headers
+ *       16    8 nRxOkMessages                      messages received, including truncated datagrams
+ *       24    8 nRxCorruptMessages                 serial sources: discards of the KLV decoder, wrong CoT CRCs
  *       32   20 in.Network                         network sources: last sender
  *       56 4144 prot                               CoT sources: prot.CoT; KLV sources: prot.KLV, filled only
  *                                                  with a mission identifier or classification configured
- *     4200    4 iSrcTTL                            received TTL or hop limit, -1 when not detected
+ *     4200    4 iSrcTTL                            received TTL or hop limit, -1 if not detected
  *     4208    8 nTTLUpdates                        how often it changed
  *     4216    4 nLastTTLUpdateUpTimeInSecs         up-time of the last change
- *     4220    4 iSrcTOS                            received TOS or traffic class, -1 when not detected
+ *     4220    4 iSrcTOS                            received TOS or traffic class, -1 if not detected
  *     4224    8 nTOSUpdates
  *     4232    4 nLastTOSUpdateUpTimeInSecs
  *     4240  256 Relays                             one per configured relay
  *     4496    4 nBitRateInKbps                     kbit/s
  *
- * Fields that do not apply to a source keep what the caller had in them: zero the record first.
+ * Fields that do not apply to a source keep the caller's values: zero the record first.
  */
 typedef struct tagMDATA_SRC_STATS {
   int32_t nSize;
@@ -353,12 +354,12 @@ typedef struct tagCOT_STATS {
 #define METADATALIB_CAPS_IPV6_SUPPORT 0x4u /* IPv6 receive sockets may be created */
 
 /*
- * Starts the library and its metadata thread. Call once, before everything else, with at least one of the
- * two IP capabilities. Once per process: the library is not made to be started again after a shutdown.
+ * Starts the library and its metadata thread. Call it once per process, before every other call, with at least
+ * one of the two IP capabilities. The library is not made to be started again after a shutdown.
  */
 METADATALIB_API BOOL METADATALIB_Init(DWORD dwCaps);
 
-/* Stops the thread and releases what METADATALIB_Init made. Close every source first. */
+/* Stops the thread and releases everything that METADATALIB_Init created. Close every source first. */
 METADATALIB_API void METADATALIB_Shutdown(void);
 
 /* ------------------------------------------------------------------------------------------------ */
@@ -366,23 +367,23 @@ METADATALIB_API void METADATALIB_Shutdown(void);
 /* ------------------------------------------------------------------------------------------------ */
 
 /*
- * Opens a source; TRUE and *phDataSrc set when it is open. Waits up to 5 s for the metadata thread. The
- * configuration is copied. Messages may arrive before the call returns.
+ * Opens a source. Returns TRUE with *phDataSrc set if the source is open. Waits up to 5 s for the metadata
+ * thread. The configuration is copied. Messages may arrive before the call returns.
  */
 METADATALIB_API BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc);
 
 /*
- * Closes a source, once, before METADATALIB_Shutdown; no callback for it runs after the return. Only where the
- * wait of 5 s for the metadata thread is given up, a callback that is already running then may still be inside;
- * none follows it. Clear your own handle: *phDataSrc is left as it was. FALSE only without memory, the source
- * then stays open.
+ * Closes a source. Call it once, before METADATALIB_Shutdown. No callback for the source runs after the return,
+ * with one exception: if the wait of 5 s for the metadata thread times out, a callback that is already running
+ * may still be running at the return; no other follows it. The call does not change *phDataSrc: clear your own
+ * handle. Returns FALSE only if out of memory; the source then stays open.
  */
 METADATALIB_API BOOL MetaData_CloseSource(HMDATASRC* phDataSrc);
 
 /* Gives back one reference of a buffer kept in the ready callback. Any thread. */
 METADATALIB_API void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff);
 
-/* Reads, zeroes or loads the counters of a source. Any encoder thread. Always TRUE. */
+/* Read, zero or load the counters of a source. Any encoder thread. They always return TRUE. */
 METADATALIB_API BOOL MetaData_GetSourceStats(HMDATASRC hDataSrc, MDATA_SRC_STATS* pStats);
 METADATALIB_API BOOL MetaData_ResetSourceStats(HMDATASRC hDataSrc);
 METADATALIB_API BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats);
@@ -392,11 +393,11 @@ METADATALIB_API BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC
 /* ------------------------------------------------------------------------------------------------ */
 
 /*
- * Each makes a zero-filled buffer with one reference; FALSE, silently, without memory or with a negative or
- * overflowing size (*ppBuffer is then untouched).
- *   DoAllocBuffer        room for nMaxDataSize bytes, nDataSize 0
- *   DoAllocCopyBuffer    a copy of nSize bytes
- *   DoAllocCopyBufferEx  the same, with nReservedSpace zero bytes in front of pcData
+ * Each allocates a zero-filled buffer with one reference. Returns FALSE, without logging and with *ppBuffer
+ * unchanged, if out of memory or if a size is negative or overflows.
+ *   DoAllocBuffer        has room for nMaxDataSize bytes, and nDataSize is 0
+ *   DoAllocCopyBuffer    holds a copy of nSize bytes
+ *   DoAllocCopyBufferEx  does the same, with nReservedSpace zero bytes in front of pcData
  */
 METADATALIB_API BOOL DoAllocBuffer(int nMaxDataSize, MDATA_BUFFER** ppBuffer);
 METADATALIB_API BOOL DoAllocCopyBuffer(BYTE* pcData, int nSize, MDATA_BUFFER** ppBuffer);
@@ -410,16 +411,17 @@ METADATALIB_API void DoReleaseBuffer(MDATA_BUFFER** ppBuffer);
 /* ------------------------------------------------------------------------------------------------ */
 
 /*
- * Copies nTotalBitsToExtract bits, most significant first, between two bit positions, ORing into the output
- * (zero it first), and advances both offsets. The result is the sum over the steps of (8 - input
- * bit-in-byte), not the number of bits moved.
+ * Copies nTotalBitsToExtract bits, most significant first, between two bit positions, ORing them into the
+ * output (zero it first), and advances both offsets. Returns the sum over the steps of (8 - input bit-in-byte),
+ * not the number of bits copied.
  */
 METADATALIB_API int ExtractBits(const BYTE* pcInputData, int* pnInputBitOffset, BYTE* pcOutputData,
                                 int* pnOutputBitOffset, int nTotalBitsToExtract);
 
 /*
- * Finds a pattern: returns nPatternSize for a full match at *pnMatchOffset, 1 to nPatternSize - 1 for a
- * beginning of it that runs to the end of the data, 0 for none. A search resumes at the byte that differed.
+ * Searches for a pattern. Returns nPatternSize for a full match at *pnMatchOffset, 1 to nPatternSize - 1 for a
+ * prefix of the pattern that ends the data, or 0 for no match. After a partial match the search continues at
+ * the byte that differed.
  */
 METADATALIB_API UINT ScanForPattern(const void* pvInData, int nInDataSize, const void* pvPattern, int nPatternSize,
                                     int* pnMatchOffset);
@@ -428,8 +430,8 @@ METADATALIB_API UINT ScanForPattern(const void* pvInData, int nInDataSize, const
 METADATALIB_API WORD CalcCRC16(const BYTE* d, int n);
 
 /*
- * Appends a hex dump, 16 bytes a line; *pnOffset is the column, kept between calls. FALSE when the file is at
- * or beyond nMaxSize kilobytes (nothing is written) or reports an error.
+ * Appends a hex dump, 16 bytes a line; *pnOffset is the column, kept between calls. Returns FALSE if the file
+ * already has nMaxSize kilobytes or more (nothing is written) or reports an error.
  */
 METADATALIB_API BOOL DumpRawData(FILE* fp, BYTE* pcData, int nSize, int* pnOffset, int nMaxSize);
 
@@ -468,13 +470,13 @@ typedef struct tagKLV_INFO {
   UINT32 nTotalSize;
 } KLV_INFO;
 
-/* Parses the element at pvBuff; FALSE and *pInfo untouched when its tag or length cannot be read. */
+/* Parses the element at pvBuff. Returns FALSE, leaving *pInfo unchanged, if its tag or length cannot be read. */
 METADATALIB_API BOOL KLV_GetInfo(const void* pvBuff, int nBuffSize, int nTagFieldSize, int nLengthFieldSize,
                                  KLV_INFO* pInfo);
-/* Field sizes named by the sixth byte of a universal key; either pointer may be NULL. */
+/* Stores the field sizes that the sixth byte of a universal key stands for; either pointer may be NULL. */
 METADATALIB_API BOOL KLV_GetFieldInfoFromRegistryDesignator(BYTE RegistryDesignator, int* piTagFieldSize,
                                                             int* piLengthFieldSize);
-/* Text of a size code, written to szBuffer (nSize bytes with its NUL); returns szBuffer. */
+/* Write the text of a size code to szBuffer, of nSize bytes including the NUL, and return szBuffer. */
 METADATALIB_API char* KLV_GetTagFieldDescription(int nTagFieldSize, char* szBuffer, int nSize);
 METADATALIB_API char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* szBuffer, int nSize);
 
@@ -482,7 +484,7 @@ METADATALIB_API char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* 
 /* Stream decoders: KLV, and the serial CoT link                                                    */
 /* ------------------------------------------------------------------------------------------------ */
 
-/* Receives each message; add a reference to keep pBuff beyond the call. */
+/* Receives each message. Add a reference to keep pBuff beyond the call. */
 typedef void (*KLV_RX_HANDLER)(MDATA_BUFFER* pBuff, void* pvUserParam1);
 typedef void (*COT_RX_HANDLER)(MDATA_BUFFER* pBuff, void* pvUserParam1);
 
@@ -509,8 +511,8 @@ METADATALIB_API void COT_SetStats(void* pvCtxt, const MDATA_SRC_STATS* pStats);
 METADATALIB_API COT_STATS* COT_GetStatsPtr(void* pvCtxt);
 
 /*
- * The 16-bit running sum of MISB ST 0601 over len bytes; the Ex form counts the two bytes at CheckSumOffset
- * as zero (0 skips nothing).
+ * Return the 16-bit running sum of MISB ST 0601 over len bytes. The Ex form counts the two bytes at
+ * CheckSumOffset as zero; with the offset 0 it counts all bytes.
  */
 METADATALIB_API WORD CalcKlvChecksum16(const BYTE* buff, WORD len);
 METADATALIB_API WORD CalcKlvChecksum16Ex(const BYTE* buff, WORD len, WORD CheckSumOffset);
@@ -526,22 +528,22 @@ METADATALIB_API BOOL AllocCoT2KLVConvert(HCONVERTER* phConvInstance, int32_t nMa
                                          const char* szSpiUid, BOOL bEnableSPIDiscovery);
 METADATALIB_API void FreeCoT2KLVConvert(HCONVERTER* phConvInstance);
 /*
- * Converts one event. Returns the packet length with *ppBuffer set (5 bytes of reserve in front of pcData);
- * 0 while the pair waits for its partner; -1 for a rejected event or without memory for a new pair; 3
- * without memory for a packet of 128 value bytes and more. Test *ppBuffer.
+ * Converts one event. Returns the packet's length with *ppBuffer set, which has 5 bytes of reserve in front of
+ * pcData; 0 if the event waits for its partner; -1 if the event is rejected or there is no memory for a new
+ * pair; 3 if there is no memory for a packet of 128 value bytes or more. Test *ppBuffer, not the result.
  */
 METADATALIB_API int ConvertCoT2KLV(HCONVERTER hConv, const BYTE* pvInputData, int nInDataSize, MDATA_BUFFER** ppBuffer);
 METADATALIB_API void ReleaseConvertedData(MDATA_BUFFER* pBuffer);
 METADATALIB_API void GetCoT2KLVConvertStats(HCONVERTER hConv, MDATA_COT_STATS* pStats);
 METADATALIB_API void ResetCoT2KLVConvertStats(HCONVERTER hConv);
 METADATALIB_API void SetCoT2KLVConvertStats(HCONVERTER hConv, const MDATA_COT_STATS* pStats);
-/* One ageing step (one second) of the discovered sensors: an entry lives through ten without being seen. */
+/* Makes the discovered sensors one second older. A sensor that is not seen is forgotten with the eleventh call. */
 METADATALIB_API void AgeCoT2KLVSensors(HCONVERTER hConv);
 
-/* Ordering key of a CoT time text, not an epoch time: one month late, 70 years early, in local time. */
+/* Stores an ordering key of a CoT time text. It is no epoch time: it is one month late, 70 years early and local. */
 METADATALIB_API void ConvertTimeString(const char* szTime, struct timeval* pOutTime);
 
-/* Loads and frees the EGM96 geoid grid "/usr/share/vendor/data/ww15mgh.grd"; 0, or -1. */
+/* Load and free the EGM96 geoid grid "/usr/share/vendor/data/ww15mgh.grd". Loading returns 0, or -1 on failure. */
 METADATALIB_API int init_ww15mgh_grd(void);
 METADATALIB_API void free_ww15mgh_grd(void);
 
@@ -549,10 +551,10 @@ METADATALIB_API void free_ww15mgh_grd(void);
 /* UAS Datalink Local Set (MISB ST 0601)                                                            */
 /* ------------------------------------------------------------------------------------------------ */
 
-/* 06 0E 2B 34 02 0B 01 01 0E 01 03 01 01 00 00 00 */
+/* The universal key 06 0E 2B 34 02 0B 01 01 0E 01 03 01 01 00 00 00. */
 METADATALIB_API extern const BYTE UASDataLinkKey[16];
 
-/* One element of a local set: tag, first byte of the BER length, and what follows. */
+/* One element of a local set: tag, first byte of the BER length, then the rest of the length and the value. */
 typedef struct tagKLV_ELEMENT {
   BYTE Tag;
   BYTE Length;
@@ -567,25 +569,29 @@ typedef struct tagMISSION_ID_KLV {
 } MISSION_ID_KLV;
 
 /*
- * Rewrites one message as the source's configuration asks. TRUE with *ppNewBuff set (one reference, the
- * caller's), TRUE without one when nothing is left to send, FALSE for an invalid message, for one that would
- * grow beyond a value of 65535 bytes, and without memory. pnNewSize may be NULL. Metadata thread only.
+ * Rewrites one message as the source's configuration asks. Returns TRUE with one reference for the caller in
+ * *ppNewBuff, or with NULL there if nothing is left to send. Returns FALSE if the message is invalid, if its value
+ * would grow beyond 65535 bytes, or if out of memory. pnNewSize may be NULL. Metadata thread only.
  */
 METADATALIB_API BOOL ProcessUASDataLinkLocalSet(HMDATASRC hSource, BYTE* pcKLVHeader, int nUAVSize, int nHeaderSize,
                                                 MDATA_BUFFER** ppNewBuff, int* pnNewSize);
-/* Bytes of a whole element; reads up to 6 bytes. FALSE for an unsupported length form. */
+/* Stores the size of a whole element; reads up to 6 bytes. Returns FALSE if the length form is not supported. */
 METADATALIB_API BOOL GetKLVElementSize(const KLV_ELEMENT* pKLV, size_t* pnSize);
-/* Checks a message and its checksum; a message without checksum passes. An unreadable element asserts. */
+/* Checks a message and its checksum. A message without checksum passes; an unreadable element raises an assertion. */
 METADATALIB_API BOOL ValidateUASLocalDataSet(BYTE* pcKLVHeader, int nUAVSize, int nHeaderSize);
-/* Elements to insert; free() them. NULL without memory, or (security) with a country of other than 3 letters. */
+/*
+ * Allocates an element to insert; release it with free(). Returns NULL if out of memory or, for the security set, if
+ * the classifying country is not exactly three letters.
+ */
 METADATALIB_API MISSION_ID_KLV* AllocMissionID(const char* szMissionID);
 METADATALIB_API KLV_ELEMENT* AllocSecurityMetadata(int enClassification, const char* szClassifyingCountry,
                                                    const char* szObjectCountry);
 /*
- * Names of ST 0102.12 values; never NULL, "Unknown" outside the table. The coding methods are those of element 2
- * (classifying country). Element 12 (object country) numbers its own differently: there 3 is ISO 3166 numeric, 4 FIPS
- * 10-4 two letters, 5 FIPS 10-4 four letters, 8 to 12 and 16 mean nothing and 64 is GENC AdminSub; only 1, 2, 6, 7 and
- * 13 to 15 have the same name. AllocSecurityMetadata writes 2, three letters of ISO 3166, into both.
+ * Return the names of ST 0102.12 values: never NULL, "Unknown" outside the table. The coding methods are those of
+ * element 2 (classifying country). Element 12 (object country) has a numbering of its own: there 3 is ISO 3166
+ * numeric, 4 FIPS 10-4 two letters, 5 FIPS 10-4 four letters, 8 to 12 and 16 are not defined and 64 is GENC AdminSub;
+ * only 1, 2, 6, 7 and 13 to 15 have the same name. AllocSecurityMetadata writes 2, three letters of ISO 3166, into
+ * both.
  */
 METADATALIB_API const char* GetSecurityClassificationString(BYTE cTag);
 METADATALIB_API const char* GetCountryCodingMethodString(BYTE cTag);
