@@ -169,7 +169,7 @@ static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* instance, const cvtXmlMsg* 
   const int packetLength = kCvtKeySize + 1 + lengthBytes + length;
   _StoreChecksum(packet, packetLength);
   buffer->nDataSize = packetLength;
-  *ppBuffer = buffer.Take();
+  *ppBuffer = buffer.Release();
   cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
   MD_LOG(7, "return KLV with len = %d !\n", packetLength);
   return packetLength;

@@ -1,5 +1,5 @@
 // Atomic access to plain fields of C records: counters and handles that one thread changes while another reads.
-// Relaxed unless the name says otherwise: a single value is whole, nothing is ordered around it.
+// Accesses are relaxed unless the name says otherwise: a single value is whole, but nothing is ordered around it.
 #ifndef MD_ATOMIC_H
 #define MD_ATOMIC_H
 
@@ -28,7 +28,7 @@ inline T MdAddFetch(T& field, V amount) {
   return __atomic_add_fetch(&field, static_cast<T>(amount), __ATOMIC_RELAXED);
 }
 
-// Stores 'desired' if the field was 'expected'. Returns whether it was.
+// Stores 'desired' if the field is 'expected'. Returns whether it stored.
 template <typename T>
 inline bool MdCompareExchange(T& field, T expected, T desired) {
   return __atomic_compare_exchange_n(&field, &expected, desired, false, __ATOMIC_ACQ_REL, __ATOMIC_ACQUIRE);

@@ -32,9 +32,9 @@ static void _LogShortMessage() {
   MD_LOG(4, "Got less than 16 bytes of KLV.\n");
 }
 
-// Reads the BER length behind the key: size of key and length field, and of the whole message as an unsigned 16-bit
-// value, which wraps. Returns false for a form that is not supported. The message is not shorter than
-// kSmallestUASMessage.
+// Reads the BER length behind the key. Stores the size of key and length field, and that of the whole message as an
+// unsigned 16-bit value, which wraps. Returns false if the length form is not supported. The caller has checked that
+// the message is not shorter than kSmallestUASMessage.
 // KEPT: only the one- and two-byte long forms.
 static bool _ReadUASHeader(const BYTE* pcData, int nSize, int* pnHeaderSize, WORD* pnTotal) {
   MdLength Length;
@@ -68,12 +68,12 @@ BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFF
     return FALSE;
   }
   if (nTotal < nHeaderSize) return FALSE;  // the 16-bit total wrapped
-  // KEPT: what follows the total is left out of the rewritten message.
+  // KEPT: bytes behind the total are left out of the rewritten message.
   return ProcessUASDataLinkLocalSet(hSource, pcData, nTotal, nHeaderSize, ppNewBuff, pnNewSize);
 }
 
-// The one place that decides what the result of the rewriting means, on every path: a refusal lets the message go on
-// unchanged, also when it was refused as invalid.
+// Decides for every path what the result of the rewriting means: a message that cannot be rewritten continues
+// unchanged, even an invalid one.
 Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, BYTE* pcData, int nSize,
                          MdBufferRef& Buffer) {
   if (!_WantsRewriting(hSource)) return Rewritten::Unchanged;
@@ -82,8 +82,8 @@ Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, BYTE*
   if (!_ProcessRxKLV(hSource, pcData, nSize, &pNewBuff, &nNewSize)) return Rewritten::Unchanged;
   *Buffer.Out() = pNewBuff;
   if (pNewBuff == nullptr) {
-    // KEPT: the assertion tells that a tag filter swallows whole messages; what arrives can raise it. Its text names the
-    // variable that is known from the logs.
+    // KEPT: the assertion reports that a tag filter removes whole messages; a sender can raise it. Its text names the
+    // variable that logs have always shown.
     if (Texts.szNothingLeft != nullptr) MD_ASSERT_TEXT(pNewBuff != nullptr, Texts.szNothingLeft);
     MD_ASSERT(nNewSize == 0);
     return Rewritten::Dropped;
@@ -103,8 +103,8 @@ void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 nRunningTotal, time_t tNow
   hSource->tLastRateSampleTime = tNow;
 }
 
-// Writes the stream header into the reserve in front of the message. The length is the 16-bit low part of the one
-// given, which may differ from the buffer's; the sequence number is moved by the caller.
+// Writes the stream header into the reserve in front of the message. The length is the low 16 bits of the one
+// given, which may differ from the buffer's; the caller increments the sequence number.
 //
 //   offset size value
 //        0    1 0x00
@@ -121,7 +121,7 @@ static void _PrependStreamHeader(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, 
   pBuff->pcData[4] = static_cast<BYTE>(nLength & 0xFF);
 }
 
-// Writes the line and the dump of a message that goes out.
+// Writes the line and the dump before a delivery.
 static void _LogDelivery(const PathTexts& Texts, const MDATA_BUFFER* pBuff, int nHeaderLength) {
   if (Texts.nCompleteLevel != kNoLine)
     MD_LOG(Texts.nCompleteLevel, "Got complete KLV message of %d bytes.\n", nHeaderLength);
@@ -132,8 +132,8 @@ static void _LogDelivery(const PathTexts& Texts, const MDATA_BUFFER* pBuff, int 
     MD_DUMP(Texts.nDumpLevel, Texts.szDump, pBuff->pcData + MDATA_STREAM_HEADER_SIZE, nHeaderLength);
 }
 
+// The encoder is not called if the source's close was given up while the message was being processed.
 // KEPT: the first user parameter is delivered twice.
-// A close can be given up while its source's message is under way: the encoder is called only if it was not.
 static BOOL _CallReadyCallback(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff) {
   if (hSource->Config.pfnCallback == nullptr || _IsGivenUp(hSource)) return FALSE;
   return hSource->Config.pfnCallback(pBuff, hSource->Config.pvUserParam1, hSource->Config.pvUserParam1);

@@ -1,8 +1,8 @@
 // The delivery of a message: its rewriting, the stream header, the output rate, the ready callback.
 //
-// The five receive paths are five functions of metadata_api.cpp that read top to bottom, because the order of their steps
-// is the behaviour. What they have in common are two steps, _RewriteOnPath and _Deliver, and one row of PathTexts per path
-// with what differs in them. Metadata thread; the message belongs to the caller.
+// The five receive paths are five functions of metadata_api.cpp that read top to bottom, because the order of their
+// steps is the behaviour. They share two steps, _RewriteOnPath and _Deliver, and each path has one row of PathTexts
+// with the differences in these steps. Metadata thread; the message belongs to the caller.
 #ifndef MD_DELIVERY_H
 #define MD_DELIVERY_H
 
@@ -12,18 +12,18 @@
 #include "md_source.h"
 #include "metadata_lib.h"
 
-// What differs between the paths: above all the texts that operators look for.
+// The differences between the paths, above all the texts that operators search the log for.
 struct PathTexts {
   int nSubstitutedLevel;          // dump of a rewritten message
   const char* szSubstituted;      // its title
-  const char* szNothingLeft;      // assertion if a tag filter leaves nothing of a message; NULL raises none
-  int nCompleteLevel;             // line before the delivery; kNoLine writes none
-  int nDumpLevel;                 // dump before the delivery; kNoLine writes none
+  const char* szNothingLeft;      // assertion if a tag filter leaves nothing of a message, or NULL
+  int nCompleteLevel;             // line before the delivery, or kNoLine
+  int nDumpLevel;                 // dump before the delivery, or kNoLine
   const char* szDump;             // its title
   bool bDumpHeader;               // it includes the stream header
   const char* szCallbackMissing;  // assertion if the source has no callback
   bool bSequenceIfTaken;          // the sequence number moves after the call, if the encoder took the buffer; otherwise
-                                  // before the call, whatever it answers
+                                  // before the call, regardless of its result
 };
 
 inline constexpr int kNoLine = -1;
@@ -48,7 +48,7 @@ inline constexpr PathTexts kKLVUDPTexts = {.nSubstitutedLevel = 7,
                                            .szCallbackMissing = "hSource->Config.pfnCallback != NULL",
                                            .bSequenceIfTaken = false};
 
-// KEPT: a refused packet leaves its sequence number to the next one.
+// KEPT: the packet after a refused one has the same sequence number.
 inline constexpr PathTexts kVideoTexts = {.nSubstitutedLevel = 6,
                                           .szSubstituted = "Substituted HD-SDI KLV Message",
                                           .szNothingLeft = nullptr,
@@ -80,32 +80,33 @@ inline constexpr PathTexts kCoTUDPTexts = {.nSubstitutedLevel = 6,
                                            .szCallbackMissing = "hSource->Config.pfnCallback != NULL",
                                            .bSequenceIfTaken = false};
 
-// What becomes of a message.
+// The outcome of rewriting a message.
 enum class Rewritten {
-  Unchanged,  // goes on as it is
-  Replaced,   // by a new buffer
+  Unchanged,  // the message continues as received
+  Replaced,   // a new buffer continues in its place
   Dropped     // nothing is left to send
 };
 
 extern time_t _tLastLog;  // short-KLV warning, one time for the whole library; metadata thread only
 
-// Whether the source inserts or filters anything.
+// Returns whether the source inserts or filters anything.
 bool _WantsRewriting(MDATA_SRC_HANDLE hSource);
 
-// Has a message rewritten if it is a whole UAS Local Set. Returns TRUE with the new buffer in *ppNewBuff, or with none if
-// nothing is left; *pnNewSize, unless pnNewSize is NULL, is its size. Returns FALSE if the message is to go on unchanged.
+// Rewrites a message if it is a whole UAS Local Set. Returns TRUE with the new buffer in *ppNewBuff, or NULL there if
+// nothing is left to send; *pnNewSize, unless pnNewSize is NULL, is its size. Returns FALSE if the message continues
+// unchanged.
 BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFFER** ppNewBuff, int* pnNewSize);
 
-// Rewrites a message where the source asks for it. A new buffer replaces what Buffer holds, which may be the message
-// itself; with Dropped it holds nothing. With Unchanged it is left as it is.
+// Rewrites a message if the source asks for it. A new buffer replaces the reference in Buffer, which may be the message
+// itself; with Dropped Buffer is empty afterwards, with Unchanged it is not changed.
 Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, BYTE* pcData, int nSize,
                          MdBufferRef& Buffer);
 
-// Gives the rate counter the running total, once per wall-clock second.
+// Feeds the running total to the rate counter, once per wall-clock second.
 void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 nRunningTotal, time_t tNow);
 
 // Writes the stream header, with this length, into the reserve in front of the message and calls the encoder. Returns
-// what it answers.
+// the encoder's result.
 BOOL _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, MDATA_BUFFER* pBuff, int nHeaderLength);
 
 #endif  // MD_DELIVERY_H

@@ -1,4 +1,4 @@
-// Scoped guards.
+// Guards that hold something for a scope.
 #ifndef MD_GUARD_H
 #define MD_GUARD_H
 
@@ -28,13 +28,13 @@ class MdBufferRef {
 
   MDATA_BUFFER* Get() const { return m_pBuffer; }
   MDATA_BUFFER* operator->() const { return m_pBuffer; }
-  // For functions that hand a buffer out; releases what was held.
+  // Where a function that returns a buffer stores it. Drops the reference that is held.
   MDATA_BUFFER** Out() {
     Reset();
     return &m_pBuffer;
   }
-  // Gives the reference to the caller.
-  MDATA_BUFFER* Take() {
+  // Gives up ownership: the caller has the reference.
+  MDATA_BUFFER* Release() {
     MDATA_BUFFER* pBuffer = m_pBuffer;
     m_pBuffer = nullptr;
     return pBuffer;

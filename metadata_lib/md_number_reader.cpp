@@ -1,4 +1,4 @@
-// Numbers in text. See the header for what is promised.
+// Numbers in text. See the header for the contract.
 //
 // Contents
 //   1. The "C" locale
@@ -15,7 +15,7 @@
 #include <bit>
 
 // =====================================================================================================
-// 1. The "C" locale, in which a number's point is a point. Without memory for it the thread's own locale is used.
+// 1. The "C" locale, in which the decimal point is ".". If it cannot be allocated, the thread's own locale is used.
 // =====================================================================================================
 
 static pthread_once_t _g_LocaleOnce = PTHREAD_ONCE_INIT;
@@ -61,7 +61,7 @@ class CLocaleScope {
 static_assert(std::endian::native == std::endian::little, "the first character is the lowest byte of a word");
 
 static constexpr uint64_t kEveryByte = 0x0101010101010101;
-// The last bytes of a word in memory, by how many.
+// Masks of the last bytes of a word in memory, by their number.
 static constexpr uint64_t kLastBytes[] = {0,           ~0ull << 56, ~0ull << 48, ~0ull << 40, ~0ull << 32,
                                           ~0ull << 24, ~0ull << 16, ~0ull << 8,  ~0ull};
 
@@ -71,28 +71,28 @@ static uint64_t _LoadWord(const char* text) {
   return word;
 }
 
-// Offset of the lowest byte with a bit set, 8 if there is none.
+// Returns the offset of the lowest byte with a bit set, 8 if there is none.
 static int _FirstByte(uint64_t marks) {
   return marks == 0 ? 8 : __builtin_ctzll(marks) / 8;
 }
 
-// Marks of the bytes that are zero; exact for the lowest one.
+// Marks the bytes that are zero; exact for the lowest one.
 static uint64_t _ZeroBytes(uint64_t word) {
   return (word - kEveryByte) & ~word & kEveryByte * 0x80;
 }
 
-// Marks of the bytes up to a space; exact for the lowest one.
+// Marks the bytes that are not above a space; exact for the lowest one.
 static uint64_t _BlankBytes(uint64_t word) {
   return (word - kEveryByte * (' ' + 1)) & ~word & kEveryByte * 0x80;
 }
 
-// Offset of the first byte up to a space in 16 bytes, 16 if there is none.
+// Returns the offset of the first of 16 bytes that is not above a space, 16 if there is none.
 static int _BlankOffset(uint64_t first, uint64_t second) {
   const uint64_t marks = _BlankBytes(first);
   return marks != 0 ? _FirstByte(marks) : 8 + _FirstByte(_BlankBytes(second));
 }
 
-// The number whose eight digits, 0 to 9 each, are the bytes of a word: pairs, then fours, then all eight.
+// Returns the number whose eight digits, 0 to 9 each, are the bytes of a word. Joins them to pairs, fours and eight.
 static uint64_t _Combine(uint64_t digits) {
   digits = (digits * 10 + (digits >> 8)) & 0x00FF00FF00FF00FF;
   digits = (digits * 100 + (digits >> 16)) & 0x0000FFFF0000FFFF;
@@ -100,11 +100,11 @@ static uint64_t _Combine(uint64_t digits) {
 }
 
 // =====================================================================================================
-// 3. Numbers in the usual form: a sign or none, digits, a point, digits, a blank
+// 3. Numbers in the usual form: an optional minus sign, digits, a point, digits, a blank
 // =====================================================================================================
 
-static constexpr int kLookAhead = 32;   // characters from a number's start that this division looks at, at most
-static constexpr int kMostDigits = 15;  // a number of so many is below 2^53
+static constexpr int kLookAhead = 32;   // characters from a number's start that the conversions may read
+static constexpr int kMostDigits = 15;  // such a number is below 2^53
 static constexpr double kNegativePowersOfTen[] = {1e0,  1e-1, 1e-2,  1e-3,  1e-4,  1e-5,  1e-6,  1e-7,
                                                   1e-8, 1e-9, 1e-10, 1e-11, 1e-12, 1e-13, 1e-14, 1e-15};
 static constexpr uint64_t kWholePowers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
@@ -134,9 +134,9 @@ static bool _Scale(uint64_t digits, unsigned places, uint32_t negative, float* v
   return true;
 }
 
-// Converts a number of up to six digits before the point and up to eight behind it, 'total' characters in all, of which
-// the first eight are given as a word too. Returns false for other text. Up to 8 bytes in front of it are looked at, and
-// masked out.
+// Converts a number of 'total' characters with up to six digits before the point and up to eight after it; 'first'
+// holds its first eight characters as a word. Returns false for other text. Reads up to 8 bytes in front of the number
+// and masks them out.
 static bool _Convert(const char* text, uint64_t first, int total, float* value) {
   constexpr uint64_t kAboveNine = kEveryByte * (0x80 - 10);
   const uint32_t negative = *text == '-';
@@ -151,7 +151,8 @@ static bool _Convert(const char* text, uint64_t first, int total, float* value) 
   return _Scale(_Combine(whole) * kWholePowers[places] + _Combine(fraction), places, negative, value);
 }
 
-// Converts digit by digit a number of up to 15 digits with a point or none. Returns what follows its blank, or NULL.
+// Converts a number of up to 15 digits, with or without a point, digit by digit. Returns the position after its blank,
+// or NULL.
 static const char* _ConvertPlain(const char* text, float* value) {
   const uint32_t negative = *text == '-';
   text += negative;
@@ -174,8 +175,8 @@ static const char* _ConvertPlain(const char* text, float* value) {
   return _Scale(digits, places, negative, value) ? text + 1 : nullptr;
 }
 
-// Reads numbers of the form above. Eight bytes are worked on at a time, and no branch depends on a digit or the sign.
-// Stops in front of the first other text, and where the block holds too little; returns how many numbers there were.
+// Reads numbers of the form above. It handles eight bytes at a time, and no branch depends on a digit or the sign.
+// Stops before the first other text, and when the block holds too little. Returns how many numbers it read.
 int MdNumberReader::ReadUsual(float* values, int most) {
   if (!m_seekable) return 0;
   if (m_end - m_next < kLookAhead && !m_fileEnded) Refill();
@@ -199,10 +200,10 @@ int MdNumberReader::ReadUsual(float* values, int most) {
 }
 
 // =====================================================================================================
-// 4. The file. What the block holds is given back before the C library scans.
+// 4. The file. Before the C library scans, the file is positioned back to the first unread character of the block.
 // =====================================================================================================
 
-// Numbers scanned in a row: enough to make up for the block that is read again behind them.
+// Numbers scanned in a row: enough that reading the block again after them does not cost much.
 static constexpr int kScanBatch = 64;
 
 MdNumberReader::MdNumberReader(FILE* file, char* memory)
@@ -219,7 +220,7 @@ void MdNumberReader::Refill() {
   m_end = m_block + kept + read;
 }
 
-// Puts the file where the next number starts.
+// Positions the file where the next number starts. Returns false if that fails.
 bool MdNumberReader::GiveBack() {
   const long ahead = static_cast<long>(m_end - m_next);
   m_next = m_end = m_block;
@@ -227,8 +228,8 @@ bool MdNumberReader::GiveBack() {
   return ahead == 0 || SeekBy(-ahead);
 }
 
-// What a scan takes from the beginnings of numbers ("-", ".", "0x") is its own affair. A scan that meets the end of the
-// file in the middle of a number finds no number and says nothing of the end: only the stream tells.
+// A scan may consume the beginning of a number ("-", ".", "0x") without finding one. If the file ends inside a number,
+// the scan's result is 0 instead of EOF: only the stream's end indicator reports the end.
 int MdNumberReader::Scan(float* values, int most) {
   const CLocaleScope cLocale;
   m_atEnd = !GiveBack();

@@ -9,7 +9,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
-// Like atof: text that is no number is 0.
+// Returns the number, as atof does: 0 for text that is not a number.
 double _TextToDouble(const char* text);
 
 // Reads the numbers of a file as a loop of "%f" scans would: those in the usual form quickly, from large blocks, and
@@ -17,7 +17,7 @@ double _TextToDouble(const char* text);
 class MdNumberReader {
  private:
   static constexpr size_t kBlockSize = 65536;
-  static constexpr size_t kMargin = 8;  // zeros in front of the block, which the fast way may look at
+  static constexpr size_t kMargin = 8;  // zeros in front of the block, which the fast conversion may read
 
  public:
   static constexpr size_t kMemorySize = kMargin + kBlockSize;
@@ -28,11 +28,11 @@ class MdNumberReader {
   MdNumberReader(const MdNumberReader&) = delete;
   MdNumberReader& operator=(const MdNumberReader&) = delete;
 
-  // Reads some numbers, at most 'most', and returns how many values they took. Text that is not a number takes a value
-  // too and leaves it as it is. What a scan cannot get past is not skipped, so that all further values are left as
-  // they are. Returns 0 only if the end was met before a number, or if nothing was asked for.
+  // Reads up to 'most' numbers. Returns how many values they filled. Text that is not a number counts as a value, which
+  // is not changed; a scan does not skip such text, so that no further value is changed either. Returns 0 only if the
+  // file ended before a number, or if 'most' is 0.
   int Read(float* values, int most);
-  // Whether a scan met the end of the file, in front of a number or inside one.
+  // Returns whether a scan reached the end of the file, before a number or inside one.
   bool IsAtEnd() const { return m_atEnd; }
 
  private:
@@ -44,10 +44,10 @@ class MdNumberReader {
 
   FILE* const m_file;
   char* const m_block;
-  const char* m_next;  // from here to m_end the block holds what is not read yet; the file stands behind it
+  const char* m_next;  // the block's unread text lies between here and m_end; the file's position is behind it
   const char* m_end;
-  const bool m_seekable;     // a file that is not (a pipe) is only scanned: nothing could be given back
-  bool m_fileEnded = false;  // the block holds all that is left
+  const bool m_seekable;     // any other file (a pipe) is only scanned, because it cannot be positioned back
+  bool m_fileEnded = false;  // the block holds the rest of the file
   bool m_atEnd = false;
 };
 

@@ -160,7 +160,7 @@ static bool _ConnectRelay(const RelaySetup& Relay) {
   return false;
 }
 
-// Makes a fresh socket ready to send. Returns false if the opening is to fail.
+// Sets up a new socket for sending. Returns false if the opening must fail.
 static bool _SetUpRelaySocket(const RelaySetup& Relay) {
   int iOn = 1;
   if (ioctl(Relay.iSocket, FIONBIO, &iOn) != 0) {
@@ -177,7 +177,7 @@ static bool _SetUpRelaySocket(const RelaySetup& Relay) {
   return _ConnectRelay(Relay);
 }
 
-// Creates one relay's socket and stores it in *piSocket once it is ready. Returns false if the opening is to fail.
+// Creates one relay's socket and stores it in *piSocket once it is ready. Returns false if the opening must fail.
 static bool _CreateRelayingSocket(RelaySetup Relay, int* piSocket) {
   const int iFamily = Relay.pCfg->iDestAddressFamily;
   if (iFamily != AF_INET && iFamily != AF_INET6) return true;
@@ -222,7 +222,7 @@ BOOL _CreateRelayingSockets(const MDATA_SRC_CFG* pCfg, int* piSockets, size_t nN
 // 2. Following TTL and TOS. Metadata thread.
 // =====================================================================================================
 
-// Notes a received value. Returns true if it differs from the one before; the first one always does.
+// Notes a received value. Returns true if it differs from the previous one, as the first one always does.
 static bool _NoteReceived(const BYTE* pcReceived, int& iCurrent, UINT64& nUpdates, UINT32& nUpTimeInSecs) {
   if (pcReceived == nullptr || *pcReceived == MdLoad(iCurrent)) return false;
   MdStore(iCurrent, *pcReceived);
@@ -232,7 +232,7 @@ static bool _NoteReceived(const BYTE* pcReceived, int& iCurrent, UINT64& nUpdate
   return true;
 }
 
-// A change that fails is tried again with the next change only.
+// A change that fails is retried only with the next change.
 static void _FollowTOS(MDATA_SRC_HANDLE pMDataSource, UINT32 i, int iTOS) {
   const MDATA_RELAY_CFG& Relay = pMDataSource->Config.Relays[i];
   RELAYER* pRelayer = &pMDataSource->Relayers[i];
@@ -318,8 +318,8 @@ static bool _SendToRelay(MDATA_SRC_HANDLE pMDataSource, UINT32 i, const void* pv
 
 BOOL _RelayMetaData(MDATA_SRC_HANDLE pMDataSource, const void* pvBuffer, size_t nSize, const BYTE* pcTOS,
                     const BYTE* pcTTL) {
-  // A message that comes while the source still opens is not relayed. It must not take the change of TTL and TOS with
-  // it either: sockets that follow would keep the system's values until the sender changes its own again.
+  // A message that arrives before the source is open is not relayed. Its TTL and TOS must not count as seen either:
+  // sockets that follow would then keep the system's values until the sender changes its own again.
   if (!MdLoadAcquire(pMDataSource->bRelaysReady)) return FALSE;
   MD_LOG(7, "Called for %d relays.\n", pMDataSource->Config.nNumOfRelays);
   const bool bTOSChanged = _NoteReceived(pcTOS, pMDataSource->SourceTOS, pMDataSource->nSourceTOSUpdates,

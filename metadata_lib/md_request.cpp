@@ -68,7 +68,7 @@ bool _WaitForRequest(int32_t& nRequest, DWORD nLimitMs) {
   }
   const int iError = errno;
   if (!_ChangeRequest(nRequest, REQUEST_PENDING, REQUEST_ABANDONED)) {
-    MdAddFetch(_g_nStrayPosts, 1);  // carried out at the last moment: its post stays behind
+    MdAddFetch(_g_nStrayPosts, 1);  // carried out at the last moment: its post is left over
     return true;
   }
   errno = iError;

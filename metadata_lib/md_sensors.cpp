@@ -44,7 +44,7 @@ void _NoteSensor(SensorTable& sensors, const char* uid) {
     MD_LOG(7, "Storing entry for \"%s\" at free offset %d.\n", uid, freeIndex);
     return;
   }
-  // KEPT: the oldest age, 0 to 10, serves as the index of the entry that gives way.
+  // KEPT: the oldest age, 0 to 10, serves as the index of the entry that is replaced.
   _StoreSensor(&sensors[oldestAge], uid);
   MD_LOG(7, "Storing entry for \"%s\" at oldest offset %d.\n", uid, oldestAge);
 }

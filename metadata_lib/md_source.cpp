@@ -6,7 +6,7 @@
 #include <sys/stat.h>
 
 // =====================================================================================================
-// The record. Opener and closer; a record that is being made or freed is theirs alone.
+// The record. Opener and closer; nobody else uses a record that is being made or freed.
 // =====================================================================================================
 
 BOOL _AllocKLVInserts(MDATA_SRC_HANDLE pHandle) {
@@ -62,7 +62,7 @@ void _FreeSource(MDATA_SRC_HANDLE pHandle) {
 // Capture files
 // =====================================================================================================
 
-// Whether an open file is a regular one of ours that has no second name.
+// Returns whether an open file is a regular one that belongs to this user and has no second name.
 static bool _IsOurOwnFile(int iFD) {
   struct stat Info = {};
   return fstat(iFD, &Info) == 0 && S_ISREG(Info.st_mode) && Info.st_uid == geteuid() && Info.st_nlink == 1;

@@ -1,8 +1,8 @@
 // The record of a metadata source, and the small helpers that everything around it needs: texts of errors and senders,
 // descriptors, capture files, pauses.
 //
-// This header knows nothing of the engine that opens, serves and closes sources; the modules that work on one source
-// include it without reaching up into the engine.
+// This header does not depend on the engine that opens, serves and closes sources, so the modules that work on one
+// source need not include the engine's header.
 #ifndef MD_SOURCE_H
 #define MD_SOURCE_H
 
@@ -19,9 +19,9 @@
 
 // --- Constants ---------------------------------------------------------------------------------------
 
-inline constexpr int kRxBufferSize = 1500;    // of one datagram; a longer one is cut
+inline constexpr int kRxBufferSize = 1500;    // of one datagram; a longer one is truncated
 inline constexpr UINT64 kNoPTS = ~UINT64{0};  // no timestamp yet
-inline constexpr int kLogHoldOffSecs = 4;     // repeated failures: a log line when more than this has passed
+inline constexpr int kLogHoldOffSecs = 4;     // a repeated failure is logged if more than this has passed
 
 // --- The source record -------------------------------------------------------------------------------
 
@@ -31,11 +31,11 @@ typedef int (*MDATA_DATA_RX_HANDLER)(void* pvDecodeCtxt, const BYTE* pcData, int
 typedef void (*MDATA_RESET_STATS_HANDLER)(void* pvDecodeCtxt);
 typedef void (*MDATA_SET_STATS_HANDLER)(void* pvDecodeCtxt, const MDATA_SRC_STATS* pStats);
 
-// One relay destination. Written on the metadata thread; counters are read and written whole by the statistics
-// calls; the socket is stored once by the opener while the thread may already be sending.
+// One relay destination. The metadata thread writes it; the statistics calls read and write the counters atomically,
+// and the opener stores the socket once, while the thread may already be sending.
 typedef struct tagRELAYER {
-  int iRelaySocket;             // connected datagram socket, -1 when none; atomic
-  ULONG nRelayedBytes;          // bytes sent whole; atomic
+  int iRelaySocket;             // connected datagram socket, or -1; atomic
+  ULONG nRelayedBytes;          // bytes of messages sent whole; atomic
   ULONG nRelayedMessages;       // messages sent whole; atomic
   ULONG nRelayErrors;           // failed or short sends; atomic
   int iLastRelayError;          // errno of the last failed send; atomic
@@ -58,7 +58,7 @@ enum tagREQUEST_STATE : int32_t {
   REQUEST_NONE = 0,
   REQUEST_PENDING = 1,   // sent, or about to be
   REQUEST_DONE = 2,      // carried out by the thread
-  REQUEST_ABANDONED = 3  // the caller gave up waiting, the message is still queued; the thread finishes what is left
+  REQUEST_ABANDONED = 3  // the caller gave up waiting; the thread finishes the request when it reaches the message
 };
 
 // The record behind HMDATASRC. Owned by the library from open to close. After the hand-over to the metadata
@@ -66,8 +66,8 @@ enum tagREQUEST_STATE : int32_t {
 struct tagMDATA_SRC_HANDLE {
   DWORD dwSignature;                       // "HMDT" in memory order
   FNODE_D DNode;                           // links into g_MetaDataSrcList
-  int iFD;                                 // serial descriptor or IPv4 socket, -1 when none
-  int iFDv6;                               // IPv6 socket, -1 when none
+  int iFD;                                 // serial descriptor or IPv4 socket, or -1
+  int iFDv6;                               // IPv6 socket, or -1
   FILE* CaptureFP;                         // raw capture file, or NULL
   MDATA_SRC_CFG Config;                    // read-only after the open; strings terminated
   MDATA_DATA_RX_HANDLER pfnDataRxHandler;  // serial sources; NULL drops what is read
@@ -110,14 +110,14 @@ struct tagMDATA_SRC_HANDLE {
   MDATA_SRC_HANDLE pNextSweep;  // next close that no message names; under _g_SrcListLock
 };
 
-// Allocates a zero-filled record with its own copy of the configuration, in which every text ends, with the elements to
-// insert and the rate counter; everything else of the source is built from that copy. Returns NULL if out of memory.
-// Opener.
+// Allocates a zero-filled record with its own copy of the configuration, in which every text is terminated, the
+// elements to insert and the rate counter. Everything else of the source is built from that copy. Returns NULL if out
+// of memory. Opener.
 MDATA_SRC_HANDLE _AllocSource(const MDATA_SRC_CFG* pCfg);
-// Frees what _AllocSource made.
+// Frees a record of _AllocSource.
 void _FreeSource(MDATA_SRC_HANDLE pHandle);
 // Builds the elements that the configuration asks to insert. Returns FALSE if one of them cannot be built; the source
-// then has none.
+// then inserts none.
 BOOL _AllocKLVInserts(MDATA_SRC_HANDLE pHandle);
 
 // --- Texts, for one log call -------------------------------------------------------------------------
@@ -146,9 +146,9 @@ inline void _CloseDescriptor(int& iFD) {
   iFD = -1;
 }
 
-// Opens a capture file for writing, empty and readable only by us. Returns NULL on failure. Anybody may plant a name
-// under /tmp: a link is not followed, a pipe or device neither blocks nor is written to, and a file that belongs to
-// somebody else or has a second name is left as it is.
+// Opens a capture file for writing, empty and with access for its owner only. Returns NULL on failure. Anybody may
+// create names under /tmp: a link is not followed, a pipe or device neither blocks nor is written to, and a file that
+// belongs to another user or has a second name is not changed.
 FILE* _OpenCaptureFile(const char* szPath);
 
 // Closes a file unless it is NULL, and sets it to NULL.

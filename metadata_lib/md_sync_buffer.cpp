@@ -1,4 +1,4 @@
-// The bytes that a stream decoder holds. See the header for who owns them.
+// The bytes that a stream decoder holds. See the header for their owner.
 //
 // Contents
 //   1. Holding bytes

@@ -2,15 +2,15 @@
 //
 // Both stream decoders, of KLV and of the serial CoT link, hold their bytes in one of these and have one shape:
 //
-//   Slice     a piece of a chunk that fits behind what is held, on its way through the decoder
-//   state     what the decoder waits for between two slices; kept in its context
-//   Step      what it does next within a slice
+//   Slice     a piece of a chunk that fits behind the held bytes, while the decoder processes it
+//   state     the event that the decoder waits for between two slices; kept in its context
+//   Step      the next action within a slice
 //   _Enter    stores a slice as the state demands and returns the first step
 //   _Run      carries out one step and returns the next one
 //   _Wait     notes the state and ends the slice
 //
-// Dropping bytes only moves the position of the first held byte; the bytes themselves move when that is cheap or when
-// the room behind them is needed, so that a buffer full of nested sync patterns costs few moves.
+// Dropping bytes only changes the position of the first held byte. The bytes themselves are moved when that is cheap or
+// when the room behind them is needed, so that a buffer full of nested sync patterns costs few moves.
 //
 // The metadata thread only, which owns the decoder's context and the memory.
 #ifndef MD_SYNC_BUFFER_H
@@ -34,14 +34,14 @@ class MdSyncBuffer {
   MdSyncBuffer(const MdSyncBuffer&) = delete;
   MdSyncBuffer& operator=(const MdSyncBuffer&) = delete;
 
-  // First held byte; valid until the bytes are moved or appended to.
+  // Returns the first held byte; valid until the bytes are moved or appended to.
   BYTE* Front() const { return m_base + m_start; }
-  // Held bytes.
+  // Returns the number of held bytes.
   int Stored() const { return m_stored; }
 
-  // Holds these bytes behind those already held. The caller has made sure that the capacity is not exceeded.
+  // Adds these bytes behind the held ones. The caller ensures that the capacity is not exceeded.
   void Append(const BYTE* data, int size);
-  // Holds these bytes, from the start of the memory on, instead of those held.
+  // Replaces the held bytes by these, stored from the start of the memory on.
   void Restart(const BYTE* data, int size);
   // Discards the first held bytes.
   void Drop(int size) {
@@ -51,19 +51,19 @@ class MdSyncBuffer {
   // Discards all held bytes.
   void Clear() { m_stored = 0; }
 
-  // Scans new data for the pattern and, if it or its beginning is there, restarts with it. Returns how many bytes of
-  // the pattern matched, as ScanForPattern does; with 0 the held bytes stay as they are.
+  // Scans new data for the pattern and, if it or a prefix of it is found, restarts with it. Returns how many bytes of
+  // the pattern matched, as ScanForPattern does; with 0 the held bytes are not changed.
   int ScanChunk(const BYTE* data, int size, const MdSyncPattern& pattern);
-  // Scans the held bytes for the pattern and drops what stands before it, everything if it is not there. Returns how
-  // many bytes of it matched; *offset, only set if any did, is how many bytes were dropped.
+  // Scans the held bytes for the pattern and drops the bytes before it, or all if it is not found. Returns how many
+  // bytes of it matched; *offset, only set if any did, is how many bytes were dropped.
   int Rescan(const MdSyncPattern& pattern, int* offset);
-  // Compares new data with the rest of the pattern, of which the held bytes are the beginning; *compared is how many
-  // bytes could be compared.
+  // Compares new data with the rest of the pattern, of which the held bytes are a prefix; *compared is how many bytes
+  // could be compared.
   bool ContinuesPattern(const BYTE* data, int size, const MdSyncPattern& pattern, int* compared) const;
 
   // Moves the held bytes to the start of the memory.
   void MoveToStart();
-  // The same if it copies no more bytes than were dropped since the last move, or at most 'always' bytes.
+  // Does the same if it copies no more bytes than were dropped since the last move, or at most 'always' bytes.
   void Compact(int always) {
     if (m_stored <= m_start || m_stored <= always) MoveToStart();
   }

@@ -20,8 +20,8 @@
 #define MD_MODULE "metadata_api"
 #include "md_log.h"
 
-// The last senders of all sources: written by the metadata thread and when statistics are restored, read for statistics.
-// A leaf lock: nothing else is taken while it is held, and no line is logged.
+// Guards the last senders of all sources: the metadata thread and restored statistics write them, the statistics calls
+// read them. A leaf lock: no other lock is taken and no line is logged while it is held.
 static pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr BYTE _acAnyAddress[16] = {};  // the IPv6 "any" address
@@ -146,7 +146,7 @@ static bool _SwitchOn(int iFD, int iOption) {
   return setsockopt(iFD, IPPROTO_IP, iOption, &cOn, sizeof(cOn)) == 0;
 }
 
-// KEPT: the IPv4 socket only; IPv6 reports what the host's socket was made for.
+// KEPT: only the IPv4 socket is switched; the IPv6 socket reports the values that the host enabled when it made it.
 BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE pHandle) {
   BOOL bRetCode = TRUE;
   const int iFD = pHandle->iFD;
@@ -192,7 +192,7 @@ static bool _AcceptsIPv6(const BYTE* pcConfigured, const void* pvSender) {
   return memcmp(pcConfigured, _acAnyAddress, 16) == 0 || memcmp(pcConfigured, pvSender, 16) == 0;
 }
 
-// KEPT: the configured address is compared with family 0 too.
+// KEPT: the configured address is compared even if the configured family is 0.
 BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr) {
   const int iConfigured = hSource->Config.in.Network.iSrcAddressFamily;
   const BYTE* pcConfigured = hSource->Config.in.Network.acSrcAddress;

@@ -23,7 +23,7 @@ void _ReplaceXMLOutFile(FILE* pFile) {
   g_XMLOutFP = pFile;
 }
 
-// The file's error flag tells whether a failure has been reported: one line per file, not per event.
+// The file's error flag shows whether a failure was already reported: one line per file, not per event.
 static bool _IsNewWriteError(FILE* fp, int nErrorBefore) {
   return nErrorBefore == 0 && ferror(fp) != 0;
 }
@@ -63,7 +63,7 @@ void _LogLostXMLEvent(ULONG nCorrupted) {
     const int nErrorBefore = ferror(g_XMLOutFP);
     fprintf(g_XMLOutFP, "\nLOST XML Event #%lu\n", nCorrupted);
     iErrno = errno;
-    // KEPT: a lost event takes a number, so the event after it has the next number but one.
+    // KEPT: a lost event has a number too, so the next event's number is two higher than the last one's.
     MdAddFetch(g_nXMLEventCount, 1);
     failed = _IsNewWriteError(g_XMLOutFP, nErrorBefore);
   }

@@ -1254,7 +1254,7 @@ static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* pcXML, int nSize, MdB
   if (hSource->hConverter == nullptr) return false;
   *pnLength = ConvertCoT2KLV(hSource->hConverter, pcXML, nSize, Packet.Out());
   if (*pnLength > 0 && Packet.Get() != nullptr) return true;
-  if (Packet.Get() != nullptr) ReleaseConvertedData(Packet.Take());
+  if (Packet.Get() != nullptr) ReleaseConvertedData(Packet.Release());
   return false;
 }
 
@@ -1313,7 +1313,7 @@ void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
   MD_ASSERT_TEXT(nConvertedLength < kMaxConvertedLength, "nConvertedLength < 16000");  // KEPT: on this path only
   _FeedOutputRate(pHandle, MdLoad(pHandle->nCoTConvertedKLVBytes), tNow);
   _Deliver(pHandle, kCoTSerialTexts, Packet.Get(), nConvertedLength);
-  ReleaseConvertedData(Packet.Take());
+  ReleaseConvertedData(Packet.Release());
 }
 
 // =====================================================================================================

@@ -330,6 +330,6 @@ BOOL ProcessUASDataLinkLocalSet(HMDATASRC hSource, BYTE* pcKLVHeader, int nUAVSi
   }
   _FinishMessage(buffer.Get(), pcKLVHeader, walk.out.size);
   if (pnNewSize != nullptr) *pnNewSize = buffer->nDataSize;
-  *ppNewBuff = buffer.Take();
+  *ppNewBuff = buffer.Release();
   return TRUE;
 }
