@@ -40,7 +40,7 @@ static float _ToFloat(double value) {
   return static_cast<float>(value);
 }
 
-// Returns false for NaN too.
+// Returns whether the value lies in the range; a NaN does not.
 static bool _InRange(double value, double low, double high) {
   return value >= low && value <= high;
 }
@@ -76,7 +76,7 @@ const BYTE klvLDS16BytesKeySet[kCvtKeySize] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0
 
 BOOL _g_bAllItemsSupport = TRUE;
 
-// Tags of the local set that the packet's own layout knows.
+// Tags of the local set that have a fixed place in the packet.
 static constexpr uint8_t kTagChecksum = 1;
 static constexpr uint8_t kTagTimeStamp = 2;
 
@@ -104,12 +104,12 @@ CVT_COTKLV_STATUS cvt_initXmlMsg(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* m
   memcpy(message->pKlvPacket, klvLDS16BytesKeySet, kCvtKeySize);
   message->curKlvLen = kCvtFirstItemOffset;
   message->pNext = nullptr;
-  // KEPT: only with the option; angles of an older pair must not meet this one.
+  // KEPT: only with the option; angles of an older pair must not be combined with this one's.
   if (_g_bAllItemsSupport) cvt_resetVariables(instance);
   return CVT_COTKLV_STATUS_OK;
 }
 
-// KEPT: only the current length is checked, not the item's; kCvtPacketSize has the room. Tags may repeat.
+// KEPT: only the current length is checked, not the item's, for which kCvtPacketSize has room. Tags may repeat.
 CVT_COTKLV_STATUS cvt_addKlvItem(const cvtKlvItem* klvItem, cvtXmlMsg* message) {
   if (klvItem == nullptr || message->pKlvPacket == nullptr) {
     MD_LOG(3, "invalid input !\n");
@@ -143,14 +143,14 @@ static void _StoreChecksum(BYTE* packet, int packetLength) {
   memcpy(packet + packetLength - 2, &checksum, sizeof(checksum));
 }
 
-// Closes a packet whose length needs the long form: it is copied to a second buffer, behind a longer length field.
+// Closes a packet whose length needs the long form: copies it to a second buffer, behind a longer length field.
 static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* instance, const cvtXmlMsg* message, int length,
                             MDATA_BUFFER** ppBuffer) {
   MdBufferRef buffer;
   if (!DoAllocBuffer(kCvtLongBufferSize, buffer.Out())) {
     MD_LOG(0, "malloc() failed !\n");
     cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
-    return CVT_COTKLV_STATUS_MALLOC_FAIL;  // KEPT: not -1; callers look at the buffer
+    return CVT_COTKLV_STATUS_MALLOC_FAIL;  // KEPT: not -1; callers test the buffer
   }
   buffer->pcData += kCvtHeadroom;
   BYTE* packet = buffer->pcData;
@@ -175,8 +175,8 @@ static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* instance, const cvtXmlMsg* 
   return packetLength;
 }
 
-// Closes the packet and hands it to the caller, who looks at the buffer to see whether there is one. Nothing is pending
-// afterwards. Returns the size of the packet.
+// Closes the packet and passes it to the caller, who tests the buffer. No message is pending afterwards. Returns the
+// size of the packet.
 static int _ClosePacket(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message, MDATA_BUFFER** ppBuffer) {
   BYTE* packet = message->pKlvPacket;
   packet[message->curKlvLen] = kTagChecksum;
@@ -202,7 +202,7 @@ static int _ClosePacket(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message, M
 }
 
 // =====================================================================================================
-// 3. Geoid grid: EGM96, 15 minutes. Loaded and freed on the encoder's thread that starts and stops the library; the
+// 3. Geoid grid: EGM96, 15 minutes. The encoder's thread that starts and stops the library loads and frees it; the
 //    metadata thread reads it in between.
 // =====================================================================================================
 
@@ -219,7 +219,7 @@ static void _ReadAllItemsOption() {
     MD_LOG(6, "Support of additionnal CoT items disabled.\n");
 }
 
-// Tells the host's thread watchdog that this thread is reading and does not hang.
+// Reports to the host's thread watchdog that this thread is reading and does not hang.
 static void _ReportProgress(UINT percent) {
   __SetThreadPausedState(FALSE);
   __SetThreadIterations(percent);
@@ -232,7 +232,7 @@ static int _ReadGrid(FILE* fp, float* grid, char* memory) {
   UINT percent = 0;
   int nextReport = (kGridValues + 99) / 100;
   for (int count = 0; count < kGridValues;) {
-    // KEPT: nothing is skipped, and text that is not a number goes unnoticed: its values stay 0.
+    // KEPT: text that is not a number is neither skipped nor reported: its values stay 0.
     count += reader.Read(&grid[count], nextReport - count);
     if (reader.IsAtEnd()) return count;
     if (count < nextReport) continue;
@@ -327,16 +327,17 @@ static constexpr double kNotRead = -100000.0;
 
 namespace {
 
-// What becomes of a value outside the range of its item.
+// Treatment of a value outside the range of its item.
 enum class Outside {
   kSkip,   // no item
   kMarker  // an item that holds the smallest signed number, which MISB ST 0601 gives to values out of range
 };
 
-// How a number becomes an item: accepted from low to high, the item holds round((value + before) * scale).
+// Conversion of a number to an item: a value from low to high is accepted, and the item holds
+// round((value + before) * scale).
 struct NumberItem {
   int32_t tag;
-  int bytes;  // of the item's value: 1, 2 or 4
+  int bytes;  // size of the item's value: 1, 2 or 4
   double low;
   double high;
   double before;
@@ -354,7 +355,8 @@ static constexpr NumberItem kAirTrackItems[] = {
     {cotToKlv_airTrackTable[AIR_TRACK_COURSE].klvKey, 2, 0, 360, 0, 182.04166667, Outside::kSkip},  // 65535/360
     {cotToKlv_airTrackTable[AIR_TRACK_SPEED].klvKey, 1, 0, kLargestSpeed, 0, 1, Outside::kSkip},
 };
-// KEPT: angles up to 90 degrees either way are accepted, more than the items can hold; the excess wraps in 16 bits.
+// KEPT: angles up to 90 degrees in both directions are accepted, more than the items can hold; the excess wraps in 16
+// bits.
 static constexpr NumberItem kAirAttitudeItems[] = {
     {cotToKlv_airAttitudeTable[AIR_ATTITUDE_PITCH].klvKey, 2, -90, 90, 0, 1638.35, Outside::kMarker},  // 32767/20
     {cotToKlv_airAttitudeTable[AIR_ATTITUDE_ROLL].klvKey, 2, -90, 90, 0, 655.34, Outside::kMarker},    // 32767/50
@@ -368,17 +370,17 @@ static constexpr NumberItem _LongitudeItem(int32_t tag) {
   return {tag, 4, -180, 180, 0, 11930464.70555556, Outside::kMarker};  // 4294967294/360
 }
 
-// Of a height above mean sea level in metres.
+// Item of a height above mean sea level in metres.
 static constexpr NumberItem _AltitudeItem(int32_t tag) {
   return {tag, 2, -900, 19000, 900, 3.2932161, Outside::kSkip};  // 65535/19900
 }
 
-// Of an error bound in metres.
+// Item of an error bound in metres.
 static constexpr NumberItem _ErrorItem(int32_t tag) {
   return {tag, 2, 0, 4095, 0, 16, Outside::kSkip};
 }
 
-// Of an angle in degrees.
+// Item of an angle in degrees.
 static constexpr NumberItem _FieldOfViewItem(int32_t tag) {
   return {tag, 2, 0, 180, 0, 364.08333333, Outside::kSkip};  // 65535/180
 }
@@ -400,7 +402,7 @@ static constexpr NumberItem kVerticalFieldOfView = _FieldOfViewItem(cotToKlv_spi
 static constexpr NumberItem kSlantRange = {  // 4294967295/5000000, in metres
     cotToKlv_spiSensorTable[SPI_SENSOR_RANGE].klvKey, 4, 0, 5000000, 0, 858.993495, Outside::kSkip};
 
-// One-sigma errors become bounds that hold for 90 percent.
+// Factors from a one-sigma error to the bound that holds in 90 percent of all cases.
 static constexpr double kSigmaToLE90 = 1.6448538;
 static constexpr double kSigmaToCE90 = 2.145966025;
 
@@ -460,7 +462,7 @@ static void _AddInteger(Conversion& conversion, const NumberItem& item, int64_t 
   _AddItem(conversion, item.tag, item.bytes);
 }
 
-// The item's integer for a value in its range. Only rounding can make the product exceed 32 bits.
+// Returns the item's integer for a value in its range. Only rounding can make the product exceed 32 bits.
 static int64_t _Scale(const NumberItem& item, double value) {
   const int64_t scaled = _Round((value + item.before) * item.scale);
   return scaled > int64_t{UINT32_MAX} ? int64_t{UINT32_MAX} : scaled;
@@ -503,7 +505,7 @@ static int _AddAirEventItem(Conversion& conversion, const cvtCotField& field, bo
   const CotText text(field.valueStr);
   if (field.mapId == AIR_EVENT_START) {
     if (cvt_getUSecsFromTimeStr(text.Get(), &conversion.item.value.ubyte8) != 0)
-      MD_LOG(3, "failed to get uSecs for start %s", text.Get());  // KEPT: added all the same
+      MD_LOG(3, "failed to get uSecs for start %s", text.Get());  // KEPT: the item is added nevertheless
     _AddEventItem(conversion, key, 8);
   } else if (field.mapId == AIR_EVENT_UID) {
     MD_LOG(7, "aircraft uid=\"%s\"", text.Get());
@@ -530,7 +532,7 @@ static int _AddAirEvent(Conversion& conversion) {
   return 0;
 }
 
-// Reads an attribute that is a number. Returns false, with a line in the log, if it is missing.
+// Reads an attribute that is a number. Logs it and returns false if it is missing.
 static bool _FindAirNumber(const CotSlice& slice, const cvtCotField& row, double* value) {
   cvtCotField field;
   if (!_FindField(slice, row, &field)) {
@@ -606,7 +608,7 @@ static int _UndulationAt(const Conversion& conversion, float* undulation) {
   return calcul_undulation(static_cast<float>(conversion.lat), static_cast<float>(lon), undulation);
 }
 
-// Height above mean sea level in metres.
+// Returns the height above mean sea level in metres.
 static double _Height(const Conversion& conversion, float undulation) {
   return conversion.hae - static_cast<double>(undulation);
 }
@@ -665,7 +667,7 @@ static void _LogSpiOutOfRange(int key) {
   MD_LOG(3, "out of range value detected for key=%d, value=(PROTECTED)\n", key);
 }
 
-// KEPT: the horizontal error's message speaks of LE as well.
+// KEPT: the horizontal error's message names LE as well.
 static void _AddErrorEstimate(Conversion& conversion, const NumberItem& item, const char* text, double value) {
   if (_AddNumber(conversion, item, value)) return;
   MD_LOG(3, "SPI_POINT_LE value of %s (%f) is out of 0 to 4095 range.\n", text, value);
@@ -807,7 +809,7 @@ int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* instance, const char* pvInputData
   return 0;
 }
 
-// Appends straight to the packet, whatever its length: kCvtPacketSize has room for all three angles.
+// Appends to the packet without checking its length: kCvtPacketSize has room for all three angles.
 static void _AppendAngle(cvtXmlMsg* message, int key, uint32_t value) {
   BYTE* out = message->pKlvPacket + message->curKlvLen;
   const uint32_t swapped = SWAP32(value);
@@ -821,7 +823,8 @@ static constexpr double kScaleRelativeAngle = 11930464.70833333;      // 4294967
 static constexpr double kScaleRelativeElevation = 11930464.70555556;  // 4294967294/360
 static constexpr uint32_t kElevationOutOfRange = 0x80000000;
 
-// Returns false if the difference of two angles is 361 degrees or more, or NaN. KEPT: it loses its sign and its fraction.
+// Stores the item's integer for the difference of two angles. Returns false if that is 361 degrees or more, or NaN.
+// KEPT: the difference loses its sign and its fraction.
 static bool _WholeDegrees(float sensor, float aircraft, uint32_t* value) {
   const float difference = sensor - aircraft;
   const float absolute = difference < 0 ? -difference : difference;
@@ -933,7 +936,7 @@ static void _AppendToList(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message)
   *end = message;
 }
 
-// Replaces whatever is pending by a new message. Returns NULL if out of memory.
+// Replaces all pending messages by a new one. Returns NULL if out of memory.
 static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* instance, const cvtCotField& time) {
   cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
   MD_LOG(7, "allocating a new msg since none found with time=\"%s\" !\n", CotText(time.valueStr).Get());
@@ -956,8 +959,8 @@ static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* instance, const cvtCotF
 // 7. Conversion of an event. Metadata thread.
 // =====================================================================================================
 
-// Makes a terminated copy of the input: a datagram has no terminator, and the rest of an older one must not complete it.
-// Returns false if out of memory.
+// Makes a terminated copy of the input: a datagram has no terminator, and the rest of an older one must not complete
+// it. Returns false if out of memory.
 static bool _CopyEvent(CONVERTER_INSTANCE_DATA* instance, const BYTE* pvInputData, int nInDataSize) {
   if (nInDataSize >= instance->nEventCapacity) {
     free(instance->szEvent);
@@ -1040,7 +1043,7 @@ static bool _FindTime(const CotSlice& event, cvtCotField* time) {
     return false;
   }
   if (!_LookUp(tag, "time", time)) {
-    MD_LOG(3, "not found type field !\n");  // KEPT: says type for time
+    MD_LOG(3, "not found type field !\n");  // KEPT: the text names the type instead of the time
     return false;
   }
   MD_LOG(7, "matchStr, time=\"%s\" !\n", CotText(time->valueStr).Get());
@@ -1124,7 +1127,7 @@ void ReleaseConvertedData(MDATA_BUFFER* pBuffer) {
 
 // =====================================================================================================
 // 8. Instances and statistics. Opened and closed with their source; the statistics calls come from the encoder's
-//     threads under the API lock, while the metadata thread converts.
+//    threads under the API lock, while the metadata thread converts.
 // =====================================================================================================
 
 BOOL AllocCoT2KLVConvert(HCONVERTER* phConvInstance, int32_t nMaxSPIAirCraftTimeDeltaInUS, const char* szSpiUid,
@@ -1161,7 +1164,7 @@ void AgeCoT2KLVSensors(HCONVERTER hConv) {
   _AgeSensors(hConv->KnownSensors);
 }
 
-// Does not touch the two counters of packets, which belong to the caller.
+// Does not change the two counters of packets, which belong to the caller.
 void GetCoT2KLVConvertStats(HCONVERTER hConv, MDATA_COT_STATS* pStats) {
   pStats->nRxSPIMessages = MdLoad(hConv->Stats.nRxSPIMessages);
   pStats->nRxAirCraftMessages = MdLoad(hConv->Stats.nRxAirCraftMessages);

@@ -103,7 +103,7 @@ inline constexpr cvtCotToKlv cotToKlv_spiSensorTable[] = {
     {6, "range", 1, 21, 4, 1},      // Slant Range
 };
 
-// Whether every attribute names its own row, and the item in that row is the one made from it.
+// Returns whether every attribute names its own row, and the item in that row is the one made from it.
 template <size_t attributes, size_t items>
 constexpr bool MappingAgrees(const cvtCotField (&fields)[attributes], const cvtCotToKlv (&mapping)[items]) {
   if (attributes != items) return false;
@@ -135,7 +135,7 @@ static_assert(MappingAgrees(cot_spiSensorTable, cotToKlv_spiSensorTable));
 //       17   10 Precision Time Stamp: 02 08 and 8 bytes, reserved
 //       27      other items: tag, length, value
 //      end    4 checksum: 01 02 and 2 bytes
-inline constexpr int kCvtHeadroom = 5;  // in front of the key, for the encoder's stream header
+inline constexpr int kCvtHeadroom = 5;  // in front of the key, for the stream header
 inline constexpr int kCvtKeySize = 16;
 inline constexpr int kCvtTimeStampOffset = 17;
 inline constexpr int kCvtFirstItemOffset = 27;
@@ -183,8 +183,8 @@ struct cvtKlvItem {
 inline constexpr float kCvtAngleNotSet = -100000.0f;
 inline constexpr float kCvtAngleOutOfRange = 32768.0f;  // pitch and roll
 
-// One per CoT source, behind HCONVERTER. Only the metadata thread uses it, with two exceptions for the statistics calls:
-// the counters of Stats are atomic, and KnownSensors is copied by md_sensors.
+// One per CoT source, behind HCONVERTER. Only the metadata thread uses it, with two exceptions for the statistics
+// calls: the counters of Stats are atomic, and md_sensors copies KnownSensors.
 struct tagCONVERTER_INSTANCE_DATA {
   int32_t nMaxSPIAirCraftTimeDeltaInUS;  // microseconds, inclusive; negative if configured above 2147483 ms
   cvtXmlMsg* pMsgListHeader;             // at most one message
@@ -212,8 +212,8 @@ inline constexpr char kGridPath[] = "/usr/share/vendor/data/ww15mgh.grd";
 // Metres above the ellipsoid, row after row; NULL while not loaded. Read-only after start.
 extern float* _g_pGrid;
 
-// Stores the height of the geoid at inLat (-90 to 90) and inLon (0 to 360) degrees. Returns 0, or -1 outside these ranges
-// or if no grid is loaded.
+// Stores the height of the geoid at inLat (-90 to 90) and inLon (0 to 360) degrees. Returns 0, or -1 outside these
+// ranges or if no grid is loaded.
 int calcul_undulation(float inLat, float inLon, float* undulation);
 
 // --- Packet steps ------------------------------------------------------------------------------------

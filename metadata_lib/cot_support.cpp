@@ -75,7 +75,7 @@ COT_STATS* COT_GetStatsPtr(void* pvCtxt) {
 // ======================================================================================================
 // Length selection
 // ======================================================================================================
-// Called by the frame decoder with a complete header. Stateless.
+// Called by the frame decoder with a complete header. No state.
 
 WORD _CalcLengthCheck(WORD wLength) {
   const WORD wCheck = static_cast<WORD>((0x10000u - wLength) * 2u);
@@ -108,7 +108,7 @@ BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* pHeader, int* pnLength) {
   MD_LOG(4, "LV2=0x%04x, CRC2=0x%04x, LV3=0x%04x, CRC3=0x%04x\n", h.wLengthCRC2, h.wLengthValue2, h.wLengthCRC3,
          h.wLengthValue3);
 
-  // KEPT: no majority vote; the earliest copy whose check word is right wins.
+  // KEPT: there is no majority vote; the first copy with a correct check word wins.
   if (_CalcLengthCheck(h.wLengthValue1) == h.wLengthCRC1) {
     *pnLength = h.wLengthValue1;
     MD_LOG(4, "First length %d and checksum is OK\n", *pnLength);
@@ -135,21 +135,21 @@ BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* pHeader, int* pnLength) {
 // names the first step; one loop then runs the steps until the decoder waits for more. Between two calls the context
 // holds the state, and the bytes of an unfinished frame at the start of DecodeBuffer.
 //
-// KEPT: no time-out; a frame whose payload never completes waits until more data arrives.
+// KEPT: there is no time-out; an incomplete frame waits until more data arrives.
 
 namespace {
 
-// What happens next within a slice.
+// The next action within a slice.
 enum class Step {
   kWait,        // nothing until the next slice
-  kRescan,      // look for a sync pattern in what is held
-  kSyncFound,   // the pattern, or its beginning, is at the front
+  kRescan,      // scan the held bytes for a sync pattern
+  kSyncFound,   // the pattern, or a prefix of it, is at the front
   kReadLength,  // the header is complete: select the length
   kDecode,      // the frame is complete: decode its payload
-  kKeepRest     // keep what is behind it
+  kKeepRest     // drop the frame, keep the bytes behind it
 };
 
-// One slice on its way through the decoder.
+// One slice while the decoder processes it.
 struct Slice {
   Slice(COT_DECODE_CONTEXT* pContext, const BYTE* data, int length)
       : pCtxt(pContext),
@@ -158,7 +158,7 @@ struct Slice {
         held(pContext->DecodeBuffer, kCoTDecodeBufferSize, nStart, pContext->nStoredAmount) {}
 
   COT_DECODE_CONTEXT* const pCtxt;
-  const BYTE* const pcData;  // fits behind the bytes held
+  const BYTE* const pcData;  // fits behind the held bytes
   const int nLength;         // at least 1
   int32_t nStart = 0;        // of the bytes held; 0 again at the end of the slice
   MdSyncBuffer held;
@@ -267,8 +267,8 @@ static Step _ReadLength(Slice& s) {
   return Step::kDecode;
 }
 
-// KEPT: of a frame whose payload is rejected only the header is discarded, so that a frame inside the payload can still
-// start, and nothing is counted here.
+// KEPT: if the payload is rejected, only the header is discarded, so that a frame inside the payload can still start,
+// and nothing is counted here.
 static Step _Decode(Slice& s) {
   COT_DECODE_CONTEXT* pCtxt = s.pCtxt;
   MD_DUMP(8, "Encoded Input Data", s.held.Front(), pCtxt->nMsgSize);
@@ -310,8 +310,8 @@ static Step _Run(Slice& s, Step step) {
   return Step::kWait;
 }
 
-// A slice fits behind what is held. There is always room for a byte: a held frame is unfinished, and a frame is never
-// larger than the buffer.
+// Returns the size of the next slice, which fits behind the held bytes. There is always room for a byte: a held frame
+// is incomplete, and a frame is never larger than the buffer.
 static int _SliceSize(const COT_DECODE_CONTEXT* pCtxt, int nLeft) {
   const int room = kCoTDecodeBufferSize - pCtxt->nStoredAmount;
   return nLeft < room ? nLeft : room;
@@ -338,8 +338,8 @@ int COT_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
 // ======================================================================================================
 // Codewords
 // ======================================================================================================
-// Called by the frame decoder with each complete payload, on the metadata thread. No state of its own; counts in the
-// context.
+// Called by the frame decoder with each complete payload, on the metadata thread. The only state are the counters of
+// the context.
 
 // KEPT: the check bits are skipped, nothing is corrected; errors are found by the CRC only.
 void _DoReedSolomon(const BYTE* pcInData, BYTE* pcOutBuffer, int nOutDataSize) {
@@ -373,7 +373,7 @@ BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
     return FALSE;
   }
 
-  // The last codeword ends less than a byte behind nDataBytes, and the CRC at most two bytes behind it.
+  // The last codeword ends less than a byte behind nDataBytes, the CRC at most two bytes behind it.
   MdBufferRef Block;
   if (!DoAllocBuffer(nDataBytes + 3, Block.Out())) return FALSE;
   _DoReedSolomon(pcData, Block->pcData, nDataBytes);
@@ -393,7 +393,7 @@ BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
   MD_LOG(7, "CRC is OK!!!\n");
   Block->pcData += kBlockLengthSize;
   Block->nDataSize = nMessageSize;
-  // KEPT: the frame counts as received whatever the ARQ header says.
+  // KEPT: the frame counts as received even if the ARQ header is wrong.
   _ProcessARQ(pCtxt, Block.Get());
   return TRUE;
 }
@@ -401,8 +401,8 @@ BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
 // ======================================================================================================
 // ARQ
 // ======================================================================================================
-// Called with each message whose CRC was right, on the metadata thread. Calls the source's receive handler, which
-// takes its own reference if it keeps the buffer.
+// Called with each message whose CRC matches, on the metadata thread. Calls the source's receive handler, which adds a
+// reference of its own to keep the buffer.
 
 // Returns a byte of the ARQ message; 0 past the end, which is never a valid header byte.
 static BYTE _GetArqByte(const MDATA_BUFFER* pBuff, int nIndex) {

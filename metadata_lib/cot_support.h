@@ -69,8 +69,8 @@ enum tagCOT_DECODE_STATE : int32_t {
   COT_GATHERING_DATA = 3        // waits for the rest of the payload
 };
 
-// One per open serial CoT source. Metadata thread only, except Stats, whose counters are read and set whole by the
-// statistics calls.
+// One per open serial CoT source. Metadata thread only, except Stats, whose counters the statistics calls read and set
+// atomically.
 typedef struct tagCOT_DECODE_CONTEXT {
   int32_t enState;        // tagCOT_DECODE_STATE
   int32_t nStoredAmount;  // bytes held at the start of DecodeBuffer
@@ -83,17 +83,17 @@ typedef struct tagCOT_DECODE_CONTEXT {
 
 // --- Frame decoder -----------------------------------------------------------------------------------
 
-// Minus twice the length, modulo 65536.
+// Returns minus twice the length, modulo 65536.
 WORD _CalcLengthCheck(WORD wLength);
 // Selects the first of the header's three lengths that its own check word confirms. Returns FALSE if there is none.
 BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* pHeader, int* pnLength);
 
 // --- ARQ and codewords -------------------------------------------------------------------------------
 
-// Decodes one frame's payload and delivers its event. Returns TRUE if the CRC is right, whatever the ARQ header says.
+// Decodes one frame's payload and delivers its event. Returns TRUE if the CRC matches, even if the ARQ header is wrong.
 BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize);
-// Copies the data bits of packed codewords. pcOutBuffer is zeroed and has room for nOutDataSize + 13 bytes, or for the
-// data bits of the codewords where nOutDataSize is their whole bytes.
+// Copies the data bits of packed codewords. pcOutBuffer is zeroed and has room for nOutDataSize + 13 bytes; if
+// nOutDataSize is the number of whole bytes in the codewords, room for their data bits is enough.
 void _DoReedSolomon(const BYTE* pcInData, BYTE* pcOutBuffer, int nOutDataSize);
 // Checks the ARQ header of the message in pBuff, logs the XML and hands it to the source.
 BOOL _ProcessARQ(COT_DECODE_CONTEXT* pCtxt, MDATA_BUFFER* pBuff);

@@ -56,7 +56,7 @@ BOOL FreeKlvDecodeContext(void** ppvContext) {
   return TRUE;
 }
 
-// KEPT: the caller's nRxChannel1Messages is left as it is; the field only makes the record like COT_STATS.
+// KEPT: the caller's nRxChannel1Messages is not changed; the field only makes the record similar to COT_STATS.
 BOOL GenericKLV_GetStats(void* pvCtxt, KLV_STATS* pStats) {
   const KLV_STATS& Stats = _Context(pvCtxt)->Stats;
   pStats->nTotalRxBytes = MdLoad(Stats.nTotalRxBytes);
@@ -90,23 +90,23 @@ KLV_STATS* GenericKLV_GetStatsPtr(void* pvCtxt) {
 
 namespace {
 
-// What happens next within a slice.
+// The next action within a slice.
 enum class Step {
   kWait,               // nothing until the next slice
-  kRescan,             // look for a sync pattern in what is held
-  kSyncFound,          // the pattern, or its beginning, is at the front
+  kRescan,             // scan the held bytes for a sync pattern
+  kSyncFound,          // the pattern, or a prefix of it, is at the front
   kKeyComplete,        // note the time
-  kLookUpDesignator,   // learn the size codes of the items
+  kLookUpDesignator,   // look up the size codes of the items
   kReadLength,         // read the BER length
-  kCheckSpace,         // would the message fit
-  kCheckCompleteness,  // is it all there
-  kCheckMessage,       // is it good
-  kDeliver,            // hand it over
-  kKeepRest,           // keep what is behind it
-  kDropSync            // discard: count, and drop the five sync bytes
+  kCheckSpace,         // check that the buffer has room for the message
+  kCheckCompleteness,  // check that the whole message is held
+  kCheckMessage,       // validate items and checksum
+  kDeliver,            // pass the message to the handler
+  kKeepRest,           // drop the message, keep the bytes behind it
+  kDropSync            // count a discarded message and drop its five sync bytes
 };
 
-// One slice on its way through the decoder.
+// One slice while the decoder processes it.
 struct Slice {
   Slice(KLV_DECODE_CONTEXT* pContext, const BYTE* data, int length)
       : pCtxt(pContext),
@@ -115,11 +115,11 @@ struct Slice {
         held(pContext->DecodeBuffer, kKLVDecodeCapacity, pContext->nStart, pContext->nStoredAmount) {}
 
   KLV_DECODE_CONTEXT* const pCtxt;
-  const BYTE* const pcData;  // fits behind the bytes held, which are less than the largest message
+  const BYTE* const pcData;  // fits behind the held bytes, which are fewer than the largest message
   const int nLength;
   MdSyncBuffer held;
   int nMatched = 0;         // bytes of the sync pattern at the front
-  bool bChunkLost = false;  // what follows this slice in its chunk is dropped
+  bool bChunkLost = false;  // the rest of the chunk is dropped
 };
 
 }  // namespace
@@ -162,7 +162,8 @@ static Step _ContinueKey(Slice& s) {
   return Step::kKeyComplete;
 }
 
-// More than half a second since the key was complete? This is only asked when data arrives, never by a timer.
+// Returns whether more than half a second has passed since the key was complete. Tested only when data arrives, never
+// by a timer.
 static bool _IsTooLate(const KLV_DECODE_CONTEXT* pCtxt) {
   struct timeval Now = {};
   MD_ASSERT_TEXT(gettimeofday(&Now, nullptr) == 0, "gettimeofday(&CurrentTime, NULL) == 0");
@@ -173,14 +174,14 @@ static bool _IsTooLate(const KLV_DECODE_CONTEXT* pCtxt) {
   return Interval.tv_sec != 0 || Interval.tv_usec > 500000;
 }
 
-// KEPT: the chunk that comes too late is lost, but of the held bytes only the sync pattern is.
+// KEPT: the late chunk is dropped whole, but of the held bytes only the sync pattern.
 static Step _TimedOut(Slice& s) {
   s.bChunkLost = true;
   return Step::kDropSync;
 }
 
-// A header that was read before its bytes had arrived is read again as soon as they have: such a guess decides what the
-// decoder waits for, never what it delivers.
+// A header that was read before its bytes arrived is read again when they have: such a guess only decides how long the
+// decoder waits, never which bytes it delivers.
 static Step _Resume(const Slice& s, Step step) {
   return s.pCtxt->bHeaderGuessed && s.held.Stored() > kKLVKeySize ? Step::kLookUpDesignator : step;
 }
@@ -205,7 +206,7 @@ static Step _ContinueData(Slice& s) {
   return _Resume(s, Step::kCheckCompleteness);
 }
 
-// An empty chunk is only looked at where time may have run out.
+// An empty chunk matters only in the states with a time limit.
 static Step _Enter(Slice& s) {
   switch (s.pCtxt->enState) {
     case KLV_STATE_SCANNING_FOR_HEADER:
@@ -301,7 +302,7 @@ static Step _LongFormLength(Slice& s, const MdLength& length, MdRead result) {
 static Step _ReadLength(Slice& s) {
   KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
   pCtxt->bHeaderGuessed = s.held.Stored() <= kKLVKeySize;
-  // The first length byte is read even if it is stale, see above; those behind it are not.
+  // The first length byte is read even if it is stale (see _KeyComplete); the bytes behind it are not.
   const int readable = pCtxt->bHeaderGuessed ? kKLVKeySize + 1 : s.held.Stored();
   MdLength length;
   const MdRead result =
@@ -315,8 +316,8 @@ static Step _ReadLength(Slice& s) {
   return Step::kCheckSpace;
 }
 
-// KEPT: measured against the size of the allocation with its record, so that no two-byte length ever fails. The buffer
-// itself holds more than that.
+// KEPT: measured against the size of the historical allocation with its record, so that no two-byte length ever fails.
+// The buffer holds more than that.
 static Step _CheckSpace(Slice& s) {
   const int nSpace = kKLVDecodeSize + static_cast<int>(sizeof(MDATA_BUFFER)) - s.pCtxt->nHeaderSize;
   MD_LOG(7, "Buffer Space for data is %d bytes.\n", nSpace);
@@ -369,7 +370,7 @@ static Step _KeepRest(Slice& s) {
 
 static Step _DropSync(Slice& s) {
   MdAddFetch(s.pCtxt->Stats.nRxCorruptedMessages, 1);
-  // KEPT: only the sync bytes are dropped; the next message may begin inside what was discarded.
+  // KEPT: only the sync bytes are dropped; the next message may begin inside the discarded bytes.
   s.held.Drop(kKLVSyncSize);
   return Step::kRescan;
 }
@@ -404,14 +405,14 @@ static Step _Run(Slice& s, Step step) {
   return Step::kWait;
 }
 
-// How much of a chunk is fed at once. The last slice is never shorter than a key, so that a key that the slices cut is
-// whole when it is looked at.
+// Returns the size of the next slice of a chunk. The last slice is never shorter than a key, so that a key on the
+// border of two slices is complete when it is read.
 static int _SliceSize(int nLeft) {
   if (nLeft <= kKLVSliceSize) return nLeft;
   return nLeft - kKLVSliceSize < kKLVKeySize ? nLeft - kKLVKeySize : kKLVSliceSize;
 }
 
-// A key that is not complete always stands at the start of the memory.
+// Compact always moves an incomplete key to the start of the memory, where the next slice expects it.
 static void _RunSlice(Slice& s) {
   for (Step step = _Enter(s); step != Step::kWait;) step = _Run(s, step);
   s.held.Compact(kKLVKeySize);
@@ -470,7 +471,7 @@ struct Walk {
   BYTE* pcData;
   int nMsgSize;
   int nHeaderSize;
-  int64_t nOffset;      // of the current item; behind the message when an item ran past its end
+  int64_t nOffset;      // of the current item; behind the message if an item ran past its end
   bool bFound = false;  // an integrity item
 };
 
@@ -479,7 +480,7 @@ struct Walk {
 static bool _CheckIntegrityItem(Walk& walk, KLV_INFO* pItem) {
   const LOCAL_KLV_STANDARD* pStdInfo = walk.pStdInfo;
   if (walk.bFound) {
-    MD_LOG(4, "Intergrity item found more than once.\n");  // KEPT: the spelling, for whoever greps logs
+    MD_LOG(4, "Intergrity item found more than once.\n");  // KEPT: the spelling; operators search logs for it
     return false;
   }
   MD_LOG(7, "Integrity item located.\n");
@@ -509,7 +510,7 @@ static bool _WalkItem(Walk& walk, bool* pbEnded) {
   if (walk.pStdInfo->bHasIntegrityItem && item.nKey == walk.pStdInfo->IntegrityItemTag &&
       !_CheckIntegrityItem(walk, &item))
     return false;
-  // A length of four bytes may end far behind the message, but never before the item.
+  // A value with a length of four bytes may end far behind the message, but never before the item.
   const auto valuePosition = static_cast<uint64_t>(item.pValue - walk.pcData);
   walk.nOffset = static_cast<int64_t>(_MdItemEnd(valuePosition, static_cast<UINT32>(item.nLength)));
   *pbEnded = walk.nOffset == nOffset;
@@ -547,7 +548,7 @@ WORD CalcKlvChecksum16(const BYTE* buff, WORD len) {
   return CalcKlvChecksum16Ex(buff, len, 0);
 }
 
-// A message may be some bytes longer than the 65535 that the exported sums take.
+// Does not use the exported sums, which take 65535 bytes at most: a message may be some bytes longer.
 BOOL _UASDataLinkValidator(const BYTE* pcData, UINT nFullLength, UINT, KLV_INFO* IntegrityItem, UINT nItemOffset) {
   // KEPT: an item of the wrong form is rejected without a line of its own.
   if (IntegrityItem->nKeySize != 1 || IntegrityItem->nLengthSize != 1 || IntegrityItem->nLength != 2) return FALSE;

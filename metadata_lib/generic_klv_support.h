@@ -8,7 +8,7 @@
 
 // --- Stream decoder ----------------------------------------------------------------------------------
 
-// What the decoder waits for.
+// The event that the decoder waits for.
 enum tagKLV_STATE : int32_t {
   KLV_STATE_SCANNING_FOR_HEADER = 0,      // the sync pattern
   KLV_STATE_IN_PARTIAL_SYNC = 1,          // the rest of a sync pattern cut off at the end of a chunk
@@ -22,7 +22,7 @@ inline constexpr int kKLVKeySize = 16;
 inline constexpr int kKLVDecodeSize = 65536;           // the buffer size that messages are measured against
 inline constexpr int kKLVLargestMessage = 19 + 65535;  // key, 3-byte length, value
 inline constexpr int kKLVSliceSize = 65536;            // longer chunks are fed in slices of this size
-inline constexpr int kKLVDecodeCapacity = kKLVLargestMessage + kKLVSliceSize;  // what the buffer really holds
+inline constexpr int kKLVDecodeCapacity = kKLVLargestMessage + kKLVSliceSize;  // capacity of the buffer
 
 // One per stream. Driven by the metadata thread; Stats are single atomic values.
 typedef struct tagKLV_DECODE_CONTEXT {
@@ -41,15 +41,15 @@ typedef struct tagKLV_DECODE_CONTEXT {
   MDATA_BUFFER* pNextDecodeBuffer;  // reserved
   BYTE* DecodeBuffer;               // its memory
   int32_t nStart;                   // position of the first held byte in it
-  BOOL bHeaderGuessed;              // the header was read before its length byte had arrived
+  BOOL bHeaderGuessed;              // the header was read before its length byte arrived
 } KLV_DECODE_CONTEXT;
 
 // --- Local set standards -----------------------------------------------------------------------------
 
 typedef BYTE KLV_LOCALSET_KEY[16];
 
-// pcData is the whole message of nFullLength bytes, whose header takes nDataOffset; the integrity item lies at
-// nItemOffset.
+// Checks a message by its integrity item. pcData is the whole message of nFullLength bytes, of which the first
+// nDataOffset are the header; the item lies at nItemOffset.
 typedef BOOL (*KLV_INTEGRITY_VERIFIER)(const BYTE* pcData, UINT nFullLength, UINT nDataOffset, KLV_INFO* IntegrityItem,
                                        UINT nItemOffset);
 

@@ -111,8 +111,8 @@ char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* szBuffer, int nS
 }
 
 // =====================================================================================================
-// 2. Tags. The core has read the item when these run; they log the tag and refuse what it must not be. The functions
-//    that only log are cold: an item is read for every few bytes of a message.
+// 2. Tags. Called after the core has read the item; they log the tag and reject forms that are not supported. The
+//    functions that only log are cold: an item is read for every few bytes of a message.
 // =====================================================================================================
 
 [[gnu::cold]] static BOOL _TagCut(int nTagFieldSize) {
@@ -192,7 +192,7 @@ static BOOL _CheckTag(const MdTag& tag, int nTagFieldSize) {
       return TRUE;
     case KLV_FIELD_GLOBAL_TAG:
       if (tag.size >= 2) return TRUE;
-      // KEPT: two messages run together, for whoever greps logs.
+      // KEPT: two messages in one line; operators search logs for it.
       MD_LOG(4, "Global tag is not even 2 bytes long Not enough buffer space to read 16 bytes key.\n");
       return FALSE;
     default:
@@ -202,7 +202,7 @@ static BOOL _CheckTag(const MdTag& tag, int nTagFieldSize) {
 }
 
 // =====================================================================================================
-// 3. Lengths. As above.
+// 3. Lengths. Called after the core has read the item, as those for tags.
 // =====================================================================================================
 
 static BOOL _CheckLength(const MdLength& length, MdRead result) {

@@ -12,38 +12,38 @@ extern HDBG g_hCoTConvDbg;      // "COTCONVERTER"; the same
 #define MD_DEBUG_HANDLE g_hMetaDataLibDbg
 #endif
 
-// The host may change a level while the library runs.
+// Returns whether a level is enabled. The host may change that while the library runs.
 inline bool MdLogEnabled(HDBG hDbg, int nLevel) {
   return hDbg != nullptr && __atomic_load_n(&hDbg->nMaxLevel, __ATOMIC_RELAXED) >= nLevel;
 }
 
-// One log line: MD_LOG(7, "Received %d bytes.\n", n). Arguments are only evaluated when the level is on.
+// Writes one log line: MD_LOG(7, "Received %d bytes.\n", n). Arguments are only evaluated if the level is enabled.
 #define MD_LOG(level, ...)                                                                 \
   do {                                                                                     \
     if (MdLogEnabled(MD_DEBUG_HANDLE, (level)))                                            \
       _DoDbgPrintEx(MD_DEBUG_HANDLE, (level), __func__, MD_MODULE, __LINE__, __VA_ARGS__); \
   } while (0)
 
-// A titled hex dump.
+// Writes a titled hex dump.
 #define MD_DUMP(level, title, data, size)                                                                  \
   do {                                                                                                     \
     if (MdLogEnabled(MD_DEBUG_HANDLE, (level)))                                                            \
       _DoDbgPrintBuffer(MD_DEBUG_HANDLE, (level), __func__, MD_MODULE, __LINE__, (title), (data), (size)); \
   } while (0)
 
-// Reports a broken invariant with the expression's own text, evaluated once, and carries on.
+// Reports a broken invariant with the text of the expression, which is evaluated once, and continues.
 #define MD_ASSERT(expression)                                                 \
   do {                                                                        \
     if (!(expression)) _DoAssert(#expression, __func__, MD_MODULE, __LINE__); \
   } while (0)
 
-// The same with a text that the expression cannot give.
+// Does the same with a text that differs from the expression.
 #define MD_ASSERT_TEXT(expression, text)                                 \
   do {                                                                   \
     if (!(expression)) _DoAssert((text), __func__, MD_MODULE, __LINE__); \
   } while (0)
 
-// For a branch that is not expected: the assertion "0".
+// Reports that an unexpected branch was reached, as the assertion "0".
 #define MD_ASSERT_UNREACHED() _DoAssert("0", __func__, MD_MODULE, __LINE__)
 
 #define MD_TEXT_ASSERT(...) _DoTextAssert(__func__, MD_MODULE, __LINE__, __VA_ARGS__)

@@ -10,7 +10,7 @@
 //    6. Sources: opening
 //    7. Sources: closing
 //    8. Statistics
-//    9. What the receive paths share: raw capture, counting, discarding
+//    9. Shared steps of the receive paths: raw capture, counting, discarding
 //   10. KLV paths: serial and UDP
 //   11. CoT paths: UDP and serial
 //   12. Video path and decimation
@@ -40,7 +40,7 @@
 #include "md_log.h"
 
 // =====================================================================================================
-// 1. Library-wide state. The declarations in metadata_api.h say who may touch it.
+// 1. Library-wide state. The declarations in metadata_api.h state which threads and locks may access it.
 // =====================================================================================================
 
 HDBG g_hMetaDataLibDbg = nullptr;
@@ -76,8 +76,8 @@ static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet 
 
 namespace {
 
-// Holds g_MetaDataAPIMutex for a scope of the serial path, unless it is not free within kSerialLockMs: whoever opens a
-// source holds it while waiting for this very thread.
+// Holds g_MetaDataAPIMutex for a scope of the serial path, unless it does not become free within kSerialLockMs: an
+// opener holds it while it waits for this very thread.
 class TryApiLock {
  public:
   TryApiLock();
@@ -113,7 +113,7 @@ static void _ReleaseSource(MDATA_SRC_HANDLE pHandle);
 static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded);
 static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox);
 
-// Resets what an earlier shut-down left.
+// Resets the state that an earlier shut-down left behind.
 static void _ResetThreadState() {
   MdStoreRelease(_g_bShutdownThread, FALSE);
   _ResetRequests();
@@ -133,7 +133,8 @@ static BOOL _CreateMetaDataThread() {
   }
   const int iNotificationFD = MBOX_GetNotificationFD(_g_hMetaDataThreadMBox);
   if (!__FDMGR_CreateSet("Meta-Data", &g_hMetaDataFDSet, __func__, MD_MODULE, __LINE__)) {
-    MD_LOG(3, "Unable to file descriptor set for met-data thread.\n");  // KEPT: the wording, for whoever greps logs
+    MD_LOG(3,
+           "Unable to file descriptor set for met-data thread.\n");  // KEPT: the wording; operators search logs for it
     MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
     return FALSE;
   }
@@ -153,14 +154,15 @@ static BOOL _CreateMetaDataThread() {
 }
 
 BOOL METADATALIB_Init(DWORD dwCaps) {
-  // KEPT: the flag outlives a shut-down, so a second start raises this assertion and goes on.
+  // KEPT: the flag stays set after a shut-down, so a second start raises this assertion and continues.
   const BOOL bInitialized = MdLoadAcquire(g_bMetaDataLibInitialized);
   MD_ASSERT_TEXT(bInitialized == FALSE, "g_bMetaDataLibInitialized == FALSE");
-  if (bInitialized && _g_bUsingInternalThread) return FALSE;  // it runs: a start would take everything from under it
+  if (bInitialized && _g_bUsingInternalThread)
+    return FALSE;  // the thread runs and uses everything that a start replaces
   _DoDbgInit("METADATALIB", &g_hMetaDataLibDbg);
   _DoDbgInit("COTCONVERTER", &g_hCoTConvDbg);
   MD_LOG(6, "Called, dwCaps=0x%X.\n", dwCaps);
-  // KEPT: without any IP capability the library starts all the same; only UDP sources cannot be opened.
+  // KEPT: without any IP capability the library starts nevertheless; only UDP sources cannot be opened.
   MD_ASSERT((dwCaps & METADATALIB_CAPS_IPV4_SUPPORT) || (dwCaps & METADATALIB_CAPS_IPV6_SUPPORT));
 
   g_dwLibCaps = dwCaps;
@@ -204,7 +206,7 @@ static bool _StopMetaDataThread() {
   return true;
 }
 
-// Releases what the thread used, once it has ended.
+// Releases everything that the thread used, once it has ended.
 static void _ReleaseThreadServices() {
   while (_HandleControlMessage(g_hMetaDataFDSet, _g_hMetaDataThreadMBox)) {
   }
@@ -227,7 +229,7 @@ void METADATALIB_Shutdown(void) {
   }
   if (bInitialized && bThreadEnded) free_ww15mgh_grd();  // KEPT: whether or not it was loaded
   MD_LOG(6, "Done.\n");
-  // A thread that could not be asked to end still waits, converts and logs: it keeps all it uses until another
+  // A thread that could not be asked to end still waits, converts and logs: everything it uses stays until another
   // shut-down reaches it.
   if (!bThreadEnded) return;
   _DoDbgUninitEx(&g_hCoTConvDbg);
@@ -236,9 +238,9 @@ void METADATALIB_Shutdown(void) {
 }
 
 // =====================================================================================================
-// 4. The metadata thread: its loop, the control events, the video extractors. Runs on that thread alone, which
-//    owns the source list, the read set, the extractor table and the time-out variables. The list is read here
-//    without a lock and changed under _g_SrcListLock, for the look-ups of the encoder's threads.
+// 4. The metadata thread: its loop, the control events, the video extractors. Runs on that thread alone, which owns the
+//    source list, the read set, the extractor table and the time-out variables. It reads the list without a lock and
+//    changes it under _g_SrcListLock, for the look-ups of the encoder's threads.
 // =====================================================================================================
 
 // Reports this line to the host's thread watchdog, if enabled.
@@ -328,7 +330,7 @@ static void _AddVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   const VIDEO_EXTRACTOR Stopped = *pExtractor;
   if (!KLVCAPTURE_Start(iInterface, pExtractor)) {
     MD_LOG(3, "Failed to start KLV capture.\n");
-    *pExtractor = Stopped;  // KEPT: the source is linked all the same and stays open without data
+    *pExtractor = Stopped;  // KEPT: the source is linked nevertheless and stays open without data
     return;
   }
   pExtractor->nRefCount = 1;
@@ -364,7 +366,7 @@ static void _HandleAddFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
     FastLinkD(&g_MetaDataSrcList, &hSource->DNode);
     hSource->bLinked = TRUE;
   }
-  _CompleteRequest(hSource->nAddRequest);  // a source whose opener gave up is open all the same
+  _CompleteRequest(hSource->nAddRequest);  // a source whose opener gave up is open nevertheless
   _PostThreadCond();
   if (_g_pCurrentThreadSelectTimeOut == nullptr) {
     MD_LOG(6, "Enabling timeouts.\n");
@@ -373,8 +375,8 @@ static void _HandleAddFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   }
 }
 
-// Takes the source's count off its video input; the last one stops the capture. Metadata thread; once it has ended, any
-// closer, who has no read set: hence the lock and NULL.
+// Removes the source from the count of its video input; the last removal stops the capture. Called by the metadata
+// thread; once that has ended, by any closer, which has no read set: hence the lock, and NULL for hSet.
 static void _RemoveVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   const int iInterface = hSource->Config.in.Video.enInputInterface;
   VIDEO_EXTRACTOR* pExtractor = &_g_aVideoExtractors[iInterface];
@@ -387,7 +389,7 @@ static void _RemoveVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
     Left = *pExtractor;
     if (hSource->bCaptureHeld && Left.nRefCount <= 0) pExtractor->iFD = -1;
   }
-  // A source whose capture never started holds no count: it neither takes one away nor stops another's capture.
+  // A source whose capture never started is not counted: it neither lowers the count nor stops another's capture.
   MD_ASSERT_TEXT(bCounted, "_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount > 0");
   if (!hSource->bCaptureHeld) return;
   hSource->bCaptureHeld = FALSE;
@@ -418,7 +420,7 @@ static void _UnlinkSource(MDATA_SRC_HANDLE hSource) {
   hSource->bLinked = FALSE;
 }
 
-// Takes the source off the read set and the list. Harmless if the source was never added.
+// Removes the source from the read set and the list. Harmless if the source was never added.
 static void _DetachSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   if (hSource->Config.enInputType == MDATA_INPUT_VIDEO)
     _RemoveVideoSource(hSet, hSource);
@@ -437,7 +439,7 @@ static void _DisableTimeoutsIfIdle() {
 static void _HandleRemoveFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   MD_LOG(6, "Received EVENTID_REMOVE_FD.\n");
   _DetachSource(hSet, hSource);
-  // From here on the record belongs to the closer, unless it gave up: then the close is finished here.
+  // From here on the record belongs to the closer. If that has given up, the close is finished here.
   const bool bAbandoned = _CompleteRequest(hSource->nRemoveRequest);
   _PostThreadCond();
   _DisableTimeoutsIfIdle();
@@ -451,7 +453,7 @@ static void _HandleShutdown() {
   _PostThreadCond();
 }
 
-// Receives and carries out one message. Returns false if none is waiting.
+// Receives and handles one message. Returns false if none is waiting.
 static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox) {
   HMBOXMSG hMsg = nullptr;
   if (!MBOX_RecvMessage(hMBox, &hMsg)) return false;
@@ -479,15 +481,15 @@ void _MetaDataControlCallBack(HFDSET hSet, int, int, void* pvParam1, void*) {
   _HandleControlMessage(hSet, static_cast<HMBOX>(pvParam1));
 }
 
-// Leaves a close that no message names to the metadata thread. Closing thread.
+// Leaves a close whose message was not sent to the metadata thread. Closing thread.
 static void _LeaveForSweep(MDATA_SRC_HANDLE hSource) {
   MdLock Lock(_g_SrcListLock);
   hSource->pNextSweep = _g_pSweepList;
   MdStoreRelease(_g_pSweepList, hSource);
 }
 
-// Finishes the closes that no message names. A record that a queued message still names waits for that one, unless
-// the thread has ended. Metadata thread, and the thread that joined it.
+// Finishes the closes whose messages were not sent. A record whose add message is still queued stays until that is
+// handled, unless the thread has ended. Metadata thread, and the thread that joined it.
 static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded) {
   if (MdLoadAcquire(_g_pSweepList) == nullptr) return;
   MDATA_SRC_HANDLE hSource = nullptr;
@@ -510,13 +512,13 @@ static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded) {
 }
 
 // =====================================================================================================
-// 5. Sources: look-ups, receive sockets. Run on the opener's thread under g_MetaDataAPIMutex; the look-ups
-//    take _g_SrcListLock, because a close on another thread lets the metadata thread change the list meanwhile.
+// 5. Sources: look-ups, receive sockets. Run on the opener's thread under g_MetaDataAPIMutex; the look-ups take
+//    _g_SrcListLock, because the metadata thread changes the list when another thread closes a source.
 // =====================================================================================================
 
 namespace {
 
-// What a look-up searches for.
+// The criteria of a look-up.
 struct SourceQuery {
   int enInputType;
   USHORT usPort;  // network sources only
@@ -552,13 +554,13 @@ BOOL _LocateSerialDataSrc(MDATA_SRC_HANDLE* ppSrc) {
   return _Locate({MDATA_INPUT_SERIAL, 0}, ppSrc);
 }
 
-// KEPT: neither data type nor address family matters, so one source holds a port for both families.
+// KEPT: data type and address family are not compared, so one source occupies a port for both families.
 BOOL _LocateDataSrcByUDPPort(USHORT usPort, MDATA_SRC_HANDLE* ppSrc) {
   MD_LOG(7, "Attempting to locate data source by UDP port (%d).\n", usPort);
   return _Locate({MDATA_INPUT_NETWORK, usPort}, ppSrc);
 }
 
-// Chooses the families that the configuration asks for and the library was started with.
+// Chooses those of the configured families that the library was started with.
 static void _ChooseFamilies(const MDATA_SRC_CFG* pCfg, bool* pbIPv4, bool* pbIPv6) {
   const bool bIPv4Cap = (g_dwLibCaps & METADATALIB_CAPS_IPV4_SUPPORT) != 0;
   const bool bIPv6Cap = (g_dwLibCaps & METADATALIB_CAPS_IPV6_SUPPORT) != 0;
@@ -606,14 +608,14 @@ BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg
 }
 
 // =====================================================================================================
-// 6. Sources: opening. Runs on the encoder's thread, which holds g_MetaDataAPIMutex until the metadata thread has
-//    taken the source over.
+// 6. Sources: opening. Runs on the encoder's thread, which holds g_MetaDataAPIMutex until the metadata thread has added
+//    the source.
 // =====================================================================================================
 
 namespace {
 
-// A source that is being opened. Releases all it holds unless the opening succeeds: an encoder that tries again and again
-// must not run out of descriptors.
+// A source that is being opened. Releases everything it holds unless the opening succeeds, so that an encoder that
+// retries does not run out of descriptors.
 class OpeningSource {
  public:
   explicit OpeningSource(const MDATA_SRC_CFG* pConfig) : pCfg(pConfig) {
@@ -629,7 +631,7 @@ class OpeningSource {
     _InitRelayers(pHandle);
     return true;
   }
-  // The relays start with the next message after this.
+  // Gives up ownership. Messages after this are relayed.
   MDATA_SRC_HANDLE Finish();
 
   const MDATA_SRC_CFG* const pCfg;
@@ -672,7 +674,7 @@ MDATA_SRC_HANDLE OpeningSource::Finish() {
   return hOpened;
 }
 
-// A source without a decoder, for lack of memory, opens anyway and drops everything it receives.
+// A source without a decoder (out of memory) opens anyway and drops everything it receives.
 static void _ClearHandlersWithoutContext(MDATA_SRC_HANDLE pHandle) {
   if (pHandle->pvDecodeCtxt != nullptr) return;
   pHandle->pfnDataRxHandler = nullptr;
@@ -710,7 +712,7 @@ static void _SetUpCoTDecoding(MDATA_SRC_HANDLE pHandle) {
 static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE pHandle) {
   switch (pHandle->Config.enDataType) {
     case MDATA_DATA_COT:
-      // KEPT: without CoT support the source opens and receives nothing; CoT over UDP is not tested for it.
+      // KEPT: without CoT support the source opens and receives nothing. CoT over UDP does not test the support.
       if (!_g_bCoTSupportEnabled) {
         MD_ASSERT_UNREACHED();
         return true;
@@ -742,7 +744,7 @@ static void _OpenSerialCapture(OpeningSource& Opening) {
 static bool _OpenSerialSource(OpeningSource& Opening) {
   MD_LOG(6, "Serial input using device \"%s\".\n", kSerialDevice);
   if (_LocateSerialDataSrc(nullptr)) {
-    MD_LOG(6, "Source already exists.\n");  // KEPT: one serial source at a time, whatever its data type
+    MD_LOG(6, "Source already exists.\n");  // KEPT: one serial source at a time, of either data type
     return false;
   }
   MD_LOG(6, "Allocating new metadata source handle.\n");
@@ -776,7 +778,7 @@ static void _OpenUDPCapture(MDATA_SRC_HANDLE pHandle) {
 
 static bool _OpenNetworkSource(OpeningSource& Opening) {
   MD_LOG(6, "Network metadata source.\n");
-  // KEPT: a port in use fails without a message.
+  // KEPT: opening a port in use fails without a log line.
   if (_LocateDataSrcByUDPPort(Opening.pCfg->in.Network.usUDPPort, nullptr)) return false;
   const bool bCoT = Opening.pCfg->enDataType == MDATA_DATA_COT;
   if (!bCoT && Opening.pCfg->enDataType != MDATA_DATA_KLV) return false;
@@ -785,7 +787,7 @@ static bool _OpenNetworkSource(OpeningSource& Opening) {
   const MDATA_SRC_HANDLE pHandle = Opening.pHandle;
   if (!_CreateUDPSourceSockets(pHandle, &pHandle->Config)) return false;
   MD_ASSERT(_EnableTTLTOSDetectionIfNeeded(pHandle));
-  // pfnDataRxHandler stays unset: a datagram is a message, the context only counts.
+  // pfnDataRxHandler is not set: each datagram is a message, and the context only counts.
   if (bCoT)
     _SetUpCoTDecoding(pHandle);  // KEPT: CoT support is not tested here, unlike on the serial port
   else
@@ -827,14 +829,14 @@ static bool _OpenByInputType(OpeningSource& Opening) {
   }
 }
 
-// Hands the source to the metadata thread. Returns false, without logging, if out of memory for the message.
+// Passes the source to the metadata thread. Returns false, without logging, if out of memory for the message.
 static bool _HandOver(MDATA_SRC_HANDLE pHandle) {
   MD_LOG(6, "Allocating message for processing thread.\n");
   HMBOXMSG hMsg = _AllocControlMessage(EVENTID_ADD_FD, pHandle);
   if (hMsg == nullptr) return false;
   bool bSent = false;
   if (_CallThread(hMsg, pHandle->nAddRequest, kSourceWaitMs, &bSent)) return true;
-  // KEPT: a source that the thread did not take over in time is open all the same.
+  // KEPT: a source that the thread did not add in time is open nevertheless.
   const int iError = errno;
   MD_LOG(3, "Wait FAILED for data source#%d, errno (%d): \"%s\".\n", pHandle->Config.nIndex, iError,
          ErrnoText(iError).szText);
@@ -842,7 +844,7 @@ static bool _HandOver(MDATA_SRC_HANDLE pHandle) {
   return true;
 }
 
-// Does everything that happens under g_MetaDataAPIMutex after the relay sockets.
+// Opens the source and passes it to the metadata thread, after its relay sockets have been made.
 static bool _OpenAndHandOver(OpeningSource& Opening) {
   bool bRetCode = _OpenByInputType(Opening);
   if (bRetCode && _g_bUsingInternalThread)
@@ -870,16 +872,16 @@ BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc) {
     }
     bRetCode = _OpenAndHandOver(Opening);
   }
-  // KEPT: the relay sockets are stored only now, after the unlock; the thread may already receive for the source, and
-  // relays nothing until they are.
+  // KEPT: the relay sockets are stored only now, after the unlock; the thread may already receive for the source, but
+  // relays nothing before.
   if (bRetCode) *phDataSrc = Opening.Finish();
   MD_LOG(6, "Returning %s.\n", bRetCode ? "TRUE" : "FALSE");
   return bRetCode ? TRUE : FALSE;
 }
 
 // =====================================================================================================
-// 7. Sources: closing. Runs on the encoder's thread without g_MetaDataAPIMutex. When that thread gave up waiting, the
-//    metadata thread does the rest.
+// 7. Sources: closing. Runs on the encoder's thread without g_MetaDataAPIMutex. If that thread gives up waiting, the
+//    metadata thread finishes the close.
 // =====================================================================================================
 
 static void _ReleaseDecoding(MDATA_SRC_HANDLE pHandle) {
@@ -896,7 +898,7 @@ static void _ReleaseDecoding(MDATA_SRC_HANDLE pHandle) {
   }
 }
 
-// KEPT: the serial port's settings from before the open are not restored.
+// KEPT: the serial port's former settings are not restored.
 static void _CloseReceiveDescriptors(MDATA_SRC_HANDLE pHandle) {
   const bool bNetwork = pHandle->Config.enInputType == MDATA_INPUT_NETWORK;
   if (!bNetwork && pHandle->Config.enInputType != MDATA_INPUT_SERIAL) return;
@@ -917,18 +919,18 @@ static void _CloseRelaySockets(MDATA_SRC_HANDLE pHandle) {
   }
 }
 
-// Releases everything behind the handle, once the metadata thread does not use it any more.
+// Releases everything behind the handle, once the metadata thread no longer uses it.
 static void _ReleaseSource(MDATA_SRC_HANDLE pHandle) {
   _ReleaseDecoding(pHandle);
   _CloseFile(pHandle->CaptureFP);
-  _ReplaceXMLOutFile(nullptr);  // KEPT: whichever source opened it
+  _ReplaceXMLOutFile(nullptr);  // KEPT: even if another source opened it
   _CloseReceiveDescriptors(pHandle);
   _CloseRelaySockets(pHandle);
   MD_ASSERT(pHandle->hOutputRate != NULL);
   _FreeSource(pHandle);
 }
 
-// KEPT: *phDataSrc is left as it was.
+// KEPT: *phDataSrc is not changed.
 BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
   MD_ASSERT(phDataSrc != NULL);
   if (phDataSrc == nullptr) return FALSE;
@@ -947,7 +949,7 @@ BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
     MD_LOG(3, "No memory for close message.\n");
     return FALSE;
   }
-  const UINT32 nIndex = pHandle->Config.nIndex;  // an abandoned record may go at any moment
+  const UINT32 nIndex = pHandle->Config.nIndex;  // an abandoned record may be freed at any moment
   bool bSent = false;
   if (_CallThread(hMsg, pHandle->nRemoveRequest, kSourceWaitMs, &bSent)) {
     _ReleaseSource(pHandle);
@@ -960,8 +962,8 @@ BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
 }
 
 // =====================================================================================================
-// 8. Statistics. Run on the encoder's threads under g_MetaDataAPIMutex while the metadata thread goes on counting:
-//    single values are whole, a record may mix values from before and after one message.
+// 8. Statistics. Run on the encoder's threads under g_MetaDataAPIMutex while the metadata thread counts: single values
+//    are consistent, but a record may mix values from before and after a message.
 // =====================================================================================================
 
 static bool _HasKLVInserts(const MDATA_SRC_CFG& Config) {
@@ -977,9 +979,9 @@ static void _CopyKLVStats(MDATA_KLV_STATS* pTo, const MDATA_KLV_STATS& From) {
   MdStore(pTo->nUpdatedSecuritySets, MdLoad(From.nUpdatedSecuritySets));
 }
 
-// A serial CoT source of a library without CoT support has neither context nor converter: nothing of it is read or
-// changed. A source whose context alone is missing, because memory ran out at the opening, goes without the decoder's
-// counters only.
+// A serial CoT source in a library without CoT support has neither context nor converter: nothing of it is read or
+// changed. A source that lacks only the context, because memory ran out when it was opened, lacks only the decoder's
+// counters.
 static bool _OpenedWithoutCoTSupport(MDATA_SRC_HANDLE pHandle) {
   return !_g_bCoTSupportEnabled && pHandle->Config.enInputType == MDATA_INPUT_SERIAL &&
          pHandle->Config.enDataType == MDATA_DATA_COT;
@@ -1004,7 +1006,7 @@ static void _GetKLVStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
     pStats->nRxOkMessages = Stats.nRxOkMessages;
     pStats->nRxCorruptMessages = Stats.nRxCorruptedMessages;
   }
-  // KEPT: without inserts the caller's values stay, also when tag filters rewrite.
+  // KEPT: without inserts the caller's values stay, even if tag filters rewrite messages.
   if (_HasKLVInserts(pHandle->Config)) _CopyKLVStats(&pStats->prot.KLV, pHandle->KLVStats);
 }
 
@@ -1029,7 +1031,7 @@ static void _GetDetectionStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats
   if (pHandle->bDetectTOS) pStats->nLastTOSUpdateUpTimeInSecs = MdLoad(pHandle->nLastSourceTOSUpdateUpTimeInSecs);
 }
 
-// KEPT: the record is not cleared first, and nSize is neither filled nor tested.
+// KEPT: the record is not cleared first, and nSize is neither set nor tested.
 BOOL MetaData_GetSourceStats(HMDATASRC hDataSrc, MDATA_SRC_STATS* pStats) {
   const MDATA_SRC_HANDLE pHandle = hDataSrc;
   MdLock Lock(g_MetaDataAPIMutex);
@@ -1085,7 +1087,7 @@ static void _SetProtocolStats(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_STATS* p
     return;
   }
   if (pHandle->Config.enDataType != MDATA_DATA_COT || pHandle->hConverter == nullptr) return;
-  MDATA_COT_STATS CoT = {};  // KEPT: three of the counters are handed on
+  MDATA_COT_STATS CoT = {};  // KEPT: only three of the counters are passed on
   CoT.nRxSPIMessages = pStats->prot.CoT.nRxSPIMessages;
   CoT.nRxAirCraftMessages = pStats->prot.CoT.nRxAirCraftMessages;
   CoT.nFilteredRxSPIMessages = pStats->prot.CoT.nFilteredRxSPIMessages;
@@ -1098,7 +1100,7 @@ BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) 
   MD_ASSERT(pHandle->pfnSetStatsHandler != NULL);
   if (_OpenedWithoutCoTSupport(pHandle)) return TRUE;
   if (pHandle->pfnSetStatsHandler != nullptr) pHandle->pfnSetStatsHandler(pHandle->pvDecodeCtxt, pStats);
-  // KEPT: for every data type; with a KLV source these places of the union hold KLV counters.
+  // KEPT: for every data type; of a KLV source these fields of the union are KLV counters.
   MdStore(pHandle->nCoTConvertedKLVBytes, pStats->prot.CoT.nConvertedKLVBytes);
   MdStore(pHandle->nCoTConvertedKLVMessages, pStats->prot.CoT.nConvertedKLVMessages);
   if (pHandle->Config.enInputType == MDATA_INPUT_NETWORK) _SetSenderStats(pHandle, pStats->in.Network);
@@ -1110,15 +1112,15 @@ BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) 
   MdStore(pHandle->nLastSourceTTLUpdateUpTimeInSecs, pStats->nLastTTLUpdateUpTimeInSecs);
   MdStore(pHandle->nSourceTOSUpdates, pStats->nTOSUpdates);
   MdStore(pHandle->nLastSourceTOSUpdateUpTimeInSecs, pStats->nLastTOSUpdateUpTimeInSecs);
-  return TRUE;  // KEPT: the rate counter goes on
+  return TRUE;  // KEPT: the rate counter is not changed
 }
 
 // =====================================================================================================
-// 9. What the receive paths share: raw capture, counting, discarding. Metadata thread; state: the record's capture file.
-//    Rewriting and delivery are in md_delivery.
+// 9. Shared steps of the receive paths: raw capture, counting, discarding. Metadata thread; state: the record's capture
+//    file. Rewriting and delivery are in md_delivery.
 // =====================================================================================================
 
-// Writes received bytes to the raw capture. A capture that fails, or is full, ends for good.
+// Writes received bytes to the raw capture. A capture that fails or is full is closed and not opened again.
 static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int nSize) {
   if (hSource->CaptureFP == nullptr) return;
   if (!DumpRawData(hSource->CaptureFP, hSource->RxBuffer, nSize, &hSource->nRawOutputOffset,
@@ -1135,8 +1137,8 @@ static void _CountMessage(MDATA_SRC_HANDLE hSource, int nLength, time_t tNow) {
   _FeedOutputRate(hSource, nTotal, tNow);
 }
 
-// Reads what waits on the descriptor of a source whose close was given up, silently, so that it does not wake the
-// thread over and over until the source leaves the read set.
+// Reads and drops the input of a source whose close was given up, without logging, so that its descriptor does not wake
+// the thread again and again until the source is removed from the read set.
 static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
   ssize_t nTaken = 0;
   if (hSource->Config.enInputType == MDATA_INPUT_NETWORK) {
@@ -1148,7 +1150,7 @@ static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
   } else {
     nTaken = read(iFD, hSource->RxBuffer, kSerialReadSize);
   }
-  if (nTaken <= 0) _SleepMs(1);  // readable without giving anything
+  if (nTaken <= 0) _SleepMs(1);  // readable, but without data
 }
 
 // =====================================================================================================
@@ -1180,7 +1182,7 @@ void _SerialDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
     if (!Lock.IsHeld()) return;  // a source is being opened: the bytes stay for the next pass
     bRead = _ReadSerial(pHandle, iFD);
   }
-  // A device that has hung up stays readable without giving anything: do not spin on it.
+  // A device that has hung up stays readable, but without data: do not spin on it.
   if (!bRead) _SleepMs(1);
 }
 
@@ -1218,7 +1220,7 @@ void _KLV_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
 
   MdBufferRef Message;
   const Rewritten Result = _RewriteOnPath(hSource, kKLVUDPTexts, hSource->RxBuffer, nLength, Message);
-  // KEPT: relayed as received, with the received TOS and TTL, also when nothing is left to deliver.
+  // KEPT: relayed as received, with the received TOS and TTL, even if nothing is left to deliver.
   if (hSource->Config.nNumOfRelays != 0)
     _RelayMetaData(hSource, hSource->RxBuffer, static_cast<size_t>(nLength), &cTOS, &cTTL);
   if (Result == Rewritten::Dropped) return;
@@ -1228,7 +1230,7 @@ void _KLV_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
     return;
   }
   _CountMessage(hSource, nLength, tNow);
-  // KEPT: the header has the length received, also for a rewritten message; the result is ignored.
+  // KEPT: the header has the received length, even for a rewritten message; the result is ignored.
   _Deliver(hSource, kKLVUDPTexts, Message.Get(), nLength);
 }
 
@@ -1294,14 +1296,14 @@ void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
   if (!_RewriteAndCountConverted(hSource, kCoTUDPTexts, Packet, &nConvertedLength)) return;
   _FeedOutputRate(hSource, MdLoad(hSource->nCoTConvertedKLVBytes), tNow);
   _Deliver(hSource, kCoTUDPTexts, Packet.Get(), nConvertedLength);
-  // KEPT: released as any buffer; the serial path gives it back with ReleaseConvertedData.
+  // KEPT: released like any other buffer; the serial path releases it with ReleaseConvertedData.
 }
 
 void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
   const time_t tNow = time(nullptr);
   const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(pHandle)) return;   // the rest of a chunk
-  if (!_g_bGridInitialized) return;  // KEPT: silently; CoT over UDP converts without the grid
+  if (!_g_bGridInitialized) return;  // KEPT: without logging; CoT over UDP converts without the grid
   MD_ASSERT(pHandle->hConverter != NULL);
   if (pHandle->Config.nNumOfRelays != 0)
     _RelayMetaData(pHandle, pBuff->pcData, static_cast<size_t>(pBuff->nDataSize), nullptr, nullptr);
@@ -1358,7 +1360,7 @@ BOOL _ShouldDecimateKLV(MDATA_SRC_HANDLE hSource, MDATA_TIMESTAMP TimeStamp) {
   return FALSE;
 }
 
-// Rewrites a captured packet where the source asks for it, which this path says in its own lines. Returns false if
+// Rewrites a captured packet if the source asks for it, and logs that in this path's own lines. Returns false if
 // nothing is left to send.
 static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MdBufferRef& Buffer) {
   if (!_WantsRewriting(hSource)) {
@@ -1376,20 +1378,20 @@ static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MdBufferRef& Buffer) {
 void _FeedSDIDataSource(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, UINT64 nTimeStamp) {
   const time_t tNow = time(nullptr);
   MdBufferRef Buffer(pBuff);
-  // KEPT: factor 1 skips the test; factor 0 is tested and keeps everything.
+  // KEPT: factor 1 skips the test; with factor 0 the test keeps everything.
   if (hSource->Config.nDecimationFactor != 1 && _ShouldDecimateKLV(hSource, nTimeStamp)) return;
   if (!_RewriteCaptured(hSource, Buffer)) return;
   const int nLength = Buffer->nDataSize;
   if (hSource->Config.nNumOfRelays != 0)
     _RelayMetaData(hSource, Buffer->pcData, static_cast<size_t>(nLength), nullptr, nullptr);
   Buffer->nTimeStamp = nTimeStamp;
-  // KEPT: a buffer that the encoder refuses is not counted, and the next one carries its sequence number again; the
-  // counted size includes the stream header. An encoder that keeps the buffer may change it: its size is not read again.
+  // KEPT: a buffer that the encoder refuses is not counted, and the next one has the same sequence number; the counted
+  // size includes the stream header. An encoder that keeps the buffer may change it, so its size is not read again.
   if (_Deliver(hSource, kVideoTexts, Buffer.Get(), nLength))
     _CountMessage(hSource, nLength + MDATA_STREAM_HEADER_SIZE, tNow);
 }
 
-// Gives every source of the input its own copy.
+// Passes a copy of the packet to every source of the input.
 static void _DistributePacket(int iInterface, const MDATA_BUFFER* pBuff, UINT64 nTimeStamp) {
   for (const FNODE_D* pNode = g_MetaDataSrcList.pHead; pNode != nullptr; pNode = pNode->pNext) {
     const MDATA_SRC_HANDLE hSource = _SourceOf(pNode);
@@ -1408,10 +1410,10 @@ static int _CountSources() {
   return nCount;
 }
 
-// Pulls one packet from the capture and distributes it.
+// Reads one packet from the capture and distributes it.
 static Pulled _PullPacket(int iFD, int iInterface) {
   MDATA_BUFFER* pBuff = nullptr;
-  // The capture is offered kVideoRoom bytes behind the reserve, so that is what the buffer has there.
+  // The capture may write kVideoRoom bytes behind the reserve, so the buffer has that much room there.
   if (!DoAllocBuffer(kVideoRoom + MDATA_STREAM_HEADER_SIZE, &pBuff)) {
     MD_LOG(4, "Failed to allocate buffer of %d bytes for KLV on BNC-%d.\n", kVideoRoom, iInterface);
     return Pulled::OutOfMemory;

@@ -1,5 +1,5 @@
-// Private side of the source engine: the library-wide state, and the functions of metadata_api.cpp that the tests reach.
-// No module of the library includes it except metadata_api.cpp. Hidden from the encoder by the export map.
+// Private side of the source engine: the library-wide state, and the functions of metadata_api.cpp that the tests call.
+// Only metadata_api.cpp includes it. The export map hides everything here from the encoder.
 #ifndef METADATA_API_H
 #define METADATA_API_H
 

@@ -1,8 +1,8 @@
 // Rewriting of UAS Datalink Local Set messages (MISB ST 0601).
 //
-//   Output            where a walk puts its bytes
+//   Output            the destination of a walk's bytes
 //   Security set      the tag filter inside tag 48
-//   Message walk      the rules that decide about every element of a message
+//   Message walk      the rules for every element of a message
 //   Finished message  inserts, checksum, length field and key
 #include "misb0601_processing.h"
 
@@ -17,8 +17,8 @@
 #include "md_guard.h"
 #include "md_log.h"
 
-// Everything here runs on the metadata thread, inside the data path of one source; the source's counters are changed
-// whole, for the statistics calls of other threads.
+// Everything here runs on the metadata thread, inside the data path of one source. The source's counters are atomic,
+// for the statistics calls of other threads.
 
 // =====================================================================================================
 // Output. A message is walked twice with the same rules: the first walk is silent and only measures, so that the
@@ -42,7 +42,7 @@ static void _Put(WalkOutput& out, const void* data, size_t size) {
   out.room = std::max(out.room, out.size);
 }
 
-// Whether a tag's bit is set in a filter; tags beyond the map have no bit.
+// Returns whether a tag's bit is set in a filter; tags beyond the map have no bit.
 template <size_t N>
 static bool _IsTagKept(const UINT32 (&filter)[N], UINT32 tag) {
   return tag < N * 32 && ((filter[tag / 32] >> (tag % 32)) & 1u) != 0;
@@ -69,7 +69,7 @@ static size_t _FilterSecuritySet(MDATA_SRC_HANDLE hSource, const KLV_ELEMENT* pS
     KLV_ELEMENT_INFO element = {};
     ++number;
     const auto result = _ReadKLVElement(next, static_cast<size_t>(nInputSize), out.speak, &element);
-    if (result == KLV_SIZE_UNSUPPORTED) return 0;  // KEPT: the whole set goes
+    if (result == KLV_SIZE_UNSUPPORTED) return 0;  // KEPT: the whole set is dropped
     if (result == KLV_SIZE_CUT || element.nSize > static_cast<size_t>(nInputSize)) break;
     const bool keep = _IsTagKept(hSource->Config.UASSecurityTagFilter, element.nTag);
     if (out.speak && keep) {
@@ -110,8 +110,8 @@ struct MessageWalk {
 
 }  // namespace
 
-// Whether an invalid message may be logged now: never in the silent walk, and only if more than four seconds have passed
-// since the source's last such log.
+// Returns whether an invalid message may be logged now: never in the silent walk, otherwise if more than four seconds
+// have passed since the source's last such line.
 static bool _MayLogInvalid(MessageWalk& walk) {
   if (!walk.out.speak) return false;
   const time_t now = time(nullptr);
@@ -160,7 +160,7 @@ static bool _PassesTagFilter(const MessageWalk& walk, UINT32 tag) {
   return keep;
 }
 
-// Writes what becomes of the element: nothing, the element itself, or the source's own in its place.
+// Writes the element itself, the source's own element in its place, or nothing.
 static void _RewriteElement(MessageWalk& walk, const KLV_ELEMENT_INFO& element) {
   const MDATA_SRC_HANDLE hSource = walk.hSource;
   if (element.nTag == UAS_CHECKSUM_TAG) return;  // a new one ends the message
@@ -177,7 +177,7 @@ static void _RewriteElement(MessageWalk& walk, const KLV_ELEMENT_INFO& element) 
   }
   if (!_PassesTagFilter(walk, element.nTag)) return;
   if (element.nTag == UAS_SECURITY_LOCAL_SET_TAG && hSource->Config.bFilterUASSecurityTags) {
-    // A set that vanishes at its end was written before; it is never longer than what it was made from.
+    // A set that turns out to be empty was written before it is dropped; it is never longer than the element.
     walk.out.room = std::max(walk.out.room, walk.out.size + element.nSize);
     const auto* set = reinterpret_cast<const KLV_ELEMENT*>(walk.next);
     walk.out.size += _FilterSecuritySet(hSource, set, static_cast<int>(element.nSize), walk.out);
@@ -200,13 +200,13 @@ static bool _WalkMessage(MessageWalk& walk) {
 }
 
 // =====================================================================================================
-// Finished message. The body is written behind a head room and never moved; the length field and the key are put
-// in front of it when its size is known.
+// Finished message. The body is written behind a head room and never moved; length field and key are written in front
+// of it when its size is known.
 // =====================================================================================================
 
 static constexpr BYTE kEmptyChecksum[kUASChecksumSize] = {UAS_CHECKSUM_TAG, 2, 0, 0};
 
-// Appends the source's elements that replaced none, and an empty checksum element. Both walks.
+// Appends those of the source's elements that replaced no other, and an empty checksum element. Both walks call it.
 static void _PutInserts(MessageWalk& walk) {
   const MDATA_SRC_HANDLE hSource = walk.hSource;
   if (hSource->pMissionID != nullptr && walk.missionIDs == 0)
@@ -232,14 +232,14 @@ static void _CountInserts(const MessageWalk& walk) {
   }
 }
 
-// Logs bytes that the walk left over. KEPT: a message without any checksum is logged with the same line as a misplaced
-// one, and both are accepted.
+// Logs bytes that the walk did not read. KEPT: a message without any checksum is logged with the same line as a
+// misplaced one, and both are accepted.
 static void _LogLeftOvers(const MessageWalk& walk) {
   if (walk.sizeLeft > 0) MD_LOG(2, "nSizeLeft=%d.\n", static_cast<int>(walk.sizeLeft));
   if (walk.lastTag != UAS_CHECKSUM_TAG) MD_LOG(4, "Checksum in received UAS data set was not the last element!\n");
 }
 
-// Writes the BER length of a body of up to 65535 bytes. Returns how many bytes it takes.
+// Writes the BER length of a body of up to 65535 bytes. Returns the size of the length field.
 static int _WriteBodyLength(size_t bodySize, BYTE (&lengthField)[kMaxBodyLengthField]) {
   if (bodySize <= 127) {
     lengthField[0] = static_cast<BYTE>(bodySize);
@@ -256,7 +256,7 @@ static int _WriteBodyLength(size_t bodySize, BYTE (&lengthField)[kMaxBodyLengthF
   return 3;
 }
 
-// Puts the head in front of the body that starts at the buffer's data start, and fills in the checksum.
+// Writes key and length field in front of the body at the buffer's data start, and fills in the checksum.
 static void _FinishMessage(MDATA_BUFFER* buffer, const BYTE* key, size_t bodySize) {
   BYTE lengthField[kMaxBodyLengthField];
   const int lengthSize = _WriteBodyLength(bodySize, lengthField);
@@ -266,22 +266,22 @@ static void _FinishMessage(MDATA_BUFFER* buffer, const BYTE* key, size_t bodySiz
   buffer->pcData -= kUASKeySize;
   memcpy(buffer->pcData, key, kUASKeySize);
   buffer->nDataSize = kUASKeySize + lengthSize + static_cast<int>(bodySize);
-  // Not by the exported checksum: with its head a message can be longer than the 65535 bytes that one takes.
+  // The exported checksum takes 65535 bytes at most; with key and length field a message can be longer.
   const WORD sum = _MdRunningSum(buffer->pcData, static_cast<size_t>(buffer->nDataSize));
   checksum[0] = static_cast<BYTE>(sum >> 8);
   checksum[1] = static_cast<BYTE>(sum);
 }
 
-// Returns the size of the body that a message becomes; *room is the space needed while it is written. Of an invalid
-// message both cover what is written before the fault is found.
+// Returns the size of the rewritten body; *room is the space needed while it is written. For an invalid message both
+// cover the bytes that are written before the error is found.
 static size_t _MeasureBody(MessageWalk walk, size_t* room) {
   if (_WalkMessage(walk)) _PutInserts(walk);
   *room = walk.out.room;
   return walk.out.size;
 }
 
-// Allocates the buffer for a body that needs so much room. Its data start behind the head room. Returns false if out of
-// memory.
+// Allocates the buffer for a body that needs this much room; its data start behind the head room. Returns false if out
+// of memory.
 static bool _AllocOutput(MDATA_SRC_HANDLE hSource, int nUAVSize, size_t room, MdBufferRef& buffer) {
   const int64_t usual = int64_t{nUAVSize} + 2 + hSource->nMissionIDElementSize + hSource->nSecurityMDataSetSize + 5;
   const int64_t size = std::max(usual, static_cast<int64_t>(room) + kRewriteHeadRoom);

@@ -3,7 +3,7 @@
 //   Elements          tag and BER length of one element, and how tags are read
 //   Insert elements   the mission identifier and the security set that a source inserts
 //   Validation        a whole message and its checksum
-//   Names             security classifications and countrySize coding methods
+//   Names             security classifications and country coding methods
 #include "misb0601_tools.h"
 
 #include <limits.h>
@@ -21,7 +21,7 @@
 #include "md_log.h"
 
 // =====================================================================================================
-// Elements. Read for every element of every message that is walked, on any thread. The only state is the option.
+// Elements. Called for every element of every message that is walked, on any thread. The only state is the option.
 // =====================================================================================================
 
 BOOL _g_bExtendedTags = FALSE;
@@ -34,9 +34,9 @@ void _ReadExtendedTagsOption() {
   if (_g_bExtendedTags) MD_LOG(6, "Support of extended UAS tags enabled.\n");
 }
 
-// Reads the tag of an element. In extended tags (BER-OID, ISO/IEC 8825-1, 8.19) a leading 0x80 would be an empty digit,
-// and a second spelling of a smaller tag, so it is malformed; so is a tag of more than four bytes, whose fifth is not
-// looked at.
+// Reads the tag of an element. In extended tags (BER-OID, ISO/IEC 8825-1, 8.19) a leading 0x80 would be an empty digit
+// and thus a second encoding of a smaller tag, so it is malformed; so is a tag of more than four bytes, whose fifth
+// byte is not read.
 static tagKLV_SIZE_RESULT _ReadElementTag(const BYTE* pcElement, size_t sizeLeft, MdTag* tag) {
   if (!_g_bExtendedTags) return _MdReadTag(pcElement, sizeLeft, 0, kMdField1Byte, tag) ? KLV_SIZE_OK : KLV_SIZE_CUT;
   const size_t most = std::min<size_t>(sizeLeft, kMdMostOidBytes);
@@ -46,7 +46,7 @@ static tagKLV_SIZE_RESULT _ReadElementTag(const BYTE* pcElement, size_t sizeLeft
   return most == kMdMostOidBytes ? KLV_SIZE_UNSUPPORTED : KLV_SIZE_CUT;
 }
 
-// Reads the length field at a position. A form that is not supported is reported even if the field is cut as well.
+// Reads the length field at a position. An unsupported form is reported even if the field is truncated as well.
 static tagKLV_SIZE_RESULT _ReadElementLength(const BYTE* pcElement, size_t sizeLeft, size_t position, bool log,
                                              MdLength* length) {
   const MdRead result = _MdReadLength(pcElement, sizeLeft, position, kMdFieldNoneOrBer, length);
@@ -75,7 +75,7 @@ tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t sizeLeft, bool 
   return lengthResult;
 }
 
-// The record has a one-byte tag, whatever the option says. The caller vouches for the bytes of the length field.
+// The record has a one-byte tag, regardless of the option. The caller guarantees that the length field can be read.
 BOOL GetKLVElementSize(const KLV_ELEMENT* pKLV, size_t* pnSize) {
   MdLength length;
   const BYTE* pcElement = reinterpret_cast<const BYTE*>(pKLV);
@@ -93,8 +93,8 @@ const char* _GetSecurityTagName(UINT32 nTag) {
 }
 
 // =====================================================================================================
-// Insert elements. Built once when a source opens, on the encoder's thread; the source owns them and frees
-// them with free().
+// Insert elements. Built once when a source opens, on the encoder's thread; the source owns them and releases them with
+// free().
 // =====================================================================================================
 
 MISSION_ID_KLV* AllocMissionID(const char* szMissionID) {
@@ -125,14 +125,14 @@ static constexpr size_t kClassifyingCountrySize = 3;  // characters
 static constexpr size_t kSecuritySetBaseSize =
     24;  // bytes of the whole element without the object country's characters
 
-// Writes the tag and the length byte of an element. Returns where its value goes.
+// Writes the tag and the length byte of an element. Returns the position of its value.
 static BYTE* _BeginElement(BYTE* out, BYTE tag, size_t length) {
   out[0] = tag;
   out[1] = static_cast<BYTE>(length);
   return out + kKLVElementHeader;
 }
 
-// Writes an element with a one-byte value. Returns where the next element goes.
+// Writes an element with a one-byte value. Returns the position of the next element.
 static BYTE* _PutByteElement(BYTE* out, BYTE tag, BYTE value) {
   BYTE* next = _BeginElement(out, tag, 1);
   next[0] = value;
@@ -160,8 +160,8 @@ static void _WriteSecuritySet(BYTE* out, int enClassification, const char* szCla
   memcpy(next + 2, szClassifyingCountry, kClassifyingCountrySize);
   next += 2 + kClassifyingCountrySize;
   next = _PutByteElement(next, SECURITY_OBJECT_COUNTRY_METHOD_TAG, kCountryMethodISO3166ThreeLetter);
-  // KEPT: the length byte holds (count mod 128) x 2 and the next element starts there, so a longer country is truncated.
-  // Configurations hold at most 23 characters.
+  // KEPT: the length byte holds (count mod 128) x 2 and the next element starts there, so a longer country is
+  // truncated. Configurations hold at most 23 characters.
   const size_t countryBytes = (countrySize % 128) * 2;
   next = _BeginElement(next, SECURITY_OBJECT_COUNTRY_TAG, countryBytes);
   for (size_t i = 0; i < countrySize; ++i) next[2 * i + 1] = static_cast<BYTE>(szObjectCountry[i]);
@@ -202,9 +202,8 @@ static void _LogMissionID(const BYTE* pcElement, const KLV_ELEMENT_INFO& element
   MD_LOG(6, "Mission ID \"%.*s\" is present.\n", static_cast<int>(std::min<size_t>(size, INT_MAX)), szMissionID);
 }
 
-// Compares the checksum stored at an offset from the start of the message. One that is cut off by the end of the message
-// never matches; its missing bytes count as 0. Size and offset are taken modulo 65536, as the exported checksum takes
-// them.
+// Returns whether the checksum stored at an offset from the start of the message is right. A truncated checksum never
+// matches; its missing bytes count as 0. Size and offset are taken modulo 65536, as by the exported checksum.
 static bool _IsChecksumRight(const BYTE* message, int nUAVSize, size_t offset) {
   const WORD calculated = CalcKlvChecksum16Ex(message, static_cast<WORD>(nUAVSize), static_cast<WORD>(offset));
   const size_t bytesLeft = static_cast<size_t>(nUAVSize) - offset;
@@ -259,7 +258,7 @@ static constexpr const char* kSecurityClassifications[] = {
     "Unknown", "UNCLASSIFIED", "RESTRICTED", "CONFIDENTIAL", "SECRET", "TOP SECRET",
 };
 
-// Of element 2 (classifying country); element 12 (object country) has another table in ST 0102.
+// The methods of element 2 (classifying country); element 12 (object country) has another table in ST 0102.
 // KEPT: rows 8 and 9 carry the misspelt word; hosts compare with it.
 static constexpr const char* kCountryCodingMethods[] = {
     "Unknown",

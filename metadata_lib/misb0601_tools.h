@@ -1,4 +1,4 @@
-// Private side of the UAS Local Set tools: what the rewriting needs of them besides the exported functions.
+// Private side of the UAS Local Set tools: the functions that the rewriting needs besides the exported ones.
 #ifndef MISB0601_TOOLS_H
 #define MISB0601_TOOLS_H
 
@@ -23,31 +23,31 @@ static_assert(offsetof(MISSION_ID_KLV, acMissionID) == kKLVElementHeader);
 enum tagKLV_SIZE_RESULT {
   KLV_SIZE_OK = 0,
   KLV_SIZE_UNSUPPORTED = 1,  // a length form other than short or 1 to 4 length bytes, or a malformed tag
-  KLV_SIZE_CUT = 2           // tag or length field does not lie inside the bytes left
+  KLV_SIZE_CUT = 2           // the data end inside the tag or length field
 };
 
-// Whether tags of local sets are BER-OID, so that items from 128 on have tags of two to four bytes. KEPT: FALSE, tags
-// are one byte, unless /etc/hostos.ini says otherwise. Written by METADATALIB_Init before the metadata thread exists,
-// read-only after that.
+// TRUE if tags of local sets are BER-OID, so that items from 128 on have tags of two to four bytes. METADATALIB_Init
+// sets it before the metadata thread exists; read-only after that. KEPT: FALSE, for tags of one byte, unless
+// /etc/hostos.ini says otherwise.
 extern BOOL _g_bExtendedTags;
 
-// Reads that option: key "ExtendedTags", section "UASLocalSet". Called by METADATALIB_Init.
+// Reads that option from the key "ExtendedTags" of the section "UASLocalSet". Called by METADATALIB_Init.
 void _ReadExtendedTagsOption();
 
-// An element's tag and sizes. Only nTag and FirstLength mean anything if the element could not be read.
+// An element's tag and sizes. If the element could not be read, only nTag and FirstLength are valid.
 struct KLV_ELEMENT_INFO {
-  UINT32 nTag;         // the first byte of a tag that is malformed or cut
-  BYTE FirstLength;    // first byte of the length field, 0 when that lies outside
+  UINT32 nTag;         // the tag, or the first byte of a malformed or truncated one
+  BYTE FirstLength;    // first byte of the length field, 0 if that lies outside the data
   size_t nTagSize;     // bytes of the tag
   size_t nHeaderSize;  // bytes of tag and length field
   size_t nSize;        // bytes of the whole element
 };
 
-// Reads tag and length of the element at pcElement, of which only sizeLeft bytes may be read. Does not look at the value,
-// which may run past them. Logs a length form that is not supported if log is set.
+// Reads tag and length of the element at pcElement, of which only sizeLeft bytes may be read, but not its value, which
+// may run past them. Logs an unsupported length form if log is set.
 tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t sizeLeft, bool log, KLV_ELEMENT_INFO* info);
 
-// The host's names, for tags of any size; never NULL.
+// Return the host's names, for tags of any size; never NULL.
 const char* _GetUAVTagName(UINT32 nTag);
 const char* _GetSecurityTagName(UINT32 nTag);
 

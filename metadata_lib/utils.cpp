@@ -19,7 +19,7 @@
 #include "md_log.h"
 
 // =====================================================================================================
-// 1. Metadata buffers. Allocated on the metadata thread (and by whoever uses the exported calls), released on any
+// 1. Metadata buffers. Allocated on the metadata thread (and by callers of the exported functions), released on any
 //    thread. The reference count only changes atomically, so that an encoder's increment needs no lock.
 // =====================================================================================================
 
@@ -29,7 +29,7 @@ int32_t _g_nMaxAllocatedBuffers = 0;
 // Serialises releases. Recursive, so that a host's assertion handler may release a buffer itself.
 static pthread_mutex_t _g_BufferMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
-// KEPT: the counters change without the mutex here and with it held in the release; they only feed the log line.
+// KEPT: the counters change without the mutex here and under it in the release; they only feed the log line.
 static void _CountAllocation(const char* szFunction, int nLine) {
   const int32_t nNow = MdAddFetch(_g_nAllocatedBuffers, 1);
   if (nNow <= MdLoad(_g_nMaxAllocatedBuffers)) return;
@@ -38,8 +38,8 @@ static void _CountAllocation(const char* szFunction, int nLine) {
     _DoDbgPrintEx(g_hMetaDataLibDbg, 6, szFunction, MD_MODULE, nLine, "Max alloc buffers now at %d.\n", nNow);
 }
 
-// Allocates the block of all three allocations. Returns NULL, without logging, if out of memory or if a size is negative
-// or overflows.
+// Allocates the block of all three allocations. Returns NULL, without logging, if out of memory or if a size is
+// negative or overflows.
 static MDATA_BUFFER* _AllocBlock(int nDataSize, int nReservedSpace, const char* szFunction, int nLine) {
   if (nDataSize < 0 || nReservedSpace < 0) return nullptr;
   const int64_t nTotal = int64_t{nDataSize} + nReservedSpace + static_cast<int64_t>(sizeof(MDATA_BUFFER));
@@ -138,7 +138,7 @@ UINT ScanForPattern(const void* pvInData, int nInDataSize, const void* pvPattern
       *pnMatchOffset = nCandidate;
       return static_cast<UINT>(nMatched);
     }
-    nPosition = nCandidate + nMatched;  // KEPT: goes on at the byte that differed; A A B is not found in A A A B
+    nPosition = nCandidate + nMatched;  // KEPT: continues at the byte that differed; A A B is not found in A A A B
   }
   return 0;
 }

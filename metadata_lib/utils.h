@@ -4,7 +4,7 @@
 
 #include "metadata_lib.h"
 
-// Buffers allocated now, and the most there ever were. Relaxed atomics: they only feed one log line.
+// Buffers allocated now, and the highest number so far. Relaxed atomics: they only feed one log line.
 extern int32_t _g_nAllocatedBuffers;
 extern int32_t _g_nMaxAllocatedBuffers;
 
