@@ -145,7 +145,7 @@ static void _StoreChecksum(BYTE* packet, int packetLength) {
 
 // Closes a packet whose length needs the long form: copies it to a second buffer, behind a longer length field.
 static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* instance, const cvtXmlMsg* message, int length,
-                            MDATA_BUFFER** ppBuffer) {
+                            MDATA_BUFFER** out) {
   MdBufferRef buffer;
   if (!DoAllocBuffer(kCvtLongBufferSize, buffer.Out())) {
     MD_LOG(0, "malloc() failed !\n");
@@ -169,7 +169,7 @@ static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* instance, const cvtXmlMsg* 
   const int packetLength = kCvtKeySize + 1 + lengthBytes + length;
   _StoreChecksum(packet, packetLength);
   buffer->nDataSize = packetLength;
-  *ppBuffer = buffer.Release();
+  *out = buffer.Release();
   cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
   MD_LOG(7, "return KLV with len = %d !\n", packetLength);
   return packetLength;
@@ -177,7 +177,7 @@ static int _CloseLongPacket(CONVERTER_INSTANCE_DATA* instance, const cvtXmlMsg* 
 
 // Closes the packet and passes it to the caller, who tests the buffer. No message is pending afterwards. Returns the
 // size of the packet.
-static int _ClosePacket(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message, MDATA_BUFFER** ppBuffer) {
+static int _ClosePacket(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message, MDATA_BUFFER** out) {
   BYTE* packet = message->pKlvPacket;
   packet[message->curKlvLen] = kTagChecksum;
   packet[message->curKlvLen + 1] = 2;
@@ -185,7 +185,7 @@ static int _ClosePacket(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message, M
   const int packetLength = message->curKlvLen;
   const int length = packetLength - kCvtKeySize - 1;
   if (length > kShortFormLimit) {
-    if (_g_bAllItemsSupport) return _CloseLongPacket(instance, message, length, ppBuffer);
+    if (_g_bAllItemsSupport) return _CloseLongPacket(instance, message, length, out);
     MD_LOG(3, "long form length not implemented yet!\n");  // KEPT
     cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
     return -1;
@@ -195,7 +195,7 @@ static int _ClosePacket(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message, M
   _StoreChecksum(packet, packetLength);
   message->pBuffer->nDataSize = packetLength;
   message->freePktMemFlag = 0;
-  *ppBuffer = message->pBuffer;
+  *out = message->pBuffer;
   MD_LOG(7, "return KLV with len = %d !\n", packetLength);
   cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
   return packetLength;
@@ -961,25 +961,25 @@ static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* instance, const cvtCotF
 
 // Makes a terminated copy of the input: a datagram has no terminator, and the rest of an older one must not complete
 // it. Returns false if out of memory.
-static bool _CopyEvent(CONVERTER_INSTANCE_DATA* instance, const BYTE* pvInputData, int nInDataSize) {
-  if (nInDataSize >= instance->nEventCapacity) {
+static bool _CopyEvent(CONVERTER_INSTANCE_DATA* instance, const BYTE* inputData, int inputSize) {
+  if (inputSize >= instance->nEventCapacity) {
     free(instance->szEvent);
     instance->nEventCapacity = 0;
-    const size_t capacity = static_cast<size_t>(nInDataSize) + 1;
+    const size_t capacity = static_cast<size_t>(inputSize) + 1;
     instance->szEvent = static_cast<char*>(malloc(capacity));
     if (instance->szEvent == nullptr) {
       MD_LOG(3, "malloc() failed !\n");
       return false;
     }
-    instance->nEventCapacity = nInDataSize + (nInDataSize < INT_MAX ? 1 : 0);
+    instance->nEventCapacity = inputSize + (inputSize < INT_MAX ? 1 : 0);
   }
-  memcpy(instance->szEvent, pvInputData, static_cast<size_t>(nInDataSize));
-  instance->szEvent[nInDataSize] = '\0';
+  memcpy(instance->szEvent, inputData, static_cast<size_t>(inputSize));
+  instance->szEvent[inputSize] = '\0';
   return true;
 }
 
-static bool _CutEvent(const CONVERTER_INSTANCE_DATA* instance, int nInDataSize, CotSlice* event, CotSlice* tag) {
-  const CotSlice input = {instance->szEvent, static_cast<uint32_t>(nInDataSize)};
+static bool _CutEvent(const CONVERTER_INSTANCE_DATA* instance, int inputSize, CotSlice* event, CotSlice* tag) {
+  const CotSlice input = {instance->szEvent, static_cast<uint32_t>(inputSize)};
   if (!_FindSlice(input, "<event", "</event>", event)) {
     MD_LOG(7, "not found whole msg!\n");
     return false;
@@ -1077,8 +1077,7 @@ static int _ConvertEvent(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, c
 }
 
 // Adds a classified event to its message, and closes the packet if the event was the second one.
-static int _AddEvent(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const CotSlice& event,
-                     MDATA_BUFFER** ppBuffer) {
+static int _AddEvent(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const CotSlice& event, MDATA_BUFFER** out) {
   cvtCotField time;
   if (!_FindTime(event, &time)) return -1;
   bool paired = false;
@@ -1098,7 +1097,7 @@ static int _AddEvent(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const
     return 0;
   }
   if (_g_bAllItemsSupport) cvt_addSPISensorItems(instance, message);
-  return _ClosePacket(instance, message, ppBuffer);
+  return _ClosePacket(instance, message, out);
 }
 
 int ConvertCoT2KLV(HCONVERTER hConv, const BYTE* pvInputData, int nInDataSize, MDATA_BUFFER** ppBuffer) {

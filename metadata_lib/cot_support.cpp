@@ -77,30 +77,30 @@ COT_STATS* COT_GetStatsPtr(void* pvCtxt) {
 // ======================================================================================================
 // Called by the frame decoder with a complete header. No state.
 
-WORD _CalcLengthCheck(WORD wLength) {
-  const WORD wCheck = static_cast<WORD>((0x10000u - wLength) * 2u);
-  MD_LOG(7, "Checksum for %d is 0x%04X\n", wLength, wCheck);
-  return wCheck;
+WORD _CalcLengthCheck(WORD length) {
+  const WORD check = static_cast<WORD>((0x10000u - length) * 2u);
+  MD_LOG(7, "Checksum for %d is 0x%04X\n", length, check);
+  return check;
 }
 
-static BOOL _GetIdenticalLength(const SERDATA_COT_HEADER* pHeader, int* pnLength) {
+static BOOL _GetIdenticalLength(const SERDATA_COT_HEADER* header, int* length) {
   MD_LOG(7, "All lengths and CRCs are identical\n");
-  const WORD wCheck = _CalcLengthCheck(pHeader->wLengthValue1);
-  if (wCheck != pHeader->wLengthCRC1) {
-    MD_LOG(4, "Calculated checksum on length of %d, 0x%04X doesn't match header's 0x%04X\n", pHeader->wLengthValue1,
-           wCheck, pHeader->wLengthCRC1);
+  const WORD check = _CalcLengthCheck(header->wLengthValue1);
+  if (check != header->wLengthCRC1) {
+    MD_LOG(4, "Calculated checksum on length of %d, 0x%04X doesn't match header's 0x%04X\n", header->wLengthValue1,
+           check, header->wLengthCRC1);
     return FALSE;
   }
-  *pnLength = pHeader->wLengthValue1;
-  MD_LOG(7, "length of data is %d bytes\n", *pnLength);
+  *length = header->wLengthValue1;
+  MD_LOG(7, "length of data is %d bytes\n", *length);
   return TRUE;
 }
 
-BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* pHeader, int* pnLength) {
-  const SERDATA_COT_HEADER& h = *pHeader;
+BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* header, int* length) {
+  const SERDATA_COT_HEADER& h = *header;
   if (h.wLengthValue1 == h.wLengthValue2 && h.wLengthValue2 == h.wLengthValue3 && h.wLengthCRC1 == h.wLengthCRC2 &&
       h.wLengthCRC2 == h.wLengthCRC3) {
-    return _GetIdenticalLength(pHeader, pnLength);
+    return _GetIdenticalLength(header, length);
   }
 
   // KEPT: the lines show check words as LV and lengths as CRC; log readers know them as they are.
@@ -110,18 +110,18 @@ BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* pHeader, int* pnLength) {
 
   // KEPT: there is no majority vote; the first copy with a correct check word wins.
   if (_CalcLengthCheck(h.wLengthValue1) == h.wLengthCRC1) {
-    *pnLength = h.wLengthValue1;
-    MD_LOG(4, "First length %d and checksum is OK\n", *pnLength);
+    *length = h.wLengthValue1;
+    MD_LOG(4, "First length %d and checksum is OK\n", *length);
     return TRUE;
   }
   if (_CalcLengthCheck(h.wLengthValue2) == h.wLengthCRC2) {
-    *pnLength = h.wLengthValue2;
-    MD_LOG(4, "Second length %d and checksum are OK\n", *pnLength);
+    *length = h.wLengthValue2;
+    MD_LOG(4, "Second length %d and checksum are OK\n", *length);
     return TRUE;
   }
   if (_CalcLengthCheck(h.wLengthValue3) == h.wLengthCRC3) {
-    *pnLength = h.wLengthValue3;
-    MD_LOG(4, "Third length %d and checksum are OK\n", *pnLength);
+    *length = h.wLengthValue3;
+    MD_LOG(4, "Third length %d and checksum are OK\n", *length);
     return TRUE;
   }
   MD_LOG(4, "None of the length-checksums match!!!\n");
@@ -151,34 +151,34 @@ enum class Step {
 
 // One slice while the decoder processes it.
 struct Slice {
-  Slice(COT_DECODE_CONTEXT* pContext, const BYTE* data, int length)
-      : pCtxt(pContext),
-        pcData(data),
-        nLength(length),
-        held(pContext->DecodeBuffer, kCoTDecodeBufferSize, nStart, pContext->nStoredAmount) {}
+  Slice(COT_DECODE_CONTEXT* context, const BYTE* data, int length)
+      : pCtxt(context),
+        input(data),
+        size(length),
+        held(context->DecodeBuffer, kCoTDecodeBufferSize, start, context->nStoredAmount) {}
 
   COT_DECODE_CONTEXT* const pCtxt;
-  const BYTE* const pcData;  // fits behind the held bytes
-  const int nLength;         // at least 1
-  int32_t nStart = 0;        // of the bytes held; 0 again at the end of the slice
+  const BYTE* const input;  // fits behind the held bytes
+  const int size;           // at least 1
+  int32_t start = 0;        // of the bytes held; 0 again at the end of the slice
   MdSyncBuffer held;
-  int nMatched = 0;  // bytes of the sync pattern at the front
+  int matched = 0;  // bytes of the sync pattern at the front
 };
 
 }  // namespace
 
 static constexpr MdSyncPattern kCoTSync = {kCoTSyncPattern, kCoTSyncSize};
 
-static Step _Wait(Slice& s, tagCOT_DECODE_STATE enState) {
-  s.pCtxt->enState = enState;
+static Step _Wait(Slice& s, tagCOT_DECODE_STATE state) {
+  s.pCtxt->enState = state;
   return Step::kWait;
 }
 
 static Step _ScanChunk(Slice& s) {
   MD_LOG(7, "Received data in SCANNING_FOR_HEADER state\n");
-  s.nMatched = s.held.ScanChunk(s.pcData, s.nLength, kCoTSync);
-  MD_LOG(7, "ScanForPattern returned %d\n", s.nMatched);
-  if (s.nMatched != 0) return Step::kSyncFound;
+  s.matched = s.held.ScanChunk(s.input, s.size, kCoTSync);
+  MD_LOG(7, "ScanForPattern returned %d\n", s.matched);
+  if (s.matched != 0) return Step::kSyncFound;
   s.held.Clear();
   MD_LOG(7, "Resetting INPUT BUFFER\n");
   return Step::kWait;
@@ -187,31 +187,31 @@ static Step _ScanChunk(Slice& s) {
 static Step _ContinueSync(Slice& s) {
   MD_LOG(7, "Received data in IN_PARTIAL_SYNC state\n");
   int compared = 0;
-  if (!s.held.ContinuesPattern(s.pcData, s.nLength, kCoTSync, &compared)) {
-    s.held.Restart(s.pcData, s.nLength);
+  if (!s.held.ContinuesPattern(s.input, s.size, kCoTSync, &compared)) {
+    s.held.Restart(s.input, s.size);
     return Step::kRescan;
   }
-  s.held.Append(s.pcData, s.nLength);
+  s.held.Append(s.input, s.size);
   if (s.held.Stored() < kCoTSyncSize) return Step::kWait;
-  s.nMatched = kCoTSyncSize;
+  s.matched = kCoTSyncSize;
   return Step::kSyncFound;
 }
 
 static Step _ContinueLength(Slice& s) {
   MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");
-  s.held.Append(s.pcData, s.nLength);
+  s.held.Append(s.input, s.size);
   return s.held.Stored() >= kCoTHeaderSize ? Step::kReadLength : Step::kWait;
 }
 
 static Step _ContinueData(Slice& s) {
   MD_LOG(7, "Received data in GATHERING_DATA state\n");
-  s.held.Append(s.pcData, s.nLength);
-  const int nMsgSize = s.pCtxt->nMsgSize;
-  if (s.held.Stored() < nMsgSize) {
-    MD_LOG(7, "Still missing %d out of %d bytes of data\n", nMsgSize - s.held.Stored(), nMsgSize);
+  s.held.Append(s.input, s.size);
+  const int messageSize = s.pCtxt->nMsgSize;
+  if (s.held.Stored() < messageSize) {
+    MD_LOG(7, "Still missing %d out of %d bytes of data\n", messageSize - s.held.Stored(), messageSize);
     return Step::kWait;
   }
-  MD_LOG(7, "Got the full %u bytes long message\n", static_cast<unsigned>(nMsgSize));
+  MD_LOG(7, "Got the full %u bytes long message\n", static_cast<unsigned>(messageSize));
   return Step::kDecode;
 }
 
@@ -230,12 +230,12 @@ static Step _Enter(Slice& s) {
 
 static Step _Rescan(Slice& s) {
   int offset = 0;
-  s.nMatched = s.held.Rescan(kCoTSync, &offset);
-  return s.nMatched == 0 ? _Wait(s, COT_SCANNING_FOR_HEADER) : Step::kSyncFound;
+  s.matched = s.held.Rescan(kCoTSync, &offset);
+  return s.matched == 0 ? _Wait(s, COT_SCANNING_FOR_HEADER) : Step::kSyncFound;
 }
 
 static Step _SyncFound(Slice& s) {
-  if (s.nMatched < kCoTSyncSize) {
+  if (s.matched < kCoTSyncSize) {
     MD_LOG(7, "Switching to IN_PARTIAL_SYNC state\n");
     return _Wait(s, COT_IN_PARTIAL_SYNC);
   }
@@ -246,19 +246,19 @@ static Step _SyncFound(Slice& s) {
 // KEPT: after a header without a valid length only the sync pattern is discarded, and nothing is counted.
 static Step _ReadLength(Slice& s) {
   MD_LOG(7, "Also got the 3 lengths and CRCs\n");
-  SERDATA_COT_HEADER Header;
-  memcpy(&Header, s.held.Front(), sizeof(Header));
-  int nLength = 0;
-  BOOL bTrusted = _GetCoTMessageLength(&Header, &nLength);
-  if (bTrusted && nLength > kCoTDecodeBufferSize - kCoTHeaderSize) {
-    MD_LOG(4, "Frame with %d bytes of data is larger than the decode buffer\n", nLength);
-    bTrusted = FALSE;
+  SERDATA_COT_HEADER header;
+  memcpy(&header, s.held.Front(), sizeof(header));
+  int length = 0;
+  BOOL trusted = _GetCoTMessageLength(&header, &length);
+  if (trusted && length > kCoTDecodeBufferSize - kCoTHeaderSize) {
+    MD_LOG(4, "Frame with %d bytes of data is larger than the decode buffer\n", length);
+    trusted = FALSE;
   }
-  if (!bTrusted) {
+  if (!trusted) {
     s.held.Drop(kCoTSyncSize);
     return Step::kRescan;
   }
-  s.pCtxt->nMsgSize = nLength + kCoTHeaderSize;
+  s.pCtxt->nMsgSize = length + kCoTHeaderSize;
   if (s.held.Stored() < s.pCtxt->nMsgSize) {
     MD_LOG(7, "Missing %d bytes of data\n", s.pCtxt->nMsgSize - s.held.Stored());
     return _Wait(s, COT_GATHERING_DATA);
@@ -281,13 +281,13 @@ static Step _Decode(Slice& s) {
 }
 
 static Step _KeepRest(Slice& s) {
-  const int nExtra = s.held.Stored() - s.pCtxt->nMsgSize;
-  if (nExtra == 0) {
+  const int extra = s.held.Stored() - s.pCtxt->nMsgSize;
+  if (extra == 0) {
     MD_LOG(7, "Resetting INPUT BUFFER\n");
     s.held.Clear();
     return _Wait(s, COT_SCANNING_FOR_HEADER);
   }
-  MD_LOG(7, "RECEIVED %d EXTRA BYTE\n", nExtra);
+  MD_LOG(7, "RECEIVED %d EXTRA BYTE\n", extra);
   s.held.Drop(s.pCtxt->nMsgSize);
   return Step::kRescan;
 }
@@ -312,9 +312,9 @@ static Step _Run(Slice& s, Step step) {
 
 // Returns the size of the next slice, which fits behind the held bytes. There is always room for a byte: a held frame
 // is incomplete, and a frame is never larger than the buffer.
-static int _SliceSize(const COT_DECODE_CONTEXT* pCtxt, int nLeft) {
+static int _SliceSize(const COT_DECODE_CONTEXT* pCtxt, int left) {
   const int room = kCoTDecodeBufferSize - pCtxt->nStoredAmount;
-  return nLeft < room ? nLeft : room;
+  return left < room ? left : room;
 }
 
 static void _RunSlice(Slice& s) {
@@ -326,11 +326,11 @@ int COT_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   auto* pCtxt = static_cast<COT_DECODE_CONTEXT*>(pvCtxt);
   if (nLength <= 0) return 0;
   MdAddFetch(pCtxt->Stats.nTotalRxBytes, nLength);
-  int nDone = 0;
-  while (nDone < nLength) {
-    Slice s(pCtxt, pvData + nDone, _SliceSize(pCtxt, nLength - nDone));
+  int done = 0;
+  while (done < nLength) {
+    Slice s(pCtxt, pvData + done, _SliceSize(pCtxt, nLength - done));
     _RunSlice(s);
-    nDone += s.nLength;
+    done += s.size;
   }
   return 0;
 }
@@ -343,58 +343,58 @@ int COT_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
 
 // KEPT: the check bits are skipped, nothing is corrected; errors are found by the CRC only.
 void _DoReedSolomon(const BYTE* pcInData, BYTE* pcOutBuffer, int nOutDataSize) {
-  int nInputBitOffset = 0;
-  int nOutputBitOffset = 0;
-  while (nOutputBitOffset < nOutDataSize * 8) {
-    ExtractBits(pcInData, &nInputBitOffset, pcOutBuffer, &nOutputBitOffset, kCodewordDataBits);
-    nInputBitOffset += kCodewordCheckBits;
+  int inputBitOffset = 0;
+  int outputBitOffset = 0;
+  while (outputBitOffset < nOutDataSize * 8) {
+    ExtractBits(pcInData, &inputBitOffset, pcOutBuffer, &outputBitOffset, kCodewordDataBits);
+    inputBitOffset += kCodewordCheckBits;
   }
   MD_DUMP(8, "Decoded Data", pcOutBuffer, nOutDataSize);
 }
 
 // Reads the block length directly: the code is systematic, so the data bits are in the clear.
-static WORD _GetBlockLength(const BYTE* pcData, int nSize) {
-  if (nSize < kBlockLengthSize) return 0;
-  return static_cast<WORD>(pcData[0] | pcData[1] << 8);
+static WORD _GetBlockLength(const BYTE* data, int size) {
+  if (size < kBlockLengthSize) return 0;
+  return static_cast<WORD>(data[0] | data[1] << 8);
 }
 
 BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
-  const int nBlockLength = _GetBlockLength(pcData, nSize);
-  MD_LOG(7, "%d bytes of data to extract in packed FEC of %d bytes\n", nBlockLength, nSize);
-  const int nCodewords = nSize * 8 / kCodewordBits;
-  MD_LOG(7, "%d 155 bit codewords with %d bits remaining\n", nCodewords, nSize * 8 - nCodewords * kCodewordBits);
-  const int nDataBytes = nCodewords * kCodewordDataBits / 8;
-  MD_LOG(7, "There should be %d bytes of data in message (remainder=%d)\n", nDataBytes,
-         nCodewords * kCodewordDataBits % 8);
+  const int blockLength = _GetBlockLength(pcData, nSize);
+  MD_LOG(7, "%d bytes of data to extract in packed FEC of %d bytes\n", blockLength, nSize);
+  const int codewords = nSize * 8 / kCodewordBits;
+  MD_LOG(7, "%d 155 bit codewords with %d bits remaining\n", codewords, nSize * 8 - codewords * kCodewordBits);
+  const int dataBytes = codewords * kCodewordDataBits / 8;
+  MD_LOG(7, "There should be %d bytes of data in message (remainder=%d)\n", dataBytes,
+         codewords * kCodewordDataBits % 8);
 
   // The length counts its own two bytes, so a smaller one is as wrong as one that is too large. KEPT: not counted.
-  if (nBlockLength > nDataBytes || nBlockLength < kBlockLengthSize) {
-    MD_LOG(4, "Estimated worst case data bytes %d smaller than actual %d\n", nDataBytes, nBlockLength);
+  if (blockLength > dataBytes || blockLength < kBlockLengthSize) {
+    MD_LOG(4, "Estimated worst case data bytes %d smaller than actual %d\n", dataBytes, blockLength);
     return FALSE;
   }
 
-  // The last codeword ends less than a byte behind nDataBytes, the CRC at most two bytes behind it.
-  MdBufferRef Block;
-  if (!DoAllocBuffer(nDataBytes + 3, Block.Out())) return FALSE;
-  _DoReedSolomon(pcData, Block->pcData, nDataBytes);
+  // The last codeword ends less than a byte behind dataBytes, the CRC at most two bytes behind it.
+  MdBufferRef block;
+  if (!DoAllocBuffer(dataBytes + 3, block.Out())) return FALSE;
+  _DoReedSolomon(pcData, block->pcData, dataBytes);
 
-  const BYTE* pcBlock = Block->pcData;
-  const int nMessageSize = nBlockLength - kBlockLengthSize;
-  const WORD wComputed = CalcCRC16(pcBlock + kBlockLengthSize, nMessageSize);
-  MD_LOG(7, "Calculated CRC for data is 0x%04X\n", wComputed);
-  const WORD wStored = static_cast<WORD>(pcBlock[nBlockLength] << 8 | pcBlock[nBlockLength + 1]);
-  if (wStored != wComputed) {
-    const ULONG nCorrupted = MdAddFetch(pCtxt->Stats.nRxCorruptedMessages, 1);
-    MD_LOG(4, "CRC DOES NOT MATCH In=0x%04X vs Calc=0x%04X!!!\n", wStored, wComputed);
-    _LogLostXMLEvent(nCorrupted);
+  const BYTE* blockBytes = block->pcData;
+  const int messageSize = blockLength - kBlockLengthSize;
+  const WORD computed = CalcCRC16(blockBytes + kBlockLengthSize, messageSize);
+  MD_LOG(7, "Calculated CRC for data is 0x%04X\n", computed);
+  const WORD stored = static_cast<WORD>(blockBytes[blockLength] << 8 | blockBytes[blockLength + 1]);
+  if (stored != computed) {
+    const ULONG corrupted = MdAddFetch(pCtxt->Stats.nRxCorruptedMessages, 1);
+    MD_LOG(4, "CRC DOES NOT MATCH In=0x%04X vs Calc=0x%04X!!!\n", stored, computed);
+    _LogLostXMLEvent(corrupted);
     return FALSE;
   }
 
   MD_LOG(7, "CRC is OK!!!\n");
-  Block->pcData += kBlockLengthSize;
-  Block->nDataSize = nMessageSize;
+  block->pcData += kBlockLengthSize;
+  block->nDataSize = messageSize;
   // KEPT: the frame counts as received even if the ARQ header is wrong.
-  _ProcessARQ(pCtxt, Block.Get());
+  _ProcessARQ(pCtxt, block.Get());
   return TRUE;
 }
 
@@ -405,24 +405,24 @@ BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
 // reference of its own to keep the buffer.
 
 // Returns a byte of the ARQ message; 0 past the end, which is never a valid header byte.
-static BYTE _GetArqByte(const MDATA_BUFFER* pBuff, int nIndex) {
-  return nIndex < pBuff->nDataSize ? pBuff->pcData[nIndex] : BYTE{0};
+static BYTE _GetArqByte(const MDATA_BUFFER* buffer, int index) {
+  return index < buffer->nDataSize ? buffer->pcData[index] : BYTE{0};
 }
 
 BOOL _ProcessARQ(COT_DECODE_CONTEXT* pCtxt, MDATA_BUFFER* pBuff) {
-  const BYTE cFirst = _GetArqByte(pBuff, 0);
-  if (cFirst != 'U') {
-    MD_LOG(4, "First byte of ARQ message is not 'U' but %c (0x%02x)\n", cFirst, cFirst);
+  const BYTE first = _GetArqByte(pBuff, 0);
+  if (first != 'U') {
+    MD_LOG(4, "First byte of ARQ message is not 'U' but %c (0x%02x)\n", first, first);
     return FALSE;
   }
-  const BYTE cSecond = _GetArqByte(pBuff, 1);
-  if (cSecond != '#') {
-    MD_LOG(4, "2nd byte of ARQ message is not '#' but %c (0x%02x)\n", cSecond, cSecond);
+  const BYTE second = _GetArqByte(pBuff, 1);
+  if (second != '#') {
+    MD_LOG(4, "2nd byte of ARQ message is not '#' but %c (0x%02x)\n", second, second);
     return FALSE;
   }
-  const BYTE cChannel = _GetArqByte(pBuff, 2);
-  if (cChannel != '1') {
-    MD_LOG(4, "This message is not on channel 1 but %c (0x%02x)\n", cChannel, cChannel);
+  const BYTE channel = _GetArqByte(pBuff, 2);
+  if (channel != '1') {
+    MD_LOG(4, "This message is not on channel 1 but %c (0x%02x)\n", channel, channel);
     return FALSE;
   }
   MdAddFetch(pCtxt->Stats.nRxChannel1Messages, 1);

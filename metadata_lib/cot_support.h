@@ -84,9 +84,9 @@ typedef struct tagCOT_DECODE_CONTEXT {
 // --- Frame decoder -----------------------------------------------------------------------------------
 
 // Returns minus twice the length, modulo 65536.
-WORD _CalcLengthCheck(WORD wLength);
+WORD _CalcLengthCheck(WORD length);
 // Selects the first of the header's three lengths that its own check word confirms. Returns FALSE if there is none.
-BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* pHeader, int* pnLength);
+BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* header, int* length);
 
 // --- ARQ and codewords -------------------------------------------------------------------------------
 

@@ -26,8 +26,8 @@
 
 static const BYTE KLVSyncPattern[kKLVSyncSize] = {0x06, 0x0E, 0x2B, 0x34, 0x02};
 
-static KLV_DECODE_CONTEXT* _Context(void* pvCtxt) {
-  return static_cast<KLV_DECODE_CONTEXT*>(pvCtxt);
+static KLV_DECODE_CONTEXT* _Context(void* context) {
+  return static_cast<KLV_DECODE_CONTEXT*>(context);
 }
 
 BOOL AllocKlvDecodeContext(void** ppvContext, KLV_RX_HANDLER pfnRxHandler, void* pvUserParam1) {
@@ -38,9 +38,9 @@ BOOL AllocKlvDecodeContext(void** ppvContext, KLV_RX_HANDLER pfnRxHandler, void*
   pCtxt->pfnRxHandler = pfnRxHandler;
   pCtxt->pvUserParam1 = pvUserParam1;
   // The buffer holds the largest message and a slice behind it; the assertion text keeps its historical size.
-  const BOOL bAllocated = DoAllocBuffer(kKLVDecodeCapacity, &pCtxt->pDecodeBuffer);
-  MD_ASSERT_TEXT(bAllocated, "AllocBuffer(65536, &pCtxt->pDecodeBuffer)");
-  if (bAllocated) pCtxt->DecodeBuffer = pCtxt->pDecodeBuffer->pcData;
+  const BOOL allocated = DoAllocBuffer(kKLVDecodeCapacity, &pCtxt->pDecodeBuffer);
+  MD_ASSERT_TEXT(allocated, "AllocBuffer(65536, &pCtxt->pDecodeBuffer)");
+  if (allocated) pCtxt->DecodeBuffer = pCtxt->pDecodeBuffer->pcData;
   return TRUE;
 }
 
@@ -58,25 +58,25 @@ BOOL FreeKlvDecodeContext(void** ppvContext) {
 
 // KEPT: the caller's nRxChannel1Messages is not changed; the field only makes the record similar to COT_STATS.
 BOOL GenericKLV_GetStats(void* pvCtxt, KLV_STATS* pStats) {
-  const KLV_STATS& Stats = _Context(pvCtxt)->Stats;
-  pStats->nTotalRxBytes = MdLoad(Stats.nTotalRxBytes);
-  pStats->nRxOkMessages = MdLoad(Stats.nRxOkMessages);
-  pStats->nRxCorruptedMessages = MdLoad(Stats.nRxCorruptedMessages);
+  const KLV_STATS& stats = _Context(pvCtxt)->Stats;
+  pStats->nTotalRxBytes = MdLoad(stats.nTotalRxBytes);
+  pStats->nRxOkMessages = MdLoad(stats.nRxOkMessages);
+  pStats->nRxCorruptedMessages = MdLoad(stats.nRxCorruptedMessages);
   return TRUE;
 }
 
 void GenericKLV_ResetStats(void* pvCtxt) {
-  KLV_STATS& Stats = _Context(pvCtxt)->Stats;
-  MdStore(Stats.nTotalRxBytes, 0);
-  MdStore(Stats.nRxOkMessages, 0);
-  MdStore(Stats.nRxCorruptedMessages, 0);
+  KLV_STATS& stats = _Context(pvCtxt)->Stats;
+  MdStore(stats.nTotalRxBytes, 0);
+  MdStore(stats.nRxOkMessages, 0);
+  MdStore(stats.nRxCorruptedMessages, 0);
 }
 
 void GenericKLV_SetStats(void* pvCtxt, const MDATA_SRC_STATS* pStats) {
-  KLV_STATS& Stats = _Context(pvCtxt)->Stats;
-  MdStore(Stats.nTotalRxBytes, pStats->nRxBytes);
-  MdStore(Stats.nRxOkMessages, pStats->nRxOkMessages);
-  MdStore(Stats.nRxCorruptedMessages, pStats->nRxCorruptMessages);
+  KLV_STATS& stats = _Context(pvCtxt)->Stats;
+  MdStore(stats.nTotalRxBytes, pStats->nRxBytes);
+  MdStore(stats.nRxOkMessages, pStats->nRxOkMessages);
+  MdStore(stats.nRxCorruptedMessages, pStats->nRxCorruptMessages);
 }
 
 KLV_STATS* GenericKLV_GetStatsPtr(void* pvCtxt) {
@@ -108,46 +108,46 @@ enum class Step {
 
 // One slice while the decoder processes it.
 struct Slice {
-  Slice(KLV_DECODE_CONTEXT* pContext, const BYTE* data, int length)
-      : pCtxt(pContext),
-        pcData(data),
-        nLength(length),
-        held(pContext->DecodeBuffer, kKLVDecodeCapacity, pContext->nStart, pContext->nStoredAmount) {}
+  Slice(KLV_DECODE_CONTEXT* context, const BYTE* data, int length)
+      : pCtxt(context),
+        input(data),
+        size(length),
+        held(context->DecodeBuffer, kKLVDecodeCapacity, context->nStart, context->nStoredAmount) {}
 
   KLV_DECODE_CONTEXT* const pCtxt;
-  const BYTE* const pcData;  // fits behind the held bytes, which are fewer than the largest message
-  const int nLength;
+  const BYTE* const input;  // fits behind the held bytes, which are fewer than the largest message
+  const int size;
   MdSyncBuffer held;
-  int nMatched = 0;         // bytes of the sync pattern at the front
-  bool bChunkLost = false;  // the rest of the chunk is dropped
+  int matched = 0;         // bytes of the sync pattern at the front
+  bool chunkLost = false;  // the rest of the chunk is dropped
 };
 
 }  // namespace
 
 static constexpr MdSyncPattern kKLVSync = {KLVSyncPattern, kKLVSyncSize};
 
-static Step _Wait(Slice& s, tagKLV_STATE enState) {
-  s.pCtxt->enState = enState;
+static Step _Wait(Slice& s, tagKLV_STATE state) {
+  s.pCtxt->enState = state;
   return Step::kWait;
 }
 
 static Step _ScanChunk(Slice& s) {
   MD_LOG(7, "Received data in SCANNING_FOR_HEADER state\n");
   MD_DUMP(7, "Sync Pattern", KLVSyncPattern, kKLVSyncSize);
-  s.nMatched = s.held.ScanChunk(s.pcData, s.nLength, kKLVSync);
-  MD_LOG(7, "ScanForPattern returned %d\n", s.nMatched);
-  return s.nMatched == 0 ? Step::kWait : Step::kSyncFound;
+  s.matched = s.held.ScanChunk(s.input, s.size, kKLVSync);
+  MD_LOG(7, "ScanForPattern returned %d\n", s.matched);
+  return s.matched == 0 ? Step::kWait : Step::kSyncFound;
 }
 
 static Step _ContinueSync(Slice& s) {
   MD_LOG(7, "Received data in IN_PARTIAL_SYNC state\n");
   int compared = 0;
-  if (!s.held.ContinuesPattern(s.pcData, s.nLength, kKLVSync, &compared)) {
+  if (!s.held.ContinuesPattern(s.input, s.size, kKLVSync, &compared)) {
     MD_LOG(7, "No match comparing %d bytes, stored amount=%d re-scanning\n", compared, s.held.Stored());
-    s.held.Restart(s.pcData, s.nLength);
+    s.held.Restart(s.input, s.size);
     return Step::kRescan;
   }
-  s.held.Append(s.pcData, s.nLength);
+  s.held.Append(s.input, s.size);
   if (s.held.Stored() < kKLVSyncSize) {
     MD_LOG(7, "Staying in IN_PARTIAL_SYNC state\n");
     return Step::kWait;
@@ -158,25 +158,25 @@ static Step _ContinueSync(Slice& s) {
 
 static Step _ContinueKey(Slice& s) {
   MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");  // KEPT: the text of the next state
-  s.held.Append(s.pcData, s.nLength);
+  s.held.Append(s.input, s.size);
   return Step::kKeyComplete;
 }
 
 // Returns whether more than half a second has passed since the key was complete. Tested only when data arrives, never
 // by a timer.
 static bool _IsTooLate(const KLV_DECODE_CONTEXT* pCtxt) {
-  struct timeval Now = {};
-  MD_ASSERT_TEXT(gettimeofday(&Now, nullptr) == 0, "gettimeofday(&CurrentTime, NULL) == 0");
-  MD_LOG(7, "Current  %d.%03d\n", static_cast<int>(Now.tv_sec), static_cast<int>(Now.tv_usec / 1000));
-  struct timeval Interval = {};
-  CalcTimeOfDayAbsDiff(&Now, &pCtxt->MsgStartTime, &Interval);
-  MD_LOG(7, "Interval %d.%03d\n", static_cast<int>(Interval.tv_sec), static_cast<int>(Interval.tv_usec / 1000));
-  return Interval.tv_sec != 0 || Interval.tv_usec > 500000;
+  struct timeval now = {};
+  MD_ASSERT_TEXT(gettimeofday(&now, nullptr) == 0, "gettimeofday(&CurrentTime, NULL) == 0");
+  MD_LOG(7, "Current  %d.%03d\n", static_cast<int>(now.tv_sec), static_cast<int>(now.tv_usec / 1000));
+  struct timeval interval = {};
+  CalcTimeOfDayAbsDiff(&now, &pCtxt->MsgStartTime, &interval);
+  MD_LOG(7, "Interval %d.%03d\n", static_cast<int>(interval.tv_sec), static_cast<int>(interval.tv_usec / 1000));
+  return interval.tv_sec != 0 || interval.tv_usec > 500000;
 }
 
 // KEPT: the late chunk is dropped whole, but of the held bytes only the sync pattern.
 static Step _TimedOut(Slice& s) {
-  s.bChunkLost = true;
+  s.chunkLost = true;
   return Step::kDropSync;
 }
 
@@ -192,7 +192,7 @@ static Step _ContinueLength(Slice& s) {
     return _TimedOut(s);
   }
   MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");
-  s.held.Append(s.pcData, s.nLength);
+  s.held.Append(s.input, s.size);
   return _Resume(s, Step::kReadLength);
 }
 
@@ -202,7 +202,7 @@ static Step _ContinueData(Slice& s) {
     return _TimedOut(s);
   }
   MD_LOG(7, "Received data in GATHERING_DATA state\n");
-  s.held.Append(s.pcData, s.nLength);
+  s.held.Append(s.input, s.size);
   return _Resume(s, Step::kCheckCompleteness);
 }
 
@@ -210,11 +210,11 @@ static Step _ContinueData(Slice& s) {
 static Step _Enter(Slice& s) {
   switch (s.pCtxt->enState) {
     case KLV_STATE_SCANNING_FOR_HEADER:
-      return s.nLength > 0 ? _ScanChunk(s) : Step::kWait;
+      return s.size > 0 ? _ScanChunk(s) : Step::kWait;
     case KLV_STATE_IN_PARTIAL_SYNC:
-      return s.nLength > 0 ? _ContinueSync(s) : Step::kWait;
+      return s.size > 0 ? _ContinueSync(s) : Step::kWait;
     case KLV_STATE_ACQUIRING_UNIVERSAL_KEY:
-      return s.nLength > 0 ? _ContinueKey(s) : Step::kWait;
+      return s.size > 0 ? _ContinueKey(s) : Step::kWait;
     case KLV_STATE_ACQUIRING_DATA_LENGTH:
       return _ContinueLength(s);
     case KLV_STATE_ACQUIRING_DATA:
@@ -230,14 +230,14 @@ static Step _Enter(Slice& s) {
 
 static Step _Rescan(Slice& s) {
   int offset = 0;
-  s.nMatched = s.held.Rescan(kKLVSync, &offset);
-  if (s.nMatched == 0) return _Wait(s, KLV_STATE_SCANNING_FOR_HEADER);
+  s.matched = s.held.Rescan(kKLVSync, &offset);
+  if (s.matched == 0) return _Wait(s, KLV_STATE_SCANNING_FOR_HEADER);
   MD_LOG(7, "Stored amount = %d, match offset=%d\n", s.held.Stored(), offset);
   return Step::kSyncFound;
 }
 
 static Step _SyncFound(Slice& s) {
-  if (s.nMatched < kKLVSyncSize) {
+  if (s.matched < kKLVSyncSize) {
     MD_LOG(7, "Switching to IN_PARTIAL_SYNC state\n");
     return _Wait(s, KLV_STATE_IN_PARTIAL_SYNC);
   }
@@ -262,14 +262,13 @@ static Step _KeyComplete(Slice& s) {
 
 static Step _LookUpDesignator(Slice& s) {
   KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
-  const BYTE RegistryDesignator = s.held.Front()[5];
-  if (!KLV_GetFieldInfoFromRegistryDesignator(RegistryDesignator, &pCtxt->nKlvTagFieldSize,
-                                              &pCtxt->nKlvLengthFieldSize)) {
+  const BYTE designator = s.held.Front()[5];
+  if (!KLV_GetFieldInfoFromRegistryDesignator(designator, &pCtxt->nKlvTagFieldSize, &pCtxt->nKlvLengthFieldSize)) {
     MD_LOG(4, "Invalid registry designator, discarding data.\n");
     return Step::kDropSync;
   }
   MD_LOG(7, "LocalTAGFieldSize=%d , LengthFieldSize=%d for registry designator 0x%02X.\n", pCtxt->nKlvTagFieldSize,
-         pCtxt->nKlvLengthFieldSize, RegistryDesignator);
+         pCtxt->nKlvLengthFieldSize, designator);
   if (s.held.Stored() == kKLVKeySize) {
     MD_LOG(7, "Switching to ACQUIRING_DATA_LENGTH state\n");
     return _Wait(s, KLV_STATE_ACQUIRING_DATA_LENGTH);
@@ -279,10 +278,10 @@ static Step _LookUpDesignator(Slice& s) {
 
 static Step _LongFormLength(Slice& s, const MdLength& length, MdRead result) {
   KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
-  const int nBytes = static_cast<int>(length.count);
-  MD_LOG(7, "Header length field is %d bytes long\n", nBytes);
-  if (nBytes != 1 && nBytes != 2) {
-    MD_LOG(4, "Invalid long form length of %d bytes.\n", nBytes);
+  const int bytes = static_cast<int>(length.count);
+  MD_LOG(7, "Header length field is %d bytes long\n", bytes);
+  if (bytes != 1 && bytes != 2) {
+    MD_LOG(4, "Invalid long form length of %d bytes.\n", bytes);
     return Step::kDropSync;
   }
   if (result == kMdReadLengthCut) {
@@ -290,7 +289,7 @@ static Step _LongFormLength(Slice& s, const MdLength& length, MdRead result) {
            pCtxt->nHeaderSize);
     return _Wait(s, KLV_STATE_ACQUIRING_DATA_LENGTH);
   }
-  if (nBytes == 2) {
+  if (bytes == 2) {
     MD_LOG(7, "Data length for 2 bytes BER long form is %d\n", static_cast<int>(length.value));
   } else {
     MD_LOG(7, "Data length for 1 byte BER long form is %d\n", static_cast<int>(length.value));
@@ -319,9 +318,9 @@ static Step _ReadLength(Slice& s) {
 // KEPT: measured against the size of the historical allocation with its record, so that no two-byte length ever fails.
 // The buffer holds more than that.
 static Step _CheckSpace(Slice& s) {
-  const int nSpace = kKLVDecodeSize + static_cast<int>(sizeof(MDATA_BUFFER)) - s.pCtxt->nHeaderSize;
-  MD_LOG(7, "Buffer Space for data is %d bytes.\n", nSpace);
-  if (s.pCtxt->nMsgSize > nSpace) {
+  const int space = kKLVDecodeSize + static_cast<int>(sizeof(MDATA_BUFFER)) - s.pCtxt->nHeaderSize;
+  MD_LOG(7, "Buffer Space for data is %d bytes.\n", space);
+  if (s.pCtxt->nMsgSize > space) {
     MD_LOG(4, "Message size of %d bytes would overflow rx buffer.\n", s.pCtxt->nMsgSize);
     return Step::kDropSync;
   }
@@ -339,31 +338,31 @@ static Step _CheckCompleteness(Slice& s) {
 }
 
 static Step _CheckMessage(Slice& s) {
-  const BOOL bGood = _ValidateKLVMessage(s.pCtxt, s.held.Front(), s.pCtxt->nMsgSize, s.pCtxt->nHeaderSize);
-  return bGood ? Step::kDeliver : Step::kDropSync;
+  const BOOL good = _ValidateKLVMessage(s.pCtxt, s.held.Front(), s.pCtxt->nMsgSize, s.pCtxt->nHeaderSize);
+  return good ? Step::kDeliver : Step::kDropSync;
 }
 
 static Step _Deliver(Slice& s) {
   KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
   MD_ASSERT(pCtxt->pfnRxHandler != NULL);
   pCtxt->pDecodeBuffer->nDataSize = pCtxt->nMsgSize;
-  MDATA_BUFFER* pMessage = nullptr;
-  if (!DoAllocCopyBufferEx(s.held.Front(), pCtxt->nMsgSize, MDATA_STREAM_HEADER_SIZE, &pMessage)) {
+  MDATA_BUFFER* message = nullptr;
+  if (!DoAllocCopyBufferEx(s.held.Front(), pCtxt->nMsgSize, MDATA_STREAM_HEADER_SIZE, &message)) {
     MD_LOG(4, "No memory for KLV message of %d bytes.\n", pCtxt->nMsgSize);
     return Step::kKeepRest;
   }
-  if (pCtxt->pfnRxHandler != nullptr) pCtxt->pfnRxHandler(pMessage, pCtxt->pvUserParam1);
-  DoReleaseBuffer(&pMessage);
+  if (pCtxt->pfnRxHandler != nullptr) pCtxt->pfnRxHandler(message, pCtxt->pvUserParam1);
+  DoReleaseBuffer(&message);
   return Step::kKeepRest;
 }
 
 static Step _KeepRest(Slice& s) {
-  const int nExtra = s.held.Stored() - s.pCtxt->nMsgSize;
-  if (nExtra == 0) {
+  const int extra = s.held.Stored() - s.pCtxt->nMsgSize;
+  if (extra == 0) {
     s.held.Clear();
     return _Wait(s, KLV_STATE_SCANNING_FOR_HEADER);
   }
-  MD_LOG(7, "RECEIVED %d EXTRA BYTE\n", nExtra);
+  MD_LOG(7, "RECEIVED %d EXTRA BYTE\n", extra);
   s.held.Drop(s.pCtxt->nMsgSize);
   return Step::kRescan;
 }
@@ -407,9 +406,9 @@ static Step _Run(Slice& s, Step step) {
 
 // Returns the size of the next slice of a chunk. The last slice is never shorter than a key, so that a key on the
 // border of two slices is complete when it is read.
-static int _SliceSize(int nLeft) {
-  if (nLeft <= kKLVSliceSize) return nLeft;
-  return nLeft - kKLVSliceSize < kKLVKeySize ? nLeft - kKLVKeySize : kKLVSliceSize;
+static int _SliceSize(int left) {
+  if (left <= kKLVSliceSize) return left;
+  return left - kKLVSliceSize < kKLVKeySize ? left - kKLVKeySize : kKLVSliceSize;
 }
 
 // Compact always moves an incomplete key to the start of the memory, where the next slice expects it.
@@ -422,14 +421,14 @@ int GenericKLV_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   KLV_DECODE_CONTEXT* pCtxt = _Context(pvCtxt);
   if (nLength > 0) MdAddFetch(pCtxt->Stats.nTotalRxBytes, nLength);
   if (pCtxt->pDecodeBuffer == nullptr) return 0;
-  bool bLost = false;
-  int nDone = 0;
+  bool lost = false;
+  int done = 0;
   do {
-    Slice s(pCtxt, pvData + nDone, _SliceSize(nLength - nDone));
+    Slice s(pCtxt, pvData + done, _SliceSize(nLength - done));
     _RunSlice(s);
-    bLost = s.bChunkLost;
-    nDone += s.nLength;
-  } while (nDone < nLength && !bLost);
+    lost = s.chunkLost;
+    done += s.size;
+  } while (done < nLength && !lost);
   return 0;
 }
 
@@ -450,13 +449,13 @@ static LOCAL_KLV_STANDARD _g_GenericKLVStandard = {"Generic (Unknown)", nullptr,
 
 // KEPT: every byte of the key is compared, including its version byte.
 LOCAL_KLV_STANDARD* _GetKLVStandardInfo(const BYTE* pcKey) {
-  int nIndex = 0;
-  for (LOCAL_KLV_STANDARD& Standard : _g_KnownKLVStandards) {
-    if (memcmp(pcKey, *Standard.pUniversalKey, sizeof(KLV_LOCALSET_KEY)) == 0) {
-      MD_LOG(6, "Recognized KLV local data standard #%d \"%s\".\n", nIndex, Standard.szName);
-      return &Standard;
+  int index = 0;
+  for (LOCAL_KLV_STANDARD& standard : _g_KnownKLVStandards) {
+    if (memcmp(pcKey, *standard.pUniversalKey, sizeof(KLV_LOCALSET_KEY)) == 0) {
+      MD_LOG(6, "Recognized KLV local data standard #%d \"%s\".\n", index, standard.szName);
+      return &standard;
     }
-    ++nIndex;
+    ++index;
   }
   MD_LOG(6, "Unknown KLV local data standard.\n");
   return &_g_GenericKLVStandard;
@@ -468,52 +467,52 @@ namespace {
 struct Walk {
   KLV_DECODE_CONTEXT* pCtxt;
   const LOCAL_KLV_STANDARD* pStdInfo;
-  BYTE* pcData;
-  int nMsgSize;
-  int nHeaderSize;
-  int64_t nOffset;      // of the current item; behind the message if an item ran past its end
-  bool bFound = false;  // an integrity item
+  BYTE* data;
+  int messageSize;
+  int headerSize;
+  int64_t offset;      // of the current item; behind the message if an item ran past its end
+  bool found = false;  // an integrity item
 };
 
 }  // namespace
 
-static bool _CheckIntegrityItem(Walk& walk, KLV_INFO* pItem) {
+static bool _CheckIntegrityItem(Walk& walk, KLV_INFO* item) {
   const LOCAL_KLV_STANDARD* pStdInfo = walk.pStdInfo;
-  if (walk.bFound) {
+  if (walk.found) {
     MD_LOG(4, "Intergrity item found more than once.\n");  // KEPT: the spelling; operators search logs for it
     return false;
   }
   MD_LOG(7, "Integrity item located.\n");
   MD_ASSERT(pStdInfo->pfnValidator != NULL);
-  if (!pStdInfo->pfnValidator(walk.pcData, static_cast<UINT>(walk.nMsgSize), static_cast<UINT>(walk.nHeaderSize), pItem,
-                              static_cast<UINT>(walk.nOffset))) {
+  if (!pStdInfo->pfnValidator(walk.data, static_cast<UINT>(walk.messageSize), static_cast<UINT>(walk.headerSize), item,
+                              static_cast<UINT>(walk.offset))) {
     MD_LOG(4, "Validator rejected message.\n");
     return false;
   }
   MD_LOG(7, "Validator accepted message.\n");
-  walk.bFound = true;
+  walk.found = true;
   return true;
 }
 
-// Checks one item. Returns false if the message is rejected; *pbEnded is set if no further item can be reached.
-static bool _WalkItem(Walk& walk, bool* pbEnded) {
+// Checks one item. Returns false if the message is rejected; *ended is set if no further item can be reached.
+static bool _WalkItem(Walk& walk, bool* ended) {
   KLV_INFO item;
-  const int nOffset = static_cast<int>(walk.nOffset);
-  if (!KLV_GetInfo(walk.pcData + nOffset, walk.nMsgSize - nOffset, walk.pCtxt->nKlvTagFieldSize,
+  const int offset = static_cast<int>(walk.offset);
+  if (!KLV_GetInfo(walk.data + offset, walk.messageSize - offset, walk.pCtxt->nKlvTagFieldSize,
                    walk.pCtxt->nKlvLengthFieldSize, &item)) {
     MD_LOG(4, "KLV_GetInfo returned an error.\n");
     return false;
   }
-  MD_LOG(7, "KLV at offset %d has key=%d (%d bytes) len=%d (%d bytes) total=%d.\n", nOffset,
-         static_cast<int>(item.nKey), static_cast<int>(item.nKeySize), item.nLength, static_cast<int>(item.nLengthSize),
+  MD_LOG(7, "KLV at offset %d has key=%d (%d bytes) len=%d (%d bytes) total=%d.\n", offset, static_cast<int>(item.nKey),
+         static_cast<int>(item.nKeySize), item.nLength, static_cast<int>(item.nLengthSize),
          static_cast<int>(item.nTotalSize));
   if (walk.pStdInfo->bHasIntegrityItem && item.nKey == walk.pStdInfo->IntegrityItemTag &&
       !_CheckIntegrityItem(walk, &item))
     return false;
   // A value with a length of four bytes may end far behind the message, but never before the item.
-  const auto valuePosition = static_cast<uint64_t>(item.pValue - walk.pcData);
-  walk.nOffset = static_cast<int64_t>(_MdItemEnd(valuePosition, static_cast<UINT32>(item.nLength)));
-  *pbEnded = walk.nOffset == nOffset;
+  const auto valuePosition = static_cast<uint64_t>(item.pValue - walk.data);
+  walk.offset = static_cast<int64_t>(_MdItemEnd(valuePosition, static_cast<UINT32>(item.nLength)));
+  *ended = walk.offset == offset;
   return true;
 }
 
@@ -521,17 +520,17 @@ static bool _WalkItem(Walk& walk, bool* pbEnded) {
 BOOL _ValidateKLVMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* pcData, int nMsgSize, int nHeaderSize) {
   Walk walk = {pCtxt, _GetKLVStandardInfo(pcData), pcData, nMsgSize, nHeaderSize, nHeaderSize};
   MD_LOG(7, "Called with nHeaderSize=%d, nMsgSize=%d\n", nHeaderSize, nMsgSize);
-  bool bEnded = false;
-  while (walk.nOffset < nMsgSize && !bEnded) {
-    if (!_WalkItem(walk, &bEnded)) return FALSE;
+  bool ended = false;
+  while (walk.offset < nMsgSize && !ended) {
+    if (!_WalkItem(walk, &ended)) return FALSE;
   }
-  if (walk.nOffset == nMsgSize) {
+  if (walk.offset == nMsgSize) {
     MdAddFetch(pCtxt->Stats.nRxOkMessages, 1);
     MD_LOG(7, "Message is OK.\n");
     return TRUE;
   }
   MD_LOG(4, "Sum of item lengths %d does not match message data length of %d.\n",
-         static_cast<int>(walk.nOffset - nHeaderSize), nMsgSize - nHeaderSize);
+         static_cast<int>(walk.offset - nHeaderSize), nMsgSize - nHeaderSize);
   return FALSE;
 }
 
@@ -549,21 +548,21 @@ WORD CalcKlvChecksum16(const BYTE* buff, WORD len) {
 }
 
 // Does not use the exported sums, which take 65535 bytes at most: a message may be some bytes longer.
-BOOL _UASDataLinkValidator(const BYTE* pcData, UINT nFullLength, UINT, KLV_INFO* IntegrityItem, UINT nItemOffset) {
+BOOL _UASDataLinkValidator(const BYTE* data, UINT fullLength, UINT, KLV_INFO* integrityItem, UINT itemOffset) {
   // KEPT: an item of the wrong form is rejected without a line of its own.
-  if (IntegrityItem->nKeySize != 1 || IntegrityItem->nLengthSize != 1 || IntegrityItem->nLength != 2) return FALSE;
-  const UINT nEnd = nItemOffset + IntegrityItem->nTotalSize;
-  if (nEnd > nFullLength) return FALSE;
-  const WORD nStored = static_cast<WORD>(IntegrityItem->pValue[0] << 8 | IntegrityItem->pValue[1]);
-  WORD nComputed = 0;
-  if (nEnd != nFullLength) {
+  if (integrityItem->nKeySize != 1 || integrityItem->nLengthSize != 1 || integrityItem->nLength != 2) return FALSE;
+  const UINT end = itemOffset + integrityItem->nTotalSize;
+  if (end > fullLength) return FALSE;
+  const WORD stored = static_cast<WORD>(integrityItem->pValue[0] << 8 | integrityItem->pValue[1]);
+  WORD computed = 0;
+  if (end != fullLength) {
     MD_LOG(6, "Calculating two-pass checksum since KLV is NOT at the end.\n");
-    nComputed = _MdRunningSumWithout(pcData, nFullLength, nItemOffset + 2);
+    computed = _MdRunningSumWithout(data, fullLength, itemOffset + 2);
   } else {
-    nComputed = _MdRunningSum(pcData, nFullLength - 2);
+    computed = _MdRunningSum(data, fullLength - 2);
   }
-  if (nComputed != nStored) {
-    MD_LOG(4, "Calculated checksum (0x%04X) doesn't match KLV value (0x%04X).\n", nComputed, nStored);
+  if (computed != stored) {
+    MD_LOG(4, "Calculated checksum (0x%04X) doesn't match KLV value (0x%04X).\n", computed, stored);
     return FALSE;
   }
   MD_LOG(7, "Calculated checksum matches KLV value.\n");

@@ -63,7 +63,7 @@ typedef struct tagLOCAL_KLV_STANDARD {
 
 LOCAL_KLV_STANDARD* _GetKLVStandardInfo(const BYTE* pcKey);
 BOOL _ValidateKLVMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* pcData, int nMsgSize, int nHeaderSize);
-BOOL _UASDataLinkValidator(const BYTE* pcData, UINT nFullLength, UINT nDataOffset, KLV_INFO* IntegrityItem,
-                           UINT nItemOffset);
+BOOL _UASDataLinkValidator(const BYTE* data, UINT fullLength, UINT dataOffset, KLV_INFO* integrityItem,
+                           UINT itemOffset);
 
 #endif  // GENERIC_KLV_SUPPORT_H

@@ -54,18 +54,18 @@ const REG_DESIGNATOR_ENTRY _KnownRegistryDesignators[kKnownRegistryDesignators] 
     {0x64, KLV_FIELD_4_BYTES, KLV_FIELD_NONE_OR_BER}};
 
 BOOL KLV_GetFieldInfoFromRegistryDesignator(BYTE RegistryDesignator, int* piTagFieldSize, int* piLengthFieldSize) {
-  for (const REG_DESIGNATOR_ENTRY& Entry : _KnownRegistryDesignators) {
-    if (Entry.RegistryDesignator != RegistryDesignator) continue;
-    if (piTagFieldSize != nullptr) *piTagFieldSize = Entry.nTagFieldSize;
-    if (piLengthFieldSize != nullptr) *piLengthFieldSize = Entry.nLengthFieldSize;
+  for (const REG_DESIGNATOR_ENTRY& entry : _KnownRegistryDesignators) {
+    if (entry.RegistryDesignator != RegistryDesignator) continue;
+    if (piTagFieldSize != nullptr) *piTagFieldSize = entry.nTagFieldSize;
+    if (piLengthFieldSize != nullptr) *piLengthFieldSize = entry.nLengthFieldSize;
     return TRUE;
   }
   MD_LOG(4, "Unrecognized registry designator (0x%02X).\n", RegistryDesignator);
   return FALSE;
 }
 
-static const char* _TagFieldText(int nTagFieldSize) {
-  switch (nTagFieldSize) {
+static const char* _TagFieldText(int tagFieldSize) {
+  switch (tagFieldSize) {
     case KLV_FIELD_NONE_OR_BER:
       return "No tag";
     case KLV_FIELD_1_BYTE:
@@ -85,8 +85,8 @@ static const char* _TagFieldText(int nTagFieldSize) {
   }
 }
 
-static const char* _LengthFieldText(int nLengthFieldSize) {
-  switch (nLengthFieldSize) {
+static const char* _LengthFieldText(int lengthFieldSize) {
+  switch (lengthFieldSize) {
     case KLV_FIELD_NONE_OR_BER:
       return "ASN.1 BER short or long";
     case KLV_FIELD_1_BYTE:
@@ -115,8 +115,8 @@ char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* szBuffer, int nS
 //    functions that only log are cold: an item is read for every few bytes of a message.
 // =====================================================================================================
 
-[[gnu::cold]] static BOOL _TagCut(int nTagFieldSize) {
-  switch (nTagFieldSize) {
+[[gnu::cold]] static BOOL _TagCut(int tagFieldSize) {
+  switch (tagFieldSize) {
     case KLV_FIELD_BER_OID_TAG:
       MD_LOG(4, "local tag is out of range of the supplied buffer.\n");
       break;
@@ -153,8 +153,8 @@ char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* szBuffer, int nS
   }
 }
 
-[[gnu::cold]] static void _LogTag(const MdTag& tag, int nTagFieldSize) {
-  switch (nTagFieldSize) {
+[[gnu::cold]] static void _LogTag(const MdTag& tag, int tagFieldSize) {
+  switch (tagFieldSize) {
     case KLV_FIELD_BER_OID_TAG:
       _LogBerTag(tag);
       break;
@@ -181,8 +181,8 @@ char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* szBuffer, int nS
   }
 }
 
-static BOOL _CheckTag(const MdTag& tag, int nTagFieldSize) {
-  switch (nTagFieldSize) {
+static BOOL _CheckTag(const MdTag& tag, int tagFieldSize) {
+  switch (tagFieldSize) {
     case KLV_FIELD_BER_OID_TAG:
     case KLV_FIELD_1_BYTE:
     case KLV_FIELD_2_BYTES:
@@ -235,16 +235,16 @@ static BOOL _CheckLength(const MdLength& length, MdRead result) {
 // 4. Elements
 // =====================================================================================================
 
-[[gnu::cold]] static void _LogStart(int nBuffSize, int nTagFieldSize, int nLengthFieldSize) {
-  char szTag[40];
-  char szLength[40];
+[[gnu::cold]] static void _LogStart(int bufferSize, int tagFieldSize, int lengthFieldSize) {
+  char tag[40];
+  char length[40];
   MD_LOG(7, "Inspecting KLV with K=\"%s\" L=\"%s\" with %d bytes of readable memory.\n",
-         KLV_GetTagFieldDescription(nTagFieldSize, szTag, sizeof(szTag)),
-         KLV_GetLengthFieldDescription(nLengthFieldSize, szLength, sizeof(szLength)), nBuffSize);
+         KLV_GetTagFieldDescription(tagFieldSize, tag, sizeof(tag)),
+         KLV_GetLengthFieldDescription(lengthFieldSize, length, sizeof(length)), bufferSize);
 }
 
 BOOL KLV_GetInfo(const void* pvBuff, int nBuffSize, int nTagFieldSize, int nLengthFieldSize, KLV_INFO* pInfo) {
-  const BYTE* pcData = static_cast<const BYTE*>(pvBuff);
+  const BYTE* data = static_cast<const BYTE*>(pvBuff);
   const bool traced = MdLogEnabled(g_hMetaDataLibDbg, 7);
   if (traced) _LogStart(nBuffSize, nTagFieldSize, nLengthFieldSize);
   if (nBuffSize < 2) {
@@ -253,22 +253,22 @@ BOOL KLV_GetInfo(const void* pvBuff, int nBuffSize, int nTagFieldSize, int nLeng
   }
   const size_t size = static_cast<size_t>(nBuffSize);
   MdItem item;
-  const MdRead result = _MdReadItem(pcData, size, 0, nTagFieldSize, nLengthFieldSize, &item);
+  const MdRead result = _MdReadItem(data, size, 0, nTagFieldSize, nLengthFieldSize, &item);
   if (result == kMdReadTagCut) return _TagCut(nTagFieldSize);
   if (traced) _LogTag(item.tag, nTagFieldSize);
   if (!_CheckTag(item.tag, nTagFieldSize) || !_CheckLength(item.length, result)) return FALSE;
   if (traced && nLengthFieldSize == KLV_FIELD_NONE_OR_BER) _LogBerLength(item.length);
   // KEPT: with an unknown length code the empty value stands at the element's start and the total is 0.
   const size_t valuePosition = result == kMdReadOk ? item.valuePosition : 0;
-  const auto nLength = static_cast<int32_t>(item.length.value);
+  const auto length = static_cast<int32_t>(item.length.value);
   // KEPT: only the value's first byte must lie inside; callers catch a value that runs past the end.
-  if (nLength >= 1 && valuePosition >= size) {
+  if (length >= 1 && valuePosition >= size) {
     MD_LOG(4, "data offset is out of range of the supplied buffer.\n");
     return FALSE;
   }
   pInfo->nKey = item.tag.key;
-  pInfo->nLength = nLength;
-  pInfo->pValue = pcData + valuePosition;
+  pInfo->nLength = length;
+  pInfo->pValue = data + valuePosition;
   pInfo->nKeySize = static_cast<UINT32>(item.tag.size);
   // KEPT: in the BER long form the recorded size is that of the bytes after the first one; the total counts them all.
   pInfo->nLengthSize = item.length.count;

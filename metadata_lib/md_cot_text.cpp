@@ -95,8 +95,8 @@ bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* fiel
   return true;
 }
 
-bool _FindSlice(const CotSlice& whole, const char* start, const char* end, CotSlice* pSlice) {
-  return xml_getTagSlice(whole.text, whole.length, start, end, &pSlice->text, &pSlice->length) == CVT_COTKLV_STATUS_OK;
+bool _FindSlice(const CotSlice& whole, const char* start, const char* end, CotSlice* slice) {
+  return xml_getTagSlice(whole.text, whole.length, start, end, &slice->text, &slice->length) == CVT_COTKLV_STATUS_OK;
 }
 
 bool _LookUp(const CotSlice& slice, const char* name, cvtCotField* field) {

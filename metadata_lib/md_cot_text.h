@@ -57,9 +57,9 @@ CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const c
                                   const char** pSlice, uint32_t* sliceLen);
 CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen, cvtCotField* pCotField);
 
-// Finds the slice of a text from a start marker up to, but without, the next end marker. On failure *pSlice may already
+// Finds the slice of a text from a start marker up to, but without, the next end marker. On failure *slice may already
 // hold the start.
-bool _FindSlice(const CotSlice& whole, const char* start, const char* end, CotSlice* pSlice);
+bool _FindSlice(const CotSlice& whole, const char* start, const char* end, CotSlice* slice);
 // Copies the row to *field and looks the attribute up; on failure *field holds the bare row.
 bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* field);
 // Looks up an attribute that has no row.

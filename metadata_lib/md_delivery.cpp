@@ -26,9 +26,9 @@ bool _WantsRewriting(MDATA_SRC_HANDLE hSource) {
 
 // KEPT: the text says 16 bytes, the limit is 19; at most one such line in five seconds for the whole library.
 static void _LogShortMessage() {
-  const time_t tNow = time(nullptr);
-  if (tNow - _tLastLog <= kLogHoldOffSecs) return;
-  _tLastLog = tNow;
+  const time_t now = time(nullptr);
+  if (now - _tLastLog <= kLogHoldOffSecs) return;
+  _tLastLog = now;
   MD_LOG(4, "Got less than 16 bytes of KLV.\n");
 }
 
@@ -36,15 +36,15 @@ static void _LogShortMessage() {
 // unsigned 16-bit value, which wraps. Returns false if the length form is not supported. The caller has checked that
 // the message is not shorter than kSmallestUASMessage.
 // KEPT: only the one- and two-byte long forms.
-static bool _ReadUASHeader(const BYTE* pcData, int nSize, int* pnHeaderSize, WORD* pnTotal) {
-  MdLength Length;
-  _MdReadLength(pcData, static_cast<size_t>(nSize), kUASKeySize, kMdFieldNoneOrBer, &Length);
-  if (Length.longForm && Length.count != 1 && Length.count != 2) {
-    MD_LOG(4, "Unsupported number of bytes (%d) for UAV data set length.\n", static_cast<int>(Length.count));
+static bool _ReadUASHeader(const BYTE* data, int size, int* headerSize, WORD* total) {
+  MdLength length;
+  _MdReadLength(data, static_cast<size_t>(size), kUASKeySize, kMdFieldNoneOrBer, &length);
+  if (length.longForm && length.count != 1 && length.count != 2) {
+    MD_LOG(4, "Unsupported number of bytes (%d) for UAV data set length.\n", static_cast<int>(length.count));
     return false;
   }
-  *pnHeaderSize = kUASKeySize + static_cast<int>(Length.size);
-  *pnTotal = static_cast<WORD>(static_cast<UINT32>(*pnHeaderSize) + Length.value);
+  *headerSize = kUASKeySize + static_cast<int>(length.size);
+  *total = static_cast<WORD>(static_cast<UINT32>(*headerSize) + length.value);
   return true;
 }
 
@@ -60,35 +60,34 @@ BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFF
     return FALSE;
   }
   MD_LOG(7, "Got UAS KLV message of %d bytes.\n", nSize);
-  int nHeaderSize = 0;
-  WORD nTotal = 0;
-  if (!_ReadUASHeader(pcData, nSize, &nHeaderSize, &nTotal)) return FALSE;
-  if (nTotal > nSize) {
-    MD_LOG(3, "UAV set of %d bytes received but buffer is %d bytes.\n", nTotal, nSize);
+  int headerSize = 0;
+  WORD total = 0;
+  if (!_ReadUASHeader(pcData, nSize, &headerSize, &total)) return FALSE;
+  if (total > nSize) {
+    MD_LOG(3, "UAV set of %d bytes received but buffer is %d bytes.\n", total, nSize);
     return FALSE;
   }
-  if (nTotal < nHeaderSize) return FALSE;  // the 16-bit total wrapped
+  if (total < headerSize) return FALSE;  // the 16-bit total wrapped
   // KEPT: bytes behind the total are left out of the rewritten message.
-  return ProcessUASDataLinkLocalSet(hSource, pcData, nTotal, nHeaderSize, ppNewBuff, pnNewSize);
+  return ProcessUASDataLinkLocalSet(hSource, pcData, total, headerSize, ppNewBuff, pnNewSize);
 }
 
 // Decides for every path what the result of the rewriting means: a message that cannot be rewritten continues
 // unchanged, even an invalid one.
-Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, BYTE* pcData, int nSize,
-                         MdBufferRef& Buffer) {
+Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& texts, BYTE* data, int size, MdBufferRef& buffer) {
   if (!_WantsRewriting(hSource)) return Rewritten::Unchanged;
-  MDATA_BUFFER* pNewBuff = nullptr;
+  MDATA_BUFFER* newBuffer = nullptr;
   int nNewSize = 0;
-  if (!_ProcessRxKLV(hSource, pcData, nSize, &pNewBuff, &nNewSize)) return Rewritten::Unchanged;
-  *Buffer.Out() = pNewBuff;
-  if (pNewBuff == nullptr) {
+  if (!_ProcessRxKLV(hSource, data, size, &newBuffer, &nNewSize)) return Rewritten::Unchanged;
+  *buffer.Out() = newBuffer;
+  if (newBuffer == nullptr) {
     // KEPT: the assertion reports that a tag filter removes whole messages; a sender can raise it. Its text names the
     // variable that logs have always shown.
-    if (Texts.szNothingLeft != nullptr) MD_ASSERT_TEXT(pNewBuff != nullptr, Texts.szNothingLeft);
+    if (texts.nothingLeft != nullptr) MD_ASSERT_TEXT(newBuffer != nullptr, texts.nothingLeft);
     MD_ASSERT(nNewSize == 0);
     return Rewritten::Dropped;
   }
-  MD_DUMP(Texts.nSubstitutedLevel, Texts.szSubstituted, pNewBuff->pcData, pNewBuff->nDataSize);
+  MD_DUMP(texts.substitutedLevel, texts.substituted, newBuffer->pcData, newBuffer->nDataSize);
   MD_ASSERT(nNewSize != 0);
   return Rewritten::Replaced;
 }
@@ -97,10 +96,10 @@ Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, BYTE*
 // Delivery
 // =====================================================================================================
 
-void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 nRunningTotal, time_t tNow) {
-  if (hSource->tLastRateSampleTime == tNow) return;
-  if (hSource->hOutputRate != nullptr) AddCounterValue(hSource->hOutputRate, nRunningTotal);
-  hSource->tLastRateSampleTime = tNow;
+void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 runningTotal, time_t now) {
+  if (hSource->tLastRateSampleTime == now) return;
+  if (hSource->hOutputRate != nullptr) AddCounterValue(hSource->hOutputRate, runningTotal);
+  hSource->tLastRateSampleTime = now;
 }
 
 // Writes the stream header into the reserve in front of the message. The length is the low 16 bits of the one
@@ -111,40 +110,40 @@ void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 nRunningTotal, time_t tNow
 //        1    1 HeaderSequence
 //        2    1 0xDF
 //        3    2 length, big-endian
-static void _PrependStreamHeader(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, int nLength) {
-  pBuff->pcData -= MDATA_STREAM_HEADER_SIZE;
-  pBuff->nDataSize += MDATA_STREAM_HEADER_SIZE;
-  pBuff->pcData[0] = 0x00;
-  pBuff->pcData[1] = hSource->HeaderSequence;
-  pBuff->pcData[2] = 0xDF;
-  pBuff->pcData[3] = static_cast<BYTE>((nLength >> 8) & 0xFF);
-  pBuff->pcData[4] = static_cast<BYTE>(nLength & 0xFF);
+static void _PrependStreamHeader(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* buffer, int length) {
+  buffer->pcData -= MDATA_STREAM_HEADER_SIZE;
+  buffer->nDataSize += MDATA_STREAM_HEADER_SIZE;
+  buffer->pcData[0] = 0x00;
+  buffer->pcData[1] = hSource->HeaderSequence;
+  buffer->pcData[2] = 0xDF;
+  buffer->pcData[3] = static_cast<BYTE>((length >> 8) & 0xFF);
+  buffer->pcData[4] = static_cast<BYTE>(length & 0xFF);
 }
 
 // Writes the line and the dump before a delivery.
-static void _LogDelivery(const PathTexts& Texts, const MDATA_BUFFER* pBuff, int nHeaderLength) {
-  if (Texts.nCompleteLevel != kNoLine)
-    MD_LOG(Texts.nCompleteLevel, "Got complete KLV message of %d bytes.\n", nHeaderLength);
-  if (Texts.nDumpLevel == kNoLine) return;
-  if (Texts.bDumpHeader)
-    MD_DUMP(Texts.nDumpLevel, Texts.szDump, pBuff->pcData, pBuff->nDataSize);
+static void _LogDelivery(const PathTexts& texts, const MDATA_BUFFER* buffer, int headerLength) {
+  if (texts.completeLevel != kNoLine)
+    MD_LOG(texts.completeLevel, "Got complete KLV message of %d bytes.\n", headerLength);
+  if (texts.dumpLevel == kNoLine) return;
+  if (texts.dumpHeader)
+    MD_DUMP(texts.dumpLevel, texts.dump, buffer->pcData, buffer->nDataSize);
   else
-    MD_DUMP(Texts.nDumpLevel, Texts.szDump, pBuff->pcData + MDATA_STREAM_HEADER_SIZE, nHeaderLength);
+    MD_DUMP(texts.dumpLevel, texts.dump, buffer->pcData + MDATA_STREAM_HEADER_SIZE, headerLength);
 }
 
 // The encoder is not called if the source's close was given up while the message was being processed.
 // KEPT: the first user parameter is delivered twice.
-static BOOL _CallReadyCallback(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff) {
+static BOOL _CallReadyCallback(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* buffer) {
   if (hSource->Config.pfnCallback == nullptr || _IsGivenUp(hSource)) return FALSE;
-  return hSource->Config.pfnCallback(pBuff, hSource->Config.pvUserParam1, hSource->Config.pvUserParam1);
+  return hSource->Config.pfnCallback(buffer, hSource->Config.pvUserParam1, hSource->Config.pvUserParam1);
 }
 
-BOOL _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, MDATA_BUFFER* pBuff, int nHeaderLength) {
-  _PrependStreamHeader(hSource, pBuff, nHeaderLength);
-  if (!Texts.bSequenceIfTaken) ++hSource->HeaderSequence;
-  _LogDelivery(Texts, pBuff, nHeaderLength);
-  MD_ASSERT_TEXT(hSource->Config.pfnCallback != nullptr, Texts.szCallbackMissing);
-  const BOOL bTaken = _CallReadyCallback(hSource, pBuff);
-  if (Texts.bSequenceIfTaken && bTaken) ++hSource->HeaderSequence;
-  return bTaken;
+BOOL _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MDATA_BUFFER* buffer, int headerLength) {
+  _PrependStreamHeader(hSource, buffer, headerLength);
+  if (!texts.sequenceIfTaken) ++hSource->HeaderSequence;
+  _LogDelivery(texts, buffer, headerLength);
+  MD_ASSERT_TEXT(hSource->Config.pfnCallback != nullptr, texts.callbackMissing);
+  const BOOL taken = _CallReadyCallback(hSource, buffer);
+  if (texts.sequenceIfTaken && taken) ++hSource->HeaderSequence;
+  return taken;
 }

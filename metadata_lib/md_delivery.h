@@ -14,71 +14,71 @@
 
 // The differences between the paths, above all the texts that operators search the log for.
 struct PathTexts {
-  int nSubstitutedLevel;          // dump of a rewritten message
-  const char* szSubstituted;      // its title
-  const char* szNothingLeft;      // assertion if a tag filter leaves nothing of a message, or NULL
-  int nCompleteLevel;             // line before the delivery, or kNoLine
-  int nDumpLevel;                 // dump before the delivery, or kNoLine
-  const char* szDump;             // its title
-  bool bDumpHeader;               // it includes the stream header
-  const char* szCallbackMissing;  // assertion if the source has no callback
-  bool bSequenceIfTaken;          // the sequence number moves after the call, if the encoder took the buffer; otherwise
-                                  // before the call, regardless of its result
+  int substitutedLevel;         // dump of a rewritten message
+  const char* substituted;      // its title
+  const char* nothingLeft;      // assertion if a tag filter leaves nothing of a message, or NULL
+  int completeLevel;            // line before the delivery, or kNoLine
+  int dumpLevel;                // dump before the delivery, or kNoLine
+  const char* dump;             // its title
+  bool dumpHeader;              // it includes the stream header
+  const char* callbackMissing;  // assertion if the source has no callback
+  bool sequenceIfTaken;         // the sequence number moves after the call, if the encoder took the buffer; otherwise
+                                // before the call, regardless of its result
 };
 
 inline constexpr int kNoLine = -1;
 
-inline constexpr PathTexts kKLVSerialTexts = {.nSubstitutedLevel = 6,
-                                              .szSubstituted = "Substituted Serial KLV Message",
-                                              .szNothingLeft = "pSubstBuff != NULL",
-                                              .nCompleteLevel = 6,
-                                              .nDumpLevel = 7,
-                                              .szDump = "Streamer KLV AU",
-                                              .bDumpHeader = true,
-                                              .szCallbackMissing = "pHandle->Config.pfnCallback != NULL",
-                                              .bSequenceIfTaken = false};
+inline constexpr PathTexts kKLVSerialTexts = {.substitutedLevel = 6,
+                                              .substituted = "Substituted Serial KLV Message",
+                                              .nothingLeft = "pSubstBuff != NULL",
+                                              .completeLevel = 6,
+                                              .dumpLevel = 7,
+                                              .dump = "Streamer KLV AU",
+                                              .dumpHeader = true,
+                                              .callbackMissing = "pHandle->Config.pfnCallback != NULL",
+                                              .sequenceIfTaken = false};
 
-inline constexpr PathTexts kKLVUDPTexts = {.nSubstitutedLevel = 7,
-                                           .szSubstituted = "Substituted KLV over UDP Message",
-                                           .szNothingLeft = "pUserBuff != NULL",
-                                           .nCompleteLevel = 7,
-                                           .nDumpLevel = 7,
-                                           .szDump = "Streamer KLV AU",
-                                           .bDumpHeader = true,
-                                           .szCallbackMissing = "hSource->Config.pfnCallback != NULL",
-                                           .bSequenceIfTaken = false};
+inline constexpr PathTexts kKLVUDPTexts = {.substitutedLevel = 7,
+                                           .substituted = "Substituted KLV over UDP Message",
+                                           .nothingLeft = "pUserBuff != NULL",
+                                           .completeLevel = 7,
+                                           .dumpLevel = 7,
+                                           .dump = "Streamer KLV AU",
+                                           .dumpHeader = true,
+                                           .callbackMissing = "hSource->Config.pfnCallback != NULL",
+                                           .sequenceIfTaken = false};
 
 // KEPT: the packet after a refused one has the same sequence number.
-inline constexpr PathTexts kVideoTexts = {.nSubstitutedLevel = 6,
-                                          .szSubstituted = "Substituted HD-SDI KLV Message",
-                                          .szNothingLeft = nullptr,
-                                          .nCompleteLevel = kNoLine,
-                                          .nDumpLevel = kNoLine,
-                                          .szDump = nullptr,
-                                          .bDumpHeader = false,
-                                          .szCallbackMissing = "hSource->Config.pfnCallback != NULL",
-                                          .bSequenceIfTaken = true};
+inline constexpr PathTexts kVideoTexts = {.substitutedLevel = 6,
+                                          .substituted = "Substituted HD-SDI KLV Message",
+                                          .nothingLeft = nullptr,
+                                          .completeLevel = kNoLine,
+                                          .dumpLevel = kNoLine,
+                                          .dump = nullptr,
+                                          .dumpHeader = false,
+                                          .callbackMissing = "hSource->Config.pfnCallback != NULL",
+                                          .sequenceIfTaken = true};
 
 // KEPT: a rewritten packet is dumped under the video path's title, here and below.
-inline constexpr PathTexts kCoTSerialTexts = {.nSubstitutedLevel = 6,
-                                              .szSubstituted = "Substituted HD-SDI KLV Message",
-                                              .szNothingLeft = "pSubstBuff != NULL",
-                                              .nCompleteLevel = kNoLine,
-                                              .nDumpLevel = 6,
-                                              .szDump = "Converted Streamer KLV Message",
-                                              .bDumpHeader = false,
-                                              .szCallbackMissing = "pHandle->Config.pfnCallback != NULL",
-                                              .bSequenceIfTaken = false};
+inline constexpr PathTexts kCoTSerialTexts = {.substitutedLevel = 6,
+                                              .substituted = "Substituted HD-SDI KLV Message",
+                                              .nothingLeft = "pSubstBuff != NULL",
+                                              .completeLevel = kNoLine,
+                                              .dumpLevel = 6,
+                                              .dump = "Converted Streamer KLV Message",
+                                              .dumpHeader = false,
+                                              .callbackMissing = "pHandle->Config.pfnCallback != NULL",
+                                              .sequenceIfTaken = false};
 
-inline constexpr PathTexts kCoTUDPTexts = {.nSubstitutedLevel = 6,
-                                           .szSubstituted = "Substituted HD-SDI KLV Message",
-                                           .szNothingLeft = "pSubstBuff != NULL",
-                                           .nCompleteLevel = 7,
-                                           .nDumpLevel = 7,
-                                           .szDump = "Streamer KLV AU",
-                                           .bDumpHeader = true,
-                                           .szCallbackMissing = "hSource->Config.pfnCallback != NULL",
-                                           .bSequenceIfTaken = false};
+inline constexpr PathTexts kCoTUDPTexts = {.substitutedLevel = 6,
+                                           .substituted = "Substituted HD-SDI KLV Message",
+                                           .nothingLeft = "pSubstBuff != NULL",
+                                           .completeLevel = 7,
+                                           .dumpLevel = 7,
+                                           .dump = "Streamer KLV AU",
+                                           .dumpHeader = true,
+                                           .callbackMissing = "hSource->Config.pfnCallback != NULL",
+                                           .sequenceIfTaken = false};
 
 // The outcome of rewriting a message.
 enum class Rewritten {
@@ -97,16 +97,15 @@ bool _WantsRewriting(MDATA_SRC_HANDLE hSource);
 // unchanged.
 BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFFER** ppNewBuff, int* pnNewSize);
 
-// Rewrites a message if the source asks for it. A new buffer replaces the reference in Buffer, which may be the message
-// itself; with Dropped Buffer is empty afterwards, with Unchanged it is not changed.
-Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, BYTE* pcData, int nSize,
-                         MdBufferRef& Buffer);
+// Rewrites a message if the source asks for it. A new buffer replaces the reference in buffer, which may be the message
+// itself; with Dropped buffer is empty afterwards, with Unchanged it is not changed.
+Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& texts, BYTE* data, int size, MdBufferRef& buffer);
 
 // Feeds the running total to the rate counter, once per wall-clock second.
-void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 nRunningTotal, time_t tNow);
+void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 runningTotal, time_t now);
 
 // Writes the stream header, with this length, into the reserve in front of the message and calls the encoder. Returns
 // the encoder's result.
-BOOL _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, MDATA_BUFFER* pBuff, int nHeaderLength);
+BOOL _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MDATA_BUFFER* buffer, int headerLength);
 
 #endif  // MD_DELIVERY_H

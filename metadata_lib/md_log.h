@@ -13,8 +13,8 @@ extern HDBG g_hCoTConvDbg;      // "COTCONVERTER"; the same
 #endif
 
 // Returns whether a level is enabled. The host may change that while the library runs.
-inline bool MdLogEnabled(HDBG hDbg, int nLevel) {
-  return hDbg != nullptr && __atomic_load_n(&hDbg->nMaxLevel, __ATOMIC_RELAXED) >= nLevel;
+inline bool MdLogEnabled(HDBG hDbg, int level) {
+  return hDbg != nullptr && __atomic_load_n(&hDbg->nMaxLevel, __ATOMIC_RELAXED) >= level;
 }
 
 // Writes one log line: MD_LOG(7, "Received %d bytes.\n", n). Arguments are only evaluated if the level is enabled.

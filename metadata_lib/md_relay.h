@@ -12,7 +12,7 @@
 
 // Sets a new record's relays to their initial state: no sockets, TTL and TOS unknown. Decides which of the two are
 // requested with each datagram. Opener.
-void _InitRelayers(MDATA_SRC_HANDLE pHandle);
+void _InitRelayers(MDATA_SRC_HANDLE hSource);
 
 // Makes one socket for each configured relay and sets the rest of piSockets to -1. Returns FALSE, with every socket
 // closed, if the opening must fail. Opener.
@@ -20,7 +20,6 @@ BOOL _CreateRelayingSockets(const MDATA_SRC_CFG* pCfg, int* piSockets, size_t nN
 
 // Sends one message to every relay. pcTOS and pcTTL are the values received with it, or NULL; relays that follow the
 // source adopt them first. Returns TRUE if at least one relay sent the whole message. Metadata thread.
-BOOL _RelayMetaData(MDATA_SRC_HANDLE pMDataSource, const void* pvBuffer, size_t nSize, const BYTE* pcTOS,
-                    const BYTE* pcTTL);
+BOOL _RelayMetaData(MDATA_SRC_HANDLE hSource, const void* pvBuffer, size_t nSize, const BYTE* pcTOS, const BYTE* pcTTL);
 
 #endif  // MD_RELAY_H

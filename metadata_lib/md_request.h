@@ -36,28 +36,28 @@ void _ResetRequests();
 
 // Marks the request as carried out. Returns true if its caller had given up. A caller that had not may free the record
 // that holds the mark as soon as this returns. Metadata thread.
-bool _CompleteRequest(int32_t& nRequest);
+bool _CompleteRequest(int32_t& request);
 
 // Returns whether the source's close was given up: its wait timed out, or its message could not be sent. The encoder
 // was told that the source is closed, so nothing may reach it, although the record is still in the list and the read
 // set. Metadata thread.
-inline bool _IsGivenUp(const tagMDATA_SRC_HANDLE* pHandle) {
-  return MdLoadAcquire(pHandle->nRemoveRequest) == REQUEST_ABANDONED;
+inline bool _IsGivenUp(const tagMDATA_SRC_HANDLE* hSource) {
+  return MdLoadAcquire(hSource->nRemoveRequest) == REQUEST_ABANDONED;
 }
 
-// Waits until the request is carried out, at most nLimitMs. Returns false, with errno set and the request abandoned, if
+// Waits until the request is carried out, at most limitMs. Returns false, with errno set and the request abandoned, if
 // it was not. Encoder threads.
-bool _WaitForRequest(int32_t& nRequest, DWORD nLimitMs);
+bool _WaitForRequest(int32_t& request, DWORD limitMs);
 
 // Allocates a message for the metadata thread. Returns NULL if out of memory.
-HMBOXMSG _AllocControlMessage(DWORD dwEventID, MDATA_SRC_HANDLE hSource);
+HMBOXMSG _AllocControlMessage(DWORD eventId, MDATA_SRC_HANDLE hSource);
 
 // Takes ownership of the message, sends it and waits. Returns the wait's result, with errno set if it is false.
-// *pbSent is whether the message was sent.
-bool _CallThread(HMBOXMSG hMsg, int32_t& nRequest, DWORD nLimitMs, bool* pbSent);
+// *sent is whether the message was sent.
+bool _CallThread(HMBOXMSG hMsg, int32_t& request, DWORD limitMs, bool* sent);
 
 // Does the same for the shut-down, which must arrive: a thread without sources sleeps until a message wakes it. A
 // failed send is therefore repeated, within kShutdownWaitMs for sending and waiting together.
-bool _CallThreadToEnd(HMBOXMSG hMsg, bool* pbSent);
+bool _CallThreadToEnd(HMBOXMSG hMsg, bool* sent);
 
 #endif  // MD_REQUEST_H

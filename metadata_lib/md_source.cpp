@@ -9,53 +9,53 @@
 // The record. Opener and closer; nobody else uses a record that is being made or freed.
 // =====================================================================================================
 
-BOOL _AllocKLVInserts(MDATA_SRC_HANDLE pHandle) {
-  const MDATA_SRC_CFG* pCfg = &pHandle->Config;
-  pHandle->pSecurityMDataSet = nullptr;
-  if (pCfg->bClassifyMission) {
-    pHandle->pSecurityMDataSet =
-        AllocSecurityMetadata(pCfg->enClassification, pCfg->szClassifyingCountry, pCfg->szObjectCountry);
-    if (pHandle->pSecurityMDataSet == nullptr) return FALSE;
-    pHandle->nSecurityMDataSetSize = pHandle->pSecurityMDataSet->Length + 2;
+BOOL _AllocKLVInserts(MDATA_SRC_HANDLE hSource) {
+  const MDATA_SRC_CFG* config = &hSource->Config;
+  hSource->pSecurityMDataSet = nullptr;
+  if (config->bClassifyMission) {
+    hSource->pSecurityMDataSet =
+        AllocSecurityMetadata(config->enClassification, config->szClassifyingCountry, config->szObjectCountry);
+    if (hSource->pSecurityMDataSet == nullptr) return FALSE;
+    hSource->nSecurityMDataSetSize = hSource->pSecurityMDataSet->Length + 2;
   }
-  if (pCfg->szMissionID[0] == '\0') return TRUE;
-  pHandle->pMissionID = AllocMissionID(pCfg->szMissionID);
-  if (pHandle->pMissionID == nullptr) {
-    free(pHandle->pSecurityMDataSet);
-    pHandle->pSecurityMDataSet = nullptr;
+  if (config->szMissionID[0] == '\0') return TRUE;
+  hSource->pMissionID = AllocMissionID(config->szMissionID);
+  if (hSource->pMissionID == nullptr) {
+    free(hSource->pSecurityMDataSet);
+    hSource->pSecurityMDataSet = nullptr;
     return FALSE;
   }
-  pHandle->nMissionIDElementSize = pHandle->pMissionID->cLength + 2;
+  hSource->nMissionIDElementSize = hSource->pMissionID->cLength + 2;
   return TRUE;
 }
 
 template <size_t nSize>
-static void _Terminate(char (&szText)[nSize]) {
-  szText[nSize - 1] = '\0';
+static void _Terminate(char (&text)[nSize]) {
+  text[nSize - 1] = '\0';
 }
 
-MDATA_SRC_HANDLE _AllocSource(const MDATA_SRC_CFG* pCfg) {
-  const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(calloc(1, sizeof(tagMDATA_SRC_HANDLE)));
-  if (pHandle == nullptr) return nullptr;
-  FastInitNode(&pHandle->DNode, pHandle);
-  memcpy(&pHandle->dwSignature, "HMDT", sizeof(pHandle->dwSignature));
-  pHandle->iFD = -1;
-  pHandle->iFDv6 = -1;
-  pHandle->Config = *pCfg;
-  _Terminate(pHandle->Config.szMissionID);
-  _Terminate(pHandle->Config.szClassifyingCountry);
-  _Terminate(pHandle->Config.szObjectCountry);
-  if (pCfg->enDataType == MDATA_DATA_COT) _Terminate(pHandle->Config.format.CoT.szSpiUid);
-  _AllocKLVInserts(pHandle);  // KEPT: the result is ignored; a source without its inserts still receives
-  __AllocCounterRateTable(5, "Metadata", &pHandle->hOutputRate);
-  return pHandle;
+MDATA_SRC_HANDLE _AllocSource(const MDATA_SRC_CFG* config) {
+  const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(calloc(1, sizeof(tagMDATA_SRC_HANDLE)));
+  if (hSource == nullptr) return nullptr;
+  FastInitNode(&hSource->DNode, hSource);
+  memcpy(&hSource->dwSignature, "HMDT", sizeof(hSource->dwSignature));
+  hSource->iFD = -1;
+  hSource->iFDv6 = -1;
+  hSource->Config = *config;
+  _Terminate(hSource->Config.szMissionID);
+  _Terminate(hSource->Config.szClassifyingCountry);
+  _Terminate(hSource->Config.szObjectCountry);
+  if (config->enDataType == MDATA_DATA_COT) _Terminate(hSource->Config.format.CoT.szSpiUid);
+  _AllocKLVInserts(hSource);  // KEPT: the result is ignored; a source without its inserts still receives
+  __AllocCounterRateTable(5, "Metadata", &hSource->hOutputRate);
+  return hSource;
 }
 
-void _FreeSource(MDATA_SRC_HANDLE pHandle) {
-  free(pHandle->pSecurityMDataSet);
-  free(pHandle->pMissionID);
-  if (pHandle->hOutputRate != nullptr) DeleteCounterRateTable(pHandle->hOutputRate);
-  free(pHandle);
+void _FreeSource(MDATA_SRC_HANDLE hSource) {
+  free(hSource->pSecurityMDataSet);
+  free(hSource->pMissionID);
+  if (hSource->hOutputRate != nullptr) DeleteCounterRateTable(hSource->hOutputRate);
+  free(hSource);
 }
 
 // =====================================================================================================
@@ -63,16 +63,16 @@ void _FreeSource(MDATA_SRC_HANDLE pHandle) {
 // =====================================================================================================
 
 // Returns whether an open file is a regular one that belongs to this user and has no second name.
-static bool _IsOurOwnFile(int iFD) {
-  struct stat Info = {};
-  return fstat(iFD, &Info) == 0 && S_ISREG(Info.st_mode) && Info.st_uid == geteuid() && Info.st_nlink == 1;
+static bool _IsOurOwnFile(int fd) {
+  struct stat info = {};
+  return fstat(fd, &info) == 0 && S_ISREG(info.st_mode) && info.st_uid == geteuid() && info.st_nlink == 1;
 }
 
-FILE* _OpenCaptureFile(const char* szPath) {
-  const int iFD = open(szPath, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
-  if (iFD < 0) return nullptr;
-  FILE* pFile = nullptr;
-  if (_IsOurOwnFile(iFD) && ftruncate(iFD, 0) == 0) pFile = fdopen(iFD, "w");
-  if (pFile == nullptr) close(iFD);
-  return pFile;
+FILE* _OpenCaptureFile(const char* path) {
+  const int fd = open(path, O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+  if (fd < 0) return nullptr;
+  FILE* file = nullptr;
+  if (_IsOurOwnFile(fd) && ftruncate(fd, 0) == 0) file = fdopen(fd, "w");
+  if (file == nullptr) close(fd);
+  return file;
 }

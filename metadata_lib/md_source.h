@@ -113,55 +113,55 @@ struct tagMDATA_SRC_HANDLE {
 // Allocates a zero-filled record with its own copy of the configuration, in which every text is terminated, the
 // elements to insert and the rate counter. Everything else of the source is built from that copy. Returns NULL if out
 // of memory. Opener.
-MDATA_SRC_HANDLE _AllocSource(const MDATA_SRC_CFG* pCfg);
+MDATA_SRC_HANDLE _AllocSource(const MDATA_SRC_CFG* config);
 // Frees a record of _AllocSource.
-void _FreeSource(MDATA_SRC_HANDLE pHandle);
+void _FreeSource(MDATA_SRC_HANDLE hSource);
 // Builds the elements that the configuration asks to insert. Returns FALSE if one of them cannot be built; the source
 // then inserts none.
-BOOL _AllocKLVInserts(MDATA_SRC_HANDLE pHandle);
+BOOL _AllocKLVInserts(MDATA_SRC_HANDLE hSource);
 
 // --- Texts, for one log call -------------------------------------------------------------------------
 
 // Text of an errno value.
 struct ErrnoText {
-  char acBuffer[128] = {};
-  const char* szText;
-  explicit ErrnoText(int iError) : szText(strerror_r(iError, acBuffer, sizeof(acBuffer))) {}
+  char buffer[128] = {};
+  const char* text;
+  explicit ErrnoText(int error) : text(strerror_r(error, buffer, sizeof(buffer))) {}
 };
 
 // Text of a sender's address.
 struct SenderText {
-  char acBuffer[80] = {};
-  const char* szText;
-  explicit SenderText(const struct sockaddr_storage& Address)
-      : szText(GetSockAddressString(&Address, acBuffer, static_cast<int>(sizeof(acBuffer)))) {}
+  char buffer[80] = {};
+  const char* text;
+  explicit SenderText(const struct sockaddr_storage& address)
+      : text(GetSockAddressString(&address, buffer, static_cast<int>(sizeof(buffer)))) {}
 };
 
 // --- Descriptors, capture files, pauses --------------------------------------------------------------
 // Any thread; no state of their own.
 
 // Closes a descriptor unless it is -1, and sets it to -1.
-inline void _CloseDescriptor(int& iFD) {
-  if (iFD >= 0) close(iFD);
-  iFD = -1;
+inline void _CloseDescriptor(int& fd) {
+  if (fd >= 0) close(fd);
+  fd = -1;
 }
 
 // Opens a capture file for writing, empty and with access for its owner only. Returns NULL on failure. Anybody may
 // create names under /tmp: a link is not followed, a pipe or device neither blocks nor is written to, and a file that
 // belongs to another user or has a second name is not changed.
-FILE* _OpenCaptureFile(const char* szPath);
+FILE* _OpenCaptureFile(const char* path);
 
 // Closes a file unless it is NULL, and sets it to NULL.
-inline void _CloseFile(FILE*& pFile) {
-  if (pFile == nullptr) return;
-  fclose(pFile);
-  pFile = nullptr;
+inline void _CloseFile(FILE*& file) {
+  if (file == nullptr) return;
+  fclose(file);
+  file = nullptr;
 }
 
 // Sleeps for less than a second.
-inline void _SleepMs(UINT64 nMilliseconds) {
-  const struct timespec Pause = {0, static_cast<long>(nMilliseconds) * 1000000};
-  nanosleep(&Pause, nullptr);
+inline void _SleepMs(UINT64 milliseconds) {
+  const struct timespec pause = {0, static_cast<long>(milliseconds) * 1000000};
+  nanosleep(&pause, nullptr);
 }
 
 #endif  // MD_SOURCE_H

@@ -36,13 +36,13 @@ void MdSyncBuffer::MoveToStart() {
 
 int MdSyncBuffer::ScanChunk(const BYTE* data, int size, const MdSyncPattern& pattern) {
   int offset = 0;
-  const UINT matched = ScanForPattern(data, size, pattern.pvBytes, pattern.nSize, &offset);
+  const UINT matched = ScanForPattern(data, size, pattern.bytes, pattern.size, &offset);
   if (matched != 0) Restart(data + offset, size - offset);
   return static_cast<int>(matched);
 }
 
 int MdSyncBuffer::Rescan(const MdSyncPattern& pattern, int* offset) {
-  const UINT matched = ScanForPattern(Front(), m_stored, pattern.pvBytes, pattern.nSize, offset);
+  const UINT matched = ScanForPattern(Front(), m_stored, pattern.bytes, pattern.size, offset);
   if (matched != 0) {
     Drop(*offset);
   } else {
@@ -52,8 +52,8 @@ int MdSyncBuffer::Rescan(const MdSyncPattern& pattern, int* offset) {
 }
 
 bool MdSyncBuffer::ContinuesPattern(const BYTE* data, int size, const MdSyncPattern& pattern, int* compared) const {
-  const int missing = pattern.nSize - m_stored;
+  const int missing = pattern.size - m_stored;
   *compared = missing < size ? missing : size;
-  const BYTE* rest = static_cast<const BYTE*>(pattern.pvBytes) + m_stored;
+  const BYTE* rest = static_cast<const BYTE*>(pattern.bytes) + m_stored;
   return memcmp(data, rest, static_cast<size_t>(*compared)) == 0;
 }

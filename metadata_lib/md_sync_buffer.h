@@ -21,8 +21,8 @@
 #include "metadata_lib.h"
 
 struct MdSyncPattern {
-  const void* pvBytes;
-  int nSize;
+  const void* bytes;
+  int size;
 };
 
 class MdSyncBuffer {

@@ -30,64 +30,63 @@ static constexpr BYTE _acAnyAddress[16] = {};  // the IPv6 "any" address
 // 1. Receiving, with the control messages. Metadata thread.
 // =====================================================================================================
 
-static bool _HoldsValue(const struct cmsghdr* pControl, size_t nValueSize) {
-  return pControl->cmsg_len >= CMSG_LEN(nValueSize);
+static bool _HoldsValue(const struct cmsghdr* control, size_t valueSize) {
+  return control->cmsg_len >= CMSG_LEN(valueSize);
 }
 
-static void _StoreTTL(const struct cmsghdr* pControl, BYTE* pcTTL) {
+static void _StoreTTL(const struct cmsghdr* control, BYTE* ttl) {
   int iTTL = 0;
-  memcpy(&iTTL, CMSG_DATA(pControl), sizeof(iTTL));
-  if (pControl->cmsg_level == IPPROTO_IPV6) MD_LOG(7, "Got hop limit (%d) information.\n", iTTL);
+  memcpy(&iTTL, CMSG_DATA(control), sizeof(iTTL));
+  if (control->cmsg_level == IPPROTO_IPV6) MD_LOG(7, "Got hop limit (%d) information.\n", iTTL);
   MD_ASSERT(iTTL >= 0);
   MD_ASSERT(iTTL < 256);
-  *pcTTL = static_cast<BYTE>(iTTL & 0xFF);
+  *ttl = static_cast<BYTE>(iTTL & 0xFF);
 }
 
 // KEPT: TOS is tested before TTL, so one control message fills at most one of the two.
-static void _ReadIPv4Control(const struct cmsghdr* pControl, UINT nNumber, BYTE* pcTOS, BYTE* pcTTL) {
-  if (pControl->cmsg_type == IP_TOS && pcTOS != nullptr) {
-    if (_HoldsValue(pControl, sizeof(BYTE))) *pcTOS = *CMSG_DATA(pControl);
-  } else if (pControl->cmsg_type == IP_TTL && pcTTL != nullptr) {
-    if (_HoldsValue(pControl, sizeof(int))) _StoreTTL(pControl, pcTTL);
+static void _ReadIPv4Control(const struct cmsghdr* control, UINT number, BYTE* tos, BYTE* ttl) {
+  if (control->cmsg_type == IP_TOS && tos != nullptr) {
+    if (_HoldsValue(control, sizeof(BYTE))) *tos = *CMSG_DATA(control);
+  } else if (control->cmsg_type == IP_TTL && ttl != nullptr) {
+    if (_HoldsValue(control, sizeof(int))) _StoreTTL(control, ttl);
   } else {
-    MD_LOG(4, "ANC#%u Unknown (%d) information.\n", nNumber, pControl->cmsg_type);
+    MD_LOG(4, "ANC#%u Unknown (%d) information.\n", number, control->cmsg_type);
   }
 }
 
-static void _ReadIPv6Control(const struct cmsghdr* pControl, UINT nNumber, BYTE* pcTOS, BYTE* pcTTL) {
-  if (pControl->cmsg_type == IPV6_TCLASS && pcTOS != nullptr) {
-    if (!_HoldsValue(pControl, sizeof(BYTE))) return;
-    const BYTE cTrafficClass = *CMSG_DATA(pControl);
-    MD_LOG(7, "Got traffic class (%d) information.\n", cTrafficClass);
-    *pcTOS = cTrafficClass;
-  } else if (pControl->cmsg_type == IPV6_HOPLIMIT && pcTTL != nullptr) {
-    if (_HoldsValue(pControl, sizeof(int))) _StoreTTL(pControl, pcTTL);
+static void _ReadIPv6Control(const struct cmsghdr* control, UINT number, BYTE* tos, BYTE* ttl) {
+  if (control->cmsg_type == IPV6_TCLASS && tos != nullptr) {
+    if (!_HoldsValue(control, sizeof(BYTE))) return;
+    const BYTE trafficClass = *CMSG_DATA(control);
+    MD_LOG(7, "Got traffic class (%d) information.\n", trafficClass);
+    *tos = trafficClass;
+  } else if (control->cmsg_type == IPV6_HOPLIMIT && ttl != nullptr) {
+    if (_HoldsValue(control, sizeof(int))) _StoreTTL(control, ttl);
   } else {
-    MD_LOG(4, "ANC#%u Unknown IPv6 (%d) information.\n", nNumber, pControl->cmsg_type);
+    MD_LOG(4, "ANC#%u Unknown IPv6 (%d) information.\n", number, control->cmsg_type);
   }
 }
 
-static void _ReadControlMessages(struct msghdr* pMessage, const struct sockaddr_storage* pFromAddr, BYTE* pcTOS,
-                                 BYTE* pcTTL) {
-  UINT nNumber = 0;
-  for (struct cmsghdr* pControl = CMSG_FIRSTHDR(pMessage); pControl != nullptr;
-       pControl = CMSG_NXTHDR(pMessage, pControl)) {
-    ++nNumber;
-    switch (pControl->cmsg_level) {
+static void _ReadControlMessages(struct msghdr* message, const struct sockaddr_storage* fromAddr, BYTE* tos,
+                                 BYTE* ttl) {
+  UINT number = 0;
+  for (struct cmsghdr* control = CMSG_FIRSTHDR(message); control != nullptr; control = CMSG_NXTHDR(message, control)) {
+    ++number;
+    switch (control->cmsg_level) {
       case IPPROTO_IP:
         MD_LOG(7, "IPPROTO_IP.\n");
-        MD_ASSERT_TEXT(pFromAddr == nullptr || pFromAddr->ss_family == AF_INET,
+        MD_ASSERT_TEXT(fromAddr == nullptr || fromAddr->ss_family == AF_INET,
                        "((struct sockaddr *)pFromAddr)->sa_family == AF_INET");
-        _ReadIPv4Control(pControl, nNumber, pcTOS, pcTTL);
+        _ReadIPv4Control(control, number, tos, ttl);
         break;
       case IPPROTO_IPV6:
         MD_LOG(7, "IPPROTO_IPV6.\n");
-        MD_ASSERT_TEXT(pFromAddr == nullptr || pFromAddr->ss_family == AF_INET6,
+        MD_ASSERT_TEXT(fromAddr == nullptr || fromAddr->ss_family == AF_INET6,
                        "((struct sockaddr *)pFromAddr)->sa_family == AF_INET6");
-        _ReadIPv6Control(pControl, nNumber, pcTOS, pcTTL);
+        _ReadIPv6Control(control, number, tos, ttl);
         break;
       default:
-        MD_LOG(4, "ANC#%u Unknown level (%d) ancilliary data found.\n", nNumber, pControl->cmsg_level);
+        MD_LOG(4, "ANC#%u Unknown level (%d) ancilliary data found.\n", number, control->cmsg_level);
         break;
     }
   }
@@ -95,30 +94,30 @@ static void _ReadControlMessages(struct msghdr* pMessage, const struct sockaddr_
 
 int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockaddr_storage* pFromAddr, BYTE* pcTOS,
                    BYTE* pcTTL) {
-  const bool bWantsControl = pcTOS != nullptr || pcTTL != nullptr;
-  alignas(struct cmsghdr) BYTE acControl[48] = {};
-  struct iovec Part = {pvBuffer, nBuffSize};
-  struct msghdr Message = {};
-  Message.msg_iov = &Part;
-  Message.msg_iovlen = 1;
+  const bool wantsControl = pcTOS != nullptr || pcTTL != nullptr;
+  alignas(struct cmsghdr) BYTE controlData[48] = {};
+  struct iovec part = {pvBuffer, nBuffSize};
+  struct msghdr message = {};
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
   if (pFromAddr != nullptr) {
     memset(pFromAddr, 0, sizeof(*pFromAddr));
-    Message.msg_name = pFromAddr;
-    Message.msg_namelen = sizeof(*pFromAddr);
+    message.msg_name = pFromAddr;
+    message.msg_namelen = sizeof(*pFromAddr);
   }
-  if (bWantsControl) {
-    Message.msg_control = acControl;
-    Message.msg_controllen = sizeof(acControl);
+  if (wantsControl) {
+    message.msg_control = controlData;
+    message.msg_controllen = sizeof(controlData);
   }
-  const int nResult = static_cast<int>(recvmsg(iSocket, &Message, MSG_DONTWAIT));
-  if (nResult <= 0) {
-    const int iError = errno;
-    MD_LOG(3, "recvmsg returned %d, errno=%d, \"%s\".\n", nResult, iError, ErrnoText(iError).szText);
-    errno = iError;
-    return nResult;
+  const int result = static_cast<int>(recvmsg(iSocket, &message, MSG_DONTWAIT));
+  if (result <= 0) {
+    const int error = errno;
+    MD_LOG(3, "recvmsg returned %d, errno=%d, \"%s\".\n", result, error, ErrnoText(error).text);
+    errno = error;
+    return result;
   }
-  if (bWantsControl) _ReadControlMessages(&Message, pFromAddr, pcTOS, pcTTL);
-  return nResult;
+  if (wantsControl) _ReadControlMessages(&message, pFromAddr, pcTOS, pcTTL);
+  return result;
 }
 
 // =====================================================================================================
@@ -126,90 +125,90 @@ int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockadd
 // =====================================================================================================
 
 // KEPT: only -1 asks for the socket option, while any negative value sets bDetectTTL or bDetectTOS.
-BOOL _IsTTLDetectionNeeded(MDATA_SRC_HANDLE pHandle) {
-  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
-    if (pHandle->Config.Relays[i].IpTTL == -1) return TRUE;
+BOOL _IsTTLDetectionNeeded(MDATA_SRC_HANDLE hSource) {
+  for (UINT32 i = 0; i < hSource->Config.nNumOfRelays; ++i) {
+    if (hSource->Config.Relays[i].IpTTL == -1) return TRUE;
   }
   return FALSE;
 }
 
-BOOL _IsTOSDetectionNeeded(MDATA_SRC_HANDLE pHandle) {
-  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
-    if (pHandle->Config.Relays[i].IpTOS == -1) return TRUE;
+BOOL _IsTOSDetectionNeeded(MDATA_SRC_HANDLE hSource) {
+  for (UINT32 i = 0; i < hSource->Config.nNumOfRelays; ++i) {
+    if (hSource->Config.Relays[i].IpTOS == -1) return TRUE;
   }
   return FALSE;
 }
 
 // KEPT: the option's value is one byte long.
-static bool _SwitchOn(int iFD, int iOption) {
-  const BYTE cOn = 1;
-  return setsockopt(iFD, IPPROTO_IP, iOption, &cOn, sizeof(cOn)) == 0;
+static bool _SwitchOn(int fd, int option) {
+  const BYTE on = 1;
+  return setsockopt(fd, IPPROTO_IP, option, &on, sizeof(on)) == 0;
 }
 
 // KEPT: only the IPv4 socket is switched; the IPv6 socket reports the values that the host enabled when it made it.
-BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE pHandle) {
-  BOOL bRetCode = TRUE;
-  const int iFD = pHandle->iFD;
-  if (_IsTTLDetectionNeeded(pHandle) && iFD >= 0) {
-    if (_SwitchOn(iFD, IP_RECVTTL)) {
+BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE hSource) {
+  BOOL ok = TRUE;
+  const int fd = hSource->iFD;
+  if (_IsTTLDetectionNeeded(hSource) && fd >= 0) {
+    if (_SwitchOn(fd, IP_RECVTTL)) {
       MD_LOG(5, "Successfully set IP_RECVTTL socket option.\n");
     } else {
-      const int iError = errno;
-      bRetCode = FALSE;
-      MD_LOG(3, "Unable to set IP_RECVTTL socket option, errno (%d): \"%s\".\n", iError, ErrnoText(iError).szText);
+      const int error = errno;
+      ok = FALSE;
+      MD_LOG(3, "Unable to set IP_RECVTTL socket option, errno (%d): \"%s\".\n", error, ErrnoText(error).text);
     }
   }
-  if (_IsTOSDetectionNeeded(pHandle) && iFD >= 0) {
-    if (_SwitchOn(iFD, IP_RECVTOS)) {
+  if (_IsTOSDetectionNeeded(hSource) && fd >= 0) {
+    if (_SwitchOn(fd, IP_RECVTOS)) {
       MD_LOG(5, "Successfully set IP_RECVTOS socket option.\n");
     } else {
-      const int iError = errno;
-      bRetCode = FALSE;
-      MD_LOG(3, "Unable to set IP_RECVTOS socket option, errno (%d): \"%s\".\n", iError, ErrnoText(iError).szText);
+      const int error = errno;
+      ok = FALSE;
+      MD_LOG(3, "Unable to set IP_RECVTOS socket option, errno (%d): \"%s\".\n", error, ErrnoText(error).text);
     }
   }
-  return bRetCode;
+  return ok;
 }
 
 // =====================================================================================================
 // 3. The last sender and the filter for senders. Metadata thread; the statistics calls under g_MetaDataAPIMutex.
 // =====================================================================================================
 
-static void _RecordSender(MDATA_SRC_HANDLE hSource, int iFamily, const void* pvAddress, size_t nSize) {
-  MdLock Lock(_g_SenderLock);
-  hSource->iSourceAddressFamily = iFamily;
-  memcpy(hSource->acSourceAddress, pvAddress, nSize);
+static void _RecordSender(MDATA_SRC_HANDLE hSource, int family, const void* address, size_t size) {
+  MdLock lock(_g_SenderLock);
+  hSource->iSourceAddressFamily = family;
+  memcpy(hSource->acSourceAddress, address, size);
 }
 
 // KEPT: 0 and everything from 224 up, groups and reserved addresses alike, accepts every sender.
-static bool _AcceptsIPv4(const BYTE* pcConfigured, const void* pvSender) {
-  const bool bUnicast = pcConfigured[0] != 0 && pcConfigured[0] < 224;
-  return !bUnicast || memcmp(pcConfigured, pvSender, 4) == 0;
+static bool _AcceptsIPv4(const BYTE* configured, const void* sender) {
+  const bool isUnicast = configured[0] != 0 && configured[0] < 224;
+  return !isUnicast || memcmp(configured, sender, 4) == 0;
 }
 
 // KEPT: no exception for multicast.
-static bool _AcceptsIPv6(const BYTE* pcConfigured, const void* pvSender) {
-  return memcmp(pcConfigured, _acAnyAddress, 16) == 0 || memcmp(pcConfigured, pvSender, 16) == 0;
+static bool _AcceptsIPv6(const BYTE* configured, const void* sender) {
+  return memcmp(configured, _acAnyAddress, 16) == 0 || memcmp(configured, sender, 16) == 0;
 }
 
 // KEPT: the configured address is compared even if the configured family is 0.
 BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr) {
-  const int iConfigured = hSource->Config.in.Network.iSrcAddressFamily;
-  const BYTE* pcConfigured = hSource->Config.in.Network.acSrcAddress;
-  if (pAddr->ss_family == AF_INET && (iConfigured == AF_INET || iConfigured == 0)) {
-    struct sockaddr_in Sender = {};
-    memcpy(&Sender, pAddr, sizeof(Sender));
-    if (_AcceptsIPv4(pcConfigured, &Sender.sin_addr)) {
+  const int configuredFamily = hSource->Config.in.Network.iSrcAddressFamily;
+  const BYTE* configured = hSource->Config.in.Network.acSrcAddress;
+  if (pAddr->ss_family == AF_INET && (configuredFamily == AF_INET || configuredFamily == 0)) {
+    struct sockaddr_in sender = {};
+    memcpy(&sender, pAddr, sizeof(sender));
+    if (_AcceptsIPv4(configured, &sender.sin_addr)) {
       MD_LOG(7, "IPv4 packet is for us.\n");
-      _RecordSender(hSource, AF_INET, &Sender.sin_addr, 4);
+      _RecordSender(hSource, AF_INET, &sender.sin_addr, 4);
       return TRUE;
     }
-  } else if (pAddr->ss_family == AF_INET6 && (iConfigured == AF_INET6 || iConfigured == 0)) {
-    struct sockaddr_in6 Sender = {};
-    memcpy(&Sender, pAddr, sizeof(Sender));
-    if (_AcceptsIPv6(pcConfigured, &Sender.sin6_addr)) {
+  } else if (pAddr->ss_family == AF_INET6 && (configuredFamily == AF_INET6 || configuredFamily == 0)) {
+    struct sockaddr_in6 sender = {};
+    memcpy(&sender, pAddr, sizeof(sender));
+    if (_AcceptsIPv6(configured, &sender.sin6_addr)) {
       MD_LOG(7, "IPv6 packet is for us.\n");
-      _RecordSender(hSource, AF_INET6, &Sender.sin6_addr, 16);
+      _RecordSender(hSource, AF_INET6, &sender.sin6_addr, 16);
       return TRUE;
     }
   }
@@ -217,26 +216,26 @@ BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAdd
   return FALSE;
 }
 
-void _GetSenderStats(MDATA_SRC_HANDLE pHandle, MDATA_INET_STATS* pStats) {
-  MdLock Lock(_g_SenderLock);
-  pStats->iSourceAddressFamily = pHandle->iSourceAddressFamily;
-  switch (pHandle->iSourceAddressFamily) {
+void _GetSenderStats(MDATA_SRC_HANDLE hSource, MDATA_INET_STATS* stats) {
+  MdLock lock(_g_SenderLock);
+  stats->iSourceAddressFamily = hSource->iSourceAddressFamily;
+  switch (hSource->iSourceAddressFamily) {
     case AF_INET:
-      memcpy(pStats->SourceAddress, pHandle->acSourceAddress, 4);
+      memcpy(stats->SourceAddress, hSource->acSourceAddress, 4);
       break;
     case AF_INET6:
-      memcpy(pStats->SourceAddress, pHandle->acSourceAddress, 16);
+      memcpy(stats->SourceAddress, hSource->acSourceAddress, 16);
       break;
     default:
-      pStats->iSourceAddressFamily = 0;
-      memset(pStats->SourceAddress, 0, sizeof(pStats->SourceAddress));
+      stats->iSourceAddressFamily = 0;
+      memset(stats->SourceAddress, 0, sizeof(stats->SourceAddress));
       break;
   }
 }
 
-void _SetSenderStats(MDATA_SRC_HANDLE pHandle, const MDATA_INET_STATS& Stats) {
-  MdLock Lock(_g_SenderLock);
-  memcpy(pHandle->acSourceAddress, Stats.SourceAddress, sizeof(pHandle->acSourceAddress));
+void _SetSenderStats(MDATA_SRC_HANDLE hSource, const MDATA_INET_STATS& stats) {
+  MdLock lock(_g_SenderLock);
+  memcpy(hSource->acSourceAddress, stats.SourceAddress, sizeof(hSource->acSourceAddress));
   // KEPT: the family is not restored
 }
 
@@ -244,21 +243,21 @@ void _SetSenderStats(MDATA_SRC_HANDLE pHandle, const MDATA_INET_STATS& Stats) {
 // 4. One datagram for a source. Metadata thread.
 // =====================================================================================================
 
-int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int iFD, struct sockaddr_storage* pFrom, BYTE* pcTOS, BYTE* pcTTL) {
-  const int nLength = _RecvUDPPacket(iFD, hSource->RxBuffer, sizeof(hSource->RxBuffer), pFrom,
-                                     hSource->bDetectTOS ? pcTOS : nullptr, hSource->bDetectTTL ? pcTTL : nullptr);
-  if (nLength == 0) {
+int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int fd, struct sockaddr_storage* from, BYTE* tos, BYTE* ttl) {
+  const int length = _RecvUDPPacket(fd, hSource->RxBuffer, sizeof(hSource->RxBuffer), from,
+                                    hSource->bDetectTOS ? tos : nullptr, hSource->bDetectTTL ? ttl : nullptr);
+  if (length == 0) {
     MD_LOG(5, "recvfrom returned 0.\n");
     return 0;
   }
-  if (nLength < 0) {
-    const int iError = errno;
-    MD_LOG(5, "recvfrom failed, rc=%d, errno=%d, \"%s\".\n", nLength, iError, ErrnoText(iError).szText);
+  if (length < 0) {
+    const int error = errno;
+    MD_LOG(5, "recvfrom failed, rc=%d, errno=%d, \"%s\".\n", length, error, ErrnoText(error).text);
     return 0;
   }
-  if (!_IsUDPDataForSource(hSource, pFrom)) {
-    MD_LOG(7, "Rejecting %d bytes from %s.\n", nLength, SenderText(*pFrom).szText);
+  if (!_IsUDPDataForSource(hSource, from)) {
+    MD_LOG(7, "Rejecting %d bytes from %s.\n", length, SenderText(*from).text);
     return 0;
   }
-  return nLength;
+  return length;
 }

@@ -17,22 +17,22 @@ int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockadd
                    BYTE* pcTTL);
 
 // Return whether a configured relay follows the TTL or TOS that the source receives.
-BOOL _IsTTLDetectionNeeded(MDATA_SRC_HANDLE pHandle);
-BOOL _IsTOSDetectionNeeded(MDATA_SRC_HANDLE pHandle);
+BOOL _IsTTLDetectionNeeded(MDATA_SRC_HANDLE hSource);
+BOOL _IsTOSDetectionNeeded(MDATA_SRC_HANDLE hSource);
 
 // Makes the IPv4 socket report TTL and TOS if relays follow them. Returns FALSE if an option cannot be set; the other
 // one is set nevertheless.
-BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE pHandle);
+BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE hSource);
 
 // Returns whether the source accepts the sender, and notes an accepted one as its last sender.
 BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr);
 
 // Receives one datagram into the source's RxBuffer, with its TOS and TTL if they are detected. Returns its length, or
 // 0 if there is no datagram for this source.
-int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int iFD, struct sockaddr_storage* pFrom, BYTE* pcTOS, BYTE* pcTTL);
+int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int fd, struct sockaddr_storage* from, BYTE* tos, BYTE* ttl);
 
 // Copy the last sender to the statistics, and back from statistics that are restored.
-void _GetSenderStats(MDATA_SRC_HANDLE pHandle, MDATA_INET_STATS* pStats);
-void _SetSenderStats(MDATA_SRC_HANDLE pHandle, const MDATA_INET_STATS& Stats);
+void _GetSenderStats(MDATA_SRC_HANDLE hSource, MDATA_INET_STATS* stats);
+void _SetSenderStats(MDATA_SRC_HANDLE hSource, const MDATA_INET_STATS& stats);
 
 #endif  // MD_UDP_H

@@ -17,55 +17,55 @@ pthread_mutex_t _g_XMLOutLock = PTHREAD_MUTEX_INITIALIZER;
 FILE* g_XMLOutFP = nullptr;
 int32_t g_nXMLEventCount = 0;
 
-void _ReplaceXMLOutFile(FILE* pFile) {
-  MdLock Lock(_g_XMLOutLock);
+void _ReplaceXMLOutFile(FILE* file) {
+  MdLock lock(_g_XMLOutLock);
   if (g_XMLOutFP != nullptr) fclose(g_XMLOutFP);
-  g_XMLOutFP = pFile;
+  g_XMLOutFP = file;
 }
 
 // The file's error flag shows whether a failure was already reported: one line per file, not per event.
-static bool _IsNewWriteError(FILE* fp, int nErrorBefore) {
-  return nErrorBefore == 0 && ferror(fp) != 0;
+static bool _IsNewWriteError(FILE* fp, int errorBefore) {
+  return errorBefore == 0 && ferror(fp) != 0;
 }
 
-static void _ReportXMLLogError(int iErrno) {
-  MD_LOG(3, "Unable to write to the XML event log, errno=%d, \"%s\".\n", iErrno, strerror(iErrno));
+static void _ReportXMLLogError(int error) {
+  MD_LOG(3, "Unable to write to the XML event log, errno=%d, \"%s\".\n", error, strerror(error));
 }
 
 // KEPT: the message is written as text up to, but without, its last byte.
-void _LogXMLEvent(MDATA_BUFFER* pBuff) {
+void _LogXMLEvent(MDATA_BUFFER* buffer) {
   bool failed = false;
-  int iErrno = 0;
+  int error = 0;
   {
-    MdLock Lock(_g_XMLOutLock);
+    MdLock lock(_g_XMLOutLock);
     if (g_XMLOutFP == nullptr) return;
-    const int nErrorBefore = ferror(g_XMLOutFP);
-    const int32_t nEvent = MdAddFetch(g_nXMLEventCount, 1);
-    char szTime[40];
-    fprintf(g_XMLOutFP, "XML Event #%d at %s\n", nEvent, GenTimeStamp(time(nullptr), szTime, sizeof(szTime)));
-    BYTE* pcLast = pBuff->pcData + pBuff->nDataSize - 1;
-    const BYTE cLast = *pcLast;
-    *pcLast = 0;
-    fprintf(g_XMLOutFP, "%s\n\n", reinterpret_cast<const char*>(pBuff->pcData));
-    iErrno = errno;
-    *pcLast = cLast;
-    failed = _IsNewWriteError(g_XMLOutFP, nErrorBefore);
+    const int errorBefore = ferror(g_XMLOutFP);
+    const int32_t event = MdAddFetch(g_nXMLEventCount, 1);
+    char timeText[40];
+    fprintf(g_XMLOutFP, "XML Event #%d at %s\n", event, GenTimeStamp(time(nullptr), timeText, sizeof(timeText)));
+    BYTE* last = buffer->pcData + buffer->nDataSize - 1;
+    const BYTE lastByte = *last;
+    *last = 0;
+    fprintf(g_XMLOutFP, "%s\n\n", reinterpret_cast<const char*>(buffer->pcData));
+    error = errno;
+    *last = lastByte;
+    failed = _IsNewWriteError(g_XMLOutFP, errorBefore);
   }
-  if (failed) _ReportXMLLogError(iErrno);
+  if (failed) _ReportXMLLogError(error);
 }
 
-void _LogLostXMLEvent(ULONG nCorrupted) {
+void _LogLostXMLEvent(ULONG number) {
   bool failed = false;
-  int iErrno = 0;
+  int error = 0;
   {
-    MdLock Lock(_g_XMLOutLock);
+    MdLock lock(_g_XMLOutLock);
     if (g_XMLOutFP == nullptr) return;
-    const int nErrorBefore = ferror(g_XMLOutFP);
-    fprintf(g_XMLOutFP, "\nLOST XML Event #%lu\n", nCorrupted);
-    iErrno = errno;
+    const int errorBefore = ferror(g_XMLOutFP);
+    fprintf(g_XMLOutFP, "\nLOST XML Event #%lu\n", number);
+    error = errno;
     // KEPT: a lost event has a number too, so the next event's number is two higher than the last one's.
     MdAddFetch(g_nXMLEventCount, 1);
-    failed = _IsNewWriteError(g_XMLOutFP, nErrorBefore);
+    failed = _IsNewWriteError(g_XMLOutFP, errorBefore);
   }
-  if (failed) _ReportXMLLogError(iErrno);
+  if (failed) _ReportXMLLogError(error);
 }

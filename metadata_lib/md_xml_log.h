@@ -17,13 +17,13 @@ extern FILE* g_XMLOutFP;          // the capture, or NULL; under _g_XMLOutLock
 extern int32_t g_nXMLEventCount;  // events in the capture so far, lost ones included; written under _g_XMLOutLock
 
 // Closes the capture and replaces it by a file that this module owns from here on, or by none if the file is NULL.
-void _ReplaceXMLOutFile(FILE* pFile);
+void _ReplaceXMLOutFile(FILE* file);
 
 // Writes an ARQ message, header included, as the next event. Does nothing without a capture. The message is not empty
 // and is unchanged when the call returns.
-void _LogXMLEvent(MDATA_BUFFER* pBuff);
+void _LogXMLEvent(MDATA_BUFFER* buffer);
 
-// Writes that an event was lost; it was the nCorrupted-th corrupted message of its source.
-void _LogLostXMLEvent(ULONG nCorrupted);
+// Writes that an event was lost; number counts the corrupted messages of its source.
+void _LogLostXMLEvent(ULONG number);
 
 #endif  // MD_XML_LOG_H

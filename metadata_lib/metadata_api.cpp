@@ -82,27 +82,27 @@ class TryApiLock {
  public:
   TryApiLock();
   ~TryApiLock() {
-    if (m_bHeld) pthread_mutex_unlock(&g_MetaDataAPIMutex);
+    if (m_held) pthread_mutex_unlock(&g_MetaDataAPIMutex);
   }
   TryApiLock(const TryApiLock&) = delete;
   TryApiLock& operator=(const TryApiLock&) = delete;
-  bool IsHeld() const { return m_bHeld; }
+  bool IsHeld() const { return m_held; }
 
  private:
-  bool m_bHeld = false;
+  bool m_held = false;
 };
 
 }  // namespace
 
 TryApiLock::TryApiLock() {
-  struct timespec Until = {};
-  clock_gettime(CLOCK_MONOTONIC, &Until);
-  Until.tv_nsec += kSerialLockMs * 1000000;
-  if (Until.tv_nsec >= 1000000000) {
-    ++Until.tv_sec;
-    Until.tv_nsec -= 1000000000;
+  struct timespec until = {};
+  clock_gettime(CLOCK_MONOTONIC, &until);
+  until.tv_nsec += kSerialLockMs * 1000000;
+  if (until.tv_nsec >= 1000000000) {
+    ++until.tv_sec;
+    until.tv_nsec -= 1000000000;
   }
-  m_bHeld = pthread_mutex_clocklock(&g_MetaDataAPIMutex, CLOCK_MONOTONIC, &Until) == 0;
+  m_held = pthread_mutex_clocklock(&g_MetaDataAPIMutex, CLOCK_MONOTONIC, &until) == 0;
 }
 
 // =====================================================================================================
@@ -110,7 +110,7 @@ TryApiLock::TryApiLock() {
 // =====================================================================================================
 
 static void _ReleaseSource(MDATA_SRC_HANDLE pHandle);
-static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded);
+static void _SweepUnsentCloses(HFDSET hSet, bool threadEnded);
 static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox);
 
 // Resets the state that an earlier shut-down left behind.
@@ -124,21 +124,21 @@ static void _ResetThreadState() {
 
 // Creates the mailbox, the read set with the mailbox in it, and the thread, which does not run yet.
 static BOOL _CreateMetaDataThread() {
-  MBOX_CONFIG MBoxConfig = {};
-  MBoxConfig.nSize = static_cast<int>(sizeof(MBoxConfig));
-  MBoxConfig.szName = "MetaDataEngine";
-  if (!MBOX_CreateMailBox(&MBoxConfig, &_g_hMetaDataThreadMBox)) {
+  MBOX_CONFIG config = {};
+  config.nSize = static_cast<int>(sizeof(config));
+  config.szName = "MetaDataEngine";
+  if (!MBOX_CreateMailBox(&config, &_g_hMetaDataThreadMBox)) {
     MD_LOG(3, "Unable to create mailbox for communication with meta-data thread.\n");
     return FALSE;
   }
-  const int iNotificationFD = MBOX_GetNotificationFD(_g_hMetaDataThreadMBox);
+  const int notificationFd = MBOX_GetNotificationFD(_g_hMetaDataThreadMBox);
   if (!__FDMGR_CreateSet("Meta-Data", &g_hMetaDataFDSet, __func__, MD_MODULE, __LINE__)) {
     MD_LOG(3,
            "Unable to file descriptor set for met-data thread.\n");  // KEPT: the wording; operators search logs for it
     MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
     return FALSE;
   }
-  if (!__FDMGR_AddReadFD(g_hMetaDataFDSet, iNotificationFD, _MetaDataControlCallBack, _g_hMetaDataThreadMBox, nullptr,
+  if (!__FDMGR_AddReadFD(g_hMetaDataFDSet, notificationFd, _MetaDataControlCallBack, _g_hMetaDataThreadMBox, nullptr,
                          __func__, MD_MODULE, __LINE__)) {
     MD_LOG(3, "Unable to add mailbox to file descriptor set of meta-data thread.\n");
     MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);  // the set is left as after a failed thread creation
@@ -155,9 +155,9 @@ static BOOL _CreateMetaDataThread() {
 
 BOOL METADATALIB_Init(DWORD dwCaps) {
   // KEPT: the flag stays set after a shut-down, so a second start raises this assertion and continues.
-  const BOOL bInitialized = MdLoadAcquire(g_bMetaDataLibInitialized);
-  MD_ASSERT_TEXT(bInitialized == FALSE, "g_bMetaDataLibInitialized == FALSE");
-  if (bInitialized && _g_bUsingInternalThread)
+  const BOOL initialized = MdLoadAcquire(g_bMetaDataLibInitialized);
+  MD_ASSERT_TEXT(initialized == FALSE, "g_bMetaDataLibInitialized == FALSE");
+  if (initialized && _g_bUsingInternalThread)
     return FALSE;  // the thread runs and uses everything that a start replaces
   _DoDbgInit("METADATALIB", &g_hMetaDataLibDbg);
   _DoDbgInit("COTCONVERTER", &g_hCoTConvDbg);
@@ -190,14 +190,14 @@ BOOL METADATALIB_Init(DWORD dwCaps) {
 static bool _StopMetaDataThread() {
   HMBOXMSG hMsg = _AllocControlMessage(EVENTID_SHUTDOWN_THREAD, nullptr);
   if (hMsg == nullptr) return false;
-  bool bSent = false;
-  if (!_CallThreadToEnd(hMsg, &bSent)) {
-    const int iError = errno;
-    const ErrnoText Error(iError);
-    MD_LOG(3, "Wait FAILED, errno (%d): \"%s\".\n", iError, Error.szText);
-    MD_TEXT_ASSERT("Wait FAILED, errno (%d): \"%s\".\n", iError, Error.szText);
+  bool sent = false;
+  if (!_CallThreadToEnd(hMsg, &sent)) {
+    const int error = errno;
+    const ErrnoText errorText(error);
+    MD_LOG(3, "Wait FAILED, errno (%d): \"%s\".\n", error, errorText.text);
+    MD_TEXT_ASSERT("Wait FAILED, errno (%d): \"%s\".\n", error, errorText.text);
   }
-  if (!bSent) {
+  if (!sent) {
     MD_LOG(3, "Unable to stop meta-data thread, it is left running.\n");
     return false;
   }
@@ -218,20 +218,20 @@ static void _ReleaseThreadServices() {
 }
 
 void METADATALIB_Shutdown(void) {
-  const BOOL bInitialized = MdLoadAcquire(g_bMetaDataLibInitialized);
-  MD_ASSERT_TEXT(bInitialized, "g_bMetaDataLibInitialized");
+  const BOOL initialized = MdLoadAcquire(g_bMetaDataLibInitialized);
+  MD_ASSERT_TEXT(initialized, "g_bMetaDataLibInitialized");
   MD_LOG(5, "Called.\n");
-  bool bThreadEnded = true;
-  if (bInitialized && _g_bUsingInternalThread) {
-    bThreadEnded = _StopMetaDataThread();
+  bool threadEnded = true;
+  if (initialized && _g_bUsingInternalThread) {
+    threadEnded = _StopMetaDataThread();
     MD_LOG(7, "Closing Mailbox.\n");
-    if (bThreadEnded) _ReleaseThreadServices();
+    if (threadEnded) _ReleaseThreadServices();
   }
-  if (bInitialized && bThreadEnded) free_ww15mgh_grd();  // KEPT: whether or not it was loaded
+  if (initialized && threadEnded) free_ww15mgh_grd();  // KEPT: whether or not it was loaded
   MD_LOG(6, "Done.\n");
   // A thread that could not be asked to end still waits, converts and logs: everything it uses stays until another
   // shut-down reaches it.
-  if (!bThreadEnded) return;
+  if (!threadEnded) return;
   _DoDbgUninitEx(&g_hCoTConvDbg);
   _DoDbgUninitEx(&g_hMetaDataLibDbg);
   // KEPT: g_bMetaDataLibInitialized stays TRUE; the library is made to be started once per process.
@@ -244,13 +244,13 @@ void METADATALIB_Shutdown(void) {
 // =====================================================================================================
 
 // Reports this line to the host's thread watchdog, if enabled.
-static void _SaveStateIfDebugging(int nLine) {
-  if (MdLoad(g_bThreadStateDebuggingEnabled)) __SaveThreadState("_MetaDataThread", MD_MODULE, nLine);
+static void _SaveStateIfDebugging(int line) {
+  if (MdLoad(g_bThreadStateDebuggingEnabled)) __SaveThreadState("_MetaDataThread", MD_MODULE, line);
 }
 
 DWORD _MetaDataThread(void* pvUnusedArg) {
   HFDSET hSet = static_cast<HFDSET>(pvUnusedArg);
-  time_t tLastAgeing = time(nullptr);
+  time_t lastAgeing = time(nullptr);
   while (!MdLoadAcquire(_g_bShutdownThread)) {
     __IncrementThreadIterations();
     MD_LOG(8, "Calling select.\n");
@@ -259,15 +259,15 @@ DWORD _MetaDataThread(void* pvUnusedArg) {
       FDMGR_SetSelectTimeout(hSet, _g_pCurrentThreadSelectTimeOut, _SelectTimeout, nullptr, nullptr);
       _g_bSelectTimeOutChanged = FALSE;
     }
-    const int nResult = FDMGR_Select(hSet);
+    const int result = FDMGR_Select(hSet);
     _SaveStateIfDebugging(__LINE__);
     _SweepUnsentCloses(hSet, false);
-    const time_t tNow = time(nullptr);
-    if (tNow != tLastAgeing) {
+    const time_t now = time(nullptr);
+    if (now != lastAgeing) {
       _AgeDiscoveredSensors();
-      tLastAgeing = tNow;
+      lastAgeing = now;
     }
-    MD_LOG(8, "select returned %d.\n", nResult);
+    MD_LOG(8, "select returned %d.\n", result);
   }
   return 0;
 }
@@ -276,13 +276,13 @@ void _SelectTimeout(HFDSET, void*, void*) {
   MD_LOG(7, "Called.\n");  // the time-out only wakes the loop, for the ageing while sources are quiet
 }
 
-static MDATA_SRC_HANDLE _SourceOf(const FNODE_D* pNode) {
-  return static_cast<MDATA_SRC_HANDLE>(pNode->pvObject);
+static MDATA_SRC_HANDLE _SourceOf(const FNODE_D* node) {
+  return static_cast<MDATA_SRC_HANDLE>(node->pvObject);
 }
 
 void _AgeDiscoveredSensors(void) {
-  for (const FNODE_D* pNode = g_MetaDataSrcList.pHead; pNode != nullptr; pNode = pNode->pNext) {
-    const MDATA_SRC_HANDLE hSource = _SourceOf(pNode);
+  for (const FNODE_D* node = g_MetaDataSrcList.pHead; node != nullptr; node = node->pNext) {
+    const MDATA_SRC_HANDLE hSource = _SourceOf(node);
     if (hSource->Config.enDataType == MDATA_DATA_COT && hSource->hConverter != nullptr)
       AgeCoT2KLVSensors(hSource->hConverter);
   }
@@ -294,51 +294,51 @@ static void _AddSerialSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
 }
 
 static void _AddNetworkSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
-  FDMGR_READ_CALLBACK pfnCallback = nullptr;
+  FDMGR_READ_CALLBACK callback = nullptr;
   switch (hSource->Config.enDataType) {
     case MDATA_DATA_KLV:
-      pfnCallback = _KLV_UDP_DataRxCallBack;
+      callback = _KLV_UDP_DataRxCallBack;
       break;
     case MDATA_DATA_COT:
-      pfnCallback = _CoT_UDP_DataRxCallBack;
+      callback = _CoT_UDP_DataRxCallBack;
       break;
     default:
       MD_ASSERT_UNREACHED();
       return;
   }
-  const int iFD = hSource->iFD;
-  if (iFD >= 0 && __FDMGR_AddReadFD(hSet, iFD, pfnCallback, hSource, nullptr, __func__, MD_MODULE, __LINE__))
-    MD_LOG(6, "IPv4 socket descriptor %d added to read set.\n", iFD);
-  const int iFDv6 = hSource->iFDv6;
-  if (iFDv6 >= 0 && __FDMGR_AddReadFD(hSet, iFDv6, pfnCallback, hSource, nullptr, __func__, MD_MODULE, __LINE__))
-    MD_LOG(6, "IPv6 socket descriptor %d added to read set.\n", iFDv6);
+  const int fd = hSource->iFD;
+  if (fd >= 0 && __FDMGR_AddReadFD(hSet, fd, callback, hSource, nullptr, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "IPv4 socket descriptor %d added to read set.\n", fd);
+  const int fdv6 = hSource->iFDv6;
+  if (fdv6 >= 0 && __FDMGR_AddReadFD(hSet, fdv6, callback, hSource, nullptr, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "IPv6 socket descriptor %d added to read set.\n", fdv6);
 }
 
 // KEPT: enInputInterface is not tested against the bounds of the extractor table; the encoder passes 0 to 3.
 static void _AddVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
-  const int iInterface = hSource->Config.in.Video.enInputInterface;
-  VIDEO_EXTRACTOR* pExtractor = &_g_aVideoExtractors[iInterface];
-  MD_LOG(6, "Starting KLV Capture for interface %d.\n", iInterface);
-  if (pExtractor->iFD != -1) {
-    MD_LOG(6, "We already have extractor FD (%d) at index %d.\n", pExtractor->iFD, iInterface);
+  const int interface = hSource->Config.in.Video.enInputInterface;
+  VIDEO_EXTRACTOR* extractor = &_g_aVideoExtractors[interface];
+  MD_LOG(6, "Starting KLV Capture for interface %d.\n", interface);
+  if (extractor->iFD != -1) {
+    MD_LOG(6, "We already have extractor FD (%d) at index %d.\n", extractor->iFD, interface);
     MD_ASSERT(_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount > 0);
-    ++pExtractor->nRefCount;
+    ++extractor->nRefCount;
     hSource->bCaptureHeld = TRUE;
     return;
   }
   MD_ASSERT(_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount == 0);
-  const VIDEO_EXTRACTOR Stopped = *pExtractor;
-  if (!KLVCAPTURE_Start(iInterface, pExtractor)) {
+  const VIDEO_EXTRACTOR stopped = *extractor;
+  if (!KLVCAPTURE_Start(interface, extractor)) {
     MD_LOG(3, "Failed to start KLV capture.\n");
-    *pExtractor = Stopped;  // KEPT: the source is linked nevertheless and stays open without data
+    *extractor = stopped;  // KEPT: the source is linked nevertheless and stays open without data
     return;
   }
-  pExtractor->nRefCount = 1;
+  extractor->nRefCount = 1;
   hSource->bCaptureHeld = TRUE;
   MD_LOG(5, "KLV capture started.\n");
-  void* pvInterface = reinterpret_cast<void*>(static_cast<intptr_t>(iInterface));
-  if (__FDMGR_AddReadFD(hSet, pExtractor->iFD, _SDIDataRxCallBack, pvInterface, nullptr, __func__, MD_MODULE, __LINE__))
-    MD_LOG(6, "File descriptor %d added to read set. We will call _SDIDataRxCallBack.\n", pExtractor->iFD);
+  void* parameter = reinterpret_cast<void*>(static_cast<intptr_t>(interface));
+  if (__FDMGR_AddReadFD(hSet, extractor->iFD, _SDIDataRxCallBack, parameter, nullptr, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "File descriptor %d added to read set. We will call _SDIDataRxCallBack.\n", extractor->iFD);
 }
 
 static void _PostThreadCond() {
@@ -362,7 +362,7 @@ static void _HandleAddFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
       break;
   }
   {
-    MdLock Lock(_g_SrcListLock);
+    MdLock lock(_g_SrcListLock);
     FastLinkD(&g_MetaDataSrcList, &hSource->DNode);
     hSource->bLinked = TRUE;
   }
@@ -378,43 +378,43 @@ static void _HandleAddFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
 // Removes the source from the count of its video input; the last removal stops the capture. Called by the metadata
 // thread; once that has ended, by any closer, which has no read set: hence the lock, and NULL for hSet.
 static void _RemoveVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
-  const int iInterface = hSource->Config.in.Video.enInputInterface;
-  VIDEO_EXTRACTOR* pExtractor = &_g_aVideoExtractors[iInterface];
-  bool bCounted = false;
-  VIDEO_EXTRACTOR Left = {};
+  const int interface = hSource->Config.in.Video.enInputInterface;
+  VIDEO_EXTRACTOR* extractor = &_g_aVideoExtractors[interface];
+  bool counted = false;
+  VIDEO_EXTRACTOR left = {};
   {
-    MdLock Lock(_g_SrcListLock);
-    bCounted = hSource->bCaptureHeld && pExtractor->nRefCount > 0;
-    if (hSource->bCaptureHeld) --pExtractor->nRefCount;
-    Left = *pExtractor;
-    if (hSource->bCaptureHeld && Left.nRefCount <= 0) pExtractor->iFD = -1;
+    MdLock lock(_g_SrcListLock);
+    counted = hSource->bCaptureHeld && extractor->nRefCount > 0;
+    if (hSource->bCaptureHeld) --extractor->nRefCount;
+    left = *extractor;
+    if (hSource->bCaptureHeld && left.nRefCount <= 0) extractor->iFD = -1;
   }
   // A source whose capture never started is not counted: it neither lowers the count nor stops another's capture.
-  MD_ASSERT_TEXT(bCounted, "_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount > 0");
+  MD_ASSERT_TEXT(counted, "_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount > 0");
   if (!hSource->bCaptureHeld) return;
   hSource->bCaptureHeld = FALSE;
-  if (Left.nRefCount > 0) {
-    MD_LOG(6, "NOT disabling KLV extraction on BNC-%d since ref count is still at %d.\n", iInterface, Left.nRefCount);
+  if (left.nRefCount > 0) {
+    MD_LOG(6, "NOT disabling KLV extraction on BNC-%d since ref count is still at %d.\n", interface, left.nRefCount);
     return;
   }
-  if (hSet != nullptr && __FDMGR_RemoveReadFD(hSet, Left.iFD, __func__, MD_MODULE, __LINE__))
+  if (hSet != nullptr && __FDMGR_RemoveReadFD(hSet, left.iFD, __func__, MD_MODULE, __LINE__))
     MD_LOG(6, "File descriptor removed from read set.\n");
-  MD_LOG(5, "Disabling KLV extraction on BNC-%d since ref count is at zero.\n", iInterface);
-  KLVCAPTURE_Stop(iInterface);
+  MD_LOG(5, "Disabling KLV extraction on BNC-%d since ref count is at zero.\n", interface);
+  KLVCAPTURE_Stop(interface);
 }
 
 static void _RemoveDescriptors(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
-  const bool bNetwork = hSource->Config.enInputType == MDATA_INPUT_NETWORK;
-  const int iFD = hSource->iFD;
-  if (iFD >= 0 && __FDMGR_RemoveReadFD(hSet, iFD, __func__, MD_MODULE, __LINE__))
-    MD_LOG(6, "%s %d removed from read set.\n", bNetwork ? "IPv4 socket" : "File descriptor", iFD);
-  const int iFDv6 = hSource->iFDv6;
-  if (bNetwork && iFDv6 >= 0 && __FDMGR_RemoveReadFD(hSet, iFDv6, __func__, MD_MODULE, __LINE__))
-    MD_LOG(6, "IPv6 socket %d removed from read set.\n", iFDv6);
+  const bool isNetwork = hSource->Config.enInputType == MDATA_INPUT_NETWORK;
+  const int fd = hSource->iFD;
+  if (fd >= 0 && __FDMGR_RemoveReadFD(hSet, fd, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "%s %d removed from read set.\n", isNetwork ? "IPv4 socket" : "File descriptor", fd);
+  const int fdv6 = hSource->iFDv6;
+  if (isNetwork && fdv6 >= 0 && __FDMGR_RemoveReadFD(hSet, fdv6, __func__, MD_MODULE, __LINE__))
+    MD_LOG(6, "IPv6 socket %d removed from read set.\n", fdv6);
 }
 
 static void _UnlinkSource(MDATA_SRC_HANDLE hSource) {
-  MdLock Lock(_g_SrcListLock);
+  MdLock lock(_g_SrcListLock);
   if (!hSource->bLinked) return;
   FastUnlinkD(&g_MetaDataSrcList, &hSource->DNode);
   hSource->bLinked = FALSE;
@@ -440,10 +440,10 @@ static void _HandleRemoveFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   MD_LOG(6, "Received EVENTID_REMOVE_FD.\n");
   _DetachSource(hSet, hSource);
   // From here on the record belongs to the closer. If that has given up, the close is finished here.
-  const bool bAbandoned = _CompleteRequest(hSource->nRemoveRequest);
+  const bool abandoned = _CompleteRequest(hSource->nRemoveRequest);
   _PostThreadCond();
   _DisableTimeoutsIfIdle();
-  if (bAbandoned) _ReleaseSource(hSource);
+  if (abandoned) _ReleaseSource(hSource);
 }
 
 static void _HandleShutdown() {
@@ -457,13 +457,13 @@ static void _HandleShutdown() {
 static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox) {
   HMBOXMSG hMsg = nullptr;
   if (!MBOX_RecvMessage(hMBox, &hMsg)) return false;
-  const MBOX_MSGHEADER* pHeader = MBOX_GetMessageHeader(hMsg);
-  switch (pHeader->dwEventID) {
+  const MBOX_MSGHEADER* header = MBOX_GetMessageHeader(hMsg);
+  switch (header->dwEventID) {
     case EVENTID_ADD_FD:
-      _HandleAddFD(hSet, static_cast<MDATA_SRC_HANDLE>(pHeader->pvParam1));
+      _HandleAddFD(hSet, static_cast<MDATA_SRC_HANDLE>(header->pvParam1));
       break;
     case EVENTID_REMOVE_FD:
-      _HandleRemoveFD(hSet, static_cast<MDATA_SRC_HANDLE>(pHeader->pvParam1));
+      _HandleRemoveFD(hSet, static_cast<MDATA_SRC_HANDLE>(header->pvParam1));
       break;
     case EVENTID_SHUTDOWN_THREAD:
       _HandleShutdown();
@@ -483,24 +483,24 @@ void _MetaDataControlCallBack(HFDSET hSet, int, int, void* pvParam1, void*) {
 
 // Leaves a close whose message was not sent to the metadata thread. Closing thread.
 static void _LeaveForSweep(MDATA_SRC_HANDLE hSource) {
-  MdLock Lock(_g_SrcListLock);
+  MdLock lock(_g_SrcListLock);
   hSource->pNextSweep = _g_pSweepList;
   MdStoreRelease(_g_pSweepList, hSource);
 }
 
 // Finishes the closes whose messages were not sent. A record whose add message is still queued stays until that is
 // handled, unless the thread has ended. Metadata thread, and the thread that joined it.
-static void _SweepUnsentCloses(HFDSET hSet, bool bThreadEnded) {
+static void _SweepUnsentCloses(HFDSET hSet, bool threadEnded) {
   if (MdLoadAcquire(_g_pSweepList) == nullptr) return;
   MDATA_SRC_HANDLE hSource = nullptr;
   {
-    MdLock Lock(_g_SrcListLock);
+    MdLock lock(_g_SrcListLock);
     hSource = _g_pSweepList;
     _g_pSweepList = nullptr;
   }
   while (hSource != nullptr) {
     const MDATA_SRC_HANDLE hNext = hSource->pNextSweep;
-    if (!bThreadEnded && MdLoadAcquire(hSource->nAddRequest) == REQUEST_ABANDONED) {
+    if (!threadEnded && MdLoadAcquire(hSource->nAddRequest) == REQUEST_ABANDONED) {
       _LeaveForSweep(hSource);
     } else {
       _DetachSource(hSet, hSource);
@@ -520,28 +520,28 @@ namespace {
 
 // The criteria of a look-up.
 struct SourceQuery {
-  int enInputType;
-  USHORT usPort;  // network sources only
+  int inputType;
+  USHORT port;  // network sources only
 };
 
 }  // namespace
 
-static bool _Matches(const MDATA_SRC_CFG& Config, const SourceQuery& Query) {
-  if (Config.enInputType != Query.enInputType) return false;
-  return Query.enInputType != MDATA_INPUT_NETWORK || Config.in.Network.usUDPPort == Query.usPort;
+static bool _Matches(const MDATA_SRC_CFG& config, const SourceQuery& query) {
+  if (config.enInputType != query.inputType) return false;
+  return query.inputType != MDATA_INPUT_NETWORK || config.in.Network.usUDPPort == query.port;
 }
 
-static MDATA_SRC_HANDLE _FindSource(const SourceQuery& Query) {
-  MdLock Lock(_g_SrcListLock);
-  for (const FNODE_D* pNode = g_MetaDataSrcList.pHead; pNode != nullptr; pNode = pNode->pNext) {
-    if (_Matches(_SourceOf(pNode)->Config, Query)) return _SourceOf(pNode);
+static MDATA_SRC_HANDLE _FindSource(const SourceQuery& query) {
+  MdLock lock(_g_SrcListLock);
+  for (const FNODE_D* node = g_MetaDataSrcList.pHead; node != nullptr; node = node->pNext) {
+    if (_Matches(_SourceOf(node)->Config, query)) return _SourceOf(node);
   }
   return nullptr;
 }
 
-static BOOL _Locate(const SourceQuery& Query, MDATA_SRC_HANDLE* ppSrc) {
-  const MDATA_SRC_HANDLE hFound = _FindSource(Query);
-  if (ppSrc != nullptr) *ppSrc = hFound;
+static BOOL _Locate(const SourceQuery& query, MDATA_SRC_HANDLE* source) {
+  const MDATA_SRC_HANDLE hFound = _FindSource(query);
+  if (source != nullptr) *source = hFound;
   if (hFound != nullptr)
     MD_LOG(7, "Source located, returning handle at %p.\n", static_cast<void*>(hFound));
   else
@@ -561,50 +561,50 @@ BOOL _LocateDataSrcByUDPPort(USHORT usPort, MDATA_SRC_HANDLE* ppSrc) {
 }
 
 // Chooses those of the configured families that the library was started with.
-static void _ChooseFamilies(const MDATA_SRC_CFG* pCfg, bool* pbIPv4, bool* pbIPv6) {
-  const bool bIPv4Cap = (g_dwLibCaps & METADATALIB_CAPS_IPV4_SUPPORT) != 0;
-  const bool bIPv6Cap = (g_dwLibCaps & METADATALIB_CAPS_IPV6_SUPPORT) != 0;
-  const int iFamily = pCfg->in.Network.iSrcAddressFamily;
-  *pbIPv4 = bIPv4Cap && (iFamily == AF_INET || iFamily == 0);
-  *pbIPv6 = bIPv6Cap && (iFamily == AF_INET6 || iFamily == 0);
-  if (iFamily == AF_INET && !bIPv4Cap)
+static void _ChooseFamilies(const MDATA_SRC_CFG* config, bool* ipv4, bool* ipv6) {
+  const bool hasIPv4 = (g_dwLibCaps & METADATALIB_CAPS_IPV4_SUPPORT) != 0;
+  const bool hasIPv6 = (g_dwLibCaps & METADATALIB_CAPS_IPV6_SUPPORT) != 0;
+  const int family = config->in.Network.iSrcAddressFamily;
+  *ipv4 = hasIPv4 && (family == AF_INET || family == 0);
+  *ipv6 = hasIPv6 && (family == AF_INET6 || family == 0);
+  if (family == AF_INET && !hasIPv4)
     MD_LOG(4, "AF_INET family specified but library initialized without IPv4 support.\n");
-  if (iFamily == AF_INET6 && !bIPv6Cap)
+  if (family == AF_INET6 && !hasIPv6)
     MD_LOG(4, "AF_INET6 family specified but library initialized without IPv6 support.\n");
-  if (iFamily != AF_INET && iFamily != AF_INET6 && iFamily != 0)
-    MD_TEXT_ASSERT("Invalid iSrcAddressFamily (%d) detected.\n", iFamily);
+  if (family != AF_INET && family != AF_INET6 && family != 0)
+    MD_TEXT_ASSERT("Invalid iSrcAddressFamily (%d) detected.\n", family);
 }
 
-static void _CreateIPv6Socket(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg) {
-  DWORD dwFlags = _IsTTLDetectionNeeded(pHandle) ? HOST_UDPV6_RX_HOPLIMIT : 0;
-  if (_IsTOSDetectionNeeded(pHandle)) dwFlags |= HOST_UDPV6_RX_TRAFFIC_CLASS;
-  if (CreateUDPv6RxSocket(pCfg->in.Network.usUDPPort, dwFlags, &pHandle->iFDv6)) {
-    MD_LOG(5, "Successfully created IPv6 receiver socket %d.\n", pHandle->iFDv6);
+static void _CreateIPv6Socket(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* config) {
+  DWORD flags = _IsTTLDetectionNeeded(hSource) ? HOST_UDPV6_RX_HOPLIMIT : 0;
+  if (_IsTOSDetectionNeeded(hSource)) flags |= HOST_UDPV6_RX_TRAFFIC_CLASS;
+  if (CreateUDPv6RxSocket(config->in.Network.usUDPPort, flags, &hSource->iFDv6)) {
+    MD_LOG(5, "Successfully created IPv6 receiver socket %d.\n", hSource->iFDv6);
     return;
   }
-  pHandle->iFDv6 = -1;
+  hSource->iFDv6 = -1;
   MD_LOG(3, "Failed to create IPv6 socket.\n");
 }
 
-static void _CreateIPv4Socket(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg) {
-  if (CreateUDPRxSocket(pCfg->in.Network.usUDPPort, pCfg->in.Network.acSrcAddress, &pHandle->iFD)) {
-    MD_LOG(5, "Successfully created IPv4 receiver socket %d.\n", pHandle->iFD);
+static void _CreateIPv4Socket(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* config) {
+  if (CreateUDPRxSocket(config->in.Network.usUDPPort, config->in.Network.acSrcAddress, &hSource->iFD)) {
+    MD_LOG(5, "Successfully created IPv4 receiver socket %d.\n", hSource->iFD);
     return;
   }
-  pHandle->iFD = -1;
+  hSource->iFD = -1;
   MD_LOG(3, "Failed to create IPv4 socket.\n");
 }
 
-BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg) {
-  pHandle->iFD = -1;
-  pHandle->iFDv6 = -1;
-  pHandle->iSourceAddressFamily = 0;
-  bool bIPv4 = false;
-  bool bIPv6 = false;
-  _ChooseFamilies(pCfg, &bIPv4, &bIPv6);
-  if (bIPv6) _CreateIPv6Socket(pHandle, pCfg);
-  if (bIPv4) _CreateIPv4Socket(pHandle, pCfg);
-  return pHandle->iFD >= 0 || pHandle->iFDv6 >= 0 ? TRUE : FALSE;
+BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* pCfg) {
+  hSource->iFD = -1;
+  hSource->iFDv6 = -1;
+  hSource->iSourceAddressFamily = 0;
+  bool ipv4 = false;
+  bool ipv6 = false;
+  _ChooseFamilies(pCfg, &ipv4, &ipv6);
+  if (ipv6) _CreateIPv6Socket(hSource, pCfg);
+  if (ipv4) _CreateIPv4Socket(hSource, pCfg);
+  return hSource->iFD >= 0 || hSource->iFDv6 >= 0 ? TRUE : FALSE;
 }
 
 // =====================================================================================================
@@ -618,68 +618,68 @@ namespace {
 // retries does not run out of descriptors.
 class OpeningSource {
  public:
-  explicit OpeningSource(const MDATA_SRC_CFG* pConfig) : pCfg(pConfig) {
-    for (int& iSocket : aiRelaySockets) iSocket = -1;
+  explicit OpeningSource(const MDATA_SRC_CFG* configuration) : config(configuration) {
+    for (int& socket : relaySockets) socket = -1;
   }
   ~OpeningSource();
   OpeningSource(const OpeningSource&) = delete;
   OpeningSource& operator=(const OpeningSource&) = delete;
 
   bool Alloc() {
-    pHandle = _AllocSource(pCfg);
-    if (pHandle == nullptr) return false;
-    _InitRelayers(pHandle);
+    hSource = _AllocSource(config);
+    if (hSource == nullptr) return false;
+    _InitRelayers(hSource);
     return true;
   }
   // Gives up ownership. Messages after this are relayed.
   MDATA_SRC_HANDLE Finish();
 
-  const MDATA_SRC_CFG* const pCfg;
-  MDATA_SRC_HANDLE pHandle = nullptr;
-  int aiRelaySockets[MDATA_MAX_RELAYS];
-  bool bXMLOutOpened = false;
+  const MDATA_SRC_CFG* const config;
+  MDATA_SRC_HANDLE hSource = nullptr;
+  int relaySockets[MDATA_MAX_RELAYS];
+  bool xmlOutOpened = false;
 };
 
 }  // namespace
 
-static void _FreeDecoding(MDATA_SRC_HANDLE pHandle) {
-  if (pHandle->pvDecodeCtxt != nullptr) {
-    if (pHandle->Config.enDataType == MDATA_DATA_COT)
-      FreeCotDecodeContext(&pHandle->pvDecodeCtxt);
+static void _FreeDecoding(MDATA_SRC_HANDLE hSource) {
+  if (hSource->pvDecodeCtxt != nullptr) {
+    if (hSource->Config.enDataType == MDATA_DATA_COT)
+      FreeCotDecodeContext(&hSource->pvDecodeCtxt);
     else
-      FreeKlvDecodeContext(&pHandle->pvDecodeCtxt);
+      FreeKlvDecodeContext(&hSource->pvDecodeCtxt);
   }
-  if (pHandle->hConverter != nullptr) FreeCoT2KLVConvert(&pHandle->hConverter);
+  if (hSource->hConverter != nullptr) FreeCoT2KLVConvert(&hSource->hConverter);
 }
 
 OpeningSource::~OpeningSource() {
-  for (int& iSocket : aiRelaySockets) _CloseDescriptor(iSocket);
-  if (pHandle == nullptr) return;
-  if (bXMLOutOpened) _ReplaceXMLOutFile(nullptr);
-  _CloseFile(pHandle->CaptureFP);
-  _CloseDescriptor(pHandle->iFD);
-  _CloseDescriptor(pHandle->iFDv6);
-  _FreeDecoding(pHandle);
-  _FreeSource(pHandle);
+  for (int& socket : relaySockets) _CloseDescriptor(socket);
+  if (hSource == nullptr) return;
+  if (xmlOutOpened) _ReplaceXMLOutFile(nullptr);
+  _CloseFile(hSource->CaptureFP);
+  _CloseDescriptor(hSource->iFD);
+  _CloseDescriptor(hSource->iFDv6);
+  _FreeDecoding(hSource);
+  _FreeSource(hSource);
 }
 
 MDATA_SRC_HANDLE OpeningSource::Finish() {
-  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
-    MdStoreRelease(pHandle->Relayers[i].iRelaySocket, aiRelaySockets[i]);
-    aiRelaySockets[i] = -1;
+  for (UINT32 i = 0; i < hSource->Config.nNumOfRelays; ++i) {
+    MdStoreRelease(hSource->Relayers[i].iRelaySocket, relaySockets[i]);
+    relaySockets[i] = -1;
   }
-  MdStoreRelease(pHandle->bRelaysReady, TRUE);
-  MDATA_SRC_HANDLE hOpened = pHandle;
-  pHandle = nullptr;
+  MdStoreRelease(hSource->bRelaysReady, TRUE);
+  MDATA_SRC_HANDLE hOpened = hSource;
+  hSource = nullptr;
   return hOpened;
 }
 
 // A source without a decoder (out of memory) opens anyway and drops everything it receives.
-static void _ClearHandlersWithoutContext(MDATA_SRC_HANDLE pHandle) {
-  if (pHandle->pvDecodeCtxt != nullptr) return;
-  pHandle->pfnDataRxHandler = nullptr;
-  pHandle->pfnResetStatsHandler = nullptr;
-  pHandle->pfnSetStatsHandler = nullptr;
+static void _ClearHandlersWithoutContext(MDATA_SRC_HANDLE hSource) {
+  if (hSource->pvDecodeCtxt != nullptr) return;
+  hSource->pfnDataRxHandler = nullptr;
+  hSource->pfnResetStatsHandler = nullptr;
+  hSource->pfnSetStatsHandler = nullptr;
 }
 
 static void _SetUpKLVDecoding(MDATA_SRC_HANDLE pHandle) {
@@ -689,15 +689,15 @@ static void _SetUpKLVDecoding(MDATA_SRC_HANDLE pHandle) {
   _ClearHandlersWithoutContext(pHandle);
 }
 
-static void _SetUpConverter(MDATA_SRC_HANDLE pHandle) {
-  const MDATA_COT_CFG& CoT = pHandle->Config.format.CoT;
-  MD_LOG(6, "Setting AirCraft SPI max delta to %d ms.\n", static_cast<int>(CoT.nMaxAirCraftSPITimeDeltaInMs));
+static void _SetUpConverter(MDATA_SRC_HANDLE hSource) {
+  const MDATA_COT_CFG& cot = hSource->Config.format.CoT;
+  MD_LOG(6, "Setting AirCraft SPI max delta to %d ms.\n", static_cast<int>(cot.nMaxAirCraftSPITimeDeltaInMs));
   // KEPT: milliseconds times 1000 in 32 bits, which wraps above 4 294 967 ms.
-  const DWORD nDeltaInUs = static_cast<DWORD>(CoT.nMaxAirCraftSPITimeDeltaInMs) * 1000u;
-  const BOOL bAllocated =
-      AllocCoT2KLVConvert(&pHandle->hConverter, static_cast<int32_t>(nDeltaInUs), CoT.szSpiUid, CoT.bSensorDiscovery);
+  const DWORD deltaInUs = static_cast<DWORD>(cot.nMaxAirCraftSPITimeDeltaInMs) * 1000u;
+  const BOOL allocated =
+      AllocCoT2KLVConvert(&hSource->hConverter, static_cast<int32_t>(deltaInUs), cot.szSpiUid, cot.bSensorDiscovery);
   MD_ASSERT_TEXT(
-      bAllocated,
+      allocated,
       "AllocCoT2KLVConvert(&pHandle->hConverter, pCfg->format.CoT.nMaxAirCraftSPITimeDeltaInMs * 1000, pCfg->format.CoT.szSpiUid, pCfg->format.CoT.bSensorDiscovery)");
 }
 
@@ -709,20 +709,20 @@ static void _SetUpCoTDecoding(MDATA_SRC_HANDLE pHandle) {
   _SetUpConverter(pHandle);
 }
 
-static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE pHandle) {
-  switch (pHandle->Config.enDataType) {
+static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE hSource) {
+  switch (hSource->Config.enDataType) {
     case MDATA_DATA_COT:
       // KEPT: without CoT support the source opens and receives nothing. CoT over UDP does not test the support.
       if (!_g_bCoTSupportEnabled) {
         MD_ASSERT_UNREACHED();
         return true;
       }
-      pHandle->pfnDataRxHandler = COT_ProcessRxData;
-      _SetUpCoTDecoding(pHandle);
+      hSource->pfnDataRxHandler = COT_ProcessRxData;
+      _SetUpCoTDecoding(hSource);
       return true;
     case MDATA_DATA_KLV:
-      pHandle->pfnDataRxHandler = GenericKLV_ProcessRxData;
-      _SetUpKLVDecoding(pHandle);
+      hSource->pfnDataRxHandler = GenericKLV_ProcessRxData;
+      _SetUpKLVDecoding(hSource);
       return true;
     default:
       MD_ASSERT_UNREACHED();
@@ -731,64 +731,64 @@ static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE pHandle) {
 }
 
 // KEPT: both files are opened for a source of either data type.
-static void _OpenSerialCapture(OpeningSource& Opening) {
-  Opening.pHandle->CaptureFP = _OpenCaptureFile("/tmp/rawserial.txt");
-  MD_LOG(5, "RAW serial input fp=%p.\n", static_cast<void*>(Opening.pHandle->CaptureFP));
-  Opening.pHandle->nRawOutputOffset = 0;
-  FILE* pXMLOut = _OpenCaptureFile("/tmp/cotxml.txt");
-  MD_LOG(5, "COT XML input fp=%p.\n", static_cast<void*>(pXMLOut));
-  _ReplaceXMLOutFile(pXMLOut);
-  Opening.bXMLOutOpened = true;
+static void _OpenSerialCapture(OpeningSource& opening) {
+  opening.hSource->CaptureFP = _OpenCaptureFile("/tmp/rawserial.txt");
+  MD_LOG(5, "RAW serial input fp=%p.\n", static_cast<void*>(opening.hSource->CaptureFP));
+  opening.hSource->nRawOutputOffset = 0;
+  FILE* xmlOut = _OpenCaptureFile("/tmp/cotxml.txt");
+  MD_LOG(5, "COT XML input fp=%p.\n", static_cast<void*>(xmlOut));
+  _ReplaceXMLOutFile(xmlOut);
+  opening.xmlOutOpened = true;
 }
 
-static bool _OpenSerialSource(OpeningSource& Opening) {
+static bool _OpenSerialSource(OpeningSource& opening) {
   MD_LOG(6, "Serial input using device \"%s\".\n", kSerialDevice);
   if (_LocateSerialDataSrc(nullptr)) {
     MD_LOG(6, "Source already exists.\n");  // KEPT: one serial source at a time, of either data type
     return false;
   }
   MD_LOG(6, "Allocating new metadata source handle.\n");
-  if (!Opening.Alloc()) return false;
-  const MDATA_SRC_HANDLE pHandle = Opening.pHandle;
-  if (!_SetUpSerialDecoding(pHandle)) return false;
+  if (!opening.Alloc()) return false;
+  const MDATA_SRC_HANDLE hSource = opening.hSource;
+  if (!_SetUpSerialDecoding(hSource)) return false;
   MD_LOG(7, "New handle allocated and linked.\n");
 
-  if (!OpenSerialPortDevice(kSerialDevice, &pHandle->iFD)) {
-    pHandle->iFD = -1;
+  if (!OpenSerialPortDevice(kSerialDevice, &hSource->iFD)) {
+    hSource->iFD = -1;
     MD_LOG(3, "Failed to open serial device.\n");
     return false;
   }
-  MD_LOG(5, "COM port \"%s\" opened, fd=%d.\n", kSerialDevice, pHandle->iFD);
-  if (!ConfigureSerialPort(pHandle->iFD, &pHandle->Config.in.Serial, &pHandle->OldSerPortCfg)) {
+  MD_LOG(5, "COM port \"%s\" opened, fd=%d.\n", kSerialDevice, hSource->iFD);
+  if (!ConfigureSerialPort(hSource->iFD, &hSource->Config.in.Serial, &hSource->OldSerPortCfg)) {
     MD_LOG(3, "Failed to configure serial port.\n");
     return false;
   }
   MD_LOG(5, "Serial port configured.\n");
-  if (pHandle->Config.bCaptureToDisk) _OpenSerialCapture(Opening);
+  if (hSource->Config.bCaptureToDisk) _OpenSerialCapture(opening);
   return true;
 }
 
-static void _OpenUDPCapture(MDATA_SRC_HANDLE pHandle) {
-  char szName[128] = {};
-  PrintToString(szName, static_cast<int>(sizeof(szName)), "/tmp/rawudp_%d.txt", pHandle->Config.in.Network.usUDPPort);
-  pHandle->CaptureFP = _OpenCaptureFile(szName);
-  MD_LOG(5, "RAW UDP input fp=%p.\n", static_cast<void*>(pHandle->CaptureFP));
-  pHandle->nRawOutputOffset = 0;
+static void _OpenUDPCapture(MDATA_SRC_HANDLE hSource) {
+  char name[128] = {};
+  PrintToString(name, static_cast<int>(sizeof(name)), "/tmp/rawudp_%d.txt", hSource->Config.in.Network.usUDPPort);
+  hSource->CaptureFP = _OpenCaptureFile(name);
+  MD_LOG(5, "RAW UDP input fp=%p.\n", static_cast<void*>(hSource->CaptureFP));
+  hSource->nRawOutputOffset = 0;
 }
 
-static bool _OpenNetworkSource(OpeningSource& Opening) {
+static bool _OpenNetworkSource(OpeningSource& opening) {
   MD_LOG(6, "Network metadata source.\n");
   // KEPT: opening a port in use fails without a log line.
-  if (_LocateDataSrcByUDPPort(Opening.pCfg->in.Network.usUDPPort, nullptr)) return false;
-  const bool bCoT = Opening.pCfg->enDataType == MDATA_DATA_COT;
-  if (!bCoT && Opening.pCfg->enDataType != MDATA_DATA_KLV) return false;
-  if (bCoT) MD_LOG(6, "Network CoT metadata source.\n");
-  if (!Opening.Alloc()) return false;
-  const MDATA_SRC_HANDLE pHandle = Opening.pHandle;
+  if (_LocateDataSrcByUDPPort(opening.config->in.Network.usUDPPort, nullptr)) return false;
+  const bool isCoT = opening.config->enDataType == MDATA_DATA_COT;
+  if (!isCoT && opening.config->enDataType != MDATA_DATA_KLV) return false;
+  if (isCoT) MD_LOG(6, "Network CoT metadata source.\n");
+  if (!opening.Alloc()) return false;
+  const MDATA_SRC_HANDLE pHandle = opening.hSource;
   if (!_CreateUDPSourceSockets(pHandle, &pHandle->Config)) return false;
   MD_ASSERT(_EnableTTLTOSDetectionIfNeeded(pHandle));
   // pfnDataRxHandler is not set: each datagram is a message, and the context only counts.
-  if (bCoT)
+  if (isCoT)
     _SetUpCoTDecoding(pHandle);  // KEPT: CoT support is not tested here, unlike on the serial port
   else
     _SetUpKLVDecoding(pHandle);
@@ -797,32 +797,32 @@ static bool _OpenNetworkSource(OpeningSource& Opening) {
 }
 
 // Any number of sources may share a video input.
-static bool _OpenVideoSource(OpeningSource& Opening) {
+static bool _OpenVideoSource(OpeningSource& opening) {
   MD_LOG(6, "Video metadata source. KLV source is SDI.\n");
-  if (Opening.pCfg->enDataType != MDATA_DATA_KLV) return false;
-  if (!Opening.Alloc()) return false;
-  const MDATA_SRC_HANDLE pHandle = Opening.pHandle;
-  pHandle->DecimateCtrl.ActivitePTS = kNoPTS;
-  pHandle->DecimateCtrl.DecimatedPTS = kNoPTS;
-  pHandle->DecimateCtrl.nDecimatedCount = 0;
-  pHandle->DecimateCtrl.nDecimationFactor = pHandle->Config.nDecimationFactor;
-  _SetUpKLVDecoding(pHandle);
-  if (pHandle->Config.bCaptureToDisk) {
-    pHandle->CaptureFP = _OpenCaptureFile("/tmp/rawhdsdi.txt");
-    MD_LOG(5, "RAW HDSDI input fp=%p.\n", static_cast<void*>(pHandle->CaptureFP));
-    pHandle->nRawOutputOffset = 0;
+  if (opening.config->enDataType != MDATA_DATA_KLV) return false;
+  if (!opening.Alloc()) return false;
+  const MDATA_SRC_HANDLE hSource = opening.hSource;
+  hSource->DecimateCtrl.ActivitePTS = kNoPTS;
+  hSource->DecimateCtrl.DecimatedPTS = kNoPTS;
+  hSource->DecimateCtrl.nDecimatedCount = 0;
+  hSource->DecimateCtrl.nDecimationFactor = hSource->Config.nDecimationFactor;
+  _SetUpKLVDecoding(hSource);
+  if (hSource->Config.bCaptureToDisk) {
+    hSource->CaptureFP = _OpenCaptureFile("/tmp/rawhdsdi.txt");
+    MD_LOG(5, "RAW HDSDI input fp=%p.\n", static_cast<void*>(hSource->CaptureFP));
+    hSource->nRawOutputOffset = 0;
   }
   return true;
 }
 
-static bool _OpenByInputType(OpeningSource& Opening) {
-  switch (Opening.pCfg->enInputType) {
+static bool _OpenByInputType(OpeningSource& opening) {
+  switch (opening.config->enInputType) {
     case MDATA_INPUT_SERIAL:
-      return _OpenSerialSource(Opening);
+      return _OpenSerialSource(opening);
     case MDATA_INPUT_NETWORK:
-      return _OpenNetworkSource(Opening);
+      return _OpenNetworkSource(opening);
     case MDATA_INPUT_VIDEO:
-      return _OpenVideoSource(Opening);
+      return _OpenVideoSource(opening);
     default:
       MD_ASSERT_UNREACHED();
       return false;
@@ -830,53 +830,53 @@ static bool _OpenByInputType(OpeningSource& Opening) {
 }
 
 // Passes the source to the metadata thread. Returns false, without logging, if out of memory for the message.
-static bool _HandOver(MDATA_SRC_HANDLE pHandle) {
+static bool _HandOver(MDATA_SRC_HANDLE hSource) {
   MD_LOG(6, "Allocating message for processing thread.\n");
-  HMBOXMSG hMsg = _AllocControlMessage(EVENTID_ADD_FD, pHandle);
+  HMBOXMSG hMsg = _AllocControlMessage(EVENTID_ADD_FD, hSource);
   if (hMsg == nullptr) return false;
-  bool bSent = false;
-  if (_CallThread(hMsg, pHandle->nAddRequest, kSourceWaitMs, &bSent)) return true;
+  bool sent = false;
+  if (_CallThread(hMsg, hSource->nAddRequest, kSourceWaitMs, &sent)) return true;
   // KEPT: a source that the thread did not add in time is open nevertheless.
-  const int iError = errno;
-  MD_LOG(3, "Wait FAILED for data source#%d, errno (%d): \"%s\".\n", pHandle->Config.nIndex, iError,
-         ErrnoText(iError).szText);
-  if (!bSent) MdStoreRelease(pHandle->nAddRequest, REQUEST_NONE);
+  const int error = errno;
+  MD_LOG(3, "Wait FAILED for data source#%d, errno (%d): \"%s\".\n", hSource->Config.nIndex, error,
+         ErrnoText(error).text);
+  if (!sent) MdStoreRelease(hSource->nAddRequest, REQUEST_NONE);
   return true;
 }
 
 // Opens the source and passes it to the metadata thread, after its relay sockets have been made.
-static bool _OpenAndHandOver(OpeningSource& Opening) {
-  bool bRetCode = _OpenByInputType(Opening);
-  if (bRetCode && _g_bUsingInternalThread)
-    bRetCode = _HandOver(Opening.pHandle);
+static bool _OpenAndHandOver(OpeningSource& opening) {
+  bool ok = _OpenByInputType(opening);
+  if (ok && _g_bUsingInternalThread)
+    ok = _HandOver(opening.hSource);
   else
-    MD_LOG(6, "Not sending message, _g_bUsingInternalThread=%d, bRetCode=%d.\n", _g_bUsingInternalThread, bRetCode);
-  return bRetCode;
+    MD_LOG(6, "Not sending message, _g_bUsingInternalThread=%d, bRetCode=%d.\n", _g_bUsingInternalThread, ok);
+  return ok;
 }
 
 BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc) {
   MD_LOG(7, "Called.\n");
   MD_ASSERT(pCfg != NULL);
   if (pCfg == nullptr) return FALSE;
-  const bool bSizeFits = pCfg->nSize == static_cast<int>(sizeof(*pCfg));
-  MD_ASSERT_TEXT(bSizeFits, "pCfg->nSize == sizeof(*pCfg)");
-  if (!bSizeFits) return FALSE;
+  const bool sizeFits = pCfg->nSize == static_cast<int>(sizeof(*pCfg));
+  MD_ASSERT_TEXT(sizeFits, "pCfg->nSize == sizeof(*pCfg)");
+  if (!sizeFits) return FALSE;
 
-  OpeningSource Opening(pCfg);
-  bool bRetCode = false;
+  OpeningSource opening(pCfg);
+  bool ok = false;
   {
-    MdLock Lock(g_MetaDataAPIMutex);
-    if (pCfg->nNumOfRelays != 0 && !_CreateRelayingSockets(pCfg, Opening.aiRelaySockets, MDATA_MAX_RELAYS)) {
+    MdLock lock(g_MetaDataAPIMutex);
+    if (pCfg->nNumOfRelays != 0 && !_CreateRelayingSockets(pCfg, opening.relaySockets, MDATA_MAX_RELAYS)) {
       MD_LOG(3, "Failed to create relaying socket.\n");
       return FALSE;
     }
-    bRetCode = _OpenAndHandOver(Opening);
+    ok = _OpenAndHandOver(opening);
   }
   // KEPT: the relay sockets are stored only now, after the unlock; the thread may already receive for the source, but
   // relays nothing before.
-  if (bRetCode) *phDataSrc = Opening.Finish();
-  MD_LOG(6, "Returning %s.\n", bRetCode ? "TRUE" : "FALSE");
-  return bRetCode ? TRUE : FALSE;
+  if (ok) *phDataSrc = opening.Finish();
+  MD_LOG(6, "Returning %s.\n", ok ? "TRUE" : "FALSE");
+  return ok ? TRUE : FALSE;
 }
 
 // =====================================================================================================
@@ -900,14 +900,14 @@ static void _ReleaseDecoding(MDATA_SRC_HANDLE pHandle) {
 
 // KEPT: the serial port's former settings are not restored.
 static void _CloseReceiveDescriptors(MDATA_SRC_HANDLE pHandle) {
-  const bool bNetwork = pHandle->Config.enInputType == MDATA_INPUT_NETWORK;
-  if (!bNetwork && pHandle->Config.enInputType != MDATA_INPUT_SERIAL) return;
+  const bool isNetwork = pHandle->Config.enInputType == MDATA_INPUT_NETWORK;
+  if (!isNetwork && pHandle->Config.enInputType != MDATA_INPUT_SERIAL) return;
   if (pHandle->iFD >= 0) {
     MD_LOG(6, "Closing file descriptor.\n");
     MD_ASSERT(close(pHandle->iFD) == 0);
     pHandle->iFD = -1;
   }
-  if (bNetwork && pHandle->iFDv6 >= 0) {
+  if (isNetwork && pHandle->iFDv6 >= 0) {
     MD_ASSERT(close(pHandle->iFDv6) == 0);
     pHandle->iFDv6 = -1;
   }
@@ -936,28 +936,28 @@ BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
   if (phDataSrc == nullptr) return FALSE;
   MD_ASSERT(*phDataSrc != NULL);
   MD_LOG(6, "Called.\n");
-  const MDATA_SRC_HANDLE pHandle = *phDataSrc;
-  if (pHandle == nullptr) return FALSE;
+  const MDATA_SRC_HANDLE hSource = *phDataSrc;
+  if (hSource == nullptr) return FALSE;
   if (!_g_bUsingInternalThread) {  // the library was shut down
-    if (pHandle->Config.enInputType == MDATA_INPUT_VIDEO) _RemoveVideoSource(nullptr, pHandle);
-    _UnlinkSource(pHandle);
-    _ReleaseSource(pHandle);
+    if (hSource->Config.enInputType == MDATA_INPUT_VIDEO) _RemoveVideoSource(nullptr, hSource);
+    _UnlinkSource(hSource);
+    _ReleaseSource(hSource);
     return TRUE;
   }
-  HMBOXMSG hMsg = _AllocControlMessage(EVENTID_REMOVE_FD, pHandle);
+  HMBOXMSG hMsg = _AllocControlMessage(EVENTID_REMOVE_FD, hSource);
   if (hMsg == nullptr) {
     MD_LOG(3, "No memory for close message.\n");
     return FALSE;
   }
-  const UINT32 nIndex = pHandle->Config.nIndex;  // an abandoned record may be freed at any moment
-  bool bSent = false;
-  if (_CallThread(hMsg, pHandle->nRemoveRequest, kSourceWaitMs, &bSent)) {
-    _ReleaseSource(pHandle);
+  const UINT32 index = hSource->Config.nIndex;  // an abandoned record may be freed at any moment
+  bool sent = false;
+  if (_CallThread(hMsg, hSource->nRemoveRequest, kSourceWaitMs, &sent)) {
+    _ReleaseSource(hSource);
     return TRUE;
   }
-  const int iError = errno;
-  MD_LOG(3, "Wait FAILED for source#%d, errno (%d): \"%s\".\n", nIndex, iError, ErrnoText(iError).szText);
-  if (!bSent) _LeaveForSweep(pHandle);
+  const int error = errno;
+  MD_LOG(3, "Wait FAILED for source#%d, errno (%d): \"%s\".\n", index, error, ErrnoText(error).text);
+  if (!sent) _LeaveForSweep(hSource);
   return TRUE;
 }
 
@@ -966,75 +966,75 @@ BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
 //    are consistent, but a record may mix values from before and after a message.
 // =====================================================================================================
 
-static bool _HasKLVInserts(const MDATA_SRC_CFG& Config) {
-  return Config.bClassifyMission || Config.szMissionID[0] != '\0';
+static bool _HasKLVInserts(const MDATA_SRC_CFG& config) {
+  return config.bClassifyMission || config.szMissionID[0] != '\0';
 }
 
-static void _CopyKLVStats(MDATA_KLV_STATS* pTo, const MDATA_KLV_STATS& From) {
-  MdStore(pTo->nRxUASMessages, MdLoad(From.nRxUASMessages));
-  MdStore(pTo->nInvalidUASMessages, MdLoad(From.nInvalidUASMessages));
-  MdStore(pTo->nAddedMissionIDs, MdLoad(From.nAddedMissionIDs));
-  MdStore(pTo->nUpdatedMissionIDs, MdLoad(From.nUpdatedMissionIDs));
-  MdStore(pTo->nAddedSecuritySets, MdLoad(From.nAddedSecuritySets));
-  MdStore(pTo->nUpdatedSecuritySets, MdLoad(From.nUpdatedSecuritySets));
+static void _CopyKLVStats(MDATA_KLV_STATS* to, const MDATA_KLV_STATS& from) {
+  MdStore(to->nRxUASMessages, MdLoad(from.nRxUASMessages));
+  MdStore(to->nInvalidUASMessages, MdLoad(from.nInvalidUASMessages));
+  MdStore(to->nAddedMissionIDs, MdLoad(from.nAddedMissionIDs));
+  MdStore(to->nUpdatedMissionIDs, MdLoad(from.nUpdatedMissionIDs));
+  MdStore(to->nAddedSecuritySets, MdLoad(from.nAddedSecuritySets));
+  MdStore(to->nUpdatedSecuritySets, MdLoad(from.nUpdatedSecuritySets));
 }
 
 // A serial CoT source in a library without CoT support has neither context nor converter: nothing of it is read or
 // changed. A source that lacks only the context, because memory ran out when it was opened, lacks only the decoder's
 // counters.
-static bool _OpenedWithoutCoTSupport(MDATA_SRC_HANDLE pHandle) {
-  return !_g_bCoTSupportEnabled && pHandle->Config.enInputType == MDATA_INPUT_SERIAL &&
-         pHandle->Config.enDataType == MDATA_DATA_COT;
+static bool _OpenedWithoutCoTSupport(MDATA_SRC_HANDLE hSource) {
+  return !_g_bCoTSupportEnabled && hSource->Config.enInputType == MDATA_INPUT_SERIAL &&
+         hSource->Config.enDataType == MDATA_DATA_COT;
 }
 
-static void _GetCoTStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
-  COT_STATS Stats = {};
-  if (pHandle->pvDecodeCtxt != nullptr && COT_GetStats(pHandle->pvDecodeCtxt, &Stats)) {
-    pStats->nRxBytes = Stats.nTotalRxBytes;
-    pStats->nRxOkMessages = Stats.nRxOkMessages;
-    pStats->nRxCorruptMessages = Stats.nRxCorruptedMessages;
+static void _GetCoTStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
+  COT_STATS counters = {};
+  if (hSource->pvDecodeCtxt != nullptr && COT_GetStats(hSource->pvDecodeCtxt, &counters)) {
+    stats->nRxBytes = counters.nTotalRxBytes;
+    stats->nRxOkMessages = counters.nRxOkMessages;
+    stats->nRxCorruptMessages = counters.nRxCorruptedMessages;
   }
-  pStats->prot.CoT.nConvertedKLVMessages = MdLoad(pHandle->nCoTConvertedKLVMessages);
-  pStats->prot.CoT.nConvertedKLVBytes = MdLoad(pHandle->nCoTConvertedKLVBytes);
-  if (pHandle->hConverter != nullptr) GetCoT2KLVConvertStats(pHandle->hConverter, &pStats->prot.CoT);
+  stats->prot.CoT.nConvertedKLVMessages = MdLoad(hSource->nCoTConvertedKLVMessages);
+  stats->prot.CoT.nConvertedKLVBytes = MdLoad(hSource->nCoTConvertedKLVBytes);
+  if (hSource->hConverter != nullptr) GetCoT2KLVConvertStats(hSource->hConverter, &stats->prot.CoT);
 }
 
-static void _GetKLVStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
-  KLV_STATS Stats = {};
-  if (pHandle->pvDecodeCtxt != nullptr && GenericKLV_GetStats(pHandle->pvDecodeCtxt, &Stats)) {
-    pStats->nRxBytes = Stats.nTotalRxBytes;
-    pStats->nRxOkMessages = Stats.nRxOkMessages;
-    pStats->nRxCorruptMessages = Stats.nRxCorruptedMessages;
+static void _GetKLVStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
+  KLV_STATS counters = {};
+  if (hSource->pvDecodeCtxt != nullptr && GenericKLV_GetStats(hSource->pvDecodeCtxt, &counters)) {
+    stats->nRxBytes = counters.nTotalRxBytes;
+    stats->nRxOkMessages = counters.nRxOkMessages;
+    stats->nRxCorruptMessages = counters.nRxCorruptedMessages;
   }
   // KEPT: without inserts the caller's values stay, even if tag filters rewrite messages.
-  if (_HasKLVInserts(pHandle->Config)) _CopyKLVStats(&pStats->prot.KLV, pHandle->KLVStats);
+  if (_HasKLVInserts(hSource->Config)) _CopyKLVStats(&stats->prot.KLV, hSource->KLVStats);
 }
 
-static void _GetRelayStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
-  for (UINT32 i = 0; i < pHandle->Config.nNumOfRelays; ++i) {
-    const RELAYER& Relayer = pHandle->Relayers[i];
-    pStats->Relays[i].nRelayedBytes = MdLoad(Relayer.nRelayedBytes);
-    pStats->Relays[i].nRelayedMessages = MdLoad(Relayer.nRelayedMessages);
-    pStats->Relays[i].nRelayErrors = MdLoad(Relayer.nRelayErrors);
-    pStats->Relays[i].iLastRelayError = MdLoad(Relayer.iLastRelayError);
-    pStats->Relays[i].iLastRelayErrorTime = MdLoad(Relayer.iLastRelayErrorTime);
+static void _GetRelayStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
+  for (UINT32 i = 0; i < hSource->Config.nNumOfRelays; ++i) {
+    const RELAYER& relayer = hSource->Relayers[i];
+    stats->Relays[i].nRelayedBytes = MdLoad(relayer.nRelayedBytes);
+    stats->Relays[i].nRelayedMessages = MdLoad(relayer.nRelayedMessages);
+    stats->Relays[i].nRelayErrors = MdLoad(relayer.nRelayErrors);
+    stats->Relays[i].iLastRelayError = MdLoad(relayer.iLastRelayError);
+    stats->Relays[i].iLastRelayErrorTime = MdLoad(relayer.iLastRelayErrorTime);
   }
 }
 
 // KEPT: without detection the last update's time stays the caller's.
-static void _GetDetectionStats(MDATA_SRC_HANDLE pHandle, MDATA_SRC_STATS* pStats) {
-  pStats->iSrcTTL = pHandle->bDetectTTL ? MdLoad(pHandle->SourceTTL) : -1;
-  pStats->nTTLUpdates = pHandle->bDetectTTL ? MdLoad(pHandle->nSourceTTLUpdates) : 0;
-  if (pHandle->bDetectTTL) pStats->nLastTTLUpdateUpTimeInSecs = MdLoad(pHandle->nLastSourceTTLUpdateUpTimeInSecs);
-  pStats->iSrcTOS = pHandle->bDetectTOS ? MdLoad(pHandle->SourceTOS) : -1;
-  pStats->nTOSUpdates = pHandle->bDetectTOS ? MdLoad(pHandle->nSourceTOSUpdates) : 0;
-  if (pHandle->bDetectTOS) pStats->nLastTOSUpdateUpTimeInSecs = MdLoad(pHandle->nLastSourceTOSUpdateUpTimeInSecs);
+static void _GetDetectionStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
+  stats->iSrcTTL = hSource->bDetectTTL ? MdLoad(hSource->SourceTTL) : -1;
+  stats->nTTLUpdates = hSource->bDetectTTL ? MdLoad(hSource->nSourceTTLUpdates) : 0;
+  if (hSource->bDetectTTL) stats->nLastTTLUpdateUpTimeInSecs = MdLoad(hSource->nLastSourceTTLUpdateUpTimeInSecs);
+  stats->iSrcTOS = hSource->bDetectTOS ? MdLoad(hSource->SourceTOS) : -1;
+  stats->nTOSUpdates = hSource->bDetectTOS ? MdLoad(hSource->nSourceTOSUpdates) : 0;
+  if (hSource->bDetectTOS) stats->nLastTOSUpdateUpTimeInSecs = MdLoad(hSource->nLastSourceTOSUpdateUpTimeInSecs);
 }
 
 // KEPT: the record is not cleared first, and nSize is neither set nor tested.
 BOOL MetaData_GetSourceStats(HMDATASRC hDataSrc, MDATA_SRC_STATS* pStats) {
   const MDATA_SRC_HANDLE pHandle = hDataSrc;
-  MdLock Lock(g_MetaDataAPIMutex);
+  MdLock lock(g_MetaDataAPIMutex);
   MD_ASSERT(pHandle->pvDecodeCtxt != NULL);
   if (_OpenedWithoutCoTSupport(pHandle)) return TRUE;
   if (pHandle->Config.enDataType == MDATA_DATA_COT)
@@ -1044,23 +1044,23 @@ BOOL MetaData_GetSourceStats(HMDATASRC hDataSrc, MDATA_SRC_STATS* pStats) {
   if (pHandle->Config.enInputType == MDATA_INPUT_NETWORK) _GetSenderStats(pHandle, &pStats->in.Network);
   _GetRelayStats(pHandle, pStats);
   _GetDetectionStats(pHandle, pStats);
-  UINT32 nRate = 0;
-  if (pHandle->hOutputRate != nullptr) GetCounterRate(pHandle->hOutputRate, 1, &nRate);
-  pStats->nBitRateInKbps = nRate;
+  UINT32 rate = 0;
+  if (pHandle->hOutputRate != nullptr) GetCounterRate(pHandle->hOutputRate, 1, &rate);
+  pStats->nBitRateInKbps = rate;
   return TRUE;
 }
 
-static void _StoreRelayStats(RELAYER* pRelayer, const MDATA_RELAY_STATS& Stats) {
-  MdStore(pRelayer->nRelayedBytes, Stats.nRelayedBytes);
-  MdStore(pRelayer->nRelayedMessages, Stats.nRelayedMessages);
-  MdStore(pRelayer->nRelayErrors, Stats.nRelayErrors);
-  MdStore(pRelayer->iLastRelayError, Stats.iLastRelayError);
-  MdStore(pRelayer->iLastRelayErrorTime, Stats.iLastRelayErrorTime);
+static void _StoreRelayStats(RELAYER* relayer, const MDATA_RELAY_STATS& stats) {
+  MdStore(relayer->nRelayedBytes, stats.nRelayedBytes);
+  MdStore(relayer->nRelayedMessages, stats.nRelayedMessages);
+  MdStore(relayer->nRelayErrors, stats.nRelayErrors);
+  MdStore(relayer->iLastRelayError, stats.iLastRelayError);
+  MdStore(relayer->iLastRelayErrorTime, stats.iLastRelayErrorTime);
 }
 
 BOOL MetaData_ResetSourceStats(HMDATASRC hDataSrc) {
   const MDATA_SRC_HANDLE pHandle = hDataSrc;
-  MdLock Lock(g_MetaDataAPIMutex);
+  MdLock lock(g_MetaDataAPIMutex);
   MD_ASSERT(pHandle->pfnResetStatsHandler != NULL);
   if (_OpenedWithoutCoTSupport(pHandle)) return TRUE;
   if (pHandle->pfnResetStatsHandler != nullptr) pHandle->pfnResetStatsHandler(pHandle->pvDecodeCtxt);
@@ -1072,7 +1072,7 @@ BOOL MetaData_ResetSourceStats(HMDATASRC hDataSrc) {
     GenericKLV_ResetStats(pHandle->pvDecodeCtxt);  // KEPT: a second reset of the same counters
   }
   // KEPT: all relayers, configured or not.
-  for (RELAYER& Relayer : pHandle->Relayers) _StoreRelayStats(&Relayer, {});
+  for (RELAYER& relayer : pHandle->Relayers) _StoreRelayStats(&relayer, {});
   // KEPT: the detected TTL and TOS and their times stay.
   MdStore(pHandle->nSourceTOSUpdates, 0);
   MdStore(pHandle->nSourceTTLUpdates, 0);
@@ -1081,22 +1081,22 @@ BOOL MetaData_ResetSourceStats(HMDATASRC hDataSrc) {
   return TRUE;
 }
 
-static void _SetProtocolStats(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_STATS* pStats) {
-  if (pHandle->Config.enDataType == MDATA_DATA_KLV) {
-    _CopyKLVStats(&pHandle->KLVStats, pStats->prot.KLV);
+static void _SetProtocolStats(MDATA_SRC_HANDLE hSource, const MDATA_SRC_STATS* stats) {
+  if (hSource->Config.enDataType == MDATA_DATA_KLV) {
+    _CopyKLVStats(&hSource->KLVStats, stats->prot.KLV);
     return;
   }
-  if (pHandle->Config.enDataType != MDATA_DATA_COT || pHandle->hConverter == nullptr) return;
-  MDATA_COT_STATS CoT = {};  // KEPT: only three of the counters are passed on
-  CoT.nRxSPIMessages = pStats->prot.CoT.nRxSPIMessages;
-  CoT.nRxAirCraftMessages = pStats->prot.CoT.nRxAirCraftMessages;
-  CoT.nFilteredRxSPIMessages = pStats->prot.CoT.nFilteredRxSPIMessages;
-  SetCoT2KLVConvertStats(pHandle->hConverter, &CoT);
+  if (hSource->Config.enDataType != MDATA_DATA_COT || hSource->hConverter == nullptr) return;
+  MDATA_COT_STATS cot = {};  // KEPT: only three of the counters are passed on
+  cot.nRxSPIMessages = stats->prot.CoT.nRxSPIMessages;
+  cot.nRxAirCraftMessages = stats->prot.CoT.nRxAirCraftMessages;
+  cot.nFilteredRxSPIMessages = stats->prot.CoT.nFilteredRxSPIMessages;
+  SetCoT2KLVConvertStats(hSource->hConverter, &cot);
 }
 
 BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) {
   const MDATA_SRC_HANDLE pHandle = hDataSrc;
-  MdLock Lock(g_MetaDataAPIMutex);
+  MdLock lock(g_MetaDataAPIMutex);
   MD_ASSERT(pHandle->pfnSetStatsHandler != NULL);
   if (_OpenedWithoutCoTSupport(pHandle)) return TRUE;
   if (pHandle->pfnSetStatsHandler != nullptr) pHandle->pfnSetStatsHandler(pHandle->pvDecodeCtxt, pStats);
@@ -1121,36 +1121,36 @@ BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) 
 // =====================================================================================================
 
 // Writes received bytes to the raw capture. A capture that fails or is full is closed and not opened again.
-static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int nSize) {
+static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int size) {
   if (hSource->CaptureFP == nullptr) return;
-  if (!DumpRawData(hSource->CaptureFP, hSource->RxBuffer, nSize, &hSource->nRawOutputOffset,
+  if (!DumpRawData(hSource->CaptureFP, hSource->RxBuffer, size, &hSource->nRawOutputOffset,
                    hSource->Config.nMaxCaptureSizeInKBytes))
     _CloseFile(hSource->CaptureFP);
 }
 
 // Counts a message that does not pass through the decoder in the decoder's counters, and feeds the rate.
-static void _CountMessage(MDATA_SRC_HANDLE hSource, int nLength, time_t tNow) {
+static void _CountMessage(MDATA_SRC_HANDLE hSource, int length, time_t now) {
   if (hSource->pvDecodeCtxt == nullptr) return;
-  KLV_STATS* pStats = GenericKLV_GetStatsPtr(hSource->pvDecodeCtxt);
-  MdAddFetch(pStats->nRxOkMessages, 1);
-  const UINT64 nTotal = MdAddFetch(pStats->nTotalRxBytes, nLength);
-  _FeedOutputRate(hSource, nTotal, tNow);
+  KLV_STATS* stats = GenericKLV_GetStatsPtr(hSource->pvDecodeCtxt);
+  MdAddFetch(stats->nRxOkMessages, 1);
+  const UINT64 total = MdAddFetch(stats->nTotalRxBytes, length);
+  _FeedOutputRate(hSource, total, now);
 }
 
 // Reads and drops the input of a source whose close was given up, without logging, so that its descriptor does not wake
 // the thread again and again until the source is removed from the read set.
-static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
-  ssize_t nTaken = 0;
+static void _DiscardInput(MDATA_SRC_HANDLE hSource, int fd) {
+  ssize_t taken = 0;
   if (hSource->Config.enInputType == MDATA_INPUT_NETWORK) {
-    struct iovec Part = {hSource->RxBuffer, sizeof(hSource->RxBuffer)};
-    struct msghdr Message = {};
-    Message.msg_iov = &Part;
-    Message.msg_iovlen = 1;
-    nTaken = recvmsg(iFD, &Message, MSG_DONTWAIT);
+    struct iovec part = {hSource->RxBuffer, sizeof(hSource->RxBuffer)};
+    struct msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    taken = recvmsg(fd, &message, MSG_DONTWAIT);
   } else {
-    nTaken = read(iFD, hSource->RxBuffer, kSerialReadSize);
+    taken = read(fd, hSource->RxBuffer, kSerialReadSize);
   }
-  if (nTaken <= 0) _SleepMs(1);  // readable, but without data
+  if (taken <= 0) _SleepMs(1);  // readable, but without data
 }
 
 // =====================================================================================================
@@ -1159,79 +1159,80 @@ static void _DiscardInput(MDATA_SRC_HANDLE hSource, int iFD) {
 //     g_MetaDataAPIMutex while it reads, decodes and calls back.
 // =====================================================================================================
 
-static bool _ReadSerial(MDATA_SRC_HANDLE pHandle, int iFD) {
-  const int nRead = static_cast<int>(read(iFD, pHandle->RxBuffer, kSerialReadSize));
-  if (nRead <= 0) {
+static bool _ReadSerial(MDATA_SRC_HANDLE hSource, int fd) {
+  const int received = static_cast<int>(read(fd, hSource->RxBuffer, kSerialReadSize));
+  if (received <= 0) {
     MD_LOG(7, "read FAILED.\n");  // KEPT: the descriptor stays in the read set
     return false;
   }
-  _CaptureRaw(pHandle, nRead);
-  MD_LOG(7, "read successfully %d bytes from serial port.\n", nRead);
-  MD_DUMP(7, "Input Data", pHandle->RxBuffer, nRead);
-  if (pHandle->pfnDataRxHandler != nullptr) pHandle->pfnDataRxHandler(pHandle->pvDecodeCtxt, pHandle->RxBuffer, nRead);
+  _CaptureRaw(hSource, received);
+  MD_LOG(7, "read successfully %d bytes from serial port.\n", received);
+  MD_DUMP(7, "Input Data", hSource->RxBuffer, received);
+  if (hSource->pfnDataRxHandler != nullptr)
+    hSource->pfnDataRxHandler(hSource->pvDecodeCtxt, hSource->RxBuffer, received);
   return true;
 }
 
 void _SerialDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
-  const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
-  if (_IsGivenUp(pHandle)) return _DiscardInput(pHandle, iFD);
+  const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
   MD_LOG(7, "Called fd=%d.\n", iFD);
-  bool bRead = true;
+  bool gotData = true;
   {
-    const TryApiLock Lock;
-    if (!Lock.IsHeld()) return;  // a source is being opened: the bytes stay for the next pass
-    bRead = _ReadSerial(pHandle, iFD);
+    const TryApiLock lock;
+    if (!lock.IsHeld()) return;  // a source is being opened: the bytes stay for the next pass
+    gotData = _ReadSerial(hSource, iFD);
   }
   // A device that has hung up stays readable, but without data: do not spin on it.
-  if (!bRead) _SleepMs(1);
+  if (!gotData) _SleepMs(1);
 }
 
 void _KLV_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
-  const time_t tNow = time(nullptr);
-  const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
-  if (_IsGivenUp(pHandle)) return;  // the rest of a chunk
-  MdBufferRef Substituted;
-  if (pHandle->Config.enInputType == MDATA_INPUT_SERIAL &&
-      _RewriteOnPath(pHandle, kKLVSerialTexts, pBuff->pcData, pBuff->nDataSize, Substituted) == Rewritten::Dropped)
+  const time_t now = time(nullptr);
+  const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
+  if (_IsGivenUp(hSource)) return;  // the rest of a chunk
+  MdBufferRef substituted;
+  if (hSource->Config.enInputType == MDATA_INPUT_SERIAL &&
+      _RewriteOnPath(hSource, kKLVSerialTexts, pBuff->pcData, pBuff->nDataSize, substituted) == Rewritten::Dropped)
     return;
-  MDATA_BUFFER* pCurrent = Substituted.Get() != nullptr ? Substituted.Get() : pBuff;
-  const int nLength = pCurrent->nDataSize;
+  MDATA_BUFFER* current = substituted.Get() != nullptr ? substituted.Get() : pBuff;
+  const int length = current->nDataSize;
   // KEPT: relayed after rewriting and without TTL and TOS, unlike UDP.
-  if (pHandle->Config.nNumOfRelays != 0)
-    _RelayMetaData(pHandle, pCurrent->pcData, static_cast<size_t>(nLength), nullptr, nullptr);
-  if (pHandle->pvDecodeCtxt != nullptr)
-    _FeedOutputRate(pHandle, MdLoad(GenericKLV_GetStatsPtr(pHandle->pvDecodeCtxt)->nTotalRxBytes), tNow);
-  _Deliver(pHandle, kKLVSerialTexts, pCurrent, nLength);  // KEPT: the result is ignored
+  if (hSource->Config.nNumOfRelays != 0)
+    _RelayMetaData(hSource, current->pcData, static_cast<size_t>(length), nullptr, nullptr);
+  if (hSource->pvDecodeCtxt != nullptr)
+    _FeedOutputRate(hSource, MdLoad(GenericKLV_GetStatsPtr(hSource->pvDecodeCtxt)->nTotalRxBytes), now);
+  _Deliver(hSource, kKLVSerialTexts, current, length);  // KEPT: the result is ignored
 }
 
 void _KLV_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
-  const time_t tNow = time(nullptr);
+  const time_t now = time(nullptr);
   const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
-  BYTE cTOS = 0;
-  BYTE cTTL = 0;
-  struct sockaddr_storage From = {};
+  BYTE tos = 0;
+  BYTE ttl = 0;
+  struct sockaddr_storage from = {};
   MD_LOG(7, "Called.\n");
-  const int nLength = _ReceiveDatagram(hSource, iFD, &From, &cTOS, &cTTL);
-  if (nLength <= 0) return;
-  MD_LOG(7, "Received %d bytes from %s.\n", nLength, SenderText(From).szText);
-  MD_DUMP(7, "Input KLV over UDP Message", hSource->RxBuffer, nLength);
-  _CaptureRaw(hSource, nLength);
+  const int length = _ReceiveDatagram(hSource, iFD, &from, &tos, &ttl);
+  if (length <= 0) return;
+  MD_LOG(7, "Received %d bytes from %s.\n", length, SenderText(from).text);
+  MD_DUMP(7, "Input KLV over UDP Message", hSource->RxBuffer, length);
+  _CaptureRaw(hSource, length);
 
-  MdBufferRef Message;
-  const Rewritten Result = _RewriteOnPath(hSource, kKLVUDPTexts, hSource->RxBuffer, nLength, Message);
+  MdBufferRef message;
+  const Rewritten result = _RewriteOnPath(hSource, kKLVUDPTexts, hSource->RxBuffer, length, message);
   // KEPT: relayed as received, with the received TOS and TTL, even if nothing is left to deliver.
   if (hSource->Config.nNumOfRelays != 0)
-    _RelayMetaData(hSource, hSource->RxBuffer, static_cast<size_t>(nLength), &cTOS, &cTTL);
-  if (Result == Rewritten::Dropped) return;
-  if (Result == Rewritten::Unchanged &&
-      !DoAllocCopyBufferEx(hSource->RxBuffer, nLength, MDATA_STREAM_HEADER_SIZE, Message.Out())) {
-    MD_LOG(4, "No memory for KLV message of %d bytes, dropping it.\n", nLength);
+    _RelayMetaData(hSource, hSource->RxBuffer, static_cast<size_t>(length), &tos, &ttl);
+  if (result == Rewritten::Dropped) return;
+  if (result == Rewritten::Unchanged &&
+      !DoAllocCopyBufferEx(hSource->RxBuffer, length, MDATA_STREAM_HEADER_SIZE, message.Out())) {
+    MD_LOG(4, "No memory for KLV message of %d bytes, dropping it.\n", length);
     return;
   }
-  _CountMessage(hSource, nLength, tNow);
+  _CountMessage(hSource, length, now);
   // KEPT: the header has the received length, even for a rewritten message; the result is ignored.
-  _Deliver(hSource, kKLVUDPTexts, Message.Get(), nLength);
+  _Deliver(hSource, kKLVUDPTexts, message.Get(), length);
 }
 
 void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff) {
@@ -1243,64 +1244,64 @@ void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff) {
 //     the serial one runs inside the serial read handler, under g_MetaDataAPIMutex.
 // =====================================================================================================
 
-static void _CountCoTDatagram(MDATA_SRC_HANDLE hSource, int nLength) {
+static void _CountCoTDatagram(MDATA_SRC_HANDLE hSource, int length) {
   if (hSource->pvDecodeCtxt == nullptr) return;
-  COT_STATS* pStats = COT_GetStatsPtr(hSource->pvDecodeCtxt);
-  MdAddFetch(pStats->nRxOkMessages, 1);
-  MdAddFetch(pStats->nTotalRxBytes, nLength);
+  COT_STATS* stats = COT_GetStatsPtr(hSource->pvDecodeCtxt);
+  MdAddFetch(stats->nRxOkMessages, 1);
+  MdAddFetch(stats->nTotalRxBytes, length);
 }
 
 // Converts one event. Returns true if a packet was produced, with the converter's length. Producing none while waiting
 // for the partner event is normal and not logged.
-static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* pcXML, int nSize, MdBufferRef& Packet, int* pnLength) {
+static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* xml, int size, MdBufferRef& packet, int* length) {
   if (hSource->hConverter == nullptr) return false;
-  *pnLength = ConvertCoT2KLV(hSource->hConverter, pcXML, nSize, Packet.Out());
-  if (*pnLength > 0 && Packet.Get() != nullptr) return true;
-  if (Packet.Get() != nullptr) ReleaseConvertedData(Packet.Release());
+  *length = ConvertCoT2KLV(hSource->hConverter, xml, size, packet.Out());
+  if (*length > 0 && packet.Get() != nullptr) return true;
+  if (packet.Get() != nullptr) ReleaseConvertedData(packet.Release());
   return false;
 }
 
 // Rewrites a converted packet and counts it. Returns false if nothing is left to send.
 // KEPT: the length after rewriting counts, and feeds the rate.
-static bool _RewriteAndCountConverted(MDATA_SRC_HANDLE hSource, const PathTexts& Texts, MdBufferRef& Packet,
-                                      int* pnLength) {
-  const Rewritten Result = _RewriteOnPath(hSource, Texts, Packet->pcData, *pnLength, Packet);
-  if (Result == Rewritten::Dropped) return false;
-  if (Result == Rewritten::Replaced) *pnLength = Packet->nDataSize;
+static bool _RewriteAndCountConverted(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MdBufferRef& packet,
+                                      int* length) {
+  const Rewritten result = _RewriteOnPath(hSource, texts, packet->pcData, *length, packet);
+  if (result == Rewritten::Dropped) return false;
+  if (result == Rewritten::Replaced) *length = packet->nDataSize;
   MdAddFetch(hSource->nCoTConvertedKLVMessages, 1);
-  MdAddFetch(hSource->nCoTConvertedKLVBytes, *pnLength);
+  MdAddFetch(hSource->nCoTConvertedKLVBytes, *length);
   return true;
 }
 
 void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
-  const time_t tNow = time(nullptr);
+  const time_t now = time(nullptr);
   const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
-  BYTE cTOS = 0;
-  BYTE cTTL = 0;
-  struct sockaddr_storage From = {};
-  const int nLength = _ReceiveDatagram(hSource, iFD, &From, &cTOS, &cTTL);
-  if (nLength <= 0) return;
-  _CountCoTDatagram(hSource, nLength);
-  MD_LOG(7, "Received %d bytes from %s.\n", nLength, SenderText(From).szText);
-  MD_DUMP(7, "UDP Data", hSource->RxBuffer, nLength);
+  BYTE tos = 0;
+  BYTE ttl = 0;
+  struct sockaddr_storage from = {};
+  const int length = _ReceiveDatagram(hSource, iFD, &from, &tos, &ttl);
+  if (length <= 0) return;
+  _CountCoTDatagram(hSource, length);
+  MD_LOG(7, "Received %d bytes from %s.\n", length, SenderText(from).text);
+  MD_DUMP(7, "UDP Data", hSource->RxBuffer, length);
   if (hSource->Config.nNumOfRelays != 0)
-    _RelayMetaData(hSource, hSource->RxBuffer, static_cast<size_t>(nLength), &cTOS, &cTTL);
+    _RelayMetaData(hSource, hSource->RxBuffer, static_cast<size_t>(length), &tos, &ttl);
   else
     MD_LOG(7, "No relays configured (%u).\n", hSource->Config.nNumOfRelays);
 
-  MdBufferRef Packet;
-  int nConvertedLength = 0;
-  if (!_Convert(hSource, hSource->RxBuffer, nLength, Packet, &nConvertedLength)) return;
-  MD_LOG(7, "KLV message of %d bytes generated by conversion.\n", nConvertedLength);
-  if (!_RewriteAndCountConverted(hSource, kCoTUDPTexts, Packet, &nConvertedLength)) return;
-  _FeedOutputRate(hSource, MdLoad(hSource->nCoTConvertedKLVBytes), tNow);
-  _Deliver(hSource, kCoTUDPTexts, Packet.Get(), nConvertedLength);
+  MdBufferRef packet;
+  int convertedLength = 0;
+  if (!_Convert(hSource, hSource->RxBuffer, length, packet, &convertedLength)) return;
+  MD_LOG(7, "KLV message of %d bytes generated by conversion.\n", convertedLength);
+  if (!_RewriteAndCountConverted(hSource, kCoTUDPTexts, packet, &convertedLength)) return;
+  _FeedOutputRate(hSource, MdLoad(hSource->nCoTConvertedKLVBytes), now);
+  _Deliver(hSource, kCoTUDPTexts, packet.Get(), convertedLength);
   // KEPT: released like any other buffer; the serial path releases it with ReleaseConvertedData.
 }
 
 void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
-  const time_t tNow = time(nullptr);
+  const time_t now = time(nullptr);
   const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(pHandle)) return;   // the rest of a chunk
   if (!_g_bGridInitialized) return;  // KEPT: without logging; CoT over UDP converts without the grid
@@ -1308,14 +1309,14 @@ void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
   if (pHandle->Config.nNumOfRelays != 0)
     _RelayMetaData(pHandle, pBuff->pcData, static_cast<size_t>(pBuff->nDataSize), nullptr, nullptr);
 
-  MdBufferRef Packet;
-  int nConvertedLength = 0;
-  if (!_Convert(pHandle, pBuff->pcData, pBuff->nDataSize, Packet, &nConvertedLength)) return;
-  if (!_RewriteAndCountConverted(pHandle, kCoTSerialTexts, Packet, &nConvertedLength)) return;
-  MD_ASSERT_TEXT(nConvertedLength < kMaxConvertedLength, "nConvertedLength < 16000");  // KEPT: on this path only
-  _FeedOutputRate(pHandle, MdLoad(pHandle->nCoTConvertedKLVBytes), tNow);
-  _Deliver(pHandle, kCoTSerialTexts, Packet.Get(), nConvertedLength);
-  ReleaseConvertedData(Packet.Release());
+  MdBufferRef packet;
+  int convertedLength = 0;
+  if (!_Convert(pHandle, pBuff->pcData, pBuff->nDataSize, packet, &convertedLength)) return;
+  if (!_RewriteAndCountConverted(pHandle, kCoTSerialTexts, packet, &convertedLength)) return;
+  MD_ASSERT_TEXT(convertedLength < kMaxConvertedLength, "nConvertedLength < 16000");  // KEPT: on this path only
+  _FeedOutputRate(pHandle, MdLoad(pHandle->nCoTConvertedKLVBytes), now);
+  _Deliver(pHandle, kCoTSerialTexts, packet.Get(), convertedLength);
+  ReleaseConvertedData(packet.Release());
 }
 
 // =====================================================================================================
@@ -1332,37 +1333,37 @@ enum class Pulled { Packet, Nothing, OutOfMemory };
 // All timestamps are compared for equality only.
 // KEPT: only the last dropped timestamp is remembered; an older one that comes back counts as new.
 BOOL _ShouldDecimateKLV(MDATA_SRC_HANDLE hSource, MDATA_TIMESTAMP TimeStamp) {
-  KLV_DECIM_CTRL* pCtrl = &hSource->DecimateCtrl;
-  const unsigned long long nTimeStamp = TimeStamp;
-  if (pCtrl->ActivitePTS == kNoPTS) {
-    pCtrl->ActivitePTS = TimeStamp;
+  KLV_DECIM_CTRL* control = &hSource->DecimateCtrl;
+  const unsigned long long timeStamp = TimeStamp;
+  if (control->ActivitePTS == kNoPTS) {
+    control->ActivitePTS = TimeStamp;
     MD_ASSERT(hSource->DecimateCtrl.nDecimatedCount == 0);
-    MD_LOG(7, "Not decimating initial KLV with timestamp of 0x%09LX.\n", nTimeStamp);
+    MD_LOG(7, "Not decimating initial KLV with timestamp of 0x%09LX.\n", timeStamp);
     return FALSE;
   }
-  if (TimeStamp == pCtrl->ActivitePTS) {
-    MD_LOG(7, "Not decimating active KLV timestamp of 0x%09LX.\n", nTimeStamp);
+  if (TimeStamp == control->ActivitePTS) {
+    MD_LOG(7, "Not decimating active KLV timestamp of 0x%09LX.\n", timeStamp);
     return FALSE;
   }
-  if (TimeStamp == pCtrl->DecimatedPTS) {
-    MD_LOG(7, "Decimating decimated KLV timestamp of 0x%09LX.\n", nTimeStamp);
+  if (TimeStamp == control->DecimatedPTS) {
+    MD_LOG(7, "Decimating decimated KLV timestamp of 0x%09LX.\n", timeStamp);
     return TRUE;
   }
-  ++pCtrl->nDecimatedCount;
-  if (pCtrl->nDecimatedCount < pCtrl->nDecimationFactor) {
-    MD_LOG(7, "Decimating new decimated KLV #%d with timestamp of 0x%09LX.\n", pCtrl->nDecimatedCount, nTimeStamp);
-    pCtrl->DecimatedPTS = TimeStamp;
+  ++control->nDecimatedCount;
+  if (control->nDecimatedCount < control->nDecimationFactor) {
+    MD_LOG(7, "Decimating new decimated KLV #%d with timestamp of 0x%09LX.\n", control->nDecimatedCount, timeStamp);
+    control->DecimatedPTS = TimeStamp;
     return TRUE;
   }
-  MD_LOG(7, "No longer decimating KLV with timestamp of 0x%09LX.\n", nTimeStamp);
-  pCtrl->nDecimatedCount = 0;
-  pCtrl->ActivitePTS = TimeStamp;
+  MD_LOG(7, "No longer decimating KLV with timestamp of 0x%09LX.\n", timeStamp);
+  control->nDecimatedCount = 0;
+  control->ActivitePTS = TimeStamp;
   return FALSE;
 }
 
 // Rewrites a captured packet if the source asks for it, and logs that in this path's own lines. Returns false if
 // nothing is left to send.
-static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MdBufferRef& Buffer) {
+static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MdBufferRef& buffer) {
   if (!_WantsRewriting(hSource)) {
     MD_LOG(7, "No mission ID or security data set defined for source#%d.\n", hSource->Config.nIndex);
     return true;
@@ -1370,85 +1371,85 @@ static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MdBufferRef& Buffer) {
   MD_LOG(7, "Mission ID (%p) or security data set (%p) defined for source#%d.\n",
          static_cast<void*>(hSource->pMissionID), static_cast<void*>(hSource->pSecurityMDataSet),
          hSource->Config.nIndex);
-  const Rewritten Result = _RewriteOnPath(hSource, kVideoTexts, Buffer->pcData, Buffer->nDataSize, Buffer);
-  if (Result == Rewritten::Unchanged) MD_LOG(7, "_ProcessRxKLV return FALSE for source#%d.\n", hSource->Config.nIndex);
-  return Result != Rewritten::Dropped;
+  const Rewritten result = _RewriteOnPath(hSource, kVideoTexts, buffer->pcData, buffer->nDataSize, buffer);
+  if (result == Rewritten::Unchanged) MD_LOG(7, "_ProcessRxKLV return FALSE for source#%d.\n", hSource->Config.nIndex);
+  return result != Rewritten::Dropped;
 }
 
 void _FeedSDIDataSource(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, UINT64 nTimeStamp) {
-  const time_t tNow = time(nullptr);
-  MdBufferRef Buffer(pBuff);
+  const time_t now = time(nullptr);
+  MdBufferRef buffer(pBuff);
   // KEPT: factor 1 skips the test; with factor 0 the test keeps everything.
   if (hSource->Config.nDecimationFactor != 1 && _ShouldDecimateKLV(hSource, nTimeStamp)) return;
-  if (!_RewriteCaptured(hSource, Buffer)) return;
-  const int nLength = Buffer->nDataSize;
+  if (!_RewriteCaptured(hSource, buffer)) return;
+  const int length = buffer->nDataSize;
   if (hSource->Config.nNumOfRelays != 0)
-    _RelayMetaData(hSource, Buffer->pcData, static_cast<size_t>(nLength), nullptr, nullptr);
-  Buffer->nTimeStamp = nTimeStamp;
+    _RelayMetaData(hSource, buffer->pcData, static_cast<size_t>(length), nullptr, nullptr);
+  buffer->nTimeStamp = nTimeStamp;
   // KEPT: a buffer that the encoder refuses is not counted, and the next one has the same sequence number; the counted
   // size includes the stream header. An encoder that keeps the buffer may change it, so its size is not read again.
-  if (_Deliver(hSource, kVideoTexts, Buffer.Get(), nLength))
-    _CountMessage(hSource, nLength + MDATA_STREAM_HEADER_SIZE, tNow);
+  if (_Deliver(hSource, kVideoTexts, buffer.Get(), length))
+    _CountMessage(hSource, length + MDATA_STREAM_HEADER_SIZE, now);
 }
 
 // Passes a copy of the packet to every source of the input.
-static void _DistributePacket(int iInterface, const MDATA_BUFFER* pBuff, UINT64 nTimeStamp) {
-  for (const FNODE_D* pNode = g_MetaDataSrcList.pHead; pNode != nullptr; pNode = pNode->pNext) {
-    const MDATA_SRC_HANDLE hSource = _SourceOf(pNode);
+static void _DistributePacket(int interface, const MDATA_BUFFER* buffer, UINT64 timeStamp) {
+  for (const FNODE_D* node = g_MetaDataSrcList.pHead; node != nullptr; node = node->pNext) {
+    const MDATA_SRC_HANDLE hSource = _SourceOf(node);
     if (hSource->Config.enInputType != MDATA_INPUT_VIDEO) continue;
-    if (hSource->Config.in.Video.enInputInterface != iInterface) continue;
+    if (hSource->Config.in.Video.enInputInterface != interface) continue;
     if (_IsGivenUp(hSource)) continue;
-    MDATA_BUFFER* pCopy = nullptr;
-    if (DoAllocCopyBufferEx(pBuff->pcData, pBuff->nDataSize, MDATA_STREAM_HEADER_SIZE, &pCopy))
-      _FeedSDIDataSource(hSource, pCopy, nTimeStamp);
+    MDATA_BUFFER* copy = nullptr;
+    if (DoAllocCopyBufferEx(buffer->pcData, buffer->nDataSize, MDATA_STREAM_HEADER_SIZE, &copy))
+      _FeedSDIDataSource(hSource, copy, timeStamp);
   }
 }
 
 static int _CountSources() {
-  int nCount = 0;
-  for (const FNODE_D* pNode = g_MetaDataSrcList.pHead; pNode != nullptr; pNode = pNode->pNext) ++nCount;
-  return nCount;
+  int count = 0;
+  for (const FNODE_D* node = g_MetaDataSrcList.pHead; node != nullptr; node = node->pNext) ++count;
+  return count;
 }
 
 // Reads one packet from the capture and distributes it.
-static Pulled _PullPacket(int iFD, int iInterface) {
-  MDATA_BUFFER* pBuff = nullptr;
+static Pulled _PullPacket(int fd, int interface) {
+  MDATA_BUFFER* packet = nullptr;
   // The capture may write kVideoRoom bytes behind the reserve, so the buffer has that much room there.
-  if (!DoAllocBuffer(kVideoRoom + MDATA_STREAM_HEADER_SIZE, &pBuff)) {
-    MD_LOG(4, "Failed to allocate buffer of %d bytes for KLV on BNC-%d.\n", kVideoRoom, iInterface);
+  if (!DoAllocBuffer(kVideoRoom + MDATA_STREAM_HEADER_SIZE, &packet)) {
+    MD_LOG(4, "Failed to allocate buffer of %d bytes for KLV on BNC-%d.\n", kVideoRoom, interface);
     return Pulled::OutOfMemory;
   }
-  MdBufferRef Buffer(pBuff);
-  pBuff->pcData += MDATA_STREAM_HEADER_SIZE;
-  pBuff->nDataSize = kVideoRoom;
-  UINT64 nTimeStamp = 0;
-  if (!KLVCAPTURE_GetKLV(iFD, pBuff->pcData, &pBuff->nDataSize, &nTimeStamp)) return Pulled::Nothing;
-  if (pBuff->nDataSize < 0 || pBuff->nDataSize > kVideoRoom) {
-    MD_LOG(4, "Dropping KLV with an impossible length of %d bytes on BNC-%d.\n", pBuff->nDataSize, iInterface);
+  MdBufferRef buffer(packet);
+  packet->pcData += MDATA_STREAM_HEADER_SIZE;
+  packet->nDataSize = kVideoRoom;
+  UINT64 timeStamp = 0;
+  if (!KLVCAPTURE_GetKLV(fd, packet->pcData, &packet->nDataSize, &timeStamp)) return Pulled::Nothing;
+  if (packet->nDataSize < 0 || packet->nDataSize > kVideoRoom) {
+    MD_LOG(4, "Dropping KLV with an impossible length of %d bytes on BNC-%d.\n", packet->nDataSize, interface);
     return Pulled::Packet;
   }
-  MD_LOG(7, "Got %d bytes of KLV on BNC-%d.\n", pBuff->nDataSize, iInterface);
-  MD_DUMP(7, "HD-SDI KLV Message", pBuff->pcData, pBuff->nDataSize);
+  MD_LOG(7, "Got %d bytes of KLV on BNC-%d.\n", packet->nDataSize, interface);
+  MD_DUMP(7, "HD-SDI KLV Message", packet->pcData, packet->nDataSize);
   MD_LOG(7, "Going through %d metadata sources.\n", _CountSources());
-  _DistributePacket(iInterface, pBuff, nTimeStamp);
+  _DistributePacket(interface, packet, timeStamp);
   return Pulled::Packet;
 }
 
 void _SDIDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
-  const int iInterface = static_cast<int>(reinterpret_cast<intptr_t>(pvParam1));
-  const time_t tNow = time(nullptr);
+  const int interface = static_cast<int>(reinterpret_cast<intptr_t>(pvParam1));
+  const time_t now = time(nullptr);
   MD_LOG(7, "Called.\n");
-  int nCount = 0;
-  Pulled Last = Pulled::Packet;
-  while (nCount < kMaxKLVPerIteration && Last == Pulled::Packet) {
-    Last = _PullPacket(iFD, iInterface);
-    if (Last == Pulled::Packet) ++nCount;
+  int count = 0;
+  Pulled last = Pulled::Packet;
+  while (count < kMaxKLVPerIteration && last == Pulled::Packet) {
+    last = _PullPacket(iFD, interface);
+    if (last == Pulled::Packet) ++count;
   }
-  if (nCount == kMaxKLVPerIteration)
+  if (count == kMaxKLVPerIteration)
     MD_LOG(4, "Reached maximum number of KLV (%d) for one iteration.\n", kMaxKLVPerIteration);
   // KEPT: one such line per second for all inputs together.
-  if (nCount == 0 && Last == Pulled::Nothing && tNow != _tLastLogTime) {
-    MD_LOG(4, "No KLV retrieved from BNC-%d.\n", iInterface);
-    _tLastLogTime = tNow;
+  if (count == 0 && last == Pulled::Nothing && now != _tLastLogTime) {
+    MD_LOG(4, "No KLV retrieved from BNC-%d.\n", interface);
+    _tLastLogTime = now;
   }
 }

@@ -59,7 +59,7 @@ void _AgeDiscoveredSensors(void);
 
 BOOL _LocateSerialDataSrc(MDATA_SRC_HANDLE* ppSrc);
 BOOL _LocateDataSrcByUDPPort(USHORT usPort, MDATA_SRC_HANDLE* ppSrc);
-BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE pHandle, const MDATA_SRC_CFG* pCfg);
+BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* pCfg);
 
 // --- Receive paths -----------------------------------------------------------------------------------
 

@@ -282,8 +282,8 @@ static size_t _MeasureBody(MessageWalk walk, size_t* room) {
 
 // Allocates the buffer for a body that needs this much room; its data start behind the head room. Returns false if out
 // of memory.
-static bool _AllocOutput(MDATA_SRC_HANDLE hSource, int nUAVSize, size_t room, MdBufferRef& buffer) {
-  const int64_t usual = int64_t{nUAVSize} + 2 + hSource->nMissionIDElementSize + hSource->nSecurityMDataSetSize + 5;
+static bool _AllocOutput(MDATA_SRC_HANDLE hSource, int uavSize, size_t room, MdBufferRef& buffer) {
+  const int64_t usual = int64_t{uavSize} + 2 + hSource->nMissionIDElementSize + hSource->nSecurityMDataSetSize + 5;
   const int64_t size = std::max(usual, static_cast<int64_t>(room) + kRewriteHeadRoom);
   if (size > INT_MAX || !DoAllocBuffer(static_cast<int>(size), buffer.Out())) return false;
   buffer->pcData += kRewriteHeadRoom;

@@ -27,29 +27,29 @@
 BOOL _g_bExtendedTags = FALSE;
 
 void _ReadExtendedTagsOption() {
-  char szValue[40] = "";
-  int nSize = sizeof(szValue);
-  CfgFile_GetStringValue("/etc/hostos.ini", "UASLocalSet", "ExtendedTags", szValue, &nSize, "No");
-  _g_bExtendedTags = strcasecmp(szValue, "Yes") == 0 ? TRUE : FALSE;
+  char value[40] = "";
+  int size = sizeof(value);
+  CfgFile_GetStringValue("/etc/hostos.ini", "UASLocalSet", "ExtendedTags", value, &size, "No");
+  _g_bExtendedTags = strcasecmp(value, "Yes") == 0 ? TRUE : FALSE;
   if (_g_bExtendedTags) MD_LOG(6, "Support of extended UAS tags enabled.\n");
 }
 
 // Reads the tag of an element. In extended tags (BER-OID, ISO/IEC 8825-1, 8.19) a leading 0x80 would be an empty digit
 // and thus a second encoding of a smaller tag, so it is malformed; so is a tag of more than four bytes, whose fifth
 // byte is not read.
-static tagKLV_SIZE_RESULT _ReadElementTag(const BYTE* pcElement, size_t sizeLeft, MdTag* tag) {
-  if (!_g_bExtendedTags) return _MdReadTag(pcElement, sizeLeft, 0, kMdField1Byte, tag) ? KLV_SIZE_OK : KLV_SIZE_CUT;
+static tagKLV_SIZE_RESULT _ReadElementTag(const BYTE* bytes, size_t sizeLeft, MdTag* tag) {
+  if (!_g_bExtendedTags) return _MdReadTag(bytes, sizeLeft, 0, kMdField1Byte, tag) ? KLV_SIZE_OK : KLV_SIZE_CUT;
   const size_t most = std::min<size_t>(sizeLeft, kMdMostOidBytes);
-  const bool read = _MdReadTag(pcElement, most, 0, kMdFieldOidTag, tag);
-  if (sizeLeft > 0 && pcElement[0] == 0x80) return KLV_SIZE_UNSUPPORTED;
+  const bool read = _MdReadTag(bytes, most, 0, kMdFieldOidTag, tag);
+  if (sizeLeft > 0 && bytes[0] == 0x80) return KLV_SIZE_UNSUPPORTED;
   if (read) return KLV_SIZE_OK;
   return most == kMdMostOidBytes ? KLV_SIZE_UNSUPPORTED : KLV_SIZE_CUT;
 }
 
 // Reads the length field at a position. An unsupported form is reported even if the field is truncated as well.
-static tagKLV_SIZE_RESULT _ReadElementLength(const BYTE* pcElement, size_t sizeLeft, size_t position, bool log,
+static tagKLV_SIZE_RESULT _ReadElementLength(const BYTE* bytes, size_t sizeLeft, size_t position, bool log,
                                              MdLength* length) {
-  const MdRead result = _MdReadLength(pcElement, sizeLeft, position, kMdFieldNoneOrBer, length);
+  const MdRead result = _MdReadLength(bytes, sizeLeft, position, kMdFieldNoneOrBer, length);
   if (length->longForm && (length->count < 1 || length->count > kMdMostLengthBytes)) {
     if (log) MD_LOG(3, "Unsupported number of bytes (%u) for size in BER encoded length.\n", length->count);
     return KLV_SIZE_UNSUPPORTED;
@@ -57,19 +57,19 @@ static tagKLV_SIZE_RESULT _ReadElementLength(const BYTE* pcElement, size_t sizeL
   return result == kMdReadOk ? KLV_SIZE_OK : KLV_SIZE_CUT;
 }
 
-tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t sizeLeft, bool log, KLV_ELEMENT_INFO* info) {
+tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* bytes, size_t sizeLeft, bool log, KLV_ELEMENT_INFO* info) {
   *info = {};
   MdTag tag;
-  const tagKLV_SIZE_RESULT tagResult = _ReadElementTag(pcElement, sizeLeft, &tag);
+  const tagKLV_SIZE_RESULT tagResult = _ReadElementTag(bytes, sizeLeft, &tag);
   if (tagResult != KLV_SIZE_OK) {
-    if (sizeLeft > 0) info->nTag = pcElement[0];
+    if (sizeLeft > 0) info->nTag = bytes[0];
     return tagResult;
   }
   info->nTag = tag.key;
   info->nTagSize = tag.size;
-  if (sizeLeft > tag.size) info->FirstLength = pcElement[tag.size];
+  if (sizeLeft > tag.size) info->FirstLength = bytes[tag.size];
   MdLength length;
-  const tagKLV_SIZE_RESULT lengthResult = _ReadElementLength(pcElement, sizeLeft, tag.size, log, &length);
+  const tagKLV_SIZE_RESULT lengthResult = _ReadElementLength(bytes, sizeLeft, tag.size, log, &length);
   info->nHeaderSize = tag.size + length.size;
   info->nSize = info->nHeaderSize + length.value;
   return lengthResult;
@@ -78,18 +78,18 @@ tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t sizeLeft, bool 
 // The record has a one-byte tag, regardless of the option. The caller guarantees that the length field can be read.
 BOOL GetKLVElementSize(const KLV_ELEMENT* pKLV, size_t* pnSize) {
   MdLength length;
-  const BYTE* pcElement = reinterpret_cast<const BYTE*>(pKLV);
-  if (_ReadElementLength(pcElement, SIZE_MAX, sizeof(pKLV->Tag), true, &length) != KLV_SIZE_OK) return FALSE;
+  const BYTE* bytes = reinterpret_cast<const BYTE*>(pKLV);
+  if (_ReadElementLength(bytes, SIZE_MAX, sizeof(pKLV->Tag), true, &length) != KLV_SIZE_OK) return FALSE;
   *pnSize = sizeof(pKLV->Tag) + length.size + length.value;
   return TRUE;
 }
 
-const char* _GetUAVTagName(UINT32 nTag) {
-  return nTag <= 0xFF ? GetUAVTagName(static_cast<BYTE>(nTag)) : "Unknown";
+const char* _GetUAVTagName(UINT32 tag) {
+  return tag <= 0xFF ? GetUAVTagName(static_cast<BYTE>(tag)) : "Unknown";
 }
 
-const char* _GetSecurityTagName(UINT32 nTag) {
-  return nTag <= 0xFF ? GetSecurityTagName(static_cast<BYTE>(nTag)) : "Unknown";
+const char* _GetSecurityTagName(UINT32 tag) {
+  return tag <= 0xFF ? GetSecurityTagName(static_cast<BYTE>(tag)) : "Unknown";
 }
 
 // =====================================================================================================
@@ -149,22 +149,22 @@ static BYTE* _PutByteElement(BYTE* out, BYTE tag, BYTE value) {
 //   15       3     tag 12: coding of the object country, 2
 //   18       2+2n  tag 13: the object country in UTF-16, big-endian
 //   20+2n    4     tag 22: version 0x000B
-static void _WriteSecuritySet(BYTE* out, int enClassification, const char* szClassifyingCountry,
-                              const char* szObjectCountry, size_t countrySize) {
+static void _WriteSecuritySet(BYTE* out, int classification, const char* classifyingCountry, const char* objectCountry,
+                              size_t countrySize) {
   BYTE* next =
       _BeginElement(out, UAS_SECURITY_LOCAL_SET_TAG, kSecuritySetBaseSize - kKLVElementHeader + 2 * countrySize);
-  next = _PutByteElement(next, SECURITY_CLASSIFICATION_TAG, static_cast<BYTE>(enClassification));
+  next = _PutByteElement(next, SECURITY_CLASSIFICATION_TAG, static_cast<BYTE>(classification));
   next = _PutByteElement(next, SECURITY_CLASSIFYING_COUNTRY_METHOD_TAG, kCountryMethodISO3166ThreeLetter);
   next = _BeginElement(next, SECURITY_CLASSIFYING_COUNTRY_TAG, 2 + kClassifyingCountrySize);
   memcpy(next, "//", 2);
-  memcpy(next + 2, szClassifyingCountry, kClassifyingCountrySize);
+  memcpy(next + 2, classifyingCountry, kClassifyingCountrySize);
   next += 2 + kClassifyingCountrySize;
   next = _PutByteElement(next, SECURITY_OBJECT_COUNTRY_METHOD_TAG, kCountryMethodISO3166ThreeLetter);
   // KEPT: the length byte holds (count mod 128) x 2 and the next element starts there, so a longer country is
   // truncated. Configurations hold at most 23 characters.
   const size_t countryBytes = (countrySize % 128) * 2;
   next = _BeginElement(next, SECURITY_OBJECT_COUNTRY_TAG, countryBytes);
-  for (size_t i = 0; i < countrySize; ++i) next[2 * i + 1] = static_cast<BYTE>(szObjectCountry[i]);
+  for (size_t i = 0; i < countrySize; ++i) next[2 * i + 1] = static_cast<BYTE>(objectCountry[i]);
   next += countryBytes;
   next = _BeginElement(next, SECURITY_VERSION_TAG, 2);
   next[0] = 0;
@@ -196,17 +196,17 @@ KLV_ELEMENT* AllocSecurityMetadata(int enClassification, const char* szClassifyi
 // =====================================================================================================
 
 // Logs the identifier's characters that lie inside the message.
-static void _LogMissionID(const BYTE* pcElement, const KLV_ELEMENT_INFO& element, size_t sizeLeft) {
+static void _LogMissionID(const BYTE* bytes, const KLV_ELEMENT_INFO& element, size_t sizeLeft) {
   const size_t size = std::min(element.nSize, sizeLeft) - element.nHeaderSize;
-  const char* szMissionID = reinterpret_cast<const char*>(pcElement + element.nHeaderSize);
-  MD_LOG(6, "Mission ID \"%.*s\" is present.\n", static_cast<int>(std::min<size_t>(size, INT_MAX)), szMissionID);
+  const char* missionID = reinterpret_cast<const char*>(bytes + element.nHeaderSize);
+  MD_LOG(6, "Mission ID \"%.*s\" is present.\n", static_cast<int>(std::min<size_t>(size, INT_MAX)), missionID);
 }
 
 // Returns whether the checksum stored at an offset from the start of the message is right. A truncated checksum never
 // matches; its missing bytes count as 0. Size and offset are taken modulo 65536, as by the exported checksum.
-static bool _IsChecksumRight(const BYTE* message, int nUAVSize, size_t offset) {
-  const WORD calculated = CalcKlvChecksum16Ex(message, static_cast<WORD>(nUAVSize), static_cast<WORD>(offset));
-  const size_t bytesLeft = static_cast<size_t>(nUAVSize) - offset;
+static bool _IsChecksumRight(const BYTE* message, int uavSize, size_t offset) {
+  const WORD calculated = CalcKlvChecksum16Ex(message, static_cast<WORD>(uavSize), static_cast<WORD>(offset));
+  const size_t bytesLeft = static_cast<size_t>(uavSize) - offset;
   const unsigned high = bytesLeft > 0 ? message[offset] : 0u;
   const unsigned low = bytesLeft > 1 ? message[offset + 1] : 0u;
   const unsigned stored = (high << 8) | low;

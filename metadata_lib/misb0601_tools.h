@@ -43,12 +43,12 @@ struct KLV_ELEMENT_INFO {
   size_t nSize;        // bytes of the whole element
 };
 
-// Reads tag and length of the element at pcElement, of which only sizeLeft bytes may be read, but not its value, which
+// Reads tag and length of the element at bytes, of which only sizeLeft bytes may be read, but not its value, which
 // may run past them. Logs an unsupported length form if log is set.
-tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* pcElement, size_t sizeLeft, bool log, KLV_ELEMENT_INFO* info);
+tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* bytes, size_t sizeLeft, bool log, KLV_ELEMENT_INFO* info);
 
 // Return the host's names, for tags of any size; never NULL.
-const char* _GetUAVTagName(UINT32 nTag);
-const char* _GetSecurityTagName(UINT32 nTag);
+const char* _GetUAVTagName(UINT32 tag);
+const char* _GetSecurityTagName(UINT32 tag);
 
 #endif  // MISB0601_TOOLS_H

@@ -30,44 +30,44 @@ int32_t _g_nMaxAllocatedBuffers = 0;
 static pthread_mutex_t _g_BufferMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 // KEPT: the counters change without the mutex here and under it in the release; they only feed the log line.
-static void _CountAllocation(const char* szFunction, int nLine) {
-  const int32_t nNow = MdAddFetch(_g_nAllocatedBuffers, 1);
-  if (nNow <= MdLoad(_g_nMaxAllocatedBuffers)) return;
-  MdStore(_g_nMaxAllocatedBuffers, nNow);
+static void _CountAllocation(const char* function, int line) {
+  const int32_t now = MdAddFetch(_g_nAllocatedBuffers, 1);
+  if (now <= MdLoad(_g_nMaxAllocatedBuffers)) return;
+  MdStore(_g_nMaxAllocatedBuffers, now);
   if (MdLogEnabled(g_hMetaDataLibDbg, 6))
-    _DoDbgPrintEx(g_hMetaDataLibDbg, 6, szFunction, MD_MODULE, nLine, "Max alloc buffers now at %d.\n", nNow);
+    _DoDbgPrintEx(g_hMetaDataLibDbg, 6, function, MD_MODULE, line, "Max alloc buffers now at %d.\n", now);
 }
 
 // Allocates the block of all three allocations. Returns NULL, without logging, if out of memory or if a size is
 // negative or overflows.
-static MDATA_BUFFER* _AllocBlock(int nDataSize, int nReservedSpace, const char* szFunction, int nLine) {
-  if (nDataSize < 0 || nReservedSpace < 0) return nullptr;
-  const int64_t nTotal = int64_t{nDataSize} + nReservedSpace + static_cast<int64_t>(sizeof(MDATA_BUFFER));
-  if (nTotal > INT_MAX) return nullptr;
-  void* pvBlock = calloc(1, static_cast<size_t>(nTotal));
-  if (pvBlock == nullptr) return nullptr;
-  _CountAllocation(szFunction, nLine);
-  MDATA_BUFFER* pBuffer = static_cast<MDATA_BUFFER*>(pvBlock);
-  pBuffer->bDynamic = TRUE;
-  pBuffer->nRefCount = 1;
-  pBuffer->nAllocSize = static_cast<int32_t>(nTotal);
-  pBuffer->pvAllocPtr = pvBlock;
-  pBuffer->pcData = static_cast<BYTE*>(pvBlock) + sizeof(MDATA_BUFFER) + nReservedSpace;
-  return pBuffer;
+static MDATA_BUFFER* _AllocBlock(int dataSize, int reservedSpace, const char* function, int line) {
+  if (dataSize < 0 || reservedSpace < 0) return nullptr;
+  const int64_t total = int64_t{dataSize} + reservedSpace + static_cast<int64_t>(sizeof(MDATA_BUFFER));
+  if (total > INT_MAX) return nullptr;
+  void* block = calloc(1, static_cast<size_t>(total));
+  if (block == nullptr) return nullptr;
+  _CountAllocation(function, line);
+  MDATA_BUFFER* buffer = static_cast<MDATA_BUFFER*>(block);
+  buffer->bDynamic = TRUE;
+  buffer->nRefCount = 1;
+  buffer->nAllocSize = static_cast<int32_t>(total);
+  buffer->pvAllocPtr = block;
+  buffer->pcData = static_cast<BYTE*>(block) + sizeof(MDATA_BUFFER) + reservedSpace;
+  return buffer;
 }
 
-static BOOL _AllocCopy(const BYTE* pcData, int nSize, MDATA_BUFFER* pBuffer, MDATA_BUFFER** ppBuffer) {
-  if (pBuffer == nullptr) return FALSE;
-  pBuffer->nDataSize = nSize;
-  if (nSize > 0) memcpy(pBuffer->pcData, pcData, static_cast<size_t>(nSize));
-  *ppBuffer = pBuffer;
+static BOOL _AllocCopy(const BYTE* data, int size, MDATA_BUFFER* buffer, MDATA_BUFFER** out) {
+  if (buffer == nullptr) return FALSE;
+  buffer->nDataSize = size;
+  if (size > 0) memcpy(buffer->pcData, data, static_cast<size_t>(size));
+  *out = buffer;
   return TRUE;
 }
 
 BOOL DoAllocBuffer(int nMaxDataSize, MDATA_BUFFER** ppBuffer) {
-  MDATA_BUFFER* pBuffer = _AllocBlock(nMaxDataSize, 0, __func__, __LINE__);
-  if (pBuffer == nullptr) return FALSE;
-  *ppBuffer = pBuffer;
+  MDATA_BUFFER* buffer = _AllocBlock(nMaxDataSize, 0, __func__, __LINE__);
+  if (buffer == nullptr) return FALSE;
+  *ppBuffer = buffer;
   return TRUE;
 }
 
@@ -80,19 +80,19 @@ BOOL DoAllocCopyBufferEx(BYTE* pcData, int nSize, int nReservedSpace, MDATA_BUFF
 }
 
 // Reports this line to the host's thread watchdog, if enabled.
-static void _SaveStateIfDebugging(int nLine) {
-  if (MdLoad(g_bThreadStateDebuggingEnabled)) __SaveThreadState("DoReleaseBuffer", MD_MODULE, nLine);
+static void _SaveStateIfDebugging(int line) {
+  if (MdLoad(g_bThreadStateDebuggingEnabled)) __SaveThreadState("DoReleaseBuffer", MD_MODULE, line);
 }
 
 void DoReleaseBuffer(MDATA_BUFFER** ppBuffer) {
-  MDATA_BUFFER* pBuffer = *ppBuffer;
+  MDATA_BUFFER* buffer = *ppBuffer;
   _SaveStateIfDebugging(__LINE__);
   pthread_mutex_lock(&_g_BufferMutex);
   _SaveStateIfDebugging(__LINE__);
   // KEPT: releasing once too often is reported; the count still goes down, and nothing is freed.
-  MD_ASSERT_TEXT(MdLoadAcquire(pBuffer->nRefCount) > 0, "pBuffer->nRefCount > 0");
-  if (__atomic_sub_fetch(&pBuffer->nRefCount, 1, __ATOMIC_ACQ_REL) == 0 && pBuffer->bDynamic) {
-    free(pBuffer);
+  MD_ASSERT_TEXT(MdLoadAcquire(buffer->nRefCount) > 0, "pBuffer->nRefCount > 0");
+  if (__atomic_sub_fetch(&buffer->nRefCount, 1, __ATOMIC_ACQ_REL) == 0 && buffer->bDynamic) {
+    free(buffer);
     MdAddFetch(_g_nAllocatedBuffers, -1);
   }
   _SaveStateIfDebugging(__LINE__);
@@ -117,28 +117,28 @@ int ExtractBits(const BYTE* pcInputData, int* pnInputBitOffset, BYTE* pcOutputDa
 }
 
 // Length of the pattern prefix at the start of the data; at least 1.
-static int _MatchLength(const BYTE* pcData, int nDataSize, const BYTE* pcPattern, int nPatternSize) {
-  int nMatched = 1;
-  while (nMatched < nPatternSize && nMatched < nDataSize && pcData[nMatched] == pcPattern[nMatched]) ++nMatched;
-  return nMatched;
+static int _MatchLength(const BYTE* data, int dataSize, const BYTE* pattern, int patternSize) {
+  int matched = 1;
+  while (matched < patternSize && matched < dataSize && data[matched] == pattern[matched]) ++matched;
+  return matched;
 }
 
 UINT ScanForPattern(const void* pvInData, int nInDataSize, const void* pvPattern, int nPatternSize,
                     int* pnMatchOffset) {
-  const BYTE* pcData = static_cast<const BYTE*>(pvInData);
-  const BYTE* pcPattern = static_cast<const BYTE*>(pvPattern);
+  const BYTE* data = static_cast<const BYTE*>(pvInData);
+  const BYTE* pattern = static_cast<const BYTE*>(pvPattern);
   if (nPatternSize <= 0) return 0;
-  int nPosition = 0;
-  while (nPosition < nInDataSize) {
-    const void* pvFound = memchr(pcData + nPosition, pcPattern[0], static_cast<size_t>(nInDataSize - nPosition));
-    if (pvFound == nullptr) return 0;
-    const int nCandidate = static_cast<int>(static_cast<const BYTE*>(pvFound) - pcData);
-    const int nMatched = _MatchLength(pcData + nCandidate, nInDataSize - nCandidate, pcPattern, nPatternSize);
-    if (nMatched == nPatternSize || nCandidate + nMatched == nInDataSize) {
-      *pnMatchOffset = nCandidate;
-      return static_cast<UINT>(nMatched);
+  int position = 0;
+  while (position < nInDataSize) {
+    const void* found = memchr(data + position, pattern[0], static_cast<size_t>(nInDataSize - position));
+    if (found == nullptr) return 0;
+    const int candidate = static_cast<int>(static_cast<const BYTE*>(found) - data);
+    const int matched = _MatchLength(data + candidate, nInDataSize - candidate, pattern, nPatternSize);
+    if (matched == nPatternSize || candidate + matched == nInDataSize) {
+      *pnMatchOffset = candidate;
+      return static_cast<UINT>(matched);
     }
-    nPosition = nCandidate + nMatched;  // KEPT: continues at the byte that differed; A A B is not found in A A A B
+    position = candidate + matched;  // KEPT: continues at the byte that differed; A A B is not found in A A A B
   }
   return 0;
 }
@@ -154,16 +154,16 @@ WORD CalcCRC16(const BYTE* d, int n) {
 BOOL DumpRawData(FILE* fp, BYTE* pcData, int nSize, int* pnOffset, int nMaxSize) {
   // KEPT: the size is tested only before the block is written, so the file may exceed it by one block.
   if (int64_t{ftell(fp)} >= int64_t{nMaxSize} * 1024) return FALSE;
-  static const char acDigits[] = "0123456789abcdef";
-  int nColumn = *pnOffset;  // KEPT: the name says offset, it is the column of the current line
+  static const char digits[] = "0123456789abcdef";
+  int column = *pnOffset;  // KEPT: the name says offset, it is the column of the current line
   for (int i = 0; i < nSize; ++i) {
-    const char acText[3] = {acDigits[pcData[i] >> 4], acDigits[pcData[i] & 0x0F], ' '};
-    fwrite(acText, 1, sizeof(acText), fp);
-    if (++nColumn == 16) {
+    const char text[3] = {digits[pcData[i] >> 4], digits[pcData[i] & 0x0F], ' '};
+    fwrite(text, 1, sizeof(text), fp);
+    if (++column == 16) {
       putc('\n', fp);
-      nColumn = 0;
+      column = 0;
     }
   }
-  *pnOffset = nColumn;
+  *pnOffset = column;
   return ferror(fp) == 0 ? TRUE : FALSE;
 }

@@ -96,7 +96,7 @@ TEST_P(EveryPathTest, AnswerOfTheEncoderIsReturned) {
 TEST_P(EveryPathTest, WithoutACallbackItAsserts) {
   m_source->Config.pfnCallback = nullptr;
   EXPECT_FALSE(Deliver(*GetParam().texts, {1}, 1));
-  ExpectAssertion(GetParam().texts->szCallbackMissing);
+  ExpectAssertion(GetParam().texts->callbackMissing);
 }
 
 TEST_P(EveryPathTest, SourceWhoseCloseWasGivenUpDeliversNothing) {
@@ -110,7 +110,7 @@ TEST_P(EveryPathTest, LinesCarryTheEnginesName) {
   MdBufferRef buffer(Buffer({1}));
   host().ClearLogs();
   _Deliver(m_source.get(), *GetParam().texts, buffer.Get(), 1);
-  ExpectAssertion(GetParam().texts->szCallbackMissing);
+  ExpectAssertion(GetParam().texts->callbackMissing);
   EXPECT_EQ(host().Assertions().back().file, "metadata_api");
   for (const LogLine& line : host().Logs()) EXPECT_EQ(line.file, "metadata_api") << line.text;
 }
@@ -193,8 +193,8 @@ TEST_P(EveryPathTest, RewrittenMessageTakesThePlaceAndIsDumped) {
   ASSERT_EQ(_RewriteOnPath(m_source.get(), *GetParam().texts, original->pcData, original->nDataSize, buffer),
             Rewritten::Replaced);
   const DumpLine dump = host().Dumps().back();
-  EXPECT_EQ(dump.title, GetParam().texts->szSubstituted);
-  EXPECT_EQ(dump.level, GetParam().texts->nSubstitutedLevel);
+  EXPECT_EQ(dump.title, GetParam().texts->substituted);
+  EXPECT_EQ(dump.level, GetParam().texts->substitutedLevel);
   EXPECT_EQ(dump.bytes, Bytes(buffer->pcData, buffer->pcData + buffer->nDataSize));
   EXPECT_LT(dump.bytes.size(), WellFormedMessage().size());
 }
@@ -211,14 +211,14 @@ TEST_P(EveryPathTest, FilterThatLeavesNothingDropsTheMessageAndAssertsExceptOnVi
 }
 
 TEST_F(DeliveryTest, TitlesOfRewrittenMessages) {
-  EXPECT_STREQ(kKLVSerialTexts.szSubstituted, "Substituted Serial KLV Message");
-  EXPECT_STREQ(kKLVUDPTexts.szSubstituted, "Substituted KLV over UDP Message");
+  EXPECT_STREQ(kKLVSerialTexts.substituted, "Substituted Serial KLV Message");
+  EXPECT_STREQ(kKLVUDPTexts.substituted, "Substituted KLV over UDP Message");
   for (const PathTexts* texts : {&kVideoTexts, &kCoTSerialTexts, &kCoTUDPTexts}) {
-    EXPECT_STREQ(texts->szSubstituted, "Substituted HD-SDI KLV Message");
-    EXPECT_EQ(texts->nSubstitutedLevel, 6);
+    EXPECT_STREQ(texts->substituted, "Substituted HD-SDI KLV Message");
+    EXPECT_EQ(texts->substitutedLevel, 6);
   }
-  EXPECT_EQ(kKLVSerialTexts.nSubstitutedLevel, 6);
-  EXPECT_EQ(kKLVUDPTexts.nSubstitutedLevel, 7);
+  EXPECT_EQ(kKLVSerialTexts.substitutedLevel, 6);
+  EXPECT_EQ(kKLVUDPTexts.substitutedLevel, 7);
 }
 
 // --- Header of a UAS Local Set ---------------------------------------------------------------------------
