@@ -281,8 +281,7 @@ int init_ww15mgh_grd(void) {
   MD_LOG(6, "Opening grid file \"%s\".\n", kGridPath);
   FILE* fp = fopen(kGridPath, "rb");
   if (fp == nullptr) {
-    const int error = errno;
-    MD_LOG(2, "Failed to open \"%s\", errno=%d \"%s\"\n", kGridPath, error, strerror(error));
+    MD_LOG_ERRNO(2, "Failed to open \"%s\", errno=%d \"%s\"\n", kGridPath);
     return -1;
   }
   MD_LOG(7, "File \"%s\" opened.\n", kGridPath);
@@ -1131,8 +1130,7 @@ void ReleaseConvertedData(MDATA_BUFFER* pBuffer) {
 
 BOOL AllocCoT2KLVConvert(HCONVERTER* phConvInstance, int32_t nMaxSPIAirCraftTimeDeltaInUS, const char* szSpiUid,
                          BOOL bEnableSPIDiscovery) {
-  MD_ASSERT(phConvInstance != NULL);
-  if (phConvInstance == nullptr) return FALSE;
+  MD_ASSERT_OR_RETURN(phConvInstance != NULL, FALSE);
   *phConvInstance = nullptr;
   CONVERTER_INSTANCE_DATA* instance = static_cast<CONVERTER_INSTANCE_DATA*>(calloc(1, sizeof(CONVERTER_INSTANCE_DATA)));
   if (instance == nullptr) return FALSE;
@@ -1145,10 +1143,8 @@ BOOL AllocCoT2KLVConvert(HCONVERTER* phConvInstance, int32_t nMaxSPIAirCraftTime
 }
 
 void FreeCoT2KLVConvert(HCONVERTER* phConvInstance) {
-  MD_ASSERT(phConvInstance != NULL);
-  if (phConvInstance == nullptr) return;
-  MD_ASSERT(*phConvInstance != NULL);
-  if (*phConvInstance == nullptr) return;
+  MD_ASSERT_OR_RETURN(phConvInstance != NULL, );
+  MD_ASSERT_OR_RETURN(*phConvInstance != NULL, );
   cvt_freeAllMsgsAndNoReturnedKlvPackets(*phConvInstance);
   free((*phConvInstance)->szEvent);
   free(*phConvInstance);

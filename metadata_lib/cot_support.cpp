@@ -36,10 +36,8 @@ BOOL AllocCotDecodeContext(void** ppvContext, COT_RX_HANDLER pfnRxHandler, void*
 }
 
 BOOL FreeCotDecodeContext(void** ppvContext) {
-  MD_ASSERT(ppvContext != NULL);
-  if (ppvContext == nullptr) return FALSE;
-  MD_ASSERT(*ppvContext != NULL);
-  if (*ppvContext == nullptr) return FALSE;
+  MD_ASSERT_OR_RETURN(ppvContext != NULL, FALSE);
+  MD_ASSERT_OR_RETURN(*ppvContext != NULL, FALSE);
   free(*ppvContext);
   *ppvContext = nullptr;
   return TRUE;

@@ -45,11 +45,9 @@ BOOL AllocKlvDecodeContext(void** ppvContext, KLV_RX_HANDLER pfnRxHandler, void*
 }
 
 BOOL FreeKlvDecodeContext(void** ppvContext) {
-  MD_ASSERT(ppvContext != NULL);
-  if (ppvContext == nullptr) return FALSE;
-  MD_ASSERT(*ppvContext != NULL);
+  MD_ASSERT_OR_RETURN(ppvContext != NULL, FALSE);
+  MD_ASSERT_OR_RETURN(*ppvContext != NULL, FALSE);
   KLV_DECODE_CONTEXT* pCtxt = _Context(*ppvContext);
-  if (pCtxt == nullptr) return FALSE;
   if (pCtxt->pDecodeBuffer != nullptr) DoReleaseBuffer(&pCtxt->pDecodeBuffer);
   free(pCtxt);
   *ppvContext = nullptr;

@@ -3,6 +3,9 @@
 #ifndef MD_LOG_H
 #define MD_LOG_H
 
+#include <errno.h>
+#include <string.h>
+
 #include "host_debug.h"
 
 extern HDBG g_hMetaDataLibDbg;  // "METADATALIB"; set by METADATALIB_Init before the thread runs, cleared at shut-down
@@ -24,6 +27,25 @@ inline bool MdLogEnabled(HDBG hDbg, int level) {
       _DoDbgPrintEx(MD_DEBUG_HANDLE, (level), __func__, MD_MODULE, __LINE__, __VA_ARGS__); \
   } while (0)
 
+// Text of an errno value.
+struct ErrnoText {
+  char buffer[128] = {};
+  const char* text;
+  explicit ErrnoText(int error) : text(strerror_r(error, buffer, sizeof(buffer))) {}
+};
+
+// Writes one log line whose last two conversions, %d and %s, show errno and its text: MD_LOG_ERRNO(3, "Failed to bind
+// %s, errno=%d, \"%s\".\n", name). Does not change errno.
+#define MD_LOG_ERRNO(level, ...)                                                                   \
+  do {                                                                                             \
+    const int mdErrno = errno;                                                                     \
+    if (MdLogEnabled(MD_DEBUG_HANDLE, (level))) {                                                  \
+      _DoDbgPrintEx(MD_DEBUG_HANDLE, (level), __func__, MD_MODULE, __LINE__, __VA_ARGS__, mdErrno, \
+                    ErrnoText(mdErrno).text);                                                      \
+      errno = mdErrno;                                                                             \
+    }                                                                                              \
+  } while (0)
+
 // Writes a titled hex dump.
 #define MD_DUMP(level, title, data, size)                                                                  \
   do {                                                                                                     \
@@ -41,6 +63,16 @@ inline bool MdLogEnabled(HDBG hDbg, int level) {
 #define MD_ASSERT_TEXT(expression, text)                                 \
   do {                                                                   \
     if (!(expression)) _DoAssert((text), __func__, MD_MODULE, __LINE__); \
+  } while (0)
+
+// Reports a broken invariant as MD_ASSERT does, and leaves the function with a value; a void function leaves it empty.
+#define MD_ASSERT_OR_RETURN(expression, value) MD_ASSERT_TEXT_OR_RETURN(expression, #expression, value)
+#define MD_ASSERT_TEXT_OR_RETURN(expression, text, value) \
+  do {                                                    \
+    if (!(expression)) {                                  \
+      _DoAssert((text), __func__, MD_MODULE, __LINE__);   \
+      return value;                                       \
+    }                                                     \
   } while (0)
 
 // Reports that an unexpected branch was reached, as the assertion "0".

@@ -62,13 +62,12 @@ static bool _SetUpIPv4TTL(const RelaySetup& relay) {
   const int ttl = relay.config->IpTTL;
   const bool isMulticast = _IsMulticast(*relay.config);
   const bool set = _SetIntOption(relay.socket, IPPROTO_IP, isMulticast ? IP_MULTICAST_TTL : IP_TTL, ttl);
-  const int error = errno;
   if (!set && isMulticast)
-    MD_LOG(3, "Failed to set multicast TTL to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", ttl, relay.socket,
-           relay.number, relay.count, error, ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to set multicast TTL to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", ttl, relay.socket,
+                 relay.number, relay.count);
   else if (!set)
-    MD_LOG(3, "Failed to set unicast TTL to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", ttl, relay.socket,
-           relay.number, relay.count, error, ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to set unicast TTL to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", ttl, relay.socket,
+                 relay.number, relay.count);
   else if (isMulticast)
     MD_LOG(6, "Successfully set multcast TTL on socket %d (%d/%d) to %d.\n", relay.socket, relay.number, relay.count,
            ttl);
@@ -83,13 +82,12 @@ static bool _SetUpIPv6Hops(const RelaySetup& relay) {
   const bool isMulticast = _IsMulticast(*relay.config);
   const int option = isMulticast ? IPV6_MULTICAST_HOPS : IPV6_UNICAST_HOPS;
   const bool set = _SetIntOption(relay.socket, IPPROTO_IPV6, option, hops);
-  const int error = errno;
   if (!set && isMulticast)
-    MD_LOG(3, "Failed to set IPv6 multicast hops to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", hops, relay.socket,
-           relay.number, relay.count, error, ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to set IPv6 multicast hops to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", hops,
+                 relay.socket, relay.number, relay.count);
   else if (!set)
-    MD_LOG(3, "Failed to set IPv6 unicast hops to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", hops, relay.socket,
-           relay.number, relay.count, error, ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to set IPv6 unicast hops to %d on socket %d (%d/%d), errno (%d): \"%s\".\n", hops,
+                 relay.socket, relay.number, relay.count);
   else if (!isMulticast)
     MD_LOG(6, "Successfully set IPv6 unicast hopes on socket %d (%d/%d) to %d.\n", relay.socket, relay.number,
            relay.count, hops);
@@ -101,13 +99,12 @@ static bool _SetUpRelayTOS(const RelaySetup& relay) {
   const bool ipv4 = relay.config->iDestAddressFamily == AF_INET;
   const bool set = ipv4 ? _SetIntOption(relay.socket, IPPROTO_IP, IP_TOS, relay.config->IpTOS)
                         : _SetIntOption(relay.socket, IPPROTO_IPV6, IPV6_TCLASS, relay.config->IpTOS);
-  const int error = errno;
   if (!set && ipv4)
-    MD_LOG(3, "Failed to set TOS to 0x%X on socket %d (%d/%d), errno (%d): \"%s\".\n", tos, relay.socket, relay.number,
-           relay.count, error, ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to set TOS to 0x%X on socket %d (%d/%d), errno (%d): \"%s\".\n", tos, relay.socket,
+                 relay.number, relay.count);
   else if (!set)
-    MD_LOG(3, "Failed to set traffic class to 0x%X on socket %d (%d/%d), errno (%d): \"%s\".\n", tos, relay.socket,
-           relay.number, relay.count, error, ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to set traffic class to 0x%X on socket %d (%d/%d), errno (%d): \"%s\".\n", tos,
+                 relay.socket, relay.number, relay.count);
   else if (ipv4)
     MD_LOG(6, "Successfully set TOS socket %d (%d/%d) to 0x%X.\n", relay.socket, relay.number, relay.count, tos);
   else
@@ -139,24 +136,22 @@ static int _ConnectToDestination(const RelaySetup& relay) {
 }
 
 static bool _ConnectRelay(const RelaySetup& relay) {
-  const bool connected = _ConnectToDestination(relay) == 0;
-  const int error = errno;
   char buffer[INET6_ADDRSTRLEN] = {};
   const char* address = GetIPAddressString(relay.config->iDestAddressFamily, relay.config->acDestAddress, buffer,
                                            static_cast<int>(sizeof(buffer)));
   const UINT port = relay.config->usUDPPort;
-  if (connected) {
+  if (_ConnectToDestination(relay) == 0) {
     MD_LOG(5, "Successfully connected socket %d (%d/%d) to [%s]:%u.\n", relay.socket, relay.number, relay.count,
            address, port);
     return true;
   }
-  if (error == EINPROGRESS) {
+  if (errno == EINPROGRESS) {
     MD_LOG(4, "Connect in progress for socket %d (%d/%d) to [%s]:%u.\n", relay.socket, relay.number, relay.count,
            address, port);
     return true;
   }
-  MD_LOG(3, "Failed to connect socket %d (%d/%d) to [%s]:%u, errno (%d): \"%s\".\n", relay.socket, relay.number,
-         relay.count, address, port, error, ErrnoText(error).text);
+  MD_LOG_ERRNO(3, "Failed to connect socket %d (%d/%d) to [%s]:%u, errno (%d): \"%s\".\n", relay.socket, relay.number,
+               relay.count, address, port);
   return false;
 }
 
@@ -164,9 +159,8 @@ static bool _ConnectRelay(const RelaySetup& relay) {
 static bool _SetUpRelaySocket(const RelaySetup& relay) {
   int on = 1;
   if (ioctl(relay.socket, FIONBIO, &on) != 0) {
-    const int error = errno;
-    MD_LOG(3, "Failed to make socket %d (%d/%d) non-blocking, errno (%d): \"%s\".\n", relay.socket, relay.number,
-           relay.count, error, ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to make socket %d (%d/%d) non-blocking, errno (%d): \"%s\".\n", relay.socket, relay.number,
+                 relay.count);
     return false;
   }
   // KEPT: a TTL of 0 leaves the system's default, a TOS of 0 is set.
@@ -183,9 +177,7 @@ static bool _CreateRelayingSocket(RelaySetup relay, int* createdSocket) {
   if (family != AF_INET && family != AF_INET6) return true;
   relay.socket = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (relay.socket < 0) {
-    const int error = errno;
-    MD_LOG(3, "Failed to create relaying socket %d/%d, errno (%d): \"%s\".\n", relay.number, relay.count, error,
-           ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to create relaying socket %d/%d, errno (%d): \"%s\".\n", relay.number, relay.count);
     return true;  // KEPT: this relay stays without a socket, the source opens
   }
   MD_LOG(6, "Successfully created %s socket %d (%d/%d).\n", family == AF_INET ? "IPv4" : "IPv6", relay.socket,
@@ -246,9 +238,7 @@ static void _FollowTOS(MDATA_SRC_HANDLE hSource, UINT32 i, int tos) {
          tosBits, static_cast<int>(i) + 1, static_cast<int>(hSource->Config.nNumOfRelays));
   const int socket = MdLoadAcquire(relayer->iRelaySocket);
   if (!_SetIntOption(socket, IPPROTO_IP, IP_TOS, tos)) {
-    const int error = errno;
-    MD_LOG(3, "Failed to set TOS to 0x%X on socket %d, errno (%d): \"%s\".\n", tosBits, socket, error,
-           ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to set TOS to 0x%X on socket %d, errno (%d): \"%s\".\n", tosBits, socket);
     return;
   }
   MD_LOG(6, "Successfully set TOS to 0x%X.\n", tosBits);
@@ -268,11 +258,10 @@ static void _FollowTTL(MDATA_SRC_HANDLE hSource, UINT32 i, int ttl) {
   const bool isMulticast = _IsMulticast(relay);
   const int socket = MdLoadAcquire(relayer->iRelaySocket);
   const bool set = _SetIntOption(socket, IPPROTO_IP, isMulticast ? IP_MULTICAST_TTL : IP_TTL, ttl);
-  const int error = errno;
   if (!set && isMulticast)
-    MD_LOG(3, "Failed to set multicast TTL on socket, errno (%d): \"%s\".\n", error, ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to set multicast TTL on socket, errno (%d): \"%s\".\n");
   else if (!set)
-    MD_LOG(3, "Failed to set TTL to %d on socket, errno (%d): \"%s\".\n", ttl, error, ErrnoText(error).text);
+    MD_LOG_ERRNO(3, "Failed to set TTL to %d on socket, errno (%d): \"%s\".\n", ttl);
   else if (isMulticast)
     MD_LOG(6, "Successfully set multcast TTL on socket to %d.\n", ttl);
   else
@@ -304,15 +293,14 @@ static bool _SendToRelay(MDATA_SRC_HANDLE hSource, UINT32 i, const void* buffer,
            number, count);
     return true;
   }
-  const int error = errno;
-  _CountRelayError(relayer, error);
+  _CountRelayError(relayer, errno);
   const time_t now = MdLoad(relayer->iLastRelayErrorTime);
   if (now - relayer->tLastRelayErrLogTime <= kLogHoldOffSecs) return false;
   relayer->tLastRelayErrLogTime = now;
   // ECONNREFUSED: nobody listens at the destination; not our error.
-  MD_LOG(error == ECONNREFUSED ? 6 : 3,
-         "Failed to relay %d bytes of metadata on socket %d of relay#%d/%d, rc=%d, errno (%d): \"%s\".\n",
-         static_cast<int>(size), socket, number, count, static_cast<int>(sent), error, ErrnoText(error).text);
+  MD_LOG_ERRNO(errno == ECONNREFUSED ? 6 : 3,
+               "Failed to relay %d bytes of metadata on socket %d of relay#%d/%d, rc=%d, errno (%d): \"%s\".\n",
+               static_cast<int>(size), socket, number, count, static_cast<int>(sent));
   return false;
 }
 

@@ -122,13 +122,6 @@ BOOL _AllocKLVInserts(MDATA_SRC_HANDLE hSource);
 
 // --- Texts, for one log call -------------------------------------------------------------------------
 
-// Text of an errno value.
-struct ErrnoText {
-  char buffer[128] = {};
-  const char* text;
-  explicit ErrnoText(int error) : text(strerror_r(error, buffer, sizeof(buffer))) {}
-};
-
 // Text of a sender's address.
 struct SenderText {
   char buffer[80] = {};

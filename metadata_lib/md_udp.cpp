@@ -111,9 +111,7 @@ int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockadd
   }
   const int result = static_cast<int>(recvmsg(iSocket, &message, MSG_DONTWAIT));
   if (result <= 0) {
-    const int error = errno;
-    MD_LOG(3, "recvmsg returned %d, errno=%d, \"%s\".\n", result, error, ErrnoText(error).text);
-    errno = error;
+    MD_LOG_ERRNO(3, "recvmsg returned %d, errno=%d, \"%s\".\n", result);
     return result;
   }
   if (wantsControl) _ReadControlMessages(&message, pFromAddr, pcTOS, pcTTL);
@@ -153,18 +151,16 @@ BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE hSource) {
     if (_SwitchOn(fd, IP_RECVTTL)) {
       MD_LOG(5, "Successfully set IP_RECVTTL socket option.\n");
     } else {
-      const int error = errno;
       ok = FALSE;
-      MD_LOG(3, "Unable to set IP_RECVTTL socket option, errno (%d): \"%s\".\n", error, ErrnoText(error).text);
+      MD_LOG_ERRNO(3, "Unable to set IP_RECVTTL socket option, errno (%d): \"%s\".\n");
     }
   }
   if (_IsTOSDetectionNeeded(hSource) && fd >= 0) {
     if (_SwitchOn(fd, IP_RECVTOS)) {
       MD_LOG(5, "Successfully set IP_RECVTOS socket option.\n");
     } else {
-      const int error = errno;
       ok = FALSE;
-      MD_LOG(3, "Unable to set IP_RECVTOS socket option, errno (%d): \"%s\".\n", error, ErrnoText(error).text);
+      MD_LOG_ERRNO(3, "Unable to set IP_RECVTOS socket option, errno (%d): \"%s\".\n");
     }
   }
   return ok;
@@ -251,8 +247,7 @@ int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int fd, struct sockaddr_storage* 
     return 0;
   }
   if (length < 0) {
-    const int error = errno;
-    MD_LOG(5, "recvfrom failed, rc=%d, errno=%d, \"%s\".\n", length, error, ErrnoText(error).text);
+    MD_LOG_ERRNO(5, "recvfrom failed, rc=%d, errno=%d, \"%s\".\n", length);
     return 0;
   }
   if (!_IsUDPDataForSource(hSource, from)) {

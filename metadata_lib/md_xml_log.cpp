@@ -29,7 +29,8 @@ static bool _IsNewWriteError(FILE* fp, int errorBefore) {
 }
 
 static void _ReportXMLLogError(int error) {
-  MD_LOG(3, "Unable to write to the XML event log, errno=%d, \"%s\".\n", error, strerror(error));
+  errno = error;
+  MD_LOG_ERRNO(3, "Unable to write to the XML event log, errno=%d, \"%s\".\n");
 }
 
 // KEPT: the message is written as text up to, but without, its last byte.

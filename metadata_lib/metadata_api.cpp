@@ -193,9 +193,8 @@ static bool _StopMetaDataThread() {
   bool sent = false;
   if (!_CallThreadToEnd(hMsg, &sent)) {
     const int error = errno;
-    const ErrnoText errorText(error);
-    MD_LOG(3, "Wait FAILED, errno (%d): \"%s\".\n", error, errorText.text);
-    MD_TEXT_ASSERT("Wait FAILED, errno (%d): \"%s\".\n", error, errorText.text);
+    MD_LOG_ERRNO(3, "Wait FAILED, errno (%d): \"%s\".\n");
+    MD_TEXT_ASSERT("Wait FAILED, errno (%d): \"%s\".\n", error, ErrnoText(error).text);
   }
   if (!sent) {
     MD_LOG(3, "Unable to stop meta-data thread, it is left running.\n");
@@ -837,9 +836,7 @@ static bool _HandOver(MDATA_SRC_HANDLE hSource) {
   bool sent = false;
   if (_CallThread(hMsg, hSource->nAddRequest, kSourceWaitMs, &sent)) return true;
   // KEPT: a source that the thread did not add in time is open nevertheless.
-  const int error = errno;
-  MD_LOG(3, "Wait FAILED for data source#%d, errno (%d): \"%s\".\n", hSource->Config.nIndex, error,
-         ErrnoText(error).text);
+  MD_LOG_ERRNO(3, "Wait FAILED for data source#%d, errno (%d): \"%s\".\n", hSource->Config.nIndex);
   if (!sent) MdStoreRelease(hSource->nAddRequest, REQUEST_NONE);
   return true;
 }
@@ -856,11 +853,8 @@ static bool _OpenAndHandOver(OpeningSource& opening) {
 
 BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc) {
   MD_LOG(7, "Called.\n");
-  MD_ASSERT(pCfg != NULL);
-  if (pCfg == nullptr) return FALSE;
-  const bool sizeFits = pCfg->nSize == static_cast<int>(sizeof(*pCfg));
-  MD_ASSERT_TEXT(sizeFits, "pCfg->nSize == sizeof(*pCfg)");
-  if (!sizeFits) return FALSE;
+  MD_ASSERT_OR_RETURN(pCfg != NULL, FALSE);
+  MD_ASSERT_TEXT_OR_RETURN(pCfg->nSize == static_cast<int>(sizeof(*pCfg)), "pCfg->nSize == sizeof(*pCfg)", FALSE);
 
   OpeningSource opening(pCfg);
   bool ok = false;
@@ -932,8 +926,7 @@ static void _ReleaseSource(MDATA_SRC_HANDLE pHandle) {
 
 // KEPT: *phDataSrc is not changed.
 BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
-  MD_ASSERT(phDataSrc != NULL);
-  if (phDataSrc == nullptr) return FALSE;
+  MD_ASSERT_OR_RETURN(phDataSrc != NULL, FALSE);
   MD_ASSERT(*phDataSrc != NULL);
   MD_LOG(6, "Called.\n");
   const MDATA_SRC_HANDLE hSource = *phDataSrc;
@@ -955,8 +948,7 @@ BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
     _ReleaseSource(hSource);
     return TRUE;
   }
-  const int error = errno;
-  MD_LOG(3, "Wait FAILED for source#%d, errno (%d): \"%s\".\n", index, error, ErrnoText(error).text);
+  MD_LOG_ERRNO(3, "Wait FAILED for source#%d, errno (%d): \"%s\".\n", index);
   if (!sent) _LeaveForSweep(hSource);
   return TRUE;
 }

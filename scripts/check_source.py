@@ -12,7 +12,7 @@ import sys
 LIMIT = 60
 NOT_A_FUNCTION = re.compile(r"^(namespace|extern|class|struct|enum|union|typedef|const|static const|inline constexpr|"
                             r"constexpr|#|template)")
-LOG_START = re.compile(r"\b(MD_LOG|MD_TEXT_ASSERT)\(")
+LOG_START = re.compile(r"\b(MD_LOG|MD_LOG_ERRNO|MD_TEXT_ASSERT)\(")
 UNFINISHED = re.compile(r"\b(TO" + r"DO|FIX" + r"ME|XX" + r"X)\b")
 
 
