@@ -74,7 +74,7 @@ uint64_t SWAP64(uint64_t value) {
 const BYTE klvLDS16BytesKeySet[kCvtKeySize] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01,
                                                0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00, 0x00};
 
-BOOL _g_bAllItemsSupport = TRUE;
+bool _g_bAllItemsSupport = true;
 
 // Tags of the local set that have a fixed place in the packet.
 static constexpr uint8_t kTagChecksum = 1;

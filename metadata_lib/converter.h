@@ -200,7 +200,7 @@ struct tagCONVERTER_INSTANCE_DATA {
 typedef struct tagCONVERTER_INSTANCE_DATA CONVERTER_INSTANCE_DATA;
 
 // Relative angles, angle reset per message, long-form packets. Read-only after start.
-extern BOOL _g_bAllItemsSupport;
+extern bool _g_bAllItemsSupport;
 
 // --- Geoid grid --------------------------------------------------------------------------------------
 

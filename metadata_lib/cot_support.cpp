@@ -81,24 +81,24 @@ WORD _CalcLengthCheck(WORD length) {
   return check;
 }
 
-static BOOL _GetIdenticalLength(const SERDATA_COT_HEADER* header, int* length) {
+static bool _GetIdenticalLength(const SERDATA_COT_HEADER* header, int* length) {
   MD_LOG(7, "All lengths and CRCs are identical\n");
   const WORD check = _CalcLengthCheck(header->wLengthValue1);
   if (check != header->wLengthCRC1) {
     MD_LOG(4, "Calculated checksum on length of %d, 0x%04X doesn't match header's 0x%04X\n", header->wLengthValue1,
            check, header->wLengthCRC1);
-    return FALSE;
+    return false;
   }
   *length = header->wLengthValue1;
   MD_LOG(7, "length of data is %d bytes\n", *length);
-  return TRUE;
+  return true;
 }
 
 BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* header, int* length) {
   const SERDATA_COT_HEADER& h = *header;
   if (h.wLengthValue1 == h.wLengthValue2 && h.wLengthValue2 == h.wLengthValue3 && h.wLengthCRC1 == h.wLengthCRC2 &&
       h.wLengthCRC2 == h.wLengthCRC3) {
-    return _GetIdenticalLength(header, length);
+    return _GetIdenticalLength(header, length) ? TRUE : FALSE;
   }
 
   // KEPT: the lines show check words as LV and lengths as CRC; log readers know them as they are.
@@ -247,10 +247,10 @@ static Step _ReadLength(Slice& s) {
   SERDATA_COT_HEADER header;
   memcpy(&header, s.held.Front(), sizeof(header));
   int length = 0;
-  BOOL trusted = _GetCoTMessageLength(&header, &length);
+  bool trusted = _GetCoTMessageLength(&header, &length);
   if (trusted && length > kCoTDecodeBufferSize - kCoTHeaderSize) {
     MD_LOG(4, "Frame with %d bytes of data is larger than the decode buffer\n", length);
-    trusted = FALSE;
+    trusted = false;
   }
   if (!trusted) {
     s.held.Drop(kCoTSyncSize);

@@ -38,7 +38,7 @@ BOOL AllocKlvDecodeContext(void** ppvContext, KLV_RX_HANDLER pfnRxHandler, void*
   pCtxt->pfnRxHandler = pfnRxHandler;
   pCtxt->pvUserParam1 = pvUserParam1;
   // The buffer holds the largest message and a slice behind it; the assertion text keeps its historical size.
-  const BOOL allocated = DoAllocBuffer(kKLVDecodeCapacity, &pCtxt->pDecodeBuffer);
+  const bool allocated = DoAllocBuffer(kKLVDecodeCapacity, &pCtxt->pDecodeBuffer);
   MD_ASSERT_TEXT(allocated, "AllocBuffer(65536, &pCtxt->pDecodeBuffer)");
   if (allocated) pCtxt->DecodeBuffer = pCtxt->pDecodeBuffer->pcData;
   return TRUE;
@@ -336,7 +336,7 @@ static Step _CheckCompleteness(Slice& s) {
 }
 
 static Step _CheckMessage(Slice& s) {
-  const BOOL good = _ValidateKLVMessage(s.pCtxt, s.held.Front(), s.pCtxt->nMsgSize, s.pCtxt->nHeaderSize);
+  const bool good = _ValidateKLVMessage(s.pCtxt, s.held.Front(), s.pCtxt->nMsgSize, s.pCtxt->nHeaderSize);
   return good ? Step::kDeliver : Step::kDropSync;
 }
 

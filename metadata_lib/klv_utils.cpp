@@ -115,7 +115,7 @@ char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* szBuffer, int nS
 //    functions that only log are cold: an item is read for every few bytes of a message.
 // =====================================================================================================
 
-[[gnu::cold]] static BOOL _TagCut(int tagFieldSize) {
+[[gnu::cold]] static bool _RejectTruncatedTag(int tagFieldSize) {
   switch (tagFieldSize) {
     case KLV_FIELD_BER_OID_TAG:
       MD_LOG(4, "local tag is out of range of the supplied buffer.\n");
@@ -130,7 +130,7 @@ char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* szBuffer, int nS
       MD_LOG(4, "Not enough buffer space to read global tag.\n");
       break;
   }
-  return FALSE;
+  return false;
 }
 
 [[gnu::cold]] static void _LogBerTag(const MdTag& tag) {
@@ -181,7 +181,7 @@ char* KLV_GetLengthFieldDescription(int nLengthFieldSize, char* szBuffer, int nS
   }
 }
 
-static BOOL _CheckTag(const MdTag& tag, int tagFieldSize) {
+static bool _CheckTag(const MdTag& tag, int tagFieldSize) {
   switch (tagFieldSize) {
     case KLV_FIELD_BER_OID_TAG:
     case KLV_FIELD_1_BYTE:
@@ -189,15 +189,15 @@ static BOOL _CheckTag(const MdTag& tag, int tagFieldSize) {
     case KLV_FIELD_4_BYTES:
     case KLV_FIELD_UNIVERSAL_KEY:
     case KLV_FIELD_NONE_OR_BER:
-      return TRUE;
+      return true;
     case KLV_FIELD_GLOBAL_TAG:
-      if (tag.size >= 2) return TRUE;
+      if (tag.size >= 2) return true;
       // KEPT: two messages in one line; operators search logs for it.
       MD_LOG(4, "Global tag is not even 2 bytes long Not enough buffer space to read 16 bytes key.\n");
-      return FALSE;
+      return false;
     default:
       MD_ASSERT_UNREACHED();
-      return TRUE;
+      return true;
   }
 }
 
@@ -205,22 +205,22 @@ static BOOL _CheckTag(const MdTag& tag, int tagFieldSize) {
 // 3. Lengths. Called after the core has read the item, as those for tags.
 // =====================================================================================================
 
-static BOOL _CheckLength(const MdLength& length, MdRead result) {
+static bool _CheckLength(const MdLength& length, MdRead result) {
   switch (result) {
     case kMdReadOk:
-      if (!length.longForm || length.count <= kMostLengthBytes) return TRUE;
+      if (!length.longForm || length.count <= kMostLengthBytes) return true;
       break;
     case kMdReadUnsupported:
       break;
     case kMdReadUnknownCode:
       MD_ASSERT_UNREACHED();
-      return TRUE;
+      return true;
     default:
       MD_LOG(4, "length offset is out of range of the supplied buffer.\n");
-      return FALSE;
+      return false;
   }
   MD_LOG(4, "Unsupported long form tag length of %d bytes.\n", static_cast<int>(length.count));
-  return FALSE;
+  return false;
 }
 
 [[gnu::cold]] static void _LogBerLength(const MdLength& length) {
@@ -254,7 +254,7 @@ BOOL KLV_GetInfo(const void* pvBuff, int nBuffSize, int nTagFieldSize, int nLeng
   const size_t size = static_cast<size_t>(nBuffSize);
   MdItem item;
   const MdRead result = _MdReadItem(data, size, 0, nTagFieldSize, nLengthFieldSize, &item);
-  if (result == kMdReadTagCut) return _TagCut(nTagFieldSize);
+  if (result == kMdReadTagCut) return _RejectTruncatedTag(nTagFieldSize);
   if (traced) _LogTag(item.tag, nTagFieldSize);
   if (!_CheckTag(item.tag, nTagFieldSize) || !_CheckLength(item.length, result)) return FALSE;
   if (traced && nLengthFieldSize == KLV_FIELD_NONE_OR_BER) _LogBerLength(item.length);

@@ -133,17 +133,17 @@ static void _LogDelivery(const PathTexts& texts, const MDATA_BUFFER* buffer, int
 
 // The encoder is not called if the source's close was given up while the message was being processed.
 // KEPT: the first user parameter is delivered twice.
-static BOOL _CallReadyCallback(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* buffer) {
-  if (hSource->Config.pfnCallback == nullptr || _IsGivenUp(hSource)) return FALSE;
-  return hSource->Config.pfnCallback(buffer, hSource->Config.pvUserParam1, hSource->Config.pvUserParam1);
+static bool _CallReadyCallback(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* buffer) {
+  if (hSource->Config.pfnCallback == nullptr || _IsGivenUp(hSource)) return false;
+  return hSource->Config.pfnCallback(buffer, hSource->Config.pvUserParam1, hSource->Config.pvUserParam1) != FALSE;
 }
 
-BOOL _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MDATA_BUFFER* buffer, int headerLength) {
+bool _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MDATA_BUFFER* buffer, int headerLength) {
   _PrependStreamHeader(hSource, buffer, headerLength);
   if (!texts.sequenceIfTaken) ++hSource->HeaderSequence;
   _LogDelivery(texts, buffer, headerLength);
   MD_ASSERT_TEXT(hSource->Config.pfnCallback != nullptr, texts.callbackMissing);
-  const BOOL taken = _CallReadyCallback(hSource, buffer);
+  const bool taken = _CallReadyCallback(hSource, buffer);
   if (texts.sequenceIfTaken && taken) ++hSource->HeaderSequence;
   return taken;
 }

@@ -106,6 +106,6 @@ void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 runningTotal, time_t now);
 
 // Writes the stream header, with this length, into the reserve in front of the message and calls the encoder. Returns
 // the encoder's result.
-BOOL _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MDATA_BUFFER* buffer, int headerLength);
+bool _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MDATA_BUFFER* buffer, int headerLength);
 
 #endif  // MD_DELIVERY_H

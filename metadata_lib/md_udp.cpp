@@ -145,13 +145,13 @@ static bool _SwitchOn(int fd, int option) {
 
 // KEPT: only the IPv4 socket is switched; the IPv6 socket reports the values that the host enabled when it made it.
 BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE hSource) {
-  BOOL ok = TRUE;
+  bool ok = true;
   const int fd = hSource->iFD;
   if (_IsTTLDetectionNeeded(hSource) && fd >= 0) {
     if (_SwitchOn(fd, IP_RECVTTL)) {
       MD_LOG(5, "Successfully set IP_RECVTTL socket option.\n");
     } else {
-      ok = FALSE;
+      ok = false;
       MD_LOG_ERRNO(3, "Unable to set IP_RECVTTL socket option, errno (%d): \"%s\".\n");
     }
   }
@@ -159,11 +159,11 @@ BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE hSource) {
     if (_SwitchOn(fd, IP_RECVTOS)) {
       MD_LOG(5, "Successfully set IP_RECVTOS socket option.\n");
     } else {
-      ok = FALSE;
+      ok = false;
       MD_LOG_ERRNO(3, "Unable to set IP_RECVTOS socket option, errno (%d): \"%s\".\n");
     }
   }
-  return ok;
+  return ok ? TRUE : FALSE;
 }
 
 // =====================================================================================================

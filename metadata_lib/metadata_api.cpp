@@ -123,42 +123,41 @@ static void _ResetThreadState() {
 }
 
 // Creates the mailbox, the read set with the mailbox in it, and the thread, which does not run yet.
-static BOOL _CreateMetaDataThread() {
+static bool _CreateMetaDataThread() {
   MBOX_CONFIG config = {};
   config.nSize = static_cast<int>(sizeof(config));
   config.szName = "MetaDataEngine";
   if (!MBOX_CreateMailBox(&config, &_g_hMetaDataThreadMBox)) {
     MD_LOG(3, "Unable to create mailbox for communication with meta-data thread.\n");
-    return FALSE;
+    return false;
   }
   const int notificationFd = MBOX_GetNotificationFD(_g_hMetaDataThreadMBox);
   if (!__FDMGR_CreateSet("Meta-Data", &g_hMetaDataFDSet, __func__, MD_MODULE, __LINE__)) {
-    MD_LOG(3,
-           "Unable to file descriptor set for met-data thread.\n");  // KEPT: the wording; operators search logs for it
+    // KEPT: the wording; operators search logs for it.
+    MD_LOG(3, "Unable to file descriptor set for met-data thread.\n");
     MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
-    return FALSE;
+    return false;
   }
   if (!__FDMGR_AddReadFD(g_hMetaDataFDSet, notificationFd, _MetaDataControlCallBack, _g_hMetaDataThreadMBox, nullptr,
                          __func__, MD_MODULE, __LINE__)) {
     MD_LOG(3, "Unable to add mailbox to file descriptor set of meta-data thread.\n");
     MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);  // the set is left as after a failed thread creation
-    return FALSE;
+    return false;
   }
   if (!CreateThread(&_g_hMetaDataProcessingThread, "MetaData", 0, 10, _MetaDataThread, g_hMetaDataFDSet)) {
     MD_LOG(3, "Unable to create meta-data thread.\n");
     MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);  // KEPT: the set is left as it is
-    return FALSE;
+    return false;
   }
   MD_LOG(6, "Meta-data thread created successfully.\n");
-  return TRUE;
+  return true;
 }
 
 BOOL METADATALIB_Init(DWORD dwCaps) {
   // KEPT: the flag stays set after a shut-down, so a second start raises this assertion and continues.
-  const BOOL initialized = MdLoadAcquire(g_bMetaDataLibInitialized);
-  MD_ASSERT_TEXT(initialized == FALSE, "g_bMetaDataLibInitialized == FALSE");
-  if (initialized && _g_bUsingInternalThread)
-    return FALSE;  // the thread runs and uses everything that a start replaces
+  const bool initialized = MdLoadAcquire(g_bMetaDataLibInitialized);
+  MD_ASSERT_TEXT(!initialized, "g_bMetaDataLibInitialized == FALSE");
+  if (initialized && _g_bUsingInternalThread) return FALSE;  // the thread uses everything that a start replaces
   _DoDbgInit("METADATALIB", &g_hMetaDataLibDbg);
   _DoDbgInit("COTCONVERTER", &g_hCoTConvDbg);
   MD_LOG(6, "Called, dwCaps=0x%X.\n", dwCaps);
@@ -217,7 +216,7 @@ static void _ReleaseThreadServices() {
 }
 
 void METADATALIB_Shutdown(void) {
-  const BOOL initialized = MdLoadAcquire(g_bMetaDataLibInitialized);
+  const bool initialized = MdLoadAcquire(g_bMetaDataLibInitialized);
   MD_ASSERT_TEXT(initialized, "g_bMetaDataLibInitialized");
   MD_LOG(5, "Called.\n");
   bool threadEnded = true;
@@ -538,25 +537,25 @@ static MDATA_SRC_HANDLE _FindSource(const SourceQuery& query) {
   return nullptr;
 }
 
-static BOOL _Locate(const SourceQuery& query, MDATA_SRC_HANDLE* source) {
+static bool _Locate(const SourceQuery& query, MDATA_SRC_HANDLE* source) {
   const MDATA_SRC_HANDLE hFound = _FindSource(query);
   if (source != nullptr) *source = hFound;
   if (hFound != nullptr)
     MD_LOG(7, "Source located, returning handle at %p.\n", static_cast<void*>(hFound));
   else
     MD_LOG(7, "Source NOT located.\n");
-  return hFound != nullptr ? TRUE : FALSE;
+  return hFound != nullptr;
 }
 
 BOOL _LocateSerialDataSrc(MDATA_SRC_HANDLE* ppSrc) {
   MD_LOG(7, "Attempting to locate serial data source.\n");
-  return _Locate({MDATA_INPUT_SERIAL, 0}, ppSrc);
+  return _Locate({MDATA_INPUT_SERIAL, 0}, ppSrc) ? TRUE : FALSE;
 }
 
 // KEPT: data type and address family are not compared, so one source occupies a port for both families.
 BOOL _LocateDataSrcByUDPPort(USHORT usPort, MDATA_SRC_HANDLE* ppSrc) {
   MD_LOG(7, "Attempting to locate data source by UDP port (%d).\n", usPort);
-  return _Locate({MDATA_INPUT_NETWORK, usPort}, ppSrc);
+  return _Locate({MDATA_INPUT_NETWORK, usPort}, ppSrc) ? TRUE : FALSE;
 }
 
 // Chooses those of the configured families that the library was started with.
@@ -693,7 +692,7 @@ static void _SetUpConverter(MDATA_SRC_HANDLE hSource) {
   MD_LOG(6, "Setting AirCraft SPI max delta to %d ms.\n", static_cast<int>(cot.nMaxAirCraftSPITimeDeltaInMs));
   // KEPT: milliseconds times 1000 in 32 bits, which wraps above 4 294 967 ms.
   const DWORD deltaInUs = static_cast<DWORD>(cot.nMaxAirCraftSPITimeDeltaInMs) * 1000u;
-  const BOOL allocated =
+  const bool allocated =
       AllocCoT2KLVConvert(&hSource->hConverter, static_cast<int32_t>(deltaInUs), cot.szSpiUid, cot.bSensorDiscovery);
   MD_ASSERT_TEXT(
       allocated,

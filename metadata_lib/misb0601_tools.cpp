@@ -24,13 +24,13 @@
 // Elements. Called for every element of every message that is walked, on any thread. The only state is the option.
 // =====================================================================================================
 
-BOOL _g_bExtendedTags = FALSE;
+bool _g_bExtendedTags = false;
 
 void _ReadExtendedTagsOption() {
   char value[40] = "";
   int size = sizeof(value);
   CfgFile_GetStringValue("/etc/hostos.ini", "UASLocalSet", "ExtendedTags", value, &size, "No");
-  _g_bExtendedTags = strcasecmp(value, "Yes") == 0 ? TRUE : FALSE;
+  _g_bExtendedTags = strcasecmp(value, "Yes") == 0;
   if (_g_bExtendedTags) MD_LOG(6, "Support of extended UAS tags enabled.\n");
 }
 

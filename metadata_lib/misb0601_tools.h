@@ -26,10 +26,10 @@ enum tagKLV_SIZE_RESULT {
   KLV_SIZE_CUT = 2           // the data end inside the tag or length field
 };
 
-// TRUE if tags of local sets are BER-OID, so that items from 128 on have tags of two to four bytes. METADATALIB_Init
-// sets it before the metadata thread exists; read-only after that. KEPT: FALSE, for tags of one byte, unless
+// Whether tags of local sets are BER-OID, so that items from 128 on have tags of two to four bytes. METADATALIB_Init
+// sets it before the metadata thread exists; read-only after that. KEPT: false, for tags of one byte, unless
 // /etc/hostos.ini says otherwise.
-extern BOOL _g_bExtendedTags;
+extern bool _g_bExtendedTags;
 
 // Reads that option from the key "ExtendedTags" of the section "UASLocalSet". Called by METADATALIB_Init.
 void _ReadExtendedTagsOption();

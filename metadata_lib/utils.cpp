@@ -56,12 +56,12 @@ static MDATA_BUFFER* _AllocBlock(int dataSize, int reservedSpace, const char* fu
   return buffer;
 }
 
-static BOOL _AllocCopy(const BYTE* data, int size, MDATA_BUFFER* buffer, MDATA_BUFFER** out) {
-  if (buffer == nullptr) return FALSE;
+static bool _AllocCopy(const BYTE* data, int size, MDATA_BUFFER* buffer, MDATA_BUFFER** out) {
+  if (buffer == nullptr) return false;
   buffer->nDataSize = size;
   if (size > 0) memcpy(buffer->pcData, data, static_cast<size_t>(size));
   *out = buffer;
-  return TRUE;
+  return true;
 }
 
 BOOL DoAllocBuffer(int nMaxDataSize, MDATA_BUFFER** ppBuffer) {
@@ -72,11 +72,11 @@ BOOL DoAllocBuffer(int nMaxDataSize, MDATA_BUFFER** ppBuffer) {
 }
 
 BOOL DoAllocCopyBuffer(BYTE* pcData, int nSize, MDATA_BUFFER** ppBuffer) {
-  return _AllocCopy(pcData, nSize, _AllocBlock(nSize, 0, __func__, __LINE__), ppBuffer);
+  return _AllocCopy(pcData, nSize, _AllocBlock(nSize, 0, __func__, __LINE__), ppBuffer) ? TRUE : FALSE;
 }
 
 BOOL DoAllocCopyBufferEx(BYTE* pcData, int nSize, int nReservedSpace, MDATA_BUFFER** ppBuffer) {
-  return _AllocCopy(pcData, nSize, _AllocBlock(nSize, nReservedSpace, __func__, __LINE__), ppBuffer);
+  return _AllocCopy(pcData, nSize, _AllocBlock(nSize, nReservedSpace, __func__, __LINE__), ppBuffer) ? TRUE : FALSE;
 }
 
 // Reports this line to the host's thread watchdog, if enabled.
