@@ -13,6 +13,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <span>
+
 #include "md_atomic.h"
 
 // The lines carry the name of the engine, whose sources these relays belong to.
@@ -280,17 +282,17 @@ static void _CountRelayError(RELAYER* relayer, int error) {
 }
 
 // Sends one message to one relay. Returns true if all of it was sent.
-static bool _SendToRelay(MDATA_SRC_HANDLE hSource, UINT32 i, const void* buffer, size_t size) {
+static bool _SendToRelay(MDATA_SRC_HANDLE hSource, UINT32 i, std::span<const BYTE> message) {
   RELAYER* relayer = &hSource->Relayers[i];
   const int number = static_cast<int>(i) + 1;
   const int count = static_cast<int>(hSource->Config.nNumOfRelays);
   const int socket = MdLoadAcquire(relayer->iRelaySocket);
-  const ssize_t sent = send(socket, buffer, size, 0);
-  if (sent >= 0 && static_cast<size_t>(sent) == size) {
-    MdAddFetch(relayer->nRelayedBytes, size);
+  const ssize_t sent = send(socket, message.data(), message.size(), 0);
+  if (sent >= 0 && static_cast<size_t>(sent) == message.size()) {
+    MdAddFetch(relayer->nRelayedBytes, message.size());
     MdAddFetch(relayer->nRelayedMessages, 1);
-    MD_LOG(7, "Successfully transmitted %d bytes on socket %d of relay#%d/%d.\n", static_cast<int>(size), socket,
-           number, count);
+    MD_LOG(7, "Successfully transmitted %d bytes on socket %d of relay#%d/%d.\n", static_cast<int>(message.size()),
+           socket, number, count);
     return true;
   }
   _CountRelayError(relayer, errno);
@@ -300,7 +302,7 @@ static bool _SendToRelay(MDATA_SRC_HANDLE hSource, UINT32 i, const void* buffer,
   // ECONNREFUSED: nobody listens at the destination; not our error.
   MD_LOG_ERRNO(errno == ECONNREFUSED ? 6 : 3,
                "Failed to relay %d bytes of metadata on socket %d of relay#%d/%d, rc=%d, errno (%d): \"%s\".\n",
-               static_cast<int>(size), socket, number, count, static_cast<int>(sent));
+               static_cast<int>(message.size()), socket, number, count, static_cast<int>(sent));
   return false;
 }
 
@@ -314,6 +316,7 @@ BOOL _RelayMetaData(MDATA_SRC_HANDLE hSource, const void* pvBuffer, size_t nSize
       _NoteReceived(pcTOS, hSource->SourceTOS, hSource->nSourceTOSUpdates, hSource->nLastSourceTOSUpdateUpTimeInSecs);
   const bool ttlChanged =
       _NoteReceived(pcTTL, hSource->SourceTTL, hSource->nSourceTTLUpdates, hSource->nLastSourceTTLUpdateUpTimeInSecs);
+  const std::span message(static_cast<const BYTE*>(pvBuffer), nSize);
   bool relayed = false;
   for (UINT32 i = 0; i < hSource->Config.nNumOfRelays; ++i) {
     if (tosChanged && pcTOS != nullptr)
@@ -324,7 +327,7 @@ BOOL _RelayMetaData(MDATA_SRC_HANDLE hSource, const void* pvBuffer, size_t nSize
       _FollowTTL(hSource, i, *pcTTL);
     else
       MD_LOG(7, "Not checking TTL.\n");
-    if (_SendToRelay(hSource, i, pvBuffer, nSize)) relayed = true;
+    if (_SendToRelay(hSource, i, message)) relayed = true;
   }
   return relayed ? TRUE : FALSE;
 }

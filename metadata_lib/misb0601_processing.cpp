@@ -10,6 +10,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <span>
 
 #define MD_MODULE "misb0601_processing"
 #include "md_atomic.h"
@@ -68,7 +69,7 @@ static size_t _FilterSecuritySet(MDATA_SRC_HANDLE hSource, const KLV_ELEMENT* pS
   while (nInputSize > 0) {
     KLV_ELEMENT_INFO element = {};
     ++number;
-    const auto result = _ReadKLVElement(next, static_cast<size_t>(nInputSize), out.speak, &element);
+    const auto result = _ReadKLVElement({next, static_cast<size_t>(nInputSize)}, out.speak, &element);
     if (result == KLV_SIZE_UNSUPPORTED) return 0;  // KEPT: the whole set is dropped
     if (result == KLV_SIZE_CUT || element.nSize > static_cast<size_t>(nInputSize)) break;
     const bool keep = _IsTagKept(hSource->Config.UASSecurityTagFilter, element.nTag);
@@ -100,12 +101,11 @@ namespace {
 struct MessageWalk {
   MDATA_SRC_HANDLE hSource;
   WalkOutput out;
-  const BYTE* next;  // next element
-  size_t sizeLeft;   // bytes from it to the end of the message
-  int number;        // its number, from 1
-  UINT32 lastTag;    // tag of the last element seen
-  int missionIDs;    // elements replaced by the source's mission identifier
-  int securitySets;  // elements replaced by the source's security set
+  std::span<const BYTE> left;  // from the next element to the end of the message
+  int number;                  // number of the next element, from 1
+  UINT32 lastTag;              // tag of the last element seen
+  int missionIDs;              // elements replaced by the source's mission identifier
+  int securitySets;            // elements replaced by the source's security set
 };
 
 }  // namespace
@@ -122,7 +122,7 @@ static bool _MayLogInvalid(MessageWalk& walk) {
 
 // Reads the next element. Returns false if the message is invalid.
 static bool _ReadElement(MessageWalk& walk, KLV_ELEMENT_INFO* element) {
-  const auto result = _ReadKLVElement(walk.next, walk.sizeLeft, walk.out.speak, element);
+  const auto result = _ReadKLVElement(walk.left, walk.out.speak, element);
   const UINT32 tag = element->nTag;
   walk.lastTag = tag;
   if (result == KLV_SIZE_UNSUPPORTED) {
@@ -131,11 +131,11 @@ static bool _ReadElement(MessageWalk& walk, KLV_ELEMENT_INFO* element) {
              _GetUAVTagName(tag));
     return false;
   }
-  if (result == KLV_SIZE_CUT || element->nSize > walk.sizeLeft) {
+  if (result == KLV_SIZE_CUT || element->nSize > walk.left.size()) {
     if (_MayLogInvalid(walk))
       MD_LOG(3, "KLV Element#%d: tag#%d (%s), has INVALID data length=%d with only %d bytes remaining in message.\n",
              walk.number, static_cast<int>(tag), _GetUAVTagName(tag), element->FirstLength,
-             static_cast<int>(walk.sizeLeft));
+             static_cast<int>(walk.left.size()));
     return false;
   }
   if (tag == UAS_CHECKSUM_TAG && element->FirstLength != 2) {
@@ -179,22 +179,21 @@ static void _RewriteElement(MessageWalk& walk, const KLV_ELEMENT_INFO& element) 
   if (element.nTag == UAS_SECURITY_LOCAL_SET_TAG && hSource->Config.bFilterUASSecurityTags) {
     // A set that turns out to be empty was written before it is dropped; it is never longer than the element.
     walk.out.room = std::max(walk.out.room, walk.out.size + element.nSize);
-    const auto* set = reinterpret_cast<const KLV_ELEMENT*>(walk.next);
+    const auto* set = reinterpret_cast<const KLV_ELEMENT*>(walk.left.data());
     walk.out.size += _FilterSecuritySet(hSource, set, static_cast<int>(element.nSize), walk.out);
     return;
   }
-  _Put(walk.out, walk.next, element.nSize);
+  _Put(walk.out, walk.left.data(), element.nSize);
 }
 
 // Walks the body. Returns false if the message is invalid. KEPT: the last one or two bytes are never an element.
 static bool _WalkMessage(MessageWalk& walk) {
-  while (walk.sizeLeft > 2) {
+  while (walk.left.size() > 2) {
     KLV_ELEMENT_INFO element = {};
     ++walk.number;
     if (!_ReadElement(walk, &element)) return false;
     _RewriteElement(walk, element);
-    walk.next += element.nSize;
-    walk.sizeLeft -= element.nSize;
+    walk.left = walk.left.subspan(element.nSize);
   }
   return true;
 }
@@ -235,7 +234,7 @@ static void _CountInserts(const MessageWalk& walk) {
 // Logs bytes that the walk did not read. KEPT: a message without any checksum is logged with the same line as a
 // misplaced one, and both are accepted.
 static void _LogLeftOvers(const MessageWalk& walk) {
-  if (walk.sizeLeft > 0) MD_LOG(2, "nSizeLeft=%d.\n", static_cast<int>(walk.sizeLeft));
+  if (!walk.left.empty()) MD_LOG(2, "nSizeLeft=%d.\n", static_cast<int>(walk.left.size()));
   if (walk.lastTag != UAS_CHECKSUM_TAG) MD_LOG(4, "Checksum in received UAS data set was not the last element!\n");
 }
 
@@ -299,8 +298,7 @@ BOOL ProcessUASDataLinkLocalSet(HMDATASRC hSource, BYTE* pcKLVHeader, int nUAVSi
   if (nHeaderSize < kUASKeySize || nUAVSize < nHeaderSize) return FALSE;
   MessageWalk walk = {};
   walk.hSource = hSource;
-  walk.next = pcKLVHeader + nHeaderSize;
-  walk.sizeLeft = static_cast<size_t>(nUAVSize - nHeaderSize);
+  walk.left = {pcKLVHeader + nHeaderSize, static_cast<size_t>(nUAVSize - nHeaderSize)};
 
   size_t room = 0;
   // A body too large to be sent is walked without being written: its counts and logs stay, its memory is not needed.

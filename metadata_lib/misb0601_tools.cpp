@@ -26,6 +26,8 @@
 
 bool _g_bExtendedTags = false;
 
+static constexpr size_t kLargestElementHeader = 1 + 1 + kMdMostLengthBytes;  // one-byte tag, long-form length
+
 void _ReadExtendedTagsOption() {
   char value[40] = "";
   int size = sizeof(value);
@@ -37,19 +39,19 @@ void _ReadExtendedTagsOption() {
 // Reads the tag of an element. In extended tags (BER-OID, ISO/IEC 8825-1, 8.19) a leading 0x80 would be an empty digit
 // and thus a second encoding of a smaller tag, so it is malformed; so is a tag of more than four bytes, whose fifth
 // byte is not read.
-static tagKLV_SIZE_RESULT _ReadElementTag(const BYTE* bytes, size_t sizeLeft, MdTag* tag) {
-  if (!_g_bExtendedTags) return _MdReadTag(bytes, sizeLeft, 0, kMdField1Byte, tag) ? KLV_SIZE_OK : KLV_SIZE_CUT;
-  const size_t most = std::min<size_t>(sizeLeft, kMdMostOidBytes);
-  const bool read = _MdReadTag(bytes, most, 0, kMdFieldOidTag, tag);
-  if (sizeLeft > 0 && bytes[0] == 0x80) return KLV_SIZE_UNSUPPORTED;
+static tagKLV_SIZE_RESULT _ReadElementTag(std::span<const BYTE> data, MdTag* tag) {
+  if (!_g_bExtendedTags)
+    return _MdReadTag(data.data(), data.size(), 0, kMdField1Byte, tag) ? KLV_SIZE_OK : KLV_SIZE_CUT;
+  const size_t most = std::min<size_t>(data.size(), kMdMostOidBytes);
+  const bool read = _MdReadTag(data.data(), most, 0, kMdFieldOidTag, tag);
+  if (!data.empty() && data[0] == 0x80) return KLV_SIZE_UNSUPPORTED;
   if (read) return KLV_SIZE_OK;
   return most == kMdMostOidBytes ? KLV_SIZE_UNSUPPORTED : KLV_SIZE_CUT;
 }
 
 // Reads the length field at a position. An unsupported form is reported even if the field is truncated as well.
-static tagKLV_SIZE_RESULT _ReadElementLength(const BYTE* bytes, size_t sizeLeft, size_t position, bool log,
-                                             MdLength* length) {
-  const MdRead result = _MdReadLength(bytes, sizeLeft, position, kMdFieldNoneOrBer, length);
+static tagKLV_SIZE_RESULT _ReadElementLength(std::span<const BYTE> data, size_t position, bool log, MdLength* length) {
+  const MdRead result = _MdReadLength(data.data(), data.size(), position, kMdFieldNoneOrBer, length);
   if (length->longForm && (length->count < 1 || length->count > kMdMostLengthBytes)) {
     if (log) MD_LOG(3, "Unsupported number of bytes (%u) for size in BER encoded length.\n", length->count);
     return KLV_SIZE_UNSUPPORTED;
@@ -57,19 +59,19 @@ static tagKLV_SIZE_RESULT _ReadElementLength(const BYTE* bytes, size_t sizeLeft,
   return result == kMdReadOk ? KLV_SIZE_OK : KLV_SIZE_CUT;
 }
 
-tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* bytes, size_t sizeLeft, bool log, KLV_ELEMENT_INFO* info) {
+tagKLV_SIZE_RESULT _ReadKLVElement(std::span<const BYTE> data, bool log, KLV_ELEMENT_INFO* info) {
   *info = {};
   MdTag tag;
-  const tagKLV_SIZE_RESULT tagResult = _ReadElementTag(bytes, sizeLeft, &tag);
+  const tagKLV_SIZE_RESULT tagResult = _ReadElementTag(data, &tag);
   if (tagResult != KLV_SIZE_OK) {
-    if (sizeLeft > 0) info->nTag = bytes[0];
+    if (!data.empty()) info->nTag = data[0];
     return tagResult;
   }
   info->nTag = tag.key;
   info->nTagSize = tag.size;
-  if (sizeLeft > tag.size) info->FirstLength = bytes[tag.size];
+  if (data.size() > tag.size) info->FirstLength = data[tag.size];
   MdLength length;
-  const tagKLV_SIZE_RESULT lengthResult = _ReadElementLength(bytes, sizeLeft, tag.size, log, &length);
+  const tagKLV_SIZE_RESULT lengthResult = _ReadElementLength(data, tag.size, log, &length);
   info->nHeaderSize = tag.size + length.size;
   info->nSize = info->nHeaderSize + length.value;
   return lengthResult;
@@ -77,9 +79,9 @@ tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* bytes, size_t sizeLeft, bool log,
 
 // The record has a one-byte tag, regardless of the option. The caller guarantees that the length field can be read.
 BOOL GetKLVElementSize(const KLV_ELEMENT* pKLV, size_t* pnSize) {
+  const std::span header(reinterpret_cast<const BYTE*>(pKLV), kLargestElementHeader);
   MdLength length;
-  const BYTE* bytes = reinterpret_cast<const BYTE*>(pKLV);
-  if (_ReadElementLength(bytes, SIZE_MAX, sizeof(pKLV->Tag), true, &length) != KLV_SIZE_OK) return FALSE;
+  if (_ReadElementLength(header, sizeof(pKLV->Tag), true, &length) != KLV_SIZE_OK) return FALSE;
   *pnSize = sizeof(pKLV->Tag) + length.size + length.value;
   return TRUE;
 }
@@ -196,9 +198,9 @@ KLV_ELEMENT* AllocSecurityMetadata(int enClassification, const char* szClassifyi
 // =====================================================================================================
 
 // Logs the identifier's characters that lie inside the message.
-static void _LogMissionID(const BYTE* bytes, const KLV_ELEMENT_INFO& element, size_t sizeLeft) {
-  const size_t size = std::min(element.nSize, sizeLeft) - element.nHeaderSize;
-  const char* missionID = reinterpret_cast<const char*>(bytes + element.nHeaderSize);
+static void _LogMissionID(std::span<const BYTE> data, const KLV_ELEMENT_INFO& element) {
+  const size_t size = std::min(element.nSize, data.size()) - element.nHeaderSize;
+  const char* missionID = reinterpret_cast<const char*>(data.data() + element.nHeaderSize);
   MD_LOG(6, "Mission ID \"%.*s\" is present.\n", static_cast<int>(std::min<size_t>(size, INT_MAX)), missionID);
 }
 
@@ -224,9 +226,10 @@ BOOL ValidateUASLocalDataSet(BYTE* pcKLVHeader, int nUAVSize, int nHeaderSize) {
   int64_t sizeLeft = int64_t{nUAVSize} - nHeaderSize;
   int number = 0;
   while (sizeLeft > 2) {
+    const std::span data(next, static_cast<size_t>(sizeLeft));
     KLV_ELEMENT_INFO element = {};
     ++number;
-    if (_ReadKLVElement(next, static_cast<size_t>(sizeLeft), true, &element) != KLV_SIZE_OK) {
+    if (_ReadKLVElement(data, true, &element) != KLV_SIZE_OK) {
       MD_ASSERT_TEXT(false, "GetKLVElementSize(pKLV, &nElementSize)");
       return FALSE;
     }
@@ -236,7 +239,7 @@ BOOL ValidateUASLocalDataSet(BYTE* pcKLVHeader, int nUAVSize, int nHeaderSize) {
            _GetUAVTagName(element.nTag), dataLength, static_cast<int>(sizeLeft - elementBytes));
     // KEPT: a later checksum element replaces an earlier one.
     if (element.nTag == UAS_CHECKSUM_TAG) checksum = next;
-    if (element.nTag == UAS_MISSION_ID_TAG) _LogMissionID(next, element, static_cast<size_t>(sizeLeft));
+    if (element.nTag == UAS_MISSION_ID_TAG) _LogMissionID(data, element);
     if (element.nTag == UAS_SECURITY_LOCAL_SET_TAG) MD_LOG(6, "Security Metadata is present.\n");
     sizeLeft -= elementBytes;
     if (sizeLeft > 0) next += element.nSize;

@@ -2,6 +2,10 @@
 #ifndef MISB0601_TOOLS_H
 #define MISB0601_TOOLS_H
 
+#include <stddef.h>
+
+#include <span>
+
 #include "metadata_lib.h"
 
 // --- Tags of MISB ST 0601 and MISB ST 0102 ---------------------------------------------------------------
@@ -43,9 +47,9 @@ struct KLV_ELEMENT_INFO {
   size_t nSize;        // bytes of the whole element
 };
 
-// Reads tag and length of the element at bytes, of which only sizeLeft bytes may be read, but not its value, which
-// may run past them. Logs an unsupported length form if log is set.
-tagKLV_SIZE_RESULT _ReadKLVElement(const BYTE* bytes, size_t sizeLeft, bool log, KLV_ELEMENT_INFO* info);
+// Reads tag and length of the element at the start of the data, but not its value, which may run past them. Logs an
+// unsupported length form if log is set.
+tagKLV_SIZE_RESULT _ReadKLVElement(std::span<const BYTE> data, bool log, KLV_ELEMENT_INFO* info);
 
 // Return the host's names, for tags of any size; never NULL.
 const char* _GetUAVTagName(UINT32 tag);

@@ -33,7 +33,7 @@ class ElementSizeTest : public HostTest {
     m_nSize = 4711;
     const std::unique_ptr<BYTE[]> pcExact(new BYTE[element.size()]);  // a read past it is a sanitizer's report
     std::copy(element.begin(), element.end(), pcExact.get());
-    const auto enResult = _ReadKLVElement(pcExact.get(), element.size(), true, &m_info);
+    const auto enResult = _ReadKLVElement({pcExact.get(), element.size()}, true, &m_info);
     if (enResult == KLV_SIZE_OK) m_nSize = m_info.nSize;
     return enResult;
   }
@@ -88,7 +88,7 @@ TEST_F(ElementSizeTest, BoundedFormReadsNothingBehindTheBytesLeft) {
 TEST_F(ElementSizeTest, BoundedFormCanBeSilent) {
   const BYTE element[] = {2, 0x80};
   KLV_ELEMENT_INFO info = {};
-  EXPECT_EQ(_ReadKLVElement(element, 2, false, &info), KLV_SIZE_UNSUPPORTED);
+  EXPECT_EQ(_ReadKLVElement(element, false, &info), KLV_SIZE_UNSUPPORTED);
 }
 
 // The plain reading of an element, one byte after the other: what counts is what is found first.
