@@ -1152,10 +1152,12 @@ void FreeCoT2KLVConvert(HCONVERTER* phConvInstance) {
 }
 
 void AddDiscoveredSensor(CONVERTER_INSTANCE_DATA* instance, const char* uid) {
+  kMetadataThread.Assume();
   _NoteSensor(instance->KnownSensors, uid);
 }
 
 void AgeCoT2KLVSensors(HCONVERTER hConv) {
+  kMetadataThread.Assume();
   _AgeSensors(hConv->KnownSensors);
 }
 

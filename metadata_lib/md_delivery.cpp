@@ -25,7 +25,7 @@ bool _WantsRewriting(MDATA_SRC_HANDLE hSource) {
 }
 
 // KEPT: the text says 16 bytes, the limit is 19; at most one such line in five seconds for the whole library.
-static void _LogShortMessage() {
+static void _LogShortMessage() MD_REQUIRES(kMetadataThread) {
   const time_t now = time(nullptr);
   if (now - _tLastLog <= kLogHoldOffSecs) return;
   _tLastLog = now;

@@ -9,6 +9,7 @@
 #include <time.h>
 
 #include "md_guard.h"
+#include "md_mutex.h"
 #include "md_source.h"
 #include "metadata_lib.h"
 
@@ -87,7 +88,7 @@ enum class Rewritten {
   Dropped     // nothing is left to send
 };
 
-extern time_t _tLastLog;  // short-KLV warning, one time for the whole library; metadata thread only
+extern time_t _tLastLog MD_GUARDED_BY(kMetadataThread);  // short-KLV warning, one time for the whole library
 
 // Returns whether the source inserts or filters anything.
 bool _WantsRewriting(MDATA_SRC_HANDLE hSource);
@@ -95,17 +96,20 @@ bool _WantsRewriting(MDATA_SRC_HANDLE hSource);
 // Rewrites a message if it is a whole UAS Local Set. Returns TRUE with the new buffer in *ppNewBuff, or NULL there if
 // nothing is left to send; *pnNewSize, unless pnNewSize is NULL, is its size. Returns FALSE if the message continues
 // unchanged.
-BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFFER** ppNewBuff, int* pnNewSize);
+BOOL _ProcessRxKLV(MDATA_SRC_HANDLE hSource, BYTE* pcData, int nSize, MDATA_BUFFER** ppNewBuff, int* pnNewSize)
+    MD_REQUIRES(kMetadataThread);
 
 // Rewrites a message if the source asks for it. A new buffer replaces the reference in buffer, which may be the message
 // itself; with Dropped buffer is empty afterwards, with Unchanged it is not changed.
-Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& texts, BYTE* data, int size, MdBufferRef& buffer);
+Rewritten _RewriteOnPath(MDATA_SRC_HANDLE hSource, const PathTexts& texts, BYTE* data, int size, MdBufferRef& buffer)
+    MD_REQUIRES(kMetadataThread);
 
 // Feeds the running total to the rate counter, once per wall-clock second.
-void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 runningTotal, time_t now);
+void _FeedOutputRate(MDATA_SRC_HANDLE hSource, UINT64 runningTotal, time_t now) MD_REQUIRES(kMetadataThread);
 
 // Writes the stream header, with this length, into the reserve in front of the message and calls the encoder. Returns
 // the encoder's result.
-bool _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MDATA_BUFFER* buffer, int headerLength);
+bool _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MDATA_BUFFER* buffer, int headerLength)
+    MD_REQUIRES(kMetadataThread);
 
 #endif  // MD_DELIVERY_H

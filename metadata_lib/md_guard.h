@@ -1,22 +1,8 @@
-// Guards that hold something for a scope.
+// A guard that holds a buffer for a scope.
 #ifndef MD_GUARD_H
 #define MD_GUARD_H
 
-#include <pthread.h>
-
 #include "metadata_lib.h"
-
-// Holds a mutex for a scope.
-class MdLock {
- public:
-  explicit MdLock(pthread_mutex_t& mutex) : m_mutex(mutex) { pthread_mutex_lock(&m_mutex); }
-  ~MdLock() { pthread_mutex_unlock(&m_mutex); }
-  MdLock(const MdLock&) = delete;
-  MdLock& operator=(const MdLock&) = delete;
-
- private:
-  pthread_mutex_t& m_mutex;
-};
 
 // Owns one reference of a buffer for a scope.
 class MdBufferRef {

@@ -20,6 +20,7 @@ BOOL _CreateRelayingSockets(const MDATA_SRC_CFG* pCfg, int* piSockets, size_t nN
 
 // Sends one message to every relay. pcTOS and pcTTL are the values received with it, or NULL; relays that follow the
 // source adopt them first. Returns TRUE if at least one relay sent the whole message. Metadata thread.
-BOOL _RelayMetaData(MDATA_SRC_HANDLE hSource, const void* pvBuffer, size_t nSize, const BYTE* pcTOS, const BYTE* pcTTL);
+BOOL _RelayMetaData(MDATA_SRC_HANDLE hSource, const void* pvBuffer, size_t nSize, const BYTE* pcTOS, const BYTE* pcTTL)
+    MD_REQUIRES(kMetadataThread);
 
 #endif  // MD_RELAY_H

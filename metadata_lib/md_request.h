@@ -36,7 +36,7 @@ void _ResetRequests();
 
 // Marks the request as carried out. Returns true if its caller had given up. A caller that had not may free the record
 // that holds the mark as soon as this returns. Metadata thread.
-bool _CompleteRequest(int32_t& request);
+bool _CompleteRequest(int32_t& request) MD_REQUIRES(kMetadataThread);
 
 // Returns whether the source's close was given up: its wait timed out, or its message could not be sent. The encoder
 // was told that the source is closed, so nothing may reach it, although the record is still in the list and the read

@@ -1,17 +1,15 @@
 // Discovered sensors. See the header for threads and the lock.
 #include "md_sensors.h"
 
-#include <pthread.h>
 #include <string.h>
 
 #include "host_util.h"
-#include "md_guard.h"
 
 #define MD_MODULE "converter"
 #define MD_DEBUG_HANDLE g_hCoTConvDbg
 #include "md_log.h"
 
-static pthread_mutex_t _g_SensorLock = PTHREAD_MUTEX_INITIALIZER;
+constinit MdMutex _g_SensorLock;
 
 static void _StoreSensor(SENSOR_ENTRY* entry, const char* uid) {
   MdLock lock(_g_SensorLock);
@@ -20,7 +18,14 @@ static void _StoreSensor(SENSOR_ENTRY* entry, const char* uid) {
   entry->bInUse = TRUE;
 }
 
+static void _ClearSensor(SENSOR_ENTRY* entry) {
+  MdLock lock(_g_SensorLock);
+  entry->bInUse = FALSE;
+  memset(entry->szUID, 0, sizeof(entry->szUID));
+}
+
 void _NoteSensor(SensorTable& sensors, const char* uid) {
+  _g_SensorLock.AssumeOnlyWriter();
   MD_LOG(7, "Adding SPI \"%s\".\n", uid);
   int freeIndex = -1;
   int oldestAge = -1;
@@ -50,12 +55,11 @@ void _NoteSensor(SensorTable& sensors, const char* uid) {
 }
 
 void _AgeSensors(SensorTable& sensors) {
+  _g_SensorLock.AssumeOnlyWriter();
   for (SENSOR_ENTRY& entry : sensors) {
     if (!entry.bInUse || ++entry.nAgeInSeconds <= kCvtSensorLifetime) continue;
     MD_LOG(7, "Entry for \"%s\" has been aged out.\n", entry.szUID);
-    MdLock lock(_g_SensorLock);
-    entry.bInUse = FALSE;
-    memset(entry.szUID, 0, sizeof(entry.szUID));
+    _ClearSensor(&entry);
   }
 }
 

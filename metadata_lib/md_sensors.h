@@ -8,23 +8,26 @@
 
 #include <stdint.h>
 
+#include "md_mutex.h"
 #include "metadata_lib.h"
 
 inline constexpr int kCvtSensorLifetime = 10;  // ageing steps an unseen sensor lives through
 
+extern MdMutex _g_SensorLock;
+
 struct SENSOR_ENTRY {
-  BOOL bInUse;
-  int32_t nAgeInSeconds;
-  char szUID[MDATA_SENSOR_UID_SIZE];
+  BOOL bInUse MD_GUARDED_BY(_g_SensorLock);
+  int32_t nAgeInSeconds;  // metadata thread only
+  char szUID[MDATA_SENSOR_UID_SIZE] MD_GUARDED_BY(_g_SensorLock);
 };
 
 // Part of a source's record; all zero when it starts.
 using SensorTable = SENSOR_ENTRY[MDATA_MAX_DISCOVERED_SENSORS];
 
 // Notes that a sensor was seen. In a full table it replaces another one.
-void _NoteSensor(SensorTable& sensors, const char* uid);
+void _NoteSensor(SensorTable& sensors, const char* uid) MD_REQUIRES(kMetadataThread);
 // Makes every sensor one second older and removes those that were not seen within their lifetime.
-void _AgeSensors(SensorTable& sensors);
+void _AgeSensors(SensorTable& sensors) MD_REQUIRES(kMetadataThread);
 // Copies the UIDs in the order of the table. Returns their number. Any thread.
 int _CopySensors(const SensorTable& sensors, char (&uids)[MDATA_MAX_DISCOVERED_SENSORS][MDATA_SENSOR_UID_SIZE]);
 

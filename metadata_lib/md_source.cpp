@@ -5,6 +5,9 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+constinit MdMutex _g_SrcListLock;
+constinit MdMutex _g_SenderLock;
+
 // =====================================================================================================
 // The record. Opener and closer; nobody else uses a record that is being made or freed.
 // =====================================================================================================

@@ -1,4 +1,4 @@
-// The record of a metadata source, and the small helpers that everything around it needs: texts of errors and senders,
+// The record of a metadata source, and the small helpers that everything around it needs: texts of senders,
 // descriptors, capture files, pauses.
 //
 // This header does not depend on the engine that opens, serves and closes sources, so the modules that work on one
@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include "host.h"
+#include "md_mutex.h"
 #include "metadata_lib.h"
 
 // --- Constants ---------------------------------------------------------------------------------------
@@ -22,6 +23,12 @@
 inline constexpr int kRxBufferSize = 1500;    // of one datagram; a longer one is truncated
 inline constexpr UINT64 kNoPTS = ~UINT64{0};  // no timestamp yet
 inline constexpr int kLogHoldOffSecs = 4;     // a repeated failure is logged if more than this has passed
+
+// --- Locks of fields of the record -------------------------------------------------------------------
+// Leaf locks: no other lock is taken and no line is logged while one of them is held.
+
+extern MdMutex _g_SrcListLock;  // the list of the sources against look-ups; counts of the video inputs
+extern MdMutex _g_SenderLock;   // the last senders: the metadata thread and restored statistics against statistics
 
 // --- The source record -------------------------------------------------------------------------------
 
@@ -98,16 +105,16 @@ struct tagMDATA_SRC_HANDLE {
   time_t tLastRateSampleTime;
   HCOUNTERRATE hOutputRate;
   KLV_DECIM_CTRL DecimateCtrl;
-  int iSourceAddressFamily;  // last sender; with the address under _g_SenderLock
-  BYTE acSourceAddress[16];
+  int iSourceAddressFamily MD_GUARDED_BY(_g_SenderLock);  // last sender
+  BYTE acSourceAddress[16] MD_GUARDED_BY(_g_SenderLock);
   BYTE RxBuffer[kRxBufferSize];
   BYTE HeaderSequence;
   // Hand-over to the metadata thread.
-  int32_t nAddRequest;          // tagREQUEST_STATE; atomic
-  int32_t nRemoveRequest;       // tagREQUEST_STATE; atomic
-  BOOL bLinked;                 // in g_MetaDataSrcList; under _g_SrcListLock
-  BOOL bCaptureHeld;            // counts in its video input's extractor; like _g_aVideoExtractors
-  MDATA_SRC_HANDLE pNextSweep;  // next close that no message names; under _g_SrcListLock
+  int32_t nAddRequest;                         // tagREQUEST_STATE; atomic
+  int32_t nRemoveRequest;                      // tagREQUEST_STATE; atomic
+  BOOL bLinked MD_GUARDED_BY(_g_SrcListLock);  // in g_MetaDataSrcList
+  BOOL bCaptureHeld;                           // counts in its video input's extractor; like _g_aVideoExtractors
+  MDATA_SRC_HANDLE pNextSweep;                 // next close whose message was not sent; the list's owner only
 };
 
 // Allocates a zero-filled record with its own copy of the configuration, in which every text is terminated, the

@@ -9,20 +9,13 @@
 
 #include <errno.h>
 #include <netinet/in.h>
-#include <pthread.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
 
-#include "md_guard.h"
-
 // The lines carry the name of the engine, whose sources receive here.
 #define MD_MODULE "metadata_api"
 #include "md_log.h"
-
-// Guards the last senders of all sources: the metadata thread and restored statistics write them, the statistics calls
-// read them. A leaf lock: no other lock is taken and no line is logged while it is held.
-static pthread_mutex_t _g_SenderLock = PTHREAD_MUTEX_INITIALIZER;
 
 static constexpr BYTE _acAnyAddress[16] = {};  // the IPv6 "any" address
 

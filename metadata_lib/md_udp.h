@@ -1,7 +1,7 @@
 // Reception of UDP datagrams: the bytes with their TTL and TOS, the filter for senders, the last sender.
 //
 // The metadata thread receives; the opener switches the detection on. The last sender is kept in the source's record,
-// under a lock of this module.
+// under _g_SenderLock.
 #ifndef MD_UDP_H
 #define MD_UDP_H
 
@@ -29,7 +29,8 @@ BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAdd
 
 // Receives one datagram into the source's RxBuffer, with its TOS and TTL if they are detected. Returns its length, or
 // 0 if there is no datagram for this source.
-int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int fd, struct sockaddr_storage* from, BYTE* tos, BYTE* ttl);
+int _ReceiveDatagram(MDATA_SRC_HANDLE hSource, int fd, struct sockaddr_storage* from, BYTE* tos, BYTE* ttl)
+    MD_REQUIRES(kMetadataThread);
 
 // Copy the last sender to the statistics, and back from statistics that are restored.
 void _GetSenderStats(MDATA_SRC_HANDLE hSource, MDATA_INET_STATS* stats);

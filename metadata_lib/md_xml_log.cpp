@@ -7,13 +7,12 @@
 
 #include "host_util.h"
 #include "md_atomic.h"
-#include "md_guard.h"
 
 // The line about a failed write carries the name of the serial CoT link.
 #define MD_MODULE "cot_support"
 #include "md_log.h"
 
-pthread_mutex_t _g_XMLOutLock = PTHREAD_MUTEX_INITIALIZER;
+constinit MdMutex _g_XMLOutLock;
 FILE* g_XMLOutFP = nullptr;
 int32_t g_nXMLEventCount = 0;
 

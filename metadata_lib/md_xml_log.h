@@ -6,24 +6,24 @@
 #ifndef MD_XML_LOG_H
 #define MD_XML_LOG_H
 
-#include <pthread.h>
 #include <stdint.h>
 #include <stdio.h>
 
+#include "md_mutex.h"
 #include "metadata_lib.h"
 
-extern pthread_mutex_t _g_XMLOutLock;
-extern FILE* g_XMLOutFP;          // the capture, or NULL; under _g_XMLOutLock
-extern int32_t g_nXMLEventCount;  // events in the capture so far, lost ones included; written under _g_XMLOutLock
+extern MdMutex _g_XMLOutLock;
+extern FILE* g_XMLOutFP MD_GUARDED_BY(_g_XMLOutLock) MD_PT_GUARDED_BY(_g_XMLOutLock);  // the capture, or NULL
+extern int32_t g_nXMLEventCount MD_GUARDED_BY(_g_XMLOutLock);  // events in the capture so far, lost ones included
 
 // Closes the capture and replaces it by a file that this module owns from here on, or by none if the file is NULL.
-void _ReplaceXMLOutFile(FILE* file);
+void _ReplaceXMLOutFile(FILE* file) MD_EXCLUDES(_g_XMLOutLock);
 
 // Writes an ARQ message, header included, as the next event. Does nothing without a capture. The message is not empty
 // and is unchanged when the call returns.
-void _LogXMLEvent(MDATA_BUFFER* buffer);
+void _LogXMLEvent(MDATA_BUFFER* buffer) MD_EXCLUDES(_g_XMLOutLock);
 
 // Writes that an event was lost; number counts the corrupted messages of its source.
-void _LogLostXMLEvent(ULONG number);
+void _LogLostXMLEvent(ULONG number) MD_EXCLUDES(_g_XMLOutLock);
 
 #endif  // MD_XML_LOG_H

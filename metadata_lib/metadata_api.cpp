@@ -3,17 +3,16 @@
 //
 // Contents
 //    1. Library-wide state
-//    2. Small helpers
-//    3. Lifecycle: METADATALIB_Init, METADATALIB_Shutdown
-//    4. The metadata thread: loop, control events, video extractors
-//    5. Sources: look-ups, receive sockets
-//    6. Sources: opening
-//    7. Sources: closing
-//    8. Statistics
-//    9. Shared steps of the receive paths: raw capture, counting, discarding
-//   10. KLV paths: serial and UDP
-//   11. CoT paths: UDP and serial
-//   12. Video path and decimation
+//    2. Lifecycle: METADATALIB_Init, METADATALIB_Shutdown
+//    3. The metadata thread: loop, control events, video extractors
+//    4. Sources: look-ups, receive sockets
+//    5. Sources: opening
+//    6. Sources: closing
+//    7. Statistics
+//    8. Shared steps of the receive paths: raw capture, counting, discarding
+//    9. KLV paths: serial and UDP
+//   10. CoT paths: UDP and serial
+//   11. Video path and decimation
 //
 // Lock order: g_MetaDataAPIMutex, then at most one of the leaf locks _g_SrcListLock, _g_XMLOutLock, _g_SenderLock.
 // The metadata thread never waits for g_MetaDataAPIMutex longer than kSerialLockMs milliseconds, because an
@@ -30,6 +29,7 @@
 #include "md_atomic.h"
 #include "md_delivery.h"
 #include "md_guard.h"
+#include "md_mutex.h"
 #include "md_relay.h"
 #include "md_request.h"
 #include "md_source.h"
@@ -48,7 +48,7 @@ HDBG g_hCoTConvDbg = nullptr;
 
 BOOL g_bMetaDataLibInitialized = FALSE;
 DWORD g_dwLibCaps = 0;
-pthread_mutex_t g_MetaDataAPIMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+constinit MdMutex g_MetaDataAPIMutex{MdMutex::Recursive{}};
 FLIST_D g_MetaDataSrcList = {{'F', 'L', 'S', 'T'}, nullptr, nullptr};
 HFDSET g_hMetaDataFDSet = nullptr;
 
@@ -65,56 +65,20 @@ time_t _tLastLogTime = 0;
 
 MDATA_SRC_HANDLE _g_pSweepList = nullptr;
 
-pthread_mutex_t _g_SrcListLock = PTHREAD_MUTEX_INITIALIZER;
-
 static constexpr long kSerialLockMs = 20;          // limit of the serial path's wait for g_MetaDataAPIMutex
 static constexpr int kMaxConvertedLength = 16000;  // a converted serial packet stays below
 
 // =====================================================================================================
-// 2. Small helpers. Any thread; no state of their own.
-// =====================================================================================================
-
-namespace {
-
-// Holds g_MetaDataAPIMutex for a scope of the serial path, unless it does not become free within kSerialLockMs: an
-// opener holds it while it waits for this very thread.
-class TryApiLock {
- public:
-  TryApiLock();
-  ~TryApiLock() {
-    if (m_held) pthread_mutex_unlock(&g_MetaDataAPIMutex);
-  }
-  TryApiLock(const TryApiLock&) = delete;
-  TryApiLock& operator=(const TryApiLock&) = delete;
-  bool IsHeld() const { return m_held; }
-
- private:
-  bool m_held = false;
-};
-
-}  // namespace
-
-TryApiLock::TryApiLock() {
-  struct timespec until = {};
-  clock_gettime(CLOCK_MONOTONIC, &until);
-  until.tv_nsec += kSerialLockMs * 1000000;
-  if (until.tv_nsec >= 1000000000) {
-    ++until.tv_sec;
-    until.tv_nsec -= 1000000000;
-  }
-  m_held = pthread_mutex_clocklock(&g_MetaDataAPIMutex, CLOCK_MONOTONIC, &until) == 0;
-}
-
-// =====================================================================================================
-// 3. Lifecycle. Called by the encoder, once each, before and after everything else.
+// 2. Lifecycle. Called by the encoder, once each, before and after everything else.
 // =====================================================================================================
 
 static void _ReleaseSource(MDATA_SRC_HANDLE pHandle);
-static void _SweepUnsentCloses(HFDSET hSet, bool threadEnded);
-static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox);
+static void _SweepUnsentCloses(HFDSET hSet, bool threadEnded) MD_REQUIRES(kMetadataThread);
+static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox) MD_REQUIRES(kMetadataThread);
 
 // Resets the state that an earlier shut-down left behind.
 static void _ResetThreadState() {
+  kMetadataThread.Assume();  // there is none yet
   MdStoreRelease(_g_bShutdownThread, FALSE);
   _ResetRequests();
   _g_pCurrentThreadSelectTimeOut = nullptr;
@@ -206,6 +170,7 @@ static bool _StopMetaDataThread() {
 
 // Releases everything that the thread used, once it has ended.
 static void _ReleaseThreadServices() {
+  kMetadataThread.Assume();
   while (_HandleControlMessage(g_hMetaDataFDSet, _g_hMetaDataThreadMBox)) {
   }
   _SweepUnsentCloses(g_hMetaDataFDSet, true);
@@ -236,7 +201,7 @@ void METADATALIB_Shutdown(void) {
 }
 
 // =====================================================================================================
-// 4. The metadata thread: its loop, the control events, the video extractors. Runs on that thread alone, which owns the
+// 3. The metadata thread: its loop, the control events, the video extractors. Runs on that thread alone, which owns the
 //    source list, the read set, the extractor table and the time-out variables. It reads the list without a lock and
 //    changes it under _g_SrcListLock, for the look-ups of the encoder's threads.
 // =====================================================================================================
@@ -247,6 +212,7 @@ static void _SaveStateIfDebugging(int line) {
 }
 
 DWORD _MetaDataThread(void* pvUnusedArg) {
+  kMetadataThread.Assume();
   HFDSET hSet = static_cast<HFDSET>(pvUnusedArg);
   time_t lastAgeing = time(nullptr);
   while (!MdLoadAcquire(_g_bShutdownThread)) {
@@ -279,6 +245,7 @@ static MDATA_SRC_HANDLE _SourceOf(const FNODE_D* node) {
 }
 
 void _AgeDiscoveredSensors(void) {
+  _g_SrcListLock.AssumeOnlyWriter();
   for (const FNODE_D* node = g_MetaDataSrcList.pHead; node != nullptr; node = node->pNext) {
     const MDATA_SRC_HANDLE hSource = _SourceOf(node);
     if (hSource->Config.enDataType == MDATA_DATA_COT && hSource->hConverter != nullptr)
@@ -286,12 +253,12 @@ void _AgeDiscoveredSensors(void) {
   }
 }
 
-static void _AddSerialSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+static void _AddSerialSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) MD_REQUIRES(kMetadataThread) {
   if (__FDMGR_AddReadFD(hSet, hSource->iFD, _SerialDataRxCallBack, hSource, nullptr, __func__, MD_MODULE, __LINE__))
     MD_LOG(6, "File descriptor %d added to read set.\n", hSource->iFD);
 }
 
-static void _AddNetworkSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+static void _AddNetworkSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) MD_REQUIRES(kMetadataThread) {
   FDMGR_READ_CALLBACK callback = nullptr;
   switch (hSource->Config.enDataType) {
     case MDATA_DATA_KLV:
@@ -313,7 +280,7 @@ static void _AddNetworkSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
 }
 
 // KEPT: enInputInterface is not tested against the bounds of the extractor table; the encoder passes 0 to 3.
-static void _AddVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+static void _AddVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) MD_REQUIRES(kMetadataThread) {
   const int interface = hSource->Config.in.Video.enInputInterface;
   VIDEO_EXTRACTOR* extractor = &_g_aVideoExtractors[interface];
   MD_LOG(6, "Starting KLV Capture for interface %d.\n", interface);
@@ -343,7 +310,7 @@ static void _PostThreadCond() {
   MD_ASSERT(WaitCond_Post(&_g_MetaDataThreadCond));
 }
 
-static void _HandleAddFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+static void _HandleAddFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) MD_REQUIRES(kMetadataThread) {
   MD_LOG(6, "Received EVENTID_ADD_FD.\n");
   switch (hSource->Config.enInputType) {
     case MDATA_INPUT_SERIAL:
@@ -375,7 +342,7 @@ static void _HandleAddFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
 
 // Removes the source from the count of its video input; the last removal stops the capture. Called by the metadata
 // thread; once that has ended, by any closer, which has no read set: hence the lock, and NULL for hSet.
-static void _RemoveVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+static void _RemoveVideoSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) MD_REQUIRES(kMetadataThread) {
   const int interface = hSource->Config.in.Video.enInputInterface;
   VIDEO_EXTRACTOR* extractor = &_g_aVideoExtractors[interface];
   bool counted = false;
@@ -411,7 +378,7 @@ static void _RemoveDescriptors(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
     MD_LOG(6, "IPv6 socket %d removed from read set.\n", fdv6);
 }
 
-static void _UnlinkSource(MDATA_SRC_HANDLE hSource) {
+static void _UnlinkSource(MDATA_SRC_HANDLE hSource) MD_EXCLUDES(_g_SrcListLock) {
   MdLock lock(_g_SrcListLock);
   if (!hSource->bLinked) return;
   FastUnlinkD(&g_MetaDataSrcList, &hSource->DNode);
@@ -419,7 +386,7 @@ static void _UnlinkSource(MDATA_SRC_HANDLE hSource) {
 }
 
 // Removes the source from the read set and the list. Harmless if the source was never added.
-static void _DetachSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+static void _DetachSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) MD_REQUIRES(kMetadataThread) {
   if (hSource->Config.enInputType == MDATA_INPUT_VIDEO)
     _RemoveVideoSource(hSet, hSource);
   else
@@ -427,14 +394,15 @@ static void _DetachSource(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   _UnlinkSource(hSource);
 }
 
-static void _DisableTimeoutsIfIdle() {
+static void _DisableTimeoutsIfIdle() MD_REQUIRES(kMetadataThread) {
+  _g_SrcListLock.AssumeOnlyWriter();
   if (g_MetaDataSrcList.pHead != nullptr || _g_pCurrentThreadSelectTimeOut == nullptr) return;
   MD_LOG(6, "Disabling timeouts since there are no metadata FDs left.\n");
   _g_pCurrentThreadSelectTimeOut = nullptr;
   _g_bSelectTimeOutChanged = TRUE;
 }
 
-static void _HandleRemoveFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
+static void _HandleRemoveFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) MD_REQUIRES(kMetadataThread) {
   MD_LOG(6, "Received EVENTID_REMOVE_FD.\n");
   _DetachSource(hSet, hSource);
   // From here on the record belongs to the closer. If that has given up, the close is finished here.
@@ -444,7 +412,7 @@ static void _HandleRemoveFD(HFDSET hSet, MDATA_SRC_HANDLE hSource) {
   if (abandoned) _ReleaseSource(hSource);
 }
 
-static void _HandleShutdown() {
+static void _HandleShutdown() MD_REQUIRES(kMetadataThread) {
   MD_LOG(6, "Received EVENTID_SHUTDOWN_THREAD.\n");
   MdStoreRelease(_g_bShutdownThread, TRUE);
   _CompleteRequest(_g_nShutdownRequest);
@@ -452,7 +420,7 @@ static void _HandleShutdown() {
 }
 
 // Receives and handles one message. Returns false if none is waiting.
-static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox) {
+static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox) MD_REQUIRES(kMetadataThread) {
   HMBOXMSG hMsg = nullptr;
   if (!MBOX_RecvMessage(hMBox, &hMsg)) return false;
   const MBOX_MSGHEADER* header = MBOX_GetMessageHeader(hMsg);
@@ -475,21 +443,27 @@ static bool _HandleControlMessage(HFDSET hSet, HMBOX hMBox) {
 }
 
 void _MetaDataControlCallBack(HFDSET hSet, int, int, void* pvParam1, void*) {
+  kMetadataThread.Assume();
   MD_LOG(6, "Called.\n");
   _HandleControlMessage(hSet, static_cast<HMBOX>(pvParam1));
 }
 
 // Leaves a close whose message was not sent to the metadata thread. Closing thread.
-static void _LeaveForSweep(MDATA_SRC_HANDLE hSource) {
+static void _LeaveForSweep(MDATA_SRC_HANDLE hSource) MD_EXCLUDES(_g_SrcListLock) {
   MdLock lock(_g_SrcListLock);
   hSource->pNextSweep = _g_pSweepList;
   MdStoreRelease(_g_pSweepList, hSource);
 }
 
+// Reads the atomic head of the list without the lock: a close that is added meanwhile waits for the next pass.
+static bool _HasUnsentCloses() MD_UNCHECKED {
+  return MdLoadAcquire(_g_pSweepList) != nullptr;
+}
+
 // Finishes the closes whose messages were not sent. A record whose add message is still queued stays until that is
 // handled, unless the thread has ended. Metadata thread, and the thread that joined it.
-static void _SweepUnsentCloses(HFDSET hSet, bool threadEnded) {
-  if (MdLoadAcquire(_g_pSweepList) == nullptr) return;
+static void _SweepUnsentCloses(HFDSET hSet, bool threadEnded) MD_REQUIRES(kMetadataThread) {
+  if (!_HasUnsentCloses()) return;
   MDATA_SRC_HANDLE hSource = nullptr;
   {
     MdLock lock(_g_SrcListLock);
@@ -510,7 +484,7 @@ static void _SweepUnsentCloses(HFDSET hSet, bool threadEnded) {
 }
 
 // =====================================================================================================
-// 5. Sources: look-ups, receive sockets. Run on the opener's thread under g_MetaDataAPIMutex; the look-ups take
+// 4. Sources: look-ups, receive sockets. Run on the opener's thread under g_MetaDataAPIMutex; the look-ups take
 //    _g_SrcListLock, because the metadata thread changes the list when another thread closes a source.
 // =====================================================================================================
 
@@ -529,7 +503,7 @@ static bool _Matches(const MDATA_SRC_CFG& config, const SourceQuery& query) {
   return query.inputType != MDATA_INPUT_NETWORK || config.in.Network.usUDPPort == query.port;
 }
 
-static MDATA_SRC_HANDLE _FindSource(const SourceQuery& query) {
+static MDATA_SRC_HANDLE _FindSource(const SourceQuery& query) MD_REQUIRES(g_MetaDataAPIMutex) {
   MdLock lock(_g_SrcListLock);
   for (const FNODE_D* node = g_MetaDataSrcList.pHead; node != nullptr; node = node->pNext) {
     if (_Matches(_SourceOf(node)->Config, query)) return _SourceOf(node);
@@ -537,7 +511,7 @@ static MDATA_SRC_HANDLE _FindSource(const SourceQuery& query) {
   return nullptr;
 }
 
-static bool _Locate(const SourceQuery& query, MDATA_SRC_HANDLE* source) {
+static bool _Locate(const SourceQuery& query, MDATA_SRC_HANDLE* source) MD_REQUIRES(g_MetaDataAPIMutex) {
   const MDATA_SRC_HANDLE hFound = _FindSource(query);
   if (source != nullptr) *source = hFound;
   if (hFound != nullptr)
@@ -559,7 +533,7 @@ BOOL _LocateDataSrcByUDPPort(USHORT usPort, MDATA_SRC_HANDLE* ppSrc) {
 }
 
 // Chooses those of the configured families that the library was started with.
-static void _ChooseFamilies(const MDATA_SRC_CFG* config, bool* ipv4, bool* ipv6) {
+static void _ChooseFamilies(const MDATA_SRC_CFG* config, bool* ipv4, bool* ipv6) MD_REQUIRES(g_MetaDataAPIMutex) {
   const bool hasIPv4 = (g_dwLibCaps & METADATALIB_CAPS_IPV4_SUPPORT) != 0;
   const bool hasIPv6 = (g_dwLibCaps & METADATALIB_CAPS_IPV6_SUPPORT) != 0;
   const int family = config->in.Network.iSrcAddressFamily;
@@ -573,7 +547,7 @@ static void _ChooseFamilies(const MDATA_SRC_CFG* config, bool* ipv4, bool* ipv6)
     MD_TEXT_ASSERT("Invalid iSrcAddressFamily (%d) detected.\n", family);
 }
 
-static void _CreateIPv6Socket(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* config) {
+static void _CreateIPv6Socket(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* config) MD_REQUIRES(g_MetaDataAPIMutex) {
   DWORD flags = _IsTTLDetectionNeeded(hSource) ? HOST_UDPV6_RX_HOPLIMIT : 0;
   if (_IsTOSDetectionNeeded(hSource)) flags |= HOST_UDPV6_RX_TRAFFIC_CLASS;
   if (CreateUDPv6RxSocket(config->in.Network.usUDPPort, flags, &hSource->iFDv6)) {
@@ -584,7 +558,7 @@ static void _CreateIPv6Socket(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* con
   MD_LOG(3, "Failed to create IPv6 socket.\n");
 }
 
-static void _CreateIPv4Socket(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* config) {
+static void _CreateIPv4Socket(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* config) MD_REQUIRES(g_MetaDataAPIMutex) {
   if (CreateUDPRxSocket(config->in.Network.usUDPPort, config->in.Network.acSrcAddress, &hSource->iFD)) {
     MD_LOG(5, "Successfully created IPv4 receiver socket %d.\n", hSource->iFD);
     return;
@@ -596,6 +570,7 @@ static void _CreateIPv4Socket(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* con
 BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* pCfg) {
   hSource->iFD = -1;
   hSource->iFDv6 = -1;
+  _g_SenderLock.AssumeHeld();  // no other thread knows the source yet
   hSource->iSourceAddressFamily = 0;
   bool ipv4 = false;
   bool ipv6 = false;
@@ -606,7 +581,7 @@ BOOL _CreateUDPSourceSockets(MDATA_SRC_HANDLE hSource, const MDATA_SRC_CFG* pCfg
 }
 
 // =====================================================================================================
-// 6. Sources: opening. Runs on the encoder's thread, which holds g_MetaDataAPIMutex until the metadata thread has added
+// 5. Sources: opening. Runs on the encoder's thread, which holds g_MetaDataAPIMutex until the metadata thread has added
 //    the source.
 // =====================================================================================================
 
@@ -707,7 +682,7 @@ static void _SetUpCoTDecoding(MDATA_SRC_HANDLE pHandle) {
   _SetUpConverter(pHandle);
 }
 
-static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE hSource) {
+static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE hSource) MD_REQUIRES(g_MetaDataAPIMutex) {
   switch (hSource->Config.enDataType) {
     case MDATA_DATA_COT:
       // KEPT: without CoT support the source opens and receives nothing. CoT over UDP does not test the support.
@@ -729,7 +704,7 @@ static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE hSource) {
 }
 
 // KEPT: both files are opened for a source of either data type.
-static void _OpenSerialCapture(OpeningSource& opening) {
+static void _OpenSerialCapture(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
   opening.hSource->CaptureFP = _OpenCaptureFile("/tmp/rawserial.txt");
   MD_LOG(5, "RAW serial input fp=%p.\n", static_cast<void*>(opening.hSource->CaptureFP));
   opening.hSource->nRawOutputOffset = 0;
@@ -739,7 +714,7 @@ static void _OpenSerialCapture(OpeningSource& opening) {
   opening.xmlOutOpened = true;
 }
 
-static bool _OpenSerialSource(OpeningSource& opening) {
+static bool _OpenSerialSource(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
   MD_LOG(6, "Serial input using device \"%s\".\n", kSerialDevice);
   if (_LocateSerialDataSrc(nullptr)) {
     MD_LOG(6, "Source already exists.\n");  // KEPT: one serial source at a time, of either data type
@@ -774,7 +749,7 @@ static void _OpenUDPCapture(MDATA_SRC_HANDLE hSource) {
   hSource->nRawOutputOffset = 0;
 }
 
-static bool _OpenNetworkSource(OpeningSource& opening) {
+static bool _OpenNetworkSource(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
   MD_LOG(6, "Network metadata source.\n");
   // KEPT: opening a port in use fails without a log line.
   if (_LocateDataSrcByUDPPort(opening.config->in.Network.usUDPPort, nullptr)) return false;
@@ -795,7 +770,7 @@ static bool _OpenNetworkSource(OpeningSource& opening) {
 }
 
 // Any number of sources may share a video input.
-static bool _OpenVideoSource(OpeningSource& opening) {
+static bool _OpenVideoSource(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
   MD_LOG(6, "Video metadata source. KLV source is SDI.\n");
   if (opening.config->enDataType != MDATA_DATA_KLV) return false;
   if (!opening.Alloc()) return false;
@@ -813,7 +788,7 @@ static bool _OpenVideoSource(OpeningSource& opening) {
   return true;
 }
 
-static bool _OpenByInputType(OpeningSource& opening) {
+static bool _OpenByInputType(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
   switch (opening.config->enInputType) {
     case MDATA_INPUT_SERIAL:
       return _OpenSerialSource(opening);
@@ -828,7 +803,7 @@ static bool _OpenByInputType(OpeningSource& opening) {
 }
 
 // Passes the source to the metadata thread. Returns false, without logging, if out of memory for the message.
-static bool _HandOver(MDATA_SRC_HANDLE hSource) {
+static bool _HandOver(MDATA_SRC_HANDLE hSource) MD_REQUIRES(g_MetaDataAPIMutex) {
   MD_LOG(6, "Allocating message for processing thread.\n");
   HMBOXMSG hMsg = _AllocControlMessage(EVENTID_ADD_FD, hSource);
   if (hMsg == nullptr) return false;
@@ -841,7 +816,7 @@ static bool _HandOver(MDATA_SRC_HANDLE hSource) {
 }
 
 // Opens the source and passes it to the metadata thread, after its relay sockets have been made.
-static bool _OpenAndHandOver(OpeningSource& opening) {
+static bool _OpenAndHandOver(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
   bool ok = _OpenByInputType(opening);
   if (ok && _g_bUsingInternalThread)
     ok = _HandOver(opening.hSource);
@@ -873,7 +848,7 @@ BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc) {
 }
 
 // =====================================================================================================
-// 7. Sources: closing. Runs on the encoder's thread without g_MetaDataAPIMutex. If that thread gives up waiting, the
+// 6. Sources: closing. Runs on the encoder's thread without g_MetaDataAPIMutex. If that thread gives up waiting, the
 //    metadata thread finishes the close.
 // =====================================================================================================
 
@@ -931,6 +906,7 @@ BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
   const MDATA_SRC_HANDLE hSource = *phDataSrc;
   if (hSource == nullptr) return FALSE;
   if (!_g_bUsingInternalThread) {  // the library was shut down
+    kMetadataThread.Assume();
     if (hSource->Config.enInputType == MDATA_INPUT_VIDEO) _RemoveVideoSource(nullptr, hSource);
     _UnlinkSource(hSource);
     _ReleaseSource(hSource);
@@ -953,7 +929,7 @@ BOOL MetaData_CloseSource(HMDATASRC* phDataSrc) {
 }
 
 // =====================================================================================================
-// 8. Statistics. Run on the encoder's threads under g_MetaDataAPIMutex while the metadata thread counts: single values
+// 7. Statistics. Run on the encoder's threads under g_MetaDataAPIMutex while the metadata thread counts: single values
 //    are consistent, but a record may mix values from before and after a message.
 // =====================================================================================================
 
@@ -978,7 +954,7 @@ static bool _OpenedWithoutCoTSupport(MDATA_SRC_HANDLE hSource) {
          hSource->Config.enDataType == MDATA_DATA_COT;
 }
 
-static void _GetCoTStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
+static void _GetCoTStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) MD_REQUIRES(g_MetaDataAPIMutex) {
   COT_STATS counters = {};
   if (hSource->pvDecodeCtxt != nullptr && COT_GetStats(hSource->pvDecodeCtxt, &counters)) {
     stats->nRxBytes = counters.nTotalRxBytes;
@@ -990,7 +966,7 @@ static void _GetCoTStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
   if (hSource->hConverter != nullptr) GetCoT2KLVConvertStats(hSource->hConverter, &stats->prot.CoT);
 }
 
-static void _GetKLVStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
+static void _GetKLVStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) MD_REQUIRES(g_MetaDataAPIMutex) {
   KLV_STATS counters = {};
   if (hSource->pvDecodeCtxt != nullptr && GenericKLV_GetStats(hSource->pvDecodeCtxt, &counters)) {
     stats->nRxBytes = counters.nTotalRxBytes;
@@ -1001,7 +977,7 @@ static void _GetKLVStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
   if (_HasKLVInserts(hSource->Config)) _CopyKLVStats(&stats->prot.KLV, hSource->KLVStats);
 }
 
-static void _GetRelayStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
+static void _GetRelayStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) MD_REQUIRES(g_MetaDataAPIMutex) {
   for (UINT32 i = 0; i < hSource->Config.nNumOfRelays; ++i) {
     const RELAYER& relayer = hSource->Relayers[i];
     stats->Relays[i].nRelayedBytes = MdLoad(relayer.nRelayedBytes);
@@ -1013,7 +989,7 @@ static void _GetRelayStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
 }
 
 // KEPT: without detection the last update's time stays the caller's.
-static void _GetDetectionStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) {
+static void _GetDetectionStats(MDATA_SRC_HANDLE hSource, MDATA_SRC_STATS* stats) MD_REQUIRES(g_MetaDataAPIMutex) {
   stats->iSrcTTL = hSource->bDetectTTL ? MdLoad(hSource->SourceTTL) : -1;
   stats->nTTLUpdates = hSource->bDetectTTL ? MdLoad(hSource->nSourceTTLUpdates) : 0;
   if (hSource->bDetectTTL) stats->nLastTTLUpdateUpTimeInSecs = MdLoad(hSource->nLastSourceTTLUpdateUpTimeInSecs);
@@ -1072,7 +1048,7 @@ BOOL MetaData_ResetSourceStats(HMDATASRC hDataSrc) {
   return TRUE;
 }
 
-static void _SetProtocolStats(MDATA_SRC_HANDLE hSource, const MDATA_SRC_STATS* stats) {
+static void _SetProtocolStats(MDATA_SRC_HANDLE hSource, const MDATA_SRC_STATS* stats) MD_REQUIRES(g_MetaDataAPIMutex) {
   if (hSource->Config.enDataType == MDATA_DATA_KLV) {
     _CopyKLVStats(&hSource->KLVStats, stats->prot.KLV);
     return;
@@ -1107,12 +1083,12 @@ BOOL MetaData_SetSourceStats(HMDATASRC hDataSrc, const MDATA_SRC_STATS* pStats) 
 }
 
 // =====================================================================================================
-// 9. Shared steps of the receive paths: raw capture, counting, discarding. Metadata thread; state: the record's capture
+// 8. Shared steps of the receive paths: raw capture, counting, discarding. Metadata thread; state: the record's capture
 //    file. Rewriting and delivery are in md_delivery.
 // =====================================================================================================
 
 // Writes received bytes to the raw capture. A capture that fails or is full is closed and not opened again.
-static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int size) {
+static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int size) MD_REQUIRES(kMetadataThread) {
   if (hSource->CaptureFP == nullptr) return;
   if (!DumpRawData(hSource->CaptureFP, hSource->RxBuffer, size, &hSource->nRawOutputOffset,
                    hSource->Config.nMaxCaptureSizeInKBytes))
@@ -1120,7 +1096,7 @@ static void _CaptureRaw(MDATA_SRC_HANDLE hSource, int size) {
 }
 
 // Counts a message that does not pass through the decoder in the decoder's counters, and feeds the rate.
-static void _CountMessage(MDATA_SRC_HANDLE hSource, int length, time_t now) {
+static void _CountMessage(MDATA_SRC_HANDLE hSource, int length, time_t now) MD_REQUIRES(kMetadataThread) {
   if (hSource->pvDecodeCtxt == nullptr) return;
   KLV_STATS* stats = GenericKLV_GetStatsPtr(hSource->pvDecodeCtxt);
   MdAddFetch(stats->nRxOkMessages, 1);
@@ -1130,7 +1106,7 @@ static void _CountMessage(MDATA_SRC_HANDLE hSource, int length, time_t now) {
 
 // Reads and drops the input of a source whose close was given up, without logging, so that its descriptor does not wake
 // the thread again and again until the source is removed from the read set.
-static void _DiscardInput(MDATA_SRC_HANDLE hSource, int fd) {
+static void _DiscardInput(MDATA_SRC_HANDLE hSource, int fd) MD_REQUIRES(kMetadataThread) {
   ssize_t taken = 0;
   if (hSource->Config.enInputType == MDATA_INPUT_NETWORK) {
     struct iovec part = {hSource->RxBuffer, sizeof(hSource->RxBuffer)};
@@ -1145,12 +1121,12 @@ static void _DiscardInput(MDATA_SRC_HANDLE hSource, int fd) {
 }
 
 // =====================================================================================================
-// 10. KLV paths. The read handlers of serial sources and of KLV over UDP, the message handler of the KLV stream
-//     decoder, and the encoder's release call. Metadata thread, except MetaData_ReleaseBuffer; the serial path holds
-//     g_MetaDataAPIMutex while it reads, decodes and calls back.
+// 9. KLV paths. The read handlers of serial sources and of KLV over UDP, the message handler of the KLV stream
+//    decoder, and the encoder's release call. Metadata thread, except MetaData_ReleaseBuffer; the serial path holds
+//    g_MetaDataAPIMutex while it reads, decodes and calls back.
 // =====================================================================================================
 
-static bool _ReadSerial(MDATA_SRC_HANDLE hSource, int fd) {
+static bool _ReadSerial(MDATA_SRC_HANDLE hSource, int fd) MD_REQUIRES(kMetadataThread, g_MetaDataAPIMutex) {
   const int received = static_cast<int>(read(fd, hSource->RxBuffer, kSerialReadSize));
   if (received <= 0) {
     MD_LOG(7, "read FAILED.\n");  // KEPT: the descriptor stays in the read set
@@ -1165,20 +1141,20 @@ static bool _ReadSerial(MDATA_SRC_HANDLE hSource, int fd) {
 }
 
 void _SerialDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
+  kMetadataThread.Assume();
   const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
   MD_LOG(7, "Called fd=%d.\n", iFD);
-  bool gotData = true;
-  {
-    const TryApiLock lock;
-    if (!lock.IsHeld()) return;  // a source is being opened: the bytes stay for the next pass
-    gotData = _ReadSerial(hSource, iFD);
-  }
+  // An opener holds the mutex while it waits for this very thread: the bytes stay for the next pass.
+  if (!g_MetaDataAPIMutex.LockWithin(kSerialLockMs)) return;
+  const bool gotData = _ReadSerial(hSource, iFD);
+  g_MetaDataAPIMutex.Unlock();
   // A device that has hung up stays readable, but without data: do not spin on it.
   if (!gotData) _SleepMs(1);
 }
 
 void _KLV_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
+  kMetadataThread.Assume();
   const time_t now = time(nullptr);
   const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(hSource)) return;  // the rest of a chunk
@@ -1197,6 +1173,7 @@ void _KLV_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
 }
 
 void _KLV_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
+  kMetadataThread.Assume();
   const time_t now = time(nullptr);
   const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
@@ -1231,11 +1208,11 @@ void MetaData_ReleaseBuffer(MDATA_BUFFER* pBuff) {
 }
 
 // =====================================================================================================
-// 11. CoT paths. The read handler of CoT over UDP and the message handler of the serial CoT decoder. Metadata thread;
+// 10. CoT paths. The read handler of CoT over UDP and the message handler of the serial CoT decoder. Metadata thread;
 //     the serial one runs inside the serial read handler, under g_MetaDataAPIMutex.
 // =====================================================================================================
 
-static void _CountCoTDatagram(MDATA_SRC_HANDLE hSource, int length) {
+static void _CountCoTDatagram(MDATA_SRC_HANDLE hSource, int length) MD_REQUIRES(kMetadataThread) {
   if (hSource->pvDecodeCtxt == nullptr) return;
   COT_STATS* stats = COT_GetStatsPtr(hSource->pvDecodeCtxt);
   MdAddFetch(stats->nRxOkMessages, 1);
@@ -1244,7 +1221,8 @@ static void _CountCoTDatagram(MDATA_SRC_HANDLE hSource, int length) {
 
 // Converts one event. Returns true if a packet was produced, with the converter's length. Producing none while waiting
 // for the partner event is normal and not logged.
-static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* xml, int size, MdBufferRef& packet, int* length) {
+static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* xml, int size, MdBufferRef& packet, int* length)
+    MD_REQUIRES(kMetadataThread) {
   if (hSource->hConverter == nullptr) return false;
   *length = ConvertCoT2KLV(hSource->hConverter, xml, size, packet.Out());
   if (*length > 0 && packet.Get() != nullptr) return true;
@@ -1255,7 +1233,7 @@ static bool _Convert(MDATA_SRC_HANDLE hSource, const BYTE* xml, int size, MdBuff
 // Rewrites a converted packet and counts it. Returns false if nothing is left to send.
 // KEPT: the length after rewriting counts, and feeds the rate.
 static bool _RewriteAndCountConverted(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MdBufferRef& packet,
-                                      int* length) {
+                                      int* length) MD_REQUIRES(kMetadataThread) {
   const Rewritten result = _RewriteOnPath(hSource, texts, packet->pcData, *length, packet);
   if (result == Rewritten::Dropped) return false;
   if (result == Rewritten::Replaced) *length = packet->nDataSize;
@@ -1265,6 +1243,7 @@ static bool _RewriteAndCountConverted(MDATA_SRC_HANDLE hSource, const PathTexts&
 }
 
 void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
+  kMetadataThread.Assume();
   const time_t now = time(nullptr);
   const MDATA_SRC_HANDLE hSource = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
@@ -1292,6 +1271,7 @@ void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
 }
 
 void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
+  kMetadataThread.Assume();
   const time_t now = time(nullptr);
   const MDATA_SRC_HANDLE pHandle = static_cast<MDATA_SRC_HANDLE>(pvParam1);
   if (_IsGivenUp(pHandle)) return;   // the rest of a chunk
@@ -1311,7 +1291,7 @@ void _CoT_RxCallBack(MDATA_BUFFER* pBuff, void* pvParam1) {
 }
 
 // =====================================================================================================
-// 12. Video path and decimation. The read handler of a video input's capture, which serves every source of that
+// 11. Video path and decimation. The read handler of a video input's capture, which serves every source of that
 //     input. Metadata thread; no lock. State: the records' DecimateCtrl and the library-wide _tLastLogTime.
 // =====================================================================================================
 
@@ -1354,7 +1334,7 @@ BOOL _ShouldDecimateKLV(MDATA_SRC_HANDLE hSource, MDATA_TIMESTAMP TimeStamp) {
 
 // Rewrites a captured packet if the source asks for it, and logs that in this path's own lines. Returns false if
 // nothing is left to send.
-static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MdBufferRef& buffer) {
+static bool _RewriteCaptured(MDATA_SRC_HANDLE hSource, MdBufferRef& buffer) MD_REQUIRES(kMetadataThread) {
   if (!_WantsRewriting(hSource)) {
     MD_LOG(7, "No mission ID or security data set defined for source#%d.\n", hSource->Config.nIndex);
     return true;
@@ -1384,7 +1364,9 @@ void _FeedSDIDataSource(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* pBuff, UINT64 nT
 }
 
 // Passes a copy of the packet to every source of the input.
-static void _DistributePacket(int interface, const MDATA_BUFFER* buffer, UINT64 timeStamp) {
+static void _DistributePacket(int interface, const MDATA_BUFFER* buffer, UINT64 timeStamp)
+    MD_REQUIRES(kMetadataThread) {
+  _g_SrcListLock.AssumeOnlyWriter();
   for (const FNODE_D* node = g_MetaDataSrcList.pHead; node != nullptr; node = node->pNext) {
     const MDATA_SRC_HANDLE hSource = _SourceOf(node);
     if (hSource->Config.enInputType != MDATA_INPUT_VIDEO) continue;
@@ -1396,14 +1378,15 @@ static void _DistributePacket(int interface, const MDATA_BUFFER* buffer, UINT64 
   }
 }
 
-static int _CountSources() {
+static int _CountSources() MD_REQUIRES(kMetadataThread) {
+  _g_SrcListLock.AssumeOnlyWriter();
   int count = 0;
   for (const FNODE_D* node = g_MetaDataSrcList.pHead; node != nullptr; node = node->pNext) ++count;
   return count;
 }
 
 // Reads one packet from the capture and distributes it.
-static Pulled _PullPacket(int fd, int interface) {
+static Pulled _PullPacket(int fd, int interface) MD_REQUIRES(kMetadataThread) {
   MDATA_BUFFER* packet = nullptr;
   // The capture may write kVideoRoom bytes behind the reserve, so the buffer has that much room there.
   if (!DoAllocBuffer(kVideoRoom + MDATA_STREAM_HEADER_SIZE, &packet)) {
@@ -1427,6 +1410,7 @@ static Pulled _PullPacket(int fd, int interface) {
 }
 
 void _SDIDataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
+  kMetadataThread.Assume();
   const int interface = static_cast<int>(reinterpret_cast<intptr_t>(pvParam1));
   const time_t now = time(nullptr);
   MD_LOG(7, "Called.\n");

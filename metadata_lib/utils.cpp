@@ -7,13 +7,13 @@
 #include "utils.h"
 
 #include <limits.h>
-#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "host_thread.h"
 #include "md_atomic.h"
 #include "md_core.h"
+#include "md_mutex.h"
 
 #define MD_MODULE "utils"
 #include "md_log.h"
@@ -27,7 +27,7 @@ int32_t _g_nAllocatedBuffers = 0;
 int32_t _g_nMaxAllocatedBuffers = 0;
 
 // Serialises releases. Recursive, so that a host's assertion handler may release a buffer itself.
-static pthread_mutex_t _g_BufferMutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+static constinit MdMutex _g_BufferMutex{MdMutex::Recursive{}};
 
 // KEPT: the counters change without the mutex here and under it in the release; they only feed the log line.
 static void _CountAllocation(const char* function, int line) {
@@ -87,7 +87,7 @@ static void _SaveStateIfDebugging(int line) {
 void DoReleaseBuffer(MDATA_BUFFER** ppBuffer) {
   MDATA_BUFFER* buffer = *ppBuffer;
   _SaveStateIfDebugging(__LINE__);
-  pthread_mutex_lock(&_g_BufferMutex);
+  _g_BufferMutex.Lock();
   _SaveStateIfDebugging(__LINE__);
   // KEPT: releasing once too often is reported; the count still goes down, and nothing is freed.
   MD_ASSERT_TEXT(MdLoadAcquire(buffer->nRefCount) > 0, "pBuffer->nRefCount > 0");
@@ -96,7 +96,7 @@ void DoReleaseBuffer(MDATA_BUFFER** ppBuffer) {
     MdAddFetch(_g_nAllocatedBuffers, -1);
   }
   _SaveStateIfDebugging(__LINE__);
-  pthread_mutex_unlock(&_g_BufferMutex);
+  _g_BufferMutex.Unlock();
   _SaveStateIfDebugging(__LINE__);
   *ppBuffer = nullptr;
 }

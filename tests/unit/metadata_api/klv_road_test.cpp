@@ -536,7 +536,7 @@ TEST_F(KlvSerialTest, DeviceThatHungUpIsReadInPeace) {
 TEST_F(KlvSerialTest, BytesWaitWhileAnotherHoldsTheLibrary) {
   OpenSerial();
   host().FeedSerial(m_source->iFD, WellFormedMessage());
-  pthread_mutex_lock(&g_MetaDataAPIMutex);
+  g_MetaDataAPIMutex.Lock();
   const timespec before = Monotonic();
   host().Pass();
   const timespec after = Monotonic();
@@ -544,7 +544,7 @@ TEST_F(KlvSerialTest, BytesWaitWhileAnotherHoldsTheLibrary) {
   EXPECT_EQ(host().Calls("pthread_mutex_clocklock"), 1) << "one wait, which ends as soon as the library is free";
   EXPECT_EQ(host().Calls("nanosleep"), 0);
   EXPECT_EQ((after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000, 20);
-  pthread_mutex_unlock(&g_MetaDataAPIMutex);
+  g_MetaDataAPIMutex.Unlock();
   host().PassUntilIdle();
   ExpectDelivered(WellFormedMessage());
 }
@@ -553,14 +553,14 @@ TEST_F(KlvSerialTest, WaitForTheLibraryMayCrossASecond) {
   OpenSerial();
   host().Advance(990 - Monotonic().tv_nsec / 1000000);
   host().FeedSerial(m_source->iFD, WellFormedMessage());
-  pthread_mutex_lock(&g_MetaDataAPIMutex);
+  g_MetaDataAPIMutex.Lock();
   const timespec before = Monotonic();
   host().Pass();
   const timespec after = Monotonic();
   EXPECT_EQ(before.tv_nsec, 990000000);
   EXPECT_EQ(after.tv_sec, before.tv_sec + 1);
   EXPECT_EQ(after.tv_nsec, 10000000);
-  pthread_mutex_unlock(&g_MetaDataAPIMutex);
+  g_MetaDataAPIMutex.Unlock();
   host().PassUntilIdle();
   ExpectDelivered(WellFormedMessage());
 }
@@ -571,8 +571,8 @@ TEST_F(KlvSerialTest, LibraryIsHeldWhileTheEncoderIsCalled) {
   result = 0;
   config.pfnCallback = [](MDATA_BUFFER*, void*, void*) -> BOOL {
     std::thread other([] {
-      result = pthread_mutex_trylock(&g_MetaDataAPIMutex);
-      if (result == 0) pthread_mutex_unlock(&g_MetaDataAPIMutex);
+      result = g_MetaDataAPIMutex.TryLock() ? 0 : EBUSY;
+      if (result == 0) g_MetaDataAPIMutex.Unlock();
     });
     other.join();
     return TRUE;

@@ -585,10 +585,10 @@ TEST_F(StatsTest, CallsHoldTheLibrarysMutex) {
   busy = 0;
   const auto probe = [] {
     std::thread other([] {
-      if (pthread_mutex_trylock(&g_MetaDataAPIMutex) != 0)
-        ++busy;
+      if (g_MetaDataAPIMutex.TryLock())
+        g_MetaDataAPIMutex.Unlock();
       else
-        pthread_mutex_unlock(&g_MetaDataAPIMutex);
+        ++busy;
     });
     other.join();
   };
@@ -602,7 +602,7 @@ TEST_F(StatsTest, CallsHoldTheLibrarysMutex) {
   EXPECT_EQ(busy, 2);
 
   // Getting waits for whoever holds it.
-  pthread_mutex_lock(&g_MetaDataAPIMutex);
+  g_MetaDataAPIMutex.Lock();
   std::atomic<bool> done = false;
   std::thread getter([&] {
     Get();
@@ -610,7 +610,7 @@ TEST_F(StatsTest, CallsHoldTheLibrarysMutex) {
   });
   for (int i = 0; i < 1000; ++i) std::this_thread::yield();
   EXPECT_FALSE(done);
-  pthread_mutex_unlock(&g_MetaDataAPIMutex);
+  g_MetaDataAPIMutex.Unlock();
   getter.join();
   EXPECT_TRUE(done);
 }
