@@ -7,63 +7,44 @@
 #define HOST_MODULE "config"
 
 #include <arpa/inet.h>
-#include <strings.h>
 
-#include <charconv>
+#include <cstddef>
+#include <cstdint>
 #include <cstdlib>
-#include <filesystem>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <string>
 
-#include "ini_file.h"
+#include "ini_text.h"
 #include "runtime_state.h"
+#include "text_file.h"
+#include "value_text.h"
 
 namespace host_runtime {
 namespace {
 
 // --- Values ------------------------------------------------------------------------------------------
-// Each returns "" or one line that names the key, the value and what is allowed.
-
-std::string Refuse(const std::string& key, const std::string& value, const std::string& allowed) {
-  return key + " = " + value + " is not allowed; allowed: " + allowed;
-}
+// Each returns "", or one line that names the key, the value and what is allowed.
 
 template <typename Number>
-std::string TakeNumber(const std::string& key, const std::string& value, Number low, Number high, Number* out) {
-  Number number{};
-  const char* const end = value.data() + value.size();
-  const auto [stop, problem] = std::from_chars(value.data(), end, number);
-  if (problem != std::errc() || stop != end || number < low || number > high) {
-    return Refuse(key, value, std::to_string(low) + " to " + std::to_string(high));
-  }
-  *out = number;
+std::string ReadNumber(const std::string& key, const std::string& value, Number lowest, Number highest,
+                       Number* number) {
+  const auto parsed = value_text::ParseWholeNumber(value, lowest, highest);
+  if (!parsed) return value_text::Refusal(key, value, value_text::WholeNumberRange(lowest, highest));
+  *number = static_cast<Number>(*parsed);
   return {};
 }
 
-std::string TakeSwitch(const std::string& key, const std::string& value, bool* out) {
-  for (const char* yes : {"yes", "true", "on", "1"}) {
-    if (strcasecmp(value.c_str(), yes) == 0) {
-      *out = true;
-      return {};
-    }
-  }
-  for (const char* no : {"no", "false", "off", "0"}) {
-    if (strcasecmp(value.c_str(), no) == 0) {
-      *out = false;
-      return {};
-    }
-  }
-  return Refuse(key, value, "yes, no");
+std::string ReadSwitch(const std::string& key, const std::string& value, bool* isOn) {
+  const auto parsed = value_text::ParseSwitch(value);
+  if (!parsed) return value_text::Refusal(key, value, value_text::kSwitchValues);
+  *isOn = *parsed;
+  return {};
 }
 
 std::string UnknownKey(const std::string& section, const std::string& key, const std::string& allowed) {
   return "[" + section + "] has no key " + key + "; allowed: " + allowed;
-}
-
-// Names in the file are relative to the file's own folder.
-std::string Beside(const std::string& file, const std::string& name) {
-  if (name.empty() || name.find("://") != std::string::npos) return name;
-  const std::filesystem::path path(name);
-  return path.is_absolute() ? name : (std::filesystem::path(file).parent_path() / path).lexically_normal().string();
 }
 
 // --- Sections ----------------------------------------------------------------------------------------
@@ -73,21 +54,21 @@ struct Loader {
   HostRuntimeConfig config;
 
   std::string Log(const std::string& key, const std::string& value) {
-    if (key == "level") return TakeNumber(key, value, 0, 8, &config.logLevel);
+    if (key == "level") return ReadNumber(key, value, 0, 8, &config.logLevel);
     if (key == "file") {
-      config.logFile = Beside(file, value);
+      config.logFile = ini::Beside(file, value);
       return {};
     }
-    if (key == "console") return TakeSwitch(key, value, &config.console);
-    if (key == "burst") return TakeNumber(key, value, 1u, 1'000'000u, &config.logBurst);
-    if (key == "rate") return TakeNumber(key, value, 0u, 1'000'000u, &config.logRate);
-    if (key.starts_with("level.")) return TakeNumber(key, value, 0, 8, &config.moduleLevels[key.substr(6)]);
+    if (key == "console") return ReadSwitch(key, value, &config.console);
+    if (key == "burst") return ReadNumber(key, value, 1u, 1'000'000u, &config.logBurst);
+    if (key == "rate") return ReadNumber(key, value, 0u, 1'000'000u, &config.logRate);
+    if (key.starts_with("level.")) return ReadNumber(key, value, 0, 8, &config.moduleLevels[key.substr(6)]);
     return UnknownKey("log", key, "level, level.MODULE, file, console, burst, rate");
   }
 
   std::string Threads(const std::string& key, const std::string& value) {
-    if (key == "realtime") return TakeSwitch(key, value, &config.realtimeThreads);
-    if (key == "states") return TakeSwitch(key, value, &config.threadStates);
+    if (key == "realtime") return ReadSwitch(key, value, &config.realtimeThreads);
+    if (key == "states") return ReadSwitch(key, value, &config.threadStates);
     return UnknownKey("threads", key, "realtime, states");
   }
 
@@ -104,19 +85,19 @@ struct Loader {
       static const std::map<std::string, Kind> kKinds = {
           {"none", Kind::None}, {"media", Kind::Media}, {"anc", Kind::Anc}, {"socket", Kind::Socket}};
       const auto kind = kKinds.find(value);
-      if (kind == kKinds.end()) return Refuse(key, value, "none, media, anc, socket");
+      if (kind == kKinds.end()) return value_text::Refusal(key, value, "one of none, media, anc, socket");
       capture.kind = kind->second;
       return {};
     }
     if (key == "path") {
-      capture.path = Beside(file, value);
+      capture.path = ini::Beside(file, value);
       return {};
     }
-    if (key == "loop") return TakeSwitch(key, value, &capture.loop);
-    if (key == "port") return TakeNumber(key, value, std::uint16_t{1}, std::uint16_t{65535}, &capture.port);
+    if (key == "loop") return ReadSwitch(key, value, &capture.loop);
+    if (key == "port") return ReadNumber(key, value, std::uint16_t{1}, std::uint16_t{65535}, &capture.port);
     if (key == "address") {
       in_addr address{};
-      if (inet_pton(AF_INET, value.c_str(), &address) != 1) return Refuse(key, value, "an IPv4 address");
+      if (inet_pton(AF_INET, value.c_str(), &address) != 1) return value_text::Refusal(key, value, "an IPv4 address");
       capture.address = value;
       return {};
     }
@@ -128,11 +109,11 @@ struct Loader {
     if (section == "threads") return Threads(key, value);
     if (section == "network") return Network(key, value);
     if (section == "serial") {
-      config.serialDevices[key] = Beside(file, value);
+      config.serialDevices[key] = ini::Beside(file, value);
       return {};
     }
     if (section == "files") {
-      config.configFiles[key] = Beside(file, value);
+      config.configFiles[key] = ini::Beside(file, value);
       return {};
     }
     if (section.size() == 8 && section.starts_with("capture") && section.back() >= '0' && section.back() <= '3') {
@@ -141,8 +122,8 @@ struct Loader {
     return "unknown section [" + section + "]; allowed: log, threads, network, serial, files, capture0 to capture3";
   }
 
-  // What one key alone cannot tell.
-  std::string Complete() const {
+  // The faults that no key shows alone.
+  std::string CheckTogether() const {
     for (std::size_t i = 0; i < config.captures.size(); ++i) {
       const HostCaptureConfig& capture = config.captures[i];
       using Kind = HostCaptureConfig::Kind;
@@ -152,6 +133,21 @@ struct Loader {
       if (capture.kind == Kind::Anc && capture.port == 0) return section + " kind = anc needs the key port";
     }
     return {};
+  }
+
+  std::string Load(const std::string& text) {
+    const auto at = [this](int line, const std::string& problem) {
+      return file + ":" + std::to_string(line) + ": " + problem;
+    };
+    if (const auto fault = ini::FindZeroByte(text)) return at(fault->line, fault->text);
+    const ini::Contents contents = ini::Parse(text);
+    if (contents.fault) return at(contents.fault->line, contents.fault->text);
+    for (const ini::Entry& entry : contents.entries) {
+      const std::string problem = Key(entry.section, entry.key, entry.value);
+      if (!problem.empty()) return at(entry.line, problem);
+    }
+    const std::string problem = CheckTogether();
+    return problem.empty() ? problem : file + ": " + problem;
   }
 };
 
@@ -202,15 +198,12 @@ using namespace host_runtime;
 
 bool HostRuntime_Load(const std::string& path, HostRuntimeConfig& config, std::string& error) {
   return Guarded(false, [&] {
+    std::string text;
+    error = ReadTextFile(path, &text);
+    if (!error.empty()) return false;
     Loader loader{path, config};
-    const auto take = [&loader](const std::string& section, const std::string& key, const std::string& value) {
-      return loader.Key(section, key, value);
-    };
-    if (!ReadIniFile(path, take, &error)) return false;
-    if (const std::string problem = loader.Complete(); !problem.empty()) {
-      error = path + ": " + problem;
-      return false;
-    }
+    error = loader.Load(text);
+    if (!error.empty()) return false;
     config = std::move(loader.config);
     return true;
   });

@@ -10,9 +10,10 @@
 #include <optional>
 #include <string>
 
-#include "ini_file.h"
+#include "ini_text.h"
 #include "runtime_state.h"
 #include "st0601_items.h"
+#include "text_file.h"
 
 using namespace host_runtime;
 
@@ -81,14 +82,18 @@ BOOL CfgFile_GetStringValue(const char* szFile, const char* szSection, const cha
     const auto config = Config();
     const auto mapped = config->configFiles.find(szFile);
     const std::string path = mapped == config->configFiles.end() ? szFile : mapped->second;
+    std::string text;
+    std::string problem = ReadTextFile(path, &text);
+    const ini::Contents contents = ini::Parse(text);
     std::optional<std::string> value;
-    std::string error;
-    const auto take = [&](const std::string& section, const std::string& key, const std::string& text) {
-      if (section == szSection && key == szKey) value = text;
-      return std::string();
-    };
-    // A file that is not there is the usual case. In one with a bad line, what stands before it counts.
-    if (!ReadIniFile(path, take, &error)) HOST_LOG(access(path.c_str(), F_OK) == 0 ? 3 : 6, "%s.\n", error.c_str());
+    for (const ini::Entry& entry : contents.entries) {
+      if (entry.section == szSection && entry.key == szKey) value = entry.value;
+    }
+    if (problem.empty() && contents.fault) {
+      problem = path + ":" + std::to_string(contents.fault->line) + ": " + contents.fault->text;
+    }
+    // A file that does not exist is the usual case. The readable lines of a damaged one count.
+    if (!problem.empty()) HOST_LOG(access(path.c_str(), F_OK) == 0 ? 3 : 6, "%s.\n", problem.c_str());
     const auto otherwise = config->configDefaults.find({szFile, szSection, szKey});
     if (!value && otherwise != config->configDefaults.end()) value = otherwise->second;
     return value;
