@@ -15,6 +15,7 @@
 
 #include "host_serial.h"
 #include "section.h"
+#include "value_text.h"
 #include "values.h"
 
 namespace mdencoder {
@@ -119,32 +120,32 @@ void ReadModuleLevels(Section& section, EncoderSettings& settings) {
   if (value == nullptr) return;
   for (const std::string& part : SplitList(*value)) {
     const size_t colon = part.find(':');
-    const auto level =
-        colon == std::string::npos || colon == 0 ? std::nullopt : ParseNumber(Trim(part.substr(colon + 1)), 0, 8);
+    const auto level = colon == std::string::npos || colon == 0
+                           ? std::nullopt
+                           : value_text::ParseWholeNumber(Trim(part.substr(colon + 1)), 0, 8);
     if (!level) section.Fail("log_levels", *value, "a list of MODULE:LEVEL with levels 0 to 8");
     settings.moduleLevels.emplace_back(Trim(part.substr(0, colon)), static_cast<int>(*level));
   }
 }
 
-EncoderSettings ReadEncoder(const IniSection& ini) {
-  constexpr size_t kLongestPath = 4095;
-  Section section(ini, kEncoderKeys);
+EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
+  Section section(ini, kEncoderKeys, iniPath);
   EncoderSettings settings;
   settings.capabilities = ReadCapabilities(section);
-  settings.library = section.Text("library", kLongestPath);
-  settings.hostConfig = section.Text("host_config", kLongestPath);
-  settings.outputDir = section.Text("output_dir", kLongestPath);
-  settings.streamHeader = section.Flag("stream_header", false);
-  settings.extendedTags = section.Flag("extended_tags", true);
+  settings.library = section.Path("library");
+  settings.hostConfig = section.Path("host_config");
+  settings.outputDir = section.Path("output_dir");
+  settings.streamHeader = section.Switch("stream_header", false);
+  settings.extendedTags = section.Switch("extended_tags", true);
   settings.format = static_cast<Format>(section.Choice("format", kFormats, 0));
-  settings.live = section.Flag("live", false);
+  settings.live = section.Switch("live", false);
   settings.logLevel = static_cast<int>(section.Number("log_level", 0, 8, -1));
   ReadModuleLevels(section, settings);
   settings.statusInterval = section.Real("status_interval", 0, 3600, settings.statusInterval);
   settings.statsInterval = section.Real("stats_interval", 0, 86400, 0);
-  settings.statsJson = section.Text("stats_json", kLongestPath);
-  settings.statsFile = section.Text("stats_file", kLongestPath);
-  settings.summary = section.Text("summary", kLongestPath);
+  settings.statsJson = section.Path("stats_json");
+  settings.statsFile = section.Path("stats_file");
+  settings.summary = section.Path("summary");
   settings.duration = section.Real("duration", 0, 1e9, 0);
   settings.messages = static_cast<uint64_t>(section.Number("messages", 0, INT64_MAX, 0));
   settings.messagesEach = static_cast<uint64_t>(section.Number("messages_each", 0, INT64_MAX, 0));
@@ -176,7 +177,7 @@ void ReadSerial(Section& section, MDATA_SERIAL_SRC_CFG& serial) {
 void ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
   const int64_t port = section.Number("port", 1, 65535, 0);
   if (port == 0)
-    throw ConfigError("[" + section.Name() + "] port is missing: allowed is a whole number from 1 to 65535");
+    throw ConfigError("[" + section.Name() + "] port is missing; it must be a whole number from 1 to 65535");
   network.usUDPPort = static_cast<USHORT>(port);
   constexpr int32_t kFamilyValues[] = {0, AF_INET, AF_INET6};
   network.iSrcAddressFamily = kFamilyValues[section.Choice("family", kFamilies, 0)];
@@ -197,7 +198,7 @@ constexpr int64_t kLargestDeltaMs = INT32_MAX / 1000;
 void ReadCot(Section& section, MDATA_COT_CFG& cot) {
   cot.nMaxAirCraftSPITimeDeltaInMs = static_cast<UINT64>(section.Number("cot_delta_ms", 0, kLargestDeltaMs, 500));
   Copy(cot.szSpiUid, section.Text("cot_sensor", sizeof(cot.szSpiUid) - 1));
-  cot.bSensorDiscovery = section.Flag("cot_discovery", false) ? TRUE : FALSE;
+  cot.bSensorDiscovery = section.Switch("cot_discovery", false) ? TRUE : FALSE;
 }
 
 void ReadRelays(Section& section, MDATA_SRC_CFG& record) {
@@ -246,27 +247,28 @@ void CheckName(const std::string& name) {
            c == '.';
   };
   if (name.size() > 64 || !std::all_of(name.begin(), name.end(), fits) || name.starts_with('.')) {
-    throw ConfigError("[" + name + "]: allowed is a source name of up to 64 letters, digits, '_', '-' and '.'");
+    throw ConfigError("[" + name + "] must be a source name of up to 64 letters, digits, '_', '-' and '.'");
   }
 }
 
-SourceSettings ReadSource(const IniSection& ini, UINT32 index) {
+SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UINT32 index) {
   CheckName(ini.name);
-  Section section(ini, kSourceKeys);
+  Section section(ini, kSourceKeys, iniPath);
   SourceSettings source;
   source.name = ini.name;
   MDATA_SRC_CFG& record = source.record;
   record.nSize = sizeof(record);
   record.nIndex = static_cast<UINT32>(section.Number("index", 0, UINT32_MAX, index));
   record.enInputType = section.Choice("input", kInputs, -1);
-  if (record.enInputType < 0) throw ConfigError("[" + ini.name + "] input is missing: allowed is serial, udp, video");
+  if (record.enInputType < 0)
+    throw ConfigError("[" + ini.name + "] input is missing; it must be one of " + Join(kInputs));
   record.enDataType = section.Choice("data", kData, MDATA_DATA_KLV);
   source.input = kInputs[record.enInputType];
   source.data = kData[record.enDataType];
-  source.output = section.Text("output", 4095);
+  source.output = section.Path("output");
   switch (record.enInputType) {
     case MDATA_INPUT_SERIAL:
-      source.device = section.Text("device", 4095);
+      source.device = section.Path("device");
       ReadSerial(section, record.in.Serial);
       break;
     case MDATA_INPUT_NETWORK:
@@ -283,12 +285,12 @@ SourceSettings ReadSource(const IniSection& ini, UINT32 index) {
   Copy(record.szMissionID, section.Text("mission_id", sizeof(record.szMissionID) - 1));
   ReadClassification(section, record);
   ReadFilters(section, record);
-  record.bCaptureToDisk = section.Flag("capture", false) ? TRUE : FALSE;
+  record.bCaptureToDisk = section.Switch("capture", false) ? TRUE : FALSE;
   if (record.bCaptureToDisk) {
     record.nMaxCaptureSizeInKBytes = static_cast<int32_t>(section.Number("capture_limit_kb", 0, INT32_MAX, 1024));
   }
-  if (const auto* unused = section.Unused()) {
-    section.Fail(unused->first, unused->second, "only " + ConditionOf(unused->first));
+  if (const std::string* unused = section.UnusedKey()) {
+    throw ConfigError("[" + ini.name + "] " + *unused + " is allowed only " + ConditionOf(*unused));
   }
   return source;
 }
@@ -309,7 +311,7 @@ DWORD CapabilitiesFor(const std::vector<SourceSettings>& sources) {
 void CheckCapabilities(const SourceSettings& source, DWORD capabilities) {
   const auto require = [&](bool needed, DWORD capability, const std::string& key, const char* name) {
     if (!needed || (capabilities & capability) != 0) return;
-    throw ConfigError("[" + source.name + "] " + key + ": allowed only with " + name + " among the capabilities");
+    throw ConfigError("[" + source.name + "] " + key + " is allowed only with " + name + " among the capabilities");
   };
   const MDATA_SRC_CFG& record = source.record;
   const bool network = record.enInputType == MDATA_INPUT_NETWORK;
@@ -321,23 +323,23 @@ void CheckCapabilities(const SourceSettings& source, DWORD capabilities) {
 
 void CheckTogether(const Config& config) {
   const auto& sources = config.sources;
-  if (sources.empty()) throw ConfigError("no source: allowed is one section per source with at least its input");
+  if (sources.empty()) throw ConfigError("there is no source; each source is a section with at least its input");
   for (auto it = sources.begin(); it != sources.end(); ++it) {
     CheckCapabilities(*it, config.encoder.capabilities);
     for (auto other = sources.begin(); other != it; ++other) {
       if (!it->output.empty() && it->output == other->output) {
-        throw ConfigError("[" + it->name + "] output = " + it->output + ": allowed is a file per source, and [" +
-                          other->name + "] has this one");
+        throw ConfigError("[" + it->name + "] output must be a file of its own, and [" + other->name + "] has \"" +
+                          it->output + "\"");
       }
       if (it->record.enInputType != other->record.enInputType) continue;
       if (it->record.enInputType == MDATA_INPUT_SERIAL) {
-        throw ConfigError("[" + it->name + "] input = serial: allowed is one serial source, and [" + other->name +
-                          "] is one");
+        throw ConfigError("[" + it->name + "] input = serial is allowed for one source only, and [" + other->name +
+                          "] has it");
       }
       if (it->record.enInputType == MDATA_INPUT_NETWORK &&
           it->record.in.Network.usUDPPort == other->record.in.Network.usUDPPort) {
-        throw ConfigError("[" + it->name + "] port = " + std::to_string(it->record.in.Network.usUDPPort) +
-                          ": allowed is one source per port, and [" + other->name + "] has it");
+        throw ConfigError("[" + it->name + "] port must be a port of its own, and [" + other->name + "] has " +
+                          std::to_string(it->record.in.Network.usUDPPort));
       }
     }
   }
@@ -345,13 +347,13 @@ void CheckTogether(const Config& config) {
 
 }  // namespace
 
-Config MakeConfig(const std::vector<IniSection>& sections) {
+Config MakeConfig(const std::vector<IniSection>& sections, const std::string& iniPath) {
   Config config;
   for (const IniSection& section : sections) {
     if (section.name == kEncoder) {
-      config.encoder = ReadEncoder(section);
+      config.encoder = ReadEncoder(section, iniPath);
     } else {
-      config.sources.push_back(ReadSource(section, static_cast<UINT32>(config.sources.size() + 1)));
+      config.sources.push_back(ReadSource(section, iniPath, static_cast<UINT32>(config.sources.size() + 1)));
     }
   }
   if (config.encoder.capabilities == 0) config.encoder.capabilities = CapabilitiesFor(config.sources);
@@ -364,11 +366,11 @@ Config LoadConfig(const std::string& path, const std::vector<std::pair<std::stri
   auto encoder = std::find_if(sections.begin(), sections.end(), [](const auto& s) { return s.name == kEncoder; });
   if (encoder == sections.end()) encoder = sections.insert(sections.begin(), IniSection{kEncoder, {}});
   for (const auto& [key, value] : overrides) {
-    std::erase_if(encoder->values, [&name = key](const auto& entry) { return entry.first == name; });
-    encoder->values.emplace_back(key, value);
+    std::erase_if(encoder->entries, [&name = key](const ini::Entry& entry) { return entry.key == name; });
+    encoder->entries.push_back({kEncoder, key, value, kCommandLine});
   }
   try {
-    return MakeConfig(sections);
+    return MakeConfig(sections, path);
   } catch (const ConfigError& error) {
     throw ConfigError(path + ": " + error.what());
   }

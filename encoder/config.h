@@ -54,9 +54,12 @@ struct Config {
   std::vector<SourceSettings> sources;
 };
 
-/* Both throw ConfigError. */
-Config MakeConfig(const std::vector<IniSection>& sections);
-/* `overrides` are keys of the [encoder] section that the command line gives; they replace those of the file. */
+/* Both throw ConfigError. Relative names of files are relative to the folder of `iniPath`. */
+Config MakeConfig(const std::vector<IniSection>& sections, const std::string& iniPath);
+/*
+ * `overrides` are keys of the [encoder] section that the command line gives; they replace those of the file. Their
+ * relative names of files are relative to the working directory, as are those of the standard input ("-").
+ */
 Config LoadConfig(const std::string& path, const std::vector<std::pair<std::string, std::string>>& overrides = {});
 
 }  // namespace mdencoder

@@ -1,15 +1,16 @@
-/* Reading an INI file into sections, in the order of the file. */
+// Reading an INI file into sections, in the order of the file.
 #ifndef MDENCODER_INI_FILE_H
 #define MDENCODER_INI_FILE_H
 
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
+
+#include "ini_text.h"
 
 namespace mdencoder {
 
-/* A fault of the configuration; what() is one line that names the place, the value and what is allowed. */
+// A fault of the configuration; what() is one line that names the place, the value and what is allowed.
 class ConfigError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -17,14 +18,15 @@ class ConfigError : public std::runtime_error {
 
 struct IniSection {
   std::string name;
-  std::vector<std::pair<std::string, std::string>> values;
+  std::vector<ini::Entry> entries;  // each key once
 };
 
-/* Throws ConfigError for a line that cannot be read, a key outside a section and a key given twice. */
+// Throws ConfigError for a line that cannot be read, a key outside a section and a key given twice. The lines of a
+// section may stand in several places of the text.
 std::vector<IniSection> ParseIni(const std::string& text);
-/* The same for a file; "-" is the standard input. */
+// Does the same for a file; "-" is the standard input.
 std::vector<IniSection> ReadIni(const std::string& path);
 
 }  // namespace mdencoder
 
-#endif
+#endif  // MDENCODER_INI_FILE_H

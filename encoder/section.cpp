@@ -1,12 +1,12 @@
 #include "section.h"
 
 #include <algorithm>
-#include <sstream>
+#include <utility>
 
+#include "value_text.h"
 #include "values.h"
 
 namespace mdencoder {
-namespace {
 
 std::string Join(std::span<const std::string_view> words) {
   std::string text;
@@ -14,82 +14,88 @@ std::string Join(std::span<const std::string_view> words) {
   return text;
 }
 
-std::string Plain(double value) {
-  std::ostringstream text;
-  text.imbue(std::locale::classic());
-  text << value;
-  return text.str();
-}
-
-}  // namespace
-
-Section::Section(const IniSection& section, std::span<const std::string_view> known) : m_section(section) {
-  for (const auto& [key, value] : m_section.values) {
-    if (std::find(known.begin(), known.end(), key) != known.end()) continue;
-    const std::string nearest = NearestName(key, known);
+Section::Section(const IniSection& section, std::span<const std::string_view> known, std::string iniPath)
+    : m_section(section), m_iniPath(std::move(iniPath)) {
+  for (const ini::Entry& entry : m_section.entries) {
+    if (std::find(known.begin(), known.end(), entry.key) != known.end()) continue;
+    const std::string nearest = NearestName(entry.key, known);
     std::string text = "[" + Name() + "] ";
-    text.append(key).append(" = ").append(value).append(": unknown key");
+    text.append(entry.key).append(" = ").append(entry.value).append(": unknown key");
     if (!nearest.empty()) text.append(", did you mean \"").append(nearest).append("\"?");
     throw ConfigError(text.append("; allowed are ").append(Join(known)));
   }
 }
 
-const std::string* Section::Find(std::string_view key) {
-  for (const auto& [name, value] : m_section.values) {
-    if (name == key) {
-      m_used.insert(name);
-      return &value;
+const ini::Entry* Section::FindEntry(std::string_view key) {
+  for (const ini::Entry& entry : m_section.entries) {
+    if (entry.key == key) {
+      m_used.insert(entry.key);
+      return &entry;
     }
   }
   return nullptr;
 }
 
+const std::string* Section::Find(std::string_view key) {
+  const ini::Entry* entry = FindEntry(key);
+  return entry == nullptr ? nullptr : &entry->value;
+}
+
 std::string Section::Text(std::string_view key, size_t longest) {
   const std::string* value = Find(key);
   if (value == nullptr) return {};
-  if (value->empty() || value->size() > longest) Fail(key, *value, "1 to " + std::to_string(longest) + " characters");
+  if (value->empty() || value->size() > longest) {
+    Fail(key, *value, "1 to " + std::to_string(longest) + " characters long");
+  }
   return *value;
+}
+
+std::string Section::Path(std::string_view key) {
+  constexpr size_t kLongestPath = 4095;
+  const std::string name = Text(key, kLongestPath);
+  const ini::Entry* entry = FindEntry(key);
+  return entry == nullptr || entry->line == kCommandLine ? name : ini::Beside(m_iniPath, name);
 }
 
 int64_t Section::Number(std::string_view key, int64_t lowest, int64_t highest, int64_t otherwise) {
   const std::string* value = Find(key);
   if (value == nullptr) return otherwise;
-  const auto number = ParseNumber(*value, lowest, highest);
-  if (!number) Fail(key, *value, "a whole number from " + std::to_string(lowest) + " to " + std::to_string(highest));
+  const auto number = value_text::ParseWholeNumber(*value, lowest, highest);
+  if (!number) Fail(key, *value, value_text::WholeNumberRange(lowest, highest));
   return *number;
 }
 
 double Section::Real(std::string_view key, double lowest, double highest, double otherwise) {
   const std::string* value = Find(key);
   if (value == nullptr) return otherwise;
-  const auto number = ParseReal(*value, lowest, highest);
-  if (!number) Fail(key, *value, "a number from " + Plain(lowest) + " to " + Plain(highest));
+  const auto number = value_text::ParseReal(*value, lowest, highest);
+  if (!number) Fail(key, *value, value_text::RealRange(lowest, highest));
   return *number;
 }
 
-bool Section::Flag(std::string_view key, bool otherwise) {
+bool Section::Switch(std::string_view key, bool otherwise) {
   const std::string* value = Find(key);
   if (value == nullptr) return otherwise;
-  const auto flag = ParseFlag(*value);
-  if (!flag) Fail(key, *value, "yes or no");
-  return *flag;
+  const auto isOn = value_text::ParseSwitch(*value);
+  if (!isOn) Fail(key, *value, value_text::kSwitchValues);
+  return *isOn;
 }
 
 int Section::Choice(std::string_view key, std::span<const std::string_view> choices, int otherwise) {
   const std::string* value = Find(key);
   if (value == nullptr) return otherwise;
   const auto it = std::find(choices.begin(), choices.end(), *value);
-  if (it == choices.end()) Fail(key, *value, Join(choices));
+  if (it == choices.end()) Fail(key, *value, "one of " + Join(choices));
   return static_cast<int>(it - choices.begin());
 }
 
-void Section::Fail(std::string_view key, std::string_view value, const std::string& allowed) const {
-  throw ConfigError("[" + Name() + "] " + std::string(key) + " = " + std::string(value) + ": allowed is " + allowed);
+void Section::Fail(std::string_view key, std::string_view value, std::string_view allowed) const {
+  throw ConfigError("[" + Name() + "] " + value_text::Refusal(key, value, allowed));
 }
 
-const std::pair<std::string, std::string>* Section::Unused() const {
-  for (const auto& entry : m_section.values) {
-    if (!m_used.contains(entry.first)) return &entry;
+const std::string* Section::UnusedKey() const {
+  for (const ini::Entry& entry : m_section.entries) {
+    if (!m_used.contains(entry.key)) return &entry.key;
   }
   return nullptr;
 }

@@ -3,13 +3,12 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cmath>
 #include <cstring>
 #include <numeric>
 #include <sstream>
 
 #include "st0601_items.h"
+#include "value_text.h"
 
 namespace mdencoder {
 
@@ -31,40 +30,6 @@ std::vector<std::string> SplitList(std::string_view text) {
     begin = end + 1;
   }
   return parts;
-}
-
-std::optional<int64_t> ParseNumber(std::string_view text, int64_t lowest, int64_t highest) {
-  int base = 10;
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    base = 16;
-    text.remove_prefix(2);
-    if (text.starts_with('-')) return std::nullopt;
-  }
-  int64_t value = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
-  if (error != std::errc() || end != text.data() + text.size() || value < lowest || value > highest) {
-    return std::nullopt;
-  }
-  return value;
-}
-
-std::optional<double> ParseReal(std::string_view text, double lowest, double highest) {
-  std::istringstream in{std::string(text)};
-  in.imbue(std::locale::classic());
-  double value = 0;
-  if (!(in >> value) || in.peek() != std::istringstream::traits_type::eof()) return std::nullopt;
-  if (!(value >= lowest && value <= highest)) return std::nullopt;
-  return value;
-}
-
-std::optional<bool> ParseFlag(std::string_view text) {
-  for (const std::string_view yes : {"yes", "on", "true", "1"}) {
-    if (text == yes) return true;
-  }
-  for (const std::string_view no : {"no", "off", "false", "0"}) {
-    if (text == no) return false;
-  }
-  return std::nullopt;
 }
 
 bool Address::IsMulticast() const {
@@ -94,7 +59,8 @@ std::string AddressText(int32_t family, const BYTE* bytes) {
 namespace {
 
 std::optional<unsigned> ParseTag(const std::string& text, unsigned limit, bool security) {
-  if (const auto number = ParseNumber(text, 0, static_cast<int64_t>(limit) - 1)) return static_cast<unsigned>(*number);
+  if (const auto number = value_text::ParseWholeNumber(text, 0, static_cast<int64_t>(limit) - 1))
+    return static_cast<unsigned>(*number);
   for (const st0601::Item& item : security ? st0601::SecurityElements() : st0601::Items()) {
     if (text == item.key && item.tag < limit) return item.tag;
   }
@@ -104,7 +70,7 @@ std::optional<unsigned> ParseTag(const std::string& text, unsigned limit, bool s
 /* -1 for "follow", else 0 to 255. */
 std::optional<int32_t> ParseTtlOrTos(const std::string& text) {
   if (text == "follow") return -1;
-  const auto number = ParseNumber(text, 0, 255);
+  const auto number = value_text::ParseWholeNumber(text, 0, 255);
   if (!number) return std::nullopt;
   return static_cast<int32_t>(*number);
 }
@@ -116,7 +82,7 @@ bool ParseDestination(const std::string& text, MDATA_RELAY_CFG& relay) {
   std::string host = text.substr(0, colon);
   const bool brackets = host.size() > 2 && host.front() == '[' && host.back() == ']';
   if (brackets) host = host.substr(1, host.size() - 2);
-  const auto port = ParseNumber(text.substr(colon + 1), 1, 65535);
+  const auto port = value_text::ParseWholeNumber(text.substr(colon + 1), 1, 65535);
   const auto address = ParseAddress(host);
   if (!port || !address || brackets != (address->family == AF_INET6)) return false;
   relay.usUDPPort = static_cast<USHORT>(*port);

@@ -21,13 +21,6 @@ std::string Trim(std::string_view text);
 /* Parts between commas, trimmed; no part for an empty text. */
 std::vector<std::string> SplitList(std::string_view text);
 
-/* Decimal, or hexadecimal after 0x; the whole text, within [lowest, highest]. */
-std::optional<int64_t> ParseNumber(std::string_view text, int64_t lowest, int64_t highest);
-/* Decimal with a point, whatever the locale. */
-std::optional<double> ParseReal(std::string_view text, double lowest, double highest);
-/* yes/no, on/off, true/false, 1/0. */
-std::optional<bool> ParseFlag(std::string_view text);
-
 struct Address {
   int32_t family = 0;  // AF_INET or AF_INET6
   std::array<BYTE, 16> bytes{};

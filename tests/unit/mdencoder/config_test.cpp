@@ -5,6 +5,10 @@
 #include <netinet/in.h>
 
 #include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
 
 #include "host_serial.h"
 #include "options.h"
@@ -18,7 +22,7 @@ using testing::HasSubstr;
 using testing::Pair;
 
 Config Read(const std::string& text) {
-  return MakeConfig(ParseIni(text));
+  return MakeConfig(ParseIni(text), "/conf/demo.ini");
 }
 const MDATA_SRC_CFG& Record(const Config& config) {
   return config.sources.at(0).record;
@@ -58,7 +62,8 @@ TEST(Encoder, ExtendedTagsAreOnUnlessSwitchedOff) {
   EXPECT_TRUE(Read(kUdp).encoder.extendedTags);
   EXPECT_TRUE(Read(std::string("[encoder]\nextended_tags = yes\n") + kUdp).encoder.extendedTags);
   EXPECT_FALSE(Read(std::string("[encoder]\nextended_tags = no\n") + kUdp).encoder.extendedTags);
-  EXPECT_THAT(Complaint(std::string("[encoder]\nextended_tags = maybe\n") + kUdp), HasSubstr("extended_tags = maybe"));
+  EXPECT_THAT(Complaint(std::string("[encoder]\nextended_tags = maybe\n") + kUdp),
+              HasSubstr("extended_tags must be yes or no, not \"maybe\""));
 }
 
 TEST(Source, SerialSettings) {
@@ -152,9 +157,9 @@ TEST(Encoder, EverySetting) {
           kUdp)
           .encoder;
   EXPECT_EQ(settings.capabilities, METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_COT_SUPPORT);
-  EXPECT_EQ(settings.library, "a.so");
-  EXPECT_EQ(settings.hostConfig, "host.ini");
-  EXPECT_EQ(settings.outputDir, "out");
+  EXPECT_EQ(settings.library, "/conf/a.so");
+  EXPECT_EQ(settings.hostConfig, "/conf/host.ini");
+  EXPECT_EQ(settings.outputDir, "/conf/out");
   EXPECT_TRUE(settings.streamHeader);
   EXPECT_EQ(settings.format, Format::Json);
   EXPECT_TRUE(settings.live);
@@ -162,9 +167,9 @@ TEST(Encoder, EverySetting) {
   EXPECT_THAT(settings.moduleLevels, ElementsAre(Pair("METADATALIB", 7), Pair("COTCONVERTER", 3)));
   EXPECT_EQ(settings.statusInterval, 0.5);
   EXPECT_EQ(settings.statsInterval, 2);
-  EXPECT_EQ(settings.statsJson, "s.json");
-  EXPECT_EQ(settings.statsFile, "kept.json");
-  EXPECT_EQ(settings.summary, "sum.json");
+  EXPECT_EQ(settings.statsJson, "/conf/s.json");
+  EXPECT_EQ(settings.statsFile, "/conf/kept.json");
+  EXPECT_EQ(settings.summary, "/conf/sum.json");
   EXPECT_EQ(settings.duration, 1.5);
   EXPECT_EQ(settings.messages, 10U);
   EXPECT_EQ(settings.messagesEach, 5U);
@@ -191,68 +196,69 @@ TEST_P(BadConfig, NamesKeyValueAndWhatIsAllowed) {
 INSTANTIATE_TEST_SUITE_P(
     Values, BadConfig,
     testing::Values(
-        Bad{"[u]\ninput = udp\nport = 70000\n", "[u] port = 70000: allowed is a whole number from 1 to 65535"},
-        Bad{"[u]\ninput = udp\nport = 5000x\n", "[u] port = 5000x: allowed is a whole number from 1 to 65535"},
-        Bad{"[u]\ninput = udp\n", "[u] port is missing: allowed is a whole number from 1 to 65535"},
-        Bad{"[u]\nport = 1\n", "[u] input is missing: allowed is serial, udp, video"},
-        Bad{"[u]\ninput = tcp\n", "[u] input = tcp: allowed is serial, udp, video"},
-        Bad{"[u]\ninput = video\ndata = cot\n", "[u] data = cot: allowed is klv with input = video"},
-        Bad{"[u]\ninput = video\ninterface = 4\n", "[u] interface = 4: allowed is a whole number from 0 to 3"},
-        Bad{UDP "baud = 9600\n", "[u] baud = 9600: allowed is only with input = serial"},
-        Bad{UDP "decimation = 2\n", "[u] decimation = 2: allowed is only with input = video"},
-        Bad{UDP "cot_delta_ms = 5\n", "[u] cot_delta_ms = 5: allowed is only with data = cot"},
-        Bad{UDP "object_country = USA\n", "[u] object_country = USA: allowed is only with a classification"},
-        Bad{UDP "capture_limit_kb = 5\n", "[u] capture_limit_kb = 5: allowed is only with capture = yes"},
+        Bad{"[u]\ninput = udp\nport = 70000\n", "[u] port must be a whole number from 1 to 65535, not \"70000\""},
+        Bad{"[u]\ninput = udp\nport = 5000x\n", "[u] port must be a whole number from 1 to 65535, not \"5000x\""},
+        Bad{"[u]\ninput = udp\n", "[u] port is missing; it must be a whole number from 1 to 65535"},
+        Bad{"[u]\nport = 1\n", "[u] input is missing; it must be one of serial, udp, video"},
+        Bad{"[u]\ninput = tcp\n", "[u] input must be one of serial, udp, video, not \"tcp\""},
+        Bad{"[u]\ninput = video\ndata = cot\n", "[u] data must be klv with input = video, not \"cot\""},
+        Bad{"[u]\ninput = video\ninterface = 4\n", "[u] interface must be a whole number from 0 to 3, not \"4\""},
+        Bad{UDP "baud = 9600\n", "[u] baud is allowed only with input = serial"},
+        Bad{UDP "decimation = 2\n", "[u] decimation is allowed only with input = video"},
+        Bad{UDP "cot_delta_ms = 5\n", "[u] cot_delta_ms is allowed only with data = cot"},
+        Bad{UDP "object_country = USA\n", "[u] object_country is allowed only with a classification"},
+        Bad{UDP "capture_limit_kb = 5\n", "[u] capture_limit_kb is allowed only with capture = yes"},
         Bad{UDP "data = cot\ncot_delta_ms = 2147484\n",
-            "[u] cot_delta_ms = 2147484: allowed is a whole number from 0 to 2147483"},
+            "[u] cot_delta_ms must be a whole number from 0 to 2147483, not \"2147484\""},
         Bad{UDP "data = cot\ncot_sensor = 12345678901234567890123456789012\n",
-            "[u] cot_sensor = 12345678901234567890123456789012: allowed is 1 to 31 characters"},
-        Bad{UDP "capture = maybe\n", "[u] capture = maybe: allowed is yes or no"},
-        Bad{UDP "classification = secret\n", "[u] classifying_country = : allowed is a country code of three letters"},
+            "[u] cot_sensor must be 1 to 31 characters long, not \"12345678901234567890123456789012\""},
+        Bad{UDP "capture = maybe\n", "[u] capture must be yes or no, not \"maybe\""},
+        Bad{UDP "classification = secret\n",
+            "[u] classifying_country must be a country code of three letters, not \"\""},
         Bad{UDP "classification = secret\nclassifying_country = US\n",
-            "[u] classifying_country = US: allowed is a country code of three letters"},
+            "[u] classifying_country must be a country code of three letters, not \"US\""},
         Bad{UDP "keep_tags = 2, 128\n",
-            "[u] keep_tags = 2, 128: allowed is a list of tags 0 to 127, ranges and item names, or none"},
+            "[u] keep_tags must be a list of tags 0 to 127, ranges and item names, or none, not \"2, 128\""},
         Bad{UDP "keep_tags = 15-13\n",
-            "[u] keep_tags = 15-13: allowed is a list of tags 0 to 127, ranges and item names, or none"},
+            "[u] keep_tags must be a list of tags 0 to 127, ranges and item names, or none, not \"15-13\""},
         Bad{UDP "keep_security_tags = 32\n",
-            "[u] keep_security_tags = 32: allowed is a list of tags 0 to 31, ranges and element names, or none"},
+            "[u] keep_security_tags must be a list of tags 0 to 31, ranges and element names, or none, not \"32\""},
         Bad{UDP "address = ff02::1\n",
-            "[u] address = ff02::1: allowed is the sender's numeric IPv4 or IPv6 address of the family given, or an "
-            "IPv4 group"},
+            "[u] address must be the sender's numeric IPv4 or IPv6 address of the family given, or an IPv4 group, not "
+            "\"ff02::1\""},
         Bad{UDP "family = ipv6\naddress = 10.0.0.1\n",
-            "[u] address = 10.0.0.1: allowed is the sender's numeric IPv4 or IPv6 address of the family given, or an "
-            "IPv4 group"},
-        Bad{"[a b]\ninput = video\n", "[a b]: allowed is a source name of up to 64 letters, digits, '_', '-' and '.'"},
-        Bad{"[encoder]\nformat = xml\n", "[encoder] format = xml: allowed is table, json, none"},
+            "[u] address must be the sender's numeric IPv4 or IPv6 address of the family given, or an IPv4 group, not "
+            "\"10.0.0.1\""},
+        Bad{"[a b]\ninput = video\n", "[a b] must be a source name of up to 64 letters, digits, '_', '-' and '.'"},
+        Bad{"[encoder]\nformat = xml\n", "[encoder] format must be one of table, json, none, not \"xml\""},
         Bad{"[encoder]\ncapabilities = cot\n",
-            "[encoder] capabilities = cot: allowed is a list with ipv4 or ipv6 in it"},
+            "[encoder] capabilities must be a list with ipv4 or ipv6 in it, not \"cot\""},
         Bad{"[encoder]\ncapabilities = ipv5\n",
-            "[encoder] capabilities = ipv5: allowed is a list of cot, ipv4 and ipv6"},
+            "[encoder] capabilities must be a list of cot, ipv4 and ipv6, not \"ipv5\""},
         Bad{"[encoder]\nlog_levels = METADATALIB\n",
-            "[encoder] log_levels = METADATALIB: allowed is a list of MODULE:LEVEL with levels 0 to 8"},
-        Bad{"[encoder]\nduration = -1\n", "[encoder] duration = -1: allowed is a number from 0 to 1e+09"},
-        Bad{"[encoder]\nduration = 1,5\n", "[encoder] duration = 1,5: allowed is a number from 0 to 1e+09"}));
+            "[encoder] log_levels must be a list of MODULE:LEVEL with levels 0 to 8, not \"METADATALIB\""},
+        Bad{"[encoder]\nduration = -1\n", "[encoder] duration must be a number from 0 to 1e+09, not \"-1\""},
+        Bad{"[encoder]\nduration = 1,5\n", "[encoder] duration must be a number from 0 to 1e+09, not \"1,5\""}));
 
 INSTANTIATE_TEST_SUITE_P(Together, BadConfig,
                          testing::Values(Bad{"[encoder]\nformat = json\n",
-                                             "no source: allowed is one section per source with at least its input"},
+                                             "there is no source; each source is a section with at least its input"},
                                          Bad{UDP "[v]\ninput = udp\ndata = cot\nport = 5000\n",
-                                             "[v] port = 5000: allowed is one source per port, and [u] has it"},
+                                             "[v] port must be a port of its own, and [u] has 5000"},
                                          Bad{"[a]\ninput = serial\n[b]\ninput = serial\ndata = cot\n",
-                                             "[b] input = serial: allowed is one serial source, and [a] is one"},
+                                             "[b] input = serial is allowed for one source only, and [a] has it"},
                                          Bad{UDP "output = x\n[v]\ninput = video\noutput = x\n",
-                                             "[v] output = x: allowed is a file per source, and [u] has this one"},
+                                             "[v] output must be a file of its own, and [u] has \"/conf/x\""},
                                          Bad{"[encoder]\ncapabilities = ipv4\n" UDP "family = ipv6\n",
-                                             "[u] family = ipv6: allowed only with ipv6 among the capabilities"},
+                                             "[u] family = ipv6 is allowed only with ipv6 among the capabilities"},
                                          Bad{"[encoder]\ncapabilities = ipv4\n" UDP "data = cot\n",
-                                             "[u] data = cot: allowed only with cot among the capabilities"}));
+                                             "[u] data = cot is allowed only with cot among the capabilities"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Lines, BadConfig,
     testing::Values(
         Bad{"port = 1\n", "key \"port\" stands before the first [section]"},
-        Bad{"[u]\nnonsense\n", "line 2: allowed are \"[section]\", \"key = value\" and comments"},
+        Bad{"[u]\nnonsense\n", "line 2: neither [section] nor key = value"},
         Bad{UDP "port = 5001\n",
             "[u] port = 5001: given twice, or continued on an indented line; one line per key is allowed"}));
 #undef UDP
@@ -266,7 +272,11 @@ TEST(Complaints, UnknownKeysComeWithASuggestion) {
 
 TEST(Complaints, LinesThatTheReaderWouldCutAreRefused) {
   EXPECT_EQ(Complaint("[u]\nkeep_tags = " + std::string(200, '1') + "\n"),
-            "line 2: 212 characters: allowed are up to 198");
+            "line 2: line too long, at most 197 characters are allowed");
+}
+
+TEST(Complaints, AZeroByteIsRefused) {
+  EXPECT_EQ(Complaint(std::string("[u]\ninput = udp\0\n", 16)), "contains a zero byte; a text file is expected");
 }
 
 TEST(Complaints, AFileThatIsNotThere) {
@@ -291,15 +301,6 @@ INSTANTIATE_TEST_SUITE_P(Relays, BadRelay,
                                          "[10.0.0.1]:5000", "10.0.0.1:5000 ttl=256", "10.0.0.1:5000 ttl=-1",
                                          "10.0.0.1:5000 ttl=", "10.0.0.1:5000 ttl=1 ttl=2", "10.0.0.1:5000 hops=1",
                                          "[ff02::1]:5000 ttl=follow", "[ff02::1]:5000 tos=follow"));
-
-TEST(Number, DecimalAndHexadecimalWholeTextOnly) {
-  EXPECT_EQ(ParseNumber("12", 0, 20), 12);
-  EXPECT_EQ(ParseNumber("0x1F", 0, 255), 31);
-  EXPECT_EQ(ParseNumber("010", 0, 20), 10);
-  for (const char* text : {"", " 1", "1 ", "+1", "0x", "0x-1", "1e3", "99999999999999999999"}) {
-    EXPECT_FALSE(ParseNumber(text, -100, 100000)) << text;
-  }
-}
 
 /* ---------------------------------------------------------------- command line */
 
@@ -329,6 +330,26 @@ TEST(CommandLine, HelpIsNoErrorAndMisuseIsTwo) {
   EXPECT_EQ(Parse({}, options), 2);
   EXPECT_EQ(Parse({"a.ini", "--no-such-option"}, options), 2);
   EXPECT_EQ(Parse({"a.ini", "--format"}, options), 2);
+}
+
+TEST(Source, NamesOfFilesAreRelativeToTheConfiguration) {
+  const Config config = Read("[line]\ninput = serial\ndevice = ../pty\noutput = out/line.klv\n");
+  EXPECT_EQ(config.sources[0].device, "/pty");
+  EXPECT_EQ(config.sources[0].output, "/conf/out/line.klv");
+}
+
+TEST(Source, SwitchesAreTheSameWordsAsInTheHostsFile) {
+  EXPECT_EQ(Record(Read(std::string(kUdp) + "capture = Yes\n")).bCaptureToDisk, TRUE);
+  EXPECT_EQ(Record(Read(std::string(kUdp) + "capture = OFF\n")).bCaptureToDisk, FALSE);
+}
+
+TEST(CommandLine, NamesOfFilesInOptionsAreRelativeToTheWorkingDirectory) {
+  const std::string path = testing::TempDir() + "mdencoder_paths.ini";
+  std::ofstream(path) << kUdp << "[encoder]\nsummary = a.json\nstats_file = b.json\n";
+  const EncoderSettings settings = LoadConfig(path, {{"summary", "c.json"}}).encoder;
+  EXPECT_EQ(settings.summary, "c.json");
+  EXPECT_EQ(settings.statsFile, testing::TempDir() + "b.json");
+  std::filesystem::remove(path);
 }
 
 TEST(CommandLine, OptionsWinOverTheFile) {

@@ -136,7 +136,7 @@ class SessionTest : public testing::Test {
 
   /* Runs until it ends by itself; returns what it printed. */
   std::string Run(const std::string& encoder, const std::string& sources = "[a]\ninput = udp\nport = 5000\n") {
-    const Config config = MakeConfig(ParseIni("[encoder]\n" + encoder + sources));
+    const Config config = MakeConfig(ParseIni("[encoder]\n" + encoder + sources), "-");
     testing::internal::CaptureStdout();
     testing::internal::CaptureStderr();
     {
@@ -263,8 +263,8 @@ TEST_F(SessionTest, ASlowReaderNeverBlocksTheCallback) {
   std::fflush(stdout);
   dup2(ends[1], STDOUT_FILENO);
   close(ends[1]);
-  const Config config =
-      MakeConfig(ParseIni("[encoder]\nqueue = 8\nsummary = " + m_folder + "/s.json\n[a]\ninput = udp\nport = 5000\n"));
+  const Config config = MakeConfig(
+      ParseIni("[encoder]\nqueue = 8\nsummary = " + m_folder + "/s.json\n[a]\ninput = udp\nport = 5000\n"), "-");
   {
     Console console;
     m_exitCode = Session(config, m_library, console).Run();
