@@ -29,7 +29,7 @@ class Console {
   /* Replaces the block; an empty one removes it. Lines are cut at the terminal's width. Any thread. */
   void Status(std::vector<std::string> lines);
 
-  /* True once the standard output takes no more. */
+  /* True after a write to the standard output failed. */
   bool OutputFailed() const { return m_outputFailed.load(std::memory_order_relaxed); }
 
  private:

@@ -28,7 +28,7 @@ std::vector<std::string> Candidates(const std::string& path) {
 template <typename Function>
 void Resolve(void* library, const char* name, Function& function) {
   function = reinterpret_cast<Function>(dlsym(library, name));
-  if (function == nullptr) throw std::runtime_error(std::string("the library lacks ") + name);
+  if (function == nullptr) throw std::runtime_error(std::string("the library does not export ") + name);
 }
 
 }  // namespace

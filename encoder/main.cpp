@@ -71,7 +71,7 @@ int Main(int argc, char** argv) {
   const Config config = LoadConfig(options.config, options.overrides);
   HostRuntimeConfig host = HostConfig(config);
   if (options.check) {
-    std::printf("%s: right, %zu source%s\n", options.config.c_str(), config.sources.size(),
+    std::printf("%s: OK, %zu source%s\n", options.config.c_str(), config.sources.size(),
                 config.sources.size() == 1 ? "" : "s");
     return 0;
   }

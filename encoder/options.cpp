@@ -21,7 +21,7 @@ constexpr char kFooter[] =
     "  mdencoder demo.ini                                   table on the terminal until Ctrl-C\n"
     "  mdencoder demo.ini --format json --duration 10 | jq  ten seconds as JSON lines\n"
     "  mdencoder demo.ini --format none --live              only the statistics, in place\n"
-    "  mdencoder demo.ini --check                           is the configuration right?";
+    "  mdencoder demo.ini --check                           check the configuration only";
 
 struct Definition {
   const char* key;

@@ -118,7 +118,7 @@ void Session::CloseSources() {
 
 int Session::Run() {
   OpenFiles();
-  if (!m_library.init(m_config.encoder.capabilities)) throw std::runtime_error("the library does not start");
+  if (!m_library.init(m_config.encoder.capabilities)) throw std::runtime_error("METADATALIB_Init failed");
   const auto handle = [this](const Received& received) { Handle(received); };
   m_receiver = std::make_unique<Receiver>(m_config.encoder.queue, m_library.releaseBuffer, handle);
   m_times.startUs = WallClockUs();
@@ -237,7 +237,7 @@ void Session::Tick() {
   if (m_config.encoder.duration > 0 && now >= m_start + Seconds(m_config.encoder.duration)) End("duration");
   if (LimitReached()) End("messages");
   if (m_console.OutputFailed()) {
-    Fail("the standard output takes no more");
+    Fail("cannot write to standard output");
     End("output");
   }
 }
@@ -422,7 +422,7 @@ void Session::WriteResults() {
   write(m_config.encoder.summary, [&](const std::string& path) { ReplaceFile(path, SummaryJson(reports, m_times)); });
   write(m_config.encoder.statsFile, [&](const std::string& path) { SaveStatistics(path, reports); });
   // The last printed lines may be the ones that the output did not take.
-  if (m_console.OutputFailed() && !m_failed.load()) Fail("the standard output takes no more");
+  if (m_console.OutputFailed() && !m_failed.load()) Fail("cannot write to standard output");
 }
 
 }  // namespace mdencoder

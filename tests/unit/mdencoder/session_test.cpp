@@ -4,17 +4,23 @@
  */
 #include "session.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <csignal>
+#include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
 #include <thread>
+#include <vector>
 
 namespace mdencoder {
 namespace {
@@ -36,7 +42,8 @@ struct FakeLibrary {
   std::deque<OpenedSource> sources;
   std::atomic<int> heldBuffers{0};
   int failOpenAt = -1;
-  ULONG corrupt = 0;             // what new sources report
+  ULONG corrupt = 0;  // what new sources report
+  bool failInit = false;
   std::function<void()> onOpen;  // after each opening
   std::thread deliveries;
 };
@@ -48,7 +55,7 @@ OpenedSource* Opened(HMDATASRC handle) {
 
 BOOL FakeInit(DWORD capabilities) {
   g_fake->calls.push_back("init " + std::to_string(capabilities));
-  return TRUE;
+  return g_fake->failInit ? FALSE : TRUE;
 }
 void FakeShutdown() {
   g_fake->calls.push_back("shutdown");
@@ -358,12 +365,53 @@ TEST_F(SessionTest, FilesThatCannotBeWrittenFail) {
   EXPECT_THAT(m_complaints, HasSubstr("the received stream of a could not be written"));
 }
 
+TEST_F(SessionTest, AnOutputThatCannotBeWrittenEndsTheRun) {
+  DeliverWhenOpen(1, [] { Deliver(0, 0, MessageNumber(0)); });
+  const Config config = MakeConfig(ParseIni("[a]\ninput = udp\nport = 5000\n"), "-");
+  std::fflush(stdout);
+  const int output = dup(STDOUT_FILENO);
+  const int full = open("/dev/full", O_WRONLY | O_CLOEXEC);
+  ASSERT_GE(full, 0);
+  dup2(full, STDOUT_FILENO);
+  close(full);
+  testing::internal::CaptureStderr();
+  {
+    Console console;
+    EXPECT_EQ(Session(config, m_library, console).Run(), 1);
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "mdencoder: cannot write to standard output\n");
+  dup2(output, STDOUT_FILENO);
+  close(output);
+  std::clearerr(stdout);
+}
+
+TEST_F(SessionTest, ALibraryThatDoesNotStartEndsTheRun) {
+  m_fake.failInit = true;
+  try {
+    Run("format = none\n");
+    ADD_FAILURE();
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "METADATALIB_Init failed");
+  }
+  testing::internal::GetCapturedStdout();
+  testing::internal::GetCapturedStderr();
+  EXPECT_THAT(m_fake.calls, ElementsAre("init 6"));
+}
+
 TEST(Loader, SaysWhatIsMissing) {
   try {
     LoadLibrary("/nonexistent/libmetadata_lib.so.1");
     FAIL();
   } catch (const std::runtime_error& error) {
     EXPECT_THAT(error.what(), HasSubstr("cannot load the library: /nonexistent/libmetadata_lib.so.1:"));
+  }
+  Dl_info other{};
+  ASSERT_NE(dladdr(dlsym(RTLD_DEFAULT, "strtod"), &other), 0);
+  try {
+    LoadLibrary(other.dli_fname);
+    FAIL();
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "the library does not export METADATALIB_Init");
   }
 }
 
