@@ -11,6 +11,7 @@
 
 #include "error.h"
 #include "output.h"
+#include "value_text.h"
 
 namespace mdfeed {
 
@@ -31,8 +32,7 @@ UdpAddress ParseUdpAddress(const std::string& text) {
     throw std::invalid_argument("'" + text + "': write an IPv6 address as [address]:port");
   }
   const bool digits = !address.port.empty() && address.port.find_first_not_of("0123456789") == std::string::npos;
-  const int port = digits && address.port.size() < 6 ? std::stoi(address.port) : 0;
-  if (address.host.empty() || port < 1 || port > 65535) {
+  if (address.host.empty() || !digits || !value_text::ParseWholeNumber(address.port, 1, 65535)) {
     throw std::invalid_argument("'" + text + "' is not HOST:PORT with a port from 1 to 65535");
   }
   return address;

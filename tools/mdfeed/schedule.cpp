@@ -1,46 +1,40 @@
 #include "schedule.h"
 
-#include <charconv>
 #include <cmath>
 #include <sstream>
 #include <stdexcept>
+#include <string_view>
+
+#include "value_text.h"
 
 namespace mdfeed {
 namespace {
 
-int ParseNumber(const std::string& text, int min, int max) {
-  const bool hex = text.starts_with("0x") || text.starts_with("0X");
-  const char* begin = text.data() + (hex ? 2 : 0);
-  const char* end = text.data() + text.size();
-  int value = 0;
-  const auto [rest, error] = std::from_chars(begin, end, value, hex ? 16 : 10);
-  if (error != std::errc() || rest != end || value < min || value > max) {
-    throw std::invalid_argument("'" + text + "' is not a number from " + std::to_string(min) + " to " +
-                                std::to_string(max));
+int ParseValue(const std::string& text, int lowest, int highest) {
+  const auto value = value_text::ParseWholeNumber(text, lowest, highest);
+  if (!value) {
+    throw std::invalid_argument("'" + text + "' is not a number from " + std::to_string(lowest) + " to " +
+                                std::to_string(highest));
   }
-  return value;
+  return static_cast<int>(*value);
 }
 
-std::chrono::milliseconds ParseSeconds(std::string text) {
-  const std::string asWritten = text;
-  if (text.ends_with('s')) text.pop_back();
-  double seconds = 0;
-  const auto [rest, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-  if (error != std::errc() || rest != text.data() + text.size() || !(seconds >= 0 && seconds <= 1e6)) {
-    throw std::invalid_argument("'" + asWritten + "' is not a time in seconds");
-  }
-  return std::chrono::milliseconds(std::llround(seconds * 1000.0));
+std::chrono::milliseconds ParseSeconds(std::string_view text) {
+  const std::string_view number = text.ends_with('s') ? text.substr(0, text.size() - 1) : text;
+  const auto seconds = value_text::ParseReal(number, 0, 1e6);
+  if (!seconds) throw std::invalid_argument("'" + std::string(text) + "' is not a time in seconds");
+  return std::chrono::milliseconds(std::llround(*seconds * 1000.0));
 }
 
 }  // namespace
 
-Schedule Schedule::Parse(const std::string& text, int min, int max) {
+Schedule Schedule::Parse(const std::string& text, int lowest, int highest) {
   Schedule schedule;
   std::istringstream parts(text);
   std::string part;
   while (std::getline(parts, part, ',')) {
     const std::size_t at = part.find('@');
-    Entry entry{std::chrono::milliseconds(0), ParseNumber(part.substr(0, at), min, max)};
+    Entry entry{std::chrono::milliseconds(0), ParseValue(part.substr(0, at), lowest, highest)};
     if (at != std::string::npos) entry.after = ParseSeconds(part.substr(at + 1));
     if (!schedule.m_entries.empty() && entry.after <= schedule.m_entries.back().after) {
       throw std::invalid_argument("'" + part + "' needs a later time than the value before it, as in 32,64@2");

@@ -19,7 +19,7 @@ class Schedule {
   Schedule() = default;
   // Throws std::invalid_argument with what is wrong and what is allowed. Numbers are decimal or 0x hexadecimal; a time
   // may end in "s"; only the first entry may go without one; times rise.
-  static Schedule Parse(const std::string& text, int min, int max);
+  static Schedule Parse(const std::string& text, int lowest, int highest);
   // The value that has become due since the last call, or nothing.
   std::optional<int> TakeDue(std::chrono::milliseconds elapsed);
   const std::vector<Entry>& Entries() const { return m_entries; }

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
 #include <fstream>
 #include <iterator>
 #include <stdexcept>
@@ -10,6 +9,7 @@
 
 #include "error.h"
 #include "klv_flight.h"
+#include "value_text.h"
 
 namespace mdfeed {
 namespace {
@@ -196,12 +196,10 @@ FrameDamage ParseFrameDamage(const std::string& text) {
     throw std::invalid_argument("'" + name + "' is not one of " + FrameFieldNames());
   }
   if (colon == std::string::npos) return damage;
-  const char* begin = text.data() + colon + 1;
-  const char* end = text.data() + text.size();
-  const auto [rest, error] = std::from_chars(begin, end, damage.percent);
-  if (error != std::errc() || rest != end || !(damage.percent >= 0 && damage.percent <= 100)) {
-    throw std::invalid_argument("'" + std::string(begin, end) + "' is not a percentage from 0 to 100");
-  }
+  const std::string percent = text.substr(colon + 1);
+  const auto parsed = value_text::ParseReal(percent, 0, 100);
+  if (!parsed) throw std::invalid_argument("'" + percent + "' is not a percentage from 0 to 100");
+  damage.percent = *parsed;
   return damage;
 }
 

@@ -116,6 +116,7 @@ TEST_F(CommandLine, MistakesNameTheOptionAndWhatIsAllowed) {
   ExpectMistake({"klv", "--simulate", "--serial", "x", "--baud", "1"}, "--baud: 1 is not one of 1200, 2400");
   ExpectMistake({"cot", "--simulate", "--serial", "x", "--damage", "nose"}, "--damage: 'nose' is not one of sync, len");
   ExpectMistake({"cot", "--simulate", "--serial", "x", "--damage", "crc:101"}, "'101' is not a percentage");
+  ExpectMistake({"cot", "--simulate", "--serial", "x", "--damage", "crc:x"}, "'x' is not a percentage from 0 to 100");
   ExpectMistake({"anc", "--simulate"}, "--udp is required");
   ExpectMistake({"anc", "--udp", "h:1"}, "one of --file and --simulate");
   ExpectMistake({"ts"}, "--output is required");
@@ -127,7 +128,7 @@ TEST(UdpAddressText, TakesNamesAndBothFamilies) {
   EXPECT_EQ(ParseUdpAddress("localhost:80").host, "localhost");
   EXPECT_EQ(ParseUdpAddress("[ff02::1%eth0]:5001").host, "ff02::1%eth0");
   EXPECT_EQ(ParseUdpAddress("[::1]:65535").port, "65535");
-  for (const char* bad : {"", ":", "h", "h:", ":1", "h:0", "h:1x", "[]:1", "1:2:3:4"}) {
+  for (const char* bad : {"", ":", "h", "h:", ":1", "h:0", "h:1x", "h:0x50", "h:-1", "[]:1", "1:2:3:4"}) {
     EXPECT_THROW(ParseUdpAddress(bad), std::invalid_argument) << bad;
   }
 }
