@@ -60,15 +60,14 @@ Session::Session(const Config& config, const Library& library, Console& console)
   for (const SourceSettings& settings : m_config.sources) m_sources.emplace_back(settings);
   for (Source& source : m_sources) m_taps.push_back({this, &source});
   const sigset_t set = SteeringSignals();
-  m_signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
-  m_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (m_signals < 0 || m_wake < 0) throw std::runtime_error(std::string("no descriptors: ") + std::strerror(errno));
+  m_signals.Reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+  m_wake.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  if (!m_signals.IsOpen() || !m_wake.IsOpen())
+    throw std::runtime_error(std::string("no descriptors: ") + std::strerror(errno));
 }
 
 Session::~Session() {
   if (m_statsJson != nullptr) std::fclose(m_statsJson);
-  if (m_signals >= 0) close(m_signals);
-  if (m_wake >= 0) close(m_wake);
 }
 
 void Session::OpenFiles() {
@@ -160,7 +159,7 @@ BOOL Session::OnMessage(MDATA_BUFFER* buffer, void* tap, void*) {
   if (limit != 0 && session->m_taken.load(std::memory_order_relaxed) >= limit) return FALSE;
   if (!session->m_receiver->Take(buffer, *source)) return FALSE;
   session->m_taken.fetch_add(1, std::memory_order_relaxed);
-  if (session->LimitReached()) eventfd_write(session->m_wake, 1);
+  if (session->LimitReached()) eventfd_write(session->m_wake.Get(), 1);
   return TRUE;
 }
 
@@ -180,7 +179,7 @@ void Session::Handle(const Received& received) {
     case Format::None:
       break;
   }
-  if (m_console.OutputFailed()) eventfd_write(m_wake, 1);
+  if (m_console.OutputFailed()) eventfd_write(m_wake.Get(), 1);
 }
 
 bool Session::LimitReached() const {
@@ -199,7 +198,7 @@ void Session::Loop() {
   if (settings.statusInterval > 0 && m_console.HasStatus()) m_nextStatus = m_start;
   if (settings.statsInterval > 0) m_nextStatistics = m_start + Seconds(settings.statsInterval);
   while (!m_ended) {
-    pollfd set[] = {{m_signals, POLLIN, 0}, {m_wake, POLLIN, 0}, {m_input.Descriptor(), POLLIN, 0}};
+    pollfd set[] = {{m_signals.Get(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}, {m_input.Descriptor(), POLLIN, 0}};
     const int ready = poll(set, 3, Wait());
     if (ready < 0 && errno != EINTR) {
       Fail(std::string("cannot wait for events: ") + std::strerror(errno));
@@ -244,7 +243,7 @@ void Session::Tick() {
 
 void Session::OnSignal() {
   signalfd_siginfo info{};
-  while (read(m_signals, &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
+  while (read(m_signals.Get(), &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
     if (info.ssi_signo == SIGUSR1) {
       Reset({});
     } else if (info.ssi_signo == SIGUSR2) {

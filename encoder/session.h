@@ -20,6 +20,7 @@
 #include "config.h"
 #include "console.h"
 #include "library.h"
+#include "owned_fd.h"
 #include "receiver.h"
 #include "source.h"
 #include "statistics.h"
@@ -87,8 +88,8 @@ class Session {
   std::atomic<uint64_t> m_taken{0};   // messages taken in total
   std::atomic<bool> m_failed{false};  // the run's exit code is 1
   bool m_ended = false;
-  int m_signals = -1;  // signalfd
-  int m_wake = -1;     // eventfd; written when a limit is reached or the output failed, and never read
+  common::OwnedFD m_signals;  // signalfd
+  common::OwnedFD m_wake;     // eventfd; written when a limit is reached or the output failed, and never read
   RunTimes m_times;
   Clock::time_point m_start;
   std::optional<Clock::time_point> m_nextStatus;

@@ -11,31 +11,23 @@
 
 #include <poll.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
-#include <limits>
+#include <mutex>
 #include <string>
+#include <utility>
 
 namespace host_runtime {
 
 // --- Queue -------------------------------------------------------------------------------------------
 
-OwnedFD::~OwnedFD() {
-  Set(-1);
-}
-
-void OwnedFD::Set(int fd) {
-  if (m_fd >= 0) close(m_fd);
-  m_fd = fd;
-}
-
 bool CaptureQueue::Open() {
-  m_readable.Set(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  m_stop.Set(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  return m_readable.Get() >= 0 && m_stop.Get() >= 0;
+  m_readable.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  m_stop.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  return m_readable.IsOpen() && m_stop.IsOpen();
 }
 
 void CaptureQueue::Deliver(std::uint64_t timestamp, std::span<const std::uint8_t> klv) {

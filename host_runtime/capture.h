@@ -5,32 +5,20 @@
 #ifndef HOST_CAPTURE_BACKENDS_H
 #define HOST_CAPTURE_BACKENDS_H
 
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <span>
-#include <utility>
 #include <vector>
 
+#include "host.h"
+#include "host_runtime.h"
+#include "owned_fd.h"
 #include "runtime_state.h"
 
 namespace host_runtime {
-
-// A descriptor that is closed with its owner.
-class OwnedFD {
- public:
-  OwnedFD() = default;
-  explicit OwnedFD(int fd) : m_fd(fd) {}
-  ~OwnedFD();
-  OwnedFD(const OwnedFD&) = delete;
-  OwnedFD& operator=(const OwnedFD&) = delete;
-  int Get() const { return m_fd; }
-  void Set(int fd);
-  int Release() { return std::exchange(m_fd, -1); }
-
- private:
-  int m_fd = -1;
-};
 
 // What a back end delivers to, and where the metadata thread takes from. Safe from any thread.
 class CaptureQueue {
@@ -64,10 +52,10 @@ class CaptureQueue {
   };
 
   const int m_input;
-  bool m_stopping = false;    // atomic
-  OwnedFD m_readable;         // eventfd, set while packets wait
-  OwnedFD m_stop;             // eventfd, set once
-  mutable std::mutex m_lock;  // leaf; guards what follows
+  bool m_stopping = false;     // atomic
+  common::OwnedFD m_readable;  // eventfd, set while packets wait
+  common::OwnedFD m_stop;      // eventfd, set once
+  mutable std::mutex m_lock;   // leaf; guards what follows
   std::deque<Packet> m_packets;
   std::size_t m_bytes = 0;
   HostCaptureStats m_stats;

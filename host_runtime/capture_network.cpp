@@ -10,14 +10,20 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "anc_klv.h"
 #include "capture.h"
+#include "owned_fd.h"
 
 namespace host_runtime {
 namespace {
@@ -53,7 +59,7 @@ class AncBackend : public CaptureBackend {
                static_cast<unsigned>(m_config.port));
       return false;
     }
-    m_socket.Set(fd);
+    m_socket.Reset(fd);
     return true;
   }
 
@@ -115,7 +121,7 @@ class AncBackend : public CaptureBackend {
   static unsigned long long Wide(std::uint64_t value) { return value; }
 
   const HostCaptureConfig m_config;
-  OwnedFD m_socket;
+  common::OwnedFD m_socket;
   anc_klv::Counts m_reported;
 };
 
@@ -126,7 +132,7 @@ class SocketLock {
  public:
   SocketLock() = default;
   ~SocketLock() {
-    if (m_file.Get() >= 0) unlink(m_path.c_str());
+    if (m_file.IsOpen()) unlink(m_path.c_str());
   }
   SocketLock(const SocketLock&) = delete;
   SocketLock& operator=(const SocketLock&) = delete;
@@ -135,8 +141,8 @@ class SocketLock {
   bool Take(const std::string& path) {
     m_path = path + ".lock";
     for (;;) {
-      OwnedFD file(open(m_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-      if (file.Get() < 0) return false;
+      common::OwnedFD file(open(m_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+      if (!file.IsOpen()) return false;
       if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno == EWOULDBLOCK) errno = EBUSY;
         return false;
@@ -146,7 +152,7 @@ class SocketLock {
       struct stat named;
       if (fstat(file.Get(), &locked) == 0 && stat(m_path.c_str(), &named) == 0 && locked.st_ino == named.st_ino &&
           locked.st_dev == named.st_dev) {
-        m_file.Set(file.Release());
+        m_file = std::move(file);
         return true;
       }
     }
@@ -154,7 +160,7 @@ class SocketLock {
 
  private:
   std::string m_path;
-  OwnedFD m_file;
+  common::OwnedFD m_file;
 };
 
 class SocketBackend : public CaptureBackend {
@@ -208,11 +214,11 @@ class SocketBackend : public CaptureBackend {
   // False with errno. Replaces what an earlier run left behind, a socket that nobody answers on, and nothing else.
   bool Bind(const sockaddr_un& address) {
     const auto* const name = reinterpret_cast<const sockaddr*>(&address);
-    m_socket.Set(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (m_socket.Get() < 0) return false;
+    m_socket.Reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!m_socket.IsOpen()) return false;
     struct stat existing;
     if (lstat(m_config.path.c_str(), &existing) == 0 && S_ISSOCK(existing.st_mode)) {
-      const OwnedFD probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+      const common::OwnedFD probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
       if (connect(probe.Get(), name, sizeof address) == 0 || errno != ECONNREFUSED) {
         errno = EADDRINUSE;
         return false;
@@ -224,7 +230,7 @@ class SocketBackend : public CaptureBackend {
 
   const HostCaptureConfig m_config;
   SocketLock m_lock;  // outlives the socket and its name
-  OwnedFD m_socket;
+  common::OwnedFD m_socket;
   bool m_bound = false;
 };
 

@@ -4,10 +4,11 @@
 #define HOST_MODULE "fdmgr"
 
 #include <sys/epoll.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 #include <map>
@@ -16,8 +17,10 @@
 #include <string>
 #include <vector>
 
+#include "owned_fd.h"
 #include "runtime_state.h"
 #include "serial_line.h"
+#include "serial_port.h"
 
 using namespace host_runtime;
 
@@ -39,7 +42,7 @@ struct Entry {
 
 struct tagHOST_FDSET {
   std::string name;
-  int epoll = -1;
+  common::OwnedFD epoll;  // closed after the entries, whose serial devices leave it
   // By order of addition. A number is never used again, so that an event of a removed entry finds nothing, also
   // when its descriptor was added anew in the meantime.
   std::map<std::uint64_t, Entry> entries;
@@ -77,7 +80,7 @@ int WaitForEvents(tagHOST_FDSET& set, std::int64_t end) {
     wait = std::min<std::int64_t>((wait + 999'999) / 1'000'000, std::numeric_limits<int>::max());
   }
   const int count =
-      epoll_wait(set.epoll, set.events.data(), static_cast<int>(set.events.size()), static_cast<int>(wait));
+      epoll_wait(set.epoll.Get(), set.events.data(), static_cast<int>(set.events.size()), static_cast<int>(wait));
   return count < 0 && errno == EINTR ? 0 : count;
 }
 
@@ -123,19 +126,19 @@ int WaitForEntries(tagHOST_FDSET& set) {
 // A serial device's own events replace those of its descriptor.
 bool StartWatching(tagHOST_FDSET& set, std::uint64_t number, Entry& entry) {
   if (const auto device = TakeDevice(entry.fd)) {
-    entry.line = SerialLine::Attach(entry.fd, *device, set.epoll, number | kDeviceTag);
+    entry.line = SerialLine::Attach(entry.fd, *device, set.epoll.Get(), number | kDeviceTag);
     return entry.line != nullptr;
   }
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.u64 = number;
-  return epoll_ctl(set.epoll, EPOLL_CTL_ADD, entry.fd, &event) == 0;
+  return epoll_ctl(set.epoll.Get(), EPOLL_CTL_ADD, entry.fd, &event) == 0;
 }
 
 // False for a descriptor that was closed before.
 bool StopWatching(tagHOST_FDSET& set, const Entry& entry) {
   if (entry.line != nullptr) return entry.line->IsAttached();
-  return epoll_ctl(set.epoll, EPOLL_CTL_DEL, entry.fd, nullptr) == 0;
+  return epoll_ctl(set.epoll.Get(), EPOLL_CTL_DEL, entry.fd, nullptr) == 0;
 }
 
 }  // namespace
@@ -148,8 +151,8 @@ BOOL __FDMGR_CreateSet(const char* szName, HFDSET* phSet, const char* szFunction
   return Guarded(FALSE, [&] {
     auto set = std::make_unique<tagHOST_FDSET>();
     set->name = szName == nullptr ? "" : szName;
-    set->epoll = epoll_create1(EPOLL_CLOEXEC);
-    if (set->epoll < 0) {
+    set->epoll.Reset(epoll_create1(EPOLL_CLOEXEC));
+    if (!set->epoll.IsOpen()) {
       HOST_LOG(3, "%s: cannot make descriptor set \"%s\": %s.\n", szFunction, set->name.c_str(), strerror(errno));
       return FALSE;
     }
@@ -231,8 +234,6 @@ int FDMGR_Select(HFDSET hSet) {
 
 BOOL FDMGR_CloseSet(HFDSET* phSet) {
   if (phSet == nullptr || *phSet == nullptr) return FALSE;
-  (*phSet)->entries.clear();  // serial devices leave the epoll instance
-  close((*phSet)->epoll);
   delete *phSet;
   *phSet = nullptr;
   return TRUE;

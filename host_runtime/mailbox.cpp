@@ -2,16 +2,18 @@
 #define HOST_MODULE "mailbox"
 
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 
+#include "owned_fd.h"
 #include "runtime_state.h"
 
 using namespace host_runtime;
@@ -25,13 +27,12 @@ struct tagHOST_MBOX_MSG {
 
 struct tagHOST_MBOX {
   std::string name;
-  int notification = -1;
-  std::mutex lock;  // leaf; guards the queue and keeps the notification in step with it
+  common::OwnedFD notification;  // eventfd
+  std::mutex lock;               // leaf; guards the queue and keeps the notification in step with it
   std::deque<HMBOXMSG> queue;
 
   ~tagHOST_MBOX() {
     for (HMBOXMSG hMsg : queue) free(hMsg);
-    if (notification >= 0) close(notification);
   }
 };
 
@@ -64,8 +65,8 @@ BOOL MBOX_CreateMailBox(const MBOX_CONFIG* pConfig, HMBOX* phMBox) {
   return Guarded(FALSE, [&] {
     auto mailbox = std::make_unique<tagHOST_MBOX>();
     mailbox->name = pConfig->szName;
-    mailbox->notification = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (mailbox->notification < 0) {
+    mailbox->notification.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!mailbox->notification.IsOpen()) {
       HOST_LOG(3, "Cannot make mailbox \"%s\": %s.\n", pConfig->szName, strerror(errno));
       return FALSE;
     }
@@ -83,7 +84,7 @@ BOOL MBOX_CreateMailBox(const MBOX_CONFIG* pConfig, HMBOX* phMBox) {
 }
 
 int MBOX_GetNotificationFD(HMBOX hMBox) {
-  return hMBox == nullptr ? -1 : hMBox->notification;
+  return hMBox == nullptr ? -1 : hMBox->notification.Get();
 }
 
 HMBOXMSG __MBOX_AllocMessage(size_t nDataSize, const char* szFunction, const char*, int) {
@@ -108,7 +109,7 @@ BOOL MBOX_SendMessage(HMBOX hMBox, HMBOXMSG hMsg, DWORD) {
       const std::lock_guard guard(hMBox->lock);
       if (hMBox->queue.size() < kMessageLimit) {
         hMBox->queue.push_back(hMsg);
-        if (hMBox->queue.size() == 1) eventfd_write(hMBox->notification, 1);
+        if (hMBox->queue.size() == 1) eventfd_write(hMBox->notification.Get(), 1);
         return TRUE;
       }
     }
@@ -125,7 +126,7 @@ BOOL MBOX_RecvMessage(HMBOX hMBox, HMBOXMSG* phMsg) {
     *phMsg = hMBox->queue.front();
     hMBox->queue.pop_front();
     eventfd_t count = 0;
-    if (hMBox->queue.empty()) eventfd_read(hMBox->notification, &count);
+    if (hMBox->queue.empty()) eventfd_read(hMBox->notification.Get(), &count);
     return TRUE;
   });
 }

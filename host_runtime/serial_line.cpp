@@ -50,20 +50,18 @@ std::unique_ptr<SerialLine> SerialLine::Attach(int fd, const SerialDevice& devic
 }
 
 bool SerialLine::TakeOver() {
-  m_device = fcntl(m_fd, F_DUPFD_CLOEXEC, 0);
-  if (m_device < 0 || !Watch()) return false;
+  m_device.Reset(fcntl(m_fd, F_DUPFD_CLOEXEC, 0));
+  if (!m_device.IsOpen() || !Watch()) return false;
   std::array<int, 2> ends{};
   if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) != 0) return false;
-  m_feed = ends[0];
+  m_feed.Reset(ends[0]);
+  const common::OwnedFD other(ends[1]);
   struct stat info;
   epoll_event closed{};  // only that the other end was closed, once
   closed.events = EPOLLRDHUP | EPOLLET;
   closed.data.u64 = m_tag;
-  const bool replaced = epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_feed, &closed) == 0 && fstat(ends[1], &info) == 0 &&
-                        dup3(ends[1], m_fd, O_CLOEXEC) == m_fd;
-  const int error = errno;
-  close(ends[1]);
-  errno = error;
+  const bool replaced = epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_feed.Get(), &closed) == 0 &&
+                        fstat(other.Get(), &info) == 0 && dup3(other.Get(), m_fd, O_CLOEXEC) == m_fd;
   if (!replaced) return false;
   m_feedDevice = info.st_dev;
   m_feedNode = info.st_ino;
@@ -72,11 +70,10 @@ bool SerialLine::TakeOver() {
 
 SerialLine::~SerialLine() {
   Unwatch();
-  if (m_device >= 0 && IsAttached() && dup3(m_device, m_fd, O_CLOEXEC) == m_fd) {
+  if (m_device.IsOpen() && IsAttached() && dup3(m_device.Get(), m_fd, O_CLOEXEC) == m_fd) {
     Guarded([this] { RememberDevice(m_fd, m_is); });
   }
-  if (m_device >= 0) close(m_device);
-  if (m_feed >= 0) close(m_feed);  // leaves the epoll instance with its last descriptor
+  // m_feed leaves the epoll instance when it is closed: it has no other descriptor.
 }
 
 bool SerialLine::IsAttached() const {
@@ -88,33 +85,33 @@ bool SerialLine::Watch() {
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.u64 = m_tag;
-  m_watched = m_watched || epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_device, &event) == 0;
+  m_watched = m_watched || epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_device.Get(), &event) == 0;
   return m_watched;
 }
 
 // Taken out rather than asked for no events: a device that hung up reports that in any case.
 void SerialLine::Unwatch() {
-  if (std::exchange(m_watched, false)) epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_device, nullptr);
+  if (std::exchange(m_watched, false)) epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_device.Get(), nullptr);
 }
 
 // A read callback may leave its bytes, when it cannot get a lock in time; they come before any others.
 bool SerialLine::HasUnread() const {
   int unread = 0;
-  return ioctl(m_feed, TIOCOUTQ, &unread) == 0 && unread != 0;
+  return ioctl(m_feed.Get(), TIOCOUTQ, &unread) == 0 && unread != 0;
 }
 
 // The descriptor was closed while it was in the set. Its number may be anybody's by now.
 void SerialLine::Abandon() {
   m_abandoned = true;
   Unwatch();
-  if (m_device >= 0) close(std::exchange(m_device, -1));
+  m_device.Reset();
 }
 
 void SerialLine::Read(std::int64_t now) {
   if (!IsAttached()) Abandon();
-  if (m_device < 0) return;
+  if (!m_device.IsOpen()) return;
   std::array<std::uint8_t, 4096> buffer;
-  const ssize_t got = read(m_device, buffer.data(), buffer.size());
+  const ssize_t got = read(m_device.Get(), buffer.data(), buffer.size());
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (got <= 0) {
     LoseDevice(now);
@@ -126,18 +123,18 @@ void SerialLine::Read(std::int64_t now) {
 
 bool SerialLine::Offer(std::int64_t now) {
   if (m_abandoned) return false;
-  if (m_device < 0 && now >= m_nextTry) TryDevice(now);
+  if (!m_device.IsOpen() && now >= m_nextTry) TryDevice(now);
   if (HasUnread()) return true;
   const auto piece = m_pieces.Next(now);
   if (piece.empty()) return false;
-  const ssize_t sent = send(m_feed, piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+  const ssize_t sent = send(m_feed.Get(), piece.data(), piece.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
   if (sent != static_cast<ssize_t>(piece.size())) {
     if (sent >= 0 || errno == EAGAIN || errno == EINTR || errno == ENOBUFS || errno == ENOMEM) return false;
     Abandon();
     return false;
   }
   m_pieces.Took(now);
-  if (m_device >= 0 && m_pieces.Held() < kMostHeld) Watch();
+  if (m_device.IsOpen() && m_pieces.Held() < kMostHeld) Watch();
   return true;
 }
 
@@ -145,12 +142,12 @@ std::int64_t SerialLine::Due() const {
   if (m_abandoned) return SerialPieces::kNever;
   if (HasUnread()) return 0;
   const std::int64_t due = m_pieces.Due();
-  return m_device < 0 ? std::min(due, m_nextTry) : due;
+  return !m_device.IsOpen() ? std::min(due, m_nextTry) : due;
 }
 
 void SerialLine::LoseDevice(std::int64_t now) {
   Unwatch();
-  close(std::exchange(m_device, -1));
+  m_device.Reset();
   m_pieces.Interrupt();
   m_nextTry = now + kRetry;
   m_lossTold = false;
@@ -173,9 +170,9 @@ void SerialLine::TryDevice(std::int64_t now) {
   m_nextTry = now + kRetry;
   if (!m_lossTold) ReportLoss(now);
   m_device = OpenDevice(m_is.path);
-  if (m_device < 0) return;
-  if (tcsetattr(m_device, TCSANOW, &*m_is.settings) != 0 || !Watch()) {
-    close(std::exchange(m_device, -1));
+  if (!m_device.IsOpen()) return;
+  if (tcsetattr(m_device.Get(), TCSANOW, &*m_is.settings) != 0 || !Watch()) {
+    m_device.Reset();
     return;
   }
   if (m_lossTold) {

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "owned_fd.h"
 #include "serial_pieces.h"
 #include "serial_port.h"
 
@@ -66,8 +67,8 @@ class SerialLine {
   const std::uint64_t m_tag;
   SerialPieces m_pieces;
 
-  int m_device = -1;  // -1 while it is away
-  int m_feed = -1;    // the other end of what stands behind m_fd
+  common::OwnedFD m_feed;    // the other end of the stream behind m_fd
+  common::OwnedFD m_device;  // none while the device is away
   dev_t m_feedDevice = 0;
   ino_t m_feedNode = 0;
   bool m_watched = false;    // m_device is in m_epoll

@@ -152,14 +152,11 @@ void NoteSettings(int fd, const termios& settings) {
 
 namespace host_runtime {
 
-int OpenDevice(const std::string& device) {
-  const int fd = open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-  if (fd < 0) return -1;
-  if (isatty(fd) != 0 && Reserve(fd)) return fd;
-  const int error = errno == EINVAL ? ENOTTY : errno;  // some devices say the one, some the other
-  close(fd);
-  errno = error;
-  return -1;
+common::OwnedFD OpenDevice(const std::string& device) {
+  common::OwnedFD fd(open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  if (!fd.IsOpen() || (isatty(fd.Get()) != 0 && Reserve(fd.Get()))) return fd;
+  if (errno == EINVAL) errno = ENOTTY;  // isatty() fails with either
+  return common::OwnedFD();
 }
 
 void RememberDevice(int fd, const SerialDevice& device) {
@@ -204,8 +201,8 @@ BOOL OpenSerialPortDevice(const char* szPath, int* piFD) {
     const auto config = Config();
     const auto mapped = config->serialDevices.find(szPath);
     const std::string device = mapped == config->serialDevices.end() ? szPath : mapped->second;
-    const int iFD = OpenDevice(device);
-    if (iFD < 0) {
+    common::OwnedFD opened = OpenDevice(device);
+    if (!opened.IsOpen()) {
       const int error = errno;
       if (error == EBUSY) {
         HOST_LOG(3, "Serial device \"%s\" is in use; a device is never shared.\n", device.c_str());
@@ -216,9 +213,9 @@ BOOL OpenSerialPortDevice(const char* szPath, int* piFD) {
       }
       return FALSE;
     }
-    RememberDevice(iFD, {device, std::nullopt});
+    RememberDevice(opened.Get(), {device, std::nullopt});
     if (device != szPath) HOST_LOG(5, "Serial device \"%s\" is \"%s\".\n", szPath, device.c_str());
-    *piFD = iFD;
+    *piFD = opened.Release();
     return TRUE;
   });
 }

@@ -8,11 +8,13 @@
 #include <optional>
 #include <string>
 
+#include "owned_fd.h"
+
 namespace host_runtime {
 
-// Opens a device for this process alone, as OpenSerialPortDevice does. -1 with errno: ENOTTY for what is no serial device,
-// EBUSY for one that is in use. Logs nothing.
-int OpenDevice(const std::string& device);
+// Opens a device for this process alone, as OpenSerialPortDevice does. Returns none, with errno, if it cannot: ENOTTY for a
+// file that is not a serial device, EBUSY for one that is in use. Logs nothing.
+common::OwnedFD OpenDevice(const std::string& device);
 
 struct SerialDevice {
   std::string path;

@@ -7,13 +7,13 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
-#include <unistd.h>
+#include <sys/socket.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <string>
 
+#include "owned_fd.h"
 #include "runtime_state.h"
 
 using namespace host_runtime;
@@ -22,32 +22,24 @@ namespace {
 
 constexpr int kReceiveBuffer = 1 << 20;  // bytes asked for; the system may grant less
 
-// A descriptor that closes itself unless it is taken.
 class Socket {
  public:
   explicit Socket(int family) : m_fd(socket(family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    if (m_fd >= 0) Set(SOL_SOCKET, SO_RCVBUF, kReceiveBuffer);
+    if (IsOpen()) Set(SOL_SOCKET, SO_RCVBUF, kReceiveBuffer);
   }
-  ~Socket() {
-    if (m_fd >= 0) close(m_fd);
-  }
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
 
-  int Get() const { return m_fd; }
-  int Take() {
-    const int fd = m_fd;
-    m_fd = -1;
-    return fd;
-  }
-  bool Set(int level, int option, int value) { return setsockopt(m_fd, level, option, &value, sizeof value) == 0; }
+  bool IsOpen() const { return m_fd.IsOpen(); }
+  int Get() const { return m_fd.Get(); }
+  // Gives up ownership: the caller closes the descriptor.
+  [[nodiscard]] int Release() { return m_fd.Release(); }
+  bool Set(int level, int option, int value) { return setsockopt(Get(), level, option, &value, sizeof value) == 0; }
   template <typename Address>
   bool Bind(const Address& address) {
-    return bind(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return bind(Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
   }
 
  private:
-  int m_fd;
+  common::OwnedFD m_fd;
 };
 
 BOOL Fail(const char* what, USHORT usPort) {
@@ -90,7 +82,7 @@ BOOL CreateUDPRxSocket(USHORT usPort, const BYTE* acAddress, int* piFD) {
     if (acAddress != nullptr) memcpy(&address, acAddress, sizeof address);
     const bool bMulticast = IN_MULTICAST(ntohl(address.s_addr));
     Socket socket(AF_INET);
-    if (socket.Get() < 0) return Fail("no socket", usPort);
+    if (!socket.IsOpen()) return Fail("no socket", usPort);
     // Without IP_MULTICAST_ALL only the groups joined by this socket arrive, not those of the machine's others.
     if (bMulticast && (!socket.Set(SOL_SOCKET, SO_REUSEADDR, 1) || !socket.Set(IPPROTO_IP, IP_MULTICAST_ALL, 0))) {
       return Fail("cannot prepare for multicast", usPort);
@@ -100,7 +92,7 @@ BOOL CreateUDPRxSocket(USHORT usPort, const BYTE* acAddress, int* piFD) {
     local.sin_port = htons(usPort);
     if (!socket.Bind(local)) return Fail("cannot bind", usPort);
     if (bMulticast && !Join(socket, address)) return Fail("cannot join the group", usPort);
-    *piFD = socket.Take();
+    *piFD = socket.Release();
     return TRUE;
   });
 }
@@ -109,7 +101,7 @@ BOOL CreateUDPv6RxSocket(USHORT usPort, DWORD dwFlags, int* piFD) {
   if (piFD == nullptr) return FALSE;
   *piFD = -1;
   Socket socket(AF_INET6);
-  if (socket.Get() < 0) return Fail("no IPv6 socket", usPort);
+  if (!socket.IsOpen()) return Fail("no IPv6 socket", usPort);
   if (!socket.Set(IPPROTO_IPV6, IPV6_V6ONLY, 1)) return Fail("cannot leave out IPv4", usPort);
   if ((dwFlags & HOST_UDPV6_RX_HOPLIMIT) != 0 && !socket.Set(IPPROTO_IPV6, IPV6_RECVHOPLIMIT, 1)) {
     return Fail("cannot ask for hop limits", usPort);
@@ -121,7 +113,7 @@ BOOL CreateUDPv6RxSocket(USHORT usPort, DWORD dwFlags, int* piFD) {
   local.sin6_family = AF_INET6;
   local.sin6_port = htons(usPort);
   if (!socket.Bind(local)) return Fail("cannot bind over IPv6", usPort);
-  *piFD = socket.Take();
+  *piFD = socket.Release();
   return TRUE;
 }
 

@@ -16,6 +16,7 @@
 #include <optional>
 
 #include "gtx_grid.h"
+#include "owned_fd.h"
 
 namespace geoid {
 namespace {
@@ -159,17 +160,15 @@ void ReplaceFile(const std::string& path, const std::string& text) {
   if (!folder.empty()) std::filesystem::create_directories(folder, error);
   if (error) throw GridError(folder.string() + ": " + error.message());
   std::string temporary = path + ".XXXXXX";
-  const int fd = mkstemp(temporary.data());
-  if (fd < 0) ThrowSystemError(temporary);
+  const common::OwnedFD file(mkstemp(temporary.data()));
+  if (!file.IsOpen()) ThrowSystemError(temporary);
   try {
-    WriteAll(fd, text, temporary);
+    WriteAll(file.Get(), text, temporary);
     if (rename(temporary.c_str(), path.c_str()) != 0) ThrowSystemError(path);
   } catch (...) {
-    close(fd);
     unlink(temporary.c_str());
     throw;
   }
-  close(fd);
 }
 
 }  // namespace geoid

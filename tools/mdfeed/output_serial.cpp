@@ -13,6 +13,7 @@
 
 #include "error.h"
 #include "output.h"
+#include "owned_fd.h"
 #include "stop.h"
 
 namespace mdfeed {
@@ -23,22 +24,15 @@ using std::chrono::milliseconds;
 // A terminal line, raw.
 class LineOutput : public Output {
  public:
-  LineOutput() = default;
-  LineOutput(const LineOutput&) = delete;
-  LineOutput& operator=(const LineOutput&) = delete;
-  ~LineOutput() override {
-    if (m_fd >= 0) close(m_fd);
-  }
-
   void Send(std::span<const std::uint8_t> data) override {
     while (!data.empty() && !StopRequested()) {
-      const ssize_t written = write(m_fd, data.data(), data.size());
+      const ssize_t written = write(m_fd.Get(), data.data(), data.size());
       if (written > 0) {
         data = data.subspan(static_cast<std::size_t>(written));
         continue;
       }
       if (written < 0 && errno != EINTR && errno != EAGAIN) ThrowErrno("cannot write to " + m_name);
-      pollfd ready = {m_fd, POLLOUT, 0};
+      pollfd ready = {m_fd.Get(), POLLOUT, 0};
       poll(&ready, 1, 100);
     }
   }
@@ -46,41 +40,41 @@ class LineOutput : public Output {
  protected:
   void MakeRaw(unsigned baudCode) {
     termios settings{};
-    if (tcgetattr(m_fd, &settings) != 0) ThrowErrno(m_name + " is not a serial line");
+    if (tcgetattr(m_fd.Get(), &settings) != 0) ThrowErrno(m_name + " is not a serial line");
     cfmakeraw(&settings);
     settings.c_cflag |= CLOCAL;
     if (baudCode != 0) cfsetspeed(&settings, baudCode);
-    if (tcsetattr(m_fd, TCSANOW, &settings) != 0) ThrowErrno("cannot set up " + m_name);
+    if (tcsetattr(m_fd.Get(), TCSANOW, &settings) != 0) ThrowErrno("cannot set up " + m_name);
   }
 
   std::string m_name;
-  int m_fd = -1;
+  common::OwnedFD m_fd;
 };
 
 class SerialOutput : public LineOutput {
  public:
   SerialOutput(const std::string& path, int baud) {
     m_name = path;
-    m_fd = open(path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (m_fd < 0) ThrowErrno("cannot open " + path);
+    m_fd.Reset(open(path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    if (!m_fd.IsOpen()) ThrowErrno("cannot open " + path);
     MakeRaw(BaudCode(baud));
   }
 
-  void Finish() override { tcdrain(m_fd); }
+  void Finish() override { tcdrain(m_fd.Get()); }
 };
 
 class PtyOutput : public LineOutput {
  public:
   explicit PtyOutput(const std::string& link) : m_link(link) {
     m_name = "the pseudo-terminal " + link;
-    m_fd = posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (m_fd < 0 || grantpt(m_fd) != 0 || unlockpt(m_fd) != 0) ThrowErrno("cannot make a pseudo-terminal");
+    m_fd.Reset(posix_openpt(O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+    if (!m_fd.IsOpen() || grantpt(m_fd.Get()) != 0 || unlockpt(m_fd.Get()) != 0)
+      ThrowErrno("cannot make a pseudo-terminal");
     std::array<char, 128> name{};
-    if (ptsname_r(m_fd, name.data(), name.size()) != 0) ThrowErrno("cannot name the pseudo-terminal");
+    if (ptsname_r(m_fd.Get(), name.data(), name.size()) != 0) ThrowErrno("cannot name the pseudo-terminal");
     m_otherEnd = name.data();
     // Opened and closed once, the master tells from then on whether anybody has the other end open.
-    const int other = OpenOtherEnd();
-    if (other >= 0) close(other);
+    OpenOtherEnd().Reset();
     MakeRaw(0);
     MakeLink();
   }
@@ -100,24 +94,25 @@ class PtyOutput : public LineOutput {
   }
 
   void Finish() override {
-    const int other = OpenOtherEnd();
-    if (other < 0) return;
+    const common::OwnedFD other = OpenOtherEnd();
+    if (!other.IsOpen()) return;
     const auto limit = Clock::now() + std::chrono::seconds(5);
     int empty = 0;  // in a row; what was written last may still be on its way
     while (empty < 3 && Clock::now() < limit && !StopRequested()) {
       int waiting = 0;
-      ioctl(other, FIONREAD, &waiting);
+      ioctl(other.Get(), FIONREAD, &waiting);
       empty = waiting == 0 ? empty + 1 : 0;
       SleepUntil(Clock::now() + milliseconds(50));
     }
-    close(other);
   }
 
  private:
-  int OpenOtherEnd() const { return open(m_otherEnd.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }
+  common::OwnedFD OpenOtherEnd() const {
+    return common::OwnedFD(open(m_otherEnd.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  }
 
   bool HasReader() const {
-    pollfd state = {m_fd, 0, 0};
+    pollfd state = {m_fd.Get(), 0, 0};
     return poll(&state, 1, 0) >= 0 && (state.revents & POLLHUP) == 0;
   }
 

@@ -3,7 +3,6 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -11,6 +10,7 @@
 
 #include "error.h"
 #include "output.h"
+#include "owned_fd.h"
 #include "value_text.h"
 
 namespace mdfeed {
@@ -44,24 +44,19 @@ class UdpOutput : public Output {
  public:
   UdpOutput(const UdpAddress& address, const std::string& interface) : m_name(address.host + ":" + address.port) {
     Resolve(address);
-    m_fd = socket(m_address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (m_fd < 0) ThrowErrno("cannot make a UDP socket");
+    m_fd.Reset(socket(m_address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (!m_fd.IsOpen()) ThrowErrno("cannot make a UDP socket");
     if (!interface.empty()) ChooseInterface(interface);
-  }
-  UdpOutput(const UdpOutput&) = delete;
-  UdpOutput& operator=(const UdpOutput&) = delete;
-  ~UdpOutput() override {
-    if (m_fd >= 0) close(m_fd);
   }
 
   void Send(std::span<const std::uint8_t> data) override {
     for (;;) {
       const ssize_t sent =
-          sendto(m_fd, data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&m_address), m_addressSize);
+          sendto(m_fd.Get(), data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&m_address), m_addressSize);
       if (sent >= 0) return;
       if (errno == EINTR || errno == ECONNREFUSED) continue;
       if (errno != EAGAIN && errno != ENOBUFS) ThrowErrno("cannot send to " + m_name);
-      pollfd ready = {m_fd, POLLOUT, 0};
+      pollfd ready = {m_fd.Get(), POLLOUT, 0};
       poll(&ready, 1, 10);
     }
   }
@@ -99,7 +94,7 @@ class UdpOutput : public Output {
   }
 
   void Set(int level, int option, int value, const char* what) {
-    if (setsockopt(m_fd, level, option, &value, sizeof(value)) != 0) {
+    if (setsockopt(m_fd.Get(), level, option, &value, sizeof(value)) != 0) {
       ThrowErrno("cannot set the " + std::string(what) + " to " + std::to_string(value));
     }
   }
@@ -114,7 +109,7 @@ class UdpOutput : public Output {
     }
     ip_mreqn request{};
     request.imr_ifindex = static_cast<int>(index);
-    if (setsockopt(m_fd, IPPROTO_IP, IP_MULTICAST_IF, &request, sizeof(request)) != 0) {
+    if (setsockopt(m_fd.Get(), IPPROTO_IP, IP_MULTICAST_IF, &request, sizeof(request)) != 0) {
       ThrowErrno("cannot send through " + interface);
     }
   }
@@ -122,7 +117,7 @@ class UdpOutput : public Output {
   std::string m_name;
   sockaddr_storage m_address{};
   socklen_t m_addressSize = 0;
-  int m_fd = -1;
+  common::OwnedFD m_fd;
 };
 
 }  // namespace
