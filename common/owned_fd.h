@@ -16,7 +16,7 @@ class OwnedFD {
   explicit OwnedFD(int fd) : m_fd(fd) {}
   OwnedFD(OwnedFD&& other) noexcept : m_fd(other.Release()) {}
   OwnedFD& operator=(OwnedFD&& other) noexcept {
-    if (this != &other) Reset(other.Release());
+    Reset(other.Release());
     return *this;
   }
   ~OwnedFD() { Reset(); }

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <utility>
 
 namespace mdencoder {
 namespace {
@@ -26,7 +27,7 @@ void Console::Line(const std::string& line) {
 }
 
 void Console::Lines(const std::vector<std::string>& lines) {
-  const std::lock_guard lock(m_mutex);
+  const common::Lock lock(m_mutex);
   Erase();
   for (const std::string& line : lines) {
     std::fwrite(line.data(), 1, line.size(), stdout);
@@ -37,7 +38,7 @@ void Console::Lines(const std::vector<std::string>& lines) {
 }
 
 void Console::Complain(const std::string& line) {
-  const std::lock_guard lock(m_mutex);
+  const common::Lock lock(m_mutex);
   Erase();
   std::fprintf(stderr, "%s\n", line.c_str());
   Draw();
@@ -45,7 +46,7 @@ void Console::Complain(const std::string& line) {
 
 void Console::Status(std::vector<std::string> lines) {
   if (!m_hasStatus) return;
-  const std::lock_guard lock(m_mutex);
+  const common::Lock lock(m_mutex);
   Erase();
   m_status = std::move(lines);
   Draw();

@@ -6,9 +6,11 @@
 #define MDENCODER_CONSOLE_H
 
 #include <atomic>
-#include <mutex>
+#include <cstddef>
 #include <string>
 #include <vector>
+
+#include "annotated_mutex.h"
 
 namespace mdencoder {
 
@@ -33,14 +35,14 @@ class Console {
   bool OutputFailed() const { return m_outputFailed.load(std::memory_order_relaxed); }
 
  private:
-  void Erase();  // with mutex_ held
-  void Draw();   // with mutex_ held
+  void Erase() REQUIRES(m_mutex);
+  void Draw() REQUIRES(m_mutex);
 
   const bool m_hasStatus;
   std::atomic<bool> m_outputFailed{false};
-  std::mutex m_mutex;                 // guards both streams and the rest
-  std::vector<std::string> m_status;  // the block
-  size_t m_drawn = 0;                 // its lines on the screen
+  common::Mutex m_mutex;                                  // leaf; also keeps the lines of both streams whole
+  std::vector<std::string> m_status GUARDED_BY(m_mutex);  // the block
+  size_t m_drawn GUARDED_BY(m_mutex) = 0;                 // its lines on the screen
 };
 
 }  // namespace mdencoder

@@ -1,6 +1,7 @@
 #include "receiver.h"
 
 #include <chrono>
+#include <utility>
 
 namespace mdencoder {
 
@@ -19,7 +20,7 @@ bool Receiver::Take(MDATA_BUFFER* buffer, Source& source) {
   const uint64_t length = static_cast<uint64_t>(buffer->nDataSize - MDATA_STREAM_HEADER_SIZE);
   bool taken = false;
   {
-    const std::lock_guard lock(m_mutex);
+    const common::Lock lock(m_mutex);
     if (m_queue.size() < m_capacity && !m_finished) {
       __atomic_add_fetch(&buffer->nRefCount, 1, __ATOMIC_RELAXED);
       m_queue.push_back({buffer, &source, timeUs});
@@ -27,27 +28,27 @@ bool Receiver::Take(MDATA_BUFFER* buffer, Source& source) {
     }
   }
   source.Arrived(sequence, length, taken);
-  if (taken) m_wake.notify_one();
+  if (taken) m_wake.NotifyOne();
   return taken;
 }
 
 void Receiver::Finish() {
   {
-    const std::lock_guard lock(m_mutex);
+    const common::Lock lock(m_mutex);
     m_finished = true;
   }
-  m_wake.notify_one();
+  m_wake.NotifyOne();
   if (m_thread.joinable()) m_thread.join();
 }
 
 void Receiver::Run() {
-  std::unique_lock lock(m_mutex);
+  common::Lock lock(m_mutex);
   for (;;) {
-    m_wake.wait(lock, [this] { return m_finished || !m_queue.empty(); });
+    while (!m_finished && m_queue.empty()) m_wake.Wait(m_mutex);
     if (m_queue.empty()) return;
     const Kept kept = m_queue.front();
     m_queue.pop_front();
-    lock.unlock();
+    lock.Pause();
     const BYTE* data = kept.buffer->pcData;
     Received received;
     received.source = kept.source;
@@ -58,7 +59,7 @@ void Receiver::Run() {
     received.buffer = st0601::ByteView(data, static_cast<size_t>(kept.buffer->nDataSize));
     m_handler(received);
     m_release(kept.buffer);
-    lock.lock();
+    lock.Resume();
   }
 }
 

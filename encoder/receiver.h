@@ -7,16 +7,16 @@
 #ifndef MDENCODER_RECEIVER_H
 #define MDENCODER_RECEIVER_H
 
-#include <atomic>
-#include <condition_variable>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <thread>
 
+#include "annotated_mutex.h"
 #include "metadata_lib.h"
 #include "source.h"
+#include "st0601_items.h"
 
 namespace mdencoder {
 
@@ -58,10 +58,10 @@ class Receiver {
   const size_t m_capacity;
   const decltype(&MetaData_ReleaseBuffer) m_release;
   const Handler m_handler;
-  std::mutex m_mutex;  // guards the next three
-  std::condition_variable m_wake;
-  std::deque<Kept> m_queue;
-  bool m_finished = false;
+  common::Mutex m_mutex;  // leaf
+  common::Condition m_wake;
+  std::deque<Kept> m_queue GUARDED_BY(m_mutex);
+  bool m_finished GUARDED_BY(m_mutex) = false;
   std::thread m_thread;
 };
 

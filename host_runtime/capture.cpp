@@ -16,11 +16,14 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <mutex>
+#include <functional>
 #include <string>
 #include <utility>
 
 namespace host_runtime {
+
+using common::Lock;
+using common::Mutex;
 
 // --- Queue -------------------------------------------------------------------------------------------
 
@@ -32,7 +35,7 @@ bool CaptureQueue::Open() {
 
 void CaptureQueue::Deliver(std::uint64_t timestamp, std::span<const std::uint8_t> klv) {
   {
-    const std::lock_guard guard(m_lock);
+    const Lock guard(m_lock);
     if (m_packets.size() < kMostPackets && m_bytes + klv.size() <= kMostBytes) {
       m_packets.push_back({timestamp, {klv.begin(), klv.end()}});
       m_bytes += klv.size();
@@ -47,8 +50,8 @@ void CaptureQueue::Deliver(std::uint64_t timestamp, std::span<const std::uint8_t
 }
 
 void CaptureQueue::Count(std::uint64_t HostCaptureStats::*counter, std::uint64_t count) {
-  const std::lock_guard guard(m_lock);
-  m_stats.*counter += count;
+  const Lock guard(m_lock);
+  std::invoke(counter, m_stats) += count;  // clang does not check "m_stats.*counter"
 }
 
 bool CaptureQueue::Wait(int fd, std::int64_t nanoseconds) {
@@ -75,7 +78,7 @@ bool CaptureQueue::Take(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
   for (;;) {
     Packet packet;
     {
-      const std::lock_guard guard(m_lock);
+      const Lock guard(m_lock);
       if (m_packets.empty()) return false;
       packet = std::move(m_packets.front());
       m_packets.pop_front();
@@ -97,7 +100,7 @@ bool CaptureQueue::Take(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
 }
 
 HostCaptureStats CaptureQueue::Stats() const {
-  const std::lock_guard guard(m_lock);
+  const Lock guard(m_lock);
   return m_stats;
 }
 
@@ -143,12 +146,12 @@ class Capture {
 };
 
 struct Inputs {
-  std::mutex lock;  // taken before a queue's; never held while a thread is waited for
-  std::array<std::shared_ptr<Capture>, kHostVideoInputs> captures;
-  std::array<HostCaptureStats, kHostVideoInputs> last;  // of the capture that was stopped last
+  Mutex lock;  // taken before a queue's; never held while a thread is waited for
+  std::array<std::shared_ptr<Capture>, kHostVideoInputs> captures GUARDED_BY(lock);
+  std::array<HostCaptureStats, kHostVideoInputs> last GUARDED_BY(lock);  // of the capture that was stopped last
 
   std::shared_ptr<Capture> Find(int fd) {
-    const std::lock_guard guard(lock);
+    const Lock guard(lock);
     for (const auto& capture : captures) {
       if (capture != nullptr && capture->Queue().FD() == fd) return capture;
     }
@@ -182,7 +185,7 @@ std::unique_ptr<CaptureBackend> MakeBackend(const HostCaptureConfig& config) {
 BOOL Start(int input, VIDEO_EXTRACTOR* pExtractor) {
   const auto index = static_cast<std::size_t>(input);
   {
-    const std::lock_guard guard(AllInputs().lock);
+    const Lock guard(AllInputs().lock);
     if (AllInputs().captures[index] != nullptr) {
       HOST_LOG(3, "Video input %d is captured already.\n", input);
       return FALSE;
@@ -196,7 +199,7 @@ BOOL Start(int input, VIDEO_EXTRACTOR* pExtractor) {
   auto capture = std::make_shared<Capture>(input, std::move(backend));
   if (!capture->Start()) return FALSE;
   pExtractor->iFD = capture->Queue().FD();
-  const std::lock_guard guard(AllInputs().lock);
+  const Lock guard(AllInputs().lock);
   AllInputs().captures[index] = std::move(capture);
   return TRUE;
 }
@@ -207,11 +210,12 @@ BOOL Start(int input, VIDEO_EXTRACTOR* pExtractor) {
 // --- Services ----------------------------------------------------------------------------------------
 
 using namespace host_runtime;
+using common::Lock;
 
 HostCaptureStats HostRuntime_CaptureStats(int input) {
   if (!IsInput(input)) return {};
   const auto index = static_cast<std::size_t>(input);
-  const std::lock_guard guard(AllInputs().lock);
+  const Lock guard(AllInputs().lock);
   const auto& capture = AllInputs().captures[index];
   return capture != nullptr ? capture->Queue().Stats() : AllInputs().last[index];
 }
@@ -233,12 +237,12 @@ void KLVCAPTURE_Stop(int iInterface) {
     const auto index = static_cast<std::size_t>(iInterface);
     std::shared_ptr<Capture> capture;
     {
-      const std::lock_guard guard(AllInputs().lock);
+      const Lock guard(AllInputs().lock);
       capture = AllInputs().captures[index];
     }
     if (capture == nullptr) return;
     capture->Stop();
-    const std::lock_guard guard(AllInputs().lock);
+    const Lock guard(AllInputs().lock);
     AllInputs().last[index] = capture->Queue().Stats();
     AllInputs().captures[index] = nullptr;
   });

@@ -9,10 +9,10 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <vector>
 
+#include "annotated_mutex.h"
 #include "host.h"
 #include "host_runtime.h"
 #include "owned_fd.h"
@@ -52,13 +52,13 @@ class CaptureQueue {
   };
 
   const int m_input;
-  bool m_stopping = false;     // atomic
-  common::OwnedFD m_readable;  // eventfd, set while packets wait
-  common::OwnedFD m_stop;      // eventfd, set once
-  mutable std::mutex m_lock;   // leaf; guards what follows
-  std::deque<Packet> m_packets;
-  std::size_t m_bytes = 0;
-  HostCaptureStats m_stats;
+  bool m_stopping = false;       // atomic
+  common::OwnedFD m_readable;    // eventfd, set while packets wait
+  common::OwnedFD m_stop;        // eventfd, set once
+  mutable common::Mutex m_lock;  // leaf
+  std::deque<Packet> m_packets GUARDED_BY(m_lock);
+  std::size_t m_bytes GUARDED_BY(m_lock) = 0;
+  HostCaptureStats m_stats GUARDED_BY(m_lock);
 };
 
 class CaptureBackend {

@@ -13,9 +13,9 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "annotated_mutex.h"
 #include "ini_text.h"
 #include "runtime_state.h"
 #include "text_file.h"
@@ -23,6 +23,9 @@
 
 namespace host_runtime {
 namespace {
+
+using common::Lock;
+using common::Mutex;
 
 // --- Values ------------------------------------------------------------------------------------------
 // Each returns "", or one line that names the key, the value and what is allowed.
@@ -155,14 +158,14 @@ struct Loader {
 // Any thread. Never destroyed: threads may ask while the process ends.
 
 struct InForce {
-  std::mutex lock;  // leaf
-  std::shared_ptr<const HostRuntimeConfig> config = std::make_shared<HostRuntimeConfig>();
+  Mutex lock;  // leaf
+  std::shared_ptr<const HostRuntimeConfig> config GUARDED_BY(lock) = std::make_shared<HostRuntimeConfig>();
 };
 
 void PutInForce(InForce& state, const HostRuntimeConfig& config) {
   auto fresh = std::make_shared<const HostRuntimeConfig>(config);
   __atomic_store_n(&g_bThreadStateDebuggingEnabled, config.threadStates ? TRUE : FALSE, __ATOMIC_RELAXED);
-  const std::lock_guard guard(state.lock);
+  const Lock guard(state.lock);
   state.config.swap(fresh);
 }
 
@@ -188,7 +191,7 @@ InForce& State() {
 
 std::shared_ptr<const HostRuntimeConfig> Config() {
   InForce& state = State();
-  const std::lock_guard guard(state.lock);
+  const Lock guard(state.lock);
   return state.config;
 }
 

@@ -21,16 +21,19 @@
 #include <cstdlib>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 
+#include "annotated_mutex.h"
 #include "log_limiter.h"
 #include "printable_text.h"
 #include "runtime_state.h"
 
 namespace host_runtime {
 namespace {
+
+using common::Lock;
+using common::Mutex;
 
 constexpr std::size_t kLogFileSize = std::size_t{8} << 20;
 constexpr std::size_t kLogFilesKept = 3;
@@ -110,22 +113,6 @@ struct DebugModule : tagDBG_MODULE {
 
 using Observer = std::function<void(const HostLogLine&)>;
 
-struct LogState {
-  std::mutex lock;  // leaf; guards everything below
-  // Modules live as long as the process, so that a late line of a closed one is harmless, and keep their address.
-  std::map<std::string, std::unique_ptr<DebugModule>> modules;
-  int defaultLevel = HostRuntimeConfig{}.logLevel;
-  std::map<std::string, int> levels;
-  std::string file;
-  bool console = false;
-  std::shared_ptr<spdlog::logger> logger;
-  std::shared_ptr<const Observer> observer;
-  LogLimiter limiter;
-
-  std::atomic<std::uint64_t> assertions{0};
-  std::atomic<bool> abortOnAssert{false};
-};
-
 // A program that the process starts has no business in the log file, also after it was turned over.
 spdlog::file_event_handlers KeptFromChildren() {
   spdlog::file_event_handlers handlers;
@@ -148,22 +135,33 @@ std::shared_ptr<spdlog::logger> MakeLogger(bool console, const std::string& file
   return logger;
 }
 
+struct LogState {
+  Mutex lock;  // leaf
+  // Modules live as long as the process, so that a late line of a closed one is harmless, and keep their address.
+  std::map<std::string, std::unique_ptr<DebugModule>> modules GUARDED_BY(lock);
+  int defaultLevel GUARDED_BY(lock) = HostRuntimeConfig{}.logLevel;
+  std::map<std::string, int> levels GUARDED_BY(lock);
+  std::string file GUARDED_BY(lock);
+  bool console GUARDED_BY(lock) = true;
+  std::shared_ptr<spdlog::logger> logger GUARDED_BY(lock) = MakeLogger(true, "");
+  std::shared_ptr<const Observer> observer GUARDED_BY(lock);
+  LogLimiter limiter GUARDED_BY(lock);
+
+  std::atomic<std::uint64_t> assertions{0};
+  std::atomic<bool> abortOnAssert{false};
+};
+
 LogState& State() {
-  static LogState* const kState = [] {
-    auto* fresh = new LogState;
-    fresh->logger = MakeLogger(true, "");
-    fresh->console = true;
-    return fresh;
-  }();
+  static auto* const kState = new LogState;
   return *kState;
 }
 
-int LevelOf(const LogState& state, const std::string& name) {
+int LevelOf(const LogState& state, const std::string& name) REQUIRES(state.lock) {
   const auto found = state.levels.find(name);
   return found == state.levels.end() ? state.defaultLevel : found->second;
 }
 
-void UpdateLevels(LogState& state) {
+void UpdateLevels(LogState& state) REQUIRES(state.lock) {
   for (auto& [name, module] : state.modules) {
     __atomic_store_n(&module->nMaxLevel, LevelOf(state, name), __ATOMIC_RELAXED);
   }
@@ -171,7 +169,7 @@ void UpdateLevels(LogState& state) {
 
 DebugModule* OpenModule(const std::string& name) {
   LogState& state = State();
-  const std::lock_guard guard(state.lock);
+  const Lock guard(state.lock);
   std::unique_ptr<DebugModule>& module = state.modules[name];
   if (module == nullptr) {
     auto fresh = std::make_unique<DebugModule>();
@@ -225,7 +223,7 @@ Permit Ask(const Place& place, bool limited) {
   std::uint64_t left = 0;
   std::vector<LogLimiter::Suppressed> silent;
   {
-    const std::lock_guard guard(state.lock);
+    const Lock guard(state.lock);
     permit = {state.logger, state.observer};
     if (limited) {
       allowed = state.limiter.Allow(place.module, place.file, place.line, place.function, place.level, now, &left);
@@ -269,7 +267,7 @@ HDBG CaptureModule() {
 bool ApplyLogConfig(const HostRuntimeConfig& config, std::string* error) {
   LogState& state = State();
   state.abortOnAssert.store(config.abortOnAssert, std::memory_order_relaxed);
-  const std::lock_guard guard(state.lock);
+  const Lock guard(state.lock);
   state.defaultLevel = config.logLevel;
   state.levels = config.moduleLevels;
   UpdateLevels(state);
@@ -295,11 +293,12 @@ bool ApplyLogConfig(const HostRuntimeConfig& config, std::string* error) {
 // Any thread.
 
 using namespace host_runtime;
+using common::Lock;
 
 void HostRuntime_SetLevel(const std::string& module, int level) {
   Guarded([&] {
     LogState& state = State();
-    const std::lock_guard guard(state.lock);
+    const Lock guard(state.lock);
     if (module.empty()) {
       state.defaultLevel = level;
       state.levels.clear();
@@ -314,7 +313,7 @@ void HostRuntime_OnLog(std::function<void(const HostLogLine&)> callback) {
   Guarded([&] {
     auto observer = callback ? std::make_shared<const Observer>(std::move(callback)) : nullptr;
     LogState& state = State();
-    const std::lock_guard guard(state.lock);
+    const Lock guard(state.lock);
     state.observer.swap(observer);
   });
 }
@@ -343,7 +342,7 @@ void _DoDbgUninitEx(HDBG* phDbg) {
     std::vector<LogLimiter::Suppressed> left;
     Permit permit;
     {
-      const std::lock_guard guard(state.lock);
+      const Lock guard(state.lock);
       left = state.limiter.TakeModule(module->name);
       permit = {state.logger, state.observer};
     }

@@ -10,13 +10,15 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "annotated_mutex.h"
 #include "owned_fd.h"
 #include "runtime_state.h"
 
 using namespace host_runtime;
+using common::Lock;
+using common::Mutex;
 
 // Header and data in one block.
 struct tagHOST_MBOX_MSG {
@@ -28,8 +30,8 @@ struct tagHOST_MBOX_MSG {
 struct tagHOST_MBOX {
   std::string name;
   common::OwnedFD notification;  // eventfd
-  std::mutex lock;               // leaf; guards the queue and keeps the notification in step with it
-  std::deque<HMBOXMSG> queue;
+  Mutex lock;                    // leaf; also keeps the notification in step with the queue
+  std::deque<HMBOXMSG> queue GUARDED_BY(lock);
 
   ~tagHOST_MBOX() {
     for (HMBOXMSG hMsg : queue) free(hMsg);
@@ -43,8 +45,8 @@ constexpr std::size_t kDataLimit = std::size_t{64} << 20;  // bytes of data in o
 
 // The mailboxes by name.
 struct Registry {
-  std::mutex lock;  // leaf
-  std::map<std::string, HMBOX> names;
+  Mutex lock;  // taken before the log's
+  std::map<std::string, HMBOX> names GUARDED_BY(lock);
 };
 
 Registry& Mailboxes() {
@@ -70,7 +72,7 @@ BOOL MBOX_CreateMailBox(const MBOX_CONFIG* pConfig, HMBOX* phMBox) {
       HOST_LOG(3, "Cannot make mailbox \"%s\": %s.\n", pConfig->szName, strerror(errno));
       return FALSE;
     }
-    const std::lock_guard guard(Mailboxes().lock);
+    const Lock guard(Mailboxes().lock);
     HMBOX& named = Mailboxes().names[mailbox->name];
     if (named != nullptr && !pConfig->bDeleteIfAreadyExisted) {
       HOST_LOG(3, "A mailbox \"%s\" exists already.\n", pConfig->szName);
@@ -106,7 +108,7 @@ BOOL MBOX_SendMessage(HMBOX hMBox, HMBOXMSG hMsg, DWORD) {
   if (hMBox == nullptr || hMsg == nullptr) return FALSE;
   return Guarded(FALSE, [&] {
     {
-      const std::lock_guard guard(hMBox->lock);
+      const Lock guard(hMBox->lock);
       if (hMBox->queue.size() < kMessageLimit) {
         hMBox->queue.push_back(hMsg);
         if (hMBox->queue.size() == 1) eventfd_write(hMBox->notification.Get(), 1);
@@ -121,7 +123,7 @@ BOOL MBOX_SendMessage(HMBOX hMBox, HMBOXMSG hMsg, DWORD) {
 BOOL MBOX_RecvMessage(HMBOX hMBox, HMBOXMSG* phMsg) {
   if (hMBox == nullptr || phMsg == nullptr) return FALSE;
   return Guarded(FALSE, [&] {
-    const std::lock_guard guard(hMBox->lock);
+    const Lock guard(hMBox->lock);
     if (hMBox->queue.empty()) return FALSE;
     *phMsg = hMBox->queue.front();
     hMBox->queue.pop_front();
@@ -140,7 +142,7 @@ BOOL MBOX_CloseMailBox(HMBOX* phMBox) {
   const HMBOX hMBox = *phMBox;
   *phMBox = nullptr;
   Guarded([&] {
-    const std::lock_guard guard(Mailboxes().lock);
+    const Lock guard(Mailboxes().lock);
     const auto named = Mailboxes().names.find(hMBox->name);
     if (named != Mailboxes().names.end() && named->second == hMBox) Mailboxes().names.erase(named);
   });

@@ -6,9 +6,9 @@
 #include <algorithm>
 #include <cmath>
 #include <limits>
-#include <mutex>
 #include <numeric>
 
+#include "annotated_mutex.h"
 #include "runtime_state.h"
 
 namespace host_runtime {
@@ -84,10 +84,12 @@ std::uint32_t RateTable::Rate(std::int64_t now) const {
 }  // namespace host_runtime
 
 using namespace host_runtime;
+using common::Lock;
+using common::Mutex;
 
 struct tagHOST_COUNTER_RATE {
-  std::mutex lock;  // leaf
-  RateTable table;
+  Mutex lock;  // leaf
+  RateTable table GUARDED_BY(lock);
 };
 
 extern "C" {
@@ -106,21 +108,21 @@ BOOL __AllocCounterRateTable(int nSamples, const char* szName, HCOUNTERRATE* phR
 void AddCounterValue(HCOUNTERRATE hRate, UINT64 nRunningTotal) {
   if (hRate == nullptr) return;
   Guarded([&] {
-    const std::lock_guard guard(hRate->lock);
+    const Lock guard(hRate->lock);
     hRate->table.Add(nRunningTotal, MonotonicNs());
   });
 }
 
 BOOL GetCounterRate(HCOUNTERRATE hRate, int, UINT32* pnRate) {
   if (hRate == nullptr || pnRate == nullptr) return FALSE;
-  const std::lock_guard guard(hRate->lock);
+  const Lock guard(hRate->lock);
   *pnRate = hRate->table.Rate(MonotonicNs());
   return TRUE;
 }
 
 void ResetCounterRateTable(HCOUNTERRATE hRate) {
   if (hRate == nullptr) return;
-  const std::lock_guard guard(hRate->lock);
+  const Lock guard(hRate->lock);
   hRate->table.Reset();
 }
 

@@ -15,12 +15,15 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <string>
 
+#include "annotated_mutex.h"
+#include "owned_fd.h"
 #include "runtime_state.h"
 
 using namespace host_runtime;
+using common::Lock;
+using common::Mutex;
 
 namespace {
 
@@ -104,11 +107,11 @@ struct OpenDevices {
     SerialDevice device;
     dev_t number;
   };
-  std::mutex lock;  // leaf
-  std::map<int, Entry> byFD;
+  Mutex lock;  // leaf
+  std::map<int, Entry> byFD GUARDED_BY(lock);
 
-  // What stands behind fd, or nothing. With the lock held.
-  std::map<int, Entry>::iterator Find(int fd) {
+  // Returns the entry of fd, or the end if its device is no longer what stands behind the number.
+  std::map<int, Entry>::iterator Find(int fd) REQUIRES(lock) {
     const auto found = byFD.find(fd);
     struct stat info;
     if (found == byFD.end() || (fstat(fd, &info) == 0 && S_ISCHR(info.st_mode) && info.st_rdev == found->second.number))
@@ -143,7 +146,7 @@ bool Reserve(int fd) {
 
 void NoteSettings(int fd, const termios& settings) {
   OpenDevices& devices = AllOpenDevices();
-  const std::lock_guard guard(devices.lock);
+  const Lock guard(devices.lock);
   const auto found = devices.Find(fd);
   if (found != devices.byFD.end()) found->second.device.settings = settings;
 }
@@ -163,13 +166,13 @@ void RememberDevice(int fd, const SerialDevice& device) {
   struct stat info;
   if (fstat(fd, &info) != 0) return;
   OpenDevices& devices = AllOpenDevices();
-  const std::lock_guard guard(devices.lock);
+  const Lock guard(devices.lock);
   devices.byFD[fd] = {device, info.st_rdev};
 }
 
 std::optional<SerialDevice> TakeDevice(int fd) {
   OpenDevices& devices = AllOpenDevices();
-  const std::lock_guard guard(devices.lock);
+  const Lock guard(devices.lock);
   const auto found = devices.Find(fd);
   if (found == devices.byFD.end() || !found->second.device.settings) return std::nullopt;
   SerialDevice device = std::move(found->second.device);

@@ -13,14 +13,20 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <vector>
 
+#include "annotated_mutex.h"
 #include "runtime_state.h"
 
 using namespace host_runtime;
+using common::Condition;
+using common::Lock;
+using common::Mutex;
 
 // Asks the library for reports. Written atomically by HostRuntime_Apply.
 BOOL g_bThreadStateDebuggingEnabled = FALSE;
@@ -35,20 +41,20 @@ struct tagHOST_THREAD {
   pthread_t thread{};
   HOST_THREAD_ROUTINE routine = nullptr;
   void* argument = nullptr;
-  pthread_mutex_t startMutex = PTHREAD_MUTEX_INITIALIZER;  // guards order
-  pthread_cond_t startCond = PTHREAD_COND_INITIALIZER;
-  Order order = Order::Hold;
+  Mutex startLock;  // leaf
+  Condition ordered;
+  Order order GUARDED_BY(startLock) = Order::Hold;
 
-  std::mutex watchLock;  // leaf; guards watch and lastSign
-  HostThreadState watch;
-  std::int64_t lastSign = 0;
+  Mutex watchLock;  // leaf
+  HostThreadState watch GUARDED_BY(watchLock);
+  std::int64_t lastSign GUARDED_BY(watchLock) = MonotonicNs();
 };
 
 namespace {
 
 struct Table {
-  std::mutex lock;  // taken before a record's watchLock
-  std::vector<HTHREAD> threads;
+  Mutex lock;  // taken before a record's watchLock and before the log's
+  std::vector<HTHREAD> threads GUARDED_BY(lock);
 };
 
 Table& Threads() {
@@ -63,7 +69,7 @@ void Report(Change change) {
   const HTHREAD hSelf = t_hSelf;
   if (hSelf == nullptr) return;
   Guarded([&] {
-    const std::lock_guard guard(hSelf->watchLock);
+    const Lock guard(hSelf->watchLock);
     hSelf->lastSign = MonotonicNs();
     change(hSelf->watch);
   });
@@ -71,24 +77,31 @@ void Report(Change change) {
 
 // --- Running -----------------------------------------------------------------------------------------
 
+// Waits for the order to run or to leave.
+bool MayRun(tagHOST_THREAD& thread) {
+  const Lock guard(thread.startLock);
+  while (thread.order == tagHOST_THREAD::Order::Hold) thread.ordered.Wait(thread.startLock);
+  return thread.order == tagHOST_THREAD::Order::Run;
+}
+
 void* Run(void* pvThread) {
   const auto hThread = static_cast<HTHREAD>(pvThread);
   t_hSelf = hThread;
-  pthread_mutex_lock(&hThread->startMutex);
-  while (hThread->order == tagHOST_THREAD::Order::Hold) pthread_cond_wait(&hThread->startCond, &hThread->startMutex);
-  const bool bRun = hThread->order == tagHOST_THREAD::Order::Run;
-  pthread_mutex_unlock(&hThread->startMutex);
-  if (!bRun) return nullptr;
+  if (!MayRun(*hThread)) return nullptr;
   hThread->routine(hThread->argument);
   Report([](HostThreadState& watch) { watch.running = false; });
   return nullptr;
 }
 
-void Order(HTHREAD hThread, tagHOST_THREAD::Order order) {
-  pthread_mutex_lock(&hThread->startMutex);
-  hThread->order = order;
-  pthread_cond_signal(&hThread->startCond);
-  pthread_mutex_unlock(&hThread->startMutex);
+void GiveOrder(tagHOST_THREAD& thread, tagHOST_THREAD::Order order) {
+  const Lock guard(thread.startLock);
+  thread.order = order;
+  thread.ordered.NotifyOne();
+}
+
+bool IsStarted(tagHOST_THREAD& thread) {
+  const Lock guard(thread.startLock);
+  return thread.order == tagHOST_THREAD::Order::Run;
 }
 
 bool CreateWith(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
@@ -133,11 +146,11 @@ bool Create(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
 // --- Services ----------------------------------------------------------------------------------------
 
 std::vector<HostThreadState> HostRuntime_Threads() {
-  const std::lock_guard guard(Threads().lock);
+  const Lock guard(Threads().lock);
   const std::int64_t now = MonotonicNs();
   std::vector<HostThreadState> all;
   for (const HTHREAD hThread : Threads().threads) {
-    const std::lock_guard watchGuard(hThread->watchLock);
+    const Lock watchGuard(hThread->watchLock);
     all.push_back(hThread->watch);
     all.back().name = hThread->name;
     all.back().secondsSinceSign = static_cast<double>(now - hThread->lastSign) / 1e9;
@@ -157,8 +170,7 @@ BOOL CreateThread(HTHREAD* phThread, const char* szName, DWORD nStackSize, DWORD
     thread->name = szName == nullptr ? "" : szName;
     thread->routine = pfnRoutine;
     thread->argument = pvArgument;
-    thread->lastSign = MonotonicNs();
-    const std::lock_guard guard(Threads().lock);
+    const Lock guard(Threads().lock);
     Threads().threads.reserve(Threads().threads.size() + 1);
     if (!Create(*thread, nStackSize, nPriority)) {
       HOST_LOG(3, "Cannot make thread \"%s\": %s.\n", thread->name.c_str(), strerror(errno));
@@ -174,23 +186,20 @@ BOOL CreateThread(HTHREAD* phThread, const char* szName, DWORD nStackSize, DWORD
 BOOL StartThread(HTHREAD hThread) {
   if (hThread == nullptr) return FALSE;
   {
-    const std::lock_guard guard(hThread->watchLock);
+    const Lock guard(hThread->watchLock);
     hThread->watch.running = true;
     hThread->lastSign = MonotonicNs();
   }
-  Order(hThread, tagHOST_THREAD::Order::Run);
+  GiveOrder(*hThread, tagHOST_THREAD::Order::Run);
   return TRUE;
 }
 
 BOOL WaitForThread(HTHREAD hThread) {
   if (hThread == nullptr || hThread == t_hSelf) return FALSE;
-  pthread_mutex_lock(&hThread->startMutex);
-  const bool bStarted = hThread->order == tagHOST_THREAD::Order::Run;
-  pthread_mutex_unlock(&hThread->startMutex);
-  if (!bStarted) Order(hThread, tagHOST_THREAD::Order::Leave);
+  if (!IsStarted(*hThread)) GiveOrder(*hThread, tagHOST_THREAD::Order::Leave);
   pthread_join(hThread->thread, nullptr);
   Guarded([&] {
-    const std::lock_guard guard(Threads().lock);
+    const Lock guard(Threads().lock);
     std::erase(Threads().threads, hThread);
   });
   delete hThread;

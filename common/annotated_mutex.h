@@ -1,0 +1,69 @@
+// Mutexes that clang checks: with -Wthread-safety it refuses code that touches a GUARDED_BY member without its lock.
+// Other compilers see plain mutexes.
+#ifndef COMMON_ANNOTATED_MUTEX_H
+#define COMMON_ANNOTATED_MUTEX_H
+
+#include <condition_variable>
+#include <mutex>
+
+#ifdef __clang__
+#define THREAD_ATTRIBUTE(x) __attribute__((x))
+#else
+#define THREAD_ATTRIBUTE(x)
+#endif
+
+// Of a member: it is only touched with this mutex held.
+#define GUARDED_BY(mutex) THREAD_ATTRIBUTE(guarded_by(mutex))
+// Of a function: its callers hold this mutex.
+#define REQUIRES(...) THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
+// Of a function: it takes or gives up this mutex.
+#define ACQUIRE(...) THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define RELEASE(...) THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
+
+namespace common {
+
+class THREAD_ATTRIBUTE(capability("mutex")) Mutex {
+ public:
+  Mutex() = default;
+  Mutex(const Mutex&) = delete;
+  Mutex& operator=(const Mutex&) = delete;
+
+ private:
+  friend class Lock;
+  friend class Condition;
+  std::mutex m_mutex;
+};
+
+// Holds a mutex to the end of a block, but for the time between Pause() and Resume().
+class THREAD_ATTRIBUTE(scoped_lockable) Lock {
+ public:
+  explicit Lock(Mutex& mutex) ACQUIRE(mutex) : m_lock(mutex.m_mutex) {}
+  ~Lock() RELEASE() = default;
+  Lock(const Lock&) = delete;
+  Lock& operator=(const Lock&) = delete;
+
+  void Pause() RELEASE() { m_lock.unlock(); }
+  void Resume() ACQUIRE() { m_lock.lock(); }
+
+ private:
+  std::unique_lock<std::mutex> m_lock;
+};
+
+// What a thread waits for with a mutex held. Wait() may return without a notification: call it in a loop that looks at
+// the guarded state.
+class Condition {
+ public:
+  void Wait(Mutex& mutex) REQUIRES(mutex) {
+    std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
+    m_condition.wait(lock);
+    lock.release();  // the caller still holds it
+  }
+  void NotifyOne() { m_condition.notify_one(); }
+
+ private:
+  std::condition_variable m_condition;
+};
+
+}  // namespace common
+
+#endif  // COMMON_ANNOTATED_MUTEX_H
