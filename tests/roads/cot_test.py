@@ -1,18 +1,18 @@
 #!/usr/bin/env python3
-"""Cursor-on-Target events from UDP and from the framed serial link, converted, against the same flight as KLV."""
+"""Compares converted Cursor-on-Target events from UDP and from the framed serial link with the same flight as KLV."""
 import pathlib
 import struct
 
-import road
-from road import Road, items, send, source
+import harness
+from harness import EndToEndTest, items, send, source
 
 KLV = "[klv]\ninput = udp\nport = 15641\nfamily = ipv4\ndata = klv\n"
 COT = "[cot]\ninput = udp\nport = 15642\nfamily = ipv4\ndata = cot\ncot_delta_ms = 50\n"
 SERIAL = "[link]\ninput = serial\ndata = cot\nbaud = 115200\ncot_delta_ms = 50\n"
 FLIGHT = ["--simulate", "--seed", "7", "--start", "2024-05-01T12:00:00Z", "--rate", "10", "--count", "25"]
-EVENTS = pathlib.Path(road.options.source) / "tests" / "data" / "cot_events"
+EVENTS = pathlib.Path(harness.options.source) / "tests" / "data" / "cot_events"
 
-# Items that both have: bytes, signed
+# The items that both have, with their bytes and their sign
 NUMBERS = {5: (2, False), 6: (2, True), 7: (2, True), 13: (4, True), 14: (4, True), 15: (2, False), 23: (4, True),
            24: (4, True), 25: (2, False)}
 WHOLE_DEGREE = int(4294967295 / 360) + 2
@@ -24,10 +24,10 @@ def number(tag, value, table):
     return int.from_bytes(value, "big", signed=signed)
 
 
-class CoT(Road):
+class CoT(EndToEndTest):
     def compare(self, converted, direct):
         for packet, message in zip(converted, direct):
-            self.assertEqual(road.checksum(packet[:-2]), struct.unpack(">H", packet[-2:])[0])
+            self.assertEqual(harness.checksum(packet[:-2]), struct.unpack(">H", packet[-2:])[0])
             ours, theirs = dict(items(packet)), dict(items(message))
             self.assertEqual(ours[2], theirs[2], "time stamp")
             for tag in NUMBERS:
@@ -94,4 +94,4 @@ class CoT(Road):
         self.stop()
 
 
-road.main()
+harness.main()

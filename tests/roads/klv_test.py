@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
-"""KLV from UDP and from a serial line, message by message, to the encoder."""
-import road
-from road import Road, recording, send, source, split_messages
+"""Checks each KLV message on its way from UDP and from a serial line to the encoder."""
+import harness
+from harness import EndToEndTest, recording, send, source, split_messages
 
 UDP = "[udp]\ninput = udp\nport = 15611\nfamily = ipv4\ndata = klv\n"
 SERIAL = "[serial]\ninput = serial\ndata = klv\nbaud = 115200\n"
 
 
-class KLV(Road):
+class KLV(EndToEndTest):
     def test_recorded_flight_arrives_whole_from_udp_and_serial(self):
         path = recording("recorded_flight.klv")
         if path is None:
@@ -38,7 +38,7 @@ class KLV(Road):
 
     def test_a_wrong_checksum_is_corrupt_over_serial_and_arrives_over_udp(self):
         path = recording("st0601_sample.klv")
-        sample = path.read_bytes() if path else road.message((2, bytes(8)))[:-1] + b"\x55"
+        sample = path.read_bytes() if path else harness.message((2, bytes(8)))[:-1] + b"\x55"
         (self.folder / "sample.klv").write_bytes(sample)
         self.feed_serial("klv", "--file", self.folder / "sample.klv", "--chunk", "48", "--rate", "0")
         self.encoder(UDP + SERIAL, ports=[15611])
@@ -57,13 +57,14 @@ class KLV(Road):
         self.settle("udp", 50)
         self.stop()
         for message in self.delivered("udp"):
-            self.assertEqual(road.checksum(message[:-2]), int.from_bytes(message[-2:], "big"))
-            tags = [tag for tag, _ in road.items(message)]
+            self.assertEqual(harness.checksum(message[:-2]), int.from_bytes(message[-2:], "big"))
+            tags = [tag for tag, _ in harness.items(message)]
             self.assertEqual((tags[0], tags[-1]), (2, 1))
 
     def test_datagrams_of_all_sizes_arrive_as_they_are_up_to_1500_bytes(self):
         self.encoder(UDP, ports=[15611])
-        wanted = [road.KEY + b"\x82\x05\xC9" + bytes(1481), road.message((2, bytes(8))), road.KEY + b"\x02\x41\x00"]
+        wanted = [harness.KEY + b"\x82\x05\xC9" + bytes(1481), harness.message((2, bytes(8))),
+                  harness.KEY + b"\x02\x41\x00"]
         for data in wanted:
             send(15611, data)
         send(15611, b"")
@@ -81,4 +82,4 @@ class KLV(Road):
                          [number % 256 for number in range(300)])
 
 
-road.main()
+harness.main()

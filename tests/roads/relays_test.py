@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Eight relays to eight receivers, each in a network namespace of its own behind a bridge; the encoder has another."""
+"""Tests eight relays to eight receivers, each in its own network namespace behind a bridge."""
 import json
 import os
 import pathlib
@@ -7,13 +7,13 @@ import subprocess
 import sys
 import time
 
-import road
-from road import Road, source
+import harness
+from harness import EndToEndTest, source
 
 HERE = pathlib.Path(__file__).parent
 PORT = 15631
-# address, keys of the relay, (TTL, TOS) expected while the source has (17, 0x28), and while it has (33, 0x48);
-# None stands for the system's default
+# Each row holds an address, the keys of the relay, and the (TTL, TOS) expected while the source has (17, 0x28) and
+# while it has (33, 0x48). None stands for the system's default.
 RELAYS = [
     ("10.77.0.11", "ttl=follow tos=follow", (17, 0x28), (33, 0x48)),
     ("10.77.0.12", "ttl=9 tos=0x20", (9, 0x20), (9, 0x20)),
@@ -31,7 +31,7 @@ def run(*command):
 
 
 class Namespaces:
-    """The encoder's namespace with a bridge called eth0, and one namespace per receiver."""
+    """Creates the encoder's namespace with a bridge called eth0, and one namespace per receiver."""
 
     def __init__(self):
         self.tag = f"mdr{os.getpid()}"
@@ -60,7 +60,7 @@ class Namespaces:
             subprocess.run(["ip", "netns", "del", name], capture_output=True)
 
 
-class Relays(Road):
+class Relays(EndToEndTest):
     def setUp(self):
         super().setUp()
         self.spaces = Namespaces()
@@ -74,7 +74,7 @@ class Relays(Road):
             self.isolated = False
 
     def start(self, *command, **more):
-        if self.isolated and str(command[0]) == str(road.options.encoder):
+        if self.isolated and str(command[0]) == str(harness.options.encoder):
             command = ("ip", "netns", "exec", self.spaces.encoder, *command)
         return super().start(*command, **more)
 
@@ -94,7 +94,7 @@ class Relays(Road):
 
     def feed_inside(self, *arguments):
         inside = ["ip", "netns", "exec", self.spaces.encoder] if self.isolated else []
-        subprocess.run([*inside, road.options.feed, "klv", "--simulate", "--udp", f"127.0.0.1:{PORT}", *arguments],
+        subprocess.run([*inside, harness.options.feed, "klv", "--simulate", "--udp", f"127.0.0.1:{PORT}", *arguments],
                        check=True, capture_output=True, timeout=60)
 
     def addresses(self):
@@ -191,4 +191,4 @@ class Relays(Road):
         self.assertEqual(len(failures), 1)
 
 
-road.main()
+harness.main()

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Rewritten ST 0601 messages, read by an independent decoder."""
+"""Reads rewritten ST 0601 messages with an independent decoder."""
 import struct
 import subprocess
 
-import road
-from road import Road, items, recording, split_messages
+import harness
+from harness import EndToEndTest, items, recording, split_messages
 
 PORT = 15621
 PLAIN = f"[plain]\ninput = udp\nport = {PORT}\nfamily = ipv4\n"
@@ -13,7 +13,7 @@ REWRITTEN = (f"[out]\ninput = udp\nport = {PORT + 1}\nfamily = ipv4\nkeep_tags =
 SECURITY = bytes.fromhex("010104" "020102") + b"\x03\x05//USA" + bytes.fromhex("0C0102" "0D06005500530041" "1602000B")
 
 
-class Rewriting(Road):
+class Rewriting(EndToEndTest):
     def setUp(self):
         super().setUp()
         self.path = recording("recorded_flight.klv")
@@ -24,7 +24,7 @@ class Rewriting(Road):
 
     @staticmethod
     def expected(before):
-        """What stays, with the inserts in place of what they replace and behind it where there was none."""
+        """Returns the expected items: an insert takes the place of the items it replaces, or follows the others."""
         inserts = {3: b"MISSION 12", 48: SECURITY}
         replaced = [(tag, inserts.get(tag, value)) for tag, value in items(before) if tag in (2, 3, 13, 14, 48, 65)]
         present = {tag for tag, _ in replaced}
@@ -40,7 +40,7 @@ class Rewriting(Road):
         for before, after in zip(received, self.delivered("out")):
             self.assertEqual(items(after)[:-1], self.expected(before))
             self.assertEqual(items(after)[-1][0], 1)
-            self.assertEqual(road.checksum(after[:-2]), struct.unpack(">H", after[-2:])[0])
+            self.assertEqual(harness.checksum(after[:-2]), struct.unpack(">H", after[-2:])[0])
 
     def test_with_nothing_to_change_the_messages_stay_what_they_were(self):
         if self.path is None:
@@ -51,21 +51,21 @@ class Rewriting(Road):
         self.assertEqual(self.delivered("out"), split_messages(self.path.read_bytes()))
 
     def rewritten(self, body, port, **more):
-        """What becomes of one message with the given body and a checksum."""
+        """Sends one message with the given body and a checksum, and returns the delivered message."""
         config = (f"[out]\ninput = udp\nport = {port}\nfamily = ipv4\nmission_id = MISSION 12\n"
                   "classification = secret\nclassifying_country = USA\nobject_country = USA\n")
         (self.folder / "messages.jsonl").unlink(missing_ok=True)
         self.encoder(more.pop("encoder", "") + config, ports=[port], **more)
-        start = road.KEY + bytes([len(body) + 4]) + body + bytes([1, 2])
-        road.send(port, start + struct.pack(">H", road.checksum(start)))
+        start = harness.KEY + bytes([len(body) + 4]) + body + bytes([1, 2])
+        harness.send(port, start + struct.pack(">H", harness.checksum(start)))
         self.settle("out", 1)
         self.stop()
         message, = self.delivered("out")
         self.assertEqual(message[-4:-2], bytes([1, 2]))
-        self.assertEqual(road.checksum(message[:-2]), struct.unpack(">H", message[-2:])[0])
+        self.assertEqual(harness.checksum(message[:-2]), struct.unpack(">H", message[-2:])[0])
         return message[17:-4]
 
-    # Items 128 (two list elements) and 129 with their two-byte tags around a foreign mission identifier.
+    # Items 128 (two list elements) and 129 with two-byte tags surround a foreign mission identifier.
     EXTENDED = [b"\x81\x00\x03\x01\x02\x03", b"\x03\x03OLD", b"\x81\x01\x02US"]
     TIME = b"\x02\x08" + bytes(8)
     MISSION = b"\x03\x0aMISSION 12"
@@ -80,7 +80,7 @@ class Rewriting(Road):
         self.assertEqual(shown["checksum"], "ok")
 
     def assert_passes_as_it_came(self, **more):
-        """Read with one-byte tags the message ends in an element that is too long: nothing is put into it."""
+        """Read with one-byte tags, the message ends in an element that is too long, so nothing is inserted."""
         body = self.TIME + b"".join(self.EXTENDED)
         self.assertEqual(self.rewritten(body, PORT + 4, **more), body)
 
@@ -104,4 +104,4 @@ class Rewriting(Road):
         self.assertEqual(carried, stream.read_bytes())
 
 
-road.main()
+harness.main()

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Measures the largest message that arrives at each rate of a serial line, and how late messages arrive.
+"""Measures the largest message that arrives at each rate of a serial line, and the delay of messages.
 
 Single bytes at the rate, on a line that is quiet between messages and on one that never pauses. Of three messages of
 a size all have to arrive. The numbers of docs/host.md come from here.
@@ -8,14 +8,14 @@ import statistics
 import sys
 import time
 
-import road
-from road import Road
+import harness
+from harness import EndToEndTest
 from serial_line import SERIAL, Copies, Line, sized_message
 
 RATES = [2400, 4800, 9600, 19200]
 
 
-class Limits(Road):
+class Limits(EndToEndTest):
     def open(self, baud):
         self.line = Line(self.folder / "serial")
         self.copies = Copies()
@@ -29,7 +29,7 @@ class Limits(Road):
         self.copies.close()
 
     def copied(self, count, seconds):
-        """Whether so many messages come, each within the time."""
+        """Tells whether the given number of messages arrives, each within the time."""
         return all(self.copies.next(seconds) is not None for _ in range(count))
 
     def arrive(self, baud, size, pause):
@@ -60,7 +60,7 @@ class Limits(Road):
         return low
 
     def late(self, baud, whole):
-        """Milliseconds from a message's last byte to its delivery: the median of twenty, and the most."""
+        """Returns the milliseconds from a message's last byte to its delivery: the median of twenty and the maximum."""
         times = []
         for number in range(20):
             data = sized_message(number, 150)
@@ -89,4 +89,4 @@ class Limits(Road):
             self.end()
 
 
-road.main()
+harness.main()

@@ -1,4 +1,4 @@
-"""A serial line made of a pseudo-terminal: it brings bytes at a rate, and it can be unplugged."""
+"""Simulates a serial line with a pseudo-terminal: it delivers bytes at a rate and can be unplugged."""
 import os
 import pty
 import random
@@ -7,13 +7,13 @@ import struct
 import termios
 import time
 
-import road
+import harness
 
 SERIAL = "[serial]\ninput = serial\ndata = klv\nbaud = {}\n"
 
 
 def sized_message(number, size):
-    """A local set of exactly so many bytes (33 and more; a few sizes do not exist) with its number as time stamp."""
+    """Returns a local set of the given size (33 or more; a few sizes do not exist) with its number as time stamp."""
     for body in range(max(size - 40, 2), size):
         pairs = [(2, struct.pack(">Q", number))]
         left = body
@@ -21,21 +21,21 @@ def sized_message(number, size):
             item = left if left <= 129 else min(127, left - 2)
             pairs.append((3, bytes((number + i) % 251 for i in range(item - 2))))
             left -= item
-        data = road.message(*pairs)
+        data = harness.message(*pairs)
         if len(data) == size:
             return data
     raise ValueError(f"no message has {size} bytes")
 
 
 def random_size(choose, least, most):
-    """A size that sized_message can make: a length field grows by a byte at these."""
+    """Returns a size that sized_message can make: at some sizes a length field grows by a byte."""
     while (size := choose.randint(least, most)) in (145, 274):
         pass
     return size
 
 
 class Line:
-    """The far end of the line under a link."""
+    """The far end of the line, which is opened through a link."""
 
     def __init__(self, link):
         self.link = link
@@ -56,7 +56,7 @@ class Line:
         self.far = None
 
     def is_open(self):
-        """Whether the encoder has the line open and set up."""
+        """Tells whether the encoder has opened and configured the line."""
         try:
             return not termios.tcgetattr(self.far)[3] & termios.ICANON
         except termios.error:
@@ -67,7 +67,7 @@ class Line:
             data = data[os.write(self.far, data):]
 
     def send(self, data, baud, most=1, seed=1):
-        """Brings the bytes in lots of 1 to `most`, each when its last bit would be over; ten bits a byte.
+        """Delivers the bytes in pieces of 1 to `most` bytes, each at the end of its last bit, with ten bits per byte.
 
         Whether the rate was kept: a feeder that the system lets wait makes pauses that no line has.
         """
@@ -91,7 +91,7 @@ class Line:
 
 
 class Copies:
-    """What a source relays to this socket: its messages without the delay of a file."""
+    """Receives the messages that a source relays to this socket, without the delay of a file."""
 
     def __init__(self):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -99,7 +99,7 @@ class Copies:
         self.config = f"relay1 = 127.0.0.1:{self.socket.getsockname()[1]}\n"
 
     def next(self, seconds):
-        """The next message within the time, or None."""
+        """Returns the next message if it arrives within the time, otherwise None."""
         self.socket.settimeout(seconds)
         try:
             return self.socket.recv(65536)

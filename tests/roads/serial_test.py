@@ -5,16 +5,16 @@ import random
 import subprocess
 import time
 
-import road
-from road import Road, source
+import harness
+from harness import EndToEndTest, source
 from serial_line import SERIAL, Copies, Line, random_size, sized_message
 
-REPLUGS = int(os.environ.get("ROAD_REPLUGS", "12"))
+REPLUGS = int(os.environ.get("METADATA_TEST_REPLUGS", "12"))
 GONE = "is gone; waiting for it to come back."
 BACK = "is back."
 
 
-class SerialLine(Road):
+class SerialLine(EndToEndTest):
     def setUp(self):
         super().setUp()
         self.line = Line(self.folder / "serial")
@@ -30,7 +30,7 @@ class SerialLine(Road):
         return (self.folder / "host.log").read_text()
 
     def all_arrive(self, baud, sizes, most):
-        """Of every size one message that was sent at the rate has to arrive; those that were sent too late may."""
+        """One message of every size must arrive if it was sent at the rate, and may arrive if it was sent too late."""
         self.open(baud)
         wanted = []
         number = 0
@@ -43,14 +43,14 @@ class SerialLine(Road):
                 if kept:
                     wanted.append(message)
                     break
-                # What the decoder made of it must not be a matter of the next one.
+                # The next message must not depend on the decoder's result for this one.
                 time.sleep(0.6)
                 self.line.write(b"\xff" * 16)
                 time.sleep(0.1)
         self.assertTrue(wanted, "this machine is too busy to send a message at the rate")
         missing = set(wanted)
         while missing:
-            message = self.copies.next(10 * road.SLOW)
+            message = self.copies.next(10 * harness.SLOW)
             self.assertIsNotNone(message, f"{len(missing)} of {len(wanted)} messages are missing")
             missing.discard(message)
         summary = self.stop()
@@ -70,7 +70,8 @@ class SerialLine(Road):
     def test_a_device_is_not_shared_by_two_processes(self):
         self.open(115200)
         second = subprocess.run(
-            [road.options.encoder, self.folder / "encoder.ini", "--library", road.options.library, "--host-config",
+            [harness.options.encoder, self.folder / "encoder.ini", "--library", harness.options.library,
+             "--host-config",
              self.folder / "host.ini", "--output-dir", self.folder, "--duration", "1"],
             capture_output=True, text=True, timeout=60)
         self.assertNotEqual(second.returncode, 0, second.stdout)
@@ -83,7 +84,7 @@ class SerialLine(Road):
         return len(os.listdir(f"/proc/{self.encoder_process.pid}/fd"))
 
     def replug(self, choose, number):
-        """Unplugs, often in the middle of a message, plugs in again, and gives the messages that have to arrive."""
+        """Unplugs the device, often within a message, plugs it in again and yields the messages that must arrive."""
         begun = time.monotonic()
         if choose.random() < 0.7:
             cut = sized_message(10**9 + number, random_size(choose, 33, 600))
@@ -97,7 +98,7 @@ class SerialLine(Road):
         time.sleep(choose.choice([0, 0.1]))
         self.line.write(wanted[1])
         for message in wanted:
-            self.assertEqual(self.copies.next(10 * road.SLOW), message, f"replug {number}")
+            self.assertEqual(self.copies.next(10 * harness.SLOW), message, f"replug {number}")
         time.sleep(max(0, begun + 1.02 - time.monotonic()))
         return wanted
 
@@ -128,9 +129,9 @@ class SerialLine(Road):
 
         before = ticks()
         time.sleep(2)
-        self.assertLess(ticks() - before, 0.3 * os.sysconf("SC_CLK_TCK") * road.SLOW)
+        self.assertLess(ticks() - before, 0.3 * os.sysconf("SC_CLK_TCK") * harness.SLOW)
         self.stop()
 
 
 if __name__ == "__main__":
-    road.main()
+    harness.main()

@@ -1,9 +1,9 @@
-// The library on real threads and the real host runtime: sources of all kinds are opened and closed from four threads
-// while data flows on every road, first with a host that does all it is asked for, then with one that fails to send, runs
-// out of messages, and answers too late. The sanitizers run this too. STRESS_SECONDS sets the length of each of the two
-// runs (3 without it).
+// Tests the library on real threads and the real host runtime: four threads open and close sources of all kinds while
+// data flows on every path, first with a host whose services succeed, then with one that fails to send, runs out of
+// messages and reacts too late. The sanitizers run this test too. STRESS_SECONDS sets the length of each of the two
+// runs (3 by default).
 //
-// The library's objects are linked in, so that the linker can put these tests between them and the host's services.
+// The test links the library's objects, so that the linker can insert it between them and the host's services.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -46,16 +46,16 @@ Clock::duration Duration() {
 
 // --- Failures ----------------------------------------------------------------------------------------
 
-// What the host does wrong, in percent of the calls.
+// The failures of the host, in percent of the calls.
 struct Faults {
   std::atomic<int> nUnsent{0};         // MBOX_SendMessage
   std::atomic<int> nNoMessage{0};      // __MBOX_AllocMessage
   std::atomic<int> nNotWatched{0};     // __FDMGR_AddReadFD
-  std::atomic<int> nLate{0};           // FDMGR_Select, later by up to 40 ms
-  std::atomic<unsigned> nWaitMs{0};    // the longest wait, when not 0
-  std::atomic<bool> bHold{false};      // the metadata thread stops before its next select
-  std::atomic<bool> bHeld{false};      // it has
-  std::atomic<unsigned long> nMet{0};  // failures acted out
+  std::atomic<int> nLate{0};           // FDMGR_Select returns up to 40 ms late
+  std::atomic<unsigned> nWaitMs{0};    // the longest wait, if not 0
+  std::atomic<bool> bHold{false};      // makes the metadata thread stop before its next select
+  std::atomic<bool> bHeld{false};      // the thread has stopped
+  std::atomic<unsigned long> nMet{0};  // simulated failures
 
   bool Happens(const std::atomic<int>& nPercent) {
     if (nPercent == 0) return false;
@@ -121,22 +121,22 @@ namespace {
 
 // --- The encoder -------------------------------------------------------------------------------------
 
-enum Road { KSerialKlv, SerialCoT, KUdpKlv, UdpCoT, Video, Roads };
+enum Path { SerialKlv, SerialCoT, UdpKlv, UdpCoT, Video, PathCount };
 
-// One source as its ready callback sees it. Outlives the source.
+// One source as its ready callback sees it. It outlives the source.
 struct Watch {
   std::atomic<unsigned long>* pnDelivered = nullptr;
-  std::atomic<Clock::rep> nClosed{0};  // when its close returned
+  std::atomic<Clock::rep> nClosed{0};  // time at which its close returned
 };
 
-std::atomic<unsigned long> g_anDelivered[Roads];
+std::atomic<unsigned long> g_anDelivered[PathCount];
 std::atomic<unsigned long> g_nAll{0};
 std::atomic<unsigned long> g_nTooLate{0};  // callbacks that began well after their source was closed
 std::mutex g_KeptLock;
 std::vector<MDATA_BUFFER*> g_Kept;
 
-// Keeps every eighth buffer for a while, as an encoder does. A callback that was entered while the close gave up may be
-// held up on a busy machine; a second is beyond that.
+// Keeps every eighth buffer for a while, as an encoder does. A busy machine may delay a callback that was entered while
+// the close gave up, but not by a second.
 BOOL OnMessage(MDATA_BUFFER* pBuffer, void* pvUserParam1, void*) {
   auto* pWatch = static_cast<Watch*>(pvUserParam1);
   const Clock::rep nClosed = pWatch->nClosed;
@@ -160,7 +160,7 @@ void ReleaseKept() {
   for (MDATA_BUFFER* pBuffer : kept) MetaData_ReleaseBuffer(pBuffer);
 }
 
-// A message with a time stamp and a right checksum.
+// Returns a message with a time stamp and a correct checksum.
 std::vector<BYTE> Message() {
   std::vector<BYTE> bytes = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01, 0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00,
                              0x00, 14,   2,    8,    0,    1,    2,    3,    4,    5,    6,    7,    1,    2};
@@ -216,14 +216,14 @@ MDATA_SRC_CFG VideoConfig(int iInterface) {
   return config;
 }
 
-// Ports 2n carry events, 2n + 1 messages.
-MDATA_SRC_CFG ConfigOf(Road road, int iNumber) {
-  switch (road) {
-    case KSerialKlv:
+// Even ports carry events, odd ports messages.
+MDATA_SRC_CFG ConfigOf(Path path, int iNumber) {
+  switch (path) {
+    case SerialKlv:
       return SerialConfig(MDATA_DATA_KLV);
     case SerialCoT:
       return SerialConfig(MDATA_DATA_COT);
-    case KUdpKlv:
+    case UdpKlv:
       return NetworkConfig(kFirstPort + iNumber * 2 + 1, MDATA_DATA_KLV);
     case UdpCoT:
       return NetworkConfig(kFirstPort + iNumber * 2, MDATA_DATA_COT);
@@ -237,14 +237,14 @@ std::vector<BYTE> ReadEvent(const char* szName) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-// An aircraft and its sensor point, which make a packet together.
+// Returns an aircraft event and its sensor point, which together make a packet.
 const std::vector<std::vector<BYTE>>& Events() {
   static const std::vector<std::vector<BYTE>> kEvents = {ReadEvent("level_flight_aircraft.xml"),
                                                          ReadEvent("level_flight_spi.xml")};
   return kEvents;
 }
 
-// The lines that would tell of a time-out.
+// The log lines that report a time-out.
 std::atomic<int> g_nTimeOutLines{0};
 
 std::atomic<int> g_enSerialData{MDATA_DATA_KLV};
@@ -278,7 +278,7 @@ class Traffic {
     }
     close(iSocket);
   }
-  // What the source that was opened last is made for.
+  // The purpose of the source that was opened last.
   void SendSerial() {
     const std::vector<BYTE> message = Message();
     std::vector<std::vector<BYTE>> frames;
@@ -295,7 +295,7 @@ class Traffic {
     }
   }
 
-  // The sockets come and go with the captures.
+  // The sockets exist as long as the captures.
   void SendVideo() {
     std::vector<BYTE> packet(8);
     const std::vector<BYTE> message = Message();
@@ -327,7 +327,7 @@ struct Count {
   unsigned long refused = 0;
 };
 
-// Statistics from the encoder's thread, in all three directions.
+// Reads, sets and resets statistics from the encoder's thread.
 void UseStatistics(HMDATASRC hSource, std::mt19937& random) {
   MDATA_SRC_STATS stats;
   std::memset(&stats, 0, sizeof stats);
@@ -336,19 +336,19 @@ void UseStatistics(HMDATASRC hSource, std::mt19937& random) {
   if (random() % 4 == 0) MetaData_ResetSourceStats(hSource);
 }
 
-// One encoder thread: its own UDP ports, the serial port and the video inputs with everybody else.
+// One encoder thread with its own UDP ports. It shares the serial port and the video inputs with the other threads.
 class Opener {
  public:
   explicit Opener(int iThread) : m_iThread(iThread), m_random(static_cast<unsigned>(iThread)) {}
 
-  // Until the end, with a limit on a close unless closes may be given up.
+  // Runs until the end, and checks the duration of each close unless closes may be given up.
   void Run(Clock::time_point end, bool bFailing) {
     while (Clock::now() < end) {
-      const Road road = static_cast<Road>(m_random() % Roads);
-      HMDATASRC hSource = Open(road);
+      const Path path = static_cast<Path>(m_random() % PathCount);
+      HMDATASRC hSource = Open(path);
       if (hSource == nullptr) continue;
       if (m_random() % 2 == 0) UseStatistics(hSource, m_random);
-      const bool bSerial = road == KSerialKlv || road == SerialCoT;
+      const bool bSerial = path == SerialKlv || path == SerialCoT;
       if (bSerial || m_random() % 3 == 0)
         std::this_thread::sleep_for(milliseconds(bSerial ? 50 + m_random() % 150 : m_random() % 5));
       const auto start = Clock::now();
@@ -357,15 +357,15 @@ class Opener {
         EXPECT_LT(Clock::now() - start, std::chrono::seconds(4)) << "a close timed out";
       }
       ReleaseKept();
-      // Openers that wait in vain hold the library's mutex most of the time: the serial road needs it too.
+      // Openers whose wait times out hold the library's mutex most of the time, and the serial path needs it too.
       if (bFailing) std::this_thread::sleep_for(milliseconds(m_random() % 100));
     }
   }
 
-  HMDATASRC Open(Road road) {
-    MDATA_SRC_CFG config = ConfigOf(road, m_iThread);
+  HMDATASRC Open(Path path) {
+    MDATA_SRC_CFG config = ConfigOf(path, m_iThread);
     m_watches.emplace_back();
-    m_watches.back().pnDelivered = &g_anDelivered[road];
+    m_watches.back().pnDelivered = &g_anDelivered[path];
     config.pvUserParam1 = &m_watches.back();
     HMDATASRC hSource = nullptr;
     if (!MetaData_OpenSource(&config, &hSource)) {
@@ -377,7 +377,7 @@ class Opener {
     return hSource;
   }
 
-  // Without a message the source stays open, and the close is tried again.
+  // If no message can be allocated, the source stays open and the close is repeated.
   void Close(HMDATASRC hSource) {
     while (!MetaData_CloseSource(&hSource)) std::this_thread::sleep_for(milliseconds(1));
     m_watches.back().nClosed = Clock::now().time_since_epoch().count();
@@ -392,13 +392,13 @@ class Opener {
   Count m_count;
 };
 
-bool EveryRoadDelivered() {
+bool EveryPathDelivered() {
   for (const auto& nDelivered : g_anDelivered)
     if (nDelivered == 0) return false;
   return true;
 }
 
-// Counted once more when everything is over: nothing may be left open.
+// Counts again at the end: nothing may be left open.
 size_t OpenDescriptors() {
   size_t nCount = 0;
   for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) ++nCount;
@@ -442,7 +442,7 @@ class Stress : public ::testing::Test {
     close(m_iSlave);
   }
 
-  // Four threads for the set time, and longer while a road has not delivered yet.
+  // Runs four threads for the set time, and longer until every path has delivered.
   unsigned long Run(bool bFailing) {
     std::deque<Opener> openers;
     for (int i = 0; i < 4; ++i) openers.emplace_back(i);
@@ -454,17 +454,17 @@ class Stress : public ::testing::Test {
       for (Opener& opener : openers) threads.emplace_back([&opener, end, bFailing] { opener.Run(end, bFailing); });
       for (auto& thread : threads) thread.join();
       end = Clock::now() + std::chrono::seconds(1);
-    } while (!EveryRoadDelivered() && Clock::now() < limit);
-    for (size_t i = 0; i < Roads; ++i) EXPECT_GT(g_anDelivered[i], 0u) << "road " << i;
+    } while (!EveryPathDelivered() && Clock::now() < limit);
+    for (size_t i = 0; i < PathCount; ++i) EXPECT_GT(g_anDelivered[i], 0u) << "path " << i;
     unsigned long nOpened = 0;
     for (const Opener& opener : openers) nOpened += opener.Counted().opened;
-    // The watches go with the openers: no close of theirs may be unfinished.
+    // The watches are destroyed with the openers, so none of their closes may be unfinished.
     g_Faults.Clear();
     EndLibrary();
     return nOpened;
   }
 
-  // A shut-down that never returns fails the test instead of holding it up.
+  // A shut-down that never returns fails the test instead of blocking it.
   static Clock::duration EndLibrary() {
     const auto start = Clock::now();
     auto done = std::async(std::launch::async, [] { METADATALIB_Shutdown(); });
@@ -508,12 +508,12 @@ TEST_F(Stress, FailedSendsFailedMessagesAndTimeOutsLeaveNothingBehind) {
 
 class Corner : public Stress {
  protected:
-  // Waits for the next message of the road, which also wakes the metadata thread.
-  static void AwaitDelivery(Road road) {
-    const unsigned long nBefore = g_anDelivered[road];
+  // Waits for the next message of the path, which also wakes the metadata thread.
+  static void AwaitDelivery(Path path) {
+    const unsigned long nBefore = g_anDelivered[path];
     const auto limit = Clock::now() + std::chrono::seconds(60);
-    while (g_anDelivered[road] == nBefore && Clock::now() < limit) std::this_thread::sleep_for(milliseconds(1));
-    EXPECT_GT(g_anDelivered[road], nBefore) << "road " << road;
+    while (g_anDelivered[path] == nBefore && Clock::now() < limit) std::this_thread::sleep_for(milliseconds(1));
+    EXPECT_GT(g_anDelivered[path], nBefore) << "path " << path;
   }
 
   static void HoldThread() {
@@ -521,46 +521,46 @@ class Corner : public Stress {
     while (!g_Faults.bHeld) std::this_thread::sleep_for(milliseconds(1));
   }
 
-  // Returns when the thread has handled all that was queued before.
+  // Returns when the thread has handled all messages queued before.
   void Synchronise() {
     Opener opener(3);
-    if (HMDATASRC hSource = opener.Open(KUdpKlv)) opener.Close(hSource);
+    if (HMDATASRC hSource = opener.Open(UdpKlv)) opener.Close(hSource);
   }
 
-  // Gives up a close on the road while data waits for the held thread; nothing may be delivered afterwards.
-  void GiveUp(Road road, bool bSent) {
-    SCOPED_TRACE(testing::Message() << "road " << road << (bSent ? " timed out" : " unsent"));
+  // Gives up a close on the path while data waits for the held thread. Nothing may be delivered afterwards.
+  void GiveUp(Path path, bool bSent) {
+    SCOPED_TRACE(testing::Message() << "path " << path << (bSent ? " timed out" : " unsent"));
     Opener first(1);
     Opener opener(0);
-    HMDATASRC hFirst = first.Open(KUdpKlv);
-    HMDATASRC hSource = opener.Open(road);
+    HMDATASRC hFirst = first.Open(UdpKlv);
+    HMDATASRC hSource = opener.Open(path);
     ASSERT_NE(hFirst, nullptr);
     ASSERT_NE(hSource, nullptr);
-    AwaitDelivery(road);
+    AwaitDelivery(path);
     HoldThread();
     g_Faults.nWaitMs = 20;
-    if (bSent) first.Close(hFirst);  // handled first: its source is still read from in the pass of this message
+    if (bSent) first.Close(hFirst);  // its message is handled first, and its source is still read in the same pass
     g_Faults.nUnsent = bSent ? 0 : 100;
     opener.Close(hSource);
-    const unsigned long nDelivered = g_anDelivered[road];
-    std::this_thread::sleep_for(milliseconds(100));  // the traffic goes on
+    const unsigned long nDelivered = g_anDelivered[path];
+    std::this_thread::sleep_for(milliseconds(100));  // the traffic continues
     const int nTimeOuts = g_nTimeOutLines;
     g_Faults.Clear();
     Synchronise();
-    EXPECT_EQ(g_anDelivered[road], nDelivered);
+    EXPECT_EQ(g_anDelivered[path], nDelivered);
     EXPECT_GT(nTimeOuts, 0);
     if (!bSent) first.Close(hFirst);
     ReleaseKept();
   }
 };
 
-TEST_F(Corner, CloseThatIsGivenUpDeliversNothingMoreOnAnyRoad) {
+TEST_F(Corner, CloseThatIsGivenUpDeliversNothingMoreOnAnyPath) {
   ASSERT_TRUE(METADATALIB_Init(kCaps));
   {
     Traffic traffic(m_iMaster, m_captures);
-    for (const Road road : {KSerialKlv, SerialCoT, UdpCoT, Video}) {
-      GiveUp(road, true);
-      GiveUp(road, false);
+    for (const Path path : {SerialKlv, SerialCoT, UdpCoT, Video}) {
+      GiveUp(path, true);
+      GiveUp(path, false);
     }
   }
   EndLibrary();
@@ -587,7 +587,7 @@ TEST_F(Corner, ShutDownThatCannotBeSentLeavesTheThreadToTheNextOne) {
   EXPECT_LT(duration, std::chrono::seconds(10));
   g_Faults.Clear();
   EXPECT_EQ(HostRuntime_Threads().size(), 1u);
-  Synchronise();  // the thread still works
+  Synchronise();  // the thread still runs
   g_Faults.nNoMessage = 100;
   EndLibrary();
   g_Faults.Clear();
@@ -598,7 +598,7 @@ TEST_F(Corner, ShutDownThatCannotBeSentLeavesTheThreadToTheNextOne) {
   EXPECT_EQ(OpenDescriptors(), nDescriptors);
 }
 
-TEST_F(Corner, StartThatCannotWatchItsMailboxFails) {
+TEST_F(Corner, InitThatCannotAddItsMailboxToTheSetFails) {
   g_Faults.nNotWatched = 100;
   EXPECT_FALSE(METADATALIB_Init(METADATALIB_CAPS_IPV4_SUPPORT));
   g_Faults.Clear();
@@ -608,7 +608,7 @@ TEST_F(Corner, StartThatCannotWatchItsMailboxFails) {
   EndLibrary();
 }
 
-TEST_F(Corner, VideoSourceClosedAfterTheShutDownGivesItsCaptureBack) {
+TEST_F(Corner, VideoSourceClosedAfterTheShutDownReleasesItsCapture) {
   Traffic traffic(m_iMaster, m_captures);
   for (int i = 0; i < 3; ++i) {
     ASSERT_TRUE(METADATALIB_Init(METADATALIB_CAPS_IPV4_SUPPORT));

@@ -3,14 +3,14 @@
 import socket
 import struct
 
-import road
-from road import Road, message, source
+import harness
+from harness import EndToEndTest, message, source
 
 FULL = "[full]\ninput = video\ninterface = {0}\ndata = klv\n"
 THIRD = "[third]\ninput = video\ninterface = {0}\ndata = klv\ndecimation = 3\n"
 
 
-class Video(Road):
+class Video(EndToEndTest):
     def send_captured(self, packets):
         path = self.folder / "capture1"
         self.wait_for(path.exists, "the capture's socket")
@@ -20,7 +20,7 @@ class Video(Road):
                 sender.send(struct.pack(">Q", timestamp) + klv)
 
     def kept(self):
-        """Every third timestamp of the full source, with all its packets, from the first that the other was open for."""
+        """A source keeps every third timestamp of the full source, from its opening on, with all packets of it."""
         groups = []
         for line in self.source_lines("full"):
             if not groups or groups[-1][0] != line["timestamp"]:
@@ -37,7 +37,7 @@ class Video(Road):
         return [(line["timestamp"], line["items"][0]["value"]) for line in self.source_lines("third")]
 
     def test_a_factor_of_three_keeps_every_third_timestamp_with_all_its_packets(self):
-        # The port that is opened last says that both sources are open.
+        # The port that is opened last shows that both sources are open.
         self.encoder(FULL.format(1) + THIRD.format(1) + "[last]\ninput = udp\nport = 15653\n", ports=[15653],
                      host=f"[capture1]\nkind = socket\npath = {self.folder}/capture1\n")
         packets = [(90000 + 3003 * (number // 2), message((2, struct.pack(">Q", number)))) for number in range(60)]
@@ -66,7 +66,7 @@ class Video(Road):
         self.wait_for(lambda: self.arrived("full") >= 25, "messages")
         self.stop()
         for klv in self.delivered("full"):
-            self.assertEqual(road.checksum(klv[:-2]), struct.unpack(">H", klv[-2:])[0])
+            self.assertEqual(harness.checksum(klv[:-2]), struct.unpack(">H", klv[-2:])[0])
 
     def test_an_ancillary_stream_arrives_whole(self):
         self.encoder(FULL.format(2), host="[capture2]\nkind = anc\nport = 15652\n", ports=[15652])
@@ -75,4 +75,4 @@ class Video(Road):
         self.stop()
 
 
-road.main()
+harness.main()

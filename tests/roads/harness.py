@@ -1,7 +1,7 @@
-"""Harness of the end-to-end tests: runs mdencoder and mdfeed on loopback in a folder of the test's own.
+"""Harness of the end-to-end tests: it runs mdencoder and mdfeed on loopback in a folder for each test.
 
-A test is a unittest.TestCase derived from Road. It writes a configuration, starts the encoder, waits until its sources
-are open, feeds them, ends the encoder and looks at the summary and at the files of delivered messages.
+A test derives from EndToEndTest. It writes a configuration, starts the encoder, waits until its sources are open, feeds
+them, stops the encoder and checks the summary and the files of delivered messages.
 """
 import argparse
 import json
@@ -26,11 +26,11 @@ _parser.add_argument("--source", required=True)
 options, rest = _parser.parse_known_args()
 
 KEY = bytes.fromhex("060E2B34020B01010E01030101000000")
-SLOW = 10 if os.environ.get("ROAD_SLOW") else 1
+SLOW = 10 if os.environ.get("METADATA_TEST_SLOW") else 1
 
 
 def recording(name):
-    """A file of the shared test data, or None: the test then says that it could not run its check."""
+    """Returns a file of the shared test data, or None; the test then reports that it could not run its check."""
     path = pathlib.Path(options.shared_data) / name
     if not path.exists():
         print(f"ABSENT: {path} - the checks on that recording are left out", file=sys.stderr)
@@ -39,7 +39,7 @@ def recording(name):
 
 
 def split_messages(data):
-    """Messages that stand back to back."""
+    """Splits messages that are stored back to back."""
     messages = []
     at = 0
     while at < len(data):
@@ -59,7 +59,7 @@ def checksum(data):
 
 
 def items(message):
-    """Tag -> value of a message's one-byte tags; a list of pairs, in order."""
+    """Returns the one-byte tags of a message and their values as a list of pairs, in order."""
     at = 17
     if message[16] == 0x81:
         at = 18
@@ -78,7 +78,7 @@ def items(message):
 
 
 def message(*pairs):
-    """A UAS Local Set with a right checksum."""
+    """Returns a UAS Local Set with a correct checksum."""
     body = b"".join(bytes([tag, len(value)]) + value for tag, value in pairs) + bytes([1, 2])
     size = len(body) + 2
     length = bytes([size]) if size < 128 else bytes([0x81, size]) if size < 256 else b"\x82" + struct.pack(">H", size)
@@ -92,9 +92,9 @@ def udp_port_open(port):
     return wanted in tables
 
 
-class Road(unittest.TestCase):
+class EndToEndTest(unittest.TestCase):
     def setUp(self):
-        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="road_"))
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="metadata_"))
         self.processes = []
         self.encoder_process = None
 
@@ -144,7 +144,7 @@ class Road(unittest.TestCase):
         return result
 
     def feed_serial(self, *arguments):
-        """Starts mdfeed on a pseudo-terminal of its own; it sends once the encoder has it open."""
+        """Starts mdfeed on its own pseudo-terminal; it sends as soon as the encoder has opened it."""
         process = self.start(options.feed, *arguments, "--pty", self.folder / "serial", stderr=subprocess.DEVNULL)
         self.wait_for(lambda: (self.folder / "serial").exists(), "the pseudo-terminal")
         return process
@@ -159,18 +159,18 @@ class Road(unittest.TestCase):
             time.sleep(0.02)
 
     def stop(self, expected=0):
-        """Ends the encoder the way a user does, and returns the summary."""
+        """Stops the encoder as a user does, and returns the summary."""
         self.encoder_process.send_signal(signal.SIGINT)
         self.assertEqual(self.encoder_process.wait(timeout=30 * SLOW), expected,
                          (self.folder / "encoder.err").read_text())
         return json.loads((self.folder / "summary.json").read_text())
 
     def delivered(self, name):
-        """The messages in a source's output file."""
+        """Returns the messages in a source's output file."""
         return split_messages((self.folder / f"{name}.klv").read_bytes())
 
     def settle(self, name, count, seconds=20):
-        """Waits until so many messages of a source were delivered."""
+        """Waits until the given number of messages of a source was delivered."""
         self.wait_for(lambda: self.arrived(name) >= count, f"{count} messages of {name}", seconds)
 
     def arrived(self, name):
