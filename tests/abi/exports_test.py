@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""The shared library lets out the names of its map and no others, needs libc alone, and leaves nothing undefined but
-libc's names and the host services."""
+"""The shared library exports exactly the names of its map, needs only libc, and leaves only libc's names and the host
+services undefined."""
 import argparse
 import pathlib
 import re

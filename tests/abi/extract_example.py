@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Writes the first C block of a Markdown file to a source file; at most 45 lines, so that it stays readable."""
+"""Writes the first C block of a Markdown file to a source file. It allows at most 45 lines, so that the block stays
+readable."""
 import re
 import sys
 

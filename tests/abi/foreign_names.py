@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""foreign_names.py MAP OUTPUT: writes C with a function for every exported name, each of which ends the process: what
-the library would call if an encoder's function of the same name came before its own."""
+"""foreign_names.py MAP OUTPUT: writes C code with a function for every exported name, each of which ends the process.
+The library would call them if an encoder's function of the same name took precedence over its own."""
 import pathlib
 import re
 import sys

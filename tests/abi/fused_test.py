@@ -16,7 +16,7 @@ parser.add_argument("--commands", required=True)
 parser.add_argument("--sources", required=True)
 options, rest = parser.parse_known_args()
 
-# 64-bit Arm, scalar and vector; x86.
+# These are the fused operations of 64-bit Arm, scalar and vector, and of x86.
 FUSED = re.compile(r"\s(fn?m(?:add|sub)|fml[as]|vfn?m(?:add|sub)[0-9a-z]+)\s")
 commands = [entry for entry in json.loads(pathlib.Path(options.commands).read_text())
             if pathlib.Path(entry["file"]).parent == pathlib.Path(options.sources)]
@@ -54,7 +54,7 @@ class Fused(unittest.TestCase):
             words.append("-mfma")
         run = subprocess.run(words, check=True, capture_output=True, text=True, cwd=entry["directory"])
         self.assertEqual(fused(run.stdout), [])
-        # The same source, left to the compiler, has them: the search finds what it looks for.
+        # Compiled with the default of the compiler the same source has them, so the search can find them.
         free = subprocess.run([*words, "-ffp-contract=fast"], check=True, capture_output=True, text=True,
                               cwd=entry["directory"])
         self.assertNotEqual(fused(free.stdout), [])

@@ -1,4 +1,4 @@
-// The public header and the host declarations stand alone as C++17.
+// Checks that the public header and the host declarations compile on their own as C++17.
 #include "host.h"
 #include "metadata_lib.h"
 

@@ -1,5 +1,5 @@
-// The library calls itself, whoever else has functions of its names: a program that is linked with it and defines all
-// of them, and a second version of it in the same process.
+// Checks that the library calls its own functions even if other code defines functions of the same names: a program
+// that is linked with it and defines all of them, and a second version of it in the same process.
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -29,7 +29,7 @@ constexpr size_t kStreamHeader = 5;
 
 using Bytes = std::vector<BYTE>;
 
-// A UAS Datalink Local Set with a time stamp and a right checksum.
+// Returns a UAS Datalink Local Set with a time stamp and a correct checksum.
 Bytes Message() {
   Bytes bytes = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01, 0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00,
                  0x00, 14,   2,    8,    0,    1,    2,    3,    4,    5,    6,    7,    1,    2};
@@ -56,7 +56,7 @@ BOOL OnMessage(MDATA_BUFFER* buffer, void* delivered, void*) {
   return TRUE;
 }
 
-// One copy of the library, called by what its own file exports.
+// One copy of the library, which is called through the exports of its own file.
 class Library {
  public:
   explicit Library(void* handle) : m_handle(handle) {}
@@ -68,7 +68,7 @@ class Library {
     return reinterpret_cast<Function*>(found);
   }
 
-  // Starts it and has it rewrite messages from a UDP port.
+  // Starts the copy with a source that rewrites messages from a UDP port.
   void Open(int port) {
     m_port = port;
     ASSERT_TRUE(Find<decltype(METADATALIB_Init)>("METADATALIB_Init")(METADATALIB_CAPS_IPV4_SUPPORT));
@@ -91,7 +91,7 @@ class Library {
     ASSERT_TRUE(Find<decltype(MetaData_OpenSource)>("MetaData_OpenSource")(&config, &m_source));
   }
 
-  // Sends the messages one by one and looks at what becomes of them.
+  // Sends the messages one by one and checks the delivered messages.
   void ExpectRewritten() {
     const Bytes message = Message();
     for (size_t i = 1; i <= kMessages; ++i) {
@@ -148,11 +148,11 @@ TEST(Interposition, ProgramLinkedWithTheLibraryDefinesAllItsNames) {
   library.Close();
 }
 
-// The names of the library's source files, as its log lines carry them.
+// Returns the names of the library's source files as they appear in its log lines.
 const char* const kModules[] = {"metadata_api", "generic_klv_support", "klv_utils",      "cot_support",
                                 "converter",    "misb0601_processing", "misb0601_tools", "utils"};
 
-// The library's file under another soname, whose log lines name other source files: "utilx" for "utils".
+// Makes a copy of the library's file with another soname, whose log lines name other source files: "utilx" for "utils".
 std::filesystem::path MakeOtherVersion(const std::filesystem::path& folder) {
   std::ifstream in(METADATA_LIBRARY, std::ios::binary);
   std::string bytes((std::istreambuf_iterator<char>(in)), {});
@@ -172,7 +172,7 @@ std::filesystem::path MakeOtherVersion(const std::filesystem::path& folder) {
   return path;
 }
 
-// Lines of the log by the source file that they name, while it lives.
+// Counts lines of the log by the source file that they name, during its lifetime.
 class LinesByFile {
  public:
   LinesByFile() {

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
-"""Programs look for shared libraries beside themselves only, in the build tree and after an installation: no empty
-element, which is the current folder, and no folder of the machine that built them."""
+"""Programs look for shared libraries only relative to themselves, in the build tree and after an installation: the run
+path has no empty element, which means the current folder, and no folder of the machine that built them."""
 import argparse
 import os
 import pathlib

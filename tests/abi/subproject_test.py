@@ -1,4 +1,4 @@
-"""The tree as a folder of another project: it configures to the library alone and forces nothing on that project."""
+"""As a folder of another project the tree configures only the library and forces no setting on that project."""
 import argparse
 import json
 import pathlib

@@ -1,10 +1,10 @@
-// Records what the library does with a fixed course of traffic: every log line of level 0 to 8, every dump, every
-// assertion, every delivered byte, every relayed datagram, every statistics record. Two builds that behave the same
-// print the same text; scripts/compare-run builds two revisions and compares them.
+// Records the behaviour of the library with a fixed course of traffic: every log line of level 0 to 8, every dump,
+// every assertion, every delivered byte, every relayed datagram, every statistics record. Two builds with the same
+// behaviour print the same text; scripts/compare-run builds two revisions and compares them.
 //
-// It uses the public interface and the fake host only, so that the same file builds against older revisions.
+// It uses only the public interface and the fake host, so that the same file builds against older revisions.
 //
-//   record_run [RECORDING]     RECORDING: ST 0601 messages, back to back, added to the traffic
+//   record_run [RECORDING]     RECORDING: ST 0601 messages, back to back, which are added to the traffic
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -22,7 +22,7 @@
 
 namespace {
 
-std::mt19937 g_random(20240102);  // the course of the traffic hangs on this seed
+std::mt19937 g_random(20240102);  // this seed determines the traffic
 
 unsigned Draw(unsigned limit) {
   return static_cast<unsigned>(g_random() % limit);
@@ -36,14 +36,14 @@ void PrintBytes(const char* title, const Bytes& bytes) {
   std::printf("\n");
 }
 
-// Addresses differ from run to run; all else must not.
+// Addresses differ from run to run; nothing else may differ.
 std::string WithoutAddresses(const std::string& text) {
   static const std::regex kAddress("0x[0-9a-f]{9,}|pMsg = 0x[0-9a-f]+");
   return std::regex_replace(text, kAddress, "ADDRESS");
 }
 
-// Prints what has come since the last call. Lines, dumps and assertions are kept apart by the fake host, so each of
-// the three stands in its own order.
+// Prints the output since the last call. The fake host stores lines, dumps and assertions separately, so each of the
+// three is printed in its own order.
 void Flush(const std::string& step) {
   std::printf("-- %s\n", step.c_str());
   for (const LogLine& line : host().Logs()) {
@@ -88,7 +88,7 @@ Bytes RandomBytes(size_t size) {
   return bytes;
 }
 
-// A message of items in any order and number, sometimes with a mission identifier, a security set, or no checksum.
+// Makes a message of random items, sometimes with a mission identifier, a security set, or no checksum.
 Bytes AnyMessage() {
   UasMessage message;
   message.Item(2, RandomBytes(8));
@@ -102,7 +102,7 @@ Bytes AnyMessage() {
   return message.Build();
 }
 
-// The same with a few bytes changed, cut, or something in front of it.
+// Changes a few bytes of a message, truncates it, or puts bytes in front of it.
 Bytes DamagedMessage() {
   Bytes bytes = AnyMessage();
   switch (Draw(4)) {
@@ -123,7 +123,7 @@ Bytes DamagedMessage() {
   return bytes;
 }
 
-// Keys of every registry designator, each with a small set behind it.
+// Makes keys of every registry designator, each followed by a small set.
 Bytes OtherKey() {
   Bytes key = UasKey();
   key[5] = static_cast<BYTE>(g_random());
@@ -136,7 +136,7 @@ std::string Number(double value) {
   return text;
 }
 
-// Events of an aircraft and its sensor point, now and then with a value missing, out of range or damaged.
+// Makes events of an aircraft and its sensor point, sometimes with a value missing, out of range or damaged.
 std::string Event(bool aircraft, int second) {
   const std::string time = "2024-01-02T03:0" + std::to_string(second / 60 % 10) + ":" +
                            std::to_string(10 + second % 50) + "." + std::to_string(10 + Draw(80)) + "Z";
@@ -211,7 +211,7 @@ class Source {
     try {
       if (m_handle != nullptr) Close();
     } catch (...) {
-      std::abort();  // half a record is worth nothing
+      std::abort();  // an incomplete record is useless
     }
   }
   Source(const Source&) = delete;
@@ -264,7 +264,7 @@ void FeedStream(const Bytes& stream, unsigned pause) {
   }
 }
 
-// --- The course of it ------------------------------------------------------------------------------------
+// --- The course of traffic ------------------------------------------------------------------------------------
 
 void KlvOverUdp(const std::vector<Bytes>& recorded) {
   Encoder encoder{"udp"};

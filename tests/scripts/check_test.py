@@ -1,6 +1,5 @@
 #!/usr/bin/env python3
-"""scripts/check in a tree that came as an archive, on a machine without git: it finds every source, and what is
-wrong with one."""
+"""Runs scripts/check in a tree from an archive, on a machine without git: it finds every source and every violation."""
 import argparse
 import os
 import pathlib
@@ -62,7 +61,7 @@ class CheckWithoutGit(unittest.TestCase):
         self.assertNotEqual(code, 0)
         self.assertIn("metadata_lib/bad.cpp:2: unfinished mark", text)
 
-    def test_what_was_generated_is_not_checked(self):
+    def test_generated_files_are_not_checked(self):
         for name in ("build/dev/generated.cpp", "out/generated.cpp"):
             self.write(name, "int  Answer( ) {return 42;}\n")
         self.assertEqual(self.check()[0], 0)

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""scripts/tidy.py looks at every source, and again only when something changed that the result depends on."""
+"""scripts/tidy.py checks every source, and checks it again only if something changed that the result depends on."""
 import argparse
 import json
 import os
@@ -13,7 +13,7 @@ parser = argparse.ArgumentParser()
 parser.add_argument("--source", required=True, type=pathlib.Path)
 options, rest = parser.parse_known_args()
 
-# Stands for clang-tidy: notes what it was asked for, and finds fault with a source or header that says BAD.
+# Stands for clang-tidy: it records its arguments and rejects a source or header that contains BAD.
 TIDY = """#!/bin/sh
 [ "$1" = --version ] && exit 0
 for source; do :; done
@@ -49,7 +49,7 @@ class Tidy(unittest.TestCase):
         self.write("build/tidy/compile_commands.json", json.dumps(entries))
 
     def tidy(self, *names):
-        """The exit code, what was said, and the sources that were looked at."""
+        """Returns the exit code, the output, and the sources that were checked."""
         (self.tree / "calls").write_text("")
         done = subprocess.run([self.tree / "scripts/tidy.py", *names], cwd=self.tree, text=True,
                               env={**os.environ, "PATH": f"{self.tree}/bin:{os.environ['PATH']}"},

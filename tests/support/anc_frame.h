@@ -1,4 +1,4 @@
-// A sender of ancillary streams for the tests.
+// Builds ancillary streams for the tests.
 #ifndef ANC_FRAME_H
 #define ANC_FRAME_H
 
@@ -9,8 +9,9 @@
 
 namespace anc_klv {
 
-// All messages of one timestamp in RTP packets of at most `largest` bytes; the last one has the marker. *sequence and
-// *messageNumber go on from call to call. No message at all makes the packet without content that keeps a stream alive.
+// Packs all messages of one timestamp into RTP packets of at most `largest` bytes; the last one has the marker.
+// *sequence and *messageNumber continue from call to call. Without messages it makes the empty packet that keeps a
+// stream alive.
 inline std::vector<Bytes> PackFrame(std::span<const Bytes> messages, RtpHeader header, std::uint32_t* sequence,
                                     std::uint8_t* messageNumber, std::size_t largest = 1'400) {
   std::vector<Bytes> packets;

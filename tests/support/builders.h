@@ -1,4 +1,4 @@
-// Builders of test input. Their checksum code is their own, so that the library's is tested against another.
+// Builders of test input. They have their own checksum code, so that the library's is tested against another one.
 #ifndef BUILDERS_H
 #define BUILDERS_H
 
@@ -8,12 +8,12 @@
 
 #include "fake_host.h"
 
-// "06 0E 2B" to bytes; blanks are skipped.
+// Converts "06 0E 2B" to bytes; blanks are skipped.
 Bytes Hex(const std::string& text);
 Bytes Text(const std::string& text);
 Bytes operator+(const Bytes& left, const Bytes& right);
 
-// The MISB ST 0601 running sum over the first 'length' bytes.
+// Returns the MISB ST 0601 running sum over the first 'length' bytes.
 WORD OwnChecksum(const Bytes& bytes, size_t length);
 
 inline const Bytes& UasKey() {
@@ -29,7 +29,7 @@ class UasMessage {
   UasMessage& Key(const Bytes& key);
   UasMessage& Item(BYTE tag, const Bytes& value);  // one-byte tag, shortest BER length
   UasMessage& Raw(const Bytes& bytes);
-  UasMessage& Checksum();  // a right checksum item here; it must be the last
+  UasMessage& Checksum();  // appends a correct checksum item, which must be the last item
   UasMessage& LengthForm(Length form);
   Bytes Build() const;
   Bytes Body() const { return m_body; }
@@ -41,10 +41,11 @@ class UasMessage {
   Length m_form = Length::Shortest;
 };
 
-// Time stamp, position and a right checksum.
+// Returns a message with time stamp, position and a correct checksum.
 Bytes WellFormedMessage();
 
-// A recording from the folder of shared test data; none when it is absent (say so and return).
+// Reads a recording from the folder of shared test data. Returns no bytes if it is absent; the test then reports that
+// and returns.
 std::optional<Bytes> LoadRecording(const std::string& folder, const std::string& name);
 // Splits UAS messages that stand back to back.
 std::vector<Bytes> SplitMessages(const Bytes& bytes);

@@ -1,4 +1,4 @@
-// Fixture of the source engine's tests: a started library on the fake host, and short ways to open sources.
+// The fixture of the source engine's tests provides a started library on the fake host and short calls to open sources.
 #ifndef ENGINE_TEST_H
 #define ENGINE_TEST_H
 
@@ -12,7 +12,7 @@
 extern HDBG g_hMetaDataLibDbg;
 extern HDBG g_hCoTConvDbg;
 
-// One message as the ready callback got it.
+// One message as the ready callback received it.
 struct Delivered {
   Bytes bytes;  // with the stream header
   MDATA_TIMESTAMP timestamp;
@@ -20,7 +20,7 @@ struct Delivered {
   void* param2;
 };
 
-// Passed as pvUserParam1: what the encoder saw, and what it answers.
+// Stands for the encoder and is passed as pvUserParam1: it records the messages and holds the results to return.
 struct Encoder {
   std::vector<Delivered> messages;
   BOOL answer = TRUE;
@@ -35,7 +35,7 @@ inline BOOL ReadyCallback(MDATA_BUFFER* pBuff, void* pvUserParam1, void* pvUserP
 
 class EngineTest : public HostTest {
  protected:
-  // Closes what the test left open and shuts the library down, so that the fake host sees every leak.
+  // Closes the sources that the test left open and shuts the library down, so that the fake host sees every leak.
   void TearDown() override {
     for (HMDATASRC source : m_open) {
       HMDATASRC handle = source;
@@ -45,13 +45,13 @@ class EngineTest : public HostTest {
     if (m_started) Stop();
   }
 
-  // Starts the library; with both IP families unless told otherwise.
+  // Starts the library, by default with both IP families.
   void Start(DWORD caps = METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT) {
     ASSERT_TRUE(METADATALIB_Init(caps));
     m_started = true;
   }
 
-  // Starts with CoT support, and with a grid of zeros.
+  // Starts the library with CoT support and a grid of zeros.
   void StartWithCoT() {
     static const std::string kGrid = [] {
       std::string text;
@@ -130,7 +130,7 @@ class EngineTest : public HostTest {
     AllowLogs(5, "Disabling KLV extraction");
   }
 
-  // Takes the source off the list of what the fixture closes.
+  // Removes the source from the list of sources that the fixture closes.
   void Forget(HMDATASRC source) { std::erase(m_open, source); }
 
   static int ListedSources() {
@@ -151,7 +151,7 @@ class EngineTest : public HostTest {
   std::vector<HMDATASRC> m_open;
 };
 
-// An engine that has been started.
+// An engine that the fixture has started.
 class StartedEngineTest : public EngineTest {
  protected:
   void SetUp() override { Start(); }

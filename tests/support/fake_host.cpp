@@ -1,4 +1,4 @@
-// The fake host's language: records, claims, clock, failures and the lockstep of the metadata thread.
+// Implements the fake host's language: records, claims, clock, failures and the lockstep of the metadata thread.
 #include "fake_host.h"
 
 #include <arpa/inet.h>
@@ -77,7 +77,7 @@ void Host::Verify() {
 }
 
 void Host::Impl::VerifyNothingIsLeft() {
-  for (const auto& [fd, state] : fds)  // a mailbox closes its own
+  for (const auto& [fd, state] : fds)  // a mailbox closes its own descriptor
     if (!state.closed && state.kind != "mailbox")
       ADD_FAILURE() << "descriptor " << fd << " (" << state.kind << ") left open";
   for (const auto& [fd, path] : openFiles) ADD_FAILURE() << "the file " << path << " was left open";

@@ -1,4 +1,5 @@
-// The fake host: every host service and the libc calls that reach outside, replaced for unit tests. A small language:
+// The fake host replaces every host service, and the libc calls that leave the process, in unit tests. It is a small
+// language:
 //
 //   feed bytes               host().FeedDatagram(fd, bytes, {...}), FeedSerial(fd, bytes), FeedCapture(input, bytes, pts)
 //   advance the clock        host().Advance(600)
@@ -7,14 +8,14 @@
 //   act at a point           host().AtLog("Wait successful.\n", [&] { ... })
 //   expect a log line        ExpectLog(4, "KLV_GetInfo returned an error.\n"), ExpectAssertion("0")
 //
-// The thread that WaitForThread joins gets only the passes that a real one would make: for a readable descriptor, or by
-// time-out where one is set. A thread that would sleep for ever fails the test.
+// A thread that WaitForThread joins gets only the passes that a real thread would make: for a readable descriptor, or
+// after a time-out if one is set. A thread that would sleep for ever fails the test.
 //
-// Tests derive from HostTest, which resets everything, the library's own globals included, and, at the end, fails the
+// Tests derive from HostTest, which resets everything, including the library's own globals. At the end it fails the
 // test on any unclaimed log line of level 0 to 5, any unclaimed assertion, and anything left open or allocated: blocks,
 // descriptors, streams, sets, mailboxes and their messages, rate tables, wait conditions, threads. Nothing sleeps:
-// time() and its kin follow
-// the fake clock, files under /tmp, /usr/share/vendor and /etc/hostos.ini live in a folder of the test's own.
+// time() and the related calls follow the fake clock, and files under /tmp, /usr/share/vendor and /etc/hostos.ini are
+// kept in the test's own folder.
 #ifndef FAKE_HOST_H
 #define FAKE_HOST_H
 
@@ -32,7 +33,7 @@
 
 using Bytes = std::vector<BYTE>;
 
-// Descriptors the fake gives out start here.
+// The first descriptor number of the fake host.
 inline constexpr int kFirstFakeFD = 1000;
 
 struct LogLine {
@@ -64,24 +65,24 @@ struct SocketOption {
   Bytes value;
 };
 
-// How a named call fails: the calls after 'skip' good ones, 'times' of them.
+// How a named call fails: after 'skip' successful calls the next 'times' calls fail.
 struct Failure {
   int times = 1;
   int skip = 0;
   int error = EIO;                  // errno
-  std::optional<long> result = {};  // what it returns instead of its usual failure
+  std::optional<long> result = {};  // result in place of the usual failure
 };
 
-// Where a datagram comes from and what its control messages say.
+// The sender of a datagram and the contents of its control messages.
 struct DatagramInfo {
   std::string from = "127.0.0.1";  // IPv4 or IPv6 text
   int port = 4000;
   std::optional<int> ttl = {};  // TTL or hop limit control message
   std::optional<int> tos = {};  // TOS or traffic class control message
-  Bytes control = {};           // raw control area instead
+  Bytes control = {};           // raw control area in their place
 };
 
-// What became of a fake descriptor.
+// The state of a fake descriptor.
 struct FakeFD {
   std::string kind;  // "socket", "udp4", "udp6", "serial", "mailbox", "capture"
   int family = 0;    // of socket()
@@ -93,7 +94,7 @@ struct FakeFD {
   std::vector<Bytes> sent;
 };
 
-// What the services were asked for, in plain fields.
+// The arguments of the calls to the services, in plain fields.
 struct HostRecords {
   struct UDPSocketCall {
     USHORT port;
@@ -104,7 +105,7 @@ struct HostRecords {
   std::vector<UDPSocketCall> udpSocketCalls;
   MDATA_SERIAL_SRC_CFG serialConfig = {};
   std::string serialPath;
-  UINT32 scopeID = 0;  // of "eth0"; 0 makes the look-up fail
+  UINT32 scopeID = 0;  // scope of "eth0"; 0 makes the look-up fail
   std::vector<int> captureStarts;
   std::vector<int> captureStops;
   std::string setName;
@@ -118,7 +119,7 @@ struct HostRecords {
   std::vector<std::string> savedStates;  // functions that called __SaveThreadState
   std::vector<int> pausedStates;
   std::vector<UINT> iterations;
-  struct Receive {  // what recvmsg was asked for
+  struct Receive {  // arguments of one recvmsg
     int flags;
     size_t size;
     size_t nameSize;     // 0 without a place for the sender
@@ -142,8 +143,8 @@ class Host : public HostRecords {
   std::vector<LogLine> Logs() const;
   std::vector<DumpLine> Dumps() const;
   std::vector<Assertion> Assertions() const;
-  void ClearLogs();  // claims everything so far
-  // Acts once, on the thread that writes the next line with this text, before it is written.
+  void ClearLogs();  // claims all lines and assertions so far
+  // Runs the action once, on the thread that writes the next line with this text, before the line is written.
   void AtLog(const std::string& text, std::function<void()> act);
 
   // --- clock, starts at 2024-01-02 03:04:05 UTC; up-time starts at 1000 s
@@ -153,19 +154,19 @@ class Host : public HostRecords {
 
   // --- failures: host services and the wrapped libc calls, by name
   void FailNext(const std::string& name, Failure failure = {});
-  void StopFailing(const std::string& name);  // takes back the failures that have not happened yet
+  void StopFailing(const std::string& name);  // cancels the failures that have not happened yet
   int Calls(const std::string& name) const;
-  // Runs once, inside the call of that name after 'skip' others and on its thread: what happens to the library in the
-  // middle of its work.
+  // Runs the action once, inside the call of that name after 'skip' others and on its thread, so that it happens in the
+  // middle of the library's work.
   void WhenCalled(const std::string& name, std::function<void()> action, int skip = 0);
 
   // --- descriptors
   const FakeFD& FD(int fd) const;
   std::vector<int> FDsOfKind(const std::string& kind) const;
-  int LastFD(const std::string& kind) const;  // -1 when there is none
+  int LastFD(const std::string& kind) const;  // -1 if there is none
   void FeedDatagram(int fd, const Bytes& bytes, const DatagramInfo& info = {});
   void FeedSerial(int fd, const Bytes& bytes);
-  void HangUp(int fd);  // from now on readable, and read returns 0
+  void HangUp(int fd);  // makes it readable from now on, and read returns 0
   void FeedCapture(int interface, const Bytes& bytes, UINT64 timestamp, std::optional<int> length = {});
 
   // --- files and configuration
@@ -179,18 +180,18 @@ class Host : public HostRecords {
   void SetConfig(const std::string& file, const std::string& section, const std::string& key, const std::string& value);
 
   // --- the metadata thread, in lockstep
-  void Pass();                 // one select pass over what is readable now
-  void PassUntilIdle();        // passes until nothing is readable
-  void SelectTimesOut();       // one pass that ends by time-out
-  void HoldThread(bool hold);  // waits do not let the thread run
+  void Pass();                 // runs one select pass over the readable descriptors
+  void PassUntilIdle();        // runs passes until no descriptor is readable
+  void SelectTimesOut();       // runs one pass that ends by time-out
+  void HoldThread(bool hold);  // while held, waits do not let the thread run
   bool ThreadRuns() const;
   std::optional<timeval> SelectInterval() const;
   std::vector<int> SetDescriptors() const;  // in the order they were added
 
-  // For the fixture.
+  // These are for the fixture.
   void Reset();
   void Verify();
-  void Finish();  // no test is under way any more
+  void Finish();  // ends the test
   void AllowLogs(int level, const std::string& part);
   bool ClaimLog(int level, const std::string& text, bool whole);
   bool ClaimAssertion(const std::string& text, bool isText);
@@ -201,11 +202,11 @@ class Host : public HostRecords {
 
 Host& host();
 
-// Gives every global of the library the value that a fresh process has. Before each test, and in one that starts the
-// library more than once as new processes would.
+// Gives every global of the library the value that a fresh process has. It runs before each test, and inside a test
+// that starts the library more than once as new processes would.
 void ResetLibrary();
 
-// The line of the test that calls a claim. clang 14 has no std::source_location of its own.
+// Stores the line of the test that makes a claim. clang 14 has no std::source_location.
 struct Where {
   const char* file;
   int line;
@@ -224,7 +225,7 @@ void ExpectDump(int level, const std::string& title, const Bytes& bytes, Where w
 void AllowLogs(int level, const std::string& part);
 int CountLogs(int level, const std::string& text);
 
-// Verifies last: what a derived fixture's TearDown, destructor or members give back is no leak.
+// Verifies last, so that resources that a derived fixture's TearDown, destructor or members release are not leaks.
 class HostTest : public ::testing::Test {
  protected:
   HostTest() { host().Reset(); }

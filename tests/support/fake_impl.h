@@ -1,4 +1,4 @@
-// Private side of the fake host.
+// Private declarations of the fake host.
 #ifndef FAKE_IMPL_H
 #define FAKE_IMPL_H
 
@@ -11,11 +11,11 @@
 
 #include "fake_host.h"
 
-// From Host::Reset to Host::Finish. Constant-initialised and never destroyed: wrapped calls read it before main and
-// after the last destructor.
+// True from Host::Reset to Host::Finish. It is constant-initialised and never destroyed, because wrapped calls read it
+// before main and after the last destructor.
 inline constinit std::atomic<bool> g_testUnderWay{false};
 
-// A block of the allocator that nobody has freed yet.
+// A block of the allocator that has not been freed yet.
 struct Allocation {
   size_t size;
   const void* caller;
@@ -131,15 +131,15 @@ struct Host::Impl {
   bool hold = false;
   tagHOST_FDSET* currentSet = nullptr;
 
-  // Counts a call; the failure to act out, if this call is to fail. Sets errno.
+  // Counts a call. Returns the failure to simulate and sets errno, if this call is to fail.
   std::optional<Failure> Call(const std::string& name);
   bool Fails(const std::string& name) { return Call(name).has_value(); }
-  void Act(const std::string& name);  // what WhenCalled asked for
+  void Act(const std::string& name);  // runs the action of WhenCalled
   bool Readable(int fd);
   bool AnyReadable();
   int NewFD(const std::string& kind);
   void Grant(bool timeOutPass);
-  // Grants the pass that a real thread would make next. FALSE when it would sleep for ever.
+  // Grants the pass that a real thread would make next. Returns false if it would sleep for ever.
   bool GrantAsReal();
   void VerifyNothingIsLeft();
   std::string DescribeBlocks();

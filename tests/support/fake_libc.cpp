@@ -1,6 +1,7 @@
-// The libc calls that reach outside, through the linker's --wrap: time follows the fake clock, files live in the test's
-// own folder, fake descriptors are scripted. Everything else passes through, and everything does while no test is under
-// way: what runs at the exit of the process, such as writing coverage data, gets the real calls.
+// Wraps the libc calls that leave the process with the linker's --wrap: time follows the fake clock, files are kept in
+// the test's own folder, fake descriptors are scripted. All other calls pass through, and so does every call while no
+// test is running: code that runs at the exit of the process, such as the writing of coverage data, gets the real
+// calls.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -84,7 +85,7 @@ int __wrap_nanosleep(const struct timespec* pause, struct timespec* rest) {
   return 0;
 }
 
-// Whoever holds the mutex keeps it for as long as anybody waits.
+// The holder of the mutex keeps it as long as any thread waits.
 int __wrap_pthread_mutex_clocklock(pthread_mutex_t* mutex, clockid_t clock, const struct timespec* until) {
   if (!g_testUnderWay) return __real_pthread_mutex_clocklock(mutex, clock, until);
   Fake().Call("pthread_mutex_clocklock");
@@ -232,7 +233,8 @@ static Bytes Control(const DatagramInfo& info, bool ipv6) {
   return area;
 }
 
-// Records what a receive asks for, and fails the test when that can block, or cannot hold what a datagram brings.
+// Records the arguments of a receive. Fails the test if the call can block or its buffers cannot hold a datagram's
+// data.
 static void CheckReceive(const struct msghdr& message, int flags) {
   const HostRecords::Receive call = {flags, message.msg_iovlen == 0 ? 0 : message.msg_iov[0].iov_len,
                                      message.msg_namelen, message.msg_controllen};
@@ -240,7 +242,7 @@ static void CheckReceive(const struct msghdr& message, int flags) {
   EXPECT_EQ(flags, MSG_DONTWAIT) << "recvmsg: the metadata thread must not block";
   EXPECT_TRUE(message.msg_iovlen == 1 && message.msg_iov[0].iov_base != nullptr) << "recvmsg: one part, with memory";
   EXPECT_EQ(call.nameSize, message.msg_name == nullptr ? 0 : sizeof(sockaddr_storage)) << "recvmsg: the sender's room";
-  // A TOS or traffic class and a TTL or hop limit, as two numbers.
+  // Room for a TOS or traffic class and a TTL or hop limit, as two numbers.
   EXPECT_EQ(call.controlSize, message.msg_control == nullptr ? 0 : 2 * CMSG_SPACE(sizeof(int)))
       << "recvmsg: the room for control messages";
 }

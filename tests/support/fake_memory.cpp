@@ -1,5 +1,6 @@
-// The allocator, through the linker's --wrap: blocks can be refused by name, and every block that a test or the library
-// takes and does not give back is a leak of that test. C++ containers allocate inside libstdc++, which is not wrapped.
+// Wraps the allocator with the linker's --wrap: allocations can be made to fail by name, and every block that a test or
+// the library allocates and does not free is a leak of that test. C++ containers allocate inside libstdc++, which is
+// not wrapped.
 #include <dlfcn.h>
 
 #include <cstring>
@@ -11,7 +12,7 @@ static Host::Impl& Fake() {
   return *host().impl;
 }
 
-// Counts the call only while a failure is asked for, so that Host::Calls does not report allocations.
+// Counts the call only while a failure is requested, so that Host::Calls does not report allocations.
 static bool IsRefused(const char* name) {
   if (!g_testUnderWay) return false;
   std::lock_guard guard(Fake().lock);
@@ -33,7 +34,7 @@ static void Untrack(const void* block) {
   Fake().blocks.erase(block);
 }
 
-// Where addr2line finds the caller: "unit_utils+0x1a2b".
+// Names the caller in the form that addr2line understands: "unit_utils+0x1a2b".
 static std::string Place(const void* address) {
   Dl_info info = {};
   if (dladdr(address, &info) == 0) return "?";

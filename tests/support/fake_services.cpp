@@ -1,4 +1,4 @@
-// The host services, as the fake provides them.
+// Implements the host services of the fake host.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <stdarg.h>
@@ -317,7 +317,7 @@ BOOL WaitForThread(HTHREAD hThread) {
     for (int i = 0; host().ThreadRuns() && moves && i < 1000; ++i) moves = fake.GrantAsReal();
     if (host().ThreadRuns()) {
       ADD_FAILURE() << (moves ? "the joined thread does not end" : "the joined thread sleeps for ever");
-      // One more pass, which no real thread would make, so that the other tests can go on.
+      // Makes one more pass, which no real thread would make, so that the other tests can run.
       fake.Grant(false);
       if (host().ThreadRuns()) {
         fprintf(stderr, "The metadata thread cannot be ended.\n");
@@ -538,7 +538,7 @@ BOOL CfgFile_GetStringValue(const char* szFile, const char* szSection, const cha
   return found == Fake().config.end() ? FALSE : TRUE;
 }
 
-// "UAV tag 2", "Security tag 3".
+// Returns names such as "UAV tag 2" and "Security tag 3".
 static const char* TagName(const char* kind, BYTE tag) {
   static std::map<std::pair<std::string, BYTE>, std::string> names;
   static std::mutex lock;

@@ -1,5 +1,6 @@
-// The library's globals as a fresh process has them. library_state.ld gathers them, whichever module they belong to, in
-// two ranges. Their contents are kept before main() and copied back before each test, when no thread of the library runs.
+// Resets the library's globals to the values of a fresh process. library_state.ld collects the globals of all modules
+// in two ranges. Their contents are saved before main() and copied back before each test, when no thread of the library
+// runs.
 #include "fake_impl.h"
 
 #ifdef METADATA_COVERAGE
@@ -12,8 +13,8 @@ extern "C" BYTE library_data_begin[], library_data_end[], library_bss_begin[], l
 
 namespace {
 
-// Byte by byte through a volatile pointer: between the globals stand the guard zones of the address sanitizer, and
-// memcpy would be reported.
+// Copies byte by byte through a volatile pointer: the guard zones of the address sanitizer lie between the globals, and
+// it would report memcpy.
 __attribute__((no_sanitize("all"))) void CopyBytes(const volatile BYTE* from, size_t size, volatile BYTE* to) {
   for (size_t i = 0; i < size; ++i) to[i] = from[i];
 }
@@ -37,7 +38,7 @@ const KeptRange kEptBss(library_bss_begin, library_bss_end);
 
 void ResetLibrary() {
 #ifdef METADATA_COVERAGE
-  // The counters stand among the globals: they are added to the files first.
+  // The coverage counters are among the globals, so they are written to the files first.
   __gcov_dump();
 #endif
   kEptData.Restore();

@@ -1,6 +1,6 @@
-// pthread_mutex_clocklock for builds with the thread sanitizer, which follows pthread_mutex_timedlock but not this call:
-// without a word about the lock it reports every value that the mutex guards, and the unlocking as well. The wait runs
-// on the wall clock here; nobody sets that one while a test runs.
+// Replaces pthread_mutex_clocklock in builds with the thread sanitizer, which intercepts pthread_mutex_timedlock but
+// not this call: it would not notice the lock and would report every value that the mutex protects, and the unlocking
+// as well. The wait uses the wall clock here, which does not change while a test runs.
 #include <pthread.h>
 #include <time.h>
 
