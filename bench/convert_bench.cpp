@@ -1,5 +1,5 @@
-// Conversion of a pair of Cursor-on-Target events, against the least that any conversion must do: copy both texts, find
-// their ends, read their twenty numbers, allocate the packet's buffer and sum the packet up.
+// Compares the conversion of a pair of Cursor-on-Target events with the minimum that any conversion must do: copy both
+// texts, find their ends, read their twenty numbers, allocate the packet's buffer and compute the packet's sum.
 #include <benchmark/benchmark.h>
 #include <stdlib.h>
 #include <string.h>
@@ -39,7 +39,7 @@ class Converter {
     FreeCoT2KLVConvert(&m_hConv);
     _g_pGrid = nullptr;
   }
-  // The packet, when the event completes one.
+  // The packet, if the event completes one.
   MDATA_BUFFER* Convert(const std::string& text) {
     MDATA_BUFFER* pBuffer = nullptr;
     ConvertCoT2KLV(m_hConv, reinterpret_cast<const BYTE*>(text.data()), static_cast<int>(text.size()), &pBuffer);

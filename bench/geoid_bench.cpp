@@ -1,4 +1,4 @@
-// Loading of the geoid grid, against a loop of "%f" scans over the same file, which is made for the run and stands for
+// Compares loading the geoid grid with a loop of "%f" scans over the same file, which is made for the run and replaces
 // the installed one. The load must be at least ten times faster.
 #include <benchmark/benchmark.h>
 #include <stdio.h>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// The grid as make_geoid_grid installs it, from PROJ's data. Made once, removed at the end.
+// The grid file that make_geoid_grid makes from PROJ's data. It is made once and removed at the end.
 class GridFile {
  public:
   GridFile() {
@@ -57,7 +57,7 @@ BENCHMARK(BM_ScanGrid)->Unit(benchmark::kMillisecond)->MinTime(1.0);
 
 }  // namespace
 
-// Every open of the installed grid's path goes to the temporary file: the linker wraps fopen.
+// The linker wraps fopen, so that every open of the installed grid's path opens the temporary file.
 extern "C" FILE* __real_fopen(const char* szPath, const char* szMode);
 extern "C" FILE* __wrap_fopen(const char* szPath, const char* szMode) {
   return __real_fopen(strcmp(szPath, kGridPath) == 0 ? File().Path() : szPath, szMode);

@@ -1,9 +1,9 @@
-// The receive road's inner loops, each against the least that any such code must do in the same run:
+// Compares the inner loops of the receive paths with the minimum that any such code must do, in the same run:
 //
-//   decoder    the stream cut and checked                floor: find each key, copy each message, sum it up
-//   scan       a pattern looked for in a stream          floor: memmem over the same bytes
-//   checksum   the running sum of a message              floor: read every byte once
-//   crc        the link's CRC bit by bit                 floor: the same with a table of 256 words
+//   decoder    extracts and checks messages              floor: find each key, copy each message, compute its sum
+//   scan       searches a stream for a pattern           floor: memmem over the same bytes
+//   checksum   computes the running sum of a message     floor: read every byte once
+//   crc        computes the link's CRC bit by bit        floor: the same with a table of 256 words
 #include <benchmark/benchmark.h>
 #include <string.h>
 
@@ -15,7 +15,7 @@
 
 namespace {
 
-// A stream of messages with the elements that a flight usually carries, checksums last.
+// Returns a stream of messages with the usual elements of a flight and checksums at the end.
 std::vector<BYTE> MakeStream(int nMessages) {
   std::vector<BYTE> stream;
   for (int n = 0; n < nMessages; n++) {
@@ -83,7 +83,7 @@ void Decoder(benchmark::State& state) {
   CountBytes(state, stream.size());
 }
 
-// Largest messages nested in each other, none of which is good: per byte received.
+// Measures the time per received byte of largest messages nested in each other, none of which is valid.
 void DecoderHostile(benchmark::State& state) {
   std::vector<BYTE> stream;
   while (stream.size() < 100000) {
@@ -105,7 +105,7 @@ void DecoderHostile(benchmark::State& state) {
 
 // --- Scan ------------------------------------------------------------------------------------------------
 
-// Bytes as they are in a stream: one in 64 begins a pattern that does not go on.
+// Returns bytes in which one in 64 begins a pattern that does not continue.
 std::vector<BYTE> MakeNoise() {
   std::vector<BYTE> noise(100000);
   UINT nState = 1;

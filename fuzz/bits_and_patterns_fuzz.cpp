@@ -1,5 +1,5 @@
-// Copies arbitrary bits and looks for arbitrary patterns, against slow code that does the same one bit, one byte at a
-// time.
+// Copies arbitrary bits and searches for arbitrary patterns, and compares the results with slow code that works bit by
+// bit and byte by byte.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>

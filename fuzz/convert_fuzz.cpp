@@ -1,6 +1,6 @@
-// Converts arbitrary bytes as Cursor-on-Target events: the input's first byte chooses the converter, the rest are events
-// divided by NUL, so that pairs are found too. Every packet made must be a whole local set with a right checksum, with
-// the stream header's reserve in front of it.
+// Converts arbitrary bytes as Cursor-on-Target events: the input's first byte selects the converter, the rest are
+// events divided by NUL, so that pairs are found too. Every packet made must be a whole local set with a right
+// checksum, with the stream header's reserve in front of it.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -40,7 +40,7 @@ void CheckPacket(const MDATA_BUFFER* pBuffer, int nResult) {
   Check((nSum & 0xFFFF) == pcPacket[nResult - 2] * 256u + pcPacket[nResult - 1]);
 }
 
-// A block of exactly the event's size, so that a read past its end is seen.
+// The event is copied to a block of exactly its size, so that a read past its end is detected.
 void Convert(HCONVERTER hConv, const std::vector<BYTE>& event) {
   MDATA_BUFFER* pBuffer = nullptr;
   const int nResult = ConvertCoT2KLV(hConv, event.data(), static_cast<int>(event.size()), &pBuffer);
@@ -66,7 +66,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pcData, size_t nSize) {
     AgeCoT2KLVSensors(hConv);
     pcEvent = pcNext == pcEnd ? pcEnd : pcNext + 1;
   }
-  Convert(hConv, {pcData, pcEnd});  // as one event, its NULs embedded
+  Convert(hConv, {pcData, pcEnd});  // converts all bytes as one event with embedded NULs
   MDATA_COT_STATS stats = {};
   GetCoT2KLVConvertStats(hConv, &stats);
   Check(stats.nDiscoveredSensorsCount >= 0 && stats.nDiscoveredSensorsCount <= MDATA_MAX_DISCOVERED_SENSORS);

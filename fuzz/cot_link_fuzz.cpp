@@ -1,5 +1,5 @@
-// Feeds arbitrary bytes to the serial Cursor-on-Target decoder in arbitrary pieces. Every byte is counted, and what is
-// delivered is never longer than what was fed.
+// Feeds arbitrary bytes to the serial Cursor-on-Target decoder in arbitrary pieces. Every byte must be counted, and the
+// decoder must not deliver more bytes than it was fed.
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -10,7 +10,7 @@
 namespace {
 
 size_t g_nDelivered = 0;
-volatile unsigned g_nSum = 0;  // so that every delivered byte is read
+volatile unsigned g_nSum = 0;  // makes sure that every delivered byte is read
 
 void OnMessage(MDATA_BUFFER* pBuff, void*) {
   unsigned nSum = 0;

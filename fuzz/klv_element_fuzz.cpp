@@ -1,4 +1,5 @@
-// Parses arbitrary bytes as one KLV element of every field size. What succeeds must lie where it says.
+// Parses arbitrary bytes as one KLV element of every field size. The fields of a parsed element must have the reported
+// positions and sizes.
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -24,7 +25,7 @@ void CheckElement(const std::vector<BYTE>& data, int nTagCode, int nLengthCode) 
   Check(info.nLength < 1 || nValueOffset < data.size());
   Check(info.nTotalSize == nValueOffset + static_cast<UINT32>(info.nLength));
   Check(nTagCode < 0 || nTagCode == 12 || info.nKeySize == static_cast<UINT32>(nTagCode));
-  // The same bytes with more behind them are the same element.
+  // The same bytes followed by more bytes must give the same element.
   std::vector<BYTE> longer = data;
   longer.push_back(0);
   KLV_INFO again = {};
@@ -35,7 +36,7 @@ void CheckElement(const std::vector<BYTE>& data, int nTagCode, int nLengthCode) 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pcData, size_t nSize) {
-  // A block of exactly the input's size, so that a read past its end is seen.
+  // The input is copied to a block of exactly its size, so that a read past its end is detected.
   const std::vector<BYTE> data(pcData, pcData + nSize);
   for (const int nTagCode : kTagCodes)
     for (const int nLengthCode : kLengthCodes) CheckElement(data, nTagCode, nLengthCode);

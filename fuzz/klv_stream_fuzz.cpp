@@ -1,5 +1,5 @@
-// Feeds arbitrary bytes to the KLV stream decoder in arbitrary pieces, sometimes after a pause. Every byte is counted,
-// every message delivered is as long as its own length field says, and none is longer than what was fed.
+// Feeds arbitrary bytes to the KLV stream decoder in arbitrary pieces, sometimes after a pause. Every byte must be
+// counted, and every delivered message must have the length in its own length field, but no more bytes than were fed.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>

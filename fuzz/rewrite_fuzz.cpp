@@ -1,6 +1,6 @@
 // Rewrites arbitrary bytes as a UAS Local Set under an arbitrary configuration, with tags of one byte and with BER-OID
-// tags. Every message made must be a whole
-// message with a right checksum, in the shortest length form, with the stream header's reserve in front of it.
+// tags. Every message made must be complete, with a correct checksum, in the shortest length form, and with the
+// reserved bytes of the stream header in front of it.
 #include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
@@ -13,7 +13,7 @@
 
 namespace {
 
-// Takes the configuration from the front of the input; zeroes when it is used up.
+// Reads the configuration from the front of the input. Returns zeroes at the end of the input.
 class Input {
  public:
   Input(const uint8_t* pcData, size_t nSize) : m_pcData(pcData), m_nSize(nSize) {}
@@ -70,7 +70,7 @@ void CheckMessage(const MDATA_BUFFER* pBuffer, int nNewSize) {
   const int nHeaderSize = nBody - 1 <= 127 ? 17 : nBody - 2 <= 255 ? 18 : 19;
   const BYTE* pcChecksum = pBuffer->pcData + nNewSize - 4;
   Check(pcChecksum[0] == UAS_CHECKSUM_TAG && pcChecksum[1] == 2);
-  if (nNewSize > 0xFFFF) return;  // more than the checksum function takes in one call
+  if (nNewSize > 0xFFFF) return;  // longer than the checksum function accepts in one call
   Check(CalcKlvChecksum16(pBuffer->pcData, static_cast<WORD>(nNewSize - 2)) == ((pcChecksum[2] << 8) | pcChecksum[3]));
   (void)ValidateUASLocalDataSet(pBuffer->pcData, nNewSize, nHeaderSize);
 }
@@ -81,7 +81,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pcData, size_t nSize) {
   Input in(pcData, nSize);
   Source pSource = MakeSource(in);
   const int nHeaderSize = 17 + in.Byte() % 3;
-  // A block of exactly the message's size, so that a read past its end is seen.
+  // The message is copied to a block of exactly its size, so that a read past its end is detected.
   std::vector<BYTE> message = in.Rest();
   const int nUAVSize = static_cast<int>(message.size());
   MDATA_BUFFER* pBuffer = nullptr;

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
-"""Checks of the library's source that no compiler makes.
+"""Checks the library's source for rules that no compiler checks.
 
 - a function has at most 60 lines;
-- the literal of a log call stands in one piece;
+- the literal of a log call is in one piece;
 - no goto;
 - no unfinished marks.
 """

@@ -1,4 +1,4 @@
-# Shared by the scripts: where things are, and what they need. Sourced, not run.
+# The scripts source this file. It holds the places of files and the installation of packages.
 set -euo pipefail
 
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
@@ -11,13 +11,13 @@ die() {
   exit 1
 }
 
-# Installs what packaging/debian-packages.txt names and the machine lacks.
+# Installs the packages of packaging/debian-packages.txt that the machine lacks.
 install_packages() {
   # shellcheck disable=SC2046
   install_missing $(grep -v '^#' "$root/packaging/debian-packages.txt")
 }
 
-# install_missing PACKAGE...: installs those that the machine lacks.
+# install_missing PACKAGE... installs the packages that the machine lacks.
 install_missing() {
   local missing=() package
   for package in "$@"; do
@@ -30,14 +30,14 @@ install_missing() {
   DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
 }
 
-# sources FOLDER: the C and C++ files below it, sorted. A tree that came as an archive has no .git to ask, and a bare
-# machine has no git: what is generated stands in build/ and out/, and all else is source.
+# sources FOLDER prints the C and C++ files below the folder, sorted. It does not use git, because a tree from an archive
+# has no .git and a bare machine has no git: generated files are in build/ and out/, and all other files are sources.
 sources() {
   find "$1" \( -name '.?*' -o -path ./build -o -path ./out \) -prune -o \
     -type f \( -name '*.cpp' -o -name '*.h' -o -name '*.c' \) -print | sed 's|^\./||' | sort
 }
 
-# build PRESET [TARGET...]: configures and builds into build/PRESET, quietly unless it fails.
+# build PRESET [TARGET...] configures and builds into build/PRESET, and prints the log only if it fails.
 build() {
   local preset=$1 log
   shift
@@ -54,7 +54,7 @@ build() {
   }
 }
 
-# Makes the EGM96 grid file from Debian's proj-data with our own tool.
+# Makes the EGM96 grid file from Debian's proj-data with make_geoid_grid.
 install_grid() {
   [ -s "$grid" ] && return 0
   "$root/build/$1/tools/make_geoid_grid" --output "$grid"

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints the lines and branches of a gcovr summary, a row for each source file and a sum for each folder."""
+"""Prints the lines and branches of a gcovr summary, with a row for each source file and a sum for each folder."""
 import json
 import os
 import sys

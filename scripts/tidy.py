@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""clang-tidy over sources, as build/tidy/compile_commands.json compiles them.
+"""Runs clang-tidy over sources, with the commands of build/tidy/compile_commands.json.
 
     tidy.py SOURCE...
 
-A source that was clean is not looked at again until something changes that its result depends on: its preprocessed
-text with all comments, how it is compiled, or the checks. What is known to be clean stands in build/tidy/clean/.
+A source that was clean is not checked again until something changes that its result depends on: its preprocessed text
+with all comments, its compile command, or the checks. Marks of clean sources are kept in build/tidy/clean/.
 """
 import concurrent.futures
 import hashlib
@@ -22,7 +22,7 @@ TIDY = "clang-tidy-14"
 
 
 def preprocessed(entry):
-    """The text that the compiler sees, comments included, because they hold the exceptions from checks."""
+    """Returns the text that the compiler sees, including comments, because they hold the exceptions from checks."""
     arguments = shlex.split(entry["command"])
     compiler = next(i for i, argument in enumerate(arguments) if "clang" in pathlib.Path(argument).name)
     arguments = arguments[compiler:]
@@ -46,7 +46,7 @@ def key(source, entry):
 
 
 def check(source, entry):
-    """What clang-tidy says about a source, nothing when it is clean."""
+    """Returns the output of clang-tidy for a source, or nothing if it is clean."""
     try:
         mark = CLEAN / key(source, entry)
     except subprocess.CalledProcessError as error:
