@@ -1,4 +1,4 @@
-// What docs/integration.md tells encoders beside the interface, where no road's own tests show it.
+// Tests of statements in docs/integration.md that the tests of the paths do not cover.
 #include <netinet/in.h>
 
 #include "builders.h"
@@ -34,7 +34,7 @@ class IntegrationPageTest : public EngineTest {
 
 // --- Datagrams above 1500 bytes --------------------------------------------------------------------------
 
-TEST_F(IntegrationPageTest, LongKLVDatagramIsDeliveredCutAndUnfiltered) {
+TEST_F(IntegrationPageTest, LongKLVDatagramIsDeliveredTruncatedAndUnfiltered) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig();
   config.bFilterUASTags = TRUE;
@@ -49,7 +49,7 @@ TEST_F(IntegrationPageTest, LongKLVDatagramIsDeliveredCutAndUnfiltered) {
             Bytes(message.begin(), message.begin() + 1500));
 }
 
-TEST_F(IntegrationPageTest, LongCoTDatagramIsCountedAndRelayedCutAndGone) {
+TEST_F(IntegrationPageTest, LongCoTDatagramIsCountedRelayedTruncatedAndDropped) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig(MDATA_DATA_COT);
   AddRelay(config);
@@ -102,9 +102,9 @@ TEST_F(IntegrationPageTest, HopLimitAndTrafficClassOfIPv6AreFollowedToIPv4) {
   EXPECT_TRUE(tos);
 }
 
-// --- Without memory --------------------------------------------------------------------------------------
+// --- Out of memory --------------------------------------------------------------------------------------
 
-TEST_F(IntegrationPageTest, WithoutMemoryForTheRewritingAMessageGoesOnAsReceived) {
+TEST_F(IntegrationPageTest, MessageIsDeliveredAsReceivedIfItsRewritingRunsOutOfMemory) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig();
   config.bFilterUASTags = TRUE;
@@ -120,7 +120,7 @@ TEST_F(IntegrationPageTest, WithoutMemoryForTheRewritingAMessageGoesOnAsReceived
   EXPECT_EQ(m_source->KLVStats.nAddedMissionIDs, 0u);
 }
 
-TEST_F(IntegrationPageTest, WithoutMemoryADatagramIsRelayedAndNotCounted) {
+TEST_F(IntegrationPageTest, DatagramIsRelayedAndNotCountedIfOutOfMemory) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig();
   strcpy(config.szMissionID, "MISSION");
@@ -136,7 +136,7 @@ TEST_F(IntegrationPageTest, WithoutMemoryADatagramIsRelayedAndNotCounted) {
   EXPECT_EQ(m_source->HeaderSequence, 0);
 }
 
-TEST_F(IntegrationPageTest, WithoutMemoryASerialMessageIsCountedAndGone) {
+TEST_F(IntegrationPageTest, SerialMessageIsCountedAndDroppedIfOutOfMemory) {
   Start();
   MDATA_SRC_CFG config = SerialConfig();
   AddRelay(config);
@@ -180,7 +180,7 @@ TEST_F(IntegrationPageTest, AllItemsOptionIsReadOnlyWithCoTSupport) {
 
 // --- A wall clock that is set back -----------------------------------------------------------------------
 
-TEST_F(IntegrationPageTest, ClockSetBackHoldsTheShortMessageLineBackForTheStep) {
+TEST_F(IntegrationPageTest, ClockSetBackSuppressesTheShortMessageLineForTheStep) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig();
   strcpy(config.szMissionID, "MISSION");
@@ -201,7 +201,7 @@ TEST_F(IntegrationPageTest, ClockSetBackHoldsTheShortMessageLineBackForTheStep) 
   ExpectLog(4, line);
 }
 
-TEST_F(IntegrationPageTest, ClockSetBackHoldsTheRelayLineBackForTheStep) {
+TEST_F(IntegrationPageTest, ClockSetBackSuppressesTheRelayLineForTheStep) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig();
   AddRelay(config);
@@ -222,7 +222,7 @@ TEST_F(IntegrationPageTest, ClockSetBackHoldsTheRelayLineBackForTheStep) {
   ExpectLogContaining(3, "Failed to relay");
 }
 
-TEST_F(IntegrationPageTest, ClockSetBackHoldsTheInvalidMessageLineBackForTheStep) {
+TEST_F(IntegrationPageTest, ClockSetBackSuppressesTheInvalidMessageLineForTheStep) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig();
   strcpy(config.szMissionID, "MISSION");

@@ -1,4 +1,4 @@
-// Start, shut-down, the metadata thread and the hand-shake with it.
+// Tests of initialisation, shut-down, the metadata thread and the hand-shake with it.
 #include "converter.h"
 #include "engine_test.h"
 #include "misb0601_tools.h"
@@ -34,7 +34,7 @@ TEST_F(InitTest, ReadsTheOptionOfExtendedTagsWithAndWithoutCoT) {
   _g_bExtendedTags = FALSE;
 }
 
-TEST_F(InitTest, MakesMailboxSetAndThread) {
+TEST_F(InitTest, CreatesMailboxSetAndThread) {
   Start(kIPv4);
   EXPECT_TRUE(g_bMetaDataLibInitialized);
   EXPECT_EQ(g_dwLibCaps, kIPv4);
@@ -52,7 +52,7 @@ TEST_F(InitTest, MakesMailboxSetAndThread) {
   ExpectLog(6, "Meta-data thread created successfully.\n");
 }
 
-TEST_F(InitTest, WithoutIPCapabilityAssertsAndCarriesOn) {
+TEST_F(InitTest, MissingIPCapabilityAssertsAndInitContinues) {
   Start(0);
   ExpectAssertion("(dwCaps & METADATALIB_CAPS_IPV4_SUPPORT) || (dwCaps & METADATALIB_CAPS_IPV6_SUPPORT)");
   EXPECT_TRUE(host().ThreadRuns());
@@ -100,7 +100,7 @@ TEST_F(InitTest, ThreadCreationFailureClosesTheMailboxAndLeavesTheSet) {
   WaitCond_Destroy(&_g_MetaDataThreadCond);
 }
 
-TEST_F(InitTest, MailboxThatCannotBeWatchedEndsItLikeAFailedThreadCreation) {
+TEST_F(InitTest, MailboxThatCannotBeAddedToTheSetFailsLikeThreadCreation) {
   host().FailNext("__FDMGR_AddReadFD");
   EXPECT_FALSE(METADATALIB_Init(kIPv4));
   ExpectLog(3, "Unable to add mailbox to file descriptor set of meta-data thread.\n");
@@ -144,7 +144,7 @@ TEST_F(InitTest, SecondInitAfterShutdownAssertsAndWorks) {
   EXPECT_TRUE(host().SelectInterval().has_value() || (host().Pass(), host().SelectInterval().has_value()));
 }
 
-TEST_F(InitTest, SecondInitWhileTheLibraryRunsAssertsAndTouchesNothing) {
+TEST_F(InitTest, SecondInitWhileTheLibraryRunsAssertsAndChangesNothing) {
   StartWithCoT();
   const HMDATASRC source = Open(VideoConfig(1));
   host().ClearLogs();
@@ -182,7 +182,7 @@ TEST_F(InitTest, SecondInitWhileTheLibraryRunsAssertsAndTouchesNothing) {
   Close(source);
 }
 
-TEST_F(InitTest, WhileAThreadThatCouldNotBeStoppedRunsItIsRefused) {
+TEST_F(InitTest, IsRefusedWhileAThreadThatCouldNotBeStoppedRuns) {
   Start();
   host().FailNext("__MBOX_AllocMessage");
   METADATALIB_Shutdown();
@@ -231,11 +231,11 @@ TEST_F(ShutdownTest, StuckThreadLogsAssertsAndStillJoins) {
   EXPECT_EQ(host().Calls("WaitForThread"), 1);
 }
 
-TEST_F(ShutdownTest, FailedSendIsRepeatedUntilTheMessageIsOut) {
+TEST_F(ShutdownTest, FailedSendIsRepeatedUntilItSucceeds) {
   Start();
   host().FailNext("MBOX_SendMessage", {.times = 3});
   Stop();
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");  // one line, however often
+  ExpectLog(3, "MBOX_SendMessage FAILED.\n");  // the line is written once, however often the send fails
   ExpectLog(6, "Waiting for metadata source thread semaphore.\n");
   ExpectLog(6, "Wait successful.\n");
   EXPECT_EQ(host().Calls("MBOX_SendMessage"), 4);
@@ -244,7 +244,7 @@ TEST_F(ShutdownTest, FailedSendIsRepeatedUntilTheMessageIsOut) {
   EXPECT_EQ(host().Calls("MBOX_CloseMailBox"), 1);
 }
 
-TEST_F(ShutdownTest, MessageThatGoesOutAtTheVeryEndStillEndsTheThread) {
+TEST_F(ShutdownTest, MessageSentAtTheVeryEndStillEndsTheThread) {
   Start();
   host().FailNext("MBOX_SendMessage", {.times = 300});
   Stop();
@@ -256,7 +256,7 @@ TEST_F(ShutdownTest, MessageThatGoesOutAtTheVeryEndStillEndsTheThread) {
   EXPECT_EQ(host().Calls("MBOX_CloseMailBox"), 1);
 }
 
-TEST_F(ShutdownTest, MessageThatNeverGoesOutLeavesTheThreadAndAllItUses) {
+TEST_F(ShutdownTest, MessageThatIsNeverSentLeavesTheThreadAndAllItUses) {
   StartWithCoT();
   const long start = host().NowSeconds();
   host().FailNext("MBOX_SendMessage", {.times = 100000});
@@ -278,13 +278,13 @@ TEST_F(ShutdownTest, MessageThatNeverGoesOutLeavesTheThreadAndAllItUses) {
   float undulation = 1;
   EXPECT_EQ(calcul_undulation(0, 0, &undulation), 0) << "the grid stays loaded";
   EXPECT_FALSE(_g_bShutdownThread);
-  // The library still runs: a source opens, closes, and the next shut-down ends it.
+  // The library still runs: a source can be opened and closed, and the next shut-down ends it.
   Close(Open(NetworkConfig()));
   Stop();
   EXPECT_EQ(host().Calls("WaitForThread"), 1);
 }
 
-TEST_F(ShutdownTest, WithoutAMessageNeitherWaitsNorJoins) {
+TEST_F(ShutdownTest, NeitherWaitsNorJoinsIfTheMessageCannotBeAllocated) {
   Start();
   host().FailNext("__MBOX_AllocMessage");
   METADATALIB_Shutdown();
@@ -394,7 +394,7 @@ TEST_F(ThreadTest, AgesDiscoveredSensorsOncePerWallClockSecond) {
   MDATA_SRC_STATS stats = {};
   MetaData_GetSourceStats(source, &stats);
   ASSERT_EQ(stats.prot.CoT.nDiscoveredSensorsCount, 1);
-  // Several passes in one second age once.
+  // Several passes in one second age the sensors once.
   for (int second = 0; second < 10; ++second) {
     host().Advance(1000);
     host().SelectTimesOut();
@@ -496,13 +496,13 @@ TEST_F(VideoExtractorTest, FailedStartLinksTheSourceWithoutData) {
   EXPECT_TRUE(host().captureStops.empty());
 }
 
-TEST_F(VideoExtractorTest, ClosingASourceThatNeverStartedLeavesAnothersCapture) {
+TEST_F(VideoExtractorTest, ClosingASourceThatNeverStartedKeepsTheCaptureOfAnother) {
   Start();
   host().FailNext("KLVCAPTURE_Start");
-  const HMDATASRC deaf = Open(VideoConfig(1));
+  const HMDATASRC silent = Open(VideoConfig(1));
   ExpectLog(3, "Failed to start KLV capture.\n");
   const HMDATASRC receiving = Open(VideoConfig(1));
-  Close(deaf);
+  Close(silent);
   ExpectAssertion(kCountAboveZero);
   EXPECT_TRUE(host().captureStops.empty());
   EXPECT_EQ(_g_aVideoExtractors[1].nRefCount, 1);
@@ -510,7 +510,7 @@ TEST_F(VideoExtractorTest, ClosingASourceThatNeverStartedLeavesAnothersCapture) 
   EXPECT_EQ(host().captureStops, std::vector<int>{1});
 }
 
-TEST_F(VideoExtractorTest, SourcesClosedAfterTheShutdownGiveTheirCaptureBack) {
+TEST_F(VideoExtractorTest, SourcesClosedAfterTheShutdownReleaseTheirCapture) {
   Start();
   const HMDATASRC first = Open(VideoConfig(2));
   const HMDATASRC second = Open(VideoConfig(2));
@@ -535,14 +535,14 @@ TEST_F(VideoExtractorTest, SourcesClosedAfterTheShutdownGiveTheirCaptureBack) {
   EXPECT_EQ(m_encoder.messages.size(), 1u);
 }
 
-TEST_F(VideoExtractorTest, SourceThatNeverStartedTakesNothingAfterTheShutdownEither) {
+TEST_F(VideoExtractorTest, SourceThatNeverStartedReleasesNothingAfterTheShutdown) {
   Start();
   host().FailNext("KLVCAPTURE_Start");
-  const HMDATASRC deaf = Open(VideoConfig(1));
+  const HMDATASRC silent = Open(VideoConfig(1));
   ExpectLog(3, "Failed to start KLV capture.\n");
   const HMDATASRC receiving = Open(VideoConfig(1));
   Stop();
-  Close(deaf);
+  Close(silent);
   ExpectAssertion(kCountAboveZero);
   EXPECT_EQ(_g_aVideoExtractors[1].nRefCount, 1);
   EXPECT_TRUE(host().captureStops.empty());
@@ -578,7 +578,7 @@ TEST_F(VideoExtractorTest, UnknownTypesAssertInTheThread) {
 
 class HandshakeTest : public EngineTest {
  protected:
-  // Opens while the thread does not run: the wait times out, the source counts as open.
+  // Opens a source while the thread does not run: the wait times out, and the source counts as open.
   HMDATASRC OpenWhileStuck(const MDATA_SRC_CFG& config) {
     host().HoldThread(true);
     HMDATASRC source = nullptr;
@@ -601,14 +601,14 @@ class HandshakeTest : public EngineTest {
     host().PassUntilIdle();
   }
 
-  // Queues the event that ends the thread, ahead of everything that is sent from now on.
+  // Queues the event that ends the thread before all messages that are sent from now on.
   void EndTheThreadWithItsNextMessage() {
     HMBOXMSG message = __MBOX_AllocMessage(0, "test", "test", 1);
     MBOX_GetMessageHeader(message)->dwEventID = EVENTID_SHUTDOWN_THREAD;
     ASSERT_TRUE(MBOX_SendMessage(_g_hMetaDataThreadMBox, message, 0));
   }
 
-  // No post is left that a later wait could take for its own.
+  // Checks that no post is left that a later wait could consume.
   void ExpectPostsInOrder() { EXPECT_EQ(host().outstandingPosts, _g_nStrayPosts); }
 };
 
@@ -625,7 +625,7 @@ TEST_F(HandshakeTest, OpenAndCloseWaitFiveSecondsAtMost) {
   EXPECT_EQ(host().outstandingPosts, 0);
 }
 
-TEST_F(HandshakeTest, TimedOutAddIsCarriedOutLater) {
+TEST_F(HandshakeTest, TimedOutAddIsExecutedLater) {
   Start();
   const HMDATASRC source = OpenWhileStuck(NetworkConfig());
   ASSERT_NE(source, nullptr);
@@ -673,7 +673,7 @@ TEST_F(HandshakeTest, AddAndRemoveThatBothTimedOutAreBothFinished) {
   ExpectPostsInOrder();
 }
 
-TEST_F(HandshakeTest, FailedSendOfAnAddLeavesADeafSource) {
+TEST_F(HandshakeTest, FailedSendOfAnAddLeavesASourceThatReceivesNothing) {
   Start();
   host().FailNext("MBOX_SendMessage");
   HMDATASRC source = nullptr;
@@ -760,7 +760,7 @@ TEST_F(HandshakeTest, SweepWaitsForAnAddThatIsStillQueued) {
   ExpectPostsInOrder();
 }
 
-TEST_F(HandshakeTest, WhatTheThreadLeavesQueuedIsFinishedByShutdown) {
+TEST_F(HandshakeTest, AddsTheThreadLeavesQueuedAreFinishedByShutdown) {
   Start();
   EndTheThreadWithItsNextMessage();
   const HMDATASRC first = OpenWhileStuck(NetworkConfig(MDATA_DATA_KLV, 5001));

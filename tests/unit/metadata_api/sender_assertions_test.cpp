@@ -1,5 +1,5 @@
-// Which assertions a sender can raise. docs/integration.md lists them for encoders; here each one is raised, and random
-// messages on every road raise no other.
+// Tests of the assertions that a sender can raise. docs/integration.md lists them for encoders; the tests raise each of
+// them, and check that random messages on every path raise no other.
 #include <cstdlib>
 #include <fstream>
 #include <functional>
@@ -13,10 +13,10 @@
 
 namespace {
 
-// Text and module of an assertion.
+// The text and the module of an assertion.
 using Raised = std::set<std::pair<std::string, std::string>>;
 
-// The rows "| `text` | `module` | ..." below the heading, up to the next one.
+// Reads the rows "| `text` | `module` | ..." between the heading and the next one.
 Raised Documented() {
   std::ifstream page(METADATA_DOCS_DIR "/integration.md");
   EXPECT_TRUE(page) << "the page for encoders is missing";
@@ -51,7 +51,7 @@ class SenderAssertionTest : public EngineTest {
     StartWithCoT();
   }
 
-  // Claims everything so far and says which assertions were in it.
+  // Claims all lines and assertions so far, and returns the assertions.
   Raised Take() {
     Raised raised;
     for (const Assertion& assertion : host().Assertions()) {
@@ -86,7 +86,7 @@ class SenderAssertionTest : public EngineTest {
   }
   static void InsertLongestMissionID(MDATA_SRC_CFG& config) { memset(config.szMissionID, 'M', 127); }
 
-  // A source of its own for the messages; what they raised.
+  // Feeds the messages to a new source, and returns the assertions that they raised.
   Raised RaisedBy(const MDATA_SRC_CFG& config, const std::vector<Bytes>& messages) {
     const HMDATASRC source = Open(config);
     for (const Bytes& message : messages) Feed(source, message);
@@ -99,7 +99,7 @@ class SenderAssertionTest : public EngineTest {
 
 // --- Each of them --------------------------------------------------------------------------------------
 
-TEST_F(SenderAssertionTest, ListOfTheDocumentsIsWhatSendersRaise) {
+TEST_F(SenderAssertionTest, DocumentedListMatchesTheAssertionsThatSendersRaise) {
   Raised all;
   const auto expect = [&](const Raised& raised, const std::string& text, const std::string& module) {
     EXPECT_EQ(raised, (Raised{{text, module}}));
@@ -163,7 +163,7 @@ class RandomSenderTest : public SenderAssertionTest {
     }
     return body;
   }
-  // Mostly readable, often not: any designator, any length form, wrong checksums, flipped bytes.
+  // Most messages are readable, the others have any designator, any length form, wrong checksums or flipped bytes.
   Bytes Message() {
     UasMessage message;
     message.Raw(Elements(30));

@@ -1,4 +1,4 @@
-// Opening and closing sources: what is checked, made, logged and released for each kind.
+// Tests of opening and closing sources: checks, resources, log lines and release for each kind.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,7 +9,7 @@
 
 namespace {
 
-// Lines of an opening that failed.
+// Claims the lines of a failed opening.
 void ExpectRefused() {
   ExpectLog(6, "Not sending message, _g_bUsingInternalThread=1, bRetCode=0.\n");
   ExpectLog(6, "Returning FALSE.\n");
@@ -17,14 +17,14 @@ void ExpectRefused() {
 
 class SourceTest : public EngineTest {
  protected:
-  // A call that fails and leaves the caller's handle alone.
+  // Checks that the call fails and leaves the caller's handle unchanged.
   void ExpectOpenFails(const MDATA_SRC_CFG& config) {
     HMDATASRC source = nullptr;
     EXPECT_FALSE(MetaData_OpenSource(&config, &source));
     EXPECT_EQ(source, nullptr);
   }
 
-  // Everything the fake gave out is closed again.
+  // Checks that every descriptor of the fake host is closed again.
   static void ExpectAllClosed(const std::string& kind) {
     for (int fd : host().FDsOfKind(kind)) EXPECT_TRUE(host().FD(fd).closed) << kind << " " << fd;
   }
@@ -80,7 +80,7 @@ TEST_F(OpenTest, RecordIsFilledFromTheConfiguration) {
   ExpectLog(6, "Returning TRUE.\n");
 }
 
-TEST_F(OpenTest, TextsWithoutAnEndAreEndedInTheRecord) {
+TEST_F(OpenTest, UnterminatedTextsAreTerminatedInTheRecord) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig(MDATA_DATA_COT);
   memset(config.szMissionID, 'M', sizeof(config.szMissionID));
@@ -98,7 +98,7 @@ TEST_F(OpenTest, TextsWithoutAnEndAreEndedInTheRecord) {
   EXPECT_NE(source->pSecurityMDataSet, nullptr);
 }
 
-TEST_F(OpenTest, WithoutMemoryForTheRecordItFails) {
+TEST_F(OpenTest, FailsIfTheRecordCannotBeAllocated) {
   Start();
   for (const MDATA_SRC_CFG& config : {SerialConfig(), NetworkConfig(), VideoConfig()}) {
     host().FailNext("calloc");
@@ -107,7 +107,7 @@ TEST_F(OpenTest, WithoutMemoryForTheRecordItFails) {
   }
 }
 
-TEST_F(OpenTest, WithoutMemoryForTheMessageItFailsSilentlyAndReleasesAll) {
+TEST_F(OpenTest, FailsSilentlyAndReleasesAllIfTheMessageCannotBeAllocated) {
   Start();
   MDATA_SRC_CFG network = NetworkConfig(MDATA_DATA_KLV, 5000, 0);
   AddRelay(network);
@@ -164,7 +164,7 @@ TEST_F(OpenTest, RelaySocketsAreReleasedWhenTheSourceIsRefused) {
   ExpectAllClosed("socket");
 }
 
-TEST_F(OpenTest, MissingRateCounterIsSurvivedAndAssertedAtTheEnd) {
+TEST_F(OpenTest, MissingRateCounterIsToleratedAndAssertedAtTheEnd) {
   Start();
   host().FailNext("__AllocCounterRateTable");
   const HMDATASRC source = Open(NetworkConfig());
@@ -208,7 +208,7 @@ TEST_F(OpenSerialTest, CoTGetsItsDecoderAndConverter) {
   EXPECT_NE(source->hConverter, nullptr);
 }
 
-TEST_F(OpenSerialTest, CoTWithoutSupportOpensDeaf) {
+TEST_F(OpenSerialTest, CoTWithoutSupportOpensAndReceivesNothing) {
   Start();
   const HMDATASRC source = Open(SerialConfig(MDATA_DATA_COT));
   ExpectAssertion("0");
@@ -217,12 +217,12 @@ TEST_F(OpenSerialTest, CoTWithoutSupportOpensDeaf) {
   EXPECT_EQ(source->pfnSetStatsHandler, nullptr);
   EXPECT_EQ(source->pvDecodeCtxt, nullptr);
   EXPECT_EQ(source->hConverter, nullptr);
-  // What arrives is read and dropped.
+  // Arriving data is read and dropped.
   host().FeedSerial(source->iFD, Bytes(48, 1));
   host().PassUntilIdle();
   ExpectLog(7, "read successfully 48 bytes from serial port.\n");
   EXPECT_TRUE(m_encoder.messages.empty());
-  // Statistics assert and do nothing.
+  // The statistics calls assert and do nothing.
   MDATA_SRC_STATS stats = {};
   stats.nRxBytes = 77;
   EXPECT_TRUE(MetaData_ResetSourceStats(source));
@@ -346,7 +346,7 @@ TEST_F(OpenNetworkTest, OneSocketIsEnough) {
   EXPECT_EQ(other->iFD, -1);
 }
 
-TEST_F(OpenNetworkTest, WithoutAnySocketItFails) {
+TEST_F(OpenNetworkTest, OpeningFailsWithoutAnySocket) {
   Start();
   host().FailNext("CreateUDPv6RxSocket");
   host().FailNext("CreateUDPRxSocket");
@@ -356,7 +356,7 @@ TEST_F(OpenNetworkTest, WithoutAnySocketItFails) {
   ExpectRefused();
 }
 
-TEST_F(OpenNetworkTest, IPv6SocketIsToldWhatToReport) {
+TEST_F(OpenNetworkTest, IPv6SocketIsCreatedToReportWhatRelaysFollow) {
   Start();
   const struct {
     int ttl;
@@ -382,7 +382,7 @@ TEST_F(OpenNetworkTest, FailedDetectionSwitchAssertsAndOpens) {
   ExpectAssertion("_EnableTTLTOSDetectionIfNeeded(pHandle)");
 }
 
-TEST_F(OpenNetworkTest, SecondSourceOnAPortFailsWithoutAMessage) {
+TEST_F(OpenNetworkTest, SecondSourceOnAPortFailsWithoutALineAboveLevelSix) {
   StartWithCoT();
   Open(NetworkConfig(MDATA_DATA_KLV, 5000, AF_INET));
   host().ClearLogs();
@@ -439,7 +439,7 @@ TEST_F(OpenNetworkTest, BadCountryOpensWithoutInserts) {
   host().ClearLogs();
 }
 
-TEST_F(OpenNetworkTest, WithoutMemoryForTheMissionIdentifierTheSecuritySetGoesToo) {
+TEST_F(OpenNetworkTest, SecuritySetIsDroppedIfTheMissionIdentifierRunsOutOfMemory) {
   Start();
   MDATA_SRC_CFG config = NetworkConfig();
   config.bClassifyMission = TRUE;
@@ -595,7 +595,7 @@ TEST_F(CaptureFileTest, PlantedLinkIsNotFollowed) {
   EXPECT_EQ(host().ReadFile("/tmp/precious.txt"), "keep");
 }
 
-TEST_F(CaptureFileTest, PlantedPipeNeitherBlocksNorIsWrittenTo) {
+TEST_F(CaptureFileTest, PlantedPipeNeitherBlocksNorIsWritten) {
   Start();
   host().PlantFifo("/tmp/rawudp_5000.txt");
   const int reader = open("/tmp/rawudp_5000.txt", O_RDONLY | O_NONBLOCK);
@@ -608,7 +608,7 @@ TEST_F(CaptureFileTest, PlantedPipeNeitherBlocksNorIsWrittenTo) {
   EXPECT_EQ(Open(config)->CaptureFP, nullptr) << "without a reader either";
 }
 
-// A name under /tmp that holds a file of a kind which is not ours to write to, and what every capture makes of it.
+// A name under /tmp that holds a file which the library must not write, and the expected result of every capture.
 struct PlantedFile {
   const char* name;
   void (*plant)(const std::string& path);
@@ -620,7 +620,7 @@ class PlantedCaptureTest : public CaptureFileTest, public ::testing::WithParamIn
                                            "/tmp/rawhdsdi.txt"};
 };
 
-TEST_P(PlantedCaptureTest, StaysAsItIsAndTheSourceWorksWithoutCapture) {
+TEST_P(PlantedCaptureTest, StaysUnchangedAndTheSourceWorksWithoutCapture) {
   Start();
   for (const char* path : kFiles) GetParam().plant(path);
   MDATA_SRC_CFG configs[] = {NetworkConfig(), SerialConfig(), VideoConfig(0)};
@@ -647,7 +647,8 @@ INSTANTIATE_TEST_SUITE_P(Kinds, PlantedCaptureTest,
                                                          host().WriteFile(path, "keep");
                                                          const bool given =
                                                              chown(host().RealPath(path).c_str(), 65534, 65534) == 0;
-                                                         // Who may not give files away pretends to be somebody else.
+                                                         // A process without the right to change owners acts as another
+                                                         // user.
                                                          if (!given) host().FailNext("geteuid", {.result = 65534});
                                                        }},
                                            PlantedFile{"FileWithASecondName",
@@ -673,7 +674,7 @@ TEST_F(CaptureFileTest, OnlyTheOwnerMayReadACapture) {
   }
 }
 
-TEST_F(CaptureFileTest, FileThatCannotBeEmptiedIsNotWrittenTo) {
+TEST_F(CaptureFileTest, FileThatCannotBeTruncatedIsNotWritten) {
   Start();
   host().WriteFile("/tmp/rawudp_5000.txt", "keep");
   host().FailNext("ftruncate", {.error = EPERM});
@@ -696,7 +697,7 @@ TEST_F(CaptureFileTest, ClosingAnySourceClosesTheXMLCapture) {
   Close(serial);
 }
 
-TEST_F(CaptureFileTest, FailedOpeningLeavesAnothersXMLCapture) {
+TEST_F(CaptureFileTest, FailedOpeningKeepsTheXMLCaptureOfAnotherSource) {
   Start();
   MDATA_SRC_CFG config = SerialConfig();
   config.bCaptureToDisk = TRUE;
@@ -750,7 +751,7 @@ TEST_F(CloseTest, MissingHandleAsserts) {
   ExpectAssertion("*phDataSrc != NULL");
 }
 
-TEST_F(CloseTest, WithoutAMessageTheSourceStaysOpen) {
+TEST_F(CloseTest, SourceStaysOpenIfTheMessageCannotBeAllocated) {
   Start();
   HMDATASRC source = Open(NetworkConfig());
   host().FailNext("__MBOX_AllocMessage");
@@ -790,11 +791,11 @@ TEST_F(CloseTest, HandleAndPortSettingsStay) {
   Start();
   const HMDATASRC source = Open(SerialConfig());
   const int configured = host().Calls("ConfigureSerialPort");
-  Close(source);  // checks the handle
+  Close(source);  // checks that the handle is unchanged
   EXPECT_EQ(host().Calls("ConfigureSerialPort"), configured);
 }
 
-TEST_F(CloseTest, AfterShutdownTheSourceIsReleasedWithoutTheThread) {
+TEST_F(CloseTest, SourceIsReleasedWithoutTheThreadAfterTheShutdown) {
   Start();
   const HMDATASRC source = Open(NetworkConfig());
   Stop();
@@ -815,7 +816,7 @@ TEST_F(CloseTest, UnknownDataTypeAsserts) {
   FreeKlvDecodeContext(&context);
 }
 
-TEST_F(CloseTest, EveryKindReleasesAllItHeld) {
+TEST_F(CloseTest, EveryKindOfSourceReleasesEverything) {
   StartWithCoT();
   for (const MDATA_SRC_CFG& config : {SerialConfig(MDATA_DATA_KLV), SerialConfig(MDATA_DATA_COT),
                                       NetworkConfig(MDATA_DATA_KLV), NetworkConfig(MDATA_DATA_COT), VideoConfig()}) {
@@ -834,17 +835,17 @@ TEST_F(CloseTest, EveryKindReleasesAllItHeld) {
 
 // --- Closes that were given up --------------------------------------------------------------------------
 
-// Two messages fit into one serial read.
+// These two messages fit into one serial read.
 Bytes SmallMessage() {
   return UasMessage().Checksum().Build();
 }
 
-// Stands for the encoder's thread: from now on its close of the source counts as given up.
+// Acts as the encoder's thread: from now on the close of the source counts as given up.
 void GiveUp(HMDATASRC source) {
   __atomic_store_n(&source->nRemoveRequest, REQUEST_ABANDONED, __ATOMIC_RELEASE);
 }
 
-// A source of the test's own encoder, whose callback gives up other sources' closes.
+// A source whose callback gives up the closes of other sources.
 struct GivingUp {
   std::vector<HMDATASRC> victims;
   int calls = 0;
@@ -859,7 +860,7 @@ BOOL GiveUpInCallback(MDATA_BUFFER*, void* pvUserParam1, void*) {
 
 class GivenUpTest : public SourceTest {
  protected:
-  // Closes while the thread is stuck: the wait times out, and the message, if there is one, stays queued.
+  // Closes the source while the thread is stuck: the wait times out, and the message, if any, stays queued.
   void CloseWhileStuck(HMDATASRC source, bool sent) {
     Forget(source);
     if (!sent) host().FailNext("MBOX_SendMessage");
@@ -871,7 +872,7 @@ class GivenUpTest : public SourceTest {
     ExpectLogContaining(3, "Wait FAILED for source#7, errno (110)");
   }
 
-  // The thread's next pass finds another source's message first, so the source is still in the read set.
+  // The thread's next pass handles another source's message first, so that the source is still in the read set.
   void LetAnotherGoFirst() { CloseWhileStuck(Open(NetworkConfig(MDATA_DATA_KLV, 5999)), true); }
 
   static void Feed(HMDATASRC source, const Bytes& bytes) {
@@ -883,14 +884,14 @@ class GivenUpTest : public SourceTest {
       host().FeedCapture(source->Config.in.Video.enInputInterface, bytes, 1);
   }
 
-  std::vector<MDATA_SRC_CFG> EveryRoad() {
-    std::vector<MDATA_SRC_CFG> roads = {NetworkConfig(), NetworkConfig(MDATA_DATA_COT), SerialConfig(),
-                                        SerialConfig(MDATA_DATA_COT), VideoConfig()};
-    for (MDATA_SRC_CFG& config : roads) AddRelay(config);
-    return roads;
+  std::vector<MDATA_SRC_CFG> EveryPath() {
+    std::vector<MDATA_SRC_CFG> configs = {NetworkConfig(), NetworkConfig(MDATA_DATA_COT), SerialConfig(),
+                                          SerialConfig(MDATA_DATA_COT), VideoConfig()};
+    for (MDATA_SRC_CFG& config : configs) AddRelay(config);
+    return configs;
   }
 
-  // Nothing of the source was read, relayed, counted or delivered; what arrived for it is gone.
+  // Checks that no data of the source was relayed, counted or delivered, and that arrived data was dropped.
   void ExpectDropped(HMDATASRC source) {
     EXPECT_TRUE(m_encoder.messages.empty());
     EXPECT_EQ(source->HeaderSequence, 0);
@@ -908,9 +909,9 @@ class GivenUpTest : public SourceTest {
   }
 };
 
-TEST_F(GivenUpTest, TimedOutCloseDeliversNothingMoreOnAnyRoad) {
+TEST_F(GivenUpTest, TimedOutCloseDeliversNothingMoreOnAnyPath) {
   StartWithCoT();
-  for (const MDATA_SRC_CFG& config : EveryRoad()) {
+  for (const MDATA_SRC_CFG& config : EveryPath()) {
     SCOPED_TRACE(testing::Message() << "input " << config.enInputType << " data " << config.enDataType);
     const HMDATASRC source = Open(config);
     LetAnotherGoFirst();
@@ -926,9 +927,9 @@ TEST_F(GivenUpTest, TimedOutCloseDeliversNothingMoreOnAnyRoad) {
   }
 }
 
-TEST_F(GivenUpTest, UnsentCloseDeliversNothingMoreOnAnyRoad) {
+TEST_F(GivenUpTest, UnsentCloseDeliversNothingMoreOnAnyPath) {
   StartWithCoT();
-  for (const MDATA_SRC_CFG& config : EveryRoad()) {
+  for (const MDATA_SRC_CFG& config : EveryPath()) {
     SCOPED_TRACE(testing::Message() << "input " << config.enInputType << " data " << config.enDataType);
     const HMDATASRC source = Open(config);
     const int relay = source->Relayers[0].iRelaySocket;
@@ -943,7 +944,7 @@ TEST_F(GivenUpTest, UnsentCloseDeliversNothingMoreOnAnyRoad) {
   }
 }
 
-TEST_F(GivenUpTest, WhatArrivesMeanwhileIsTakenFromTheDescriptor) {
+TEST_F(GivenUpTest, DataThatArrivesMeanwhileIsReadAndDropped) {
   Start();
   const HMDATASRC network = Open(NetworkConfig(MDATA_DATA_KLV, 5000, 0));
   const HMDATASRC serial = Open(SerialConfig());
@@ -967,7 +968,7 @@ TEST_F(GivenUpTest, HungUpDeviceDoesNotMakeTheThreadSpin) {
   EXPECT_EQ(host().Calls("nanosleep"), 2);
 }
 
-TEST_F(GivenUpTest, CloseThatIsStillWaitedForDeliversAsEver) {
+TEST_F(GivenUpTest, SourceDeliversWhileItsCloseIsStillWaitedFor) {
   Start();
   const HMDATASRC source = Open(NetworkConfig());
   __atomic_store_n(&source->nRemoveRequest, REQUEST_PENDING, __ATOMIC_RELEASE);
@@ -985,7 +986,7 @@ TEST_F(GivenUpTest, RestOfASerialChunkIsDropped) {
   config.pvUserParam1 = &encoder;
   const HMDATASRC source = Open(config);
   encoder.victims = {source};
-  // The third message's key ends the second one in the decoder.
+  // The key of the third message ends the second message in the decoder.
   host().FeedSerial(source->iFD, SmallMessage() + SmallMessage() + SmallMessage());
   host().Pass();
   host().Pass();
@@ -993,7 +994,7 @@ TEST_F(GivenUpTest, RestOfASerialChunkIsDropped) {
   EXPECT_EQ(host().FD(source->Relayers[0].iRelaySocket).sent.size(), 1u);
 }
 
-TEST_F(GivenUpTest, OneOfSeveralSourcesOfAVideoInputIsLeftOut) {
+TEST_F(GivenUpTest, OneOfSeveralSourcesOfAVideoInputIsSkipped) {
   Start();
   GivingUp first;
   MDATA_SRC_CFG config = VideoConfig();
@@ -1016,12 +1017,12 @@ TEST_F(GivenUpTest, OneOfSeveralSourcesOfAVideoInputIsLeftOut) {
   EXPECT_EQ(m_encoder.messages.size(), 1u);
 }
 
-TEST_F(GivenUpTest, WhileTheHandlerWorksTheCallbackIsLeftOut) {
+TEST_F(GivenUpTest, CallbackIsSkippedIfTheCloseIsGivenUpDuringTheHandler) {
   Start();
   for (const MDATA_SRC_CFG& config : {NetworkConfig(), VideoConfig()}) {
     const HMDATASRC source = Open(config);
     Feed(source, WellFormedMessage());
-    // The copy for the encoder: the last of the handler's allocations.
+    // The copy for the encoder is the handler's last allocation.
     const int before = config.enInputType == MDATA_INPUT_VIDEO ? 1 : 0;
     host().WhenCalled(
         "calloc", [source] { GiveUp(source); }, before);

@@ -1,6 +1,6 @@
-// How much stack the library takes: on the threads that call it, and on the metadata thread. Both are painted, sent
-// through every call and every receive road with all log lines on, and read for the lowest byte that changed. The fake
-// host's services run on the same stacks and are in the figures.
+// Measures the stack use of the library on the threads that call it and on the metadata thread. The test fills both
+// stacks with a pattern, runs every call and every receive path with all log lines enabled, and looks for the lowest
+// byte that changed. The figures include the fake host's services, which run on the same stacks.
 #include <pthread.h>
 
 #include <cstdint>
@@ -26,11 +26,11 @@ using ::testing::Pair;
 
 constexpr BYTE kPaint = 0xA5;
 constexpr size_t kPainted = 256 * 1024;
-// Stated in docs/integration.md; not compared where a sanitizer inflates the stack.
+// The limits in docs/integration.md. They are not compared if a sanitizer inflates the stack.
 [[maybe_unused]] constexpr size_t kStatedForCalls = 24 * 1024;
 [[maybe_unused]] constexpr size_t kStatedForTheMetadataThread = 16 * 1024;
 
-// A stack for one thread, painted.
+// A stack for one thread, filled with the pattern.
 class PaintedStack {
  public:
   PaintedStack() : m_memory(static_cast<BYTE*>(aligned_alloc(4096, kPainted))) { memset(m_memory, kPaint, kPainted); }
@@ -38,7 +38,7 @@ class PaintedStack {
   PaintedStack(const PaintedStack&) = delete;
   PaintedStack& operator=(const PaintedStack&) = delete;
 
-  // Runs on a thread with this stack; the bytes it took.
+  // Runs the function on a thread with this stack. Returns the number of bytes used.
   size_t Run(const std::function<void()>& body) {
     pthread_attr_t attributes;
     pthread_attr_init(&attributes);
@@ -60,10 +60,10 @@ class PaintedStack {
   BYTE* m_memory;
 };
 
-// Paints the stack below its caller on the metadata thread, and finds later how far down it was used.
+// Fills the stack below its caller on the metadata thread with the pattern, and later finds how much of it was used.
 struct MetadataStack {
   BYTE* pcPainted = nullptr;  // kPainted bytes
-  size_t nAbove = 0;          // from their end to the thread's own start of the stack
+  size_t nAbove = 0;          // from their end to the start of the thread's stack
   size_t nUsed = 0;
 
   void Visit() {
@@ -93,7 +93,7 @@ struct MetadataStack {
   }
 };
 
-// Called on the metadata thread only, between passes of the test.
+// It is called only on the metadata thread, between passes of the test.
 MetadataStack g_stack;
 
 BOOL VisitingCallback(MDATA_BUFFER*, void*, void*) {
@@ -136,7 +136,7 @@ class StackTest : public EngineTest {
       m_configs.push_back(Busy(config));
   }
 
-  // Everything a source can be asked to do with a message.
+  // Configures every treatment of a message that a source supports.
   MDATA_SRC_CFG Busy(MDATA_SRC_CFG config, uintptr_t nNumber = 0) {
     config.pfnCallback = QuietCallback;
     config.pvUserParam1 = reinterpret_cast<void*>(nNumber);
@@ -157,7 +157,8 @@ class StackTest : public EngineTest {
     return config;
   }
 
-  // Opens, asks, resets, restores and closes every kind of source. The records are not on the measured stack.
+  // Opens and closes every kind of source, and reads, resets and restores its statistics. The records are not on the
+  // measured stack.
   void CallEverything() {
     const MDATA_SRC_CFG configs[] = {SerialConfig(), SerialConfig(MDATA_DATA_COT),
                                      NetworkConfig(MDATA_DATA_KLV, 5000, 0),
@@ -181,7 +182,7 @@ class StackTest : public EngineTest {
 
 constexpr DWORD kAllCaps = METADATALIB_CAPS_COT_SUPPORT | METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT;
 
-TEST_F(StackTest, CallsTakeNoMoreThanStated) {
+TEST_F(StackTest, CallsUseNoMoreStackThanDocumented) {
   const size_t nIdle = PaintedStack().Run([] {});
   const size_t nStart = PaintedStack().Run([this] { Start(kAllCaps); });
   const size_t nCalls = PaintedStack().Run([this] { CallEverything(); });
@@ -195,7 +196,7 @@ TEST_F(StackTest, CallsTakeNoMoreThanStated) {
 #endif
 }
 
-TEST_F(StackTest, ReceiveRoadsTakeNoMoreThanStated) {
+TEST_F(StackTest, ReceivePathsUseNoMoreStackThanDocumented) {
   Start(kAllCaps);
   MDATA_SRC_CFG probe = NetworkConfig(MDATA_DATA_KLV, 4000);
   probe.pfnCallback = VisitingCallback;

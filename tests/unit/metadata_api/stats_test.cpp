@@ -1,4 +1,4 @@
-// The statistics calls: what is read, reset and restored, and what is left alone.
+// Tests of the statistics calls: the fields that they read, reset and restore, and those that they leave unchanged.
 #include <algorithm>
 #include <atomic>
 #include <thread>
@@ -8,7 +8,7 @@
 
 namespace {
 
-// Every byte of a record that nobody filled.
+// The value of every byte that no call has filled.
 constexpr BYTE kUntouched = 0xEE;
 
 class StatsTest : public StartedEngineTest {
@@ -22,7 +22,7 @@ class StatsTest : public StartedEngineTest {
     const auto* bytes = reinterpret_cast<const BYTE*>(&field);
     return std::all_of(bytes, bytes + sizeof(field), [](BYTE byte) { return byte == kUntouched; });
   }
-  // Counters 1, 2, 3 and so on in every field that the calls know.
+  // Returns a record with the counters 1, 2, 3 and so on in every field that the calls use.
   static MDATA_SRC_STATS Numbered() {
     MDATA_SRC_STATS stats = {};
     stats.nRxBytes = 101;
@@ -103,7 +103,7 @@ TEST_F(GetStatsTest, CoTDecoderCountersAreRead) {
   EXPECT_EQ(m_stats.prot.CoT.nDiscoveredSensorsCount, 0);
 }
 
-TEST_F(GetStatsTest, WithoutInsertsTheLocalSetCountersStayTheCallers) {
+TEST_F(GetStatsTest, LocalSetCountersAreNotFilledWithoutInserts) {
   MDATA_SRC_CFG config = NetworkConfig();
   config.bFilterUASTags = TRUE;
   OpenSource(config);
@@ -135,14 +135,14 @@ TEST_F(GetStatsTest, NothingIsClearedFirst) {
   EXPECT_EQ(m_stats.nRxBytes, 0u);
 }
 
-TEST_F(GetStatsTest, SizeOfTheRecordIsNotTested) {
+TEST_F(GetStatsTest, SizeOfTheRecordIsNotChecked) {
   OpenSource(NetworkConfig());
   m_stats.nSize = 3;
   Get();
   EXPECT_EQ(m_stats.nSize, 3);
 }
 
-TEST_F(GetStatsTest, WithoutDetectionTheLastUpdatesStayTheCallers) {
+TEST_F(GetStatsTest, LastUpdatesAreNotFilledWithoutDetection) {
   MDATA_SRC_CFG config = NetworkConfig();
   AddRelay(config, {10, 0, 0, 1}, 5, 5);
   OpenSource(config);
@@ -157,7 +157,7 @@ TEST_F(GetStatsTest, WithoutDetectionTheLastUpdatesStayTheCallers) {
   EXPECT_TRUE(IsUntouched(m_stats.nLastTOSUpdateUpTimeInSecs));
 }
 
-TEST_F(GetStatsTest, DetectedValuesWithTheirTimes) {
+TEST_F(GetStatsTest, DetectedValuesAreReadWithTheirTimes) {
   OpenSource(Following(NetworkConfig()));
   Get();
   EXPECT_EQ(m_stats.iSrcTTL, -1) << "nothing arrived yet";
@@ -177,7 +177,7 @@ TEST_F(GetStatsTest, DetectedValuesWithTheirTimes) {
   EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 1003u);
 }
 
-TEST_F(GetStatsTest, LastSenderByItsFamily) {
+TEST_F(GetStatsTest, LastSenderIsReadByItsFamily) {
   OpenSource(NetworkConfig());
   for (BYTE i = 0; i < 16; ++i) m_source->acSourceAddress[i] = static_cast<BYTE>(i + 1);
   m_source->iSourceAddressFamily = AF_INET;
@@ -191,7 +191,7 @@ TEST_F(GetStatsTest, LastSenderByItsFamily) {
   EXPECT_EQ(memcmp(m_stats.in.Network.SourceAddress, m_source->acSourceAddress, 16), 0);
 }
 
-TEST_F(GetStatsTest, OtherSenderFamilyIsNone) {
+TEST_F(GetStatsTest, UnknownSenderFamilyGivesNoSender) {
   OpenSource(NetworkConfig());
   memset(m_source->acSourceAddress, 7, 16);
   for (const int family : {0, AF_UNIX, -1}) {
@@ -203,7 +203,7 @@ TEST_F(GetStatsTest, OtherSenderFamilyIsNone) {
   }
 }
 
-TEST_F(GetStatsTest, ConfiguredRelaysOnly) {
+TEST_F(GetStatsTest, OnlyConfiguredRelaysAreRead) {
   MDATA_SRC_CFG config = NetworkConfig();
   AddRelay(config);
   AddRelay(config);
@@ -221,7 +221,7 @@ TEST_F(GetStatsTest, ConfiguredRelaysOnly) {
   for (int i = 2; i < MDATA_MAX_RELAYS; ++i) EXPECT_TRUE(IsUntouched(m_stats.Relays[i]));
 }
 
-TEST_F(GetStatsTest, BitRateOrZero) {
+TEST_F(GetStatsTest, BitRateIsZeroIfItCannotBeRead) {
   OpenSource(NetworkConfig());
   host().rate = 1234;
   Get();
@@ -236,7 +236,7 @@ TEST_F(GetStatsTest, BitRateOrZero) {
 
 // --- Reset -----------------------------------------------------------------------------------------------
 
-TEST_F(ResetStatsTest, EverythingCountedIsZero) {
+TEST_F(ResetStatsTest, EveryCounterIsZeroed) {
   OpenSource(WithMissionID(Following(NetworkConfig())));
   const MDATA_SRC_STATS numbered = Numbered();
   EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
@@ -316,7 +316,7 @@ TEST_F(ResetStatsTest, CoTSourceResetsItsConverter) {
 
 // --- Set -------------------------------------------------------------------------------------------------
 
-TEST_F(SetStatsTest, WhatWasGivenIsReadBack) {
+TEST_F(SetStatsTest, GivenValuesAreReadBack) {
   MDATA_SRC_CFG config = WithMissionID(Following(NetworkConfig()));
   AddRelay(config);
   OpenSource(config);
@@ -335,7 +335,7 @@ TEST_F(SetStatsTest, WhatWasGivenIsReadBack) {
   EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 26u);
 }
 
-TEST_F(SetStatsTest, RelayCountersOfConfiguredRelaysOnly) {
+TEST_F(SetStatsTest, OnlyConfiguredRelaysGetCounters) {
   MDATA_SRC_CFG config = NetworkConfig();
   AddRelay(config);
   AddRelay(config);
@@ -394,7 +394,7 @@ TEST_F(SetStatsTest, ConverterGetsThreeCountersOnly) {
   EXPECT_EQ(m_stats.prot.CoT.nDiscoveredSensorsCount, 0) << "sensors are seen, not restored";
 }
 
-TEST_F(SetStatsTest, RateCounterGoesOn) {
+TEST_F(SetStatsTest, RateCounterContinues) {
   OpenSource(NetworkConfig());
   const MDATA_SRC_STATS numbered = Numbered();
   EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
@@ -407,7 +407,7 @@ TEST_F(SetStatsTest, RateCounterGoesOn) {
 
 // --- All three -------------------------------------------------------------------------------------------
 
-TEST_F(StatsTest, DeafSourceAssertsAndDoesNothing) {
+TEST_F(StatsTest, CoTSourceWithoutSupportAssertsAndDoesNothing) {
   OpenSource(SerialConfig(MDATA_DATA_COT));
   ExpectAssertion("0");
   MDATA_SRC_STATS numbered = Numbered();
@@ -423,7 +423,7 @@ TEST_F(StatsTest, DeafSourceAssertsAndDoesNothing) {
   host().ClearLogs();
 }
 
-// A source whose decode context found no memory: the calls say so and do everything that needs no context.
+// A source whose decode context could not be allocated: the calls report it and do everything that needs no context.
 class NoContextTest : public StatsTest {
  protected:
   void OpenWithoutContext(const MDATA_SRC_CFG& config) {
@@ -463,7 +463,7 @@ class NoContextTest : public StatsTest {
   }
 };
 
-TEST_F(NoContextTest, KLVSourceIsReadWithoutItsDecoder) {
+TEST_F(NoContextTest, StatisticsOfAKLVSourceAreReadWithoutItsDecoder) {
   OpenWithoutContext(WithMissionID(Following(NetworkConfig())));
   host().rate = 77;
   host().FeedDatagram(m_source->iFD, Bytes(40), {.from = "10.1.2.3", .ttl = 33, .tos = 0x48});
@@ -483,7 +483,7 @@ TEST_F(NoContextTest, KLVSourceIsReadWithoutItsDecoder) {
   EXPECT_EQ(m_stats.nBitRateInKbps, 77u);
 }
 
-TEST_F(NoContextTest, CoTSourceIsReadWithoutItsDecoder) {
+TEST_F(NoContextTest, StatisticsOfACoTSourceAreReadWithoutItsDecoder) {
   OpenWithoutContext(NetworkConfig(MDATA_DATA_COT));
   ASSERT_NE(m_source->hConverter, nullptr);
   m_source->nCoTConvertedKLVMessages = 7;
@@ -500,7 +500,7 @@ TEST_F(NoContextTest, CoTSourceIsReadWithoutItsDecoder) {
   EXPECT_EQ(m_stats.nBitRateInKbps, 0u);
 }
 
-TEST_F(NoContextTest, SetAndReadBackButTheDecodersCounters) {
+TEST_F(NoContextTest, EverythingButTheDecodersCountersIsSetAndReadBack) {
   OpenWithoutContext(WithMissionID(Following(NetworkConfig())));
   const MDATA_SRC_STATS numbered = Numbered();
   Set(numbered);
@@ -527,7 +527,7 @@ TEST_F(NoContextTest, SetReachesTheConverter) {
   EXPECT_EQ(m_stats.prot.CoT.nRxAirCraftMessages, 5u);
 }
 
-TEST_F(NoContextTest, ResetZeroesEverythingCounted) {
+TEST_F(NoContextTest, ResetZeroesEveryCounter) {
   OpenWithoutContext(WithMissionID(Following(NetworkConfig())));
   Set(Numbered());
   ResetStats();
@@ -563,7 +563,7 @@ TEST_F(NoContextTest, SerialSourceKeepsItsOtherStatistics) {
   EXPECT_EQ(m_source->KLVStats.nRxUASMessages, 0u);
 }
 
-// With CoT support it is memory that a serial CoT source lacks, not the support.
+// The library has CoT support; the serial CoT source only lacks memory.
 TEST_F(NoContextTest, SerialCoTSourceKeepsItsConvertersStatistics) {
   _g_bCoTSupportEnabled = TRUE;
   OpenWithoutContext(SerialConfig(MDATA_DATA_COT));
@@ -601,7 +601,7 @@ TEST_F(StatsTest, CallsHoldTheLibrarysMutex) {
   EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
   EXPECT_EQ(busy, 2);
 
-  // Getting waits for whoever holds it.
+  // Reading waits for the holder of the mutex.
   g_MetaDataAPIMutex.Lock();
   std::atomic<bool> done = false;
   std::thread getter([&] {

@@ -1,4 +1,4 @@
-// The video road: taking packets from the capture, decimation, delivery to every source of the input.
+// Tests of the video path: retrieval of packets from the capture, decimation, delivery to every source of the input.
 #include "builders.h"
 #include "engine_test.h"
 
@@ -17,12 +17,12 @@ class VideoTest : public StartedEngineTest {
     strcpy(config.szMissionID, "MISSION");
     return config;
   }
-  // One packet, taken in its own pass.
+  // Delivers one packet in its own pass.
   void Receive(const Bytes& packet, UINT64 timestamp = 1, int input = 0) {
     host().FeedCapture(input, packet, timestamp);
     host().PassUntilIdle();
   }
-  // Timestamps by letters; which of them were kept.
+  // Feeds timestamps that are given as letters, and returns the letters of those that were kept.
   std::string Keep(const std::string& letters) {
     std::string kept;
     for (const char letter : letters) {
@@ -89,7 +89,7 @@ TEST_F(VideoPullTest, SixtyPacketsAtMostPerCall) {
   EXPECT_EQ(m_encoder.messages[60].bytes[5], 60);
 }
 
-TEST_F(VideoPullTest, FiftyNinePacketsAreTakenWithoutAWord) {
+TEST_F(VideoPullTest, FiftyNinePacketsAreRetrievedWithoutALine) {
   OpenVideo();
   for (int i = 0; i < 59; ++i) host().FeedCapture(0, {1}, 1);
   host().Pass();
@@ -114,13 +114,13 @@ TEST_F(VideoPullTest, NothingRetrievedIsLoggedOncePerSecondForAllInputs) {
   ExpectLog(4, "No KLV retrieved from BNC-1.\n");
 }
 
-TEST_F(VideoPullTest, EndOfTheQueueAfterAPacketIsNoFault) {
+TEST_F(VideoPullTest, EndOfTheQueueAfterAPacketIsNotAnError) {
   OpenVideo();
   Receive({1});
   EXPECT_EQ(CountLogs(4, "No KLV retrieved from BNC-0.\n"), 0);
 }
 
-TEST_F(VideoPullTest, WithoutMemoryTheRestWaits) {
+TEST_F(VideoPullTest, RemainingPacketsWaitIfOutOfMemory) {
   OpenVideo();
   host().FeedCapture(0, {1}, 1);
   host().FailNext("calloc");
@@ -132,7 +132,7 @@ TEST_F(VideoPullTest, WithoutMemoryTheRestWaits) {
   EXPECT_EQ(m_encoder.messages.size(), 1u);
 }
 
-TEST_F(VideoPullTest, WithoutMemoryForItsCopyOnlyThatSourceMissesThePacket) {
+TEST_F(VideoPullTest, OnlyTheSourceWhoseCopyFailsMissesThePacket) {
   Encoder other;
   MDATA_SRC_CFG second = VideoConfig();
   second.pvUserParam1 = &other;
@@ -145,7 +145,7 @@ TEST_F(VideoPullTest, WithoutMemoryForItsCopyOnlyThatSourceMissesThePacket) {
   EXPECT_EQ(other.messages.size(), 1u);
 }
 
-TEST_F(VideoPullTest, LargestPacketFillsTheWholeRoom) {
+TEST_F(VideoPullTest, LargestPacketFillsTheWholeBuffer) {
   OpenVideo();
   Bytes packet(4101);
   for (size_t i = 0; i < packet.size(); ++i) packet[i] = static_cast<BYTE>(i * 3);
@@ -166,7 +166,7 @@ TEST_F(VideoPullTest, ImpossibleLengthsAreDroppedWithALine) {
   EXPECT_EQ(m_encoder.messages.size(), 1u);
 }
 
-TEST_F(VideoPullTest, EmptyPacketIsAPacket) {
+TEST_F(VideoPullTest, EmptyPacketIsDelivered) {
   OpenVideo();
   Receive({});
   ASSERT_EQ(m_encoder.messages.size(), 1u);
@@ -187,7 +187,7 @@ TEST_F(VideoDeliveryTest, PacketIsDeliveredWithItsTimestamp) {
   ExpectLog(7, "No mission ID or security data set defined for source#7.\n");
 }
 
-TEST_F(VideoDeliveryTest, TakenPacketIsCountedWithItsHeader) {
+TEST_F(VideoDeliveryTest, AcceptedPacketIsCountedWithItsHeader) {
   OpenVideo();
   Receive({1, 2, 3});
   EXPECT_EQ(Stats().nRxOkMessages, 1u);
@@ -213,10 +213,10 @@ TEST_F(VideoDeliveryTest, RefusedPacketIsNotCountedAndItsSequenceIsUsedAgain) {
   EXPECT_EQ(Stats().nTotalRxBytes, 6u);
 }
 
-TEST_F(VideoDeliveryTest, SizeCountedIsTheOneDelivered) {
+TEST_F(VideoDeliveryTest, CountedSizeIsTheDeliveredOne) {
   MDATA_SRC_CFG config = VideoConfig();
   config.pfnCallback = [](MDATA_BUFFER* pBuff, void*, void*) -> BOOL {
-    pBuff->nDataSize = 1000000;  // an encoder may do with it what it likes
+    pBuff->nDataSize = 1000000;  // an encoder may change the record
     return TRUE;
   };
   OpenVideo(config);
@@ -262,7 +262,7 @@ TEST_F(VideoDeliveryTest, RewrittenPacketReplacesItsOriginal) {
   EXPECT_EQ(Stats().nTotalRxBytes, rewritten.size() + 5);
 }
 
-TEST_F(VideoDeliveryTest, PacketThatCannotBeRewrittenGoesOnUnchanged) {
+TEST_F(VideoDeliveryTest, PacketThatCannotBeRewrittenIsDeliveredUnchanged) {
   OpenVideo(WithMissionID());
   const Bytes odd(30, 9);
   Receive(odd);
@@ -271,7 +271,7 @@ TEST_F(VideoDeliveryTest, PacketThatCannotBeRewrittenGoesOnUnchanged) {
   ExpectLog(7, "_ProcessRxKLV return FALSE for source#7.\n");
 }
 
-TEST_F(VideoDeliveryTest, NothingLeftToSendEndsThePacket) {
+TEST_F(VideoDeliveryTest, FilterThatLeavesNothingDropsThePacket) {
   MDATA_SRC_CFG config = VideoConfig();
   config.bFilterUASTags = TRUE;
   AddRelay(config);
@@ -339,7 +339,7 @@ TEST_F(DecimationTest, OnlyTheLastDroppedTimestampIsRemembered) {
   MDATA_SRC_CFG config = VideoConfig();
   config.nDecimationFactor = 4;
   OpenVideo(config);
-  // B, C and B again count as three new timestamps, so that D is the one that is kept.
+  // B, C and the second B count as three new timestamps, so that D is kept.
   EXPECT_EQ(Keep("ABCBD"), "AD");
 }
 

@@ -1,4 +1,5 @@
-// The KLV roads: datagrams and the serial line, rewritten, relayed and delivered behind the stream header.
+// Tests of the KLV paths: messages from datagrams and from the serial line are rewritten, relayed and delivered after
+// the stream header.
 #include <iostream>
 #include <thread>
 
@@ -11,7 +12,7 @@ Bytes Header(BYTE sequence, size_t length) {
   return {0x00, sequence, 0xDF, static_cast<BYTE>(length >> 8), static_cast<BYTE>(length)};
 }
 
-// What the mission identifier "MISSION" makes of the well-formed message.
+// The well-formed message with the mission identifier "MISSION".
 Bytes RewrittenMessage() {
   const Bytes message = WellFormedMessage();
   const Bytes body(message.begin() + 17, message.end() - 4);
@@ -28,7 +29,7 @@ MDATA_SRC_CFG KeepingNothing(MDATA_SRC_CFG config) {
   return config;
 }
 
-class KlvRoadTest : public StartedEngineTest {
+class KlvPathTest : public StartedEngineTest {
  protected:
   HMDATASRC OpenUdp(const MDATA_SRC_CFG& config) { return m_source = Open(config); }
   HMDATASRC OpenUdp() { return OpenUdp(NetworkConfig()); }
@@ -55,8 +56,8 @@ class KlvRoadTest : public StartedEngineTest {
   HMDATASRC m_source = nullptr;
 };
 
-class KlvUdpTest : public KlvRoadTest {};
-class KlvSerialTest : public KlvRoadTest {
+class KlvUdpTest : public KlvPathTest {};
+class KlvSerialTest : public KlvPathTest {
  protected:
   static timespec Monotonic() {
     timespec now = {};
@@ -64,11 +65,11 @@ class KlvSerialTest : public KlvRoadTest {
     return now;
   }
 };
-class InspectionTest : public KlvRoadTest {};
+class InspectionTest : public KlvPathTest {};
 
 // --- UDP -------------------------------------------------------------------------------------------------
 
-TEST_F(KlvUdpTest, DatagramIsDeliveredBehindTheStreamHeader) {
+TEST_F(KlvUdpTest, DatagramIsDeliveredAfterTheStreamHeader) {
   OpenUdp();
   const Bytes message = WellFormedMessage();
   const std::string size = std::to_string(message.size());
@@ -112,7 +113,7 @@ TEST_F(KlvUdpTest, CallbackResultIsIgnored) {
   EXPECT_EQ(Stats().nRxOkMessages, 2u);
 }
 
-TEST_F(KlvUdpTest, DatagramOf1500BytesIsTakenWhole) {
+TEST_F(KlvUdpTest, DatagramOf1500BytesIsReceivedWhole) {
   OpenUdp();
   Bytes datagram(1500);
   for (size_t i = 0; i < datagram.size(); ++i) datagram[i] = static_cast<BYTE>(i * 7);
@@ -121,13 +122,13 @@ TEST_F(KlvUdpTest, DatagramOf1500BytesIsTakenWhole) {
   EXPECT_EQ(Stats().nTotalRxBytes, 1500u);
 }
 
-TEST_F(KlvUdpTest, LongerDatagramIsCutAt1500Bytes) {
+TEST_F(KlvUdpTest, LongerDatagramIsTruncatedTo1500Bytes) {
   OpenUdp();
   Receive(Bytes(1501, 9));
   ExpectDelivered(Bytes(1500, 9));
 }
 
-TEST_F(KlvUdpTest, IPv6SocketIsReadLikeTheOther) {
+TEST_F(KlvUdpTest, IPv6SocketIsReadLikeTheIPv4Socket) {
   OpenUdp(NetworkConfig(MDATA_DATA_KLV, 5000, 0));
   host().FeedDatagram(m_source->iFDv6, WellFormedMessage(), {.from = "fe80::7", .port = 1});
   host().PassUntilIdle();
@@ -160,7 +161,7 @@ TEST_F(KlvUdpTest, DatagramIsRelayedAsReceivedWithItsTOSAndTTL) {
   EXPECT_EQ(m_source->Relayers[1].CurrentRelayTTL, -1);
 }
 
-TEST_F(KlvUdpTest, WithoutDetectionZeroIsPassedOn) {
+TEST_F(KlvUdpTest, ZeroIsPassedOnWithoutDetection) {
   MDATA_SRC_CFG config = NetworkConfig();
   AddRelay(config, {10, 0, 0, 1}, 5, 6);
   OpenUdp(config);
@@ -169,7 +170,7 @@ TEST_F(KlvUdpTest, WithoutDetectionZeroIsPassedOn) {
   EXPECT_EQ(m_source->SourceTOS, 0);
 }
 
-TEST_F(KlvUdpTest, NothingLeftToSendIsRelayedButNotDelivered) {
+TEST_F(KlvUdpTest, MessageThatTheFilterEmptiesIsRelayedButNotDelivered) {
   MDATA_SRC_CFG config = KeepingNothing(NetworkConfig());
   AddRelay(config);
   OpenUdp(config);
@@ -182,7 +183,7 @@ TEST_F(KlvUdpTest, NothingLeftToSendIsRelayedButNotDelivered) {
   EXPECT_EQ(Stats().nTotalRxBytes, 0u);
 }
 
-TEST_F(KlvUdpTest, InvalidMessageGoesOnUnchanged) {
+TEST_F(KlvUdpTest, InvalidMessageIsDeliveredUnchanged) {
   OpenUdp(WithMissionID(NetworkConfig()));
   const Bytes invalid = UasMessage().Item(2, Bytes(8)).Raw({5, 9, 1}).Build();
   Receive(invalid);
@@ -236,7 +237,7 @@ TEST_F(KlvUdpTest, RateIsFedWithTheReceivedBytesOncePerSecond) {
   EXPECT_EQ(host().rateTotals, (std::vector<UINT64>{10, 100}));
 }
 
-TEST_F(KlvUdpTest, WithoutMemoryTheDatagramIsDropped) {
+TEST_F(KlvUdpTest, DatagramIsDroppedIfOutOfMemory) {
   MDATA_SRC_CFG config = NetworkConfig();
   AddRelay(config);
   OpenUdp(config);
@@ -258,7 +259,7 @@ TEST_F(KlvUdpTest, MissingCallbackAsserts) {
   ExpectAssertion("hSource->Config.pfnCallback != NULL");
 }
 
-TEST_F(KlvUdpTest, CaptureHoldsWhatWasReceived) {
+TEST_F(KlvUdpTest, CaptureHoldsTheReceivedBytes) {
   MDATA_SRC_CFG config = WithMissionID(NetworkConfig());
   config.bCaptureToDisk = TRUE;
   config.nMaxCaptureSizeInKBytes = 10;
@@ -269,7 +270,7 @@ TEST_F(KlvUdpTest, CaptureHoldsWhatWasReceived) {
   EXPECT_EQ(host().ReadFile("/tmp/rawudp_5000.txt"), "01 ab ff ");
 }
 
-TEST_F(KlvUdpTest, FullCaptureIsClosedForGoodAndReceptionGoesOn) {
+TEST_F(KlvUdpTest, FullCaptureStaysClosedAndReceptionContinues) {
   MDATA_SRC_CFG config = NetworkConfig();
   config.bCaptureToDisk = TRUE;
   config.nMaxCaptureSizeInKBytes = 1;
@@ -283,7 +284,7 @@ TEST_F(KlvUdpTest, FullCaptureIsClosedForGoodAndReceptionGoesOn) {
   EXPECT_EQ(host().ReadFile("/tmp/rawudp_5000.txt").size(), size);
 }
 
-TEST_F(KlvUdpTest, KeptBufferStaysUntilItIsGivenBack) {
+TEST_F(KlvUdpTest, KeptBufferStaysUntilItIsReleased) {
   static MDATA_BUFFER* kept;
   kept = nullptr;
   MDATA_SRC_CFG config = NetworkConfig();
@@ -302,7 +303,7 @@ TEST_F(KlvUdpTest, KeptBufferStaysUntilItIsGivenBack) {
 
 // --- The inspection --------------------------------------------------------------------------------------
 
-TEST_F(InspectionTest, Message19BytesLongIsNeverRewrittenAndWarnedAboutOncePerPause) {
+TEST_F(InspectionTest, MessageOf19BytesIsNeverRewrittenAndIsLoggedOncePerPause) {
   OpenUdp(WithMissionID(NetworkConfig()));
   const Bytes shortMessage = UasMessage().Raw({5, 0}).Build();
   ASSERT_EQ(shortMessage.size(), 19u);
@@ -349,7 +350,7 @@ TEST_F(InspectionTest, OtherKeyIsNotRewritten) {
   ExpectDump(7, "UAS Header", UasKey());
 }
 
-TEST_F(InspectionTest, LongFormsOfOneAndTwoBytes) {
+TEST_F(InspectionTest, LongFormsOfOneAndTwoBytesAreRewritten) {
   OpenUdp(WithMissionID(NetworkConfig()));
   const Bytes body = UasMessage().Item(2, Bytes(8)).Body();
   const Bytes expected = UasMessage().Raw(body).Item(3, Text("MISSION")).Checksum().Build();
@@ -360,7 +361,7 @@ TEST_F(InspectionTest, LongFormsOfOneAndTwoBytes) {
   }
 }
 
-TEST_F(InspectionTest, OtherLengthFormsGoOnUnchanged) {
+TEST_F(InspectionTest, OtherLengthFormsAreDeliveredUnchanged) {
   OpenUdp(WithMissionID(NetworkConfig()));
   for (const BYTE form : {BYTE{0x80}, BYTE{0x83}, BYTE{0xFF}}) {
     const Bytes message = UasKey() + Bytes{form, 0, 0, 4} + Bytes(20);
@@ -370,7 +371,7 @@ TEST_F(InspectionTest, OtherLengthFormsGoOnUnchanged) {
   }
 }
 
-TEST_F(InspectionTest, MessageShorterThanItsLengthGoesOnUnchanged) {
+TEST_F(InspectionTest, MessageShorterThanItsLengthIsDeliveredUnchanged) {
   OpenUdp(WithMissionID(NetworkConfig()));
   Bytes message = WellFormedMessage();
   message.pop_back();
@@ -380,7 +381,7 @@ TEST_F(InspectionTest, MessageShorterThanItsLengthGoesOnUnchanged) {
                    std::to_string(message.size()) + " bytes.\n");
 }
 
-TEST_F(InspectionTest, LengthThatWrapsSixteenBitsGoesOnUnchanged) {
+TEST_F(InspectionTest, LengthThatWrapsSixteenBitsIsDeliveredUnchanged) {
   OpenUdp(WithMissionID(NetworkConfig()));
   const Bytes message = UasKey() + Bytes{0x82, 0xFF, 0xFF, 0x01};  // 65535 + 19 wraps to 18
   Receive(message);
@@ -395,7 +396,7 @@ TEST_F(InspectionTest, BytesBeyondTheTotalAreLeftOut) {
   ExpectDelivered(RewrittenMessage(), datagram.size());
 }
 
-TEST_F(InspectionTest, AnyOfTheFourSettingsAsksForRewriting) {
+TEST_F(InspectionTest, AnyOfTheFourSettingsEnablesRewriting) {
   MDATA_SRC_CFG security = NetworkConfig(MDATA_DATA_KLV, 5001);
   security.bClassifyMission = TRUE;
   strcpy(security.szClassifyingCountry, "USA");
@@ -418,7 +419,7 @@ TEST_F(InspectionTest, AnyOfTheFourSettingsAsksForRewriting) {
 
 // --- Serial ----------------------------------------------------------------------------------------------
 
-TEST_F(KlvSerialTest, MessagesAreCutOutOfTheStream) {
+TEST_F(KlvSerialTest, MessagesAreExtractedFromTheStream) {
   OpenSerial();
   const Bytes message = WellFormedMessage();
   const std::string size = std::to_string(message.size());
@@ -437,7 +438,7 @@ TEST_F(KlvSerialTest, MessagesAreCutOutOfTheStream) {
   ExpectDump(7, "Streamer KLV AU", m_encoder.messages[1].bytes);
 }
 
-TEST_F(KlvSerialTest, WithoutSettingsTheInspectionIsNotCalled) {
+TEST_F(KlvSerialTest, InspectionIsNotCalledWithoutSettings) {
   MDATA_SRC_CFG config = SerialConfig();
   AddRelay(config);
   OpenSerial(config);
@@ -466,7 +467,7 @@ TEST_F(KlvSerialTest, RewrittenMessageIsRelayedWithoutTOSAndTTL) {
   ExpectLog(7, "Not checking TTL.\n");
 }
 
-TEST_F(KlvSerialTest, NothingLeftToSendEndsTheMessage) {
+TEST_F(KlvSerialTest, FilterThatLeavesNothingDropsTheMessage) {
   MDATA_SRC_CFG config = KeepingNothing(SerialConfig());
   AddRelay(config);
   OpenSerial(config);
@@ -525,7 +526,7 @@ TEST_F(KlvSerialTest, FailedReadIsLoggedAndTheDescriptorStays) {
   ExpectDelivered(WellFormedMessage());
 }
 
-TEST_F(KlvSerialTest, DeviceThatHungUpIsReadInPeace) {
+TEST_F(KlvSerialTest, DeviceThatHungUpIsReadWithPauses) {
   OpenSerial();
   host().HangUp(m_source->iFD);
   for (int i = 0; i < 3; ++i) host().Pass();
@@ -533,7 +534,7 @@ TEST_F(KlvSerialTest, DeviceThatHungUpIsReadInPeace) {
   EXPECT_EQ(host().Calls("nanosleep"), 3);
 }
 
-TEST_F(KlvSerialTest, BytesWaitWhileAnotherHoldsTheLibrary) {
+TEST_F(KlvSerialTest, BytesWaitWhileAnotherThreadHoldsTheMutex) {
   OpenSerial();
   host().FeedSerial(m_source->iFD, WellFormedMessage());
   g_MetaDataAPIMutex.Lock();
@@ -549,7 +550,7 @@ TEST_F(KlvSerialTest, BytesWaitWhileAnotherHoldsTheLibrary) {
   ExpectDelivered(WellFormedMessage());
 }
 
-TEST_F(KlvSerialTest, WaitForTheLibraryMayCrossASecond) {
+TEST_F(KlvSerialTest, WaitForTheMutexMayCrossASecond) {
   OpenSerial();
   host().Advance(990 - Monotonic().tv_nsec / 1000000);
   host().FeedSerial(m_source->iFD, WellFormedMessage());
@@ -565,7 +566,7 @@ TEST_F(KlvSerialTest, WaitForTheLibraryMayCrossASecond) {
   ExpectDelivered(WellFormedMessage());
 }
 
-TEST_F(KlvSerialTest, LibraryIsHeldWhileTheEncoderIsCalled) {
+TEST_F(KlvSerialTest, MutexIsHeldDuringTheCallback) {
   MDATA_SRC_CFG config = SerialConfig();
   static int result;
   result = 0;
@@ -582,7 +583,7 @@ TEST_F(KlvSerialTest, LibraryIsHeldWhileTheEncoderIsCalled) {
   EXPECT_EQ(result, EBUSY);
 }
 
-TEST_F(KlvSerialTest, FullCaptureIsClosedForGoodAndReceptionGoesOn) {
+TEST_F(KlvSerialTest, FullCaptureStaysClosedAndReceptionContinues) {
   MDATA_SRC_CFG config = SerialConfig();
   config.bCaptureToDisk = TRUE;
   config.nMaxCaptureSizeInKBytes = 1;
@@ -595,7 +596,7 @@ TEST_F(KlvSerialTest, FullCaptureIsClosedForGoodAndReceptionGoesOn) {
 
 // --- A recorded flight -----------------------------------------------------------------------------------
 
-TEST_F(KlvRoadTest, RecordedFlightArrivesWholeOverUdpAndSerial) {
+TEST_F(KlvPathTest, RecordedFlightArrivesWholeOverUdpAndSerial) {
   const std::optional<Bytes> recording = LoadRecording(METADATA_SHARED_DATA_DIR, "recorded_flight.klv");
   if (!recording) {
     std::cout << "recorded_flight.klv is absent from " METADATA_SHARED_DATA_DIR ": nothing is tested with it\n";
