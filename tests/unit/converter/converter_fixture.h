@@ -1,4 +1,4 @@
-// What the converter's tests share: events, a converter, and the items of a packet.
+// The fixture of the converter's tests: events, a converter, and the items of a packet.
 #ifndef CONVERTER_FIXTURE_H
 #define CONVERTER_FIXTURE_H
 
@@ -66,7 +66,7 @@ class ConverterTest : public HostTest {
     ASSERT_TRUE(AllocCoT2KLVConvert(&m_converter, delta, uid, discover));
   }
 
-  // The input stands in a block of exactly its size, for the sanitizers.
+  // The input is copied to a block of exactly its size, so that a sanitizer detects a read past its end.
   int Convert(const std::string& event) {
     const Bytes exact = Text(event);
     MDATA_BUFFER* buffer = reinterpret_cast<MDATA_BUFFER*>(this);
@@ -80,7 +80,7 @@ class ConverterTest : public HostTest {
     return result;
   }
 
-  // The items behind key and length, the checksum included. Checks key, length and checksum.
+  // Returns the items after key and length, including the checksum. Checks key, length and checksum.
   Items PacketItems() const {
     Items items;
     if (m_packet.size() < 21) return items;
@@ -115,7 +115,7 @@ class ConverterTest : public HostTest {
     return values;
   }
 
-  // The value of a tag that must be there once, as a big-endian number.
+  // Returns the value of a tag, which must be present exactly once, as a big-endian number.
   uint64_t Number(int tag) const {
     const std::vector<Bytes> values = Values(tag);
     EXPECT_EQ(values.size(), 1u) << "tag " << tag;
@@ -128,7 +128,7 @@ class ConverterTest : public HostTest {
   int32_t Signed32(int tag) const { return static_cast<int32_t>(Number(tag)); }
   bool Has(int tag) const { return !Values(tag).empty(); }
 
-  // A pair of the given events; TRUE when it gave a packet.
+  // Converts the given events. Returns true if they gave a packet.
   bool ConvertPair(const std::string& first, const std::string& second) {
     EXPECT_EQ(Convert(first), 0);
     Convert(second);

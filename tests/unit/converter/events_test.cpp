@@ -1,4 +1,4 @@
-// What aircraft and sensor-point events become.
+// Tests of the items that aircraft and sensor-point events become.
 
 #include "converter_fixture.h"
 
@@ -45,7 +45,7 @@ TEST_F(AircraftEvent, CourseIsAcceptedFrom0To360) {
   EXPECT_EQ(Number(5), 0u) << "text that is no number is 0";
 }
 
-TEST_F(AircraftEvent, SpeedIsAcceptedUpToWhatRoundsTo255) {
+TEST_F(AircraftEvent, SpeedIsAcceptedWhileItRoundsTo255OrLess) {
   AllowMissing();
   ASSERT_TRUE(ConvertAircraft(Track("1", "255.4")));
   EXPECT_EQ(Number(9), 255u);
@@ -183,7 +183,7 @@ TEST_F(AircraftEvent, MissingTimeDropsTheEvent) {
   AllowLogs(4, "slice > not found\n");
 }
 
-TEST_F(AircraftEvent, UidOfSixtyFourCharactersIsWhole) {
+TEST_F(AircraftEvent, UidOfSixtyFourCharactersIsKeptWhole) {
   AllowMissing();
   const std::string uid(64, 'u');
   ASSERT_TRUE(ConvertPair(Spi(), Event(kAircraft, uid, kTime, "")));
@@ -191,7 +191,7 @@ TEST_F(AircraftEvent, UidOfSixtyFourCharactersIsWhole) {
   ExpectLog(7, "aircraft uid=\"" + uid + "\"");
 }
 
-TEST_F(AircraftEvent, SignColumnSaysOneForUnsigned) {
+TEST_F(AircraftEvent, SignColumnIsOneForUnsigned) {
   EXPECT_EQ(cotToKlv_airTrackTable[0].sign, 1) << "course, 0 to 360";
   EXPECT_EQ(cotToKlv_airPointTable[0].sign, 0) << "latitude, -90 to 90";
   EXPECT_EQ(cotToKlv_airAttitudeTable[1].sign, 0);
@@ -249,7 +249,7 @@ TEST_F(SpiEvent, MissingPointGoesOnWithTheSensor) {
   EXPECT_EQ(Number(21), 0u);
 }
 
-TEST_F(SpiEvent, MissingAttributesAreFounded) {
+TEST_F(SpiEvent, MissingAttributesAreLoggedAsFounded) {
   ASSERT_TRUE(ConvertSpi("<point lat=\"1\" lon=\"1\" hae=\"1\" le=\"1\" no=\"1\"/><sensor model=\"EO\" fov=\"1\"/>"));
   AllowMissing();
   ExpectLog(3, "cotField \"ce\" not founded\n");
@@ -290,7 +290,7 @@ TEST_F(SpiEvent, MissingUidIsSkipped) {
   EXPECT_FALSE(Has(11));
 }
 
-// The relative angle items after a pair with these angles.
+// Converts a pair with these angles and checks the relative angle items.
 class RelativeAngles : public ConverterTest {
  protected:
   void Pair(const std::string& course, const std::string& pitch, const std::string& roll, const std::string& azimuth,
@@ -312,8 +312,8 @@ TEST_F(RelativeAngles, AzimuthIsTheAbsoluteDifference) {
 
 TEST_F(RelativeAngles, AzimuthAndRollAreCutToWholeDegreesAndElevationIsNot) {
   Pair("100.7", "1.25", "-3.5", "90", "-10.5", "5.4");
-  EXPECT_EQ(Number(0x12), 119304647u);    // 10.7 to the left is 10
-  EXPECT_EQ(Number(0x14), 95443718u);     // 8.9 is 8
+  EXPECT_EQ(Number(0x12), 119304647u);    // 10.7 to the left becomes 10
+  EXPECT_EQ(Number(0x14), 95443718u);     // 8.9 becomes 8
   EXPECT_EQ(Signed32(0x13), -140182960);  // -11.75
 }
 

@@ -1,4 +1,4 @@
-// The geoid grid: loading, its text, interpolation.
+// Tests of the geoid grid: loading, its text, interpolation.
 #include <algorithm>
 #include <clocale>
 #include <cmath>
@@ -15,7 +15,7 @@ class GridTest : public HostTest {
  protected:
   void TearDown() override { free_ww15mgh_grd(); }
 
-  // The first tokens of a file, and then 'rest' for every value that is missing.
+  // Loads a file with the given tokens, followed by 'rest' for every missing value.
   static int Load(const std::string& start, int tokens, const std::string& rest = "7 ") {
     AllowLogs(5, "Support of additionnal CoT items enabled.\n");
     std::string text = start;
@@ -32,7 +32,7 @@ class GridTest : public HostTest {
 using GridFile = GridTest;
 using Undulation = GridTest;
 
-TEST_F(GridFile, IsLoadedAsItStands) {
+TEST_F(GridFile, IsLoadedWithoutChanges) {
   EXPECT_EQ(Load("13.5 -2.25\n\n  1e1\t.5 5. +3 0x1.8p1 inf -NAN ", 9), 0);
   const float expected[] = {13.5f, -2.25f, 10.0f, 0.5f, 5.0f, 3.0f, 3.0f};
   for (size_t i = 0; i < std::size(expected); i++) EXPECT_EQ(_g_pGrid[i], expected[i]) << i;
@@ -53,7 +53,7 @@ TEST_F(GridFile, SkipsNothing) {
   EXPECT_EQ(_g_pGrid[3], 360.0f);
 }
 
-TEST_F(GridFile, TextThatIsNoNumberStopsTheScanAndTheLoadSucceeds) {
+TEST_F(GridFile, TextThatIsNotANumberStopsTheScanAndTheLoadSucceeds) {
   EXPECT_EQ(Load("1.5 2.5 abc 3.5 ", 4), 0);
   EXPECT_EQ(_g_pGrid[0], 1.5f);
   EXPECT_EQ(_g_pGrid[1], 2.5f);
@@ -81,8 +81,8 @@ TEST_F(GridFile, ShortFileFailsWithTheCountRead) {
   ExpectLog(3, "fscanf 0 number (unexpected finished earlier)!\n");
 }
 
-// What a "%f" scan in the "C" locale makes of a text. A scan that meets the end of the file, in front of a number or in
-// it, ends the reading; text that it cannot get past leaves the rest of the grid as it was.
+// The result of a "%f" scan of a text in the "C" locale. A scan that reaches the end of the file, before a number or
+// inside it, ends the reading; text that it cannot skip leaves the rest of the grid unchanged.
 struct Scanned {
   std::vector<float> values;
   bool bStuck = false;
@@ -103,7 +103,7 @@ struct Scanned {
   bool IsWhole() const { return values.size() == kGridValues; }
 };
 
-// Loads a text and compares with the scan.
+// Loads a text and compares the grid with the scan.
 class GridText : public GridTest {
  protected:
   void SetUp() override {
@@ -226,7 +226,7 @@ locale_t CommaLocale() {
   return comma;
 }
 
-TEST_F(GridText, PointIsAPointInEveryLocale) {
+TEST_F(GridText, DecimalPointIsUsedInEveryLocale) {
   const locale_t comma = CommaLocale();
   const locale_t before = uselocale(comma);
   ASSERT_STREQ(localeconv()->decimal_point, ",");
@@ -260,7 +260,7 @@ TEST_F(GridFile, LoadsOnASmallStack) {
   int nResult = 0;
   pthread_attr_t attributes;
   pthread_attr_init(&attributes);
-  // 32 KiB, or what the C library asks for at least: 128 KiB on 64-bit Arm.
+  // Uses 32 KiB, or the minimum of the C library, which is 128 KiB on 64-bit Arm.
   const size_t size = std::max(size_t{32768}, static_cast<size_t>(sysconf(_SC_THREAD_STACK_MIN)));
   ASSERT_EQ(pthread_attr_setstacksize(&attributes, size), 0);
   pthread_t thread;
@@ -289,7 +289,7 @@ TEST_F(GridFile, MissingFileFails) {
   EXPECT_EQ(_g_pGrid, nullptr);
 }
 
-TEST_F(GridFile, WithoutMemoryFails) {
+TEST_F(GridFile, LoadFailsIfOutOfMemory) {
   host().WriteFile(kGridPath, "1");
   AllowLogs(5, "Support of additionnal CoT items enabled.\n");
   host().FailNext("calloc");
@@ -361,7 +361,7 @@ TEST_F(GridFile, OptionIsOnUnlessConfiguredOtherwise) {
   AllowLogs(2, "Failed to open");
 }
 
-TEST_F(GridFile, FreeingTwiceIsFine) {
+TEST_F(GridFile, FreeingTwiceIsHarmless) {
   Flat();
   free_ww15mgh_grd();
   free_ww15mgh_grd();

@@ -1,4 +1,4 @@
-// Instances, pairing, filter, discovery, statistics, closing of packets, bad XML.
+// Tests of instances, pairing, filter, discovery, statistics, closing of packets and bad XML.
 #include <algorithm>
 #include <fstream>
 #include <iterator>
@@ -31,7 +31,7 @@ TEST_F(Pairing, DeltaIsInclusive) {
   ExpectLog(5, "Delta of 0 sec 510000 usec is NOT within accepted range of 0.500000.\n");
 }
 
-TEST_F(Pairing, DeltaOfSecondsAndARest) {
+TEST_F(Pairing, DeltaMayHaveAFractionOfASecond) {
   Open(2500000);
   EXPECT_TRUE(ConvertPair(Spi("2024-01-02T03:04:05.00Z"), Aircraft("2024-01-02T03:04:07.50Z")));
   EXPECT_TRUE(ConvertPair(Spi("2024-01-02T03:04:08.90Z"), Aircraft("2024-01-02T03:04:07.00Z")));
@@ -114,7 +114,7 @@ TEST_F(Pairing, IncompleteEventsAreRejected) {
   AllowLogs(3, "field type ");
 }
 
-TEST_F(Pairing, MissingTimeSaysTypeAndCountsTheEvent) {
+TEST_F(Pairing, MissingTimeIsLoggedAsTypeAndCountsTheEvent) {
   EXPECT_EQ(Convert("<event uid=\"x\" type=\"a-f-A\"><point/></event>"), -1);
   ExpectLog(3, "field time not found\n");
   ExpectLog(3, "not found type field !\n");
@@ -141,7 +141,7 @@ TEST_F(Pairing, TimeOfSixtyFourCharactersPairs) {
   ExpectLog(7, "matchStr, time=\"" + time + "\" !\n");
 }
 
-TEST_F(Pairing, WithoutMemory) {
+TEST_F(Pairing, EventFailsIfOutOfMemory) {
   host().FailNext("calloc");
   EXPECT_EQ(Convert(Aircraft()), -1);
   ExpectLog(3, "cvtXmlMsg malloc failed  !\n");
@@ -197,7 +197,7 @@ TEST_F(Discovery, OtherSensorsAreCountedAndListedUntilTheyAge) {
   EXPECT_STREQ(m_converter->KnownSensors[0].szUID, "");
 }
 
-TEST_F(Discovery, SeenAgainIsYoungAgain) {
+TEST_F(Discovery, SensorSeenAgainHasAgeZero) {
   Open(500000, "SPI1", TRUE);
   Convert(Spi(kTime, "SPI2"));
   for (int i = 0; i < 10; i++) AgeCoT2KLVSensors(m_converter);
@@ -207,7 +207,7 @@ TEST_F(Discovery, SeenAgainIsYoungAgain) {
   EXPECT_EQ(Stats().nDiscoveredSensorsCount, 1);
 }
 
-TEST_F(Discovery, ThirtyThirdSensorReplacesTheEntryAtTheOldestAge) {
+TEST_F(Discovery, ThirtyThirdSensorReplacesTheEntryAtTheIndexOfTheOldestAge) {
   Open(500000, "SPI1", TRUE);
   for (int i = 0; i < 32; i++) {
     if (i >= 29) AgeCoT2KLVSensors(m_converter);
@@ -263,7 +263,7 @@ TEST_F(Discovery, StatisticsAreResetAndRestoredWithoutTheSensors) {
   EXPECT_EQ(Stats().nFilteredRxSPIMessages, 1u);
 }
 
-// A pair whose value length is 'length': the uids fill it.
+// Converts a pair whose packet has the given value length, which the uids fill.
 std::pair<std::string, std::string> PairOfLength(int length) {
   // Time stamps 10 + start 10 + uids with their headers + checksum 4.
   const int text = length - 10 - 10 - 4 - 4;
@@ -301,7 +301,7 @@ TEST_F(Packet, LongPacketsAreDroppedWithoutTheOption) {
   EXPECT_EQ(m_converter->pMsgListHeader, nullptr);
 }
 
-// Grows the pending message to 'length' bytes with items of tag 3, whole ones of 66 bytes last.
+// Extends the pending message to 'length' bytes with items of tag 3; the last ones have 66 bytes each.
 void Grow(cvtXmlMsg* message, int length) {
   cvtKlvItem item = {};
   item.key = 3;
@@ -314,13 +314,13 @@ void Grow(cvtXmlMsg* message, int length) {
   }
 }
 
-// Before an empty sensor-point event, which adds its empty uid unless the packet is full.
+// Prepares an empty sensor-point event, which adds its empty uid unless the packet is full.
 int LengthBefore(int valueLength) {
   const int length = valueLength + 17 - 4;
   return length - 2 < kCvtFullLength ? length - 2 : length;
 }
 
-TEST_F(Packet, LengthsOf200And300And1023) {
+TEST_F(Packet, LengthsOf200And300And1023AreWritten) {
   AllowMissingElements();
   AllowLogs(3, "curKlvLen is too big");
   const std::string air = Event(kAircraft, "", kTime, "");
@@ -353,7 +353,7 @@ TEST_F(Packet, LengthAbove1023IsTooLong) {
   EXPECT_EQ(m_converter->pMsgListHeader, nullptr);
 }
 
-TEST_F(Packet, FailedSecondBufferIsThreeWithoutABuffer) {
+TEST_F(Packet, FailedSecondBufferReturnsThreeWithoutABuffer) {
   EXPECT_EQ(Convert(Aircraft()), 0);
   host().FailNext("calloc");
   EXPECT_EQ(Convert(Spi()), 3);
@@ -398,7 +398,7 @@ TEST_F(Packet, SecondTimeStampOverwritesTheFirstInFront) {
   EXPECT_EQ(PacketItems().front().first, 2);
 }
 
-TEST_F(Packet, HandedOverPacketHasItsReserveInFront) {
+TEST_F(Packet, DeliveredPacketHasReservedBytesInFront) {
   Convert(Aircraft());
   MDATA_BUFFER* buffer = nullptr;
   const Bytes spi = Text(Spi());
@@ -410,7 +410,7 @@ TEST_F(Packet, HandedOverPacketHasItsReserveInFront) {
 
 TEST_F(Packet, MessageWithoutTimeStampIsDropped) {
   EXPECT_EQ(Convert(Aircraft()), 0);
-  // A full packet takes no time stamp either.
+  // A full packet does not accept a time stamp either.
   m_converter->pMsgListHeader->tmStampFlag = 0;
   m_converter->pMsgListHeader->curKlvLen = 1023;
   EXPECT_EQ(Convert(Spi()), 0);
@@ -479,7 +479,7 @@ class AnyXml : public ConverterTest {
     ConverterTest::SetUp();
     for (int level = 0; level <= 5; level++) AllowLogs(level, "");
   }
-  // After whatever came before, a good pair converts.
+  // A good pair is converted whatever events came before.
   void ExpectGoodPair() {
     const std::string time = "2030-01-02T03:04:05.00Z";
     EXPECT_EQ(Convert(Aircraft(time)), 0);
@@ -488,7 +488,7 @@ class AnyXml : public ConverterTest {
   }
 };
 
-TEST_F(AnyXml, BadEventsLoseNothingOfTheNextGoodOne) {
+TEST_F(AnyXml, BadEventsDoNotAffectTheNextGoodOne) {
   const std::string point = "<point lat=\"";
   const std::string bad[] = {
       "<event type='a-f-A' time='2024-01-02T03:04:05Z'></event>",
@@ -525,7 +525,7 @@ TEST_F(AnyXml, EmbeddedNulsEndTheText) {
   ExpectGoodPair();
 }
 
-TEST_F(AnyXml, DamagedAnywhere) {
+TEST_F(AnyXml, DamagedEventsDoNotAffectTheNextGoodOne) {
   for (const char* module : {"METADATALIB", "COTCONVERTER"}) host().SetLevel(module, 2);
   std::mt19937 random(5);
   for (int i = 0; i < 4000; i++) {

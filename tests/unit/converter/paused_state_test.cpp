@@ -1,4 +1,4 @@
-// The host's watch over its threads: a load that failed leaves no thread marked as busy for long on purpose.
+// Tests of the report to the host's thread watchdog: after a failed load no thread is left marked as paused.
 #include "converter_fixture.h"
 
 namespace {

@@ -1,4 +1,4 @@
-// What a receiver makes of the converted numbers that are not scaled as MISB ST 0601 scales them.
+// Tests of the values that a receiver reads from numbers that are not scaled as in MISB ST 0601.
 #include <climits>
 #include <cmath>
 #include <cstring>
@@ -13,7 +13,7 @@ class Scales : public ConverterTest {
     AllowLogs(3, "");
     ASSERT_TRUE(ConvertSpi("<point lat=\"1\" lon=\"1\" hae=\"1\"" + rest));
   }
-  // By the standard: the whole range of a number of so many bits stands for 0 to the largest value.
+  // In the standard the whole range of a number of the given bits represents 0 to the largest value.
   double ReadByTheStandard(int tag, double largest, int bits) const {
     return static_cast<double>(Number(tag)) * largest / (std::ldexp(1.0, bits) - 1);
   }
@@ -36,13 +36,13 @@ TEST_F(Scales, RangeReadsSlightlyAboveItsValue) {
   EXPECT_NEAR(ReadByTheStandard(21, 5000000, 32), 1000, 0.001);
 }
 
-TEST_F(Scales, PacketNamesNoEditionOfTheStandard) {
+TEST_F(Scales, PacketHasNoEditionItem) {
   AllowLogs(3, "");
   ASSERT_TRUE(ConvertPair(Aircraft(), Spi()));
   EXPECT_FALSE(Has(65));
 }
 
-TEST(PacketChecksum, StoredAsItIsStandsBigEndian) {
+TEST(PacketChecksum, StoredUnchangedIsBigEndian) {
   Bytes data;
   for (int i = 0; i < 1200; ++i) {
     const uint16_t checksum = get_checksum_u16(data.data(), static_cast<int>(data.size()));

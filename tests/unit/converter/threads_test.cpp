@@ -1,4 +1,4 @@
-// The statistics calls of an encoder's thread while the metadata thread converts.
+// Tests of the statistics calls of an encoder's thread while the metadata thread converts.
 #include <atomic>
 #include <cstring>
 #include <thread>
@@ -9,7 +9,7 @@ namespace {
 
 class Threads : public ConverterTest {};
 
-// UIDs of one repeated letter: a torn one shows two letters, or another length.
+// UIDs consist of one repeated letter, so that an inconsistent copy shows two letters or another length.
 std::string LongUid(char letter) {
   return std::string(60, letter);
 }
@@ -18,7 +18,7 @@ bool IsWhole(const char* uid) {
   return strlen(uid) == 60 && strspn(uid, std::string(1, uid[0]).c_str()) == 60;
 }
 
-TEST_F(Threads, StatisticsAreWholeWhileSensorsComeAndGo) {
+TEST_F(Threads, StatisticsAreConsistentWhileSensorsComeAndGo) {
   host().SetLevel("COTCONVERTER", 2);
   Open(500000, "SPI1", TRUE);
   std::atomic<bool> done = false;
@@ -35,7 +35,7 @@ TEST_F(Threads, StatisticsAreWholeWhileSensorsComeAndGo) {
   });
   for (int i = 0; i < 3000; i++) {
     EXPECT_EQ(Convert(Spi(kTime, LongUid(static_cast<char>('a' + i % 26)))), -1);
-    if (i % 2 == 0) AgeCoT2KLVSensors(m_converter);  // each is gone before it is seen again
+    if (i % 2 == 0) AgeCoT2KLVSensors(m_converter);  // each sensor is removed before it is seen again
   }
   done = true;
   reader.join();

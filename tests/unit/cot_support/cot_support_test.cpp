@@ -1,4 +1,4 @@
-// The serial Cursor-on-Target link: frames, length selection, codewords, ARQ header, XML log.
+// Tests of the serial Cursor-on-Target link: frames, length selection, codewords, ARQ header, XML log.
 #include "cot_support.h"
 
 #include <gmock/gmock.h>
@@ -50,7 +50,7 @@ Bytes Text(const std::string& text) {
   return {text.begin(), text.end()};
 }
 
-// A header of three (length, check word) pairs.
+// Returns a header of three (length, check word) pairs.
 Bytes Header(std::initializer_list<std::pair<unsigned, unsigned>> copies) {
   Bytes header = Text("oHeY!");
   for (const auto& [length, check] : copies) {
@@ -67,12 +67,12 @@ Bytes GoodHeader(unsigned length) {
   return Header({{length, check}, {length, check}, {length, check}});
 }
 
-// A frame around an ARQ message as it stands.
+// Returns a frame that contains the ARQ message unchanged.
 Bytes ArqFrame(const std::string& message) {
   return BuildFrame(PackCodewords(BuildBlock(Text(message))));
 }
 
-// A frame whose length word says 'length'.
+// Returns a frame with the length word 'length'.
 Bytes FrameWithBlockLength(unsigned length, std::size_t blockSize) {
   Bytes block(blockSize);
   block[0] = static_cast<BYTE>(length);
@@ -142,7 +142,7 @@ TEST_F(CotLink, NewContextWaitsForAHeader) {
   EXPECT_EQ(Ctxt().pvUserParam1, &m_nUser);
 }
 
-TEST_F(CotLink, FreeingNothingIsAnAssertion) {
+TEST_F(CotLink, FreeingANullContextAsserts) {
   EXPECT_FALSE(FreeCotDecodeContext(nullptr));
   ExpectAssertion("ppvContext != NULL");
   void* pvNone = nullptr;
@@ -202,7 +202,7 @@ TEST_F(CotLink, ThreeGoodCopiesOfLength100GiveAFrameOf117Bytes) {
   ExpectLog(7, "Missing 100 bytes of data\n");
 }
 
-// The lines show check words where they say LV and lengths where they say CRC.
+// The lines show check words as LV and lengths as CRC.
 TEST_F(CotLink, DamagedFirstCopyFallsBackToTheSecondAndLogsValuesSwapped) {
   Feed(Header({{101, 0xFF38}, {100, 0xFF38}, {102, 0xFF39}}));
   EXPECT_EQ(Ctxt().nMsgSize, 117);
@@ -211,7 +211,7 @@ TEST_F(CotLink, DamagedFirstCopyFallsBackToTheSecondAndLogsValuesSwapped) {
   ExpectLog(4, "Second length 100 and checksum are OK\n");
 }
 
-TEST_F(CotLink, TheThirdCopyIsTheLastResort) {
+TEST_F(CotLink, ThirdCopyIsUsedLast) {
   Feed(Header({{101, 0xFF38}, {101, 0xFF38}, {100, 0xFF38}}));
   EXPECT_EQ(Ctxt().nMsgSize, 117);
   ExpectLogContaining(4, "MISMATCH in LENGTHs OR CRCs");
@@ -227,7 +227,7 @@ TEST_F(CotLink, FirstConsistentCopyWinsOverTwoThatAgree) {
   ExpectLog(4, "First length 50 and checksum is OK\n");
 }
 
-TEST_F(CotLink, NoConsistentCopyCostsTheSyncPatternOnly) {
+TEST_F(CotLink, HeaderWithoutAConsistentCopyDiscardsOnlyTheSyncPattern) {
   Feed(Header({{1, 1}, {2, 2}, {3, 3}}) + BuildCotFrame(kEvent));
   ExpectLogContaining(4, "MISMATCH in LENGTHs OR CRCs");
   ExpectLogContaining(4, "LV2=");
@@ -237,7 +237,7 @@ TEST_F(CotLink, NoConsistentCopyCostsTheSyncPatternOnly) {
 }
 
 TEST_F(CotLink, IdenticalCopiesWithAWrongCheckWordFailAndDecodingResumesFiveBytesLater) {
-  // The next frame begins right behind the sync pattern.
+  // The next frame begins right after the sync pattern.
   const Bytes frame = BuildCotFrame(kEvent);
   const Bytes header = Header({{100, 0xFF39}, {100, 0xFF39}, {100, 0xFF39}});
   Feed(header + frame);
@@ -250,7 +250,7 @@ TEST_F(CotLink, IdenticalCopiesWithAWrongCheckWordFailAndDecodingResumesFiveByte
   host().ClearLogs();
 }
 
-TEST_F(CotLink, FrameLargerThanTheBufferIsAHeaderWithoutLength) {
+TEST_F(CotLink, FrameLargerThanTheBufferIsTreatedAsAHeaderWithoutLength) {
   for (const unsigned length : {65520u, 65535u}) {
     Feed(GoodHeader(length) + BuildCotFrame(kEvent));
     ExpectLog(4, "Frame with " + std::to_string(length) + " bytes of data is larger than the decode buffer\n");
@@ -272,7 +272,7 @@ TEST_F(CotLink, FrameThatFillsTheBufferIsDecoded) {
 
 // --- Frame decoder ---------------------------------------------------------------------------------------
 
-TEST_F(CotLink, WholeFrameInOneChunkEndsInTheFirstState) {
+TEST_F(CotLink, WholeFrameInOneChunkReturnsToTheFirstState) {
   const Bytes frame = BuildCotFrame(kEvent);
   Feed(frame);
   ExpectLog(7, "Got the full message\n");
@@ -331,7 +331,7 @@ TEST_F(CotLink, SyncPatternCutOffAtAChunksEndIsContinued) {
   EXPECT_THAT(Delivered(), testing::ElementsAre(kEvent));
 }
 
-TEST_F(CotLink, PartialSyncThatGoesOnDifferentlyIsScannedAgain) {
+TEST_F(CotLink, PartialSyncThatDoesNotContinueIsScannedAgain) {
   Feed(Text("oHe"));
   Feed(Text("xoH"));
   EXPECT_EQ(Ctxt().enState, COT_IN_PARTIAL_SYNC);
@@ -382,7 +382,7 @@ TEST_F(CotLink, EveryCutBetweenTwoChunksGivesTheSameEvents) {
   }
 }
 
-TEST_F(CotLink, SurplusBehindAFrameIsScanned) {
+TEST_F(CotLink, BytesAfterAFrameAreScanned) {
   Feed(BuildCotFrame(kEvent) + Text("abc"));
   ExpectLog(7, "RECEIVED 3 EXTRA BYTE\n");
   EXPECT_EQ(Ctxt().enState, COT_SCANNING_FOR_HEADER);
@@ -422,7 +422,7 @@ TEST_F(CotLink, ChunkLargerThanTheBufferLosesNothing) {
   EXPECT_EQ(Stats().nRxOkMessages, sent.size());
 }
 
-TEST_F(CotLink, BufferFullOfNestedHeadersEndsWithTheFrameBehindIt) {
+TEST_F(CotLink, FrameAfterABufferFullOfNestedHeadersIsDecoded) {
   host().SetLevel("METADATALIB", 4);
   AllowLogs(4, "");
   Bytes nested;
@@ -439,7 +439,7 @@ TEST_F(CotLink, RandomDamageNeverStopsTheNextGoodFrame) {
   for (int round = 0; round < 500; round++) {
     Bytes stream = BuildCotFrame(kEvent);
     for (std::size_t i = 0; i < 1 + random() % 8; i++) stream[random() % stream.size()] = static_cast<BYTE>(random());
-    // A damaged length can swallow up to a buffer of what follows.
+    // After a damaged length up to a buffer of the following bytes can be lost.
     stream = std::move(stream) + Bytes(65'536, 0) + BuildCotFrame("good");
     g_deliveries.clear();
     FeedInPieces(stream, 1 + random() % 5000);
@@ -513,7 +513,7 @@ TEST_F(CotLink, CheckBitsAreNeitherTestedNorUsed) {
   EXPECT_EQ(g_deliveries.size(), 1u);
 }
 
-TEST_F(CotLink, ReedSolomonOnlyTakesOutTheDataBits) {
+TEST_F(CotLink, ReedSolomonExtractsOnlyTheDataBits) {
   Bytes block(39);
   for (std::size_t i = 0; i < block.size(); i++) block[i] = static_cast<BYTE>(i * 37);
   const Bytes packed = PackCodewords(block);
@@ -535,7 +535,7 @@ TEST_F(CotLink, OnlyACrcMismatchCountsAsCorrupted) {
   ExpectLog(4, szLine);
 }
 
-TEST_F(CotLink, WithoutMemoryThePayloadIsRejected) {
+TEST_F(CotLink, PayloadIsRejectedIfOutOfMemory) {
   host().FailNext("calloc");
   Feed(BuildCotFrame(kEvent));
   EXPECT_TRUE(g_deliveries.empty());
@@ -583,7 +583,7 @@ TEST_F(CotLink, ArqHeaderAloneDeliversAnEmptyEvent) {
   EXPECT_EQ(g_deliveries[0].size, 0);
 }
 
-TEST_F(CotLink, MissingHandlerIsAnAssertion) {
+TEST_F(CotLink, MissingHandlerAsserts) {
   Ctxt().pfnRxHandler = nullptr;
   Feed(BuildCotFrame(kEvent));
   ExpectAssertion("pCtxt->pfnRxHandler != NULL");
@@ -601,7 +601,7 @@ TEST_F(CotLink, HandlerMayKeepTheBuffer) {
 
 // --- XML log ---------------------------------------------------------------------------------------------
 
-TEST_F(CotLink, XMLLogNumbersEventsAndALostOneTakesANumber) {
+TEST_F(CotLink, XMLLogNumbersEventsAndCountsALostOne) {
   OpenXMLLog();
   Feed(BuildCotFrame("<a></a>\n"));
   Feed(BuildCotFrame("lost", {'1', {FrameField::Crc}, 1}));
@@ -619,7 +619,7 @@ TEST_F(CotLink, LastByteOfAMessageIsDeliveredButNotLogged) {
   EXPECT_THAT(CloseXMLLog(), testing::EndsWith("\nU#1<a></a\n\n"));
 }
 
-TEST_F(CotLink, XMLLogTakesOnlyWhatIsDelivered) {
+TEST_F(CotLink, XMLLogHoldsOnlyDeliveredEvents) {
   OpenXMLLog();
   Feed(ArqFrame("U#2other channel"));
   ExpectLogContaining(4, "This message is not on channel 1");
@@ -627,14 +627,14 @@ TEST_F(CotLink, XMLLogTakesOnlyWhatIsDelivered) {
   EXPECT_EQ(g_nXMLEventCount, 0);
 }
 
-TEST_F(CotLink, WithoutAnXMLLogNothingIsNumbered) {
+TEST_F(CotLink, EventsAreNotNumberedWithoutAnXMLLog) {
   Feed(BuildCotFrame(kEvent));
   Feed(BuildCotFrame("lost", {'1', {FrameField::Crc}, 1}));
   ExpectLogContaining(4, "CRC DOES NOT MATCH");
   EXPECT_EQ(g_nXMLEventCount, 0);
 }
 
-TEST_F(CotLink, XMLLogOnAFullDiskIsReportedOnceAndEventsGoOn) {
+TEST_F(CotLink, XMLLogOnAFullDiskIsReportedOnceAndEventsAreStillDelivered) {
   g_XMLOutFP = fopen("/dev/full", "w");
   ASSERT_NE(g_XMLOutFP, nullptr);
   setvbuf(g_XMLOutFP, nullptr, _IONBF, 0);

@@ -1,4 +1,4 @@
-// The fake host does what its language says.
+// Tests of the fake host itself.
 #include "fake_host.h"
 
 #include <fcntl.h>
@@ -77,9 +77,9 @@ TEST_F(FakeHost, FilesLiveInTheTestsOwnFolder) {
   EXPECT_NE(host().RealPath("/tmp/fake_host_probe.txt"), "/tmp/fake_host_probe.txt");
 }
 
-// --- nothing is left over: one planted leak of every kind ------------------------------------------------
+// --- leaks: one planted leak of every kind ------------------------------------------------
 
-// Checks that this one leak, and nothing else, is reported.
+// Checks that exactly this leak is reported.
 void ExpectLeak(const char* part) {
   EXPECT_NONFATAL_FAILURE(host().Verify(), part);
 }
@@ -112,7 +112,7 @@ TEST_F(FakeHost, ABlockOfTheLibraryLeftOverFailsTheTest) {
   DoReleaseBuffer(&buffer);
 }
 
-// Through volatile pointers, so that the compiler neither folds nor drops a call.
+// The calls go through volatile pointers, so that the compiler neither merges nor removes them.
 void* volatile g_none = nullptr;
 struct Allocator {
   const char* name;
@@ -214,7 +214,7 @@ TEST_F(FakeHost, AThreadThatIsNotJoinedFailsTheTest) {
   WaitForThread(thread);
 }
 
-// --- what recvmsg and the rate are asked for --------------------------------------------------------------
+// --- arguments of recvmsg and of the rate --------------------------------------------------------------
 
 class FakeReceive : public FakeHost {
  protected:
@@ -265,7 +265,7 @@ TEST_F(FakeReceive, WithoutSenderAndControlMessagesIsAllowed) {
   Receive();
 }
 
-TEST_F(FakeReceive, OneThatMayBlockFailsTheTest) {
+TEST_F(FakeReceive, CallThatMayBlockFailsTheTest) {
   EXPECT_NONFATAL_FAILURE(Receive(0), "must not block");
 }
 
@@ -274,13 +274,13 @@ TEST_F(FakeReceive, RoomForOnlyAnIPv4SenderFailsTheTest) {
   EXPECT_NONFATAL_FAILURE(Receive(), "the sender's room");
 }
 
-TEST_F(FakeReceive, RoomForOneControlMessageFailsTheTestAndCutsThemOff) {
+TEST_F(FakeReceive, RoomForOneControlMessageFailsTheTestAndTruncatesThem) {
   m_message.msg_controllen = CMSG_SPACE(sizeof(int));
   EXPECT_NONFATAL_FAILURE(Receive(), "the room for control messages");
   EXPECT_EQ(m_message.msg_flags, MSG_CTRUNC);
 }
 
-TEST_F(FakeReceive, NoMemoryForTheDatagramFailsTheTest) {
+TEST_F(FakeReceive, MissingBufferForTheDatagramFailsTheTest) {
   m_part = {nullptr, 0};
   host().FeedDatagram(m_fd, {});
   EXPECT_NONFATAL_FAILURE((void)recvmsg(m_fd, &m_message, MSG_DONTWAIT), "one part, with memory");
@@ -323,7 +323,7 @@ TEST_F(FakeHost, EveryGlobalOfTheLibraryGetsItsInitialValueBack) {
 
 // --- the metadata thread -----------------------------------------------------------------------------------
 
-// A thread that selects on a mailbox until it is told to stop.
+// A thread that selects on a mailbox until a flag tells it to stop.
 class FakeThread : public FakeHost {
  protected:
   void SetUp() override {
@@ -383,7 +383,7 @@ TEST_F(FakeThread, RunsInLockstepWithItsMailbox) {
   EXPECT_EQ(m_received, 2);
 }
 
-TEST_F(FakeThread, JoinedWithATimeOutItWakesByTheClock) {
+TEST_F(FakeThread, JoinWithATimeOutWakesItByTheClock) {
   const timeval interval = {2, 500000};
   FDMGR_SetSelectTimeout(m_set, &interval, OnTimeOut, nullptr, nullptr);
   const long start = host().NowSeconds();
@@ -392,8 +392,8 @@ TEST_F(FakeThread, JoinedWithATimeOutItWakesByTheClock) {
   EXPECT_EQ(host().NowSeconds(), start + 2);
 }
 
-TEST_F(FakeThread, JoinedWithNothingToWakeItFailsTheTest) {
-  m_stop = true;  // seen after the next pass only, and nothing makes one
+TEST_F(FakeThread, JoinFailsTheTestIfNothingWakesIt) {
+  m_stop = true;  // the thread sees it only after the next pass, which never happens
   EXPECT_NONFATAL_FAILURE(WaitForThread(m_thread), "sleeps for ever");
 }
 

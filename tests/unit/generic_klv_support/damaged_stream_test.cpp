@@ -1,4 +1,4 @@
-// The KLV stream decoder fed with a recorded flight in pieces, with damage, and with hostile streams.
+// Tests of the KLV stream decoder with a recorded flight in pieces, with damaged messages, and with hostile streams.
 #include <iostream>
 #include <random>
 
@@ -6,11 +6,11 @@
 
 namespace {
 
-// Bytes moved by memmove while a count is taken.
+// Counts the bytes moved by memmove while counting is enabled.
 thread_local bool g_bCounting = false;
 thread_local size_t g_nMoved = 0;
 
-// Whether a message is whole: its length field says its size.
+// Tells whether a message is complete, that is, whether its length field matches its size.
 bool IsWhole(const Bytes& message) {
   const std::vector<Bytes> cut = SplitMessages(message);
   return cut.size() == 1 && cut[0] == message;
@@ -26,7 +26,7 @@ class StreamTest : public DecoderTest {
     for (const Bytes& message : m_messages) ASSERT_TRUE(IsWhole(message));
     ExpectCountersAddUp();
   }
-  // A stream that follows a second of silence is found again after some messages.
+  // Checks that after a second of silence the decoder finds the stream again within some messages.
   void ExpectRecovery() {
     const Bytes good = WellFormedMessage();
     for (int i = 0; i < 20; i++) {
@@ -39,7 +39,7 @@ class StreamTest : public DecoderTest {
   }
 };
 
-// The recorded flight; a test without it says so and has nothing to show.
+// Tests with the recorded flight. If it is absent, they report that and check nothing.
 class FlightTest : public StreamTest {
  protected:
   void SetUp() override {
@@ -53,7 +53,7 @@ class FlightTest : public StreamTest {
     m_flightMessages = SplitMessages(m_flight);
     ASSERT_EQ(m_flightMessages.size(), 407u);
   }
-  // Whether what was delivered are messages of the flight, in its order.
+  // Tells whether the delivered messages are messages of the flight, in its order.
   bool IsPartOfFlight() const {
     size_t nAt = 0;
     for (const Bytes& message : m_messages) {
@@ -89,13 +89,13 @@ TEST_F(FlightTest, ArrivesWholeWhereverItIsCut) {
   }
 }
 
-TEST_F(FlightTest, ShorterChunksLoseMessagesButNeverSpoilOne) {
+TEST_F(FlightTest, ShorterChunksLoseMessagesButNeverAlterOne) {
   for (size_t nChunk = 1; nChunk < 16; nChunk++) {
     StartOver();
     FeedInChunks(m_flight, nChunk);
     EXPECT_TRUE(IsPartOfFlight()) << nChunk;
     ExpectCountersAddUp();
-    // A key that arrives byte by byte is looked at when its sixth byte is missing.
+    // A key that arrives byte by byte is evaluated while its sixth byte is missing.
     if (nChunk == 1) {
       EXPECT_TRUE(m_messages.empty());
     }
@@ -105,7 +105,7 @@ TEST_F(FlightTest, ShorterChunksLoseMessagesButNeverSpoilOne) {
   }
 }
 
-TEST_F(FlightTest, OneDamagedByteNeverSpoilsTheStream) {
+TEST_F(FlightTest, OneDamagedByteNeverStopsTheStream) {
   for (size_t nMessage = 0; nMessage < std::min<size_t>(3, m_flightMessages.size()); nMessage++) {
     const Bytes& good = m_flightMessages[nMessage];
     for (size_t nAt = 0; nAt < good.size(); nAt++) {
@@ -123,7 +123,7 @@ TEST_F(FlightTest, OneDamagedByteNeverSpoilsTheStream) {
 }
 
 TEST_F(FlightTest, EveryByteOfTheFlightDamagedOnceDeliversOnlyWholeMessages) {
-  // In each round one byte of every message, all at the same distance from its start.
+  // Each round damages one byte of every message, at the same distance from its start.
   size_t nLongest = 0;
   for (const Bytes& message : m_flightMessages) nLongest = std::max(nLongest, message.size());
   for (size_t nDistance = 0; nDistance < nLongest; nDistance++) {
@@ -165,7 +165,7 @@ TEST_F(StreamTest, StandardsSampleWithItemsLeftOutCountsAsCorrupted) {
   EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
 }
 
-TEST_F(StreamTest, RandomBytesNeverSpoilTheStream) {
+TEST_F(StreamTest, RandomBytesNeverStopTheStream) {
   std::mt19937 random(42);
   const Bytes lengths = {0x00, 0x05, 0x7F, 0x80, 0x81, 0x82, 0x83, 0x84, 0xFF};
   const Bytes designators = {0x01, 0x02, 0x03, 0x04, 0x05, 0x0B, 0x13, 0x1B, 0x22, 0x24, 0x63, 0x7B, 0xFF};
@@ -216,12 +216,12 @@ Bytes Repeated(const Bytes& what, size_t nSize) {
   return stream;
 }
 
-TEST_F(CostTest, NestedSyncPatternsMoveEachByteOnceAtMost) {
+TEST_F(CostTest, NestedSyncPatternsMoveEachByteAtMostOnce) {
   const Bytes pattern = {0x06, 0x0E, 0x2B, 0x34, 0x02};
   const std::vector<Bytes> hostile = {
       pattern,                           // unknown designators
-      UasKey() + Hex("83"),              // lengths of no form
-      UasKey() + Hex("82 FF FF"),        // each the head of a largest message
+      UasKey() + Hex("83"),              // lengths of no valid form
+      UasKey() + Hex("82 FF FF"),        // each is the head of a largest message
       UasKey() + Hex("82 FF FF 03 7F"),  // the same, with items
       UasKey() + Hex("00"),
       UasKey() + Hex("81 20"),
@@ -236,8 +236,8 @@ TEST_F(CostTest, NestedSyncPatternsMoveEachByteOnceAtMost) {
   }
 }
 
-TEST_F(CostTest, FullBufferOfSyncPatternsIsGivenUpInOneChunk) {
-  // A largest message all but its last byte, full of sync patterns; then time runs out.
+TEST_F(CostTest, FullBufferOfSyncPatternsIsDiscardedInOneChunk) {
+  // A largest message without its last byte is full of sync patterns; then the time-out expires.
   const Bytes head = UasKey() + Hex("82 FF FF");
   Feed(head + Repeated(Hex("06 0E 2B 34 02"), 65000));
   ExpectState(KLV_STATE_ACQUIRING_DATA, 19 + 65000);

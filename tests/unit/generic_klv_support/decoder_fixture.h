@@ -1,4 +1,4 @@
-// A KLV stream decoder whose messages are collected.
+// The fixture holds a KLV stream decoder and collects its messages.
 #ifndef DECODER_FIXTURE_H
 #define DECODER_FIXTURE_H
 
@@ -26,7 +26,7 @@ class DecoderTest : public HostTest {
     GenericKLV_GetStats(m_pvCtxt, &stats);
     return stats;
   }
-  // A new decoder, with nothing of earlier messages in its buffer.
+  // Creates a new decoder, whose buffer has no bytes of earlier messages.
   void StartOver() {
     FreeKlvDecodeContext(&m_pvCtxt);
     AllocKlvDecodeContext(&m_pvCtxt, &Collect, this);
@@ -34,7 +34,7 @@ class DecoderTest : public HostTest {
     m_nFed = 0;
   }
 
-  // Feeds a chunk from a block of exactly its size, so that a read past its end is seen.
+  // Feeds a chunk from a block of exactly its size, so that a sanitizer detects a read past its end.
   void Feed(const Bytes& chunk) { Feed(chunk, 0, chunk.size()); }
   void Feed(const Bytes& from, size_t nBegin, size_t nEnd) {
     const std::unique_ptr<BYTE[]> pcExact(new BYTE[nEnd - nBegin + 1]);
@@ -43,7 +43,7 @@ class DecoderTest : public HostTest {
     EXPECT_EQ(GenericKLV_ProcessRxData(m_pvCtxt, pcExact.get() + 1, static_cast<int>(nEnd - nBegin)), 0);
     m_nFed += nEnd - nBegin;
   }
-  // The same in chunks of one size, the first of which may be shorter.
+  // Feeds bytes in chunks of one size, the first of which may be shorter.
   void FeedInChunks(const Bytes& stream, size_t nChunk, size_t nFirst = 0) {
     size_t nAt = std::min(nFirst, stream.size());
     if (nAt > 0) Feed(stream, 0, nAt);
@@ -56,7 +56,7 @@ class DecoderTest : public HostTest {
     EXPECT_EQ(Context().enState, nState);
     EXPECT_EQ(Context().nStoredAmount, nStored);
   }
-  // What must hold whatever was fed: all bytes are counted, and so is every message delivered.
+  // Checks the counters, which must match for every input: all bytes and all delivered messages are counted.
   void ExpectCountersAddUp(Where where = Where::Caller()) {
     ::testing::ScopedTrace trace(where.file, where.line, "counters");
     EXPECT_EQ(Stats().nTotalRxBytes, m_nFed);

@@ -1,4 +1,4 @@
-// The KLV stream decoder: states, discards, time-outs and counters.
+// Tests of the KLV stream decoder: states, discards, time-outs and counters.
 #include <gmock/gmock.h>
 
 #include "decoder_fixture.h"
@@ -13,12 +13,13 @@ Bytes Part(const Bytes& of, size_t nBegin, size_t nEnd = SIZE_MAX) {
   return {of.begin() + static_cast<ptrdiff_t>(nBegin), of.begin() + static_cast<ptrdiff_t>(std::min(nEnd, of.size()))};
 }
 
-// A good message that differs from its siblings.
+// Returns a good message that differs from the others.
 Bytes Numbered(BYTE nNumber) {
   return UasMessage().Item(2, Bytes(8, nNumber)).Item(15, {0, nNumber}).Checksum().Build();
 }
 
-// A good message of a whole size, with one item and a length field of two bytes. Its content holds no sync pattern.
+// Returns a good message of the given total size, with one item and a length field of two bytes. Its content has no
+// sync pattern.
 Bytes OfValueSize(size_t nValue) {
   return UasMessage().Item(3, Bytes(nValue, 'x')).Checksum().LengthForm(UasMessage::Length::Long2).Build();
 }
@@ -41,14 +42,14 @@ TEST_F(DecoderTest, NewContextWaitsForAHeaderWithAnEmptyBuffer) {
   EXPECT_EQ(Stats().nTotalRxBytes + Stats().nRxOkMessages + Stats().nRxCorruptedMessages, 0u);
 }
 
-TEST_F(DecoderTest, WithoutMemoryForTheContextThereIsNone) {
+TEST_F(DecoderTest, NoContextIsCreatedIfOutOfMemory) {
   void* pvCtxt = this;
   host().FailNext("calloc");
   EXPECT_FALSE(AllocKlvDecodeContext(&pvCtxt, &Collect, this));
   EXPECT_EQ(pvCtxt, nullptr);
 }
 
-TEST_F(DecoderTest, WithoutMemoryForTheBufferTheContextIsDeaf) {
+TEST_F(DecoderTest, ContextWithoutABufferDropsEverything) {
   void* pvCtxt = nullptr;
   host().FailNext("calloc", {.skip = 1});
   EXPECT_TRUE(AllocKlvDecodeContext(&pvCtxt, &Collect, this));
@@ -61,7 +62,7 @@ TEST_F(DecoderTest, WithoutMemoryForTheBufferTheContextIsDeaf) {
   EXPECT_EQ(pvCtxt, nullptr);
 }
 
-TEST_F(DecoderTest, FreeingNothingAsserts) {
+TEST_F(DecoderTest, FreeingANullContextAsserts) {
   EXPECT_FALSE(FreeKlvDecodeContext(nullptr));
   ExpectAssertion("ppvContext != NULL");
   void* pvNone = nullptr;
@@ -71,8 +72,8 @@ TEST_F(DecoderTest, FreeingNothingAsserts) {
 
 // --- Statistics ------------------------------------------------------------------------------------------
 
-// What a key that is not complete is completed from is what follows it in the memory, so where it stands matters.
-TEST_F(DecoderTest, IncompleteKeyBehindADiscardedOneStandsAtTheStartOfTheMemory) {
+// An incomplete key is completed with the bytes that follow it in the buffer, so its position matters.
+TEST_F(DecoderTest, IncompleteKeyAfterADiscardedOneMovesToTheStartOfTheBuffer) {
   Feed(kSync + Bytes{0xFF} + kSync + Bytes{0x0B, 1, 1, 0x0E, 1, 3, 1});
   ExpectLog(4, "Unrecognized registry designator (0xFF).\n");
   ExpectLog(4, "Invalid registry designator, discarding data.\n");
@@ -110,7 +111,7 @@ TEST_F(DecoderTest, StatisticsAreLoadedFromThoseOfTheSource) {
 
 // --- Whole messages --------------------------------------------------------------------------------------
 
-TEST_F(DecoderTest, MessageInOneChunkTellsEveryStep) {
+TEST_F(DecoderTest, MessageInOneChunkLogsEveryStep) {
   const Bytes message = UasMessage().Item(5, {1, 2}).Checksum().Build();
   Feed(message);
   EXPECT_THAT(m_messages, ElementsAre(message));
@@ -130,12 +131,12 @@ TEST_F(DecoderTest, MessageInOneChunkTellsEveryStep) {
   ExpectCountersAddUp();
 }
 
-TEST_F(DecoderTest, MessageComesInABufferOfItsOwnWithAReserve) {
+TEST_F(DecoderTest, MessageHasItsOwnBufferWithReservedBytes) {
   m_bKeep = true;
   const Bytes message = WellFormedMessage();
   Feed(message);
   ASSERT_EQ(m_messages.size(), 1u);
-  EXPECT_EQ(m_pLast->nRefCount, 1);  // the one the handler took
+  EXPECT_EQ(m_pLast->nRefCount, 1);  // the reference that the handler kept
   EXPECT_EQ(m_pLast->pcData - static_cast<BYTE*>(m_pLast->pvAllocPtr),
             static_cast<ptrdiff_t>(sizeof(MDATA_BUFFER)) + 5);
   EXPECT_EQ(Bytes(m_pLast->pcData - 5, m_pLast->pcData), Bytes(5, 0));
@@ -153,7 +154,7 @@ TEST_F(DecoderTest, KeptMessageOutlivesTheNext) {
   DoReleaseBuffer(&pKept);
 }
 
-TEST_F(DecoderTest, GarbageBehindAMessageIsScannedAndDropped) {
+TEST_F(DecoderTest, GarbageAfterAMessageIsScannedAndDropped) {
   const Bytes message = WellFormedMessage();
   Feed(message + Hex("AA BB CC"));
   EXPECT_THAT(m_messages, ElementsAre(message));
@@ -161,7 +162,7 @@ TEST_F(DecoderTest, GarbageBehindAMessageIsScannedAndDropped) {
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
 }
 
-TEST_F(DecoderTest, GarbageInFrontOfAMessageIsDropped) {
+TEST_F(DecoderTest, GarbageBeforeAMessageIsDropped) {
   Feed(Hex("06 0E 2B 06 AA") + Numbered(1));
   EXPECT_THAT(m_messages, ElementsAre(Numbered(1)));
   EXPECT_EQ(Stats().nRxCorruptedMessages, 0u);
@@ -174,7 +175,7 @@ TEST_F(DecoderTest, ChunkWithoutASyncPatternIsDropped) {
   ExpectCountersAddUp();
 }
 
-TEST_F(DecoderTest, TwoMessagesInOneChunkComeInTheirOrder) {
+TEST_F(DecoderTest, TwoMessagesInOneChunkAreDeliveredInOrder) {
   const Bytes second = Numbered(2);
   Feed(Numbered(1) + second);
   EXPECT_THAT(m_messages, ElementsAre(Numbered(1), second));
@@ -184,7 +185,7 @@ TEST_F(DecoderTest, TwoMessagesInOneChunkComeInTheirOrder) {
   ExpectCountersAddUp();
 }
 
-TEST_F(DecoderTest, MessageWithoutItemsIsAMessage) {
+TEST_F(DecoderTest, MessageWithoutItemsIsDelivered) {
   const Bytes empty = UasMessage().Build();
   Feed(empty);
   EXPECT_THAT(m_messages, ElementsAre(empty));
@@ -204,7 +205,7 @@ TEST_F(DecoderTest, SyncPatternCutOffAtTheEndOfAChunkIsCompleted) {
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
 }
 
-TEST_F(DecoderTest, SyncPatternMayComeByteByByte) {
+TEST_F(DecoderTest, SyncPatternMayArriveByteByByte) {
   const Bytes message = WellFormedMessage();
   Feed(Part(message, 0, 1));
   Feed(Part(message, 1, 2));
@@ -216,7 +217,7 @@ TEST_F(DecoderTest, SyncPatternMayComeByteByByte) {
   EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
-TEST_F(DecoderTest, PartialSyncThatDoesNotGoOnIsDroppedAndTheChunkScanned) {
+TEST_F(DecoderTest, PartialSyncThatDoesNotContinueIsDroppedAndTheChunkScanned) {
   const Bytes message = WellFormedMessage();
   Feed(Part(kSync, 0, 3));
   Feed(Hex("34 AA") + message);
@@ -274,7 +275,7 @@ TEST_F(DecoderTest, LongFormCutInsideItsBytesWaitsForThem) {
   EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
-TEST_F(DecoderTest, BodyInPiecesIsGathered) {
+TEST_F(DecoderTest, BodyInPiecesIsCollected) {
   const Bytes message = WellFormedMessage();
   Feed(Part(message, 0, 20));
   ExpectLog(7, "Stored amount 20 is less than message size of " + std::to_string(message.size()) +
@@ -323,7 +324,7 @@ TEST_F(DecoderTest, ShortKeyInANewBufferHasAnUnknownDesignator) {
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
 }
 
-TEST_F(DecoderTest, ShortKeyIsReadFromWhatTheBufferHoldsOfTheLastMessage) {
+TEST_F(DecoderTest, ShortKeyIsCompletedFromTheRemainsOfTheLastMessage) {
   const Bytes first = UasMessage().Item(3, Bytes(120, 'x')).Checksum().Build();
   ASSERT_EQ(first[16], 0x7E);
   const Bytes second = Numbered(2);
@@ -337,7 +338,7 @@ TEST_F(DecoderTest, ShortKeyIsReadFromWhatTheBufferHoldsOfTheLastMessage) {
   ExpectState(KLV_STATE_ACQUIRING_DATA, 5);
 }
 
-TEST_F(DecoderTest, GuessedLengthIsReadAgainOnceItIsThere) {
+TEST_F(DecoderTest, GuessedLengthIsReadAgainOnceItArrives) {
   const Bytes message = WellFormedMessage();
   Feed(Part(message, 0, 7));
   Feed(Part(message, 7, 14));
@@ -351,7 +352,7 @@ TEST_F(DecoderTest, GuessedLengthIsReadAgainOnceItIsThere) {
   ExpectCountersAddUp();
 }
 
-TEST_F(DecoderTest, GuessedDesignatorIsReadAgainOnceItIsThere) {
+TEST_F(DecoderTest, GuessedDesignatorIsReadAgainOnceItArrives) {
   const Bytes fixed = UasMessage().Key(Hex("060E2B34024301010E01030101000000")).Raw(Hex("07 00 01 AA")).Build();
   Feed(Numbered(1));
   Feed(Part(fixed, 0, 2));
@@ -362,7 +363,7 @@ TEST_F(DecoderTest, GuessedDesignatorIsReadAgainOnceItIsThere) {
   EXPECT_THAT(m_messages, ElementsAre(Numbered(1), fixed));
 }
 
-TEST_F(DecoderTest, LengthLookedAtByAnEmptyChunkIsReadAgain) {
+TEST_F(DecoderTest, LengthReadAtAnEmptyChunkIsReadAgain) {
   const Bytes message = WellFormedMessage();
   Feed(Part(message, 0, 16));
   Feed({});
@@ -385,7 +386,7 @@ TEST_F(DecoderTest, ShortKeyKeepsItsStartTime) {
 
 // --- Lengths ---------------------------------------------------------------------------------------------
 
-TEST_F(DecoderTest, LongFormOfOneByte) {
+TEST_F(DecoderTest, LongFormOfOneByteIsRead) {
   Feed(UasKey() + Hex("81 C8 02"));
   EXPECT_EQ(Context().nHeaderSize, 18);
   EXPECT_EQ(Context().nMsgSize, 218);
@@ -395,7 +396,7 @@ TEST_F(DecoderTest, LongFormOfOneByte) {
   ExpectLog(7, "Buffer Space for data is 65566 bytes.\n");
 }
 
-TEST_F(DecoderTest, LongFormOfTwoBytes) {
+TEST_F(DecoderTest, LongFormOfTwoBytesIsRead) {
   Feed(UasKey() + Hex("82 01 02 02"));
   EXPECT_EQ(Context().nHeaderSize, 19);
   EXPECT_EQ(Context().nMsgSize, 19 + 0x102);
@@ -439,7 +440,7 @@ TEST_F(DecoderTest, LargestMessagePassesTheSpaceTestAndIsDelivered) {
   EXPECT_THAT(m_messages, ElementsAre(message));
 }
 
-TEST_F(DecoderTest, LargestMessageWithMuchMoreBehindItInOneChunk) {
+TEST_F(DecoderTest, LargestMessageFollowedByMoreInOneChunkIsDelivered) {
   const Bytes message = OfValueSize(65535 - 4 - 4);
   Bytes stream = Part(message, 0, 65553);
   Feed(stream);
@@ -450,7 +451,7 @@ TEST_F(DecoderTest, LargestMessageWithMuchMoreBehindItInOneChunk) {
   ExpectCountersAddUp();
 }
 
-TEST_F(DecoderTest, KeyCutByTheSlicesOfALongChunkIsReadWhole) {
+TEST_F(DecoderTest, KeySplitByTheSlicesOfALongChunkIsReadWhole) {
   host().SetLevel("METADATALIB", 0);
   const Bytes message = Numbered(1);
   for (size_t nBeforeTheCut = 1; nBeforeTheCut < 16; nBeforeTheCut++) {
@@ -465,7 +466,7 @@ TEST_F(DecoderTest, KeyCutByTheSlicesOfALongChunkIsReadWhole) {
   }
 }
 
-TEST_F(DecoderTest, LargestMessageInsideARejectedOneFindsRoom) {
+TEST_F(DecoderTest, LargestMessageInsideARejectedOneFits) {
   const Bytes inner = OfValueSize(65535 - 4 - 4);
   const Bytes outer = UasKey() + Hex("82 FF FF") + Bytes(32000, 'x') + inner;
   Feed(Part(outer, 0, 65553));
@@ -528,7 +529,7 @@ TEST_F(DecoderTest, RejectedMessageIsScannedForTheNextOne) {
   EXPECT_EQ(Stats().nRxOkMessages, 1u);
 }
 
-TEST_F(DecoderTest, LateDataDiscardsFiveBytesAndScansWhatWasHeld) {
+TEST_F(DecoderTest, LateDataDiscardsFiveBytesAndScansTheHeldBytes) {
   const Bytes inner = Numbered(1);
   const Bytes outer = UasMessage().Item(3, inner).Item(4, Bytes(60, 'x')).Checksum().Build();
   Feed(Part(outer, 0, outer.size() - 10));
@@ -538,7 +539,7 @@ TEST_F(DecoderTest, LateDataDiscardsFiveBytesAndScansWhatWasHeld) {
   Feed(Part(outer, outer.size() - 10) + Numbered(2));
   ExpectLog(7, "Interval 0.600\n");
   ExpectLog(4, "TIMEOUT waiting for message data\n");
-  EXPECT_THAT(m_messages, ElementsAre(inner));  // the late chunk, with a message in it, is lost
+  EXPECT_THAT(m_messages, ElementsAre(inner));  // the late chunk, which contains a message, is lost
   EXPECT_EQ(Stats().nRxCorruptedMessages, 1u);
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
   ExpectCountersAddUp();
@@ -595,14 +596,14 @@ TEST_F(DecoderTest, NoTimerDiscardsAStalledMessage) {
 
 // --- Failures --------------------------------------------------------------------------------------------
 
-TEST_F(DecoderTest, FailedClockAssertsAndGoesOn) {
+TEST_F(DecoderTest, FailedClockAssertsAndDecodingContinues) {
   host().FailNext("gettimeofday");
   Feed(WellFormedMessage());
   ExpectAssertion("gettimeofday(&pCtxt->MsgStartTime, NULL) == 0");
   EXPECT_EQ(m_messages.size(), 1u);
 }
 
-TEST_F(DecoderTest, NoHandlerAssertsAndGoesOn) {
+TEST_F(DecoderTest, MissingHandlerAssertsAndDecodingContinues) {
   Context().pfnRxHandler = nullptr;
   Feed(WellFormedMessage());
   ExpectAssertion("pCtxt->pfnRxHandler != NULL");
@@ -610,7 +611,7 @@ TEST_F(DecoderTest, NoHandlerAssertsAndGoesOn) {
   ExpectState(KLV_STATE_SCANNING_FOR_HEADER, 0);
 }
 
-TEST_F(DecoderTest, WithoutMemoryTheMessageIsLostAndTheNextArrives) {
+TEST_F(DecoderTest, MessageIsLostIfOutOfMemoryAndTheNextIsDelivered) {
   host().FailNext("calloc");
   const Bytes first = Numbered(1);
   Feed(first + Numbered(2));
@@ -619,7 +620,7 @@ TEST_F(DecoderTest, WithoutMemoryTheMessageIsLostAndTheNextArrives) {
   EXPECT_EQ(Stats().nRxOkMessages, 2u);
 }
 
-TEST_F(DecoderTest, BelowLevelFourADiscardIsSilent) {
+TEST_F(DecoderTest, DiscardIsNotLoggedBelowLevelFour) {
   host().SetLevel("METADATALIB", 3);
   Feed(UasKey() + Hex("83 00 00 00"));
   EXPECT_TRUE(host().Logs().empty());

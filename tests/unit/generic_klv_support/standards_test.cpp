@@ -1,4 +1,4 @@
-// Local set standards, the walk through a message's items, and the checksum.
+// Tests of the local set standards, the walk through a message's items, and the checksum.
 #include <gmock/gmock.h>
 
 #include <climits>
@@ -16,7 +16,8 @@ int HeaderSizeOf(const Bytes& message) {
   return message[16] < 0x80 ? 17 : 17 + (message[16] & 0x7F);
 }
 
-// A message whose checksum item stands anywhere: the sum over the whole, its two value bytes as zero.
+// Returns a message with the checksum item at any place: the sum covers the whole message, with the two value bytes as
+// zero.
 Bytes WithChecksumInTheMiddle() {
   Bytes message = UasMessage().Item(2, Bytes(8, 7)).Raw(Hex("01 02 00 00")).Item(5, {1, 2}).Item(15, {3, 4}).Build();
   const WORD nSum = OwnChecksum(message, message.size());
@@ -33,7 +34,7 @@ std::string SumText(int nSum, int nLength) {
 
 class ValidationTest : public HostTest {
  protected:
-  // Checks a message that sits in a block of exactly its size, its items coded as its key says.
+  // Checks a message in a block of exactly its size. Its key determines the coding of its items.
   BOOL Validate(const Bytes& message) {
     EXPECT_TRUE(KLV_GetFieldInfoFromRegistryDesignator(message[5], &m_context.nKlvTagFieldSize,
                                                        &m_context.nKlvLengthFieldSize));
@@ -49,7 +50,7 @@ class ValidationTest : public HostTest {
     EXPECT_EQ(m_context.Stats.nRxCorruptedMessages + m_context.Stats.nTotalRxBytes, 0u);
     return bGood;
   }
-  // A message of an unknown standard, its items coded by the designator.
+  // Returns a message of an unknown standard. The designator determines the coding of its items.
   static Bytes Coded(BYTE nDesignator, const Bytes& body) {
     Bytes key = UasKey();
     key[5] = nDesignator;
@@ -119,7 +120,7 @@ TEST_F(ValidationTest, LeftOverByteIsNoItem) {
 }
 
 TEST_F(ValidationTest, LengthNearFourGigabytesRunsPastTheEnd) {
-  // Behind each item 4 bytes that a step backwards, or none at all, would reach.
+  // The 4 bytes after each item would be reached by a step backwards or no step at all.
   const struct {
     const char* szItem;
     int nSum;
@@ -132,7 +133,7 @@ TEST_F(ValidationTest, LengthNearFourGigabytesRunsPastTheEnd) {
 }
 
 TEST_F(ValidationTest, WrappedLengthThatWouldReachTheEndRunsPastIt) {
-  // In 32 bits the second length would lead from offset 5 back to the start, and on to the end.
+  // In 32 bits the second length would lead from offset 5 back to the start, and from there to the end.
   EXPECT_FALSE(Validate(Coded(0x63, Hex("05 00 00 00 00 05 FF FF FF F6"))));
   ExpectLog(4, SumText(0, 10));
   EXPECT_FALSE(Validate(Coded(0x63, Hex("05 00 00 00 00 05 FF FF FF FF"))));
@@ -173,7 +174,7 @@ TEST_F(ValidationTest, ChecksumInTheMiddleIsSummedOverTheWholeMessage) {
   EXPECT_TRUE(Validate(WithChecksumInTheMiddle()));
   ExpectLog(6, "Calculating two-pass checksum since KLV is NOT at the end.\n");
   Bytes behind = WithChecksumInTheMiddle();
-  behind.back() = static_cast<BYTE>(behind.back() + 1);  // behind the checksum, and still summed
+  behind.back() = static_cast<BYTE>(behind.back() + 1);  // the byte is after the checksum, but still summed
   EXPECT_FALSE(Validate(behind));
   ExpectLogContaining(4, "doesn't match KLV value");
   ExpectLog(4, kRejected);
@@ -184,8 +185,9 @@ TEST_F(ValidationTest, MessageWithoutAChecksumPasses) {
   ExpectNoLog("Integrity item located.\n");
 }
 
-TEST_F(ValidationTest, TwoChecksumItemsFailThoughBothAreRight) {
-  // Of two items with the values a and b the first, two-pass, sums all but a; the second all before b.
+TEST_F(ValidationTest, TwoChecksumItemsFailAlthoughBothAreCorrect) {
+  // With two items of the values a and b, the two-pass sum of the first covers all but a, and the second all bytes
+  // before b.
   Bytes message = UasMessage().Raw(Hex("01 02 00 00 01 02 00 00")).Build();
   for (unsigned b = 0; b < 0x10000; b++) {
     message[23] = static_cast<BYTE>(b >> 8);
@@ -201,7 +203,7 @@ TEST_F(ValidationTest, TwoChecksumItemsFailThoughBothAreRight) {
   ExpectLog(4, kTwice);
 }
 
-TEST_F(ValidationTest, ChecksumItemOfOneByteIsRejectedWithoutAWordOnTheChecksum) {
+TEST_F(ValidationTest, ChecksumItemOfOneByteIsRejectedWithoutALineAboutTheChecksum) {
   EXPECT_FALSE(Validate(UasMessage().Item(15, {3, 4}).Raw(Hex("01 01 AA")).Build()));
   ExpectLog(4, kRejected);
   for (const LogLine& line : host().Logs()) EXPECT_EQ(line.text.find("hecksum"), std::string::npos) << line.text;
@@ -243,7 +245,7 @@ TEST_F(ValidationTest, HeaderSizeDoesNotMatterToTheValidator) {
 }
 
 TEST_F(ValidationTest, ChecksumOfAMessageBeyond65535BytesCoversAllOfIt) {
-  // Items too many for one length: 65531 bytes of value, and the checksum at the end of 65554 bytes.
+  // The items exceed one length: 65531 bytes of value, and the checksum at the end of 65554 bytes.
   Bytes message = UasMessage().Item(3, Bytes(65535 - 8, 'x')).Checksum().Build();
   ASSERT_EQ(message.size(), 65554u);
   EXPECT_TRUE(Validate(message));

@@ -1,4 +1,4 @@
-// Parsing of one KLV element.
+// Tests of the parsing of one KLV element.
 #include "klv_utils.h"
 
 #include <limits.h>
@@ -21,7 +21,7 @@ constexpr char kDataOutOfRange[] = "data offset is out of range of the supplied 
 constexpr int kAllTagCodes[] = {-1, 0, 1, 2, 4, 12, 16};
 constexpr int kAllLengthCodes[] = {0, 1, 2, 4};
 
-// What became of one element. Offsets are from its start.
+// The result for one element. Offsets count from its start.
 struct Parsed {
   UINT32 nKey;
   int nLength;
@@ -38,7 +38,7 @@ void PrintTo(const Parsed& p, std::ostream* pStream) {
 
 class KlvInfoTest : public HostTest {
  protected:
-  // Parses bytes that sit in a block of exactly their size. A failure must leave the record alone.
+  // Parses bytes in a block of exactly their size. A failure must leave the record unchanged.
   std::optional<Parsed> Parse(const Bytes& data, int nTagCode, int nLengthCode) {
     const std::unique_ptr<BYTE[]> pcExact(new BYTE[data.size() + 1]);
     BYTE* pcData = pcExact.get() + 1;
@@ -89,7 +89,7 @@ TEST_F(KlvInfoTest, DesignatorTableHasItsRowsInTheirOrder) {
   }
 }
 
-TEST_F(KlvInfoTest, EveryByteIsAKnownDesignatorOrToldAsUnknown) {
+TEST_F(KlvInfoTest, EveryByteIsAKnownDesignatorOrReportedAsUnknown) {
   for (int nDesignator = 0; nDesignator < 256; nDesignator++) {
     int nTag = 77;
     int nLength = 77;
@@ -109,7 +109,7 @@ TEST_F(KlvInfoTest, EveryByteIsAKnownDesignatorOrToldAsUnknown) {
   }
 }
 
-TEST_F(KlvInfoTest, DesignatorOfTheUasSetIsBerAndSixIsNone) {
+TEST_F(KlvInfoTest, DesignatorOfTheUasSetIsBerAndSixIsUnknown) {
   int nTag = 0;
   int nLength = 77;
   EXPECT_TRUE(KLV_GetFieldInfoFromRegistryDesignator(0x0B, &nTag, &nLength));
@@ -136,7 +136,7 @@ TEST_F(KlvInfoTest, UnknownDesignatorIsSilentBelowLevelFour) {
 
 // --- Texts -----------------------------------------------------------------------------------------------
 
-TEST_F(KlvInfoTest, TextsOfTheSizeCodes) {
+TEST_F(KlvInfoTest, SizeCodesHaveTheirTexts) {
   const struct {
     int nCode;
     const char* szTag;
@@ -159,7 +159,7 @@ TEST_F(KlvInfoTest, TextsOfTheSizeCodes) {
   }
 }
 
-TEST_F(KlvInfoTest, TextIsCutToItsBuffer) {
+TEST_F(KlvInfoTest, TextIsTruncatedToItsBuffer) {
   char acBuffer[6] = {'?', '?', '?', '?', '?', '?'};
   EXPECT_STREQ(KLV_GetTagFieldDescription(16, acBuffer, 5), "Univ");
   EXPECT_EQ(acBuffer[5], '?');
@@ -167,13 +167,13 @@ TEST_F(KlvInfoTest, TextIsCutToItsBuffer) {
 
 // --- Tags ------------------------------------------------------------------------------------------------
 
-TEST_F(KlvInfoTest, StartsWithWhatItWasAskedToRead) {
+TEST_F(KlvInfoTest, LogsTheRequestedSizesFirst) {
   EXPECT_TRUE(Parse("05 00", -1, 0));
   ExpectLog(7,
             "Inspecting KLV with K=\"ASN.1 OID BER\" L=\"ASN.1 BER short or long\" with 2 bytes of readable memory.\n");
 }
 
-TEST_F(KlvInfoTest, FewerThanTwoBytesAreNoElement) {
+TEST_F(KlvInfoTest, FewerThanTwoBytesAreRefused) {
   for (const int nTagCode : kAllTagCodes) {
     for (const int nLengthCode : kAllLengthCodes) {
       ExpectRefused("", nTagCode, nLengthCode, kKeyOutOfRange);
@@ -185,24 +185,24 @@ TEST_F(KlvInfoTest, FewerThanTwoBytesAreNoElement) {
   ExpectLog(4, kKeyOutOfRange);
 }
 
-TEST_F(KlvInfoTest, BerTagOfOneByte) {
+TEST_F(KlvInfoTest, BerTagOfOneByteIsRead) {
   EXPECT_EQ(Parse("41 01 AA", -1, 0), (Parsed{0x41, 1, 2, 1, 1, 3}));
   ExpectLog(7, "BER encoded tag is 1 bytes long.\n");
   ExpectLog(7, "one byte tag=0x41.\n");
 }
 
-TEST_F(KlvInfoTest, BerTagOfTwoBytes) {
+TEST_F(KlvInfoTest, BerTagOfTwoBytesIsRead) {
   EXPECT_EQ(Parse("81 01 01 AA", -1, 0), (Parsed{0x81, 1, 3, 2, 1, 4}));
   ExpectLog(7, "BER encoded tag is 2 bytes long.\n");
   ExpectLog(7, "two bytes tag=0x0081.\n");
 }
 
-TEST_F(KlvInfoTest, BerTagOfThreeBytes) {
+TEST_F(KlvInfoTest, BerTagOfThreeBytesIsRead) {
   EXPECT_EQ(Parse("81 82 03 01 AA", -1, 0), (Parsed{0x4103, 1, 4, 3, 1, 5}));
   ExpectLog(7, "three bytes tag=0x004103.\n");
 }
 
-TEST_F(KlvInfoTest, BerTagOfFourBytes) {
+TEST_F(KlvInfoTest, BerTagOfFourBytesIsRead) {
   EXPECT_EQ(Parse("FF FF FF 7F 00", -1, 0), (Parsed{0x0FFFFFFF, 0, 5, 4, 1, 5}));
   ExpectLog(7, "four bytes tag=0x0FFFFFFF.\n");
 }
@@ -220,7 +220,7 @@ TEST_F(KlvInfoTest, BerTagWithoutAnEndIsOutOfRange) {
   ExpectRefused("FF FF FF FF FF FF", -1, 0, kTagOutOfRange);
 }
 
-TEST_F(KlvInfoTest, TagsOfFixedSize) {
+TEST_F(KlvInfoTest, TagsOfFixedSizeAreRead) {
   EXPECT_EQ(Parse("FE 01 AA", 1, 0), (Parsed{0xFE, 1, 2, 1, 1, 3}));
   ExpectLog(7, "Using specified 1 byte tag.\n");
   EXPECT_EQ(Parse("FE DC 01 AA", 2, 0), (Parsed{0xFEDC, 1, 3, 2, 1, 4}));
@@ -231,7 +231,7 @@ TEST_F(KlvInfoTest, TagsOfFixedSize) {
   ExpectLog(7, "Using specified 16 bytes tag.\n");
 }
 
-TEST_F(KlvInfoTest, TagsCutShort) {
+TEST_F(KlvInfoTest, TruncatedTagsAreRefused) {
   ExpectRefused("FE DC BA", 4, 0, "Not enough buffer space to read 4 bytes key.\n");
   EXPECT_FALSE(Parse(Bytes(15, 1), 16, 0));
   ExpectLog(4, "Not enough buffer space to read 16 bytes key.\n");
@@ -246,7 +246,7 @@ TEST_F(KlvInfoTest, TagThatFillsTheBufferLeavesNoLength) {
   ExpectLog(4, kLengthOutOfRange);
 }
 
-TEST_F(KlvInfoTest, NoTag) {
+TEST_F(KlvInfoTest, PackItemHasNoTag) {
   EXPECT_EQ(Parse("02 AA BB", 0, 0), (Parsed{0, 2, 1, 0, 1, 3}));
   ExpectLog(7, "No tag present (var/def length pack).\n");
 }
@@ -259,7 +259,7 @@ TEST_F(KlvInfoTest, GlobalTagEndsWithItsZeroByteOrAfterTwelve) {
   EXPECT_EQ(Parse("01 02 03 04 05 06 07 08 09 0A 0B 00 01 AA", 12, 0), (Parsed{0, 1, 13, 12, 1, 14}));
 }
 
-TEST_F(KlvInfoTest, GlobalTagCutShort) {
+TEST_F(KlvInfoTest, TruncatedGlobalTagIsRefused) {
   ExpectRefused("01 02 03", 12, 0, "Not enough buffer space to read global tag.\n");
   ExpectRefused("01 02 03 04 05 06 07 08 09 0A 0B", 12, 0, "Not enough buffer space to read global tag.\n");
 }
@@ -277,7 +277,7 @@ TEST_F(KlvInfoTest, UnknownTagCodeAssertsAndReadsNoTag) {
 
 // --- Lengths ---------------------------------------------------------------------------------------------
 
-TEST_F(KlvInfoTest, BerShortForm) {
+TEST_F(KlvInfoTest, BerShortFormIsRead) {
   EXPECT_EQ(Parse(Hex("05 7F") + Bytes(127, 0), 1, 0), (Parsed{5, 127, 2, 1, 1, 129}));
   ExpectLog(7, "BER short form length of 1 byte detected.\n");
 }
@@ -300,20 +300,20 @@ TEST_F(KlvInfoTest, OtherLongFormsAreUnsupported) {
   ExpectLog(4, "Unsupported long form tag length of 127 bytes.\n");
 }
 
-TEST_F(KlvInfoTest, LongFormCutShortIsOutOfRange) {
+TEST_F(KlvInfoTest, TruncatedLongFormIsOutOfRange) {
   ExpectRefused("05 81", 1, 0, kLengthOutOfRange);
   ExpectRefused("05 82 01", 1, 0, kLengthOutOfRange);
-  ExpectRefused("05 83 00 00", 1, 0, kLengthOutOfRange);  // before the form is found unsupported
+  ExpectRefused("05 83 00 00", 1, 0, kLengthOutOfRange);  // the end is checked before the form
   ExpectRefused("05 FF 00 00", 1, 0, kLengthOutOfRange);
 }
 
-TEST_F(KlvInfoTest, LengthsOfFixedSize) {
+TEST_F(KlvInfoTest, LengthsOfFixedSizeAreRead) {
   EXPECT_EQ(Parse("05 FF AA", 1, 1), (Parsed{5, 255, 2, 1, 1, 257}));
   EXPECT_EQ(Parse("05 01 02 AA", 1, 2), (Parsed{5, 0x102, 3, 1, 2, 0x105}));
   EXPECT_EQ(Parse("05 00 01 00 02 AA", 1, 4), (Parsed{5, 0x10002, 5, 1, 4, 0x10007}));
 }
 
-TEST_F(KlvInfoTest, FixedLengthsCutShort) {
+TEST_F(KlvInfoTest, TruncatedFixedLengthsAreRefused) {
   ExpectRefused("05 01", 1, 2, kLengthOutOfRange);
   ExpectRefused("05 00 00 01", 1, 4, kLengthOutOfRange);
   EXPECT_EQ(Parse("05 00", 1, 1), (Parsed{5, 0, 2, 1, 1, 2}));

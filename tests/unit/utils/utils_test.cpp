@@ -1,4 +1,4 @@
-// Buffers, bits, patterns, CRC and raw captures.
+// Tests of buffers, bits, patterns, CRC and raw captures.
 #include "utils.h"
 
 #include <limits.h>
@@ -37,7 +37,7 @@ class BufferTest : public HostTest {
   }
 };
 
-TEST_F(BufferTest, EmptyBufferIsARecordWithItsDataAreaBehind) {
+TEST_F(BufferTest, DataAreaFollowsTheRecordOfAnEmptyBuffer) {
   MDATA_BUFFER* pBuffer = Alloc(0);
   EXPECT_EQ(pBuffer->nAllocSize, kRecord);
   EXPECT_EQ(pBuffer->pcData, EndOfRecord(pBuffer));
@@ -50,7 +50,7 @@ TEST_F(BufferTest, EmptyBufferIsARecordWithItsDataAreaBehind) {
   EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
 }
 
-TEST_F(BufferTest, RoomForDataIsZeroFilled) {
+TEST_F(BufferTest, DataAreaIsZeroFilled) {
   MDATA_BUFFER* pBuffer = Alloc(300);
   EXPECT_EQ(pBuffer->nAllocSize, kRecord + 300);
   EXPECT_EQ(pBuffer->nDataSize, 0);
@@ -69,7 +69,7 @@ TEST_F(BufferTest, CopyHoldsTheBytesAndTheirSize) {
   DoReleaseBuffer(&pBuffer);
 }
 
-TEST_F(BufferTest, ReserveLiesInFrontOfTheCopyAndIsZero) {
+TEST_F(BufferTest, ReservedBytesPrecedeTheCopyAndAreZero) {
   Bytes data = Text("ten bytes.");
   MDATA_BUFFER* pBuffer = nullptr;
   ASSERT_TRUE(DoAllocCopyBufferEx(data.data(), 10, 5, &pBuffer));
@@ -126,7 +126,7 @@ TEST_F(BufferTest, HighWaterLineNeedsLevelSix) {
   DoReleaseBuffer(&pBuffer);
 }
 
-TEST_F(BufferTest, WithoutMemoryNothingIsTouchedAndNothingSaid) {
+TEST_F(BufferTest, FailedAllocationChangesNothingAndIsNotLogged) {
   BYTE acData[4] = {};
   MDATA_BUFFER marker = {};
   MDATA_BUFFER* pBuffer = &marker;
@@ -140,7 +140,7 @@ TEST_F(BufferTest, WithoutMemoryNothingIsTouchedAndNothingSaid) {
   EXPECT_TRUE(host().Logs().empty());
 }
 
-TEST_F(BufferTest, SizesThatAreNoneAreRefusedSilently) {
+TEST_F(BufferTest, InvalidSizesAreRefusedWithoutALine) {
   BYTE acData[4] = {};
   MDATA_BUFFER* pBuffer = nullptr;
   EXPECT_FALSE(DoAllocBuffer(-1, &pBuffer));
@@ -165,12 +165,12 @@ TEST_F(BufferTest, ReleaseBeforeTheLastLeavesTheBufferAndClearsThePointer) {
   EXPECT_EQ(pBuffer, nullptr);
   EXPECT_EQ(pOther->nRefCount, 1);
   EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 1);
-  pOther->pcData[0] = 1;  // still there
+  pOther->pcData[0] = 1;  // the buffer still exists
   DoReleaseBuffer(&pOther);
   EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
 }
 
-TEST_F(BufferTest, ReleaseTooManyIsReportedCountedAndFreesNothing) {
+TEST_F(BufferTest, ExtraReleaseIsReportedAndCountedAndFreesNothing) {
   MDATA_BUFFER record = {};
   record.bDynamic = TRUE;
   MDATA_BUFFER* pBuffer = &record;
@@ -185,7 +185,7 @@ TEST_F(BufferTest, ReleaseTooManyIsReportedCountedAndFreesNothing) {
   EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
 }
 
-TEST_F(BufferTest, RecordOfTheCallersOwnIsNeverFreed) {
+TEST_F(BufferTest, RecordOwnedByTheCallerIsNeverFreed) {
   MDATA_BUFFER record = {};
   record.nRefCount = 1;
   MDATA_BUFFER* pBuffer = &record;
@@ -195,7 +195,7 @@ TEST_F(BufferTest, RecordOfTheCallersOwnIsNeverFreed) {
   EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
 }
 
-TEST_F(BufferTest, ThreadStateIsSavedFourTimesWhenTheHostWantsIt) {
+TEST_F(BufferTest, ThreadStateIsSavedFourTimesIfTheHostDebugsThreads) {
   MDATA_BUFFER* pBuffer = Alloc();
   pBuffer->nRefCount = 2;
   MDATA_BUFFER* pOther = pBuffer;
@@ -232,7 +232,7 @@ TEST_F(BufferTest, EncodersAtomicIncrementAndReleasesOnOtherThreadsAgree) {
 
 // --- Bits ------------------------------------------------------------------------------------------------
 
-TEST(ExtractBitsTest, TwelveBitsFromTheMiddleOfAByte) {
+TEST(ExtractBitsTest, TwelveBitsAreCopiedFromTheMiddleOfAByte) {
   const BYTE acIn[] = {0xAB, 0xCD};
   BYTE acOut[2] = {};
   int nIn = 4;
@@ -244,7 +244,7 @@ TEST(ExtractBitsTest, TwelveBitsFromTheMiddleOfAByte) {
   EXPECT_EQ(nOut, 12);
 }
 
-TEST(ExtractBitsTest, ResultSumsWhatWasLeftOfEachInputByte) {
+TEST(ExtractBitsTest, ResultSumsTheRemainingBitsOfEachInputByte) {
   const BYTE acIn[] = {0xFF, 0xFF};
   BYTE acOut[2] = {};
   int nIn = 4;
@@ -300,7 +300,7 @@ void PrintTo(const Scan& scan, std::ostream* pStream) {
   *pStream << scan.nResult << " at " << scan.nOffset;
 }
 
-// Over data in a block of exactly its size, so that a read past its end is seen.
+// Scans data in a block of exactly its size, so that a sanitizer detects a read past its end.
 Scan ScanFor(const Bytes& data, const Bytes& pattern) {
   const std::unique_ptr<BYTE[]> pcExact(new BYTE[data.size() + 1]);
   BYTE* pcData = pcExact.get() + 1;
@@ -314,13 +314,13 @@ Scan ScanFor(const std::string& strData, const std::string& strPattern) {
   return ScanFor(Text(strData), Text(strPattern));
 }
 
-TEST(ScanForPatternTest, FindsAPartWholeOrNothing) {
+TEST(ScanForPatternTest, FindsThePatternItsBeginningOrNothing) {
   EXPECT_EQ(ScanFor("xxoHe", "oHeY!"), (Scan{3, 2}));
   EXPECT_EQ(ScanFor("xoHeY!x", "oHeY!"), (Scan{5, 1}));
   EXPECT_EQ(ScanFor("oHx", "oHeY!"), (Scan{0, -1}));
 }
 
-TEST(ScanForPatternTest, EmptyDataHoldsNothing) {
+TEST(ScanForPatternTest, NothingIsFoundInEmptyData) {
   EXPECT_EQ(ScanFor("", "ab"), (Scan{0, -1}));
   int nOffset = -1;
   EXPECT_EQ(ScanForPattern("ab", -1, "ab", 2, &nOffset), 0u);
@@ -336,9 +336,9 @@ TEST(ScanForPatternTest, MatchAtTheVeryEndIsWhole) {
   EXPECT_EQ(ScanFor("...a", "ab"), (Scan{1, 3}));
 }
 
-TEST(ScanForPatternTest, SearchGoesOnAtTheByteThatDiffered) {
+TEST(ScanForPatternTest, SearchContinuesAtTheByteThatDiffered) {
   EXPECT_EQ(ScanFor("AAAB", "AAB"), (Scan{0, -1}));
-  // The byte that differed may begin the next candidate itself.
+  // The byte that differed may begin the next match itself.
   EXPECT_EQ(ScanFor("ABABC", "ABC"), (Scan{3, 2}));
 }
 
@@ -348,22 +348,22 @@ TEST(ScanForPatternTest, OneBytePatternIsAFullMatchAtOnce) {
   EXPECT_EQ(ScanFor("xyz", "a"), (Scan{0, -1}));
 }
 
-TEST(ScanForPatternTest, EmptyPatternIsNowhere) {
+TEST(ScanForPatternTest, EmptyPatternIsNeverFound) {
   int nOffset = -1;
   EXPECT_EQ(ScanForPattern("ab", 2, "", 0, &nOffset), 0u);
 }
 
 // --- CRC -------------------------------------------------------------------------------------------------
 
-TEST(CalcCRC16Test, CheckValue) {
+TEST(CalcCRC16Test, NineDigitsGiveTheCheckValue) {
   EXPECT_EQ(CalcCRC16(Text("123456789").data(), 9), 0xBB3D);
 }
 
-TEST(CalcCRC16Test, EmptyBlockIsZero) {
+TEST(CalcCRC16Test, EmptyBlockGivesZero) {
   EXPECT_EQ(CalcCRC16(nullptr, 0), 0);
 }
 
-TEST(CalcCRC16Test, BlockWithItsCRCLowByteFirstIsZero) {
+TEST(CalcCRC16Test, BlockFollowedByItsCRCLowByteFirstGivesZero) {
   Bytes data = Text("any block at all");
   const WORD nCRC = CalcCRC16(data.data(), static_cast<int>(data.size()));
   data.push_back(static_cast<BYTE>(nCRC));
@@ -416,7 +416,7 @@ TEST_F(DumpTest, BlocksContinueTheSameLine) {
   EXPECT_EQ(m_nColumn, 4);
 }
 
-TEST_F(DumpTest, AtTheCapNothingIsWritten) {
+TEST_F(DumpTest, NothingIsWrittenAtTheSizeLimit) {
   fprintf(m_pFile, "%s", std::string(1024, '.').c_str());
   m_nColumn = 3;
   EXPECT_FALSE(Dump({1, 2}, 1));
@@ -426,13 +426,13 @@ TEST_F(DumpTest, AtTheCapNothingIsWritten) {
   EXPECT_FALSE(Dump({1, 2}, INT_MIN));
 }
 
-TEST_F(DumpTest, OneByteBelowTheCapTheWholeBlockIsWritten) {
+TEST_F(DumpTest, WholeBlockIsWrittenOneByteBelowTheSizeLimit) {
   fprintf(m_pFile, "%s", std::string(1023, '.').c_str());
   EXPECT_TRUE(Dump(Bytes(100, 0xEE), 1));
   EXPECT_GT(Written().size(), 1024u + 200u);
 }
 
-TEST_F(DumpTest, CapBeyond32BitsIsNoOverflow) {
+TEST_F(DumpTest, SizeLimitBeyond32BitsDoesNotOverflow) {
   EXPECT_TRUE(Dump({1}, INT_MAX));
 }
 
