@@ -1,4 +1,5 @@
-// The parsing core against plain models: pointers instead of positions, one byte or bit at a time.
+// Compares the parsing core with simple models, which use pointers instead of positions and work byte by byte or bit by
+// bit.
 #include "md_core.h"
 
 #include <gtest/gtest.h>
@@ -19,7 +20,7 @@ using Bytes = std::vector<uint8_t>;
 constexpr int kTagCodes[] = {-1, 0, 1, 2, 4, 12, 16};
 constexpr int kLengthCodes[] = {0, 1, 2, 4};
 
-// Bytes in a block of exactly their size, so that a sanitizer sees a read outside.
+// Bytes in a block of exactly their size, so that a sanitizer detects a read outside.
 class Exact {
  public:
   explicit Exact(const Bytes& bytes) : m_bytes(new uint8_t[bytes.size() + 1]), m_size(bytes.size()) {
@@ -33,7 +34,7 @@ class Exact {
   size_t m_size;
 };
 
-// What a function must overwrite on every path.
+// A value that a function must overwrite on every path.
 MdItem Garbage() {
   return {{0xDEADBEEF, 999}, {true, 998, 997, 0xDEADBEEF}, 996, 995};
 }
@@ -64,7 +65,7 @@ uint32_t ModelBigEndian(const uint8_t* data, size_t count) {
   return value;
 }
 
-// Bytes of the tag at the start of left bytes, or nothing if it is cut.
+// Returns the size of the tag at the start of the remaining bytes, or nothing if it is truncated.
 std::optional<size_t> ModelTagSize(const uint8_t* data, size_t left, int code) {
   if (code == -1) {
     const uint8_t* last = std::find_if(data, data + left, [](uint8_t byte) { return byte < 0x80; });
@@ -141,7 +142,7 @@ ModelItem Read(const Bytes& bytes, size_t position, int tagCode, int lengthCode)
           item.end};
 }
 
-// The sum one byte at a time, in 16 bits; nothing is left out if skip is 0.
+// Computes the sum byte by byte, in 16 bits. No bytes are skipped if skip is 0.
 uint16_t ModelSum(const Bytes& bytes, size_t skip = 0) {
   uint16_t sum = 0;
   for (size_t i = 0; i < bytes.size(); ++i) {
@@ -157,7 +158,8 @@ uint8_t Reversed(uint8_t byte) {
   return reversed;
 }
 
-// CRC-16/ARC as its definition has it: the unreflected polynomial 0x8005 over reflected bytes, and the result reflected.
+// Computes CRC-16/ARC by its definition: the unreflected polynomial 0x8005 over reflected bytes, and a reflected
+// result.
 uint16_t ModelCrc(const Bytes& bytes) {
   unsigned crc = 0;
   for (const uint8_t byte : bytes) {
@@ -175,7 +177,7 @@ Bytes RandomBytes(std::mt19937& random, size_t most) {
   return bytes;
 }
 
-// Bytes in which long tags, long lengths and their ends are frequent.
+// Returns random bytes in which long tags, long lengths and their ends are frequent.
 Bytes RandomItems(std::mt19937& random) {
   Bytes bytes = RandomBytes(random, 24);
   for (uint8_t& byte : bytes)
@@ -237,19 +239,19 @@ TEST(MdCoreItem, UnknownLengthCodeIsReportedAndReadsNothing) {
   }
 }
 
-TEST(MdCoreItem, NothingIsReadAtOrBehindTheEnd) {
+TEST(MdCoreItem, NothingIsReadAtOrAfterTheEnd) {
   for (const size_t position : {size_t{2}, size_t{3}, SIZE_MAX}) {
     for (const int tagCode : {-1, 1, 2, 4, 12, 16}) EXPECT_EQ(Read({1, 1}, position, tagCode, 0).result, kMdReadTagCut);
     EXPECT_EQ(Read({1, 1}, position, 0, 0).result, kMdReadLengthCut);
   }
 }
 
-TEST(MdCoreItem, LengthNearFourGigabytesEndsFarBehindAndNeverBefore) {
+TEST(MdCoreItem, LengthNearFourGigabytesEndsAfterTheDataAndNeverBeforeIt) {
   EXPECT_EQ(Read({5, 0xFF, 0xFF, 0xFF, 0xFB}, 0, 1, 4).end, 5 + uint64_t{0xFFFFFFFB});
   EXPECT_EQ(Read({5, 0x84, 0xFF, 0xFF, 0xFF, 0xFF}, 0, 1, 0).end, 6 + uint64_t{0xFFFFFFFF});
 }
 
-// The walk of a set as callers make it: item by item, at the position where the one before ended.
+// Walks a set as callers do: item by item, each at the position where the previous one ended.
 TEST(MdCoreItem, WalkVisitsEveryItemAndEndsWhereTheModelDoes) {
   std::mt19937 random(2);
   for (int round = 0; round < 5000; ++round) {
@@ -280,10 +282,11 @@ TEST(MdCoreItem, WalkVisitsEveryItemAndEndsWhereTheModelDoes) {
   }
 }
 
-// --- What the callers' own limits rest on ----------------------------------------------------------------
+// --- Element sizes, on which the callers' limits depend
+// ----------------------------------------------------------------
 
-// Size of an element of a local set with one-byte tags, up to four length bytes: the simple form of that reading, of
-// which -1 is an unsupported form, found before a cut one, and 0 is a cut one.
+// Returns the size of an element of a local set with one-byte tags and up to four length bytes. Returns -1 for an
+// unsupported length form, which takes precedence, and 0 if the element is truncated.
 int64_t ModelElementSize(const Bytes& bytes) {
   if (bytes.size() < 2) return 0;
   if (bytes[1] < 0x80) return 2 + bytes[1];
@@ -293,7 +296,7 @@ int64_t ModelElementSize(const Bytes& bytes) {
   return 2 + static_cast<int64_t>(count) + ModelBigEndian(bytes.data() + 2, count);
 }
 
-TEST(MdCoreItem, CutFormsStillTellTheirCountSoThatCallersMayRefuseItFirst) {
+TEST(MdCoreItem, TruncatedFormsReportTheirCountSoThatCallersMayRefuseItFirst) {
   std::mt19937 random(3);
   for (int round = 0; round < 50000; ++round) {
     Bytes bytes = RandomItems(random);
@@ -335,7 +338,7 @@ TEST(MdCoreField, TagAndLengthAloneReadAsInAnItem) {
 
 // --- Running sum -----------------------------------------------------------------------------------------
 
-TEST(MdCoreSum, OfThreeBytes) {
+TEST(MdCoreSum, ThreeBytesCountFromTheHighByteOn) {
   const uint8_t bytes[] = {1, 2, 3};
   EXPECT_EQ(_MdRunningSum(bytes, 3), 0x0402);
   EXPECT_EQ(_MdRunningSum(bytes, 0), 0);
@@ -352,7 +355,7 @@ TEST(MdCoreSum, RandomDataSumsLikeTheModelWithAndWithoutTwoBytes) {
   }
 }
 
-TEST(MdCoreSum, PositionsAtTheVeryStartAndEndMayBeLeftOut) {
+TEST(MdCoreSum, PositionsAtTheVeryStartAndEndMayBeSkipped) {
   const uint8_t bytes[] = {0xFF, 0xFF, 1, 2, 0xFF};
   EXPECT_EQ(_MdRunningSumWithout(bytes, 5, 0), static_cast<uint16_t>(0x0102 + 0xFF00));
   EXPECT_EQ(_MdRunningSumWithout(bytes, 5, 4), static_cast<uint16_t>(0xFFFF + 0x0102));
@@ -369,13 +372,13 @@ TEST(MdCoreSum, MessageLongerThan65535BytesWrapsLikeTheModel) {
 
 // --- CRC -------------------------------------------------------------------------------------------------
 
-TEST(MdCoreCrc, CheckValueOfTheNineDigits) {
+TEST(MdCoreCrc, NineDigitsGiveTheCheckValue) {
   const std::string digits = "123456789";
   EXPECT_EQ(_MdCrc16(reinterpret_cast<const uint8_t*>(digits.data()), digits.size()), 0xBB3D);
   EXPECT_EQ(_MdCrc16(nullptr, 0), 0);
 }
 
-TEST(MdCoreCrc, RandomDataLikeTheUnreflectedDefinition) {
+TEST(MdCoreCrc, RandomDataMatchesTheUnreflectedDefinition) {
   std::mt19937 random(6);
   for (int round = 0; round < 3000; ++round) {
     const Bytes bytes = RandomBytes(random, 100);
@@ -411,7 +414,7 @@ TEST(MdCoreBits, RandomFieldsAreCopiedBitByBitAndNothingElseChanges) {
   }
 }
 
-TEST(MdCoreBits, ResultSumsWhatWasLeftOfEachStepsInputByte) {
+TEST(MdCoreBits, ResultSumsTheRemainingBitsOfEachStepsInputByte) {
   std::mt19937 random(8);
   const Bytes input(20);
   for (int round = 0; round < 5000; ++round) {

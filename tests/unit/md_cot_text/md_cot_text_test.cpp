@@ -1,4 +1,4 @@
-// Slices, attributes and times.
+// Tests of slices, attributes and times.
 #include "md_cot_text.h"
 
 #include <endian.h>
@@ -49,7 +49,7 @@ TEST_F(XmlText, TenCharactersAreSearchedAndNineRefused) {
   ExpectLog(3, "invalid input\n");
 }
 
-TEST_F(XmlText, MissingMarkers) {
+TEST_F(XmlText, MissingMarkersAreNotFound) {
   const char* slice = nullptr;
   uint32_t length = 0;
   const char* text = "xx<a b=\"c\"/>";
@@ -157,7 +157,7 @@ TEST_F(XmlText, AttributeWithoutARowIsLookedUpByName) {
   ExpectLog(3, "field uid not found\n");
 }
 
-// Microseconds of a text, or -1.
+// Returns the microseconds of a text, or -1.
 int64_t Microseconds(const char* text) {
   uint64_t value = 0;
   if (cvt_getUSecsFromTimeStr(text, &value) != 0) return -1;
@@ -214,7 +214,7 @@ TEST_F(CotTime, FieldsAreCheckedInTheirRanges) {
   ExpectLog(3, "failed in cvt_strptime()!\n");
 }
 
-TEST_F(CotTime, MinusOneOfTheCalendarIsAFailure) {
+TEST_F(CotTime, CalendarResultOfMinusOneIsAFailure) {
   EXPECT_EQ(Microseconds("1969-12-31T23:59:59Z"), -1);
   ExpectLog(3, "failed in mktime()\n");
 }

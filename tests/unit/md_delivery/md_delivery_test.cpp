@@ -1,4 +1,4 @@
-// The two steps that the five receive paths have in common: rewriting and delivery, with the row of texts of each path.
+// Tests of the two steps that the five receive paths share, rewriting and delivery, with the row of texts of each path.
 #include "md_delivery.h"
 
 #include <gmock/gmock.h>
@@ -13,7 +13,7 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// A path's row, with its name for the test's output.
+// The row of a path and its name for the test's output.
 struct Path {
   const char* name;
   const PathTexts* texts;
@@ -25,7 +25,7 @@ const Path kPaths[] = {{"KLVSerial", &kKLVSerialTexts},
                        {"CoTSerial", &kCoTSerialTexts},
                        {"CoTUDP", &kCoTUDPTexts}};
 
-// A bare source, and an encoder that notes what it gets.
+// A bare source and an encoder that records the messages it receives.
 class DeliveryTest : public HostTest {
  protected:
   void SetUp() override {
@@ -44,7 +44,7 @@ class DeliveryTest : public HostTest {
     test->m_sequenceInCall = test->m_source->HeaderSequence;
     return test->m_answer;
   }
-  // A message with the stream header's reserve in front of it.
+  // Returns a message with the reserved bytes of the stream header in front of it.
   static MDATA_BUFFER* Buffer(Bytes bytes) {
     MDATA_BUFFER* buffer = nullptr;
     EXPECT_TRUE(DoAllocCopyBufferEx(bytes.data(), static_cast<int>(bytes.size()), MDATA_STREAM_HEADER_SIZE, &buffer));
@@ -81,19 +81,19 @@ TEST_P(EveryPathTest, HeaderHasTheSequenceAndTheGivenLength) {
   EXPECT_THAT(m_delivered, ElementsAre(Bytes{0x00, 9, 0xDF, 0x02, 0x03} + message));
 }
 
-TEST_F(DeliveryTest, HeaderHasTheLengthReceivedEvenIfItIsNotTheMessages) {
+TEST_F(DeliveryTest, HeaderHasTheReceivedLengthEvenIfTheMessageHasAnother) {
   EXPECT_TRUE(Deliver(kKLVUDPTexts, {1, 2, 3}, 0x10203));
   EXPECT_THAT(m_delivered, ElementsAre(Bytes{0x00, 9, 0xDF, 0x02, 0x03, 1, 2, 3}));
 }
 
-TEST_P(EveryPathTest, AnswerOfTheEncoderIsReturned) {
+TEST_P(EveryPathTest, ResultOfTheCallbackIsReturned) {
   m_answer = FALSE;
   EXPECT_FALSE(Deliver(*GetParam().texts, {1}, 1));
   m_answer = TRUE;
   EXPECT_TRUE(Deliver(*GetParam().texts, {1}, 1));
 }
 
-TEST_P(EveryPathTest, WithoutACallbackItAsserts) {
+TEST_P(EveryPathTest, MissingCallbackAsserts) {
   m_source->Config.pfnCallback = nullptr;
   EXPECT_FALSE(Deliver(*GetParam().texts, {1}, 1));
   ExpectAssertion(GetParam().texts->callbackMissing);
@@ -115,7 +115,7 @@ TEST_P(EveryPathTest, LinesCarryTheEnginesName) {
   for (const LogLine& line : host().Logs()) EXPECT_EQ(line.file, "metadata_api") << line.text;
 }
 
-TEST_F(DeliveryTest, SequenceMovesBeforeTheCallExceptOnVideo) {
+TEST_F(DeliveryTest, SequenceAdvancesBeforeTheCallExceptOnVideo) {
   for (const Path& path : kPaths) {
     const bool video = path.texts == &kVideoTexts;
     for (const BOOL answer : {FALSE, TRUE}) {
@@ -128,11 +128,11 @@ TEST_F(DeliveryTest, SequenceMovesBeforeTheCallExceptOnVideo) {
   }
 }
 
-TEST_F(DeliveryTest, LineAndDumpOfEachPath) {
+TEST_F(DeliveryTest, EachPathWritesItsLineAndDump) {
   const Bytes delivered = {0x00, 9, 0xDF, 0x00, 0x02, 1, 2};
   struct Expected {
     const Path& path;
-    int line;  // level, -1 without one
+    int line;  // its level, or -1 if there is no line
     int dump;
     const char* title;
     Bytes bytes;
@@ -170,14 +170,14 @@ TEST_F(DeliveryTest, RateGetsTheTotalOncePerSecond) {
 
 // --- Rewriting -------------------------------------------------------------------------------------------
 
-TEST_P(EveryPathTest, WithoutInsertsAndFiltersNothingIsLookedAt) {
+TEST_P(EveryPathTest, MessageIsNotInspectedWithoutInsertsAndFilters) {
   MdBufferRef buffer;
   EXPECT_EQ(Rewrite(*GetParam().texts, {1, 2, 3}, buffer), Rewritten::Unchanged);
   EXPECT_EQ(buffer.Get(), nullptr);
   EXPECT_TRUE(host().Logs().empty());
 }
 
-TEST_P(EveryPathTest, MessageThatCannotBeRewrittenStays) {
+TEST_P(EveryPathTest, MessageThatCannotBeRewrittenIsKept) {
   KeepOnlyTag(2);
   MDATA_BUFFER* original = Buffer(Bytes(30, 0x55));
   MdBufferRef buffer(original);
@@ -186,7 +186,7 @@ TEST_P(EveryPathTest, MessageThatCannotBeRewrittenStays) {
   ExpectLog(7, "NON UAS Data Set detected for source#7.\n");
 }
 
-TEST_P(EveryPathTest, RewrittenMessageTakesThePlaceAndIsDumped) {
+TEST_P(EveryPathTest, RewrittenMessageReplacesTheOriginalAndIsDumped) {
   KeepOnlyTag(2);
   MDATA_BUFFER* original = Buffer(WellFormedMessage());
   MdBufferRef buffer(original);
@@ -210,7 +210,7 @@ TEST_P(EveryPathTest, FilterThatLeavesNothingDropsTheMessageAndAssertsExceptOnVi
     ExpectAssertion(GetParam().texts == &kKLVUDPTexts ? "pUserBuff != NULL" : "pSubstBuff != NULL");
 }
 
-TEST_F(DeliveryTest, TitlesOfRewrittenMessages) {
+TEST_F(DeliveryTest, RewrittenMessagesAreDumpedUnderTheTitleOfTheirPath) {
   EXPECT_STREQ(kKLVSerialTexts.substituted, "Substituted Serial KLV Message");
   EXPECT_STREQ(kKLVUDPTexts.substituted, "Substituted KLV over UDP Message");
   for (const PathTexts* texts : {&kVideoTexts, &kCoTSerialTexts, &kCoTUDPTexts}) {

@@ -1,4 +1,4 @@
-// Numbers in text, against the C library's own functions in the "C" locale.
+// Compares the reading of numbers in text with the C library's functions in the "C" locale.
 #include "md_number_reader.h"
 
 #include <gtest/gtest.h>
@@ -38,8 +38,8 @@ struct Values {
   bool atEnd = false;
 };
 
-// What a loop of "%f" scans makes of a text, for at most so many values: a scan that meets the end, in front of a number
-// or in it, ends the loop; text that is not a number leaves its value as it was.
+// Reads a text with a loop of "%f" scans, up to the given number of values. A scan that reaches the end, before a
+// number or inside it, ends the loop; text that is not a number leaves its value unchanged.
 Values Scanned(const std::string& text, size_t most) {
   Values scanned;
   const File file = FileOf(text);
@@ -53,8 +53,8 @@ Values Scanned(const std::string& text, size_t most) {
   return scanned;
 }
 
-// The same with the reader, asking for up to 'piece' values at a time. Memory and values are blocks of exactly their
-// size, so that a sanitizer sees what goes beyond.
+// Reads the text with the reader, up to 'piece' values at a time. Memory and values are blocks of exactly their size,
+// so that a sanitizer detects accesses beyond them.
 Values ReadFrom(FILE* file, size_t most, size_t piece) {
   const std::unique_ptr<char[]> memory(new char[MdNumberReader::kMemorySize]);
   const std::unique_ptr<float[]> values(new float[most]);
@@ -104,7 +104,7 @@ TEST(NumberReader, UsualNumbersAreRead) {
   EXPECT_FALSE(read.atEnd);
 }
 
-TEST(NumberReader, AsksForNothingBehindTheLastValue) {
+TEST(NumberReader, ReadsNothingAfterTheLastValue) {
   const File file = FileOf("1.5 2.5 x");
   EXPECT_EQ(ReadFrom(file.get(), 2, 2).values, (std::vector<float>{1.5f, 2.5f}));
   const File empty = FileOf("");
@@ -168,7 +168,7 @@ TEST(NumberReader, OddTextsReadLikeAScan) {
   }
 }
 
-// A text that a "%f" scan accepts, in as many forms as there are.
+// Returns a text that a "%f" scan accepts, in one of many forms.
 std::string RandomNumber(std::mt19937_64& random) {
   static constexpr const char* kOdd[] = {"inf",
                                          "-INF",
@@ -202,10 +202,10 @@ std::string RandomNumber(std::mt19937_64& random) {
     case 1:
       snprintf(text, sizeof(text), "%.*g", digits + 1, std::ldexp(static_cast<double>(bits % 99991), digits * 9 - 80));
       break;
-    case 2:  // the very middle between two floats, in few enough digits for the quick way
+    case 2:  // exactly midway between two floats, with few enough digits for the fast conversion
       snprintf(text, sizeof(text), "%.5f", 524288 + static_cast<double>(bits % 15000000 | 1) / 32);
       break;
-    case 3:  // near such a middle
+    case 3:  // near such a midpoint
       snprintf(text, sizeof(text), "%.*f", digits % 8 + 4, (16777217 + 2 * static_cast<double>(bits % 99991)) / 131072);
       break;
     default:
@@ -251,7 +251,7 @@ TEST(NumberReader, PipeIsReadToo) {
 
 // --- One number ------------------------------------------------------------------------------------------
 
-TEST(TextToDouble, IsWhatTheTextBeginsWith) {
+TEST(TextToDouble, ReadsTheNumberAtTheStartOfTheText) {
   EXPECT_EQ(_TextToDouble("-73.75"), -73.75);
   EXPECT_EQ(_TextToDouble(" 1e3 metres"), 1000.0);
   EXPECT_EQ(_TextToDouble("2,9"), 2.0);
@@ -260,13 +260,14 @@ TEST(TextToDouble, IsWhatTheTextBeginsWith) {
   EXPECT_TRUE(std::isnan(_TextToDouble("nan")));
 }
 
-TEST(TextToDouble, OfTextThatIsNotANumberIsZero) {
+TEST(TextToDouble, ReadsTextThatIsNotANumberAsZero) {
   for (const char* text : {"", " ", "abc", "-", ".", "+e5", "\"1\""}) EXPECT_EQ(_TextToDouble(text), 0.0) << text;
 }
 
 // --- Locales ---------------------------------------------------------------------------------------------
 
-// A locale whose numbers have a comma. Taken from the process's locale for a moment: newlocale leaks LOCPATH's text.
+// Returns a locale with a decimal comma. It is copied from the process's locale, which is changed for a moment, because
+// newlocale leaks the text of LOCPATH.
 locale_t CommaLocale() {
   setenv("LOCPATH", METADATA_TEST_LOCALES, 1);
   const char* name = setlocale(LC_ALL, "de_DE.UTF-8");
@@ -277,7 +278,7 @@ locale_t CommaLocale() {
   return comma;
 }
 
-// The thread's locale writes numbers with a comma.
+// Sets a locale with a decimal comma for the thread.
 class DecimalComma : public testing::Test {
  protected:
   void SetUp() override {

@@ -1,4 +1,4 @@
-// Relaying: making the sockets, following TTL and TOS, sending and its errors.
+// Tests of relaying: creating the sockets, following TTL and TOS, sending and its errors.
 #include "md_relay.h"
 
 #include <arpa/inet.h>
@@ -21,7 +21,7 @@ Bytes IntBytes(int value) {
   return {bytes, bytes + sizeof(value)};
 }
 
-// Relays of a bare record.
+// Tests relays with a bare record.
 class RelayTest : public EngineTest {
  protected:
   RelayTest() {
@@ -34,7 +34,7 @@ class RelayTest : public EngineTest {
     EngineTest::TearDown();
   }
 
-  // Makes the sockets of the relays added so far.
+  // Creates the sockets of the relays added so far.
   BOOL Create() {
     int sockets[MDATA_MAX_RELAYS];
     const BOOL created = _CreateRelayingSockets(&m_record.Config, sockets, MDATA_MAX_RELAYS);
@@ -61,7 +61,7 @@ class RelayTest : public EngineTest {
   BOOL Send(std::optional<BYTE> tos = {}, std::optional<BYTE> ttl = {}) {
     return _RelayMetaData(&m_record, kMessage.data(), kMessage.size(), tos ? &*tos : nullptr, ttl ? &*ttl : nullptr);
   }
-  // Whether the socket has exactly one option set, this one.
+  // Tells whether exactly this one option was set on the socket.
   static void ExpectOnlyOption(const FakeFD& fd, int level, int option, int value) {
     ASSERT_EQ(fd.options.size(), 1u);
     EXPECT_EQ(fd.options[0].level, level);
@@ -77,16 +77,16 @@ class RelaySocketTest : public RelayTest {};
 class RelayFollowTest : public RelayTest {};
 class RelaySendTest : public RelayTest {};
 
-// Messages that come after the hand-over and before the opening ends.
+// Tests messages that arrive between the hand-over to the thread and the end of the opening.
 class RelayOpeningTest : public EngineTest {
  protected:
   void SetUp() override {
     EngineTest::SetUp();
     AllowLogs(5, "Support of additionnal CoT items");
-    AllowLogs(3, "invalid input, pvInputData");  // no event is needed here
+    AllowLogs(3, "invalid input, pvInputData");  // the test needs no event
     Start();
   }
-  // Opens the source; what the function feeds is handled while the opener still holds the relay sockets.
+  // Opens the source. The data that the function feeds is handled while the opener still holds the relay sockets.
   template <typename Feed>
   HMDATASRC OpenAndFeed(const MDATA_SRC_CFG& config, Feed feed) {
     host().AtLog("Wait successful.\n", [=] {
@@ -99,7 +99,7 @@ class RelayOpeningTest : public EngineTest {
     AddRelay(config, kUnicast, -1, -1);
     return config;
   }
-  // Neither sent nor noted, and nothing was said about it.
+  // Checks that the message was neither sent nor counted nor logged.
   static void ExpectNothingRelayed(HMDATASRC source) {
     EXPECT_EQ(host().Calls("send"), 0);
     EXPECT_EQ(source->Relayers[0].nRelayErrors, 0u);
@@ -125,7 +125,7 @@ class RelayOpeningTest : public EngineTest {
 
 // --- Initial state ---------------------------------------------------------------------------------------
 
-TEST_F(RelayInitTest, NothingIsKnownYet) {
+TEST_F(RelayInitTest, NoValueIsKnownAtFirst) {
   m_record.SourceTTL = m_record.SourceTOS = 7;
   for (RELAYER& relayer : m_record.Relayers) relayer.iRelaySocket = relayer.CurrentRelayTTL = 7;
   _InitRelayers(&m_record);
@@ -217,7 +217,7 @@ TEST_F(RelaySocketTest, FirstByteFrom224IsMulticast) {
   ExpectOnlyOption(Socket(0), IPPROTO_IP, IP_TTL, 16);
 }
 
-TEST_F(RelaySocketTest, IPv6UnicastHops) {
+TEST_F(RelaySocketTest, IPv6UnicastHopsAreSet) {
   AddAndCreate(kUnicast6, 16);
   ExpectOnlyOption(Socket(), IPPROTO_IPV6, IPV6_UNICAST_HOPS, 16);
   ExpectLog(6, "Successfully set IPv6 unicast hopes on socket " + Number() + " (1/1) to 16.\n");
@@ -240,7 +240,7 @@ TEST_F(RelaySocketTest, FollowingValuesAreNotSetYet) {
   EXPECT_TRUE(Socket().options.empty());
 }
 
-TEST_F(RelaySocketTest, TOSAndTrafficClass) {
+TEST_F(RelaySocketTest, TOSAndTrafficClassAreSet) {
   AddAndCreate(kUnicast, 0, 0xB8);
   ExpectOnlyOption(Socket(), IPPROTO_IP, IP_TOS, 0xB8);
   ExpectLog(6, "Successfully set TOS socket " + Number() + " (1/1) to 0xB8.\n");
@@ -251,14 +251,14 @@ TEST_F(RelaySocketTest, TOSAndTrafficClass) {
   ExpectLog(6, "Successfully set traffic class on socket " + Number() + " (1/1) to 0xB8.\n");
 }
 
-// A set-up step that fails, and the words for it.
+// A failing step of the set-up and its log line.
 struct FailedStep {
   const char* call;
   Bytes address;
   int ttl;
   int tos;
-  const char* before;  // the line up to the socket's number
-  const char* after;   // and behind it
+  const char* before;  // the line before the socket's number
+  const char* after;   // the line after it
 };
 
 class RelaySetUpFailureTest : public RelayTest, public ::testing::WithParamInterface<FailedStep> {};
@@ -311,7 +311,7 @@ TEST_F(RelaySocketTest, ConnectInProgressIsASuccess) {
   ExpectLog(5, "Successfully initialized relaying socket " + Number() + " (1/1).\n");
 }
 
-TEST_F(RelaySocketTest, OtherFamilyAssertsAndStaysWithoutASocket) {
+TEST_F(RelaySocketTest, UnknownFamilyAssertsAndGetsNoSocket) {
   AddRelay(m_record.Config, kUnicast, 0, -1);
   m_record.Config.Relays[0].iDestAddressFamily = AF_UNIX;
   EXPECT_TRUE(Create());
@@ -347,7 +347,7 @@ TEST_F(RelaySocketTest, SourceWithOneMissingSocketOpensAndSevenRelaysWork) {
     if (i == 1) continue;
     EXPECT_EQ(host().FD(relayer.iRelaySocket).sent, std::vector<Bytes>{kMessage});
   }
-  // The message itself is short for a local set, but nothing asked for its rewriting.
+  // The message is too short for a local set, but rewriting is not configured.
   EXPECT_EQ(m_encoder.messages.size(), 1u);
 }
 
@@ -419,7 +419,7 @@ TEST_F(RelayFollowTest, IPv6RelaysNeverFollow) {
     ExpectNoLog(text);
 }
 
-TEST_F(RelayFollowTest, WithoutValuesNothingIsChecked) {
+TEST_F(RelayFollowTest, NothingIsCheckedWithoutValues) {
   AddAndCreate(kUnicast, -1, -1);
   EXPECT_TRUE(Send());
   ExpectLog(7, "Not checking TOS.\n");
@@ -442,7 +442,7 @@ TEST_F(RelayFollowTest, FailedChangeIsTriedAgainWithTheNextValueOnly) {
   EXPECT_EQ(Socket().options.size(), 2u);
 }
 
-TEST_F(RelayFollowTest, FailedMulticastChangeHasItsOwnWords) {
+TEST_F(RelayFollowTest, FailedMulticastChangeHasItsOwnText) {
   AddAndCreate(kMulticast, -1, 0);
   host().FailNext("setsockopt", {.error = EPERM});
   EXPECT_TRUE(Send({}, BYTE{64}));
@@ -450,7 +450,7 @@ TEST_F(RelayFollowTest, FailedMulticastChangeHasItsOwnWords) {
   EXPECT_EQ(Relayer().CurrentRelayTTL, -1);
 }
 
-TEST_F(RelayFollowTest, UnknownUpTimeLeavesTheTimeAlone) {
+TEST_F(RelayFollowTest, UnknownUpTimeKeepsTheTime) {
   AddAndCreate(kUnicast, -1, 0);
   m_record.nLastSourceTTLUpdateUpTimeInSecs = 55;
   host().FailNext("GetSystemUPTime");
@@ -475,7 +475,7 @@ TEST_F(RelaySendTest, EveryRelayGetsTheMessageOnce) {
   }
 }
 
-TEST_F(RelaySendTest, WithoutRelaysNothingIsSent) {
+TEST_F(RelaySendTest, NothingIsSentWithoutRelays) {
   EXPECT_FALSE(Send());
 }
 
@@ -544,7 +544,7 @@ TEST_F(RelaySendTest, EachRelayHasItsOwnPause) {
 
 class RelayOpeningUDPTest : public RelayOpeningTest, public ::testing::WithParamInterface<int> {};
 
-TEST_P(RelayOpeningUDPTest, DatagramNeitherRelaysNorTakesTheChangeWithIt) {
+TEST_P(RelayOpeningUDPTest, DatagramIsNeitherRelayedNorCountsAsTheChange) {
   const HMDATASRC source = OpenAndFeed(Following(NetworkConfig(GetParam())), [] {
     for (int i = 0; i < 3; ++i) host().FeedDatagram(host().LastFD("udp4"), kMessage, {.ttl = 33, .tos = 0x48});
   });
@@ -571,7 +571,7 @@ TEST_F(RelayOpeningTest, CapturedPacketIsNotRelayed) {
   EXPECT_EQ(source->Relayers[0].nRelayedMessages, 1u);
 }
 
-TEST_F(RelayOpeningTest, SourceWithoutRelaysSaysWhatItAlwaysSays) {
+TEST_F(RelayOpeningTest, SourceWithoutRelaysLogsTheUsualLine) {
   OpenAndFeed(NetworkConfig(MDATA_DATA_COT), [] { host().FeedDatagram(host().LastFD("udp4"), kMessage); });
   ExpectLog(7, "No relays configured (0).\n");
 }

@@ -1,4 +1,4 @@
-// Requests to the metadata thread: completion marks, posts that nobody waits for, waiting, control messages.
+// Tests of requests to the metadata thread: completion marks, stray posts, waiting, control messages.
 #include "md_request.h"
 
 #include <errno.h>
@@ -15,7 +15,7 @@ class RequestTest : public HostTest {
     HostTest::SetUp();
     _ResetRequests();
     ASSERT_TRUE(WaitCond_Init(&_g_MetaDataThreadCond));
-    host().HoldThread(true);  // the test is the thread
+    host().HoldThread(true);  // the test acts as the thread
   }
   void TearDown() override {
     if (_g_hMetaDataThreadMBox != nullptr) MBOX_CloseMailBox(&_g_hMetaDataThreadMBox);
@@ -31,7 +31,7 @@ class RequestTest : public HostTest {
     ASSERT_TRUE(MBOX_CreateMailBox(&config, &_g_hMetaDataThreadMBox));
   }
   static void Post() { ASSERT_TRUE(WaitCond_Post(&_g_MetaDataThreadCond)); }
-  // What the thread does with a request that it carries out.
+  // Does what the thread does for a request that it executes.
   static bool CarryOut(int32_t& request) {
     const bool abandoned = _CompleteRequest(request);
     Post();
@@ -109,7 +109,7 @@ TEST_F(RequestTest, LimitOfZeroAbandonsWithoutAWait) {
   EXPECT_TRUE(host().waits.empty());
 }
 
-TEST_F(RequestTest, StrayPostIsSwallowedAndTheWaitGoesOn) {
+TEST_F(RequestTest, StrayPostIsConsumedAndTheWaitContinues) {
   _g_nStrayPosts = 1;
   Post();
   EXPECT_FALSE(_WaitForRequest(m_request, 100));
@@ -118,21 +118,21 @@ TEST_F(RequestTest, StrayPostIsSwallowedAndTheWaitGoesOn) {
   EXPECT_EQ(host().waits.size(), 2u);
 }
 
-TEST_F(RequestTest, PostOfAnotherRequestIsGivenBack) {
+TEST_F(RequestTest, PostOfAnotherRequestIsPostedAgain) {
   Post();
   EXPECT_FALSE(_WaitForRequest(m_request, 5));
   EXPECT_EQ(host().outstandingPosts, 1);
   EXPECT_EQ(_g_nStrayPosts, 0);
 }
 
-TEST_F(RequestTest, EveryPostTakesTimeOffTheLimit) {
+TEST_F(RequestTest, EveryPostShortensTheRemainingTime) {
   Post();
   EXPECT_FALSE(_WaitForRequest(m_request, 5));
   ASSERT_GE(host().waits.size(), 2u);
   for (size_t i = 1; i < host().waits.size(); ++i) EXPECT_LT(host().waits[i], host().waits[i - 1]) << i;
 }
 
-TEST_F(RequestTest, RequestCarriedOutAtTheLastMomentSucceedsAndLeavesItsPost) {
+TEST_F(RequestTest, RequestExecutedAtTheLastMomentSucceedsAndLeavesItsPost) {
   host().FailNext("_DoWaitCond_WaitFor");
   host().WhenCalled("_DoWaitCond_WaitFor", [this] { m_request = REQUEST_DONE; });
   EXPECT_TRUE(_WaitForRequest(m_request, 5000));
@@ -150,7 +150,7 @@ TEST_F(RequestTest, MessageCarriesItsEventAndTheSource) {
   MBOX_FreeMessage(message);
 }
 
-TEST_F(RequestTest, WithoutMemoryThereIsNoMessage) {
+TEST_F(RequestTest, NoMessageIsMadeIfOutOfMemory) {
   host().FailNext("__MBOX_AllocMessage");
   EXPECT_EQ(_AllocControlMessage(EVENTID_ADD_FD, &m_record), nullptr);
 }
@@ -167,7 +167,7 @@ TEST_F(RequestTest, CallSendsThenWaits) {
   MBOX_FreeMessage(message);
 }
 
-TEST_F(RequestTest, FailedSendIsLoggedAndWaitsAllTheSame) {
+TEST_F(RequestTest, FailedSendIsLoggedAndTheWaitHappensNevertheless) {
   OpenMailbox();
   host().FailNext("MBOX_SendMessage");
   bool sent = true;
@@ -178,12 +178,12 @@ TEST_F(RequestTest, FailedSendIsLoggedAndWaitsAllTheSame) {
   EXPECT_EQ(m_request, REQUEST_ABANDONED);
 }
 
-TEST_F(RequestTest, ShutdownIsSentAgainUntilItGoesOut) {
+TEST_F(RequestTest, ShutdownIsSentAgainUntilItSucceeds) {
   OpenMailbox();
   host().FailNext("MBOX_SendMessage", {.times = 4});
   bool sent = false;
   EXPECT_FALSE(_CallThreadToEnd(_AllocControlMessage(EVENTID_SHUTDOWN_THREAD, nullptr), &sent));
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");  // one line, however often
+  ExpectLog(3, "MBOX_SendMessage FAILED.\n");  // the line is written once, however often the send fails
   EXPECT_TRUE(sent);
   EXPECT_EQ(host().Calls("MBOX_SendMessage"), 5);
   ASSERT_EQ(host().waits.size(), 1u);
@@ -191,7 +191,7 @@ TEST_F(RequestTest, ShutdownIsSentAgainUntilItGoesOut) {
   EXPECT_EQ(_g_nShutdownRequest, REQUEST_ABANDONED);
 }
 
-TEST_F(RequestTest, ShutdownThatNeverGoesOutEndsAfterThreeSeconds) {
+TEST_F(RequestTest, ShutdownThatIsNeverSentEndsAfterThreeSeconds) {
   OpenMailbox();
   host().FailNext("MBOX_SendMessage", {.times = 100000});
   bool sent = true;

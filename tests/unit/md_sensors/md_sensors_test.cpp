@@ -1,4 +1,4 @@
-// The sensors that a CoT source has discovered.
+// Tests of the sensors that a CoT source has discovered.
 #include "md_sensors.h"
 
 #include <atomic>
@@ -26,7 +26,7 @@ class SensorsTest : public HostTest {
   SensorTable m_sensors = {};
 };
 
-TEST_F(SensorsTest, AreListedInTheOrderOfTheirPlaces) {
+TEST_F(SensorsTest, AreListedInTheOrderOfTheirEntries) {
   EXPECT_TRUE(Uids().empty());
   Note("B");
   ExpectLog(7, "Adding SPI \"B\".\n");
@@ -38,7 +38,7 @@ TEST_F(SensorsTest, AreListedInTheOrderOfTheirPlaces) {
   EXPECT_EQ(Uids(), (std::vector<std::string>{"B", "A"}));
 }
 
-TEST_F(SensorsTest, SeenAgainIsYoungAgainAndTakesNoSecondPlace) {
+TEST_F(SensorsTest, SensorSeenAgainHasAgeZeroAndNoSecondEntry) {
   Note("A");
   Age(10);
   Note("A");
@@ -47,7 +47,7 @@ TEST_F(SensorsTest, SeenAgainIsYoungAgainAndTakesNoSecondPlace) {
   EXPECT_EQ(Uids(), (std::vector<std::string>{"A"}));
 }
 
-TEST_F(SensorsTest, LiveThroughTenStepsAndLeaveAFreePlace) {
+TEST_F(SensorsTest, AreRemovedAfterTenStepsAndFreeTheirEntry) {
   Note("A");
   Age(5);
   Note("B");
@@ -61,7 +61,7 @@ TEST_F(SensorsTest, LiveThroughTenStepsAndLeaveAFreePlace) {
   EXPECT_EQ(Uids(), (std::vector<std::string>{"C", "B"})) << "a sensor takes the first free place";
 }
 
-TEST_F(SensorsTest, InAFullTableTheOldestAgeIsTheIndexThatGivesWay) {
+TEST_F(SensorsTest, FullTableReplacesTheEntryAtTheIndexOfTheOldestAge) {
   for (int i = 0; i < MDATA_MAX_DISCOVERED_SENSORS; ++i) {
     if (i >= 29) Age(1);
     Note("S" + std::to_string(i));
@@ -73,12 +73,12 @@ TEST_F(SensorsTest, InAFullTableTheOldestAgeIsTheIndexThatGivesWay) {
   EXPECT_EQ(Uids()[0], "S0");
 }
 
-TEST_F(SensorsTest, LongUidIsCutToItsPlace) {
+TEST_F(SensorsTest, LongUidIsTruncatedToItsField) {
   Note(std::string(200, 'u'));
   EXPECT_EQ(Uids(), (std::vector<std::string>{std::string(MDATA_SENSOR_UID_SIZE - 1, 'u')}));
 }
 
-TEST_F(SensorsTest, CopiesAreWholeWhileSensorsComeAndGo) {
+TEST_F(SensorsTest, CopiesAreConsistentWhileSensorsComeAndGo) {
   host().SetLevel("COTCONVERTER", 2);
   std::atomic<bool> done = false;
   int torn = 0;

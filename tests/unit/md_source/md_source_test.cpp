@@ -1,5 +1,5 @@
-// The source record: its own copy of the configuration, the elements to insert, what it frees; and the helpers for
-// descriptors and capture files.
+// Tests of the source record (its copy of the configuration, the elements to insert, its release) and of the helpers
+// for descriptors and capture files.
 #include "md_source.h"
 
 #include <errno.h>
@@ -41,7 +41,7 @@ TEST_F(SourceRecordTest, StartsEmptyWithACopyOfTheConfiguration) {
   _FreeSource(record);
 }
 
-TEST_F(SourceRecordTest, TextsOfTheCopyEnd) {
+TEST_F(SourceRecordTest, TextsOfTheCopyAreTerminated) {
   MDATA_SRC_CFG config = Config();
   config.enDataType = MDATA_DATA_COT;
   memset(config.szMissionID, 'A', sizeof(config.szMissionID));
@@ -54,7 +54,7 @@ TEST_F(SourceRecordTest, TextsOfTheCopyEnd) {
   _FreeSource(record);
 }
 
-TEST_F(SourceRecordTest, WithoutMemoryThereIsNoRecord) {
+TEST_F(SourceRecordTest, NoRecordIsMadeIfOutOfMemory) {
   const MDATA_SRC_CFG config = Config();
   host().FailNext("calloc");
   EXPECT_EQ(_AllocSource(&config), nullptr);
@@ -72,10 +72,10 @@ TEST_F(SourceRecordTest, InsertsCarryTheirSizesAndAreFreed) {
   EXPECT_EQ(record->nMissionIDElementSize, 9);
   ASSERT_NE(record->pSecurityMDataSet, nullptr);
   EXPECT_EQ(record->nSecurityMDataSetSize, record->pSecurityMDataSet->Length + 2);
-  _FreeSource(record);  // the sanitizer sees what is left
+  _FreeSource(record);  // the sanitizer reports what it does not free
 }
 
-TEST_F(SourceRecordTest, CountryThatCannotBeWrittenLeavesNoInserts) {
+TEST_F(SourceRecordTest, InvalidCountryLeavesNoInserts) {
   MDATA_SRC_CFG config = Config();
   strcpy(config.szMissionID, "MISSION");
   config.bClassifyMission = TRUE;
@@ -116,7 +116,7 @@ TEST(SourceHelpersTest, FileIsClosedOnce) {
 
 class CaptureFileTest : public HostTest {};
 
-TEST_F(CaptureFileTest, OnlyWeMayReadANewOne) {
+TEST_F(CaptureFileTest, OnlyTheOwnerMayReadANewFile) {
   FILE* file = _OpenCaptureFile("/tmp/capture.txt");
   ASSERT_NE(file, nullptr);
   struct stat info = {};
@@ -125,7 +125,7 @@ TEST_F(CaptureFileTest, OnlyWeMayReadANewOne) {
   _CloseFile(file);
 }
 
-TEST_F(CaptureFileTest, EarlierOneIsEmptied) {
+TEST_F(CaptureFileTest, ExistingFileIsTruncated) {
   host().WriteFile("/tmp/capture.txt", "earlier");
   FILE* file = _OpenCaptureFile("/tmp/capture.txt");
   ASSERT_NE(file, nullptr);
@@ -134,7 +134,7 @@ TEST_F(CaptureFileTest, EarlierOneIsEmptied) {
   EXPECT_EQ(host().ReadFile("/tmp/capture.txt"), "now");
 }
 
-TEST_F(CaptureFileTest, PlantedNamesAreNotWrittenTo) {
+TEST_F(CaptureFileTest, PlantedFilesAreNotWritten) {
   host().WriteFile("/tmp/linked.txt", "theirs");
   host().PlantLink("/tmp/link.txt", "/tmp/linked.txt");
   host().WriteFile("/tmp/other.txt", "theirs");
@@ -147,7 +147,7 @@ TEST_F(CaptureFileTest, PlantedNamesAreNotWrittenTo) {
   EXPECT_EQ(host().ReadFile("/tmp/other.txt"), "theirs");
 }
 
-TEST_F(CaptureFileTest, FileOfSomebodyElseIsLeftAsItIs) {
+TEST_F(CaptureFileTest, FileOfAnotherUserIsLeftUnchanged) {
   host().WriteFile("/tmp/capture.txt", "theirs");
   host().FailNext("geteuid", {.result = 12345});
   EXPECT_EQ(_OpenCaptureFile("/tmp/capture.txt"), nullptr);

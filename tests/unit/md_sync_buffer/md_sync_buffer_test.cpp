@@ -1,4 +1,4 @@
-// The bytes that a stream decoder holds, against a plain vector.
+// Compares the buffer of a stream decoder with a plain vector.
 #include "md_sync_buffer.h"
 
 #include <gtest/gtest.h>
@@ -28,7 +28,7 @@ class SyncBufferTest : public testing::Test {
   static const BYTE* Data(const std::string& text) { return reinterpret_cast<const BYTE*>(text.data()); }
   static int Size(const std::string& text) { return static_cast<int>(text.size()); }
 
-  // Of exactly the capacity, so that a sanitizer sees what goes beyond.
+  // The block has exactly the capacity, so that a sanitizer detects accesses beyond it.
   const std::unique_ptr<BYTE[]> m_memory = std::make_unique<BYTE[]>(kCapacity);
   int32_t m_start = 0;
   int32_t m_stored = 0;
@@ -37,7 +37,7 @@ class SyncBufferTest : public testing::Test {
 
 // --- Holding bytes ---------------------------------------------------------------------------------------
 
-TEST_F(SyncBufferTest, BytesAreAppendedBehindThoseHeld) {
+TEST_F(SyncBufferTest, BytesAreAppendedAfterThoseHeld) {
   Append("abc");
   Append("");
   m_held.Append(nullptr, 0);
@@ -91,7 +91,7 @@ TEST_F(SyncBufferTest, AppendThatJustFitsDoesNotMove) {
   EXPECT_EQ(m_held.Stored(), kCapacity - 10);
 }
 
-TEST_F(SyncBufferTest, CompactMovesOnlyWhatIsNoMoreThanWasDropped) {
+TEST_F(SyncBufferTest, CompactMovesNoMoreBytesThanWereDropped) {
   Append("0123456789");
   m_held.Drop(4);
   m_held.Compact(0);
@@ -102,7 +102,7 @@ TEST_F(SyncBufferTest, CompactMovesOnlyWhatIsNoMoreThanWasDropped) {
   EXPECT_EQ(Held(), "56789");
 }
 
-TEST_F(SyncBufferTest, CompactAlwaysMovesWhatIsFewEnough) {
+TEST_F(SyncBufferTest, CompactAlwaysMovesAFewBytes) {
   Append("0123456789");
   m_held.Drop(4);
   m_held.Compact(5);
@@ -131,7 +131,7 @@ TEST_F(SyncBufferTest, ChunkWithThePatternRestartsThere) {
   EXPECT_EQ(Held(), "oHe");
 }
 
-TEST_F(SyncBufferTest, RescanDropsWhatStandsBeforeThePattern) {
+TEST_F(SyncBufferTest, RescanDropsTheBytesBeforeThePattern) {
   Append("xoHeYxoHeY!oHeY!");
   int offset = -1;
   EXPECT_EQ(m_held.Rescan(kPattern, &offset), 5);
@@ -159,7 +159,7 @@ TEST_F(SyncBufferTest, RescanWithoutThePatternDropsEverything) {
   EXPECT_EQ(Held(), "");
 }
 
-TEST_F(SyncBufferTest, RestOfThePatternIsComparedAsFarAsItIsThere) {
+TEST_F(SyncBufferTest, RestOfThePatternIsComparedAsFarAsItHasArrived) {
   int compared = -1;
   Append("oH");
   EXPECT_TRUE(Continues("eY!rest", &compared));
@@ -175,8 +175,8 @@ TEST_F(SyncBufferTest, RestOfThePatternIsComparedAsFarAsItIsThere) {
 
 // --- Anything --------------------------------------------------------------------------------------------
 
-// Where the bytes lie is the buffer's affair; which bytes are held is not.
-TEST_F(SyncBufferTest, RandomCallsHoldTheBytesOfTheModel) {
+// The test checks which bytes are held, but not their position in the buffer.
+TEST_F(SyncBufferTest, RandomCallsMatchTheModel) {
   std::mt19937 random(1);
   std::string model;
   for (int round = 0; round < 200'000; ++round) {

@@ -1,4 +1,4 @@
-// Receiving datagrams: the bytes, the sender, TTL and TOS, and the sender filter.
+// Tests of receiving datagrams: the bytes, the sender, TTL and TOS, and the sender filter.
 #include "md_udp.h"
 
 #include <arpa/inet.h>
@@ -25,7 +25,7 @@ class ReceiveTest : public HostTest {
                           wantTTL ? &m_ttl : nullptr);
   }
 
-  // One raw control message; 'claimed' is the value length that its header states.
+  // Returns one raw control message; 'claimed' is the length of the value in its header.
   static Bytes Control(int level, int type, const Bytes& value, size_t claimed) {
     Bytes area(CMSG_SPACE(value.size()));
     cmsghdr header = {};
@@ -59,7 +59,7 @@ TEST_F(ReceiveTest, AsksForTheDatagramTheSenderAndTheWantedControlMessages) {
   EXPECT_EQ(host().receives[0].controlSize, 2 * CMSG_SPACE(sizeof(int)));
 }
 
-TEST_F(ReceiveTest, AsksForTheDatagramAloneWhenNothingElseIsWanted) {
+TEST_F(ReceiveTest, AsksForTheDatagramAloneIfNothingElseIsWanted) {
   host().FeedDatagram(m_fd, {1, 2, 3});
   EXPECT_EQ(_RecvUDPPacket(m_fd, m_buffer, sizeof(m_buffer), nullptr, nullptr, nullptr), 3);
   ASSERT_EQ(host().receives.size(), 1u);
@@ -67,7 +67,7 @@ TEST_F(ReceiveTest, AsksForTheDatagramAloneWhenNothingElseIsWanted) {
   EXPECT_EQ(host().receives[0].controlSize, 0u);
 }
 
-TEST_F(ReceiveTest, GivesBytesAndSender) {
+TEST_F(ReceiveTest, ReturnsBytesAndSender) {
   memset(&m_from, 0xEE, sizeof(m_from));
   host().FeedDatagram(m_fd, {1, 2, 3}, {.from = "10.1.2.3", .port = 4711});
   EXPECT_EQ(Receive(false, false), 3);
@@ -84,7 +84,7 @@ TEST_F(ReceiveTest, SenderIsOptional) {
   EXPECT_EQ(_RecvUDPPacket(m_fd, m_buffer, sizeof(m_buffer), nullptr, nullptr, nullptr), 3);
 }
 
-TEST_F(ReceiveTest, LongDatagramIsCutToTheBuffer) {
+TEST_F(ReceiveTest, LongDatagramIsTruncatedToTheBuffer) {
   host().FeedDatagram(m_fd, Bytes(20, 7));
   EXPECT_EQ(Receive(false, false), 8);
 }
@@ -105,12 +105,12 @@ TEST_F(ReceiveTest, IPv6TrafficClassAndHopLimitFillBothValues) {
   ExpectLog(7, "Got hop limit (255) information.\n");
 }
 
-TEST_F(ReceiveTest, NothingIsLookedAtWhenNothingIsWanted) {
+TEST_F(ReceiveTest, ControlMessagesAreIgnoredIfNoneIsWanted) {
   ExpectReceived({.ttl = 64, .tos = 0xB8}, false, false);
   ExpectNoLog("IPPROTO_IP.\n");
 }
 
-TEST_F(ReceiveTest, ValueNotCarriedStays) {
+TEST_F(ReceiveTest, MissingValueStaysUnchanged) {
   ExpectReceived({}, true, true);
   EXPECT_EQ(m_tos, 0xA5);
   EXPECT_EQ(m_ttl, 0x5A);
@@ -138,7 +138,7 @@ TEST_F(ReceiveTest, OtherLevelIsUnknown) {
   ExpectLog(4, "ANC#1 Unknown level (1) ancilliary data found.\n");
 }
 
-TEST_F(ReceiveTest, TTLOutOfRangeAssertsAndGivesTheLowByte) {
+TEST_F(ReceiveTest, TTLOutOfRangeAssertsAndReturnsTheLowByte) {
   ExpectReceived({.ttl = -2}, false, true);
   ExpectAssertion("iTTL >= 0");
   EXPECT_EQ(m_ttl, 0xFE);
@@ -181,7 +181,7 @@ TEST_F(ReceiveTest, ErrorIsLoggedAndLeftInErrno) {
   ExpectLog(3, "recvmsg returned -1, errno=111, \"Connection refused\".\n");
 }
 
-TEST_F(ReceiveTest, NothingIsLoggedAsAnErrorToo) {
+TEST_F(ReceiveTest, ResultOfZeroIsLoggedAsAnError) {
   host().FailNext("recvmsg", {.error = EAGAIN, .result = 0});
   EXPECT_EQ(Receive(true, true), 0);
   ExpectLog(3, "recvmsg returned 0, errno=11, \"Resource temporarily unavailable\".\n");
@@ -191,7 +191,7 @@ TEST_F(ReceiveTest, NothingIsLoggedAsAnErrorToo) {
 
 class DetectionTest : public EngineTest {
  protected:
-  // A bare record with one relay that has these values.
+  // Returns a bare record with one relay that has these values.
   MDATA_SRC_HANDLE Record(int ttl, int tos) {
     m_record = {};
     m_record.iFD = m_record.iFDv6 = -1;
@@ -206,7 +206,7 @@ class DetectionTest : public EngineTest {
   tagMDATA_SRC_HANDLE m_record = {};
 };
 
-TEST_F(DetectionTest, OnlyMinusOneAmongTheConfiguredRelaysNeedsIt) {
+TEST_F(DetectionTest, OnlyMinusOneInAConfiguredRelayEnablesIt) {
   EXPECT_TRUE(_IsTTLDetectionNeeded(Record(-1, 0)));
   EXPECT_FALSE(_IsTOSDetectionNeeded(Record(-1, 0)));
   EXPECT_TRUE(_IsTOSDetectionNeeded(Record(0, -1)));
@@ -218,7 +218,7 @@ TEST_F(DetectionTest, OnlyMinusOneAmongTheConfiguredRelaysNeedsIt) {
   EXPECT_FALSE(_IsTOSDetectionNeeded(&m_record));
 }
 
-TEST_F(DetectionTest, SwitchesBothOnWithAOneByteValue) {
+TEST_F(DetectionTest, EnablesBothWithAOneByteValue) {
   Record(-1, -1);
   OpenIPv4Socket();
   EXPECT_TRUE(_EnableTTLTOSDetectionIfNeeded(&m_record));
@@ -344,7 +344,7 @@ TEST_F(SenderFilterTest, FamilyMustMatch) {
   EXPECT_FALSE(Accepts(AF_UNIX, "::", "10.0.0.1"));
 }
 
-TEST_F(SenderFilterTest, FamilyZeroTakesBothAndStillComparesTheAddress) {
+TEST_F(SenderFilterTest, FamilyZeroAcceptsBothAndStillComparesTheAddress) {
   EXPECT_TRUE(Accepts(0, "0.0.0.0", "10.0.0.1"));
   EXPECT_TRUE(Accepts(0, "::", "fe80::1"));
   EXPECT_TRUE(Accepts(0, "10.0.0.1", "10.0.0.1"));

@@ -1,4 +1,4 @@
-// The capture of CoT XML: numbering, the last byte, lost events, write errors, replacing the file.
+// Tests of the capture of CoT XML: numbering, the last byte, lost events, write errors, replacing the file.
 #include "md_xml_log.h"
 
 #include <stdio.h>
@@ -25,7 +25,7 @@ class XmlLogTest : public HostTest {
   }
 
   void Open() { _ReplaceXMLOutFile(open_memstream(&m_text, &m_size)); }
-  // A file on which every write fails, at once.
+  // Opens a file on which every write fails at once.
   static void OpenFullDisk() {
     FILE* fp = fopen("/dev/full", "w");
     ASSERT_NE(fp, nullptr);
@@ -55,7 +55,7 @@ class XmlLogTest : public HostTest {
 
 constexpr char kDiskFull[] = "Unable to write to the XML event log, errno=28, \"No space left on device\".\n";
 
-TEST_F(XmlLogTest, EventsAreNumberedAndALostOneTakesANumber) {
+TEST_F(XmlLogTest, EventsAreNumberedAndALostOneIsCounted) {
   Open();
   LogEvent("U#1<a/>\n");
   _LogLostXMLEvent(7);
@@ -68,20 +68,20 @@ TEST_F(XmlLogTest, EventsAreNumberedAndALostOneTakesANumber) {
                          later + "\nU#1<b/>\n\n");
 }
 
-TEST_F(XmlLogTest, LastByteIsLeftOutAndTheTextEndsAtAZero) {
+TEST_F(XmlLogTest, LastByteIsOmittedAndTheTextEndsAtAZero) {
   Open();
   LogEvent("U");
   LogEvent(std::string("U#1<a/>\0<b/>>", 13));
   EXPECT_EQ(Close(), "XML Event #1 at " + TimeText() + "\n\n\n" + "XML Event #2 at " + TimeText() + "\nU#1<a/>\n\n");
 }
 
-TEST_F(XmlLogTest, WithoutACaptureNothingIsNumbered) {
+TEST_F(XmlLogTest, EventsAreNotNumberedWithoutACapture) {
   LogEvent("U#1<a/>");
   _LogLostXMLEvent(1);
   EXPECT_EQ(g_nXMLEventCount, 0);
 }
 
-TEST_F(XmlLogTest, NumbersGoOnInTheNextCapture) {
+TEST_F(XmlLogTest, NumbersContinueInTheNextCapture) {
   Open();
   LogEvent("U#1<a/>");
   Close();
@@ -92,13 +92,13 @@ TEST_F(XmlLogTest, NumbersGoOnInTheNextCapture) {
   EXPECT_EQ(Close(), "XML Event #2 at " + TimeText() + "\nU#1<b/\n\n");
 }
 
-TEST_F(XmlLogTest, ReplacingClosesTheFileBefore) {
+TEST_F(XmlLogTest, ReplacingClosesThePreviousFile) {
   Open();
   LogEvent("U#1<a/>");
   char* text = nullptr;
   size_t size = 0;
   _ReplaceXMLOutFile(open_memstream(&text, &size));
-  EXPECT_NE(m_size, 0u);  // a memory stream tells its size when it is closed
+  EXPECT_NE(m_size, 0u);  // a memory stream reports its size when it is closed
   LogEvent("U#1<b/>");
   _ReplaceXMLOutFile(nullptr);
   EXPECT_EQ(g_XMLOutFP, nullptr);

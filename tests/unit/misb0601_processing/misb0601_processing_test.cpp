@@ -1,4 +1,4 @@
-// The rewriting of UAS Local Sets.
+// Tests of the rewriting of UAS Local Sets.
 #include "misb0601_processing.h"
 
 #include <gmock/gmock.h>
@@ -18,7 +18,7 @@ using ::testing::IsEmpty;
 
 constexpr char kMisplaced[] = "Checksum in received UAS data set was not the last element!\n";
 
-// An element with a short-form length.
+// Returns an element with a short-form length.
 Bytes Element(BYTE tag, const Bytes& value) {
   return Bytes{tag, static_cast<BYTE>(value.size())} + value;
 }
@@ -28,12 +28,12 @@ Bytes Repeat(const Bytes& what, size_t nTimes) {
   return result;
 }
 
-const Bytes kChecksum = {1, 2, 0xAA, 0xBB};  // whatever it says, it is replaced
+const Bytes kChecksum = {1, 2, 0xAA, 0xBB};  // it is replaced, whatever its value
 const Bytes kTimestamp = Element(2, {0, 1, 2, 3, 4, 5, 6, 7});
 const Bytes kForeignMission = Element(3, {'O', 'L', 'D'});
 const Bytes kForeignSecurity = Element(48, Element(1, {5}) + Element(22, {0, 11}));
 
-// The message around a body, with a length in its shortest form.
+// Returns a message with the body and a length in its shortest form.
 Bytes Wrap(const Bytes& body) {
   return UasMessage().Raw(body).Build();
 }
@@ -41,12 +41,12 @@ int HeaderSizeOf(const Bytes& message) {
   return message[16] < 0x80 ? 17 : 17 + (message[16] & 0x7F);
 }
 
-// The same with a right checksum element at the end: what a rewriting must make.
+// Returns the expected result of a rewriting: the message with a correct checksum element at the end.
 Bytes Finished(const Bytes& body) {
   return UasMessage().Raw(body).Checksum().Build();
 }
 
-// A source record as an open source has it, with nothing configured.
+// The record of an open source without any configured rewriting.
 class RewriteTest : public HostTest {
  protected:
   RewriteTest() : m_pSource(static_cast<MDATA_SRC_HANDLE>(calloc(1, sizeof(tagMDATA_SRC_HANDLE)))) {}
@@ -77,7 +77,7 @@ class RewriteTest : public HostTest {
     for (const int nTag : tags) m_pSource->Config.UASSecurityTagFilter[0] |= 1u << nTag;
   }
 
-  // Rewrites a message that sits in a block of exactly its size.
+  // Rewrites a message in a block of exactly its size.
   BOOL Rewrite(const Bytes& message, int nHeaderSize) {
     DoReleaseIfAny();
     m_nNewSize = -1;
@@ -89,7 +89,7 @@ class RewriteTest : public HostTest {
   BOOL Rewrite(const Bytes& message) { return Rewrite(message, HeaderSizeOf(message)); }
   BOOL RewriteBody(const Bytes& body) { return Rewrite(Wrap(body)); }
 
-  // What the last rewriting made.
+  // Returns the result of the last rewriting.
   Bytes Output() const {
     if (m_pBuffer == nullptr) return {};
     EXPECT_EQ(m_nNewSize, m_pBuffer->nDataSize);
@@ -109,7 +109,7 @@ class RewriteTest : public HostTest {
   int m_nNewSize = 0;
 };
 
-// --- What becomes of a message ---------------------------------------------------------------------------
+// --- Result of a rewriting ---------------------------------------------------------------------------
 
 TEST_F(RewriteTest, NothingConfiguredOnlyRenewsTheChecksum) {
   EXPECT_TRUE(RewriteBody(kTimestamp + kForeignMission + kForeignSecurity + kChecksum));
@@ -221,7 +221,7 @@ TEST_F(RewriteTest, BodyOf128BytesHasATwoByteLength) {
   EXPECT_EQ(Output(), Finished(Element(5, Bytes(122))));
 }
 
-TEST_F(RewriteTest, BodiesOf255And256Bytes) {
+TEST_F(RewriteTest, BodiesOf255And256BytesHaveOneAndTwoLengthBytes) {
   const Bytes front = Element(5, Bytes(120));
   EXPECT_TRUE(RewriteBody(front + Element(6, Bytes(127)) + kChecksum));
   EXPECT_EQ(Output().size(), 255u + 18u);
@@ -266,7 +266,7 @@ TEST_F(RewriteTest, ManyReplacementsFarBeyondTheUsualSizeAreWritten) {
 }
 
 TEST_F(RewriteTest, MessageWithoutChecksumElementHasRoomForTheNewOne) {
-  // The usual allocation is two to four bytes short here.
+  // The usual allocation would be two to four bytes too small here.
   for (size_t nSize = 0; nSize < 200; nSize++) {
     EXPECT_TRUE(RewriteBody(Bytes{5, 0x81, static_cast<BYTE>(nSize)} + Bytes(nSize, 7)));
     EXPECT_EQ(Output(), Finished(Bytes{5, 0x81, static_cast<BYTE>(nSize)} + Bytes(nSize, 7)));
@@ -322,14 +322,14 @@ class InvalidMessageTest : public RewriteTest {
   }
 };
 
-TEST_F(InvalidMessageTest, UnreadableSize) {
+TEST_F(InvalidMessageTest, UnreadableSizeIsRefused) {
   EXPECT_FALSE(RewriteBody(kTimestamp + Bytes{5, 0x80, 0, 0}));
   ExpectLog(3, "Unsupported number of bytes (0) for size in BER encoded length.\n");
   ExpectLog(3, "KLV Element#2: tag#5 (" + std::string(GetUAVTagName(5)) + "), Unable to extract element size.\n");
   EXPECT_EQ(Stats().nInvalidUASMessages, 1u);
 }
 
-TEST_F(InvalidMessageTest, ElementThatPassesTheEnd) {
+TEST_F(InvalidMessageTest, ElementThatPassesTheEndIsRefused) {
   ExpectInvalid(kTimestamp + Bytes{5, 3, 1, 2}, "has INVALID data length=3 with only 4 bytes remaining in message.\n",
                 5);
   ExpectInvalid(kTimestamp + Bytes{3, 127, 1}, "has INVALID data length=127 with only 3 bytes remaining in message.\n",
@@ -343,12 +343,12 @@ TEST_F(InvalidMessageTest, HugeLengthsAreComparedUnsigned) {
                 "has INVALID data length=132 with only 6 bytes remaining in message.\n", 5);
 }
 
-TEST_F(InvalidMessageTest, LengthFieldThatPassesTheEnd) {
+TEST_F(InvalidMessageTest, LengthFieldThatPassesTheEndIsRefused) {
   ExpectInvalid(kTimestamp + Bytes{5, 0x84, 0}, "has INVALID data length=132 with only 3 bytes remaining in message.\n",
                 5);
 }
 
-TEST_F(InvalidMessageTest, ChecksumOfThreeBytes) {
+TEST_F(InvalidMessageTest, ChecksumOfThreeBytesIsRefused) {
   ExpectInvalid(kTimestamp + Element(1, {1, 2, 3}), "has INVALID data length=3 instead of 2.\n", 1);
   ExpectInvalid(kTimestamp + Bytes{1, 0x81, 2, 0, 0}, "has INVALID data length=129 instead of 2.\n", 1);
 }
@@ -385,7 +385,7 @@ TEST_F(RewriteTest, SizeBelowTheHeaderIsRefused) {
   EXPECT_EQ(Stats().nRxUASMessages, 0u);
 }
 
-TEST_F(RewriteTest, WithoutMemoryNothingIsCounted) {
+TEST_F(RewriteTest, NothingIsCountedIfOutOfMemory) {
   host().FailNext("calloc");
   EXPECT_FALSE(RewriteBody(kTimestamp + kChecksum));
   EXPECT_EQ(Stats().nRxUASMessages, 0u);
@@ -401,7 +401,7 @@ TEST_F(RewriteTest, OnlyTheTimestampPassesTheFilter) {
   EXPECT_EQ(Output(), Finished(mission + kTimestamp + set));
 }
 
-TEST_F(RewriteTest, FilterDecidesAreLogged) {
+TEST_F(RewriteTest, FilterDecisionsAreLogged) {
   KeepTags({2});
   EXPECT_TRUE(RewriteBody(Element(5, {1, 2}) + kTimestamp + kChecksum));
   ExpectLog(7, "Not copying KLV element#1: tag#5 (" + std::string(GetUAVTagName(5)) +
@@ -424,7 +424,7 @@ TEST_F(RewriteTest, FilterKeepsEachTagByItsOwnBit) {
 TEST_F(RewriteTest, TagsWithoutABitAreDroppedByTheFilter) {
   KeepTags({});
   for (UINT32& nWord : m_pSource->Config.UASTagFilter) nWord = ~0u;
-  KeepSecurityTags({0, 1, 2});  // what lies behind the map is no part of it
+  KeepSecurityTags({0, 1, 2});  // bits after the map do not belong to it
   EXPECT_TRUE(RewriteBody(Element(127, {1}) + Element(128, {1}) + Element(160, {1}) + Element(255, {1}) + kChecksum));
   EXPECT_EQ(Output(), Finished(Element(127, {1})));
 }
@@ -476,7 +476,7 @@ TEST_F(RewriteTest, SecuritySetIsLoggedAndAssertedOnce) {
 
 class SecuritySetTest : public RewriteTest {
  protected:
-  // Filters one set and returns what is left of it.
+  // Filters one set and returns the remaining bytes.
   Bytes Filter(const Bytes& set) {
     const std::unique_ptr<BYTE[]> pcExact(new BYTE[set.size()]);
     std::copy(set.begin(), set.end(), pcExact.get());
@@ -505,7 +505,7 @@ TEST_F(SecuritySetTest, LengthInTheLogIsTheLengthByte) {
   ExpectLog(7, "Copying security element#1: tag#3 (" + std::string(GetSecurityTagName(3)) + "), length=129.\n");
 }
 
-TEST_F(SecuritySetTest, NothingKeptGivesNothing) {
+TEST_F(SecuritySetTest, SetOfWhichNothingIsKeptIsDropped) {
   KeepSecurityTags({});
   EXPECT_THAT(Filter(kForeignSecurity), IsEmpty());
   EXPECT_THAT(Filter({48, 0}), IsEmpty());
@@ -542,7 +542,7 @@ TEST_F(SecuritySetTest, OtherTagAsserts) {
 
 TEST_F(SecuritySetTest, LongFormSetIsReadFromInsideItsLength) {
   KeepSecurityTags({1, 3});
-  // Behind 0x81 the length byte 3 is taken for a tag of length 1, and the rest follows from there.
+  // After 0x81 the length byte 3 is read as a tag of length 1, and the walk continues from there.
   EXPECT_EQ(Filter({48, 0x81, 3, 1, 1, 5}), Element(48, {3, 1, 1}));
   ExpectAssertion("nInputSize == 0");
 }
@@ -570,7 +570,8 @@ TEST_F(SecuritySetTest, VanishingSetLeavesNoTraceInTheMessage) {
 
 // --- Items from 128 on ---------------------------------------------------------------------------------------
 
-// Two-byte tags; read as one-byte tags the first is an empty element, then a mission identifier of 1 byte.
+// These have two-byte tags. Read as one-byte tags, the first is an empty element, followed by a mission identifier of 1
+// byte.
 const Bytes kWavelengths = {0x81, 0x00, 3, 1, 2, 3};  // item 128
 const Bytes kCountry = {0x81, 0x01, 2, 'U', 'S'};     // item 129
 
@@ -586,7 +587,7 @@ class ExtendedTagsTest : public SecuritySetTest {
   }
 };
 
-TEST_F(ExtendedTagsTest, AreCopiedAndTheRestIsReadRight) {
+TEST_F(ExtendedTagsTest, AreCopiedAndTheRestIsReadCorrectly) {
   const Bytes mission = UseMissionID("M1");
   const Bytes set = UseSecuritySet();
   EXPECT_TRUE(RewriteBody(kTimestamp + kWavelengths + kForeignMission + kCountry + kForeignSecurity + kChecksum));
@@ -595,14 +596,14 @@ TEST_F(ExtendedTagsTest, AreCopiedAndTheRestIsReadRight) {
   EXPECT_EQ(Stats().nUpdatedSecuritySets, 1u);
 }
 
-TEST_F(ExtendedTagsTest, InsertsAreAppendedBehindThem) {
+TEST_F(ExtendedTagsTest, InsertsAreAppendedAfterThem) {
   const Bytes mission = UseMissionID("M1");
   const Bytes set = UseSecuritySet();
   EXPECT_TRUE(RewriteBody(kTimestamp + kWavelengths + kCountry + kChecksum));
   EXPECT_EQ(Output(), Finished(kTimestamp + kWavelengths + kCountry + mission + set));
   EXPECT_EQ(Stats().nAddedMissionIDs, 1u);
   EXPECT_EQ(Stats().nAddedSecuritySets, 1u);
-  // The last element, of three bytes.
+  // The last element has three bytes.
   EXPECT_TRUE(RewriteBody(kTimestamp + Bytes{0x81, 0x02, 0}));
   EXPECT_EQ(Output(), Finished(kTimestamp + Bytes{0x81, 0x02, 0} + mission + set));
   ExpectLog(4, kMisplaced);
@@ -624,7 +625,7 @@ TEST_F(ExtendedTagsTest, HaveNoBitInTheFilters) {
 }
 
 TEST_F(ExtendedTagsTest, MalformedTagsMakeTheMessageInvalid) {
-  // 80 03 would be a second spelling of the mission identifier's tag.
+  // 80 03 would be a longer encoding of the mission identifier's tag.
   EXPECT_FALSE(RewriteBody(kTimestamp + Bytes{0x80, 3, 1, 'M'} + kChecksum));
   ExpectLog(3, "KLV Element#2: tag#128 (UAV tag 128), Unable to extract element size.\n");
   host().Advance(5000);
@@ -643,8 +644,8 @@ TEST_F(ExtendedTagsTest, MalformedTagsMakeTheMessageInvalid) {
   EXPECT_THAT(Filter(Element(48, Element(1, {5}) + Bytes{0x80, 1, 1, 5})), IsEmpty());
 }
 
-TEST_F(RewriteTest, WithoutTheOptionTagsHaveOneByte) {
-  // Out of step: the wavelengths' length byte is taken for the tag of a mission identifier, and so is their last byte.
+TEST_F(RewriteTest, TagsHaveOneByteWithoutTheOption) {
+  // The walk is out of step: it reads the wavelengths' length byte and their last byte as tags of mission identifiers.
   const Bytes mission = UseMissionID("M1");
   EXPECT_TRUE(RewriteBody(kTimestamp + kWavelengths + Element(5, {1, 2}) + kChecksum));
   EXPECT_EQ(Output(), Finished(kTimestamp + Bytes{0x81, 0} + mission + mission));
@@ -667,7 +668,7 @@ class RecordedFlightTest : public RewriteTest {
   std::vector<Bytes> m_messages;
 };
 
-TEST_F(RecordedFlightTest, WithNothingToChangeEveryMessageComesOutAsRecorded) {
+TEST_F(RecordedFlightTest, EveryMessageIsReproducedIfNothingIsToChange) {
   if (m_messages.empty()) return;
   EXPECT_EQ(m_messages.size(), 407u);
   for (const Bytes& message : m_messages) {
@@ -703,7 +704,7 @@ TEST_F(RecordedFlightTest, KeepsFourTagsAndInsertsIdentifierAndSecuritySet) {
   }
 }
 
-TEST_F(RecordedFlightTest, CutAtEveryByteAndWithEveryByteFlippedNothingIsReadOrWrittenOutside) {
+TEST_F(RecordedFlightTest, MessagesCutOrFlippedAtEveryByteStayInsideTheirBuffers) {
   if (m_messages.empty()) return;
   KeepTags({2, 3, 13, 14, 48, 65});
   KeepSecurityTags({1, 2, 3});

@@ -1,4 +1,4 @@
-// The UAS Local Set tools: element sizes, the elements that a source inserts, the validation and the names.
+// Tests of the UAS Local Set tools: element sizes, the elements that a source inserts, the validation and the names.
 #include "misb0601_tools.h"
 
 #include <gmock/gmock.h>
@@ -31,7 +31,7 @@ class ElementSizeTest : public HostTest {
   }
   tagKLV_SIZE_RESULT BoundedSizeOf(const Bytes& element) {
     m_nSize = 4711;
-    const std::unique_ptr<BYTE[]> pcExact(new BYTE[element.size()]);  // a read past it is a sanitizer's report
+    const std::unique_ptr<BYTE[]> pcExact(new BYTE[element.size()]);  // a sanitizer detects a read past it
     std::copy(element.begin(), element.end(), pcExact.get());
     const auto enResult = _ReadKLVElement({pcExact.get(), element.size()}, true, &m_info);
     if (enResult == KLV_SIZE_OK) m_nSize = m_info.nSize;
@@ -53,7 +53,7 @@ TEST_F(ElementSizeTest, TwoLengthBytesGive260) {
   EXPECT_EQ(m_nSize, 260u);
 }
 
-TEST_F(ElementSizeTest, OneThreeAndFourLengthBytes) {
+TEST_F(ElementSizeTest, OneThreeAndFourLengthBytesAreRead) {
   EXPECT_TRUE(SizeOf({2, 0x81, 0xFF}));
   EXPECT_EQ(m_nSize, 3u + 255u);
   EXPECT_TRUE(SizeOf({2, 0x83, 0x01, 0x02, 0x03}));
@@ -73,7 +73,7 @@ TEST_F(ElementSizeTest, UnsupportedFormsAreLoggedAndLeaveTheSizeAlone) {
   ExpectLog(3, "Unsupported number of bytes (127) for size in BER encoded length.\n");
 }
 
-TEST_F(ElementSizeTest, BoundedFormReadsNothingBehindTheBytesLeft) {
+TEST_F(ElementSizeTest, BoundedFormReadsNothingAfterTheRemainingBytes) {
   EXPECT_EQ(BoundedSizeOf({}), KLV_SIZE_CUT);
   EXPECT_EQ(BoundedSizeOf({2}), KLV_SIZE_CUT);
   EXPECT_EQ(BoundedSizeOf({2, 0x81}), KLV_SIZE_CUT);
@@ -91,7 +91,7 @@ TEST_F(ElementSizeTest, BoundedFormCanBeSilent) {
   EXPECT_EQ(_ReadKLVElement(element, false, &info), KLV_SIZE_UNSUPPORTED);
 }
 
-// The plain reading of an element, one byte after the other: what counts is what is found first.
+// A simple model that reads an element byte by byte. The first error found is the result.
 struct PlainElement {
   tagKLV_SIZE_RESULT result = KLV_SIZE_CUT;
   UINT32 tag = 0;
@@ -99,7 +99,7 @@ struct PlainElement {
   size_t tagSize = 0;
   size_t headerSize = 0;
   size_t size = 0;
-  int unsupportedCount = -1;  // what the log line says; -1 for none
+  int unsupportedCount = -1;  // the count in the log line, or -1 without a line
 };
 
 tagKLV_SIZE_RESULT ReadPlainTag(const Bytes& bytes, bool extended, PlainElement& element) {
@@ -150,7 +150,7 @@ PlainElement ReadPlain(const Bytes& bytes, bool extended) {
   return element;
 }
 
-// Bytes in which long tags, long lengths and their ends are frequent.
+// Returns random bytes in which long tags, long lengths and their ends are frequent.
 Bytes RandomElement(std::mt19937& random) {
   Bytes bytes(random() % 9);
   for (BYTE& byte : bytes) {
@@ -160,7 +160,7 @@ Bytes RandomElement(std::mt19937& random) {
   return bytes;
 }
 
-TEST_F(ElementSizeTest, RandomElementsReadLikeThePlainReadingWithAndWithoutExtendedTags) {
+TEST_F(ElementSizeTest, RandomElementsReadLikeTheModelWithAndWithoutExtendedTags) {
   std::mt19937 random(48);
   int counts[3] = {};
   for (int round = 0; round < 40000; ++round) {
@@ -246,7 +246,7 @@ TEST_F(ExtendedTagsTest, LongerTagsAndEmptyLeadingDigitsAreMalformed) {
     EXPECT_EQ(BoundedSizeOf(element), KLV_SIZE_UNSUPPORTED);
 }
 
-TEST_F(ExtendedTagsTest, TagOrLengthBehindTheBytesLeftIsCut) {
+TEST_F(ExtendedTagsTest, TagOrLengthAfterTheRemainingBytesIsTruncated) {
   for (const Bytes& element : {Bytes{0x81}, Bytes{0xFF, 0xFF, 0xFF}, Bytes{0x81, 0}, Bytes{0x81, 0, 0x82, 1}})
     EXPECT_EQ(BoundedSizeOf(element), KLV_SIZE_CUT);
 }
@@ -285,7 +285,7 @@ TEST_F(MissionIDTest, HighCharactersAreCopiedAsTheyAre) {
   EXPECT_THAT(BytesOf(Alloc("\xC3\xA4").get(), 4), ElementsAre(3, 2, 0xC3, 0xA4));
 }
 
-TEST_F(MissionIDTest, Of127CharactersTakes129Bytes) {
+TEST_F(MissionIDTest, IdentifierOf127CharactersTakes129Bytes) {
   const Element pElement = Alloc(std::string(127, 'x'));
   EXPECT_EQ(pElement->cLength, 127);
   size_t nSize = 0;
@@ -294,7 +294,7 @@ TEST_F(MissionIDTest, Of127CharactersTakes129Bytes) {
   EXPECT_EQ(BytesOf(pElement.get(), 129).back(), 'x');
 }
 
-TEST_F(MissionIDTest, LongerThan127CharactersAssertsAndKeepsTheLowByte) {
+TEST_F(MissionIDTest, IdentifierAbove127CharactersAssertsAndKeepsTheLowByte) {
   EXPECT_EQ(Alloc(std::string(128, 'x'))->cLength, 128);
   ExpectAssertion("nLength <= 127");
   const Element pElement = Alloc(std::string(300, 'x'));
@@ -303,7 +303,7 @@ TEST_F(MissionIDTest, LongerThan127CharactersAssertsAndKeepsTheLowByte) {
   ExpectAssertion("nLength <= 127");
 }
 
-TEST_F(MissionIDTest, WithoutMemoryThereIsNone) {
+TEST_F(MissionIDTest, NoElementIsMadeIfOutOfMemory) {
   host().FailNext("malloc");
   EXPECT_EQ(Alloc("MISSION01"), nullptr);
 }
@@ -336,12 +336,12 @@ TEST_F(SecurityMetadataTest, EmptyObjectCountryGives24Bytes) {
             Hex("30 16 01 01 01 02 01 02 03 05 2F 2F 46 52 41 0C 01 02 0D 00 16 02 00 0B"));
 }
 
-TEST_F(SecurityMetadataTest, HighCharactersStayOneUnit) {
+TEST_F(SecurityMetadataTest, CharactersAbove127BecomeOneUnit) {
   const Element pElement = Alloc(1, "FRA", "\xE9");
   EXPECT_THAT(BytesOf(reinterpret_cast<const BYTE*>(pElement.get()) + 18, 4), ElementsAre(13, 2, 0x00, 0xE9));
 }
 
-TEST_F(SecurityMetadataTest, CountryOfTwoLettersGivesNone) {
+TEST_F(SecurityMetadataTest, CountryOfTwoLettersGivesNoSet) {
   EXPECT_EQ(Alloc(1, "US", "USA"), nullptr);
   ExpectLog(3, "Unsupported country length=2.\n");
   EXPECT_EQ(Alloc(1, "USAF", "USA"), nullptr);
@@ -358,13 +358,13 @@ TEST_F(SecurityMetadataTest, ClassificationIsNotRangeChecked) {
 }
 
 TEST_F(SecurityMetadataTest, ObjectCountryLengthIsTakenModulo128) {
-  // 130 characters: the item says 2 of them, and the version follows these.
+  // Of the 130 characters the length of the item covers 2, and the version follows these.
   const Bytes set = BytesOf(Alloc(1, "USA", std::string(130, 'Z')).get(), 24 + 260);
   EXPECT_EQ(set[1], (22 + 260) & 0xFF);
   EXPECT_THAT(Bytes(set.begin() + 18, set.begin() + 28), ElementsAre(13, 4, 0, 'Z', 0, 'Z', 22, 2, 0x00, 0x0B));
 }
 
-TEST_F(SecurityMetadataTest, WithoutMemoryIsLogged) {
+TEST_F(SecurityMetadataTest, FailedAllocationIsLogged) {
   host().FailNext("calloc");
   EXPECT_EQ(Alloc(1, "USA", "USA"), nullptr);
   ExpectLog(3, "No memory for security data set of 30 bytes.\n");
@@ -374,14 +374,14 @@ TEST_F(SecurityMetadataTest, WithoutMemoryIsLogged) {
 
 class ValidateTest : public HostTest {
  protected:
-  // The message sits in a block of exactly its size, so that a read past its end is a sanitizer's report.
+  // The message is in a block of exactly its size, so that a sanitizer detects a read past its end.
   static BOOL Validate(const Bytes& message, int nHeaderSize = 17) {
     const std::unique_ptr<BYTE[]> pcExact(new BYTE[message.size()]);
     std::copy(message.begin(), message.end(), pcExact.get());
     return ValidateUASLocalDataSet(pcExact.get(), static_cast<int>(message.size()), nHeaderSize);
   }
   static Bytes Wrap(const Bytes& body) { return UasMessage().Raw(body).Build(); }
-  // Fills in the sum over the whole message with the value bytes as zero; returns it.
+  // Stores the sum over the whole message with the value bytes as zero, and returns it.
   static unsigned SumInto(Bytes& message, size_t nOffset) {
     message[nOffset] = message[nOffset + 1] = 0;
     const unsigned nSum = OwnChecksum(message, message.size());
@@ -488,7 +488,7 @@ TEST_F(ValidateTest, MissionIdentifierIsPrintedWithinItsLength) {
   ExpectLog(4, "No checksum found.\n");
 }
 
-// Items 128 and 129 in front of identifier, security set and checksum.
+// Items 128 and 129 precede the identifier, the security set and the checksum.
 Bytes WithExtendedTags() {
   return {0x81, 0, 3, 1, 2, 48, 0x81, 1, 2, 7, 8, 3, 2, 'A', 'B', 48, 1, 5, 1, 2, 0, 0};
 }
@@ -515,8 +515,8 @@ TEST_F(ValidateTest, ExtendedTagsAreWalkedWithTheOption) {
 TEST_F(ValidateTest, ExtendedTagsAreOneByteTagsWithoutTheOption) {
   Bytes message = Wrap(WithExtendedTags());
   SumInto(message, message.size() - 2);
-  // 81 00 is an element without value, 03 01 02 an identifier of one byte, 30 81 01 02 a security set, and so on out of
-  // step: the identifier, the set and the checksum that are there go unseen.
+  // 81 00 is read as an element without value, 03 01 02 as an identifier of one byte, 30 81 01 02 as a security set,
+  // and so on: the walk is out of step and misses the real identifier, set and checksum.
   EXPECT_TRUE(Validate(message));
   ExpectLog(6, "KLV Element#1: tag#129 (UAV tag 129), data length=0, space left=20.\n");
   ExpectLog(6, "KLV Element#2: tag#3 (UAV tag 3), data length=1, space left=17.\n");
@@ -543,13 +543,13 @@ TEST_F(ValidateTest, LongMissionIdentifierIsPrintedWhole) {
 
 // --- Names ---------------------------------------------------------------------------------------------
 
-TEST(NamesTest, SecurityClassifications) {
+TEST(NamesTest, SecurityClassificationsHaveTheirNames) {
   const char* const aszNames[] = {"Unknown", "UNCLASSIFIED", "RESTRICTED", "CONFIDENTIAL", "SECRET", "TOP SECRET"};
   for (unsigned i = 0; i < 256; i++)
     EXPECT_STREQ(GetSecurityClassificationString(static_cast<BYTE>(i)), i < 6 ? aszNames[i] : "Unknown") << i;
 }
 
-TEST(NamesTest, CountryCodingMethods) {
+TEST(NamesTest, CountryCodingMethodsHaveTheirNames) {
   const char* const aszNames[] = {"Unknown",
                                   "ISO-3166 Two Letter",
                                   "ISO-3166 Three Letter",
