@@ -8,7 +8,8 @@
 #include <memory>
 #include <vector>
 
-#include "metadata_api.h"
+#include "md_source.h"
+#include "metadata_lib.h"
 #include "misb0601_tools.h"
 
 namespace {
