@@ -168,6 +168,12 @@ TEST(NumberReader, OddTextsReadLikeAScan) {
   }
 }
 
+// Returns the number halfway between the value and the next float above it.
+double MidpointAbove(float value) {
+  const double next = std::nextafter(value, FLT_MAX);
+  return (static_cast<double>(value) + next) / 2;
+}
+
 // Returns a text that a "%f" scan accepts, in one of many forms.
 std::string RandomNumber(std::mt19937_64& random) {
   static constexpr const char* kOdd[] = {"inf",
@@ -191,11 +197,24 @@ std::string RandomNumber(std::mt19937_64& random) {
                                          "0x.8",
                                          "0X10.8P-3",
                                          "000000000000000000000000000000012.5",
-                                         "123456789012345678901234567890"};
+                                         "123456789012345678901234567890",
+                                         "0.0000000000000000000000000000000000000000000000000001e53",
+                                         "-",
+                                         "- 3",
+                                         ".",
+                                         "0x",
+                                         "5.e-1",
+                                         "1.5e-46",
+                                         "1e39",
+                                         "7.",
+                                         "  \r\n 4"};
   char text[80];
   const uint64_t bits = random();
   const auto digits = static_cast<int>(bits >> 60);
-  switch (random() % 5) {
+  float any = 0;
+  const auto anyBits = static_cast<uint32_t>(bits);
+  memcpy(&any, &anyBits, sizeof(any));
+  switch (random() % 9) {
     case 0:
       snprintf(text, sizeof(text), "%.*f", digits % 9, static_cast<double>(bits % 2000000) / 8000 - 125);
       break;
@@ -207,6 +226,20 @@ std::string RandomNumber(std::mt19937_64& random) {
       break;
     case 3:  // near such a midpoint
       snprintf(text, sizeof(text), "%.*f", digits % 8 + 4, (16777217 + 2 * static_cast<double>(bits % 99991)) / 131072);
+      break;
+    case 4:  // near the midpoint of two floats that are not whole numbers
+      snprintf(text, sizeof(text), "%.*f", digits + 6, MidpointAbove(static_cast<float>(bits % 100000) / 997));
+      break;
+    case 5:  // any float, with up to 18 digits
+      snprintf(text, sizeof(text), "%.*g", static_cast<int>(bits >> 40) % 18 + 1, static_cast<double>(any));
+      break;
+    case 6:
+      snprintf(text, sizeof(text), "%a", static_cast<double>(any));
+      break;
+    case 7:
+      snprintf(text, sizeof(text), "%s%llu.%llue%d", (bits & 1) != 0 ? "+" : "-",
+               static_cast<unsigned long long>(random() >> bits % 60),
+               static_cast<unsigned long long>(random() >> bits % 50), static_cast<int>(bits >> 8) % 60 - 30);
       break;
     default:
       snprintf(text, sizeof(text), "%s", kOdd[bits % std::size(kOdd)]);
@@ -222,6 +255,38 @@ TEST(NumberReader, NumbersOfEveryFormReadLikeAScan) {
   for (int i = 0; i < 100000; ++i) text += RandomNumber(random) + kBlanks[random() % std::size(kBlanks)];
   ExpectLikeAScan(text, 100000, 10390);
   ExpectLikeAScan(text, 100000, 1);
+}
+
+TEST(NumberReader, NumbersAreTheNearestFloats) {
+  // These values are near or at the midpoint of two floats, in forms with and without the fast conversion.
+  const char* const numbers[] = {"0.1",
+                                 "16777217.0",
+                                 "16777217",
+                                 "16777219.0",
+                                 "16777217.00000000000000000000000000000000000001",
+                                 "13.6062453",
+                                 "-106.990997",
+                                 "0.000000000000000000000000000000000000000000001",
+                                 "3.4028236e38",
+                                 "1e39",
+                                 "-1e-60",
+                                 "8.5899345920000001e9",
+                                 "123456789012345678901234567890",
+                                 "999999.99999999",
+                                 "893140928",
+                                 "-893140928",
+                                 "0.0123456789",
+                                 "1.00000005960464477539062",
+                                 "1.00000005960464477539063",
+                                 "0x1.000001p0",
+                                 "0x1.0000010000001p0"};
+  for (const char* number : numbers) {
+    const File file = FileOf(std::string(number) + " ");
+    const Values read = ReadFrom(file.get(), 1, 1);
+    const float expected = strtof(number, nullptr);
+    ASSERT_EQ(read.values.size(), 1u) << number;
+    EXPECT_EQ(memcmp(&expected, read.values.data(), sizeof(expected)), 0) << number << " became " << read.values[0];
+  }
 }
 
 TEST(NumberReader, NumbersLongerThanABlockReadLikeAScan) {
