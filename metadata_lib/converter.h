@@ -105,7 +105,7 @@ inline constexpr cvtCotToKlv cotToKlv_spiSensorTable[] = {
 
 // Returns whether every attribute names its own row, and the item in that row is the one made from it.
 template <size_t attributes, size_t items>
-constexpr bool MappingAgrees(const cvtCotField (&fields)[attributes], const cvtCotToKlv (&mapping)[items]) {
+constexpr bool _MappingAgrees(const cvtCotField (&fields)[attributes], const cvtCotToKlv (&mapping)[items]) {
   if (attributes != items) return false;
   for (size_t row = 0; row < attributes; ++row) {
     const int32_t index = static_cast<int32_t>(row);
@@ -117,13 +117,13 @@ constexpr bool MappingAgrees(const cvtCotField (&fields)[attributes], const cvtC
   return true;
 }
 
-static_assert(MappingAgrees(cot_airEventTable, cotToKlv_airEventTable));
-static_assert(MappingAgrees(cot_airTrackTable, cotToKlv_airTrackTable));
-static_assert(MappingAgrees(cot_airAttitudeTable, cotToKlv_airAttitudeTable));
-static_assert(MappingAgrees(cot_airPointTable, cotToKlv_airPointTable));
-static_assert(MappingAgrees(cot_spiEventTable, cotToKlv_spiEventTable));
-static_assert(MappingAgrees(cot_spiPointTable, cotToKlv_spiPointTable));
-static_assert(MappingAgrees(cot_spiSensorTable, cotToKlv_spiSensorTable));
+static_assert(_MappingAgrees(cot_airEventTable, cotToKlv_airEventTable));
+static_assert(_MappingAgrees(cot_airTrackTable, cotToKlv_airTrackTable));
+static_assert(_MappingAgrees(cot_airAttitudeTable, cotToKlv_airAttitudeTable));
+static_assert(_MappingAgrees(cot_airPointTable, cotToKlv_airPointTable));
+static_assert(_MappingAgrees(cot_spiEventTable, cotToKlv_spiEventTable));
+static_assert(_MappingAgrees(cot_spiPointTable, cotToKlv_spiPointTable));
+static_assert(_MappingAgrees(cot_spiSensorTable, cotToKlv_spiSensorTable));
 
 // --- Packets -----------------------------------------------------------------------------------------
 

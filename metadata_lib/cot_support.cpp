@@ -139,12 +139,12 @@ namespace {
 
 // The next action within a slice.
 enum class Step {
-  kWait,        // nothing until the next slice
-  kRescan,      // scan the held bytes for a sync pattern
-  kSyncFound,   // the pattern, or a prefix of it, is at the front
-  kReadLength,  // the header is complete: select the length
-  kDecode,      // the frame is complete: decode its payload
-  kKeepRest     // drop the frame, keep the bytes behind it
+  Wait,        // nothing until the next slice
+  Rescan,      // scan the held bytes for a sync pattern
+  SyncFound,   // the pattern, or a prefix of it, is at the front
+  ReadLength,  // the header is complete: select the length
+  Decode,      // the frame is complete: decode its payload
+  KeepRest     // drop the frame, keep the bytes behind it
 };
 
 // One slice while the decoder processes it.
@@ -169,17 +169,17 @@ static constexpr MdSyncPattern kCoTSync = {kCoTSyncPattern, kCoTSyncSize};
 
 static Step _Wait(Slice& s, tagCOT_DECODE_STATE state) {
   s.pCtxt->enState = state;
-  return Step::kWait;
+  return Step::Wait;
 }
 
 static Step _ScanChunk(Slice& s) {
   MD_LOG(7, "Received data in SCANNING_FOR_HEADER state\n");
   s.matched = s.held.ScanChunk(s.input, s.size, kCoTSync);
   MD_LOG(7, "ScanForPattern returned %d\n", s.matched);
-  if (s.matched != 0) return Step::kSyncFound;
+  if (s.matched != 0) return Step::SyncFound;
   s.held.Clear();
   MD_LOG(7, "Resetting INPUT BUFFER\n");
-  return Step::kWait;
+  return Step::Wait;
 }
 
 static Step _ContinueSync(Slice& s) {
@@ -187,18 +187,18 @@ static Step _ContinueSync(Slice& s) {
   int compared = 0;
   if (!s.held.ContinuesPattern(s.input, s.size, kCoTSync, &compared)) {
     s.held.Restart(s.input, s.size);
-    return Step::kRescan;
+    return Step::Rescan;
   }
   s.held.Append(s.input, s.size);
-  if (s.held.Stored() < kCoTSyncSize) return Step::kWait;
+  if (s.held.Stored() < kCoTSyncSize) return Step::Wait;
   s.matched = kCoTSyncSize;
-  return Step::kSyncFound;
+  return Step::SyncFound;
 }
 
 static Step _ContinueLength(Slice& s) {
   MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");
   s.held.Append(s.input, s.size);
-  return s.held.Stored() >= kCoTHeaderSize ? Step::kReadLength : Step::kWait;
+  return s.held.Stored() >= kCoTHeaderSize ? Step::ReadLength : Step::Wait;
 }
 
 static Step _ContinueData(Slice& s) {
@@ -207,10 +207,10 @@ static Step _ContinueData(Slice& s) {
   const int messageSize = s.pCtxt->nMsgSize;
   if (s.held.Stored() < messageSize) {
     MD_LOG(7, "Still missing %d out of %d bytes of data\n", messageSize - s.held.Stored(), messageSize);
-    return Step::kWait;
+    return Step::Wait;
   }
   MD_LOG(7, "Got the full %u bytes long message\n", static_cast<unsigned>(messageSize));
-  return Step::kDecode;
+  return Step::Decode;
 }
 
 static Step _Enter(Slice& s) {
@@ -229,7 +229,7 @@ static Step _Enter(Slice& s) {
 static Step _Rescan(Slice& s) {
   int offset = 0;
   s.matched = s.held.Rescan(kCoTSync, &offset);
-  return s.matched == 0 ? _Wait(s, COT_SCANNING_FOR_HEADER) : Step::kSyncFound;
+  return s.matched == 0 ? _Wait(s, COT_SCANNING_FOR_HEADER) : Step::SyncFound;
 }
 
 static Step _SyncFound(Slice& s) {
@@ -238,7 +238,7 @@ static Step _SyncFound(Slice& s) {
     return _Wait(s, COT_IN_PARTIAL_SYNC);
   }
   MD_LOG(7, "Got the start pattern\n");
-  return s.held.Stored() < kCoTHeaderSize ? _Wait(s, COT_ACQUIRING_LENGTH) : Step::kReadLength;
+  return s.held.Stored() < kCoTHeaderSize ? _Wait(s, COT_ACQUIRING_LENGTH) : Step::ReadLength;
 }
 
 // KEPT: after a header without a valid length only the sync pattern is discarded, and nothing is counted.
@@ -254,7 +254,7 @@ static Step _ReadLength(Slice& s) {
   }
   if (!trusted) {
     s.held.Drop(kCoTSyncSize);
-    return Step::kRescan;
+    return Step::Rescan;
   }
   s.pCtxt->nMsgSize = length + kCoTHeaderSize;
   if (s.held.Stored() < s.pCtxt->nMsgSize) {
@@ -262,7 +262,7 @@ static Step _ReadLength(Slice& s) {
     return _Wait(s, COT_GATHERING_DATA);
   }
   MD_LOG(7, "Got the full message\n");
-  return Step::kDecode;
+  return Step::Decode;
 }
 
 // KEPT: if the payload is rejected, only the header is discarded, so that a frame inside the payload can still start,
@@ -272,10 +272,10 @@ static Step _Decode(Slice& s) {
   MD_DUMP(8, "Encoded Input Data", s.held.Front(), pCtxt->nMsgSize);
   if (!_ProcessLayer2(pCtxt, s.held.Front() + kCoTHeaderSize, pCtxt->nMsgSize - kCoTHeaderSize)) {
     s.held.Drop(kCoTHeaderSize);
-    return Step::kRescan;
+    return Step::Rescan;
   }
   MdAddFetch(pCtxt->Stats.nRxOkMessages, 1);
-  return Step::kKeepRest;
+  return Step::KeepRest;
 }
 
 static Step _KeepRest(Slice& s) {
@@ -287,25 +287,25 @@ static Step _KeepRest(Slice& s) {
   }
   MD_LOG(7, "RECEIVED %d EXTRA BYTE\n", extra);
   s.held.Drop(s.pCtxt->nMsgSize);
-  return Step::kRescan;
+  return Step::Rescan;
 }
 
 static Step _Run(Slice& s, Step step) {
   switch (step) {
-    case Step::kRescan:
+    case Step::Rescan:
       return _Rescan(s);
-    case Step::kSyncFound:
+    case Step::SyncFound:
       return _SyncFound(s);
-    case Step::kReadLength:
+    case Step::ReadLength:
       return _ReadLength(s);
-    case Step::kDecode:
+    case Step::Decode:
       return _Decode(s);
-    case Step::kKeepRest:
+    case Step::KeepRest:
       return _KeepRest(s);
-    case Step::kWait:
+    case Step::Wait:
       break;
   }
-  return Step::kWait;
+  return Step::Wait;
 }
 
 // Returns the size of the next slice, which fits behind the held bytes. There is always room for a byte: a held frame
@@ -316,7 +316,7 @@ static int _SliceSize(const COT_DECODE_CONTEXT* pCtxt, int left) {
 }
 
 static void _RunSlice(Slice& s) {
-  for (Step step = _Enter(s); step != Step::kWait;) step = _Run(s, step);
+  for (Step step = _Enter(s); step != Step::Wait;) step = _Run(s, step);
   s.held.MoveToStart();
 }
 

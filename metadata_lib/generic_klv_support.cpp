@@ -90,18 +90,18 @@ namespace {
 
 // The next action within a slice.
 enum class Step {
-  kWait,               // nothing until the next slice
-  kRescan,             // scan the held bytes for a sync pattern
-  kSyncFound,          // the pattern, or a prefix of it, is at the front
-  kKeyComplete,        // note the time
-  kLookUpDesignator,   // look up the size codes of the items
-  kReadLength,         // read the BER length
-  kCheckSpace,         // check that the buffer has room for the message
-  kCheckCompleteness,  // check that the whole message is held
-  kCheckMessage,       // validate items and checksum
-  kDeliver,            // pass the message to the handler
-  kKeepRest,           // drop the message, keep the bytes behind it
-  kDropSync            // count a discarded message and drop its five sync bytes
+  Wait,               // nothing until the next slice
+  Rescan,             // scan the held bytes for a sync pattern
+  SyncFound,          // the pattern, or a prefix of it, is at the front
+  KeyComplete,        // note the time
+  LookUpDesignator,   // look up the size codes of the items
+  ReadLength,         // read the BER length
+  CheckSpace,         // check that the buffer has room for the message
+  CheckCompleteness,  // check that the whole message is held
+  CheckMessage,       // validate items and checksum
+  Deliver,            // pass the message to the handler
+  KeepRest,           // drop the message, keep the bytes behind it
+  DropSync            // count a discarded message and drop its five sync bytes
 };
 
 // One slice while the decoder processes it.
@@ -126,7 +126,7 @@ static constexpr MdSyncPattern kKLVSync = {KLVSyncPattern, kKLVSyncSize};
 
 static Step _Wait(Slice& s, tagKLV_STATE state) {
   s.pCtxt->enState = state;
-  return Step::kWait;
+  return Step::Wait;
 }
 
 static Step _ScanChunk(Slice& s) {
@@ -134,7 +134,7 @@ static Step _ScanChunk(Slice& s) {
   MD_DUMP(7, "Sync Pattern", KLVSyncPattern, kKLVSyncSize);
   s.matched = s.held.ScanChunk(s.input, s.size, kKLVSync);
   MD_LOG(7, "ScanForPattern returned %d\n", s.matched);
-  return s.matched == 0 ? Step::kWait : Step::kSyncFound;
+  return s.matched == 0 ? Step::Wait : Step::SyncFound;
 }
 
 static Step _ContinueSync(Slice& s) {
@@ -143,21 +143,21 @@ static Step _ContinueSync(Slice& s) {
   if (!s.held.ContinuesPattern(s.input, s.size, kKLVSync, &compared)) {
     MD_LOG(7, "No match comparing %d bytes, stored amount=%d re-scanning\n", compared, s.held.Stored());
     s.held.Restart(s.input, s.size);
-    return Step::kRescan;
+    return Step::Rescan;
   }
   s.held.Append(s.input, s.size);
   if (s.held.Stored() < kKLVSyncSize) {
     MD_LOG(7, "Staying in IN_PARTIAL_SYNC state\n");
-    return Step::kWait;
+    return Step::Wait;
   }
   MD_LOG(7, "FULL SYNC achieved\n");
-  return Step::kKeyComplete;
+  return Step::KeyComplete;
 }
 
 static Step _ContinueKey(Slice& s) {
   MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");  // KEPT: the text of the next state
   s.held.Append(s.input, s.size);
-  return Step::kKeyComplete;
+  return Step::KeyComplete;
 }
 
 // Returns whether more than half a second has passed since the key was complete. Tested only when data arrives, never
@@ -175,13 +175,13 @@ static bool _IsTooLate(const KLV_DECODE_CONTEXT* pCtxt) {
 // KEPT: the late chunk is dropped whole, but of the held bytes only the sync pattern.
 static Step _TimedOut(Slice& s) {
   s.chunkLost = true;
-  return Step::kDropSync;
+  return Step::DropSync;
 }
 
 // A header that was read before its bytes arrived is read again when they have: such a guess only decides how long the
 // decoder waits, never which bytes it delivers.
 static Step _Resume(const Slice& s, Step step) {
-  return s.pCtxt->bHeaderGuessed && s.held.Stored() > kKLVKeySize ? Step::kLookUpDesignator : step;
+  return s.pCtxt->bHeaderGuessed && s.held.Stored() > kKLVKeySize ? Step::LookUpDesignator : step;
 }
 
 static Step _ContinueLength(Slice& s) {
@@ -191,7 +191,7 @@ static Step _ContinueLength(Slice& s) {
   }
   MD_LOG(7, "Received data in ACQUIRING_LENGTH state\n");
   s.held.Append(s.input, s.size);
-  return _Resume(s, Step::kReadLength);
+  return _Resume(s, Step::ReadLength);
 }
 
 static Step _ContinueData(Slice& s) {
@@ -201,24 +201,24 @@ static Step _ContinueData(Slice& s) {
   }
   MD_LOG(7, "Received data in GATHERING_DATA state\n");
   s.held.Append(s.input, s.size);
-  return _Resume(s, Step::kCheckCompleteness);
+  return _Resume(s, Step::CheckCompleteness);
 }
 
 // An empty chunk matters only in the states with a time limit.
 static Step _Enter(Slice& s) {
   switch (s.pCtxt->enState) {
     case KLV_STATE_SCANNING_FOR_HEADER:
-      return s.size > 0 ? _ScanChunk(s) : Step::kWait;
+      return s.size > 0 ? _ScanChunk(s) : Step::Wait;
     case KLV_STATE_IN_PARTIAL_SYNC:
-      return s.size > 0 ? _ContinueSync(s) : Step::kWait;
+      return s.size > 0 ? _ContinueSync(s) : Step::Wait;
     case KLV_STATE_ACQUIRING_UNIVERSAL_KEY:
-      return s.size > 0 ? _ContinueKey(s) : Step::kWait;
+      return s.size > 0 ? _ContinueKey(s) : Step::Wait;
     case KLV_STATE_ACQUIRING_DATA_LENGTH:
       return _ContinueLength(s);
     case KLV_STATE_ACQUIRING_DATA:
       return _ContinueData(s);
     default:
-      return Step::kWait;
+      return Step::Wait;
   }
 }
 
@@ -231,7 +231,7 @@ static Step _Rescan(Slice& s) {
   s.matched = s.held.Rescan(kKLVSync, &offset);
   if (s.matched == 0) return _Wait(s, KLV_STATE_SCANNING_FOR_HEADER);
   MD_LOG(7, "Stored amount = %d, match offset=%d\n", s.held.Stored(), offset);
-  return Step::kSyncFound;
+  return Step::SyncFound;
 }
 
 static Step _SyncFound(Slice& s) {
@@ -244,7 +244,7 @@ static Step _SyncFound(Slice& s) {
     MD_LOG(7, "Switching to ACQUIRING_UNIVERSAL_KEY state\n");
     return _Wait(s, KLV_STATE_ACQUIRING_UNIVERSAL_KEY);
   }
-  return Step::kKeyComplete;
+  return Step::KeyComplete;
 }
 
 // KEPT: after a partial sync or key the 16-byte check is skipped; missing key bytes and the length come from stale
@@ -255,7 +255,7 @@ static Step _KeyComplete(Slice& s) {
   MD_LOG(7, "Stored message start time %d.%d\n", static_cast<int>(pCtxt->MsgStartTime.tv_sec),
          static_cast<int>(pCtxt->MsgStartTime.tv_usec));
   pCtxt->bHeaderGuessed = FALSE;
-  return Step::kLookUpDesignator;
+  return Step::LookUpDesignator;
 }
 
 static Step _LookUpDesignator(Slice& s) {
@@ -263,7 +263,7 @@ static Step _LookUpDesignator(Slice& s) {
   const BYTE designator = s.held.Front()[5];
   if (!KLV_GetFieldInfoFromRegistryDesignator(designator, &pCtxt->nKlvTagFieldSize, &pCtxt->nKlvLengthFieldSize)) {
     MD_LOG(4, "Invalid registry designator, discarding data.\n");
-    return Step::kDropSync;
+    return Step::DropSync;
   }
   MD_LOG(7, "LocalTAGFieldSize=%d , LengthFieldSize=%d for registry designator 0x%02X.\n", pCtxt->nKlvTagFieldSize,
          pCtxt->nKlvLengthFieldSize, designator);
@@ -271,7 +271,7 @@ static Step _LookUpDesignator(Slice& s) {
     MD_LOG(7, "Switching to ACQUIRING_DATA_LENGTH state\n");
     return _Wait(s, KLV_STATE_ACQUIRING_DATA_LENGTH);
   }
-  return Step::kReadLength;
+  return Step::ReadLength;
 }
 
 static Step _LongFormLength(Slice& s, const MdLength& length, MdRead result) {
@@ -280,7 +280,7 @@ static Step _LongFormLength(Slice& s, const MdLength& length, MdRead result) {
   MD_LOG(7, "Header length field is %d bytes long\n", bytes);
   if (bytes != 1 && bytes != 2) {
     MD_LOG(4, "Invalid long form length of %d bytes.\n", bytes);
-    return Step::kDropSync;
+    return Step::DropSync;
   }
   if (result == kMdReadLengthCut) {
     MD_LOG(7, "Stored amount %d is less than header size of %d, switching to ACQUIRING_DATA_LENGTH\n", s.held.Stored(),
@@ -293,7 +293,7 @@ static Step _LongFormLength(Slice& s, const MdLength& length, MdRead result) {
     MD_LOG(7, "Data length for 1 byte BER long form is %d\n", static_cast<int>(length.value));
   }
   pCtxt->nMsgSize = pCtxt->nHeaderSize + static_cast<int32_t>(length.value);
-  return Step::kCheckSpace;
+  return Step::CheckSpace;
 }
 
 static Step _ReadLength(Slice& s) {
@@ -310,7 +310,7 @@ static Step _ReadLength(Slice& s) {
   MD_LOG(7, "Header length field is 1 byte long\n");
   pCtxt->nMsgSize = pCtxt->nHeaderSize + static_cast<int32_t>(length.value);
   MD_LOG(7, "Message size is %d.\n", pCtxt->nMsgSize);
-  return Step::kCheckSpace;
+  return Step::CheckSpace;
 }
 
 // KEPT: measured against the size of the historical allocation with its record, so that no two-byte length ever fails.
@@ -320,9 +320,9 @@ static Step _CheckSpace(Slice& s) {
   MD_LOG(7, "Buffer Space for data is %d bytes.\n", space);
   if (s.pCtxt->nMsgSize > space) {
     MD_LOG(4, "Message size of %d bytes would overflow rx buffer.\n", s.pCtxt->nMsgSize);
-    return Step::kDropSync;
+    return Step::DropSync;
   }
-  return Step::kCheckCompleteness;
+  return Step::CheckCompleteness;
 }
 
 static Step _CheckCompleteness(Slice& s) {
@@ -332,12 +332,12 @@ static Step _CheckCompleteness(Slice& s) {
     return _Wait(s, KLV_STATE_ACQUIRING_DATA);
   }
   MD_LOG(7, "Got the full message\n");
-  return Step::kCheckMessage;
+  return Step::CheckMessage;
 }
 
 static Step _CheckMessage(Slice& s) {
   const bool good = _ValidateKLVMessage(s.pCtxt, s.held.Front(), s.pCtxt->nMsgSize, s.pCtxt->nHeaderSize);
-  return good ? Step::kDeliver : Step::kDropSync;
+  return good ? Step::Deliver : Step::DropSync;
 }
 
 static Step _Deliver(Slice& s) {
@@ -347,11 +347,11 @@ static Step _Deliver(Slice& s) {
   MDATA_BUFFER* message = nullptr;
   if (!DoAllocCopyBufferEx(s.held.Front(), pCtxt->nMsgSize, MDATA_STREAM_HEADER_SIZE, &message)) {
     MD_LOG(4, "No memory for KLV message of %d bytes.\n", pCtxt->nMsgSize);
-    return Step::kKeepRest;
+    return Step::KeepRest;
   }
   if (pCtxt->pfnRxHandler != nullptr) pCtxt->pfnRxHandler(message, pCtxt->pvUserParam1);
   DoReleaseBuffer(&message);
-  return Step::kKeepRest;
+  return Step::KeepRest;
 }
 
 static Step _KeepRest(Slice& s) {
@@ -362,44 +362,44 @@ static Step _KeepRest(Slice& s) {
   }
   MD_LOG(7, "RECEIVED %d EXTRA BYTE\n", extra);
   s.held.Drop(s.pCtxt->nMsgSize);
-  return Step::kRescan;
+  return Step::Rescan;
 }
 
 static Step _DropSync(Slice& s) {
   MdAddFetch(s.pCtxt->Stats.nRxCorruptedMessages, 1);
   // KEPT: only the sync bytes are dropped; the next message may begin inside the discarded bytes.
   s.held.Drop(kKLVSyncSize);
-  return Step::kRescan;
+  return Step::Rescan;
 }
 
 static Step _Run(Slice& s, Step step) {
   switch (step) {
-    case Step::kRescan:
+    case Step::Rescan:
       return _Rescan(s);
-    case Step::kSyncFound:
+    case Step::SyncFound:
       return _SyncFound(s);
-    case Step::kKeyComplete:
+    case Step::KeyComplete:
       return _KeyComplete(s);
-    case Step::kLookUpDesignator:
+    case Step::LookUpDesignator:
       return _LookUpDesignator(s);
-    case Step::kReadLength:
+    case Step::ReadLength:
       return _ReadLength(s);
-    case Step::kCheckSpace:
+    case Step::CheckSpace:
       return _CheckSpace(s);
-    case Step::kCheckCompleteness:
+    case Step::CheckCompleteness:
       return _CheckCompleteness(s);
-    case Step::kCheckMessage:
+    case Step::CheckMessage:
       return _CheckMessage(s);
-    case Step::kDeliver:
+    case Step::Deliver:
       return _Deliver(s);
-    case Step::kKeepRest:
+    case Step::KeepRest:
       return _KeepRest(s);
-    case Step::kDropSync:
+    case Step::DropSync:
       return _DropSync(s);
-    case Step::kWait:
+    case Step::Wait:
       break;
   }
-  return Step::kWait;
+  return Step::Wait;
 }
 
 // Returns the size of the next slice of a chunk. The last slice is never shorter than a key, so that a key on the
@@ -411,7 +411,7 @@ static int _SliceSize(int left) {
 
 // Compact always moves an incomplete key to the start of the memory, where the next slice expects it.
 static void _RunSlice(Slice& s) {
-  for (Step step = _Enter(s); step != Step::kWait;) step = _Run(s, step);
+  for (Step step = _Enter(s); step != Step::Wait;) step = _Run(s, step);
   s.held.Compact(kKLVKeySize);
 }
 

@@ -154,10 +154,10 @@ WORD CalcCRC16(const BYTE* d, int n) {
 BOOL DumpRawData(FILE* fp, BYTE* pcData, int nSize, int* pnOffset, int nMaxSize) {
   // KEPT: the size is tested only before the block is written, so the file may exceed it by one block.
   if (int64_t{ftell(fp)} >= int64_t{nMaxSize} * 1024) return FALSE;
-  static const char digits[] = "0123456789abcdef";
+  static const char kDigits[] = "0123456789abcdef";
   int column = *pnOffset;  // KEPT: the name says offset, it is the column of the current line
   for (int i = 0; i < nSize; ++i) {
-    const char text[3] = {digits[pcData[i] >> 4], digits[pcData[i] & 0x0F], ' '};
+    const char text[3] = {kDigits[pcData[i] >> 4], kDigits[pcData[i] & 0x0F], ' '};
     fwrite(text, 1, sizeof(text), fp);
     if (++column == 16) {
       putc('\n', fp);
