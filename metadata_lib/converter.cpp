@@ -11,7 +11,6 @@
 //   8. Instances and statistics
 #include "converter.h"
 
-#include <errno.h>
 #include <float.h>
 #include <limits.h>
 #include <stdio.h>
@@ -23,6 +22,7 @@
 #include "md_atomic.h"
 #include "md_core.h"
 #include "md_guard.h"
+#include "md_mutex.h"
 #include "md_number_reader.h"
 #include "md_sensors.h"
 

@@ -3,6 +3,9 @@
 #ifndef CONVERTER_H
 #define CONVERTER_H
 
+#include <stddef.h>
+#include <stdint.h>
+
 #include "host.h"
 #include "md_cot_text.h"
 #include "md_sensors.h"

@@ -4,6 +4,7 @@
 #define COT_SUPPORT_H
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include <bit>
 

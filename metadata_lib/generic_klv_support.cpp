@@ -8,6 +8,7 @@
 //   5. Checksum
 #include "generic_klv_support.h"
 
+#include <stddef.h>
 #include <stdlib.h>
 #include <string.h>
 

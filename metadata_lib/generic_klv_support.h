@@ -2,6 +2,7 @@
 #ifndef GENERIC_KLV_SUPPORT_H
 #define GENERIC_KLV_SUPPORT_H
 
+#include <stdint.h>
 #include <sys/time.h>
 
 #include "metadata_lib.h"

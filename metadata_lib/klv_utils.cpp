@@ -7,6 +7,8 @@
 //   4. Elements
 #include "klv_utils.h"
 
+#include <stddef.h>
+
 #include "host_util.h"
 #include "md_core.h"
 

@@ -2,6 +2,8 @@
 #ifndef KLV_UTILS_H
 #define KLV_UTILS_H
 
+#include <stdint.h>
+
 #include "metadata_lib.h"
 
 // How the items of a message are coded, by the sixth byte of its universal key.

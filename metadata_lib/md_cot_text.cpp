@@ -6,6 +6,7 @@
 #include "md_cot_text.h"
 
 #include <endian.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/time.h>
@@ -15,6 +16,7 @@
 #define MD_MODULE "converter"
 #define MD_DEBUG_HANDLE g_hCoTConvDbg
 #include "md_log.h"
+#include "metadata_lib.h"
 
 // =====================================================================================================
 // 1. XML

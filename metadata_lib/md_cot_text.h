@@ -11,8 +11,6 @@
 #include <string.h>
 #include <time.h>
 
-#include "metadata_lib.h"
-
 enum CVT_COTKLV_STATUS : int32_t {
   CVT_COTKLV_STATUS_OK = 0,
   CVT_COTKLV_STATUS_INVALID_INPUT = 1,  // null pointer, or 9 bytes or fewer

@@ -1,8 +1,10 @@
 // The delivery of a message. See the header.
 #include "md_delivery.h"
 
+#include <stddef.h>
 #include <string.h>
 
+#include "host_rate.h"
 #include "md_core.h"
 #include "md_request.h"
 #include "misb0601_tools.h"

@@ -9,6 +9,7 @@
 
 #include <locale.h>
 #include <pthread.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 

@@ -6,7 +6,6 @@
 #define MD_NUMBER_READER_H
 
 #include <stddef.h>
-#include <stdint.h>
 #include <stdio.h>
 
 // Returns the number, as atof does: 0 for text that is not a number.

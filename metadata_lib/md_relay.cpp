@@ -8,6 +8,7 @@
 
 #include <errno.h>
 #include <netinet/in.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -15,6 +16,8 @@
 
 #include <span>
 
+#include "host_socket.h"
+#include "host_util.h"
 #include "md_atomic.h"
 
 // The lines carry the name of the engine, whose sources these relays belong to.

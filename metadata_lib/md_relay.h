@@ -7,6 +7,7 @@
 
 #include <stddef.h>
 
+#include "md_mutex.h"
 #include "md_source.h"
 #include "metadata_lib.h"
 

@@ -17,6 +17,7 @@
 
 #include "host.h"
 #include "md_atomic.h"
+#include "md_mutex.h"
 #include "md_source.h"
 #include "metadata_lib.h"
 

@@ -2,7 +2,9 @@
 #include "md_source.h"
 
 #include <fcntl.h>
+#include <stddef.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
 
 constinit MdMutex _g_SrcListLock;

@@ -8,7 +8,6 @@
 
 #include <stdint.h>
 #include <stdio.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <termios.h>
 #include <time.h>

@@ -5,6 +5,7 @@
 //   2. The sync pattern
 #include "md_sync_buffer.h"
 
+#include <stddef.h>
 #include <string.h>
 
 // =====================================================================================================

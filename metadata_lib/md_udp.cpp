@@ -7,7 +7,6 @@
 //   4. One datagram for a source
 #include "md_udp.h"
 
-#include <errno.h>
 #include <netinet/in.h>
 #include <string.h>
 #include <sys/socket.h>
@@ -16,6 +15,7 @@
 // The lines carry the name of the engine, whose sources receive here.
 #define MD_MODULE "metadata_api"
 #include "md_log.h"
+#include "md_mutex.h"
 
 static constexpr BYTE _acAnyAddress[16] = {};  // the IPv6 "any" address
 

@@ -8,6 +8,7 @@
 #include <stddef.h>
 #include <sys/socket.h>
 
+#include "md_mutex.h"
 #include "md_source.h"
 #include "metadata_lib.h"
 

@@ -2,7 +2,6 @@
 #include "md_xml_log.h"
 
 #include <errno.h>
-#include <string.h>
 #include <time.h>
 
 #include "host_util.h"

@@ -20,12 +20,15 @@
 #include "metadata_api.h"
 
 #include <errno.h>
-#include <netinet/in.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
+#include <sys/socket.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include "host.h"
 #include "md_atomic.h"
 #include "md_delivery.h"
 #include "md_guard.h"
@@ -34,6 +37,7 @@
 #include "md_request.h"
 #include "md_source.h"
 #include "md_udp.h"
+#include "md_xml_log.h"
 #include "misb0601_tools.h"
 
 #define MD_MODULE "metadata_api"

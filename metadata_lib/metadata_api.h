@@ -3,17 +3,12 @@
 #ifndef METADATA_API_H
 #define METADATA_API_H
 
-#include <sys/socket.h>
+#include <sys/time.h>
 #include <time.h>
 
 #include "host.h"
-#include "md_delivery.h"
 #include "md_mutex.h"
-#include "md_relay.h"
-#include "md_request.h"
 #include "md_source.h"
-#include "md_udp.h"
-#include "md_xml_log.h"
 #include "metadata_lib.h"
 
 // --- Constants ---------------------------------------------------------------------------------------

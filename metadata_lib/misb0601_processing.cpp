@@ -7,6 +7,8 @@
 #include "misb0601_processing.h"
 
 #include <limits.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <string.h>
 
 #include <algorithm>

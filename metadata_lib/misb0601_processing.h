@@ -2,7 +2,11 @@
 #ifndef MISB0601_PROCESSING_H
 #define MISB0601_PROCESSING_H
 
+#include <stddef.h>
+#include <time.h>
+
 #include "md_source.h"
+#include "metadata_lib.h"
 #include "misb0601_tools.h"
 
 // Head room in front of a body that is being written, for key and length field, which are written at the end, and the

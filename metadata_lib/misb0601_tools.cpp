@@ -7,12 +7,12 @@
 #include "misb0601_tools.h"
 
 #include <limits.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
 
 #include <algorithm>
-#include <iterator>
 
 #include "host_util.h"
 #include "md_core.h"

@@ -7,6 +7,9 @@
 #include "utils.h"
 
 #include <limits.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -17,6 +20,7 @@
 
 #define MD_MODULE "utils"
 #include "md_log.h"
+#include "metadata_lib.h"
 
 // =====================================================================================================
 // 1. Metadata buffers. Allocated on the metadata thread (and by callers of the exported functions), released on any

@@ -2,7 +2,7 @@
 #ifndef UTILS_H
 #define UTILS_H
 
-#include "metadata_lib.h"
+#include <stdint.h>
 
 // Buffers allocated now, and the highest number so far. Relaxed atomics: they only feed one log line.
 extern int32_t _g_nAllocatedBuffers;

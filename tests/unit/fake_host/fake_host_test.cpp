@@ -14,6 +14,7 @@
 #include "builders.h"
 #include "converter.h"
 #include "cot_support.h"
+#include "md_xml_log.h"
 #include "metadata_api.h"
 #include "utils.h"
 

@@ -1,6 +1,7 @@
 // Tests of initialisation, shut-down, the metadata thread and the hand-shake with it.
 #include "converter.h"
 #include "engine_test.h"
+#include "md_request.h"
 #include "misb0601_tools.h"
 
 namespace {

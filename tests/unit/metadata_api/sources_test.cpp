@@ -6,6 +6,7 @@
 #include "builders.h"
 #include "converter.h"
 #include "engine_test.h"
+#include "md_xml_log.h"
 
 namespace {
 
