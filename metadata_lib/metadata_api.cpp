@@ -593,14 +593,14 @@ namespace {
 
 // A source that is being opened. Releases everything it holds unless the opening succeeds, so that an encoder that
 // retries does not run out of descriptors.
-class OpeningSource {
+class PendingSource {
  public:
-  explicit OpeningSource(const MDATA_SRC_CFG* configuration) : config(configuration) {
+  explicit PendingSource(const MDATA_SRC_CFG* configuration) : config(configuration) {
     for (int& socket : relaySockets) socket = -1;
   }
-  ~OpeningSource();
-  OpeningSource(const OpeningSource&) = delete;
-  OpeningSource& operator=(const OpeningSource&) = delete;
+  ~PendingSource();
+  PendingSource(const PendingSource&) = delete;
+  PendingSource& operator=(const PendingSource&) = delete;
 
   bool Alloc() {
     hSource = _AllocSource(config);
@@ -609,7 +609,7 @@ class OpeningSource {
     return true;
   }
   // Gives up ownership. Messages after this are relayed.
-  MDATA_SRC_HANDLE Finish();
+  MDATA_SRC_HANDLE Commit();
 
   const MDATA_SRC_CFG* const config;
   MDATA_SRC_HANDLE hSource = nullptr;
@@ -629,7 +629,7 @@ static void _FreeDecoding(MDATA_SRC_HANDLE hSource) {
   if (hSource->hConverter != nullptr) FreeCoT2KLVConvert(&hSource->hConverter);
 }
 
-OpeningSource::~OpeningSource() {
+PendingSource::~PendingSource() {
   for (int& socket : relaySockets) _CloseDescriptor(socket);
   if (hSource == nullptr) return;
   if (xmlOutOpened) _ReplaceXMLOutFile(nullptr);
@@ -640,7 +640,7 @@ OpeningSource::~OpeningSource() {
   _FreeSource(hSource);
 }
 
-MDATA_SRC_HANDLE OpeningSource::Finish() {
+MDATA_SRC_HANDLE PendingSource::Commit() {
   for (UINT32 i = 0; i < hSource->Config.nNumOfRelays; ++i) {
     MdStoreRelease(hSource->Relayers[i].iRelaySocket, relaySockets[i]);
     relaySockets[i] = -1;
@@ -708,25 +708,25 @@ static bool _SetUpSerialDecoding(MDATA_SRC_HANDLE hSource) MD_REQUIRES(g_MetaDat
 }
 
 // KEPT: both files are opened for a source of either data type.
-static void _OpenSerialCapture(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
-  opening.hSource->CaptureFP = _OpenCaptureFile("/tmp/rawserial.txt");
-  MD_LOG(5, "RAW serial input fp=%p.\n", static_cast<void*>(opening.hSource->CaptureFP));
-  opening.hSource->nRawOutputOffset = 0;
+static void _OpenSerialCapture(PendingSource& pending) MD_REQUIRES(g_MetaDataAPIMutex) {
+  pending.hSource->CaptureFP = _OpenCaptureFile("/tmp/rawserial.txt");
+  MD_LOG(5, "RAW serial input fp=%p.\n", static_cast<void*>(pending.hSource->CaptureFP));
+  pending.hSource->nRawOutputOffset = 0;
   FILE* xmlOut = _OpenCaptureFile("/tmp/cotxml.txt");
   MD_LOG(5, "COT XML input fp=%p.\n", static_cast<void*>(xmlOut));
   _ReplaceXMLOutFile(xmlOut);
-  opening.xmlOutOpened = true;
+  pending.xmlOutOpened = true;
 }
 
-static bool _OpenSerialSource(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
+static bool _OpenSerialSource(PendingSource& pending) MD_REQUIRES(g_MetaDataAPIMutex) {
   MD_LOG(6, "Serial input using device \"%s\".\n", kSerialDevice);
   if (_LocateSerialDataSrc(nullptr)) {
     MD_LOG(6, "Source already exists.\n");  // KEPT: one serial source at a time, of either data type
     return false;
   }
   MD_LOG(6, "Allocating new metadata source handle.\n");
-  if (!opening.Alloc()) return false;
-  const MDATA_SRC_HANDLE hSource = opening.hSource;
+  if (!pending.Alloc()) return false;
+  const MDATA_SRC_HANDLE hSource = pending.hSource;
   if (!_SetUpSerialDecoding(hSource)) return false;
   MD_LOG(7, "New handle allocated and linked.\n");
 
@@ -741,7 +741,7 @@ static bool _OpenSerialSource(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIM
     return false;
   }
   MD_LOG(5, "Serial port configured.\n");
-  if (hSource->Config.bCaptureToDisk) _OpenSerialCapture(opening);
+  if (hSource->Config.bCaptureToDisk) _OpenSerialCapture(pending);
   return true;
 }
 
@@ -753,15 +753,15 @@ static void _OpenUDPCapture(MDATA_SRC_HANDLE hSource) {
   hSource->nRawOutputOffset = 0;
 }
 
-static bool _OpenNetworkSource(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
+static bool _OpenNetworkSource(PendingSource& pending) MD_REQUIRES(g_MetaDataAPIMutex) {
   MD_LOG(6, "Network metadata source.\n");
   // KEPT: opening a port in use fails without a log line.
-  if (_LocateDataSrcByUDPPort(opening.config->in.Network.usUDPPort, nullptr)) return false;
-  const bool isCoT = opening.config->enDataType == MDATA_DATA_COT;
-  if (!isCoT && opening.config->enDataType != MDATA_DATA_KLV) return false;
+  if (_LocateDataSrcByUDPPort(pending.config->in.Network.usUDPPort, nullptr)) return false;
+  const bool isCoT = pending.config->enDataType == MDATA_DATA_COT;
+  if (!isCoT && pending.config->enDataType != MDATA_DATA_KLV) return false;
   if (isCoT) MD_LOG(6, "Network CoT metadata source.\n");
-  if (!opening.Alloc()) return false;
-  const MDATA_SRC_HANDLE pHandle = opening.hSource;
+  if (!pending.Alloc()) return false;
+  const MDATA_SRC_HANDLE pHandle = pending.hSource;
   if (!_CreateUDPSourceSockets(pHandle, &pHandle->Config)) return false;
   MD_ASSERT(_EnableTTLTOSDetectionIfNeeded(pHandle));
   // pfnDataRxHandler is not set: each datagram is a message, and the context only counts.
@@ -774,11 +774,11 @@ static bool _OpenNetworkSource(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPI
 }
 
 // Any number of sources may share a video input.
-static bool _OpenVideoSource(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
+static bool _OpenVideoSource(PendingSource& pending) MD_REQUIRES(g_MetaDataAPIMutex) {
   MD_LOG(6, "Video metadata source. KLV source is SDI.\n");
-  if (opening.config->enDataType != MDATA_DATA_KLV) return false;
-  if (!opening.Alloc()) return false;
-  const MDATA_SRC_HANDLE hSource = opening.hSource;
+  if (pending.config->enDataType != MDATA_DATA_KLV) return false;
+  if (!pending.Alloc()) return false;
+  const MDATA_SRC_HANDLE hSource = pending.hSource;
   hSource->DecimateCtrl.ActivitePTS = kNoPTS;
   hSource->DecimateCtrl.DecimatedPTS = kNoPTS;
   hSource->DecimateCtrl.nDecimatedCount = 0;
@@ -792,14 +792,14 @@ static bool _OpenVideoSource(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMu
   return true;
 }
 
-static bool _OpenByInputType(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
-  switch (opening.config->enInputType) {
+static bool _OpenByInputType(PendingSource& pending) MD_REQUIRES(g_MetaDataAPIMutex) {
+  switch (pending.config->enInputType) {
     case MDATA_INPUT_SERIAL:
-      return _OpenSerialSource(opening);
+      return _OpenSerialSource(pending);
     case MDATA_INPUT_NETWORK:
-      return _OpenNetworkSource(opening);
+      return _OpenNetworkSource(pending);
     case MDATA_INPUT_VIDEO:
-      return _OpenVideoSource(opening);
+      return _OpenVideoSource(pending);
     default:
       MD_ASSERT_UNREACHED();
       return false;
@@ -820,10 +820,10 @@ static bool _HandOver(MDATA_SRC_HANDLE hSource) MD_REQUIRES(g_MetaDataAPIMutex) 
 }
 
 // Opens the source and passes it to the metadata thread, after its relay sockets have been made.
-static bool _OpenAndHandOver(OpeningSource& opening) MD_REQUIRES(g_MetaDataAPIMutex) {
-  bool ok = _OpenByInputType(opening);
+static bool _OpenAndHandOver(PendingSource& pending) MD_REQUIRES(g_MetaDataAPIMutex) {
+  bool ok = _OpenByInputType(pending);
   if (ok && _g_bUsingInternalThread)
-    ok = _HandOver(opening.hSource);
+    ok = _HandOver(pending.hSource);
   else
     MD_LOG(6, "Not sending message, _g_bUsingInternalThread=%d, bRetCode=%d.\n", _g_bUsingInternalThread, ok);
   return ok;
@@ -834,19 +834,19 @@ BOOL MetaData_OpenSource(const MDATA_SRC_CFG* pCfg, HMDATASRC* phDataSrc) {
   MD_ASSERT_OR_RETURN(pCfg != NULL, FALSE);
   MD_ASSERT_TEXT_OR_RETURN(pCfg->nSize == static_cast<int>(sizeof(*pCfg)), "pCfg->nSize == sizeof(*pCfg)", FALSE);
 
-  OpeningSource opening(pCfg);
+  PendingSource pending(pCfg);
   bool ok = false;
   {
     MdLock lock(g_MetaDataAPIMutex);
-    if (pCfg->nNumOfRelays != 0 && !_CreateRelayingSockets(pCfg, opening.relaySockets, MDATA_MAX_RELAYS)) {
+    if (pCfg->nNumOfRelays != 0 && !_CreateRelayingSockets(pCfg, pending.relaySockets, MDATA_MAX_RELAYS)) {
       MD_LOG(3, "Failed to create relaying socket.\n");
       return FALSE;
     }
-    ok = _OpenAndHandOver(opening);
+    ok = _OpenAndHandOver(pending);
   }
   // KEPT: the relay sockets are stored only now, after the unlock; the thread may already receive for the source, but
   // relays nothing before.
-  if (ok) *phDataSrc = opening.Finish();
+  if (ok) *phDataSrc = pending.Commit();
   MD_LOG(6, "Returning %s.\n", ok ? "TRUE" : "FALSE");
   return ok ? TRUE : FALSE;
 }
