@@ -12,7 +12,7 @@ Receiver::~Receiver() {
   Finish();
 }
 
-bool Receiver::Take(MDATA_BUFFER* buffer, Source& source) {
+bool Receiver::Push(MDATA_BUFFER* buffer, Source& source) {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const auto timeUs = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
   // The sequence number is read while the library's own reference still holds the buffer.

@@ -42,7 +42,7 @@ class Receiver {
   Receiver& operator=(const Receiver&) = delete;
 
   /* What the callback does with a message of `source`. Metadata thread. TRUE when it was taken. */
-  bool Take(MDATA_BUFFER* buffer, Source& source);
+  bool Push(MDATA_BUFFER* buffer, Source& source);
   /* Handles what is left and ends the thread. */
   void Finish();
 

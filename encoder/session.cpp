@@ -157,7 +157,7 @@ BOOL Session::OnMessage(MDATA_BUFFER* buffer, void* tap, void*) {
   auto& [session, source] = *static_cast<Tap*>(tap);
   const uint64_t limit = session->m_config.encoder.messages;
   if (limit != 0 && session->m_taken.load(std::memory_order_relaxed) >= limit) return FALSE;
-  if (!session->m_receiver->Take(buffer, *source)) return FALSE;
+  if (!session->m_receiver->Push(buffer, *source)) return FALSE;
   session->m_taken.fetch_add(1, std::memory_order_relaxed);
   if (session->LimitReached()) eventfd_write(session->m_wake.Get(), 1);
   return TRUE;

@@ -16,7 +16,7 @@ uint64_t Get(const std::atomic<uint64_t>& counter) {
 
 }  // namespace
 
-void SequenceWatch::Saw(uint8_t sequence) {
+void SequenceWatch::Push(uint8_t sequence) {
   if (m_last >= 0) {
     const uint8_t missing = static_cast<uint8_t>(sequence - m_last - 1);
     if (missing != 0) {
@@ -35,7 +35,7 @@ void Source::OpenOutput(const std::string& path, bool streamHeader) {
 
 void Source::Arrived(uint8_t sequence, uint64_t length, bool taken) {
   // A video source that is refused a message uses its sequence number again.
-  if (taken || m_settings.record.enInputType != MDATA_INPUT_VIDEO) m_sequence.Saw(sequence);
+  if (taken || m_settings.record.enInputType != MDATA_INPUT_VIDEO) m_sequence.Push(sequence);
   if (!taken) {
     Add(m_dropped, 1);
     return;

@@ -35,7 +35,7 @@ struct Counters {
 /* Follows the sequence numbers of the stream headers. Metadata thread only; the counts may be read anywhere. */
 class SequenceWatch {
  public:
-  void Saw(uint8_t sequence);
+  void Push(uint8_t sequence);
   uint64_t Gaps() const { return m_gaps.load(std::memory_order_relaxed); }
   uint64_t Lost() const { return m_lost.load(std::memory_order_relaxed); }
 

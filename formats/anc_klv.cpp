@@ -23,7 +23,7 @@ class BitWriter {
     }
   }
   // Filled up to 32 bits.
-  Bytes Take() {
+  Bytes Finish() {
     while (m_bytes.size() % 4 != 0) m_bytes.push_back(0);
     return std::move(m_bytes);
   }
@@ -135,7 +135,7 @@ Bytes PackAnc(const AncPacket& packet) {
   put(static_cast<unsigned>(size));
   for (std::size_t i = 0; i < size; ++i) put(packet.userData[i]);
   bits.Put(ChecksumWord(sum), kWordBits);
-  return bits.Take();
+  return bits.Finish();
 }
 
 Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, std::uint8_t count) {
@@ -236,7 +236,7 @@ void RtpOrder::GiveUpFirst(Counts& counts, const Sink& sink) {
   Drain(sink);
 }
 
-void RtpOrder::Take(RtpPacket packet, std::int64_t now, Counts& counts, const Sink& sink) {
+void RtpOrder::Push(RtpPacket packet, std::int64_t now, Counts& counts, const Sink& sink) {
   const std::uint32_t sequence = packet.header.sequence;
   const auto distance = static_cast<std::int32_t>(sequence - m_next);
   if (m_source != packet.header.source || distance > kLargestGap || distance < -kLargestGap) {
@@ -276,7 +276,7 @@ void RtpOrder::Take(RtpPacket packet, std::int64_t now, Counts& counts, const Si
   }
 }
 
-void RtpOrder::Pass(std::int64_t now, Counts& counts, const Sink& sink) {
+void RtpOrder::Expire(std::int64_t now, Counts& counts, const Sink& sink) {
   if (m_waiting.empty() || now - m_since < kPatience) return;
   while (!m_waiting.empty()) GiveUpFirst(counts, sink);
 }
@@ -295,14 +295,14 @@ std::uint64_t LongTimestamp::Extend(std::uint32_t timestamp) {
 
 // --- Assembly ----------------------------------------------------------------------------------------
 
-void KlvAssembler::Break(Counts& counts) {
+void KlvAssembler::DropUnfinished(Counts& counts) {
   if (m_nextPacket == 0) return;
   ++counts.incomplete;
   m_dropped = m_number;
   m_nextPacket = 0;
 }
 
-std::optional<StampedKlv> KlvAssembler::Take(const AncPacket& packet, std::uint64_t timestamp, Counts& counts) {
+std::optional<StampedKlv> KlvAssembler::Push(const AncPacket& packet, std::uint64_t timestamp, Counts& counts) {
   constexpr std::size_t kHead = 3;  // message number and packet count
   if (packet.userData.size() < kHead) {
     ++counts.damaged;
@@ -312,12 +312,12 @@ std::optional<StampedKlv> KlvAssembler::Take(const AncPacket& packet, std::uint6
   const std::uint8_t number = data[0];
   const auto place = static_cast<std::uint16_t>(BigEndian(data.subspan(1, 2)));
   if (place == 1) {
-    Break(counts);
+    DropUnfinished(counts);
     m_dropped.reset();
     m_number = number;
     m_current = {timestamp, {}};
   } else if (m_nextPacket == 0 || number != m_number || place != m_nextPacket) {
-    Break(counts);
+    DropUnfinished(counts);
     if (m_dropped != number) ++counts.incomplete;  // one whose beginning was missing
     m_dropped = number;
     return {};
@@ -340,10 +340,10 @@ std::optional<StampedKlv> KlvAssembler::Take(const AncPacket& packet, std::uint6
 
 // --- Receiver ----------------------------------------------------------------------------------------
 
-void Receiver::TakeInOrder(const RtpPacket& packet) {
+void Receiver::PushInOrder(const RtpPacket& packet) {
   if (m_restarts != m_counts.restarts) {
     m_restarts = m_counts.restarts;
-    m_assembler.Break(m_counts);
+    m_assembler.DropUnfinished(m_counts);
   }
   const std::uint64_t timestamp = m_time.Extend(packet.header.timestamp);
   ByteView rest(packet.ancPackets);
@@ -359,23 +359,23 @@ void Receiver::TakeInOrder(const RtpPacket& packet) {
     } else if (anc.state == AncState::BadParity) {
       ++m_counts.badParity;
     } else if (anc.packet.did == kKlvDid && anc.packet.sdid == kKlvSdid) {
-      if (const auto message = m_assembler.Take(anc.packet, timestamp, m_counts)) m_sink(*message);
+      if (const auto message = m_assembler.Push(anc.packet, timestamp, m_counts)) m_sink(*message);
     }
   }
 }
 
-void Receiver::Take(ByteView datagram, std::int64_t now) {
+void Receiver::Push(ByteView datagram, std::int64_t now) {
   auto packet = UnpackRtp(datagram);
   if (!packet) {
     ++m_counts.damaged;
     return;
   }
-  m_order.Take(std::move(*packet), now, m_counts, [this](const RtpPacket& next) { TakeInOrder(next); });
-  Pass(now);
+  m_order.Push(std::move(*packet), now, m_counts, [this](const RtpPacket& next) { PushInOrder(next); });
+  Expire(now);
 }
 
-void Receiver::Pass(std::int64_t now) {
-  m_order.Pass(now, m_counts, [this](const RtpPacket& next) { TakeInOrder(next); });
+void Receiver::Expire(std::int64_t now) {
+  m_order.Expire(now, m_counts, [this](const RtpPacket& next) { PushInOrder(next); });
 }
 
 }  // namespace anc_klv

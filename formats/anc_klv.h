@@ -118,9 +118,9 @@ class RtpOrder {
   using Sink = std::function<void(const RtpPacket&)>;
 
   // Times are nanoseconds of any steady clock.
-  void Take(RtpPacket packet, std::int64_t now, Counts& counts, const Sink& sink);
+  void Push(RtpPacket packet, std::int64_t now, Counts& counts, const Sink& sink);
   // Gives up on what was waited for too long.
-  void Pass(std::int64_t now, Counts& counts, const Sink& sink);
+  void Expire(std::int64_t now, Counts& counts, const Sink& sink);
   bool IsWaiting() const { return !m_waiting.empty(); }
 
  private:
@@ -154,9 +154,9 @@ struct StampedKlv {
 class KlvAssembler {
  public:
   // The message that the packet completes; it has the timestamp of its first packet.
-  std::optional<StampedKlv> Take(const AncPacket& packet, std::uint64_t timestamp, Counts& counts);
+  std::optional<StampedKlv> Push(const AncPacket& packet, std::uint64_t timestamp, Counts& counts);
   // What is still unfinished will not be finished.
-  void Break(Counts& counts);
+  void DropUnfinished(Counts& counts);
 
  private:
   StampedKlv m_current;
@@ -172,14 +172,14 @@ class Receiver {
   using Sink = std::function<void(const StampedKlv&)>;
   explicit Receiver(Sink sink) : m_sink(std::move(sink)) {}
 
-  void Take(ByteView datagram, std::int64_t now);
+  void Push(ByteView datagram, std::int64_t now);
   // To be called within kPatience while IsWaiting().
-  void Pass(std::int64_t now);
+  void Expire(std::int64_t now);
   bool IsWaiting() const { return m_order.IsWaiting(); }
   const Counts& Seen() const { return m_counts; }
 
  private:
-  void TakeInOrder(const RtpPacket& packet);
+  void PushInOrder(const RtpPacket& packet);
 
   Sink m_sink;
   Counts m_counts;

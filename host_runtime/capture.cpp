@@ -33,7 +33,7 @@ bool CaptureQueue::Open() {
   return m_readable.IsOpen() && m_stop.IsOpen();
 }
 
-void CaptureQueue::Deliver(std::uint64_t timestamp, std::span<const std::uint8_t> klv) {
+void CaptureQueue::Push(std::uint64_t timestamp, std::span<const std::uint8_t> klv) {
   {
     const Lock guard(m_lock);
     if (m_packets.size() < kMostPackets && m_bytes + klv.size() <= kMostBytes) {
@@ -73,7 +73,7 @@ void CaptureQueue::Stop() {
   eventfd_write(m_stop.Get(), 1);
 }
 
-bool CaptureQueue::Take(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
+bool CaptureQueue::Pop(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
   const std::size_t room = *pnLength < 0 ? 0 : static_cast<std::size_t>(*pnLength);
   for (;;) {
     Packet packet;
@@ -136,7 +136,7 @@ class Capture {
  private:
   static DWORD Run(void* pvCapture) {
     auto* capture = static_cast<Capture*>(pvCapture);
-    Guarded([&] { capture->m_backend->Run(capture->m_queue); });
+    NoThrow([&] { capture->m_backend->Run(capture->m_queue); });
     return 0;
   }
 
@@ -228,12 +228,12 @@ BOOL KLVCAPTURE_Start(int iInterface, VIDEO_EXTRACTOR* pExtractor) {
     HOST_LOG(3, "There is no video input %d.\n", iInterface);
     return FALSE;
   }
-  return Guarded(FALSE, [&] { return Start(iInterface, pExtractor); });
+  return NoThrow(FALSE, [&] { return Start(iInterface, pExtractor); });
 }
 
 void KLVCAPTURE_Stop(int iInterface) {
   if (!IsInput(iInterface)) return;
-  Guarded([&] {
+  NoThrow([&] {
     const auto index = static_cast<std::size_t>(iInterface);
     std::shared_ptr<Capture> capture;
     {
@@ -250,9 +250,9 @@ void KLVCAPTURE_Stop(int iInterface) {
 
 BOOL KLVCAPTURE_GetKLV(int iFD, BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
   if (iFD < 0 || pcData == nullptr || pnLength == nullptr || pnTimeStamp == nullptr) return FALSE;
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     const auto capture = AllInputs().Find(iFD);
-    return capture != nullptr && capture->Queue().Take(pcData, pnLength, pnTimeStamp) ? TRUE : FALSE;
+    return capture != nullptr && capture->Queue().Pop(pcData, pnLength, pnTimeStamp) ? TRUE : FALSE;
   });
 }
 

@@ -33,7 +33,7 @@ class CaptureQueue {
   int Input() const { return m_input; }
 
   // For the back end's thread.
-  void Deliver(std::uint64_t timestamp, std::span<const std::uint8_t> klv);
+  void Push(std::uint64_t timestamp, std::span<const std::uint8_t> klv);
   void Count(std::uint64_t HostCaptureStats::*counter, std::uint64_t count = 1);
   // Waits until fd (or nothing, for -1) is readable, the time is up, or the capture is to stop. True when readable.
   bool Wait(int fd, std::int64_t nanoseconds);
@@ -42,7 +42,7 @@ class CaptureQueue {
   // For the service.
   void Stop();
   int FD() const { return m_readable.Get(); }
-  bool Take(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp);
+  bool Pop(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp);
   HostCaptureStats Stats() const;
 
  private:

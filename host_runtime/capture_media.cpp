@@ -42,7 +42,7 @@ std::string ErrorText(int error) {
 }
 
 // What libavformat says goes to the log, where it is limited, instead of to standard error.
-void TakeLibraryLine(void* context, int level, const char* format, va_list arguments) {
+void LogLibraryLine(void* context, int level, const char* format, va_list arguments) {
   level &= 0xFF;  // above are colours
   const int hostLevel = level <= AV_LOG_ERROR ? 5 : level <= AV_LOG_WARNING ? 6 : level <= AV_LOG_INFO ? 7 : 8;
   const HDBG module = CaptureModule();
@@ -60,7 +60,7 @@ class MediaBackend : public CaptureBackend {
 
   bool Open(CaptureQueue& queue) override {
     static std::once_flag once;
-    std::call_once(once, [] { av_log_set_callback(TakeLibraryLine); });
+    std::call_once(once, [] { av_log_set_callback(LogLibraryLine); });
     if (m_live || access(m_config.path.c_str(), R_OK) == 0) return true;
     HOST_LOG(3, "Video input %d: cannot read \"%s\": %s.\n", queue.Input(), m_config.path.c_str(), strerror(errno));
     return false;
@@ -114,7 +114,7 @@ class MediaBackend : public CaptureBackend {
     BeginPass();
     int result = 0;
     while (!queue.IsStopping() && (result = av_read_frame(input.get(), packet.get())) >= 0) {
-      TakePacket(queue, *input->streams[packet->stream_index], *packet);
+      PushPacket(queue, *input->streams[packet->stream_index], *packet);
       av_packet_unref(packet.get());
     }
     if (queue.IsStopping()) return m_first.has_value();
@@ -149,7 +149,7 @@ class MediaBackend : public CaptureBackend {
            anc_klv::KlvSize::State::Known;
   }
 
-  void TakePacket(CaptureQueue& queue, const AVStream& stream, const AVPacket& packet) {
+  void PushPacket(CaptureQueue& queue, const AVStream& stream, const AVPacket& packet) {
     // KLV without a time of its own has that of the picture before it.
     const std::int64_t stamp = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
     if (stamp != AV_NOPTS_VALUE) m_lastOfAny = av_rescale_q(stamp, stream.time_base, kClock);
@@ -157,8 +157,8 @@ class MediaBackend : public CaptureBackend {
     if (m_first && m_lastOfAny > m_last) m_step = std::min(m_lastOfAny - m_last, kLongestPause);
     if (!WaitForTime(queue, m_lastOfAny)) return;
     const std::int64_t time = m_lastOfAny - (m_first ? *m_first : m_lastOfAny) + m_begin + m_shift;
-    Deliver(queue, static_cast<std::uint64_t>(std::max<std::int64_t>(time, 0)),
-            {packet.data, static_cast<std::size_t>(packet.size)});
+    Push(queue, static_cast<std::uint64_t>(std::max<std::int64_t>(time, 0)),
+         {packet.data, static_cast<std::size_t>(packet.size)});
   }
 
   // Until the file's clock has come to `time`; false when the capture is to stop.
@@ -191,7 +191,7 @@ class MediaBackend : public CaptureBackend {
   std::int64_t Elapsed(std::int64_t time) const { return av_rescale(time - *m_first + m_shift, kSecond, kClock.den); }
 
   // A packet may hold several messages, each perhaps behind the header of an access unit.
-  void Deliver(CaptureQueue& queue, std::uint64_t timestamp, std::span<const std::uint8_t> data) {
+  void Push(CaptureQueue& queue, std::uint64_t timestamp, std::span<const std::uint8_t> data) {
     using State = anc_klv::KlvSize::State;
     while (!data.empty()) {
       anc_klv::KlvSize size = anc_klv::SizeOfKlv(data);
@@ -207,7 +207,7 @@ class MediaBackend : public CaptureBackend {
         HOST_LOG(4, "Video input %d: %zu bytes of damaged KLV dropped.\n", queue.Input(), data.size());
         return;
       }
-      queue.Deliver(timestamp, data.first(size.size));
+      queue.Push(timestamp, data.first(size.size));
       ++m_packets;
       data = data.subspan(size.size);
     }

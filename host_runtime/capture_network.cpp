@@ -66,7 +66,7 @@ class AncBackend : public CaptureBackend {
   void Run(CaptureQueue& queue) override {
     anc_klv::Receiver receiver([&queue](const anc_klv::StampedKlv& message) {
       HOST_LOG(8, "Video input %d: KLV of %zu bytes.\n", queue.Input(), message.klv.size());
-      queue.Deliver(message.timestamp, message.klv);
+      queue.Push(message.timestamp, message.klv);
     });
     std::vector<std::uint8_t> buffer(65'536);
     while (!queue.IsStopping()) {
@@ -74,9 +74,9 @@ class AncBackend : public CaptureBackend {
       const std::int64_t now = MonotonicNs();
       std::size_t size = 0;
       for (int i = 0; readable && i < kDatagramsAtOnce && Receive(m_socket.Get(), buffer, &size); ++i) {
-        receiver.Take({buffer.data(), std::min(size, buffer.size())}, now);
+        receiver.Push({buffer.data(), std::min(size, buffer.size())}, now);
       }
-      receiver.Pass(now);
+      receiver.Expire(now);
       Report(queue, receiver.Seen());
     }
   }
@@ -138,7 +138,7 @@ class SocketLock {
   SocketLock& operator=(const SocketLock&) = delete;
 
   // False with errno, EBUSY when somebody has it.
-  bool Take(const std::string& path) {
+  bool Acquire(const std::string& path) {
     m_path = path + ".lock";
     for (;;) {
       common::OwnedFD file(open(m_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
@@ -180,7 +180,7 @@ class SocketBackend : public CaptureBackend {
       return false;
     }
     memcpy(address.sun_path, path.c_str(), path.size());
-    m_bound = m_lock.Take(path) && Bind(address);
+    m_bound = m_lock.Acquire(path) && Bind(address);
     if (!m_bound && (errno == EBUSY || errno == EADDRINUSE)) {
       HOST_LOG(3, "Video input %d: socket \"%s\" is in use; each input has its own.\n", queue.Input(), path.c_str());
     } else if (!m_bound) {
@@ -203,7 +203,7 @@ class SocketBackend : public CaptureBackend {
         }
         std::uint64_t timestamp = 0;
         for (std::size_t b = 0; b < kTimeStampSize; ++b) timestamp = timestamp << 8 | buffer[b];
-        queue.Deliver(timestamp, {buffer.data() + kTimeStampSize, size - kTimeStampSize});
+        queue.Push(timestamp, {buffer.data() + kTimeStampSize, size - kTimeStampSize});
       }
     }
   }

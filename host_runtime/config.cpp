@@ -200,7 +200,7 @@ std::shared_ptr<const HostRuntimeConfig> Config() {
 using namespace host_runtime;
 
 bool HostRuntime_Load(const std::string& path, HostRuntimeConfig& config, std::string& error) {
-  return Guarded(false, [&] {
+  return NoThrow(false, [&] {
     std::string text;
     error = ReadTextFile(path, &text);
     if (!error.empty()) return false;
@@ -213,7 +213,7 @@ bool HostRuntime_Load(const std::string& path, HostRuntimeConfig& config, std::s
 }
 
 bool HostRuntime_Apply(const HostRuntimeConfig& config, std::string* error) {
-  return Guarded(false, [&] {
+  return NoThrow(false, [&] {
     PutInForce(State(), config);
     std::string problem;
     if (ApplyLogConfig(config, &problem)) return true;

@@ -228,7 +228,7 @@ Permit Ask(const Place& place, bool limited) {
     if (limited) {
       allowed = state.limiter.Allow(place.module, place.file, place.line, place.function, place.level, now, &left);
     }
-    silent = state.limiter.TakeSilent(now);
+    silent = state.limiter.PopSilent(now);
   }
   for (const auto& gone : silent) {
     Write(permit.logger, permit.observer, {gone.site.module, gone.level, gone.function, gone.site.file, gone.site.line},
@@ -255,12 +255,12 @@ void Assertion(const char* function, const char* file, int line, const std::stri
 }  // namespace
 
 HDBG HostModule() {
-  static const HDBG kModule = Guarded<HDBG>(nullptr, [] { return OpenModule("HOST"); });
+  static const HDBG kModule = NoThrow<HDBG>(nullptr, [] { return OpenModule("HOST"); });
   return kModule;
 }
 
 HDBG CaptureModule() {
-  static const HDBG kModule = Guarded<HDBG>(nullptr, [] { return OpenModule("KLVCAPTURE"); });
+  static const HDBG kModule = NoThrow<HDBG>(nullptr, [] { return OpenModule("KLVCAPTURE"); });
   return kModule;
 }
 
@@ -296,7 +296,7 @@ using namespace host_runtime;
 using common::Lock;
 
 void HostRuntime_SetLevel(const std::string& module, int level) {
-  Guarded([&] {
+  NoThrow([&] {
     LogState& state = State();
     const Lock guard(state.lock);
     if (module.empty()) {
@@ -310,7 +310,7 @@ void HostRuntime_SetLevel(const std::string& module, int level) {
 }
 
 void HostRuntime_OnLog(std::function<void(const HostLogLine&)> callback) {
-  Guarded([&] {
+  NoThrow([&] {
     auto observer = callback ? std::make_shared<const Observer>(std::move(callback)) : nullptr;
     LogState& state = State();
     const Lock guard(state.lock);
@@ -329,7 +329,7 @@ BOOL _DoDbgInit(const char* szName, HDBG* phDbg) {
   *phDbg = nullptr;
   if (szName == nullptr || *szName == '\0') return FALSE;
   Config();  // the environment may name a configuration that sets this module's level
-  *phDbg = Guarded<HDBG>(nullptr, [&] { return OpenModule(szName); });
+  *phDbg = NoThrow<HDBG>(nullptr, [&] { return OpenModule(szName); });
   return *phDbg != nullptr ? TRUE : FALSE;
 }
 
@@ -337,13 +337,13 @@ void _DoDbgUninitEx(HDBG* phDbg) {
   if (phDbg == nullptr || *phDbg == nullptr) return;
   const auto* module = static_cast<DebugModule*>(*phDbg);
   *phDbg = nullptr;
-  Guarded([&] {
+  NoThrow([&] {
     LogState& state = State();
     std::vector<LogLimiter::Suppressed> left;
     Permit permit;
     {
       const Lock guard(state.lock);
-      left = state.limiter.TakeModule(module->name);
+      left = state.limiter.PopModule(module->name);
       permit = {state.logger, state.observer};
     }
     for (const auto& gone : left) {
@@ -359,7 +359,7 @@ void _DoDbgPrintEx(HDBG hDbg, int nLevel, const char* szFunction, const char* sz
   const int nError = errno;  // a log line between a failed call and its report must not change the reason
   va_list arguments;
   va_start(arguments, szFormat);
-  Guarded([&] {
+  NoThrow([&] {
     const Place place = {static_cast<DebugModule*>(hDbg)->name, nLevel, Text(szFunction), Text(szFile), nLine};
     const Permit permit = Ask(place, nLevel > 0);
     if (permit.logger == nullptr) return;
@@ -373,7 +373,7 @@ void _DoDbgPrintBuffer(HDBG hDbg, int nLevel, const char* szFunction, const char
                        const char* szTitle, const void* pvData, int nSize) {
   if (hDbg == nullptr) return;
   const int nError = errno;
-  Guarded([&] {
+  NoThrow([&] {
     const Place place = {static_cast<DebugModule*>(hDbg)->name, nLevel, Text(szFunction), Text(szFile), nLine};
     const Permit permit = Ask(place, nLevel > 0);
     if (permit.logger == nullptr) return;
@@ -389,7 +389,7 @@ void _DoDbgPrintBuffer(HDBG hDbg, int nLevel, const char* szFunction, const char
 
 void _DoAssert(const char* szExpression, const char* szFunction, const char* szFile, int nLine) {
   const int nError = errno;
-  Guarded([&] { Assertion(szFunction, szFile, nLine, Text(szExpression)); });
+  NoThrow([&] { Assertion(szFunction, szFile, nLine, Text(szExpression)); });
   errno = nError;
 }
 
@@ -397,7 +397,7 @@ void _DoTextAssert(const char* szFunction, const char* szFile, int nLine, const 
   const int nError = errno;
   va_list arguments;
   va_start(arguments, szFormat);
-  Guarded([&] { Assertion(szFunction, szFile, nLine, FormatText(Text(szFormat), arguments)); });
+  NoThrow([&] { Assertion(szFunction, szFile, nLine, FormatText(Text(szFormat), arguments)); });
   va_end(arguments);
   errno = nError;
 }

@@ -125,7 +125,7 @@ int WaitForEntries(tagHOST_FDSET& set) {
 
 // A serial device's own events replace those of its descriptor.
 bool StartWatching(tagHOST_FDSET& set, std::uint64_t number, Entry& entry) {
-  if (const auto device = TakeDevice(entry.fd)) {
+  if (const auto device = PopDevice(entry.fd)) {
     entry.line = SerialLine::Attach(entry.fd, *device, set.epoll.Get(), number | kDeviceTag);
     return entry.line != nullptr;
   }
@@ -148,7 +148,7 @@ extern "C" {
 BOOL __FDMGR_CreateSet(const char* szName, HFDSET* phSet, const char* szFunction, const char*, int) {
   if (phSet == nullptr) return FALSE;
   *phSet = nullptr;
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     auto set = std::make_unique<tagHOST_FDSET>();
     set->name = szName == nullptr ? "" : szName;
     set->epoll.Reset(epoll_create1(EPOLL_CLOEXEC));
@@ -164,7 +164,7 @@ BOOL __FDMGR_CreateSet(const char* szName, HFDSET* phSet, const char* szFunction
 BOOL __FDMGR_AddReadFD(HFDSET hSet, int iFD, FDMGR_READ_CALLBACK pfnCallback, void* pvParam1, void* pvParam2,
                        const char* szFunction, const char*, int) {
   if (hSet == nullptr || pfnCallback == nullptr) return FALSE;
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     const std::uint64_t number = hSet->nextNumber;
     const auto added = hSet->entries.emplace(number, Entry{iFD, pfnCallback, pvParam1, pvParam2, nullptr}).first;
     if (!StartWatching(*hSet, number, added->second)) {
@@ -183,7 +183,7 @@ BOOL __FDMGR_AddReadFD(HFDSET hSet, int iFD, FDMGR_READ_CALLBACK pfnCallback, vo
 
 BOOL __FDMGR_RemoveReadFD(HFDSET hSet, int iFD, const char* szFunction, const char*, int) {
   if (hSet == nullptr) return FALSE;
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     const auto found = hSet->Find(iFD);
     if (found == hSet->entries.end()) {
       HOST_LOG(4, "%s: descriptor %d is not in set \"%s\".\n", szFunction, iFD, hSet->name.c_str());
@@ -210,7 +210,7 @@ BOOL FDMGR_SetSelectTimeout(HFDSET hSet, const struct timeval* pInterval, FDMGR_
 
 int FDMGR_Select(HFDSET hSet) {
   if (hSet == nullptr) return -1;
-  return Guarded(-1, [&] {
+  return NoThrow(-1, [&] {
     const int count = WaitForEntries(*hSet);
     if (count < 0) {
       HOST_LOG(3, "Waiting on descriptor set \"%s\" failed: %s.\n", hSet->name.c_str(), strerror(errno));

@@ -45,7 +45,7 @@ bool LogLimiter::Allow(std::string_view module, std::string_view file, int line,
 }
 
 template <typename Wanted>
-std::vector<LogLimiter::Suppressed> LogLimiter::Take(Wanted wanted) {
+std::vector<LogLimiter::Suppressed> LogLimiter::Pop(Wanted wanted) {
   std::vector<Suppressed> taken;
   for (auto& [site, bucket] : m_buckets) {
     if (bucket.suppressed == 0 || !wanted(site, bucket)) continue;
@@ -54,14 +54,14 @@ std::vector<LogLimiter::Suppressed> LogLimiter::Take(Wanted wanted) {
   return taken;
 }
 
-std::vector<LogLimiter::Suppressed> LogLimiter::TakeSilent(std::int64_t now) {
+std::vector<LogLimiter::Suppressed> LogLimiter::PopSilent(std::int64_t now) {
   if (now - m_lastRound < kSecond) return {};
   m_lastRound = now;
-  return Take([now](const Site&, const Bucket& bucket) { return now - bucket.seen >= kSilence; });
+  return Pop([now](const Site&, const Bucket& bucket) { return now - bucket.seen >= kSilence; });
 }
 
-std::vector<LogLimiter::Suppressed> LogLimiter::TakeModule(std::string_view module) {
-  return Take([module](const Site& site, const Bucket&) { return site.module == module; });
+std::vector<LogLimiter::Suppressed> LogLimiter::PopModule(std::string_view module) {
+  return Pop([module](const Site& site, const Bucket&) { return site.module == module; });
 }
 
 }  // namespace host_runtime

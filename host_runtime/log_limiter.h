@@ -36,8 +36,8 @@ class LogLimiter {
 
   // Takes the counts of sites that fell silent after lines were left out: at most one round a second, or all of
   // a module's sites at once when it closes.
-  std::vector<Suppressed> TakeSilent(std::int64_t now);
-  std::vector<Suppressed> TakeModule(std::string_view module);
+  std::vector<Suppressed> PopSilent(std::int64_t now);
+  std::vector<Suppressed> PopModule(std::string_view module);
 
  private:
   struct Bucket {
@@ -68,7 +68,7 @@ class LogLimiter {
   };
 
   template <typename Wanted>
-  std::vector<Suppressed> Take(Wanted wanted);
+  std::vector<Suppressed> Pop(Wanted wanted);
 
   unsigned m_burst = 20;
   unsigned m_perSecond = 10;

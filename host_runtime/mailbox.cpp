@@ -64,7 +64,7 @@ BOOL MBOX_CreateMailBox(const MBOX_CONFIG* pConfig, HMBOX* phMBox) {
   if (pConfig == nullptr || pConfig->nSize != static_cast<int>(sizeof *pConfig) || pConfig->szName == nullptr) {
     return FALSE;
   }
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     auto mailbox = std::make_unique<tagHOST_MBOX>();
     mailbox->name = pConfig->szName;
     mailbox->notification.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -106,7 +106,7 @@ MBOX_MSGHEADER* MBOX_GetMessageHeader(HMBOXMSG hMsg) {
 
 BOOL MBOX_SendMessage(HMBOX hMBox, HMBOXMSG hMsg, DWORD) {
   if (hMBox == nullptr || hMsg == nullptr) return FALSE;
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     {
       const Lock guard(hMBox->lock);
       if (hMBox->queue.size() < kMessageLimit) {
@@ -122,7 +122,7 @@ BOOL MBOX_SendMessage(HMBOX hMBox, HMBOXMSG hMsg, DWORD) {
 
 BOOL MBOX_RecvMessage(HMBOX hMBox, HMBOXMSG* phMsg) {
   if (hMBox == nullptr || phMsg == nullptr) return FALSE;
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     const Lock guard(hMBox->lock);
     if (hMBox->queue.empty()) return FALSE;
     *phMsg = hMBox->queue.front();
@@ -141,7 +141,7 @@ BOOL MBOX_CloseMailBox(HMBOX* phMBox) {
   if (phMBox == nullptr || *phMBox == nullptr) return FALSE;
   const HMBOX hMBox = *phMBox;
   *phMBox = nullptr;
-  Guarded([&] {
+  NoThrow([&] {
     const Lock guard(Mailboxes().lock);
     const auto named = Mailboxes().names.find(hMBox->name);
     if (named != Mailboxes().names.end() && named->second == hMBox) Mailboxes().names.erase(named);

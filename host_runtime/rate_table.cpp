@@ -41,17 +41,17 @@ void RateTable::Add(std::uint64_t total, std::int64_t now) {
   m_last = Sample{total, now};
   if (IsPlausible(interval)) {
     m_suspect.reset();
-    Take(interval);
+    Keep(interval);
   } else if (m_suspect && interval.Speed() * kJump >= m_suspect->Speed() && interval.Speed() < kFastestFirst) {
-    if (m_suspect->Speed() < kFastestFirst) Take(*m_suspect);
+    if (m_suspect->Speed() < kFastestFirst) Keep(*m_suspect);
     m_suspect.reset();
-    Take(interval);
+    Keep(interval);
   } else {
     m_suspect = interval;
   }
 }
 
-void RateTable::Take(const Interval& interval) {
+void RateTable::Keep(const Interval& interval) {
   m_intervals.push_back(interval);
   if (m_intervals.size() > m_limit) m_intervals.pop_front();
 }
@@ -101,13 +101,13 @@ BOOL __AllocCounterRateTable(int nSamples, const char* szName, HCOUNTERRATE* phR
     HOST_LOG(3, "Rate counter \"%s\" needs at least one sample, not %d.\n", szName == nullptr ? "" : szName, nSamples);
     return FALSE;
   }
-  *phRate = Guarded<HCOUNTERRATE>(nullptr, [&] { return new tagHOST_COUNTER_RATE{{}, RateTable(nSamples)}; });
+  *phRate = NoThrow<HCOUNTERRATE>(nullptr, [&] { return new tagHOST_COUNTER_RATE{{}, RateTable(nSamples)}; });
   return *phRate != nullptr ? TRUE : FALSE;
 }
 
 void AddCounterValue(HCOUNTERRATE hRate, UINT64 nRunningTotal) {
   if (hRate == nullptr) return;
-  Guarded([&] {
+  NoThrow([&] {
     const Lock guard(hRate->lock);
     hRate->table.Add(nRunningTotal, MonotonicNs());
   });

@@ -33,7 +33,7 @@ class RateTable {
     double Speed() const { return static_cast<double>(bytes) / static_cast<double>(time); }
   };
 
-  void Take(const Interval& interval);
+  void Keep(const Interval& interval);
   bool IsPlausible(const Interval& interval) const;
   std::int64_t Span() const;
 

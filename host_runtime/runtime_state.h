@@ -36,7 +36,7 @@ inline std::int64_t MonotonicNs() {
 // Runs a service's body. The callers are C: what the standard library throws (there is no memory) becomes
 // the failure result.
 template <typename Result, typename Body>
-Result Guarded(Result failure, Body&& body) noexcept {
+Result NoThrow(Result failure, Body&& body) noexcept {
   try {
     return std::forward<Body>(body)();
   } catch (...) {
@@ -45,7 +45,7 @@ Result Guarded(Result failure, Body&& body) noexcept {
 }
 
 template <typename Body>
-void Guarded(Body&& body) noexcept {
+void NoThrow(Body&& body) noexcept {
   try {
     std::forward<Body>(body)();
   } catch (...) {  // nothing to report it with

@@ -41,7 +41,7 @@ SerialLine::SerialLine(int fd, const SerialDevice& device, int epoll, std::uint6
 
 std::unique_ptr<SerialLine> SerialLine::Attach(int fd, const SerialDevice& device, int epoll, std::uint64_t tag) {
   auto line = std::unique_ptr<SerialLine>(new SerialLine(fd, device, epoll, tag));
-  if (line->TakeOver()) return line;
+  if (line->ReplaceDescriptor()) return line;
   const int error = errno;
   line.reset();
   RememberDevice(fd, device);
@@ -49,7 +49,7 @@ std::unique_ptr<SerialLine> SerialLine::Attach(int fd, const SerialDevice& devic
   return nullptr;
 }
 
-bool SerialLine::TakeOver() {
+bool SerialLine::ReplaceDescriptor() {
   m_device.Reset(fcntl(m_fd, F_DUPFD_CLOEXEC, 0));
   if (!m_device.IsOpen() || !Watch()) return false;
   std::array<int, 2> ends{};
@@ -71,7 +71,7 @@ bool SerialLine::TakeOver() {
 SerialLine::~SerialLine() {
   Unwatch();
   if (m_device.IsOpen() && IsAttached() && dup3(m_device.Get(), m_fd, O_CLOEXEC) == m_fd) {
-    Guarded([this] { RememberDevice(m_fd, m_is); });
+    NoThrow([this] { RememberDevice(m_fd, m_is); });
   }
   // m_feed leaves the epoll instance when it is closed: it has no other descriptor.
 }
@@ -117,7 +117,7 @@ void SerialLine::Read(std::int64_t now) {
     LoseDevice(now);
     return;
   }
-  m_pieces.Add({buffer.data(), static_cast<std::size_t>(got)}, now);
+  m_pieces.Push({buffer.data(), static_cast<std::size_t>(got)}, now);
   if (m_pieces.Held() >= kMostHeld) Unwatch();
 }
 
@@ -133,7 +133,7 @@ bool SerialLine::Offer(std::int64_t now) {
     Abandon();
     return false;
   }
-  m_pieces.Took(now);
+  m_pieces.Pop(now);
   if (m_device.IsOpen() && m_pieces.Held() < kMostHeld) Watch();
   return true;
 }

@@ -52,7 +52,7 @@ class SerialLine {
 
  private:
   SerialLine(int fd, const SerialDevice& device, int epoll, std::uint64_t tag);
-  bool TakeOver();
+  bool ReplaceDescriptor();
   bool Watch();
   void Unwatch();
   void Abandon();

@@ -38,7 +38,7 @@ SerialPieces::SerialPieces(std::int64_t character)
       m_gap(kGap * character),
       m_longest(std::min(static_cast<std::int64_t>(kGood) * character, kMostHolding)) {}
 
-void SerialPieces::Add(std::span<const std::uint8_t> bytes, std::int64_t now) {
+void SerialPieces::Push(std::span<const std::uint8_t> bytes, std::int64_t now) {
   if (bytes.empty()) return;
   if (Held() == 0 && now - m_lastByte >= m_gap) m_running = false;
   if (Held() == m_due) m_firstByte = now;
@@ -65,7 +65,7 @@ std::int64_t SerialPieces::Due() const {
   return m_fillerNeeded ? WhenFiller() : WhenRipe();
 }
 
-void SerialPieces::Release() {
+void SerialPieces::MakeDue() {
   m_due = Held();
   m_lastWasShort = m_due < kShortest;
   m_running = true;
@@ -78,13 +78,13 @@ std::span<const std::uint8_t> SerialPieces::Next(std::int64_t now) {
     m_fillerNext = true;
     return kFiller;
   }
-  if (m_due == 0) Release();
+  if (m_due == 0) MakeDue();
   // As even as it goes, so that no short rest stays behind.
   const std::size_t pieces = (m_due + kLargest - 1) / kLargest;
   return {m_bytes.data() + m_begin, (m_due + pieces - 1) / pieces};
 }
 
-void SerialPieces::Took(std::int64_t now) {
+void SerialPieces::Pop(std::int64_t now) {
   m_lastPiece = now;
   if (m_fillerNext) {
     m_fillerNext = m_fillerNeeded = m_handedOut = false;
@@ -98,7 +98,7 @@ void SerialPieces::Took(std::int64_t now) {
 }
 
 void SerialPieces::Interrupt() {
-  if (Held() != m_due) Release();
+  if (Held() != m_due) MakeDue();
   m_fillerNeeded = m_fillerNeeded || m_handedOut || m_due != 0;
   m_running = false;
   m_lastWasShort = false;

@@ -27,12 +27,12 @@ class SerialPieces {
   // `character` is the time of one character with its start, parity and stop bits.
   explicit SerialPieces(std::int64_t character);
 
-  void Add(std::span<const std::uint8_t> bytes, std::int64_t now);
+  void Push(std::span<const std::uint8_t> bytes, std::int64_t now);
   std::size_t Held() const { return m_bytes.size() - m_begin; }
 
-  // The next piece at `now`; empty when none is due. It stays the next one until Took() says that it was handed out.
+  // The next piece at `now`; empty when none is due. It stays the next one until Pop() says that it was handed out.
   std::span<const std::uint8_t> Next(std::int64_t now);
-  void Took(std::int64_t now);
+  void Pop(std::int64_t now);
   // When a piece will be due if no byte comes any more; in the past when one is due already.
   std::int64_t Due() const;
 
@@ -43,7 +43,7 @@ class SerialPieces {
  private:
   std::int64_t WhenRipe() const;
   std::int64_t WhenFiller() const;
-  void Release();
+  void MakeDue();
 
   const std::int64_t m_pause;       // the line is quiet: a piece of kShortest bytes or more goes
   const std::int64_t m_shortPause;  // the same for a shorter one

@@ -170,7 +170,7 @@ void RememberDevice(int fd, const SerialDevice& device) {
   devices.byFD[fd] = {device, info.st_rdev};
 }
 
-std::optional<SerialDevice> TakeDevice(int fd) {
+std::optional<SerialDevice> PopDevice(int fd) {
   OpenDevices& devices = AllOpenDevices();
   const Lock guard(devices.lock);
   const auto found = devices.Find(fd);
@@ -200,7 +200,7 @@ BOOL OpenSerialPortDevice(const char* szPath, int* piFD) {
   if (piFD == nullptr) return FALSE;
   *piFD = -1;
   if (szPath == nullptr) return FALSE;
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     const auto config = Config();
     const auto mapped = config->serialDevices.find(szPath);
     const std::string device = mapped == config->serialDevices.end() ? szPath : mapped->second;

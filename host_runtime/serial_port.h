@@ -24,7 +24,7 @@ struct SerialDevice {
 // Which device stands behind a descriptor that OpenSerialPortDevice gave away. Taking forgets it; there is an answer only for
 // a device that was configured, and none for a number that was closed and used again. Safe from any thread.
 void RememberDevice(int fd, const SerialDevice& device);
-std::optional<SerialDevice> TakeDevice(int fd);
+std::optional<SerialDevice> PopDevice(int fd);
 
 // Nanoseconds of one character with its start, parity and stop bits.
 std::int64_t CharacterTime(const termios& settings);

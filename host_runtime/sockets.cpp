@@ -77,7 +77,7 @@ extern "C" {
 BOOL CreateUDPRxSocket(USHORT usPort, const BYTE* acAddress, int* piFD) {
   if (piFD == nullptr) return FALSE;
   *piFD = -1;
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     in_addr address{};
     if (acAddress != nullptr) memcpy(&address, acAddress, sizeof address);
     const bool bMulticast = IN_MULTICAST(ntohl(address.s_addr));

@@ -68,7 +68,7 @@ template <typename Change>
 void Report(Change change) {
   const HTHREAD hSelf = t_hSelf;
   if (hSelf == nullptr) return;
-  Guarded([&] {
+  NoThrow([&] {
     const Lock guard(hSelf->watchLock);
     hSelf->lastSign = MonotonicNs();
     change(hSelf->watch);
@@ -165,7 +165,7 @@ BOOL CreateThread(HTHREAD* phThread, const char* szName, DWORD nStackSize, DWORD
   if (phThread == nullptr) return FALSE;
   *phThread = nullptr;
   if (pfnRoutine == nullptr) return FALSE;
-  return Guarded(FALSE, [&] {
+  return NoThrow(FALSE, [&] {
     auto thread = std::make_unique<tagHOST_THREAD>();
     thread->name = szName == nullptr ? "" : szName;
     thread->routine = pfnRoutine;
@@ -198,7 +198,7 @@ BOOL WaitForThread(HTHREAD hThread) {
   if (hThread == nullptr || hThread == t_hSelf) return FALSE;
   if (!IsStarted(*hThread)) GiveOrder(*hThread, tagHOST_THREAD::Order::Leave);
   pthread_join(hThread->thread, nullptr);
-  Guarded([&] {
+  NoThrow([&] {
     const Lock guard(Threads().lock);
     std::erase(Threads().threads, hThread);
   });

@@ -78,7 +78,7 @@ BOOL CfgFile_GetStringValue(const char* szFile, const char* szSection, const cha
   if (szFile == nullptr || szSection == nullptr || szKey == nullptr || szOut == nullptr || pnSize == nullptr) {
     return FALSE;
   }
-  const auto found = Guarded(std::optional<std::string>(), [&] {
+  const auto found = NoThrow(std::optional<std::string>(), [&] {
     const auto config = Config();
     const auto mapped = config->configFiles.find(szFile);
     const std::string path = mapped == config->configFiles.end() ? szFile : mapped->second;

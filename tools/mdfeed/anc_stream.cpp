@@ -24,7 +24,7 @@ class AncStream : public Traffic {
 
   std::optional<Batch> Next() override {
     const auto messages = m_inner->Next();
-    if (!messages) return TakeHeld();
+    if (!messages) return PopHeld();
     Batch packets;
     Bytes payload;
     unsigned count = 0;
@@ -80,7 +80,7 @@ class AncStream : public Traffic {
   }
 
   // What still waits for a successor when the traffic ends.
-  std::optional<Batch> TakeHeld() {
+  std::optional<Batch> PopHeld() {
     if (!m_held) return std::nullopt;
     return Batch{*std::exchange(m_held, std::nullopt)};
   }

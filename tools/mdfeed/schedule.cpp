@@ -45,7 +45,7 @@ Schedule Schedule::Parse(const std::string& text, int lowest, int highest) {
   return schedule;
 }
 
-std::optional<int> Schedule::TakeDue(std::chrono::milliseconds elapsed) {
+std::optional<int> Schedule::PopDue(std::chrono::milliseconds elapsed) {
   std::optional<int> due;
   while (m_taken < m_entries.size() && m_entries[m_taken].after <= elapsed) due = m_entries[m_taken++].value;
   return due;

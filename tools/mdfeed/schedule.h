@@ -21,7 +21,7 @@ class Schedule {
   // may end in "s"; only the first entry may go without one; times rise.
   static Schedule Parse(const std::string& text, int lowest, int highest);
   // The value that has become due since the last call, or nothing.
-  std::optional<int> TakeDue(std::chrono::milliseconds elapsed);
+  std::optional<int> PopDue(std::chrono::milliseconds elapsed);
   const std::vector<Entry>& Entries() const { return m_entries; }
 
  private:

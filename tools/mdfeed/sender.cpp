@@ -74,8 +74,8 @@ SendResult SendTraffic(Traffic& traffic, Output& output, SendOptions options, Pr
     if (!batch) break;
     clock.WaitFor(result.ticks);
     if (StopRequested()) break;
-    if (const auto ttl = options.ttl.TakeDue(clock.Elapsed())) output.SetTtl(*ttl);
-    if (const auto tos = options.tos.TakeDue(clock.Elapsed())) output.SetTos(*tos);
+    if (const auto ttl = options.ttl.PopDue(clock.Elapsed())) output.SetTtl(*ttl);
+    if (const auto tos = options.tos.PopDue(clock.Elapsed())) output.SetTos(*tos);
     for (const Bytes& message : *batch) {
       output.Send(message);
       result.messages++;

@@ -71,9 +71,9 @@ class Picture {
 
   const AVCodecContext* Encoder() const { return m_encoder.get(); }
 
-  // Encodes frame 'number', or, with a negative one, what is left; calls 'take' with each packet.
-  template <typename Take>
-  void Encode(std::int64_t number, Take take) {
+  // Encodes frame 'number', or, with a negative one, what is left; calls 'sink' with each packet.
+  template <typename Sink>
+  void Encode(std::int64_t number, Sink sink) {
     if (number >= 0) Draw(number);
     Check(avcodec_send_frame(m_encoder.get(), number >= 0 ? m_frame.get() : nullptr), "cannot encode a picture");
     const auto packet = Own(av_packet_alloc());
@@ -81,7 +81,7 @@ class Picture {
       const int result = avcodec_receive_packet(m_encoder.get(), packet.get());
       if (result == AVERROR(EAGAIN) || result == AVERROR_EOF) return;
       Check(result, "cannot encode a picture");
-      take(packet.get());
+      sink(packet.get());
     }
   }
 

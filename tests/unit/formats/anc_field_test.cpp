@@ -24,20 +24,20 @@ class AncField : public testing::Test {
 };
 
 TEST_F(AncField, ProgressiveAndBothFieldsAreTaken) {
-  for (const int field : {0, 2, 3}) m_receiver.Take(Packet(static_cast<std::uint8_t>(field)), 0);
+  for (const int field : {0, 2, 3}) m_receiver.Push(Packet(static_cast<std::uint8_t>(field)), 0);
   EXPECT_EQ(m_messages, 3u);
   EXPECT_EQ(m_receiver.Seen().damaged, 0u);
 }
 
 TEST_F(AncField, UndefinedFieldIsDamageAndLeavesAGap) {
-  m_receiver.Take(Packet(0), 0);
-  m_receiver.Take(Packet(1), 0);
+  m_receiver.Push(Packet(0), 0);
+  m_receiver.Push(Packet(1), 0);
   EXPECT_EQ(m_receiver.Seen().damaged, 1u);
   EXPECT_FALSE(m_receiver.IsWaiting());
-  m_receiver.Take(Packet(2), 0);
+  m_receiver.Push(Packet(2), 0);
   EXPECT_EQ(m_messages, 1u) << "the packet behind the gap waits for the missing one";
   EXPECT_TRUE(m_receiver.IsWaiting());
-  m_receiver.Pass(RtpOrder::kPatience);
+  m_receiver.Expire(RtpOrder::kPatience);
   EXPECT_EQ(m_messages, 2u);
   EXPECT_EQ(m_receiver.Seen().lost, 1u);
 }

@@ -190,8 +190,8 @@ class StreamTest : public testing::Test {
     m_header.timestamp = timestamp;
     return PackFrame(messages, m_header, &m_sequence, &m_number);
   }
-  void Take(const std::vector<Bytes>& packets) {
-    for (const Bytes& packet : packets) m_receiver.Take(packet, m_now);
+  void Push(const std::vector<Bytes>& packets) {
+    for (const Bytes& packet : packets) m_receiver.Push(packet, m_now);
   }
   const Counts& Seen() { return m_receiver.Seen(); }
 
@@ -206,7 +206,7 @@ class StreamTest : public testing::Test {
 TEST_F(StreamTest, Messages_of_every_size_arrive_with_their_time) {
   const std::size_t sizes[] = {0, 1, 100, 230, 235, 236, 237, 488, 489, 1000, 4096, 65'535};
   std::uint32_t timestamp = 1000;
-  for (const std::size_t size : sizes) Take(Frame({Klv(size)}, timestamp += 3600));
+  for (const std::size_t size : sizes) Push(Frame({Klv(size)}, timestamp += 3600));
   ASSERT_THAT(m_got, SizeIs(std::size(sizes)));
   timestamp = 1000;
   for (std::size_t i = 0; i < std::size(sizes); ++i) {
@@ -223,7 +223,7 @@ TEST_F(StreamTest, Messages_of_one_frame_share_its_time_and_the_last_packet_has_
     EXPECT_LE(packets[i].size(), 1400u);
     EXPECT_EQ(UnpackRtp(packets[i])->header.marker, i + 1 == packets.size());
   }
-  Take(packets);
+  Push(packets);
   ASSERT_THAT(m_got, SizeIs(4));
   for (const StampedKlv& message : m_got) EXPECT_EQ(message.timestamp, 77u);
   EXPECT_EQ(m_got[3].klv, Klv(900, 4));
@@ -233,30 +233,30 @@ TEST_F(StreamTest, A_frame_without_messages_is_one_empty_packet) {
   const auto packets = Frame({}, 5);
   ASSERT_THAT(packets, SizeIs(1));
   EXPECT_EQ(packets[0].size(), kRtpHeaderSize);
-  Take(packets);
+  Push(packets);
   EXPECT_EQ(Seen().damaged, 0u);
 }
 
 TEST_F(StreamTest, Time_goes_on_when_the_32_bits_wrap) {
-  Take(Frame({Klv(1)}, 0xFFFFF000u));
-  Take(Frame({Klv(1)}, 0x00000100u));
-  Take(Frame({Klv(1)}, 0xFFFFFF00u));
+  Push(Frame({Klv(1)}, 0xFFFFF000u));
+  Push(Frame({Klv(1)}, 0x00000100u));
+  Push(Frame({Klv(1)}, 0xFFFFFF00u));
   EXPECT_EQ(m_got[0].timestamp, 0xFFFFF000u);
   EXPECT_EQ(m_got[1].timestamp, 0x1'0000'0100u);
   EXPECT_EQ(m_got[2].timestamp, 0xFFFFFF00u);
 }
 
 TEST_F(StreamTest, A_time_before_the_beginning_stays_in_32_bits) {
-  Take(Frame({Klv(1)}, 16));
-  Take(Frame({Klv(1)}, 0xFFFFFFF0u));
+  Push(Frame({Klv(1)}, 16));
+  Push(Frame({Klv(1)}, 0xFFFFFFF0u));
   EXPECT_EQ(m_got[1].timestamp, 0xFFFFFFF0u);
 }
 
 TEST_F(StreamTest, A_bad_checksum_drops_its_message_and_reception_goes_on) {
   auto packets = Frame({Klv(1000)}, 1);
   packets[0][kRtpHeaderSize + 40] ^= 0x10;
-  Take(packets);
-  Take(Frame({Klv(20)}, 2));
+  Push(packets);
+  Push(Frame({Klv(20)}, 2));
   ASSERT_THAT(m_got, SizeIs(1));
   EXPECT_EQ(m_got[0].klv, Klv(20));
   EXPECT_EQ(Seen().badChecksums, 1u);
@@ -270,25 +270,25 @@ TEST_F(StreamTest, A_lost_packet_costs_its_messages_only) {
   }
   ASSERT_THAT(packets, SizeIs(100));
   packets.erase(packets.begin() + 40, packets.begin() + 42);
-  Take(packets);
+  Push(packets);
   EXPECT_THAT(m_got, SizeIs(98));
   EXPECT_EQ(Seen().lost, 2u);
   EXPECT_EQ(Seen().incomplete, 0u);
 }
 
 TEST_F(StreamTest, A_message_with_any_one_part_missing_is_counted_once) {
-  Take(Frame({Klv(3)}, 0));
+  Push(Frame({Klv(3)}, 0));
   m_got.clear();
   for (std::size_t missing = 0; missing < 4; ++missing) {
     auto packets = Frame({Klv(4000)}, 1);
     ASSERT_THAT(packets, SizeIs(4));
     packets.erase(packets.begin() + static_cast<std::ptrdiff_t>(missing));
-    Take(packets);
+    Push(packets);
     m_now += RtpOrder::kPatience;
-    m_receiver.Pass(m_now);
-    Take(Frame({Klv(3)}, 2));
+    m_receiver.Expire(m_now);
+    Push(Frame({Klv(3)}, 2));
     m_now += RtpOrder::kPatience;
-    m_receiver.Pass(m_now);
+    m_receiver.Expire(m_now);
     EXPECT_EQ(Seen().incomplete, missing + 1);
     EXPECT_EQ(Seen().lost, missing + 1);
     ASSERT_THAT(m_got, SizeIs(missing + 1));
@@ -306,7 +306,7 @@ TEST_F(StreamTest, Packets_out_of_order_are_put_right) {
     std::shuffle(packets.begin() + static_cast<std::ptrdiff_t>(i), packets.begin() + static_cast<std::ptrdiff_t>(i) + 8,
                  random);
   }
-  Take(packets);
+  Push(packets);
   ASSERT_THAT(m_got, SizeIs(200));
   for (std::size_t i = 0; i < 200; ++i) {
     EXPECT_EQ(m_got[i].klv, Klv(2000 + i));
@@ -317,42 +317,42 @@ TEST_F(StreamTest, Packets_out_of_order_are_put_right) {
 }
 
 TEST_F(StreamTest, A_missing_packet_is_waited_for_and_then_given_up) {
-  Take(Frame({Klv(1)}, 1));
+  Push(Frame({Klv(1)}, 1));
   const auto missing = Frame({Klv(2)}, 2);
-  Take(Frame({Klv(3)}, 3));
+  Push(Frame({Klv(3)}, 3));
   EXPECT_TRUE(m_receiver.IsWaiting());
   EXPECT_THAT(m_got, SizeIs(1));
-  m_receiver.Pass(m_now + RtpOrder::kPatience - 1);
+  m_receiver.Expire(m_now + RtpOrder::kPatience - 1);
   EXPECT_THAT(m_got, SizeIs(1));
-  m_receiver.Pass(m_now + RtpOrder::kPatience);
+  m_receiver.Expire(m_now + RtpOrder::kPatience);
   EXPECT_THAT(m_got, SizeIs(2));
   EXPECT_FALSE(m_receiver.IsWaiting());
-  Take(missing);
+  Push(missing);
   EXPECT_THAT(m_got, SizeIs(2));
   EXPECT_EQ(Seen().late, 1u);
 }
 
 TEST_F(StreamTest, Repeated_packets_are_dropped) {
   const auto packets = Frame({Klv(3000)}, 1);
-  for (const Bytes& packet : packets) Take({packet, packet});
+  for (const Bytes& packet : packets) Push({packet, packet});
   EXPECT_THAT(m_got, SizeIs(1));
   EXPECT_EQ(Seen().late, packets.size());
   Frame({Klv(1)}, 2);
   const auto waiting = Frame({Klv(1)}, 3);
-  Take(waiting);
-  Take(waiting);
+  Push(waiting);
+  Push(waiting);
   EXPECT_EQ(Seen().late, packets.size() + 1);
 }
 
 TEST_F(StreamTest, A_sender_that_starts_anew_is_followed_at_once) {
   auto packets = Frame({Klv(3000)}, 1);
   packets.pop_back();
-  Take(packets);
+  Push(packets);
   m_header.source = 99;
   m_sequence = 5;
-  Take(Frame({Klv(7)}, 2));
+  Push(Frame({Klv(7)}, 2));
   m_sequence = 500'000;
-  Take(Frame({Klv(8)}, 3));
+  Push(Frame({Klv(8)}, 3));
   ASSERT_THAT(m_got, SizeIs(2));
   EXPECT_EQ(Seen().restarts, 2u);
   EXPECT_EQ(Seen().incomplete, 1u);
@@ -361,7 +361,7 @@ TEST_F(StreamTest, A_sender_that_starts_anew_is_followed_at_once) {
 
 TEST_F(StreamTest, The_sequence_number_wraps_after_32_bits) {
   m_sequence = 0xFFFFFFFE;
-  for (std::uint32_t i = 0; i < 5; ++i) Take(Frame({Klv(i)}, i));
+  for (std::uint32_t i = 0; i < 5; ++i) Push(Frame({Klv(i)}, i));
   EXPECT_THAT(m_got, SizeIs(5));
   EXPECT_EQ(Seen().lost + Seen().restarts + Seen().late, 0u);
 }
@@ -376,24 +376,24 @@ TEST_F(StreamTest, Other_ancillary_packets_are_passed_over) {
     const Bytes anc = PackAnc(packet);
     payload.insert(payload.end(), anc.begin(), anc.end());
   }
-  m_receiver.Take(PackRtp(m_header, payload, 2), m_now);
+  m_receiver.Push(PackRtp(m_header, payload, 2), m_now);
   EXPECT_THAT(m_got, SizeIs(1));
 }
 
 TEST_F(StreamTest, Bytes_behind_the_message_are_no_part_of_it) {
   Bytes klv = Klv(9);
   klv.insert(klv.end(), {0, 0, 0, 0});
-  Take(Frame({klv}, 1));
+  Push(Frame({klv}, 1));
   ASSERT_THAT(m_got, SizeIs(1));
   EXPECT_EQ(m_got[0].klv, Klv(9));
 }
 
 TEST_F(StreamTest, What_is_no_klv_is_damaged) {
-  Take(Frame({Bytes(600, 0x11), Klv(9)}, 1));
+  Push(Frame({Bytes(600, 0x11), Klv(9)}, 1));
   AncPacket tiny;
   tiny.userData = {1, 0};
-  m_receiver.Take(PackRtp({false, 112, m_sequence++, 1, 0, 0}, PackAnc(tiny), 1), m_now);
-  m_receiver.Take(PackRtp({false, 112, m_sequence++, 1, 0, 0}, PackAnc(tiny), 2), m_now);
+  m_receiver.Push(PackRtp({false, 112, m_sequence++, 1, 0, 0}, PackAnc(tiny), 1), m_now);
+  m_receiver.Push(PackRtp({false, 112, m_sequence++, 1, 0, 0}, PackAnc(tiny), 2), m_now);
   EXPECT_THAT(m_got, SizeIs(1));
   EXPECT_EQ(Seen().damaged, 4u);  // the message, two tiny packets, one that is not there
   EXPECT_EQ(Seen().incomplete, 0u);
@@ -406,13 +406,13 @@ TEST_F(StreamTest, Random_and_damaged_datagrams_do_no_harm) {
     for (Bytes& packet : packets) {
       for (auto flips = random() % 3; flips > 0; --flips) FlipBit(packet, random() % (packet.size() * 8));
       if (random() % 10 == 0) packet.resize(random() % packet.size());
-      if (random() % 10 != 0) m_receiver.Take(packet, m_now);
+      if (random() % 10 != 0) m_receiver.Push(packet, m_now);
       m_now += 1'000'000;
     }
     Bytes noise(random() % 200);
     for (std::uint8_t& byte : noise) byte = static_cast<std::uint8_t>(random());
     if (!noise.empty()) noise[0] = static_cast<std::uint8_t>(0x80 | noise[0] % 64);
-    m_receiver.Take(noise, m_now);
+    m_receiver.Push(noise, m_now);
   }
   for (const StampedKlv& message : m_got) EXPECT_EQ(SizeOfKlv(message.klv).size, message.klv.size());
   EXPECT_GT(m_got.size(), 500u);

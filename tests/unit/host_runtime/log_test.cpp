@@ -322,12 +322,12 @@ TEST(LogLimiter, A_place_that_fell_silent_is_told_about_once) {
   Asking asking;
   asking.limiter.SetLimit(1, 1);
   EXPECT_EQ(asking.AskOften(4, kSecond), 1);
-  EXPECT_THAT(asking.limiter.TakeSilent(2 * kSecond), IsEmpty());
-  const auto taken = asking.limiter.TakeSilent(4 * kSecond);
+  EXPECT_THAT(asking.limiter.PopSilent(2 * kSecond), IsEmpty());
+  const auto taken = asking.limiter.PopSilent(4 * kSecond);
   ASSERT_THAT(taken, SizeIs(1));
   EXPECT_EQ(taken[0].count, 3u);
   EXPECT_EQ(taken[0].site.line, 1);
-  EXPECT_THAT(asking.limiter.TakeSilent(6 * kSecond), IsEmpty());
+  EXPECT_THAT(asking.limiter.PopSilent(6 * kSecond), IsEmpty());
 }
 
 TEST(LogLimiter, Rate_0_is_no_limit) {

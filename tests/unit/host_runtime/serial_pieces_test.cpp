@@ -32,13 +32,13 @@ class PiecesTest : public testing::Test {
  protected:
   explicit PiecesTest(std::int64_t time = kAt9600) : m_character(time), m_pieces(time) {}
 
-  void Come(std::size_t count) { m_pieces.Add(Bytes(count, 0x55), m_now); }
+  void Come(std::size_t count) { m_pieces.Push(Bytes(count, 0x55), m_now); }
   // The sizes of all that is due now.
   Sizes Cut() {
     Sizes sizes;
     for (auto piece = m_pieces.Next(m_now); !piece.empty(); piece = m_pieces.Next(m_now)) {
       sizes.push_back(piece.size());
-      m_pieces.Took(m_now);
+      m_pieces.Pop(m_now);
     }
     return sizes;
   }
@@ -82,12 +82,12 @@ TEST_F(PiecesTest, A_good_piece_goes_at_once) {
 TEST_F(PiecesTest, No_short_rest_stays_behind_a_full_piece) {
   for (std::size_t size = 16; size <= 300; ++size) {
     SerialPieces fresh(kAt9600);
-    fresh.Add(Bytes(size, 1), m_now);
+    fresh.Push(Bytes(size, 1), m_now);
     m_now = fresh.Due();
     for (auto piece = fresh.Next(m_now); !piece.empty(); piece = fresh.Next(m_now)) {
       EXPECT_GE(piece.size(), 16u) << size;
       EXPECT_LE(piece.size(), 48u) << size;
-      fresh.Took(m_now);
+      fresh.Pop(m_now);
     }
     EXPECT_EQ(fresh.Held(), 0u);
   }
@@ -123,7 +123,7 @@ TEST_F(PiecesTest, A_short_rest_waits_for_twenty_characters_and_a_second_one_for
 TEST(SerialPieces, Pauses_follow_the_rate_within_bounds) {
   const auto dueAfter = [](std::int64_t character, std::size_t bytes) {
     SerialPieces pieces(character);
-    pieces.Add(Bytes(bytes, 1), 0);
+    pieces.Push(Bytes(bytes, 1), 0);
     return pieces.Due();
   };
   EXPECT_EQ(dueAfter(kAt115200, 100), 16 * kAt115200);
@@ -137,7 +137,7 @@ TEST(SerialPieces, What_never_pauses_is_held_for_256_characters_or_a_second) {
   std::int64_t now = 0;
   while (slow.Next(now).empty()) {
     now += kAt1200;
-    slow.Add(Bytes(1, 1), now);
+    slow.Push(Bytes(1, 1), now);
     ASSERT_LE(now, 1020 * kMs);
   }
   EXPECT_GE(now, 1000 * kMs);
@@ -157,12 +157,12 @@ TEST_F(PiecesTest, After_an_interruption_a_filler_ends_what_the_decoder_waits_fo
   m_now = m_pieces.Due();
   const auto filler = m_pieces.Next(m_now);
   EXPECT_EQ(Bytes(filler.begin(), filler.end()), Bytes(16, 0xFF));
-  m_pieces.Took(m_now);
+  m_pieces.Pop(m_now);
   EXPECT_THAT(Cut(), ElementsAre(34u, 33u, 33u));
   // Nothing was handed out since: the decoder waits for nothing.
   SerialPieces fresh(kAt9600);
   fresh.Interrupt();
-  fresh.Add(Bytes(256, 1), m_now);
+  fresh.Push(Bytes(256, 1), m_now);
   EXPECT_EQ(fresh.Next(m_now).size(), 43u);
 }
 
@@ -198,7 +198,7 @@ class DecodedTest : public RuntimeTest {
   void Decode(SerialPieces& pieces, std::int64_t now) {
     for (auto piece = pieces.Next(now); !piece.empty(); piece = pieces.Next(now)) {
       GenericKLV_ProcessRxData(m_decoder, piece.data(), static_cast<int>(piece.size()));
-      pieces.Took(now);
+      pieces.Pop(now);
     }
   }
   // Sends the stream in lots of 1 to `most` bytes at the rate; a lot may come late by up to `jitter`.
@@ -211,7 +211,7 @@ class DecodedTest : public RuntimeTest {
                                 (jitter == 0 ? 0 : static_cast<std::int64_t>(m_random()) % jitter);
       for (std::int64_t due = pieces.Due(); due < next; due = pieces.Due()) Decode(pieces, std::max(due, now));
       now = next;
-      pieces.Add({stream.data() + at, size}, now);
+      pieces.Push({stream.data() + at, size}, now);
       at += size;
       Decode(pieces, now);
     }

@@ -297,10 +297,10 @@ TEST(Summary, NamesEachSource) {
 
 TEST(Sequence, GapsAndWhatTheyLost) {
   SequenceWatch watch;
-  for (const int number : {254, 255, 0, 1}) watch.Saw(static_cast<uint8_t>(number));
+  for (const int number : {254, 255, 0, 1}) watch.Push(static_cast<uint8_t>(number));
   EXPECT_EQ(watch.Gaps(), 0U);
-  watch.Saw(5);
-  watch.Saw(4);
+  watch.Push(5);
+  watch.Push(4);
   EXPECT_EQ(watch.Gaps(), 2U);
   EXPECT_EQ(watch.Lost(), 3U + 254U);
 }

@@ -136,16 +136,16 @@ TEST(UdpAddressText, TakesNamesAndBothFamilies) {
 TEST(ScheduleText, GivesEachValueOnceWhenItIsDue) {
   using std::chrono::milliseconds;
   Schedule schedule = Schedule::Parse("5@0.5,0x10@2s", 0, 255);
-  EXPECT_FALSE(schedule.TakeDue(milliseconds(499)));
-  EXPECT_EQ(schedule.TakeDue(milliseconds(500)), 5);
-  EXPECT_FALSE(schedule.TakeDue(milliseconds(1'999)));
-  EXPECT_EQ(schedule.TakeDue(milliseconds(9'000)), 16);
-  EXPECT_FALSE(schedule.TakeDue(milliseconds(9'999)));
+  EXPECT_FALSE(schedule.PopDue(milliseconds(499)));
+  EXPECT_EQ(schedule.PopDue(milliseconds(500)), 5);
+  EXPECT_FALSE(schedule.PopDue(milliseconds(1'999)));
+  EXPECT_EQ(schedule.PopDue(milliseconds(9'000)), 16);
+  EXPECT_FALSE(schedule.PopDue(milliseconds(9'999)));
 }
 
 TEST(ScheduleText, OfTwoValuesDueTogetherTheLaterOneCounts) {
   Schedule schedule = Schedule::Parse("1,2@1,3@2", 0, 255);
-  EXPECT_EQ(schedule.TakeDue(std::chrono::seconds(5)), 3);
+  EXPECT_EQ(schedule.PopDue(std::chrono::seconds(5)), 3);
 }
 
 }  // namespace
