@@ -1,10 +1,8 @@
-/*
- * CONTENTS
- *   Keys          what may stand in a section, and when
- *   Encoder       the [encoder] section
- *   Sources       every other section
- *   Together      what must hold between sections
- */
+// CONTENTS
+//   Keys          what may stand in a section, and when
+//   Encoder       the [encoder] section
+//   Sources       every other section
+//   Together      what must hold between sections
 #include "config.h"
 
 #include <netinet/in.h>
@@ -23,9 +21,7 @@ namespace {
 
 constexpr char kEncoder[] = "encoder";
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Keys                                                                                             */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Keys --------------------------------------------------------------------------------------------
 
 constexpr std::string_view kEncoderKeys[] = {
     "capabilities", "library",    "host_config",     "output_dir",     "stream_header", "format",     "live",
@@ -76,7 +72,7 @@ constexpr std::string_view kStops[] = {"1", "2"};
 constexpr std::string_view kFamilies[] = {"any", "ipv4", "ipv6"};
 constexpr std::string_view kClassifications[] = {"unclassified", "restricted", "confidential", "secret", "top-secret"};
 
-/* When a key of a source means anything, for keys that do not always. */
+// When a key of a source means anything, for keys that do not always.
 std::string ConditionOf(std::string_view key) {
   for (const std::string_view serial : {"device", "baud", "parity", "flow", "stop", "bits"}) {
     if (key == serial) return "with input = serial";
@@ -90,9 +86,7 @@ std::string ConditionOf(std::string_view key) {
   return "with capture = yes";
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Encoder                                                                                          */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Encoder -----------------------------------------------------------------------------------------
 
 DWORD ReadCapabilities(Section& section) {
   const std::string* value = section.Find("capabilities");
@@ -153,9 +147,7 @@ EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
   return settings;
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Sources                                                                                          */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Sources -----------------------------------------------------------------------------------------
 
 template <size_t n>
 void Copy(char (&to)[n], const std::string& from) {
@@ -170,10 +162,8 @@ void ReadSerial(Section& section, MDATA_SERIAL_SRC_CFG& serial) {
   serial.nDataBits = static_cast<int32_t>(section.Number("bits", 5, 8, 8));
 }
 
-/*
- * The library compares the address whatever the family, so an address settles the family. An IPv6 group would be
- * compared with the senders and never match.
- */
+// The library compares the address whatever the family, so an address settles the family. An IPv6 group would be
+// compared with the senders and never match.
 void ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
   const int64_t port = section.Number("port", 1, 65535, 0);
   if (port == 0)
@@ -192,7 +182,7 @@ void ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
   std::memcpy(network.acSrcAddress, address->bytes.data(), sizeof(network.acSrcAddress));
 }
 
-/* The library multiplies the delta by 1000 in a signed 32-bit field: more would turn negative. */
+// The library multiplies the delta by 1000 in a signed 32-bit field: more would turn negative.
 constexpr int64_t kLargestDeltaMs = INT32_MAX / 1000;
 
 void ReadCot(Section& section, MDATA_COT_CFG& cot) {
@@ -295,11 +285,9 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
   return source;
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Together                                                                                         */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Together ----------------------------------------------------------------------------------------
 
-/* Without a list of capabilities: both IP families, and CoT when a source needs it. */
+// Without a list of capabilities: both IP families, and CoT when a source needs it.
 DWORD CapabilitiesFor(const std::vector<SourceSettings>& sources) {
   DWORD capabilities = METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT;
   for (const SourceSettings& source : sources) {

@@ -1,4 +1,4 @@
-/* The configuration: one record for the encoder, one per source. */
+// The configuration: one record for the encoder, one per source.
 #ifndef MDENCODER_CONFIG_H
 #define MDENCODER_CONFIG_H
 
@@ -37,7 +37,7 @@ struct EncoderSettings {
   size_t queue = 4096;        // messages kept beyond the callback
 };
 
-/* The serial device that the library asks the host for. */
+// The serial device that the library asks the host for.
 constexpr char kSerialDevice[] = "/dev/ttyPS0";
 
 struct SourceSettings {
@@ -54,12 +54,10 @@ struct Config {
   std::vector<SourceSettings> sources;
 };
 
-/* Both throw ConfigError. Relative names of files are relative to the folder of `iniPath`. */
+// Both throw ConfigError. Relative names of files are relative to the folder of `iniPath`.
 Config MakeConfig(const std::vector<IniSection>& sections, const std::string& iniPath);
-/*
- * `overrides` are keys of the [encoder] section that the command line gives; they replace those of the file. Their
- * relative names of files are relative to the working directory, as are those of the standard input ("-").
- */
+// `overrides` are keys of the [encoder] section that the command line gives; they replace those of the file. Their
+// relative names of files are relative to the working directory, as are those of the standard input ("-").
 Config LoadConfig(const std::string& path, const std::vector<std::pair<std::string, std::string>>& overrides = {});
 
 }  // namespace mdencoder

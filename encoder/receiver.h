@@ -1,9 +1,7 @@
-/*
- * From the ready callback to the worker thread: a bounded queue of buffers that are kept beyond the callback.
- *
- * The callback never blocks: it adds a reference and an entry, or refuses the message when the queue is full. The
- * worker looks at each message and gives its reference back.
- */
+// From the ready callback to the worker thread: a bounded queue of buffers that are kept beyond the callback.
+//
+// The callback never blocks: it adds a reference and an entry, or refuses the message when the queue is full. The
+// worker looks at each message and gives its reference back.
 #ifndef MDENCODER_RECEIVER_H
 #define MDENCODER_RECEIVER_H
 
@@ -20,7 +18,7 @@
 
 namespace mdencoder {
 
-/* A message as the worker gets it. */
+// A message as the worker gets it.
 struct Received {
   Source* source = nullptr;
   uint64_t timeUs = 0;     // wall clock at the callback, microseconds since 1970
@@ -36,14 +34,14 @@ class Receiver {
   using Handler = std::function<void(const Received&)>;
 
   Receiver(size_t capacity, decltype(&MetaData_ReleaseBuffer) release, Handler handler);
-  /* Every source must be closed: handles what is left, then ends the thread. */
+  // Every source must be closed: handles what is left, then ends the thread.
   ~Receiver();
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
 
-  /* What the callback does with a message of `source`. Metadata thread. TRUE when it was taken. */
+  // What the callback does with a message of `source`. Metadata thread. TRUE when it was taken.
   bool Push(MDATA_BUFFER* buffer, Source& source);
-  /* Handles what is left and ends the thread. */
+  // Handles what is left and ends the thread.
   void Finish();
 
  private:

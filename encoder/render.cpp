@@ -15,7 +15,7 @@ using st0601::ValueState;
 
 constexpr size_t kKeySize = 16;
 
-/* "HH:MM:SS.mmm", local time. */
+// "HH:MM:SS.mmm", local time.
 std::string LocalText(uint64_t microseconds) {
   const time_t seconds = static_cast<time_t>(microseconds / 1000000);
   tm parts{};

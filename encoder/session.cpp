@@ -1,11 +1,9 @@
-/*
- * CONTENTS
- *   Start and end    files, sources, signals
- *   Messages         the callback, and the worker behind it
- *   Main loop        poll, timers, signals, limits
- *   Commands         statistics, reset, restore, save
- *   Results          status line, statistics, summary
- */
+// CONTENTS
+//   Start and end    files, sources, signals
+//   Messages         the callback, and the worker behind it
+//   Main loop        poll, timers, signals, limits
+//   Commands         statistics, reset, restore, save
+//   Results          status line, statistics, summary
 #include "session.h"
 
 #include <poll.h>
@@ -45,9 +43,7 @@ constexpr double kShortestStatusInterval = 0.1;  // statistics take the lock tha
 
 }  // namespace
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Start and end                                                                                    */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Start and end -----------------------------------------------------------------------------------
 
 void Session::BlockSignals() {
   const sigset_t set = SteeringSignals();
@@ -86,7 +82,7 @@ void Session::OpenFiles() {
   }
 }
 
-/* FALSE after the first source that cannot be opened. */
+// FALSE after the first source that cannot be opened.
 bool Session::OpenSources() {
   for (size_t i = 0; i < m_sources.size(); ++i) {
     MDATA_SRC_CFG record = m_sources[i].Settings().record;
@@ -148,11 +144,9 @@ void Session::Fail(const std::string& complaint) {
   m_console.Complain("mdencoder: " + complaint);
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Messages                                                                                         */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Messages ----------------------------------------------------------------------------------------
 
-/* Metadata thread. Takes the message or refuses it, and never blocks. */
+// Metadata thread. Takes the message or refuses it, and never blocks.
 BOOL Session::OnMessage(MDATA_BUFFER* buffer, void* tap, void*) {
   auto& [session, source] = *static_cast<Tap*>(tap);
   const uint64_t limit = session->m_config.encoder.messages;
@@ -163,7 +157,7 @@ BOOL Session::OnMessage(MDATA_BUFFER* buffer, void* tap, void*) {
   return TRUE;
 }
 
-/* Worker thread. */
+// Worker thread.
 void Session::Handle(const Received& received) {
   Source& source = *received.source;
   const st0601::Message message = st0601::Parse(received.Message());
@@ -189,9 +183,7 @@ bool Session::LimitReached() const {
   return settings.messagesEach != 0 && std::all_of(m_sources.begin(), m_sources.end(), enough);
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Main loop                                                                                        */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Main loop ---------------------------------------------------------------------------------------
 
 void Session::Loop() {
   const EncoderSettings& settings = m_config.encoder;
@@ -260,9 +252,7 @@ void Session::OnInput() {
   }
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Commands                                                                                         */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Commands ----------------------------------------------------------------------------------------
 
 void Session::Execute(const Command& command) {
   switch (command.kind) {
@@ -290,7 +280,7 @@ void Session::Execute(const Command& command) {
   }
 }
 
-/* The sources that a command means; complains when there is none of that name. */
+// The sources that a command means; complains when there is none of that name.
 std::vector<Source*> Session::Chosen(const std::string& name) {
   std::vector<Source*> chosen;
   for (Source& source : m_sources) {
@@ -318,7 +308,7 @@ void Session::Reset(const std::string& name) {
   }
 }
 
-/* Loads what the statistics file holds now. */
+// Loads what the statistics file holds now.
 void Session::Restore(const std::string& name) {
   const std::string& path = m_config.encoder.statsFile;
   if (path.empty()) {
@@ -353,9 +343,7 @@ void Session::Save() {
   }
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Results                                                                                          */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Results -----------------------------------------------------------------------------------------
 
 std::vector<Report> Session::Reports() {
   std::vector<Report> reports;

@@ -1,7 +1,5 @@
-/*
- * A run: opens the sources, shows what arrives, answers commands, and closes everything in the order the library
- * asks for. Everything here runs on the main thread but for the callback (metadata thread) and Handle (worker).
- */
+// A run: opens the sources, shows what arrives, answers commands, and closes everything in the order the library
+// asks for. Everything here runs on the main thread but for the callback (metadata thread) and Handle (worker).
 #ifndef MDENCODER_SESSION_H
 #define MDENCODER_SESSION_H
 
@@ -29,7 +27,7 @@ namespace mdencoder {
 
 class Session {
  public:
-  /* Blocks the signals that end or steer a run; call before any thread starts. */
+  // Blocks the signals that end or steer a run; call before any thread starts.
   static void BlockSignals();
 
   Session(const Config& config, const Library& library, Console& console);
@@ -37,12 +35,12 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  /* The whole run; the exit code. Throws std::runtime_error for what fails before the first source is open. */
+  // The whole run; the exit code. Throws std::runtime_error for what fails before the first source is open.
   int Run();
 
  private:
   using Clock = std::chrono::steady_clock;
-  /* What the callback gets as its user parameter. */
+  // What the callback gets as its user parameter.
   struct Tap {
     Session* session;
     Source* source;

@@ -1,7 +1,5 @@
-/*
- * One open source as the encoder sees it: what the ready callback counts, and what the worker thread finds out
- * about the messages.
- */
+// One open source as the encoder sees it: what the ready callback counts, and what the worker thread finds out
+// about the messages.
 #ifndef MDENCODER_SOURCE_H
 #define MDENCODER_SOURCE_H
 
@@ -17,7 +15,7 @@
 
 namespace mdencoder {
 
-/* A copy of the counters, taken at one moment. */
+// A copy of the counters, taken at one moment.
 struct Counters {
   uint64_t messages = 0;      // taken in the callback
   uint64_t bytes = 0;         // theirs, stream header excluded
@@ -32,7 +30,7 @@ struct Counters {
   uint64_t incomplete = 0;  // ST 0601 sets whose items do not fill their length
 };
 
-/* Follows the sequence numbers of the stream headers. Metadata thread only; the counts may be read anywhere. */
+// Follows the sequence numbers of the stream headers. Metadata thread only; the counts may be read anywhere.
 class SequenceWatch {
  public:
   void Push(uint8_t sequence);
@@ -54,16 +52,16 @@ class Source {
   const SourceSettings& Settings() const { return m_settings; }
   const std::string& Name() const { return m_settings.name; }
 
-  /* Opens the file of the received stream; throws std::runtime_error. Before the source is opened. */
+  // Opens the file of the received stream; throws std::runtime_error. Before the source is opened.
   void OpenOutput(const std::string& path, bool streamHeader);
 
-  /* Metadata thread, inside the callback: a message of `length` bytes arrived and was taken or not. */
+  // Metadata thread, inside the callback: a message of `length` bytes arrived and was taken or not.
   void Arrived(uint8_t sequence, uint64_t length, bool taken);
-  /* Worker thread: writes the message (with its stream header in front) to the file; FALSE once when that fails. */
+  // Worker thread: writes the message (with its stream header in front) to the file; FALSE once when that fails.
   bool Write(st0601::ByteView buffer);
-  /* Worker thread: counts what the message turned out to be. */
+  // Worker thread: counts what the message turned out to be.
   void Judge(const st0601::Message& message);
-  /* Worker thread or after it ended: closes the file; false when bytes were lost. */
+  // Worker thread or after it ended: closes the file; false when bytes were lost.
   bool CloseOutput();
 
   Counters Snapshot() const;  // any thread

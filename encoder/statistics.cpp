@@ -1,10 +1,8 @@
-/*
- * CONTENTS
- *   To JSON       the library's record, a report, a summary
- *   From JSON     the library's record
- *   Table         text for people
- *   Files         kept statistics
- */
+// CONTENTS
+//   To JSON       the library's record, a report, a summary
+//   From JSON     the library's record
+//   Table         text for people
+//   Files         kept statistics
 #include "statistics.h"
 
 #include <arpa/inet.h>
@@ -34,12 +32,12 @@ bool IsNetwork(const SourceSettings& settings) {
 bool IsCot(const SourceSettings& settings) {
   return settings.record.enDataType == MDATA_DATA_COT;
 }
-/* The library fills the rewriting counters under this condition. */
+// The library fills the rewriting counters under this condition.
 bool HasInserts(const SourceSettings& settings) {
   return settings.record.bClassifyMission || settings.record.szMissionID[0] != '\0';
 }
 
-/* Text of a fixed array that may lack its terminator, fit for JSON and terminals. */
+// Text of a fixed array that may lack its terminator, fit for JSON and terminals.
 std::string SafeText(const char* text, size_t size) {
   const auto* bytes = reinterpret_cast<const uint8_t*>(text);
   return st0601::Decode(*st0601::FindItem(st0601::kMissionIdTag), {bytes, strnlen(text, size)}).text;
@@ -59,9 +57,7 @@ int SensorCount(const MDATA_COT_STATS& cot) {
   return std::clamp(cot.nDiscoveredSensorsCount, 0, MDATA_MAX_DISCOVERED_SENSORS);
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* To JSON                                                                                          */
-/* ------------------------------------------------------------------------------------------------ */
+// --- To JSON -----------------------------------------------------------------------------------------
 
 Json CotJson(const MDATA_COT_STATS& cot) {
   Json json;
@@ -184,9 +180,7 @@ std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& time
   return json.dump(2) + "\n";
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* From JSON                                                                                        */
-/* ------------------------------------------------------------------------------------------------ */
+// --- From JSON ---------------------------------------------------------------------------------------
 
 namespace {
 
@@ -223,8 +217,8 @@ void ReadRelay(const Json& json, MDATA_RELAY_STATS& counts) {
   Read(json, "last_error_time", counts.iLastRelayErrorTime);
 }
 
-/* The kept TTL and TOS are not loaded: relays that follow have the system's values on their new sockets, and change them
-   only when a datagram brings a value that the library does not know yet. */
+// The kept TTL and TOS are not loaded: relays that follow have the system's values on their new sockets, and change them
+//    only when a datagram brings a value that the library does not know yet.
 void ReadNetwork(const Json& json, MDATA_SRC_STATS& statistics) {
   if (const auto sender = ParseAddress(json.at("sender").get<std::string>())) {
     statistics.in.Network.iSourceAddressFamily = sender->family;
@@ -238,7 +232,7 @@ void ReadNetwork(const Json& json, MDATA_SRC_STATS& statistics) {
 
 }  // namespace
 
-/* What the file lacks because the configuration changed in between (a new relay, a mission identifier) starts at 0. */
+// What the file lacks because the configuration changed in between (a new relay, a mission identifier) starts at 0.
 MDATA_SRC_STATS LibraryStatisticsFromJson(const SourceSettings& settings, const Json& json) try {
   MDATA_SRC_STATS statistics{};
   statistics.nSize = sizeof(statistics);
@@ -262,9 +256,7 @@ MDATA_SRC_STATS LibraryStatisticsFromJson(const SourceSettings& settings, const 
   throw std::runtime_error(error.what());
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Table                                                                                            */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Table -------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -358,9 +350,7 @@ std::vector<std::string> StatisticsTable(const std::vector<Report>& reports) {
   return lines;
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Files                                                                                            */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Files -------------------------------------------------------------------------------------------
 
 void ReplaceFile(const std::string& path, const std::string& content) {
   const std::string beside = path + ".new";

@@ -8,9 +8,9 @@
 namespace anc_klv {
 namespace {
 
-constexpr std::size_t kPositionBits = 32;  // in front of an ancillary packet's words
-constexpr std::size_t kWordBits = 10;
-constexpr std::size_t kFixedWords = 4;  // DID, SDID, data count, checksum
+constexpr size_t kPositionBits = 32;  // in front of an ancillary packet's words
+constexpr size_t kWordBits = 10;
+constexpr size_t kFixedWords = 4;  // DID, SDID, data count, checksum
 
 // Most significant bit first.
 class BitWriter {
@@ -18,7 +18,7 @@ class BitWriter {
   void Put(unsigned value, unsigned bits) {
     for (unsigned i = bits; i > 0; --i) {
       if (m_used % 8 == 0) m_bytes.push_back(0);
-      if ((value >> (i - 1) & 1u) != 0) m_bytes.back() |= static_cast<std::uint8_t>(0x80u >> (m_used % 8));
+      if ((value >> (i - 1) & 1u) != 0) m_bytes.back() |= static_cast<uint8_t>(0x80u >> (m_used % 8));
       ++m_used;
     }
   }
@@ -30,14 +30,14 @@ class BitWriter {
 
  private:
   Bytes m_bytes;
-  std::size_t m_used = 0;
+  size_t m_used = 0;
 };
 
 class BitReader {
  public:
   explicit BitReader(ByteView bytes) : m_bytes(bytes) {}
-  std::size_t Left() const { return m_bytes.size() * 8 - m_used; }
-  std::size_t Used() const { return m_used; }
+  size_t Left() const { return m_bytes.size() * 8 - m_used; }
+  size_t Used() const { return m_used; }
   // There must be as many bits left.
   unsigned Get(unsigned bits) {
     unsigned value = 0;
@@ -49,7 +49,7 @@ class BitReader {
 
  private:
   ByteView m_bytes;
-  std::size_t m_used = 0;
+  size_t m_used = 0;
 };
 
 // Eight bits of data with even parity in bit 8 and its complement in bit 9.
@@ -63,13 +63,13 @@ unsigned ChecksumWord(unsigned sum) {
   return sum | (~sum >> 8 & 1u) << 9;
 }
 
-void AppendBigEndian(Bytes& out, std::uint32_t value, unsigned size) {
-  for (unsigned i = size; i > 0; --i) out.push_back(static_cast<std::uint8_t>(value >> (8 * (i - 1))));
+void AppendBigEndian(Bytes& out, uint32_t value, unsigned size) {
+  for (unsigned i = size; i > 0; --i) out.push_back(static_cast<uint8_t>(value >> (8 * (i - 1))));
 }
 
-std::uint32_t BigEndian(ByteView bytes) {
-  std::uint32_t value = 0;
-  for (const std::uint8_t byte : bytes) value = value << 8 | byte;
+uint32_t BigEndian(ByteView bytes) {
+  uint32_t value = 0;
+  for (const uint8_t byte : bytes) value = value << 8 | byte;
   return value;
 }
 
@@ -79,38 +79,38 @@ std::uint32_t BigEndian(ByteView bytes) {
 
 KlvSize SizeOfKlv(ByteView bytes) {
   using State = KlvSize::State;
-  static constexpr std::array<std::uint8_t, 4> kLabel = {0x06, 0x0E, 0x2B, 0x34};
-  constexpr std::size_t kKeySize = 16;
-  const std::size_t known = std::min(bytes.size(), kLabel.size());
-  if (!std::equal(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(known), kLabel.begin())) {
+  static constexpr std::array<uint8_t, 4> kLabel = {0x06, 0x0E, 0x2B, 0x34};
+  constexpr size_t kKeySize = 16;
+  const size_t known = std::min(bytes.size(), kLabel.size());
+  if (!std::equal(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(known), kLabel.begin())) {
     return {State::Bad, 0};
   }
   if (bytes.size() <= kKeySize) return {State::NeedMore, 0};
-  const std::uint8_t first = bytes[kKeySize];
-  std::uint64_t value = first;
-  std::size_t lengthSize = 1;
+  const uint8_t first = bytes[kKeySize];
+  uint64_t value = first;
+  size_t lengthSize = 1;
   if (first >= 0x80) {
-    const std::size_t more = first & 0x7Fu;
+    const size_t more = first & 0x7Fu;
     if (more == 0 || more > 8) return {State::Bad, 0};
     if (bytes.size() < kKeySize + 1 + more) return {State::NeedMore, 0};
     lengthSize += more;
     value = 0;
-    for (std::size_t i = 1; i <= more; ++i) value = value << 8 | bytes[kKeySize + i];
+    for (size_t i = 1; i <= more; ++i) value = value << 8 | bytes[kKeySize + i];
   }
   if (value > kLargestKlv || kKeySize + lengthSize + value > kLargestKlv) return {State::Bad, 0};
-  return {State::Known, kKeySize + lengthSize + static_cast<std::size_t>(value)};
+  return {State::Known, kKeySize + lengthSize + static_cast<size_t>(value)};
 }
 
 // --- Packing -----------------------------------------------------------------------------------------
 
-std::vector<AncPacket> SplitKlv(ByteView klv, std::uint8_t messageNumber) {
+std::vector<AncPacket> SplitKlv(ByteView klv, uint8_t messageNumber) {
   std::vector<AncPacket> packets;
   while (!klv.empty()) {
     const ByteView piece = klv.first(std::min(klv.size(), kKlvPerPacket));
     klv = klv.subspan(piece.size());
     AncPacket packet;
     packet.userData.push_back(messageNumber);
-    AppendBigEndian(packet.userData, static_cast<std::uint32_t>(packets.size()) + 1, 2);
+    AppendBigEndian(packet.userData, static_cast<uint32_t>(packets.size()) + 1, 2);
     packet.userData.insert(packet.userData.end(), piece.begin(), piece.end());
     packets.push_back(std::move(packet));
   }
@@ -129,27 +129,27 @@ Bytes PackAnc(const AncPacket& packet) {
     sum += word & 0x1FFu;
     bits.Put(word, kWordBits);
   };
-  const std::size_t size = std::min(packet.userData.size(), kLargestUserData);
+  const size_t size = std::min(packet.userData.size(), kLargestUserData);
   put(packet.did);
   put(packet.sdid);
   put(static_cast<unsigned>(size));
-  for (std::size_t i = 0; i < size; ++i) put(packet.userData[i]);
+  for (size_t i = 0; i < size; ++i) put(packet.userData[i]);
   bits.Put(ChecksumWord(sum), kWordBits);
   return bits.Finish();
 }
 
-Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, std::uint8_t count) {
+Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, uint8_t count) {
   Bytes out;
   out.reserve(kRtpHeaderSize + ancPackets.size());
   out.push_back(0x80);  // version 2
-  out.push_back(static_cast<std::uint8_t>((header.marker ? 0x80u : 0u) | (header.payloadType & 0x7Fu)));
+  out.push_back(static_cast<uint8_t>((header.marker ? 0x80u : 0u) | (header.payloadType & 0x7Fu)));
   AppendBigEndian(out, header.sequence & 0xFFFFu, 2);
   AppendBigEndian(out, header.timestamp, 4);
   AppendBigEndian(out, header.source, 4);
   AppendBigEndian(out, header.sequence >> 16, 2);
-  AppendBigEndian(out, static_cast<std::uint32_t>(ancPackets.size()), 2);
+  AppendBigEndian(out, static_cast<uint32_t>(ancPackets.size()), 2);
   out.push_back(count);
-  AppendBigEndian(out, static_cast<std::uint32_t>(header.field & 3u) << 22, 3);
+  AppendBigEndian(out, static_cast<uint32_t>(header.field & 3u) << 22, 3);
   out.insert(out.end(), ancPackets.begin(), ancPackets.end());
   return out;
 }
@@ -157,8 +157,8 @@ Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, std::uint8_t count) 
 // --- Unpacking ---------------------------------------------------------------------------------------
 
 std::optional<RtpPacket> UnpackRtp(ByteView datagram) {
-  constexpr std::size_t kPlainHeader = 12;
-  constexpr std::size_t kPayloadHeader = 8;
+  constexpr size_t kPlainHeader = 12;
+  constexpr size_t kPayloadHeader = 8;
   if (datagram.size() < kPlainHeader || datagram[0] >> 6 != 2) return {};
   const bool padded = (datagram[0] & 0x20) != 0;
   const bool extended = (datagram[0] & 0x10) != 0;
@@ -168,21 +168,21 @@ std::optional<RtpPacket> UnpackRtp(ByteView datagram) {
   packet.header.sequence = BigEndian(datagram.subspan(2, 2));
   packet.header.timestamp = BigEndian(datagram.subspan(4, 4));
   packet.header.source = BigEndian(datagram.subspan(8, 4));
-  std::size_t at = kPlainHeader + std::size_t{4} * (datagram[0] & 0x0Fu);  // contributing sources
+  size_t at = kPlainHeader + size_t{4} * (datagram[0] & 0x0Fu);  // contributing sources
   if (extended) {
     if (datagram.size() < at + 4) return {};
-    at += 4 + 4 * std::size_t{BigEndian(datagram.subspan(at + 2, 2))};
+    at += 4 + 4 * size_t{BigEndian(datagram.subspan(at + 2, 2))};
   }
-  std::size_t end = datagram.size();
+  size_t end = datagram.size();
   if (padded) {
-    const std::size_t padding = datagram.back();
+    const size_t padding = datagram.back();
     if (padding == 0 || padding > end) return {};
     end -= padding;
   }
   if (end < at + kPayloadHeader) return {};
   const ByteView payload = datagram.subspan(at, end - at);
   packet.header.sequence |= BigEndian(payload.first(2)) << 16;
-  const std::size_t size = BigEndian(payload.subspan(2, 2));
+  const size_t size = BigEndian(payload.subspan(2, 2));
   packet.count = payload[4];
   packet.header.field = payload[5] >> 6;
   if (size > payload.size() - kPayloadHeader || packet.header.field == 1) return {};
@@ -196,7 +196,7 @@ UnpackedAnc UnpackAnc(ByteView bytes) {
   BitReader bits(bytes);
   if (bits.Left() < kPositionBits + kFixedWords * kWordBits) return result;
   bits.Get(1);  // C
-  result.packet.line = static_cast<std::uint16_t>(bits.Get(11));
+  result.packet.line = static_cast<uint16_t>(bits.Get(11));
   bits.Get(20);  // horizontal offset, stream number
   unsigned sum = 0;
   bool parity = true;
@@ -204,14 +204,14 @@ UnpackedAnc UnpackAnc(ByteView bytes) {
     const unsigned word = bits.Get(kWordBits);
     sum += word & 0x1FFu;
     parity = parity && word == WithParity(word & 0xFFu);
-    return static_cast<std::uint8_t>(word);
+    return static_cast<uint8_t>(word);
   };
   result.packet.did = get();
   result.packet.sdid = get();
-  const std::size_t count = get();
+  const size_t count = get();
   if (bits.Left() < (count + 1) * kWordBits) return result;
   result.packet.userData.resize(count);
-  for (std::uint8_t& byte : result.packet.userData) byte = get();
+  for (uint8_t& byte : result.packet.userData) byte = get();
   const bool sumRight = bits.Get(kWordBits) == ChecksumWord(sum);
   // The fill of the last packet may be missing where the payload ends.
   result.size = std::min((bits.Used() + 31) / 32 * 4, bytes.size());
@@ -222,7 +222,7 @@ UnpackedAnc UnpackAnc(ByteView bytes) {
 // --- Ordering ----------------------------------------------------------------------------------------
 
 void RtpOrder::Drain(const Sink& sink) {
-  while (!m_waiting.empty() && m_base + static_cast<std::uint32_t>(m_waiting.begin()->first) == m_next) {
+  while (!m_waiting.empty() && m_base + static_cast<uint32_t>(m_waiting.begin()->first) == m_next) {
     const auto first = m_waiting.extract(m_waiting.begin());
     ++m_next;
     sink(first.mapped());
@@ -230,15 +230,15 @@ void RtpOrder::Drain(const Sink& sink) {
 }
 
 void RtpOrder::GiveUpFirst(Counts& counts, const Sink& sink) {
-  const std::uint32_t sequence = m_base + static_cast<std::uint32_t>(m_waiting.begin()->first);
+  const uint32_t sequence = m_base + static_cast<uint32_t>(m_waiting.begin()->first);
   counts.lost += sequence - m_next;
   m_next = sequence;
   Drain(sink);
 }
 
-void RtpOrder::Push(RtpPacket packet, std::int64_t now, Counts& counts, const Sink& sink) {
-  const std::uint32_t sequence = packet.header.sequence;
-  const auto distance = static_cast<std::int32_t>(sequence - m_next);
+void RtpOrder::Push(RtpPacket packet, int64_t now, Counts& counts, const Sink& sink) {
+  const uint32_t sequence = packet.header.sequence;
+  const auto distance = static_cast<int32_t>(sequence - m_next);
   if (m_source != packet.header.source || distance > kLargestGap || distance < -kLargestGap) {
     while (!m_waiting.empty()) GiveUpFirst(counts, sink);
     if (m_source) ++counts.restarts;
@@ -263,7 +263,7 @@ void RtpOrder::Push(RtpPacket packet, std::int64_t now, Counts& counts, const Si
     m_base = m_next;
     m_since = now;
   }
-  const auto place = static_cast<std::int32_t>(sequence - m_base);
+  const auto place = static_cast<int32_t>(sequence - m_base);
   if (m_waiting.contains(place)) {
     ++counts.late;
     return;
@@ -276,19 +276,19 @@ void RtpOrder::Push(RtpPacket packet, std::int64_t now, Counts& counts, const Si
   }
 }
 
-void RtpOrder::Expire(std::int64_t now, Counts& counts, const Sink& sink) {
+void RtpOrder::Expire(int64_t now, Counts& counts, const Sink& sink) {
   if (m_waiting.empty() || now - m_since < kPatience) return;
   while (!m_waiting.empty()) GiveUpFirst(counts, sink);
 }
 
-std::uint64_t LongTimestamp::Extend(std::uint32_t timestamp) {
+uint64_t LongTimestamp::Extend(uint32_t timestamp) {
   if (!m_last) {
     m_last = timestamp;
   } else {
-    const auto step = static_cast<std::int32_t>(timestamp - static_cast<std::uint32_t>(*m_last));
-    const std::uint64_t back = step < 0 ? static_cast<std::uint64_t>(-std::int64_t{step}) : 0;
+    const auto step = static_cast<int32_t>(timestamp - static_cast<uint32_t>(*m_last));
+    const uint64_t back = step < 0 ? static_cast<uint64_t>(-int64_t{step}) : 0;
     // Before the beginning there is no 64-bit time: it stays in 32 bits.
-    m_last = back > *m_last ? timestamp : *m_last + static_cast<std::uint64_t>(std::int64_t{step});
+    m_last = back > *m_last ? timestamp : *m_last + static_cast<uint64_t>(int64_t{step});
   }
   return *m_last;
 }
@@ -302,15 +302,15 @@ void KlvAssembler::DropUnfinished(Counts& counts) {
   m_nextPacket = 0;
 }
 
-std::optional<StampedKlv> KlvAssembler::Push(const AncPacket& packet, std::uint64_t timestamp, Counts& counts) {
-  constexpr std::size_t kHead = 3;  // message number and packet count
+std::optional<StampedKlv> KlvAssembler::Push(const AncPacket& packet, uint64_t timestamp, Counts& counts) {
+  constexpr size_t kHead = 3;  // message number and packet count
   if (packet.userData.size() < kHead) {
     ++counts.damaged;
     return {};
   }
   const ByteView data(packet.userData);
-  const std::uint8_t number = data[0];
-  const auto place = static_cast<std::uint16_t>(BigEndian(data.subspan(1, 2)));
+  const uint8_t number = data[0];
+  const auto place = static_cast<uint16_t>(BigEndian(data.subspan(1, 2)));
   if (place == 1) {
     DropUnfinished(counts);
     m_dropped.reset();
@@ -322,7 +322,7 @@ std::optional<StampedKlv> KlvAssembler::Push(const AncPacket& packet, std::uint6
     m_dropped = number;
     return {};
   }
-  m_nextPacket = static_cast<std::uint16_t>(place + 1);
+  m_nextPacket = static_cast<uint16_t>(place + 1);
   m_current.klv.insert(m_current.klv.end(), data.begin() + kHead, data.end());
   const KlvSize size = SizeOfKlv(m_current.klv);
   if (size.state == KlvSize::State::Bad) {
@@ -345,7 +345,7 @@ void Receiver::PushInOrder(const RtpPacket& packet) {
     m_restarts = m_counts.restarts;
     m_assembler.DropUnfinished(m_counts);
   }
-  const std::uint64_t timestamp = m_time.Extend(packet.header.timestamp);
+  const uint64_t timestamp = m_time.Extend(packet.header.timestamp);
   ByteView rest(packet.ancPackets);
   for (unsigned i = 0; i < packet.count; ++i) {
     const UnpackedAnc anc = UnpackAnc(rest);
@@ -364,7 +364,7 @@ void Receiver::PushInOrder(const RtpPacket& packet) {
   }
 }
 
-void Receiver::Push(ByteView datagram, std::int64_t now) {
+void Receiver::Push(ByteView datagram, int64_t now) {
   auto packet = UnpackRtp(datagram);
   if (!packet) {
     ++m_counts.damaged;
@@ -374,7 +374,7 @@ void Receiver::Push(ByteView datagram, std::int64_t now) {
   Expire(now);
 }
 
-void Receiver::Expire(std::int64_t now) {
+void Receiver::Expire(int64_t now) {
   m_order.Expire(now, m_counts, [this](const RtpPacket& next) { PushInOrder(next); });
 }
 

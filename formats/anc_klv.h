@@ -25,17 +25,17 @@
 
 namespace anc_klv {
 
-using Bytes = std::vector<std::uint8_t>;
-using ByteView = std::span<const std::uint8_t>;
+using Bytes = std::vector<uint8_t>;
+using ByteView = std::span<const uint8_t>;
 
 // --- KLV ---------------------------------------------------------------------------------------------
 
-constexpr std::size_t kLargestKlv = 65'554;  // 16 bytes of key, 3 of length, 65535 of value
+constexpr size_t kLargestKlv = 65'554;  // 16 bytes of key, 3 of length, 65535 of value
 
 struct KlvSize {
   enum class State { Known, NeedMore, Bad };
   State state;
-  std::size_t size;  // of key, length and value; of kKnown
+  size_t size;  // of key, length and value; of kKnown
 };
 // Size of the message that begins the bytes: a SMPTE universal label (06 0E 2B 34 ...) and a BER length. Bad: another
 // beginning, an indefinite length, or more than kLargestKlv bytes.
@@ -43,43 +43,43 @@ KlvSize SizeOfKlv(ByteView bytes);
 
 // --- Packing -----------------------------------------------------------------------------------------
 
-constexpr std::uint8_t kKlvDid = 0x44;
-constexpr std::uint8_t kKlvSdid = 0x04;
-constexpr std::size_t kLargestUserData = 255;  // words of an ancillary packet
-constexpr std::size_t kKlvPerPacket = 252;     // behind message number and packet count
+constexpr uint8_t kKlvDid = 0x44;
+constexpr uint8_t kKlvSdid = 0x04;
+constexpr size_t kLargestUserData = 255;  // words of an ancillary packet
+constexpr size_t kKlvPerPacket = 252;     // behind message number and packet count
 
 struct AncPacket {
-  std::uint8_t did = kKlvDid;
-  std::uint8_t sdid = kKlvSdid;
-  std::uint16_t line = 9;  // 11 bits
-  Bytes userData;          // the low 8 bits of each word, at most kLargestUserData
+  uint8_t did = kKlvDid;
+  uint8_t sdid = kKlvSdid;
+  uint16_t line = 9;  // 11 bits
+  Bytes userData;     // the low 8 bits of each word, at most kLargestUserData
 };
 
 // The ancillary packets of one message. The message number goes from 1 to 255 and tells messages apart; packets are
 // counted from 1.
-std::vector<AncPacket> SplitKlv(ByteView klv, std::uint8_t messageNumber);
+std::vector<AncPacket> SplitKlv(ByteView klv, uint8_t messageNumber);
 
 // An ancillary packet as it stands in the RTP payload: with position, parity and checksum, filled up to 32 bits.
 Bytes PackAnc(const AncPacket& packet);
 
 struct RtpHeader {
   bool marker = false;  // last packet of a frame
-  std::uint8_t payloadType = 112;
-  std::uint32_t sequence = 0;   // RTP's 16 bits and the payload's 16 higher ones
-  std::uint32_t timestamp = 0;  // 90 kHz
-  std::uint32_t source = 0;
-  std::uint8_t field = 0;  // bits F: 0b00 progressive or not said, 0b10 first field, 0b11 second field
+  uint8_t payloadType = 112;
+  uint32_t sequence = 0;   // RTP's 16 bits and the payload's 16 higher ones
+  uint32_t timestamp = 0;  // 90 kHz
+  uint32_t source = 0;
+  uint8_t field = 0;  // bits F: 0b00 progressive or not said, 0b10 first field, 0b11 second field
 };
-constexpr std::size_t kRtpHeaderSize = 20;  // with the payload's own header
+constexpr size_t kRtpHeaderSize = 20;  // with the payload's own header
 
 // One RTP packet of ancillary packets that PackAnc made, `count` of them (at most 255), together below 65536 bytes.
-Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, std::uint8_t count);
+Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, uint8_t count);
 
 // --- Unpacking ---------------------------------------------------------------------------------------
 
 struct RtpPacket {
   RtpHeader header;
-  std::uint8_t count = 0;  // ancillary packets that it says to hold
+  uint8_t count = 0;  // ancillary packets that it says to hold
   Bytes ancPackets;
 };
 // Nothing when the datagram is no such RTP packet, is cut off, or has the bits F 0b01, which are not defined.
@@ -89,7 +89,7 @@ enum class AncState { Good, BadChecksum, BadParity, CutOff };
 struct UnpackedAnc {
   AncState state;
   AncPacket packet;  // also of a bad checksum or parity
-  std::size_t size;  // bytes to the next packet; 0 when cut off
+  size_t size;       // bytes to the next packet; 0 when cut off
 };
 UnpackedAnc UnpackAnc(ByteView bytes);
 
@@ -97,56 +97,56 @@ UnpackedAnc UnpackAnc(ByteView bytes);
 
 // What went wrong on the way. All counts since the beginning.
 struct Counts {
-  std::uint64_t damaged = 0;       // datagrams that are no such RTP packet, packets cut off, KLV that is none
-  std::uint64_t badChecksums = 0;  // ancillary packets
-  std::uint64_t badParity = 0;     // ancillary packets
-  std::uint64_t lost = 0;          // RTP packets
-  std::uint64_t reordered = 0;     // RTP packets put right
-  std::uint64_t late = 0;          // RTP packets dropped: repeated or too late
-  std::uint64_t restarts = 0;      // another source or a jump of the sequence number
-  std::uint64_t incomplete = 0;    // messages
+  uint64_t damaged = 0;       // datagrams that are no such RTP packet, packets cut off, KLV that is none
+  uint64_t badChecksums = 0;  // ancillary packets
+  uint64_t badParity = 0;     // ancillary packets
+  uint64_t lost = 0;          // RTP packets
+  uint64_t reordered = 0;     // RTP packets put right
+  uint64_t late = 0;          // RTP packets dropped: repeated or too late
+  uint64_t restarts = 0;      // another source or a jump of the sequence number
+  uint64_t incomplete = 0;    // messages
 };
 
 // Puts RTP packets into the order of their sequence numbers. A packet that is missing is waited for until kDepth
 // others wait behind it, or kPatience has gone by.
 class RtpOrder {
  public:
-  static constexpr std::size_t kDepth = 32;
-  static constexpr std::int64_t kPatience = 50'000'000;  // ns
-  static constexpr std::int32_t kLargestGap = 1'000;     // packets; more is a restart
+  static constexpr size_t kDepth = 32;
+  static constexpr int64_t kPatience = 50'000'000;  // ns
+  static constexpr int32_t kLargestGap = 1'000;     // packets; more is a restart
 
   using Sink = std::function<void(const RtpPacket&)>;
 
   // Times are nanoseconds of any steady clock.
-  void Push(RtpPacket packet, std::int64_t now, Counts& counts, const Sink& sink);
+  void Push(RtpPacket packet, int64_t now, Counts& counts, const Sink& sink);
   // Gives up on what was waited for too long.
-  void Expire(std::int64_t now, Counts& counts, const Sink& sink);
+  void Expire(int64_t now, Counts& counts, const Sink& sink);
   bool IsWaiting() const { return !m_waiting.empty(); }
 
  private:
   void GiveUpFirst(Counts& counts, const Sink& sink);
   void Drain(const Sink& sink);
 
-  std::optional<std::uint32_t> m_source;
-  std::uint32_t m_next = 0;                     // sequence number
-  std::map<std::int32_t, RtpPacket> m_waiting;  // by distance from m_base
-  std::uint32_t m_base = 0;                     // m_next when the waiting began
-  std::int64_t m_since = 0;                     // time when the waiting began
+  std::optional<uint32_t> m_source;
+  uint32_t m_next = 0;                     // sequence number
+  std::map<int32_t, RtpPacket> m_waiting;  // by distance from m_base
+  uint32_t m_base = 0;                     // m_next when the waiting began
+  int64_t m_since = 0;                     // time when the waiting began
 };
 
 // Extends 32-bit timestamps to 64 bits: each next one is the nearest to the one before.
 class LongTimestamp {
  public:
-  std::uint64_t Extend(std::uint32_t timestamp);
+  uint64_t Extend(uint32_t timestamp);
 
  private:
-  std::optional<std::uint64_t> m_last;
+  std::optional<uint64_t> m_last;
 };
 
 // --- Assembly ----------------------------------------------------------------------------------------
 
 struct StampedKlv {
-  std::uint64_t timestamp = 0;  // 90 kHz
+  uint64_t timestamp = 0;  // 90 kHz
   Bytes klv;
 };
 
@@ -154,15 +154,15 @@ struct StampedKlv {
 class KlvAssembler {
  public:
   // The message that the packet completes; it has the timestamp of its first packet.
-  std::optional<StampedKlv> Push(const AncPacket& packet, std::uint64_t timestamp, Counts& counts);
+  std::optional<StampedKlv> Push(const AncPacket& packet, uint64_t timestamp, Counts& counts);
   // What is still unfinished will not be finished.
   void DropUnfinished(Counts& counts);
 
  private:
   StampedKlv m_current;
-  std::uint8_t m_number = 0;              // of the message
-  std::uint16_t m_nextPacket = 0;         // 0 while there is none
-  std::optional<std::uint8_t> m_dropped;  // number of the message counted last
+  uint8_t m_number = 0;              // of the message
+  uint16_t m_nextPacket = 0;         // 0 while there is none
+  std::optional<uint8_t> m_dropped;  // number of the message counted last
 };
 
 // --- Receiver ----------------------------------------------------------------------------------------
@@ -172,9 +172,9 @@ class Receiver {
   using Sink = std::function<void(const StampedKlv&)>;
   explicit Receiver(Sink sink) : m_sink(std::move(sink)) {}
 
-  void Push(ByteView datagram, std::int64_t now);
+  void Push(ByteView datagram, int64_t now);
   // To be called within kPatience while IsWaiting().
-  void Expire(std::int64_t now);
+  void Expire(int64_t now);
   bool IsWaiting() const { return m_order.IsWaiting(); }
   const Counts& Seen() const { return m_counts; }
 
@@ -186,7 +186,7 @@ class Receiver {
   RtpOrder m_order;
   LongTimestamp m_time;
   KlvAssembler m_assembler;
-  std::uint64_t m_restarts = 0;  // of m_counts, when the assembler last heard of it
+  uint64_t m_restarts = 0;  // of m_counts, when the assembler last heard of it
 };
 
 }  // namespace anc_klv

@@ -15,8 +15,8 @@ struct Grid {
   double west = 0;        // longitude of the first column, degrees
   double rowStep = 0;     // degrees
   double columnStep = 0;  // degrees
-  std::size_t rows = 0;
-  std::size_t columns = 0;
+  size_t rows = 0;
+  size_t columns = 0;
   std::vector<float> heights;  // metres, rows * columns of them
 
   // Whether the columns go once around the globe.

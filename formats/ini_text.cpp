@@ -60,7 +60,7 @@ Contents Parse(std::string_view text) {
 std::optional<Fault> FindZeroByte(std::string_view text) {
   const size_t at = text.find('\0');
   if (at == std::string_view::npos) return std::nullopt;
-  const auto line = std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), '\n') + 1;
+  const auto line = std::count(text.begin(), text.begin() + static_cast<ptrdiff_t>(at), '\n') + 1;
   return Fault{static_cast<int>(line), "contains a zero byte; a text file is expected"};
 }
 

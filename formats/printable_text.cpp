@@ -6,7 +6,7 @@
 
 namespace {
 
-/* One character, or one byte that begins none: then size is 1 and isCharacter false. */
+// One character, or one byte that begins none: then size is 1 and isCharacter false.
 struct Decoded {
   bool isCharacter = false;
   size_t size = 1;

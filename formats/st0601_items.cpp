@@ -1,10 +1,8 @@
-/*
- * CONTENTS
- *   Numbers       big-endian integers and the codings of numbers
- *   Values        Decode, Encode and what displays them
- *   Messages      reading
- *   Building      writing
- */
+// CONTENTS
+//   Numbers       big-endian integers and the codings of numbers
+//   Values        Decode, Encode and what displays them
+//   Messages      reading
+//   Building      writing
 #include "st0601_items.h"
 
 #include <algorithm>
@@ -23,9 +21,7 @@ const uint8_t kUasKey[16] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01,
 
 namespace {
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Numbers                                                                                          */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Numbers -----------------------------------------------------------------------------------------
 
 uint64_t ReadUnsigned(ByteView bytes) {
   uint64_t value = 0;
@@ -33,7 +29,7 @@ uint64_t ReadUnsigned(ByteView bytes) {
   return value;
 }
 
-/* Two's complement of 1 to 8 bytes. */
+// Two's complement of 1 to 8 bytes.
 int64_t ReadSigned(ByteView bytes) {
   const unsigned unused = static_cast<unsigned>(64 - 8 * bytes.size());
   return static_cast<int64_t>(ReadUnsigned(bytes) << unused) >> unused;
@@ -64,7 +60,7 @@ double SignedSteps(size_t size) {
   return std::ldexp(1.0, static_cast<int>(8 * size)) - 2;
 }
 
-/* MISB ST 1201, IMAPB: scale and zero offset for a range in `size` bytes. */
+// MISB ST 1201, IMAPB: scale and zero offset for a range in `size` bytes.
 struct Imap {
   double scale;
   double zeroOffset;
@@ -94,7 +90,7 @@ std::string FormatTime(uint64_t microseconds) {
   return text;
 }
 
-/* UTF-8. Half a surrogate pair becomes the three bytes it would have there, which are no character. */
+// UTF-8. Half a surrogate pair becomes the three bytes it would have there, which are no character.
 void AppendUtf8(std::string& text, uint32_t code) {
   const auto add = [&text](uint32_t byte) { text += static_cast<char>(byte); };
   if (code < 0x80) {
@@ -173,7 +169,7 @@ void DecodeSigned(Value& value, const Item& item, ByteView bytes) {
   SetNumber(value, item, bytes.size(), static_cast<double>(raw) / half * item.max);
 }
 
-/* The high bit marks the special values of ST 1201, but for the one pattern 100..0 that is the upper limit. */
+// The high bit marks the special values of ST 1201, but for the one pattern 100..0 that is the upper limit.
 void DecodeImap(Value& value, const Item& item, ByteView bytes) {
   const uint64_t raw = ReadUnsigned(bytes);
   const uint64_t high = 1ULL << (8 * bytes.size() - 1);
@@ -187,9 +183,7 @@ void DecodeImap(Value& value, const Item& item, ByteView bytes) {
 
 }  // namespace
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Values                                                                                           */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Values ------------------------------------------------------------------------------------------
 
 std::string Hex(ByteView bytes) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
@@ -335,13 +329,11 @@ std::string Display(const Item& item, const Value& value) {
   return value.text + ' ' + item.unit;
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Messages                                                                                         */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Messages ----------------------------------------------------------------------------------------
 
 namespace {
 
-/* BER length at `position`, which moves behind it. Nothing for an indefinite or cut length. */
+// BER length at `position`, which moves behind it. Nothing for an indefinite or cut length.
 std::optional<size_t> ReadBerLength(ByteView bytes, size_t& position) {
   if (position >= bytes.size()) return std::nullopt;
   const uint8_t first = bytes[position];
@@ -356,7 +348,7 @@ std::optional<size_t> ReadBerLength(ByteView bytes, size_t& position) {
   return length;
 }
 
-/* BER-OID tag at `position`, which moves behind it. */
+// BER-OID tag at `position`, which moves behind it.
 std::optional<uint32_t> ReadTag(ByteView bytes, size_t& position) {
   uint32_t tag = 0;
   for (size_t i = 0; i < 4 && position + i < bytes.size(); ++i) {
@@ -370,7 +362,7 @@ std::optional<uint32_t> ReadTag(ByteView bytes, size_t& position) {
   return std::nullopt;
 }
 
-/* Walks a local set; returns why it stopped before the end, or "". */
+// Walks a local set; returns why it stopped before the end, or "".
 std::string ReadElements(ByteView body, const Item* (*find)(uint32_t), std::vector<Element>& elements) {
   size_t position = 0;
   while (position < body.size()) {
@@ -446,9 +438,7 @@ uint16_t RunningSum(ByteView bytes) {
   return static_cast<uint16_t>(sum);
 }
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Building                                                                                         */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Building ----------------------------------------------------------------------------------------
 
 void AppendBerLength(Bytes& out, size_t length) {
   if (length < 0x80) {

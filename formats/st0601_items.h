@@ -1,15 +1,13 @@
-/*
- * st0601_items.h - the items of MISB ST 0601 and the elements of MISB ST 0102: names, units, codings, and the
- * reading and writing of whole messages. Shared by the programs that show or make metadata.
- *
- * CONTENTS
- *   Items         the tables and their look-up
- *   Values        one item's bytes to a value and back
- *   Messages      reading a whole message, tolerant to bad input
- *   Building      writing a whole message
- *
- * Everything here is a pure function of its arguments and may run on any thread.
- */
+// st0601_items.h - the items of MISB ST 0601 and the elements of MISB ST 0102: names, units, codings, and the
+// reading and writing of whole messages. Shared by the programs that show or make metadata.
+//
+// CONTENTS
+//   Items         the tables and their look-up
+//   Values        one item's bytes to a value and back
+//   Messages      reading a whole message, tolerant to bad input
+//   Building      writing a whole message
+//
+// Everything here is a pure function of its arguments and may run on any thread.
 #ifndef ST0601_ITEMS_H
 #define ST0601_ITEMS_H
 
@@ -26,9 +24,7 @@ namespace st0601 {
 using Bytes = std::vector<uint8_t>;
 using ByteView = std::span<const uint8_t>;
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Items                                                                                            */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Items -------------------------------------------------------------------------------------------
 
 enum class Kind : uint8_t {
   Unsigned,     // linear: 0 .. 2^n - 1 stands for min .. max
@@ -61,18 +57,16 @@ constexpr uint16_t kTimeStampTag = 2;
 constexpr uint16_t kMissionIdTag = 3;
 constexpr uint16_t kSecuritySetTag = 48;
 
-/* All items of ST 0601 (tags 1 to 143), all elements of ST 0102, in the order of their tags. */
+// All items of ST 0601 (tags 1 to 143), all elements of ST 0102, in the order of their tags.
 std::span<const Item> Items();
 std::span<const Item> SecurityElements();
 
-/* One of them, or nullptr. */
+// One of them, or nullptr.
 const Item* FindItem(uint32_t tag);
 const Item* FindItem(std::string_view key);
 const Item* FindSecurityElement(uint32_t tag);
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Values                                                                                           */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Values ------------------------------------------------------------------------------------------
 
 enum class ValueState : uint8_t {
   Ok,
@@ -90,37 +84,33 @@ struct Value {
                      // sender wrote is escaped as printable_text.h says
 };
 
-/* Reads one value. Never fails: what cannot be read comes back as kBadLength with its hexadecimal digits. */
+// Reads one value. Never fails: what cannot be read comes back as kBadLength with its hexadecimal digits.
 Value Decode(const Item& item, ByteView value);
 
-/*
- * Writes a number the item's way: rounded to the nearest step. Outside min .. max, and for a number that is no
- * number, kSigned items give the "out of range" pattern and all others nothing. Items without a number give
- * nothing. Items of varying size take the least bytes that hold a whole number, or `size` bytes for kImap.
- */
+// Writes a number the item's way: rounded to the nearest step. Outside min .. max, and for a number that is no
+// number, kSigned items give the "out of range" pattern and all others nothing. Items without a number give
+// nothing. Items of varying size take the least bytes that hold a whole number, or `size` bytes for kImap.
 std::optional<Bytes> Encode(const Item& item, double value, size_t size = 0);
-/* The same for whole numbers that a double would cut: times, counts. */
+// The same for whole numbers that a double would cut: times, counts.
 std::optional<Bytes> EncodeWhole(const Item& item, int64_t value);
-/* Text items: the characters (kText16: each byte as one character). */
+// Text items: the characters (kText16: each byte as one character).
 Bytes EncodeText(const Item& item, std::string_view text);
 
-/* The smallest difference that the item can express; 0 when it holds no number. */
+// The smallest difference that the item can express; 0 when it holds no number.
 double Resolution(const Item& item);
 
-/* What a kCode value means; "" when the standard gives it no meaning. */
+// What a kCode value means; "" when the standard gives it no meaning.
 std::string_view CodeText(const Item& item, int64_t code);
 
-/* "value unit", the way a table shows it. */
+// "value unit", the way a table shows it.
 std::string Display(const Item& item, const Value& value);
 
-/* Two digits a byte, upper case, without spaces. */
+// Two digits a byte, upper case, without spaces.
 std::string Hex(ByteView bytes);
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Messages                                                                                         */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Messages ----------------------------------------------------------------------------------------
 
-/* 06 0E 2B 34 02 0B 01 01 0E 01 03 01 01 00 00 00 */
+// 06 0E 2B 34 02 0B 01 01 0E 01 03 01 01 00 00 00
 extern const uint8_t kUasKey[16];
 
 struct Element {
@@ -145,31 +135,29 @@ struct Message {
   const Element* Find(uint32_t tag) const;  // the first such element, or nullptr
 };
 
-/* Reads a message: everything up to the first fault is kept. Never reads outside `bytes`. */
+// Reads a message: everything up to the first fault is kept. Never reads outside `bytes`.
 Message Parse(ByteView bytes);
 
-/* Reads the elements of a local set without key (for example the value of item 48). */
+// Reads the elements of a local set without key (for example the value of item 48).
 std::vector<Element> ParseSecuritySet(ByteView value);
 
-/* "ok", "bad", "missing", "misplaced" (an item 1 that is not the last one, or not of two bytes). */
+// "ok", "bad", "missing", "misplaced" (an item 1 that is not the last one, or not of two bytes).
 const char* ChecksumStateName(ChecksumState state);
 
-/* The 16-bit running sum over bytes: even positions count as the high byte, odd ones as the low byte. */
+// The 16-bit running sum over bytes: even positions count as the high byte, odd ones as the low byte.
 uint16_t RunningSum(ByteView bytes);
 
-/* ------------------------------------------------------------------------------------------------ */
-/* Building                                                                                         */
-/* ------------------------------------------------------------------------------------------------ */
+// --- Building ----------------------------------------------------------------------------------------
 
-/* Collects items and closes them into a message: key, BER length, items in the order added, checksum. */
+// Collects items and closes them into a message: key, BER length, items in the order added, checksum.
 class Builder {
  public:
   Builder& Add(uint32_t tag, ByteView value);
-  /* Items that cannot hold the value are left out. */
+  // Items that cannot hold the value are left out.
   Builder& Add(uint32_t tag, double value);
   Builder& AddWhole(uint32_t tag, int64_t value);
   Builder& AddText(uint32_t tag, std::string_view text);
-  /* The local set so far, without key and checksum: the value of a nested set. */
+  // The local set so far, without key and checksum: the value of a nested set.
   const Bytes& Body() const { return m_body; }
   Bytes Finish(bool withChecksum = true) const;
 
@@ -177,7 +165,7 @@ class Builder {
   Bytes m_body;
 };
 
-/* Appends a length in BER: short form below 128, else the shortest long form. */
+// Appends a length in BER: short form below 128, else the shortest long form.
 void AppendBerLength(Bytes& out, size_t length);
 
 }  // namespace st0601

@@ -1,7 +1,5 @@
-/*
- * The tables of MISB ST 0601 and MISB ST 0102. Ranges and sizes are the standards'; an item that several editions
- * name differently carries the name of the newest.
- */
+// The tables of MISB ST 0601 and MISB ST 0102. Ranges and sizes are the standards'; an item that several editions
+// name differently carries the name of the newest.
 #include <algorithm>
 #include <array>
 

@@ -33,7 +33,7 @@ bool CaptureQueue::Open() {
   return m_readable.IsOpen() && m_stop.IsOpen();
 }
 
-void CaptureQueue::Push(std::uint64_t timestamp, std::span<const std::uint8_t> klv) {
+void CaptureQueue::Push(uint64_t timestamp, std::span<const uint8_t> klv) {
   {
     const Lock guard(m_lock);
     if (m_packets.size() < kMostPackets && m_bytes + klv.size() <= kMostBytes) {
@@ -49,17 +49,17 @@ void CaptureQueue::Push(std::uint64_t timestamp, std::span<const std::uint8_t> k
   HOST_LOG(4, "Video input %d: queue full, KLV packet of %zu bytes dropped.\n", m_input, klv.size());
 }
 
-void CaptureQueue::Count(std::uint64_t HostCaptureStats::*counter, std::uint64_t count) {
+void CaptureQueue::Count(uint64_t HostCaptureStats::*counter, uint64_t count) {
   const Lock guard(m_lock);
   std::invoke(counter, m_stats) += count;  // clang does not check "m_stats.*counter"
 }
 
-bool CaptureQueue::Wait(int fd, std::int64_t nanoseconds) {
-  const std::int64_t end = MonotonicNs() + nanoseconds;
+bool CaptureQueue::Wait(int fd, int64_t nanoseconds) {
+  const int64_t end = MonotonicNs() + nanoseconds;
   while (!IsStopping()) {
-    const std::int64_t left = std::max<std::int64_t>(0, end - MonotonicNs());
+    const int64_t left = std::max<int64_t>(0, end - MonotonicNs());
     pollfd wait[2] = {{m_stop.Get(), POLLIN, 0}, {fd, POLLIN, 0}};
-    const auto ms = static_cast<int>(std::min<std::int64_t>((left + 999'999) / 1'000'000, 1'000'000));
+    const auto ms = static_cast<int>(std::min<int64_t>((left + 999'999) / 1'000'000, 1'000'000));
     const int ready = poll(wait, fd >= 0 ? 2 : 1, ms);
     if (ready > 0 && wait[0].revents == 0) return true;
     if (ready == 0 && MonotonicNs() >= end) return false;
@@ -74,7 +74,7 @@ void CaptureQueue::Stop() {
 }
 
 bool CaptureQueue::Pop(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
-  const std::size_t room = *pnLength < 0 ? 0 : static_cast<std::size_t>(*pnLength);
+  const size_t room = *pnLength < 0 ? 0 : static_cast<size_t>(*pnLength);
   for (;;) {
     Packet packet;
     {
@@ -183,7 +183,7 @@ std::unique_ptr<CaptureBackend> MakeBackend(const HostCaptureConfig& config) {
 }
 
 BOOL Start(int input, VIDEO_EXTRACTOR* pExtractor) {
-  const auto index = static_cast<std::size_t>(input);
+  const auto index = static_cast<size_t>(input);
   {
     const Lock guard(AllInputs().lock);
     if (AllInputs().captures[index] != nullptr) {
@@ -214,7 +214,7 @@ using common::Lock;
 
 HostCaptureStats HostRuntime_CaptureStats(int input) {
   if (!IsInput(input)) return {};
-  const auto index = static_cast<std::size_t>(input);
+  const auto index = static_cast<size_t>(input);
   const Lock guard(AllInputs().lock);
   const auto& capture = AllInputs().captures[index];
   return capture != nullptr ? capture->Queue().Stats() : AllInputs().last[index];
@@ -234,7 +234,7 @@ BOOL KLVCAPTURE_Start(int iInterface, VIDEO_EXTRACTOR* pExtractor) {
 void KLVCAPTURE_Stop(int iInterface) {
   if (!IsInput(iInterface)) return;
   NoThrow([&] {
-    const auto index = static_cast<std::size_t>(iInterface);
+    const auto index = static_cast<size_t>(iInterface);
     std::shared_ptr<Capture> capture;
     {
       const Lock guard(AllInputs().lock);

@@ -23,8 +23,8 @@ namespace host_runtime {
 // What a back end delivers to, and where the metadata thread takes from. Safe from any thread.
 class CaptureQueue {
  public:
-  static constexpr std::size_t kMostPackets = 1024;
-  static constexpr std::size_t kMostBytes = std::size_t{8} << 20;
+  static constexpr size_t kMostPackets = 1024;
+  static constexpr size_t kMostBytes = size_t{8} << 20;
 
   explicit CaptureQueue(int input) : m_input(input) {}
   // False when the system has no descriptors left.
@@ -33,10 +33,10 @@ class CaptureQueue {
   int Input() const { return m_input; }
 
   // For the back end's thread.
-  void Push(std::uint64_t timestamp, std::span<const std::uint8_t> klv);
-  void Count(std::uint64_t HostCaptureStats::*counter, std::uint64_t count = 1);
+  void Push(uint64_t timestamp, std::span<const uint8_t> klv);
+  void Count(uint64_t HostCaptureStats::*counter, uint64_t count = 1);
   // Waits until fd (or nothing, for -1) is readable, the time is up, or the capture is to stop. True when readable.
-  bool Wait(int fd, std::int64_t nanoseconds);
+  bool Wait(int fd, int64_t nanoseconds);
   bool IsStopping() const { return __atomic_load_n(&m_stopping, __ATOMIC_RELAXED); }
 
   // For the service.
@@ -47,8 +47,8 @@ class CaptureQueue {
 
  private:
   struct Packet {
-    std::uint64_t timestamp;
-    std::vector<std::uint8_t> klv;
+    uint64_t timestamp;
+    std::vector<uint8_t> klv;
   };
 
   const int m_input;
@@ -57,7 +57,7 @@ class CaptureQueue {
   common::OwnedFD m_stop;        // eventfd, set once
   mutable common::Mutex m_lock;  // leaf
   std::deque<Packet> m_packets GUARDED_BY(m_lock);
-  std::size_t m_bytes GUARDED_BY(m_lock) = 0;
+  size_t m_bytes GUARDED_BY(m_lock) = 0;
   HostCaptureStats m_stats GUARDED_BY(m_lock);
 };
 

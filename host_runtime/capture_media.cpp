@@ -27,17 +27,17 @@ extern "C" {
 namespace host_runtime {
 namespace {
 
-constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr int64_t kSecond = 1'000'000'000;
 constexpr AVRational kClock = {1, 90'000};
-constexpr std::int64_t kLongestPause = 60 * 90'000;  // a longer one, or a longer step back, is a jump of the clock
-constexpr std::int64_t kLargestStepBack = 90'000;
-constexpr std::int64_t kPreRoll = kSecond / 2;  // before a file begins: time to open all sources of the input
-constexpr std::int64_t kUsualStep = 3'600;      // between the last time of a file and the first of its repetition
-constexpr std::size_t kAuHeaderSize = 5;        // MPEG-2 systems: header of a metadata access unit
+constexpr int64_t kLongestPause = 60 * 90'000;  // a longer one, or a longer step back, is a jump of the clock
+constexpr int64_t kLargestStepBack = 90'000;
+constexpr int64_t kPreRoll = kSecond / 2;  // before a file begins: time to open all sources of the input
+constexpr int64_t kUsualStep = 3'600;      // between the last time of a file and the first of its repetition
+constexpr size_t kAuHeaderSize = 5;        // MPEG-2 systems: header of a metadata access unit
 
 std::string ErrorText(int error) {
   char text[AV_ERROR_MAX_STRING_SIZE] = "";
-  av_strerror(error, text, sizeof text);
+  av_strerror(error, text, sizeof(text));
   return text;
 }
 
@@ -49,7 +49,7 @@ void LogLibraryLine(void* context, int level, const char* format, va_list argume
   if (module == nullptr || __atomic_load_n(&module->nMaxLevel, __ATOMIC_RELAXED) < hostLevel) return;
   char line[512];
   int prefix = 1;
-  av_log_format_line2(context, level, format, arguments, line, sizeof line, &prefix);
+  av_log_format_line2(context, level, format, arguments, line, sizeof(line), &prefix);
   _DoDbgPrintEx(module, hostLevel, __func__, "libavformat", level, "%s", line);
 }
 
@@ -133,7 +133,7 @@ class MediaBackend : public CaptureBackend {
   }
 
   void BeginPass() {
-    if (m_first && !m_live) m_shift += std::max<std::int64_t>(m_last - *m_first, 0) + m_step;
+    if (m_first && !m_live) m_shift += std::max<int64_t>(m_last - *m_first, 0) + m_step;
     m_first.reset();
     m_lastOfAny = 0;
     m_packets = 0;
@@ -145,25 +145,23 @@ class MediaBackend : public CaptureBackend {
       return false;
     }
     // A track that is not labelled, but holds nothing else.
-    return anc_klv::SizeOfKlv({packet.data, static_cast<std::size_t>(packet.size)}).state ==
-           anc_klv::KlvSize::State::Known;
+    return anc_klv::SizeOfKlv({packet.data, static_cast<size_t>(packet.size)}).state == anc_klv::KlvSize::State::Known;
   }
 
   void PushPacket(CaptureQueue& queue, const AVStream& stream, const AVPacket& packet) {
     // KLV without a time of its own has that of the picture before it.
-    const std::int64_t stamp = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
+    const int64_t stamp = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
     if (stamp != AV_NOPTS_VALUE) m_lastOfAny = av_rescale_q(stamp, stream.time_base, kClock);
     if (packet.size <= 0 || !IsKlv(stream, packet)) return;
     if (m_first && m_lastOfAny > m_last) m_step = std::min(m_lastOfAny - m_last, kLongestPause);
     if (!WaitForTime(queue, m_lastOfAny)) return;
-    const std::int64_t time = m_lastOfAny - (m_first ? *m_first : m_lastOfAny) + m_begin + m_shift;
-    Push(queue, static_cast<std::uint64_t>(std::max<std::int64_t>(time, 0)),
-         {packet.data, static_cast<std::size_t>(packet.size)});
+    const int64_t time = m_lastOfAny - (m_first ? *m_first : m_lastOfAny) + m_begin + m_shift;
+    Push(queue, static_cast<uint64_t>(std::max<int64_t>(time, 0)), {packet.data, static_cast<size_t>(packet.size)});
   }
 
   // Until the file's clock has come to `time`; false when the capture is to stop.
-  bool WaitForTime(CaptureQueue& queue, std::int64_t time) {
-    const std::int64_t now = MonotonicNs();
+  bool WaitForTime(CaptureQueue& queue, int64_t time) {
+    const int64_t now = MonotonicNs();
     if (!m_first) {
       m_first = time;
       m_last = time;
@@ -182,16 +180,16 @@ class MediaBackend : public CaptureBackend {
     }
     m_last = std::max(m_last, time);
     if (m_live) return true;
-    const std::int64_t due = m_start + Elapsed(time);
+    const int64_t due = m_start + Elapsed(time);
     if (due > now) queue.Wait(-1, due - now);
     return !queue.IsStopping();
   }
 
   // Nanoseconds of playing, with all repetitions, when the file's clock shows `time`.
-  std::int64_t Elapsed(std::int64_t time) const { return av_rescale(time - *m_first + m_shift, kSecond, kClock.den); }
+  int64_t Elapsed(int64_t time) const { return av_rescale(time - *m_first + m_shift, kSecond, kClock.den); }
 
   // A packet may hold several messages, each perhaps behind the header of an access unit.
-  void Push(CaptureQueue& queue, std::uint64_t timestamp, std::span<const std::uint8_t> data) {
+  void Push(CaptureQueue& queue, uint64_t timestamp, std::span<const uint8_t> data) {
     using State = anc_klv::KlvSize::State;
     while (!data.empty()) {
       anc_klv::KlvSize size = anc_klv::SizeOfKlv(data);
@@ -218,15 +216,15 @@ class MediaBackend : public CaptureBackend {
 
   // Of the capture.
   bool m_started = false;
-  std::int64_t m_start = 0;  // monotonic time, ns, of m_begin
-  std::int64_t m_begin = 0;  // first timestamp of all
-  std::int64_t m_shift = 0;  // length of the passes before this one
-  std::int64_t m_step = kUsualStep;
+  int64_t m_start = 0;  // monotonic time, ns, of m_begin
+  int64_t m_begin = 0;  // first timestamp of all
+  int64_t m_shift = 0;  // length of the passes before this one
+  int64_t m_step = kUsualStep;
   // Of the pass; 90 kHz.
-  std::optional<std::int64_t> m_first;
-  std::int64_t m_last = 0;
-  std::int64_t m_lastOfAny = 0;
-  std::uint64_t m_packets = 0;
+  std::optional<int64_t> m_first;
+  int64_t m_last = 0;
+  int64_t m_lastOfAny = 0;
+  uint64_t m_packets = 0;
 };
 
 }  // namespace

@@ -28,14 +28,14 @@
 namespace host_runtime {
 namespace {
 
-constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr int64_t kSecond = 1'000'000'000;
 constexpr int kDatagramsAtOnce = 64;  // before the clock is looked at again
 
 // Datagrams into one buffer; true as long as one came.
-bool Receive(int fd, std::vector<std::uint8_t>& buffer, std::size_t* size) {
+bool Receive(int fd, std::vector<uint8_t>& buffer, size_t* size) {
   const ssize_t got = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
   if (got < 0) return false;
-  *size = static_cast<std::size_t>(got);
+  *size = static_cast<size_t>(got);
   return true;
 }
 
@@ -68,11 +68,11 @@ class AncBackend : public CaptureBackend {
       HOST_LOG(8, "Video input %d: KLV of %zu bytes.\n", queue.Input(), message.klv.size());
       queue.Push(message.timestamp, message.klv);
     });
-    std::vector<std::uint8_t> buffer(65'536);
+    std::vector<uint8_t> buffer(65'536);
     while (!queue.IsStopping()) {
       const bool readable = queue.Wait(m_socket.Get(), receiver.IsWaiting() ? anc_klv::RtpOrder::kPatience : kSecond);
-      const std::int64_t now = MonotonicNs();
-      std::size_t size = 0;
+      const int64_t now = MonotonicNs();
+      size_t size = 0;
       for (int i = 0; readable && i < kDatagramsAtOnce && Receive(m_socket.Get(), buffer, &size); ++i) {
         receiver.Push({buffer.data(), std::min(size, buffer.size())}, now);
       }
@@ -85,7 +85,7 @@ class AncBackend : public CaptureBackend {
   // Logs and counts what went wrong since the last report.
   void Report(CaptureQueue& queue, const anc_klv::Counts& seen) {
     using anc_klv::Counts;
-    const auto fresh = [&](std::uint64_t Counts::*which) { return seen.*which - m_reported.*which; };
+    const auto fresh = [&](uint64_t Counts::*which) { return seen.*which - m_reported.*which; };
     const int input = queue.Input();
     if (const auto n = fresh(&Counts::damaged); n != 0) {
       queue.Count(&HostCaptureStats::damaged, n);
@@ -118,7 +118,7 @@ class AncBackend : public CaptureBackend {
     }
     m_reported = seen;
   }
-  static unsigned long long Wide(std::uint64_t value) { return value; }
+  static unsigned long long Wide(uint64_t value) { return value; }
 
   const HostCaptureConfig m_config;
   common::OwnedFD m_socket;
@@ -174,9 +174,9 @@ class SocketBackend : public CaptureBackend {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     const std::string& path = m_config.path;
-    if (path.empty() || path.size() >= sizeof address.sun_path) {
+    if (path.empty() || path.size() >= sizeof(address.sun_path)) {
       HOST_LOG(3, "Video input %d: \"%s\" is no path for a socket, 1 to %zu characters are allowed.\n", queue.Input(),
-               path.c_str(), sizeof address.sun_path - 1);
+               path.c_str(), sizeof(address.sun_path) - 1);
       return false;
     }
     memcpy(address.sun_path, path.c_str(), path.size());
@@ -190,10 +190,10 @@ class SocketBackend : public CaptureBackend {
   }
 
   void Run(CaptureQueue& queue) override {
-    std::vector<std::uint8_t> buffer(kTimeStampSize + anc_klv::kLargestKlv);
+    std::vector<uint8_t> buffer(kTimeStampSize + anc_klv::kLargestKlv);
     while (!queue.IsStopping()) {
       if (!queue.Wait(m_socket.Get(), kSecond)) continue;
-      std::size_t size = 0;
+      size_t size = 0;
       for (int i = 0; i < kDatagramsAtOnce && Receive(m_socket.Get(), buffer, &size); ++i) {
         if (size <= kTimeStampSize || size > buffer.size()) {
           queue.Count(&HostCaptureStats::damaged);
@@ -201,15 +201,15 @@ class SocketBackend : public CaptureBackend {
                    kTimeStampSize + 1, buffer.size());
           continue;
         }
-        std::uint64_t timestamp = 0;
-        for (std::size_t b = 0; b < kTimeStampSize; ++b) timestamp = timestamp << 8 | buffer[b];
+        uint64_t timestamp = 0;
+        for (size_t b = 0; b < kTimeStampSize; ++b) timestamp = timestamp << 8 | buffer[b];
         queue.Push(timestamp, {buffer.data() + kTimeStampSize, size - kTimeStampSize});
       }
     }
   }
 
  private:
-  static constexpr std::size_t kTimeStampSize = 8;
+  static constexpr size_t kTimeStampSize = 8;
 
   // False with errno. Replaces what an earlier run left behind, a socket that nobody answers on, and nothing else.
   bool Bind(const sockaddr_un& address) {
@@ -219,13 +219,13 @@ class SocketBackend : public CaptureBackend {
     struct stat existing;
     if (lstat(m_config.path.c_str(), &existing) == 0 && S_ISSOCK(existing.st_mode)) {
       const common::OwnedFD probe(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-      if (connect(probe.Get(), name, sizeof address) == 0 || errno != ECONNREFUSED) {
+      if (connect(probe.Get(), name, sizeof(address)) == 0 || errno != ECONNREFUSED) {
         errno = EADDRINUSE;
         return false;
       }
       unlink(m_config.path.c_str());
     }
-    return bind(m_socket.Get(), name, sizeof address) == 0;
+    return bind(m_socket.Get(), name, sizeof(address)) == 0;
   }
 
   const HostCaptureConfig m_config;

@@ -82,7 +82,7 @@ struct Loader {
   }
 
   std::string Capture(const std::string& section, const std::string& key, const std::string& value) {
-    HostCaptureConfig& capture = config.captures[static_cast<std::size_t>(section.back() - '0')];
+    HostCaptureConfig& capture = config.captures[static_cast<size_t>(section.back() - '0')];
     if (key == "kind") {
       using Kind = HostCaptureConfig::Kind;
       static const std::map<std::string, Kind> kKinds = {
@@ -97,7 +97,7 @@ struct Loader {
       return {};
     }
     if (key == "loop") return ReadSwitch(key, value, &capture.loop);
-    if (key == "port") return ReadNumber(key, value, std::uint16_t{1}, std::uint16_t{65535}, &capture.port);
+    if (key == "port") return ReadNumber(key, value, uint16_t{1}, uint16_t{65535}, &capture.port);
     if (key == "address") {
       in_addr address{};
       if (inet_pton(AF_INET, value.c_str(), &address) != 1) return value_text::Refusal(key, value, "an IPv4 address");
@@ -127,7 +127,7 @@ struct Loader {
 
   // The faults that no key shows alone.
   std::string CheckTogether() const {
-    for (std::size_t i = 0; i < config.captures.size(); ++i) {
+    for (size_t i = 0; i < config.captures.size(); ++i) {
       const HostCaptureConfig& capture = config.captures[i];
       using Kind = HostCaptureConfig::Kind;
       const std::string section = "[capture" + std::to_string(i) + "]";

@@ -35,8 +35,8 @@ namespace {
 using common::Lock;
 using common::Mutex;
 
-constexpr std::size_t kLogFileSize = std::size_t{8} << 20;
-constexpr std::size_t kLogFilesKept = 3;
+constexpr size_t kLogFileSize = size_t{8} << 20;
+constexpr size_t kLogFilesKept = 3;
 constexpr int kDumpWidth = 16;      // bytes a line
 constexpr int kDumpLimit = 65'536;  // bytes of a dump that are written
 
@@ -51,10 +51,10 @@ std::string FormatText(const char* format, va_list arguments) {
   std::string text;
   if (length < 0) {
     text = format;
-  } else if (static_cast<std::size_t>(length) < small.size()) {
-    text.assign(small.data(), static_cast<std::size_t>(length));
+  } else if (static_cast<size_t>(length) < small.size()) {
+    text.assign(small.data(), static_cast<size_t>(length));
   } else {
-    text.resize(static_cast<std::size_t>(length) + 1);
+    text.resize(static_cast<size_t>(length) + 1);
     vsnprintf(text.data(), text.size(), format, again);
     text.pop_back();
   }
@@ -147,7 +147,7 @@ struct LogState {
   std::shared_ptr<const Observer> observer GUARDED_BY(lock);
   LogLimiter limiter GUARDED_BY(lock);
 
-  std::atomic<std::uint64_t> assertions{0};
+  std::atomic<uint64_t> assertions{0};
   std::atomic<bool> abortOnAssert{false};
 };
 
@@ -206,7 +206,7 @@ void Write(const std::shared_ptr<spdlog::logger>& logger, const std::shared_ptr<
   }
 }
 
-std::string LeftOutText(std::uint64_t count) {
+std::string LeftOutText(uint64_t count) {
   return std::to_string(count) + " more lines from this place were left out";
 }
 
@@ -217,10 +217,10 @@ struct Permit {
 };
 Permit Ask(const Place& place, bool limited) {
   LogState& state = State();
-  const std::int64_t now = MonotonicNs();
+  const int64_t now = MonotonicNs();
   Permit permit;
   bool allowed = true;
-  std::uint64_t left = 0;
+  uint64_t left = 0;
   std::vector<LogLimiter::Suppressed> silent;
   {
     const Lock guard(state.lock);
@@ -318,7 +318,7 @@ void HostRuntime_OnLog(std::function<void(const HostLogLine&)> callback) {
   });
 }
 
-std::uint64_t HostRuntime_AssertionCount() {
+uint64_t HostRuntime_AssertionCount() {
   return State().assertions.load(std::memory_order_relaxed);
 }
 

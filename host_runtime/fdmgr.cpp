@@ -28,7 +28,7 @@ namespace {
 
 constexpr int kReadEvent = 1;  // enEventType of the read callback
 // Marks the events of an entry's serial device.
-constexpr std::uint64_t kDeviceTag = std::uint64_t{1} << 63;
+constexpr uint64_t kDeviceTag = uint64_t{1} << 63;
 
 struct Entry {
   int fd;
@@ -45,47 +45,47 @@ struct tagHOST_FDSET {
   common::OwnedFD epoll;  // closed after the entries, whose serial devices leave it
   // By order of addition. A number is never used again, so that an event of a removed entry finds nothing, also
   // when its descriptor was added anew in the meantime.
-  std::map<std::uint64_t, Entry> entries;
-  std::uint64_t nextNumber = 1;
+  std::map<uint64_t, Entry> entries;
+  uint64_t nextNumber = 1;
   std::optional<timeval> interval;
   FDMGR_TIMEOUT_CALLBACK timeoutCallback = nullptr;
   void* param1 = nullptr;
   void* param2 = nullptr;
-  std::vector<epoll_event> events;     // of the pass
-  std::vector<std::uint64_t> numbers;  // of the pass, ascending
+  std::vector<epoll_event> events;  // of the pass
+  std::vector<uint64_t> numbers;    // of the pass, ascending
 
-  std::map<std::uint64_t, Entry>::iterator Find(int fd) {
+  std::map<uint64_t, Entry>::iterator Find(int fd) {
     return std::find_if(entries.begin(), entries.end(), [fd](const auto& entry) { return entry.second.fd == fd; });
   }
 };
 
 namespace {
 
-constexpr std::int64_t kNever = SerialPieces::kNever;
+constexpr int64_t kNever = SerialPieces::kNever;
 
 // Milliseconds, rounded up so that no pass ends early; -1 without interval.
-std::int64_t IntervalMs(const std::optional<timeval>& interval) {
+int64_t IntervalMs(const std::optional<timeval>& interval) {
   if (!interval) return -1;
-  const std::int64_t ms = std::int64_t{interval->tv_sec} * 1000 + (interval->tv_usec + 999) / 1000;
-  return std::clamp<std::int64_t>(ms, 0, std::numeric_limits<int>::max());
+  const int64_t ms = int64_t{interval->tv_sec} * 1000 + (interval->tv_usec + 999) / 1000;
+  return std::clamp<int64_t>(ms, 0, std::numeric_limits<int>::max());
 }
 
 // Waits until something happens or until `end`. Events, 0 when the time is up or a signal came, -1 with errno.
-int WaitForEvents(tagHOST_FDSET& set, std::int64_t end) {
+int WaitForEvents(tagHOST_FDSET& set, int64_t end) {
   // Room for every descriptor: none has to wait for the others' next pass.
-  set.events.resize(std::max<std::size_t>(2 * set.entries.size(), 1));
-  std::int64_t wait = -1;
+  set.events.resize(std::max<size_t>(2 * set.entries.size(), 1));
+  int64_t wait = -1;
   if (end != kNever) {
-    wait = std::max<std::int64_t>(0, end - MonotonicNs());
-    wait = std::min<std::int64_t>((wait + 999'999) / 1'000'000, std::numeric_limits<int>::max());
+    wait = std::max<int64_t>(0, end - MonotonicNs());
+    wait = std::min<int64_t>((wait + 999'999) / 1'000'000, std::numeric_limits<int>::max());
   }
   const int count =
       epoll_wait(set.epoll.Get(), set.events.data(), static_cast<int>(set.events.size()), static_cast<int>(wait));
   return count < 0 && errno == EINTR ? 0 : count;
 }
 
-std::int64_t NextOfLines(const tagHOST_FDSET& set) {
-  std::int64_t next = kNever;
+int64_t NextOfLines(const tagHOST_FDSET& set) {
+  int64_t next = kNever;
   for (const auto& [number, entry] : set.entries) {
     if (entry.line != nullptr) next = std::min(next, entry.line->Due());
   }
@@ -94,10 +94,10 @@ std::int64_t NextOfLines(const tagHOST_FDSET& set) {
 
 // Puts the numbers of the readable entries into set.numbers, ascending.
 void Collect(tagHOST_FDSET& set, int count) {
-  const std::int64_t now = MonotonicNs();
+  const int64_t now = MonotonicNs();
   set.numbers.clear();
-  for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-    const std::uint64_t number = set.events[i].data.u64;  // a copy: the record is packed
+  for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
+    const uint64_t number = set.events[i].data.u64;  // a copy: the record is packed
     if ((number & kDeviceTag) == 0) {
       set.numbers.push_back(number);
     } else if (const auto found = set.entries.find(number & ~kDeviceTag); found != set.entries.end()) {
@@ -112,8 +112,8 @@ void Collect(tagHOST_FDSET& set, int count) {
 
 // Waits until entries are readable: their number, 0 when the set's interval is over, -1 with errno.
 int WaitForEntries(tagHOST_FDSET& set) {
-  const std::int64_t total = IntervalMs(set.interval);
-  const std::int64_t end = total < 0 ? kNever : MonotonicNs() + total * 1'000'000;
+  const int64_t total = IntervalMs(set.interval);
+  const int64_t end = total < 0 ? kNever : MonotonicNs() + total * 1'000'000;
   for (;;) {
     const int count = WaitForEvents(set, std::min(end, NextOfLines(set)));
     if (count < 0) return -1;
@@ -124,7 +124,7 @@ int WaitForEntries(tagHOST_FDSET& set) {
 }
 
 // A serial device's own events replace those of its descriptor.
-bool StartWatching(tagHOST_FDSET& set, std::uint64_t number, Entry& entry) {
+bool StartWatching(tagHOST_FDSET& set, uint64_t number, Entry& entry) {
   if (const auto device = PopDevice(entry.fd)) {
     entry.line = SerialLine::Attach(entry.fd, *device, set.epoll.Get(), number | kDeviceTag);
     return entry.line != nullptr;
@@ -165,7 +165,7 @@ BOOL __FDMGR_AddReadFD(HFDSET hSet, int iFD, FDMGR_READ_CALLBACK pfnCallback, vo
                        const char* szFunction, const char*, int) {
   if (hSet == nullptr || pfnCallback == nullptr) return FALSE;
   return NoThrow(FALSE, [&] {
-    const std::uint64_t number = hSet->nextNumber;
+    const uint64_t number = hSet->nextNumber;
     const auto added = hSet->entries.emplace(number, Entry{iFD, pfnCallback, pvParam1, pvParam2, nullptr}).first;
     if (!StartWatching(*hSet, number, added->second)) {
       HOST_LOG(3, "%s: cannot add descriptor %d to set \"%s\": %s.\n", szFunction, iFD, hSet->name.c_str(),
@@ -221,7 +221,7 @@ int FDMGR_Select(HFDSET hSet) {
       return 0;
     }
     int dispatched = 0;
-    for (const std::uint64_t number : hSet->numbers) {
+    for (const uint64_t number : hSet->numbers) {
       const auto found = hSet->entries.find(number);
       if (found == hSet->entries.end()) continue;  // removed by a callback of this pass
       const Entry& entry = found->second;          // gone when the callback removes itself

@@ -25,7 +25,7 @@ class FunctionName {
   constexpr const char* Text() const { return m_text.data(); }
 
  private:
-  static constexpr std::size_t kLongest = 95;
+  static constexpr size_t kLongest = 95;
 
   static constexpr std::string_view Read(std::string_view pretty) {
     pretty =

@@ -27,10 +27,10 @@ struct HostCaptureConfig {
     Socket  // datagrams on a local socket: 8 bytes of timestamp, big-endian, then the KLV
   };
   Kind kind = Kind::None;
-  std::string path;        // kMedia: file or URL; kSocket: the socket's path, made by the runtime
-  bool loop = false;       // kMedia: begin again at the end
-  std::string address;     // kAnc: IPv4 group to join, or empty
-  std::uint16_t port = 0;  // kAnc
+  std::string path;     // kMedia: file or URL; kSocket: the socket's path, made by the runtime
+  bool loop = false;    // kMedia: begin again at the end
+  std::string address;  // kAnc: IPv4 group to join, or empty
+  uint16_t port = 0;    // kAnc
 };
 
 // One key of an INI file that the library reads.
@@ -96,7 +96,7 @@ struct HostLogLine {
 void HostRuntime_OnLog(std::function<void(const HostLogLine&)> callback);
 
 // Assertions raised since the process started, also those that the log left out.
-std::uint64_t HostRuntime_AssertionCount();
+uint64_t HostRuntime_AssertionCount();
 
 // --- threads -----------------------------------------------------------------------------------------
 
@@ -104,7 +104,7 @@ struct HostThreadState {
   std::string name;
   bool running = false;  // started and not yet returned
   bool paused = false;   // busy for long on purpose
-  std::uint64_t iterations = 0;
+  uint64_t iterations = 0;
   double secondsSinceSign = 0;  // since it last reported anything
   std::string function;         // last reported place; empty before the first report
   std::string file;
@@ -118,18 +118,18 @@ std::vector<HostThreadState> HostRuntime_Threads();
 
 // Counts of one video input since its capture was started last.
 struct HostCaptureStats {
-  std::uint64_t packets = 0;       // KLV packets queued for the library
-  std::uint64_t bytes = 0;         // in them
-  std::uint64_t taken = 0;         // packets handed to the library
-  std::uint64_t overflows = 0;     // dropped: the queue was full
-  std::uint64_t oversized = 0;     // dropped: larger than the room offered
-  std::uint64_t damaged = 0;       // dropped: no readable KLV, RTP or ancillary packet
-  std::uint64_t badChecksums = 0;  // ancillary packets with a wrong checksum
-  std::uint64_t badParity = 0;     // ancillary packets with a wrong parity bit
-  std::uint64_t lostPackets = 0;   // RTP packets that never came
-  std::uint64_t reordered = 0;     // RTP packets that came out of order and were put right
-  std::uint64_t late = 0;          // RTP packets dropped: repeated, or too late to be put right
-  std::uint64_t incomplete = 0;    // KLV messages dropped because a part was missing
+  uint64_t packets = 0;       // KLV packets queued for the library
+  uint64_t bytes = 0;         // in them
+  uint64_t taken = 0;         // packets handed to the library
+  uint64_t overflows = 0;     // dropped: the queue was full
+  uint64_t oversized = 0;     // dropped: larger than the room offered
+  uint64_t damaged = 0;       // dropped: no readable KLV, RTP or ancillary packet
+  uint64_t badChecksums = 0;  // ancillary packets with a wrong checksum
+  uint64_t badParity = 0;     // ancillary packets with a wrong parity bit
+  uint64_t lostPackets = 0;   // RTP packets that never came
+  uint64_t reordered = 0;     // RTP packets that came out of order and were put right
+  uint64_t late = 0;          // RTP packets dropped: repeated, or too late to be put right
+  uint64_t incomplete = 0;    // KLV messages dropped because a part was missing
 };
 
 // All zero for an input that was never started.

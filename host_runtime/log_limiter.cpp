@@ -6,8 +6,8 @@
 namespace host_runtime {
 namespace {
 
-constexpr std::int64_t kSecond = 1'000'000'000;
-constexpr std::int64_t kSilence = 2 * kSecond;
+constexpr int64_t kSecond = 1'000'000'000;
+constexpr int64_t kSilence = 2 * kSecond;
 
 }  // namespace
 
@@ -18,7 +18,7 @@ void LogLimiter::SetLimit(unsigned burst, unsigned perSecond) {
 }
 
 bool LogLimiter::Allow(std::string_view module, std::string_view file, int line, std::string_view function, int level,
-                       std::int64_t now, std::uint64_t* left) {
+                       int64_t now, uint64_t* left) {
   *left = 0;
   if (m_perSecond == 0) return true;
   auto found = m_buckets.find(Less::View{module, file, line});
@@ -54,7 +54,7 @@ std::vector<LogLimiter::Suppressed> LogLimiter::Pop(Wanted wanted) {
   return taken;
 }
 
-std::vector<LogLimiter::Suppressed> LogLimiter::PopSilent(std::int64_t now) {
+std::vector<LogLimiter::Suppressed> LogLimiter::PopSilent(int64_t now) {
   if (now - m_lastRound < kSecond) return {};
   m_lastRound = now;
   return Pop([now](const Site&, const Bucket& bucket) { return now - bucket.seen >= kSilence; });

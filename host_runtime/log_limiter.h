@@ -23,7 +23,7 @@ class LogLimiter {
     Site site;
     std::string function;
     int level = 0;
-    std::uint64_t count = 0;
+    uint64_t count = 0;
   };
 
   // burst lines at once, then perSecond lines; perSecond 0 turns the limit off.
@@ -32,11 +32,11 @@ class LogLimiter {
   // Whether a line may be written at `now` (nanoseconds, monotonic). When it may, *left gets the number of lines of
   // this site that were left out before it.
   bool Allow(std::string_view module, std::string_view file, int line, std::string_view function, int level,
-             std::int64_t now, std::uint64_t* left);
+             int64_t now, uint64_t* left);
 
   // Takes the counts of sites that fell silent after lines were left out: at most one round a second, or all of
   // a module's sites at once when it closes.
-  std::vector<Suppressed> PopSilent(std::int64_t now);
+  std::vector<Suppressed> PopSilent(int64_t now);
   std::vector<Suppressed> PopModule(std::string_view module);
 
  private:
@@ -44,9 +44,9 @@ class LogLimiter {
     std::string function;
     int level = 0;
     double tokens = 0;
-    std::int64_t filled = 0;  // time of the last filling
-    std::int64_t seen = 0;    // time of the last line, written or not
-    std::uint64_t suppressed = 0;
+    int64_t filled = 0;  // time of the last filling
+    int64_t seen = 0;    // time of the last line, written or not
+    uint64_t suppressed = 0;
   };
   struct Less {
     using is_transparent = void;  // NOLINT(readability-identifier-naming): the name that std::map looks for
@@ -72,7 +72,7 @@ class LogLimiter {
 
   unsigned m_burst = 20;
   unsigned m_perSecond = 10;
-  std::int64_t m_lastRound = 0;
+  int64_t m_lastRound = 0;
   std::map<Site, Bucket, Less> m_buckets;
 };
 

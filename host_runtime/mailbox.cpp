@@ -23,7 +23,7 @@ using common::Mutex;
 // Header and data in one block.
 struct tagHOST_MBOX_MSG {
   MBOX_MSGHEADER header;
-  std::size_t dataSize;
+  size_t dataSize;
   // dataSize bytes follow
 };
 
@@ -40,8 +40,8 @@ struct tagHOST_MBOX {
 
 namespace {
 
-constexpr std::size_t kMessageLimit = 4096;                // messages in one mailbox
-constexpr std::size_t kDataLimit = std::size_t{64} << 20;  // bytes of data in one message
+constexpr size_t kMessageLimit = 4096;           // messages in one mailbox
+constexpr size_t kDataLimit = size_t{64} << 20;  // bytes of data in one message
 
 // The mailboxes by name.
 struct Registry {
@@ -61,7 +61,7 @@ extern "C" {
 BOOL MBOX_CreateMailBox(const MBOX_CONFIG* pConfig, HMBOX* phMBox) {
   if (phMBox == nullptr) return FALSE;
   *phMBox = nullptr;
-  if (pConfig == nullptr || pConfig->nSize != static_cast<int>(sizeof *pConfig) || pConfig->szName == nullptr) {
+  if (pConfig == nullptr || pConfig->nSize != static_cast<int>(sizeof(*pConfig)) || pConfig->szName == nullptr) {
     return FALSE;
   }
   return NoThrow(FALSE, [&] {

@@ -14,15 +14,15 @@
 namespace host_runtime {
 namespace {
 
-constexpr std::int64_t kMs = 1'000'000;
-constexpr std::int64_t kShortest = 100 * kMs;  // samples closer to the last one than this wait for the next
-constexpr std::int64_t kUsual = 1'000 * kMs;
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kShortest = 100 * kMs;  // samples closer to the last one than this wait for the next
+constexpr int64_t kUsual = 1'000 * kMs;
 constexpr double kJump = 8;              // times the fastest interval known: suspect
 constexpr double kFastestFirst = 0.125;  // bytes a nanosecond (1 Gbit/s): suspect also without anything to compare
 
 }  // namespace
 
-RateTable::RateTable(int intervals) : m_limit(static_cast<std::size_t>(std::clamp(intervals, 1, 10'000))) {}
+RateTable::RateTable(int intervals) : m_limit(static_cast<size_t>(std::clamp(intervals, 1, 10'000))) {}
 
 void RateTable::Reset() {
   m_last.reset();
@@ -30,7 +30,7 @@ void RateTable::Reset() {
   m_intervals.clear();
 }
 
-void RateTable::Add(std::uint64_t total, std::int64_t now) {
+void RateTable::Add(uint64_t total, int64_t now) {
   if (!m_last || total < m_last->total) {
     m_last = Sample{total, now};
     m_suspect.reset();
@@ -62,23 +62,22 @@ bool RateTable::IsPlausible(const Interval& interval) const {
   return interval.Speed() < (fastest == 0 ? kFastestFirst : fastest * kJump);
 }
 
-std::int64_t RateTable::Span() const {
-  return std::accumulate(m_intervals.begin(), m_intervals.end(), std::int64_t{0},
-                         [](std::int64_t sum, const Interval& interval) { return sum + interval.time; });
+int64_t RateTable::Span() const {
+  return std::accumulate(m_intervals.begin(), m_intervals.end(), int64_t{0},
+                         [](int64_t sum, const Interval& interval) { return sum + interval.time; });
 }
 
-std::uint32_t RateTable::Rate(std::int64_t now) const {
+uint32_t RateTable::Rate(int64_t now) const {
   if (m_intervals.empty()) return 0;
-  const std::int64_t span = Span();
-  const std::int64_t usual = std::max(kUsual, span / static_cast<std::int64_t>(m_intervals.size()));
-  const std::int64_t idle = now - m_last->time;
+  const int64_t span = Span();
+  const int64_t usual = std::max(kUsual, span / static_cast<int64_t>(m_intervals.size()));
+  const int64_t idle = now - m_last->time;
   if (idle >= 5 * usual) return 0;
   double bytes = 0;
   for (const Interval& interval : m_intervals) bytes += static_cast<double>(interval.bytes);
-  const std::int64_t time = idle > 2 * usual ? span + idle : span;
+  const int64_t time = idle > 2 * usual ? span + idle : span;
   const double rate = bytes * 8e6 / static_cast<double>(time);
-  return static_cast<std::uint32_t>(
-      std::min(std::round(rate), static_cast<double>(std::numeric_limits<std::uint32_t>::max())));
+  return static_cast<uint32_t>(std::min(std::round(rate), static_cast<double>(std::numeric_limits<uint32_t>::max())));
 }
 
 }  // namespace host_runtime

@@ -17,27 +17,27 @@ class RateTable {
  public:
   explicit RateTable(int intervals);
 
-  void Add(std::uint64_t total, std::int64_t now);
+  void Add(uint64_t total, int64_t now);
   // kbit/s, rounded to nearest. Nothing added for two usual intervals lets it sink, for five it is 0.
-  std::uint32_t Rate(std::int64_t now) const;
+  uint32_t Rate(int64_t now) const;
   void Reset();
 
  private:
   struct Sample {
-    std::uint64_t total;
-    std::int64_t time;
+    uint64_t total;
+    int64_t time;
   };
   struct Interval {
-    std::uint64_t bytes;
-    std::int64_t time;
+    uint64_t bytes;
+    int64_t time;
     double Speed() const { return static_cast<double>(bytes) / static_cast<double>(time); }
   };
 
   void Keep(const Interval& interval);
   bool IsPlausible(const Interval& interval) const;
-  std::int64_t Span() const;
+  int64_t Span() const;
 
-  std::size_t m_limit;
+  size_t m_limit;
   std::optional<Sample> m_last;
   std::optional<Interval> m_suspect;
   std::deque<Interval> m_intervals;

@@ -27,10 +27,10 @@ HDBG CaptureModule();  // "KLVCAPTURE"
 // Takes a new configuration into the log. False and *error when the log file cannot be opened.
 bool ApplyLogConfig(const HostRuntimeConfig& config, std::string* error);
 
-inline std::int64_t MonotonicNs() {
+inline int64_t MonotonicNs() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+  return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
 // Runs a service's body. The callers are C: what the standard library throws (there is no memory) becomes

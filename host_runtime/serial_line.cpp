@@ -19,15 +19,15 @@
 namespace host_runtime {
 namespace {
 
-constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr int64_t kSecond = 1'000'000'000;
 // What is written half a second after a device is back is to arrive, so the device has to be open by then.
-constexpr std::int64_t kRetry = kSecond / 4;
+constexpr int64_t kRetry = kSecond / 4;
 // More is left to the device's own buffer and its flow control.
-constexpr std::size_t kMostHeld = 4096;
+constexpr size_t kMostHeld = 4096;
 
 }  // namespace
 
-bool LossLimit::Allow(std::int64_t now) {
+bool LossLimit::Allow(int64_t now) {
   const double gained = static_cast<double>(now - m_filled) / static_cast<double>(kSecond);
   m_tokens = std::min(kBurst, m_tokens + std::max(gained, 0.0));
   m_filled = now;
@@ -36,10 +36,10 @@ bool LossLimit::Allow(std::int64_t now) {
   return true;
 }
 
-SerialLine::SerialLine(int fd, const SerialDevice& device, int epoll, std::uint64_t tag)
+SerialLine::SerialLine(int fd, const SerialDevice& device, int epoll, uint64_t tag)
     : m_fd(fd), m_is(device), m_epoll(epoll), m_tag(tag), m_pieces(CharacterTime(*device.settings)) {}
 
-std::unique_ptr<SerialLine> SerialLine::Attach(int fd, const SerialDevice& device, int epoll, std::uint64_t tag) {
+std::unique_ptr<SerialLine> SerialLine::Attach(int fd, const SerialDevice& device, int epoll, uint64_t tag) {
   auto line = std::unique_ptr<SerialLine>(new SerialLine(fd, device, epoll, tag));
   if (line->ReplaceDescriptor()) return line;
   const int error = errno;
@@ -107,21 +107,21 @@ void SerialLine::Abandon() {
   m_device.Reset();
 }
 
-void SerialLine::Read(std::int64_t now) {
+void SerialLine::Read(int64_t now) {
   if (!IsAttached()) Abandon();
   if (!m_device.IsOpen()) return;
-  std::array<std::uint8_t, 4096> buffer;
+  std::array<uint8_t, 4096> buffer;
   const ssize_t got = read(m_device.Get(), buffer.data(), buffer.size());
   if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
   if (got <= 0) {
     LoseDevice(now);
     return;
   }
-  m_pieces.Push({buffer.data(), static_cast<std::size_t>(got)}, now);
+  m_pieces.Push({buffer.data(), static_cast<size_t>(got)}, now);
   if (m_pieces.Held() >= kMostHeld) Unwatch();
 }
 
-bool SerialLine::Offer(std::int64_t now) {
+bool SerialLine::Offer(int64_t now) {
   if (m_abandoned) return false;
   if (!m_device.IsOpen() && now >= m_nextTry) TryDevice(now);
   if (HasUnread()) return true;
@@ -138,14 +138,14 @@ bool SerialLine::Offer(std::int64_t now) {
   return true;
 }
 
-std::int64_t SerialLine::Due() const {
+int64_t SerialLine::Due() const {
   if (m_abandoned) return SerialPieces::kNever;
   if (HasUnread()) return 0;
-  const std::int64_t due = m_pieces.Due();
+  const int64_t due = m_pieces.Due();
   return !m_device.IsOpen() ? std::min(due, m_nextTry) : due;
 }
 
-void SerialLine::LoseDevice(std::int64_t now) {
+void SerialLine::LoseDevice(int64_t now) {
   Unwatch();
   m_device.Reset();
   m_pieces.Interrupt();
@@ -156,7 +156,7 @@ void SerialLine::LoseDevice(std::int64_t now) {
 
 // A loss that was not told leaves the log with "is back" as its last word; it is told as soon as that may be, if the
 // device is still away then.
-void SerialLine::ReportLoss(std::int64_t now) {
+void SerialLine::ReportLoss(int64_t now) {
   if (!m_limit.Allow(now)) return;
   m_lossTold = true;
   if (m_untold != 0) {
@@ -166,7 +166,7 @@ void SerialLine::ReportLoss(std::int64_t now) {
   HOST_LOG(4, "Serial device \"%s\" is gone; waiting for it to come back.\n", m_is.path.c_str());
 }
 
-void SerialLine::TryDevice(std::int64_t now) {
+void SerialLine::TryDevice(int64_t now) {
   m_nextTry = now + kRetry;
   if (!m_lossTold) ReportLoss(now);
   m_device = OpenDevice(m_is.path);

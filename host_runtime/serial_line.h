@@ -22,12 +22,12 @@ namespace host_runtime {
 class LossLimit {
  public:
   // Whether a loss at `now` is told.
-  bool Allow(std::int64_t now);
+  bool Allow(int64_t now);
 
  private:
   static constexpr double kBurst = 20;
   double m_tokens = kBurst;
-  std::int64_t m_filled = 0;
+  int64_t m_filled = 0;
 };
 
 // Belongs to the thread that selects. All times are MonotonicNs().
@@ -35,36 +35,36 @@ class SerialLine {
  public:
   // Puts the line's stream behind fd; the device's events come from `epoll` under `tag`. Null with errno when the system
   // has no descriptors left: everything is then as it was.
-  static std::unique_ptr<SerialLine> Attach(int fd, const SerialDevice& device, int epoll, std::uint64_t tag);
+  static std::unique_ptr<SerialLine> Attach(int fd, const SerialDevice& device, int epoll, uint64_t tag);
   ~SerialLine();
   SerialLine(const SerialLine&) = delete;
   SerialLine& operator=(const SerialLine&) = delete;
 
   // The device has bytes or has hung up.
-  void Read(std::int64_t now);
+  void Read(int64_t now);
   // Brings back a device that is away, and puts the next piece behind the descriptor when it is due. True while the
   // descriptor has something to read.
-  bool Offer(std::int64_t now);
+  bool Offer(int64_t now);
   // When Offer is to be called next, if the device says nothing; SerialPieces::kNever for never.
-  std::int64_t Due() const;
+  int64_t Due() const;
   // Whether the descriptor is still the one that was attached. Its owner should not have closed it.
   bool IsAttached() const;
 
  private:
-  SerialLine(int fd, const SerialDevice& device, int epoll, std::uint64_t tag);
+  SerialLine(int fd, const SerialDevice& device, int epoll, uint64_t tag);
   bool ReplaceDescriptor();
   bool Watch();
   void Unwatch();
   void Abandon();
   bool HasUnread() const;
-  void LoseDevice(std::int64_t now);
-  void TryDevice(std::int64_t now);
-  void ReportLoss(std::int64_t now);
+  void LoseDevice(int64_t now);
+  void TryDevice(int64_t now);
+  void ReportLoss(int64_t now);
 
   const int m_fd;  // the library's
   const SerialDevice m_is;
   const int m_epoll;
-  const std::uint64_t m_tag;
+  const uint64_t m_tag;
   SerialPieces m_pieces;
 
   common::OwnedFD m_feed;    // the other end of the stream behind m_fd
@@ -74,7 +74,7 @@ class SerialLine {
   bool m_watched = false;    // m_device is in m_epoll
   bool m_abandoned = false;  // m_fd was closed: nothing more happens here
 
-  std::int64_t m_nextTry = 0;
+  int64_t m_nextTry = 0;
   LossLimit m_limit;
   bool m_lossTold = false;  // of the loss that lasts
   unsigned m_untold = 0;    // losses that were over before they could be told

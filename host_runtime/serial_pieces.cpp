@@ -6,60 +6,60 @@
 namespace host_runtime {
 namespace {
 
-constexpr std::int64_t kMs = 1'000'000;
+constexpr int64_t kMs = 1'000'000;
 
 // In characters. Ports with a buffer hand their bytes on in lots, mostly of up to 14, so that a line that runs shows such
 // pauses. A piece that is long enough does no harm when it is cut there, a short one might.
-constexpr std::int64_t kPause = 16;
-constexpr std::int64_t kShortPause = 20;
-constexpr std::int64_t kGap = 64;
+constexpr int64_t kPause = 16;
+constexpr int64_t kShortPause = 20;
+constexpr int64_t kGap = 64;
 
 // A sender that is not scheduled for a moment pauses too, whatever its rate.
-constexpr std::int64_t kLeastShortPause = 20 * kMs;
+constexpr int64_t kLeastShortPause = 20 * kMs;
 // Two short pieces in a row are what loses a key: the second one waits as long as the decoder's patience allows.
-constexpr std::int64_t kMostShortPause = 250 * kMs;
-constexpr std::int64_t kMostHolding = 1'000 * kMs;
+constexpr int64_t kMostShortPause = 250 * kMs;
+constexpr int64_t kMostHolding = 1'000 * kMs;
 
 // Behind this silence the decoder gives an unfinished message up, and the piece that comes then with it.
-constexpr std::int64_t kDecoderPatience = 520 * kMs;
+constexpr int64_t kDecoderPatience = 520 * kMs;
 
 // Neither a sync pattern nor the rest of one, no designator, and no length: whatever the decoder waits for ends here.
 constexpr auto kFiller = [] {
-  std::array<std::uint8_t, SerialPieces::kShortest> filler{};
+  std::array<uint8_t, SerialPieces::kShortest> filler{};
   filler.fill(0xFF);
   return filler;
 }();
 
 }  // namespace
 
-SerialPieces::SerialPieces(std::int64_t character)
+SerialPieces::SerialPieces(int64_t character)
     : m_pause(kPause * character),
       m_shortPause(std::clamp(kShortPause * character, kLeastShortPause, kMostShortPause)),
       m_gap(kGap * character),
-      m_longest(std::min(static_cast<std::int64_t>(kGood) * character, kMostHolding)) {}
+      m_longest(std::min(static_cast<int64_t>(kGood) * character, kMostHolding)) {}
 
-void SerialPieces::Push(std::span<const std::uint8_t> bytes, std::int64_t now) {
+void SerialPieces::Push(std::span<const uint8_t> bytes, int64_t now) {
   if (bytes.empty()) return;
   if (Held() == 0 && now - m_lastByte >= m_gap) m_running = false;
   if (Held() == m_due) m_firstByte = now;
   m_lastByte = now;
-  m_bytes.erase(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(m_begin));
+  m_bytes.erase(m_bytes.begin(), m_bytes.begin() + static_cast<ptrdiff_t>(m_begin));
   m_begin = 0;
   m_bytes.insert(m_bytes.end(), bytes.begin(), bytes.end());
 }
 
-std::int64_t SerialPieces::WhenRipe() const {
-  const std::size_t held = Held();
+int64_t SerialPieces::WhenRipe() const {
+  const size_t held = Held();
   if (held < kShortest) return m_lastByte + (m_lastWasShort ? kMostShortPause : m_shortPause);
   if (held >= kGood || m_running) return m_lastByte;
   return std::min(m_lastByte + m_pause, m_firstByte + m_longest);
 }
 
-std::int64_t SerialPieces::WhenFiller() const {
+int64_t SerialPieces::WhenFiller() const {
   return m_lastPiece + kDecoderPatience;
 }
 
-std::int64_t SerialPieces::Due() const {
+int64_t SerialPieces::Due() const {
   if (Held() == 0) return kNever;
   if (m_due != 0) return m_lastByte;
   return m_fillerNeeded ? WhenFiller() : WhenRipe();
@@ -71,7 +71,7 @@ void SerialPieces::MakeDue() {
   m_running = true;
 }
 
-std::span<const std::uint8_t> SerialPieces::Next(std::int64_t now) {
+std::span<const uint8_t> SerialPieces::Next(int64_t now) {
   m_fillerNext = false;
   if (Due() > now) return {};
   if (m_due == 0 && m_fillerNeeded) {
@@ -80,18 +80,18 @@ std::span<const std::uint8_t> SerialPieces::Next(std::int64_t now) {
   }
   if (m_due == 0) MakeDue();
   // As even as it goes, so that no short rest stays behind.
-  const std::size_t pieces = (m_due + kLargest - 1) / kLargest;
+  const size_t pieces = (m_due + kLargest - 1) / kLargest;
   return {m_bytes.data() + m_begin, (m_due + pieces - 1) / pieces};
 }
 
-void SerialPieces::Pop(std::int64_t now) {
+void SerialPieces::Pop(int64_t now) {
   m_lastPiece = now;
   if (m_fillerNext) {
     m_fillerNext = m_fillerNeeded = m_handedOut = false;
     return;
   }
-  const std::size_t pieces = (m_due + kLargest - 1) / kLargest;
-  const std::size_t size = (m_due + pieces - 1) / pieces;
+  const size_t pieces = (m_due + kLargest - 1) / kLargest;
+  const size_t size = (m_due + pieces - 1) / pieces;
   m_begin += size;
   m_due -= size;
   m_handedOut = true;

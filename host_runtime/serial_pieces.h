@@ -18,49 +18,48 @@ namespace host_runtime {
 // Not locked: belongs to the thread that selects. All times are nanoseconds of one clock.
 class SerialPieces {
  public:
-  static constexpr std::size_t kShortest = 16;  // a key's size: two such pieces in a row never leave a key short
-  static constexpr std::size_t kLargest =
-      48;                                    // what the library reads at once; it sees the pieces as they are cut here
-  static constexpr std::size_t kGood = 256;  // no waiting with so much at hand
-  static constexpr std::int64_t kNever = std::numeric_limits<std::int64_t>::max();
+  static constexpr size_t kShortest = 16;  // a key's size: two such pieces in a row never leave a key short
+  static constexpr size_t kLargest = 48;   // what the library reads at once; it sees the pieces as they are cut here
+  static constexpr size_t kGood = 256;     // no waiting with so much at hand
+  static constexpr int64_t kNever = std::numeric_limits<int64_t>::max();
 
   // `character` is the time of one character with its start, parity and stop bits.
-  explicit SerialPieces(std::int64_t character);
+  explicit SerialPieces(int64_t character);
 
-  void Push(std::span<const std::uint8_t> bytes, std::int64_t now);
-  std::size_t Held() const { return m_bytes.size() - m_begin; }
+  void Push(std::span<const uint8_t> bytes, int64_t now);
+  size_t Held() const { return m_bytes.size() - m_begin; }
 
   // The next piece at `now`; empty when none is due. It stays the next one until Pop() says that it was handed out.
-  std::span<const std::uint8_t> Next(std::int64_t now);
-  void Pop(std::int64_t now);
+  std::span<const uint8_t> Next(int64_t now);
+  void Pop(int64_t now);
   // When a piece will be due if no byte comes any more; in the past when one is due already.
-  std::int64_t Due() const;
+  int64_t Due() const;
 
   // The device went away: what is held is due, and what comes from now on begins anew. A message that was cut would make
   // the decoder throw the first piece of the next one away, so a filler without meaning goes ahead of it.
   void Interrupt();
 
  private:
-  std::int64_t WhenRipe() const;
-  std::int64_t WhenFiller() const;
+  int64_t WhenRipe() const;
+  int64_t WhenFiller() const;
   void MakeDue();
 
-  const std::int64_t m_pause;       // the line is quiet: a piece of kShortest bytes or more goes
-  const std::int64_t m_shortPause;  // the same for a shorter one
-  const std::int64_t m_gap;         // so long a silence that what follows is a new burst
-  const std::int64_t m_longest;     // that the beginning of a burst is held
+  const int64_t m_pause;       // the line is quiet: a piece of kShortest bytes or more goes
+  const int64_t m_shortPause;  // the same for a shorter one
+  const int64_t m_gap;         // so long a silence that what follows is a new burst
+  const int64_t m_longest;     // that the beginning of a burst is held
 
-  std::vector<std::uint8_t> m_bytes;  // from m_begin on
-  std::size_t m_begin = 0;
-  std::size_t m_due = 0;         // bytes that may go
-  bool m_running = false;        // the burst's beginning was handed out
-  bool m_lastWasShort = false;   // of the last bytes that were let go
-  bool m_handedOut = false;      // anything since the last filler
-  bool m_fillerNeeded = false;   // before the next byte
-  bool m_fillerNext = false;     // the piece that Next() gave is the filler
-  std::int64_t m_firstByte = 0;  // of those that may not go yet
-  std::int64_t m_lastByte = 0;   // that came
-  std::int64_t m_lastPiece = 0;  // that was handed out
+  std::vector<uint8_t> m_bytes;  // from m_begin on
+  size_t m_begin = 0;
+  size_t m_due = 0;             // bytes that may go
+  bool m_running = false;       // the burst's beginning was handed out
+  bool m_lastWasShort = false;  // of the last bytes that were let go
+  bool m_handedOut = false;     // anything since the last filler
+  bool m_fillerNeeded = false;  // before the next byte
+  bool m_fillerNext = false;    // the piece that Next() gave is the filler
+  int64_t m_firstByte = 0;      // of those that may not go yet
+  int64_t m_lastByte = 0;       // that came
+  int64_t m_lastPiece = 0;      // that was handed out
 };
 
 }  // namespace host_runtime

@@ -180,7 +180,7 @@ std::optional<SerialDevice> PopDevice(int fd) {
   return device;
 }
 
-std::int64_t CharacterTime(const termios& settings) {
+int64_t CharacterTime(const termios& settings) {
   constexpr int kUsualRate = 9600;
   const speed_t code = cfgetispeed(&settings);
   const auto* const baud =
@@ -189,7 +189,7 @@ std::int64_t CharacterTime(const termios& settings) {
   const tcflag_t size = settings.c_cflag & CSIZE;
   int bits = size == CS5 ? 5 : size == CS6 ? 6 : size == CS7 ? 7 : 8;
   bits += 1 + (settings.c_cflag & PARENB ? 1 : 0) + (settings.c_cflag & CSTOPB ? 2 : 1);
-  return std::int64_t{1'000'000'000} * bits / rate;
+  return int64_t{1'000'000'000} * bits / rate;
 }
 
 }  // namespace host_runtime

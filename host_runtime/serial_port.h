@@ -27,7 +27,7 @@ void RememberDevice(int fd, const SerialDevice& device);
 std::optional<SerialDevice> PopDevice(int fd);
 
 // Nanoseconds of one character with its start, parity and stop bits.
-std::int64_t CharacterTime(const termios& settings);
+int64_t CharacterTime(const termios& settings);
 
 }  // namespace host_runtime
 

@@ -32,10 +32,10 @@ class Socket {
   int Get() const { return m_fd.Get(); }
   // Gives up ownership: the caller closes the descriptor.
   [[nodiscard]] int Release() { return m_fd.Release(); }
-  bool Set(int level, int option, int value) { return setsockopt(Get(), level, option, &value, sizeof value) == 0; }
+  bool Set(int level, int option, int value) { return setsockopt(Get(), level, option, &value, sizeof(value)) == 0; }
   template <typename Address>
   bool Bind(const Address& address) {
-    return bind(Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return bind(Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
   }
 
  private:
@@ -51,7 +51,7 @@ bool JoinOn(Socket& socket, in_addr group, int interface) {
   ip_mreqn request{};
   request.imr_multiaddr = group;
   request.imr_ifindex = interface;
-  return setsockopt(socket.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof request) == 0;
+  return setsockopt(socket.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request)) == 0;
 }
 
 // Joins on the interface that the configuration names; otherwise on the one the routing table gives, and on the
@@ -79,7 +79,7 @@ BOOL CreateUDPRxSocket(USHORT usPort, const BYTE* acAddress, int* piFD) {
   *piFD = -1;
   return NoThrow(FALSE, [&] {
     in_addr address{};
-    if (acAddress != nullptr) memcpy(&address, acAddress, sizeof address);
+    if (acAddress != nullptr) memcpy(&address, acAddress, sizeof(address));
     const bool bMulticast = IN_MULTICAST(ntohl(address.s_addr));
     Socket socket(AF_INET);
     if (!socket.IsOpen()) return Fail("no socket", usPort);
@@ -135,13 +135,13 @@ char* GetSockAddressString(const struct sockaddr_storage* pAddress, char* szBuff
   char szText[INET6_ADDRSTRLEN];
   if (pAddress != nullptr && pAddress->ss_family == AF_INET) {
     sockaddr_in address;
-    memcpy(&address, pAddress, sizeof address);
-    GetIPAddressString(AF_INET, &address.sin_addr, szText, sizeof szText);
+    memcpy(&address, pAddress, sizeof(address));
+    GetIPAddressString(AF_INET, &address.sin_addr, szText, sizeof(szText));
     PrintToString(szBuffer, nSize, "%s:%u", szText, static_cast<unsigned>(ntohs(address.sin_port)));
   } else if (pAddress != nullptr && pAddress->ss_family == AF_INET6) {
     sockaddr_in6 address;
-    memcpy(&address, pAddress, sizeof address);
-    GetIPAddressString(AF_INET6, &address.sin6_addr, szText, sizeof szText);
+    memcpy(&address, pAddress, sizeof(address));
+    GetIPAddressString(AF_INET6, &address.sin6_addr, szText, sizeof(szText));
     PrintToString(szBuffer, nSize, "[%s]:%u", szText, static_cast<unsigned>(ntohs(address.sin6_port)));
   } else {
     CopyString(szBuffer, "?", nSize);

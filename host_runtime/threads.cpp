@@ -47,7 +47,7 @@ struct tagHOST_THREAD {
 
   Mutex watchLock;  // leaf
   HostThreadState watch GUARDED_BY(watchLock);
-  std::int64_t lastSign GUARDED_BY(watchLock) = MonotonicNs();
+  int64_t lastSign GUARDED_BY(watchLock) = MonotonicNs();
 };
 
 namespace {
@@ -109,7 +109,7 @@ bool CreateWith(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
   int nResult = pthread_attr_init(&attributes);
   if (nResult == 0 && nStackSize != 0) {
     nResult = pthread_attr_setstacksize(
-        &attributes, std::max(static_cast<std::size_t>(nStackSize), static_cast<std::size_t>(PTHREAD_STACK_MIN)));
+        &attributes, std::max(static_cast<size_t>(nStackSize), static_cast<size_t>(PTHREAD_STACK_MIN)));
   }
   if (nResult == 0 && nPriority != 0) {
     sched_param parameters{};
@@ -147,7 +147,7 @@ bool Create(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
 
 std::vector<HostThreadState> HostRuntime_Threads() {
   const Lock guard(Threads().lock);
-  const std::int64_t now = MonotonicNs();
+  const int64_t now = MonotonicNs();
   std::vector<HostThreadState> all;
   for (const HTHREAD hThread : Threads().threads) {
     const Lock watchGuard(hThread->watchLock);

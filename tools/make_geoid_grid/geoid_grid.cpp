@@ -23,7 +23,7 @@ namespace {
 
 constexpr int kGtxColumns = 1440;
 constexpr int kGtxGreenwich = 720;  // column of longitude 0: the first one is 180 W
-constexpr std::size_t kGtxSize = 40 + std::size_t{kRows} * kGtxColumns * sizeof(float);
+constexpr size_t kGtxSize = 40 + size_t{kRows} * kGtxColumns * sizeof(float);
 
 // No geoid height of EGM96 lies outside.
 constexpr float kLowest = -110.0f;
@@ -47,10 +47,10 @@ Grid ParseGtx(std::string_view data) {
   }
   Grid grid{.form = "GTX grid", .values = {}};
   grid.values.reserve(kValues);
-  for (int row = 0; row < kRows; row++) {
-    for (int column = 0; column < kColumns; column++) {
+  for (int row = 0; row < kRows; ++row) {
+    for (int column = 0; column < kColumns; ++column) {
       const int from = (kRows - 1 - row) * kGtxColumns + (column + kGtxGreenwich) % kGtxColumns;
-      grid.values.push_back(input->heights[static_cast<std::size_t>(from)]);
+      grid.values.push_back(input->heights[static_cast<size_t>(from)]);
     }
   }
   return grid;
@@ -60,8 +60,8 @@ std::vector<float> ParseNumbers(std::string_view data) {
   constexpr std::string_view kBlanks = " \t\r\n\v\f";
   std::vector<float> numbers;
   numbers.reserve(kValues + 6);
-  for (std::size_t at = data.find_first_not_of(kBlanks); at != std::string_view::npos;) {
-    const std::size_t end = std::min(data.find_first_of(kBlanks, at), data.size());
+  for (size_t at = data.find_first_not_of(kBlanks); at != std::string_view::npos;) {
+    const size_t end = std::min(data.find_first_of(kBlanks, at), data.size());
     const std::string_view token = data.substr(at, end - at);
     float number = 0;
     const auto [stop, error] = std::from_chars(token.data(), token.data() + token.size(), number);
@@ -93,14 +93,14 @@ Grid ParseText(std::string_view data) {
 }
 
 void Check(const Grid& grid) {
-  for (int i = 0; i < kValues; i++) {
-    const float value = grid.values[static_cast<std::size_t>(i)];
+  for (int i = 0; i < kValues; ++i) {
+    const float value = grid.values[static_cast<size_t>(i)];
     if (!(value >= kLowest && value <= kHighest)) {
       throw GridError("row " + std::to_string(i / kColumns) + ", column " + std::to_string(i % kColumns) + " is " +
                       std::to_string(value) + ": no height of this geoid");
     }
   }
-  for (std::size_t row = 0; row < kRows; row++) {
+  for (size_t row = 0; row < kRows; ++row) {
     if (grid.values[row * kColumns] != grid.values[row * kColumns + kColumns - 1]) {
       throw GridError("row " + std::to_string(row) + " does not repeat its first value at 360 E");
     }
@@ -112,11 +112,11 @@ void Check(const Grid& grid) {
 }
 
 void WriteAll(int fd, const std::string& text, const std::string& path) {
-  for (std::size_t written = 0; written < text.size();) {
+  for (size_t written = 0; written < text.size();) {
     const ssize_t step = write(fd, text.data() + written, text.size() - written);
     if (step < 0 && errno == EINTR) continue;
     if (step < 0) ThrowSystemError(path);
-    written += static_cast<std::size_t>(step);
+    written += static_cast<size_t>(step);
   }
   if (fchmod(fd, 0644) != 0 || fsync(fd) != 0) ThrowSystemError(path);
 }
@@ -133,13 +133,13 @@ std::string FormatGrid(const Grid& grid) {
   constexpr int kPerLine = 8;
   std::string text;
   text.reserve(grid.values.size() * 13);
-  for (std::size_t i = 0; i < grid.values.size(); i++) {
+  for (size_t i = 0; i < grid.values.size(); ++i) {
     std::array<char, 32> number;
     const auto end =
         std::to_chars(number.begin(), number.end(), static_cast<double>(grid.values[i]), std::chars_format::general, 9)
             .ptr;
     text.append(number.data(), end);
-    const std::size_t column = i % kColumns;
+    const size_t column = i % kColumns;
     text += column % kPerLine == kPerLine - 1 || column == kColumns - 1 ? '\n' : ' ';
     if (column == kColumns - 1) text += '\n';
   }

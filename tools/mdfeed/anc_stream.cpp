@@ -12,9 +12,9 @@ namespace mdfeed {
 namespace {
 
 // The packet's checksum with its lowest bit turned.
-void SpoilChecksum(Bytes& packed, std::size_t userWords) {
-  const std::size_t bit = 32 + 10 * (3 + userWords) + 9;  // behind position, DID, SDID and data count
-  packed[bit / 8] ^= static_cast<std::uint8_t>(0x80u >> (bit % 8));
+void SpoilChecksum(Bytes& packed, size_t userWords) {
+  const size_t bit = 32 + 10 * (3 + userWords) + 9;  // behind position, DID, SDID and data count
+  packed[bit / 8] ^= static_cast<uint8_t>(0x80u >> (bit % 8));
 }
 
 class AncStream : public Traffic {
@@ -34,11 +34,11 @@ class AncStream : public Traffic {
           Send(packets, std::exchange(payload, {}), std::exchange(count, 0u), false);
         }
         payload.insert(payload.end(), anc.begin(), anc.end());
-        count++;
+        ++count;
       }
     }
     Send(packets, payload, count, true);
-    m_tick++;
+    ++m_tick;
     return packets;
   }
 
@@ -46,7 +46,7 @@ class AncStream : public Traffic {
   bool Chance(double percent) { return static_cast<double>(m_random() % 10'000) < percent * 100.0; }
 
   std::vector<Bytes> Cut(const Bytes& message) {
-    m_messageNumber = m_messageNumber == 255 ? std::uint8_t{1} : static_cast<std::uint8_t>(m_messageNumber + 1);
+    m_messageNumber = m_messageNumber == 255 ? uint8_t{1} : static_cast<uint8_t>(m_messageNumber + 1);
     std::vector<Bytes> packets;
     for (const anc_klv::AncPacket& packet : anc_klv::SplitKlv(message, m_messageNumber)) {
       packets.push_back(anc_klv::PackAnc(packet));
@@ -55,21 +55,21 @@ class AncStream : public Traffic {
     return packets;
   }
 
-  std::uint32_t Timestamp() const {
-    const auto us = static_cast<std::int64_t>(std::llround(static_cast<double>(m_tick) * 1e6 / m_options.rate));
-    const auto all = static_cast<std::uint64_t>(m_options.startUs + us);
-    return static_cast<std::uint32_t>(all / 1'000'000 * 90'000 + all % 1'000'000 * 9 / 100);
+  uint32_t Timestamp() const {
+    const auto us = static_cast<int64_t>(std::llround(static_cast<double>(m_tick) * 1e6 / m_options.rate));
+    const auto all = static_cast<uint64_t>(m_options.startUs + us);
+    return static_cast<uint32_t>(all / 1'000'000 * 90'000 + all % 1'000'000 * 9 / 100);
   }
 
   void Send(Batch& packets, const Bytes& ancPackets, unsigned count, bool marker) {
     anc_klv::RtpHeader header;
     header.marker = marker;
-    header.payloadType = static_cast<std::uint8_t>(m_options.payloadType);
+    header.payloadType = static_cast<uint8_t>(m_options.payloadType);
     header.sequence = m_sequence;
     header.timestamp = Timestamp();
     header.source = 0x6D646664u + m_options.seed;
-    Bytes packet = anc_klv::PackRtp(header, ancPackets, static_cast<std::uint8_t>(count));
-    m_sequence++;
+    Bytes packet = anc_klv::PackRtp(header, ancPackets, static_cast<uint8_t>(count));
+    ++m_sequence;
     if (Chance(m_options.loss)) return;
     if (!m_held && Chance(m_options.reorder)) {
       m_held = std::move(packet);
@@ -89,9 +89,9 @@ class AncStream : public Traffic {
   AncOptions m_options;
   std::minstd_rand m_random;
   std::optional<Bytes> m_held;
-  std::uint32_t m_sequence = 0;
-  std::uint64_t m_tick = 0;
-  std::uint8_t m_messageNumber = 0;
+  uint32_t m_sequence = 0;
+  uint64_t m_tick = 0;
+  uint8_t m_messageNumber = 0;
 };
 
 }  // namespace

@@ -10,16 +10,16 @@
 namespace mdfeed {
 
 struct AncOptions {
-  double rate = 10;          // ticks per second, for the timestamps
-  std::int64_t startUs = 0;  // UTC of the first tick
+  double rate = 10;     // ticks per second, for the timestamps
+  int64_t startUs = 0;  // UTC of the first tick
   int payloadType = 112;
   double loss = 0;         // percent of RTP packets not sent
   double reorder = 0;      // percent of RTP packets sent behind their successor
   double badChecksum = 0;  // percent of ancillary packets with a wrong checksum
-  std::uint32_t seed = 1;
+  uint32_t seed = 1;
 };
 
-inline constexpr std::size_t kLargestRtpPacket = 1'400;
+inline constexpr size_t kLargestRtpPacket = 1'400;
 
 // Sends every message of another traffic in ancillary packets; those of one tick share a timestamp of 90 kHz, and the
 // last RTP packet of a tick has the marker.

@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* kVersion = "mdfeed " MDFEED_VERSION;
 constexpr double kMaxRate = 100'000;
-constexpr std::size_t kMaxChunk = 65'507;  // the largest datagram
+constexpr size_t kMaxChunk = 65'507;  // the largest datagram
 
 // Options whose text is read after the command line as a whole is right.
 struct Texts {
@@ -81,7 +81,7 @@ void AddKlv(CLI::App& app, Arguments& args, Texts& texts) {
   AddFile(app, args, "a recorded KLV stream, sent message by message");
   app.add_option("--chunk", args.chunk, "send pieces of at most so many bytes instead, whatever is in them")
       ->group("Input")
-      ->check(CLI::Range(std::size_t{1}, kMaxChunk));
+      ->check(CLI::Range(size_t{1}, kMaxChunk));
   AddFlight(app, args);
   AddDestination(app, args, texts);
   AddPace(app, args, "messages (or pieces of a file)");

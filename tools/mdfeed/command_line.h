@@ -21,10 +21,10 @@ struct Arguments {
   Command command = Command::Klv;
   // What.
   bool simulate = false;
-  std::string file;       // unless simulated
-  unsigned repeat = 1;    // rounds of the file; 0: for ever
-  std::size_t chunk = 0;  // bytes; 0: one message at a time
-  std::uint32_t seed = 1;
+  std::string file;     // unless simulated
+  unsigned repeat = 1;  // rounds of the file; 0: for ever
+  size_t chunk = 0;     // bytes; 0: one message at a time
+  uint32_t seed = 1;
   std::string start;      // of the flight; empty: now
   std::string geoidGrid;  // GTX file; empty: the usual one if it is there
   CotOptions cot;

@@ -7,7 +7,7 @@
 namespace mdfeed {
 namespace {
 
-constexpr std::int64_t kStaleAfterUs = 5'000'000;
+constexpr int64_t kStaleAfterUs = 5'000'000;
 constexpr const char* kModels[] = {"EO Nose", "IR Nose", "EO Wide", "LRF"};
 
 // Appends formatted text, with a decimal point whatever the locale: this program never changes it.
@@ -21,7 +21,7 @@ __attribute__((format(printf, 2, 3))) void Append(std::string& text, const char*
 }
 
 // The event's start tag. The time comes before whatever could be mistaken for it.
-std::string StartEvent(const std::string& uid, const char* type, std::int64_t timeUs, std::int64_t startUs) {
+std::string StartEvent(const std::string& uid, const char* type, int64_t timeUs, int64_t startUs) {
   std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n";
   Append(text, "<event version=\"2.0\" uid=\"%s\" type=\"%s\" ", uid.c_str(), type);
   Append(text, "time=\"%s\" ", FormatTime(timeUs).c_str());
@@ -36,7 +36,7 @@ CotWriter::CotWriter(const CotOptions& options) : m_options(options), m_random(o
 
 CotPair CotWriter::Write(const FlightState& state) {
   const auto choices = static_cast<unsigned>(m_options.jitterMs / 10 + 1);
-  const std::int64_t jitterUs = static_cast<std::int64_t>(m_random() % choices) * 10'000;
+  const int64_t jitterUs = static_cast<int64_t>(m_random() % choices) * 10'000;
   const int sensor = m_nextSensor;
   m_nextSensor = (m_nextSensor + 1) % m_options.sensors;
   return {SensorPoint(state, sensor, state.timeUs - jitterUs), Aircraft(state)};
@@ -57,7 +57,7 @@ std::string CotWriter::Aircraft(const FlightState& state) const {
   return text;
 }
 
-std::string CotWriter::SensorPoint(const FlightState& state, int sensor, std::int64_t timeUs) const {
+std::string CotWriter::SensorPoint(const FlightState& state, int sensor, int64_t timeUs) const {
   const std::string uid = m_options.uid + ".S" + std::to_string(sensor + 1);
   std::string text = StartEvent(uid, "b-m-p-s-p-i", timeUs, state.startUs);
   Append(text, " <point lat=\"%.9f\" lon=\"%.9f\" ", state.frameLatitude, state.frameLongitude);

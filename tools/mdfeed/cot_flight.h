@@ -14,7 +14,7 @@ struct CotOptions {
   std::string uid = "SIM-UAV";  // of the aircraft; the sensors are SIM-UAV.S1, SIM-UAV.S2, ...
   int sensors = 1;              // they take turns, one sensor point per pair
   int jitterMs = 20;            // by how much at most the sensor point is older than the aircraft event; cut to 10 ms
-  std::uint32_t seed = 1;
+  uint32_t seed = 1;
 };
 
 struct CotPair {
@@ -29,7 +29,7 @@ class CotWriter {
 
  private:
   std::string Aircraft(const FlightState& state) const;
-  std::string SensorPoint(const FlightState& state, int sensor, std::int64_t timeUs) const;
+  std::string SensorPoint(const FlightState& state, int sensor, int64_t timeUs) const;
 
   CotOptions m_options;
   std::minstd_rand m_random;

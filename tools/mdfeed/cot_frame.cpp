@@ -8,12 +8,12 @@ namespace mdfeed {
 namespace {
 
 constexpr std::string_view kSyncPattern = "oHeY!";
-constexpr std::size_t kHeaderSize = 17;
-constexpr std::size_t kLargestFrame = 65536;
-constexpr std::size_t kCheckSymbols = kSymbolsPerCodeword - kDataSymbols;
-constexpr std::size_t kBitsPerSymbol = 5;
-constexpr std::size_t kDataBits = kDataSymbols * kBitsPerSymbol;
-constexpr std::size_t kCodewordBits = kSymbolsPerCodeword * kBitsPerSymbol;
+constexpr size_t kHeaderSize = 17;
+constexpr size_t kLargestFrame = 65536;
+constexpr size_t kCheckSymbols = kSymbolsPerCodeword - kDataSymbols;
+constexpr size_t kBitsPerSymbol = 5;
+constexpr size_t kDataBits = kDataSymbols * kBitsPerSymbol;
+constexpr size_t kCodewordBits = kSymbolsPerCodeword * kBitsPerSymbol;
 
 constexpr std::array<std::pair<FrameField, std::string_view>, 14> kFieldNames = {{
     {FrameField::Sync, "sync"},
@@ -35,16 +35,16 @@ constexpr std::array<std::pair<FrameField, std::string_view>, 14> kFieldNames = 
 // --- GF(32) ------------------------------------------------------------------------------------------
 
 struct Field {
-  std::array<std::uint8_t, 62> power{};  // a^i, twice round so that sums of logarithms need no reduction
-  std::array<std::uint8_t, 32> log{};    // of 1 to 31
+  std::array<uint8_t, 62> power{};  // a^i, twice round so that sums of logarithms need no reduction
+  std::array<uint8_t, 32> log{};    // of 1 to 31
 };
 
 constexpr Field MakeField() {
   Field field;
   unsigned value = 1;
-  for (std::size_t i = 0; i < 31; i++) {
-    field.power[i] = field.power[i + 31] = static_cast<std::uint8_t>(value);
-    field.log[value] = static_cast<std::uint8_t>(i);
+  for (size_t i = 0; i < 31; ++i) {
+    field.power[i] = field.power[i + 31] = static_cast<uint8_t>(value);
+    field.log[value] = static_cast<uint8_t>(i);
     value <<= 1;
     if ((value & 0x20u) != 0) value ^= 0x25u;
   }
@@ -53,54 +53,54 @@ constexpr Field MakeField() {
 
 constexpr Field kField = MakeField();
 
-constexpr std::uint8_t Multiply(std::uint8_t a, std::uint8_t b) {
+constexpr uint8_t Multiply(uint8_t a, uint8_t b) {
   if (a == 0 || b == 0) return 0;
-  return kField.power[std::size_t{kField.log[a]} + kField.log[b]];
+  return kField.power[size_t{kField.log[a]} + kField.log[b]];
 }
 
 // Coefficients of (x - a)(x - a^2)...(x - a^10) below the leading one, highest power first.
-constexpr std::array<std::uint8_t, kCheckSymbols> MakeGenerator() {
-  std::array<std::uint8_t, kCheckSymbols + 1> poly{};
+constexpr std::array<uint8_t, kCheckSymbols> MakeGenerator() {
+  std::array<uint8_t, kCheckSymbols + 1> poly{};
   poly[0] = 1;
-  for (std::size_t root = 1; root <= kCheckSymbols; root++) {
-    for (std::size_t i = root; i > 0; i--) {
-      poly[i] = static_cast<std::uint8_t>(poly[i] ^ Multiply(poly[i - 1], kField.power[root]));
+  for (size_t root = 1; root <= kCheckSymbols; ++root) {
+    for (size_t i = root; i > 0; i--) {
+      poly[i] = static_cast<uint8_t>(poly[i] ^ Multiply(poly[i - 1], kField.power[root]));
     }
   }
-  std::array<std::uint8_t, kCheckSymbols> rest{};
-  for (std::size_t i = 0; i < kCheckSymbols; i++) rest[i] = poly[i + 1];
+  std::array<uint8_t, kCheckSymbols> rest{};
+  for (size_t i = 0; i < kCheckSymbols; ++i) rest[i] = poly[i + 1];
   return rest;
 }
 
-constexpr std::array<std::uint8_t, kCheckSymbols> kGenerator = MakeGenerator();
+constexpr std::array<uint8_t, kCheckSymbols> kGenerator = MakeGenerator();
 
 // --- Bits --------------------------------------------------------------------------------------------
 
-bool GetBit(std::span<const std::uint8_t> data, std::size_t bit) {
-  const std::size_t byte = bit / 8;
+bool GetBit(std::span<const uint8_t> data, size_t bit) {
+  const size_t byte = bit / 8;
   return byte < data.size() && ((data[byte] >> (7 - bit % 8)) & 1u) != 0;
 }
 
-void FlipBit(Bytes& data, std::size_t bit) {
-  data[bit / 8] = static_cast<std::uint8_t>(data[bit / 8] ^ (0x80u >> (bit % 8)));
+void FlipBit(Bytes& data, size_t bit) {
+  data[bit / 8] = static_cast<uint8_t>(data[bit / 8] ^ (0x80u >> (bit % 8)));
 }
 
 // Where a bit of the block lies in the packed codewords.
-std::size_t PackedPosition(std::size_t blockBit) {
+size_t PackedPosition(size_t blockBit) {
   return blockBit / kDataBits * kCodewordBits + blockBit % kDataBits;
 }
 
-void AppendLittleEndian(Bytes& out, std::uint16_t word) {
-  out.push_back(static_cast<std::uint8_t>(word));
-  out.push_back(static_cast<std::uint8_t>(word >> 8));
+void AppendLittleEndian(Bytes& out, uint16_t word) {
+  out.push_back(static_cast<uint8_t>(word));
+  out.push_back(static_cast<uint8_t>(word >> 8));
 }
 
 // --- Damage ------------------------------------------------------------------------------------------
 
 using Random = std::minstd_rand;
 
-std::size_t Pick(Random& random, std::size_t first, std::size_t count) {
-  return first + random() % std::max<std::size_t>(count, 1);
+size_t Pick(Random& random, size_t first, size_t count) {
+  return first + random() % std::max<size_t>(count, 1);
 }
 
 void DamageArq(Bytes& arq, FrameField field) {
@@ -114,14 +114,14 @@ void DamageBlock(Bytes& block, FrameField field, Random& random) {
   if (field == FrameField::BlockLength) block[0] = block[1] = 0xFF;
 }
 
-void DamagePayload(Bytes& payload, std::size_t blockSize, FrameField field, Random& random) {
+void DamagePayload(Bytes& payload, size_t blockSize, FrameField field, Random& random) {
   if (field == FrameField::Codeword) FlipBit(payload, PackedPosition(Pick(random, 16, (blockSize - 4) * 8)));
   if (field == FrameField::CheckBits) FlipBit(payload, Pick(random, kDataBits, kCodewordBits - kDataBits));
 }
 
 // A bit of a length, at 'offset', but not the highest: that one is lost when the check word doubles the length.
-std::size_t PickLengthBit(Random& random, std::size_t offset) {
-  const std::size_t bit = Pick(random, 0, 15);
+size_t PickLengthBit(Random& random, size_t offset) {
+  const size_t bit = Pick(random, 0, 15);
   return offset * 8 + (bit < 8 ? bit : bit + 1);
 }
 
@@ -175,16 +175,16 @@ std::string FrameFieldNames() {
   return names;
 }
 
-Codeword EncodeReedSolomon(std::span<const std::uint8_t, kDataSymbols> data) {
+Codeword EncodeReedSolomon(std::span<const uint8_t, kDataSymbols> data) {
   Codeword word{};
   std::copy(data.begin(), data.end(), word.begin());
-  std::array<std::uint8_t, kCheckSymbols> rest{};  // remainder of data * x^10, highest power first
-  for (const std::uint8_t symbol : data) {
-    const auto feedback = static_cast<std::uint8_t>(symbol ^ rest[0]);
+  std::array<uint8_t, kCheckSymbols> rest{};  // remainder of data * x^10, highest power first
+  for (const uint8_t symbol : data) {
+    const auto feedback = static_cast<uint8_t>(symbol ^ rest[0]);
     std::rotate(rest.begin(), rest.begin() + 1, rest.end());
     rest.back() = 0;
-    for (std::size_t i = 0; i < kCheckSymbols; i++) {
-      rest[i] = static_cast<std::uint8_t>(rest[i] ^ Multiply(feedback, kGenerator[i]));
+    for (size_t i = 0; i < kCheckSymbols; ++i) {
+      rest[i] = static_cast<uint8_t>(rest[i] ^ Multiply(feedback, kGenerator[i]));
     }
   }
   std::copy(rest.begin(), rest.end(), word.begin() + kDataSymbols);
@@ -192,53 +192,53 @@ Codeword EncodeReedSolomon(std::span<const std::uint8_t, kDataSymbols> data) {
 }
 
 bool IsCodeword(const Codeword& word) {
-  for (std::size_t root = 1; root <= kCheckSymbols; root++) {
-    std::uint8_t sum = 0;
-    for (const std::uint8_t symbol : word) {
-      sum = static_cast<std::uint8_t>(Multiply(sum, kField.power[root]) ^ symbol);
+  for (size_t root = 1; root <= kCheckSymbols; ++root) {
+    uint8_t sum = 0;
+    for (const uint8_t symbol : word) {
+      sum = static_cast<uint8_t>(Multiply(sum, kField.power[root]) ^ symbol);
     }
     if (sum != 0) return false;
   }
   return true;
 }
 
-std::uint16_t LengthCheck(std::uint16_t length) {
-  return static_cast<std::uint16_t>(0u - 2u * length);
+uint16_t LengthCheck(uint16_t length) {
+  return static_cast<uint16_t>(0u - 2u * length);
 }
 
-std::uint16_t Crc16Arc(std::span<const std::uint8_t> data) {
+uint16_t Crc16Arc(std::span<const uint8_t> data) {
   unsigned crc = 0;
-  for (const std::uint8_t byte : data) {
+  for (const uint8_t byte : data) {
     crc ^= byte;
-    for (int i = 0; i < 8; i++) crc = (crc & 1u) != 0 ? (crc >> 1) ^ 0xA001u : crc >> 1;
+    for (int i = 0; i < 8; ++i) crc = (crc & 1u) != 0 ? (crc >> 1) ^ 0xA001u : crc >> 1;
   }
-  return static_cast<std::uint16_t>(crc);
+  return static_cast<uint16_t>(crc);
 }
 
-Bytes BuildBlock(std::span<const std::uint8_t> arqMessage) {
+Bytes BuildBlock(std::span<const uint8_t> arqMessage) {
   if (arqMessage.size() > 0xFFFF - 2) throw std::length_error("event too long for a serial frame");
   Bytes block;
-  AppendLittleEndian(block, static_cast<std::uint16_t>(arqMessage.size() + 2));
+  AppendLittleEndian(block, static_cast<uint16_t>(arqMessage.size() + 2));
   block.insert(block.end(), arqMessage.begin(), arqMessage.end());
-  const std::uint16_t crc = Crc16Arc(arqMessage);
-  block.push_back(static_cast<std::uint8_t>(crc >> 8));
-  block.push_back(static_cast<std::uint8_t>(crc));
+  const uint16_t crc = Crc16Arc(arqMessage);
+  block.push_back(static_cast<uint8_t>(crc >> 8));
+  block.push_back(static_cast<uint8_t>(crc));
   return block;
 }
 
-Bytes PackCodewords(std::span<const std::uint8_t> block) {
-  const std::size_t codewords = (block.size() * 8 + kDataBits - 1) / kDataBits;
+Bytes PackCodewords(std::span<const uint8_t> block) {
+  const size_t codewords = (block.size() * 8 + kDataBits - 1) / kDataBits;
   Bytes packed((codewords * kCodewordBits + 7) / 8);
-  std::size_t out = 0;
-  for (std::size_t i = 0; i < codewords; i++) {
-    std::array<std::uint8_t, kDataSymbols> data{};
-    for (std::size_t bit = 0; bit < kDataBits; bit++) {
+  size_t out = 0;
+  for (size_t i = 0; i < codewords; ++i) {
+    std::array<uint8_t, kDataSymbols> data{};
+    for (size_t bit = 0; bit < kDataBits; ++bit) {
       if (GetBit(block, i * kDataBits + bit)) {
-        data[bit / kBitsPerSymbol] |= static_cast<std::uint8_t>(0x10u >> (bit % kBitsPerSymbol));
+        data[bit / kBitsPerSymbol] |= static_cast<uint8_t>(0x10u >> (bit % kBitsPerSymbol));
       }
     }
-    for (const std::uint8_t symbol : EncodeReedSolomon(data)) {
-      for (std::size_t bit = 0; bit < kBitsPerSymbol; bit++, out++) {
+    for (const uint8_t symbol : EncodeReedSolomon(data)) {
+      for (size_t bit = 0; bit < kBitsPerSymbol; ++bit, ++out) {
         if ((symbol & (0x10u >> bit)) != 0) FlipBit(packed, out);
       }
     }
@@ -246,11 +246,11 @@ Bytes PackCodewords(std::span<const std::uint8_t> block) {
   return packed;
 }
 
-Bytes BuildFrame(std::span<const std::uint8_t> payload) {
+Bytes BuildFrame(std::span<const uint8_t> payload) {
   if (payload.size() > kLargestFrame - kHeaderSize) throw std::length_error("event too long for a serial frame");
   Bytes frame(kSyncPattern.begin(), kSyncPattern.end());
-  const auto length = static_cast<std::uint16_t>(payload.size());
-  for (int copy = 0; copy < 3; copy++) {
+  const auto length = static_cast<uint16_t>(payload.size());
+  for (int copy = 0; copy < 3; ++copy) {
     AppendLittleEndian(frame, length);
     AppendLittleEndian(frame, LengthCheck(length));
   }
@@ -260,7 +260,7 @@ Bytes BuildFrame(std::span<const std::uint8_t> payload) {
 
 Bytes BuildCotFrame(std::string_view xml, const FrameOptions& options) {
   Random random(options.seed + 1);
-  Bytes arq = {'U', '#', static_cast<std::uint8_t>(options.channel)};
+  Bytes arq = {'U', '#', static_cast<uint8_t>(options.channel)};
   arq.insert(arq.end(), xml.begin(), xml.end());
   for (const FrameField field : options.damage) DamageArq(arq, field);
   Bytes block = BuildBlock(arq);

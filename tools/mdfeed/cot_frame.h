@@ -12,7 +12,7 @@
 
 namespace mdfeed {
 
-using Bytes = std::vector<std::uint8_t>;
+using Bytes = std::vector<uint8_t>;
 
 // What can be damaged. The length and check fields of the header stand for the first, second and third copy.
 enum class FrameField {
@@ -41,32 +41,32 @@ std::string FrameFieldNames();
 struct FrameOptions {
   char channel = '1';
   std::vector<FrameField> damage;
-  std::uint32_t seed = 0;  // chooses the bits that are damaged
+  uint32_t seed = 0;  // chooses the bits that are damaged
 };
 
-inline constexpr std::size_t kSymbolsPerCodeword = 31;
-inline constexpr std::size_t kDataSymbols = 21;
-using Codeword = std::array<std::uint8_t, kSymbolsPerCodeword>;  // 5-bit symbols, data first
+inline constexpr size_t kSymbolsPerCodeword = 31;
+inline constexpr size_t kDataSymbols = 21;
+using Codeword = std::array<uint8_t, kSymbolsPerCodeword>;  // 5-bit symbols, data first
 
 // Appends the ten check symbols of the (31, 21) Reed-Solomon code over GF(32).
 //
 // The field is built on the primitive polynomial x^5 + x^2 + 1; the generator has the roots a^1 to a^10, a = x. The
 // first symbol is the coefficient of the highest power.
-Codeword EncodeReedSolomon(std::span<const std::uint8_t, kDataSymbols> data);
+Codeword EncodeReedSolomon(std::span<const uint8_t, kDataSymbols> data);
 // Whether all ten syndromes are zero.
 bool IsCodeword(const Codeword& word);
 
 // Check word of a length: minus twice the length, modulo 65536.
-std::uint16_t LengthCheck(std::uint16_t length);
+uint16_t LengthCheck(uint16_t length);
 // CRC-16/ARC.
-std::uint16_t Crc16Arc(std::span<const std::uint8_t> data);
+uint16_t Crc16Arc(std::span<const uint8_t> data);
 
 // The block that the codewords carry: length word, ARQ message, CRC.
-Bytes BuildBlock(std::span<const std::uint8_t> arqMessage);
+Bytes BuildBlock(std::span<const uint8_t> arqMessage);
 // Packs a block into codewords of 155 bits, back to back, the last one filled up with zero bits.
-Bytes PackCodewords(std::span<const std::uint8_t> block);
+Bytes PackCodewords(std::span<const uint8_t> block);
 // Puts the 17-byte header in front of a payload. Throws std::length_error when the frame would pass 65536 bytes.
-Bytes BuildFrame(std::span<const std::uint8_t> payload);
+Bytes BuildFrame(std::span<const uint8_t> payload);
 
 // The whole way from an event's XML text to the bytes of one frame.
 Bytes BuildCotFrame(std::string_view xml, const FrameOptions& options = {});

@@ -10,7 +10,7 @@
 namespace mdfeed {
 namespace {
 
-constexpr std::int64_t kStepUs = 10'000;
+constexpr int64_t kStepUs = 10'000;
 constexpr double kStepSeconds = 0.01;
 constexpr double kMetresPerDegree = 111'320.0;  // of latitude; of longitude at the equator
 constexpr double kCruiseSpeed = 72.0;
@@ -33,8 +33,8 @@ double WrapLongitude(double longitude) {
 }
 
 // A number between 0 and 1 that depends on the seed and the index alone.
-double Noise(std::uint32_t seed, std::uint64_t index) {
-  std::uint64_t x = (std::uint64_t{seed} << 32) ^ (index * 0x9E3779B97F4A7C15u);
+double Noise(uint32_t seed, uint64_t index) {
+  uint64_t x = (uint64_t{seed} << 32) ^ (index * 0x9E3779B97F4A7C15u);
   x ^= x >> 30;
   x *= 0xBF58476D1CE4E5B9u;
   x ^= x >> 27;
@@ -54,7 +54,7 @@ Flight::Flight(const FlightOptions& options)
   m_options.startUs -= m_options.startUs % kStepUs;
 }
 
-void Flight::AdvanceTo(std::int64_t elapsedUs) {
+void Flight::AdvanceTo(int64_t elapsedUs) {
   while ((m_steps + 1) * kStepUs <= elapsedUs) Step();
 }
 
@@ -62,7 +62,7 @@ void Flight::Step() {
   const double distance = Speed() * kStepSeconds;
   m_east += distance * std::sin(Radians(Course()));
   m_north += distance * std::cos(Radians(Course()));
-  m_steps++;
+  ++m_steps;
 }
 
 double Flight::Seconds() const {
@@ -113,7 +113,7 @@ double Flight::Sea(double latitude, double longitude) const {
 // Targets lie in a row along the track, each off its place by a chance that the seed decides.
 Flight::Target Flight::NearestTarget() const {
   const double index = std::round(m_east / kTargetSpacing);
-  const auto key = static_cast<std::uint64_t>(index + 1'000.0);
+  const auto key = static_cast<uint64_t>(index + 1'000.0);
   Target target{};
   target.number = static_cast<int>(std::fmod(index, 9'999.0)) + 1;
   target.east = index * kTargetSpacing + 500.0 * (Noise(m_options.seed, key) - 0.5);
@@ -168,28 +168,28 @@ FlightState Flight::State() const {
   return state;
 }
 
-std::string FormatTime(std::int64_t timeUs) {
+std::string FormatTime(int64_t timeUs) {
   const std::time_t seconds = timeUs / 1'000'000;
   std::tm parts{};
   gmtime_r(&seconds, &parts);
   std::array<char, 64> text{};
-  const std::size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
+  const size_t length = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
   std::snprintf(text.data() + length, text.size() - length, ".%02dZ", static_cast<int>(timeUs % 1'000'000 / 10'000));
   return text.data();
 }
 
-std::int64_t ParseTime(const std::string& text) {
+int64_t ParseTime(const std::string& text) {
   std::tm parts{};
   const char* rest = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%S", &parts);
   if (rest == nullptr) throw std::invalid_argument("'" + text + "' is no time like 2024-05-01T12:00:00.00Z");
-  std::int64_t fraction = 0;
+  int64_t fraction = 0;
   if (*rest == '.') {
-    std::int64_t unit = 100'000;
-    for (rest++; *rest >= '0' && *rest <= '9'; rest++, unit /= 10) fraction += (*rest - '0') * unit;
+    int64_t unit = 100'000;
+    for (++rest; *rest >= '0' && *rest <= '9'; rest++, unit /= 10) fraction += (*rest - '0') * unit;
   }
-  if (*rest == 'Z') rest++;
+  if (*rest == 'Z') ++rest;
   if (*rest != '\0') throw std::invalid_argument("'" + text + "' is no time like 2024-05-01T12:00:00.00Z");
-  return static_cast<std::int64_t>(timegm(&parts)) * 1'000'000 + fraction;
+  return static_cast<int64_t>(timegm(&parts)) * 1'000'000 + fraction;
 }
 
 }  // namespace mdfeed

@@ -11,8 +11,8 @@ namespace mdfeed {
 
 // One moment of the flight. Angles in degrees, lengths in metres, positions on WGS-84.
 struct FlightState {
-  std::int64_t timeUs = 0;   // UTC, since 1970, a multiple of 10 ms: what two decimals of a second can say
-  std::int64_t startUs = 0;  // of the flight
+  int64_t timeUs = 0;   // UTC, since 1970, a multiple of 10 ms: what two decimals of a second can say
+  int64_t startUs = 0;  // of the flight
   // Aircraft.
   double latitude = 0;
   double longitude = 0;  // -180 to 180
@@ -48,9 +48,9 @@ struct FlightState {
 using Undulation = std::function<double(double latitude, double longitude)>;
 
 struct FlightOptions {
-  std::uint32_t seed = 1;    // another flight for every seed: start, altitude, rhythm, targets
-  std::int64_t startUs = 0;  // UTC since 1970; cut to 10 ms
-  Undulation undulation;     // none: zero everywhere
+  uint32_t seed = 1;      // another flight for every seed: start, altitude, rhythm, targets
+  int64_t startUs = 0;    // UTC since 1970; cut to 10 ms
+  Undulation undulation;  // none: zero everywhere
 };
 
 // Deterministic: the state at a time depends on the options alone, not on the steps taken to it.
@@ -58,7 +58,7 @@ class Flight {
  public:
   explicit Flight(const FlightOptions& options);
   // Moves on to a time after the start; never back.
-  void AdvanceTo(std::int64_t elapsedUs);
+  void AdvanceTo(int64_t elapsedUs);
   FlightState State() const;
 
  private:
@@ -84,7 +84,7 @@ class Flight {
   void FillSensor(FlightState& state) const;
 
   FlightOptions m_options;
-  std::int64_t m_steps = 0;
+  int64_t m_steps = 0;
   double m_startLatitude;
   double m_startLongitude;
   double m_cruiseHae;
@@ -94,9 +94,9 @@ class Flight {
 };
 
 // "2024-05-01T12:00:00.25Z", always two decimals.
-std::string FormatTime(std::int64_t timeUs);
+std::string FormatTime(int64_t timeUs);
 // Reads the same with any number of decimals, or none. Throws std::invalid_argument.
-std::int64_t ParseTime(const std::string& text);
+int64_t ParseTime(const std::string& text);
 
 }  // namespace mdfeed
 

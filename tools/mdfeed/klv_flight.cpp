@@ -13,12 +13,12 @@ constexpr double kOneSigmaToCe90 = 2.145966025;
 constexpr double kOneSigmaToLe90 = 1.6448538;
 
 // MISB ST 0102: unclassified, Swiss, countries as ISO 3166 two letters, version 12.
-constexpr std::array<std::uint8_t, 25> kSecuritySet = {1,  1, 1,                   //
-                                                       2,  1, 1,                   //
-                                                       3,  4, '/', '/', 'C', 'H',  //
-                                                       12, 1, 1,                   //
-                                                       13, 4, 0,   'C', 0,   'H',  //
-                                                       22, 2, 0,   12};
+constexpr std::array<uint8_t, 25> kSecuritySet = {1,  1, 1,                   //
+                                                  2,  1, 1,                   //
+                                                  3,  4, '/', '/', 'C', 'H',  //
+                                                  12, 1, 1,                   //
+                                                  13, 4, 0,   'C', 0,   'H',  //
+                                                  22, 2, 0,   12};
 
 void AddPlatform(Builder& items, const FlightState& state) {
   items.AddWhole(2, state.timeUs);
@@ -46,7 +46,7 @@ void AddTarget(Builder& items, const FlightState& state) {
 
 }  // namespace
 
-std::vector<std::uint8_t> MakeKlvMessage(const FlightState& state) {
+std::vector<uint8_t> MakeKlvMessage(const FlightState& state) {
   Builder items;
   AddPlatform(items, state);
   AddSensor(items, state);

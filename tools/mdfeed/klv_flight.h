@@ -10,7 +10,7 @@
 namespace mdfeed {
 
 // One UAS Datalink Local Set: key, length in BER, time stamp first, checksum last.
-std::vector<std::uint8_t> MakeKlvMessage(const FlightState& state);
+std::vector<uint8_t> MakeKlvMessage(const FlightState& state);
 
 }  // namespace mdfeed
 

@@ -13,10 +13,10 @@
 namespace mdfeed {
 namespace {
 
-std::int64_t Now() {
+int64_t Now() {
   timeval now{};
   gettimeofday(&now, nullptr);
-  return std::int64_t{now.tv_sec} * 1'000'000 + now.tv_usec;
+  return int64_t{now.tv_sec} * 1'000'000 + now.tv_usec;
 }
 
 FlightOptions MakeFlightOptions(const Arguments& args) {
@@ -32,7 +32,7 @@ FlightOptions MakeFlightOptions(const Arguments& args) {
 }
 
 // A flight that is sent as fast as it goes is flown at ten states a second.
-std::int64_t FlightInterval(const Arguments& args) {
+int64_t FlightInterval(const Arguments& args) {
   const double rate = args.send.rate > 0 ? args.send.rate : 10.0;
   return std::llround(1e6 / rate);
 }
@@ -44,7 +44,7 @@ std::unique_ptr<Traffic> MakeKlvTraffic(const Arguments& args) {
   }
   const Bytes stream = ReadFile(args.file);
   if (args.chunk != 0) return MakeRecorded(SplitChunks(stream, args.chunk), args.repeat);
-  std::size_t skipped = 0;
+  size_t skipped = 0;
   auto messages = SplitKlv(stream, &skipped);
   if (messages.empty()) throw RunError(args.file + " holds no KLV message");
   if (skipped != 0) {

@@ -23,7 +23,7 @@ class Output {
   // Waits until somebody can receive. FALSE when a stop was asked for meanwhile.
   virtual bool WaitForReader() { return true; }
   // One datagram, or the next bytes of the line; waits while the line is full.
-  virtual void Send(std::span<const std::uint8_t> data) = 0;
+  virtual void Send(std::span<const uint8_t> data) = 0;
   // Waits, for a short while, until what was sent has been read.
   virtual void Finish() {}
   virtual void SetTtl(int) {}

@@ -24,11 +24,11 @@ using std::chrono::milliseconds;
 // A terminal line, raw.
 class LineOutput : public Output {
  public:
-  void Send(std::span<const std::uint8_t> data) override {
+  void Send(std::span<const uint8_t> data) override {
     while (!data.empty() && !StopRequested()) {
       const ssize_t written = write(m_fd.Get(), data.data(), data.size());
       if (written > 0) {
-        data = data.subspan(static_cast<std::size_t>(written));
+        data = data.subspan(static_cast<size_t>(written));
         continue;
       }
       if (written < 0 && errno != EINTR && errno != EAGAIN) ThrowErrno("cannot write to " + m_name);

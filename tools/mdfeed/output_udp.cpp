@@ -21,7 +21,7 @@ namespace mdfeed {
 
 UdpAddress ParseUdpAddress(const std::string& text) {
   UdpAddress address;
-  const std::size_t colon = text.rfind(':');
+  const size_t colon = text.rfind(':');
   if (colon != std::string::npos) {
     address.host = text.substr(0, colon);
     address.port = text.substr(colon + 1);
@@ -49,7 +49,7 @@ class UdpOutput : public Output {
     if (!interface.empty()) ChooseInterface(interface);
   }
 
-  void Send(std::span<const std::uint8_t> data) override {
+  void Send(std::span<const uint8_t> data) override {
     for (;;) {
       const ssize_t sent =
           sendto(m_fd.Get(), data.data(), data.size(), 0, reinterpret_cast<const sockaddr*>(&m_address), m_addressSize);

@@ -33,7 +33,7 @@ Schedule Schedule::Parse(const std::string& text, int lowest, int highest) {
   std::istringstream parts(text);
   std::string part;
   while (std::getline(parts, part, ',')) {
-    const std::size_t at = part.find('@');
+    const size_t at = part.find('@');
     Entry entry{std::chrono::milliseconds(0), ParseValue(part.substr(0, at), lowest, highest)};
     if (at != std::string::npos) entry.after = ParseSeconds(part.substr(at + 1));
     if (!schedule.m_entries.empty() && entry.after <= schedule.m_entries.back().after) {

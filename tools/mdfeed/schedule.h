@@ -26,7 +26,7 @@ class Schedule {
 
  private:
   std::vector<Entry> m_entries;
-  std::size_t m_taken = 0;
+  size_t m_taken = 0;
 };
 
 }  // namespace mdfeed

@@ -15,19 +15,19 @@ class Clockwork {
  public:
   explicit Clockwork(const SendOptions& options) : m_options(options) {}
 
-  bool IsOver(std::uint64_t ticks) const {
+  bool IsOver(uint64_t ticks) const {
     if (StopRequested()) return true;
     if (m_options.count != 0 && ticks >= m_options.count) return true;
     return m_options.duration > 0 && Due(ticks) >= m_start + Seconds(m_options.duration);
   }
-  void WaitFor(std::uint64_t tick) const {
+  void WaitFor(uint64_t tick) const {
     if (m_options.rate > 0) SleepUntil(Due(tick));
   }
   milliseconds Elapsed() const { return duration_cast<milliseconds>(Clock::now() - m_start); }
 
  private:
   static Clock::duration Seconds(double seconds) { return duration_cast<Clock::duration>(duration<double>(seconds)); }
-  Clock::time_point Due(std::uint64_t tick) const {
+  Clock::time_point Due(uint64_t tick) const {
     if (m_options.rate <= 0) return Clock::now();
     return m_start + Seconds(static_cast<double>(tick) / m_options.rate);
   }
@@ -78,10 +78,10 @@ SendResult SendTraffic(Traffic& traffic, Output& output, SendOptions options, Pr
     if (const auto tos = options.tos.PopDue(clock.Elapsed())) output.SetTos(*tos);
     for (const Bytes& message : *batch) {
       output.Send(message);
-      result.messages++;
+      ++result.messages;
       result.bytes += message.size();
     }
-    result.ticks++;
+    ++result.ticks;
     progress.Update(result);
   }
   return result;

@@ -13,17 +13,17 @@
 namespace mdfeed {
 
 struct SendOptions {
-  double rate = 10;         // ticks per second; 0: as fast as it goes
-  std::uint64_t count = 0;  // ticks; 0: no limit
-  double duration = 0;      // seconds; 0: no limit
+  double rate = 10;     // ticks per second; 0: as fast as it goes
+  uint64_t count = 0;   // ticks; 0: no limit
+  double duration = 0;  // seconds; 0: no limit
   Schedule ttl;
   Schedule tos;
 };
 
 struct SendResult {
-  std::uint64_t ticks = 0;
-  std::uint64_t messages = 0;
-  std::uint64_t bytes = 0;
+  uint64_t ticks = 0;
+  uint64_t messages = 0;
+  uint64_t bytes = 0;
 };
 
 // One line that is written over and over, on standard error, when that is a terminal; otherwise nothing.

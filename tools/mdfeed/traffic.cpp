@@ -14,25 +14,25 @@
 namespace mdfeed {
 namespace {
 
-constexpr std::array<std::uint8_t, 4> kUniversalLabel = {0x06, 0x0E, 0x2B, 0x34};
-constexpr std::size_t kKeySize = 16;
+constexpr std::array<uint8_t, 4> kUniversalLabel = {0x06, 0x0E, 0x2B, 0x34};
+constexpr size_t kKeySize = 16;
 
 // Whole message at 'offset': key, BER length, value. Nothing when there is none or it is cut off.
-std::optional<std::size_t> KlvMessageSize(const Bytes& stream, std::size_t offset) {
-  const std::size_t left = stream.size() - offset;
+std::optional<size_t> KlvMessageSize(const Bytes& stream, size_t offset) {
+  const size_t left = stream.size() - offset;
   if (left < kKeySize + 1) return std::nullopt;
-  const std::uint8_t first = stream[offset + kKeySize];
-  std::size_t header = kKeySize + 1;
-  std::uint64_t length = first;
+  const uint8_t first = stream[offset + kKeySize];
+  size_t header = kKeySize + 1;
+  uint64_t length = first;
   if (first >= 0x80) {
-    const std::size_t size = first & 0x7Fu;
+    const size_t size = first & 0x7Fu;
     if (size == 0 || size > 4 || left < header + size) return std::nullopt;
     length = 0;
-    for (std::size_t i = 0; i < size; i++) length = length << 8 | stream[offset + header + i];
+    for (size_t i = 0; i < size; ++i) length = length << 8 | stream[offset + header + i];
     header += size;
   }
   if (length > left - header) return std::nullopt;
-  return header + static_cast<std::size_t>(length);
+  return header + static_cast<size_t>(length);
 }
 
 class Recorded : public Traffic {
@@ -50,13 +50,13 @@ class Recorded : public Traffic {
   std::vector<Bytes> m_messages;
   unsigned m_repeat;
   unsigned m_rounds = 0;
-  std::size_t m_next = 0;
+  size_t m_next = 0;
 };
 
 // The flight's clock: one state per tick.
 class FlightTicks {
  public:
-  FlightTicks(const FlightOptions& flight, std::int64_t intervalUs) : m_flight(flight), m_intervalUs(intervalUs) {}
+  FlightTicks(const FlightOptions& flight, int64_t intervalUs) : m_flight(flight), m_intervalUs(intervalUs) {}
   FlightState Next() {
     m_flight.AdvanceTo(m_tick++ * m_intervalUs);
     return m_flight.State();
@@ -64,13 +64,13 @@ class FlightTicks {
 
  private:
   Flight m_flight;
-  std::int64_t m_intervalUs;
-  std::int64_t m_tick = 0;
+  int64_t m_intervalUs;
+  int64_t m_tick = 0;
 };
 
 class KlvFlight : public Traffic {
  public:
-  KlvFlight(const FlightOptions& flight, std::int64_t intervalUs) : m_ticks(flight, intervalUs) {}
+  KlvFlight(const FlightOptions& flight, int64_t intervalUs) : m_ticks(flight, intervalUs) {}
   std::optional<Batch> Next() override { return Batch{MakeKlvMessage(m_ticks.Next())}; }
 
  private:
@@ -79,7 +79,7 @@ class KlvFlight : public Traffic {
 
 class CotFlight : public Traffic {
  public:
-  CotFlight(const FlightOptions& flight, const CotOptions& cot, std::int64_t intervalUs)
+  CotFlight(const FlightOptions& flight, const CotOptions& cot, int64_t intervalUs)
       : m_ticks(flight, intervalUs), m_writer(cot) {}
   std::optional<Batch> Next() override {
     const CotPair pair = m_writer.Write(m_ticks.Next());
@@ -93,7 +93,7 @@ class CotFlight : public Traffic {
 
 class Chunked : public Traffic {
  public:
-  Chunked(std::unique_ptr<Traffic> inner, std::size_t chunk) : m_inner(std::move(inner)), m_chunk(chunk) {}
+  Chunked(std::unique_ptr<Traffic> inner, size_t chunk) : m_inner(std::move(inner)), m_chunk(chunk) {}
   std::optional<Batch> Next() override {
     const auto messages = m_inner->Next();
     if (!messages) return std::nullopt;
@@ -106,18 +106,18 @@ class Chunked : public Traffic {
 
  private:
   std::unique_ptr<Traffic> m_inner;
-  std::size_t m_chunk;
+  size_t m_chunk;
 };
 
 class Framed : public Traffic {
  public:
-  Framed(std::unique_ptr<Traffic> inner, char channel, std::vector<FrameDamage> damage, std::uint32_t seed)
+  Framed(std::unique_ptr<Traffic> inner, char channel, std::vector<FrameDamage> damage, uint32_t seed)
       : m_inner(std::move(inner)), m_channel(channel), m_damage(std::move(damage)), m_random(seed + 1) {}
   std::optional<Batch> Next() override {
     auto frames = m_inner->Next();
     if (!frames) return std::nullopt;
     for (Bytes& frame : *frames) {
-      FrameOptions options{m_channel, {}, static_cast<std::uint32_t>(m_random())};
+      FrameOptions options{m_channel, {}, static_cast<uint32_t>(m_random())};
       for (const FrameDamage& damage : m_damage) {
         if (static_cast<double>(m_random() % 10'000) < damage.percent * 100.0) options.damage.push_back(damage.field);
       }
@@ -143,21 +143,21 @@ Bytes ReadFile(const std::string& path) {
   return data;
 }
 
-std::vector<Bytes> SplitKlv(const Bytes& stream, std::size_t* skipped) {
+std::vector<Bytes> SplitKlv(const Bytes& stream, size_t* skipped) {
   std::vector<Bytes> messages;
   *skipped = 0;
   auto at = stream.begin();
   while (at != stream.end()) {
     const auto found = std::search(at, stream.end(), kUniversalLabel.begin(), kUniversalLabel.end());
-    *skipped += static_cast<std::size_t>(found - at);
+    *skipped += static_cast<size_t>(found - at);
     if (found == stream.end()) break;
-    const auto size = KlvMessageSize(stream, static_cast<std::size_t>(found - stream.begin()));
+    const auto size = KlvMessageSize(stream, static_cast<size_t>(found - stream.begin()));
     if (!size) {
       at = found + 1;
       ++*skipped;
       continue;
     }
-    at = found + static_cast<std::ptrdiff_t>(*size);
+    at = found + static_cast<ptrdiff_t>(*size);
     messages.emplace_back(found, at);
   }
   return messages;
@@ -172,22 +172,22 @@ std::vector<Bytes> SplitEvents(const Bytes& text) {
     const auto start = std::search(at, text.end(), kStart.begin(), kStart.end());
     const auto end = std::search(start, text.end(), kEnd.begin(), kEnd.end());
     if (end == text.end()) return events;
-    at = end + static_cast<std::ptrdiff_t>(kEnd.size());
+    at = end + static_cast<ptrdiff_t>(kEnd.size());
     events.emplace_back(start, at);
   }
 }
 
-std::vector<Bytes> SplitChunks(const Bytes& data, std::size_t size) {
+std::vector<Bytes> SplitChunks(const Bytes& data, size_t size) {
   std::vector<Bytes> chunks;
-  for (std::size_t at = 0; at < data.size(); at += size) {
-    const auto begin = data.begin() + static_cast<std::ptrdiff_t>(at);
-    chunks.emplace_back(begin, begin + static_cast<std::ptrdiff_t>(std::min(size, data.size() - at)));
+  for (size_t at = 0; at < data.size(); at += size) {
+    const auto begin = data.begin() + static_cast<ptrdiff_t>(at);
+    chunks.emplace_back(begin, begin + static_cast<ptrdiff_t>(std::min(size, data.size() - at)));
   }
   return chunks;
 }
 
 FrameDamage ParseFrameDamage(const std::string& text) {
-  const std::size_t colon = text.find(':');
+  const size_t colon = text.find(':');
   FrameDamage damage{FrameField::Sync, 100.0};
   const std::string name = text.substr(0, colon);
   try {
@@ -207,20 +207,20 @@ std::unique_ptr<Traffic> MakeRecorded(std::vector<Bytes> messages, unsigned repe
   return std::make_unique<Recorded>(std::move(messages), repeat);
 }
 
-std::unique_ptr<Traffic> MakeKlvFlight(const FlightOptions& flight, std::int64_t intervalUs) {
+std::unique_ptr<Traffic> MakeKlvFlight(const FlightOptions& flight, int64_t intervalUs) {
   return std::make_unique<KlvFlight>(flight, intervalUs);
 }
 
-std::unique_ptr<Traffic> MakeCotFlight(const FlightOptions& flight, const CotOptions& cot, std::int64_t intervalUs) {
+std::unique_ptr<Traffic> MakeCotFlight(const FlightOptions& flight, const CotOptions& cot, int64_t intervalUs) {
   return std::make_unique<CotFlight>(flight, cot, intervalUs);
 }
 
-std::unique_ptr<Traffic> MakeChunked(std::unique_ptr<Traffic> inner, std::size_t chunk) {
+std::unique_ptr<Traffic> MakeChunked(std::unique_ptr<Traffic> inner, size_t chunk) {
   return std::make_unique<Chunked>(std::move(inner), chunk);
 }
 
 std::unique_ptr<Traffic> MakeFramed(std::unique_ptr<Traffic> inner, char channel, std::vector<FrameDamage> damage,
-                                    std::uint32_t seed) {
+                                    uint32_t seed) {
   return std::make_unique<Framed>(std::move(inner), channel, std::move(damage), seed);
 }
 

@@ -73,7 +73,7 @@ class Picture {
 
   // Encodes frame 'number', or, with a negative one, what is left; calls 'sink' with each packet.
   template <typename Sink>
-  void Encode(std::int64_t number, Sink sink) {
+  void Encode(int64_t number, Sink sink) {
     if (number >= 0) Draw(number);
     Check(avcodec_send_frame(m_encoder.get(), number >= 0 ? m_frame.get() : nullptr), "cannot encode a picture");
     const auto packet = Own(av_packet_alloc());
@@ -86,15 +86,15 @@ class Picture {
   }
 
  private:
-  void Draw(std::int64_t number) {
+  void Draw(int64_t number) {
     Check(av_frame_make_writable(m_frame.get()), "cannot draw a picture");
     const auto bar = static_cast<int>(number % kWidth);
-    for (int y = 0; y < kHeight; y++) {
-      std::uint8_t* line = m_frame->data[0] + y * m_frame->linesize[0];
-      for (int x = 0; x < kWidth; x++) line[x] = std::abs(x - bar) < 4 ? 230 : static_cast<std::uint8_t>(60 + y / 2);
+    for (int y = 0; y < kHeight; ++y) {
+      uint8_t* line = m_frame->data[0] + y * m_frame->linesize[0];
+      for (int x = 0; x < kWidth; ++x) line[x] = std::abs(x - bar) < 4 ? 230 : static_cast<uint8_t>(60 + y / 2);
     }
-    for (int plane = 1; plane <= 2; plane++) {
-      std::memset(m_frame->data[plane], 128, static_cast<std::size_t>(m_frame->linesize[plane]) * (kHeight / 2));
+    for (int plane = 1; plane <= 2; ++plane) {
+      std::memset(m_frame->data[plane], 128, static_cast<size_t>(m_frame->linesize[plane]) * (kHeight / 2));
     }
     m_frame->pts = number;
   }
@@ -125,7 +125,7 @@ class Muxer {
     Check(av_interleaved_write_frame(m_context.get(), packet), "cannot write the video");
   }
 
-  void WriteKlv(const Bytes& message, std::int64_t frame) {
+  void WriteKlv(const Bytes& message, int64_t frame) {
     const auto packet = Own(av_packet_alloc());
     Check(av_new_packet(packet.get(), static_cast<int>(message.size())), "cannot make a packet");
     std::copy(message.begin(), message.end(), packet->data);
@@ -153,15 +153,15 @@ class Muxer {
 };
 
 // The messages of one timestamp: states in the time up to the next one, so that no two are the same.
-void WriteTimestamp(Muxer& muxer, Flight& flight, const TsOptions& options, std::int64_t frame, SendResult& result) {
-  for (int i = 0; i < options.messagesPerTime; i++) {
+void WriteTimestamp(Muxer& muxer, Flight& flight, const TsOptions& options, int64_t frame, SendResult& result) {
+  for (int i = 0; i < options.messagesPerTime; ++i) {
     flight.AdvanceTo(frame * 1'000'000 / kTsFrameRate + i * 10'000);
     const Bytes message = MakeKlvMessage(flight.State());
     muxer.WriteKlv(message, frame);
-    result.messages++;
+    ++result.messages;
     result.bytes += message.size();
   }
-  result.ticks++;
+  ++result.ticks;
 }
 
 }  // namespace
@@ -173,12 +173,12 @@ SendResult WriteTsFile(const FlightOptions& flightOptions, const TsOptions& opti
   Picture picture;
   Muxer muxer(unfinished, picture.Encoder());
   Flight flight(flightOptions);
-  const auto frames = static_cast<std::int64_t>(std::ceil(options.duration * kTsFrameRate));
+  const auto frames = static_cast<int64_t>(std::ceil(options.duration * kTsFrameRate));
   const auto writeVideo = [&](AVPacket* packet) { muxer.WriteVideo(packet); };
   try {
-    for (std::int64_t frame = 0; frame < frames && !StopRequested(); frame++) {
+    for (int64_t frame = 0; frame < frames && !StopRequested(); ++frame) {
       picture.Encode(frame, writeVideo);
-      const auto due = static_cast<std::uint64_t>(static_cast<double>(frame) * options.rate / kTsFrameRate + 1e-9) + 1;
+      const auto due = static_cast<uint64_t>(static_cast<double>(frame) * options.rate / kTsFrameRate + 1e-9) + 1;
       if (result.ticks < due) WriteTimestamp(muxer, flight, options, frame, result);
       progress.Update(result);
     }
