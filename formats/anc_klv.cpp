@@ -8,7 +8,7 @@
 namespace anc_klv {
 namespace {
 
-constexpr size_t kPositionBits = 32;  // in front of an ancillary packet's words
+constexpr size_t kPositionBits = 32;  // before the words of an ancillary packet
 constexpr size_t kWordBits = 10;
 constexpr size_t kFixedWords = 4;  // DID, SDID, data count, checksum
 
@@ -22,7 +22,7 @@ class BitWriter {
       ++m_used;
     }
   }
-  // Filled up to 32 bits.
+  // Returns the bytes, padded with zero bits to a multiple of 32.
   Bytes Finish() {
     while (m_bytes.size() % 4 != 0) m_bytes.push_back(0);
     return std::move(m_bytes);
@@ -38,7 +38,7 @@ class BitReader {
   explicit BitReader(ByteView bytes) : m_bytes(bytes) {}
   size_t Left() const { return m_bytes.size() * 8 - m_used; }
   size_t Used() const { return m_used; }
-  // There must be as many bits left.
+  // Call it only while that many bits are left.
   unsigned Get(unsigned bits) {
     unsigned value = 0;
     for (unsigned i = 0; i < bits; ++i, ++m_used) {
@@ -52,7 +52,7 @@ class BitReader {
   size_t m_used = 0;
 };
 
-// Eight bits of data with even parity in bit 8 and its complement in bit 9.
+// Returns eight bits of data with even parity in bit 8 and its complement in bit 9.
 unsigned WithParity(unsigned data) {
   const unsigned parity = static_cast<unsigned>(std::popcount(data)) & 1u;
   return data | parity << 8 | (parity ^ 1u) << 9;
@@ -119,10 +119,10 @@ std::vector<AncPacket> SplitKlv(ByteView klv, uint8_t messageNumber) {
 
 Bytes PackAnc(const AncPacket& packet) {
   BitWriter bits;
-  bits.Put(0, 1);  // C: luma, or no matter
+  bits.Put(0, 1);  // C: luma, or not specified
   bits.Put(packet.line, 11);
   bits.Put(0, 12);  // horizontal offset
-  bits.Put(0, 8);   // S and stream number: not known
+  bits.Put(0, 8);   // S and stream number: unknown
   unsigned sum = 0;
   const auto put = [&](unsigned data) {
     const unsigned word = WithParity(data & 0xFFu);
@@ -213,7 +213,7 @@ UnpackedAnc UnpackAnc(ByteView bytes) {
   result.packet.userData.resize(count);
   for (uint8_t& byte : result.packet.userData) byte = get();
   const bool sumRight = bits.Get(kWordBits) == ChecksumWord(sum);
-  // The fill of the last packet may be missing where the payload ends.
+  // The last packet of a payload may lack its padding.
   result.size = std::min((bits.Used() + 31) / 32 * 4, bytes.size());
   result.state = !sumRight ? AncState::BadChecksum : !parity ? AncState::BadParity : AncState::Good;
   return result;
@@ -287,7 +287,7 @@ uint64_t LongTimestamp::Extend(uint32_t timestamp) {
   } else {
     const auto step = static_cast<int32_t>(timestamp - static_cast<uint32_t>(*m_last));
     const uint64_t back = step < 0 ? static_cast<uint64_t>(-int64_t{step}) : 0;
-    // Before the beginning there is no 64-bit time: it stays in 32 bits.
+    // A time before 0 does not exist, so the timestamp keeps its 32 bits.
     m_last = back > *m_last ? timestamp : *m_last + static_cast<uint64_t>(int64_t{step});
   }
   return *m_last;
@@ -318,7 +318,7 @@ std::optional<StampedKlv> KlvAssembler::Push(const AncPacket& packet, uint64_t t
     m_current = {timestamp, {}};
   } else if (m_nextPacket == 0 || number != m_number || place != m_nextPacket) {
     DropUnfinished(counts);
-    if (m_dropped != number) ++counts.incomplete;  // one whose beginning was missing
+    if (m_dropped != number) ++counts.incomplete;  // its first packet was missing
     m_dropped = number;
     return {};
   }
@@ -332,7 +332,7 @@ std::optional<StampedKlv> KlvAssembler::Push(const AncPacket& packet, uint64_t t
     return {};
   }
   if (size.state == KlvSize::State::NeedMore || m_current.klv.size() < size.size) return {};
-  m_current.klv.resize(size.size);  // what follows the message in its last packet is no KLV
+  m_current.klv.resize(size.size);  // the rest of the last packet is not KLV
   m_nextPacket = 0;
   m_dropped = number;
   return std::exchange(m_current, {});

@@ -73,7 +73,7 @@ std::optional<Grid> Parse(std::string_view data) {
   grid.rows = ReadBigEndian<uint32_t>(data, kRows);
   grid.columns = ReadBigEndian<uint32_t>(data, kColumns);
   if (grid.rows < 2 || grid.columns < 2 || !(grid.rowStep > 0) || !(grid.columnStep > 0)) return std::nullopt;
-  // Divided, not multiplied: the product of two counts of 32 bits and a size may wrap.
+  // Division, because the product of two 32-bit counts and a size may overflow.
   const size_t count = (data.size() - kHeights) / sizeof(float);
   if ((data.size() - kHeights) % sizeof(float) != 0 || count / grid.rows != grid.columns || count % grid.rows != 0) {
     return std::nullopt;

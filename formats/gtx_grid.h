@@ -19,15 +19,15 @@ struct Grid {
   size_t columns = 0;
   std::vector<float> heights;  // metres, rows * columns of them
 
-  // Whether the columns go once around the globe.
+  // Returns whether the columns go once around the globe.
   bool IsWorldWide() const;
-  // The height between the four points around a position in degrees. Longitudes wrap; latitudes beyond the first or
-  // last row take that row. The grid must be world-wide.
+  // Interpolates the height between the four points around a position in degrees. Longitudes wrap; a latitude beyond
+  // the first or last row counts as that row. The grid must be world-wide.
   double Interpolate(double latitude, double longitude) const;
 };
 
-// Reads a grid of at least two rows and columns and of positive steps. Returns nothing if the data is no such grid or
-// is not exactly as long as its header says.
+// Reads a grid of at least two rows and columns and of positive steps. Returns nothing if the data is not
+// such a grid, or if its size differs from what its header says.
 std::optional<Grid> Parse(std::string_view data);
 
 }  // namespace gtx

@@ -6,7 +6,7 @@
 
 namespace {
 
-// One character, or one byte that begins none: then size is 1 and isCharacter false.
+// One character, or a byte that does not begin one: size is then 1 and isCharacter false.
 struct Decoded {
   bool isCharacter = false;
   size_t size = 1;
@@ -17,7 +17,7 @@ Decoded DecodeFirst(std::string_view bytes) {
   const auto at = [&](size_t i) { return static_cast<uint8_t>(bytes[i]); };
   const uint8_t first = at(0);
   if (first < 0x80) return {true, 1, first};
-  // The least code of each size: what is below it is over-long.
+  // The lowest code of each size; a code below it is over-long.
   static constexpr uint32_t kLeast[] = {0, 0, 0x80, 0x800, 0x10000};
   const size_t size = (first & 0xE0) == 0xC0 ? 2 : (first & 0xF0) == 0xE0 ? 3 : (first & 0xF8) == 0xF0 ? 4 : 0;
   if (size == 0 || bytes.size() < size) return {};

@@ -1,8 +1,8 @@
 // CONTENTS
-//   Numbers       big-endian integers and the codings of numbers
-//   Values        Decode, Encode and what displays them
-//   Messages      reading
-//   Building      writing
+//   Numbers       convert big-endian integers and coded numbers
+//   Values        decode, encode and display values
+//   Messages      read messages
+//   Building      write messages
 #include "st0601_items.h"
 
 #include <algorithm>
@@ -29,7 +29,7 @@ uint64_t ReadUnsigned(ByteView bytes) {
   return value;
 }
 
-// Two's complement of 1 to 8 bytes.
+// Reads a two's complement number of 1 to 8 bytes.
 int64_t ReadSigned(ByteView bytes) {
   const unsigned unused = static_cast<unsigned>(64 - 8 * bytes.size());
   return static_cast<int64_t>(ReadUnsigned(bytes) << unused) >> unused;
@@ -60,7 +60,7 @@ double SignedSteps(size_t size) {
   return std::ldexp(1.0, static_cast<int>(8 * size)) - 2;
 }
 
-// MISB ST 1201, IMAPB: scale and zero offset for a range in `size` bytes.
+// Scale and zero offset of MISB ST 1201 IMAPB for a range in `size` bytes.
 struct Imap {
   double scale;
   double zeroOffset;
@@ -90,7 +90,7 @@ std::string FormatTime(uint64_t microseconds) {
   return text;
 }
 
-// UTF-8. Half a surrogate pair becomes the three bytes it would have there, which are no character.
+// Appends UTF-8. Half a surrogate pair becomes the three bytes of its code, which are not valid UTF-8.
 void AppendUtf8(std::string& text, uint32_t code) {
   const auto add = [&text](uint32_t byte) { text += static_cast<char>(byte); };
   if (code < 0x80) {
@@ -169,7 +169,7 @@ void DecodeSigned(Value& value, const Item& item, ByteView bytes) {
   SetNumber(value, item, bytes.size(), static_cast<double>(raw) / half * item.max);
 }
 
-// The high bit marks the special values of ST 1201, but for the one pattern 100..0 that is the upper limit.
+// The high bit marks the special values of ST 1201, except in the pattern 100..0, which is the upper limit.
 void DecodeImap(Value& value, const Item& item, ByteView bytes) {
   const uint64_t raw = ReadUnsigned(bytes);
   const uint64_t high = 1ULL << (8 * bytes.size() - 1);
@@ -273,7 +273,7 @@ std::optional<Bytes> EncodeWhole(const Item& item, int64_t value) {
 }
 
 std::optional<Bytes> Encode(const Item& item, double value, size_t size) {
-  const bool inside = value >= item.min && value <= item.max;  // false for what is no number
+  const bool inside = value >= item.min && value <= item.max;  // false for NaN
   switch (item.kind) {
     case Kind::Unsigned: {
       if (!inside) return std::nullopt;
@@ -333,7 +333,8 @@ std::string Display(const Item& item, const Value& value) {
 
 namespace {
 
-// BER length at `position`, which moves behind it. Nothing for an indefinite or cut length.
+// Reads the BER length at `position` and moves the position past it. Returns nothing if the length is indefinite or
+// truncated.
 std::optional<size_t> ReadBerLength(ByteView bytes, size_t& position) {
   if (position >= bytes.size()) return std::nullopt;
   const uint8_t first = bytes[position];
@@ -348,7 +349,7 @@ std::optional<size_t> ReadBerLength(ByteView bytes, size_t& position) {
   return length;
 }
 
-// BER-OID tag at `position`, which moves behind it.
+// Reads the BER-OID tag at `position` and moves the position past it.
 std::optional<uint32_t> ReadTag(ByteView bytes, size_t& position) {
   uint32_t tag = 0;
   for (size_t i = 0; i < 4 && position + i < bytes.size(); ++i) {
@@ -362,7 +363,7 @@ std::optional<uint32_t> ReadTag(ByteView bytes, size_t& position) {
   return std::nullopt;
 }
 
-// Walks a local set; returns why it stopped before the end, or "".
+// Walks a local set. Returns the reason if it stopped before the end, or "".
 std::string ReadElements(ByteView body, const Item* (*find)(uint32_t), std::vector<Element>& elements) {
   size_t position = 0;
   while (position < body.size()) {

@@ -2,12 +2,12 @@
 // reading and writing of whole messages. Shared by the programs that show or make metadata.
 //
 // CONTENTS
-//   Items         the tables and their look-up
-//   Values        one item's bytes to a value and back
-//   Messages      reading a whole message, tolerant to bad input
-//   Building      writing a whole message
+//   Items         look up items in the tables
+//   Values        convert an item's bytes to a value and back
+//   Messages      read a whole message, and tolerate faulty ones
+//   Building      write a whole message
 //
-// Everything here is a pure function of its arguments and may run on any thread.
+// All functions are pure, and any thread may call them.
 #ifndef ST0601_ITEMS_H
 #define ST0601_ITEMS_H
 
@@ -27,11 +27,11 @@ using ByteView = std::span<const uint8_t>;
 // --- Items -------------------------------------------------------------------------------------------
 
 enum class Kind : uint8_t {
-  Unsigned,     // linear: 0 .. 2^n - 1 stands for min .. max
-  Signed,       // linear: -(2^(n-1) - 1) .. 2^(n-1) - 1 stands for min .. max, -2^(n-1) for "out of range"
-  Integer,      // unsigned whole number as it stands, 1 to 8 bytes
-  SignedWhole,  // two's complement whole number as it stands, 1 to 8 bytes
-  Code,         // whole number with a meaning per value, see CodeText
+  Unsigned,     // linear: 0 .. 2^n - 1 maps to min .. max
+  Signed,       // linear: -(2^(n-1) - 1) .. 2^(n-1) - 1 maps to min .. max; -2^(n-1) means "out of range"
+  Integer,      // unsigned whole number, 1 to 8 bytes
+  SignedWhole,  // two's complement whole number, 1 to 8 bytes
+  Code,         // whole number; CodeText gives the meaning of its values
   Imap,         // MISB ST 1201 IMAPB over min .. max, 1 to 8 bytes
   Text,         // UTF-8 (ASCII in most items)
   Text16,       // UTF-16, big-endian
@@ -43,12 +43,12 @@ enum class Kind : uint8_t {
 
 struct Item {
   uint16_t tag;
-  const char* name;  // the standard's
+  const char* name;  // as in the standard
   const char* key;   // short form, lower case with underscores; unique in its table
-  const char* unit;  // "" when it has none
+  const char* unit;  // "" if the item has none
   Kind kind;
-  uint8_t size;  // bytes of the value; 0 when its length varies
-  double min;    // of kUnsigned, kSigned, kImap; else 0
+  uint8_t size;  // bytes of the value; 0 if its length varies
+  double min;    // of Unsigned, Signed and Imap; otherwise 0
   double max;
 };
 
@@ -57,11 +57,11 @@ constexpr uint16_t kTimeStampTag = 2;
 constexpr uint16_t kMissionIdTag = 3;
 constexpr uint16_t kSecuritySetTag = 48;
 
-// All items of ST 0601 (tags 1 to 143), all elements of ST 0102, in the order of their tags.
+// Return all items of ST 0601 (tags 1 to 143) and all elements of ST 0102, in the order of their tags.
 std::span<const Item> Items();
 std::span<const Item> SecurityElements();
 
-// One of them, or nullptr.
+// Return the item or element, or nullptr.
 const Item* FindItem(uint32_t tag);
 const Item* FindItem(std::string_view key);
 const Item* FindSecurityElement(uint32_t tag);
@@ -70,42 +70,42 @@ const Item* FindSecurityElement(uint32_t tag);
 
 enum class ValueState : uint8_t {
   Ok,
-  OutOfRange,  // the reserved bit pattern that says so
-  BadLength    // the value has not the length that its item needs; text holds its hexadecimal digits
+  OutOfRange,  // the bit pattern that is reserved for it
+  BadLength    // the item needs another length; text holds the hexadecimal digits
 };
 
 struct Value {
   ValueState state = ValueState::Ok;
   bool isNumber = false;  // number is valid
-  bool isWhole = false;   // a count, code or time: whole is valid too
+  bool isWhole = false;   // the value is a count, code or time, and whole is valid too
   double number = 0;
   int64_t whole = 0;
-  std::string text;  // for display, without the unit: "60.17682297", "2008-10-24T00:13:29.913Z", "SECRET"; what a
-                     // sender wrote is escaped as printable_text.h says
+  std::string text;  // for display, without the unit: "60.17682297", "2008-10-24T00:13:29.913Z", "SECRET"; a
+                     // sender's text is escaped as printable_text.h says
 };
 
-// Reads one value. Never fails: what cannot be read comes back as kBadLength with its hexadecimal digits.
+// Reads one value. It never fails: an unreadable value becomes BadLength with its hexadecimal digits.
 Value Decode(const Item& item, ByteView value);
 
-// Writes a number the item's way: rounded to the nearest step. Outside min .. max, and for a number that is no
-// number, kSigned items give the "out of range" pattern and all others nothing. Items without a number give
-// nothing. Items of varying size take the least bytes that hold a whole number, or `size` bytes for kImap.
+// Encodes a number, rounded to the nearest step of the item. For a value outside min .. max, and for NaN, Signed items
+// give the "out of range" pattern and all others return nothing, as do items that hold no number. An item of varying
+// size gets the fewest bytes that hold a whole number; Imap items get `size` bytes.
 std::optional<Bytes> Encode(const Item& item, double value, size_t size = 0);
-// The same for whole numbers that a double would cut: times, counts.
+// Does the same for whole numbers that do not fit into a double: times and counts.
 std::optional<Bytes> EncodeWhole(const Item& item, int64_t value);
-// Text items: the characters (kText16: each byte as one character).
+// Encodes the characters of a text item; for Text16, each byte is one character.
 Bytes EncodeText(const Item& item, std::string_view text);
 
-// The smallest difference that the item can express; 0 when it holds no number.
+// Returns the smallest difference that the item can express, or 0 if it holds no number.
 double Resolution(const Item& item);
 
-// What a kCode value means; "" when the standard gives it no meaning.
+// Returns the meaning of a Code value, or "" if the standard gives it none.
 std::string_view CodeText(const Item& item, int64_t code);
 
-// "value unit", the way a table shows it.
+// Returns "value unit" for a table.
 std::string Display(const Item& item, const Value& value);
 
-// Two digits a byte, upper case, without spaces.
+// Returns two upper-case digits per byte, without spaces.
 std::string Hex(ByteView bytes);
 
 // --- Messages ----------------------------------------------------------------------------------------
@@ -115,49 +115,49 @@ extern const uint8_t kUasKey[16];
 
 struct Element {
   uint32_t tag = 0;
-  ByteView value;              // inside the bytes that were parsed
-  const Item* item = nullptr;  // nullptr for a tag that the standard does not know
+  ByteView value;              // points into the bytes that were parsed
+  const Item* item = nullptr;  // nullptr for a tag that the standard does not define
 };
 
 enum class ChecksumState : uint8_t { Ok, Bad, Missing, Misplaced };
 
 struct Message {
-  bool isUas = false;       // begins with kUasKey
-  bool isComplete = false;  // the length could be read, lies inside the bytes, and the items fill it exactly
-  std::string error;        // why isComplete is false
+  bool isUas = false;       // the message begins with kUasKey
+  bool isComplete = false;  // the length is readable and within the bytes, and the items fill it exactly
+  std::string error;        // the reason if isComplete is false
   size_t headerSize = 0;    // key and length field
-  size_t totalSize = 0;     // header and body as the length field says
+  size_t totalSize = 0;     // header and body, according to the length field
   std::vector<Element> elements;
   ChecksumState checksum = ChecksumState::Missing;
   uint16_t storedChecksum = 0;
   uint16_t computedChecksum = 0;
 
-  const Element* Find(uint32_t tag) const;  // the first such element, or nullptr
+  const Element* Find(uint32_t tag) const;  // returns the first such element, or nullptr
 };
 
-// Reads a message: everything up to the first fault is kept. Never reads outside `bytes`.
+// Reads a message and keeps everything up to the first fault. It never reads outside `bytes`.
 Message Parse(ByteView bytes);
 
-// Reads the elements of a local set without key (for example the value of item 48).
+// Reads the elements of a local set without a key, such as the value of item 48.
 std::vector<Element> ParseSecuritySet(ByteView value);
 
-// "ok", "bad", "missing", "misplaced" (an item 1 that is not the last one, or not of two bytes).
+// Returns "ok", "bad", "missing" or "misplaced": item 1 is not the last one, or its length is not 2.
 const char* ChecksumStateName(ChecksumState state);
 
-// The 16-bit running sum over bytes: even positions count as the high byte, odd ones as the low byte.
+// Returns the 16-bit running sum: bytes at even positions count as high bytes, those at odd ones as low bytes.
 uint16_t RunningSum(ByteView bytes);
 
 // --- Building ----------------------------------------------------------------------------------------
 
-// Collects items and closes them into a message: key, BER length, items in the order added, checksum.
+// Collects items and makes a message of them: key, BER length, items in the order of their addition, checksum.
 class Builder {
  public:
   Builder& Add(uint32_t tag, ByteView value);
-  // Items that cannot hold the value are left out.
+  // Adds nothing if the item cannot hold the value.
   Builder& Add(uint32_t tag, double value);
   Builder& AddWhole(uint32_t tag, int64_t value);
   Builder& AddText(uint32_t tag, std::string_view text);
-  // The local set so far, without key and checksum: the value of a nested set.
+  // Returns the local set so far, without key and checksum, as the value of a nested set.
   const Bytes& Body() const { return m_body; }
   Bytes Finish(bool withChecksum = true) const;
 
@@ -165,7 +165,7 @@ class Builder {
   Bytes m_body;
 };
 
-// Appends a length in BER: short form below 128, else the shortest long form.
+// Appends a BER length: the short form below 128, otherwise the shortest long form.
 void AppendBerLength(Bytes& out, size_t length);
 
 }  // namespace st0601

@@ -1,5 +1,5 @@
-// The tables of MISB ST 0601 and MISB ST 0102. Ranges and sizes are the standards'; an item that several editions
-// name differently carries the name of the newest.
+// The tables of MISB ST 0601 and MISB ST 0102. Ranges and sizes are those of the standards. An item whose name differs
+// between editions has its newest name.
 #include <algorithm>
 #include <array>
 
@@ -216,8 +216,8 @@ constexpr std::string_view kSensorControlMode[] = {
     "Calibrating", "Auto - Holding Position", "Auto - Tracking"};
 constexpr std::string_view kClassification[] = {"",       "UNCLASSIFIED", "RESTRICTED", "CONFIDENTIAL",
                                                 "SECRET", "TOP SECRET"};
-// Element 2 and element 12 of ST 0102.12 number their coding methods differently; only 1, 2, 6, 7 and 13 to 15 mean the
-// same in both. Values without a text were omitted by the standard.
+// Elements 2 and 12 of ST 0102.12 number their coding methods differently; only 1, 2, 6, 7 and 13 to 15 have the same
+// meaning in both. The standard omits the values that have no text here.
 constexpr std::string_view kClassifyingCodingMethod[] = {"",
                                                          "ISO-3166 Two Letter",
                                                          "ISO-3166 Three Letter",
