@@ -1,9 +1,9 @@
 // Capture of the KLV of video inputs: queues, threads and the service.
 //
 // CONTENTS
-//   Queue      between a back end's thread and the metadata thread
-//   Inputs     the running captures
-//   Services   what the library calls
+//   Queue      passes packets from a back end's thread to the metadata thread
+//   Inputs     hold the running captures
+//   Services   are called by the library
 #define HOST_MODULE "capture"
 #define HOST_DEBUG_MODULE ::host_runtime::CaptureModule()
 
@@ -105,7 +105,7 @@ HostCaptureStats CaptureQueue::Stats() const {
 }
 
 // --- Inputs ------------------------------------------------------------------------------------------
-// Started and stopped on the metadata thread, looked at from any. Never destroyed.
+// The metadata thread starts and stops them, any thread may read them. They are never destroyed.
 
 namespace {
 
@@ -146,9 +146,9 @@ class Capture {
 };
 
 struct Inputs {
-  Mutex lock;  // taken before a queue's; never held while a thread is waited for
+  Mutex lock;  // taken before a queue's; never held while waiting for a thread
   std::array<std::shared_ptr<Capture>, kHostVideoInputs> captures GUARDED_BY(lock);
-  std::array<HostCaptureStats, kHostVideoInputs> last GUARDED_BY(lock);  // of the capture that was stopped last
+  std::array<HostCaptureStats, kHostVideoInputs> last GUARDED_BY(lock);  // counts of the last capture that was stopped
 
   std::shared_ptr<Capture> Find(int fd) {
     const Lock guard(lock);

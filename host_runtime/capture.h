@@ -1,7 +1,7 @@
-// The capture of video inputs: what its back ends share.
+// The capture of video inputs: declarations that its back ends share.
 //
 // Each running input has a thread of its own ("KLV video 0") that runs a back end, and a queue from which the metadata
-// thread takes packets. A source file of a back end defines HOST_DEBUG_MODULE as CaptureModule().
+// thread pops packets. A source file of a back end defines HOST_DEBUG_MODULE as CaptureModule().
 #ifndef HOST_CAPTURE_BACKENDS_H
 #define HOST_CAPTURE_BACKENDS_H
 
@@ -20,14 +20,14 @@
 
 namespace host_runtime {
 
-// What a back end delivers to, and where the metadata thread takes from. Safe from any thread.
+// The queue between a back end, which pushes packets, and the metadata thread, which pops them. Any thread may use it.
 class CaptureQueue {
  public:
   static constexpr size_t kMostPackets = 1024;
   static constexpr size_t kMostBytes = size_t{8} << 20;
 
   explicit CaptureQueue(int input) : m_input(input) {}
-  // False when the system has no descriptors left.
+  // Returns false if the system has no descriptors left.
   bool Open();
 
   int Input() const { return m_input; }
@@ -35,7 +35,8 @@ class CaptureQueue {
   // For the back end's thread.
   void Push(uint64_t timestamp, std::span<const uint8_t> klv);
   void Count(uint64_t HostCaptureStats::*counter, uint64_t count = 1);
-  // Waits until fd (or nothing, for -1) is readable, the time is up, or the capture is to stop. True when readable.
+  // Waits until fd is readable, the time has elapsed, or the capture is to stop; fd may be -1. Returns true if it is
+  // readable.
   bool Wait(int fd, int64_t nanoseconds);
   bool IsStopping() const { return __atomic_load_n(&m_stopping, __ATOMIC_RELAXED); }
 
@@ -64,9 +65,9 @@ class CaptureQueue {
 class CaptureBackend {
  public:
   virtual ~CaptureBackend() = default;
-  // On the metadata thread: what can fail at once and quickly. Logs why.
+  // Runs on the metadata thread and does the quick checks. Returns false, and logs the reason, if one fails.
   virtual bool Open(CaptureQueue& queue) = 0;
-  // On the capture's thread, until IsStopping() or the end.
+  // Runs on the capture's thread until IsStopping() or the end of the data.
   virtual void Run(CaptureQueue& queue) = 0;
 };
 

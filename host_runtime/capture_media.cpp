@@ -1,7 +1,7 @@
 // The capture back end that plays the KLV track of a media file or stream, through libavformat.
 //
-// A file is played in real time by its own presentation timestamps; a stream (a URL) is taken as it comes. Both keep
-// their timestamps, in units of 90 kHz. A file that is looped goes on counting, so that no time comes twice.
+// A file is played in real time by its own presentation timestamps; a stream (a URL) is passed on as it arrives. Both
+// keep their timestamps, in units of 90 kHz. In a looped file the timestamps continue, so that none occurs twice.
 #define HOST_MODULE "capture_media"
 #define HOST_DEBUG_MODULE ::host_runtime::CaptureModule()
 
@@ -29,10 +29,10 @@ namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr AVRational kClock = {1, 90'000};
-constexpr int64_t kLongestPause = 60 * 90'000;  // a longer one, or a longer step back, is a jump of the clock
+constexpr int64_t kLongestPause = 60 * 90'000;  // a longer one is a jump of the clock
 constexpr int64_t kLargestStepBack = 90'000;
-constexpr int64_t kPreRoll = kSecond / 2;  // before a file begins: time to open all sources of the input
-constexpr int64_t kUsualStep = 3'600;      // between the last time of a file and the first of its repetition
+constexpr int64_t kPreRoll = kSecond / 2;  // before a file begins, so that all sources of the input can be opened
+constexpr int64_t kUsualStep = 3'600;      // from the last timestamp of a file to the first one of its repetition
 constexpr size_t kAuHeaderSize = 5;        // MPEG-2 systems: header of a metadata access unit
 
 std::string ErrorText(int error) {
@@ -41,9 +41,9 @@ std::string ErrorText(int error) {
   return text;
 }
 
-// What libavformat says goes to the log, where it is limited, instead of to standard error.
+// Sends libavformat's messages to the log, where they are limited, instead of to standard error.
 void LogLibraryLine(void* context, int level, const char* format, va_list arguments) {
-  level &= 0xFF;  // above are colours
+  level &= 0xFF;  // the higher bits are colours
   const int hostLevel = level <= AV_LOG_ERROR ? 5 : level <= AV_LOG_WARNING ? 6 : level <= AV_LOG_INFO ? 7 : 8;
   const HDBG module = CaptureModule();
   if (module == nullptr || __atomic_load_n(&module->nMaxLevel, __ATOMIC_RELAXED) < hostLevel) return;
@@ -71,7 +71,7 @@ class MediaBackend : public CaptureBackend {
       const bool played = Play(queue);
       if (queue.IsStopping()) return;
       if (m_live) {
-        queue.Wait(-1, kSecond);  // then try the stream again
+        queue.Wait(-1, kSecond);  // before the next attempt
       } else if (!played || !m_config.loop) {
         return;
       }
@@ -95,7 +95,7 @@ class MediaBackend : public CaptureBackend {
     context->interrupt_callback = {&MediaBackend::IsInterrupted, &queue};
     if (m_live) context->max_analyze_duration = AV_TIME_BASE;
     const std::string name = m_live ? m_config.path : "file:" + m_config.path;
-    int result = avformat_open_input(&context, name.c_str(), nullptr, nullptr);  // frees the context when it fails
+    int result = avformat_open_input(&context, name.c_str(), nullptr, nullptr);  // frees the context if it fails
     Input input(result == 0 ? context : nullptr);
     if (result == 0) result = avformat_find_stream_info(context, nullptr);
     if (result >= 0) return input;
@@ -106,7 +106,7 @@ class MediaBackend : public CaptureBackend {
     return nullptr;
   }
 
-  // One time through the file, or a stream until it breaks. True when there was KLV.
+  // Plays the file once, or a stream until it breaks. Returns true if there was KLV.
   bool Play(CaptureQueue& queue) {
     const Input input = OpenInput(queue);
     const std::unique_ptr<AVPacket, FreePacket> packet(av_packet_alloc());
@@ -144,12 +144,12 @@ class MediaBackend : public CaptureBackend {
     if (stream.codecpar->codec_type != AVMEDIA_TYPE_DATA && stream.codecpar->codec_type != AVMEDIA_TYPE_UNKNOWN) {
       return false;
     }
-    // A track that is not labelled, but holds nothing else.
+    // The track has no label, but its packets begin as KLV.
     return anc_klv::SizeOfKlv({packet.data, static_cast<size_t>(packet.size)}).state == anc_klv::KlvSize::State::Known;
   }
 
   void PushPacket(CaptureQueue& queue, const AVStream& stream, const AVPacket& packet) {
-    // KLV without a time of its own has that of the picture before it.
+    // KLV without a timestamp gets that of the packet before it.
     const int64_t stamp = packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
     if (stamp != AV_NOPTS_VALUE) m_lastOfAny = av_rescale_q(stamp, stream.time_base, kClock);
     if (packet.size <= 0 || !IsKlv(stream, packet)) return;
@@ -159,7 +159,7 @@ class MediaBackend : public CaptureBackend {
     Push(queue, static_cast<uint64_t>(std::max<int64_t>(time, 0)), {packet.data, static_cast<size_t>(packet.size)});
   }
 
-  // Until the file's clock has come to `time`; false when the capture is to stop.
+  // Waits until the file's clock reaches `time`. Returns false if the capture is to stop.
   bool WaitForTime(CaptureQueue& queue, int64_t time) {
     const int64_t now = MonotonicNs();
     if (!m_first) {
@@ -185,10 +185,10 @@ class MediaBackend : public CaptureBackend {
     return !queue.IsStopping();
   }
 
-  // Nanoseconds of playing, with all repetitions, when the file's clock shows `time`.
+  // Returns the nanoseconds of playing time, including repetitions, at which the file's clock shows `time`.
   int64_t Elapsed(int64_t time) const { return av_rescale(time - *m_first + m_shift, kSecond, kClock.den); }
 
-  // A packet may hold several messages, each perhaps behind the header of an access unit.
+  // A packet may hold several messages, each of which may have the header of an access unit in front of it.
   void Push(CaptureQueue& queue, uint64_t timestamp, std::span<const uint8_t> data) {
     using State = anc_klv::KlvSize::State;
     while (!data.empty()) {
@@ -214,13 +214,13 @@ class MediaBackend : public CaptureBackend {
   const HostCaptureConfig m_config;
   const bool m_live;
 
-  // Of the capture.
+  // State of the capture.
   bool m_started = false;
-  int64_t m_start = 0;  // monotonic time, ns, of m_begin
-  int64_t m_begin = 0;  // first timestamp of all
+  int64_t m_start = 0;  // monotonic time of m_begin, ns
+  int64_t m_begin = 0;  // first timestamp of the first pass
   int64_t m_shift = 0;  // length of the passes before this one
   int64_t m_step = kUsualStep;
-  // Of the pass; 90 kHz.
+  // State of the current pass; 90 kHz.
   std::optional<int64_t> m_first;
   int64_t m_last = 0;
   int64_t m_lastOfAny = 0;

@@ -31,7 +31,7 @@ namespace {
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr int kDatagramsAtOnce = 64;  // before the clock is looked at again
 
-// Datagrams into one buffer; true as long as one came.
+// Receives a datagram into the buffer. Returns false if there is none.
 bool Receive(int fd, std::vector<uint8_t>& buffer, size_t* size) {
   const ssize_t got = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT | MSG_TRUNC);
   if (got < 0) return false;
@@ -82,7 +82,7 @@ class AncBackend : public CaptureBackend {
   }
 
  private:
-  // Logs and counts what went wrong since the last report.
+  // Logs and counts the faults since the last report.
   void Report(CaptureQueue& queue, const anc_klv::Counts& seen) {
     using anc_klv::Counts;
     const auto fresh = [&](uint64_t Counts::*which) { return seen.*which - m_reported.*which; };
@@ -127,7 +127,7 @@ class AncBackend : public CaptureBackend {
 
 // --- Local sockets -----------------------------------------------------------------------------------
 
-// A lock file beside a socket: whoever has it may make the socket, until it is dropped or the process ends.
+// A lock file beside a socket. Its owner may make the socket; the lock ends with the object or the process.
 class SocketLock {
  public:
   SocketLock() = default;
@@ -137,7 +137,7 @@ class SocketLock {
   SocketLock(const SocketLock&) = delete;
   SocketLock& operator=(const SocketLock&) = delete;
 
-  // False with errno, EBUSY when somebody has it.
+  // Returns false with errno: EBUSY if another input or process owns the lock.
   bool Acquire(const std::string& path) {
     m_path = path + ".lock";
     for (;;) {
@@ -147,7 +147,7 @@ class SocketLock {
         if (errno == EWOULDBLOCK) errno = EBUSY;
         return false;
       }
-      // Its owner removes the file before the lock goes, so what was locked may be a file without a name.
+      // An owner unlinks the file before it unlocks it, so the locked file may have no name any more.
       struct stat locked;
       struct stat named;
       if (fstat(file.Get(), &locked) == 0 && stat(m_path.c_str(), &named) == 0 && locked.st_ino == named.st_ino &&
@@ -211,7 +211,8 @@ class SocketBackend : public CaptureBackend {
  private:
   static constexpr size_t kTimeStampSize = 8;
 
-  // False with errno. Replaces what an earlier run left behind, a socket that nobody answers on, and nothing else.
+  // Replaces a socket that nobody listens on, because an earlier run left it behind, and no other file. Returns false
+  // with errno.
   bool Bind(const sockaddr_un& address) {
     const auto* const name = reinterpret_cast<const sockaddr*>(&address);
     m_socket.Reset(socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -229,7 +230,7 @@ class SocketBackend : public CaptureBackend {
   }
 
   const HostCaptureConfig m_config;
-  SocketLock m_lock;  // outlives the socket and its name
+  SocketLock m_lock;  // destroyed after the socket and its name
   common::OwnedFD m_socket;
   bool m_bound = false;
 };

@@ -1,9 +1,9 @@
-// The host's configuration: its INI file, and the copy in force.
+// The host's configuration: its INI file, and the copy that applies.
 //
 // CONTENTS
-//   Values     texts to numbers and switches, with errors that say what is allowed
-//   Sections   one function for each section of the file
-//   In force   the snapshot that the services look at
+//   Values     read numbers and switches, with errors that say what is allowed
+//   Sections   have one function each
+//   Snapshot   is the configuration that the services read
 #define HOST_MODULE "config"
 
 #include <arpa/inet.h>
@@ -125,7 +125,7 @@ struct Loader {
     return "unknown section [" + section + "]; allowed: log, threads, network, serial, files, capture0 to capture3";
   }
 
-  // The faults that no key shows alone.
+  // Finds faults that involve more than one key.
   std::string CheckTogether() const {
     for (size_t i = 0; i < config.captures.size(); ++i) {
       const HostCaptureConfig& capture = config.captures[i];
@@ -154,31 +154,31 @@ struct Loader {
   }
 };
 
-// --- In force ----------------------------------------------------------------------------------------
-// Any thread. Never destroyed: threads may ask while the process ends.
+// --- Snapshot ----------------------------------------------------------------------------------------
+// Any thread may read it. It is never destroyed, because threads may read it while the process ends.
 
-struct InForce {
+struct Snapshot {
   Mutex lock;  // leaf
   std::shared_ptr<const HostRuntimeConfig> config GUARDED_BY(lock) = std::make_shared<HostRuntimeConfig>();
 };
 
-void PutInForce(InForce& state, const HostRuntimeConfig& config) {
+void SetSnapshot(Snapshot& state, const HostRuntimeConfig& config) {
   auto fresh = std::make_shared<const HostRuntimeConfig>(config);
   __atomic_store_n(&g_bThreadStateDebuggingEnabled, config.threadStates ? TRUE : FALSE, __ATOMIC_RELAXED);
   const Lock guard(state.lock);
   state.config.swap(fresh);
 }
 
-InForce& State() {
-  static InForce* const kState = [] {
-    auto* fresh = new InForce;
+Snapshot& State() {
+  static Snapshot* const kState = [] {
+    auto* fresh = new Snapshot;
     const char* path = secure_getenv("METADATA_HOST_INI");
     if (path == nullptr || *path == '\0') return fresh;
     HostRuntimeConfig config;
     std::string error;
     bool good = HostRuntime_Load(path, config, error);
     if (good) {
-      PutInForce(*fresh, config);
+      SetSnapshot(*fresh, config);
       good = ApplyLogConfig(config, &error);
     }
     if (!good) HOST_LOG(3, "METADATA_HOST_INI: %s.\n", error.c_str());
@@ -190,7 +190,7 @@ InForce& State() {
 }  // namespace
 
 std::shared_ptr<const HostRuntimeConfig> Config() {
-  InForce& state = State();
+  Snapshot& state = State();
   const Lock guard(state.lock);
   return state.config;
 }
@@ -214,7 +214,7 @@ bool HostRuntime_Load(const std::string& path, HostRuntimeConfig& config, std::s
 
 bool HostRuntime_Apply(const HostRuntimeConfig& config, std::string* error) {
   return NoThrow(false, [&] {
-    PutInForce(State(), config);
+    SetSnapshot(State(), config);
     std::string problem;
     if (ApplyLogConfig(config, &problem)) return true;
     HOST_LOG(3, "%s.\n", problem.c_str());

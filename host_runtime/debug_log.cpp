@@ -1,10 +1,10 @@
 // Debug modules, log lines, hex dumps and assertions, written through spdlog.
 //
 // CONTENTS
-//   Text       formatting and escaping
-//   State      modules, sinks, limiter and observer, with their lock
-//   Writing    one line, limited and handed to sinks and observer
-//   Services   what the library and the runtime call
+//   Text       is formatted and escaped
+//   State      holds modules, sinks, limiter and observer, with their lock
+//   Writing    limits a line and hands it to sinks and observer
+//   Services   are called by the library and the runtime
 #define HOST_MODULE "debug_log"
 
 #include <fcntl.h>
@@ -37,11 +37,11 @@ using common::Mutex;
 
 constexpr size_t kLogFileSize = size_t{8} << 20;
 constexpr size_t kLogFilesKept = 3;
-constexpr int kDumpWidth = 16;      // bytes a line
+constexpr int kDumpWidth = 16;      // bytes per line
 constexpr int kDumpLimit = 65'536;  // bytes of a dump that are written
 
 // --- Text --------------------------------------------------------------------------------------------
-// Pure functions, any thread.
+// Pure functions for any thread.
 
 std::string FormatText(const char* format, va_list arguments) {
   std::array<char, 512> small;
@@ -62,14 +62,14 @@ std::string FormatText(const char* format, va_list arguments) {
   return text;
 }
 
-// One line whatever a sender put into the arguments: the line end of the format goes, and what is not printable is
-// escaped, so that nobody forges a line or steers a terminal.
+// Makes one line of any text: removes the line end of the format and escapes everything but printable UTF-8, so that no
+// sender can forge a line or control a terminal.
 std::string OneLine(std::string_view text) {
   if (text.ends_with('\n')) text.remove_suffix(1);
   return PrintableText(text);
 }
 
-// "0010  06 0E 2B ... 34  ..+.", kDumpWidth bytes.
+// Returns "0010  06 0E 2B ... 34  ..+." with kDumpWidth bytes.
 std::string DumpLine(const BYTE* data, int offset, int size) {
   static constexpr char kDigits[] = "0123456789ABCDEF";
   std::array<char, 12> head;
@@ -105,7 +105,7 @@ spdlog::level::level_enum SpdlogLevel(int level) {
 }
 
 // --- State -------------------------------------------------------------------------------------------
-// One instance that is never destroyed: threads may log while the process ends.
+// The only instance is never destroyed, because threads may log while the process ends.
 
 struct DebugModule : tagDBG_MODULE {
   std::string name;
@@ -113,14 +113,14 @@ struct DebugModule : tagDBG_MODULE {
 
 using Observer = std::function<void(const HostLogLine&)>;
 
-// A program that the process starts has no business in the log file, also after it was turned over.
+// Keeps the log file closed in programs that the process starts, also after a rotation.
 spdlog::file_event_handlers KeptFromChildren() {
   spdlog::file_event_handlers handlers;
   handlers.after_open = [](const spdlog::filename_t&, std::FILE* file) { fcntl(fileno(file), F_SETFD, FD_CLOEXEC); };
   return handlers;
 }
 
-// A logger without sinks keeps nothing; errors of the sinks (the disk is full) are nobody's business here.
+// A logger without sinks drops its lines. Errors of the sinks, such as a full disk, are ignored.
 std::shared_ptr<spdlog::logger> MakeLogger(bool console, const std::string& file) {
   auto logger = std::make_shared<spdlog::logger>("host");
   if (console) logger->sinks().push_back(std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
@@ -137,7 +137,7 @@ std::shared_ptr<spdlog::logger> MakeLogger(bool console, const std::string& file
 
 struct LogState {
   Mutex lock;  // leaf
-  // Modules live as long as the process, so that a late line of a closed one is harmless, and keep their address.
+  // Modules keep their address and live as long as the process, so that a late line of a closed one is harmless.
   std::map<std::string, std::unique_ptr<DebugModule>> modules GUARDED_BY(lock);
   int defaultLevel GUARDED_BY(lock) = HostRuntimeConfig{}.logLevel;
   std::map<std::string, int> levels GUARDED_BY(lock);
@@ -181,7 +181,7 @@ DebugModule* OpenModule(const std::string& name) {
 }
 
 // --- Writing -----------------------------------------------------------------------------------------
-// Any thread. Sinks have their own lock and the observer runs without any.
+// Any thread. Sinks have their own lock; the observer runs without a lock.
 
 struct Place {
   std::string_view module;
@@ -210,7 +210,8 @@ std::string LeftOutText(uint64_t count) {
   return std::to_string(count) + " more lines from this place were left out";
 }
 
-// The sinks and the observer for a line that may be written, null for one that may not. Reports what was left out.
+// Returns the sinks and the observer for a line that may be written, or null ones. Reports how many lines were left
+// out.
 struct Permit {
   std::shared_ptr<spdlog::logger> logger;
   std::shared_ptr<const Observer> observer;
@@ -328,7 +329,7 @@ BOOL _DoDbgInit(const char* szName, HDBG* phDbg) {
   if (phDbg == nullptr) return FALSE;
   *phDbg = nullptr;
   if (szName == nullptr || *szName == '\0') return FALSE;
-  Config();  // the environment may name a configuration that sets this module's level
+  Config();  // loads the configuration that the environment names, which may set this module's level
   *phDbg = NoThrow<HDBG>(nullptr, [&] { return OpenModule(szName); });
   return *phDbg != nullptr ? TRUE : FALSE;
 }
@@ -356,7 +357,7 @@ void _DoDbgUninitEx(HDBG* phDbg) {
 void _DoDbgPrintEx(HDBG hDbg, int nLevel, const char* szFunction, const char* szFile, int nLine, const char* szFormat,
                    ...) {
   if (hDbg == nullptr || szFormat == nullptr) return;
-  const int nError = errno;  // a log line between a failed call and its report must not change the reason
+  const int nError = errno;  // a log line between a failed call and its report must not change errno
   va_list arguments;
   va_start(arguments, szFormat);
   NoThrow([&] {

@@ -1,6 +1,7 @@
-// Descriptor sets over epoll. A set belongs to the thread that selects on it; nothing here takes a lock.
+// Descriptor sets over epoll. A set belongs to the thread that selects on it, so no lock is needed.
 //
-// A serial device is not watched itself: a SerialLine stands between it and its entry, and tells when the entry is readable.
+// A serial device is not watched directly: a SerialLine stands between it and its entry, and decides when the entry is
+// readable.
 #define HOST_MODULE "fdmgr"
 
 #include <sys/epoll.h>
@@ -43,16 +44,16 @@ struct Entry {
 struct tagHOST_FDSET {
   std::string name;
   common::OwnedFD epoll;  // closed after the entries, whose serial devices leave it
-  // By order of addition. A number is never used again, so that an event of a removed entry finds nothing, also
-  // when its descriptor was added anew in the meantime.
+  // In the order of addition. Numbers are never reused, so that an event of a removed entry finds nothing, even if its
+  // descriptor was added again in the meantime.
   std::map<uint64_t, Entry> entries;
   uint64_t nextNumber = 1;
   std::optional<timeval> interval;
   FDMGR_TIMEOUT_CALLBACK timeoutCallback = nullptr;
   void* param1 = nullptr;
   void* param2 = nullptr;
-  std::vector<epoll_event> events;  // of the pass
-  std::vector<uint64_t> numbers;    // of the pass, ascending
+  std::vector<epoll_event> events;  // of the current pass
+  std::vector<uint64_t> numbers;    // of the current pass, ascending
 
   std::map<uint64_t, Entry>::iterator Find(int fd) {
     return std::find_if(entries.begin(), entries.end(), [fd](const auto& entry) { return entry.second.fd == fd; });
@@ -63,16 +64,16 @@ namespace {
 
 constexpr int64_t kNever = SerialPieces::kNever;
 
-// Milliseconds, rounded up so that no pass ends early; -1 without interval.
+// Returns milliseconds, rounded up so that no pass ends early, or -1 without an interval.
 int64_t IntervalMs(const std::optional<timeval>& interval) {
   if (!interval) return -1;
   const int64_t ms = int64_t{interval->tv_sec} * 1000 + (interval->tv_usec + 999) / 1000;
   return std::clamp<int64_t>(ms, 0, std::numeric_limits<int>::max());
 }
 
-// Waits until something happens or until `end`. Events, 0 when the time is up or a signal came, -1 with errno.
+// Waits for events until `end`. Returns their number, 0 after the time or a signal, or -1 with errno.
 int WaitForEvents(tagHOST_FDSET& set, int64_t end) {
-  // Room for every descriptor: none has to wait for the others' next pass.
+  // There is room for every descriptor, so that none has to wait for the next pass.
   set.events.resize(std::max<size_t>(2 * set.entries.size(), 1));
   int64_t wait = -1;
   if (end != kNever) {
@@ -92,12 +93,12 @@ int64_t NextOfLines(const tagHOST_FDSET& set) {
   return next;
 }
 
-// Puts the numbers of the readable entries into set.numbers, ascending.
+// Collects the numbers of the readable entries in set.numbers, ascending.
 void Collect(tagHOST_FDSET& set, int count) {
   const int64_t now = MonotonicNs();
   set.numbers.clear();
   for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
-    const uint64_t number = set.events[i].data.u64;  // a copy: the record is packed
+    const uint64_t number = set.events[i].data.u64;  // a copy, because the record is packed
     if ((number & kDeviceTag) == 0) {
       set.numbers.push_back(number);
     } else if (const auto found = set.entries.find(number & ~kDeviceTag); found != set.entries.end()) {
@@ -110,7 +111,7 @@ void Collect(tagHOST_FDSET& set, int count) {
   std::sort(set.numbers.begin(), set.numbers.end());
 }
 
-// Waits until entries are readable: their number, 0 when the set's interval is over, -1 with errno.
+// Waits for readable entries. Returns their number, 0 after the set's interval, or -1 with errno.
 int WaitForEntries(tagHOST_FDSET& set) {
   const int64_t total = IntervalMs(set.interval);
   const int64_t end = total < 0 ? kNever : MonotonicNs() + total * 1'000'000;
@@ -123,7 +124,7 @@ int WaitForEntries(tagHOST_FDSET& set) {
   }
 }
 
-// A serial device's own events replace those of its descriptor.
+// The events of a serial device replace those of its descriptor.
 bool StartWatching(tagHOST_FDSET& set, uint64_t number, Entry& entry) {
   if (const auto device = PopDevice(entry.fd)) {
     entry.line = SerialLine::Attach(entry.fd, *device, set.epoll.Get(), number | kDeviceTag);
@@ -135,7 +136,7 @@ bool StartWatching(tagHOST_FDSET& set, uint64_t number, Entry& entry) {
   return epoll_ctl(set.epoll.Get(), EPOLL_CTL_ADD, entry.fd, &event) == 0;
 }
 
-// False for a descriptor that was closed before.
+// Returns false if the descriptor was closed before.
 bool StopWatching(tagHOST_FDSET& set, const Entry& entry) {
   if (entry.line != nullptr) return entry.line->IsAttached();
   return epoll_ctl(set.epoll.Get(), EPOLL_CTL_DEL, entry.fd, nullptr) == 0;
@@ -174,7 +175,7 @@ BOOL __FDMGR_AddReadFD(HFDSET hSet, int iFD, FDMGR_READ_CALLBACK pfnCallback, vo
       return FALSE;
     }
     ++hSet->nextNumber;
-    // The same number again although it is in the set: its file was closed without being removed.
+    // The descriptor was closed without being removed, and its number was used again.
     const auto stale = hSet->Find(iFD);
     if (stale != added) hSet->entries.erase(stale);
     return TRUE;
@@ -224,7 +225,7 @@ int FDMGR_Select(HFDSET hSet) {
     for (const uint64_t number : hSet->numbers) {
       const auto found = hSet->entries.find(number);
       if (found == hSet->entries.end()) continue;  // removed by a callback of this pass
-      const Entry& entry = found->second;          // gone when the callback removes itself
+      const Entry& entry = found->second;          // invalid after the callback removes itself
       entry.callback(hSet, entry.fd, kReadEvent, entry.param1, entry.param2);
       ++dispatched;
     }

@@ -1,5 +1,5 @@
-// The name of the function that a log line stands in, also where it stands in a lambda: there __func__ is "operator()",
-// which says nothing to who searches the source for it.
+// The name of the function that contains a log line. Inside a lambda __func__ is only "operator()", which nobody can
+// find in the source.
 #ifndef FUNCTION_NAME_H
 #define FUNCTION_NAME_H
 
@@ -10,8 +10,8 @@
 
 namespace host_runtime {
 
-// FunctionName(__PRETTY_FUNCTION__).Text(): the plain name, of a lambda that of the named function around it. The
-// compilers write a function, and a lambda in it, as
+// FunctionName(__PRETTY_FUNCTION__).Text() is the plain name of the function, or of the named function around a lambda.
+// The compilers write a function, and a lambda in it, as
 //
 //   g++    R space::{anonymous}::Name(arguments)      R space::{anonymous}::Name(arguments)::<lambda()>
 //   clang  R space::(anonymous namespace)::Name(arguments)
@@ -30,7 +30,7 @@ class FunctionName {
   static constexpr std::string_view Read(std::string_view pretty) {
     pretty =
         pretty.substr(0, std::min({pretty.find("::<lambda"), pretty.find("::(anonymous class)"), pretty.find(" [")}));
-    // Without what follows the arguments (const, noexcept), the arguments, and those of a template.
+    // Removes the text after the arguments (const, noexcept), the arguments, and those of a template.
     pretty = pretty.substr(0, pretty.rfind(')') + 1);
     pretty = WithoutBrackets(WithoutBrackets(pretty, '(', ')'), '<', '>');
     return pretty.substr(pretty.find_last_of(" :*&") + 1);

@@ -1,8 +1,8 @@
-// The Linux host runtime: everything of host/*.h for a process that loads the metadata library, and the few calls
-// with which that process sets it up. A process that changes nothing gets warnings on standard error, the device
-// and file names as the library gives them, and no video inputs. docs/host.md describes the INI file.
+// The Linux host runtime: the services of host/*.h for a process that loads the metadata library, and the few calls
+// that configure them. Without configuration it writes lines up to level 5 to standard error, opens devices and files
+// under the names that the library gives, and has no video inputs. docs/host.md describes the INI file.
 //
-// All calls may come from any thread. None of them throws or ends the process (unless `abortOnAssert` asks for it).
+// Any thread may call these functions. None of them throws, and none ends the process unless `abortOnAssert` is set.
 #ifndef HOST_RUNTIME_H
 #define HOST_RUNTIME_H
 
@@ -18,19 +18,19 @@
 
 constexpr int kHostVideoInputs = 4;
 
-// Where the KLV of one video input comes from.
+// The origin of the KLV of one video input.
 struct HostCaptureConfig {
   enum class Kind {
     None,   // the input cannot be opened
     Media,  // a file or stream with a KLV track, played in real time
     Anc,    // an ancillary stream of RFC 8331 (SMPTE ST 2110-40) over UDP
-    Socket  // datagrams on a local socket: 8 bytes of timestamp, big-endian, then the KLV
+    Socket  // datagrams on a local socket: a big-endian timestamp of 8 bytes, then the KLV
   };
   Kind kind = Kind::None;
-  std::string path;     // kMedia: file or URL; kSocket: the socket's path, made by the runtime
-  bool loop = false;    // kMedia: begin again at the end
-  std::string address;  // kAnc: IPv4 group to join, or empty
-  uint16_t port = 0;    // kAnc
+  std::string path;     // Media: file or URL; Socket: path of the socket, which the runtime makes
+  bool loop = false;    // Media: begin again at the end
+  std::string address;  // Anc: IPv4 group to join, or empty
+  uint16_t port = 0;    // Anc
 };
 
 // One key of an INI file that the library reads.
@@ -42,97 +42,99 @@ struct HostConfigKey {
 };
 
 struct HostRuntimeConfig {
-  // Log. Levels as in host_debug.h; a line is written when its level is at most the module's.
+  // Log. Levels are those of host_debug.h. A line is written if its level is at most that of its module.
   int logLevel = 5;
   std::map<std::string, int> moduleLevels;  // by module name ("METADATALIB", "COTCONVERTER", "HOST", "KLVCAPTURE")
-  std::string logFile;                      // also written here; empty for none. Turned over at 8 MiB, three kept
-  bool console = true;                      // lines on standard error
-  unsigned logBurst = 20;                   // lines of one call site let through at once; level 0 is not limited
-  unsigned logRate = 10;                    // and per second after that; 0 turns the limit off
+  std::string logFile;                      // file for the lines, or empty. Rotated at 8 MiB, three files kept
+  bool console = true;                      // write lines to standard error
+  unsigned logBurst = 20;                   // lines that a call site may write at once; level 0 is not limited
+  unsigned logRate = 10;                    // lines per second after that; 0 turns the limit off
   bool abortOnAssert = false;               // for tests
 
   // Threads.
-  bool realtimeThreads = true;  // ask for the real-time priority that a thread wants
-  bool threadStates = false;    // let the library report where its threads are (costs a lock per report)
+  bool realtimeThreads = true;  // give a thread the real-time priority that it asks for
+  bool threadStates = false;    // let the library report where its threads are; each report takes a lock
 
   // Names.
-  std::map<std::string, std::string> serialDevices;     // path the library opens -> device or pseudo-terminal
-  std::map<std::string, std::string> configFiles;       // INI file the library reads -> file read instead
-  std::map<HostConfigKey, std::string> configDefaults;  // answers where that file has no such key
+  std::map<std::string, std::string> serialDevices;     // path that the library opens -> device or pseudo-terminal
+  std::map<std::string, std::string> configFiles;       // INI file that the library reads -> file to read instead
+  std::map<HostConfigKey, std::string> configDefaults;  // values of keys that the file does not hold
 
-  std::string multicastInterface;  // interface that joins groups; empty leaves it to the routing table
+  std::string multicastInterface;  // interface for joining groups; empty: the routing table decides
 
   std::array<HostCaptureConfig, kHostVideoInputs> captures;  // by video input
 };
 
-// Reads a host INI file (docs/host.md) into config, over what it holds. False and one line in error (file, line, key,
-// what is allowed) when the file cannot be read or says something unknown; config is then unchanged.
+// Reads a host INI file (docs/host.md) into config; keys that the file does not hold keep their values. Returns false,
+// with one line in error (file, line, key and allowed values) and config unchanged, if the file cannot be read or is
+// faulty.
 bool HostRuntime_Load(const std::string& path, HostRuntimeConfig& config, std::string& error);
 
-// Puts a configuration into force. What is open stays as it is; levels change at once. False and one line in *error
-// (which may be null) when the log file cannot be written: all the rest is then in force.
+// Applies a configuration. Open devices, sockets and captures keep their settings; log levels change at once. Returns
+// false, with one line in *error (which may be null), if the log file cannot be written; the rest applies all the same.
 bool HostRuntime_Apply(const HostRuntimeConfig& config, std::string* error = nullptr);
 
-// The configuration in force.
+// Returns the configuration that applies.
 HostRuntimeConfig HostRuntime_Config();
 
 // --- log ---------------------------------------------------------------------------------------------
 
-// Changes a module's level while everything runs; also for modules that do not exist yet. An empty name means all.
+// Changes a module's level at run time. The module need not exist yet; an empty name means all modules.
 void HostRuntime_SetLevel(const std::string& module, int level);
 
 struct HostLogLine {
   std::string module;
   int level;  // 0 for an assertion
   std::string function;
-  std::string file;  // source without ending
+  std::string file;  // source file without extension
   int line;
-  std::string text;  // without line end; what is not printable UTF-8 is escaped
+  std::string text;  // without line end; everything but printable UTF-8 is escaped
   bool assertion;
 };
 
-// Called with every line that is written, on the thread that logs it: it may log itself, but must not wait for
-// another thread that logs. An empty function removes it; a call on another thread may then still be running.
+// Sets a function that is called with every line that is written, on the thread that logs it. The function may log, but
+// must not wait for another thread that logs. An empty function removes it; a call on another thread may still be
+// running.
 void HostRuntime_OnLog(std::function<void(const HostLogLine&)> callback);
 
-// Assertions raised since the process started, also those that the log left out.
+// Returns the number of assertions since the process started, including those that the log suppressed.
 uint64_t HostRuntime_AssertionCount();
 
 // --- threads -----------------------------------------------------------------------------------------
 
 struct HostThreadState {
   std::string name;
-  bool running = false;  // started and not yet returned
-  bool paused = false;   // busy for long on purpose
+  bool running = false;  // its routine has started and has not returned
+  bool paused = false;   // it announced a long operation
   uint64_t iterations = 0;
-  double secondsSinceSign = 0;  // since it last reported anything
-  std::string function;         // last reported place; empty before the first report
+  double secondsSinceSign = 0;  // time since its last report
+  std::string function;         // place of the last report; empty before the first one
   std::string file;
   int line = 0;
 };
 
-// The threads made through CreateThread that were not waited for yet.
+// Returns the threads that CreateThread made and WaitForThread has not ended yet.
 std::vector<HostThreadState> HostRuntime_Threads();
 
 // --- capture -----------------------------------------------------------------------------------------
 
-// Counts of one video input since its capture was started last.
+// Counts of one video input since the last capture start.
 struct HostCaptureStats {
   uint64_t packets = 0;       // KLV packets queued for the library
-  uint64_t bytes = 0;         // in them
+  uint64_t bytes = 0;         // bytes in these packets
   uint64_t taken = 0;         // packets handed to the library
   uint64_t overflows = 0;     // dropped: the queue was full
-  uint64_t oversized = 0;     // dropped: larger than the room offered
-  uint64_t damaged = 0;       // dropped: no readable KLV, RTP or ancillary packet
+  uint64_t oversized = 0;     // dropped: larger than the library's buffer
+  uint64_t damaged = 0;       // dropped: malformed KLV, RTP or ancillary packets
   uint64_t badChecksums = 0;  // ancillary packets with a wrong checksum
   uint64_t badParity = 0;     // ancillary packets with a wrong parity bit
-  uint64_t lostPackets = 0;   // RTP packets that never came
-  uint64_t reordered = 0;     // RTP packets that came out of order and were put right
-  uint64_t late = 0;          // RTP packets dropped: repeated, or too late to be put right
+  uint64_t lostPackets = 0;   // RTP packets that never arrived
+  uint64_t reordered = 0;     // RTP packets that arrived out of order and were put back
+  uint64_t late = 0;          // RTP packets dropped: repeated, or too late to be put back
   uint64_t incomplete = 0;    // KLV messages dropped because a part was missing
 };
 
-// All zero for an input that was never started.
+// Returns zeros for an input that was never started.
 HostCaptureStats HostRuntime_CaptureStats(int input);
 
 #endif  // HOST_RUNTIME_H

@@ -1,4 +1,4 @@
-// The intrusive list. Whoever uses it guards it.
+// The intrusive list. Its users provide the locking.
 #include "host.h"
 
 extern "C" {
@@ -17,7 +17,7 @@ void FastLinkD(FLIST_D* pList, FNODE_D* pNode) {
 }
 
 void FastUnlinkD(FLIST_D* pList, FNODE_D* pNode) {
-  // A node that is in no list has no neighbours and is not the head.
+  // A node outside any list has no neighbours and is not the head.
   if (pNode->pPrev == nullptr && pList->pHead != pNode) return;
   (pNode->pPrev != nullptr ? pNode->pPrev->pNext : pList->pHead) = pNode->pNext;
   (pNode->pNext != nullptr ? pNode->pNext->pPrev : pList->pTail) = pNode->pPrev;

@@ -1,4 +1,4 @@
-// Keeps one call site from flooding the log: a token bucket for each, and a count of what was left out.
+// Keeps a call site from flooding the log: each has a token bucket and a count of suppressed lines.
 #ifndef HOST_LOG_LIMITER_H
 #define HOST_LOG_LIMITER_H
 
@@ -10,10 +10,10 @@
 
 namespace host_runtime {
 
-// Not locked: the log's mutex guards it.
+// It has no lock of its own; the log's mutex guards it.
 class LogLimiter {
  public:
-  // A call site, by content: the library's literals may be gone when its counts are reported.
+  // A call site with copies of its texts, because the library may be unloaded before the counts are reported.
   struct Site {
     std::string module;
     std::string file;
@@ -26,16 +26,16 @@ class LogLimiter {
     uint64_t count = 0;
   };
 
-  // burst lines at once, then perSecond lines; perSecond 0 turns the limit off.
+  // Allows `burst` lines at once and `perSecond` lines after that; 0 turns the limit off.
   void SetLimit(unsigned burst, unsigned perSecond);
 
-  // Whether a line may be written at `now` (nanoseconds, monotonic). When it may, *left gets the number of lines of
-  // this site that were left out before it.
+  // Returns whether a line may be written at `now` (monotonic nanoseconds). If so, *left becomes the number of lines of
+  // this site that were suppressed before it.
   bool Allow(std::string_view module, std::string_view file, int line, std::string_view function, int level,
              int64_t now, uint64_t* left);
 
-  // Takes the counts of sites that fell silent after lines were left out: at most one round a second, or all of
-  // a module's sites at once when it closes.
+  // Return, and clear, the counts of suppressed lines: of sites that have become silent, at most once a second, or of
+  // all sites of a module that closes.
   std::vector<Suppressed> PopSilent(int64_t now);
   std::vector<Suppressed> PopModule(std::string_view module);
 

@@ -1,4 +1,4 @@
-// Mailboxes: a queue under a mutex, and an eventfd that is readable while it holds messages.
+// Mailboxes: each has a queue under a mutex, and an eventfd that is readable while the queue holds messages.
 #define HOST_MODULE "mailbox"
 
 #include <sys/eventfd.h>
@@ -20,7 +20,7 @@ using namespace host_runtime;
 using common::Lock;
 using common::Mutex;
 
-// Header and data in one block.
+// A message is one block with header and data.
 struct tagHOST_MBOX_MSG {
   MBOX_MSGHEADER header;
   size_t dataSize;
@@ -43,7 +43,7 @@ namespace {
 constexpr size_t kMessageLimit = 4096;           // messages in one mailbox
 constexpr size_t kDataLimit = size_t{64} << 20;  // bytes of data in one message
 
-// The mailboxes by name.
+// Finds mailboxes by name.
 struct Registry {
   Mutex lock;  // taken before the log's
   std::map<std::string, HMBOX> names GUARDED_BY(lock);
@@ -78,7 +78,7 @@ BOOL MBOX_CreateMailBox(const MBOX_CONFIG* pConfig, HMBOX* phMBox) {
       HOST_LOG(3, "A mailbox \"%s\" exists already.\n", pConfig->szName);
       return FALSE;
     }
-    // A mailbox that is replaced loses its name; its holder still closes it.
+    // A mailbox that is replaced loses its name; its owner still closes it.
     named = mailbox.get();
     *phMBox = mailbox.release();
     return TRUE;

@@ -1,4 +1,4 @@
-// The rate table, and the service that puts a lock around it.
+// The rate table, and the service that adds a lock to it.
 #define HOST_MODULE "rate_table"
 
 #include "rate_table.h"
@@ -15,10 +15,10 @@ namespace host_runtime {
 namespace {
 
 constexpr int64_t kMs = 1'000'000;
-constexpr int64_t kShortest = 100 * kMs;  // samples closer to the last one than this wait for the next
+constexpr int64_t kShortest = 100 * kMs;  // a sample that follows sooner is left to the next one
 constexpr int64_t kUsual = 1'000 * kMs;
-constexpr double kJump = 8;              // times the fastest interval known: suspect
-constexpr double kFastestFirst = 0.125;  // bytes a nanosecond (1 Gbit/s): suspect also without anything to compare
+constexpr double kJump = 8;              // an interval so many times faster than the fastest known one is suspect
+constexpr double kFastestFirst = 0.125;  // bytes per nanosecond (1 Gbit/s); a faster first interval is suspect
 
 }  // namespace
 

@@ -1,4 +1,4 @@
-// The rate of a running total, from its last samples.
+// Computes the rate of a running total from its last samples.
 #ifndef HOST_RATE_TABLE_H
 #define HOST_RATE_TABLE_H
 
@@ -8,17 +8,18 @@
 
 namespace host_runtime {
 
-// Times are nanoseconds on the monotonic clock. Not locked.
+// Times are nanoseconds of the monotonic clock. There is no lock.
 //
-// Two samples make an interval; the rate is the bytes of the last intervals over their time. A total that falls
-// back begins a new interval. An interval far faster than the ones before it may be a total that somebody set: it
-// counts only when the next interval is about as fast.
+// Two samples make an interval; the rate is the bytes of the last intervals divided by their time. A total that
+// decreases begins a new interval. An interval far faster than the ones before it may stem from a total that was set:
+// it counts only if the next interval is about as fast.
 class RateTable {
  public:
   explicit RateTable(int intervals);
 
   void Add(uint64_t total, int64_t now);
-  // kbit/s, rounded to nearest. Nothing added for two usual intervals lets it sink, for five it is 0.
+  // Returns kbit/s, rounded to nearest. The rate decreases if nothing is added for two usual intervals, and is 0 after
+  // five.
   uint32_t Rate(int64_t now) const;
   void Reset();
 

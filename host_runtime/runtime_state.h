@@ -1,7 +1,7 @@
-// What the services share: the configuration in force, and the runtime's own log lines.
+// Shared by the services: the configuration that applies, and the runtime's own log lines.
 //
 // HOST_LOG(level, format, ...) logs on the module "HOST". A source file defines HOST_MODULE, its name without
-// ending, before it includes this header; one that logs elsewhere defines HOST_DEBUG_MODULE too.
+// extension, before it includes this header. It also defines HOST_DEBUG_MODULE if it logs on another module.
 #ifndef HOST_RUNTIME_STATE_H
 #define HOST_RUNTIME_STATE_H
 
@@ -17,14 +17,14 @@
 
 namespace host_runtime {
 
-// The configuration in force; a snapshot that stays valid.
+// Returns the configuration that applies, as a snapshot that stays valid.
 std::shared_ptr<const HostRuntimeConfig> Config();
 
-// The runtime's own modules, opened at their first use and never closed.
+// The runtime's own modules. They are opened at their first use and never closed.
 HDBG HostModule();     // "HOST"
 HDBG CaptureModule();  // "KLVCAPTURE"
 
-// Takes a new configuration into the log. False and *error when the log file cannot be opened.
+// Applies a configuration to the log. Returns false, with *error set, if the log file cannot be opened.
 bool ApplyLogConfig(const HostRuntimeConfig& config, std::string* error);
 
 inline int64_t MonotonicNs() {
@@ -33,8 +33,8 @@ inline int64_t MonotonicNs() {
   return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
-// Runs a service's body. The callers are C: what the standard library throws (there is no memory) becomes
-// the failure result.
+// Runs the body of a service. Its callers are C, so an exception of the standard library (out of memory) becomes the
+// failure result.
 template <typename Result, typename Body>
 Result NoThrow(Result failure, Body&& body) noexcept {
   try {
@@ -48,7 +48,7 @@ template <typename Body>
 void NoThrow(Body&& body) noexcept {
   try {
     std::forward<Body>(body)();
-  } catch (...) {  // nothing to report it with
+  } catch (...) {  // out of memory: nothing can be reported
   }
 }
 

@@ -20,9 +20,9 @@ namespace host_runtime {
 namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
-// What is written half a second after a device is back is to arrive, so the device has to be open by then.
+// A device that returns must be open within half a second, so that data sent from then on arrives.
 constexpr int64_t kRetry = kSecond / 4;
-// More is left to the device's own buffer and its flow control.
+// Further bytes stay in the device's own buffer, where its flow control applies.
 constexpr size_t kMostHeld = 4096;
 
 }  // namespace
@@ -57,7 +57,7 @@ bool SerialLine::ReplaceDescriptor() {
   m_feed.Reset(ends[0]);
   const common::OwnedFD other(ends[1]);
   struct stat info;
-  epoll_event closed{};  // only that the other end was closed, once
+  epoll_event closed{};  // reports once that the other end was closed
   closed.events = EPOLLRDHUP | EPOLLET;
   closed.data.u64 = m_tag;
   const bool replaced = epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_feed.Get(), &closed) == 0 &&
@@ -89,18 +89,18 @@ bool SerialLine::Watch() {
   return m_watched;
 }
 
-// Taken out rather than asked for no events: a device that hung up reports that in any case.
+// The device is removed, because one that hung up would report that even with no events requested.
 void SerialLine::Unwatch() {
   if (std::exchange(m_watched, false)) epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_device.Get(), nullptr);
 }
 
-// A read callback may leave its bytes, when it cannot get a lock in time; they come before any others.
+// A read callback may leave its bytes, if it does not get a lock in time; they must be read before any others.
 bool SerialLine::HasUnread() const {
   int unread = 0;
   return ioctl(m_feed.Get(), TIOCOUTQ, &unread) == 0 && unread != 0;
 }
 
-// The descriptor was closed while it was in the set. Its number may be anybody's by now.
+// Gives up after the descriptor was closed while it was in the set: its number may have been reused.
 void SerialLine::Abandon() {
   m_abandoned = true;
   Unwatch();
@@ -154,8 +154,8 @@ void SerialLine::LoseDevice(int64_t now) {
   ReportLoss(now);
 }
 
-// A loss that was not told leaves the log with "is back" as its last word; it is told as soon as that may be, if the
-// device is still away then.
+// Without a report the last line in the log would still be "is back". The loss is therefore reported as soon as the
+// limit allows it, if the device is still lost.
 void SerialLine::ReportLoss(int64_t now) {
   if (!m_limit.Allow(now)) return;
   m_lossTold = true;

@@ -8,22 +8,23 @@ namespace {
 
 constexpr int64_t kMs = 1'000'000;
 
-// In characters. Ports with a buffer hand their bytes on in lots, mostly of up to 14, so that a line that runs shows such
-// pauses. A piece that is long enough does no harm when it is cut there, a short one might.
+// In characters. Ports with a buffer pass their bytes on in groups, mostly of up to 14, so that a running line shows
+// pauses of that length. Cutting there is harmless for a piece that is long enough, but not always for a short one.
 constexpr int64_t kPause = 16;
 constexpr int64_t kShortPause = 20;
 constexpr int64_t kGap = 64;
 
-// A sender that is not scheduled for a moment pauses too, whatever its rate.
+// A sender that is not scheduled for a moment also pauses, at any rate.
 constexpr int64_t kLeastShortPause = 20 * kMs;
-// Two short pieces in a row are what loses a key: the second one waits as long as the decoder's patience allows.
+// Two short pieces in a row lose a key. The second one therefore waits for as long as the decoder's time-out allows.
 constexpr int64_t kMostShortPause = 250 * kMs;
 constexpr int64_t kMostHolding = 1'000 * kMs;
 
-// Behind this silence the decoder gives an unfinished message up, and the piece that comes then with it.
+// After this silence the decoder drops an unfinished message together with the piece that arrives then.
 constexpr int64_t kDecoderPatience = 520 * kMs;
 
-// Neither a sync pattern nor the rest of one, no designator, and no length: whatever the decoder waits for ends here.
+// These bytes are neither a sync pattern nor a part of one, nor a designator or a length, so that they end whatever the
+// decoder waits for.
 constexpr auto kFiller = [] {
   std::array<uint8_t, SerialPieces::kShortest> filler{};
   filler.fill(0xFF);
@@ -79,7 +80,7 @@ std::span<const uint8_t> SerialPieces::Next(int64_t now) {
     return kFiller;
   }
   if (m_due == 0) MakeDue();
-  // As even as it goes, so that no short rest stays behind.
+  // The pieces are as equal as possible, so that the last one is not short.
   const size_t pieces = (m_due + kLargest - 1) / kLargest;
   return {m_bytes.data() + m_begin, (m_due + pieces - 1) / pieces};
 }

@@ -100,8 +100,8 @@ bool SetFrame(int dataBits, int stopBits, termios& settings) {
 
 // --- Devices that are open ---------------------------------------------------------------------------
 
-// The descriptors that OpenSerialPortDevice gave away, by number. Whoever has one closes it unasked, so an entry counts
-// only while its device is what stands behind the number.
+// The descriptors that OpenSerialPortDevice handed out, by number. Their owners close them without notice, so an entry
+// is valid only while its device is still behind the number.
 struct OpenDevices {
   struct Entry {
     SerialDevice device;
@@ -126,14 +126,14 @@ OpenDevices& AllOpenDevices() {
   return *kDevices;
 }
 
-// The other end's program may keep a pseudo-terminal open. The exclusive mark would then outlive this process.
+// The program at the other end may keep a pseudo-terminal open, so that its exclusive mark would outlive this process.
 bool IsPseudoTerminal(dev_t number) {
   constexpr unsigned kFirstMajor = 136;
   constexpr unsigned kLastMajor = 143;
   return major(number) >= kFirstMajor && major(number) <= kLastMajor;
 }
 
-// The lock keeps a second user of this runtime out, whoever runs it; the mark also programs that take no lock.
+// The lock excludes other users of this runtime, also those of root; the mark excludes programs that take no lock.
 bool Reserve(int fd) {
   if (flock(fd, LOCK_EX | LOCK_NB) != 0) {
     if (errno == EWOULDBLOCK) errno = EBUSY;
@@ -234,7 +234,7 @@ BOOL ConfigureSerialPort(int iFD, const MDATA_SERIAL_SRC_CFG* pConfig, struct te
   cfmakeraw(&settings);
   settings.c_iflag &= ~static_cast<tcflag_t>(IXOFF | IXANY | INPCK);
   settings.c_cflag |= CREAD | CLOCAL;
-  // With at least one byte asked for, a read without data says EAGAIN, and 0 means that the line has hung up.
+  // With VMIN 1 a read without data fails with EAGAIN, and 0 means that the line has hung up.
   settings.c_cc[VMIN] = 1;
   settings.c_cc[VTIME] = 0;
   if (!SetBaud(pConfig->nBaudRate, settings) || !SetFlow(pConfig->enFlowControl, settings) ||
@@ -246,7 +246,7 @@ BOOL ConfigureSerialPort(int iFD, const MDATA_SERIAL_SRC_CFG* pConfig, struct te
              strerror(errno));
     return FALSE;
   }
-  // tcsetattr succeeds when any of the settings could be made.
+  // tcsetattr succeeds if it could make any of the settings.
   termios actual{};
   constexpr tcflag_t kFrame = CSIZE | CSTOPB | PARENB | PARODD | CRTSCTS;
   if (tcgetattr(iFD, &actual) == 0 &&

@@ -1,4 +1,4 @@
-// Serial devices by path, for those who open them and for those who open them again.
+// Serial devices: opening them by path, and remembering them by descriptor.
 #ifndef HOST_SERIAL_PORT_INTERNAL_H
 #define HOST_SERIAL_PORT_INTERNAL_H
 
@@ -12,21 +12,22 @@
 
 namespace host_runtime {
 
-// Opens a device for this process alone, as OpenSerialPortDevice does. Returns none, with errno, if it cannot: ENOTTY for a
+// Opens a device for exclusive use, as OpenSerialPortDevice does. Returns none, with errno, if it cannot: ENOTTY for a
 // file that is not a serial device, EBUSY for one that is in use. Logs nothing.
 common::OwnedFD OpenDevice(const std::string& device);
 
 struct SerialDevice {
   std::string path;
-  std::optional<termios> settings;  // made by ConfigureSerialPort
+  std::optional<termios> settings;  // set by ConfigureSerialPort
 };
 
-// Which device stands behind a descriptor that OpenSerialPortDevice gave away. Taking forgets it; there is an answer only for
-// a device that was configured, and none for a number that was closed and used again. Safe from any thread.
+// Remember the device behind a descriptor that OpenSerialPortDevice handed out, and return and forget it. PopDevice
+// returns nothing for a device that was not configured, and for a number that was closed and reused. Any thread may
+// call them.
 void RememberDevice(int fd, const SerialDevice& device);
 std::optional<SerialDevice> PopDevice(int fd);
 
-// Nanoseconds of one character with its start, parity and stop bits.
+// Returns the nanoseconds of one character with its start, parity and stop bits.
 int64_t CharacterTime(const termios& settings);
 
 }  // namespace host_runtime

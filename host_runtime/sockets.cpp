@@ -1,7 +1,7 @@
 // UDP receive sockets and address texts.
 //
-// A unicast port is never shared: a second process that binds it gets an error instead of half the datagrams. Ports
-// of multicast sources are shared with other receivers of the machine, each with its own groups.
+// A unicast port is never shared: a second process that binds it gets an error instead of half the datagrams. Ports of
+// multicast sources are shared with other receivers on the machine, each of which has its own groups.
 #define HOST_MODULE "sockets"
 
 #include <arpa/inet.h>
@@ -20,7 +20,7 @@ using namespace host_runtime;
 
 namespace {
 
-constexpr int kReceiveBuffer = 1 << 20;  // bytes asked for; the system may grant less
+constexpr int kReceiveBuffer = 1 << 20;  // requested bytes; the system may grant fewer
 
 class Socket {
  public:
@@ -54,8 +54,8 @@ bool JoinOn(Socket& socket, in_addr group, int interface) {
   return setsockopt(socket.Get(), IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request)) == 0;
 }
 
-// Joins on the interface that the configuration names; otherwise on the one the routing table gives, and on the
-// loopback interface, for senders on this machine.
+// Joins on the interface that the configuration names. Without one, it joins on the interface that the routing table
+// selects, and on the loopback interface for senders on this machine.
 bool Join(Socket& socket, in_addr group) {
   const std::string name = Config()->multicastInterface;
   if (!name.empty()) {
@@ -83,7 +83,7 @@ BOOL CreateUDPRxSocket(USHORT usPort, const BYTE* acAddress, int* piFD) {
     const bool bMulticast = IN_MULTICAST(ntohl(address.s_addr));
     Socket socket(AF_INET);
     if (!socket.IsOpen()) return Fail("no socket", usPort);
-    // Without IP_MULTICAST_ALL only the groups joined by this socket arrive, not those of the machine's others.
+    // Without IP_MULTICAST_ALL the socket receives only the groups that it joined itself.
     if (bMulticast && (!socket.Set(SOL_SOCKET, SO_REUSEADDR, 1) || !socket.Set(IPPROTO_IP, IP_MULTICAST_ALL, 0))) {
       return Fail("cannot prepare for multicast", usPort);
     }

@@ -1,9 +1,9 @@
-// Threads, and the watch over them.
+// Threads, and the reports of their state.
 //
 // CONTENTS
-//   Records    one for each thread, and the table of all
-//   Running    the start of a thread, its priority and its end
-//   Services   what the library calls
+//   Records    exist for each thread, and a table lists them
+//   Running    covers the start of a thread, its priority and its end
+//   Services   are called by the library
 #define HOST_MODULE "threads"
 
 #include <limits.h>
@@ -28,11 +28,11 @@ using common::Condition;
 using common::Lock;
 using common::Mutex;
 
-// Asks the library for reports. Written atomically by HostRuntime_Apply.
+// Tells the library to report. HostRuntime_Apply writes it atomically.
 BOOL g_bThreadStateDebuggingEnabled = FALSE;
 
 // --- Records -----------------------------------------------------------------------------------------
-// A record belongs to whoever holds the handle; the table lists it until WaitForThread.
+// A record belongs to the owner of the handle; the table lists it until WaitForThread.
 
 struct tagHOST_THREAD {
   enum class Order { Hold, Run, Leave };
@@ -62,7 +62,7 @@ Table& Threads() {
   return *kTable;
 }
 
-thread_local HTHREAD t_hSelf = nullptr;  // the calling thread's record; null on threads the host did not make
+thread_local HTHREAD t_hSelf = nullptr;  // the calling thread's record; null on threads that CreateThread did not make
 
 template <typename Change>
 void Report(Change change) {
@@ -119,7 +119,7 @@ bool CreateWith(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
     pthread_attr_setschedpolicy(&attributes, SCHED_RR);
     pthread_attr_setschedparam(&attributes, &parameters);
   }
-  // Signals are for the process's own threads.
+  // Signals go to the process's own threads.
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
@@ -131,7 +131,7 @@ bool CreateWith(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
   return nResult == 0;
 }
 
-// With the wanted priority, or without it where the process may not have it.
+// Creates the thread with the wanted priority, or without it if the process may not have it.
 bool Create(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
   if (nPriority != 0 && Config()->realtimeThreads) {
     if (CreateWith(thread, nStackSize, nPriority)) return true;

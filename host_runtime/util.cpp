@@ -1,4 +1,4 @@
-// Time, text, the INI reader and tag names.
+// Times, texts, the library's INI keys, and tag names.
 #define HOST_MODULE "util"
 
 #include <unistd.h>
@@ -26,7 +26,7 @@ BOOL GetSystemUPTime(UINT32* pnSeconds) {
   return TRUE;
 }
 
-// UTC, "2008-10-24 00:13:29".
+// Writes UTC, as in "2008-10-24 00:13:29".
 char* GenTimeStamp(time_t tTime, char* szBuffer, int nSize) {
   if (szBuffer == nullptr || nSize <= 0) return szBuffer;
   struct tm parts {};
