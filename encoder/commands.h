@@ -10,19 +10,19 @@ namespace mdencoder {
 
 struct Command {
   enum class Kind { Stats, Reset, Restore, Save, Quit, Help, Unknown } kind = Kind::Unknown;
-  std::string name;  // a source, or empty for all; of kUnknown the line itself
+  std::string name;  // name of a source, or empty for all; the whole line if Unknown
 };
 
-// Nothing for an empty line. "all" as a name means the same as none.
+// Returns nothing for an empty line. The name "all" means the same as no name.
 std::optional<Command> ParseCommand(const std::string& line);
 extern const char kCommandHelp[];
 
-// Cuts the standard input into lines without ever waiting for one.
+// Cuts the standard input into lines and never waits for one.
 class LineReader {
  public:
-  // The descriptor to poll, or -1: closed, at its end, or a terminal that belongs to another process group.
+  // Returns the descriptor to poll, or -1 if the input has ended or is a terminal of another process group.
   int Descriptor() const;
-  // After poll said that it is readable: the complete lines that have come.
+  // Reads once and returns the lines that are complete. Call it when the descriptor is readable.
   std::vector<std::string> Read();
 
  private:

@@ -1,8 +1,8 @@
 // CONTENTS
-//   Keys          what may stand in a section, and when
-//   Encoder       the [encoder] section
-//   Sources       every other section
-//   Together      what must hold between sections
+//   Keys          are allowed in a section, some of them under a condition
+//   Encoder       reads the [encoder] section
+//   Sources       reads every other section
+//   Together      checks the sections against each other
 #include "config.h"
 
 #include <netinet/in.h>
@@ -72,7 +72,7 @@ constexpr std::string_view kStops[] = {"1", "2"};
 constexpr std::string_view kFamilies[] = {"any", "ipv4", "ipv6"};
 constexpr std::string_view kClassifications[] = {"unclassified", "restricted", "confidential", "secret", "top-secret"};
 
-// When a key of a source means anything, for keys that do not always.
+// Returns the condition under which a key of a source is allowed.
 std::string ConditionOf(std::string_view key) {
   for (const std::string_view serial : {"device", "baud", "parity", "flow", "stop", "bits"}) {
     if (key == serial) return "with input = serial";
@@ -162,8 +162,8 @@ void ReadSerial(Section& section, MDATA_SERIAL_SRC_CFG& serial) {
   serial.nDataBits = static_cast<int32_t>(section.Number("bits", 5, 8, 8));
 }
 
-// The library compares the address whatever the family, so an address settles the family. An IPv6 group would be
-// compared with the senders and never match.
+// The library compares the address in any family, so an address decides the family. It would compare an IPv6 group with
+// the senders, which never match it.
 void ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
   const int64_t port = section.Number("port", 1, 65535, 0);
   if (port == 0)
@@ -182,7 +182,7 @@ void ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
   std::memcpy(network.acSrcAddress, address->bytes.data(), sizeof(network.acSrcAddress));
 }
 
-// The library multiplies the delta by 1000 in a signed 32-bit field: more would turn negative.
+// The library multiplies the delta by 1000 in a signed 32-bit field, so a larger one would become negative.
 constexpr int64_t kLargestDeltaMs = INT32_MAX / 1000;
 
 void ReadCot(Section& section, MDATA_COT_CFG& cot) {
@@ -208,7 +208,7 @@ void ReadClassification(Section& section, MDATA_SRC_CFG& record) {
   record.bClassifyMission = TRUE;
   record.enClassification = classification + 1;
   const std::string* country = section.Find("classifying_country");
-  // The library would build neither the security set nor the mission identifier from anything but three letters.
+  // Without exactly three letters the library builds neither the security set nor the mission identifier.
   if (country == nullptr || country->size() != 3) {
     section.Fail("classifying_country", country == nullptr ? "" : *country, "a country code of three letters");
   }
@@ -287,7 +287,7 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
 
 // --- Together ----------------------------------------------------------------------------------------
 
-// Without a list of capabilities: both IP families, and CoT when a source needs it.
+// Returns the default capabilities: both IP families, and CoT if a source needs it.
 DWORD CapabilitiesFor(const std::vector<SourceSettings>& sources) {
   DWORD capabilities = METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT;
   for (const SourceSettings& source : sources) {

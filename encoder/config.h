@@ -1,4 +1,4 @@
-// The configuration: one record for the encoder, one per source.
+// The configuration: one record for the encoder, and one per source.
 #ifndef MDENCODER_CONFIG_H
 #define MDENCODER_CONFIG_H
 
@@ -17,27 +17,27 @@ enum class Format { Table, Json, None };
 
 struct EncoderSettings {
   DWORD capabilities = 0;  // METADATALIB_CAPS_*
-  std::string library;     // empty: beside the program, then the run path
+  std::string library;     // empty: beside the program, then on its run path
   std::string hostConfig;  // the host's INI file; empty: none
   std::string outputDir;   // empty: the received streams are not written
   bool streamHeader = false;
-  bool extendedTags = true;  // the library reads two-byte tags, unless its INI file says otherwise
+  bool extendedTags = true;  // the library reads two-byte tags, unless its INI file has the key
   Format format = Format::Table;
-  int logLevel = -1;  // -1: the host's
+  int logLevel = -1;  // -1: as the host has it
   std::vector<std::pair<std::string, int>> moduleLevels;
-  bool live = false;          // the statistics table in place of the status line
+  bool live = false;          // show the statistics table instead of the status line
   double statusInterval = 1;  // seconds; 0 for no status line
   double statsInterval = 0;   // seconds; 0 for the end only
-  std::string statsJson;      // statistics as JSON lines
-  std::string statsFile;      // statistics kept over a restart
-  std::string summary;        // the run's summary as JSON
+  std::string statsJson;      // file for statistics as JSON lines
+  std::string statsFile;      // file that keeps the statistics over a restart
+  std::string summary;        // file for the summary of the run as JSON
   double duration = 0;        // seconds; 0 for no limit
   uint64_t messages = 0;      // in total; 0 for no limit
   uint64_t messagesEach = 0;  // of every source; 0 for no limit
-  size_t queue = 4096;        // messages kept beyond the callback
+  size_t queue = 4096;        // messages that may wait for printing
 };
 
-// The serial device that the library asks the host for.
+// The serial device that the library asks the host to open.
 constexpr char kSerialDevice[] = "/dev/ttyPS0";
 
 struct SourceSettings {
@@ -45,8 +45,8 @@ struct SourceSettings {
   std::string input;       // "serial", "udp", "video"
   std::string data;        // "klv", "cot"
   std::string output;      // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
-  std::string device;      // serial: what the host opens in place of kSerialDevice; empty: as the host has it
-  MDATA_SRC_CFG record{};  // all but the callback and its parameters
+  std::string device;      // serial: path that the host opens instead of kSerialDevice; empty: as the host has it
+  MDATA_SRC_CFG record{};  // complete except for the callback and its parameters
 };
 
 struct Config {

@@ -52,7 +52,7 @@ void Console::Status(std::vector<std::string> lines) {
   Draw();
 }
 
-// The cursor stands behind the last line of the block: go up to the first one and clear to the end of the screen.
+// The cursor is at the end of the block: moves it up to the first line and clears to the end of the screen.
 void Console::Erase() {
   if (m_drawn == 0) return;
   if (m_drawn > 1) std::fprintf(stderr, "\033[%zuA", m_drawn - 1);

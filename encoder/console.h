@@ -1,5 +1,5 @@
-// What goes to the terminal. Lines go to the standard output, complaints to the standard error, and when that is a
-// terminal a block of status lines stands below them and is redrawn around everything else.
+// Output to the terminal. Lines go to the standard output and complaints to the standard error. If that is a terminal,
+// a block of status lines stays below them and is redrawn after each of them.
 #ifndef MDENCODER_CONSOLE_H
 #define MDENCODER_CONSOLE_H
 
@@ -19,17 +19,18 @@ class Console {
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
 
-  // One line each, without its line end. Any thread.
+  // Write lines, which have no line ends. Any thread may call them.
   void Line(const std::string& line);
   void Lines(const std::vector<std::string>& lines);
   void Complain(const std::string& line);
 
-  // True when a status block can be shown.
+  // Returns true if a status block can be shown.
   bool HasStatus() const { return m_hasStatus; }
-  // Replaces the block; an empty one removes it. Lines are cut at the terminal's width. Any thread.
+  // Replaces the block, or removes it if there are no lines. Lines are cut at the terminal's width. Any thread may call
+  // it.
   void Status(std::vector<std::string> lines);
 
-  // True after a write to the standard output failed.
+  // Returns true after a write to the standard output has failed.
   bool OutputFailed() const { return m_outputFailed.load(std::memory_order_relaxed); }
 
  private:

@@ -13,7 +13,7 @@ constexpr char kName[] = "libmetadata_lib.so.1";
 
 std::vector<std::string> Candidates(const std::string& path) {
   if (!path.empty()) {
-    // Without a slash the loader would search its folders instead of taking the file.
+    // Without a slash the loader would search its folders instead of opening the file.
     return {path.find('/') == std::string::npos ? "./" + path : path};
   }
   std::error_code ignored;

@@ -8,7 +8,7 @@
 
 namespace mdencoder {
 
-// Every function that the encoder calls, with its declared type.
+// The functions that the encoder calls, with their declared types.
 struct Library {
   decltype(&METADATALIB_Init) init = nullptr;
   decltype(&METADATALIB_Shutdown) shutdown = nullptr;
@@ -20,9 +20,9 @@ struct Library {
   decltype(&MetaData_SetSourceStats) setSourceStats = nullptr;
 };
 
-// Loads the library from `path`, or with an empty path from the program's own folder, the folders the program was
-// linked to look in, and the system's. Its undefined host services are resolved from this program. It stays loaded
-// to the end of the process. Throws std::runtime_error with what the loader said.
+// Loads the library from `path`. If that is empty, it searches the program's own folder, its run path, and the system's
+// folders. This program provides the host services that the library needs. The library stays loaded to the end of the
+// process. Throws std::runtime_error with the loader's message.
 Library LoadLibrary(const std::string& path);
 
 }  // namespace mdencoder

@@ -1,4 +1,5 @@
-// mdencoder: configuration, host, library, and the run. Exit codes: 0 done, 1 failed, 2 usage or configuration.
+// mdencoder: reads the configuration, sets up the host, loads the library and runs. The exit code is 0 for success, 1
+// for a failure, and 2 for a fault in the usage or the configuration.
 #include <chrono>
 #include <cstdio>
 #include <ctime>
@@ -30,7 +31,7 @@ HostRuntimeConfig HostConfig(const Config& config) {
   return host;
 }
 
-// "12:34:56.789 METADATALIB 5 MetaData_OpenSource: ..."
+// Returns "12:34:56.789 METADATALIB 5 MetaData_OpenSource: ...".
 std::string LogText(const HostLogLine& line) {
   const auto now = std::chrono::system_clock::now();
   const time_t seconds = std::chrono::system_clock::to_time_t(now);
@@ -45,7 +46,7 @@ std::string LogText(const HostLogLine& line) {
   return text + line.module + " " + level + " " + line.function + ": " + line.text;
 }
 
-// Log lines go through the console while it has a status block, which they would tear otherwise.
+// Sends log lines through the console while it has a status block, which they would damage otherwise.
 class LogRoute {
  public:
   LogRoute(HostRuntimeConfig& host, Console& console) : m_routed(host.console && console.HasStatus()) {

@@ -12,8 +12,8 @@ constexpr char kDescription[] =
 
 constexpr char kFooter[] =
     "\nThe configuration has an [encoder] section, whose keys are the long options with '_' for '-' (an option wins\n"
-    "over its key), and one section per source. mdencoder.example.ini shows every key. Names of files in it are relative\n"
-    "to its own folder.\n"
+    "over its key), and one section per source. mdencoder.example.ini shows every key. Names of files in it are\n"
+    "relative to its own folder.\n"
     "\nCommands on the standard input: stats [NAME], reset [NAME], restore [NAME], save, quit, help.\n"
     "Signals: SIGINT and SIGTERM end the run, SIGUSR1 resets and SIGUSR2 restores the statistics of every source.\n"
     "\nExit codes: 0 the run ended as asked; 1 it failed (library, source, file, output); 2 usage or configuration.\n"

@@ -11,11 +11,11 @@ namespace mdencoder {
 struct Options {
   std::string config;  // path of the INI file, "-" for the standard input
   bool check = false;
-  // Keys of the [encoder] section with their values.
+  // Keys of the [encoder] section, with their values.
   std::vector<std::pair<std::string, std::string>> overrides;
 };
 
-// Fills `options` and returns -1, or prints help or a complaint and returns the exit code: 0 or 2.
+// Fills `options` and returns -1. For help or a mistake it prints a text and returns the exit code, 0 or 2.
 int ParseOptions(int argc, const char* const* argv, Options& options);
 
 }  // namespace mdencoder

@@ -15,7 +15,7 @@ Receiver::~Receiver() {
 bool Receiver::Push(MDATA_BUFFER* buffer, Source& source) {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
   const auto timeUs = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
-  // The sequence number is read while the library's own reference still holds the buffer.
+  // Only the library's reference is sure to hold the buffer here, so the sequence number is read now.
   const uint8_t sequence = buffer->pcData[1];
   const uint64_t length = static_cast<uint64_t>(buffer->nDataSize - MDATA_STREAM_HEADER_SIZE);
   bool taken = false;

@@ -1,7 +1,7 @@
-// From the ready callback to the worker thread: a bounded queue of buffers that are kept beyond the callback.
+// Passes buffers from the ready callback to the worker thread, in a bounded queue.
 //
-// The callback never blocks: it adds a reference and an entry, or refuses the message when the queue is full. The
-// worker looks at each message and gives its reference back.
+// The callback never blocks: it adds a reference and an entry, or refuses the message if the queue is full. The worker
+// handles each message and releases the reference.
 #ifndef MDENCODER_RECEIVER_H
 #define MDENCODER_RECEIVER_H
 
@@ -18,13 +18,13 @@
 
 namespace mdencoder {
 
-// A message as the worker gets it.
+// A message for the worker.
 struct Received {
   Source* source = nullptr;
   uint64_t timeUs = 0;     // wall clock at the callback, microseconds since 1970
-  uint64_t timeStamp = 0;  // the input's presentation time, 0 when none
+  uint64_t timeStamp = 0;  // the input's presentation time, or 0
   uint8_t sequence = 0;
-  uint16_t headerLength = 0;  // as the stream header says
+  uint16_t headerLength = 0;  // length in the stream header
   st0601::ByteView buffer;    // stream header and message
   st0601::ByteView Message() const { return buffer.subspan(MDATA_STREAM_HEADER_SIZE); }
 };
@@ -34,19 +34,20 @@ class Receiver {
   using Handler = std::function<void(const Received&)>;
 
   Receiver(size_t capacity, decltype(&MetaData_ReleaseBuffer) release, Handler handler);
-  // Every source must be closed: handles what is left, then ends the thread.
+  // Handles the remaining messages and ends the thread. Every source must be closed before.
   ~Receiver();
   Receiver(const Receiver&) = delete;
   Receiver& operator=(const Receiver&) = delete;
 
-  // What the callback does with a message of `source`. Metadata thread. TRUE when it was taken.
+  // Queues a message of `source`, or refuses it. Called by the ready callback on the metadata thread. Returns true if
+  // the message was queued.
   bool Push(MDATA_BUFFER* buffer, Source& source);
-  // Handles what is left and ends the thread.
+  // Handles the remaining messages and ends the thread.
   void Finish();
 
  private:
   struct Kept {
-    MDATA_BUFFER* buffer;  // one reference of ours
+    MDATA_BUFFER* buffer;  // owns one reference
     Source* source;
     uint64_t timeUs;
   };

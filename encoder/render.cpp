@@ -15,7 +15,7 @@ using st0601::ValueState;
 
 constexpr size_t kKeySize = 16;
 
-// "HH:MM:SS.mmm", local time.
+// Returns local time as "HH:MM:SS.mmm".
 std::string LocalText(uint64_t microseconds) {
   const time_t seconds = static_cast<time_t>(microseconds / 1000000);
   tm parts{};

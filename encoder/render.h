@@ -1,4 +1,4 @@
-// Messages as text: one table row or one JSON line each.
+// Renders messages as text: one table row or one JSON line each.
 #ifndef MDENCODER_RENDER_H
 #define MDENCODER_RENDER_H
 
@@ -9,14 +9,14 @@
 
 namespace mdencoder {
 
-// The column titles of TableRow, without a line end.
+// Returns the column titles of TableRow, without a line end.
 std::string TableHeader();
-// Time (local), source, sequence, length, checksum state, then the items as "key=value unit". No line end.
+// Returns local time, source, sequence, length, checksum state, and the items as "key=value unit", without a line end.
 std::string TableRow(const Received& received, const st0601::Message& message);
-// The same and more as one JSON object; see docs/mdencoder.md. No line end.
+// Returns the same and more as one JSON object, without a line end; see docs/mdencoder.md.
 std::string JsonLine(const Received& received, const st0601::Message& message);
 
-// "2024-05-01T10:20:30.123456Z" of microseconds since 1970.
+// Returns "2024-05-01T10:20:30.123456Z" for microseconds since 1970.
 std::string UtcText(uint64_t microseconds);
 
 }  // namespace mdencoder

@@ -1,9 +1,9 @@
 // CONTENTS
-//   Start and end    files, sources, signals
-//   Messages         the callback, and the worker behind it
-//   Main loop        poll, timers, signals, limits
-//   Commands         statistics, reset, restore, save
-//   Results          status line, statistics, summary
+//   Start and end    open and close files, sources and signals
+//   Messages         come from the callback and go to the worker
+//   Main loop        polls, and handles timers, signals and limits
+//   Commands         show, reset, restore and save statistics
+//   Results          are the status line, the statistics and the summary
 #include "session.h"
 
 #include <poll.h>
@@ -39,7 +39,7 @@ std::chrono::steady_clock::duration Seconds(double seconds) {
   return std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
 }
 
-constexpr double kShortestStatusInterval = 0.1;  // statistics take the lock that serial reception takes
+constexpr double kShortestStatusInterval = 0.1;  // reading statistics takes the lock of serial reception
 
 }  // namespace
 
@@ -82,7 +82,7 @@ void Session::OpenFiles() {
   }
 }
 
-// FALSE after the first source that cannot be opened.
+// Returns false after the first source that cannot be opened.
 bool Session::OpenSources() {
   for (size_t i = 0; i < m_sources.size(); ++i) {
     MDATA_SRC_CFG record = m_sources[i].Settings().record;
@@ -105,7 +105,7 @@ void Session::CloseSources() {
     if (source.handle != nullptr) {
       m_library.getSourceStats(source.handle, &statistics);
       if (!m_library.closeSource(&source.handle)) Fail("source " + source.Name() + " cannot be closed");
-      source.handle = nullptr;  // the library leaves it as it was
+      source.handle = nullptr;  // the library does not change it
     }
     m_last.push_back(statistics);
   }
@@ -146,7 +146,7 @@ void Session::Fail(const std::string& complaint) {
 
 // --- Messages ----------------------------------------------------------------------------------------
 
-// Metadata thread. Takes the message or refuses it, and never blocks.
+// Runs on the metadata thread. Accepts or refuses the message and never blocks.
 BOOL Session::OnMessage(MDATA_BUFFER* buffer, void* tap, void*) {
   auto& [session, source] = *static_cast<Tap*>(tap);
   const uint64_t limit = session->m_config.encoder.messages;
@@ -157,7 +157,7 @@ BOOL Session::OnMessage(MDATA_BUFFER* buffer, void* tap, void*) {
   return TRUE;
 }
 
-// Worker thread.
+// Runs on the worker thread.
 void Session::Handle(const Received& received) {
   Source& source = *received.source;
   const st0601::Message message = st0601::Parse(received.Message());
@@ -280,7 +280,7 @@ void Session::Execute(const Command& command) {
   }
 }
 
-// The sources that a command means; complains when there is none of that name.
+// Returns the sources of a command, and complains if none has that name.
 std::vector<Source*> Session::Chosen(const std::string& name) {
   std::vector<Source*> chosen;
   for (Source& source : m_sources) {
@@ -308,7 +308,7 @@ void Session::Reset(const std::string& name) {
   }
 }
 
-// Loads what the statistics file holds now.
+// Loads the current contents of the statistics file.
 void Session::Restore(const std::string& name) {
   const std::string& path = m_config.encoder.statsFile;
   if (path.empty()) {
@@ -408,7 +408,7 @@ void Session::WriteResults() {
   };
   write(m_config.encoder.summary, [&](const std::string& path) { ReplaceFile(path, SummaryJson(reports, m_times)); });
   write(m_config.encoder.statsFile, [&](const std::string& path) { SaveStatistics(path, reports); });
-  // The last printed lines may be the ones that the output did not take.
+  // The write that failed may be that of the last lines.
   if (m_console.OutputFailed() && !m_failed.load()) Fail("cannot write to standard output");
 }
 

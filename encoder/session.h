@@ -1,5 +1,5 @@
-// A run: opens the sources, shows what arrives, answers commands, and closes everything in the order the library
-// asks for. Everything here runs on the main thread but for the callback (metadata thread) and Handle (worker).
+// A run: opens the sources, shows the messages, executes commands, and closes everything in the order that the library
+// requires. Everything runs on the main thread, except the callback (metadata thread) and Handle (worker thread).
 #ifndef MDENCODER_SESSION_H
 #define MDENCODER_SESSION_H
 
@@ -27,7 +27,7 @@ namespace mdencoder {
 
 class Session {
  public:
-  // Blocks the signals that end or steer a run; call before any thread starts.
+  // Blocks the signals that end or control a run. Call it before any thread starts.
   static void BlockSignals();
 
   Session(const Config& config, const Library& library, Console& console);
@@ -35,12 +35,13 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // The whole run; the exit code. Throws std::runtime_error for what fails before the first source is open.
+  // Does the whole run and returns the exit code. Throws std::runtime_error for a failure before the first source is
+  // open.
   int Run();
 
  private:
   using Clock = std::chrono::steady_clock;
-  // What the callback gets as its user parameter.
+  // The user parameter of the callback.
   struct Tap {
     Session* session;
     Source* source;
@@ -52,7 +53,7 @@ class Session {
   bool OpenSources();
   void CloseSources();
   void Loop();
-  int Wait();  // milliseconds until something is due
+  int Wait();  // returns the milliseconds until the next timer, or -1
   void OnSignal();
   void OnInput();
   void Tick();
@@ -80,14 +81,14 @@ class Session {
   std::deque<Tap> m_taps;
   std::unique_ptr<Receiver> m_receiver;
   std::map<std::string, MDATA_SRC_STATS> m_kept;
-  std::vector<MDATA_SRC_STATS> m_last;  // of the sources, by position, when they are closed
+  std::vector<MDATA_SRC_STATS> m_last;  // last statistics of the closed sources, by position
   std::FILE* m_statsJson = nullptr;
   LineReader m_input;
-  std::atomic<uint64_t> m_taken{0};   // messages taken in total
-  std::atomic<bool> m_failed{false};  // the run's exit code is 1
+  std::atomic<uint64_t> m_taken{0};   // total of accepted messages
+  std::atomic<bool> m_failed{false};  // the exit code will be 1
   bool m_ended = false;
   common::OwnedFD m_signals;  // signalfd
-  common::OwnedFD m_wake;     // eventfd; written when a limit is reached or the output failed, and never read
+  common::OwnedFD m_wake;     // eventfd; written at a limit or a failed output, never read
   RunTimes m_times;
   Clock::time_point m_start;
   std::optional<Clock::time_point> m_nextStatus;

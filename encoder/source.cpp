@@ -34,7 +34,7 @@ void Source::OpenOutput(const std::string& path, bool streamHeader) {
 }
 
 void Source::Arrived(uint8_t sequence, uint64_t length, bool taken) {
-  // A video source that is refused a message uses its sequence number again.
+  // A video source uses the sequence number of a refused message again.
   if (taken || m_settings.record.enInputType != MDATA_INPUT_VIDEO) m_sequence.Push(sequence);
   if (!taken) {
     Add(m_dropped, 1);

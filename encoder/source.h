@@ -1,5 +1,4 @@
-// One open source as the encoder sees it: what the ready callback counts, and what the worker thread finds out
-// about the messages.
+// One open source: the counts of the ready callback, and the worker thread's checks of the messages.
 #ifndef MDENCODER_SOURCE_H
 #define MDENCODER_SOURCE_H
 
@@ -15,22 +14,22 @@
 
 namespace mdencoder {
 
-// A copy of the counters, taken at one moment.
+// A copy of the counters at one moment.
 struct Counters {
-  uint64_t messages = 0;      // taken in the callback
-  uint64_t bytes = 0;         // theirs, stream header excluded
-  uint64_t dropped = 0;       // refused in the callback, the queue being full
-  uint64_t sequenceGaps = 0;  // places where the sequence number jumped
-  uint64_t lost = 0;          // sequence numbers missing there
+  uint64_t messages = 0;      // accepted in the callback
+  uint64_t bytes = 0;         // bytes of these messages, without stream headers
+  uint64_t dropped = 0;       // refused in the callback because the queue was full
+  uint64_t sequenceGaps = 0;  // jumps of the sequence number
+  uint64_t lost = 0;          // sequence numbers that these jumps skipped
   uint64_t checksumOk = 0;
   uint64_t checksumBad = 0;
   uint64_t checksumMissing = 0;
   uint64_t checksumMisplaced = 0;
-  uint64_t notUas = 0;      // messages that are no ST 0601 set
+  uint64_t notUas = 0;      // messages that are not ST 0601 sets
   uint64_t incomplete = 0;  // ST 0601 sets whose items do not fill their length
 };
 
-// Follows the sequence numbers of the stream headers. Metadata thread only; the counts may be read anywhere.
+// Follows the sequence numbers of the stream headers. The metadata thread pushes them; any thread may read the counts.
 class SequenceWatch {
  public:
   void Push(uint8_t sequence);
@@ -52,16 +51,16 @@ class Source {
   const SourceSettings& Settings() const { return m_settings; }
   const std::string& Name() const { return m_settings.name; }
 
-  // Opens the file of the received stream; throws std::runtime_error. Before the source is opened.
+  // Opens the file of the received stream. Call it before the source is opened. Throws std::runtime_error.
   void OpenOutput(const std::string& path, bool streamHeader);
 
-  // Metadata thread, inside the callback: a message of `length` bytes arrived and was taken or not.
+  // Counts a message of `length` bytes that was accepted or refused. Called on the metadata thread, in the callback.
   void Arrived(uint8_t sequence, uint64_t length, bool taken);
-  // Worker thread: writes the message (with its stream header in front) to the file; FALSE once when that fails.
+  // Writes a buffer with stream header and message to the file. Returns false once, when that fails. Worker thread.
   bool Write(st0601::ByteView buffer);
-  // Worker thread: counts what the message turned out to be.
+  // Counts the message by its kind and its checksum. Worker thread.
   void Judge(const st0601::Message& message);
-  // Worker thread or after it ended: closes the file; false when bytes were lost.
+  // Closes the file and returns false if bytes were lost. Worker thread, or any after its end.
   bool CloseOutput();
 
   Counters Snapshot() const;  // any thread

@@ -32,12 +32,12 @@ bool IsNetwork(const SourceSettings& settings) {
 bool IsCot(const SourceSettings& settings) {
   return settings.record.enDataType == MDATA_DATA_COT;
 }
-// The library fills the rewriting counters under this condition.
+// Returns whether the library fills the rewriting counters.
 bool HasInserts(const SourceSettings& settings) {
   return settings.record.bClassifyMission || settings.record.szMissionID[0] != '\0';
 }
 
-// Text of a fixed array that may lack its terminator, fit for JSON and terminals.
+// Returns the text of a fixed array, which may lack its terminator, for JSON and terminals.
 std::string SafeText(const char* text, size_t size) {
   const auto* bytes = reinterpret_cast<const uint8_t*>(text);
   return st0601::Decode(*st0601::FindItem(st0601::kMissionIdTag), {bytes, strnlen(text, size)}).text;
@@ -197,7 +197,7 @@ void ReadCot(const Json& json, MDATA_COT_STATS& cot) {
   Read(json, "filtered_sensor_point_events", cot.nFilteredRxSPIMessages);
   Read(json, "converted_messages", cot.nConvertedKLVMessages);
   Read(json, "converted_bytes", cot.nConvertedKLVBytes);
-  // The sensors are found anew: the library does not take them back.
+  // The library discovers the sensors again, because its interface cannot set them.
 }
 
 void ReadKlv(const Json& json, MDATA_KLV_STATS& klv) {
@@ -217,8 +217,8 @@ void ReadRelay(const Json& json, MDATA_RELAY_STATS& counts) {
   Read(json, "last_error_time", counts.iLastRelayErrorTime);
 }
 
-// The kept TTL and TOS are not loaded: relays that follow have the system's values on their new sockets, and change them
-//    only when a datagram brings a value that the library does not know yet.
+// The kept TTL and TOS are not loaded: relays that follow start with the system's values on their new sockets, and change
+// them only if a datagram has a value that the library does not know yet.
 void ReadNetwork(const Json& json, MDATA_SRC_STATS& statistics) {
   if (const auto sender = ParseAddress(json.at("sender").get<std::string>())) {
     statistics.in.Network.iSourceAddressFamily = sender->family;
@@ -232,7 +232,7 @@ void ReadNetwork(const Json& json, MDATA_SRC_STATS& statistics) {
 
 }  // namespace
 
-// What the file lacks because the configuration changed in between (a new relay, a mission identifier) starts at 0.
+// Values that the file lacks, because the configuration has a new relay or mission identifier, start at 0.
 MDATA_SRC_STATS LibraryStatisticsFromJson(const SourceSettings& settings, const Json& json) try {
   MDATA_SRC_STATS statistics{};
   statistics.nSize = sizeof(statistics);
@@ -377,7 +377,7 @@ std::map<std::string, MDATA_SRC_STATS> LoadStatistics(const std::string& path,
   const Json json = Json::parse(text);
   for (const Json& entry : json.at("sources")) {
     for (const SourceSettings& settings : sources) {
-      // A source that changed its kind since starts anew.
+      // A source whose kind has changed starts at 0.
       if (entry.at("name") != settings.name || entry.at("input") != settings.input ||
           entry.at("data") != settings.data) {
         continue;

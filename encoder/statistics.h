@@ -1,4 +1,4 @@
-// Statistics as JSON and as a table, and kept in a file.
+// Shows statistics as JSON and as a table, and keeps them in a file.
 #ifndef MDENCODER_STATISTICS_H
 #define MDENCODER_STATISTICS_H
 
@@ -16,21 +16,21 @@ namespace mdencoder {
 // One source at one moment.
 struct Report {
   const SourceSettings* settings = nullptr;
-  Counters counters;             // what this program counted
-  MDATA_SRC_STATS statistics{};  // what the library counted
+  Counters counters;             // counts of this program
+  MDATA_SRC_STATS statistics{};  // counts of the library
 };
 
-// What the library counted; parts that the source's configuration does not fill are left out.
+// Converts the library's counts, without the parts that the source's configuration does not use.
 nlohmann::ordered_json LibraryStatisticsJson(const SourceSettings& settings, const MDATA_SRC_STATS& statistics);
-// The inverse. Throws std::runtime_error when something is missing or of another type.
+// Does the reverse. Throws std::runtime_error if a value is missing or has another type.
 MDATA_SRC_STATS LibraryStatisticsFromJson(const SourceSettings& settings, const nlohmann::ordered_json& json);
 
-// Name, input, data, messages, bytes, corrupt and all other counters of one source.
+// Returns name, input, data, messages, bytes, corrupt and all other counters of one source.
 nlohmann::ordered_json ReportJson(const Report& report);
-// {"type":"statistics","time":...,"sources":[...]} in one line.
+// Returns {"type":"statistics","time":...,"sources":[...]} in one line.
 std::string StatisticsLine(const std::vector<Report>& reports, uint64_t timeUs);
 
-// Lines of a table: one row a source, under it what else there is to say.
+// Returns the lines of a table: a row per source, and below it lines for faults, senders, rewriting, events and relays.
 std::vector<std::string> StatisticsTable(const std::vector<Report>& reports);
 
 struct RunTimes {
@@ -41,12 +41,13 @@ struct RunTimes {
 };
 std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& times);
 
-// Statistics by source name. Both throw std::runtime_error; a file that does not exist is an empty one.
+// Load and save statistics by source name. A file that does not exist holds none. Both throw std::runtime_error.
 std::map<std::string, MDATA_SRC_STATS> LoadStatistics(const std::string& path,
                                                       const std::vector<SourceSettings>& sources);
 void SaveStatistics(const std::string& path, const std::vector<Report>& reports);
 
-// Writes beside `path` and renames, so that readers see the old file or the new one. Throws std::runtime_error.
+// Writes a new file and renames it to `path`, so that readers see either the old file or the new one. Throws
+// std::runtime_error.
 void ReplaceFile(const std::string& path, const std::string& content);
 
 }  // namespace mdencoder

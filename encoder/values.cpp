@@ -67,7 +67,7 @@ std::optional<unsigned> ParseTag(const std::string& text, unsigned limit, bool s
   return std::nullopt;
 }
 
-// -1 for "follow", else 0 to 255.
+// Returns -1 for "follow", or 0 to 255.
 std::optional<int32_t> ParseTtlOrTos(const std::string& text) {
   if (text == "follow") return -1;
   const auto number = value_text::ParseWholeNumber(text, 0, 255);
@@ -75,7 +75,7 @@ std::optional<int32_t> ParseTtlOrTos(const std::string& text) {
   return static_cast<int32_t>(*number);
 }
 
-// "ADDRESS:PORT" or "[ADDRESS]:PORT".
+// Reads "ADDRESS:PORT" or "[ADDRESS]:PORT".
 bool ParseDestination(const std::string& text, MDATA_RELAY_CFG& relay) {
   const size_t colon = text.rfind(':');
   if (colon == std::string::npos) return false;
