@@ -22,15 +22,15 @@ namespace geoid {
 namespace {
 
 constexpr int kGtxColumns = 1440;
-constexpr int kGtxGreenwich = 720;  // column of longitude 0: the first one is 180 W
+constexpr int kGtxGreenwich = 720;  // column of longitude 0; the first column is 180 W
 constexpr size_t kGtxSize = 40 + size_t{kRows} * kGtxColumns * sizeof(float);
 
-// No geoid height of EGM96 lies outside.
+// All geoid heights of EGM96 lie within these limits.
 constexpr float kLowest = -110.0f;
 constexpr float kHighest = 90.0f;
 
-// Whether the data begins as a GTX grid of this geoid does, with the latitude of its first row: -90 as a big-endian
-// double. No text does.
+// Returns whether the data begins with the latitude of the first row of such a GTX grid, -90 as a big-endian double. No
+// text begins so.
 bool IsGtx(std::string_view data) {
   return data.starts_with(std::string_view("\xC0\x56\x80\0\0\0\0\0", 8));
 }

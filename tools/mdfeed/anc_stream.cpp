@@ -11,9 +11,9 @@
 namespace mdfeed {
 namespace {
 
-// The packet's checksum with its lowest bit turned.
+// Inverts the lowest bit of the packet's checksum.
 void SpoilChecksum(Bytes& packed, size_t userWords) {
-  const size_t bit = 32 + 10 * (3 + userWords) + 9;  // behind position, DID, SDID and data count
+  const size_t bit = 32 + 10 * (3 + userWords) + 9;  // after position, DID, SDID and data count
   packed[bit / 8] ^= static_cast<uint8_t>(0x80u >> (bit % 8));
 }
 
@@ -79,7 +79,7 @@ class AncStream : public Traffic {
     if (m_held) packets.push_back(*std::exchange(m_held, std::nullopt));
   }
 
-  // What still waits for a successor when the traffic ends.
+  // Returns the packet that still waits for its successor when the traffic ends.
   std::optional<Batch> PopHeld() {
     if (!m_held) return std::nullopt;
     return Batch{*std::exchange(m_held, std::nullopt)};

@@ -13,7 +13,7 @@ constexpr const char* kVersion = "mdfeed " MDFEED_VERSION;
 constexpr double kMaxRate = 100'000;
 constexpr size_t kMaxChunk = 65'507;  // the largest datagram
 
-// Options whose text is read after the command line as a whole is right.
+// Options whose text is parsed once the whole command line is valid.
 struct Texts {
   std::string udp;
   std::string ttl;
@@ -150,7 +150,7 @@ void AddTs(CLI::App& app, Arguments& args) {
       ->check(CLI::Range(1, 4));
 }
 
-// Reads a text with a parser that throws std::invalid_argument.
+// Parses the text of an option. If the parser throws std::invalid_argument, it throws UsageError with the option's name.
 template <typename Parse>
 auto Read(const char* option, const std::string& text, Parse parse) {
   try {
@@ -178,7 +178,7 @@ void ReadTexts(const Texts& texts, Arguments& args) {
   args.cot.seed = args.seed;
 }
 
-// The first line of a message, as there is room for.
+// Returns the first line of a message.
 std::string OneLine(const std::string& text) {
   return "mdfeed: " + text.substr(0, text.find('\n')) + "\n";
 }

@@ -19,18 +19,18 @@ enum class Command { Klv, Cot, Anc, Ts };
 
 struct Arguments {
   Command command = Command::Klv;
-  // What.
+  // Input.
   bool simulate = false;
-  std::string file;     // unless simulated
-  unsigned repeat = 1;  // rounds of the file; 0: for ever
-  size_t chunk = 0;     // bytes; 0: one message at a time
+  std::string file;     // empty if simulated
+  unsigned repeat = 1;  // number of rounds of the file; 0: without end
+  size_t chunk = 0;     // bytes per piece; 0: whole messages
   uint32_t seed = 1;
-  std::string start;      // of the flight; empty: now
-  std::string geoidGrid;  // GTX file; empty: the usual one if it is there
+  std::string start;      // time at the start of the flight; empty: now
+  std::string geoidGrid;  // GTX file; empty: the usual one if it exists
   CotOptions cot;
   char channel = '1';
   std::vector<FrameDamage> damage;
-  // Where to: one of three.
+  // Destination: one of these three.
   std::optional<UdpAddress> udp;
   std::string interface;
   std::string serial;
@@ -38,18 +38,18 @@ struct Arguments {
   std::string pty;
   AncOptions anc;
   TsOptions ts;
-  // How.
+  // Pace.
   SendOptions send;
 };
 
-// What main() does when there is nothing to send: text for standard output or standard error, and the exit code.
+// The result if there is nothing to send: text for standard output or standard error, and the exit code.
 struct Answer {
   int exitCode;
   std::string text;
 };
 
-// Reads the command line. An answer instead of arguments after --help and --version, and with exit code 2 and one line
-// of text after a mistake.
+// Parses the command line. Returns an answer instead of arguments after --help and --version, and after a mistake, with
+// exit code 2 and one line of text.
 std::optional<Answer> ParseCommandLine(int argc, const char* const* argv, Arguments& arguments);
 
 }  // namespace mdfeed

@@ -10,7 +10,7 @@ namespace {
 constexpr int64_t kStaleAfterUs = 5'000'000;
 constexpr const char* kModels[] = {"EO Nose", "IR Nose", "EO Wide", "LRF"};
 
-// Appends formatted text, with a decimal point whatever the locale: this program never changes it.
+// Appends formatted text. Numbers have a decimal point, because this program never sets a locale.
 __attribute__((format(printf, 2, 3))) void Append(std::string& text, const char* format, ...) {
   std::array<char, 1024> line{};
   va_list arguments;
@@ -20,7 +20,7 @@ __attribute__((format(printf, 2, 3))) void Append(std::string& text, const char*
   text += line.data();
 }
 
-// The event's start tag. The time comes before whatever could be mistaken for it.
+// Returns the event's start tag. The time precedes every other attribute that could be confused with it.
 std::string StartEvent(const std::string& uid, const char* type, int64_t timeUs, int64_t startUs) {
   std::string text = "<?xml version=\"1.0\" encoding=\"UTF-8\" standalone=\"yes\"?>\n";
   Append(text, "<event version=\"2.0\" uid=\"%s\" type=\"%s\" ", uid.c_str(), type);

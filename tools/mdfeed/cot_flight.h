@@ -1,4 +1,4 @@
-// The simulated flight as Cursor-on-Target events: the aircraft, and the point its sensor looks at.
+// The simulated flight as Cursor-on-Target events for the aircraft and for the point that its sensor looks at.
 #ifndef MDFEED_COT_FLIGHT_H
 #define MDFEED_COT_FLIGHT_H
 
@@ -11,15 +11,15 @@
 namespace mdfeed {
 
 struct CotOptions {
-  std::string uid = "SIM-UAV";  // of the aircraft; the sensors are SIM-UAV.S1, SIM-UAV.S2, ...
-  int sensors = 1;              // they take turns, one sensor point per pair
-  int jitterMs = 20;            // by how much at most the sensor point is older than the aircraft event; cut to 10 ms
+  std::string uid = "SIM-UAV";  // UID of the aircraft; those of the sensors are SIM-UAV.S1, SIM-UAV.S2, ...
+  int sensors = 1;              // the pairs have the point of each sensor in turn
+  int jitterMs = 20;            // largest lead of the sensor point over the aircraft event; rounded down to 10 ms
   uint32_t seed = 1;
 };
 
 struct CotPair {
   std::string sensor;    // type b-m-p-s-p-i
-  std::string aircraft;  // type a-f-A-M-F-Q; its time is the state's
+  std::string aircraft;  // type a-f-A-M-F-Q, with the time of the state
 };
 
 class CotWriter {

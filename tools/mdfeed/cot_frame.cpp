@@ -35,8 +35,8 @@ constexpr std::array<std::pair<FrameField, std::string_view>, 14> kFieldNames = 
 // --- GF(32) ------------------------------------------------------------------------------------------
 
 struct Field {
-  std::array<uint8_t, 62> power{};  // a^i, twice round so that sums of logarithms need no reduction
-  std::array<uint8_t, 32> log{};    // of 1 to 31
+  std::array<uint8_t, 62> power{};  // a^i for two periods, so that sums of logarithms need no reduction
+  std::array<uint8_t, 32> log{};    // logarithms of 1 to 31
 };
 
 constexpr Field MakeField() {
@@ -85,7 +85,7 @@ void FlipBit(Bytes& data, size_t bit) {
   data[bit / 8] = static_cast<uint8_t>(data[bit / 8] ^ (0x80u >> (bit % 8)));
 }
 
-// Where a bit of the block lies in the packed codewords.
+// Returns the position of a bit of the block in the packed codewords.
 size_t PackedPosition(size_t blockBit) {
   return blockBit / kDataBits * kCodewordBits + blockBit % kDataBits;
 }
@@ -119,7 +119,7 @@ void DamagePayload(Bytes& payload, size_t blockSize, FrameField field, Random& r
   if (field == FrameField::CheckBits) FlipBit(payload, Pick(random, kDataBits, kCodewordBits - kDataBits));
 }
 
-// A bit of a length, at 'offset', but not the highest: that one is lost when the check word doubles the length.
+// Selects a bit of the length at 'offset' other than the highest, which is lost when the check word doubles the length.
 size_t PickLengthBit(Random& random, size_t offset) {
   const size_t bit = Pick(random, 0, 15);
   return offset * 8 + (bit < 8 ? bit : bit + 1);

@@ -1,4 +1,4 @@
-// Builds frames of the serial Cursor-on-Target link, whole or damaged on purpose.
+// Builds frames of the serial Cursor-on-Target link, intact or with deliberate damage.
 #ifndef MDFEED_COT_FRAME_H
 #define MDFEED_COT_FRAME_H
 
@@ -14,34 +14,35 @@ namespace mdfeed {
 
 using Bytes = std::vector<uint8_t>;
 
-// What can be damaged. The length and check fields of the header stand for the first, second and third copy.
+// The fields that can be damaged. Length1 to Length3 and Check1 to Check3 are the three copies in the header.
 enum class FrameField {
   Sync,     // one byte of the sync pattern
-  Length1,  // one bit of a length that its check word notices
+  Length1,  // one bit of a length, which its check word detects
   Length2,
   Length3,
   Check1,  // one bit of a length's check word
   Check2,
   Check3,
-  Codeword,     // one data bit inside the ARQ message, so that the CRC no longer matches
-  CheckBits,    // one check bit of a codeword; receivers that correct nothing do not notice
-  BlockLength,  // the length word in front of the ARQ message says more than there is
+  Codeword,     // one data bit of the ARQ message, which the CRC detects
+  CheckBits,    // one check bit of a codeword; a receiver without correction does not detect it
+  BlockLength,  // the length word before the ARQ message is too large
   Crc,          // one bit of the CRC
-  ArqU,         // the first ARQ byte; the CRC is right
-  ArqHash,      // the second
+  ArqU,         // the first ARQ byte; the CRC matches
+  ArqHash,      // the second ARQ byte; the CRC matches
   Channel       // another channel digit
 };
 
-// The name used on the command line ("length1"), and back. Throws std::invalid_argument for an unknown name.
+// Convert the name on the command line ("length1") to a field and back. Parsing throws std::invalid_argument for an
+// unknown name.
 std::string_view FrameFieldName(FrameField field);
 FrameField ParseFrameField(std::string_view name);
-// All names, separated by commas.
+// Returns all names, separated by commas.
 std::string FrameFieldNames();
 
 struct FrameOptions {
   char channel = '1';
   std::vector<FrameField> damage;
-  uint32_t seed = 0;  // chooses the bits that are damaged
+  uint32_t seed = 0;  // selects the bits to damage
 };
 
 inline constexpr size_t kSymbolsPerCodeword = 31;
@@ -53,22 +54,22 @@ using Codeword = std::array<uint8_t, kSymbolsPerCodeword>;  // 5-bit symbols, da
 // The field is built on the primitive polynomial x^5 + x^2 + 1; the generator has the roots a^1 to a^10, a = x. The
 // first symbol is the coefficient of the highest power.
 Codeword EncodeReedSolomon(std::span<const uint8_t, kDataSymbols> data);
-// Whether all ten syndromes are zero.
+// Returns whether all ten syndromes are zero.
 bool IsCodeword(const Codeword& word);
 
-// Check word of a length: minus twice the length, modulo 65536.
+// Returns the check word of a length: minus twice the length, modulo 65536.
 uint16_t LengthCheck(uint16_t length);
-// CRC-16/ARC.
+// Returns the CRC-16/ARC.
 uint16_t Crc16Arc(std::span<const uint8_t> data);
 
-// The block that the codewords carry: length word, ARQ message, CRC.
+// Returns the block that the codewords carry: length word, ARQ message, CRC.
 Bytes BuildBlock(std::span<const uint8_t> arqMessage);
-// Packs a block into codewords of 155 bits, back to back, the last one filled up with zero bits.
+// Packs a block into consecutive codewords of 155 bits. The last one is padded with zero bits.
 Bytes PackCodewords(std::span<const uint8_t> block);
-// Puts the 17-byte header in front of a payload. Throws std::length_error when the frame would pass 65536 bytes.
+// Puts the 17-byte header in front of a payload. Throws std::length_error if the frame would exceed 65536 bytes.
 Bytes BuildFrame(std::span<const uint8_t> payload);
 
-// The whole way from an event's XML text to the bytes of one frame.
+// Converts the XML text of an event to the bytes of one frame.
 Bytes BuildCotFrame(std::string_view xml, const FrameOptions& options = {});
 
 }  // namespace mdfeed

@@ -1,4 +1,4 @@
-// The two ways to fail. main() turns them into one line on standard error and an exit code.
+// Two kinds of failure. main() reports each as one line on standard error and an exit code.
 #ifndef MDFEED_ERROR_H
 #define MDFEED_ERROR_H
 
@@ -7,17 +7,17 @@
 
 namespace mdfeed {
 
-// The command line asks for something impossible: exit code 2.
+// The command line is not valid: exit code 2.
 struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Something failed on the way: exit code 1.
+// The run failed: exit code 1.
 struct RunError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// "what: reason of errno".
+// Throws RunError with "what: reason of errno".
 [[noreturn]] void ThrowErrno(const std::string& what);
 
 }  // namespace mdfeed

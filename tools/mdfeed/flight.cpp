@@ -15,9 +15,9 @@ constexpr double kStepSeconds = 0.01;
 constexpr double kMetresPerDegree = 111'320.0;  // of latitude; of longitude at the equator
 constexpr double kCruiseSpeed = 72.0;
 constexpr double kGravity = 9.80665;
-constexpr double kTurnPeriod = 120.0;  // seconds of one turn left and right
-constexpr double kTurnAngle = 25.0;    // degrees either side of east
-constexpr double kTrackWidth = 586.0;  // metres north and south of its middle that the track reaches
+constexpr double kTurnPeriod = 120.0;  // seconds for one turn to the left and one to the right
+constexpr double kTurnAngle = 25.0;    // degrees to either side of east
+constexpr double kTrackWidth = 586.0;  // metres from the middle of the track to its northern and southern limits
 constexpr double kTargetSpacing = 2'500.0;
 constexpr double kTargetDistance = 2'600.0;  // south of the middle of the track
 
@@ -32,7 +32,7 @@ double WrapLongitude(double longitude) {
   return std::remainder(longitude, 360.0);
 }
 
-// A number between 0 and 1 that depends on the seed and the index alone.
+// Returns a number from 0 to 1 that depends only on the seed and the index.
 double Noise(uint32_t seed, uint64_t index) {
   uint64_t x = (uint64_t{seed} << 32) ^ (index * 0x9E3779B97F4A7C15u);
   x ^= x >> 30;
@@ -73,8 +73,8 @@ double Flight::Vary(double period, double phase) const {
   return std::sin(2.0 * std::numbers::pi * Seconds() / period + phase + m_phase);
 }
 
-// Turning left and right of east for ever. Whatever lies south of the track has an azimuth above the course, without a
-// wrap at north between them.
+// The course turns to the left and right of east without end. The azimuth of every point south of the track is greater
+// than the course, and north never lies between them.
 double Flight::Course() const {
   return 90.0 + kTurnAngle * Vary(kTurnPeriod, 0.0);
 }
@@ -91,7 +91,7 @@ double Flight::Longitude(double east) const {
   return WrapLongitude(m_startLongitude + east / (kMetresPerDegree * std::cos(Radians(m_startLatitude))));
 }
 
-// Of a level turn at the rate of the course's change.
+// Returns the bank angle of a level turn at which the course changes at its present rate.
 double Flight::Roll() const {
   const double rate =
       Radians(kTurnAngle) * 2.0 * std::numbers::pi / kTurnPeriod * Vary(kTurnPeriod, std::numbers::pi / 2.0);
@@ -110,7 +110,7 @@ double Flight::Sea(double latitude, double longitude) const {
   return m_options.undulation ? m_options.undulation(latitude, longitude) : 0.0;
 }
 
-// Targets lie in a row along the track, each off its place by a chance that the seed decides.
+// Targets lie in a row along the track; the seed decides the offset of each from its place.
 Flight::Target Flight::NearestTarget() const {
   const double index = std::round(m_east / kTargetSpacing);
   const auto key = static_cast<uint64_t>(index + 1'000.0);
@@ -131,7 +131,7 @@ void Flight::FillSensor(FlightState& state) const {
   state.targetHae = target.hae;
   state.targetElevation = target.hae - Sea(state.targetLatitude, state.targetLongitude);
 
-  // The operator's hand: the frame moves a few metres around the target.
+  // The frame moves a few metres around the target, as if an operator held it there by hand.
   const double frameNorth = target.north + 12.0 * Vary(5.3, 0.2);
   const double frameEast = target.east + 15.0 * Vary(6.1, 0.9);
   state.frameLatitude = Latitude(frameNorth);

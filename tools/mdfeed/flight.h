@@ -1,5 +1,5 @@
-// The simulated flight: an unmanned aircraft heading east in long turns, looking with a gimballed camera at targets on
-// the ground to its right. Everything sent, as KLV and as Cursor-on-Target, is made from the same FlightState.
+// The simulated flight: an unmanned aircraft flies east in long turns and points a gimballed camera at targets on the
+// ground to its right. KLV and Cursor-on-Target are both made from the same FlightState.
 #ifndef MDFEED_FLIGHT_H
 #define MDFEED_FLIGHT_H
 
@@ -9,10 +9,10 @@
 
 namespace mdfeed {
 
-// One moment of the flight. Angles in degrees, lengths in metres, positions on WGS-84.
+// One moment of the flight. Angles are in degrees, lengths in metres, positions in WGS-84.
 struct FlightState {
-  int64_t timeUs = 0;   // UTC, since 1970, a multiple of 10 ms: what two decimals of a second can say
-  int64_t startUs = 0;  // of the flight
+  int64_t timeUs = 0;   // UTC since 1970, a multiple of 10 ms, because texts have two decimals of a second
+  int64_t startUs = 0;  // start of the flight
   // Aircraft.
   double latitude = 0;
   double longitude = 0;  // -180 to 180
@@ -22,14 +22,14 @@ struct FlightState {
   double pitch = 0;      // within +-20, nose up positive
   double roll = 0;       // within +-50, right wing down positive
   double speed = 0;      // m/s over ground, and indicated
-  // Camera. Azimuth is clockwise from true north and never below the course; elevation is above the horizon.
+  // Camera. The azimuth is clockwise from true north and never below the course; the elevation is above the horizon.
   double sensorAzimuth = 0;
   double sensorElevation = 0;
   double sensorRoll = 0;  // never below the aircraft's roll
   double fov = 0;         // horizontal
   double vfov = 0;
   double slantRange = 0;
-  // What it looks at.
+  // Target.
   double frameLatitude = 0;
   double frameLongitude = 0;
   double frameHae = 0;
@@ -44,20 +44,20 @@ struct FlightState {
   double targetElevation = 0;
 };
 
-// Height of mean sea level above the ellipsoid at a position, in metres.
+// Returns the height of mean sea level above the ellipsoid at a position, in metres.
 using Undulation = std::function<double(double latitude, double longitude)>;
 
 struct FlightOptions {
-  uint32_t seed = 1;      // another flight for every seed: start, altitude, rhythm, targets
-  int64_t startUs = 0;    // UTC since 1970; cut to 10 ms
-  Undulation undulation;  // none: zero everywhere
+  uint32_t seed = 1;      // selects start, altitude, rhythm and targets
+  int64_t startUs = 0;    // UTC since 1970; rounded down to 10 ms
+  Undulation undulation;  // empty: zero everywhere
 };
 
-// Deterministic: the state at a time depends on the options alone, not on the steps taken to it.
+// It is deterministic: the state at a time depends only on the options, not on earlier steps.
 class Flight {
  public:
   explicit Flight(const FlightOptions& options);
-  // Moves on to a time after the start; never back.
+  // Advances to a time after the start, and never goes back.
   void AdvanceTo(int64_t elapsedUs);
   FlightState State() const;
 
@@ -89,13 +89,13 @@ class Flight {
   double m_startLongitude;
   double m_cruiseHae;
   double m_phase;
-  double m_east = 0;  // metres from the start, on a plane that touches the start's latitude
+  double m_east = 0;  // metres from the start, on a plane with the scale of the start's latitude
   double m_north = 0;
 };
 
-// "2024-05-01T12:00:00.25Z", always two decimals.
+// Returns "2024-05-01T12:00:00.25Z", always with two decimals.
 std::string FormatTime(int64_t timeUs);
-// Reads the same with any number of decimals, or none. Throws std::invalid_argument.
+// Parses the same with any number of decimals, or none. Throws std::invalid_argument.
 int64_t ParseTime(const std::string& text);
 
 }  // namespace mdfeed

@@ -1,4 +1,4 @@
-// Heights of mean sea level, from a geoid grid in GTX format (as PROJ's data packages carry it).
+// Heights of mean sea level from a geoid grid in GTX format, which PROJ's data packages contain.
 #ifndef MDFEED_GEOID_H
 #define MDFEED_GEOID_H
 
@@ -9,7 +9,7 @@
 
 namespace mdfeed {
 
-// Where Debian's proj-data package keeps the EGM96 grid.
+// Path of the EGM96 grid of Debian's proj-data package.
 inline constexpr const char* kDefaultGeoidGrid = "/usr/share/proj/egm96_15.gtx";
 
 // Loads a grid and returns its undulation, interpolated between four points; longitudes wrap. Throws RunError.

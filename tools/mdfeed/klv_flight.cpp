@@ -12,7 +12,7 @@ using st0601::Builder;
 constexpr double kOneSigmaToCe90 = 2.145966025;
 constexpr double kOneSigmaToLe90 = 1.6448538;
 
-// MISB ST 0102: unclassified, Swiss, countries as ISO 3166 two letters, version 12.
+// MISB ST 0102: unclassified, Switzerland, countries in two letters of ISO 3166, version 12.
 constexpr std::array<uint8_t, 25> kSecuritySet = {1,  1, 1,                   //
                                                   2,  1, 1,                   //
                                                   3,  4, '/', '/', 'C', 'H',  //

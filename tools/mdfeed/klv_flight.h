@@ -9,7 +9,7 @@
 
 namespace mdfeed {
 
-// One UAS Datalink Local Set: key, length in BER, time stamp first, checksum last.
+// Returns a UAS Datalink Local Set: key, BER length, and the items with the time stamp first and the checksum last.
 std::vector<uint8_t> MakeKlvMessage(const FlightState& state);
 
 }  // namespace mdfeed

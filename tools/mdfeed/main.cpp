@@ -31,7 +31,7 @@ FlightOptions MakeFlightOptions(const Arguments& args) {
   return flight;
 }
 
-// A flight that is sent as fast as it goes is flown at ten states a second.
+// Without a rate limit the flight still has ten states per second of its own time.
 int64_t FlightInterval(const Arguments& args) {
   const double rate = args.send.rate > 0 ? args.send.rate : 10.0;
   return std::llround(1e6 / rate);

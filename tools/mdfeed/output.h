@@ -1,4 +1,4 @@
-// Where the traffic goes: a UDP address, a serial device, or a pseudo-terminal made for the purpose.
+// Destinations of the traffic: a UDP address, a serial device, or a pseudo-terminal that is made for it.
 #ifndef MDFEED_OUTPUT_H
 #define MDFEED_OUTPUT_H
 
@@ -14,17 +14,17 @@ struct UdpAddress {
   std::string port;
 };
 
-// "host:port", "[v6]:port". Throws std::invalid_argument.
+// Parses "host:port" or "[v6]:port". Throws std::invalid_argument.
 UdpAddress ParseUdpAddress(const std::string& text);
 
 class Output {
  public:
   virtual ~Output() = default;
-  // Waits until somebody can receive. FALSE when a stop was asked for meanwhile.
+  // Waits for a receiver. Returns false if a stop was requested before.
   virtual bool WaitForReader() { return true; }
-  // One datagram, or the next bytes of the line; waits while the line is full.
+  // Sends a datagram or the next bytes of the line, and waits while the line is full.
   virtual void Send(std::span<const uint8_t> data) = 0;
-  // Waits, for a short while, until what was sent has been read.
+  // Waits for a short time until the receiver has read everything.
   virtual void Finish() {}
   virtual void SetTtl(int) {}
   virtual void SetTos(int) {}
@@ -33,10 +33,10 @@ class Output {
 // All throw RunError.
 std::unique_ptr<Output> OpenUdp(const UdpAddress& address, const std::string& interface);
 std::unique_ptr<Output> OpenSerial(const std::string& path, int baud);
-// Makes a pseudo-terminal and names its other end with a symbolic link, which goes away with the output.
+// Makes a pseudo-terminal and a symbolic link to its other end, which is removed with the output.
 std::unique_ptr<Output> OpenPty(const std::string& link);
 
-// What B0 to B4000000 of termios stand for. Throws UsageError for any other rate.
+// Returns the termios code of a baud rate (B1200 and so on). Throws UsageError for an unknown rate.
 unsigned BaudCode(int baud);
 
 }  // namespace mdfeed

@@ -21,7 +21,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A terminal line, raw.
+// A terminal line in raw mode.
 class LineOutput : public Output {
  public:
   void Send(std::span<const uint8_t> data) override {
@@ -73,7 +73,7 @@ class PtyOutput : public LineOutput {
     std::array<char, 128> name{};
     if (ptsname_r(m_fd.Get(), name.data(), name.size()) != 0) ThrowErrno("cannot name the pseudo-terminal");
     m_otherEnd = name.data();
-    // Opened and closed once, the master tells from then on whether anybody has the other end open.
+    // Once the other end has been opened and closed, poll() reports on the master whether somebody has it open.
     OpenOtherEnd().Reset();
     MakeRaw(0);
     MakeLink();
@@ -87,7 +87,7 @@ class PtyOutput : public LineOutput {
       if (StopRequested()) return false;
       SleepUntil(Clock::now() + milliseconds(20));
     }
-    // The reader sets the line up just after opening it; until then it might echo.
+    // The reader configures the line just after opening it; until then the line may echo.
     SleepUntil(Clock::now() + milliseconds(200));
     MakeRaw(0);
     return !StopRequested();
@@ -97,7 +97,7 @@ class PtyOutput : public LineOutput {
     const common::OwnedFD other = OpenOtherEnd();
     if (!other.IsOpen()) return;
     const auto limit = Clock::now() + std::chrono::seconds(5);
-    int empty = 0;  // in a row; what was written last may still be on its way
+    int empty = 0;  // consecutive polls without waiting bytes; the last bytes may still be in transit
     while (empty < 3 && Clock::now() < limit && !StopRequested()) {
       int waiting = 0;
       ioctl(other.Get(), FIONREAD, &waiting);
@@ -116,7 +116,7 @@ class PtyOutput : public LineOutput {
     return poll(&state, 1, 0) >= 0 && (state.revents & POLLHUP) == 0;
   }
 
-  // Replaces a link that an earlier run left behind, but nothing else.
+  // Replaces a link that an earlier run left behind, and no other file.
   void MakeLink() const {
     struct stat info {};
     if (lstat(m_link.c_str(), &info) == 0 && S_ISLNK(info.st_mode)) unlink(m_link.c_str());

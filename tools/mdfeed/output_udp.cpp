@@ -99,7 +99,7 @@ class UdpOutput : public Output {
     }
   }
 
-  // For multicast destinations.
+  // Selects the interface for multicast destinations.
   void ChooseInterface(const std::string& interface) {
     const unsigned index = if_nametoindex(interface.c_str());
     if (index == 0) throw RunError("there is no interface " + interface);

@@ -17,10 +17,10 @@ class Schedule {
   };
 
   Schedule() = default;
-  // Throws std::invalid_argument with what is wrong and what is allowed. Numbers are decimal or 0x hexadecimal; a time
-  // may end in "s"; only the first entry may go without one; times rise.
+  // Numbers are decimal, or hexadecimal behind 0x. A time may end in "s", only the first entry may have none, and times
+  // must increase. Throws std::invalid_argument, which says what is wrong and what is allowed.
   static Schedule Parse(const std::string& text, int lowest, int highest);
-  // The value that has become due since the last call, or nothing.
+  // Returns the value that has become due since the last call, or nothing.
   std::optional<int> PopDue(std::chrono::milliseconds elapsed);
   const std::vector<Entry>& Entries() const { return m_entries; }
 

@@ -1,4 +1,4 @@
-// Sends a traffic at its rate and shows how it goes.
+// Sends traffic at its rate and shows the progress.
 #ifndef MDFEED_SENDER_H
 #define MDFEED_SENDER_H
 
@@ -13,7 +13,7 @@
 namespace mdfeed {
 
 struct SendOptions {
-  double rate = 10;     // ticks per second; 0: as fast as it goes
+  double rate = 10;     // ticks per second; 0: as fast as possible
   uint64_t count = 0;   // ticks; 0: no limit
   double duration = 0;  // seconds; 0: no limit
   Schedule ttl;
@@ -26,14 +26,14 @@ struct SendResult {
   uint64_t bytes = 0;
 };
 
-// One line that is written over and over, on standard error, when that is a terminal; otherwise nothing.
+// One line on standard error that is rewritten again and again, if that is a terminal.
 class Progress {
  public:
   explicit Progress(const char* what);
-  // Tells what is being waited for.
+  // Shows what the program waits for.
   void Waiting(const char* forWhat);
   void Update(const SendResult& result);
-  // Leaves the last state standing.
+  // Ends the line, so that it keeps the last state.
   void Finish(const SendResult& result);
 
  private:
@@ -45,7 +45,7 @@ class Progress {
   Clock::time_point m_shown{};
 };
 
-// Until the traffic ends, a limit is reached or a stop signal comes. Throws RunError.
+// Sends until the traffic ends, a limit is reached or a stop signal arrives. Throws RunError.
 SendResult SendTraffic(Traffic& traffic, Output& output, SendOptions options, Progress& progress);
 
 }  // namespace mdfeed

@@ -7,7 +7,7 @@
 namespace mdfeed {
 namespace {
 
-volatile std::sig_atomic_t g_stop = 0;  // set by the signal handler only
+volatile std::sig_atomic_t g_stop = 0;  // only the signal handler writes it
 
 void OnStopSignal(int) {
   g_stop = 1;
@@ -29,7 +29,7 @@ bool StopRequested() {
 }
 
 void SleepUntil(Clock::time_point when) {
-  // In short steps, so that a signal between the test and the sleep costs little.
+  // The sleep has short steps, so that a signal between the test and the sleep has little effect.
   while (!StopRequested()) {
     const auto left = when - Clock::now();
     if (left <= Clock::duration::zero()) return;

@@ -1,4 +1,4 @@
-// Ending on SIGINT and SIGTERM.
+// Ends the program on SIGINT and SIGTERM.
 #ifndef MDFEED_STOP_H
 #define MDFEED_STOP_H
 
@@ -8,10 +8,10 @@ namespace mdfeed {
 
 using Clock = std::chrono::steady_clock;
 
-// From now on both signals only set a mark, and end every wait of this program early.
+// Makes both signals set a flag, and end every wait of this program early.
 void CatchStopSignals();
 bool StopRequested();
-// Sleeps until then, or until a stop signal.
+// Sleeps until the given time, or until a stop signal.
 void SleepUntil(Clock::time_point when);
 
 }  // namespace mdfeed

@@ -17,7 +17,7 @@ namespace {
 constexpr std::array<uint8_t, 4> kUniversalLabel = {0x06, 0x0E, 0x2B, 0x34};
 constexpr size_t kKeySize = 16;
 
-// Whole message at 'offset': key, BER length, value. Nothing when there is none or it is cut off.
+// Returns the whole message at 'offset' (key, BER length, value), or nothing if there is none or it is truncated.
 std::optional<size_t> KlvMessageSize(const Bytes& stream, size_t offset) {
   const size_t left = stream.size() - offset;
   if (left < kKeySize + 1) return std::nullopt;
@@ -53,7 +53,7 @@ class Recorded : public Traffic {
   size_t m_next = 0;
 };
 
-// The flight's clock: one state per tick.
+// The clock of the flight, with one state per tick.
 class FlightTicks {
  public:
   FlightTicks(const FlightOptions& flight, int64_t intervalUs) : m_flight(flight), m_intervalUs(intervalUs) {}

@@ -48,7 +48,7 @@ std::unique_ptr<T, Free> Own(T* object) {
   return std::unique_ptr<T, Free>(object);
 }
 
-// The picture: an encoder and its one frame.
+// The picture: an encoder and its only frame.
 class Picture {
  public:
   Picture() : m_frame(Own(av_frame_alloc())) {
@@ -71,7 +71,7 @@ class Picture {
 
   const AVCodecContext* Encoder() const { return m_encoder.get(); }
 
-  // Encodes frame 'number', or, with a negative one, what is left; calls 'sink' with each packet.
+  // Encodes frame 'number', or flushes the encoder if it is negative, and calls 'sink' with each packet.
   template <typename Sink>
   void Encode(int64_t number, Sink sink) {
     if (number >= 0) Draw(number);
@@ -103,7 +103,7 @@ class Picture {
   std::unique_ptr<AVFrame, Free> m_frame;
 };
 
-// The file: one video stream, one KLV stream.
+// The file, with a video stream and a KLV stream.
 class Muxer {
  public:
   Muxer(const std::string& path, const AVCodecContext* encoder) {
@@ -152,7 +152,7 @@ class Muxer {
   AVStream* m_klv = nullptr;
 };
 
-// The messages of one timestamp: states in the time up to the next one, so that no two are the same.
+// Returns the messages of one timestamp. They have states from the time up to the next one, so that no two are equal.
 void WriteTimestamp(Muxer& muxer, Flight& flight, const TsOptions& options, int64_t frame, SendResult& result) {
   for (int i = 0; i < options.messagesPerTime; ++i) {
     flight.AdvanceTo(frame * 1'000'000 / kTsFrameRate + i * 10'000);

@@ -1,4 +1,4 @@
-// The simulated flight as an MPEG transport stream: a small picture, and a KLV track beside it.
+// The simulated flight as an MPEG transport stream with a small picture and a KLV track.
 #ifndef MDFEED_TS_FILE_H
 #define MDFEED_TS_FILE_H
 
@@ -19,11 +19,11 @@ struct TsOptions {
 
 inline constexpr int kTsFrameRate = 25;
 
-// Writes the file, through a temporary one beside it. Throws RunError.
+// Writes a temporary file and renames it. Throws RunError.
 //
-// The picture is MPEG-2 video of 160 x 90 at 25 frames per second, a bar that walks with the flight's time. KLV travels
-// as a private stream with the registration "KLVA", each message in a PES packet of its own, stamped with the
-// presentation time of the frame it belongs to.
+// The picture is MPEG-2 video of 160 x 90 at 25 frames per second, with a bar that moves with the time. KLV is a
+// private stream with the registration "KLVA". Each message has a PES packet of its own, with the presentation time of
+// its frame.
 SendResult WriteTsFile(const FlightOptions& flight, const TsOptions& options, Progress& progress);
 
 }  // namespace mdfeed
