@@ -5,8 +5,10 @@
 //   checksum   computes the running sum of a message     floor: read every byte once
 //   crc        computes the link's CRC bit by bit        floor: the same with a table of 256 words
 #include <benchmark/benchmark.h>
+#include <stdint.h>
 #include <string.h>
 
+#include <algorithm>
 #include <array>
 #include <numeric>
 #include <vector>

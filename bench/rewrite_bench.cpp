@@ -1,6 +1,7 @@
 // Compares the rewriting of a typical UAS Local Set (27 elements, about 230 bytes) with the minimum that any rewriting
 // must do: allocate a buffer, copy the message and compute the sum.
 #include <benchmark/benchmark.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 

@@ -5,7 +5,9 @@
 // It uses only the public interface and the fake host, so that the same file builds against older revisions.
 //
 //   record_run [RECORDING]     RECORDING: ST 0601 messages, back to back, which are added to the traffic
+#include <algorithm>
 #include <cinttypes>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +17,8 @@
 #include <iterator>
 #include <random>
 #include <regex>
+#include <string>
+#include <vector>
 
 #include "builders.h"
 #include "fake_host.h"

@@ -26,12 +26,13 @@ class CheckWithoutGit(unittest.TestCase):
         for name in PROGRAMS:
             (self.programs / name).symlink_to(shutil.which(name))
         self.tree = base / "tree"
-        for name in ("scripts", "metadata_lib", "tools/deep", "build/dev", "out"):
+        for name in ("scripts", "metadata_lib", "tests", "fuzz", "bench", "tools/deep", "build/dev", "out"):
             (self.tree / name).mkdir(parents=True)
-        for name in ("check", "check_source.py", "common.sh"):
+        for name in ("check", "check_source.py", "common.sh", "includes.py"):
             shutil.copy(options.source / "scripts" / name, self.tree / "scripts" / name)
         shutil.copy(options.source / ".clang-format", self.tree)
-        for name in ("metadata_lib/good.cpp", "metadata_lib/good.h", "tools/deep/good.cpp"):
+        for name in ("metadata_lib/good.cpp", "metadata_lib/good.h", "tools/deep/good.cpp",
+                     "tests/good.cpp", "fuzz/good.cpp", "bench/good.cpp"):
             self.write(name, GOOD)
 
     def write(self, name, text):
@@ -60,6 +61,19 @@ class CheckWithoutGit(unittest.TestCase):
         code, text = self.check()
         self.assertNotEqual(code, 0)
         self.assertIn("metadata_lib/bad.cpp:2: unfinished mark", text)
+
+    def test_a_header_that_is_missing_is_named(self):
+        self.write("tests/bad.cpp", "std::vector<int> g_numbers;\n")
+        self.assertEqual(self.check(), (1, "== Checking the source\ntests/bad.cpp: does not include <vector>\n"))
+
+    def test_a_header_that_is_not_used_is_named(self):
+        self.write("bench/bad.cpp", "#include <map>\n\nint g_number;  // not a std::map\n")
+        self.assertEqual(self.check(), (1, "== Checking the source\nbench/bad.cpp: includes <map> without need\n"))
+
+    def test_a_source_may_rely_on_its_own_header(self):
+        self.write("tests/pair.h", "#include <vector>\n\nstd::vector<int> Numbers();\n")
+        self.write("tests/pair.cpp", '#include "pair.h"\n\nstd::vector<int> Numbers() {\n  return {};\n}\n')
+        self.assertEqual(self.check()[0], 0)
 
     def test_generated_files_are_not_checked(self):
         for name in ("build/dev/generated.cpp", "out/generated.cpp"):

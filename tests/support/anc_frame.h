@@ -2,6 +2,7 @@
 #ifndef ANC_FRAME_H
 #define ANC_FRAME_H
 
+#include <cstdint>
 #include <span>
 #include <vector>
 

@@ -2,6 +2,8 @@
 #ifndef ENGINE_TEST_H
 #define ENGINE_TEST_H
 
+#include <gtest/gtest.h>
+
 #include <cstring>
 #include <string>
 #include <vector>

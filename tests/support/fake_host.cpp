@@ -2,7 +2,7 @@
 #include "fake_host.h"
 
 #include <arpa/inet.h>
-#include <gmock/gmock.h>
+#include <errno.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 #include <time.h>
@@ -11,7 +11,9 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sstream>
+#include <utility>
 
 #include "fake_impl.h"
 

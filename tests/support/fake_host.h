@@ -22,8 +22,8 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <functional>
-#include <map>
 #include <optional>
 #include <string>
 #include <vector>

@@ -3,11 +3,17 @@
 #define FAKE_IMPL_H
 
 #include <atomic>
-#include <condition_variable>
+#include <cstdio>
 #include <deque>
+#include <functional>
+#include <map>
 #include <mutex>
+#include <optional>
 #include <set>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "fake_host.h"
 

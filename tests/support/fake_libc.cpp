@@ -3,15 +3,21 @@
 // test is running: code that runs at the exit of the process, such as the writing of coverage data, gets the real
 // calls.
 #include <arpa/inet.h>
+#include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <pthread.h>
 #include <stdarg.h>
+#include <stdint.h>
+#include <stdio.h>
 #include <sys/ioctl.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 #include "fake_impl.h"
 

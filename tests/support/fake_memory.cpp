@@ -4,7 +4,9 @@
 #include <dlfcn.h>
 
 #include <cstring>
+#include <mutex>
 #include <sstream>
+#include <string>
 
 #include "fake_impl.h"
 

@@ -1,11 +1,24 @@
 // Implements the host services of the fake host.
 #include <arpa/inet.h>
+#include <errno.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <cstring>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 #include "fake_impl.h"
 

@@ -1,6 +1,12 @@
 // Tests of the CoT paths: events over UDP and from the serial link are converted, rewritten and delivered. The
 // converter's results are scripted; the converter has its own tests.
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
 #include <functional>
+#include <string>
+#include <vector>
 
 #include "builders.h"
 #include "engine_test.h"

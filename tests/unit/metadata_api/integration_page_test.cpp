@@ -1,5 +1,10 @@
 // Tests of statements in docs/integration.md that the tests of the paths do not cover.
+#include <gtest/gtest.h>
 #include <netinet/in.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include "builders.h"
 #include "converter.h"

@@ -1,7 +1,15 @@
 // Tests of the KLV paths: messages from datagrams and from the serial line are rewritten, relayed and delivered after
 // the stream header.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <cerrno>
+#include <cstring>
 #include <iostream>
+#include <optional>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "builders.h"
 #include "engine_test.h"

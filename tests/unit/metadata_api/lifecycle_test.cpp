@@ -1,4 +1,10 @@
 // Tests of initialisation, shut-down, the metadata thread and the hand-shake with it.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
 #include "converter.h"
 #include "engine_test.h"
 #include "md_request.h"

@@ -1,11 +1,17 @@
 // Tests of the assertions that a sender can raise. docs/integration.md lists them for encoders; the tests raise each of
 // them, and check that random messages on every path raise no other.
+#include <gtest/gtest.h>
+
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "../../../tools/mdfeed/cot_frame.h"
 #include "builders.h"

@@ -1,7 +1,13 @@
 // Tests of opening and closing sources: checks, resources, log lines and release for each kind.
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include "builders.h"
 #include "converter.h"
@@ -383,7 +389,7 @@ TEST_F(OpenNetworkTest, FailedDetectionSwitchAssertsAndOpens) {
   ExpectAssertion("_EnableTTLTOSDetectionIfNeeded(pHandle)");
 }
 
-TEST_F(OpenNetworkTest, SecondSourceOnAPortFailsWithoutALineAboveLevelSix) {
+TEST_F(OpenNetworkTest, SecondSourceOnAPortFailsWithoutAnErrorLine) {
   StartWithCoT();
   Open(NetworkConfig(MDATA_DATA_KLV, 5000, AF_INET));
   host().ClearLogs();

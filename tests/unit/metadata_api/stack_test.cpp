@@ -1,11 +1,18 @@
 // Measures the stack use of the library on the threads that call it and on the metadata thread. The test fills both
 // stacks with a pattern, runs every call and every receive path with all log lines enabled, and looks for the lowest
 // byte that changed. The figures include the fake host's services, which run on the same stacks.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <pthread.h>
 
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <map>
+#include <string>
+#include <vector>
 
 #include "../../../tools/mdfeed/cot_frame.h"
 #include "builders.h"

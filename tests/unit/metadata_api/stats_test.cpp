@@ -1,6 +1,11 @@
 // Tests of the statistics calls: the fields that they read, reset and restore, and those that they leave unchanged.
+#include <gtest/gtest.h>
+#include <pthread.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <thread>
 
 #include "builders.h"

@@ -1,4 +1,12 @@
 // Tests of the video path: retrieval of packets from the capture, decimation, delivery to every source of the input.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
 #include "builders.h"
 #include "engine_test.h"
 
