@@ -2,11 +2,10 @@
 #ifndef CONVERTER_FIXTURE_H
 #define CONVERTER_FIXTURE_H
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <cstdlib>
-#include <map>
 #include <string>
 #include <utility>
 #include <vector>

@@ -1,5 +1,11 @@
 // Tests of the items that aircraft and sensor-point events become.
 
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
 #include "converter_fixture.h"
 
 namespace {

@@ -1,10 +1,18 @@
 // Tests of the geoid grid: loading, its text, interpolation.
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <random>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "converter_fixture.h"
 

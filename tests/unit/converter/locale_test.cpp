@@ -1,4 +1,6 @@
 // Tests of the conversion and the geoid grid in a process whose locale has a decimal comma.
+#include <gtest/gtest.h>
+
 #include <clocale>
 #include <cstdlib>
 #include <string>

@@ -1,9 +1,15 @@
 // Tests of instances, pairing, filter, discovery, statistics, closing of packets and bad XML.
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <random>
+#include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "converter_fixture.h"
 

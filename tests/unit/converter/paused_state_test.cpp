@@ -1,4 +1,9 @@
 // Tests of the report to the host's thread watchdog: after a failed load no thread is left marked as paused.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
 #include "converter_fixture.h"
 
 namespace {

@@ -1,7 +1,12 @@
 // Tests of the values that a receiver reads from numbers that are not scaled as in MISB ST 0601.
+#include <gtest/gtest.h>
+
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <string>
+#include <utility>
 
 #include "converter_fixture.h"
 

@@ -1,6 +1,9 @@
 // Tests of the statistics calls of an encoder's thread while the metadata thread converts.
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstring>
+#include <string>
 #include <thread>
 
 #include "converter_fixture.h"

@@ -5,8 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <initializer_list>
 #include <random>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "../../../tools/mdfeed/cot_frame.h"
 #include "fake_host.h"

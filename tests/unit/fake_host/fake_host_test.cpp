@@ -3,11 +3,13 @@
 
 #include <fcntl.h>
 #include <gtest/gtest-spi.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 

@@ -1,6 +1,9 @@
 // The two bits F of an ancillary stream's payload header (RFC 8331).
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <span>
+
 #include "anc_frame.h"
 
 namespace {

@@ -5,7 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <random>
+#include <utility>
+#include <vector>
 
 #include "anc_frame.h"
 

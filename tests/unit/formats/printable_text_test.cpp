@@ -2,8 +2,10 @@
 #include "printable_text.h"
 
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>

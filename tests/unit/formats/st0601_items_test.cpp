@@ -4,11 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <limits>
+#include <optional>
 #include <set>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace st0601 {
 namespace {

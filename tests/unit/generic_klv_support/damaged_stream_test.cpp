@@ -1,6 +1,10 @@
 // Tests of the KLV stream decoder with a recorded flight in pieces, with damaged messages, and with hostile streams.
+#include <gtest/gtest.h>
+
+#include <algorithm>
 #include <iostream>
 #include <random>
+#include <vector>
 
 #include "decoder_fixture.h"
 

@@ -2,9 +2,12 @@
 #ifndef DECODER_FIXTURE_H
 #define DECODER_FIXTURE_H
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <memory>
+#include <vector>
 
 #include "builders.h"
 #include "fake_host.h"

@@ -1,5 +1,10 @@
 // Tests of the KLV stream decoder: states, discards, time-outs and counters.
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
 
 #include "decoder_fixture.h"
 

@@ -1,7 +1,12 @@
 // Tests of the local set standards, the walk through a message's items, and the checksum.
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
+#include <cstdio>
+#include <memory>
+#include <string>
 
 #include "decoder_fixture.h"
 

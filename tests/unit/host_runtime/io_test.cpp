@@ -1,6 +1,8 @@
 // Sockets on loopback and serial ports on pseudo-terminals.
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -8,8 +10,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "runtime_test.h"
 

@@ -1,7 +1,18 @@
 // Debug log, limiter and configuration.
 #define HOST_MODULE "log_test"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
 #include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
 
 #include "function_name.h"
 #include "log_limiter.h"

@@ -2,7 +2,6 @@
 #ifndef RUNTIME_TEST_H
 #define RUNTIME_TEST_H
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 

@@ -2,6 +2,8 @@
 #include "serial_line.h"
 
 #include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -9,9 +11,16 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <thread>
 #include <utility>
+#include <vector>
 
 #include "runtime_test.h"
 

@@ -1,8 +1,14 @@
 // How the bytes of a serial line are cut, by a clock of the test's own, and what the library's decoder makes of it.
 #include "serial_pieces.h"
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
 #include <random>
 #include <utility>
+#include <vector>
 
 #include "metadata_lib.h"
 #include "runtime_test.h"

@@ -1,12 +1,16 @@
 // Tests of the parsing of one KLV element.
 #include "klv_utils.h"
 
+#include <gtest/gtest.h>
 #include <limits.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <random>
+#include <string>
 
 #include "builders.h"
 #include "fake_host.h"

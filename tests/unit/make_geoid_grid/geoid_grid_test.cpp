@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <sstream>
+#include <string>
 
 namespace {
 

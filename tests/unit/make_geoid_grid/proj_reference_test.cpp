@@ -1,4 +1,5 @@
 // From PROJ's grid through the tool's file and the library's loader to a height, against PROJ's own interpolation.
+#include <gtest/gtest.h>
 #include <proj.h>
 
 #include <cmath>

@@ -2,6 +2,7 @@
 #include "md_cot_text.h"
 
 #include <endian.h>
+#include <gtest/gtest.h>
 #include <sys/time.h>
 
 #include <cstdint>

@@ -2,9 +2,12 @@
 #include "md_delivery.h"
 
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <string.h>
 
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "builders.h"
 #include "fake_host.h"

@@ -2,8 +2,15 @@
 #include "md_relay.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "builders.h"
 #include "engine_test.h"

@@ -2,8 +2,11 @@
 #include "md_request.h"
 
 #include <errno.h>
+#include <gtest/gtest.h>
+#include <stdint.h>
 
 #include <functional>
+#include <vector>
 
 #include "fake_host.h"
 

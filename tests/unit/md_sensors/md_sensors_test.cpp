@@ -1,6 +1,8 @@
 // Tests of the sensors that a CoT source has discovered.
 #include "md_sensors.h"
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <cstring>
 #include <string>

@@ -4,8 +4,13 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <sys/stat.h>
+
+#include <string>
 
 #include "fake_host.h"
 

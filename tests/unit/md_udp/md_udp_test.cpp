@@ -2,8 +2,14 @@
 #include "md_udp.h"
 
 #include <arpa/inet.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
 
 #include "builders.h"
 #include "engine_test.h"

@@ -1,10 +1,12 @@
 // Tests of the capture of CoT XML: numbering, the last byte, lost events, write errors, replacing the file.
 #include "md_xml_log.h"
 
+#include <gtest/gtest.h>
 #include <stdio.h>
 #include <stdlib.h>
 
 #include <atomic>
+#include <string>
 #include <thread>
 
 #include "fake_host.h"

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <map>
+#include <utility>
+#include <vector>
 
 namespace mdfeed {
 namespace {

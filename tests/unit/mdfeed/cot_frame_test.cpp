@@ -1,9 +1,13 @@
 #include "cot_frame.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdint>
+#include <random>
+#include <stdexcept>
+#include <string>
 
 namespace mdfeed {
 namespace {

@@ -4,10 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <optional>
 #include <regex>
 #include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "cot_flight.h"
 #include "klv_flight.h"

@@ -8,8 +8,10 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <string>
 #include <thread>
 
 #include "error.h"

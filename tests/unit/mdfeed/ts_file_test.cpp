@@ -1,6 +1,10 @@
 // Reads the transport stream back with libavformat.
 #include "ts_file.h"
 
+#include <cstdint>
+#include <string>
+#include <vector>
+
 extern "C" {
 #include <libavformat/avformat.h>
 }

@@ -2,11 +2,16 @@
 #include "misb0601_processing.h"
 
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "builders.h"
 #include "fake_host.h"

@@ -2,11 +2,15 @@
 #include "misb0601_tools.h"
 
 #include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <memory>
 #include <random>
+#include <string>
 
 #include "builders.h"
 #include "fake_host.h"

@@ -1,14 +1,18 @@
 // Tests of buffers, bits, patterns, CRC and raw captures.
 #include "utils.h"
 
+#include <gtest/gtest.h>
 #include <limits.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
 #include <memory>
 #include <random>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "builders.h"
 #include "fake_host.h"
