@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""The index of HACKING.md and the walks of docs/architecture.md name files and functions that exist there."""
+"""The pages name files, functions and tests that exist: the index of HACKING.md, the walks of docs/architecture.md, and
+the rows of docs/kept.md."""
 import argparse
 import pathlib
 import re
@@ -27,6 +28,22 @@ class Index(unittest.TestCase):
             self.assertTrue(names, question)
             for name in names:
                 self.assertTrue(has(path, name), f"{question}: no {name} in {path}")
+
+
+class Kept(unittest.TestCase):
+    def test_every_row_names_tests_that_exist(self):
+        sources = (options.source / "tests/unit").rglob("*_test.cpp")
+        everything = "".join(path.read_text(encoding="utf-8") for path in sources)
+        tests = set(re.findall(r"^TEST(?:_F|_P)?\((\w+), (\w+)\)", everything, re.M))
+        tests |= {(suite, "*") for suite, _ in tests}
+        text = (options.source / "docs/kept.md").read_text(encoding="utf-8")
+        rows = [line for line in text.splitlines() if line.startswith("- ")]
+        self.assertGreater(len(rows), 100)
+        for row in rows:
+            names = re.findall(r"`(\w+)\.(\w+|\*)`", row.rsplit(" - ", 1)[1])
+            self.assertTrue(names, row)
+            for name in names:
+                self.assertIn(name, tests, row)
 
 
 class Walks(unittest.TestCase):
