@@ -4,21 +4,72 @@
 //   1. Running sum
 //   2. CRC
 //   3. Bits
+//
+// The loops take eight bytes a step as one word. No load reaches outside the data, whatever its alignment.
 #include "md_core.h"
+
+#include <string.h>
+
+#if __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
+#error "the words of the loops below are little-endian"
+#endif
+
+enum { kWordSize = 8 };  // bytes of a word
+
+static uint64_t _LoadWord(const uint8_t* base, size_t position) {
+  uint64_t word = 0;
+  memcpy(&word, base + position, kWordSize);
+  return word;
+}
 
 // =====================================================================================================
 // 1. Running sum
 // =====================================================================================================
 
-static uint32_t _Sum(const uint8_t* base, size_t size) {
-  uint32_t high = 0;
-  uint32_t low = 0;
-  for (size_t i = 0; i + 1 < size; i += 2) {
-    high += base[i];
-    low += base[i + 1];
+enum { kMostWordsInLanes = 256 };  // 256 * 255 still fits into a lane of 16 bits
+
+static uint32_t _SumOfLanes(uint64_t lanes) {
+  return (uint32_t)((lanes & 0xFFFF) + (lanes >> 16 & 0xFFFF) + (lanes >> 32 & 0xFFFF) + (lanes >> 48));
+}
+
+// The bytes at odd positions, each in a lane of 16 bits.
+static uint64_t _OddBytes(uint64_t word) {
+  return word >> 8 & 0x00FF00FF00FF00FFu;
+}
+
+// The sum of at most kMostWordsInLanes words. Only the bytes at odd positions are taken apart: without them, the sum of
+// the whole words is that of the bytes at even positions, lane by lane, because their lanes do not overflow either.
+static uint32_t _SumOfWords(const uint8_t* base, size_t words) {
+  uint64_t all = 0;
+  uint64_t low = 0;
+  size_t i = 0;
+  for (; i + 4 <= words; i += 4) {
+    const uint64_t a = _LoadWord(base, i * kWordSize);
+    const uint64_t b = _LoadWord(base, (i + 1) * kWordSize);
+    const uint64_t c = _LoadWord(base, (i + 2) * kWordSize);
+    const uint64_t d = _LoadWord(base, (i + 3) * kWordSize);
+    all += a + b + c + d;
+    low += _OddBytes(a) + _OddBytes(b) + (_OddBytes(c) + _OddBytes(d));
   }
-  if (size % 2 != 0) high += base[size - 1];
-  return (high << 8) + low;
+  for (; i < words; ++i) {
+    const uint64_t word = _LoadWord(base, i * kWordSize);
+    all += word;
+    low += _OddBytes(word);
+  }
+  return (_SumOfLanes(all - (low << 8)) << 8) + _SumOfLanes(low);
+}
+
+static uint32_t _Sum(const uint8_t* base, size_t size) {
+  uint32_t sum = 0;
+  size_t position = 0;
+  while (size - position >= kWordSize) {
+    size_t words = (size - position) / kWordSize;
+    if (words > kMostWordsInLanes) words = kMostWordsInLanes;
+    sum += _SumOfWords(base + position, words);
+    position += words * kWordSize;
+  }
+  for (; position < size; ++position) sum += position % 2 == 0 ? (uint32_t)base[position] << 8 : base[position];
+  return sum;
 }
 
 // Returns what the byte at a position contributes to the sum.
@@ -38,38 +89,110 @@ uint16_t _MdRunningSumWithout(const uint8_t* base, size_t size, size_t position)
 
 // =====================================================================================================
 // 2. CRC: reflected polynomial 0xA001, initial value 0, no final inversion
+//
+// The polynomial x^16 + x^15 + x^2 + 1 is (x + 1) * q with q = x^15 + x + 1. The remainder modulo x + 1 is the parity of
+// all bits; modulo q the equation x^64 = x^8 + x^4 holds, which folds a whole word with a few shifts. The two together
+// give the remainder modulo the product. In the reflected order a word's least significant bit is its highest power, so
+// multiplying by x^n is a shift to the right by n.
 // =====================================================================================================
 
-uint16_t _MdCrc16(const uint8_t* base, size_t size) {
+// q itself, reflected in 16 bits, where the parity is odd: a multiple of q, so that only the parity changes.
+static uint32_t _QWhenOdd(unsigned parity) {
+  return parity != 0 ? 0xC001u : 0u;
+}
+
+static unsigned _Parity(uint64_t word) {
+  word ^= word >> 32;
+  word ^= word >> 16;
+  word ^= word >> 8;
+  word ^= word >> 4;
+  return 0x6996u >> (word & 0xF) & 1u;
+}
+
+// A word congruent modulo q to the word times x^64.
+static uint64_t _FoldWord(uint64_t word) {
+  // Multiplied by x^8 + x^4, the lowest eight bits reach x^64 and above. Folding these once more first, by the same
+  // equation, leaves two shifts that lose nothing.
+  const uint64_t folded = word ^ word << 56 ^ word << 60;
+  return folded >> 8 ^ folded >> 4;
+}
+
+// The CRC of a word's eight bytes.
+static uint32_t _CrcOfWord(uint64_t word) {
   uint32_t crc = 0;
-  for (size_t i = 0; i < size; ++i) {
-    crc ^= base[i];
-    for (int bit = 0; bit < 8; ++bit) crc = (crc & 1u) != 0 ? (crc >> 1) ^ 0xA001u : crc >> 1;
+  for (int i = 0; i < kWordSize; ++i) {
+    const uint32_t index = (crc ^ (uint32_t)(word >> 8 * i)) & 0xFF;
+    crc = crc >> 8 ^ index << 6 ^ index << 7 ^ _QWhenOdd(_Parity(index));
   }
-  return (uint16_t)crc;
+  return crc;
+}
+
+uint16_t _MdCrc16(const uint8_t* base, size_t size) {
+  // Zeros before the data change nothing, so the bytes that are too few for a word come first.
+  size_t position = size % kWordSize;
+  uint64_t remainder = 0;
+  for (size_t i = 0; i < position; ++i) remainder |= (uint64_t)base[i] << 8 * (kWordSize - position + i);
+  uint64_t all = remainder;
+  for (; position < size; position += kWordSize) {
+    const uint64_t word = _LoadWord(base, position);
+    all ^= word;
+    remainder = _FoldWord(remainder) ^ word;
+  }
+  return (uint16_t)(_CrcOfWord(remainder) ^ _QWhenOdd(_Parity(remainder ^ all)));
 }
 
 // =====================================================================================================
 // 3. Bits
 // =====================================================================================================
 
-static size_t _Smallest(size_t a, size_t b, size_t c) {
-  const size_t first = a < b ? a : b;
-  return first < c ? first : c;
+// Reads at most eight bits; of the second byte nothing is read unless the bits reach into it.
+static unsigned _ReadBits(const uint8_t* input, size_t inputBit, size_t count) {
+  const size_t from = inputBit % 8;
+  unsigned pair = (unsigned)input[inputBit / 8] << 8;
+  if (from + count > 8) pair |= input[inputBit / 8 + 1];
+  return pair >> (16 - from - count) & ((1u << count) - 1u);
+}
+
+// ORs eight whole output bytes with the 64 bits from an input bit on.
+static void _CopyWord(const uint8_t* input, size_t inputBit, uint8_t* output) {
+  const size_t from = inputBit % 8;
+  uint64_t bits = __builtin_bswap64(_LoadWord(input, inputBit / 8));
+  if (from != 0) bits = bits << from | input[inputBit / 8 + kWordSize] >> (8 - from);
+  bits = __builtin_bswap64(bits) | _LoadWord(output, 0);
+  memcpy(output, &bits, kWordSize);
+}
+
+// What copying bit by bit up to each byte boundary of both sides adds up to: at the start of each such step, the bits
+// that are left of the input's byte.
+static int _SumOfSteps(size_t inputBit, size_t outputBit, size_t count) {
+  const size_t apart = (inputBit - outputBit) % 8;
+  const size_t inputBoundaries = (inputBit + count - 1) / 8 - inputBit / 8;
+  const size_t otherBoundaries = apart != 0 ? (outputBit + count - 1) / 8 - outputBit / 8 : 0;
+  return (int)(8 - inputBit % 8 + inputBoundaries * 8 + otherBoundaries * (8 - apart));
 }
 
 int _MdCopyBits(const uint8_t* input, size_t inputBit, uint8_t* output, size_t outputBit, size_t count) {
-  int result = 0;
-  size_t done = 0;
-  while (done < count) {
-    const size_t from = (inputBit + done) % 8;
-    const size_t to = (outputBit + done) % 8;
-    const size_t step = _Smallest(8 - from, count - done, 8 - to);
-    const unsigned bits = ((unsigned)input[(inputBit + done) / 8] >> (8 - from - step)) & ((1u << step) - 1u);
-    const size_t target = (outputBit + done) / 8;
-    output[target] = (uint8_t)(output[target] | bits << (8 - to - step));
-    result += (int)(8 - from);
-    done += step;
+  if (count == 0) return 0;
+  const int result = _SumOfSteps(inputBit, outputBit, count);
+  size_t in = inputBit;
+  size_t out = outputBit;
+  const size_t end = outputBit + count;
+  // The output's first bits, up to a byte boundary; then words, then bytes.
+  if (out % 8 != 0) {
+    const size_t room = 8 - out % 8;
+    const size_t step = room < count ? room : count;
+    const unsigned bits = _ReadBits(input, in, step) << (room - step);
+    output[out / 8] = (uint8_t)(output[out / 8] | bits);
+    in += step;
+    out += step;
+  }
+  for (; end - out >= 64; in += 64, out += 64) _CopyWord(input, in, output + out / 8);
+  while (out < end) {
+    const size_t step = end - out < 8 ? end - out : 8;
+    const unsigned bits = _ReadBits(input, in, step) << (8 - step);
+    output[out / 8] = (uint8_t)(output[out / 8] | bits);
+    in += step;
+    out += step;
   }
   return result;
 }

@@ -6,7 +6,7 @@
 //   3. Items
 //   4. Sums and bits
 //
-// Any thread. The core keeps no state, allocates nothing, logs nothing and calls nothing but itself. A function that
+// Any thread. The core keeps no state, allocates nothing, logs nothing and calls nothing but itself and memcpy. A function that
 // parses gets the whole data as base and size, addresses it by position, reads nothing outside, and assigns all its
 // outputs on every path. Callers own the data, and they own the limits that differ between them (how many length bytes
 // they accept, how far a value may reach) and every log line.
