@@ -9,6 +9,7 @@
 #include <bit>
 
 #include "host.h"
+#include "md_codewords.h"
 #include "metadata_lib.h"
 
 // --- The frame on the wire ---------------------------------------------------------------------------
@@ -46,11 +47,6 @@ static_assert(offsetof(SERDATA_COT_HEADER, wLengthValue2) == 9);
 static_assert(offsetof(SERDATA_COT_HEADER, wLengthCRC2) == 11);
 static_assert(offsetof(SERDATA_COT_HEADER, wLengthValue3) == 13);
 static_assert(offsetof(SERDATA_COT_HEADER, wLengthCRC3) == 15);
-
-// The payload: codewords of a (31, 21) code over 5-bit symbols, back to back, most significant bit first.
-inline constexpr int kCodewordDataBits = 105;
-inline constexpr int kCodewordCheckBits = 50;
-inline constexpr int kCodewordBits = kCodewordDataBits + kCodewordCheckBits;
 
 // The block in the data bits:
 //

@@ -37,9 +37,10 @@ static uint64_t _OddBytes(uint64_t word) {
   return word >> 8 & 0x00FF00FF00FF00FFu;
 }
 
-// The sum of at most kMostWordsInLanes words. Only the bytes at odd positions are taken apart: without them, the sum of
-// the whole words is that of the bytes at even positions, lane by lane, because their lanes do not overflow either.
-static uint32_t _SumOfWords(const uint8_t* base, size_t words) {
+// Adds the sums of at most kMostWordsInLanes words. Only the bytes at odd positions are taken apart: without them, the
+// sum of the whole words is that of the bytes at even positions, lane by lane, because their lanes do not overflow
+// either.
+static void _AddWords(const uint8_t* base, size_t words, uint32_t* even, uint32_t* odd) {
   uint64_t all = 0;
   uint64_t low = 0;
   size_t i = 0;
@@ -56,20 +57,32 @@ static uint32_t _SumOfWords(const uint8_t* base, size_t words) {
     all += word;
     low += _OddBytes(word);
   }
-  return (_SumOfLanes(all - (low << 8)) << 8) + _SumOfLanes(low);
+  *even += _SumOfLanes(all - (low << 8));
+  *odd += _SumOfLanes(low);
 }
 
-static uint32_t _Sum(const uint8_t* base, size_t size) {
-  uint32_t sum = 0;
+void _MdSumParts(const uint8_t* base, size_t size, uint32_t* even, uint32_t* odd) {
   size_t position = 0;
+  *even = 0;
+  *odd = 0;
   while (size - position >= kWordSize) {
     size_t words = (size - position) / kWordSize;
     if (words > kMostWordsInLanes) words = kMostWordsInLanes;
-    sum += _SumOfWords(base + position, words);
+    _AddWords(base + position, words, even, odd);
     position += words * kWordSize;
   }
-  for (; position < size; ++position) sum += position % 2 == 0 ? (uint32_t)base[position] << 8 : base[position];
-  return sum;
+  for (; position + 2 <= size; position += 2) {
+    *even += base[position];
+    *odd += base[position + 1];
+  }
+  if (position < size) *even += base[position];
+}
+
+static uint32_t _Sum(const uint8_t* base, size_t size) {
+  uint32_t even = 0;
+  uint32_t odd = 0;
+  _MdSumParts(base, size, &even, &odd);
+  return (even << 8) + odd;
 }
 
 // Returns what the byte at a position contributes to the sum.

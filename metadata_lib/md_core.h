@@ -217,6 +217,9 @@ uint16_t _MdRunningSum(const uint8_t* base, size_t size);
 // Returns the same sum with the two bytes at a position counted as zero, as bytes behind the end are anyway.
 uint16_t _MdRunningSumWithout(const uint8_t* base, size_t size, size_t position);
 
+// Stores the sums of the bytes at even and at odd positions, modulo 2^32.
+void _MdSumParts(const uint8_t* base, size_t size, uint32_t* even, uint32_t* odd);
+
 // Returns the CRC-16/ARC.
 uint16_t _MdCrc16(const uint8_t* base, size_t size);
 
