@@ -14,10 +14,12 @@
 #include <string.h>
 
 #include "md_atomic.h"
+#include "md_codewords.h"
 #include "md_guard.h"
 #include "md_log.h"
 #include "md_sync_buffer.h"
 #include "md_xml_log.h"
+#include "utils.h"
 
 // ======================================================================================================
 // Decode context
@@ -38,6 +40,7 @@ BOOL AllocCotDecodeContext(void** ppvContext, COT_RX_HANDLER pfnRxHandler, void*
 BOOL FreeCotDecodeContext(void** ppvContext) {
   MD_ASSERT_OR_RETURN(ppvContext != NULL, FALSE);
   MD_ASSERT_OR_RETURN(*ppvContext != NULL, FALSE);
+  free(static_cast<COT_DECODE_CONTEXT*>(*ppvContext)->pCrcs);
   free(*ppvContext);
   *ppvContext = nullptr;
   return TRUE;
@@ -135,6 +138,20 @@ BOOL _GetCoTMessageLength(const SERDATA_COT_HEADER* header, int* length) {
 //
 // KEPT: there is no time-out; an incomplete frame waits until more data arrives.
 
+static constexpr int kCoTWorthRemembering = 1024;  // bytes; shorter frames are decoded from scratch
+
+namespace {
+
+// What is known about the bytes of a payload, at its position, or nothing.
+struct Known {
+  MdBlockCrcs* crcs = nullptr;
+  UINT64 position = 0;
+};
+
+}  // namespace
+
+static bool _DecodePayload(COT_DECODE_CONTEXT* pCtxt, const BYTE* data, int size, const Known& known);
+
 namespace {
 
 // The next action within a slice.
@@ -153,7 +170,7 @@ struct Slice {
       : pCtxt(context),
         input(data),
         size(length),
-        held(context->DecodeBuffer, kCoTDecodeBufferSize, start, context->nStoredAmount) {}
+        held(context->DecodeBuffer, kCoTDecodeBufferSize, start, context->nStoredAmount, context->nPosition) {}
 
   COT_DECODE_CONTEXT* const pCtxt;
   const BYTE* const input;  // fits behind the held bytes
@@ -265,12 +282,28 @@ static Step _ReadLength(Slice& s) {
   return Step::Decode;
 }
 
+// A frame that begins inside a rejected one is checked with what is known about its bytes. Short ones are not worth it,
+// and a log of every frame's data needs it decoded. Without memory the check takes longer, nothing else.
+static Known _WhatIsKnown(Slice& s) {
+  COT_DECODE_CONTEXT* pCtxt = s.pCtxt;
+  if (s.held.Position() >= pCtxt->nRejectedEnd || pCtxt->nMsgSize < kCoTWorthRemembering) return {};
+  if (MdLogEnabled(g_hMetaDataLibDbg, 7)) return {};
+  if (pCtxt->pCrcs == nullptr) {
+    pCtxt->pCrcs = static_cast<MdBlockCrcs*>(malloc(sizeof(MdBlockCrcs)));
+    if (pCtxt->pCrcs != nullptr) memset(pCtxt->pCrcs, 0, sizeof(MdBlockCrcs));
+  }
+  return {pCtxt->pCrcs, s.held.Position() + kCoTHeaderSize};
+}
+
 // KEPT: if the payload is rejected, only the header is discarded, so that a frame inside the payload can still start,
 // and nothing is counted here.
 static Step _Decode(Slice& s) {
   COT_DECODE_CONTEXT* pCtxt = s.pCtxt;
   MD_DUMP(8, "Encoded Input Data", s.held.Front(), pCtxt->nMsgSize);
-  if (!_ProcessLayer2(pCtxt, s.held.Front() + kCoTHeaderSize, pCtxt->nMsgSize - kCoTHeaderSize)) {
+  const Known known = _WhatIsKnown(s);
+  if (!_DecodePayload(pCtxt, s.held.Front() + kCoTHeaderSize, pCtxt->nMsgSize - kCoTHeaderSize, known)) {
+    const UINT64 end = s.held.Position() + static_cast<UINT64>(pCtxt->nMsgSize);
+    if (end > pCtxt->nRejectedEnd) pCtxt->nRejectedEnd = end;
     s.held.Drop(kCoTHeaderSize);
     return Step::Rescan;
   }
@@ -356,36 +389,25 @@ static WORD _GetBlockLength(const BYTE* data, int size) {
   return static_cast<WORD>(data[0] | data[1] << 8);
 }
 
-BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
-  const int blockLength = _GetBlockLength(pcData, nSize);
-  MD_LOG(7, "%d bytes of data to extract in packed FEC of %d bytes\n", blockLength, nSize);
-  const int codewords = nSize * 8 / kCodewordBits;
-  MD_LOG(7, "%d 155 bit codewords with %d bits remaining\n", codewords, nSize * 8 - codewords * kCodewordBits);
-  const int dataBytes = codewords * kCodewordDataBits / 8;
-  MD_LOG(7, "There should be %d bytes of data in message (remainder=%d)\n", dataBytes,
-         codewords * kCodewordDataBits % 8);
+// Counts and logs a block whose CRC is wrong.
+static void _RejectBlock(COT_DECODE_CONTEXT* pCtxt, WORD stored, WORD computed) {
+  const ULONG corrupted = MdAddFetch(pCtxt->Stats.nRxCorruptedMessages, 1);
+  MD_LOG(4, "CRC DOES NOT MATCH In=0x%04X vs Calc=0x%04X!!!\n", stored, computed);
+  _LogLostXMLEvent(corrupted);
+}
 
-  // The length counts its own two bytes, so a smaller one is as wrong as one that is too large. KEPT: not counted.
-  if (blockLength > dataBytes || blockLength < kBlockLengthSize) {
-    MD_LOG(4, "Estimated worst case data bytes %d smaller than actual %d\n", dataBytes, blockLength);
-    return FALSE;
-  }
-
-  // The last codeword ends less than a byte behind dataBytes, the CRC at most two bytes behind it.
-  MdBufferRef block;
-  if (!DoAllocBuffer(dataBytes + 3, block.Out())) return FALSE;
-  _DoReedSolomon(pcData, block->pcData, dataBytes);
-
+// Decodes a block of a right length into a buffer for the block and its CRC, and delivers its event.
+static bool _DecodeBlock(COT_DECODE_CONTEXT* pCtxt, const BYTE* codewords, int dataBytes, int blockLength,
+                         MdBufferRef& block) {
+  _DoReedSolomon(codewords, block->pcData, dataBytes);
   const BYTE* blockBytes = block->pcData;
   const int messageSize = blockLength - kBlockLengthSize;
   const WORD computed = CalcCRC16(blockBytes + kBlockLengthSize, messageSize);
   MD_LOG(7, "Calculated CRC for data is 0x%04X\n", computed);
   const WORD stored = static_cast<WORD>(blockBytes[blockLength] << 8 | blockBytes[blockLength + 1]);
   if (stored != computed) {
-    const ULONG corrupted = MdAddFetch(pCtxt->Stats.nRxCorruptedMessages, 1);
-    MD_LOG(4, "CRC DOES NOT MATCH In=0x%04X vs Calc=0x%04X!!!\n", stored, computed);
-    _LogLostXMLEvent(corrupted);
-    return FALSE;
+    _RejectBlock(pCtxt, stored, computed);
+    return false;
   }
 
   MD_LOG(7, "CRC is OK!!!\n");
@@ -393,7 +415,44 @@ BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
   block->nDataSize = messageSize;
   // KEPT: the frame counts as received even if the ARQ header is wrong.
   _ProcessARQ(pCtxt, block.Get());
-  return TRUE;
+  return true;
+}
+
+// Decodes a payload, of which something may be known. Then a wrong CRC is found without decoding all of it.
+static bool _DecodePayload(COT_DECODE_CONTEXT* pCtxt, const BYTE* data, int size, const Known& known) {
+  const int blockLength = _GetBlockLength(data, size);
+  MD_LOG(7, "%d bytes of data to extract in packed FEC of %d bytes\n", blockLength, size);
+  const int codewords = size * 8 / kCodewordBits;
+  MD_LOG(7, "%d 155 bit codewords with %d bits remaining\n", codewords, size * 8 - codewords * kCodewordBits);
+  const int dataBytes = codewords * kCodewordDataBits / 8;
+  MD_LOG(7, "There should be %d bytes of data in message (remainder=%d)\n", dataBytes,
+         codewords * kCodewordDataBits % 8);
+
+  // The length counts its own two bytes, so a smaller one is as wrong as one that is too large. KEPT: not counted.
+  if (blockLength > dataBytes || blockLength < kBlockLengthSize) {
+    MD_LOG(4, "Estimated worst case data bytes %d smaller than actual %d\n", dataBytes, blockLength);
+    return false;
+  }
+
+  // The last codeword ends less than a byte behind dataBytes, the CRC at most two bytes behind it.
+  MdBufferRef block;
+  const int room = dataBytes + 3;
+  if (known.crcs == nullptr) {
+    return DoAllocBuffer(room, block.Out()) && _DecodeBlock(pCtxt, data, dataBytes, blockLength, block);
+  }
+  if (!_AllocUnfilledBuffer(room, block.Out())) return false;
+  const MdBlockCrc crc = _MdReadBlockCrc(*known.crcs, data, static_cast<size_t>(codewords), known.position,
+                                         static_cast<size_t>(blockLength));
+  if (crc.stored != crc.computed) {
+    _RejectBlock(pCtxt, crc.stored, crc.computed);
+    return false;
+  }
+  memset(block->pcData, 0, static_cast<size_t>(room));
+  return _DecodeBlock(pCtxt, data, dataBytes, blockLength, block);
+}
+
+BOOL _ProcessLayer2(COT_DECODE_CONTEXT* pCtxt, const BYTE* pcData, int nSize) {
+  return _DecodePayload(pCtxt, pcData, nSize, Known{}) ? TRUE : FALSE;
 }
 
 // ======================================================================================================

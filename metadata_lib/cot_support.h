@@ -69,10 +69,13 @@ enum tagCOT_DECODE_STATE : int32_t {
 // One per open serial CoT source. Metadata thread only, except Stats, whose counters the statistics calls read and set
 // atomically.
 typedef struct tagCOT_DECODE_CONTEXT {
-  int32_t enState;        // tagCOT_DECODE_STATE
-  int32_t nStoredAmount;  // bytes held at the start of DecodeBuffer
-  int32_t nMsgSize;       // whole frame in bytes, once the header is known
-  COT_STATS Stats;        // atomic counters
+  int32_t enState;            // tagCOT_DECODE_STATE
+  int32_t nStoredAmount;      // bytes held at the start of DecodeBuffer
+  int32_t nMsgSize;           // whole frame in bytes, once the header is known
+  UINT64 nPosition;           // position of the first held byte among all that were held
+  UINT64 nRejectedEnd;        // end of the rejected frames so far; one that begins before it is read again
+  struct MdBlockCrcs* pCrcs;  // what is known about the bytes of such frames; NULL until it is needed
+  COT_STATS Stats;            // atomic counters
   COT_RX_HANDLER pfnRxHandler;
   void* pvUserParam1;  // the source record
   BYTE DecodeBuffer[kCoTDecodeBufferSize];

@@ -15,6 +15,7 @@
 #include "host_util.h"
 #include "md_atomic.h"
 #include "md_core.h"
+#include "md_reread.h"
 #include "md_sync_buffer.h"
 
 #define MD_MODULE "generic_klv_support"
@@ -50,6 +51,7 @@ BOOL FreeKlvDecodeContext(void** ppvContext) {
   MD_ASSERT_OR_RETURN(*ppvContext != NULL, FALSE);
   KLV_DECODE_CONTEXT* pCtxt = _Context(*ppvContext);
   if (pCtxt->pDecodeBuffer != nullptr) DoReleaseBuffer(&pCtxt->pDecodeBuffer);
+  free(pCtxt->pReread);
   free(pCtxt);
   *ppvContext = nullptr;
   return TRUE;
@@ -87,6 +89,13 @@ KLV_STATS* GenericKLV_GetStatsPtr(void* pvCtxt) {
 //    and names the first step; one loop then runs the steps until the decoder waits for more.
 // =====================================================================================================
 
+static constexpr int kKLVWorthRemembering = 256;  // bytes; shorter messages are checked from scratch
+
+static bool _ValidateHeldMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* data, int messageSize, int headerSize,
+                                 MdReread* reread, UINT64 position);
+static bool _IsUASSumRight(const BYTE* data, UINT fullLength, const KLV_INFO& item, UINT itemOffset, MdReread* reread,
+                           UINT64 position);
+
 namespace {
 
 // The next action within a slice.
@@ -111,7 +120,7 @@ struct Slice {
       : pCtxt(context),
         input(data),
         size(length),
-        held(context->DecodeBuffer, kKLVDecodeCapacity, context->nStart, context->nStoredAmount) {}
+        held(context->DecodeBuffer, kKLVDecodeCapacity, context->nStart, context->nStoredAmount, context->nPosition) {}
 
   KLV_DECODE_CONTEXT* const pCtxt;
   const BYTE* const input;  // fits behind the held bytes, which are fewer than the largest message
@@ -336,9 +345,24 @@ static Step _CheckCompleteness(Slice& s) {
   return Step::CheckMessage;
 }
 
+// A message that begins inside a rejected one is checked with what is known about its bytes. Short ones are not worth it,
+// and a log of every item shows every item. Without memory the check takes longer, nothing else.
+static MdReread* _RereadMemory(Slice& s) {
+  KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
+  if (s.held.Position() >= pCtxt->nRejectedEnd || pCtxt->nMsgSize < kKLVWorthRemembering) return nullptr;
+  if (MdLogEnabled(g_hMetaDataLibDbg, 7)) return nullptr;
+  if (pCtxt->pReread == nullptr) pCtxt->pReread = static_cast<MdReread*>(calloc(1, sizeof(MdReread)));
+  return pCtxt->pReread;
+}
+
 static Step _CheckMessage(Slice& s) {
-  const bool good = _ValidateKLVMessage(s.pCtxt, s.held.Front(), s.pCtxt->nMsgSize, s.pCtxt->nHeaderSize);
-  return good ? Step::Deliver : Step::DropSync;
+  KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
+  const UINT64 position = s.held.Position();
+  if (_ValidateHeldMessage(pCtxt, s.held.Front(), pCtxt->nMsgSize, pCtxt->nHeaderSize, _RereadMemory(s), position))
+    return Step::Deliver;
+  const UINT64 end = position + static_cast<UINT64>(pCtxt->nMsgSize);
+  if (end > pCtxt->nRejectedEnd) pCtxt->nRejectedEnd = end;
+  return Step::DropSync;
 }
 
 static Step _Deliver(Slice& s) {
@@ -469,22 +493,33 @@ struct Walk {
   BYTE* data;
   int messageSize;
   int headerSize;
-  int64_t offset;      // of the current item; behind the message if an item ran past its end
-  bool found = false;  // an integrity item
+  MdReread* reread;     // what is known about the message's bytes, or NULL
+  UINT64 position;      // of the message, for that
+  int64_t offset;       // of the current item; behind the message if an item ran past its end
+  bool found = false;   // an integrity item
+  bool marked = false;  // the last item was one
 };
 
 }  // namespace
 
+static bool _AskValidator(const Walk& walk, KLV_INFO* item) {
+  const UINT size = static_cast<UINT>(walk.messageSize);
+  const UINT offset = static_cast<UINT>(walk.offset);
+  const KLV_INTEGRITY_VERIFIER validator = walk.pStdInfo->pfnValidator;
+  if (walk.reread != nullptr && validator == _UASDataLinkValidator)
+    return _IsUASSumRight(walk.data, size, *item, offset, walk.reread, walk.position);
+  return validator(walk.data, size, static_cast<UINT>(walk.headerSize), item, offset) != FALSE;
+}
+
 static bool _CheckIntegrityItem(Walk& walk, KLV_INFO* item) {
-  const LOCAL_KLV_STANDARD* pStdInfo = walk.pStdInfo;
   if (walk.found) {
     MD_LOG(4, "Intergrity item found more than once.\n");  // KEPT: the spelling; operators search logs for it
     return false;
   }
   MD_LOG(7, "Integrity item located.\n");
+  const LOCAL_KLV_STANDARD* pStdInfo = walk.pStdInfo;
   MD_ASSERT(pStdInfo->pfnValidator != NULL);
-  if (!pStdInfo->pfnValidator(walk.data, static_cast<UINT>(walk.messageSize), static_cast<UINT>(walk.headerSize), item,
-                              static_cast<UINT>(walk.offset))) {
+  if (!_AskValidator(walk, item)) {
     MD_LOG(4, "Validator rejected message.\n");
     return false;
   }
@@ -493,11 +528,25 @@ static bool _CheckIntegrityItem(Walk& walk, KLV_INFO* item) {
   return true;
 }
 
+static bool _IsIntegrityTag(const Walk& walk, UINT32 key) {
+  return walk.pStdInfo->bHasIntegrityItem && key == walk.pStdInfo->IntegrityItemTag;
+}
+
+// Bytes of the item's tag that need not be read: all but the last ones of an object identifier so long that its value is
+// not used. The tag that remains is as long as to have no value either.
+static int _UnreadTagBytes(const Walk& walk, int offset) {
+  if (walk.reread == nullptr || walk.pCtxt->nKlvTagFieldSize != KLV_FIELD_BER_OID_TAG) return 0;
+  const size_t run = _RereadRun(*walk.reread, walk.data, static_cast<size_t>(walk.messageSize), walk.position,
+                                static_cast<size_t>(offset));
+  return run > kMdMostOidBytes ? static_cast<int>(run) - kMdMostOidBytes : 0;
+}
+
 // Checks one item. Returns false if the message is rejected; *ended is set if no further item can be reached.
 static bool _WalkItem(Walk& walk, bool* ended) {
   KLV_INFO item;
   const int offset = static_cast<int>(walk.offset);
-  if (!KLV_GetInfo(walk.data + offset, walk.messageSize - offset, walk.pCtxt->nKlvTagFieldSize,
+  const int start = offset + _UnreadTagBytes(walk, offset);
+  if (!KLV_GetInfo(walk.data + start, walk.messageSize - start, walk.pCtxt->nKlvTagFieldSize,
                    walk.pCtxt->nKlvLengthFieldSize, &item)) {
     MD_LOG(4, "KLV_GetInfo returned an error.\n");
     return false;
@@ -505,9 +554,8 @@ static bool _WalkItem(Walk& walk, bool* ended) {
   MD_LOG(7, "KLV at offset %d has key=%d (%d bytes) len=%d (%d bytes) total=%d.\n", offset, static_cast<int>(item.nKey),
          static_cast<int>(item.nKeySize), item.nLength, static_cast<int>(item.nLengthSize),
          static_cast<int>(item.nTotalSize));
-  if (walk.pStdInfo->bHasIntegrityItem && item.nKey == walk.pStdInfo->IntegrityItemTag &&
-      !_CheckIntegrityItem(walk, &item))
-    return false;
+  walk.marked = _IsIntegrityTag(walk, item.nKey);
+  if (walk.marked && !_CheckIntegrityItem(walk, &item)) return false;
   // A value with a length of four bytes may end far behind the message, but never before the item.
   const auto valuePosition = static_cast<uint64_t>(item.pValue - walk.data);
   walk.offset = static_cast<int64_t>(_MdItemEnd(valuePosition, static_cast<UINT32>(item.nLength)));
@@ -515,22 +563,70 @@ static bool _WalkItem(Walk& walk, bool* ended) {
   return true;
 }
 
-// KEPT: an integrity item is checked if there is one, but it is not required.
-BOOL _ValidateKLVMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* pcData, int nMsgSize, int nHeaderSize) {
-  Walk walk = {pCtxt, _GetKLVStandardInfo(pcData), pcData, nMsgSize, nHeaderSize, nHeaderSize};
-  MD_LOG(7, "Called with nHeaderSize=%d, nMsgSize=%d\n", nHeaderSize, nMsgSize);
+// Steps over an item with a tag and a length of one byte each that lies inside the message, which almost all items are,
+// and is no integrity item. Returns false if the item is another one.
+static bool _StepOverShortItem(Walk& walk) {
+  const int64_t left = walk.messageSize - walk.offset;
+  if (left < 2) return false;
+  const BYTE* item = walk.data + walk.offset;
+  const int64_t end = 2 + int64_t{item[1]};
+  if (item[0] >= 0x80 || item[1] >= 0x80 || end > left || _IsIntegrityTag(walk, item[0])) return false;
+  walk.offset += end;
+  return true;
+}
+
+// Walks to the end of the message or behind it. Returns false if the message is rejected.
+static bool _WalkItems(Walk& walk) {
+  const bool hasShortItems = walk.pCtxt->nKlvTagFieldSize == KLV_FIELD_BER_OID_TAG &&
+                             walk.pCtxt->nKlvLengthFieldSize == KLV_FIELD_NONE_OR_BER &&
+                             !MdLogEnabled(g_hMetaDataLibDbg, 7);
   bool ended = false;
-  while (walk.offset < nMsgSize && !ended) {
-    if (!_WalkItem(walk, &ended)) return FALSE;
+  while (walk.offset < walk.messageSize && !ended) {
+    if (hasShortItems && _StepOverShortItem(walk)) continue;
+    if (!_WalkItem(walk, &ended)) return false;
   }
-  if (walk.offset == nMsgSize) {
+  return true;
+}
+
+// The same with what earlier walks found out.
+static bool _WalkItemsAgain(Walk& walk) {
+  const int tagSize = walk.pCtxt->nKlvTagFieldSize;
+  const int lengthSize = walk.pCtxt->nKlvLengthFieldSize;
+  const bool hasShortItems = tagSize == KLV_FIELD_BER_OID_TAG && lengthSize == KLV_FIELD_NONE_OR_BER;
+  // Walks that look for an integrity item do not meet those that do not.
+  const bool hasIntegrityItem = walk.pStdInfo->bHasIntegrityItem;
+  const uint32_t codes =
+      static_cast<uint32_t>((tagSize - KLV_FIELD_BER_OID_TAG) * 16 + lengthSize * 2) + (hasIntegrityItem ? 1 : 0);
+  _RereadAt(*walk.reread, walk.position);
+  MdRereadWalk known(*walk.reread, walk.position, codes, hasIntegrityItem, walk.offset);
+  bool ended = false;
+  while (walk.offset < walk.messageSize && !ended) {
+    walk.offset = known.Skip(walk.offset, walk.messageSize);
+    walk.marked = false;
+    if (!(hasShortItems && _StepOverShortItem(walk)) && !_WalkItem(walk, &ended)) return false;
+    known.Note(walk.offset, walk.marked);
+  }
+  return true;
+}
+
+// KEPT: an integrity item is checked if there is one, but it is not required.
+static bool _ValidateHeldMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* data, int messageSize, int headerSize,
+                                 MdReread* reread, UINT64 position) {
+  Walk walk = {pCtxt, _GetKLVStandardInfo(data), data, messageSize, headerSize, reread, position, headerSize};
+  MD_LOG(7, "Called with nHeaderSize=%d, nMsgSize=%d\n", headerSize, messageSize);
+  if (!(reread != nullptr ? _WalkItemsAgain(walk) : _WalkItems(walk))) return false;
+  if (walk.offset == messageSize) {
     MdAddFetch(pCtxt->Stats.nRxOkMessages, 1);
     MD_LOG(7, "Message is OK.\n");
-    return TRUE;
+    return true;
   }
   MD_LOG(4, "Sum of item lengths %d does not match message data length of %d.\n",
-         static_cast<int>(walk.offset - nHeaderSize), nMsgSize - nHeaderSize);
-  return FALSE;
+         static_cast<int>(walk.offset - headerSize), messageSize - headerSize);
+  return false;
+}
+
+BOOL _ValidateKLVMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* pcData, int nMsgSize, int nHeaderSize) {
+  return _ValidateHeldMessage(pCtxt, pcData, nMsgSize, nHeaderSize, nullptr, 0) ? TRUE : FALSE;
 }
 
 // =====================================================================================================
@@ -546,24 +642,37 @@ WORD CalcKlvChecksum16(const BYTE* buff, WORD len) {
   return CalcKlvChecksum16Ex(buff, len, 0);
 }
 
+// The sum of a message, or of its beginning, with what is known about its bytes, if anything is.
+static WORD _SumOfMessage(const BYTE* data, size_t size, MdReread* reread, UINT64 position) {
+  return reread != nullptr ? _RereadSum(*reread, data, size, position) : _MdRunningSum(data, size);
+}
+
 // Does not use the exported sums, which take 65535 bytes at most: a message may be some bytes longer.
-BOOL _UASDataLinkValidator(const BYTE* data, UINT fullLength, UINT, KLV_INFO* integrityItem, UINT itemOffset) {
+static bool _IsUASSumRight(const BYTE* data, UINT fullLength, const KLV_INFO& item, UINT itemOffset, MdReread* reread,
+                           UINT64 position) {
   // KEPT: an item of the wrong form is rejected without a line of its own.
-  if (integrityItem->nKeySize != 1 || integrityItem->nLengthSize != 1 || integrityItem->nLength != 2) return FALSE;
-  const UINT end = itemOffset + integrityItem->nTotalSize;
-  if (end > fullLength) return FALSE;
-  const WORD stored = static_cast<WORD>(integrityItem->pValue[0] << 8 | integrityItem->pValue[1]);
+  if (item.nKeySize != 1 || item.nLengthSize != 1 || item.nLength != 2) return false;
+  const UINT end = itemOffset + item.nTotalSize;
+  if (end > fullLength) return false;
+  const WORD stored = static_cast<WORD>(item.pValue[0] << 8 | item.pValue[1]);
   WORD computed = 0;
   if (end != fullLength) {
     MD_LOG(6, "Calculating two-pass checksum since KLV is NOT at the end.\n");
-    computed = _MdRunningSumWithout(data, fullLength, itemOffset + 2);
+    // The two bytes behind a tag and a length of one byte each count as zero, so they are taken off again.
+    const BYTE* value = data + itemOffset + 2;
+    const int share = itemOffset % 2 == 0 ? value[0] << 8 | value[1] : value[1] << 8 | value[0];
+    computed = static_cast<WORD>(_SumOfMessage(data, fullLength, reread, position) - share);
   } else {
-    computed = _MdRunningSum(data, fullLength - 2);
+    computed = _SumOfMessage(data, fullLength - 2, reread, position);
   }
   if (computed != stored) {
     MD_LOG(4, "Calculated checksum (0x%04X) doesn't match KLV value (0x%04X).\n", computed, stored);
-    return FALSE;
+    return false;
   }
   MD_LOG(7, "Calculated checksum matches KLV value.\n");
-  return TRUE;
+  return true;
+}
+
+BOOL _UASDataLinkValidator(const BYTE* data, UINT fullLength, UINT, KLV_INFO* integrityItem, UINT itemOffset) {
+  return _IsUASSumRight(data, fullLength, *integrityItem, itemOffset, nullptr, 0) ? TRUE : FALSE;
 }

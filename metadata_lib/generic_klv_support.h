@@ -43,6 +43,9 @@ typedef struct tagKLV_DECODE_CONTEXT {
   BYTE* DecodeBuffer;               // its memory
   int32_t nStart;                   // position of the first held byte in it
   BOOL bHeaderGuessed;              // the header was read before its length byte arrived
+  UINT64 nPosition;                 // position of the first held byte among all that were held
+  UINT64 nRejectedEnd;              // end of the rejected messages so far; one that begins before it is read again
+  struct MdReread* pReread;         // what is known about such bytes; NULL until it is needed
 } KLV_DECODE_CONTEXT;
 
 // --- Local set standards -----------------------------------------------------------------------------

@@ -130,7 +130,7 @@ static uint32_t _Pack(uint32_t codes, uint32_t distance, bool marked) {
 
 template <uint32_t kSteps>
 static MdReread::WalkStep& _StepAt(MdReread::WalkStep (&steps)[kSteps], uint64_t position, uint32_t codes) {
-  const uint32_t key = static_cast<uint32_t>(position) ^ codes << 24;
+  const uint32_t key = static_cast<uint32_t>(position) ^ codes << 23;
   return steps[(key * 2654435761u) >> 12 & (kSteps - 1)];
 }
 

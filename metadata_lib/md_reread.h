@@ -62,7 +62,7 @@ size_t _RereadRun(MdReread& memory, const BYTE* data, size_t size, uint64_t posi
 // A walk over the items of one message. Offsets count from the message's start; nothing behind its end is looked at.
 class MdRereadWalk {
  public:
-  // The message begins at a position of the stream; codes tells walks of other size codes apart, below 256. With
+  // The message begins at a position of the stream; codes tells walks of other kinds apart, below 512. With
   // stopsAtMarks the walk does not step over items that were noted with a mark.
   MdRereadWalk(MdReread& memory, uint64_t position, uint32_t codes, bool stopsAtMarks, int64_t offset)
       : m_memory(memory),

@@ -20,8 +20,8 @@ void MdSyncBuffer::Append(const BYTE* data, int size) {
 }
 
 void MdSyncBuffer::Restart(const BYTE* data, int size) {
+  Clear();
   m_start = 0;
-  m_stored = 0;
   Append(data, size);
 }
 

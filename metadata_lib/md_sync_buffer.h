@@ -29,8 +29,8 @@ class MdSyncBuffer {
  public:
   // The memory of capacity bytes, the position of the first held byte and the number of held bytes belong to the
   // decoder's context; this object lives as long as one slice is processed.
-  MdSyncBuffer(BYTE* base, int capacity, int32_t& start, int32_t& stored)
-      : m_base(base), m_capacity(capacity), m_start(start), m_stored(stored) {}
+  MdSyncBuffer(BYTE* base, int capacity, int32_t& start, int32_t& stored, uint64_t& position)
+      : m_base(base), m_capacity(capacity), m_start(start), m_stored(stored), m_position(position) {}
   MdSyncBuffer(const MdSyncBuffer&) = delete;
   MdSyncBuffer& operator=(const MdSyncBuffer&) = delete;
 
@@ -38,6 +38,8 @@ class MdSyncBuffer {
   BYTE* Front() const { return m_base + m_start; }
   // Returns the number of held bytes.
   int Stored() const { return m_stored; }
+  // Returns the position of the first held byte among all bytes that have been held. No position is used twice.
+  uint64_t Position() const { return m_position; }
 
   // Adds these bytes behind the held ones. The caller ensures that the capacity is not exceeded.
   void Append(const BYTE* data, int size);
@@ -47,9 +49,13 @@ class MdSyncBuffer {
   void Drop(int size) {
     m_start += size;
     m_stored -= size;
+    m_position += static_cast<uint64_t>(size);
   }
   // Discards all held bytes.
-  void Clear() { m_stored = 0; }
+  void Clear() {
+    m_position += static_cast<uint64_t>(m_stored);
+    m_stored = 0;
+  }
 
   // Scans new data for the pattern and, if it or a prefix of it is found, restarts with it. Returns how many bytes of
   // the pattern matched, as ScanForPattern does; with 0 the held bytes are not changed.
@@ -73,6 +79,7 @@ class MdSyncBuffer {
   const int m_capacity;
   int32_t& m_start;
   int32_t& m_stored;
+  uint64_t& m_position;
 };
 
 #endif  // MD_SYNC_BUFFER_H

@@ -39,6 +39,7 @@
 #include "md_udp.h"
 #include "md_xml_log.h"
 #include "misb0601_tools.h"
+#include "utils.h"
 
 #define MD_MODULE "metadata_api"
 #include "md_log.h"
@@ -1393,7 +1394,7 @@ static int _CountSources() MD_REQUIRES(kMetadataThread) {
 static Pulled _PullPacket(int fd, int interface) MD_REQUIRES(kMetadataThread) {
   MDATA_BUFFER* packet = nullptr;
   // The capture may write kVideoRoom bytes behind the reserve, so the buffer has that much room there.
-  if (!DoAllocBuffer(kVideoRoom + MDATA_STREAM_HEADER_SIZE, &packet)) {
+  if (!_AllocUnfilledBuffer(kVideoRoom + MDATA_STREAM_HEADER_SIZE, &packet)) {
     MD_LOG(4, "Failed to allocate buffer of %d bytes for KLV on BNC-%d.\n", kVideoRoom, interface);
     return Pulled::OutOfMemory;
   }

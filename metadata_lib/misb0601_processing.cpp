@@ -19,6 +19,7 @@
 #include "md_core.h"
 #include "md_guard.h"
 #include "md_log.h"
+#include "utils.h"
 
 // Everything here runs on the metadata thread, inside the data path of one source. The source's counters are atomic,
 // for the statistics calls of other threads.
@@ -286,7 +287,7 @@ static size_t _MeasureBody(MessageWalk walk, size_t* room) {
 static bool _AllocOutput(MDATA_SRC_HANDLE hSource, int uavSize, size_t room, MdBufferRef& buffer) {
   const int64_t usual = int64_t{uavSize} + 2 + hSource->nMissionIDElementSize + hSource->nSecurityMDataSetSize + 5;
   const int64_t size = std::max(usual, static_cast<int64_t>(room) + kRewriteHeadRoom);
-  if (size > INT_MAX || !DoAllocBuffer(static_cast<int>(size), buffer.Out())) return false;
+  if (size > INT_MAX || !_AllocUnfilledBuffer(static_cast<int>(size), buffer.Out())) return false;
   buffer->pcData += kRewriteHeadRoom;
   return true;
 }

@@ -42,15 +42,20 @@ static void _CountAllocation(const char* function, int line) {
     _DoDbgPrintEx(g_hMetaDataLibDbg, 6, function, MD_MODULE, line, "Max alloc buffers now at %d.\n", now);
 }
 
-// Allocates the block of all three allocations. Returns NULL, without logging, if out of memory or if a size is
-// negative or overflows.
-static MDATA_BUFFER* _AllocBlock(int dataSize, int reservedSpace, const char* function, int line) {
+// The state of a new buffer's data. Zeros that nobody reads are not made; large ones are cheaper from the C library.
+enum class Fill { Zero, None };
+
+// Allocates the block of every buffer. Returns NULL, without logging, if out of memory or if a size is negative or
+// overflows.
+static MDATA_BUFFER* _AllocBlock(int dataSize, int reservedSpace, Fill fill, const char* function, int line) {
   if (dataSize < 0 || reservedSpace < 0) return nullptr;
   const int64_t total = int64_t{dataSize} + reservedSpace + static_cast<int64_t>(sizeof(MDATA_BUFFER));
   if (total > INT_MAX) return nullptr;
-  void* block = calloc(1, static_cast<size_t>(total));
+  const size_t size = static_cast<size_t>(total);
+  void* block = fill == Fill::Zero ? calloc(1, size) : malloc(size);
   if (block == nullptr) return nullptr;
   _CountAllocation(function, line);
+  if (fill == Fill::None) memset(block, 0, sizeof(MDATA_BUFFER) + static_cast<size_t>(reservedSpace));
   MDATA_BUFFER* buffer = static_cast<MDATA_BUFFER*>(block);
   buffer->bDynamic = TRUE;
   buffer->nRefCount = 1;
@@ -69,18 +74,28 @@ static bool _AllocCopy(const BYTE* data, int size, MDATA_BUFFER* buffer, MDATA_B
 }
 
 BOOL DoAllocBuffer(int nMaxDataSize, MDATA_BUFFER** ppBuffer) {
-  MDATA_BUFFER* buffer = _AllocBlock(nMaxDataSize, 0, __func__, __LINE__);
+  MDATA_BUFFER* buffer = _AllocBlock(nMaxDataSize, 0, Fill::Zero, __func__, __LINE__);
   if (buffer == nullptr) return FALSE;
   *ppBuffer = buffer;
   return TRUE;
 }
 
+bool _AllocUnfilledBuffer(int dataSize, MDATA_BUFFER** out) {
+  // Logs under the name of the exported allocation, which callers of both know.
+  MDATA_BUFFER* buffer = _AllocBlock(dataSize, 0, Fill::None, "DoAllocBuffer", __LINE__);
+  if (buffer == nullptr) return false;
+  *out = buffer;
+  return true;
+}
+
 BOOL DoAllocCopyBuffer(BYTE* pcData, int nSize, MDATA_BUFFER** ppBuffer) {
-  return _AllocCopy(pcData, nSize, _AllocBlock(nSize, 0, __func__, __LINE__), ppBuffer) ? TRUE : FALSE;
+  return _AllocCopy(pcData, nSize, _AllocBlock(nSize, 0, Fill::None, __func__, __LINE__), ppBuffer) ? TRUE : FALSE;
 }
 
 BOOL DoAllocCopyBufferEx(BYTE* pcData, int nSize, int nReservedSpace, MDATA_BUFFER** ppBuffer) {
-  return _AllocCopy(pcData, nSize, _AllocBlock(nSize, nReservedSpace, __func__, __LINE__), ppBuffer) ? TRUE : FALSE;
+  return _AllocCopy(pcData, nSize, _AllocBlock(nSize, nReservedSpace, Fill::None, __func__, __LINE__), ppBuffer)
+             ? TRUE
+             : FALSE;
 }
 
 // Reports this line to the host's thread watchdog, if enabled.
@@ -88,8 +103,22 @@ static void _SaveStateIfDebugging(int line) {
   if (MdLoad(g_bThreadStateDebuggingEnabled)) __SaveThreadState("DoReleaseBuffer", MD_MODULE, line);
 }
 
+// Gives up a reference that is not the last one, which needs no lock. Returns false if it may be the last one.
+static bool _ReleaseShared(MDATA_BUFFER* buffer) {
+  auto count = MdLoad(buffer->nRefCount);
+  while (count > 1) {
+    if (__atomic_compare_exchange_n(&buffer->nRefCount, &count, count - 1, true, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
+      return true;
+  }
+  return false;
+}
+
 void DoReleaseBuffer(MDATA_BUFFER** ppBuffer) {
   MDATA_BUFFER* buffer = *ppBuffer;
+  if (!MdLoad(g_bThreadStateDebuggingEnabled) && _ReleaseShared(buffer)) {
+    *ppBuffer = nullptr;
+    return;
+  }
   _SaveStateIfDebugging(__LINE__);
   _g_BufferMutex.Lock();
   _SaveStateIfDebugging(__LINE__);
@@ -127,8 +156,28 @@ static int _MatchLength(const BYTE* data, int dataSize, const BYTE* pattern, int
   return matched;
 }
 
+// Returns where, from a position on, the pattern's first two bytes follow each other, or the position from which on the
+// caller has to look at single bytes: near the end, or after a stretch in which memchr may be faster again.
+static int _FindPair(const BYTE* data, int dataSize, int position, const BYTE* pattern) {
+  constexpr uint64_t kOnes = 0x0101010101010101u;
+  constexpr int kStretch = 512;
+  const int end = dataSize - position > kStretch ? position + kStretch : dataSize;
+  for (; position + 9 <= end; position += 8) {
+    uint64_t first = 0;
+    uint64_t second = 0;
+    memcpy(&first, data + position, sizeof(first));
+    memcpy(&second, data + position + 1, sizeof(second));
+    // A byte is zero where both bytes are those of the pattern; the lowest such byte is found exactly.
+    const uint64_t differs = (first ^ kOnes * pattern[0]) | (second ^ kOnes * pattern[1]);
+    const uint64_t zeros = (differs - kOnes) & ~differs & kOnes << 7;
+    if (zeros != 0) return position + __builtin_ctzll(zeros) / 8;
+  }
+  return position;
+}
+
 UINT ScanForPattern(const void* pvInData, int nInDataSize, const void* pvPattern, int nPatternSize,
                     int* pnMatchOffset) {
+  constexpr int kNear = 32;  // first bytes that are nearer to each other are not worth a call of memchr each
   const BYTE* data = static_cast<const BYTE*>(pvInData);
   const BYTE* pattern = static_cast<const BYTE*>(pvPattern);
   if (nPatternSize <= 0) return 0;
@@ -142,7 +191,9 @@ UINT ScanForPattern(const void* pvInData, int nInDataSize, const void* pvPattern
       *pnMatchOffset = candidate;
       return static_cast<UINT>(matched);
     }
+    const bool isNear = candidate - position < kNear;
     position = candidate + matched;  // KEPT: continues at the byte that differed; A A B is not found in A A A B
+    if (isNear) position = _FindPair(data, nInDataSize, position, pattern);
   }
   return 0;
 }

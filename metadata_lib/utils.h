@@ -1,11 +1,16 @@
-// Private side of the buffers and utilities: the buffer counters, for tests.
+// Private side of the buffers and utilities: a buffer without its zeros, and the counters, for tests.
 #ifndef UTILS_H
 #define UTILS_H
 
 #include <stdint.h>
 
+#include "metadata_lib.h"
+
 // Buffers allocated now, and the highest number so far. Relaxed atomics: they only feed one log line.
 extern int32_t _g_nAllocatedBuffers;
 extern int32_t _g_nMaxAllocatedBuffers;
+
+// Does the same as DoAllocBuffer, but leaves the data as the C library gives it out.
+bool _AllocUnfilledBuffer(int dataSize, MDATA_BUFFER** out);
 
 #endif  // UTILS_H

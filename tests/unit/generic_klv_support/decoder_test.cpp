@@ -617,7 +617,7 @@ TEST_F(DecoderTest, MissingHandlerAssertsAndDecodingContinues) {
 }
 
 TEST_F(DecoderTest, MessageIsLostIfOutOfMemoryAndTheNextIsDelivered) {
-  host().FailNext("calloc");
+  host().FailNext("malloc");
   const Bytes first = Numbered(1);
   Feed(first + Numbered(2));
   ExpectLog(4, "No memory for KLV message of " + std::to_string(first.size()) + " bytes.\n");

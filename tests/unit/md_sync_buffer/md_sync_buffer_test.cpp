@@ -32,7 +32,8 @@ class SyncBufferTest : public testing::Test {
   const std::unique_ptr<BYTE[]> m_memory = std::make_unique<BYTE[]>(kCapacity);
   int32_t m_start = 0;
   int32_t m_stored = 0;
-  MdSyncBuffer m_held{m_memory.get(), kCapacity, m_start, m_stored};
+  uint64_t m_position = 0;
+  MdSyncBuffer m_held{m_memory.get(), kCapacity, m_start, m_stored, m_position};
 };
 
 // --- Holding bytes ---------------------------------------------------------------------------------------
@@ -53,6 +54,21 @@ TEST_F(SyncBufferTest, DroppingOnlyMovesTheFront) {
   EXPECT_EQ(Held(), "cde");
   EXPECT_EQ(m_start, 2);
   EXPECT_EQ(std::string(m_memory.get(), m_memory.get() + 5), "abcde");
+}
+
+TEST_F(SyncBufferTest, NoPositionIsUsedTwice) {
+  m_held.Append(Data("abcdef"), 6);
+  EXPECT_EQ(m_held.Position(), 0u);
+  m_held.Drop(2);
+  EXPECT_EQ(m_held.Position(), 2u);
+  m_held.Clear();
+  EXPECT_EQ(m_held.Position(), 6u);
+  m_held.Append(Data("ghi"), 3);
+  EXPECT_EQ(m_held.Position(), 6u);
+  m_held.Restart(Data("jk"), 2);
+  EXPECT_EQ(m_held.Position(), 9u);
+  m_held.MoveToStart();
+  EXPECT_EQ(m_held.Position(), 9u);
 }
 
 TEST_F(SyncBufferTest, ClearKeepsTheMemoryAsItIs) {

@@ -116,7 +116,7 @@ TEST_F(IntegrationPageTest, MessageIsDeliveredAsReceivedIfItsRewritingRunsOutOfM
   config.UASTagFilter[0] = 1u << 2;
   strcpy(config.szMissionID, "MISSION");
   OpenIt(config);
-  host().FailNext("calloc");
+  host().FailNext("malloc");
   Receive(WellFormedMessage());
   ASSERT_EQ(m_encoder.messages.size(), 1u);
   const Bytes& delivered = m_encoder.messages[0].bytes;
@@ -131,7 +131,7 @@ TEST_F(IntegrationPageTest, DatagramIsRelayedAndNotCountedIfOutOfMemory) {
   strcpy(config.szMissionID, "MISSION");
   AddRelay(config);
   OpenIt(config);
-  host().FailNext("calloc", {.times = 2});
+  host().FailNext("malloc", {.times = 2});
   Receive(WellFormedMessage());
   ExpectLogContaining(4, "No memory for KLV message of ");
   EXPECT_TRUE(m_encoder.messages.empty());
@@ -146,7 +146,7 @@ TEST_F(IntegrationPageTest, SerialMessageIsCountedAndDroppedIfOutOfMemory) {
   MDATA_SRC_CFG config = SerialConfig();
   AddRelay(config);
   OpenIt(config);
-  host().FailNext("calloc");
+  host().FailNext("malloc");
   host().FeedSerial(m_source->iFD, WellFormedMessage());
   host().PassUntilIdle();
   ExpectLogContaining(4, "No memory for KLV message of ");

@@ -249,7 +249,7 @@ TEST_F(KlvUdpTest, DatagramIsDroppedIfOutOfMemory) {
   MDATA_SRC_CFG config = NetworkConfig();
   AddRelay(config);
   OpenUdp(config);
-  host().FailNext("calloc");
+  host().FailNext("malloc");
   Receive(Bytes(30, 4));
   ExpectLog(4, "No memory for KLV message of 30 bytes, dropping it.\n");
   EXPECT_TRUE(m_encoder.messages.empty());

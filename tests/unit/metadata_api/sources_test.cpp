@@ -1032,7 +1032,7 @@ TEST_F(GivenUpTest, CallbackIsSkippedIfTheCloseIsGivenUpDuringTheHandler) {
     // The copy for the encoder is the handler's last allocation.
     const int before = config.enInputType == MDATA_INPUT_VIDEO ? 1 : 0;
     host().WhenCalled(
-        "calloc", [source] { GiveUp(source); }, before);
+        "malloc", [source] { GiveUp(source); }, before);
     host().Pass();
     EXPECT_TRUE(m_encoder.messages.empty());
   }

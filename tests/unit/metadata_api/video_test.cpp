@@ -131,7 +131,7 @@ TEST_F(VideoPullTest, EndOfTheQueueAfterAPacketIsNotAnError) {
 TEST_F(VideoPullTest, RemainingPacketsWaitIfOutOfMemory) {
   OpenVideo();
   host().FeedCapture(0, {1}, 1);
-  host().FailNext("calloc");
+  host().FailNext("malloc");
   host().Pass();
   ExpectLog(4, "Failed to allocate buffer of 4101 bytes for KLV on BNC-0.\n");
   EXPECT_TRUE(m_encoder.messages.empty());
@@ -147,7 +147,7 @@ TEST_F(VideoPullTest, OnlyTheSourceWhoseCopyFailsMissesThePacket) {
   OpenVideo();
   Open(second);
   host().FeedCapture(0, {1}, 1);
-  host().FailNext("calloc", {.skip = 1});
+  host().FailNext("malloc", {.skip = 1});
   host().Pass();
   EXPECT_TRUE(m_encoder.messages.empty());
   EXPECT_EQ(other.messages.size(), 1u);

@@ -391,7 +391,7 @@ TEST_F(RewriteTest, SizeBelowTheHeaderIsRefused) {
 }
 
 TEST_F(RewriteTest, NothingIsCountedIfOutOfMemory) {
-  host().FailNext("calloc");
+  host().FailNext("malloc");
   EXPECT_FALSE(RewriteBody(kTimestamp + kChecksum));
   EXPECT_EQ(Stats().nRxUASMessages, 0u);
 }

@@ -134,7 +134,8 @@ TEST_F(BufferTest, FailedAllocationChangesNothingAndIsNotLogged) {
   BYTE acData[4] = {};
   MDATA_BUFFER marker = {};
   MDATA_BUFFER* pBuffer = &marker;
-  host().FailNext("calloc", {.times = 3});
+  host().FailNext("calloc");
+  host().FailNext("malloc", {.times = 2});
   EXPECT_FALSE(DoAllocBuffer(10, &pBuffer));
   EXPECT_FALSE(DoAllocCopyBuffer(acData, 4, &pBuffer));
   EXPECT_FALSE(DoAllocCopyBufferEx(acData, 4, 5, &pBuffer));
