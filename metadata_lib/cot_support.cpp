@@ -40,7 +40,7 @@ BOOL AllocCotDecodeContext(void** ppvContext, COT_RX_HANDLER pfnRxHandler, void*
 BOOL FreeCotDecodeContext(void** ppvContext) {
   MD_ASSERT_OR_RETURN(ppvContext != NULL, FALSE);
   MD_ASSERT_OR_RETURN(*ppvContext != NULL, FALSE);
-  free(static_cast<COT_DECODE_CONTEXT*>(*ppvContext)->pCrcs);
+  free(static_cast<COT_DECODE_CONTEXT*>(*ppvContext)->pReread);
   free(*ppvContext);
   *ppvContext = nullptr;
   return TRUE;
@@ -152,6 +152,14 @@ struct Known {
 
 static bool _DecodePayload(COT_DECODE_CONTEXT* pCtxt, const BYTE* data, int size, const Known& known);
 
+static BYTE* _Memory(COT_DECODE_CONTEXT* pCtxt) {
+  return pCtxt->bWide ? pCtxt->pReread->WideBuffer : pCtxt->DecodeBuffer;
+}
+
+static int _Capacity(const COT_DECODE_CONTEXT* pCtxt) {
+  return pCtxt->bWide ? static_cast<int>(sizeof(pCtxt->pReread->WideBuffer)) : kCoTDecodeBufferSize;
+}
+
 namespace {
 
 // The next action within a slice.
@@ -170,12 +178,11 @@ struct Slice {
       : pCtxt(context),
         input(data),
         size(length),
-        held(context->DecodeBuffer, kCoTDecodeBufferSize, start, context->nStoredAmount, context->nPosition) {}
+        held(_Memory(context), _Capacity(context), context->nStart, context->nStoredAmount, context->nPosition) {}
 
   COT_DECODE_CONTEXT* const pCtxt;
   const BYTE* const input;  // fits behind the held bytes
   const int size;           // at least 1
-  int32_t start = 0;        // of the bytes held; 0 again at the end of the slice
   MdSyncBuffer held;
   int matched = 0;  // bytes of the sync pattern at the front
 };
@@ -288,11 +295,12 @@ static Known _WhatIsKnown(Slice& s) {
   COT_DECODE_CONTEXT* pCtxt = s.pCtxt;
   if (s.held.Position() >= pCtxt->nRejectedEnd || pCtxt->nMsgSize < kCoTWorthRemembering) return {};
   if (MdLogEnabled(g_hMetaDataLibDbg, 7)) return {};
-  if (pCtxt->pCrcs == nullptr) {
-    pCtxt->pCrcs = static_cast<MdBlockCrcs*>(malloc(sizeof(MdBlockCrcs)));
-    if (pCtxt->pCrcs != nullptr) memset(pCtxt->pCrcs, 0, sizeof(MdBlockCrcs));
+  if (pCtxt->pReread == nullptr) {
+    pCtxt->pReread = static_cast<COT_REREAD*>(malloc(sizeof(COT_REREAD)));
+    if (pCtxt->pReread == nullptr) return {};
+    memset(&pCtxt->pReread->Crcs, 0, sizeof(pCtxt->pReread->Crcs));
   }
-  return {pCtxt->pCrcs, s.held.Position() + kCoTHeaderSize};
+  return {&pCtxt->pReread->Crcs, s.held.Position() + kCoTHeaderSize};
 }
 
 // KEPT: if the payload is rejected, only the header is discarded, so that a frame inside the payload can still start,
@@ -348,9 +356,21 @@ static int _SliceSize(const COT_DECODE_CONTEXT* pCtxt, int left) {
   return left < room ? left : room;
 }
 
+// After a long rejected frame, moves the bytes to where dropping a few of them costs no move each time.
+static void _UseWideBuffer(COT_DECODE_CONTEXT* pCtxt) {
+  if (pCtxt->pReread == nullptr || pCtxt->bWide) return;
+  memcpy(pCtxt->pReread->WideBuffer, pCtxt->DecodeBuffer + pCtxt->nStart, static_cast<size_t>(pCtxt->nStoredAmount));
+  pCtxt->nStart = 0;
+  pCtxt->bWide = TRUE;
+}
+
 static void _RunSlice(Slice& s) {
   for (Step step = _Enter(s); step != Step::Wait;) step = _Run(s, step);
-  s.held.MoveToStart();
+  if (s.pCtxt->bWide) {
+    s.held.Compact(0);
+  } else {
+    s.held.MoveToStart();
+  }
 }
 
 int COT_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
@@ -359,6 +379,7 @@ int COT_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   MdAddFetch(pCtxt->Stats.nTotalRxBytes, nLength);
   int done = 0;
   while (done < nLength) {
+    _UseWideBuffer(pCtxt);
     Slice s(pCtxt, pvData + done, _SliceSize(pCtxt, nLength - done));
     _RunSlice(s);
     done += s.size;

@@ -66,19 +66,28 @@ enum tagCOT_DECODE_STATE : int32_t {
   COT_GATHERING_DATA = 3        // waits for the rest of the payload
 };
 
+// For frames that begin inside a rejected one, which may fill the decode buffer and lose 17 bytes each: more room, so that
+// what is left need not be moved each time, and what is known about their bytes.
+typedef struct tagCOT_REREAD {
+  MdBlockCrcs Crcs;
+  BYTE WideBuffer[2 * kCoTDecodeBufferSize];  // holds the bytes instead of DecodeBuffer
+} COT_REREAD;
+
 // One per open serial CoT source. Metadata thread only, except Stats, whose counters the statistics calls read and set
 // atomically.
 typedef struct tagCOT_DECODE_CONTEXT {
-  int32_t enState;            // tagCOT_DECODE_STATE
-  int32_t nStoredAmount;      // bytes held at the start of DecodeBuffer
-  int32_t nMsgSize;           // whole frame in bytes, once the header is known
-  UINT64 nPosition;           // position of the first held byte among all that were held
-  UINT64 nRejectedEnd;        // end of the rejected frames so far; one that begins before it is read again
-  struct MdBlockCrcs* pCrcs;  // what is known about the bytes of such frames; NULL until it is needed
-  COT_STATS Stats;            // atomic counters
+  int32_t enState;        // tagCOT_DECODE_STATE
+  int32_t nStoredAmount;  // bytes held
+  int32_t nMsgSize;       // whole frame in bytes, once the header is known
+  COT_STATS Stats;        // atomic counters
   COT_RX_HANDLER pfnRxHandler;
   void* pvUserParam1;  // the source record
   BYTE DecodeBuffer[kCoTDecodeBufferSize];
+  int32_t nStart;       // position of the first held byte in the memory that holds them
+  UINT64 nPosition;     // position of the first held byte among all that were held
+  UINT64 nRejectedEnd;  // end of the rejected frames so far; a frame that begins before it is read again
+  COT_REREAD* pReread;  // what is used for such frames; NULL until it is needed
+  BOOL bWide;           // its buffer holds the bytes; once it does, to the end
 } COT_DECODE_CONTEXT;
 
 // --- Frame decoder -----------------------------------------------------------------------------------

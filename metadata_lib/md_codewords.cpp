@@ -6,6 +6,8 @@
 //   3. Blocks
 #include "md_codewords.h"
 
+#include <string.h>
+
 #include "md_core.h"
 
 // =====================================================================================================
@@ -58,6 +60,41 @@ struct DataBits {
   }
 };
 
+// The bits from one on, 64 of them. The codeword that they lie in reaches further.
+static uint64_t _ReadWord(const BYTE* codewords, size_t bit) {
+  uint64_t word = 0;
+  memcpy(&word, codewords + bit / 8, sizeof(word));
+  // Without a shift, nothing is left of the ninth byte.
+  return __builtin_bswap64(word) << bit % 8 | codewords[bit / 8 + 8] >> (8 - bit % 8);
+}
+
+// The data bits of a whole group, which fill its bytes.
+struct GroupData {
+  static constexpr int kWords = (kGroupDataSize + 7) / 8;
+  static constexpr int kSecondPart = kCodewordDataBits - 64;
+
+  uint64_t words[kWords];  // in memory, the bytes in order
+
+  explicit GroupData(const BYTE* codewords) {
+    uint64_t bits = 0;  // not yet written, from the highest one on
+    int count = 0;      // how many
+    int written = 0;
+    for (size_t i = 0; i < 8; ++i) {
+      const uint64_t first = _ReadWord(codewords, i * kCodewordBits);
+      const uint64_t second = _ReadWord(codewords, i * kCodewordBits + 64) >> (64 - kSecondPart) << (64 - kSecondPart);
+      words[written++] = __builtin_bswap64(bits | first >> count);
+      bits = count > 0 ? first << (64 - count) : 0;
+      bits |= second >> count;
+      count += kSecondPart;
+      if (count < 64) continue;
+      words[written++] = __builtin_bswap64(bits);
+      count -= 64;
+      bits = second << (kSecondPart - count);
+    }
+    words[written] = __builtin_bswap64(bits);
+  }
+};
+
 static uint16_t& _CrcAt(MdBlockCrcs& memory, uint64_t position) {
   return memory.crc[position % MdBlockCrcs::kPositions];
 }
@@ -74,8 +111,8 @@ static void _CoverGroups(MdBlockCrcs& memory, const BYTE* codewords, uint64_t po
   }
   const uint64_t end = position + groups * kGroupSize;
   for (; last < end; last += kGroupSize) {
-    const DataBits data(codewords + (last - position), 8);
-    const uint16_t crc = _MdCrc16(data.bytes, kGroupDataSize);
+    const GroupData data(codewords + (last - position));
+    const uint16_t crc = _MdCrc16(reinterpret_cast<const BYTE*>(data.words), kGroupDataSize);
     _CrcAt(memory, last + kGroupSize) =
         static_cast<uint16_t>(_Times(_CrcAt(memory, last), memory.groupPowers[1]) ^ crc);
   }

@@ -184,28 +184,39 @@ static int _SumOfSteps(size_t inputBit, size_t outputBit, size_t count) {
   return (int)(8 - inputBit % 8 + inputBoundaries * 8 + otherBoundaries * (8 - apart));
 }
 
+// ORs the last count bits of both sides, at most 57, that end with the bits behind inputEnd and outputEnd. Both sides have
+// eight bytes up to there.
+static void _CopyTail(const uint8_t* input, size_t inputEnd, uint8_t* output, size_t outputEnd, size_t count) {
+  uint8_t* last = output + (outputEnd + 7) / 8 - kWordSize;
+  uint64_t bits = __builtin_bswap64(_LoadWord(input, (inputEnd + 7) / 8 - kWordSize));
+  bits = bits >> (8 - inputEnd % 8) % 8 & (((uint64_t)1 << count) - 1);
+  bits <<= (8 - outputEnd % 8) % 8;
+  bits = __builtin_bswap64(bits) | _LoadWord(last, 0);
+  memcpy(last, &bits, kWordSize);
+}
+
+// ORs count bits, at most eight, into one byte of the output.
+static void _CopyIntoByte(const uint8_t* input, size_t inputBit, uint8_t* output, size_t outputBit, size_t count) {
+  const unsigned bits = _ReadBits(input, inputBit, count) << (8 - outputBit % 8 - count);
+  output[outputBit / 8] = (uint8_t)(output[outputBit / 8] | bits);
+}
+
 int _MdCopyBits(const uint8_t* input, size_t inputBit, uint8_t* output, size_t outputBit, size_t count) {
   if (count == 0) return 0;
-  const int result = _SumOfSteps(inputBit, outputBit, count);
-  size_t in = inputBit;
-  size_t out = outputBit;
-  const size_t end = outputBit + count;
-  // The output's first bits, up to a byte boundary; then words, then bytes.
-  if (out % 8 != 0) {
-    const size_t room = 8 - out % 8;
-    const size_t step = room < count ? room : count;
-    const unsigned bits = _ReadBits(input, in, step) << (room - step);
-    output[out / 8] = (uint8_t)(output[out / 8] | bits);
-    in += step;
-    out += step;
+  size_t done = (8 - outputBit % 8) % 8;
+  if (done > count) done = count;
+  if (done > 0) _CopyIntoByte(input, inputBit, output, outputBit, done);
+  // From here on the output's bits begin with a byte.
+  for (; count - done >= 64; done += 64) _CopyWord(input, inputBit + done, output + (outputBit + done) / 8);
+  while (done < count) {
+    const size_t left = count - done;
+    if (count >= 72 && left <= 57) {
+      _CopyTail(input, inputBit + count, output, outputBit + count, left);
+      break;
+    }
+    const size_t step = left < 8 ? left : 8;
+    _CopyIntoByte(input, inputBit + done, output, outputBit + done, step);
+    done += step;
   }
-  for (; end - out >= 64; in += 64, out += 64) _CopyWord(input, in, output + out / 8);
-  while (out < end) {
-    const size_t step = end - out < 8 ? end - out : 8;
-    const unsigned bits = _ReadBits(input, in, step) << (8 - step);
-    output[out / 8] = (uint8_t)(output[out / 8] | bits);
-    in += step;
-    out += step;
-  }
-  return result;
+  return _SumOfSteps(inputBit, outputBit, count);
 }

@@ -8,6 +8,8 @@
 
 #include <string.h>
 
+#include <iterator>
+
 #include "md_core.h"
 
 void _RereadAt(MdReread& memory, uint64_t position) {
@@ -128,54 +130,51 @@ static uint32_t _Pack(uint32_t codes, uint32_t distance, bool marked) {
   return (marked ? kMarked : 0) | codes << kDistanceBits | distance;
 }
 
-template <uint32_t kSteps>
-static MdReread::WalkStep& _StepAt(MdReread::WalkStep (&steps)[kSteps], uint64_t position, uint32_t codes) {
-  const uint32_t key = static_cast<uint32_t>(position) ^ codes << 23;
-  return steps[(key * 2654435761u) >> 12 & (kSteps - 1)];
+static constexpr int kLevels = 3;
+static constexpr int kBlockShifts[kLevels] = {7, 10, 13};  // blocks of 128 bytes, 1 KiB and 8 KiB
+
+static uint32_t _Hash(uint64_t position, uint32_t codes) {
+  return (static_cast<uint32_t>(position) ^ codes << 23) * 2654435761u >> 12;
 }
 
-template <uint32_t kSteps>
-static void _KeepStep(MdReread::WalkStep (&steps)[kSteps], uint64_t position, uint32_t codes, uint64_t distance,
-                      bool marked) {
-  if (distance > kMostDistance) return;
-  _StepAt(steps, position, codes) = {static_cast<uint32_t>(position),
-                                     _Pack(codes, static_cast<uint32_t>(distance), marked)};
-}
-
-// The step that is remembered for a position, packed; 0 if there is none.
-template <uint32_t kSteps>
-static uint32_t _FindStep(MdReread::WalkStep (&steps)[kSteps], uint64_t position, uint32_t codes) {
-  const MdReread::WalkStep& step = _StepAt(steps, position, codes);
-  const bool isIt = step.from == static_cast<uint32_t>(position) && (step.packed & ~kMarked) >> kDistanceBits == codes;
-  return isIt ? step.packed : 0;
-}
-
-bool MdRereadWalk::Leaves(const Entry& entry, int64_t to, uint64_t block) const {
-  return (m_position + static_cast<uint64_t>(entry.offset)) / block != (m_position + static_cast<uint64_t>(to)) / block;
+MdReread::WalkStep& MdRereadWalk::StepAt(int level, uint64_t position) const {
+  const uint32_t hash = _Hash(position, m_codes);
+  switch (level) {
+    case 0:
+      return m_memory.small[hash % std::size(m_memory.small)];
+    case 1:
+      return m_memory.medium[hash % std::size(m_memory.medium)];
+    default:
+      return m_memory.large[hash % std::size(m_memory.large)];
+  }
 }
 
 void MdRereadWalk::Note(int64_t to, bool marked) {
-  m_small.marked = m_small.marked || marked;
-  m_large.marked = m_large.marked || marked;
-  if (!Leaves(m_small, to, kRereadSmallStep)) return;
-  _KeepStep(m_memory.small, m_position + static_cast<uint64_t>(m_small.offset), m_codes,
-            static_cast<uint64_t>(to - m_small.offset), m_small.marked);
-  m_small = {to, false};
-  if (!Leaves(m_large, to, kRereadLargeStep)) return;
-  _KeepStep(m_memory.large, m_position + static_cast<uint64_t>(m_large.offset), m_codes,
-            static_cast<uint64_t>(to - m_large.offset), m_large.marked);
-  m_large = {to, false};
+  for (Entry& entry : m_entries) entry.marked = entry.marked || marked;
+  const uint64_t toPosition = m_position + static_cast<uint64_t>(to);
+  for (int level = 0; level < kLevels; ++level) {
+    Entry& entry = m_entries[level];
+    const uint64_t position = m_position + static_cast<uint64_t>(entry.offset);
+    // A walk that stays in a block stays in the larger one around it.
+    if (position >> kBlockShifts[level] == toPosition >> kBlockShifts[level]) return;
+    const uint64_t distance = toPosition - position;
+    if (distance <= kMostDistance) {
+      StepAt(level, position) = {static_cast<uint32_t>(position),
+                                 _Pack(m_codes, static_cast<uint32_t>(distance), entry.marked)};
+    }
+    entry = {to, false};
+  }
 }
 
-// One remembered step from an offset, or the offset itself.
+// Returns the end of one remembered step from an offset, the largest there is, or the offset itself.
 int64_t MdRereadWalk::Step(int64_t offset, int64_t end) {
-  if (offset != m_small.offset) return offset;
   const uint64_t position = m_position + static_cast<uint64_t>(offset);
-  const uint32_t steps[] = {offset == m_large.offset ? _FindStep(m_memory.large, position, m_codes) : 0,
-                            _FindStep(m_memory.small, position, m_codes)};
-  for (const uint32_t step : steps) {
-    const bool marked = (step & kMarked) != 0;
-    const int64_t to = offset + (step & kMostDistance);
+  for (int level = kLevels - 1; level >= 0; --level) {
+    if (m_entries[level].offset != offset) continue;
+    const MdReread::WalkStep step = StepAt(level, position);
+    const bool marked = (step.packed & kMarked) != 0;
+    if (step.from != static_cast<uint32_t>(position) || (step.packed & ~kMarked) >> kDistanceBits != m_codes) continue;
+    const int64_t to = offset + (step.packed & kMostDistance);
     if (to == offset || to >= end || (marked && m_stopsAtMarks)) continue;
     Note(to, marked);
     return to;
@@ -184,6 +183,7 @@ int64_t MdRereadWalk::Step(int64_t offset, int64_t end) {
 }
 
 int64_t MdRereadWalk::Skip(int64_t offset, int64_t end) {
+  if (offset != m_entries[0].offset) return offset;
   for (int64_t to = Step(offset, end); to != offset; to = Step(offset, end)) offset = to;
   return offset;
 }

@@ -19,15 +19,11 @@
 
 #include "metadata_lib.h"
 
-inline constexpr int kRereadBlock = 256;       // bytes between two sums
-inline constexpr int kRereadSmallStep = 128;   // bytes of the blocks that a walk steps over
-inline constexpr int kRereadLargeStep = 2048;  // and of larger ones
+inline constexpr int kRereadBlock = 256;  // bytes between two sums
 
-// The memory of one stream, about 80 KiB. Allocated with calloc once it is needed.
+// The memory of one stream, about 92 KiB. Allocated with calloc once it is needed.
 struct MdReread {
-  static constexpr uint32_t kBlocks = 1024;      // twice what a decode buffer holds
-  static constexpr uint32_t kSmallSteps = 8192;  // up to 512 of each walk
-  static constexpr uint32_t kLargeSteps = 1024;
+  static constexpr uint32_t kBlocks = 1024;  // twice what a decode buffer holds
 
   // Where a walk went that was at a position: see _Pack in the source. 0 is no step.
   struct WalkStep {
@@ -44,8 +40,10 @@ struct MdReread {
 
   uint32_t runs[kBlocks];  // for a block: its number, and whether all its bytes continue a tag
 
-  WalkStep small[kSmallSteps];
-  WalkStep large[kLargeSteps];
+  // Steps of walks over blocks of three sizes. The longest walk takes 8, 64 and 512 of them.
+  WalkStep large[256];
+  WalkStep medium[2048];
+  WalkStep small[8192];
 };
 
 // Forgets what would be mistaken for something else at this position. Called before the functions below with the
@@ -69,8 +67,7 @@ class MdRereadWalk {
         m_position(position),
         m_codes(codes),
         m_stopsAtMarks(stopsAtMarks),
-        m_small{offset, false},
-        m_large{offset, false} {}
+        m_entries{{offset, false}, {offset, false}, {offset, false}} {}
   MdRereadWalk(const MdRereadWalk&) = delete;
   MdRereadWalk& operator=(const MdRereadWalk&) = delete;
 
@@ -87,15 +84,14 @@ class MdRereadWalk {
     bool marked;
   };
 
+  MdReread::WalkStep& StepAt(int level, uint64_t position) const;
   int64_t Step(int64_t offset, int64_t end);
-  bool Leaves(const Entry& entry, int64_t to, uint64_t block) const;
 
   MdReread& m_memory;
   const uint64_t m_position;
   const uint32_t m_codes;
   const bool m_stopsAtMarks;
-  Entry m_small;
-  Entry m_large;
+  Entry m_entries[3];  // into small, medium and large blocks
 };
 
 #endif  // MD_REREAD_H

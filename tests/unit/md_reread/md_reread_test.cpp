@@ -148,13 +148,15 @@ TEST(RereadWalk, MeetsTheSameBordersAndMarksAsWalksWithoutAMemory) {
   }
 }
 
+constexpr int kSmallBlock = 128;  // bytes, of the smallest blocks that a walk steps over
+
 TEST(RereadWalk, NestedMessagesOfSmallItemsTakeFewStepsEach) {
   const Bytes stream(140000, 1);  // items of two bytes
   const Memory memory = EmptyMemory();
   int steps = 0;
   for (size_t start = 0; start < 65000; start += 9) WalkTo(stream, start, 0, 65000, 1, false, memory.get(), 0, &steps);
   // Every step of the first two walks; of each message the steps in its first block and in its last one.
-  EXPECT_LE(steps, 65000 + 65000 / 9 * (kRereadSmallStep + 4));
+  EXPECT_LE(steps, 65000 + 65000 / 9 * (kSmallBlock + 4));
 }
 
 }  // namespace
