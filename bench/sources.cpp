@@ -1,24 +1,17 @@
 #include "sources.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "datagrams.h"
 #include "workload.h"
 
 namespace bench {
 
 std::uint16_t FreePort() {
-  const int descriptor = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  socklen_t size = sizeof address;
-  Require(bind(descriptor, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
-              getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &size) == 0,
-          "no free port");
-  close(descriptor);
-  return ntohs(address.sin_port);
+  std::uint16_t port = 0;
+  close(BindLoopback(&port));
+  return port;
 }
 
 UdpSource::UdpSource(MDATA_SRC_CFG config) : m_port(FreePort()) {

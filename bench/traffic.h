@@ -15,6 +15,9 @@ namespace bench {
 
 using Bytes = std::vector<std::uint8_t>;
 
+// Takes the generated flight even where the recorded one is present: instruction counts must not depend on that. Before
+// the first message is asked for.
+void UseGeneratedFlight();
 // "recorded" or "generated".
 const char* FlightKind();
 // Messages of a flight, about 260 bytes each.

@@ -31,6 +31,8 @@ void UseLibrary(int logLevel) {
     HostRuntimeConfig config;
     // Lines go to a file, as a daemon's do, and are limited as by default.
     config.console = false;
+    // Both sides run with the same priority.
+    config.realtimeThreads = false;
     config.logFile = "/tmp/metadata_bench." + std::to_string(getpid()) + ".log";
     std::string error;
     Require(HostRuntime_Apply(config, &error), "the log file cannot be written");

@@ -1,0 +1,182 @@
+// Measures what the receiving thread spends on a message, from the socket to the encoder's callback.
+//
+//   bench_paths WORKLOAD/SIDE [BATCHES] [count]
+//
+// The library's side runs on the Linux host runtime with its own metadata thread, the floor's on a thread of its own. With
+// "count" the instructions of the batches are counted by callgrind, under the name WORKLOAD/SIDE.
+// Prints one object of JSON: nanoseconds of processor time a message.
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "datagrams.h"
+#include "floors/floors.h"
+#include "gate.h"
+#include "sources.h"
+#include "traffic.h"
+#include "workload.h"
+
+namespace bench {
+namespace {
+
+constexpr int kBatch = 64;  // datagrams that wait in a socket's buffer with room to spare
+
+using Pass = void (*)(FloorUdp*);
+
+struct Path {
+  const char* name;
+  const std::vector<Bytes>& (*messages)();
+  int relays = 0;
+  bool rewriting = false;
+  int sources = 1;            // open; the traffic comes to one in the middle
+  Pass floor = FloorUdpPass;  // null: the library itself with one source
+};
+
+const std::vector<Bytes>& SmallMessages() {
+  static const std::vector<Bytes> kAll = {MakeMessage(4, 1), MakeMessage(5, 2), MakeMessage(6, 3)};
+  return kAll;
+}
+
+const std::vector<Bytes>& LargeMessages() {
+  static const std::vector<Bytes> kAll = {MakeMessage(310, 1), MakeMessage(311, 2), MakeMessage(312, 3)};
+  return kAll;
+}
+
+const Path kPaths[] = {
+    {.name = "udp", .messages = FlightMessages},
+    {.name = "udp_16_a_wait", .messages = FlightMessages, .floor = FloorUdpPassOfMany},
+    {.name = "udp_recvmmsg", .messages = FlightMessages, .floor = FloorUdpPassAtOnce},
+    {.name = "udp_small", .messages = SmallMessages},
+    {.name = "udp_large", .messages = LargeMessages},
+    {.name = "udp_relays_1", .messages = FlightMessages, .relays = 1},
+    {.name = "udp_relays_8", .messages = FlightMessages, .relays = 8},
+    {.name = "udp_rewrite", .messages = FlightMessages, .rewriting = true},
+    {.name = "udp_rewrite_200", .messages = LongMessages, .rewriting = true},
+    {.name = "udp_sources_16", .messages = FlightMessages, .sources = 16, .floor = nullptr},
+    {.name = "udp_sources_64", .messages = FlightMessages, .sources = 64, .floor = nullptr},
+};
+
+struct Request {
+  const Path* path = nullptr;
+  std::string name;  // with the side
+  bool ours = false;
+  int batches = 400;
+  bool counted = false;
+};
+
+double Drive(Gate& gate, const Request& request, std::uint16_t port) {
+  Sender sender(port, request.path->messages());
+  gate.Close([&] { sender.Send(1); });
+  for (int i = 0; i < request.batches; ++i) {
+    gate.Pass([&] { Require(sender.Send(kBatch) == kBatch, "a batch was not sent"); });
+  }
+  return gate.Nanoseconds();
+}
+
+// --- The library -------------------------------------------------------------------------------------
+
+BOOL OnMessage(MDATA_BUFFER*, void* user, void*) {
+  static_cast<Gate*>(user)->Arrive();
+  return TRUE;
+}
+
+void AddRelays(MDATA_SRC_CFG& config, const std::vector<std::unique_ptr<Sink>>& sinks) {
+  config.nNumOfRelays = static_cast<UINT32>(sinks.size());
+  for (std::size_t i = 0; i < sinks.size(); ++i) {
+    MDATA_RELAY_CFG& relay = config.Relays[i];
+    relay.usUDPPort = sinks[i]->Port();
+    relay.iDestAddressFamily = AF_INET;
+    relay.acDestAddress[0] = 127;
+    relay.acDestAddress[3] = 1;
+  }
+}
+
+std::vector<std::unique_ptr<Sink>> MakeSinks(int count) {
+  std::vector<std::unique_ptr<Sink>> sinks;
+  for (int i = 0; i < count; ++i) sinks.push_back(std::make_unique<Sink>());
+  return sinks;
+}
+
+double MeasureOurs(const Request& request, int sourceCount) {
+  UseLibrary(kDefaultLogLevel);
+  Gate gate(kBatch, request.counted ? request.name : "");
+  const auto sinks = MakeSinks(request.path->relays);
+  MDATA_SRC_CFG config;
+  std::memset(&config, 0, sizeof config);
+  if (request.path->rewriting) config = RewritingConfig(Filter::All);
+  config.pfnCallback = OnMessage;
+  config.pvUserParam1 = &gate;
+  AddRelays(config, sinks);
+  std::vector<std::unique_ptr<UdpSource>> sources;
+  for (int i = 0; i < sourceCount; ++i) sources.push_back(std::make_unique<UdpSource>(config));
+  const double result = Drive(gate, request, sources[sources.size() / 2]->Port());
+  gate.Open();
+  return result;
+}
+
+// --- The floor ---------------------------------------------------------------------------------------
+
+void OnFloorMessage(const std::uint8_t*, std::size_t, void* user) {
+  static_cast<Gate*>(user)->Arrive();
+}
+
+double MeasureFloor(const Request& request) {
+  Gate gate(kBatch, request.counted ? request.name : "");
+  const auto sinks = MakeSinks(request.path->relays);
+  FloorUdp udp = {};
+  udp.count = 1;
+  udp.deliver = OnFloorMessage;
+  udp.user = &gate;
+  udp.rules = request.path->rewriting ? &RewritingRules(Filter::All) : nullptr;
+  std::uint16_t port = 0;
+  udp.sources[0].socket = BindLoopback(&port);
+  udp.sources[0].relays = request.path->relays;
+  for (std::size_t i = 0; i < sinks.size(); ++i) udp.sources[0].relaySockets[i] = sinks[i]->Connect();
+  Require(FloorUdpOpen(&udp) == 0, "no epoll instance");
+  // It never ends: the process does.
+  std::thread([&udp, pass = request.path->floor] {
+    for (;;) pass(&udp);
+  }).detach();
+  return Drive(gate, request, port);
+}
+
+double Measure(const Request& request) {
+  if (request.ours) return MeasureOurs(request, request.path->sources);
+  if (request.path->floor == nullptr) return MeasureOurs(request, 1);
+  return MeasureFloor(request);
+}
+
+Request Read(int argc, char** argv) {
+  Request request;
+  Require(argc >= 2, "which workload?");
+  request.name = argv[1];
+  const std::size_t slash = request.name.find('/');
+  Require(slash != std::string::npos, "which side?");
+  request.ours = request.name.substr(slash + 1) == "ours";
+  for (const Path& path : kPaths) {
+    if (path.name == request.name.substr(0, slash)) request.path = &path;
+  }
+  Require(request.path != nullptr, "there is no such workload");
+  if (argc >= 3) request.batches = std::atoi(argv[2]);
+  request.counted = argc >= 4 && std::strcmp(argv[3], "count") == 0;
+  return request;
+}
+
+}  // namespace
+}  // namespace bench
+
+int main(int argc, char** argv) {
+  const bench::Request request = bench::Read(argc, argv);
+  if (request.counted) bench::UseGeneratedFlight();
+  const double ns = bench::Measure(request);
+  std::printf("{\"ns\": %.2f, \"flight\": \"%s\", \"counted\": %d}\n", ns, bench::FlightKind(),
+              request.batches * bench::kBatch);
+  std::fflush(stdout);
+  std::_Exit(0);  // the floor's thread waits for ever
+}
