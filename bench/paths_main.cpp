@@ -10,7 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
+#include <deque>
 #include <string>
 #include <thread>
 #include <vector>
@@ -86,20 +86,20 @@ BOOL OnMessage(MDATA_BUFFER*, void* user, void*) {
   return TRUE;
 }
 
-void AddRelays(MDATA_SRC_CFG& config, const std::vector<std::unique_ptr<Sink>>& sinks) {
+void AddRelays(MDATA_SRC_CFG& config, const std::deque<Sink>& sinks) {
   config.nNumOfRelays = static_cast<UINT32>(sinks.size());
   for (std::size_t i = 0; i < sinks.size(); ++i) {
     MDATA_RELAY_CFG& relay = config.Relays[i];
-    relay.usUDPPort = sinks[i]->Port();
+    relay.usUDPPort = sinks[i].Port();
     relay.iDestAddressFamily = AF_INET;
     relay.acDestAddress[0] = 127;
     relay.acDestAddress[3] = 1;
   }
 }
 
-std::vector<std::unique_ptr<Sink>> MakeSinks(int count) {
-  std::vector<std::unique_ptr<Sink>> sinks;
-  for (int i = 0; i < count; ++i) sinks.push_back(std::make_unique<Sink>());
+std::deque<Sink> MakeSinks(int count) {
+  std::deque<Sink> sinks;
+  for (int i = 0; i < count; ++i) sinks.emplace_back();
   return sinks;
 }
 
@@ -113,9 +113,9 @@ double MeasureOurs(const Request& request, int sourceCount) {
   config.pfnCallback = OnMessage;
   config.pvUserParam1 = &gate;
   AddRelays(config, sinks);
-  std::vector<std::unique_ptr<UdpSource>> sources;
-  for (int i = 0; i < sourceCount; ++i) sources.push_back(std::make_unique<UdpSource>(config));
-  const double result = Drive(gate, request, sources[sources.size() / 2]->Port());
+  std::deque<UdpSource> sources;
+  for (int i = 0; i < sourceCount; ++i) sources.emplace_back(config);
+  const double result = Drive(gate, request, sources[sources.size() / 2].Port());
   gate.Open();
   return result;
 }
@@ -137,7 +137,7 @@ double MeasureFloor(const Request& request) {
   std::uint16_t port = 0;
   udp.sources[0].socket = BindLoopback(&port);
   udp.sources[0].relays = request.path->relays;
-  for (std::size_t i = 0; i < sinks.size(); ++i) udp.sources[0].relaySockets[i] = sinks[i]->Connect();
+  for (std::size_t i = 0; i < sinks.size(); ++i) udp.sources[0].relaySockets[i] = sinks[i].Connect();
   Require(FloorUdpOpen(&udp) == 0, "no epoll instance");
   // It never ends: the process does.
   std::thread([&udp, pass = request.path->floor] {

@@ -38,15 +38,14 @@ def measure_module(name, side, options):
     return {"ns": 1e9 / best, "flight": result["context"]["flight"]}
 
 
-MEASURES = {"modules": measure_module}
+def measure_path(name, side, options):
+    """Nanoseconds of the receiving thread's processor time per message: the best of some runs."""
+    runs = [json.loads(run([PROGRAMS / "bench_paths", f"{name}/{side}", int(800 * options.seconds)]))
+            for _ in range(3)]
+    return min(runs, key=lambda result: result["ns"])
 
 
-def pin(options):
-    """Keeps this program and what it starts on one processor, the last one: the first serves most interrupts."""
-    processors = sorted(os.sched_getaffinity(0))
-    if options.pin:
-        os.sched_setaffinity(0, {processors[-1]})
-    return processors
+MEASURES = {"modules": measure_module, "paths": measure_path}
 
 
 def rounds_of(workload, sides, options):
@@ -131,15 +130,35 @@ def chosen(workloads, options):
             if any(fnmatch.fnmatch(workload["name"], pattern) for pattern in patterns)]
 
 
-def run_ratios(workloads, options):
+def compare_hostile(workload, options):
+    """One line of the second table: what a hostile byte costs, in ordinary ones."""
+    results, flights = rounds_of(workload, ["hostile", "ordinary"], options)
+    times = [hostile / ordinary for hostile, ordinary in zip(results["hostile"], results["ordinary"])]
+    line = {key: workload.get(key) for key in ("name", "unit", "limit", "aim")}
+    line.update(hostile=statistics.median(results["hostile"]), ordinary=statistics.median(results["ordinary"]),
+                times=statistics.median(times), spread=spread(times), rounds=results, flights=sorted(flights))
+    return line
+
+
+HOSTILE_HEAD = ["hostile input", "hostile, ns", "ordinary, ns", "per", "times", "spread", "limit", "aim", "met"]
+
+
+def hostile_cells(line):
+    return [line["name"], number_text(line["hostile"]), number_text(line["ordinary"]), line["unit"],
+            number_text(line["times"]), f"±{line['spread'] * 100:.0f} %", number_text(line["limit"]),
+            number_text(line["aim"]), "yes" if line["times"] <= line["limit"] else "NO"]
+
+
+def run_table(workloads, head, measure, cells, options):
+    """Measures the workloads and prints a line for each as it is known."""
     if not workloads:
         return []
-    table = Table(RATIO_HEAD, [24, 10, 10, 7, 6, 6, 8, 5, 3])
+    table = Table(head, [24, 11, 12, 7, 6, 6, 8, 5, 3])
     lines = []
     for workload in workloads:
         try:
-            lines.append(compare(workload, options))
-            table.put(ratio_cells(lines[-1]))
+            lines.append(measure(workload, options))
+            table.put(cells(lines[-1]))
         except Failed as failure:
             lines.append({"name": workload["name"], "failed": str(failure)})
             table.add(f"{workload['name']} failed: {failure}")
@@ -152,7 +171,6 @@ def arguments():
     parser.add_argument("--rounds", type=int, default=5, help="rounds of each workload (5)")
     parser.add_argument("--quick", action="store_true", help="three short rounds")
     parser.add_argument("--list", action="store_true", help="print the names of the workloads")
-    parser.add_argument("--no-pin", dest="pin", action="store_false", help="let the system choose the processor")
     options = parser.parse_args()
     options.seconds = 0.25
     if options.quick:
@@ -162,20 +180,23 @@ def arguments():
 
 def main():
     options = arguments()
-    workloads = chosen(json.loads((ROOT / "bench/workloads.json").read_text())["ratios"], options)
+    known = json.loads((ROOT / "bench/workloads.json").read_text())
+    workloads = {part: chosen(known[part], options) for part in ("ratios", "hostile")}
     if options.list:
-        print("\n".join(workload["name"] for workload in workloads))
+        print("\n".join(workload["name"] for part in workloads.values() for workload in part))
         return 0
-    if not workloads:
+    if not any(workloads.values()):
         print("no workload of that name; see scripts/bench --list", file=sys.stderr)
         return 2
-    pin(options)
-    ratios = run_ratios(workloads, options)
-    if any("recorded" not in line.get("flights", ["recorded"]) and line.get("flights") for line in ratios):
+    result = {"machine": machine()}
+    result["ratios"] = run_table(workloads["ratios"], RATIO_HEAD, compare, ratio_cells, options)
+    result["hostile"] = run_table(workloads["hostile"], HOSTILE_HEAD, compare_hostile, hostile_cells, options)
+    lines = result["ratios"] + result["hostile"]
+    if any(line.get("flights") == ["generated"] for line in lines):
         print("The recorded flight is absent: a generated one stood for it.")
     OUTPUT.mkdir(parents=True, exist_ok=True)
-    (OUTPUT / "bench.json").write_text(json.dumps({"machine": machine(), "ratios": ratios}, indent=1))
-    return 1 if any("failed" in line for line in ratios) else 0
+    (OUTPUT / "bench.json").write_text(json.dumps(result, indent=1))
+    return 1 if any("failed" in line for line in lines) else 0
 
 
 if __name__ == "__main__":
