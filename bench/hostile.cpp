@@ -122,17 +122,31 @@ Bytes NestedSums() {
   return Key(kUasDesignator, 65535, {1, 2, 0, 0});
 }
 
-// The same with the right checksum: the walk goes on behind it, and only its end shows that the message is none.
-Bytes NestedRightSums() {
-  constexpr std::uint16_t kLength = 65530;
+Bytes KeyWithSum(std::uint16_t sum) {
+  return Key(kUasDesignator, 65530,
+             {1, 2, static_cast<std::uint8_t>(sum >> 8), static_cast<std::uint8_t>(sum), 0, 0, 0, 0});
+}
+
+// What a decoder sums up for a message of keys with this checksum.
+std::uint16_t SumOfNested(std::uint16_t sum) {
   constexpr std::size_t kSumOffset = kKeySize + 3 + 2;
+  const Bytes period = KeyWithSum(sum);
+  Bytes message;
+  while (message.size() < kKeySize + 3 + 65530) message.insert(message.end(), period.begin(), period.end());
+  message[kSumOffset] = message[kSumOffset + 1] = 0;
+  return FloorWordSum(message.data(), kKeySize + 3 + 65530);
+}
+
+// The same with the right checksum: the walk goes on behind it, and only its end shows that the message is none. The
+// checksum of each message is part of all others', so it is searched; the sum is linear in its two bytes.
+Bytes NestedRightSums() {
+  const unsigned none = SumOfNested(0);
+  const unsigned perHigh = SumOfNested(0x0100) - none;
+  const unsigned perLow = SumOfNested(0x0001) - none;
   for (unsigned sum = 0; sum < 0x10000; ++sum) {
-    Bytes period = Key(kUasDesignator, kLength,
-                       {1, 2, static_cast<std::uint8_t>(sum >> 8), static_cast<std::uint8_t>(sum), 0, 0, 0, 0});
-    Bytes message;
-    while (message.size() < kKeySize + 3 + kLength) message.insert(message.end(), period.begin(), period.end());
-    message[kSumOffset] = message[kSumOffset + 1] = 0;
-    if (FloorWordSum(message.data(), kKeySize + 3 + kLength) == sum) return period;
+    if (((none + (sum >> 8) * perHigh + (sum & 0xFF) * perLow - sum) & 0xFFFF) == 0) {
+      return KeyWithSum(static_cast<std::uint16_t>(sum));
+    }
   }
   Fail("no checksum is right");
 }

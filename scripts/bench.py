@@ -1,20 +1,28 @@
 #!/usr/bin/env python3
 """Runs the benchmarks of build/bench and prints their tables. Called by scripts/bench, which builds them."""
 import argparse
+import collections
+import concurrent.futures
 import datetime
 import fnmatch
 import json
 import os
 import pathlib
 import platform
+import re
 import statistics
 import subprocess
 import sys
+import tempfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PROGRAMS = ROOT / "build/bench/bench"
 OUTPUT = ROOT / "out/bench"
+BASELINE = ROOT / "bench/instructions.json"
 REPETITIONS = 5
+COUNTED_BATCHES = 4
+ALLOWED_RISE = 0.05
+PLAIN_FUNCTIONS = "glibc.cpu.hwcaps=-AVX512F,-AVX512VL,-AVX512BW,-AVX2,-AVX,-BMI2,-ERMS,-FSRM,-MOVBE"
 
 
 class Failed(Exception):
@@ -95,6 +103,114 @@ def ratio_cells(line):
             f"±{line['spread'] * 100:.0f} %", number_text(line["required"]), number_text(line["aim"]), verdict(line)]
 
 
+COUNT_HEAD = ["workload", "ours", "floor", "per", "baseline", "change", "required", "aim", "met"]
+
+
+def callgrind(program, names, folder):
+    """Starts a program under callgrind; its counting begins and ends where the program says so."""
+    arguments = ["valgrind", "--tool=callgrind", "--instr-atstart=no", "--separate-threads=yes",
+                 f"--callgrind-out-file={folder}/out.%p", PROGRAMS / program, *names]
+    # The C library chooses its functions for the processor: without the wide ones the counts are the same everywhere.
+    environment = os.environ | {"GLIBC_TUNABLES": PLAIN_FUNCTIONS}
+    return subprocess.Popen([str(part) for part in arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            text=True, env=environment)
+
+
+def totals(folder):
+    """Instructions of all threads by the name of the dump."""
+    counts = collections.Counter()
+    for dump in pathlib.Path(folder).glob("out.*-*"):
+        text = dump.read_text()
+        name = re.search(r"^desc: Trigger: Client Request: (\S+)", text, re.MULTILINE)
+        total = re.search(r"^totals: (\d+)", text, re.MULTILINE)
+        if name and total:
+            counts[name[1]] += int(total[1])
+    return counts
+
+
+def count_path(side):
+    return "bench_paths", [side, COUNTED_BATCHES, "count"]
+
+
+def count(workloads, sides):
+    """Instructions per unit of the named sides: one program for all modules, one for each path, two at a time."""
+    jobs = [count_path(side) for workload in workloads for side in sides(workload) if workload["program"] == "paths"]
+    modules = [side for workload in workloads for side in sides(workload) if workload["program"] == "modules"]
+    jobs = [("bench_counts", modules[i::2]) for i in range(2) if modules[i::2]] + jobs
+    results = {}
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        for counted in pool.map(lambda job: run_counted(*job), jobs):
+            results.update(counted)
+    return results
+
+
+def run_counted(program, names):
+    with tempfile.TemporaryDirectory() as folder:
+        process = callgrind(program, names, folder)
+        output, errors = process.communicate()
+        if process.returncode != 0:
+            raise Failed(f"{program} {names}: {errors.strip()[-500:]}")
+        counts = totals(folder)
+    if program == "bench_paths":
+        return {names[0]: counts[names[0]] / json.loads(output)["counted"]}
+    units = dict(line.split() for line in output.splitlines())
+    return {name: counts[name] / float(units[name]) for name in units}
+
+
+def our_side(workload):
+    return f"{workload['name']}/{workload.get('side', 'ours')}"
+
+
+def count_cells(workload, ours, floor, baseline):
+    required = workload.get("required")
+    change = "" if baseline is None else f"{(ours / baseline - 1) * 100:+.1f} %"
+    met = "" if required is None else "yes" if ours <= required else "NO"
+    return [workload["name"], number_text(ours), number_text(floor), workload["unit"], number_text(baseline), change,
+            number_text(required), number_text(workload.get("aim")), met]
+
+
+def run_counts(workloads, options):
+    """Counts, prints the table, and returns the lines. With a check the floors are left out."""
+    def sides(workload):
+        floor = [f"{workload['name']}/floor"] if workload["floor"] and not options.check else []
+        return [our_side(workload), *floor]
+
+    baseline = json.loads(BASELINE.read_text())["instructions"] if BASELINE.exists() else {}
+    counts = count(workloads, sides)
+    table = Table(COUNT_HEAD, [24, 11, 12, 7, 8, 8, 8, 6, 3])
+    lines = []
+    for workload in workloads:
+        ours = counts[our_side(workload)]
+        floor = counts.get(f"{workload['name']}/floor")
+        before = baseline.get(workload["name"])
+        table.put(count_cells(workload, ours, floor, before))
+        lines.append({"name": workload["name"], "unit": workload["unit"], "ours": ours, "floor": floor,
+                      "baseline": before, "required": workload.get("required"), "aim": workload.get("aim")})
+    return lines
+
+
+def check(lines):
+    """What became dearer than the baseline allows. Returns the number of such workloads."""
+    dearer = [line for line in lines if line["baseline"] and line["ours"] > line["baseline"] * (1 + ALLOWED_RISE)]
+    for line in dearer:
+        print(f"{line['name']} takes {line['ours']:,.1f} instructions a {line['unit']}, the baseline allows "
+              f"{line['baseline'] * (1 + ALLOWED_RISE):,.1f}: make it cheaper, or say why in the commit that raises "
+              f"the baseline with scripts/bench --update-baseline", file=sys.stderr)
+    unknown = [line["name"] for line in lines if not line["baseline"]]
+    if unknown:
+        print(f"not in the baseline: {', '.join(unknown)}; see scripts/bench --update-baseline", file=sys.stderr)
+    return len(dearer) + len(unknown)
+
+
+def write_baseline(lines):
+    compiler = run(["gcc", "-dumpfullversion"]).strip()
+    text = {"comment": "Instructions a unit by the library's side of each workload, as callgrind counts them. "
+                       "scripts/bench --update-baseline writes this file; scripts/test fails on a rise of 5 %.",
+            "made with": f"gcc {compiler}, {platform.machine()}",
+            "instructions": {line["name"]: round(line["ours"], 2) for line in lines}}
+    BASELINE.write_text(json.dumps(text, indent=1) + "\n")
+
+
 class Table:
     """A table in Markdown whose lines appear as they are known."""
 
@@ -170,6 +286,10 @@ def arguments():
     parser.add_argument("--only", action="append", metavar="NAME", help="run these workloads; * stands for anything")
     parser.add_argument("--rounds", type=int, default=5, help="rounds of each workload (5)")
     parser.add_argument("--quick", action="store_true", help="three short rounds")
+    parser.add_argument("--counts", action="store_true", help="the instruction counts alone")
+    parser.add_argument("--times", action="store_true", help="the times alone")
+    parser.add_argument("--check", action="store_true", help="count, and fail where the baseline is passed by over 5 %%")
+    parser.add_argument("--update-baseline", action="store_true", help="count, and write bench/instructions.json")
     parser.add_argument("--list", action="store_true", help="print the names of the workloads")
     options = parser.parse_args()
     options.seconds = 0.25
@@ -181,9 +301,12 @@ def arguments():
 def main():
     options = arguments()
     known = json.loads((ROOT / "bench/workloads.json").read_text())
-    workloads = {part: chosen(known[part], options) for part in ("ratios", "hostile")}
+    parts = ["counts"] if options.counts or options.check or options.update_baseline else ["ratios", "hostile", "counts"]
+    if options.times:
+        parts.remove("counts")
+    workloads = {part: chosen(known[part], options) if part in parts else [] for part in known if part != "comment"}
     if options.list:
-        print("\n".join(workload["name"] for part in workloads.values() for workload in part))
+        print("\n".join(sorted({workload["name"] for part in workloads.values() for workload in part})))
         return 0
     if not any(workloads.values()):
         print("no workload of that name; see scripts/bench --list", file=sys.stderr)
@@ -191,9 +314,14 @@ def main():
     result = {"machine": machine()}
     result["ratios"] = run_table(workloads["ratios"], RATIO_HEAD, compare, ratio_cells, options)
     result["hostile"] = run_table(workloads["hostile"], HOSTILE_HEAD, compare_hostile, hostile_cells, options)
+    result["counts"] = run_counts(workloads["counts"], options) if workloads["counts"] else []
     lines = result["ratios"] + result["hostile"]
     if any(line.get("flights") == ["generated"] for line in lines):
         print("The recorded flight is absent: a generated one stood for it.")
+    if options.update_baseline:
+        write_baseline(result["counts"])
+    if options.check:
+        return 1 if check(result["counts"]) else 0
     OUTPUT.mkdir(parents=True, exist_ok=True)
     (OUTPUT / "bench.json").write_text(json.dumps(result, indent=1))
     return 1 if any("failed" in line for line in lines) else 0
