@@ -8,8 +8,11 @@
 #include <netinet/in.h>
 
 #include <algorithm>
-#include <array>
+#include <cstddef>
 #include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "host_serial.h"
 #include "section.h"

@@ -2,8 +2,8 @@
 #ifndef MDENCODER_CONFIG_H
 #define MDENCODER_CONFIG_H
 
+#include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>

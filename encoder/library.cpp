@@ -4,6 +4,8 @@
 
 #include <filesystem>
 #include <stdexcept>
+#include <string>
+#include <system_error>
 #include <vector>
 
 namespace mdencoder {

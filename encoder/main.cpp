@@ -1,9 +1,12 @@
 // mdencoder: reads the configuration, sets up the host, loads the library and runs. The exit code is 0 for success, 1
 // for a failure, and 2 for a fault in the usage or the configuration.
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <stdexcept>
+#include <string>
 
 #include "config.h"
 #include "console.h"

@@ -1,7 +1,6 @@
 #include "options.h"
 
 #include <CLI/CLI.hpp>
-#include <memory>
 
 namespace mdencoder {
 namespace {

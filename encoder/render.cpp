@@ -1,9 +1,13 @@
 #include "render.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
 
 namespace mdencoder {
 namespace {

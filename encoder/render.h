@@ -2,6 +2,7 @@
 #ifndef MDENCODER_RENDER_H
 #define MDENCODER_RENDER_H
 
+#include <cstdint>
 #include <string>
 
 #include "receiver.h"

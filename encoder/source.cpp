@@ -1,8 +1,10 @@
 #include "source.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 #include <stdexcept>
+#include <string>
 
 namespace mdencoder {
 namespace {

@@ -2,6 +2,7 @@
 #ifndef MDENCODER_STATISTICS_H
 #define MDENCODER_STATISTICS_H
 
+#include <cstdint>
 #include <map>
 #include <nlohmann/json_fwd.hpp>
 #include <string>

@@ -3,9 +3,13 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstring>
 #include <numeric>
+#include <optional>
 #include <sstream>
+#include <string>
+#include <vector>
 
 #include "st0601_items.h"
 #include "value_text.h"

@@ -2,6 +2,10 @@
 // between editions has its newest name.
 #include <algorithm>
 #include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
 
 #include "st0601_items.h"
 

@@ -15,11 +15,16 @@ extern "C" {
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "anc_klv.h"
 #include "capture.h"

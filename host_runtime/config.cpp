@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include "annotated_mutex.h"
 #include "ini_text.h"

@@ -2,6 +2,7 @@
 #ifndef HOST_RATE_TABLE_H
 #define HOST_RATE_TABLE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <optional>

@@ -13,9 +13,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <map>
+#include <optional>
 #include <string>
+#include <utility>
 
 #include "annotated_mutex.h"
 #include "owned_fd.h"

@@ -3,10 +3,11 @@
 
 #include <unistd.h>
 
-#include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <optional>
 #include <string>
 

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstddef>
+#include <memory>
 #include <optional>
 #include <random>
 #include <utility>
+#include <vector>
 
 #include "anc_klv.h"
 

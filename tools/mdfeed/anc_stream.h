@@ -2,6 +2,7 @@
 #ifndef MDFEED_ANC_STREAM_H
 #define MDFEED_ANC_STREAM_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 

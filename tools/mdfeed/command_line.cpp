@@ -1,6 +1,7 @@
 #include "command_line.h"
 
 #include <CLI/CLI.hpp>
+#include <cstddef>
 #include <stdexcept>
 
 #include "error.h"

@@ -2,6 +2,7 @@
 #ifndef MDFEED_COMMAND_LINE_H
 #define MDFEED_COMMAND_LINE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>

@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <iterator>
 
 namespace mdfeed {
 namespace {

@@ -1,6 +1,8 @@
 #include "cot_frame.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <random>
 #include <stdexcept>
 #include <utility>
 

@@ -3,8 +3,8 @@
 #define MDFEED_COT_FRAME_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
-#include <random>
 #include <span>
 #include <string>
 #include <string_view>

@@ -2,7 +2,6 @@
 
 #include <memory>
 #include <optional>
-#include <string_view>
 #include <utility>
 
 #include "error.h"

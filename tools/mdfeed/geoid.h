@@ -3,7 +3,6 @@
 #define MDFEED_GEOID_H
 
 #include <string>
-#include <vector>
 
 #include "flight.h"
 

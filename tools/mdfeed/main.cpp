@@ -2,8 +2,11 @@
 #include <unistd.h>
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <memory>
+#include <utility>
 
 #include "command_line.h"
 #include "error.h"

@@ -8,7 +8,12 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <cstdlib>
+#include <memory>
+#include <span>
+#include <string>
 #include <utility>
 
 #include "error.h"

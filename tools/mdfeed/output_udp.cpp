@@ -5,8 +5,13 @@
 #include <sys/socket.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
+#include <memory>
+#include <span>
 #include <stdexcept>
+#include <string>
 
 #include "error.h"
 #include "output.h"

@@ -1,6 +1,7 @@
 #include "schedule.h"
 
 #include <cmath>
+#include <cstddef>
 #include <sstream>
 #include <stdexcept>
 #include <string_view>

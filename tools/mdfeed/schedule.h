@@ -3,6 +3,7 @@
 #define MDFEED_SCHEDULE_H
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>

@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <array>
+#include <cstddef>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <stdexcept>
 #include <utility>
 

@@ -2,12 +2,11 @@
 #ifndef MDFEED_TRAFFIC_H
 #define MDFEED_TRAFFIC_H
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
-#include <random>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "cot_flight.h"

@@ -10,7 +10,9 @@ extern "C" {
 #include <array>
 #include <cerrno>
 #include <cmath>
+#include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 

@@ -2,7 +2,6 @@
 #ifndef MDFEED_TS_FILE_H
 #define MDFEED_TS_FILE_H
 
-#include <cstdint>
 #include <string>
 
 #include "flight.h"
