@@ -82,43 +82,42 @@ class AncBackend : public CaptureBackend {
   }
 
  private:
+  // Adds the faults since the last report to a counter of the queue. Returns their number.
+  unsigned long long Count(CaptureQueue& queue, const anc_klv::Counts& seen, uint64_t anc_klv::Counts::*which,
+                           uint64_t HostCaptureStats::*counter) const {
+    const uint64_t fresh = seen.*which - m_reported.*which;
+    if (fresh != 0) queue.Count(counter, fresh);
+    return fresh;
+  }
+
   // Logs and counts the faults since the last report.
   void Report(CaptureQueue& queue, const anc_klv::Counts& seen) {
     using anc_klv::Counts;
-    const auto fresh = [&](uint64_t Counts::*which) { return seen.*which - m_reported.*which; };
     const int input = queue.Input();
-    if (const auto n = fresh(&Counts::damaged); n != 0) {
-      queue.Count(&HostCaptureStats::damaged, n);
-      HOST_LOG(4, "Video input %d: %llu damaged packets or messages dropped.\n", input, Wide(n));
+    if (const auto n = Count(queue, seen, &Counts::damaged, &HostCaptureStats::damaged); n != 0) {
+      HOST_LOG(4, "Video input %d: %llu damaged packets or messages dropped.\n", input, n);
     }
-    if (const auto n = fresh(&Counts::badChecksums); n != 0) {
-      queue.Count(&HostCaptureStats::badChecksums, n);
-      HOST_LOG(4, "Video input %d: %llu ancillary packets with a wrong checksum.\n", input, Wide(n));
+    if (const auto n = Count(queue, seen, &Counts::badChecksums, &HostCaptureStats::badChecksums); n != 0) {
+      HOST_LOG(4, "Video input %d: %llu ancillary packets with a wrong checksum.\n", input, n);
     }
-    if (const auto n = fresh(&Counts::badParity); n != 0) {
-      queue.Count(&HostCaptureStats::badParity, n);
-      HOST_LOG(4, "Video input %d: %llu ancillary packets with a wrong parity bit.\n", input, Wide(n));
+    if (const auto n = Count(queue, seen, &Counts::badParity, &HostCaptureStats::badParity); n != 0) {
+      HOST_LOG(4, "Video input %d: %llu ancillary packets with a wrong parity bit.\n", input, n);
     }
-    if (const auto n = fresh(&Counts::lost); n != 0) {
-      queue.Count(&HostCaptureStats::lostPackets, n);
-      HOST_LOG(4, "Video input %d: %llu RTP packets lost.\n", input, Wide(n));
+    if (const auto n = Count(queue, seen, &Counts::lost, &HostCaptureStats::lostPackets); n != 0) {
+      HOST_LOG(4, "Video input %d: %llu RTP packets lost.\n", input, n);
     }
-    if (const auto n = fresh(&Counts::reordered); n != 0) {
-      queue.Count(&HostCaptureStats::reordered, n);
-      HOST_LOG(5, "Video input %d: %llu RTP packets came out of order.\n", input, Wide(n));
+    if (const auto n = Count(queue, seen, &Counts::reordered, &HostCaptureStats::reordered); n != 0) {
+      HOST_LOG(5, "Video input %d: %llu RTP packets came out of order.\n", input, n);
     }
-    if (const auto n = fresh(&Counts::late); n != 0) {
-      queue.Count(&HostCaptureStats::late, n);
-      HOST_LOG(4, "Video input %d: %llu RTP packets came twice or too late.\n", input, Wide(n));
+    if (const auto n = Count(queue, seen, &Counts::late, &HostCaptureStats::late); n != 0) {
+      HOST_LOG(4, "Video input %d: %llu RTP packets came twice or too late.\n", input, n);
     }
-    if (fresh(&Counts::restarts) != 0) HOST_LOG(5, "Video input %d: the ancillary stream began anew.\n", input);
-    if (const auto n = fresh(&Counts::incomplete); n != 0) {
-      queue.Count(&HostCaptureStats::incomplete, n);
-      HOST_LOG(4, "Video input %d: %llu incomplete KLV messages dropped.\n", input, Wide(n));
+    if (seen.restarts != m_reported.restarts) HOST_LOG(5, "Video input %d: the ancillary stream began anew.\n", input);
+    if (const auto n = Count(queue, seen, &Counts::incomplete, &HostCaptureStats::incomplete); n != 0) {
+      HOST_LOG(4, "Video input %d: %llu incomplete KLV messages dropped.\n", input, n);
     }
     m_reported = seen;
   }
-  static unsigned long long Wide(uint64_t value) { return value; }
 
   const HostCaptureConfig m_config;
   common::OwnedFD m_socket;
