@@ -12,11 +12,11 @@
 #define THREAD_ATTRIBUTE(x)
 #endif
 
-// Of a member: it is only touched with this mutex held.
+// Marks a member that may only be used with this mutex held.
 #define GUARDED_BY(mutex) THREAD_ATTRIBUTE(guarded_by(mutex))
-// Of a function: its callers hold this mutex.
+// Marks a function whose callers hold this mutex.
 #define REQUIRES(...) THREAD_ATTRIBUTE(requires_capability(__VA_ARGS__))
-// Of a function: it takes or gives up this mutex.
+// Mark a function that locks or unlocks this mutex.
 #define ACQUIRE(...) THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define RELEASE(...) THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 
@@ -34,7 +34,7 @@ class THREAD_ATTRIBUTE(capability("mutex")) Mutex {
   std::mutex m_mutex;
 };
 
-// Holds a mutex to the end of a block, but for the time between Pause() and Resume().
+// Holds a mutex to the end of a block, except between Pause() and Resume().
 class THREAD_ATTRIBUTE(scoped_lockable) Lock {
  public:
   explicit Lock(Mutex& mutex) ACQUIRE(mutex) : m_lock(mutex.m_mutex) {}
@@ -49,8 +49,7 @@ class THREAD_ATTRIBUTE(scoped_lockable) Lock {
   std::unique_lock<std::mutex> m_lock;
 };
 
-// What a thread waits for with a mutex held. Wait() may return without a notification: call it in a loop that looks at
-// the guarded state.
+// A condition variable. Wait() may return without a notification, so call it in a loop that checks the guarded state.
 class Condition {
  public:
   void Wait(Mutex& mutex) REQUIRES(mutex) {

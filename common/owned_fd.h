@@ -12,7 +12,7 @@ namespace common {
 class OwnedFD {
  public:
   OwnedFD() = default;
-  // Owns fd; a negative one stands for none, so that the result of a system call can be given as it is.
+  // Owns fd. A negative value means none, so that the result of a system call can be passed without a check.
   explicit OwnedFD(int fd) : m_fd(fd) {}
   OwnedFD(OwnedFD&& other) noexcept : m_fd(other.Release()) {}
   OwnedFD& operator=(OwnedFD&& other) noexcept {
@@ -23,8 +23,8 @@ class OwnedFD {
 
   int Get() const { return m_fd; }
   bool IsOpen() const { return m_fd >= 0; }
-  // Closes the descriptor, if there is one, and owns fd from now on. Leaves errno as it is, so that a failure can be
-  // reported after what it left open was closed.
+  // Closes the descriptor, if there is one, and owns fd from now on. It preserves errno, so that a failure can be
+  // reported after its descriptors have been closed.
   void Reset(int fd = -1) {
     if (m_fd >= 0) {
       const int error = errno;

@@ -187,7 +187,7 @@ class Receiver {
   RtpOrder m_order;
   LongTimestamp m_time;
   KlvAssembler m_assembler;
-  uint64_t m_restarts = 0;  // value in m_counts when the assembler was last told
+  uint64_t m_restarts = 0;  // value in m_counts at the last check
 };
 
 }  // namespace anc_klv

@@ -114,7 +114,7 @@ struct OpenDevices {
   Mutex lock;  // leaf
   std::map<int, Entry> byFD GUARDED_BY(lock);
 
-  // Returns the entry of fd, or the end if its device is no longer what stands behind the number.
+  // Returns the entry of fd, or the end if the number no longer refers to its device.
   std::map<int, Entry>::iterator Find(int fd) REQUIRES(lock) {
     const auto found = byFD.find(fd);
     struct stat info;

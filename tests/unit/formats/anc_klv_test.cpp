@@ -1,4 +1,4 @@
-// Packing and unpacking of KLV in ancillary data.
+// Packs and unpacks KLV in ancillary data.
 #include "anc_klv.h"
 
 #include <gmock/gmock.h>
@@ -19,25 +19,25 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-// A message of this many bytes of value.
-Bytes Klv(std::size_t valueSize, std::uint8_t fill = 0) {
+// Returns a message with this many bytes of value.
+Bytes Klv(size_t valueSize, uint8_t fill = 0) {
   Bytes klv = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01, 0x0E, 0x01, 0x03, 0x01, 0x01, 0, 0, 0};
   if (valueSize < 0x80) {
-    klv.push_back(static_cast<std::uint8_t>(valueSize));
+    klv.push_back(static_cast<uint8_t>(valueSize));
   } else {
-    klv.insert(klv.end(), {0x82, static_cast<std::uint8_t>(valueSize >> 8), static_cast<std::uint8_t>(valueSize)});
+    klv.insert(klv.end(), {0x82, static_cast<uint8_t>(valueSize >> 8), static_cast<uint8_t>(valueSize)});
   }
-  for (std::size_t i = 0; i < valueSize; ++i) klv.push_back(static_cast<std::uint8_t>(i + fill));
+  for (size_t i = 0; i < valueSize; ++i) klv.push_back(static_cast<uint8_t>(i + fill));
   return klv;
 }
 
-void FlipBit(Bytes& bytes, std::size_t bit) {
-  bytes[bit / 8] ^= static_cast<std::uint8_t>(0x80u >> (bit % 8));
+void FlipBit(Bytes& bytes, size_t bit) {
+  bytes[bit / 8] ^= static_cast<uint8_t>(0x80u >> (bit % 8));
 }
 
 // --- one message -------------------------------------------------------------------------------------
 
-TEST(KlvSize, Of_short_and_long_forms) {
+TEST(KlvSize, IsReadFromShortAndLongForms) {
   EXPECT_EQ(SizeOfKlv(Klv(5)).size, 22u);
   EXPECT_EQ(SizeOfKlv(Klv(127)).size, 144u);
   EXPECT_EQ(SizeOfKlv(Klv(128)).size, 147u);
@@ -48,17 +48,17 @@ TEST(KlvSize, Of_short_and_long_forms) {
   EXPECT_EQ(SizeOfKlv(padded).size, 30u);
 }
 
-TEST(KlvSize, Needs_the_whole_length_field_and_refuses_what_is_no_klv) {
+TEST(KlvSize, NeedsTheWholeLengthFieldAndRefusesOtherData) {
   using State = KlvSize::State;
   const Bytes klv = Klv(300);
-  for (std::size_t size = 0; size < 19; ++size) {
+  for (size_t size = 0; size < 19; ++size) {
     EXPECT_EQ(SizeOfKlv(ByteView(klv).first(size)).state, State::NeedMore) << size;
   }
   EXPECT_EQ(SizeOfKlv(ByteView(klv).first(19)).state, State::Known);
   EXPECT_EQ(SizeOfKlv(ByteView(klv).subspan(1)).state, State::Bad);
   Bytes wrong = Klv(0);
   for (const int length : {0x80, 0x89, 0xFF}) {
-    wrong[16] = static_cast<std::uint8_t>(length);
+    wrong[16] = static_cast<uint8_t>(length);
     EXPECT_EQ(SizeOfKlv(wrong).state, State::Bad);
   }
   Bytes huge = Klv(0);
@@ -72,22 +72,22 @@ TEST(KlvSize, Needs_the_whole_length_field_and_refuses_what_is_no_klv) {
 
 // --- ancillary packets -------------------------------------------------------------------------------
 
-TEST(Anc, The_bits_are_those_of_the_standards) {
+TEST(Anc, TheBitsAreThoseOfTheStandards) {
   AncPacket packet;
   packet.line = 9;
   packet.userData = {0x01};
-  // C 0, line 9, offset 0, S 0, stream 0; then the words 244 104 101 101 and the checksum: 044 + 104 + 101 + 101 is 34A,
-  // its low nine bits 14A, bit 9 not bit 8.
+  // C 0, line 9, offset 0, S 0, stream 0; then the words 244 104 101 101 and the checksum: 044 + 104 + 101 + 101 is
+  // 34A, its low nine bits 14A, bit 9 not bit 8.
   EXPECT_THAT(PackAnc(packet),
               ElementsAre(0x00, 0x90, 0x00, 0x00,  //
                           0b10010001, 0b00010000, 0b01000100, 0b00000101, 0b00000001, 0b01010010, 0b10000000, 0x00));
 }
 
-TEST(Anc, What_was_packed_unpacks) {
-  for (const std::size_t size : {0u, 1u, 2u, 3u, 4u, 100u, 254u, 255u}) {
+TEST(Anc, UnpackingReversesPacking) {
+  for (const size_t size : {0u, 1u, 2u, 3u, 4u, 100u, 254u, 255u}) {
     AncPacket packet;
     packet.line = 1234;
-    for (std::size_t i = 0; i < size; ++i) packet.userData.push_back(static_cast<std::uint8_t>(i));
+    for (size_t i = 0; i < size; ++i) packet.userData.push_back(static_cast<uint8_t>(i));
     const Bytes bytes = PackAnc(packet);
     EXPECT_EQ(bytes.size() % 4, 0u);
     const UnpackedAnc back = UnpackAnc(bytes);
@@ -100,18 +100,18 @@ TEST(Anc, What_was_packed_unpacks) {
   }
 }
 
-TEST(Anc, Every_flipped_bit_of_a_word_is_noticed) {
+TEST(Anc, EveryFlippedBitOfAWordIsNoticed) {
   AncPacket packet;
   packet.userData = {1, 2, 3, 0x06, 0x0E};
   const Bytes good = PackAnc(packet);
-  for (std::size_t bit = 32; bit < 32 + 10 * 9; ++bit) {
+  for (size_t bit = 32; bit < 32 + 10 * 9; ++bit) {
     Bytes bad = good;
     FlipBit(bad, bit);
     EXPECT_NE(UnpackAnc(bad).state, AncState::Good) << bit;
   }
 }
 
-TEST(Anc, A_wrong_parity_bit_9_has_a_right_checksum_and_is_told_apart) {
+TEST(Anc, AWrongParityBit9HasARightChecksumAndIsDistinguished) {
   AncPacket packet;
   packet.userData = {1, 2, 3};
   Bytes bad = PackAnc(packet);
@@ -122,12 +122,12 @@ TEST(Anc, A_wrong_parity_bit_9_has_a_right_checksum_and_is_told_apart) {
   EXPECT_EQ(UnpackAnc(bad).state, AncState::BadChecksum);
 }
 
-TEST(Anc, A_packet_cut_anywhere_is_cut_off) {
+TEST(Anc, APacketTruncatedAnywhereIsCutOff) {
   AncPacket packet;
   packet.userData = Bytes(20, 0x55);
   const Bytes bytes = PackAnc(packet);
-  const std::size_t used = (32 + 10 * 24 + 7) / 8;
-  for (std::size_t size = 0; size < bytes.size(); ++size) {
+  const size_t used = (32 + 10 * 24 + 7) / 8;
+  for (size_t size = 0; size < bytes.size(); ++size) {
     const UnpackedAnc cut = UnpackAnc(ByteView(bytes).first(size));
     EXPECT_EQ(cut.state, size < used ? AncState::CutOff : AncState::Good) << size;
     EXPECT_LE(cut.size, size);
@@ -136,7 +136,7 @@ TEST(Anc, A_packet_cut_anywhere_is_cut_off) {
 
 // --- RTP packets -------------------------------------------------------------------------------------
 
-TEST(Rtp, What_was_packed_unpacks) {
+TEST(Rtp, UnpackingReversesPacking) {
   const RtpHeader header = {true, 100, 0x12345678, 0x89ABCDEF, 0x01020304, 3};
   const Bytes anc = PackAnc({});
   const Bytes packed = PackRtp(header, anc, 1);
@@ -154,7 +154,7 @@ TEST(Rtp, What_was_packed_unpacks) {
   EXPECT_EQ(back->ancPackets, anc);
 }
 
-TEST(Rtp, Padding_extension_and_contributing_sources_are_skipped) {
+TEST(Rtp, PaddingExtensionAndContributingSourcesAreSkipped) {
   const Bytes anc = PackAnc({});
   Bytes packet = PackRtp({}, anc, 1);
   packet.insert(packet.begin() + 12, {9, 9, 9, 9, 8, 8, 8, 8, 0xBE, 0xDE, 0, 1, 7, 7, 7, 7});
@@ -165,9 +165,9 @@ TEST(Rtp, Padding_extension_and_contributing_sources_are_skipped) {
   EXPECT_EQ(back->ancPackets, anc);
 }
 
-TEST(Rtp, Other_and_cut_datagrams_are_refused) {
+TEST(Rtp, OtherAndCutDatagramsAreRefused) {
   const Bytes packet = PackRtp({}, PackAnc({}), 1);
-  for (std::size_t size = 0; size < packet.size(); ++size) EXPECT_FALSE(UnpackRtp(ByteView(packet).first(size)));
+  for (size_t size = 0; size < packet.size(); ++size) EXPECT_FALSE(UnpackRtp(ByteView(packet).first(size)));
   Bytes bad = packet;
   bad[0] = 0x40;  // version
   EXPECT_FALSE(UnpackRtp(bad));
@@ -177,7 +177,7 @@ TEST(Rtp, Other_and_cut_datagrams_are_refused) {
   for (const int padding : {0, 255}) {
     bad = packet;
     bad[0] |= 0x20;
-    bad.back() = static_cast<std::uint8_t>(padding);
+    bad.back() = static_cast<uint8_t>(padding);
     EXPECT_FALSE(UnpackRtp(bad));
   }
   bad = packet;
@@ -189,7 +189,7 @@ TEST(Rtp, Other_and_cut_datagrams_are_refused) {
 
 class StreamTest : public testing::Test {
  protected:
-  std::vector<Bytes> Frame(const std::vector<Bytes>& messages, std::uint32_t timestamp) {
+  std::vector<Bytes> Frame(const std::vector<Bytes>& messages, uint32_t timestamp) {
     m_header.timestamp = timestamp;
     return PackFrame(messages, m_header, &m_sequence, &m_number);
   }
@@ -199,30 +199,30 @@ class StreamTest : public testing::Test {
   const Counts& Seen() { return m_receiver.Seen(); }
 
   RtpHeader m_header;
-  std::uint32_t m_sequence = 0xFFF0;
-  std::uint8_t m_number = 250;
-  std::int64_t m_now = 1;
+  uint32_t m_sequence = 0xFFF0;
+  uint8_t m_number = 250;
+  int64_t m_now = 1;
   std::vector<StampedKlv> m_got;
   Receiver m_receiver{[this](const StampedKlv& message) { m_got.push_back(message); }};
 };
 
-TEST_F(StreamTest, Messages_of_every_size_arrive_with_their_time) {
-  const std::size_t sizes[] = {0, 1, 100, 230, 235, 236, 237, 488, 489, 1000, 4096, 65'535};
-  std::uint32_t timestamp = 1000;
-  for (const std::size_t size : sizes) Push(Frame({Klv(size)}, timestamp += 3600));
+TEST_F(StreamTest, MessagesOfEverySizeArriveWithTheirTime) {
+  const size_t sizes[] = {0, 1, 100, 230, 235, 236, 237, 488, 489, 1000, 4096, 65'535};
+  uint32_t timestamp = 1000;
+  for (const size_t size : sizes) Push(Frame({Klv(size)}, timestamp += 3600));
   ASSERT_THAT(m_got, SizeIs(std::size(sizes)));
   timestamp = 1000;
-  for (std::size_t i = 0; i < std::size(sizes); ++i) {
+  for (size_t i = 0; i < std::size(sizes); ++i) {
     EXPECT_EQ(m_got[i].klv, Klv(sizes[i]));
     EXPECT_EQ(m_got[i].timestamp, timestamp += 3600);
   }
   EXPECT_EQ(Seen().lost + Seen().incomplete + Seen().damaged + Seen().restarts, 0u);
 }
 
-TEST_F(StreamTest, Messages_of_one_frame_share_its_time_and_the_last_packet_has_the_marker) {
+TEST_F(StreamTest, MessagesOfOneFrameShareItsTimeAndTheLastPacketHasTheMarker) {
   const auto packets = Frame({Klv(500, 1), Klv(700, 2), Klv(10, 3), Klv(900, 4)}, 77);
   ASSERT_GT(packets.size(), 1u);
-  for (std::size_t i = 0; i < packets.size(); ++i) {
+  for (size_t i = 0; i < packets.size(); ++i) {
     EXPECT_LE(packets[i].size(), 1400u);
     EXPECT_EQ(UnpackRtp(packets[i])->header.marker, i + 1 == packets.size());
   }
@@ -232,7 +232,7 @@ TEST_F(StreamTest, Messages_of_one_frame_share_its_time_and_the_last_packet_has_
   EXPECT_EQ(m_got[3].klv, Klv(900, 4));
 }
 
-TEST_F(StreamTest, A_frame_without_messages_is_one_empty_packet) {
+TEST_F(StreamTest, AFrameWithoutMessagesIsOneEmptyPacket) {
   const auto packets = Frame({}, 5);
   ASSERT_THAT(packets, SizeIs(1));
   EXPECT_EQ(packets[0].size(), kRtpHeaderSize);
@@ -240,7 +240,7 @@ TEST_F(StreamTest, A_frame_without_messages_is_one_empty_packet) {
   EXPECT_EQ(Seen().damaged, 0u);
 }
 
-TEST_F(StreamTest, Time_goes_on_when_the_32_bits_wrap) {
+TEST_F(StreamTest, TimeGoesOnWhenThe32BitsWrap) {
   Push(Frame({Klv(1)}, 0xFFFFF000u));
   Push(Frame({Klv(1)}, 0x00000100u));
   Push(Frame({Klv(1)}, 0xFFFFFF00u));
@@ -249,13 +249,13 @@ TEST_F(StreamTest, Time_goes_on_when_the_32_bits_wrap) {
   EXPECT_EQ(m_got[2].timestamp, 0xFFFFFF00u);
 }
 
-TEST_F(StreamTest, A_time_before_the_beginning_stays_in_32_bits) {
+TEST_F(StreamTest, ATimeBeforeTheBeginningStaysIn32Bits) {
   Push(Frame({Klv(1)}, 16));
   Push(Frame({Klv(1)}, 0xFFFFFFF0u));
   EXPECT_EQ(m_got[1].timestamp, 0xFFFFFFF0u);
 }
 
-TEST_F(StreamTest, A_bad_checksum_drops_its_message_and_reception_goes_on) {
+TEST_F(StreamTest, ABadChecksumDropsItsMessageAndReceptionGoesOn) {
   auto packets = Frame({Klv(1000)}, 1);
   packets[0][kRtpHeaderSize + 40] ^= 0x10;
   Push(packets);
@@ -266,9 +266,9 @@ TEST_F(StreamTest, A_bad_checksum_drops_its_message_and_reception_goes_on) {
   EXPECT_EQ(Seen().incomplete, 1u);
 }
 
-TEST_F(StreamTest, A_lost_packet_costs_its_messages_only) {
+TEST_F(StreamTest, ALostPacketCostsItsMessagesOnly) {
   std::vector<Bytes> packets;
-  for (std::uint32_t i = 0; i < 100; ++i) {
+  for (uint32_t i = 0; i < 100; ++i) {
     for (Bytes& packet : Frame({Klv(50 + i)}, i)) packets.push_back(std::move(packet));
   }
   ASSERT_THAT(packets, SizeIs(100));
@@ -279,13 +279,13 @@ TEST_F(StreamTest, A_lost_packet_costs_its_messages_only) {
   EXPECT_EQ(Seen().incomplete, 0u);
 }
 
-TEST_F(StreamTest, A_message_with_any_one_part_missing_is_counted_once) {
+TEST_F(StreamTest, AMessageWithAnyOnePartMissingIsCountedOnce) {
   Push(Frame({Klv(3)}, 0));
   m_got.clear();
-  for (std::size_t missing = 0; missing < 4; ++missing) {
+  for (size_t missing = 0; missing < 4; ++missing) {
     auto packets = Frame({Klv(4000)}, 1);
     ASSERT_THAT(packets, SizeIs(4));
-    packets.erase(packets.begin() + static_cast<std::ptrdiff_t>(missing));
+    packets.erase(packets.begin() + static_cast<ptrdiff_t>(missing));
     Push(packets);
     m_now += RtpOrder::kPatience;
     m_receiver.Expire(m_now);
@@ -299,19 +299,18 @@ TEST_F(StreamTest, A_message_with_any_one_part_missing_is_counted_once) {
   }
 }
 
-TEST_F(StreamTest, Packets_out_of_order_are_put_right) {
+TEST_F(StreamTest, PacketsOutOfOrderArePutBack) {
   std::mt19937 random(1);
   std::vector<Bytes> packets;
-  for (std::uint32_t i = 0; i < 200; ++i) {
+  for (uint32_t i = 0; i < 200; ++i) {
     for (Bytes& packet : Frame({Klv(2000 + i)}, i)) packets.push_back(std::move(packet));
   }
-  for (std::size_t i = 1; i + 8 < packets.size(); i += 8) {
-    std::shuffle(packets.begin() + static_cast<std::ptrdiff_t>(i), packets.begin() + static_cast<std::ptrdiff_t>(i) + 8,
-                 random);
+  for (size_t i = 1; i + 8 < packets.size(); i += 8) {
+    std::shuffle(packets.begin() + static_cast<ptrdiff_t>(i), packets.begin() + static_cast<ptrdiff_t>(i) + 8, random);
   }
   Push(packets);
   ASSERT_THAT(m_got, SizeIs(200));
-  for (std::size_t i = 0; i < 200; ++i) {
+  for (size_t i = 0; i < 200; ++i) {
     EXPECT_EQ(m_got[i].klv, Klv(2000 + i));
     EXPECT_EQ(m_got[i].timestamp, i);
   }
@@ -319,7 +318,7 @@ TEST_F(StreamTest, Packets_out_of_order_are_put_right) {
   EXPECT_EQ(Seen().lost + Seen().late + Seen().incomplete, 0u);
 }
 
-TEST_F(StreamTest, A_missing_packet_is_waited_for_and_then_given_up) {
+TEST_F(StreamTest, AMissingPacketIsWaitedForAndThenGivenUp) {
   Push(Frame({Klv(1)}, 1));
   const auto missing = Frame({Klv(2)}, 2);
   Push(Frame({Klv(3)}, 3));
@@ -335,7 +334,7 @@ TEST_F(StreamTest, A_missing_packet_is_waited_for_and_then_given_up) {
   EXPECT_EQ(Seen().late, 1u);
 }
 
-TEST_F(StreamTest, Repeated_packets_are_dropped) {
+TEST_F(StreamTest, RepeatedPacketsAreDropped) {
   const auto packets = Frame({Klv(3000)}, 1);
   for (const Bytes& packet : packets) Push({packet, packet});
   EXPECT_THAT(m_got, SizeIs(1));
@@ -347,7 +346,7 @@ TEST_F(StreamTest, Repeated_packets_are_dropped) {
   EXPECT_EQ(Seen().late, packets.size() + 1);
 }
 
-TEST_F(StreamTest, A_sender_that_starts_anew_is_followed_at_once) {
+TEST_F(StreamTest, ASenderThatStartsAnewIsFollowedAtOnce) {
   auto packets = Frame({Klv(3000)}, 1);
   packets.pop_back();
   Push(packets);
@@ -362,14 +361,14 @@ TEST_F(StreamTest, A_sender_that_starts_anew_is_followed_at_once) {
   EXPECT_EQ(Seen().lost, 0u);
 }
 
-TEST_F(StreamTest, The_sequence_number_wraps_after_32_bits) {
+TEST_F(StreamTest, TheSequenceNumberWrapsAfter32Bits) {
   m_sequence = 0xFFFFFFFE;
-  for (std::uint32_t i = 0; i < 5; ++i) Push(Frame({Klv(i)}, i));
+  for (uint32_t i = 0; i < 5; ++i) Push(Frame({Klv(i)}, i));
   EXPECT_THAT(m_got, SizeIs(5));
   EXPECT_EQ(Seen().lost + Seen().restarts + Seen().late, 0u);
 }
 
-TEST_F(StreamTest, Other_ancillary_packets_are_passed_over) {
+TEST_F(StreamTest, OtherAncillaryPacketsArePassedOver) {
   AncPacket captions;
   captions.did = 0x61;
   captions.sdid = 0x01;
@@ -383,7 +382,7 @@ TEST_F(StreamTest, Other_ancillary_packets_are_passed_over) {
   EXPECT_THAT(m_got, SizeIs(1));
 }
 
-TEST_F(StreamTest, Bytes_behind_the_message_are_no_part_of_it) {
+TEST_F(StreamTest, BytesBehindTheMessageAreNoPartOfIt) {
   Bytes klv = Klv(9);
   klv.insert(klv.end(), {0, 0, 0, 0});
   Push(Frame({klv}, 1));
@@ -391,21 +390,21 @@ TEST_F(StreamTest, Bytes_behind_the_message_are_no_part_of_it) {
   EXPECT_EQ(m_got[0].klv, Klv(9));
 }
 
-TEST_F(StreamTest, What_is_no_klv_is_damaged) {
+TEST_F(StreamTest, WhatIsNoKlvIsDamaged) {
   Push(Frame({Bytes(600, 0x11), Klv(9)}, 1));
   AncPacket tiny;
   tiny.userData = {1, 0};
   m_receiver.Push(PackRtp({false, 112, m_sequence++, 1, 0, 0}, PackAnc(tiny), 1), m_now);
   m_receiver.Push(PackRtp({false, 112, m_sequence++, 1, 0, 0}, PackAnc(tiny), 2), m_now);
   EXPECT_THAT(m_got, SizeIs(1));
-  EXPECT_EQ(Seen().damaged, 4u);  // the message, two tiny packets, one that is not there
+  EXPECT_EQ(Seen().damaged, 4u);  // the message, two tiny packets, one missing packet
   EXPECT_EQ(Seen().incomplete, 0u);
 }
 
-TEST_F(StreamTest, Random_and_damaged_datagrams_do_no_harm) {
+TEST_F(StreamTest, RandomAndDamagedDatagramsDoNoHarm) {
   std::mt19937 random(7);
   for (int i = 0; i < 3000; ++i) {
-    auto packets = Frame({Klv(random() % 3000), Klv(random() % 300)}, static_cast<std::uint32_t>(random()));
+    auto packets = Frame({Klv(random() % 3000), Klv(random() % 300)}, static_cast<uint32_t>(random()));
     for (Bytes& packet : packets) {
       for (auto flips = random() % 3; flips > 0; --flips) FlipBit(packet, random() % (packet.size() * 8));
       if (random() % 10 == 0) packet.resize(random() % packet.size());
@@ -413,8 +412,8 @@ TEST_F(StreamTest, Random_and_damaged_datagrams_do_no_harm) {
       m_now += 1'000'000;
     }
     Bytes noise(random() % 200);
-    for (std::uint8_t& byte : noise) byte = static_cast<std::uint8_t>(random());
-    if (!noise.empty()) noise[0] = static_cast<std::uint8_t>(0x80 | noise[0] % 64);
+    for (uint8_t& byte : noise) byte = static_cast<uint8_t>(random());
+    if (!noise.empty()) noise[0] = static_cast<uint8_t>(0x80 | noise[0] % 64);
     m_receiver.Push(noise, m_now);
   }
   for (const StampedKlv& message : m_got) EXPECT_EQ(SizeOfKlv(message.klv).size, message.klv.size());

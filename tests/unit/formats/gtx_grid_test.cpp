@@ -22,21 +22,21 @@ struct Header {
   double west = -180;
   double rowStep = 90;
   double columnStep = 90;
-  std::uint32_t rows = 3;
-  std::uint32_t columns = 4;
+  uint32_t rows = 3;
+  uint32_t columns = 4;
 };
 
 // Heights are ten times the row plus the column.
-std::string MakeGrid(const Header& header, std::size_t values = 12) {
+std::string MakeGrid(const Header& header, size_t values = 12) {
   std::string data;
   for (const double number : {header.south, header.west, header.rowStep, header.columnStep}) {
-    PutBigEndian(data, std::bit_cast<std::uint64_t>(number));
+    PutBigEndian(data, std::bit_cast<uint64_t>(number));
   }
   PutBigEndian(data, header.rows);
   PutBigEndian(data, header.columns);
-  for (std::size_t i = 0; i < values; ++i) {
-    const std::size_t height = i / 4 * 10 + i % 4;
-    PutBigEndian(data, std::bit_cast<std::uint32_t>(static_cast<float>(height)));
+  for (size_t i = 0; i < values; ++i) {
+    const size_t height = i / 4 * 10 + i % 4;
+    PutBigEndian(data, std::bit_cast<uint32_t>(static_cast<float>(height)));
   }
   return data;
 }
@@ -58,7 +58,7 @@ TEST(GtxGrid, HoldsWhatTheFileSays) {
 
 TEST(GtxGrid, RefusesDataOfAnotherSizeThanItsHeaderSays) {
   const std::string whole = MakeGrid({});
-  for (std::size_t size = 0; size < whole.size(); ++size) EXPECT_FALSE(gtx::Parse(whole.substr(0, size))) << size;
+  for (size_t size = 0; size < whole.size(); ++size) EXPECT_FALSE(gtx::Parse(whole.substr(0, size))) << size;
   EXPECT_FALSE(gtx::Parse(whole + '\0'));
   EXPECT_FALSE(gtx::Parse(MakeGrid({}, 13)));
 }

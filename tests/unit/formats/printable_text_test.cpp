@@ -1,4 +1,4 @@
-/* The rule for text from outside. nlohmann's parser, which takes valid UTF-8 only, is the judge of what is UTF-8. */
+// Escapes text from outside. nlohmann's parser, which accepts only valid UTF-8, decides whether the result is UTF-8.
 #include "printable_text.h"
 
 #include <gmock/gmock.h>

@@ -33,7 +33,7 @@ Bytes Pattern(size_t size, uint8_t first, uint8_t rest) {
   return bytes;
 }
 
-/* ---------------------------------------------------------------- the tables */
+// --- the tables --------------------------------------------------------------------------------------
 
 TEST(Table, KnowsEveryItemUpTo143AndNothingElse) {
   for (uint32_t tag = 1; tag <= 143; ++tag) {
@@ -54,7 +54,7 @@ TEST(Table, KeysAreUnique) {
   }
 }
 
-/* ---------------------------------------------------------------- boundaries of every item */
+// --- boundaries of every item ------------------------------------------------------------------------
 
 class EachItem : public testing::TestWithParam<Item> {};
 
@@ -141,7 +141,7 @@ INSTANTIATE_TEST_SUITE_P(St0601, EachItem, testing::ValuesIn(Items().begin(), It
 INSTANTIATE_TEST_SUITE_P(St0102, EachItem, testing::ValuesIn(SecurityElements().begin(), SecurityElements().end()),
                          ItemName);
 
-/* ---------------------------------------------------------------- the standard's printed values */
+// ---------------------------------------------------------------- the standard's printed values
 
 TEST(PrintedSample, AnglesAndPositions) {
   EXPECT_NEAR(DecodeTag(5, {0x71, 0xC2}).number, 159.974, 5e-4);
@@ -184,7 +184,7 @@ TEST(PrintedSample, TimeStamp) {
   EXPECT_THAT(DecodeTag(2, Bytes(8, 0xFF)).text, HasSubstr(" us"));
 }
 
-/* ---------------------------------------------------------------- texts, codes, nested sets */
+// ---------------------------------------------------------------- texts, codes, nested sets
 
 TEST(Text, WhatIsNotPrintableIsEscaped) {
   EXPECT_EQ(DecodeTag(3, {'A', 0x1B, '[', '2', 'J', 0x00, 0x7F, '\\', '\n'}).text, "A\\x1B[2J\\x00\\x7F\\\\\\n");
@@ -200,7 +200,7 @@ TEST(Text, Utf16FollowsTheSameRule) {
   EXPECT_EQ(text({0xD8, 0x3D, 0xDE, 0x81}), "\U0001F681");
   EXPECT_EQ(text({0, 0x1B, 0, 0x9B, 0, '\\', 0x20, 0x2E, 0x20, 0x28}),
             "\\x1B\\xC2\\x9B\\\\\\xE2\\x80\\xAE\\xE2\\x80\\xA8");
-  // Half a pair is no character, whatever follows it.
+  // Half a surrogate pair is not a character, whatever follows it.
   EXPECT_EQ(text({0xD8, 0x3D, 0, 'A'}), "\\xED\\xA0\\xBDA");
   EXPECT_EQ(text({0xDE, 0x81, 0xD8, 0x3D}), "\\xED\\xBA\\x81\\xED\\xA0\\xBD");
 }
@@ -280,7 +280,7 @@ TEST(WholeNumbers, TakeTheLeastBytesWhereTheLengthVaries) {
   EXPECT_EQ(DecodeTag(137, Bytes(8, 0xFF)).whole, -1);
 }
 
-/* ---------------------------------------------------------------- messages */
+// --- messages ----------------------------------------------------------------------------------------
 
 Bytes Sample() {
   return Builder()
@@ -352,7 +352,7 @@ TEST(Parse, RefusesLengthsThatNoMessageHolds) {
   EXPECT_EQ(Parse(bytes).error, "unreadable tag at byte 0 of the body");
 }
 
-/* Decodes everything that can be read, the way a program that shows the message does. */
+// Decodes everything readable, as a program that shows the message does.
 size_t DecodeAll(ByteView bytes) {
   const Message message = Parse(bytes);
   size_t characters = message.error.size();
@@ -373,7 +373,7 @@ TEST(Parse, NoDamageLeadsOutsideTheMessage) {
   const Bytes security = {1, 1, 4, 13, 6, 0, 'U', 0, 'S', 0, 'A'};
   body = Builder().AddWhole(2, 1).Add(48, ByteView(security)).Add(130, ByteView(body)).Add(96, 7.0).Finish();
   for (size_t position = 0; position < body.size(); ++position) {
-    const Bytes cut(body.begin(), body.begin() + static_cast<std::ptrdiff_t>(position));
+    const Bytes cut(body.begin(), body.begin() + static_cast<ptrdiff_t>(position));
     DecodeAll(cut);
     for (const unsigned change : {0x01U, 0x80U, 0x7FU, 0xFFU}) {
       Bytes damaged = body;
@@ -393,9 +393,9 @@ TEST(Parse, LongLengthsAreWrittenInTheShortestForm) {
   EXPECT_EQ(Parse(middle).checksum, ChecksumState::Ok);
 }
 
-/* ---------------------------------------------------------------- recordings */
+// --- recordings --------------------------------------------------------------------------------------
 
-/* Nothing, said aloud, when the recording is not there. */
+// Reads a recording. Prints a line and returns nothing if it is missing.
 std::optional<Bytes> Recording(const std::string& name) {
   std::ifstream file(METADATA_SHARED_DATA_DIR "/" + name, std::ios::binary);
   if (!file) {

@@ -36,9 +36,9 @@ using testing::HasSubstr;
 using testing::SizeIs;
 using Kind = HostCaptureConfig::Kind;
 
-Bytes Klv(std::size_t size, std::uint8_t fill = 0) {
+Bytes Klv(size_t size, uint8_t fill = 0) {
   Bytes klv = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01, 0x0E, 0x01, 0x03, 0x01, 0x01, 0, 0, 0};
-  klv.insert(klv.end(), {0x82, static_cast<std::uint8_t>(size >> 8), static_cast<std::uint8_t>(size)});
+  klv.insert(klv.end(), {0x82, static_cast<uint8_t>(size >> 8), static_cast<uint8_t>(size)});
   klv.insert(klv.end(), size, fill);
   return klv;
 }
@@ -64,19 +64,19 @@ class CaptureTest : public RuntimeTest {
     return started;
   }
   std::optional<Packet> Get(int room = 4101) {
-    Packet packet = {Bytes(static_cast<std::size_t>(std::max(room, 0))), 0, {}};
+    Packet packet = {Bytes(static_cast<size_t>(std::max(room, 0))), 0, {}};
     int length = room;
     if (!KLVCAPTURE_GetKLV(m_fd, packet.klv.data(), &length, &packet.timestamp)) return {};
     packet.when = std::chrono::steady_clock::now();
-    packet.klv.resize(static_cast<std::size_t>(length));
+    packet.klv.resize(static_cast<size_t>(length));
     return packet;
   }
   bool Readable(int milliseconds = 0) {
     pollfd wait = {m_fd, POLLIN, 0};
     return poll(&wait, 1, milliseconds) == 1;
   }
-  // As many packets, each within ten seconds.
-  std::vector<Packet> GetMany(std::size_t count) {
+  // Receives that many packets, each within ten seconds.
+  std::vector<Packet> GetMany(size_t count) {
     std::vector<Packet> packets;
     while (packets.size() < count && Readable(10'000)) {
       while (auto packet = Get()) packets.push_back(std::move(*packet));
@@ -84,7 +84,7 @@ class CaptureTest : public RuntimeTest {
     return packets;
   }
 
-  // A datagram to the local socket.
+  // Sends a datagram to the local socket.
   void SendLocal(const std::string& path, UINT64 timestamp, const Bytes& klv) {
     Bytes datagram;
     for (int shift = 56; shift >= 0; shift -= 8) datagram.push_back(static_cast<BYTE>(timestamp >> shift));
@@ -97,7 +97,7 @@ class CaptureTest : public RuntimeTest {
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, path.c_str(), path.size());
     ASSERT_EQ(sendto(m_sender, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
-                     sizeof address),
+                     sizeof(address)),
               static_cast<ssize_t>(datagram.size()));
   }
   void SendUdp(USHORT port, const std::vector<Bytes>& datagrams) {
@@ -108,13 +108,13 @@ class CaptureTest : public RuntimeTest {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     for (const Bytes& datagram : datagrams) {
       ASSERT_EQ(sendto(m_sender, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&address),
-                       sizeof address),
+                       sizeof(address)),
                 static_cast<ssize_t>(datagram.size()));
     }
   }
 
   void Configure(int input, Kind kind, const std::string& path, bool loop = false) {
-    m_config.captures[static_cast<std::size_t>(input)] = {kind, path, loop, "", 0};
+    m_config.captures[static_cast<size_t>(input)] = {kind, path, loop, "", 0};
     Apply();
   }
 
@@ -124,7 +124,7 @@ class CaptureTest : public RuntimeTest {
 
 // --- the service -------------------------------------------------------------------------------------
 
-TEST_F(CaptureTest, Inputs_that_are_not_configured_or_do_not_exist_cannot_start) {
+TEST_F(CaptureTest, InputsThatAreNotConfiguredOrDoNotExistCannotStart) {
   EXPECT_FALSE(Start(0));
   EXPECT_FALSE(Start(4));
   EXPECT_FALSE(Start(-1));
@@ -141,7 +141,7 @@ TEST_F(CaptureTest, Inputs_that_are_not_configured_or_do_not_exist_cannot_start)
 
 // --- local sockets -----------------------------------------------------------------------------------
 
-TEST_F(CaptureTest, A_local_socket_gives_packets_with_their_time_and_wakes_as_long_as_any_waits) {
+TEST_F(CaptureTest, ALocalSocketGivesPacketsWithTheirTimeAndWakesAsLongAsAnyWaits) {
   const std::string path = Folder() + "/klv";
   Configure(2, Kind::Socket, path);
   ASSERT_TRUE(Start(2));
@@ -168,7 +168,7 @@ TEST_F(CaptureTest, A_local_socket_gives_packets_with_their_time_and_wakes_as_lo
   EXPECT_NE(lstat(path.c_str(), &status), 0);
 }
 
-TEST_F(CaptureTest, A_packet_larger_than_the_room_is_dropped_and_the_next_one_taken) {
+TEST_F(CaptureTest, APacketLargerThanTheBufferIsDroppedAndTheNextOneTaken) {
   const std::string path = Folder() + "/klv";
   Configure(0, Kind::Socket, path);
   ASSERT_TRUE(Start(0));
@@ -184,7 +184,7 @@ TEST_F(CaptureTest, A_packet_larger_than_the_room_is_dropped_and_the_next_one_ta
               ElementsAre("Video input 0: KLV packet of 4102 bytes dropped, there is room for 4101."));
 }
 
-TEST_F(CaptureTest, Datagrams_too_short_or_too_long_are_dropped) {
+TEST_F(CaptureTest, DatagramsTooShortOrTooLongAreDropped) {
   const std::string path = Folder() + "/klv";
   Configure(0, Kind::Socket, path);
   ASSERT_TRUE(Start(0));
@@ -198,7 +198,7 @@ TEST_F(CaptureTest, Datagrams_too_short_or_too_long_are_dropped) {
   EXPECT_EQ(HostRuntime_CaptureStats(0).damaged, 3u);
 }
 
-TEST_F(CaptureTest, A_full_queue_drops_and_counts) {
+TEST_F(CaptureTest, AFullQueueDropsAndCounts) {
   const std::string path = Folder() + "/klv";
   Configure(0, Kind::Socket, path);
   ASSERT_TRUE(Start(0));
@@ -210,13 +210,13 @@ TEST_F(CaptureTest, A_full_queue_drops_and_counts) {
   EXPECT_THAT(Texts("KLVCAPTURE"), Each(HasSubstr("queue full")));
 }
 
-TEST_F(CaptureTest, A_socket_left_behind_is_replaced_and_any_other_file_is_not) {
+TEST_F(CaptureTest, ASocketLeftBehindIsReplacedAndAnyOtherFileIsNot) {
   const std::string path = Folder() + "/klv";
   const int old = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   memcpy(address.sun_path, path.c_str(), path.size());
-  ASSERT_EQ(bind(old, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(bind(old, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
   close(old);
   Configure(0, Kind::Socket, path);
   EXPECT_TRUE(Start(0));
@@ -229,7 +229,7 @@ TEST_F(CaptureTest, A_socket_left_behind_is_replaced_and_any_other_file_is_not) 
   EXPECT_FALSE(Start(0));
 }
 
-TEST_F(CaptureTest, Two_inputs_with_one_socket_are_refused) {
+TEST_F(CaptureTest, TwoInputsWithOneSocketAreRefused) {
   const std::string path = Folder() + "/klv";
   Configure(0, Kind::Socket, path);
   Configure(1, Kind::Socket, Folder() + "/./klv");
@@ -247,14 +247,14 @@ TEST_F(CaptureTest, Two_inputs_with_one_socket_are_refused) {
   KLVCAPTURE_Stop(1);
 }
 
-TEST_F(CaptureTest, A_socket_that_another_program_listens_on_stays) {
+TEST_F(CaptureTest, ASocketThatAnotherProgramListensOnStays) {
   for (const int type : {SOCK_DGRAM, SOCK_STREAM}) {
     const std::string path = Folder() + "/klv";
     const int other = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, path.c_str(), path.size());
-    ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(bind(other, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_TRUE(type == SOCK_DGRAM || listen(other, 1) == 0);
     Configure(0, Kind::Socket, path);
     EXPECT_FALSE(Start(0));
@@ -262,12 +262,12 @@ TEST_F(CaptureTest, A_socket_that_another_program_listens_on_stays) {
     EXPECT_THAT(Texts("KLVCAPTURE"),
                 Contains("Video input 0: socket \"" + path + "\" is in use; each input has its own."));
     close(other);
-    EXPECT_TRUE(Start(0));  // now it is one that was left behind
+    EXPECT_TRUE(Start(0));  // the socket has no listener any more
     KLVCAPTURE_Stop(0);
   }
 }
 
-TEST_F(CaptureTest, An_input_can_be_started_again_and_again_with_packets_waiting) {
+TEST_F(CaptureTest, AnInputCanBeStartedAgainAndAgainWithPacketsWaiting) {
   const std::string path = Folder() + "/klv";
   Configure(0, Kind::Socket, path);
   for (UINT64 i = 0; i < 20; ++i) {
@@ -286,33 +286,31 @@ TEST_F(CaptureTest, An_input_can_be_started_again_and_again_with_packets_waiting
 class AncCaptureTest : public CaptureTest {
  protected:
   AncCaptureTest() {
-    // A port that is free now.
+    // Finds a free port.
     int probe = -1;
     const BYTE any[4] = {};
     EXPECT_TRUE(CreateUDPRxSocket(0, any, &probe));
     sockaddr_in address{};
-    socklen_t size = sizeof address;
+    socklen_t size = sizeof(address);
     getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
     m_port = ntohs(address.sin_port);
     close(probe);
     m_config.captures[1] = {Kind::Anc, "", false, "", m_port};
     Apply();
   }
-  void Send(const std::vector<Bytes>& messages, std::uint32_t timestamp) {
-    SendUdp(m_port, Frame(messages, timestamp));
-  }
-  std::vector<Bytes> Frame(const std::vector<Bytes>& messages, std::uint32_t timestamp) {
+  void Send(const std::vector<Bytes>& messages, uint32_t timestamp) { SendUdp(m_port, Frame(messages, timestamp)); }
+  std::vector<Bytes> Frame(const std::vector<Bytes>& messages, uint32_t timestamp) {
     m_header.timestamp = timestamp;
     return anc_klv::PackFrame(messages, m_header, &m_sequence, &m_number);
   }
 
   USHORT m_port = 0;
   anc_klv::RtpHeader m_header;
-  std::uint32_t m_sequence = 0;
-  std::uint8_t m_number = 0;
+  uint32_t m_sequence = 0;
+  uint8_t m_number = 0;
 };
 
-TEST_F(AncCaptureTest, Messages_come_reassembled_and_stamped) {
+TEST_F(AncCaptureTest, MessagesArriveReassembledAndStamped) {
   ASSERT_TRUE(Start(1));
   Send({Klv(1000, 1), Klv(20, 2)}, 0xFFFFFF00u);
   Send({Klv(3000, 3)}, 0x100u);
@@ -326,7 +324,7 @@ TEST_F(AncCaptureTest, Messages_come_reassembled_and_stamped) {
   EXPECT_THAT(Texts("KLVCAPTURE"), Each(testing::EndsWith("bytes.")));
 }
 
-TEST_F(AncCaptureTest, Losses_reordering_and_bad_checksums_are_logged_counted_and_survived) {
+TEST_F(AncCaptureTest, LossesReorderingAndBadChecksumsAreLoggedCountedAndSurvived) {
   m_config.moduleLevels["KLVCAPTURE"] = 6;
   Apply();
   ASSERT_TRUE(Start(1));
@@ -361,7 +359,7 @@ TEST_F(AncCaptureTest, Losses_reordering_and_bad_checksums_are_logged_counted_an
                                             "Video input 1: 1 incomplete KLV messages dropped."));
 }
 
-TEST_F(AncCaptureTest, A_port_in_use_fails_to_start) {
+TEST_F(AncCaptureTest, APortInUseFailsToStart) {
   const BYTE any[4] = {};
   int taken = -1;
   ASSERT_TRUE(CreateUDPRxSocket(m_port, any, &taken));
@@ -384,7 +382,7 @@ class MediaCaptureTest : public CaptureTest {
   }
 };
 
-TEST_F(MediaCaptureTest, A_file_plays_in_real_time_with_its_own_timestamps) {
+TEST_F(MediaCaptureTest, AFilePlaysInRealTimeWithItsOwnTimestamps) {
   m_config.moduleLevels["KLVCAPTURE"] = 5;
   Configure(0, Kind::Media,
             WriteMedia({{90'000, Klv(30, 1)}, {90'000, Klv(600, 2)}, {93'600, Klv(30, 3)}, {108'000, Klv(30, 4)}}));
@@ -405,19 +403,19 @@ TEST_F(MediaCaptureTest, A_file_plays_in_real_time_with_its_own_timestamps) {
   EXPECT_FALSE(Readable());
 }
 
-TEST_F(MediaCaptureTest, A_looped_file_goes_on_counting) {
+TEST_F(MediaCaptureTest, ALoopedFileGoesOnCounting) {
   Configure(0, Kind::Media, WriteMedia({{90'000, Klv(30, 1)}, {93'600, Klv(30, 2)}}), true);
   ASSERT_TRUE(Start(0));
   const auto packets = GetMany(6);
   ASSERT_THAT(packets, SizeIs(Ge(6u)));
-  for (std::size_t i = 1; i < 6; ++i) {
+  for (size_t i = 1; i < 6; ++i) {
     EXPECT_EQ(packets[i].timestamp - packets[i - 1].timestamp, 3'600u) << i;
     EXPECT_EQ(packets[i].klv, packets[i % 2].klv);
   }
   EXPECT_GE(packets[5].when - packets[0].when, std::chrono::milliseconds(150));
 }
 
-TEST_F(MediaCaptureTest, A_packet_may_hold_several_messages_and_damaged_ones_are_dropped) {
+TEST_F(MediaCaptureTest, APacketMayHoldSeveralMessagesAndDamagedOnesAreDropped) {
   Bytes two = Klv(30, 1);
   const Bytes second = Klv(40, 2);
   two.insert(two.end(), second.begin(), second.end());
@@ -438,7 +436,7 @@ TEST_F(MediaCaptureTest, A_packet_may_hold_several_messages_and_damaged_ones_are
   EXPECT_EQ(HostRuntime_CaptureStats(0).damaged, 2u);
 }
 
-TEST_F(MediaCaptureTest, Files_that_cannot_be_read_or_are_no_media_are_logged) {
+TEST_F(MediaCaptureTest, FilesThatCannotBeReadOrAreNotMediaAreLogged) {
   m_config.moduleLevels["KLVCAPTURE"] = 3;
   Configure(0, Kind::Media, Folder() + "/none.ts");
   EXPECT_FALSE(Start(0));
@@ -451,7 +449,7 @@ TEST_F(MediaCaptureTest, Files_that_cannot_be_read_or_are_no_media_are_logged) {
   EXPECT_EQ(HostRuntime_CaptureStats(1).damaged, 1u);
 }
 
-TEST_F(MediaCaptureTest, A_long_wait_ends_at_once_when_the_capture_stops) {
+TEST_F(MediaCaptureTest, ALongWaitEndsAtOnceWhenTheCaptureStops) {
   Configure(0, Kind::Media, WriteMedia({{90'000, Klv(30, 1)}, {90'000 * 30, Klv(30, 2)}}));
   ASSERT_TRUE(Start(0));
   EXPECT_THAT(GetMany(1), SizeIs(1));
@@ -460,7 +458,7 @@ TEST_F(MediaCaptureTest, A_long_wait_ends_at_once_when_the_capture_stops) {
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(5));
 }
 
-TEST_F(MediaCaptureTest, A_stream_that_is_not_there_is_tried_until_the_capture_stops) {
+TEST_F(MediaCaptureTest, AStreamThatDoesNotExistIsTriedUntilTheCaptureStops) {
   m_config.moduleLevels["KLVCAPTURE"] = 3;
   Configure(0, Kind::Media, "tcp://127.0.0.1:9");
   EXPECT_TRUE(Start(0));

@@ -37,7 +37,7 @@ class Descriptor {
 
 USHORT PortOf(int fd) {
   sockaddr_storage address{};
-  socklen_t size = sizeof address;
+  socklen_t size = sizeof(address);
   EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
   return address.ss_family == AF_INET ? ntohs(reinterpret_cast<sockaddr_in&>(address).sin_port)
                                       : ntohs(reinterpret_cast<sockaddr_in6&>(address).sin6_port);
@@ -51,22 +51,23 @@ sockaddr_in Address(const char* text, USHORT port) {
   return address;
 }
 
-// What arrives within ten seconds; empty when nothing does within `quick` milliseconds.
+// Returns the data that arrives within ten seconds, or "" if none arrives within `quick` milliseconds.
 std::string Receive(int fd, int quick = 10'000) {
   pollfd wait = {fd, POLLIN, 0};
   if (poll(&wait, 1, quick) != 1) return {};
   char buffer[2048];
-  const ssize_t size = read(fd, buffer, sizeof buffer);
-  return size < 0 ? "error" : std::string(buffer, static_cast<std::size_t>(size));
+  const ssize_t size = read(fd, buffer, sizeof(buffer));
+  return size < 0 ? "error" : std::string(buffer, static_cast<size_t>(size));
 }
 
 void SendTo(const char* to, USHORT port, const std::string& text) {
   const Descriptor sender(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   in_addr loopback{htonl(INADDR_LOOPBACK)};
-  EXPECT_EQ(setsockopt(sender.fd, IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof loopback), 0);
+  EXPECT_EQ(setsockopt(sender.fd, IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof(loopback)), 0);
   const sockaddr_in address = Address(to, port);
-  EXPECT_EQ(sendto(sender.fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&address), sizeof address),
-            static_cast<ssize_t>(text.size()));
+  EXPECT_EQ(
+      sendto(sender.fd, text.data(), text.size(), 0, reinterpret_cast<const sockaddr*>(&address), sizeof(address)),
+      static_cast<ssize_t>(text.size()));
 }
 
 // --- sockets -----------------------------------------------------------------------------------------
@@ -82,7 +83,7 @@ class SocketTest : public RuntimeTest {
   }
 };
 
-TEST_F(SocketTest, Receives_unicast_without_blocking) {
+TEST_F(SocketTest, ReceivesUnicastWithoutBlocking) {
   const Descriptor socket = Open(0);
   ASSERT_GE(socket.fd, 0);
   EXPECT_TRUE(fcntl(socket.fd, F_GETFL) & O_NONBLOCK);
@@ -91,7 +92,7 @@ TEST_F(SocketTest, Receives_unicast_without_blocking) {
   EXPECT_EQ(Receive(socket.fd), "hello");
 }
 
-TEST_F(SocketTest, A_unicast_port_is_not_shared) {
+TEST_F(SocketTest, AUnicastPortIsNotShared) {
   const Descriptor first = Open(0);
   const Descriptor second = Open(PortOf(first.fd));
   EXPECT_EQ(second.fd, -1);
@@ -99,7 +100,7 @@ TEST_F(SocketTest, A_unicast_port_is_not_shared) {
               ElementsAre("UDP port " + std::to_string(PortOf(first.fd)) + ": cannot bind: Address already in use."));
 }
 
-TEST_F(SocketTest, A_group_is_joined_and_its_port_shared) {
+TEST_F(SocketTest, AGroupIsJoinedAndItsPortShared) {
   m_config.multicastInterface = "lo";
   Apply();
   const Descriptor first = Open(0, {239, 255, 77, 1});
@@ -112,7 +113,7 @@ TEST_F(SocketTest, A_group_is_joined_and_its_port_shared) {
   EXPECT_EQ(Receive(second.fd), "group");
 }
 
-TEST_F(SocketTest, Groups_of_other_sockets_do_not_arrive) {
+TEST_F(SocketTest, GroupsOfOtherSocketsDoNotArrive) {
   m_config.multicastInterface = "lo";
   Apply();
   const Descriptor first = Open(0, {239, 255, 77, 1});
@@ -123,21 +124,21 @@ TEST_F(SocketTest, Groups_of_other_sockets_do_not_arrive) {
   EXPECT_EQ(Receive(first.fd, 20), "");
 }
 
-TEST_F(SocketTest, Without_a_configured_interface_local_senders_are_heard) {
+TEST_F(SocketTest, WithoutAConfiguredInterfaceLocalSendersAreReceived) {
   const Descriptor socket = Open(0, {239, 255, 77, 3});
   ASSERT_GE(socket.fd, 0);
   SendTo("239.255.77.3", PortOf(socket.fd), "local");
   EXPECT_EQ(Receive(socket.fd), "local");
 }
 
-TEST_F(SocketTest, An_interface_that_does_not_exist_fails) {
+TEST_F(SocketTest, AnInterfaceThatDoesNotExistFails) {
   m_config.multicastInterface = "nosuch0";
   Apply();
   EXPECT_EQ(Open(0, {239, 255, 77, 1}).fd, -1);
   EXPECT_THAT(Texts()[0], HasSubstr("cannot join the group"));
 }
 
-TEST_F(SocketTest, IPv6_shares_the_port_number_with_IPv4_and_reports_hop_limit_and_class) {
+TEST_F(SocketTest, IPv6SharesThePortNumberWithIPv4AndReportsHopLimitAndClass) {
   const Descriptor four = Open(0);
   int fd = -1;
   ASSERT_TRUE(CreateUDPv6RxSocket(PortOf(four.fd), HOST_UDPV6_RX_HOPLIMIT | HOST_UDPV6_RX_TRAFFIC_CLASS, &fd));
@@ -145,7 +146,7 @@ TEST_F(SocketTest, IPv6_shares_the_port_number_with_IPv4_and_reports_hop_limit_a
   EXPECT_TRUE(fcntl(six.fd, F_GETFL) & O_NONBLOCK);
   const auto option = [&](int name) {
     int value = -1;
-    socklen_t size = sizeof value;
+    socklen_t size = sizeof(value);
     EXPECT_EQ(getsockopt(six.fd, IPPROTO_IPV6, name, &value, &size), 0);
     return value;
   };
@@ -157,13 +158,13 @@ TEST_F(SocketTest, IPv6_shares_the_port_number_with_IPv4_and_reports_hop_limit_a
   address.sin6_family = AF_INET6;
   address.sin6_port = htons(PortOf(six.fd));
   address.sin6_addr = in6addr_loopback;
-  ASSERT_EQ(sendto(sender.fd, "six", 3, 0, reinterpret_cast<sockaddr*>(&address), sizeof address), 3);
+  ASSERT_EQ(sendto(sender.fd, "six", 3, 0, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 3);
   EXPECT_EQ(Receive(six.fd), "six");
   EXPECT_FALSE(CreateUDPv6RxSocket(PortOf(six.fd), 0, &fd));
   EXPECT_EQ(fd, -1);
 }
 
-TEST_F(SocketTest, Interfaces_have_a_scope_id) {
+TEST_F(SocketTest, InterfacesHaveAScopeId) {
   UINT32 scope = 5;
   EXPECT_TRUE(GetInterfaceIPv6ScopeID("lo", &scope));
   EXPECT_EQ(scope, if_nametoindex("lo"));
@@ -171,24 +172,24 @@ TEST_F(SocketTest, Interfaces_have_a_scope_id) {
   EXPECT_EQ(scope, 0u);
 }
 
-TEST_F(SocketTest, Address_texts) {
+TEST_F(SocketTest, AddressesBecomeTexts) {
   char text[64];
   sockaddr_storage storage{};
   const sockaddr_in four = Address("10.0.0.1", 5000);
-  memcpy(&storage, &four, sizeof four);
-  EXPECT_STREQ(GetSockAddressString(&storage, text, sizeof text), "10.0.0.1:5000");
-  EXPECT_STREQ(GetIPAddressString(AF_INET, &four.sin_addr, text, sizeof text), "10.0.0.1");
+  memcpy(&storage, &four, sizeof(four));
+  EXPECT_STREQ(GetSockAddressString(&storage, text, sizeof(text)), "10.0.0.1:5000");
+  EXPECT_STREQ(GetIPAddressString(AF_INET, &four.sin_addr, text, sizeof(text)), "10.0.0.1");
   sockaddr_in6 six{};
   six.sin6_family = AF_INET6;
   six.sin6_port = htons(5000);
   inet_pton(AF_INET6, "fe80::1", &six.sin6_addr);
-  memcpy(&storage, &six, sizeof six);
-  EXPECT_STREQ(GetSockAddressString(&storage, text, sizeof text), "[fe80::1]:5000");
+  memcpy(&storage, &six, sizeof(six));
+  EXPECT_STREQ(GetSockAddressString(&storage, text, sizeof(text)), "[fe80::1]:5000");
   EXPECT_STREQ(GetSockAddressString(&storage, text, 6), "[fe80");
-  EXPECT_STREQ(GetIPAddressString(99, &four, text, sizeof text), "?");
+  EXPECT_STREQ(GetIPAddressString(99, &four, text, sizeof(text)), "?");
   EXPECT_STREQ(GetIPAddressString(AF_INET6, &six.sin6_addr, text, 3), "?");
   storage.ss_family = AF_UNSPEC;
-  EXPECT_STREQ(GetSockAddressString(&storage, text, sizeof text), "?");
+  EXPECT_STREQ(GetSockAddressString(&storage, text, sizeof(text)), "?");
 }
 
 // --- serial ------------------------------------------------------------------------------------------
@@ -199,7 +200,7 @@ class SerialTest : public RuntimeTest {
     EXPECT_EQ(grantpt(m_line.fd), 0);
     EXPECT_EQ(unlockpt(m_line.fd), 0);
     char name[64] = "";
-    EXPECT_EQ(ptsname_r(m_line.fd, name, sizeof name), 0);
+    EXPECT_EQ(ptsname_r(m_line.fd, name, sizeof(name)), 0);
     m_config.serialDevices["/dev/ttyPS0"] = name;
     Apply();
   }
@@ -215,7 +216,7 @@ class SerialTest : public RuntimeTest {
   const MDATA_SERIAL_SRC_CFG m_usual = {115200, 0, 0, 0, 8};
 };
 
-TEST_F(SerialTest, The_library_s_path_is_mapped_and_every_byte_arrives_as_it_is) {
+TEST_F(SerialTest, TheLibrarysPathIsMappedAndEveryByteArrivesUnchanged) {
   const Descriptor port = Open();
   ASSERT_GE(port.fd, 0);
   EXPECT_TRUE(fcntl(port.fd, F_GETFL) & O_NONBLOCK);
@@ -238,7 +239,7 @@ TEST_F(SerialTest, The_library_s_path_is_mapped_and_every_byte_arrives_as_it_is)
   EXPECT_EQ(got, all);
 }
 
-TEST_F(SerialTest, A_line_that_hung_up_reads_as_ended) {
+TEST_F(SerialTest, ALineThatHungUpReadsAsEnded) {
   const Descriptor port = Open();
   ASSERT_TRUE(ConfigureSerialPort(port.fd, &m_usual, nullptr));
   close(std::exchange(m_line.fd, -1));
@@ -248,7 +249,7 @@ TEST_F(SerialTest, A_line_that_hung_up_reads_as_ended) {
   EXPECT_NE(errno, EAGAIN);
 }
 
-TEST_F(SerialTest, Settings_reach_the_device) {
+TEST_F(SerialTest, SettingsReachTheDevice) {
   const Descriptor port = Open();
   termios settings{};
   const MDATA_SERIAL_SRC_CFG software = {9600, HOST_SERIAL_FLOW_SOFTWARE, HOST_SERIAL_PARITY_ODD, HOST_SERIAL_STOP_2,
@@ -268,7 +269,7 @@ TEST_F(SerialTest, Settings_reach_the_device) {
   EXPECT_FALSE(settings.c_iflag & IXON);
 }
 
-TEST_F(SerialTest, Settings_without_meaning_are_named_in_one_line) {
+TEST_F(SerialTest, SettingsWithoutMeaningAreNamedInOneLine) {
   const Descriptor port = Open();
   const MDATA_SERIAL_SRC_CFG bad[] = {
       {12345, 0, 0, 0, 8}, {9600, 3, 0, 0, 8}, {9600, 0, -1, 0, 8}, {9600, 0, 0, 2, 8}, {9600, 0, 0, 0, 9}};
@@ -284,7 +285,7 @@ TEST_F(SerialTest, Settings_without_meaning_are_named_in_one_line) {
                           "Serial port: number of data bits 9 is not supported; allowed: 5 to 8."));
 }
 
-TEST_F(SerialTest, What_is_no_serial_device_is_refused) {
+TEST_F(SerialTest, OtherFilesThanSerialDevicesAreRefused) {
   EXPECT_EQ(Open("/dev/nosuch").fd, -1);
   EXPECT_EQ(Open("/dev/null").fd, -1);
   EXPECT_THAT(Texts(), ElementsAre("Cannot open serial device \"/dev/nosuch\": No such file or directory.",

@@ -26,7 +26,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr int64_t kSecond = 1'000'000'000;
 
 std::string ReadAll(const std::string& path) {
   std::ifstream file(path);
@@ -41,7 +41,7 @@ class LogTest : public RuntimeTest {
   HDBG m_module = nullptr;
 };
 
-TEST_F(LogTest, A_line_carries_module_level_function_and_place) {
+TEST_F(LogTest, ALineCarriesModuleLevelFunctionAndPlace) {
   _DoDbgPrintEx(m_module, 3, "_Some", "utils", 12, "Got %d of %s.\n", 5, "these");
   ASSERT_THAT(Lines(), SizeIs(1));
   const HostLogLine line = Lines()[0];
@@ -52,7 +52,7 @@ TEST_F(LogTest, A_line_carries_module_level_function_and_place) {
   EXPECT_EQ(line.text, "Got 5 of these.");
 }
 
-// Where log lines stand: a function, a lambda, a lambda in a lambda, a member, a template.
+// Places of log lines: a function, a lambda, a lambda in a lambda, a member, a template.
 struct Places {
   bool Member(int (*)(int), const std::vector<int>&) const noexcept {
     return [] {
@@ -80,7 +80,7 @@ std::string NestedPlace(void (*)(int), const std::string& text) {
   return outer(1);
 }
 
-TEST_F(LogTest, A_line_in_a_lambda_names_the_function_around_it) {
+TEST_F(LogTest, ALineInALambdaNamesTheFunctionAroundIt) {
   PlainPlace();
   NestedPlace(nullptr, "");
   Places().Member(nullptr, {});
@@ -91,7 +91,7 @@ TEST_F(LogTest, A_line_in_a_lambda_names_the_function_around_it) {
   EXPECT_THAT(functions, ElementsAre("PlainPlace", "NestedPlace", "Member", "OfTemplate"));
 }
 
-TEST_F(LogTest, A_service_names_itself) {
+TEST_F(LogTest, AServiceNamesItself) {
   MBOX_CONFIG mailbox{};
   mailbox.nSize = sizeof(mailbox);
   mailbox.szName = "LogTest";
@@ -104,7 +104,7 @@ TEST_F(LogTest, A_service_names_itself) {
   EXPECT_EQ(Lines()[0].function, "MBOX_CreateMailBox");
 }
 
-TEST(FunctionNameTest, Reads_what_the_compilers_write) {
+TEST(FunctionNameTest, ReadsWhatTheCompilersWrite) {
   const auto name = [](const std::string& pretty) { return std::string(host_runtime::FunctionName(pretty).Text()); };
   for (const std::string lambda : {"", "::<lambda()>", "::<lambda(int)>::<lambda(auto:12)> [with auto:12 = int]",
                                    "::(anonymous class)::operator()() const"}) {
@@ -121,7 +121,7 @@ TEST(FunctionNameTest, Reads_what_the_compilers_write) {
   EXPECT_EQ(name(std::string(200, 'x') + "()"), std::string(95, 'x'));
 }
 
-TEST_F(LogTest, The_file_gets_time_module_level_function_and_place) {
+TEST_F(LogTest, TheFileGetsTimeModuleLevelFunctionAndPlace) {
   m_config.logFile = Folder() + "/host.log";
   Apply();
   _DoDbgPrintEx(m_module, 3, "_Some", "utils", 12, "Got it.\n");
@@ -130,12 +130,12 @@ TEST_F(LogTest, The_file_gets_time_module_level_function_and_place) {
                                            "LOGTEST 3/error _Some \\(utils:12\\): Got it\\.\n$"));
 }
 
-TEST_F(LogTest, The_file_is_closed_in_programs_that_the_process_starts_also_after_it_was_turned_over) {
+TEST_F(LogTest, TheFileIsClosedInProgramsThatTheProcessStartsAlsoAfterItWasRotated) {
   m_config.logFile = Folder() + "/host.log";
   m_config.logRate = 0;
   Apply();
   const auto childHasIt = [&] {
-    // The child of a child lists its descriptors: what the tool of somebody else sees.
+    // The child of a child lists its descriptors, as any tool that the process starts would see them.
     const std::string list = "ls -l /proc/self/fd | grep -q '" + m_config.logFile + "'";
     return system(list.c_str()) == 0;
   };
@@ -146,7 +146,7 @@ TEST_F(LogTest, The_file_is_closed_in_programs_that_the_process_starts_also_afte
   EXPECT_FALSE(childHasIt());
 }
 
-TEST_F(LogTest, A_log_file_that_cannot_be_written_is_an_error_and_the_rest_is_in_force) {
+TEST_F(LogTest, ALogFileThatCannotBeWrittenIsAnErrorAndTheRestApplies) {
   m_config.logFile = WriteFile("plain", "") + "/host.log";
   m_config.logLevel = 1;
   std::string error;
@@ -155,7 +155,7 @@ TEST_F(LogTest, A_log_file_that_cannot_be_written_is_an_error_and_the_rest_is_in
   EXPECT_EQ(m_module->nMaxLevel, 1);
 }
 
-TEST_F(LogTest, Levels_change_while_running_also_for_modules_to_come) {
+TEST_F(LogTest, LevelsChangeWhileRunningAlsoForModulesToCome) {
   HostRuntime_SetLevel("LOGTEST", 2);
   EXPECT_EQ(m_module->nMaxLevel, 2);
   HostRuntime_SetLevel("LOGTEST_LATER", 6);
@@ -172,7 +172,7 @@ TEST_F(LogTest, Levels_change_while_running_also_for_modules_to_come) {
   EXPECT_EQ(m_module->nMaxLevel, 7);
 }
 
-TEST_F(LogTest, Text_from_outside_neither_forges_lines_nor_steers_the_terminal_nor_hides) {
+TEST_F(LogTest, TextFromOutsideNeitherForgesLinesNorControlsTheTerminalNorHides) {
   _DoDbgPrintEx(m_module, 3, "f", "m", 1, "Name \"%s\".\n", "a\nFAKE 0\x1B[2J\tb\x7F");
   _DoDbgPrintEx(m_module, 3, "f", "m", 2, "Name \"%s\".\n",
                 "\u009B2J \xFF \xED\xA0\x80 \u202Ecod\u2028\\n gr\u00FC\u00DFe");
@@ -186,26 +186,26 @@ TEST_F(LogTest, Text_from_outside_neither_forges_lines_nor_steers_the_terminal_n
   EXPECT_THAT(Texts("ASSERT"), ElementsAre("ASSERTION failed: Name \\xC2\\x9B\\\\"));
 }
 
-TEST_F(LogTest, Only_the_line_end_of_the_format_goes) {
+TEST_F(LogTest, OnlyTheLineEndOfTheFormatIsRemoved) {
   _DoDbgPrintEx(m_module, 3, "f", "m", 1, "Name %s\n", "a\r\n");
   _DoDbgPrintEx(m_module, 3, "f", "m", 2, "Name %s", "a");
   EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Name a\\r\\n", "Name a"));
 }
 
-TEST_F(LogTest, A_long_line_is_not_cut) {
+TEST_F(LogTest, ALongLineIsNotCut) {
   const std::string text(5000, 'x');
   _DoDbgPrintEx(m_module, 3, "f", "m", 1, "%s.\n", text.c_str());
   EXPECT_THAT(Texts("LOGTEST"), ElementsAre(text + "."));
 }
 
-TEST_F(LogTest, A_line_leaves_errno_alone) {
+TEST_F(LogTest, ALineLeavesErrnoAlone) {
   errno = ETIMEDOUT;
   _DoDbgPrintEx(m_module, 3, "f", "m", 1, "x.\n");
   _DoAssert("x", "f", "m", 1);
   EXPECT_EQ(errno, ETIMEDOUT);
 }
 
-TEST_F(LogTest, A_dump_has_sixteen_bytes_a_line) {
+TEST_F(LogTest, ADumpHasSixteenBytesALine) {
   std::vector<BYTE> data;
   for (int i = 0; i < 18; ++i) data.push_back(static_cast<BYTE>(0x3B + i));
   _DoDbgPrintBuffer(m_module, 8, "f", "m", 1, "Sync Pattern", data.data(), 18);
@@ -214,13 +214,13 @@ TEST_F(LogTest, A_dump_has_sixteen_bytes_a_line) {
                                             "0010  4B 4C                                            KL"));
 }
 
-TEST_F(LogTest, An_empty_or_missing_buffer_dumps_its_title) {
+TEST_F(LogTest, AnEmptyOrMissingBufferDumpsItsTitle) {
   _DoDbgPrintBuffer(m_module, 8, "f", "m", 1, "Nothing", nullptr, 5);
   _DoDbgPrintBuffer(m_module, 8, "f", "m", 1, "Negative", "x", -1);
   EXPECT_THAT(Texts("LOGTEST"), ElementsAre("Nothing (0 bytes)", "Negative (0 bytes)"));
 }
 
-TEST_F(LogTest, A_flood_from_one_place_is_cut_and_others_still_come_through) {
+TEST_F(LogTest, AFloodFromOneSiteIsLimitedAndOthersAreStillWritten) {
   m_config.logBurst = 20;
   m_config.logRate = 1;
   Apply();
@@ -232,15 +232,15 @@ TEST_F(LogTest, A_flood_from_one_place_is_cut_and_others_still_come_through) {
   EXPECT_THAT(Lines().back().text, testing::MatchesRegex("9[0-9][0-9] more lines from this place were left out"));
 }
 
-TEST_F(LogTest, Level_0_is_never_left_out) {
+TEST_F(LogTest, Level0IsNeverLeftOut) {
   m_config.logRate = 1;
   Apply();
   for (int i = 0; i < 100; ++i) _DoDbgPrintEx(m_module, 0, "f", "flood", 79, "Line.\n");
   EXPECT_THAT(Lines(), SizeIs(100));
 }
 
-TEST_F(LogTest, Assertions_are_written_and_counted_even_when_the_log_leaves_them_out) {
-  const std::uint64_t before = HostRuntime_AssertionCount();
+TEST_F(LogTest, AssertionsAreWrittenAndCountedEvenWhenTheLogLeavesThemOut) {
+  const uint64_t before = HostRuntime_AssertionCount();
   m_config.logRate = 1;
   Apply();
   _DoAssert("pCfg != NULL", "MetaData_OpenSource", "metadata_api", 5);
@@ -255,7 +255,7 @@ TEST_F(LogTest, Assertions_are_written_and_counted_even_when_the_log_leaves_them
   EXPECT_LT(Lines().size(), 40u);
 }
 
-TEST_F(LogTest, An_assertion_can_end_a_test_program) {
+TEST_F(LogTest, AnAssertionCanEndATestProgram) {
   EXPECT_DEATH(
       {
         m_config.abortOnAssert = true;
@@ -265,7 +265,7 @@ TEST_F(LogTest, An_assertion_can_end_a_test_program) {
       "");
 }
 
-TEST_F(LogTest, A_closed_or_missing_module_logs_nothing) {
+TEST_F(LogTest, AClosedOrMissingModuleLogsNothing) {
   _DoDbgPrintEx(nullptr, 0, "f", "m", 1, "x\n");
   HDBG none = nullptr;
   _DoDbgUninitEx(&none);
@@ -274,7 +274,7 @@ TEST_F(LogTest, A_closed_or_missing_module_logs_nothing) {
   EXPECT_THAT(Lines(), IsEmpty());
 }
 
-TEST_F(LogTest, Many_threads_log_while_levels_sinks_and_observer_change) {
+TEST_F(LogTest, ManyThreadsLogWhileLevelsSinksAndObserverChange) {
   std::atomic<bool> stop{false};
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
@@ -302,16 +302,16 @@ TEST_F(LogTest, Many_threads_log_while_levels_sinks_and_observer_change) {
 
 struct Asking {
   host_runtime::LogLimiter limiter;
-  std::uint64_t left = 0;
-  bool Ask(std::int64_t now, int line = 1) { return limiter.Allow("M", "file", line, "f", 4, now, &left); }
-  int AskOften(int times, std::int64_t now) {
+  uint64_t left = 0;
+  bool Ask(int64_t now, int line = 1) { return limiter.Allow("M", "file", line, "f", 4, now, &left); }
+  int AskOften(int times, int64_t now) {
     int allowed = 0;
     for (int i = 0; i < times; ++i) allowed += Ask(now) ? 1 : 0;
     return allowed;
   }
 };
 
-TEST(LogLimiter, Lets_a_burst_through_and_then_its_rate) {
+TEST(LogLimiter, LetsABurstThroughAndThenItsRate) {
   Asking asking;
   asking.limiter.SetLimit(20, 10);
   EXPECT_EQ(asking.AskOften(1000, kSecond), 20);
@@ -319,7 +319,7 @@ TEST(LogLimiter, Lets_a_burst_through_and_then_its_rate) {
   EXPECT_EQ(asking.AskOften(1000, 100 * kSecond), 20);
 }
 
-TEST(LogLimiter, The_next_line_tells_what_was_left_out) {
+TEST(LogLimiter, TheNextLineReportsHowManyWereLeftOut) {
   Asking asking;
   asking.limiter.SetLimit(2, 1);
   EXPECT_EQ(asking.AskOften(7, kSecond), 2);
@@ -329,7 +329,7 @@ TEST(LogLimiter, The_next_line_tells_what_was_left_out) {
   EXPECT_EQ(asking.left, 0u);
 }
 
-TEST(LogLimiter, A_place_that_fell_silent_is_told_about_once) {
+TEST(LogLimiter, ASiteThatFellSilentIsReportedOnce) {
   Asking asking;
   asking.limiter.SetLimit(1, 1);
   EXPECT_EQ(asking.AskOften(4, kSecond), 1);
@@ -341,7 +341,7 @@ TEST(LogLimiter, A_place_that_fell_silent_is_told_about_once) {
   EXPECT_THAT(asking.limiter.PopSilent(6 * kSecond), IsEmpty());
 }
 
-TEST(LogLimiter, Rate_0_is_no_limit) {
+TEST(LogLimiter, Rate0IsNoLimit) {
   Asking asking;
   asking.limiter.SetLimit(1, 0);
   EXPECT_EQ(asking.AskOften(1000, kSecond), 1000);
@@ -362,7 +362,7 @@ class ConfigTest : public RuntimeTest {
   }
 };
 
-TEST_F(ConfigTest, Every_key_is_read_and_names_are_relative_to_the_file) {
+TEST_F(ConfigTest, EveryKeyIsReadAndNamesAreRelativeToTheFile) {
   const std::string path = WriteFile("host.ini", R"([log]
 level = 6
 file = logs/host.log
@@ -420,7 +420,7 @@ path = udp://239.1.1.1:5000
   EXPECT_EQ(loaded.captures[3].path, "udp://239.1.1.1:5000");
 }
 
-TEST_F(ConfigTest, An_error_names_the_line_the_key_the_value_and_what_is_allowed) {
+TEST_F(ConfigTest, AnErrorNamesTheLineTheKeyTheValueAndWhatIsAllowed) {
   EXPECT_EQ(Refused("[log]\nlevel = 9\n"), ":2: level must be a whole number from 0 to 8, not \"9\"");
   EXPECT_EQ(Refused("[log]\nlevel = 4x\n"), ":2: level must be a whole number from 0 to 8, not \"4x\"");
   EXPECT_EQ(Refused("[log]\nlevel.X = -1\n"), ":2: level.X must be a whole number from 0 to 8, not \"-1\"");
@@ -440,23 +440,23 @@ TEST_F(ConfigTest, An_error_names_the_line_the_key_the_value_and_what_is_allowed
   EXPECT_THAT(Refused("[capture4]\nport = 1\n"), HasSubstr("unknown section [capture4]"));
 }
 
-TEST_F(ConfigTest, A_file_that_is_not_there_is_an_error) {
+TEST_F(ConfigTest, AFileThatDoesNotExistIsAnError) {
   std::string error;
   EXPECT_FALSE(HostRuntime_Load(Folder() + "/none.ini", m_config, error));
   EXPECT_EQ(error, "cannot read \"" + Folder() + "/none.ini\": No such file or directory");
   EXPECT_FALSE(HostRuntime_Load(Folder(), m_config, error));
 }
 
-TEST_F(ConfigTest, The_library_reads_its_key_from_a_mapped_file) {
+TEST_F(ConfigTest, TheLibraryReadsItsKeyFromAMappedFile) {
   m_config.configFiles["/etc/hostos.ini"] =
       WriteFile("other.ini", "[CursorOnTarget]\nAllItemsSupport = No\n[X]\nA=1\n");
   Apply();
   char text[40] = "old";
-  int size = sizeof text;
+  int size = sizeof(text);
   EXPECT_TRUE(CfgFile_GetStringValue("/etc/hostos.ini", "CursorOnTarget", "AllItemsSupport", text, &size, "Yes"));
   EXPECT_STREQ(text, "No");
   EXPECT_EQ(size, 2);
-  size = sizeof text;
+  size = sizeof(text);
   EXPECT_FALSE(CfgFile_GetStringValue("/etc/hostos.ini", "CursorOnTarget", "Missing", text, &size, "Yes"));
   EXPECT_STREQ(text, "Yes");
   EXPECT_EQ(size, 3);
@@ -466,10 +466,10 @@ TEST_F(ConfigTest, The_library_reads_its_key_from_a_mapped_file) {
   EXPECT_EQ(size, 1);
 }
 
-TEST_F(ConfigTest, A_default_answers_where_the_file_has_no_such_key) {
+TEST_F(ConfigTest, ADefaultIsUsedIfTheFileHasNoSuchKey) {
   const auto value = [](const char* key, BOOL found) {
     char text[40] = "old";
-    int size = sizeof text;
+    int size = sizeof(text);
     EXPECT_EQ(CfgFile_GetStringValue("/etc/hostos.ini", "UASLocalSet", key, text, &size, "No"), found) << key;
     return std::string(text);
   };
@@ -486,12 +486,12 @@ TEST_F(ConfigTest, A_default_answers_where_the_file_has_no_such_key) {
   EXPECT_EQ(value("ExtendedTags", TRUE), "Never") << "the file wins";
 }
 
-TEST_F(ConfigTest, The_library_gets_the_readable_lines_of_a_damaged_file) {
+TEST_F(ConfigTest, TheLibraryGetsTheReadableLinesOfADamagedFile) {
   const std::string path =
       WriteFile("half.ini", "[X]\nA = 1\nbroken line\nB = 2\n" + std::string(300, 'x') + "\nC = 3\n");
   const auto value = [&path](const char* key) {
     char text[8];
-    int size = sizeof text;
+    int size = sizeof(text);
     CfgFile_GetStringValue(path.c_str(), "X", key, text, &size, "none");
     return std::string(text);
   };

@@ -7,11 +7,11 @@
 #include <vector>
 
 struct MediaPacket {
-  std::int64_t time;  // 90 kHz
-  std::vector<std::uint8_t> data;
+  int64_t time;  // 90 kHz
+  std::vector<uint8_t> data;
 };
 
-// An MPEG transport stream with nothing but the KLV track.
+// Writes an MPEG transport stream with only a KLV track.
 void WriteTransportStream(const std::string& path, const std::vector<MediaPacket>& packets);
 
 #endif  // MEDIA_FILE_H

@@ -1,4 +1,4 @@
-// What the host runtime's tests share: a fixture that keeps the log, and a folder of its own.
+// Shared by the host runtime's tests: a fixture that keeps the log and has a folder of its own.
 #ifndef RUNTIME_TEST_H
 #define RUNTIME_TEST_H
 
@@ -48,7 +48,7 @@ class RuntimeTest : public testing::Test {
     const std::lock_guard guard(m_lock);
     return m_lines;
   }
-  // The texts of a module's lines.
+  // Returns the texts of a module's lines.
   std::vector<std::string> Texts(const std::string& module = "HOST") {
     std::vector<std::string> texts;
     for (const HostLogLine& line : Lines()) {
@@ -79,7 +79,7 @@ class RuntimeTest : public testing::Test {
   std::string m_folder;
 };
 
-// Waits for what another thread does; for at most ten seconds.
+// Waits for the work of another thread, for at most ten seconds.
 inline bool Eventually(const std::function<bool()>& done) {
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
   while (!done()) {

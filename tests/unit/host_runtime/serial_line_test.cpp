@@ -1,4 +1,4 @@
-// Serial devices in a descriptor set, on pseudo-terminals: pieces, devices that go away and come back, and who has them.
+// Serial devices in a descriptor set, on pseudo-terminals: pieces, loss and return of a device, and exclusive use.
 #include "serial_line.h"
 
 #include <fcntl.h>
@@ -38,7 +38,7 @@ int OpenDescriptors() {
   return count;
 }
 
-// A pseudo-terminal under a name of its own, as an adapter is under the name that udev gives it.
+// A pseudo-terminal with a name of its own, as an adapter has the name that udev gives it.
 class SerialLineTest : public RuntimeTest {
  protected:
   SerialLineTest() {
@@ -58,7 +58,7 @@ class SerialLineTest : public RuntimeTest {
     m_far = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
     EXPECT_EQ(grantpt(m_far), 0);
     EXPECT_EQ(unlockpt(m_far), 0);
-    EXPECT_EQ(ptsname_r(m_far, m_name, sizeof m_name), 0);
+    EXPECT_EQ(ptsname_r(m_far, m_name, sizeof(m_name)), 0);
     std::filesystem::create_symlink(m_name, m_link);
   }
   void Unplug() {
@@ -67,7 +67,7 @@ class SerialLineTest : public RuntimeTest {
   }
 
   bool Open() { return OpenSerialPortDevice("/dev/ttyPS0", &m_port); }
-  // As the library does it; the callback reads as the library does.
+  // Opens the device and reads in the callback as the library does.
   void OpenInSet(int baud = 115200) {
     const MDATA_SERIAL_SRC_CFG settings = {baud, 0, 0, 0, 8};
     ASSERT_TRUE(Open());
@@ -86,15 +86,15 @@ class SerialLineTest : public RuntimeTest {
       return;
     }
     char buffer[48];
-    const ssize_t size = read(fd, buffer, sizeof buffer);
-    test->m_pieces.push_back(size < 0 ? "error" : std::string(buffer, static_cast<std::size_t>(size)));
+    const ssize_t size = read(fd, buffer, sizeof(buffer));
+    test->m_pieces.push_back(size < 0 ? "error" : std::string(buffer, static_cast<size_t>(size)));
   }
 
   void Interval(int ms) {
     const timeval interval = {ms / 1000, ms % 1000 * 1000};
     EXPECT_TRUE(FDMGR_SetSelectTimeout(m_set, &interval, nullptr, nullptr, nullptr));
   }
-  // Selects until something is so, for at most ten seconds.
+  // Selects until a condition holds, for at most ten seconds.
   bool SelectUntil(const std::function<bool()>& done) {
     Interval(20);
     return Eventually([&] { return FDMGR_Select(m_set) >= 0 && done(); });
@@ -124,12 +124,12 @@ class SerialLineTest : public RuntimeTest {
   int m_port = -1;
   HFDSET m_set = nullptr;
   std::vector<std::string> m_pieces;
-  int m_busy = 0;  // callbacks that do not read
+  int m_busy = 0;  // number of callbacks that do not read
 };
 
 // --- pieces ------------------------------------------------------------------------------------------
 
-TEST_F(SerialLineTest, A_few_bytes_are_not_handed_out_before_more_have_come) {
+TEST_F(SerialLineTest, AFewBytesAreNotHandedOutBeforeMoreHaveCome) {
   OpenInSet(9600);
   Send("12345");
   Interval(0);
@@ -139,7 +139,7 @@ TEST_F(SerialLineTest, A_few_bytes_are_not_handed_out_before_more_have_come) {
   EXPECT_THAT(m_pieces, ElementsAre("123456789abcdefghij"));
 }
 
-TEST_F(SerialLineTest, A_few_bytes_on_a_quiet_line_are_handed_out_within_the_pass) {
+TEST_F(SerialLineTest, AFewBytesOnAQuietLineAreHandedOutWithinThePass) {
   OpenInSet();
   Send("12345");
   Interval(10'000);
@@ -147,7 +147,7 @@ TEST_F(SerialLineTest, A_few_bytes_on_a_quiet_line_are_handed_out_within_the_pas
   EXPECT_THAT(m_pieces, ElementsAre("12345"));
 }
 
-TEST_F(SerialLineTest, Gathering_neither_delays_others_nor_the_time_out) {
+TEST_F(SerialLineTest, GatheringNeitherDelaysOthersNorTheTimeOut) {
   OpenInSet(50);  // a quarter of a second for a short piece
   const int event = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   int calls = 0;
@@ -168,7 +168,7 @@ TEST_F(SerialLineTest, Gathering_neither_delays_others_nor_the_time_out) {
   EXPECT_THAT(m_pieces, IsEmpty());
 }
 
-TEST_F(SerialLineTest, Bytes_that_a_callback_left_are_handed_out_again) {
+TEST_F(SerialLineTest, BytesThatACallbackLeftAreHandedOutAgain) {
   OpenInSet();
   m_busy = 3;
   Send(std::string(30, 'x'));
@@ -180,7 +180,7 @@ TEST_F(SerialLineTest, Bytes_that_a_callback_left_are_handed_out_again) {
   EXPECT_THAT(m_pieces, ElementsAre(std::string(30, 'x')));
 }
 
-TEST_F(SerialLineTest, Much_at_once_arrives_whole_and_in_order) {
+TEST_F(SerialLineTest, MuchAtOnceArrivesWholeAndInOrder) {
   OpenInSet();
   std::string all;
   for (int i = 0; i < 20'000; ++i) all += static_cast<char>(i * 7 + i / 256);
@@ -190,7 +190,7 @@ TEST_F(SerialLineTest, Much_at_once_arrives_whole_and_in_order) {
   EXPECT_TRUE(Got() == all);
 }
 
-TEST_F(SerialLineTest, Out_of_the_set_the_descriptor_is_the_device_again) {
+TEST_F(SerialLineTest, OutOfTheSetTheDescriptorIsTheDeviceAgain) {
   const int before = OpenDescriptors();
   OpenInSet(19200);
   EXPECT_TRUE(__FDMGR_RemoveReadFD(m_set, m_port, HERE));
@@ -206,8 +206,8 @@ TEST_F(SerialLineTest, Out_of_the_set_the_descriptor_is_the_device_again) {
   EXPECT_EQ(OpenDescriptors(), before);
 }
 
-// The number may have been used again; what stands behind it then belongs to somebody else.
-TEST_F(SerialLineTest, A_descriptor_closed_in_the_set_takes_its_device_along_and_its_number_is_left_alone) {
+// The number may have been reused for a descriptor of another owner.
+TEST_F(SerialLineTest, ADescriptorClosedInTheSetTakesItsDeviceAlongAndItsNumberIsLeftAlone) {
   OpenInSet();
   const int number = std::exchange(m_port, -1);
   close(number);
@@ -227,7 +227,7 @@ TEST_F(SerialLineTest, A_descriptor_closed_in_the_set_takes_its_device_along_and
 
 // --- devices that go away ----------------------------------------------------------------------------
 
-TEST_F(SerialLineTest, A_device_that_comes_back_is_behind_the_same_descriptor_as_before) {
+TEST_F(SerialLineTest, ADeviceThatReturnsIsBehindTheSameDescriptorAsBefore) {
   OpenInSet(38400);
   const int before = OpenDescriptors();
   Send(std::string(30, 'a'));
@@ -254,7 +254,7 @@ TEST_F(SerialLineTest, A_device_that_comes_back_is_behind_the_same_descriptor_as
   EXPECT_EQ(OpenDescriptors(), before - 3);
 }
 
-TEST_F(SerialLineTest, What_came_before_the_device_went_away_is_handed_out) {
+TEST_F(SerialLineTest, BytesFromBeforeTheLossOfTheDeviceAreHandedOut) {
   OpenInSet(50);  // held for more than a second
   const int watcher = open(m_name, O_RDWR | O_NOCTTY | O_CLOEXEC);
   Send(std::string(20, 'a'));
@@ -270,7 +270,7 @@ TEST_F(SerialLineTest, What_came_before_the_device_went_away_is_handed_out) {
   EXPECT_EQ(Got(), std::string(20, 'a'));
 }
 
-TEST_F(SerialLineTest, While_the_device_is_away_the_thread_sleeps) {
+TEST_F(SerialLineTest, WhileTheDeviceIsLostTheThreadSleeps) {
   OpenInSet();
   Unplug();
   ASSERT_TRUE(SelectUntil([&] { return Warnings().size() == 1; }));
@@ -285,7 +285,7 @@ TEST_F(SerialLineTest, While_the_device_is_away_the_thread_sleeps) {
   EXPECT_THAT(m_pieces, IsEmpty());
 }
 
-TEST_F(SerialLineTest, A_device_that_hung_up_before_it_was_added_comes_back_too) {
+TEST_F(SerialLineTest, ADeviceThatHungUpBeforeItWasAddedReturnsToo) {
   const MDATA_SERIAL_SRC_CFG settings = {9600, 0, 0, 0, 8};
   ASSERT_TRUE(Open());
   ASSERT_TRUE(ConfigureSerialPort(m_port, &settings, nullptr));
@@ -298,30 +298,30 @@ TEST_F(SerialLineTest, A_device_that_hung_up_before_it_was_added_comes_back_too)
   EXPECT_TRUE(SelectUntil([&] { return Got().size() == 300; }));
 }
 
-TEST_F(SerialLineTest, A_source_is_closed_while_its_device_is_away) {
+TEST_F(SerialLineTest, ASourceIsClosedWhileItsDeviceIsLost) {
   const int before = OpenDescriptors();
   OpenInSet();
   Unplug();
   ASSERT_TRUE(SelectUntil([&] { return Warnings().size() == 1; }));
   ClosePort();
-  EXPECT_EQ(OpenDescriptors(), before - 1);  // and the far end's
+  EXPECT_EQ(OpenDescriptors(), before - 1);  // and that of the far end
   Plug();
   OpenInSet();
   Send(std::string(300, 'b'));
   EXPECT_TRUE(SelectUntil([&] { return Got().size() == 300; }));
 }
 
-TEST(LossLimit, Tells_twenty_losses_at_once_and_one_a_second_after_that) {
+TEST(LossLimit, ReportsTwentyLossesAtOnceAndOnePerSecondAfterThat) {
   host_runtime::LossLimit limit;
   int told = 0;
-  for (std::int64_t i = 0; i < 100; ++i) told += limit.Allow(i * 100'000'000) ? 1 : 0;
+  for (int64_t i = 0; i < 100; ++i) told += limit.Allow(i * 100'000'000) ? 1 : 0;
   EXPECT_GE(told, 28);
   EXPECT_LE(told, 30);
 }
 
 // --- who has a device --------------------------------------------------------------------------------
 
-TEST_F(SerialLineTest, A_device_is_never_shared) {
+TEST_F(SerialLineTest, ADeviceIsNeverShared) {
   OpenInSet();
   int second = 0;
   EXPECT_FALSE(OpenSerialPortDevice("/dev/ttyPS0", &second));
@@ -337,7 +337,7 @@ TEST_F(SerialLineTest, A_device_is_never_shared) {
   EXPECT_TRUE(Open());
 }
 
-TEST_F(SerialLineTest, A_device_that_another_process_took_meanwhile_is_left_to_it) {
+TEST_F(SerialLineTest, ADeviceThatAnotherProcessTookMeanwhileIsLeftToIt) {
   OpenInSet();
   Unplug();
   ASSERT_TRUE(SelectUntil([&] { return Warnings().size() == 1; }));

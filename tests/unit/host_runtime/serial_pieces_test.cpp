@@ -1,4 +1,4 @@
-// How the bytes of a serial line are cut, by a clock of the test's own, and what the library's decoder makes of it.
+// Cuts the bytes of a serial line by a clock of the test's own, and feeds the pieces to the library's decoder.
 #include "serial_pieces.h"
 
 #include <gmock/gmock.h>
@@ -28,18 +28,18 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Le;
 using Bytes = std::vector<BYTE>;
-using Sizes = std::vector<std::size_t>;
+using Sizes = std::vector<size_t>;
 
-constexpr std::int64_t kMs = 1'000'000;
-constexpr std::int64_t kAt9600 = 1'041'666;  // ten bits
-constexpr std::int64_t kAt115200 = 86'805;
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t kAt9600 = 1'041'666;  // ten bits
+constexpr int64_t kAt115200 = 86'805;
 
 class PiecesTest : public testing::Test {
  protected:
-  explicit PiecesTest(std::int64_t time = kAt9600) : m_character(time), m_pieces(time) {}
+  explicit PiecesTest(int64_t time = kAt9600) : m_character(time), m_pieces(time) {}
 
-  void Come(std::size_t count) { m_pieces.Push(Bytes(count, 0x55), m_now); }
-  // The sizes of all that is due now.
+  void Come(size_t count) { m_pieces.Push(Bytes(count, 0x55), m_now); }
+  // Returns the sizes of all pieces that are due now.
   Sizes Cut() {
     Sizes sizes;
     for (auto piece = m_pieces.Next(m_now); !piece.empty(); piece = m_pieces.Next(m_now)) {
@@ -48,7 +48,7 @@ class PiecesTest : public testing::Test {
     }
     return sizes;
   }
-  // One character after the other, as the line brings them.
+  // Pushes one character after the other, as the line delivers them.
   Sizes Run(int count) {
     Sizes all;
     for (int i = 0; i < count; ++i) {
@@ -60,12 +60,12 @@ class PiecesTest : public testing::Test {
     return all;
   }
 
-  const std::int64_t m_character;
-  std::int64_t m_now = 1'000'000'000'000;
+  const int64_t m_character;
+  int64_t m_now = 1'000'000'000'000;
   SerialPieces m_pieces;
 };
 
-TEST_F(PiecesTest, A_whole_message_goes_when_the_line_was_quiet_for_sixteen_characters) {
+TEST_F(PiecesTest, AWholeMessageIsHandedOutWhenTheLineWasQuietForSixteenCharacters) {
   Come(150);
   EXPECT_THAT(Cut(), IsEmpty());
   EXPECT_EQ(m_pieces.Due(), m_now + 16 * kAt9600);
@@ -76,7 +76,7 @@ TEST_F(PiecesTest, A_whole_message_goes_when_the_line_was_quiet_for_sixteen_char
   EXPECT_EQ(m_pieces.Due(), SerialPieces::kNever);
 }
 
-TEST_F(PiecesTest, A_good_piece_goes_at_once) {
+TEST_F(PiecesTest, AGoodPieceIsHandedOutAtOnce) {
   Come(255);
   EXPECT_THAT(Cut(), IsEmpty());
   Come(1);
@@ -85,8 +85,8 @@ TEST_F(PiecesTest, A_good_piece_goes_at_once) {
   EXPECT_THAT(sizes, Each(Le(48u)));
 }
 
-TEST_F(PiecesTest, No_short_rest_stays_behind_a_full_piece) {
-  for (std::size_t size = 16; size <= 300; ++size) {
+TEST_F(PiecesTest, NoShortRestStaysBehindAFullPiece) {
+  for (size_t size = 16; size <= 300; ++size) {
     SerialPieces fresh(kAt9600);
     fresh.Push(Bytes(size, 1), m_now);
     m_now = fresh.Due();
@@ -99,7 +99,7 @@ TEST_F(PiecesTest, No_short_rest_stays_behind_a_full_piece) {
   }
 }
 
-TEST_F(PiecesTest, A_line_that_runs_gives_a_good_piece_first_and_then_sixteen_characters_at_a_time) {
+TEST_F(PiecesTest, ALineThatRunsGivesAGoodPieceFirstAndThenSixteenCharactersAtATime) {
   EXPECT_THAT(Run(255), IsEmpty());
   EXPECT_EQ(Run(1).size(), 6u);
   EXPECT_THAT(Run(48), ElementsAre(16u, 16u, 16u));
@@ -110,7 +110,7 @@ TEST_F(PiecesTest, A_line_that_runs_gives_a_good_piece_first_and_then_sixteen_ch
   EXPECT_THAT(Run(16), IsEmpty());
 }
 
-TEST_F(PiecesTest, A_short_rest_waits_for_twenty_characters_and_a_second_one_for_a_quarter_second) {
+TEST_F(PiecesTest, AShortRestWaitsForTwentyCharactersAndASecondOneForAQuarterSecond) {
   Run(256);
   Come(5);
   EXPECT_EQ(m_pieces.Due(), m_now + 20 * kAt9600);
@@ -126,8 +126,8 @@ TEST_F(PiecesTest, A_short_rest_waits_for_twenty_characters_and_a_second_one_for
   EXPECT_EQ(m_pieces.Due(), m_now + 20 * kAt9600);
 }
 
-TEST(SerialPieces, Pauses_follow_the_rate_within_bounds) {
-  const auto dueAfter = [](std::int64_t character, std::size_t bytes) {
+TEST(SerialPieces, PausesFollowTheRateWithinBounds) {
+  const auto dueAfter = [](int64_t character, size_t bytes) {
     SerialPieces pieces(character);
     pieces.Push(Bytes(bytes, 1), 0);
     return pieces.Due();
@@ -137,10 +137,10 @@ TEST(SerialPieces, Pauses_follow_the_rate_within_bounds) {
   EXPECT_EQ(dueAfter(200'000'000 / 3, 5), 250 * kMs);  // 150 baud
 }
 
-TEST(SerialPieces, What_never_pauses_is_held_for_256_characters_or_a_second) {
-  constexpr std::int64_t kAt1200 = 8'333'333;
+TEST(SerialPieces, ALineWithoutPausesIsHeldFor256CharactersOrASecond) {
+  constexpr int64_t kAt1200 = 8'333'333;
   SerialPieces slow(kAt1200);
-  std::int64_t now = 0;
+  int64_t now = 0;
   while (slow.Next(now).empty()) {
     now += kAt1200;
     slow.Push(Bytes(1, 1), now);
@@ -149,13 +149,13 @@ TEST(SerialPieces, What_never_pauses_is_held_for_256_characters_or_a_second) {
   EXPECT_GE(now, 1000 * kMs);
 }
 
-TEST_F(PiecesTest, After_an_interruption_a_filler_ends_what_the_decoder_waits_for) {
+TEST_F(PiecesTest, AfterAnInterruptionAFillerEndsWhatTheDecoderWaitsFor) {
   Run(256);
   Come(7);
   m_pieces.Interrupt();
   EXPECT_THAT(Cut(), ElementsAre(7u));  // nothing follows it
   EXPECT_EQ(m_pieces.Due(), SerialPieces::kNever);
-  const std::int64_t last = m_now;
+  const int64_t last = m_now;
   m_now += 300 * kMs;
   Come(100);
   EXPECT_THAT(Cut(), IsEmpty());
@@ -165,7 +165,7 @@ TEST_F(PiecesTest, After_an_interruption_a_filler_ends_what_the_decoder_waits_fo
   EXPECT_EQ(Bytes(filler.begin(), filler.end()), Bytes(16, 0xFF));
   m_pieces.Pop(m_now);
   EXPECT_THAT(Cut(), ElementsAre(34u, 33u, 33u));
-  // Nothing was handed out since: the decoder waits for nothing.
+  // The decoder waits for nothing, because nothing was handed out since.
   SerialPieces fresh(kAt9600);
   fresh.Interrupt();
   fresh.Push(Bytes(256, 1), m_now);
@@ -174,13 +174,13 @@ TEST_F(PiecesTest, After_an_interruption_a_filler_ends_what_the_decoder_waits_fo
 
 // --- with the library's decoder ----------------------------------------------------------------------
 
-// A local set of so many bytes, its values full of the beginnings of keys.
-Bytes Message(std::size_t size, BYTE number) {
+// Returns a local set of so many bytes, whose values contain many beginnings of keys.
+Bytes Message(size_t size, BYTE number) {
   const Bytes key = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01, 0x01, 0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00, 0x00};
   Bytes message = key;
-  const std::size_t body = size - 19;
+  const size_t body = size - 19;
   message.insert(message.end(), {0x82, static_cast<BYTE>(body >> 8), static_cast<BYTE>(body)});
-  // One item of the whole body: tag, long length, value.
+  // The body is one item: tag, long length, value.
   message.insert(message.end(), {3, 0x82, static_cast<BYTE>((body - 4) >> 8), static_cast<BYTE>(body - 4), number});
   while (message.size() < size) message.push_back(key[message.size() % 4]);
   return message;
@@ -191,7 +191,7 @@ class DecodedTest : public RuntimeTest {
   ~DecodedTest() override {
     if (m_decoder != nullptr) FreeKlvDecodeContext(&m_decoder);
   }
-  // A source that was just opened.
+  // The pieces of a source that was just opened.
   void Restart() {
     if (m_decoder != nullptr) FreeKlvDecodeContext(&m_decoder);
     m_got.clear();
@@ -201,21 +201,21 @@ class DecodedTest : public RuntimeTest {
     static_cast<DecodedTest*>(pvTest)->m_got.emplace_back(pMessage->pcData, pMessage->pcData + pMessage->nDataSize);
   }
 
-  void Decode(SerialPieces& pieces, std::int64_t now) {
+  void Decode(SerialPieces& pieces, int64_t now) {
     for (auto piece = pieces.Next(now); !piece.empty(); piece = pieces.Next(now)) {
       GenericKLV_ProcessRxData(m_decoder, piece.data(), static_cast<int>(piece.size()));
       pieces.Pop(now);
     }
   }
-  // Sends the stream in lots of 1 to `most` bytes at the rate; a lot may come late by up to `jitter`.
-  void Send(const Bytes& stream, std::size_t most, std::int64_t character, std::int64_t jitter) {
+  // Sends the stream in groups of 1 to `most` bytes at the rate; a group may be late by up to `jitter`.
+  void Send(const Bytes& stream, size_t most, int64_t character, int64_t jitter) {
     SerialPieces pieces(character);
-    std::int64_t now = 1'000'000'000'000;
-    for (std::size_t at = 0; at < stream.size();) {
-      const std::size_t size = std::min(1 + m_random() % most, stream.size() - at);
-      const std::int64_t next = now + static_cast<std::int64_t>(size) * character +
-                                (jitter == 0 ? 0 : static_cast<std::int64_t>(m_random()) % jitter);
-      for (std::int64_t due = pieces.Due(); due < next; due = pieces.Due()) Decode(pieces, std::max(due, now));
+    int64_t now = 1'000'000'000'000;
+    for (size_t at = 0; at < stream.size();) {
+      const size_t size = std::min(1 + m_random() % most, stream.size() - at);
+      const int64_t next =
+          now + static_cast<int64_t>(size) * character + (jitter == 0 ? 0 : static_cast<int64_t>(m_random()) % jitter);
+      for (int64_t due = pieces.Due(); due < next; due = pieces.Due()) Decode(pieces, std::max(due, now));
       now = next;
       pieces.Push({stream.data() + at, size}, now);
       at += size;
@@ -229,11 +229,11 @@ class DecodedTest : public RuntimeTest {
   std::mt19937 m_random{1};
 };
 
-TEST_F(DecodedTest, Every_message_of_a_stream_arrives_in_lots_of_any_size_the_first_one_included) {
-  constexpr std::size_t kLots[] = {1, 2, 3, 5, 7, 8, 14, 15, 16, 17, 47, 48, 49, 62, 100, 1000};
-  for (const std::int64_t character : {kAt9600, kAt9600 / 4, kAt115200}) {
-    for (const std::size_t most : kLots) {
-      for (const std::int64_t jitter : {std::int64_t{0}, 15 * kMs}) {
+TEST_F(DecodedTest, EveryMessageOfAStreamArrivesInLotsOfAnySizeTheFirstOneIncluded) {
+  constexpr size_t kLots[] = {1, 2, 3, 5, 7, 8, 14, 15, 16, 17, 47, 48, 49, 62, 100, 1000};
+  for (const int64_t character : {kAt9600, kAt9600 / 4, kAt115200}) {
+    for (const size_t most : kLots) {
+      for (const int64_t jitter : {int64_t{0}, 15 * kMs}) {
         Restart();
         std::vector<Bytes> sent;
         Bytes stream;
@@ -249,7 +249,7 @@ TEST_F(DecodedTest, Every_message_of_a_stream_arrives_in_lots_of_any_size_the_fi
   }
 }
 
-TEST_F(DecodedTest, The_filler_ends_a_key_cut_at_any_byte_and_the_next_message_arrives) {
+TEST_F(DecodedTest, TheFillerEndsAKeyCutAtAnyByteAndTheNextMessageArrives) {
   const Bytes whole = Message(60, 1);
   const Bytes filler(16, 0xFF);
   for (int cut = 1; cut < 16; ++cut) {

@@ -33,7 +33,7 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Clock = std::chrono::steady_clock;
 
-// A descriptor that is readable as long as it was told so.
+// A descriptor that the test makes readable.
 class Event {
  public:
   Event() : fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
@@ -89,16 +89,16 @@ class SetTest : public RuntimeTest {
   int m_timeOuts = 0;
 };
 
-TEST_F(SetTest, Readable_descriptors_are_dispatched_in_the_order_they_were_added) {
+TEST_F(SetTest, ReadableDescriptorsAreDispatchedInTheOrderTheyWereAdded) {
   std::vector<std::unique_ptr<Event>> events;
   for (int i = 0; i < 200; ++i) events.push_back(std::make_unique<Event>());
-  for (int i = 0; i < 200; ++i) Add(events[static_cast<std::size_t>((i * 37) % 200)]->fd, i);
+  for (int i = 0; i < 200; ++i) Add(events[static_cast<size_t>((i * 37) % 200)]->fd, i);
   for (auto event = events.rbegin(); event != events.rend(); ++event) (*event)->Set();
   EXPECT_EQ(FDMGR_Select(m_set), 200);
   EXPECT_TRUE(std::is_sorted(m_calls.begin(), m_calls.end()));
 }
 
-TEST_F(SetTest, A_descriptor_is_dispatched_as_long_as_it_stays_readable) {
+TEST_F(SetTest, ADescriptorIsDispatchedAsLongAsItStaysReadable) {
   Event event;
   Add(event.fd, 1);
   event.Set();
@@ -110,7 +110,7 @@ TEST_F(SetTest, A_descriptor_is_dispatched_as_long_as_it_stays_readable) {
   EXPECT_EQ(m_timeOuts, 1);
 }
 
-TEST_F(SetTest, A_removal_takes_effect_in_the_same_pass) {
+TEST_F(SetTest, ARemovalTakesEffectInTheSamePass) {
   Event first;
   Event second;
   Add(first.fd, 1, [&] { Remove(second.fd); });
@@ -121,7 +121,7 @@ TEST_F(SetTest, A_removal_takes_effect_in_the_same_pass) {
   EXPECT_THAT(m_calls, ElementsAre(1));
 }
 
-TEST_F(SetTest, A_descriptor_added_anew_under_the_same_number_waits_for_its_own_event) {
+TEST_F(SetTest, ADescriptorAddedAnewUnderTheSameNumberWaitsForItsOwnEvent) {
   Event first;
   Event second;
   Add(first.fd, 1, [&] {
@@ -136,7 +136,7 @@ TEST_F(SetTest, A_descriptor_added_anew_under_the_same_number_waits_for_its_own_
   EXPECT_THAT(m_calls, ElementsAre(1));
 }
 
-TEST_F(SetTest, A_callback_may_remove_itself) {
+TEST_F(SetTest, ACallbackMayRemoveItself) {
   Event event;
   Add(event.fd, 1, [&] { Remove(event.fd); });
   event.Set();
@@ -145,7 +145,7 @@ TEST_F(SetTest, A_callback_may_remove_itself) {
   EXPECT_EQ(FDMGR_Select(m_set), 0);
 }
 
-TEST_F(SetTest, The_interval_is_copied_and_armed_anew_for_every_select) {
+TEST_F(SetTest, TheIntervalIsCopiedAndArmedAnewForEverySelect) {
   TimeOutAfter(30);
   for (int i = 1; i <= 2; ++i) {
     const auto begin = Clock::now();
@@ -155,7 +155,7 @@ TEST_F(SetTest, The_interval_is_copied_and_armed_anew_for_every_select) {
   }
 }
 
-TEST_F(SetTest, Without_interval_a_select_waits_for_a_descriptor) {
+TEST_F(SetTest, WithoutIntervalASelectWaitsForADescriptor) {
   Event event;
   Add(event.fd, 1);
   TimeOutAfter(1);
@@ -169,7 +169,7 @@ TEST_F(SetTest, Without_interval_a_select_waits_for_a_descriptor) {
   EXPECT_EQ(m_timeOuts, 0);
 }
 
-TEST_F(SetTest, A_busy_descriptor_keeps_nobody_waiting) {
+TEST_F(SetTest, ABusyDescriptorKeepsNobodyWaiting) {
   Event busy;
   Event quiet;
   Add(busy.fd, 1, [&] { busy.Set(); });
@@ -179,7 +179,7 @@ TEST_F(SetTest, A_busy_descriptor_keeps_nobody_waiting) {
   for (int i = 0; i < 10; ++i) EXPECT_EQ(FDMGR_Select(m_set), 2);
 }
 
-TEST_F(SetTest, A_peer_that_is_gone_makes_its_descriptor_readable) {
+TEST_F(SetTest, APeerThatClosedMakesItsDescriptorReadable) {
   int ends[2];
   ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
   Add(ends[0], 1);
@@ -189,7 +189,7 @@ TEST_F(SetTest, A_peer_that_is_gone_makes_its_descriptor_readable) {
   close(ends[0]);
 }
 
-TEST_F(SetTest, Misuse_fails_and_is_logged) {
+TEST_F(SetTest, MisuseFailsAndIsLogged) {
   Event event;
   EXPECT_FALSE(__FDMGR_AddReadFD(m_set, -1, &SetTest::Called, nullptr, nullptr, HERE));
   EXPECT_FALSE(__FDMGR_RemoveReadFD(m_set, event.fd, HERE));
@@ -201,7 +201,7 @@ TEST_F(SetTest, Misuse_fails_and_is_logged) {
   EXPECT_EQ(FDMGR_Select(nullptr), -1);
 }
 
-TEST_F(SetTest, A_descriptor_closed_without_removal_can_be_added_again) {
+TEST_F(SetTest, ADescriptorClosedWithoutRemovalCanBeAddedAgain) {
   const int fd = eventfd(1, EFD_CLOEXEC);
   Add(fd, 1);
   close(fd);
@@ -231,7 +231,7 @@ class MailboxTest : public RuntimeTest {
     const HMBOXMSG message = __MBOX_AllocMessage(0, HERE);
     MBOX_GetMessageHeader(message)->dwEventID = id;
     if (MBOX_SendMessage(mailbox, message, 0)) return true;
-    MBOX_FreeMessage(message);  // a failed send leaves it here
+    MBOX_FreeMessage(message);  // a failed send leaves it with the caller
     return false;
   }
   static DWORD Receive(HMBOX mailbox) {
@@ -243,7 +243,7 @@ class MailboxTest : public RuntimeTest {
   }
 };
 
-TEST_F(MailboxTest, First_in_first_out_and_readable_while_anything_waits) {
+TEST_F(MailboxTest, FirstInFirstOutAndReadableWhileAnythingWaits) {
   HMBOX mailbox = Create("Box");
   ASSERT_NE(mailbox, nullptr);
   EXPECT_FALSE(Readable(mailbox));
@@ -258,7 +258,7 @@ TEST_F(MailboxTest, First_in_first_out_and_readable_while_anything_waits) {
   EXPECT_EQ(mailbox, nullptr);
 }
 
-TEST_F(MailboxTest, A_message_starts_zeroed_and_closing_frees_what_is_queued) {
+TEST_F(MailboxTest, AMessageStartsZeroedAndClosingFreesWhatIsQueued) {
   HMBOX mailbox = Create("Box");
   const HMBOXMSG message = __MBOX_AllocMessage(100, HERE);
   EXPECT_EQ(MBOX_GetMessageHeader(message)->pvParam1, nullptr);
@@ -267,7 +267,7 @@ TEST_F(MailboxTest, A_message_starts_zeroed_and_closing_frees_what_is_queued) {
   EXPECT_EQ(__MBOX_AllocMessage(SIZE_MAX, HERE), nullptr);
 }
 
-TEST_F(MailboxTest, A_name_is_used_once_unless_replaced) {
+TEST_F(MailboxTest, ANameIsUsedOnceUnlessReplaced) {
   HMBOX first = Create("Box");
   EXPECT_EQ(Create("Box"), nullptr);
   HMBOX second = Create("Box", TRUE);
@@ -281,7 +281,7 @@ TEST_F(MailboxTest, A_name_is_used_once_unless_replaced) {
   EXPECT_TRUE(MBOX_CloseMailBox(&second));
 }
 
-TEST_F(MailboxTest, A_full_mailbox_refuses_and_the_message_stays_with_the_caller) {
+TEST_F(MailboxTest, AFullMailboxRefusesAndTheMessageStaysWithTheCaller) {
   HMBOX mailbox = Create("Box");
   DWORD sent = 0;
   while (sent < 100'000 && Send(mailbox, sent + 1)) ++sent;
@@ -291,7 +291,7 @@ TEST_F(MailboxTest, A_full_mailbox_refuses_and_the_message_stays_with_the_caller
   EXPECT_TRUE(MBOX_CloseMailBox(&mailbox));
 }
 
-TEST_F(MailboxTest, Many_threads_send_to_one) {
+TEST_F(MailboxTest, ManyThreadsSendToOne) {
   HMBOX mailbox = Create("Box");
   std::vector<std::thread> senders;
   for (DWORD s = 0; s < 4; ++s) {
@@ -315,7 +315,7 @@ TEST_F(MailboxTest, Many_threads_send_to_one) {
 
 // --- wait conditions ---------------------------------------------------------------------------------
 
-TEST(WaitCond, Posts_count_also_before_the_wait) {
+TEST(WaitCond, PostsCountAlsoBeforeTheWait) {
   WAIT_COND cond;
   ASSERT_TRUE(WaitCond_Init(&cond));
   EXPECT_TRUE(WaitCond_Post(&cond));
@@ -328,7 +328,7 @@ TEST(WaitCond, Posts_count_also_before_the_wait) {
   WaitCond_Destroy(&cond);
 }
 
-TEST(WaitCond, A_wait_without_a_post_takes_its_time) {
+TEST(WaitCond, AWaitWithoutAPostTakesItsTime) {
   WAIT_COND cond;
   ASSERT_TRUE(WaitCond_Init(&cond));
   const auto begin = Clock::now();
@@ -339,7 +339,7 @@ TEST(WaitCond, A_wait_without_a_post_takes_its_time) {
   WaitCond_Destroy(&cond);
 }
 
-TEST(WaitCond, Each_post_wakes_one_waiter) {
+TEST(WaitCond, EachPostWakesOneWaiter) {
   WAIT_COND cond;
   ASSERT_TRUE(WaitCond_Init(&cond));
   std::atomic<int> taken{0};
@@ -369,12 +369,12 @@ class ThreadTest : public RuntimeTest {
   }
 };
 
-TEST_F(ThreadTest, A_thread_runs_only_once_it_is_started) {
+TEST_F(ThreadTest, AThreadRunsOnlyOnceItIsStarted) {
   std::atomic<int> runs{0};
   char name[32] = "";
   sigset_t blocked;
   std::function<void()> body = [&] {
-    pthread_getname_np(pthread_self(), name, sizeof name);
+    pthread_getname_np(pthread_self(), name, sizeof(name));
     pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
     ++runs;
   };
@@ -388,13 +388,13 @@ TEST_F(ThreadTest, A_thread_runs_only_once_it_is_started) {
   EXPECT_TRUE(sigismember(&blocked, SIGINT));
 }
 
-TEST_F(ThreadTest, A_thread_that_was_never_started_is_just_freed) {
+TEST_F(ThreadTest, AThreadThatWasNeverStartedIsJustFreed) {
   std::function<void()> body = [] { ADD_FAILURE() << "it ran"; };
   EXPECT_TRUE(WaitForThread(Make(body)));
   EXPECT_THAT(HostRuntime_Threads(), IsEmpty());
 }
 
-TEST_F(ThreadTest, Stack_and_priority_are_wishes) {
+TEST_F(ThreadTest, StackAndPriorityAreWishes) {
   std::function<void()> body = [] {};
   for (const DWORD priority : {0u, 1u, 10u, 99u, 5000u}) {
     HTHREAD thread = Make(body, 1, priority);
@@ -411,7 +411,7 @@ TEST_F(ThreadTest, Stack_and_priority_are_wishes) {
   EXPECT_EQ(policy, SCHED_OTHER);
 }
 
-TEST_F(ThreadTest, The_watch_shows_where_each_thread_is) {
+TEST_F(ThreadTest, TheWatchShowsWhereEachThreadIs) {
   std::atomic<int> step{0};
   std::function<void()> body = [&] {
     __IncrementThreadIterations();
@@ -446,7 +446,7 @@ TEST_F(ThreadTest, The_watch_shows_where_each_thread_is) {
   EXPECT_THAT(HostRuntime_Threads(), IsEmpty());
 }
 
-TEST_F(ThreadTest, Reports_of_other_threads_are_ignored_and_asked_for_by_the_configuration) {
+TEST_F(ThreadTest, ReportsOfOtherThreadsAreIgnoredAndAskedForByTheConfiguration) {
   __IncrementThreadIterations();
   __SaveThreadState("f", "m", 1);
   __SetThreadPausedState(TRUE);
@@ -458,7 +458,7 @@ TEST_F(ThreadTest, Reports_of_other_threads_are_ignored_and_asked_for_by_the_con
   EXPECT_TRUE(g_bThreadStateDebuggingEnabled);
 }
 
-TEST_F(ThreadTest, Misuse_fails) {
+TEST_F(ThreadTest, MisuseFails) {
   HTHREAD thread = nullptr;
   EXPECT_FALSE(CreateThread(&thread, "x", 0, 0, nullptr, nullptr));
   EXPECT_FALSE(StartThread(nullptr));
@@ -467,11 +467,10 @@ TEST_F(ThreadTest, Misuse_fails) {
 
 // --- rates -------------------------------------------------------------------------------------------
 
-constexpr std::int64_t kSecond = 1'000'000'000;
+constexpr int64_t kSecond = 1'000'000'000;
 
-// One sample a second, each `step` bytes more.
-std::int64_t Feed(host_runtime::RateTable& table, int samples, std::uint64_t step, std::uint64_t& total,
-                  std::int64_t now) {
+// Adds one sample per second, each `step` bytes larger.
+int64_t Feed(host_runtime::RateTable& table, int samples, uint64_t step, uint64_t& total, int64_t now) {
   for (int i = 0; i < samples; ++i) {
     now += kSecond;
     total += step;
@@ -480,7 +479,7 @@ std::int64_t Feed(host_runtime::RateTable& table, int samples, std::uint64_t ste
   return now;
 }
 
-TEST(RateTable, Bytes_over_time_in_kbit_a_second) {
+TEST(RateTable, TheRateIsBytesOverTimeInKbitPerSecond) {
   host_runtime::RateTable table(5);
   EXPECT_EQ(table.Rate(0), 0u);
   table.Add(1'000'000, kSecond);
@@ -491,19 +490,19 @@ TEST(RateTable, Bytes_over_time_in_kbit_a_second) {
   EXPECT_EQ(table.Rate(4 * kSecond), 1000u);
 }
 
-TEST(RateTable, Only_the_last_samples_count) {
+TEST(RateTable, OnlyTheLastSamplesCount) {
   host_runtime::RateTable table(5);
-  std::uint64_t total = 0;
-  std::int64_t now = Feed(table, 10, 1250, total, 0);
+  uint64_t total = 0;
+  int64_t now = Feed(table, 10, 1250, total, 0);
   EXPECT_EQ(table.Rate(now), 10u);
   now = Feed(table, 5, 2500, total, now);
   EXPECT_EQ(table.Rate(now), 20u);
 }
 
-TEST(RateTable, A_total_that_falls_back_spoils_no_rate) {
+TEST(RateTable, ATotalThatDecreasesDoesNotDistortTheRate) {
   host_runtime::RateTable table(5);
-  std::uint64_t total = 1'000'000;
-  std::int64_t now = Feed(table, 6, 1250, total, 0);
+  uint64_t total = 1'000'000;
+  int64_t now = Feed(table, 6, 1250, total, 0);
   total = 0;
   now = Feed(table, 1, 300, total, now);
   EXPECT_EQ(table.Rate(now), 10u);
@@ -511,11 +510,11 @@ TEST(RateTable, A_total_that_falls_back_spoils_no_rate) {
   EXPECT_EQ(table.Rate(now), 10u);
 }
 
-TEST(RateTable, A_total_that_jumps_spoils_no_rate) {
-  for (const std::uint64_t jump : {std::uint64_t{50'000}, std::uint64_t{5'000'000'000}, std::uint64_t{1} << 62}) {
+TEST(RateTable, ATotalThatJumpsDoesNotDistortTheRate) {
+  for (const uint64_t jump : {uint64_t{50'000}, uint64_t{5'000'000'000}, uint64_t{1} << 62}) {
     host_runtime::RateTable table(5);
-    std::uint64_t total = 0;
-    std::int64_t now = Feed(table, 6, 1250, total, 0);
+    uint64_t total = 0;
+    int64_t now = Feed(table, 6, 1250, total, 0);
     total += jump;
     for (int i = 0; i < 6; ++i) {
       now = Feed(table, 1, 1250, total, now);
@@ -524,43 +523,43 @@ TEST(RateTable, A_total_that_jumps_spoils_no_rate) {
   }
 }
 
-TEST(RateTable, A_jump_before_anything_is_known_counts_only_up_to_a_fast_line) {
+TEST(RateTable, AJumpBeforeAnythingIsKnownCountsOnlyUpToAFastLine) {
   host_runtime::RateTable table(5);
-  std::uint64_t total = 0;
-  std::int64_t now = Feed(table, 1, 0, total, 0);
-  total += std::uint64_t{1} << 40;
+  uint64_t total = 0;
+  int64_t now = Feed(table, 1, 0, total, 0);
+  total += uint64_t{1} << 40;
   now = Feed(table, 3, 1250, total, now);
   EXPECT_EQ(table.Rate(now), 10u);
 }
 
-TEST(RateTable, A_stream_that_really_gets_faster_shows_with_its_second_sample) {
+TEST(RateTable, AStreamThatReallyGetsFasterShowsWithItsSecondSample) {
   host_runtime::RateTable table(2);
-  std::uint64_t total = 0;
-  std::int64_t now = Feed(table, 3, 1250, total, 0);
+  uint64_t total = 0;
+  int64_t now = Feed(table, 3, 1250, total, 0);
   now = Feed(table, 1, 125'000, total, now);
   EXPECT_EQ(table.Rate(now), 10u);
   now = Feed(table, 1, 125'000, total, now);
   EXPECT_EQ(table.Rate(now), 1000u);
 }
 
-TEST(RateTable, Without_samples_the_rate_sinks_to_0) {
+TEST(RateTable, WithoutSamplesTheRateSinksTo0) {
   host_runtime::RateTable table(5);
-  std::uint64_t total = 0;
-  const std::int64_t now = Feed(table, 6, 1250, total, 0);
+  uint64_t total = 0;
+  const int64_t now = Feed(table, 6, 1250, total, 0);
   EXPECT_EQ(table.Rate(now + 2 * kSecond), 10u);
   EXPECT_EQ(table.Rate(now + 4 * kSecond), 6u);
   EXPECT_EQ(table.Rate(now + 5 * kSecond), 0u);
   EXPECT_EQ(table.Rate(now + 500 * kSecond), 0u);
 }
 
-TEST(RateTable, Samples_in_quick_succession_are_taken_together) {
+TEST(RateTable, SamplesInQuickSuccessionAreTakenTogether) {
   host_runtime::RateTable table(5);
   table.Add(0, 0);
-  for (int i = 1; i <= 1000; ++i) table.Add(static_cast<std::uint64_t>(i), i * 1'000'000);
+  for (int i = 1; i <= 1000; ++i) table.Add(static_cast<uint64_t>(i), i * 1'000'000);
   EXPECT_EQ(table.Rate(kSecond), 8u);
 }
 
-TEST(RateCounter, The_service_is_safe_from_two_threads) {
+TEST(RateCounter, TheServiceIsSafeFromTwoThreads) {
   HCOUNTERRATE rate = nullptr;
   EXPECT_FALSE(__AllocCounterRateTable(0, "Metadata", &rate));
   ASSERT_TRUE(__AllocCounterRateTable(5, "Metadata", &rate));
@@ -579,7 +578,7 @@ TEST(RateCounter, The_service_is_safe_from_two_threads) {
 
 // --- lists -------------------------------------------------------------------------------------------
 
-TEST(List, Links_at_the_tail_and_unlinks_anywhere) {
+TEST(List, LinksAtTheTailAndUnlinksAnywhere) {
   FLIST_D list = {{'F', 'L', 'S', 'T'}, nullptr, nullptr};
   FNODE_D nodes[3];
   int objects[3] = {0, 1, 2};
@@ -617,7 +616,7 @@ TEST(List, Links_at_the_tail_and_unlinks_anywhere) {
 
 // --- time and text -----------------------------------------------------------------------------------
 
-TEST(Util, Up_time_counts_from_the_start_of_the_system) {
+TEST(Util, UpTimeCountsFromTheStartOfTheSystem) {
   UINT32 seconds = 0;
   ASSERT_TRUE(GetSystemUPTime(&seconds));
   double uptime = 0;
@@ -625,15 +624,15 @@ TEST(Util, Up_time_counts_from_the_start_of_the_system) {
   EXPECT_NEAR(static_cast<double>(seconds), uptime, 3.0);
 }
 
-TEST(Util, Time_stamps_are_UTC) {
+TEST(Util, TimeStampsAreUTC) {
   char text[40];
-  EXPECT_EQ(GenTimeStamp(1224807209, text, sizeof text), text);
+  EXPECT_EQ(GenTimeStamp(1224807209, text, sizeof(text)), text);
   EXPECT_STREQ(text, "2008-10-24 00:13:29");
   GenTimeStamp(1224807209, text, 4);
   EXPECT_STREQ(text, "?");
 }
 
-TEST(Util, Time_differences) {
+TEST(Util, TimeDifferencesAreNeverNegative) {
   const timeval early = {10, 900'000};
   const timeval late = {12, 100'000};
   timeval difference = {};
@@ -651,23 +650,23 @@ TEST(Util, Time_differences) {
   EXPECT_EQ(same.tv_sec, 1);
 }
 
-TEST(Util, Texts_always_end) {
+TEST(Util, TextsAlwaysEnd) {
   char text[6] = "xxxxx";
-  EXPECT_EQ(PrintToString(text, sizeof text, "%d", 123), 3);
+  EXPECT_EQ(PrintToString(text, sizeof(text), "%d", 123), 3);
   EXPECT_STREQ(text, "123");
-  EXPECT_EQ(PrintToString(text, sizeof text, "%s", "abcdefgh"), 5);
+  EXPECT_EQ(PrintToString(text, sizeof(text), "%s", "abcdefgh"), 5);
   EXPECT_STREQ(text, "abcde");
   EXPECT_EQ(PrintToString(text, 0, "%s", "z"), 0);
-  CopyString(text, "12345678", sizeof text);
+  CopyString(text, "12345678", sizeof(text));
   EXPECT_STREQ(text, "12345");
-  CopyString(text, nullptr, sizeof text);
+  CopyString(text, nullptr, sizeof(text));
   EXPECT_STREQ(text, "");
   text[0] = 'k';
   CopyString(text, "1", 0);
   EXPECT_EQ(text[0], 'k');
 }
 
-TEST(Util, Tag_names_are_the_standards) {
+TEST(Util, TagNamesAreTheStandards) {
   EXPECT_STREQ(GetUAVTagName(1), "Checksum");
   EXPECT_STREQ(GetUAVTagName(2), "Precision Time Stamp");
   EXPECT_STREQ(GetUAVTagName(13), "Sensor Latitude");

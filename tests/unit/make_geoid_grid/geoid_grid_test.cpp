@@ -1,4 +1,4 @@
-// The geoid tool: both published forms, its checks, and the file it replaces.
+// The geoid tool: both published forms, its checks, and the replacement of its file.
 #include "geoid_grid.h"
 
 #include <gmock/gmock.h>
@@ -25,19 +25,19 @@ void PutBigEndian(std::string& out, Word word) {
   }
 }
 
-// A GTX grid whose values say where they stand.
+// Returns a GTX grid whose values encode their position.
 float ValueAt(int latitudeSteps, int longitudeSteps) {
   return static_cast<float>(latitudeSteps) * 0.2f + static_cast<float>(longitudeSteps) / 10000;
 }
 
 std::string MakeGtx(double west = -180.0) {
   std::string data;
-  for (const double number : {-90.0, west, 0.25, 0.25}) PutBigEndian(data, std::bit_cast<std::uint64_t>(number));
-  PutBigEndian<std::uint32_t>(data, 721);
-  PutBigEndian<std::uint32_t>(data, 1440);
-  for (int row = 0; row < 721; row++) {
-    for (int column = 0; column < 1440; column++) {
-      PutBigEndian(data, std::bit_cast<std::uint32_t>(ValueAt(row - 360, (column + 720) % 1440)));
+  for (const double number : {-90.0, west, 0.25, 0.25}) PutBigEndian(data, std::bit_cast<uint64_t>(number));
+  PutBigEndian<uint32_t>(data, 721);
+  PutBigEndian<uint32_t>(data, 1440);
+  for (int row = 0; row < 721; ++row) {
+    for (int column = 0; column < 1440; ++column) {
+      PutBigEndian(data, std::bit_cast<uint32_t>(ValueAt(row - 360, (column + 720) % 1440)));
     }
   }
   return data;
@@ -45,7 +45,7 @@ std::string MakeGtx(double west = -180.0) {
 
 std::string MakeText(const std::string& header, int count, const std::string& value = "1.5") {
   std::string text = header;
-  for (int i = 0; i < count; i++) text += value + (i % 8 == 7 ? "\n" : " ");
+  for (int i = 0; i < count; ++i) text += value + (i % 8 == 7 ? "\n" : " ");
   return text;
 }
 
@@ -77,8 +77,8 @@ TEST(GeoidGrid, EveryWrittenValueReadsBackAsTheSameFloat) {
   grid.values[7] = 1e-7f;
   std::istringstream text(geoid::FormatGrid(grid));
   std::string token;
-  std::size_t i = 0;
-  for (; text >> token; i++) ASSERT_EQ(std::strtof(token.c_str(), nullptr), grid.values[i]) << i;
+  size_t i = 0;
+  for (; text >> token; ++i) ASSERT_EQ(std::strtof(token.c_str(), nullptr), grid.values[i]) << i;
   EXPECT_EQ(i, grid.values.size());
 }
 

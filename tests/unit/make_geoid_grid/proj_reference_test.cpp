@@ -1,4 +1,4 @@
-// From PROJ's grid through the tool's file and the library's loader to a height, against PROJ's own interpolation.
+// Compares heights that pass from PROJ's grid through the tool's file and the library's loader with PROJ's own.
 #include <gtest/gtest.h>
 #include <proj.h>
 
@@ -24,7 +24,7 @@ std::vector<std::pair<double, double>> Positions() {
   std::mt19937 random(7);
   std::uniform_real_distribution<double> latitude(-90, 90);
   std::uniform_real_distribution<double> longitude(-180, 180);
-  for (int i = 0; i < 10000; i++) positions.emplace_back(latitude(random), longitude(random));
+  for (int i = 0; i < 10000; ++i) positions.emplace_back(latitude(random), longitude(random));
   for (const double edge : {-90.0, -89.9, 0.0, 89.9, 90.0}) {
     for (const double meridian : {-180.0, -179.95, -0.1, 0.0, 0.1, 179.95, 180.0})
       positions.emplace_back(edge, meridian);

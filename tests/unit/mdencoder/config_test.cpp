@@ -30,7 +30,7 @@ const MDATA_SRC_CFG& Record(const Config& config) {
   return config.sources.at(0).record;
 }
 
-/* The complaint about a configuration; one line. */
+// Returns the complaint about a configuration, which is one line.
 std::string Complaint(const std::string& text) {
   try {
     Read(text);
@@ -43,7 +43,7 @@ std::string Complaint(const std::string& text) {
 
 constexpr char kUdp[] = "[udp]\ninput = udp\nport = 5000\n";
 
-/* ---------------------------------------------------------------- sources */
+// --- sources -----------------------------------------------------------------------------------------
 
 TEST(Source, UdpWithEverythingElseByDefault) {
   const Config config = Read(kUdp);
@@ -146,7 +146,7 @@ TEST(Source, RelaysInTheOrderOfTheirNumbers) {
   EXPECT_EQ(record.Relays[2].IpTOS, 0);
 }
 
-/* ---------------------------------------------------------------- encoder section */
+// --- encoder section ---------------------------------------------------------------------------------
 
 TEST(Encoder, EverySetting) {
   const EncoderSettings settings =
@@ -183,7 +183,7 @@ TEST(Example, TheShippedConfigurationIsRight) {
   EXPECT_EQ(config.sources.size(), 5U);
 }
 
-/* ---------------------------------------------------------------- complaints */
+// --- complaints --------------------------------------------------------------------------------------
 
 struct Bad {
   const char* text;
@@ -304,7 +304,7 @@ INSTANTIATE_TEST_SUITE_P(Relays, BadRelay,
                                          "10.0.0.1:5000 ttl=", "10.0.0.1:5000 ttl=1 ttl=2", "10.0.0.1:5000 hops=1",
                                          "[ff02::1]:5000 ttl=follow", "[ff02::1]:5000 tos=follow"));
 
-/* ---------------------------------------------------------------- command line */
+// --- command line ------------------------------------------------------------------------------------
 
 int Parse(std::vector<const char*> arguments, Options& options) {
   arguments.insert(arguments.begin(), "mdencoder");

@@ -38,7 +38,7 @@ SourceSettings UdpSettings() {
   return settings;
 }
 
-/* A message as the callback delivers it. */
+// A message in the form that the callback delivers.
 Bytes WithHeader(const Bytes& message, uint8_t sequence, uint16_t length) {
   Bytes bytes = {0, sequence, 0xDF, static_cast<uint8_t>(length >> 8), static_cast<uint8_t>(length & 0xFF)};
   bytes.insert(bytes.end(), message.begin(), message.end());
@@ -74,7 +74,7 @@ Bytes Sample() {
       .Finish();
 }
 
-/* ---------------------------------------------------------------- rows */
+// --- rows --------------------------------------------------------------------------------------------
 
 TEST(Row, ShowsTheItemsWithUnitsAndTheChecksum) {
   const Bytes sample = Sample();
@@ -97,7 +97,7 @@ TEST(Row, TellsWhatIsWrong) {
   EXPECT_THAT(TableRow(empty.received, empty.parsed), HasSubstr("not ST 0601: "));
 }
 
-/* The same number means one coding for the classifying country and another one for the object country. */
+// The same number means one coding for the classifying country and another one for the object country.
 TEST(Row, NamesTheCodingMethodOfEachCountry) {
   const Bytes security = {2, 1, 3, 12, 1, 3};
   const Rendered rendered(Builder().Add(48, ByteView(security)).Finish());
@@ -109,7 +109,7 @@ TEST(Row, NamesTheCodingMethodOfEachCountry) {
   EXPECT_EQ(json["items"][0]["value"][1]["text"], "ISO-3166 Numeric");
 }
 
-/* ---------------------------------------------------------------- JSON lines */
+// --- JSON lines --------------------------------------------------------------------------------------
 
 TEST(JsonMessage, HoldsEverything) {
   Rendered rendered(Sample());
@@ -138,7 +138,7 @@ TEST(JsonMessage, HoldsEverything) {
   EXPECT_EQ(items[6], Json::parse(R"({"tag":144,"raw":"AB"})"));
 }
 
-// The text is the same in both; JSON adds its own escapes on the way and takes them off again.
+// The text is the same in both, because readers of JSON remove the escapes that JSON adds.
 TEST(JsonMessage, HostileTextStaysOneValidLineWithTheTextOfTheTable) {
   const Bytes message = Builder().AddText(3, "a\"\n\x1B[2J\\\u202E\u009B\xFF\xC3").Finish();
   const std::string text = "a\"\\n\\x1B[2J\\\\\\xE2\\x80\\xAE\\xC2\\x9B\\xFF\\xC3";
@@ -157,7 +157,7 @@ TEST(JsonMessage, OtherMessagesAreHexadecimal) {
   EXPECT_FALSE(json.contains("checksum"));
 }
 
-/* ---------------------------------------------------------------- statistics */
+// --- statistics --------------------------------------------------------------------------------------
 
 MDATA_SRC_STATS FullStatistics(bool cot) {
   MDATA_SRC_STATS statistics{};
@@ -204,7 +204,7 @@ TEST(Statistics, WhatIsKeptComesBack) {
     MDATA_SRC_STATS statistics = FullStatistics(cot);
     const MDATA_SRC_STATS back =
         LibraryStatisticsFromJson(settings, Json::parse(LibraryStatisticsJson(settings, statistics).dump()));
-    // The first datagram after a restart is to change the relays' sockets, whatever was received before.
+    // The first datagram after a restart must change the relays' sockets, whatever was received before it.
     statistics.iSrcTTL = statistics.iSrcTOS = -1;
     EXPECT_EQ(std::memcmp(&back, &statistics, sizeof(back)), 0) << settings.data;
   }
@@ -266,7 +266,7 @@ TEST(Statistics, FileIsReplacedAsAWholeAndChecked) {
   const auto loaded = LoadStatistics(path, sources);
   ASSERT_EQ(loaded.size(), 1U);
   MDATA_SRC_STATS expected = statistics;
-  expected.iSrcTTL = expected.iSrcTOS = -1;  // found anew, so that new relays follow at once
+  expected.iSrcTTL = expected.iSrcTOS = -1;  // detected again, so that new relays follow at once
   EXPECT_EQ(std::memcmp(&loaded.at("udp"), &expected, sizeof(expected)), 0);
   std::vector<SourceSettings> changed = {FullSettings(true)};
   EXPECT_TRUE(LoadStatistics(path, changed).empty());
@@ -299,7 +299,7 @@ TEST(Summary, NamesEachSource) {
   EXPECT_EQ(source["corrupt"], 1);
 }
 
-/* ---------------------------------------------------------------- sequence numbers, commands */
+// ---------------------------------------------------------------- sequence numbers, commands
 
 TEST(Sequence, GapsAndWhatTheyLost) {
   SequenceWatch watch;

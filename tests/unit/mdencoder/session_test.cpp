@@ -1,7 +1,5 @@
-/*
- * Whole runs on a library of functions that stand here: they hand messages to the callback from a thread of their
- * own, as the real one does, and write down what the encoder asked for.
- */
+// Whole runs with a fake library. Its functions deliver messages to the callback on a thread of their own, as the real
+// library does, and record the encoder's calls.
 #include "session.h"
 
 #include <dlfcn.h>
@@ -41,13 +39,13 @@ struct OpenedSource {
   MDATA_SRC_STATS statistics{};
 };
 
-/* State of the fake library. Calls are main thread only; the deliveries run on their own thread. */
+// State of the fake library. Only the main thread calls it; the deliveries run on their own thread.
 struct FakeLibrary {
   std::vector<std::string> calls;
   std::deque<OpenedSource> sources;
   std::atomic<int> heldBuffers{0};
   int failOpenAt = -1;
-  ULONG corrupt = 0;  // what new sources report
+  ULONG corrupt = 0;  // count that new sources report
   bool failInit = false;
   std::function<void()> onOpen;  // after each opening
   std::thread deliveries;
@@ -102,7 +100,7 @@ BOOL FakeSet(HMDATASRC handle, const MDATA_SRC_STATS* statistics) {
   return TRUE;
 }
 
-/* What the metadata thread does with one message. The callback's answer. */
+// Delivers a message as the metadata thread does. Returns the callback's answer.
 BOOL Deliver(size_t source, uint8_t sequence, const st0601::Bytes& message) {
   const MDATA_SRC_CFG& record = g_fake->sources[source].record;
   auto* data = new BYTE[message.size() + 5];
@@ -146,7 +144,7 @@ class SessionTest : public testing::Test {
     }
   }
 
-  /* Runs until it ends by itself; returns what it printed. */
+  // Runs until the run ends by itself, and returns the printed text.
   std::string Run(const std::string& encoder, const std::string& sources = "[a]\ninput = udp\nport = 5000\n") {
     const Config config = MakeConfig(ParseIni("[encoder]\n" + encoder + sources), "-");
     testing::internal::CaptureStdout();
@@ -160,14 +158,14 @@ class SessionTest : public testing::Test {
     return testing::internal::GetCapturedStdout();
   }
 
-  /* Delivers from a thread once `count` sources are open. */
+  // Delivers from a thread once `count` sources are open.
   void DeliverWhenOpen(size_t count, const std::function<void()>& deliveries) {
     m_fake.onOpen = [this, count, deliveries] {
       if (m_fake.sources.size() == count) m_fake.deliveries = std::thread(deliveries);
     };
   }
 
-  /* The standard input of the run. */
+  // Makes the text the standard input of the run.
   void Type(const std::string& text) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -254,7 +252,7 @@ TEST_F(SessionTest, WritesTheStreamHeaderOnRequest) {
 }
 
 TEST_F(SessionTest, ASlowReaderNeverBlocksTheCallback) {
-  // The worker writes into a pipe that nobody empties; the callback must go on and count what it refuses.
+  // The worker writes into a pipe that nobody reads; the callback must continue and count the messages that it refuses.
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   fcntl(ends[0], F_SETPIPE_SZ, 4096);

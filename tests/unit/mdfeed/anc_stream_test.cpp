@@ -11,10 +11,10 @@
 namespace mdfeed {
 namespace {
 
-// Takes an RTP packet apart, word by word.
+// Reads an RTP packet word by word.
 class Reader {
  public:
-  Reader(const Bytes& bytes, std::size_t bit) : m_bytes(bytes), m_bit(bit) {}
+  Reader(const Bytes& bytes, size_t bit) : m_bytes(bytes), m_bit(bit) {}
   unsigned Take(unsigned bits) {
     unsigned value = 0;
     for (unsigned i = 0; i < bits; i++, m_bit++) {
@@ -23,11 +23,11 @@ class Reader {
     return value;
   }
   void Align() { m_bit = (m_bit + 31) / 32 * 32; }
-  std::size_t Byte() const { return m_bit / 8; }
+  size_t Byte() const { return m_bit / 8; }
 
  private:
   const Bytes& m_bytes;
-  std::size_t m_bit;
+  size_t m_bit;
 };
 
 struct Anc {
@@ -40,8 +40,8 @@ struct Anc {
 struct Rtp {
   bool marker;
   unsigned payloadType;
-  std::uint32_t sequence;
-  std::uint32_t timestamp;
+  uint32_t sequence;
+  uint32_t timestamp;
   std::vector<Anc> anc;
 };
 
@@ -56,9 +56,9 @@ Anc ReadAnc(Reader& reader) {
   EXPECT_EQ(reader.Take(11), 9u);
   reader.Take(12 + 8);
   std::vector<unsigned> words;
-  for (int i = 0; i < 3; i++) words.push_back(reader.Take(10));
+  for (int i = 0; i < 3; ++i) words.push_back(reader.Take(10));
   const unsigned count = words[2] & 0xFF;
-  for (unsigned i = 0; i < count; i++) words.push_back(reader.Take(10));
+  for (unsigned i = 0; i < count; ++i) words.push_back(reader.Take(10));
   unsigned sum = 0;
   for (const unsigned word : words) {
     EXPECT_TRUE(ParityRight(word));
@@ -72,7 +72,7 @@ Anc ReadAnc(Reader& reader) {
   EXPECT_EQ(words[1] & 0xFF, 0x04u);
   anc.messageNumber = words.at(3) & 0xFF;
   anc.packetCount = (words.at(4) & 0xFF) << 8 | (words.at(5) & 0xFF);
-  for (std::size_t i = 6; i < words.size(); i++) anc.klv.push_back(static_cast<std::uint8_t>(words[i]));
+  for (size_t i = 6; i < words.size(); ++i) anc.klv.push_back(static_cast<uint8_t>(words[i]));
   return anc;
 }
 
@@ -89,14 +89,14 @@ Rtp ReadRtp(const Bytes& packet) {
   EXPECT_EQ(reader.Take(16), packet.size() - 20);
   const unsigned count = reader.Take(8);
   EXPECT_EQ(reader.Take(24), 0u);
-  for (unsigned i = 0; i < count; i++) rtp.anc.push_back(ReadAnc(reader));
+  for (unsigned i = 0; i < count; ++i) rtp.anc.push_back(ReadAnc(reader));
   EXPECT_EQ(reader.Byte(), packet.size());
   return rtp;
 }
 
-Bytes Numbers(std::size_t size) {
+Bytes Numbers(size_t size) {
   Bytes bytes(size);
-  for (std::size_t i = 0; i < size; i++) bytes[i] = static_cast<std::uint8_t>(i * 13);
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(i * 13);
   return bytes;
 }
 
@@ -134,7 +134,7 @@ TEST(AncStream, LongMessageIsCutAndCounted) {
   ASSERT_GT(packets.size(), 1u);
   Bytes joined;
   unsigned count = 0;
-  for (std::size_t i = 0; i < packets.size(); i++) {
+  for (size_t i = 0; i < packets.size(); ++i) {
     EXPECT_LE(packets[i].size(), kLargestRtpPacket);
     const Rtp rtp = ReadRtp(packets[i]);
     EXPECT_EQ(rtp.marker, i + 1 == packets.size());
@@ -163,11 +163,11 @@ TEST(AncStream, LosesReordersAndDamagesTheAskedShare) {
   options = {};
   options.reorder = 30;
   const auto reordered = SendAll(std::vector<Bytes>(1'000, Numbers(5)), options);
-  std::map<std::uint32_t, int> seen;
+  std::map<uint32_t, int> seen;
   int behind = 0;
-  std::uint32_t last = 0;
+  uint32_t last = 0;
   for (const Bytes& packet : reordered) {
-    const std::uint32_t sequence = ReadRtp(packet).sequence;
+    const uint32_t sequence = ReadRtp(packet).sequence;
     seen[sequence]++;
     behind += sequence < last;
     last = sequence;

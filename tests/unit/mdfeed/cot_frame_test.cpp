@@ -12,29 +12,29 @@
 namespace mdfeed {
 namespace {
 
-constexpr std::size_t kHeaderSize = 17;
+constexpr size_t kHeaderSize = 17;
 
-unsigned Word(const Bytes& data, std::size_t offset) {
+unsigned Word(const Bytes& data, size_t offset) {
   return data.at(offset) + 256u * data.at(offset + 1);
 }
 
-bool Bit(const Bytes& data, std::size_t bit) {
+bool Bit(const Bytes& data, size_t bit) {
   return ((data.at(bit / 8) >> (7 - bit % 8)) & 1) != 0;
 }
 
-Codeword WordAt(const Bytes& packed, std::size_t index) {
+Codeword WordAt(const Bytes& packed, size_t index) {
   Codeword word{};
-  for (std::size_t bit = 0; bit < 155; bit++) {
-    if (Bit(packed, index * 155 + bit)) word[bit / 5] |= static_cast<std::uint8_t>(0x10 >> (bit % 5));
+  for (size_t bit = 0; bit < 155; ++bit) {
+    if (Bit(packed, index * 155 + bit)) word[bit / 5] |= static_cast<uint8_t>(0x10 >> (bit % 5));
   }
   return word;
 }
 
 Bytes DataBits(const Bytes& packed) {
-  const std::size_t codewords = packed.size() * 8 / 155;
+  const size_t codewords = packed.size() * 8 / 155;
   Bytes data((codewords * 105 + 7) / 8);
-  for (std::size_t bit = 0; bit < codewords * 105; bit++) {
-    if (Bit(packed, bit / 105 * 155 + bit % 105)) data[bit / 8] |= static_cast<std::uint8_t>(0x80 >> (bit % 8));
+  for (size_t bit = 0; bit < codewords * 105; ++bit) {
+    if (Bit(packed, bit / 105 * 155 + bit % 105)) data[bit / 8] |= static_cast<uint8_t>(0x80 >> (bit % 8));
   }
   return data;
 }
@@ -45,8 +45,8 @@ Bytes Payload(const Bytes& frame) {
 
 TEST(ReedSolomon, EveryWordMadeIsACodeword) {
   std::minstd_rand random(3);
-  for (int round = 0; round < 200; round++) {
-    std::array<std::uint8_t, kDataSymbols> data{};
+  for (int round = 0; round < 200; ++round) {
+    std::array<uint8_t, kDataSymbols> data{};
     for (auto& symbol : data) symbol = random() % 32;
     const Codeword word = EncodeReedSolomon(data);
     EXPECT_TRUE(IsCodeword(word));
@@ -55,11 +55,11 @@ TEST(ReedSolomon, EveryWordMadeIsACodeword) {
 }
 
 TEST(ReedSolomon, AnyChangedSymbolIsNoticed) {
-  std::array<std::uint8_t, kDataSymbols> data{};
+  std::array<uint8_t, kDataSymbols> data{};
   data[4] = 17;
   Codeword word = EncodeReedSolomon(data);
   for (auto& symbol : word) {
-    for (std::uint8_t change = 1; change < 32; change++) {
+    for (uint8_t change = 1; change < 32; ++change) {
       symbol ^= change;
       EXPECT_FALSE(IsCodeword(word));
       symbol ^= change;
@@ -67,13 +67,13 @@ TEST(ReedSolomon, AnyChangedSymbolIsNoticed) {
   }
 }
 
-// Ten check symbols: two different words differ in at least eleven places.
+// With ten check symbols two different words differ in at least eleven places.
 TEST(ReedSolomon, WordsAreElevenSymbolsApart) {
   std::minstd_rand random(4);
-  for (int round = 0; round < 2000; round++) {
-    std::array<std::uint8_t, kDataSymbols> data{};
-    data[random() % kDataSymbols] = static_cast<std::uint8_t>(1 + random() % 31);
-    data[random() % kDataSymbols] = static_cast<std::uint8_t>(1 + random() % 31);
+  for (int round = 0; round < 2000; ++round) {
+    std::array<uint8_t, kDataSymbols> data{};
+    data[random() % kDataSymbols] = static_cast<uint8_t>(1 + random() % 31);
+    data[random() % kDataSymbols] = static_cast<uint8_t>(1 + random() % 31);
     const Codeword word = EncodeReedSolomon(data);
     EXPECT_GE(std::count_if(word.begin(), word.end(), [](auto symbol) { return symbol != 0; }), 11);
   }
@@ -95,17 +95,17 @@ TEST(CotFrame, HeaderHoldsTheLengthThreeTimes) {
   const Bytes frame = BuildCotFrame("<event/>");
   const std::string sync(frame.begin(), frame.begin() + 5);
   EXPECT_EQ(sync, "oHeY!");
-  for (std::size_t copy = 0; copy < 3; copy++) {
+  for (size_t copy = 0; copy < 3; ++copy) {
     EXPECT_EQ(Word(frame, 5 + 4 * copy), frame.size() - kHeaderSize);
-    EXPECT_EQ(Word(frame, 7 + 4 * copy), LengthCheck(static_cast<std::uint16_t>(frame.size() - kHeaderSize)));
+    EXPECT_EQ(Word(frame, 7 + 4 * copy), LengthCheck(static_cast<uint16_t>(frame.size() - kHeaderSize)));
   }
 }
 
 TEST(CotFrame, CodewordsCarryTheBlockAndTrueCheckBits) {
   const std::string xml(1000, 'x');
   const Bytes payload = Payload(BuildCotFrame(xml));
-  const std::size_t codewords = payload.size() * 8 / 155;
-  for (std::size_t i = 0; i < codewords; i++) EXPECT_TRUE(IsCodeword(WordAt(payload, i)));
+  const size_t codewords = payload.size() * 8 / 155;
+  for (size_t i = 0; i < codewords; ++i) EXPECT_TRUE(IsCodeword(WordAt(payload, i)));
   const Bytes block = DataBits(payload);
   EXPECT_EQ(Word(block, 0), xml.size() + 3 + 2);
   EXPECT_EQ(std::string(block.begin() + 2, block.begin() + 5), "U#1");
@@ -133,19 +133,19 @@ TEST_P(DamagedFrame, DiffersOnlyWhereItIsDamaged) {
   const FrameField field = GetParam();
   const std::string name(FrameFieldName(field));
   EXPECT_EQ(ParseFrameField(name), field);
-  for (std::uint32_t seed = 0; seed < 50; seed++) {
+  for (uint32_t seed = 0; seed < 50; ++seed) {
     const Bytes frame = BuildCotFrame(xml, {'1', {field}, seed});
     ASSERT_EQ(frame.size(), whole.size());
     ASSERT_NE(frame, whole);
     const auto first = std::mismatch(frame.begin(), frame.end(), whole.begin()).first - frame.begin();
     const Bytes block = DataBits(Payload(frame));
-    const std::size_t end = 5 + xml.size();
-    const Bytes arq(block.begin() + 2, block.begin() + static_cast<std::ptrdiff_t>(end));
+    const size_t end = 5 + xml.size();
+    const Bytes arq(block.begin() + 2, block.begin() + static_cast<ptrdiff_t>(end));
     const bool crcRight = 256u * block[end] + block[end + 1] == Crc16Arc(arq);
     if (field == FrameField::Sync) {
       EXPECT_LT(first, 5);
     } else if (name.starts_with("length") || name.starts_with("check") || field == FrameField::CheckBits) {
-      const std::ptrdiff_t place = name.starts_with("length") ? 5 : 7;
+      const ptrdiff_t place = name.starts_with("length") ? 5 : 7;
       if (field != FrameField::CheckBits) {
         EXPECT_EQ((first - place) / 2 * 2, 4 * (name.back() - '1')) << name;
       } else {

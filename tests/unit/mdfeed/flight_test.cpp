@@ -20,20 +20,20 @@
 namespace mdfeed {
 namespace {
 
-constexpr std::int64_t kStart = 1'714'564'800'250'000;  // 2024-05-01T12:00:00.25Z
+constexpr int64_t kStart = 1'714'564'800'250'000;  // 2024-05-01T12:00:00.25Z
 
-FlightState StateAt(std::uint32_t seed, double seconds) {
+FlightState StateAt(uint32_t seed, double seconds) {
   Flight flight({seed, kStart, {}});
-  flight.AdvanceTo(static_cast<std::int64_t>(seconds * 1e6));
+  flight.AdvanceTo(static_cast<int64_t>(seconds * 1e6));
   return flight.State();
 }
 
-// Value bytes of an item, as an unsigned number.
-std::optional<std::uint64_t> Item(const std::vector<std::uint8_t>& message, std::uint8_t tag) {
-  for (std::size_t at = 18; at + 1 < message.size(); at += 2u + message[at + 1]) {
+// Returns the value bytes of an item as an unsigned number.
+std::optional<uint64_t> Item(const std::vector<uint8_t>& message, uint8_t tag) {
+  for (size_t at = 18; at + 1 < message.size(); at += 2u + message[at + 1]) {
     if (message[at] != tag) continue;
-    std::uint64_t value = 0;
-    for (std::size_t i = 0; i < message[at + 1]; i++) value = value << 8 | message[at + 2 + i];
+    uint64_t value = 0;
+    for (size_t i = 0; i < message[at + 1]; ++i) value = value << 8 | message[at + 2 + i];
     return value;
   }
   return std::nullopt;
@@ -56,15 +56,15 @@ TEST(Time, IsWrittenWithTwoDecimalsAndReadWithAny) {
 
 TEST(Flight, DependsOnSeedAndTimeNotOnTheSteps) {
   Flight inSteps({5, kStart, {}});
-  for (std::int64_t us = 0; us <= 30'000'000; us += 40'000) inSteps.AdvanceTo(us);
+  for (int64_t us = 0; us <= 30'000'000; us += 40'000) inSteps.AdvanceTo(us);
   EXPECT_EQ(MakeKlvMessage(inSteps.State()), MakeKlvMessage(StateAt(5, 30)));
   EXPECT_NE(MakeKlvMessage(StateAt(6, 30)), MakeKlvMessage(StateAt(5, 30)));
 }
 
 TEST(Flight, StaysWithinTheRangesOfItsItems) {
-  for (std::uint32_t seed = 0; seed < 20; seed++) {
+  for (uint32_t seed = 0; seed < 20; ++seed) {
     Flight flight({seed, kStart, {}});
-    for (std::int64_t second = 0; second < 3'600; second += 3) {
+    for (int64_t second = 0; second < 3'600; second += 3) {
       flight.AdvanceTo(second * 1'000'000);
       const FlightState state = flight.State();
       ASSERT_EQ(state.timeUs, kStart + second * 1'000'000);
@@ -91,7 +91,7 @@ TEST(Flight, LooksAtOneTargetAfterTheOther) {
   int last = flight.State().target;
   int changes = 0;
   double latitude = flight.State().targetLatitude;
-  for (std::int64_t second = 0; second < 600; second++) {
+  for (int64_t second = 0; second < 600; ++second) {
     flight.AdvanceTo(second * 1'000'000);
     const FlightState state = flight.State();
     if (state.target != last) {
@@ -121,19 +121,19 @@ TEST(KlvFlight, IsALocalSetWithItsTimeFirstAndItsChecksumLast) {
   EXPECT_EQ(message[message.size() - 4], 1);
   EXPECT_EQ(message[message.size() - 3], 2);
   unsigned sum = 0;
-  for (std::size_t i = 0; i + 2 < message.size(); i++) sum += i % 2 == 0 ? 256u * message[i] : message[i];
+  for (size_t i = 0; i + 2 < message.size(); ++i) sum += i % 2 == 0 ? 256u * message[i] : message[i];
   EXPECT_EQ(sum & 0xFFFF, 256u * message[message.size() - 2] + message[message.size() - 1]);
-  EXPECT_EQ(Item(message, 2), static_cast<std::uint64_t>(kStart + 12'340'000));
+  EXPECT_EQ(Item(message, 2), static_cast<uint64_t>(kStart + 12'340'000));
 }
 
 TEST(KlvFlight, SplitsIntoTheSameMessagesAgain) {
   Bytes stream;
   std::vector<Bytes> messages;
-  for (int i = 0; i < 5; i++) {
+  for (int i = 0; i < 5; ++i) {
     messages.push_back(MakeKlvMessage(StateAt(1, i)));
     stream.insert(stream.end(), messages.back().begin(), messages.back().end());
   }
-  std::size_t skipped = 1;
+  size_t skipped = 1;
   EXPECT_EQ(SplitKlv(stream, &skipped), messages);
   EXPECT_EQ(skipped, 0u);
 }
@@ -142,7 +142,7 @@ TEST(CotFlight, SaysTheSameAsTheKlv) {
   const FlightState state = StateAt(3, 77.7);
   const CotPair pair = CotWriter({}).Write(state);
   const auto klv = MakeKlvMessage(state);
-  const auto item = [&](std::uint8_t tag) { return static_cast<double>(Item(klv, tag).value()); };
+  const auto item = [&](uint8_t tag) { return static_cast<double>(Item(klv, tag).value()); };
   EXPECT_NEAR(item(13), Attribute(pair.aircraft, "lat") * 2147483647 / 90, 1);
   EXPECT_NEAR(item(14), Attribute(pair.aircraft, "lon") * 2147483647 / 180, 1);
   EXPECT_NEAR(item(15), (Attribute(pair.aircraft, "hae") + 900) * 65535 / 19900, 1);
@@ -173,7 +173,7 @@ TEST(CotFlight, SensorsTakeTurnsAndAreUpToTheJitterOlder) {
   CotWriter writer(options);
   const FlightState state = StateAt(1, 0);
   std::set<std::string> times;
-  for (int i = 0; i < 60; i++) {
+  for (int i = 0; i < 60; ++i) {
     const CotPair pair = writer.Write(state);
     EXPECT_THAT(pair.sensor, testing::HasSubstr("uid=\"SIM-UAV.S" + std::to_string(i % 3 + 1) + "\""));
     std::smatch match;

@@ -40,7 +40,7 @@ class Receiver {
   Receiver& operator=(const Receiver&) = delete;
 
   UdpAddress Address() const { return {"127.0.0.1", std::to_string(m_port)}; }
-  // The next datagram; loopback delivers before send() returns.
+  // Returns the next datagram; loopback delivers before send() returns.
   Bytes Receive(int* ttl, int* tos) {
     Bytes data(2000);
     alignas(cmsghdr) char control[256];
@@ -52,7 +52,7 @@ class Receiver {
     header.msg_controllen = sizeof(control);
     const ssize_t size = recvmsg(m_fd, &header, MSG_DONTWAIT);
     if (size < 0) return {};
-    data.resize(static_cast<std::size_t>(size));
+    data.resize(static_cast<size_t>(size));
     for (cmsghdr* c = CMSG_FIRSTHDR(&header); c != nullptr; c = CMSG_NXTHDR(&header, c)) {
       if (c->cmsg_type == IP_TTL) std::memcpy(ttl, CMSG_DATA(c), sizeof(int));
       if (c->cmsg_type == IP_TOS) *tos = *CMSG_DATA(c);
@@ -92,7 +92,7 @@ TEST(UdpOutput, GoesOnWithoutAReceiver) {
     nobody = gone.Address();
   }
   const auto output = OpenUdp(nobody, "");
-  for (int i = 0; i < 3; i++) EXPECT_NO_THROW(output->Send(Bytes{1}));
+  for (int i = 0; i < 3; ++i) EXPECT_NO_THROW(output->Send(Bytes{1}));
 }
 
 TEST(UdpOutput, FailsClearly) {
@@ -110,7 +110,7 @@ TEST(SerialOutput, FailsClearly) {
 TEST(PtyOutput, WaitsForAReaderAndDeliversEveryByte) {
   const std::string link = testing::TempDir() + "mdfeed_pty_" + std::to_string(getpid());
   Bytes sent;
-  for (int i = 0; i < 20'000; i++) sent.push_back(static_cast<std::uint8_t>(i * 7));
+  for (int i = 0; i < 20'000; ++i) sent.push_back(static_cast<uint8_t>(i * 7));
   Bytes received;
   {
     const auto output = OpenPty(link);

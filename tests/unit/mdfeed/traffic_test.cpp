@@ -24,7 +24,7 @@ Bytes Text(const std::string& text) {
   return {text.begin(), text.end()};
 }
 
-Bytes Message(std::size_t valueSize, std::initializer_list<std::uint8_t> length) {
+Bytes Message(size_t valueSize, std::initializer_list<uint8_t> length) {
   Bytes message = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 1, 1, 0x0E, 1, 3, 1, 1, 0, 0, 0};
   message.insert(message.end(), length);
   message.resize(message.size() + valueSize, 0x06);
@@ -40,7 +40,7 @@ Bytes Join(const std::vector<Bytes>& parts) {
 TEST(SplitKlv, CutsAtEveryLengthForm) {
   const std::vector<Bytes> messages = {Message(0, {0}), Message(127, {0x7F}), Message(200, {0x81, 200}),
                                        Message(300, {0x82, 1, 44}), Message(5, {0x84, 0, 0, 0, 5})};
-  std::size_t skipped = 9;
+  size_t skipped = 9;
   EXPECT_EQ(SplitKlv(Join(messages), &skipped), messages);
   EXPECT_EQ(skipped, 0u);
 }
@@ -48,7 +48,7 @@ TEST(SplitKlv, CutsAtEveryLengthForm) {
 TEST(SplitKlv, LeavesOutAndCountsWhatIsNoMessage) {
   const Bytes good = Message(3, {3});
   Bytes cutOff = Message(3, {4});
-  std::size_t skipped = 0;
+  size_t skipped = 0;
   EXPECT_EQ(SplitKlv(Join({Text("noise"), good, {0x06, 0x0E}, good, cutOff}), &skipped),
             (std::vector<Bytes>{good, good}));
   EXPECT_EQ(skipped, 5 + 2 + cutOff.size());
@@ -74,7 +74,7 @@ TEST(Recorded, RepeatsAsOftenAsAsked) {
   for (auto batch = twice->Next(); batch; batch = twice->Next()) sent += static_cast<char>(batch->at(0)[0]);
   EXPECT_EQ(sent, "abab");
   const auto forEver = MakeRecorded({Text("a")}, 0);
-  for (int i = 0; i < 100; i++) EXPECT_EQ(forEver->Next()->size(), 1u);
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(forEver->Next()->size(), 1u);
 }
 
 TEST(Chunked, CutsEveryMessage) {
@@ -116,7 +116,7 @@ class GeoidFile : public testing::Test {
   void TearDown() override { std::filesystem::remove(m_path); }
 
   // Three rows from 90 S, four columns from 180 W, 90 degrees apart; heights are 10 * row + column.
-  void WriteGrid(std::size_t heights) {
+  void WriteGrid(size_t heights) {
     std::ofstream file(m_path, std::ios::binary);
     const auto put = [&](auto value) {
       char bytes[sizeof(value)];
@@ -125,10 +125,10 @@ class GeoidFile : public testing::Test {
       file.write(bytes, sizeof(value));
     };
     for (const double value : {-90.0, -180.0, 90.0, 90.0}) put(value);
-    put(std::uint32_t{3});
-    put(std::uint32_t{4});
-    for (std::size_t i = 0; i < heights; i++) {
-      const std::size_t height = 10 * (i / 4) + i % 4;
+    put(uint32_t{3});
+    put(uint32_t{4});
+    for (size_t i = 0; i < heights; ++i) {
+      const size_t height = 10 * (i / 4) + i % 4;
       put(static_cast<float>(height));
     }
   }

@@ -26,9 +26,9 @@ class TsFile : public testing::Test {
   void SetUp() override { m_path = testing::TempDir() + "mdfeed_" + std::to_string(getpid()) + ".ts"; }
   void TearDown() override { std::filesystem::remove(m_path); }
 
-  // KLV messages by their presentation time; also counts the packets of the video.
-  std::map<std::int64_t, std::vector<Bytes>> ReadKlv(int* videoPackets) {
-    std::map<std::int64_t, std::vector<Bytes>> messages;
+  // Collects the KLV messages by their presentation time, and counts the packets of the video.
+  std::map<int64_t, std::vector<Bytes>> ReadKlv(int* videoPackets) {
+    std::map<int64_t, std::vector<Bytes>> messages;
     AVFormatContext* context = nullptr;
     EXPECT_EQ(avformat_open_input(&context, m_path.c_str(), nullptr, nullptr), 0);
     if (context == nullptr) return messages;
@@ -64,13 +64,13 @@ TEST_F(TsFile, CarriesTheFlightWithItsTimestamps) {
   EXPECT_EQ(videoPackets, 100);
   ASSERT_EQ(messages.size(), 20u);
   Flight expected(flight);
-  std::int64_t tick = 0;
+  int64_t tick = 0;
   for (const auto& [pts, packets] : messages) {
     EXPECT_EQ(pts - messages.begin()->first, tick * 18'000);
     ASSERT_EQ(packets.size(), 2u);
-    for (int i = 0; i < 2; i++) {
+    for (int i = 0; i < 2; ++i) {
       expected.AdvanceTo(tick * 200'000 + i * 10'000);
-      EXPECT_EQ(packets[static_cast<std::size_t>(i)], MakeKlvMessage(expected.State()));
+      EXPECT_EQ(packets[static_cast<size_t>(i)], MakeKlvMessage(expected.State()));
     }
     tick++;
   }
