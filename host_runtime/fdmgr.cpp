@@ -5,6 +5,8 @@
 #define HOST_MODULE "fdmgr"
 
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -12,7 +14,6 @@
 #include <cstdint>
 #include <cstring>
 #include <limits>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,13 +32,24 @@ constexpr int kReadEvent = 1;  // enEventType of the read callback
 // Marks the events of an entry's serial device.
 constexpr uint64_t kDeviceTag = uint64_t{1} << 63;
 
+// A descriptor that had no more to read is not asked again for this many calls: asking costs a system call.
+constexpr int kCallsUnasked = 7;
+// How often a pass may call a descriptor that has more to read, all such descriptors in turn, before it waits again.
+constexpr int kMostRounds = 16;
+
 struct Entry {
+  uint64_t number;
   int fd;
   FDMGR_READ_CALLBACK callback;
   void* param1;
   void* param2;
+  bool isDatagrams;                  // of a socket that reads a datagram at a time
+  int unasked;                       // calls before it is asked again whether it has more to read
+  bool isRemoved;                    // by a callback of the current pass
   std::unique_ptr<SerialLine> line;  // null for anything but a serial device
 };
+
+using Entries = std::vector<std::unique_ptr<Entry>>;
 
 }  // namespace
 
@@ -46,17 +58,32 @@ struct tagHOST_FDSET {
   common::OwnedFD epoll;  // closed after the entries, whose serial devices leave it
   // In the order of addition. Numbers are never reused, so that an event of a removed entry finds nothing, even if its
   // descriptor was added again in the meantime.
-  std::map<uint64_t, Entry> entries;
+  Entries entries;
+  size_t lines = 0;  // entries with a serial line
   uint64_t nextNumber = 1;
   std::optional<timeval> interval;
   FDMGR_TIMEOUT_CALLBACK timeoutCallback = nullptr;
   void* param1 = nullptr;
   void* param2 = nullptr;
-  std::vector<epoll_event> events;  // of the current pass
-  std::vector<uint64_t> numbers;    // of the current pass, ascending
+  std::vector<epoll_event> events = std::vector<epoll_event>(1);  // of the current pass
+  std::vector<Entry*> ready;                                      // of the current pass, in the order of addition
+  Entries removed;  // by callbacks of the current pass, which may still name them in 'ready'
 
-  std::map<uint64_t, Entry>::iterator Find(int fd) {
-    return std::find_if(entries.begin(), entries.end(), [fd](const auto& entry) { return entry.second.fd == fd; });
+  Entries::iterator Find(int fd) {
+    return std::find_if(entries.begin(), entries.end(), [fd](const auto& entry) { return entry->fd == fd; });
+  }
+  // Returns null for an entry that was removed.
+  Entry* FindNumber(uint64_t number) {
+    const auto found = std::lower_bound(entries.begin(), entries.end(), number,
+                                        [](const auto& entry, uint64_t wanted) { return entry->number < wanted; });
+    return found != entries.end() && (*found)->number == number ? found->get() : nullptr;
+  }
+  void Erase(Entries::iterator entry) {
+    if ((*entry)->line != nullptr) --lines;
+    (*entry)->line.reset();
+    (*entry)->isRemoved = true;
+    removed.push_back(std::move(*entry));
+    entries.erase(entry);
   }
 };
 
@@ -73,8 +100,6 @@ int64_t IntervalMs(const std::optional<timeval>& interval) {
 
 // Waits for events until `end`. Returns their number, 0 after the time or a signal, or -1 with errno.
 int WaitForEvents(tagHOST_FDSET& set, int64_t end) {
-  // There is room for every descriptor, so that none has to wait for the next pass.
-  set.events.resize(std::max<size_t>(2 * set.entries.size(), 1));
   int64_t wait = -1;
   if (end != kNever) {
     wait = std::max<int64_t>(0, end - MonotonicNs());
@@ -87,47 +112,101 @@ int WaitForEvents(tagHOST_FDSET& set, int64_t end) {
 
 int64_t NextOfLines(const tagHOST_FDSET& set) {
   int64_t next = kNever;
-  for (const auto& [number, entry] : set.entries) {
-    if (entry.line != nullptr) next = std::min(next, entry.line->Due());
+  if (set.lines == 0) return next;
+  for (const auto& entry : set.entries) {
+    if (entry->line != nullptr) next = std::min(next, entry->line->Due());
   }
   return next;
 }
 
-// Collects the numbers of the readable entries in set.numbers, ascending.
-void Collect(tagHOST_FDSET& set, int count) {
+// Reads the serial devices of these events, and collects the entries that have gathered enough.
+void CollectLines(tagHOST_FDSET& set, int count) {
   const int64_t now = MonotonicNs();
-  set.numbers.clear();
   for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
     const uint64_t number = set.events[i].data.u64;  // a copy, because the record is packed
-    if ((number & kDeviceTag) == 0) {
-      set.numbers.push_back(number);
-    } else if (const auto found = set.entries.find(number & ~kDeviceTag); found != set.entries.end()) {
-      found->second.line->Read(now);
-    }
+    if ((number & kDeviceTag) == 0) continue;
+    if (const Entry* entry = set.FindNumber(number & ~kDeviceTag)) entry->line->Read(now);
   }
-  for (const auto& [number, entry] : set.entries) {
-    if (entry.line != nullptr && entry.line->Offer(now)) set.numbers.push_back(number);
+  for (const auto& entry : set.entries) {
+    if (entry->line != nullptr && entry->line->Offer(now)) set.ready.push_back(entry.get());
   }
-  std::sort(set.numbers.begin(), set.numbers.end());
+}
+
+// Collects the readable entries in set.ready.
+void Collect(tagHOST_FDSET& set, int count) {
+  set.ready.clear();
+  for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
+    const uint64_t number = set.events[i].data.u64;
+    if ((number & kDeviceTag) != 0) continue;
+    if (Entry* entry = set.FindNumber(number)) set.ready.push_back(entry);
+  }
+  if (set.lines != 0) CollectLines(set, count);
+  if (set.ready.size() < 2) return;
+  std::sort(set.ready.begin(), set.ready.end(), [](const Entry* a, const Entry* b) { return a->number < b->number; });
 }
 
 // Waits for readable entries. Returns their number, 0 after the set's interval, or -1 with errno.
 int WaitForEntries(tagHOST_FDSET& set) {
+  const int64_t now = MonotonicNs();
   const int64_t total = IntervalMs(set.interval);
-  const int64_t end = total < 0 ? kNever : MonotonicNs() + total * 1'000'000;
+  const int64_t end = total < 0 ? kNever : now + total * 1'000'000;
   for (;;) {
     const int count = WaitForEvents(set, std::min(end, NextOfLines(set)));
     if (count < 0) return -1;
     Collect(set, count);
-    if (!set.numbers.empty()) return static_cast<int>(set.numbers.size());
+    if (!set.ready.empty()) return static_cast<int>(set.ready.size());
     if (end != kNever && MonotonicNs() >= end) return 0;
   }
+}
+
+// Tells whether another datagram waits, other than an empty one. Asks seldom where the answer was no.
+bool HasMore(Entry& entry) {
+  if (!entry.isDatagrams) return false;
+  if (entry.unasked > 0) {
+    --entry.unasked;
+    return false;
+  }
+  int size = 0;
+  const bool hasMore = ioctl(entry.fd, FIONREAD, &size) == 0 && size > 0;
+  if (!hasMore) entry.unasked = kCallsUnasked;
+  return hasMore;
+}
+
+// Calls the collected entries in their order and keeps in set.ready those that have more to read, if they are to be
+// called again. Returns the number of calls.
+int DispatchRound(tagHOST_FDSET& set, bool again) {
+  int dispatched = 0;
+  size_t kept = 0;
+  for (size_t i = 0; i < set.ready.size(); ++i) {
+    Entry* entry = set.ready[i];
+    if (entry->isRemoved) continue;
+    entry->callback(&set, entry->fd, kReadEvent, entry->param1, entry->param2);
+    ++dispatched;
+    if (again && !entry->isRemoved && HasMore(*entry)) set.ready[kept++] = entry;
+  }
+  set.ready.resize(kept);
+  return dispatched;
+}
+
+int Dispatch(tagHOST_FDSET& set) {
+  int dispatched = 0;
+  for (int round = 1; round <= kMostRounds && !set.ready.empty(); ++round)
+    dispatched += DispatchRound(set, round < kMostRounds);
+  set.removed.clear();
+  return dispatched;
+}
+
+bool IsDatagrams(int fd) {
+  int type = 0;
+  socklen_t size = sizeof(type);
+  return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_DGRAM;
 }
 
 // The events of a serial device replace those of its descriptor.
 bool StartWatching(tagHOST_FDSET& set, uint64_t number, Entry& entry) {
   if (const auto device = PopDevice(entry.fd)) {
     entry.line = SerialLine::Attach(entry.fd, *device, set.epoll.Get(), number | kDeviceTag);
+    if (entry.line != nullptr) ++set.lines;
     return entry.line != nullptr;
   }
   epoll_event event{};
@@ -167,17 +246,20 @@ BOOL __FDMGR_AddReadFD(HFDSET hSet, int iFD, FDMGR_READ_CALLBACK pfnCallback, vo
   if (hSet == nullptr || pfnCallback == nullptr) return FALSE;
   return NoThrow(FALSE, [&] {
     const uint64_t number = hSet->nextNumber;
-    const auto added = hSet->entries.emplace(number, Entry{iFD, pfnCallback, pvParam1, pvParam2, nullptr}).first;
-    if (!StartWatching(*hSet, number, added->second)) {
+    Entry& added = *hSet->entries.emplace_back(
+        std::make_unique<Entry>(number, iFD, pfnCallback, pvParam1, pvParam2, IsDatagrams(iFD), 0, false, nullptr));
+    // There is room for every descriptor and every device, so that none has to wait for the next pass.
+    hSet->events.resize(2 * hSet->entries.size());
+    if (!StartWatching(*hSet, number, added)) {
       HOST_LOG(3, "%s: cannot add descriptor %d to set \"%s\": %s.\n", szFunction, iFD, hSet->name.c_str(),
                strerror(errno));
-      hSet->entries.erase(added);
+      hSet->Erase(hSet->entries.end() - 1);
       return FALSE;
     }
     ++hSet->nextNumber;
     // The descriptor was closed without being removed, and its number was used again.
     const auto stale = hSet->Find(iFD);
-    if (stale != added) hSet->entries.erase(stale);
+    if (stale->get() != &added) hSet->Erase(stale);
     return TRUE;
   });
 }
@@ -190,8 +272,8 @@ BOOL __FDMGR_RemoveReadFD(HFDSET hSet, int iFD, const char* szFunction, const ch
       HOST_LOG(4, "%s: descriptor %d is not in set \"%s\".\n", szFunction, iFD, hSet->name.c_str());
       return FALSE;
     }
-    const bool watched = StopWatching(*hSet, found->second);
-    hSet->entries.erase(found);
+    const bool watched = StopWatching(*hSet, **found);
+    hSet->Erase(found);
     if (!watched) {
       HOST_LOG(4, "%s: descriptor %d was closed before it left set \"%s\".\n", szFunction, iFD, hSet->name.c_str());
     }
@@ -211,6 +293,7 @@ BOOL FDMGR_SetSelectTimeout(HFDSET hSet, const struct timeval* pInterval, FDMGR_
 
 int FDMGR_Select(HFDSET hSet) {
   if (hSet == nullptr) return -1;
+  hSet->removed.clear();  // between the passes
   return NoThrow(-1, [&] {
     const int count = WaitForEntries(*hSet);
     if (count < 0) {
@@ -221,15 +304,7 @@ int FDMGR_Select(HFDSET hSet) {
       if (hSet->timeoutCallback != nullptr) hSet->timeoutCallback(hSet, hSet->param1, hSet->param2);
       return 0;
     }
-    int dispatched = 0;
-    for (const uint64_t number : hSet->numbers) {
-      const auto found = hSet->entries.find(number);
-      if (found == hSet->entries.end()) continue;  // removed by a callback of this pass
-      const Entry& entry = found->second;          // invalid after the callback removes itself
-      entry.callback(hSet, entry.fd, kReadEvent, entry.param1, entry.param2);
-      ++dispatched;
-    }
-    return dispatched;
+    return Dispatch(*hSet);
   });
 }
 

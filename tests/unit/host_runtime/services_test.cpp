@@ -2,12 +2,14 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
 #include <stdint.h>
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -177,6 +179,88 @@ TEST_F(SetTest, ABusyDescriptorKeepsNobodyWaiting) {
   busy.Set();
   quiet.Set();
   for (int i = 0; i < 10; ++i) EXPECT_EQ(FDMGR_Select(m_set), 2);
+}
+
+// A datagram socket bound to a free port of the loopback interface, and sends to itself.
+class SelfSender {
+ public:
+  SelfSender() : m_fd(socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0)) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    socklen_t size = sizeof(address);
+    EXPECT_EQ(getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &size), 0);
+    EXPECT_EQ(connect(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+  }
+  ~SelfSender() { close(m_fd); }
+  SelfSender(const SelfSender&) = delete;
+  SelfSender& operator=(const SelfSender&) = delete;
+  int Fd() const { return m_fd; }
+  void Send(int count) {
+    for (int i = 0; i < count; ++i) EXPECT_EQ(send(m_fd, "x", 1, 0), 1);
+  }
+  void Read() {
+    char byte = 0;
+    EXPECT_EQ(recv(m_fd, &byte, 1, 0), 1);
+  }
+
+ private:
+  int m_fd;
+};
+
+TEST_F(SetTest, ASocketWithMoreDatagramsIsCalledAgainInThePassUpToSixteenTimes) {
+  SelfSender socket;
+  Add(socket.Fd(), 1, [&] { socket.Read(); });
+  socket.Send(20);
+  EXPECT_EQ(FDMGR_Select(m_set), 16);
+  EXPECT_EQ(FDMGR_Select(m_set), 4);
+  EXPECT_EQ(m_calls.size(), 20u);
+}
+
+TEST_F(SetTest, SocketsWithMoreDatagramsAreCalledInTurn) {
+  SelfSender first;
+  SelfSender second;
+  Event event;
+  Add(first.Fd(), 1, [&] { first.Read(); });
+  Add(event.fd, 2);
+  Add(second.Fd(), 3, [&] { second.Read(); });
+  first.Send(3);
+  second.Send(2);
+  event.Set();
+  EXPECT_EQ(FDMGR_Select(m_set), 6);
+  EXPECT_EQ(m_calls, (std::vector<int>{1, 2, 3, 1, 3, 1}));
+}
+
+TEST_F(SetTest, ASocketThatIsRemovedIsNotCalledAgain) {
+  SelfSender socket;
+  Add(socket.Fd(), 1, [&] {
+    socket.Read();
+    Remove(socket.Fd());
+  });
+  SelfSender other;
+  SelfSender victim;
+  Add(other.Fd(), 2, [&] {
+    other.Read();
+    if (m_calls.size() == 4) Remove(victim.Fd());
+  });
+  Add(victim.Fd(), 3, [&] { victim.Read(); });
+  socket.Send(5);
+  other.Send(2);
+  victim.Send(5);
+  EXPECT_EQ(FDMGR_Select(m_set), 5);
+  EXPECT_EQ(m_calls, (std::vector<int>{1, 2, 3, 2, 3}));
+}
+
+TEST_F(SetTest, ASocketThatSeldomHasMoreIsSeldomAsked) {
+  SelfSender socket;
+  Add(socket.Fd(), 1, [&] { socket.Read(); });
+  socket.Send(1);
+  EXPECT_EQ(FDMGR_Select(m_set), 1);
+  // Not asked for seven calls, each of which is a pass of its own.
+  socket.Send(10);
+  for (int i = 0; i < 7; ++i) EXPECT_EQ(FDMGR_Select(m_set), 1);
+  EXPECT_EQ(FDMGR_Select(m_set), 3);
 }
 
 TEST_F(SetTest, APeerThatClosedMakesItsDescriptorReadable) {
