@@ -21,11 +21,6 @@ static constexpr int kSmallestUASMessage = 20;  // key, length and one element
 // Rewriting
 // =====================================================================================================
 
-bool _WantsRewriting(MDATA_SRC_HANDLE hSource) {
-  return hSource->pMissionID != nullptr || hSource->pSecurityMDataSet != nullptr || hSource->Config.bFilterUASTags ||
-         hSource->Config.bFilterUASSecurityTags;
-}
-
 // KEPT: the text says 16 bytes, the limit is 19; at most one such line in five seconds for the whole library.
 static void _LogShortMessage() MD_REQUIRES(kMetadataThread) {
   const time_t now = time(nullptr);

@@ -91,7 +91,10 @@ enum class Rewritten {
 extern time_t _tLastLog MD_GUARDED_BY(kMetadataThread);  // short-KLV warning, one time for the whole library
 
 // Returns whether the source inserts or filters anything.
-bool _WantsRewriting(MDATA_SRC_HANDLE hSource);
+inline bool _WantsRewriting(MDATA_SRC_HANDLE hSource) {
+  return hSource->pMissionID != nullptr || hSource->pSecurityMDataSet != nullptr || hSource->Config.bFilterUASTags ||
+         hSource->Config.bFilterUASSecurityTags;
+}
 
 // Rewrites a message if it is a whole UAS Local Set. Returns TRUE with the new buffer in *ppNewBuff, or NULL there if
 // nothing is left to send; *pnNewSize, unless pnNewSize is NULL, is its size. Returns FALSE if the message continues

@@ -106,6 +106,9 @@ struct tagMDATA_SRC_HANDLE {
   KLV_DECIM_CTRL DecimateCtrl;
   int iSourceAddressFamily MD_GUARDED_BY(_g_SenderLock);  // last sender
   BYTE acSourceAddress[16] MD_GUARDED_BY(_g_SenderLock);
+  int nRecordedFamily;         // what was recorded there last; metadata thread
+  BYTE acRecordedAddress[16];  // the same
+  BOOL bSenderReplaced;        // the statistics calls replaced it since; atomic
   BYTE RxBuffer[kRxBufferSize];
   BYTE HeaderSequence;
   // Hand-over to the metadata thread.

@@ -14,6 +14,7 @@
 
 // The lines carry the name of the engine, whose sources receive here.
 #define MD_MODULE "metadata_api"
+#include "md_atomic.h"
 #include "md_log.h"
 #include "md_mutex.h"
 
@@ -88,7 +89,7 @@ static void _ReadControlMessages(struct msghdr* message, const struct sockaddr_s
 int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockaddr_storage* pFromAddr, BYTE* pcTOS,
                    BYTE* pcTTL) {
   const bool wantsControl = pcTOS != nullptr || pcTTL != nullptr;
-  alignas(struct cmsghdr) BYTE controlData[48] = {};
+  alignas(struct cmsghdr) BYTE controlData[48];
   struct iovec part = {pvBuffer, nBuffSize};
   struct msghdr message = {};
   message.msg_iov = &part;
@@ -163,10 +164,17 @@ BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE hSource) {
 // 3. The last sender and the filter for senders. Metadata thread; the statistics calls under g_MetaDataAPIMutex.
 // =====================================================================================================
 
-static void _RecordSender(MDATA_SRC_HANDLE hSource, int family, const void* address, size_t size) {
+// Almost every datagram has the sender of the one before it, which is found without the lock.
+template <int kFamily, size_t kSize>
+static void _RecordSender(MDATA_SRC_HANDLE hSource, const void* address) MD_REQUIRES(kMetadataThread) {
+  const bool same = hSource->nRecordedFamily == kFamily && memcmp(hSource->acRecordedAddress, address, kSize) == 0;
+  if (same && !MdLoadAcquire(hSource->bSenderReplaced)) return;
+  MdStore(hSource->bSenderReplaced, FALSE);
+  hSource->nRecordedFamily = kFamily;
+  memcpy(hSource->acRecordedAddress, address, kSize);
   MdLock lock(_g_SenderLock);
-  hSource->iSourceAddressFamily = family;
-  memcpy(hSource->acSourceAddress, address, size);
+  hSource->iSourceAddressFamily = kFamily;
+  memcpy(hSource->acSourceAddress, address, kSize);
 }
 
 // KEPT: 0 and everything from 224 up, groups and reserved addresses alike, accepts every sender.
@@ -189,7 +197,7 @@ BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAdd
     memcpy(&sender, pAddr, sizeof(sender));
     if (_AcceptsIPv4(configured, &sender.sin_addr)) {
       MD_LOG(7, "IPv4 packet is for us.\n");
-      _RecordSender(hSource, AF_INET, &sender.sin_addr, 4);
+      _RecordSender<AF_INET, 4>(hSource, &sender.sin_addr);
       return TRUE;
     }
   } else if (pAddr->ss_family == AF_INET6 && (configuredFamily == AF_INET6 || configuredFamily == 0)) {
@@ -197,7 +205,7 @@ BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAdd
     memcpy(&sender, pAddr, sizeof(sender));
     if (_AcceptsIPv6(configured, &sender.sin6_addr)) {
       MD_LOG(7, "IPv6 packet is for us.\n");
-      _RecordSender(hSource, AF_INET6, &sender.sin6_addr, 16);
+      _RecordSender<AF_INET6, 16>(hSource, &sender.sin6_addr);
       return TRUE;
     }
   }
@@ -226,6 +234,7 @@ void _SetSenderStats(MDATA_SRC_HANDLE hSource, const MDATA_INET_STATS& stats) {
   MdLock lock(_g_SenderLock);
   memcpy(hSource->acSourceAddress, stats.SourceAddress, sizeof(hSource->acSourceAddress));
   // KEPT: the family is not restored
+  MdStoreRelease(hSource->bSenderReplaced, TRUE);
 }
 
 // =====================================================================================================

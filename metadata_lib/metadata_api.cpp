@@ -1184,16 +1184,20 @@ void _KLV_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
   if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
   BYTE tos = 0;
   BYTE ttl = 0;
-  struct sockaddr_storage from = {};
+  struct sockaddr_storage from;
   MD_LOG(7, "Called.\n");
   const int length = _ReceiveDatagram(hSource, iFD, &from, &tos, &ttl);
   if (length <= 0) return;
-  MD_LOG(7, "Received %d bytes from %s.\n", length, SenderText(from).text);
-  MD_DUMP(7, "Input KLV over UDP Message", hSource->RxBuffer, length);
-  _CaptureRaw(hSource, length);
+  if (MdLogEnabled(g_hMetaDataLibDbg, 7)) {
+    MD_LOG(7, "Received %d bytes from %s.\n", length, SenderText(from).text);
+    MD_DUMP(7, "Input KLV over UDP Message", hSource->RxBuffer, length);
+  }
+  if (hSource->CaptureFP != nullptr) _CaptureRaw(hSource, length);
 
   MdBufferRef message;
-  const Rewritten result = _RewriteOnPath(hSource, kKLVUDPTexts, hSource->RxBuffer, length, message);
+  const Rewritten result = _WantsRewriting(hSource)
+                               ? _RewriteOnPath(hSource, kKLVUDPTexts, hSource->RxBuffer, length, message)
+                               : Rewritten::Unchanged;
   // KEPT: relayed as received, with the received TOS and TTL, even if nothing is left to deliver.
   if (hSource->Config.nNumOfRelays != 0)
     _RelayMetaData(hSource, hSource->RxBuffer, static_cast<size_t>(length), &tos, &ttl);
@@ -1254,7 +1258,7 @@ void _CoT_UDP_DataRxCallBack(HFDSET, int iFD, int, void* pvParam1, void*) {
   if (_IsGivenUp(hSource)) return _DiscardInput(hSource, iFD);
   BYTE tos = 0;
   BYTE ttl = 0;
-  struct sockaddr_storage from = {};
+  struct sockaddr_storage from;
   const int length = _ReceiveDatagram(hSource, iFD, &from, &tos, &ttl);
   if (length <= 0) return;
   _CountCoTDatagram(hSource, length);
