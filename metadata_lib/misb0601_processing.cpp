@@ -41,6 +41,7 @@ struct WalkOutput {
 }  // namespace
 
 static void _Put(WalkOutput& out, const void* data, size_t size) {
+  if (size == 0) return;
   if (out.body != nullptr) memcpy(out.body + out.size, data, size);
   out.size += size;
   out.room = std::max(out.room, out.size);
@@ -189,9 +190,56 @@ static void _RewriteElement(MessageWalk& walk, const KLV_ELEMENT_INFO& element) 
   _Put(walk.out, walk.left.data(), element.nSize);
 }
 
+// Tags below 64 whose elements are not just copied or left out.
+static uint64_t _SpecialTags(const MDATA_SRC_HANDLE hSource) {
+  uint64_t tags = uint64_t{1} << UAS_CHECKSUM_TAG;
+  if (hSource->pMissionID != nullptr) tags |= uint64_t{1} << UAS_MISSION_ID_TAG;
+  if (hSource->pSecurityMDataSet != nullptr || hSource->Config.bFilterUASSecurityTags)
+    tags |= uint64_t{1} << UAS_SECURITY_LOCAL_SET_TAG;
+  return tags;
+}
+
+// Walks over elements that have a tag and a length of one byte each and are only copied or left out, which almost all
+// are, up to one that is not like that. Elements that follow each other are copied together. The lines about single
+// elements have to be off.
+static void _WalkPlainElements(MessageWalk& walk, uint64_t specialTags) {
+  const MDATA_SRC_CFG& config = walk.hSource->Config;
+  const bool filters = config.bFilterUASTags != FALSE;
+  const bool hasLongTags = _g_bExtendedTags;
+  const BYTE* const data = walk.left.data();
+  const size_t size = walk.left.size();
+  size_t position = 0;
+  size_t run = 0;  // where the elements start that have not been copied yet
+  size_t last = 0;
+  int number = 0;
+  while (size - position > 2) {
+    const BYTE tag = data[position];
+    const BYTE length = data[position + 1];
+    const size_t end = position + kKLVElementHeader + length;
+    if (length >= 0x80 || end > size || (tag >= 0x80 && hasLongTags)) break;
+    if (tag < 64 && (specialTags >> tag & 1u) != 0) break;
+    if (filters && !_IsTagKept(config.UASTagFilter, tag)) {
+      _Put(walk.out, data + run, position - run);
+      run = end;
+    }
+    last = position;
+    ++number;
+    position = end;
+  }
+  if (number == 0) return;
+  walk.lastTag = data[last];
+  walk.number += number;
+  _Put(walk.out, data + run, position - run);
+  walk.left = walk.left.subspan(position);
+}
+
 // Walks the body. Returns false if the message is invalid. KEPT: the last one or two bytes are never an element.
 static bool _WalkMessage(MessageWalk& walk) {
+  const uint64_t specialTags = _SpecialTags(walk.hSource);
+  const bool tracesElements = walk.out.speak && MdLogEnabled(g_hMetaDataLibDbg, 7);
   while (walk.left.size() > 2) {
+    if (!tracesElements) _WalkPlainElements(walk, specialTags);
+    if (walk.left.size() <= 2) break;
     KLV_ELEMENT_INFO element = {};
     ++walk.number;
     if (!_ReadElement(walk, &element)) return false;
