@@ -575,6 +575,22 @@ static bool _StepOverShortItem(Walk& walk) {
   return true;
 }
 
+// Steps over such items up to one that is not like that.
+static void _StepOverShortItems(Walk& walk) {
+  // A tag that no short item has, if there is no integrity item.
+  const UINT32 stop = walk.pStdInfo->bHasIntegrityItem ? walk.pStdInfo->IntegrityItemTag : 0x80;
+  const BYTE* const data = walk.data;
+  const int64_t size = walk.messageSize;
+  int64_t offset = walk.offset;
+  while (size - offset >= 2) {
+    const UINT32 tag = data[offset];
+    const UINT32 length = data[offset + 1];
+    if (((tag | length) & 0x80) != 0 || tag == stop || length + 2 > size - offset) break;
+    offset += length + 2;
+  }
+  walk.offset = offset;
+}
+
 // Walks to the end of the message or behind it. Returns false if the message is rejected.
 static bool _WalkItems(Walk& walk) {
   const bool hasShortItems = walk.pCtxt->nKlvTagFieldSize == KLV_FIELD_BER_OID_TAG &&
@@ -582,7 +598,8 @@ static bool _WalkItems(Walk& walk) {
                              !MdLogEnabled(g_hMetaDataLibDbg, 7);
   bool ended = false;
   while (walk.offset < walk.messageSize && !ended) {
-    if (hasShortItems && _StepOverShortItem(walk)) continue;
+    if (hasShortItems) _StepOverShortItems(walk);
+    if (walk.offset == walk.messageSize) break;
     if (!_WalkItem(walk, &ended)) return false;
   }
   return true;

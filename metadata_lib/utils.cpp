@@ -36,7 +36,8 @@ static constinit MdMutex _g_BufferMutex{MdMutex::Recursive{}};
 // KEPT: the counters change without the mutex here and under it in the release; they only feed the log line.
 static void _CountAllocation(const char* function, int line) {
   const int32_t now = MdAddFetch(_g_nAllocatedBuffers, 1);
-  if (now <= MdLoad(_g_nMaxAllocatedBuffers)) return;
+  if (now <= MdLoad(_g_nMaxAllocatedBuffers)) [[likely]]
+    return;
   MdStore(_g_nMaxAllocatedBuffers, now);
   if (MdLogEnabled(g_hMetaDataLibDbg, 6))
     _DoDbgPrintEx(g_hMetaDataLibDbg, 6, function, MD_MODULE, line, "Max alloc buffers now at %d.\n", now);
@@ -45,9 +46,10 @@ static void _CountAllocation(const char* function, int line) {
 // The state of a new buffer's data. Zeros that nobody reads are not made; large ones are cheaper from the C library.
 enum class Fill { Zero, None };
 
-// Allocates the block of every buffer. Returns NULL, without logging, if out of memory or if a size is negative or
+// Allocates the block of every buffer; inline, because every message passes here. Returns NULL, without logging, if out of memory or if a size is negative or
 // overflows.
-static MDATA_BUFFER* _AllocBlock(int dataSize, int reservedSpace, Fill fill, const char* function, int line) {
+[[gnu::always_inline]] static inline MDATA_BUFFER* _AllocBlock(int dataSize, int reservedSpace, Fill fill,
+                                                               const char* function, int line) {
   if (dataSize < 0 || reservedSpace < 0) return nullptr;
   const int64_t total = int64_t{dataSize} + reservedSpace + static_cast<int64_t>(sizeof(MDATA_BUFFER));
   if (total > INT_MAX) return nullptr;
@@ -98,11 +100,6 @@ BOOL DoAllocCopyBufferEx(BYTE* pcData, int nSize, int nReservedSpace, MDATA_BUFF
              : FALSE;
 }
 
-// Reports this line to the host's thread watchdog, if enabled.
-static void _SaveStateIfDebugging(int line) {
-  if (MdLoad(g_bThreadStateDebuggingEnabled)) __SaveThreadState("DoReleaseBuffer", MD_MODULE, line);
-}
-
 // Gives up a reference that is not the last one, which needs no lock. Returns false if it may be the last one.
 static bool _ReleaseShared(MDATA_BUFFER* buffer) {
   auto count = MdLoad(buffer->nRefCount);
@@ -113,24 +110,43 @@ static bool _ReleaseShared(MDATA_BUFFER* buffer) {
   return false;
 }
 
+// Gives up a reference under the lock, and frees the buffer with its last one.
+static void _ReleaseLocked(MDATA_BUFFER* buffer) MD_REQUIRES(_g_BufferMutex) {
+  auto count = MdLoadAcquire(buffer->nRefCount);
+  if (count == 1) [[likely]] {
+    // Nobody else changes the only reference, so that no atomic step is needed to give it up.
+    count = 0;
+    MdStore(buffer->nRefCount, count);
+  } else {
+    // KEPT: releasing once too often is reported; the count still goes down, and nothing is freed.
+    MD_ASSERT_TEXT(count > 0, "pBuffer->nRefCount > 0");
+    count = __atomic_sub_fetch(&buffer->nRefCount, 1, __ATOMIC_ACQ_REL);
+  }
+  if (count != 0 || !buffer->bDynamic) return;
+  free(buffer);
+  MdAddFetch(_g_nAllocatedBuffers, -1);
+}
+
+// Does the same as DoReleaseBuffer while the host debugs its threads: reports each line to the thread watchdog.
+[[gnu::cold, gnu::noinline]] static void _ReleaseReported(MDATA_BUFFER* buffer) {
+  const auto report = [](int line) { __SaveThreadState("DoReleaseBuffer", MD_MODULE, line); };
+  report(__LINE__);
+  _g_BufferMutex.Lock();
+  report(__LINE__);
+  _ReleaseLocked(buffer);
+  report(__LINE__);
+  _g_BufferMutex.Unlock();
+  report(__LINE__);
+}
+
 void DoReleaseBuffer(MDATA_BUFFER** ppBuffer) {
   MDATA_BUFFER* buffer = *ppBuffer;
-  if (!MdLoad(g_bThreadStateDebuggingEnabled) && _ReleaseShared(buffer)) {
-    *ppBuffer = nullptr;
-    return;
+  if (MdLoad(g_bThreadStateDebuggingEnabled)) [[unlikely]] {
+    _ReleaseReported(buffer);
+  } else if (!_ReleaseShared(buffer)) {
+    MdLock lock(_g_BufferMutex);
+    _ReleaseLocked(buffer);
   }
-  _SaveStateIfDebugging(__LINE__);
-  _g_BufferMutex.Lock();
-  _SaveStateIfDebugging(__LINE__);
-  // KEPT: releasing once too often is reported; the count still goes down, and nothing is freed.
-  MD_ASSERT_TEXT(MdLoadAcquire(buffer->nRefCount) > 0, "pBuffer->nRefCount > 0");
-  if (__atomic_sub_fetch(&buffer->nRefCount, 1, __ATOMIC_ACQ_REL) == 0 && buffer->bDynamic) {
-    free(buffer);
-    MdAddFetch(_g_nAllocatedBuffers, -1);
-  }
-  _SaveStateIfDebugging(__LINE__);
-  _g_BufferMutex.Unlock();
-  _SaveStateIfDebugging(__LINE__);
   *ppBuffer = nullptr;
 }
 
