@@ -117,6 +117,17 @@ class EngineTest : public HostTest {
     return source;
   }
 
+  // Opens a source while the thread does not run: the wait times out, and the source counts as open. The test closes it,
+  // or adds it to m_open.
+  HMDATASRC OpenWhileStuck(const MDATA_SRC_CFG& config) {
+    host().HoldThread(true);
+    HMDATASRC source = nullptr;
+    EXPECT_TRUE(MetaData_OpenSource(&config, &source));
+    AllowOpeningLogs();
+    ExpectLog(3, "Wait FAILED for data source#7, errno (110): \"Connection timed out\".\n");
+    return source;
+  }
+
   static void AllowOpeningLogs() {
     for (const char* part :
          {"receiver socket", "COM port", "Serial port configured", "input fp=", "KLV capture started",

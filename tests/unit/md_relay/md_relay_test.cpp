@@ -585,12 +585,8 @@ TEST_F(RelayOpeningTest, SourceWithoutRelaysLogsTheUsualLine) {
 
 TEST_F(RelayOpeningTest, OpenerThatGaveUpWaitingStartsTheRelaysToo) {
   MDATA_SRC_CFG config = Following(NetworkConfig());
-  host().HoldThread(true);
-  HMDATASRC source = nullptr;
-  ASSERT_TRUE(MetaData_OpenSource(&config, &source));
+  const HMDATASRC source = OpenWhileStuck(config);
   m_open.push_back(source);
-  AllowOpeningLogs();
-  AllowLogs(3, "Wait FAILED for data source#7");
   host().HoldThread(false);
   host().PassUntilIdle();
   host().FeedDatagram(source->iFD, kMessage, {.ttl = 33, .tos = 0x48});

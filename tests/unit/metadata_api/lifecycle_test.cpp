@@ -13,7 +13,6 @@
 namespace {
 
 constexpr DWORD kIPv4 = METADATALIB_CAPS_IPV4_SUPPORT;
-constexpr char kAddTimedOut[] = "Wait FAILED for data source#7, errno (110): \"Connection timed out\".\n";
 constexpr char kRemoveTimedOut[] = "Wait FAILED for source#7, errno (110): \"Connection timed out\".\n";
 constexpr char kCountAboveZero[] = "_g_aVideoExtractors[hSource->Config.in.Video.enInputInterface].nRefCount > 0";
 
@@ -585,22 +584,27 @@ TEST_F(VideoExtractorTest, UnknownTypesAssertInTheThread) {
 
 class HandshakeTest : public EngineTest {
  protected:
-  // Opens a source while the thread does not run: the wait times out, and the source counts as open.
-  HMDATASRC OpenWhileStuck(const MDATA_SRC_CFG& config) {
-    host().HoldThread(true);
-    HMDATASRC source = nullptr;
-    EXPECT_TRUE(MetaData_OpenSource(&config, &source));
-    AllowOpeningLogs();
-    ExpectLog(3, kAddTimedOut);
-    return source;
-  }
-
   void CloseWhileStuck(HMDATASRC source) {
     Forget(source);
     host().HoldThread(true);
     HMDATASRC handle = source;
     EXPECT_TRUE(MetaData_CloseSource(&handle));
     ExpectLog(3, kRemoveTimedOut);
+  }
+
+  // Opens a source whose message cannot be sent.
+  HMDATASRC OpenUnsent(const MDATA_SRC_CFG& config) {
+    host().FailNext("MBOX_SendMessage");
+    const HMDATASRC source = OpenWhileStuck(config);
+    ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+    return source;
+  }
+
+  // Closes a source whose message cannot be sent.
+  void CloseUnsent(HMDATASRC source) {
+    host().FailNext("MBOX_SendMessage");
+    CloseWhileStuck(source);
+    ExpectLog(3, "MBOX_SendMessage FAILED.\n");
   }
 
   void LetTheThreadRun() {
@@ -682,13 +686,8 @@ TEST_F(HandshakeTest, AddAndRemoveThatBothTimedOutAreBothFinished) {
 
 TEST_F(HandshakeTest, FailedSendOfAnAddLeavesASourceThatReceivesNothing) {
   Start();
-  host().FailNext("MBOX_SendMessage");
-  HMDATASRC source = nullptr;
-  const MDATA_SRC_CFG config = NetworkConfig();
-  EXPECT_TRUE(MetaData_OpenSource(&config, &source));
-  AllowOpeningLogs();
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
-  ExpectLog(3, kAddTimedOut);
+  const HMDATASRC source = OpenUnsent(NetworkConfig());
+  LetTheThreadRun();
   EXPECT_FALSE(IsListed(source));
   const int fd = source->iFD;
   Close(source);
@@ -700,13 +699,7 @@ TEST_F(HandshakeTest, FailedSendOfARemoveIsSweptByTheThread) {
   Start();
   const HMDATASRC source = Open(NetworkConfig());
   const int fd = source->iFD;
-  Forget(source);
-  host().FailNext("MBOX_SendMessage");
-  host().HoldThread(true);
-  HMDATASRC handle = source;
-  EXPECT_TRUE(MetaData_CloseSource(&handle));
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
-  ExpectLog(3, kRemoveTimedOut);
+  CloseUnsent(source);
   EXPECT_FALSE(host().FD(fd).closed);
   host().HoldThread(false);
   host().SelectTimesOut();
@@ -720,13 +713,7 @@ TEST_F(HandshakeTest, FailedSendOfARemoveIsSweptByShutdown) {
   Start();
   const HMDATASRC source = Open(NetworkConfig());
   const int fd = source->iFD;
-  Forget(source);
-  host().FailNext("MBOX_SendMessage");
-  host().HoldThread(true);
-  HMDATASRC handle = source;
-  EXPECT_TRUE(MetaData_CloseSource(&handle));
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
-  ExpectLog(3, kRemoveTimedOut);
+  CloseUnsent(source);
   host().HoldThread(false);
   Stop();
   EXPECT_TRUE(host().FD(fd).closed);
@@ -735,13 +722,9 @@ TEST_F(HandshakeTest, FailedSendOfARemoveIsSweptByShutdown) {
 TEST_F(HandshakeTest, FailedSendsOfBothAddAndRemoveAreSwept) {
   Start();
   Open(NetworkConfig(MDATA_DATA_KLV, 5001));
-  host().FailNext("MBOX_SendMessage");
-  const HMDATASRC source = OpenWhileStuck(NetworkConfig());
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+  const HMDATASRC source = OpenUnsent(NetworkConfig());
   const int fd = source->iFD;
-  host().FailNext("MBOX_SendMessage");
-  CloseWhileStuck(source);
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+  CloseUnsent(source);
   host().SelectTimesOut();
   EXPECT_TRUE(host().FD(fd).closed);
   EXPECT_EQ(_g_pSweepList, nullptr);
@@ -753,9 +736,7 @@ TEST_F(HandshakeTest, SweepWaitsForAnAddThatIsStillQueued) {
   m_open.push_back(OpenWhileStuck(NetworkConfig(MDATA_DATA_KLV, 5001)));
   const HMDATASRC source = OpenWhileStuck(NetworkConfig());
   const int fd = source->iFD;
-  host().FailNext("MBOX_SendMessage");
-  CloseWhileStuck(source);
-  ExpectLog(3, "MBOX_SendMessage FAILED.\n");
+  CloseUnsent(source);
   EXPECT_EQ(_g_pSweepList, source);
   host().Pass();  // handles the other source's message
   EXPECT_FALSE(host().FD(fd).closed) << "a queued message still names the record";
@@ -773,11 +754,8 @@ TEST_F(HandshakeTest, AddsTheThreadLeavesQueuedAreFinishedByShutdown) {
   const HMDATASRC first = OpenWhileStuck(NetworkConfig(MDATA_DATA_KLV, 5001));
   const HMDATASRC second = OpenWhileStuck(NetworkConfig());
   const std::vector<int> descriptors = {first->iFD, second->iFD};
-  for (HMDATASRC source : {first, second}) {
-    host().FailNext("MBOX_SendMessage");
-    CloseWhileStuck(source);
-    ExpectLog(3, "MBOX_SendMessage FAILED.\n");
-  }
+  CloseUnsent(first);
+  CloseUnsent(second);
   host().HoldThread(false);
   Stop();
   for (int fd : descriptors) EXPECT_TRUE(host().FD(fd).closed);

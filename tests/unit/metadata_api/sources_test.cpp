@@ -480,12 +480,8 @@ TEST_F(OpenNetworkTest, RelaySocketsAreStoredLast) {
   MDATA_SRC_CFG config = NetworkConfig();
   AddRelay(config);
   AddRelay(config, {10, 0, 0, 2});
-  host().HoldThread(true);
-  HMDATASRC source = nullptr;
-  ASSERT_TRUE(MetaData_OpenSource(&config, &source));
+  const HMDATASRC source = OpenWhileStuck(config);
   m_open.push_back(source);
-  AllowOpeningLogs();
-  AllowLogs(3, "Wait FAILED for data source#7");
   const std::vector<int> sockets = host().FDsOfKind("socket");
   ASSERT_EQ(sockets.size(), 2u);
   EXPECT_EQ(source->Relayers[0].iRelaySocket, sockets[0]);

@@ -22,6 +22,20 @@ class StatsTest : public StartedEngineTest {
 
   HMDATASRC OpenSource(const MDATA_SRC_CFG& config) { return m_source = Open(config); }
   void Get() { EXPECT_TRUE(MetaData_GetSourceStats(m_source, &m_stats)); }
+  // A detected TTL or TOS as the statistics show it.
+  struct Detected {
+    int value;
+    UINT32 updates;
+    UINT32 lastUpdate;
+  };
+  void ExpectDetected(const Detected& ttl, const Detected& tos) const {
+    EXPECT_EQ(m_stats.iSrcTTL, ttl.value);
+    EXPECT_EQ(m_stats.nTTLUpdates, ttl.updates);
+    EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, ttl.lastUpdate);
+    EXPECT_EQ(m_stats.iSrcTOS, tos.value);
+    EXPECT_EQ(m_stats.nTOSUpdates, tos.updates);
+    EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, tos.lastUpdate);
+  }
   template <typename T>
   static bool IsUntouched(const T& field) {
     const auto* bytes = reinterpret_cast<const BYTE*>(&field);
@@ -174,12 +188,7 @@ TEST_F(GetStatsTest, DetectedValuesAreReadWithTheirTimes) {
   host().FeedDatagram(m_source->iFD, {1}, {.ttl = 63, .tos = 8});
   host().PassUntilIdle();
   Get();
-  EXPECT_EQ(m_stats.iSrcTTL, 63);
-  EXPECT_EQ(m_stats.nTTLUpdates, 2u);
-  EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, 1007u);
-  EXPECT_EQ(m_stats.iSrcTOS, 8);
-  EXPECT_EQ(m_stats.nTOSUpdates, 1u);
-  EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 1003u);
+  ExpectDetected({63, 2, 1007}, {8, 1, 1003});
 }
 
 TEST_F(GetStatsTest, LastSenderIsReadByItsFamily) {
@@ -263,12 +272,7 @@ TEST_F(ResetStatsTest, DetectedValuesAndTheirTimesStay) {
   EXPECT_TRUE(MetaData_SetSourceStats(m_source, &numbered));
   EXPECT_TRUE(MetaData_ResetSourceStats(m_source));
   Get();
-  EXPECT_EQ(m_stats.iSrcTTL, 21);
-  EXPECT_EQ(m_stats.nTTLUpdates, 0u);
-  EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, 23u);
-  EXPECT_EQ(m_stats.iSrcTOS, 24);
-  EXPECT_EQ(m_stats.nTOSUpdates, 0u);
-  EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 26u);
+  ExpectDetected({21, 0, 23}, {24, 0, 26});
 }
 
 TEST_F(ResetStatsTest, AllEightRelayersAreZeroed) {
@@ -332,12 +336,7 @@ TEST_F(SetStatsTest, GivenValuesAreReadBack) {
   EXPECT_EQ(m_stats.nRxOkMessages, 102u);
   EXPECT_EQ(m_stats.nRxCorruptMessages, 103u);
   EXPECT_EQ(memcmp(&m_stats.prot.KLV, &numbered.prot.KLV, sizeof(MDATA_KLV_STATS)), 0);
-  EXPECT_EQ(m_stats.iSrcTTL, 21);
-  EXPECT_EQ(m_stats.nTTLUpdates, 22u);
-  EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, 23u);
-  EXPECT_EQ(m_stats.iSrcTOS, 24);
-  EXPECT_EQ(m_stats.nTOSUpdates, 25u);
-  EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 26u);
+  ExpectDetected({21, 22, 23}, {24, 25, 26});
 }
 
 TEST_F(SetStatsTest, OnlyConfiguredRelaysGetCounters) {
@@ -515,12 +514,7 @@ TEST_F(NoContextTest, EverythingButTheDecodersCountersIsSetAndReadBack) {
   ExpectNoDecoderCounters();
   EXPECT_EQ(memcmp(&m_stats.prot.KLV, &numbered.prot.KLV, sizeof(MDATA_KLV_STATS)), 0);
   EXPECT_TRUE(SameRelay(m_stats.Relays[0], numbered.Relays[0]));
-  EXPECT_EQ(m_stats.iSrcTTL, 21);
-  EXPECT_EQ(m_stats.nTTLUpdates, 22u);
-  EXPECT_EQ(m_stats.nLastTTLUpdateUpTimeInSecs, 23u);
-  EXPECT_EQ(m_stats.iSrcTOS, 24);
-  EXPECT_EQ(m_stats.nTOSUpdates, 25u);
-  EXPECT_EQ(m_stats.nLastTOSUpdateUpTimeInSecs, 26u);
+  ExpectDetected({21, 22, 23}, {24, 25, 26});
 }
 
 TEST_F(NoContextTest, SetReachesTheConverter) {
