@@ -175,40 +175,41 @@ double MidpointAbove(float value) {
   return (static_cast<double>(value) + next) / 2;
 }
 
+constexpr const char* kOddNumbers[] = {"inf",
+                                       "-INF",
+                                       "nan",
+                                       "-NaN",
+                                       "Infinity",
+                                       "0x1p",
+                                       "1e",
+                                       "1e+",
+                                       "-5E-",
+                                       "5.",
+                                       ".5",
+                                       "-.25",
+                                       "+0",
+                                       "-0",
+                                       "-0.0",
+                                       "1e400",
+                                       "-1e400",
+                                       "1e-400",
+                                       "0x.8",
+                                       "0X10.8P-3",
+                                       "000000000000000000000000000000012.5",
+                                       "123456789012345678901234567890",
+                                       "0.0000000000000000000000000000000000000000000000000001e53",
+                                       "-",
+                                       "- 3",
+                                       ".",
+                                       "0x",
+                                       "5.e-1",
+                                       "1.5e-46",
+                                       "1e39",
+                                       "7.",
+                                       "  \r\n 4"};
+
 // Returns a text that a "%f" scan accepts, in one of many forms.
 std::string RandomNumber(std::mt19937_64& random) {
-  static constexpr const char* kOdd[] = {"inf",
-                                         "-INF",
-                                         "nan",
-                                         "-NaN",
-                                         "Infinity",
-                                         "0x1p",
-                                         "1e",
-                                         "1e+",
-                                         "-5E-",
-                                         "5.",
-                                         ".5",
-                                         "-.25",
-                                         "+0",
-                                         "-0",
-                                         "-0.0",
-                                         "1e400",
-                                         "-1e400",
-                                         "1e-400",
-                                         "0x.8",
-                                         "0X10.8P-3",
-                                         "000000000000000000000000000000012.5",
-                                         "123456789012345678901234567890",
-                                         "0.0000000000000000000000000000000000000000000000000001e53",
-                                         "-",
-                                         "- 3",
-                                         ".",
-                                         "0x",
-                                         "5.e-1",
-                                         "1.5e-46",
-                                         "1e39",
-                                         "7.",
-                                         "  \r\n 4"};
   char text[80];
   const uint64_t bits = random();
   const auto digits = static_cast<int>(bits >> 60);
@@ -243,7 +244,7 @@ std::string RandomNumber(std::mt19937_64& random) {
                static_cast<unsigned long long>(random() >> bits % 50), static_cast<int>(bits >> 8) % 60 - 30);
       break;
     default:
-      snprintf(text, sizeof(text), "%s", kOdd[bits % std::size(kOdd)]);
+      snprintf(text, sizeof(text), "%s", kOddNumbers[bits % std::size(kOddNumbers)]);
       break;
   }
   return text;
