@@ -85,4 +85,11 @@ int Sink::Connect() const {
   return ConnectLoopback(m_port);
 }
 
+void Sink::Describe(MDATA_RELAY_CFG& relay) const {
+  relay.usUDPPort = m_port;
+  relay.iDestAddressFamily = AF_INET;
+  relay.acDestAddress[0] = 127;
+  relay.acDestAddress[3] = 1;
+}
+
 }  // namespace bench

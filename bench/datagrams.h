@@ -37,6 +37,8 @@ class Sink {
   std::uint16_t Port() const { return m_port; }
   // A new socket that is connected to it.
   int Connect() const;
+  // Makes it the destination of a relay.
+  void Describe(MDATA_RELAY_CFG& relay) const;
 
  private:
   int m_socket;

@@ -1,5 +1,7 @@
 // What a hostile sender can make the stream decoders do, per byte of its own, against ordinary traffic at the same log level.
 // Every stream repeats itself without end and is never good; the decoders are measured when their buffers are full of it.
+#include "hostile.h"
+
 #include <algorithm>
 #include <memory>
 #include <string>
@@ -112,10 +114,31 @@ Bytes NestedKeys() {
   return Key(kUasDesignator, 65535, {});
 }
 
-// The same with the shortest items between the keys: that many bytes, two an item, make the walks the longest.
+Bytes CotSyncs() {
+  return {'o', 'H', 'e', 'Y', '!'};
+}
+
+}  // namespace
+
+// So many bytes between the keys, two an item, make the walks the longest.
 Bytes NestedItems() {
   return Key(kUasDesignator, 65530, Bytes(10, 0));
 }
+
+Bytes NestedCotHeaders() {
+  constexpr std::uint16_t kLength = 65519;
+  constexpr std::uint16_t kCheck = static_cast<std::uint16_t>(0x10000 - 2 * kLength);
+  Bytes header = CotSyncs();
+  for (int i = 0; i < 3; ++i) {
+    for (const std::uint16_t word : {kLength, kCheck}) {
+      header.push_back(static_cast<std::uint8_t>(word));
+      header.push_back(static_cast<std::uint8_t>(word >> 8));
+    }
+  }
+  return header;
+}
+
+namespace {
 
 // A wrong checksum as the first item of each message: the sum of all of it is made for every key.
 Bytes NestedSums() {
@@ -165,28 +188,10 @@ Bytes NestedDesignators() {
 
 // --- Cursor-on-Target ----------------------------------------------------------------------------------
 
-Bytes CotSyncs() {
-  return {'o', 'H', 'e', 'Y', '!'};
-}
-
-// A header that announces the largest frame.
-Bytes CotHeader() {
-  constexpr std::uint16_t kLength = 65519;
-  constexpr std::uint16_t kCheck = static_cast<std::uint16_t>(0x10000 - 2 * kLength);
-  Bytes header = CotSyncs();
-  for (int i = 0; i < 3; ++i) {
-    for (const std::uint16_t word : {kLength, kCheck}) {
-      header.push_back(static_cast<std::uint8_t>(word));
-      header.push_back(static_cast<std::uint8_t>(word >> 8));
-    }
-  }
-  return header;
-}
-
-// The same, each followed by the length of the longest block that the frame can hold.
-Bytes CotHeaderAndBlock() {
+// Nested headers, each followed by the length of the longest block that the frame can hold.
+Bytes NestedCotBlocks() {
   constexpr int kBlock = 65519 * 8 / 155 * 105 / 8;
-  Bytes header = CotHeader();
+  Bytes header = NestedCotHeaders();
   header.push_back(static_cast<std::uint8_t>(kBlock));
   header.push_back(static_cast<std::uint8_t>(kBlock >> 8));
   return header;
@@ -206,12 +211,12 @@ const bool kAdded[] = {
     AddHostile("klv_syncs_log", kKlv, KlvSyncs, kDefaultLogLevel),
     AddHostile(
         "klv_all_06_log", kKlv, [] { return Bytes{0x06}; }, kDefaultLogLevel),
-    AddHostile("cot_nested_headers", kCot, CotHeader, kQuietLevel),
-    AddHostile("cot_nested_blocks", kCot, CotHeaderAndBlock, kQuietLevel),
+    AddHostile("cot_nested_headers", kCot, NestedCotHeaders, kQuietLevel),
+    AddHostile("cot_nested_blocks", kCot, NestedCotBlocks, kQuietLevel),
     AddHostile("cot_syncs", kCot, CotSyncs, kQuietLevel),
     AddHostile(
         "cot_all_o", kCot, [] { return Bytes{'o'}; }, kQuietLevel),
-    AddHostile("cot_nested_headers_log", kCot, CotHeader, kDefaultLogLevel),
+    AddHostile("cot_nested_headers_log", kCot, NestedCotHeaders, kDefaultLogLevel),
     AddHostile("cot_syncs_log", kCot, CotSyncs, kDefaultLogLevel),
 };
 

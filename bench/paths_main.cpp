@@ -88,13 +88,7 @@ BOOL OnMessage(MDATA_BUFFER*, void* user, void*) {
 
 void AddRelays(MDATA_SRC_CFG& config, const std::deque<Sink>& sinks) {
   config.nNumOfRelays = static_cast<UINT32>(sinks.size());
-  for (std::size_t i = 0; i < sinks.size(); ++i) {
-    MDATA_RELAY_CFG& relay = config.Relays[i];
-    relay.usUDPPort = sinks[i].Port();
-    relay.iDestAddressFamily = AF_INET;
-    relay.acDestAddress[0] = 127;
-    relay.acDestAddress[3] = 1;
-  }
+  for (std::size_t i = 0; i < sinks.size(); ++i) sinks[i].Describe(config.Relays[i]);
 }
 
 std::deque<Sink> MakeSinks(int count) {

@@ -200,6 +200,18 @@ const std::vector<Bytes>& CotFrames() {
   return kAll;
 }
 
+const std::vector<Bytes>& CotPairFrames() {
+  static const std::vector<Bytes> kAll = [] {
+    std::vector<Bytes> made;
+    for (const EventPair& pair : EventPairs(0)) {
+      made.push_back(mdfeed::BuildCotFrame(pair.sensorPoint));
+      made.push_back(mdfeed::BuildCotFrame(pair.aircraft));
+    }
+    return made;
+  }();
+  return kAll;
+}
+
 MDATA_SRC_CFG RewritingConfig(Filter filter) {
   MDATA_SRC_CFG config;
   std::memset(&config, 0, sizeof config);

@@ -36,6 +36,8 @@ struct EventPair {
 const std::vector<EventPair>& EventPairs(std::size_t eventSize);
 // The aircraft events of a flight as frames of the serial link.
 const std::vector<Bytes>& CotFrames();
+// Both events of each pair as frames, the sensor point first.
+const std::vector<Bytes>& CotPairFrames();
 
 // The rewriting that a source may ask for, whole: filter, mission identifier, security set.
 enum class Filter {

@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <utility>
 
-#include "host_runtime.h"
 #include "metadata_lib.h"
 
 namespace bench {
@@ -26,17 +25,22 @@ void Fail(const std::string& reason) {
   std::_Exit(1);
 }
 
+HostRuntimeConfig& LibraryConfig() {
+  static HostRuntimeConfig config = [] {
+    HostRuntimeConfig made;
+    made.console = false;
+    made.logFile = "/tmp/metadata_bench." + std::to_string(getpid()) + ".log";
+    made.realtimeThreads = false;
+    return made;
+  }();
+  return config;
+}
+
 void UseLibrary(int logLevel) {
   [[maybe_unused]] static const bool kStarted = [] {
-    HostRuntimeConfig config;
-    // Lines go to a file, as a daemon's do, and are limited as by default.
-    config.console = false;
-    // Both sides run with the same priority.
-    config.realtimeThreads = false;
-    config.logFile = "/tmp/metadata_bench." + std::to_string(getpid()) + ".log";
     std::string error;
-    Require(HostRuntime_Apply(config, &error), "the log file cannot be written");
-    unlink(config.logFile.c_str());
+    Require(HostRuntime_Apply(LibraryConfig(), &error), "the log file cannot be written");
+    unlink(LibraryConfig().logFile.c_str());
     Require(METADATALIB_Init(METADATALIB_CAPS_COT_SUPPORT | METADATALIB_CAPS_IPV4_SUPPORT), "METADATALIB_Init failed");
     return true;
   }();

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "host_runtime.h"
+
 namespace bench {
 
 // One side, ready to run. What it works on lives in the function's captures.
@@ -26,6 +28,10 @@ struct Side {
 std::vector<Side>& Sides();
 // For static initialisers: adds a side and returns true.
 bool Add(const std::string& name, std::function<Work()> make);
+
+// What the library will be started with: lines go to a file and are limited as by default, threads run with ordinary
+// priority, like a floor's. May be changed before the first UseLibrary.
+HostRuntimeConfig& LibraryConfig();
 
 // Starts the library, once, with everything on: Cursor-on-Target, the geoid grid, all items. The process has two threads
 // from then on. Sets the log level of all modules, too.

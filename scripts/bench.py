@@ -10,15 +10,18 @@ import os
 import pathlib
 import platform
 import re
+import socket
 import statistics
 import subprocess
 import sys
 import tempfile
+import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 PROGRAMS = ROOT / "build/bench/bench"
 OUTPUT = ROOT / "out/bench"
 BASELINE = ROOT / "bench/instructions.json"
+ENCODER = ROOT / "build/bench/encoder/mdencoder"
 REPETITIONS = 5
 COUNTED_BATCHES = 4
 ALLOWED_RISE = 0.05
@@ -53,18 +56,26 @@ def measure_path(name, side, options):
     return min(runs, key=lambda result: result["ns"])
 
 
-MEASURES = {"modules": measure_module, "paths": measure_path}
+def measure_paced(name, side, options):
+    """The same at the pace of real sources, with the share of a processor that it comes to."""
+    return json.loads(run([PROGRAMS / "bench_paced", f"{name}/{side}", 1 if options.quick else 3]))
+
+
+MEASURES = {"modules": measure_module, "paths": measure_path, "paced": measure_paced}
 
 
 def rounds_of(workload, sides, options):
     """The two sides in turn, a result per round each; every other round begins with the other side."""
     results = {side: [] for side in sides}
+    results["shares"] = []
     flights = set()
     for number in range(options.rounds):
         for side in sides if number % 2 == 0 else reversed(sides):
             result = MEASURES[workload["program"]](workload["name"], side, options)
             results[side].append(result["ns"])
             flights.add(result.get("flight"))
+            if side == sides[0] and "share" in result:
+                results["shares"].append(result["share"])
     return results, flights - {None}
 
 
@@ -101,6 +112,70 @@ RATIO_HEAD = ["workload", "ours, ns", "floor, ns", "per", "ratio", "spread", "re
 def ratio_cells(line):
     return [line["name"], number_text(line["ours"]), number_text(line["floor"]), line["unit"], f"{line['ratio']:.2f}",
             f"±{line['spread'] * 100:.0f} %", number_text(line["required"]), number_text(line["aim"]), verdict(line)]
+
+
+LOSS_HEAD = ["mdencoder", "sent a second", "taken a second", "dropped by the queue", "lost in the socket"]
+LOSS_RATES = [50_000, 100_000, 150_000, 200_000, 300_000, 400_000, 600_000]
+
+
+def free_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def offer(rate, files, seconds):
+    """Runs mdencoder under so many messages a second. Returns what became of them, a second."""
+    port = free_port()
+    with tempfile.TemporaryDirectory() as folder:
+        config = pathlib.Path(folder, "bench.ini")
+        config.write_text(f"[encoder]\nformat = none\nstatus_interval = 0\nlog_level = 3\n"
+                          f"[bench]\ninput = udp\nport = {port}\nfamily = ipv4\n")
+        summary = pathlib.Path(folder, "summary.json")
+        command = [ENCODER, config, "--summary", summary]
+        command += ["--output-dir", pathlib.Path(folder, "out")] if files else []
+        encoder = subprocess.Popen([str(part) for part in command], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
+                                   stderr=subprocess.PIPE, text=True)
+        wait_for_port(port, encoder)
+        sent = json.loads(run([PROGRAMS / "bench_send", port, rate, seconds]))
+        time.sleep(0.3)
+        _, errors = encoder.communicate("quit\n")
+        if encoder.returncode != 0:
+            raise Failed(f"mdencoder: {errors.strip()[-500:]}")
+        source = json.loads(summary.read_text())["sources"][0]
+    received = source["messages"] + source["dropped"]
+    return {"offered": rate, "sent": sent["sent"] / sent["seconds"], "taken": source["messages"] / sent["seconds"],
+            "dropped": source["dropped"] / sent["sent"], "lost": 1 - received / sent["sent"]}
+
+
+def wait_for_port(port, process):
+    """Until the process listens there."""
+    for _ in range(200):
+        if f":{port:04X} " in pathlib.Path("/proc/net/udp").read_text() or process.poll() is not None:
+            return
+        time.sleep(0.02)
+    raise Failed("mdencoder does not listen")
+
+
+def measure_loss(workload, options):
+    """More and more messages a second: of each rate the median round by what was taken."""
+    rounds = [[offer(rate, workload["files"], 0.5 if options.quick else 1) for rate in LOSS_RATES]
+              for _ in range(min(options.rounds, 3))]
+    lines = [sorted(same, key=lambda line: line["taken"])[len(same) // 2] for same in zip(*rounds)]
+    return {"name": workload["name"], "lines": lines}
+
+
+def run_loss(workloads, options):
+    if not workloads:
+        return []
+    table = Table(LOSS_HEAD, [16, 13, 14, 20, 18])
+    results = []
+    for workload in workloads:
+        results.append(measure_loss(workload, options))
+        for line in results[-1]["lines"]:
+            table.put([workload["name"], number_text(line["sent"]), number_text(line["taken"]),
+                       f"{line['dropped'] * 100:.1f} %", f"{line['lost'] * 100:.1f} %"])
+    return results
 
 
 COUNT_HEAD = ["workload", "ours", "floor", "per", "baseline", "change", "required", "aim", "met"]
@@ -301,7 +376,7 @@ def arguments():
 def main():
     options = arguments()
     known = json.loads((ROOT / "bench/workloads.json").read_text())
-    parts = ["counts"] if options.counts or options.check or options.update_baseline else ["ratios", "hostile", "counts"]
+    parts = ["counts"] if options.counts or options.check or options.update_baseline else ["ratios", "hostile", "loss", "counts"]
     if options.times:
         parts.remove("counts")
     workloads = {part: chosen(known[part], options) if part in parts else [] for part in known if part != "comment"}
@@ -314,6 +389,10 @@ def main():
     result = {"machine": machine()}
     result["ratios"] = run_table(workloads["ratios"], RATIO_HEAD, compare, ratio_cells, options)
     result["hostile"] = run_table(workloads["hostile"], HOSTILE_HEAD, compare_hostile, hostile_cells, options)
+    for line in result["ratios"] + result["hostile"]:
+        if line.get("rounds", {}).get("shares"):
+            print(f"{line['name']}: {statistics.median(line['rounds']['shares']) * 100:.2f} % of a processor")
+    result["loss"] = run_loss(workloads["loss"], options)
     result["counts"] = run_counts(workloads["counts"], options) if workloads["counts"] else []
     lines = result["ratios"] + result["hostile"]
     if any(line.get("flights") == ["generated"] for line in lines):

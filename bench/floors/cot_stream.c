@@ -1,5 +1,5 @@
 // Stands for the serial Cursor-on-Target decoder: find the header, take the data bits out of the code words in steps of up to
-// eight bytes, check the CRC with a table, hand the event over. The stream is held whole, the first length is believed.
+// eight bytes, check the CRC with a table, hand the event over. The first length is believed.
 #include <stdlib.h>
 #include <string.h>
 
@@ -42,33 +42,37 @@ static void Unpack(const uint8_t* payload, size_t words, uint8_t* block) {
   }
 }
 
+// Delivers the event of a frame's payload if its CRC is right. Returns 0 without memory.
+static int Deliver(const uint8_t* payload, size_t size, FloorDeliver deliver, void* user) {
+  const size_t words = size * 8 / kCodeBits;
+  const size_t blockSize = words * kDataBits / 8;
+  uint8_t* block = calloc(1, blockSize + kSlack);
+  if (block == NULL) return 0;
+  Unpack(payload, words, block);
+  const size_t length = block[0] | (size_t)block[1] << 8;
+  unsigned crc = 0;
+  if (length >= 2 + kArqHead && length + 2 <= blockSize) {
+    for (size_t i = 2; i < length; ++i) crc = crc >> 8 ^ g_table[(crc ^ block[i]) & 0xFF];
+    if (crc == ((unsigned)block[length] << 8 | block[length + 1])) {
+      deliver(block + 2 + kArqHead, length - 2 - kArqHead, user);
+    }
+  }
+  free(block);
+  return 1;
+}
+
 size_t FloorCotStream(const uint8_t* stream, size_t size, FloorDeliver deliver, void* user) {
   if (g_table[1] == 0) FillTable();
-  size_t good = 0;
   size_t at = 0;
-  while (at + kHeadSize + 8 < size) {
+  while (size - at >= kHeadSize) {
     if (memcmp(stream + at, "oHeY!", kSyncSize) != 0) {
       ++at;
       continue;
     }
     const size_t payloadSize = stream[at + 5] | (size_t)stream[at + 6] << 8;
-    const uint8_t* payload = stream + at + kHeadSize;
-    if (at + kHeadSize + payloadSize + 8 > size) break;
-    const size_t words = payloadSize * 8 / kCodeBits;
-    uint8_t* block = calloc(1, words * kDataBits / 8 + kSlack);
-    if (block == NULL) break;
-    Unpack(payload, words, block);
-    const size_t length = block[0] | (size_t)block[1] << 8;
-    unsigned crc = 0;
-    if (length + 2 <= words * kDataBits / 8) {
-      for (size_t i = 2; i < length; ++i) crc = crc >> 8 ^ g_table[(crc ^ block[i]) & 0xFF];
-      if (crc == ((unsigned)block[length] << 8 | block[length + 1])) {
-        deliver(block + 2 + kArqHead, length - 2 - kArqHead, user);
-        ++good;
-      }
-    }
-    free(block);
+    if (payloadSize > size - at - kHeadSize) break;
+    if (!Deliver(stream + at + kHeadSize, payloadSize, deliver, user)) break;
     at += kHeadSize + payloadSize;
   }
-  return good;
+  return at;
 }

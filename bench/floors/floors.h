@@ -61,9 +61,9 @@ typedef struct FloorMessage {
 
 // Rewrites one UAS Local Set into memory from malloc. Returns none for a broken message.
 FloorMessage FloorRewrite(const FloorRules* rules, const uint8_t* message, size_t size);
-// Cuts, checks and delivers the messages of a stream that is held whole. Returns how many were good.
+// Both cut, check and deliver the messages of a stream as far as it is held, and return how many bytes they are done with:
+// behind them a message begins that is not all there. The Cursor-on-Target one may read eight bytes behind the stream.
 size_t FloorKlvStream(const uint8_t* stream, size_t size, FloorDeliver deliver, void* user);
-// Unpacks, checks and delivers the frames of a stream that is held whole. Returns how many were good.
 size_t FloorCotStream(const uint8_t* stream, size_t size, FloorDeliver deliver, void* user);
 
 // --- bytes and bits (checksum.c, word_sum.c, crc.c, bits.c, scan.c) ---------------------------------------

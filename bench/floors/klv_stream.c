@@ -1,6 +1,5 @@
 // Stands for the serial KLV decoder: find the key, read the length, walk the items, sum a word at a time, copy the message
-// into memory of its own, hand it over, free it. The stream is held whole, so there is nothing to gather, and a message that
-// is not good is only skipped.
+// into memory of its own, hand it over, free it. A message that is not good is only skipped.
 #include <stdlib.h>
 #include <string.h>
 
@@ -12,8 +11,7 @@ static const uint8_t kKey[kKeySize] = {0x06, 0x0E, 0x2B, 0x34, 0x02, 0x0B, 0x01,
                                        0x0E, 0x01, 0x03, 0x01, 0x01, 0x00, 0x00, 0x00};
 
 // Returns the header's size, 0 if there is none.
-static size_t ReadHead(const uint8_t* message, size_t left, size_t* bodySize) {
-  if (left < kKeySize + 3) return 0;
+static size_t ReadHead(const uint8_t* message, size_t* bodySize) {
   const uint8_t first = message[kKeySize];
   if (first < 0x80) {
     *bodySize = first;
@@ -46,19 +44,19 @@ static int IsGood(const uint8_t* message, size_t at, size_t size) {
 }
 
 size_t FloorKlvStream(const uint8_t* stream, size_t size, FloorDeliver deliver, void* user) {
-  size_t good = 0;
   size_t at = 0;
-  while (at + kKeySize < size) {
+  while (size - at >= kKeySize + 3) {
     if (memcmp(stream + at, kKey, kSyncSize) != 0) {
       const uint8_t* next = memchr(stream + at + 1, kKey[0], size - at - 1);
-      if (next == NULL) break;
+      if (next == NULL) return size;
       at = (size_t)(next - stream);
       continue;
     }
     size_t bodySize = 0;
-    const size_t headSize = ReadHead(stream + at, size - at, &bodySize);
+    const size_t headSize = ReadHead(stream + at, &bodySize);
     const size_t messageSize = headSize + bodySize;
-    if (headSize == 0 || messageSize > size - at || !IsGood(stream + at, headSize, messageSize)) {
+    if (headSize != 0 && messageSize > size - at) break;
+    if (headSize == 0 || !IsGood(stream + at, headSize, messageSize)) {
       at += kSyncSize;
       continue;
     }
@@ -67,8 +65,7 @@ size_t FloorKlvStream(const uint8_t* stream, size_t size, FloorDeliver deliver, 
     memcpy(message + kHeaderSpace, stream + at, messageSize);
     deliver(message + kHeaderSpace, messageSize, user);
     free(message);
-    ++good;
     at += messageSize;
   }
-  return good;
+  return at;
 }
