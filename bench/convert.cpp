@@ -77,6 +77,55 @@ bool AddConvert(const std::string& name, std::size_t eventSize, const char* zone
   return Add(name + "/floor", [=] { return ConvertFloor(EventPairs(eventSize), zone); });
 }
 
+// --- Hostile events ------------------------------------------------------------------------------------
+
+constexpr std::size_t kLargestEvent = 44'000;  // what a frame of the serial link can hold
+constexpr int kQuietLevel = 2;                 // a field that is missing is logged at 3
+
+std::size_t Size(const std::vector<EventPair>& pairs) {
+  std::size_t size = 0;
+  for (const EventPair& pair : pairs) size += pair.aircraft.size() + pair.sensorPoint.size();
+  return size;
+}
+
+// A sensor point event whose tags are as long as can be and lack what is looked for.
+std::string LongTags(const std::string& filler) {
+  std::string event = EventPairs(0)[0].sensorPoint;
+  event.resize(event.find(" <point"));
+  const std::size_t most = kLargestEvent - event.size();
+  for (const char* tag : {"point", "sensor"}) {
+    event += std::string("<") + tag + ' ';
+    for (const std::size_t end = event.size() + most / 2 - 20; event.size() < end;) event += filler;
+    event += "/>";
+  }
+  return event + "</event>";
+}
+
+Work ConvertHostile(const std::string& filler) {
+  SetZone("UTC");
+  UseLibrary(kQuietLevel);
+  const std::string event = LongTags(filler);
+  return {[event] {
+            HCONVERTER converter = nullptr;
+            Require(AllocCoT2KLVConvert(&converter, kPairDeltaUs, "", TRUE), "no converter");
+            Require(Convert(converter, event) == nullptr, "an event made a packet alone");
+            FreeCoT2KLVConvert(&converter);
+          },
+          static_cast<double>(event.size())};
+}
+
+Work ConvertOrdinary() {
+  Work work = ConvertOurs(EventPairs(0), "UTC");
+  UseLibrary(kQuietLevel);
+  work.units = static_cast<double>(Size(EventPairs(0)));
+  return work;
+}
+
+bool AddHostileEvent(const std::string& name, const std::string& filler) {
+  Add(name + "/hostile", [=] { return ConvertHostile(filler); });
+  return Add(name + "/ordinary", ConvertOrdinary);
+}
+
 // --- The grid ----------------------------------------------------------------------------------------
 
 // The grid as it is installed, made from PROJ's data for the run. Removed at the end.
@@ -155,6 +204,9 @@ const bool kAdded[] = {
     AddConvert("convert_pair_tz", 0, "UTC"),
     AddConvert("convert_pair_16k", 16'000, nullptr),
     AddConvert("convert_pair_60k", 60'000, nullptr),
+    AddHostileEvent("event_fields_missing", "x"),
+    AddHostileEvent("event_many_fields", "a=\"1\" "),
+    AddHostileEvent("event_beginnings", "elevatio=\"1\" l a s m o "),
     AddLoad("grid_fixed_point", FloorGridFixedPoint, PlainFile),
     AddLoad("grid_scan", FloorGridScan, PlainFile),
     AddLoad("grid_exponents", FloorGridScan, ExponentFile),

@@ -186,6 +186,19 @@ Bytes NestedDesignators() {
   return all;
 }
 
+// Two designators in turn.
+Bytes NestedTwoKinds() {
+  Bytes both = Key(kUasDesignator, 65530, Bytes(10, 0));
+  const Bytes other = Key(0x23, 65520, Bytes(9, 0));
+  both.insert(both.end(), other.begin(), other.end());
+  return both;
+}
+
+// Between the keys bytes that all say the same length, so that walks which begin side by side never meet.
+Bytes NestedStrides() {
+  return Key(kUasDesignator, 65530, Bytes(40, 9));
+}
+
 // --- Cursor-on-Target ----------------------------------------------------------------------------------
 
 // Nested headers, each followed by the length of the longest block that the frame can hold.
@@ -203,6 +216,8 @@ const bool kAdded[] = {
     AddHostile("klv_nested_sums", kKlv, NestedSums, kQuietLevel),
     AddHostile("klv_nested_right_sums", kKlv, NestedRightSums, kQuietLevel),
     AddHostile("klv_nested_designators", kKlv, NestedDesignators, kQuietLevel),
+    AddHostile("klv_nested_two_kinds", kKlv, NestedTwoKinds, kQuietLevel),
+    AddHostile("klv_nested_strides", kKlv, NestedStrides, kQuietLevel),
     AddHostile("klv_syncs", kKlv, KlvSyncs, kQuietLevel),
     AddHostile(
         "klv_all_06", kKlv, [] { return Bytes{0x06}; }, kQuietLevel),
