@@ -1,4 +1,7 @@
 // Checksum, CRC, bits and patterns.
+#include <algorithm>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 

@@ -1,4 +1,5 @@
 // Conversion of pairs of Cursor-on-Target events, and the grid that it looks heights up in.
+#include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
@@ -6,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "converter.h"
 #include "floors/events.h"

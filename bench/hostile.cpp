@@ -3,8 +3,11 @@
 #include "hostile.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "metadata_lib.h"
 #include "traffic.h"

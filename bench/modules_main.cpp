@@ -1,6 +1,8 @@
 // Times the sides of the module workloads with Google Benchmark. "items_per_second" counts what a workload counts.
 #include <benchmark/benchmark.h>
 
+#include <cstdint>
+
 #include "traffic.h"
 #include "workload.h"
 

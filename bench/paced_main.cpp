@@ -19,12 +19,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "datagrams.h"
 #include "floors/floors.h"

@@ -7,6 +7,7 @@
 // Prints one object of JSON: nanoseconds of processor time a message.
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

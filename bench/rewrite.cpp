@@ -1,6 +1,8 @@
 // Rewriting of UAS Local Sets, without the path around it.
+#include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "floors/floors.h"
 #include "metadata_lib.h"

@@ -3,9 +3,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-#include <array>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "floors/floors.h"
 #include "host.h"

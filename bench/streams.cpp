@@ -1,7 +1,9 @@
 // The stream decoders: serial KLV and the serial Cursor-on-Target link, with check and delivery.
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "floors/floors.h"
 #include "metadata_lib.h"

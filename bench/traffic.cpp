@@ -8,6 +8,7 @@
 #include <iterator>
 #include <map>
 #include <random>
+#include <utility>
 
 #include "cot_flight.h"
 #include "cot_frame.h"

@@ -4,7 +4,6 @@
 #define BENCH_TRAFFIC_H
 
 #include <cstdint>
-#include <span>
 #include <string>
 #include <vector>
 
