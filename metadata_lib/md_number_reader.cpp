@@ -2,9 +2,10 @@
 //
 // Contents
 //   1. The "C" locale
-//   2. Eight characters at a time
-//   3. Numbers in the usual form
-//   4. The file
+//   2. One number of a short text
+//   3. Eight characters at a time
+//   4. The file's numbers in the usual form
+//   5. The file
 #include "md_number_reader.h"
 
 #include <locale.h>
@@ -31,11 +32,6 @@ static locale_t _CLocale() {
   return _g_CLocale;
 }
 
-double _TextToDouble(const char* text) {
-  const locale_t locale = _CLocale();
-  return locale != nullptr ? strtod_l(text, nullptr, locale) : strtod(text, nullptr);
-}
-
 namespace {
 
 // Sets the "C" locale on this thread for a scope.
@@ -56,7 +52,48 @@ class CLocaleScope {
 }  // namespace
 
 // =====================================================================================================
-// 2. Eight characters at a time, as the bytes of a word
+// 2. One number of a short text
+// =====================================================================================================
+
+static constexpr int kMostDigits = 15;  // such a number is below 2^53
+static constexpr double kPowersOfTen[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                          1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
+
+static bool _IsDigit(int character) {
+  return character >= '0' && character <= '9';
+}
+
+// Converts a text that is only an optional minus sign and up to 15 digits, with or without a point. Both numbers of the
+// quotient are exact, so that it is rounded once, as the C library rounds it. Returns false for other text.
+static bool _ConvertDecimal(const char* text, double* value) {
+  const bool negative = *text == '-';
+  text += negative;
+  uint64_t digits = 0;
+  const char* first = text;
+  for (; _IsDigit(*text); ++text) digits = digits * 10 + static_cast<unsigned>(*text - '0');
+  ptrdiff_t count = text - first;
+  ptrdiff_t places = 0;
+  if (*text == '.') {
+    first = ++text;
+    for (; _IsDigit(*text); ++text) digits = digits * 10 + static_cast<unsigned>(*text - '0');
+    places = text - first;
+    count += places;
+  }
+  if (*text != '\0' || count == 0 || count > kMostDigits) return false;
+  const double whole = static_cast<double>(static_cast<int64_t>(digits));
+  *value = (negative ? -whole : whole) / kPowersOfTen[places];
+  return true;
+}
+
+double _TextToDouble(const char* text) {
+  double value = 0;
+  if (_ConvertDecimal(text, &value)) return value;
+  const locale_t locale = _CLocale();
+  return locale != nullptr ? strtod_l(text, nullptr, locale) : strtod(text, nullptr);
+}
+
+// =====================================================================================================
+// 3. Eight characters at a time, as the bytes of a word
 // =====================================================================================================
 
 static_assert(std::endian::native == std::endian::little, "the first character is the lowest byte of a word");
@@ -101,21 +138,16 @@ static uint64_t _Combine(uint64_t digits) {
 }
 
 // =====================================================================================================
-// 3. Numbers in the usual form: an optional minus sign, digits, a point, digits, a blank
+// 4. The file's numbers in the usual form: an optional minus sign, digits, a point, digits, a blank
 // =====================================================================================================
 
-static constexpr int kLookAhead = 32;   // characters from a number's start that the conversions may read
-static constexpr int kMostDigits = 15;  // such a number is below 2^53
+static constexpr int kLookAhead = 32;  // characters from a number's start that the conversions may read
 static constexpr double kNegativePowersOfTen[] = {1e0,  1e-1, 1e-2,  1e-3,  1e-4,  1e-5,  1e-6,  1e-7,
                                                   1e-8, 1e-9, 1e-10, 1e-11, 1e-12, 1e-13, 1e-14, 1e-15};
 static constexpr uint64_t kWholePowers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000, 100000000};
 
 static bool _IsBlank(int character) {
   return character == ' ' || (character >= '\t' && character <= '\r');
-}
-
-static bool _IsDigit(int character) {
-  return character >= '0' && character <= '9';
 }
 
 // Stores digits / 10^places as the nearest float. For fewer than 2^53 the product is within two units of the right
@@ -201,7 +233,7 @@ int MdNumberReader::ReadUsual(float* values, int most) {
 }
 
 // =====================================================================================================
-// 4. The file. Before the C library scans, the file is positioned back to the first unread character of the block.
+// 5. The file. Before the C library scans, the file is positioned back to the first unread character of the block.
 // =====================================================================================================
 
 // Numbers scanned in a row: enough that reading the block again after them does not cost much.
