@@ -917,12 +917,13 @@ cvtXmlMsg* cvt_findMsgFromList(const CONVERTER_INSTANCE_DATA* instance, const ch
   for (cvtXmlMsg* message = instance->pMsgListHeader; message != nullptr; message = message->pNext) {
     if (strcmp(CotText(message->matchStr).Get(), timeText) == 0) return message;
   }
+  kMetadataThread.Assume();
   struct timeval newTime;
-  ConvertTimeString(timeText, &newTime);
+  _OrderTime(timeText, &newTime);
   for (cvtXmlMsg* message = instance->pMsgListHeader; message != nullptr; message = message->pNext) {
     struct timeval time;
     struct timeval diff;
-    ConvertTimeString(CotText(message->matchStr).Get(), &time);
+    _OrderTime(CotText(message->matchStr).Get(), &time);
     CalcTimeOfDayAbsDiff(&newTime, &time, &diff);
     if (_IsWithinDelta(diff, instance->nMaxSPIAirCraftTimeDeltaInUS)) return message;
   }

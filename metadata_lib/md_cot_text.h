@@ -2,14 +2,18 @@
 //
 // Nothing builds a tree of the XML: all searches are plain substring searches on a terminated text.
 //
-// Metadata thread; ConvertTimeString on any thread. The only state is the process's time zone. Log lines carry the
-// converter's name.
+// Metadata thread; ConvertTimeString on any thread. The only state is the process's time zone, with the answers of the
+// last half second. Log lines carry the converter's name.
 #ifndef MD_COT_TEXT_H
 #define MD_COT_TEXT_H
 
 #include <stdint.h>
 #include <string.h>
+#include <sys/time.h>
 #include <time.h>
+
+#include "md_mutex.h"
+#include "metadata_lib.h"
 
 enum CVT_COTKLV_STATUS : int32_t {
   CVT_COTKLV_STATUS_OK = 0,
@@ -69,5 +73,7 @@ bool _LookUp(const CotSlice& slice, const char* name, cvtCotField* field);
 int cvt_strptime(const char* timeStr, struct tm* pTm);
 // Stores microseconds since 1970, big-endian. Returns 0, or -1 leaving *uSecs unchanged.
 int cvt_getUSecsFromTimeStr(const char* timeStr, uint64_t* uSecs);
+// Does what ConvertTimeString does, without asking the time zone again about a minute it was asked about just before.
+void _OrderTime(const char* text, struct timeval* time) MD_REQUIRES(kMetadataThread);
 
 #endif  // MD_COT_TEXT_H

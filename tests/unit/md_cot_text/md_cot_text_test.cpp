@@ -12,6 +12,15 @@
 
 #include "fake_host.h"
 
+static int g_zoneQuestions = 0;
+
+// The linker sends every call of mktime here.
+extern "C" time_t __real_mktime(struct tm* fields);
+extern "C" time_t __wrap_mktime(struct tm* fields) {
+  ++g_zoneQuestions;
+  return __real_mktime(fields);
+}
+
 namespace {
 
 class TextTest : public HostTest {};
@@ -185,6 +194,58 @@ TEST_F(CotTime, TimesAreLocal) {
   setenv("TZ", "EST5", 1);
   tzset();
   EXPECT_EQ(Microseconds("2024-01-02T03:04:05Z"), kWhole + int64_t{5} * 3600 * 1000000);
+}
+
+// Returns how often the C library is asked about the time zone for a text.
+int Questions(const char* text) {
+  const int before = g_zoneQuestions;
+  Microseconds(text);
+  return g_zoneQuestions - before;
+}
+
+TEST_F(CotTime, ZoneIsAskedOncePerMinuteAndHalfSecond) {
+  host().SetWallClock(1704164645);
+  host().Advance(500);
+  EXPECT_EQ(Questions("2024-01-02T03:04:05.00Z"), 1);
+  EXPECT_EQ(Questions("2024-01-02T03:04:05.50Z"), 0);
+  EXPECT_EQ(Questions("2024-01-02T03:05:05.00Z"), 1) << "another minute";
+  EXPECT_EQ(Questions("2024-01-02T03:04:05.00Z"), 0) << "the first one is still remembered";
+  host().Advance(499);
+  EXPECT_EQ(Questions("2024-01-02T03:04:05.00Z"), 0);
+  host().Advance(1);
+  EXPECT_EQ(Questions("2024-01-02T03:04:05.00Z"), 1);
+}
+
+TEST_F(CotTime, SecondsBetweenTwoAnswersAreNotAsked) {
+  EXPECT_EQ(Questions("2024-01-02T03:04:10.00Z"), 1);
+  EXPECT_EQ(Questions("2024-01-02T03:04:20.00Z"), 1);
+  EXPECT_EQ(Questions("2024-01-02T03:04:15.00Z"), 0);
+  EXPECT_EQ(Questions("2024-01-02T03:04:09.00Z"), 1);
+  EXPECT_EQ(Questions("2024-01-02T03:04:21.00Z"), 1);
+  EXPECT_EQ(Questions("2024-01-02T03:04:09.00Z"), 0);
+  EXPECT_EQ(Microseconds("2024-01-02T03:04:15Z"), kWhole + 10000000);
+}
+
+TEST_F(CotTime, ChangeOfTheZoneShowsWithinASecond) {
+  EXPECT_EQ(Microseconds("2024-01-02T03:04:05Z"), kWhole);
+  setenv("TZ", "EST5", 1);
+  host().Advance(999);
+  EXPECT_EQ(Microseconds("2024-01-02T03:04:05Z"), kWhole + int64_t{5} * 3600 * 1000000);
+}
+
+TEST_F(CotTime, ExportedConversionAsksTheZoneInEveryCall) {
+  timeval time = {};
+  const int before = g_zoneQuestions;
+  ConvertTimeString("2024-01-02T03:04:05.06Z", &time);
+  ConvertTimeString("2024-01-02T03:04:05.06Z", &time);
+  EXPECT_EQ(g_zoneQuestions - before, 2) << "any thread may call it";
+}
+
+TEST_F(CotTime, FailureOfTheCalendarIsNotRemembered) {
+  EXPECT_EQ(Microseconds("1969-12-31T23:59:59Z"), -1);
+  ExpectLog(3, "failed in mktime()\n");
+  EXPECT_EQ(Questions("1969-12-31T23:59:59Z"), 1);
+  ExpectLog(3, "failed in mktime()\n");
 }
 
 TEST_F(CotTime, FieldsAreCheckedInTheirRanges) {
