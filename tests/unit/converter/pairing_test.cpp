@@ -542,4 +542,36 @@ TEST_F(AnyXml, DamagedEventsDoNotAffectTheNextGoodOne) {
   ExpectGoodPair();
 }
 
+// Returns the lines of an event up to its first item; the address in one of them differs from run to run.
+std::vector<std::string> FirstLines() {
+  std::vector<std::string> lines;
+  for (const LogLine& line : host().Logs()) {
+    if (line.module != "COTCONVERTER") continue;
+    lines.push_back(line.text.substr(0, line.text.find(", pMsg")));
+    if (line.text.find("cotField: name = time") != std::string::npos) break;
+  }
+  host().ClearLogs();
+  return lines;
+}
+
+TEST_F(Pairing, LinesOfAnEventSayThatItsTagIsFoundThreeTimes) {
+  const std::string tag = "Found event end: sliceLen = 0x72\n";
+  EXPECT_EQ(Convert(Aircraft()), 0);
+  EXPECT_EQ(FirstLines(),
+            (std::vector<std::string>{
+                "Found event end: sliceLen = 0xd6\n", "found whole msg", tag, "found <event> tag slice!\n", tag,
+                "matchStr, time=\"2024-01-02T03:04:05.00Z\" !\n", "RECONSTITUTED TIME=2024-01-02T03:04:05.00Z.\n",
+                "Resulting time 18446744073207405861 sec,0 usecs.\n",
+                "allocating a new msg since none found with time=\"2024-01-02T03:04:05.00Z\" !\n",
+                "Got a aircraft msg!\n", tag, "Found <event> tag slice!\n", "Found cotField: name = time\n"}));
+  Convert(Spi());
+  const std::string other = "Found event end: sliceLen = 0x71\n";
+  EXPECT_EQ(FirstLines(), (std::vector<std::string>{
+                              "Found event end: sliceLen = 0x100\n", "found whole msg", other,
+                              "found <event> tag slice!\n", other, "matchStr, time=\"2024-01-02T03:04:05.00Z\" !\n",
+                              "We have both SPI and AIRCRAFT events with time=\"2024-01-02T03:04:05.00Z\" !\n",
+                              "Got a SPI msg!\n", other, "Found cotField: name = uid\n", "SPI uid=\"SPI1\"",
+                              "Mapping KLV Item: key=11 (0xb) length = 0x4\n", "Found cotField: name = time\n"}));
+}
+
 }  // namespace

@@ -1,5 +1,5 @@
-// Plain forms of the times, in which the C library reads every group of digits and answers every question about local
-// time; see md_cot_text.h for what each promises. They log the same lines.
+// Plain forms of the searches and times: every search copies what it finds, and the C library reads every group of
+// digits and answers every question about local time. See md_cot_text.h for what each promises. They log the same lines.
 #ifndef COT_TEXT_SLOW_FORMS_H
 #define COT_TEXT_SLOW_FORMS_H
 
@@ -14,6 +14,79 @@
 #define MD_MODULE "converter"
 #define MD_DEBUG_HANDLE g_hCoTConvDbg
 #include "md_log.h"
+
+inline CVT_COTKLV_STATUS SlowGetTagSlice(const char* pInBuf, uint32_t inBufLen, const char* startTag,
+                                         const char* endTag, const char** pSlice, uint32_t* sliceLen) {
+  *sliceLen = 0;
+  if (pInBuf == nullptr || startTag == nullptr || endTag == nullptr || inBufLen < kShortestText) {
+    MD_LOG(3, "invalid input\n");
+    return CVT_COTKLV_STATUS_INVALID_INPUT;
+  }
+  const char* start = strstr(pInBuf, startTag);
+  if (start == nullptr) {
+    MD_LOG(7, "slice %s not found\n", startTag);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  *pSlice = start;
+  const char* end = strstr(start, endTag);
+  if (end == nullptr) {
+    MD_LOG(4, "slice %s not found\n", endTag);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  *sliceLen = static_cast<uint32_t>(end - start);
+  if (*sliceLen > inBufLen) {
+    MD_LOG(3, "found slice, but length is out of buffer\n");
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  MD_LOG(7, "Found event end: sliceLen = 0x%x\n", *sliceLen);
+  return CVT_COTKLV_STATUS_OK;
+}
+
+inline CVT_COTKLV_STATUS SlowGetCotField(const char* pInBuf, int32_t inBufLen, cvtCotField* pCotField) {
+  if (pCotField != nullptr) pCotField->flag = 0;
+  if (pInBuf == nullptr || pCotField == nullptr || inBufLen < static_cast<int32_t>(kShortestText)) {
+    MD_LOG(3, "invalid input\n");
+    return CVT_COTKLV_STATUS_INVALID_INPUT;
+  }
+  const char* hit = strstr(pInBuf, pCotField->name);
+  if (hit == nullptr) {
+    MD_LOG(3, "field %s not found\n", pCotField->name);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  if (hit - pInBuf > inBufLen) {
+    MD_LOG(3, "field %s out of slice. \n", pCotField->name);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  const char* openQuote = strchr(hit, '"');
+  if (openQuote == nullptr) {
+    MD_LOG(3, "field %s not found open \"\n", pCotField->name);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  const char* closeQuote = strchr(openQuote + 1, '"');
+  if (closeQuote == nullptr) {
+    MD_LOG(3, "field %s not found close \"\n", pCotField->name);
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  const size_t length = static_cast<size_t>(closeQuote - openQuote - 1);
+  if (length > kCotValueSize) {
+    MD_LOG(3, "field %s found invalid value length 0x%x\n", pCotField->name, static_cast<UINT>(length));
+    return CVT_COTKLV_STATUS_NOT_FOUND;
+  }
+  memcpy(pCotField->valueStr, openQuote + 1, length);
+  if (length < kCotValueSize) pCotField->valueStr[length] = '\0';
+  pCotField->valueLen = static_cast<int32_t>(length);
+  pCotField->flag = 1;
+  return CVT_COTKLV_STATUS_OK;
+}
+
+// Copies the row to *field and looks the attribute up.
+inline bool SlowFindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* field) {
+  *field = row;
+  SlowGetCotField(slice.text, static_cast<int32_t>(slice.length), field);
+  if (field->flag != 1) return false;
+  MD_LOG(7, "Found cotField: name = %s\n", field->name);
+  return true;
+}
 
 // Returns the decimal number in a group of characters, 0 if the text ends before it.
 inline int SlowDateGroup(const char* text, size_t textLength, size_t offset, size_t length) {
