@@ -13,6 +13,7 @@ int Run(int argc, char** argv) {
   std::string input = "/usr/share/proj/egm96_15.gtx";
   std::string output = "/usr/share/vendor/data/ww15mgh.grd";
   CLI::App app{"Writes the EGM96 15-minute geoid grid as text, values only, from 90 N, 0 E eastward and southward."};
+  app.set_version_flag("--version", "make_geoid_grid " MAKE_GEOID_GRID_VERSION);
   app.add_option("--input", input, "GTX grid of PROJ's data, or the published text grid")->capture_default_str();
   app.add_option("--output", output, "where the library looks for the grid")->capture_default_str();
   CLI11_PARSE(app, argc, argv);

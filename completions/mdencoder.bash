@@ -1,0 +1,24 @@
+# bash completion of mdencoder
+_mdencoder() {
+  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
+  COMPREPLY=()
+  case $previous in
+    --format) COMPREPLY=($(compgen -W 'table json none' -- "$current")); return ;;
+    --extended-tags) COMPREPLY=($(compgen -W 'yes no' -- "$current")); return ;;
+    --capabilities) COMPREPLY=($(compgen -W 'cot ipv4 ipv6' -- "$current")); return ;;
+    --log-level) COMPREPLY=($(compgen -W '0 1 2 3 4 5 6 7 8' -- "$current")); return ;;
+    --log-levels) compopt -o nospace; COMPREPLY=($(compgen -W 'METADATALIB: COTCONVERTER: HOST: KLVCAPTURE:' -- "$current")); return ;;
+    --output-dir) compopt -o filenames; COMPREPLY=($(compgen -d -- "$current")); return ;;
+    --stats-json | --stats-file | --summary | --library | --host-config) compopt -o filenames; COMPREPLY=($(compgen -f -- "$current")); return ;;
+    --status-interval | --duration | --messages | --messages-each | --stats-interval | --queue) return ;;
+  esac
+  if [[ $current == -* ]]; then
+    COMPREPLY=($(compgen -W '-h --help --version --check --format --output-dir --status-interval --stream-header
+      --duration --messages --messages-each --stats-interval --stats-json --stats-file --summary --live --library
+      --host-config --capabilities --extended-tags --log-level --log-levels --queue' -- "$current"))
+  else
+    compopt -o filenames
+    COMPREPLY=($(compgen -f -X '!*.ini' -- "$current") $(compgen -d -- "$current"))
+  fi
+}
+complete -F _mdencoder mdencoder
