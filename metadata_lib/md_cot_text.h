@@ -13,7 +13,6 @@
 #include <time.h>
 
 #include "md_mutex.h"
-#include "metadata_lib.h"
 
 enum CVT_COTKLV_STATUS : int32_t {
   CVT_COTKLV_STATUS_OK = 0,

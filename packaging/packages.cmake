@@ -1,7 +1,4 @@
 # Debian packages: `cpack -G DEB` in a build folder. The library needs libc alone.
-configure_file(${PROJECT_SOURCE_DIR}/packaging/metadata_lib.pc.in ${PROJECT_BINARY_DIR}/metadata_lib.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/metadata_lib.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT dev)
-
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "metadata_lib developers")
 set(CPACK_PACKAGE_CONTACT "metadata_lib developers <metadata_lib@localhost>")
