@@ -7,11 +7,11 @@
 #define HOST_RUNTIME_H
 
 #include <array>
-#include <compare>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
+#include <tuple>
 #include <vector>
 
 // --- configuration -----------------------------------------------------------------------------------
@@ -38,7 +38,9 @@ struct HostConfigKey {
   std::string file;
   std::string section;
   std::string key;
-  auto operator<=>(const HostConfigKey&) const = default;
+  bool operator<(const HostConfigKey& other) const {
+    return std::tie(file, section, key) < std::tie(other.file, other.section, other.key);
+  }
 };
 
 struct HostRuntimeConfig {
