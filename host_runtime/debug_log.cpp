@@ -7,6 +7,7 @@
 //   Services   are called by the library and the runtime
 #define HOST_MODULE "debug_log"
 
+#include <dlfcn.h>
 #include <fcntl.h>
 #include <spdlog/sinks/rotating_file_sink.h>
 #include <spdlog/sinks/stdout_color_sinks.h>
@@ -32,6 +33,7 @@
 
 #include "annotated_mutex.h"
 #include "log_limiter.h"
+#include "metadata_lib.h"
 #include "printable_text.h"
 #include "runtime_state.h"
 
@@ -331,12 +333,28 @@ uint64_t HostRuntime_AssertionCount() {
 
 extern "C" {
 
+// Logs which library opens its module, once it is open. The caller's file says so: its name ends with the version, if
+// the caller is a shared library of its own.
+static void LogLibrary(const char* module, const void* caller) {
+  Guarded([&] {
+    Dl_info info{};
+    if (dladdr(caller, &info) == 0 || info.dli_fname == nullptr) return;
+    const std::unique_ptr<char, decltype(&free)> path(realpath(info.dli_fname, nullptr), free);
+    if (path == nullptr) return;
+    const std::string_view name(path.get());
+    const std::size_t suffix = name.rfind(".so.");
+    if (suffix == std::string_view::npos) return;
+    HOST_LOG(5, "%s %s is %s; host runtime %s.\n", module, path.get() + suffix + 4, path.get(), METADATALIB_VERSION);
+  });
+}
+
 BOOL _DoDbgInit(const char* szName, HDBG* phDbg) {
   if (phDbg == nullptr) return FALSE;
   *phDbg = nullptr;
   if (szName == nullptr || *szName == '\0') return FALSE;
   Config();  // loads the configuration that the environment names, which may set this module's level
   *phDbg = NoThrow<HDBG>(nullptr, [&] { return OpenModule(szName); });
+  if (*phDbg != nullptr && std::string_view(szName) == "METADATALIB") LogLibrary(szName, __builtin_return_address(0));
   return *phDbg != nullptr ? TRUE : FALSE;
 }
 

@@ -3,7 +3,7 @@
  *
  * CONVENTIONS
  *
- *   Language    Plain C11 interface, also usable from C++17 and later. LP64 platforms only.
+ *   Language    Plain C11 interface, also usable from C++11 and later. LP64 platforms only.
  *   Results     BOOL: TRUE (1) on success, FALSE (0) on failure. There are no error codes; the host's
  *               debug log tells why a call failed.
  *   Records     Zero a record before filling it. Records that cross this interface carry their size in
@@ -39,6 +39,18 @@ extern "C" {
 #else
 #define METADATALIB_API
 #endif
+
+/*
+ * The version of this header, which the library's file name and the programs' --version repeat. Within one major
+ * version the interface only grows, and the library's soname stays.
+ */
+#define METADATALIB_VERSION_MAJOR 1
+#define METADATALIB_VERSION_MINOR 0
+#define METADATALIB_VERSION_PATCH 0
+#define METADATALIB_VERSION_TEXT_(major, minor, patch) #major "." #minor "." #patch
+#define METADATALIB_VERSION_JOIN_(major, minor, patch) METADATALIB_VERSION_TEXT_(major, minor, patch)
+#define METADATALIB_VERSION \
+  METADATALIB_VERSION_JOIN_(METADATALIB_VERSION_MAJOR, METADATALIB_VERSION_MINOR, METADATALIB_VERSION_PATCH)
 
 /* ------------------------------------------------------------------------------------------------ */
 /* Base types                                                                                       */

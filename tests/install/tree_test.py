@@ -174,6 +174,12 @@ class Tree(unittest.TestCase):
         for program in ("mdencoder", "mdfeed", "make_geoid_grid"):
             self.assertEqual(run(self.prefix / "bin" / program, "--version", env={"PATH": os.environ["PATH"]}),
                              f"{program} {options.version}\n")
+        (self.scratch / "one.ini").write_text("[udp]\ninput = udp\nport = 15001\nfamily = ipv4\n")
+        encoder = subprocess.run([self.prefix / "bin/mdencoder", self.scratch / "one.ini", "--duration", "0.1"], check=True,
+                                 capture_output=True, text=True, timeout=60)
+        library = self.libdir / f"libmetadata_lib.so.{options.version}"
+        self.assertIn(f"METADATALIB {options.version} is {library.resolve()}; host runtime {options.version}.",
+                      encoder.stderr)
         sample = next(self.prefix.rglob("mdencoder.example.ini"))
         run(self.prefix / "bin/mdencoder", sample, "--check")
 
