@@ -336,7 +336,7 @@ extern "C" {
 // Logs which library opens its module, once it is open. The caller's file says so: its name ends with the version, if
 // the caller is a shared library of its own.
 static void LogLibrary(const char* module, const void* caller) {
-  Guarded([&] {
+  NoThrow([&] {
     Dl_info info{};
     if (dladdr(caller, &info) == 0 || info.dli_fname == nullptr) return;
     const std::unique_ptr<char, decltype(&free)> path(realpath(info.dli_fname, nullptr), free);

@@ -210,7 +210,7 @@ class Tree(unittest.TestCase):
         self.assertEqual(count("include/metadata_host/host*.h"), len(list((SOURCE / "host").glob("*.h"))) + 1)
         self.assertEqual([count(f"share/man/man{section}/*.{section}") for section in (1, 3, 5)], [3, 1, 1])
         self.assertEqual(count("share/doc/*/docs/**/*.md"), len(list((SOURCE / "docs").rglob("*.md"))))
-        for name in ("README.md", "CHANGELOG.md", "LICENSE", "NOTICE", "example/Makefile"):
+        for name in ("README.md", "CHANGELOG.md", "CONTRIBUTING.md", "LICENSE", "NOTICE", "example/Makefile"):
             self.assertEqual(count("share/doc/*/" + name), 1, name)
 
 
