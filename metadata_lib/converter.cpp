@@ -34,6 +34,12 @@
 // 1. Numbers. Any thread, no state.
 // =====================================================================================================
 
+// Returns the number of an attribute's value, 0 if the value is not a number.
+static double _ToNumber(const CotSlice& value) {
+  double number = 0;
+  return _ReadDecimal(value.text, value.length, &number) ? number : _TextToDouble(CotText(value).Get());
+}
+
 static float _ToFloat(double value) {
   if (value > static_cast<double>(FLT_MAX)) return __builtin_inff();
   if (value < -static_cast<double>(FLT_MAX)) return -__builtin_inff();
@@ -412,6 +418,7 @@ struct Conversion {
   CONVERTER_INSTANCE_DATA* instance;
   cvtXmlMsg* message;
   CotSlice event;
+  CotSlice tag;     // the start tag of <event>
   cvtKlvItem item;  // KEPT: one record serves the whole event, so an unparsable "start" repeats the time stamp
   double lat = kNotRead;
   double lon = kNotRead;
@@ -428,6 +435,13 @@ static Conversion _StartConversion(CONVERTER_INSTANCE_DATA* instance, const char
   conversion.event = {text, length};
   memset(&conversion.item, 0, sizeof(conversion.item));
   return conversion;
+}
+
+// Finds the start tag of <event>.
+static bool _FindTag(const CotSlice& event, CotSlice* tag) {
+  if (_FindSlice(event, "<event", ">", tag)) return true;
+  MD_LOG(3, "not found <event> tag slice!\n");
+  return false;
 }
 
 static void _Append(Conversion& conversion, int key, int length) {
@@ -477,17 +491,17 @@ static bool _AddNumber(Conversion& conversion, const NumberItem& item, double va
   return false;
 }
 
-static void _SetText(Conversion& conversion, const cvtCotField& field) {
-  memcpy(conversion.item.value.str, field.valueStr, static_cast<size_t>(field.valueLen));
+static void _SetText(Conversion& conversion, const CotSlice& value) {
+  memcpy(conversion.item.value.str, value.text, value.length);
 }
 
 // Adds the time stamp, which both kinds of events must have. Returns 0, or -1 if the event has none.
-static int _AddTimeStamp(Conversion& conversion, const cvtCotField& field, bool found, int key) {
+static int _AddTimeStamp(Conversion& conversion, const CotSlice& value, bool found, int key) {
   if (!found) {
     MD_LOG(3, "failed to find timeStamp field !\n");
     return -1;
   }
-  const CotText text(field.valueStr);
+  const CotText text(value);
   if (cvt_getUSecsFromTimeStr(text.Get(), &conversion.item.value.ubyte8) != 0) {
     MD_LOG(3, "failed to get uSecs for tmStamp %s", text.Get());
     return -1;
@@ -496,20 +510,20 @@ static int _AddTimeStamp(Conversion& conversion, const cvtCotField& field, bool 
   return 0;
 }
 
-static int _AddAirEventItem(Conversion& conversion, const cvtCotField& field, bool found) {
-  const int key = cotToKlv_airEventTable[field.mapId].klvKey;
-  if (!found) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
-  if (field.mapId == AIR_EVENT_TIME) return _AddTimeStamp(conversion, field, found, key);
+static int _AddAirEventItem(Conversion& conversion, const cvtCotField& row, const CotSlice& value, bool found) {
+  const int key = cotToKlv_airEventTable[row.mapId].klvKey;
+  if (!found) MD_LOG(3, "cotField \"%s\" not found\n", row.name);
+  if (row.mapId == AIR_EVENT_TIME) return _AddTimeStamp(conversion, value, found, key);
   if (!found) return 0;
-  const CotText text(field.valueStr);
-  if (field.mapId == AIR_EVENT_START) {
+  const CotText text(value);
+  if (row.mapId == AIR_EVENT_START) {
     if (cvt_getUSecsFromTimeStr(text.Get(), &conversion.item.value.ubyte8) != 0)
       MD_LOG(3, "failed to get uSecs for start %s", text.Get());  // KEPT: the item is added nevertheless
     _AddEventItem(conversion, key, 8);
-  } else if (field.mapId == AIR_EVENT_UID) {
+  } else if (row.mapId == AIR_EVENT_UID) {
     MD_LOG(7, "aircraft uid=\"%s\"", text.Get());
-    _SetText(conversion, field);
-    _AddEventItem(conversion, key, field.valueLen);
+    _SetText(conversion, value);
+    _AddEventItem(conversion, key, static_cast<int>(value.length));
   } else {
     MD_LOG(3, "unknown mapId !\n");
   }
@@ -517,28 +531,23 @@ static int _AddAirEventItem(Conversion& conversion, const cvtCotField& field, bo
 }
 
 static int _AddAirEvent(Conversion& conversion) {
-  CotSlice slice;
-  if (!_FindSlice(conversion.event, "<event", ">", &slice)) {
-    MD_LOG(3, "not found <event> tag slice!\n");
-    return -1;
-  }
   MD_LOG(7, "Found <event> tag slice!\n");
   for (const cvtCotField& row : cot_airEventTable) {
-    cvtCotField field;
-    const bool found = _FindField(slice, row, &field);
-    if (_AddAirEventItem(conversion, field, found) != 0) return -1;
+    CotSlice value;
+    const bool found = _FindField(conversion.tag, row, &value);
+    if (_AddAirEventItem(conversion, row, value, found) != 0) return -1;
   }
   return 0;
 }
 
 // Reads an attribute that is a number. Logs it and returns false if it is missing.
 static bool _FindAirNumber(const CotSlice& slice, const cvtCotField& row, double* value) {
-  cvtCotField field;
-  if (!_FindField(slice, row, &field)) {
-    MD_LOG(3, "cotField \"%s\" not found\n", field.name);
+  CotSlice text;
+  if (!_FindField(slice, row, &text)) {
+    MD_LOG(3, "cotField \"%s\" not found\n", row.name);
     return false;
   }
-  *value = _TextToDouble(CotText(field.valueStr).Get());
+  *value = _ToNumber(text);
   return true;
 }
 
@@ -622,9 +631,7 @@ static void _AddAirAltitude(Conversion& conversion) {
   _AddNumber(conversion, item, height);
 }
 
-int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* instance, const char* pvInputData, uint32_t nInDataSize,
-                           cvtXmlMsg* message) {
-  Conversion conversion = _StartConversion(instance, pvInputData, nInDataSize, message);
+static int _ConvertAircraft(Conversion& conversion) {
   if (_AddAirEvent(conversion) != 0) return -1;
   _AddAirTrack(conversion);
   if (_g_bAllItemsSupport) _AddAirAttitude(conversion);
@@ -633,30 +640,31 @@ int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* instance, const char* pvInpu
   return 0;
 }
 
+int cvt_processAircraftMsg(CONVERTER_INSTANCE_DATA* instance, const char* pvInputData, uint32_t nInDataSize,
+                           cvtXmlMsg* message) {
+  Conversion conversion = _StartConversion(instance, pvInputData, nInDataSize, message);
+  return _FindTag(conversion.event, &conversion.tag) ? _ConvertAircraft(conversion) : -1;
+}
+
 // =====================================================================================================
 // 5. Sensor-point events. Metadata thread.
 // =====================================================================================================
 
 static int _AddSpiEvent(Conversion& conversion) {
-  CotSlice slice;
-  if (!_FindSlice(conversion.event, "<event", ">", &slice)) {
-    MD_LOG(3, "not found <event> tag slice!\n");
-    return -1;
-  }
   for (const cvtCotField& row : cot_spiEventTable) {
     const int key = cotToKlv_spiEventTable[row.mapId].klvKey;
-    cvtCotField field;
-    const bool found = _FindField(slice, row, &field);
-    if (!found) MD_LOG(3, "cotField \"%s\" not found\n", field.name);
+    CotSlice value;
+    const bool found = _FindField(conversion.tag, row, &value);
+    if (!found) MD_LOG(3, "cotField \"%s\" not found\n", row.name);
     if (row.mapId == SPI_EVENT_TIME) {
-      if (_AddTimeStamp(conversion, field, found, key) != 0) return -1;
+      if (_AddTimeStamp(conversion, value, found, key) != 0) return -1;
     } else if (found) {
-      const CotText text(field.valueStr);
+      const CotText text(value);
       MD_LOG(7, "SPI uid=\"%s\"", text.Get());
       // KEPT: accepted sensors are listed too.
       if (conversion.instance->bDiscoverSensors) AddDiscoveredSensor(conversion.instance, text.Get());
-      _SetText(conversion, field);
-      _AddEventItem(conversion, key, field.valueLen);
+      _SetText(conversion, value);
+      _AddEventItem(conversion, key, static_cast<int>(value.length));
     }
   }
   return 0;
@@ -667,17 +675,16 @@ static void _LogSpiOutOfRange(int key) {
 }
 
 // KEPT: the horizontal error's message names LE as well.
-static void _AddErrorEstimate(Conversion& conversion, const NumberItem& item, const char* text, double value) {
+static void _AddErrorEstimate(Conversion& conversion, const NumberItem& item, const CotSlice& text, double value) {
   if (_AddNumber(conversion, item, value)) return;
-  MD_LOG(3, "SPI_POINT_LE value of %s (%f) is out of 0 to 4095 range.\n", text, value);
+  MD_LOG(3, "SPI_POINT_LE value of %s (%f) is out of 0 to 4095 range.\n", CotText(text).Get(), value);
   _LogSpiOutOfRange(item.tag);
 }
 
-static void _AddSpiPointItem(Conversion& conversion, const cvtCotField& field) {
-  const NumberItem& item = kSpiPointItems[field.mapId];
-  const CotText text(field.valueStr);
-  const double value = _TextToDouble(text.Get());
-  switch (field.mapId) {
+static void _AddSpiPointItem(Conversion& conversion, const cvtCotField& row, const CotSlice& text) {
+  const NumberItem& item = kSpiPointItems[row.mapId];
+  const double value = _ToNumber(text);
+  switch (row.mapId) {
     case SPI_POINT_LAT:
       if (!_AddCoordinate(conversion, item, value, &conversion.lat))
         MD_LOG(3, "SPI_POINT_LAT value of %f is out of -90 to 90 range.\n", value);
@@ -690,10 +697,10 @@ static void _AddSpiPointItem(Conversion& conversion, const cvtCotField& field) {
         MD_LOG(3, "SPI_POINT_LON value of %f is out of -180 to 180 range.\n", value);
       break;
     case SPI_POINT_LE:
-      _AddErrorEstimate(conversion, item, text.Get(), value * kSigmaToLE90);
+      _AddErrorEstimate(conversion, item, text, value * kSigmaToLE90);
       break;
     default:
-      _AddErrorEstimate(conversion, item, text.Get(), value * kSigmaToCE90);
+      _AddErrorEstimate(conversion, item, text, value * kSigmaToCE90);
       break;
   }
 }
@@ -725,46 +732,45 @@ static void _AddSpiPoint(Conversion& conversion) {
     return;
   }
   for (const cvtCotField& row : cot_spiPointTable) {
-    cvtCotField field;
-    if (_FindField(slice, row, &field))
-      _AddSpiPointItem(conversion, field);
+    CotSlice text;
+    if (_FindField(slice, row, &text))
+      _AddSpiPointItem(conversion, row, text);
     else
-      MD_LOG(3, "cotField \"%s\" not founded\n", field.name);
+      MD_LOG(3, "cotField \"%s\" not founded\n", row.name);
   }
   _AddFrameCentreElevation(conversion);
 }
 
-static void _AddFieldOfView(Conversion& conversion, const char* text, double value) {
+static void _AddFieldOfView(Conversion& conversion, const CotSlice& text, double value) {
   if (_AddNumber(conversion, kFieldOfView, value)) return;
-  MD_LOG(3, "SPI_SENSOR_FOV value of %s (%f) is out of 0 to 180 range.\n", text, value);
+  MD_LOG(3, "SPI_SENSOR_FOV value of %s (%f) is out of 0 to 180 range.\n", CotText(text).Get(), value);
   _LogSpiOutOfRange(kFieldOfView.tag);
 }
 
-static void _AddVerticalFieldOfView(Conversion& conversion, const char* text, double value) {
+static void _AddVerticalFieldOfView(Conversion& conversion, const CotSlice& text, double value) {
   if (_AddNumber(conversion, kVerticalFieldOfView, value)) return;
-  MD_LOG(3, "SPI_SENSOR_VFOV value of %s (%f) is out of 0 to 180 range.\n", text, value);
+  MD_LOG(3, "SPI_SENSOR_VFOV value of %s (%f) is out of 0 to 180 range.\n", CotText(text).Get(), value);
   _LogSpiOutOfRange(kVerticalFieldOfView.tag);
 }
 
-static void _AddSlantRange(Conversion& conversion, const char* text, double value) {
+static void _AddSlantRange(Conversion& conversion, const CotSlice& text, double value) {
   if (_AddNumber(conversion, kSlantRange, value)) return;
-  MD_LOG(3, "SPI_SENSOR_RANGE value of %s (%f) is out of 0 to 5000000 range.\n", text, value);
+  MD_LOG(3, "SPI_SENSOR_RANGE value of %s (%f) is out of 0 to 5000000 range.\n", CotText(text).Get(), value);
   _LogSpiOutOfRange(kSlantRange.tag);
 }
 
-static void _AddSensorItem(Conversion& conversion, const cvtCotField& field) {
-  const CotText text(field.valueStr);
-  const double value = _TextToDouble(text.Get());
-  switch (field.mapId) {
+static void _AddSensorItem(Conversion& conversion, const cvtCotField& row, const CotSlice& text) {
+  const double value = _ToNumber(text);
+  switch (row.mapId) {
     case SPI_SENSOR_MODEL:  // KEPT: appends a second tag 11 after the one from uid
-      _SetText(conversion, field);
-      _AddItem(conversion, cotToKlv_spiSensorTable[SPI_SENSOR_MODEL].klvKey, field.valueLen);
+      _SetText(conversion, text);
+      _AddItem(conversion, cotToKlv_spiSensorTable[SPI_SENSOR_MODEL].klvKey, static_cast<int>(text.length));
       break;
     case SPI_SENSOR_FOV:
-      _AddFieldOfView(conversion, text.Get(), value);
+      _AddFieldOfView(conversion, text, value);
       break;
     case SPI_SENSOR_VFOV:
-      _AddVerticalFieldOfView(conversion, text.Get(), value);
+      _AddVerticalFieldOfView(conversion, text, value);
       break;
     case SPI_SENSOR_AZIMUTH:
       conversion.instance->s_azimuth = _ToFloat(value);
@@ -776,7 +782,7 @@ static void _AddSensorItem(Conversion& conversion, const cvtCotField& field) {
       conversion.instance->s_roll = _ToFloat(value);
       break;
     case SPI_SENSOR_RANGE:
-      _AddSlantRange(conversion, text.Get(), value);
+      _AddSlantRange(conversion, text, value);
       break;
     default:
       MD_LOG(3, "Unknown mapId !\n");
@@ -791,21 +797,25 @@ static void _AddSpiSensor(Conversion& conversion) {
     return;
   }
   for (const cvtCotField& row : cot_spiSensorTable) {
-    cvtCotField field;
-    if (_FindField(slice, row, &field))
-      _AddSensorItem(conversion, field);
+    CotSlice text;
+    if (_FindField(slice, row, &text))
+      _AddSensorItem(conversion, row, text);
     else
-      MD_LOG(3, "cotField \"%s\" not founded\n", field.name);
+      MD_LOG(3, "cotField \"%s\" not founded\n", row.name);
   }
+}
+
+static int _ConvertSpi(Conversion& conversion) {
+  if (_AddSpiEvent(conversion) != 0) return -1;
+  _AddSpiPoint(conversion);
+  if (_g_bAllItemsSupport) _AddSpiSensor(conversion);
+  return 0;
 }
 
 int cvt_processSpiMsg(CONVERTER_INSTANCE_DATA* instance, const char* pvInputData, uint32_t nInDataSize,
                       cvtXmlMsg* message) {
   Conversion conversion = _StartConversion(instance, pvInputData, nInDataSize, message);
-  if (_AddSpiEvent(conversion) != 0) return -1;
-  _AddSpiPoint(conversion);
-  if (_g_bAllItemsSupport) _AddSpiSensor(conversion);
-  return 0;
+  return _FindTag(conversion.event, &conversion.tag) ? _ConvertSpi(conversion) : -1;
 }
 
 // Appends to the packet without checking its length: kCvtPacketSize has room for all three angles.
@@ -937,9 +947,9 @@ static void _AppendToList(CONVERTER_INSTANCE_DATA* instance, cvtXmlMsg* message)
 }
 
 // Replaces all pending messages by a new one. Returns NULL if out of memory.
-static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* instance, const cvtCotField& time) {
+static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* instance, const CotSlice& time) {
   cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
-  MD_LOG(7, "allocating a new msg since none found with time=\"%s\" !\n", CotText(time.valueStr).Get());
+  MD_LOG(7, "allocating a new msg since none found with time=\"%s\" !\n", CotText(time).Get());
   cvtXmlMsg* message = static_cast<cvtXmlMsg*>(calloc(1, sizeof(cvtXmlMsg)));
   if (message == nullptr) {
     MD_LOG(3, "cvtXmlMsg malloc failed  !\n");
@@ -950,7 +960,8 @@ static cvtXmlMsg* _StartMessage(CONVERTER_INSTANCE_DATA* instance, const cvtCotF
     cvt_freeMsgAndKlvPacket(message);
     return nullptr;
   }
-  memcpy(message->matchStr, time.valueStr, sizeof(message->matchStr));
+  memcpy(message->matchStr, time.text, time.length);
+  if (time.length < sizeof(message->matchStr)) message->matchStr[time.length] = '\0';
   _AppendToList(instance, message);
   return message;
 }
@@ -986,22 +997,19 @@ static bool _CutEvent(const CONVERTER_INSTANCE_DATA* instance, int inputSize, Co
   }
   MD_LOG(7, "found whole msg, pMsg = 0x%x, len = %d\n", static_cast<UINT>(reinterpret_cast<uintptr_t>(event->text)),
          static_cast<int>(event->length));
-  if (!_FindSlice(*event, "<event", ">", tag)) {
-    MD_LOG(3, "not found <event> tag slice!\n");
-    return false;
-  }
+  if (!_FindTag(*event, tag)) return false;
   MD_LOG(7, "found <event> tag slice!\n");
   return true;
 }
 
-static bool _BeginsWith(const cvtCotField& field, const char* prefix) {
+static bool _BeginsWith(const CotSlice& value, const char* prefix) {
   const size_t length = strlen(prefix);
-  return static_cast<size_t>(field.valueLen) >= length && memcmp(field.valueStr, prefix, length) == 0;
+  return value.length >= length && memcmp(value.text, prefix, length) == 0;
 }
 
 // Counts the event by its type. Returns CVT_MSG_TYPE_NONE if it is not for the converter.
 static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* instance, const CotSlice& tag) {
-  cvtCotField type;
+  CotSlice type;
   if (!_LookUp(tag, "type", &type)) {
     MD_LOG(3, "not found type field !\n");
     return CVT_MSG_TYPE_NONE;
@@ -1014,17 +1022,17 @@ static CVT_MSG_TYPE _ClassifyEvent(CONVERTER_INSTANCE_DATA* instance, const CotS
     MdAddFetch(instance->Stats.nRxSPIMessages, 1);
     return CVT_MSG_TYPE_SPI;
   }
-  MD_LOG(3, "unknow msg event type %s, len = %d !\n", CotText(type.valueStr).Get(), type.valueLen);
+  MD_LOG(3, "unknow msg event type %s, len = %d !\n", CotText(type).Get(), static_cast<int>(type.length));
   return CVT_MSG_TYPE_NONE;
 }
 
 static bool _PassesFilter(CONVERTER_INSTANCE_DATA* instance, const CotSlice& tag) {
-  cvtCotField uid;
+  CotSlice uid;
   if (!_LookUp(tag, "uid", &uid)) {
     MD_LOG(3, "xml_getCotFieldInTagSlice failed for UID retrieval.\n");
     return false;
   }
-  const CotText text(uid.valueStr);
+  const CotText text(uid);
   if (strcmp(text.Get(), instance->szSpiUid) == 0) {
     MD_LOG(7, "SPI message accepted since UID \"%s\" matches filter \"%s\".\n", text.Get(), instance->szSpiUid);
     return true;
@@ -1036,24 +1044,20 @@ static bool _PassesFilter(CONVERTER_INSTANCE_DATA* instance, const CotSlice& tag
 }
 
 // Reads the event's time, by which events are paired.
-static bool _FindTime(const CotSlice& event, cvtCotField* time) {
-  CotSlice tag;
-  if (!_FindSlice(event, "<event", ">", &tag)) {
-    MD_LOG(3, "not found <event> tag slice!\n");
-    return false;
-  }
+static bool _FindTime(const CotSlice& tag, CotSlice* time) {
+  _LogFoundSlice(tag);
   if (!_LookUp(tag, "time", time)) {
     MD_LOG(3, "not found type field !\n");  // KEPT: the text names the type instead of the time
     return false;
   }
-  MD_LOG(7, "matchStr, time=\"%s\" !\n", CotText(time->valueStr).Get());
+  MD_LOG(7, "matchStr, time=\"%s\" !\n", CotText(*time).Get());
   return true;
 }
 
 // Returns the pending message that this event completes, or a new one, or NULL if there is neither.
-static cvtXmlMsg* _FindOrStartMessage(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const cvtCotField& time,
+static cvtXmlMsg* _FindOrStartMessage(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const CotSlice& time,
                                       bool* paired) {
-  const CotText text(time.valueStr);
+  const CotText text(time);
   cvtXmlMsg* message = cvt_findMsgFromList(instance, text.Get());
   *paired = message != nullptr;
   if (message == nullptr) return _StartMessage(instance, time);
@@ -1067,23 +1071,28 @@ static cvtXmlMsg* _FindOrStartMessage(CONVERTER_INSTANCE_DATA* instance, CVT_MSG
 }
 
 static int _ConvertEvent(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const CotSlice& event,
-                         cvtXmlMsg* message) {
+                         const CotSlice& tag, cvtXmlMsg* message) {
+  Conversion conversion = _StartConversion(instance, event.text, event.length, message);
+  conversion.tag = tag;
   if (type == CVT_MSG_TYPE_AIRCRAFT) {
     MD_LOG(7, "Got a aircraft msg!\n");
-    return cvt_processAircraftMsg(instance, event.text, event.length, message);
+    _LogFoundSlice(tag);
+    return _ConvertAircraft(conversion);
   }
   MD_LOG(7, "Got a SPI msg!\n");
-  return cvt_processSpiMsg(instance, event.text, event.length, message);
+  _LogFoundSlice(tag);
+  return _ConvertSpi(conversion);
 }
 
 // Adds a classified event to its message, and closes the packet if the event was the second one.
-static int _AddEvent(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const CotSlice& event, MDATA_BUFFER** out) {
-  cvtCotField time;
-  if (!_FindTime(event, &time)) return -1;
+static int _AddEvent(CONVERTER_INSTANCE_DATA* instance, CVT_MSG_TYPE type, const CotSlice& event, const CotSlice& tag,
+                     MDATA_BUFFER** out) {
+  CotSlice time;
+  if (!_FindTime(tag, &time)) return -1;
   bool paired = false;
   cvtXmlMsg* message = _FindOrStartMessage(instance, type, time, &paired);
   if (message == nullptr) return -1;
-  if (_ConvertEvent(instance, type, event, message) == -1) {
+  if (_ConvertEvent(instance, type, event, tag, message) == -1) {
     cvt_freeAllMsgsAndNoReturnedKlvPackets(instance);
     return -1;
   }
@@ -1117,7 +1126,7 @@ int ConvertCoT2KLV(HCONVERTER hConv, const BYTE* pvInputData, int nInDataSize, M
   const CVT_MSG_TYPE type = _ClassifyEvent(hConv, tag);
   if (type == CVT_MSG_TYPE_NONE) return -1;
   if (type == CVT_MSG_TYPE_SPI && hConv->szSpiUid[0] != '\0' && !_PassesFilter(hConv, tag)) return -1;
-  return _AddEvent(hConv, type, event, ppBuffer);
+  return _AddEvent(hConv, type, event, tag, ppBuffer);
 }
 
 void ReleaseConvertedData(MDATA_BUFFER* pBuffer) {

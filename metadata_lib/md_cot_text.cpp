@@ -12,7 +12,6 @@
 #include <stdlib.h>
 #include <sys/time.h>
 
-#include "host_util.h"
 #include "md_mutex.h"
 
 #define MD_MODULE "converter"
@@ -24,7 +23,12 @@
 // 1. XML
 // =====================================================================================================
 
-// KEPT: the markers are searched up to the end of the text, not of the slice; every success says "event end".
+// KEPT: every success says "event end".
+void _LogFoundSlice(const CotSlice& slice) {
+  MD_LOG(7, "Found event end: sliceLen = 0x%x\n", slice.length);
+}
+
+// KEPT: the markers are searched up to the end of the text, not of the slice.
 CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const char* startTag, const char* endTag,
                                   const char** pSlice, uint32_t* sliceLen) {
   *sliceLen = 0;
@@ -48,65 +52,73 @@ CVT_COTKLV_STATUS xml_getTagSlice(const char* pInBuf, uint32_t inBufLen, const c
     MD_LOG(3, "found slice, but length is out of buffer\n");
     return CVT_COTKLV_STATUS_NOT_FOUND;
   }
-  MD_LOG(7, "Found event end: sliceLen = 0x%x\n", *sliceLen);
+  _LogFoundSlice({start, *sliceLen});
   return CVT_COTKLV_STATUS_OK;
 }
 
-// KEPT: the name is searched as plain text and so also matches inside a longer word, a match exactly inBufLen
-// characters in counts, and only double quotes are quotes.
+// KEPT: the name is searched as plain text and so also matches inside a longer word, a match directly behind the slice
+// counts, and only double quotes are quotes.
+static bool _FindValue(const CotSlice& slice, const char* name, CotSlice* value) {
+  const char* hit = strstr(slice.text, name);
+  if (hit == nullptr) {
+    MD_LOG(3, "field %s not found\n", name);
+    return false;
+  }
+  if (hit - slice.text > static_cast<ptrdiff_t>(slice.length)) {
+    MD_LOG(3, "field %s out of slice. \n", name);
+    return false;
+  }
+  const char* openQuote = strchr(hit, '"');
+  if (openQuote == nullptr) {
+    MD_LOG(3, "field %s not found open \"\n", name);
+    return false;
+  }
+  const char* closeQuote = strchr(openQuote + 1, '"');
+  if (closeQuote == nullptr) {
+    MD_LOG(3, "field %s not found close \"\n", name);
+    return false;
+  }
+  const size_t length = static_cast<size_t>(closeQuote - openQuote - 1);
+  if (length > kCotValueSize) {
+    MD_LOG(3, "field %s found invalid value length 0x%x\n", name, static_cast<UINT>(length));
+    return false;
+  }
+  *value = {openQuote + 1, static_cast<uint32_t>(length)};
+  return true;
+}
+
 CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen, cvtCotField* pCotField) {
   if (pCotField != nullptr) pCotField->flag = 0;
   if (pInBuf == nullptr || pCotField == nullptr || inBufLen < static_cast<int32_t>(kShortestText)) {
     MD_LOG(3, "invalid input\n");
     return CVT_COTKLV_STATUS_INVALID_INPUT;
   }
-  const char* hit = strstr(pInBuf, pCotField->name);
-  if (hit == nullptr) {
-    MD_LOG(3, "field %s not found\n", pCotField->name);
+  CotSlice value;
+  if (!_FindValue({pInBuf, static_cast<uint32_t>(inBufLen)}, pCotField->name, &value))
     return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  if (hit - pInBuf > inBufLen) {
-    MD_LOG(3, "field %s out of slice. \n", pCotField->name);
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  const char* openQuote = strchr(hit, '"');
-  if (openQuote == nullptr) {
-    MD_LOG(3, "field %s not found open \"\n", pCotField->name);
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  const char* closeQuote = strchr(openQuote + 1, '"');
-  if (closeQuote == nullptr) {
-    MD_LOG(3, "field %s not found close \"\n", pCotField->name);
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  const size_t length = static_cast<size_t>(closeQuote - openQuote - 1);
-  if (length > kCotValueSize) {
-    MD_LOG(3, "field %s found invalid value length 0x%x\n", pCotField->name, static_cast<UINT>(length));
-    return CVT_COTKLV_STATUS_NOT_FOUND;
-  }
-  memcpy(pCotField->valueStr, openQuote + 1, length);
-  if (length < kCotValueSize) pCotField->valueStr[length] = '\0';
-  pCotField->valueLen = static_cast<int32_t>(length);
+  memcpy(pCotField->valueStr, value.text, value.length);
+  if (value.length < kCotValueSize) pCotField->valueStr[value.length] = '\0';
+  pCotField->valueLen = static_cast<int32_t>(value.length);
   pCotField->flag = 1;
   return CVT_COTKLV_STATUS_OK;
-}
-
-bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* field) {
-  *field = row;
-  xml_getCotFieldInTagSlice(slice.text, static_cast<int32_t>(slice.length), field);
-  if (field->flag != 1) return false;
-  MD_LOG(7, "Found cotField: name = %s\n", field->name);
-  return true;
 }
 
 bool _FindSlice(const CotSlice& whole, const char* start, const char* end, CotSlice* slice) {
   return xml_getTagSlice(whole.text, whole.length, start, end, &slice->text, &slice->length) == CVT_COTKLV_STATUS_OK;
 }
 
-bool _LookUp(const CotSlice& slice, const char* name, cvtCotField* field) {
-  memset(field, 0, sizeof(*field));
-  CopyString(field->name, name, sizeof(field->name));
-  return xml_getCotFieldInTagSlice(slice.text, static_cast<int32_t>(slice.length), field) == CVT_COTKLV_STATUS_OK;
+bool _LookUp(const CotSlice& slice, const char* name, CotSlice* value) {
+  if (slice.length < kShortestText) {
+    MD_LOG(3, "invalid input\n");
+    return false;
+  }
+  return _FindValue(slice, name, value);
+}
+
+bool _FindField(const CotSlice& slice, const cvtCotField& row, CotSlice* value) {
+  if (!_LookUp(slice, row.name, value)) return false;
+  MD_LOG(7, "Found cotField: name = %s\n", row.name);
+  return true;
 }
 
 // =====================================================================================================

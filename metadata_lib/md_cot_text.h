@@ -33,9 +33,19 @@ struct cvtCotField {
   int32_t flag;   // 1 after a successful look-up
 };
 
-// Terminated copy of an attribute's value.
+// A stretch of a terminated text.
+struct CotSlice {
+  const char* text = nullptr;
+  uint32_t length = 0;
+};
+
+// Terminated copy of an attribute's value, of up to 64 characters.
 class CotText {
  public:
+  explicit CotText(const CotSlice& value) {
+    memcpy(m_text, value.text, value.length);
+    m_text[value.length] = '\0';
+  }
   explicit CotText(const char (&value)[kCotValueSize]) {
     memcpy(m_text, value, kCotValueSize);
     m_text[kCotValueSize] = '\0';
@@ -44,12 +54,6 @@ class CotText {
 
  private:
   char m_text[kCotValueSize + 1];
-};
-
-// A stretch of the event's text.
-struct CotSlice {
-  const char* text = nullptr;
-  uint32_t length = 0;
 };
 
 // --- XML ---------------------------------------------------------------------------------------------
@@ -61,10 +65,13 @@ CVT_COTKLV_STATUS xml_getCotFieldInTagSlice(const char* pInBuf, int32_t inBufLen
 // Finds the slice of a text from a start marker up to, but without, the next end marker. On failure *slice may already
 // hold the start.
 bool _FindSlice(const CotSlice& whole, const char* start, const char* end, CotSlice* slice);
-// Copies the row to *field and looks the attribute up; on failure *field holds the bare row.
-bool _FindField(const CotSlice& slice, const cvtCotField& row, cvtCotField* field);
-// Looks up an attribute that has no row.
-bool _LookUp(const CotSlice& slice, const char* name, cvtCotField* field);
+// Logs that a slice was found, in place of finding it again.
+void _LogFoundSlice(const CotSlice& slice);
+// Looks up an attribute in a slice that _FindSlice found, as xml_getCotFieldInTagSlice does, without copying its value.
+// Changes nothing on failure.
+bool _LookUp(const CotSlice& slice, const char* name, CotSlice* value);
+// Looks up a row's attribute and logs that it was found.
+bool _FindField(const CotSlice& slice, const cvtCotField& row, CotSlice* value);
 
 // --- Times -------------------------------------------------------------------------------------------
 

@@ -63,9 +63,9 @@ static bool _IsDigit(int character) {
   return character >= '0' && character <= '9';
 }
 
-// Converts a text that is only an optional minus sign and up to 15 digits, with or without a point. Both numbers of the
-// quotient are exact, so that it is rounded once, as the C library rounds it. Returns false for other text.
-static bool _ConvertDecimal(const char* text, double* value) {
+// Both numbers of the quotient are exact, so that it is rounded once, as the C library rounds it.
+bool _ReadDecimal(const char* text, size_t length, double* value) {
+  const char* const end = text + length;
   const bool negative = *text == '-';
   text += negative;
   uint64_t digits = 0;
@@ -79,15 +79,13 @@ static bool _ConvertDecimal(const char* text, double* value) {
     places = text - first;
     count += places;
   }
-  if (*text != '\0' || count == 0 || count > kMostDigits) return false;
+  if (text != end || count == 0 || count > kMostDigits) return false;
   const double whole = static_cast<double>(static_cast<int64_t>(digits));
   *value = (negative ? -whole : whole) / kPowersOfTen[places];
   return true;
 }
 
 double _TextToDouble(const char* text) {
-  double value = 0;
-  if (_ConvertDecimal(text, &value)) return value;
   const locale_t locale = _CLocale();
   return locale != nullptr ? strtod_l(text, nullptr, locale) : strtod(text, nullptr);
 }

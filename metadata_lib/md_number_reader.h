@@ -10,6 +10,9 @@
 
 // Returns the number, as atof does: 0 for text that is not a number.
 double _TextToDouble(const char* text);
+// Stores the same number quickly if the text, which is part of a terminated one, is nothing but an optional minus sign
+// and up to 15 digits, with or without a point. Returns false for other text.
+bool _ReadDecimal(const char* text, size_t length, double* value);
 
 // Reads the numbers of a file as a loop of "%f" scans would: those in the usual form quickly, from large blocks, and
 // those in every other form by that very scan.

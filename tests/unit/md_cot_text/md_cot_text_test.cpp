@@ -117,8 +117,9 @@ TEST_F(XmlText, SixtyFourCharactersFitAndSixtyFiveDoNot) {
   ExpectLog(3, "field uid found invalid value length 0x41\n");
 }
 
-CotSlice Slice(const std::string& text) {
-  return {text.c_str(), static_cast<uint32_t>(text.size())};
+// The text outlives the slice: callers pass literals or their own variables.
+CotSlice Slice(const char* text) {
+  return {text, static_cast<uint32_t>(strlen(text))};
 }
 
 TEST_F(XmlText, ValueOfSixtyFourCharactersIsReadThroughACopyWithATerminator) {
@@ -132,39 +133,37 @@ TEST_F(XmlText, ValueOfSixtyFourCharactersIsReadThroughACopyWithATerminator) {
 TEST_F(XmlText, FoundSliceIsTheTextUpToItsEndMarker) {
   const std::string text = "<event><point lat=\"1\"/><track/></event>";
   CotSlice slice;
-  ASSERT_TRUE(_FindSlice(Slice(text), "<point", "/>", &slice));
+  ASSERT_TRUE(_FindSlice(Slice(text.c_str()), "<point", "/>", &slice));
   EXPECT_EQ(std::string(slice.text, slice.length), "<point lat=\"1\"");
-  EXPECT_FALSE(_FindSlice(Slice(text), "<sensor", "/>", &slice));
+  EXPECT_FALSE(_FindSlice(Slice(text.c_str()), "<sensor", "/>", &slice));
   EXPECT_EQ(slice.length, 0u);
   ExpectLog(7, "slice <sensor not found\n");
 }
 
-TEST_F(XmlText, FoundFieldKeepsItsRowAndAMissingOneIsTheBareRow) {
+std::string Value(const CotSlice& value) {
+  return {value.text, value.length};
+}
+
+TEST_F(XmlText, FieldOfARowIsFoundAndLogged) {
   constexpr cvtCotField kRow = {"lon", "2", 0, 7, 0};
-  cvtCotField field = Field("other");
-  ASSERT_TRUE(_FindField(Slice("<point lon=\"-73\""), kRow, &field));
-  EXPECT_STREQ(field.valueStr, "-73");
-  EXPECT_EQ(field.mapId, 7);
-  EXPECT_EQ(field.flag, 1);
+  CotSlice value;
+  ASSERT_TRUE(_FindField(Slice("<point lon=\"-73\""), kRow, &value));
+  EXPECT_EQ(Value(value), "-73");
   ExpectLog(7, "Found cotField: name = lon\n");
-  EXPECT_FALSE(_FindField(Slice("<point lat=\"45\""), kRow, &field));
-  EXPECT_STREQ(field.name, "lon");
-  EXPECT_STREQ(field.valueStr, "2");
-  EXPECT_EQ(field.mapId, 7);
-  EXPECT_EQ(field.flag, 0);
+  EXPECT_FALSE(_FindField(Slice("<point lat=\"45\""), kRow, &value));
+  EXPECT_EQ(Value(value), "-73") << "unchanged";
   ExpectLog(3, "field lon not found\n");
 }
 
 TEST_F(XmlText, AttributeWithoutARowIsLookedUpByName) {
-  cvtCotField field = Field("other");
-  field.mapId = 7;
-  EXPECT_TRUE(_LookUp(Slice("<event type=\"a-f-A\""), "type", &field));
-  EXPECT_STREQ(field.valueStr, "a-f-A");
-  EXPECT_EQ(field.valueLen, 5);
-  EXPECT_EQ(field.mapId, 0);
-  EXPECT_FALSE(_LookUp(Slice("<event type=\"a-f-A\""), "uid", &field));
-  EXPECT_EQ(field.valueLen, 0);
+  CotSlice value;
+  EXPECT_TRUE(_LookUp(Slice("<event type=\"a-f-A\""), "type", &value));
+  EXPECT_EQ(Value(value), "a-f-A");
+  EXPECT_EQ(CotText(value).Get(), std::string("a-f-A"));
+  EXPECT_FALSE(_LookUp(Slice("<event type=\"a-f-A\""), "uid", &value));
   ExpectLog(3, "field uid not found\n");
+  EXPECT_FALSE(_LookUp(Slice("<t u=\"1\">"), "u", &value)) << "nine characters";
+  ExpectLog(3, "invalid input\n");
 }
 
 // Returns the microseconds of a text, or -1.

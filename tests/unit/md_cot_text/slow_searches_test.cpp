@@ -57,4 +57,27 @@ TEST_F(SlowSearches, AttributesAndTheirLinesAreTheSame) {
   }
 }
 
+TEST_F(SlowSearches, FieldsOfSlicesAndTheirLinesAreTheSame) {
+  for (int i = 0; i < kCases / 50; ++i) {
+    const std::string event = m_events.Any();
+    const CotSlice whole = {Exact(event), static_cast<uint32_t>(event.size())};
+    for (const auto& [start, end] : {std::pair("<event", ">"), std::pair("<point", "/>"), std::pair("<sensor", "/>")}) {
+      CotSlice slice;
+      if (!_FindSlice(whole, start, end, &slice)) continue;
+      host().ClearLogs();
+      for (const cvtCotField& row : cot_spiSensorTable) {
+        CotSlice fast;
+        cvtCotField slow;
+        const bool found = _FindField(slice, row, &fast);
+        const auto fastLines = Lines();
+        ASSERT_EQ(found, SlowFindField(slice, row, &slow)) << event;
+        ASSERT_EQ(fastLines, Lines()) << event;
+        if (!found) continue;
+        ASSERT_EQ(std::string(CotText(fast).Get()), CotText(slow.valueStr).Get()) << event;
+      }
+    }
+    host().ClearLogs();
+  }
+}
+
 }  // namespace

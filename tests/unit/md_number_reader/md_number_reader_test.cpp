@@ -331,6 +331,24 @@ TEST(TextToDouble, ReadsTextThatIsNotANumberAsZero) {
   for (const char* text : {"", " ", "abc", "-", ".", "+e5", "\"1\""}) EXPECT_EQ(_TextToDouble(text), 0.0) << text;
 }
 
+TEST(ReadDecimal, ReadsOnlyDecimalsOfUpToFifteenDigits) {
+  double value = 0;
+  EXPECT_TRUE(_ReadDecimal("-73.75", 6, &value));
+  EXPECT_EQ(value, -73.75);
+  EXPECT_TRUE(_ReadDecimal("123456789012345", 15, &value));
+  EXPECT_EQ(value, 123456789012345.0);
+  EXPECT_TRUE(_ReadDecimal(".123456789012345\"", 16, &value)) << "the text goes on behind the number";
+  EXPECT_EQ(value, .123456789012345);
+  EXPECT_TRUE(_ReadDecimal("7.", 2, &value));
+  EXPECT_EQ(value, 7.0);
+  value = 1;
+  EXPECT_FALSE(_ReadDecimal("1234567890123456", 16, &value));
+  EXPECT_FALSE(_ReadDecimal("7.5", 2, &value)) << "the number goes on behind the text";
+  for (const char* text : {"", "-", ".", "-.", "+1", " 1", "1 ", "1e3", "0x1", "1,5", "1.5.", "--1"})
+    EXPECT_FALSE(_ReadDecimal(text, strlen(text), &value)) << text;
+  EXPECT_EQ(value, 1.0);
+}
+
 // --- Locales ---------------------------------------------------------------------------------------------
 
 // Returns a locale with a decimal comma. It is copied from the process's locale, which is changed for a moment, because
