@@ -206,27 +206,30 @@ static const char* _ConvertPlain(const char* text, float* value) {
   return _Scale(digits, places, negative, value) ? text + 1 : nullptr;
 }
 
+// Makes sure that the block holds a number's look-ahead. Returns false if the file has no more.
+bool MdNumberReader::HasLookAhead() {
+  if (m_end - m_next < kLookAhead && !m_fileEnded) Refill();
+  return m_end - m_next >= kLookAhead;
+}
+
 // Reads numbers of the form above. It handles eight bytes at a time, and no branch depends on a digit or the sign.
-// Stops before the first other text, and when the block holds too little. Returns how many numbers it read.
+// Stops before the first other text, and close to the end of the file. Returns how many numbers it read.
 int MdNumberReader::ReadUsual(float* values, int most) {
   if (!m_seekable) return 0;
-  if (m_end - m_next < kLookAhead && !m_fileEnded) Refill();
-  const char* next = m_next;
   int done = 0;
-  while (done < most && m_end - next >= kLookAhead) {
-    const char* number = next;
-    while (_IsBlank(*number) && number - next < 4) ++number;
+  while (done < most && HasLookAhead()) {
+    const char* number = m_next;
+    while (_IsBlank(*number) && number - m_next < 4) ++number;
     const uint64_t first = _LoadWord(number);
     const int total = _BlankOffset(first, _LoadWord(number + 8));
     if (_Convert(number, first, total, &values[done]))
-      next = number + total + 1;
+      m_next = number + total + 1;
     else if (const char* end = _ConvertPlain(number, &values[done]))
-      next = end;
+      m_next = end;
     else
       break;
     ++done;
   }
-  m_next = next;
   return done;
 }
 

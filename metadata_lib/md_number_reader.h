@@ -38,6 +38,7 @@ class MdNumberReader {
   bool IsAtEnd() const { return m_atEnd; }
 
  private:
+  bool HasLookAhead();
   int ReadUsual(float* values, int most);
   int Scan(float* values, int most);
   bool SeekBy(long offset) { return fseek(m_file, offset, SEEK_CUR) == 0; }

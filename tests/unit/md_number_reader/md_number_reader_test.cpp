@@ -105,6 +105,35 @@ TEST(NumberReader, UsualNumbersAreRead) {
   EXPECT_FALSE(read.atEnd);
 }
 
+// A text as a file that counts how often it is positioned.
+struct CountedText {
+  std::string text;
+  size_t position = 0;
+  int seeks = 0;
+
+  static ssize_t Read(void* cookie, char* buffer, size_t size) {
+    auto* file = static_cast<CountedText*>(cookie);
+    const size_t read = file->text.copy(buffer, size, file->position);
+    file->position += read;
+    return static_cast<ssize_t>(read);
+  }
+  static int Seek(void* cookie, off64_t* offset, int whence) {
+    auto* file = static_cast<CountedText*>(cookie);
+    ++file->seeks;
+    if (whence == SEEK_CUR) *offset += static_cast<off64_t>(file->position);
+    file->position = static_cast<size_t>(*offset);
+    return 0;
+  }
+};
+
+TEST(NumberReader, EndOfABlockIsNotScanned) {
+  CountedText counted{Repeat("13.606 ", 100000)};
+  const File file(fopencookie(&counted, "r", {CountedText::Read, nullptr, CountedText::Seek, nullptr}));
+  const Values read = ReadFrom(file.get(), 99000, 1000);
+  EXPECT_EQ(read.values, std::vector<float>(99000, 13.606f));
+  EXPECT_LE(counted.seeks, 2) << "a scan positions the file back, and what follows is read again";
+}
+
 TEST(NumberReader, ReadsNothingAfterTheLastValue) {
   const File file = FileOf("1.5 2.5 x");
   EXPECT_EQ(ReadFrom(file.get(), 2, 2).values, (std::vector<float>{1.5f, 2.5f}));
