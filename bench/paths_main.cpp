@@ -49,6 +49,28 @@ const std::vector<Bytes>& LargeMessages() {
   return kAll;
 }
 
+std::vector<Bytes> MessagesOf(int items) {
+  std::vector<Bytes> all(16);
+  for (unsigned i = 0; i < all.size(); ++i) all[i] = MakeMessage(items, i + 1);
+  return all;
+}
+
+const std::vector<Bytes>& MessagesOf10() {
+  static const std::vector<Bytes> kAll = MessagesOf(10);
+  return kAll;
+}
+
+const std::vector<Bytes>& MessagesOf50() {
+  static const std::vector<Bytes> kAll = MessagesOf(50);
+  return kAll;
+}
+
+double MeanSize(const std::vector<Bytes>& messages) {
+  std::size_t size = 0;
+  for (const Bytes& message : messages) size += message.size();
+  return static_cast<double>(size) / static_cast<double>(messages.size());
+}
+
 const Path kPaths[] = {
     {.name = "udp", .messages = FlightMessages},
     {.name = "udp_16_a_wait", .messages = FlightMessages, .floor = FloorUdpPassOfMany},
@@ -56,8 +78,11 @@ const Path kPaths[] = {
     {.name = "udp_small", .messages = SmallMessages},
     {.name = "udp_large", .messages = LargeMessages},
     {.name = "udp_relays_1", .messages = FlightMessages, .relays = 1},
+    {.name = "udp_relays_4", .messages = FlightMessages, .relays = 4},
     {.name = "udp_relays_8", .messages = FlightMessages, .relays = 8},
     {.name = "udp_rewrite", .messages = FlightMessages, .rewriting = true},
+    {.name = "udp_rewrite_10", .messages = MessagesOf10, .rewriting = true},
+    {.name = "udp_rewrite_50", .messages = MessagesOf50, .rewriting = true},
     {.name = "udp_rewrite_200", .messages = LongMessages, .rewriting = true},
     {.name = "udp_sources_16", .messages = FlightMessages, .sources = 16, .floor = nullptr},
     {.name = "udp_sources_64", .messages = FlightMessages, .sources = 64, .floor = nullptr},
@@ -170,8 +195,8 @@ int main(int argc, char** argv) {
   const bench::Request request = bench::Read(argc, argv);
   if (request.counted) bench::UseGeneratedFlight();
   const double ns = bench::Measure(request);
-  std::printf("{\"ns\": %.2f, \"flight\": \"%s\", \"counted\": %d}\n", ns, bench::FlightKind(),
-              request.batches * bench::kBatch);
+  std::printf("{\"ns\": %.2f, \"flight\": \"%s\", \"counted\": %d, \"bytes\": %.1f}\n", ns, bench::FlightKind(),
+              request.batches * bench::kBatch, bench::MeanSize(request.path->messages()));
   std::fflush(stdout);
   std::_Exit(0);  // the floor's thread waits for ever
 }

@@ -21,6 +21,8 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 PROGRAMS = ROOT / "build/bench/bench"
 OUTPUT = ROOT / "out/bench"
 BASELINE = ROOT / "bench/instructions.json"
+PAGE = ROOT / "docs/performance.md"
+MARKS = ("<!-- scripts/bench --document writes from here -->", "<!-- to here -->")
 ENCODER = ROOT / "build/bench/encoder/mdencoder"
 REPETITIONS = 5
 COUNTED_BATCHES = 4
@@ -74,6 +76,7 @@ def rounds_of(workload, sides, options):
             result = MEASURES[workload["program"]](workload["name"], side, options)
             results[side].append(result["ns"])
             flights.add(result.get("flight"))
+            results["bytes"] = result.get("bytes")
             if side == sides[0] and "share" in result:
                 results["shares"].append(result["share"])
     return results, flights - {None}
@@ -112,6 +115,30 @@ RATIO_HEAD = ["workload", "ours, ns", "floor, ns", "per", "ratio", "spread", "re
 def ratio_cells(line):
     return [line["name"], number_text(line["ours"]), number_text(line["floor"]), line["unit"], f"{line['ratio']:.2f}",
             f"±{line['spread'] * 100:.0f} %", number_text(line["required"]), number_text(line["aim"]), verdict(line)]
+
+
+GROWTH_HEAD = ["each further", "ours, ns", "floor, ns", "from", "to"]
+# What grows, between which workloads, and by how many; bytes are counted in hundreds.
+GROWTH = [("item that is rewritten", "udp_rewrite_10", "udp_rewrite_200", 190),
+          ("100 bytes of a datagram", "udp_small", "udp_large", None),
+          ("source without traffic", "udp_sources_16", "udp_sources_64", 48),
+          ("relay", "udp_relays_1", "udp_relays_8", 7)]
+
+
+def print_growth(lines):
+    """How a message's cost grows, as far as both ends were measured. Returns the table."""
+    by_name = {line["name"]: line for line in lines if "ours" in line}
+    table = None
+    for what, start, end, count in GROWTH:
+        if start not in by_name or end not in by_name:
+            continue
+        table = table or Table(GROWTH_HEAD, [24, 8, 9, 14, 15])
+        first, last = by_name[start], by_name[end]
+        count = count or (last["rounds"]["bytes"] - first["rounds"]["bytes"]) / 100
+        # With more sources the floor is the library with one.
+        floor = None if what.startswith("source") else (last["floor"] - first["floor"]) / count
+        table.put([what, number_text((last["ours"] - first["ours"]) / count), number_text(floor), start, end])
+    return table
 
 
 LOSS_HEAD = ["mdencoder", "sent a second", "taken a second", "dropped by the queue", "lost in the socket"]
@@ -299,11 +326,14 @@ def write_baseline(lines):
 
 
 class Table:
-    """A table in Markdown whose lines appear as they are known."""
+    """A table in Markdown whose lines appear as they are known; all of a run are kept for the page."""
+
+    all = []
 
     def __init__(self, head, widths):
         self.widths = widths
         self.lines = []
+        Table.all.append(self)
         self.put(head)
         self.add("|" + "|".join("-" * (width + 2) for width in widths) + "|")
 
@@ -325,6 +355,28 @@ def machine():
         commit = "unknown"  # an archive has no history, and a bare machine no git
     return {"processor": model, "processors": os.cpu_count(), "kernel": platform.release(), "commit": commit,
             "date": datetime.datetime.now(datetime.timezone.utc).strftime("%Y-%m-%d")}
+
+
+def document(result):
+    """Puts the tables of this run into the page, between its two marks."""
+    text = PAGE.read_text()
+    start, end = (text.index(mark) for mark in MARKS)
+    machine_text = "{processor}, {processors} processors, Linux {kernel}; commit {commit}; {date}".format(**result["machine"])
+    flight = "the recorded flight" if flight_is_recorded(result) else "a generated flight: the recorded one was absent"
+    tables = "\n\n".join("\n".join(table.lines) for table in Table.all)
+    shares = "\n".join(f"- {text}" for text in share_texts(result))
+    PAGE.write_text(f"{text[:start]}{MARKS[0]}\n\n{machine_text}; {result['rounds']} rounds; {flight}.\n\n"
+                    f"{tables}\n\n{shares}\n\n{text[end:]}")
+
+
+def flight_is_recorded(result):
+    return not any(line.get("flights") == ["generated"] for line in result["ratios"] + result["hostile"])
+
+
+def share_texts(result):
+    """What a paced workload takes of a processor."""
+    return [f"{line['name']}: {statistics.median(line['rounds']['shares']) * 100:.2f} % of a processor"
+            for line in result["ratios"] + result["hostile"] if line.get("rounds", {}).get("shares")]
 
 
 def chosen(workloads, options):
@@ -379,6 +431,7 @@ def arguments():
     parser.add_argument("--times", action="store_true", help="the times alone")
     parser.add_argument("--check", action="store_true", help="count, and fail where the baseline is passed by over 5 %%")
     parser.add_argument("--update-baseline", action="store_true", help="count, and write bench/instructions.json")
+    parser.add_argument("--document", action="store_true", help="put the tables into docs/performance.md, too")
     parser.add_argument("--list", action="store_true", help="print the names of the workloads")
     options = parser.parse_args()
     options.seconds = 0.25
@@ -400,16 +453,15 @@ def main():
     if not any(workloads.values()):
         print("no workload of that name; see scripts/bench --list", file=sys.stderr)
         return 2
-    result = {"machine": machine()}
+    result = {"machine": machine(), "rounds": options.rounds}
     result["ratios"] = run_table(workloads["ratios"], RATIO_HEAD, compare, ratio_cells, options)
+    print_growth(result["ratios"])
     result["hostile"] = run_table(workloads["hostile"], HOSTILE_HEAD, compare_hostile, hostile_cells, options)
-    for line in result["ratios"] + result["hostile"]:
-        if line.get("rounds", {}).get("shares"):
-            print(f"{line['name']}: {statistics.median(line['rounds']['shares']) * 100:.2f} % of a processor")
+    for text in share_texts(result):
+        print(text)
     result["loss"] = run_loss(workloads["loss"], options)
     result["counts"] = run_counts(workloads["counts"], options) if workloads["counts"] else []
-    lines = result["ratios"] + result["hostile"]
-    if any(line.get("flights") == ["generated"] for line in lines):
+    if not flight_is_recorded(result):
         print("The recorded flight is absent: a generated one stood for it.")
     if options.update_baseline:
         write_baseline(result["counts"])
@@ -417,7 +469,9 @@ def main():
         return check(result["counts"])
     OUTPUT.mkdir(parents=True, exist_ok=True)
     (OUTPUT / "bench.json").write_text(json.dumps(result, indent=1))
-    return 1 if any("failed" in line for line in lines) else 0
+    if options.document:
+        document(result)
+    return 1 if any("failed" in line for line in result["ratios"] + result["hostile"]) else 0
 
 
 if __name__ == "__main__":
