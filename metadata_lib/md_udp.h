@@ -26,7 +26,7 @@ BOOL _IsTOSDetectionNeeded(MDATA_SRC_HANDLE hSource);
 BOOL _EnableTTLTOSDetectionIfNeeded(MDATA_SRC_HANDLE hSource);
 
 // Returns whether the source accepts the sender, and notes an accepted one as its last sender.
-BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr);
+BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr) MD_REQUIRES(kMetadataThread);
 
 // Receives one datagram into the source's RxBuffer, with its TOS and TTL if they are detected. Returns its length, or
 // 0 if there is no datagram for this source.

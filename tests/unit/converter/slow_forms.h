@@ -4,6 +4,7 @@
 #define CONVERTER_SLOW_FORMS_H
 
 #include <float.h>
+#include <stdint.h>
 #include <string.h>
 
 #include "../md_cot_text/slow_forms.h"

@@ -1,7 +1,11 @@
 // The conversion of events against its plain form, over random pairs, whole and damaged.
 #include "slow_forms.h"
 
+#include <gtest/gtest.h>
+
+#include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
 #include "converter_fixture.h"

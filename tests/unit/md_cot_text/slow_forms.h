@@ -4,6 +4,7 @@
 #define COT_TEXT_SLOW_FORMS_H
 
 #include <endian.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

@@ -1,6 +1,12 @@
 // Searches of attributes against their plain forms, over random events, whole and damaged.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "converter.h"

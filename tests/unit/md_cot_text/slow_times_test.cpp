@@ -1,5 +1,10 @@
 // Times against their plain forms, over random texts in zones of all kinds.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <random>
 #include <string>

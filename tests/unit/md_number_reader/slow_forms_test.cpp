@@ -1,6 +1,8 @@
 // One number of a short text against its plain form, over random texts.
 #include "slow_forms.h"
 
+#include <gtest/gtest.h>
+
 #include <cfenv>
 #include <cstdint>
 #include <cstring>
