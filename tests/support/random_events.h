@@ -105,7 +105,7 @@ class RandomEvents {
       if (Draw(20) == 0) continue;
       const std::string written = (Draw(30) == 0 ? "x" : "") + name + (Draw(30) == 0 ? " = " : "=");
       const std::string attribute = " " + written + "\"" + Value(name, aircraft) + "\"";
-      text = Draw(3) == 0 ? attribute + text : text + attribute;
+      text.insert(Draw(3) == 0 ? 0 : text.size(), attribute);
       if (Draw(30) == 0) text += attribute;
     }
     return text;

@@ -7,6 +7,8 @@
 #include <stdint.h>
 #include <string.h>
 
+#include <cstdint>
+
 #include "../md_cot_text/slow_forms.h"
 #include "../md_number_reader/slow_forms.h"
 #include "converter.h"
@@ -37,8 +39,8 @@ inline constexpr double kNotRead = -100000.0;
 
 // Treatment of a value outside the range of its item.
 enum class Outside {
-  kSkip,   // no item
-  kMarker  // an item that holds the smallest signed number, which MISB ST 0601 gives to values out of range
+  Skip,   // no item
+  Marker  // an item that holds the smallest signed number, which MISB ST 0601 gives to values out of range
 };
 
 // Conversion of a number to an item: a value from low to high is accepted, and the item holds
@@ -58,37 +60,37 @@ struct NumberItem {
 inline constexpr double kLargestSpeed = 255.49999999999997;
 static_assert(kLargestSpeed < 255.5);
 inline constexpr NumberItem kAirTrackItems[] = {
-    {cotToKlv_airTrackTable[AIR_TRACK_COURSE].klvKey, 2, 0, 360, 0, 182.04166667, Outside::kSkip},  // 65535/360
-    {cotToKlv_airTrackTable[AIR_TRACK_SPEED].klvKey, 1, 0, kLargestSpeed, 0, 1, Outside::kSkip},
+    {cotToKlv_airTrackTable[AIR_TRACK_COURSE].klvKey, 2, 0, 360, 0, 182.04166667, Outside::Skip},  // 65535/360
+    {cotToKlv_airTrackTable[AIR_TRACK_SPEED].klvKey, 1, 0, kLargestSpeed, 0, 1, Outside::Skip},
 };
 // angles up to 90 degrees in both directions are accepted, more than the items can hold; the excess wraps in 16
 // bits.
 inline constexpr NumberItem kAirAttitudeItems[] = {
-    {cotToKlv_airAttitudeTable[AIR_ATTITUDE_PITCH].klvKey, 2, -90, 90, 0, 1638.35, Outside::kMarker},  // 32767/20
-    {cotToKlv_airAttitudeTable[AIR_ATTITUDE_ROLL].klvKey, 2, -90, 90, 0, 655.34, Outside::kMarker},    // 32767/50
+    {cotToKlv_airAttitudeTable[AIR_ATTITUDE_PITCH].klvKey, 2, -90, 90, 0, 1638.35, Outside::Marker},  // 32767/20
+    {cotToKlv_airAttitudeTable[AIR_ATTITUDE_ROLL].klvKey, 2, -90, 90, 0, 655.34, Outside::Marker},    // 32767/50
 };
 
 constexpr NumberItem LatitudeItem(int32_t tag) {
-  return {tag, 4, -90, 90, 0, 23860929.41111111, Outside::kMarker};  // 4294967294/180
+  return {tag, 4, -90, 90, 0, 23860929.41111111, Outside::Marker};  // 4294967294/180
 }
 
 constexpr NumberItem LongitudeItem(int32_t tag) {
-  return {tag, 4, -180, 180, 0, 11930464.70555556, Outside::kMarker};  // 4294967294/360
+  return {tag, 4, -180, 180, 0, 11930464.70555556, Outside::Marker};  // 4294967294/360
 }
 
 // Item of a height above mean sea level in metres.
 constexpr NumberItem AltitudeItem(int32_t tag) {
-  return {tag, 2, -900, 19000, 900, 3.2932161, Outside::kSkip};  // 65535/19900
+  return {tag, 2, -900, 19000, 900, 3.2932161, Outside::Skip};  // 65535/19900
 }
 
 // Item of an error bound in metres.
 constexpr NumberItem ErrorItem(int32_t tag) {
-  return {tag, 2, 0, 4095, 0, 16, Outside::kSkip};
+  return {tag, 2, 0, 4095, 0, 16, Outside::Skip};
 }
 
 // Item of an angle in degrees.
 constexpr NumberItem FieldOfViewItem(int32_t tag) {
-  return {tag, 2, 0, 180, 0, 364.08333333, Outside::kSkip};  // 65535/180
+  return {tag, 2, 0, 180, 0, 364.08333333, Outside::Skip};  // 65535/180
 }
 
 inline constexpr NumberItem kAirPointItems[] = {
@@ -106,7 +108,7 @@ inline constexpr NumberItem kSpiPointItems[] = {
 inline constexpr NumberItem kFieldOfView = FieldOfViewItem(cotToKlv_spiSensorTable[SPI_SENSOR_FOV].klvKey);
 inline constexpr NumberItem kVerticalFieldOfView = FieldOfViewItem(cotToKlv_spiSensorTable[SPI_SENSOR_VFOV].klvKey);
 inline constexpr NumberItem kSlantRange = {  // 4294967295/5000000, in metres
-    cotToKlv_spiSensorTable[SPI_SENSOR_RANGE].klvKey, 4, 0, 5000000, 0, 858.993495, Outside::kSkip};
+    cotToKlv_spiSensorTable[SPI_SENSOR_RANGE].klvKey, 4, 0, 5000000, 0, 858.993495, Outside::Skip};
 
 // Factors from a one-sigma error to the bound that holds in 90 percent of all cases.
 inline constexpr double kSigmaToLE90 = 1.6448538;
@@ -176,7 +178,7 @@ inline bool AddNumber(Conversion& conversion, const NumberItem& item, double val
     AddInteger(conversion, item, Scale(item, value));
     return true;
   }
-  if (item.outside == Outside::kMarker) AddInteger(conversion, item, int64_t{1} << (8 * item.bytes - 1));
+  if (item.outside == Outside::Marker) AddInteger(conversion, item, int64_t{1} << (8 * item.bytes - 1));
   return false;
 }
 

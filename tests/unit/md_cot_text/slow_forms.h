@@ -10,6 +10,8 @@
 #include <string.h>
 #include <sys/time.h>
 
+#include <cstdint>
+
 #include "md_cot_text.h"
 
 #define MD_MODULE "converter"
