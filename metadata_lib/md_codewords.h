@@ -22,7 +22,7 @@ inline constexpr int kCodewordBits = kCodewordDataBits + kCodewordCheckBits;
 inline constexpr int kGroupSize = 155;      // bytes of eight codewords
 inline constexpr int kGroupDataSize = 105;  // bytes of their data bits
 
-// The memory of one stream, about 136 KiB. Allocated once it is needed; zeros are an empty memory.
+// The memory of one stream, about 132 KiB. Allocated once it is needed; zeros are an empty memory.
 struct MdBlockCrcs {
   static constexpr uint32_t kPositions = 65536;  // what a decoder holds is no larger
 

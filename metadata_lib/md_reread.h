@@ -21,7 +21,7 @@
 
 inline constexpr int kRereadBlock = 256;  // bytes between two sums
 
-// The memory of one stream, about 92 KiB. Allocated with calloc once it is needed.
+// The memory of one stream, about 90 KiB. Allocated with calloc once it is needed.
 struct MdReread {
   static constexpr uint32_t kBlocks = 1024;  // twice what a decode buffer holds
 
