@@ -90,6 +90,7 @@ KLV_STATS* GenericKLV_GetStatsPtr(void* pvCtxt) {
 // =====================================================================================================
 
 static constexpr int kKLVWorthRemembering = 256;  // bytes; shorter messages are checked from scratch
+static constexpr size_t kMostItemHeader = 32;     // bytes of any tag with a value, and of any length
 
 static bool _ValidateHeldMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* data, int messageSize, int headerSize,
                                  MdReread* reread, UINT64 position);
@@ -536,6 +537,7 @@ static bool _IsIntegrityTag(const Walk& walk, UINT32 key) {
 // not used. The tag that remains is as long as to have no value either.
 static int _UnreadTagBytes(const Walk& walk, int offset) {
   if (walk.reread == nullptr || walk.pCtxt->nKlvTagFieldSize != KLV_FIELD_BER_OID_TAG) return 0;
+  if (offset + kMdMostOidBytes >= walk.messageSize || walk.data[offset + kMdMostOidBytes] < 0x80) return 0;
   const size_t run = _RereadRun(*walk.reread, walk.data, static_cast<size_t>(walk.messageSize), walk.position,
                                 static_cast<size_t>(offset));
   return run > kMdMostOidBytes ? static_cast<int>(run) - kMdMostOidBytes : 0;
@@ -560,6 +562,25 @@ static bool _WalkItem(Walk& walk, bool* ended) {
   const auto valuePosition = static_cast<uint64_t>(item.pValue - walk.data);
   walk.offset = static_cast<int64_t>(_MdItemEnd(valuePosition, static_cast<UINT32>(item.nLength)));
   *ended = walk.offset == offset;
+  return true;
+}
+
+// Steps over an item that needs no line and is no integrity item: one that KLV_GetInfo accepts without saying anything.
+// Returns false if the item is another one.
+static bool _StepOverItem(Walk& walk) {
+  const size_t size = static_cast<size_t>(walk.messageSize);
+  const size_t offset = static_cast<size_t>(walk.offset);
+  const int tagSize = walk.pCtxt->nKlvTagFieldSize;
+  if (size - offset < 2 || tagSize == KLV_FIELD_GLOBAL_TAG) return false;
+  // The rest of a tag that is longer than its value is not read here.
+  const size_t most =
+      tagSize == KLV_FIELD_BER_OID_TAG && size - offset > kMostItemHeader ? offset + kMostItemHeader : size;
+  MdItem item;
+  const MdRead result = _MdReadItem(walk.data, most, offset, tagSize, walk.pCtxt->nKlvLengthFieldSize, &item);
+  if (result != kMdReadOk || (item.length.longForm && item.length.count > 2)) return false;
+  if (static_cast<int32_t>(item.length.value) >= 1 && item.valuePosition >= size) return false;
+  if (item.end == offset || _IsIntegrityTag(walk, item.tag.key)) return false;
+  walk.offset = static_cast<int64_t>(item.end);
   return true;
 }
 
@@ -620,7 +641,7 @@ static bool _WalkItemsAgain(Walk& walk) {
   while (walk.offset < walk.messageSize && !ended) {
     walk.offset = known.Skip(walk.offset, walk.messageSize);
     walk.marked = false;
-    if (!(hasShortItems && _StepOverShortItem(walk)) && !_WalkItem(walk, &ended)) return false;
+    if (!(hasShortItems && _StepOverShortItem(walk)) && !_StepOverItem(walk) && !_WalkItem(walk, &ended)) return false;
     known.Note(walk.offset, walk.marked);
   }
   return true;

@@ -150,18 +150,24 @@ MdReread::WalkStep& MdRereadWalk::StepAt(int level, uint64_t position) const {
 }
 
 void MdRereadWalk::Note(int64_t to, bool marked) {
-  for (Entry& entry : m_entries) entry.marked = entry.marked || marked;
+  m_entries[0].marked = m_entries[0].marked || marked;
+  Arrive(0, to);
+}
+
+// The walk is at a border after the entries into blocks of a level and above. Keeps the step over each block that it has
+// left. A walk that stays in a block stays in the larger one around it.
+void MdRereadWalk::Arrive(int level, int64_t to) {
   const uint64_t toPosition = m_position + static_cast<uint64_t>(to);
-  for (int level = 0; level < kLevels; ++level) {
+  for (; level < kLevels; ++level) {
     Entry& entry = m_entries[level];
     const uint64_t position = m_position + static_cast<uint64_t>(entry.offset);
-    // A walk that stays in a block stays in the larger one around it.
     if (position >> kBlockShifts[level] == toPosition >> kBlockShifts[level]) return;
     const uint64_t distance = toPosition - position;
     if (distance <= kMostDistance) {
       StepAt(level, position) = {static_cast<uint32_t>(position),
                                  _Pack(m_codes, static_cast<uint32_t>(distance), entry.marked)};
     }
+    if (level + 1 < kLevels) m_entries[level + 1].marked = m_entries[level + 1].marked || entry.marked;
     entry = {to, false};
   }
 }
@@ -176,7 +182,11 @@ int64_t MdRereadWalk::Step(int64_t offset, int64_t end) {
     if (step.from != static_cast<uint32_t>(position) || (step.packed & ~kMarked) >> kDistanceBits != m_codes) continue;
     const int64_t to = offset + (step.packed & kMostDistance);
     if (to == offset || to >= end || (marked && m_stopsAtMarks)) continue;
-    Note(to, marked);
+    // What is known of smaller blocks stays as it is; the step is one of those over the next larger block.
+    for (int smaller = 0; smaller <= level; ++smaller) m_entries[smaller] = {to, false};
+    if (level + 1 == kLevels) return to;
+    m_entries[level + 1].marked = m_entries[level + 1].marked || marked;
+    Arrive(level + 1, to);
     return to;
   }
   return offset;

@@ -21,7 +21,7 @@
 
 inline constexpr int kRereadBlock = 256;  // bytes between two sums
 
-// The memory of one stream, about 90 KiB. Allocated with calloc once it is needed.
+// The memory of one stream, about 104 KiB. Allocated with calloc once it is needed.
 struct MdReread {
   static constexpr uint32_t kBlocks = 1024;  // twice what a decode buffer holds
 
@@ -41,9 +41,9 @@ struct MdReread {
   uint32_t runs[kBlocks];  // for a block: its number, and whether all its bytes continue a tag
 
   // Steps of walks over blocks of three sizes. The longest walk takes 8, 64 and 512 of them.
-  WalkStep large[256];
-  WalkStep medium[2048];
-  WalkStep small[8192];
+  WalkStep large[4096];
+  WalkStep medium[4096];
+  WalkStep small[4096];
 };
 
 // Forgets what would be mistaken for something else at this position. Called before the functions below with the
@@ -78,13 +78,15 @@ class MdRereadWalk {
   void Note(int64_t to, bool marked);
 
  private:
-  // Where the walk entered the block that it is in, and whether it met a mark since.
+  // Where the walk entered the block that it is in, and whether it met a mark since, as far as blocks of the next smaller
+  // size have told.
   struct Entry {
     int64_t offset;
     bool marked;
   };
 
   MdReread::WalkStep& StepAt(int level, uint64_t position) const;
+  void Arrive(int level, int64_t to);
   int64_t Step(int64_t offset, int64_t end);
 
   MdReread& m_memory;
