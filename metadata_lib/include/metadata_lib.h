@@ -47,10 +47,10 @@ extern "C" {
 #define METADATALIB_VERSION_MAJOR 1
 #define METADATALIB_VERSION_MINOR 0
 #define METADATALIB_VERSION_PATCH 0
-#define METADATALIB_VERSION_TEXT_(major, minor, patch) #major "." #minor "." #patch
-#define METADATALIB_VERSION_JOIN_(major, minor, patch) METADATALIB_VERSION_TEXT_(major, minor, patch)
+#define METADATALIB_VERSION_QUOTE(major, minor, patch) #major "." #minor "." #patch
+#define METADATALIB_VERSION_EXPAND(major, minor, patch) METADATALIB_VERSION_QUOTE(major, minor, patch)
 #define METADATALIB_VERSION \
-  METADATALIB_VERSION_JOIN_(METADATALIB_VERSION_MAJOR, METADATALIB_VERSION_MINOR, METADATALIB_VERSION_PATCH)
+  METADATALIB_VERSION_EXPAND(METADATALIB_VERSION_MAJOR, METADATALIB_VERSION_MINOR, METADATALIB_VERSION_PATCH)
 
 /* ------------------------------------------------------------------------------------------------ */
 /* Base types                                                                                       */
