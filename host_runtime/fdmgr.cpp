@@ -246,8 +246,8 @@ BOOL __FDMGR_AddReadFD(HFDSET hSet, int iFD, FDMGR_READ_CALLBACK pfnCallback, vo
   if (hSet == nullptr || pfnCallback == nullptr) return FALSE;
   return NoThrow(FALSE, [&] {
     const uint64_t number = hSet->nextNumber;
-    Entry& added = *hSet->entries.emplace_back(
-        std::make_unique<Entry>(number, iFD, pfnCallback, pvParam1, pvParam2, IsDatagrams(iFD), 0, false, nullptr));
+    Entry& added = *hSet->entries.emplace_back(std::make_unique<Entry>(
+        Entry{number, iFD, pfnCallback, pvParam1, pvParam2, IsDatagrams(iFD), 0, false, nullptr}));
     // There is room for every descriptor and every device, so that none has to wait for the next pass.
     hSet->events.resize(2 * hSet->entries.size());
     if (!StartWatching(*hSet, number, added)) {

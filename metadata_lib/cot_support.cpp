@@ -153,11 +153,11 @@ struct Known {
 static bool _DecodePayload(COT_DECODE_CONTEXT* pCtxt, const BYTE* data, int size, const Known& known);
 
 static BYTE* _Memory(COT_DECODE_CONTEXT* pCtxt) {
-  return pCtxt->bWide ? pCtxt->pReread->WideBuffer : pCtxt->DecodeBuffer;
+  return pCtxt->bWide ? pCtxt->pReread->wideBuffer : pCtxt->DecodeBuffer;
 }
 
 static int _Capacity(const COT_DECODE_CONTEXT* pCtxt) {
-  return pCtxt->bWide ? static_cast<int>(sizeof(pCtxt->pReread->WideBuffer)) : kCoTDecodeBufferSize;
+  return pCtxt->bWide ? static_cast<int>(sizeof(pCtxt->pReread->wideBuffer)) : kCoTDecodeBufferSize;
 }
 
 namespace {
@@ -298,9 +298,9 @@ static Known _WhatIsKnown(Slice& s) {
   if (pCtxt->pReread == nullptr) {
     pCtxt->pReread = static_cast<COT_REREAD*>(malloc(sizeof(COT_REREAD)));
     if (pCtxt->pReread == nullptr) return {};
-    memset(&pCtxt->pReread->Crcs, 0, sizeof(pCtxt->pReread->Crcs));
+    memset(&pCtxt->pReread->crcs, 0, sizeof(pCtxt->pReread->crcs));
   }
-  return {&pCtxt->pReread->Crcs, s.held.Position() + kCoTHeaderSize};
+  return {&pCtxt->pReread->crcs, s.held.Position() + kCoTHeaderSize};
 }
 
 // KEPT: if the payload is rejected, only the header is discarded, so that a frame inside the payload can still start,
@@ -359,7 +359,7 @@ static int _SliceSize(const COT_DECODE_CONTEXT* pCtxt, int left) {
 // After a long rejected frame, moves the bytes to where dropping a few of them costs no move each time.
 static void _UseWideBuffer(COT_DECODE_CONTEXT* pCtxt) {
   if (pCtxt->pReread == nullptr || pCtxt->bWide) return;
-  memcpy(pCtxt->pReread->WideBuffer, pCtxt->DecodeBuffer + pCtxt->nStart, static_cast<size_t>(pCtxt->nStoredAmount));
+  memcpy(pCtxt->pReread->wideBuffer, pCtxt->DecodeBuffer + pCtxt->nStart, static_cast<size_t>(pCtxt->nStoredAmount));
   pCtxt->nStart = 0;
   pCtxt->bWide = TRUE;
 }

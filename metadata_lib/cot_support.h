@@ -69,8 +69,8 @@ enum tagCOT_DECODE_STATE : int32_t {
 // For frames that begin inside a rejected one, which may fill the decode buffer and lose 17 bytes each: more room, so that
 // what is left need not be moved each time, and what is known about their bytes.
 typedef struct tagCOT_REREAD {
-  MdBlockCrcs Crcs;
-  BYTE WideBuffer[2 * kCoTDecodeBufferSize];  // holds the bytes instead of DecodeBuffer
+  MdBlockCrcs crcs;
+  BYTE wideBuffer[2 * kCoTDecodeBufferSize];  // holds the bytes instead of DecodeBuffer
 } COT_REREAD;
 
 // One per open serial CoT source. Metadata thread only, except Stats, whose counters the statistics calls read and set

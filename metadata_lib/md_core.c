@@ -14,11 +14,11 @@
 #error "the words of the loops below are little-endian"
 #endif
 
-enum { kWordSize = 8 };  // bytes of a word
+enum { kMdWordSize = 8 };  // bytes of a word
 
 static uint64_t _LoadWord(const uint8_t* base, size_t position) {
   uint64_t word = 0;
-  memcpy(&word, base + position, kWordSize);
+  memcpy(&word, base + position, kMdWordSize);
   return word;
 }
 
@@ -26,7 +26,7 @@ static uint64_t _LoadWord(const uint8_t* base, size_t position) {
 // 1. Running sum
 // =====================================================================================================
 
-enum { kMostWordsInLanes = 256 };  // 256 * 255 still fits into a lane of 16 bits
+enum { kMdMostWordsInLanes = 256 };  // 256 * 255 still fits into a lane of 16 bits
 
 static uint32_t _SumOfLanes(uint64_t lanes) {
   return (uint32_t)((lanes & 0xFFFF) + (lanes >> 16 & 0xFFFF) + (lanes >> 32 & 0xFFFF) + (lanes >> 48));
@@ -37,7 +37,7 @@ static uint64_t _OddBytes(uint64_t word) {
   return word >> 8 & 0x00FF00FF00FF00FFu;
 }
 
-// Adds the sums of at most kMostWordsInLanes words. Only the bytes at odd positions are taken apart: without them, the
+// Adds the sums of at most kMdMostWordsInLanes words. Only the bytes at odd positions are taken apart: without them, the
 // sum of the whole words is that of the bytes at even positions, lane by lane, because their lanes do not overflow
 // either.
 static void _AddWords(const uint8_t* base, size_t words, uint32_t* even, uint32_t* odd) {
@@ -45,15 +45,15 @@ static void _AddWords(const uint8_t* base, size_t words, uint32_t* even, uint32_
   uint64_t low = 0;
   size_t i = 0;
   for (; i + 4 <= words; i += 4) {
-    const uint64_t a = _LoadWord(base, i * kWordSize);
-    const uint64_t b = _LoadWord(base, (i + 1) * kWordSize);
-    const uint64_t c = _LoadWord(base, (i + 2) * kWordSize);
-    const uint64_t d = _LoadWord(base, (i + 3) * kWordSize);
+    const uint64_t a = _LoadWord(base, i * kMdWordSize);
+    const uint64_t b = _LoadWord(base, (i + 1) * kMdWordSize);
+    const uint64_t c = _LoadWord(base, (i + 2) * kMdWordSize);
+    const uint64_t d = _LoadWord(base, (i + 3) * kMdWordSize);
     all += a + b + c + d;
     low += _OddBytes(a) + _OddBytes(b) + (_OddBytes(c) + _OddBytes(d));
   }
   for (; i < words; ++i) {
-    const uint64_t word = _LoadWord(base, i * kWordSize);
+    const uint64_t word = _LoadWord(base, i * kMdWordSize);
     all += word;
     low += _OddBytes(word);
   }
@@ -65,11 +65,11 @@ void _MdSumParts(const uint8_t* base, size_t size, uint32_t* even, uint32_t* odd
   size_t position = 0;
   *even = 0;
   *odd = 0;
-  while (size - position >= kWordSize) {
-    size_t words = (size - position) / kWordSize;
-    if (words > kMostWordsInLanes) words = kMostWordsInLanes;
+  while (size - position >= kMdWordSize) {
+    size_t words = (size - position) / kMdWordSize;
+    if (words > kMdMostWordsInLanes) words = kMdMostWordsInLanes;
     _AddWords(base + position, words, even, odd);
-    position += words * kWordSize;
+    position += words * kMdWordSize;
   }
   for (; position + 2 <= size; position += 2) {
     *even += base[position];
@@ -133,7 +133,7 @@ static uint64_t _FoldWord(uint64_t word) {
 // The CRC of a word's eight bytes.
 static uint32_t _CrcOfWord(uint64_t word) {
   uint32_t crc = 0;
-  for (int i = 0; i < kWordSize; ++i) {
+  for (int i = 0; i < kMdWordSize; ++i) {
     const uint32_t index = (crc ^ (uint32_t)(word >> 8 * i)) & 0xFF;
     crc = crc >> 8 ^ index << 6 ^ index << 7 ^ _QWhenOdd(_Parity(index));
   }
@@ -142,11 +142,11 @@ static uint32_t _CrcOfWord(uint64_t word) {
 
 uint16_t _MdCrc16(const uint8_t* base, size_t size) {
   // Zeros before the data change nothing, so the bytes that are too few for a word come first.
-  size_t position = size % kWordSize;
+  size_t position = size % kMdWordSize;
   uint64_t remainder = 0;
-  for (size_t i = 0; i < position; ++i) remainder |= (uint64_t)base[i] << 8 * (kWordSize - position + i);
+  for (size_t i = 0; i < position; ++i) remainder |= (uint64_t)base[i] << 8 * (kMdWordSize - position + i);
   uint64_t all = remainder;
-  for (; position < size; position += kWordSize) {
+  for (; position < size; position += kMdWordSize) {
     const uint64_t word = _LoadWord(base, position);
     all ^= word;
     remainder = _FoldWord(remainder) ^ word;
@@ -170,9 +170,9 @@ static unsigned _ReadBits(const uint8_t* input, size_t inputBit, size_t count) {
 static void _CopyWord(const uint8_t* input, size_t inputBit, uint8_t* output) {
   const size_t from = inputBit % 8;
   uint64_t bits = __builtin_bswap64(_LoadWord(input, inputBit / 8));
-  if (from != 0) bits = bits << from | input[inputBit / 8 + kWordSize] >> (8 - from);
+  if (from != 0) bits = bits << from | input[inputBit / 8 + kMdWordSize] >> (8 - from);
   bits = __builtin_bswap64(bits) | _LoadWord(output, 0);
-  memcpy(output, &bits, kWordSize);
+  memcpy(output, &bits, kMdWordSize);
 }
 
 // What copying bit by bit up to each byte boundary of both sides adds up to: at the start of each such step, the bits
@@ -187,12 +187,12 @@ static int _SumOfSteps(size_t inputBit, size_t outputBit, size_t count) {
 // ORs the last count bits of both sides, at most 57, that end with the bits behind inputEnd and outputEnd. Both sides have
 // eight bytes up to there.
 static void _CopyTail(const uint8_t* input, size_t inputEnd, uint8_t* output, size_t outputEnd, size_t count) {
-  uint8_t* last = output + (outputEnd + 7) / 8 - kWordSize;
-  uint64_t bits = __builtin_bswap64(_LoadWord(input, (inputEnd + 7) / 8 - kWordSize));
+  uint8_t* last = output + (outputEnd + 7) / 8 - kMdWordSize;
+  uint64_t bits = __builtin_bswap64(_LoadWord(input, (inputEnd + 7) / 8 - kMdWordSize));
   bits = bits >> (8 - inputEnd % 8) % 8 & (((uint64_t)1 << count) - 1);
   bits <<= (8 - outputEnd % 8) % 8;
   bits = __builtin_bswap64(bits) | _LoadWord(last, 0);
-  memcpy(last, &bits, kWordSize);
+  memcpy(last, &bits, kMdWordSize);
 }
 
 // ORs count bits, at most eight, into one byte of the output.
