@@ -1,6 +1,7 @@
 // Conversion of pairs of Cursor-on-Target events, and the grid that it looks heights up in.
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -130,20 +131,22 @@ bool AddHostileEvent(const std::string& name, const std::string& filler) {
 
 // --- The grid ----------------------------------------------------------------------------------------
 
-// The grid as it is installed, made from PROJ's data for the run. Removed at the end.
+// The grid as it is installed, made from PROJ's data for the run. It has no name in the file system, so nothing is left
+// however the process ends.
 class GridFile {
  public:
-  explicit GridFile(const std::string& text) {
-    close(mkstemp(m_path));
-    geoid::ReplaceFile(m_path, text);
+  explicit GridFile(const std::string& text) : m_descriptor(memfd_create("geoid grid", MFD_CLOEXEC)) {
+    Require(write(m_descriptor, text.data(), text.size()) == static_cast<ssize_t>(text.size()), "no memory for a grid");
+    snprintf(m_path, sizeof m_path, "/proc/self/fd/%d", m_descriptor);
   }
-  ~GridFile() { unlink(m_path); }
+  ~GridFile() { close(m_descriptor); }
   GridFile(const GridFile&) = delete;
   GridFile& operator=(const GridFile&) = delete;
   const char* Path() const { return m_path; }
 
  private:
-  char m_path[32] = "/tmp/metadata_benchXXXXXX";
+  int m_descriptor;
+  char m_path[32];
 };
 
 const geoid::Grid& Grid() {
