@@ -150,6 +150,17 @@ TEST(RereadWalk, MeetsTheSameBordersAndMarksAsWalksWithoutAMemory) {
 
 constexpr int kSmallBlock = 128;  // bytes, of the smallest blocks that a walk steps over
 
+TEST(RereadWalk, StepsOfAPositionFourGigabytesBeforeAreForgotten) {
+  const Bytes before(20000, 1);  // items of two bytes
+  const Bytes after(20000, 5);   // of six
+  const Memory memory = EmptyMemory();
+  int steps = 0;
+  WalkTo(before, 0, 0, 10000, 1, false, memory.get(), 0, &steps);
+  const uint64_t origin = uint64_t{1} << 32;
+  EXPECT_EQ(WalkTo(after, 0, 0, 9001, 1, false, memory.get(), origin, &steps),
+            WalkTo(after, 0, 0, 9001, 1, false, nullptr, origin, &steps));
+}
+
 TEST(RereadWalk, NestedMessagesOfSmallItemsTakeFewStepsEach) {
   const Bytes stream(140000, 1);  // items of two bytes
   const Memory memory = EmptyMemory();
