@@ -13,6 +13,7 @@ import hashlib
 import json
 import os
 import pathlib
+import re
 import shlex
 import subprocess
 import sys
@@ -23,7 +24,7 @@ CLEAN = BUILD / "clean"
 TIDY = "clang-tidy-14"
 # The folders' own settings hold; the names in host/ are prescribed.
 NAMES = ["--checks=-*,readability-identifier-naming,readability-function-size",
-         "--header-filter=/(metadata_lib|common|formats|host_runtime|encoder|tools|tests|fuzz|bench)/[^/]"]
+         f"--header-filter=^{re.escape(str(ROOT))}/(metadata_lib|common|formats|host_runtime|encoder|tools|tests|fuzz|bench)/"]
 
 
 def preprocessed(entry):
