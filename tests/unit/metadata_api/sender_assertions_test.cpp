@@ -180,14 +180,14 @@ class RandomSenderTest : public SenderAssertionTest {
     if (Pick(8) == 0) bytes[16] = Byte();
     for (int i = Pick(4) == 0 ? 3 : 0; i > 0; --i)
       bytes[static_cast<size_t>(Pick(static_cast<int>(bytes.size())))] = Byte();
-    if (Pick(8) == 0) bytes.resize(static_cast<size_t>(1 + Pick(static_cast<int>(bytes.size()))));
+    if (Pick(8) == 0) bytes.resize(1 + static_cast<size_t>(Pick(static_cast<int>(bytes.size()))));
     return bytes;
   }
   std::string DamagedEvent() {
     std::string event = Pick(2) == 0 ? kAircraftEvent : kSensorPointEvent;
     for (int i = Pick(3); i > 0; --i)
       event[static_cast<size_t>(Pick(static_cast<int>(event.size())))] = static_cast<char>(Byte());
-    if (Pick(8) == 0) event.resize(static_cast<size_t>(1 + Pick(static_cast<int>(event.size()))));
+    if (Pick(8) == 0) event.resize(1 + static_cast<size_t>(Pick(static_cast<int>(event.size()))));
     return event;
   }
   Bytes For(const MDATA_SRC_CFG& config) {
