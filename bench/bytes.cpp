@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checksum, CRC, bits and patterns.
 #include <algorithm>
 #include <cstdint>

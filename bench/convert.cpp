@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Conversion of pairs of Cursor-on-Target events, and the grid that it looks heights up in.
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Runs sides of the module workloads so that callgrind counts their instructions: started by scripts/bench with
 // --instr-atstart=no, it switches the counting on around the runs alone and writes one dump a side, named after it.
 // Prints a line a side: its name, and the units that the dump stands for.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sockets of the loopback interface for the path workloads.
 #ifndef BENCH_DATAGRAMS_H
 #define BENCH_DATAGRAMS_H

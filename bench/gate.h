@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Hands messages to a receiving thread in batches that are complete before it begins, and measures what it spends on them.
 //
 // The thread is held at the last message of each batch, while the next one is sent: so it never waits for the sender, the

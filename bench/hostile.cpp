@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What a hostile sender can make the stream decoders do, per byte of its own, against ordinary traffic at the same log level.
 // Every stream repeats itself without end and is never good; the decoders are measured when their buffers are full of it.
 #include "hostile.h"

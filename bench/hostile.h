@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Streams that a hostile sender would choose: one period of each, to be repeated without end.
 #ifndef BENCH_HOSTILE_H
 #define BENCH_HOSTILE_H

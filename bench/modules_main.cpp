@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Times the sides of the module workloads with Google Benchmark. "items_per_second" counts what a workload counts.
 #include <benchmark/benchmark.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measures the receiving thread on traffic at the pace of real sources, where most of the price is waking up.
 //
 //   bench_paced WORKLOAD/SIDE SECONDS

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measures what the receiving thread spends on a message, from the socket to the encoder's callback.
 //
 //   bench_paths WORKLOAD/SIDE [BATCHES] [count]

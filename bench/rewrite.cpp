@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rewriting of UAS Local Sets, without the path around it.
 #include <cstdlib>
 #include <memory>

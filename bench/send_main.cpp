@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sends messages of the flight to a port of the loopback interface at a rate: for mdencoder, whose losses are counted.
 //
 //   bench_send PORT MESSAGES_A_SECOND SECONDS

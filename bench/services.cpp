@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Buffers, mailboxes and descriptor sets.
 #include <sys/epoll.h>
 #include <sys/eventfd.h>

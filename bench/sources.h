@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Open sources of the library, and the ports that they listen on.
 #ifndef BENCH_SOURCES_H
 #define BENCH_SOURCES_H

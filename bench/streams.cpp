@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The stream decoders: serial KLV and the serial Cursor-on-Target link, with check and delivery.
 #include <algorithm>
 #include <cstdint>

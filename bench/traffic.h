@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the workloads work on. Everything comes from fixed seeds; the recorded flight stands for the generated one where it
 // is present.
 #ifndef BENCH_TRAFFIC_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A workload is a piece of work that is measured from two sides: by the library ("ours") and by a floor. Both do the same to
 // the same data. Programs take the sides from one list: bench_modules measures their time, bench_counts their instructions.
 #ifndef BENCH_WORKLOAD_H

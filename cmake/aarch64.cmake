@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # 64-bit Arm. Without anything else it is cross-built with Debian's g++-aarch64-linux-gnu and run under qemu-aarch64: the
 # library and its unit tests. With CMAKE_SYSROOT (scripts/sysroot makes one) everything is, against the libraries there.
 # An integrator's compiler, and pkg-config where PKG_CONFIG_LIBDIR or PKG_CONFIG_SYSROOT_DIR says where it looks, are

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # How optimised builds are hardened, for everything of this folder and below it. Debug builds and sanitizers have checks
 # of their own. tests/abi/hardening_test.py looks for each of these in what was built.
 #

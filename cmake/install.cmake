@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # What an installed tree has beside the programs and libraries, which stand with their targets: a CMake package,
 # pkg-config files, documentation, man pages, the example and completions. Nothing in it names the folder it was
 # installed to, so that the tree may be moved.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mutexes that clang checks: with -Wthread-safety it refuses code that touches a GUARDED_BY member without its lock.
 // Other compilers see plain mutexes.
 #ifndef COMMON_ANNOTATED_MUTEX_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A descriptor that is closed with its owner.
 #ifndef COMMON_OWNED_FD_H
 #define COMMON_OWNED_FD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Commands typed or piped into the standard input.
 #ifndef MDENCODER_COMMANDS_H
 #define MDENCODER_COMMANDS_H

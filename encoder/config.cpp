@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CONTENTS
 //   Keys          are allowed in a section, some of them under a condition
 //   Encoder       reads the [encoder] section

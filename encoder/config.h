@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The configuration: one record for the encoder, and one per source.
 #ifndef MDENCODER_CONFIG_H
 #define MDENCODER_CONFIG_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading an INI file into sections, in the order of the file.
 #ifndef MDENCODER_INI_FILE_H
 #define MDENCODER_INI_FILE_H

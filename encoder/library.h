@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The metadata library, loaded at run time the way an encoder's plug-in loader would.
 #ifndef MDENCODER_LIBRARY_H
 #define MDENCODER_LIBRARY_H

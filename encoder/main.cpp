@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // mdencoder: reads the configuration, sets up the host, loads the library and runs. The exit code is 0 for success, 1
 // for a failure, and 2 for a fault in the usage or the configuration.
 #include <chrono>

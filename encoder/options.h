@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line.
 #ifndef MDENCODER_OPTIONS_H
 #define MDENCODER_OPTIONS_H

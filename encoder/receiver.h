@@ -1,4 +1,5 @@
-// Passes buffers from the ready callback to the worker thread, in a bounded queue.
+// SPDX-License-Identifier: Apache-2.0
+// Passes buffers from the ready callback to the recorder's thread, in a bounded queue without a lock.
 //
 // The callback never blocks: it adds a reference and an entry, or refuses the message if the queue is full. The worker
 // handles each message and releases the reference.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Renders messages as text: one table row or one JSON line each.
 #ifndef MDENCODER_RENDER_H
 #define MDENCODER_RENDER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One section of the configuration: typed reading of its keys, with faults that say what would have been allowed.
 #ifndef MDENCODER_SECTION_H
 #define MDENCODER_SECTION_H

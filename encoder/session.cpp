@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CONTENTS
 //   Start and end    open and close files, sources and signals
 //   Messages         come from the callback and go to the worker

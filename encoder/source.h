@@ -1,4 +1,5 @@
-// One open source: the counts of the ready callback, and the worker thread's checks of the messages.
+// SPDX-License-Identifier: Apache-2.0
+// One open source: the counts of the ready callback, and the recorder's checks of the messages and its recording.
 #ifndef MDENCODER_SOURCE_H
 #define MDENCODER_SOURCE_H
 

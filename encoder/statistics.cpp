@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CONTENTS
 //   To JSON       the library's record, a report, a summary
 //   From JSON     the library's record

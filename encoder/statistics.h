@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shows statistics as JSON and as a table, and keeps them in a file.
 #ifndef MDENCODER_STATISTICS_H
 #define MDENCODER_STATISTICS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Lists, addresses, tags and relays as they are written in the configuration. Each Parse function returns nothing for
 // text that is not allowed; the caller reports the key, the value and the allowed values.
 #ifndef MDENCODER_VALUES_H

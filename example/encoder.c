@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Prints the size of every ST 0601 message that arrives on UDP port 15000. */
 #include <signal.h>
 #include <stdio.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* Prints the size of every Cursor-on-Target packet that is made of the events on UDP port 15001. It loads the library
  * with dlopen, so that the process starts without it, and finds the host services in itself. */
 #include <dlfcn.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Packs and unpacks KLV in the ancillary data of a video, in the form in which it travels over a network.
 //
 // Standards: SMPTE ST 2110-40 and RFC 8331 (RTP payload), SMPTE ST 291-1 (ancillary packets), SMPTE RP 214 (KLV in

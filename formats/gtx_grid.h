@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Grids of geoid heights in GTX format, as PROJ's data packages carry them. No I/O.
 #ifndef GTX_GRID_H
 #define GTX_GRID_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // INI text: sections, keys and values, and the lines on which they stand. No I/O.
 #ifndef INI_TEXT_H
 #define INI_TEXT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // printable_text.h - how the runtime's log, mdencoder's table and its JSON show text that came from outside.
 #ifndef PRINTABLE_TEXT_H
 #define PRINTABLE_TEXT_H

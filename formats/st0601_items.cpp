@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // CONTENTS
 //   Numbers       convert big-endian integers and coded numbers
 //   Values        decode, encode and display values

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // st0601_items.h - the items of MISB ST 0601 and the elements of MISB ST 0102: names, units, codings, and the
 // reading and writing of whole messages. Shared by the programs that show or make metadata.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The tables of MISB ST 0601 and MISB ST 0102. Ranges and sizes are those of the standards. An item whose name differs
 // between editions has its newest name.
 #include <algorithm>

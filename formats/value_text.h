@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Numbers and switches in text that a person wrote: the values of INI files and of command lines. No I/O.
 //
 // Each Parse function reads the whole text, without blanks around it, and returns nothing for text that is not allowed.

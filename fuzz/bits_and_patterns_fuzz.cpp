@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Copies arbitrary bits and searches for arbitrary patterns, and compares the results with slow code that works bit by
 // bit and byte by byte.
 #include <stdint.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Converts arbitrary bytes as Cursor-on-Target events: the input's first byte selects the converter, the rest are
 // events divided by NUL, so that pairs are found too. Every packet made must be a whole local set with a right
 // checksum, with the stream header's reserve in front of it.

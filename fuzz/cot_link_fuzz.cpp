@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds arbitrary bytes to the serial Cursor-on-Target decoder in arbitrary pieces. Every byte must be counted, and the
 // decoder must not deliver more bytes than it was fed.
 #include <stdint.h>

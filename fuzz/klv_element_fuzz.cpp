@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Parses arbitrary bytes as one KLV element of every field size. The fields of a parsed element must have the reported
 // positions and sizes.
 #include <stdint.h>

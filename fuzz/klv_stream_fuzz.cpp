@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Feeds arbitrary bytes to the KLV stream decoder in arbitrary pieces, sometimes after a pause. Every byte must be
 // counted, and every delivered message must have the length in its own length field, but no more bytes than were fed.
 #include <stdint.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rewrites arbitrary bytes as a UAS Local Set under an arbitrary configuration, with tags of one byte and with BER-OID
 // tags. Every message made must be complete, with a correct checksum, in the shortest length form, and with the
 // reserved bytes of the stream header in front of it.

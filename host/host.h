@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Every service that the library expects of the process that loads it. The library leaves these names undefined;
 // the encoder process provides them (host_runtime/ does on Linux).
 #ifndef HOST_H

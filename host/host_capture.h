@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Capture of the KLV in a video input's ancillary data. Called on the metadata thread.
 #ifndef HOST_CAPTURE_H
 #define HOST_CAPTURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Debug log and assertions. Every call may come from any thread.
 //
 // Levels: 0 always, 2 grave error, 3 error, 4 warning or discard, 5 notable event, 6 information, 7 call trace,

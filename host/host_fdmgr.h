@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // File-descriptor sets: read callbacks and a select loop. A set is driven by one thread; additions and removals
 // come from that thread or from before it runs.
 //

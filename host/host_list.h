@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // An intrusive doubly linked list. No lock of its own.
 #ifndef HOST_LIST_H
 #define HOST_LIST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mailboxes: first in, first out; any thread sends, one thread receives.
 #ifndef HOST_MBOX_H
 #define HOST_MBOX_H

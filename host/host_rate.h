@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rate counters: the bit rate of a running byte total. Safe from two threads.
 #ifndef HOST_RATE_H
 #define HOST_RATE_H

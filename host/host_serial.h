@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Serial ports.
 #ifndef HOST_SERIAL_H
 #define HOST_SERIAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // UDP receive sockets and address texts. All descriptors are non-blocking and closed by the caller.
 #ifndef HOST_SOCKET_H
 #define HOST_SOCKET_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads and the host's watch over them.
 #ifndef HOST_THREAD_H
 #define HOST_THREAD_H

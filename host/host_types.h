@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Types shared by the host service declarations. The integer types and MDATA_SERIAL_SRC_CFG come from the
 // public header, so that the installed header stands alone.
 #ifndef HOST_TYPES_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Time, text, the INI reader and tag names. Any thread.
 #ifndef HOST_UTIL_H
 #define HOST_UTIL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Counting wait conditions: a post that comes before the wait is not lost. Any thread posts, any thread waits.
 #ifndef HOST_WAITCOND_H
 #define HOST_WAITCOND_H

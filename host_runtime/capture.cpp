@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Capture of the KLV of video inputs: queues, threads and the service.
 //
 // CONTENTS

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The capture of video inputs: declarations that its back ends share.
 //
 // Each running input has a thread of its own ("KLV video 0") that runs a back end, and a queue from which the metadata

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The capture back end that plays the KLV track of a media file or stream, through libavformat.
 //
 // A file is played in real time by its own presentation timestamps; a stream (a URL) is passed on as it arrives. Both

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The capture back ends that receive datagrams: ancillary streams over UDP, and local sockets.
 #define HOST_MODULE "capture_network"
 #define HOST_DEBUG_MODULE ::host_runtime::CaptureModule()

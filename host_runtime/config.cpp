@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The host's configuration: its INI file, and the copy that applies.
 //
 // CONTENTS

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Debug modules, log lines, hex dumps and assertions, written through spdlog.
 //
 // CONTENTS

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Descriptor sets over epoll. A set belongs to the thread that selects on it, so no lock is needed.
 //
 // A serial device is not watched directly: a SerialLine stands between it and its entry, and decides when the entry is

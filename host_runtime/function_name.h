@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The name of the function that contains a log line. Inside a lambda __func__ is only "operator()", which nobody can
 // find in the source.
 #ifndef FUNCTION_NAME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Linux host runtime: the services of host/*.h for a process that loads the metadata library, and the few calls
 // that configure them. Without configuration it writes lines up to level 5 to standard error, opens devices and files
 // under the names that the library gives, and has no video inputs. docs/host.md describes the INI file.

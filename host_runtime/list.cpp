@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The intrusive list. Its users provide the locking.
 #include "host.h"
 

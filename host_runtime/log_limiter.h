@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Keeps a call site from flooding the log: each has a token bucket and a count of suppressed lines.
 #ifndef HOST_LOG_LIMITER_H
 #define HOST_LOG_LIMITER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Mailboxes: each has a queue under a mutex, and an eventfd that is readable while the queue holds messages.
 #define HOST_MODULE "mailbox"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The rate table, and the service that adds a lock to it.
 #define HOST_MODULE "rate_table"
 

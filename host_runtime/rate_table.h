@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Computes the rate of a running total from its last samples.
 #ifndef HOST_RATE_TABLE_H
 #define HOST_RATE_TABLE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared by the services: the configuration that applies, and the runtime's own log lines.
 //
 // HOST_LOG(level, format, ...) logs on the module "HOST". A source file defines HOST_MODULE, its name without

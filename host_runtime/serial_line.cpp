@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #define HOST_MODULE "serial_line"
 
 #include "serial_line.h"

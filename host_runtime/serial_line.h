@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A serial device in a descriptor set.
 //
 // While it is in the set, the descriptor that the library reads is one end of a local stream, and the runtime has a

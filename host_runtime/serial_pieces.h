@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cuts the bytes of a serial line into pieces that a stream decoder can use.
 //
 // If a piece ends within a key, the library's decoder continues the key in the next piece without checking that the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Serial ports: opening, with the host's mapping of names, and raw mode.
 #define HOST_MODULE "serial_port"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Serial devices: opening them by path, and remembering them by descriptor.
 #ifndef HOST_SERIAL_PORT_INTERNAL_H
 #define HOST_SERIAL_PORT_INTERNAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // UDP receive sockets and address texts.
 //
 // A unicast port is never shared: a second process that binds it gets an error instead of half the datagrams. Ports of

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reading of small text files.
 #ifndef HOST_TEXT_FILE_H
 #define HOST_TEXT_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Threads, and the reports of their state.
 //
 // CONTENTS

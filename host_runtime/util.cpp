@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Times, texts, the library's INI keys, and tag names.
 #define HOST_MODULE "util"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The Cursor-on-Target converter: pairs of aircraft and sensor-point events become UAS Local Set packets.
 //
 // Contents

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private side of the CoT-to-KLV converter: its records, tables and the steps that the tests reach. Hidden from the
 // encoder by the export map.
 #ifndef CONVERTER_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The serial Cursor-on-Target link.
 //
 //   Decode context     allocation, statistics

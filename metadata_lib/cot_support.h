@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private side of the serial CoT link: the frame on the wire, the decode context, and the steps that the tests reach.
 // Hidden from the encoder by the export map.
 #ifndef COT_SUPPORT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The KLV stream decoder and the check of its messages.
 //
 // Contents

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private side of the KLV stream decoder and the local set standards.
 #ifndef GENERIC_KLV_SUPPORT_H
 #define GENERIC_KLV_SUPPORT_H

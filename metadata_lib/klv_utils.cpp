@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One KLV element's key, length and value, in any of the field sizes of SMPTE ST 336. Any thread, no state.
 //
 // Contents

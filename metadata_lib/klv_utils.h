@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private side of the KLV element parser: the registry designator table.
 #ifndef KLV_UTILS_H
 #define KLV_UTILS_H

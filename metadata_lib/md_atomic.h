@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Atomic access to plain fields of C records: counters and handles that one thread changes while another reads.
 // Accesses are relaxed unless the name says otherwise: a single value is whole, but nothing is ordered around it.
 #ifndef MD_ATOMIC_H

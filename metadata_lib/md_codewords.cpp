@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The CRC of blocks that are read again. See the header.
 //
 // Contents

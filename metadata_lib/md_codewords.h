@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The codewords of the serial CoT link, and the CRC of blocks that are read again.
 //
 // A frame whose CRC is wrong loses its header only, so that the next one may begin inside it and reach as far; a sender

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The functions of the parsing core that loop over whole messages. The header states their contract.
 //
 // Contents

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The parsing core: tags, lengths and items of KLV (SMPTE ST 336), the running sum of MISB ST 0601, CRC-16, bits.
 //
 // Contents

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text of Cursor-on-Target events. See the header for threads.
 //
 // Contents

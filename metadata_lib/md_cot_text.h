@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The text of Cursor-on-Target events: slices and attributes of XML, and times.
 //
 // Nothing builds a tree of the XML: all searches are plain substring searches on a terminated text.

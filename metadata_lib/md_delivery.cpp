@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The delivery of a message. See the header.
 #include "md_delivery.h"
 

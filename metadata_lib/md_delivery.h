@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The delivery of a message: its rewriting, the stream header, the output rate, the ready callback.
 //
 // The five receive paths are five functions of metadata_api.cpp that read top to bottom, because the order of their

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A guard that holds a buffer for a scope.
 #ifndef MD_GUARD_H
 #define MD_GUARD_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Log lines and assertions of the library. A source file defines MD_MODULE, its name without ending, before it
 // includes this header; a file that logs on another debug module than METADATALIB defines MD_DEBUG_HANDLE too.
 #ifndef MD_LOG_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The locks of the library, which tell clang what they guard. A clang build stops at guarded data that is used without
 // its lock, and at a function of the metadata thread that another thread's function calls.
 #ifndef MD_MUTEX_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Numbers in text. See the header for the contract.
 //
 // Contents

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Numbers in text, read the same in every locale that the encoder may have chosen: one number of a short text, and all
 // numbers of a file.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The relays of a source. See the header.
 //
 // Contents

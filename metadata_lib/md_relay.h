@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The relays of a source: their sockets, following the TTL and TOS of received datagrams, sending and counting.
 //
 // The opener makes the sockets; the metadata thread sends, and owns the relays' state. The statistics calls read and

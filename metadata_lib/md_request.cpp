@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The requests to the metadata thread. See the header for the hand-shake.
 #include "md_request.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Requests to the metadata thread: their completion marks, control messages and waiting.
 //
 // The encoder's threads send a control message and wait; the thread carries it out, sets the request's own completion

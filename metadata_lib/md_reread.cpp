@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the KLV stream decoder remembers about bytes that it reads again. See the header.
 //
 // Contents

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the KLV stream decoder remembers about bytes that it reads again.
 //
 // A rejected message loses its sync pattern only, so that the next one may begin inside it and reach as far. A sender

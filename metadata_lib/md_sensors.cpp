@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Discovered sensors. See the header for threads and the lock.
 #include "md_sensors.h"
 

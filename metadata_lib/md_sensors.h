@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sensors that a CoT source has discovered, with the time since each was last seen.
 //
 // The metadata thread is the only writer of a table. It writes under a leaf lock of this pair, and the statistics calls

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The source record and its helpers. See the header.
 #include "md_source.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The record of a metadata source, and the small helpers that everything around it needs: texts of senders,
 // descriptors, capture files, pauses.
 //

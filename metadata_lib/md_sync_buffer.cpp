@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bytes that a stream decoder holds. See the header for their owner.
 //
 // Contents

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The bytes that a stream decoder holds from one chunk to the next, and the search for its sync pattern in them.
 //
 // Both stream decoders, of KLV and of the serial CoT link, hold their bytes in one of these and have one shape:

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reception of UDP datagrams. See the header.
 //
 // Contents

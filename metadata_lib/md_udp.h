@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reception of UDP datagrams: the bytes with their TTL and TOS, the filter for senders, the last sender.
 //
 // The metadata thread receives; the opener switches the detection on. The last sender is kept in the source's record,

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The capture of CoT XML. See the header for threads and the lock.
 #include "md_xml_log.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The capture of CoT XML: a text file with every event that arrives over a serial CoT link, numbered, and a line for
 // each one that was lost.
 //

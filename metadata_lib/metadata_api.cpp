@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The source engine: everything between the encoder's calls, the descriptors of the open sources and the ready
 // callback.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private side of the source engine: the library-wide state, and the functions of metadata_api.cpp that the tests call.
 // Only metadata_api.cpp includes it. The export map hides everything here from the encoder.
 #ifndef METADATA_API_H

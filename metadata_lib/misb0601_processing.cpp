@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Rewriting of UAS Datalink Local Set messages (MISB ST 0601).
 //
 //   Output            the destination of a walk's bytes

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private side of the UAS Local Set rewriting.
 #ifndef MISB0601_PROCESSING_H
 #define MISB0601_PROCESSING_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tools for the UAS Datalink Local Set (MISB ST 0601) and the security local set (MISB ST 0102).
 //
 //   Elements          tag and BER length of one element, and how tags are read

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private side of the UAS Local Set tools: the functions that the rewriting needs besides the exported ones.
 #ifndef MISB0601_TOOLS_H
 #define MISB0601_TOOLS_H

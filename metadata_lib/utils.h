@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private side of the buffers and utilities: a buffer without its zeros, and the counters, for tests.
 #ifndef UTILS_H
 #define UTILS_H

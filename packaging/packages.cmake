@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Debian packages: `cpack` in a folder that the preset package or package-aarch64 built, which have the folders of /usr.
 # scripts/packages makes and tries them all.
 set(METADATA_MAINTAINER "metadata_lib developers <maintainers@metadata-lib.invalid>" CACHE STRING

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs the benchmarks of build/bench and prints their tables. Called by scripts/bench, which builds them."""
 import argparse
 import collections

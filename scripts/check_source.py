@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Checks the library's source for rules that no compiler checks.
 
 - a function has at most 60 lines;

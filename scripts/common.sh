@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # The scripts source this file. It holds the places of files and the installation of packages.
 set -euo pipefail
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Prints the lines and branches of a gcovr summary, with a row for each source file and a sum for each folder."""
 import json
 import os

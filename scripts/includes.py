@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Checks that each source includes the headers of what it names, and no others.
 
     includes.py SOURCE...        prints the missing and the unused headers

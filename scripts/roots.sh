@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Bare Debian roots, shared by the scripts that need one. Sourced after common.sh.
 suite=bookworm
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs clang-tidy over sources, with the commands of build/tidy/compile_commands.json.
 
     tidy.py [--names] SOURCE...

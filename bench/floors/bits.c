@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands for the copying of a bit field in steps that end at byte borders: each takes the bits up to the next border of the
 // input, of the output, or of the field, whichever comes first.
 #include "floors.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands for a message buffer that two threads may hold: memory, a copy, a reference that is taken and given back atomically,
 // and the end of the memory.
 #include <stdlib.h>

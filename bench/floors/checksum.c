@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands for the 16-bit running sum of MISB ST 0601 as the standard writes it: byte after byte, even positions as high bytes.
 #include "floors.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands for CRC-16/ARC as its definition says it: bit after bit.
 #include "floors.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands for the conversion of a pair of Cursor-on-Target events: a general parser (pugixml) reads both and gives the fields
 // from which the packet is made, numbers as numbers, times and names as texts. No packet is made.
 #include "events.h"

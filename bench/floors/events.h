@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The floor of the conversion of events, in C++ because the parser is.
 #ifndef FLOOR_EVENTS_H
 #define FLOOR_EVENTS_H

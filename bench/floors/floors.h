@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The floors: what a plain program in C does for the same work, with no error that it does not meet, no log, no counters.
 // Each file says what its loop stands for. They are compiled with -O2, like everything that a benchmark compares them with.
 #ifndef FLOORS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands for the rewriting of a UAS Local Set (MISB ST 0601): one walk that filters by tag and puts the mission identifier
 // and the security set in place of the received ones or at the end, then length, key and checksum, in memory from malloc.
 // It knows one-byte tags and lengths of one to three bytes, trusts that a replaced element does not occur twice, and sums a

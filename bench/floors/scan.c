@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands for the search for a pattern: memmem, which is what the C library has for it.
 #include <string.h>
 

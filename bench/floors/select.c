@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands for a pass over a descriptor set: epoll_wait and the call for each descriptor that is ready.
 #include <sys/epoll.h>
 

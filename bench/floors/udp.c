@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Stands for KLV over UDP: wait with epoll, fetch the datagram with its sender by recvmsg, rewrite it if that is asked for,
 // send it to the relays, copy it into memory of its own, hand it over, free it. Every datagram has a wait of its own, as in
 // any loop that does not know how many there are. The two other passes show what is left when waits are shared.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /*
  * metadata_lib.h - the one public header of the metadata ingest library.
  *

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Run by cpack on the files of all packages before they are packed: debug information goes to packages of its own, man
 # pages are compressed, and each package gets its copyright and changelog, as Debian wants them.
 cmake_policy(VERSION 3.25)

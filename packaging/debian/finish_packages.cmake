@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 # Run by cpack on the finished packages, for what its generator cannot say: the field Multi-Arch, and a library without
 # maintainer scripts, since the trigger of its own calls ldconfig.
 cmake_policy(VERSION 3.25)

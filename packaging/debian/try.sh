@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: Apache-2.0
 # try.sh VERSION: run by scripts/packages in a bare root with the packages of releases 1 and 2 in /srv.
 set -eu
 version=$1

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The exported functions and every record they take are those of tests/abi/metadata_lib.abi, which is what encoders were
 built against. A change that is meant is accepted by hand and committed with its description:
 

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The shared library exports exactly the names of its map, needs only libc, and leaves only libc's names and the host
 services undefined."""
 import argparse

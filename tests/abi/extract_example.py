@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Writes the first C block of a Markdown file to a source file. It allows at most 45 lines, so that the block stays
 readable."""
 import re

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """foreign_names.py MAP OUTPUT: writes C code with a function for every exported name, each of which ends the process.
 The library would call them if an encoder's function of the same name took precedence over its own."""
 import pathlib

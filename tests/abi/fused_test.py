@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The library multiplies and adds in two steps on every processor: a fused step rounds once instead of twice, and the
 last bit of a height or an angle would depend on the processor."""
 import argparse

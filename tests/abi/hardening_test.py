@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """An optimised build is hardened: what the linker was told stands in the files, what the compiler was told in the code,
 in the notes of the objects or, where neither shows it, in the commands."""
 import argparse

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks that the public header and the host declarations compile on their own as C++17.
 #include "host.h"
 #include "metadata_lib.h"

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Every public header stands alone, without a warning, in each language and standard that it is for, with both
 compilers. The C headers are C++ too; the runtime's is C++ alone."""
 import argparse

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Checks that the library calls its own functions even if other code defines functions of the same names: a program
 // that is linked with it and defines all of them, and a second version of it in the same process.
 #include <arpa/inet.h>

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The README's example prints what arrives on its port and ends cleanly on SIGINT."""
 import os
 import select

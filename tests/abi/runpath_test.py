@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Programs look for shared libraries only relative to themselves, in the build tree and after an installation: the run
 path has no empty element, which means the current folder, and no folder of the machine that built them."""
 import argparse

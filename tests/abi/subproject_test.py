@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """As a folder of another project the tree configures only the library and forces no setting on that project."""
 import argparse
 import json

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The man pages and the completions of bash and zsh have exactly the options that --help prints, mdencoder.ini(5) has
 the keys of the complete example, and every page is well formed."""
 import argparse

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The recipes under packaging/ are well formed and say what the tree says: version, licence, options. scripts/packages
 makes the Debian packages and tries them."""
 import argparse

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """An installed tree that was moved afterwards builds the README's example by its own line, by CMake, by make and with
 dlopen, and the programs run. Nothing in the tree names the folder it was installed to or built in."""
 import argparse

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Records the behaviour of the library with a fixed course of traffic: every log line of level 0 to 8, every dump,
 // every assertion, every delivered byte, every relayed datagram, every statistics record. Two builds with the same
 // behaviour print the same text; scripts/compare-run builds two revisions and compares them.

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Compares converted Cursor-on-Target events from UDP and from the framed serial link with the same flight as KLV."""
 import pathlib
 import struct

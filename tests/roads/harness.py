@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Harness of the end-to-end tests: it runs mdencoder and mdfeed on loopback in a folder for each test.
 
 A test derives from EndToEndTest. It writes a configuration, starts the encoder, waits until its sources are open, feeds

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Checks each KLV message on its way from UDP and from a serial line to the encoder."""
 import harness
 from harness import EndToEndTest, recording, send, source, split_messages

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Receives datagrams on one address and prints size, TTL (hop limit) and TOS (traffic class) of each as a JSON line.
 
     receiver.py ADDRESS PORT INTERFACE     joins ADDRESS when it is a group

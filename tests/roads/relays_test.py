@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Tests eight relays to eight receivers, each in its own network namespace behind a bridge."""
 import json
 import os

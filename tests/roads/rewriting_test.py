@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Reads rewritten ST 0601 messages with an independent decoder."""
 import struct
 import subprocess

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Measures the largest message that arrives at each rate of a serial line, and the delay of messages.
 
 Single bytes at the rate, on a line that is quiet between messages and on one that never pauses. Of three messages of

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: Apache-2.0
 """Simulates a serial line with a pseudo-terminal: it delivers bytes at a rate and can be unplugged."""
 import os
 import pty

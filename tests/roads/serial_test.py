@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Serial lines at their rates, in pieces of any size, and devices that are unplugged and come back."""
 import os
 import random

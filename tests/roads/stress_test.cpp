@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests the library on real threads and the real host runtime: four threads open and close sources of all kinds while
 // data flows on every path, first with a host whose services succeed, then with one that fails to send, runs out of
 // messages and reacts too late. The sanitizers run this test too. STRESS_SECONDS sets the length of each of the two

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """KLV of video inputs: from a local socket, from a media file with a KLV track, from an ancillary stream."""
 import socket
 import struct

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """scripts/bench.py computes its figures from what the programs report, and its check fails where it must."""
 import argparse
 import contextlib

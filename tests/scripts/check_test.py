@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """Runs scripts/check in a tree from an archive, on a machine without git: it finds every source and every violation."""
 import argparse
 import os
@@ -13,6 +14,7 @@ parser.add_argument("--source", required=True, type=pathlib.Path)
 options, rest = parser.parse_known_args()
 
 PROGRAMS = "bash basename dirname nproc env find sed sort grep uniq xargs cat python3 clang-format-14".split()
+MARK = "// SPDX-License-Identifier: Apache-2.0\n"
 GOOD = "int Answer() {\n  return 42;\n}\n"
 
 

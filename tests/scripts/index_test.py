@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """The pages name files, functions and tests that exist: the index of HACKING.md, the walks of docs/architecture.md, and
 the rows of docs/kept.md."""
 import argparse

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """clang stops at a lock of the library that is missing, and at a function of the metadata thread that another calls."""
 import argparse
 import pathlib

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
 """scripts/tidy.py checks every source, and checks it again only if something changed that the result depends on."""
 import argparse
 import json

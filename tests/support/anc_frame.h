@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Builds ancillary streams for the tests.
 #ifndef ANC_FRAME_H
 #define ANC_FRAME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Builders of test input. They have their own checksum code, so that the library's is tested against another one.
 #ifndef BUILDERS_H
 #define BUILDERS_H

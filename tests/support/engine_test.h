@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture of the source engine's tests provides a started library on the fake host and short calls to open sources.
 #ifndef ENGINE_TEST_H
 #define ENGINE_TEST_H

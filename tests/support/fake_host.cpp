@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Implements the fake host's language: records, claims, clock, failures and the lockstep of the metadata thread.
 #include "fake_host.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fake host replaces every host service, and the libc calls that leave the process, in unit tests. It is a small
 // language:
 //

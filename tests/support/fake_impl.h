@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Private declarations of the fake host.
 #ifndef FAKE_IMPL_H
 #define FAKE_IMPL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Wraps the libc calls that leave the process with the linker's --wrap: time follows the fake clock, files are kept in
 // the test's own folder, fake descriptors are scripted. All other calls pass through, and so does every call while no
 // test is running: code that runs at the exit of the process, such as the writing of coverage data, gets the real

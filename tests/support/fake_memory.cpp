@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Wraps the allocator with the linker's --wrap: allocations can be made to fail by name, and every block that a test or
 // the library allocates and does not free is a leak of that test. C++ containers allocate inside libstdc++, which is
 // not wrapped.

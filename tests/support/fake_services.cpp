@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Implements the host services of the fake host.
 #include <arpa/inet.h>
 #include <errno.h>

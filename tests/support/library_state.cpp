@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Resets the library's globals to the values of a fresh process. library_state.ld collects the globals of all modules
 // in two ranges. Their contents are saved before main() and copied back before each test, when no thread of the library
 // runs.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Random Cursor-on-Target events for comparisons of two forms: ordinary ones, and damaged ones of the kind that a hostile
 // sender makes.
 #ifndef RANDOM_EVENTS_H

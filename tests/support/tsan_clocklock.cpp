@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Replaces pthread_mutex_clocklock in builds with the thread sanitizer, which intercepts pthread_mutex_timedlock but
 // not this call: it would not notice the lock and would report every value that the mutex protects, and the unlocking
 // as well. The wait uses the wall clock here, which does not change while a test runs.

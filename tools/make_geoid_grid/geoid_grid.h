@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The EGM96 geoid in steps of 15 minutes: reads and checks either published form, and writes the form that the library
 // loads.
 #ifndef GEOID_GRID_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // make_geoid_grid: writes the geoid grid that the library loads at start.
 #include <CLI/CLI.hpp>
 #include <algorithm>

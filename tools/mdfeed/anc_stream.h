@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sends KLV as SMPTE RP 214 ancillary packets in an RTP stream of RFC 8331 (SMPTE ST 2110-40).
 #ifndef MDFEED_ANC_STREAM_H
 #define MDFEED_ANC_STREAM_H

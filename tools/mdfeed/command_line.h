@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The command line of mdfeed.
 #ifndef MDFEED_COMMAND_LINE_H
 #define MDFEED_COMMAND_LINE_H

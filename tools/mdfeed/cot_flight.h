@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated flight as Cursor-on-Target events for the aircraft and for the point that its sensor looks at.
 #ifndef MDFEED_COT_FLIGHT_H
 #define MDFEED_COT_FLIGHT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Builds frames of the serial Cursor-on-Target link, intact or with deliberate damage.
 #ifndef MDFEED_COT_FRAME_H
 #define MDFEED_COT_FRAME_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Two kinds of failure. main() reports each as one line on standard error and an exit code.
 #ifndef MDFEED_ERROR_H
 #define MDFEED_ERROR_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated flight: an unmanned aircraft flies east in long turns and points a gimballed camera at targets on the
 // ground to its right. KLV and Cursor-on-Target are both made from the same FlightState.
 #ifndef MDFEED_FLIGHT_H

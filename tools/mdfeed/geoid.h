@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Heights of mean sea level from a geoid grid in GTX format, which PROJ's data packages contain.
 #ifndef MDFEED_GEOID_H
 #define MDFEED_GEOID_H

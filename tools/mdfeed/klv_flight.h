@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated flight as MISB ST 0601 messages.
 #ifndef MDFEED_KLV_FLIGHT_H
 #define MDFEED_KLV_FLIGHT_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Destinations of the traffic: a UDP address, a serial device, or a pseudo-terminal that is made for it.
 #ifndef MDFEED_OUTPUT_H
 #define MDFEED_OUTPUT_H

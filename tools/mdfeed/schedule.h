@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // A value that changes while the program runs: "32,64@2,10@5.5" is 32 at first, 64 after 2 s and 10 after 5.5 s.
 #ifndef MDFEED_SCHEDULE_H
 #define MDFEED_SCHEDULE_H

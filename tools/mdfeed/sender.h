@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sends traffic at its rate and shows the progress.
 #ifndef MDFEED_SENDER_H
 #define MDFEED_SENDER_H

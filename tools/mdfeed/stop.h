@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Ends the program on SIGINT and SIGTERM.
 #ifndef MDFEED_STOP_H
 #define MDFEED_STOP_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The traffic to send: one batch of messages per tick of the clock.
 #ifndef MDFEED_TRAFFIC_H
 #define MDFEED_TRAFFIC_H

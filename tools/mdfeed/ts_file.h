@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The simulated flight as an MPEG transport stream with a small picture and a KLV track.
 #ifndef MDFEED_TS_FILE_H
 #define MDFEED_TS_FILE_H

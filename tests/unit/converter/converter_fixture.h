@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture of the converter's tests: events, a converter, and the items of a packet.
 #ifndef CONVERTER_FIXTURE_H
 #define CONVERTER_FIXTURE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the items that aircraft and sensor-point events become.
 
 #include <gtest/gtest.h>

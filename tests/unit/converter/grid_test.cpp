@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the geoid grid: loading, its text, interpolation.
 #include <gtest/gtest.h>
 #include <pthread.h>

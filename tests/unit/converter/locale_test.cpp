@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the conversion and the geoid grid in a process whose locale has a decimal comma.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of instances, pairing, filter, discovery, statistics, closing of packets and bad XML.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the report to the host's thread watchdog: after a failed load no thread is left marked as paused.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the values that a receiver reads from numbers that are not scaled as in MISB ST 0601.
 #include <gtest/gtest.h>
 

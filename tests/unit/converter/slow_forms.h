@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plain form of the conversion of one event: every search starts at the slice's begin and copies what it finds, and
 // the C library reads every number and time. See converter.h for what it promises. It logs the same lines.
 #ifndef CONVERTER_SLOW_FORMS_H

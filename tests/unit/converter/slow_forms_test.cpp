@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The conversion of events against its plain form, over random pairs, whole and damaged.
 #include "slow_forms.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the statistics calls of an encoder's thread while the metadata thread converts.
 #include <gtest/gtest.h>
 

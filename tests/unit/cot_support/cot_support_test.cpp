@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the serial Cursor-on-Target link: frames, length selection, codewords, ARQ header, XML log.
 #include "cot_support.h"
 

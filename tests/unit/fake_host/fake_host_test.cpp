@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the fake host itself.
 #include "fake_host.h"
 

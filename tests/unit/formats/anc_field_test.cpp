@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The two bits F of an ancillary stream's payload header (RFC 8331).
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Packs and unpacks KLV in ancillary data.
 #include "anc_klv.h"
 

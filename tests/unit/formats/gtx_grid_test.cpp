@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The reader of GTX grids: header, size, values, interpolation.
 #include "gtx_grid.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Escapes text from outside. nlohmann's parser, which accepts only valid UTF-8, decides whether the result is UTF-8.
 #include "printable_text.h"
 

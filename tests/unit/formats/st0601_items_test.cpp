@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 #include "st0601_items.h"
 
 #include <gmock/gmock.h>

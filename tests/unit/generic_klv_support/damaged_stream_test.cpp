@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the KLV stream decoder with a recorded flight in pieces, with damaged messages, and with hostile streams.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The fixture holds a KLV stream decoder and collects its messages.
 #ifndef DECODER_FIXTURE_H
 #define DECODER_FIXTURE_H

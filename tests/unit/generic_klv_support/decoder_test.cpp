@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the KLV stream decoder: states, discards, time-outs and counters.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

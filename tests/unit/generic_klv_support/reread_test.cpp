@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Streams of nested messages, decoded with what the decoder remembers and without it.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the local set standards, the walk through a message's items, and the checksum.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

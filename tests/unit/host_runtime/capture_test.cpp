@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The capture of video inputs: local sockets, ancillary streams over loopback, and media files.
 #include "capture.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Sockets on loopback and serial ports on pseudo-terminals.
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Debug log, limiter and configuration.
 #define HOST_MODULE "log_test"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Writes small media files with a KLV track.
 #ifndef MEDIA_FILE_H
 #define MEDIA_FILE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Shared by the host runtime's tests: a fixture that keeps the log and has a folder of its own.
 #ifndef RUNTIME_TEST_H
 #define RUNTIME_TEST_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Serial devices in a descriptor set, on pseudo-terminals: pieces, loss and return of a device, and exclusive use.
 #include "serial_line.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Cuts the bytes of a serial line by a clock of the test's own, and feeds the pieces to the library's decoder.
 #include "serial_pieces.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Descriptor sets, mailboxes, wait conditions, threads, rates, lists, time and text.
 #include <fcntl.h>
 #include <gmock/gmock.h>

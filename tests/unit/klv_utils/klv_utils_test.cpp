@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the parsing of one KLV element.
 #include "klv_utils.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The geoid tool: both published forms, its checks, and the replacement of its file.
 #include "geoid_grid.h"
 

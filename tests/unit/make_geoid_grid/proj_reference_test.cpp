@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares heights that pass from PROJ's grid through the tool's file and the library's loader with PROJ's own.
 #include <gtest/gtest.h>
 #include <proj.h>

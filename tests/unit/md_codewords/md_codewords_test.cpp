@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The CRCs of blocks that are read again, against those of blocks that are decoded whole.
 #include "md_codewords.h"
 

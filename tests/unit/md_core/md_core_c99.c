@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: Apache-2.0 */
 /* The parsing core as a C99 program sees it: compiled, with every warning, and never run. */
 #include "md_core.c" /* NOLINT(bugprone-suspicious-include): compiled again on purpose */
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares the parsing core with simple models, which use pointers instead of positions and work byte by byte or bit by
 // bit.
 #include "md_core.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The sums and bits of the parsing core in their plainest form: a byte, a bit or a step at a time. What the core computes
 // is defined by these.
 #include "slow_forms.h"

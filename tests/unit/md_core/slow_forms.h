@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plain forms of the core's sums and bits; see md_core.h for what each promises.
 #ifndef SLOW_FORMS_H
 #define SLOW_FORMS_H

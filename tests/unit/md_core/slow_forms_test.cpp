@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The core's sums and bits against their plain forms, over random data.
 #include "slow_forms.h"
 

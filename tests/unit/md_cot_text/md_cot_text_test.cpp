@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of slices, attributes and times.
 #include "md_cot_text.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Plain forms of the searches and times: every search copies what it finds, and the C library reads every group of
 // digits and answers every question about local time. See md_cot_text.h for what each promises. They log the same lines.
 #ifndef COT_TEXT_SLOW_FORMS_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Searches of attributes against their plain forms, over random events, whole and damaged.
 #include <gtest/gtest.h>
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Times against their plain forms, over random texts in zones of all kinds.
 #include <gtest/gtest.h>
 

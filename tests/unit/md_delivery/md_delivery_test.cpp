@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the two steps that the five receive paths share, rewriting and delivery, with the row of texts of each path.
 #include "md_delivery.h"
 

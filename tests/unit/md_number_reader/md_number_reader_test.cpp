@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares the reading of numbers in text with the C library's functions in the "C" locale.
 #include "md_number_reader.h"
 

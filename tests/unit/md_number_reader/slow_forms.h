@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // The plain form of the reading of one number; see md_number_reader.h for what it promises.
 #ifndef NUMBER_READER_SLOW_FORMS_H
 #define NUMBER_READER_SLOW_FORMS_H

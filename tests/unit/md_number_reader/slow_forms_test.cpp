@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // One number of a short text against its plain form, over random texts.
 #include "slow_forms.h"
 

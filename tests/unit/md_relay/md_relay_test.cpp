@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of relaying: creating the sockets, following TTL and TOS, sending and its errors.
 #include "md_relay.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of requests to the metadata thread: completion marks, stray posts, waiting, control messages.
 #include "md_request.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // What the decoder remembers, against answers that are computed anew each time.
 #include "md_reread.h"
 

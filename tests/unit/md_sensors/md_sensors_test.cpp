@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the sensors that a CoT source has discovered.
 #include "md_sensors.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the source record (its copy of the configuration, the elements to insert, its release) and of the helpers
 // for descriptors and capture files.
 #include "md_source.h"

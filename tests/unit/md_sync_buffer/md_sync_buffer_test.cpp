@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Compares the buffer of a stream decoder with a plain vector.
 #include "md_sync_buffer.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of receiving datagrams: the bytes, the sender, TTL and TOS, and the sender filter.
 #include "md_udp.h"
 

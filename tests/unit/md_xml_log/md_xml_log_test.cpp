@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the capture of CoT XML: numbering, the last byte, lost events, write errors, replacing the file.
 #include "md_xml_log.h"
 

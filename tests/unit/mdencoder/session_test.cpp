@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Whole runs with a fake library. Its functions deliver messages to the callback on a thread of their own, as the real
 // library does, and record the encoder's calls.
 #include "session.h"

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Reads the transport stream back with libavformat.
 #include "ts_file.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the CoT paths: events over UDP and from the serial link are converted, rewritten and delivered. The
 // converter's results are scripted; the converter has its own tests.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of statements in docs/integration.md that the tests of the paths do not cover.
 #include <gtest/gtest.h>
 #include <netinet/in.h>

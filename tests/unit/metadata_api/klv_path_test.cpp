@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the KLV paths: messages from datagrams and from the serial line are rewritten, relayed and delivered after
 // the stream header.
 #include <gtest/gtest.h>

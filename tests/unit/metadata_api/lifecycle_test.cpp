@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of initialisation, shut-down, the metadata thread and the hand-shake with it.
 #include <gtest/gtest.h>
 

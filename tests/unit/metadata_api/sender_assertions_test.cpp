@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the assertions that a sender can raise. docs/integration.md lists them for encoders; the tests raise each of
 // them, and check that random messages on every path raise no other.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of opening and closing sources: checks, resources, log lines and release for each kind.
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Measures the stack use of the library on the threads that call it and on the metadata thread. The test fills both
 // stacks with a pattern, runs every call and every receive path with all log lines enabled, and looks for the lowest
 // byte that changed. The figures include the fake host's services, which run on the same stacks.

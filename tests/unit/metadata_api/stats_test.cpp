@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the statistics calls: the fields that they read, reset and restore, and those that they leave unchanged.
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the video path: retrieval of packets from the capture, decimation, delivery to every source of the input.
 #include <gtest/gtest.h>
 

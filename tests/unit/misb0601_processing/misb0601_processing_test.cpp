@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the rewriting of UAS Local Sets.
 #include "misb0601_processing.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of the UAS Local Set tools: element sizes, the elements that a source inserts, the validation and the names.
 #include "misb0601_tools.h"
 

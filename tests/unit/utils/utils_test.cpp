@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: Apache-2.0
 // Tests of buffers, bits, patterns, CRC and raw captures.
 #include "utils.h"
 
