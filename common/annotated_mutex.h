@@ -4,6 +4,7 @@
 #ifndef COMMON_ANNOTATED_MUTEX_H
 #define COMMON_ANNOTATED_MUTEX_H
 
+#include <chrono>
 #include <condition_variable>
 #include <mutex>
 
@@ -58,7 +59,15 @@ class Condition {
     m_condition.wait(lock);
     lock.release();  // the caller still holds it
   }
+  // Does the same for a limited time, and returns false when that is over.
+  bool WaitUntil(Mutex& mutex, std::chrono::steady_clock::time_point end) REQUIRES(mutex) {
+    std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
+    const bool inTime = m_condition.wait_until(lock, end) == std::cv_status::no_timeout;
+    lock.release();
+    return inTime;
+  }
   void NotifyOne() { m_condition.notify_one(); }
+  void NotifyAll() { m_condition.notify_all(); }
 
  private:
   std::condition_variable m_condition;

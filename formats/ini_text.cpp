@@ -65,6 +65,27 @@ std::optional<Fault> FindZeroByte(std::string_view text) {
   return Fault{static_cast<int>(line), "contains a zero byte; a text file is expected"};
 }
 
+std::optional<Fault> FindSectionFault(std::string_view text) {
+  constexpr std::string_view kBlanks = " \t\r";
+  for (int line = 1; !text.empty(); ++line) {
+    const std::string_view whole = text.substr(0, text.find('\n'));
+    text.remove_prefix(std::min(whole.size() + 1, text.size()));
+    const size_t begin = whole.find_first_not_of(kBlanks);
+    if (begin == std::string_view::npos || whole[begin] != '[') continue;
+    const size_t end = whole.find(']', begin);
+    if (end == std::string_view::npos) continue;
+    if (end - begin - 1 > size_t{kLongestSection}) {
+      return Fault{
+          line, "name of a section too long, at most " + std::to_string(kLongestSection) + " characters are allowed"};
+    }
+    const size_t behind = whole.find_first_not_of(kBlanks, end + 1);
+    if (behind != std::string_view::npos && whole[behind] != ';' && whole[behind] != '#') {
+      return Fault{line, "text behind [section]; a section stands on a line of its own"};
+    }
+  }
+  return std::nullopt;
+}
+
 std::string Beside(const std::string& iniPath, const std::string& name) {
   if (name.empty() || name.find("://") != std::string::npos) return name;
   const std::filesystem::path path(name);

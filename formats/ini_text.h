@@ -36,6 +36,12 @@ Contents Parse(std::string_view text);
 // maintains is read as far as possible; a program's own configuration should be refused.
 std::optional<Fault> FindZeroByte(std::string_view text);
 
+// The reader cuts a longer name of a section, so that two sections may become one.
+constexpr int kLongestSection = 49;
+// Returns the fault of a text that holds a longer one, or text behind "[section]", which the reader does not look at. Parse
+// does not report them, for the same reason.
+std::optional<Fault> FindSectionFault(std::string_view text);
+
 // Returns the path of a file that the INI file `iniPath` names: relative names are relative to the folder of the INI
 // file. URLs and empty names stay as they are.
 std::string Beside(const std::string& iniPath, const std::string& name);

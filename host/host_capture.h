@@ -3,6 +3,8 @@
 #ifndef HOST_CAPTURE_H
 #define HOST_CAPTURE_H
 
+#include <stdint.h>
+
 #include "host_types.h"
 
 #ifdef __cplusplus

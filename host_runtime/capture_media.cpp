@@ -25,7 +25,6 @@ extern "C" {
 #include <span>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "anc_klv.h"
 #include "capture.h"
@@ -59,14 +58,26 @@ void LogLibraryLine(void* context, int level, const char* format, va_list argume
   _DoDbgPrintEx(module, hostLevel, __func__, "libavformat", level, "%s", line);
 }
 
+bool IsUrl(const std::string& path) {
+  return path.find("://") != std::string::npos;
+}
+
+void RouteLibraryLog() {
+  static std::once_flag once;
+  std::call_once(once, [] { av_log_set_callback(LogLibraryLine); });
+}
+
+struct CloseInput {
+  void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
+};
+using Input = std::unique_ptr<AVFormatContext, CloseInput>;
+
 class MediaBackend : public CaptureBackend {
  public:
-  explicit MediaBackend(HostCaptureConfig config)
-      : m_config(std::move(config)), m_live(m_config.path.find("://") != std::string::npos) {}
+  explicit MediaBackend(HostCaptureConfig config) : m_config(std::move(config)), m_live(IsUrl(m_config.path)) {}
 
   bool Open(CaptureQueue& queue) override {
-    static std::once_flag once;
-    std::call_once(once, [] { av_log_set_callback(LogLibraryLine); });
+    RouteLibraryLog();
     if (m_live || access(m_config.path.c_str(), R_OK) == 0) return true;
     HOST_LOG(3, "Video input %d: cannot read \"%s\": %s.\n", queue.Input(), m_config.path.c_str(), strerror(errno));
     return false;
@@ -85,13 +96,9 @@ class MediaBackend : public CaptureBackend {
   }
 
  private:
-  struct CloseInput {
-    void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
-  };
   struct FreePacket {
     void operator()(AVPacket* packet) const { av_packet_free(&packet); }
   };
-  using Input = std::unique_ptr<AVFormatContext, CloseInput>;
 
   static int IsInterrupted(void* queue) { return static_cast<CaptureQueue*>(queue)->IsStopping() ? 1 : 0; }
 
@@ -240,3 +247,26 @@ std::unique_ptr<CaptureBackend> MakeMediaBackend(const HostCaptureConfig& config
 }
 
 }  // namespace host_runtime
+
+std::string HostRuntime_MediaFault(const std::string& path) {
+  using namespace host_runtime;
+  return NoThrow(std::string(), [&]() -> std::string {
+    RouteLibraryLog();
+    if (IsUrl(path)) return avio_find_protocol_name(path.c_str()) == nullptr ? "unknown protocol" : "";
+    if (access(path.c_str(), R_OK) != 0) return strerror(errno);
+    AVFormatContext* context = nullptr;
+    int result = avformat_open_input(&context, ("file:" + path).c_str(), nullptr, nullptr);
+    const Input input(result == 0 ? context : nullptr);
+    if (result == 0) result = avformat_find_stream_info(context, nullptr);
+    if (result < 0) return ErrorText(result);
+    for (unsigned i = 0; i < input->nb_streams; ++i) {
+      const AVCodecParameters& track = *input->streams[i]->codecpar;
+      // A track without a label may carry KLV; its packets tell.
+      if (track.codec_id == AV_CODEC_ID_SMPTE_KLV || track.codec_type == AVMEDIA_TYPE_DATA ||
+          track.codec_type == AVMEDIA_TYPE_UNKNOWN) {
+        return {};
+      }
+    }
+    return "it has no KLV track";
+  });
+}

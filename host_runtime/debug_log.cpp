@@ -10,9 +10,12 @@
 
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <spdlog/details/console_globals.h>
+#include <spdlog/details/os.h>
+#include <spdlog/sinks/ansicolor_sink.h>
 #include <spdlog/sinks/rotating_file_sink.h>
-#include <spdlog/sinks/stdout_color_sinks.h>
 #include <spdlog/spdlog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -33,6 +36,7 @@
 #include <vector>
 
 #include "annotated_mutex.h"
+#include "console_log.h"
 #include "log_limiter.h"
 #include "metadata_lib.h"
 #include "printable_text.h"
@@ -129,10 +133,19 @@ spdlog::file_event_handlers KeptFromChildren() {
   return handlers;
 }
 
+// Writes to the standard error, in colours if that is a terminal, and never waits for its reader.
+using ConsoleSink = spdlog::sinks::ansicolor_sink<spdlog::details::console_mutex>;
+
+std::shared_ptr<ConsoleSink> MakeConsoleSink() {
+  const bool colours = isatty(STDERR_FILENO) == 1 && spdlog::details::os::is_color_terminal();
+  return std::make_shared<ConsoleSink>(ConsoleLogStream(),
+                                       colours ? spdlog::color_mode::always : spdlog::color_mode::never);
+}
+
 // A logger without sinks drops its lines. Errors of the sinks, such as a full disk, are ignored.
 std::shared_ptr<spdlog::logger> MakeLogger(bool console, const std::string& file) {
   auto logger = std::make_shared<spdlog::logger>("host");
-  if (console) logger->sinks().push_back(std::make_shared<spdlog::sinks::stderr_color_sink_mt>());
+  if (console) logger->sinks().push_back(MakeConsoleSink());
   if (!file.empty()) {
     logger->sinks().push_back(std::make_shared<spdlog::sinks::rotating_file_sink_mt>(
         file, kLogFileSize, kLogFilesKept - 1, false, KeptFromChildren()));

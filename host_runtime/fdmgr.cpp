@@ -18,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "owned_fd.h"
@@ -91,6 +92,8 @@ struct tagHOST_FDSET {
 namespace {
 
 constexpr int64_t kNever = SerialPieces::kNever;
+// A thread that waits gives a sign so often that it is alive.
+constexpr int64_t kSignEachMs = 1000;
 
 // Returns milliseconds, rounded up so that no pass ends early, or -1 without an interval.
 int64_t IntervalMs(const std::optional<timeval>& interval) {
@@ -99,13 +102,11 @@ int64_t IntervalMs(const std::optional<timeval>& interval) {
   return std::clamp<int64_t>(ms, 0, std::numeric_limits<int>::max());
 }
 
-// Waits for events until `end`. Returns their number, 0 after the time or a signal, or -1 with errno.
+// Waits for events until `end`, or until a sign is due. Returns their number, 0 after the time or a signal, or -1 with
+// errno.
 int WaitForEvents(tagHOST_FDSET& set, int64_t end) {
-  int64_t wait = -1;
-  if (end != kNever) {
-    wait = std::max<int64_t>(0, end - MonotonicNs());
-    wait = std::min<int64_t>((wait + 999'999) / 1'000'000, std::numeric_limits<int>::max());
-  }
+  int64_t wait = kSignEachMs;
+  if (end != kNever) wait = std::clamp<int64_t>((end - MonotonicNs() + 999'999) / 1'000'000, 0, kSignEachMs);
   const int count =
       epoll_wait(set.epoll.Get(), set.events.data(), static_cast<int>(set.events.size()), static_cast<int>(wait));
   return count < 0 && errno == EINTR ? 0 : count;
@@ -154,6 +155,7 @@ int WaitForEntries(tagHOST_FDSET& set) {
   for (;;) {
     const int count = WaitForEvents(set, std::min(end, NextOfLines(set)));
     if (count < 0) return -1;
+    if (count == 0) NoteSign();
     Collect(set, count);
     if (!set.ready.empty()) return static_cast<int>(set.ready.size());
     if (end != kNever && MonotonicNs() >= end) return 0;
@@ -181,6 +183,7 @@ int DispatchRound(tagHOST_FDSET& set, bool again) {
   for (size_t i = 0; i < set.ready.size(); ++i) {
     Entry* entry = set.ready[i];
     if (entry->isRemoved) continue;
+    ForgetTimeDifference();
     entry->callback(&set, entry->fd, kReadEvent, entry->param1, entry->param2);
     ++dispatched;
     if (again && !entry->isRemoved && HasMore(*entry)) set.ready[kept++] = entry;

@@ -110,8 +110,9 @@ struct HostThreadState {
   bool running = false;  // its routine has started and has not returned
   bool paused = false;   // it announced a long operation
   uint64_t iterations = 0;
-  double secondsSinceSign = 0;  // time since its last report
-  std::string function;         // place of the last report; empty before the first one
+  // Time since its last report. A thread that waits in a descriptor set gives a sign every second.
+  double secondsSinceSign = 0;
+  std::string function;  // place of the last report; empty before the first one
   std::string file;
   int line = 0;
 };
@@ -119,7 +120,19 @@ struct HostThreadState {
 // Returns the threads that CreateThread made and WaitForThread has not ended yet.
 std::vector<HostThreadState> HostRuntime_Threads();
 
+// --- times of events ---------------------------------------------------------------------------------
+
+// Stores the difference of two times, in microseconds, that the running callback of a descriptor set had calculated last
+// (CalcTimeOfDayAbsDiff), or returns false if there is none. Called inside the ready callback of a Cursor-on-Target source,
+// it tells how far apart the two events of the packet are: the converter asks for the difference unless both have the same
+// text as their time.
+bool HostRuntime_TimeDifference(int64_t* microseconds);
+
 // --- capture -----------------------------------------------------------------------------------------
+
+// Returns "", or what keeps `path`, the file or URL of a capture of kind Media, from being played. A file is opened and
+// read; of a URL only the protocol is tried.
+std::string HostRuntime_MediaFault(const std::string& path);
 
 // Counts of one video input since the last capture start.
 struct HostCaptureStats {

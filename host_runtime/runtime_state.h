@@ -29,6 +29,12 @@ HDBG CaptureModule();  // "KLVCAPTURE"
 // Applies a configuration to the log. Returns false, with *error set, if the log file cannot be opened.
 bool ApplyLogConfig(const HostRuntimeConfig& config, std::string* error);
 
+// Forgets what HostRuntime_TimeDifference returns on this thread. Called in front of each callback of a descriptor set.
+void ForgetTimeDifference();
+
+// Notes that the calling thread is alive, if CreateThread made it.
+void NoteSign();
+
 inline int64_t MonotonicNs() {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);

@@ -144,6 +144,10 @@ bool Create(tagHOST_THREAD& thread, DWORD nStackSize, DWORD nPriority) {
 
 }  // namespace
 
+void host_runtime::NoteSign() {
+  Report([](HostThreadState&) {});
+}
+
 // --- Services ----------------------------------------------------------------------------------------
 
 std::vector<HostThreadState> HostRuntime_Threads() {

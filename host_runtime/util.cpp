@@ -19,6 +19,23 @@
 
 using namespace host_runtime;
 
+namespace {
+thread_local std::optional<int64_t> g_timeDifference;  // of the running callback, microseconds
+}  // namespace
+
+namespace host_runtime {
+
+void ForgetTimeDifference() {
+  g_timeDifference.reset();
+}
+
+}  // namespace host_runtime
+
+bool HostRuntime_TimeDifference(int64_t* microseconds) {
+  if (g_timeDifference) *microseconds = *g_timeDifference;
+  return g_timeDifference.has_value();
+}
+
 extern "C" {
 
 BOOL GetSystemUPTime(UINT32* pnSeconds) {
@@ -52,6 +69,7 @@ void CalcTimeOfDayAbsDiff(const struct timeval* pA, const struct timeval* pB, st
   } else {
     timersub(pB, pA, &difference);
   }
+  g_timeDifference = int64_t{difference.tv_sec} * 1'000'000 + difference.tv_usec;
   *pDiff = difference;
 }
 

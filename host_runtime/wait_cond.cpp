@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Counting wait conditions on the monotonic clock: setting the time of day neither ends nor lengthens a wait.
+#include <pthread.h>
+
 #include <cerrno>
 #include <ctime>
 

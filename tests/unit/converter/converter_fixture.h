@@ -58,6 +58,7 @@ class ConverterTest : public HostTest {
   void LoadFlatGrid(float height) {
     free_ww15mgh_grd();
     _g_pGrid = static_cast<float*>(calloc(kGridValues, sizeof(float)));
+    if (height == 0) return;
     for (int i = 0; i < kGridValues; i++) _g_pGrid[i] = height;
   }
 

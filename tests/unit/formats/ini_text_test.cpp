@@ -76,6 +76,19 @@ TEST(ParseIni, HidesTheRestOfALineBehindAZeroByte) {
   EXPECT_THAT(Entries(Parse(std::string("[s]\na = 1\0 2\nb = 3\n", 19))), ElementsAre("2 s/a=1", "3 s/b=3"));
 }
 
+TEST(FindSectionFault, NamesItsLine) {
+  EXPECT_EQ(FaultOf(FindSectionFault("")), "");
+  EXPECT_EQ(FaultOf(FindSectionFault("[" + std::string(49, 'x') + "]\n; [" + std::string(80, 'x') + "]\n[")), "");
+  EXPECT_EQ(FaultOf(FindSectionFault("a = 1\n\n[" + std::string(50, 'x') + "]")),
+            "3: name of a section too long, at most 49 characters are allowed");
+}
+
+TEST(FindSectionFault, NamesALineWithTextBehindTheSection) {
+  EXPECT_EQ(FaultOf(FindSectionFault("[a] \r\n[b];c\n[c] # d\nk = [x] y\n")), "");
+  EXPECT_EQ(FaultOf(FindSectionFault("[a]\n[b] k = 1\n")),
+            "2: text behind [section]; a section stands on a line of its own");
+}
+
 TEST(FindZeroByte, NamesItsLine) {
   EXPECT_EQ(FaultOf(FindZeroByte("[s]\na = 1\n")), "");
   EXPECT_EQ(FaultOf(FindZeroByte(std::string("[s]\na = 1\0 2\n", 13))),

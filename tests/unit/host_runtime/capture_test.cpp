@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 #include <string>
 #include <utility>
@@ -435,6 +436,15 @@ TEST_F(MediaCaptureTest, APacketMayHoldSeveralMessagesAndDamagedOnesAreDropped) 
   EXPECT_EQ(packets[0].timestamp, packets[1].timestamp);
   EXPECT_EQ(packets[2].klv, wrapped);
   EXPECT_EQ(HostRuntime_CaptureStats(0).damaged, 2u);
+}
+
+TEST_F(MediaCaptureTest, AFaultOfAFileIsKnownWithoutPlayingIt) {
+  EXPECT_EQ(HostRuntime_MediaFault(WriteMedia({{90'000, Klv(30, 1)}})), "");
+  EXPECT_EQ(HostRuntime_MediaFault(Folder() + "/none.ts"), "No such file or directory");
+  std::ofstream(Folder() + "/text.ts") << "no media file\n";
+  EXPECT_EQ(HostRuntime_MediaFault(Folder() + "/text.ts"), "Invalid data found when processing input");
+  EXPECT_EQ(HostRuntime_MediaFault("udp://127.0.0.1:5000"), "");
+  EXPECT_EQ(HostRuntime_MediaFault("smoke://127.0.0.1:5000"), "unknown protocol");
 }
 
 TEST_F(MediaCaptureTest, FilesThatCannotBeReadOrAreNotMediaAreLogged) {

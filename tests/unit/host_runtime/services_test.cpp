@@ -21,6 +21,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -99,6 +100,30 @@ TEST_F(SetTest, ReadableDescriptorsAreDispatchedInTheOrderTheyWereAdded) {
   for (auto event = events.rbegin(); event != events.rend(); ++event) (*event)->Set();
   EXPECT_EQ(FDMGR_Select(m_set), 200);
   EXPECT_TRUE(std::is_sorted(m_calls.begin(), m_calls.end()));
+}
+
+TEST_F(SetTest, ADifferenceOfTimesIsKnownInsideTheCallbackThatAskedForIt) {
+  Event first;
+  Event second;
+  std::vector<std::optional<int64_t>> known;
+  const auto look = [&known] {
+    int64_t difference = 0;
+    known.push_back(HostRuntime_TimeDifference(&difference) ? std::optional(difference) : std::nullopt);
+  };
+  Add(first.fd, 1, [&] {
+    const timeval early = {10, 900'000};
+    const timeval late = {12, 100'000};
+    timeval difference = {};
+    look();
+    CalcTimeOfDayAbsDiff(&early, &late, &difference);
+    look();
+  });
+  Add(second.fd, 2, look);
+  first.Set();
+  second.Set();
+  EXPECT_EQ(FDMGR_Select(m_set), 2);
+  EXPECT_EQ(FDMGR_Select(m_set), 2);
+  EXPECT_THAT(known, ElementsAre(std::nullopt, 1'200'000, std::nullopt, std::nullopt, 1'200'000, std::nullopt));
 }
 
 TEST_F(SetTest, ADescriptorIsDispatchedAsLongAsItStaysReadable) {
@@ -529,6 +554,27 @@ TEST_F(ThreadTest, TheWatchShowsWhereEachThreadIs) {
   EXPECT_EQ(seen.iterations, 77u);
   EXPECT_TRUE(WaitForThread(thread));
   EXPECT_THAT(HostRuntime_Threads(), IsEmpty());
+}
+
+TEST_F(ThreadTest, AThreadThatWaitsForDescriptorsGivesASignEverySecond) {
+  HFDSET set = nullptr;
+  ASSERT_TRUE(__FDMGR_CreateSet("Idle", &set, HERE));
+  Event end;
+  const auto nothing = [](HFDSET, int, int, void*, void*) {};
+  ASSERT_TRUE(__FDMGR_AddReadFD(set, end.fd, nothing, nullptr, nullptr, HERE));
+  std::function<void()> body = [&] { EXPECT_EQ(FDMGR_Select(set), 1) << "the signs end no select"; };
+  HTHREAD thread = Make(body);
+  StartThread(thread);
+  double longest = 0;
+  for (const auto until = Clock::now() + milliseconds(2500); Clock::now() < until;) {
+    longest = std::max(longest, HostRuntime_Threads()[0].secondsSinceSign);
+    std::this_thread::sleep_for(milliseconds(20));
+  }
+  EXPECT_GT(longest, 0.8);
+  EXPECT_LT(longest, 2.0);
+  end.Set();
+  EXPECT_TRUE(WaitForThread(thread));
+  EXPECT_TRUE(FDMGR_CloseSet(&set));
 }
 
 TEST_F(ThreadTest, ReportsOfOtherThreadsAreIgnoredAndAskedForByTheConfiguration) {
