@@ -6,7 +6,7 @@ _mdfeed() {
   local destination='--udp --serial --pty --baud' pace='--rate --count --duration' options
   COMPREPLY=()
   case $previous in
-    --file | --geoid | --output | --serial | --pty) compopt -o filenames; COMPREPLY=($(compgen -f -- "$current")); return ;;
+    --file | --index | --geoid | --output | --serial | --pty) compopt -o filenames; COMPREPLY=($(compgen -f -- "$current")); return ;;
     --udp) compopt -o nospace; COMPREPLY=($(compgen -W '127.0.0.1:' -- "$current")); return ;;
     --interface) COMPREPLY=($(compgen -W "$(cd /sys/class/net 2>/dev/null && echo *)" -- "$current")); return ;;
     --damage)
@@ -21,7 +21,7 @@ _mdfeed() {
     return
   fi
   case ${COMP_WORDS[1]} in
-    klv) options="$input --chunk $flight $destination $network $pace" ;;
+    klv) options="$input --index --chunk $flight $destination $network $pace" ;;
     cot) options="$input $flight --uid --sensors --jitter --channel --damage $destination $network $pace" ;;
     anc) options="$input $flight --payload-type --loss --reorder --bad-checksum --udp $network $pace" ;;
     ts) options="$flight --output --duration --rate --messages" ;;

@@ -81,9 +81,15 @@ void AddPace(CLI::App& app, Arguments& args, const char* unit) {
 
 void AddKlv(CLI::App& app, Arguments& args, Texts& texts) {
   AddFile(app, args, "a recorded KLV stream, sent message by message");
-  app.add_option("--chunk", args.chunk, "send pieces of at most so many bytes instead, whatever is in them")
+  auto* chunk =
+      app.add_option("--chunk", args.chunk, "send pieces of at most so many bytes instead, whatever is in them")
+          ->group("Input")
+          ->check(CLI::Range(size_t{1}, kMaxChunk));
+  app.add_option("--index", args.index, "send a recording of mdencoder as it arrived, by the times of its index")
       ->group("Input")
-      ->check(CLI::Range(size_t{1}, kMaxChunk));
+      ->type_name("FILE")
+      ->needs(app.get_option("--file"))
+      ->excludes(chunk);
   AddFlight(app, args);
   AddDestination(app, args, texts);
   AddPace(app, args, "messages (or pieces of a file)");

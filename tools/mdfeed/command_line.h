@@ -24,6 +24,7 @@ struct Arguments {
   // Input.
   bool simulate = false;
   std::string file;     // empty if simulated
+  std::string index;    // of the file: its times; empty: the rate
   unsigned repeat = 1;  // number of rounds of the file; 0: without end
   size_t chunk = 0;     // bytes per piece; 0: whole messages
   uint32_t seed = 1;

@@ -41,12 +41,24 @@ int64_t FlightInterval(const Arguments& args) {
   return std::llround(1e6 / rate);
 }
 
+std::unique_ptr<Traffic> MakeTimedTraffic(const Arguments& args, const Bytes& stream) {
+  size_t skipped = 0;
+  auto messages = SplitIndexed(stream, ReadFile(args.index), &skipped);
+  if (messages.empty()) throw RunError(args.index + " names no message of " + args.file);
+  if (skipped != 0) {
+    std::fprintf(stderr, "mdfeed: %s: %zu lines name no message of %s\n", args.index.c_str(), skipped,
+                 args.file.c_str());
+  }
+  return MakeTimed(std::move(messages), args.repeat);
+}
+
 std::unique_ptr<Traffic> MakeKlvTraffic(const Arguments& args) {
   if (args.simulate) {
     auto flight = MakeKlvFlight(MakeFlightOptions(args), FlightInterval(args));
     return args.chunk == 0 ? std::move(flight) : MakeChunked(std::move(flight), args.chunk);
   }
   const Bytes stream = ReadFile(args.file);
+  if (!args.index.empty()) return MakeTimedTraffic(args, stream);
   if (args.chunk != 0) return MakeRecorded(SplitChunks(stream, args.chunk), args.repeat);
   size_t skipped = 0;
   auto messages = SplitKlv(stream, &skipped);

@@ -3,7 +3,9 @@
 
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <optional>
 
 namespace mdfeed {
 namespace {
@@ -19,14 +21,24 @@ class Clockwork {
   bool IsOver(uint64_t ticks) const {
     if (StopRequested()) return true;
     if (m_options.count != 0 && ticks >= m_options.count) return true;
-    return m_options.duration > 0 && Due(ticks) >= m_start + Seconds(m_options.duration);
+    return IsLate(Due(ticks));
   }
-  void WaitFor(uint64_t tick) const {
-    if (m_options.rate > 0) SleepUntil(Due(tick));
+  // Waits for the batch, which may have a time of its own. Returns false if that is after the end.
+  bool WaitFor(uint64_t tick, std::optional<std::chrono::microseconds> due) const {
+    if (due && IsLate(m_start + *due)) return false;
+    if (due) {
+      SleepUntil(m_start + *due);
+    } else if (m_options.rate > 0) {
+      SleepUntil(Due(tick));
+    }
+    return !StopRequested();
   }
   milliseconds Elapsed() const { return duration_cast<milliseconds>(Clock::now() - m_start); }
 
  private:
+  bool IsLate(Clock::time_point due) const {
+    return m_options.duration > 0 && due >= m_start + Seconds(m_options.duration);
+  }
   static Clock::duration Seconds(double seconds) { return duration_cast<Clock::duration>(duration<double>(seconds)); }
   Clock::time_point Due(uint64_t tick) const {
     if (m_options.rate <= 0) return Clock::now();
@@ -73,8 +85,7 @@ SendResult SendTraffic(Traffic& traffic, Output& output, SendOptions options, Pr
   while (!clock.IsOver(result.ticks)) {
     const auto batch = traffic.Next();
     if (!batch) break;
-    clock.WaitFor(result.ticks);
-    if (StopRequested()) break;
+    if (!clock.WaitFor(result.ticks, traffic.Due())) break;
     if (const auto ttl = options.ttl.PopDue(clock.Elapsed())) output.SetTtl(*ttl);
     if (const auto tos = options.tos.PopDue(clock.Elapsed())) output.SetTos(*tos);
     for (const Bytes& message : *batch) {

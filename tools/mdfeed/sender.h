@@ -3,7 +3,6 @@
 #ifndef MDFEED_SENDER_H
 #define MDFEED_SENDER_H
 
-#include <chrono>
 #include <cstdint>
 
 #include "output.h"

@@ -8,6 +8,7 @@
 #include <iterator>
 #include <random>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
 
 #include "error.h"

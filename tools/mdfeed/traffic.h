@@ -3,6 +3,7 @@
 #ifndef MDFEED_TRAFFIC_H
 #define MDFEED_TRAFFIC_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -23,6 +24,8 @@ class Traffic {
   virtual ~Traffic() = default;
   // Returns the messages of the next tick, or nothing at the end.
   virtual std::optional<Batch> Next() = 0;
+  // Returns when the batch of the last Next is due, from the start on, if the traffic has times of its own.
+  virtual std::optional<std::chrono::microseconds> Due() const { return std::nullopt; }
 };
 
 // Reads a whole file. Throws RunError.
@@ -37,6 +40,17 @@ std::vector<Bytes> SplitChunks(const Bytes& data, size_t size);
 
 // Repeats the same messages; with repeat 0 it never ends.
 std::unique_ptr<Traffic> MakeRecorded(std::vector<Bytes> messages, unsigned repeat);
+
+// A message of a recording with an index (docs/formats/recording_index.md).
+struct IndexedMessage {
+  Bytes message;   // without the stream header
+  int64_t timeUs;  // of its arrival
+};
+// Takes the messages that the index names out of the recording. Lines that refer to nothing in the file, as the last ones
+// of a run that was cut off may, are counted in 'skipped'. Throws RunError if this is no index.
+std::vector<IndexedMessage> SplitIndexed(const Bytes& recording, const Bytes& index, size_t* skipped);
+// Sends messages as far apart as they arrived. A step back of the clock is a pause of no length.
+std::unique_ptr<Traffic> MakeTimed(std::vector<IndexedMessage> messages, unsigned repeat);
 
 // Sends the flight as KLV, one state per interval.
 std::unique_ptr<Traffic> MakeKlvFlight(const FlightOptions& flight, int64_t intervalUs);

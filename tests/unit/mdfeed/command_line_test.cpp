@@ -62,6 +62,13 @@ TEST_F(CommandLine, ReadsAFileInChunksOverAPty) {
   EXPECT_EQ(m_args.pty, "line");
 }
 
+TEST_F(CommandLine, AnIndexGoesWithItsFileAndWholeMessages) {
+  ASSERT_FALSE(Parse({"klv", "--file", "a.klv", "--index", "a.klv.json", "--udp", "127.0.0.1:5000"}));
+  EXPECT_EQ(m_args.index, "a.klv.json");
+  EXPECT_EQ(Parse({"klv", "--simulate", "--index", "a.klv.json", "--udp", "127.0.0.1:5000"})->exitCode, 2);
+  EXPECT_EQ(Parse({"klv", "--file", "a", "--index", "b", "--chunk", "48", "--udp", "127.0.0.1:5000"})->exitCode, 2);
+}
+
 TEST_F(CommandLine, ReadsDamagedSerialEvents) {
   ASSERT_FALSE(Parse({"cot", "--simulate", "--serial", "ttyS0", "--baud", "9600", "--damage", "crc:20", "--damage",
                       "length1", "--sensors", "3", "--jitter", "50"}));

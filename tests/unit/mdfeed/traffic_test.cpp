@@ -6,12 +6,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "error.h"
@@ -67,6 +69,43 @@ TEST(SplitEvents, CutsWholeEventsOutOfText) {
 TEST(SplitChunks, LosesNothing) {
   EXPECT_EQ(SplitChunks(Text("abcdefg"), 3), (std::vector<Bytes>{Text("abc"), Text("def"), Text("g")}));
   EXPECT_TRUE(SplitChunks({}, 3).empty());
+}
+
+constexpr char kIndexHeader[] =
+    R"({"type":"recording index","version":1,"recording":"a.klv","source":"a","stream_header":true})";
+
+TEST(Indexed, SendsWhatTheIndexNamesWhenItArrived) {
+  size_t skipped = 0;
+  const auto messages =
+      SplitIndexed(Text("12345aa12345b"),
+                   Text(std::string(kIndexHeader) +
+                        "\n{\"offset\":0,\"length\":7,\"time\":1000}\n"
+                        "{\"offset\":7,\"length\":6,\"time\":4000,\"timestamp\":9}\n"
+                        "{\"offset\":13,\"length\":6,\"time\":5000}\nnonsense\n[]\n{\"offset\":-1}\n{\"offs"),
+                   &skipped);
+  EXPECT_EQ(skipped, 5u);
+  ASSERT_EQ(messages.size(), 2u);
+  const auto traffic = MakeTimed(messages, 2);
+  for (const auto& [text, due] : {std::pair("aa", 0), {"b", 3000}, {"aa", 6000}, {"b", 9000}}) {
+    EXPECT_EQ(traffic->Next(), Batch{Text(text)});
+    EXPECT_EQ(traffic->Due(), std::chrono::microseconds(due));
+  }
+  EXPECT_FALSE(traffic->Next());
+}
+
+TEST(Indexed, AStepBackOfTheClockIsNoPause) {
+  const auto traffic = MakeTimed({{Text("a"), 5000}, {Text("b"), 1000}, {Text("c"), 1500}}, 1);
+  for (const int due : {0, 0, 500}) {
+    EXPECT_TRUE(traffic->Next());
+    EXPECT_EQ(traffic->Due(), std::chrono::microseconds(due));
+  }
+}
+
+TEST(Indexed, AnotherFileIsNoIndex) {
+  size_t skipped = 0;
+  for (const char* wrong : {"", "{}", "nonsense", R"({"type":"recording index","version":2})", "[1]"}) {
+    EXPECT_THROW(SplitIndexed(Text("x"), Text(wrong), &skipped), RunError) << wrong;
+  }
 }
 
 TEST(Recorded, RepeatsAsOftenAsAsked) {
