@@ -5,18 +5,20 @@ _mdencoder() {
   COMPREPLY=()
   case $previous in
     --format) COMPREPLY=($(compgen -W 'table json none' -- "$current")); return ;;
-    --extended-tags) COMPREPLY=($(compgen -W 'yes no' -- "$current")); return ;;
+    --extended-tags | --retry) COMPREPLY=($(compgen -W 'yes no' -- "$current")); return ;;
+    --heights) COMPREPLY=($(compgen -W 'required optional' -- "$current")); return ;;
     --capabilities) COMPREPLY=($(compgen -W 'cot ipv4 ipv6' -- "$current")); return ;;
     --log-level) COMPREPLY=($(compgen -W '0 1 2 3 4 5 6 7 8' -- "$current")); return ;;
     --log-levels) compopt -o nospace; COMPREPLY=($(compgen -W 'METADATALIB: COTCONVERTER: HOST: KLVCAPTURE:' -- "$current")); return ;;
     --output-dir) compopt -o filenames; COMPREPLY=($(compgen -d -- "$current")); return ;;
     --stats-json | --stats-file | --summary | --library | --host-config) compopt -o filenames; COMPREPLY=($(compgen -f -- "$current")); return ;;
-    --status-interval | --duration | --messages | --messages-each | --stats-interval | --queue) return ;;
+    --status-interval | --duration | --messages | --messages-each | --stats-interval | --queue | --rotate-size | --rotate-time | --silence) return ;;
   esac
   if [[ $current == -* ]]; then
-    COMPREPLY=($(compgen -W '-h --help --version --check --format --output-dir --status-interval --stream-header
-      --duration --messages --messages-each --stats-interval --stats-json --stats-file --summary --live --library
-      --host-config --capabilities --extended-tags --log-level --log-levels --queue' -- "$current"))
+    COMPREPLY=($(compgen -W '-h --help --version --check --check-text --format --output-dir --rotate-size --rotate-time
+      --status-interval --stream-header
+      --duration --messages --messages-each --stats-interval --silence --stats-json --stats-file --summary --live --library
+      --host-config --capabilities --extended-tags --heights --retry --log-level --log-levels --queue' -- "$current"))
   else
     compopt -o filenames
     COMPREPLY=($(compgen -f -X '!*.ini' -- "$current") $(compgen -d -- "$current"))

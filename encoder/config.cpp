@@ -9,13 +9,19 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "baud_rates.h"
 #include "host_serial.h"
+#include "recording_name.h"
+#include "relay_graph.h"
 #include "section.h"
 #include "value_text.h"
 #include "values.h"
@@ -28,14 +34,19 @@ constexpr char kEncoder[] = "encoder";
 // --- Keys --------------------------------------------------------------------------------------------
 
 constexpr std::string_view kEncoderKeys[] = {
-    "capabilities", "library",    "host_config",     "output_dir",     "stream_header", "format",     "live",
-    "log_level",    "log_levels", "status_interval", "stats_interval", "stats_json",    "stats_file", "summary",
-    "duration",     "messages",   "messages_each",   "queue",          "extended_tags"};
+    "capabilities",  "library",   "host_config", "output_dir",      "stream_header",  "format",
+    "live",          "log_level", "log_levels",  "status_interval", "stats_interval", "stats_json",
+    "stats_file",    "summary",   "duration",    "messages",        "messages_each",  "queue",
+    "extended_tags", "heights",   "retry",       "rotate_size",     "rotate_time",    "silence"};
 
 constexpr std::string_view kSourceKeys[] = {"input",
                                             "data",
                                             "index",
                                             "output",
+                                            "rotate_size",
+                                            "rotate_time",
+                                            "silence",
+                                            "retry",
                                             "device",
                                             "baud",
                                             "parity",
@@ -68,6 +79,7 @@ constexpr std::string_view kSourceKeys[] = {"input",
                                             "relay8"};
 
 constexpr std::string_view kFormats[] = {"table", "json", "none"};
+constexpr std::string_view kHeights[] = {"required", "optional"};
 constexpr std::string_view kInputs[] = {"serial", "udp", "video"};  // MDATA_INPUT_*
 constexpr std::string_view kData[] = {"klv", "cot"};                // MDATA_DATA_*
 constexpr std::string_view kParities[] = {"none", "odd", "even"};   // HOST_SERIAL_PARITY_*
@@ -116,7 +128,9 @@ DWORD ReadCapabilities(Section& section) {
 void ReadModuleLevels(Section& section, EncoderSettings& settings) {
   const std::string* value = section.Find("log_levels");
   if (value == nullptr) return;
-  for (const std::string& part : SplitList(*value)) {
+  const std::vector<std::string> parts = SplitList(*value);
+  if (parts.empty()) section.Fail("log_levels", *value, "a list of MODULE:LEVEL with levels 0 to 8");
+  for (const std::string& part : parts) {
     const size_t colon = part.find(':');
     const auto level = colon == std::string::npos || colon == 0
                            ? std::nullopt
@@ -124,6 +138,22 @@ void ReadModuleLevels(Section& section, EncoderSettings& settings) {
     if (!level) section.Fail("log_levels", *value, "a list of MODULE:LEVEL with levels 0 to 8");
     settings.moduleLevels.emplace_back(Trim(part.substr(0, colon)), static_cast<int>(*level));
   }
+}
+
+constexpr int64_t kLongestRotation = 31 * 86400;
+constexpr double kLongestSilence = 31 * 86400;
+
+std::optional<uint64_t> ReadRotateSize(Section& section) {
+  const std::string* value = section.Find("rotate_size");
+  if (value == nullptr) return std::nullopt;
+  const auto size = *value == "0" ? std::optional<uint64_t>(0) : ParseSize(*value);
+  if (!size) section.Fail("rotate_size", *value, kSizeAllowed);
+  return size;
+}
+
+std::optional<uint64_t> ReadRotateTime(Section& section) {
+  const int64_t seconds = section.Number("rotate_time", 0, kLongestRotation, -1);
+  return seconds < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(seconds));
 }
 
 EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
@@ -134,7 +164,11 @@ EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
   settings.hostConfig = section.Path("host_config");
   settings.outputDir = section.Path("output_dir");
   settings.streamHeader = section.Switch("stream_header", false);
+  settings.rotateSize = ReadRotateSize(section).value_or(0);
+  settings.rotateTime = ReadRotateTime(section).value_or(0);
+  settings.silence = section.Real("silence", 0, kLongestSilence, 0);
   settings.extendedTags = section.Switch("extended_tags", true);
+  settings.heightsOptional = section.Choice("heights", kHeights, 0) == 1;
   settings.format = static_cast<Format>(section.Choice("format", kFormats, 0));
   settings.live = section.Switch("live", false);
   settings.logLevel = static_cast<int>(section.Number("log_level", 0, 8, -1));
@@ -148,6 +182,7 @@ EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
   settings.messages = static_cast<uint64_t>(section.Number("messages", 0, INT64_MAX, 0));
   settings.messagesEach = static_cast<uint64_t>(section.Number("messages_each", 0, INT64_MAX, 0));
   settings.queue = static_cast<size_t>(section.Number("queue", 1, 1000000, 4096));
+  settings.retry = section.Switch("retry", true);
   return settings;
 }
 
@@ -158,8 +193,18 @@ void Copy(char (&to)[n], const std::string& from) {
   std::memcpy(to, from.c_str(), std::min(from.size(), n - 1));
 }
 
+int32_t ReadBaud(Section& section) {
+  constexpr int kUsualBaud = 115200;
+  const auto baud = static_cast<int>(section.Number("baud", 50, 4000000, kUsualBaud));
+  const auto isBaud = [baud](const common::Baud& known) { return known.rate == baud; };
+  if (std::any_of(std::begin(common::kBauds), std::end(common::kBauds), isBaud)) return baud;
+  std::string rates;
+  for (const common::Baud& known : common::kBauds) rates += (rates.empty() ? "" : ", ") + std::to_string(known.rate);
+  section.Fail("baud", *section.Find("baud"), "one of " + rates);
+}
+
 void ReadSerial(Section& section, MDATA_SERIAL_SRC_CFG& serial) {
-  serial.nBaudRate = static_cast<int32_t>(section.Number("baud", 50, 4000000, 115200));
+  serial.nBaudRate = ReadBaud(section);
   serial.enParity = section.Choice("parity", kParities, HOST_SERIAL_PARITY_NONE);
   serial.enFlowControl = section.Choice("flow", kFlows, HOST_SERIAL_FLOW_NONE);
   serial.enStopBits = section.Choice("stop", kStops, HOST_SERIAL_STOP_1);
@@ -188,14 +233,20 @@ void ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
 
 // The library multiplies the delta by 1000 in a signed 32-bit field, so a larger one would become negative.
 constexpr int64_t kLargestDeltaMs = INT32_MAX / 1000;
+// The converter pairs an event with the pending one if their times differ by no more than the delta, whatever their kinds.
+// A delta that reaches from one pair to the next makes wrong pairs for good once an event is lost. This one does not up to
+// ten pairs a second with events of a pair up to 40 ms apart, and is the largest multiple of 10 ms that does not.
+constexpr int64_t kUsualDeltaMs = 40;
 
 void ReadCot(Section& section, MDATA_COT_CFG& cot) {
-  cot.nMaxAirCraftSPITimeDeltaInMs = static_cast<UINT64>(section.Number("cot_delta_ms", 0, kLargestDeltaMs, 500));
+  cot.nMaxAirCraftSPITimeDeltaInMs =
+      static_cast<UINT64>(section.Number("cot_delta_ms", 0, kLargestDeltaMs, kUsualDeltaMs));
   Copy(cot.szSpiUid, section.Text("cot_sensor", sizeof(cot.szSpiUid) - 1));
   cot.bSensorDiscovery = section.Switch("cot_discovery", false) ? TRUE : FALSE;
 }
 
-void ReadRelays(Section& section, MDATA_SRC_CFG& record) {
+void ReadRelays(Section& section, SourceSettings& source) {
+  MDATA_SRC_CFG& record = source.record;
   for (int i = 1; i <= MDATA_MAX_RELAYS; ++i) {
     const std::string key = "relay" + std::to_string(i);
     const std::string* value = section.Find(key);
@@ -203,6 +254,7 @@ void ReadRelays(Section& section, MDATA_SRC_CFG& record) {
     const auto relay = ParseRelay(*value);
     if (!relay) section.Fail(key, *value, kRelayAllowed);
     record.Relays[record.nNumOfRelays++] = *relay;
+    source.relayKeys.push_back(key);
   }
 }
 
@@ -213,7 +265,8 @@ void ReadClassification(Section& section, MDATA_SRC_CFG& record) {
   record.enClassification = classification + 1;
   const std::string* country = section.Find("classifying_country");
   // Without exactly three letters the library builds neither the security set nor the mission identifier.
-  if (country == nullptr || country->size() != 3) {
+  const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  if (country == nullptr || country->size() != 3 || !std::all_of(country->begin(), country->end(), isLetter)) {
     section.Fail("classifying_country", country == nullptr ? "" : *country, "a country code of three letters");
   }
   Copy(record.szClassifyingCountry, *country);
@@ -240,8 +293,8 @@ void CheckName(const std::string& name) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-' ||
            c == '.';
   };
-  if (name.size() > 64 || !std::all_of(name.begin(), name.end(), fits) || name.starts_with('.')) {
-    throw ConfigError("[" + name + "] must be a source name of up to 64 letters, digits, '_', '-' and '.'");
+  if (name.size() > ini::kLongestSection || !std::all_of(name.begin(), name.end(), fits) || name.starts_with('.')) {
+    throw ConfigError("[" + name + "] must be a source name of up to 49 letters, digits, '_', '-' and '.'");
   }
 }
 
@@ -260,6 +313,11 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
   source.input = kInputs[record.enInputType];
   source.data = kData[record.enDataType];
   source.output = section.Path("output");
+  source.hasRetry = section.Find("retry") != nullptr;
+  source.retry = section.Switch("retry", true);
+  source.rotateSize = ReadRotateSize(section);
+  source.rotateTime = ReadRotateTime(section);
+  if (section.Find("silence") != nullptr) source.silence = section.Real("silence", 0, kLongestSilence, 0);
   switch (record.enInputType) {
     case MDATA_INPUT_SERIAL:
       source.device = section.Path("device");
@@ -267,6 +325,7 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
       break;
     case MDATA_INPUT_NETWORK:
       ReadNetwork(section, record.in.Network);
+      source.hasAddress = section.Find("address") != nullptr;
       break;
     default:
       if (record.enDataType != MDATA_DATA_KLV) section.Fail("data", source.data, "klv with input = video");
@@ -275,7 +334,7 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
       break;
   }
   if (record.enDataType == MDATA_DATA_COT) ReadCot(section, record.format.CoT);
-  ReadRelays(section, record);
+  ReadRelays(section, source);
   Copy(record.szMissionID, section.Text("mission_id", sizeof(record.szMissionID) - 1));
   ReadClassification(section, record);
   ReadFilters(section, record);
@@ -313,6 +372,15 @@ void CheckCapabilities(const SourceSettings& source, DWORD capabilities) {
   require(family == AF_INET6, METADATALIB_CAPS_IPV6_SUPPORT, "family = ipv6", "ipv6");
 }
 
+// The settings of the encoder apply to the sources that have none of their own.
+void SettleRecording(SourceSettings& source, const EncoderSettings& encoder) {
+  source.rotateSize = source.rotateSize.value_or(encoder.rotateSize);
+  source.rotateTime = source.rotateTime.value_or(encoder.rotateTime);
+  const char* const allowed = PatternFault(source.output, *source.rotateSize != 0 || *source.rotateTime != 0);
+  if (source.output.empty() || allowed == nullptr) return;
+  throw ConfigError("[" + source.name + "] " + value_text::Refusal("output", source.output, allowed));
+}
+
 void CheckTogether(const Config& config) {
   const auto& sources = config.sources;
   if (sources.empty()) throw ConfigError("there is no source; each source is a section with at least its input");
@@ -348,13 +416,19 @@ Config MakeConfig(const std::vector<IniSection>& sections, const std::string& in
       config.sources.push_back(ReadSource(section, iniPath, static_cast<UINT32>(config.sources.size() + 1)));
     }
   }
+  for (SourceSettings& source : config.sources) {
+    if (!source.hasRetry) source.retry = config.encoder.retry;
+    source.silence = source.silence.value_or(config.encoder.silence);
+  }
   if (config.encoder.capabilities == 0) config.encoder.capabilities = CapabilitiesFor(config.sources);
+  for (SourceSettings& source : config.sources) SettleRecording(source, config.encoder);
   CheckTogether(config);
   return config;
 }
 
-Config LoadConfig(const std::string& path, const std::vector<std::pair<std::string, std::string>>& overrides) {
-  auto sections = ReadIni(path);
+Config LoadConfig(const std::string& path, const std::vector<std::pair<std::string, std::string>>& overrides,
+                  std::chrono::milliseconds quiet) {
+  auto sections = ReadIni(path, quiet);
   auto encoder = std::find_if(sections.begin(), sections.end(), [](const auto& s) { return s.name == kEncoder; });
   if (encoder == sections.end()) encoder = sections.insert(sections.begin(), IniSection{kEncoder, {}});
   for (const auto& [key, value] : overrides) {
@@ -362,7 +436,9 @@ Config LoadConfig(const std::string& path, const std::vector<std::pair<std::stri
     encoder->entries.push_back({kEncoder, key, value, kCommandLine});
   }
   try {
-    return MakeConfig(sections, path);
+    Config config = MakeConfig(sections, path);
+    CheckRelays(config, ThisMachine());
+    return config;
   } catch (const ConfigError& error) {
     throw ConfigError(path + ": " + error.what());
   }

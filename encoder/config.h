@@ -3,8 +3,10 @@
 #ifndef MDENCODER_CONFIG_H
 #define MDENCODER_CONFIG_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -17,12 +19,18 @@ namespace mdencoder {
 enum class Format { Table, Json, None };
 
 struct EncoderSettings {
+  bool operator==(const EncoderSettings&) const = default;
+
   DWORD capabilities = 0;  // METADATALIB_CAPS_*
   std::string library;     // empty: beside the program, then on its run path
   std::string hostConfig;  // the host's INI file; empty: none
   std::string outputDir;   // empty: the received streams are not written
   bool streamHeader = false;
-  bool extendedTags = true;  // the library reads two-byte tags, unless its INI file has the key
+  uint64_t rotateSize = 0;       // bytes of a recording's file; 0 for no limit
+  uint64_t rotateTime = 0;       // seconds, likewise
+  double silence = 0;            // seconds without a message that are reported; 0 for none
+  bool extendedTags = true;      // the library reads two-byte tags, unless its INI file has the key
+  bool heightsOptional = false;  // Cursor-on-Target is converted without a geoid grid too
   Format format = Format::Table;
   int logLevel = -1;  // -1: as the host has it
   std::vector<std::pair<std::string, int>> moduleLevels;
@@ -35,7 +43,8 @@ struct EncoderSettings {
   double duration = 0;        // seconds; 0 for no limit
   uint64_t messages = 0;      // in total; 0 for no limit
   uint64_t messagesEach = 0;  // of every source; 0 for no limit
-  size_t queue = 4096;        // messages that may wait for printing
+  size_t queue = 4096;        // messages that may wait for the recorder
+  bool retry = true;          // of the sources that do not have the key
 };
 
 // The serial device that the library asks the host to open.
@@ -43,11 +52,18 @@ constexpr char kSerialDevice[] = "/dev/ttyPS0";
 
 struct SourceSettings {
   std::string name;
-  std::string input;       // "serial", "udp", "video"
-  std::string data;        // "klv", "cot"
-  std::string output;      // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
-  std::string device;      // serial: path that the host opens instead of kSerialDevice; empty: as the host has it
-  MDATA_SRC_CFG record{};  // complete except for the callback and its parameters
+  std::string input;                   // "serial", "udp", "video"
+  std::string data;                    // "klv", "cot"
+  std::string output;                  // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
+  std::optional<uint64_t> rotateSize;  // as in the encoder's settings, which apply without it
+  std::optional<uint64_t> rotateTime;
+  std::optional<double> silence;
+  std::string device;       // serial: path that the host opens instead of kSerialDevice; empty: as the host has it
+  bool hasAddress = false;  // the key address is given
+  std::vector<std::string> relayKeys;  // the keys of record.Relays
+  bool hasRetry = false;               // it has the key
+  bool retry = true;                   // wait for what the source needs, and open it again
+  MDATA_SRC_CFG record{};              // complete except for the callback and its parameters
 };
 
 struct Config {
@@ -55,11 +71,14 @@ struct Config {
   std::vector<SourceSettings> sources;
 };
 
-// Both throw ConfigError. Relative names of files are relative to the folder of `iniPath`.
+// Both throw ConfigError. LoadConfig also looks at this machine's addresses, to refuse relays that come back. Relative
+// names of files are relative to the folder of `iniPath`.
 Config MakeConfig(const std::vector<IniSection>& sections, const std::string& iniPath);
 // `overrides` are keys of the [encoder] section that the command line gives; they replace those of the file. Their
-// relative names of files are relative to the working directory, as are those of the standard input ("-").
-Config LoadConfig(const std::string& path, const std::vector<std::pair<std::string, std::string>>& overrides = {});
+// relative names of files are relative to the working directory, as are those of the standard input ("-"). `quiet` is
+// how long the file must not have been written.
+Config LoadConfig(const std::string& path, const std::vector<std::pair<std::string, std::string>>& overrides = {},
+                  std::chrono::milliseconds quiet = {});
 
 }  // namespace mdencoder
 

@@ -1,20 +1,26 @@
-// Output to the terminal. Lines go to the standard output and complaints to the standard error. If that is a terminal,
-// a block of status lines stays below them and is redrawn after each of them.
+// SPDX-License-Identifier: Apache-2.0
+// Output to the terminal. Lines and rows go to the standard output and complaints to the standard error. If that is a
+// terminal, a block of status lines stays below them and is redrawn after each of them.
+//
+// Nobody waits for a reader: the text is written by threads of its own (Printer), one for each of the two, or one for
+// both if they are the same file, so that their lines stay whole.
 #ifndef MDENCODER_CONSOLE_H
 #define MDENCODER_CONSOLE_H
 
-#include <atomic>
-#include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
-#include "annotated_mutex.h"
+#include "printer.h"
+#include "receiver.h"
 
 namespace mdencoder {
 
 class Console {
  public:
   Console();
+  // Gives the readers a moment for what is left.
   ~Console();
   Console(const Console&) = delete;
   Console& operator=(const Console&) = delete;
@@ -23,6 +29,8 @@ class Console {
   void Line(const std::string& line);
   void Lines(const std::vector<std::string>& lines);
   void Complain(const std::string& line);
+  // Writes a row, or drops and counts it. Any thread may call it.
+  void Row(const Received& received, Printer::Render render);
 
   // Returns true if a status block can be shown.
   bool HasStatus() const { return m_hasStatus; }
@@ -30,18 +38,20 @@ class Console {
   // it.
   void Status(std::vector<std::string> lines);
 
-  // Returns true after a write to the standard output has failed.
-  bool OutputFailed() const { return m_outputFailed.load(std::memory_order_relaxed); }
+  // Waits for the reader of the rows, drops those that are left, and returns how many rows of the run were dropped. Call
+  // it once, after the last row.
+  uint64_t FinishRows(const Printer::Limit& limit);
+
+  // Returns true after a write to the standard output has failed. The descriptor becomes readable then.
+  bool OutputFailed() const { return m_output->HasFailed(); }
+  int FailureDescriptor() const { return m_output->FailureDescriptor(); }
 
  private:
-  void Erase() REQUIRES(m_mutex);
-  void Draw() REQUIRES(m_mutex);
+  Printer& Errors() { return m_errors ? *m_errors : *m_output; }
 
   const bool m_hasStatus;
-  std::atomic<bool> m_outputFailed{false};
-  common::Mutex m_mutex;                                  // leaf; also keeps the lines of both streams whole
-  std::vector<std::string> m_status GUARDED_BY(m_mutex);  // the block
-  size_t m_drawn GUARDED_BY(m_mutex) = 0;                 // its lines on the screen
+  std::unique_ptr<Printer> m_output;
+  std::unique_ptr<Printer> m_errors;  // none if both are the same file
 };
 
 }  // namespace mdencoder

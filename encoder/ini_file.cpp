@@ -2,11 +2,11 @@
 #include "ini_file.h"
 
 #include <algorithm>
-#include <fstream>
 #include <iostream>
-#include <istream>
 #include <iterator>
 #include <utility>
+
+#include "stable_file.h"
 
 namespace mdencoder {
 namespace {
@@ -24,10 +24,19 @@ void AddEntry(std::vector<IniSection>& sections, ini::Entry entry) {
   section->entries.push_back(std::move(entry));
 }
 
+std::string ReadInput() {
+  std::string text{std::istreambuf_iterator<char>(std::cin), {}};
+  if (std::cin.bad()) throw std::runtime_error("cannot be read");
+  return text;
+}
+
 }  // namespace
 
 std::vector<IniSection> ParseIni(const std::string& text) {
   if (const auto fault = ini::FindZeroByte(text)) throw ConfigError(fault->text);
+  if (const auto fault = ini::FindSectionFault(text)) {
+    throw ConfigError("line " + std::to_string(fault->line) + ": " + fault->text);
+  }
   ini::Contents contents = ini::Parse(text);
   if (contents.fault) {
     throw ConfigError("line " + std::to_string(contents.fault->line) + ": " + contents.fault->text);
@@ -37,15 +46,13 @@ std::vector<IniSection> ParseIni(const std::string& text) {
   return sections;
 }
 
-std::vector<IniSection> ReadIni(const std::string& path) {
-  std::ifstream file;
-  if (path != "-") {
-    file.open(path, std::ios::binary);
-    if (!file) throw ConfigError(path + ": cannot be read");
+std::vector<IniSection> ReadIni(const std::string& path, std::chrono::milliseconds quiet) {
+  std::string text;
+  try {
+    text = path == "-" ? ReadInput() : ReadStable(path, quiet);
+  } catch (const std::runtime_error& error) {
+    throw ConfigError(path + ": " + error.what());
   }
-  std::istream& in = path == "-" ? std::cin : file;
-  const std::string text{std::istreambuf_iterator<char>(in), {}};
-  if (in.bad() || (path != "-" && file.bad())) throw ConfigError(path + ": cannot be read");
   try {
     return ParseIni(text);
   } catch (const ConfigError& error) {

@@ -3,6 +3,7 @@
 #ifndef MDENCODER_INI_FILE_H
 #define MDENCODER_INI_FILE_H
 
+#include <chrono>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,8 +26,9 @@ struct IniSection {
 // Throws ConfigError for a line that cannot be read, a key outside a section and a key given twice. The lines of a
 // section may stand in several places of the text.
 std::vector<IniSection> ParseIni(const std::string& text);
-// Does the same for a file; "-" is the standard input.
-std::vector<IniSection> ReadIni(const std::string& path);
+// Does the same for a file, which is read whole into memory before; "-" is the standard input. `quiet` is how long the
+// file must not have been written (stable_file.h).
+std::vector<IniSection> ReadIni(const std::string& path, std::chrono::milliseconds quiet = {});
 
 }  // namespace mdencoder
 

@@ -1,20 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
 // mdencoder: reads the configuration, sets up the host, loads the library and runs. The exit code is 0 for success, 1
 // for a failure, and 2 for a fault in the usage or the configuration.
+#include <unistd.h>
+
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
+#include "check.h"
 #include "config.h"
 #include "console.h"
+#include "geoid_grid.h"
 #include "host_runtime.h"
 #include "library.h"
 #include "options.h"
+#include "reload.h"
+#include "service.h"
 #include "session.h"
+#include "stable_file.h"
 
 namespace mdencoder {
 namespace {
@@ -35,8 +45,51 @@ HostRuntimeConfig HostConfig(const Config& config) {
   return host;
 }
 
-// Returns "12:34:56.789 METADATALIB 5 MetaData_OpenSource: ...".
+void CheckGeoidGrid(const std::string& path, const Config& config) try {
+  RequireGeoidGrid(config);
+} catch (const ConfigError& error) {
+  throw ConfigError(path + ": " + error.what());
+}
+
+// What the start, a reload and every check look at.
+CheckedConfig Prepare(const Options& options, std::chrono::milliseconds quiet) {
+  CheckedConfig checked;
+  checked.config = LoadConfig(options.config, options.overrides, quiet);
+  checked.host = HostConfig(checked.config);
+  if (options.check != Check::Text) CheckGeoidGrid(options.config, checked.config);
+  return checked;
+}
+
+// A pause of the program that writes the file must not be taken for its end.
+constexpr std::chrono::milliseconds kQuiet(100);
+
+CheckedConfig PrepareAgain(const Options& options) {
+  if (options.config == "-") {
+    throw ConfigError("the configuration came from the standard input, which cannot be read again");
+  }
+  if (!IsRegularFile(options.config)) throw ConfigError(options.config + ": is not a regular file");
+  return Prepare(options, kQuiet);
+}
+
+std::optional<int64_t> PairClock() {
+  int64_t microseconds = 0;
+  return HostRuntime_TimeDifference(&microseconds) ? std::optional(microseconds) : std::nullopt;
+}
+
+// Returns when the metadata thread gave its last sign, in seconds before now.
+std::optional<double> SecondsSinceSign() {
+  for (const HostThreadState& thread : HostRuntime_Threads()) {
+    if (thread.name == "MetaData" && thread.running) return thread.secondsSinceSign;
+  }
+  return std::nullopt;
+}
+
+// Returns "12:34:56.789 METADATALIB 5 MetaData_OpenSource: ...". The journal has its own times and priorities.
 std::string LogText(const HostLogLine& line) {
+  const std::string level = line.assertion ? "ASSERTION" : std::to_string(line.level);
+  const std::string said = line.module + " " + level + " " + line.function + ": " + line.text;
+  const std::string prefix = PriorityPrefix(PriorityOfLevel(line.level, line.assertion));
+  if (!prefix.empty()) return prefix + said;
   const auto now = std::chrono::system_clock::now();
   const time_t seconds = std::chrono::system_clock::to_time_t(now);
   const auto milliseconds =
@@ -46,16 +99,16 @@ std::string LogText(const HostLogLine& line) {
   char text[32];
   const size_t used = std::strftime(text, sizeof(text), "%H:%M:%S", &parts);
   std::snprintf(text + used, sizeof(text) - used, ".%03d ", static_cast<int>(milliseconds));
-  const std::string level = line.assertion ? "ASSERTION" : std::to_string(line.level);
-  return text + line.module + " " + level + " " + line.function + ": " + line.text;
+  return text + said;
 }
 
-// Sends log lines through the console while it has a status block, which they would damage otherwise.
+// Sends log lines through the console while it has a status block, which they would damage otherwise, and to the
+// journal.
 class LogRoute {
  public:
-  LogRoute(HostRuntimeConfig& host, Console& console) : m_routed(host.console && console.HasStatus()) {
+  LogRoute(const HostRuntimeConfig& host, Console& console)
+      : m_routed(host.console && (console.HasStatus() || IsJournal(STDERR_FILENO))) {
     if (!m_routed) return;
-    host.console = false;
     HostRuntime_OnLog([&console](const HostLogLine& line) { console.Complain(LogText(line)); });
   }
   ~LogRoute() {
@@ -63,6 +116,12 @@ class LogRoute {
   }
   LogRoute(const LogRoute&) = delete;
   LogRoute& operator=(const LogRoute&) = delete;
+
+  // Applies a configuration of the host, except where its lines go.
+  bool Apply(HostRuntimeConfig host, std::string* error) const {
+    if (m_routed) host.console = false;
+    return HostRuntime_Apply(host, error);
+  }
 
  private:
   const bool m_routed;
@@ -73,19 +132,39 @@ int Main(int argc, char** argv) {
   Options options;
   const int parsed = ParseOptions(argc, argv, options);
   if (parsed >= 0) return parsed;
-  const Config config = LoadConfig(options.config, options.overrides);
-  HostRuntimeConfig host = HostConfig(config);
-  if (options.check) {
-    std::printf("%s: OK, %zu source%s\n", options.config.c_str(), config.sources.size(),
-                config.sources.size() == 1 ? "" : "s");
+  const CheckedConfig checked = Prepare(options, {});
+  if (options.check != Check::None) {
+    if (options.check == Check::All) {
+      CheckEverything({checked.config, options.config, checked.host, HostRuntime_MediaFault});
+    }
+    std::printf("%s: OK, %zu source%s\n", options.config.c_str(), checked.config.sources.size(),
+                checked.config.sources.size() == 1 ? "" : "s");
     return 0;
   }
   Console console;
-  const LogRoute route(host, console);
-  std::string error;
-  if (!HostRuntime_Apply(host, &error)) throw std::runtime_error(error);
-  const Library library = LoadLibrary(config.encoder.library);
-  return Session(config, library, console).Run();
+  const LogRoute route(checked.host, console);
+  try {
+    std::string error;
+    if (!route.Apply(checked.host, &error)) throw std::runtime_error(error);
+    const Library library = LoadLibrary(checked.config.encoder.library);
+    Surroundings around;
+    around.host = checked.host;
+    around.prepare = [&options] { return PrepareAgain(options); };
+    around.applyHost = [&route](const HostRuntimeConfig& host) { route.Apply(host, nullptr); };
+    around.secondsSinceSign = SecondsSinceSign;
+    around.captureStats = HostRuntime_CaptureStats;
+    Session session(checked.config, library, console, std::move(around));
+    session.SetPairClock(PairClock);
+    return session.Run();
+  } catch (const std::exception& error) {
+    // Never waits for the reader of the standard error.
+    console.Complain(PriorityPrefix(Priority::Error) + "mdencoder: " + error.what());
+    return 1;
+  }
+}
+
+void Complain(const std::exception& error) {
+  std::fprintf(stderr, "%smdencoder: %s\n", PriorityPrefix(Priority::Error).c_str(), error.what());
 }
 
 }  // namespace
@@ -95,10 +174,10 @@ int main(int argc, char** argv) {
   try {
     return mdencoder::Main(argc, argv);
   } catch (const mdencoder::ConfigError& error) {
-    std::fprintf(stderr, "mdencoder: %s\n", error.what());
+    mdencoder::Complain(error);
     return 2;
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "mdencoder: %s\n", error.what());
+    mdencoder::Complain(error);
     return 1;
   }
 }

@@ -15,13 +15,14 @@ constexpr char kFooter[] =
     "over its key), and one section per source. mdencoder.example.ini shows every key. Names of files in it are\n"
     "relative to its own folder.\n"
     "\nCommands on the standard input: stats [NAME], reset [NAME], restore [NAME], save, quit, help.\n"
-    "Signals: SIGINT and SIGTERM end the run, SIGUSR1 resets and SIGUSR2 restores the statistics of every source.\n"
+    "Signals: SIGINT and SIGTERM end the run (twice: at once), SIGHUP reloads the configuration, SIGUSR1 resets and\n"
+    "SIGUSR2 restores the statistics of every source.\n"
     "\nExit codes: 0 the run ended as asked; 1 it failed (library, source, file, output); 2 usage or configuration.\n"
     "\nExamples:\n"
     "  mdencoder demo.ini                                   table on the terminal until Ctrl-C\n"
     "  mdencoder demo.ini --format json --duration 10 | jq  ten seconds as JSON lines\n"
     "  mdencoder demo.ini --format none --live              only the statistics, in place\n"
-    "  mdencoder demo.ini --check                           check the configuration only";
+    "  mdencoder demo.ini --check                           check the configuration and what it needs of this machine";
 
 struct Definition {
   const char* key;
@@ -38,21 +39,26 @@ constexpr char kSetUp[] = "Library and host";
 constexpr Definition kOptions[] = {
     {"format", "table|json|none", kOutput, "How messages are printed: rows, JSON lines, not at all (table)"},
     {"output_dir", "DIR", kOutput, "Write the received stream of each source to DIR/<name>.klv"},
+    {"rotate_size", "SIZE", kOutput, "Begin a new file after SIZE bytes (k, M, G), 0 for no limit (0)"},
+    {"rotate_time", "S", kOutput, "Begin a new file every S seconds of UTC, 0 for no limit (0)"},
     {"status_interval", "S", kOutput, "Seconds between updates of the status line on a terminal, 0 for none (1)"},
     {"duration", "S", kEnd, "End after S seconds"},
     {"messages", "N", kEnd, "End after N messages in total; later ones are refused"},
     {"messages_each", "N", kEnd, "End when every source has delivered N messages"},
     {"stats_interval", "S", kStatistics, "Print the statistics every S seconds, 0 for the end only (0)"},
+    {"silence", "S", kStatistics, "Report a source that is silent for longer than S seconds, 0 for none (0)"},
     {"stats_json", "FILE", kStatistics, "Write the statistics to FILE as JSON lines, at the interval and at the end"},
     {"stats_file", "FILE", kStatistics, "Keep the statistics over a restart: loaded at the start, saved at the end"},
     {"summary", "FILE", kStatistics, "Write a summary of the run to FILE as JSON"},
+    {"retry", "yes|no", kSetUp, "Wait for ports, devices, interfaces and routes that are not there (yes)"},
     {"library", "FILE", kSetUp, "The library (libmetadata_lib.so.1 beside the program or on its run path)"},
     {"host_config", "FILE", kSetUp, "The host's INI file: device mapping, video inputs, log"},
     {"capabilities", "LIST", kSetUp, "Of cot, ipv4, ipv6 (both IP families, cot when a source needs it)"},
     {"extended_tags", "yes|no", kSetUp, "Two-byte tags of ST 0601 (items from 128 on) are read right (yes)"},
+    {"heights", "required|optional", kSetUp, "Whether Cursor-on-Target sources need the geoid grid (required)"},
     {"log_level", "0..8", kSetUp, "Highest level of log lines of every module"},
     {"log_levels", "LIST", kSetUp, "MODULE:LEVEL,... for single modules, for example METADATALIB:7"},
-    {"queue", "N", kSetUp, "Messages kept for printing before new ones are refused (4096)"},
+    {"queue", "N", kSetUp, "Messages kept for the recorder before new ones are refused (4096)"},
 };
 
 std::string OptionName(const std::string& key) {
@@ -70,7 +76,12 @@ int ParseOptions(int argc, const char* const* argv, Options& options) {
   app.add_option("config", options.config, "INI file with the sources, '-' for the standard input")
       ->type_name("CONFIG")
       ->required();
-  app.add_flag("--check", options.check, "Check the configuration and exit");
+  app.add_flag_callback(
+      "--check", [&options] { options.check = Check::All; },
+      "Check the configuration, and what it needs of this machine, and exit");
+  app.add_flag_callback(
+      "--check-text", [&options] { options.check = Check::Text; },
+      "Check what the configuration says, and exit; for one whose ports and devices are in use");
   for (const Definition& option : kOptions) {
     const std::string key = option.key;
     app.add_option_function<std::string>(

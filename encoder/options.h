@@ -9,9 +9,11 @@
 
 namespace mdencoder {
 
+enum class Check { None, Text, All };
+
 struct Options {
-  std::string config;  // path of the INI file, "-" for the standard input
-  bool check = false;
+  std::string config;         // path of the INI file, "-" for the standard input
+  Check check = Check::None;  // if any: check and exit
   // Keys of the [encoder] section, with their values.
   std::vector<std::pair<std::string, std::string>> overrides;
 };

@@ -1,27 +1,29 @@
 // SPDX-License-Identifier: Apache-2.0
 // Passes buffers from the ready callback to the recorder's thread, in a bounded queue without a lock.
 //
-// The callback never blocks: it adds a reference and an entry, or refuses the message if the queue is full. The worker
-// handles each message and releases the reference.
+// The callback adds a reference and an entry, or refuses the message if the queue is full. It waits for nobody, except
+// that a full queue gives a recorder that is at work at most 2 ms to make room. The recorder has the priority of the
+// metadata thread, handles messages in batches and releases their references.
 #ifndef MDENCODER_RECEIVER_H
 #define MDENCODER_RECEIVER_H
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
+#include <string_view>
 #include <thread>
 
-#include "annotated_mutex.h"
 #include "metadata_lib.h"
+#include "ring.h"
 #include "source.h"
 #include "st0601_items.h"
 
 namespace mdencoder {
 
-// A message for the worker.
+// A message for the recorder.
 struct Received {
   Source* source = nullptr;
+  std::string_view name;   // of the source
   uint64_t timeUs = 0;     // wall clock at the callback, microseconds since 1970
   uint64_t timeStamp = 0;  // the input's presentation time, or 0
   uint8_t sequence = 0;
@@ -33,8 +35,9 @@ struct Received {
 class Receiver {
  public:
   using Handler = std::function<void(const Received&)>;
+  using Tick = std::function<void()>;  // called every second, also without messages
 
-  Receiver(size_t capacity, decltype(&MetaData_ReleaseBuffer) release, Handler handler);
+  Receiver(size_t capacity, decltype(&MetaData_ReleaseBuffer) release, Handler handler, Tick tick);
   // Handles the remaining messages and ends the thread. Every source must be closed before.
   ~Receiver();
   Receiver(const Receiver&) = delete;
@@ -53,15 +56,16 @@ class Receiver {
     uint64_t timeUs;
   };
 
+  void TakePriority();
   void Run();
+  void Handle(const Kept& kept) const;
+  size_t HandleSome();  // returns how many
 
-  const size_t m_capacity;
   const decltype(&MetaData_ReleaseBuffer) m_release;
   const Handler m_handler;
-  common::Mutex m_mutex;  // leaf
-  common::Condition m_wake;
-  std::deque<Kept> m_queue GUARDED_BY(m_mutex);
-  bool m_finished GUARDED_BY(m_mutex) = false;
+  const Tick m_tick;
+  Ring<Kept> m_ring;
+  bool m_hasPriority = false;  // metadata thread: the recorder has its priority
   std::thread m_thread;
 };
 

@@ -110,7 +110,7 @@ std::string TableHeader() {
 std::string TableRow(const Received& received, const st0601::Message& message) {
   char columns[160];
   std::snprintf(columns, sizeof(columns), "%-12s %-16.64s %3u %6zu %-9s", LocalText(received.timeUs).c_str(),
-                received.source->Name().c_str(), received.sequence, received.Message().size(),
+                std::string(received.name).c_str(), received.sequence, received.Message().size(),
                 message.isUas ? st0601::ChecksumStateName(message.checksum) : "-");
   std::string row = columns;
   for (const Element& element : message.elements) row += ' ' + ElementText(element);
@@ -127,7 +127,7 @@ std::string JsonLine(const Received& received, const st0601::Message& message) {
   Json json;
   json["type"] = "message";
   json["time"] = UtcText(received.timeUs);
-  json["source"] = received.source->Name();
+  json["source"] = received.name;
   json["sequence"] = received.sequence;
   json["length"] = received.Message().size();
   json["header_length"] = received.headerLength;

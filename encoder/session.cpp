@@ -3,11 +3,13 @@
 //   Start and end    open and close files, sources and signals
 //   Messages         come from the callback and go to the worker
 //   Main loop        polls, and handles timers, signals and limits
+//   Reload           reads the configuration again and applies what is different
 //   Commands         show, reset, restore and save statistics
 //   Results          are the status line, the statistics and the summary
 #include "session.h"
 
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -18,9 +20,14 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
+#include <exception>
 #include <filesystem>
+#include <iterator>
 #include <stdexcept>
+#include <utility>
 
+#include "recording.h"
+#include "recording_name.h"
 #include "render.h"
 
 namespace mdencoder {
@@ -42,6 +49,21 @@ std::chrono::steady_clock::duration Seconds(double seconds) {
   return std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
 }
 
+// Run on the printer's thread.
+std::string RenderTableRow(const Received& received) {
+  return TableRow(received, st0601::Parse(received.Message()));
+}
+std::string RenderJsonLine(const Received& received) {
+  return JsonLine(received, st0601::Parse(received.Message()));
+}
+
+// A second SIGINT or SIGTERM, while the run is ending.
+void EndAtOnce(int number) {
+  _exit(128 + number);
+}
+
+constexpr auto kLookInterval = std::chrono::milliseconds(250);
+constexpr auto kDropsInterval = std::chrono::seconds(1);
 constexpr double kShortestStatusInterval = 0.1;  // reading statistics takes the lock of serial reception
 
 }  // namespace
@@ -54,10 +76,17 @@ void Session::BlockSignals() {
   std::signal(SIGPIPE, SIG_IGN);
 }
 
-Session::Session(const Config& config, const Library& library, Console& console)
-    : m_config(config), m_library(library), m_console(console) {
-  for (const SourceSettings& settings : m_config.sources) m_sources.emplace_back(settings);
-  for (Source& source : m_sources) m_taps.push_back({this, &source});
+Session::Session(const Config& config, const Library& library, Console& console, Surroundings around)
+    : m_checked{config, around.host},
+      m_library(library),
+      m_console(console),
+      m_around(std::move(around)),
+      m_keeper(m_library, OnMessage, this, m_checked.host, m_around.reach, [this](bool isWarning, const auto& line) {
+        Say(isWarning ? Priority::Warning : Priority::Notice, line);
+      }) {
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (isatty(fd) == 1) m_terminals.push_back(fd);
+  }
   const sigset_t set = SteeringSignals();
   m_signals.Reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
   m_wake.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -72,12 +101,9 @@ Session::~Session() {
 void Session::OpenFiles() {
   const EncoderSettings& settings = m_config.encoder;
   if (!settings.outputDir.empty()) std::filesystem::create_directories(settings.outputDir);
-  for (Source& source : m_sources) {
-    std::string path = source.Settings().output;
-    if (path.empty() && !settings.outputDir.empty()) path = settings.outputDir + "/" + source.Name() + ".klv";
-    if (!path.empty()) source.OpenOutput(path, settings.streamHeader);
-  }
+  for (const SourceSettings& source : m_config.sources) OpenOutput(m_keeper.Add(source, settings.capabilities));
   if (!settings.statsFile.empty()) m_kept = LoadStatistics(settings.statsFile, m_config.sources);
+  for (const auto& [name, statistics] : m_kept) m_keeper.Preset(name, statistics);
   if (settings.statsJson.empty()) return;
   m_statsJson = std::fopen(settings.statsJson.c_str(), "we");
   if (m_statsJson == nullptr) {
@@ -85,56 +111,64 @@ void Session::OpenFiles() {
   }
 }
 
-// Returns false after the first source that cannot be opened.
-bool Session::OpenSources() {
-  for (size_t i = 0; i < m_sources.size(); ++i) {
-    MDATA_SRC_CFG record = m_sources[i].Settings().record;
-    record.pfnCallback = OnMessage;
-    record.pvUserParam1 = &m_taps[i];
-    HMDATASRC handle = nullptr;
-    if (!m_library.openSource(&record, &handle)) {
-      Fail("source " + m_sources[i].Name() + " cannot be opened; the log tells why (--log-level 6 tells more)");
-      return false;
-    }
-    m_sources[i].handle = handle;
-    if (m_kept.contains(m_sources[i].Name())) m_library.setSourceStats(handle, &m_kept.at(m_sources[i].Name()));
+// A source that returns goes on with its file.
+void Session::OpenOutput(Source& source) {
+  const EncoderSettings& settings = m_config.encoder;
+  const std::string path = RecordingPath(source.Settings(), settings);
+  if (path.empty() || path == source.OutputPath()) return;
+  if (m_keeper.OwnerOf(path) != nullptr) {
+    throw ConfigError("[" + source.Name() + "] cannot be written to " + path +
+                      ", which another source of this run has written");
   }
-  return true;
+  const RecordingSettings recording{path, source.Name(), settings.streamHeader,
+                                    source.Settings().rotateSize.value_or(0), source.Settings().rotateTime.value_or(0)};
+  source.OpenOutput(recording, WallClockUs(), [this](bool isWarning, const auto& line) {
+    Say(isWarning ? Priority::Warning : Priority::Notice, line);
+  });
 }
 
-void Session::CloseSources() {
-  for (Source& source : m_sources) {
-    MDATA_SRC_STATS statistics{};
-    if (source.handle != nullptr) {
-      m_library.getSourceStats(source.handle, &statistics);
-      if (!m_library.closeSource(&source.handle)) Fail("source " + source.Name() + " cannot be closed");
-      source.handle = nullptr;  // the library does not change it
-    }
-    m_last.push_back(statistics);
-  }
+// Returns false after the first source that cannot be opened, and may not wait.
+bool Session::OpenSources() {
+  const Source* const failed = m_keeper.OpenAll(Clock::now());
+  if (failed == nullptr) return true;
+  Fail("source " + failed->Name() + " cannot be opened; the log tells why (--log-level 6 tells more)");
+  return false;
 }
 
 int Session::Run() {
   OpenFiles();
   if (!m_library.init(m_config.encoder.capabilities)) throw std::runtime_error("METADATALIB_Init failed");
   const auto handle = [this](const Received& received) { Handle(received); };
-  m_receiver = std::make_unique<Receiver>(m_config.encoder.queue, m_library.releaseBuffer, handle);
+  const auto flush = [this] { std::erase_if(m_unflushed, [](Source* source) { return source->FlushOutput(); }); };
+  m_receiver = std::make_unique<Receiver>(m_config.encoder.queue, m_library.releaseBuffer, handle, flush);
   m_times.startUs = WallClockUs();
   m_start = Clock::now();
   if (m_config.encoder.format == Format::Table) m_console.Line(TableHeader());
   const bool opened = OpenSources();
   if (opened) Loop();
-  CloseSources();
+  m_service.Stopping();
+  m_kernelDrops.Update();
+  m_keeper.CloseAll();
   m_receiver->Finish();
   m_times.endUs = WallClockUs();
   m_times.seconds = std::chrono::duration<double>(Clock::now() - m_start).count();
   m_library.shutdown();
   m_console.Status({});
-  for (Source& source : m_sources) {
-    if (!source.CloseOutput()) Fail("the received stream of " + source.Name() + " could not be written");
-  }
+  for (Source* source : m_keeper.EverySource()) EndRecording(*source);
   if (opened) WriteResults();
-  return m_failed.load() ? 1 : 0;
+  BlockSignals();
+  return m_failed.load() || m_keeper.Failed() ? 1 : 0;
+}
+
+// A message that a recording lacks is a failure of the run, wherever it was lost.
+void Session::EndRecording(Source& source) {
+  source.CloseOutput();
+  const Counters counters = source.Snapshot();
+  const uint64_t lacking = counters.dropped + counters.recordingLost;
+  if (!counters.isRecorded || lacking == 0) return;
+  Fail("the received stream of " + source.Name() + " lacks " + std::to_string(lacking) +
+       " messages: " + std::to_string(counters.dropped) + " dropped with the queue full, " +
+       std::to_string(counters.recordingLost) + " that could not be written");
 }
 
 void Session::End(const char* why) {
@@ -144,57 +178,77 @@ void Session::End(const char* why) {
 
 void Session::Fail(const std::string& complaint) {
   m_failed.store(true);
-  m_console.Complain("mdencoder: " + complaint);
+  Say(Priority::Error, complaint);
+}
+
+void Session::Say(Priority priority, const std::string& line) {
+  m_console.Complain(PriorityPrefix(priority) + "mdencoder: " + line);
 }
 
 // --- Messages ----------------------------------------------------------------------------------------
 
-// Runs on the metadata thread. Accepts or refuses the message and never blocks.
+// Runs on the metadata thread. Accepts or refuses the message; waits for the recorder only if the queue is full, and 2 ms at
+// most (Receiver::Push).
 BOOL Session::OnMessage(MDATA_BUFFER* buffer, void* tap, void*) {
-  auto& [session, source] = *static_cast<Tap*>(tap);
+  const auto& [context, source] = *static_cast<SourceKeeper::Tap*>(tap);
+  auto* const session = static_cast<Session*>(context);
   const uint64_t limit = session->m_config.encoder.messages;
   if (limit != 0 && session->m_taken.load(std::memory_order_relaxed) >= limit) return FALSE;
+  if (session->m_pairClock && source->IsCot()) {
+    if (const auto difference = session->m_pairClock()) source->CountPair(*difference);
+  }
   if (!session->m_receiver->Push(buffer, *source)) return FALSE;
-  session->m_taken.fetch_add(1, std::memory_order_relaxed);
-  if (session->LimitReached()) eventfd_write(session->m_wake.Get(), 1);
+  const uint64_t taken = session->m_taken.fetch_add(1, std::memory_order_relaxed) + 1;
+  const uint64_t each = session->m_config.encoder.messagesEach;
+  if (taken == limit || (each != 0 && source->Messages() == each)) eventfd_write(session->m_wake.Get(), 1);
   return TRUE;
 }
 
-// Runs on the worker thread.
+// Runs on the recorder's thread: files come before the printing, which has a thread of its own.
 void Session::Handle(const Received& received) {
   Source& source = *received.source;
   const st0601::Message message = st0601::Parse(received.Message());
   source.Judge(message);
-  if (!source.Write(received.buffer)) Fail("the received stream of " + source.Name() + " cannot be written further");
-  switch (m_config.encoder.format) {
-    case Format::Table:
-      m_console.Line(TableRow(received, message));
-      break;
-    case Format::Json:
-      m_console.Line(JsonLine(received, message));
-      break;
-    case Format::None:
-      break;
-  }
-  if (m_console.OutputFailed()) eventfd_write(m_wake.Get(), 1);
+  if (source.Write(received)) m_unflushed.push_back(&source);
+  if (m_config.encoder.format == Format::Table) m_console.Row(received, RenderTableRow);
+  if (m_config.encoder.format == Format::Json) m_console.Row(received, RenderJsonLine);
 }
 
 bool Session::LimitReached() const {
   const EncoderSettings& settings = m_config.encoder;
   if (settings.messages != 0 && m_taken.load(std::memory_order_relaxed) >= settings.messages) return true;
-  const auto enough = [&](const Source& source) { return source.Messages() >= settings.messagesEach; };
-  return settings.messagesEach != 0 && std::all_of(m_sources.begin(), m_sources.end(), enough);
+  return settings.messagesEach != 0 && m_keeper.AllReached(settings.messagesEach);
 }
 
 // --- Main loop ---------------------------------------------------------------------------------------
 
-void Session::Loop() {
+// Starts the timers of the settings that have changed.
+void Session::SetTimers(const EncoderSettings& before) {
   const EncoderSettings& settings = m_config.encoder;
-  if (settings.statusInterval > 0 && m_console.HasStatus()) m_nextStatus = m_start;
-  if (settings.statsInterval > 0) m_nextStatistics = m_start + Seconds(settings.statsInterval);
+  const auto now = Clock::now();
+  if (settings.statusInterval != before.statusInterval) {
+    m_nextStatus.reset();
+    if (settings.statusInterval > 0 && m_console.HasStatus()) m_nextStatus = now;
+  }
+  if (settings.statsInterval != before.statsInterval) {
+    m_nextStatistics.reset();
+    if (settings.statsInterval > 0) m_nextStatistics = now + Seconds(settings.statsInterval);
+  }
+}
+
+void Session::Loop() {
+  EncoderSettings none;
+  none.statusInterval = none.statsInterval = 0;
+  SetTimers(none);
+  if (m_service.WatchdogTime()) m_nextBeat = m_start;
+  m_service.Ready(m_keeper.Summary());
   while (!m_ended) {
-    pollfd set[] = {{m_signals.Get(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}, {m_input.Descriptor(), POLLIN, 0}};
-    const int ready = poll(set, 3, Wait());
+    pollfd set[] = {{m_signals.Get(), POLLIN, 0},
+                    {m_wake.Get(), POLLIN, 0},
+                    {m_input.Descriptor(), POLLIN, 0},
+                    {m_console.FailureDescriptor(), POLLIN, 0},
+                    {m_network.Descriptor(), POLLIN, 0}};
+    const int ready = poll(set, std::size(set), Wait());
     if (ready < 0 && errno != EINTR) {
       Fail(std::string("cannot wait for events: ") + std::strerror(errno));
       End("failure");
@@ -202,6 +256,7 @@ void Session::Loop() {
     if (ready > 0) {
       if (set[0].revents != 0) OnSignal();
       if (set[2].revents != 0) OnInput();
+      if (set[4].revents != 0) m_keeper.OnNetwork(m_network.Read(), Clock::now());
     }
     Tick();
   }
@@ -212,6 +267,8 @@ int Session::Wait() {
   if (m_config.encoder.duration > 0) due = std::min(due, m_start + Seconds(m_config.encoder.duration));
   if (m_nextStatus) due = std::min(due, *m_nextStatus);
   if (m_nextStatistics) due = std::min(due, *m_nextStatistics);
+  if (m_nextBeat) due = std::min(due, *m_nextBeat);
+  due = std::min({due, m_nextLook, m_keeper.Due(Clock::now())});
   if (due == Clock::time_point::max()) return -1;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()).count();
   return static_cast<int>(std::clamp<int64_t>(left, 0, 3600000));
@@ -219,12 +276,16 @@ int Session::Wait() {
 
 void Session::Tick() {
   const auto now = Clock::now();
+  if (now >= m_nextLook) LookForLosses(now);
+  m_keeper.Tick(now);
+  m_service.Status(m_keeper.Summary());
+  if (m_nextBeat && now >= *m_nextBeat) Beat(now);
   if (m_nextStatus && now >= *m_nextStatus) {
     ShowStatus();
     m_nextStatus = now + Seconds(std::max(m_config.encoder.statusInterval, kShortestStatusInterval));
   }
   if (m_nextStatistics && now >= *m_nextStatistics) {
-    WriteStatistics(true);
+    WriteStatistics(Reports(), true);
     m_nextStatistics = *m_nextStatistics + Seconds(m_config.encoder.statsInterval);
     if (*m_nextStatistics < now) m_nextStatistics = now + Seconds(m_config.encoder.statsInterval);
   }
@@ -236,6 +297,18 @@ void Session::Tick() {
   }
 }
 
+void Session::LookForLosses(Clock::time_point now) {
+  m_nextLook = now + kLookInterval;
+  for (const Source* source : m_keeper.Sources()) {
+    const Counters counters = source->Snapshot();
+    m_silence.Look(source->Name(), source->Settings().silence.value_or(0), m_keeper.IsOpen(*source),
+                   counters.messages + counters.dropped, now);
+  }
+  if (now < m_nextDrops) return;
+  m_kernelDrops.Update();
+  m_nextDrops = now + kDropsInterval;
+}
+
 void Session::OnSignal() {
   signalfd_siginfo info{};
   while (read(m_signals.Get(), &info, sizeof(info)) == static_cast<ssize_t>(sizeof(info))) {
@@ -243,15 +316,96 @@ void Session::OnSignal() {
       Reset({});
     } else if (info.ssi_signo == SIGUSR2) {
       Restore({});
+    } else if (info.ssi_signo == SIGHUP) {
+      OnHangUp();
     } else {
-      End("signal");
+      OnEndSignal(static_cast<int>(info.ssi_signo));
     }
   }
+}
+
+// The first one ends the run. From then on the signals end the process, whatever this thread is waiting for.
+void Session::OnEndSignal(int number) {
+  if (m_endSignal && number != SIGHUP) EndAtOnce(number);
+  m_endSignal = true;
+  End("signal");
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int ending : {SIGINT, SIGTERM}) {
+    sigaddset(&set, ending);
+    std::signal(ending, EndAtOnce);
+  }
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+// The same signal asks for a reload and tells that the terminal is gone.
+void Session::OnHangUp() {
+  const auto isGone = [](int fd) {
+    pollfd terminal = {fd, 0, 0};
+    return poll(&terminal, 1, 0) == 1 && (terminal.revents & (POLLHUP | POLLERR)) != 0;
+  };
+  if (std::any_of(m_terminals.begin(), m_terminals.end(), isGone)) {
+    OnEndSignal(SIGHUP);
+  } else if (!m_ended) {
+    Reload();
+  }
+}
+
+// A sign of life of the metadata thread is passed on. It gives one every second, also without a source.
+void Session::Beat(Clock::time_point now) {
+  const std::chrono::duration<double> most = std::max<std::chrono::duration<double>>(
+      std::chrono::seconds(2), std::chrono::duration<double>(*m_service.WatchdogTime()) / 2);
+  const auto seconds = m_around.secondsSinceSign ? m_around.secondsSinceSign() : std::nullopt;
+  if (seconds && *seconds < most.count()) m_service.Beat();
+  m_nextBeat = now + *m_service.WatchdogTime() / 4;
 }
 
 void Session::OnInput() {
   for (const std::string& line : m_input.Read()) {
     if (const auto command = ParseCommand(line)) Execute(*command);
+  }
+}
+
+// --- Reload ------------------------------------------------------------------------------------------
+
+void Session::Reload() {
+  m_service.Reloading();
+  try {
+    if (!m_around.prepare) throw ConfigError("there is nothing to read again");
+    const CheckedConfig fresh = m_around.prepare();
+    const ConfigDifference difference = Compare(m_checked, fresh);
+    AddSources(difference.added);
+    const auto applyHost = [&] {
+      if (m_around.applyHost) m_around.applyHost(fresh.host);
+    };
+    m_keeper.Apply(difference, fresh.host, applyHost, Clock::now());
+    const EncoderSettings before = m_config.encoder;
+    TakeOver(m_checked.config.encoder, fresh.config.encoder);
+    SetTimers(before);
+    m_checked.config.sources = fresh.config.sources;
+    m_checked.host = fresh.host;
+    Say(Priority::Notice, "configuration reloaded: sources added " + std::to_string(difference.added.size()) +
+                              ", changed " + std::to_string(difference.changed.size()) + ", removed " +
+                              std::to_string(difference.removed.size()) + ", unchanged " +
+                              std::to_string(difference.unchanged.size()));
+  } catch (const std::exception& error) {
+    Say(Priority::Error, std::string("configuration not reloaded, nothing has changed: ") + error.what());
+  }
+  m_service.Ready(m_keeper.Summary());
+}
+
+// Adds all of them or, with an exception, none.
+void Session::AddSources(const std::vector<SourceSettings>& added) {
+  std::vector<const Source*> done;
+  try {
+    for (const SourceSettings& settings : added) {
+      Source& source = m_keeper.Add(settings, m_config.encoder.capabilities);
+      done.push_back(&source);
+      OpenOutput(source);
+    }
+  } catch (const std::exception&) {
+    for (const Source* source : done) m_keeper.Discard(*source);
+    throw;
   }
 }
 
@@ -286,8 +440,8 @@ void Session::Execute(const Command& command) {
 // Returns the sources of a command, and complains if none has that name.
 std::vector<Source*> Session::Chosen(const std::string& name) {
   std::vector<Source*> chosen;
-  for (Source& source : m_sources) {
-    if (name.empty() || source.Name() == name) chosen.push_back(&source);
+  for (Source* source : m_keeper.Sources()) {
+    if (name.empty() || source->Name() == name) chosen.push_back(source);
   }
   if (chosen.empty()) m_console.Complain("no source \"" + name + "\"");
   return chosen;
@@ -306,7 +460,7 @@ void Session::ShowStatistics(const std::string& name) {
 
 void Session::Reset(const std::string& name) {
   for (Source* source : Chosen(name)) {
-    m_library.resetSourceStats(source->handle);
+    m_keeper.Reset(*source);
     m_console.Complain("statistics of " + source->Name() + " reset");
   }
 }
@@ -326,7 +480,7 @@ void Session::Restore(const std::string& name) {
   }
   for (Source* source : Chosen(name)) {
     const auto it = m_kept.find(source->Name());
-    if (it != m_kept.end()) m_library.setSourceStats(source->handle, &it->second);
+    if (it != m_kept.end()) m_keeper.Restore(*source, it->second);
     m_console.Complain((it != m_kept.end() ? "statistics of " : "no kept statistics of ") + source->Name() +
                        (it != m_kept.end() ? " restored" : ""));
   }
@@ -348,18 +502,18 @@ void Session::Save() {
 
 // --- Results -----------------------------------------------------------------------------------------
 
-std::vector<Report> Session::Reports() {
-  std::vector<Report> reports;
-  for (size_t i = 0; i < m_sources.size(); ++i) {
-    Report report;
-    report.settings = &m_sources[i].Settings();
-    report.counters = m_sources[i].Snapshot();
-    if (i < m_last.size()) {
-      report.statistics = m_last[i];
-    } else if (m_sources[i].handle != nullptr) {
-      m_library.getSourceStats(m_sources[i].handle, &report.statistics);
+std::vector<Report> Session::Reports(bool withRemoved) {
+  m_kernelDrops.Update();
+  const uint64_t now = WallClockUs();
+  auto reports = m_keeper.Reports(withRemoved);
+  for (Report& report : reports) {
+    const MDATA_SRC_CFG& record = report.settings->record;
+    const uint64_t last = report.counters.lastUs;
+    if (last != 0) report.lastMessageAge = now > last ? static_cast<double>(now - last) / 1e6 : 0;
+    if (record.enInputType == MDATA_INPUT_NETWORK) report.kernelDrops = m_kernelDrops.Of(record.in.Network.usUDPPort);
+    if (record.enInputType == MDATA_INPUT_VIDEO && m_around.captureStats) {
+      report.capture = m_around.captureStats(record.in.Video.enInputInterface);
     }
-    reports.push_back(report);
   }
   return reports;
 }
@@ -379,14 +533,14 @@ void Session::ShowStatus() {
     std::snprintf(text, sizeof(text), "  %.64s %llu msg %u kbit/s", report.settings->name.c_str(),
                   static_cast<unsigned long long>(report.counters.messages), report.statistics.nBitRateInKbps);
     line += text;
-    const uint64_t faults = report.counters.lost + report.counters.dropped + report.statistics.nRxCorruptMessages;
+    const uint64_t faults =
+        report.counters.lost + report.counters.dropped + report.kernelDrops + report.statistics.nRxCorruptMessages;
     if (faults != 0) line += " (" + std::to_string(faults) + " lost or corrupt)";
   }
   m_console.Status({line});
 }
 
-void Session::WriteStatistics(bool print) {
-  const auto reports = Reports();
+void Session::WriteStatistics(const std::vector<Report>& reports, bool print) {
   const uint64_t now = WallClockUs();
   if (print && m_config.encoder.format == Format::Json) {
     m_console.Line(StatisticsLine(reports, now));
@@ -398,9 +552,25 @@ void Session::WriteStatistics(bool print) {
   if (std::fflush(m_statsJson) != 0) Fail("the statistics cannot be written to " + m_config.encoder.statsJson);
 }
 
+// A run that was told to end does not wait for a slow reader. One that has reached its number of messages does, as long
+// as the reader reads: they were asked for.
+void Session::FinishRows() {
+  Printer::Limit limit;
+  limit.asLongAsItMoves = m_times.endedBy == "messages" || m_times.endedBy == "quit";
+  limit.hurry = [this] {
+    OnSignal();
+    return m_endSignal;
+  };
+  m_times.rowsDropped = m_console.FinishRows(limit);
+  if (m_times.rowsDropped == 0 || m_console.OutputFailed()) return;
+  m_console.Complain("mdencoder: " + std::to_string(m_times.rowsDropped) +
+                     " rows were not printed, because the standard output was not read in time");
+}
+
 void Session::WriteResults() {
-  WriteStatistics(!m_console.OutputFailed());
-  const auto reports = Reports();
+  const auto reports = Reports(true);
+  WriteStatistics(reports, !m_console.OutputFailed());
+  FinishRows();
   const auto write = [this](const std::string& path, const auto& action) {
     if (path.empty()) return;
     try {
@@ -410,7 +580,7 @@ void Session::WriteResults() {
     }
   };
   write(m_config.encoder.summary, [&](const std::string& path) { ReplaceFile(path, SummaryJson(reports, m_times)); });
-  write(m_config.encoder.statsFile, [&](const std::string& path) { SaveStatistics(path, reports); });
+  write(m_config.encoder.statsFile, [&](const std::string& path) { SaveStatistics(path, Reports()); });
   // The write that failed may be that of the last lines.
   if (m_console.OutputFailed() && !m_failed.load()) Fail("cannot write to standard output");
 }

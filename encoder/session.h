@@ -1,5 +1,7 @@
-// A run: opens the sources, shows the messages, executes commands, and closes everything in the order that the library
-// requires. Everything runs on the main thread, except the callback (metadata thread) and Handle (worker thread).
+// SPDX-License-Identifier: Apache-2.0
+// A run: opens the sources, shows the messages, executes commands, reloads the configuration, and closes everything in
+// the order that the library requires. Everything runs on the main thread, except the callback (metadata thread) and
+// Handle (recorder's thread).
 #ifndef MDENCODER_SESSION_H
 #define MDENCODER_SESSION_H
 
@@ -7,33 +9,59 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "commands.h"
 #include "config.h"
 #include "console.h"
+#include "host_runtime.h"
 #include "library.h"
+#include "loss.h"
+#include "network_watch.h"
 #include "owned_fd.h"
+#include "reach.h"
 #include "receiver.h"
+#include "reload.h"
+#include "service.h"
 #include "source.h"
+#include "source_keeper.h"
 #include "statistics.h"
 
 namespace mdencoder {
+
+// What a run has from the program around it.
+struct Surroundings {
+  HostRuntimeConfig host;
+  Reach reach = SystemReach();
+  // Reads the configuration again and checks it whole, without side effects. Throws ConfigError.
+  std::function<CheckedConfig()> prepare;
+  // Applies the host's part of a configuration that was prepared.
+  std::function<void(const HostRuntimeConfig&)> applyHost;
+  // Returns how long ago the metadata thread gave its last sign, in seconds; nothing if there is no such thread.
+  std::function<std::optional<double>()> secondsSinceSign;
+  // Returns the host's counts of a video input.
+  std::function<HostCaptureStats(int input)> captureStats;
+};
 
 class Session {
  public:
   // Blocks the signals that end or control a run. Call it before any thread starts.
   static void BlockSignals();
 
-  Session(const Config& config, const Library& library, Console& console);
+  Session(const Config& config, const Library& library, Console& console, Surroundings around = {});
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
+
+  // Sets the function that tells, inside the callback, by how many microseconds the times of a packet's two
+  // Cursor-on-Target events differ, if they do. Call it before Run().
+  void SetPairClock(std::function<std::optional<int64_t>()> pairClock) { m_pairClock = std::move(pairClock); }
 
   // Does the whole run and returns the exit code. Throws std::runtime_error for a failure before the first source is
   // open.
@@ -41,26 +69,28 @@ class Session {
 
  private:
   using Clock = std::chrono::steady_clock;
-  // The user parameter of the callback.
-  struct Tap {
-    Session* session;
-    Source* source;
-  };
-
   static BOOL OnMessage(MDATA_BUFFER* buffer, void* tap, void* again);
 
   void OpenFiles();
+  void OpenOutput(Source& source);
   bool OpenSources();
-  void CloseSources();
+  void EndRecording(Source& source);
+  void SetTimers(const EncoderSettings& before);
   void Loop();
   int Wait();  // returns the milliseconds until the next timer, or -1
   void OnSignal();
+  void OnEndSignal(int number);
+  void OnHangUp();
+  void Reload();
+  void AddSources(const std::vector<SourceSettings>& added);
+  void Beat(Clock::time_point now);
   void OnInput();
   void Tick();
   void Handle(const Received& received);
   bool LimitReached() const;
   void End(const char* why);
   void Fail(const std::string& complaint);
+  void Say(Priority priority, const std::string& line);
 
   void Execute(const Command& command);
   void ShowStatistics(const std::string& name);
@@ -69,30 +99,44 @@ class Session {
   void Save();
   std::vector<Source*> Chosen(const std::string& name);
 
-  std::vector<Report> Reports();
+  std::vector<Report> Reports(bool withRemoved = false);
+  void LookForLosses(Clock::time_point now);
   void ShowStatus();
-  void WriteStatistics(bool print);
+  void WriteStatistics(const std::vector<Report>& reports, bool print);
+  void FinishRows();
   void WriteResults();
 
-  const Config& m_config;
+  CheckedConfig m_checked;
+  const Config& m_config = m_checked.config;
   const Library& m_library;
   Console& m_console;
-  std::deque<Source> m_sources;
-  std::deque<Tap> m_taps;
+  std::function<std::optional<int64_t>()> m_pairClock;
+  const Surroundings m_around;
+  SourceKeeper m_keeper;
   std::unique_ptr<Receiver> m_receiver;
   std::map<std::string, MDATA_SRC_STATS> m_kept;
-  std::vector<MDATA_SRC_STATS> m_last;  // last statistics of the closed sources, by position
+  std::vector<Source*> m_unflushed;  // recorder's thread: those with messages that are not in their files yet
   std::FILE* m_statsJson = nullptr;
+  KernelDrops m_kernelDrops;
+  SilenceWatch m_silence{
+      [this](bool isWarning, const std::string& line) { Say(isWarning ? Priority::Warning : Priority::Notice, line); }};
   LineReader m_input;
   std::atomic<uint64_t> m_taken{0};   // total of accepted messages
   std::atomic<bool> m_failed{false};  // the exit code will be 1
   bool m_ended = false;
-  common::OwnedFD m_signals;  // signalfd
-  common::OwnedFD m_wake;     // eventfd; written at a limit or a failed output, never read
+  bool m_endSignal = false;  // SIGINT, SIGTERM, or SIGHUP of a closed terminal, came
+  NetworkWatch m_network;
+  ServiceManager m_service;
+  std::vector<int> m_terminals;  // standard descriptors that are terminals
+  common::OwnedFD m_signals;     // signalfd
+  common::OwnedFD m_wake;        // eventfd; written at a limit, never read
   RunTimes m_times;
   Clock::time_point m_start;
   std::optional<Clock::time_point> m_nextStatus;
   std::optional<Clock::time_point> m_nextStatistics;
+  Clock::time_point m_nextLook;   // at what the sources deliver
+  Clock::time_point m_nextDrops;  // at the kernel's counts, which go with their sockets
+  std::optional<Clock::time_point> m_nextBeat;
 };
 
 }  // namespace mdencoder

@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "source.h"
 
-#include <cerrno>
 #include <cstddef>
-#include <cstring>
-#include <stdexcept>
 #include <string>
+#include <utility>
+
+#include "receiver.h"
+#include "recording.h"
 
 namespace mdencoder {
 namespace {
+
+constexpr uint16_t kReceiveBuffer = 1500;  // of a datagram in the library, which cuts longer ones
 
 void Add(std::atomic<uint64_t>& counter, uint64_t value) {
   counter.fetch_add(value, std::memory_order_relaxed);
@@ -30,15 +33,29 @@ void SequenceWatch::Push(uint8_t sequence) {
   m_last = sequence;
 }
 
-void Source::OpenOutput(const std::string& path, bool streamHeader) {
-  m_file.reset(std::fopen(path.c_str(), "wbe"));
-  if (!m_file) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
-  m_streamHeader = streamHeader;
+Source::Source(const SourceSettings& settings)
+    : m_settings(settings),
+      m_name(settings.name),
+      m_isVideo(settings.record.enInputType == MDATA_INPUT_VIDEO),
+      m_isCot(settings.record.enDataType == MDATA_DATA_COT),
+      m_isDatagrams(settings.record.enInputType == MDATA_INPUT_NETWORK && !m_isCot) {}
+Source::~Source() = default;
+
+void Source::OpenOutput(const RecordingSettings& settings, uint64_t timeUs,
+                        const std::function<void(bool isWarning, const std::string&)>& say) {
+  auto recording = std::make_unique<Recording>(settings, say);
+  recording->Open(timeUs);
+  m_recording = std::move(recording);
+}
+
+const std::string& Source::OutputPath() const {
+  static const std::string kNone;
+  return m_recording ? m_recording->Path() : kNone;
 }
 
 void Source::Arrived(uint8_t sequence, uint64_t length, bool taken) {
   // A video source uses the sequence number of a refused message again.
-  if (taken || m_settings.record.enInputType != MDATA_INPUT_VIDEO) m_sequence.Push(sequence);
+  if (taken || !m_isVideo) m_sequence.Push(sequence);
   if (!taken) {
     Add(m_dropped, 1);
     return;
@@ -47,16 +64,33 @@ void Source::Arrived(uint8_t sequence, uint64_t length, bool taken) {
   Add(m_messages, 1);
 }
 
-bool Source::Write(st0601::ByteView buffer) {
-  if (!m_file || m_fileFailed) return true;
-  const st0601::ByteView bytes = m_streamHeader ? buffer : buffer.subspan(MDATA_STREAM_HEADER_SIZE);
-  m_fileFailed = std::fwrite(bytes.data(), 1, bytes.size(), m_file.get()) != bytes.size();
-  return !m_fileFailed;
+void Source::Saw(uint64_t timeUs, uint16_t headerLength) {
+  m_lastUs.store(timeUs, std::memory_order_relaxed);
+  if (m_isDatagrams && headerLength == kReceiveBuffer) Add(m_cutAtBuffer, 1);
 }
 
-bool Source::CloseOutput() {
-  if (!m_file) return true;
-  return std::fclose(m_file.release()) == 0 && !m_fileFailed;
+void Source::CountPair(int64_t differenceUs) {
+  if (differenceUs == 0) return;
+  Add(m_pairsApart, 1);
+  // The metadata thread is the only writer.
+  if (differenceUs > m_widestPairUs.load(std::memory_order_relaxed)) {
+    m_widestPairUs.store(differenceUs, std::memory_order_relaxed);
+  }
+}
+
+bool Source::Write(const Received& received) {
+  if (!m_recording) return false;
+  m_recording->Add(received);
+  return !std::exchange(m_isUnflushed, true);
+}
+
+bool Source::FlushOutput() {
+  m_isUnflushed = m_recording && !m_recording->Flush();
+  return !m_isUnflushed;
+}
+
+void Source::CloseOutput() {
+  if (m_recording) m_recording->Close();
 }
 
 void Source::Judge(const st0601::Message& message) {
@@ -73,6 +107,8 @@ Counters Source::Snapshot() const {
   counters.messages = Get(m_messages);
   counters.bytes = Get(m_bytes);
   counters.dropped = Get(m_dropped);
+  counters.cutAtBuffer = Get(m_cutAtBuffer);
+  counters.lastUs = Get(m_lastUs);
   counters.sequenceGaps = m_sequence.Gaps();
   counters.lost = m_sequence.Lost();
   counters.checksumOk = Get(m_checksums[static_cast<size_t>(st0601::ChecksumState::Ok)]);
@@ -81,6 +117,13 @@ Counters Source::Snapshot() const {
   counters.checksumMisplaced = Get(m_checksums[static_cast<size_t>(st0601::ChecksumState::Misplaced)]);
   counters.notUas = Get(m_notUas);
   counters.incomplete = Get(m_incomplete);
+  counters.pairsApart = Get(m_pairsApart);
+  counters.widestPairUs = m_widestPairUs.load(std::memory_order_relaxed);
+  counters.isRecorded = IsRecorded();
+  if (!m_recording) return counters;
+  counters.recorded = m_recording->Stored();
+  counters.recordingLost = m_recording->Lost();
+  counters.recordingFiles = m_recording->Files();
   return counters;
 }
 

@@ -5,7 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
-#include <cstdio>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -19,6 +19,8 @@ namespace mdencoder {
 struct Counters {
   uint64_t messages = 0;      // accepted in the callback
   uint64_t bytes = 0;         // bytes of these messages, without stream headers
+  uint64_t cutAtBuffer = 0;   // KLV over UDP: datagrams as long as the library's buffer, which cuts longer ones
+  uint64_t lastUs = 0;        // arrival of the last message, accepted or not, microseconds since 1970; 0 before it
   uint64_t dropped = 0;       // refused in the callback because the queue was full
   uint64_t sequenceGaps = 0;  // jumps of the sequence number
   uint64_t lost = 0;          // sequence numbers that these jumps skipped
@@ -26,14 +28,22 @@ struct Counters {
   uint64_t checksumBad = 0;
   uint64_t checksumMissing = 0;
   uint64_t checksumMisplaced = 0;
-  uint64_t notUas = 0;      // messages that are not ST 0601 sets
-  uint64_t incomplete = 0;  // ST 0601 sets whose items do not fill their length
+  uint64_t notUas = 0;       // messages that are not ST 0601 sets
+  uint64_t incomplete = 0;   // ST 0601 sets whose items do not fill their length
+  uint64_t pairsApart = 0;   // Cursor-on-Target: packets of two events whose times differ
+  int64_t widestPairUs = 0;  // the largest of these differences
+  bool isRecorded = false;
+  uint64_t recorded = 0;        // messages in the files of the recording
+  uint64_t recordingLost = 0;   // accepted messages that could not be written
+  uint64_t recordingFiles = 0;  // of this run
 };
 
 // Follows the sequence numbers of the stream headers. The metadata thread pushes them; any thread may read the counts.
 class SequenceWatch {
  public:
   void Push(uint8_t sequence);
+  // The next number may be any. Call it while no message can arrive.
+  void Restart() { m_last = -1; }
   uint64_t Gaps() const { return m_gaps.load(std::memory_order_relaxed); }
   uint64_t Lost() const { return m_lost.load(std::memory_order_relaxed); }
 
@@ -43,48 +53,68 @@ class SequenceWatch {
   std::atomic<uint64_t> m_lost{0};
 };
 
+class Recording;
+struct RecordingSettings;
+struct Received;
+
 class Source {
  public:
-  explicit Source(const SourceSettings& settings) : m_settings(settings) {}
+  // Keeps a reference to the settings, which may be replaced by others of the same name and kind.
+  explicit Source(const SourceSettings& settings);
+  ~Source();
   Source(const Source&) = delete;
   Source& operator=(const Source&) = delete;
 
-  const SourceSettings& Settings() const { return m_settings; }
-  const std::string& Name() const { return m_settings.name; }
+  const SourceSettings& Settings() const { return m_settings; }  // main thread only
+  const std::string& Name() const { return m_name; }
+  bool IsCot() const { return m_isCot; }
 
-  // Opens the file of the received stream. Call it before the source is opened. Throws std::runtime_error.
-  void OpenOutput(const std::string& path, bool streamHeader);
+  // Starts the recording. Call it before the source is opened for the first time. Throws std::runtime_error.
+  void OpenOutput(const RecordingSettings& settings, uint64_t timeUs,
+                  const std::function<void(bool isWarning, const std::string&)>& say);
+  const std::string& OutputPath() const;  // with its patterns; "" without a recording
 
   // Counts a message of `length` bytes that was accepted or refused. Called on the metadata thread, in the callback.
   void Arrived(uint8_t sequence, uint64_t length, bool taken);
-  // Writes a buffer with stream header and message to the file. Returns false once, when that fails. Worker thread.
-  bool Write(st0601::ByteView buffer);
-  // Counts the message by its kind and its checksum. Worker thread.
+  // Notes the arrival of a message and its length on the way in. Metadata thread, in the callback.
+  void Saw(uint64_t timeUs, uint16_t headerLength);
+  // Counts a packet of two Cursor-on-Target events whose times differ by so much. Metadata thread, in the callback.
+  void CountPair(int64_t differenceUs);
+  // Records a message. Returns true if there is something to flush now, and was not before. Recorder's thread.
+  bool Write(const Received& received);
+  // Brings what was recorded into the files. Returns false if something is left. Recorder's thread.
+  bool FlushOutput();
+  // Counts the message by its kind and its checksum. Recorder's thread.
   void Judge(const st0601::Message& message);
-  // Closes the file and returns false if bytes were lost. Worker thread, or any after its end.
-  bool CloseOutput();
+  // Ends the recording. Recorder's thread, or any after its end.
+  void CloseOutput();
+  bool IsRecorded() const { return m_recording != nullptr; }
+
+  // Expects the sequence numbers of a new opening. Call it while the source is not open.
+  void Restart() { m_sequence.Restart(); }
 
   Counters Snapshot() const;  // any thread
   uint64_t Messages() const { return m_messages.load(std::memory_order_relaxed); }
 
-  HMDATASRC handle = nullptr;  // main thread only
-
  private:
-  struct CloseFile {
-    void operator()(std::FILE* file) const { std::fclose(file); }
-  };
-
   const SourceSettings& m_settings;
-  std::unique_ptr<std::FILE, CloseFile> m_file;  // worker thread once the source is open
-  bool m_streamHeader = false;                   // read-only once the source is open
-  bool m_fileFailed = false;                     // worker thread
+  const std::string m_name;
+  const bool m_isVideo;
+  const bool m_isCot;
+  const bool m_isDatagrams;                // KLV over UDP: a message is a datagram
+  std::unique_ptr<Recording> m_recording;  // recorder's thread once the source is open; none if it is not recorded
+  bool m_isUnflushed = false;              // recorder's thread
   SequenceWatch m_sequence;
   std::atomic<uint64_t> m_messages{0};
   std::atomic<uint64_t> m_bytes{0};
   std::atomic<uint64_t> m_dropped{0};
+  std::atomic<uint64_t> m_cutAtBuffer{0};
+  std::atomic<uint64_t> m_lastUs{0};
   std::atomic<uint64_t> m_checksums[4]{};  // by st0601::ChecksumState
   std::atomic<uint64_t> m_notUas{0};
   std::atomic<uint64_t> m_incomplete{0};
+  std::atomic<uint64_t> m_pairsApart{0};
+  std::atomic<int64_t> m_widestPairUs{0};
 };
 
 }  // namespace mdencoder

@@ -47,18 +47,20 @@ std::string SafeText(const char* text, size_t size) {
   return st0601::Decode(*st0601::FindItem(st0601::kMissionIdTag), {bytes, strnlen(text, size)}).text;
 }
 
-std::string DestinationText(const MDATA_RELAY_CFG& relay) {
-  const std::string address = AddressText(relay.iDestAddressFamily, relay.acDestAddress);
-  const std::string port = std::to_string(relay.usUDPPort);
-  return relay.iDestAddressFamily == AF_INET6 ? "[" + address + "]:" + port : address + ":" + port;
-}
-
 std::string SenderText(const MDATA_INET_STATS& sender) {
   return AddressText(sender.iSourceAddressFamily, sender.SourceAddress);
 }
 
 int SensorCount(const MDATA_COT_STATS& cot) {
   return std::clamp(cot.nDiscoveredSensorsCount, 0, MDATA_MAX_DISCOVERED_SENSORS);
+}
+
+// Returns the number of events that are in no packet: their partners did not come, or are still to come. Rejected events
+// count as received, and so do they here.
+uint64_t EventsWithoutPartner(const MDATA_COT_STATS& cot) {
+  const uint64_t received = cot.nRxAirCraftMessages + cot.nRxSPIMessages;
+  const uint64_t used = cot.nFilteredRxSPIMessages + 2 * cot.nConvertedKLVMessages;
+  return received > used ? received - used : 0;
 }
 
 // --- To JSON -----------------------------------------------------------------------------------------
@@ -97,6 +99,34 @@ Json RelayJson(const MDATA_RELAY_CFG& relay, const MDATA_RELAY_STATS& counts) {
   json["last_errno"] = counts.iLastRelayError;
   json["last_error"] = counts.iLastRelayError == 0 ? "" : std::strerror(counts.iLastRelayError);
   json["last_error_time"] = counts.iLastRelayErrorTime;
+  return json;
+}
+
+// The counts of a capture, and whether they are losses.
+struct CaptureCount {
+  const char* key;
+  const char* text;
+  uint64_t HostCaptureStats::*count;
+  bool isLoss;
+};
+constexpr CaptureCount kCaptureCounts[] = {
+    {"packets", "packets", &HostCaptureStats::packets, false},
+    {"bytes", "bytes", &HostCaptureStats::bytes, false},
+    {"taken", "taken", &HostCaptureStats::taken, false},
+    {"overflows", "dropped with the queue full", &HostCaptureStats::overflows, true},
+    {"oversized", "too large", &HostCaptureStats::oversized, true},
+    {"damaged", "damaged", &HostCaptureStats::damaged, true},
+    {"bad_checksums", "wrong checksums", &HostCaptureStats::badChecksums, true},
+    {"bad_parity", "wrong parity", &HostCaptureStats::badParity, true},
+    {"lost_packets", "RTP packets lost", &HostCaptureStats::lostPackets, true},
+    {"reordered", "RTP packets put in order", &HostCaptureStats::reordered, false},
+    {"late", "RTP packets late", &HostCaptureStats::late, true},
+    {"incomplete", "incomplete", &HostCaptureStats::incomplete, true},
+};
+
+Json CaptureJson(const HostCaptureStats& capture) {
+  Json json;
+  for (const CaptureCount& each : kCaptureCounts) json[each.key] = capture.*each.count;
   return json;
 }
 
@@ -139,18 +169,36 @@ Json ReportJson(const Report& report) {
   json["name"] = report.settings->name;
   json["input"] = report.settings->input;
   json["data"] = report.settings->data;
+  json["state"] = report.state;
+  json["reopened"] = report.reopened;
   json["messages"] = counters.messages;
   json["bytes"] = counters.bytes;
   json["corrupt"] = report.statistics.nRxCorruptMessages;
-  json["sequence_gaps"] = counters.sequenceGaps;
+  json["stream_sequence_gaps"] = counters.sequenceGaps;
+  json["stream_sequence_missing"] = counters.lost;
+  json["sequence_gaps"] = counters.sequenceGaps;  // the former names of both
   json["lost"] = counters.lost;
   json["dropped"] = counters.dropped;
+  json["last_message"] = counters.lastUs == 0 ? Json(nullptr) : Json(UtcText(counters.lastUs));
+  json["last_message_age_s"] = report.lastMessageAge ? Json(*report.lastMessageAge) : Json(nullptr);
+  if (IsNetwork(*report.settings)) json["kernel_drops"] = report.kernelDrops;
+  if (IsNetwork(*report.settings) && !IsCot(*report.settings)) json["cut_at_buffer"] = counters.cutAtBuffer;
+  if (report.capture) json["capture"] = CaptureJson(*report.capture);
   json["checksum"] = {{"ok", counters.checksumOk},
                       {"bad", counters.checksumBad},
                       {"missing", counters.checksumMissing},
                       {"misplaced", counters.checksumMisplaced}};
   json["not_st0601"] = counters.notUas;
   json["incomplete"] = counters.incomplete;
+  if (counters.isRecorded) {
+    json["recording"] = {
+        {"messages", counters.recorded}, {"lost", counters.recordingLost}, {"files", counters.recordingFiles}};
+  }
+  if (IsCot(*report.settings)) {
+    json["pairs"] = {{"times_differ", counters.pairsApart},
+                     {"largest_difference_ms", static_cast<double>(counters.widestPairUs) / 1000},
+                     {"events_without_partner", EventsWithoutPartner(report.statistics.prot.CoT)}};
+  }
   json["statistics"] = LibraryStatisticsJson(*report.settings, report.statistics);
   return json;
 }
@@ -180,6 +228,7 @@ std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& time
   json["ended"] = UtcText(times.endUs);
   json["seconds"] = times.seconds;
   json["ended_by"] = times.endedBy;
+  json["rows_dropped"] = times.rowsDropped;
   json["sources"] = ReportsJson(reports);
   return json.dump(2) + "\n";
 }
@@ -260,6 +309,11 @@ MDATA_SRC_STATS LibraryStatisticsFromJson(const SourceSettings& settings, const 
   throw std::runtime_error(error.what());
 }
 
+MDATA_SRC_STATS ContinuedStatistics(const SourceSettings& before, const SourceSettings& now,
+                                    const MDATA_SRC_STATS& statistics) {
+  return LibraryStatisticsFromJson(now, LibraryStatisticsJson(before, statistics));
+}
+
 // --- Table -------------------------------------------------------------------------------------------
 
 namespace {
@@ -290,6 +344,11 @@ void AddProtocolLines(const Report& report, std::vector<std::string>& lines) {
     lines.push_back(Print("    events: %lu aircraft, %lu sensor point, %lu filtered; converted %lu messages, %lu bytes",
                           cot.nRxAirCraftMessages, cot.nRxSPIMessages, cot.nFilteredRxSPIMessages,
                           cot.nConvertedKLVMessages, cot.nConvertedKLVBytes));
+    lines.push_back(
+        Print("    pairs: %llu of events whose times differ, by %g ms at most; %llu events without a partner",
+              static_cast<unsigned long long>(report.counters.pairsApart),
+              static_cast<double>(report.counters.widestPairUs) / 1000,
+              static_cast<unsigned long long>(EventsWithoutPartner(cot))));
     for (int i = 0; i < SensorCount(cot); ++i) {
       lines.push_back("    sensor " + SafeText(cot.aszSensorUIDs[i], sizeof(cot.aszSensorUIDs[i])));
     }
@@ -314,12 +373,39 @@ void AddRelayLines(const Report& report, std::vector<std::string>& lines) {
   }
 }
 
+constexpr double kRecent = 2;  // seconds
+
+void AddLossLines(const Report& report, std::vector<std::string>& lines) {
+  if (report.lastMessageAge.value_or(0) >= kRecent) {
+    lines.push_back(Print("    last message %.0f s ago", *report.lastMessageAge));
+  }
+  if (report.kernelDrops != 0) {
+    lines.push_back(Print("    %llu datagrams dropped by the kernel, because the socket's buffer was full",
+                          static_cast<unsigned long long>(report.kernelDrops)));
+  }
+  if (report.counters.cutAtBuffer != 0) {
+    lines.push_back(Print("    %llu messages end where the receive buffer of 1500 bytes does, and may be cut",
+                          static_cast<unsigned long long>(report.counters.cutAtBuffer)));
+  }
+  if (!report.capture) return;
+  std::string losses;
+  for (const CaptureCount& each : kCaptureCounts) {
+    if (!each.isLoss || *report.capture.*each.count == 0) continue;
+    losses += (losses.empty() ? "" : ", ") + std::to_string(*report.capture.*each.count) + " " + each.text;
+  }
+  if (!losses.empty()) lines.push_back("    lost in the capture: " + losses);
+}
+
 void AddFaultLines(const Counters& counters, std::vector<std::string>& lines) {
   if (counters.sequenceGaps + counters.dropped != 0) {
-    lines.push_back(Print("    %llu sequence gaps with %llu messages lost, %llu dropped with the queue full",
-                          static_cast<unsigned long long>(counters.sequenceGaps),
-                          static_cast<unsigned long long>(counters.lost),
-                          static_cast<unsigned long long>(counters.dropped)));
+    lines.push_back(
+        Print("    %llu gaps in the stream sequence with %llu numbers missing, %llu dropped with the queue full",
+              static_cast<unsigned long long>(counters.sequenceGaps), static_cast<unsigned long long>(counters.lost),
+              static_cast<unsigned long long>(counters.dropped)));
+  }
+  if (counters.recordingLost != 0) {
+    lines.push_back(
+        Print("    %llu messages could not be recorded", static_cast<unsigned long long>(counters.recordingLost)));
   }
   const uint64_t checksums = counters.checksumBad + counters.checksumMissing + counters.checksumMisplaced;
   if (checksums + counters.notUas + counters.incomplete != 0) {
@@ -347,6 +433,7 @@ std::vector<std::string> StatisticsTable(const std::vector<Report>& reports) {
                           static_cast<unsigned long long>(report.counters.bytes), statistics.nRxBytes,
                           statistics.nRxOkMessages, statistics.nRxCorruptMessages, statistics.nBitRateInKbps));
     AddFaultLines(report.counters, lines);
+    AddLossLines(report, lines);
     if (IsNetwork(settings)) AddNetworkLines(report, lines);
     AddProtocolLines(report, lines);
     AddRelayLines(report, lines);

@@ -6,10 +6,12 @@
 #include <cstdint>
 #include <map>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "config.h"
+#include "host_runtime.h"
 #include "metadata_lib.h"
 #include "source.h"
 
@@ -18,14 +20,24 @@ namespace mdencoder {
 // One source at one moment.
 struct Report {
   const SourceSettings* settings = nullptr;
-  Counters counters;             // counts of this program
-  MDATA_SRC_STATS statistics{};  // counts of the library
+  Counters counters;                                       // counts of this program
+  MDATA_SRC_STATS statistics{};                            // counts of the library
+  const char* state = "open";                              // "waiting", "open", "cut off", "removed"
+  uint64_t reopened = 0;                                   // how often it was opened again
+  uint64_t kernelDrops = 0;                                // datagrams that the kernel dropped at the source's sockets
+  std::optional<HostCaptureStats> capture = std::nullopt;  // counts of the host, of a video source
+  std::optional<double> lastMessageAge = std::nullopt;     // seconds since the last message
 };
 
 // Converts the library's counts, without the parts that the source's configuration does not use.
 nlohmann::ordered_json LibraryStatisticsJson(const SourceSettings& settings, const MDATA_SRC_STATS& statistics);
 // Does the reverse. Throws std::runtime_error if a value is missing or has another type.
 MDATA_SRC_STATS LibraryStatisticsFromJson(const SourceSettings& settings, const nlohmann::ordered_json& json);
+
+// Returns what a source begins with that continues another opening: the counts, with those of the relays matched by their
+// destination, but no received TTL and TOS, as if they were loaded from a statistics file.
+MDATA_SRC_STATS ContinuedStatistics(const SourceSettings& before, const SourceSettings& now,
+                                    const MDATA_SRC_STATS& statistics);
 
 // Returns name, input, data, messages, bytes, corrupt and all other counters of one source.
 nlohmann::ordered_json ReportJson(const Report& report);
@@ -40,6 +52,7 @@ struct RunTimes {
   uint64_t endUs = 0;
   double seconds = 0;  // on the monotonic clock
   std::string endedBy;
+  uint64_t rowsDropped = 0;  // messages that were not printed
 };
 std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& times);
 

@@ -2,6 +2,9 @@
 #include "values.h"
 
 #include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cstddef>
@@ -59,6 +62,35 @@ std::string AddressText(int32_t family, const BYTE* bytes) {
   char text[INET6_ADDRSTRLEN] = "";
   if (family == AF_INET || family == AF_INET6) inet_ntop(family, bytes, text, sizeof(text));
   return text;
+}
+
+std::string DestinationText(const MDATA_RELAY_CFG& relay) {
+  const std::string address = AddressText(relay.iDestAddressFamily, relay.acDestAddress);
+  const std::string port = std::to_string(relay.usUDPPort);
+  return relay.iDestAddressFamily == AF_INET6 ? "[" + address + "]:" + port : address + ":" + port;
+}
+
+common::OwnedFD ConnectTo(const MDATA_RELAY_CFG& relay) {
+  common::OwnedFD fd(socket(relay.iDestAddressFamily, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!fd.IsOpen()) return fd;
+  const auto connects = [&fd](const auto& address) {
+    return connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+  };
+  if (relay.iDestAddressFamily == AF_INET) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(relay.usUDPPort);
+    std::memcpy(&address.sin_addr, relay.acDestAddress, sizeof(address.sin_addr));
+    if (connects(address)) return fd;
+  } else {
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_port = htons(relay.usUDPPort);
+    address.sin6_scope_id = if_nametoindex("eth0");  // as in the library
+    std::memcpy(&address.sin6_addr, relay.acDestAddress, sizeof(address.sin6_addr));
+    if (connects(address)) return fd;
+  }
+  return common::OwnedFD();
 }
 
 namespace {

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "metadata_lib.h"
+#include "owned_fd.h"
 
 namespace mdencoder {
 
@@ -28,6 +29,11 @@ struct Address {
 // Reads a numeric IPv4 or IPv6 address, without brackets and scope.
 std::optional<Address> ParseAddress(std::string_view text);
 std::string AddressText(int32_t family, const BYTE* bytes);
+// Returns "ADDRESS:PORT", with an IPv6 address in brackets.
+std::string DestinationText(const MDATA_RELAY_CFG& relay);
+// Returns a datagram socket that is connected as the library's socket for the relay would be, or an empty descriptor and
+// errno. Nothing is sent.
+common::OwnedFD ConnectTo(const MDATA_RELAY_CFG& relay);
 
 // Reads tags below `limit`, separated by commas: numbers, ranges "13-15" and names of items ("sensor_lat"), which are
 // those of ST 0102 if `security` is set. "none" is the empty set. Tag t is bit t % 32 of word t / 32.

@@ -5,6 +5,7 @@ A test derives from EndToEndTest. It writes a configuration, starts the encoder,
 them, stops the encoder and checks the summary and the files of delivered messages.
 """
 import argparse
+import ctypes
 import json
 import os
 import pathlib
@@ -25,6 +26,11 @@ _parser.add_argument("--library", required=True)
 _parser.add_argument("--shared-data", required=True)
 _parser.add_argument("--source", required=True)
 options, rest = _parser.parse_known_args()
+
+_PTRACE_SEIZE = 0x4206
+_PTRACE_INTERRUPT = 0x4207
+_PTRACE_DETACH = 17
+_WAIT_ALL = 0x40000000
 
 KEY = bytes.fromhex("060E2B34020B01010E01030101000000")
 SLOW = 10 if os.environ.get("METADATA_TEST_SLOW") else 1
@@ -124,7 +130,7 @@ class EndToEndTest(unittest.TestCase):
         self.processes.append(process)
         return process
 
-    def encoder(self, config, ports=(), host="", arguments=()):
+    def encoder(self, config, ports=(), host="", arguments=(), format="json"):
         """Starts mdencoder and waits until the UDP ports are open."""
         (self.folder / "host.ini").write_text(
             f"[serial]\n/dev/ttyPS0 = {self.folder}/serial\n[log]\nconsole = no\nfile = {self.folder}/host.log\n"
@@ -133,7 +139,7 @@ class EndToEndTest(unittest.TestCase):
         self.encoder_process = self.start(
             options.encoder, self.folder / "encoder.ini", "--library", options.library, "--host-config",
             self.folder / "host.ini", "--output-dir", self.folder, "--summary", self.folder / "summary.json",
-            "--format", "json", *arguments, stdout=self.output("messages.jsonl"), stderr=self.output("encoder.err"),
+            "--format", format, *arguments, stdout=self.output("messages.jsonl"), stderr=self.output("encoder.err"),
             env={**os.environ, "TZ": "UTC"})
         self.wait_for(lambda: all(udp_port_open(port) for port in ports), "the encoder's ports")
 
@@ -192,5 +198,37 @@ def source(summary, name):
     return next(entry for entry in summary["sources"] if entry["name"] == name)
 
 
+class StoppedThread:
+    """Stops one thread of a process, as a deadlock would."""
+
+    def __init__(self, process, name):
+        tasks = pathlib.Path(f"/proc/{process}/task")
+        self.task = next(int(task.name) for task in tasks.iterdir() if (task / "comm").read_text().strip() == name)
+        self.libc = ctypes.CDLL(None, use_errno=True)
+        self.libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
+        self.call(_PTRACE_SEIZE)
+        self.call(_PTRACE_INTERRUPT)
+        os.waitpid(self.task, _WAIT_ALL)
+
+    def call(self, request):
+        if self.libc.ptrace(request, self.task, None, None) != 0:
+            raise OSError(ctypes.get_errno(), "ptrace")
+
+    def resume(self):
+        self.call(_PTRACE_DETACH)
+
+
+def isolate():
+    """Moves this process and its programs to a network of their own, whose only interface is lo. Tests that run at the
+    same time, and programs of the machine, may then use the same ports."""
+    clone_newnet = 0x40000000
+    if ctypes.CDLL(None, use_errno=True).unshare(clone_newnet) != 0:
+        print(f"no network of its own ({os.strerror(ctypes.get_errno())}): the ports are shared", file=sys.stderr)
+        return
+    for command in ("link set lo up multicast on", "route add 224.0.0.0/4 dev lo"):
+        subprocess.run(["ip", *command.split()], check=True)
+
+
 def main():
+    isolate()
     unittest.main(argv=[sys.argv[0]] + rest, verbosity=2)

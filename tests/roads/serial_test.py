@@ -73,7 +73,7 @@ class SerialLine(EndToEndTest):
         second = subprocess.run(
             [harness.options.encoder, self.folder / "encoder.ini", "--library", harness.options.library,
              "--host-config",
-             self.folder / "host.ini", "--output-dir", self.folder, "--duration", "1"],
+             self.folder / "host.ini", "--output-dir", self.folder, "--duration", "1", "--retry", "no"],
             capture_output=True, text=True, timeout=60)
         self.assertNotEqual(second.returncode, 0, second.stdout)
         self.assertIn(f'Serial device "{self.folder}/serial" is in use; a device is never shared.', self.log())
@@ -111,7 +111,8 @@ class SerialLine(EndToEndTest):
         for number in range(REPLUGS):
             wanted += self.replug(choose, number)
         self.settle("serial", len(wanted))
-        self.assertEqual(self.descriptors(), before)
+        # At the start the program may still have a file open that it reads once.
+        self.assertLessEqual(self.descriptors(), before)
         self.stop()
         self.assertEqual(self.delivered("serial"), wanted)
         for text in (GONE, BACK):

@@ -15,6 +15,7 @@
 
 #include "host_serial.h"
 #include "options.h"
+#include "recording_name.h"
 #include "values.h"
 
 namespace mdencoder {
@@ -89,6 +90,10 @@ TEST(Source, SerialSettings) {
   EXPECT_EQ(record.bCaptureToDisk, TRUE);
   EXPECT_EQ(record.nMaxCaptureSizeInKBytes, 64);
   EXPECT_NE(config.encoder.capabilities & METADATALIB_CAPS_COT_SUPPORT, 0U);
+}
+
+TEST(Source, TheUsualDeltaIsShorterThanThePairsOfAFastSenderAreApart) {
+  EXPECT_EQ(Record(Read(std::string(kUdp) + "data = cot\n")).format.CoT.nMaxAirCraftSPITimeDeltaInMs, 40U);
 }
 
 TEST(Source, VideoSettings) {
@@ -220,6 +225,12 @@ INSTANTIATE_TEST_SUITE_P(
             "[u] classifying_country must be a country code of three letters, not \"\""},
         Bad{UDP "classification = secret\nclassifying_country = US\n",
             "[u] classifying_country must be a country code of three letters, not \"US\""},
+        Bad{UDP "classification = secret\nclassifying_country = U5A\n",
+            "[u] classifying_country must be a country code of three letters, not \"U5A\""},
+        Bad{"[s]\ninput = serial\nbaud = 115201\n",
+            "[s] baud must be one of 50, 75, 110, 134, 150, 200, 300, 600, 1200, 1800, 2400, 4800, 9600, 19200, 38400, "
+            "57600, 115200, 230400, 460800, 500000, 576000, 921600, 1000000, 1152000, 1500000, 2000000, 2500000, 3000000, "
+            "3500000, 4000000, not \"115201\""},
         Bad{UDP "keep_tags = 2, 128\n",
             "[u] keep_tags must be a list of tags 0 to 127, ranges and item names, or none, not \"2, 128\""},
         Bad{UDP "keep_tags = 15-13\n",
@@ -232,7 +243,7 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{UDP "family = ipv6\naddress = 10.0.0.1\n",
             "[u] address must be the sender's numeric IPv4 or IPv6 address of the family given, or an IPv4 group, not "
             "\"10.0.0.1\""},
-        Bad{"[a b]\ninput = video\n", "[a b] must be a source name of up to 64 letters, digits, '_', '-' and '.'"},
+        Bad{"[a b]\ninput = video\n", "[a b] must be a source name of up to 49 letters, digits, '_', '-' and '.'"},
         Bad{"[encoder]\nformat = xml\n", "[encoder] format must be one of table, json, none, not \"xml\""},
         Bad{"[encoder]\ncapabilities = cot\n",
             "[encoder] capabilities must be a list with ipv4 or ipv6 in it, not \"cot\""},
@@ -258,6 +269,20 @@ INSTANTIATE_TEST_SUITE_P(Together, BadConfig,
                                              "[u] data = cot is allowed only with cot among the capabilities"}));
 
 INSTANTIATE_TEST_SUITE_P(
+    Recordings, BadConfig,
+    testing::Values(Bad{UDP "rotate_size = 12\n",
+                        "[u] rotate_size must be a number of bytes from 1024, which may end in k, M or G, not \"12\""},
+                    Bad{UDP "rotate_time = 2678401\n",
+                        "[u] rotate_time must be a whole number from 0 to 2678400, not \"2678401\""},
+                    Bad{UDP "output = /a.klv\nrotate_time = 60\n",
+                        "[u] output must be a name with %n in it, because the recording is rotated, not \"/a.klv\""},
+                    Bad{"[encoder]\nrotate_size = 1M\n" UDP "output = /a_%Y%m%dT%H%M%SZ.klv\n",
+                        "[u] output must be a name with %n in it, because the recording is rotated, not "
+                        "\"/a_%Y%m%dT%H%M%SZ.klv\""},
+                    Bad{UDP "output = /%Q.klv\n",
+                        "[u] output must be a name with only %Y %m %d %H %M %S, %n and %% in it, not \"/%Q.klv\""}));
+
+INSTANTIATE_TEST_SUITE_P(
     Lines, BadConfig,
     testing::Values(
         Bad{"port = 1\n", "key \"port\" stands before the first [section]"},
@@ -265,6 +290,29 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{UDP "port = 5001\n",
             "[u] port = 5001: given twice, or continued on an indented line; one line per key is allowed"}));
 #undef UDP
+
+TEST(Recordings, SourcesHaveTheSettingsOfTheEncoderUnlessTheyHaveTheirOwn) {
+  const Config config = MakeConfig(ParseIni("[a]\ninput = udp\nport = 1\nrotate_size = 0\n[encoder]\noutput_dir = /o\n"
+                                            "rotate_size = 2M\nrotate_time = 60\n[b]\ninput = udp\nport = 2\n"
+                                            "rotate_time = 0\noutput = /x/b_%n\n[c]\ninput = udp\nport = 3\n"
+                                            "rotate_time = 0\nrotate_size = 0\n"),
+                                   "-");
+  EXPECT_EQ(config.sources[0].rotateSize, 0u);
+  EXPECT_EQ(config.sources[0].rotateTime, 60u);
+  EXPECT_EQ(config.sources[1].rotateSize, 2u << 20);
+  EXPECT_EQ(config.sources[1].rotateTime, 0u);
+  EXPECT_EQ(RecordingPath(config.sources[0], config.encoder), "/o/a_%Y%m%dT%H%M%SZ_%n.klv");
+  EXPECT_EQ(RecordingPath(config.sources[1], config.encoder), "/x/b_%n");
+  EXPECT_EQ(RecordingPath(config.sources[2], config.encoder), "/o/c.klv");
+}
+
+TEST(Silence, IsThatOfTheEncoderUnlessASourceHasItsOwn) {
+  const Config config = MakeConfig(ParseIni("[a]\ninput = udp\nport = 1\nsilence = 0\n[encoder]\nsilence = 2.5\n"
+                                            "[b]\ninput = udp\nport = 2\n"),
+                                   "-");
+  EXPECT_EQ(config.sources[0].silence, 0.0);
+  EXPECT_EQ(config.sources[1].silence, 2.5);
+}
 
 TEST(Complaints, UnknownKeysComeWithASuggestion) {
   const std::string complaint = Complaint(std::string(kUdp) + "prot = 5000\n");
@@ -278,8 +326,23 @@ TEST(Complaints, LinesThatTheReaderWouldCutAreRefused) {
             "line 2: line too long, at most 197 characters are allowed");
 }
 
+TEST(Complaints, NamesOfSectionsThatTheReaderWouldCutAreRefused) {
+  EXPECT_EQ(Read("[" + std::string(49, 'x') + "]\ninput = video\n").sources[0].name, std::string(49, 'x'));
+  EXPECT_EQ(Complaint("; no source\n [" + std::string(50, 'x') + "]\ninput = video\n"),
+            "line 2: name of a section too long, at most 49 characters are allowed");
+}
+
 TEST(Complaints, AZeroByteIsRefused) {
   EXPECT_EQ(Complaint(std::string("[u]\ninput = udp\0\n", 16)), "contains a zero byte; a text file is expected");
+}
+
+TEST(Complaints, AFolderIsNoConfiguration) {
+  try {
+    ReadIni(testing::TempDir());
+    FAIL() << "accepted";
+  } catch (const ConfigError& error) {
+    EXPECT_EQ(error.what(), testing::TempDir() + ": cannot be read");
+  }
 }
 
 TEST(Complaints, AFileThatIsNotThere) {
@@ -321,9 +384,17 @@ TEST(CommandLine, OptionsAreKeysOfTheEncoderSection) {
   Options options;
   EXPECT_EQ(Parse({"demo.ini", "--format", "json", "--stats-interval=2", "--live", "--check"}, options), -1);
   EXPECT_EQ(options.config, "demo.ini");
-  EXPECT_TRUE(options.check);
+  EXPECT_EQ(options.check, Check::All);
   EXPECT_THAT(options.overrides,
               testing::UnorderedElementsAre(Pair("format", "json"), Pair("stats_interval", "2"), Pair("live", "yes")));
+}
+
+TEST(CommandLine, ACheckIsOfEverythingOrOfTheText) {
+  Options options;
+  EXPECT_EQ(Parse({"demo.ini"}, options), -1);
+  EXPECT_EQ(options.check, Check::None);
+  EXPECT_EQ(Parse({"--check-text", "demo.ini"}, options), -1);
+  EXPECT_EQ(options.check, Check::Text);
 }
 
 TEST(CommandLine, HelpIsNoErrorAndMisuseIsTwo) {

@@ -49,6 +49,7 @@ Bytes WithHeader(const Bytes& message, uint8_t sequence, uint16_t length) {
 struct Rendered {
   explicit Rendered(const Bytes& message) : buffer(WithHeader(message, 17, 300)) {
     received.source = &source;
+    received.name = source.Name();
     received.timeUs = 1714558830123456;
     received.sequence = 17;
     received.headerLength = 300;
@@ -246,7 +247,8 @@ TEST(Statistics, TableNamesWhatThereIsToSay) {
   const auto lines = StatisticsTable({report});
   const std::string text = testing::PrintToString(lines);
   EXPECT_THAT(text, HasSubstr("407"));
-  EXPECT_THAT(lines, testing::Contains("    2 sequence gaps with 5 messages lost, 0 dropped with the queue full"));
+  EXPECT_THAT(lines, testing::Contains("    2 gaps in the stream sequence with 5 numbers missing, 0 dropped with the "
+                                       "queue full"));
   EXPECT_THAT(text, HasSubstr("checksums 1 bad, 0 missing"));
   EXPECT_THAT(lines, testing::Contains("    last sender 10.0.0.5"));
   EXPECT_THAT(lines, testing::Contains("    TTL 64 (changed 16 times), TOS 18 (changed 19 times)"));
@@ -255,6 +257,54 @@ TEST(Statistics, TableNamesWhatThereIsToSay) {
   EXPECT_THAT(lines, testing::Contains("    rewritten: 10 sets, 11 invalid; mission id added 12, updated 13; security "
                                        "added 14, updated 15"));
   EXPECT_THAT(lines, Each(Not(HasSubstr("\n"))));
+}
+
+TEST(Statistics, LossesBeforeTheLibraryAreShown) {
+  const SourceSettings settings = UdpSettings();
+  Report report;
+  report.settings = &settings;
+  report.kernelDrops = 12;
+  report.counters.cutAtBuffer = 3;
+  report.counters.sequenceGaps = 2;
+  report.counters.lastUs = 1714558830123456;
+  report.lastMessageAge = 2.6;
+  auto lines = StatisticsTable({report});
+  EXPECT_THAT(lines, testing::Contains("    12 datagrams dropped by the kernel, because the socket's buffer was full"));
+  EXPECT_THAT(lines,
+              testing::Contains("    3 messages end where the receive buffer of 1500 bytes does, and may be cut"));
+  EXPECT_THAT(lines, testing::Contains("    last message 3 s ago"));
+  Json json = ReportJson(report);
+  EXPECT_EQ(json["kernel_drops"], 12);
+  EXPECT_EQ(json["cut_at_buffer"], 3);
+  EXPECT_EQ(json["stream_sequence_gaps"], 2);
+  EXPECT_EQ(json["sequence_gaps"], 2) << "the former name";
+  EXPECT_EQ(json["last_message"], "2024-05-01T10:20:30.123456Z");
+  EXPECT_EQ(json["last_message_age_s"], 2.6);
+  EXPECT_FALSE(json.contains("capture"));
+  report.capture.emplace();
+  report.capture->packets = 10;
+  report.capture->overflows = 4;
+  report.capture->badParity = 1;
+  lines = StatisticsTable({report});
+  EXPECT_THAT(lines, testing::Contains("    lost in the capture: 4 dropped with the queue full, 1 wrong parity"));
+  EXPECT_EQ(ReportJson(report)["capture"]["overflows"], 4);
+}
+
+TEST(Statistics, PairsOfDifferentTimesAreCounted) {
+  const SourceSettings settings = FullSettings(true);
+  Source source(settings);
+  for (const int64_t difference : {0, 20'000, 40'000, 10'000}) source.CountPair(difference);
+  Report report{&settings, source.Snapshot(), FullStatistics(true)};
+  report.statistics.prot.CoT.nConvertedKLVMessages = 1;  // of 4 + 5 events, 6 of them filtered
+  EXPECT_THAT(StatisticsTable({report}),
+              testing::Contains("    pairs: 3 of events whose times differ, by 40 ms at most; "
+                                "1 events without a partner"));
+  EXPECT_EQ(ReportJson(report)["pairs"].dump(),
+            R"({"times_differ":3,"largest_difference_ms":40.0,"events_without_partner":1})");
+  report.statistics.prot.CoT.nConvertedKLVMessages = 7;
+  EXPECT_EQ(ReportJson(report)["pairs"]["events_without_partner"], 0);
+  const SourceSettings klv = FullSettings(false);
+  EXPECT_FALSE(ReportJson({&klv, {}, FullStatistics(false)}).contains("pairs"));
 }
 
 TEST(Statistics, FileIsReplacedAsAWholeAndChecked) {
@@ -323,6 +373,19 @@ TEST(Sequence, AVideoSourceUsesARefusedNumberAgain) {
   EXPECT_EQ(source.Snapshot().dropped, 1U);
   EXPECT_EQ(source.Snapshot().messages, 2U);
   EXPECT_EQ(source.Snapshot().bytes, 20U);
+}
+
+TEST(Arrival, DatagramsThatFillTheBufferAreCounted) {
+  SourceSettings settings = UdpSettings();
+  Source source(settings);
+  source.Saw(7, 1499);
+  source.Saw(8, 1500);
+  EXPECT_EQ(source.Snapshot().cutAtBuffer, 1U);
+  EXPECT_EQ(source.Snapshot().lastUs, 8U);
+  settings.record.enDataType = MDATA_DATA_COT;
+  Source events(settings);
+  events.Saw(8, 1500);
+  EXPECT_EQ(events.Snapshot().cutAtBuffer, 0U) << "that is the length of the converted packet";
 }
 
 TEST(Commands, AreReadLeniently) {

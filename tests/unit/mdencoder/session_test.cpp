@@ -20,6 +20,7 @@
 #include <functional>
 #include <iterator>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -145,6 +146,15 @@ class SessionTest : public testing::Test {
     }
   }
 
+  // What the tests find outside: nothing stands in the way of any source.
+  static Surroundings Outside() {
+    Surroundings around;
+    around.reach = {[](const SourceSettings&, const HostRuntimeConfig&) { return std::string(); },
+                    [](const SourceSettings&, const HostRuntimeConfig&) { return Place(); },
+                    [](const SourceSettings&, const HostRuntimeConfig&, const Place&) { return Health(); }};
+    return around;
+  }
+
   // Runs until the run ends by itself, and returns the printed text.
   std::string Run(const std::string& encoder, const std::string& sources = "[a]\ninput = udp\nport = 5000\n") {
     const Config config = MakeConfig(ParseIni("[encoder]\n" + encoder + sources), "-");
@@ -152,7 +162,8 @@ class SessionTest : public testing::Test {
     testing::internal::CaptureStderr();
     {
       Console console;
-      Session session(config, m_library, console);
+      Session session(config, m_library, console, m_around);
+      session.SetPairClock(m_pairClock);
       m_exitCode = session.Run();
     }
     m_complaints = testing::internal::GetCapturedStderr();
@@ -179,11 +190,32 @@ class SessionTest : public testing::Test {
 
   const std::string m_folder = testing::TempDir() + "mdencoder_session_" + std::to_string(getpid());
   FakeLibrary m_fake;
+  Surroundings m_around = Outside();
   Library m_library;
+  std::function<std::optional<int64_t>()> m_pairClock;
   std::string m_complaints;
   int m_exitCode = -1;
   int m_savedInput = -1;
 };
+
+TEST_F(SessionTest, CountsThePairsOfCotSourcesWhoseTimesDiffer) {
+  int asked = 0;
+  m_pairClock = [&asked]() -> std::optional<int64_t> {
+    if (++asked == 2) return std::nullopt;
+    return 10'000 * asked;
+  };
+  DeliverWhenOpen(2, [] {
+    for (uint8_t i = 0; i < 3; ++i) EXPECT_EQ(Deliver(i == 1 ? 0 : 1, i, MessageNumber(i)), TRUE);
+    EXPECT_EQ(Deliver(1, 3, MessageNumber(3)), TRUE);
+  });
+  Run("messages = 4\nformat = none\nsummary = " + m_folder + "/summary.json\n",
+      "[klv]\ninput = udp\nport = 5000\n[cot]\ninput = udp\nport = 5001\ndata = cot\n");
+  const Json sources = Json::parse(ReadFile(m_folder + "/summary.json"))["sources"];
+  EXPECT_FALSE(sources[0].contains("pairs"));
+  EXPECT_EQ(sources[1]["pairs"]["times_differ"], 2);
+  EXPECT_EQ(sources[1]["pairs"]["largest_difference_ms"], 30);
+  EXPECT_EQ(asked, 3) << "only for sources of Cursor-on-Target";
+}
 
 TEST_F(SessionTest, ShowsKeepsAndSumsUpWhatArrives) {
   st0601::Bytes expected;
@@ -252,43 +284,39 @@ TEST_F(SessionTest, WritesTheStreamHeaderOnRequest) {
   EXPECT_EQ(file.substr(0, 3), std::string("\0\x07\xDF", 3));
 }
 
-TEST_F(SessionTest, ASlowReaderNeverBlocksTheCallback) {
-  // The worker writes into a pipe that nobody reads; the callback must continue and count the messages that it refuses.
+TEST_F(SessionTest, AStoppedReaderCostsRowsOnly) {
+  // Nobody reads the standard output. Every message is accepted and recorded, and the run ends all the same.
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   fcntl(ends[0], F_SETPIPE_SZ, 4096);
-  std::atomic<bool> delivered{false};
   DeliverWhenOpen(1, [&] {
-    int refused = 0;
-    for (int i = 0; i < 2000; ++i) refused += Deliver(0, static_cast<uint8_t>(i), MessageNumber(i)) ? 0 : 1;
-    EXPECT_GT(refused, 1000);
-    delivered = true;
+    for (int i = 0; i < 2000; ++i) EXPECT_EQ(Deliver(0, static_cast<uint8_t>(i), MessageNumber(i)), TRUE);
     kill(getpid(), SIGTERM);
-  });
-  std::thread reader([&] {
-    while (!delivered) std::this_thread::yield();
-    char buffer[65536];
-    while (read(ends[0], buffer, sizeof(buffer)) > 0) continue;
   });
   const int output = dup(STDOUT_FILENO);
   std::fflush(stdout);
   dup2(ends[1], STDOUT_FILENO);
   close(ends[1]);
-  const Config config = MakeConfig(
-      ParseIni("[encoder]\nqueue = 8\nsummary = " + m_folder + "/s.json\n[a]\ninput = udp\nport = 5000\n"), "-");
+  const Config config = MakeConfig(ParseIni("[encoder]\noutput_dir = " + m_folder + "\nsummary = " + m_folder +
+                                            "/s.json\n[a]\ninput = udp\nport = 5000\n"),
+                                   "-");
+  testing::internal::CaptureStderr();
   {
     Console console;
-    m_exitCode = Session(config, m_library, console).Run();
+    m_exitCode = Session(config, m_library, console, m_around).Run();
   }
-  std::fflush(stdout);
+  EXPECT_THAT(testing::internal::GetCapturedStderr(), HasSubstr(" rows were not printed"));
   dup2(output, STDOUT_FILENO);
   close(output);
-  reader.join();
   close(ends[0]);
   EXPECT_EQ(m_exitCode, 0);
-  const Json source = Json::parse(ReadFile(m_folder + "/s.json"))["sources"][0];
-  EXPECT_EQ(source["messages"].get<int>() + source["dropped"].get<int>(), 2000);
-  EXPECT_EQ(source["sequence_gaps"], 0);
+  const Json summary = Json::parse(ReadFile(m_folder + "/s.json"));
+  EXPECT_EQ(summary["sources"][0]["messages"], 2000);
+  EXPECT_EQ(summary["sources"][0]["dropped"], 0);
+  EXPECT_GT(summary["rows_dropped"], 1000);
+  size_t size = 0;
+  for (int i = 0; i < 2000; ++i) size += MessageNumber(i).size();
+  EXPECT_EQ(std::filesystem::file_size(m_folder + "/a.klv"), size);
 }
 
 TEST_F(SessionTest, SignalsResetAndEnd) {
@@ -349,7 +377,7 @@ TEST_F(SessionTest, StatisticsAtAnInterval) {
 
 TEST_F(SessionTest, ASourceThatCannotBeOpenedEndsTheRunAndClosesTheOthers) {
   m_fake.failOpenAt = 1;
-  Run("format = none\n", "[a]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5001\n");
+  Run("format = none\nretry = no\n", "[a]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5001\n");
   EXPECT_EQ(m_exitCode, 1);
   EXPECT_THAT(m_fake.calls, ElementsAre("init 6", "open 1", "open 2", "close 1", "shutdown"));
   EXPECT_THAT(m_complaints, HasSubstr("mdencoder: source b cannot be opened"));
@@ -366,7 +394,8 @@ TEST_F(SessionTest, FilesThatCannotBeWrittenFail) {
   DeliverWhenOpen(m_fake.sources.size() + 1, [] { Deliver(g_fake->sources.size() - 1, 0, MessageNumber(0)); });
   Run("format = none\nmessages = 1\n", "[a]\ninput = udp\nport = 5000\noutput = /dev/full\n");
   EXPECT_EQ(m_exitCode, 1);
-  EXPECT_THAT(m_complaints, HasSubstr("the received stream of a could not be written"));
+  EXPECT_THAT(m_complaints, HasSubstr("the received stream of a lacks 1 messages: 0 dropped with the queue full, 1 "
+                                      "that could not be written"));
 }
 
 TEST_F(SessionTest, AnOutputThatCannotBeWrittenEndsTheRun) {
@@ -381,7 +410,7 @@ TEST_F(SessionTest, AnOutputThatCannotBeWrittenEndsTheRun) {
   testing::internal::CaptureStderr();
   {
     Console console;
-    EXPECT_EQ(Session(config, m_library, console).Run(), 1);
+    EXPECT_EQ(Session(config, m_library, console, m_around).Run(), 1);
   }
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "mdencoder: cannot write to standard output\n");
   dup2(output, STDOUT_FILENO);

@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "reload.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <cstring>
+#include <tuple>
+
+namespace mdencoder {
+namespace {
+
+[[noreturn]] void Refuse(const std::string& key) {
+  throw ConfigError("[encoder] " + key + " cannot change while the program runs; restart it");
+}
+
+// Less may be needed than the library was started with, but not more. Without cot nothing changes for the sources left.
+void CompareCapabilities(DWORD running, DWORD fresh) {
+  if ((fresh & ~running) != 0 || (running & ~fresh & ~static_cast<DWORD>(METADATALIB_CAPS_COT_SUPPORT)) != 0) {
+    Refuse("capabilities (of the key, or of data = cot)");
+  }
+}
+
+void CompareEncoders(const EncoderSettings& running, const EncoderSettings& fresh) {
+  const auto require = [](bool isSame, const char* key) {
+    if (!isSame) Refuse(key);
+  };
+  CompareCapabilities(running.capabilities, fresh.capabilities);
+  require(running.library == fresh.library, "library");
+  require(running.hostConfig == fresh.hostConfig, "host_config");
+  require(running.outputDir == fresh.outputDir, "output_dir");
+  require(running.streamHeader == fresh.streamHeader, "stream_header");
+  require(running.rotateSize == fresh.rotateSize, "rotate_size");
+  require(running.rotateTime == fresh.rotateTime, "rotate_time");
+  require(running.extendedTags == fresh.extendedTags, "extended_tags");
+  require(running.heightsOptional == fresh.heightsOptional, "heights");
+  require(running.format == fresh.format, "format");
+  require(running.live == fresh.live, "live");
+  require(running.statsJson == fresh.statsJson, "stats_json");
+  require(running.messages == fresh.messages, "messages");
+  require(running.messagesEach == fresh.messagesEach, "messages_each");
+  require(running.queue == fresh.queue, "queue");
+  EncoderSettings taken = running;
+  TakeOver(taken, fresh);
+  taken.capabilities = fresh.capabilities;
+  require(taken == fresh, "has a key that");
+}
+
+void CompareRotation(const SourceSettings& running, const SourceSettings& fresh) {
+  if (running.rotateSize == fresh.rotateSize && running.rotateTime == fresh.rotateTime) return;
+  const char* const key = running.rotateSize == fresh.rotateSize ? "rotate_time" : "rotate_size";
+  throw ConfigError("[" + fresh.name + "] " + key + " cannot change while the program runs; restart it");
+}
+
+bool IsSameCapture(const HostCaptureConfig& a, const HostCaptureConfig& b) {
+  return std::tie(a.kind, a.path, a.loop, a.address, a.port) == std::tie(b.kind, b.path, b.loop, b.address, b.port);
+}
+
+// Compares what the host has for the source.
+bool IsSameOrigin(const SourceSettings& source, const HostRuntimeConfig& a, const HostRuntimeConfig& b) {
+  switch (source.record.enInputType) {
+    case MDATA_INPUT_SERIAL:
+      return a.serialDevices == b.serialDevices;
+    case MDATA_INPUT_NETWORK:
+      return a.multicastInterface == b.multicastInterface;
+    default: {
+      const auto input = static_cast<size_t>(source.record.in.Video.enInputInterface);
+      return IsSameCapture(a.captures.at(input), b.captures.at(input)) && a.multicastInterface == b.multicastInterface;
+    }
+  }
+}
+
+// The records are zeroed before they are filled, and a difference of padding would only open a source again.
+bool IsSameRecord(const MDATA_SRC_CFG& a, MDATA_SRC_CFG b) {
+  b.nIndex = a.nIndex;
+  return std::memcmp(&a, &b, sizeof(a)) == 0;  // NOLINT(bugprone-suspicious-memory-comparison): see above
+}
+
+}  // namespace
+
+bool IsSameSource(const SourceSettings& a, const SourceSettings& b) {
+  return a.name == b.name && a.input == b.input && a.data == b.data && a.output == b.output;
+}
+
+ConfigDifference Compare(const CheckedConfig& running, const CheckedConfig& fresh) {
+  CompareEncoders(running.config.encoder, fresh.config.encoder);
+  ConfigDifference difference;
+  const auto isIn = [](const std::vector<SourceSettings>& sources, const SourceSettings& wanted) {
+    return std::find_if(sources.begin(), sources.end(),
+                        [&](const SourceSettings& each) { return IsSameSource(each, wanted); });
+  };
+  for (const SourceSettings& old : running.config.sources) {
+    if (isIn(fresh.config.sources, old) == fresh.config.sources.end()) difference.removed.push_back(old.name);
+  }
+  for (const SourceSettings& source : fresh.config.sources) {
+    const auto old = isIn(running.config.sources, source);
+    if (old != running.config.sources.end()) CompareRotation(*old, source);
+    if (old == running.config.sources.end()) {
+      difference.added.push_back(source);
+    } else if (IsSameRecord(old->record, source.record) && IsSameOrigin(source, running.host, fresh.host)) {
+      difference.unchanged.push_back(source);
+    } else {
+      difference.changed.push_back(source);
+    }
+  }
+  return difference;
+}
+
+void TakeOver(EncoderSettings& running, const EncoderSettings& fresh) {
+  running.logLevel = fresh.logLevel;
+  running.moduleLevels = fresh.moduleLevels;
+  running.statusInterval = fresh.statusInterval;
+  running.statsInterval = fresh.statsInterval;
+  running.statsFile = fresh.statsFile;
+  running.summary = fresh.summary;
+  running.duration = fresh.duration;
+  running.retry = fresh.retry;
+  running.silence = fresh.silence;
+}
+
+}  // namespace mdencoder

@@ -1,0 +1,467 @@
+// SPDX-License-Identifier: Apache-2.0
+// CONTENTS
+//   Allowance   limits lines and openings
+//   Opening     tries, opens, closes and opens again
+//   Network     looks at what changed
+//   Lines       say what a source waits for
+//   Reload      applies a new configuration
+//   Counts      are read, reset and restored, whether a source is open or not
+#include "source_keeper.h"
+
+#include <netinet/in.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <utility>
+
+namespace mdencoder {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kRetry = 2s;
+// An opening that the library refused wrote lines to the log.
+constexpr auto kLongestPause = 30s;
+// Links, addresses and routes change together.
+constexpr auto kSettle = 200ms;
+
+constexpr double kLinesAtOnce = 6;
+constexpr auto kLineEach = 60s;
+constexpr double kOpeningsAtOnce = 3;
+constexpr auto kOpeningEach = 5s;
+
+}  // namespace
+
+// --- Allowance ---------------------------------------------------------------------------------------
+
+void Allowance::Fill(Clock::time_point now) {
+  if (m_filled != Clock::time_point{}) m_left = std::min(m_atOnce, m_left + (now - m_filled) / m_each);
+  m_filled = now;
+}
+
+bool Allowance::Take(Clock::time_point now) {
+  Fill(now);
+  if (m_left < 1) return false;
+  m_left -= 1;
+  return true;
+}
+
+Allowance::Clock::time_point Allowance::Next(Clock::time_point now) const {
+  Allowance filled = *this;
+  filled.Fill(now);
+  if (filled.m_left >= 1) return now;
+  // A millisecond more, so that rounding does not make Take fail then.
+  return now + std::chrono::ceil<std::chrono::milliseconds>((1 - filled.m_left) * m_each) + 1ms;
+}
+
+struct SourceKeeper::Entry {
+  Entry(const SourceSettings& given, void* context) : settings(given), source(settings), tap{context, &source} {
+    statistics.iSrcTTL = statistics.iSrcTOS = -1;
+  }
+  Entry(const Entry&) = delete;
+  Entry& operator=(const Entry&) = delete;
+
+  bool IsOpen() const { return handle != nullptr; }
+
+  SourceSettings settings;
+  Source source;
+  Tap tap;
+  DWORD capabilities = 0;
+  SourceState state = SourceState::Waiting;
+  HMDATASRC handle = nullptr;    // of an open source
+  MDATA_SRC_STATS statistics{};  // while it is not open: those that it is opened with
+  bool hasStatistics = false;
+  bool wasOpen = false;
+  uint64_t reopened = 0;
+  Place place;
+  Clock::time_point nextTry{};
+  std::chrono::seconds pause = kRetry;  // after an opening that the library refused
+  Allowance openings{kOpeningsAtOnce, kOpeningEach};
+
+  std::string reason;  // of the trouble; empty without one
+  Clock::time_point since{};
+  bool isTold = false;
+  unsigned untold = 0;  // troubles that came and went without a line
+  Allowance lines{kLinesAtOnce, kLineEach};
+};
+
+SourceKeeper::SourceKeeper(const Library& library, MDATA_READY_CALLBACK callback, void* context, HostRuntimeConfig host,
+                           Reach reach, Say say)
+    : m_library(library),
+      m_callback(callback),
+      m_context(context),
+      m_host(std::move(host)),
+      m_reach(std::move(reach)),
+      m_say(std::move(say)) {}
+
+SourceKeeper::~SourceKeeper() = default;
+
+// --- Opening -----------------------------------------------------------------------------------------
+
+Source& SourceKeeper::Add(const SourceSettings& settings, DWORD capabilities) {
+  const auto returned = std::find_if(m_entries.begin(), m_entries.end(), [&](const auto& entry) {
+    return entry->state == SourceState::Removed && IsSameSource(entry->settings, settings);
+  });
+  if (returned == m_entries.end()) {
+    m_entries.push_back(std::make_unique<Entry>(settings, m_context));
+  } else {
+    std::rotate(returned, returned + 1, m_entries.end());
+  }
+  Entry& entry = *m_entries.back();
+  if (entry.hasStatistics) entry.statistics = ContinuedStatistics(entry.settings, settings, entry.statistics);
+  entry.settings = settings;
+  entry.capabilities = capabilities;
+  entry.state = SourceState::Waiting;
+  entry.nextTry = {};
+  return entry.source;
+}
+
+// Queued messages may refer to a source that was open before.
+void SourceKeeper::Discard(const Source& source) {
+  for (const auto& entry : m_entries) {
+    if (&entry->source == &source && entry->wasOpen) entry->state = SourceState::Removed;
+  }
+  std::erase_if(m_entries, [&](const auto& entry) { return &entry->source == &source && !entry->wasOpen; });
+}
+
+void SourceKeeper::Preset(const std::string& name, const MDATA_SRC_STATS& statistics) {
+  if (Entry* entry = Find(name)) {
+    entry->statistics = statistics;
+    entry->hasStatistics = true;
+  }
+}
+
+SourceKeeper::Entry* SourceKeeper::Find(const std::string& name) {
+  const auto found = std::find_if(m_entries.begin(), m_entries.end(), [&](const auto& entry) {
+    return entry->state != SourceState::Removed && entry->settings.name == name;
+  });
+  return found == m_entries.end() ? nullptr : found->get();
+}
+
+// Tells whether another source has started the capture of this video input, which holds its port or file.
+bool SourceKeeper::IsCaptured(const Entry& entry) const {
+  return std::any_of(m_entries.begin(), m_entries.end(), [&](const auto& other) {
+    return other.get() != &entry && other->IsOpen() && other->settings.record.enInputType == MDATA_INPUT_VIDEO &&
+           other->settings.record.in.Video.enInputInterface == entry.settings.record.in.Video.enInputInterface;
+  });
+}
+
+std::string SourceKeeper::ObstacleTo(const Entry& entry) const {
+  if (entry.settings.record.enInputType == MDATA_INPUT_VIDEO && IsCaptured(entry)) return {};
+  if (entry.settings.record.enInputType != MDATA_INPUT_NETWORK) return m_reach.obstacle(entry.settings, m_host);
+  // The library makes sockets only of the families that it was started with.
+  SourceSettings asked = entry.settings;
+  int32_t& family = asked.record.in.Network.iSrcAddressFamily;
+  if (family == 0 && (entry.capabilities & METADATALIB_CAPS_IPV6_SUPPORT) == 0) family = AF_INET;
+  if (family == 0 && (entry.capabilities & METADATALIB_CAPS_IPV4_SUPPORT) == 0) family = AF_INET6;
+  return m_reach.obstacle(asked, m_host);
+}
+
+bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
+  const std::string obstacle = entry.settings.retry ? ObstacleTo(entry) : "";
+  entry.nextTry = now + kRetry;
+  if (!obstacle.empty()) {
+    Trouble(entry, obstacle, now);
+    return false;
+  }
+  MDATA_SRC_CFG record = entry.settings.record;
+  record.pfnCallback = m_callback;
+  record.pvUserParam1 = &entry.tap;
+  entry.place = entry.settings.retry ? m_reach.locate(entry.settings, m_host) : Place{};
+  entry.source.Restart();
+  HMDATASRC handle = nullptr;
+  if (!m_library.openSource(&record, &handle)) {
+    entry.nextTry = now + entry.pause;
+    entry.pause = std::min<std::chrono::seconds>(entry.pause * 2, kLongestPause);
+    Trouble(entry, "the library cannot open it; the log tells why", now);
+    return false;
+  }
+  entry.handle = handle;
+  if (entry.hasStatistics) m_library.setSourceStats(handle, &entry.statistics);
+  entry.state = SourceState::Open;
+  entry.pause = kRetry;
+  if (std::exchange(entry.wasOpen, true)) ++entry.reopened;
+  Health health;
+  if (entry.settings.retry) health = m_reach.examine(entry.settings, m_host, entry.place);
+  if (!health.fault.empty()) {
+    entry.state = SourceState::CutOff;
+    Trouble(entry, health.fault, now);
+  } else {
+    if (health.needsReopen) m_examineAt = now + kSettle;
+    Recover(entry, now);
+  }
+  return true;
+}
+
+const Source* SourceKeeper::OpenAll(Clock::time_point now) {
+  for (const auto& entry : m_entries) {
+    if (entry->state != SourceState::Waiting) continue;
+    if (!TryOpen(*entry, now) && !entry->settings.retry) return &entry->source;
+  }
+  return nullptr;
+}
+
+void SourceKeeper::Close(Entry& entry) {
+  if (!entry.IsOpen()) return;
+  MDATA_SRC_STATS statistics{};
+  m_library.getSourceStats(entry.handle, &statistics);
+  if (!m_library.closeSource(&entry.handle)) {
+    m_failed = true;
+    m_say(true, "source " + entry.settings.name + " cannot be closed");
+  }
+  entry.handle = nullptr;  // the library does not change it
+  entry.statistics = statistics;
+  entry.hasStatistics = true;
+  entry.state = SourceState::Waiting;
+}
+
+void SourceKeeper::CloseAll() {
+  for (const auto& entry : m_entries) {
+    // The summary tells the state at the end of the run.
+    const SourceState state = entry->state;
+    Close(*entry);
+    entry->state = state;
+  }
+}
+
+// Sources of one video input share its capture, which ends when the last of them is closed.
+void SourceKeeper::Reopen(Entry& entry, Clock::time_point now) {
+  std::vector<Entry*> all = {&entry};
+  if (entry.settings.record.enInputType == MDATA_INPUT_VIDEO) {
+    for (const auto& other : m_entries) {
+      if (other.get() != &entry && other->IsOpen() && other->settings.record.enInputType == MDATA_INPUT_VIDEO &&
+          other->settings.record.in.Video.enInputInterface == entry.settings.record.in.Video.enInputInterface) {
+        all.push_back(other.get());
+      }
+    }
+  }
+  for (Entry* each : all) {
+    Close(*each);
+    each->statistics = ContinuedStatistics(each->settings, each->settings, each->statistics);
+  }
+  for (Entry* each : all) {
+    const bool wasTold = !each->reason.empty();
+    if (TryOpen(*each, now) && !wasTold && each->reason.empty() && each->lines.Take(now)) {
+      m_say(false, "source " + each->settings.name + " was opened again, because its interface or address changed");
+    }
+  }
+}
+
+void SourceKeeper::Tick(Clock::time_point now) {
+  for (const auto& entry : m_entries) {
+    if (entry->state == SourceState::Waiting && entry->settings.retry && now >= entry->nextTry) TryOpen(*entry, now);
+  }
+  if (m_examineAt && now >= *m_examineAt) {
+    m_examineAt.reset();
+    Examine(now);
+  }
+  for (const auto& entry : m_entries) {
+    if (!entry->reason.empty() && !entry->isTold) Tell(*entry, now);
+  }
+}
+
+SourceKeeper::Clock::time_point SourceKeeper::Due(Clock::time_point now) const {
+  auto due = Clock::time_point::max();
+  if (m_examineAt) due = *m_examineAt;
+  for (const auto& entry : m_entries) {
+    if (entry->state == SourceState::Waiting && entry->settings.retry) due = std::min(due, entry->nextTry);
+    if (!entry->reason.empty() && !entry->isTold) due = std::min(due, entry->lines.Next(now));
+  }
+  return due;
+}
+
+// --- Network -----------------------------------------------------------------------------------------
+
+void SourceKeeper::OnNetwork(const NetworkChanges& changes, Clock::time_point now) {
+  if (!changes.any) return;
+  for (const auto& entry : m_entries) {
+    const auto& links = changes.removedLinks;
+    // Its successor may have the same number.
+    if (std::find(links.begin(), links.end(), entry->place.interface) != links.end()) entry->place.interface = 0;
+    if (entry->state == SourceState::Waiting && entry->pause == kRetry) {
+      entry->nextTry = std::min(entry->nextTry, now + kSettle);
+    }
+  }
+  if (!m_examineAt) m_examineAt = now + kSettle;
+}
+
+void SourceKeeper::Examine(Clock::time_point now) {
+  for (const auto& entry : m_entries) {
+    if (!entry->IsOpen() || !entry->settings.retry) continue;
+    Examine(*entry, now);
+  }
+}
+
+void SourceKeeper::Examine(Entry& entry, Clock::time_point now) {
+  const Health health = m_reach.examine(entry.settings, m_host, entry.place);
+  if (health.needsReopen) {
+    if (entry.openings.Take(now)) {
+      Reopen(entry, now);
+    } else {
+      const auto next = entry.openings.Next(now);
+      m_examineAt = m_examineAt ? std::min(*m_examineAt, next) : next;
+    }
+  } else if (!health.fault.empty()) {
+    entry.state = SourceState::CutOff;
+    Trouble(entry, health.fault, now);
+  } else if (entry.state == SourceState::CutOff) {
+    entry.state = SourceState::Open;
+    Recover(entry, now);
+  }
+}
+
+// --- Lines -------------------------------------------------------------------------------------------
+
+void SourceKeeper::Trouble(Entry& entry, const std::string& reason, Clock::time_point now) {
+  if (entry.reason == reason) return;
+  if (entry.reason.empty()) entry.since = now;
+  entry.reason = reason;
+  entry.isTold = false;
+  if (entry.settings.retry) Tell(entry, now);
+}
+
+// Without a line the last one would still say that the source is back. The trouble is therefore told as soon as the
+// allowance lets it, if it still lasts.
+void SourceKeeper::Tell(Entry& entry, Clock::time_point now) {
+  if (!entry.lines.Take(now)) return;
+  entry.isTold = true;
+  std::string line = "source " + entry.settings.name + " waits: " + entry.reason;
+  if (entry.untold != 0) line += " (it was away and came back " + std::to_string(entry.untold) + " more times)";
+  entry.untold = 0;
+  m_say(true, line);
+}
+
+void SourceKeeper::Recover(Entry& entry, Clock::time_point now) {
+  if (entry.reason.empty()) return;
+  entry.reason.clear();
+  if (!entry.isTold) {
+    ++entry.untold;
+    return;
+  }
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - entry.since).count();
+  m_say(false, "source " + entry.settings.name + " is open after " + std::to_string(seconds) + " s");
+}
+
+std::string SourceKeeper::Summary() const {
+  size_t open = 0;
+  size_t all = 0;
+  std::string waiting;
+  for (const auto& entry : m_entries) {
+    if (entry->state == SourceState::Removed) continue;
+    ++all;
+    if (entry->state == SourceState::Open) ++open;
+    if (!entry->reason.empty()) waiting += "; " + entry->settings.name + " waits: " + entry->reason;
+  }
+  return std::to_string(open) + " of " + std::to_string(all) + " sources open" + waiting;
+}
+
+// --- Reload ------------------------------------------------------------------------------------------
+
+void SourceKeeper::Apply(const ConfigDifference& difference, const HostRuntimeConfig& host,
+                         const std::function<void()>& between, Clock::time_point now) {
+  for (const std::string& name : difference.removed) {
+    // A new source of this name may have been added already; the removed one comes first.
+    if (Entry* entry = Find(name)) {
+      Close(*entry);
+      entry->state = SourceState::Removed;
+      entry->reason.clear();
+    }
+  }
+  for (const SourceSettings& settings : difference.changed) {
+    Entry* entry = Find(settings.name);
+    if (entry == nullptr) continue;
+    Close(*entry);
+    entry->statistics = ContinuedStatistics(entry->settings, settings, entry->statistics);
+    entry->settings = settings;
+    entry->nextTry = now;
+    entry->pause = kRetry;
+  }
+  for (const SourceSettings& settings : difference.unchanged) {
+    Entry* const entry = Find(settings.name);
+    if (entry == nullptr) continue;
+    entry->settings.retry = settings.retry;
+    entry->settings.silence = settings.silence;
+  }
+  between();
+  m_host = host;
+  for (const auto& entry : m_entries) {
+    if (entry->state != SourceState::Waiting || now < entry->nextTry || TryOpen(*entry, now)) continue;
+    if (entry->settings.retry) continue;
+    m_failed = true;
+    m_say(true, "source " + entry->settings.name + " cannot be opened; the log tells why");
+  }
+}
+
+// --- Counts ------------------------------------------------------------------------------------------
+
+std::vector<Source*> SourceKeeper::Sources() {
+  std::vector<Source*> sources;
+  for (const auto& entry : m_entries) {
+    if (entry->state != SourceState::Removed) sources.push_back(&entry->source);
+  }
+  return sources;
+}
+
+std::vector<Source*> SourceKeeper::EverySource() {
+  std::vector<Source*> sources;
+  for (const auto& entry : m_entries) sources.push_back(&entry->source);
+  return sources;
+}
+
+const Source* SourceKeeper::OwnerOf(const std::string& output) const {
+  for (const auto& entry : m_entries) {
+    if (entry->source.OutputPath() == output) return &entry->source;
+  }
+  return nullptr;
+}
+
+bool SourceKeeper::IsOpen(const Source& source) const {
+  return std::any_of(m_entries.begin(), m_entries.end(), [&source](const auto& entry) {
+    return &entry->source == &source && entry->state == SourceState::Open;
+  });
+}
+
+bool SourceKeeper::AllReached(uint64_t messages) const {
+  return std::all_of(m_entries.begin(), m_entries.end(), [messages](const auto& entry) {
+    return entry->state == SourceState::Removed || entry->source.Messages() >= messages;
+  });
+}
+
+std::vector<Report> SourceKeeper::Reports(bool withRemoved) const {
+  static constexpr const char* kStates[] = {"waiting", "open", "cut off", "removed"};
+  std::vector<Report> reports;
+  for (const auto& entry : m_entries) {
+    if (entry->state == SourceState::Removed && !withRemoved) continue;
+    Report report;
+    report.settings = &entry->settings;
+    report.counters = entry->source.Snapshot();
+    report.statistics = entry->statistics;
+    if (entry->IsOpen()) m_library.getSourceStats(entry->handle, &report.statistics);
+    report.state = kStates[static_cast<size_t>(entry->state)];
+    report.reopened = entry->reopened;
+    reports.push_back(report);
+  }
+  return reports;
+}
+
+void SourceKeeper::Reset(Source& source) {
+  for (const auto& entry : m_entries) {
+    if (&entry->source != &source) continue;
+    entry->statistics = {};
+    entry->statistics.iSrcTTL = entry->statistics.iSrcTOS = -1;
+    if (entry->IsOpen()) m_library.resetSourceStats(entry->handle);
+  }
+}
+
+void SourceKeeper::Restore(Source& source, const MDATA_SRC_STATS& statistics) {
+  for (const auto& entry : m_entries) {
+    if (&entry->source != &source) continue;
+    entry->statistics = statistics;
+    entry->hasStatistics = true;
+    if (entry->IsOpen()) m_library.setSourceStats(entry->handle, &statistics);
+  }
+}
+
+}  // namespace mdencoder

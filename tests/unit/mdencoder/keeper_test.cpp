@@ -1,0 +1,352 @@
+// SPDX-License-Identifier: Apache-2.0
+// The state machine of the sources, on a clock and a network that the tests provide.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <chrono>
+#include <deque>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "config.h"
+#include "ini_file.h"
+#include "library.h"
+#include "reach.h"
+#include "source_keeper.h"
+
+namespace mdencoder {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using Clock = SourceKeeper::Clock;
+
+struct Opened {
+  MDATA_SRC_CFG record;
+  MDATA_SRC_STATS statistics{};
+};
+
+struct Fake {
+  std::vector<std::string> calls;
+  std::deque<Opened> sources;
+  bool refuses = false;
+};
+Fake* g_fake = nullptr;
+
+Opened* Of(HMDATASRC handle) {
+  return reinterpret_cast<Opened*>(handle);
+}
+BOOL Open(const MDATA_SRC_CFG* record, HMDATASRC* handle) {
+  g_fake->calls.push_back((g_fake->refuses ? "refuse " : "open ") + std::to_string(record->nIndex));
+  if (g_fake->refuses) return FALSE;
+  g_fake->sources.push_back({*record});
+  *handle = reinterpret_cast<HMDATASRC>(&g_fake->sources.back());
+  return TRUE;
+}
+BOOL Close(HMDATASRC* handle) {
+  g_fake->calls.push_back("close " + std::to_string(Of(*handle)->record.nIndex));
+  return TRUE;
+}
+BOOL Get(HMDATASRC handle, MDATA_SRC_STATS* statistics) {
+  *statistics = Of(handle)->statistics;
+  return TRUE;
+}
+BOOL Set(HMDATASRC handle, const MDATA_SRC_STATS* statistics) {
+  Of(handle)->statistics = *statistics;
+  return TRUE;
+}
+BOOL Reset(HMDATASRC handle) {
+  Of(handle)->statistics = {};
+  return TRUE;
+}
+BOOL OnMessage(MDATA_BUFFER*, void*, void*) {
+  return TRUE;
+}
+
+class KeeperTest : public testing::Test {
+ protected:
+  KeeperTest() { g_fake = &m_fake; }
+
+  Config Read(const std::string& text) { return MakeConfig(ParseIni(text), "-"); }
+
+  void Start(const std::string& text) {
+    m_checked.config = Read(text);
+    for (const SourceSettings& source : m_checked.config.sources) {
+      m_keeper.Add(source, m_checked.config.encoder.capabilities);
+    }
+    EXPECT_EQ(m_keeper.OpenAll(m_now), nullptr);
+  }
+
+  void Apply(const std::string& text) {
+    const CheckedConfig fresh{Read(text), {}};
+    const ConfigDifference difference = Compare(m_checked, fresh);
+    for (const SourceSettings& source : difference.added) m_keeper.Add(source, m_checked.config.encoder.capabilities);
+    m_keeper.Apply(
+        difference, fresh.host, [this] { m_fake.calls.push_back("between"); }, m_now);
+    m_checked = fresh;
+  }
+
+  // Lets the time pass in steps of what is due, as the main loop does.
+  void Pass(std::chrono::milliseconds time) {
+    const auto end = m_now + time;
+    while (m_keeper.Due(m_now) <= end) {
+      m_now = std::max(m_now, m_keeper.Due(m_now));
+      m_keeper.Tick(m_now);
+      ASSERT_LT(++m_ticks, 100000) << "nothing is due any more, and Tick is called all the same";
+    }
+    m_now = end;
+  }
+
+  std::vector<std::string> Calls() { return std::exchange(m_fake.calls, {}); }
+  std::vector<std::string> Lines() { return std::exchange(m_lines, {}); }
+
+  Fake m_fake;
+  Library m_library{nullptr, nullptr, Open, Close, nullptr, Get, Reset, Set};
+  std::string m_obstacle;  // to every source
+  int m_asked = 0;
+  Health m_health;
+  std::vector<std::string> m_lines;
+  int m_ticks = 0;
+  Clock::time_point m_now = Clock::time_point{} + 1h;
+  CheckedConfig m_checked;
+  SourceKeeper m_keeper{
+      m_library,
+      OnMessage,
+      this,
+      {},
+      {[this](const SourceSettings&, const HostRuntimeConfig&) {
+         ++m_asked;
+         return m_obstacle;
+       },
+       [](const SourceSettings&, const HostRuntimeConfig&) {
+         return Place{7, "eth1", {}};
+       },
+       [this](const SourceSettings&, const HostRuntimeConfig&, const Place&) { return m_health; }},
+      [this](bool isWarning, const std::string& line) { m_lines.push_back((isWarning ? "4 " : "5 ") + line); }};
+};
+
+constexpr char kUdp[] = "[a]\ninput = udp\nport = 5000\n";
+
+TEST_F(KeeperTest, WaitsInOneLineAndOpensInAnother) {
+  m_obstacle = "UDP port 5000 is in use";
+  Start(kUdp);
+  Pass(20s);
+  EXPECT_THAT(Lines(), ElementsAre("4 source a waits: UDP port 5000 is in use"));
+  EXPECT_THAT(Calls(), IsEmpty()) << "the library is not asked";
+  EXPECT_EQ(m_asked, 11) << "every two seconds";
+  EXPECT_EQ(m_keeper.Summary(), "0 of 1 sources open; a waits: UDP port 5000 is in use");
+  m_obstacle.clear();
+  Pass(2s);
+  EXPECT_THAT(Lines(), ElementsAre("5 source a is open after 22 s"));
+  EXPECT_THAT(Calls(), ElementsAre("open 1"));
+  EXPECT_EQ(m_keeper.Summary(), "1 of 1 sources open");
+  EXPECT_EQ(m_keeper.Due(m_now), Clock::time_point::max());
+}
+
+TEST_F(KeeperTest, AnOpeningThatTheLibraryRefusesIsTriedLessAndLessOften) {
+  m_fake.refuses = true;
+  Start(kUdp);
+  Pass(2s + 4s + 8s + 16s + 30s);
+  EXPECT_EQ(Calls().size(), 6U);
+  EXPECT_THAT(Lines(), ElementsAre("4 source a waits: the library cannot open it; the log tells why"));
+}
+
+TEST_F(KeeperTest, ASourceThatMustNotWaitIsOpenedWithoutAQuestion) {
+  m_obstacle = "anything";
+  Start(std::string(kUdp) + "retry = no\n");
+  EXPECT_THAT(Calls(), ElementsAre("open 1"));
+  EXPECT_EQ(m_asked, 0);
+  m_health = {"eth1 is gone", false};
+  m_keeper.OnNetwork({true, {7}}, m_now);
+  Pass(10s);
+  EXPECT_THAT(Calls(), IsEmpty());
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(KeeperTest, ASourceThatMustNotWaitAndCannotBeOpenedIsTold) {
+  m_fake.refuses = true;
+  const Config config = Read(std::string(kUdp) + "[b]\ninput = udp\nport = 5001\nretry = no\n");
+  for (const SourceSettings& source : config.sources) m_keeper.Add(source, config.encoder.capabilities);
+  const Source* const failed = m_keeper.OpenAll(m_now);
+  ASSERT_NE(failed, nullptr);
+  EXPECT_EQ(failed->Name(), "b");
+}
+
+TEST_F(KeeperTest, CountsGoOnAfterAnOpening) {
+  Start(kUdp);
+  m_fake.sources[0].statistics.nRxBytes = 1234;
+  m_fake.sources[0].statistics.iSrcTTL = 17;
+  m_health.needsReopen = true;
+  m_keeper.OnNetwork({true, {}}, m_now);
+  Pass(200ms);
+  m_health.needsReopen = false;
+  Pass(200ms);
+  ASSERT_EQ(m_fake.sources.size(), 2U);
+  EXPECT_THAT(Calls(), ElementsAre("open 1", "close 1", "open 1"));
+  EXPECT_EQ(m_fake.sources[1].statistics.nRxBytes, 1234U);
+  EXPECT_EQ(m_fake.sources[1].statistics.iSrcTTL, -1) << "so that relays follow the first datagram";
+  EXPECT_EQ(m_keeper.Reports(false)[0].reopened, 1U);
+  EXPECT_THAT(Lines(), ElementsAre("5 source a was opened again, because its interface or address changed"));
+}
+
+TEST_F(KeeperTest, CountsAreReadResetAndRestoredWhileASourceWaits) {
+  m_obstacle = "there is no device";
+  Start(kUdp);
+  EXPECT_EQ(m_keeper.Reports(false)[0].statistics.iSrcTTL, -1);
+  MDATA_SRC_STATS statistics{};
+  statistics.nRxBytes = 77;
+  m_keeper.Restore(*m_keeper.Sources()[0], statistics);
+  EXPECT_EQ(m_keeper.Reports(false)[0].statistics.nRxBytes, 77U);
+  EXPECT_STREQ(m_keeper.Reports(false)[0].state, "waiting");
+  m_keeper.Reset(*m_keeper.Sources()[0]);
+  EXPECT_EQ(m_keeper.Reports(false)[0].statistics.nRxBytes, 0U);
+  m_keeper.Restore(*m_keeper.Sources()[0], statistics);
+  m_obstacle.clear();
+  Pass(2s);
+  EXPECT_EQ(m_fake.sources[0].statistics.nRxBytes, 77U);
+}
+
+TEST_F(KeeperTest, ASourceThatIsCutOffStaysOpen) {
+  Start(kUdp);
+  Calls();
+  m_health.fault = "eth1 has no carrier";
+  m_keeper.OnNetwork({true, {}}, m_now);
+  Pass(1s);
+  EXPECT_THAT(Lines(), ElementsAre("4 source a waits: eth1 has no carrier"));
+  EXPECT_STREQ(m_keeper.Reports(false)[0].state, "cut off");
+  m_health.fault.clear();
+  m_keeper.OnNetwork({true, {}}, m_now);
+  Pass(1s);
+  EXPECT_THAT(Lines(), ElementsAre("5 source a is open after 1 s"));
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+TEST_F(KeeperTest, WhatFlapsForAnHourIsAFewLinesAndOpenings) {
+  Start(kUdp);
+  Calls();
+  for (int second = 0; second < 3600; ++second) {
+    m_health = {"eth1 is gone", false};
+    m_keeper.OnNetwork({true, {}}, m_now);
+    Pass(500ms);
+    m_health = {"", true};
+    m_keeper.OnNetwork({true, {}}, m_now);
+    Pass(300ms);
+    m_health = {};
+    m_keeper.OnNetwork({true, {}}, m_now);
+    Pass(200ms);
+  }
+  const auto lines = Lines();
+  EXPECT_LT(lines.size(), 150U);
+  EXPECT_THAT(lines, testing::Contains(HasSubstr("more times)")));
+  EXPECT_LT(Calls().size(), 2 * (3 + 3600U / 5 + 1));
+}
+
+TEST_F(KeeperTest, ATroubleThatStaysIsToldEvenAfterManyThatWent) {
+  Start(kUdp);
+  for (int i = 0; i < 100; ++i) {
+    m_health.fault = i % 2 == 0 ? "eth1 is gone" : "";
+    m_keeper.OnNetwork({true, {}}, m_now);
+    Pass(250ms);
+  }
+  Lines();
+  m_health.fault = "eth1 is gone";
+  m_keeper.OnNetwork({true, {}}, m_now);
+  Pass(61s);
+  EXPECT_THAT(Lines(), ElementsAre(HasSubstr("source a waits: eth1 is gone (it was away and came back")));
+}
+
+TEST_F(KeeperTest, SourcesOfOneVideoInputAreOpenedAgainTogether) {
+  Start("[a]\ninput = video\n[b]\ninput = video\n[c]\ninput = video\ninterface = 1\nretry = no\n");
+  Calls();
+  m_health.needsReopen = true;
+  m_keeper.OnNetwork({true, {}}, m_now);
+  m_now += 200ms;
+  m_health.needsReopen = true;
+  m_keeper.Tick(m_now);
+  const auto calls = Calls();
+  ASSERT_GE(calls.size(), 4U);
+  EXPECT_THAT(std::vector<std::string>(calls.begin(), calls.begin() + 4),
+              ElementsAre("close 1", "close 2", "open 1", "open 2"));
+}
+
+TEST_F(KeeperTest, ANewConfigurationClosesBeforeItOpens) {
+  Start("[a]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5001\n[c]\ninput = udp\nport = 5002\n");
+  Calls();
+  Apply("[new]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5003\n[c]\ninput = udp\nport = 5002\n");
+  EXPECT_THAT(Calls(), ElementsAre("close 1", "close 2", "between", "open 2", "open 1"));
+  const auto reports = m_keeper.Reports(true);
+  ASSERT_EQ(reports.size(), 4U);
+  EXPECT_STREQ(reports[0].state, "removed");
+  EXPECT_EQ(m_keeper.Reports(false).size(), 3U);
+}
+
+TEST_F(KeeperTest, ARemovedSourceThatReturnsIsTheSameObject) {
+  const std::string other = "[b]\ninput = udp\nport = 5001\n";
+  Start(kUdp + other);
+  m_fake.sources[0].statistics.nRxBytes = 99;
+  const Source* const before = m_keeper.Sources()[0];
+  Apply(other);
+  Apply(other + kUdp);
+  EXPECT_EQ(m_keeper.Sources()[1], before);
+  EXPECT_EQ(m_keeper.Reports(false)[1].statistics.nRxBytes, 99U);
+}
+
+// --- Difference ----------------------------------------------------------------------------------------
+
+std::string Refusal(const std::string& fresh, const std::string& running = "") {
+  const auto read = [](const std::string& text) {
+    return CheckedConfig{MakeConfig(ParseIni("[encoder]\n" + text + kUdp), "-"), {}};
+  };
+  try {
+    Compare(read(running), read(fresh));
+  } catch (const ConfigError& error) {
+    return error.what();
+  }
+  return "accepted";
+}
+
+TEST(Difference, NamesTheSettingThatCannotChange) {
+  for (const char* key :
+       {"library = x", "host_config = x", "output_dir = x", "stream_header = yes", "extended_tags = no",
+        "heights = optional", "format = json", "live = yes", "stats_json = x", "messages = 1", "messages_each = 1",
+        "queue = 1", "capabilities = ipv4", "capabilities = ipv4, ipv6, cot"}) {
+    const std::string text = key;
+    EXPECT_THAT(Refusal(text + "\n"), HasSubstr("[encoder] " + text.substr(0, text.find(' '))));
+    EXPECT_THAT(Refusal(text + "\n"), HasSubstr("cannot change while the program runs"));
+  }
+}
+
+TEST(Difference, AcceptsTheSettingsThatCan) {
+  EXPECT_EQ(Refusal("log_level = 3\nlog_levels = HOST:4\nstatus_interval = 2\nstats_interval = 3\nstats_file = x\n"
+                    "summary = y\nduration = 9\nretry = no\n"),
+            "accepted");
+  EXPECT_EQ(Refusal("", "capabilities = ipv4, ipv6, cot\n"), "accepted") << "less is needed";
+}
+
+TEST(Difference, TheNumberOfASourceAloneIsNone) {
+  const CheckedConfig before{MakeConfig(ParseIni(kUdp), "-"), {}};
+  const CheckedConfig after{MakeConfig(ParseIni(std::string("[new]\ninput = udp\nport = 1\n") + kUdp), "-"), {}};
+  const ConfigDifference difference = Compare(before, after);
+  EXPECT_EQ(difference.added.size(), 1U);
+  EXPECT_EQ(difference.unchanged.size(), 1U);
+  EXPECT_THAT(difference.changed, IsEmpty());
+}
+
+TEST(Difference, TheOriginThatTheHostHasCounts) {
+  CheckedConfig before{
+      MakeConfig(ParseIni("[s]\ninput = serial\n[v]\ninput = video\n[w]\ninput = video\ninterface = 1\n"), "-"), {}};
+  CheckedConfig after = before;
+  after.host.captures[1].port = 5;
+  after.host.serialDevices["/dev/ttyPS0"] = "/dev/ttyUSB0";
+  const ConfigDifference difference = Compare(before, after);
+  ASSERT_EQ(difference.changed.size(), 2U);
+  EXPECT_EQ(difference.changed[0].name, "s");
+  EXPECT_EQ(difference.changed[1].name, "w");
+}
+
+}  // namespace
+}  // namespace mdencoder
