@@ -171,7 +171,7 @@ static unsigned _ReadBits(const uint8_t* input, size_t inputBit, size_t count) {
 static void _CopyWord(const uint8_t* input, size_t inputBit, uint8_t* output) {
   const size_t from = inputBit % 8;
   uint64_t bits = __builtin_bswap64(_LoadWord(input, inputBit / 8));
-  if (from != 0) bits = bits << from | input[inputBit / 8 + kMdWordSize] >> (8 - from);
+  if (from != 0) bits = bits << from | (uint64_t)(input[inputBit / 8 + kMdWordSize] >> (8 - from));
   bits = __builtin_bswap64(bits) | _LoadWord(output, 0);
   memcpy(output, &bits, kMdWordSize);
 }

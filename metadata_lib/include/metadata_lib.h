@@ -618,10 +618,14 @@ METADATALIB_API const char* GetCountryCodingMethodString(BYTE cTag);
 /* ------------------------------------------------------------------------------------------------ */
 
 #ifdef __cplusplus
-#define MDATA_LAYOUT(condition) static_assert(condition, #condition)
+#define MDATA_ASSERT(condition, text) static_assert(condition, text)
 #else
-#define MDATA_LAYOUT(condition) _Static_assert(condition, #condition)
+#define MDATA_ASSERT(condition, text) _Static_assert(condition, text)
 #endif
+#define MDATA_LAYOUT(condition) MDATA_ASSERT(condition, #condition)
+
+MDATA_ASSERT(sizeof(long) == 8 && sizeof(void*) == 8 && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
+             "metadata_lib needs an LP64 little-endian machine, such as 64-bit Arm or x86-64 Linux");
 
 MDATA_LAYOUT(sizeof(ULONG) == 8);
 MDATA_LAYOUT(sizeof(MDATA_BUFFER) == 48);

@@ -86,6 +86,13 @@ Bytes WellFormedMessage() {
       .Build();
 }
 
+const std::string& GridOfZeros() {
+  static std::string text;
+  if (text.empty())
+    for (int i = 0; i < 1038961; ++i) text += "0\n";
+  return text;
+}
+
 std::optional<Bytes> LoadRecording(const std::string& folder, const std::string& name) {
   std::ifstream file(folder + "/" + name, std::ios::binary);
   if (!file) return {};

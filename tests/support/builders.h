@@ -45,6 +45,10 @@ class UasMessage {
 // Returns a message with time stamp, position and a correct checksum.
 Bytes WellFormedMessage();
 
+// Returns the text of a geoid grid of zeros. It is not inline, because compilers evaluate so long a loop in advance where
+// they can, in every source that includes it.
+const std::string& GridOfZeros();
+
 // Reads a recording from the folder of shared test data. Returns no bytes if it is absent; the test then reports that
 // and returns.
 std::optional<Bytes> LoadRecording(const std::string& folder, const std::string& name);

@@ -6,9 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <string>
 #include <vector>
 
+#include "builders.h"
 #include "fake_host.h"
 #include "metadata_api.h"
 
@@ -56,12 +56,7 @@ class EngineTest : public HostTest {
 
   // Starts the library with CoT support and a grid of zeros.
   void StartWithCoT() {
-    static const std::string kGrid = [] {
-      std::string text;
-      for (int i = 0; i < 1038961; ++i) text += "0\n";
-      return text;
-    }();
-    host().WriteFile("/usr/share/vendor/data/ww15mgh.grd", kGrid);
+    host().WriteFile("/usr/share/vendor/data/ww15mgh.grd", GridOfZeros());
     Start(METADATALIB_CAPS_COT_SUPPORT | METADATALIB_CAPS_IPV4_SUPPORT | METADATALIB_CAPS_IPV6_SUPPORT);
     ExpectLogContaining(5, "Support of additionnal CoT items enabled.");
   }
