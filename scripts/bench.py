@@ -27,7 +27,9 @@ MARKS = ("<!-- scripts/bench --document writes from here -->", "<!-- to here -->
 ENCODER = ROOT / "build/bench/encoder/mdencoder"
 REPETITIONS = 5
 COUNTED_BATCHES = 4
-ALLOWED_RISE = 0.05
+ALLOWED_RISE = 0.02
+RECOUNTS = 3
+ALLOCATORS = {"malloc", "calloc", "realloc", "aligned_alloc", "posix_memalign"}
 PLAIN_FUNCTIONS = "glibc.cpu.hwcaps=-AVX512F,-AVX512VL,-AVX512BW,-AVX2,-AVX,-BMI2,-ERMS,-FSRM,-MOVBE"
 
 
@@ -168,7 +170,8 @@ def offer(rate, files, seconds):
         sent = json.loads(run([PROGRAMS / "bench_send", port, rate, seconds]))
         time.sleep(0.3)
         _, errors = encoder.communicate("quit\n")
-        if encoder.returncode != 0:
+        # A recording that lacks messages is a failure of the run, and here the result.
+        if encoder.returncode not in ((0, 1) if files else (0,)) or not summary.exists():
             raise Failed(f"mdencoder: {errors.strip()[-500:]}")
         source = json.loads(summary.read_text())["sources"][0]
     received = source["messages"] + source["dropped"]
@@ -219,16 +222,30 @@ def callgrind(program, names, folder):
                             text=True, env=environment)
 
 
+def calls_of(text, functions):
+    """How often the dump's program called these functions. A name stands at its first place; after that its number does."""
+    names, called, calls = {}, None, 0
+    for line in text.splitlines():
+        name = re.match(r"(c?)fn=\((\d+)\)(?: (.*))?", line)
+        if name:
+            names.setdefault(name[2], name[3])
+            called = names[name[2]] if name[1] else None
+        elif line.startswith("calls=") and called in functions:
+            calls += int(line[len("calls="):].split()[0])
+    return calls
+
+
 def totals(folder):
-    """Instructions of all threads by the name of the dump."""
-    counts = collections.Counter()
+    """Instructions and allocations of all threads by the name of the dump."""
+    instructions, allocations = collections.Counter(), collections.Counter()
     for dump in pathlib.Path(folder).glob("out.*-*"):
         text = dump.read_text()
         name = re.search(r"^desc: Trigger: Client Request: (\S+)", text, re.MULTILINE)
         total = re.search(r"^totals: (\d+)", text, re.MULTILINE)
         if name and total:
-            counts[name[1]] += int(total[1])
-    return counts
+            instructions[name[1]] += int(total[1])
+            allocations[name[1]] += calls_of(text, ALLOCATORS)
+    return instructions, allocations
 
 
 def count_path(side):
@@ -236,7 +253,7 @@ def count_path(side):
 
 
 def count(workloads, sides):
-    """Instructions per unit of the named sides: one program for all modules, one for each path, two at a time."""
+    """Instructions and allocations per unit of the named sides: one program for all modules, one for each path, two at a time."""
     jobs = [count_path(side) for workload in workloads for side in sides(workload) if workload["program"] == "paths"]
     modules = [side for workload in workloads for side in sides(workload) if workload["program"] == "modules"]
     jobs = [("bench_counts", modules[i::2]) for i in range(2) if modules[i::2]] + jobs
@@ -253,11 +270,12 @@ def run_counted(program, names):
         output, errors = process.communicate()
         if process.returncode != 0:
             raise Failed(f"{program} {names}: {errors.strip()[-500:]}")
-        counts = totals(folder)
+        instructions, allocations = totals(folder)
     if program == "bench_paths":
-        return {names[0]: counts[names[0]] / json.loads(output)["counted"]}
-    units = dict(line.split() for line in output.splitlines())
-    return {name: counts[name] / float(units[name]) for name in units}
+        units = {names[0]: json.loads(output)["counted"]}
+    else:
+        units = dict(line.split() for line in output.splitlines())
+    return {name: (instructions[name] / float(unit), allocations[name] / float(unit)) for name, unit in units.items()}
 
 
 def our_side(workload):
@@ -278,18 +296,41 @@ def run_counts(workloads, options):
         floor = [f"{workload['name']}/floor"] if workload["floor"] and not options.check else []
         return [our_side(workload), *floor]
 
-    baseline = json.loads(BASELINE.read_text())["instructions"] if BASELINE.exists() else {}
+    baseline = json.loads(BASELINE.read_text()) if BASELINE.exists() else {}
     counts = count(workloads, sides)
     table = None if options.check else Table(COUNT_HEAD, [24, 11, 12, 7, 8, 8, 8, 6, 3])
     lines = []
     for workload in workloads:
-        ours = counts[our_side(workload)]
-        floor = counts.get(f"{workload['name']}/floor")
-        before = baseline.get(workload["name"])
+        ours, allocations = counts[our_side(workload)]
+        floor = counts.get(f"{workload['name']}/floor", (None, None))[0]
+        before = baseline.get("instructions", {}).get(workload["name"])
         if table:
             table.put(count_cells(workload, ours, floor, before))
         lines.append({"name": workload["name"], "unit": workload["unit"], "ours": ours, "floor": floor,
-                      "baseline": before, "required": workload.get("required"), "aim": workload.get("aim")})
+                      "baseline": before, "allocations": allocations,
+                      "allocations_before": baseline.get("allocations", {}).get(workload["name"]),
+                      "required": workload.get("required"), "aim": workload.get("aim")})
+    if options.check:
+        recounted(lines, workloads)
+    OUTPUT.mkdir(parents=True, exist_ok=True)
+    (OUTPUT / "counts.json").write_text(json.dumps(lines, indent=1))
+    return lines
+
+
+def recounted(lines, workloads):
+    """The lines, each at its least count. What happens now and then, such as a line of the log that its limit lets
+    through, may fall into a count; what really became dearer is there every time."""
+    for _ in range(RECOUNTS):
+        names = {fault.split()[0] for fault in faults(lines)} & {line["name"] for line in lines if line["baseline"]}
+        suspects = [workload for workload in workloads if workload["name"] in names]
+        if not suspects:
+            break
+        counts = count(suspects, lambda workload: [our_side(workload)])
+        for line in lines:
+            for workload in suspects:
+                if workload["name"] == line["name"]:
+                    ours, allocations = counts[our_side(workload)]
+                    line.update(ours=min(ours, line["ours"]), allocations=min(allocations, line["allocations"]))
     return lines
 
 
@@ -297,9 +338,13 @@ def faults(lines):
     """What a check has to complain about: what became dearer than the baseline allows, and what it does not know."""
     found = []
     for line in lines:
-        if not line["baseline"]:
+        if not line["baseline"] or line["allocations_before"] is None:
             found.append(f"{line['name']} is not in bench/instructions.json")
-        elif line["ours"] > line["baseline"] * (1 + ALLOWED_RISE):
+            continue
+        if line["allocations"] > line["allocations_before"] * (1 + ALLOWED_RISE) + 0.001:
+            found.append(f"{line['name']} allocates {line['allocations']:.3f} times a {line['unit']}, "
+                         f"and {line['allocations_before']:.3f} times in bench/instructions.json")
+        if line["ours"] > line["baseline"] * (1 + ALLOWED_RISE):
             found.append(f"{line['name']} takes {number_text(line['ours'])} instructions a {line['unit']}, "
                          f"{(line['ours'] / line['baseline'] - 1) * 100:.1f} % more than bench/instructions.json says")
     return found
@@ -309,7 +354,7 @@ def check(lines):
     """Returns the exit code."""
     found = faults(lines)
     if not found:
-        print(f"{len(lines)} workloads take no more instructions than bench/instructions.json allows.")
+        print(f"{len(lines)} workloads take no more instructions and allocations than bench/instructions.json allows.")
         return 0
     print("\n".join(found), file=sys.stderr)
     print("Make it cheaper, or run scripts/bench --update-baseline and say in the commit why it costs more.",
@@ -317,12 +362,23 @@ def check(lines):
     return 1
 
 
+def least_of(workloads, lines):
+    """The lines at the least of some counts, as a check takes them."""
+    for _ in range(RECOUNTS):
+        counts = count(workloads, lambda workload: [our_side(workload)])
+        for workload, line in zip(workloads, lines):
+            ours, allocations = counts[our_side(workload)]
+            line.update(ours=min(ours, line["ours"]), allocations=min(allocations, line["allocations"]))
+    return lines
+
+
 def write_baseline(lines):
     compiler = run(["gcc", "-dumpfullversion"]).strip()
-    text = {"comment": "Instructions a unit by the library's side of each workload, as callgrind counts them. "
-                       "scripts/bench --update-baseline writes this file; scripts/test fails on a rise of 5 %.",
+    text = {"comment": "Instructions and allocations a unit by the library's side of each workload, as callgrind counts "
+                       "them. scripts/bench --update-baseline writes this file; scripts/test fails on a rise of 2 %.",
             "made with": f"gcc {compiler}, {platform.machine()}",
-            "instructions": {line["name"]: round(line["ours"], 2) for line in lines}}
+            "instructions": {line["name"]: round(line["ours"], 2) for line in lines},
+            "allocations": {line["name"]: round(line["allocations"], 3) for line in lines}}
     BASELINE.write_text(json.dumps(text, indent=1) + "\n")
 
 
@@ -430,7 +486,7 @@ def arguments():
     parser.add_argument("--quick", action="store_true", help="three short rounds")
     parser.add_argument("--counts", action="store_true", help="the instruction counts alone")
     parser.add_argument("--times", action="store_true", help="the times alone")
-    parser.add_argument("--check", action="store_true", help="count, and fail where the baseline is passed by over 5 %%")
+    parser.add_argument("--check", action="store_true", help="count, and fail where the baseline is passed by over 2 %%")
     parser.add_argument("--update-baseline", action="store_true", help="count, and write bench/instructions.json")
     parser.add_argument("--document", action="store_true", help="put the tables into docs/performance.md, too")
     parser.add_argument("--list", action="store_true", help="print the names of the workloads")
@@ -465,7 +521,7 @@ def main():
     if not flight_is_recorded(result):
         print("The recorded flight is absent: a generated one stood for it.")
     if options.update_baseline:
-        write_baseline(result["counts"])
+        write_baseline(least_of(workloads["counts"], result["counts"]))
     if options.check:
         return check(result["counts"])
     OUTPUT.mkdir(parents=True, exist_ok=True)

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands for the copying of a bit field in steps that end at byte borders: each takes the bits up to the next border of the
 // input, of the output, or of the field, whichever comes first.
+#include <stdint.h>
+
 #include "floors.h"
 
 int FloorExtractBits(const uint8_t* input, int* inputBit, uint8_t* output, int* outputBit, int count) {

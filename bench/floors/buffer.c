@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands for a message buffer that two threads may hold: memory, a copy, a reference that is taken and given back atomically,
 // and the end of the memory.
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands for the 16-bit running sum of MISB ST 0601 as the standard writes it: byte after byte, even positions as high bytes.
+#include <stdint.h>
+
 #include "floors.h"
 
 uint16_t FloorChecksum(const uint8_t* data, size_t size) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands for the serial Cursor-on-Target decoder: find the header, take the data bits out of the code words in steps of up to
 // eight bytes, check the CRC with a table, hand the event over. The first length is believed.
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 

@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands for CRC-16/ARC as its definition says it: bit after bit.
+#include <stdint.h>
+
 #include "floors.h"
 
 uint16_t FloorCrc(const uint8_t* data, size_t size) {

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands for the loading of the geoid grid, twice: a loop over the file that knows nothing but decimals ("-12.345"), and a
 // scan per number as the C library has it.
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands for the serial KLV decoder: find the key, read the length, walk the items, sum a word at a time, copy the message
 // into memory of its own, hand it over, free it. A message that is not good is only skipped.
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands for a mailbox: a queue of messages from malloc under a mutex, and an eventfd that is readable while it holds some.
 #include <pthread.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <sys/eventfd.h>
 #include <unistd.h>

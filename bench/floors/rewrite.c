@@ -3,6 +3,7 @@
 // and the security set in place of the received ones or at the end, then length, key and checksum, in memory from malloc.
 // It knows one-byte tags and lengths of one to three bytes, trusts that a replaced element does not occur twice, and sums a
 // word at a time.
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 

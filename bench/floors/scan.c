@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Stands for the search for a pattern: memmem, which is what the C library has for it.
+#include <stdint.h>
 #include <string.h>
 
 #include "floors.h"

@@ -2,6 +2,7 @@
 // Stands for KLV over UDP: wait with epoll, fetch the datagram with its sender by recvmsg, rewrite it if that is asked for,
 // send it to the relays, copy it into memory of its own, hand it over, free it. Every datagram has a wait of its own, as in
 // any loop that does not know how many there are. The two other passes show what is left when waits are shared.
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/epoll.h>

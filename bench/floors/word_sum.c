@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The 16-bit running sum of MISB ST 0601 eight bytes at a time, as the floors take it that work on whole messages.
+#include <stdint.h>
 #include <string.h>
 
 #include "floors.h"

@@ -8,6 +8,7 @@ import io
 import pathlib
 import tempfile
 import unittest
+import unittest.mock
 
 parser = argparse.ArgumentParser()
 parser.add_argument("--source", required=True, type=pathlib.Path)
@@ -18,8 +19,9 @@ bench = importlib.util.module_from_spec(spec)
 spec.loader.exec_module(bench)
 
 
-def counted(name, ours, baseline):
-    return {"name": name, "unit": "message", "ours": ours, "baseline": baseline}
+def counted(name, ours, baseline, allocations=1, allocations_before=1):
+    return {"name": name, "unit": "message", "ours": ours, "baseline": baseline, "allocations": allocations,
+            "allocations_before": allocations_before}
 
 
 class Figures(unittest.TestCase):
@@ -70,15 +72,35 @@ class Counts(unittest.TestCase):
                 pathlib.Path(folder, f"out.5.1-0{thread}").write_text(
                     f"thread: {thread}\ndesc: Trigger: Client Request: udp/ours\n\nsummary: 0\n\ntotals: {total}\n")
             pathlib.Path(folder, "out.5-01").write_text("desc: Trigger: Program termination\ntotals: 100\n")
-            self.assertEqual(bench.totals(folder), {"udp/ours": 37})
+            self.assertEqual(bench.totals(folder)[0], {"udp/ours": 37})
 
-    def test_a_rise_of_five_percent_passes_and_more_fails(self):
-        self.assertEqual(bench.faults([counted("a", 105, 100), counted("b", 50, 100)]), [])
-        found = bench.faults([counted("a", 106, 100)])
-        self.assertEqual(found, ["a takes 106 instructions a message, 6.0 % more than bench/instructions.json says"])
+    def test_the_calls_of_functions_are_counted_by_their_names_and_numbers(self):
+        text = ("fn=(1) main\n5 3\ncfn=(2) malloc\ncalls=3 7\n5 30\ncfn=(3) free\ncalls=9 7\n5 30\n"
+                "fn=(2)\n7 10\ncfn=(4) _int_malloc\ncalls=3 9\n7 6\nfn=(5) other\ncfn=(2)\ncalls=2 7\n8 20\n")
+        self.assertEqual(bench.calls_of(text, {"malloc"}), 5)
+        self.assertEqual(bench.calls_of(text, {"calloc"}), 0)
+
+    def test_a_rise_of_two_percent_passes_and_more_fails(self):
+        self.assertEqual(bench.faults([counted("a", 102, 100), counted("b", 50, 100)]), [])
+        found = bench.faults([counted("a", 103, 100)])
+        self.assertEqual(found, ["a takes 103 instructions a message, 3.0 % more than bench/instructions.json says"])
+
+    def test_further_allocations_fail(self):
+        self.assertEqual(bench.faults([counted("a", 100, 100, 0.5, 1), counted("b", 1, 1, 0, 0)]), [])
+        found = bench.faults([counted("a", 100, 100, 0.1, 0)])
+        self.assertEqual(found, ["a allocates 0.100 times a message, and 0.000 times in bench/instructions.json"])
+
+    def test_what_is_dearer_in_one_count_alone_passes(self):
+        workload = {"name": "a", "program": "given"}
+        for second, faults in ((101, 0), (109, 1)):
+            lines = [counted("a", 110, 100)]
+            with unittest.mock.patch.object(bench, "count", lambda *_: {"a/ours": (second, 1)}):
+                self.assertEqual(len(bench.faults(bench.recounted(lines, [workload]))), faults)
+            self.assertEqual(lines[0]["ours"], second)
 
     def test_a_workload_without_baseline_fails(self):
-        self.assertEqual(bench.faults([counted("new", 1, None)]), ["new is not in bench/instructions.json"])
+        for line in (counted("new", 1, None), counted("new", 1, 1, 1, None)):
+            self.assertEqual(bench.faults([line]), ["new is not in bench/instructions.json"])
 
     def test_the_exit_code_says_whether_the_check_passed(self):
         with contextlib.redirect_stdout(io.StringIO()) as told, contextlib.redirect_stderr(io.StringIO()):
