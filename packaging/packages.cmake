@@ -15,6 +15,8 @@ set(CPACK_DEBIAN_PACKAGE_SOURCE metadata-lib)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+    WORLD_READ WORLD_EXECUTE)
 set(CPACK_PRE_BUILD_SCRIPTS ${debian}/finish_files.cmake)
 set(CPACK_POST_BUILD_SCRIPTS ${debian}/finish_packages.cmake)
 set(CPACK_PROJECT_CONFIG_FILE ${debian}/environment.cmake)
@@ -81,7 +83,8 @@ that the library loads.")
 endif()
 
 metadata_package(doc metadata-lib-doc doc foreign "metadata ingest for video encoders - documentation"
-                 "${about}\n.\nThis package has the guide for encoders, the wire formats and an example in C.")
+                 "${about}\n.\nThis package has the guide for encoders, the reference of the interface, the
+wire formats and an example in C.")
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
 
 include(CPack)

@@ -53,6 +53,11 @@ install_release 1
 ldconfig -p | grep -q libmetadata_lib.so.1 || fail "the loader does not know the library"
 run_encoder
 
+for unit in mdencoder.service mdencoder@.service; do
+  [ -s "/usr/lib/systemd/system/$unit" ] || fail "there is no unit $unit"
+done
+[ -s /usr/share/doc/metadata_lib/60-mdencoder.rules ] || fail "there is no rule for udev"
+
 echo "-- upgraded"
 touch -d 2001-01-01 "$grid"
 install_release 2
@@ -87,5 +92,8 @@ wait
 grep -q '^camera #0: [0-9]* bytes$' /tmp/try.out || fail "the example printed nothing"
 for page in mdencoder.1 mdfeed.1 make_geoid_grid.1 metadata_lib.3 mdencoder.ini.5; do
   [ -s "/usr/share/man/man${page##*.}/$page.gz" ] || fail "there is no page $page"
+done
+for page in index metadata__lib_8h page_integration; do
+  [ -s "/usr/share/doc/metadata_lib/html/$page.html" ] || fail "the reference has no $page.html"
 done
 apt-get purge -y -qq libmetadata-lib-dev metadata-lib-doc metadata-tools libmetadata-lib1 >/dev/null

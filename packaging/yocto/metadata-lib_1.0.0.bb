@@ -20,7 +20,7 @@ PACKAGECONFIG ??= ""
 PACKAGECONFIG[host] = "-DMETADATA_BUILD_HOST=ON,-DMETADATA_BUILD_HOST=OFF,spdlog libinih cli11 nlohmann-json ffmpeg"
 
 PACKAGE_BEFORE_PN = "${PN}-tools"
-FILES:${PN}-tools = "${bindir} ${datadir}/bash-completion ${datadir}/zsh"
+FILES:${PN}-tools = "${bindir} ${prefix}/lib/systemd ${datadir}/bash-completion ${datadir}/zsh"
 FILES:${PN}-dev += "${libdir}/cmake"
 FILES:${PN}-doc += "${docdir}"
 RDEPENDS:${PN}-tools = "${PN}"

@@ -125,17 +125,32 @@ class Tree(unittest.TestCase):
             self.prints_klv(folder / "encoder")
 
     def test_make_builds_both_programs(self):
-        folder = self.fresh("encoder.c", "encoder_dlopen.c", "Makefile")
+        folder = self.fresh("encoder.c", "encoder_dlopen.c", "minimal_host.c", "Makefile")
         run("make", "CFLAGS=-Wall -Wextra -Werror", cwd=folder, env=self.environment)
         self.prints_klv(folder / "encoder")
         self.converts_events(folder / "encoder_dlopen")
+        self.prints_klv(folder / "encoder_minimal")
+
+    def test_the_minimal_host_is_minimal_and_whole(self):
+        folder = self.fresh("minimal_host.c")
+        self.assertLess(len((folder / "minimal_host.c").read_text().splitlines()), 300)
+        flags = run("pkg-config", "--cflags", "metadata_lib", env=self.environment).split()
+        run("gcc", "-Wall", "-Wextra", "-Werror", "-c", *flags, "minimal_host.c", cwd=folder)
+        defined = {line.split()[-1] for line in run("nm", "--defined-only", folder / "minimal_host.o").splitlines()}
+        declared = set()
+        for header in (SOURCE / "host").glob("*.h"):
+            text = re.sub(r"//.*", "", header.read_text())
+            declared |= set(re.findall(r"^(?:extern )?[\w*]+[ *]+(\w+)(?:\(|;)", text, re.M)) - {"typedef"}
+        self.assertIn("FDMGR_Select", declared)
+        self.assertEqual(declared - defined, set())
 
     def test_cmake_builds_both_programs(self):
-        folder = self.fresh("encoder.c", "encoder_dlopen.c", "CMakeLists.txt")
+        folder = self.fresh("encoder.c", "encoder_dlopen.c", "minimal_host.c", "CMakeLists.txt")
         run(options.cmake, "-S", folder, "-B", folder / "build", env=self.environment)
         run(options.cmake, "--build", folder / "build", env=self.environment)
         self.prints_klv(folder / "build/encoder")
         self.converts_events(folder / "build/encoder_dlopen")
+        self.prints_klv(folder / "build/encoder_minimal")
         lists = (SOURCE / "README.md").read_text()
         for line in re.search(r"^```cmake\n(.*?)^```", lists, re.S | re.M).group(1).splitlines():
             self.assertIn(line, (folder / "CMakeLists.txt").read_text())
@@ -182,7 +197,7 @@ class Tree(unittest.TestCase):
         self.assertIn(f"METADATALIB {options.version} is {library.resolve()}; host runtime {options.version}.",
                       encoder.stderr)
         sample = next(self.prefix.rglob("mdencoder.example.ini"))
-        run(self.prefix / "bin/mdencoder", sample, "--check")
+        run(self.prefix / "bin/mdencoder", sample, "--check-text")
 
     def test_no_text_names_the_folders_it_came_from(self):
         places = [str(self.first), str(SOURCE), str(pathlib.Path(options.build).resolve())]
