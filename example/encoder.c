@@ -8,9 +8,7 @@
 #include "metadata_lib.h"
 
 static volatile sig_atomic_t stop;
-static void on_signal(int number) {
-  stop = number;
-}
+static void on_signal(int number) { stop = number; }
 
 static BOOL on_message(MDATA_BUFFER* buffer, void* name, void* name_again) {
   (void)name_again; /* the first user parameter is delivered twice */

@@ -17,9 +17,7 @@ LIBRARY_FUNCTION(MetaData_OpenSource);
 LIBRARY_FUNCTION(MetaData_CloseSource);
 
 static volatile sig_atomic_t stop;
-static void on_signal(int number) {
-  stop = number;
-}
+static void on_signal(int number) { stop = number; }
 
 static BOOL on_message(MDATA_BUFFER* buffer, void* name, void* name_again) {
   (void)name_again; /* the first user parameter is delivered twice */
