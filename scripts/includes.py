@@ -6,7 +6,8 @@
     includes.py --fix SOURCE...  adds and removes them; clang-format sorts them afterwards
 
 It knows the usual headers of the C and C++ libraries and of GoogleTest. A source may rely on its own header (the same
-name with .h). The script compares words, so that it needs no compiler and takes a second for the whole tree.
+name with .h). A header is spelled as in C if the source is in C, is read by C too, or spells its others so. The script
+compares words, so that it needs no compiler and takes a second for the whole tree.
 """
 import os
 import re
@@ -35,7 +36,7 @@ TABLE = [
                      r"adjacent_find|nth_element|binary_search)\s*[(<]"),
     (("array",), std("array to_array")),
     (("atomic",), std(r"atomic memory_order atomic_\w+")),
-    (("bit",), std("bit_cast popcount countl_zero countr_zero endian bit_width has_single_bit rotl rotr")),
+    (("bit",), std("bit_cast popcount countl_zero countr_zero endian bit_width bit_ceil bit_floor has_single_bit rotl rotr")),
     (("charconv",), std("from_chars to_chars")),
     (("chrono",), std("chrono") + r"|\bchrono_literals\b"),
     (("condition_variable",), std("condition_variable")),
@@ -114,8 +115,14 @@ def headers_of(text):
     return {match.group(2) for match in INCLUDE.finditer(text)}
 
 
+def spelled_as_in_c(path, text):
+    direct = headers_of(text)
+    return path.endswith(".c") or "__cplusplus" in text or any(
+        header in direct for spellings, _ in TABLE for header in spellings[:1] if len(spellings) > 1)
+
+
 def findings(path):
-    """Returns the missing headers, each as its usual spelling, and the unused ones."""
+    """Returns the missing headers and the unused ones."""
     with open(path, encoding="utf-8") as file:
         text = file.read()
     direct = headers_of(text)
@@ -131,7 +138,7 @@ def findings(path):
     for spellings, names in TABLE:
         used = names.search(code) is not None
         if used and not known & set(spellings):
-            missing.append(spellings)
+            missing.append(spellings[0 if spelled_as_in_c(path, text) else -1])
         if not used:
             unused += (direct & set(spellings)) - LARGE
     return missing, sorted(unused)
@@ -141,14 +148,12 @@ def fix(path, missing, unused):
     with open(path, encoding="utf-8") as file:
         lines = file.read().split("\n")
     lines = [line for line in lines if not (match := INCLUDE.match(line)) or match.group(2) not in unused]
-    present = headers_of("\n".join(lines))
-    c_style = any(header in present for spellings, _ in TABLE for header in spellings[:1] if len(spellings) > 1)
     position = next((i for i, line in enumerate(lines) if INCLUDE.match(line)), 0)
     own = os.path.splitext(os.path.basename(path))[0]
     first = INCLUDE.match(lines[position])
     if first and first.group(1) == '"' and own.startswith(os.path.splitext(first.group(2))[0]):
         position += 1
-    lines[position:position] = [f"#include <{spellings[0 if c_style else -1]}>" for spellings in missing]
+    lines[position:position] = [f"#include <{header}>" for header in missing]
     with open(path, "w", encoding="utf-8") as file:
         file.write("\n".join(lines))
 
@@ -162,8 +167,8 @@ def main():
             if missing or unused:
                 fix(path, missing, unused)
             continue
-        for spellings in missing:
-            print(f"{path}: does not include <{spellings[-1]}>", file=sys.stderr)
+        for header in missing:
+            print(f"{path}: does not include <{header}>", file=sys.stderr)
         for header in unused:
             print(f"{path}: includes <{header}> without need", file=sys.stderr)
         failed |= bool(missing or unused)

@@ -23,7 +23,9 @@ make_bare_root() {
 # run_in_root FOLDER PACKAGES COMMAND...: in the root, with processes and mounts of its own that end with it. Packages
 # that apt loads come from and go to PACKAGES.
 run_in_root() {
-  unshare --mount --pid --fork --kill-child bash -euc '
+  setpriv --pdeathsig KILL unshare --mount --pid --fork --kill-child bash -euc '
+    # The root of a machine is a mount; what makes namespaces for mounts needs one.
+    mount --bind "$1" "$1"
     cd "$1"; shift
     mount -t proc proc proc
     mount -t sysfs sysfs sys

@@ -38,7 +38,7 @@ class CheckWithoutGit(unittest.TestCase):
             self.write(name, GOOD)
 
     def write(self, name, text):
-        (self.tree / name).write_text(text)
+        (self.tree / name).write_text(MARK + text)
 
     def check(self):
         done = subprocess.run([self.tree / "scripts/check"], env={"PATH": str(self.programs)}, cwd="/",
@@ -52,6 +52,12 @@ class CheckWithoutGit(unittest.TestCase):
     def test_a_clean_tree_passes(self):
         self.assertEqual(self.check(), (0, "== Checking the source\n"))
 
+    def test_a_source_without_its_licence_is_named(self):
+        (self.tree / "fuzz/bad.cpp").write_text(GOOD)
+        (self.tree / "tests/bad.py").write_text("print()\n")
+        self.assertEqual(self.check(), (1, "== Checking the source\n" + "".join(
+            f'no line "SPDX-License-Identifier: Apache-2.0": {name}\n' for name in ("fuzz/bad.cpp", "./tests/bad.py"))))
+
     def test_bad_format_anywhere_is_named(self):
         self.write("tools/deep/bad.cpp", "int  Answer( ) {return 42;}\n")
         code, text = self.check()
@@ -62,11 +68,26 @@ class CheckWithoutGit(unittest.TestCase):
         self.write("metadata_lib/bad.cpp", GOOD.replace("42;", "42;  // TO" + "DO"))
         code, text = self.check()
         self.assertNotEqual(code, 0)
-        self.assertIn("metadata_lib/bad.cpp:2: unfinished mark", text)
+        self.assertIn("metadata_lib/bad.cpp:3: unfinished mark", text)
 
     def test_a_header_that_is_missing_is_named(self):
         self.write("tests/bad.cpp", "std::vector<int> g_numbers;\n")
         self.assertEqual(self.check(), (1, "== Checking the source\ntests/bad.cpp: does not include <vector>\n"))
+
+    def test_a_missing_header_is_named_in_every_folder(self):
+        for name in ("metadata_lib", "host", "host_runtime/deep", "encoder", "tools/deep", "formats", "new"):
+            (self.tree / name).mkdir(parents=True, exist_ok=True)
+            self.write(f"{name}/bad.h", "std::vector<int> Numbers();\n")
+            with self.subTest(folder=name):
+                self.assertEqual(self.check(),
+                                 (1, f"== Checking the source\n{name}/bad.h: does not include <vector>\n"))
+            (self.tree / name / "bad.h").unlink()
+
+    def test_a_header_is_named_as_c_spells_it_where_c_reads_it(self):
+        self.write("bench/bad.c", "uint8_t g_number;\n")
+        self.assertEqual(self.check(), (1, "== Checking the source\nbench/bad.c: does not include <stdint.h>\n"))
+        self.write("bench/bad.c", "#include <stdint.h>\n\nuint8_t g_number;\n")
+        self.assertEqual(self.check()[0], 0)
 
     def test_a_header_that_is_not_used_is_named(self):
         self.write("bench/bad.cpp", "#include <map>\n\nint g_number;  // not a std::map\n")

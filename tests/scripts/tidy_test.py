@@ -14,14 +14,17 @@ parser = argparse.ArgumentParser()
 parser.add_argument("--source", required=True, type=pathlib.Path)
 options, rest = parser.parse_known_args()
 
-# Stands for clang-tidy: it records its arguments and rejects a source or header that contains BAD.
+# Stands for clang-tidy: it records its arguments and rejects a source or header that contains BAD, and a source that
+# includes such a test.
 TIDY = """#!/bin/sh
 [ "$1" = --version ] && exit 0
-for source; do :; done
+for word; do case $word in --) break ;; *.cpp) source=$word ;; esac; done
 echo "$source" >> calls
-grep -q BAD "$source" header.h && { echo "$source is bad"; exit 1; }
+tests=$(sed -n 's/^#include "\\(.*_test.cpp\\)"$/\\1/p' "$source")
+grep -q BAD "$source" header.h $tests && { echo "$source is bad"; exit 1; }
 exit 0
 """
+NAMES = [f"tests/unit/{name}_test.cpp" for name in ("one", "two", "three", "four")]
 
 
 class Tidy(unittest.TestCase):
@@ -29,7 +32,7 @@ class Tidy(unittest.TestCase):
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
         self.tree = pathlib.Path(folder.name)
-        for name in ("scripts", "bin", "build/tidy", "deep"):
+        for name in ("scripts", "bin", "build/tidy", "deep", "tests/unit"):
             (self.tree / name).mkdir(parents=True)
         shutil.copy(options.source / "scripts/tidy.py", self.tree / "scripts")
         (self.tree / "bin/clang-tidy-14").write_text(TIDY)
@@ -84,6 +87,46 @@ class Tidy(unittest.TestCase):
         self.command += " -DMORE"
         self.compile("deep/one.cpp", "two.cpp")
         self.assertEqual(self.both()[2], ["deep/one.cpp", "two.cpp"])
+
+    def with_tests(self):
+        for name in NAMES:
+            self.write(name, f'#include "{self.tree}/header.h"\nint Answer() {{ return 42; }}\n')
+        self.compile("two.cpp", *NAMES)
+
+    def names(self):
+        code, said, calls = self.tidy("--names", "two.cpp", *NAMES)
+        return code, said, [call.removeprefix(f"{self.tree}/") for call in calls]
+
+    def test_names_of_tests_are_checked_together(self):
+        self.with_tests()
+        self.assertEqual(self.names(), (0, "", ["build/tidy/batch_0.cpp", "two.cpp"]))
+        self.assertEqual(self.names(), (0, "", []))
+        together = (self.tree / "build/tidy/batch_0.cpp").read_text()
+        self.assertTrue(together.startswith(f'#include "{self.tree}/header.h"\n'))
+        for index, name in enumerate(NAMES):
+            self.assertIn(f'namespace batch_{index} {{\n#include "{self.tree}/{name}"\n}}\n', together)
+
+    def test_a_bad_name_among_tests_is_found_and_its_test_named(self):
+        self.with_tests()
+        with open(self.tree / NAMES[2], "a") as file:
+            file.write("// BAD\n")
+        self.assertEqual(self.names()[:2], (1, f"{NAMES[2]} is bad\n\n"))
+        self.assertEqual(self.names(), (1, f"{NAMES[2]} is bad\n\n", [NAMES[2]]))
+
+    def test_a_test_that_opens_a_namespace_sees_the_real_one(self):
+        self.with_tests()
+        self.write(NAMES[0], "namespace real {\nint Answer();\n}\n")
+        self.assertEqual(self.names()[0], 0)
+        self.assertIn("namespace real {}\nnamespace batch_0::real {\nusing namespace ::real;\n}\n",
+                      (self.tree / "build/tidy/batch_0.cpp").read_text())
+
+    def test_what_passed_all_checks_has_good_names(self):
+        self.both()
+        self.assertEqual(self.tidy("--names", "deep/one.cpp", "two.cpp"), (0, "", []))
+
+    def test_good_names_are_not_all_checks(self):
+        self.tidy("--names", "deep/one.cpp", "two.cpp")
+        self.assertEqual(self.both(), (0, "", ["deep/one.cpp", "two.cpp"]))
 
     def test_a_source_that_nothing_compiles_is_named(self):
         self.compile("two.cpp")
