@@ -99,6 +99,12 @@ def udp_port_open(port):
     return wanted in tables
 
 
+def udp_queue(port):
+    """Returns the bytes that the sockets on this port hold and nobody has read yet."""
+    tables = "".join(pathlib.Path(table).read_text() for table in ("/proc/net/udp", "/proc/net/udp6"))
+    return sum(int(line.split()[4].split(":")[1], 16) for line in tables.splitlines() if f":{port:04X} " in line)
+
+
 class EndToEndTest(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="metadata_"))
@@ -164,6 +170,12 @@ class EndToEndTest(unittest.TestCase):
             if time.monotonic() > deadline:
                 self.fail(f"waited in vain for {what}")
             time.sleep(0.02)
+
+    def drain(self, *ports):
+        """Waits until the encoder has read everything that its sockets on these ports hold. What it has read it delivers
+        before it takes notice of a signal."""
+        for port in ports:
+            self.wait_for(lambda: udp_queue(port) == 0, f"an empty queue of port {port}")
 
     def stop(self, expected=0):
         """Stops the encoder as a user does, and returns the summary."""

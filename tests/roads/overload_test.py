@@ -49,7 +49,7 @@ class Overload(EndToEndTest):
         quiet.start()
         sent = flood(15731)
         quiet.join()
-        time.sleep(1 * harness.SLOW)
+        self.drain(15731, 15732)
         self.encoder_process.send_signal(signal.SIGINT)
         self.assertIn(self.encoder_process.wait(timeout=60), (0, 1))
         summary = json.loads((self.folder / "summary.json").read_text())

@@ -36,12 +36,21 @@ class Printing(EndToEndTest):
     def feed_flight(self, count=COUNT):
         self.feed("klv", "--simulate", "--seed", "7", "--count", count, "--rate", "5000", "--udp", "127.0.0.1:15711")
 
-    def stop_within(self, seconds, number=signal.SIGTERM):
+    def stop_in_time(self, number=signal.SIGTERM):
+        """The end waits for a reader for at most two seconds."""
         begin = time.monotonic()
         self.encoder_process.send_signal(number)
         code = self.encoder_process.wait(timeout=30)
-        self.assertLess(time.monotonic() - begin, seconds * harness.SLOW)
+        self.assertLess(time.monotonic() - begin, 3 * harness.SLOW)
         return code, json.loads((self.folder / "summary.json").read_text())
+
+    def all_are_there(self, summary, count):
+        """Every message that was sent is in the recording, but for those that the kernel dropped: a busy machine may not
+        run the encoder for longer than its socket holds."""
+        entry = source(summary, "udp")
+        self.assertEqual((entry["messages"] + entry["kernel_drops"], entry["dropped"]), (count, 0))
+        self.assertLess(entry["kernel_drops"], count / 2)
+        self.assertEqual(len(self.delivered("udp")), entry["messages"])
 
     def test_a_reader_that_has_stopped_changes_nothing_else(self):
         for words in (("--format", "table"), ("--format", "json", "--stats-interval", "0.1")):
@@ -50,29 +59,28 @@ class Printing(EndToEndTest):
             self.start_encoder("--stats-json", self.folder / "stats.jsonl", *words, stdout=output, stderr=errors,
                                level=8)
             self.feed_flight()
-            time.sleep(0.5 * harness.SLOW)
-            code, summary = self.stop_within(2)
+            self.drain(15711)
+            code, summary = self.stop_in_time()
             self.assertEqual(code, 0)
-            entry = source(summary, "udp")
-            self.assertEqual((entry["messages"], entry["dropped"]), (COUNT, 0))
-            self.assertEqual(len(self.delivered("udp")), COUNT)
+            self.all_are_there(summary, COUNT)
             self.assertEqual(summary["ended_by"], "signal")
-            self.assertGreater(summary["rows_dropped"], COUNT / 2)
+            self.assertGreater(summary["rows_dropped"], source(summary, "udp")["messages"] / 2)
             lines = [json.loads(line) for line in (self.folder / "stats.jsonl").read_text().splitlines()]
-            self.assertEqual(lines[-1]["sources"][0]["messages"], COUNT)
+            self.assertEqual(lines[-1]["sources"][0]["messages"], source(summary, "udp")["messages"])
 
     def test_rows_that_are_read_and_rows_that_are_dropped_are_all(self):
         reader, output = self.pipe()
         self.start_encoder("--format", "json", stdout=output, stderr=self.output("encoder.err"))
         self.feed_flight(2000)
-        time.sleep(0.3 * harness.SLOW)
+        self.drain(15711)
         self.encoder_process.send_signal(signal.SIGINT)
         self.assertEqual(self.encoder_process.wait(timeout=20), 0)
         summary = json.loads((self.folder / "summary.json").read_text())
         os.set_blocking(reader, False)
         read = os.read(reader, 1 << 20)
         rows = [line for line in read.split(b"\n")[:-1] if line.startswith(b'{"type":"message"')]
-        self.assertEqual(len(rows) + summary["rows_dropped"], 2000)
+        self.all_are_there(summary, 2000)
+        self.assertEqual(len(rows) + summary["rows_dropped"], source(summary, "udp")["messages"])
         self.assertIn(f"mdencoder: {summary['rows_dropped']} rows were not printed, because the standard output was "
                       "not read in time\n", (self.folder / "encoder.err").read_text())
 
@@ -82,10 +90,10 @@ class Printing(EndToEndTest):
         self.addCleanup(os.close, terminal)
         self.start_encoder("--live", stdout=terminal, stderr=terminal)
         self.feed_flight()
-        code, summary = self.stop_within(2, signal.SIGINT)
+        self.drain(15711)
+        code, summary = self.stop_in_time(signal.SIGINT)
         self.assertEqual(code, 0)
-        self.assertEqual(len(self.delivered("udp")), COUNT)
-        self.assertEqual(source(summary, "udp")["dropped"], 0)
+        self.all_are_there(summary, COUNT)
 
     def test_the_duration_ends_the_run(self):
         _, output = self.pipe()

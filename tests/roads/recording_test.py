@@ -111,7 +111,8 @@ class Recording(EndToEndTest):
         messages = [numbered(number) for number in range(100)]
         self.send(messages)
         self.settle("udp", 100)
-        time.sleep(1.5 * harness.SLOW)
+        index = self.folder / "udp.klv.json"
+        self.wait_for(lambda: index.exists() and index.read_text().count("\n") == 101, "the index, once a second")
         self.encoder_process.kill()
         self.encoder_process.wait()
         self.assertEqual(self.delivered("udp"), messages)
@@ -141,7 +142,7 @@ class Recording(EndToEndTest):
         self.encoder(UDP, [15721], arguments=("--queue", "16"))
         recorder = harness.StoppedThread(self.encoder_process.pid, "Recorder")
         self.feed("klv", "--simulate", "--count", "300", "--rate", "0", "--udp", "127.0.0.1:15721")
-        time.sleep(0.5 * harness.SLOW)
+        self.drain(15721)
         recorder.resume()
         summary = self.stop(expected=1)
         dropped = source(summary, "udp")["dropped"]
