@@ -28,15 +28,17 @@
 //    thread. The reference count only changes atomically, so that an encoder's increment needs no lock.
 // =====================================================================================================
 
-int32_t _g_nAllocatedBuffers = 0;
+uint32_t _g_nAllocatedBuffers = 0;
+uint32_t _g_nFreedBuffers = 0;
 int32_t _g_nMaxAllocatedBuffers = 0;
 
 // Serialises releases. Recursive, so that a host's assertion handler may release a buffer itself.
 static constinit MdMutex _g_BufferMutex{MdMutex::Recursive{}};
 
-// KEPT: the counters change without the mutex here and under it in the release; they only feed the log line.
+// KEPT: the counters change without the mutex here and under it in the release; they only feed the log line. Each has one
+// way to change, so that the release, which has the mutex, needs no atomic step for its own.
 static void _CountAllocation(const char* function, int line) {
-  const int32_t now = MdAddFetch(_g_nAllocatedBuffers, 1);
+  const int32_t now = static_cast<int32_t>(MdAddFetch(_g_nAllocatedBuffers, 1u) - MdLoad(_g_nFreedBuffers));
   if (now <= MdLoad(_g_nMaxAllocatedBuffers)) [[likely]]
     return;
   MdStore(_g_nMaxAllocatedBuffers, now);
@@ -47,8 +49,8 @@ static void _CountAllocation(const char* function, int line) {
 // The state of a new buffer's data. Zeros that nobody reads are not made; large ones are cheaper from the C library.
 enum class Fill { Zero, None };
 
-// Allocates the block of every buffer; inline, because every message passes here. Returns NULL, without logging, if out of memory or if a size is negative or
-// overflows.
+// Allocates the block of every buffer; inline, because every message passes here. Returns NULL, without logging, if out of
+// memory or if a size is negative or overflows.
 [[gnu::always_inline]] static inline MDATA_BUFFER* _AllocBlock(int dataSize, int reservedSpace, Fill fill,
                                                                const char* function, int line) {
   if (dataSize < 0 || reservedSpace < 0) return nullptr;
@@ -125,7 +127,7 @@ static void _ReleaseLocked(MDATA_BUFFER* buffer) MD_REQUIRES(_g_BufferMutex) {
   }
   if (count != 0 || !buffer->bDynamic) return;
   free(buffer);
-  MdAddFetch(_g_nAllocatedBuffers, -1);
+  MdStore(_g_nFreedBuffers, MdLoad(_g_nFreedBuffers) + 1);
 }
 
 // Does the same as DoReleaseBuffer while the host debugs its threads: reports each line to the thread watchdog.

@@ -7,8 +7,10 @@
 
 #include "metadata_lib.h"
 
-// Buffers allocated now, and the highest number so far. Relaxed atomics: they only feed one log line.
-extern int32_t _g_nAllocatedBuffers;
+// Buffers allocated and freed so far, both wrapping, and the highest number that there were at a time. Relaxed atomics:
+// they only feed one log line.
+extern uint32_t _g_nAllocatedBuffers;
+extern uint32_t _g_nFreedBuffers;
 extern int32_t _g_nMaxAllocatedBuffers;
 
 // Does the same as DoAllocBuffer, but leaves the data as the C library gives it out.

@@ -321,7 +321,7 @@ TEST_F(FakeHost, EveryGlobalOfTheLibraryGetsItsInitialValueBack) {
   EXPECT_EQ(_g_aVideoExtractors[3].nRefCount, 0);
   EXPECT_EQ(_g_bAllItemsSupport, TRUE);
   EXPECT_EQ(g_nXMLEventCount, 0);
-  EXPECT_EQ(_g_nAllocatedBuffers, 0);
+  EXPECT_EQ(_g_nAllocatedBuffers, 0u);
   EXPECT_EQ(g_MetaDataSrcList.acSignature[0], 'F');
 }
 

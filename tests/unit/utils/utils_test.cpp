@@ -27,12 +27,15 @@ const BYTE* EndOfRecord(const MDATA_BUFFER* pBuffer) {
   return static_cast<const BYTE*>(pBuffer->pvAllocPtr) + sizeof(MDATA_BUFFER);
 }
 
+int32_t BuffersInUse() { return static_cast<int32_t>(MdLoad(_g_nAllocatedBuffers) - MdLoad(_g_nFreedBuffers)); }
+
 // --- Metadata buffers ------------------------------------------------------------------------------------
 
 class BufferTest : public HostTest {
  protected:
   BufferTest() {
     MdStore(_g_nAllocatedBuffers, 0);
+    MdStore(_g_nFreedBuffers, 0);
     MdStore(_g_nMaxAllocatedBuffers, 0);
   }
   MDATA_BUFFER* Alloc(int nSize = 0) {
@@ -52,7 +55,7 @@ TEST_F(BufferTest, DataAreaFollowsTheRecordOfAnEmptyBuffer) {
   EXPECT_EQ(pBuffer->nDataSize, 0);
   EXPECT_EQ(pBuffer->nTimeStamp, 0u);
   DoReleaseBuffer(&pBuffer);
-  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
+  EXPECT_EQ(BuffersInUse(), 0);
 }
 
 TEST_F(BufferTest, DataAreaIsZeroFilled) {
@@ -141,7 +144,7 @@ TEST_F(BufferTest, FailedAllocationChangesNothingAndIsNotLogged) {
   EXPECT_FALSE(DoAllocCopyBuffer(acData, 4, &pBuffer));
   EXPECT_FALSE(DoAllocCopyBufferEx(acData, 4, 5, &pBuffer));
   EXPECT_EQ(pBuffer, &marker);
-  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
+  EXPECT_EQ(BuffersInUse(), 0);
   EXPECT_EQ(MdLoad(_g_nMaxAllocatedBuffers), 0);
   EXPECT_TRUE(host().Logs().empty());
 }
@@ -170,10 +173,10 @@ TEST_F(BufferTest, ReleaseBeforeTheLastLeavesTheBufferAndClearsThePointer) {
   DoReleaseBuffer(&pBuffer);
   EXPECT_EQ(pBuffer, nullptr);
   EXPECT_EQ(pOther->nRefCount, 1);
-  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 1);
+  EXPECT_EQ(BuffersInUse(), 1);
   pOther->pcData[0] = 1;  // the buffer still exists
   DoReleaseBuffer(&pOther);
-  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
+  EXPECT_EQ(BuffersInUse(), 0);
 }
 
 TEST_F(BufferTest, ExtraReleaseIsReportedAndCountedAndFreesNothing) {
@@ -188,7 +191,7 @@ TEST_F(BufferTest, ExtraReleaseIsReportedAndCountedAndFreesNothing) {
   DoReleaseBuffer(&pBuffer);
   ExpectAssertion("pBuffer->nRefCount > 0");
   EXPECT_EQ(record.nRefCount, -2);
-  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
+  EXPECT_EQ(BuffersInUse(), 0);
 }
 
 TEST_F(BufferTest, RecordOwnedByTheCallerIsNeverFreed) {
@@ -198,7 +201,7 @@ TEST_F(BufferTest, RecordOwnedByTheCallerIsNeverFreed) {
   DoReleaseBuffer(&pBuffer);
   EXPECT_EQ(record.nRefCount, 0);
   EXPECT_EQ(pBuffer, nullptr);
-  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 0);
+  EXPECT_EQ(BuffersInUse(), 0);
 }
 
 TEST_F(BufferTest, ThreadStateIsSavedFourTimesIfTheHostDebugsThreads) {
@@ -231,7 +234,7 @@ TEST_F(BufferTest, EncodersAtomicIncrementAndReleasesOnOtherThreadsAgree) {
   for (int i = 0; i < kThreads; i++) threads.emplace_back(work);
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(pShared->nRefCount, 1);
-  EXPECT_EQ(MdLoad(_g_nAllocatedBuffers), 1);
+  EXPECT_EQ(BuffersInUse(), 1);
   EXPECT_GE(MdLoad(_g_nMaxAllocatedBuffers), 2);
   DoReleaseBuffer(&pShared);
 }
