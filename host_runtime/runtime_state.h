@@ -29,8 +29,15 @@ HDBG CaptureModule();  // "KLVCAPTURE"
 // Applies a configuration to the log. Returns false, with *error set, if the log file cannot be opened.
 bool ApplyLogConfig(const HostRuntimeConfig& config, std::string* error);
 
-// Forgets what HostRuntime_TimeDifference returns on this thread. Called in front of each callback of a descriptor set.
-void ForgetTimeDifference();
+// What HostRuntime_TimeDifference returns on this thread, microseconds.
+struct TimeDifference {
+  bool isKnown;
+  int64_t microseconds;
+};
+inline constinit thread_local TimeDifference g_timeDifference{};
+
+// Forgets it. Called in front of each callback of a descriptor set.
+inline void ForgetTimeDifference() { g_timeDifference.isKnown = false; }
 
 // Notes that the calling thread is alive, if CreateThread made it.
 void NoteSign();

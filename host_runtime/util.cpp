@@ -9,7 +9,6 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
-#include <optional>
 #include <string>
 
 #include "ini_text.h"
@@ -19,21 +18,9 @@
 
 using namespace host_runtime;
 
-namespace {
-thread_local std::optional<int64_t> g_timeDifference;  // of the running callback, microseconds
-}  // namespace
-
-namespace host_runtime {
-
-void ForgetTimeDifference() {
-  g_timeDifference.reset();
-}
-
-}  // namespace host_runtime
-
 bool HostRuntime_TimeDifference(int64_t* microseconds) {
-  if (g_timeDifference) *microseconds = *g_timeDifference;
-  return g_timeDifference.has_value();
+  if (g_timeDifference.isKnown) *microseconds = g_timeDifference.microseconds;
+  return g_timeDifference.isKnown;
 }
 
 extern "C" {
@@ -69,7 +56,7 @@ void CalcTimeOfDayAbsDiff(const struct timeval* pA, const struct timeval* pB, st
   } else {
     timersub(pB, pA, &difference);
   }
-  g_timeDifference = int64_t{difference.tv_sec} * 1'000'000 + difference.tv_usec;
+  g_timeDifference = {true, int64_t{difference.tv_sec} * 1'000'000 + difference.tv_usec};
   *pDiff = difference;
 }
 

@@ -119,7 +119,7 @@ static void _PrependStreamHeader(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* buffer,
 }
 
 // Writes the line and the dump before a delivery.
-static void _LogDelivery(const PathTexts& texts, const MDATA_BUFFER* buffer, int headerLength) {
+[[gnu::noinline]] static void _LogDelivery(const PathTexts& texts, const MDATA_BUFFER* buffer, int headerLength) {
   if (texts.completeLevel != kNoLine)
     MD_LOG(texts.completeLevel, "Got complete KLV message of %d bytes.\n", headerLength);
   if (texts.dumpLevel == kNoLine) return;
@@ -139,7 +139,7 @@ static bool _CallReadyCallback(MDATA_SRC_HANDLE hSource, MDATA_BUFFER* buffer) {
 bool _Deliver(MDATA_SRC_HANDLE hSource, const PathTexts& texts, MDATA_BUFFER* buffer, int headerLength) {
   _PrependStreamHeader(hSource, buffer, headerLength);
   if (!texts.sequenceIfTaken) ++hSource->HeaderSequence;
-  _LogDelivery(texts, buffer, headerLength);
+  if (MdLogEnabled(g_hMetaDataLibDbg, kLowestDeliveryLevel)) _LogDelivery(texts, buffer, headerLength);
   MD_ASSERT_TEXT(hSource->Config.pfnCallback != nullptr, texts.callbackMissing);
   const bool taken = _CallReadyCallback(hSource, buffer);
   if (texts.sequenceIfTaken && taken) ++hSource->HeaderSequence;

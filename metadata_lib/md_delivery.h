@@ -29,6 +29,7 @@ struct PathTexts {
 };
 
 inline constexpr int kNoLine = -1;
+inline constexpr int kLowestDeliveryLevel = 6;  // of every path's line and dump before the delivery
 
 inline constexpr PathTexts kKLVSerialTexts = {.substitutedLevel = 6,
                                               .substituted = "Substituted Serial KLV Message",
@@ -81,6 +82,16 @@ inline constexpr PathTexts kCoTUDPTexts = {.substitutedLevel = 6,
                                            .dumpHeader = true,
                                            .callbackMissing = "hSource->Config.pfnCallback != NULL",
                                            .sequenceIfTaken = false};
+
+constexpr bool _LogsDeliveryFrom(int level, const PathTexts& texts) {
+  return (texts.completeLevel == kNoLine || texts.completeLevel >= level) &&
+         (texts.dumpLevel == kNoLine || texts.dumpLevel >= level);
+}
+static_assert(_LogsDeliveryFrom(kLowestDeliveryLevel, kKLVSerialTexts) &&
+              _LogsDeliveryFrom(kLowestDeliveryLevel, kKLVUDPTexts) &&
+              _LogsDeliveryFrom(kLowestDeliveryLevel, kVideoTexts) &&
+              _LogsDeliveryFrom(kLowestDeliveryLevel, kCoTSerialTexts) &&
+              _LogsDeliveryFrom(kLowestDeliveryLevel, kCoTUDPTexts));
 
 // The outcome of rewriting a message.
 enum class Rewritten {

@@ -9,6 +9,7 @@
 #include "md_udp.h"
 
 #include <netinet/in.h>
+#include <stddef.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -193,20 +194,19 @@ static bool _AcceptsIPv6(const BYTE* configured, const void* sender) {
 BOOL _IsUDPDataForSource(MDATA_SRC_HANDLE hSource, struct sockaddr_storage* pAddr) {
   const int configuredFamily = hSource->Config.in.Network.iSrcAddressFamily;
   const BYTE* configured = hSource->Config.in.Network.acSrcAddress;
+  const BYTE* record = reinterpret_cast<const BYTE*>(pAddr);
   if (pAddr->ss_family == AF_INET && (configuredFamily == AF_INET || configuredFamily == 0)) {
-    struct sockaddr_in sender = {};
-    memcpy(&sender, pAddr, sizeof(sender));
-    if (_AcceptsIPv4(configured, &sender.sin_addr)) {
+    const BYTE* sender = record + offsetof(struct sockaddr_in, sin_addr);
+    if (_AcceptsIPv4(configured, sender)) {
       MD_LOG(7, "IPv4 packet is for us.\n");
-      _RecordSender<AF_INET, 4>(hSource, &sender.sin_addr);
+      _RecordSender<AF_INET, 4>(hSource, sender);
       return TRUE;
     }
   } else if (pAddr->ss_family == AF_INET6 && (configuredFamily == AF_INET6 || configuredFamily == 0)) {
-    struct sockaddr_in6 sender = {};
-    memcpy(&sender, pAddr, sizeof(sender));
-    if (_AcceptsIPv6(configured, &sender.sin6_addr)) {
+    const BYTE* sender = record + offsetof(struct sockaddr_in6, sin6_addr);
+    if (_AcceptsIPv6(configured, sender)) {
       MD_LOG(7, "IPv6 packet is for us.\n");
-      _RecordSender<AF_INET6, 16>(hSource, &sender.sin6_addr);
+      _RecordSender<AF_INET6, 16>(hSource, sender);
       return TRUE;
     }
   }
