@@ -13,7 +13,7 @@ S = "${WORKDIR}/git"
 
 inherit cmake pkgconfig
 
-EXTRA_OECMAKE = "-DMETADATA_BUILD_TESTS=OFF"
+EXTRA_OECMAKE = "-DMETADATA_BUILD_TESTS=OFF -DMETADATA_SMALL=ON"
 
 # The library alone by default: an encoder has host services of its own.
 PACKAGECONFIG ??= ""

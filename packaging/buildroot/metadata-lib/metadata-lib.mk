@@ -15,6 +15,7 @@ METADATA_LIB_SUPPORTS_IN_SOURCE_BUILD = NO
 # The library alone: an encoder has host services of its own.
 METADATA_LIB_CONF_OPTS = \
 	-DMETADATA_BUILD_HOST=OFF \
-	-DMETADATA_BUILD_TESTS=OFF
+	-DMETADATA_BUILD_TESTS=OFF \
+	-DMETADATA_SMALL=ON
 
 $(eval $(cmake-package))
