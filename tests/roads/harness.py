@@ -118,8 +118,8 @@ class EndToEndTest(unittest.TestCase):
             process.wait()
             if process.stdout:
                 process.stdout.close()
-        outcome = getattr(self, "_outcome", None)
-        failed = outcome is not None and any(error for _, error in getattr(outcome, "errors", []) or [])
+        result = self._outcome.result
+        failed = any(test is self for test, _ in result.failures + result.errors)
         log = self.folder / "host.log"
         if failed and log.exists():
             print("--- host.log, last lines", file=sys.stderr)
@@ -210,12 +210,20 @@ def source(summary, name):
     return next(entry for entry in summary["sources"] if entry["name"] == name)
 
 
+def threads(process, name):
+    """Returns the threads of a process that have given themselves this name."""
+    tasks = pathlib.Path(f"/proc/{process}/task")
+    return [int(task.name) for task in tasks.iterdir() if (task / "comm").read_text().strip() == name]
+
+
 class StoppedThread:
     """Stops one thread of a process, as a deadlock would."""
 
     def __init__(self, process, name):
-        tasks = pathlib.Path(f"/proc/{process}/task")
-        self.task = next(int(task.name) for task in tasks.iterdir() if (task / "comm").read_text().strip() == name)
+        deadline = time.monotonic() + 20 * SLOW
+        while not threads(process, name) and time.monotonic() < deadline:
+            time.sleep(0.02)
+        self.task = threads(process, name)[0]
         self.libc = ctypes.CDLL(None, use_errno=True)
         self.libc.ptrace.argtypes = [ctypes.c_long, ctypes.c_long, ctypes.c_void_p, ctypes.c_void_p]
         self.call(_PTRACE_SEIZE)

@@ -41,7 +41,7 @@ class Printing(EndToEndTest):
         begin = time.monotonic()
         self.encoder_process.send_signal(number)
         code = self.encoder_process.wait(timeout=30)
-        self.assertLess(time.monotonic() - begin, 3 * harness.SLOW)
+        self.assertLess(time.monotonic() - begin, 8 * harness.SLOW, "on a busy machine too")
         return code, json.loads((self.folder / "summary.json").read_text())
 
     def all_are_there(self, summary, count):
@@ -101,7 +101,7 @@ class Printing(EndToEndTest):
         self.start_encoder("--duration", "1", stdout=output, stderr=output)
         self.feed_flight(3000)
         self.assertEqual(self.encoder_process.wait(timeout=30), 0)
-        self.assertLess(time.monotonic() - begin, 3.5 * harness.SLOW)
+        self.assertLess(time.monotonic() - begin, 10 * harness.SLOW, "on a busy machine too")
 
     def test_a_second_signal_ends_at_once(self):
         _, output = self.pipe()
@@ -113,7 +113,7 @@ class Printing(EndToEndTest):
         begin = time.monotonic()
         self.encoder_process.send_signal(signal.SIGINT)
         self.assertEqual(self.encoder_process.wait(timeout=20), 128 + signal.SIGINT)
-        self.assertLess(time.monotonic() - begin, 0.4 * harness.SLOW)
+        self.assertLess(time.monotonic() - begin, 1 * harness.SLOW)
 
     def test_a_run_that_has_its_messages_waits_for_a_reader_that_reads(self):
         reader, output = self.pipe()
