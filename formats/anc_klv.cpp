@@ -188,7 +188,7 @@ std::optional<RtpPacket> UnpackRtp(ByteView datagram) {
   packet.header.field = payload[5] >> 6;
   if (size > payload.size() - kPayloadHeader || packet.header.field == 1) return {};
   const ByteView content = payload.subspan(kPayloadHeader, size);
-  packet.ancPackets.assign(content.begin(), content.end());
+  packet.payload.assign(content.begin(), content.end());
   return packet;
 }
 
@@ -347,7 +347,7 @@ void Receiver::PushInOrder(const RtpPacket& packet) {
     m_assembler.DropUnfinished(m_counts);
   }
   const uint64_t timestamp = m_time.Extend(packet.header.timestamp);
-  ByteView rest(packet.ancPackets);
+  ByteView rest(packet.payload);
   for (unsigned i = 0; i < packet.count; ++i) {
     const UnpackedAnc anc = UnpackAnc(rest);
     if (anc.state == AncState::CutOff) {

@@ -82,7 +82,7 @@ Bytes PackRtp(const RtpHeader& header, ByteView ancPackets, uint8_t count);
 struct RtpPacket {
   RtpHeader header;
   uint8_t count = 0;  // number of ancillary packets, according to the payload header
-  Bytes ancPackets;
+  Bytes payload;      // the ancillary packets
 };
 // Returns nothing if the datagram is not such an RTP packet, is truncated, or has the bits F 0b01, which are undefined.
 std::optional<RtpPacket> UnpackRtp(ByteView datagram);

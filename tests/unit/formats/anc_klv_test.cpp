@@ -152,7 +152,7 @@ TEST(Rtp, UnpackingReversesPacking) {
   EXPECT_EQ(back->header.source, 0x01020304u);
   EXPECT_EQ(back->header.field, 3);
   EXPECT_EQ(back->count, 1);
-  EXPECT_EQ(back->ancPackets, anc);
+  EXPECT_EQ(back->payload, anc);
 }
 
 TEST(Rtp, PaddingExtensionAndContributingSourcesAreSkipped) {
@@ -163,7 +163,7 @@ TEST(Rtp, PaddingExtensionAndContributingSourcesAreSkipped) {
   packet.insert(packet.end(), {0, 0, 3});
   const auto back = UnpackRtp(packet);
   ASSERT_TRUE(back);
-  EXPECT_EQ(back->ancPackets, anc);
+  EXPECT_EQ(back->payload, anc);
 }
 
 TEST(Rtp, OtherAndCutDatagramsAreRefused) {
