@@ -3,6 +3,7 @@
 //
 // CONTENTS
 //   Queue      passes packets from a back end's thread to the metadata thread
+//   Room       holds the packets of files back until they can be taken
 //   Inputs     hold the running captures
 //   Services   are called by the library
 #define HOST_MODULE "capture"
@@ -105,6 +106,72 @@ HostCaptureStats CaptureQueue::Stats() const {
   return m_stats;
 }
 
+HostCaptureState CaptureQueue::State() const {
+  using Phase = HostCaptureState::Phase;
+  const Lock guard(m_lock);
+  return {m_hasEnded && m_packets.empty() ? Phase::Ended : Phase::Running, m_fault};
+}
+
+void CaptureQueue::End() {
+  const Lock guard(m_lock);
+  m_hasEnded = true;
+}
+
+void CaptureQueue::SetFault(const std::string& fault) {
+  {
+    const Lock guard(m_lock);
+    if (m_fault == fault) return;
+    m_fault = fault;
+  }
+  if (fault.empty()) {
+    HOST_LOG(5, "Video input %d: the stream is there.\n", m_input);
+  } else {
+    HOST_LOG(3, "Video input %d: %s; trying again every second.\n", m_input, fault.c_str());
+  }
+}
+
+// --- Room --------------------------------------------------------------------------------------------
+// The packets of a file that wait in a queue, and the messages that the program holds, may become messages of several
+// captures at once. Each capture therefore takes a part of the room only.
+
+namespace {
+
+constexpr size_t kPart = 8;
+constexpr size_t kMostAhead = 48;  // the library warns if it finds 60 at once
+constexpr int64_t kRoomWait = 1'000'000;
+
+struct RoomState {
+  Mutex lock;  // leaf
+  std::shared_ptr<const std::function<size_t()>> room GUARDED_BY(lock);
+};
+
+RoomState& Room() {
+  static auto* const kRoom = new RoomState;
+  return *kRoom;
+}
+
+size_t ProgramRoom() {
+  std::shared_ptr<const std::function<size_t()>> room;
+  {
+    const Lock guard(Room().lock);
+    room = Room().room;
+  }
+  return room != nullptr ? (*room)() : CaptureQueue::kMostPackets;
+}
+
+}  // namespace
+
+bool CaptureQueue::HasRoom() const {
+  const size_t room = ProgramRoom();
+  const Lock guard(m_lock);
+  return room != 0 && m_packets.size() < std::clamp(room / kPart, size_t{1}, kMostAhead) && m_bytes < kMostBytes / 2;
+}
+
+bool CaptureQueue::AwaitRoom() {
+  while (!IsStopping() && !HasRoom()) Wait(-1, kRoomWait);
+  return !IsStopping();
+}
+
 // --- Inputs ------------------------------------------------------------------------------------------
 // The metadata thread starts and stops them, any thread may read them. They are never destroyed.
 
@@ -172,7 +239,7 @@ bool IsInput(int input) {
 std::unique_ptr<CaptureBackend> MakeBackend(const HostCaptureConfig& config) {
   switch (config.kind) {
     case HostCaptureConfig::Kind::Media:
-      return MakeMediaBackend(config);
+      return MakeUrlBackend(config);
     case HostCaptureConfig::Kind::Anc:
       return MakeAncBackend(config);
     case HostCaptureConfig::Kind::Socket:
@@ -212,6 +279,24 @@ BOOL Start(int input, VIDEO_EXTRACTOR* pExtractor) {
 
 using namespace host_runtime;
 using common::Lock;
+
+void HostRuntime_OnRoom(std::function<size_t()> room) {
+  NoThrow([&] {
+    auto fresh = room ? std::make_shared<const std::function<size_t()>>(std::move(room)) : nullptr;
+    const Lock guard(Room().lock);
+    Room().room.swap(fresh);
+  });
+}
+
+HostCaptureState HostRuntime_CaptureState(int input) {
+  if (!IsInput(input)) return {};
+  return NoThrow(HostCaptureState{}, [&] {
+    const auto index = static_cast<size_t>(input);
+    const Lock guard(AllInputs().lock);
+    const auto& capture = AllInputs().captures[index];
+    return capture != nullptr ? capture->Queue().State() : HostCaptureState{};
+  });
+}
 
 HostCaptureStats HostRuntime_CaptureStats(int input) {
   if (!IsInput(input)) return {};

@@ -11,6 +11,7 @@
 #include <deque>
 #include <memory>
 #include <span>
+#include <string>
 #include <vector>
 
 #include "annotated_mutex.h"
@@ -36,6 +37,11 @@ class CaptureQueue {
   // For the back end's thread.
   void Push(uint64_t timestamp, std::span<const uint8_t> klv);
   void Count(uint64_t HostCaptureStats::*counter, uint64_t count = 1);
+  // Waits until the queue and the program have room for another packet of a file. Returns false if the capture is to
+  // stop.
+  bool AwaitRoom();
+  // Says why nothing can come, or with "" that it can. Logs a line when that changes.
+  void SetFault(const std::string& fault);
   // Waits until fd is readable, the time has elapsed, or the capture is to stop; fd may be -1. Returns true if it is
   // readable.
   bool Wait(int fd, int64_t nanoseconds);
@@ -46,8 +52,13 @@ class CaptureQueue {
   int FD() const { return m_readable.Get(); }
   bool Pop(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp);
   HostCaptureStats Stats() const;
+  HostCaptureState State() const;
+  // Notes that nothing more is pushed, because a file was played to its end.
+  void End();
 
  private:
+  bool HasRoom() const;
+
   struct Packet {
     uint64_t timestamp;
     std::vector<uint8_t> klv;
@@ -61,6 +72,8 @@ class CaptureQueue {
   std::deque<Packet> m_packets GUARDED_BY(m_lock);
   size_t m_bytes GUARDED_BY(m_lock) = 0;
   HostCaptureStats m_stats GUARDED_BY(m_lock);
+  std::string m_fault GUARDED_BY(m_lock);
+  bool m_hasEnded GUARDED_BY(m_lock) = false;
 };
 
 class CaptureBackend {
@@ -72,7 +85,11 @@ class CaptureBackend {
   virtual void Run(CaptureQueue& queue) = 0;
 };
 
+// Of the kind Media: the backend for the file or URL.
+std::unique_ptr<CaptureBackend> MakeUrlBackend(const HostCaptureConfig& config);
 std::unique_ptr<CaptureBackend> MakeMediaBackend(const HostCaptureConfig& config);
+std::unique_ptr<CaptureBackend> MakeKlvFileBackend(const HostCaptureConfig& config, bool hasStreamHeaders);
+std::unique_ptr<CaptureBackend> MakeDatagramBackend(const HostCaptureConfig& config);
 std::unique_ptr<CaptureBackend> MakeAncBackend(const HostCaptureConfig& config);
 std::unique_ptr<CaptureBackend> MakeSocketBackend(const HostCaptureConfig& config);
 

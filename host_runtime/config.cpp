@@ -99,6 +99,12 @@ struct Loader {
       return {};
     }
     if (key == "loop") return ReadSwitch(key, value, &capture.loop);
+    if (key == "speed") {
+      const auto speed = value_text::ParseReal(value, 0, 1000);
+      if (!speed) return value_text::Refusal(key, value, value_text::RealRange(0, 1000));
+      capture.speed = *speed;
+      return {};
+    }
     if (key == "port") return ReadNumber(key, value, uint16_t{1}, uint16_t{65535}, &capture.port);
     if (key == "address") {
       in_addr address{};
@@ -106,7 +112,7 @@ struct Loader {
       capture.address = value;
       return {};
     }
-    return UnknownKey(section, key, "kind, path, loop, address, port");
+    return UnknownKey(section, key, "kind, path, loop, speed, address, port");
   }
 
   std::string Key(const std::string& section, const std::string& key, const std::string& value) {
@@ -222,6 +228,18 @@ bool HostRuntime_Apply(const HostRuntimeConfig& config, std::string* error) {
     HOST_LOG(3, "%s.\n", problem.c_str());
     if (error != nullptr) *error = problem;
     return false;
+  });
+}
+
+bool HostRuntime_SetCapture(int input, const HostCaptureConfig& config) {
+  if (input < 0 || input >= kHostVideoInputs) return false;
+  return NoThrow(false, [&] {
+    Snapshot& state = State();
+    auto fresh = std::make_shared<HostRuntimeConfig>(*Config());
+    fresh->captures[static_cast<size_t>(input)] = config;
+    const Lock guard(state.lock);
+    state.config = std::move(fresh);
+    return true;
   });
 }
 

@@ -8,6 +8,7 @@
 #define HOST_RUNTIME_H
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -23,15 +24,18 @@ constexpr int kHostVideoInputs = 4;
 struct HostCaptureConfig {
   enum class Kind {
     None,   // the input cannot be opened
-    Media,  // a file or stream with a KLV track, played in real time
+    Media,  // a file of KLV, or a file or stream with a KLV track
     Anc,    // an ancillary stream of RFC 8331 (SMPTE ST 2110-40) over UDP
     Socket  // datagrams on a local socket: a big-endian timestamp of 8 bytes, then the KLV
   };
   Kind kind = Kind::None;
   std::string path;     // Media: file or URL; Socket: path of the socket, which the runtime makes
-  bool loop = false;    // Media: begin again at the end
+  bool loop = false;    // Media: begin a file again at its end
   std::string address;  // Anc: IPv4 group to join, or empty
   uint16_t port = 0;    // Anc
+  double speed = 1;     // Media: a file's own time times this; 0 for as fast as its messages are taken
+
+  bool operator==(const HostCaptureConfig&) const = default;
 };
 
 // One key of an INI file that the library reads.
@@ -131,8 +135,27 @@ bool HostRuntime_TimeDifference(int64_t* microseconds);
 // --- capture -----------------------------------------------------------------------------------------
 
 // Returns "", or what keeps `path`, the file or URL of a capture of kind Media, from being played. A file is opened and
-// read; of a URL only the protocol is tried.
+// read; of a URL only the protocol and, of udp:// and rtp://, the address are looked at.
 std::string HostRuntime_MediaFault(const std::string& path);
+
+// Sets the origin of one video input; an open capture keeps its own. Returns false if there is no such input.
+bool HostRuntime_SetCapture(int input, const HostCaptureConfig& config);
+
+// Sets what tells how many messages the program can take at the moment. Files wait for that, so that nothing of them is
+// lost however fast they are played. It is called on the threads of the captures and must not wait. Without it the
+// queues of the captures are the limit.
+void HostRuntime_OnRoom(std::function<size_t()> room);
+
+struct HostCaptureState {
+  enum class Phase {
+    Stopped,
+    Running,
+    Ended  // the last message of a file was taken
+  };
+  Phase phase = Phase::Stopped;
+  std::string fault;  // of a running stream: why nothing can come, until the next attempt succeeds
+};
+HostCaptureState HostRuntime_CaptureState(int input);
 
 // Counts of one video input since the last capture start.
 struct HostCaptureStats {
@@ -148,6 +171,7 @@ struct HostCaptureStats {
   uint64_t reordered = 0;     // RTP packets that arrived out of order and were put back
   uint64_t late = 0;          // RTP packets dropped: repeated, or too late to be put back
   uint64_t incomplete = 0;    // KLV messages dropped because a part was missing
+  uint64_t kernelDrops = 0;   // datagrams of udp:// and rtp:// that the kernel dropped before they were read
 };
 
 // Returns zeros for an input that was never started.

@@ -1,0 +1,69 @@
+// SPDX-License-Identifier: Apache-2.0
+// Takes the KLV tracks out of a media file or stream, through libavformat. No track is decoded, and the others are
+// skipped. It belongs to the capture's thread.
+#ifndef HOST_MEDIA_DEMUXER_H
+#define HOST_MEDIA_DEMUXER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <span>
+#include <string>
+
+struct AVFormatContext;
+struct AVIOContext;
+struct AVPacket;
+struct AVStream;
+
+namespace host_runtime {
+
+class MediaDemuxer {
+ public:
+  // `isStopping` is asked while an input is opened or read.
+  explicit MediaDemuxer(std::function<bool()> isStopping);
+  ~MediaDemuxer();
+  MediaDemuxer(const MediaDemuxer&) = delete;
+  MediaDemuxer& operator=(const MediaDemuxer&) = delete;
+
+  // Opens a file, or a URL of a protocol that KnowsProtocol. Returns false with Fault().
+  bool Open(const std::string& path);
+  // Opens a transport stream whose bytes `read` gives: it returns how many bytes it stored, or 0 at the end.
+  using Read = std::function<size_t(std::span<uint8_t> to)>;
+  bool OpenTransportStream(Read read);
+
+  struct Packet {
+    int64_t time;                   // 90 kHz; that of the packet before it if it has none
+    std::span<const uint8_t> data;  // valid until the next call
+  };
+  // Returns false at the end of the input, if the capture is to stop, or with a fault.
+  bool Next(Packet* packet);
+  // Returns "" or what is wrong with the input, as after its end.
+  const std::string& Fault() const { return m_fault; }
+  // Returns whether a track may carry KLV. A track without a label may; its packets tell.
+  bool MayHaveKlv() const;
+
+  static bool KnowsProtocol(const std::string& url);
+
+ private:
+  class Bytes;
+
+  static int IsInterrupted(void* self);
+  bool Finish(int result);
+  void SelectTracks();
+  bool IsKlv(const AVStream& stream) const;
+
+  const std::function<bool()> m_isStopping;
+  std::unique_ptr<Bytes> m_bytes;
+  AVFormatContext* m_input = nullptr;
+  AVPacket* m_packet = nullptr;
+  unsigned m_selected = 0;     // tracks that SelectTracks has seen
+  int64_t m_openDeadline = 0;  // monotonic, ns; 0 without one
+  bool m_isLate = false;       // the deadline has passed
+  int64_t m_time = 0;
+  std::string m_fault;
+};
+
+}  // namespace host_runtime
+
+#endif  // HOST_MEDIA_DEMUXER_H
