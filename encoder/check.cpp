@@ -95,10 +95,10 @@ void CheckMappings(const CheckSubject& subject) {
 
 // Returns the keys that a kind of capture uses, beside the kind.
 std::span<const std::string_view> CaptureKeys(std::string_view kind) {
-  static constexpr std::string_view kMedia[] = {"path", "loop"};
+  static constexpr std::string_view kMedia[] = {"path", "loop", "speed"};
   static constexpr std::string_view kAnc[] = {"address", "port"};
   if (kind == "anc") return kAnc;
-  return std::span(kMedia, kind == "media" ? 2U : kind == "socket" ? 1U : 0U);
+  return std::span(kMedia, kind == "media" ? 3U : kind == "socket" ? 1U : 0U);
 }
 
 // Reads the host's file as strictly as this program's own: a key given twice, and keys that its kind of capture ignores.

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "check.h"
+#include "stream_url.h"
 
 namespace mdencoder {
 namespace {
@@ -104,8 +105,9 @@ std::string SocketFault(const std::string& path) {
 void CheckVideo(const CheckSubject& subject, const SourceSettings& source) {
   const int input = source.record.in.Video.enInputInterface;
   const std::string section = "capture" + std::to_string(input);
-  const HostCaptureConfig& capture = subject.host.captures.at(static_cast<size_t>(input));
-  const KeyPlace place = {subject.config.encoder.hostConfig, section, "path"};
+  const HostCaptureConfig& capture = CaptureOf(source, subject.host);
+  const KeyPlace place = source.capture ? KeyPlace{subject.configPath, source.name, "url"}
+                                        : KeyPlace{subject.config.encoder.hostConfig, section, "path"};
   std::string fault;
   switch (capture.kind) {
     case HostCaptureConfig::Kind::None:
@@ -113,7 +115,9 @@ void CheckVideo(const CheckSubject& subject, const SourceSettings& source) {
              "host_config has no section [" + section + "] with a kind");
     case HostCaptureConfig::Kind::Media:
       fault = subject.mediaFault(capture.path);
-      if (!fault.empty()) Refuse(place, capture.path, "a media file or URL with a KLV track", fault);
+      if (!fault.empty()) {
+        Refuse(place, stream_url::Shown(capture.path), "a KLV file, or a media file or URL with a KLV track", fault);
+      }
       break;
     case HostCaptureConfig::Kind::Socket:
       fault = SocketFault(capture.path);

@@ -26,6 +26,7 @@
 #include "ini_file.h"
 #include "recording_name.h"
 #include "statistics.h"
+#include "stream_url.h"
 
 namespace mdencoder {
 namespace {
@@ -63,6 +64,8 @@ void AddRawCapture(const CheckSubject& subject, const SourceSettings& source, st
   if (record.enInputType == MDATA_INPUT_SERIAL) {
     uses.push_back({place, "/tmp/rawserial.txt", FileUse::Kind::Stream});
     uses.push_back({place, "/tmp/cotxml.txt", FileUse::Kind::Stream});
+  } else if (source.replay) {
+    // Its port, which is in the name, is found when it is opened.
   } else if (record.enInputType == MDATA_INPUT_NETWORK) {
     const std::string port = std::to_string(record.in.Network.usUDPPort);
     uses.push_back({place, "/tmp/rawudp_" + port + ".txt", FileUse::Kind::Stream});
@@ -73,7 +76,8 @@ void AddRawCapture(const CheckSubject& subject, const SourceSettings& source, st
 
 bool IsInputUsed(const Config& config, int input) {
   return std::any_of(config.sources.begin(), config.sources.end(), [input](const SourceSettings& source) {
-    return source.record.enInputType == MDATA_INPUT_VIDEO && source.record.in.Video.enInputInterface == input;
+    return source.record.enInputType == MDATA_INPUT_VIDEO && !source.capture &&
+           source.record.in.Video.enInputInterface == input;
   });
 }
 
@@ -115,6 +119,8 @@ std::vector<FileUse> UsesOf(const CheckSubject& subject) {
       if (!recording.empty()) uses.push_back({place, recording + suffix, FileUse::Kind::Recording, !isOwn});
     }
     AddRawCapture(subject, source, uses);
+    const std::string file = source.capture ? source.capture->path : source.replay ? source.replay->path : "";
+    if (!file.empty() && !stream_url::IsUrl(file)) uses.push_back({{subject.configPath, source.name, "url"}, file});
   }
   return uses;
 }

@@ -19,6 +19,7 @@
 
 #include "check.h"
 #include "owned_fd.h"
+#include "stream_url.h"
 #include "values.h"
 
 namespace mdencoder {
@@ -112,6 +113,18 @@ Reception OfSource(const CheckSubject& subject, const SourceSettings& source) {
   return reception;
 }
 
+// Of a source whose url is udp:// or rtp://.
+Reception OfUrl(const CheckSubject& subject, const SourceSettings& source, const stream_url::DatagramOrigin& origin) {
+  Reception reception;
+  reception.place = reception.ofAddress = {subject.configPath, source.name, "url"};
+  reception.port = origin.port;
+  reception.onIPv4 = origin.family == AF_INET;
+  reception.onIPv6 = origin.family == AF_INET6;
+  const auto address = ParseAddress(origin.address);
+  if (origin.family == AF_INET && address && address->IsMulticast()) reception.address = *address;
+  return reception;
+}
+
 Reception OfCapture(const CheckSubject& subject, int input) {
   const HostCaptureConfig& capture = subject.host.captures.at(static_cast<size_t>(input));
   const std::string section = "capture" + std::to_string(input);
@@ -132,8 +145,14 @@ std::vector<Reception> ReceptionsOf(const CheckSubject& subject) {
   std::vector<Reception> receptions;
   std::vector<int> inputs;
   for (const SourceSettings& source : subject.config.sources) {
+    if (source.replay) continue;
     if (source.record.enInputType == MDATA_INPUT_NETWORK) receptions.push_back(OfSource(subject, source));
     if (source.record.enInputType != MDATA_INPUT_VIDEO) continue;
+    if (source.capture) {
+      const auto origin = stream_url::ParseDatagramUrl(source.capture->path);
+      if (origin) receptions.push_back(OfUrl(subject, source, *origin));
+      continue;
+    }
     const int input = source.record.in.Video.enInputInterface;
     const auto& capture = subject.host.captures.at(static_cast<size_t>(input));
     if (capture.kind != HostCaptureConfig::Kind::Anc) continue;

@@ -3,12 +3,14 @@
 //   Keys          are allowed in a section, some of them under a condition
 //   Encoder       reads the [encoder] section
 //   Sources       reads every other section
+//   URLs          are what the key url names
 //   Together      checks the sections against each other
 #include "config.h"
 
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstring>
@@ -23,6 +25,7 @@
 #include "recording_name.h"
 #include "relay_graph.h"
 #include "section.h"
+#include "stream_url.h"
 #include "value_text.h"
 #include "values.h"
 
@@ -58,6 +61,10 @@ constexpr std::string_view kSourceKeys[] = {"input",
                                             "address",
                                             "interface",
                                             "decimation",
+                                            "url",
+                                            "speed",
+                                            "loop",
+                                            "filter",
                                             "cot_delta_ms",
                                             "cot_sensor",
                                             "cot_discovery",
@@ -94,9 +101,12 @@ std::string ConditionOf(std::string_view key) {
     if (key == serial) return "with input = serial";
   }
   for (const std::string_view udp : {"port", "family", "address"}) {
-    if (key == udp) return "with input = udp";
+    if (key == udp) return "with input = udp and without url";
   }
-  if (key == "interface" || key == "decimation") return "with input = video";
+  if (key == "interface") return "with input = video and without url";
+  if (key == "decimation") return "with input = video";
+  if (key == "speed" || key == "loop") return "with url of a file";
+  if (key == "filter") return "with url of a capture file";
   if (key.starts_with("cot_")) return "with data = cot";
   if (key == "classifying_country" || key == "object_country") return "with a classification";
   return "with capture = yes";
@@ -298,6 +308,86 @@ void CheckName(const std::string& name) {
   }
 }
 
+// --- URLs --------------------------------------------------------------------------------------------
+
+constexpr double kHighestSpeed = 1000;
+constexpr size_t kLongestFilter = 197;  // a line of the file
+constexpr std::string_view kSchemes[] = {"udp", "rtp", "srt", "rtsp", "rtsps", "http", "https", "tcp"};
+constexpr char kUrlAllowed[] =
+    "a file, or a URL that begins with udp, rtp, srt, rtsp, rtsps, http, https or tcp and ://";
+
+enum class Origin { None, Stream, File, CaptureFile };
+
+bool IsCaptureFile(const std::string& path) {
+  return path.ends_with(".pcap") || path.ends_with(".pcapng") || path.ends_with(".cap");
+}
+
+// Returns what the URL of a source is. Throws ConfigError for one that nothing here can open.
+Origin OriginOf(Section& section) {
+  const std::string* const url = section.Find("url");
+  if (url == nullptr) return Origin::None;
+  if (url->empty()) section.Fail("url", *url, kUrlAllowed);
+  const std::string scheme = stream_url::Scheme(*url);
+  if (!stream_url::IsUrl(*url)) {
+    if (IsCaptureFile(*url)) return Origin::CaptureFile;
+    return url->ends_with(".sdp") ? Origin::Stream : Origin::File;
+  }
+  if (std::find(std::begin(kSchemes), std::end(kSchemes), scheme) == std::end(kSchemes)) {
+    section.Fail("url", *url, kUrlAllowed);
+  }
+  if (stream_url::IsDatagramUrl(*url) && !stream_url::ParseDatagramUrl(*url)) {
+    section.Fail("url", *url, stream_url::kDatagramAllowed);
+  }
+  return Origin::Stream;
+}
+
+// The URL settles the input.
+int32_t ReadInput(Section& section, Origin origin) {
+  const int32_t input = section.Choice("input", kInputs, -1);
+  if (origin == Origin::None) {
+    if (input < 0) {
+      throw ConfigError("[" + section.Name() + "] input is missing; it must be one of " + Join(kInputs));
+    }
+    return input;
+  }
+  const int32_t settled = origin == Origin::CaptureFile ? MDATA_INPUT_NETWORK : MDATA_INPUT_VIDEO;
+  if (input >= 0 && input != settled) {
+    section.Fail("input", kInputs[input], std::string(kInputs[settled]) + " with this url, or left out");
+  }
+  return settled;
+}
+
+void ReadReplay(Section& section, SourceSettings& source) {
+  ReplaySettings& replay = source.replay.emplace();
+  replay.path = section.Path("url");
+  replay.filter = section.Text("filter", kLongestFilter);
+  replay.speed = section.Real("speed", 0, kHighestSpeed, 1);
+  replay.loop = section.Switch("loop", false);
+  // Only what this program sends arrives.
+  constexpr BYTE kLoopback[] = {127, 0, 0, 1};
+  MDATA_INET_SRC_CFG& network = source.record.in.Network;
+  network.iSrcAddressFamily = AF_INET;
+  std::copy(std::begin(kLoopback), std::end(kLoopback), network.acSrcAddress);
+}
+
+void ReadVideo(Section& section, Origin origin, SourceSettings& source) {
+  MDATA_SRC_CFG& record = source.record;
+  if (record.enDataType != MDATA_DATA_KLV) {
+    section.Fail("data", source.data, origin == Origin::None ? "klv with input = video" : "klv with this url");
+  }
+  record.nDecimationFactor = static_cast<UINT32>(section.Number("decimation", 0, UINT32_MAX, 0));
+  if (origin == Origin::None) {
+    record.in.Video.enInputInterface = static_cast<int32_t>(section.Number("interface", 0, kHostVideoInputs - 1, 0));
+    return;
+  }
+  HostCaptureConfig& capture = source.capture.emplace();
+  capture.kind = HostCaptureConfig::Kind::Media;
+  capture.path = section.Path("url");
+  if (origin != Origin::File) return;
+  capture.speed = section.Real("speed", 0, kHighestSpeed, 1);
+  capture.loop = section.Switch("loop", false);
+}
+
 SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UINT32 index) {
   CheckName(ini.name);
   Section section(ini, kSourceKeys, iniPath);
@@ -306,9 +396,8 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
   MDATA_SRC_CFG& record = source.record;
   record.nSize = sizeof(record);
   record.nIndex = static_cast<UINT32>(section.Number("index", 0, UINT32_MAX, index));
-  record.enInputType = section.Choice("input", kInputs, -1);
-  if (record.enInputType < 0)
-    throw ConfigError("[" + ini.name + "] input is missing; it must be one of " + Join(kInputs));
+  const Origin origin = OriginOf(section);
+  record.enInputType = ReadInput(section, origin);
   record.enDataType = section.Choice("data", kData, MDATA_DATA_KLV);
   source.input = kInputs[record.enInputType];
   source.data = kData[record.enDataType];
@@ -324,13 +413,15 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
       ReadSerial(section, record.in.Serial);
       break;
     case MDATA_INPUT_NETWORK:
+      if (origin == Origin::CaptureFile) {
+        ReadReplay(section, source);
+        break;
+      }
       ReadNetwork(section, record.in.Network);
       source.hasAddress = section.Find("address") != nullptr;
       break;
     default:
-      if (record.enDataType != MDATA_DATA_KLV) section.Fail("data", source.data, "klv with input = video");
-      record.in.Video.enInputInterface = static_cast<int32_t>(section.Number("interface", 0, 3, 0));
-      record.nDecimationFactor = static_cast<UINT32>(section.Number("decimation", 0, UINT32_MAX, 0));
+      ReadVideo(section, origin, source);
       break;
   }
   if (record.enDataType == MDATA_DATA_COT) ReadCot(section, record.format.CoT);
@@ -349,6 +440,25 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
 }
 
 // --- Together ----------------------------------------------------------------------------------------
+
+// Gives the sources with a url the video inputs that no other source names, in the order of the file.
+void GiveInputs(std::vector<SourceSettings>& sources) {
+  std::array<bool, kHostVideoInputs> taken{};
+  for (const SourceSettings& source : sources) {
+    if (source.record.enInputType != MDATA_INPUT_VIDEO || source.capture) continue;
+    taken.at(static_cast<size_t>(source.record.in.Video.enInputInterface)) = true;
+  }
+  for (SourceSettings& source : sources) {
+    if (!source.capture) continue;
+    const auto free = std::find(taken.begin(), taken.end(), false);
+    if (free == taken.end()) {
+      throw ConfigError("[" + source.name + "] url has no video input left: there are " +
+                        std::to_string(kHostVideoInputs) + ", and each other one and each interface takes one");
+    }
+    *free = true;
+    source.record.in.Video.enInputInterface = static_cast<int32_t>(free - taken.begin());
+  }
+}
 
 // Returns the default capabilities: both IP families, and CoT if a source needs it.
 DWORD CapabilitiesFor(const std::vector<SourceSettings>& sources) {
@@ -396,7 +506,7 @@ void CheckTogether(const Config& config) {
         throw ConfigError("[" + it->name + "] input = serial is allowed for one source only, and [" + other->name +
                           "] has it");
       }
-      if (it->record.enInputType == MDATA_INPUT_NETWORK &&
+      if (it->record.enInputType == MDATA_INPUT_NETWORK && !it->replay && !other->replay &&
           it->record.in.Network.usUDPPort == other->record.in.Network.usUDPPort) {
         throw ConfigError("[" + it->name + "] port must be a port of its own, and [" + other->name + "] has " +
                           std::to_string(it->record.in.Network.usUDPPort));
@@ -406,6 +516,11 @@ void CheckTogether(const Config& config) {
 }
 
 }  // namespace
+
+const HostCaptureConfig& CaptureOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
+  if (settings.capture) return *settings.capture;
+  return host.captures.at(static_cast<size_t>(settings.record.in.Video.enInputInterface));
+}
 
 Config MakeConfig(const std::vector<IniSection>& sections, const std::string& iniPath) {
   Config config;
@@ -422,6 +537,7 @@ Config MakeConfig(const std::vector<IniSection>& sections, const std::string& in
   }
   if (config.encoder.capabilities == 0) config.encoder.capabilities = CapabilitiesFor(config.sources);
   for (SourceSettings& source : config.sources) SettleRecording(source, config.encoder);
+  GiveInputs(config.sources);
   CheckTogether(config);
   return config;
 }

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "host_runtime.h"
 #include "ini_file.h"
 #include "metadata_lib.h"
 
@@ -50,6 +51,16 @@ struct EncoderSettings {
 // The serial device that the library asks the host to open.
 constexpr char kSerialDevice[] = "/dev/ttyPS0";
 
+// A capture file whose datagrams are sent to the source again.
+struct ReplaySettings {
+  bool operator==(const ReplaySettings&) const = default;
+
+  std::string path;
+  std::string filter;  // as of tcpdump; empty for every UDP datagram
+  double speed = 1;    // the capture's own time times this; 0 for as fast as they are taken
+  bool loop = false;
+};
+
 struct SourceSettings {
   std::string name;
   std::string input;                   // "serial", "udp", "video"
@@ -58,13 +69,18 @@ struct SourceSettings {
   std::optional<uint64_t> rotateSize;  // as in the encoder's settings, which apply without it
   std::optional<uint64_t> rotateTime;
   std::optional<double> silence;
-  std::string device;       // serial: path that the host opens instead of kSerialDevice; empty: as the host has it
-  bool hasAddress = false;  // the key address is given
-  std::vector<std::string> relayKeys;  // the keys of record.Relays
-  bool hasRetry = false;               // it has the key
-  bool retry = true;                   // wait for what the source needs, and open it again
-  MDATA_SRC_CFG record{};              // complete except for the callback and its parameters
+  std::string device;  // serial: path that the host opens instead of kSerialDevice; empty: as the host has it
+  std::optional<HostCaptureConfig> capture;  // video: what the key url names; without it the host's own is used
+  std::optional<ReplaySettings> replay;      // udp: the capture file that the key url names; the port is found later
+  bool hasAddress = false;                   // the key address is given
+  std::vector<std::string> relayKeys;        // the keys of record.Relays
+  bool hasRetry = false;                     // it has the key
+  bool retry = true;                         // wait for what the source needs, and open it again
+  MDATA_SRC_CFG record{};                    // complete except for the callback and its parameters
 };
+
+// Returns the origin of a source's video input.
+const HostCaptureConfig& CaptureOf(const SourceSettings& settings, const HostRuntimeConfig& host);
 
 struct Config {
   EncoderSettings encoder;

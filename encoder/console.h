@@ -32,6 +32,9 @@ class Console {
   // Writes a row, or drops and counts it. Any thread may call it.
   void Row(const Received& received, Printer::Render render);
 
+  // Returns whether many rows can be taken without dropping any. Any thread may call it.
+  bool HasRowRoom() const { return m_output->HasRowRoom(); }
+
   // Returns true if a status block can be shown.
   bool HasStatus() const { return m_hasStatus; }
   // Replaces the block, or removes it if there are no lines. Lines are cut at the terminal's width. Any thread may call

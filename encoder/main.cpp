@@ -153,6 +153,9 @@ int Main(int argc, char** argv) {
     around.applyHost = [&route](const HostRuntimeConfig& host) { route.Apply(host, nullptr); };
     around.secondsSinceSign = SecondsSinceSign;
     around.captureStats = HostRuntime_CaptureStats;
+    around.captures.set = [](int input, const HostCaptureConfig& capture) { HostRuntime_SetCapture(input, capture); };
+    around.captures.state = HostRuntime_CaptureState;
+    around.onRoom = HostRuntime_OnRoom;
     Session session(checked.config, library, console, std::move(around));
     session.SetPairClock(PairClock);
     return session.Run();

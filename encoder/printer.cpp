@@ -134,6 +134,11 @@ class Printer::Core {
     return m_done;
   }
 
+  bool HasRowRoom() {
+    const common::Lock lock(m_mutex);
+    return m_failed || m_finished || m_noRows || m_rowBytes < kMostRowBytes / 2;
+  }
+
   uint64_t RowsDropped() {
     const common::Lock lock(m_mutex);
     return m_rowsDropped;
@@ -335,6 +340,10 @@ void Printer::Finish() {
   } else {
     m_thread.detach();  // it is inside a write, which nothing ends, and keeps what it needs
   }
+}
+
+bool Printer::HasRowRoom() const {
+  return m_core->HasRowRoom();
 }
 
 uint64_t Printer::RowsDropped() const {

@@ -53,6 +53,8 @@ class Printer {
   // Ends the thread; what is not written is given up.
   void Finish();
 
+  // Returns whether more rows fit than half of the memory for them, or none is kept any more. Any thread may call it.
+  bool HasRowRoom() const;
   uint64_t RowsDropped() const;
   uint64_t LinesDropped() const;
   // A write failed; nothing is written any more. The descriptor becomes readable then, and stays so.

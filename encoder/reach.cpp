@@ -28,6 +28,7 @@
 
 #include "network_watch.h"
 #include "owned_fd.h"
+#include "stream_url.h"
 #include "values.h"
 
 namespace mdencoder {
@@ -217,15 +218,34 @@ Health ExamineRelays(const MDATA_SRC_CFG& record, const Place& place) {
 
 // --- Video -------------------------------------------------------------------------------------------
 
-const HostCaptureConfig& CaptureOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
-  return host.captures.at(static_cast<size_t>(settings.record.in.Video.enInputInterface));
+std::optional<stream_url::DatagramOrigin> DatagramsOf(const HostCaptureConfig& capture) {
+  if (capture.kind != HostCaptureConfig::Kind::Media) return std::nullopt;
+  return stream_url::ParseDatagramUrl(capture.path);
 }
 
 in_addr CaptureGroup(const HostCaptureConfig& capture) {
+  const auto datagrams = DatagramsOf(capture);
+  const std::string& text = datagrams ? datagrams->address : capture.address;
   in_addr address{};
-  if (capture.kind != HostCaptureConfig::Kind::Anc || inet_pton(AF_INET, capture.address.c_str(), &address) != 1)
-    return {};
+  const bool hasAddress = datagrams || capture.kind == HostCaptureConfig::Kind::Anc;
+  if (!hasAddress || inet_pton(AF_INET, text.c_str(), &address) != 1) return {};
   return IN_MULTICAST(ntohl(address.s_addr)) ? address : in_addr{};
+}
+
+std::string DatagramObstacle(const stream_url::DatagramOrigin& origin, in_addr group, const HostRuntimeConfig& host) {
+  if (!origin.interface.empty() && if_nametoindex(origin.interface.c_str()) == 0) {
+    return "there is no interface " + origin.interface;
+  }
+  const std::string fault = PortObstacle(origin.family, origin.port, group.s_addr != 0);
+  return fault.empty() ? GroupObstacle(group, host) : fault;
+}
+
+// A URL may name the interface on which its group is joined.
+HostRuntimeConfig HostOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
+  HostRuntimeConfig own = host;
+  const auto datagrams = settings.capture ? DatagramsOf(*settings.capture) : std::nullopt;
+  if (datagrams && !datagrams->interface.empty()) own.multicastInterface = datagrams->interface;
+  return own;
 }
 
 std::string SocketObstacle(const std::string& path) {
@@ -246,7 +266,10 @@ std::string CaptureObstacle(const HostCaptureConfig& capture, const HostRuntimeC
     case Kind::None:
       return {};
     case Kind::Media:
-      if (capture.path.find("://") != std::string::npos || access(capture.path.c_str(), R_OK) == 0) return {};
+      if (const auto datagrams = DatagramsOf(capture)) {
+        return DatagramObstacle(*datagrams, CaptureGroup(capture), host);
+      }
+      if (stream_url::IsUrl(capture.path) || access(capture.path.c_str(), R_OK) == 0) return {};
       return capture.path + ": " + ErrorText();
     case Kind::Anc: {
       const in_addr group = CaptureGroup(capture);
@@ -274,13 +297,18 @@ in_addr GroupOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
   }
 }
 
-std::string Obstacle(const SourceSettings& settings, const HostRuntimeConfig& host) {
+std::string Obstacle(const SourceSettings& settings, const HostRuntimeConfig& asked) {
+  const HostRuntimeConfig host = HostOf(settings, asked);
   std::string fault;
   switch (settings.record.enInputType) {
     case MDATA_INPUT_SERIAL:
       fault = SerialObstacle(SerialDevice(host));
       break;
     case MDATA_INPUT_NETWORK: {
+      if (settings.replay) {
+        if (access(settings.replay->path.c_str(), R_OK) != 0) fault = settings.replay->path + ": " + ErrorText();
+        break;
+      }
       const MDATA_INET_SRC_CFG& network = settings.record.in.Network;
       const in_addr group = GroupOf(settings, host);
       fault = PortObstacle(network.iSrcAddressFamily, network.usUDPPort, group.s_addr != 0);
@@ -294,7 +322,8 @@ std::string Obstacle(const SourceSettings& settings, const HostRuntimeConfig& ho
   return fault.empty() ? RelayObstacle(settings.record) : fault;
 }
 
-Place Locate(const SourceSettings& settings, const HostRuntimeConfig& host) {
+Place Locate(const SourceSettings& settings, const HostRuntimeConfig& asked) {
+  const HostRuntimeConfig host = HostOf(settings, asked);
   Place place;
   const in_addr group = GroupOf(settings, host);
   if (group.s_addr != 0) {
@@ -307,7 +336,8 @@ Place Locate(const SourceSettings& settings, const HostRuntimeConfig& host) {
   return place;
 }
 
-Health Examine(const SourceSettings& settings, const HostRuntimeConfig& host, const Place& place) {
+Health Examine(const SourceSettings& settings, const HostRuntimeConfig& asked, const Place& place) {
+  const HostRuntimeConfig host = HostOf(settings, asked);
   Health health;
   const in_addr group = GroupOf(settings, host);
   if (group.s_addr != 0) health = ExamineGroup(group, host, place);

@@ -46,6 +46,8 @@ class Receiver {
   // Queues a message of `source`, or refuses it. Called by the ready callback on the metadata thread. Returns true if
   // the message was queued.
   bool Push(MDATA_BUFFER* buffer, Source& source);
+  // Returns how many messages fit into the queue now. Any thread may call it.
+  size_t Room() const { return m_ring.Room(); }
   // Handles the remaining messages and ends the thread.
   void Finish();
 

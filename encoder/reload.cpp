@@ -2,9 +2,7 @@
 #include "reload.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <cstring>
-#include <tuple>
 
 namespace mdencoder {
 namespace {
@@ -51,10 +49,6 @@ void CompareRotation(const SourceSettings& running, const SourceSettings& fresh)
   throw ConfigError("[" + fresh.name + "] " + key + " cannot change while the program runs; restart it");
 }
 
-bool IsSameCapture(const HostCaptureConfig& a, const HostCaptureConfig& b) {
-  return std::tie(a.kind, a.path, a.loop, a.address, a.port) == std::tie(b.kind, b.path, b.loop, b.address, b.port);
-}
-
 // Compares what the host has for the source.
 bool IsSameOrigin(const SourceSettings& source, const HostRuntimeConfig& a, const HostRuntimeConfig& b) {
   switch (source.record.enInputType) {
@@ -62,16 +56,19 @@ bool IsSameOrigin(const SourceSettings& source, const HostRuntimeConfig& a, cons
       return a.serialDevices == b.serialDevices;
     case MDATA_INPUT_NETWORK:
       return a.multicastInterface == b.multicastInterface;
-    default: {
-      const auto input = static_cast<size_t>(source.record.in.Video.enInputInterface);
-      return IsSameCapture(a.captures.at(input), b.captures.at(input)) && a.multicastInterface == b.multicastInterface;
-    }
+    default:
+      return CaptureOf(source, a) == CaptureOf(source, b) && a.multicastInterface == b.multicastInterface;
   }
 }
 
-// The records are zeroed before they are filled, and a difference of padding would only open a source again.
-bool IsSameRecord(const MDATA_SRC_CFG& a, MDATA_SRC_CFG b) {
+// The records are zeroed before they are filled, and a difference of padding would only open a source again. A source
+// with a url has any free video input.
+bool IsSameRecord(const SourceSettings& running, const SourceSettings& fresh) {
+  const MDATA_SRC_CFG& a = running.record;
+  MDATA_SRC_CFG b = fresh.record;
   b.nIndex = a.nIndex;
+  if (running.capture && fresh.capture) b.in.Video.enInputInterface = a.in.Video.enInputInterface;
+  if (running.capture != fresh.capture || running.replay != fresh.replay) return false;
   return std::memcmp(&a, &b, sizeof(a)) == 0;  // NOLINT(bugprone-suspicious-memory-comparison): see above
 }
 
@@ -96,7 +93,7 @@ ConfigDifference Compare(const CheckedConfig& running, const CheckedConfig& fres
     if (old != running.config.sources.end()) CompareRotation(*old, source);
     if (old == running.config.sources.end()) {
       difference.added.push_back(source);
-    } else if (IsSameRecord(old->record, source.record) && IsSameOrigin(source, running.host, fresh.host)) {
+    } else if (IsSameRecord(*old, source) && IsSameOrigin(source, running.host, fresh.host)) {
       difference.unchanged.push_back(source);
     } else {
       difference.changed.push_back(source);

@@ -78,6 +78,13 @@ class Ring {
     m_asleep.store(0, std::memory_order_relaxed);
   }
 
+  // Returns how many entries fit now. Any thread may call it.
+  size_t Room() const {
+    const size_t begin = m_begin.load(std::memory_order_acquire);  // before the end, which is never behind it then
+    const size_t used = m_end.load(std::memory_order_acquire) - begin;
+    return used < m_capacity ? m_capacity - used : 0;
+  }
+
   // Any thread: no entries will follow.
   void Stop() {
     m_stopped.store(true, std::memory_order_seq_cst);

@@ -81,9 +81,10 @@ Session::Session(const Config& config, const Library& library, Console& console,
       m_library(library),
       m_console(console),
       m_around(std::move(around)),
-      m_keeper(m_library, OnMessage, this, m_checked.host, m_around.reach, [this](bool isWarning, const auto& line) {
-        Say(isWarning ? Priority::Warning : Priority::Notice, line);
-      }) {
+      m_keeper(
+          m_library, OnMessage, this, m_checked.host, m_around.reach,
+          [this](bool isWarning, const auto& line) { Say(isWarning ? Priority::Warning : Priority::Notice, line); },
+          m_around.captures) {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (isatty(fd) == 1) m_terminals.push_back(fd);
   }
@@ -144,11 +145,13 @@ int Session::Run() {
   m_times.startUs = WallClockUs();
   m_start = Clock::now();
   if (m_config.encoder.format == Format::Table) m_console.Line(TableHeader());
+  if (m_around.onRoom) m_around.onRoom([this] { return m_console.HasRowRoom() ? m_receiver->Room() : 0; });
   const bool opened = OpenSources();
   if (opened) Loop();
   m_service.Stopping();
   m_kernelDrops.Update();
   m_keeper.CloseAll();
+  if (m_around.onRoom) m_around.onRoom({});
   m_receiver->Finish();
   m_times.endUs = WallClockUs();
   m_times.seconds = std::chrono::duration<double>(Clock::now() - m_start).count();
@@ -291,6 +294,7 @@ void Session::Tick() {
   }
   if (m_config.encoder.duration > 0 && now >= m_start + Seconds(m_config.encoder.duration)) End("duration");
   if (LimitReached()) End("messages");
+  if (m_keeper.AllPlayed()) End("played");
   if (m_console.OutputFailed()) {
     Fail("cannot write to standard output");
     End("output");
@@ -552,11 +556,11 @@ void Session::WriteStatistics(const std::vector<Report>& reports, bool print) {
   if (std::fflush(m_statsJson) != 0) Fail("the statistics cannot be written to " + m_config.encoder.statsJson);
 }
 
-// A run that was told to end does not wait for a slow reader. One that has reached its number of messages does, as long
-// as the reader reads: they were asked for.
+// A run that was told to end does not wait for a slow reader. One that has reached its number of messages, or has played
+// its files, does as long as the reader reads: they were asked for.
 void Session::FinishRows() {
   Printer::Limit limit;
-  limit.asLongAsItMoves = m_times.endedBy == "messages" || m_times.endedBy == "quit";
+  limit.asLongAsItMoves = m_times.endedBy == "messages" || m_times.endedBy == "played" || m_times.endedBy == "quit";
   limit.hurry = [this] {
     OnSignal();
     return m_endSignal;

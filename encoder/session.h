@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <functional>
@@ -47,6 +48,9 @@ struct Surroundings {
   std::function<std::optional<double>()> secondsSinceSign;
   // Returns the host's counts of a video input.
   std::function<HostCaptureStats(int input)> captureStats;
+  Captures captures;
+  // Sets what tells how many messages of files may come; with an empty function nothing does any more.
+  std::function<void(std::function<size_t()>)> onRoom;
 };
 
 class Session {

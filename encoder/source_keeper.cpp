@@ -27,6 +27,8 @@ constexpr auto kLongestPause = 30s;
 // Links, addresses and routes change together.
 constexpr auto kSettle = 200ms;
 
+constexpr auto kLookInterval = 500ms;
+
 constexpr double kLinesAtOnce = 6;
 constexpr auto kLineEach = 60s;
 constexpr double kOpeningsAtOnce = 3;
@@ -88,13 +90,14 @@ struct SourceKeeper::Entry {
 };
 
 SourceKeeper::SourceKeeper(const Library& library, MDATA_READY_CALLBACK callback, void* context, HostRuntimeConfig host,
-                           Reach reach, Say say)
+                           Reach reach, Say say, Captures captures)
     : m_library(library),
       m_callback(callback),
       m_context(context),
       m_host(std::move(host)),
       m_reach(std::move(reach)),
-      m_say(std::move(say)) {}
+      m_say(std::move(say)),
+      m_captures(std::move(captures)) {}
 
 SourceKeeper::~SourceKeeper() = default;
 
@@ -148,6 +151,31 @@ bool SourceKeeper::IsCaptured(const Entry& entry) const {
   });
 }
 
+// Tells whether no other source has this video input, and no key `interface` names it.
+bool SourceKeeper::IsInputFree(const Entry& entry, int32_t input) const {
+  return std::none_of(m_entries.begin(), m_entries.end(), [&](const auto& other) {
+    const SourceSettings& settings = other->settings;
+    if (other.get() == &entry || other->state == SourceState::Removed) return false;
+    if (settings.record.enInputType != MDATA_INPUT_VIDEO || settings.record.in.Video.enInputInterface != input) {
+      return false;
+    }
+    return other->IsOpen() || !settings.capture;
+  });
+}
+
+// Gives a source with a url a video input. That of the configuration may be another source's after a reload.
+void SourceKeeper::TakeInput(Entry& entry) const {
+  if (!entry.settings.capture) return;
+  int32_t& input = entry.settings.record.in.Video.enInputInterface;
+  for (int32_t each = 0; each < kHostVideoInputs && !IsInputFree(entry, input); ++each) input = each;
+  if (m_captures.set) m_captures.set(input, *entry.settings.capture);
+}
+
+HostCaptureState SourceKeeper::CaptureState(const Entry& entry) const {
+  if (!entry.IsOpen() || !entry.settings.capture || !m_captures.state) return {};
+  return m_captures.state(entry.settings.record.in.Video.enInputInterface);
+}
+
 std::string SourceKeeper::ObstacleTo(const Entry& entry) const {
   if (entry.settings.record.enInputType == MDATA_INPUT_VIDEO && IsCaptured(entry)) return {};
   if (entry.settings.record.enInputType != MDATA_INPUT_NETWORK) return m_reach.obstacle(entry.settings, m_host);
@@ -166,6 +194,7 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
     Trouble(entry, obstacle, now);
     return false;
   }
+  TakeInput(entry);
   MDATA_SRC_CFG record = entry.settings.record;
   record.pfnCallback = m_callback;
   record.pvUserParam1 = &entry.tap;
@@ -257,6 +286,7 @@ void SourceKeeper::Tick(Clock::time_point now) {
     m_examineAt.reset();
     Examine(now);
   }
+  if (now >= m_nextLook) LookAtCaptures(now);
   for (const auto& entry : m_entries) {
     if (!entry->reason.empty() && !entry->isTold) Tell(*entry, now);
   }
@@ -268,6 +298,7 @@ SourceKeeper::Clock::time_point SourceKeeper::Due(Clock::time_point now) const {
   for (const auto& entry : m_entries) {
     if (entry->state == SourceState::Waiting && entry->settings.retry) due = std::min(due, entry->nextTry);
     if (!entry->reason.empty() && !entry->isTold) due = std::min(due, entry->lines.Next(now));
+    if (entry->IsOpen() && entry->settings.capture) due = std::min(due, m_nextLook);
   }
   return due;
 }
@@ -294,8 +325,23 @@ void SourceKeeper::Examine(Clock::time_point now) {
   }
 }
 
+// What a stream lacks the host finds out itself, and it goes on trying.
+Health SourceKeeper::HealthOf(const Entry& entry) const {
+  Health health = m_reach.examine(entry.settings, m_host, entry.place);
+  if (health.fault.empty() && !health.needsReopen) health.fault = CaptureState(entry).fault;
+  return health;
+}
+
+void SourceKeeper::LookAtCaptures(Clock::time_point now) {
+  m_nextLook = now + kLookInterval;
+  for (const auto& entry : m_entries) {
+    if (!entry->IsOpen() || !entry->settings.capture || !entry->settings.retry) continue;
+    if (CaptureState(*entry).fault != entry->reason) Examine(*entry, now);
+  }
+}
+
 void SourceKeeper::Examine(Entry& entry, Clock::time_point now) {
-  const Health health = m_reach.examine(entry.settings, m_host, entry.place);
+  const Health health = HealthOf(entry);
   if (health.needsReopen) {
     if (entry.openings.Take(now)) {
       Reopen(entry, now);
@@ -427,6 +473,16 @@ bool SourceKeeper::AllReached(uint64_t messages) const {
   return std::all_of(m_entries.begin(), m_entries.end(), [messages](const auto& entry) {
     return entry->state == SourceState::Removed || entry->source.Messages() >= messages;
   });
+}
+
+bool SourceKeeper::AllPlayed() const {
+  bool isAny = false;
+  for (const auto& entry : m_entries) {
+    if (entry->state == SourceState::Removed) continue;
+    if (CaptureState(*entry).phase != HostCaptureState::Phase::Ended) return false;
+    isAny = true;
+  }
+  return isAny;
 }
 
 std::vector<Report> SourceKeeper::Reports(bool withRemoved) const {

@@ -51,6 +51,12 @@ class Allowance {
   Clock::time_point m_filled{};
 };
 
+// What the keeper asks and tells the host about the captures of sources with a url. Empty functions are left out.
+struct Captures {
+  std::function<void(int input, const HostCaptureConfig&)> set;
+  std::function<HostCaptureState(int input)> state;
+};
+
 enum class SourceState { Waiting, Open, CutOff, Removed };
 
 class SourceKeeper {
@@ -65,7 +71,7 @@ class SourceKeeper {
     Source* source;
   };
   SourceKeeper(const Library& library, MDATA_READY_CALLBACK callback, void* context, HostRuntimeConfig host,
-               Reach reach, Say say);
+               Reach reach, Say say, Captures captures = {});
   SourceKeeper(const SourceKeeper&) = delete;
   SourceKeeper& operator=(const SourceKeeper&) = delete;
   ~SourceKeeper();
@@ -97,6 +103,8 @@ class SourceKeeper {
   const Source* OwnerOf(const std::string& output) const;
   bool IsOpen(const Source& source) const;  // and not cut off
   bool AllReached(uint64_t messages) const;
+  // Returns whether every source is a file that was played to its end.
+  bool AllPlayed() const;
   std::vector<Report> Reports(bool withRemoved) const;
   void Reset(Source& source);
   void Restore(Source& source, const MDATA_SRC_STATS& statistics);
@@ -117,6 +125,11 @@ class SourceKeeper {
   void Recover(Entry& entry, Clock::time_point now);
   Entry* Find(const std::string& name);
   bool IsCaptured(const Entry& entry) const;
+  void TakeInput(Entry& entry) const;
+  bool IsInputFree(const Entry& entry, int32_t input) const;
+  HostCaptureState CaptureState(const Entry& entry) const;
+  Health HealthOf(const Entry& entry) const;
+  void LookAtCaptures(Clock::time_point now);
 
   const Library& m_library;
   const MDATA_READY_CALLBACK m_callback;
@@ -124,8 +137,10 @@ class SourceKeeper {
   HostRuntimeConfig m_host;
   const Reach m_reach;
   const Say m_say;
+  const Captures m_captures;
   std::deque<std::unique_ptr<Entry>> m_entries;
   std::optional<Clock::time_point> m_examineAt;  // after the network changed
+  Clock::time_point m_nextLook{};                // at the captures of streams
   bool m_failed = false;
 };
 

@@ -122,6 +122,7 @@ constexpr CaptureCount kCaptureCounts[] = {
     {"reordered", "RTP packets put in order", &HostCaptureStats::reordered, false},
     {"late", "RTP packets late", &HostCaptureStats::late, true},
     {"incomplete", "incomplete", &HostCaptureStats::incomplete, true},
+    {"kernel_drops", "dropped by the kernel", &HostCaptureStats::kernelDrops, true},
 };
 
 Json CaptureJson(const HostCaptureStats& capture) {

@@ -440,5 +440,68 @@ TEST(CommandLine, OptionsWinOverTheFile) {
   std::remove(path.c_str());
 }
 
+// --- URLs --------------------------------------------------------------------------------------------
+
+TEST(Url, AStreamOrFileTakesAVideoInput) {
+  const Config config = Read(
+      "[cam]\nurl = udp://239.1.2.3:5000\n[sdi]\ninput = video\ninterface = 0\n"
+      "[file]\nurl = flight.ts\nspeed = 0\nloop = yes\n");
+  ASSERT_EQ(config.sources.size(), 3U);
+  const SourceSettings& cam = config.sources[0];
+  EXPECT_EQ(cam.input, "video");
+  ASSERT_TRUE(cam.capture);
+  EXPECT_EQ(cam.capture->kind, HostCaptureConfig::Kind::Media);
+  EXPECT_EQ(cam.capture->path, "udp://239.1.2.3:5000");
+  EXPECT_EQ(cam.record.in.Video.enInputInterface, 1) << "another source has input 0";
+  EXPECT_FALSE(config.sources[1].capture);
+  const SourceSettings& file = config.sources[2];
+  EXPECT_EQ(file.capture->path, "/conf/flight.ts");
+  EXPECT_EQ(file.capture->speed, 0);
+  EXPECT_TRUE(file.capture->loop);
+  EXPECT_EQ(file.record.in.Video.enInputInterface, 2);
+  HostRuntimeConfig host;
+  host.captures[0].path = "other";
+  EXPECT_EQ(CaptureOf(cam, host).path, "udp://239.1.2.3:5000");
+  EXPECT_EQ(CaptureOf(config.sources[1], host).path, "other");
+}
+
+TEST(Url, ACaptureFileIsReceivedFromThisMachine) {
+  const Config config = Read("[a]\nurl = a.pcapng\nfilter = udp port 5000\ndata = cot\n[b]\nurl = b.pcap\nspeed = 2\n");
+  ASSERT_EQ(config.sources.size(), 2U) << "neither has a port yet";
+  EXPECT_EQ(config.sources[0].input, "udp");
+  EXPECT_EQ(config.sources[0].data, "cot");
+  ASSERT_TRUE(config.sources[0].replay);
+  EXPECT_EQ(config.sources[0].replay->path, "/conf/a.pcapng");
+  EXPECT_EQ(config.sources[0].replay->filter, "udp port 5000");
+  EXPECT_EQ(config.sources[1].replay->speed, 2);
+  const MDATA_INET_SRC_CFG& network = config.sources[0].record.in.Network;
+  EXPECT_EQ(network.iSrcAddressFamily, AF_INET);
+  EXPECT_EQ(network.acSrcAddress[0], 127);
+}
+
+TEST(Url, MoreThanTheMachineHasIsRefused) {
+  const std::string four = "[a]\nurl = a.ts\n[b]\nurl = b.ts\n[c]\nurl = c.ts\n[d]\ninput = video\ninterface = 3\n";
+  EXPECT_EQ(Complaint(four), "accepted");
+  EXPECT_EQ(Complaint(four + "[e]\nurl = e.ts\n"),
+            "[e] url has no video input left: there are 4, and each other one and each interface takes one");
+  EXPECT_EQ(Complaint(four + "[e]\nurl = e.pcap\n"), "accepted");
+}
+
+TEST(Url, WhatDoesNotFitIsRefused) {
+  EXPECT_THAT(Complaint("[a]\nurl = gopher://x\n"), HasSubstr("[a] url must be a file, or a URL that begins with udp"));
+  EXPECT_THAT(Complaint("[a]\nurl = udp://camera:5000\n"), HasSubstr("[a] url must be udp://ADDRESS:PORT"));
+  EXPECT_EQ(Complaint("[a]\nurl = a.ts\ninput = udp\n"),
+            "[a] input must be video with this url, or left out, not \"udp\"");
+  EXPECT_EQ(Complaint("[a]\nurl = a.pcap\ninput = video\n"),
+            "[a] input must be udp with this url, or left out, not \"video\"");
+  EXPECT_EQ(Complaint("[a]\nurl = a.ts\ndata = cot\n"), "[a] data must be klv with this url, not \"cot\"");
+  EXPECT_EQ(Complaint("[a]\nurl = srt://h:1\nspeed = 2\n"), "[a] speed is allowed only with url of a file");
+  EXPECT_EQ(Complaint("[a]\nurl = a.ts\nfilter = udp\n"), "[a] filter is allowed only with url of a capture file");
+  EXPECT_EQ(Complaint("[a]\nurl = a.ts\ninterface = 1\n"),
+            "[a] interface is allowed only with input = video and without url");
+  EXPECT_EQ(Complaint("[a]\nurl = a.pcap\nport = 5000\n"), "[a] port is allowed only with input = udp and without url");
+  EXPECT_EQ(Complaint("[a]\nurl = a.ts\nspeed = -1\n"), "[a] speed must be a number from 0 to 1000, not \"-1\"");
+}
+
 }  // namespace
 }  // namespace mdencoder

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <deque>
 #include <string>
@@ -110,6 +111,7 @@ class KeeperTest : public testing::Test {
   int m_asked = 0;
   Health m_health;
   std::vector<std::string> m_lines;
+  std::array<HostCaptureState, kHostVideoInputs> m_states;
   int m_ticks = 0;
   Clock::time_point m_now = Clock::time_point{} + 1h;
   CheckedConfig m_checked;
@@ -126,7 +128,11 @@ class KeeperTest : public testing::Test {
          return Place{7, "eth1", {}};
        },
        [this](const SourceSettings&, const HostRuntimeConfig&, const Place&) { return m_health; }},
-      [this](bool isWarning, const std::string& line) { m_lines.push_back((isWarning ? "4 " : "5 ") + line); }};
+      [this](bool isWarning, const std::string& line) { m_lines.push_back((isWarning ? "4 " : "5 ") + line); },
+      {[this](int input, const HostCaptureConfig& capture) {
+         m_fake.calls.push_back("set " + std::to_string(input) + " " + capture.path);
+       },
+       [this](int input) { return m_states[static_cast<size_t>(input)]; }}};
 };
 
 constexpr char kUdp[] = "[a]\ninput = udp\nport = 5000\n";
@@ -346,6 +352,56 @@ TEST(Difference, TheOriginThatTheHostHasCounts) {
   ASSERT_EQ(difference.changed.size(), 2U);
   EXPECT_EQ(difference.changed[0].name, "s");
   EXPECT_EQ(difference.changed[1].name, "w");
+}
+
+// --- sources with a url ------------------------------------------------------------------------------
+
+constexpr char kCam[] = "[cam]\nurl = srt://camera:9000\n";
+
+TEST_F(KeeperTest, AStreamIsSetBeforeItsInputIsOpened) {
+  Start(std::string("[sdi]\ninput = video\n") + kCam);
+  EXPECT_THAT(Calls(), ElementsAre("open 1", "set 1 srt://camera:9000", "open 2"));
+  EXPECT_EQ(m_fake.sources.back().record.in.Video.enInputInterface, 1);
+}
+
+TEST_F(KeeperTest, WhatAStreamLacksIsSaidOnce) {
+  Start(kCam);
+  m_states[0].fault = "cannot open srt://camera:9000: Connection refused";
+  Pass(20s);
+  EXPECT_THAT(Lines(), ElementsAre("4 source cam waits: cannot open srt://camera:9000: Connection refused"));
+  EXPECT_EQ(m_keeper.Reports(false)[0].state, std::string("cut off"));
+  m_states[0].fault.clear();
+  Pass(1s);
+  EXPECT_THAT(Lines(), ElementsAre("5 source cam is open after 20 s"));
+  EXPECT_EQ(m_keeper.Reports(false)[0].state, std::string("open"));
+  EXPECT_THAT(Calls(), ElementsAre("set 0 srt://camera:9000", "open 1")) << "the host tries again itself";
+}
+
+TEST_F(KeeperTest, AReloadKeepsTheInputOfAStreamThatStays) {
+  Start(std::string("[old]\nurl = old.ts\n") + kCam);
+  Calls();
+  Apply(std::string(kCam) + "[new]\nurl = new.ts\n");
+  EXPECT_THAT(Calls(), ElementsAre("close 1", "between", "set 0 new.ts", "open 2")) << "input 1 is still the camera's";
+  Apply(std::string("[sdi]\ninput = video\ninterface = 1\n") + kCam);
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(KeeperTest, AnotherUrlOpensTheSourceAgain) {
+  Start(kCam);
+  Calls();
+  Apply("[cam]\nurl = srt://camera:9001\n");
+  EXPECT_THAT(Calls(), ElementsAre("close 1", "between", "set 0 srt://camera:9001", "open 1"));
+}
+
+TEST_F(KeeperTest, EverythingIsPlayedWhenEveryFileIs) {
+  Start("[a]\nurl = a.ts\n[b]\nurl = b.ts\n");
+  EXPECT_FALSE(m_keeper.AllPlayed());
+  m_states[0].phase = HostCaptureState::Phase::Ended;
+  EXPECT_FALSE(m_keeper.AllPlayed());
+  m_states[1].phase = HostCaptureState::Phase::Ended;
+  EXPECT_TRUE(m_keeper.AllPlayed());
+  Apply("[a]\nurl = a.ts\n[c]\ninput = udp\nport = 5000\n");
+  EXPECT_FALSE(m_keeper.AllPlayed());
 }
 
 }  // namespace

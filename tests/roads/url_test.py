@@ -1,0 +1,197 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Sources with a url: FFmpeg and GStreamer send, and every byte of KLV arrives as an independent walk finds it."""
+import os
+import socket
+import struct
+import subprocess
+import threading
+
+import harness
+from harness import EndToEndTest, message, source, split_messages
+
+PICTURE = ("-re", "-f", "lavfi", "-i", "testsrc=size=160x120:rate=25")
+
+
+def walk(path):
+    """Returns the KLV of the transport stream's data track, found in the transport packets without any library."""
+    data = path.read_bytes()
+    units, track, maps = {}, None, set()
+    for at in range(0, len(data), 188):
+        packet = data[at:at + 188]
+        pid = struct.unpack(">H", packet[1:3])[0] & 0x1FFF
+        start, control = packet[1] & 0x40, packet[3] >> 4 & 3
+        begin = 4 + (1 + packet[4] if control & 2 else 0)
+        payload = packet[begin:] if control & 1 else b""
+        if pid == 0 and start:
+            maps.add(struct.unpack(">H", payload[11:13])[0] & 0x1FFF)
+        elif pid in maps and start and b"KLVA" in payload:
+            section = payload[1 + payload[0]:]
+            at_stream = 12 + (struct.unpack(">H", section[10:12])[0] & 0xFFF)
+            while section[at_stream] not in (0x06, 0x15):
+                at_stream += 5 + (struct.unpack(">H", section[at_stream + 3:at_stream + 5])[0] & 0xFFF)
+            track = struct.unpack(">H", section[at_stream + 1:at_stream + 3])[0] & 0x1FFF
+        elif pid == track:
+            if start:
+                units.setdefault(pid, []).append(b"")
+            if units.get(pid):
+                units[pid][-1] += payload
+    found = b""
+    for unit in units.get(track, []):
+        size = struct.unpack(">H", unit[4:6])[0]
+        found += unit[9 + unit[8]:6 + size if size else None]
+    return split_messages(found[found.index(harness.KEY[:4]):]) if found else []
+
+
+class Url(EndToEndTest):
+    def flight(self, duration=2):
+        path = self.folder / "flight.ts"
+        self.feed("ts", "--output", path, "--duration", duration, "--rate", "20")
+        return path
+
+    def ffmpeg(self, *arguments):
+        return self.start("ffmpeg", "-v", "error", "-nostdin", *arguments, stdout=subprocess.DEVNULL,
+                          stderr=self.output("ffmpeg.err"))
+
+    def send_with_picture(self, *to):
+        return self.ffmpeg("-re", "-i", self.folder / "flight.ts", *PICTURE, "-t", "3", "-map", "0", "-map", "1", "-c:d",
+                           "copy", "-c:v", "mpeg2video", *to)
+
+    def errors(self):
+        return (self.folder / "encoder.err").read_text()
+
+    def receive(self, url, *to):
+        """Lets FFmpeg send the flight beside a picture, and returns what was delivered and the counts of the capture."""
+        expected = walk(self.flight())
+        self.assertEqual(len(expected), 40)
+        self.encoder(f"[cam]\nurl = {url}\n", [15801] if url.startswith(("udp", "rtp")) else [])
+        self.send_with_picture(*to)
+        self.settle("cam", 40, 60)
+        summary = self.stop()
+        self.assertEqual(self.delivered("cam"), expected)
+        self.assertEqual(source(summary, "cam")["bytes"], sum(map(len, expected)))
+        return source(summary, "cam")["capture"]
+
+    def test_a_transport_stream_of_a_group(self):
+        counts = self.receive("udp://239.1.2.3:15801", "-f", "mpegts", "udp://239.1.2.3:15801?pkt_size=1316")
+        self.assertEqual((counts["damaged"], counts["kernel_drops"]), (0, 0))
+
+    def test_a_transport_stream_over_ipv6(self):
+        self.receive("udp://[::1]:15801", "-f", "mpegts", "udp://[::1]:15801?pkt_size=1316")
+
+    def test_a_transport_stream_in_rtp(self):
+        counts = self.receive("rtp://:15801", "-f", "rtp_mpegts", "rtp://127.0.0.1:15801")
+        self.assertEqual(counts["lost_packets"], 0)
+
+    def test_http_once_the_server_is_there(self):
+        self.receive("http://127.0.0.1:15802/live.ts", "-f", "mpegts", "-listen", "1", "http://127.0.0.1:15802/live.ts")
+        self.assertIn("mdencoder: source cam waits: cannot open http://127.0.0.1:15802/live.ts: Connection refused\n",
+                      self.errors())
+        self.assertIn("mdencoder: source cam is open after ", self.errors())
+
+    def test_tcp_and_its_end(self):
+        self.receive("tcp://127.0.0.1:15803", "-f", "mpegts", "tcp://127.0.0.1:15803?listen=1")
+        self.assertLessEqual(len([line for line in self.errors().splitlines() if "cam" in line]), 4)
+
+    def test_srt(self):
+        """SRT gives up what is on its way when the sender ends, so that the last messages may be missing."""
+        expected = walk(self.flight(4))
+        self.encoder("[cam]\nurl = srt://127.0.0.1:15804?passphrase=not-for-the-log\n")
+        self.ffmpeg("-re", "-i", self.folder / "flight.ts", "-map", "0", "-c", "copy", "-f", "mpegts",
+                    "srt://127.0.0.1:15804?mode=listener&passphrase=not-for-the-log")
+        self.settle("cam", 40, 60)
+        self.stop()
+        got = self.delivered("cam")
+        self.assertEqual(got, expected[:len(got)])
+        self.assertNotIn("not-for-the-log", self.errors() + (self.folder / "host.log").read_text())
+
+    def test_klv_in_rtp_from_gstreamer(self):
+        expected = walk(self.flight())
+        self.encoder("[cam]\nurl = rtp://:15801\n", [15801])
+        self.start("gst-launch-1.0", "-q", "filesrc", f"location={self.folder}/flight.ts", "!", "tsdemux", "!",
+                   "meta/x-klv", "!", "rtpklvpay", "mtu=120", "!", "udpsink", "host=127.0.0.1", "port=15801", "sync=true")
+        self.settle("cam", 40, 60)
+        summary = self.stop()
+        self.assertEqual(self.delivered("cam"), expected)
+        self.assertEqual(source(summary, "cam")["capture"]["incomplete"], 0)
+
+    def test_files_as_fast_as_they_go_end_the_run_without_a_loss(self):
+        expected = walk(self.flight(60))
+        klv = [message((2, struct.pack(">Q", 1_000_000 * number))) for number in range(20_000)]
+        (self.folder / "long.klv").write_bytes(b"".join(klv))
+        self.encoder("[encoder]\nqueue = 64\n[ts]\nurl = flight.ts\nspeed = 0\n[klv]\nurl = long.klv\nspeed = 0\n")
+        self.assertEqual(self.encoder_process.wait(timeout=120 * harness.SLOW), 0, self.errors())
+        self.assertEqual(split_messages((self.folder / "ts.klv").read_bytes()), expected)
+        self.assertEqual((self.folder / "klv.klv").read_bytes(), b"".join(klv))
+        self.assertEqual(self.arrived("klv"), 20_000)
+        self.assertIn('"ended_by": "played"', (self.folder / "summary.json").read_text())
+
+    def test_hostile_peers_cost_a_line_and_disturb_nobody(self):
+        """A server whose header never ends, one that says nothing, and one that sends noise."""
+        server = socket.create_server(("127.0.0.1", 15805))
+        self.addCleanup(server.close)
+        stop = threading.Event()
+        self.addCleanup(stop.set)
+
+        def flood(connection):
+            with connection:
+                connection.settimeout(1)
+                try:
+                    connection.recv(4096)
+                    connection.sendall(b"HTTP/1.1 200 OK\r\n")
+                    while not stop.wait(0.005):
+                        connection.sendall(b"X-More: " + b"y" * 1000 + b"\r\n")
+                except OSError:
+                    pass
+
+        def serve():
+            while not stop.is_set():
+                try:
+                    connection, _ = server.accept()
+                except OSError:
+                    return
+                threading.Thread(target=flood, args=(connection,), daemon=True).start()
+
+        threading.Thread(target=serve, daemon=True).start()
+        silent = socket.create_server(("127.0.0.1", 15806))
+        self.addCleanup(silent.close)
+        self.flight(20)
+        self.encoder("[flood]\nurl = http://127.0.0.1:15805/x\n[silent]\nurl = tcp://127.0.0.1:15806\n"
+                     "[noise]\nurl = udp://:15801\n[good]\nurl = flight.ts\nspeed = 0\n", [15801])
+        for _ in range(50):
+            harness.send(15801, os.urandom(500))
+        self.settle("good", 400)
+        for name in ("flood", "silent"):
+            self.wait_for(lambda: f"source {name} waits: cannot open" in self.errors(), f"the line of {name}", 40)
+        summary = self.stop()
+        lines = [line for line in self.errors().splitlines() if "source flood" in line or "source silent" in line]
+        self.assertEqual(len(lines), 2, lines)
+        self.assertIn("no stream within 10 s", "".join(lines))
+        self.assertEqual((self.folder / "host.log").read_text().count("neither a transport stream nor KLV"), 1)
+        self.assertGreaterEqual(source(summary, "noise")["capture"]["damaged"], 40)
+        self.assertEqual(source(summary, "good")["messages"], 400)
+
+    def test_a_reload_changes_only_the_source_whose_url_differs(self):
+        self.flight(2)
+        config = "[stays]\nurl = udp://:15801\n[cam]\nurl = udp://:15807\n"
+        self.encoder(config, [15801, 15807])
+        (self.folder / "encoder.ini").write_text(
+            config.replace("15807", "15808") + "[file]\nurl = flight.ts\nspeed = 0\n")
+        self.encoder_process.send_signal(1)
+        self.wait_for(lambda: "sources added 1, changed 1, removed 0, unchanged 1" in self.errors(), "the reload")
+        self.wait_for(lambda: harness.udp_port_open(15808), "the new port")
+        self.settle("file", 40)
+        for port, name in ((15801, "stays"), (15808, "cam")):
+            harness.send(port, message((2, bytes(8))))
+            self.settle(name, 1)
+        self.stop()
+
+    def test_the_recipes_of_the_pages_work(self):
+        for page, rows in (("transport_stream", 20), ("rtp", 20), ("srt_rtsp", 20), ("recording", 15)):
+            with self.subTest(page=page):
+                self.assertGreaterEqual(self.run_recipe(f"sources/{page}.md").count("sensor_lat="), rows)
+                self.tearDown()
+                self.setUp()
+
+
+harness.main()
