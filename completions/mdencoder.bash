@@ -4,7 +4,7 @@ _mdencoder() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   case $previous in
-    --format) COMPREPLY=($(compgen -W 'table json none' -- "$current")); return ;;
+    --format) COMPREPLY=($(compgen -W 'table json csv none' -- "$current")); return ;;
     --extended-tags | --retry) COMPREPLY=($(compgen -W 'yes no' -- "$current")); return ;;
     --heights) COMPREPLY=($(compgen -W 'required optional' -- "$current")); return ;;
     --capabilities) COMPREPLY=($(compgen -W 'cot ipv4 ipv6' -- "$current")); return ;;
@@ -12,10 +12,10 @@ _mdencoder() {
     --log-levels) compopt -o nospace; COMPREPLY=($(compgen -W 'METADATALIB: COTCONVERTER: HOST: KLVCAPTURE:' -- "$current")); return ;;
     --output-dir) compopt -o filenames; COMPREPLY=($(compgen -d -- "$current")); return ;;
     --stats-json | --stats-file | --summary | --library | --host-config) compopt -o filenames; COMPREPLY=($(compgen -f -- "$current")); return ;;
-    --status-interval | --duration | --messages | --messages-each | --stats-interval | --queue | --rotate-size | --rotate-time | --silence) return ;;
+    --columns | --items | --status-interval | --duration | --messages | --messages-each | --stats-interval | --queue | --rotate-size | --rotate-time | --silence) return ;;
   esac
   if [[ $current == -* ]]; then
-    COMPREPLY=($(compgen -W '-h --help --version --check --check-text --format --output-dir --rotate-size --rotate-time
+    COMPREPLY=($(compgen -W '-h --help --version --check --check-text --format --columns --items --wide --output-dir --rotate-size --rotate-time
       --status-interval --stream-header
       --duration --messages --messages-each --stats-interval --silence --stats-json --stats-file --summary --live --library
       --host-config --capabilities --extended-tags --heights --retry --log-level --log-levels --queue' -- "$current"))

@@ -37,10 +37,10 @@ constexpr char kEncoder[] = "encoder";
 // --- Keys --------------------------------------------------------------------------------------------
 
 constexpr std::string_view kEncoderKeys[] = {
-    "capabilities",  "library",   "host_config", "output_dir",      "stream_header",  "format",
-    "live",          "log_level", "log_levels",  "status_interval", "stats_interval", "stats_json",
-    "stats_file",    "summary",   "duration",    "messages",        "messages_each",  "queue",
-    "extended_tags", "heights",   "retry",       "rotate_size",     "rotate_time",    "silence"};
+    "capabilities", "library",     "host_config",     "output_dir",     "stream_header", "format",     "live",
+    "log_level",    "log_levels",  "status_interval", "stats_interval", "stats_json",    "stats_file", "summary",
+    "duration",     "messages",    "messages_each",   "queue",          "extended_tags", "heights",    "retry",
+    "rotate_size",  "rotate_time", "silence",         "columns",        "items",         "wide"};
 
 constexpr std::string_view kSourceKeys[] = {"input",
                                             "data",
@@ -85,7 +85,7 @@ constexpr std::string_view kSourceKeys[] = {"input",
                                             "relay7",
                                             "relay8"};
 
-constexpr std::string_view kFormats[] = {"table", "json", "none"};
+constexpr std::string_view kFormats[] = {"table", "json", "csv", "none"};
 constexpr std::string_view kHeights[] = {"required", "optional"};
 constexpr std::string_view kInputs[] = {"serial", "udp", "video"};  // MDATA_INPUT_*
 constexpr std::string_view kData[] = {"klv", "cot"};                // MDATA_DATA_*
@@ -166,6 +166,23 @@ std::optional<uint64_t> ReadRotateTime(Section& section) {
   return seconds < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(seconds));
 }
 
+PresentationSettings ReadPresentation(Section& section) {
+  PresentationSettings settings;
+  settings.format = static_cast<Format>(section.Choice("format", kFormats, 0));
+  if (const std::string* value = section.Find("columns")) {
+    const auto columns = ParseColumns(*value);
+    if (!columns) section.Fail("columns", *value, kColumnsAllowed);
+    settings.columns = *columns;
+  }
+  if (const std::string* value = section.Find("items")) {
+    const auto items = ParseItems(*value);
+    if (!items) section.Fail("items", *value, kItemsAllowed);
+    settings.items = *items;
+  }
+  settings.isWide = section.Switch("wide", false);
+  return settings;
+}
+
 EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
   Section section(ini, kEncoderKeys, iniPath);
   EncoderSettings settings;
@@ -179,7 +196,7 @@ EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
   settings.silence = section.Real("silence", 0, kLongestSilence, 0);
   settings.extendedTags = section.Switch("extended_tags", true);
   settings.heightsOptional = section.Choice("heights", kHeights, 0) == 1;
-  settings.format = static_cast<Format>(section.Choice("format", kFormats, 0));
+  settings.presentation = ReadPresentation(section);
   settings.live = section.Switch("live", false);
   settings.logLevel = static_cast<int>(section.Number("log_level", 0, 8, -1));
   ReadModuleLevels(section, settings);

@@ -11,13 +11,12 @@
 #include <utility>
 #include <vector>
 
+#include "columns.h"
 #include "host_runtime.h"
 #include "ini_file.h"
 #include "metadata_lib.h"
 
 namespace mdencoder {
-
-enum class Format { Table, Json, None };
 
 struct EncoderSettings {
   bool operator==(const EncoderSettings&) const = default;
@@ -32,7 +31,7 @@ struct EncoderSettings {
   double silence = 0;            // seconds without a message that are reported; 0 for none
   bool extendedTags = true;      // the library reads two-byte tags, unless its INI file has the key
   bool heightsOptional = false;  // Cursor-on-Target is converted without a geoid grid too
-  Format format = Format::Table;
+  PresentationSettings presentation;
   int logLevel = -1;  // -1: as the host has it
   std::vector<std::pair<std::string, int>> moduleLevels;
   bool live = false;          // show the statistics table instead of the status line

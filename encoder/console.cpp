@@ -46,7 +46,7 @@ void Console::Complain(const std::string& line) {
   Errors().PutLines({line});
 }
 
-void Console::Row(const Received& received, Printer::Render render) {
+void Console::Row(const Received& received, const Printer::Render& render) {
   m_output->PutRow(received, render);
 }
 

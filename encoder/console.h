@@ -30,7 +30,7 @@ class Console {
   void Lines(const std::vector<std::string>& lines);
   void Complain(const std::string& line);
   // Writes a row, or drops and counts it. Any thread may call it.
-  void Row(const Received& received, Printer::Render render);
+  void Row(const Received& received, const Printer::Render& render);
 
   // Returns whether many rows can be taken without dropping any. Any thread may call it.
   bool HasRowRoom() const { return m_output->HasRowRoom(); }

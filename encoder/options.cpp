@@ -37,7 +37,9 @@ constexpr char kStatistics[] = "Statistics";
 constexpr char kSetUp[] = "Library and host";
 
 constexpr Definition kOptions[] = {
-    {"format", "table|json|none", kOutput, "How messages are printed: rows, JSON lines, not at all (table)"},
+    {"format", "table|json|csv|none", kOutput, "How messages are printed: rows, JSON lines, CSV, not at all (table)"},
+    {"columns", "LIST", kOutput, "Columns of the table: arrival, source, sequence, length, checksum, items (a dozen)"},
+    {"items", "LIST", kOutput, "Items of JSON lines (all) and CSV (two dozen): names, tags, ranges, all"},
     {"output_dir", "DIR", kOutput, "Write the received stream of each source to DIR/<name>.klv"},
     {"rotate_size", "SIZE", kOutput, "Begin a new file after SIZE bytes (k, M, G), 0 for no limit (0)"},
     {"rotate_time", "S", kOutput, "Begin a new file every S seconds of UTC, 0 for no limit (0)"},
@@ -96,6 +98,7 @@ int ParseOptions(int argc, const char* const* argv, Options& options) {
         ->group(group);
   };
   flag("stream_header", kOutput, "Write the 5-byte stream header in front of each message");
+  flag("wide", kOutput, "Do not fit the table to the terminal; without --columns, show every item");
   flag("live", kStatistics, "Show the statistics table in place of the status line");
   try {
     app.parse(argc, argv);

@@ -68,7 +68,7 @@ class Printer::Core {
     m_work.NotifyOne();
   }
 
-  void PutRow(const Received& received, Render render) {
+  void PutRow(const Received& received, const Render& render) {
     const common::Lock lock(m_mutex);
     if (m_failed) return;
     const size_t size = received.buffer.size() + kRowOverhead;
@@ -159,7 +159,7 @@ class Printer::Core {
     std::string bytes;
     std::string name;
     Received received;  // its views refer to bytes and name while it is rendered
-    Render render = nullptr;
+    Render render;
   };
   struct Piece {
     size_t end;  // in m_text
@@ -320,7 +320,7 @@ Printer::~Printer() {
 void Printer::PutLines(const std::vector<std::string>& lines) {
   m_core->PutLines(lines);
 }
-void Printer::PutRow(const Received& received, Render render) {
+void Printer::PutRow(const Received& received, const Render& render) {
   m_core->PutRow(received, render);
 }
 void Printer::Status(std::vector<std::string> lines) {

@@ -25,8 +25,9 @@ class Printer {
   static constexpr size_t kMostRowBytes = size_t{8} << 20;   // of the messages, which become text later
   static constexpr size_t kMostLineBytes = size_t{1} << 20;  // of the text
 
-  // Makes a row of a message, without a line end. Runs on the printer's thread.
-  using Render = std::string (*)(const Received& received);
+  // Makes a row of a message, without a line end. Runs on the printer's thread, which may keep it for a moment longer
+  // than this object lives.
+  using Render = std::function<std::string(const Received& received)>;
 
   // With `announces`, one line among the others says how many lines had to be left out before it.
   Printer(int fd, bool announces);
@@ -36,9 +37,9 @@ class Printer {
   Printer& operator=(const Printer&) = delete;
 
   // Any thread may call these; none of them waits for the reader.
-  void PutLines(const std::vector<std::string>& lines);  // without line ends
-  void PutRow(const Received& received, Render render);  // copies the message
-  void Status(std::vector<std::string> lines);           // replaces the block; lines are cut at the terminal's width
+  void PutLines(const std::vector<std::string>& lines);         // without line ends
+  void PutRow(const Received& received, const Render& render);  // copies the message
+  void Status(std::vector<std::string> lines);  // replaces the block; lines are cut at the terminal's width
 
   // How long to wait for the reader.
   struct Limit {

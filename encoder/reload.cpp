@@ -31,7 +31,10 @@ void CompareEncoders(const EncoderSettings& running, const EncoderSettings& fres
   require(running.rotateTime == fresh.rotateTime, "rotate_time");
   require(running.extendedTags == fresh.extendedTags, "extended_tags");
   require(running.heightsOptional == fresh.heightsOptional, "heights");
-  require(running.format == fresh.format, "format");
+  require(running.presentation.format == fresh.presentation.format, "format");
+  require(running.presentation.columns == fresh.presentation.columns, "columns");
+  require(running.presentation.items == fresh.presentation.items, "items");
+  require(running.presentation.isWide == fresh.presentation.isWide, "wide");
   require(running.live == fresh.live, "live");
   require(running.statsJson == fresh.statsJson, "stats_json");
   require(running.messages == fresh.messages, "messages");

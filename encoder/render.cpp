@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <ctime>
 #include <nlohmann/json.hpp>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -17,41 +18,30 @@ using Json = nlohmann::ordered_json;
 using st0601::Element;
 using st0601::Kind;
 using st0601::ValueState;
+using Chosen = std::span<const st0601::Item* const>;
 
 constexpr size_t kKeySize = 16;
 
-// Returns local time as "HH:MM:SS.mmm".
-std::string LocalText(uint64_t microseconds) {
-  const time_t seconds = static_cast<time_t>(microseconds / 1000000);
-  tm parts{};
-  localtime_r(&seconds, &parts);
-  char text[32];
-  const size_t used = std::strftime(text, sizeof(text), "%H:%M:%S", &parts);
-  std::snprintf(text + used, sizeof(text) - used, ".%03u", static_cast<unsigned>(microseconds / 1000 % 1000));
-  return text;
+// Returns "key=value unit". A nested set needs ItemText.
+std::string PlainText(const Element& element) {
+  if (element.item == nullptr) return std::to_string(element.tag) + "=" + st0601::Hex(element.value);
+  return std::string(element.item->key) + "=" +
+         st0601::Display(*element.item, st0601::Decode(*element.item, element.value));
 }
 
 std::string ElementText(const Element& element) {
-  if (element.item == nullptr) return std::to_string(element.tag) + "=" + st0601::Hex(element.value);
-  std::string text = std::string(element.item->key) + "=";
-  if (element.item->kind != Kind::SecuritySet) {
-    return text + st0601::Display(*element.item, st0601::Decode(*element.item, element.value));
-  }
-  text += "{";
-  bool first = true;
-  for (const Element& inner : st0601::ParseSecuritySet(element.value)) {
-    if (!first) text += ", ";
-    first = false;
-    text += ElementText(inner);
-  }
-  return text + "}";
+  if (element.item == nullptr || element.item->kind != Kind::SecuritySet) return PlainText(element);
+  return std::string(element.item->key) + "=" + ItemText(element);
 }
 
 Json ElementJson(const Element& element);
 
-Json ElementsJson(const std::vector<Element>& elements) {
+Json ElementsJson(const std::vector<Element>& elements, Chosen chosen = {}) {
   Json list = Json::array();
-  for (const Element& element : elements) list.push_back(ElementJson(element));
+  for (const Element& element : elements) {
+    const bool isWanted = chosen.empty() || std::find(chosen.begin(), chosen.end(), element.item) != chosen.end();
+    if (isWanted) list.push_back(ElementJson(element));
+  }
   return list;
 }
 
@@ -90,6 +80,26 @@ Json ElementJson(const Element& element) {
 
 }  // namespace
 
+std::string ItemText(const Element& element) {
+  if (element.item == nullptr) return st0601::Hex(element.value);
+  if (element.item->kind != Kind::SecuritySet) return st0601::Decode(*element.item, element.value).text;
+  std::string text = "{";
+  for (const Element& inner : st0601::ParseSecuritySet(element.value)) {
+    text += (text.size() == 1 ? "" : ", ") + PlainText(inner);
+  }
+  return text + "}";
+}
+
+std::string LocalText(uint64_t microseconds) {
+  const time_t seconds = static_cast<time_t>(microseconds / 1000000);
+  tm parts{};
+  localtime_r(&seconds, &parts);
+  char text[32];
+  const size_t used = std::strftime(text, sizeof(text), "%H:%M:%S", &parts);
+  std::snprintf(text + used, sizeof(text) - used, ".%03u", static_cast<unsigned>(microseconds / 1000 % 1000));
+  return text;
+}
+
 std::string UtcText(uint64_t microseconds) {
   const time_t seconds = static_cast<time_t>(microseconds / 1000000);
   tm parts{};
@@ -100,14 +110,14 @@ std::string UtcText(uint64_t microseconds) {
   return text;
 }
 
-std::string TableHeader() {
+std::string WideHeader() {
   char text[128];
   std::snprintf(text, sizeof(text), "%-12s %-16s %3s %6s %-9s %s", "TIME", "SOURCE", "SEQ", "LENGTH", "CHECKSUM",
                 "ITEMS");
   return text;
 }
 
-std::string TableRow(const Received& received, const st0601::Message& message) {
+std::string WideRow(const Received& received, const st0601::Message& message) {
   char columns[160];
   std::snprintf(columns, sizeof(columns), "%-12s %-16.64s %3u %6zu %-9s", LocalText(received.timeUs).c_str(),
                 std::string(received.name).c_str(), received.sequence, received.Message().size(),
@@ -123,10 +133,10 @@ std::string TableRow(const Received& received, const st0601::Message& message) {
   return row;
 }
 
-std::string JsonLine(const Received& received, const st0601::Message& message) {
+std::string JsonLine(const Received& received, const st0601::Message& message, Chosen chosen) {
   Json json;
   json["type"] = "message";
-  json["time"] = UtcText(received.timeUs);
+  if (received.timeUs != 0) json["time"] = UtcText(received.timeUs);
   json["source"] = received.name;
   json["sequence"] = received.sequence;
   json["length"] = received.Message().size();
@@ -135,7 +145,7 @@ std::string JsonLine(const Received& received, const st0601::Message& message) {
   json["st0601"] = message.isUas;
   if (message.isUas) {
     json["checksum"] = st0601::ChecksumStateName(message.checksum);
-    json["items"] = ElementsJson(message.elements);
+    json["items"] = ElementsJson(message.elements, chosen);
     if (!message.isComplete) json["error"] = message.error;
   } else {
     json["raw"] = st0601::Hex(received.Message());

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// Renders messages as text: one table row or one JSON line each.
+// Renders messages as text: one row with every item or one JSON line each.
 #ifndef MDENCODER_RENDER_H
 #define MDENCODER_RENDER_H
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 #include "receiver.h"
@@ -11,15 +12,21 @@
 
 namespace mdencoder {
 
-// Returns the column titles of TableRow, without a line end.
-std::string TableHeader();
+// Returns the column titles of WideRow, without a line end.
+std::string WideHeader();
 // Returns local time, source, sequence, length, checksum state, and the items as "key=value unit", without a line end.
-std::string TableRow(const Received& received, const st0601::Message& message);
-// Returns the same and more as one JSON object, without a line end; see docs/mdencoder.md.
-std::string JsonLine(const Received& received, const st0601::Message& message);
+std::string WideRow(const Received& received, const st0601::Message& message);
+// Returns the same and more as one JSON object, without a line end; see docs/mdencoder.md. If `chosen` has items, it has
+// no others.
+std::string JsonLine(const Received& received, const st0601::Message& message,
+                     std::span<const st0601::Item* const> chosen = {});
 
 // Returns "2024-05-01T10:20:30.123456Z" for microseconds since 1970.
 std::string UtcText(uint64_t microseconds);
+// Returns "HH:MM:SS.mmm" of this machine.
+std::string LocalText(uint64_t microseconds);
+// Returns the value of an element for people, without its unit; a security set in braces.
+std::string ItemText(const st0601::Element& element);
 
 }  // namespace mdencoder
 

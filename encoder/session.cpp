@@ -28,7 +28,7 @@
 
 #include "recording.h"
 #include "recording_name.h"
-#include "render.h"
+#include "table.h"
 
 namespace mdencoder {
 namespace {
@@ -49,12 +49,10 @@ std::chrono::steady_clock::duration Seconds(double seconds) {
   return std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
 }
 
-// Run on the printer's thread.
-std::string RenderTableRow(const Received& received) {
-  return TableRow(received, st0601::Parse(received.Message()));
-}
-std::string RenderJsonLine(const Received& received) {
-  return JsonLine(received, st0601::Parse(received.Message()));
+size_t LongestName(const std::vector<SourceSettings>& sources) {
+  size_t longest = 0;
+  for (const SourceSettings& source : sources) longest = std::max(longest, source.name.size());
+  return longest;
 }
 
 // A second SIGINT or SIGTERM, while the run is ending.
@@ -80,6 +78,8 @@ Session::Session(const Config& config, const Library& library, Console& console,
     : m_checked{config, around.host},
       m_library(library),
       m_console(console),
+      m_presentation(MakePresentation(config.encoder.presentation, LongestName(config.sources),
+                                      [] { return OutputWidth(STDOUT_FILENO); })),
       m_around(std::move(around)),
       m_keeper(
           m_library, OnMessage, this, m_checked.host, m_around.reach,
@@ -144,7 +144,7 @@ int Session::Run() {
   m_receiver = std::make_unique<Receiver>(m_config.encoder.queue, m_library.releaseBuffer, handle, flush);
   m_times.startUs = WallClockUs();
   m_start = Clock::now();
-  if (m_config.encoder.format == Format::Table) m_console.Line(TableHeader());
+  if (!m_presentation.header.empty()) m_console.Line(m_presentation.header);
   if (m_around.onRoom) m_around.onRoom([this] { return m_console.HasRowRoom() ? m_receiver->Room() : 0; });
   const bool opened = OpenSources();
   if (opened) Loop();
@@ -213,8 +213,7 @@ void Session::Handle(const Received& received) {
   const st0601::Message message = st0601::Parse(received.Message());
   source.Judge(message);
   if (source.Write(received)) m_unflushed.push_back(&source);
-  if (m_config.encoder.format == Format::Table) m_console.Row(received, RenderTableRow);
-  if (m_config.encoder.format == Format::Json) m_console.Row(received, RenderJsonLine);
+  if (m_presentation.render) m_console.Row(received, m_presentation.render);
 }
 
 bool Session::LimitReached() const {
@@ -455,10 +454,20 @@ void Session::ShowStatistics(const std::string& name) {
   if (Chosen(name).empty()) return;
   auto reports = Reports();
   if (!name.empty()) std::erase_if(reports, [&](const Report& report) { return report.settings->name != name; });
-  if (m_config.encoder.format == Format::Json) {
-    m_console.Line(StatisticsLine(reports, WallClockUs()));
-  } else {
-    m_console.Lines(StatisticsTable(reports));
+  PrintStatistics(reports);
+}
+
+// Rows of CSV are for a program, which would take the table for one of them.
+void Session::PrintStatistics(const std::vector<Report>& reports) {
+  switch (m_config.encoder.presentation.format) {
+    case Format::Json:
+      m_console.Line(StatisticsLine(reports, WallClockUs()));
+      break;
+    case Format::Csv:
+      for (const std::string& line : StatisticsTable(reports)) m_console.Complain(line);
+      break;
+    default:
+      m_console.Lines(StatisticsTable(reports));
   }
 }
 
@@ -545,14 +554,9 @@ void Session::ShowStatus() {
 }
 
 void Session::WriteStatistics(const std::vector<Report>& reports, bool print) {
-  const uint64_t now = WallClockUs();
-  if (print && m_config.encoder.format == Format::Json) {
-    m_console.Line(StatisticsLine(reports, now));
-  } else if (print) {
-    m_console.Lines(StatisticsTable(reports));
-  }
+  if (print) PrintStatistics(reports);
   if (m_statsJson == nullptr) return;
-  std::fprintf(m_statsJson, "%s\n", StatisticsLine(reports, now).c_str());
+  std::fprintf(m_statsJson, "%s\n", StatisticsLine(reports, WallClockUs()).c_str());
   if (std::fflush(m_statsJson) != 0) Fail("the statistics cannot be written to " + m_config.encoder.statsJson);
 }
 

@@ -26,6 +26,7 @@
 #include "loss.h"
 #include "network_watch.h"
 #include "owned_fd.h"
+#include "presentation.h"
 #include "reach.h"
 #include "receiver.h"
 #include "reload.h"
@@ -106,6 +107,7 @@ class Session {
   std::vector<Report> Reports(bool withRemoved = false);
   void LookForLosses(Clock::time_point now);
   void ShowStatus();
+  void PrintStatistics(const std::vector<Report>& reports);
   void WriteStatistics(const std::vector<Report>& reports, bool print);
   void FinishRows();
   void WriteResults();
@@ -115,6 +117,7 @@ class Session {
   const Library& m_library;
   Console& m_console;
   std::function<std::optional<int64_t>()> m_pairClock;
+  const Presentation m_presentation;
   const Surroundings m_around;
   SourceKeeper m_keeper;
   std::unique_ptr<Receiver> m_receiver;

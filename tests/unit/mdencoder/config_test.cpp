@@ -169,7 +169,7 @@ TEST(Encoder, EverySetting) {
   EXPECT_EQ(settings.hostConfig, "/conf/host.ini");
   EXPECT_EQ(settings.outputDir, "/conf/out");
   EXPECT_TRUE(settings.streamHeader);
-  EXPECT_EQ(settings.format, Format::Json);
+  EXPECT_EQ(settings.presentation.format, Format::Json);
   EXPECT_TRUE(settings.live);
   EXPECT_EQ(settings.logLevel, 6);
   EXPECT_THAT(settings.moduleLevels, ElementsAre(Pair("METADATALIB", 7), Pair("COTCONVERTER", 3)));
@@ -244,7 +244,7 @@ INSTANTIATE_TEST_SUITE_P(
             "[u] address must be the sender's numeric IPv4 or IPv6 address of the family given, or an IPv4 group, not "
             "\"10.0.0.1\""},
         Bad{"[a b]\ninput = video\n", "[a b] must be a source name of up to 49 letters, digits, '_', '-' and '.'"},
-        Bad{"[encoder]\nformat = xml\n", "[encoder] format must be one of table, json, none, not \"xml\""},
+        Bad{"[encoder]\nformat = xml\n", "[encoder] format must be one of table, json, csv, none, not \"xml\""},
         Bad{"[encoder]\ncapabilities = cot\n",
             "[encoder] capabilities must be a list with ipv4 or ipv6 in it, not \"cot\""},
         Bad{"[encoder]\ncapabilities = ipv5\n",
@@ -433,7 +433,7 @@ TEST(CommandLine, OptionsWinOverTheFile) {
   std::fprintf(file, "%s[encoder]\nformat = table\nmessages = 3\n", kUdp);
   std::fclose(file);
   const Config config = LoadConfig(path, {{"format", "none"}, {"queue", "7"}});
-  EXPECT_EQ(config.encoder.format, Format::None);
+  EXPECT_EQ(config.encoder.presentation.format, Format::None);
   EXPECT_EQ(config.encoder.messages, 3U);
   EXPECT_EQ(config.encoder.queue, 7U);
   EXPECT_THROW(LoadConfig(path, {{"queue", "0"}}), ConfigError);

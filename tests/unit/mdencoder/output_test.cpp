@@ -81,7 +81,7 @@ Bytes Sample() {
 TEST(Row, ShowsTheItemsWithUnitsAndTheChecksum) {
   const Bytes sample = Sample();
   const Rendered rendered(sample);
-  const std::string row = TableRow(rendered.received, rendered.parsed);
+  const std::string row = WideRow(rendered.received, rendered.parsed);
   EXPECT_THAT(row, HasSubstr(" udp               17     " + std::to_string(sample.size()) + " ok        time="));
   EXPECT_THAT(row, HasSubstr(" time=2008-10-24T00:13:29.913000Z mission_id=Mission 12 sensor_lat=60.17682297 deg "));
   EXPECT_THAT(row, HasSubstr(" roll=out of range security={classification=SECRET, classifying_country=//USA} "));
@@ -92,18 +92,18 @@ TEST(Row, ShowsTheItemsWithUnitsAndTheChecksum) {
 TEST(Row, TellsWhatIsWrong) {
   Bytes cut = Sample();
   cut.resize(cut.size() - 1);
-  EXPECT_THAT(TableRow(Rendered(cut).received, Rendered(cut).parsed), HasSubstr("runs past the end)"));
+  EXPECT_THAT(WideRow(Rendered(cut).received, Rendered(cut).parsed), HasSubstr("runs past the end)"));
   const Rendered other(Bytes{1, 2, 3});
-  EXPECT_THAT(TableRow(other.received, other.parsed), HasSubstr(" 3 -         not ST 0601: 010203"));
+  EXPECT_THAT(WideRow(other.received, other.parsed), HasSubstr(" 3 -         not ST 0601: 010203"));
   const Rendered empty(Bytes{});
-  EXPECT_THAT(TableRow(empty.received, empty.parsed), HasSubstr("not ST 0601: "));
+  EXPECT_THAT(WideRow(empty.received, empty.parsed), HasSubstr("not ST 0601: "));
 }
 
 // The same number means one coding for the classifying country and another one for the object country.
 TEST(Row, NamesTheCodingMethodOfEachCountry) {
   const Bytes security = {2, 1, 3, 12, 1, 3};
   const Rendered rendered(Builder().Add(48, ByteView(security)).Finish());
-  EXPECT_THAT(TableRow(rendered.received, rendered.parsed),
+  EXPECT_THAT(WideRow(rendered.received, rendered.parsed),
               HasSubstr(" security={classifying_coding_method=FIPS 10-4 Two Letter, "
                         "object_coding_method=ISO-3166 Numeric} "));
   const Json json = Json::parse(JsonLine(rendered.received, rendered.parsed));
@@ -148,7 +148,7 @@ TEST(JsonMessage, HostileTextStaysOneValidLineWithTheTextOfTheTable) {
   const std::string line = JsonLine(rendered.received, rendered.parsed);
   EXPECT_EQ(line.find('\n'), std::string::npos);
   EXPECT_EQ(Json::parse(line)["items"][0]["value"], text);
-  EXPECT_THAT(TableRow(rendered.received, rendered.parsed), HasSubstr(" mission_id=" + text + " "));
+  EXPECT_THAT(WideRow(rendered.received, rendered.parsed), HasSubstr(" mission_id=" + text + " "));
 }
 
 TEST(JsonMessage, OtherMessagesAreHexadecimal) {

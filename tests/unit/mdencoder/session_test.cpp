@@ -255,7 +255,7 @@ TEST_F(SessionTest, TheLimitIsExact) {
   DeliverWhenOpen(1, [] {
     for (int i = 0; i < 10; ++i) EXPECT_EQ(Deliver(0, static_cast<uint8_t>(i), MessageNumber(i)), i < 4 ? TRUE : FALSE);
   });
-  const std::string printed = Run("messages = 4\n");
+  const std::string printed = Run("messages = 4\nwide = yes\n");
   EXPECT_EQ(m_exitCode, 0);
   EXPECT_THAT(printed, HasSubstr("mission_id=M3 "));
   EXPECT_EQ(printed.find("mission_id=M4 "), std::string::npos);
