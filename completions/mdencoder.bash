@@ -3,6 +3,22 @@
 _mdencoder() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
+  case ${COMP_WORDS[1]-}/$previous in
+    inspect/--format) COMPREPLY=($(compgen -W 'text json' -- "$current")); return ;;
+    decode/--format) COMPREPLY=($(compgen -W 'table json csv' -- "$current")); return ;;
+    */--seconds | */--gap | */--messages | */--columns | */--items) return ;;
+  esac
+  if ((COMP_CWORD > 1)) && [[ ${COMP_WORDS[1]} == inspect || ${COMP_WORDS[1]} == decode ]]; then
+    if [[ $current != -* ]]; then
+      compopt -o filenames
+      COMPREPLY=($(compgen -f -- "$current"))
+    elif [[ ${COMP_WORDS[1]} == inspect ]]; then
+      COMPREPLY=($(compgen -W '-h --help --format --seconds --gap --messages' -- "$current"))
+    else
+      COMPREPLY=($(compgen -W '-h --help --format --columns --items --wide --seconds --messages' -- "$current"))
+    fi
+    return
+  fi
   case $previous in
     --format) COMPREPLY=($(compgen -W 'table json csv none' -- "$current")); return ;;
     --extended-tags | --retry) COMPREPLY=($(compgen -W 'yes no' -- "$current")); return ;;
@@ -22,6 +38,7 @@ _mdencoder() {
   else
     compopt -o filenames
     COMPREPLY=($(compgen -f -X '!*.ini' -- "$current") $(compgen -d -- "$current"))
+    ((COMP_CWORD > 1)) || COMPREPLY+=($(compgen -W 'inspect decode' -- "$current"))
   fi
 }
 complete -F _mdencoder mdencoder

@@ -21,6 +21,7 @@
 #include "host_runtime.h"
 #include "library.h"
 #include "options.h"
+#include "quick_look.h"
 #include "reload.h"
 #include "service.h"
 #include "session.h"
@@ -128,6 +129,7 @@ class LogRoute {
 };
 
 int Main(int argc, char** argv) {
+  if (const auto code = RunQuickLook(argc, argv)) return *code;
   Session::BlockSignals();
   Options options;
   const int parsed = ParseOptions(argc, argv, options);

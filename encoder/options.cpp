@@ -17,11 +17,14 @@ constexpr char kFooter[] =
     "\nCommands on the standard input: stats [NAME], reset [NAME], restore [NAME], save, quit, help.\n"
     "Signals: SIGINT and SIGTERM end the run (twice: at once), SIGHUP reloads the configuration, SIGUSR1 resets and\n"
     "SIGUSR2 restores the statistics of every source.\n"
+    "\n'mdencoder inspect FILE|URL' tells what is in a file or a live source, 'mdencoder decode FILE|URL' prints it;\n"
+    "both need no configuration and have a --help of their own.\n"
     "\nExit codes: 0 the run ended as asked; 1 it failed (library, source, file, output); 2 usage or configuration.\n"
     "\nExamples:\n"
     "  mdencoder demo.ini                                   table on the terminal until Ctrl-C\n"
     "  mdencoder demo.ini --format json --duration 10 | jq  ten seconds as JSON lines\n"
     "  mdencoder demo.ini --format none --live              only the statistics, in place\n"
+    "  mdencoder inspect flight.ts                          what is in there\n"
     "  mdencoder demo.ini --check                           check the configuration and what it needs of this machine";
 
 struct Definition {

@@ -15,7 +15,7 @@ parser.add_argument("--programs", nargs=3, required=True)
 options, rest = parser.parse_known_args()
 SOURCE = pathlib.Path(options.source)
 PROGRAMS = {pathlib.Path(path).name: path for path in options.programs}
-COMMANDS = ("klv", "cot", "anc", "ts")
+COMMANDS = {"mdfeed": ("klv", "cot", "anc", "ts"), "mdencoder": ("inspect", "decode"), "make_geoid_grid": ()}
 
 
 def output(*command, **settings):
@@ -64,24 +64,22 @@ run"""
 class Options(unittest.TestCase):
     def test_pages_name_every_option_and_no_other(self):
         for program in PROGRAMS:
-            commands = COMMANDS if program == "mdfeed" else [None]
-            known = set().union(*(helped(program, *filter(None, [command])) for command in commands),
-                                helped(program))
+            known = set().union(*(helped(program, command) for command in COMMANDS[program]), helped(program))
             named = {"--" + name for name in re.findall(r"\bFl (?:h [,|] )?-([a-z-]+)", page(program + ".1"))}
             self.assertEqual(named, known, program)
 
     def test_bash_completes_the_options_of_the_help_text(self):
-        for program in ("mdencoder", "make_geoid_grid"):
+        for program, commands in COMMANDS.items():
             self.assertEqual(bash_completes(program), helped(program))
-        self.assertEqual(bash_completes("mdfeed"), helped("mdfeed"))
-        for command in COMMANDS:
-            self.assertEqual(bash_completes("mdfeed", command), helped("mdfeed", command), command)
+            for command in commands:
+                self.assertEqual(bash_completes(program, command), helped(program, command), command)
 
     def test_zsh_completes_the_options_of_the_help_text(self):
         for program in ("mdencoder", "make_geoid_grid"):
             self.assertEqual(zsh_completes(program) | {"--help"}, helped(program))
-        for command in COMMANDS:
-            self.assertEqual(zsh_completes("mdfeed", command) | {"--help"}, helped("mdfeed", command), command)
+        for program, commands in COMMANDS.items():
+            for command in commands:
+                self.assertEqual(zsh_completes(program, command) | {"--help"}, helped(program, command), command)
         for path in (SOURCE / "completions").glob("_*"):
             subprocess.run(["zsh", "-n", path], check=True)
 

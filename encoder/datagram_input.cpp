@@ -1,0 +1,138 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "datagram_input.h"
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include "value_text.h"
+#include "values.h"
+
+namespace mdencoder {
+namespace {
+
+using st0601::ByteView;
+
+constexpr size_t kLargestDatagram = 65536;
+constexpr size_t kRtpHeader = 12;
+constexpr size_t kTsPacket = 188;
+constexpr uint8_t kTsSync = 0x47;
+constexpr int kBuffer = 4 << 20;  // of the socket, as far as the system allows
+
+// Reads "udp://[@]ADDRESS:PORT", with an IPv6 address in brackets; "udp://:PORT" is any address.
+std::optional<std::pair<Address, uint16_t>> ParseUrl(std::string text) {
+  text = text.substr(text.find("://") + 3);
+  if (text.starts_with('@')) text.erase(0, 1);
+  text = text.substr(0, text.find_first_of("?/"));
+  const size_t colon = text.rfind(':');
+  if (colon == std::string::npos) return std::nullopt;
+  const auto port = value_text::ParseWholeNumber(text.substr(colon + 1), 1, 65535);
+  std::string host = text.substr(0, colon);
+  if (host.size() > 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
+  if (host.empty()) host = "0.0.0.0";
+  if (host == "localhost") host = "127.0.0.1";
+  const auto address = ParseAddress(host);
+  if (!port || !address) return std::nullopt;
+  return std::pair(*address, static_cast<uint16_t>(*port));
+}
+
+bool BindV4(int fd, const Address& address, uint16_t port) {
+  sockaddr_in local{};
+  local.sin_family = AF_INET;
+  local.sin_port = htons(port);
+  std::memcpy(&local.sin_addr, address.bytes.data(), sizeof(local.sin_addr));
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) return false;
+  if (!address.IsMulticast()) return true;
+  ip_mreqn group{};
+  group.imr_multiaddr = local.sin_addr;
+  return setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof(group)) == 0;
+}
+
+bool BindV6(int fd, const Address& address, uint16_t port) {
+  sockaddr_in6 local{};
+  local.sin6_family = AF_INET6;
+  local.sin6_port = htons(port);
+  std::memcpy(&local.sin6_addr, address.bytes.data(), sizeof(local.sin6_addr));
+  if (bind(fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) return false;
+  if (!address.IsMulticast()) return true;
+  ipv6_mreq group{};
+  group.ipv6mr_multiaddr = local.sin6_addr;
+  return setsockopt(fd, IPPROTO_IPV6, IPV6_JOIN_GROUP, &group, sizeof(group)) == 0;
+}
+
+}  // namespace
+
+std::optional<RtpPacket> ParseRtp(ByteView bytes) {
+  if (bytes.size() < kRtpHeader || (bytes[0] & 0xC0) != 0x80) return std::nullopt;
+  size_t header = kRtpHeader + size_t{4} * (bytes[0] & 0x0F);
+  if ((bytes[0] & 0x10) != 0) {  // an extension
+    if (bytes.size() < header + 4) return std::nullopt;
+    header += 4 + size_t{4} * static_cast<size_t>(bytes[header + 2] << 8 | bytes[header + 3]);
+  }
+  const size_t padding = (bytes[0] & 0x20) != 0 ? bytes.back() : 0;
+  if (bytes.size() < header + padding) return std::nullopt;
+  RtpPacket packet;
+  packet.payloadType = bytes[1] & 0x7F;
+  packet.sequence = static_cast<uint16_t>(bytes[2] << 8 | bytes[3]);
+  packet.payload = bytes.subspan(header, bytes.size() - header - padding);
+  return packet;
+}
+
+DatagramInput::DatagramInput(const std::string& url, std::optional<Clock::time_point> end)
+    : m_end(end), m_buffer(kLargestDatagram) {
+  const auto place = ParseUrl(url);
+  if (!place) throw std::runtime_error(url + ": must be udp://ADDRESS:PORT with a numeric address");
+  const auto& [address, port] = *place;
+  m_socket.Reset(socket(address.family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const int yes = 1;
+  setsockopt(m_socket.Get(), SOL_SOCKET, SO_RCVBUF, &kBuffer, sizeof(kBuffer));
+  // Several programs may look at one group.
+  if (address.IsMulticast()) setsockopt(m_socket.Get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+  const bool isBound = m_socket.IsOpen() && (address.family == AF_INET ? BindV4(m_socket.Get(), address, port)
+                                                                       : BindV6(m_socket.Get(), address, port));
+  if (!isBound) throw std::runtime_error(url + ": " + std::strerror(errno));
+}
+
+std::optional<ByteView> DatagramInput::Next() {
+  if (std::exchange(m_isRepeated, false)) return m_payload;
+  for (;;) {
+    const ssize_t got = recv(m_socket.Get(), m_buffer.data(), m_buffer.size(), 0);
+    if (got > 0) return m_payload = Unwrap(ByteView(m_buffer).first(static_cast<size_t>(got)));
+    int wait = -1;
+    if (m_end) {
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(*m_end - Clock::now()).count();
+      if (left <= 0) return std::nullopt;
+      wait = static_cast<int>(std::min<int64_t>(left, 3600000));
+    }
+    pollfd set = {m_socket.Get(), POLLIN, 0};
+    poll(&set, 1, wait);
+  }
+}
+
+DatagramInput::Content DatagramInput::Looks() const {
+  constexpr std::array<uint8_t, 4> kLabel = {0x06, 0x0E, 0x2B, 0x34};
+  if (m_payload.size() >= kTsPacket && m_payload[0] == kTsSync &&
+      (m_payload.size() == kTsPacket || m_payload[kTsPacket] == kTsSync)) {
+    return Content::TransportStream;
+  }
+  const bool isKlv = std::search(m_payload.begin(), m_payload.end(), kLabel.begin(), kLabel.end()) != m_payload.end();
+  return isKlv ? Content::Klv : Content::Unknown;
+}
+
+// A message and a packet of a transport stream never begin as RTP does.
+ByteView DatagramInput::Unwrap(ByteView datagram) {
+  const auto packet = ParseRtp(datagram);
+  if (!packet) return datagram;
+  if (m_sequence >= 0) m_missing += static_cast<uint16_t>(packet->sequence - m_sequence - 1);
+  m_sequence = packet->sequence;
+  return packet->payload;
+}
+
+}  // namespace mdencoder

@@ -1,0 +1,73 @@
+// SPDX-License-Identifier: Apache-2.0
+// Inspects arbitrary bytes in two pieces, and prints each message that is found in every format. Texts must be printable
+// and JSON well-formed; every byte is accounted for.
+#include <stdint.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+#include "datagram_input.h"
+#include "inspection.h"
+#include "klv_walk.h"
+#include "presentation.h"
+#include "receiver.h"
+
+namespace {
+
+void Check(bool isTrue) {
+  if (!isTrue) abort();
+}
+
+void CheckLines(const std::string& text) {
+  for (const char byte : text) Check(static_cast<uint8_t>(byte) >= 0x20 || byte == '\n' || byte == '\r');
+}
+
+void Print(const klv_walk::Found& found) {
+  st0601::Bytes buffer(MDATA_STREAM_HEADER_SIZE);
+  buffer.insert(buffer.end(), found.message.begin(), found.message.end());
+  mdencoder::Received received;
+  received.name = "fuzz";
+  received.buffer = buffer;
+  for (const auto format : {mdencoder::Format::Table, mdencoder::Format::Json, mdencoder::Format::Csv}) {
+    mdencoder::PresentationSettings settings;
+    settings.format = format;
+    if (format != mdencoder::Format::Json) {
+      settings.columns = *mdencoder::ParseColumns("all");
+      settings.items = *mdencoder::ParseItems("all");
+    }
+    const std::string row = mdencoder::MakePresentation(settings, 4, [] { return 5000; }).render(received);
+    CheckLines(row);
+    if (format == mdencoder::Format::Json) Check(nlohmann::json::accept(row));
+    if (format == mdencoder::Format::Csv) Check(std::count(row.begin(), row.end(), '\r') == 1);
+  }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const st0601::ByteView bytes(data, size);
+  mdencoder::ParseRtp(bytes);
+  const size_t half = size == 0 ? 0 : data[0] % (size + 1);
+  mdencoder::Inspection inspection({});
+  mdencoder::StreamInfo info;
+  info.mayHoldKlv = true;
+  inspection.OnStream(0, info);
+  inspection.OnData(0, bytes.first(half), std::nullopt, false);
+  inspection.OnData(0, bytes.subspan(half), std::nullopt, false);
+  inspection.Finish();
+  for (const std::string& line : inspection.Text("fuzz", "klv")) CheckLines(line);
+  Check(nlohmann::json::accept(inspection.Json("fuzz", "klv")));
+  uint64_t held = 0;
+  klv_walk::Walk walk([&held](const klv_walk::Found& found) {
+    held += found.message.size() + (found.sequence ? 5 : 0);
+    Print(found);
+    return true;
+  });
+  walk.Push(bytes);
+  walk.Finish();
+  Check(walk.Bytes() == size && held + walk.Skipped() == size);
+  return 0;
+}
