@@ -26,13 +26,14 @@ _mdencoder() {
     --capabilities) COMPREPLY=($(compgen -W 'cot ipv4 ipv6' -- "$current")); return ;;
     --log-level) COMPREPLY=($(compgen -W '0 1 2 3 4 5 6 7 8' -- "$current")); return ;;
     --log-levels) compopt -o nospace; COMPREPLY=($(compgen -W 'METADATALIB: COTCONVERTER: HOST: KLVCAPTURE:' -- "$current")); return ;;
-    --output-dir) compopt -o filenames; COMPREPLY=($(compgen -d -- "$current")); return ;;
+    --track-format) COMPREPLY=($(compgen -W 'geojson kml gpx' -- "$current")); return ;;
+    --output-dir | --track-dir) compopt -o filenames; COMPREPLY=($(compgen -d -- "$current")); return ;;
     --stats-json | --stats-file | --summary | --library | --host-config) compopt -o filenames; COMPREPLY=($(compgen -f -- "$current")); return ;;
-    --columns | --items | --status-interval | --duration | --messages | --messages-each | --stats-interval | --queue | --rotate-size | --rotate-time | --silence) return ;;
+    --columns | --items | --status-interval | --duration | --messages | --messages-each | --stats-interval | --queue | --rotate-size | --rotate-time | --silence | --track-interval) return ;;
   esac
   if [[ $current == -* ]]; then
     COMPREPLY=($(compgen -W '-h --help --version --check --check-text --format --columns --items --wide --output-dir --rotate-size --rotate-time
-      --status-interval --stream-header
+      --track-dir --track-format --track-interval --status-interval --stream-header
       --duration --messages --messages-each --stats-interval --silence --stats-json --stats-file --summary --live --library
       --host-config --capabilities --extended-tags --heights --retry --log-level --log-levels --queue' -- "$current"))
   else

@@ -118,6 +118,11 @@ std::vector<FileUse> UsesOf(const CheckSubject& subject) {
     for (const char* suffix : {"", ".json"}) {  // the index
       if (!recording.empty()) uses.push_back({place, recording + suffix, FileUse::Kind::Recording, !isOwn});
     }
+    const std::string track = TrackPath(source, settings);
+    const bool hasTrack = !source.track.empty();
+    const KeyPlace trackPlace = {subject.configPath, hasTrack ? source.name : "encoder",
+                                 hasTrack ? "track" : "track_dir"};
+    if (!track.empty()) uses.push_back({trackPlace, track, FileUse::Kind::Recording, !hasTrack});
     AddRawCapture(subject, source, uses);
     const std::string file = source.capture ? source.capture->path : source.replay ? source.replay->path : "";
     if (!file.empty() && !stream_url::IsUrl(file)) uses.push_back({{subject.configPath, source.name, "url"}, file});
@@ -233,12 +238,10 @@ void CheckKeptStatistics(const CheckSubject& subject) {
 void CheckFiles(const CheckSubject& subject) {
   const std::vector<FileUse> uses = UsesOf(subject);
   const EncoderSettings& settings = subject.config.encoder;
-  if (!settings.outputDir.empty()) {
-    const std::string fault = FolderFault(settings.outputDir, true);
-    if (!fault.empty()) {
-      Refuse({subject.configPath, "encoder", "output_dir"}, settings.outputDir, "a folder that can be written or made",
-             fault);
-    }
+  for (const auto& [key, folder] : {std::pair("output_dir", settings.outputDir), {"track_dir", settings.trackDir}}) {
+    const std::string fault = folder.empty() ? "" : FolderFault(folder, true);
+    if (fault.empty()) continue;
+    Refuse({subject.configPath, "encoder", key}, folder, "a folder that can be written or made", fault);
   }
   CheckOwners(subject, uses);
   for (const FileUse& use : uses) {

@@ -37,15 +37,17 @@ constexpr char kEncoder[] = "encoder";
 // --- Keys --------------------------------------------------------------------------------------------
 
 constexpr std::string_view kEncoderKeys[] = {
-    "capabilities", "library",     "host_config",     "output_dir",     "stream_header", "format",     "live",
-    "log_level",    "log_levels",  "status_interval", "stats_interval", "stats_json",    "stats_file", "summary",
-    "duration",     "messages",    "messages_each",   "queue",          "extended_tags", "heights",    "retry",
-    "rotate_size",  "rotate_time", "silence",         "columns",        "items",         "wide"};
+    "capabilities",  "library",   "host_config", "output_dir",      "stream_header",  "format",
+    "live",          "log_level", "log_levels",  "status_interval", "stats_interval", "stats_json",
+    "stats_file",    "summary",   "duration",    "messages",        "messages_each",  "queue",
+    "extended_tags", "heights",   "retry",       "rotate_size",     "rotate_time",    "silence",
+    "columns",       "items",     "wide",        "track_dir",       "track_format",   "track_interval"};
 
 constexpr std::string_view kSourceKeys[] = {"input",
                                             "data",
                                             "index",
                                             "output",
+                                            "track",
                                             "rotate_size",
                                             "rotate_time",
                                             "silence",
@@ -86,6 +88,7 @@ constexpr std::string_view kSourceKeys[] = {"input",
                                             "relay8"};
 
 constexpr std::string_view kFormats[] = {"table", "json", "csv", "none"};
+constexpr std::string_view kTrackFormats[] = {"geojson", "kml", "gpx"};  // track_text::Format
 constexpr std::string_view kHeights[] = {"required", "optional"};
 constexpr std::string_view kInputs[] = {"serial", "udp", "video"};  // MDATA_INPUT_*
 constexpr std::string_view kData[] = {"klv", "cot"};                // MDATA_DATA_*
@@ -151,6 +154,7 @@ void ReadModuleLevels(Section& section, EncoderSettings& settings) {
 }
 
 constexpr int64_t kLongestRotation = 31 * 86400;
+constexpr double kLongestTrackInterval = 86400;
 constexpr double kLongestSilence = 31 * 86400;
 
 std::optional<uint64_t> ReadRotateSize(Section& section) {
@@ -191,6 +195,9 @@ EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
   settings.hostConfig = section.Path("host_config");
   settings.outputDir = section.Path("output_dir");
   settings.streamHeader = section.Switch("stream_header", false);
+  settings.trackDir = section.Path("track_dir");
+  settings.trackFormat = static_cast<track_text::Format>(section.Choice("track_format", kTrackFormats, 0));
+  settings.trackInterval = section.Real("track_interval", 0, kLongestTrackInterval, settings.trackInterval);
   settings.rotateSize = ReadRotateSize(section).value_or(0);
   settings.rotateTime = ReadRotateTime(section).value_or(0);
   settings.silence = section.Real("silence", 0, kLongestSilence, 0);
@@ -419,6 +426,10 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
   source.input = kInputs[record.enInputType];
   source.data = kData[record.enDataType];
   source.output = section.Path("output");
+  source.track = section.Path("track");
+  if (!source.track.empty() && !track_text::FormatOf(source.track)) {
+    section.Fail("track", *section.Find("track"), "a name that ends in .geojson, .kml or .gpx");
+  }
   source.hasRetry = section.Find("retry") != nullptr;
   source.retry = section.Switch("retry", true);
   source.rotateSize = ReadRotateSize(section);
@@ -517,6 +528,10 @@ void CheckTogether(const Config& config) {
       if (!it->output.empty() && it->output == other->output) {
         throw ConfigError("[" + it->name + "] output must be a file of its own, and [" + other->name + "] has \"" +
                           it->output + "\"");
+      }
+      if (!it->track.empty() && it->track == other->track) {
+        throw ConfigError("[" + it->name + "] track must be a file of its own, and [" + other->name + "] has \"" +
+                          it->track + "\"");
       }
       if (it->record.enInputType != other->record.enInputType) continue;
       if (it->record.enInputType == MDATA_INPUT_SERIAL) {

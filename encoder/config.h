@@ -15,6 +15,7 @@
 #include "host_runtime.h"
 #include "ini_file.h"
 #include "metadata_lib.h"
+#include "track_text.h"
 
 namespace mdencoder {
 
@@ -26,6 +27,9 @@ struct EncoderSettings {
   std::string hostConfig;  // the host's INI file; empty: none
   std::string outputDir;   // empty: the received streams are not written
   bool streamHeader = false;
+  std::string trackDir;  // empty: no tracks but those that a source has of its own
+  track_text::Format trackFormat = track_text::Format::GeoJson;
+  double trackInterval = 1;      // least seconds between two samples
   uint64_t rotateSize = 0;       // bytes of a recording's file; 0 for no limit
   uint64_t rotateTime = 0;       // seconds, likewise
   double silence = 0;            // seconds without a message that are reported; 0 for none
@@ -65,6 +69,7 @@ struct SourceSettings {
   std::string input;                   // "serial", "udp", "video"
   std::string data;                    // "klv", "cot"
   std::string output;                  // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
+  std::string track;                   // file of the track; empty: <track_dir>/<name>.<format>, if that is set
   std::optional<uint64_t> rotateSize;  // as in the encoder's settings, which apply without it
   std::optional<uint64_t> rotateTime;
   std::optional<double> silence;

@@ -27,54 +27,11 @@ namespace {
 
 constexpr unsigned kMostNumbers = 1000000;
 
-std::string Reason(int error) {
-  return error == ELOOP ? "it is a symbolic link, which is not followed" : std::strerror(error);
-}
-
 }  // namespace
 
 // --- Files -------------------------------------------------------------------------------------------
 
-size_t Recording::Growing::Append(const void* data, size_t length) const {
-  const auto* bytes = static_cast<const uint8_t*>(data);
-  size_t done = 0;
-  while (done < length) {
-    const ssize_t written = isRegular ? pwrite(fd.Get(), bytes + done, length - done, static_cast<off_t>(size + done))
-                                      : write(fd.Get(), bytes + done, length - done);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) break;
-    done += static_cast<size_t>(written);
-  }
-  return done;
-}
-
-void Recording::Growing::Keep(size_t length) {
-  size += length;
-  // If it cannot be cut, the next write covers what is too much.
-  if (isRegular && ftruncate(fd.Get(), static_cast<off_t>(size)) != 0) return;
-}
-
 Recording::Recording(RecordingSettings settings, Say say) : m_settings(std::move(settings)), m_say(std::move(say)) {}
-
-// Throws std::runtime_error. O_NONBLOCK: nobody waits for the reader of a FIFO, which is refused.
-Recording::Growing Recording::Make(const std::string& path, bool replace) const {
-  Growing made;
-  made.path = path;
-  const int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (replace ? 0 : O_EXCL);
-  made.fd.Reset(open(path.c_str(), flags, 0666));
-  struct stat status {};
-  if (!made.fd.IsOpen() || fstat(made.fd.Get(), &status) != 0) {
-    throw std::runtime_error("cannot write " + path + ": " + Reason(errno));
-  }
-  made.isRegular = S_ISREG(status.st_mode);
-  if (!made.isRegular && !S_ISCHR(status.st_mode)) {
-    throw std::runtime_error("cannot write " + path + ": it is not a file");
-  }
-  if (made.isRegular && ftruncate(made.fd.Get(), 0) != 0) {
-    throw std::runtime_error("cannot write " + path + ": " + Reason(errno));
-  }
-  return made;
-}
 
 void Recording::Open(uint64_t timeUs) {
   MakeNext(timeUs);
@@ -84,14 +41,14 @@ void Recording::Open(uint64_t timeUs) {
 void Recording::MakeNext(uint64_t timeUs) {
   const bool hasNumber = HasNumber(m_settings.path);
   const bool isPattern = IsPattern(m_settings.path);
-  Growing next;
+  GrowingFile next;
   for (;;) {
     ++m_number;
     const std::string path = ExpandPattern(m_settings.path, timeUs, m_number);
     struct stat status {};
     const bool exists = isPattern && lstat(path.c_str(), &status) == 0;
     if (exists && hasNumber && m_number < kMostNumbers) continue;
-    next = Make(path, !isPattern);
+    next = MakeGrowingFile(path, !isPattern);
     break;
   }
   m_file = std::move(next);
@@ -191,7 +148,7 @@ void Recording::Write() {
 
 void Recording::MakeIndex() {
   try {
-    m_index = Make(m_file.path + ".json", true);
+    m_index = MakeGrowingFile(m_file.path + ".json", true);
   } catch (const std::runtime_error& error) {
     m_say(true, "the recording of " + m_settings.source + " has no index: " + std::string(error.what()));
     return;

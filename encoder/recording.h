@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "owned_fd.h"
+#include "growing_file.h"
 #include "receiver.h"
 
 namespace mdencoder {
@@ -56,24 +56,12 @@ class Recording {
   uint64_t Files() const { return m_files.load(std::memory_order_relaxed); }
 
  private:
-  // A file that grows by whole pieces.
-  struct Growing {
-    common::OwnedFD fd;
-    std::string path;
-    uint64_t size = 0;       // bytes of whole pieces
-    bool isRegular = false;  // has a size, and can be cut
-    // Writes as much as the file takes and returns how many bytes that is; errno tells why it is not all.
-    size_t Append(const void* data, size_t length) const;
-    // Keeps so many of the bytes that were appended.
-    void Keep(size_t length);
-  };
   struct Waiting {
     size_t length;
     uint64_t timeUs;
     uint64_t timeStamp;
   };
 
-  Growing Make(const std::string& path, bool replace) const;
   void MakeNext(uint64_t timeUs);
   void MakeIndex();
   bool IsFull(const Received& received, size_t length) const;
@@ -84,8 +72,8 @@ class Recording {
 
   const RecordingSettings m_settings;
   const Say m_say;
-  Growing m_file;
-  Growing m_index;                // not open if the recording is no regular file
+  GrowingFile m_file;
+  GrowingFile m_index;            // not open if the recording is no regular file
   unsigned m_number = 0;          // of the last file
   uint64_t m_period = 0;          // of rotateTime in which the file begins
   std::vector<uint8_t> m_data;    // waits for the file

@@ -39,6 +39,11 @@ std::string RecordingPath(const SourceSettings& source, const EncoderSettings& e
   return encoder.outputDir + "/" + source.name + (rotated ? "_%Y%m%dT%H%M%SZ_%n" : "") + ".klv";
 }
 
+std::string TrackPath(const SourceSettings& source, const EncoderSettings& encoder) {
+  if (!source.track.empty() || encoder.trackDir.empty()) return source.track;
+  return encoder.trackDir + "/" + source.name + track_text::Suffix(encoder.trackFormat);
+}
+
 const char* PatternFault(std::string_view path, bool rotated) {
   bool known = true;
   EachConversion(path, [&](char c) {

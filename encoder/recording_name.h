@@ -18,6 +18,9 @@ namespace mdencoder {
 // Returns the path, with its patterns, of a source's recording, or "" if it is not recorded.
 std::string RecordingPath(const SourceSettings& source, const EncoderSettings& encoder);
 
+// Returns the path of a source's track, or "" if it has none.
+std::string TrackPath(const SourceSettings& source, const EncoderSettings& encoder);
+
 // Returns what is wrong with the patterns of a path, as "only ...", or nullptr. A recording that is rotated needs a
 // number, or a file would take the place of an earlier one.
 const char* PatternFault(std::string_view path, bool rotated);

@@ -27,6 +27,9 @@ void CompareEncoders(const EncoderSettings& running, const EncoderSettings& fres
   require(running.hostConfig == fresh.hostConfig, "host_config");
   require(running.outputDir == fresh.outputDir, "output_dir");
   require(running.streamHeader == fresh.streamHeader, "stream_header");
+  require(running.trackDir == fresh.trackDir, "track_dir");
+  require(running.trackFormat == fresh.trackFormat, "track_format");
+  require(running.trackInterval == fresh.trackInterval, "track_interval");
   require(running.rotateSize == fresh.rotateSize, "rotate_size");
   require(running.rotateTime == fresh.rotateTime, "rotate_time");
   require(running.extendedTags == fresh.extendedTags, "extended_tags");
@@ -78,7 +81,7 @@ bool IsSameRecord(const SourceSettings& running, const SourceSettings& fresh) {
 }  // namespace
 
 bool IsSameSource(const SourceSettings& a, const SourceSettings& b) {
-  return a.name == b.name && a.input == b.input && a.data == b.data && a.output == b.output;
+  return a.name == b.name && a.input == b.input && a.data == b.data && a.output == b.output && a.track == b.track;
 }
 
 ConfigDifference Compare(const CheckedConfig& running, const CheckedConfig& fresh) {

@@ -29,6 +29,8 @@
 #include "recording.h"
 #include "recording_name.h"
 #include "table.h"
+#include "track_file.h"
+#include "track_text.h"
 
 namespace mdencoder {
 namespace {
@@ -101,7 +103,9 @@ Session::~Session() {
 
 void Session::OpenFiles() {
   const EncoderSettings& settings = m_config.encoder;
-  if (!settings.outputDir.empty()) std::filesystem::create_directories(settings.outputDir);
+  for (const std::string& folder : {settings.outputDir, settings.trackDir}) {
+    if (!folder.empty()) std::filesystem::create_directories(folder);
+  }
   for (const SourceSettings& source : m_config.sources) OpenOutput(m_keeper.Add(source, settings.capabilities));
   if (!settings.statsFile.empty()) m_kept = LoadStatistics(settings.statsFile, m_config.sources);
   for (const auto& [name, statistics] : m_kept) m_keeper.Preset(name, statistics);
@@ -112,9 +116,10 @@ void Session::OpenFiles() {
   }
 }
 
-// A source that returns goes on with its file.
+// A source that returns goes on with its files.
 void Session::OpenOutput(Source& source) {
   const EncoderSettings& settings = m_config.encoder;
+  OpenTrack(source);
   const std::string path = RecordingPath(source.Settings(), settings);
   if (path.empty() || path == source.OutputPath()) return;
   if (m_keeper.OwnerOf(path) != nullptr) {
@@ -124,6 +129,20 @@ void Session::OpenOutput(Source& source) {
   const RecordingSettings recording{path, source.Name(), settings.streamHeader,
                                     source.Settings().rotateSize.value_or(0), source.Settings().rotateTime.value_or(0)};
   source.OpenOutput(recording, WallClockUs(), [this](bool isWarning, const auto& line) {
+    Say(isWarning ? Priority::Warning : Priority::Notice, line);
+  });
+}
+
+void Session::OpenTrack(Source& source) {
+  const EncoderSettings& settings = m_config.encoder;
+  const std::string path = TrackPath(source.Settings(), settings);
+  if (path.empty() || path == source.TrackPath()) return;
+  if (m_keeper.OwnerOf(path) != nullptr) {
+    throw ConfigError("[" + source.Name() + "] cannot have its track in " + path +
+                      ", which another source of this run has written");
+  }
+  const auto format = track_text::FormatOf(path).value_or(track_text::Format::GeoJson);
+  source.OpenTrack({path, source.Name(), format, settings.trackInterval}, [this](bool isWarning, const auto& line) {
     Say(isWarning ? Priority::Warning : Priority::Notice, line);
   });
 }
@@ -212,7 +231,7 @@ void Session::Handle(const Received& received) {
   Source& source = *received.source;
   const st0601::Message message = st0601::Parse(received.Message());
   source.Judge(message);
-  if (source.Write(received)) m_unflushed.push_back(&source);
+  if (source.Write(received, message)) m_unflushed.push_back(&source);
   if (m_presentation.render) m_console.Row(received, m_presentation.render);
 }
 

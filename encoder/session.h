@@ -78,6 +78,7 @@ class Session {
 
   void OpenFiles();
   void OpenOutput(Source& source);
+  void OpenTrack(Source& source);
   bool OpenSources();
   void EndRecording(Source& source);
   void SetTimers(const EncoderSettings& before);

@@ -7,6 +7,7 @@
 
 #include "receiver.h"
 #include "recording.h"
+#include "track_file.h"
 
 namespace mdencoder {
 namespace {
@@ -53,6 +54,18 @@ const std::string& Source::OutputPath() const {
   return m_recording ? m_recording->Path() : kNone;
 }
 
+void Source::OpenTrack(const TrackSettings& settings,
+                       const std::function<void(bool isWarning, const std::string&)>& say) {
+  auto track = std::make_unique<TrackFile>(settings, say);
+  track->Open();
+  m_track = std::move(track);
+}
+
+const std::string& Source::TrackPath() const {
+  static const std::string kNone;
+  return m_track ? m_track->Path() : kNone;
+}
+
 void Source::Arrived(uint8_t sequence, uint64_t length, bool taken) {
   // A video source uses the sequence number of a refused message again.
   if (taken || !m_isVideo) m_sequence.Push(sequence);
@@ -78,19 +91,23 @@ void Source::CountPair(int64_t differenceUs) {
   }
 }
 
-bool Source::Write(const Received& received) {
-  if (!m_recording) return false;
-  m_recording->Add(received);
+bool Source::Write(const Received& received, const st0601::Message& message) {
+  if (!m_recording && !m_track) return false;
+  if (m_recording) m_recording->Add(received);
+  if (m_track) m_track->Add(received, message);
   return !std::exchange(m_isUnflushed, true);
 }
 
 bool Source::FlushOutput() {
-  m_isUnflushed = m_recording && !m_recording->Flush();
+  const bool isRecorded = !m_recording || m_recording->Flush();
+  const bool isTracked = !m_track || m_track->Flush();
+  m_isUnflushed = !isRecorded || !isTracked;
   return !m_isUnflushed;
 }
 
 void Source::CloseOutput() {
   if (m_recording) m_recording->Close();
+  if (m_track) m_track->Close();
 }
 
 void Source::Judge(const st0601::Message& message) {

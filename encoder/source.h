@@ -54,7 +54,9 @@ class SequenceWatch {
 };
 
 class Recording;
+class TrackFile;
 struct RecordingSettings;
+struct TrackSettings;
 struct Received;
 
 class Source {
@@ -73,6 +75,9 @@ class Source {
   void OpenOutput(const RecordingSettings& settings, uint64_t timeUs,
                   const std::function<void(bool isWarning, const std::string&)>& say);
   const std::string& OutputPath() const;  // with its patterns; "" without a recording
+  // Starts the track, likewise.
+  void OpenTrack(const TrackSettings& settings, const std::function<void(bool isWarning, const std::string&)>& say);
+  const std::string& TrackPath() const;  // "" without a track
 
   // Counts a message of `length` bytes that was accepted or refused. Called on the metadata thread, in the callback.
   void Arrived(uint8_t sequence, uint64_t length, bool taken);
@@ -80,13 +85,13 @@ class Source {
   void Saw(uint64_t timeUs, uint16_t headerLength);
   // Counts a packet of two Cursor-on-Target events whose times differ by so much. Metadata thread, in the callback.
   void CountPair(int64_t differenceUs);
-  // Records a message. Returns true if there is something to flush now, and was not before. Recorder's thread.
-  bool Write(const Received& received);
+  // Records a message, and adds it to the track. Returns true if there is something to flush now, and was not before. Recorder's thread.
+  bool Write(const Received& received, const st0601::Message& message);
   // Brings what was recorded into the files. Returns false if something is left. Recorder's thread.
   bool FlushOutput();
   // Counts the message by its kind and its checksum. Recorder's thread.
   void Judge(const st0601::Message& message);
-  // Ends the recording. Recorder's thread, or any after its end.
+  // Ends the recording and the track. Recorder's thread, or any after its end.
   void CloseOutput();
   bool IsRecorded() const { return m_recording != nullptr; }
 
@@ -103,6 +108,7 @@ class Source {
   const bool m_isCot;
   const bool m_isDatagrams;                // KLV over UDP: a message is a datagram
   std::unique_ptr<Recording> m_recording;  // recorder's thread once the source is open; none if it is not recorded
+  std::unique_ptr<TrackFile> m_track;      // likewise
   bool m_isUnflushed = false;              // recorder's thread
   SequenceWatch m_sequence;
   std::atomic<uint64_t> m_messages{0};

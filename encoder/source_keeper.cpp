@@ -458,7 +458,7 @@ std::vector<Source*> SourceKeeper::EverySource() {
 
 const Source* SourceKeeper::OwnerOf(const std::string& output) const {
   for (const auto& entry : m_entries) {
-    if (entry->source.OutputPath() == output) return &entry->source;
+    if (entry->source.OutputPath() == output || entry->source.TrackPath() == output) return &entry->source;
   }
   return nullptr;
 }

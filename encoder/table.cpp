@@ -192,12 +192,16 @@ size_t Table::WidthOf(const Column& column) const {
   return std::max({cell, Title(column).size(), Unit(column).size()});
 }
 
+Table::Table(Settings settings) : m_settings(std::move(settings)) {
+  for (const Column& column : m_settings.columns) m_widths.push_back(WidthOf(column));
+}
+
 void Table::Fit(size_t width) {
   m_width = width;
   m_shown = 0;
   size_t used = 0;
-  for (const Column& column : m_settings.columns) {
-    used += WidthOf(column) + (m_shown == 0 ? 0 : 1);
+  for (const size_t column : m_widths) {
+    used += column + (m_shown == 0 ? 0 : 1);
     if (m_settings.isCut && used > width && m_shown != 0) return;
     ++m_shown;
   }
@@ -210,8 +214,8 @@ std::string Table::Header() {
   for (size_t i = 0; i < m_shown; ++i) {
     const Column& column = m_settings.columns[i];
     const char* const gap = i == 0 ? "" : " ";
-    titles += gap + Pad(Title(column), WidthOf(column), IsRight(column));
-    units += gap + Pad(Unit(column), WidthOf(column), IsRight(column));
+    titles += gap + Pad(Title(column), m_widths[i], IsRight(column));
+    units += gap + Pad(Unit(column), m_widths[i], IsRight(column));
   }
   return WithoutBlanksAtTheEnd(titles) + '\n' + WithoutBlanksAtTheEnd(units);
 }
@@ -221,7 +225,7 @@ std::string Table::Row(const Received& received, const st0601::Message& message)
   std::string row;
   for (size_t i = 0; i < m_shown; ++i) {
     const Column& column = m_settings.columns[i];
-    const size_t width = WidthOf(column);
+    const size_t width = m_widths[i];
     std::string cell = Cell(column, received, message);
     if (m_settings.isCut) cell = Cut(std::move(cell), width);
     row += (i == 0 ? "" : " ") + Pad(cell, width, IsRight(column));

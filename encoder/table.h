@@ -28,7 +28,7 @@ class Table {
     std::function<size_t()> width;  // asked for each row, because a terminal can be resized
   };
 
-  explicit Table(Settings settings) : m_settings(std::move(settings)) {}
+  explicit Table(Settings settings);
 
   // Returns the titles and the units, in two lines without the last line end.
   std::string Header();
@@ -40,8 +40,9 @@ class Table {
   void Fit(size_t width);
 
   const Settings m_settings;
-  size_t m_width = 0;  // for which the columns were counted
-  size_t m_shown = 0;  // columns
+  std::vector<size_t> m_widths;  // of the columns
+  size_t m_width = 0;            // for which the columns were counted
+  size_t m_shown = 0;            // columns
 };
 
 }  // namespace mdencoder

@@ -5,6 +5,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <array>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -12,8 +13,10 @@
 #include "datagram_input.h"
 #include "inspection.h"
 #include "klv_walk.h"
+#include "observation.h"
 #include "presentation.h"
 #include "receiver.h"
+#include "track_text.h"
 
 namespace {
 
@@ -25,24 +28,43 @@ void CheckLines(const std::string& text) {
   for (const char byte : text) Check(static_cast<uint8_t>(byte) >= 0x20 || byte == '\n' || byte == '\r');
 }
 
+mdencoder::Presentation Make(mdencoder::Format format) {
+  mdencoder::PresentationSettings settings;
+  settings.format = format;
+  if (format != mdencoder::Format::Json) {
+    settings.columns = *mdencoder::ParseColumns("all");
+    settings.items = *mdencoder::ParseItems("all");
+  }
+  return mdencoder::MakePresentation(settings, 4, [] { return size_t{5000}; });
+}
+
+void CheckTracks(const st0601::Message& message) {
+  const st0601::Observation seen = st0601::Observe(message);
+  for (const auto format : {track_text::Format::GeoJson, track_text::Format::Kml, track_text::Format::Gpx}) {
+    track_text::Writer writer(format, "fuzz");
+    writer.Add(seen, 1);
+    writer.Add(seen, 2);
+    const std::string text = writer.Begin() + writer.TakeChunk() + writer.End();
+    CheckLines(text);
+    Check(format != track_text::Format::GeoJson || nlohmann::json::accept(text));
+    Check(std::count(text.begin(), text.end(), '<') == std::count(text.begin(), text.end(), '>') ||
+          format == track_text::Format::GeoJson);
+  }
+}
+
 void Print(const klv_walk::Found& found) {
+  static const std::array<mdencoder::Presentation, 3> kAll = {
+      Make(mdencoder::Format::Table), Make(mdencoder::Format::Json), Make(mdencoder::Format::Csv)};
   st0601::Bytes buffer(MDATA_STREAM_HEADER_SIZE);
   buffer.insert(buffer.end(), found.message.begin(), found.message.end());
   mdencoder::Received received;
   received.name = "fuzz";
   received.buffer = buffer;
-  for (const auto format : {mdencoder::Format::Table, mdencoder::Format::Json, mdencoder::Format::Csv}) {
-    mdencoder::PresentationSettings settings;
-    settings.format = format;
-    if (format != mdencoder::Format::Json) {
-      settings.columns = *mdencoder::ParseColumns("all");
-      settings.items = *mdencoder::ParseItems("all");
-    }
-    const std::string row = mdencoder::MakePresentation(settings, 4, [] { return 5000; }).render(received);
-    CheckLines(row);
-    if (format == mdencoder::Format::Json) Check(nlohmann::json::accept(row));
-    if (format == mdencoder::Format::Csv) Check(std::count(row.begin(), row.end(), '\r') == 1);
-  }
+  for (const mdencoder::Presentation& presentation : kAll) CheckLines(presentation.render(received));
+  Check(nlohmann::json::accept(kAll[1].render(received)));
+  const std::string row = kAll[2].render(received);
+  Check(std::count(row.begin(), row.end(), '\r') == 1);
+  CheckTracks(st0601::Parse(found.message));
 }
 
 }  // namespace

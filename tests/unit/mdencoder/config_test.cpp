@@ -202,6 +202,21 @@ TEST_P(BadConfig, NamesKeyValueAndWhatIsAllowed) {
 
 #define UDP "[u]\ninput = udp\nport = 5000\n"
 INSTANTIATE_TEST_SUITE_P(
+    Outputs, BadConfig,
+    testing::Values(
+        Bad{"[encoder]\ncolumns = time, latitude\n",
+            "[encoder] columns must be a list of arrival, source, sequence, length, checksum, item names, tags 1 to 143, "
+            "ranges of them, and all, not \"time, latitude\""},
+        Bad{"[encoder]\nitems = arrival\n",
+            "[encoder] items must be a list of item names, tags 1 to 143, ranges of them, and all, not \"arrival\""},
+        Bad{"[encoder]\ntrack_format = shp\n", "[encoder] track_format must be one of geojson, kml, gpx, not \"shp\""},
+        Bad{"[encoder]\ntrack_interval = -1\n",
+            "[encoder] track_interval must be a number from 0 to 86400, not \"-1\""},
+        Bad{UDP "track = a.json\n", "[u] track must be a name that ends in .geojson, .kml or .gpx, not \"a.json\""},
+        Bad{UDP "track = /x.kml\n[v]\ninput = video\ntrack = /x.kml\n",
+            "[v] track must be a file of its own, and [u] has \"/x.kml\""}));
+
+INSTANTIATE_TEST_SUITE_P(
     Values, BadConfig,
     testing::Values(
         Bad{"[u]\ninput = udp\nport = 70000\n", "[u] port must be a whole number from 1 to 65535, not \"70000\""},

@@ -1,0 +1,311 @@
+// SPDX-License-Identifier: Apache-2.0
+// CONTENTS
+//   Texts      numbers, times and escapes
+//   GeoJSON    features
+//   KML        placemarks
+//   GPX        points of one track
+//   Writer     puts them together
+#include "track_text.h"
+
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <ctime>
+#include <vector>
+
+namespace track_text {
+namespace {
+
+using st0601::Observation;
+using st0601::Position;
+
+// --- Texts -------------------------------------------------------------------------------------------
+
+std::string Decimal(double value, int digits) {
+  std::array<char, 64> text{};
+  std::snprintf(text.data(), text.size(), "%.*f", digits, value);
+  return text.data();
+}
+
+// ISO 8601 with milliseconds.
+std::string TimeText(uint64_t microseconds) {
+  const auto seconds = static_cast<time_t>(microseconds / 1000000);
+  tm parts{};
+  gmtime_r(&seconds, &parts);
+  std::array<char, 64> text{};
+  const size_t used = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
+  std::snprintf(text.data() + used, text.size() - used, ".%03uZ", static_cast<unsigned>(microseconds / 1000 % 1000));
+  return text.data();
+}
+
+// The texts are printable: they have no control characters.
+std::string JsonText(std::string_view text) {
+  std::string quoted = "\"";
+  for (const char character : text) {
+    if (character == '"' || character == '\\') quoted += '\\';
+    quoted += character;
+  }
+  return quoted + '"';
+}
+
+std::string XmlText(std::string_view text) {
+  std::string escaped;
+  for (const char character : text) {
+    switch (character) {
+      case '&':
+        escaped += "&amp;";
+        break;
+      case '<':
+        escaped += "&lt;";
+        break;
+      case '>':
+        escaped += "&gt;";
+        break;
+      case '"':
+        escaped += "&quot;";
+        break;
+      default:
+        escaped += character;
+    }
+  }
+  return escaped;
+}
+
+bool CrossesAntimeridian(const std::vector<Position>& corners) {
+  for (const Position& corner : corners) {
+    if (std::fabs(corner.longitude - corners.front().longitude) > 180) return true;
+  }
+  return false;
+}
+
+// The value of an optional number as a member ',"name":1.5', or as nothing.
+std::string Member(const char* name, const std::optional<double>& value, int digits) {
+  return value ? std::string(",\"") + name + "\":" + Decimal(*value, digits) : "";
+}
+std::string Member(const char* name, const std::string& text) {
+  return text.empty() ? "" : std::string(",\"") + name + "\":" + JsonText(text);
+}
+
+constexpr int kDegrees = 7;  // digits: a centimetre
+constexpr int kMetres = 1;
+constexpr int kAngle = 3;
+
+// --- GeoJSON -----------------------------------------------------------------------------------------
+
+// RFC 7946 has heights above the ellipsoid; those above the sea are properties.
+std::string JsonPoint(const Position& position) {
+  std::string text = "[" + Decimal(position.longitude, kDegrees) + "," + Decimal(position.latitude, kDegrees);
+  if (position.ellipsoidHeight) text += "," + Decimal(*position.ellipsoidHeight, kMetres);
+  return text + "]";
+}
+
+std::string JsonRing(const std::vector<Position>& corners) {
+  std::string text = "[[";
+  for (const Position& corner : corners) text += JsonPoint(corner) + ",";
+  return text + JsonPoint(corners.front()) + "]]";
+}
+
+// --- KML ---------------------------------------------------------------------------------------------
+
+std::string KmlPoint(const Position& position) {
+  return Decimal(position.longitude, kDegrees) + "," + Decimal(position.latitude, kDegrees) + "," +
+         Decimal(position.altitude.value_or(0), kMetres);
+}
+
+std::string KmlPointElement(const Position& position) {
+  const char* const mode = position.altitude ? "absolute" : "clampToGround";
+  return std::string("<Point><altitudeMode>") + mode + "</altitudeMode><coordinates>" + KmlPoint(position) +
+         "</coordinates></Point>";
+}
+
+constexpr char kKmlStyles[] =
+    "<Style id=\"platform\"><IconStyle><scale>0.5</scale></IconStyle><LabelStyle><scale>0</scale></LabelStyle></Style>\n"
+    "<Style id=\"path\"><LineStyle><color>ff00a5ff</color><width>2</width></LineStyle></Style>\n"
+    "<Style id=\"footprint\"><LineStyle><color>ffff0000</color></LineStyle><PolyStyle><color>20ff0000</color></PolyStyle>"
+    "</Style>\n"
+    "<Style id=\"frame_center\"><IconStyle><scale>0.3</scale></IconStyle></Style>\n"
+    "<Style id=\"target\"><IconStyle><color>ff0000ff</color></IconStyle></Style>\n";
+
+std::string KmlData(const char* name, const std::optional<double>& value, int digits) {
+  if (!value) return {};
+  return std::string("<Data name=\"") + name + "\"><value>" + Decimal(*value, digits) + "</value></Data>";
+}
+
+// --- GPX ---------------------------------------------------------------------------------------------
+
+std::string GpxPlace(const char* element, const Position& position) {
+  std::string text = std::string("<") + element + " lat=\"" + Decimal(position.latitude, kDegrees) + "\" lon=\"" +
+                     Decimal(position.longitude, kDegrees) + "\"";
+  if (position.altitude) text += " ele=\"" + Decimal(*position.altitude, kMetres) + "\"";
+  return text + "/>";
+}
+
+std::string GpxNumber(const char* element, const std::optional<double>& value, int digits) {
+  if (!value) return {};
+  return std::string("<") + element + ">" + Decimal(*value, digits) + "</" + element + ">";
+}
+
+}  // namespace
+
+// --- Writer ------------------------------------------------------------------------------------------
+
+std::optional<Format> FormatOf(std::string_view path) {
+  for (const Format format : {Format::GeoJson, Format::Kml, Format::Gpx}) {
+    if (path.ends_with(Suffix(format))) return format;
+  }
+  return std::nullopt;
+}
+
+const char* Suffix(Format format) {
+  constexpr std::array<const char*, 3> kSuffixes = {".geojson", ".kml", ".gpx"};
+  return kSuffixes.at(static_cast<size_t>(format));
+}
+
+std::string Writer::Begin() const {
+  const std::string xml = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+  switch (m_format) {
+    case Format::GeoJson:
+      return "{\"type\":\"FeatureCollection\",\"features\":[\n";
+    case Format::Kml:
+      return xml + "<kml xmlns=\"http://www.opengis.net/kml/2.2\">\n<Document><name>" + XmlText(m_name) + "</name>\n" +
+             kKmlStyles;
+    default:
+      return xml +
+             "<gpx version=\"1.1\" creator=\"mdencoder\" xmlns=\"http://www.topografix.com/GPX/1/1\" "
+             "xmlns:md=\"urn:metadata-lib:track\">\n<trk><name>" +
+             XmlText(m_name) + "</name><trkseg>\n";
+  }
+}
+
+std::string Writer::End() const {
+  switch (m_format) {
+    case Format::GeoJson:
+      return "]}\n";
+    case Format::Kml:
+      return "</Document>\n</kml>\n";
+    default:
+      return "</trkseg></trk>\n</gpx>\n";
+  }
+}
+
+bool Writer::Add(const Observation& seen, uint64_t arrivalUs) {
+  if (!seen.platform) return false;
+  const std::string time = TimeText(seen.timeUs.value_or(arrivalUs));
+  switch (m_format) {
+    case Format::GeoJson:
+      AddGeoJson(seen, time);
+      break;
+    case Format::Kml:
+      AddKml(seen, time);
+      break;
+    default:
+      AddGpx(seen, time);
+  }
+  return true;
+}
+
+void Writer::AddFeature(const std::string& geometry, const std::string& kind, const std::string& more) {
+  m_chunk += m_hasFeature ? ",\n" : "";
+  m_hasFeature = true;
+  m_chunk += "{\"type\":\"Feature\",\"geometry\":{" + geometry + "},\"properties\":{\"source\":" + JsonText(m_name) +
+             ",\"kind\":\"" + kind + "\"" + more + "}}";
+}
+
+void Writer::AddGeoJson(const Observation& seen, const std::string& time) {
+  const std::string when = Member("time", time);
+  const auto add = [&](const char* kind, const std::optional<Position>& place, const std::string& more) {
+    if (!place) return;
+    AddFeature("\"type\":\"Point\",\"coordinates\":" + JsonPoint(*place), kind,
+               when + Member("altitude", place->altitude, kMetres) + more);
+  };
+  add("platform", seen.platform,
+      Member("name", seen.platformName) + Member("mission", seen.missionId) + Member("sensor", seen.sensorName) +
+          Member("heading", seen.heading, kAngle) + Member("pitch", seen.pitch, kAngle) +
+          Member("roll", seen.roll, kAngle) + Member("sensor_azimuth", seen.TrueAzimuth(), kAngle) +
+          Member("sensor_elevation", seen.TrueElevation(), kAngle) + Member("hfov", seen.horizontalView, kAngle) +
+          Member("vfov", seen.verticalView, kAngle) + Member("slant_range", seen.slantRange, kMetres));
+  add("frame_center", seen.frameCenter, "");
+  add("target", seen.target, "");
+  if (!seen.corners.empty() && !CrossesAntimeridian(seen.corners)) {
+    AddFeature("\"type\":\"Polygon\",\"coordinates\":" + JsonRing(seen.corners), "footprint", when);
+  }
+  AddToPath(*seen.platform, JsonPoint(*seen.platform));
+}
+
+void Writer::AddPlacemark(const char* style, const std::string& title, const std::string& time,
+                          const std::string& body) {
+  m_chunk += "<Placemark><name>" + XmlText(title) + "</name>";
+  if (!time.empty()) m_chunk += "<TimeStamp><when>" + time + "</when></TimeStamp>";
+  m_chunk += std::string("<styleUrl>#") + style + "</styleUrl>" + body + "</Placemark>\n";
+}
+
+void Writer::AddKml(const Observation& seen, const std::string& time) {
+  const std::string data = KmlData("heading", seen.heading, kAngle) + KmlData("pitch", seen.pitch, kAngle) +
+                           KmlData("roll", seen.roll, kAngle) + KmlData("sensor_azimuth", seen.TrueAzimuth(), kAngle) +
+                           KmlData("sensor_elevation", seen.TrueElevation(), kAngle) +
+                           KmlData("slant_range", seen.slantRange, kMetres);
+  const std::string extended = data.empty() ? "" : "<ExtendedData>" + data + "</ExtendedData>";
+  AddPlacemark("platform", seen.platformName.empty() ? m_name : seen.platformName, time,
+               extended + KmlPointElement(*seen.platform));
+  if (seen.frameCenter) AddPlacemark("frame_center", "", time, KmlPointElement(*seen.frameCenter));
+  if (seen.target) AddPlacemark("target", "target", time, KmlPointElement(*seen.target));
+  if (!seen.corners.empty() && !CrossesAntimeridian(seen.corners)) {
+    std::string ring;
+    for (const Position& corner : seen.corners) ring += KmlPoint(corner) + " ";
+    AddPlacemark("footprint", "footprint", time,
+                 "<Polygon><outerBoundaryIs><LinearRing><coordinates>" + ring + KmlPoint(seen.corners.front()) +
+                     "</coordinates></LinearRing></outerBoundaryIs></Polygon>");
+  }
+  AddToPath(*seen.platform, KmlPoint(*seen.platform));
+}
+
+// A point of GPX has a place of its own only; the others are in its extensions.
+void Writer::AddGpx(const Observation& seen, const std::string& time) {
+  const Position& platform = *seen.platform;
+  m_chunk += "<trkpt lat=\"" + Decimal(platform.latitude, kDegrees) + "\" lon=\"" +
+             Decimal(platform.longitude, kDegrees) + "\">" + GpxNumber("ele", platform.altitude, kMetres) + "<time>" +
+             time + "</time>";
+  std::string more = GpxNumber("md:heading", seen.heading, kAngle);
+  if (seen.frameCenter) more += GpxPlace("md:frame_center", *seen.frameCenter);
+  if (seen.target) more += GpxPlace("md:target", *seen.target);
+  for (const Position& corner : seen.corners) more += GpxPlace("md:corner", corner);
+  if (!more.empty()) m_chunk += "<extensions>" + more + "</extensions>";
+  m_chunk += "</trkpt>\n";
+}
+
+// A line that leads over the antimeridian would go around the world.
+void Writer::AddToPath(const Position& position, std::string_view point) {
+  if (m_pathPoints != 0 && std::fabs(position.longitude - m_longitude) > 180) {
+    EndPath();
+    m_path.clear();
+    m_pathPoints = 0;
+  }
+  if (m_pathPoints != 0) m_path += m_format == Format::GeoJson ? "," : " ";
+  m_path += point;
+  ++m_pathPoints;
+  m_lastPoint = point;
+  m_longitude = position.longitude;
+}
+
+// Adds the line, and begins the next one with its last point.
+void Writer::EndPath() {
+  if (m_pathPoints < 2) return;
+  if (m_format == Format::GeoJson) {
+    AddFeature("\"type\":\"LineString\",\"coordinates\":[" + m_path + "]", "path", "");
+  } else {
+    AddPlacemark(
+        "path", "path", "",
+        "<LineString><altitudeMode>absolute</altitudeMode><coordinates>" + m_path + "</coordinates></LineString>");
+  }
+  m_path = m_lastPoint;
+  m_pathPoints = 1;
+}
+
+std::string Writer::TakeChunk() {
+  EndPath();
+  std::string chunk;
+  chunk.swap(m_chunk);
+  return chunk;
+}
+
+}  // namespace track_text

@@ -1,0 +1,175 @@
+// SPDX-License-Identifier: Apache-2.0
+// What a message says of places and directions, and tracks of it: whole at every chunk, whatever the texts are.
+#include "track_text.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "observation.h"
+#include "st0601_items.h"
+
+namespace {
+
+using Json = nlohmann::json;
+using st0601::Builder;
+using st0601::Observation;
+using st0601::Observe;
+using st0601::Parse;
+using testing::HasSubstr;
+using testing::Not;
+using testing::SizeIs;
+using track_text::Format;
+using track_text::Writer;
+
+constexpr uint64_t kArrival = 1714558830123456;  // 2024-05-01T10:20:30.123456Z
+
+Builder Flight() {
+  Builder builder;
+  builder.AddWhole(2, 1224807209913000).AddText(3, "M12").AddText(10, "UAV").Add(5, 90.0).Add(6, 10.0);
+  builder.Add(13, 60.0).Add(14, 10.0).Add(15, 1500.0).Add(18, 300.0).Add(19, -30.0).Add(21, 4000.0);
+  return builder.Add(23, 60.5).Add(24, 10.5).Add(25, 100.0);
+}
+Observation Seen(const Builder& builder) {
+  return Observe(Parse(builder.Finish()));
+}
+
+std::string Whole(Format format, const std::vector<Observation>& samples, size_t chunk = 1) {
+  Writer writer(format, "udp");
+  std::string text = writer.Begin();
+  for (size_t i = 0; i < samples.size(); ++i) {
+    writer.Add(samples[i], kArrival + i * 1000000);
+    if ((i + 1) % chunk == 0) text += writer.TakeChunk();
+  }
+  return text + writer.TakeChunk() + writer.End();
+}
+
+// --- observations ------------------------------------------------------------------------------------
+
+TEST(Observation, HasWhatTheMessageSays) {
+  const Observation seen = Seen(Flight());
+  EXPECT_EQ(seen.timeUs, 1224807209913000u);
+  EXPECT_EQ(seen.platformName, "UAV");
+  EXPECT_NEAR(seen.platform->latitude, 60.0, 1e-6);
+  EXPECT_NEAR(*seen.platform->altitude, 1500.0, 0.2);
+  EXPECT_FALSE(seen.platform->ellipsoidHeight);
+  EXPECT_NEAR(seen.frameCenter->longitude, 10.5, 1e-6);
+  EXPECT_FALSE(seen.target);
+  EXPECT_NEAR(*seen.TrueAzimuth(), 30.0, 0.01);
+  EXPECT_NEAR(*seen.TrueElevation(), -20.0, 0.01);
+}
+
+TEST(Observation, OfNothingIsNothing) {
+  for (const Observation& seen : {Seen(Builder()), Observe(Parse(st0601::Bytes{1, 2})),
+                                  Seen(Builder().Add(13, 1000.0).Add(14, 10.0)),  // out of range
+                                  Seen(Builder().Add(13, 10.0)), Seen(Builder().AddWhole(2, INT64_MAX))}) {
+    EXPECT_FALSE(seen.platform);
+    EXPECT_FALSE(seen.timeUs);
+    EXPECT_FALSE(seen.TrueAzimuth());
+    EXPECT_FALSE(seen.TrueElevation());
+    EXPECT_THAT(seen.corners, SizeIs(0));
+  }
+}
+
+TEST(Observation, CornersAreFullOnesOrOffsets) {
+  Builder offsets = Flight();
+  for (uint32_t tag = 26; tag <= 33; ++tag) offsets.Add(tag, tag % 2 == 0 ? 0.01 : 0.02);
+  ASSERT_THAT(Seen(offsets).corners, SizeIs(4));
+  EXPECT_NEAR(Seen(offsets).corners[0].latitude, 60.51, 1e-5);
+  EXPECT_NEAR(Seen(offsets).corners[3].longitude, 10.52, 1e-5);
+  for (uint32_t tag = 82; tag <= 89; ++tag) offsets.Add(tag, static_cast<double>(tag));
+  EXPECT_NEAR(Seen(offsets).corners[1].latitude, 84.0, 1e-5);
+  Builder three = Flight();
+  for (uint32_t tag = 26; tag <= 31; ++tag) three.Add(tag, 0.01);
+  EXPECT_THAT(Seen(three).corners, SizeIs(0));
+}
+
+TEST(Observation, OffsetsLeadOverTheAntimeridian) {
+  Builder builder;
+  builder.Add(13, 0.0).Add(14, 179.9).Add(23, 0.0).Add(24, 179.99);
+  for (uint32_t tag = 26; tag <= 33; ++tag) builder.Add(tag, tag % 2 == 0 ? 0.01 : 0.05);
+  const Observation seen = Seen(builder);
+  ASSERT_THAT(seen.corners, SizeIs(4));
+  EXPECT_NEAR(seen.corners[0].longitude, -179.96, 1e-3);
+}
+
+// --- tracks ------------------------------------------------------------------------------------------
+
+TEST(Track, FormatsAreNamedByTheirFiles) {
+  EXPECT_EQ(track_text::FormatOf("a/b.geojson"), Format::GeoJson);
+  EXPECT_EQ(track_text::FormatOf("b.kml"), Format::Kml);
+  EXPECT_EQ(track_text::FormatOf("b.gpx"), Format::Gpx);
+  EXPECT_FALSE(track_text::FormatOf("b.json"));
+}
+
+TEST(Track, GeoJsonIsWholeAtEveryChunk) {
+  for (const size_t chunk : {1, 2, 3, 10}) {
+    const Json json = Json::parse(Whole(Format::GeoJson, std::vector<Observation>(7, Seen(Flight())), chunk));
+    size_t points = 0;
+    size_t steps = 0;
+    for (const Json& feature : json["features"]) {
+      const std::string kind = feature["properties"]["kind"];
+      if (kind == "platform") ++points;
+      if (kind == "path") steps += feature["geometry"]["coordinates"].size() - 1;
+    }
+    EXPECT_EQ(points, 7u);
+    EXPECT_EQ(steps, 6u) << "lines of chunks of " << chunk << " join";
+  }
+  EXPECT_TRUE(Json::parse(Whole(Format::GeoJson, {}))["features"].empty());
+}
+
+TEST(Track, GeoJsonHasPlatformFrameTargetAndFootprint) {
+  Builder builder = Flight();
+  builder.Add(40, 60.6).Add(41, 10.6).Add(42, 90.0).Add(75, 1540.0);
+  for (uint32_t tag = 82; tag <= 89; ++tag) builder.Add(tag, tag % 2 == 0 ? 60.0 + tag * 0.001 : 10.0 + tag * 0.001);
+  const Json features = Json::parse(Whole(Format::GeoJson, {Seen(builder)}))["features"];
+  ASSERT_EQ(features.size(), 4u);
+  EXPECT_EQ(features[0]["geometry"]["coordinates"].size(), 3u) << "the height above the ellipsoid";
+  EXPECT_EQ(features[0]["properties"]["time"], "2008-10-24T00:13:29.913Z");
+  EXPECT_EQ(features[0]["properties"]["altitude"], 1500.1);
+  EXPECT_EQ(features[0]["properties"]["sensor_azimuth"], 30.001);
+  EXPECT_EQ(features[1]["properties"]["kind"], "frame_center");
+  EXPECT_EQ(features[2]["properties"]["kind"], "target");
+  EXPECT_EQ(features[3]["geometry"]["type"], "Polygon");
+  EXPECT_EQ(features[3]["geometry"]["coordinates"][0].size(), 5u);
+}
+
+TEST(Track, SamplesWithoutAPlaceAreNone) {
+  for (const Format format : {Format::GeoJson, Format::Kml, Format::Gpx}) {
+    Writer writer(format, "udp");
+    EXPECT_FALSE(writer.Add(Seen(Builder().AddText(3, "M")), kArrival));
+    EXPECT_EQ(writer.TakeChunk(), "");
+  }
+}
+
+TEST(Track, TimeOfArrivalStandsInForAnAbsentOne) {
+  const Observation seen = Seen(Builder().Add(13, 1.0).Add(14, 2.0));
+  EXPECT_THAT(Whole(Format::Gpx, {seen}), HasSubstr("<time>2024-05-01T10:20:30.123Z</time>"));
+}
+
+TEST(Track, HostileTextsAreText) {
+  const std::string hostile = "</name><script>\"&'\\\n\x1B\xFF\xC3]]>";
+  const Observation seen = Seen(Builder().AddText(10, hostile).AddText(3, hostile).Add(13, 1.0).Add(14, 2.0));
+  const Json features = Json::parse(Whole(Format::GeoJson, {seen}))["features"];
+  EXPECT_EQ(features[0]["properties"]["name"], "</name><script>\"&'\\\\\\n\\x1B\\xFF\\xC3]]>");
+  const std::string kml = Whole(Format::Kml, {seen});
+  EXPECT_THAT(kml, HasSubstr("<name>&lt;/name&gt;&lt;script&gt;&quot;&amp;'\\\\\\n\\x1B\\xFF\\xC3]]&gt;</name>"));
+  EXPECT_THAT(kml, Not(HasSubstr("script>\"")));
+}
+
+TEST(Track, NoLineLeadsAroundTheWorld) {
+  const auto at = [](double longitude) { return Seen(Builder().Add(13, 1.0).Add(14, longitude)); };
+  const Json features =
+      Json::parse(Whole(Format::GeoJson, {at(179.8), at(179.9), at(-179.9), at(-179.8)}, 10))["features"];
+  std::vector<size_t> lines;
+  for (const Json& feature : features) {
+    if (feature["properties"]["kind"] == "path") lines.push_back(feature["geometry"]["coordinates"].size());
+  }
+  EXPECT_EQ(lines, (std::vector<size_t>{2, 2}));
+}
+
+}  // namespace
