@@ -186,7 +186,7 @@ TEST(Encoder, EverySetting) {
 
 TEST(Example, TheShippedConfigurationIsRight) {
   const Config config = LoadConfig(METADATA_SOURCE_DIR "/encoder/mdencoder.example.ini");
-  EXPECT_EQ(config.sources.size(), 5U);
+  EXPECT_EQ(config.sources.size(), 7U);
 }
 
 // --- complaints --------------------------------------------------------------------------------------
