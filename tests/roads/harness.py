@@ -171,9 +171,10 @@ class EndToEndTest(unittest.TestCase):
         for _, ini in [block for block in blocks if block[0] == "ini" and block[1].startswith("; ")]:
             (self.folder / ini.splitlines()[0][2:]).write_text(ini)
         programs = self.folder / "programs"
-        programs.mkdir()
+        programs.mkdir(exist_ok=True)
         for name, program in (("mdencoder", options.encoder), ("mdfeed", options.feed)):
-            (programs / name).symlink_to(pathlib.Path(program).resolve())
+            if not (programs / name).exists():
+                (programs / name).symlink_to(pathlib.Path(program).resolve())
         environment = {**os.environ, "PATH": f"{programs}:{os.environ['PATH']}"}
         *before, last = next(block[1] for block in blocks if block[0] == "sh").splitlines()
         for line in before:
