@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "baud_rates.h"
+#include "cot_sender.h"
 #include "host_serial.h"
 #include "recording_name.h"
 #include "relay_graph.h"
@@ -48,6 +49,10 @@ constexpr std::string_view kSourceKeys[] = {"input",
                                             "index",
                                             "output",
                                             "track",
+                                            "cot_out",
+                                            "cot_out_rate",
+                                            "cot_out_uid",
+                                            "cot_out_type",
                                             "rotate_size",
                                             "rotate_time",
                                             "silence",
@@ -110,6 +115,7 @@ std::string ConditionOf(std::string_view key) {
   if (key == "decimation") return "with input = video";
   if (key == "speed" || key == "loop") return "with url of a file";
   if (key == "filter") return "with url of a capture file";
+  if (key.starts_with("cot_out_")) return "with cot_out";
   if (key.starts_with("cot_")) return "with data = cot";
   if (key == "classifying_country" || key == "object_country") return "with a classification";
   return "with capture = yes";
@@ -265,6 +271,10 @@ void ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
   std::memcpy(network.acSrcAddress, address->bytes.data(), sizeof(network.acSrcAddress));
 }
 
+constexpr double kLeastCotRate = 0.01;  // pairs of events a second
+constexpr double kMostCotRate = 50;
+constexpr size_t kLongestCotName = 60;
+
 // The library multiplies the delta by 1000 in a signed 32-bit field, so a larger one would become negative.
 constexpr int64_t kLargestDeltaMs = INT32_MAX / 1000;
 // The converter pairs an event with the pending one if their times differ by no more than the delta, whatever their kinds.
@@ -277,6 +287,23 @@ void ReadCot(Section& section, MDATA_COT_CFG& cot) {
       static_cast<UINT64>(section.Number("cot_delta_ms", 0, kLargestDeltaMs, kUsualDeltaMs));
   Copy(cot.szSpiUid, section.Text("cot_sensor", sizeof(cot.szSpiUid) - 1));
   cot.bSensorDiscovery = section.Switch("cot_discovery", false) ? TRUE : FALSE;
+}
+
+void ReadCotOut(Section& section, SourceSettings& source) {
+  const std::string* value = section.Find("cot_out");
+  if (value == nullptr) return;
+  if (!ParseCotDestination(*value)) section.Fail("cot_out", *value, "udp://HOST:PORT or tcp://HOST:PORT");
+  source.cotOut = *value;
+  source.cotOutRate = section.Real("cot_out_rate", kLeastCotRate, kMostCotRate, source.cotOutRate);
+  source.cotOutUid = section.Text("cot_out_uid", kLongestCotName);
+  const std::string* type = section.Find("cot_out_type");
+  source.cotOutType = type == nullptr ? "a-f-A-M-F-Q" : *type;
+  const auto fits = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '-'; };
+  const std::string& chosen = source.cotOutType;
+  if (!chosen.starts_with("a-") || chosen.size() > kLongestCotName ||
+      !std::all_of(chosen.begin(), chosen.end(), fits)) {
+    section.Fail("cot_out_type", chosen, "a type of an atom as \"a-f-A-M-F-Q\"");
+  }
 }
 
 void ReadRelays(Section& section, SourceSettings& source) {
@@ -430,6 +457,7 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
   if (!source.track.empty() && !track_text::FormatOf(source.track)) {
     section.Fail("track", *section.Find("track"), "a name that ends in .geojson, .kml or .gpx");
   }
+  ReadCotOut(section, source);
   source.hasRetry = section.Find("retry") != nullptr;
   source.retry = section.Switch("retry", true);
   source.rotateSize = ReadRotateSize(section);

@@ -66,10 +66,14 @@ struct ReplaySettings {
 
 struct SourceSettings {
   std::string name;
-  std::string input;                   // "serial", "udp", "video"
-  std::string data;                    // "klv", "cot"
-  std::string output;                  // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
-  std::string track;                   // file of the track; empty: <track_dir>/<name>.<format>, if that is set
+  std::string input;   // "serial", "udp", "video"
+  std::string data;    // "klv", "cot"
+  std::string output;  // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
+  std::string track;   // file of the track; empty: <track_dir>/<name>.<format>, if that is set
+  std::string cotOut;  // where events of Cursor-on-Target go; empty: nowhere
+  double cotOutRate = 1;
+  std::string cotOutUid;  // empty: the name of the machine and that of the source
+  std::string cotOutType;
   std::optional<uint64_t> rotateSize;  // as in the encoder's settings, which apply without it
   std::optional<uint64_t> rotateTime;
   std::optional<double> silence;

@@ -55,6 +55,17 @@ void CompareRotation(const SourceSettings& running, const SourceSettings& fresh)
   throw ConfigError("[" + fresh.name + "] " + key + " cannot change while the program runs; restart it");
 }
 
+void CompareOutputs(const SourceSettings& running, const SourceSettings& fresh) {
+  const auto require = [&fresh](bool isSame, const char* key) {
+    if (!isSame) throw ConfigError("[" + fresh.name + "] " + key + " cannot change while the program runs; restart it");
+  };
+  require(running.track == fresh.track, "track");
+  require(running.cotOut == fresh.cotOut, "cot_out");
+  require(running.cotOutRate == fresh.cotOutRate, "cot_out_rate");
+  require(running.cotOutUid == fresh.cotOutUid, "cot_out_uid");
+  require(running.cotOutType == fresh.cotOutType, "cot_out_type");
+}
+
 // Compares what the host has for the source.
 bool IsSameOrigin(const SourceSettings& source, const HostRuntimeConfig& a, const HostRuntimeConfig& b) {
   switch (source.record.enInputType) {
@@ -81,7 +92,7 @@ bool IsSameRecord(const SourceSettings& running, const SourceSettings& fresh) {
 }  // namespace
 
 bool IsSameSource(const SourceSettings& a, const SourceSettings& b) {
-  return a.name == b.name && a.input == b.input && a.data == b.data && a.output == b.output && a.track == b.track;
+  return a.name == b.name && a.input == b.input && a.data == b.data && a.output == b.output;
 }
 
 ConfigDifference Compare(const CheckedConfig& running, const CheckedConfig& fresh) {
@@ -96,7 +107,10 @@ ConfigDifference Compare(const CheckedConfig& running, const CheckedConfig& fres
   }
   for (const SourceSettings& source : fresh.config.sources) {
     const auto old = isIn(running.config.sources, source);
-    if (old != running.config.sources.end()) CompareRotation(*old, source);
+    if (old != running.config.sources.end()) {
+      CompareRotation(*old, source);
+      CompareOutputs(*old, source);
+    }
     if (old == running.config.sources.end()) {
       difference.added.push_back(source);
     } else if (IsSameRecord(*old, source) && IsSameOrigin(source, running.host, fresh.host)) {

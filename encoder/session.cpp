@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <csignal>
 #include <cstdint>
 #include <cstring>
@@ -26,6 +27,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "cot_sender.h"
 #include "recording.h"
 #include "recording_name.h"
 #include "table.h"
@@ -49,6 +51,12 @@ uint64_t WallClockUs() {
 
 std::chrono::steady_clock::duration Seconds(double seconds) {
   return std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
+}
+
+std::string MachineName() {
+  char name[HOST_NAME_MAX + 1] = "";
+  if (gethostname(name, sizeof(name) - 1) != 0 || name[0] == '\0') return "mdencoder";
+  return name;
 }
 
 size_t LongestName(const std::vector<SourceSettings>& sources) {
@@ -120,6 +128,7 @@ void Session::OpenFiles() {
 void Session::OpenOutput(Source& source) {
   const EncoderSettings& settings = m_config.encoder;
   OpenTrack(source);
+  SendCot(source);
   const std::string path = RecordingPath(source.Settings(), settings);
   if (path.empty() || path == source.OutputPath()) return;
   if (m_keeper.OwnerOf(path) != nullptr) {
@@ -145,6 +154,16 @@ void Session::OpenTrack(Source& source) {
   source.OpenTrack({path, source.Name(), format, settings.trackInterval}, [this](bool isWarning, const auto& line) {
     Say(isWarning ? Priority::Warning : Priority::Notice, line);
   });
+}
+
+void Session::SendCot(Source& source) {
+  const SourceSettings& settings = source.Settings();
+  if (settings.cotOut.empty()) return;
+  std::string uid = settings.cotOutUid;
+  if (uid.empty()) uid = MachineName() + "-" + settings.name;
+  source.SendCot(
+      {settings.name, settings.cotOut, settings.cotOutRate, uid, settings.cotOutType},
+      [this](bool isWarning, const auto& line) { Say(isWarning ? Priority::Warning : Priority::Notice, line); });
 }
 
 // Returns false after the first source that cannot be opened, and may not wait.

@@ -79,6 +79,7 @@ class Session {
   void OpenFiles();
   void OpenOutput(Source& source);
   void OpenTrack(Source& source);
+  void SendCot(Source& source);
   bool OpenSources();
   void EndRecording(Source& source);
   void SetTimers(const EncoderSettings& before);

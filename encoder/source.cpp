@@ -5,6 +5,8 @@
 #include <string>
 #include <utility>
 
+#include "cot_sender.h"
+#include "observation.h"
 #include "receiver.h"
 #include "recording.h"
 #include "track_file.h"
@@ -12,7 +14,8 @@
 namespace mdencoder {
 namespace {
 
-constexpr uint16_t kReceiveBuffer = 1500;  // of a datagram in the library, which cuts longer ones
+constexpr uint64_t kLeastCotUpdate = 10000;  // microseconds
+constexpr uint16_t kReceiveBuffer = 1500;    // of a datagram in the library, which cuts longer ones
 
 void Add(std::atomic<uint64_t>& counter, uint64_t value) {
   counter.fetch_add(value, std::memory_order_relaxed);
@@ -66,6 +69,11 @@ const std::string& Source::TrackPath() const {
   return m_track ? m_track->Path() : kNone;
 }
 
+void Source::SendCot(const CotSenderSettings& settings,
+                     const std::function<void(bool isWarning, const std::string&)>& say) {
+  if (!m_cotSender) m_cotSender = std::make_unique<CotSender>(settings, say);
+}
+
 void Source::Arrived(uint8_t sequence, uint64_t length, bool taken) {
   // A video source uses the sequence number of a refused message again.
   if (taken || !m_isVideo) m_sequence.Push(sequence);
@@ -91,7 +99,13 @@ void Source::CountPair(int64_t differenceUs) {
   }
 }
 
+// Events are sent 50 times a second at most.
 bool Source::Write(const Received& received, const st0601::Message& message) {
+  const bool isGood = message.isUas && message.checksum != st0601::ChecksumState::Bad;
+  if (m_cotSender && isGood && received.timeUs - m_cotUpdateUs >= kLeastCotUpdate) {
+    m_cotSender->Update(st0601::Observe(message));
+    m_cotUpdateUs = received.timeUs;
+  }
   if (!m_recording && !m_track) return false;
   if (m_recording) m_recording->Add(received);
   if (m_track) m_track->Add(received, message);
@@ -108,6 +122,7 @@ bool Source::FlushOutput() {
 void Source::CloseOutput() {
   if (m_recording) m_recording->Close();
   if (m_track) m_track->Close();
+  if (m_cotSender) m_cotSender->Finish();
 }
 
 void Source::Judge(const st0601::Message& message) {
@@ -136,6 +151,12 @@ Counters Source::Snapshot() const {
   counters.incomplete = Get(m_incomplete);
   counters.pairsApart = Get(m_pairsApart);
   counters.widestPairUs = m_widestPairUs.load(std::memory_order_relaxed);
+  if (m_cotSender) {
+    const CotSender::Counts counts = m_cotSender->Snapshot();
+    counters.sendsCot = true;
+    counters.cotSent = counts.sent;
+    counters.cotLost = counts.lost;
+  }
   counters.isRecorded = IsRecorded();
   if (!m_recording) return counters;
   counters.recorded = m_recording->Stored();

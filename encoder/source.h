@@ -32,6 +32,9 @@ struct Counters {
   uint64_t incomplete = 0;   // ST 0601 sets whose items do not fill their length
   uint64_t pairsApart = 0;   // Cursor-on-Target: packets of two events whose times differ
   int64_t widestPairUs = 0;  // the largest of these differences
+  bool sendsCot = false;
+  uint64_t cotSent = 0;  // events
+  uint64_t cotLost = 0;  // events that could not be sent
   bool isRecorded = false;
   uint64_t recorded = 0;        // messages in the files of the recording
   uint64_t recordingLost = 0;   // accepted messages that could not be written
@@ -55,6 +58,8 @@ class SequenceWatch {
 
 class Recording;
 class TrackFile;
+class CotSender;
+struct CotSenderSettings;
 struct RecordingSettings;
 struct TrackSettings;
 struct Received;
@@ -78,6 +83,8 @@ class Source {
   // Starts the track, likewise.
   void OpenTrack(const TrackSettings& settings, const std::function<void(bool isWarning, const std::string&)>& say);
   const std::string& TrackPath() const;  // "" without a track
+  // Sends events of Cursor-on-Target from now on.
+  void SendCot(const CotSenderSettings& settings, const std::function<void(bool isWarning, const std::string&)>& say);
 
   // Counts a message of `length` bytes that was accepted or refused. Called on the metadata thread, in the callback.
   void Arrived(uint8_t sequence, uint64_t length, bool taken);
@@ -91,7 +98,7 @@ class Source {
   bool FlushOutput();
   // Counts the message by its kind and its checksum. Recorder's thread.
   void Judge(const st0601::Message& message);
-  // Ends the recording and the track. Recorder's thread, or any after its end.
+  // Ends the recording, the track and the events. Recorder's thread, or any after its end.
   void CloseOutput();
   bool IsRecorded() const { return m_recording != nullptr; }
 
@@ -109,6 +116,8 @@ class Source {
   const bool m_isDatagrams;                // KLV over UDP: a message is a datagram
   std::unique_ptr<Recording> m_recording;  // recorder's thread once the source is open; none if it is not recorded
   std::unique_ptr<TrackFile> m_track;      // likewise
+  std::unique_ptr<CotSender> m_cotSender;  // likewise
+  uint64_t m_cotUpdateUs = 0;              // recorder's thread: arrival of the message that was last given to it
   bool m_isUnflushed = false;              // recorder's thread
   SequenceWatch m_sequence;
   std::atomic<uint64_t> m_messages{0};

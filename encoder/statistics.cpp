@@ -191,6 +191,7 @@ Json ReportJson(const Report& report) {
                       {"misplaced", counters.checksumMisplaced}};
   json["not_st0601"] = counters.notUas;
   json["incomplete"] = counters.incomplete;
+  if (counters.sendsCot) json["cot_out"] = {{"events", counters.cotSent}, {"lost", counters.cotLost}};
   if (counters.isRecorded) {
     json["recording"] = {
         {"messages", counters.recorded}, {"lost", counters.recordingLost}, {"files", counters.recordingFiles}};

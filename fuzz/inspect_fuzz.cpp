@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "cot_text.h"
 #include "datagram_input.h"
 #include "inspection.h"
 #include "klv_walk.h"
@@ -52,6 +53,17 @@ void CheckTracks(const st0601::Message& message) {
   }
 }
 
+void CheckEvents(const st0601::Message& message) {
+  const st0601::Observation seen = st0601::Observe(message);
+  const cot_text::Names names = {"fuzz", "a-f-A", "fuzz"};
+  for (const std::string& event :
+       {cot_text::PlatformEvent(seen, names, {1, 2}), cot_text::SensorPointEvent(seen, names, {1, 2})}) {
+    CheckLines(event);
+    Check(event.size() <= 1500 &&
+          std::count(event.begin(), event.end(), '<') == std::count(event.begin(), event.end(), '>'));
+  }
+}
+
 void Print(const klv_walk::Found& found) {
   static const std::array<mdencoder::Presentation, 3> kAll = {
       Make(mdencoder::Format::Table), Make(mdencoder::Format::Json), Make(mdencoder::Format::Csv)};
@@ -65,6 +77,7 @@ void Print(const klv_walk::Found& found) {
   const std::string row = kAll[2].render(received);
   Check(std::count(row.begin(), row.end(), '\r') == 1);
   CheckTracks(st0601::Parse(found.message));
+  CheckEvents(st0601::Parse(found.message));
 }
 
 }  // namespace

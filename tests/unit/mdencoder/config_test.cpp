@@ -212,6 +212,13 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"[encoder]\ntrack_format = shp\n", "[encoder] track_format must be one of geojson, kml, gpx, not \"shp\""},
         Bad{"[encoder]\ntrack_interval = -1\n",
             "[encoder] track_interval must be a number from 0 to 86400, not \"-1\""},
+        Bad{UDP "cot_out = 239.2.3.1:6969\n",
+            "[u] cot_out must be udp://HOST:PORT or tcp://HOST:PORT, not \"239.2.3.1:6969\""},
+        Bad{UDP "cot_out_rate = 2\n", "[u] cot_out_rate is allowed only with cot_out"},
+        Bad{UDP "cot_out = udp://a:1\ncot_out_rate = 0\n",
+            "[u] cot_out_rate must be a number from 0.01 to 50, not \"0\""},
+        Bad{UDP "cot_out = udp://a:1\ncot_out_type = b-m\n",
+            "[u] cot_out_type must be a type of an atom as \"a-f-A-M-F-Q\", not \"b-m\""},
         Bad{UDP "track = a.json\n", "[u] track must be a name that ends in .geojson, .kml or .gpx, not \"a.json\""},
         Bad{UDP "track = /x.kml\n[v]\ninput = video\ntrack = /x.kml\n",
             "[v] track must be a file of its own, and [u] has \"/x.kml\""}));

@@ -1,0 +1,321 @@
+// SPDX-License-Identifier: Apache-2.0
+// CONTENTS
+//   Peer        is connected without waiting
+//   Core        is what the thread does
+//   CotSender   starts and ends it
+#include "cot_sender.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <iterator>
+#include <utility>
+
+#include "annotated_mutex.h"
+#include "cot_text.h"
+#include "owned_fd.h"
+#include "value_text.h"
+
+namespace mdencoder {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kMostWaiting = 65536;  // bytes for a peer that reads slowly
+constexpr auto kFirstPause = std::chrono::seconds(1);
+constexpr auto kLongestPause = std::chrono::seconds(30);
+constexpr auto kConnectTime = std::chrono::seconds(10);
+constexpr auto kFarewell = std::chrono::milliseconds(200);
+constexpr double kLeastStale = 5;   // seconds after which a client drops an event
+constexpr double kStaleEvents = 3;  // and the events that may be missing until then
+constexpr int kHops = 16;           // of a group
+
+uint64_t WallClockUs() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
+struct FreeAddresses {
+  void operator()(addrinfo* list) const { freeaddrinfo(list); }
+};
+
+// Returns a socket that is connected or connecting, or the reason why there is none. May wait for the name.
+common::OwnedFD ConnectTo(const CotDestination& destination, std::string& reason) {
+  addrinfo hints{};
+  hints.ai_socktype = destination.isStream ? SOCK_STREAM : SOCK_DGRAM;
+  hints.ai_flags = AI_ADDRCONFIG | AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  const int result = getaddrinfo(destination.host.c_str(), destination.port.c_str(), &hints, &found);
+  if (result != 0) {
+    reason = gai_strerror(result);
+    return common::OwnedFD();
+  }
+  const std::unique_ptr<addrinfo, FreeAddresses> list(found);
+  for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+    common::OwnedFD fd(socket(each->ai_family, each->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (fd.IsOpen()) {
+      const int yes = 1;
+      setsockopt(fd.Get(), IPPROTO_IP, IP_MULTICAST_TTL, &kHops, sizeof(kHops));
+      setsockopt(fd.Get(), IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &kHops, sizeof(kHops));
+      setsockopt(fd.Get(), SOL_SOCKET, SO_BROADCAST, &yes, sizeof(yes));
+      setsockopt(fd.Get(), IPPROTO_TCP, TCP_NODELAY, &yes, sizeof(yes));
+      if (connect(fd.Get(), each->ai_addr, each->ai_addrlen) == 0 || errno == EINPROGRESS) return fd;
+    }
+    reason = std::strerror(errno);
+  }
+  return common::OwnedFD();
+}
+
+}  // namespace
+
+std::optional<CotDestination> ParseCotDestination(std::string_view text) {
+  CotDestination destination;
+  destination.isStream = text.starts_with("tcp://");
+  if (!destination.isStream && !text.starts_with("udp://")) return std::nullopt;
+  text.remove_prefix(6);
+  const size_t colon = text.rfind(':');
+  if (colon == std::string_view::npos || colon == 0) return std::nullopt;
+  destination.port = text.substr(colon + 1);
+  if (!value_text::ParseWholeNumber(destination.port, 1, 65535)) return std::nullopt;
+  text = text.substr(0, colon);
+  const bool hasBrackets = text.size() > 2 && text.front() == '[' && text.back() == ']';
+  if (hasBrackets) text = text.substr(1, text.size() - 2);
+  const bool isName = text.find_first_of("[]/ @") == std::string_view::npos;
+  if (!isName || hasBrackets != (text.find(':') != std::string_view::npos)) return std::nullopt;
+  destination.host = text;
+  return destination;
+}
+
+// --- Core --------------------------------------------------------------------------------------------
+
+class CotSender::Core {
+ public:
+  Core(CotSenderSettings settings, Say say)
+      : m_settings(std::move(settings)),
+        m_destination(*ParseCotDestination(m_settings.url)),
+        m_names({m_settings.uid, m_settings.type, m_settings.source}),
+        m_say(std::move(say)),
+        m_stop(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+
+  void Run() {
+    pthread_setname_np(pthread_self(), "CotSender");
+    const auto interval =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1 / m_settings.rate));
+    auto due = Clock::now();
+    while (!IsStopped()) {
+      const auto now = Clock::now();
+      if (now >= due) {
+        Send(now);
+        due = std::max(due + interval, now);
+      }
+      Wait(due);
+    }
+    const common::Lock lock(m_mutex);
+    m_done = true;
+    m_changed.NotifyAll();
+  }
+
+  void Update(st0601::Observation seen) {
+    const common::Lock lock(m_mutex);
+    m_seen = std::move(seen);
+  }
+
+  Counts Snapshot() {
+    const common::Lock lock(m_mutex);
+    return m_counts;
+  }
+
+  // Returns true when the thread has ended.
+  bool Finish() {
+    common::Lock lock(m_mutex);
+    m_stopped = true;
+    eventfd_write(m_stop.Get(), 1);
+    const auto end = Clock::now() + kFarewell;
+    while (!m_done && m_changed.WaitUntil(m_mutex, end)) continue;
+    return m_done;
+  }
+
+ private:
+  bool IsStopped() {
+    const common::Lock lock(m_mutex);
+    return m_stopped;
+  }
+
+  std::optional<st0601::Observation> TakeLatest() {
+    const common::Lock lock(m_mutex);
+    return std::exchange(m_seen, std::nullopt);
+  }
+
+  void Count(uint64_t sent, uint64_t lost) {
+    const common::Lock lock(m_mutex);
+    m_counts.sent += sent;
+    m_counts.lost += lost;
+  }
+
+  // Lines are said under the lock, so that none follows the end.
+  void Tell(bool isWarning, const std::string& line) {
+    const common::Lock lock(m_mutex);
+    if (!m_stopped) m_say(isWarning, "the events of " + m_settings.source + " " + line);
+  }
+
+  void Send(Clock::time_point now) {
+    const auto seen = TakeLatest();
+    if (!m_fd.IsOpen() && now >= m_nextTry) Connect(now);
+    if (m_isConnecting && now >= m_connectEnd) Fail(now, std::strerror(ETIMEDOUT));
+    if (!seen) return;
+    cot_text::Times times;
+    times.nowUs = WallClockUs();
+    times.staleUs = times.nowUs + static_cast<uint64_t>(std::max(kLeastStale, kStaleEvents / m_settings.rate) * 1e6);
+    for (const std::string& event :
+         {cot_text::PlatformEvent(*seen, m_names, times), cot_text::SensorPointEvent(*seen, m_names, times)}) {
+      if (!event.empty()) Push(now, event);
+    }
+  }
+
+  void Push(Clock::time_point now, const std::string& event) {
+    if (!m_fd.IsOpen() || m_isConnecting || m_waiting.size() + event.size() > kMostWaiting) return Count(0, 1);
+    if (m_destination.isStream) {
+      m_waiting += event;
+      Count(1, 0);
+      WriteOut(now);
+      return;
+    }
+    // Nobody may listen at the destination, or not yet: that is told by the datagram after.
+    ssize_t sent = send(m_fd.Get(), event.data(), event.size(), MSG_NOSIGNAL);
+    if (sent < 0 && errno == ECONNREFUSED) sent = send(m_fd.Get(), event.data(), event.size(), MSG_NOSIGNAL);
+    const int error = errno;
+    Count(sent < 0 ? 0 : 1, sent < 0 ? 1 : 0);
+    if (sent >= 0) {
+      Succeed();
+    } else if (error != EAGAIN && error != ECONNREFUSED) {
+      Fail(now, std::strerror(error));
+    }
+  }
+
+  void Connect(Clock::time_point now) {
+    std::string reason;
+    m_fd = ConnectTo(m_destination, reason);
+    m_waiting.clear();
+    if (!m_fd.IsOpen()) return Fail(Clock::now(), reason);
+    m_isConnecting = m_destination.isStream;
+    m_connectEnd = now + kConnectTime;
+  }
+
+  void Fail(Clock::time_point now, const std::string& reason) {
+    m_fd = common::OwnedFD();
+    m_isConnecting = false;
+    m_waiting.clear();
+    // A peer that takes connections and ends them at once is not tried at once.
+    if (m_isGood && now - m_goodSince >= kLongestPause) m_pause = kFirstPause;
+    m_isGood = false;
+    m_nextTry = now + m_pause;
+    m_pause = std::min<std::chrono::seconds>(2 * m_pause, kLongestPause);
+    if (!std::exchange(m_isFailing, true)) Tell(true, "cannot be sent to " + m_settings.url + ": " + reason);
+  }
+
+  void Succeed() {
+    if (!std::exchange(m_isGood, true)) m_goodSince = Clock::now();
+    if (std::exchange(m_isFailing, false)) Tell(false, "are sent to " + m_settings.url + " again");
+  }
+
+  void WriteOut(Clock::time_point now) {
+    while (!m_waiting.empty()) {
+      const ssize_t sent = send(m_fd.Get(), m_waiting.data(), m_waiting.size(), MSG_NOSIGNAL);
+      if (sent < 0 && errno == EINTR) continue;
+      if (sent < 0 && errno != EAGAIN) return Fail(now, std::strerror(errno));
+      if (sent <= 0) return;
+      m_waiting.erase(0, static_cast<size_t>(sent));
+    }
+  }
+
+  void Wait(Clock::time_point due) {
+    pollfd set[] = {{m_stop.Get(), POLLIN, 0}, {m_fd.Get(), POLLIN, 0}};
+    if (m_isConnecting || !m_waiting.empty()) set[1].events |= POLLOUT;
+    const bool polls = m_destination.isStream && m_fd.IsOpen();
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()).count();
+    if (poll(set, polls ? 2 : 1, static_cast<int>(std::clamp<int64_t>(left, 0, 3600000))) <= 0) return;
+    if (polls && set[1].revents != 0) OnStream(set[1].revents);
+  }
+
+  void OnStream(short events) {
+    const auto now = Clock::now();
+    if (m_isConnecting) {
+      int error = 0;
+      socklen_t size = sizeof(error);
+      getsockopt(m_fd.Get(), SOL_SOCKET, SO_ERROR, &error, &size);
+      if (error != 0) return Fail(now, std::strerror(error));
+      if ((events & POLLOUT) == 0) return;
+      m_isConnecting = false;
+      return Succeed();
+    }
+    // A server sends the events of others; nobody reads them here.
+    std::array<char, 4096> ignored{};
+    const ssize_t got = recv(m_fd.Get(), ignored.data(), ignored.size(), 0);
+    if (got == 0) return Fail(now, "the peer has closed the connection");
+    if (got < 0 && errno != EAGAIN && errno != EINTR) return Fail(now, std::strerror(errno));
+    if ((events & POLLOUT) != 0) WriteOut(now);
+  }
+
+  const CotSenderSettings m_settings;
+  const CotDestination m_destination;
+  const cot_text::Names m_names;
+  const Say m_say;
+  const common::OwnedFD m_stop;
+
+  // Thread.
+  common::OwnedFD m_fd;
+  bool m_isConnecting = false;
+  Clock::time_point m_connectEnd;
+  Clock::time_point m_nextTry;
+  std::chrono::seconds m_pause = kFirstPause;
+  bool m_isGood = false;  // events are sent
+  Clock::time_point m_goodSince;
+  bool m_isFailing = false;  // a line has said so
+  std::string m_waiting;     // for a stream
+
+  common::Mutex m_mutex;  // leaf, but for the lines
+  common::Condition m_changed;
+  std::optional<st0601::Observation> m_seen GUARDED_BY(m_mutex);
+  Counts m_counts GUARDED_BY(m_mutex);
+  bool m_stopped GUARDED_BY(m_mutex) = false;
+  bool m_done GUARDED_BY(m_mutex) = false;
+};
+
+// --- CotSender ---------------------------------------------------------------------------------------
+
+CotSender::CotSender(CotSenderSettings settings, Say say)
+    : m_core(std::make_shared<Core>(std::move(settings), std::move(say))), m_thread([core = m_core] { core->Run(); }) {}
+
+CotSender::~CotSender() {
+  Finish();
+}
+
+void CotSender::Finish() {
+  if (!m_thread.joinable()) return;
+  if (m_core->Finish()) {
+    m_thread.join();
+  } else {
+    m_thread.detach();  // it waits for a name, and keeps what it needs
+  }
+}
+
+void CotSender::Update(st0601::Observation seen) {
+  m_core->Update(std::move(seen));
+}
+
+CotSender::Counts CotSender::Snapshot() const {
+  return m_core->Snapshot();
+}
+
+}  // namespace mdencoder

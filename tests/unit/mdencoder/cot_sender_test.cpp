@@ -1,0 +1,162 @@
+// SPDX-License-Identifier: Apache-2.0
+// Events to peers that are there, that are not, that go and that do not read.
+#include "cot_sender.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "annotated_mutex.h"
+#include "owned_fd.h"
+
+namespace mdencoder {
+namespace {
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::StartsWith;
+
+st0601::Observation Seen() {
+  st0601::Observation seen;
+  seen.platform.emplace();
+  seen.platform->latitude = 46;
+  seen.frameCenter.emplace();
+  return seen;
+}
+
+class CotSenderTest : public testing::Test {
+ protected:
+  // Opens a local socket on a port that the system chooses.
+  void Open(int type) {
+    m_socket.Reset(socket(AF_INET, type | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(bind(m_socket.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    socklen_t size = sizeof(address);
+    getsockname(m_socket.Get(), reinterpret_cast<sockaddr*>(&address), &size);
+    m_port = ntohs(address.sin_port);
+    if (type == SOCK_STREAM) listen(m_socket.Get(), 4);
+  }
+  CotSenderSettings Settings(const std::string& scheme) const {
+    return {"udp", scheme + "127.0.0.1:" + std::to_string(m_port), 50, "ME", "a-f-A"};
+  }
+  CotSender::Say Complain() {
+    return [this](bool, const std::string& line) {
+      const common::Lock lock(m_mutex);
+      m_lines.push_back(line);
+      m_said.NotifyAll();
+    };
+  }
+  std::vector<std::string> WaitForLines(size_t count) {
+    common::Lock lock(m_mutex);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (m_lines.size() < count && m_said.WaitUntil(m_mutex, end)) continue;
+    return m_lines;
+  }
+  std::vector<std::string> Lines() {
+    const common::Lock lock(m_mutex);
+    return m_lines;
+  }
+  // Waits for data, and returns it.
+  static std::string Receive(int fd) {
+    pollfd set = {fd, POLLIN, 0};
+    if (poll(&set, 1, 30000) != 1) return {};
+    char buffer[65536];
+    const ssize_t got = recv(fd, buffer, sizeof(buffer), 0);
+    return {buffer, got > 0 ? static_cast<size_t>(got) : 0};
+  }
+
+  common::OwnedFD m_socket;
+  uint16_t m_port = 0;
+  common::Mutex m_mutex;
+  common::Condition m_said;
+  std::vector<std::string> m_lines GUARDED_BY(m_mutex);
+};
+
+TEST_F(CotSenderTest, DestinationsAreNamesOrAddressesWithAPort) {
+  EXPECT_EQ(ParseCotDestination("udp://239.2.3.1:6969")->host, "239.2.3.1");
+  EXPECT_EQ(ParseCotDestination("tcp://tak.example:8087")->port, "8087");
+  EXPECT_TRUE(ParseCotDestination("tcp://tak.example:8087")->isStream);
+  EXPECT_EQ(ParseCotDestination("udp://[fe80::1%lo]:1")->host, "fe80::1%lo");
+  for (const char* wrong : {"", "239.2.3.1:6969", "udp://:1", "udp://a", "udp://a:0", "udp://a:70000", "udp://::1:5",
+                            "tls://a:1", "udp://[a]:1", "udp://a/b:1", "udp://u@a:1"}) {
+    EXPECT_FALSE(ParseCotDestination(wrong)) << wrong;
+  }
+}
+
+TEST_F(CotSenderTest, AMessageIsOnePairOfDatagrams) {
+  Open(SOCK_DGRAM);
+  CotSender sender(Settings("udp://"), Complain());
+  sender.Update(Seen());
+  EXPECT_THAT(Receive(m_socket.Get()), HasSubstr(" uid=\"ME\" "));
+  EXPECT_THAT(Receive(m_socket.Get()), HasSubstr(" uid=\"ME-SPI\" "));
+  sender.Finish();
+  char more;
+  EXPECT_EQ(recv(m_socket.Get(), &more, 1, MSG_DONTWAIT), -1) << "a message is not sent again";
+  EXPECT_EQ(sender.Snapshot().sent, 2u);
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(CotSenderTest, AStreamGoesOnAfterItsPeerHasGone) {
+  Open(SOCK_STREAM);
+  CotSender sender(Settings("tcp://"), Complain());
+  for (int i = 0; i < 2; ++i) {
+    const common::OwnedFD peer(accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    ASSERT_TRUE(peer.IsOpen());
+    std::string text;
+    while (text.find("ME-SPI") == std::string::npos) {
+      sender.Update(Seen());
+      pollfd set = {peer.Get(), POLLIN, 0};
+      if (poll(&set, 1, 20) == 1) text += Receive(peer.Get());
+    }
+    EXPECT_THAT(text, StartsWith("<?xml")) << "an event that was cut is not continued";
+  }
+  const auto lines = WaitForLines(2);
+  ASSERT_GE(lines.size(), 2u);
+  EXPECT_THAT(lines[0], StartsWith("the events of udp cannot be sent to tcp://127.0.0.1:"));
+  EXPECT_THAT(lines[1], StartsWith("the events of udp are sent to tcp://127.0.0.1:"));
+}
+
+TEST_F(CotSenderTest, APeerThatIsNotThereIsToldOnce) {
+  Open(SOCK_STREAM);
+  m_socket = common::OwnedFD();
+  CotSender sender(Settings("tcp://"), Complain());
+  sender.Update(Seen());
+  const auto lines = WaitForLines(1);
+  ASSERT_EQ(lines.size(), 1u);
+  EXPECT_THAT(lines[0], HasSubstr("Connection refused"));
+  sender.Finish();
+  EXPECT_EQ(sender.Snapshot().sent, 0u);
+  EXPECT_EQ(Lines().size(), 1u);
+}
+
+TEST_F(CotSenderTest, APeerThatDoesNotReadCostsEventsOnly) {
+  Open(SOCK_STREAM);
+  const int small = 4096;
+  setsockopt(m_socket.Get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+  CotSender sender(Settings("tcp://"), Complain());
+  const common::OwnedFD peer(accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+  const auto begin = std::chrono::steady_clock::now();
+  for (int i = 0; i < 1000; ++i) sender.Update(Seen());
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10)) << "nobody waits";
+  sender.Finish();
+}
+
+TEST_F(CotSenderTest, ANameThatIsNoneIsToldOnce) {
+  CotSenderSettings settings = Settings("udp://");
+  settings.url = "udp://name.invalid:1";
+  CotSender sender(settings, Complain());
+  EXPECT_THAT(WaitForLines(1)[0], StartsWith("the events of udp cannot be sent to udp://name.invalid:1: "));
+}
+
+}  // namespace
+}  // namespace mdencoder
