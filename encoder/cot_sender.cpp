@@ -54,7 +54,7 @@ struct FreeAddresses {
 common::OwnedFD ConnectTo(const CotDestination& destination, std::string& reason) {
   addrinfo hints{};
   hints.ai_socktype = destination.isStream ? SOCK_STREAM : SOCK_DGRAM;
-  hints.ai_flags = AI_ADDRCONFIG | AI_NUMERICSERV;
+  hints.ai_flags = AI_NUMERICSERV;
   addrinfo* found = nullptr;
   const int result = getaddrinfo(destination.host.c_str(), destination.port.c_str(), &hints, &found);
   if (result != 0) {
