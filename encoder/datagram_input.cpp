@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -21,9 +20,6 @@ namespace {
 using st0601::ByteView;
 
 constexpr size_t kLargestDatagram = 65536;
-constexpr size_t kRtpHeader = 12;
-constexpr size_t kTsPacket = 188;
-constexpr uint8_t kTsSync = 0x47;
 constexpr int kBuffer = 4 << 20;  // of the socket, as far as the system allows
 
 // Reads "udp://[@]ADDRESS:PORT", with an IPv6 address in brackets; "udp://:PORT" is any address.
@@ -69,22 +65,6 @@ bool BindV6(int fd, const Address& address, uint16_t port) {
 
 }  // namespace
 
-std::optional<RtpPacket> ParseRtp(ByteView bytes) {
-  if (bytes.size() < kRtpHeader || (bytes[0] & 0xC0) != 0x80) return std::nullopt;
-  size_t header = kRtpHeader + size_t{4} * (bytes[0] & 0x0F);
-  if ((bytes[0] & 0x10) != 0) {  // an extension
-    if (bytes.size() < header + 4) return std::nullopt;
-    header += 4 + size_t{4} * static_cast<size_t>(bytes[header + 2] << 8 | bytes[header + 3]);
-  }
-  const size_t padding = (bytes[0] & 0x20) != 0 ? bytes.back() : 0;
-  if (bytes.size() < header + padding) return std::nullopt;
-  RtpPacket packet;
-  packet.payloadType = bytes[1] & 0x7F;
-  packet.sequence = static_cast<uint16_t>(bytes[2] << 8 | bytes[3]);
-  packet.payload = bytes.subspan(header, bytes.size() - header - padding);
-  return packet;
-}
-
 DatagramInput::DatagramInput(const std::string& url, std::optional<Clock::time_point> end)
     : m_end(end), m_buffer(kLargestDatagram) {
   const auto place = ParseUrl(url);
@@ -116,19 +96,9 @@ std::optional<ByteView> DatagramInput::Next() {
   }
 }
 
-DatagramInput::Content DatagramInput::Looks() const {
-  constexpr std::array<uint8_t, 4> kLabel = {0x06, 0x0E, 0x2B, 0x34};
-  if (m_payload.size() >= kTsPacket && m_payload[0] == kTsSync &&
-      (m_payload.size() == kTsPacket || m_payload[kTsPacket] == kTsSync)) {
-    return Content::TransportStream;
-  }
-  const bool isKlv = std::search(m_payload.begin(), m_payload.end(), kLabel.begin(), kLabel.end()) != m_payload.end();
-  return isKlv ? Content::Klv : Content::Unknown;
-}
-
 // A message and a packet of a transport stream never begin as RTP does.
 ByteView DatagramInput::Unwrap(ByteView datagram) {
-  const auto packet = ParseRtp(datagram);
+  const auto packet = live_datagrams::UnpackRtp(datagram);
   if (!packet) return datagram;
   if (m_sequence >= 0) m_missing += static_cast<uint16_t>(packet->sequence - m_sequence - 1);
   m_sequence = packet->sequence;

@@ -11,24 +11,15 @@
 #include <utility>
 #include <vector>
 
+#include "live_datagrams.h"
 #include "owned_fd.h"
 #include "st0601_items.h"
 
 namespace mdencoder {
 
-// The payload of an RTP packet (RFC 3550), or nothing if the bytes are no such packet.
-struct RtpPacket {
-  uint8_t payloadType = 0;
-  uint16_t sequence = 0;
-  st0601::ByteView payload;
-};
-std::optional<RtpPacket> ParseRtp(st0601::ByteView bytes);
-
 class DatagramInput {
  public:
   using Clock = std::chrono::steady_clock;
-
-  enum class Content : uint8_t { Klv, TransportStream, Unknown };
 
   // Binds the port and joins the group, if the address is one. Throws std::runtime_error.
   DatagramInput(const std::string& url, std::optional<Clock::time_point> end);
@@ -38,7 +29,7 @@ class DatagramInput {
   // Gives the last payload out again.
   void Repeat() { m_isRepeated = true; }
   // What the last payload begins with.
-  Content Looks() const;
+  live_datagrams::Content Looks() const { return live_datagrams::Recognise(m_payload); }
   // Returns how many packets of RTP were missing since the last call.
   uint64_t TakeMissing() { return std::exchange(m_missing, 0); }
 

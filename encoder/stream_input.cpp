@@ -244,7 +244,7 @@ std::string ReadDatagrams(const StreamInputSettings& settings, StreamSink& sink,
   const auto first = datagrams.Next();
   if (!first) throw std::runtime_error(settings.name + ": nothing was received in time");
   datagrams.Repeat();
-  if (datagrams.Looks() == DatagramInput::Content::TransportStream) {
+  if (datagrams.Looks() == live_datagrams::Content::TransportStream) {
     return ReadTransportStream(settings, sink, deadline, datagrams);
   }
   sink.OnStream(0, KlvStream());

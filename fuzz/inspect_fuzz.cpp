@@ -11,7 +11,6 @@
 #include <string>
 
 #include "cot_text.h"
-#include "datagram_input.h"
 #include "inspection.h"
 #include "klv_walk.h"
 #include "observation.h"
@@ -84,7 +83,6 @@ void Print(const klv_walk::Found& found) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const st0601::ByteView bytes(data, size);
-  mdencoder::ParseRtp(bytes);
   const size_t half = size == 0 ? 0 : data[0] % (size + 1);
   mdencoder::Inspection inspection({});
   mdencoder::StreamInfo info;

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// What an inspection counts, and the packets of RTP.
+// What an inspection counts.
 #include "inspection.h"
 
 #include <gmock/gmock.h>
@@ -12,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "datagram_input.h"
 #include "quick_look.h"
 
 namespace mdencoder {
@@ -145,22 +144,6 @@ TEST_F(InspectionTest, NumberOfMessagesIsALimit) {
   for (int i = 0; i < 10; ++i) three.OnData(0, MessageAt(i), std::nullopt, false);
   EXPECT_TRUE(three.IsEnough());
   EXPECT_EQ(three.Messages(), 3u);
-}
-
-TEST(Rtp, PayloadIsWhatTheHeaderLeaves) {
-  const Bytes plain = {0x80, 33, 1, 2, 0, 0, 0, 0, 0, 0, 0, 0, 7, 8};
-  const auto packet = ParseRtp(plain);
-  ASSERT_TRUE(packet);
-  EXPECT_EQ(packet->payloadType, 33);
-  EXPECT_EQ(packet->sequence, 0x102);
-  EXPECT_THAT(std::vector(packet->payload.begin(), packet->payload.end()), ElementsAre(7, 8));
-  // A contributing source, an extension of one word, and two bytes of padding.
-  const Bytes full = {0xB1, 96, 0, 1, 0, 0, 0, 0, 0, 0, 0, 0, 1, 1, 1, 1, 0, 0, 0, 1, 5, 5, 5, 5, 7, 0, 2};
-  EXPECT_THAT(std::vector(ParseRtp(full)->payload.begin(), ParseRtp(full)->payload.end()), ElementsAre(7));
-  for (size_t size = 0; size < 12; ++size) EXPECT_FALSE(ParseRtp(st0601::ByteView(plain).first(size)));
-  for (size_t size = 12; size < 24; ++size) EXPECT_FALSE(ParseRtp(st0601::ByteView(full).first(size))) << size;
-  EXPECT_FALSE(ParseRtp(MessageAt(1)));
-  EXPECT_FALSE(ParseRtp(Bytes(188, 0x47)));
 }
 
 TEST(QuickLook, IsForItsCommandsOnly) {
