@@ -15,6 +15,7 @@
 #include <string>
 
 #include "check.h"
+#include "replay.h"
 #include "stream_url.h"
 
 namespace mdencoder {
@@ -134,6 +135,11 @@ void CheckDevices(const CheckSubject& subject) {
   for (const SourceSettings& source : subject.config.sources) {
     if (source.record.enInputType == MDATA_INPUT_SERIAL) CheckSerial(subject, source);
     if (source.record.enInputType == MDATA_INPUT_VIDEO) CheckVideo(subject, source);
+    if (!source.replay) continue;
+    const std::string fault = ReplayFault(*source.replay);
+    if (!fault.empty()) {
+      Refuse({subject.configPath, source.name, "url"}, source.replay->path, "a capture file", fault);
+    }
   }
 }
 

@@ -25,6 +25,7 @@
 #include "host_serial.h"
 #include "recording_name.h"
 #include "relay_graph.h"
+#include "replay.h"
 #include "section.h"
 #include "stream_url.h"
 #include "value_text.h"
@@ -412,6 +413,10 @@ void ReadReplay(Section& section, SourceSettings& source) {
   ReplaySettings& replay = source.replay.emplace();
   replay.path = section.Path("url");
   replay.filter = section.Text("filter", kLongestFilter);
+  if (!replay.filter.empty()) {
+    const std::string fault = FilterFault(replay.filter);
+    if (!fault.empty()) section.Fail("filter", replay.filter, "a filter of tcpdump (" + fault + ")");
+  }
   replay.speed = section.Real("speed", 0, kHighestSpeed, 1);
   replay.loop = section.Switch("loop", false);
   // Only what this program sends arrives.

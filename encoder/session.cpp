@@ -94,7 +94,7 @@ Session::Session(const Config& config, const Library& library, Console& console,
       m_keeper(
           m_library, OnMessage, this, m_checked.host, m_around.reach,
           [this](bool isWarning, const auto& line) { Say(isWarning ? Priority::Warning : Priority::Notice, line); },
-          m_around.captures) {
+          CapturesOf(m_around)) {
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (isatty(fd) == 1) m_terminals.push_back(fd);
   }
@@ -166,6 +166,17 @@ void Session::SendCot(Source& source) {
       [this](bool isWarning, const auto& line) { Say(isWarning ? Priority::Warning : Priority::Notice, line); });
 }
 
+// Returns how many messages can come without a loss.
+size_t Session::Room() const {
+  return m_receiver != nullptr && m_console.HasRowRoom() ? m_receiver->Room() : 0;
+}
+
+Captures Session::CapturesOf(const Surroundings& around) {
+  Captures captures = around.captures;
+  captures.room = [this] { return Room(); };
+  return captures;
+}
+
 // Returns false after the first source that cannot be opened, and may not wait.
 bool Session::OpenSources() {
   const Source* const failed = m_keeper.OpenAll(Clock::now());
@@ -183,7 +194,7 @@ int Session::Run() {
   m_times.startUs = WallClockUs();
   m_start = Clock::now();
   if (!m_presentation.header.empty()) m_console.Line(m_presentation.header);
-  if (m_around.onRoom) m_around.onRoom([this] { return m_console.HasRowRoom() ? m_receiver->Room() : 0; });
+  if (m_around.onRoom) m_around.onRoom([this] { return Room(); });
   const bool opened = OpenSources();
   if (opened) Loop();
   m_service.Stopping();

@@ -81,6 +81,8 @@ class Session {
   void OpenTrack(Source& source);
   void SendCot(Source& source);
   bool OpenSources();
+  size_t Room() const;
+  Captures CapturesOf(const Surroundings& around);
   void EndRecording(Source& source);
   void SetTimers(const EncoderSettings& before);
   void Loop();

@@ -78,6 +78,7 @@ struct SourceKeeper::Entry {
   bool wasOpen = false;
   uint64_t reopened = 0;
   Place place;
+  std::unique_ptr<Replay> replay;  // from the first opening on, of a source whose url is a capture file
   Clock::time_point nextTry{};
   std::chrono::seconds pause = kRetry;  // after an opening that the library refused
   Allowance openings{kOpeningsAtOnce, kOpeningEach};
@@ -171,6 +172,17 @@ void SourceKeeper::TakeInput(Entry& entry) const {
   if (m_captures.set) m_captures.set(input, *entry.settings.capture);
 }
 
+// A source that is opened again goes on in its file.
+void SourceKeeper::BeginReplay(Entry& entry) const {
+  if (!entry.settings.replay) return;
+  if (!entry.replay) {
+    entry.replay = std::make_unique<Replay>(
+        entry.settings.name, *entry.settings.replay,
+        Replay::Surroundings{m_captures.room ? m_captures.room : [] { return size_t{1}; }, m_say});
+  }
+  entry.replay->SendTo(entry.settings.record.in.Network.usUDPPort);
+}
+
 HostCaptureState SourceKeeper::CaptureState(const Entry& entry) const {
   if (!entry.IsOpen() || !entry.settings.capture || !m_captures.state) return {};
   return m_captures.state(entry.settings.record.in.Video.enInputInterface);
@@ -195,6 +207,7 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
     return false;
   }
   TakeInput(entry);
+  if (entry.settings.replay) entry.settings.record.in.Network.usUDPPort = FreePort();
   MDATA_SRC_CFG record = entry.settings.record;
   record.pfnCallback = m_callback;
   record.pvUserParam1 = &entry.tap;
@@ -211,6 +224,7 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
   if (entry.hasStatistics) m_library.setSourceStats(handle, &entry.statistics);
   entry.state = SourceState::Open;
   entry.pause = kRetry;
+  BeginReplay(entry);
   if (std::exchange(entry.wasOpen, true)) ++entry.reopened;
   Health health;
   if (entry.settings.retry) health = m_reach.examine(entry.settings, m_host, entry.place);
@@ -234,6 +248,7 @@ const Source* SourceKeeper::OpenAll(Clock::time_point now) {
 
 void SourceKeeper::Close(Entry& entry) {
   if (!entry.IsOpen()) return;
+  if (entry.replay) entry.replay->SendTo(0);
   MDATA_SRC_STATS statistics{};
   m_library.getSourceStats(entry.handle, &statistics);
   if (!m_library.closeSource(&entry.handle)) {
@@ -247,6 +262,7 @@ void SourceKeeper::Close(Entry& entry) {
 }
 
 void SourceKeeper::CloseAll() {
+  for (const auto& entry : m_entries) entry->replay.reset();
   for (const auto& entry : m_entries) {
     // The summary tells the state at the end of the run.
     const SourceState state = entry->state;
@@ -411,6 +427,7 @@ void SourceKeeper::Apply(const ConfigDifference& difference, const HostRuntimeCo
     // A new source of this name may have been added already; the removed one comes first.
     if (Entry* entry = Find(name)) {
       Close(*entry);
+      entry->replay.reset();
       entry->state = SourceState::Removed;
       entry->reason.clear();
     }
@@ -419,6 +436,7 @@ void SourceKeeper::Apply(const ConfigDifference& difference, const HostRuntimeCo
     Entry* entry = Find(settings.name);
     if (entry == nullptr) continue;
     Close(*entry);
+    if (entry->settings.replay != settings.replay) entry->replay.reset();
     entry->statistics = ContinuedStatistics(entry->settings, settings, entry->statistics);
     entry->settings = settings;
     entry->nextTry = now;
@@ -479,7 +497,9 @@ bool SourceKeeper::AllPlayed() const {
   bool isAny = false;
   for (const auto& entry : m_entries) {
     if (entry->state == SourceState::Removed) continue;
-    if (CaptureState(*entry).phase != HostCaptureState::Phase::Ended) return false;
+    const bool isPlayed =
+        entry->replay ? entry->replay->HasEnded() : CaptureState(*entry).phase == HostCaptureState::Phase::Ended;
+    if (!isPlayed) return false;
     isAny = true;
   }
   return isAny;

@@ -28,6 +28,7 @@
 #include "network_watch.h"
 #include "reach.h"
 #include "reload.h"
+#include "replay.h"
 #include "source.h"
 #include "statistics.h"
 
@@ -53,6 +54,7 @@ class Allowance {
 
 // What the keeper asks and tells the host about the captures of sources with a url. Empty functions are left out.
 struct Captures {
+  std::function<size_t()> room;  // messages that the program can take now; any thread may call it
   std::function<void(int input, const HostCaptureConfig&)> set;
   std::function<HostCaptureState(int input)> state;
 };
@@ -62,7 +64,7 @@ enum class SourceState { Waiting, Open, CutOff, Removed };
 class SourceKeeper {
  public:
   using Clock = std::chrono::steady_clock;
-  // Says a line: a warning, or a notice that all is well again.
+  // Says a line: a warning, or a notice that all is well again. Replays call it on their threads.
   using Say = std::function<void(bool isWarning, const std::string&)>;
 
   // `context` is passed to `callback` in a Tap.
@@ -126,6 +128,7 @@ class SourceKeeper {
   Entry* Find(const std::string& name);
   bool IsCaptured(const Entry& entry) const;
   void TakeInput(Entry& entry) const;
+  void BeginReplay(Entry& entry) const;
   bool IsInputFree(const Entry& entry, int32_t input) const;
   HostCaptureState CaptureState(const Entry& entry) const;
   Health HealthOf(const Entry& entry) const;

@@ -6,11 +6,11 @@
 #ifndef LIVE_DATAGRAMS_H
 #define LIVE_DATAGRAMS_H
 
-#include <utility>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <utility>
 
 #include "anc_klv.h"
 

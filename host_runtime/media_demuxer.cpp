@@ -3,6 +3,7 @@
 #define HOST_DEBUG_MODULE ::host_runtime::CaptureModule()
 
 #include "media_demuxer.h"
+
 #include <cerrno>
 
 extern "C" {

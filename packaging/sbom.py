@@ -35,13 +35,14 @@ LICENCES = {
     "libspdlog": "MIT",
     "libfmt": "MIT",
     "libinih": "BSD-3-Clause",
+    "libpcap": "BSD-3-Clause",
     "libcli11": "BSD-3-Clause",
     "nlohmann-json3": "MIT",
 }
 # Whose code is inside the programs: headers, and archives of the compiler. The library takes from libgcc alone.
 COMPILED_IN = {
     "libmetadata-lib1": ["libgcc-12-dev"],
-    "libmetadata-lib-dev": ["libspdlog-dev", "libfmt-dev", "libstdc++-12-dev"],
+    "libmetadata-lib-dev": ["nlohmann-json3-dev", "libspdlog-dev", "libfmt-dev", "libstdc++-12-dev"],
     "metadata-tools": ["libcli11-dev", "nlohmann-json3-dev", "libspdlog-dev", "libfmt-dev", "libstdc++-12-dev",
                        "libgcc-12-dev"],
 }

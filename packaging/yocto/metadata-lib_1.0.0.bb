@@ -17,7 +17,7 @@ EXTRA_OECMAKE = "-DMETADATA_BUILD_TESTS=OFF -DMETADATA_SMALL=ON"
 
 # The library alone by default: an encoder has host services of its own.
 PACKAGECONFIG ??= ""
-PACKAGECONFIG[host] = "-DMETADATA_BUILD_HOST=ON,-DMETADATA_BUILD_HOST=OFF,spdlog libinih cli11 nlohmann-json ffmpeg"
+PACKAGECONFIG[host] = "-DMETADATA_BUILD_HOST=ON,-DMETADATA_BUILD_HOST=OFF,spdlog libinih cli11 nlohmann-json ffmpeg libpcap"
 
 PACKAGE_BEFORE_PN = "${PN}-tools"
 FILES:${PN}-tools = "${bindir} ${prefix}/lib/systemd ${datadir}/bash-completion ${datadir}/zsh"

@@ -126,6 +126,29 @@ class Url(EndToEndTest):
         self.assertEqual(self.arrived("klv"), 20_000)
         self.assertIn('"ended_by": "played"', (self.folder / "summary.json").read_text())
 
+    def capture(self, port, count, form):
+        """Lets tcpdump capture what mdfeed sends to a port, and returns the payloads as they stand in the file."""
+        path = self.folder / f"traffic.{form}"
+        dump = self.start("tcpdump", "-i", "lo", "-U", "-w", path, "-c", count, "udp", "port", port,
+                          stderr=self.output("tcpdump.err"))
+        self.wait_for(lambda: "listening" in (self.folder / "tcpdump.err").read_text(), "tcpdump")
+        recording = self.folder / "sent.klv"
+        recording.write_bytes(b"".join(message((2, struct.pack(">Q", number)), (3, bytes(number % 90)))
+                                       for number in range(count)))
+        self.feed("klv", "--file", recording, "--rate", "500", "--udp", f"127.0.0.1:{port}")
+        self.assertEqual(dump.wait(timeout=30 * harness.SLOW), 0)
+        return split_messages(recording.read_bytes())
+
+    def test_what_tcpdump_captured_is_received_again_without_a_loss(self):
+        expected = self.capture(15811, 1000, "pcap")
+        self.encoder("[encoder]\nqueue = 64\n[cap]\nurl = traffic.pcap\nfilter = udp port 15811\nspeed = 0\n"
+                     "relay1 = 127.0.0.1:15812 ttl=follow\n[none]\nurl = traffic.pcap\nfilter = tcp\n")
+        self.assertEqual(self.encoder_process.wait(timeout=60 * harness.SLOW), 0, self.errors())
+        self.assertEqual(self.delivered("cap"), expected)
+        self.assertIn("mdencoder: source cap: end of traffic.pcap, after 1000 datagrams\n",
+                      self.errors().replace(f"{self.folder}/", ""))
+        self.assertIn("after 0 datagrams", self.errors())
+
     def test_hostile_peers_cost_a_line_and_disturb_nobody(self):
         """A server whose header never ends, one that says nothing, and one that sends noise."""
         server = socket.create_server(("127.0.0.1", 15805))
@@ -187,7 +210,7 @@ class Url(EndToEndTest):
         self.stop()
 
     def test_the_recipes_of_the_pages_work(self):
-        for page, rows in (("transport_stream", 20), ("rtp", 20), ("srt_rtsp", 20), ("recording", 15)):
+        for page, rows in (("transport_stream", 20), ("rtp", 20), ("srt_rtsp", 20), ("recording", 15), ("capture_file", 50)):
             with self.subTest(page=page):
                 shown = self.run_recipe(f"sources/{page}.md").splitlines()
                 self.assertGreaterEqual(sum(" ok " in line for line in shown), rows)

@@ -1,12 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "klv_file.h"
-#include <optional>
-#include <cstdint>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 

@@ -1,11 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "live_datagrams.h"
-#include <optional>
-#include <cstdint>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace live_datagrams {

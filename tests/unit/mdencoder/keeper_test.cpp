@@ -129,7 +129,8 @@ class KeeperTest : public testing::Test {
        },
        [this](const SourceSettings&, const HostRuntimeConfig&, const Place&) { return m_health; }},
       [this](bool isWarning, const std::string& line) { m_lines.push_back((isWarning ? "4 " : "5 ") + line); },
-      {[this](int input, const HostCaptureConfig& capture) {
+      {[] { return size_t{1}; },
+       [this](int input, const HostCaptureConfig& capture) {
          m_fake.calls.push_back("set " + std::to_string(input) + " " + capture.path);
        },
        [this](int input) { return m_states[static_cast<size_t>(input)]; }}};
