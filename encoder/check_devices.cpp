@@ -59,6 +59,7 @@ bool IsLocked(const struct stat& info) {
 
 // Returns "", or what keeps the device from being opened.
 std::string DeviceFault(const std::string& path) {
+  if (stream_url::IsUrl(path)) return {};  // a connection would take the line from those who have it
   struct stat info {};
   if (stat(path.c_str(), &info) != 0) return std::strerror(errno);
   if (!S_ISCHR(info.st_mode) || !IsTerminal(info.st_rdev)) return "it is not a serial device";

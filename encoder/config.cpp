@@ -444,6 +444,14 @@ void ReadVideo(Section& section, Origin origin, SourceSettings& source) {
   capture.loop = section.Switch("loop", false);
 }
 
+// A serial device may be a server that passes its bytes on.
+void CheckTcpDevice(const Section& section, const std::string& device) {
+  if (!stream_url::IsUrl(device)) return;
+  const auto place = stream_url::ParseHostAndPort(device.substr(device.find("://") + 3));
+  if (stream_url::Scheme(device) == "tcp" && place && !place->host.empty()) return;
+  section.Fail("device", device, "a serial device, or tcp://HOST:PORT");
+}
+
 SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UINT32 index) {
   CheckName(ini.name);
   Section section(ini, kSourceKeys, iniPath);
@@ -471,6 +479,7 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
   switch (record.enInputType) {
     case MDATA_INPUT_SERIAL:
       source.device = section.Path("device");
+      CheckTcpDevice(section, source.device);
       ReadSerial(section, record.in.Serial);
       break;
     case MDATA_INPUT_NETWORK:

@@ -59,6 +59,7 @@ int LockOwner(const struct stat& file) {
 }
 
 std::string SerialObstacle(const std::string& device) {
+  if (stream_url::IsUrl(device)) return {};  // the host connects to it, and says what is in the way
   struct stat info;
   if (stat(device.c_str(), &info) != 0) {
     return errno == ENOENT ? "there is no " + device : device + ": " + ErrorText();

@@ -26,6 +26,7 @@
 #include "baud_rates.h"
 #include "owned_fd.h"
 #include "runtime_state.h"
+#include "tcp_device.h"
 
 using namespace host_runtime;
 using common::Lock;
@@ -152,7 +153,8 @@ void NoteSettings(int fd, const termios& settings) {
 namespace host_runtime {
 
 common::OwnedFD OpenDevice(const std::string& device) {
-  common::OwnedFD fd(open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  common::OwnedFD fd(IsTcpDevice(device) ? OpenTcpDevice(device).Release()
+                                         : open(device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   if (!fd.IsOpen() || (isatty(fd.Get()) != 0 && Reserve(fd.Get()))) return fd;
   if (errno == EINVAL) errno = ENOTTY;  // isatty() fails with either
   return common::OwnedFD();

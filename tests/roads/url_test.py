@@ -8,7 +8,7 @@ import subprocess
 import threading
 
 import harness
-from harness import EndToEndTest, message, source, split_messages
+from harness import EndToEndTest, message, options, source, split_messages
 
 PICTURE = ("-re", "-f", "lavfi", "-i", "testsrc=size=160x120:rate=25")
 
@@ -149,6 +149,32 @@ class Url(EndToEndTest):
                       self.errors().replace(f"{self.folder}/", ""))
         self.assertIn("after 0 datagrams", self.errors())
 
+    def test_a_serial_line_behind_a_server(self):
+        """A server of raw serial lines passes on what comes over a pseudo-terminal, goes, and comes back."""
+        config = "[line]\ninput = serial\ndevice = tcp://127.0.0.1:15820\n"
+        self.encoder(config + "[udp]\ninput = udp\nport = 15801\n", [15801])
+        log = self.folder / "host.log"
+        self.wait_for(lambda: "cannot be reached: Connection refused" in log.read_text(), "the line of the log")
+        for count in (1, 2):
+            line = self.folder / f"line{count}"
+            recording = self.folder / f"sent{count}.klv"
+            sent = [message((2, struct.pack(">Q", number)), (3, b"x" * 40)) for number in range(100)]
+            recording.write_bytes(b"".join(sent))
+            feed = self.start(options.feed, "klv", "--file", recording, "--rate", "100", "--pty", line,
+                              stderr=subprocess.DEVNULL)
+            self.wait_for(line.exists, "the pseudo-terminal")
+            server = self.start("socat", "TCP-LISTEN:15820,reuseaddr", f"OPEN:{line},rawer")
+            self.settle("line", 95 * count, 40)
+            feed.wait(timeout=30 * harness.SLOW)
+            server.terminate()
+            server.wait()
+            self.wait_for(lambda: log.read_text().count("is gone; waiting for it") == count, "the line's end", 40)
+        summary = self.stop()
+        got = self.delivered("line")
+        self.assertTrue(set(got) <= set(sent))
+        self.assertEqual(log.read_text().count("is connected."), 2)
+        self.assertGreaterEqual(source(summary, "line")["messages"], 190)
+
     def test_hostile_peers_cost_a_line_and_disturb_nobody(self):
         """A server whose header never ends, one that says nothing, and one that sends noise."""
         server = socket.create_server(("127.0.0.1", 15805))
@@ -210,7 +236,7 @@ class Url(EndToEndTest):
         self.stop()
 
     def test_the_recipes_of_the_pages_work(self):
-        for page, rows in (("transport_stream", 20), ("rtp", 20), ("srt_rtsp", 20), ("recording", 15), ("capture_file", 50)):
+        for page, rows in (("transport_stream", 20), ("rtp", 20), ("srt_rtsp", 20), ("recording", 15), ("capture_file", 50), ("serial", 20)):
             with self.subTest(page=page):
                 shown = self.run_recipe(f"sources/{page}.md").splitlines()
                 self.assertGreaterEqual(sum(" ok " in line for line in shown), rows)

@@ -509,6 +509,14 @@ TEST(Url, MoreThanTheMachineHasIsRefused) {
   EXPECT_EQ(Complaint(four + "[e]\nurl = e.pcap\n"), "accepted");
 }
 
+TEST(Url, ASerialDeviceMayBeAServer) {
+  EXPECT_EQ(Read("[a]\ninput = serial\ndevice = tcp://[::1]:4001\n").sources[0].device, "tcp://[::1]:4001");
+  for (const char* bad : {"udp://h:1", "tcp://h", "tcp://:4"}) {
+    EXPECT_EQ(Complaint(std::string("[a]\ninput = serial\ndevice = ") + bad + "\n"),
+              std::string("[a] device must be a serial device, or tcp://HOST:PORT, not \"") + bad + "\"");
+  }
+}
+
 TEST(Url, WhatDoesNotFitIsRefused) {
   EXPECT_THAT(Complaint("[a]\nurl = gopher://x\n"), HasSubstr("[a] url must be a file, or a URL that begins with udp"));
   EXPECT_THAT(Complaint("[a]\nurl = udp://camera:5000\n"), HasSubstr("[a] url must be udp://ADDRESS:PORT"));
