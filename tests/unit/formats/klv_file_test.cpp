@@ -53,7 +53,7 @@ Walk WalkOf(const Bytes& file, size_t piece, bool hasHeaders = false) {
 
 TEST(KlvFile, MessagesAreFoundInPiecesOfAnySize) {
   const Bytes file = Klv(3, 1) + Klv(100, 2) + Klv(0, 3);
-  for (const size_t piece : {1, 2, 5, 17, 1000}) {
+  for (const size_t piece : std::vector<size_t>{1, 2, 5, 17, 1000}) {
     const Walk walk = WalkOf(file, piece);
     EXPECT_THAT(walk.offsets, ElementsAre(0, 20, 137)) << piece;
     EXPECT_THAT(walk.messages, ElementsAre(Klv(3, 1), Klv(100, 2), Klv(0, 3))) << piece;
@@ -64,7 +64,7 @@ TEST(KlvFile, MessagesAreFoundInPiecesOfAnySize) {
 TEST(KlvFile, WhatIsNoMessageIsSkippedAndCounted) {
   Bytes truncated = Klv(100, 2);
   truncated.resize(60);
-  for (const size_t piece : {1, 7, 1000}) {
+  for (const size_t piece : std::vector<size_t>{1, 7, 1000}) {
     const Walk walk = WalkOf(Bytes(9, 6) + Klv(3, 1) + Bytes(40, 0x0E) + Klv(4, 2) + truncated, piece);
     EXPECT_THAT(walk.messages, ElementsAre(Klv(3, 1), Klv(4, 2))) << piece;
     EXPECT_THAT(walk.offsets, ElementsAre(9, 69)) << piece;
@@ -80,7 +80,7 @@ TEST(KlvFile, ALengthThatReachesBeyondTheEndHidesNoMessage) {
 
 TEST(KlvFile, StreamHeadersStandInFront) {
   const Bytes file = kHeader + Klv(3, 1) + Bytes(2, 9) + kHeader + Klv(4, 2) + Klv(5, 3);
-  for (const size_t piece : {1, 6, 1000}) {
+  for (const size_t piece : std::vector<size_t>{1, 6, 1000}) {
     const Walk walk = WalkOf(file, piece, true);
     EXPECT_THAT(walk.offsets, ElementsAre(0, 27, 53)) << piece;
     EXPECT_THAT(walk.messages, ElementsAre(Klv(3, 1), Klv(4, 2), Klv(5, 3))) << piece;
