@@ -62,7 +62,8 @@ Result WalkOver(const Bytes& bytes, size_t piece) {
 // The result must not depend on the pieces.
 Result WalkInAllPieces(const Bytes& bytes) {
   const Result whole = WalkOver(bytes, bytes.size() + 1);
-  for (const size_t piece : {1, 2, 3, 7, 16, 17, 40}) EXPECT_EQ(WalkOver(bytes, piece), whole) << piece;
+  for (const size_t piece : std::vector<size_t>{1, 2, 3, 7, 16, 17, 40})
+    EXPECT_EQ(WalkOver(bytes, piece), whole) << piece;
   return whole;
 }
 

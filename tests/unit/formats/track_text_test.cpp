@@ -107,7 +107,7 @@ TEST(Track, FormatsAreNamedByTheirFiles) {
 }
 
 TEST(Track, GeoJsonIsWholeAtEveryChunk) {
-  for (const size_t chunk : {1, 2, 3, 10}) {
+  for (const size_t chunk : std::vector<size_t>{1, 2, 3, 10}) {
     const Json json = Json::parse(Whole(Format::GeoJson, std::vector<Observation>(7, Seen(Flight())), chunk));
     size_t points = 0;
     size_t steps = 0;
