@@ -2,6 +2,7 @@
 // Times, texts, the library's INI keys, and tag names.
 #define HOST_MODULE "util"
 
+#include <optional>
 #include <unistd.h>
 
 #include <cstdarg>

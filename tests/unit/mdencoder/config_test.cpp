@@ -185,8 +185,11 @@ TEST(Encoder, EverySetting) {
 }
 
 TEST(Example, TheShippedConfigurationIsRight) {
-  const Config config = LoadConfig(METADATA_SOURCE_DIR "/encoder/mdencoder.example.ini");
-  EXPECT_EQ(config.sources.size(), 7U);
+  constexpr char kPath[] = METADATA_SOURCE_DIR "/encoder/mdencoder.example.ini";
+  std::ifstream file(kPath);
+  size_t sections = 0;
+  for (std::string line; std::getline(file, line);) sections += line.starts_with("[") ? 1 : 0;
+  EXPECT_EQ(LoadConfig(kPath).sources.size() + 1, sections) << "one section is [encoder]";
 }
 
 // --- complaints --------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Tests of buffers, bits, patterns, CRC and raw captures.
 #include "utils.h"
+#include <stdint.h>
 
 #include <gtest/gtest.h>
 #include <limits.h>
