@@ -261,8 +261,18 @@ void Session::Handle(const Received& received) {
   Source& source = *received.source;
   const st0601::Message message = st0601::Parse(received.Message());
   source.Judge(message);
+  if (!message.isUas && source.IsKlvOverUdp()) Hint(received);
   if (source.Write(received, message)) m_unflushed.push_back(&source);
   if (m_presentation.render) m_console.Row(received, m_presentation.render);
+}
+
+// Runs on the recorder's thread.
+void Session::Hint(const Received& received) {
+  const std::string what = m_hints[received.source].Look(received.Message());
+  if (what.empty()) return;
+  Say(Priority::Warning,
+      "source " + received.source->Name() + " receives " + what +
+          ", which is no KLV in datagrams; url = udp://ADDRESS:PORT in place of input and port reads it");
 }
 
 bool Session::LimitReached() const {

@@ -34,6 +34,7 @@
 #include "source.h"
 #include "source_keeper.h"
 #include "statistics.h"
+#include "stream_hint.h"
 
 namespace mdencoder {
 
@@ -96,6 +97,7 @@ class Session {
   void OnInput();
   void Tick();
   void Handle(const Received& received);
+  void Hint(const Received& received);
   bool LimitReached() const;
   void End(const char* why);
   void Fail(const std::string& complaint);
@@ -126,6 +128,7 @@ class Session {
   SourceKeeper m_keeper;
   std::unique_ptr<Receiver> m_receiver;
   std::map<std::string, MDATA_SRC_STATS> m_kept;
+  std::map<const Source*, StreamHint> m_hints;  // recorder's thread
   std::vector<Source*> m_unflushed;  // recorder's thread: those with messages that are not in their files yet
   std::FILE* m_statsJson = nullptr;
   KernelDrops m_kernelDrops;

@@ -75,6 +75,7 @@ class Source {
   const SourceSettings& Settings() const { return m_settings; }  // main thread only
   const std::string& Name() const { return m_name; }
   bool IsCot() const { return m_isCot; }
+  bool IsKlvOverUdp() const { return m_isDatagrams; }
 
   // Starts the recording. Call it before the source is opened for the first time. Throws std::runtime_error.
   void OpenOutput(const RecordingSettings& settings, uint64_t timeUs,

@@ -115,6 +115,19 @@ class Url(EndToEndTest):
         self.assertEqual(self.delivered("cam"), expected)
         self.assertEqual(source(summary, "cam")["capture"]["incomplete"], 0)
 
+    def test_a_stream_that_comes_to_a_source_of_datagrams_is_said_once(self):
+        self.flight(2)
+        self.encoder("[u]\ninput = udp\nport = 15801\n[v]\ninput = udp\nport = 15809\n", [15801, 15809])
+        self.send_with_picture("-f", "mpegts", "udp://127.0.0.1:15801?pkt_size=1316")
+        self.send_with_picture("-f", "rtp_mpegts", "rtp://127.0.0.1:15809")
+        for name, what in (("u", "a transport stream,"), ("v", "a transport stream in RTP,")):
+            self.wait_for(lambda: f"source {name} receives {what} which" in self.errors(), f"the line of {name}", 40)
+        for process in self.processes[1:]:
+            process.wait(timeout=60 * harness.SLOW)
+        self.drain(15801, 15809)
+        self.stop()
+        self.assertEqual(self.errors().count(" receives "), 2)
+
     def test_files_as_fast_as_they_go_end_the_run_without_a_loss(self):
         expected = walk(self.flight(60))
         klv = [message((2, struct.pack(">Q", 1_000_000 * number))) for number in range(20_000)]
