@@ -37,7 +37,9 @@ struct TimeDifference {
 inline constinit thread_local TimeDifference g_timeDifference{};
 
 // Forgets it. Called in front of each callback of a descriptor set.
-inline void ForgetTimeDifference() { g_timeDifference.isKnown = false; }
+inline void ForgetTimeDifference() {
+  g_timeDifference.isKnown = false;
+}
 
 // Notes that the calling thread is alive, if CreateThread made it.
 void NoteSign();

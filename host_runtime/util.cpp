@@ -2,7 +2,6 @@
 // Times, texts, the library's INI keys, and tag names.
 #define HOST_MODULE "util"
 
-#include <optional>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -10,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <optional>
 #include <string>
 
 #include "ini_text.h"

@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // Tests of buffers, bits, patterns, CRC and raw captures.
 #include "utils.h"
-#include <stdint.h>
 
 #include <gtest/gtest.h>
 #include <limits.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -28,7 +28,9 @@ const BYTE* EndOfRecord(const MDATA_BUFFER* pBuffer) {
   return static_cast<const BYTE*>(pBuffer->pvAllocPtr) + sizeof(MDATA_BUFFER);
 }
 
-int32_t BuffersInUse() { return static_cast<int32_t>(MdLoad(_g_nAllocatedBuffers) - MdLoad(_g_nFreedBuffers)); }
+int32_t BuffersInUse() {
+  return static_cast<int32_t>(MdLoad(_g_nAllocatedBuffers) - MdLoad(_g_nFreedBuffers));
+}
 
 // --- Metadata buffers ------------------------------------------------------------------------------------
 
