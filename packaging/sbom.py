@@ -36,6 +36,8 @@ LICENCES = {
     "libfmt": "MIT",
     "libinih": "BSD-3-Clause",
     "libpcap": "BSD-3-Clause",
+    "libpugixml": "MIT",
+    "libssl": "Apache-2.0",
     "libcli11": "BSD-3-Clause",
     "nlohmann-json3": "MIT",
 }

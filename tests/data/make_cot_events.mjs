@@ -1,4 +1,5 @@
-// Makes the event pairs in tests/data/cot_events/ with an independent Cursor-on-Target library:
+// Makes the event pairs in tests/data/cot_events/ with an independent Cursor-on-Target library, as XML and as messages of
+// the TAK protocol without a header:
 //
 //   npm install @tak-ps/node-cot && node make_cot_events.mjs OUTPUT_FOLDER
 //
@@ -45,5 +46,32 @@ for (const pair of pairs) {
   for (const [role, raw] of [['aircraft', aircraft], ['spi', spi]]) {
     const cot = new CoT(raw);
     fs.writeFileSync(path.join(folder, `${pair.name}_${role}.xml`), cot.to_xml());
+    fs.writeFileSync(path.join(folder, `${pair.name}_${role}.pb`), cot.to_proto());
   }
+}
+
+// What a map client sends: unknown errors, attributes in any order, and details that nobody converts.
+const clientTime = '2024-05-06T07:08:10.250Z';
+const unknown = { lat: '45.5', lon: '-73.5', hae: '1000', ce: '9999999.0', le: '9999999.0' };
+const clientDetail = {
+  takv: { _attributes: { os: '31', version: '4.8.1', device: 'MAKER MODEL', platform: 'CLIENT' } },
+  contact: { _attributes: { endpoint: '*:-1:stcp', callsign: 'HAWK 2' } },
+  uid: { _attributes: { Droid: 'HAWK 2' } },
+  precisionlocation: { _attributes: { altsrc: 'GPS', geopointsrc: 'GPS' } },
+  __group: { _attributes: { role: 'Team Member', name: 'Cyan' } },
+  status: { _attributes: { battery: '87' } },
+};
+const client = {
+  aircraft: event('a-f-A-M-F-Q', 'CLIENT-AIRCRAFT', clientTime, unknown,
+    { ...clientDetail, track: { _attributes: { speed: '31.5', course: '123.25' } },
+      attitude: { _attributes: { yaw: '0', roll: '1.5', pitch: '-2.5' } } }),
+  spi: event('b-m-p-s-p-i', 'CLIENT-SENSOR', clientTime, unknown,
+    { ...clientDetail, sensor: { _attributes: { vfov: '5.5', fovBlue: '1.0', fov: '10.5', elevation: '-20', roll: '0',
+      range: '2500', azimuth: '200', type: 'r-e', model: 'roll cam' } } }),
+  ground: event('a-f-G-U-C', 'CLIENT-GROUND', clientTime, unknown, clientDetail),
+};
+for (const [role, raw] of Object.entries(client)) {
+  const cot = new CoT(raw);
+  fs.writeFileSync(path.join(folder, `client_${role}.xml`), cot.to_xml());
+  fs.writeFileSync(path.join(folder, `client_${role}.pb`), cot.to_proto());
 }
