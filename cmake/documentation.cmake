@@ -10,7 +10,7 @@ find_package(Python3 REQUIRED COMPONENTS Interpreter)
 configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${PROJECT_BINARY_DIR}/Doxyfile @ONLY)
 file(GLOB documented CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/*.md ${PROJECT_SOURCE_DIR}/docs/*.*
      ${PROJECT_SOURCE_DIR}/docs/formats/*.md ${PROJECT_SOURCE_DIR}/docs/outputs/*.md
-     ${PROJECT_SOURCE_DIR}/host/*.h)
+     ${PROJECT_SOURCE_DIR}/docs/sources/*.md ${PROJECT_SOURCE_DIR}/host/*.h)
 add_custom_command(OUTPUT ${PROJECT_BINARY_DIR}/doc.done
   COMMAND ${CMAKE_COMMAND} -E rm -rf ${PROJECT_BINARY_DIR}/doc
   COMMAND ${CMAKE_COMMAND} -E make_directory ${PROJECT_BINARY_DIR}/doc

@@ -20,6 +20,7 @@
 #include "check.h"
 #include "owned_fd.h"
 #include "stream_url.h"
+#include "tls.h"
 #include "values.h"
 
 namespace mdencoder {
@@ -97,12 +98,12 @@ struct Reception {
 };
 
 Reception OfSource(const CheckSubject& subject, const SourceSettings& source) {
-  const MDATA_INET_SRC_CFG& network = source.record.in.Network;
+  const MDATA_INET_SRC_CFG network = ReceptionOf(source.record, source.tak);
   const DWORD capabilities = subject.config.encoder.capabilities;
   const int32_t family = network.iSrcAddressFamily;
   Reception reception;
-  reception.place = {subject.configPath, source.name, "port"};
-  reception.ofAddress = {subject.configPath, source.name, "address"};
+  reception.place = {subject.configPath, source.name, source.tak ? "url" : "port"};
+  reception.ofAddress = {subject.configPath, source.name, source.tak ? "url" : "address"};
   reception.port = network.usUDPPort;
   reception.onIPv4 = (capabilities & METADATALIB_CAPS_IPV4_SUPPORT) != 0 && family != AF_INET6;
   reception.onIPv6 = (capabilities & METADATALIB_CAPS_IPV6_SUPPORT) != 0 && family != AF_INET;
@@ -146,7 +147,9 @@ std::vector<Reception> ReceptionsOf(const CheckSubject& subject) {
   std::vector<int> inputs;
   for (const SourceSettings& source : subject.config.sources) {
     if (source.replay) continue;
-    if (source.record.enInputType == MDATA_INPUT_NETWORK) receptions.push_back(OfSource(subject, source));
+    if (ReceptionOf(source.record, source.tak).usUDPPort != 0 && source.record.enInputType == MDATA_INPUT_NETWORK) {
+      receptions.push_back(OfSource(subject, source));
+    }
     if (source.record.enInputType != MDATA_INPUT_VIDEO) continue;
     if (source.capture) {
       const auto origin = stream_url::ParseDatagramUrl(source.capture->path);
@@ -221,6 +224,23 @@ void CheckRelayRoutes(const CheckSubject& subject, const SourceSettings& source)
   }
 }
 
+// The names of hosts are not looked up, and nobody is called.
+void CheckTak(const CheckSubject& subject, const SourceSettings& source) {
+  const TakSettings& tak = *source.tak;
+  if (!tak.interface.empty()) {
+    const std::string fault = InterfaceFault(tak.interface);
+    if (!fault.empty()) {
+      Refuse({subject.configPath, source.name, "interface"}, tak.interface, "an interface that is up", fault);
+    }
+  }
+  if (tak.transport != TakSettings::Transport::Tls) return;
+  try {
+    const TlsClient client(tak);
+  } catch (const ConfigError& error) {
+    throw ConfigError(subject.configPath + ": [" + source.name + "] " + error.what());
+  }
+}
+
 }  // namespace
 
 void CheckNetwork(const CheckSubject& subject) {
@@ -242,7 +262,10 @@ void CheckNetwork(const CheckSubject& subject) {
     CheckPort(reception);
     CheckGroup(reception, interface);
   }
-  for (const SourceSettings& source : subject.config.sources) CheckRelayRoutes(subject, source);
+  for (const SourceSettings& source : subject.config.sources) {
+    CheckRelayRoutes(subject, source);
+    if (source.tak) CheckTak(subject, source);
+  }
 }
 
 }  // namespace mdencoder

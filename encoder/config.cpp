@@ -47,6 +47,7 @@ constexpr std::string_view kEncoderKeys[] = {
 
 constexpr std::string_view kSourceKeys[] = {"input",
                                             "data",
+                                            "url",
                                             "index",
                                             "output",
                                             "track",
@@ -69,13 +70,18 @@ constexpr std::string_view kSourceKeys[] = {"input",
                                             "address",
                                             "interface",
                                             "decimation",
-                                            "url",
                                             "speed",
                                             "loop",
                                             "filter",
                                             "cot_delta_ms",
                                             "cot_sensor",
                                             "cot_discovery",
+                                            "cot_aircraft",
+                                            "tls_ca",
+                                            "tls_certificate",
+                                            "tls_key",
+                                            "tls_password",
+                                            "tls_name",
                                             "mission_id",
                                             "classification",
                                             "classifying_country",
@@ -112,7 +118,10 @@ std::string ConditionOf(std::string_view key) {
   for (const std::string_view udp : {"port", "family", "address"}) {
     if (key == udp) return "with input = udp and without url";
   }
-  if (key == "interface") return "with input = video and without url";
+  if (key == "cot_aircraft") return "with data = cot and url = tak://, tcp:// or tls://";
+  if (key == "tls_key") return "with a tls_certificate";
+  if (key.starts_with("tls_")) return "with data = cot and url = tls://";
+  if (key == "interface") return "with input = video and without url, or with url = tak://";
   if (key == "decimation") return "with input = video";
   if (key == "speed" || key == "loop") return "with url of a file";
   if (key == "filter") return "with url of a capture file";
@@ -368,7 +377,7 @@ constexpr std::string_view kSchemes[] = {"udp", "rtp", "srt", "rtsp", "rtsps", "
 constexpr char kUrlAllowed[] =
     "a file, or a URL that begins with udp, rtp, srt, rtsp, rtsps, http, https or tcp and ://";
 
-enum class Origin { None, Stream, File, CaptureFile };
+enum class Origin { None, Stream, File, CaptureFile, Tak };
 
 bool IsCaptureFile(const std::string& path) {
   return path.ends_with(".pcap") || path.ends_with(".pcapng") || path.ends_with(".cap");
@@ -378,6 +387,7 @@ bool IsCaptureFile(const std::string& path) {
 Origin OriginOf(Section& section) {
   const std::string* const url = section.Find("url");
   if (url == nullptr) return Origin::None;
+  if (IsTakSection(section)) return Origin::Tak;
   if (url->empty()) section.Fail("url", *url, kUrlAllowed);
   const std::string scheme = stream_url::Scheme(*url);
   if (!stream_url::IsUrl(*url)) {
@@ -402,7 +412,8 @@ int32_t ReadInput(Section& section, Origin origin) {
     }
     return input;
   }
-  const int32_t settled = origin == Origin::CaptureFile ? MDATA_INPUT_NETWORK : MDATA_INPUT_VIDEO;
+  const bool isUdp = origin == Origin::CaptureFile || origin == Origin::Tak;
+  const int32_t settled = isUdp ? MDATA_INPUT_NETWORK : MDATA_INPUT_VIDEO;
   if (input >= 0 && input != settled) {
     section.Fail("input", kInputs[input], std::string(kInputs[settled]) + " with this url, or left out");
   }
@@ -463,7 +474,7 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
   const Origin origin = OriginOf(section);
   record.enInputType = ReadInput(section, origin);
   record.enDataType = section.Choice("data", kData, MDATA_DATA_KLV);
-  source.input = kInputs[record.enInputType];
+  source.input = origin == Origin::Tak ? "tak" : kInputs[record.enInputType];
   source.data = kData[record.enDataType];
   source.output = section.Path("output");
   source.track = section.Path("track");
@@ -483,6 +494,10 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
       ReadSerial(section, record.in.Serial);
       break;
     case MDATA_INPUT_NETWORK:
+      if (origin == Origin::Tak) {
+        source.tak = ReadTak(section, record.in.Network);
+        break;
+      }
       if (origin == Origin::CaptureFile) {
         ReadReplay(section, source);
         break;
@@ -548,7 +563,7 @@ void CheckCapabilities(const SourceSettings& source, DWORD capabilities) {
   const bool network = record.enInputType == MDATA_INPUT_NETWORK;
   const int32_t family = network ? record.in.Network.iSrcAddressFamily : 0;
   require(record.enDataType == MDATA_DATA_COT, METADATALIB_CAPS_COT_SUPPORT, "data = cot", "cot");
-  require(family == AF_INET, METADATALIB_CAPS_IPV4_SUPPORT, "family = ipv4", "ipv4");
+  require(family == AF_INET, METADATALIB_CAPS_IPV4_SUPPORT, source.tak ? "url" : "family = ipv4", "ipv4");
   require(family == AF_INET6, METADATALIB_CAPS_IPV6_SUPPORT, "family = ipv6", "ipv6");
 }
 
@@ -559,6 +574,20 @@ void SettleRecording(SourceSettings& source, const EncoderSettings& encoder) {
   const char* const allowed = PatternFault(source.output, *source.rotateSize != 0 || *source.rotateTime != 0);
   if (source.output.empty() || allowed == nullptr) return;
   throw ConfigError("[" + source.name + "] " + value_text::Refusal("output", source.output, allowed));
+}
+
+// Returns the port that two sources cannot both have, or 0. Groups share their ports with those of TAK networks.
+unsigned PortOfBoth(const SourceSettings& one, const SourceSettings& other) {
+  const MDATA_INET_SRC_CFG first = ReceptionOf(one.record, one.tak);
+  const MDATA_INET_SRC_CFG second = ReceptionOf(other.record, other.tak);
+  if (first.usUDPPort != second.usUDPPort) return 0;
+  const auto isGroup = [](const MDATA_INET_SRC_CFG& network) {
+    Address address;
+    address.family = network.iSrcAddressFamily;
+    std::memcpy(address.bytes.data(), network.acSrcAddress, sizeof(network.acSrcAddress));
+    return address.IsMulticast();
+  };
+  return (one.tak || other.tak) && isGroup(first) && isGroup(second) ? 0 : first.usUDPPort;
 }
 
 void CheckTogether(const Config& config) {
@@ -580,10 +609,10 @@ void CheckTogether(const Config& config) {
         throw ConfigError("[" + it->name + "] input = serial is allowed for one source only, and [" + other->name +
                           "] has it");
       }
-      if (it->record.enInputType == MDATA_INPUT_NETWORK && !it->replay && !other->replay &&
-          it->record.in.Network.usUDPPort == other->record.in.Network.usUDPPort) {
+      if (it->record.enInputType != MDATA_INPUT_NETWORK || it->replay || other->replay) continue;
+      if (const unsigned port = PortOfBoth(*it, *other)) {
         throw ConfigError("[" + it->name + "] port must be a port of its own, and [" + other->name + "] has " +
-                          std::to_string(it->record.in.Network.usUDPPort));
+                          std::to_string(port));
       }
     }
   }

@@ -15,6 +15,7 @@
 #include "host_runtime.h"
 #include "ini_file.h"
 #include "metadata_lib.h"
+#include "tak_settings.h"
 #include "track_text.h"
 
 namespace mdencoder {
@@ -66,7 +67,7 @@ struct ReplaySettings {
 
 struct SourceSettings {
   std::string name;
-  std::string input;   // "serial", "udp", "video"
+  std::string input;   // "serial", "udp", "video", "tak"
   std::string data;    // "klv", "cot"
   std::string output;  // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
   std::string track;   // file of the track; empty: <track_dir>/<name>.<format>, if that is set
@@ -80,6 +81,7 @@ struct SourceSettings {
   std::string device;  // serial: path that the host opens instead of kSerialDevice; empty: as the host has it
   std::optional<HostCaptureConfig> capture;  // video: what the key url names; without it the host's own is used
   std::optional<ReplaySettings> replay;      // udp: the capture file that the key url names; the port is found later
+  std::optional<TakSettings> tak;            // udp: the TAK network that the key url names; the port is found later
   bool hasAddress = false;                   // the key address is given
   std::vector<std::string> relayKeys;        // the keys of record.Relays
   bool hasRetry = false;                     // it has the key

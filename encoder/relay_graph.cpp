@@ -77,7 +77,7 @@ bool IsLocal(const Address& address, const Machine& machine) {
 // --- Reception ---------------------------------------------------------------------------------------
 
 Address ConfiguredAddress(const SourceSettings& source) {
-  const MDATA_INET_SRC_CFG& network = source.record.in.Network;
+  const MDATA_INET_SRC_CFG network = ReceptionOf(source.record, source.tak);
   Address address;
   address.family = network.iSrcAddressFamily;
   std::memcpy(address.bytes.data(), network.acSrcAddress, sizeof(network.acSrcAddress));
@@ -86,8 +86,9 @@ Address ConfiguredAddress(const SourceSettings& source) {
 
 bool ReceivesFamily(const SourceSettings& source, int32_t family, DWORD capabilities) {
   const DWORD needed = family == AF_INET ? METADATALIB_CAPS_IPV4_SUPPORT : METADATALIB_CAPS_IPV6_SUPPORT;
-  const int32_t configured = source.record.in.Network.iSrcAddressFamily;
-  return (capabilities & needed) != 0 && (configured == 0 || configured == family);
+  const int32_t configured = ReceptionOf(source.record, source.tak).iSrcAddressFamily;
+  // The socket of a TAK network is this program's own.
+  return (source.tak || (capabilities & needed) != 0) && (configured == 0 || configured == family);
 }
 
 // Returns whether the source's socket gets what this machine sends to the address. A source of a group gets that group
@@ -112,7 +113,8 @@ bool AcceptsThisMachine(const SourceSettings& source, const Address& destination
 
 bool Leads(const MDATA_RELAY_CFG& relay, const SourceSettings& source, DWORD capabilities, const Machine& machine) {
   const MDATA_SRC_CFG& record = source.record;
-  if (record.enInputType != MDATA_INPUT_NETWORK || record.in.Network.usUDPPort != relay.usUDPPort) return false;
+  if (record.enInputType != MDATA_INPUT_NETWORK) return false;
+  if (ReceptionOf(record, source.tak).usUDPPort != relay.usUDPPort) return false;
   const Address destination = Destination(relay);
   return ReceivesFamily(source, destination.family, capabilities) && IsReached(source, destination, machine) &&
          AcceptsThisMachine(source, destination, machine);

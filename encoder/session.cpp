@@ -583,6 +583,8 @@ std::vector<Report> Session::Reports(bool withRemoved) {
     const uint64_t last = report.counters.lastUs;
     if (last != 0) report.lastMessageAge = now > last ? static_cast<double>(now - last) / 1e6 : 0;
     if (record.enInputType == MDATA_INPUT_NETWORK) report.kernelDrops = m_kernelDrops.Of(record.in.Network.usUDPPort);
+    if (report.settings->tak)
+      report.kernelDrops += m_kernelDrops.Of(ReceptionOf(record, report.settings->tak).usUDPPort);
     if (record.enInputType == MDATA_INPUT_VIDEO && m_around.captureStats) {
       report.capture = m_around.captureStats(record.in.Video.enInputInterface);
     }

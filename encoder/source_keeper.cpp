@@ -3,6 +3,7 @@
 //   Allowance   limits lines and openings
 //   Opening     tries, opens, closes and opens again
 //   Network     looks at what changed
+//   Inputs      are the front ends of sources on TAK networks
 //   Lines       say what a source waits for
 //   Reload      applies a new configuration
 //   Counts      are read, reset and restored, whether a source is open or not
@@ -13,6 +14,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <exception>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -82,6 +84,11 @@ struct SourceKeeper::Entry {
   Clock::time_point nextTry{};
   std::chrono::seconds pause = kRetry;  // after an opening that the library refused
   Allowance openings{kOpeningsAtOnce, kOpeningEach};
+
+  std::unique_ptr<TakInput> input;  // of an open source on a TAK network
+  TakCounts ended;                  // counts of inputs that ended
+  uint64_t refused = 0;             // events that were told to be refused
+  Allowance refusals{1, kLineEach};
 
   std::string reason;  // of the trouble; empty without one
   Clock::time_point since{};
@@ -208,6 +215,13 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
   }
   TakeInput(entry);
   if (entry.settings.replay) entry.settings.record.in.Network.usUDPPort = FreePort();
+  try {
+    MakeInput(entry);
+  } catch (const std::exception& error) {
+    Trouble(entry, error.what(), now);
+    if (!entry.settings.retry) Tell(entry, now);
+    return false;
+  }
   MDATA_SRC_CFG record = entry.settings.record;
   record.pfnCallback = m_callback;
   record.pvUserParam1 = &entry.tap;
@@ -218,6 +232,7 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
     entry.nextTry = now + entry.pause;
     entry.pause = std::min<std::chrono::seconds>(entry.pause * 2, kLongestPause);
     Trouble(entry, "the library cannot open it; the log tells why", now);
+    EndInput(entry);
     return false;
   }
   entry.handle = handle;
@@ -235,6 +250,7 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
     if (health.needsReopen) m_examineAt = now + kSettle;
     Recover(entry, now);
   }
+  if (entry.input) entry.input->Start();
   return true;
 }
 
@@ -249,6 +265,7 @@ const Source* SourceKeeper::OpenAll(Clock::time_point now) {
 void SourceKeeper::Close(Entry& entry) {
   if (!entry.IsOpen()) return;
   if (entry.replay) entry.replay->SendTo(0);
+  EndInput(entry);
   MDATA_SRC_STATS statistics{};
   m_library.getSourceStats(entry.handle, &statistics);
   if (!m_library.closeSource(&entry.handle)) {
@@ -304,6 +321,7 @@ void SourceKeeper::Tick(Clock::time_point now) {
   }
   if (now >= m_nextLook) LookAtCaptures(now);
   for (const auto& entry : m_entries) {
+    if (entry->input) LookAtInput(*entry, now);
     if (!entry->reason.empty() && !entry->isTold) Tell(*entry, now);
   }
 }
@@ -324,6 +342,7 @@ SourceKeeper::Clock::time_point SourceKeeper::Due(Clock::time_point now) const {
 void SourceKeeper::OnNetwork(const NetworkChanges& changes, Clock::time_point now) {
   if (!changes.any) return;
   for (const auto& entry : m_entries) {
+    if (entry->input) entry->input->NetworkChanged();
     const auto& links = changes.removedLinks;
     // Its successor may have the same number.
     if (std::find(links.begin(), links.end(), entry->place.interface) != links.end()) entry->place.interface = 0;
@@ -368,10 +387,63 @@ void SourceKeeper::Examine(Entry& entry, Clock::time_point now) {
   } else if (!health.fault.empty()) {
     entry.state = SourceState::CutOff;
     Trouble(entry, health.fault, now);
-  } else if (entry.state == SourceState::CutOff) {
+  } else if (entry.state == SourceState::CutOff && (!entry.input || entry.input->Trouble().empty())) {
     entry.state = SourceState::Open;
     Recover(entry, now);
   }
+}
+
+// --- Inputs ------------------------------------------------------------------------------------------
+
+namespace {
+
+TakCounts Sum(const TakCounts& a, const TakCounts& b) {
+  TakCounts sum;
+  for (const auto count : {&TakCounts::bytes, &TakCounts::datagrams, &TakCounts::connections, &TakCounts::events,
+                           &TakCounts::forwarded, &TakCounts::otherKinds, &TakCounts::otherAircraft, &TakCounts::faulty,
+                           &TakCounts::tooLong, &TakCounts::shortened, &TakCounts::notSent}) {
+    sum.*count = a.*count + b.*count;
+  }
+  return sum;
+}
+
+}  // namespace
+
+// Makes the input of a source on a TAK network, and gives its port to the record. Throws std::runtime_error.
+void SourceKeeper::MakeInput(Entry& entry) {
+  if (!entry.settings.tak) return;
+  entry.input = std::make_unique<TakInput>(*entry.settings.tak, entry.settings.retry);
+  entry.settings.record.in.Network.usUDPPort = entry.input->Port();
+}
+
+void SourceKeeper::EndInput(Entry& entry) {
+  if (!entry.input) return;
+  // What it counts while it ends is little, but not nothing.
+  auto input = std::move(entry.input);
+  input->Stop();
+  entry.ended = Sum(entry.ended, input->Counts());
+}
+
+void SourceKeeper::LookAtInput(Entry& entry, Clock::time_point now) {
+  std::string trouble = entry.input->Trouble();
+  if (!trouble.empty() && entry.input->HasGivenUp()) {
+    trouble += "; it is not tried again (retry = no)";
+    m_failed = true;
+  }
+  if (!trouble.empty()) {
+    entry.state = SourceState::CutOff;
+    Trouble(entry, trouble, now);
+  } else if (entry.state == SourceState::CutOff && m_reach.examine(entry.settings, m_host, entry.place).fault.empty()) {
+    entry.state = SourceState::Open;
+    Recover(entry, now);
+  }
+  const TakCounts counts = Sum(entry.ended, entry.input->Counts());
+  const uint64_t refused = counts.faulty + counts.tooLong;
+  if (refused == entry.refused || !entry.refusals.Take(now)) return;
+  m_say(true, "source " + entry.settings.name + " refused " + std::to_string(refused - entry.refused) + " events (" +
+                  std::to_string(counts.faulty) + " faulty and " + std::to_string(counts.tooLong) +
+                  " too long since the start)");
+  entry.refused = refused;
 }
 
 // --- Lines -------------------------------------------------------------------------------------------
@@ -517,6 +589,9 @@ std::vector<Report> SourceKeeper::Reports(bool withRemoved) const {
     if (entry->IsOpen()) m_library.getSourceStats(entry->handle, &report.statistics);
     report.state = kStates[static_cast<size_t>(entry->state)];
     report.reopened = entry->reopened;
+    if (entry->settings.tak) {
+      report.tak = entry->input ? Sum(entry->ended, entry->input->Counts()) : entry->ended;
+    }
     reports.push_back(report);
   }
   return reports;

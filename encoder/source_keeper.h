@@ -31,6 +31,7 @@
 #include "replay.h"
 #include "source.h"
 #include "statistics.h"
+#include "tak_input.h"
 
 namespace mdencoder {
 
@@ -122,6 +123,9 @@ class SourceKeeper {
   void Reopen(Entry& entry, Clock::time_point now);
   void Examine(Clock::time_point now);
   void Examine(Entry& entry, Clock::time_point now);
+  void MakeInput(Entry& entry);
+  void EndInput(Entry& entry);
+  void LookAtInput(Entry& entry, Clock::time_point now);
   void Trouble(Entry& entry, const std::string& reason, Clock::time_point now);
   void Tell(Entry& entry, Clock::time_point now);
   void Recover(Entry& entry, Clock::time_point now);

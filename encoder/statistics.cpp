@@ -131,6 +131,33 @@ Json CaptureJson(const HostCaptureStats& capture) {
   return json;
 }
 
+// The counts of the front end of a TAK network, and whether they are events that were not forwarded.
+struct TakCount {
+  const char* key;
+  const char* text;
+  uint64_t TakCounts::*count;
+  bool isRefused;
+};
+constexpr TakCount kTakCounts[] = {
+    {"bytes", "bytes", &TakCounts::bytes, false},
+    {"datagrams", "datagrams", &TakCounts::datagrams, false},
+    {"connections", "connections", &TakCounts::connections, false},
+    {"events", "events", &TakCounts::events, false},
+    {"forwarded", "forwarded", &TakCounts::forwarded, false},
+    {"shortened", "shortened", &TakCounts::shortened, false},
+    {"other_kinds", "of other kinds", &TakCounts::otherKinds, true},
+    {"other_aircraft", "of other aircraft", &TakCounts::otherAircraft, true},
+    {"faulty", "faulty", &TakCounts::faulty, true},
+    {"too_long", "too long", &TakCounts::tooLong, true},
+    {"not_sent", "not sent to the library", &TakCounts::notSent, true},
+};
+
+Json TakJson(const TakCounts& tak) {
+  Json json;
+  for (const TakCount& each : kTakCounts) json[each.key] = tak.*each.count;
+  return json;
+}
+
 Json DetectedJson(int32_t value, ULONG updates, UINT32 upTime) {
   Json json;
   json["value"] = value;
@@ -185,6 +212,7 @@ Json ReportJson(const Report& report) {
   if (IsNetwork(*report.settings)) json["kernel_drops"] = report.kernelDrops;
   if (IsNetwork(*report.settings) && !IsCot(*report.settings)) json["cut_at_buffer"] = counters.cutAtBuffer;
   if (report.capture) json["capture"] = CaptureJson(*report.capture);
+  if (report.tak) json["tak"] = TakJson(*report.tak);
   json["checksum"] = {{"ok", counters.checksumOk},
                       {"bad", counters.checksumBad},
                       {"missing", counters.checksumMissing},
@@ -364,6 +392,16 @@ void AddProtocolLines(const Report& report, std::vector<std::string>& lines) {
   }
 }
 
+void AddTakLine(const TakCounts& tak, std::vector<std::string>& lines) {
+  std::string line =
+      Print("    TAK network: %llu bytes, %llu events, %llu forwarded", static_cast<unsigned long long>(tak.bytes),
+            static_cast<unsigned long long>(tak.events), static_cast<unsigned long long>(tak.forwarded));
+  for (const TakCount& each : kTakCounts) {
+    if (each.isRefused && tak.*each.count != 0) line += ", " + std::to_string(tak.*each.count) + " " + each.text;
+  }
+  lines.push_back(line);
+}
+
 void AddRelayLines(const Report& report, std::vector<std::string>& lines) {
   for (UINT32 i = 0; i < report.settings->record.nNumOfRelays; ++i) {
     const MDATA_RELAY_STATS& relay = report.statistics.Relays[i];
@@ -437,6 +475,7 @@ std::vector<std::string> StatisticsTable(const std::vector<Report>& reports) {
     AddFaultLines(report.counters, lines);
     AddLossLines(report, lines);
     if (IsNetwork(settings)) AddNetworkLines(report, lines);
+    if (report.tak) AddTakLine(*report.tak, lines);
     AddProtocolLines(report, lines);
     AddRelayLines(report, lines);
   }

@@ -14,6 +14,7 @@
 #include "host_runtime.h"
 #include "metadata_lib.h"
 #include "source.h"
+#include "tak_input.h"
 
 namespace mdencoder {
 
@@ -26,6 +27,7 @@ struct Report {
   uint64_t reopened = 0;                                   // how often it was opened again
   uint64_t kernelDrops = 0;                                // datagrams that the kernel dropped at the source's sockets
   std::optional<HostCaptureStats> capture = std::nullopt;  // counts of the host, of a video source
+  std::optional<TakCounts> tak = std::nullopt;             // counts of the front end, of a source on a TAK network
   std::optional<double> lastMessageAge = std::nullopt;     // seconds since the last message
 };
 
