@@ -19,6 +19,7 @@
 
 #include "check.h"
 #include "owned_fd.h"
+#include "reception.h"
 #include "stream_url.h"
 #include "tls.h"
 #include "values.h"
@@ -91,10 +92,12 @@ struct Reception {
   KeyPlace place;      // of the port
   KeyPlace ofAddress;  // of the group
   uint16_t port = 0;
-  Address address;  // of a group; otherwise without a family
+  Address address;  // of a group of IPv4; otherwise without a family
+  std::string interface;
   bool onIPv4 = true;
   bool onIPv6 = false;
-  bool IsGroup() const { return address.family == AF_INET; }
+  bool isGroup = false;  // or several
+  bool IsGroup() const { return isGroup; }
 };
 
 Reception OfSource(const CheckSubject& subject, const SourceSettings& source) {
@@ -107,10 +110,11 @@ Reception OfSource(const CheckSubject& subject, const SourceSettings& source) {
   reception.port = network.usUDPPort;
   reception.onIPv4 = (capabilities & METADATALIB_CAPS_IPV4_SUPPORT) != 0 && family != AF_INET6;
   reception.onIPv6 = (capabilities & METADATALIB_CAPS_IPV6_SUPPORT) != 0 && family != AF_INET;
-  Address address;
-  address.family = family;
-  std::memcpy(address.bytes.data(), network.acSrcAddress, sizeof(network.acSrcAddress));
-  if (family == AF_INET && address.IsMulticast()) reception.address = address;
+  reception.interface = source.tak ? source.tak->interface : source.reception.interface;
+  for (const Address& group : GroupsOf(source.record, source.reception, source.tak)) {
+    reception.isGroup = true;
+    if (group.family == AF_INET) reception.address = group;
+  }
   return reception;
 }
 
@@ -139,6 +143,7 @@ Reception OfCapture(const CheckSubject& subject, int input) {
     Refuse(reception.ofAddress, capture.address, "an IPv4 group, because other addresses are not looked at");
   }
   reception.address = *address;
+  reception.isGroup = true;
   return reception;
 }
 
@@ -177,7 +182,8 @@ void CheckPort(const Reception& reception) {
   const bool inTable6 = IsBound("/proc/net/udp6", reception.port);
   bool isBound = false;
   if (reception.IsGroup()) {  // receivers of groups share their port, other programs may not
-    isBound = (inTable4 || inTable6) && !IsShared(reception.address.bytes.data(), reception.port);
+    const bool isIPv4 = reception.address.family == AF_INET;
+    isBound = isIPv4 && (inTable4 || inTable6) && !IsShared(reception.address.bytes.data(), reception.port);
   } else {
     constexpr BYTE kUnused[4] = {127, 255, 255, 254};
     isBound = (reception.onIPv4 && inTable4) || (reception.onIPv6 && inTable6) ||
@@ -188,7 +194,13 @@ void CheckPort(const Reception& reception) {
 }
 
 void CheckGroup(const Reception& reception, const std::string& interface) {
-  if (!reception.IsGroup() || !interface.empty()) return;
+  if (!reception.interface.empty()) {
+    const std::string fault = InterfaceFault(reception.interface);
+    if (fault.empty()) return;
+    Refuse({reception.place.file, reception.place.section, "interface"}, reception.interface, "an interface that is up",
+           fault);
+  }
+  if (reception.address.family != AF_INET || !interface.empty()) return;
   MDATA_RELAY_CFG group{};
   group.iDestAddressFamily = AF_INET;
   group.usUDPPort = reception.port;
@@ -227,12 +239,6 @@ void CheckRelayRoutes(const CheckSubject& subject, const SourceSettings& source)
 // The names of hosts are not looked up, and nobody is called.
 void CheckTak(const CheckSubject& subject, const SourceSettings& source) {
   const TakSettings& tak = *source.tak;
-  if (!tak.interface.empty()) {
-    const std::string fault = InterfaceFault(tak.interface);
-    if (!fault.empty()) {
-      Refuse({subject.configPath, source.name, "interface"}, tak.interface, "an interface that is up", fault);
-    }
-  }
   if (tak.transport != TakSettings::Transport::Tls) return;
   try {
     const TlsClient client(tak);

@@ -23,6 +23,7 @@
 #include "baud_rates.h"
 #include "cot_sender.h"
 #include "host_serial.h"
+#include "reception.h"
 #include "recording_name.h"
 #include "relay_graph.h"
 #include "replay.h"
@@ -68,6 +69,7 @@ constexpr std::string_view kSourceKeys[] = {"input",
                                             "port",
                                             "family",
                                             "address",
+                                            "sender",
                                             "interface",
                                             "decimation",
                                             "speed",
@@ -107,7 +109,6 @@ constexpr std::string_view kData[] = {"klv", "cot"};                // MDATA_DAT
 constexpr std::string_view kParities[] = {"none", "odd", "even"};   // HOST_SERIAL_PARITY_*
 constexpr std::string_view kFlows[] = {"none", "hardware", "software"};
 constexpr std::string_view kStops[] = {"1", "2"};
-constexpr std::string_view kFamilies[] = {"any", "ipv4", "ipv6"};
 constexpr std::string_view kClassifications[] = {"unclassified", "restricted", "confidential", "secret", "top-secret"};
 
 // Returns the condition under which a key of a source is allowed.
@@ -121,7 +122,8 @@ std::string ConditionOf(std::string_view key) {
   if (key == "cot_aircraft") return "with data = cot and url = tak://, tcp:// or tls://";
   if (key == "tls_key") return "with a tls_certificate";
   if (key.starts_with("tls_")) return "with data = cot and url = tls://";
-  if (key == "interface") return "with input = video and without url, or with url = tak://";
+  if (key == "sender") return "with input = udp and groups as the address";
+  if (key == "interface") return "with input = udp, with input = video and without url, or with url = tak://";
   if (key == "decimation") return "with input = video";
   if (key == "speed" || key == "loop") return "with url of a file";
   if (key == "filter") return "with url of a capture file";
@@ -261,24 +263,12 @@ void ReadSerial(Section& section, MDATA_SERIAL_SRC_CFG& serial) {
   serial.nDataBits = static_cast<int32_t>(section.Number("bits", 5, 8, 8));
 }
 
-// The library compares the address in any family, so an address decides the family. It would compare an IPv6 group with
-// the senders, which never match it.
-void ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
+HostReception ReadNetwork(Section& section, MDATA_INET_SRC_CFG& network) {
   const int64_t port = section.Number("port", 1, 65535, 0);
   if (port == 0)
     throw ConfigError("[" + section.Name() + "] port is missing; it must be a whole number from 1 to 65535");
   network.usUDPPort = static_cast<USHORT>(port);
-  constexpr int32_t kFamilyValues[] = {0, AF_INET, AF_INET6};
-  network.iSrcAddressFamily = kFamilyValues[section.Choice("family", kFamilies, 0)];
-  const std::string* text = section.Find("address");
-  if (text == nullptr) return;
-  const auto address = ParseAddress(*text);
-  const bool familyFits = address && (network.iSrcAddressFamily == 0 || network.iSrcAddressFamily == address->family);
-  if (!familyFits || (address->family == AF_INET6 && address->IsMulticast())) {
-    section.Fail("address", *text, "the sender's numeric IPv4 or IPv6 address of the family given, or an IPv4 group");
-  }
-  network.iSrcAddressFamily = address->family;
-  std::memcpy(network.acSrcAddress, address->bytes.data(), sizeof(network.acSrcAddress));
+  return ReadReception(section, network);
 }
 
 constexpr double kLeastCotRate = 0.01;  // pairs of events a second
@@ -496,13 +486,14 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
     case MDATA_INPUT_NETWORK:
       if (origin == Origin::Tak) {
         source.tak = ReadTak(section, record.in.Network);
+        source.reception.onlyLoopback = true;
         break;
       }
       if (origin == Origin::CaptureFile) {
         ReadReplay(section, source);
         break;
       }
-      ReadNetwork(section, record.in.Network);
+      source.reception = ReadNetwork(section, record.in.Network);
       source.hasAddress = section.Find("address") != nullptr;
       break;
     default:
@@ -576,18 +567,17 @@ void SettleRecording(SourceSettings& source, const EncoderSettings& encoder) {
   throw ConfigError("[" + source.name + "] " + value_text::Refusal("output", source.output, allowed));
 }
 
-// Returns the port that two sources cannot both have, or 0. Groups share their ports with those of TAK networks.
+// Returns the port that two sources cannot both have, or 0. Sources of different groups share their port.
 unsigned PortOfBoth(const SourceSettings& one, const SourceSettings& other) {
-  const MDATA_INET_SRC_CFG first = ReceptionOf(one.record, one.tak);
-  const MDATA_INET_SRC_CFG second = ReceptionOf(other.record, other.tak);
-  if (first.usUDPPort != second.usUDPPort) return 0;
-  const auto isGroup = [](const MDATA_INET_SRC_CFG& network) {
-    Address address;
-    address.family = network.iSrcAddressFamily;
-    std::memcpy(address.bytes.data(), network.acSrcAddress, sizeof(network.acSrcAddress));
-    return address.IsMulticast();
+  const unsigned port = ReceptionOf(one.record, one.tak).usUDPPort;
+  if (port != ReceptionOf(other.record, other.tak).usUDPPort) return 0;
+  const std::vector<Address> first = GroupsOf(one.record, one.reception, one.tak);
+  const std::vector<Address> second = GroupsOf(other.record, other.reception, other.tak);
+  if (first.empty() || second.empty()) return port;
+  const auto isInBoth = [&](const Address& group) {
+    return std::find(second.begin(), second.end(), group) != second.end();
   };
-  return (one.tak || other.tak) && isGroup(first) && isGroup(second) ? 0 : first.usUDPPort;
+  return std::any_of(first.begin(), first.end(), isInBoth) ? port : 0;
 }
 
 void CheckTogether(const Config& config) {
@@ -611,8 +601,8 @@ void CheckTogether(const Config& config) {
       }
       if (it->record.enInputType != MDATA_INPUT_NETWORK || it->replay || other->replay) continue;
       if (const unsigned port = PortOfBoth(*it, *other)) {
-        throw ConfigError("[" + it->name + "] port must be a port of its own, and [" + other->name + "] has " +
-                          std::to_string(port));
+        throw ConfigError("[" + it->name + "] port must be a port of its own, or one of other groups, and [" +
+                          other->name + "] has " + std::to_string(port));
       }
     }
   }

@@ -80,6 +80,7 @@ struct SourceSettings {
   std::optional<double> silence;
   std::string device;  // serial: path that the host opens instead of kSerialDevice; empty: as the host has it
   std::optional<HostCaptureConfig> capture;  // video: what the key url names; without it the host's own is used
+  HostReception reception;                   // udp: what the library's sockets receive
   std::optional<ReplaySettings> replay;      // udp: the capture file that the key url names; the port is found later
   std::optional<TakSettings> tak;            // udp: the TAK network that the key url names; the port is found later
   bool hasAddress = false;                   // the key address is given

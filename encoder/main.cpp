@@ -154,6 +154,7 @@ int Main(int argc, char** argv) {
     around.prepare = [&options] { return PrepareAgain(options); };
     around.applyHost = [&route](const HostRuntimeConfig& host) { route.Apply(host, nullptr); };
     around.secondsSinceSign = SecondsSinceSign;
+    around.setReception = HostRuntime_SetReception;
     around.captureStats = HostRuntime_CaptureStats;
     around.captures.set = [](int input, const HostCaptureConfig& capture) { HostRuntime_SetCapture(input, capture); };
     around.captures.state = HostRuntime_CaptureState;

@@ -241,11 +241,12 @@ std::string DatagramObstacle(const stream_url::DatagramOrigin& origin, in_addr g
   return fault.empty() ? GroupObstacle(group, host) : fault;
 }
 
-// A URL may name the interface on which its group is joined.
+// A URL and a key may name the interface on which groups are joined.
 HostRuntimeConfig HostOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
   HostRuntimeConfig own = host;
   const auto datagrams = settings.capture ? DatagramsOf(*settings.capture) : std::nullopt;
   if (datagrams && !datagrams->interface.empty()) own.multicastInterface = datagrams->interface;
+  if (!settings.reception.interface.empty()) own.multicastInterface = settings.reception.interface;
   return own;
 }
 
@@ -285,9 +286,13 @@ std::string CaptureObstacle(const HostCaptureConfig& capture, const HostRuntimeC
 
 // --- Reach -------------------------------------------------------------------------------------------
 
+// The first group of IPv4 stands for all, which are joined together.
 in_addr GroupOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
   switch (settings.record.enInputType) {
     case MDATA_INPUT_NETWORK:
+      for (const HostReception::Group& group : settings.reception.groups) {
+        if (group.family == AF_INET) return GroupOf(group.address.data());
+      }
       return settings.record.in.Network.iSrcAddressFamily == AF_INET6
                  ? in_addr{}
                  : GroupOf(settings.record.in.Network.acSrcAddress);
@@ -296,6 +301,18 @@ in_addr GroupOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
     default:
       return {};
   }
+}
+
+std::string InterfaceObstacle(const std::string& name) {
+  return name.empty() || if_nametoindex(name.c_str()) != 0 ? "" : "there is no interface " + name;
+}
+
+// Examines an interface that is not that of a group of IPv4.
+Health ExamineInterface(const std::string& name, const Place& place) {
+  const int now = static_cast<int>(if_nametoindex(name.c_str()));
+  if (now == 0) return {"there is no interface " + name, false};
+  if (now != place.interface) return {{}, true};
+  return {InterfaceFault(now, name), false};
 }
 
 std::string Obstacle(const SourceSettings& settings, const HostRuntimeConfig& asked) {
@@ -312,8 +329,10 @@ std::string Obstacle(const SourceSettings& settings, const HostRuntimeConfig& as
       }
       const MDATA_INET_SRC_CFG& network = settings.record.in.Network;
       const in_addr group = GroupOf(settings, host);
-      fault = PortObstacle(network.iSrcAddressFamily, network.usUDPPort, group.s_addr != 0);
+      const bool isShared = group.s_addr != 0 || !settings.reception.groups.empty();
+      fault = PortObstacle(network.iSrcAddressFamily, network.usUDPPort, isShared);
       if (fault.empty()) fault = GroupObstacle(group, host);
+      if (fault.empty()) fault = InterfaceObstacle(settings.reception.interface);
       break;
     }
     default:
@@ -330,6 +349,9 @@ Place Locate(const SourceSettings& settings, const HostRuntimeConfig& asked) {
   if (group.s_addr != 0) {
     place.interface = GroupInterface(group, host);
     place.interfaceName = InterfaceName(place.interface);
+  } else if (!settings.reception.interface.empty()) {
+    place.interface = static_cast<int>(if_nametoindex(settings.reception.interface.c_str()));
+    place.interfaceName = settings.reception.interface;
   }
   for (UINT32 i = 0; i < settings.record.nNumOfRelays; ++i) {
     place.senders.push_back(SenderTo(settings.record.Relays[i]).value_or(std::array<BYTE, 16>{}));
@@ -341,7 +363,11 @@ Health Examine(const SourceSettings& settings, const HostRuntimeConfig& asked, c
   const HostRuntimeConfig host = HostOf(settings, asked);
   Health health;
   const in_addr group = GroupOf(settings, host);
-  if (group.s_addr != 0) health = ExamineGroup(group, host, place);
+  if (group.s_addr != 0) {
+    health = ExamineGroup(group, host, place);
+  } else if (!settings.reception.interface.empty()) {
+    health = ExamineInterface(settings.reception.interface, place);
+  }
   if (!health.fault.empty() || health.needsReopen) return health;
   return ExamineRelays(settings.record, place);
 }

@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "owned_fd.h"
+#include "reception.h"
 #include "value_text.h"
 
 namespace mdencoder {
@@ -95,8 +96,9 @@ bool ReceivesFamily(const SourceSettings& source, int32_t family, DWORD capabili
 // only; any other source gets every group that some program of the machine has joined.
 bool IsReached(const SourceSettings& source, const Address& destination, const Machine& machine) {
   if (!destination.IsMulticast()) return IsLocal(destination, machine);
-  const Address group = ConfiguredAddress(source);
-  return group.family != AF_INET || !group.IsMulticast() || IsSame(group, destination);
+  const std::vector<Address> groups = GroupsOf(source.record, source.reception, source.tak);
+  return groups.empty() ||
+         std::any_of(groups.begin(), groups.end(), [&](const Address& group) { return IsSame(group, destination); });
 }
 
 // Returns whether the library accepts this machine as the sender. It filters by addresses other than 0.x.x.x, groups

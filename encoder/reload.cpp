@@ -85,7 +85,8 @@ bool IsSameRecord(const SourceSettings& running, const SourceSettings& fresh) {
   MDATA_SRC_CFG b = fresh.record;
   b.nIndex = a.nIndex;
   if (running.capture && fresh.capture) b.in.Video.enInputInterface = a.in.Video.enInputInterface;
-  if (running.capture != fresh.capture || running.replay != fresh.replay || running.tak != fresh.tak) {
+  if (running.capture != fresh.capture || running.replay != fresh.replay || running.tak != fresh.tak ||
+      running.reception != fresh.reception) {
     return false;
   }
   return std::memcmp(&a, &b, sizeof(a)) == 0;  // NOLINT(bugprone-suspicious-memory-comparison): see above

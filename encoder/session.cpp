@@ -98,6 +98,7 @@ Session::Session(const Config& config, const Library& library, Console& console,
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
     if (isatty(fd) == 1) m_terminals.push_back(fd);
   }
+  if (m_around.setReception) m_keeper.SetReception(m_around.setReception);
   const sigset_t set = SteeringSignals();
   m_signals.Reset(signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
   m_wake.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));

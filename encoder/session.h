@@ -48,6 +48,8 @@ struct Surroundings {
   std::function<void(const HostRuntimeConfig&)> applyHost;
   // Returns how long ago the metadata thread gave its last sign, in seconds; nothing if there is no such thread.
   std::function<std::optional<double>()> secondsSinceSign;
+  // Tells the host what the sockets receive that this thread lets the library create.
+  std::function<void(const HostReception&)> setReception;
   // Returns the host's counts of a video input.
   std::function<HostCaptureStats(int input)> captureStats;
   Captures captures;

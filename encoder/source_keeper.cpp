@@ -85,6 +85,7 @@ struct SourceKeeper::Entry {
   std::chrono::seconds pause = kRetry;  // after an opening that the library refused
   Allowance openings{kOpeningsAtOnce, kOpeningEach};
 
+  uint16_t libraryPort = 0;         // of an open UDP source, as the library knows it
   std::unique_ptr<TakInput> input;  // of an open source on a TAK network
   TakCounts ended;                  // counts of inputs that ended
   uint64_t refused = 0;             // events that were told to be refused
@@ -195,6 +196,28 @@ HostCaptureState SourceKeeper::CaptureState(const Entry& entry) const {
   return m_captures.state(entry.settings.record.in.Video.enInputInterface);
 }
 
+// Returns the source's port, or a number that stands for it in the library if another open source has it: the library
+// refuses a second source on a port, also one of another group.
+uint16_t SourceKeeper::LibraryPort(const Entry& entry) const {
+  const auto isTaken = [&](unsigned port) {
+    return std::any_of(m_entries.begin(), m_entries.end(), [&](const auto& other) {
+      return other.get() != &entry && other->settings.record.enInputType == MDATA_INPUT_NETWORK && other->IsOpen() &&
+             other->libraryPort == port;
+    });
+  };
+  const auto isConfigured = [&](unsigned port) {
+    return std::any_of(m_entries.begin(), m_entries.end(), [&](const auto& other) {
+      return other->settings.record.enInputType == MDATA_INPUT_NETWORK &&
+             other->settings.record.in.Network.usUDPPort == port;
+    });
+  };
+  const uint16_t wanted = entry.settings.record.in.Network.usUDPPort;
+  if (wanted == 0 || !isTaken(wanted)) return wanted;
+  uint16_t port = 1;
+  while (isTaken(port) || isConfigured(port)) ++port;
+  return port;
+}
+
 std::string SourceKeeper::ObstacleTo(const Entry& entry) const {
   if (entry.settings.record.enInputType == MDATA_INPUT_VIDEO && IsCaptured(entry)) return {};
   if (entry.settings.record.enInputType != MDATA_INPUT_NETWORK) return m_reach.obstacle(entry.settings, m_host);
@@ -228,7 +251,17 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
   entry.place = entry.settings.retry ? m_reach.locate(entry.settings, m_host) : Place{};
   entry.source.Restart();
   HMDATASRC handle = nullptr;
-  if (!m_library.openSource(&record, &handle)) {
+  HostReception reception = entry.settings.reception;
+  if (record.enInputType == MDATA_INPUT_NETWORK) {
+    entry.libraryPort = LibraryPort(entry);
+    if (entry.libraryPort != record.in.Network.usUDPPort) {
+      reception.port = std::exchange(record.in.Network.usUDPPort, entry.libraryPort);
+    }
+  }
+  m_setReception(reception);
+  const bool isOpen = m_library.openSource(&record, &handle) != FALSE;
+  m_setReception({});
+  if (!isOpen) {
     entry.nextTry = now + entry.pause;
     entry.pause = std::min<std::chrono::seconds>(entry.pause * 2, kLongestPause);
     Trouble(entry, "the library cannot open it; the log tells why", now);

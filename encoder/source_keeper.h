@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "config.h"
@@ -79,6 +80,11 @@ class SourceKeeper {
   SourceKeeper& operator=(const SourceKeeper&) = delete;
   ~SourceKeeper();
 
+  // Sets the function that tells the host what the sockets receive that this thread lets the library create from then on.
+  void SetReception(std::function<void(const HostReception&)> setReception) {
+    m_setReception = std::move(setReception);
+  }
+
   // Adds a source that is not open, or brings back a removed one of the same kind. `capabilities` are the library's.
   Source& Add(const SourceSettings& settings, DWORD capabilities);
   // Takes back Add, before the source was opened.
@@ -137,6 +143,7 @@ class SourceKeeper {
   HostCaptureState CaptureState(const Entry& entry) const;
   Health HealthOf(const Entry& entry) const;
   void LookAtCaptures(Clock::time_point now);
+  uint16_t LibraryPort(const Entry& entry) const;
 
   const Library& m_library;
   const MDATA_READY_CALLBACK m_callback;
@@ -145,6 +152,7 @@ class SourceKeeper {
   const Reach m_reach;
   const Say m_say;
   const Captures m_captures;
+  std::function<void(const HostReception&)> m_setReception = [](const HostReception&) {};
   std::deque<std::unique_ptr<Entry>> m_entries;
   std::optional<Clock::time_point> m_examineAt;  // after the network changed
   Clock::time_point m_nextLook{};                // at the captures of streams

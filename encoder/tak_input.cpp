@@ -104,13 +104,17 @@ uint64_t UnreadBytes(std::string_view table, uint16_t port) {
 TakInput::TakInput(const TakSettings& settings, bool retry)
     : m_settings(settings), m_retry(retry), m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
   if (settings.transport == TakSettings::Transport::Tls) m_tls = std::make_unique<TlsClient>(settings);
-  m_port = FreePort();
   m_out.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  // This socket has its port before the library's is chosen, so that they are not the same.
   const sockaddr_in from = Loopback(0);
-  const sockaddr_in to = Loopback(m_port);
-  if (!m_wake.IsOpen() || !m_out.IsOpen() ||
-      bind(m_out.Get(), reinterpret_cast<const sockaddr*>(&from), sizeof(from)) != 0 ||
-      connect(m_out.Get(), reinterpret_cast<const sockaddr*>(&to), sizeof(to)) != 0) {
+  bool isReady = m_wake.IsOpen() && m_out.IsOpen() &&
+                 bind(m_out.Get(), reinterpret_cast<const sockaddr*>(&from), sizeof(from)) == 0;
+  if (isReady) {
+    m_port = FreePort();
+    const sockaddr_in to = Loopback(m_port);
+    isReady = connect(m_out.Get(), reinterpret_cast<const sockaddr*>(&to), sizeof(to)) == 0;
+  }
+  if (!isReady) {
     throw std::runtime_error(std::string("no socket to the library: ") + std::strerror(errno));
   }
 }

@@ -91,14 +91,19 @@ OwnedFD OpenTakSocket(const TakSettings& settings, std::string& fault) {
   SetScope(settings.interface, local);
   OwnedFD fd(socket(local.address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   if (fd.IsOpen()) Set(fd.Get(), SOL_SOCKET, SO_RCVBUF, kReceiveBuffer);
+  if (!fd.IsOpen()) {
+    fault = std::string("no socket: ") + std::strerror(errno);
+    return OwnedFD();
+  }
+  // Whoever sees the port may send, so the group is joined before.
+  if (!settings.host.empty() && !JoinTakGroup(fd.Get(), settings, fault)) return OwnedFD();
   // The port of a group is shared with other programs. A socket that is bound to the group receives nothing else.
-  if (!fd.IsOpen() || (IsGroup(local) && !Set(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1)) ||
+  if ((IsGroup(local) && !Set(fd.Get(), SOL_SOCKET, SO_REUSEADDR, 1)) ||
       bind(fd.Get(), local.Plain(), local.size) != 0) {
     fault = "UDP port " + std::to_string(settings.port) +
             (errno == EADDRINUSE ? std::string(" is in use") : std::string(": ") + std::strerror(errno));
     return OwnedFD();
   }
-  if (!settings.host.empty() && !JoinTakGroup(fd.Get(), settings, fault)) return OwnedFD();
   return fd;
 }
 

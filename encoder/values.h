@@ -22,6 +22,7 @@ std::string Trim(std::string_view text);
 std::vector<std::string> SplitList(std::string_view text);
 
 struct Address {
+  bool operator==(const Address&) const = default;
   int32_t family = 0;  // AF_INET or AF_INET6
   std::array<BYTE, 16> bytes{};
   bool IsMulticast() const;

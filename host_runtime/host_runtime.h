@@ -84,6 +84,30 @@ bool HostRuntime_Apply(const HostRuntimeConfig& config, std::string* error = nul
 // Returns the configuration that applies.
 HostRuntimeConfig HostRuntime_Config();
 
+// --- reception ---------------------------------------------------------------------------------------
+
+// What the UDP sockets of a source receive, beyond what the library can ask for.
+struct HostReception {
+  bool operator==(const HostReception&) const = default;
+
+  struct Group {
+    bool operator==(const Group&) const = default;
+    int family = 0;                     // AF_INET or AF_INET6
+    std::array<uint8_t, 16> address{};  // IPv4 in the first four bytes
+    std::string interface;              // on which it is joined; empty: that of the source
+  };
+  std::vector<Group> groups;  // joined in place of the address that the library gives
+  Group sender;               // the only sender of the groups of its family (source-specific multicast), if it has one
+  std::string interface;      // for groups; without groups, the only interface that is received from. Empty: any
+  bool onlyLoopback = false;  // receives from programs of this machine only
+  // Bound in place of the port that the library gives, unless it is 0. The library refuses a second source on a port;
+  // sources of different groups on one port are opened with numbers that nobody else has.
+  uint16_t port = 0;
+};
+
+// Holds for the UDP sockets that the calling thread creates, through the library, until the next call.
+void HostRuntime_SetReception(const HostReception& reception);
+
 // --- log ---------------------------------------------------------------------------------------------
 
 // Changes a module's level at run time. The module need not exist yet; an empty name means all modules.

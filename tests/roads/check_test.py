@@ -96,7 +96,7 @@ VALUES = [
     Wrong(udp("prot = 5000"), 'unknown key, did you mean "port"?'),
     Wrong(udp("baud = 9600"), "[u] baud is allowed only with input = serial"),
     Wrong(udp("device = /dev/ttyS0"), "[u] device is allowed only with input = serial"),
-    Wrong(udp("interface = 1"), "[u] interface is allowed only with input = video"),
+    Wrong(udp("interface = 1"), "[u] interface must be an interface that is up, not \"1\""),
     Wrong(udp("cot_sensor = EO"), "[u] cot_sensor is allowed only with data = cot"),
     Wrong(COT + "cot_delta_ms = 2147484\n", "[c] cot_delta_ms must be a whole number from 0 to 2147483"),
     Wrong(COT + "cot_delta_ms = 0.5\n", "[c] cot_delta_ms must be"),
@@ -140,7 +140,7 @@ VALUES = [
 ]
 
 SENSE = [
-    Wrong(UDP + f"[w]\ninput = udp\nport = {PORT}\n", f"[w] port must be a port of its own, and [u] has {PORT}"),
+    Wrong(UDP + f"[w]\ninput = udp\nport = {PORT}\n", f"[w] port must be a port of its own, or one of other groups, and [u] has {PORT}"),
     Wrong(SERIAL + "[t]\ninput = serial\n", "[t] input = serial is allowed for one source only"),
     Wrong(encoder("capabilities = ipv4") + udp("family = ipv6"), "[u] family = ipv6 is allowed only with ipv6"),
     Wrong(encoder("capabilities = ipv6") + udp("address = 10.0.0.1"), "only with ipv4 among the capabilities"),

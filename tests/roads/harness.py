@@ -100,6 +100,12 @@ def udp_port_open(port):
     return wanted in tables
 
 
+def udp_sockets(port):
+    """Returns how many sockets have this port."""
+    tables = "".join(pathlib.Path(table).read_text() for table in ("/proc/net/udp", "/proc/net/udp6"))
+    return tables.count(f":{port:04X} ")
+
+
 def udp_queue(port):
     """Returns the bytes that the sockets on this port hold and nobody has read yet."""
     tables = "".join(pathlib.Path(table).read_text() for table in ("/proc/net/udp", "/proc/net/udp6"))

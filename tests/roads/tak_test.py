@@ -185,6 +185,7 @@ class Mesh(TakTest):
         cable("tak0", "tak1")
         self.encoder("[key]\nurl = tak://[ff02::7]:15970\ndata = cot\ninterface = tak0\n"
                      "[scope]\nurl = tak://[ff02::8%tak0]:15970\ndata = cot\n", ports=[15970])
+        self.wait_for(lambda: harness.udp_sockets(15970) == 2, "the socket of each")
         scope = socket.if_nametoindex("tak1")
         send_group(*self.both("level_flight"), group=("ff02::7", 15970, 0, scope))
         send_group(*self.both("client"), group=("ff02::8", 15970, 0, scope))
@@ -197,6 +198,7 @@ class Mesh(TakTest):
     def test_two_groups_on_one_port_do_not_mix(self):
         self.encoder("[one]\nurl = tak://239.2.3.1:15969\ndata = cot\n[two]\nurl = tak://239.2.3.2:15969\ndata = cot\n",
                      ports=[15969])
+        self.wait_for(lambda: harness.udp_sockets(15969) == 2, "the socket of each")
         send_group(*self.both("level_flight"), group=("239.2.3.1", 15969))
         send_group(*self.both("client"), group=("239.2.3.2", 15969))
         self.settle("one", 1)

@@ -125,6 +125,78 @@ TEST_F(SocketTest, GroupsOfOtherSocketsDoNotArrive) {
   EXPECT_EQ(Receive(first.fd, 20), "");
 }
 
+HostReception::Group Group(const char* text, int family = AF_INET) {
+  HostReception::Group group;
+  group.family = family;
+  EXPECT_EQ(inet_pton(family, text, group.address.data()), 1);
+  return group;
+}
+
+TEST_F(SocketTest, TheGroupsOfAReceptionAreJoinedOnItsPortUntilTheNextOne) {
+  const Descriptor taken = Open(0, {239, 255, 77, 1});
+  const USHORT port = PortOf(taken.fd);
+  HostReception reception;
+  reception.groups = {Group("239.255.77.4"), Group("239.255.77.5")};
+  reception.interface = "lo";
+  reception.port = port;
+  HostRuntime_SetReception(reception);
+  const Descriptor socket = Open(7, {239, 255, 77, 6});
+  ASSERT_GE(socket.fd, 0);
+  EXPECT_EQ(PortOf(socket.fd), port) << "in place of the library's number";
+  for (const char* const group : {"239.255.77.4", "239.255.77.6", "239.255.77.5"}) SendTo(group, port, group);
+  EXPECT_EQ(Receive(socket.fd), "239.255.77.4");
+  EXPECT_EQ(Receive(socket.fd), "239.255.77.5");
+  HostRuntime_SetReception({});
+  EXPECT_NE(PortOf(Open(0).fd), port);
+}
+
+TEST_F(SocketTest, OnlyTheSenderOfAReceptionIsReceived) {
+  HostReception reception;
+  reception.groups = {Group("232.255.77.1")};
+  reception.sender = Group("127.0.0.2");
+  reception.interface = "lo";
+  HostRuntime_SetReception(reception);
+  const Descriptor socket = Open(0);
+  HostRuntime_SetReception({});
+  ASSERT_GE(socket.fd, 0);
+  for (const char* const from : {"127.0.0.1", "127.0.0.2"}) {
+    const Descriptor sender(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in local = Address(from, 0);
+    const sockaddr_in to = Address("232.255.77.1", PortOf(socket.fd));
+    in_addr loopback{htonl(INADDR_LOOPBACK)};
+    ASSERT_EQ(setsockopt(sender.fd, IPPROTO_IP, IP_MULTICAST_IF, &loopback, sizeof(loopback)), 0);
+    ASSERT_EQ(bind(sender.fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)), 0);
+    ASSERT_EQ(sendto(sender.fd, from, 9, 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to)), 9);
+  }
+  EXPECT_EQ(Receive(socket.fd), "127.0.0.2");
+}
+
+TEST_F(SocketTest, AReceptionOfThisMachineOnlyIsBoundToTheLoopbackAddress) {
+  HostReception reception;
+  reception.onlyLoopback = true;
+  HostRuntime_SetReception(reception);
+  const Descriptor socket = Open(0);
+  HostRuntime_SetReception({});
+  sockaddr_in local{};
+  socklen_t size = sizeof(local);
+  ASSERT_EQ(getsockname(socket.fd, reinterpret_cast<sockaddr*>(&local), &size), 0);
+  EXPECT_EQ(local.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+}
+
+TEST_F(SocketTest, AnInterfaceOfAReceptionThatDoesNotExistFails) {
+  HostReception reception;
+  reception.interface = "nosuch0";
+  for (const bool isGroup : {false, true}) {
+    if (isGroup) reception.groups = {Group("239.255.77.1"), Group("ff02::77", AF_INET6)};
+    HostRuntime_SetReception(reception);
+    int fd = 0;
+    EXPECT_FALSE(CreateUDPv6RxSocket(0, 0, &fd));
+    EXPECT_EQ(fd, -1);
+    EXPECT_EQ(Open(0).fd, -1);
+  }
+  HostRuntime_SetReception({});
+}
+
 TEST_F(SocketTest, WithoutAConfiguredInterfaceLocalSendersAreReceived) {
   const Descriptor socket = Open(0, {239, 255, 77, 3});
   ASSERT_GE(socket.fd, 0);

@@ -70,6 +70,35 @@ TEST(Encoder, ExtendedTagsAreOnUnlessSwitchedOff) {
               HasSubstr("extended_tags must be yes or no, not \"maybe\""));
 }
 
+TEST(Source, GroupsSendersAndInterfacesOfUdp) {
+  const Config one = Read(std::string(kUdp) + "address = 239.1.2.3\n");
+  EXPECT_EQ(one.sources[0].reception, HostReception{}) << "the library asks for it";
+  const Config several = Read(std::string(kUdp) + "address = 239.1.2.3, ff02::7%eth2\ninterface = eth1\n");
+  EXPECT_EQ(Record(several).in.Network.iSrcAddressFamily, 0);
+  EXPECT_EQ(Record(several).in.Network.acSrcAddress[0], 0) << "of any sender";
+  const HostReception& reception = several.sources[0].reception;
+  EXPECT_EQ(reception.interface, "eth1");
+  ASSERT_EQ(reception.groups.size(), 2U);
+  EXPECT_EQ(reception.groups[0].family, AF_INET);
+  EXPECT_EQ(reception.groups[0].interface, "");
+  EXPECT_EQ(reception.groups[1].family, AF_INET6);
+  EXPECT_EQ(reception.groups[1].interface, "eth2");
+  const Config specific = Read(std::string(kUdp) + "address = 232.1.2.3\nsender = 10.0.0.5\n");
+  EXPECT_EQ(AddressText(AF_INET, Record(specific).in.Network.acSrcAddress), "10.0.0.5") << "the library filters, too";
+  EXPECT_EQ(specific.sources[0].reception.sender.family, AF_INET);
+  EXPECT_EQ(specific.sources[0].reception.groups.size(), 1U);
+  const Config neighbour = Read(std::string(kUdp) + "address = fe80::1%eth3\n");
+  EXPECT_EQ(neighbour.sources[0].reception.interface, "eth3");
+  EXPECT_EQ(AddressText(AF_INET6, Record(neighbour).in.Network.acSrcAddress), "fe80::1");
+}
+
+TEST(Source, DifferentGroupsShareAPort) {
+  const std::string one = std::string(kUdp) + "address = 239.1.2.3, 239.1.2.4\n";
+  EXPECT_EQ(Complaint(one + "[v]\ninput = udp\nport = 5000\naddress = 239.1.2.5\n"), "accepted");
+  EXPECT_THAT(Complaint(one + "[v]\ninput = udp\nport = 5000\naddress = 239.1.2.4\n"), HasSubstr("port of its own"));
+  EXPECT_THAT(Complaint(one + "[v]\ninput = udp\nport = 5000\n"), HasSubstr("port of its own"));
+}
+
 TEST(Source, SerialSettings) {
   const Config config = Read(
       "[line]\ninput = serial\ndata = cot\nindex = 9\ndevice = /dev/ttyUSB0\nbaud = 57600\nparity = even\nflow = hardware\nstop = 2\nbits = 7\n"
@@ -262,12 +291,16 @@ INSTANTIATE_TEST_SUITE_P(
             "[u] keep_tags must be a list of tags 0 to 127, ranges and item names, or none, not \"15-13\""},
         Bad{UDP "keep_security_tags = 32\n",
             "[u] keep_security_tags must be a list of tags 0 to 31, ranges and element names, or none, not \"32\""},
-        Bad{UDP "address = ff02::1\n",
-            "[u] address must be the sender's numeric IPv4 or IPv6 address of the family given, or an IPv4 group, not "
-            "\"ff02::1\""},
+        Bad{UDP "address = ff02::1, fd00::1\n",
+            "[u] address must be the sender's numeric IPv4 or IPv6 address of the family given, or up to 16 groups with commas "
+            "between them, not \"ff02::1, fd00::1\""},
         Bad{UDP "family = ipv6\naddress = 10.0.0.1\n",
-            "[u] address must be the sender's numeric IPv4 or IPv6 address of the family given, or an IPv4 group, not "
-            "\"10.0.0.1\""},
+            "[u] address must be the sender's numeric IPv4 or IPv6 address of the family given, or up to 16 groups with commas "
+            "between them, not \"10.0.0.1\""},
+        Bad{UDP "address = 239.1.1.1, ff02::1\nsender = 10.0.0.1\n",
+            "[u] sender must be a numeric address of the family of all groups, not \"10.0.0.1\""},
+        Bad{UDP "address = 10.0.0.1\nsender = 10.0.0.1\n",
+            "[u] sender is allowed only with input = udp and groups as the address"},
         Bad{"[a b]\ninput = video\n", "[a b] must be a source name of up to 49 letters, digits, '_', '-' and '.'"},
         Bad{"[encoder]\nformat = xml\n", "[encoder] format must be one of table, json, csv, none, not \"xml\""},
         Bad{"[encoder]\ncapabilities = cot\n",
@@ -279,19 +312,20 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"[encoder]\nduration = -1\n", "[encoder] duration must be a number from 0 to 1e+09, not \"-1\""},
         Bad{"[encoder]\nduration = 1,5\n", "[encoder] duration must be a number from 0 to 1e+09, not \"1,5\""}));
 
-INSTANTIATE_TEST_SUITE_P(Together, BadConfig,
-                         testing::Values(Bad{"[encoder]\nformat = json\n",
-                                             "there is no source; each source is a section with at least its input"},
-                                         Bad{UDP "[v]\ninput = udp\ndata = cot\nport = 5000\n",
-                                             "[v] port must be a port of its own, and [u] has 5000"},
-                                         Bad{"[a]\ninput = serial\n[b]\ninput = serial\ndata = cot\n",
-                                             "[b] input = serial is allowed for one source only, and [a] has it"},
-                                         Bad{UDP "output = x\n[v]\ninput = video\noutput = x\n",
-                                             "[v] output must be a file of its own, and [u] has \"/conf/x\""},
-                                         Bad{"[encoder]\ncapabilities = ipv4\n" UDP "family = ipv6\n",
-                                             "[u] family = ipv6 is allowed only with ipv6 among the capabilities"},
-                                         Bad{"[encoder]\ncapabilities = ipv4\n" UDP "data = cot\n",
-                                             "[u] data = cot is allowed only with cot among the capabilities"}));
+INSTANTIATE_TEST_SUITE_P(
+    Together, BadConfig,
+    testing::Values(Bad{"[encoder]\nformat = json\n",
+                        "there is no source; each source is a section with at least its input"},
+                    Bad{UDP "[v]\ninput = udp\ndata = cot\nport = 5000\n",
+                        "[v] port must be a port of its own, or one of other groups, and [u] has 5000"},
+                    Bad{"[a]\ninput = serial\n[b]\ninput = serial\ndata = cot\n",
+                        "[b] input = serial is allowed for one source only, and [a] has it"},
+                    Bad{UDP "output = x\n[v]\ninput = video\noutput = x\n",
+                        "[v] output must be a file of its own, and [u] has \"/conf/x\""},
+                    Bad{"[encoder]\ncapabilities = ipv4\n" UDP "family = ipv6\n",
+                        "[u] family = ipv6 is allowed only with ipv6 among the capabilities"},
+                    Bad{"[encoder]\ncapabilities = ipv4\n" UDP "data = cot\n",
+                        "[u] data = cot is allowed only with cot among the capabilities"}));
 
 INSTANTIATE_TEST_SUITE_P(
     Recordings, BadConfig,
@@ -531,7 +565,7 @@ TEST(Url, WhatDoesNotFitIsRefused) {
   EXPECT_EQ(Complaint("[a]\nurl = srt://h:1\nspeed = 2\n"), "[a] speed is allowed only with url of a file");
   EXPECT_EQ(Complaint("[a]\nurl = a.ts\nfilter = udp\n"), "[a] filter is allowed only with url of a capture file");
   EXPECT_EQ(Complaint("[a]\nurl = a.ts\ninterface = 1\n"),
-            "[a] interface is allowed only with input = video and without url");
+            "[a] interface is allowed only with input = udp, with input = video and without url, or with url = tak://");
   EXPECT_EQ(Complaint("[a]\nurl = a.pcap\nport = 5000\n"), "[a] port is allowed only with input = udp and without url");
   EXPECT_EQ(Complaint("[a]\nurl = a.ts\nspeed = -1\n"), "[a] speed must be a number from 0 to 1000, not \"-1\"");
 }

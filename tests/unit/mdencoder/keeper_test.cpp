@@ -138,6 +138,27 @@ class KeeperTest : public testing::Test {
 
 constexpr char kUdp[] = "[a]\ninput = udp\nport = 5000\n";
 
+TEST_F(KeeperTest, SourcesOfDifferentGroupsOnOnePortHaveNumbersOfTheirOwnInTheLibrary) {
+  std::vector<HostReception> receptions;
+  m_keeper.SetReception([&](const HostReception& reception) { receptions.push_back(reception); });
+  Start(
+      "[a]\ninput = udp\nport = 5000\naddress = 239.1.1.1\n[b]\ninput = udp\nport = 5000\naddress = 239.1.1.2\n"
+      "[c]\ninput = udp\nport = 1\n[d]\ninput = udp\nport = 5000\naddress = ff02::1\ninterface = eth1\n");
+  ASSERT_EQ(m_fake.sources.size(), 4U);
+  EXPECT_EQ(m_fake.sources[0].record.in.Network.usUDPPort, 5000);
+  EXPECT_EQ(m_fake.sources[1].record.in.Network.usUDPPort, 2);
+  EXPECT_EQ(m_fake.sources[2].record.in.Network.usUDPPort, 1);
+  EXPECT_EQ(m_fake.sources[3].record.in.Network.usUDPPort, 3);
+  ASSERT_EQ(receptions.size(), 8U) << "set before each opening, and taken back after it";
+  EXPECT_EQ(receptions[0].port, 0);
+  EXPECT_EQ(receptions[2].port, 5000);
+  EXPECT_EQ(receptions[6].port, 5000);
+  EXPECT_EQ(receptions[6].interface, "eth1");
+  EXPECT_EQ(receptions[6].groups.size(), 1U);
+  EXPECT_EQ(receptions[7], HostReception{});
+  EXPECT_EQ(m_keeper.Reports(true).at(3).settings->record.in.Network.usUDPPort, 5000);
+}
+
 TEST_F(KeeperTest, WaitsInOneLineAndOpensInAnother) {
   m_obstacle = "UDP port 5000 is in use";
   Start(kUdp);

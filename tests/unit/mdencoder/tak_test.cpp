@@ -115,8 +115,10 @@ TEST(TakSource, KeysOfOtherSourcesAreRefused) {
               HasSubstr("[t] tls_ca is allowed only with data = cot and url = tls://"));
   EXPECT_THAT(Complaint("[t]\ndata = cot\nurl = tls://h:1\ntls_key = x\n"),
               HasSubstr("[t] tls_key is allowed only with a tls_certificate"));
-  EXPECT_THAT(Complaint("[t]\ndata = cot\nurl = tcp://h:1\ninterface = eth0\n"),
-              HasSubstr("[t] interface is allowed only with input = video and without url, or with url = tak://"));
+  EXPECT_THAT(
+      Complaint("[t]\ndata = cot\nurl = tcp://h:1\ninterface = eth0\n"),
+      HasSubstr("[t] interface is allowed only with input = udp, with input = video and without url, or with url = "
+                "tak://"));
   EXPECT_THAT(Complaint("[t]\ninput = udp\nport = 1\ndata = cot\ncot_aircraft = x\n"),
               HasSubstr("[t] cot_aircraft is allowed only with data = cot and url = tak://, tcp:// or tls://"));
   EXPECT_THAT(Complaint("[t]\ndata = cot\nurl = ftp://h:1\n"), HasSubstr("[t] url must be tak://GROUP:PORT, tcp://"));
