@@ -13,7 +13,7 @@ from harness import EndToEndTest, send
 from recipe import Recipe
 
 HOSTILE = ('=HYPERLINK("http://x")', "a,b\r\nc;\"d\"", "\x1b]0;title\x07", "<script>&amp;", "\u202eabc", "x" * 1000)
-UDP = "[udp]\ninput = udp\nport = 15000\n"
+UDP = "[udp]\ninput = udp\nport = 15000\nfamily = ipv4\n"
 
 
 class Output(EndToEndTest):
@@ -96,21 +96,20 @@ class Output(EndToEndTest):
         os.set_blocking(master, False)
         text = ""
 
-        def read(wanted):
+        def row_has(wanted):
             nonlocal text
+            send(15000, harness.message((2, bytes(8))))
             try:
                 text += os.read(master, 65536).decode()
             except BlockingIOError:
                 pass
             return wanted in text
 
-        send(15000, harness.message((2, bytes(8))))
-        self.wait_for(lambda: read("ok        00:00:00.000"), "the first row")
+        self.wait_for(lambda: row_has("ok        00:00:00.000"), "the first row")
         self.assertLessEqual(max(map(len, text.splitlines())), 50)
         self.assertNotIn("SENSOR LON", text)
         fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("4H", 24, 132, 0, 0))
-        send(15000, harness.message((2, bytes(8))))
-        self.wait_for(lambda: read("SLANT RANGE"), "the titles of the wider table")
+        self.wait_for(lambda: row_has("SLANT RANGE"), "the titles of the wider table")
 
 
 if __name__ == "__main__":
