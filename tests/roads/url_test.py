@@ -60,11 +60,13 @@ class Url(EndToEndTest):
     def errors(self):
         return (self.folder / "encoder.err").read_text()
 
-    def receive(self, url, *to):
+    def receive(self, url, *to, first=None):
         """Lets FFmpeg send the flight beside a picture, and returns what was delivered and the counts of the capture."""
         expected = walk(self.flight())
         self.assertEqual(len(expected), 40)
         self.encoder(f"[cam]\nurl = {url}\n", [15801] if url.startswith(("udp", "rtp")) else [])
+        if first:
+            self.wait_for(lambda: first in self.errors(), f"the line: {first}")
         self.send_with_picture(*to)
         self.settle("cam", 40, 60)
         summary = self.stop()
@@ -84,9 +86,9 @@ class Url(EndToEndTest):
         self.assertEqual(counts["lost_packets"], 0)
 
     def test_http_once_the_server_is_there(self):
-        self.receive("http://127.0.0.1:15802/live.ts", "-f", "mpegts", "-listen", "1", "http://127.0.0.1:15802/live.ts")
-        self.assertIn("mdencoder: source cam waits: cannot open http://127.0.0.1:15802/live.ts: Connection refused\n",
-                      self.errors())
+        url = "http://127.0.0.1:15802/live.ts"
+        self.receive(url, "-f", "mpegts", "-listen", "1", url,
+                     first=f"mdencoder: source cam waits: cannot open {url}: Connection refused\n")
         self.assertIn("mdencoder: source cam is open after ", self.errors())
 
     def test_tcp_and_its_end(self):
