@@ -14,6 +14,7 @@
 #include <map>
 #include <string>
 #include <tuple>
+#include <tuple>
 #include <vector>
 
 // --- configuration -----------------------------------------------------------------------------------
@@ -35,7 +36,10 @@ struct HostCaptureConfig {
   uint16_t port = 0;    // Anc
   double speed = 1;     // Media: a file's own time times this; 0 for as fast as its messages are taken
 
-  bool operator==(const HostCaptureConfig&) const = default;
+  bool operator==(const HostCaptureConfig& other) const {
+    return std::tie(kind, path, loop, address, port, speed) ==
+           std::tie(other.kind, other.path, other.loop, other.address, other.port, other.speed);
+  }
 };
 
 // One key of an INI file that the library reads.
@@ -88,13 +92,14 @@ HostRuntimeConfig HostRuntime_Config();
 
 // What the UDP sockets of a source receive, beyond what the library can ask for.
 struct HostReception {
-  bool operator==(const HostReception&) const = default;
-
   struct Group {
-    bool operator==(const Group&) const = default;
     int family = 0;                     // AF_INET or AF_INET6
     std::array<uint8_t, 16> address{};  // IPv4 in the first four bytes
     std::string interface;              // on which it is joined; empty: that of the source
+
+    bool operator==(const Group& other) const {
+      return std::tie(family, address, interface) == std::tie(other.family, other.address, other.interface);
+    }
   };
   std::vector<Group> groups;  // joined in place of the address that the library gives
   Group sender;               // the only sender of the groups of its family (source-specific multicast), if it has one
@@ -103,6 +108,11 @@ struct HostReception {
   // Bound in place of the port that the library gives, unless it is 0. The library refuses a second source on a port;
   // sources of different groups on one port are opened with numbers that nobody else has.
   uint16_t port = 0;
+
+  bool operator==(const HostReception& other) const {
+    return std::tie(groups, sender, interface, onlyLoopback, port) ==
+           std::tie(other.groups, other.sender, other.interface, other.onlyLoopback, other.port);
+  }
 };
 
 // Holds for the UDP sockets that the calling thread creates, through the library, until the next call.

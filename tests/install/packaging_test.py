@@ -55,7 +55,7 @@ class Packaging(unittest.TestCase):
         self.assertIn("md5=" + hashlib.md5((SOURCE / "LICENSE").read_bytes()).hexdigest(), text)
         named = set(re.findall(r"-D(METADATA_\w+)=", text))
         self.assertLessEqual(named, OPTIONS)
-        self.assertEqual(len(named), 2)
+        self.assertEqual(len(named), 3)
 
     def test_the_buildroot_menu_reads_and_can_be_chosen(self):
         with tempfile.TemporaryDirectory() as folder:
