@@ -58,7 +58,8 @@ class Overload(EndToEndTest):
         print(f"sent {sent}, received {received}, dropped by the queue {entry['dropped']}")
         self.assertEqual(received + entry["kernel_drops"], sent)
         self.assertGreater(entry["messages"], 10000)
-        self.assertLess(entry["dropped"], received * 0.1)
+        # What a sanitizer makes slower is not the same for the thread that receives and the one that records.
+        self.assertLess(entry["dropped"], received * (0.1 if harness.SLOW == 1 else 0.5))
         self.assertEqual(len(self.delivered("udp")), entry["messages"])
         self.assertEqual(source(summary, "other")["messages"] + source(summary, "other")["dropped"], 100)
 
