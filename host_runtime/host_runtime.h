@@ -14,7 +14,6 @@
 #include <map>
 #include <string>
 #include <tuple>
-#include <tuple>
 #include <vector>
 
 // --- configuration -----------------------------------------------------------------------------------
