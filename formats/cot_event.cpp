@@ -18,6 +18,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "markup_text.h"
+
 namespace cot {
 namespace {
 
@@ -25,36 +27,8 @@ using Names = std::span<const std::string_view>;
 
 // --- Text --------------------------------------------------------------------------------------------
 
-std::string Escaped(std::string_view text) {
-  std::string escaped;
-  for (const char c : text) {
-    switch (c) {
-      case '&':
-        escaped += "&amp;";
-        break;
-      case '<':
-        escaped += "&lt;";
-        break;
-      case '>':
-        escaped += "&gt;";
-        break;
-      case '"':
-        escaped += "&quot;";
-        break;
-      default:
-        if (static_cast<unsigned char>(c) < ' ') {
-          escaped += "&#" + std::to_string(static_cast<int>(c)) + ";";
-        } else {
-          escaped += c;
-        }
-        break;
-    }
-  }
-  return escaped;
-}
-
 std::string Attribute(std::string_view name, std::string_view value) {
-  return " " + std::string(name) + "=\"" + Escaped(value) + "\"";
+  return " " + std::string(name) + "=\"" + markup_text::XmlText(value) + "\"";
 }
 
 std::optional<double> Number(std::string_view text) {
@@ -252,7 +226,7 @@ Prepared PrepareTree(const pugi::xml_node& event) {
   }
   const auto point = PointText(event.child("point"));
   if (!point || !IsTime(event.attribute("time").value())) return prepared;
-  if (prepared.uid.empty() || Escaped(prepared.uid).size() > kLongestUid) return prepared;
+  if (prepared.uid.empty() || markup_text::XmlText(prepared.uid).size() > kLongestUid) return prepared;
   Assemble(StartTag(event) + *point, event.child("detail"), prepared);
   return prepared;
 }

@@ -49,7 +49,12 @@ std::string XmlText(std::string_view text) {
         escaped += "&quot;";
         break;
       default:
-        escaped += character;
+        if (static_cast<unsigned char>(character) < ' ') {
+          escaped += "&#" + std::to_string(static_cast<int>(character)) + ";";
+        } else {
+          escaped += character;
+        }
+        break;
     }
   }
   return escaped;

@@ -16,7 +16,7 @@ std::string Decimal(double value, int digits);
 std::string TimeText(uint64_t microseconds);
 // With its quotation marks.
 std::string JsonText(std::string_view text);
-// For content and for attributes in double quotation marks.
+// For content and for attributes in double quotation marks, which would turn the end of a line into a blank.
 std::string XmlText(std::string_view text);
 
 }  // namespace markup_text
