@@ -13,6 +13,7 @@ from serial_line import SERIAL, Copies, Line, random_size, sized_message
 REPLUGS = int(os.environ.get("METADATA_TEST_REPLUGS", "12"))
 GONE = "is gone; waiting for it to come back."
 BACK = "is back."
+TOO_LATE = "TIMEOUT waiting for message"
 
 
 class SerialLine(EndToEndTest):
@@ -30,8 +31,18 @@ class SerialLine(EndToEndTest):
     def log(self):
         return (self.folder / "host.log").read_text()
 
+    def arrives(self, message, late):
+        """Waits for the copy of a message, or for the line that says that the reader was given its end too late."""
+        for _ in range(100):
+            while (copy := self.copies.next(0.1 * harness.SLOW)) is not None:
+                if copy == message:
+                    return True
+            if self.log().count(TOO_LATE) > late:
+                return False
+        self.fail("a message is missing, and no line says that it came too late")
+
     def all_arrive(self, baud, sizes, most):
-        """One message of every size must arrive if it was sent at the rate, and may arrive if it was sent too late."""
+        """One message of every size must arrive that was sent and read in time; one that was late may arrive."""
         self.open(baud)
         wanted = []
         number = 0
@@ -39,21 +50,16 @@ class SerialLine(EndToEndTest):
             for _ in range(30):
                 number += 1
                 message = sized_message(number, size)
-                kept = self.line.send(message, baud, most, number)
-                time.sleep(max(0.03, 300 / baud))
-                if kept:
+                late = self.log().count(TOO_LATE)
+                if self.line.send(message, baud, most, number) and self.arrives(message, late):
                     wanted.append(message)
                     break
                 # The next message must not depend on the decoder's result for this one.
                 time.sleep(0.6)
                 self.line.write(b"\xff" * 16)
                 time.sleep(0.1)
-        self.assertTrue(wanted, "this machine is too busy to send a message at the rate")
-        missing = set(wanted)
-        while missing:
-            message = self.copies.next(10 * harness.SLOW)
-            self.assertIsNotNone(message, f"{len(missing)} of {len(wanted)} messages are missing")
-            missing.discard(message)
+            else:
+                self.fail(f"no message of {size} bytes was sent and read in time")
         summary = self.stop()
         self.assertEqual([message for message in self.delivered("serial") if message in wanted], wanted)
         if number == len(sizes):
