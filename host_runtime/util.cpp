@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <optional>
@@ -51,14 +52,13 @@ void CalcTimeOfDayDiff(const struct timeval* pStart, const struct timeval* pEnd,
 }
 
 void CalcTimeOfDayAbsDiff(const struct timeval* pA, const struct timeval* pB, struct timeval* pDiff) {
-  timeval difference{0, 0};
-  if (timercmp(pA, pB, >)) {
-    timersub(pA, pB, &difference);
-  } else {
-    timersub(pB, pA, &difference);
-  }
-  g_timeDifference = {true, int64_t{difference.tv_sec} * 1'000'000 + difference.tv_usec};
-  *pDiff = difference;
+  // Field by field: both fields read at once would have to wait until the clock's stores are done.
+  constexpr int64_t kSecond = 1'000'000;
+  const int64_t signedDifference = (int64_t{pA->tv_sec} - pB->tv_sec) * kSecond + (int64_t{pA->tv_usec} - pB->tv_usec);
+  const int64_t difference = std::abs(signedDifference);
+  g_timeDifference = {true, difference};
+  pDiff->tv_sec = difference / kSecond;
+  pDiff->tv_usec = difference % kSecond;
 }
 
 int PrintToString(char* szBuffer, int nSize, const char* szFormat, ...) {
