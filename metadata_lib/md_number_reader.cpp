@@ -218,19 +218,28 @@ bool MdNumberReader::HasLookAhead() {
 int MdNumberReader::ReadUsual(float* values, int most) {
   if (!m_seekable) return 0;
   int done = 0;
-  while (done < most && HasLookAhead()) {
-    const char* number = m_next;
-    while (_IsBlank(*number) && number - m_next < 4) ++number;
+  const char* next = m_next;
+  const char* last = next - 1;  // where a number may begin at the latest
+  for (; done < most; ++done) {
+    if (next > last) {
+      m_next = next;
+      const bool more = HasLookAhead();
+      next = m_next;
+      if (!more) break;
+      last = m_end - kLookAhead;
+    }
+    const char* number = next;
+    while (_IsBlank(*number) && number - next < 4) ++number;
     const uint64_t first = _LoadWord(number);
     const int total = _BlankOffset(first, _LoadWord(number + 8));
     if (_Convert(number, first, total, &values[done]))
-      m_next = number + total + 1;
+      next = number + total + 1;
     else if (const char* end = _ConvertPlain(number, &values[done]))
-      m_next = end;
+      next = end;
     else
       break;
-    ++done;
   }
+  m_next = next;
   return done;
 }
 
