@@ -316,7 +316,7 @@ static Step _Decode(Slice& s) {
     s.held.Drop(kCoTHeaderSize);
     return Step::Rescan;
   }
-  MdAddFetch(pCtxt->Stats.nRxOkMessages, 1);
+  MdCount(pCtxt->Stats.nRxOkMessages, 1);
   return Step::KeepRest;
 }
 
@@ -377,7 +377,7 @@ static void _RunSlice(Slice& s) {
 int COT_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   auto* pCtxt = static_cast<COT_DECODE_CONTEXT*>(pvCtxt);
   if (nLength <= 0) return 0;
-  MdAddFetch(pCtxt->Stats.nTotalRxBytes, nLength);
+  MdCount(pCtxt->Stats.nTotalRxBytes, nLength);
   int done = 0;
   while (done < nLength) {
     _UseWideBuffer(pCtxt);
@@ -413,7 +413,7 @@ static WORD _GetBlockLength(const BYTE* data, int size) {
 
 // Counts and logs a block whose CRC is wrong.
 static void _RejectBlock(COT_DECODE_CONTEXT* pCtxt, WORD stored, WORD computed) {
-  const ULONG corrupted = MdAddFetch(pCtxt->Stats.nRxCorruptedMessages, 1);
+  const ULONG corrupted = MdCount(pCtxt->Stats.nRxCorruptedMessages, 1);
   MD_LOG(4, "CRC DOES NOT MATCH In=0x%04X vs Calc=0x%04X!!!\n", stored, computed);
   _LogLostXMLEvent(corrupted);
 }
@@ -504,7 +504,7 @@ BOOL _ProcessARQ(COT_DECODE_CONTEXT* pCtxt, MDATA_BUFFER* pBuff) {
     MD_LOG(4, "This message is not on channel 1 but %c (0x%02x)\n", channel, channel);
     return FALSE;
   }
-  MdAddFetch(pCtxt->Stats.nRxChannel1Messages, 1);
+  MdCount(pCtxt->Stats.nRxChannel1Messages, 1);
   MD_LOG(6, "Received Valid ARQ Data for Channel 1\n");
   _LogXMLEvent(pBuff);
 

@@ -393,7 +393,7 @@ static Step _KeepRest(Slice& s) {
 }
 
 static Step _DropSync(Slice& s) {
-  MdAddFetch(s.pCtxt->Stats.nRxCorruptedMessages, 1);
+  MdCount(s.pCtxt->Stats.nRxCorruptedMessages, 1);
   // KEPT: only the sync bytes are dropped; the next message may begin inside the discarded bytes.
   s.held.Drop(kKLVSyncSize);
   return Step::Rescan;
@@ -444,7 +444,7 @@ static void _RunSlice(Slice& s) {
 
 int GenericKLV_ProcessRxData(void* pvCtxt, const BYTE* pvData, int nLength) {
   KLV_DECODE_CONTEXT* pCtxt = _Context(pvCtxt);
-  if (nLength > 0) MdAddFetch(pCtxt->Stats.nTotalRxBytes, nLength);
+  if (nLength > 0) MdCount(pCtxt->Stats.nTotalRxBytes, nLength);
   if (pCtxt->pDecodeBuffer == nullptr) return 0;
   bool lost = false;
   int done = 0;
@@ -655,7 +655,7 @@ static bool _ValidateHeldMessage(KLV_DECODE_CONTEXT* pCtxt, BYTE* data, int mess
   MD_LOG(7, "Called with nHeaderSize=%d, nMsgSize=%d\n", headerSize, messageSize);
   if (!(reread != nullptr ? _WalkItemsAgain(walk) : _WalkItems(walk))) return false;
   if (walk.offset == messageSize) {
-    MdAddFetch(pCtxt->Stats.nRxOkMessages, 1);
+    MdCount(pCtxt->Stats.nRxOkMessages, 1);
     MD_LOG(7, "Message is OK.\n");
     return true;
   }

@@ -26,7 +26,8 @@ inline constexpr int kKLVLargestMessage = 19 + 65535;  // key, 3-byte length, va
 inline constexpr int kKLVSliceSize = 65536;            // longer chunks are fed in slices of this size
 inline constexpr int kKLVDecodeCapacity = kKLVLargestMessage + kKLVSliceSize;  // capacity of the buffer
 
-// One per stream. Driven by the metadata thread; Stats are single atomic values.
+// One per stream. Driven by the metadata thread under g_MetaDataAPIMutex, which keeps those out who set Stats; these are
+// single atomic values.
 typedef struct tagKLV_DECODE_CONTEXT {
   int32_t enState;              // tagKLV_STATE
   int32_t nStoredAmount;        // bytes held
