@@ -128,8 +128,10 @@ struct Slice {
   const BYTE* const input;  // fits behind the held bytes, which are fewer than the largest message
   const int size;
   MdSyncBuffer held;
-  int matched = 0;         // bytes of the sync pattern at the front
-  bool chunkLost = false;  // the rest of the chunk is dropped
+  int matched = 0;          // bytes of the sync pattern at the front
+  bool hasStart = false;    // the clock was read in this slice, into MsgStartTime
+  bool isStartOld = false;  // that was for an earlier key
+  bool chunkLost = false;   // the rest of the chunk is dropped
 };
 
 }  // namespace
@@ -139,6 +141,22 @@ static constexpr MdSyncPattern kKLVSync = {KLVSyncPattern, kKLVSyncSize};
 static Step _Wait(Slice& s, tagKLV_STATE state) {
   s.pCtxt->enState = state;
   return Step::Wait;
+}
+
+static void _NoteStart(Slice& s) {
+  KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
+  s.hasStart = gettimeofday(&pCtxt->MsgStartTime, nullptr) == 0;
+  MD_ASSERT_TEXT(s.hasStart, "gettimeofday(&pCtxt->MsgStartTime, NULL) == 0");
+  MD_LOG(7, "Stored message start time %d.%d\n", static_cast<int>(pCtxt->MsgStartTime.tv_sec),
+         static_cast<int>(pCtxt->MsgStartTime.tv_usec));
+  s.isStartOld = false;
+}
+
+// Waits for the rest of a message, which must come in time: measured from now if the clock was read before, because the
+// handler of an earlier message may have taken long.
+static Step _WaitForRest(Slice& s, tagKLV_STATE state) {
+  if (s.isStartOld) _NoteStart(s);
+  return _Wait(s, state);
 }
 
 static Step _ScanChunk(Slice& s) {
@@ -262,11 +280,12 @@ static Step _SyncFound(Slice& s) {
 // KEPT: after a partial sync or key the 16-byte check is skipped; missing key bytes and the length come from stale
 // buffer contents, zeros at first.
 static Step _KeyComplete(Slice& s) {
-  KLV_DECODE_CONTEXT* pCtxt = s.pCtxt;
-  MD_ASSERT(gettimeofday(&pCtxt->MsgStartTime, NULL) == 0);
-  MD_LOG(7, "Stored message start time %d.%d\n", static_cast<int>(pCtxt->MsgStartTime.tv_sec),
-         static_cast<int>(pCtxt->MsgStartTime.tv_usec));
-  pCtxt->bHeaderGuessed = FALSE;
+  // The start matters only to a message that is waited for: the clock is not read again for each that is complete.
+  if (s.hasStart && !MdLogEnabled(g_hMetaDataLibDbg, 7))
+    s.isStartOld = true;
+  else
+    _NoteStart(s);
+  s.pCtxt->bHeaderGuessed = FALSE;
   return Step::LookUpDesignator;
 }
 
@@ -281,7 +300,7 @@ static Step _LookUpDesignator(Slice& s) {
          pCtxt->nKlvLengthFieldSize, designator);
   if (s.held.Stored() == kKLVKeySize) {
     MD_LOG(7, "Switching to ACQUIRING_DATA_LENGTH state\n");
-    return _Wait(s, KLV_STATE_ACQUIRING_DATA_LENGTH);
+    return _WaitForRest(s, KLV_STATE_ACQUIRING_DATA_LENGTH);
   }
   return Step::ReadLength;
 }
@@ -297,7 +316,7 @@ static Step _LongFormLength(Slice& s, const MdLength& length, MdRead result) {
   if (result == kMdReadLengthCut) {
     MD_LOG(7, "Stored amount %d is less than header size of %d, switching to ACQUIRING_DATA_LENGTH\n", s.held.Stored(),
            pCtxt->nHeaderSize);
-    return _Wait(s, KLV_STATE_ACQUIRING_DATA_LENGTH);
+    return _WaitForRest(s, KLV_STATE_ACQUIRING_DATA_LENGTH);
   }
   if (bytes == 2) {
     MD_LOG(7, "Data length for 2 bytes BER long form is %d\n", static_cast<int>(length.value));
@@ -341,7 +360,7 @@ static Step _CheckCompleteness(Slice& s) {
   if (s.held.Stored() < s.pCtxt->nMsgSize) {
     MD_LOG(7, "Stored amount %d is less than message size of %d, switching to ACQUIRING_DATA\n", s.held.Stored(),
            s.pCtxt->nMsgSize);
-    return _Wait(s, KLV_STATE_ACQUIRING_DATA);
+    return _WaitForRest(s, KLV_STATE_ACQUIRING_DATA);
   }
   MD_LOG(7, "Got the full message\n");
   return Step::CheckMessage;

@@ -571,6 +571,26 @@ TEST_F(DecoderTest, LateChunkIsLostWithAllItsSlices) {
   ExpectCountersAddUp();
 }
 
+// The clock is read once for the keys of a chunk, and again for the message that is left waiting; a log of level 7 shows
+// the time of each.
+TEST_F(DecoderTest, HandlerThatTakesLongDoesNotMakeTheNextMessageLate) {
+  host().SetLevel("METADATALIB", 6);
+  Context().pfnRxHandler = [](MDATA_BUFFER*, void*) { host().Advance(400); };
+  Feed(Numbered(1) + Numbered(2) + Part(Numbered(3), 0, 30));
+  host().Advance(400);
+  Feed(Part(Numbered(3), 30));
+  EXPECT_EQ(Stats().nRxOkMessages, 3u);
+}
+
+TEST_F(DecoderTest, WaitingMessageAssertsIfTheClockFailsOnlyForIt) {
+  host().SetLevel("METADATALIB", 6);
+  host().FailNext("gettimeofday", {.skip = 1});
+  Feed(Numbered(1) + Part(Numbered(2), 0, 30));
+  ExpectAssertion("gettimeofday(&pCtxt->MsgStartTime, NULL) == 0");
+  Feed(Part(Numbered(2), 30));
+  EXPECT_THAT(m_messages, ElementsAre(Numbered(1), Numbered(2)));
+}
+
 TEST_F(DecoderTest, HalfASecondIsStillInTime) {
   const Bytes message = WellFormedMessage();
   host().SetWallClock(5000, 100000);
