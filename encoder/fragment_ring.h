@@ -124,15 +124,14 @@ class FragmentRing {
   std::shared_ptr<const Fragment> Take(Cursor& cursor) const REQUIRES(m_mutex) {
     const uint64_t from = cursor.next;
     if (cursor.next < m_begin) SeekKey(cursor);
-    const uint64_t newest = m_begin + m_held.size();
-    const auto held = [&] { return m_held[static_cast<size_t>(cursor.next - m_begin)]; };
-    while (cursor.needsKey && cursor.next < newest && !held()->isKey) ++cursor.next;
+    size_t at = static_cast<size_t>(cursor.next - m_begin);
+    while (cursor.needsKey && at < m_held.size() && !m_held[at]->isKey) ++at;
+    cursor.next = m_begin + at;
     cursor.skipped += cursor.next - from;
-    if (cursor.next >= newest) return nullptr;
-    auto fragment = held();
+    if (at >= m_held.size()) return nullptr;
     cursor.needsKey = false;
     ++cursor.next;
-    return fragment;
+    return m_held[at];
   }
 
   const size_t m_mostFragments;

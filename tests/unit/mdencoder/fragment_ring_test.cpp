@@ -36,7 +36,7 @@ std::vector<int> Numbers(FragmentRing& ring, FragmentRing::Cursor& cursor) {
 TEST(FragmentRing, AReaderBeginsWithTheNewestKeyFrame) {
   FragmentRing ring;
   ring.SetInit({9});
-  for (const uint8_t number : {0, 1, 2, 3, 4}) ring.Push(Piece(number, number % 2 == 0 && number < 4));
+  for (uint8_t number = 0; number < 5; ++number) ring.Push(Piece(number, number % 2 == 0 && number < 4));
   FragmentRing::Cursor cursor;
   const auto init = ring.Begin(cursor, kNow);
   ASSERT_NE(init, nullptr);
