@@ -580,8 +580,15 @@ unsigned PortOfBoth(const SourceSettings& one, const SourceSettings& other) {
   return std::any_of(first.begin(), first.end(), isInBoth) ? port : 0;
 }
 
+std::vector<std::string> NamesOf(const std::vector<SourceSettings>& sources) {
+  std::vector<std::string> names;
+  for (const SourceSettings& source : sources) names.push_back(source.name);
+  return names;
+}
+
 void CheckTogether(const Config& config) {
   const auto& sources = config.sources;
+  CheckStreams(config.streams, NamesOf(sources));
   if (sources.empty()) throw ConfigError("there is no source; each source is a section with at least its input");
   for (auto it = sources.begin(); it != sources.end(); ++it) {
     CheckCapabilities(*it, config.encoder.capabilities);
@@ -620,6 +627,8 @@ Config MakeConfig(const std::vector<IniSection>& sections, const std::string& in
   for (const IniSection& section : sections) {
     if (section.name == kEncoder) {
       config.encoder = ReadEncoder(section, iniPath);
+    } else if (IsStreamSection(section.name)) {
+      config.streams.push_back(ReadStream(section, iniPath));
     } else {
       config.sources.push_back(ReadSource(section, iniPath, static_cast<UINT32>(config.sources.size() + 1)));
     }

@@ -15,6 +15,7 @@
 #include "host_runtime.h"
 #include "ini_file.h"
 #include "metadata_lib.h"
+#include "stream_settings.h"
 #include "tak_settings.h"
 #include "track_text.h"
 
@@ -96,6 +97,7 @@ const HostCaptureConfig& CaptureOf(const SourceSettings& settings, const HostRun
 struct Config {
   EncoderSettings encoder;
   std::vector<SourceSettings> sources;
+  std::vector<StreamSettings> streams;
 };
 
 // Both throw ConfigError. LoadConfig also looks at this machine's addresses, to refuse relays that come back. Relative

@@ -49,6 +49,14 @@ void CompareEncoders(const EncoderSettings& running, const EncoderSettings& fres
   require(taken == fresh, "has a key that");
 }
 
+void CompareStreams(const std::vector<StreamSettings>& running, const std::vector<StreamSettings>& fresh) {
+  for (size_t i = 0; i < std::max(running.size(), fresh.size()); ++i) {
+    if (i < running.size() && i < fresh.size() && running[i] == fresh[i]) continue;
+    const StreamSettings& different = i < fresh.size() ? fresh[i] : running[i];
+    throw ConfigError("[stream " + different.name + "] cannot change while the program runs; restart it");
+  }
+}
+
 void CompareRotation(const SourceSettings& running, const SourceSettings& fresh) {
   if (running.rotateSize == fresh.rotateSize && running.rotateTime == fresh.rotateTime) return;
   const char* const key = running.rotateSize == fresh.rotateSize ? "rotate_time" : "rotate_size";
@@ -100,6 +108,7 @@ bool IsSameSource(const SourceSettings& a, const SourceSettings& b) {
 
 ConfigDifference Compare(const CheckedConfig& running, const CheckedConfig& fresh) {
   CompareEncoders(running.config.encoder, fresh.config.encoder);
+  CompareStreams(running.config.streams, fresh.config.streams);
   ConfigDifference difference;
   const auto isIn = [](const std::vector<SourceSettings>& sources, const SourceSettings& wanted) {
     return std::find_if(sources.begin(), sources.end(),

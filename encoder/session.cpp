@@ -186,8 +186,17 @@ bool Session::OpenSources() {
   return false;
 }
 
+void Session::StartStreams() {
+  std::vector<std::string> names;
+  for (const SourceSettings& source : m_config.sources) names.push_back(source.name);
+  m_streams.Start(m_config.streams, names, [this](bool isWarning, const auto& line) {
+    Say(isWarning ? Priority::Warning : Priority::Notice, line);
+  });
+}
+
 int Session::Run() {
   OpenFiles();
+  StartStreams();
   if (!m_library.init(m_config.encoder.capabilities)) throw std::runtime_error("METADATALIB_Init failed");
   const auto handle = [this](const Received& received) { Handle(received); };
   const auto flush = [this] { std::erase_if(m_unflushed, [](Source* source) { return source->FlushOutput(); }); };
@@ -203,6 +212,7 @@ int Session::Run() {
   m_keeper.CloseAll();
   if (m_around.onRoom) m_around.onRoom({});
   m_receiver->Finish();
+  m_streams.Finish();
   m_times.endUs = WallClockUs();
   m_times.seconds = std::chrono::duration<double>(Clock::now() - m_start).count();
   m_library.shutdown();
@@ -264,6 +274,7 @@ void Session::Handle(const Received& received) {
   source.Judge(message);
   if (!message.isUas && source.IsKlvOverUdp()) Hint(received);
   if (source.Write(received, message)) m_unflushed.push_back(&source);
+  m_streams.Push(received);
   if (m_presentation.render) m_console.Row(received, m_presentation.render);
 }
 
@@ -521,13 +532,13 @@ void Session::ShowStatistics(const std::string& name) {
 void Session::PrintStatistics(const std::vector<Report>& reports) {
   switch (m_config.encoder.presentation.format) {
     case Format::Json:
-      m_console.Line(StatisticsLine(reports, WallClockUs()));
+      m_console.Line(StatisticsLine(reports, WallClockUs(), m_streams.Snapshot()));
       break;
     case Format::Csv:
-      for (const std::string& line : StatisticsTable(reports)) m_console.Complain(line);
+      for (const std::string& line : StatisticsTable(reports, m_streams.Snapshot())) m_console.Complain(line);
       break;
     default:
-      m_console.Lines(StatisticsTable(reports));
+      m_console.Lines(StatisticsTable(reports, m_streams.Snapshot()));
   }
 }
 
@@ -596,7 +607,7 @@ std::vector<Report> Session::Reports(bool withRemoved) {
 void Session::ShowStatus() {
   const auto reports = Reports();
   if (m_config.encoder.live) {
-    m_console.Status(StatisticsTable(reports));
+    m_console.Status(StatisticsTable(reports, m_streams.Snapshot()));
     return;
   }
   const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_start).count();
@@ -618,7 +629,7 @@ void Session::ShowStatus() {
 void Session::WriteStatistics(const std::vector<Report>& reports, bool print) {
   if (print) PrintStatistics(reports);
   if (m_statsJson == nullptr) return;
-  std::fprintf(m_statsJson, "%s\n", StatisticsLine(reports, WallClockUs()).c_str());
+  std::fprintf(m_statsJson, "%s\n", StatisticsLine(reports, WallClockUs(), m_streams.Snapshot()).c_str());
   if (std::fflush(m_statsJson) != 0) Fail("the statistics cannot be written to " + m_config.encoder.statsJson);
 }
 
@@ -649,7 +660,8 @@ void Session::WriteResults() {
       Fail(error.what());
     }
   };
-  write(m_config.encoder.summary, [&](const std::string& path) { ReplaceFile(path, SummaryJson(reports, m_times)); });
+  write(m_config.encoder.summary,
+        [&](const std::string& path) { ReplaceFile(path, SummaryJson(reports, m_times, m_streams.Snapshot())); });
   write(m_config.encoder.statsFile, [&](const std::string& path) { SaveStatistics(path, Reports()); });
   // The write that failed may be that of the last lines.
   if (m_console.OutputFailed() && !m_failed.load()) Fail("cannot write to standard output");

@@ -35,6 +35,7 @@
 #include "source_keeper.h"
 #include "statistics.h"
 #include "stream_hint.h"
+#include "streams.h"
 
 namespace mdencoder {
 
@@ -83,6 +84,7 @@ class Session {
   void OpenOutput(Source& source);
   void OpenTrack(Source& source);
   void SendCot(Source& source);
+  void StartStreams();
   bool OpenSources();
   size_t Room() const;
   Captures CapturesOf(const Surroundings& around);
@@ -128,6 +130,7 @@ class Session {
   const Presentation m_presentation;
   const Surroundings m_around;
   SourceKeeper m_keeper;
+  Streams m_streams;
   std::unique_ptr<Receiver> m_receiver;
   std::map<std::string, MDATA_SRC_STATS> m_kept;
   std::map<const Source*, StreamHint> m_hints;  // recorder's thread

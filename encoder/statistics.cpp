@@ -243,15 +243,18 @@ Json ReportsJson(const std::vector<Report>& reports) {
 
 }  // namespace
 
-std::string StatisticsLine(const std::vector<Report>& reports, uint64_t timeUs) {
+std::string StatisticsLine(const std::vector<Report>& reports, uint64_t timeUs,
+                           const std::vector<StreamReport>& streams) {
   Json json;
   json["type"] = "statistics";
   json["time"] = UtcText(timeUs);
   json["sources"] = ReportsJson(reports);
+  if (!streams.empty()) json["streams"] = StreamsJson(streams);
   return json.dump();
 }
 
-std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& times) {
+std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& times,
+                        const std::vector<StreamReport>& streams) {
   Json json;
   json["type"] = "summary";
   json["started"] = UtcText(times.startUs);
@@ -260,6 +263,7 @@ std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& time
   json["ended_by"] = times.endedBy;
   json["rows_dropped"] = times.rowsDropped;
   json["sources"] = ReportsJson(reports);
+  if (!streams.empty()) json["streams"] = StreamsJson(streams);
   return json.dump(2) + "\n";
 }
 
@@ -460,7 +464,7 @@ void AddFaultLines(const Counters& counters, std::vector<std::string>& lines) {
 
 }  // namespace
 
-std::vector<std::string> StatisticsTable(const std::vector<Report>& reports) {
+std::vector<std::string> StatisticsTable(const std::vector<Report>& reports, const std::vector<StreamReport>& streams) {
   std::vector<std::string> lines;
   lines.push_back(Print("%-10s %-6s %-4s %8s %11s %11s %8s %7s %6s", "SOURCE", "INPUT", "DATA", "MESSAGES", "BYTES",
                         "RECEIVED", "OK", "CORRUPT", "KBIT/S"));
@@ -479,6 +483,7 @@ std::vector<std::string> StatisticsTable(const std::vector<Report>& reports) {
     AddProtocolLines(report, lines);
     AddRelayLines(report, lines);
   }
+  AddStreamLines(streams, lines);
   return lines;
 }
 

@@ -14,6 +14,7 @@
 #include "host_runtime.h"
 #include "metadata_lib.h"
 #include "source.h"
+#include "stream_report.h"
 #include "tak_input.h"
 
 namespace mdencoder {
@@ -43,11 +44,14 @@ MDATA_SRC_STATS ContinuedStatistics(const SourceSettings& before, const SourceSe
 
 // Returns name, input, data, messages, bytes, corrupt and all other counters of one source.
 nlohmann::ordered_json ReportJson(const Report& report);
-// Returns {"type":"statistics","time":...,"sources":[...]} in one line.
-std::string StatisticsLine(const std::vector<Report>& reports, uint64_t timeUs);
+// Returns {"type":"statistics","time":...,"sources":[...],"streams":[...]} in one line; without streams that key is absent.
+std::string StatisticsLine(const std::vector<Report>& reports, uint64_t timeUs,
+                           const std::vector<StreamReport>& streams = {});
 
-// Returns the lines of a table: a row per source, and below it lines for faults, senders, rewriting, events and relays.
-std::vector<std::string> StatisticsTable(const std::vector<Report>& reports);
+// Returns the lines of a table: a row per source, and below it lines for faults, senders, rewriting, events and relays; then
+// the streams.
+std::vector<std::string> StatisticsTable(const std::vector<Report>& reports,
+                                         const std::vector<StreamReport>& streams = {});
 
 struct RunTimes {
   uint64_t startUs = 0;  // wall clock, microseconds since 1970
@@ -56,7 +60,8 @@ struct RunTimes {
   std::string endedBy;
   uint64_t rowsDropped = 0;  // messages that were not printed
 };
-std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& times);
+std::string SummaryJson(const std::vector<Report>& reports, const RunTimes& times,
+                        const std::vector<StreamReport>& streams = {});
 
 // Load and save statistics by source name. A file that does not exist holds none. Both throw std::runtime_error.
 std::map<std::string, MDATA_SRC_STATS> LoadStatistics(const std::string& path,

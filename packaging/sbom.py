@@ -31,6 +31,7 @@ LICENCES = {
     "libstdc++": "GPL-3.0-or-later WITH GCC-exception-3.1",
     "libavformat": "LGPL-2.1-or-later",
     "libavcodec": "LGPL-2.1-or-later",
+    "libavfilter": "LGPL-2.1-or-later",
     "libavutil": "LGPL-2.1-or-later",
     "libspdlog": "MIT",
     "libfmt": "MIT",

@@ -218,7 +218,8 @@ TEST(Example, TheShippedConfigurationIsRight) {
   std::ifstream file(kPath);
   size_t sections = 0;
   for (std::string line; std::getline(file, line);) sections += line.starts_with("[") ? 1 : 0;
-  EXPECT_EQ(LoadConfig(kPath).sources.size() + 1, sections) << "one section is [encoder]";
+  const Config config = LoadConfig(kPath);
+  EXPECT_EQ(config.sources.size() + config.streams.size() + 1, sections) << "one section is [encoder]";
 }
 
 // --- complaints --------------------------------------------------------------------------------------

@@ -1,0 +1,221 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Streams of video and metadata: other programs read back exactly what the callback delivered, with its times."""
+import json
+import socket
+import subprocess
+import threading
+import time
+
+import harness
+import ts_reader
+from harness import SLOW, EndToEndTest, items, message, send
+from recipe import Recipe
+
+IP_RECVTTL = 12  # of linux/in.h
+CARRIAGES = ("synchronous", "asynchronous")
+
+
+class Catcher:
+    """Keeps the datagrams of a port."""
+
+    def __init__(self, port, group=None):
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
+        self.socket.setsockopt(socket.IPPROTO_IP, IP_RECVTTL, 1)
+        self.socket.bind((group or "127.0.0.1", port))
+        if group:
+            self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                                   socket.inet_aton(group) + socket.inet_aton("127.0.0.1"))
+        self.data, self.sizes, self.ttls = b"", set(), set()
+        self.thread = threading.Thread(target=self.run)
+        self.thread.start()
+
+    def run(self):
+        while True:
+            data, ancillary, _, _ = self.socket.recvmsg(65536, 64)
+            if data == b"end":
+                return
+            self.data += data
+            self.sizes.add(len(data))
+            self.ttls.update(value[0] for _, _, value in ancillary)
+
+    def finish(self, port):
+        """Everything that was sent before is in the socket already."""
+        send(port, b"end", self.socket.getsockname()[0])
+        self.thread.join()
+        self.socket.close()
+        return self.data
+
+
+class Stream(EndToEndTest):
+    def messages(self, port, count, late=0):
+        """Sends messages that have the present time, or an earlier one."""
+        for number in range(count):
+            now = int((time.time() - late) * 1e6)
+            send(port, message((2, now.to_bytes(8, "big")), (3, f"MISSION {number}".encode())))
+            time.sleep(0.02)
+
+    def run_streams(self, streams, count=30):
+        """Runs two sources into these streams, and returns the summary."""
+        self.encoder("[a]\ninput = udp\nport = 15901\n[b]\ninput = udp\nport = 15902\n" + streams, [15901, 15902])
+        senders = [threading.Thread(target=self.messages, args=(port, count)) for port in (15901, 15902)]
+        for sender in senders:
+            sender.start()
+        for sender in senders:
+            sender.join()
+        self.settle("a", count)
+        self.settle("b", count)
+        return self.stop()
+
+    def was_in_time(self, summary):
+        """Tells whether every message came with the frames of its time: the machine may be too slow for that."""
+        return all(track["late"] == 0 and track["offset_ms"] == 0
+                   for stream in summary["streams"] for track in stream["tracks"])
+
+    def judge(self, data, carriage):
+        """Checks a whole stream of both sources, or one that its reader has joined."""
+        stream = ts_reader.Stream(data)
+        frames = stream.frames()
+        self.assertEqual(stream.faults, [])
+        self.assertEqual(stream.tracks[0x100][0], 0x1B)
+        self.assertEqual(stream.metadata(), [0x101, 0x102])
+        for pid, name in ((0x101, "a"), (0x102, "b")):
+            kind, descriptors = stream.tracks[pid]
+            self.assertEqual((kind, b"KLVA" in descriptors), (0x15 if carriage == "synchronous" else 0x06, True))
+            found = stream.messages(pid)
+            self.assertEqual([data for _, data in found], self.delivered(name))
+            if carriage == "synchronous":
+                self.assertEqual(stream.sequence(pid), [number & 255 for number in range(len(found))])
+            for pts, data in found:
+                stamp = int.from_bytes(items(data)[0][1], "big")
+                nearest = min(frames, key=lambda frame: abs(frame[1] - stamp))
+                # The machine may have left frames out.
+                self.assertLessEqual(abs(pts - nearest[0] - (stamp - nearest[1]) * 9 / 100), 100)
+        self.assertEqual(stream.faults, [])
+        return stream
+
+    def test_files_and_datagrams_have_what_was_delivered(self):
+        group, port = "239.5.5.5", 15910
+        for _ in range(3):
+            catchers = [Catcher(port, group), Catcher(port + 1)]
+            summary = self.run_streams("".join(
+                f"[stream {carriage}]\nsize = 160x120\nmetadata = {carriage}\nurl = {carriage}.ts\nurl2 = {url}\n"
+                for carriage, url in zip(CARRIAGES, (f"udp://{group}:{port}?ttl=3", f"udp://127.0.0.1:{port + 1}"))))
+            caught = [catcher.finish(port + number) for number, catcher in enumerate(catchers)]
+            if self.was_in_time(summary):
+                break
+        for number, carriage in enumerate(CARRIAGES):
+            whole = (self.folder / f"{carriage}.ts").read_bytes()
+            self.assertEqual(caught[number], whole)
+            self.assertLessEqual(max(catchers[number].sizes), 1316)
+            stream = self.judge(whole, carriage)
+            report = summary["streams"][number]
+            self.assertEqual((report["name"], report["messages"], report["lost"]), (carriage, 60, 0))
+            self.assertEqual(report["frames"], len(stream.frames()))
+            self.assertEqual([output["lost"] for output in report["outputs"]], [0, 0])
+            self.read_with_ffmpeg(self.folder / f"{carriage}.ts", stream)
+        self.assertEqual(catchers[0].ttls, {3})
+
+    def read_with_ffmpeg(self, path, stream):
+        probe = subprocess.run(["ffprobe", "-v", "error", "-show_streams", "-show_packets", "-of", "json", path],
+                               capture_output=True, timeout=60 * SLOW, check=True)
+        self.assertEqual(probe.stderr, b"")
+        shown = json.loads(probe.stdout)
+        self.assertEqual([each["codec_name"] for each in shown["streams"]], ["h264", "klv", "klv"])
+        for index, (pid, name) in enumerate(((0x101, "a"), (0x102, "b"))):
+            self.assertEqual(int(shown["streams"][index + 1]["id"], 16), pid)
+            copied = subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-map", f"0:{index + 1}", "-c", "copy", "-f",
+                                     "data", "-"], capture_output=True, timeout=60 * SLOW, check=True)
+            self.assertEqual(copied.stderr, b"")
+            self.assertEqual(copied.stdout, b"".join(self.delivered(name)))
+            times = [packet["pts"] for packet in shown["packets"] if packet["stream_index"] == index + 1]
+            self.assertEqual(times, [pts for pts, _ in stream.messages(pid)])
+
+    def test_sources_share_a_track_that_is_merged(self):
+        summary = self.run_streams("[stream one]\nsize = 160x120\ntracks = merged\nurl = one.ts\n")
+        stream = ts_reader.Stream((self.folder / "one.ts").read_bytes())
+        self.assertEqual((stream.faults, stream.metadata()), ([], [0x101]))
+        found = [data for _, data in stream.messages(0x101)]
+        self.assertEqual(sorted(found), sorted(self.delivered("a") + self.delivered("b")))
+        self.assertEqual(stream.sequence(0x101), list(range(60)))
+        self.assertEqual(summary["streams"][0]["messages"], 60)
+
+    def test_a_stream_goes_back_into_a_source(self):
+        """What a stream carries is what a source that reads it delivers."""
+        self.run_streams("[stream one]\nsize = 160x120\nsources = b\nurl = one.ts\n")
+        sent = self.delivered("b")
+        self.encoder("[back]\nurl = one.ts\nspeed = 0\n")
+        self.settle("back", len(sent), 60)
+        self.stop()
+        self.assertEqual(self.delivered("back"), sent)
+
+    def test_messages_of_another_time_have_that_of_their_arrival(self):
+        self.encoder("[a]\ninput = udp\nport = 15901\n[stream one]\nsize = 160x120\nurl = one.ts\n", [15901])
+        self.messages(15901, 10, late=3600)
+        self.settle("a", 10)
+        summary = self.stop()
+        stream = ts_reader.Stream((self.folder / "one.ts").read_bytes())
+        self.assertEqual(stream.faults, [])
+        self.assertEqual([data for _, data in stream.messages(0x101)], self.delivered("a"))
+        track = summary["streams"][0]["tracks"][0]
+        self.assertEqual((track["by_arrival"], track["messages"]), (10, 10))
+
+    def test_a_burst_does_not_hold_up_the_video(self):
+        self.encoder("[a]\ninput = udp\nport = 15901\n[stream one]\nsize = 160x120\nurl = one.ts\n", [15901])
+        burst = [message((2, int(time.time() * 1e6).to_bytes(8, "big")), (3, bytes(100)), (10, number.to_bytes(4, "big")))
+                 for number in range(1500)]
+        for number, each in enumerate(burst):
+            send(15901, each)
+            if number % 100 == 99:
+                self.drain(15901)
+        self.settle("a", 1500)
+        summary = self.stop()
+        stream = ts_reader.Stream((self.folder / "one.ts").read_bytes())
+        self.assertEqual(stream.faults, [])
+        self.assertEqual([data for _, data in stream.messages(0x101)], self.delivered("a"))
+        self.assertEqual(summary["streams"][0]["lost"], 0)
+
+    def test_a_full_disk_is_said_once_and_ingest_goes_on(self):
+        self.encoder("[a]\ninput = udp\nport = 15901\n[stream one]\nsize = 160x120\nurl = /dev/full\n", [15901])
+        self.messages(15901, 10)
+        self.settle("a", 10)
+        self.wait_for(lambda: "/dev/full" in self.errors(), "the line about the full disk")
+        summary = self.stop()
+        self.assertEqual([line for line in self.errors().splitlines() if "stream" in line],
+                         ["mdencoder: stream one: /dev/full cannot be written: No space left on device"])
+        output = summary["streams"][0]["outputs"][0]
+        self.assertEqual((output["good"], output["bytes"]), (False, 0))
+        self.assertGreater(output["lost"], 0)
+        self.assertEqual(summary["sources"][0]["messages"], 10)
+
+    def test_the_recipe_of_the_page_makes_a_stream(self):
+        recipe = Recipe(self, "stream")
+        self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
+        self.wait_for(lambda: harness.udp_port_open(15000), "the port")
+        recipe.run(1)
+        self.assertEqual(self.encoder_process.wait(timeout=30 * SLOW), 0)
+        self.assertEqual(set(recipe.run(2).split()), {"h264,0x100", "klv,0x101"})
+
+    def errors(self):
+        return (self.folder / "encoder.err").read_text()
+
+    def test_segments_play_as_one(self):
+        for _ in range(3):
+            if self.was_in_time(self.run_streams("[stream one]\nsize = 160x120\nhls = pages\n", 150)):
+                break
+        folder = self.folder / "pages"
+        names = [line for line in (folder / "one.m3u8").read_text().splitlines() if not line.startswith("#")]
+        self.assertGreaterEqual(len(names), 2)
+        self.judge(b"".join((folder / name).read_bytes() for name in names), "synchronous")
+        for name in names:
+            first = ts_reader.Stream((folder / name).read_bytes()).of(0x100)[0]
+            self.assertTrue(first.random_access)
+        probe = subprocess.run(["ffprobe", "-v", "error", "-count_packets", "-show_entries", "stream=codec_name", "-of",
+                                "csv=p=0", folder / "one.m3u8"], capture_output=True, text=True, timeout=60 * SLOW, check=True)
+        self.assertEqual(probe.stderr, "")
+        self.assertEqual(sorted(set(probe.stdout.split())), ["h264", "klv"])
+
+
+if __name__ == "__main__":
+    harness.main()

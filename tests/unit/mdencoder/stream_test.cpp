@@ -1,0 +1,298 @@
+// SPDX-License-Identifier: Apache-2.0
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "config.h"
+#include "ini_file.h"
+#include "reload.h"
+#include "stream_clock.h"
+#include "stream_settings.h"
+#include "streams.h"
+#include "ts_output.h"
+
+namespace mdencoder {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr int64_t kSecond = 1'000'000;
+
+std::string Source() {
+  return "[cam]\ninput = udp\nport = 5000\n[mast]\ninput = udp\nport = 5001\n";
+}
+
+Config Read(const std::string& stream) {
+  return MakeConfig(ParseIni(Source() + stream), "/conf/demo.ini");
+}
+
+std::string Complaint(const std::string& stream) {
+  try {
+    Read(stream);
+  } catch (const ConfigError& error) {
+    return error.what();
+  }
+  return "accepted";
+}
+
+// --- settings ----------------------------------------------------------------------------------------
+
+TEST(StreamSection, HasDefaults) {
+  const Config config = Read("[stream flight]\nurl = flight.ts\n");
+  EXPECT_EQ(config.sources.size(), 2u);
+  ASSERT_EQ(config.streams.size(), 1u);
+  const StreamSettings& stream = config.streams[0];
+  EXPECT_EQ(stream.name, "flight");
+  EXPECT_EQ(stream.kind, StreamSettings::Video::Scene);
+  EXPECT_FALSE(stream.copies);
+  EXPECT_EQ(stream.width, 640);
+  EXPECT_EQ(stream.height, 360);
+  EXPECT_EQ(stream.rate, 25);
+  EXPECT_TRUE(stream.isSynchronous);
+  EXPECT_FALSE(stream.isMerged);
+  EXPECT_TRUE(stream.sources.empty());
+  EXPECT_EQ(stream.timeBound, 2);
+  ASSERT_EQ(stream.outputs.size(), 1u);
+  EXPECT_EQ(stream.outputs[0].kind, StreamOutput::Kind::File);
+  EXPECT_EQ(stream.outputs[0].text, "/conf/flight.ts");
+}
+
+TEST(StreamSection, HasEveryKey) {
+  const Config config = Read(
+      "[stream a-1]\nvideo = pictures.mp4\nsize = 1280x720\nrate = 29.97\nbitrate = 2000000\nencode = h264\n"
+      "sources = cam, mast\nmetadata = asynchronous\ntracks = merged\nurl = udp://239.1.2.3:5000?ttl=3&interface=eth0\n"
+      "url2 = srt://[::1]:5001?mode=listener\nurl3 = /tmp/out.ts\nurl4 = udp://[ff02::1]:7\nhls = pages\ntime_bound = 0.5\n");
+  const StreamSettings& stream = config.streams.at(0);
+  EXPECT_EQ(stream.kind, StreamSettings::Video::File);
+  EXPECT_EQ(stream.video, "/conf/pictures.mp4");
+  EXPECT_EQ(stream.width, 1280);
+  EXPECT_EQ(stream.rate, 29.97);
+  EXPECT_FALSE(stream.copies);
+  EXPECT_THAT(stream.sources, ElementsAre("cam", "mast"));
+  EXPECT_FALSE(stream.isSynchronous);
+  EXPECT_TRUE(stream.isMerged);
+  EXPECT_EQ(stream.hls, "/conf/pages");
+  ASSERT_EQ(stream.outputs.size(), 4u);
+  EXPECT_EQ(stream.outputs[0].host, "239.1.2.3");
+  EXPECT_EQ(stream.outputs[0].port, 5000);
+  EXPECT_EQ(stream.outputs[0].ttl, 3);
+  EXPECT_TRUE(stream.outputs[0].hasTtl);
+  EXPECT_EQ(stream.outputs[0].interface, "eth0");
+  EXPECT_EQ(stream.outputs[1].kind, StreamOutput::Kind::Srt);
+  EXPECT_EQ(stream.outputs[2].text, "/tmp/out.ts");
+  EXPECT_EQ(stream.outputs[3].host, "ff02::1");
+}
+
+TEST(StreamSection, FilesAndUrlsAreCopiedUnlessTheKeySaysOtherwise) {
+  EXPECT_TRUE(Read("[stream a]\nvideo = pictures.mp4\n").streams[0].copies);
+  const StreamSettings live = Read("[stream a]\nvideo = rtsp://camera/1\n").streams[0];
+  EXPECT_EQ(live.kind, StreamSettings::Video::Live);
+  EXPECT_TRUE(live.copies);
+}
+
+TEST(StreamSection, FaultsAreNamed) {
+  EXPECT_THAT(Complaint("[stream a]\nurl = ftp://x/y\n"), HasSubstr("[stream a] url must be a file, udp://HOST:PORT"));
+  EXPECT_THAT(Complaint("[stream a]\nurl = udp://239.1.2.3\n"), HasSubstr("[stream a] url must be"));
+  EXPECT_THAT(Complaint("[stream a]\nurl = udp://239.1.2.3:5?ttl=300\n"), HasSubstr("[stream a] url must be"));
+  EXPECT_THAT(Complaint("[stream a]\nurl = udp://239.1.2.3:5?hops=3\n"), HasSubstr("[stream a] url must be"));
+  EXPECT_THAT(Complaint("[stream a]\nsize = 640\n"), HasSubstr("[stream a] size must be WIDTHxHEIGHT"));
+  EXPECT_THAT(Complaint("[stream a]\nsize = 641x360\n"), HasSubstr("even numbers"));
+  EXPECT_THAT(Complaint("[stream a]\nencode = copy\n"), HasSubstr("encode must be h264 with video = scene"));
+  EXPECT_THAT(Complaint("[stream a]\nvideo = ftp://x\n"),
+              HasSubstr("[stream a] video must be scene, a file, or a URL"));
+  EXPECT_THAT(Complaint("[stream a]\nsources = cam, tail\n"),
+              HasSubstr("[stream a] sources must be a list of sources of"));
+  EXPECT_THAT(Complaint("[stream a]\nrate = 5\n[stream  a]\nrate = 5\n"), HasSubstr("[stream a] is there twice"));
+  EXPECT_THAT(Complaint("[stream a b]\nrate = 5\n"), HasSubstr("must be \"stream \" and a name"));
+  EXPECT_THAT(Complaint("[stream a]\nrates = 3\n"), HasSubstr("unknown key, did you mean \"rate\"?"));
+  EXPECT_THAT(Complaint("[stream a]\nurl = x.ts\n[stream b]\nurl = x.ts\n"),
+              HasSubstr("[stream b] url must be a place"));
+}
+
+TEST(StreamSection, CannotChangeByAReload) {
+  const CheckedConfig running = {Read("[stream a]\nurl = a.ts\n"), {}};
+  EXPECT_NO_THROW(Compare(running, running));
+  for (const char* const text : {"", "[stream a]\nurl = b.ts\n", "[stream a]\nurl = a.ts\n[stream b]\nrate = 5\n"}) {
+    const CheckedConfig fresh = {Read(text), {}};
+    try {
+      Compare(running, fresh);
+      ADD_FAILURE() << text;
+    } catch (const ConfigError& error) {
+      EXPECT_THAT(error.what(), HasSubstr("cannot change while the program runs; restart it"));
+    }
+  }
+}
+
+// --- clock -------------------------------------------------------------------------------------------
+
+TEST(StreamClock, ATimeNearItsArrivalIsUsed) {
+  StreamClock clock;
+  for (int64_t i = 0; i < 1000; ++i) {
+    const int64_t arrival = i * kSecond / 10;
+    EXPECT_EQ(clock.Push(arrival - 50'000 - i % 7 * 20'000, arrival), arrival - 50'000 - i % 7 * 20'000);
+  }
+  EXPECT_EQ(clock.Snapshot().offsetUs, 0);
+  EXPECT_EQ(clock.Snapshot().differenceUs, 50'000);
+  EXPECT_EQ(clock.Snapshot().mapped, 1000u);
+}
+
+TEST(StreamClock, WithoutATimeThatFitsTheArrivalIsUsed) {
+  StreamClock clock;
+  EXPECT_EQ(clock.Push(std::nullopt, 5), 5);
+  EXPECT_EQ(clock.Push(100 * kSecond, 5), 5);
+  EXPECT_EQ(clock.Push(-3 * kSecond, 5), 5);
+  EXPECT_EQ(clock.Push(INT64_MAX / 4, 5), 5);
+  EXPECT_EQ(clock.Snapshot().replaced, 3u);
+  EXPECT_EQ(clock.Snapshot().mapped, 0u);
+}
+
+TEST(StreamClock, AClockThatIsAheadOrBehindIsCorrectedAtOnce) {
+  StreamClock ahead;
+  EXPECT_EQ(ahead.Push(11 * kSecond, 10 * kSecond), 10 * kSecond + StreamClock::kMostAheadUs);
+  StreamClock behind;
+  EXPECT_EQ(behind.Push(85 * kSecond / 10, 10 * kSecond), 10 * kSecond - StreamClock::kMostLateUs);
+}
+
+TEST(StreamClock, ADriftIsFollowedSlowlyAndShown) {
+  StreamClock clock;
+  int64_t last = 0;
+  // The clock of the messages goes 200 ppm too fast for an hour.
+  for (int64_t i = 0; i < 36000; ++i) {
+    const int64_t arrival = 10 * kSecond + i * kSecond / 10;
+    const int64_t mapped = clock.Push(arrival + i * 20, arrival);
+    if (i != 0) {
+      EXPECT_NEAR(static_cast<double>(mapped - last), 100'000, 120) << i;
+    }
+    EXPECT_LE(mapped - arrival, StreamClock::kMostAheadUs + 6'000) << i;
+    last = mapped;
+  }
+  EXPECT_NEAR(clock.Snapshot().driftPpm, -200, 2);
+  EXPECT_NEAR(static_cast<double>(clock.Snapshot().differenceUs), -720'000, 2'000);
+}
+
+TEST(StreamClock, LateMessagesDoNotMoveTheOffset) {
+  StreamClock clock;
+  for (int64_t i = 0; i < 600; ++i) {
+    const int64_t arrival = i * kSecond / 10;
+    clock.Push(arrival - (i % 10 == 0 ? 100'000 : 1'500'000), arrival);
+  }
+  EXPECT_EQ(clock.Snapshot().offsetUs, 0);
+}
+
+TEST(StreamClock, TheQuestionTeachesNothing) {
+  StreamClock clock;
+  clock.Push(85 * kSecond / 10, 10 * kSecond);
+  const auto before = clock.Snapshot();
+  EXPECT_EQ(clock.Map(10 * kSecond, 10 * kSecond), 10 * kSecond + before.offsetUs);
+  EXPECT_EQ(clock.Map(std::nullopt, 7), 7);
+  EXPECT_EQ(clock.Snapshot().mapped, before.mapped);
+}
+
+// --- outputs -----------------------------------------------------------------------------------------
+
+class FakeSink : public TsSink {
+ public:
+  struct Script {
+    std::vector<std::string> failures;  // of the next writes; "" for success
+    std::vector<uint8_t> written;
+  };
+  explicit FakeSink(Script& script) : m_script(script) {}
+  bool Open(std::string&) override { return true; }
+  bool IsOpen() const override { return true; }
+  bool Write(const TsChunk& chunk, std::string& reason) override {
+    if (!m_script.failures.empty()) {
+      reason = m_script.failures.front();
+      m_script.failures.erase(m_script.failures.begin());
+      if (!reason.empty()) return false;
+    }
+    m_script.written.insert(m_script.written.end(), chunk.bytes.begin(), chunk.bytes.end());
+    return true;
+  }
+
+ private:
+  Script& m_script;
+};
+
+std::shared_ptr<const TsChunk> Chunk(uint8_t byte, int64_t timeUs = 0, bool isKey = false, size_t size = 188) {
+  return std::make_shared<const TsChunk>(TsChunk{std::vector<uint8_t>(size, byte), timeUs, isKey});
+}
+
+TEST(TsOutput, AFailureAndItsEndAreOneLineEach) {
+  FakeSink::Script script;
+  script.failures = {"", "No space left on device", "No space left on device", ""};
+  std::vector<std::string> lines;
+  TsOutput output(
+      "stream a: a.ts", [&](const std::function<bool()>&) { return std::make_unique<FakeSink>(script); },
+      [&](bool isWarning, const std::string& line) { lines.push_back((isWarning ? "! " : "") + line); });
+  for (uint8_t i = 0; i < 5; ++i) output.Push(Chunk(i));
+  output.Finish();
+  EXPECT_THAT(lines, ElementsAre("! stream a: a.ts cannot be written: No space left on device",
+                                 "stream a: a.ts is written again; 376 bytes in between were lost"));
+  EXPECT_EQ(script.written.size(), 3u * 188);
+  const TsOutput::Counts counts = output.Snapshot();
+  EXPECT_EQ(counts.bytes, 3u * 188);
+  EXPECT_EQ(counts.lost, 2u * 188);
+  EXPECT_TRUE(counts.isGood);
+}
+
+class Folder : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string name = testing::TempDir() + "streamXXXXXX";
+    ASSERT_NE(mkdtemp(name.data()), nullptr);
+    m_path = name;
+  }
+  void TearDown() override { std::filesystem::remove_all(m_path); }
+  std::string Text(const std::string& name) const {
+    std::ifstream file(m_path + "/" + name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  std::string m_path;
+};
+
+class StreamSegments : public Folder {};
+
+TEST_F(StreamSegments, BeginWithKeyFramesAndAreListedWhenTheyAreComplete) {
+  const auto sink = MakeSegmentSink(m_path + "/pages", "a");
+  EXPECT_EQ(Text("pages/a.m3u8"), "#EXTM3U\n#EXT-X-VERSION:3\n#EXT-X-TARGETDURATION:1\n#EXT-X-MEDIA-SEQUENCE:0\n");
+  std::string reason;
+  // A key frame each second, and another frame between two of them.
+  for (int64_t half = -1; half < 50; ++half) {
+    ASSERT_TRUE(
+        sink->Write(*Chunk(static_cast<uint8_t>(half), half * kSecond / 2, half >= 0 && half % 2 == 0), reason));
+  }
+  EXPECT_EQ(Text("pages/a-000011.ts").substr(0, 188), std::string(188, '\x2C'));  // 44 half seconds
+  EXPECT_EQ(Text("pages/a-000011.ts").size(), 4u * 188);
+  EXPECT_THAT(Text("pages/a.m3u8"),
+              HasSubstr("#EXT-X-TARGETDURATION:2\n#EXT-X-MEDIA-SEQUENCE:6\n#EXTINF:2.000,\na-000006.ts\n"));
+  EXPECT_THAT(Text("pages/a.m3u8"), testing::EndsWith("a-000011.ts\n"));
+  EXPECT_TRUE(std::filesystem::exists(m_path + "/pages/a-000003.ts"));
+  EXPECT_FALSE(std::filesystem::exists(m_path + "/pages/a-000002.ts"));
+  sink->Close();
+  EXPECT_THAT(Text("pages/a.m3u8"), testing::EndsWith("a-000012.ts\n#EXT-X-ENDLIST\n"));
+}
+
+class StreamFile : public Folder {};
+
+TEST_F(StreamFile, ThatCannotBeMadeIsAnErrorAtOnce) {
+  StreamOutput output;
+  output.text = m_path + "/no/such/folder.ts";
+  EXPECT_THROW(MakeSink(output, [] { return false; }), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace mdencoder
