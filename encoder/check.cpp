@@ -164,8 +164,8 @@ void CheckSourceSense(const CheckSubject& subject, const SourceSettings& source)
   }
   for (UINT32 i = 0; i < record.nNumOfRelays; ++i) {
     for (UINT32 j = 0; j < i; ++j) {
-      const std::string destination = DestinationText(record.Relays[i]);
-      if (destination != DestinationText(record.Relays[j])) continue;
+      const std::string destination = RelayText(source, i);
+      if (destination != RelayText(source, j)) continue;
       Refuse(place(source.relayKeys[i]), destination, "a destination of its own", source.relayKeys[j] + " has it");
     }
   }

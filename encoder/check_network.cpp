@@ -225,6 +225,7 @@ void CheckTogether(const std::vector<Reception>& receptions) {
 void CheckRelayRoutes(const CheckSubject& subject, const SourceSettings& source) {
   for (UINT32 i = 0; i < source.record.nNumOfRelays; ++i) {
     const MDATA_RELAY_CFG& relay = source.record.Relays[i];
+    if (relay.iDestAddressFamily == 0) continue;  // the names of hosts are not looked up
     const KeyPlace place = {subject.configPath, source.name, source.relayKeys[i]};
     const std::string value = DestinationText(relay);
     const BYTE* bytes = relay.acDestAddress;
@@ -232,7 +233,8 @@ void CheckRelayRoutes(const CheckSubject& subject, const SourceSettings& source)
     if (std::all_of(bytes, bytes + size, [](BYTE byte) { return byte == 0; })) {
       Refuse(place, value, "the address of a receiver");
     }
-    if (!ConnectTo(relay).IsOpen()) Refuse(place, value, "a destination that can be sent to", std::strerror(errno));
+    const std::string& interface = source.reception.relayInterface;
+    if (!ConnectTo(relay, interface.empty() ? kRelayInterface : interface).IsOpen()) Refuse(place, value, "a destination that can be sent to", std::strerror(errno));
   }
 }
 

@@ -314,8 +314,16 @@ void ReadRelays(Section& section, SourceSettings& source) {
     if (value == nullptr) continue;
     const auto relay = ParseRelay(*value);
     if (!relay) section.Fail(key, *value, kRelayAllowed);
-    record.Relays[record.nNumOfRelays++] = *relay;
+    record.Relays[record.nNumOfRelays++] = relay->record;
     source.relayKeys.push_back(key);
+    source.relayHosts.push_back(relay->host);
+    std::string& interface = source.reception.relayInterface;
+    if (relay->interface.empty() || relay->interface == interface) continue;
+    if (!interface.empty()) {
+      section.Fail(key, *value,
+                   "on the interface " + interface + " as the relay before, because the library has one for all of a source");
+    }
+    interface = relay->interface;
   }
 }
 
@@ -620,6 +628,12 @@ void CheckTogether(const Config& config) {
 const HostCaptureConfig& CaptureOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
   if (settings.capture) return *settings.capture;
   return host.captures.at(static_cast<size_t>(settings.record.in.Video.enInputInterface));
+}
+
+std::string RelayText(const SourceSettings& settings, size_t relay) {
+  const MDATA_RELAY_CFG& record = settings.record.Relays[relay];
+  const bool isNamed = relay < settings.relayHosts.size() && !settings.relayHosts[relay].empty();
+  return isNamed ? settings.relayHosts[relay] + ":" + std::to_string(record.usUDPPort) : DestinationText(record);
 }
 
 Config MakeConfig(const std::vector<IniSection>& sections, const std::string& iniPath) {

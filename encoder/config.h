@@ -86,6 +86,7 @@ struct SourceSettings {
   std::optional<TakSettings> tak;            // udp: the TAK network that the key url names; the port is found later
   bool hasAddress = false;                   // the key address is given
   std::vector<std::string> relayKeys;        // the keys of record.Relays
+  std::vector<std::string> relayHosts;       // names of hosts whose addresses record.Relays lacks; empty: it has one
   bool hasRetry = false;                     // it has the key
   bool retry = true;                         // wait for what the source needs, and open it again
   MDATA_SRC_CFG record{};                    // complete except for the callback and its parameters
@@ -93,6 +94,9 @@ struct SourceSettings {
 
 // Returns the origin of a source's video input.
 const HostCaptureConfig& CaptureOf(const SourceSettings& settings, const HostRuntimeConfig& host);
+
+// Returns "HOST:PORT" of one of the record's relays, with its name if it has one.
+std::string RelayText(const SourceSettings& settings, size_t relay);
 
 struct Config {
   EncoderSettings encoder;

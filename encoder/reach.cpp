@@ -130,6 +130,10 @@ std::string PortObstacle(int family, uint16_t port, bool isShared) {
   return error == EADDRINUSE ? name + " is in use" : name + ": " + std::strerror(error);
 }
 
+std::string InterfaceObstacle(const std::string& name) {
+  return name.empty() || if_nametoindex(name.c_str()) != 0 ? "" : "there is no interface " + name;
+}
+
 // Returns the interface on which the host joins the group.
 int GroupInterface(in_addr group, const HostRuntimeConfig& host) {
   if (host.multicastInterface.empty()) return RouteInterface(group);
@@ -166,9 +170,9 @@ Health ExamineGroup(in_addr group, const HostRuntimeConfig& host, const Place& p
 // --- Relays ------------------------------------------------------------------------------------------
 
 // Connects a socket as the library does. Returns the address that it would send from, or nothing with errno.
-std::optional<std::array<BYTE, 16>> SenderTo(const MDATA_RELAY_CFG& relay) {
+std::optional<std::array<BYTE, 16>> SenderTo(const MDATA_RELAY_CFG& relay, const std::string& interface) {
   const OwnedFD fd(socket(relay.iDestAddressFamily, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  const uint32_t scope = relay.iDestAddressFamily == AF_INET6 ? if_nametoindex("eth0") : 0;
+  const uint32_t scope = relay.iDestAddressFamily == AF_INET6 ? if_nametoindex(interface.c_str()) : 0;
   const sockaddr_storage to = SocketAddress(relay.iDestAddressFamily, relay.acDestAddress, relay.usUDPPort, scope);
   sockaddr_storage from{};
   socklen_t size = sizeof(from);
@@ -189,10 +193,19 @@ std::optional<std::array<BYTE, 16>> SenderTo(const MDATA_RELAY_CFG& relay) {
   return sender;
 }
 
-std::string RelayObstacle(const MDATA_SRC_CFG& record) {
+// Returns the interface of link-local destinations.
+const std::string& RelayInterface(const SourceSettings& settings) {
+  static const std::string kUsual = kRelayInterface;
+  return settings.reception.relayInterface.empty() ? kUsual : settings.reception.relayInterface;
+}
+
+std::string RelayObstacle(const SourceSettings& settings) {
+  const std::string missing = InterfaceObstacle(settings.reception.relayInterface);
+  if (!missing.empty()) return missing;
+  const MDATA_SRC_CFG& record = settings.record;
   for (UINT32 i = 0; i < record.nNumOfRelays; ++i) {
     const MDATA_RELAY_CFG& relay = record.Relays[i];
-    if (SenderTo(relay)) continue;
+    if (SenderTo(relay, RelayInterface(settings))) continue;
     const std::string why = ErrorText();
     return "no way to the relay destination " + AddressText(relay.iDestAddressFamily, relay.acDestAddress) + ": " + why;
   }
@@ -200,19 +213,21 @@ std::string RelayObstacle(const MDATA_SRC_CFG& record) {
 }
 
 // A socket keeps the address it was connected with, and cannot send once that is no longer this machine's.
-bool IsOwnAddress(int family, const std::array<BYTE, 16>& sender) {
+bool IsOwnAddress(int family, const std::array<BYTE, 16>& sender, const std::string& interface) {
   const OwnedFD fd(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  const uint32_t scope = family == AF_INET6 ? if_nametoindex("eth0") : 0;
+  const uint32_t scope = family == AF_INET6 ? if_nametoindex(interface.c_str()) : 0;
   const sockaddr_storage local = SocketAddress(family, sender.data(), 0, scope);
   return bind(fd.Get(), Plain(local), sizeof(local)) == 0 || errno != EADDRNOTAVAIL;
 }
 
-Health ExamineRelays(const MDATA_SRC_CFG& record, const Place& place) {
-  const std::string fault = RelayObstacle(record);
+Health ExamineRelays(const SourceSettings& settings, const Place& place) {
+  const std::string fault = RelayObstacle(settings);
   if (!fault.empty()) return {fault, false};
+  const MDATA_SRC_CFG& record = settings.record;
   for (UINT32 i = 0; i < record.nNumOfRelays && i < place.senders.size(); ++i) {
     const bool had = place.senders[i] != std::array<BYTE, 16>{};
-    if (!had || !IsOwnAddress(record.Relays[i].iDestAddressFamily, place.senders[i])) return {{}, true};
+    const int family = record.Relays[i].iDestAddressFamily;
+    if (!had || !IsOwnAddress(family, place.senders[i], RelayInterface(settings))) return {{}, true};
   }
   return {};
 }
@@ -303,10 +318,6 @@ in_addr GroupOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
   }
 }
 
-std::string InterfaceObstacle(const std::string& name) {
-  return name.empty() || if_nametoindex(name.c_str()) != 0 ? "" : "there is no interface " + name;
-}
-
 // Examines an interface that is not that of a group of IPv4.
 Health ExamineInterface(const std::string& name, const Place& place) {
   const int now = static_cast<int>(if_nametoindex(name.c_str()));
@@ -339,7 +350,7 @@ std::string Obstacle(const SourceSettings& settings, const HostRuntimeConfig& as
       fault = CaptureObstacle(CaptureOf(settings, host), host);
       break;
   }
-  return fault.empty() ? RelayObstacle(settings.record) : fault;
+  return fault.empty() ? RelayObstacle(settings) : fault;
 }
 
 Place Locate(const SourceSettings& settings, const HostRuntimeConfig& asked) {
@@ -354,7 +365,8 @@ Place Locate(const SourceSettings& settings, const HostRuntimeConfig& asked) {
     place.interfaceName = settings.reception.interface;
   }
   for (UINT32 i = 0; i < settings.record.nNumOfRelays; ++i) {
-    place.senders.push_back(SenderTo(settings.record.Relays[i]).value_or(std::array<BYTE, 16>{}));
+    const auto sender = SenderTo(settings.record.Relays[i], RelayInterface(settings));
+    place.senders.push_back(sender.value_or(std::array<BYTE, 16>{}));
   }
   return place;
 }
@@ -369,7 +381,7 @@ Health Examine(const SourceSettings& settings, const HostRuntimeConfig& asked, c
     health = ExamineInterface(settings.reception.interface, place);
   }
   if (!health.fault.empty() || health.needsReopen) return health;
-  return ExamineRelays(settings.record, place);
+  return ExamineRelays(settings, place);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "config.h"
 #include "host_runtime.h"
 #include "metadata_lib.h"
+#include "relay_names.h"
 
 namespace mdencoder {
 
@@ -37,6 +38,7 @@ struct Reach {
   std::function<Place(const SourceSettings&, const HostRuntimeConfig&)> locate;
   // Compares the place of an open source with what is there now.
   std::function<Health(const SourceSettings&, const HostRuntimeConfig&, const Place&)> examine;
+  AskName ask = AskSystem;  // for the addresses of relays
 };
 Reach SystemReach();
 

@@ -115,6 +115,7 @@ bool AcceptsThisMachine(const SourceSettings& source, const Address& destination
 
 bool Leads(const MDATA_RELAY_CFG& relay, const SourceSettings& source, DWORD capabilities, const Machine& machine) {
   const MDATA_SRC_CFG& record = source.record;
+  if (relay.iDestAddressFamily == 0) return false;  // the address of its host is not known yet
   if (record.enInputType != MDATA_INPUT_NETWORK) return false;
   if (ReceptionOf(record, source.tak).usUDPPort != relay.usUDPPort) return false;
   const Address destination = Destination(relay);
@@ -178,7 +179,7 @@ std::vector<Edge> FindChain(const std::vector<Edge>& edges, size_t source, size_
   }
   const UINT32 relay = chain.front().relay;
   throw ConfigError("[" + source.name + "] " +
-                    value_text::Refusal(source.relayKeys.at(relay), DestinationText(source.record.Relays[relay]),
+                    value_text::Refusal(source.relayKeys.at(relay), RelayText(source, relay),
                                         "a destination that does not lead back to its source") +
                     ": " + path);
 }

@@ -94,7 +94,7 @@ bool IsSameRecord(const SourceSettings& running, const SourceSettings& fresh) {
   b.nIndex = a.nIndex;
   if (running.capture && fresh.capture) b.in.Video.enInputInterface = a.in.Video.enInputInterface;
   if (running.capture != fresh.capture || running.replay != fresh.replay || running.tak != fresh.tak ||
-      running.reception != fresh.reception) {
+      running.reception != fresh.reception || running.relayHosts != fresh.relayHosts) {
     return false;
   }
   return std::memcmp(&a, &b, sizeof(a)) == 0;  // NOLINT(bugprone-suspicious-memory-comparison): see above

@@ -3,6 +3,7 @@
 //   Allowance   limits lines and openings
 //   Opening     tries, opens, closes and opens again
 //   Network     looks at what changed
+//   Names       are those of the relays' destinations
 //   Inputs      are the front ends of sources on TAK networks
 //   Lines       say what a source waits for
 //   Reload      applies a new configuration
@@ -18,6 +19,10 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "ini_file.h"
+#include "relay_graph.h"
+#include "relay_names.h"
+
 namespace mdencoder {
 namespace {
 
@@ -30,6 +35,9 @@ constexpr auto kLongestPause = 30s;
 constexpr auto kSettle = 200ms;
 
 constexpr auto kLookInterval = 500ms;
+constexpr auto kNamesInterval = 1s;
+constexpr auto kAnswerInterval = 50ms;  // of looks for an answer that is due soon
+constexpr auto kLongestAnswer = 10s;    // of a source that must be open at once
 
 constexpr double kLinesAtOnce = 6;
 constexpr auto kLineEach = 60s;
@@ -61,7 +69,8 @@ Allowance::Clock::time_point Allowance::Next(Clock::time_point now) const {
 }
 
 struct SourceKeeper::Entry {
-  Entry(const SourceSettings& given, void* context) : settings(given), source(settings), tap{context, &source} {
+  Entry(const SourceSettings& given, void* context, const AskName& ask)
+      : settings(given), source(settings), tap{context, &source}, names(ask) {
     statistics.iSrcTTL = statistics.iSrcTOS = -1;
   }
   Entry(const Entry&) = delete;
@@ -80,6 +89,7 @@ struct SourceKeeper::Entry {
   bool wasOpen = false;
   uint64_t reopened = 0;
   Place place;
+  RelayNames names;
   std::unique_ptr<Replay> replay;  // from the first opening on, of a source whose url is a capture file
   Clock::time_point nextTry{};
   std::chrono::seconds pause = kRetry;  // after an opening that the library refused
@@ -117,13 +127,14 @@ Source& SourceKeeper::Add(const SourceSettings& settings, DWORD capabilities) {
     return entry->state == SourceState::Removed && IsSameSource(entry->settings, settings);
   });
   if (returned == m_entries.end()) {
-    m_entries.push_back(std::make_unique<Entry>(settings, m_context));
+    m_entries.push_back(std::make_unique<Entry>(settings, m_context, m_reach.ask));
   } else {
     std::rotate(returned, returned + 1, m_entries.end());
   }
   Entry& entry = *m_entries.back();
   if (entry.hasStatistics) entry.statistics = ContinuedStatistics(entry.settings, settings, entry.statistics);
   entry.settings = settings;
+  entry.names.Configure(settings);
   entry.capabilities = capabilities;
   entry.state = SourceState::Waiting;
   entry.nextTry = {};
@@ -230,6 +241,7 @@ std::string SourceKeeper::ObstacleTo(const Entry& entry) const {
 }
 
 bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
+  if (!HasAddresses(entry, now)) return false;
   const std::string obstacle = entry.settings.retry ? ObstacleTo(entry) : "";
   entry.nextTry = now + kRetry;
   if (!obstacle.empty()) {
@@ -269,6 +281,7 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
     return false;
   }
   entry.handle = handle;
+  entry.names.ForgetErrors();
   if (entry.hasStatistics) m_library.setSourceStats(handle, &entry.statistics);
   entry.state = SourceState::Open;
   entry.pause = kRetry;
@@ -353,6 +366,7 @@ void SourceKeeper::Tick(Clock::time_point now) {
     Examine(now);
   }
   if (now >= m_nextLook) LookAtCaptures(now);
+  if (now >= m_nextNames) LookAtNames(now);
   for (const auto& entry : m_entries) {
     if (entry->input) LookAtInput(*entry, now);
     if (!entry->reason.empty() && !entry->isTold) Tell(*entry, now);
@@ -366,6 +380,7 @@ SourceKeeper::Clock::time_point SourceKeeper::Due(Clock::time_point now) const {
     if (entry->state == SourceState::Waiting && entry->settings.retry) due = std::min(due, entry->nextTry);
     if (!entry->reason.empty() && !entry->isTold) due = std::min(due, entry->lines.Next(now));
     if (entry->IsOpen() && entry->settings.capture) due = std::min(due, m_nextLook);
+    if (entry->IsOpen() && entry->settings.retry && !entry->names.IsEmpty()) due = std::min(due, m_nextNames);
   }
   return due;
 }
@@ -423,6 +438,77 @@ void SourceKeeper::Examine(Entry& entry, Clock::time_point now) {
   } else if (entry.state == SourceState::CutOff && (!entry.input || entry.input->Trouble().empty())) {
     entry.state = SourceState::Open;
     Recover(entry, now);
+  }
+}
+
+// --- Names -------------------------------------------------------------------------------------------
+
+// Puts the addresses of the relays into the record. Returns false if there are none yet, or if one leads back.
+bool SourceKeeper::HasAddresses(Entry& entry, Clock::time_point now) {
+  RelayNames& names = entry.names;
+  if (names.IsEmpty()) return true;
+  names.Update(now);
+  if (!entry.settings.retry && names.IsAsking()) {
+    names.Wait(kLongestAnswer);
+    names.Update(now);
+  }
+  const bool isAsking = names.IsAsking();
+  std::string fault = names.Fault(now);
+  if (fault.empty() && names.AreKnown()) {
+    SourceSettings filled = entry.settings;
+    names.Fill(filled);
+    fault = WayBack(entry, filled);
+    if (fault.empty()) {
+      entry.settings = filled;
+      return true;
+    }
+    names.ForgetAddresses();
+  }
+  entry.nextTry = now + (isAsking ? std::chrono::milliseconds(kAnswerInterval) : std::chrono::milliseconds(kRetry));
+  if (!fault.empty()) Trouble(entry, fault, now);
+  if (!entry.settings.retry) Tell(entry, now);
+  return false;
+}
+
+// Returns what is wrong with relays that lead back to their source, directly or through others that are open. The check of
+// the configuration could not see it.
+std::string SourceKeeper::WayBack(const Entry& entry, const SourceSettings& settings) const {
+  Config config;
+  config.encoder.capabilities = entry.capabilities;
+  for (const auto& other : m_entries) {
+    if (other.get() != &entry && other->IsOpen()) config.sources.push_back(other->settings);
+  }
+  config.sources.push_back(settings);
+  try {
+    CheckRelays(config, ThisMachine());
+  } catch (const ConfigError& error) {
+    return error.what();
+  }
+  return {};
+}
+
+void SourceKeeper::LookAtNames(Clock::time_point now) {
+  m_nextNames = now + kNamesInterval;
+  for (const auto& entry : m_entries) {
+    if (entry->IsOpen() && entry->settings.retry && !entry->names.IsEmpty()) LookAtNames(*entry, now);
+  }
+}
+
+// The library keeps the sockets of its relays until the source is closed.
+void SourceKeeper::LookAtNames(Entry& entry, Clock::time_point now) {
+  MDATA_SRC_STATS statistics{};
+  m_library.getSourceStats(entry.handle, &statistics);
+  entry.names.Look(statistics, now);
+  entry.names.Update(now);
+  if (!entry.names.WouldChange(entry.settings) || !entry.openings.Take(now)) return;
+  Close(entry);
+  entry.statistics = ContinuedStatistics(entry.settings, entry.settings, entry.statistics);
+  const std::vector<size_t> changed = entry.names.Fill(entry.settings);
+  if (!TryOpen(entry, now) || !entry.lines.Take(now)) return;
+  for (const size_t relay : changed) {
+    const MDATA_RELAY_CFG& record = entry.settings.record.Relays[relay];
+    m_say(false, "source " + entry.settings.name + " relays to " + RelayText(entry.settings, relay) + " at " +
+                     AddressText(record.iDestAddressFamily, record.acDestAddress) + " from now on");
   }
 }
 
@@ -544,6 +630,7 @@ void SourceKeeper::Apply(const ConfigDifference& difference, const HostRuntimeCo
     if (entry->settings.replay != settings.replay) entry->replay.reset();
     entry->statistics = ContinuedStatistics(entry->settings, settings, entry->statistics);
     entry->settings = settings;
+    entry->names.Configure(settings);
     entry->nextTry = now;
     entry->pause = kRetry;
   }

@@ -144,6 +144,10 @@ class SourceKeeper {
   Health HealthOf(const Entry& entry) const;
   void LookAtCaptures(Clock::time_point now);
   uint16_t LibraryPort(const Entry& entry) const;
+  bool HasAddresses(Entry& entry, Clock::time_point now);
+  std::string WayBack(const Entry& entry, const SourceSettings& settings) const;
+  void LookAtNames(Clock::time_point now);
+  void LookAtNames(Entry& entry, Clock::time_point now);
 
   const Library& m_library;
   const MDATA_READY_CALLBACK m_callback;
@@ -156,6 +160,7 @@ class SourceKeeper {
   std::deque<std::unique_ptr<Entry>> m_entries;
   std::optional<Clock::time_point> m_examineAt;  // after the network changed
   Clock::time_point m_nextLook{};                // at the captures of streams
+  Clock::time_point m_nextNames{};               // at relays whose destinations are names
   bool m_failed = false;
 };
 

@@ -90,9 +90,13 @@ Json KlvJson(const MDATA_KLV_STATS& klv) {
   return json;
 }
 
-Json RelayJson(const MDATA_RELAY_CFG& relay, const MDATA_RELAY_STATS& counts) {
+Json RelayJson(const SourceSettings& settings, size_t relay, const MDATA_RELAY_STATS& counts) {
   Json json;
-  json["destination"] = DestinationText(relay);
+  json["destination"] = RelayText(settings, relay);
+  if (relay < settings.relayHosts.size() && !settings.relayHosts[relay].empty()) {
+    const MDATA_RELAY_CFG& record = settings.record.Relays[relay];
+    json["address"] = record.iDestAddressFamily == 0 ? "" : AddressText(record.iDestAddressFamily, record.acDestAddress);
+  }
   json["bytes"] = counts.nRelayedBytes;
   json["messages"] = counts.nRelayedMessages;
   json["errors"] = counts.nRelayErrors;
@@ -186,7 +190,7 @@ Json LibraryStatisticsJson(const SourceSettings& settings, const MDATA_SRC_STATS
   }
   json["relays"] = Json::array();
   for (UINT32 i = 0; i < settings.record.nNumOfRelays; ++i) {
-    json["relays"].push_back(RelayJson(settings.record.Relays[i], statistics.Relays[i]));
+    json["relays"].push_back(RelayJson(settings, i, statistics.Relays[i]));
   }
   return json;
 }
@@ -335,7 +339,7 @@ MDATA_SRC_STATS LibraryStatisticsFromJson(const SourceSettings& settings, const 
   }
   for (const Json& relay : json.at("relays")) {
     for (UINT32 i = 0; i < settings.record.nNumOfRelays; ++i) {
-      if (relay.at("destination") == DestinationText(settings.record.Relays[i])) ReadRelay(relay, statistics.Relays[i]);
+      if (relay.at("destination") == RelayText(settings, i)) ReadRelay(relay, statistics.Relays[i]);
     }
   }
   return statistics;
@@ -410,7 +414,7 @@ void AddRelayLines(const Report& report, std::vector<std::string>& lines) {
   for (UINT32 i = 0; i < report.settings->record.nNumOfRelays; ++i) {
     const MDATA_RELAY_STATS& relay = report.statistics.Relays[i];
     std::string line = Print("    relay %s: %lu messages, %lu bytes, %lu errors",
-                             DestinationText(report.settings->record.Relays[i]).c_str(), relay.nRelayedMessages,
+                             RelayText(*report.settings, i).c_str(), relay.nRelayedMessages,
                              relay.nRelayedBytes, relay.nRelayErrors);
     if (relay.nRelayErrors != 0) line += Print(", last \"%s\"", std::strerror(relay.iLastRelayError));
     lines.push_back(line);

@@ -21,7 +21,8 @@
 namespace mdencoder {
 
 const char kRelayAllowed[] =
-    "ADDRESS:PORT [ttl=0..255|follow] [tos=0..255|follow] with a numeric address (IPv6 in brackets, which cannot follow)";
+    "HOST:PORT [ttl=0..255|follow] [tos=0..255|follow] with a name or an address (IPv6 in brackets, which cannot follow; "
+    "%INTERFACE behind a link-local one)";
 
 std::string Trim(std::string_view text) {
   const auto first = text.find_first_not_of(" \t\r\n");
@@ -70,7 +71,7 @@ std::string DestinationText(const MDATA_RELAY_CFG& relay) {
   return relay.iDestAddressFamily == AF_INET6 ? "[" + address + "]:" + port : address + ":" + port;
 }
 
-common::OwnedFD ConnectTo(const MDATA_RELAY_CFG& relay) {
+common::OwnedFD ConnectTo(const MDATA_RELAY_CFG& relay, const std::string& interface) {
   common::OwnedFD fd(socket(relay.iDestAddressFamily, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!fd.IsOpen()) return fd;
   const auto connects = [&fd](const auto& address) {
@@ -86,7 +87,7 @@ common::OwnedFD ConnectTo(const MDATA_RELAY_CFG& relay) {
     sockaddr_in6 address{};
     address.sin6_family = AF_INET6;
     address.sin6_port = htons(relay.usUDPPort);
-    address.sin6_scope_id = if_nametoindex("eth0");  // as in the library
+    address.sin6_scope_id = if_nametoindex(interface.c_str());  // as in the library
     std::memcpy(&address.sin6_addr, relay.acDestAddress, sizeof(address.sin6_addr));
     if (connects(address)) return fd;
   }
@@ -112,19 +113,45 @@ std::optional<int32_t> ParseTtlOrTos(const std::string& text) {
   return static_cast<int32_t>(*number);
 }
 
-// Reads "ADDRESS:PORT" or "[ADDRESS]:PORT".
-bool ParseDestination(const std::string& text, MDATA_RELAY_CFG& relay) {
+// The kernel looks at the interface of these addresses only.
+bool IsLinkLocal(const Address& address) {
+  if (address.family != AF_INET6) return false;
+  if (address.IsMulticast()) return (address.bytes[1] & 0x0F) == 2;
+  return address.bytes[0] == 0xFE && (address.bytes[1] & 0xC0) == 0x80;
+}
+
+// A text without a letter would be an address.
+bool IsHostName(std::string_view text) {
+  constexpr size_t kLongestHostName = 253;
+  const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  const auto fits = [&](char c) { return isLetter(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_'; };
+  return text.size() <= kLongestHostName && !text.starts_with('-') && !text.starts_with('.') &&
+         std::all_of(text.begin(), text.end(), fits) && std::any_of(text.begin(), text.end(), isLetter);
+}
+
+// Reads "ADDRESS:PORT", "[ADDRESS]:PORT", "[ADDRESS%INTERFACE]:PORT" or "NAME:PORT".
+bool ParseDestination(const std::string& text, Relay& relay) {
   const size_t colon = text.rfind(':');
   if (colon == std::string::npos) return false;
   std::string host = text.substr(0, colon);
   const bool brackets = host.size() > 2 && host.front() == '[' && host.back() == ']';
   if (brackets) host = host.substr(1, host.size() - 2);
   const auto port = value_text::ParseWholeNumber(text.substr(colon + 1), 1, 65535);
-  const auto address = ParseAddress(host);
-  if (!port || !address || brackets != (address->family == AF_INET6)) return false;
-  relay.usUDPPort = static_cast<USHORT>(*port);
-  relay.iDestAddressFamily = address->family;
-  std::memcpy(relay.acDestAddress, address->bytes.data(), sizeof(relay.acDestAddress));
+  if (!port) return false;
+  relay.record.usUDPPort = static_cast<USHORT>(*port);
+  const size_t percent = host.find('%');
+  const auto address = ParseAddress(host.substr(0, percent));
+  if (!address) {
+    relay.host = host;
+    return !brackets && IsHostName(host);
+  }
+  if (brackets != (address->family == AF_INET6)) return false;
+  if (percent != std::string::npos) {
+    relay.interface = host.substr(percent + 1);
+    if (!IsLinkLocal(*address) || relay.interface.empty() || relay.interface.size() >= IFNAMSIZ) return false;
+  }
+  relay.record.iDestAddressFamily = address->family;
+  std::memcpy(relay.record.acDestAddress, address->bytes.data(), sizeof(relay.record.acDestAddress));
   return true;
 }
 
@@ -160,8 +187,8 @@ std::optional<std::vector<UINT32>> ParseTags(std::string_view text, unsigned lim
   return words;
 }
 
-std::optional<MDATA_RELAY_CFG> ParseRelay(std::string_view text) {
-  MDATA_RELAY_CFG relay{};
+std::optional<Relay> ParseRelay(std::string_view text) {
+  Relay relay;
   std::istringstream words{std::string(text)};
   std::string word;
   if (!(words >> word) || !ParseDestination(word, relay)) return std::nullopt;
@@ -172,8 +199,8 @@ std::optional<MDATA_RELAY_CFG> ParseRelay(std::string_view text) {
     const bool isTos = word.starts_with("tos=");
     const auto value = isTtl || isTos ? ParseTtlOrTos(word.substr(4)) : std::nullopt;
     if (!value || (isTtl ? ttl : tos)) return std::nullopt;
-    if (*value < 0 && relay.iDestAddressFamily == AF_INET6) return std::nullopt;
-    (isTtl ? relay.IpTTL : relay.IpTOS) = *value;
+    if (*value < 0 && relay.record.iDestAddressFamily == AF_INET6) return std::nullopt;
+    (isTtl ? relay.record.IpTTL : relay.record.IpTOS) = *value;
     (isTtl ? ttl : tos) = true;
   }
   return relay;

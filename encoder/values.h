@@ -32,16 +32,23 @@ std::optional<Address> ParseAddress(std::string_view text);
 std::string AddressText(int32_t family, const BYTE* bytes);
 // Returns "ADDRESS:PORT", with an IPv6 address in brackets.
 std::string DestinationText(const MDATA_RELAY_CFG& relay);
+// The interface of link-local destinations, unless a relay names another one.
+constexpr char kRelayInterface[] = "eth0";
 // Returns a datagram socket that is connected as the library's socket for the relay would be, or an empty descriptor and
 // errno. Nothing is sent.
-common::OwnedFD ConnectTo(const MDATA_RELAY_CFG& relay);
+common::OwnedFD ConnectTo(const MDATA_RELAY_CFG& relay, const std::string& interface = kRelayInterface);
 
 // Reads tags below `limit`, separated by commas: numbers, ranges "13-15" and names of items ("sensor_lat"), which are
 // those of ST 0102 if `security` is set. "none" is the empty set. Tag t is bit t % 32 of word t / 32.
 std::optional<std::vector<UINT32>> ParseTags(std::string_view text, unsigned limit, bool security);
 
-// Reads "ADDRESS:PORT [ttl=N|follow] [tos=N|follow]", with an IPv6 address in brackets.
-std::optional<MDATA_RELAY_CFG> ParseRelay(std::string_view text);
+struct Relay {
+  MDATA_RELAY_CFG record{};  // without family and address if the destination is the name of a host
+  std::string host;          // this name, or empty
+  std::string interface;     // of a link-local address, or empty
+};
+// Reads "HOST:PORT [ttl=N|follow] [tos=N|follow]", with an IPv6 address in brackets.
+std::optional<Relay> ParseRelay(std::string_view text);
 extern const char kRelayAllowed[];
 
 // Returns the most similar name, for "did you mean", or "" if none is similar.

@@ -89,7 +89,7 @@ HostRuntimeConfig HostRuntime_Config();
 
 // --- reception ---------------------------------------------------------------------------------------
 
-// What the UDP sockets of a source receive, beyond what the library can ask for.
+// What the UDP sockets of a source receive, and over which interface it relays, beyond what the library can ask for.
 struct HostReception {
   struct Group {
     int family = 0;                     // AF_INET or AF_INET6
@@ -107,14 +107,16 @@ struct HostReception {
   // Bound in place of the port that the library gives, unless it is 0. The library refuses a second source on a port;
   // sources of different groups on one port are opened with numbers that nobody else has.
   uint16_t port = 0;
+  // Answers the library's question for "eth0", the interface of relays to link-local addresses of IPv6. Empty: eth0.
+  std::string relayInterface;
 
   bool operator==(const HostReception& other) const {
-    return std::tie(groups, sender, interface, onlyLoopback, port) ==
-           std::tie(other.groups, other.sender, other.interface, other.onlyLoopback, other.port);
+    return std::tie(groups, sender, interface, onlyLoopback, port, relayInterface) ==
+           std::tie(other.groups, other.sender, other.interface, other.onlyLoopback, other.port, other.relayInterface);
   }
 };
 
-// Holds for the UDP sockets that the calling thread creates, through the library, until the next call.
+// Holds for the sockets that the calling thread creates, through the library, until the next call.
 void HostRuntime_SetReception(const HostReception& reception);
 
 // --- log ---------------------------------------------------------------------------------------------

@@ -200,7 +200,10 @@ BOOL CreateUDPv6RxSocket(USHORT usPort, DWORD dwFlags, int* piFD) {
 
 BOOL GetInterfaceIPv6ScopeID(const char* szInterface, UINT32* pnScopeID) {
   if (pnScopeID == nullptr) return FALSE;
-  *pnScopeID = szInterface == nullptr ? 0 : if_nametoindex(szInterface);
+  const std::string& relays = t_reception.relayInterface;
+  const bool isRelays = !relays.empty() && szInterface != nullptr && strcmp(szInterface, "eth0") == 0;
+  const char* const name = isRelays ? relays.c_str() : szInterface;
+  *pnScopeID = name == nullptr ? 0 : if_nametoindex(name);
   return *pnScopeID != 0 ? TRUE : FALSE;
 }
 

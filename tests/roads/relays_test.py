@@ -1,14 +1,16 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Tests eight relays to eight receivers, each in its own network namespace behind a bridge."""
+"""Tests eight relays to eight receivers, each in its own network namespace behind a bridge, and relays to names."""
 import json
 import os
 import pathlib
+import socket
+import struct
 import subprocess
 import sys
 
 import harness
-from harness import EndToEndTest, source
+from harness import EndToEndTest, message, send, source
 
 HERE = pathlib.Path(__file__).parent
 PORT = 15631
@@ -191,6 +193,98 @@ class Relays(EndToEndTest):
         failures = [line for line in (self.folder / "host.log").read_text().splitlines()
                     if "Failed to relay" in line and "relay#1/" in line]
         self.assertEqual(len(failures), 1)
+
+
+class Names(EndToEndTest):
+    """The encoder has a file of host names of its own in place of /etc/hosts."""
+
+    def start(self, *command, **more):
+        if str(command[0]) == str(harness.options.encoder):
+            command = ("unshare", "--mount", "sh", "-c", 'mount --bind "$0" /etc/hosts && exec "$@"', self.hosts, *command)
+        return super().start(*command, **more)
+
+    def setUp(self):
+        super().setUp()
+        self.hosts = self.folder / "hosts"
+        self.hosts.write_text("127.0.0.1 localhost\n")
+
+    def name(self, address):
+        self.hosts.write_text(f"127.0.0.1 localhost\n{address} map.test\n")
+
+    def errors(self):
+        return (self.folder / "encoder.err").read_text()
+
+    def listen(self, address, port=7301):
+        receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.addCleanup(receiver.close)
+        receiver.bind((address, port))
+        receiver.setblocking(False)
+        return receiver
+
+    def relayed(self, receiver):
+        """Sends a message to the source, and returns whether a copy of one has come to the receiver."""
+        send(PORT, message((2, bytes(8))))
+        try:
+            return bool(receiver.recv(2000))
+        except BlockingIOError:
+            return False
+
+    def test_a_relay_goes_where_the_name_of_its_host_leads(self):
+        self.name("127.0.0.2")
+        receiver = self.listen("127.0.0.2")
+        self.encoder(f"[udp]\ninput = udp\nport = {PORT}\nfamily = ipv4\nrelay1 = map.test:7301 ttl=follow\n", [PORT])
+        self.wait_for(lambda: self.relayed(receiver), "a copy")
+        receiver.close()
+        self.name("127.0.0.3")
+        receiver = self.listen("127.0.0.3")
+        self.wait_for(lambda: self.relayed(receiver), "a copy at the new address", 60)
+        self.assertIn("source udp relays to map.test:7301 at 127.0.0.3 from now on\n", self.errors())
+        summary = source(self.stop(), "udp")
+        (relay,) = summary["statistics"]["relays"]
+        self.assertEqual((relay["destination"], relay["address"]), ("map.test:7301", "127.0.0.3"))
+        self.assertEqual(summary["reopened"], 1)
+        self.assertGreaterEqual(relay["messages"], 2)
+        self.assertGreaterEqual(relay["errors"], 1)
+
+    def test_a_source_waits_for_the_address_of_its_relay(self):
+        self.encoder(f"[udp]\ninput = udp\nport = {PORT}\nfamily = ipv4\nrelay1 = map.test:7301\n"
+                     f"[other]\ninput = udp\nport = {PORT + 1}\n", [PORT + 1])
+        self.wait_for(lambda: "source udp waits: the address of map.test cannot be found" in self.errors(), "the line", 60)
+        receiver = self.listen("127.0.0.2")
+        self.name("127.0.0.2")
+        self.wait_for(lambda: harness.udp_port_open(PORT), "the port", 60)
+        self.wait_for(lambda: self.relayed(receiver), "a copy")
+        self.stop()
+        self.assertIn("source udp is open after", self.errors())
+
+    def test_a_name_of_this_machine_does_not_lead_back(self):
+        self.name("127.0.0.1")
+        self.encoder(f"[udp]\ninput = udp\nport = {PORT}\nrelay1 = map.test:{PORT}\n")
+        self.wait_for(lambda: "source udp waits: [udp] relay1 must be a destination that does not lead back"
+                      in self.errors(), "the line")
+        self.stop()
+
+    def test_a_link_local_destination_on_a_chosen_interface(self):
+        """What is relayed over one end of a cable comes out at the other."""
+        try:
+            run("ip", "link", "add", "cam0", "type", "veth", "peer", "name", "cam1")
+        except (OSError, subprocess.CalledProcessError) as failure:
+            print(f"no virtual cable here ({failure}): left out", file=sys.stderr)
+            return
+        self.addCleanup(lambda: run("ip", "link", "del", "cam0"))
+        for end in ("cam0", "cam1"):
+            run("ip", "addr", "add", f"fe80::{end[-1]}/64", "dev", end, "nodad")
+            run("ip", "link", "set", end, "up")
+        receiver = socket.socket(socket.AF_INET6, socket.SOCK_DGRAM)
+        self.addCleanup(receiver.close)
+        group = socket.inet_pton(socket.AF_INET6, "ff12::77:1") + struct.pack("@I", socket.if_nametoindex("cam1"))
+        receiver.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_JOIN_GROUP, group)
+        receiver.bind(("::", 7302))
+        receiver.setblocking(False)
+        self.encoder(f"[udp]\ninput = udp\nport = {PORT}\nfamily = ipv4\nrelay1 = [ff12::77:1%cam0]:7302\n", [PORT])
+        self.wait_for(lambda: self.relayed(receiver), "a copy")
+        summary = source(self.stop(), "udp")
+        self.assertEqual(summary["statistics"]["relays"][0]["errors"], 0)
 
 
 harness.main()

@@ -245,6 +245,19 @@ TEST_F(SocketTest, InterfacesHaveAScopeId) {
   EXPECT_EQ(scope, 0u);
 }
 
+TEST_F(SocketTest, RelaysMayHaveAnotherInterfaceThanTheLibraryAsksFor) {
+  HostReception reception;
+  reception.relayInterface = "lo";
+  HostRuntime_SetReception(reception);
+  UINT32 scope = 0;
+  EXPECT_TRUE(GetInterfaceIPv6ScopeID("eth0", &scope));
+  EXPECT_EQ(scope, if_nametoindex("lo"));
+  EXPECT_FALSE(GetInterfaceIPv6ScopeID("nosuch0", &scope)) << "only that of relays";
+  HostRuntime_SetReception({});
+  GetInterfaceIPv6ScopeID("eth0", &scope);
+  EXPECT_EQ(scope, if_nametoindex("eth0"));
+}
+
 TEST_F(SocketTest, AddressesBecomeTexts) {
   char text[64];
   sockaddr_storage storage{};

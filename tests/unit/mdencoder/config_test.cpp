@@ -181,6 +181,31 @@ TEST(Source, RelaysInTheOrderOfTheirNumbers) {
   EXPECT_EQ(record.Relays[2].IpTOS, 0);
 }
 
+TEST(Source, RelaysToNamesAndInterfaces) {
+  const Config config = Read(std::string(kUdp) +
+                             "relay1 = map.example.org:5000 tos=follow\nrelay2 = [fe80::1%eth1]:5001\n"
+                             "relay3 = [ff12::1%eth1]:5002\nrelay4 = 10.0.0.2:5003\n");
+  const SourceSettings& source = config.sources.at(0);
+  EXPECT_THAT(source.relayHosts, ElementsAre("map.example.org", "", "", ""));
+  EXPECT_EQ(source.record.Relays[0].iDestAddressFamily, 0);
+  EXPECT_EQ(source.record.Relays[0].usUDPPort, 5000);
+  EXPECT_EQ(source.record.Relays[0].IpTOS, -1);
+  EXPECT_EQ(source.record.Relays[1].iDestAddressFamily, AF_INET6);
+  EXPECT_EQ(source.reception.relayInterface, "eth1");
+  EXPECT_EQ(RelayText(source, 0), "map.example.org:5000");
+  EXPECT_EQ(RelayText(source, 1), "[fe80::1]:5001");
+}
+
+TEST(Source, RelaysThatNobodyCanSendTo) {
+  for (const char* relay :
+       {"1.2.3:5", "300.1.1.1:5", "-x:5", ".x:5", "a b:5", "a/b:5", "name:0", "name", ":5", "[name]:5",
+        "fe80::1%eth0:5", "[fe80::1%]:5", "[2001:db8::1%eth0]:5", "[fe80::1%a-name-much-too-long]:5", "10.0.0.1%eth0:5",
+        "[ff15::1%eth0]:5", "[fe80::1%eth0]:5 ttl=follow"}) {
+    EXPECT_FALSE(ParseRelay(relay)) << relay;
+  }
+  EXPECT_FALSE(ParseRelay(std::string(250, 'a') + ".org:5"));
+}
+
 // --- encoder section ---------------------------------------------------------------------------------
 
 TEST(Encoder, EverySetting) {
@@ -423,7 +448,7 @@ TEST_P(BadRelay, IsRefused) {
   EXPECT_FALSE(ParseRelay(GetParam()));
 }
 INSTANTIATE_TEST_SUITE_P(Relays, BadRelay,
-                         testing::Values("", "10.0.0.1", "10.0.0.1:0", "10.0.0.1:65536", "host:5000", "ff02::1:5000",
+                         testing::Values("", "10.0.0.1", "10.0.0.1:0", "10.0.0.1:65536", "host/x:5000", "ff02::1:5000",
                                          "[10.0.0.1]:5000", "10.0.0.1:5000 ttl=256", "10.0.0.1:5000 ttl=-1",
                                          "10.0.0.1:5000 ttl=", "10.0.0.1:5000 ttl=1 ttl=2", "10.0.0.1:5000 hops=1",
                                          "[ff02::1]:5000 ttl=follow", "[ff02::1]:5000 tos=follow"));

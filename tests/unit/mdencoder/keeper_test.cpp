@@ -2,11 +2,15 @@
 // The state machine of the sources, on a clock and a network that the tests provide.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <deque>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,7 +19,9 @@
 #include "ini_file.h"
 #include "library.h"
 #include "reach.h"
+#include "resolver.h"
 #include "source_keeper.h"
+#include "values.h"
 
 namespace mdencoder {
 namespace {
@@ -110,6 +116,8 @@ class KeeperTest : public testing::Test {
   std::string m_obstacle;  // to every source
   int m_asked = 0;
   Health m_health;
+  std::optional<Resolution> m_answer;      // to every name
+  std::optional<Resolution> m_lateAnswer;  // for who waits
   std::vector<std::string> m_lines;
   std::array<HostCaptureState, kHostVideoInputs> m_states;
   int m_ticks = 0;
@@ -127,7 +135,11 @@ class KeeperTest : public testing::Test {
        [](const SourceSettings&, const HostRuntimeConfig&) {
          return Place{7, "eth1", {}};
        },
-       [this](const SourceSettings&, const HostRuntimeConfig&, const Place&) { return m_health; }},
+       [this](const SourceSettings&, const HostRuntimeConfig&, const Place&) { return m_health; },
+       [this](const std::string& host, uint16_t port) {
+         m_fake.calls.push_back("ask " + host + ":" + std::to_string(port));
+         return NameQuestion{[this] { return m_answer; }, [this](std::chrono::milliseconds) { m_answer = m_lateAnswer; }};
+       }},
       [this](bool isWarning, const std::string& line) { m_lines.push_back((isWarning ? "4 " : "5 ") + line); },
       {[] { return size_t{1}; },
        [this](int input, const HostCaptureConfig& capture) {
@@ -374,6 +386,127 @@ TEST(Difference, TheOriginThatTheHostHasCounts) {
   ASSERT_EQ(difference.changed.size(), 2U);
   EXPECT_EQ(difference.changed[0].name, "s");
   EXPECT_EQ(difference.changed[1].name, "w");
+}
+
+// --- relays to names ---------------------------------------------------------------------------------
+
+constexpr char kNamed[] = "[a]\ninput = udp\nport = 5000\nrelay1 = 192.0.2.9:7000\nrelay2 = map.test:7000\n";
+
+// The addresses of a host, each of which is a number.
+Resolution At(const std::vector<std::string>& addresses) {
+  Resolution resolution;
+  for (const std::string& address : addresses) {
+    const Resolution one = Resolve(address, 7000, SOCK_DGRAM);
+    resolution.addresses.insert(resolution.addresses.end(), one.addresses.begin(), one.addresses.end());
+  }
+  return resolution;
+}
+
+std::string RelayOf(const Opened& opened, size_t relay) {
+  return DestinationText(opened.record.Relays[relay]);
+}
+
+TEST_F(KeeperTest, ARelayToANameIsOpenedWithItsFirstAddress) {
+  m_answer = At({"192.0.2.1", "192.0.2.2"});
+  Start(kNamed);
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:7000", "open 1"));
+  EXPECT_EQ(RelayOf(m_fake.sources.back(), 0), "192.0.2.9:7000");
+  EXPECT_EQ(RelayOf(m_fake.sources.back(), 1), "192.0.2.1:7000");
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(KeeperTest, ASourceWaitsForTheAddressOfARelay) {
+  Start(kNamed);
+  Pass(1900ms);
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:7000"));
+  EXPECT_THAT(Lines(), IsEmpty()) << "an answer takes some time";
+  Pass(1s);
+  EXPECT_THAT(Lines(), ElementsAre("4 source a waits: the address of map.test is being looked up"));
+  m_answer = Resolution{{}, "the address of map.test cannot be found: no such name"};
+  Pass(100s);
+  EXPECT_THAT(Lines(), ElementsAre("4 source a waits: the address of map.test cannot be found: no such name"));
+  const size_t asked = Calls().size();
+  EXPECT_GE(asked, 3U);
+  EXPECT_LE(asked, 6U) << "less and less often";
+  m_answer = At({"192.0.2.1"});
+  Pass(31s);
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:7000", "open 1"));
+  EXPECT_THAT(Lines(), ElementsAre(HasSubstr("5 source a is open after")));
+}
+
+TEST_F(KeeperTest, ASourceThatMustNotWaitWaitsForTheAnswerOnce) {
+  m_lateAnswer = At({"192.0.2.1"});
+  Start(std::string(kNamed) + "retry = no\n");
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:7000", "open 1"));
+  m_fake.sources.back().statistics.Relays[1].nRelayErrors = 5;
+  Pass(100s);
+  EXPECT_THAT(Calls(), IsEmpty());
+}
+
+TEST_F(KeeperTest, ASourceThatMustNotWaitFailsWithoutAnAnswer) {
+  const Config config = Read(std::string(kNamed) + "retry = no\n");
+  m_keeper.Add(config.sources[0], config.encoder.capabilities);
+  EXPECT_NE(m_keeper.OpenAll(m_now), nullptr);
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:7000"));
+}
+
+TEST_F(KeeperTest, ANameIsAskedForAgainOnlyWhenSendingToItFails) {
+  m_answer = At({"192.0.2.1"});
+  Start(kNamed);
+  Calls();
+  Pass(100s);
+  EXPECT_THAT(Calls(), IsEmpty());
+  m_answer = At({"192.0.2.7", "192.0.2.1"});
+  m_fake.sources.back().statistics.Relays[0].nRelayErrors = 3;
+  Pass(100s);
+  EXPECT_THAT(Calls(), IsEmpty()) << "the other relay";
+  m_fake.sources.back().statistics.Relays[1] = {70, 7, 1, ECONNREFUSED, 24};
+  Pass(2s);
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:7000")) << "the address is still the host's";
+  m_answer = At({"192.0.2.7"});
+  Pass(100s);
+  EXPECT_THAT(Calls(), IsEmpty());
+  ++m_fake.sources.back().statistics.Relays[1].nRelayErrors;
+  Pass(2s);
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:7000", "close 1", "open 1"));
+  EXPECT_EQ(RelayOf(m_fake.sources.back(), 1), "192.0.2.7:7000");
+  EXPECT_EQ(m_fake.sources.back().statistics.Relays[1].nRelayedMessages, 7U) << "counts go on";
+  EXPECT_THAT(Lines(), ElementsAre("5 source a relays to map.test:7000 at 192.0.2.7 from now on"));
+  Pass(100s);
+  EXPECT_THAT(Calls(), IsEmpty()) << "the errors of before do not count";
+}
+
+TEST_F(KeeperTest, ARelayThatFollowsTakesAnAddressOfIPv4) {
+  m_answer = At({"2001:db8::1", "192.0.2.1"});
+  Start(std::string(kNamed) + "relay3 = map.test:7001 ttl=follow\n");
+  EXPECT_EQ(RelayOf(m_fake.sources.back(), 1), "[2001:db8::1]:7000");
+  EXPECT_EQ(RelayOf(m_fake.sources.back(), 2), "192.0.2.1:7001");
+}
+
+TEST_F(KeeperTest, ARelayThatFollowsDoesWithoutNoAddressOfIPv4) {
+  m_answer = At({"2001:db8::1"});
+  Start("[a]\ninput = udp\nport = 5000\nrelay1 = map.test:7001 ttl=follow\n");
+  EXPECT_THAT(Lines(),
+              ElementsAre("4 source a waits: map.test has no address of IPv4, as a relay that follows needs"));
+}
+
+TEST_F(KeeperTest, ANameThatLeadsBackIsNotRelayedTo) {
+  m_answer = At({"127.0.0.1"});
+  Start("[a]\ninput = udp\nport = 5000\nrelay1 = map.test:5001\n[b]\ninput = udp\nport = 5001\nrelay1 = map.test:5000\n");
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:5001", "open 1", "ask map.test:5000"));
+  EXPECT_THAT(Lines(), ElementsAre(HasSubstr("4 source b waits: [a] relay1 must be a destination that does not lead back to "
+                                             "its source, not \"map.test:5001\"")));
+  m_answer = At({"192.0.2.1"});
+  Pass(10s);
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:5000", "open 2"));
+}
+
+TEST(Difference, TheNameOfARelayCounts) {
+  const CheckedConfig before{MakeConfig(ParseIni(kNamed), "-"), {}};
+  EXPECT_EQ(Compare(before, before).unchanged.size(), 1U);
+  std::string text = kNamed;
+  text.replace(text.find("map.test"), 8, "new.test");
+  EXPECT_EQ(Compare(before, {MakeConfig(ParseIni(text), "-"), {}}).changed.size(), 1U);
 }
 
 // --- sources with a url ------------------------------------------------------------------------------

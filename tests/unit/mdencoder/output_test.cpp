@@ -195,8 +195,8 @@ SourceSettings FullSettings(bool cot) {
   settings.record.enDataType = cot ? MDATA_DATA_COT : MDATA_DATA_KLV;
   std::strcpy(settings.record.szMissionID, "M");
   settings.record.nNumOfRelays = 2;
-  settings.record.Relays[0] = *ParseRelay("239.0.0.1:5000");
-  settings.record.Relays[1] = *ParseRelay("[fd00::1]:5001");
+  settings.record.Relays[0] = ParseRelay("239.0.0.1:5000")->record;
+  settings.record.Relays[1] = ParseRelay("[fd00::1]:5001")->record;
   return settings;
 }
 
@@ -219,6 +219,18 @@ TEST(Statistics, RelaysAreFoundByTheirDestination) {
   const MDATA_SRC_STATS back = LibraryStatisticsFromJson(settings, json);
   EXPECT_EQ(back.Relays[0].nRelayedBytes, 31U);
   EXPECT_EQ(back.Relays[1].nRelayedBytes, 21U);
+}
+
+TEST(Statistics, ARelayToANameIsFoundByItWhateverItsAddress) {
+  SourceSettings settings = FullSettings(false);
+  settings.relayHosts = {"", "map.example.org"};
+  const Json json = LibraryStatisticsJson(settings, FullStatistics(false));
+  EXPECT_EQ(json["relays"][0].count("address"), 0U);
+  EXPECT_EQ(json["relays"][1]["destination"], "map.example.org:5001");
+  EXPECT_EQ(json["relays"][1]["address"], "fd00::1");
+  settings.record.Relays[1].iDestAddressFamily = 0;
+  EXPECT_EQ(LibraryStatisticsFromJson(settings, json).Relays[1].nRelayedBytes, 31U);
+  EXPECT_EQ(LibraryStatisticsJson(settings, FullStatistics(false))["relays"][1]["address"], "");
 }
 
 TEST(Statistics, CountersThatTheLibraryDoesNotFillAreLeftOut) {

@@ -59,6 +59,10 @@ TEST(RelayGraph, ALoopThroughOtherSourcesIsNamedWhole) {
             "[a] -> 10.0.0.5:5001 -> [b] -> [::1]:5002 -> [c] -> 127.0.0.1:5000 -> [a]");
 }
 
+TEST(RelayGraph, ANameWithoutAnAddressLeadsNowhereYet) {
+  EXPECT_EQ(Complaint(Source("a", 5000, "relay1 = name.test:5000")), "accepted");
+}
+
 TEST(RelayGraph, ChainsThatEndAreAccepted) {
   EXPECT_EQ(Complaint(Source("a", 5000, "relay1 = 127.0.0.1:5001\nrelay2 = 127.0.0.1:5002") +
                       Source("b", 5001, "relay1 = 127.0.0.1:5002") + Source("c", 5002, "relay1 = 10.0.0.9:5000")),
