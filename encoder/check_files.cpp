@@ -125,6 +125,9 @@ std::vector<FileUse> UsesOf(const CheckSubject& subject) {
     if (!track.empty()) uses.push_back({trackPlace, track, FileUse::Kind::Recording, !hasTrack});
     AddRawCapture(subject, source, uses);
     const std::string file = source.capture ? source.capture->path : source.replay ? source.replay->path : "";
+    if (source.capture && !source.capture->authorities.empty()) {
+      uses.push_back({{subject.configPath, source.name, "tls_ca"}, source.capture->authorities});
+    }
     if (!file.empty() && !stream_url::IsUrl(file)) uses.push_back({{subject.configPath, source.name, "url"}, file});
   }
   return uses;

@@ -121,6 +121,7 @@ std::string ConditionOf(std::string_view key) {
   }
   if (key == "cot_aircraft") return "with data = cot and url = tak://, tcp:// or tls://";
   if (key == "tls_key") return "with a tls_certificate";
+  if (key == "tls_ca") return "with data = cot and url = tls://, or with url = https://";
   if (key.starts_with("tls_")) return "with data = cot and url = tls://";
   if (key == "sender") return "with input = udp and groups as the address";
   if (key == "interface") return "with input = udp, with input = video and without url, or with url = tak://";
@@ -448,6 +449,7 @@ void ReadVideo(Section& section, Origin origin, SourceSettings& source) {
   HostCaptureConfig& capture = source.capture.emplace();
   capture.kind = HostCaptureConfig::Kind::Media;
   capture.path = section.Path("url");
+  if (stream_url::Scheme(capture.path) == "https") capture.authorities = section.Path("tls_ca");
   if (origin != Origin::File) return;
   capture.speed = section.Real("speed", 0, kHighestSpeed, 1);
   capture.loop = section.Switch("loop", false);

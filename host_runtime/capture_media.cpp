@@ -62,7 +62,7 @@ class MediaBackend : public CaptureBackend {
   bool Play(CaptureQueue& queue) {
     m_playback.BeginPass();
     MediaDemuxer demuxer([&queue] { return queue.IsStopping(); });
-    if (!demuxer.Open(m_config.path)) {
+    if (!demuxer.Open(m_config.path, m_config.authorities)) {
       if (!queue.IsStopping()) RefuseInput(queue, demuxer.Fault());
       return false;
     }

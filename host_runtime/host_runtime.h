@@ -34,10 +34,12 @@ struct HostCaptureConfig {
   std::string address;  // Anc: IPv4 group to join, or empty
   uint16_t port = 0;    // Anc
   double speed = 1;     // Media: a file's own time times this; 0 for as fast as its messages are taken
+  // Media, https: file of the authorities (PEM) that may have signed the server's certificate; empty: those of the system.
+  std::string authorities;
 
   bool operator==(const HostCaptureConfig& other) const {
-    return std::tie(kind, path, loop, address, port, speed) ==
-           std::tie(other.kind, other.path, other.loop, other.address, other.port, other.speed);
+    return std::tie(kind, path, loop, address, port, speed, authorities) ==
+           std::tie(other.kind, other.path, other.loop, other.address, other.port, other.speed, other.authorities);
   }
 };
 

@@ -12,6 +12,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <mutex>
 #include <utility>
@@ -30,6 +31,7 @@ constexpr char kLongestSilence[] = "15000000";  // microseconds without a byte f
 constexpr int kMostTracks = 64;
 constexpr size_t kLargestBlock = size_t{64} << 20;  // that libavformat may allocate at once
 constexpr int kReadSize = 32768;
+constexpr size_t kLargestUnit = size_t{1} << 20;
 
 // Formats that can have a KLV track. Playlists are not among them: they name other files and hosts.
 constexpr char kFormats[] = "mpegts,matroska,webm,mov,mp4,mxf,avi,flv,rtsp,rtp,sdp";
@@ -139,9 +141,10 @@ bool MediaDemuxer::Finish(int result) {
   return false;
 }
 
-bool MediaDemuxer::Open(const std::string& path) {
+bool MediaDemuxer::Open(const std::string& path, const std::string& authorities) {
   const bool isUrl = stream_url::IsUrl(path);
   const char* const protocols = ProtocolsOf(path);
+  m_joinsPieces = stream_url::Scheme(path).starts_with("rtsp") || path.ends_with(".sdp");
   if (protocols == nullptr) {
     m_fault = "unknown protocol";
     return false;
@@ -157,6 +160,10 @@ bool MediaDemuxer::Open(const std::string& path) {
   if (isUrl) {
     m_openDeadline = MonotonicNs() + kLongestOpening;
     av_dict_set(&settings, stream_url::Scheme(path).starts_with("rtsp") ? "timeout" : "rw_timeout", kLongestSilence, 0);
+  }
+  if (stream_url::Scheme(path) == "https") {
+    av_dict_set(&settings, "tls_verify", "1", 0);
+    if (!authorities.empty()) av_dict_set(&settings, "ca_file", authorities.c_str(), 0);
   }
   // Frees the context if it fails.
   const int result = avformat_open_input(&m_input, (isUrl ? path : "file:" + path).c_str(), nullptr, &settings);
@@ -214,8 +221,49 @@ bool MediaDemuxer::IsKlv(const AVStream& stream) const {
   return anc_klv::SizeOfKlv(data).state == anc_klv::KlvSize::State::Known;
 }
 
+namespace {
+
+bool BeginsAsKlv(std::span<const uint8_t> data) {
+  constexpr std::array<uint8_t, 4> kLabel = {0x06, 0x0E, 0x2B, 0x34};
+  return data.size() >= kLabel.size() && std::equal(kLabel.begin(), kLabel.end(), data.begin());
+}
+
+// Returns whether nothing more can belong to these messages.
+bool IsWhole(std::span<const uint8_t> messages) {
+  using State = anc_klv::KlvSize::State;
+  while (!messages.empty()) {
+    const anc_klv::KlvSize size = anc_klv::SizeOfKlv(messages);
+    if (size.state == State::Bad) return true;
+    if (size.state != State::Known || size.size > messages.size()) return false;
+    messages = messages.subspan(size.size);
+  }
+  return true;
+}
+
+}  // namespace
+
+// RTP cuts a unit of KLV into packets (RFC 6597), which libavformat passes on as they come. A unit that lacks a piece is
+// passed on as it is, and counted as damaged.
+void MediaDemuxer::Join(int track, std::span<const uint8_t> piece) {
+  std::vector<uint8_t>& unit = m_pieces[track];
+  if (!unit.empty() && (BeginsAsKlv(piece) || unit.size() + piece.size() > kLargestUnit)) {
+    m_units.push_back(std::exchange(unit, {}));
+  }
+  unit.insert(unit.end(), piece.begin(), piece.end());
+  if (IsWhole(unit)) m_units.push_back(std::exchange(unit, {}));
+}
+
+bool MediaDemuxer::TakeUnit(Packet* packet) {
+  if (m_units.empty()) return false;
+  m_unit = std::move(m_units.front());
+  m_units.pop_front();
+  *packet = {m_time, m_unit};
+  return true;
+}
+
 bool MediaDemuxer::Next(Packet* packet) {
   for (;;) {
+    if (TakeUnit(packet)) return true;
     av_packet_unref(m_packet);
     if (m_isStopping()) return false;
     const int result = av_read_frame(m_input, m_packet);
@@ -225,8 +273,16 @@ bool MediaDemuxer::Next(Packet* packet) {
     const AVStream& stream = *m_input->streams[m_packet->stream_index];
     const int64_t stamp = m_packet->pts != AV_NOPTS_VALUE ? m_packet->pts : m_packet->dts;
     if (stamp != AV_NOPTS_VALUE) m_time = av_rescale_q(stamp, stream.time_base, kClock);
-    if (m_packet->size <= 0 || !IsKlv(stream)) continue;
-    *packet = {m_time, {m_packet->data, static_cast<size_t>(m_packet->size)}};
+    if (m_packet->size <= 0) continue;
+    const std::span<const uint8_t> data(m_packet->data, static_cast<size_t>(m_packet->size));
+    const auto begun = m_pieces.find(m_packet->stream_index);
+    const bool isPiece = begun != m_pieces.end() && !begun->second.empty();
+    if (!isPiece && !IsKlv(stream)) continue;
+    if (m_joinsPieces) {
+      Join(m_packet->stream_index, data);
+      continue;
+    }
+    *packet = {m_time, data};
     return true;
   }
 }

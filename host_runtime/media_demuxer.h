@@ -6,10 +6,13 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 struct AVFormatContext;
 struct AVIOContext;
@@ -26,8 +29,9 @@ class MediaDemuxer {
   MediaDemuxer(const MediaDemuxer&) = delete;
   MediaDemuxer& operator=(const MediaDemuxer&) = delete;
 
-  // Opens a file, or a URL of a protocol that KnowsProtocol. Returns false with Fault().
-  bool Open(const std::string& path);
+  // Opens a file, or a URL of a protocol that KnowsProtocol. The certificate of an https server must be signed by one of
+  // the authorities in a file, or of the system if there is no such file. Returns false with Fault().
+  bool Open(const std::string& path, const std::string& authorities = {});
   // Opens a transport stream whose bytes `read` gives: it returns how many bytes it stored, or 0 at the end.
   using Read = std::function<size_t(std::span<uint8_t> to)>;
   bool OpenTransportStream(Read read);
@@ -52,6 +56,8 @@ class MediaDemuxer {
   bool Finish(int result);
   void SelectTracks();
   bool IsKlv(const AVStream& stream) const;
+  void Join(int track, std::span<const uint8_t> piece);
+  bool TakeUnit(Packet* packet);
 
   const std::function<bool()> m_isStopping;
   std::unique_ptr<Bytes> m_bytes;
@@ -61,6 +67,11 @@ class MediaDemuxer {
   int64_t m_openDeadline = 0;  // monotonic, ns; 0 without one
   bool m_isLate = false;       // the deadline has passed
   int64_t m_time = 0;
+  // Of RTP: what has come of the units of each track, those that are whole, and the one that was returned.
+  bool m_joinsPieces = false;
+  std::map<int, std::vector<uint8_t>> m_pieces;
+  std::deque<std::vector<uint8_t>> m_units;
+  std::vector<uint8_t> m_unit;
   std::string m_fault;
 };
 

@@ -117,7 +117,7 @@ class CaptureTest : public RuntimeTest {
   }
 
   void Configure(int input, Kind kind, const std::string& path, bool loop = false) {
-    m_config.captures[static_cast<size_t>(input)] = {kind, path, loop, "", 0};
+    m_config.captures[static_cast<size_t>(input)] = {kind, path, loop, "", 0, 1, ""};
     Apply();
   }
 
@@ -298,7 +298,7 @@ class AncCaptureTest : public CaptureTest {
     getsockname(probe, reinterpret_cast<sockaddr*>(&address), &size);
     m_port = ntohs(address.sin_port);
     close(probe);
-    m_config.captures[1] = {Kind::Anc, "", false, "", m_port};
+    m_config.captures[1] = {Kind::Anc, "", false, "", m_port, 1, ""};
     Apply();
   }
   void Send(const std::vector<Bytes>& messages, uint32_t timestamp) { SendUdp(m_port, Frame(messages, timestamp)); }
@@ -665,7 +665,7 @@ TEST_F(StreamTest, AnUrlThatCannotBeReceivedDoesNotStart) {
 
 TEST_F(StreamTest, OneInputCanBeSetWithoutTheOthers) {
   Configure(0, Kind::Media, "udp://127.0.0.1:1");
-  EXPECT_TRUE(HostRuntime_SetCapture(1, {Kind::Media, "a.klv", false, "", 0, 0}));
+  EXPECT_TRUE(HostRuntime_SetCapture(1, {Kind::Media, "a.klv", false, "", 0, 0, ""}));
   EXPECT_EQ(HostRuntime_Config().captures[0].path, "udp://127.0.0.1:1");
   EXPECT_EQ(HostRuntime_Config().captures[1].path, "a.klv");
   EXPECT_FALSE(HostRuntime_SetCapture(4, {}));

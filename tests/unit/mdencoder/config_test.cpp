@@ -196,6 +196,14 @@ TEST(Source, RelaysToNamesAndInterfaces) {
   EXPECT_EQ(RelayText(source, 1), "[fe80::1]:5001");
 }
 
+TEST(Source, AServerOfHttpsMayHaveAuthoritiesOfItsOwn) {
+  const Config config = Read("[a]\nurl = https://camera/x.ts\ntls_ca = /etc/ca.pem\n[b]\nurl = https://camera/x.ts\n");
+  EXPECT_EQ(config.sources.at(0).capture->authorities, "/etc/ca.pem");
+  EXPECT_EQ(config.sources.at(1).capture->authorities, "");
+  EXPECT_THAT(Complaint("[a]\nurl = http://camera/x.ts\ntls_ca = /etc/ca.pem\n"),
+              HasSubstr("[a] tls_ca is allowed only with data = cot and url = tls://, or with url = https://"));
+}
+
 TEST(Source, RelaysThatNobodyCanSendTo) {
   for (const char* relay :
        {"1.2.3:5", "300.1.1.1:5", "-x:5", ".x:5", "a b:5", "a/b:5", "name:0", "name", ":5", "[name]:5",
