@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "check.h"
+#include "cot_sender.h"
 #include "owned_fd.h"
 #include "reception.h"
 #include "stream_url.h"
@@ -234,16 +235,15 @@ void CheckRelayRoutes(const CheckSubject& subject, const SourceSettings& source)
       Refuse(place, value, "the address of a receiver");
     }
     const std::string& interface = source.reception.relayInterface;
-    if (!ConnectTo(relay, interface.empty() ? kRelayInterface : interface).IsOpen()) Refuse(place, value, "a destination that can be sent to", std::strerror(errno));
+    if (ConnectTo(relay, interface.empty() ? kRelayInterface : interface).IsOpen()) continue;
+    Refuse(place, value, "a destination that can be sent to", std::strerror(errno));
   }
 }
 
 // The names of hosts are not looked up, and nobody is called.
-void CheckTak(const CheckSubject& subject, const SourceSettings& source) {
-  const TakSettings& tak = *source.tak;
-  if (tak.transport != TakSettings::Transport::Tls) return;
+void CheckTls(const CheckSubject& subject, const SourceSettings& source, const TlsSettings& settings) {
   try {
-    const TlsClient client(tak);
+    const TlsClient client(settings);
   } catch (const ConfigError& error) {
     throw ConfigError(subject.configPath + ": [" + source.name + "] " + error.what());
   }
@@ -272,7 +272,11 @@ void CheckNetwork(const CheckSubject& subject) {
   }
   for (const SourceSettings& source : subject.config.sources) {
     CheckRelayRoutes(subject, source);
-    if (source.tak) CheckTak(subject, source);
+    if (source.tak && source.tak->transport == TakSettings::Transport::Tls) {
+      CheckTls(subject, source, source.tak->tls);
+    }
+    const auto events = ParseCotDestination(source.cotOut);
+    if (events && events->isTls) CheckTls(subject, source, source.cotOutTls);
   }
 }
 

@@ -121,8 +121,8 @@ std::string ConditionOf(std::string_view key) {
   }
   if (key == "cot_aircraft") return "with data = cot and url = tak://, tcp:// or tls://";
   if (key == "tls_key") return "with a tls_certificate";
-  if (key == "tls_ca") return "with data = cot and url = tls://, or with url = https://";
-  if (key.starts_with("tls_")) return "with data = cot and url = tls://";
+  if (key == "tls_ca") return "with url = tls:// and data = cot, with url = https://, or with cot_out = tls://";
+  if (key.starts_with("tls_")) return "with url = tls:// and data = cot, or with cot_out = tls://";
   if (key == "sender") return "with input = udp and groups as the address";
   if (key == "interface") return "with input = udp, with input = video and without url, or with url = tak://";
   if (key == "decimation") return "with input = video";
@@ -293,8 +293,11 @@ void ReadCot(Section& section, MDATA_COT_CFG& cot) {
 void ReadCotOut(Section& section, SourceSettings& source) {
   const std::string* value = section.Find("cot_out");
   if (value == nullptr) return;
-  if (!ParseCotDestination(*value)) section.Fail("cot_out", *value, "udp://HOST:PORT or tcp://HOST:PORT");
+  const auto destination = ParseCotDestination(*value);
+  if (!destination)
+    section.Fail("cot_out", *value, "udp://HOST:PORT, tak://HOST:PORT, tcp://HOST:PORT or tls://HOST:PORT");
   source.cotOut = *value;
+  if (destination->isTls) source.cotOutTls = ReadTls(section);
   source.cotOutRate = section.Real("cot_out_rate", kLeastCotRate, kMostCotRate, source.cotOutRate);
   source.cotOutUid = section.Text("cot_out_uid", kLongestCotName);
   const std::string* type = section.Find("cot_out_type");
@@ -321,8 +324,9 @@ void ReadRelays(Section& section, SourceSettings& source) {
     std::string& interface = source.reception.relayInterface;
     if (relay->interface.empty() || relay->interface == interface) continue;
     if (!interface.empty()) {
-      section.Fail(key, *value,
-                   "on the interface " + interface + " as the relay before, because the library has one for all of a source");
+      section.Fail(
+          key, *value,
+          "on the interface " + interface + " as the relay before, because the library has one for all of a source");
     }
     interface = relay->interface;
   }

@@ -17,6 +17,7 @@
 #include "metadata_lib.h"
 #include "stream_settings.h"
 #include "tak_settings.h"
+#include "tls.h"
 #include "track_text.h"
 
 namespace mdencoder {
@@ -76,6 +77,7 @@ struct SourceSettings {
   double cotOutRate = 1;
   std::string cotOutUid;  // empty: the name of the machine and that of the source
   std::string cotOutType;
+  TlsSettings cotOutTls;
   std::optional<uint64_t> rotateSize;  // as in the encoder's settings, which apply without it
   std::optional<uint64_t> rotateTime;
   std::optional<double> silence;

@@ -20,6 +20,7 @@
 #include <chrono>
 #include <cstring>
 #include <iterator>
+#include <stdexcept>
 #include <utility>
 
 #include "annotated_mutex.h"
@@ -31,6 +32,7 @@ namespace mdencoder {
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using Outcome = TlsConnection::Outcome;
 
 constexpr size_t kMostWaiting = 65536;  // bytes for a peer that reads slowly
 constexpr auto kFirstPause = std::chrono::seconds(1);
@@ -40,6 +42,8 @@ constexpr auto kFarewell = std::chrono::milliseconds(200);
 constexpr double kLeastStale = 5;   // seconds after which a client drops an event
 constexpr double kStaleEvents = 3;  // and the events that may be missing until then
 constexpr int kHops = 16;           // of a group
+constexpr int kMostReads = 64;      // at once
+constexpr char kClosed[] = "the peer has closed the connection";
 
 uint64_t WallClockUs() {
   const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -81,8 +85,10 @@ common::OwnedFD ConnectTo(const CotDestination& destination, std::string& reason
 
 std::optional<CotDestination> ParseCotDestination(std::string_view text) {
   CotDestination destination;
-  destination.isStream = text.starts_with("tcp://");
-  if (!destination.isStream && !text.starts_with("udp://")) return std::nullopt;
+  destination.isTls = text.starts_with("tls://");
+  destination.isStream = destination.isTls || text.starts_with("tcp://");
+  destination.isTak = text.starts_with("tak://");
+  if (!destination.isStream && !destination.isTak && !text.starts_with("udp://")) return std::nullopt;
   text.remove_prefix(6);
   const size_t colon = text.rfind(':');
   if (colon == std::string_view::npos || colon == 0) return std::nullopt;
@@ -170,15 +176,17 @@ class CotSender::Core {
   }
 
   void Send(Clock::time_point now) {
-    const auto seen = TakeLatest();
+    auto seen = TakeLatest();
     if (!m_fd.IsOpen() && now >= m_nextTry) Connect(now);
     if (m_isConnecting && now >= m_connectEnd) Fail(now, std::strerror(ETIMEDOUT));
     if (!seen) return;
+    AddEllipsoidHeights(*seen, m_settings.undulation);
     cot_text::Times times;
     times.nowUs = WallClockUs();
     times.staleUs = times.nowUs + static_cast<uint64_t>(std::max(kLeastStale, kStaleEvents / m_settings.rate) * 1e6);
-    for (const std::string& event :
-         {cot_text::PlatformEvent(*seen, m_names, times), cot_text::SensorPointEvent(*seen, m_names, times)}) {
+    const auto form = m_destination.isTak ? cot_text::Form::Tak : cot_text::Form::Xml;
+    for (const std::string& event : {cot_text::PlatformEvent(*seen, m_names, times, form),
+                                     cot_text::SensorPointEvent(*seen, m_names, times, form)}) {
       if (!event.empty()) Push(now, event);
     }
   }
@@ -212,7 +220,38 @@ class CotSender::Core {
     m_connectEnd = now + kConnectTime;
   }
 
+  // Its files are read at every connection, because certificates are renewed.
+  void BeginTls(Clock::time_point now) {
+    try {
+      const TlsSettings& tls = m_settings.tls;
+      m_tlsClient = std::make_unique<TlsClient>(tls);
+      m_tls =
+          std::make_unique<TlsConnection>(*m_tlsClient, m_fd.Get(), tls.name.empty() ? m_destination.host : tls.name);
+    } catch (const std::runtime_error& error) {
+      return Fail(now, error.what());
+    }
+    Shake(now);
+  }
+
+  void Shake(Clock::time_point now) {
+    const auto outcome = m_tls->Handshake();
+    if (!Goes(now, outcome)) return;
+    if (outcome != Outcome::Done) return;
+    m_isConnecting = false;
+    Succeed();
+  }
+
+  // Notes what the connection waits for. Returns false if it has ended.
+  bool Goes(Clock::time_point now, Outcome outcome) {
+    m_tlsEvents = outcome == Outcome::WaitToWrite ? POLLOUT : POLLIN;
+    if (outcome != Outcome::Ended && outcome != Outcome::Failed) return true;
+    Fail(now, outcome == Outcome::Ended ? kClosed : m_tls->Fault());
+    return false;
+  }
+
   void Fail(Clock::time_point now, const std::string& reason) {
+    const std::string why = reason;  // it may be that of the connection
+    m_tls.reset();
     m_fd = common::OwnedFD();
     m_isConnecting = false;
     m_waiting.clear();
@@ -221,7 +260,7 @@ class CotSender::Core {
     m_isGood = false;
     m_nextTry = now + m_pause;
     m_pause = std::min<std::chrono::seconds>(2 * m_pause, kLongestPause);
-    if (!std::exchange(m_isFailing, true)) Tell(true, "cannot be sent to " + m_settings.url + ": " + reason);
+    if (!std::exchange(m_isFailing, true)) Tell(true, "cannot be sent to " + m_settings.url + ": " + why);
   }
 
   void Succeed() {
@@ -229,7 +268,17 @@ class CotSender::Core {
     if (std::exchange(m_isFailing, false)) Tell(false, "are sent to " + m_settings.url + " again");
   }
 
+  void WriteTls(Clock::time_point now) {
+    while (!m_waiting.empty()) {
+      size_t put = 0;
+      const auto outcome = m_tls->Write({reinterpret_cast<const uint8_t*>(m_waiting.data()), m_waiting.size()}, put);
+      if (!Goes(now, outcome) || outcome != Outcome::Done) return;
+      m_waiting.erase(0, put);
+    }
+  }
+
   void WriteOut(Clock::time_point now) {
+    if (m_tls) return WriteTls(now);
     while (!m_waiting.empty()) {
       const ssize_t sent = send(m_fd.Get(), m_waiting.data(), m_waiting.size(), MSG_NOSIGNAL);
       if (sent < 0 && errno == EINTR) continue;
@@ -241,7 +290,11 @@ class CotSender::Core {
 
   void Wait(Clock::time_point due) {
     pollfd set[] = {{m_stop.Get(), POLLIN, 0}, {m_fd.Get(), POLLIN, 0}};
-    if (m_isConnecting || !m_waiting.empty()) set[1].events |= POLLOUT;
+    if (m_tls) {
+      set[1].events |= m_tlsEvents;
+    } else if (m_isConnecting || !m_waiting.empty()) {
+      set[1].events |= POLLOUT;
+    }
     const bool polls = m_destination.isStream && m_fd.IsOpen();
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()).count();
     if (poll(set, polls ? 2 : 1, static_cast<int>(std::clamp<int64_t>(left, 0, 3600000))) <= 0) return;
@@ -255,16 +308,32 @@ class CotSender::Core {
       socklen_t size = sizeof(error);
       getsockopt(m_fd.Get(), SOL_SOCKET, SO_ERROR, &error, &size);
       if (error != 0) return Fail(now, std::strerror(error));
+      if (m_tls) return Shake(now);
       if ((events & POLLOUT) == 0) return;
+      if (m_destination.isTls) return BeginTls(now);
       m_isConnecting = false;
       return Succeed();
     }
-    // A server sends the events of others; nobody reads them here.
-    std::array<char, 4096> ignored{};
-    const ssize_t got = recv(m_fd.Get(), ignored.data(), ignored.size(), 0);
-    if (got == 0) return Fail(now, "the peer has closed the connection");
-    if (got < 0 && errno != EAGAIN && errno != EINTR) return Fail(now, std::strerror(errno));
-    if ((events & POLLOUT) != 0) WriteOut(now);
+    if (!ReadAway(now)) return;
+    if (m_tls || (events & POLLOUT) != 0) WriteOut(now);
+  }
+
+  // A server sends the events of others; nobody reads them here. Returns false if the connection has ended.
+  bool ReadAway(Clock::time_point now) {
+    std::array<uint8_t, 4096> ignored{};
+    if (!m_tls) {
+      const ssize_t got = recv(m_fd.Get(), ignored.data(), ignored.size(), 0);
+      if (got > 0 || (got < 0 && (errno == EAGAIN || errno == EINTR))) return true;
+      Fail(now, got == 0 ? kClosed : std::strerror(errno));
+      return false;
+    }
+    // What was received already is not in the socket any more.
+    Outcome outcome = Outcome::Done;
+    for (int reads = 0; reads < kMostReads && outcome == Outcome::Done; ++reads) {
+      size_t got = 0;
+      outcome = m_tls->Read(ignored, got);
+    }
+    return Goes(now, outcome);
   }
 
   const CotSenderSettings m_settings;
@@ -275,7 +344,10 @@ class CotSender::Core {
 
   // Thread.
   common::OwnedFD m_fd;
-  bool m_isConnecting = false;
+  std::unique_ptr<TlsClient> m_tlsClient;
+  std::unique_ptr<TlsConnection> m_tls;  // of a connected stream
+  short m_tlsEvents = POLLIN;            // that it waits for
+  bool m_isConnecting = false;           // and shaking hands
   Clock::time_point m_connectEnd;
   Clock::time_point m_nextTry;
   std::chrono::seconds m_pause = kFirstPause;

@@ -14,25 +14,38 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <tuple>
 
+#include "geoid_grid.h"
 #include "observation.h"
+#include "tls.h"
 
 namespace mdencoder {
 
-// "udp://239.2.3.1:6969", "tcp://host:8087".
+// "udp://239.2.3.1:6969", "tak://239.2.3.1:6969", "tcp://host:8087", "tls://host:8089".
 struct CotDestination {
   bool isStream = false;
+  bool isTls = false;  // a stream too
+  bool isTak = false;  // datagrams of the TAK protocol
   std::string host;
   std::string port;
 };
 std::optional<CotDestination> ParseCotDestination(std::string_view text);
 
 struct CotSenderSettings {
+  // Compares what a configuration says.
+  bool operator==(const CotSenderSettings& other) const {
+    return std::tie(source, url, rate, uid, type, tls) ==
+           std::tie(other.source, other.url, other.rate, other.uid, other.type, other.tls);
+  }
+
   std::string source;
   std::string url;
   double rate = 1;  // of pairs of events a second
   std::string uid;
   std::string type;
+  TlsSettings tls;
+  Undulation undulation = SystemUndulation;
 };
 
 class CotSender {

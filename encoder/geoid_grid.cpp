@@ -7,8 +7,12 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstddef>
 #include <cstring>
+#include <fstream>
+#include <ios>
+#include <system_error>
 #include <vector>
 
 #include "ini_file.h"
@@ -17,7 +21,11 @@
 namespace mdencoder {
 namespace {
 
-constexpr size_t kNumbers = size_t{721} * 1441;  // 90 N to 90 S and 0 to 360 E, 0.25 degrees apart
+constexpr size_t kRows = 721;      // 90 N to 90 S, 0.25 degrees apart
+constexpr size_t kColumns = 1441;  // 0 to 360 E
+constexpr size_t kNumbers = kRows * kColumns;
+constexpr double kStep = 0.25;
+constexpr size_t kMostText = size_t{64} << 20;  // bytes; the grid of make_geoid_grid has 11 million
 
 bool IsBlank(char character) {
   return character == ' ' || (character >= '\t' && character <= '\r');
@@ -65,6 +73,49 @@ std::string GeoidGridFault(const std::string& path) {
   }
   if (numbers.Count() >= kNumbers) return {};
   return "has " + std::to_string(numbers.Count()) + " of " + std::to_string(kNumbers) + " numbers";
+}
+
+// The last column is the first one again.
+std::optional<gtx::Grid> LoadGeoidGrid(const std::string& path) {
+  if (!GeoidGridFault(path).empty()) return std::nullopt;
+  std::ifstream file(path, std::ios::binary);
+  std::string text(kMostText, '\0');
+  file.read(text.data(), static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<size_t>(file.gcount()));
+  gtx::Grid grid;
+  grid.south = -90;
+  grid.rowStep = grid.columnStep = kStep;
+  grid.rows = kRows;
+  grid.columns = kColumns - 1;
+  grid.heights.resize(grid.rows * grid.columns);
+  const char* at = text.data();
+  const char* const end = at + text.size();
+  for (size_t number = 0; number < kNumbers; ++number) {
+    while (at != end && (IsBlank(*at) || *at == '+')) ++at;
+    float height = 0;
+    const auto [next, error] = std::from_chars(at, end, height);
+    if (error != std::errc{}) return std::nullopt;
+    at = next;
+    const size_t row = kRows - 1 - number / kColumns;
+    const size_t column = number % kColumns;
+    if (column < grid.columns) grid.heights[row * grid.columns + column] = height;
+  }
+  return grid;
+}
+
+std::optional<double> SystemUndulation(double latitude, double longitude) {
+  // It is never destroyed, because a thread that was left behind may still use it.
+  static const auto* const kGrid = new std::optional<gtx::Grid>(LoadGeoidGrid(kGeoidGrid));
+  return *kGrid ? std::optional((*kGrid)->Interpolate(latitude, longitude)) : std::nullopt;
+}
+
+void AddEllipsoidHeights(st0601::Observation& seen, const Undulation& undulation) {
+  for (std::optional<st0601::Position>* each : {&seen.platform, &seen.frameCenter, &seen.target}) {
+    if (!*each || (*each)->ellipsoidHeight || !(*each)->altitude) continue;
+    if (const auto height = undulation((*each)->latitude, (*each)->longitude)) {
+      (*each)->ellipsoidHeight = *(*each)->altitude + *height;
+    }
+  }
 }
 
 void RequireGeoidGrid(const Config& config, const std::string& path) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <utility>
 
+#include "cot_sender.h"
 #include "owned_fd.h"
 #include "reception.h"
 #include "value_text.h"
@@ -125,11 +126,37 @@ bool Leads(const MDATA_RELAY_CFG& relay, const SourceSettings& source, DWORD cap
 
 // --- Chains ------------------------------------------------------------------------------------------
 
+constexpr UINT32 kCotOut = MDATA_MAX_RELAYS;  // stands for a relay to where the events go
+
 struct Edge {
   size_t from;
   UINT32 relay;
   size_t to;
 };
+
+// Returns where the events of a source go as datagrams, unless that is a name.
+std::optional<MDATA_RELAY_CFG> EventsOf(const SourceSettings& source) {
+  const auto destination = ParseCotDestination(source.cotOut);
+  if (!destination || destination->isStream) return std::nullopt;
+  const auto address = ParseAddress(destination->host.substr(0, destination->host.find('%')));
+  const auto port = value_text::ParseWholeNumber(destination->port, 1, 65535);
+  if (!address || !port) return std::nullopt;
+  MDATA_RELAY_CFG relay{};
+  relay.iDestAddressFamily = address->family;
+  relay.usUDPPort = static_cast<USHORT>(*port);
+  std::memcpy(relay.acDestAddress, address->bytes.data(), sizeof(relay.acDestAddress));
+  return relay;
+}
+
+// Returns whether a source makes something of the events of another one, or passes them on.
+bool TakesEvents(const SourceSettings& source, const SourceSettings& sender) {
+  const bool isOther = source.tak && !source.tak->aircraft.empty() && source.tak->aircraft != sender.cotOutUid;
+  return source.record.nNumOfRelays != 0 || (source.record.enDataType == MDATA_DATA_COT && !isOther);
+}
+
+std::string EdgeText(const SourceSettings& source, UINT32 relay) {
+  return relay == kCotOut ? source.cotOut : DestinationText(source.record.Relays[relay]);
+}
 
 std::vector<Edge> FindEdges(const Config& config, const Machine& machine) {
   std::vector<Edge> edges;
@@ -140,6 +167,13 @@ std::vector<Edge> FindEdges(const Config& config, const Machine& machine) {
         if (Leads(record.Relays[relay], config.sources[to], config.encoder.capabilities, machine)) {
           edges.push_back({from, relay, to});
         }
+      }
+    }
+    const auto events = EventsOf(config.sources[from]);
+    for (size_t to = 0; events && to < config.sources.size(); ++to) {
+      if (TakesEvents(config.sources[to], config.sources[from]) &&
+          Leads(*events, config.sources[to], config.encoder.capabilities, machine)) {
+        edges.push_back({from, kCotOut, to});
       }
     }
   }
@@ -174,12 +208,14 @@ std::vector<Edge> FindChain(const std::vector<Edge>& edges, size_t source, size_
   const SourceSettings& source = config.sources[chain.front().from];
   std::string path = "[" + source.name + "]";
   for (const Edge& edge : chain) {
-    path += " -> " + DestinationText(config.sources[edge.from].record.Relays[edge.relay]);
+    path += " -> " + EdgeText(config.sources[edge.from], edge.relay);
     path += " -> [" + config.sources[edge.to].name + "]";
   }
   const UINT32 relay = chain.front().relay;
+  const bool isEvents = relay == kCotOut;
   throw ConfigError("[" + source.name + "] " +
-                    value_text::Refusal(source.relayKeys.at(relay), RelayText(source, relay),
+                    value_text::Refusal(isEvents ? "cot_out" : source.relayKeys.at(relay),
+                                        isEvents ? source.cotOut : RelayText(source, relay),
                                         "a destination that does not lead back to its source") +
                     ": " + path);
 }

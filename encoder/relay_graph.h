@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Relays that come back. A UDP source relays every datagram that it receives, so a relay that leads to the source's own
-// port, directly or through other sources of the configuration, multiplies one datagram until the machine is full of it.
+// Relays and events that come back. A UDP source relays every datagram that it receives, so a relay that leads to the
+// source's own port, directly or through other sources of the configuration, multiplies one datagram until the machine is
+// full of it. A source that receives the events that it sends (cot_out) makes new ones of them for ever.
 #ifndef MDENCODER_RELAY_GRAPH_H
 #define MDENCODER_RELAY_GRAPH_H
 

@@ -95,7 +95,8 @@ Json RelayJson(const SourceSettings& settings, size_t relay, const MDATA_RELAY_S
   json["destination"] = RelayText(settings, relay);
   if (relay < settings.relayHosts.size() && !settings.relayHosts[relay].empty()) {
     const MDATA_RELAY_CFG& record = settings.record.Relays[relay];
-    json["address"] = record.iDestAddressFamily == 0 ? "" : AddressText(record.iDestAddressFamily, record.acDestAddress);
+    json["address"] =
+        record.iDestAddressFamily == 0 ? "" : AddressText(record.iDestAddressFamily, record.acDestAddress);
   }
   json["bytes"] = counts.nRelayedBytes;
   json["messages"] = counts.nRelayedMessages;
@@ -413,9 +414,9 @@ void AddTakLine(const TakCounts& tak, std::vector<std::string>& lines) {
 void AddRelayLines(const Report& report, std::vector<std::string>& lines) {
   for (UINT32 i = 0; i < report.settings->record.nNumOfRelays; ++i) {
     const MDATA_RELAY_STATS& relay = report.statistics.Relays[i];
-    std::string line = Print("    relay %s: %lu messages, %lu bytes, %lu errors",
-                             RelayText(*report.settings, i).c_str(), relay.nRelayedMessages,
-                             relay.nRelayedBytes, relay.nRelayErrors);
+    std::string line =
+        Print("    relay %s: %lu messages, %lu bytes, %lu errors", RelayText(*report.settings, i).c_str(),
+              relay.nRelayedMessages, relay.nRelayedBytes, relay.nRelayErrors);
     if (relay.nRelayErrors != 0) line += Print(", last \"%s\"", std::strerror(relay.iLastRelayError));
     lines.push_back(line);
   }

@@ -103,7 +103,7 @@ uint64_t UnreadBytes(std::string_view table, uint16_t port) {
 
 TakInput::TakInput(const TakSettings& settings, bool retry)
     : m_settings(settings), m_retry(retry), m_wake(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-  if (settings.transport == TakSettings::Transport::Tls) m_tls = std::make_unique<TlsClient>(settings);
+  if (settings.transport == TakSettings::Transport::Tls) m_tls = std::make_unique<TlsClient>(settings.tls);
   m_out.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   // This socket has its port before the library's is chosen, so that they are not the same.
   const sockaddr_in from = Loopback(0);
@@ -317,7 +317,8 @@ OwnedFD TakInput::Connect(const HostAddress& address, std::string& fault) {
 
 bool TakInput::Secure(int socket, std::unique_ptr<TlsConnection>& tls, const std::string& peer) {
   using Outcome = TlsConnection::Outcome;
-  tls = std::make_unique<TlsConnection>(*m_tls, socket, m_settings.name.empty() ? m_settings.host : m_settings.name);
+  tls = std::make_unique<TlsConnection>(*m_tls, socket,
+                                        m_settings.tls.name.empty() ? m_settings.host : m_settings.tls.name);
   const auto until = Clock::now() + kConnectLimit;
   while (!IsStopping()) {
     const Outcome outcome = tls->Handshake();

@@ -23,16 +23,6 @@ constexpr Scheme kSchemes[] = {{"tak://", TakSettings::Transport::Udp},
                                {"tcp://", TakSettings::Transport::Tcp},
                                {"tls://", TakSettings::Transport::Tls}};
 
-bool IsHostName(const std::string& text) {
-  constexpr size_t kLongest = 253;
-  const auto isFit = [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
-           c == '_';
-  };
-  return !text.empty() && text.size() <= kLongest && text.front() != '-' &&
-         std::all_of(text.begin(), text.end(), isFit);
-}
-
 }  // namespace
 
 const char kTakUrlAllowed[] =
@@ -83,7 +73,13 @@ TakSettings ReadTak(Section& section, MDATA_INET_SRC_CFG& network) {
   if (settings.transport == TakSettings::Transport::Udp && section.Find("interface") != nullptr) {
     settings.interface = section.Text("interface", IFNAMSIZ - 1);
   }
-  if (settings.transport != TakSettings::Transport::Tls) return settings;
+  if (settings.transport == TakSettings::Transport::Tls) settings.tls = ReadTls(section);
+  return settings;
+}
+
+TlsSettings ReadTls(Section& section) {
+  constexpr size_t kLongestText = 127;
+  TlsSettings settings;
   settings.ca = section.Path("tls_ca");
   settings.certificate = section.Path("tls_certificate");
   if (!settings.certificate.empty()) settings.key = section.Path("tls_key");

@@ -10,6 +10,7 @@
 
 #include "metadata_lib.h"
 #include "section.h"
+#include "tls.h"
 
 namespace mdencoder {
 
@@ -21,18 +22,17 @@ struct TakSettings {
   std::string url;   // as it is written
   std::string host;  // a name or an address, without brackets; Udp: a numeric address, or empty for all of this machine
   uint16_t port = 0;
-  std::string interface;    // Udp: where a group is joined; empty: the routing table decides
-  std::string aircraft;     // identifier of the only aircraft whose events are taken; empty: all
-  std::string ca;           // Tls: file of the authorities; empty: those of the system
-  std::string certificate;  // Tls: file of the client's certificate, or empty
-  std::string key;          // Tls: file of its key; empty: the same file
-  std::string password;     // Tls: of these files
-  std::string name;         // Tls: in the server's certificate; empty: the host
+  std::string interface;  // Udp: where a group is joined; empty: the routing table decides
+  std::string aircraft;   // identifier of the only aircraft whose events are taken; empty: all
+  TlsSettings tls;        // Tls
 };
 
 // Reads "tak://GROUP:PORT", "tcp://HOST:PORT" or "tls://HOST:PORT", with IPv6 addresses in brackets.
 std::optional<TakSettings> ParseTakUrl(std::string_view url);
 extern const char kTakUrlAllowed[];
+
+// Reads the keys of TLS, which one section has for all its connections. Throws ConfigError.
+TlsSettings ReadTls(Section& section);
 
 // Returns whether a section is that of such a source.
 bool IsTakSection(Section& section);

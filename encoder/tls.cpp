@@ -2,7 +2,7 @@
 // CONTENTS
 //   Faults        become text
 //   Files         hold certificates and keys, as PEM or PKCS#12
-//   Connections   shake hands and read
+//   Connections   shake hands, read and write
 #include "tls.h"
 
 #include <openssl/bio.h>
@@ -24,6 +24,7 @@
 #include <string_view>
 #include <utility>
 
+#include "ini_file.h"
 #include "values.h"
 
 namespace mdencoder {
@@ -121,7 +122,7 @@ int GivePassword(char* buffer, int size, int, void* password) {
   return length;
 }
 
-void LoadAuthorities(SSL_CTX* context, const TakSettings& settings) {
+void LoadAuthorities(SSL_CTX* context, const TlsSettings& settings) {
   if (settings.ca.empty()) {
     if (SSL_CTX_set_default_verify_paths(context) != 1) throw ConfigError("the system's authorities cannot be read");
     return;
@@ -142,7 +143,7 @@ void LoadAuthorities(SSL_CTX* context, const TakSettings& settings) {
   if (added == 0) Fail("tls_ca", settings.ca, "holds no certificate");
 }
 
-void LoadCertificate(SSL_CTX* context, const TakSettings& settings) {
+void LoadCertificate(SSL_CTX* context, const TlsSettings& settings) {
   if (settings.certificate.empty()) return;
   if (!IsPem("tls_certificate", settings.certificate)) {
     const Bundle bundle = ReadPkcs12("tls_certificate", settings.certificate, settings.password);
@@ -170,7 +171,7 @@ struct TlsClient::Context {
   std::string password;
 };
 
-TlsClient::TlsClient(const TakSettings& settings) : m_context(std::make_unique<Context>()) {
+TlsClient::TlsClient(const TlsSettings& settings) : m_context(std::make_unique<Context>()) {
   ERR_clear_error();
   m_context->password = settings.password;
   m_context->ssl.reset(SSL_CTX_new(TLS_client_method()));
@@ -179,6 +180,8 @@ TlsClient::TlsClient(const TakSettings& settings) : m_context(std::make_unique<C
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
   SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_IGNORE_UNEXPECTED_EOF);
+  // What waits to be written may have moved and grown until it is tried again.
+  SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
   // Without a password the library would ask for one on the terminal.
   SSL_CTX_set_default_passwd_cb(context, GivePassword);
   SSL_CTX_set_default_passwd_cb_userdata(context, &m_context->password);
@@ -254,6 +257,17 @@ TlsConnection::Outcome TlsConnection::Read(std::span<uint8_t> buffer, size_t& go
       SSL_read(m_state->ssl.get(), buffer.data(), static_cast<int>(std::min<size_t>(buffer.size(), INT_MAX)));
   if (result <= 0) return Judge(result);
   got = static_cast<size_t>(result);
+  return Outcome::Done;
+}
+
+TlsConnection::Outcome TlsConnection::Write(std::span<const uint8_t> bytes, size_t& put) {
+  ERR_clear_error();
+  errno = 0;
+  put = 0;
+  const int result =
+      SSL_write(m_state->ssl.get(), bytes.data(), static_cast<int>(std::min<size_t>(bytes.size(), INT_MAX)));
+  if (result <= 0) return Judge(result);
+  put = static_cast<size_t>(result);
   return Outcome::Done;
 }
 

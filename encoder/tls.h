@@ -9,14 +9,23 @@
 #include <span>
 #include <string>
 
-#include "tak_settings.h"
-
 namespace mdencoder {
+
+// Who the peers of a TLS connection are.
+struct TlsSettings {
+  bool operator==(const TlsSettings&) const = default;
+
+  std::string ca;           // file of the authorities; empty: those of the system
+  std::string certificate;  // file of the client's certificate, or empty
+  std::string key;          // file of its key; empty: the same file
+  std::string password;     // of these files
+  std::string name;         // in the server's certificate; empty: the host
+};
 
 // The files of a source. Throws ConfigError if one cannot be read or does not hold what it should.
 class TlsClient {
  public:
-  explicit TlsClient(const TakSettings& settings);
+  explicit TlsClient(const TlsSettings& settings);
   ~TlsClient();
   TlsClient(const TlsClient&) = delete;
   TlsClient& operator=(const TlsClient&) = delete;
@@ -41,6 +50,8 @@ class TlsConnection {
   Outcome Handshake();
   // Done: `got` bytes were read, at least one.
   Outcome Read(std::span<uint8_t> buffer, size_t& got);
+  // Done: `put` bytes were written, at least one. After another outcome the same bytes are written again, or more.
+  Outcome Write(std::span<const uint8_t> bytes, size_t& put);
   // Says why the last call failed.
   const std::string& Fault() const { return m_fault; }
 

@@ -120,15 +120,6 @@ bool IsLinkLocal(const Address& address) {
   return address.bytes[0] == 0xFE && (address.bytes[1] & 0xC0) == 0x80;
 }
 
-// A text without a letter would be an address.
-bool IsHostName(std::string_view text) {
-  constexpr size_t kLongestHostName = 253;
-  const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
-  const auto fits = [&](char c) { return isLetter(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_'; };
-  return text.size() <= kLongestHostName && !text.starts_with('-') && !text.starts_with('.') &&
-         std::all_of(text.begin(), text.end(), fits) && std::any_of(text.begin(), text.end(), isLetter);
-}
-
 // Reads "ADDRESS:PORT", "[ADDRESS]:PORT", "[ADDRESS%INTERFACE]:PORT" or "NAME:PORT".
 bool ParseDestination(const std::string& text, Relay& relay) {
   const size_t colon = text.rfind(':');
@@ -171,6 +162,15 @@ size_t EditDistance(std::string_view a, std::string_view b) {
 }
 
 }  // namespace
+
+// A text without a letter would be an address.
+bool IsHostName(std::string_view text) {
+  constexpr size_t kLongestHostName = 253;
+  const auto isLetter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
+  const auto fits = [&](char c) { return isLetter(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_'; };
+  return text.size() <= kLongestHostName && !text.starts_with('-') && !text.starts_with('.') &&
+         std::all_of(text.begin(), text.end(), fits) && std::any_of(text.begin(), text.end(), isLetter);
+}
 
 std::optional<std::vector<UINT32>> ParseTags(std::string_view text, unsigned limit, bool security) {
   std::vector<UINT32> words((limit + 31) / 32);

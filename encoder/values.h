@@ -42,6 +42,9 @@ common::OwnedFD ConnectTo(const MDATA_RELAY_CFG& relay, const std::string& inter
 // those of ST 0102 if `security` is set. "none" is the empty set. Tag t is bit t % 32 of word t / 32.
 std::optional<std::vector<UINT32>> ParseTags(std::string_view text, unsigned limit, bool security);
 
+// Returns whether a text can be the name of a host, and not an address.
+bool IsHostName(std::string_view text);
+
 struct Relay {
   MDATA_RELAY_CFG record{};  // without family and address if the destination is the name of a host
   std::string host;          // this name, or empty

@@ -22,9 +22,16 @@ struct Times {
   uint64_t staleUs = 0;
 };
 
-// Return one event without line ends, of at most 1400 bytes, or "" if the message does not say where that is.
-std::string PlatformEvent(const st0601::Observation& seen, const Names& names, const Times& times);
-std::string SensorPointEvent(const st0601::Observation& seen, const Names& names, const Times& times);
+enum class Form : uint8_t {
+  Xml,  // without line ends
+  Tak   // a datagram of the TAK protocol, version 1
+};
+
+// Return one event of at most 1400 bytes, or "" if the message does not say where that is.
+std::string PlatformEvent(const st0601::Observation& seen, const Names& names, const Times& times,
+                          Form form = Form::Xml);
+std::string SensorPointEvent(const st0601::Observation& seen, const Names& names, const Times& times,
+                             Form form = Form::Xml);
 
 }  // namespace cot_text
 

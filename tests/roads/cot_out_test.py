@@ -2,16 +2,22 @@
 # SPDX-License-Identifier: Apache-2.0
 """Events of Cursor-on-Target as others read them: valid by a schema, over a group and to a server, and converted back by
 the library."""
+import json
 import pathlib
+import shutil
 import socket
 import struct
 import subprocess
+import sys
 import time
 import xml.etree.ElementTree
 
 import harness
 from harness import EndToEndTest, send, source
 from recipe import Recipe
+
+
+HERE = pathlib.Path(__file__).parent
 
 
 def angle(degrees, full, size):
@@ -75,6 +81,9 @@ class CotOut(EndToEndTest):
         for name, value in wanted.items():
             self.assertAlmostEqual(float(platform.find("detail/sensor").get(name)), value, delta=0.01, msg=name)
         self.assertAlmostEqual(float(platform.find("point").get("lat")), 46.5, places=6)
+        # The geoid lies about 50 m above the ellipsoid in Switzerland.
+        self.assertAlmostEqual(float(platform.find("point").get("hae")), 1550, delta=5)
+        self.assertAlmostEqual(float(spi.find("point").get("hae")), 650, delta=5)
         self.assertAlmostEqual(float(spi.find("point").get("lon")), 7.3, places=6)
         self.assertEqual(spi.find("detail/link").get("uid"), "ME")
         listener.settimeout(0.5)
@@ -90,7 +99,8 @@ class CotOut(EndToEndTest):
         self.settle("back", 1)
         self.stop()
         sent, back = dict(harness.items(MESSAGE)), dict(harness.items(self.delivered("back")[0]))
-        for tag, size in ((13, 4), (14, 4), (23, 4), (24, 4), (6, 2), (16, 2)):
+        # The heights are those above the sea again, to which the geoid was added and from which it was subtracted.
+        for tag, size in ((13, 4), (14, 4), (15, 2), (23, 4), (24, 4), (25, 2), (6, 2), (16, 2)):
             first, second = (int.from_bytes(each[tag], "big", signed=True) for each in (sent, back))
             self.assertAlmostEqual(first, second, delta=8, msg=tag)
         self.assertEqual(back[10], b"ME")
@@ -122,6 +132,92 @@ class CotOut(EndToEndTest):
         lines = (self.folder / "encoder.err").read_text()
         self.assertIn("the events of udp cannot be sent to tcp://127.0.0.1:15824: ", lines)
         self.assertIn("the events of udp are sent to tcp://127.0.0.1:15824 again", lines)
+
+    def test_another_library_reads_the_events_in_both_forms(self):
+        """@tak-ps/node-cot, where it is installed (HACKING.md says how)."""
+        modules = pathlib.Path(harness.options.source) / "build/node/node_modules"
+        if not (modules / "@tak-ps/node-cot").exists():
+            print(f"ABSENT: {modules}/@tak-ps/node-cot - the check with that library is left out", file=sys.stderr)
+            return
+        # It finds its modules from where it stands.
+        shutil.copy(HERE / "read_cot.mjs", self.folder)
+        (self.folder / "node_modules").symlink_to(modules.resolve())
+        for number, scheme in enumerate(("udp", "tak")):
+            with self.subTest(scheme=scheme):
+                listener = self.receiver(15828 + number)
+                self.start_source(f"{scheme}://127.0.0.1:{15828 + number}")
+                send(15821, MESSAGE)
+                files = [self.folder / f"{scheme}{number}" for number in range(2)]
+                for file in files:
+                    file.write_bytes(listener.recv(65536))
+                self.stop()
+                done = subprocess.run(["node", self.folder / "read_cot.mjs", *files], capture_output=True, text=True,
+                                      timeout=120 * harness.SLOW)
+                self.assertEqual(done.returncode, 0, done.stderr)
+                platform, spi = (json.loads(line) for line in done.stdout.splitlines())
+                self.assertEqual((platform["id"], spi["id"]), ("ME", "ME-SPI"))
+                self.assertEqual(platform["properties"]["callsign"], 'UAV <1> & "2"')
+                self.assertAlmostEqual(platform["geometry"]["coordinates"][0], 7.25, places=5)
+                self.assertAlmostEqual(platform["geometry"]["coordinates"][1], 46.5, places=5)
+                self.assertAlmostEqual(platform["geometry"]["coordinates"][2], 1550, delta=5)
+                self.assertAlmostEqual(platform["properties"]["sensor"]["azimuth"], 130, delta=0.01)
+                self.assertAlmostEqual(spi["geometry"]["coordinates"][0], 7.3, places=5)
+
+    def certificates(self):
+        """Makes an authority, and certificates of it for a server and a client."""
+        run = lambda *command: subprocess.run(command, cwd=self.folder, check=True, capture_output=True)  # noqa: E731
+        key = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes")
+        run("openssl", "req", "-x509", *key, "-days", "2", "-subj", "/CN=authority", "-keyout", "ca.key", "-out", "ca.pem")
+        for name, use in (("server", "subjectAltName=IP:127.0.0.1"), ("client", "extendedKeyUsage=clientAuth")):
+            run("openssl", "req", *key, "-subj", f"/CN={name}", "-addext", use, "-keyout", f"{name}.key", "-out",
+                f"{name}.csr")
+            run("openssl", "x509", "-req", "-in", f"{name}.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-days", "2",
+                "-copy_extensions", "copy", "-out", f"{name}.pem")
+
+    def test_a_server_of_tls_gets_events_from_a_client_that_it_knows(self):
+        self.certificates()
+        server = self.start("openssl", "s_server", "-accept", "127.0.0.1:15826", "-cert", "server.pem", "-key", "server.key",
+                            "-CAfile", "ca.pem", "-Verify", "1", "-verify_return_error", "-quiet", cwd=self.folder,
+                            stdin=subprocess.PIPE, stdout=self.output("server.out"), stderr=self.output("server.err"))
+        self.addCleanup(server.stdin.close)
+        keys = "tls_ca = ca.pem\ntls_certificate = client.pem\ntls_key = client.key\n"
+        self.start_source("tls://127.0.0.1:15826", keys)
+        received = self.folder / "server.out"
+
+        def arrived():
+            send(15821, MESSAGE)
+            return received.read_bytes().count(b"</event>") >= 4
+
+        self.wait_for(arrived, "events", 60)
+        self.stop()
+        events = [b"<?xml" + part for part in received.read_bytes().split(b"<?xml")[1:] if part.endswith(b"</event>")]
+        for event in events[:4]:
+            self.check_event(event)
+        self.assertNotIn("cannot be sent", (self.folder / "encoder.err").read_text().split("again")[-1])
+
+    def test_a_server_whose_certificate_does_not_fit_gets_nothing(self):
+        self.certificates()
+        server = self.start("openssl", "s_server", "-accept", "127.0.0.1:15827", "-cert", "server.pem", "-key", "server.key",
+                            "-quiet", cwd=self.folder, stdin=subprocess.PIPE, stdout=self.output("server.out"),
+                            stderr=self.output("server.err"))
+        self.addCleanup(server.stdin.close)
+        self.start_source("tls://127.0.0.1:15827", "tls_ca = ca.pem\ntls_name = elsewhere.test\n")
+        wanted = "cannot be sent to tls://127.0.0.1:15827: the server's certificate is refused: "
+        self.wait_for(lambda: wanted in (self.folder / "encoder.err").read_text(), "the line", 60)
+        send(15821, MESSAGE)
+        self.settle("udp", 1)
+        summary = self.stop()
+        self.assertEqual((self.folder / "server.out").read_bytes(), b"")
+        self.assertEqual(source(summary, "udp")["cot_out"]["events"], 0)
+        self.assertEqual((self.folder / "encoder.err").read_text().count("cannot be sent"), 1)
+
+    def test_events_that_would_come_back_are_refused(self):
+        (self.folder / "loop.ini").write_text("[t]\ndata = cot\nurl = tak://239.2.3.1:6969\ncot_out = udp://239.2.3.1:6969\n")
+        for arguments in ((), ("--check",)):
+            done = subprocess.run([harness.options.encoder, self.folder / "loop.ini", *arguments], capture_output=True,
+                                  text=True, timeout=60 * harness.SLOW)
+            self.assertEqual(done.returncode, 2)
+            self.assertIn("[t] -> udp://239.2.3.1:6969 -> [t]", done.stderr)
 
     def test_a_peer_that_never_comes_holds_nothing_up(self):
         # Nobody answers for 192.0.2.1, and nobody knows the name.

@@ -8,9 +8,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "observation.h"
 #include "st0601_items.h"
+#include "tak_protocol.h"
 
 namespace {
 
@@ -65,6 +67,35 @@ TEST(CotText, WhatIsNotKnownIsLeftOut) {
   EXPECT_THAT(event, HasSubstr("<detail><contact callsign=\"udp\"/></detail></event>"));
 }
 
+TEST(CotText, TheTakProtocolSaysTheSame) {
+  const std::string text = PlatformEvent(Flight(), kNames, kTimes, cot_text::Form::Tak);
+  const std::vector<uint8_t> bytes(text.begin(), text.end());
+  const tak::Datagram datagram = tak::ParseDatagram(bytes);
+  ASSERT_EQ(datagram.kind, tak::Datagram::Kind::Protobuf);
+  const tak::Message message = tak::ParseMessage(datagram.payload);
+  ASSERT_TRUE(message.isValid && message.event);
+  const tak::Event& event = *message.event;
+  EXPECT_EQ(event.uid, "MACHINE-udp");
+  EXPECT_EQ(event.type, "a-f-A-M-F-Q");
+  EXPECT_EQ(event.how, "m-g");
+  EXPECT_EQ(event.sendTime, 1714558830123U);
+  EXPECT_EQ(event.staleTime, 1714558835123U);
+  EXPECT_NEAR(event.lat, 60, 1e-6);
+  EXPECT_NEAR(event.hae, 1540, 0.2);
+  EXPECT_EQ(event.ce, 9999999);
+  ASSERT_EQ(event.elements.size(), 2u);
+  EXPECT_EQ(event.elements[0].name, "contact");
+  EXPECT_EQ(event.elements[1].name, "track");
+  EXPECT_THAT(event.xmlDetail, testing::StartsWith("<attitude pitch=\"10.000\" "));
+  EXPECT_THAT(event.xmlDetail, HasSubstr("<sensor azimuth=\"30.001\" "));
+}
+
+TEST(CotText, ACourseWithoutASpeedHasNoField) {
+  const std::string text =
+      PlatformEvent(Seen(Builder().Add(13, 1.0).Add(14, 2.0).Add(5, 90.0)), kNames, kTimes, cot_text::Form::Tak);
+  EXPECT_THAT(text, HasSubstr("<track course=\"90.001\"/>"));
+}
+
 TEST(CotText, HostileTextsAreShortAndEscaped) {
   Builder builder;
   builder.AddText(10, std::string(300, '"')).AddText(11, "\"/><event>\n\x1B" + std::string(300, '<'));
@@ -72,6 +103,7 @@ TEST(CotText, HostileTextsAreShortAndEscaped) {
     builder.Add(tag, 15.0);
   for (const std::string& event :
        {PlatformEvent(Seen(builder), kNames, kTimes), SensorPointEvent(Seen(builder), kNames, kTimes)}) {
+    EXPECT_LE(PlatformEvent(Seen(builder), kNames, kTimes, cot_text::Form::Tak).size(), event.size());
     EXPECT_LE(event.size(), 1500u);
     EXPECT_EQ(std::count(event.begin(), event.end(), '<'), std::count(event.begin(), event.end(), '>'));
     EXPECT_THAT(event, HasSubstr("model=\"&quot;/&gt;&lt;event&gt;\\n\\x1B&lt;"));

@@ -200,8 +200,10 @@ TEST(Source, AServerOfHttpsMayHaveAuthoritiesOfItsOwn) {
   const Config config = Read("[a]\nurl = https://camera/x.ts\ntls_ca = /etc/ca.pem\n[b]\nurl = https://camera/x.ts\n");
   EXPECT_EQ(config.sources.at(0).capture->authorities, "/etc/ca.pem");
   EXPECT_EQ(config.sources.at(1).capture->authorities, "");
-  EXPECT_THAT(Complaint("[a]\nurl = http://camera/x.ts\ntls_ca = /etc/ca.pem\n"),
-              HasSubstr("[a] tls_ca is allowed only with data = cot and url = tls://, or with url = https://"));
+  EXPECT_THAT(
+      Complaint("[a]\nurl = http://camera/x.ts\ntls_ca = /etc/ca.pem\n"),
+      HasSubstr("[a] tls_ca is allowed only with url = tls:// and data = cot, with url = https://, or with cot_out = "
+                "tls://"));
 }
 
 TEST(Source, RelaysThatNobodyCanSendTo) {
@@ -279,7 +281,7 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"[encoder]\ntrack_interval = -1\n",
             "[encoder] track_interval must be a number from 0 to 86400, not \"-1\""},
         Bad{UDP "cot_out = 239.2.3.1:6969\n",
-            "[u] cot_out must be udp://HOST:PORT or tcp://HOST:PORT, not \"239.2.3.1:6969\""},
+            "[u] cot_out must be udp://HOST:PORT, tak://HOST:PORT, tcp://HOST:PORT or tls://HOST:PORT, not \"239.2.3.1:6969\""},
         Bad{UDP "cot_out_rate = 2\n", "[u] cot_out_rate is allowed only with cot_out"},
         Bad{UDP "cot_out = udp://a:1\ncot_out_rate = 0\n",
             "[u] cot_out_rate must be a number from 0.01 to 50, not \"0\""},

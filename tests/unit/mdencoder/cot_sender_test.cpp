@@ -47,7 +47,7 @@ class CotSenderTest : public testing::Test {
     if (type == SOCK_STREAM) listen(m_socket.Get(), 4);
   }
   CotSenderSettings Settings(const std::string& scheme) const {
-    return {"udp", scheme + "127.0.0.1:" + std::to_string(m_port), 50, "ME", "a-f-A"};
+    return {"udp", scheme + "127.0.0.1:" + std::to_string(m_port), 50, "ME", "a-f-A", {}};
   }
   CotSender::Say Complain() {
     return [this](bool, const std::string& line) {
@@ -86,9 +86,15 @@ TEST_F(CotSenderTest, DestinationsAreNamesOrAddressesWithAPort) {
   EXPECT_EQ(ParseCotDestination("udp://239.2.3.1:6969")->host, "239.2.3.1");
   EXPECT_EQ(ParseCotDestination("tcp://tak.example:8087")->port, "8087");
   EXPECT_TRUE(ParseCotDestination("tcp://tak.example:8087")->isStream);
+  EXPECT_FALSE(ParseCotDestination("tcp://tak.example:8087")->isTls);
+  EXPECT_TRUE(ParseCotDestination("tak://239.2.3.1:6969")->isTak);
+  EXPECT_FALSE(ParseCotDestination("tak://239.2.3.1:6969")->isStream);
+  EXPECT_FALSE(ParseCotDestination("udp://239.2.3.1:6969")->isTak);
+  EXPECT_TRUE(ParseCotDestination("tls://tak.example:8089")->isStream);
+  EXPECT_TRUE(ParseCotDestination("tls://tak.example:8089")->isTls);
   EXPECT_EQ(ParseCotDestination("udp://[fe80::1%lo]:1")->host, "fe80::1%lo");
   for (const char* wrong : {"", "239.2.3.1:6969", "udp://:1", "udp://a", "udp://a:0", "udp://a:70000", "udp://::1:5",
-                            "tls://a:1", "udp://[a]:1", "udp://a/b:1", "udp://u@a:1"}) {
+                            "ssl://a:1", "udp://[a]:1", "udp://a/b:1", "udp://u@a:1"}) {
     EXPECT_FALSE(ParseCotDestination(wrong)) << wrong;
   }
 }

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 
 #include "ini_file.h"
@@ -40,6 +41,49 @@ TEST_F(GeoidGrid, AWholeOneIsRight) {
   Write(kAll, "\n");
   EXPECT_EQ(GeoidGridFault(m_path), "");
   EXPECT_EQ(Complaint(kCot), "accepted");
+}
+
+TEST_F(GeoidGrid, HeightsAreReadFromNorthToSouthAndFromGreenwichToTheEast) {
+  {
+    std::ofstream file(m_path);
+    for (int row = 0; row < 721; ++row) {
+      for (int column = 0; column < 1441; ++column) file << (row == 180 ? column % 1440 : -row) << '\n';
+    }
+  }
+  const auto grid = LoadGeoidGrid(m_path);
+  ASSERT_TRUE(grid);
+  EXPECT_DOUBLE_EQ(grid->Interpolate(45, 0.25), 1);
+  EXPECT_DOUBLE_EQ(grid->Interpolate(45, 10.125), 40.5) << "between two columns";
+  EXPECT_DOUBLE_EQ(grid->Interpolate(45, -0.25), 1439);
+  EXPECT_DOUBLE_EQ(grid->Interpolate(-90, 7), -720);
+  EXPECT_DOUBLE_EQ(grid->Interpolate(90, 7), 0);
+}
+
+TEST_F(GeoidGrid, AFaultyOneGivesNoHeights) {
+  EXPECT_FALSE(LoadGeoidGrid(m_path));
+  Write(kAll - 1, " 1.2.3");
+  EXPECT_EQ(GeoidGridFault(m_path), "");
+  EXPECT_TRUE(LoadGeoidGrid(m_path)) << "1.2 is the last one";
+  Write(kAll - 2, " --1 5");
+  EXPECT_FALSE(LoadGeoidGrid(m_path));
+}
+
+TEST(EllipsoidHeights, AreAddedWhereAMessageLacksThem) {
+  st0601::Observation seen;
+  seen.platform.emplace();
+  seen.platform->latitude = 10;
+  seen.platform->longitude = 20;
+  seen.platform->altitude = 1000;
+  seen.frameCenter.emplace();
+  seen.frameCenter->altitude = 500;
+  seen.frameCenter->ellipsoidHeight = 501;
+  seen.target.emplace();
+  AddEllipsoidHeights(seen, [](double, double) { return std::nullopt; });
+  EXPECT_FALSE(seen.platform->ellipsoidHeight);
+  AddEllipsoidHeights(seen, [](double latitude, double longitude) { return latitude + longitude; });
+  EXPECT_EQ(seen.platform->ellipsoidHeight, 1030);
+  EXPECT_EQ(seen.frameCenter->ellipsoidHeight, 501);
+  EXPECT_FALSE(seen.target->ellipsoidHeight);
 }
 
 TEST_F(GeoidGrid, EveryOtherOneIsNamed) {

@@ -59,6 +59,28 @@ TEST(RelayGraph, ALoopThroughOtherSourcesIsNamedWhole) {
             "[a] -> 10.0.0.5:5001 -> [b] -> [::1]:5002 -> [c] -> 127.0.0.1:5000 -> [a]");
 }
 
+TEST(RelayGraph, EventsThatComeBackAreRefused) {
+  const std::string mesh = "[t]\ndata = cot\nurl = tak://239.2.3.1:6969\ncot_out = udp://239.2.3.1:6969\n";
+  EXPECT_EQ(Complaint(mesh),
+            "[t] cot_out must be a destination that does not lead back to its source, not \"udp://239.2.3.1:6969\": "
+            "[t] -> udp://239.2.3.1:6969 -> [t]");
+  EXPECT_EQ(Complaint(Source("a", 5000, "data = cot\ncot_out = udp://10.0.0.5:5001") +
+                      Source("b", 5001, "relay1 = 127.0.0.1:5000")),
+            "[a] cot_out must be a destination that does not lead back to its source, not \"udp://10.0.0.5:5001\": "
+            "[a] -> udp://10.0.0.5:5001 -> [b] -> 127.0.0.1:5000 -> [a]");
+}
+
+TEST(RelayGraph, EventsThatEndAreAccepted) {
+  const std::string mesh = "[t]\ndata = cot\nurl = tak://239.2.3.1:6969\n";
+  const std::string out = "cot_out = udp://239.2.3.1:6969\ncot_out_uid = ME\n";
+  EXPECT_EQ(Complaint(mesh + Source("a", 5000, out)), "accepted") << "the events of a are not those of t";
+  EXPECT_EQ(Complaint(mesh + out + "cot_aircraft = HAWK\n"), "accepted") << "only the events of others are taken";
+  EXPECT_NE(Complaint(mesh + out + "cot_aircraft = ME\n"), "accepted");
+  EXPECT_EQ(Complaint(mesh + "cot_out = udp://239.2.3.2:6969\n"), "accepted");
+  EXPECT_EQ(Complaint(mesh + "cot_out = tcp://127.0.0.1:6969\n"), "accepted");
+  EXPECT_EQ(Complaint(Source("a", 5000, "cot_out = udp://127.0.0.1:5000")), "accepted") << "it takes no events";
+}
+
 TEST(RelayGraph, ANameWithoutAnAddressLeadsNowhereYet) {
   EXPECT_EQ(Complaint(Source("a", 5000, "relay1 = name.test:5000")), "accepted");
 }

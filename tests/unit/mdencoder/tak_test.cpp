@@ -100,10 +100,10 @@ TEST(TakSource, FilesOfTlsAreRelativeToTheConfiguration) {
       "[t]\ndata = cot\nurl = tls://tak.example.org:8089\ntls_ca = ca.pem\ntls_certificate = /c.p12\ntls_password = secret\n"
       "tls_name = tak\ncot_aircraft = HAWK\ncot_delta_ms = 100\n");
   const TakSettings& tak = *config.sources.at(0).tak;
-  EXPECT_EQ(tak.ca, "/conf/ca.pem");
-  EXPECT_EQ(tak.certificate, "/c.p12");
-  EXPECT_EQ(tak.password, "secret");
-  EXPECT_EQ(tak.name, "tak");
+  EXPECT_EQ(tak.tls.ca, "/conf/ca.pem");
+  EXPECT_EQ(tak.tls.certificate, "/c.p12");
+  EXPECT_EQ(tak.tls.password, "secret");
+  EXPECT_EQ(tak.tls.name, "tak");
   EXPECT_EQ(tak.aircraft, "HAWK");
 }
 
@@ -111,8 +111,10 @@ TEST(TakSource, KeysOfOtherSourcesAreRefused) {
   const std::string mesh = kMesh;
   EXPECT_THAT(Complaint(mesh + "input = serial\n"), HasSubstr("[t] input must be udp with this url, or left out"));
   EXPECT_THAT(Complaint(mesh + "port = 5\n"), HasSubstr("[t] port is allowed only with input = udp and without url"));
-  EXPECT_THAT(Complaint(mesh + "tls_ca = x\n"),
-              HasSubstr("[t] tls_ca is allowed only with data = cot and url = tls://"));
+  EXPECT_THAT(
+      Complaint(mesh + "tls_ca = x\n"),
+      HasSubstr("[t] tls_ca is allowed only with url = tls:// and data = cot, with url = https://, or with cot_out = "
+                "tls://"));
   EXPECT_THAT(Complaint("[t]\ndata = cot\nurl = tls://h:1\ntls_key = x\n"),
               HasSubstr("[t] tls_key is allowed only with a tls_certificate"));
   EXPECT_THAT(
@@ -157,7 +159,7 @@ TEST(TakSource, AnotherUrlIsAChange) {
 }
 
 TEST(TakSource, TlsFilesAreNamedWithTheirFault) {
-  TakSettings settings = *ParseTakUrl("tls://h:1");
+  TlsSettings settings;
   settings.ca = "/nonexistent/ca.pem";
   try {
     const TlsClient client(settings);
