@@ -34,6 +34,23 @@ bool CrossesAntimeridian(const std::vector<Position>& corners) {
   return false;
 }
 
+bool LeadsOverAntimeridian(const Position& from, const Position& to) {
+  return std::fabs(to.longitude - from.longitude) > 180;
+}
+
+std::optional<double> Between(const std::optional<double>& from, const std::optional<double>& to, double part) {
+  return from && to ? std::optional(*from + part * (*to - *from)) : std::nullopt;
+}
+
+// Returns the place on the way, but for its longitude.
+Position Between(const Position& from, const Position& to, double part) {
+  Position place;
+  place.latitude = from.latitude + part * (to.latitude - from.latitude);
+  place.altitude = Between(from.altitude, to.altitude, part);
+  place.ellipsoidHeight = Between(from.ellipsoidHeight, to.ellipsoidHeight, part);
+  return place;
+}
+
 // The value of an optional number as a member ',"name":1.5', or as nothing.
 std::string Member(const char* name, const std::optional<double>& value, int digits) {
   return value ? std::string(",\"") + name + "\":" + Decimal(*value, digits) : "";
@@ -185,7 +202,7 @@ void Writer::AddGeoJson(const Observation& seen, const std::string& time) {
   if (!seen.corners.empty() && !CrossesAntimeridian(seen.corners)) {
     AddFeature("\"type\":\"Polygon\",\"coordinates\":" + JsonRing(seen.corners), "footprint", when);
   }
-  AddToPath(*seen.platform, JsonPoint(*seen.platform));
+  AddToPath(*seen.platform);
 }
 
 void Writer::AddPlacemark(const char* style, const std::string& title, const std::string& time,
@@ -212,12 +229,15 @@ void Writer::AddKml(const Observation& seen, const std::string& time) {
                  "<Polygon><outerBoundaryIs><LinearRing><coordinates>" + ring + KmlPoint(seen.corners.front()) +
                      "</coordinates></LinearRing></outerBoundaryIs></Polygon>");
   }
-  AddToPath(*seen.platform, KmlPoint(*seen.platform));
+  AddToPath(*seen.platform);
 }
 
 // A point of GPX has a place of its own only; the others are in its extensions.
 void Writer::AddGpx(const Observation& seen, const std::string& time) {
-  const Position& platform = *seen.platform;
+  Position platform = *seen.platform;
+  if (m_last && LeadsOverAntimeridian(*m_last, platform)) m_chunk += "</trkseg>\n<trkseg>\n";
+  m_last = platform;
+  if (platform.longitude == 180) platform.longitude = -180;  // which GPX has in its place
   m_chunk += "<trkpt lat=\"" + Decimal(platform.latitude, kDegrees) + "\" lon=\"" +
              Decimal(platform.longitude, kDegrees) + "\">" + GpxNumber("ele", platform.altitude, kMetres) + "<time>" +
              time + "</time>";
@@ -229,18 +249,36 @@ void Writer::AddGpx(const Observation& seen, const std::string& time) {
   m_chunk += "</trkpt>\n";
 }
 
-// A line that leads over the antimeridian would go around the world.
-void Writer::AddToPath(const Position& position, std::string_view point) {
-  if (m_pathPoints != 0 && std::fabs(position.longitude - m_longitude) > 180) {
-    EndPath();
-    m_path.clear();
-    m_pathPoints = 0;
-  }
+std::string Writer::PathPoint(const Position& position) const {
+  return m_format == Format::GeoJson ? JsonPoint(position) : KmlPoint(position);
+}
+
+void Writer::AddPathPoint(const Position& position) {
   if (m_pathPoints != 0) m_path += m_format == Format::GeoJson ? "," : " ";
-  m_path += point;
+  m_path += PathPoint(position);
   ++m_pathPoints;
-  m_lastPoint = point;
-  m_longitude = position.longitude;
+  m_last = position;
+}
+
+void Writer::AddToPath(const Position& position) {
+  if (m_last && LeadsOverAntimeridian(*m_last, position)) CutPath(position);
+  AddPathPoint(position);
+}
+
+// Ends the line at the antimeridian, and begins the next one on its other side. A line that led over it would go around
+// the world.
+void Writer::CutPath(const Position& position) {
+  const Position last = *m_last;
+  const double edge = last.longitude < 0 ? -180 : 180;
+  const double part = (edge - last.longitude) / (position.longitude + 2 * edge - last.longitude);
+  Position cut = Between(last, position, part);
+  cut.longitude = edge;
+  if (last.longitude != edge) AddPathPoint(cut);
+  EndPath();
+  m_path.clear();
+  m_pathPoints = 0;
+  cut.longitude = -edge;
+  if (position.longitude != -edge) AddPathPoint(cut);
 }
 
 // Adds the line, and begins the next one with its last point.
@@ -253,7 +291,7 @@ void Writer::EndPath() {
         "path", "path", "",
         "<LineString><altitudeMode>absolute</altitudeMode><coordinates>" + m_path + "</coordinates></LineString>");
   }
-  m_path = m_lastPoint;
+  m_path = PathPoint(*m_last);
   m_pathPoints = 1;
 }
 

@@ -44,16 +44,19 @@ class Writer {
   void AddGpx(const st0601::Observation& seen, const std::string& time);
   void AddFeature(const std::string& geometry, const std::string& kind, const std::string& more);
   void AddPlacemark(const char* style, const std::string& title, const std::string& time, const std::string& body);
-  void AddToPath(const st0601::Position& position, std::string_view point);
+  std::string PathPoint(const st0601::Position& position) const;
+  void AddToPath(const st0601::Position& position);
+  void AddPathPoint(const st0601::Position& position);
+  void CutPath(const st0601::Position& position);
   void EndPath();
 
   const Format m_format;
   const std::string m_name;
   std::string m_chunk;
-  std::string m_path;         // points of the line that is being made
-  size_t m_pathPoints = 0;    // of m_path
-  std::string m_lastPoint;    // with which the next line begins
-  double m_longitude = 0;     // of the last point
+  std::string m_path;       // points of the line that is being made
+  size_t m_pathPoints = 0;  // of m_path
+  // The last sample's place, with which the next line begins.
+  std::optional<st0601::Position> m_last;
   bool m_hasFeature = false;  // one was written before
 };
 

@@ -135,6 +135,23 @@ class Track(EndToEndTest):
             self.assertLessEqual(errors.read_text().count(f"the track of {name} cannot"), 1)
         self.assertEqual(self.kinds(self.features(disk / "udp.geojson"), "kind", "platform"), 100)
 
+    def test_a_flight_over_the_antimeridian_does_not_go_around_the_world(self):
+        places = [178.5, 179.5, -179.5, -178.5]
+        self.run_with([harness.message((2, (1700000000000000 + number * 1000000).to_bytes(8, "big")),
+                                       (13, angle(46, 90, 4)), (14, angle(longitude, 180, 4)))
+                       for number, longitude in enumerate(places)])
+        self.stop()
+        for name, key in (("geojson", "kind"), ("kml", "Name")):
+            lines = [feature["geometry"]["coordinates"] for feature in self.features(self.folder / f"udp.{name}")
+                     if feature["properties"].get(key) == "path"]
+            for line in lines:
+                for one, other in zip(line, line[1:]):
+                    self.assertLess(abs(one[0] - other[0]), 2, name)
+            edges = {point[0] for line in lines for point in line}
+            self.assertLessEqual({180, -180}, edges, name)
+        segments = self.features(self.folder / "udp.gpx", "track_points")
+        self.assertEqual([point["properties"]["track_seg_id"] for point in segments], [0, 0, 1, 1])
+
     def test_hostile_texts_stay_texts(self):
         hostile = b"</name></Placemark>\x00\x1b\"'&<![CDATA[\xff]]>"
         self.run_with([sample(0, (3, hostile), (10, hostile), (11, hostile)), harness.message((13, b"\x80\0\0\0")), b"junk",
