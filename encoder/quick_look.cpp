@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -21,10 +22,13 @@
 
 #include "columns.h"
 #include "inspection.h"
+#include "klv_file.h"
 #include "klv_walk.h"
 #include "presentation.h"
 #include "printable_text.h"
+#include "recording_index.h"
 #include "stream_input.h"
+#include "stream_url.h"
 #include "table.h"
 #include "value_text.h"
 
@@ -86,6 +90,11 @@ void SetUpDecode(CLI::App& app, Wishes& wishes) {
   app.add_flag("--wide", wishes.isWide, "Do not fit the table to the terminal; without --columns, show every item");
 }
 
+// Returns the index of a recording, which is empty for everything else.
+common::RecordingIndex IndexOf(const std::string& name) {
+  return common::RecordingIndex(stream_url::IsUrl(name) || name == "-" ? "" : name + ".json");
+}
+
 PresentationSettings PresentationOf(const Wishes& wishes) {
   PresentationSettings settings;
   if (wishes.format == "json") settings.format = Format::Json;
@@ -98,7 +107,8 @@ PresentationSettings PresentationOf(const Wishes& wishes) {
   } else if (!wishes.isWide) {
     // What is known of a message that was received is not known of one in a file.
     for (const Column& column : UsualColumns()) {
-      const bool isKnown = column.kind == Column::Kind::Item || column.kind == Column::Kind::Checksum;
+      const bool isKnown = column.kind == Column::Kind::Item || column.kind == Column::Kind::Checksum ||
+                           (column.kind == Column::Kind::Arrival && IndexOf(wishes.name).Header());
       if (isKnown) settings.columns.push_back(column);
     }
   }
@@ -130,7 +140,10 @@ void PrintLine(const std::string& line) {
 class Decoding : public StreamSink {
  public:
   Decoding(const Wishes& wishes, Presentation presentation)
-      : m_inspection({wishes.gap, wishes.messages}), m_most(wishes.messages), m_presentation(std::move(presentation)) {}
+      : m_inspection({wishes.gap, wishes.messages}),
+        m_most(wishes.messages),
+        m_presentation(std::move(presentation)),
+        m_index(IndexOf(wishes.name)) {}
 
   void OnStream(size_t stream, const StreamInfo& info) override {
     m_inspection.OnStream(stream, info);
@@ -164,14 +177,26 @@ class Decoding : public StreamSink {
     received.sequence = found.sequence.value_or(0);
     received.headerLength = static_cast<uint16_t>(found.message.size());
     received.buffer = m_buffer;
+    if (const auto line = LineOf(found)) {
+      received.timeUs = static_cast<uint64_t>(std::max<int64_t>(line->timeUs, 0));
+      received.timeStamp = line->timestamp.value_or(0);
+    }
     PrintLine(m_presentation.render(received));
     const st0601::Message message = st0601::Parse(found.message);
     return !message.isUas || (message.isComplete && message.checksum != st0601::ChecksumState::Bad);
   }
 
+  // An index has the places of stream headers, if there are any.
+  std::optional<klv_file::IndexLine> LineOf(const klv_walk::Found& found) {
+    if (!m_index.Header()) return std::nullopt;
+    const uint64_t before = m_index.Header()->hasStreamHeaders ? MDATA_STREAM_HEADER_SIZE : 0;
+    return found.offset < before ? std::nullopt : m_index.Find(found.offset - before);
+  }
+
   Inspection m_inspection;
   const uint64_t m_most;
   const Presentation m_presentation;
+  common::RecordingIndex m_index;
   std::map<size_t, std::unique_ptr<klv_walk::Walk>> m_walks;
   st0601::Bytes m_buffer;
   uint64_t m_printed = 0;

@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -23,52 +22,12 @@
 #include "capture_playback.h"
 #include "klv_file.h"
 #include "owned_fd.h"
+#include "recording_index.h"
 
 namespace host_runtime {
 namespace {
 
 constexpr size_t kReadSize = 65'536;
-
-// The times of an index, for messages in the order of the file.
-class Index {
- public:
-  // An index that is not there, or is none, has no times.
-  explicit Index(const std::string& path) : m_file(path) {
-    std::string line;
-    if (!ReadLine(&line)) return;
-    m_header = klv_file::ParseIndexHeader(line);
-  }
-
-  const std::optional<klv_file::IndexHeader>& Header() const { return m_header; }
-
-  std::optional<klv_file::IndexLine> Find(uint64_t offset) {
-    std::string line;
-    while (m_header && (!m_line || m_line->offset < offset) && ReadLine(&line)) {
-      const auto parsed = klv_file::ParseIndexLine(line);
-      if (parsed) m_line = parsed;
-    }
-    return m_line && m_line->offset == offset ? m_line : std::nullopt;
-  }
-
- private:
-  // A line that is too long comes out empty.
-  bool ReadLine(std::string* line) {
-    line->clear();
-    char character = 0;
-    bool isAny = false;
-    while (m_file.get(character)) {
-      isAny = true;
-      if (character == '\n') break;
-      if (line->size() <= klv_file::kLongestIndexLine) line->push_back(character);
-    }
-    if (line->size() > klv_file::kLongestIndexLine) line->clear();
-    return isAny;
-  }
-
-  std::ifstream m_file;
-  std::optional<klv_file::IndexHeader> m_header;
-  std::optional<klv_file::IndexLine> m_line;
-};
 
 class KlvFileBackend : public CaptureBackend {
  public:
@@ -98,7 +57,7 @@ class KlvFileBackend : public CaptureBackend {
 
   // Plays the file once. Returns true if it had a message and was read to its end.
   bool Play(CaptureQueue& queue) {
-    Index index(m_config.path + ".json");
+    common::RecordingIndex index(m_config.path + ".json");
     klv_file::Walker walker(index.Header() ? index.Header()->hasStreamHeaders : m_hasHeaders);
     std::vector<uint8_t> buffer(kReadSize);
     m_playback.BeginPass();
@@ -118,7 +77,7 @@ class KlvFileBackend : public CaptureBackend {
   }
 
   // Returns the time of a message in units of 90 kHz. Without a time it is that of the message before it.
-  int64_t TimeOf(const klv_file::Walker::Found& found, Index& index) {
+  int64_t TimeOf(const klv_file::Walker::Found& found, common::RecordingIndex& index) {
     const auto line = index.Find(found.offset);
     const auto us = line ? line->timeUs : index.Header() ? std::nullopt : klv_file::TimeOf(found.klv);
     if (line && line->timestamp && *line->timestamp <= INT64_MAX) {

@@ -10,7 +10,7 @@ import re
 import subprocess
 
 import harness
-from harness import EndToEndTest, checksum, recording
+from harness import EndToEndTest, checksum, message, recording, send
 from recipe import Recipe
 
 
@@ -71,6 +71,23 @@ class Inspect(EndToEndTest):
         report = self.report(path)
         self.assertEqual((report["container"], report["messages"], report["faults"]), ("klv", 407, 0))
         self.agrees(report["streams"][0], path.read_bytes())
+
+    def test_the_times_of_arrival_are_those_of_the_index(self):
+        for headers in ("no", "yes"):
+            with self.subTest(headers=headers):
+                self.encoder(f"[encoder]\nstream_header = {headers}\n[{headers}]\ninput = udp\nport = 15841\n", [15841])
+                for number in range(5):
+                    send(15841, message((2, number.to_bytes(8, "big"))))
+                self.settle(headers, 5)
+                self.stop()
+                arrived = [line["time"] for line in self.lines() if line["type"] == "message"]
+                path = self.folder / f"{headers}.klv"
+                rows = [json.loads(line) for line in self.look("decode", path, "--format", "json").stdout.splitlines()]
+                self.assertEqual([row["time"] for row in rows], arrived)
+                self.assertTrue(self.look("decode", path).stdout.startswith("ARRIVAL"))
+                path.with_suffix(".klv.json").unlink()
+                rows = [json.loads(line) for line in self.look("decode", path, "--format", "json").stdout.splitlines()]
+                self.assertEqual((len(rows), any("time" in row for row in rows)), (5, False))
 
     def test_damage_is_counted(self):
         self.feed("ts", "--output", self.folder / "own.ts", "--duration", "5", "--rate", "10")
