@@ -3,6 +3,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <tuple>
+
+#include "recording_name.h"
 
 namespace mdencoder {
 namespace {
@@ -27,17 +30,14 @@ void CompareEncoders(const EncoderSettings& running, const EncoderSettings& fres
   require(running.hostConfig == fresh.hostConfig, "host_config");
   require(running.outputDir == fresh.outputDir, "output_dir");
   require(running.streamHeader == fresh.streamHeader, "stream_header");
-  require(running.trackDir == fresh.trackDir, "track_dir");
-  require(running.trackFormat == fresh.trackFormat, "track_format");
-  require(running.trackInterval == fresh.trackInterval, "track_interval");
   require(running.rotateSize == fresh.rotateSize, "rotate_size");
   require(running.rotateTime == fresh.rotateTime, "rotate_time");
   require(running.extendedTags == fresh.extendedTags, "extended_tags");
   require(running.heightsOptional == fresh.heightsOptional, "heights");
   require(running.presentation.format == fresh.presentation.format, "format");
-  require(running.presentation.columns == fresh.presentation.columns, "columns");
-  require(running.presentation.items == fresh.presentation.items, "items");
-  require(running.presentation.isWide == fresh.presentation.isWide, "wide");
+  // All rows of CSV have the items of the first one.
+  require(running.presentation.format != Format::Csv || running.presentation.items == fresh.presentation.items,
+          "items");
   require(running.live == fresh.live, "live");
   require(running.statsJson == fresh.statsJson, "stats_json");
   require(running.messages == fresh.messages, "messages");
@@ -63,15 +63,13 @@ void CompareRotation(const SourceSettings& running, const SourceSettings& fresh)
   throw ConfigError("[" + fresh.name + "] " + key + " cannot change while the program runs; restart it");
 }
 
-void CompareOutputs(const SourceSettings& running, const SourceSettings& fresh) {
-  const auto require = [&fresh](bool isSame, const char* key) {
-    if (!isSame) throw ConfigError("[" + fresh.name + "] " + key + " cannot change while the program runs; restart it");
-  };
-  require(running.track == fresh.track, "track");
-  require(running.cotOut == fresh.cotOut, "cot_out");
-  require(running.cotOutRate == fresh.cotOutRate, "cot_out_rate");
-  require(running.cotOutUid == fresh.cotOutUid, "cot_out_uid");
-  require(running.cotOutType == fresh.cotOutType, "cot_out_type");
+bool IsRedirected(const Config& running, const SourceSettings& before, const Config& fresh,
+                  const SourceSettings& after) {
+  const std::string track = TrackPath(after, fresh.encoder);
+  return TrackPath(before, running.encoder) != track ||
+         (!track.empty() && running.encoder.trackInterval != fresh.encoder.trackInterval) ||
+         std::tie(before.cotOut, before.cotOutRate, before.cotOutUid, before.cotOutType, before.cotOutTls) !=
+             std::tie(after.cotOut, after.cotOutRate, after.cotOutUid, after.cotOutType, after.cotOutTls);
 }
 
 // Compares what the host has for the source.
@@ -110,6 +108,7 @@ ConfigDifference Compare(const CheckedConfig& running, const CheckedConfig& fres
   CompareEncoders(running.config.encoder, fresh.config.encoder);
   CompareStreams(running.config.streams, fresh.config.streams);
   ConfigDifference difference;
+  difference.isShownOtherwise = running.config.encoder.presentation != fresh.config.encoder.presentation;
   const auto isIn = [](const std::vector<SourceSettings>& sources, const SourceSettings& wanted) {
     return std::find_if(sources.begin(), sources.end(),
                         [&](const SourceSettings& each) { return IsSameSource(each, wanted); });
@@ -121,7 +120,7 @@ ConfigDifference Compare(const CheckedConfig& running, const CheckedConfig& fres
     const auto old = isIn(running.config.sources, source);
     if (old != running.config.sources.end()) {
       CompareRotation(*old, source);
-      CompareOutputs(*old, source);
+      if (IsRedirected(running.config, *old, fresh.config, source)) difference.redirected.push_back(source);
     }
     if (old == running.config.sources.end()) {
       difference.added.push_back(source);
@@ -144,6 +143,12 @@ void TakeOver(EncoderSettings& running, const EncoderSettings& fresh) {
   running.duration = fresh.duration;
   running.retry = fresh.retry;
   running.silence = fresh.silence;
+  running.trackDir = fresh.trackDir;
+  running.trackFormat = fresh.trackFormat;
+  running.trackInterval = fresh.trackInterval;
+  running.presentation.columns = fresh.presentation.columns;
+  running.presentation.items = fresh.presentation.items;
+  running.presentation.isWide = fresh.presentation.isWide;
 }
 
 }  // namespace mdencoder

@@ -16,6 +16,9 @@ struct ConfigDifference {
   std::vector<SourceSettings> changed;    // must be closed and opened again
   std::vector<SourceSettings> unchanged;  // stay open; `retry` may be new
   std::vector<SourceSettings> added;
+  std::vector<SourceSettings>
+      redirected;                 // of the changed and unchanged ones: those with another track or other events
+  bool isShownOtherwise = false;  // columns or items
 };
 
 // A configuration and the host's, each checked whole.

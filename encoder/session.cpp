@@ -112,10 +112,10 @@ Session::~Session() {
 
 void Session::OpenFiles() {
   const EncoderSettings& settings = m_config.encoder;
-  for (const std::string& folder : {settings.outputDir, settings.trackDir}) {
-    if (!folder.empty()) std::filesystem::create_directories(folder);
+  if (!settings.outputDir.empty()) std::filesystem::create_directories(settings.outputDir);
+  for (const SourceSettings& source : m_config.sources) {
+    OpenOutput(m_keeper.Add(source, settings.capabilities), settings);
   }
-  for (const SourceSettings& source : m_config.sources) OpenOutput(m_keeper.Add(source, settings.capabilities));
   if (!settings.statsFile.empty()) m_kept = LoadStatistics(settings.statsFile, m_config.sources);
   for (const auto& [name, statistics] : m_kept) m_keeper.Preset(name, statistics);
   if (settings.statsJson.empty()) return;
@@ -126,13 +126,12 @@ void Session::OpenFiles() {
 }
 
 // A source that returns goes on with its files.
-void Session::OpenOutput(Source& source) {
-  const EncoderSettings& settings = m_config.encoder;
-  OpenTrack(source);
+void Session::OpenOutput(Source& source, const EncoderSettings& settings) {
+  OpenTrack(source, settings);
   SendCot(source);
   const std::string path = RecordingPath(source.Settings(), settings);
   if (path.empty() || path == source.OutputPath()) return;
-  if (m_keeper.OwnerOf(path) != nullptr) {
+  if (m_keeper.OwnerOf(path) != nullptr || m_tracks.count(path) != 0) {
     throw ConfigError("[" + source.Name() + "] cannot be written to " + path +
                       ", which another source of this run has written");
   }
@@ -143,28 +142,65 @@ void Session::OpenOutput(Source& source) {
   });
 }
 
-void Session::OpenTrack(Source& source) {
-  const EncoderSettings& settings = m_config.encoder;
+// Carries out a change of a source's outputs. Messages of a source that was open before may be on their way to them.
+void Session::Redirect(Source& source, std::function<void()> change) {
+  if (m_receiver == nullptr || !m_keeper.HasBeenOpen(source)) return change();
+  const common::Lock lock(m_redirectionLock);
+  m_redirections.push_back(std::move(change));
+}
+
+void Session::OpenTrack(Source& source, const EncoderSettings& settings) {
   const std::string path = TrackPath(source.Settings(), settings);
-  if (path.empty() || path == source.TrackPath()) return;
-  if (m_keeper.OwnerOf(path) != nullptr) {
-    throw ConfigError("[" + source.Name() + "] cannot have its track in " + path +
-                      ", which another source of this run has written");
+  Outputs& wanted = m_wanted[&source];
+  if (path == wanted.track && (path.empty() || settings.trackInterval == wanted.trackInterval)) return;
+  if (path == wanted.track) {
+    wanted.trackInterval = settings.trackInterval;
+    Redirect(source, [&source, interval = settings.trackInterval] { source.SetTrackInterval(interval); });
+    return;
   }
-  const auto format = track_text::FormatOf(path).value_or(track_text::Format::GeoJson);
-  source.OpenTrack({path, source.Name(), format, settings.trackInterval}, [this](bool isWarning, const auto& line) {
-    Say(isWarning ? Priority::Warning : Priority::Notice, line);
+  std::shared_ptr<TrackFile> track;
+  if (!path.empty()) {
+    if (m_keeper.OwnerOf(path) != nullptr || m_tracks.count(path) != 0) {
+      throw ConfigError("[" + source.Name() + "] cannot have its track in " + path + ", which this run has written");
+    }
+    if (!settings.trackDir.empty()) std::filesystem::create_directories(settings.trackDir);
+    const auto format = track_text::FormatOf(path).value_or(track_text::Format::GeoJson);
+    track = std::make_shared<TrackFile>(
+        TrackSettings{path, source.Name(), format, settings.trackInterval},
+        [this](bool isWarning, const auto& line) { Say(isWarning ? Priority::Warning : Priority::Notice, line); });
+    track->Open();
+    m_tracks.insert(path);
+  }
+  wanted.track = path;
+  wanted.trackInterval = settings.trackInterval;
+  Redirect(source, [&source, track] {
+    if (const auto former = source.SetTrack(track)) former->Close();
   });
 }
 
 void Session::SendCot(Source& source) {
   const SourceSettings& settings = source.Settings();
-  if (settings.cotOut.empty()) return;
-  std::string uid = settings.cotOutUid;
-  if (uid.empty()) uid = MachineName() + "-" + settings.name;
-  source.SendCot(
-      {settings.name, settings.cotOut, settings.cotOutRate, uid, settings.cotOutType},
-      [this](bool isWarning, const auto& line) { Say(isWarning ? Priority::Warning : Priority::Notice, line); });
+  std::optional<CotSenderSettings> events;
+  if (!settings.cotOut.empty()) {
+    std::string uid = settings.cotOutUid;
+    if (uid.empty()) uid = MachineName() + "-" + settings.name;
+    events.emplace(CotSenderSettings{settings.name, settings.cotOut, settings.cotOutRate, uid, settings.cotOutType,
+                                     settings.cotOutTls});
+  }
+  Outputs& wanted = m_wanted[&source];
+  if (events == wanted.events) return;
+  wanted.events = events;
+  std::shared_ptr<CotSender> sender;
+  if (events) {
+    sender = std::make_shared<CotSender>(*events, [this](bool isWarning, const auto& line) {
+      Say(isWarning ? Priority::Warning : Priority::Notice, line);
+    });
+  }
+  Redirect(source, [this, &source, sender] {
+    auto former = source.SetCotSender(sender);
+    const common::Lock lock(m_redirectionLock);
+    if (former) m_formerSenders.push_back(std::move(former));
+  });
 }
 
 // Returns how many messages can come without a loss.
@@ -199,7 +235,10 @@ int Session::Run() {
   StartStreams();
   if (!m_library.init(m_config.encoder.capabilities)) throw std::runtime_error("METADATALIB_Init failed");
   const auto handle = [this](const Received& received) { Handle(received); };
-  const auto flush = [this] { std::erase_if(m_unflushed, [](Source* source) { return source->FlushOutput(); }); };
+  const auto flush = [this] {
+    TakeRedirections();
+    std::erase_if(m_unflushed, [](Source* source) { return source->FlushOutput(); });
+  };
   m_receiver = std::make_unique<Receiver>(m_config.encoder.queue, m_library.releaseBuffer, handle, flush);
   m_times.startUs = WallClockUs();
   m_start = Clock::now();
@@ -217,6 +256,7 @@ int Session::Run() {
   m_times.seconds = std::chrono::duration<double>(Clock::now() - m_start).count();
   m_library.shutdown();
   m_console.Status({});
+  TakeRedirections();
   for (Source* source : m_keeper.EverySource()) EndRecording(*source);
   if (opened) WriteResults();
   BlockSignals();
@@ -265,6 +305,16 @@ BOOL Session::OnMessage(MDATA_BUFFER* buffer, void* tap, void*) {
   const uint64_t each = session->m_config.encoder.messagesEach;
   if (taken == limit || (each != 0 && source->Messages() == each)) eventfd_write(session->m_wake.Get(), 1);
   return TRUE;
+}
+
+// Runs on the recorder's thread, or after its end.
+void Session::TakeRedirections() {
+  std::vector<std::function<void()>> changes;
+  {
+    const common::Lock lock(m_redirectionLock);
+    changes.swap(m_redirections);
+  }
+  for (const auto& change : changes) change();
 }
 
 // Runs on the recorder's thread: files come before the printing, which has a thread of its own.
@@ -351,6 +401,7 @@ void Session::Tick() {
   const auto now = Clock::now();
   if (now >= m_nextLook) LookForLosses(now);
   m_keeper.Tick(now);
+  EndFormerSenders();
   m_service.Status(m_keeper.Summary());
   if (m_nextBeat && now >= *m_nextBeat) Beat(now);
   if (m_nextStatus && now >= *m_nextStatus) {
@@ -368,6 +419,15 @@ void Session::Tick() {
   if (m_console.OutputFailed()) {
     Fail("cannot write to standard output");
     End("output");
+  }
+}
+
+// A sender may take a moment to end, for which the recorder does not wait.
+void Session::EndFormerSenders() {
+  std::vector<std::shared_ptr<CotSender>> ending;
+  {
+    const common::Lock lock(m_redirectionLock);
+    ending.swap(m_formerSenders);
   }
 }
 
@@ -448,7 +508,7 @@ void Session::Reload() {
     if (!m_around.prepare) throw ConfigError("there is nothing to read again");
     const CheckedConfig fresh = m_around.prepare();
     const ConfigDifference difference = Compare(m_checked, fresh);
-    AddSources(difference.added);
+    AddSources(difference.added, fresh.config.encoder);
     const auto applyHost = [&] {
       if (m_around.applyHost) m_around.applyHost(fresh.host);
     };
@@ -456,6 +516,7 @@ void Session::Reload() {
     const EncoderSettings before = m_config.encoder;
     TakeOver(m_checked.config.encoder, fresh.config.encoder);
     SetTimers(before);
+    RedirectOutputs(difference, m_config.encoder);
     m_checked.config.sources = fresh.config.sources;
     m_checked.host = fresh.host;
     Say(Priority::Notice, "configuration reloaded: sources added " + std::to_string(difference.added.size()) +
@@ -468,17 +529,46 @@ void Session::Reload() {
   m_service.Ready(m_keeper.Summary());
 }
 
+// One that was open before may have messages on their way, and keeps its outputs.
+void Session::Forget(const Source& source) {
+  if (!m_keeper.HasBeenOpen(source)) {
+    m_tracks.erase(m_wanted[&source].track);
+    m_wanted.erase(&source);
+  }
+  m_keeper.Discard(source);
+}
+
+// Takes over tracks, events, columns and items. A track that cannot be written is said, and the source goes on without.
+void Session::RedirectOutputs(const ConfigDifference& difference, const EncoderSettings& settings) {
+  for (Source* source : m_keeper.Sources()) {
+    const auto isIt = [source](const SourceSettings& each) { return each.name == source->Name(); };
+    if (std::none_of(difference.redirected.begin(), difference.redirected.end(), isIt)) continue;
+    SendCot(*source);
+    try {
+      OpenTrack(*source, settings);
+    } catch (const std::exception& error) {
+      Say(Priority::Error, std::string("the track of ") + source->Name() + " does not change: " + error.what());
+    }
+  }
+  if (!difference.isShownOtherwise) return;
+  const common::Lock lock(m_redirectionLock);
+  m_redirections.push_back([this, shown = settings.presentation, width = LongestName(m_config.sources)] {
+    m_presentation = MakePresentation(shown, width, [] { return OutputWidth(STDOUT_FILENO); });
+    if (!m_presentation.header.empty()) m_console.Line(m_presentation.header);
+  });
+}
+
 // Adds all of them or, with an exception, none.
-void Session::AddSources(const std::vector<SourceSettings>& added) {
+void Session::AddSources(const std::vector<SourceSettings>& added, const EncoderSettings& settings) {
   std::vector<const Source*> done;
   try {
-    for (const SourceSettings& settings : added) {
-      Source& source = m_keeper.Add(settings, m_config.encoder.capabilities);
+    for (const SourceSettings& each : added) {
+      Source& source = m_keeper.Add(each, m_config.encoder.capabilities);
       done.push_back(&source);
-      OpenOutput(source);
+      OpenOutput(source, settings);
     }
   } catch (const std::exception&) {
-    for (const Source* source : done) m_keeper.Discard(*source);
+    for (const Source* source : done) Forget(*source);
     throw;
   }
 }

@@ -14,13 +14,16 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "annotated_mutex.h"
 #include "commands.h"
 #include "config.h"
 #include "console.h"
+#include "cot_sender.h"
 #include "host_runtime.h"
 #include "library.h"
 #include "loss.h"
@@ -81,10 +84,15 @@ class Session {
   static BOOL OnMessage(MDATA_BUFFER* buffer, void* tap, void* again);
 
   void OpenFiles();
-  void OpenOutput(Source& source);
-  void OpenTrack(Source& source);
+  void OpenOutput(Source& source, const EncoderSettings& settings);
+  void OpenTrack(Source& source, const EncoderSettings& settings);
   void SendCot(Source& source);
   void StartStreams();
+  void Redirect(Source& source, std::function<void()> change);
+  void Forget(const Source& source);
+  void RedirectOutputs(const ConfigDifference& difference, const EncoderSettings& settings);
+  void TakeRedirections();
+  void EndFormerSenders();
   bool OpenSources();
   size_t Room() const;
   Captures CapturesOf(const Surroundings& around);
@@ -96,7 +104,7 @@ class Session {
   void OnEndSignal(int number);
   void OnHangUp();
   void Reload();
-  void AddSources(const std::vector<SourceSettings>& added);
+  void AddSources(const std::vector<SourceSettings>& added, const EncoderSettings& settings);
   void Beat(Clock::time_point now);
   void OnInput();
   void Tick();
@@ -127,7 +135,7 @@ class Session {
   const Library& m_library;
   Console& m_console;
   std::function<std::optional<int64_t>()> m_pairClock;
-  const Presentation m_presentation;
+  Presentation m_presentation;  // recorder's thread, once it runs
   const Surroundings m_around;
   SourceKeeper m_keeper;
   Streams m_streams;
@@ -135,6 +143,17 @@ class Session {
   std::map<std::string, MDATA_SRC_STATS> m_kept;
   std::map<const Source*, StreamHint> m_hints;  // recorder's thread
   std::vector<Source*> m_unflushed;  // recorder's thread: those with messages that are not in their files yet
+  // What the configuration wants of a source, and the recorder's thread has or will have soon. Main thread.
+  struct Outputs {
+    std::string track;  // path
+    double trackInterval = 0;
+    std::optional<CotSenderSettings> events;
+  };
+  std::map<const Source*, Outputs> m_wanted;
+  std::set<std::string> m_tracks;  // paths that this run has written
+  common::Mutex m_redirectionLock;
+  std::vector<std::function<void()>> m_redirections GUARDED_BY(m_redirectionLock);        // for the recorder's thread
+  std::vector<std::shared_ptr<CotSender>> m_formerSenders GUARDED_BY(m_redirectionLock);  // ended by the main thread
   std::FILE* m_statsJson = nullptr;
   KernelDrops m_kernelDrops;
   SilenceWatch m_silence{

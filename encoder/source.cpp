@@ -57,21 +57,22 @@ const std::string& Source::OutputPath() const {
   return m_recording ? m_recording->Path() : kNone;
 }
 
-void Source::OpenTrack(const TrackSettings& settings,
-                       const std::function<void(bool isWarning, const std::string&)>& say) {
-  auto track = std::make_unique<TrackFile>(settings, say);
-  track->Open();
-  m_track = std::move(track);
+std::shared_ptr<TrackFile> Source::SetTrack(std::shared_ptr<TrackFile> track) {
+  return std::exchange(m_track, std::move(track));
 }
 
-const std::string& Source::TrackPath() const {
-  static const std::string kNone;
-  return m_track ? m_track->Path() : kNone;
+void Source::SetTrackInterval(double seconds) {
+  if (m_track) m_track->SetInterval(seconds);
 }
 
-void Source::SendCot(const CotSenderSettings& settings,
-                     const std::function<void(bool isWarning, const std::string&)>& say) {
-  if (!m_cotSender) m_cotSender = std::make_unique<CotSender>(settings, say);
+std::shared_ptr<CotSender> Source::SetCotSender(std::shared_ptr<CotSender> sender) {
+  const common::Lock lock(m_outputs);
+  if (m_cotSender) {
+    const CotSender::Counts counts = m_cotSender->Snapshot();
+    m_formerCotSent += counts.sent;
+    m_formerCotLost += counts.lost;
+  }
+  return std::exchange(m_cotSender, std::move(sender));
 }
 
 void Source::Arrived(uint8_t sequence, uint64_t length, bool taken) {
@@ -134,6 +135,14 @@ void Source::Judge(const st0601::Message& message) {
   if (!message.isComplete) Add(m_incomplete, 1);
 }
 
+void Source::CountEvents(Counters& counters) const {
+  const common::Lock lock(m_outputs);
+  const CotSender::Counts counts = m_cotSender ? m_cotSender->Snapshot() : CotSender::Counts{};
+  counters.cotSent = m_formerCotSent + counts.sent;
+  counters.cotLost = m_formerCotLost + counts.lost;
+  counters.sendsCot = m_cotSender != nullptr || counters.cotSent + counters.cotLost != 0;
+}
+
 Counters Source::Snapshot() const {
   Counters counters;
   counters.messages = Get(m_messages);
@@ -151,12 +160,7 @@ Counters Source::Snapshot() const {
   counters.incomplete = Get(m_incomplete);
   counters.pairsApart = Get(m_pairsApart);
   counters.widestPairUs = m_widestPairUs.load(std::memory_order_relaxed);
-  if (m_cotSender) {
-    const CotSender::Counts counts = m_cotSender->Snapshot();
-    counters.sendsCot = true;
-    counters.cotSent = counts.sent;
-    counters.cotLost = counts.lost;
-  }
+  CountEvents(counters);
   counters.isRecorded = IsRecorded();
   if (!m_recording) return counters;
   counters.recorded = m_recording->Stored();

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "annotated_mutex.h"
 #include "config.h"
 #include "metadata_lib.h"
 #include "st0601_items.h"
@@ -59,9 +60,7 @@ class SequenceWatch {
 class Recording;
 class TrackFile;
 class CotSender;
-struct CotSenderSettings;
 struct RecordingSettings;
-struct TrackSettings;
 struct Received;
 
 class Source {
@@ -81,11 +80,11 @@ class Source {
   void OpenOutput(const RecordingSettings& settings, uint64_t timeUs,
                   const std::function<void(bool isWarning, const std::string&)>& say);
   const std::string& OutputPath() const;  // with its patterns; "" without a recording
-  // Starts the track, likewise.
-  void OpenTrack(const TrackSettings& settings, const std::function<void(bool isWarning, const std::string&)>& say);
-  const std::string& TrackPath() const;  // "" without a track
-  // Sends events of Cursor-on-Target from now on.
-  void SendCot(const CotSenderSettings& settings, const std::function<void(bool isWarning, const std::string&)>& say);
+  // Replace the track and the sender of events; none ends them. Before the source is opened for the first time, or the
+  // recorder's thread. Return the former one.
+  std::shared_ptr<TrackFile> SetTrack(std::shared_ptr<TrackFile> track);
+  void SetTrackInterval(double seconds);
+  std::shared_ptr<CotSender> SetCotSender(std::shared_ptr<CotSender> sender);
 
   // Counts a message of `length` bytes that was accepted or refused. Called on the metadata thread, in the callback.
   void Arrived(uint8_t sequence, uint64_t length, bool taken);
@@ -110,16 +109,22 @@ class Source {
   uint64_t Messages() const { return m_messages.load(std::memory_order_relaxed); }
 
  private:
+  void CountEvents(Counters& counters) const;
+
   const SourceSettings& m_settings;
   const std::string m_name;
   const bool m_isVideo;
   const bool m_isCot;
   const bool m_isDatagrams;                // KLV over UDP: a message is a datagram
   std::unique_ptr<Recording> m_recording;  // recorder's thread once the source is open; none if it is not recorded
-  std::unique_ptr<TrackFile> m_track;      // likewise
-  std::unique_ptr<CotSender> m_cotSender;  // likewise
-  uint64_t m_cotUpdateUs = 0;              // recorder's thread: arrival of the message that was last given to it
-  bool m_isUnflushed = false;              // recorder's thread
+  // The recorder's thread, once the source is open, reads and writes them; any thread may read the sender under the lock.
+  mutable common::Mutex m_outputs;
+  std::shared_ptr<TrackFile> m_track;
+  std::shared_ptr<CotSender> m_cotSender;
+  uint64_t m_formerCotSent = 0;  // of senders that were replaced; under the lock
+  uint64_t m_formerCotLost = 0;
+  uint64_t m_cotUpdateUs = 0;  // recorder's thread: arrival of the message that was last given to it
+  bool m_isUnflushed = false;  // recorder's thread
   SequenceWatch m_sequence;
   std::atomic<uint64_t> m_messages{0};
   std::atomic<uint64_t> m_bytes{0};

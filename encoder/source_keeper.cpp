@@ -612,6 +612,19 @@ std::string SourceKeeper::Summary() const {
 
 // --- Reload ------------------------------------------------------------------------------------------
 
+namespace {
+
+void CopyOutputs(const SourceSettings& from, SourceSettings& to) {
+  to.track = from.track;
+  to.cotOut = from.cotOut;
+  to.cotOutRate = from.cotOutRate;
+  to.cotOutUid = from.cotOutUid;
+  to.cotOutType = from.cotOutType;
+  to.cotOutTls = from.cotOutTls;
+}
+
+}  // namespace
+
 void SourceKeeper::Apply(const ConfigDifference& difference, const HostRuntimeConfig& host,
                          const std::function<void()>& between, Clock::time_point now) {
   for (const std::string& name : difference.removed) {
@@ -639,6 +652,7 @@ void SourceKeeper::Apply(const ConfigDifference& difference, const HostRuntimeCo
     if (entry == nullptr) continue;
     entry->settings.retry = settings.retry;
     entry->settings.silence = settings.silence;
+    CopyOutputs(settings, entry->settings);
   }
   between();
   m_host = host;
@@ -668,7 +682,7 @@ std::vector<Source*> SourceKeeper::EverySource() {
 
 const Source* SourceKeeper::OwnerOf(const std::string& output) const {
   for (const auto& entry : m_entries) {
-    if (entry->source.OutputPath() == output || entry->source.TrackPath() == output) return &entry->source;
+    if (entry->source.OutputPath() == output) return &entry->source;
   }
   return nullptr;
 }
@@ -677,6 +691,11 @@ bool SourceKeeper::IsOpen(const Source& source) const {
   return std::any_of(m_entries.begin(), m_entries.end(), [&source](const auto& entry) {
     return &entry->source == &source && entry->state == SourceState::Open;
   });
+}
+
+bool SourceKeeper::HasBeenOpen(const Source& source) const {
+  return std::any_of(m_entries.begin(), m_entries.end(),
+                     [&source](const auto& entry) { return &entry->source == &source && entry->wasOpen; });
 }
 
 bool SourceKeeper::AllReached(uint64_t messages) const {

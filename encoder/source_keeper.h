@@ -108,9 +108,10 @@ class SourceKeeper {
 
   std::vector<Source*> Sources();  // those that were not removed, in the order in which they were added
   std::vector<Source*> EverySource();
-  // Returns the source that has this file open, also a removed one, or null.
+  // Returns the source whose recording has this file open, also a removed one, or null.
   const Source* OwnerOf(const std::string& output) const;
   bool IsOpen(const Source& source) const;  // and not cut off
+  bool HasBeenOpen(const Source& source) const;
   bool AllReached(uint64_t messages) const;
   // Returns whether every source is a file that was played to its end.
   bool AllPlayed() const;

@@ -43,6 +43,7 @@ class TrackFile {
   const std::string& Path() const { return m_settings.path; }
 
   // One thread at a time calls these.
+  void SetInterval(double seconds) { m_settings.interval = seconds; }
   void Add(const Received& received, const st0601::Message& message);
   bool Flush();  // returns false if something is left
   void Close();
@@ -52,7 +53,7 @@ class TrackFile {
   bool Write();
   void Report(bool isFailing, int error);
 
-  const TrackSettings m_settings;
+  TrackSettings m_settings;
   const Say m_say;
   track_text::Writer m_writer;
   GrowingFile m_file;   // its size is without the closing part

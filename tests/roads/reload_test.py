@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Configurations that are read again while traffic runs: what did not change loses and doubles nothing."""
+import json
 import os
 import signal
 import socket
@@ -13,6 +14,7 @@ from harness import EndToEndTest, message, source, udp_port_open
 
 RELOADS = int(os.environ.get("METADATA_TEST_RELOADS", "100"))
 RATE = 600
+PLACE = message((2, bytes(8)), (13, bytes.fromhex("42000000")), (14, bytes.fromhex("0A000000")))
 PORTS = list(range(15700, 15708))
 DONE = "configuration reloaded"
 REFUSED = "configuration not reloaded, nothing has changed: "
@@ -112,6 +114,68 @@ class Reload(EndToEndTest):
             self.assertEqual(source(summary, name)["reopened"], 0)
             self.assertEqual(source(summary, name)["sequence_gaps"], 0)
         self.assertNotIn(REFUSED, self.errors())
+
+    def test_tracks_and_events_change_under_traffic_without_a_loss(self):
+        """The track goes on in another file, events go to another listener, and the source stays open."""
+        listeners = [socket.socket(socket.AF_INET, socket.SOCK_DGRAM) for _ in range(2)]
+        for number, listener in enumerate(listeners):
+            self.addCleanup(listener.close)
+            listener.bind(("127.0.0.1", 15795 + number))
+            listener.setblocking(False)
+
+        def config(number):
+            return section("s", 15794, f"cot_out = udp://127.0.0.1:{15795 + number}\ncot_out_rate = 20\n"
+                           f"track = {'ab'[number]}.geojson\n") + "[encoder]\ntrack_interval = 0\n"
+
+        def receives(listener):
+            try:
+                return bool(listener.recv(65536))
+            except BlockingIOError:
+                return False
+
+        def send_some():
+            for _ in range(5):
+                harness.send(15794, PLACE)
+            self.sent += 5
+
+        def grown(name):
+            send_some()
+            return (self.folder / name).exists() and "Point" in (self.folder / name).read_text()
+
+        self.sent = 0
+        self.run_with(config(0), [15794])
+        self.wait_for(lambda: grown("a.geojson") and receives(listeners[0]), "the first track and event")
+        self.reload(config(1))
+        self.wait_for(lambda: grown("b.geojson") and receives(listeners[1]), "the second track and event")
+        self.reload(section("s", 15794))
+        self.assertIn("cannot have its track in", self.reload(config(0), "the track of s does not change: "))
+        self.drain(15794)
+        summary = source(self.stop(), "s")
+        self.assertEqual(summary["messages"], self.sent)
+        self.assertEqual((summary["reopened"], summary["sequence_gaps"]), (0, 0))
+        self.assertGreaterEqual(summary["cot_out"]["events"], 2)
+        points = 0
+        for name in ("a.geojson", "b.geojson"):
+            points += (self.folder / name).read_text().count('"Point"')
+            json.loads((self.folder / name).read_text())
+        self.assertLessEqual(points, self.sent * 2)
+
+    def test_the_table_shows_other_columns_after_a_reload(self):
+        self.config = self.folder / "encoder.ini"
+        self.encoder(section("s", 15794), [15794], format="table", arguments=["--columns", "source, length"])
+        rows = self.folder / "messages.jsonl"
+        self.wait_for(lambda: self.caught(signal.SIGHUP), "the encoder to handle signals")
+        harness.send(15794, PLACE)
+        self.wait_for(lambda: "s " in rows.read_text(), "a row")
+        self.assertNotIn("SENSOR LAT", rows.read_text())
+        self.stop()
+        self.encoder(section("s", 15794), [15794], format="table")
+        self.wait_for(lambda: self.caught(signal.SIGHUP), "the encoder to handle signals")
+        self.reload("[encoder]\ncolumns = source, sensor_lat, 14\n" + section("s", 15794))
+        self.wait_for(lambda: "\nSOURCE SENSOR LAT  SENSOR LON\n" in rows.read_text(), "a header")
+        harness.send(15794, PLACE)
+        self.wait_for(lambda: len(rows.read_text().splitlines()[-1].split()) == 3, "a row of three columns")
+        self.stop()
 
     def test_what_is_new_opens_what_is_gone_closes_what_changed_does_both(self):
         self.run_with(section("stays", 15710) + section("goes", 15711) + section("changes", 15712), [15710, 15711, 15712])

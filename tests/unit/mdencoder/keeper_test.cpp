@@ -138,7 +138,8 @@ class KeeperTest : public testing::Test {
        [this](const SourceSettings&, const HostRuntimeConfig&, const Place&) { return m_health; },
        [this](const std::string& host, uint16_t port) {
          m_fake.calls.push_back("ask " + host + ":" + std::to_string(port));
-         return NameQuestion{[this] { return m_answer; }, [this](std::chrono::milliseconds) { m_answer = m_lateAnswer; }};
+         return NameQuestion{[this] { return m_answer; },
+                             [this](std::chrono::milliseconds) { m_answer = m_lateAnswer; }};
        }},
       [this](bool isWarning, const std::string& line) { m_lines.push_back((isWarning ? "4 " : "5 ") + line); },
       {[] { return size_t{1}; },
@@ -352,17 +353,50 @@ std::string Refusal(const std::string& fresh, const std::string& running = "") {
 TEST(Difference, NamesTheSettingThatCannotChange) {
   for (const char* key :
        {"library = x", "host_config = x", "output_dir = x", "stream_header = yes", "extended_tags = no",
-        "heights = optional", "format = json", "live = yes", "stats_json = x", "messages = 1", "messages_each = 1",
-        "queue = 1", "capabilities = ipv4", "capabilities = ipv4, ipv6, cot"}) {
+        "heights = optional", "format = json", "format = csv", "live = yes", "stats_json = x", "messages = 1",
+        "messages_each = 1", "queue = 1", "capabilities = ipv4", "capabilities = ipv4, ipv6, cot"}) {
     const std::string text = key;
     EXPECT_THAT(Refusal(text + "\n"), HasSubstr("[encoder] " + text.substr(0, text.find(' '))));
     EXPECT_THAT(Refusal(text + "\n"), HasSubstr("cannot change while the program runs"));
   }
 }
 
+TEST(Difference, AllRowsOfCsvHaveTheSameItems) {
+  EXPECT_EQ(Refusal("format = csv\nitems = 2, 13\n", "format = csv\n"),
+            "[encoder] items cannot change while the program runs; restart it");
+  EXPECT_EQ(Refusal("format = csv\ncolumns = 2\n", "format = csv\n"), "accepted") << "columns are those of the table";
+}
+
+TEST(Difference, AnotherTrackAndOtherEventsLeaveTheSourceOpen) {
+  const auto compare = [](const std::string& before, const std::string& after, const std::string& encoder = "") {
+    const auto read = [](const std::string& text) { return CheckedConfig{MakeConfig(ParseIni(text), "-"), {}}; };
+    return Compare(read(kUdp + before), read(kUdp + after + encoder));
+  };
+  for (const char* keys : {"track = a.kml\n", "cot_out = udp://10.0.0.1:6969\n"}) {
+    const ConfigDifference difference = compare("", keys);
+    ASSERT_EQ(difference.redirected.size(), 1U) << keys;
+    EXPECT_EQ(difference.unchanged.size(), 1U) << keys;
+    EXPECT_FALSE(difference.isShownOtherwise);
+    EXPECT_EQ(compare(keys, keys).redirected.size(), 0U) << keys;
+    EXPECT_EQ(compare(keys, "").redirected.size(), 1U) << keys;
+  }
+  const std::string out = "cot_out = udp://10.0.0.1:6969\n";
+  for (const char* key : {"cot_out_rate = 2\n", "cot_out_uid = A\n", "cot_out_type = a-n\n"}) {
+    EXPECT_EQ(compare(out, out + key).redirected.size(), 1U) << key;
+  }
+  const std::string tls = "cot_out = tls://10.0.0.1:8089\n";
+  EXPECT_EQ(compare(tls, tls + "tls_ca = x\n").redirected.size(), 1U);
+  EXPECT_EQ(compare("", "", "[encoder]\ntrack_interval = 3\n").redirected.size(), 0U) << "there is no track";
+  EXPECT_EQ(compare("track = a.kml\n", "track = a.kml\n", "[encoder]\ntrack_interval = 3\n").redirected.size(), 1U);
+  EXPECT_EQ(compare("", "", "[encoder]\ntrack_dir = tracks\n").redirected.size(), 1U);
+  EXPECT_TRUE(compare("", "", "[encoder]\ncolumns = 2, 13\n").isShownOtherwise);
+  EXPECT_TRUE(compare("", "", "[encoder]\nwide = yes\n").isShownOtherwise);
+}
+
 TEST(Difference, AcceptsTheSettingsThatCan) {
   EXPECT_EQ(Refusal("log_level = 3\nlog_levels = HOST:4\nstatus_interval = 2\nstats_interval = 3\nstats_file = x\n"
-                    "summary = y\nduration = 9\nretry = no\n"),
+                    "summary = y\nduration = 9\nretry = no\ncolumns = 2\nitems = 13\nwide = yes\ntrack_dir = t\n"
+                    "track_format = kml\ntrack_interval = 5\n"),
             "accepted");
   EXPECT_EQ(Refusal("", "capabilities = ipv4, ipv6, cot\n"), "accepted") << "less is needed";
 }
@@ -486,16 +520,17 @@ TEST_F(KeeperTest, ARelayThatFollowsTakesAnAddressOfIPv4) {
 TEST_F(KeeperTest, ARelayThatFollowsDoesWithoutNoAddressOfIPv4) {
   m_answer = At({"2001:db8::1"});
   Start("[a]\ninput = udp\nport = 5000\nrelay1 = map.test:7001 ttl=follow\n");
-  EXPECT_THAT(Lines(),
-              ElementsAre("4 source a waits: map.test has no address of IPv4, as a relay that follows needs"));
+  EXPECT_THAT(Lines(), ElementsAre("4 source a waits: map.test has no address of IPv4, as a relay that follows needs"));
 }
 
 TEST_F(KeeperTest, ANameThatLeadsBackIsNotRelayedTo) {
   m_answer = At({"127.0.0.1"});
-  Start("[a]\ninput = udp\nport = 5000\nrelay1 = map.test:5001\n[b]\ninput = udp\nport = 5001\nrelay1 = map.test:5000\n");
+  Start(
+      "[a]\ninput = udp\nport = 5000\nrelay1 = map.test:5001\n[b]\ninput = udp\nport = 5001\nrelay1 = map.test:5000\n");
   EXPECT_THAT(Calls(), ElementsAre("ask map.test:5001", "open 1", "ask map.test:5000"));
-  EXPECT_THAT(Lines(), ElementsAre(HasSubstr("4 source b waits: [a] relay1 must be a destination that does not lead back to "
-                                             "its source, not \"map.test:5001\"")));
+  EXPECT_THAT(Lines(),
+              ElementsAre(HasSubstr("4 source b waits: [a] relay1 must be a destination that does not lead back to "
+                                    "its source, not \"map.test:5001\"")));
   m_answer = At({"192.0.2.1"});
   Pass(10s);
   EXPECT_THAT(Calls(), ElementsAre("ask map.test:5000", "open 2"));
