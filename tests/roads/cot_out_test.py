@@ -60,7 +60,7 @@ class CotOut(EndToEndTest):
 
     def test_the_recipe_of_the_page_feeds_map_clients(self):
         listener = self.receiver(6969, "239.2.3.1")
-        recipe = Recipe(self, "cot")
+        recipe = Recipe(self, "outputs/cot")
         self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
         self.wait_for(lambda: harness.udp_port_open(15000), "the port")
         recipe.run(1)

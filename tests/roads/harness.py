@@ -9,7 +9,6 @@ import ctypes
 import json
 import os
 import pathlib
-import re
 import shutil
 import signal
 import socket
@@ -168,32 +167,6 @@ class EndToEndTest(unittest.TestCase):
         process = self.start(options.feed, *arguments, "--pty", self.folder / "serial", stderr=subprocess.DEVNULL)
         self.wait_for(lambda: (self.folder / "serial").exists(), "the pseudo-terminal")
         return process
-
-    def run_recipe(self, page):
-        """Carries out what a page of docs/ shows: writes its blocks of INI text to the files that their first lines name,
-        and runs the lines of its first block of commands in the test's folder. Returns the output of the last one."""
-        text = (pathlib.Path(options.source) / "docs" / page).read_text()
-        blocks = re.findall(r"^```(\w+)\n(.*?)^```$", text, re.MULTILINE | re.DOTALL)
-        for _, ini in [block for block in blocks if block[0] == "ini" and block[1].startswith("; ")]:
-            (self.folder / ini.splitlines()[0][2:]).write_text(ini)
-        programs = self.folder / "programs"
-        programs.mkdir(exist_ok=True)
-        for name, program in (("mdencoder", options.encoder), ("mdfeed", options.feed)):
-            if not (programs / name).exists():
-                (programs / name).symlink_to(pathlib.Path(program).resolve())
-        environment = {**os.environ, "PATH": f"{programs}:{os.environ['PATH']}"}
-        *before, last = next(block[1] for block in blocks if block[0] == "sh").splitlines()
-        for line in before:
-            if line.endswith(" &"):
-                self.start("sh", "-c", "exec " + line[:-2], cwd=self.folder, env=environment)
-                continue
-            result = subprocess.run(["sh", "-c", line], cwd=self.folder, env=environment, capture_output=True, text=True,
-                                    timeout=60 * SLOW)
-            self.assertEqual(result.returncode, 0, f"{line}: {result.stderr}")
-        result = subprocess.run(["sh", "-c", last], cwd=self.folder, env=environment, capture_output=True, text=True,
-                                timeout=60 * SLOW)
-        self.assertEqual(result.returncode, 0, f"{last}: {result.stderr}")
-        return result.stdout
 
     def wait_for(self, condition, what, seconds=20):
         deadline = time.monotonic() + seconds * SLOW

@@ -19,7 +19,7 @@ UDP = "[udp]\ninput = udp\nport = 15000\nfamily = ipv4\n"
 class Output(EndToEndTest):
     def printed(self, page):
         """Runs the two commands of a page, and returns what the encoder printed."""
-        recipe = Recipe(self, page, COLUMNS="120")
+        recipe = Recipe(self, f"outputs/{page}", COLUMNS="120")
         self.encoder_process = recipe.start(0, stdout=self.output("printed"), stderr=self.output("encoder.err"))
         self.wait_for(lambda: harness.udp_port_open(15000), "the port")
         recipe.run(1)

@@ -13,6 +13,7 @@ import threading
 
 import harness
 from harness import EndToEndTest, message, options, source, split_messages
+from recipe import Recipe
 
 HERE = pathlib.Path(__file__).parent
 PICTURE = ("-re", "-f", "lavfi", "-i", "testsrc=size=160x120:rate=25")
@@ -340,7 +341,7 @@ class Url(EndToEndTest):
     def test_the_recipes_of_the_pages_work(self):
         for page, rows in (("transport_stream", 20), ("rtp", 20), ("srt_rtsp", 20), ("recording", 15), ("capture_file", 50), ("serial", 20)):
             with self.subTest(page=page):
-                shown = self.run_recipe(f"sources/{page}.md").splitlines()
+                shown = Recipe(self, f"sources/{page}").run_all().splitlines()
                 self.assertGreaterEqual(sum(" ok " in line for line in shown), rows)
                 self.tearDown()
                 self.setUp()
