@@ -16,6 +16,7 @@
 #include "observation.h"
 #include "presentation.h"
 #include "receiver.h"
+#include "tak_protocol.h"
 #include "track_text.h"
 
 namespace {
@@ -43,7 +44,9 @@ void CheckTracks(const st0601::Message& message) {
   for (const auto format : {track_text::Format::GeoJson, track_text::Format::Kml, track_text::Format::Gpx}) {
     track_text::Writer writer(format, "fuzz");
     writer.Add(seen, 1);
-    writer.Add(seen, 2);
+    st0601::Observation next = seen;
+    if (next.platform) next.platform->longitude = -next.platform->longitude;  // perhaps over the antimeridian
+    writer.Add(next, 2);
     const std::string text = writer.Begin() + writer.TakeChunk() + writer.End();
     CheckLines(text);
     Check(format != track_text::Format::GeoJson || nlohmann::json::accept(text));
@@ -60,6 +63,12 @@ void CheckEvents(const st0601::Message& message) {
     CheckLines(event);
     Check(event.size() <= 1500 &&
           std::count(event.begin(), event.end(), '<') == std::count(event.begin(), event.end(), '>'));
+  }
+  for (const std::string& event : {cot_text::PlatformEvent(seen, names, {1, 2}, cot_text::Form::Tak),
+                                   cot_text::SensorPointEvent(seen, names, {1, 2}, cot_text::Form::Tak)}) {
+    const st0601::Bytes bytes(event.begin(), event.end());
+    const tak::Datagram datagram = tak::ParseDatagram(bytes);
+    Check(event.size() <= 1500 && (event.empty() || tak::ParseMessage(datagram.payload).event.has_value()));
   }
 }
 
