@@ -192,6 +192,33 @@ TlsClient::TlsClient(const TlsSettings& settings) : m_context(std::make_unique<C
 
 TlsClient::~TlsClient() = default;
 
+struct TlsServer::Context {
+  std::unique_ptr<SSL_CTX, Free<SSL_CTX_free>> ssl;
+};
+
+TlsServer::TlsServer(const std::string& certificate, const std::string& key) : m_context(std::make_unique<Context>()) {
+  ERR_clear_error();
+  m_context->ssl.reset(SSL_CTX_new(TLS_server_method()));
+  SSL_CTX* const context = m_context->ssl.get();
+  if (context == nullptr) throw ConfigError("TLS is not available: " + Reason("no memory"));
+  SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+  SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION | SSL_OP_IGNORE_UNEXPECTED_EOF);
+  SSL_CTX_set_mode(context, SSL_MODE_ENABLE_PARTIAL_WRITE | SSL_MODE_ACCEPT_MOVING_WRITE_BUFFER);
+  // A key with a password cannot be used: the library would ask for it on the terminal.
+  SSL_CTX_set_default_passwd_cb(context, [](char*, int, int, void*) { return -1; });
+  if (SSL_CTX_use_certificate_chain_file(context, certificate.c_str()) != 1) {
+    Fail("http_cert", certificate, Reason("holds no certificate"));
+  }
+  const std::string& keyFile = key.empty() ? certificate : key;
+  if (SSL_CTX_use_PrivateKey_file(context, keyFile.c_str(), SSL_FILETYPE_PEM) != 1) {
+    Fail("http_key", keyFile, Reason("holds no key"));
+  }
+  if (SSL_CTX_check_private_key(context) != 1) Fail("http_key", keyFile, "is not the key of " + certificate);
+  ERR_clear_error();
+}
+
+TlsServer::~TlsServer() = default;
+
 // --- Connections -------------------------------------------------------------------------------------
 
 struct TlsConnection::State {
@@ -209,6 +236,15 @@ TlsConnection::TlsConnection(const TlsClient& client, int socket, const std::str
       (isAddress ? X509_VERIFY_PARAM_set1_ip_asc(SSL_get0_param(ssl), name.c_str()) == 1
                  : SSL_set1_host(ssl, name.c_str()) == 1 && SSL_set_tlsext_host_name(ssl, name.c_str()) == 1);
   if (!isReady) throw std::runtime_error("TLS cannot be set up: " + Reason("no memory"));
+}
+
+TlsConnection::TlsConnection(const TlsServer& server, int socket)
+    : m_state(std::make_unique<State>()), m_isServer(true) {
+  ERR_clear_error();
+  m_state->ssl.reset(SSL_new(server.m_context->ssl.get()));
+  if (!m_state->ssl || SSL_set_fd(m_state->ssl.get(), socket) != 1) {
+    throw std::runtime_error("TLS cannot be set up: " + Reason("no memory"));
+  }
 }
 
 TlsConnection::~TlsConnection() {
@@ -245,7 +281,8 @@ TlsConnection::Outcome TlsConnection::Judge(int result) {
 TlsConnection::Outcome TlsConnection::Handshake() {
   ERR_clear_error();
   errno = 0;
-  const int result = SSL_connect(m_state->ssl.get());
+  SSL* const ssl = m_state->ssl.get();
+  const int result = m_isServer ? SSL_accept(ssl) : SSL_connect(ssl);
   return result == 1 ? Outcome::Done : Judge(result);
 }
 
@@ -269,6 +306,12 @@ TlsConnection::Outcome TlsConnection::Write(std::span<const uint8_t> bytes, size
   if (result <= 0) return Judge(result);
   put = static_cast<size_t>(result);
   return Outcome::Done;
+}
+
+void TlsConnection::Finish() {
+  ERR_clear_error();
+  SSL_shutdown(m_state->ssl.get());
+  ERR_clear_error();
 }
 
 }  // namespace mdencoder
