@@ -34,18 +34,18 @@ std::string ElementText(const Element& element) {
   return std::string(element.item->key) + "=" + ItemText(element);
 }
 
-Json ElementJson(const Element& element);
+Json ElementJson(const Element& element, bool withRaw);
 
-Json ElementsJson(const std::vector<Element>& elements, Chosen chosen = {}) {
+Json ElementsJson(const std::vector<Element>& elements, Chosen chosen = {}, bool withRaw = false) {
   Json list = Json::array();
   for (const Element& element : elements) {
     const bool isWanted = chosen.empty() || std::find(chosen.begin(), chosen.end(), element.item) != chosen.end();
-    if (isWanted) list.push_back(ElementJson(element));
+    if (isWanted) list.push_back(ElementJson(element, withRaw));
   }
   return list;
 }
 
-Json ElementJson(const Element& element) {
+Json ElementJson(const Element& element, bool withRaw) {
   Json json;
   json["tag"] = element.tag;
   if (element.item == nullptr) {
@@ -56,7 +56,8 @@ Json ElementJson(const Element& element) {
   json["name"] = item.name;
   json["key"] = item.key;
   if (item.kind == Kind::SecuritySet) {
-    json["value"] = ElementsJson(st0601::ParseSecuritySet(element.value));
+    json["value"] = ElementsJson(st0601::ParseSecuritySet(element.value), {}, withRaw);
+    if (withRaw) json["raw"] = st0601::Hex(element.value);
     return json;
   }
   const st0601::Value value = st0601::Decode(item, element.value);
@@ -75,6 +76,7 @@ Json ElementJson(const Element& element) {
   }
   if (item.kind == Kind::Time || item.kind == Kind::Code) json["text"] = value.text;
   if (item.unit[0] != '\0') json["unit"] = item.unit;
+  if (withRaw) json["raw"] = st0601::Hex(element.value);
   return json;
 }
 
@@ -131,6 +133,10 @@ std::string WideRow(const Received& received, const st0601::Message& message) {
     row += " (" + message.error + ")";
   }
   return row;
+}
+
+Json ItemsJson(const std::vector<Element>& elements, bool withRaw) {
+  return ElementsJson(elements, {}, withRaw);
 }
 
 std::string JsonLine(const Received& received, const st0601::Message& message, Chosen chosen) {

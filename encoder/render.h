@@ -4,8 +4,10 @@
 #define MDENCODER_RENDER_H
 
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "receiver.h"
 #include "st0601_items.h"
@@ -20,6 +22,9 @@ std::string WideRow(const Received& received, const st0601::Message& message);
 // no others.
 std::string JsonLine(const Received& received, const st0601::Message& message,
                      std::span<const st0601::Item* const> chosen = {});
+
+// Returns the list of items that such an object has; `withRaw` adds the bytes of each, as hexadecimal digits.
+nlohmann::ordered_json ItemsJson(const std::vector<st0601::Element>& elements, bool withRaw);
 
 // Returns "2024-05-01T10:20:30.123456Z" for microseconds since 1970.
 std::string UtcText(uint64_t microseconds);

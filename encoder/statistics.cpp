@@ -196,6 +196,15 @@ Json LibraryStatisticsJson(const SourceSettings& settings, const MDATA_SRC_STATS
   return json;
 }
 
+uint64_t LostOrCorrupt(const Report& report) {
+  uint64_t count =
+      report.counters.lost + report.counters.dropped + report.kernelDrops + report.statistics.nRxCorruptMessages;
+  for (const CaptureCount& each : kCaptureCounts) {
+    if (report.capture && each.isLoss) count += (*report.capture).*each.count;
+  }
+  return count;
+}
+
 Json ReportJson(const Report& report) {
   const Counters& counters = report.counters;
   Json json;

@@ -42,6 +42,9 @@ MDATA_SRC_STATS LibraryStatisticsFromJson(const SourceSettings& settings, const 
 MDATA_SRC_STATS ContinuedStatistics(const SourceSettings& before, const SourceSettings& now,
                                     const MDATA_SRC_STATS& statistics);
 
+// Returns how much was lost, dropped or corrupt, as far as anybody counts it.
+uint64_t LostOrCorrupt(const Report& report);
+
 // Returns name, input, data, messages, bytes, corrupt and all other counters of one source.
 nlohmann::ordered_json ReportJson(const Report& report);
 // Returns {"type":"statistics","time":...,"sources":[...],"streams":[...]} in one line; without streams that key is absent.
