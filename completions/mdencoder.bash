@@ -28,13 +28,15 @@ _mdencoder() {
     --log-levels) compopt -o nospace; COMPREPLY=($(compgen -W 'METADATALIB: COTCONVERTER: HOST: KLVCAPTURE:' -- "$current")); return ;;
     --track-format) COMPREPLY=($(compgen -W 'geojson kml gpx' -- "$current")); return ;;
     --output-dir | --track-dir) compopt -o filenames; COMPREPLY=($(compgen -d -- "$current")); return ;;
-    --stats-json | --stats-file | --summary | --library | --host-config) compopt -o filenames; COMPREPLY=($(compgen -f -- "$current")); return ;;
-    --columns | --items | --status-interval | --duration | --messages | --messages-each | --stats-interval | --queue | --rotate-size | --rotate-time | --silence | --track-interval) return ;;
+    --http) COMPREPLY=($(compgen -W '127.0.0.1:8080' -- "$current")); return ;;
+    --http-token | --http-cert | --http-key | --stats-json | --stats-file | --summary | --library | --host-config) compopt -o filenames; COMPREPLY=($(compgen -f -- "$current")); return ;;
+    --columns | --items | --status-interval | --duration | --messages | --messages-each | --stats-interval | --queue | --rotate-size | --rotate-time | --silence | --track-interval | --http-host | --tiles | --tiles-attribution) return ;;
   esac
   if [[ $current == -* ]]; then
     COMPREPLY=($(compgen -W '-h --help --version --check --check-text --format --columns --items --wide --output-dir --rotate-size --rotate-time
       --track-dir --track-format --track-interval --status-interval --stream-header
-      --duration --messages --messages-each --stats-interval --silence --stats-json --stats-file --summary --live --library
+      --duration --messages --messages-each --stats-interval --silence --stats-json --stats-file --summary --live
+      --http --http-token --http-cert --http-key --http-host --tiles --tiles-attribution --library
       --host-config --capabilities --extended-tags --heights --retry --log-level --log-levels --queue' -- "$current"))
   else
     compopt -o filenames

@@ -19,6 +19,7 @@
 
 #include "check.h"
 #include "cot_sender.h"
+#include "http/settings.h"
 #include "owned_fd.h"
 #include "reception.h"
 #include "stream_url.h"
@@ -240,6 +241,55 @@ void CheckRelayRoutes(const CheckSubject& subject, const SourceSettings& source)
   }
 }
 
+// Returns whether a socket of a table ("/proc/net/tcp") listens on the port.
+bool IsListening(const char* table, uint16_t port) {
+  std::ifstream sockets(table);
+  std::string line;
+  constexpr unsigned kListen = 10;
+  while (std::getline(sockets, line)) {
+    unsigned used = 0;
+    unsigned state = 0;
+    // "   0: 0100007F:1F90 00000000:0000 0A ...": number, local address and port, remote ones, state
+    if (std::sscanf(line.c_str(), " %*u: %*32[0-9A-Fa-f]:%x %*32[0-9A-Fa-f]:%*x %x", &used, &state) == 2 &&
+        used == port && state == kListen) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Returns whether this machine has the address.
+bool IsOwn(const std::string& text) {
+  const auto address = ParseAddress(text);
+  if (!address) return false;
+  sockaddr_storage local{};
+  socklen_t size = sizeof(sockaddr_in);
+  local.ss_family = static_cast<sa_family_t>(address->family);
+  if (address->family == AF_INET) {
+    std::memcpy(&reinterpret_cast<sockaddr_in&>(local).sin_addr, address->bytes.data(), sizeof(in_addr));
+  } else {
+    size = sizeof(sockaddr_in6);
+    std::memcpy(&reinterpret_cast<sockaddr_in6&>(local).sin6_addr, address->bytes.data(), sizeof(in6_addr));
+  }
+  const common::OwnedFD fd(socket(address->family, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  return bind(fd.Get(), reinterpret_cast<const sockaddr*>(&local), size) == 0;
+}
+
+// The port is not opened.
+void CheckPage(const CheckSubject& subject) {
+  const HttpSettings& http = subject.config.encoder.http;
+  if (!http.IsOn()) return;
+  const KeyPlace place = {subject.configPath, "encoder", "http"};
+  const std::string value = http.address + ":" + std::to_string(http.port);
+  if (!IsOwn(http.address)) Refuse(place, value, "an address of this machine", std::strerror(errno));
+  if (!MayBind(http.port)) {
+    Refuse(place, value, "a port that this user may open", "it needs the capability CAP_NET_BIND_SERVICE");
+  }
+  if (IsListening("/proc/net/tcp", http.port) || IsListening("/proc/net/tcp6", http.port)) {
+    Refuse(place, value, "a port that no other program has", "it is in use");
+  }
+}
+
 // The names of hosts are not looked up, and nobody is called.
 void CheckTls(const CheckSubject& subject, const SourceSettings& source, const TlsSettings& settings) {
   try {
@@ -278,6 +328,7 @@ void CheckNetwork(const CheckSubject& subject) {
     const auto events = ParseCotDestination(source.cotOut);
     if (events && events->isTls) CheckTls(subject, source, source.cotOutTls);
   }
+  CheckPage(subject);
 }
 
 }  // namespace mdencoder

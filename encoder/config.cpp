@@ -39,12 +39,43 @@ constexpr char kEncoder[] = "encoder";
 
 // --- Keys --------------------------------------------------------------------------------------------
 
-constexpr std::string_view kEncoderKeys[] = {
-    "capabilities",  "library",   "host_config", "output_dir",      "stream_header",  "format",
-    "live",          "log_level", "log_levels",  "status_interval", "stats_interval", "stats_json",
-    "stats_file",    "summary",   "duration",    "messages",        "messages_each",  "queue",
-    "extended_tags", "heights",   "retry",       "rotate_size",     "rotate_time",    "silence",
-    "columns",       "items",     "wide",        "track_dir",       "track_format",   "track_interval"};
+constexpr std::string_view kEncoderKeys[] = {"capabilities",
+                                             "library",
+                                             "host_config",
+                                             "output_dir",
+                                             "stream_header",
+                                             "format",
+                                             "live",
+                                             "log_level",
+                                             "log_levels",
+                                             "status_interval",
+                                             "stats_interval",
+                                             "stats_json",
+                                             "stats_file",
+                                             "summary",
+                                             "duration",
+                                             "messages",
+                                             "messages_each",
+                                             "queue",
+                                             "extended_tags",
+                                             "heights",
+                                             "retry",
+                                             "rotate_size",
+                                             "rotate_time",
+                                             "silence",
+                                             "columns",
+                                             "items",
+                                             "wide",
+                                             "track_dir",
+                                             "track_format",
+                                             "track_interval",
+                                             "http",
+                                             "http_token",
+                                             "http_cert",
+                                             "http_key",
+                                             "http_host",
+                                             "tiles",
+                                             "tiles_attribution"};
 
 constexpr std::string_view kSourceKeys[] = {"input",
                                             "data",
@@ -236,6 +267,7 @@ EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
   settings.messagesEach = static_cast<uint64_t>(section.Number("messages_each", 0, INT64_MAX, 0));
   settings.queue = static_cast<size_t>(section.Number("queue", 1, 1000000, 4096));
   settings.retry = section.Switch("retry", true);
+  settings.http = ReadHttp(section);
   return settings;
 }
 

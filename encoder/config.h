@@ -13,6 +13,7 @@
 
 #include "columns.h"
 #include "host_runtime.h"
+#include "http/settings.h"
 #include "ini_file.h"
 #include "metadata_lib.h"
 #include "stream_settings.h"
@@ -52,6 +53,7 @@ struct EncoderSettings {
   uint64_t messagesEach = 0;  // of every source; 0 for no limit
   size_t queue = 4096;        // messages that may wait for the recorder
   bool retry = true;          // of the sources that do not have the key
+  HttpSettings http;
 };
 
 // The serial device that the library asks the host to open.

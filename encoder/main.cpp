@@ -9,16 +9,19 @@
 #include <cstdio>
 #include <ctime>
 #include <exception>
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <utility>
 
+#include "annotated_mutex.h"
 #include "check.h"
 #include "config.h"
 #include "console.h"
 #include "geoid_grid.h"
 #include "host_runtime.h"
+#include "http/settings.h"
 #include "library.h"
 #include "options.h"
 #include "quick_look.h"
@@ -52,12 +55,20 @@ void CheckGeoidGrid(const std::string& path, const Config& config) try {
   throw ConfigError(path + ": " + error.what());
 }
 
+void CheckHttpFiles(const std::string& path, const Config& config) try {
+  RequireHttpFiles(config.encoder.http);
+} catch (const ConfigError& error) {
+  throw ConfigError(path + ": [encoder] " + error.what());
+}
+
 // What the start, a reload and every check look at.
 CheckedConfig Prepare(const Options& options, std::chrono::milliseconds quiet) {
   CheckedConfig checked;
   checked.config = LoadConfig(options.config, options.overrides, quiet);
   checked.host = HostConfig(checked.config);
-  if (options.check != Check::Text) CheckGeoidGrid(options.config, checked.config);
+  if (options.check == Check::Text) return checked;
+  CheckGeoidGrid(options.config, checked.config);
+  CheckHttpFiles(options.config, checked.config);
   return checked;
 }
 
@@ -103,18 +114,15 @@ std::string LogText(const HostLogLine& line) {
   return text + said;
 }
 
-// Sends log lines through the console while it has a status block, which they would damage otherwise, and to the
-// journal.
+// Passes log lines on: to a listener, if there is one, and through the console while it has a status block, which they
+// would damage otherwise, and to the journal.
 class LogRoute {
  public:
   LogRoute(const HostRuntimeConfig& host, Console& console)
-      : m_routed(host.console && (console.HasStatus() || IsJournal(STDERR_FILENO))) {
-    if (!m_routed) return;
-    HostRuntime_OnLog([&console](const HostLogLine& line) { console.Complain(LogText(line)); });
+      : m_console(console), m_routed(host.console && (console.HasStatus() || IsJournal(STDERR_FILENO))) {
+    if (m_routed) HostRuntime_OnLog([this](const HostLogLine& line) { Pass(line); });
   }
-  ~LogRoute() {
-    if (m_routed) HostRuntime_OnLog({});
-  }
+  ~LogRoute() { HostRuntime_OnLog({}); }
   LogRoute(const LogRoute&) = delete;
   LogRoute& operator=(const LogRoute&) = delete;
 
@@ -124,8 +132,29 @@ class LogRoute {
     return HostRuntime_Apply(host, error);
   }
 
+  // Waits for a call of the former listener that is still running.
+  void Listen(std::function<void(const HostLogLine&)> listener) {
+    const bool isOn = listener != nullptr;
+    {
+      const common::Lock lock(m_mutex);
+      m_listener = std::move(listener);
+    }
+    if (!m_routed) HostRuntime_OnLog(isOn ? [this](const HostLogLine& line) { Pass(line); } : Function());
+  }
+
  private:
+  using Function = std::function<void(const HostLogLine&)>;
+
+  void Pass(const HostLogLine& line) {
+    if (m_routed) m_console.Complain(LogText(line));
+    const common::Lock lock(m_mutex);
+    if (m_listener) m_listener(line);
+  }
+
+  Console& m_console;
   const bool m_routed;
+  common::Mutex m_mutex;
+  Function m_listener GUARDED_BY(m_mutex);
 };
 
 int Main(int argc, char** argv) {
@@ -144,7 +173,7 @@ int Main(int argc, char** argv) {
     return 0;
   }
   Console console;
-  const LogRoute route(checked.host, console);
+  LogRoute route(checked.host, console);
   try {
     std::string error;
     if (!route.Apply(checked.host, &error)) throw std::runtime_error(error);
@@ -159,6 +188,7 @@ int Main(int argc, char** argv) {
     around.captures.set = [](int input, const HostCaptureConfig& capture) { HostRuntime_SetCapture(input, capture); };
     around.captures.state = HostRuntime_CaptureState;
     around.onRoom = HostRuntime_OnRoom;
+    around.onLog = [&route](std::function<void(const HostLogLine&)> listener) { route.Listen(std::move(listener)); };
     Session session(checked.config, library, console, std::move(around));
     session.SetPairClock(PairClock);
     return session.Run();

@@ -37,6 +37,7 @@ struct Definition {
 constexpr char kOutput[] = "Output";
 constexpr char kEnd[] = "End of the run";
 constexpr char kStatistics[] = "Statistics";
+constexpr char kPage[] = "Live page";
 constexpr char kSetUp[] = "Library and host";
 
 constexpr Definition kOptions[] = {
@@ -58,6 +59,13 @@ constexpr Definition kOptions[] = {
     {"stats_json", "FILE", kStatistics, "Write the statistics to FILE as JSON lines, at the interval and at the end"},
     {"stats_file", "FILE", kStatistics, "Keep the statistics over a restart: loaded at the start, saved at the end"},
     {"summary", "FILE", kStatistics, "Write a summary of the run to FILE as JSON"},
+    {"http", "ADDRESS:PORT", kPage, "Serve the live page, its API, events and metrics, as 127.0.0.1:8080"},
+    {"http_token", "FILE", kPage, "Ask clients for the token in FILE; needed for an address that others reach"},
+    {"http_cert", "FILE", kPage, "Serve over TLS with the certificates in FILE (PEM)"},
+    {"http_key", "FILE", kPage, "The certificate's key (in the file of the certificate)"},
+    {"http_host", "LIST", kPage, "Names of this machine by which clients may call it, beside its addresses"},
+    {"tiles", "URL", kPage, "Tiles of your own map server, as https://host/{z}/{x}/{y}.png"},
+    {"tiles_attribution", "TEXT", kPage, "What the map says about where the tiles come from"},
     {"retry", "yes|no", kSetUp, "Wait for ports, devices, interfaces and routes that are not there (yes)"},
     {"library", "FILE", kSetUp, "The library (libmetadata_lib.so.1 beside the program or on its run path)"},
     {"host_config", "FILE", kSetUp, "The host's INI file: device mapping, video inputs, log"},

@@ -43,6 +43,13 @@ void CompareEncoders(const EncoderSettings& running, const EncoderSettings& fres
   require(running.messages == fresh.messages, "messages");
   require(running.messagesEach == fresh.messagesEach, "messages_each");
   require(running.queue == fresh.queue, "queue");
+  require(running.http.address == fresh.http.address && running.http.port == fresh.http.port, "http");
+  require(running.http.token == fresh.http.token, "http_token");
+  require(running.http.certificate == fresh.http.certificate, "http_cert");
+  require(running.http.key == fresh.http.key, "http_key");
+  require(running.http.hosts == fresh.http.hosts, "http_host");
+  require(running.http.tiles == fresh.http.tiles, "tiles");
+  require(running.http.attribution == fresh.http.attribution, "tiles_attribution");
   EncoderSettings taken = running;
   TakeOver(taken, fresh);
   taken.capabilities = fresh.capabilities;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // CONTENTS
-//   Start and end    open and close files, sources and signals
+//   Start and end    open and close files, sources, the page and signals
 //   Messages         come from the callback and go to the worker
 //   Main loop        polls, and handles timers, signals and limits
 //   Reload           reads the configuration again and applies what is different
@@ -28,6 +28,8 @@
 #include <utility>
 
 #include "cot_sender.h"
+#include "http/hub.h"
+#include "http/message_json.h"
 #include "recording.h"
 #include "recording_name.h"
 #include "table.h"
@@ -72,6 +74,8 @@ void EndAtOnce(int number) {
 
 constexpr auto kLookInterval = std::chrono::milliseconds(250);
 constexpr auto kDropsInterval = std::chrono::seconds(1);
+constexpr auto kPageInterval = std::chrono::seconds(1);
+constexpr double kLongestSilence = 10;           // of the metadata thread, in seconds, which gives a sign every second
 constexpr double kShortestStatusInterval = 0.1;  // reading statistics takes the lock of serial reception
 
 }  // namespace
@@ -203,6 +207,51 @@ void Session::SendCot(Source& source) {
   });
 }
 
+// Opens the port of the page, so that the run does not begin without it.
+void Session::OpenPage() {
+  const EncoderSettings& settings = m_config.encoder;
+  if (!settings.http.IsOn()) return;
+  http::LivePageSettings page;
+  page.http = settings.http;
+  page.version = MDENCODER_VERSION;
+  if (!settings.outputDir.empty()) page.folders.push_back(settings.outputDir);
+  for (const SourceSettings& source : m_config.sources) {
+    const std::string path = RecordingPath(source, settings);
+    if (!path.empty()) page.folders.push_back(std::filesystem::path(path).parent_path());
+  }
+  for (std::string& folder : page.folders) folder = (std::filesystem::absolute(folder) / "").lexically_normal();
+  page.say = [this](const std::string& line) { Say(Priority::Warning, line); };
+  m_page = std::make_unique<http::LivePage>(std::move(page));
+  if (m_around.onLog) {
+    m_around.onLog([this](const HostLogLine& line) {
+      m_page->Inbox().Log(PriorityOfLevel(line.level, line.assertion), line.module, line.function + ": " + line.text);
+    });
+  }
+}
+
+// Gives the page the statistics and what is wrong.
+void Session::UpdatePage(Clock::time_point now) {
+  http::Snapshot snapshot;
+  snapshot.timeUs = WallClockUs();
+  snapshot.at = now;
+  bool isOpen = false;
+  for (const Report& report : Reports()) {
+    http::Json source = ReportJson(report);
+    source["faults"] = LostOrCorrupt(report);
+    snapshot.sources.push_back(std::move(source));
+  }
+  for (const Source* source : m_keeper.Sources()) isOpen = isOpen || m_keeper.IsOpen(*source);
+  if (!isOpen) snapshot.troubles.push_back("no source is open: " + m_keeper.Summary());
+  if (m_failed.load() || m_keeper.Failed()) snapshot.troubles.push_back("something has failed; the log tells what");
+  if (m_around.secondsSinceSign) snapshot.silentFor = m_around.secondsSinceSign();
+  if (snapshot.silentFor.value_or(0) > kLongestSilence) {
+    snapshot.troubles.push_back("the metadata thread gives no sign");
+  }
+  if (m_receiver) snapshot.waiting = m_config.encoder.queue - std::min(m_config.encoder.queue, m_receiver->Room());
+  m_page->Inbox().Update(std::move(snapshot));
+  m_nextPage = now + kPageInterval;
+}
+
 // Returns how many messages can come without a loss.
 size_t Session::Room() const {
   return m_receiver != nullptr && m_console.HasRowRoom() ? m_receiver->Room() : 0;
@@ -231,6 +280,7 @@ void Session::StartStreams() {
 }
 
 int Session::Run() {
+  OpenPage();
   OpenFiles();
   StartStreams();
   if (!m_library.init(m_config.encoder.capabilities)) throw std::runtime_error("METADATALIB_Init failed");
@@ -245,6 +295,11 @@ int Session::Run() {
   if (!m_presentation.header.empty()) m_console.Line(m_presentation.header);
   if (m_around.onRoom) m_around.onRoom([this] { return Room(); });
   const bool opened = OpenSources();
+  if (m_page) {
+    UpdatePage(Clock::now());
+    m_page->Start();
+    Say(Priority::Notice, "the live page is at " + m_config.encoder.http.Url());
+  }
   if (opened) Loop();
   m_service.Stopping();
   m_kernelDrops.Update();
@@ -252,6 +307,10 @@ int Session::Run() {
   if (m_around.onRoom) m_around.onRoom({});
   m_receiver->Finish();
   m_streams.Finish();
+  if (m_page) {
+    if (m_around.onLog) m_around.onLog({});
+    m_page->Stop();
+  }
   m_times.endUs = WallClockUs();
   m_times.seconds = std::chrono::duration<double>(Clock::now() - m_start).count();
   m_library.shutdown();
@@ -285,6 +344,7 @@ void Session::Fail(const std::string& complaint) {
 }
 
 void Session::Say(Priority priority, const std::string& line) {
+  if (m_page) m_page->Inbox().Log(priority, {}, line);
   m_console.Complain(PriorityPrefix(priority) + "mdencoder: " + line);
 }
 
@@ -325,6 +385,7 @@ void Session::Handle(const Received& received) {
   if (!message.isUas && source.IsKlvOverUdp()) Hint(received);
   if (source.Write(received, message)) m_unflushed.push_back(&source);
   m_streams.Push(received);
+  if (m_page) m_page->Inbox().Push(received);
   if (m_presentation.render) m_console.Row(received, m_presentation.render);
 }
 
@@ -391,6 +452,7 @@ int Session::Wait() {
   if (m_nextStatus) due = std::min(due, *m_nextStatus);
   if (m_nextStatistics) due = std::min(due, *m_nextStatistics);
   if (m_nextBeat) due = std::min(due, *m_nextBeat);
+  if (m_nextPage) due = std::min(due, *m_nextPage);
   due = std::min({due, m_nextLook, m_keeper.Due(Clock::now())});
   if (due == Clock::time_point::max()) return -1;
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now()).count();
@@ -404,6 +466,7 @@ void Session::Tick() {
   EndFormerSenders();
   m_service.Status(m_keeper.Summary());
   if (m_nextBeat && now >= *m_nextBeat) Beat(now);
+  if (m_nextPage && now >= *m_nextPage) UpdatePage(now);
   if (m_nextStatus && now >= *m_nextStatus) {
     ShowStatus();
     m_nextStatus = now + Seconds(std::max(m_config.encoder.statusInterval, kShortestStatusInterval));
@@ -709,8 +772,7 @@ void Session::ShowStatus() {
     std::snprintf(text, sizeof(text), "  %.64s %llu msg %u kbit/s", report.settings->name.c_str(),
                   static_cast<unsigned long long>(report.counters.messages), report.statistics.nBitRateInKbps);
     line += text;
-    const uint64_t faults =
-        report.counters.lost + report.counters.dropped + report.kernelDrops + report.statistics.nRxCorruptMessages;
+    const uint64_t faults = LostOrCorrupt(report);
     if (faults != 0) line += " (" + std::to_string(faults) + " lost or corrupt)";
   }
   m_console.Status({line});

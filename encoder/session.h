@@ -25,6 +25,7 @@
 #include "console.h"
 #include "cot_sender.h"
 #include "host_runtime.h"
+#include "http/live_page.h"
 #include "library.h"
 #include "loss.h"
 #include "network_watch.h"
@@ -59,6 +60,9 @@ struct Surroundings {
   Captures captures;
   // Sets what tells how many messages of files may come; with an empty function nothing does any more.
   std::function<void(std::function<size_t()>)> onRoom;
+  // Sets what is called with every line of the log, on the thread that writes it; with an empty function nothing is any
+  // more, and no call is left running.
+  std::function<void(std::function<void(const HostLogLine&)>)> onLog;
 };
 
 class Session {
@@ -93,6 +97,8 @@ class Session {
   void RedirectOutputs(const ConfigDifference& difference, const EncoderSettings& settings);
   void TakeRedirections();
   void EndFormerSenders();
+  void OpenPage();
+  void UpdatePage(Clock::time_point now);
   bool OpenSources();
   size_t Room() const;
   Captures CapturesOf(const Surroundings& around);
@@ -137,6 +143,7 @@ class Session {
   std::function<std::optional<int64_t>()> m_pairClock;
   Presentation m_presentation;  // recorder's thread, once it runs
   const Surroundings m_around;
+  std::unique_ptr<http::LivePage> m_page;  // set before any other thread starts; null without one
   SourceKeeper m_keeper;
   Streams m_streams;
   std::unique_ptr<Receiver> m_receiver;
@@ -172,6 +179,7 @@ class Session {
   Clock::time_point m_start;
   std::optional<Clock::time_point> m_nextStatus;
   std::optional<Clock::time_point> m_nextStatistics;
+  std::optional<Clock::time_point> m_nextPage;
   Clock::time_point m_nextLook;   // at what the sources deliver
   Clock::time_point m_nextDrops;  // at the kernel's counts, which go with their sockets
   std::optional<Clock::time_point> m_nextBeat;

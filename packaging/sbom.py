@@ -39,6 +39,8 @@ LICENCES = {
     "libpcap": "BSD-3-Clause",
     "libpugixml": "MIT",
     "libssl": "Apache-2.0",
+    "libcpp-httplib": "MIT",
+    "zlib1g": "Zlib",
     "libcli11": "BSD-3-Clause",
     "nlohmann-json3": "MIT",
 }
@@ -46,7 +48,7 @@ LICENCES = {
 COMPILED_IN = {
     "libmetadata-lib1": ["libgcc-12-dev"],
     "libmetadata-lib-dev": ["nlohmann-json3-dev", "libspdlog-dev", "libfmt-dev", "libstdc++-12-dev"],
-    "metadata-tools": ["libcli11-dev", "nlohmann-json3-dev", "libspdlog-dev", "libfmt-dev", "libstdc++-12-dev",
+    "metadata-tools": ["libcli11-dev", "libcpp-httplib-dev", "nlohmann-json3-dev", "libspdlog-dev", "libfmt-dev", "libstdc++-12-dev",
                        "libgcc-12-dev"],
 }
 # What the headings of packaging/debian-packages.txt mean for the packages. Those of tests and checks leave no trace.

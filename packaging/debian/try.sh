@@ -43,7 +43,7 @@ run_encoder() {
 apt-get update -qq
 # What the packages depend on comes first, so that what is left at the end is theirs.
 apt-get install -y -qq --no-install-recommends proj-data libavformat59 libavcodec59 libavfilter8 libavutil57 libspdlog1.10 libinih1 \
-  libpcap0.8 libpugixml1v5 libssl3 libstdc++6 >/srv/apt.log 2>&1
+  libpcap0.8 libpugixml1v5 libssl3 libcpp-httplib0.11 zlib1g libstdc++6 >/srv/apt.log 2>&1
 everything >/srv/before
 
 echo "-- installed"

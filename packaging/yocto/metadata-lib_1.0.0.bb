@@ -18,7 +18,7 @@ EXTRA_OECMAKE = "-DMETADATA_BUILD_TESTS=OFF -DMETADATA_SMALL=ON"
 # The library alone by default: an encoder has host services of its own.
 PACKAGECONFIG ??= ""
 PACKAGECONFIG[host] = "-DMETADATA_BUILD_HOST=ON,-DMETADATA_BUILD_HOST=OFF,spdlog libinih cli11 nlohmann-json ffmpeg \
-libpcap pugixml openssl"
+libpcap pugixml openssl cpp-httplib zlib"
 
 PACKAGE_BEFORE_PN = "${PN}-tools"
 FILES:${PN}-tools = "${bindir} ${prefix}/lib/systemd ${datadir}/bash-completion ${datadir}/zsh"

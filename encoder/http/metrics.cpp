@@ -1,0 +1,214 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "http/metrics.h"
+
+#include <cstdio>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace mdencoder::http {
+namespace {
+
+// A number in the report of a source.
+struct Metric {
+  const char* name;
+  const char* type;
+  const char* help;
+  const char* pointer;  // in the report
+  double scale = 1;
+};
+
+constexpr char kCounter[] = "counter";
+constexpr char kGauge[] = "gauge";
+
+constexpr Metric kMetrics[] = {
+    {"messages_total", kCounter, "Messages that the library delivered.", "/messages"},
+    {"message_bytes_total", kCounter, "Bytes of the delivered messages.", "/bytes"},
+    {"received_bytes_total", kCounter, "Bytes that the library received.", "/statistics/rx_bytes"},
+    {"received_messages_total", kCounter, "Messages that the library received whole.", "/statistics/rx_ok_messages"},
+    {"corrupt_messages_total", kCounter, "Messages that the library discarded.", "/statistics/rx_corrupt_messages"},
+    {"bit_rate_bits_per_second", kGauge, "Bit rate that the library measures.", "/statistics/bit_rate_kbps", 1000},
+    {"message_rate_per_second", kGauge, "Messages a second over the last five seconds.", "/rate_per_s"},
+    {"sequence_gaps_total", kCounter, "Jumps of the sequence number.", "/stream_sequence_gaps"},
+    {"sequence_missing_total", kCounter, "Sequence numbers that these jumps skipped.", "/stream_sequence_missing"},
+    {"dropped_messages_total", kCounter, "Messages refused with the queue full.", "/dropped"},
+    {"kernel_drops_total", kCounter, "Datagrams that the kernel dropped at the sockets.", "/kernel_drops"},
+    {"cut_at_buffer_total", kCounter, "Datagrams as long as the library's buffer.", "/cut_at_buffer"},
+    {"reopened_total", kCounter, "How often the source was opened again.", "/reopened"},
+    {"last_message_age_seconds", kGauge, "Time since the last message.", "/last_message_age_s"},
+    {"not_st0601_total", kCounter, "Messages that are not ST 0601 sets.", "/not_st0601"},
+    {"incomplete_total", kCounter, "ST 0601 sets whose items do not fill their length.", "/incomplete"},
+    {"faults_total", kCounter, "Everything lost, dropped or corrupt.", "/faults"},
+    {"recorded_messages_total", kCounter, "Messages in the files of the recording.", "/recording/messages"},
+    {"recording_lost_messages_total", kCounter, "Messages that could not be recorded.", "/recording/lost"},
+    {"recording_files_total", kCounter, "Files of the recording.", "/recording/files"},
+    {"cot_out_events_total", kCounter, "Events of Cursor-on-Target that were sent.", "/cot_out/events"},
+    {"cot_out_lost_total", kCounter, "Events of Cursor-on-Target that could not be sent.", "/cot_out/lost"},
+    {"ttl", kGauge, "Time to live of the received datagrams, -1 if unknown.", "/statistics/ttl/value"},
+    {"tos", kGauge, "Type of service of the received datagrams, -1 if unknown.", "/statistics/tos/value"},
+    {"uas_messages_total", kCounter, "UAS messages that were rewritten.", "/statistics/klv/uas_messages"},
+    {"invalid_uas_messages_total", kCounter, "UAS messages too broken to rewrite.",
+     "/statistics/klv/invalid_uas_messages"},
+    {"cot_sensor_point_events_total", kCounter, "Sensor point events received.", "/statistics/cot/sensor_point_events"},
+    {"cot_aircraft_events_total", kCounter, "Aircraft events received.", "/statistics/cot/aircraft_events"},
+    {"cot_filtered_events_total", kCounter, "Sensor point events of other sensors.",
+     "/statistics/cot/filtered_sensor_point_events"},
+    {"cot_converted_messages_total", kCounter, "Messages converted from events.", "/statistics/cot/converted_messages"},
+};
+
+std::string Escaped(std::string_view text) {
+  std::string escaped;
+  for (const char c : text) {
+    if (c == '\n') {
+      escaped += "\\n";
+    } else {
+      if (c == '\\' || c == '"') escaped += '\\';
+      escaped += c;
+    }
+  }
+  return escaped;
+}
+
+using Labels = std::vector<std::pair<const char*, std::string>>;
+
+class Writer {
+ public:
+  void Begin(const std::string& name, const char* type, const std::string& help) {
+    m_name = "metadata_" + name;
+    m_heading = "# HELP " + m_name + " " + help + "\n# TYPE " + m_name + " " + type + "\n";
+  }
+  void Add(const Labels& labels, double value) {
+    m_text += std::exchange(m_heading, {}) + m_name;
+    for (size_t i = 0; i < labels.size(); ++i) {
+      m_text += (i == 0 ? "{" : ",") + std::string(labels[i].first) + "=\"" + Escaped(labels[i].second) + "\"";
+    }
+    char number[40];
+    std::snprintf(number, sizeof(number), "%s %.17g\n", labels.empty() ? "" : "}", value);
+    m_text += number;
+  }
+  void One(const std::string& name, const char* type, const std::string& help, double value) {
+    Begin(name, type, help);
+    Add({}, value);
+  }
+  std::string Text() { return std::move(m_text); }
+
+ private:
+  std::string m_name;
+  std::string m_heading;  // in front of the first value
+  std::string m_text;
+};
+
+std::string NameOf(const Json& source) {
+  return source.at("name").get<std::string>();
+}
+
+// Returns the value at a place of a report, or null.
+const Json& At(const Json& json, const char* pointer) {
+  static const Json kNone;
+  const Json::json_pointer place(pointer);
+  return json.contains(place) ? json.at(place) : kNone;
+}
+
+void AddSources(Writer& writer, const Json& sources) {
+  writer.Begin("source_open", kGauge, "Whether the source is open.");
+  for (const Json& source : sources) {
+    const Labels labels = {{"source", NameOf(source)},
+                           {"input", source.at("input").get<std::string>()},
+                           {"data", source.at("data").get<std::string>()}};
+    writer.Add(labels, source.at("state") == "open" ? 1 : 0);
+  }
+  for (const Metric& metric : kMetrics) {
+    writer.Begin(metric.name, metric.type, metric.help);
+    for (const Json& source : sources) {
+      const Json& value = At(source, metric.pointer);
+      if (value.is_number()) writer.Add({{"source", NameOf(source)}}, value.get<double>() * metric.scale);
+    }
+  }
+}
+
+// Adds a metric with a label for each count of an object.
+void AddCounts(Writer& writer, const Json& sources, const char* name, const char* help, const char* label,
+               const char* pointer) {
+  writer.Begin(name, kCounter, help);
+  for (const Json& source : sources) {
+    const Json& counts = At(source, pointer);
+    if (!counts.is_object()) continue;
+    for (const auto& [key, value] : counts.items()) {
+      if (value.is_number()) writer.Add({{"source", NameOf(source)}, {label, key}}, value.get<double>());
+    }
+  }
+}
+
+void AddRelays(Writer& writer, const Json& sources) {
+  constexpr std::pair<const char*, const char*> kCounts[] = {{"messages", "Messages that were relayed."},
+                                                             {"bytes", "Bytes that were relayed."},
+                                                             {"errors", "Messages that could not be relayed."}};
+  for (const auto& [key, help] : kCounts) {
+    writer.Begin(std::string("relay_") + key + "_total", kCounter, help);
+    for (const Json& source : sources) {
+      int number = 0;
+      for (const Json& relay : At(source, "/statistics/relays")) {
+        const Labels labels = {{"source", NameOf(source)},
+                               {"relay", std::to_string(++number)},
+                               {"destination", relay.at("destination").get<std::string>()}};
+        writer.Add(labels, relay.at(key).get<double>());
+      }
+    }
+  }
+}
+
+void AddSensors(Writer& writer, const Json& sources) {
+  writer.Begin("cot_sensors", kGauge, "Sensors of Cursor-on-Target that were discovered.");
+  for (const Json& source : sources) {
+    const Json& sensors = At(source, "/statistics/cot/sensors");
+    if (sensors.is_array()) writer.Add({{"source", NameOf(source)}}, static_cast<double>(sensors.size()));
+  }
+}
+
+void AddProgram(Writer& writer, const MetricsInput& input) {
+  writer.Begin("build_info", kGauge, "The program's version; always 1.");
+  writer.Add({{"version", input.version}}, 1);
+  writer.One("start_time_seconds", kGauge, "When the program was started, in seconds since 1970.", input.startSeconds);
+  writer.One("healthy", kGauge, "Whether nothing is wrong, as /healthz says it.", input.state.troubles.empty() ? 1 : 0);
+  writer.One("queue_messages", kGauge, "Messages that wait for the recorder.",
+             static_cast<double>(input.state.waiting));
+  if (input.state.silentFor) {
+    writer.One("thread_silence_seconds", kGauge, "Time since the last sign of the metadata thread.",
+               *input.state.silentFor);
+  }
+}
+
+void AddPage(Writer& writer, const MetricsInput& input) {
+  const auto count = [&](const char* name, const char* help, uint64_t value) {
+    writer.One(name, kCounter, help, static_cast<double>(value));
+  };
+  count("page_messages_total", "Messages that the page could show.", input.hub.taken);
+  count("page_left_out_total", "Messages that were left out of the page because it was behind.", input.hub.leftOut);
+  writer.One("page_lag_seconds", kGauge, "Time from the newest message's arrival to the page.", input.hub.lag);
+  writer.One("http_connections", kGauge, "Open connections.", static_cast<double>(input.server.connections));
+  writer.One("http_flows", kGauge, "Clients of events and streams.", static_cast<double>(input.server.flows));
+  count("http_accepted_total", "Connections that were accepted.", input.server.accepted);
+  count("http_turned_away_total", "Connections that were turned away because there were too many.",
+        input.server.turnedAway);
+  count("http_requests_total", "Requests that were answered.", input.server.requests);
+  count("http_refused_total", "Requests that were refused.", input.server.refused);
+  count("http_slow_total", "Clients that were closed because they did not read.", input.server.slow);
+}
+
+}  // namespace
+
+std::string MetricsText(const MetricsInput& input) {
+  Writer writer;
+  const Json& sources = input.state.sources;
+  AddProgram(writer, input);
+  AddSources(writer, sources);
+  AddCounts(writer, sources, "checksums_total", "Messages by the state of their checksum.", "state", "/checksum");
+  AddCounts(writer, sources, "capture_total", "Counts of a video input's capture, by kind.", "count", "/capture");
+  AddCounts(writer, sources, "tak_total", "Counts of the front end of a TAK network, by kind.", "count", "/tak");
+  AddRelays(writer, sources);
+  AddSensors(writer, sources);
+  AddPage(writer, input);
+  return writer.Text();
+}
+
+}  // namespace mdencoder::http

@@ -1,0 +1,595 @@
+// SPDX-License-Identifier: Apache-2.0
+// What the paths answer: messages, histories, events, recordings, statistics and files. No test opens a socket or waits for
+// a time.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "http/api.h"
+#include "http/assets.h"
+#include "http/events.h"
+#include "http/history.h"
+#include "http/hub.h"
+#include "http/metrics.h"
+#include "http/recordings.h"
+#include "receiver.h"
+#include "source.h"
+
+namespace mdencoder::http {
+namespace {
+
+using st0601::Builder;
+using st0601::Bytes;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr uint64_t kTime = 1714558830123456;
+
+// A message with a position, a heading and a text.
+Bytes MessageAt(double latitude, const std::string& text = "M1") {
+  return Builder().AddText(3, text).Add(5, 90.0).Add(13, latitude).Add(14, 7.5).Add(15, 1500.0).Finish();
+}
+
+Json ReportOf(const std::string& name, uint64_t messages) {
+  return {{"name", name},
+          {"input", "udp"},
+          {"data", "cot"},
+          {"state", "open"},
+          {"messages", messages},
+          {"bytes", 100},
+          {"last_message_age_s", nullptr},
+          {"checksum", {{"ok", 3}, {"bad", 1}}},
+          {"statistics",
+           {{"rx_bytes", 9},
+            {"bit_rate_kbps", 12},
+            {"cot", {{"sensors", {"S\"1"}}}},
+            {"relays", {{{"destination", "239.1.1.1:5"}, {"messages", 2}, {"bytes", 3}, {"errors", 4}}}}}}};
+}
+
+class HubTest : public testing::Test {
+ protected:
+  void Push(const std::string& name, const Bytes& message, uint64_t timeUs = kTime, uint8_t sequence = 7) {
+    Bytes buffer = {0, sequence, 0xDF, 0, 0};
+    buffer.insert(buffer.end(), message.begin(), message.end());
+    Received received;
+    received.name = name;
+    received.timeUs = timeUs;
+    received.sequence = sequence;
+    received.buffer = buffer;
+    m_hub.Push(received);
+  }
+  void Update(const std::vector<Json>& reports, int seconds = 0) {
+    Snapshot snapshot;
+    snapshot.timeUs = kTime + static_cast<uint64_t>(seconds) * 1000000;
+    snapshot.at = Hub::Clock::time_point(std::chrono::seconds(1000 + seconds));
+    for (const Json& report : reports) snapshot.sources.push_back(report);
+    m_hub.Update(std::move(snapshot));
+  }
+  // Returns all events so far; call it after Stop, which lets the hub's thread come to its end.
+  std::vector<std::shared_ptr<const Event>> Events() {
+    uint64_t next = 1;
+    return m_hub.Wait(next, 10000, Hub::Clock::now()).events;
+  }
+
+  Hub m_hub;
+};
+
+// --- Hub ---------------------------------------------------------------------------------------------
+
+TEST_F(HubTest, KeepsTheLastMessageOfEachSource) {
+  Push("a", MessageAt(1));
+  Push("a", MessageAt(2), kTime + 1, 8);
+  Push("b", MessageAt(3));
+  m_hub.Stop();
+  const auto last = m_hub.Last("a");
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(last->bytes, MessageAt(2));
+  EXPECT_EQ(last->sequence, 8);
+  EXPECT_EQ(m_hub.Last("b")->timeUs, kTime);
+  EXPECT_EQ(m_hub.Last("c"), nullptr);
+  EXPECT_EQ(m_hub.Totals().taken, 3U);
+  EXPECT_EQ(m_hub.Totals().leftOut, 0U);
+}
+
+TEST_F(HubTest, NumbersItsEventsAndHoldsTheNewest) {
+  for (size_t i = 0; i < Hub::kMostEvents + 10; ++i) Update({});
+  m_hub.Stop();
+  EXPECT_EQ(m_hub.NextId(), Hub::kMostEvents + 11);
+  EXPECT_EQ(m_hub.OldestId(), 11U);
+  uint64_t next = 3;
+  const auto batch = m_hub.Wait(next, 5, Hub::Clock::now());
+  EXPECT_TRUE(batch.hasMissed);
+  ASSERT_EQ(batch.events.size(), 5U);
+  EXPECT_EQ(batch.events[0]->id, 11U);
+  EXPECT_EQ(next, 16U);
+  next = m_hub.NextId();
+  EXPECT_TRUE(m_hub.Wait(next, 5, Hub::Clock::now()).isOver);
+}
+
+TEST_F(HubTest, HoldsFewerEventsOfLargeMessages) {
+  const Bytes large(size_t{256} << 10, 0);
+  for (int i = 0; i < 14; ++i) Push("a", large);
+  m_hub.Stop();
+  EXPECT_LE((m_hub.NextId() - m_hub.OldestId()) * 8 * large.size(), Hub::kMostEventBytes + 16 * large.size());
+}
+
+TEST_F(HubTest, LeavesOutWhatDoesNotFit) {
+  const Bytes tooLarge(Hub::kMostWaitingBytes + 1, 0);
+  Push("a", tooLarge);
+  m_hub.Stop();
+  EXPECT_EQ(m_hub.Totals().leftOut, 1U);
+  EXPECT_EQ(m_hub.Totals().taken, 0U);
+}
+
+TEST_F(HubTest, MeasuresTheRateAcrossSnapshots) {
+  Update({ReportOf("a", 10)});
+  EXPECT_EQ(m_hub.State()->sources[0].at("rate_per_s"), 0);
+  Update({ReportOf("a", 30)}, 2);
+  EXPECT_EQ(m_hub.State()->sources[0].at("rate_per_s"), 10);
+  for (int second = 3; second <= 20; ++second) Update({ReportOf("a", 30)}, second);
+  EXPECT_EQ(m_hub.State()->sources[0].at("rate_per_s"), 0);
+  Update({ReportOf("a", 5)}, 21);
+  EXPECT_EQ(m_hub.State()->sources[0].at("rate_per_s"), 0) << "the counts were reset";
+}
+
+TEST_F(HubTest, TellsOfASensorOnce) {
+  Update({ReportOf("a", 1)});
+  Update({ReportOf("a", 1)}, 1);
+  m_hub.Stop();
+  int sensors = 0;
+  for (const auto& event : Events()) {
+    if (event->kind != EventKind::Sensor) continue;
+    ++sensors;
+    EXPECT_EQ(Json::parse(event->line).at("uid"), "S\"1");
+  }
+  EXPECT_EQ(sensors, 1);
+}
+
+TEST_F(HubTest, KeepsTheNewestLinesOfTheLog) {
+  for (size_t i = 0; i < 3; ++i) m_hub.Log(Priority::Warning, "MODULE", "line " + std::to_string(i));
+  m_hub.Log(Priority::Critical, "", std::string(Hub::kLongestLogLine + 100, 'x'));
+  m_hub.Stop();
+  const auto lines = m_hub.Lines(0);
+  ASSERT_EQ(lines.size(), 4U);
+  EXPECT_EQ(lines[0].text, "line 0");
+  EXPECT_STREQ(lines[0].level, "warning");
+  EXPECT_STREQ(lines[3].level, "error");
+  EXPECT_EQ(lines[3].text.size(), Hub::kLongestLogLine);
+  EXPECT_EQ(m_hub.Lines(lines[1].id).size(), 2U);
+}
+
+TEST_F(HubTest, ShowsHostileTextsAsText) {
+  m_hub.Log(Priority::Notice, "", "<b>\x01\r\n\xFF\"");
+  m_hub.Stop();
+  const std::string line = Events().at(0)->line;
+  EXPECT_THAT(line, HasSubstr("<b>\\u0001\\r\\n\xEF\xBF\xBD\\\""));
+  EXPECT_EQ(line.find('\n'), std::string::npos);
+}
+
+// --- History -----------------------------------------------------------------------------------------
+
+TEST(History, KeepsAPointForEachInterval) {
+  History history;
+  const Bytes bytes = MessageAt(10);
+  const auto message = st0601::Parse(bytes);
+  const uint64_t start = kTime / History::kInterval * History::kInterval;
+  for (uint64_t i = 0; i < 10; ++i) history.Add(start + i * History::kInterval / 5, message);
+  const auto points = history.Series(13, 0, 100);
+  ASSERT_EQ(points.size(), 2U);
+  EXPECT_NEAR(points[0].value, 10, 1e-6);
+  EXPECT_EQ(points[1].timeUs, start + History::kInterval);
+  EXPECT_TRUE(history.Series(16, 0, 100).empty());
+  EXPECT_TRUE(history.Series(3, 0, 100).empty()) << "a text";
+  const auto track = history.Track(start + 1, 100);
+  ASSERT_EQ(track.size(), 1U);
+  EXPECT_NEAR(*track[0].altitude, 1500, 1);
+  EXPECT_NEAR(*track[0].heading, 90, 0.01);
+}
+
+TEST(History, ForgetsAndThins) {
+  History history;
+  const Bytes bytes = MessageAt(10);
+  const auto message = st0601::Parse(bytes);
+  for (uint64_t i = 0; i < 2 * History::kPoints; ++i) history.Add(kTime + i * History::kInterval, message);
+  EXPECT_LE(history.Points(), History::kPoints);
+  EXPECT_GE(history.Points(), History::kPoints - 1);
+  const auto few = history.Series(13, 0, 10);
+  ASSERT_EQ(few.size(), 10U);
+  EXPECT_EQ(few.back().timeUs, kTime + (2 * History::kPoints - 1) * History::kInterval) << "the newest one is there";
+  history.Add(kTime - 1, message);
+  EXPECT_EQ(history.Points(), 1U) << "the clock was set back";
+}
+
+// --- Events ------------------------------------------------------------------------------------------
+
+class EventsTest : public HubTest {
+ protected:
+  // Returns everything that a client gets of the events so far.
+  std::string Read(EventWishes wishes, std::string* line = nullptr) {
+    m_hub.Stop();
+    EventFlow flow(m_hub, std::move(wishes), "run1", [line](const std::string& said) {
+      if (line != nullptr) *line = said;
+    });
+    std::string all;
+    std::string piece;
+    while (flow.Next(piece)) all += piece;
+    return all + piece;
+  }
+  static EventWishes FromTheFirst() {
+    EventWishes wishes;
+    wishes.lastId = 0;
+    return wishes;
+  }
+};
+
+TEST_F(EventsTest, GreetAndEnd) {
+  EXPECT_THAT(Read({}),
+              testing::MatchesRegex("retry: 1000\nevent: hello\ndata: \\{\"run\":\"run1\",.*\"missed\":false\\}\n\n"
+                                    "event: bye\ndata: \\{\"reason\":\"the program ends\"\\}\n\n"));
+}
+
+TEST_F(EventsTest, AreChosenBySourceAndKind) {
+  Push("a", MessageAt(1));
+  Push("b", MessageAt(2));
+  m_hub.Log(Priority::Notice, "", "said");
+  EventWishes wishes = FromTheFirst();
+  wishes.sources = {"b"};
+  wishes.kinds = {true, false, false, false};
+  const std::string text = Read(std::move(wishes));
+  EXPECT_THAT(text, HasSubstr("event: message\nid: "));
+  EXPECT_THAT(text, HasSubstr("\"source\":\"b\""));
+  EXPECT_THAT(text, Not(HasSubstr("\"source\":\"a\"")));
+  EXPECT_THAT(text, Not(HasSubstr("event: log")));
+}
+
+TEST_F(EventsTest, HaveItemsAsTheyAreWished) {
+  Push("a", MessageAt(1));
+  EventWishes wishes = FromTheFirst();
+  EXPECT_THAT(Read(wishes), HasSubstr("\"items\":{\"3\":\"M1\",\"5\":90.0"));
+  wishes.items = ItemForm::Full;
+  EXPECT_THAT(Read(wishes),
+              HasSubstr("\"items\":[{\"tag\":3,\"name\":\"Mission ID\",\"key\":\"mission_id\",\"value\":\"M1\"}"));
+  wishes.items = ItemForm::None;
+  const std::string none = Read(wishes);
+  EXPECT_THAT(none, Not(HasSubstr("\"items\"")));
+  EXPECT_THAT(none, HasSubstr("\"seen\":{\"platform\":{\"latitude\":"));
+}
+
+TEST_F(EventsTest, GoOnBehindTheLastOneThatWasSeen) {
+  for (int i = 0; i < 3; ++i) m_hub.Log(Priority::Notice, "", "line " + std::to_string(i));
+  EventWishes wishes;
+  wishes.lastId = 2;
+  const std::string text = Read(wishes);
+  EXPECT_THAT(text, HasSubstr("\"missed\":false"));
+  EXPECT_THAT(text, Not(HasSubstr("line 1")));
+  EXPECT_THAT(text, HasSubstr("line 2"));
+  wishes.lastId = 99;
+  EXPECT_THAT(Read(wishes), HasSubstr("\"missed\":true")) << "of another run";
+}
+
+TEST_F(EventsTest, SayThatSomeWereMissed) {
+  for (size_t i = 0; i < Hub::kMostEvents + 10; ++i) Update({});
+  EventWishes wishes;
+  wishes.lastId = 3;
+  EXPECT_THAT(Read(wishes), HasSubstr("\"missed\":true"));
+}
+
+TEST_F(EventsTest, CloseAClientThatFallsBehind) {
+  EventWishes wishes;
+  std::string said;
+  EventFlow flow(m_hub, wishes, "run1", [&said](const std::string& line) { said = line; });
+  std::string piece;
+  EXPECT_TRUE(flow.Next(piece));
+  for (size_t i = 0; i < Hub::kMostEvents + 10; ++i) Update({});
+  EXPECT_TRUE(flow.Next(piece));
+  EXPECT_THAT(piece, HasSubstr("too slow"));
+  EXPECT_THAT(said, HasSubstr("too slowly"));
+  EXPECT_FALSE(flow.Next(piece));
+}
+
+TEST_F(EventsTest, AreThinnedToTheRateWithTheNewestAtTheEnd) {
+  for (int i = 0; i < 50; ++i) Push("a", MessageAt(i, "M" + std::to_string(i)));
+  EventWishes wishes = FromTheFirst();
+  wishes.rate = 0.001;
+  const std::string text = Read(std::move(wishes));
+  size_t messages = 0;
+  for (size_t at = text.find("event: message"); at != std::string::npos; at = text.find("event: message", at + 1))
+    ++messages;
+  EXPECT_EQ(messages, 1U) << "the next one would be due in a thousand seconds";
+}
+
+// --- Recordings --------------------------------------------------------------------------------------
+
+class RecordingsTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    char name[] = "/tmp/recordings_XXXXXX";
+    m_folder = mkdtemp(name);
+  }
+  void TearDown() override { std::filesystem::remove_all(m_folder); }
+  void Write(const std::string& name, const std::string& text) const { std::ofstream(m_folder + "/" + name) << text; }
+  // Writes messages a second apart, and returns their number.
+  void Record(const std::string& name, int count, bool withHeaders = false) const {
+    std::string file;
+    std::string index = R"({"type":"recording index","version":1,"recording":"x","source":"a","stream_header":)" +
+                        std::string(withHeaders ? "true" : "false") + "}\n";
+    for (int i = 0; i < count; ++i) {
+      const Bytes message = MessageAt(i % 90, "number " + std::to_string(i));
+      const std::string header = withHeaders ? std::string("\0\x09\xDF\0\0", 5) : "";
+      index += "{\"offset\":" + std::to_string(file.size()) +
+               ",\"length\":" + std::to_string(header.size() + message.size()) +
+               ",\"time\":" + std::to_string(kTime + static_cast<uint64_t>(i) * 1000000) + "}\n";
+      file += header + std::string(message.begin(), message.end());
+    }
+    Write(name, file);
+    Write(name + ".json", index);
+  }
+  static std::string Mission(const Json& message) { return message.at("items")[0].at("value").get<std::string>(); }
+
+  std::string m_folder;
+};
+
+TEST_F(RecordingsTest, AreListedWithTheirTimes) {
+  Record("a.klv", 10);
+  Record("empty.klv", 0);
+  Write("c.klv", "no index");
+  Write("d.klv.json", "{}\n");
+  Write("d.klv", "a bad index");
+  std::filesystem::create_symlink("a.klv", m_folder + "/link.klv");
+  std::filesystem::create_symlink("a.klv.json", m_folder + "/link.klv.json");
+  const Json list = Recordings({m_folder, m_folder + "/absent"}).List().at("recordings");
+  ASSERT_EQ(list.size(), 1U) << list;
+  EXPECT_EQ(list[0].at("name"), "a.klv");
+  EXPECT_EQ(list[0].at("source"), "a");
+  EXPECT_EQ(list[0].at("from_us"), kTime);
+  EXPECT_EQ(list[0].at("to_us"), kTime + 9000000);
+  EXPECT_EQ(list[0].at("bytes"), std::filesystem::file_size(m_folder + "/a.klv"));
+}
+
+TEST_F(RecordingsTest, GiveTheMessageOfATime) {
+  Record("a.klv", 1000);
+  const Recordings recordings({m_folder});
+  const auto at = [&](int64_t offset) {
+    return Mission(recordings.Message("a.klv", static_cast<int64_t>(kTime) + offset, std::nullopt, false));
+  };
+  EXPECT_EQ(at(-5), "number 0");
+  EXPECT_EQ(at(0), "number 0");
+  EXPECT_EQ(at(999999), "number 0");
+  for (int i = 1; i < 1000; i += 7) EXPECT_EQ(at(int64_t{i} * 1000000), "number " + std::to_string(i));
+  EXPECT_EQ(at(int64_t{1} << 50), "number 999");
+}
+
+TEST_F(RecordingsTest, GiveTheNextAndThePreviousMessage) {
+  Record("a.klv", 3, true);
+  const Recordings recordings({m_folder});
+  Json message = recordings.Message("a.klv", 0, std::nullopt, true);
+  EXPECT_TRUE(message.at("previous").is_null());
+  EXPECT_EQ(message.at("sequence"), 9);
+  EXPECT_THAT(message.at("raw").get<std::string>(), StartsWith("060E2B34"));
+  message = recordings.Message("a.klv", std::nullopt, message.at("next").get<int64_t>(), false);
+  EXPECT_EQ(Mission(message), "number 1");
+  EXPECT_EQ(Mission(recordings.Message("a.klv", std::nullopt, message.at("previous").get<int64_t>(), false)),
+            "number 0");
+  message = recordings.Message("a.klv", std::nullopt, message.at("next").get<int64_t>(), false);
+  EXPECT_EQ(Mission(message), "number 2");
+  EXPECT_TRUE(message.at("next").is_null());
+}
+
+TEST_F(RecordingsTest, GivePointsThatAreThinned) {
+  Record("a.klv", 1000);
+  const Recordings recordings({m_folder});
+  const Json all = recordings.Points("a.klv", {}, {}, 2000);
+  EXPECT_EQ(all.at("points").size(), 1000U);
+  const Json few = recordings.Points("a.klv", {}, {}, 11).at("points");
+  ASSERT_EQ(few.size(), 11U);
+  EXPECT_EQ(few.front().at("time_us"), kTime);
+  EXPECT_EQ(few.back().at("time_us"), kTime + 999000000);
+  const auto time = static_cast<int64_t>(kTime);
+  const Json part = recordings.Points("a.klv", time + 500000, time + 4500000, 100).at("points");
+  ASSERT_EQ(part.size(), 4U);
+  EXPECT_EQ(part.front().at("time_us"), kTime + 1000000);
+  EXPECT_NEAR(part.front().at("seen").at("platform").at("latitude").get<double>(), 1, 1e-6);
+  EXPECT_TRUE(recordings.Points("a.klv", time + int64_t{2000000000}, {}, 5).at("points").empty());
+}
+
+TEST_F(RecordingsTest, RefuseWhatIsNotThere) {
+  Record("a.klv", 3);
+  const Recordings recordings({m_folder});
+  for (const char* const name : {"", "b.klv", "../a.klv", "a.klv.json", "/etc/passwd", "a.klv/"}) {
+    EXPECT_THROW(recordings.Points(name, {}, {}, 5), Refusal) << name;
+  }
+  EXPECT_THROW(recordings.Message("a.klv", std::nullopt, 1 << 20, false), Refusal);
+}
+
+TEST_F(RecordingsTest, SurviveAnIndexThatDoesNotFit) {
+  Record("a.klv", 3);
+  std::ofstream(m_folder + "/a.klv.json", std::ios::app)
+      << "garbage\n{\"offset\":999999,\"length\":50,\"time\":1714558999000000}\n{\"offset\":0,\"length\":99999999999,\"time\":1714559000000000}\n"
+      << std::string(5000, 'x') << "\n{\"offset\":1";
+  const Recordings recordings({m_folder});
+  EXPECT_EQ(recordings.Points("a.klv", {}, {}, 100).at("points").size(), 3U);
+  EXPECT_THROW(recordings.Message("a.klv", 1714559000000000, std::nullopt, false), Refusal);
+  EXPECT_EQ(Mission(recordings.Message("a.klv", static_cast<int64_t>(kTime) + 2000000, std::nullopt, false)),
+            "number 2");
+}
+
+// --- Metrics -----------------------------------------------------------------------------------------
+
+TEST_F(HubTest, MetricsHaveEveryCountOnce) {
+  Update({ReportOf("a", 5), ReportOf("b\\\"\n", 6)});
+  const auto state = m_hub.State();
+  const std::string text = MetricsText({*state, m_hub.Totals(), {}, "1.0", 12.5});
+  EXPECT_THAT(text, HasSubstr("# HELP metadata_messages_total Messages that the library delivered.\n"
+                              "# TYPE metadata_messages_total counter\n"
+                              "metadata_messages_total{source=\"a\"} 5\n"
+                              "metadata_messages_total{source=\"b\\\\\\\"\\n\"} 6\n"));
+  EXPECT_THAT(text, HasSubstr("metadata_bit_rate_bits_per_second{source=\"a\"} 12000\n"));
+  EXPECT_THAT(text, HasSubstr("metadata_checksums_total{source=\"a\",state=\"bad\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("metadata_relay_errors_total{source=\"a\",relay=\"1\",destination=\"239.1.1.1:5\"} 4\n"));
+  EXPECT_THAT(text, HasSubstr("metadata_cot_sensors{source=\"a\"} 1\n"));
+  EXPECT_THAT(text, HasSubstr("metadata_start_time_seconds 12.5\n"));
+  EXPECT_THAT(text, Not(HasSubstr("metadata_kernel_drops_total"))) << "nothing stands without a value";
+}
+
+// --- Assets ------------------------------------------------------------------------------------------
+
+TEST(Assets, AreServedFromTheTableOnly) {
+  const std::string page(5000, 'x');
+  const auto* const begin = reinterpret_cast<const unsigned char*>(page.data());
+  const BundledFile files[] = {{"/index.html", begin, begin + page.size()}, {"/a/b.js", begin, begin + 1}};
+  const Assets assets(files);
+  Request request;
+  Answer answer = assets.Get("/", request);
+  EXPECT_EQ(answer.type, "text/html; charset=utf-8");
+  EXPECT_EQ(answer.body, page);
+  const auto tag = answer.fields.at(0);
+  EXPECT_EQ(tag.first, "ETag");
+  request.acceptsGzip = true;
+  answer = assets.Get("/index.html", request);
+  EXPECT_LT(answer.body.size(), 100U);
+  EXPECT_EQ(answer.fields.back(), std::make_pair(std::string("Content-Encoding"), std::string("gzip")));
+  request.knownTag = tag.second;
+  answer = assets.Get("/", request);
+  EXPECT_EQ(answer.status, 304);
+  EXPECT_EQ(answer.body, "");
+  EXPECT_EQ(assets.Get("/a/b.js", {}).type, "text/javascript; charset=utf-8");
+  EXPECT_EQ(assets.Get("/a/b.js", {}).body, "x");
+  for (const char* const path : {"", "/a", "/a/", "/a/b.js/", "/../index.html", "//index.html", "/A/B.JS"}) {
+    EXPECT_THROW(assets.Get(path, {}), Refusal) << path;
+  }
+}
+
+TEST(Assets, OfTheProgramAreThere) {
+  const Assets assets;
+  EXPECT_THAT(assets.Get("/", {}).body, StartsWith("<!DOCTYPE html>"));
+  EXPECT_EQ(Json::parse(assets.Get("/api/v1/openapi.json", {}).body).at("openapi"), "3.0.3");
+}
+
+// --- Paths -------------------------------------------------------------------------------------------
+
+class ApiTest : public HubTest {
+ protected:
+  ApiTest() {
+    m_ring->SetInit({1, 2, 3});
+    m_settings.streams.list = [] { return Json::array({{{"name", "flight"}}}); };
+    m_settings.streams.ring = [this](const std::string& name) { return name == "flight" ? m_ring : nullptr; };
+    m_settings.version = "1.0";
+    Update({ReportOf("a", 5)});
+  }
+  Json Ask(const std::string& path, const Parameters& query = {}) {
+    const Api api(m_settings, m_hub, m_assets);
+    Request request;
+    request.path = path;
+    request.query = query;
+    return Json::parse(api.Handle(request, {}).body);
+  }
+  int StatusOf(const std::string& path, const Parameters& query = {}) {
+    const Api api(m_settings, m_hub, m_assets);
+    Request request;
+    request.path = path;
+    request.query = query;
+    try {
+      return api.Handle(request, {}).status;
+    } catch (const Refusal& refusal) {
+      return refusal.status;
+    }
+  }
+
+  std::shared_ptr<FragmentRing> m_ring = std::make_shared<FragmentRing>();
+  ApiSettings m_settings;
+  const Assets m_assets;
+};
+
+TEST_F(ApiTest, TellsOfTheProgramAndItsSources) {
+  EXPECT_EQ(Ask("/api/v1/info").at("sources"), Json::array({"a"}));
+  EXPECT_EQ(Ask("/api/v1/info").at("streams"), Json::array({"flight"}));
+  EXPECT_EQ(Ask("/api/v1/sources").at("sources")[0].at("messages"), 5);
+  EXPECT_EQ(Ask("/api/v1/sources/a").at("name"), "a");
+  EXPECT_GT(Ask("/api/v1/items").at("items").size(), 140U);
+}
+
+TEST_F(ApiTest, TellsOfMessages) {
+  EXPECT_EQ(StatusOf("/api/v1/sources/a/last"), 404);
+  const uint64_t now = static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+          .count());
+  Push("a", MessageAt(12), now);
+  m_hub.Stop();
+  EXPECT_EQ(Ask("/api/v1/sources/a/last").at("items")[0].at("value"), "M1");
+  EXPECT_FALSE(Ask("/api/v1/sources/a/last").contains("raw"));
+  EXPECT_EQ(Ask("/api/v1/sources/a/last", {{"raw", "1"}}).at("items")[0].at("raw"), "4D31");
+  const Json history = Ask("/api/v1/sources/a/history", {{"item", "13,sensor_lon"}, {"item", "21"}});
+  EXPECT_NEAR(history.at("series")[0].at("points")[0][1].get<double>(), 12, 1e-6);
+  EXPECT_EQ(history.at("series")[1].at("tag"), 14);
+  EXPECT_TRUE(history.at("series")[2].at("points").empty());
+  EXPECT_NEAR(Ask("/api/v1/sources/a/track").at("points")[0][1].get<double>(), 12, 1e-6);
+}
+
+TEST_F(ApiTest, RefusesWhatItDoesNotKnow) {
+  for (const char* const path :
+       {"/api/v1/", "/api/v1/x", "/api/v1/info/", "/api/v1/info/x", "/api/v1/sources/b", "/api/v1/sources/a/x",
+        "/api/v1/sources/a/last/x", "/api/v2/info", "/x", "", "/api/v1/recordings/x", "/stream/x.mp4", "/stream/flight",
+        "/stream/", "/api/v1/recordings/x/y"}) {
+    EXPECT_EQ(StatusOf(path), 404) << path;
+  }
+  const std::vector<std::pair<std::string, Parameters>> bad = {
+      {"/api/v1/info", {{"x", "1"}}},
+      {"/api/v1/sources/a/last", {{"raw", "2"}}},
+      {"/api/v1/sources/a/history", {}},
+      {"/api/v1/sources/a/history", {{"item", "x"}}},
+      {"/api/v1/sources/a/history", {{"item", "99999"}}},
+      {"/api/v1/sources/a/history", {{"item", "13"}, {"seconds", "601"}}},
+      {"/api/v1/events", {{"kind", "x"}}},
+      {"/api/v1/events", {{"rate", "-1"}}},
+      {"/api/v1/log", {{"level", "x"}}},
+      {"/api/v1/recordings/x/message", {}}};
+  for (const auto& [path, query] : bad) EXPECT_EQ(StatusOf(path, query), 400) << path;
+  EXPECT_EQ(StatusOf("/api/v1/events", {{"source", "b"}}), 404);
+}
+
+TEST_F(ApiTest, StreamsMoviesUntilTheyEnd) {
+  const Api api(m_settings, m_hub, m_assets);
+  Request request;
+  request.path = "/stream/flight.mp4";
+  const Answer answer = api.Handle(request, {});
+  EXPECT_EQ(answer.type, "video/mp4");
+  m_ring->Push({{7}, 0, true});
+  m_ring->Close();
+  std::string piece;
+  EXPECT_TRUE(answer.flow->Next(piece));
+  EXPECT_EQ(piece, "\x01\x02\x03");
+  EXPECT_TRUE(answer.flow->Next(piece));
+  EXPECT_EQ(piece, "\x07");
+  EXPECT_FALSE(answer.flow->Next(piece));
+}
+
+TEST_F(ApiTest, SaysWhatIsWrong) {
+  Snapshot snapshot;
+  snapshot.at = Hub::Clock::now();
+  m_hub.Update(snapshot);
+  EXPECT_EQ(StatusOf("/healthz"), 200);
+  snapshot.troubles = {"a trouble"};
+  m_hub.Update(snapshot);
+  EXPECT_EQ(StatusOf("/healthz"), 503);
+  EXPECT_EQ(Ask("/healthz").at("reasons"), Json::array({"a trouble"}));
+  snapshot.troubles.clear();
+  snapshot.at = Hub::Clock::now() - std::chrono::seconds(20);
+  m_hub.Update(snapshot);
+  EXPECT_THAT(Ask("/healthz").at("reasons")[0].get<std::string>(), StartsWith("the program has not answered for 2"));
+}
+
+}  // namespace
+}  // namespace mdencoder::http
