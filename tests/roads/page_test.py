@@ -1,0 +1,381 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""The page in Chromium: what it shows is what the program answers, whatever comes from the network."""
+import gzip
+import json
+import pathlib
+import re
+import urllib.parse
+import urllib.request
+
+import harness
+from browser import Browser
+from harness import EndToEndTest, send
+from selenium.webdriver.common.keys import Keys
+
+PORT = 8080
+ADDRESS = f"http://127.0.0.1:{PORT}"
+CONFIG = f"""[encoder]
+http = 127.0.0.1:{PORT}
+
+[aircraft]
+input = udp
+port = 15000
+family = ipv4
+relay1 = 127.0.0.1:15999
+
+[second]
+input = udp
+port = 15001
+family = ipv4
+"""
+HOSTILE = ("<img src=x onerror=\"document.title='caught'\">", "\u202eevil\u202c", "</td></table><script>document.title='caught'</script>",
+           "&lt;b&gt;", "x" * 1200)  # the last one is nearly as long as a datagram may be
+
+
+def api(path):
+    with urllib.request.urlopen(f"{ADDRESS}/api/v1/{path}", timeout=10 * harness.SLOW) as answer:
+        return json.load(answer)
+
+
+def number(text):
+    """The first number of a text of the page."""
+    return float(re.search(r"[-−]?[\d.,]*\d", text)[0].replace("−", "-").replace(",", ""))
+
+
+def is_shown(value, text):
+    """Whether a cell shows this value of an item."""
+    if isinstance(value, (int, float)):
+        return abs(number(text) - value) <= 0.0005 * max(1.0, abs(value) / 1000)
+    return str(value) in text
+
+
+class Page(EndToEndTest):
+    @classmethod
+    def setUpClass(cls):
+        cls.browser = Browser()
+        cls.addClassCleanup(cls.browser.close)
+
+    def setUp(self):
+        super().setUp()
+        self.browser.resize(1440, 900)
+        self.browser.prefer(color_scheme="light")
+
+    def start_page(self, config=CONFIG, path="/"):
+        self.encoder(config, (15000, 15001))
+        self.wait_for(self.answers, "the page's address")
+        self.browser.open("about:blank")
+        self.browser.complaints()
+        self.browser.requests()
+        self.browser.open(ADDRESS + path)
+        self.wait_for(lambda: self.browser.text("#connection") == "Connected", "the page's connection")
+
+    def answers(self):
+        try:
+            return api("info")["program"] == "mdencoder"
+        except OSError:
+            return False
+
+    def fly(self, count=20, port=15000, *more):
+        self.feed("klv", "--simulate", "--count", count, "--rate", 20, "--udp", f"127.0.0.1:{port}", *more)
+
+    def show(self, name):
+        """Chooses a source by its chip."""
+        self.assertTrue(self.browser.run(
+            "const label = [...document.querySelectorAll('.chip')].find((chip) => chip.innerText.includes(given[0]));"
+            "label?.click(); return label !== undefined;", name))
+        self.wait_for(lambda: self.browser.text("#detail-name") == name, f"the values of {name}")
+
+    def items(self):
+        """Returns the text of each item by its tag, without the elements of sets."""
+        return {row[0]: row[2] for row in self.browser.rows("#items", ":not(.element)") if row[0].isdigit()}
+
+    def wait_for_message(self, message):
+        """Waits until the items are those of this message, by its time stamp."""
+        time = next(item["text"] for item in message["items"] if item["tag"] == 2)[:23].replace("T", " ")
+        self.wait_for(lambda: self.items().get("2") == time, f"the message of {time}")
+
+    def map_picture(self):
+        return self.browser.run("return [...document.querySelectorAll('.leaflet-overlay-pane .canvas-layer')]"
+                                ".map((canvas) => canvas.toDataURL()).join();")
+
+    def check_calm(self):
+        """No complaint in the console, and no request to anybody else."""
+        self.assertEqual(self.browser.complaints(), [])
+        addresses = [address for address in self.browser.requests() if not address.startswith(("blob:" + ADDRESS, "data:"))]
+        self.assertEqual([address for address in addresses if not address.startswith(ADDRESS + "/")], [])
+
+
+class Flight(Page):
+    def test_the_flight_moves_and_agrees_with_the_answers(self):
+        self.start_page()
+        self.fly()
+        self.wait_for(lambda: "13" in self.items(), "the items of the first messages")
+        before = (self.items()["13"], self.map_picture())
+        self.fly(30, 15000, "--start", "2024-05-01T12:10:00.00Z")
+        self.settle("aircraft", 50)
+        last = api("sources/aircraft/last?raw=1")
+        self.wait_for_message(last)
+        self.assertNotEqual(self.items()["13"], before[0])
+        self.wait_for(lambda: self.map_picture() != before[1], "another picture of the map")
+        self.check_items(last)
+        self.check_sources()
+        self.check_calm()
+
+    def check_items(self, last):
+        shown = self.items()
+        for item in last["items"]:
+            tag, value = str(item["tag"]), item.get("value")
+            self.assertIn(tag, shown)
+            if isinstance(value, list):
+                continue
+            wanted = item["text"] if isinstance(item.get("text"), str) else value
+            if re.match(r"\d{4}-\d\d-\d\dT", str(wanted)):
+                wanted = wanted[:23].replace("T", " ")
+            if wanted is not None:
+                self.assertTrue(is_shown(wanted, shown[tag]), f"item {tag}: {wanted} shown as {shown[tag]}")
+
+    def check_sources(self):
+        self.wait_for(lambda: api("sources/aircraft")["messages"] == 50, "the program's count of messages")
+        wanted = {source["name"]: source for source in api("sources")["sources"]}
+
+        def rows():
+            return {re.split(r"\s", row[0].strip())[0]: row for row in self.browser.rows("#sources")}
+        self.wait_for(lambda: number(rows()["aircraft"][3]) == 50, "the count of messages")
+        self.assertEqual(set(rows()), set(wanted))
+        self.assertIn("no message yet", rows()["second"][1])
+        self.assertIn("127.0.0.1:15999", rows()["aircraft"][8])
+
+    def test_raw_bytes_are_shown_on_demand(self):
+        self.start_page()
+        self.fly(5)
+        self.wait_for(lambda: "13" in self.items(), "the items")
+        self.assertNotIn("06 0E 2B 34", self.browser.text("#items"))
+        self.browser.click("#raw")
+        self.wait_for(lambda: "06 0E 2B 34 02 0B 01 01" in self.browser.text("#items"), "the bytes of the message")
+        self.assertNotIn("failed", str(self.browser.run("document.querySelector('#item-filter').value = 'latitude';"
+                                                        "document.querySelector('#item-filter').dispatchEvent(new Event('input'));")))
+        self.wait_for(lambda: set(self.items()) >= {"13", "23"} and "5" not in self.items(), "the items that were looked for")
+
+    def test_plots_have_what_came_before_the_page(self):
+        self.encoder(CONFIG, (15000, 15001))
+        self.wait_for(self.answers, "the page's address")
+        self.fly(20)
+        self.settle("aircraft", 20)
+        self.browser.open(ADDRESS)
+        self.wait_for(lambda: "13" in self.items(), "the items of a message that came before")
+        self.browser.click("#tab-plots")
+        wanted = api("sources/aircraft/history?item=15&seconds=600")["series"][0]["points"][-1][1]
+        self.wait_for(lambda: re.search(r"\d", self.browser.text(".plot-value") or ""), "a plot")
+        self.assertTrue(is_shown(wanted, self.browser.text(".plot-value")), (wanted, self.browser.text(".plot-value")))
+        self.browser.click("#tab-sources")
+
+
+class Trouble(Page):
+    def test_a_restart_of_the_program_is_survived(self):
+        self.start_page()
+        self.fly(10)
+        self.wait_for(lambda: "13" in self.items(), "the items")
+        self.stop()
+        self.encoder_process = None
+        self.wait_for(lambda: "Connection lost" in (self.browser.text("#notice") or ""), "the notice")
+        self.assertEqual(self.browser.text("#connection"), "Connection lost")
+        self.browser.complaints()  # the console tells each attempt
+        self.encoder(CONFIG, (15000, 15001))
+        self.wait_for(lambda: self.browser.text("#connection") == "Connected", "another connection", 40)
+        self.assertIsNone(self.browser.text("#notice"))
+        self.browser.complaints()
+        self.fly(7, 15000, "--start", "2024-05-01T12:20:00.00Z")
+        self.settle("aircraft", 7)
+        last = api("sources/aircraft/last")
+        self.wait_for_message(last)
+        self.check_calm()
+
+    def test_hostile_texts_are_shown_as_text(self):
+        self.start_page()
+        title = self.browser.run("return document.title;")
+        scripts = self.browser.run("return document.scripts.length;")
+        for text in HOSTILE:
+            wanted = "".join(c if c < "\x7f" else "".join(f"\\x{byte:02X}" for byte in c.encode()) for c in text)[:200]
+            send(15000, self.long_message(text.encode()))
+            self.wait_for(lambda: self.items().get("10", "").startswith(wanted), f"the text {wanted[:30]}")
+        self.assertEqual(self.browser.run("return document.title;"), title)
+        self.assertEqual(self.browser.run("return document.querySelectorAll('#items img, #items script, #items b').length;"), 0)
+        self.assertEqual(self.browser.run("return document.scripts.length;"), scripts)
+        self.assertTrue(self.browser.run("return document.documentElement.scrollWidth <= innerWidth;"))
+        self.check_calm()
+
+    @staticmethod
+    def long_message(text):
+        """A UAS Local Set whose item 10 is this text."""
+        size = bytes([len(text)]) if len(text) < 128 else b"\x82" + len(text).to_bytes(2, "big")
+        body = b"\x02\x08" + (1700000000000000).to_bytes(8, "big") + b"\x0a" + size + text + b"\x01\x02"
+        start = harness.KEY + b"\x82" + (len(body) + 2).to_bytes(2, "big") + body
+        return start + harness.checksum(start).to_bytes(2, "big")
+
+    def test_a_page_without_sources_and_messages_says_so(self):
+        self.start_page()
+        self.assertEqual(self.browser.text("#items-empty"), "No message received yet.")
+        self.assertEqual(self.browser.text("#map-empty"), "No position received yet.")
+        self.check_calm()
+
+
+class Everybody(Page):
+    def faults(self):
+        """What axe-core says about the page, without what it calls minor."""
+        axe = gzip.decompress((pathlib.Path(harness.options.source) / "tests/data/axe.min.js.gz").read_bytes()).decode()
+        self.browser.driver.execute_script(axe)
+        result = self.browser.run("const { violations } = await axe.run(document, { resultTypes: ['violations'] });"
+                                  "return violations.map(({ id, impact, nodes }) => ({ id, impact, nodes: nodes.map("
+                                  "(node) => `${node.html.slice(0, 160)} ${node.failureSummary}`) }));")
+        self.assertNotIn("failed", result)
+        return [fault for fault in result if fault["impact"] in ("serious", "critical", "moderate")]
+
+    def test_axe_finds_no_fault_in_light_and_dark(self):
+        self.start_page()
+        self.fly(10)
+        self.wait_for(lambda: "13" in self.items(), "the items")
+        for scheme in ("light", "dark"):
+            self.browser.prefer(color_scheme=scheme)
+            for tab in ("sources", "plots", "log"):
+                self.browser.click(f"#tab-{tab}")
+                self.assertEqual(self.faults(), [], f"{scheme}, {tab}")
+        self.browser.click("#tab-sources")
+
+    def test_the_theme_can_be_chosen(self):
+        self.start_page()
+        ground = "return getComputedStyle(document.body).backgroundColor;"
+        light = self.browser.run(ground)
+        self.browser.click("#theme")
+        self.assertEqual(self.browser.run(ground), light)
+        self.browser.click("#theme")
+        self.assertNotEqual(self.browser.run(ground), light)
+        self.browser.open(ADDRESS)
+        self.assertNotEqual(self.browser.run(ground), light)
+        self.browser.click("#theme")
+        self.assertEqual(self.browser.run(ground), light)
+
+    def test_the_page_is_operated_by_keyboard(self):
+        self.start_page()
+        self.fly(5)
+        self.fly(5, 15001)
+        self.wait_for(lambda: "13" in self.items(), "the items")
+        self.show("aircraft")
+        self.browser.run("document.querySelector('input[name=source]:checked').focus();")
+        self.browser.press(Keys.ARROW_RIGHT)
+        self.wait_for(lambda: self.browser.text("#detail-name") == "second", "the other source")
+        self.browser.run("document.querySelector('#tab-sources').focus();")
+        self.browser.press(Keys.ARROW_RIGHT)
+        self.wait_for(lambda: self.browser.text("#panel-plots") is not None, "the plots")
+        self.browser.press(Keys.HOME)
+        self.wait_for(lambda: self.browser.text("#panel-sources") is not None, "the sources")
+        unseen = self.browser.run(
+            "const found = []; for (const element of document.querySelectorAll('button, select, input, a, [tabindex=\"0\"]')) {"
+            "if (!element.checkVisibility() || element.disabled || element.tabIndex < 0) continue; element.focus();"
+            "if (document.activeElement !== element) found.push(element.outerHTML.slice(0, 120)); } return found;")
+        self.assertEqual(unseen, [])
+
+    def test_no_width_needs_scrolling_to_the_side(self):
+        self.start_page()
+        self.fly(5)
+        self.wait_for(lambda: "13" in self.items(), "the items")
+        for width in (320, 360, 820, 1100, 1440):
+            self.browser.resize(width, 800)
+            for tab in ("plots", "log", "sources"):
+                self.browser.click(f"#tab-{tab}")
+                self.assertLessEqual(self.browser.run("return document.documentElement.scrollWidth;"), width, f"{width}, {tab}")
+            sides = self.browser.run("return ['#map', '#detail', '.dock'].map((name) => {"
+                                     "const box = document.querySelector(name).getBoundingClientRect(); return [box.width, box.height]; });")
+            self.assertTrue(all(wide > 250 and high > 150 for wide, high in sides), f"{width}: {sides}")
+
+
+class Parts(Page):
+    """The parts of the page that compute, called in the browser."""
+
+    def result(self, module, expression):
+        found = self.browser.run(f"const part = await import('/{module}.js'); return {expression};")
+        self.assertNotIn("failed", found if isinstance(found, dict) else {})
+        return found
+
+    def test_places_and_views_are_computed(self):
+        self.start_page()
+        self.assertEqual(self.result("geometry", "part.footprint({corners: [1, 2, 3].map((i) => ({latitude: i, longitude: i}))})"), None)
+        corners = self.result("geometry", "part.footprint({frame_center: {latitude: 0, longitude: 180}, azimuth: 0, elevation: -90,"
+                              " horizontal_view: 60, vertical_view: 60}, 2226.39)")
+        self.assertTrue(corners["isEstimate"])
+        longitudes = [round(corner["longitude"], 4) for corner in corners["corners"]]
+        self.assertEqual(longitudes, [179.99, -179.99, -179.99, 179.99])
+        self.assertEqual([round(corner["latitude"], 4) for corner in corners["corners"]], [0.01, 0.01, -0.01, -0.01])
+        ground = self.result("geometry", "part.sight({platform: {latitude: 0, longitude: 0, altitude: 1113.1949}, azimuth: 90, elevation: -45})")
+        self.assertFalse(ground["isOpen"])
+        self.assertAlmostEqual(ground["to"]["longitude"], 0.01, 6)
+        self.assertTrue(self.result("geometry", "part.sight({platform: {latitude: 0, longitude: 0, altitude: 100}, azimuth: 90, elevation: 3})")["isOpen"])
+        self.assertIsNone(self.result("geometry", "part.sight({azimuth: 90})"))
+        back = self.result("geometry", "part.latitudeOf(part.worldY(-61.5))")
+        self.assertAlmostEqual(back, -61.5, 9)
+
+    def test_what_the_program_does_not_escape_the_page_does(self):
+        self.start_page()
+        self.assertEqual(self.result("dom", "part.printable('a\u202eb\u0007\u200b')"), "a⟨202E⟩b⟨0007⟩⟨200B⟩")
+        self.assertEqual(self.result("dom", "part.printable('y'.repeat(1000))"), "y" * 240 + "… (1000 characters)")
+
+    def test_a_path_over_the_antimeridian_goes_on(self):
+        self.start_page()
+        xs = self.result("model", "(() => { const {track} = new part.Source('a', 0);"
+                         "[179.9, -179.9, 179.95].forEach((longitude, i) => track.push({latitude: 1, longitude}, i + 1)); return track.xs; })()")
+        self.assertEqual([round(x, 5) for x in xs], [0.99972, 1.00028, 0.99986])
+
+    def test_what_is_kept_is_bounded(self):
+        self.start_page()
+        sizes = self.result("model", """(() => {
+            const model = new part.Model();
+            for (let i = 0; i < 20000; ++i) {
+              model.pushMessage({source: "a", id: i, time_us: i * 1e5, presentation: i / 10, items: {15: i},
+                                 seen: {platform: {latitude: i % 2 ? 1 : 2, longitude: i / 1000 - 10}}});
+              model.pushLine({id: i, text: "x"});
+              model.pushSensor({source: "a", uid: `s${i}`});
+            }
+            const source = model.source("a");
+            return [source.track.xs.length, source.series.get(15).length, source.frames.length, model.lines.length,
+                    model.sensors.get("a").size, source.messageAt(1999.25).id];
+        })()""")
+        self.assertLessEqual(sizes[0], 4000)
+        self.assertLessEqual(sizes[1], 6000)
+        self.assertLessEqual(sizes[2], 900)
+        self.assertLessEqual(sizes[3], 500)
+        self.assertEqual(sizes[4], 64)
+        self.assertEqual(sizes[5], 19992)
+
+    def test_the_graticule_has_lines_at_every_zoom(self):
+        self.start_page()
+        steps = self.result("geometry", "Array.from({length: 20}, (_, zoom) => part.graticuleStep(256 * 2 ** zoom, 110))")
+        self.assertEqual(steps, sorted(steps, reverse=True))
+        self.assertGreater(len(set(steps)), 12)
+        for zoom, step in enumerate(steps[2:], 2):
+            self.assertTrue(110 <= step / 1296000 * 256 * 2 ** zoom < 400, (zoom, step))
+        self.assertEqual(self.result("format", "[part.graticuleText(-60.5, 1800, true), part.graticuleText(24.7525, 1, false),"
+                                     " part.graticuleText(0, 3600, true), part.graticuleText(-180, 36000, false)]"),
+                         ["60°30′S", "24°45′09″E", "0°", "180°"])
+
+
+class Recordings(Page):
+    def test_a_recording_is_replayed_with_a_slider(self):
+        self.start_page()
+        self.fly(60)
+        self.settle("aircraft", 60)
+        self.browser.run("document.querySelector('input[name=mode][value=recording]').click();")
+        self.wait_for(lambda: self.browser.run("return !document.querySelector('#play').disabled;"), "the recording")
+        name = self.browser.run("return document.querySelector('#recording').value;")
+        first = api(f"recordings/{urllib.parse.quote(name)}?points=5")["points"][0]["seen"]["platform"]["latitude"]
+        self.wait_for(lambda: is_shown(first, self.items().get("13", "-1")), "the first message")
+        self.browser.run("const slider = document.querySelector('#moment'); slider.value = 1000;"
+                         "slider.dispatchEvent(new Event('input'));")
+        last = api("sources/aircraft/last")["seen"]["platform"]["latitude"]
+        self.wait_for(lambda: is_shown(last, self.items().get("13", "-1")), "the last message")
+        self.browser.run("document.querySelector('input[name=mode][value=live]').click();")
+        self.wait_for(lambda: self.browser.text("#replay") is None, "the live view")
+        self.check_calm()
+
+
+if __name__ == "__main__":
+    harness.main()
