@@ -25,6 +25,7 @@ class Browser:
         options.add_argument(f"--user-data-dir={self._profile.name}")
         options.set_capability("goog:loggingPrefs", {"browser": "ALL", "performance": "ALL"})
         self.driver = webdriver.Chrome(service=Service("/usr/bin/chromedriver"), options=options)
+        self.driver.set_script_timeout(120)
         self.resize(width, height)
 
     def close(self):

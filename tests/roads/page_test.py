@@ -1,10 +1,13 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """The page in Chromium: what it shows is what the program answers, whatever comes from the network."""
+import base64
 import gzip
+import http.server
 import json
 import pathlib
 import re
+import threading
 import urllib.parse
 import urllib.request
 
@@ -29,6 +32,7 @@ input = udp
 port = 15001
 family = ipv4
 """
+PIXEL = "iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNkYPhfDwAChwGA60e6kgAAAABJRU5ErkJggg=="
 HOSTILE = ("<img src=x onerror=\"document.title='caught'\">", "\u202eevil\u202c", "</td></table><script>document.title='caught'</script>",
            "&lt;b&gt;", "x" * 1200)  # the last one is nearly as long as a datagram may be
 
@@ -289,16 +293,88 @@ class Everybody(Page):
             self.assertTrue(all(wide > 250 and high > 150 for wide, high in sides), f"{width}: {sides}")
 
 
+class Settings(Page):
+    def test_own_tiles_are_shown_and_asked_for_at_their_server_alone(self):
+        asked = []
+
+        class Tiles(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                asked.append(self.path)
+                self.send_response(200)
+                self.send_header("Content-Type", "image/png")
+                self.end_headers()
+                self.wfile.write(base64.b64decode(PIXEL))
+
+            def log_message(self, *_):
+                pass
+        with http.server.ThreadingHTTPServer(("127.0.0.1", 8090), Tiles) as server:
+            threading.Thread(target=server.serve_forever, daemon=True).start()
+            self.addCleanup(server.shutdown)
+            self.start_page(CONFIG.replace("[aircraft]", "tiles = http://127.0.0.1:8090/{z}/{x}/{y}.png\n"
+                                           "tiles_attribution = <b>Own</b> tiles\n[aircraft]", 1))
+            self.wait_for(lambda: self.browser.run("return document.querySelectorAll('img.leaflet-tile-loaded').length > 3;"),
+                          "the tiles")
+            self.assertIn("<b>Own</b> tiles", self.browser.text(".leaflet-control-attribution"))
+            others = {urllib.parse.urlsplit(address).netloc for address in self.browser.requests()
+                      if address.startswith("http") and not address.startswith(ADDRESS + "/")}
+            self.assertEqual(others, {"127.0.0.1:8090"})
+            self.assertTrue(all(re.fullmatch(r"/\d+/\d+/\d+\.png", path) for path in asked), asked)
+            self.browser.click("#tiles")
+            self.assertEqual(self.browser.run("return document.querySelectorAll('img.leaflet-tile').length;"), 0)
+            self.browser.click("#tiles")
+            self.assertEqual(self.browser.complaints(), [])
+
+    def test_a_token_opens_the_page(self):
+        token = "a-token-of-the-test-0123456789"
+        (self.folder / "token").write_text(token + "\n")
+        config = CONFIG.replace("[aircraft]", f"http_token = {self.folder}/token\n[aircraft]", 1)
+        self.encoder(config, (15000, 15001))
+        self.wait_for(self.is_healthy, "the page's address")
+        self.browser.open(f"{ADDRESS}/login?token={token}")
+        self.wait_for(lambda: self.browser.text("#connection") == "Connected", "the page's connection")
+        self.fly(5)
+        self.wait_for(lambda: "13" in self.items(), "the items")
+        self.browser.driver.delete_all_cookies()
+        self.browser.open(ADDRESS)
+        self.wait_for(lambda: self.browser.text("#connection") is None, "the answer without a token")
+
+    @staticmethod
+    def is_healthy():
+        try:
+            with urllib.request.urlopen(f"{ADDRESS}/healthz", timeout=10 * harness.SLOW):
+                return True
+        except OSError:
+            return False
+
+    def test_warnings_of_the_log_are_counted_until_they_are_seen(self):
+        self.start_page(CONFIG + "\n[line]\ninput = serial\ndevice = /dev/there-is-none\n")
+        self.wait_for(lambda: "waiting" in (self.browser.text("#sources") or ""), "the state of the line")
+        self.browser.click("#tab-log")
+        self.wait_for(lambda: "there-is-none" in (self.browser.text("#log") or ""), "the line of the log")
+        self.browser.click("#tab-sources")
+        self.assertIsNone(self.browser.text("#log-count"))
+        self.check_calm()
+
+
 class Parts(Page):
     """The parts of the page that compute, called in the browser."""
+
+    def test_the_parts_compute(self):
+        self.start_page()
+        for check in (self.check_places_and_views_are_computed,
+                      self.check_what_the_program_does_not_escape_the_page_does,
+                      self.check_a_path_over_the_antimeridian_goes_on,
+                      self.check_what_is_kept_is_bounded,
+                      self.check_the_graticule_has_lines_at_every_zoom):
+            with self.subTest(check.__name__):
+                check()
 
     def result(self, module, expression):
         found = self.browser.run(f"const part = await import('/{module}.js'); return {expression};")
         self.assertNotIn("failed", found if isinstance(found, dict) else {})
         return found
 
-    def test_places_and_views_are_computed(self):
-        self.start_page()
+    def check_places_and_views_are_computed(self):
         self.assertEqual(self.result("geometry", "part.footprint({corners: [1, 2, 3].map((i) => ({latitude: i, longitude: i}))})"), None)
         corners = self.result("geometry", "part.footprint({frame_center: {latitude: 0, longitude: 180}, azimuth: 0, elevation: -90,"
                               " horizontal_view: 60, vertical_view: 60}, 2226.39)")
@@ -314,19 +390,16 @@ class Parts(Page):
         back = self.result("geometry", "part.latitudeOf(part.worldY(-61.5))")
         self.assertAlmostEqual(back, -61.5, 9)
 
-    def test_what_the_program_does_not_escape_the_page_does(self):
-        self.start_page()
+    def check_what_the_program_does_not_escape_the_page_does(self):
         self.assertEqual(self.result("dom", "part.printable('a\u202eb\u0007\u200b')"), "a⟨202E⟩b⟨0007⟩⟨200B⟩")
         self.assertEqual(self.result("dom", "part.printable('y'.repeat(1000))"), "y" * 240 + "… (1000 characters)")
 
-    def test_a_path_over_the_antimeridian_goes_on(self):
-        self.start_page()
+    def check_a_path_over_the_antimeridian_goes_on(self):
         xs = self.result("model", "(() => { const {track} = new part.Source('a', 0);"
                          "[179.9, -179.9, 179.95].forEach((longitude, i) => track.push({latitude: 1, longitude}, i + 1)); return track.xs; })()")
         self.assertEqual([round(x, 5) for x in xs], [0.99972, 1.00028, 0.99986])
 
-    def test_what_is_kept_is_bounded(self):
-        self.start_page()
+    def check_what_is_kept_is_bounded(self):
         sizes = self.result("model", """(() => {
             const model = new part.Model();
             for (let i = 0; i < 20000; ++i) {
@@ -346,8 +419,7 @@ class Parts(Page):
         self.assertEqual(sizes[4], 64)
         self.assertEqual(sizes[5], 19992)
 
-    def test_the_graticule_has_lines_at_every_zoom(self):
-        self.start_page()
+    def check_the_graticule_has_lines_at_every_zoom(self):
         steps = self.result("geometry", "Array.from({length: 20}, (_, zoom) => part.graticuleStep(256 * 2 ** zoom, 110))")
         self.assertEqual(steps, sorted(steps, reverse=True))
         self.assertGreater(len(set(steps)), 12)
