@@ -10,6 +10,8 @@ namespace {
 
 constexpr int kBuffer = 65536;
 constexpr AVRational kClock = {1, 90'000};
+constexpr int64_t kUsualFrame = 3'600;
+constexpr int64_t kLongestFrame = 90'000;
 
 }  // namespace
 
@@ -36,12 +38,14 @@ int Mp4Fragments::Collect(void* self, uint8_t* bytes, int size) try {
 void Mp4Fragments::Begin(const std::vector<uint8_t>& sets) {
   End();
   m_sets = sets;
+  m_lastDts = 0;
   av::Require(avformat_alloc_output_context2(&m_format, nullptr, "mp4", nullptr), "mp4");
   auto* const buffer = static_cast<unsigned char*>(av::Require(av_malloc(kBuffer), "mp4"));
   m_format->pb = avio_alloc_context(buffer, kBuffer, 1, this, nullptr, &Mp4Fragments::Collect, nullptr);
   if (m_format->pb == nullptr) av_free(buffer);
   av::Require(m_format->pb, "mp4");
   m_format->flags |= AVFMT_FLAG_CUSTOM_IO | AVFMT_FLAG_BITEXACT;
+  m_format->avoid_negative_ts = AVFMT_AVOID_NEG_TS_DISABLED;  // would begin at 0
   AVStream* const track = av::Require(avformat_new_stream(m_format, nullptr), "mp4");
   track->time_base = kClock;
   track->codecpar->codec_type = AVMEDIA_TYPE_VIDEO;
@@ -91,6 +95,9 @@ void Mp4Fragments::Push(const EncodedFrame& frame) {
   std::memcpy(packet.data, frame.bytes.data(), frame.bytes.size());
   packet.pts = av_rescale_q(Ticks(frame.ptsUs), kClock, m_format->streams[0]->time_base);
   packet.dts = av_rescale_q(Ticks(frame.dtsUs), kClock, m_format->streams[0]->time_base);
+  // The next frame tells how long one is; as long as it is not there, the one before does.
+  const int64_t since = packet.dts - std::exchange(m_lastDts, packet.dts);
+  packet.duration = since > 0 && since < kLongestFrame ? since : kUsualFrame;
   packet.flags = frame.isKey ? AV_PKT_FLAG_KEY : 0;
   const int result = av_write_frame(m_format, &packet);
   av_packet_unref(&packet);

@@ -46,6 +46,7 @@ class Mp4Fragments {
   std::vector<uint8_t> m_sets;       // parameter sets of the current beginning
   std::vector<uint8_t> m_collected;  // what the muxer has written
   Fragment m_fragment;               // its times
+  int64_t m_lastDts = 0;             // in the track's units
   bool m_isOpen = false;             // a fragment has frames
 };
 

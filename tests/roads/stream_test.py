@@ -1,7 +1,11 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Streams of video and metadata: other programs read back exactly what the callback delivered, with its times."""
+import gzip
 import json
+import pathlib
+import re
+import shutil
 import socket
 import subprocess
 import threading
@@ -9,11 +13,12 @@ import time
 
 import harness
 import ts_reader
-from harness import SLOW, EndToEndTest, items, message, send
+from harness import SLOW, EndToEndTest, items, message, options, send
 from recipe import Recipe
 
 IP_RECVTTL = 12  # of linux/in.h
 CARRIAGES = ("synchronous", "asynchronous")
+TRACKS = {0x101: "a", 0x102: "b"}
 
 
 class Catcher:
@@ -79,8 +84,8 @@ class Stream(EndToEndTest):
         frames = stream.frames()
         self.assertEqual(stream.faults, [])
         self.assertEqual(stream.tracks[0x100][0], 0x1B)
-        self.assertEqual(stream.metadata(), [0x101, 0x102])
-        for pid, name in ((0x101, "a"), (0x102, "b")):
+        self.assertEqual(stream.metadata(), list(TRACKS))
+        for pid, name in TRACKS.items():
             kind, descriptors = stream.tracks[pid]
             self.assertEqual((kind, b"KLVA" in descriptors), (0x15 if carriage == "synchronous" else 0x06, True))
             found = stream.messages(pid)
@@ -95,7 +100,7 @@ class Stream(EndToEndTest):
         self.assertEqual(stream.faults, [])
         return stream
 
-    def test_files_and_datagrams_have_what_was_delivered(self):
+    def test_every_reader_gets_what_was_delivered_from_files_and_datagrams(self):
         group, port = "239.5.5.5", 15910
         for _ in range(3):
             catchers = [Catcher(port, group), Catcher(port + 1)]
@@ -109,28 +114,108 @@ class Stream(EndToEndTest):
             whole = (self.folder / f"{carriage}.ts").read_bytes()
             self.assertEqual(caught[number], whole)
             self.assertLessEqual(max(catchers[number].sizes), 1316)
-            stream = self.judge(whole, carriage)
             report = summary["streams"][number]
             self.assertEqual((report["name"], report["messages"], report["lost"]), (carriage, 60, 0))
-            self.assertEqual(report["frames"], len(stream.frames()))
             self.assertEqual([output["lost"] for output in report["outputs"]], [0, 0])
-            self.read_with_ffmpeg(self.folder / f"{carriage}.ts", stream)
+            stream = self.read_with_everything(self.folder / f"{carriage}.ts", carriage)
+            self.assertEqual(report["frames"], len(stream.frames()))
         self.assertEqual(catchers[0].ttls, {3})
+
+    def test_every_reader_gets_what_was_delivered_over_srt(self):
+        """The receiver is there before the messages, and the last second of the stream may be on its way at its end."""
+        for _ in range(3):
+            shutil.rmtree(self.folder / "srt", ignore_errors=True)
+            (self.folder / "srt").mkdir()
+            receivers = [self.receive_srt(15920 + number, carriage) for number, carriage in enumerate(CARRIAGES)]
+            self.encoder("[a]\ninput = udp\nport = 15901\n[b]\ninput = udp\nport = 15902\n" + "".join(
+                f"[stream {carriage}]\nsize = 160x120\nmetadata = {carriage}\nurl = srt://127.0.0.1:{15920 + number}\n"
+                for number, carriage in enumerate(CARRIAGES)), [15901, 15902])
+            for carriage in CARRIAGES:
+                self.wait_for(lambda: self.caught(carriage) > 20000, f"the stream over SRT: {self.errors()}")
+            for port in (15901, 15902):
+                self.messages(port, 20)
+            self.settle("a", 20)
+            self.settle("b", 20)
+            for carriage in CARRIAGES:
+                size = self.caught(carriage) + 100000
+                self.wait_for(lambda: self.caught(carriage) > size, "what followed the messages")
+            summary = self.stop()
+            for receiver in receivers:
+                receiver.kill()
+                receiver.wait()
+            if self.was_in_time(summary):
+                break
+        for carriage in CARRIAGES:
+            self.read_with_everything(self.folder / "srt" / f"{carriage}.ts", carriage)
+
+    def receive_srt(self, port, carriage):
+        return self.start("gst-launch-1.0", "-q", "srtsrc", f"uri=srt://127.0.0.1:{port}?mode=listener", "!", "filesink",
+                          "buffer-mode=unbuffered", f"location={self.folder}/srt/{carriage}.ts",
+                          stderr=self.output(f"gst_{carriage}.err"))
+
+    def caught(self, carriage):
+        path = self.folder / "srt" / f"{carriage}.ts"
+        return path.stat().st_size if path.exists() else 0
+
+    def read_with_everything(self, path, carriage):
+        """Four readers get the same messages with the same times. Returns the stream."""
+        data = path.read_bytes()
+        stream = self.judge(data[:len(data) // 188 * 188], carriage)
+        self.read_with_ffmpeg(path, stream)
+        self.read_with_gstreamer(path, stream, carriage)
+        self.read_with_mpegts_js(path, stream, carriage)
+        return stream
 
     def read_with_ffmpeg(self, path, stream):
         probe = subprocess.run(["ffprobe", "-v", "error", "-show_streams", "-show_packets", "-of", "json", path],
                                capture_output=True, timeout=60 * SLOW, check=True)
-        self.assertEqual(probe.stderr, b"")
         shown = json.loads(probe.stdout)
         self.assertEqual([each["codec_name"] for each in shown["streams"]], ["h264", "klv", "klv"])
-        for index, (pid, name) in enumerate(((0x101, "a"), (0x102, "b"))):
+        for index, (pid, name) in enumerate(TRACKS.items()):
             self.assertEqual(int(shown["streams"][index + 1]["id"], 16), pid)
             copied = subprocess.run(["ffmpeg", "-v", "error", "-i", path, "-map", f"0:{index + 1}", "-c", "copy", "-f",
                                      "data", "-"], capture_output=True, timeout=60 * SLOW, check=True)
-            self.assertEqual(copied.stderr, b"")
             self.assertEqual(copied.stdout, b"".join(self.delivered(name)))
             times = [packet["pts"] for packet in shown["packets"] if packet["stream_index"] == index + 1]
             self.assertEqual(times, [pts for pts, _ in stream.messages(pid)])
+
+    def read_with_gstreamer(self, path, stream, carriage):
+        """GStreamer 1.22 does not know synchronous metadata."""
+        for pid, name in TRACKS.items():
+            track = ["gst-launch-1.0", "-v", "filesrc", f"location={path}", "!", "tsdemux", "name=demux",
+                     f"demux.private_0_{pid:04x}", "!", "meta/x-klv", "!", "tee", "name=both", "!", "queue", "!",
+                     "filesink", f"location={self.folder}/gst.klv", "both.", "!", "queue", "!", "fakesink",
+                     "silent=false", "sync=false"]
+            done = subprocess.run(track, capture_output=True, text=True, timeout=60 * SLOW)
+            got = (self.folder / "gst.klv").read_bytes()
+            if carriage == "synchronous":
+                self.assertEqual((got, "not-linked" in done.stderr), (b"", True), done.stderr)
+                continue
+            self.assertEqual(got, b"".join(self.delivered(name)))
+            shown = [(int(minutes) * 60 + float(seconds)) * 90000
+                     for minutes, seconds in re.findall(r"chain .* pts: 0:(\d+):([\d.]+)", done.stdout)]
+            times = [pts for pts, _ in stream.messages(pid)]
+            self.assertEqual(len(shown), len(times))
+            for ours, theirs in zip(times, shown):
+                self.assertLess(abs((ours - times[0]) - (theirs - shown[0])), 2)
+
+    def read_with_mpegts_js(self, path, stream, carriage):
+        """Its events of asynchronous metadata have no times."""
+        script = pathlib.Path(options.source) / "tests/roads/read_ts.js"
+        packed = pathlib.Path(options.source) / "tests/data/mpegts_demuxer/demuxer.js.gz"
+        (self.folder / "demuxer.js").write_bytes(gzip.decompress(packed.read_bytes()))
+        done = subprocess.run(["node", script, self.folder / "demuxer.js", path], capture_output=True, text=True,
+                              timeout=60 * SLOW, check=True)
+        events = [json.loads(line) for line in done.stdout.splitlines()]
+        self.assertGreater(events.pop()["frames"], 0)
+        self.assertEqual({event["event"] for event in events}, {carriage})
+        for pid, name in TRACKS.items():
+            found = [event for event in events if event["pid"] == pid]
+            units = [unit for event in found for unit in event.get("units", [event])]
+            self.assertEqual([bytes.fromhex(unit["data"]) for unit in units], self.delivered(name))
+            if carriage == "synchronous":
+                self.assertEqual([event["pts"] for event in found], [pts // 90 for pts, _ in stream.messages(pid)])
+                self.assertEqual([unit["sequence"] for unit in units], stream.sequence(pid))
 
     def test_sources_share_a_track_that_is_merged(self):
         summary = self.run_streams("[stream one]\nsize = 160x120\ntracks = merged\nurl = one.ts\n")
