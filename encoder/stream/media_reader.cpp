@@ -23,6 +23,7 @@ extern "C" {
 #include <stdexcept>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "annotated_mutex.h"
 #include "av_owned.h"
@@ -42,6 +43,8 @@ constexpr AVRational kMicroseconds = {1, 1'000'000};
 constexpr int kMostTracks = 64;
 constexpr int kMostPixels = 4096 * 2304;
 constexpr int64_t kUsualFrameUs = 40'000;
+constexpr int64_t kUnknown = INT64_MIN;
+constexpr size_t kMostHeld = 16;  // frames that wait for a decode time
 
 // Formats that can have video. Playlists are not among them: they name other files and hosts.
 constexpr char kFormats[] = "mpegts,matroska,webm,mov,mp4,mxf,avi,flv,h264,hevc,rtsp,rtp,sdp";
@@ -128,13 +131,21 @@ class Stage {
   virtual void Push(AVPacket* packet, const Give& give) = 0;
 };
 
+// Returns the time from frame to frame, on the average.
+int64_t FrameUs(const AVStream& track) {
+  const AVRational rate = track.avg_frame_rate;
+  if (rate.num <= 0 || rate.den <= 0) return kUsualFrameUs;
+  return std::clamp<int64_t>(av_rescale(1'000'000, rate.den, rate.num), 1'000, 1'000'000);
+}
+
 // --- Passing -----------------------------------------------------------------------------------------
 
 class Passing : public Stage {
  public:
   explicit Passing(const AVStream& track)
       : m_codec(track.codecpar->codec_id == AV_CODEC_ID_H264 ? video::Codec::H264 : video::Codec::H265),
-        m_out(av::Require(av_packet_alloc(), "packet")) {
+        m_out(av::Require(av_packet_alloc(), "packet")),
+        m_frameUs(FrameUs(track)) {
     const char* const name = m_codec == video::Codec::H264 ? "h264_mp4toannexb" : "hevc_mp4toannexb";
     AVBSFContext* filter = nullptr;
     av::Require(av_bsf_alloc(av::Require(av_bsf_get_by_name(name), name), &filter), name);
@@ -167,17 +178,33 @@ class Passing : public Stage {
       frame.bytes.assign(codec.extradata, codec.extradata + codec.extradata_size);
     }
     frame.bytes.insert(frame.bytes.end(), bytes.begin(), bytes.end());
-    const int64_t dts = packet.dts != AV_NOPTS_VALUE ? packet.dts : packet.pts;
     const AVRational base = m_filter->time_base_out;
-    frame.dtsUs = dts != AV_NOPTS_VALUE ? av_rescale_q(dts, base, kMicroseconds) : m_lastUs + kUsualFrameUs;
-    frame.ptsUs = packet.pts != AV_NOPTS_VALUE ? av_rescale_q(packet.pts, base, kMicroseconds) : frame.dtsUs;
-    m_lastUs = frame.dtsUs;
-    give(std::move(frame), {m_codec, codec.width, codec.height});
+    const bool hasDts = packet.dts != AV_NOPTS_VALUE;
+    if (hasDts) frame.dtsUs = av_rescale_q(packet.dts, base, kMicroseconds);
+    frame.ptsUs = packet.pts != AV_NOPTS_VALUE ? av_rescale_q(packet.pts, base, kMicroseconds) : kUnknown;
+    m_held.push_back(std::move(frame));
+    if (hasDts || m_held.size() > kMostHeld) GiveHeld(hasDts ? m_held.back().dtsUs : m_lastUs + m_frameUs, give);
+  }
+
+  // Some containers do not tell the first decode times: they are those before the first one that is told.
+  void GiveHeld(int64_t lastDtsUs, const Give& give) {
+    const AVCodecParameters& codec = *m_filter->par_out;
+    auto before = static_cast<int64_t>(m_held.size());
+    for (EncodedFrame& frame : m_held) {
+      --before;
+      frame.dtsUs = lastDtsUs - before * m_frameUs;
+      if (frame.ptsUs == kUnknown) frame.ptsUs = frame.dtsUs;
+      m_lastUs = frame.dtsUs;
+      give(std::move(frame), {m_codec, codec.width, codec.height});
+    }
+    m_held.clear();
   }
 
   const video::Codec m_codec;
   av::BitstreamFilter m_filter;
   av::Packet m_out;
+  const int64_t m_frameUs;           // from frame to frame, on the average
+  std::vector<EncodedFrame> m_held;  // without a decode time
   int64_t m_lastUs = 0;
 };
 

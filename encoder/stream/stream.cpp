@@ -20,8 +20,9 @@
 namespace mdencoder {
 namespace {
 
-constexpr int64_t kIdleUs = 20'000;     // between two clock references without video
-constexpr int64_t kWallStepUs = 1'000;  // by which the time of day is followed
+constexpr int64_t kIdleUs = 20'000;        // between two clock references without video
+constexpr int64_t kPreludeUs = 3'000'000;  // in which the video should come; messages wait for it
+constexpr int64_t kWallStepUs = 1'000;     // by which the time of day is followed
 constexpr auto kFailedLine = std::string_view(": the video has ended, messages go on: ");
 
 int64_t WallClockUs() {
@@ -198,6 +199,8 @@ void Stream::Step() {
   ReadWall(nowUs);
   std::vector<EncodedFrame> frames;
   TakeFrames(nowUs, frames);
+  // The tables tell the codec, and players do not expect another one.
+  if (frames.empty() && m_shape.width == 0 && nowUs < kPreludeUs) return;
   std::vector<uint8_t> out;
   bool isKey = false;
   int64_t timeUs = nowUs;

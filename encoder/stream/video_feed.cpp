@@ -84,19 +84,24 @@ class MediaFeed : public VideoFeed {
   uint64_t Late() const override { return m_reader.Lost(); }
 
  private:
-  static constexpr int64_t kLookUs = 10'000;  // between two looks at what the reader has
+  static constexpr int64_t kLookUs = 10'000;         // between two looks at what the reader has
+  static constexpr int64_t kMostLateUs = 1'000'000;  // of a file that begins again
 
   // Finds the frame's decode time on the stream's clock. Returns false if it has not come yet.
   bool Place(const MediaFrame& next, int64_t arrivalUs, int64_t nowUs) {
     const int64_t dtsUs = next.frame.dtsUs;
     const bool jumps = std::abs(dtsUs - m_lastUs) > StreamClock::kUsualBoundUs;
     if (!m_isBased && (next.isFirst || jumps)) {
-      m_baseUs = std::max(arrivalUs, m_placedUs + 1) - dtsUs;
+      // A file that begins again goes on as it did.
+      const int64_t nextUs = m_placedUs + m_intervalUs;
+      m_baseUs =
+          (m_isFile && m_placedUs >= 0 && nowUs - nextUs < kMostLateUs ? nextUs : std::max(arrivalUs, nextUs)) - dtsUs;
       m_clock = StreamClock();
     }
     const int64_t placedUs = dtsUs + m_baseUs;
     m_isBased = m_isFile && placedUs > nowUs;
     if (m_isBased) return false;
+    if (dtsUs > m_lastUs && !jumps) m_intervalUs = dtsUs - m_lastUs;
     m_lastUs = dtsUs;
     m_placedUs = m_isFile ? placedUs : m_clock.Push(placedUs, arrivalUs);
     return true;
@@ -106,9 +111,10 @@ class MediaFeed : public VideoFeed {
   int64_t m_dueUs = 0;
   Shape m_shape;
   StreamClock m_clock;
-  int64_t m_baseUs = 0;    // from the input's clock to the stream's
-  int64_t m_lastUs = 0;    // on the input's clock
-  bool m_isBased = false;  // for the frame that comes next
+  int64_t m_baseUs = 0;      // from the input's clock to the stream's
+  int64_t m_lastUs = 0;      // on the input's clock
+  int64_t m_intervalUs = 1;  // between the last two frames
+  bool m_isBased = false;    // for the frame that comes next
   int64_t m_placedUs = -1;
   MediaReader m_reader;
 };

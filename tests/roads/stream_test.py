@@ -4,6 +4,7 @@
 import gzip
 import json
 import pathlib
+import random
 import re
 import shutil
 import socket
@@ -300,6 +301,130 @@ class Stream(EndToEndTest):
                                 "csv=p=0", folder / "one.m3u8"], capture_output=True, text=True, timeout=60 * SLOW, check=True)
         self.assertEqual(probe.stderr, "")
         self.assertEqual(sorted(set(probe.stdout.split())), ["h264", "klv"])
+
+
+class Video(EndToEndTest):
+    """The video of files and URLs."""
+
+    def make(self, name, *arguments, seconds=2):
+        path = self.folder / name
+        subprocess.run(["ffmpeg", "-v", "error", "-f", "lavfi", "-i", f"testsrc=size=160x120:rate=25:duration={seconds}",
+                        *arguments, path], check=True, timeout=60 * SLOW)
+        return path
+
+    def errors(self):
+        return [line for line in (self.folder / "encoder.err").read_text().splitlines() if "stream one" in line]
+
+    def start_stream(self, *lines):
+        self.encoder("[a]\ninput = udp\nport = 15901\n[stream one]\nurl = one.ts\n" + "\n".join(lines) + "\n", [15901])
+
+    def size(self):
+        path = self.folder / "one.ts"
+        return path.stat().st_size if path.exists() else 0
+
+    def feed_one(self):
+        now = int(time.time() * 1e6)
+        send(15901, message((2, now.to_bytes(8, "big"))))
+
+    def finish(self, codec, frames, pids=1):
+        """Ends the stream when it has so many frames, and returns it with what FFmpeg makes of it."""
+        self.wait_for(lambda: self.frames() >= frames, f"{frames} frames", 60)
+        self.feed_one()
+        self.settle("a", 1)
+        self.stop()
+        stream = ts_reader.Stream((self.folder / "one.ts").read_bytes())
+        self.assertEqual(stream.faults, [])
+        self.assertEqual([data for _, data in stream.messages(0x101)], self.delivered("a"))
+        decoded = subprocess.run(["ffmpeg", "-v", "error", "-i", self.folder / "one.ts", "-map", "0:v", "-f", "null", "-"],
+                                 capture_output=True, text=True, timeout=60 * SLOW)
+        probe = subprocess.run(["ffprobe", "-v", "error", "-select_streams", "v", "-show_entries", "stream=codec_name,width",
+                                "-of", "csv=p=0", self.folder / "one.ts"], capture_output=True, text=True)
+        self.assertEqual(set(probe.stdout.split()), {codec})
+        return stream, decoded.stderr
+
+    def frames(self):
+        """Counts the frames of the file as it grows."""
+        data = (self.folder / "one.ts").read_bytes() if self.size() else b""
+        return sum(1 for at in range(0, len(data) - 187, 188) if data[at + 1:at + 3] == b"\x41\x00")
+
+    def copied(self, name, *encoding, codec):
+        """A file is passed on frame by frame, and begins again at its end."""
+        path = self.make(name, *encoding)
+        self.start_stream(f"video = {path}")
+        stream, errors = self.finish(codec, 60)
+        self.assertEqual(errors, "")
+        self.assertTrue(all(time is not None for _, time in stream.frames()))
+        keys = [pes for pes in stream.of(0x100) if pes.random_access]
+        self.assertGreaterEqual(len(keys), 2)
+        return stream
+
+    def test_a_file_of_h264_with_frames_out_of_order(self):
+        stream = self.copied("b.mp4", "-c:v", "libx264", "-bf", "2", codec="h264,160")
+        self.assertTrue(any(pes.pts != pes.dts for pes in stream.of(0x100)))
+
+    def test_a_file_of_h265(self):
+        stream = self.copied("b.mkv", "-c:v", "libx265", "-x265-params", "log-level=none", codec="hevc,160")
+        self.assertEqual(stream.tracks[0x100][0], 0x24)
+
+    def test_what_is_neither_is_encoded(self):
+        self.start_stream(f"video = {self.make('b.avi', '-c:v', 'mpeg2video')}", "size = 96x64")
+        _, errors = self.finish("h264,96", 30)
+        self.assertEqual(errors, "")
+
+    def test_what_is_h264_can_be_encoded_again(self):
+        self.start_stream(f"video = {self.make('b.mp4', '-c:v', 'libx264')}", "size = 96x64", "encode = h264")
+        _, errors = self.finish("h264,96", 30)
+        self.assertEqual(errors, "")
+
+    def test_a_live_stream_that_goes_and_comes_back(self):
+        path = self.make("b.ts", "-c:v", "libx264", "-g", "10", "-bf", "0", "-f", "mpegts", seconds=4)
+        send_it = ["ffmpeg", "-v", "error", "-re", "-i", path, "-c", "copy", "-f", "mpegts", "tcp://127.0.0.1:15930?listen=1"]
+        sender = self.start(*send_it, stderr=subprocess.DEVNULL)
+        self.start_stream("video = tcp://127.0.0.1:15930")
+        self.wait_for(lambda: self.frames() >= 10, "frames", 60)
+        sender.kill()
+        sender.wait()
+        self.wait_for(self.errors, "the line about the end")
+        before = self.frames()
+        self.start(*send_it, stderr=subprocess.DEVNULL)
+        self.wait_for(lambda: len(self.errors()) == 2 or self.errors()[-1].endswith("again"), "the line about the return", 60)
+        self.finish("h264,160", before + 10)
+        name = "stream one: the video tcp://127.0.0.1:15930"
+        self.assertEqual(self.errors()[-1], f"mdencoder: {name} is read again")
+        self.assertIn("; messages go on without pictures", self.errors()[-2])
+        self.assertLessEqual(len(self.errors()), 4)
+
+    def test_without_its_file_a_stream_has_messages_and_a_clock(self):
+        self.start_stream("video = nowhere.mp4")
+        self.feed_one()
+        self.settle("a", 1)
+        self.wait_for(lambda: self.size() > 20000, "clock references")
+        summary = self.stop()
+        stream = ts_reader.Stream((self.folder / "one.ts").read_bytes())
+        self.assertEqual((stream.faults, len(stream.of(0x100))), ([], 0))
+        self.assertEqual([data for _, data in stream.messages(0x101)], self.delivered("a"))
+        self.assertEqual(self.errors(), [f"mdencoder: stream one: the video {self.folder}/nowhere.mp4 cannot be opened: No such "
+                                         "file or directory; messages go on without pictures"])
+        self.assertFalse(summary["streams"][0]["has_video"])
+
+    def test_hostile_video_harms_nobody(self):
+        good = self.make("b.mp4", "-c:v", "libx264").read_bytes()
+        random.seed(7)
+        for number, damage in enumerate((lambda at: random.randrange(256), lambda at: 0xFF)):
+            bad = bytearray(good)
+            for at in random.sample(range(len(bad)), len(bad) // 50):
+                bad[at] = damage(at)
+            for encode in ("copy", "h264"):
+                path = self.folder / f"bad{number}.mp4"
+                path.write_bytes(bytes(bad) if number else good[:2000] + bytes(bad[2000:]))
+                self.start_stream(f"video = {path}", f"encode = {encode}", "size = 96x64")
+                self.feed_one()
+                self.settle("a", 1)
+                self.wait_for(lambda: self.size() > 30000, "a stream")
+                self.stop()
+                stream = ts_reader.Stream((self.folder / "one.ts").read_bytes())
+                self.assertEqual(stream.faults, [])
+                self.assertLessEqual(len(self.errors()), 2)
 
 
 if __name__ == "__main__":
