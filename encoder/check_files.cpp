@@ -98,6 +98,22 @@ void AddHostFiles(const CheckSubject& subject, std::vector<FileUse>& uses) {
   }
 }
 
+void AddStreamFiles(const CheckSubject& subject, std::vector<FileUse>& uses) {
+  for (const StreamSettings& stream : subject.config.streams) {
+    const auto place = [&](const std::string& key) {
+      return KeyPlace{subject.configPath, "stream " + stream.name, key};
+    };
+    if (stream.kind == StreamSettings::Video::File) uses.push_back({place("video"), stream.video});
+    for (const StreamOutput& output : stream.outputs) {
+      if (output.kind == StreamOutput::Kind::File) {
+        uses.push_back({place(output.key), output.text, FileUse::Kind::Stream});
+      }
+    }
+    if (stream.hls.empty()) continue;
+    uses.push_back({place("hls"), stream.hls + "/" + stream.name + ".m3u8", FileUse::Kind::Replaced, true});
+  }
+}
+
 std::vector<FileUse> UsesOf(const CheckSubject& subject) {
   const EncoderSettings& settings = subject.config.encoder;
   std::vector<FileUse> uses;
@@ -111,6 +127,7 @@ std::vector<FileUse> UsesOf(const CheckSubject& subject) {
   add("stats_file", settings.statsFile, FileUse::Kind::Replaced);
   add("summary", settings.summary, FileUse::Kind::Replaced);
   AddHostFiles(subject, uses);
+  AddStreamFiles(subject, uses);
   for (const SourceSettings& source : subject.config.sources) {
     const std::string recording = RecordingOf(source, settings);
     const bool isOwn = !source.output.empty();

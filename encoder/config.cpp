@@ -28,6 +28,7 @@
 #include "relay_graph.h"
 #include "replay.h"
 #include "section.h"
+#include "stream_loop.h"
 #include "stream_url.h"
 #include "value_text.h"
 #include "values.h"
@@ -707,7 +708,9 @@ Config LoadConfig(const std::string& path, const std::vector<std::pair<std::stri
   }
   try {
     Config config = MakeConfig(sections, path);
-    CheckRelays(config, ThisMachine());
+    const Machine machine = ThisMachine();
+    CheckRelays(config, machine);
+    CheckStreamLoops(config, machine.own);
     return config;
   } catch (const ConfigError& error) {
     throw ConfigError(path + ": " + error.what());

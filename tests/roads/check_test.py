@@ -229,6 +229,11 @@ FILES = [
     Wrong(encoder("library = other.so") + UDP, "[encoder] library must be the metadata library"),
     Wrong(encoder("library = libmetadata_lib.so.2.0.0") + UDP, "[encoder] library must be version 1",
           "it is version 2.0.0"),
+    Wrong(UDP + "[stream s]\nurl = nowhere/s.ts\n", "[stream s] url must be a file that can be written", "No such file"),
+    Wrong(UDP + "[stream s]\nurl2 = check.ini\n", "[stream s] url2 must be a file of its own", "this configuration"),
+    Wrong(UDP + "[stream s]\nvideo = nothing.mp4\n", "[stream s] video must be a file that can be read", "No such file"),
+    Wrong(UDP + "[stream s]\nhls = check.ini\n", "[stream s] hls must be a file that can be written"),
+    Wrong(UDP + f"[stream s]\nurl = udp://127.0.0.1:{PORT}\n", "[stream s] url must be a place that does not lead back"),
     Wrong(COT, "[c] data = cot needs the geoid grid", "make_geoid_grid", prefix=mounted(f"mount -t tmpfs tmpfs {GRID}")),
 ]
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -20,9 +21,11 @@
 #include "ini_file.h"
 #include "reload.h"
 #include "stream_clock.h"
+#include "stream_loop.h"
 #include "stream_settings.h"
 #include "streams.h"
 #include "ts_output.h"
+#include "values.h"
 
 namespace mdencoder {
 namespace {
@@ -134,6 +137,40 @@ TEST(StreamSection, CannotChangeByAReload) {
     } catch (const ConfigError& error) {
       EXPECT_THAT(error.what(), HasSubstr("cannot change while the program runs; restart it"));
     }
+  }
+}
+
+std::string LoopComplaint(const std::string& text) {
+  const Config config = MakeConfig(ParseIni(text), "/conf/demo.ini");
+  Address own;
+  own.family = AF_INET;
+  own.bytes = {192, 0, 2, 7};
+  try {
+    CheckStreamLoops(config, {own});
+  } catch (const ConfigError& error) {
+    return error.what();
+  }
+  return "accepted";
+}
+
+TEST(StreamLoop, AnOutputThatLeadsBackIsRefused) {
+  const std::string back = "[back]\nurl = udp://239.1.2.3:5004\n";
+  EXPECT_EQ(
+      LoopComplaint(back + "[stream a]\nurl = a.ts\nurl2 = udp://239.1.2.3:5004?ttl=3\n"),
+      "[stream a] url2 must be a place that does not lead back into the stream, not \"udp://239.1.2.3:5004?ttl=3\": "
+      "[back] receives it, and the stream carries that");
+  for (const char* const host : {"127.0.0.1", "192.0.2.7", "localhost", "[::1]", "0.0.0.0"}) {
+    const std::string stream = std::string("[stream a]\nurl = udp://") + host + ":5000\n";
+    EXPECT_THAT(LoopComplaint(Source() + stream), HasSubstr("[cam] receives it"));
+    EXPECT_EQ(LoopComplaint(Source() + stream + "sources = mast\n"), "accepted");
+  }
+}
+
+TEST(StreamLoop, OtherPlacesAreNot) {
+  const std::string back = "[back]\nurl = udp://239.1.2.3:5004\n[cam]\nurl = flight.klv\n";
+  for (const char* const url :
+       {"udp://239.1.2.4:5004", "udp://239.1.2.3:5005", "udp://198.51.100.1:5004", "srt://127.0.0.1:5004"}) {
+    EXPECT_EQ(LoopComplaint(back + "[stream a]\nurl = " + url + "\n"), "accepted") << url;
   }
 }
 
