@@ -88,7 +88,8 @@ class Docs(EndToEndTest):
         help_texts = "".join(
             subprocess.run([program, *words, "--help"], capture_output=True, text=True, timeout=60 * harness.SLOW).stdout
             for program, *words in ((harness.options.encoder,), (harness.options.encoder, "inspect"),
-                                    (harness.options.encoder, "decode"), (harness.options.feed,)))
+                                    (harness.options.encoder, "decode"), (harness.options.feed,),
+                                    *((harness.options.feed, kind) for kind in ("klv", "cot", "anc", "ts"))))
         for page, body in self.each("sh"):
             if self.is_run(page):
                 continue

@@ -151,7 +151,7 @@ class Http(EndToEndTest):
         self.assertEqual(value[3], "M")
 
     def test_the_recipe_of_the_page_asks_for_the_last_message(self):
-        recipe = Recipe(self, "http_api")
+        recipe = Recipe(self, "outputs/http_api")
         self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
         self.wait_for(lambda: harness.udp_port_open(15000) and "the live page is at" in (self.folder / "encoder.err").read_text(),
                       "the page")
