@@ -90,6 +90,12 @@ TEST(CotText, TheTakProtocolSaysTheSame) {
   EXPECT_THAT(event.xmlDetail, HasSubstr("<sensor azimuth=\"30.001\" "));
 }
 
+TEST(CotText, TheCourseIsNotTheHeadingWhereBothAreKnown) {
+  Builder builder;
+  builder.Add(13, 1.0).Add(14, 2.0).Add(5, 90.0).Add(56, 10.0).Add(112, 200.0);
+  EXPECT_THAT(PlatformEvent(Seen(builder), kNames, kTimes), HasSubstr("<track course=\"200.0"));
+}
+
 TEST(CotText, ACourseWithoutASpeedHasNoField) {
   const std::string text =
       PlatformEvent(Seen(Builder().Add(13, 1.0).Add(14, 2.0).Add(5, 90.0)), kNames, kTimes, cot_text::Form::Tak);

@@ -155,6 +155,13 @@ TEST_F(PresentationTest, CsvQuotesWhatRfc4180Names) {
                        ",ok,\"Mission, \"\"12\"\"\",2008-10-24T00:13:29.913000Z,60.17682297,\r");
 }
 
+TEST_F(PresentationTest, CsvLeavesTheCellOfAValueOutOfRangeEmpty) {
+  Use(Builder().Add(13, 1000.0).Add(14, 7.0).Finish());
+  m_settings.format = Format::Csv;
+  m_settings.items = *ParseItems("sensor_lat,sensor_lon");
+  EXPECT_THAT(Row(), HasSubstr(",ok,,7.0"));
+}
+
 TEST_F(PresentationTest, CsvHoldsNoFormulas) {
   EXPECT_EQ(CsvText("=1+1"), "'=1+1");
   EXPECT_EQ(CsvText("@SUM(A1,\"x\")"), "\"'@SUM(A1,\"\"x\"\")\"");
