@@ -111,6 +111,7 @@ Session::Session(const Config& config, const Library& library, Console& console,
 }
 
 Session::~Session() {
+  if (m_page) m_page->Stop();
   if (m_statsJson != nullptr) std::fclose(m_statsJson);
 }
 
@@ -220,6 +221,8 @@ void Session::OpenPage() {
     if (!path.empty()) page.folders.push_back(std::filesystem::path(path).parent_path());
   }
   for (std::string& folder : page.folders) folder = (std::filesystem::absolute(folder) / "").lexically_normal();
+  page.streams = http::ViewOf(m_streams);
+  page.presenter = http::PresenterOf(m_streams);
   page.say = [this](const std::string& line) { Say(Priority::Warning, line); };
   m_page = std::make_unique<http::LivePage>(std::move(page));
   if (m_around.onLog) {

@@ -73,7 +73,7 @@ class StreamFlow : public Flow {
   explicit StreamFlow(std::shared_ptr<FragmentRing> ring) : m_ring(std::move(ring)) {}
 
   bool Next(std::string& piece) override {
-    constexpr auto kWait = std::chrono::milliseconds(1000);
+    constexpr auto kWait = std::chrono::milliseconds(250);
     piece.clear();
     if (!m_hasBegun) {
       const auto init = m_ring->Begin(m_cursor, kWait);

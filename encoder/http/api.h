@@ -17,14 +17,9 @@
 #include "http/hub.h"
 #include "http/metrics.h"
 #include "http/recordings.h"
+#include "http/stream_view.h"
 
 namespace mdencoder::http {
-
-// The streams of the program, as far as the page needs them.
-struct StreamView {
-  std::function<Json()> list;  // an object of each, with its name
-  std::function<std::shared_ptr<FragmentRing>(const std::string& name)> ring;
-};
 
 struct ApiSettings {
   std::string version;

@@ -108,8 +108,8 @@ bool Hub::Take(std::deque<std::shared_ptr<Delivered>>& messages, std::deque<LogL
 }
 
 void Hub::Handle(const std::shared_ptr<Delivered>& message) {
-  if (m_presenter) message->presentation = m_presenter(*message);
   const st0601::Message parsed = st0601::Parse(message->bytes);
+  if (m_presenter) message->presentation = m_presenter(*message, parsed);
   const uint64_t nowUs = NowUs();
   const common::Lock lock(m_mutex);
   ++m_taken;

@@ -67,7 +67,7 @@ class Hub {
  public:
   using Clock = std::chrono::steady_clock;
   // Returns the presentation time of a message in a stream, in seconds.
-  using Presenter = std::function<std::optional<double>(const Delivered&)>;
+  using Presenter = std::function<std::optional<double>(const Delivered& message, const st0601::Message& parsed)>;
 
   static constexpr size_t kMostWaiting = 2048;  // messages
   static constexpr size_t kMostWaitingBytes = size_t{4} << 20;

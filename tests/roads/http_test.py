@@ -214,6 +214,28 @@ class Http(EndToEndTest):
         self.assertIn(b'"missed":false', text)
         self.assertEqual(text.count(b"event: message"), 2)
 
+    def test_a_stream_is_a_movie_whose_clock_the_messages_have(self):
+        self.serve(source=f"[stream flight]\nurl = {self.folder}/flight.ts\n")
+        stream = lambda: self.get("/api/v1/streams")["streams"][0]
+        self.wait_for(lambda: "mime" in stream() and stream()["frames"] > 0, "the stream", 60)
+        self.assertRegex(stream()["mime"], r'^video/mp4; codecs="avc1\.[0-9a-f]{6}"$')
+        self.validator()("/api/v1/streams", "Streams", self.get("/api/v1/streams"))
+        movie = self.folder / "movie.mp4"
+        curl = self.start("curl", "-sN", f"http://127.0.0.1:{WEB}{stream()['url']}", "-o", movie)
+        self.wait_for(lambda: movie.exists() and movie.read_bytes().count(b"moof") >= 3, "pieces of the movie", 60)
+        before = stream()["clock"]
+        self.deliver(1)
+        self.wait_for(lambda: self.ask("/api/v1/sources/udp/last")[0] == 200, "the message")
+        # The message is of another day, and so has the time of its arrival.
+        time_shown = self.get("/api/v1/sources/udp/last")["presentation"]
+        self.assertGreaterEqual(time_shown, before)
+        self.wait_for(lambda: stream()["clock"] >= time_shown, "the frame of that time", 60)
+        self.stop()
+        self.assertEqual(curl.wait(timeout=30 * harness.SLOW), 0)
+        shown = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "stream=codec_name", "-of", "csv=p=0", movie],
+                               capture_output=True, text=True, timeout=60 * harness.SLOW)
+        self.assertEqual((shown.stdout.strip(), shown.stderr), ("h264", ""))
+
     # --- who may ask
 
     def test_a_token_and_tls_keep_others_out(self):

@@ -478,6 +478,18 @@ TEST(Assets, OfTheProgramAreThere) {
   EXPECT_EQ(Json::parse(assets.Get("/api/v1/openapi.json", {}).body).at("openapi"), "3.0.3");
 }
 
+// --- Streams -----------------------------------------------------------------------------------------
+
+TEST(MovieType, NamesTheCodecAndItsProfile) {
+  const auto type = [](const std::string& init) {
+    return MovieType({reinterpret_cast<const uint8_t*>(init.data()), init.size()});
+  };
+  EXPECT_EQ(type(std::string("xxavcC\x01\x42\xC0\x1F\xFF\0\0\0\0\0\0\0\0", 19)), "video/mp4; codecs=\"avc1.42c01f\"");
+  EXPECT_EQ(type(std::string("hvcC\x01\x01\x60\0\0\0\x90\0\0\0\0\0\x5D", 17)), "video/mp4; codecs=\"hvc1.1.6.L93.90\"");
+  EXPECT_EQ(type("avcC"), "video/mp4");
+  EXPECT_EQ(type(""), "video/mp4");
+}
+
 // --- Paths -------------------------------------------------------------------------------------------
 
 class ApiTest : public HubTest {
