@@ -7,6 +7,7 @@ import http.server
 import json
 import pathlib
 import re
+import subprocess
 import threading
 import urllib.parse
 import urllib.request
@@ -14,6 +15,7 @@ import urllib.request
 import harness
 from browser import Browser
 from harness import EndToEndTest, send
+from recipe import Recipe
 from selenium.webdriver.common.keys import Keys
 
 PORT = 8080
@@ -149,6 +151,15 @@ class Flight(Page):
         self.assertEqual(set(rows()), set(wanted))
         self.assertIn("no message yet", rows()["second"][1])
         self.assertIn("127.0.0.1:15999", rows()["aircraft"][8])
+
+    def test_the_recipe_of_the_page_shows_a_flight(self):
+        recipe = Recipe(self, "outputs/live_page")
+        self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
+        self.wait_for(self.answers, "the page's address")
+        self.wait_for(lambda: harness.udp_port_open(15000), "the encoder's port")
+        self.browser.open(ADDRESS)
+        recipe.run(1)
+        self.wait_for(lambda: "13" in self.items(), "the items")
 
     def test_raw_bytes_are_shown_on_demand(self):
         self.start_page()
