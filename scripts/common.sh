@@ -5,6 +5,7 @@ set -euo pipefail
 root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 grid=/usr/share/vendor/data/ww15mgh.grd
 jobs=$(nproc)
+python=/usr/bin/python3  # sees the modules of Debian's packages, whatever other interpreters a machine has
 
 say() { printf '== %s\n' "$*"; }
 die() {

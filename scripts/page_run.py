@@ -22,6 +22,19 @@ def wait_for(condition, what, seconds=60):
         time.sleep(0.1)
 
 
+def save_picture(browser, path):
+    """Saves what is shown with at most 256 colours, which makes the file a quarter."""
+    with tempfile.NamedTemporaryFile(suffix=".png") as whole:
+        browser.screenshot(whole.name)
+        path.parent.mkdir(parents=True, exist_ok=True)
+        subprocess.run(["ffmpeg", "-loglevel", "error", "-y", "-i", whole.name, "-vf",
+                        "split[a][b];[a]palettegen=reserve_transparent=0[p];[b][p]paletteuse=dither=none", path], check=True)
+
+
+def has_messages(browser):
+    return browser.run("return document.querySelectorAll('#items tbody tr').length > 10;") is True
+
+
 class Run:
     """Starts the program with these sources and flights, and ends all of it. A flight is (kind, port, seed, rate)."""
 
@@ -58,8 +71,7 @@ class Run:
                 return False
             return self.browser.run("return document.querySelector('#connection') !== null;") is True
         wait_for(opens, "the page")
-        wait_for(lambda: self.browser.run("return document.querySelectorAll('#items tbody tr').length > 10;") is True,
-                 "the first message")
+        wait_for(lambda: has_messages(self.browser), "the first message")
 
     def __exit__(self, *_):
         self.browser.close()

@@ -3,11 +3,9 @@
 """Takes pictures of the page while simulated flights play; scripts/screenshot starts it, in a network of its own."""
 import argparse
 import pathlib
-import subprocess
-import tempfile
 import time
 
-from page_run import Run
+from page_run import Run, save_picture
 
 SOURCES = """[aircraft]
 input = udp
@@ -46,16 +44,6 @@ FLIGHTS = (("klv", 15000, 40, 20), ("klv", 15001, 51, 10), ("cot", 15002, 3, 5))
 WIDTHS = ((1440, 900), (820, 1180), (360, 780))
 
 
-def save(browser, path):
-    """Saves what is shown with at most 256 colours, which makes the file a quarter."""
-    with tempfile.NamedTemporaryFile(suffix=".png") as whole:
-        browser.screenshot(whole.name)
-        path.parent.mkdir(parents=True, exist_ok=True)
-        subprocess.run(["ffmpeg", "-loglevel", "error", "-y", "-i", whole.name, "-vf",
-                        "split[a][b];[a]palettegen=reserve_transparent=0[p];[b][p]paletteuse=dither=none", path], check=True)
-    print(path)
-
-
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--bin", type=pathlib.Path, required=True)
@@ -68,13 +56,13 @@ def main():
         run.open_page()
         time.sleep(options.seconds)
         run.browser.prefer(color_scheme="light")
-        save(run.browser, options.docs / "live_page.png")
+        save_picture(run.browser, options.docs / "live_page.png")
         for width, height in WIDTHS if options.widths else ():
             run.browser.resize(width, height)
             for scheme in ("light", "dark"):
                 run.browser.prefer(color_scheme=scheme)
                 time.sleep(1)
-                save(run.browser, options.out / f"{width}-{scheme}.png")
+                save_picture(run.browser, options.out / f"{width}-{scheme}.png")
 
 
 if __name__ == "__main__":

@@ -4,7 +4,7 @@
 import { byId, calmMotion, printable, remember, remembered, setHidden } from "./dom.js";
 import { graticuleText } from "./format.js";
 import { footprint, graticuleStep, isPlace, latitudeOf, longitudeOf, sight, worldX, worldY } from "./geometry.js";
-import { drawSource } from "./symbols.js";
+import { drawNames as drawPlatformNames, drawSource } from "./symbols.js";
 import { colour, onThemeChange } from "./theme.js";
 import { World } from "./world.js";
 
@@ -302,15 +302,17 @@ export class LiveMap {
     if (this.model === null) return;
     const sources = [...this.model.sources.values()];
     sources.sort((a, b) => Number(a.name === this.selected) - Number(b.name === this.selected));
+    const names = [];
     for (const source of sources) {
-      drawSource(context, view, {
+      names.push(drawSource(context, view, {
         source,
         name: printable(source.name),
         isSelected: source.name === this.selected,
         line: sight(source.seen),
         ground: footprint(source.seen, source.message?.items?.[96] ?? source.message?.items?.[22]),
-      });
+      }));
     }
+    drawPlatformNames(context, names.filter((name) => name !== null).reverse());
   }
 
   pickAt(point) {

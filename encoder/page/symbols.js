@@ -146,17 +146,30 @@ function drawPlatform(context, [x, y], seen, isSelected, ink) {
   context.restore();
 }
 
-function drawName(context, [x, y], name, isSelected, ink) {
-  context.font = `${isSelected ? 600 : 500} 12px system-ui, sans-serif`;
+const NAME_HEIGHT = 15;
+
+// Draws names beside their platforms; those that would cover another one move up or down, or are left out in a crowd.
+export function drawNames(context, names) {
+  const taken = [];
   context.lineJoin = "round";
-  context.strokeStyle = colour("--map-halo");
-  context.lineWidth = 4;
-  const shown = name.length > 32 ? `${name.slice(0, 31)}…` : name;
-  context.strokeText(shown, x + 19, y + 4);
-  context.fillStyle = ink;
-  context.fillText(shown, x + 19, y + 4);
+  for (const { x, y, text, isSelected, ink } of names) {
+    const shown = text.length > 32 ? `${text.slice(0, 31)}…` : text;
+    context.font = `${isSelected ? 600 : 500} 12px system-ui, sans-serif`;
+    const left = x + 19;
+    const right = left + context.measureText(shown).width;
+    const isFree = (line) => taken.every((box) => box.right < left || box.left > right || Math.abs(box.line - line) >= NAME_HEIGHT);
+    const line = [0, 1, -1, 2, -2, 3].map((step) => y + 4 + step * NAME_HEIGHT).find(isFree);
+    if (line === undefined) continue;
+    taken.push({ left, right, line });
+    context.strokeStyle = colour("--map-halo");
+    context.lineWidth = 4;
+    context.strokeText(shown, left, line);
+    context.fillStyle = ink;
+    context.fillText(shown, left, line);
+  }
 }
 
+// Returns where the source's name belongs, or null if it has no place.
 export function drawSource(context, view, { source, name, isSelected, line, ground }) {
   const { seen } = source;
   const ink = sourceColour(source.slot);
@@ -168,8 +181,8 @@ export function drawSource(context, view, { source, name, isSelected, line, grou
   if (line !== null && points.length === 2) drawSight(context, points[0], points[1], line.isOpen, ink);
   if (isPlace(seen.target)) drawTarget(context, project.point(seen.target), ink);
   if (isPlace(seen.frame_center)) drawCentre(context, project.point(seen.frame_center), ink);
-  if (isPlace(seen.platform)) {
-    drawPlatform(context, points[0], seen, isSelected, ink);
-    drawName(context, points[0], name, isSelected, ink);
-  }
+  if (!isPlace(seen.platform)) return null;
+  const [x, y] = points[0];
+  drawPlatform(context, [x, y], seen, isSelected, ink);
+  return { x, y, text: name, isSelected, ink };
 }
