@@ -238,7 +238,8 @@ class Names(EndToEndTest):
         self.name("127.0.0.3")
         receiver = self.listen("127.0.0.3")
         self.wait_for(lambda: self.relayed(receiver), "a copy at the new address", 60)
-        self.assertIn("source udp relays to map.test:7301 at 127.0.0.3 from now on\n", self.errors())
+        line = "source udp relays to map.test:7301 at 127.0.0.3 from now on\n"
+        self.wait_for(lambda: line in self.errors(), "the line")
         summary = source(self.stop(), "udp")
         (relay,) = summary["statistics"]["relays"]
         self.assertEqual((relay["destination"], relay["address"]), ("map.test:7301", "127.0.0.3"))
