@@ -39,7 +39,7 @@ class Run:
     """Starts the program with these sources and flights, and ends all of it. A flight is (kind, port, seed, rate)."""
 
     def __init__(self, bin_folder, sources, flights):
-        self.bin = bin_folder
+        self.bin = bin_folder.resolve()
         self.sources = sources
         self.flights = flights
         self.processes = []

@@ -39,6 +39,10 @@ family = ipv4
 [serial]
 input = serial
 baud = 115200
+
+[stream flight]
+url = flight.ts
+sources = aircraft
 """
 FLIGHTS = (("klv", 15000, 40, 20), ("klv", 15001, 51, 10), ("cot", 15002, 3, 5))  # seeds of neighbours
 WIDTHS = ((1440, 900), (820, 1180), (360, 780))
