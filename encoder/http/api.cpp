@@ -215,8 +215,8 @@ Json Api::History(const std::string& name, const Request& request) const {
   Json json = {{"source", name}, {"now_us", nowUs}};
   json["series"] = Json::array();
   for (const std::string& text : items) {
-    const bool isNumber =
-        text.size() < 6 && std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
+    const bool isNumber = !text.empty() && text.size() < 6 &&
+                          std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
     const auto* const item =
         isNumber ? st0601::FindItem(static_cast<uint32_t>(std::stoul(text))) : st0601::FindItem(std::string_view(text));
     if (item == nullptr) throw Refusal{400, "item must be the tag or the key of an item, not \"" + text + "\""};

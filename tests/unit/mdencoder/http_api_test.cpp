@@ -563,6 +563,7 @@ TEST_F(ApiTest, RefusesWhatItDoesNotKnow) {
       {"/api/v1/sources/a/history", {}},
       {"/api/v1/sources/a/history", {{"item", "x"}}},
       {"/api/v1/sources/a/history", {{"item", "99999"}}},
+      {"/api/v1/sources/a/history", {{"item", "13,,14"}}},
       {"/api/v1/sources/a/history", {{"item", "13"}, {"seconds", "601"}}},
       {"/api/v1/events", {{"kind", "x"}}},
       {"/api/v1/events", {{"rate", "-1"}}},
