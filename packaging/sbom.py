@@ -51,6 +51,9 @@ COMPILED_IN = {
     "metadata-tools": ["libcli11-dev", "libcpp-httplib-dev", "nlohmann-json3-dev", "libspdlog-dev", "libfmt-dev", "libstdc++-12-dev",
                        "libgcc-12-dev"],
 }
+# What the page inside a program has from npm, of what its lock file names; axe-core is for the tests alone.
+PAGE = ROOT / "encoder/page/third_party/package-lock.json"
+IN_PAGE = {"metadata-tools": ["leaflet", "world-atlas"]}
 # What the headings of packaging/debian-packages.txt mean for the packages. Those of tests and checks leave no trace.
 HEADINGS = {"build": "BUILD_TOOL_OF", "libraries of the host runtime, the stand-in encoder and the tools":
             "BUILD_DEPENDENCY_OF", "packages": "BUILD_TOOL_OF"}
@@ -159,6 +162,15 @@ def entry(name, version, architecture, terms, supplier="Organization: Debian"):
     return result
 
 
+def of_npm(name, lock):
+    locked = lock["packages"][f"node_modules/{name}"]
+    result = entry(name, None, "all", locked["license"], "Organization: npm")
+    result["versionInfo"] = locked["version"]
+    result["externalRefs"] = [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
+                               "referenceLocator": f"pkg:npm/{name}@{locked['version']}"}]
+    return result
+
+
 def built_with(text):
     """The pairs of package and relationship in packaging/debian-packages.txt."""
     pairs, heading = [], None
@@ -204,6 +216,9 @@ class Bill:
             machine = self.target if inside in self.target.versions else self.builder
             terms = licence(inside)
             self.relate(package["SPDXID"], "STATIC_LINK", self.of_debian(inside, machine, self.architecture, terms))
+        for inside in IN_PAGE.get(package["name"], []):
+            self.packages.setdefault(inside, of_npm(inside, json.loads(PAGE.read_text())))
+            self.relate(package["SPDXID"], "CONTAINS", self.packages[inside]["SPDXID"])
 
     def add_all(self):
         debs = sorted(self.folder.glob("*.deb"))

@@ -77,6 +77,18 @@ class Bill(unittest.TestCase):
         self.assertEqual(document["creationInfo"]["created"], "2001-09-09T01:46:40Z")
         self.assertEqual(self.bill(), document)
 
+    def test_the_tools_contain_what_the_page_has_from_others(self):
+        self.target = sbom.Machine(INSTALLED + "".join(f"{name} 1-1\n" for name in sbom.COMPILED_IN["metadata-tools"]), SHLIBS)
+        self.make_package("metadata-tools", {"usr/bin/x": None})
+        document = self.bill()
+        own = "SPDXRef-Package-metadata-tools"
+        self.assertEqual(self.relations(document, "CONTAINS"),
+                         [(own, "SPDXRef-Package-leaflet"), (own, "SPDXRef-Package-world-atlas")])
+        (leaflet,) = [package for package in document["packages"] if package["name"] == "leaflet"]
+        self.assertEqual(leaflet["licenseDeclared"], "BSD-2-Clause")
+        self.assertRegex(leaflet["externalRefs"][0]["referenceLocator"], r"^pkg:npm/leaflet@1\.")
+        self.assertEqual(self.check(document), [])
+
     def test_another_content_has_another_namespace(self):
         before = self.bill()["documentNamespace"]
         self.make_package("libmetadata-lib-doc", {"usr/share/doc/y": None})
