@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // CONTENTS
-//   Input       is opened and gives packets of one video track
+//   Input       is a file, a live stream or a camera, and gives packets of one video track
 //   Passing     puts them into Annex B form
 //   Encoding    decodes them and encodes the pictures
 //   Core        is what the thread does
@@ -27,6 +27,7 @@ extern "C" {
 
 #include "annotated_mutex.h"
 #include "av_owned.h"
+#include "camera.h"
 #include "stream_url.h"
 #include "video_encoder.h"
 
@@ -64,12 +65,27 @@ struct CloseInput {
   void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
 };
 
+// What the packets of an input are.
+struct Track {
+  const AVCodecParameters& codec;
+  AVRational base;
+  AVRational rate;  // on the average
+};
+
 class Input {
  public:
+  virtual ~Input() = default;
+  virtual Track Describe() const = 0;
+  // Returns false at the end. Throws std::runtime_error.
+  virtual bool Next(AVPacket* packet) = 0;
+};
+
+class MediaInput : public Input {
+ public:
   // Throws std::runtime_error.
-  Input(const StreamSettings& settings, std::function<bool()> isStopping) : m_isStopping(std::move(isStopping)) {
+  MediaInput(const StreamSettings& settings, std::function<bool()> isStopping) : m_isStopping(std::move(isStopping)) {
     AVFormatContext* context = av::Require(avformat_alloc_context(), "input");
-    context->interrupt_callback = {&Input::IsInterrupted, this};
+    context->interrupt_callback = {&MediaInput::IsInterrupted, this};
     context->max_streams = kMostTracks;
     context->max_analyze_duration = 2'000'000;
     context->probesize = 4'000'000;
@@ -89,18 +105,17 @@ class Input {
     for (unsigned i = 0; i < context->nb_streams; ++i) {
       if (static_cast<int>(i) != m_track) context->streams[i]->discard = AVDISCARD_ALL;
     }
-    const AVCodecParameters& codec = *Track().codecpar;
+    const AVCodecParameters& codec = *Chosen().codecpar;
     if (codec.width <= 0 || codec.height <= 0 || int64_t{codec.width} * codec.height > kMostPixels) {
       throw std::runtime_error("has a picture of no usable size");
     }
   }
-  Input(const Input&) = delete;
-  Input& operator=(const Input&) = delete;
+  MediaInput(const MediaInput&) = delete;
+  MediaInput& operator=(const MediaInput&) = delete;
 
-  const AVStream& Track() const { return *m_context->streams[m_track]; }
+  Track Describe() const override { return {*Chosen().codecpar, Chosen().time_base, Chosen().avg_frame_rate}; }
 
-  // Returns false at the end. Throws std::runtime_error.
-  bool Next(AVPacket* packet) {
+  bool Next(AVPacket* packet) override {
     for (;;) {
       av_packet_unref(packet);
       m_deadline = Clock::now() + kLongestSilence;
@@ -112,8 +127,9 @@ class Input {
   }
 
  private:
+  const AVStream& Chosen() const { return *m_context->streams[m_track]; }
   static int IsInterrupted(void* self) {
-    const auto* const input = static_cast<const Input*>(self);
+    const auto* const input = static_cast<const MediaInput*>(self);
     return input->m_isStopping() || Clock::now() > input->m_deadline ? 1 : 0;
   }
 
@@ -122,6 +138,28 @@ class Input {
   std::unique_ptr<AVFormatContext, CloseInput> m_context;
   int m_track = 0;
 };
+
+class CameraInput : public Input {
+ public:
+  // Throws std::runtime_error.
+  CameraInput(const StreamSettings& settings, std::function<bool()> isStopping)
+      : m_isStopping(std::move(isStopping)),
+        m_camera({settings.video, settings.width, settings.height, settings.rate, settings.copies}, SystemCamera()) {}
+
+  Track Describe() const override { return {m_camera.Codec(), kMicroseconds, {0, 1}}; }
+  bool Next(AVPacket* packet) override { return m_camera.Next(packet, m_isStopping); }
+
+ private:
+  const std::function<bool()> m_isStopping;
+  Camera m_camera;
+};
+
+std::unique_ptr<Input> OpenInput(const StreamSettings& settings, std::function<bool()> isStopping) {
+  if (settings.kind == StreamSettings::Video::Camera) {
+    return std::make_unique<CameraInput>(settings, std::move(isStopping));
+  }
+  return std::make_unique<MediaInput>(settings, std::move(isStopping));
+}
 
 // Takes packets and gives frames on the input's clock.
 class Stage {
@@ -132,8 +170,8 @@ class Stage {
 };
 
 // Returns the time from frame to frame, on the average.
-int64_t FrameUs(const AVStream& track) {
-  const AVRational rate = track.avg_frame_rate;
+int64_t FrameUs(const Track& track) {
+  const AVRational rate = track.rate;
   if (rate.num <= 0 || rate.den <= 0) return kUsualFrameUs;
   return std::clamp<int64_t>(av_rescale(1'000'000, rate.den, rate.num), 1'000, 1'000'000);
 }
@@ -142,16 +180,16 @@ int64_t FrameUs(const AVStream& track) {
 
 class Passing : public Stage {
  public:
-  explicit Passing(const AVStream& track)
-      : m_codec(track.codecpar->codec_id == AV_CODEC_ID_H264 ? video::Codec::H264 : video::Codec::H265),
+  explicit Passing(const Track& track)
+      : m_codec(track.codec.codec_id == AV_CODEC_ID_H264 ? video::Codec::H264 : video::Codec::H265),
         m_out(av::Require(av_packet_alloc(), "packet")),
         m_frameUs(FrameUs(track)) {
     const char* const name = m_codec == video::Codec::H264 ? "h264_mp4toannexb" : "hevc_mp4toannexb";
     AVBSFContext* filter = nullptr;
     av::Require(av_bsf_alloc(av::Require(av_bsf_get_by_name(name), name), &filter), name);
     m_filter.reset(filter);
-    av::Require(avcodec_parameters_copy(filter->par_in, track.codecpar), name);
-    filter->time_base_in = track.time_base;
+    av::Require(avcodec_parameters_copy(filter->par_in, &track.codec), name);
+    filter->time_base_in = track.base;
     av::Require(av_bsf_init(filter), name);
   }
 
@@ -212,16 +250,16 @@ class Passing : public Stage {
 
 class Encoding : public Stage {
  public:
-  Encoding(const AVStream& track, const StreamSettings& settings)
+  Encoding(const Track& track, const StreamSettings& settings)
       : m_shape{video::Codec::H264, settings.width, settings.height},
-        m_base(track.time_base),
+        m_base(track.base),
         m_encoder({settings.width, settings.height, settings.rate, settings.bitrate}),
         m_picture(av::Require(av_frame_alloc(), "picture")),
         m_scaled(av::Require(av_frame_alloc(), "picture")) {
-    const AVCodec* const codec = av::Require(avcodec_find_decoder(track.codecpar->codec_id), "decoder of the video");
+    const AVCodec* const codec = av::Require(avcodec_find_decoder(track.codec.codec_id), "decoder of the video");
     m_decoder.reset(av::Require(avcodec_alloc_context3(codec), "decoder"));
-    av::Require(avcodec_parameters_to_context(m_decoder.get(), track.codecpar), "decoder");
-    m_decoder->pkt_timebase = track.time_base;
+    av::Require(avcodec_parameters_to_context(m_decoder.get(), &track.codec), "decoder");
+    m_decoder->pkt_timebase = track.base;
     m_decoder->thread_count = 1;
     m_decoder->max_pixels = kMostPixels;
     av::Require(avcodec_open2(m_decoder.get(), codec, nullptr), "decoder");
@@ -292,8 +330,8 @@ class Encoding : public Stage {
   int64_t m_lastUs = INT64_MIN / 2;
 };
 
-std::unique_ptr<Stage> MakeStage(const AVStream& track, const StreamSettings& settings) {
-  const AVCodecID codec = track.codecpar->codec_id;
+std::unique_ptr<Stage> MakeStage(const Track& track, const StreamSettings& settings) {
+  const AVCodecID codec = track.codec.codec_id;
   const bool passes = settings.copies && (codec == AV_CODEC_ID_H264 || codec == AV_CODEC_ID_HEVC);
   if (passes) return std::make_unique<Passing>(track);
   return std::make_unique<Encoding>(track, settings);
@@ -343,10 +381,10 @@ class MediaReader::Core {
   // Reads to the end, and returns whether it was one without a fault.
   bool ReadOnce(std::string& reason) try {
     m_hadFrames = false;
-    Input input(m_settings, [this] { return m_isStopped.load(); });
-    const std::unique_ptr<Stage> stage = MakeStage(input.Track(), m_settings);
+    const std::unique_ptr<Input> input = OpenInput(m_settings, [this] { return m_isStopped.load(); });
+    const std::unique_ptr<Stage> stage = MakeStage(input->Describe(), m_settings);
     const av::Packet packet(av::Require(av_packet_alloc(), "packet"));
-    while (!m_isStopped.load() && input.Next(packet.get())) {
+    while (!m_isStopped.load() && input->Next(packet.get())) {
       stage->Push(packet.get(), [this](EncodedFrame frame, const VideoFeed::Shape& shape) {
         Give({std::move(frame), shape, !m_hadFrames, Clock::now()});
       });

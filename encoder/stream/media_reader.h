@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Reads the video of a file or a live stream, on a thread of its own. H.264 and H.265 can be passed on as they are; anything
+// Reads the video of a file, a live stream or a camera, on a thread of its own. H.264 and H.265 can be passed on as they are; anything
 // else is decoded and encoded again.
 //
 // A file begins again at its end. An input that is not there, or goes, is tried again after 1, 2, 4 ... 30 seconds; one line

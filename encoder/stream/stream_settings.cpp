@@ -19,6 +19,7 @@
 namespace mdencoder {
 namespace {
 
+constexpr std::string_view kCamera = "v4l2:";
 constexpr std::string_view kPrefix = "stream ";
 constexpr std::array<std::string_view, 4> kUrlKeys = {"url", "url2", "url3", "url4"};
 constexpr std::string_view kKeys[] = {"video",  "size", "rate", "bitrate", "encode", "sources", "metadata",
@@ -107,14 +108,20 @@ void ReadSize(Section& section, StreamSettings& stream) {
 void ReadVideo(Section& section, StreamSettings& stream) {
   if (const std::string* text = section.Find("video")) {
     const std::string scheme = stream_url::Scheme(*text);
-    if (*text != "scene" && scheme.empty()) {
+    if (text->starts_with(kCamera)) {
+      stream.kind = StreamSettings::Video::Camera;
+      stream.video = text->substr(kCamera.size());
+      if (!stream.video.starts_with('/'))
+        section.Fail("video", *text, "v4l2: and the path of a camera, such as v4l2:/dev/video0");
+    } else if (*text != "scene" && scheme.empty()) {
       stream.kind = StreamSettings::Video::File;
       stream.video = section.Path("video");
     } else if (!scheme.empty()) {
       stream.kind = StreamSettings::Video::Live;
       stream.video = *text;
       if (std::find(std::begin(kLiveSchemes), std::end(kLiveSchemes), scheme) == std::end(kLiveSchemes)) {
-        section.Fail("video", *text, "scene, a file, or a URL that begins with " + Join(kLiveSchemes) + " and ://");
+        section.Fail("video", *text,
+                     "scene, a file, v4l2:/dev/videoN, or a URL that begins with " + Join(kLiveSchemes) + " and ://");
       }
     }
   }

@@ -31,10 +31,10 @@ struct StreamOutput {
 struct StreamSettings {
   bool operator==(const StreamSettings&) const = default;
 
-  enum class Video { Scene, File, Live };
+  enum class Video { Scene, File, Live, Camera };
   std::string name;
   Video kind = Video::Scene;
-  std::string video = "scene";  // "scene", a path or a URL
+  std::string video = "scene";  // "scene", a path, a URL, or the path of a camera
   int width = 640;
   int height = 360;
   double rate = 25;                  // frames a second

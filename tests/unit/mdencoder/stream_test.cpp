@@ -105,6 +105,10 @@ TEST(StreamSection, FilesAndUrlsAreCopiedUnlessTheKeySaysOtherwise) {
   const StreamSettings live = Read("[stream a]\nvideo = rtsp://camera/1\n").streams[0];
   EXPECT_EQ(live.kind, StreamSettings::Video::Live);
   EXPECT_TRUE(live.copies);
+  const StreamSettings camera = Read("[stream a]\nvideo = v4l2:/dev/video0\n").streams[0];
+  EXPECT_EQ(camera.kind, StreamSettings::Video::Camera);
+  EXPECT_EQ(camera.video, "/dev/video0");
+  EXPECT_THAT(Complaint("[stream a]\nvideo = v4l2:video0\n"), HasSubstr("must be v4l2: and the path of a camera"));
 }
 
 TEST(StreamSection, FaultsAreNamed) {
@@ -116,7 +120,7 @@ TEST(StreamSection, FaultsAreNamed) {
   EXPECT_THAT(Complaint("[stream a]\nsize = 641x360\n"), HasSubstr("even numbers"));
   EXPECT_THAT(Complaint("[stream a]\nencode = copy\n"), HasSubstr("encode must be h264 with video = scene"));
   EXPECT_THAT(Complaint("[stream a]\nvideo = ftp://x\n"),
-              HasSubstr("[stream a] video must be scene, a file, or a URL"));
+              HasSubstr("[stream a] video must be scene, a file, v4l2:/dev/videoN, or a URL"));
   EXPECT_THAT(Complaint("[stream a]\nsources = cam, tail\n"),
               HasSubstr("[stream a] sources must be a list of sources of"));
   EXPECT_THAT(Complaint("[stream a]\nrate = 5\n[stream  a]\nrate = 5\n"), HasSubstr("[stream a] is there twice"));
