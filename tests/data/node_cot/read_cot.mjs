@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Reads Cursor-on-Target events, one in each file, with an independent library, and prints each as a line of GeoJSON:
 //
-//   npm install @tak-ps/node-cot && node read_cot.mjs FILE...
+//   node reader.mjs FILE...    as tests/data/node_cot/make bundles it
 //
 // A file is an XML event, or a datagram of the TAK protocol with its header of three bytes.
 import fs from 'node:fs';
