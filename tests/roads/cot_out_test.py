@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Events of Cursor-on-Target as others read them: valid by a schema, over a group and to a server, and converted back by
 the library."""
+import contextlib
 import json
 import pathlib
 import socket
@@ -57,14 +58,22 @@ class CotOut(EndToEndTest):
     def test_the_recipe_of_the_page_feeds_map_clients(self):
         listener = self.receiver(6969, "239.2.3.1")
         recipe = Recipe(self, "outputs/cot")
-        self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
-        self.wait_for(lambda: harness.udp_port_open(15000), "the port")
-        recipe.run(1)
-        events = [self.check_event(listener.recv(65536)) for _ in range(2)]
+        events = []
+        # On a busy machine the messages may come all at once, so that a run ends before its first events are due.
+        for _ in range(5):
+            self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
+            self.wait_for(lambda: harness.udp_port_open(15000), "the port")
+            recipe.run(1)
+            self.assertEqual(self.encoder_process.wait(timeout=60 * harness.SLOW), 0)
+            listener.settimeout(0.1)
+            with contextlib.suppress(TimeoutError):
+                while len(events) < 2:
+                    events.append(self.check_event(listener.recv(65536)))
+            if len(events) == 2:
+                break
         self.assertEqual([event.get("uid") for event in events], ["SIM-7", "SIM-7-SPI"])
         for event in events:
             self.assertAlmostEqual(float(event.find("point").get("lat")), 46.4, delta=0.2)
-        self.assertEqual(self.encoder_process.wait(timeout=60 * harness.SLOW), 0)
 
     def test_events_say_what_the_message_says(self):
         listener = self.receiver(15822)
