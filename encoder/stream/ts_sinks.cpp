@@ -40,6 +40,19 @@ constexpr size_t kDatagram = 7 * ts::kPacketSize;
 
 // --- File --------------------------------------------------------------------------------------------
 
+// Appends a chunk to a file, or nothing of it.
+bool Append(GrowingFile& file, const TsChunk& chunk, std::string& reason) {
+  errno = 0;
+  const size_t written = file.Append(chunk.bytes.data(), chunk.bytes.size());
+  if (written == chunk.bytes.size()) {
+    file.size += written;
+    return true;
+  }
+  reason = std::strerror(errno);
+  file.Keep(0);
+  return false;
+}
+
 class FileSink : public TsSink {
  public:
   explicit FileSink(const std::string& path) : m_file(MakeGrowingFile(path, true)) {}
@@ -47,17 +60,7 @@ class FileSink : public TsSink {
   bool Open(std::string&) override { return true; }
   bool IsOpen() const override { return true; }
 
-  bool Write(const TsChunk& chunk, std::string& reason) override {
-    errno = 0;
-    const size_t written = m_file.Append(chunk.bytes.data(), chunk.bytes.size());
-    if (written == chunk.bytes.size()) {
-      m_file.size += written;
-      return true;
-    }
-    reason = std::strerror(errno);
-    m_file.Keep(0);
-    return false;
-  }
+  bool Write(const TsChunk& chunk, std::string& reason) override { return Append(m_file, chunk, reason); }
 
  private:
   GrowingFile m_file;
@@ -208,15 +211,7 @@ class SegmentSink : public TsSink {
     if (isDue && (!EndSegment(chunk.timeUs, reason) || !BeginSegment(chunk.timeUs, reason))) return false;
     m_endUs = chunk.timeUs;
     if (!m_file.fd.IsOpen()) return true;  // before the first key frame
-    errno = 0;
-    const size_t written = m_file.Append(chunk.bytes.data(), chunk.bytes.size());
-    if (written == chunk.bytes.size()) {
-      m_file.size += written;
-      return true;
-    }
-    reason = std::strerror(errno);
-    m_file.Keep(0);
-    return false;
+    return Append(m_file, chunk, reason);
   }
 
   void Close() override {
