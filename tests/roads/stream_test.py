@@ -184,21 +184,32 @@ class Stream(EndToEndTest):
         """GStreamer 1.22 does not know synchronous metadata."""
         for pid, name in TRACKS.items():
             track = ["gst-launch-1.0", "-v", "filesrc", f"location={path}", "!", "tsdemux", "name=demux",
-                     f"demux.private_0_{pid:04x}", "!", "meta/x-klv", "!", "tee", "name=both", "!", "queue", "!",
-                     "filesink", f"location={self.folder}/gst.klv", "both.", "!", "queue", "!", "fakesink",
-                     "silent=false", "sync=false"]
-            done = subprocess.run(track, capture_output=True, text=True, timeout=60 * SLOW)
-            got = (self.folder / "gst.klv").read_bytes()
+                     f"demux.private_0_{pid:04x}", "!", "meta/x-klv", "!", "identity", "silent=false", "!", "filesink",
+                     f"location={self.folder}/gst.klv"]
             if carriage == "synchronous":
-                self.assertEqual((got, "not-linked" in done.stderr), (b"", True), done.stderr)
+                self.assert_not_linked(track)
                 continue
-            self.assertEqual(got, b"".join(self.delivered(name)))
+            done = subprocess.run(track, capture_output=True, text=True, timeout=60 * SLOW, check=True)
+            self.assertEqual((self.folder / "gst.klv").read_bytes(), b"".join(self.delivered(name)))
             shown = [(int(minutes) * 60 + float(seconds)) * 90000
                      for minutes, seconds in re.findall(r"chain .* pts: 0:(\d+):([\d.]+)", done.stdout)]
             times = [pts for pts, _ in stream.messages(pid)]
             self.assertEqual(len(shown), len(times))
             for ours, theirs in zip(times, shown):
                 self.assertLess(abs((ours - times[0]) - (theirs - shown[0])), 2)
+
+    def assert_not_linked(self, track):
+        """One in thirty of these does not end after its error, so it is not waited for."""
+        process = self.start(*track, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
+        said = []
+        for line in process.stderr:
+            said.append(line)
+            if "not-linked" in line:
+                break
+        process.kill()
+        process.communicate()
+        self.assertIn("not-linked", "".join(said))
+        self.assertEqual((self.folder / "gst.klv").read_bytes(), b"")
 
     def read_with_mpegts_js(self, path, stream, carriage):
         """Its events of asynchronous metadata have no times."""
