@@ -134,8 +134,9 @@ static uint32_t _Pack(uint32_t codes, uint32_t distance, bool marked) {
 static constexpr int kLevels = 3;
 static constexpr int kBlockShifts[kLevels] = {7, 10, 13};  // blocks of 128 bytes, 1 KiB and 8 KiB
 
+// Borders that repeat at a distance differ in few bits of the product but the upper ones.
 static uint32_t _Hash(uint64_t position, uint32_t codes) {
-  return (static_cast<uint32_t>(position) ^ codes << 23) * 2654435761u >> 12;
+  return static_cast<uint32_t>((position ^ uint64_t{codes} << 32) * 0x9E3779B97F4A7C15u >> 40);
 }
 
 MdReread::WalkStep& MdRereadWalk::StepAt(int level, uint64_t position) const {
