@@ -9,6 +9,9 @@
 
 #include <string.h>
 
+#include <iterator>
+#include <utility>
+
 #include "md_core.h"
 
 // =====================================================================================================
@@ -44,22 +47,15 @@ static void _MakePowers(MdBlockCrcs& memory) {
     groupPower = static_cast<uint16_t>(power);
     power = _Times(power, group);
   }
+  for (uint32_t nibble = 0; nibble < std::size(memory.groupTimes); ++nibble)
+    for (uint32_t value = 0; value < std::size(memory.groupTimes[0]); ++value)
+      memory.groupTimes[nibble][value] = _Times(value << 4 * nibble, group);
   memory.hasPowers = true;
 }
 
 // =====================================================================================================
 // 2. Groups of codewords
 // =====================================================================================================
-
-// The data bits of at most nine codewords.
-struct DataBits {
-  BYTE bytes[9 * kCodewordDataBits / 8 + 1] = {};
-
-  DataBits(const BYTE* codewords, size_t count) {
-    for (size_t i = 0; i < count; ++i)
-      _MdCopyBits(codewords, i * kCodewordBits, bytes, i * kCodewordDataBits, kCodewordDataBits);
-  }
-};
 
 // The bits from one on, 64 of them. The codeword that they lie in reaches further.
 static uint64_t _ReadWord(const BYTE* codewords, size_t bit) {
@@ -69,32 +65,48 @@ static uint64_t _ReadWord(const BYTE* codewords, size_t bit) {
   return __builtin_bswap64(word) << bit % 8 | codewords[bit / 8 + 8] >> (8 - bit % 8);
 }
 
-// The data bits of a whole group, which fill its bytes.
-struct GroupData {
-  static constexpr int kWords = (kGroupDataSize + 7) / 8;
-  static constexpr int kSecondPart = kCodewordDataBits - 64;
-
-  uint64_t words[kWords];  // in memory, the bytes in order
-
-  explicit GroupData(const BYTE* codewords) {
-    uint64_t bits = 0;  // not yet written, from the highest one on
-    int count = 0;      // how many
-    int written = 0;
-    for (size_t i = 0; i < 8; ++i) {
-      const uint64_t first = _ReadWord(codewords, i * kCodewordBits);
-      const uint64_t second = _ReadWord(codewords, i * kCodewordBits + 64) >> (64 - kSecondPart) << (64 - kSecondPart);
-      words[written++] = __builtin_bswap64(bits | first >> count);
-      bits = count > 0 ? first << (64 - count) : 0;
-      bits |= second >> count;
-      count += kSecondPart;
-      if (count < 64) continue;
-      words[written++] = __builtin_bswap64(bits);
-      count -= 64;
-      bits = second << (kSecondPart - count);
-    }
-    words[written] = __builtin_bswap64(bits);
+// The data bits of at most nine codewords, and zeros behind them. Those of eight, a group, fill their bytes.
+class DataBits {
+ public:
+  DataBits(const BYTE* codewords, size_t number) {
+    Append(codewords, number, std::make_index_sequence<kMostCodewords>());
   }
+
+  const BYTE* Bytes() const { return reinterpret_cast<const BYTE*>(m_words); }
+
+ private:
+  static constexpr size_t kMostCodewords = 9;
+  static constexpr size_t kWords = (kMostCodewords * kCodewordDataBits + 63) / 64;
+  static constexpr size_t kSecondPart = kCodewordDataBits - 64;
+
+  // The distances are known for each codeword, so that the shifts are constants.
+  template <size_t... kIndices>
+  void Append(const BYTE* codewords, size_t number, std::index_sequence<kIndices...>) {
+    ((kIndices < number ? AppendOne<kIndices>(codewords) : void()), ...);
+    for (uint64_t& word : m_words) word = __builtin_bswap64(word);
+  }
+
+  template <size_t kIndex>
+  void AppendOne(const BYTE* codewords) {
+    constexpr size_t kWord = kIndex * kCodewordDataBits / 64;
+    constexpr size_t kBit = kIndex * kCodewordDataBits % 64;
+    const uint64_t first = _ReadWord(codewords, kIndex * kCodewordBits);
+    const uint64_t second = _ReadWord(codewords, kIndex * kCodewordBits + 64) >> (64 - kSecondPart)
+                                                                                     << (64 - kSecondPart);
+    m_words[kWord] |= first >> kBit;
+    m_words[kWord + 1] |= second >> kBit;
+    if constexpr (kBit > 0) m_words[kWord + 1] |= first << (64 - kBit);
+    if constexpr (kBit + kSecondPart > 64) m_words[kWord + 2] |= second << (64 - kBit);
+  }
+
+  uint64_t m_words[kWords] = {};  // in memory, the bytes in order
 };
+
+// The CRC before a group, multiplied by what a group of zeros does.
+static uint16_t _PassGroup(const MdBlockCrcs& memory, uint32_t crc) {
+  return memory.groupTimes[0][crc & 15] ^ memory.groupTimes[1][crc >> 4 & 15] ^ memory.groupTimes[2][crc >> 8 & 15] ^
+         memory.groupTimes[3][crc >> 12];
+}
 
 static uint16_t& _CrcAt(MdBlockCrcs& memory, uint64_t position) {
   return memory.crc[position % MdBlockCrcs::kPositions];
@@ -112,10 +124,9 @@ static void _CoverGroups(MdBlockCrcs& memory, const BYTE* codewords, uint64_t po
   }
   const uint64_t end = position + groups * kGroupSize;
   for (; last < end; last += kGroupSize) {
-    const GroupData data(codewords + (last - position));
-    const uint16_t crc = _MdCrc16(reinterpret_cast<const BYTE*>(data.words), kGroupDataSize);
-    _CrcAt(memory, last + kGroupSize) =
-        static_cast<uint16_t>(_Times(_CrcAt(memory, last), memory.groupPowers[1]) ^ crc);
+    const DataBits data(codewords + (last - position), 8);
+    const uint16_t crc = _MdCrc16(data.Bytes(), kGroupDataSize);
+    _CrcAt(memory, last + kGroupSize) = _PassGroup(memory, _CrcAt(memory, last)) ^ crc;
   }
   // Positions that are a whole ring behind have been overwritten.
   while (last - first >= MdBlockCrcs::kPositions) first += kGroupSize;
@@ -137,13 +148,13 @@ MdBlockCrc _MdReadBlockCrc(MdBlockCrcs& memory, const BYTE* codewords, size_t co
   const DataBits tail(codewords + groups * kGroupSize, needed < left ? needed : left);
 
   // The length in front of the message does not belong to it: without it the message begins with zeros, which count for
-  // nothing. As a polynomial it is its bytes in order, least significant bit first.
-  const DataBits head(codewords, 1);
-  const uint32_t lengthWord = head.bytes[0] | static_cast<uint32_t>(head.bytes[1]) << 8;
+  // nothing. As a polynomial it is its bytes in order, least significant bit first. They are the first ones of the first
+  // codeword.
+  const uint32_t lengthWord = codewords[0] | static_cast<uint32_t>(codewords[1]) << 8;
   const uint32_t before = _CrcAt(memory, position) ^ lengthWord;
   const uint32_t whole = _Times(before, memory.groupPowers[groups]) ^ _CrcAt(memory, position + groups * kGroupSize);
   MdBlockCrc result;
-  result.computed = static_cast<uint16_t>(_Times(whole, memory.bytePowers[rest]) ^ _MdCrc16(tail.bytes, rest));
-  result.stored = static_cast<uint16_t>(tail.bytes[rest] << 8 | tail.bytes[rest + 1]);
+  result.computed = static_cast<uint16_t>(_Times(whole, memory.bytePowers[rest]) ^ _MdCrc16(tail.Bytes(), rest));
+  result.stored = static_cast<uint16_t>(tail.Bytes()[rest] << 8 | tail.Bytes()[rest + 1]);
   return result;
 }

@@ -30,6 +30,7 @@ struct MdBlockCrcs {
   bool hasPowers;
   uint16_t groupPowers[kPositions / kGroupSize + 1];  // what groups of zeros do to a CRC, as a factor
   uint16_t bytePowers[kGroupDataSize];                // what bytes of zeros do
+  uint16_t groupTimes[4][16];                         // what a group of zeros does to each half byte of a CRC
   uint64_t first[kGroupSize];                         // for each phase: there are CRCs from this position on,
   uint64_t last[kGroupSize];                          // every kGroupSize bytes, to this one
   uint16_t crc[kPositions];                           // at the lower 16 bits of the position
