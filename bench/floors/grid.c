@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Stands for the loading of the geoid grid, twice: a loop over the file that knows nothing but decimals ("-12.345"), and a
-// scan per number as the C library has it.
+// Stands for the loading of the geoid grid, twice: a loop over the file that knows nothing but decimals ("-12.345") and
+// leaves the few numbers with an exponent to the C library, and a scan per number as the C library has it.
 #include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -21,12 +21,14 @@ static char* ReadFile(const char* path) {
 }
 
 int FloorGridFixedPoint(const char* path, float* values, size_t count) {
-  static const double kScales[] = {1, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9};
+  static const double kScales[] = {1e0, 1e1, 1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                   1e8, 1e9, 1e10, 1e11, 1e12, 1e13, 1e14, 1e15};
   char* const text = ReadFile(path);
   if (text == NULL) return -1;
-  const char* at = text;
+  char* at = text;
   for (size_t i = 0; i < count; ++i) {
     while (*at == ' ' || *at == '\n' || *at == '\r' || *at == '\t') ++at;
+    char* const start = at;
     const int negative = *at == '-';
     if (negative) ++at;
     int64_t digits = 0;
@@ -34,10 +36,11 @@ int FloorGridFixedPoint(const char* path, float* values, size_t count) {
     while (*at >= '0' && *at <= '9') digits = digits * 10 + (*at++ - '0');
     if (*at == '.') {
       ++at;
-      for (; *at >= '0' && *at <= '9' && decimals < 9; ++decimals) digits = digits * 10 + (*at++ - '0');
+      for (; *at >= '0' && *at <= '9' && decimals < 15; ++decimals) digits = digits * 10 + (*at++ - '0');
     }
     const double value = (double)digits / kScales[decimals];
     values[i] = (float)(negative ? -value : value);
+    if (*at == 'e') values[i] = strtof(start, &at);
   }
   free(text);
   return 0;
