@@ -29,6 +29,7 @@ REPETITIONS = 5
 COUNTED_BATCHES = 4
 ALLOWED_RISE = 0.02
 RECOUNTS = 3
+SETTLED = 0.02
 ALLOCATORS = {"malloc", "calloc", "realloc", "aligned_alloc", "posix_memalign"}
 PLAIN_FUNCTIONS = "glibc.cpu.hwcaps=-AVX512F,-AVX512VL,-AVX512BW,-AVX2,-AVX,-BMI2,-ERMS,-FSRM,-MOVBE"
 
@@ -70,11 +71,14 @@ MEASURES = {"modules": measure_module, "paths": measure_path, "paced": measure_p
 
 
 def rounds_of(workload, sides, options):
-    """The two sides in turn, a result per round each; every other round begins with the other side."""
+    """The two sides in turn, a result per round each; every other round begins with the other side. Where the machine does
+    something else in between, so that the ratios differ, there are more rounds."""
     results = {side: [] for side in sides}
     results["shares"] = []
     flights = set()
-    for number in range(options.rounds):
+    for number in range(options.most_rounds):
+        if number >= options.rounds and are_settled(results[sides[0]], results[sides[1]]):
+            break
         for side in sides if number % 2 == 0 else reversed(sides):
             result = MEASURES[workload["program"]](workload["name"], side, options)
             results[side].append(result["ns"])
@@ -83,6 +87,13 @@ def rounds_of(workload, sides, options):
             if side == sides[0] and "share" in result:
                 results["shares"].append(result["share"])
     return results, flights - {None}
+
+
+def are_settled(first, second):
+    """Whether the middle half of the rounds' ratios lies so close together that more rounds would not move the median."""
+    ratios = [one / other for one, other in zip(first, second)]
+    lower, middle, upper = statistics.quantiles(ratios, n=4, method="inclusive")
+    return (upper - lower) / 2 <= SETTLED * middle
 
 
 def spread(values):
@@ -112,12 +123,12 @@ def verdict(line):
     return "yes" if line["ratio"] >= line["required"] else "NO"
 
 
-RATIO_HEAD = ["workload", "ours, ns", "floor, ns", "per", "ratio", "spread", "required", "aim", "met"]
+RATIO_HEAD = ["workload", "ours, ns", "floor, ns", "per", "ratio", "spread", "rounds", "required", "aim", "met"]
 
 
 def ratio_cells(line):
     return [line["name"], number_text(line["ours"]), number_text(line["floor"]), line["unit"], f"{line['ratio']:.2f}",
-            f"±{line['spread'] * 100:.0f} %", number_text(line["required"]), number_text(line["aim"]), verdict(line)]
+            f"±{line['spread'] * 100:.0f} %", str(len(line["rounds"]["ours"])), number_text(line["required"]), number_text(line["aim"]), verdict(line)]
 
 
 GROWTH_HEAD = ["each further", "ours, ns", "floor, ns", "from", "to"]
@@ -454,20 +465,20 @@ def compare_hostile(workload, options):
     return line
 
 
-HOSTILE_HEAD = ["hostile input", "hostile, ns", "ordinary, ns", "per", "times", "spread", "limit", "aim", "met"]
+HOSTILE_HEAD = ["hostile input", "hostile, ns", "ordinary, ns", "per", "times", "spread", "rounds", "limit", "aim", "met"]
 
 
 def hostile_cells(line):
     return [line["name"], number_text(line["hostile"]), number_text(line["ordinary"]), line["unit"],
-            number_text(line["times"]), f"±{line['spread'] * 100:.0f} %", number_text(line["limit"]),
-            number_text(line["aim"]), "yes" if line["times"] <= line["limit"] else "NO"]
+            number_text(line["times"]), f"±{line['spread'] * 100:.0f} %", str(len(line["rounds"]["hostile"])),
+            number_text(line["limit"]), number_text(line["aim"]), "yes" if line["times"] <= line["limit"] else "NO"]
 
 
 def run_table(workloads, head, measure, cells, options):
     """Measures the workloads and prints a line for each as it is known."""
     if not workloads:
         return []
-    table = Table(head, [24, 11, 12, 7, 6, 6, 8, 5, 3])
+    table = Table(head, [24, 11, 12, 7, 6, 6, 6, 8, 5, 3])
     lines = []
     for workload in workloads:
         try:
@@ -482,7 +493,8 @@ def run_table(workloads, head, measure, cells, options):
 def arguments():
     parser = argparse.ArgumentParser(prog="scripts/bench", description=__doc__)
     parser.add_argument("--only", action="append", metavar="NAME", help="run these workloads; * stands for anything")
-    parser.add_argument("--rounds", type=int, default=5, help="rounds of each workload (5)")
+    parser.add_argument("--rounds", type=int, default=5, help="rounds of each workload (5), up to four times as "
+                        "many where they differ")
     parser.add_argument("--quick", action="store_true", help="three short rounds")
     parser.add_argument("--counts", action="store_true", help="the instruction counts alone")
     parser.add_argument("--times", action="store_true", help="the times alone")
@@ -494,6 +506,7 @@ def arguments():
     options.seconds = 0.25
     if options.quick:
         options.rounds, options.seconds = min(options.rounds, 3), 0.1
+    options.most_rounds = options.rounds if options.quick else 4 * options.rounds
     return options
 
 

@@ -36,14 +36,21 @@ class Figures(unittest.TestCase):
 
         bench.MEASURES["given"] = measure
         workload = {"name": "x", "program": "given", "unit": "byte"} | required
-        return compare(workload, argparse.Namespace(rounds=3))
+        return compare(workload, argparse.Namespace(rounds=3, most_rounds=6))
 
     def test_a_ratio_is_the_median_of_the_rounds(self):
-        line = self.compare(bench.compare, {"ours": [10, 20, 10], "floor": [10, 10, 20]}, {"required": 1.0})
+        line = self.compare(bench.compare, {"ours": [10, 20, 10, 10, 10], "floor": [10, 10, 20, 10, 10]},
+                            {"required": 1.0})
         self.assertEqual(line["ratio"], 1.0)
         self.assertEqual(line["spread"], 0.75)
         self.assertEqual(bench.verdict(line), "yes")
         self.assertEqual(line["flights"], ["generated"])
+
+    def test_rounds_that_differ_are_followed_by_more(self):
+        line = self.compare(bench.compare, {"ours": [10, 20, 10, 10, 10], "floor": [10] * 5}, {})
+        self.assertEqual(bench.ratio_cells(line | {"required": None, "aim": None})[6], "5")
+        line = self.compare(bench.compare, {"ours": [10, 20, 40, 80, 160, 320], "floor": [10] * 6}, {})
+        self.assertEqual(len(line["rounds"]["ours"]), 6)
 
     def test_the_sides_take_turns_in_beginning(self):
         self.compare(bench.compare, {"ours": [1, 1, 1], "floor": [1, 1, 1]}, {})
