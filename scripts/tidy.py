@@ -29,7 +29,7 @@ TIDY = "clang-tidy-14"
 NAMES = ["--checks=-*,readability-identifier-naming,readability-function-size",
          f"--header-filter=^{re.escape(str(ROOT))}/(metadata_lib|common|formats|host_runtime|encoder|tools|tests|fuzz|bench)/"]
 INCLUDE = re.compile(r'^\s*#\s*include\s*(<[^>]+>|"[^"]+")', re.M)
-NAMESPACE = re.compile(r"^namespace (\w+)", re.M)
+NAMESPACE = re.compile(r"^namespace ([\w:]+)", re.M)
 
 
 def preprocessed(entry):
@@ -101,6 +101,15 @@ def batches(sources, entries):
         yield from (group[part::parts] for part in range(parts) if len(group) > 1)
 
 
+def namespaces(text):
+    """Those that a source opens, the outer ones of nested ones before them."""
+    opened = {}
+    for name in NAMESPACE.findall(text):
+        parts = name.split("::")
+        opened |= dict.fromkeys("::".join(parts[:count]) for count in range(1, len(parts) + 1))
+    return opened
+
+
 def batch_is_clean(number, sources, entries, options):
     """Checks the sources as one. The headers come first, so that the namespaces hold the sources' own text only. A
     namespace that a source opens in there stands for the real one as well."""
@@ -113,7 +122,7 @@ def batch_is_clean(number, sources, entries, options):
             if not header.endswith(('.c"', '.cpp"')):
                 headers[f'"{os.path.normpath(beside)}"' if header[0] == '"' and beside.exists() else header] = None
         bodies += [f"namespace {name} {{}}\nnamespace batch_{index}::{name} {{\nusing namespace ::{name};\n}}\n"
-                   for name in dict.fromkeys(NAMESPACE.findall(text))]
+                   for name in namespaces(text)]
         bodies.append(f'namespace batch_{index} {{\n#include "{path}"\n}}\n')
         flags |= dict.fromkeys(flags_of(entries[source]))
     together = BUILD / f"batch_{number}.cpp"

@@ -120,6 +120,14 @@ class Tidy(unittest.TestCase):
         self.assertIn("namespace real {}\nnamespace batch_0::real {\nusing namespace ::real;\n}\n",
                       (self.tree / "build/tidy/batch_0.cpp").read_text())
 
+    def test_a_test_in_a_nested_namespace_sees_the_real_ones(self):
+        self.with_tests()
+        self.write(NAMES[0], "namespace real::inner {\nint Answer();\n}\n")
+        self.assertEqual(self.names()[0], 0)
+        together = (self.tree / "build/tidy/batch_0.cpp").read_text()
+        for name in ("real", "real::inner"):
+            self.assertIn(f"namespace {name} {{}}\nnamespace batch_0::{name} {{\nusing namespace ::{name};\n}}\n", together)
+
     def test_what_passed_all_checks_has_good_names(self):
         self.both()
         self.assertEqual(self.tidy("--names", "deep/one.cpp", "two.cpp"), (0, "", []))
