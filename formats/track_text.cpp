@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // CONTENTS
+//   Places     cut at the antimeridian
 //   Members    of optional values
 //   GeoJSON    features
 //   KML        placemarks
@@ -7,6 +8,7 @@
 //   Writer     puts them together
 #include "track_text.h"
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -25,14 +27,7 @@ using markup_text::XmlText;
 using st0601::Observation;
 using st0601::Position;
 
-// --- Members -------------------------------------------------------------------------------------------
-
-bool CrossesAntimeridian(const std::vector<Position>& corners) {
-  for (const Position& corner : corners) {
-    if (std::fabs(corner.longitude - corners.front().longitude) > 180) return true;
-  }
-  return false;
-}
+// --- Places --------------------------------------------------------------------------------------------
 
 bool LeadsOverAntimeridian(const Position& from, const Position& to) {
   return std::fabs(to.longitude - from.longitude) > 180;
@@ -50,6 +45,48 @@ Position Between(const Position& from, const Position& to, double part) {
   place.ellipsoidHeight = Between(from.ellipsoidHeight, to.ellipsoidHeight, part);
   return place;
 }
+
+using Ring = std::vector<Position>;  // corners of an area, each once
+
+// Returns the corners without jumps of 360 degrees between neighbours; nothing for an area around a pole.
+Ring Unrolled(Ring corners) {
+  for (size_t i = 1; i < corners.size(); ++i) {
+    const double from = corners[i - 1].longitude;
+    corners[i].longitude = from + std::remainder(corners[i].longitude - from, 360);
+  }
+  return LeadsOverAntimeridian(corners.back(), corners.front()) ? Ring() : corners;
+}
+
+// Returns the part of the area on one side of a meridian: west of it if side is -1, east of it if it is 1.
+Ring Side(const Ring& corners, double meridian, int side) {
+  Ring part;
+  const auto isInside = [&](const Position& corner) { return (corner.longitude - meridian) * side >= 0; };
+  for (size_t i = 0; i < corners.size(); ++i) {
+    const Position& from = corners[i];
+    const Position& to = corners[(i + 1) % corners.size()];
+    if (isInside(from)) part.push_back(from);
+    if (isInside(from) == isInside(to)) continue;
+    part.push_back(Between(from, to, (meridian - from.longitude) / (to.longitude - from.longitude)));
+    part.back().longitude = meridian;
+  }
+  return part;
+}
+
+// Returns the area, in two parts if it lies on both sides of the antimeridian, and none if it lies around a pole.
+std::vector<Ring> Parts(const Ring& corners) {
+  if (corners.empty()) return {};
+  const Ring whole = Unrolled(corners);
+  if (whole.empty()) return {};
+  const auto isOutside = [](const Position& corner) { return std::fabs(corner.longitude) > 180; };
+  const auto outside = std::find_if(whole.begin(), whole.end(), isOutside);
+  if (outside == whole.end()) return {corners};
+  const double edge = outside->longitude < 0 ? -180 : 180;
+  std::vector<Ring> parts = {Side(whole, edge, edge < 0 ? 1 : -1), Side(whole, edge, edge < 0 ? -1 : 1)};
+  for (Position& corner : parts[1]) corner.longitude -= 2 * edge;
+  return parts;
+}
+
+// --- Members -------------------------------------------------------------------------------------------
 
 // The value of an optional number as a member ',"name":1.5', or as nothing.
 std::string Member(const char* name, const std::optional<double>& value, int digits) {
@@ -72,10 +109,15 @@ std::string JsonPoint(const Position& position) {
   return text + "]";
 }
 
-std::string JsonRing(const std::vector<Position>& corners) {
+std::string JsonRing(const Ring& corners) {
   std::string text = "[[";
   for (const Position& corner : corners) text += JsonPoint(corner) + ",";
   return text + JsonPoint(corners.front()) + "]]";
+}
+
+std::string JsonArea(const std::vector<Ring>& parts) {
+  if (parts.size() == 1) return "\"type\":\"Polygon\",\"coordinates\":" + JsonRing(parts[0]);
+  return "\"type\":\"MultiPolygon\",\"coordinates\":[" + JsonRing(parts[0]) + "," + JsonRing(parts[1]) + "]";
 }
 
 // --- KML ---------------------------------------------------------------------------------------------
@@ -89,6 +131,16 @@ std::string KmlPointElement(const Position& position) {
   const char* const mode = position.altitude ? "absolute" : "clampToGround";
   return std::string("<Point><altitudeMode>") + mode + "</altitudeMode><coordinates>" + KmlPoint(position) +
          "</coordinates></Point>";
+}
+
+std::string KmlArea(const std::vector<Ring>& parts) {
+  std::string text;
+  for (const Ring& part : parts) {
+    text += "<Polygon><outerBoundaryIs><LinearRing><coordinates>";
+    for (const Position& corner : part) text += KmlPoint(corner) + " ";
+    text += KmlPoint(part.front()) + "</coordinates></LinearRing></outerBoundaryIs></Polygon>";
+  }
+  return parts.size() == 1 ? text : "<MultiGeometry>" + text + "</MultiGeometry>";
 }
 
 constexpr char kKmlStyles[] =
@@ -199,9 +251,8 @@ void Writer::AddGeoJson(const Observation& seen, const std::string& time) {
           Member("vfov", seen.verticalView, kAngle) + Member("slant_range", seen.slantRange, kMetres));
   add("frame_center", seen.frameCenter, "");
   add("target", seen.target, "");
-  if (!seen.corners.empty() && !CrossesAntimeridian(seen.corners)) {
-    AddFeature("\"type\":\"Polygon\",\"coordinates\":" + JsonRing(seen.corners), "footprint", when);
-  }
+  const std::vector<Ring> footprint = Parts(seen.corners);
+  if (!footprint.empty()) AddFeature(JsonArea(footprint), "footprint", when);
   AddToPath(*seen.platform);
 }
 
@@ -222,13 +273,8 @@ void Writer::AddKml(const Observation& seen, const std::string& time) {
                extended + KmlPointElement(*seen.platform));
   if (seen.frameCenter) AddPlacemark("frame_center", "", time, KmlPointElement(*seen.frameCenter));
   if (seen.target) AddPlacemark("target", "target", time, KmlPointElement(*seen.target));
-  if (!seen.corners.empty() && !CrossesAntimeridian(seen.corners)) {
-    std::string ring;
-    for (const Position& corner : seen.corners) ring += KmlPoint(corner) + " ";
-    AddPlacemark("footprint", "footprint", time,
-                 "<Polygon><outerBoundaryIs><LinearRing><coordinates>" + ring + KmlPoint(seen.corners.front()) +
-                     "</coordinates></LinearRing></outerBoundaryIs></Polygon>");
-  }
+  const std::vector<Ring> footprint = Parts(seen.corners);
+  if (!footprint.empty()) AddPlacemark("footprint", "footprint", time, KmlArea(footprint));
   AddToPath(*seen.platform);
 }
 

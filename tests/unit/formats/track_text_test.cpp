@@ -200,6 +200,54 @@ TEST(Track, GpxHasNoLongitudeOf180) {
   EXPECT_THAT(Whole(Format::Gpx, OverTheAntimeridian(180, -179), 10), Not(HasSubstr("lon=\"180.0")));
 }
 
+// A footprint of two degrees by four around a longitude, its corners in order around it.
+Observation WithFootprint(double longitude) {
+  Observation seen;
+  seen.platform.emplace();
+  constexpr double kCorners[][2] = {{2, -2}, {2, 2}, {0, 2}, {0, -2}};
+  for (const auto& [latitude, offset] : kCorners) {
+    seen.corners.emplace_back();
+    seen.corners.back().latitude = latitude;
+    seen.corners.back().longitude = std::remainder(longitude + offset, 360);
+  }
+  return seen;
+}
+
+Json Footprint(const Observation& seen) {
+  const Json json = Json::parse(Whole(Format::GeoJson, {seen}));
+  for (const Json& feature : json["features"]) {
+    if (feature["properties"]["kind"] == "footprint") return feature["geometry"];
+  }
+  return {};
+}
+
+TEST(Track, AFootprintOverTheAntimeridianIsTwo) {
+  const Json east = Footprint(WithFootprint(179));
+  EXPECT_EQ(east["type"], "MultiPolygon");
+  EXPECT_EQ(east["coordinates"], Json::parse("[[[[177,2],[180,2],[180,0],[177,0],[177,2]]],"
+                                             "[[[-180,2],[-179,2],[-179,0],[-180,0],[-180,2]]]]"));
+  const Json west = Footprint(WithFootprint(-179));
+  EXPECT_EQ(west["coordinates"], Json::parse("[[[[179,2],[180,2],[180,0],[179,0],[179,2]]],"
+                                             "[[[-180,2],[-177,2],[-177,0],[-180,0],[-180,2]]]]"));
+  EXPECT_THAT(Whole(Format::Kml, {WithFootprint(179)}),
+              HasSubstr("<MultiGeometry><Polygon><outerBoundaryIs><LinearRing><coordinates>177.0000000,2.0000000,0.0 "
+                        "180.0000000,2.0000000,0.0 "));
+}
+
+TEST(Track, AFootprintBesideTheAntimeridianIsOne) {
+  for (const double longitude : {-178.0, 178.0, 0.0}) {
+    EXPECT_EQ(Footprint(WithFootprint(longitude))["type"], "Polygon") << longitude;
+  }
+  EXPECT_THAT(Whole(Format::Kml, {WithFootprint(0)}), Not(HasSubstr("MultiGeometry")));
+}
+
+TEST(Track, AFootprintAroundAPoleIsNone) {
+  Observation seen = WithFootprint(0);
+  for (size_t i = 0; i < seen.corners.size(); ++i) seen.corners[i].longitude = -135 + 90.0 * static_cast<double>(i);
+  EXPECT_EQ(Footprint(seen), Json());
+  EXPECT_THAT(Whole(Format::Kml, {seen}), Not(HasSubstr("Polygon")));
+}
+
 TEST(Track, SamplesWithoutAPlaceAreNone) {
   for (const Format format : {Format::GeoJson, Format::Kml, Format::Gpx}) {
     Writer writer(format, "udp");
