@@ -291,8 +291,10 @@ Answer Api::Metrics(const ServerCounts& counts) const {
   Answer answer;
   answer.type = "text/plain; version=0.0.4; charset=utf-8";
   const auto state = m_hub.State();
-  answer.body =
-      MetricsText({*state, m_hub.Totals(), counts, m_settings.version, static_cast<double>(m_settings.startUs) / 1e6});
+  MetricsInput input{*state, m_hub.Totals(), counts, m_settings.version};
+  input.startSeconds = static_cast<double>(m_settings.startUs) / 1e6;
+  if (m_settings.streams.list) input.streams = m_settings.streams.list();
+  answer.body = MetricsText(input);
   answer.fields.emplace_back("Cache-Control", "no-store");
   return answer;
 }

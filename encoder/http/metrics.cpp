@@ -56,6 +56,32 @@ constexpr Metric kMetrics[] = {
     {"cot_converted_messages_total", kCounter, "Messages converted from events.", "/statistics/cot/converted_messages"},
 };
 
+constexpr Metric kStreamMetrics[] = {
+    {"stream_frames_total", kCounter, "Frames in the stream.", "/frames"},
+    {"stream_frames_late_total", kCounter, "Frames that were left out because this machine was too slow.",
+     "/frames_late"},
+    {"stream_messages_total", kCounter, "Messages in the stream.", "/messages"},
+    {"stream_lost_messages_total", kCounter, "Messages for which the stream had no room.", "/lost"},
+    {"stream_clock_seconds", kGauge, "Time of the stream's last frame.", "/clock"},
+    {"stream_wall_offset_seconds", kGauge, "How far the time of day has moved against the stream's clock.",
+     "/wall_offset_ms", 0.001},
+};
+
+constexpr Metric kTrackMetrics[] = {
+    {"stream_source_messages_total", kCounter, "Messages of a source in the stream.", "/messages"},
+    {"stream_source_late_messages_total", kCounter, "Messages that came too late for their own time.", "/late"},
+    {"stream_source_by_arrival_total", kCounter, "Messages without a time that could be used.", "/by_arrival"},
+    {"stream_source_offset_seconds", kGauge, "What is added to the times of a source's messages.", "/offset_ms", 0.001},
+    {"stream_source_difference_seconds", kGauge, "From the source's clock to this one, with the time on the way.",
+     "/difference_ms", 0.001},
+    {"stream_source_drift_ratio", kGauge, "Drift of the source's clock, seconds a second.", "/drift_ppm", 1e-6},
+};
+
+constexpr Metric kOutputMetrics[] = {
+    {"stream_output_bytes_total", kCounter, "Bytes that an output of the stream took.", "/bytes"},
+    {"stream_output_lost_bytes_total", kCounter, "Bytes that an output of the stream did not take.", "/lost"},
+};
+
 std::string Escaped(std::string_view text) {
   std::string escaped;
   for (const char c : text) {
@@ -109,6 +135,18 @@ const Json& At(const Json& json, const char* pointer) {
   return json.contains(place) ? json.at(place) : kNone;
 }
 
+// Adds the metrics of a table, with a value for each object that has the number. `labelsOf` tells its labels.
+template <size_t kCount, typename LabelsOf>
+void AddTable(Writer& writer, const Metric (&table)[kCount], const Json& objects, const LabelsOf& labelsOf) {
+  for (const Metric& metric : table) {
+    writer.Begin(metric.name, metric.type, metric.help);
+    for (const Json& object : objects) {
+      const Json& value = At(object, metric.pointer);
+      if (value.is_number()) writer.Add(labelsOf(object), value.get<double>() * metric.scale);
+    }
+  }
+}
+
 void AddSources(Writer& writer, const Json& sources) {
   writer.Begin("source_open", kGauge, "Whether the source is open.");
   for (const Json& source : sources) {
@@ -117,13 +155,40 @@ void AddSources(Writer& writer, const Json& sources) {
                            {"data", source.at("data").get<std::string>()}};
     writer.Add(labels, source.at("state") == "open" ? 1 : 0);
   }
-  for (const Metric& metric : kMetrics) {
-    writer.Begin(metric.name, metric.type, metric.help);
-    for (const Json& source : sources) {
-      const Json& value = At(source, metric.pointer);
-      if (value.is_number()) writer.Add({{"source", NameOf(source)}}, value.get<double>() * metric.scale);
+  AddTable(writer, kMetrics, sources, [](const Json& source) { return Labels{{"source", NameOf(source)}}; });
+}
+
+// Returns the entries of a list in each stream, with the stream's name and their number in it.
+Json Parts(const Json& streams, const char* list) {
+  Json parts = Json::array();
+  for (const Json& stream : streams) {
+    const Json& entries = At(stream, list);
+    for (size_t i = 0; i < entries.size(); ++i) {
+      parts.push_back(entries[i]);
+      parts.back()["stream"] = NameOf(stream);
+      parts.back()["number"] = std::to_string(i + 1);
     }
   }
+  return parts;
+}
+
+void AddStreams(Writer& writer, const Json& streams) {
+  const auto labels = [](const Json& stream) { return Labels{{"stream", NameOf(stream)}}; };
+  writer.Begin("stream_has_video", kGauge, "Whether pictures are coming.");
+  for (const Json& stream : streams) writer.Add(labels(stream), At(stream, "/has_video") == true ? 1 : 0);
+  AddTable(writer, kStreamMetrics, streams, labels);
+  AddTable(writer, kTrackMetrics, Parts(streams, "/tracks"), [](const Json& track) {
+    return Labels{{"stream", track.at("stream").get<std::string>()}, {"source", track.at("source").get<std::string>()}};
+  });
+  const Json outputs = Parts(streams, "/outputs");
+  const auto outputLabels = [](const Json& output) {
+    return Labels{{"stream", output.at("stream").get<std::string>()},
+                  {"output", output.at("number").get<std::string>()},
+                  {"destination", NameOf(output)}};
+  };
+  writer.Begin("stream_output_good", kGauge, "Whether an output of the stream can be written.");
+  for (const Json& output : outputs) writer.Add(outputLabels(output), output.at("good") == true ? 1 : 0);
+  AddTable(writer, kOutputMetrics, outputs, outputLabels);
 }
 
 // Adds a metric with a label for each count of an object.
@@ -207,6 +272,7 @@ std::string MetricsText(const MetricsInput& input) {
   AddCounts(writer, sources, "tak_total", "Counts of the front end of a TAK network, by kind.", "count", "/tak");
   AddRelays(writer, sources);
   AddSensors(writer, sources);
+  AddStreams(writer, input.streams);
   AddPage(writer, input);
   return writer.Text();
 }

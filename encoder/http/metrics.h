@@ -7,6 +7,7 @@
 #include <string>
 
 #include "http/hub.h"
+#include "http/message_json.h"
 
 namespace mdencoder::http {
 
@@ -25,7 +26,8 @@ struct MetricsInput {
   Hub::Counts hub;
   ServerCounts server;
   std::string version;
-  double startSeconds = 0;  // since 1970
+  double startSeconds = 0;       // since 1970
+  Json streams = Json::array();  // a report of each
 };
 
 std::string MetricsText(const MetricsInput& input);

@@ -160,15 +160,20 @@ class Http(EndToEndTest):
         self.encoder_process.send_signal(signal.SIGINT)
         self.assertEqual(self.encoder_process.wait(timeout=30 * harness.SLOW), 0)
 
-    def test_prometheus_reads_the_metrics(self):
-        self.serve()
-        self.deliver(5)
-        self.wait_for(lambda: self.get("/api/v1/sources/udp")["messages"] == 5, "the statistics")
-        status, headers, body = self.ask("/metrics")
+    def families(self):
+        """The metrics as the parser of Prometheus reads them, by their names."""
+        _, headers, body = self.ask("/metrics")
         self.assertEqual(headers["Content-Type"], "text/plain; version=0.0.4; charset=utf-8")
         families = {family.name: family for family in text_string_to_metric_families(body.decode())}
         self.assertTrue(all(family.documentation for family in families.values()))
         self.assertTrue(all(name.startswith("metadata_") for name in families))
+        return families
+
+    def test_prometheus_reads_the_metrics(self):
+        self.serve()
+        self.deliver(5)
+        self.wait_for(lambda: self.get("/api/v1/sources/udp")["messages"] == 5, "the statistics")
+        families = self.families()
         self.assertEqual(families["metadata_messages"].type, "counter")
         sample = families["metadata_messages"].samples[0]
         self.assertEqual((sample.name, sample.labels, sample.value), ("metadata_messages_total", {"source": "udp"}, 5))
@@ -230,11 +235,35 @@ class Http(EndToEndTest):
         time_shown = self.get("/api/v1/sources/udp/last")["presentation"]
         self.assertGreaterEqual(time_shown, before)
         self.wait_for(lambda: stream()["clock"] >= time_shown, "the frame of that time", 60)
+        self.wait_for(lambda: stream()["messages"] == 1 and stream()["outputs"][0]["bytes"] > 0, "the message in the file")
+        self.validator()("/api/v1/streams", "Streams", self.get("/api/v1/streams"))
+        self.check_metrics_of_the_stream(stream)
         self.stop()
         self.assertEqual(curl.wait(timeout=30 * harness.SLOW), 0)
         shown = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "stream=codec_name", "-of", "csv=p=0", movie],
                                capture_output=True, text=True, timeout=60 * harness.SLOW)
         self.assertEqual((shown.stdout.strip(), shown.stderr), ("h264", ""))
+
+    def check_metrics_of_the_stream(self, stream):
+        before = stream()
+        families = self.families()
+        after = stream()
+
+        def value(name, **labels):
+            found = [sample for sample in families[f"metadata_stream_{name}"].samples if sample.labels == {"stream": "flight", **labels}]
+            self.assertEqual(len(found), 1, (name, families[f"metadata_stream_{name}"]))
+            return found[0].value
+        source = {"source": "udp"}
+        output = {"output": "1", "destination": str(self.folder / "flight.ts")}
+        self.assertEqual((value("messages"), value("lost_messages")), (1, 0))
+        self.assertEqual((value("source_messages", **source), value("source_by_arrival", **source)), (1, 1))
+        self.assertEqual((value("output_good", **output), value("output_lost_bytes", **output)), (1, 0))
+        for name in ("source_late_messages", "source_offset_seconds", "source_difference_seconds", "source_drift_ratio"):
+            self.assertGreaterEqual(value(name, **source), 0, name)
+        for name, key in (("frames", "frames"), ("frames_late", "frames_late"), ("clock_seconds", "clock")):
+            self.assertTrue(before[key] <= value(name) <= after[key], name)
+        self.assertTrue(before["outputs"][0]["bytes"] <= value("output_bytes", **output) <= after["outputs"][0]["bytes"])
+        self.assertEqual(families["metadata_stream_frames"].type, "counter")
 
     # --- who may ask
 

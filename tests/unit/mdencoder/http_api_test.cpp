@@ -25,6 +25,7 @@
 #include "http/recordings.h"
 #include "receiver.h"
 #include "source.h"
+#include "stream/stream_report.h"
 
 namespace mdencoder::http {
 namespace {
@@ -444,6 +445,48 @@ TEST_F(HubTest, MetricsHaveEveryCountOnce) {
   EXPECT_THAT(text, Not(HasSubstr("metadata_kernel_drops_total"))) << "nothing stands without a value";
 }
 
+// A stream in which every count is another one.
+StreamReport FlightReport() {
+  StreamReport flight;
+  flight.name = "flight";
+  flight.video = "scene";
+  flight.hasVideo = true;
+  flight.frames = 11;
+  flight.framesLate = 12;
+  flight.messages = 13;
+  flight.lost = 14;
+  flight.clockUs = 15500000;
+  flight.wallOffsetUs = -16000;
+  flight.tracks.push_back({"a", 0x101, 21, 22, 23, 24000, 25000, 26});
+  flight.outputs.push_back({"flight.ts", true, 31, 32});
+  flight.outputs.push_back({"udp://239.1.1.1:5", false, 41, 42});
+  return flight;
+}
+
+TEST_F(HubTest, MetricsHaveTheCountsOfStreams) {
+  Update({});
+  MetricsInput input{*m_hub.State(), {}, {}, "1.0"};
+  EXPECT_THAT(MetricsText(input), Not(HasSubstr("metadata_stream_")));
+  input.streams = StreamsJson({FlightReport()});
+  const std::string text = MetricsText(input);
+  for (const char* const line :
+       {"has_video{stream=\"flight\"} 1", "frames_total{stream=\"flight\"} 11",
+        "frames_late_total{stream=\"flight\"} 12", "messages_total{stream=\"flight\"} 13",
+        "lost_messages_total{stream=\"flight\"} 14", "clock_seconds{stream=\"flight\"} 15.5",
+        "wall_offset_seconds{stream=\"flight\"} -0.016", "source_messages_total{stream=\"flight\",source=\"a\"} 21",
+        "source_late_messages_total{stream=\"flight\",source=\"a\"} 22",
+        "source_by_arrival_total{stream=\"flight\",source=\"a\"} 23",
+        "source_offset_seconds{stream=\"flight\",source=\"a\"} 0.024",
+        "source_difference_seconds{stream=\"flight\",source=\"a\"} 0.025",
+        "source_drift_ratio{stream=\"flight\",source=\"a\"} 2.",
+        "output_good{stream=\"flight\",output=\"1\",destination=\"flight.ts\"} 1",
+        "output_good{stream=\"flight\",output=\"2\",destination=\"udp://239.1.1.1:5\"} 0",
+        "output_bytes_total{stream=\"flight\",output=\"1\",destination=\"flight.ts\"} 31",
+        "output_lost_bytes_total{stream=\"flight\",output=\"2\",destination=\"udp://239.1.1.1:5\"} 42"}) {
+    EXPECT_THAT(text, HasSubstr(std::string("\nmetadata_stream_") + line)) << text;
+  }
+}
+
 // --- Assets ------------------------------------------------------------------------------------------
 
 TEST(Assets, AreServedFromTheTableOnly) {
@@ -531,6 +574,15 @@ TEST_F(ApiTest, TellsOfTheProgramAndItsSources) {
   EXPECT_EQ(Ask("/api/v1/sources").at("sources")[0].at("messages"), 5);
   EXPECT_EQ(Ask("/api/v1/sources/a").at("name"), "a");
   EXPECT_GT(Ask("/api/v1/items").at("items").size(), 140U);
+}
+
+TEST_F(ApiTest, HasTheStreamsInItsMetrics) {
+  const Api api(m_settings, m_hub, m_assets);
+  Request request;
+  request.path = "/metrics";
+  EXPECT_THAT(api.Handle(request, {}).body, HasSubstr("\nmetadata_stream_has_video{stream=\"flight\"} 0\n"));
+  m_settings.streams = {};
+  EXPECT_THAT(Api(m_settings, m_hub, m_assets).Handle(request, {}).body, Not(HasSubstr("metadata_stream")));
 }
 
 TEST_F(ApiTest, TellsOfMessages) {
