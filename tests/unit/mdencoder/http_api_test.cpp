@@ -12,6 +12,7 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -23,8 +24,10 @@
 #include "http/hub.h"
 #include "http/metrics.h"
 #include "http/recordings.h"
+#include "metadata_lib.h"
 #include "receiver.h"
 #include "source.h"
+#include "statistics.h"
 #include "stream/stream_report.h"
 
 namespace mdencoder::http {
@@ -485,6 +488,125 @@ TEST_F(HubTest, MetricsHaveTheCountsOfStreams) {
         "output_lost_bytes_total{stream=\"flight\",output=\"2\",destination=\"udp://239.1.1.1:5\"} 42"}) {
     EXPECT_THAT(text, HasSubstr(std::string("\nmetadata_stream_") + line)) << text;
   }
+}
+
+// --- Description -------------------------------------------------------------------------------------
+
+// The schemas of the description that programs read.
+class Description : public HubTest {
+ protected:
+  Description() {
+    std::ifstream file(METADATA_SOURCE_DIR "/docs/openapi.json");
+    m_schemas = Json::parse(file).at("components").at("schemas");
+  }
+
+  struct Place {
+    const Json* schema;
+    std::string name;
+    const Json* value = nullptr;
+  };
+  // Goes to the schema that this one stands for.
+  Place Resolved(Place place) const {
+    while (place.schema->contains("$ref")) {
+      const auto target = place.schema->at("$ref").get<std::string>();
+      place.name = target.substr(target.rfind('/') + 1);
+      place.schema = &m_schemas.at(place.name);
+    }
+    return place;
+  }
+  // Returns the names of all properties below a schema.
+  std::set<std::string> Declared(const std::string& name) const {
+    std::set<std::string> found;
+    std::vector<Place> waiting = {{&m_schemas.at(name), name}};
+    while (!waiting.empty()) {
+      const Place place = Resolved(waiting.back());
+      waiting.pop_back();
+      if (place.schema->contains("items")) waiting.push_back({&place.schema->at("items"), place.name});
+      if (!place.schema->contains("properties")) continue;
+      for (const auto& [key, schema] : place.schema->at("properties").items()) {
+        found.insert(place.name + "." + key);
+        waiting.push_back({&schema, place.name + "." + key});
+      }
+    }
+    return found;
+  }
+  // Adds the names of all properties of a value, also of those that the schema does not know.
+  void AddUsed(const std::string& name, const Json& value, std::set<std::string>& found) const {
+    static const Json kNothing;
+    std::vector<Place> waiting = {{&m_schemas.at(name), name, &value}};
+    while (!waiting.empty()) {
+      const Place place = Resolved(waiting.back());
+      waiting.pop_back();
+      if (place.value->is_array()) {
+        for (const Json& entry : *place.value) waiting.push_back({&place.schema->at("items"), place.name, &entry});
+      }
+      if (!place.value->is_object()) continue;
+      for (const auto& [key, part] : place.value->items()) {
+        found.insert(place.name + "." + key);
+        const bool isKnown = place.schema->contains("properties") && place.schema->at("properties").contains(key);
+        waiting.push_back(
+            {isKnown ? &place.schema->at("properties").at(key) : &kNothing, place.name + "." + key, &part});
+      }
+    }
+  }
+
+  Json m_schemas;
+};
+
+TEST_F(Description, HasNoObjectWithoutItsProperties) {
+  std::vector<std::pair<const Json*, std::string>> waiting = {{&m_schemas, "schemas"}};
+  while (!waiting.empty()) {
+    const auto [json, name] = waiting.back();
+    waiting.pop_back();
+    if (json->is_object() && json->contains("type") && json->at("type") == "object") {
+      ASSERT_TRUE(json->contains("additionalProperties")) << name;
+      // Only the items of a message are named by what was received.
+      const bool isOfItems = name == "schemas/MessageEvent/properties/items/oneOf/1";
+      EXPECT_TRUE(isOfItems ? json->at("additionalProperties").is_object() : json->at("additionalProperties") == false)
+          << name;
+    }
+    if (!json->is_structured()) continue;
+    for (const auto& [key, part] : json->items()) waiting.emplace_back(&part, name + "/" + key);
+  }
+}
+
+TEST_F(Description, NamesWhatAStreamHas) {
+  std::set<std::string> used;
+  Json stream = StreamsJson({FlightReport()})[0];
+  stream["url"] = "/stream/flight.mp4";
+  stream["mime"] = "video/mp4";
+  AddUsed("Stream", stream, used);
+  EXPECT_EQ(used, Declared("Stream"));
+}
+
+TEST_F(Description, NamesWhatASourceHas) {
+  std::vector<Json> reports;
+  for (const bool isCot : {false, true}) {
+    SourceSettings settings;
+    settings.name = "a";
+    settings.record.enInputType = MDATA_INPUT_NETWORK;
+    settings.record.enDataType = isCot ? MDATA_DATA_COT : MDATA_DATA_KLV;
+    settings.record.szMissionID[0] = 'M';
+    settings.record.nNumOfRelays = 1;
+    settings.relayHosts = {"map.example.org"};
+    Report report;
+    report.settings = &settings;
+    report.counters.sendsCot = true;
+    report.counters.isRecorded = true;
+    if (isCot) {
+      report.tak.emplace();
+    } else {
+      report.capture.emplace();
+    }
+    Json json = ReportJson(report);
+    json["faults"] = LostOrCorrupt(report);
+    reports.push_back(std::move(json));
+  }
+  Update(reports);
+  m_hub.Stop();
+  std::set<std::string> used;
+  for (const Json& source : m_hub.State()->sources) AddUsed("Source", source, used);
+  EXPECT_EQ(used, Declared("Source"));
 }
 
 // --- Assets ------------------------------------------------------------------------------------------
