@@ -117,9 +117,20 @@ void Hub::Handle(const std::shared_ptr<Delivered>& message) {
   if (m_sources.size() >= kMostSources && !m_sources.contains(message->source)) return;
   OfSource& source = m_sources[message->source];
   if (parsed.isUas) source.history.Add(message->timeUs, parsed);
+  if (parsed.isUas && source.isCot) NoteSensor(parsed, message->timeUs);
   message->id = m_nextId;
   source.last = message;
   AddEvent({0, EventKind::Message, message->source, message, {}}, CostOf(*message));
+}
+
+// The library's packet has the UID of the sensor as the sensor's name, and the point as the centre of the frame.
+void Hub::NoteSensor(const st0601::Message& parsed, uint64_t timeUs) {
+  const st0601::Observation seen = st0601::Observe(parsed);
+  if (seen.sensorName.empty() || !seen.frameCenter) return;
+  m_sensors.insert_or_assign(seen.sensorName, SensorPoint{*seen.frameCenter, timeUs});
+  if (m_sensors.size() <= kMostSensors) return;
+  m_sensors.erase(std::min_element(m_sensors.begin(), m_sensors.end(),
+                                   [](const auto& a, const auto& b) { return a.second.timeUs < b.second.timeUs; }));
 }
 
 void Hub::AddEvent(Event event, size_t cost) {
@@ -180,11 +191,18 @@ void Hub::Complete(Json& source, uint64_t nowUs, Clock::time_point now) {
   FindSensors(source, known, nowUs);
 }
 
-void Hub::FindSensors(const Json& source, OfSource& known, uint64_t nowUs) {
+// Lists the discovered sensors with their points, and tells of those that are new.
+void Hub::FindSensors(Json& source, OfSource& known, uint64_t nowUs) {
   const auto statistics = source.find("statistics");
-  if (statistics == source.end() || !statistics->contains("cot")) return;
-  for (const Json& sensor : statistics->at("cot").at("sensors")) {
-    const auto uid = sensor.get<std::string>();
+  known.isCot = statistics != source.end() && statistics->contains("cot");
+  if (!known.isCot) return;
+  const auto uids = statistics->at("cot").at("sensors").get<std::vector<std::string>>();
+  source["sensors"] = Json::array();
+  if (known.sensors.size() > kMostSensors) {
+    std::erase_if(known.sensors, [&uids](const auto& uid) { return std::ranges::find(uids, uid) == uids.end(); });
+  }
+  for (const std::string& uid : uids) {
+    source["sensors"].push_back(SensorJson(uid));
     if (!known.sensors.insert(uid).second) continue;
     Json json = {{"source", source.at("name")}, {"uid", uid}};
     AddTime(json, nowUs);
@@ -192,6 +210,15 @@ void Hub::FindSensors(const Json& source, OfSource& known, uint64_t nowUs) {
     const size_t cost = shown.size();
     AddEvent({0, EventKind::Sensor, source.at("name").get<std::string>(), nullptr, std::move(shown)}, cost);
   }
+}
+
+Json Hub::SensorJson(const std::string& uid) const {
+  Json json = {{"uid", uid}};
+  const auto found = m_sensors.find(uid);
+  if (found == m_sensors.end()) return json;
+  json["place"] = PositionJson(found->second.place);
+  AddTime(json, found->second.timeUs);
+  return json;
 }
 
 // --- Out ---------------------------------------------------------------------------------------------

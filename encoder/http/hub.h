@@ -25,7 +25,9 @@
 #include "annotated_mutex.h"
 #include "http/history.h"
 #include "http/message_json.h"
+#include "observation.h"
 #include "service.h"
+#include "st0601_items.h"
 
 namespace mdencoder {
 struct Received;
@@ -76,6 +78,7 @@ class Hub {
   static constexpr size_t kMostLogLines = 500;
   static constexpr size_t kLongestLogLine = 2000;
   static constexpr size_t kMostSources = 256;
+  static constexpr size_t kMostSensors = 1024;  // of Cursor-on-Target, whose last points are known
 
   explicit Hub(Presenter presenter = {});
   ~Hub();
@@ -86,7 +89,8 @@ class Hub {
   void Push(const Received& received);
   // Leaves lines out that come faster than they are looked at. Any thread. Never waits.
   void Log(Priority priority, std::string_view module, std::string_view text);
-  // Replaces the snapshot; adds "rate_per_s", "history" and "last_id" to its sources. Main thread.
+  // Replaces the snapshot; adds "rate_per_s", "history" and "last_id" to its sources, and "sensors" to those of
+  // Cursor-on-Target. Main thread.
   void Update(Snapshot snapshot);
   // Ends the thread after the messages that wait, and lets readers come to their end.
   void Stop();
@@ -123,7 +127,13 @@ class Hub {
     std::shared_ptr<const Delivered> last;
     History history;
     std::deque<std::pair<Clock::time_point, uint64_t>> counts;  // messages at the last snapshots
-    std::set<std::string> sensors;
+    bool isCot = false;
+    std::set<std::string> sensors;  // that an event has told of
+  };
+  // The point that a sensor of Cursor-on-Target looked at last.
+  struct SensorPoint {
+    st0601::Position place;
+    uint64_t timeUs = 0;
   };
 
   void Run();
@@ -132,7 +142,9 @@ class Hub {
   void Handle(LogLine line);
   void AddEvent(Event event, size_t cost) REQUIRES(m_mutex);
   void Complete(Json& source, uint64_t nowUs, Clock::time_point now) REQUIRES(m_mutex);
-  void FindSensors(const Json& source, OfSource& known, uint64_t nowUs) REQUIRES(m_mutex);
+  void NoteSensor(const st0601::Message& parsed, uint64_t timeUs) REQUIRES(m_mutex);
+  void FindSensors(Json& source, OfSource& known, uint64_t nowUs) REQUIRES(m_mutex);
+  Json SensorJson(const std::string& uid) const REQUIRES(m_mutex);
 
   const Presenter m_presenter;
 
@@ -147,6 +159,7 @@ class Hub {
   mutable common::Mutex m_mutex;  // leaf
   mutable common::Condition m_changed;
   std::map<std::string, OfSource, std::less<>> m_sources GUARDED_BY(m_mutex);
+  std::map<std::string, SensorPoint> m_sensors GUARDED_BY(m_mutex);                          // by their UIDs
   std::deque<std::pair<std::shared_ptr<const Event>, size_t>> m_events GUARDED_BY(m_mutex);  // with their costs
   size_t m_eventBytes GUARDED_BY(m_mutex) = 0;
   uint64_t m_nextId GUARDED_BY(m_mutex) = 1;

@@ -23,13 +23,6 @@ void Put(Json& json, const char* key, const std::string& text) {
   if (!text.empty()) json[key] = text;
 }
 
-Json PositionJson(const st0601::Position& position) {
-  Json json = {{"latitude", position.latitude}, {"longitude", position.longitude}};
-  Put(json, "altitude", position.altitude);
-  Put(json, "ellipsoid_height", position.ellipsoidHeight);
-  return json;
-}
-
 void Put(Json& json, const char* key, const std::optional<st0601::Position>& position) {
   if (position) json[key] = PositionJson(*position);
 }
@@ -100,6 +93,13 @@ std::string Dump(const Json& json) {
 void AddTime(Json& json, uint64_t timeUs, const std::string& name) {
   json[name] = UtcText(timeUs);
   json[name + "_us"] = timeUs;
+}
+
+Json PositionJson(const st0601::Position& position) {
+  Json json = {{"latitude", position.latitude}, {"longitude", position.longitude}};
+  Put(json, "altitude", position.altitude);
+  Put(json, "ellipsoid_height", position.ellipsoidHeight);
+  return json;
 }
 
 Json SeenJson(const st0601::Observation& seen) {

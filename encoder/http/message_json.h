@@ -47,6 +47,8 @@ class Delivered {
 // Returns a message with its items, as ItemForm says; `withRaw` adds the bytes of each item and of the whole.
 Json MessageJson(const Delivered& message, ItemForm form, bool withRaw);
 
+Json PositionJson(const st0601::Position& position);
+
 // Returns what a message says about positions and directions, and {} if it says nothing.
 Json SeenJson(const st0601::Observation& seen);
 

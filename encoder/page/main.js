@@ -33,7 +33,7 @@ class Page {
     this.tabs = new Tabs();
     this.map = new LiveMap((name) => this.pick(name));
     this.chips = new Chips((name) => this.pick(name));
-    this.table = new SourceTable();
+    this.table = new SourceTable((uid, place) => this.showSensor(uid, place));
     this.plots = new Plots(this.dictionary);
     this.items = new Items(this.dictionary, (tag) => {
       this.plots.add(tag);
@@ -163,6 +163,11 @@ class Page {
     this.isStale = true;
     this.tablesDrawn = 0;
     if (this.map.isFollowing) this.map.show(this.model, name);
+  }
+
+  showSensor(uid, place) {
+    this.map.goTo(place);
+    announce(`The map shows what sensor ${printable(uid)} looks at.`);
   }
 
   setMode(mode) {

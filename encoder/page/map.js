@@ -4,7 +4,8 @@
 import { byId, calmMotion, printable, remember, remembered, setHidden } from "./dom.js";
 import { graticuleText } from "./format.js";
 import { footprint, graticuleStep, isPlace, latitudeOf, longitudeOf, sight, worldX, worldY } from "./geometry.js";
-import { drawNames as drawPlatformNames, drawSource } from "./symbols.js";
+import { placedSensors } from "./sensors.js";
+import { drawNames as drawPlatformNames, drawSensor, drawSource } from "./symbols.js";
 import { colour, onThemeChange } from "./theme.js";
 import { World } from "./world.js";
 
@@ -120,7 +121,7 @@ function drawGraticule(context, view) {
   const labelTop = top + (isNarrow ? 66 : 14);
   for (const longitude of columns) {
     const x = (worldX(longitude) - view.left) * view.world;
-    if (x < left + (isNarrow ? 70 : 250) || x > view.size.x - left - 100) continue;  // there are the buttons
+    if (x < left + (isNarrow ? 70 : 290) || x > view.size.x - left - 100) continue;  // there are the buttons
     const shownLongitude = ((longitude + 180) % 360 + 360) % 360 - 180;
     label(context, graticuleText(shownLongitude, step, false), x + 4, labelTop, colour("--map-muted"), colour("--map-halo"));
   }
@@ -154,7 +155,7 @@ export class LiveMap {
     this.world = null;
     this.names = [];
     this.hasView = false;
-    this.placesShown = 0;  // how many platforms the view was made for
+    this.placesShown = 0;  // how many platforms and sensors the view was made for
     this.isMoved = false;  // the user chose the view
     this.isFollowing = remembered("follow", "yes") === "yes";
     this.map = L.map("map", {
@@ -269,7 +270,8 @@ export class LiveMap {
   }
 
   places() {
-    return [...this.model.sources.values()].map((source) => source.seen.platform).filter(isPlace);
+    const platforms = [...this.model.sources.values()].map((source) => source.seen.platform).filter(isPlace);
+    return [...platforms, ...placedSensors(this.model).map(({ place }) => place)];
   }
 
   showAll() {
@@ -279,8 +281,16 @@ export class LiveMap {
         if (isPlace(place)) points.push([place.latitude, place.longitude]);
       }
     }
+    for (const { place } of this.model === null ? [] : placedSensors(this.model)) points.push([place.latitude, place.longitude]);
     if (points.length === 0) return;
     this.map.fitBounds(L.latLngBounds(points), { padding: [70, 70], maxZoom: FIRST_ZOOM, animate: false });
+  }
+
+  // Moves the view to a place that the user has chosen.
+  goTo(place) {
+    this.isMoved = true;
+    this.setFollowing(false);
+    this.map.setView([place.latitude, place.longitude], Math.max(this.map.getZoom(), FIRST_ZOOM), { animate: !calmMotion.matches });
   }
 
   // Keeps the selected platform in the middle part of the view.
@@ -312,7 +322,9 @@ export class LiveMap {
         ground: footprint(source.seen, source.message?.items?.[96] ?? source.message?.items?.[22]),
       }));
     }
-    drawPlatformNames(context, names.filter((name) => name !== null).reverse());
+    names.reverse();
+    for (const { uid, place, source } of placedSensors(this.model)) names.push(drawSensor(context, view, source, place, printable(uid)));
+    drawPlatformNames(context, names.filter((name) => name !== null));
   }
 
   pickAt(point) {

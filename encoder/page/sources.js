@@ -2,6 +2,7 @@
 // The chips that choose a source, and the table of all of them.
 import { announce, byId, el, keep, printable, setHidden, setText } from "./dom.js";
 import { age, count, rate } from "./format.js";
+import { SensorList } from "./sensors.js";
 
 const QUIET_SECONDS = 5;
 
@@ -60,7 +61,9 @@ function relayText(relay) {
 }
 
 export class SourceTable {
-  constructor() {
+  // `showSensor` is called with the UID and the place of a sensor that was chosen.
+  constructor(showSensor) {
+    this.sensors = new SensorList(showSensor);
     this.body = byId("sources").tBodies[0];
     this.told = new Map();
   }
@@ -76,7 +79,7 @@ export class SourceTable {
       el("bdi", {}, printable(source.name)), el("span", { class: "kind" }));
     const state = el("td", { class: "state" }, stateMark("waiting"), el("span"));
     const numbers = Array.from({ length: 6 }, () => el("td", { class: "number right" }));
-    return el("tr", {}, name, state, ...numbers, el("td", { class: "relays" }, el("ul")), el("td"));
+    return el("tr", {}, name, state, ...numbers, el("td", { class: "relays" }, el("ul")), el("td", {}, this.sensors.make()));
   }
 
   fill(row, source, model, isLost) {
@@ -98,8 +101,7 @@ export class SourceTable {
       setText(item, relayText(relay));
       item.classList.toggle("bad", relay.errors > 0);
     });
-    const uids = new Set([...(statistics.cot?.sensors ?? []), ...(model.sensors.get(source.name) ?? [])]);
-    setText(sensors, [...uids].map(printable).join(", "));
+    this.sensors.fill(sensors.firstChild, source, model, model.sensors.get(source.name) ?? []);
   }
 
   // Tells changes of state to screen readers; the first state of a source is no change.

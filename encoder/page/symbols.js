@@ -169,6 +169,18 @@ export function drawNames(context, names) {
   }
 }
 
+// The point that a sensor of Cursor-on-Target looks at. Returns where its name belongs.
+export function drawSensor(context, view, source, place, name) {
+  const ink = sourceColour(source.slot);
+  const [x, y] = projector(view).point(place);
+  withHalo(context, ink, 1.75, () => {
+    context.rect(x - 6, y - 6, 12, 12);
+    context.moveTo(x + 2, y);
+    context.arc(x, y, 2, 0, 2 * Math.PI);
+  });
+  return { x, y, text: name, isSelected: false, ink };
+}
+
 // Returns where the source's name belongs, or null if it has no place.
 export function drawSource(context, view, { source, name, isSelected, line, ground }) {
   const { seen } = source;

@@ -106,6 +106,16 @@ class Page(EndToEndTest):
         return self.browser.run("return [...document.querySelectorAll('.leaflet-overlay-pane .canvas-layer')]"
                                 ".map((canvas) => canvas.toDataURL()).join();")
 
+    def faults(self):
+        """What axe-core says about the page, without what it calls minor."""
+        axe = gzip.decompress((pathlib.Path(harness.options.source) / "tests/data/axe.min.js.gz").read_bytes()).decode()
+        self.browser.driver.execute_script(axe)
+        result = self.browser.run("const { violations } = await axe.run(document, { resultTypes: ['violations'] });"
+                                  "return violations.map(({ id, impact, nodes }) => ({ id, impact, nodes: nodes.map("
+                                  "(node) => `${node.html.slice(0, 160)} ${node.failureSummary}`) }));")
+        self.assertNotIn("failed", result)
+        return [fault for fault in result if fault["impact"] in ("serious", "critical", "moderate")]
+
     def check_calm(self):
         """No complaint in the console, and no request to anybody else."""
         self.assertEqual(self.browser.complaints(), [])
@@ -264,17 +274,88 @@ class Trouble(Page):
         self.check_calm()
 
 
-class Everybody(Page):
-    def faults(self):
-        """What axe-core says about the page, without what it calls minor."""
-        axe = gzip.decompress((pathlib.Path(harness.options.source) / "tests/data/axe.min.js.gz").read_bytes()).decode()
-        self.browser.driver.execute_script(axe)
-        result = self.browser.run("const { violations } = await axe.run(document, { resultTypes: ['violations'] });"
-                                  "return violations.map(({ id, impact, nodes }) => ({ id, impact, nodes: nodes.map("
-                                  "(node) => `${node.html.slice(0, 160)} ${node.failureSummary}`) }));")
-        self.assertNotIn("failed", result)
-        return [fault for fault in result if fault["impact"] in ("serious", "critical", "moderate")]
+class Sensors(Page):
+    """Two sources see the same three sensors of Cursor-on-Target, and each accepts another one of them."""
+    NAMES = ("SENSOR-1", "SENSOR-2", "SENSOR-3")
+    CONFIG = f"[encoder]\nhttp = 127.0.0.1:{PORT}\n" + "".join(
+        f"[{name}]\ninput = udp\nport = {port}\nfamily = ipv4\ndata = cot\ncot_sensor = {sensor}\ncot_discovery = yes\n"
+        for name, port, sensor in (("east", 15000, "SENSOR-1"), ("west", 15001, "SENSOR-2")))
 
+    def send_events(self):
+        """Sends events again and again until the test ends, because sensors are forgotten that are not seen."""
+        events = pathlib.Path(harness.options.source) / "tests" / "data" / "cot_events"
+        aircraft = (events / "level_flight_aircraft.xml").read_bytes()
+        spi = (events / "level_flight_spi.xml").read_bytes()
+        first, second, third = (spi.replace(b"SENSOR-1", name.encode()).replace(b'lat="45.5117"', b'lat="45.%d117"' % (5 + number))
+                                for number, name in enumerate(self.NAMES))
+        ended = threading.Event()
+
+        def run():
+            while not ended.wait(0.2):
+                for event in (second, third, aircraft, first):
+                    send(15000, event)
+                for event in (first, third, aircraft, second):
+                    send(15001, event)
+        thread = threading.Thread(target=run)
+        thread.start()
+        self.addCleanup(thread.join)
+        self.addCleanup(ended.set)
+
+    def entries(self, source):
+        """Returns what the table shows of a source's sensors: whether there is a button, and the text."""
+        return self.browser.run(
+            "const row = [...document.querySelectorAll('#sources tbody tr')].find((row) => row.innerText.includes(given[0]));"
+            "return [...(row?.querySelectorAll('.sensors li') ?? [])].map((entry) =>"
+            "[entry.querySelector('button').checkVisibility(), entry.innerText.replace(/\\s+/g, ' ').trim()]);", source)
+
+    def watch_names(self):
+        """Lets the page note where the map shows names, from the middle of the map."""
+        self.browser.run(
+            "window.shown = {}; const draw = CanvasRenderingContext2D.prototype.fillText;"
+            "CanvasRenderingContext2D.prototype.fillText = function (text, x, y) {"
+            "const { width, height } = this.canvas.style; window.shown[text] = [x - parseFloat(width) / 2, y - parseFloat(height) / 2];"
+            "return draw.call(this, text, x, y); };")
+
+    def test_sensors_are_on_the_map_and_in_the_table(self):
+        self.start_page(self.CONFIG)
+        self.watch_names()
+        self.send_events()
+        button = "Show on the map: {} 45.{}1170° N 73.55730° W"
+        wanted = [[True, button.format("SENSOR-1", 5)], [True, button.format("SENSOR-2", 6)], [False, "SENSOR-3"]]
+        for source in ("east", "west"):
+            self.wait_for(lambda: sorted(self.entries(source)) == sorted(wanted), f"the sensors of {source}")
+        names = {sensor["uid"]: sensor.get("place", {}).get("latitude") for sensor in api("sources/west")["sensors"]}
+        self.assertEqual(set(names), set(self.NAMES))
+        self.assertAlmostEqual(names["SENSOR-1"], 45.5117, 5)
+        self.assertIsNone(names["SENSOR-3"])
+        self.wait_for(lambda: {"SENSOR-1", "SENSOR-2"} <= set(self.browser.run("return window.shown;")), "the names on the map")
+        self.assertNotIn("SENSOR-3", self.browser.run("return window.shown;"))
+        self.check_a_sensor_is_chosen_by_keyboard()
+        self.check_the_legend_names_the_symbol()
+        self.assertEqual(self.faults(), [])
+        self.check_calm()
+
+    def check_a_sensor_is_chosen_by_keyboard(self):
+        self.browser.run("window.shown = {};"
+                         "[...document.querySelectorAll('.sensors button')].find((button) => button.innerText.includes('SENSOR-2')).focus();")
+        self.browser.press(Keys.ENTER)
+
+        def is_in_the_middle():
+            place = self.browser.run("return window.shown['SENSOR-2'] ?? null;")
+            return place is not None and max(abs(place[0]), abs(place[1])) < 60
+        self.wait_for(is_in_the_middle, "the map at the sensor's place")
+        self.assertEqual(self.browser.run("return document.querySelector('#follow').getAttribute('aria-pressed');"), "false")
+        self.wait_for(lambda: "SENSOR-2" in self.browser.run("return document.querySelector('#announcer').textContent;"), "the announcement")
+
+    def check_the_legend_names_the_symbol(self):
+        symbol = "#legend li:last-child"
+        self.assertIsNone(self.browser.text(symbol))
+        self.browser.run("document.querySelector('#legend summary').focus();")
+        self.browser.press(Keys.ENTER)
+        self.wait_for(lambda: self.browser.text(symbol) == "What a sensor of Cursor-on-Target looks at", "the legend")
+
+
+class Everybody(Page):
     def test_everybody_can_use_it(self):
         self.start_page()
         self.fly(5)

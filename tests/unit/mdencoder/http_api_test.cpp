@@ -162,6 +162,62 @@ TEST_F(HubTest, TellsOfASensorOnce) {
   EXPECT_EQ(sensors, 1);
 }
 
+Bytes SensorPointOf(const std::string& uid, double latitude) {
+  return Builder().AddText(11, uid).Add(23, latitude).Add(24, -73.5).Add(25, 30.0).AddText(11, "EO").Finish();
+}
+
+Json CotReportOf(const std::string& name, const std::vector<std::string>& sensors) {
+  Json report = ReportOf(name, 1);
+  report["statistics"]["cot"]["sensors"] = sensors;
+  return report;
+}
+
+TEST_F(HubTest, KnowsWhereDiscoveredSensorsLook) {
+  Json other = ReportOf("klv", 1);
+  other["statistics"].erase("cot");
+  Update({CotReportOf("a", {}), CotReportOf("b", {}), other});
+  Push("a", SensorPointOf("S1", 45.5));
+  Push("a", SensorPointOf("S1", 45.75), kTime + 5);
+  Push("klv", SensorPointOf("S1", 1), kTime + 9);
+  Push("a", Builder().AddText(11, "S2").Add(23, 45.5).Finish());
+  Push("a", Builder().Add(23, 45.5).Add(24, 7.0).Finish());
+  m_hub.Stop();
+  Update({CotReportOf("a", {"S1", "S2"}), CotReportOf("b", {"S1", "EO", ""}), other}, 1);
+  const Json& sources = m_hub.State()->sources;
+  const Json& first = sources[0].at("sensors")[0];
+  EXPECT_EQ(first.at("uid"), "S1");
+  EXPECT_NEAR(first.at("place").at("latitude").get<double>(), 45.75, 1e-6);
+  EXPECT_NEAR(first.at("place").at("longitude").get<double>(), -73.5, 1e-6);
+  EXPECT_NEAR(first.at("place").at("altitude").get<double>(), 30, 0.2);
+  EXPECT_EQ(first.at("time_us"), kTime + 5);
+  EXPECT_EQ(sources[0].at("sensors")[1].dump(), R"({"uid":"S2"})") << "half a place is none";
+  EXPECT_EQ(sources[1].at("sensors")[0], first) << "a sensor that another source accepts";
+  EXPECT_EQ(sources[1].at("sensors")[1].dump(), R"({"uid":"EO"})") << "the model is no name of a sensor";
+  EXPECT_EQ(sources[1].at("sensors")[2].dump(), R"({"uid":""})");
+  EXPECT_FALSE(sources[2].contains("sensors"));
+}
+
+TEST_F(HubTest, ForgetsTheOldestPointsOfTooManySensors) {
+  Update({CotReportOf("a", {})});
+  for (size_t i = 0; i <= Hub::kMostSensors; ++i) Push("a", SensorPointOf("S" + std::to_string(i), 1), kTime + i);
+  m_hub.Stop();
+  Update({CotReportOf("a", {"S0", "S1", "S1024"})}, 1);
+  const Json& sensors = m_hub.State()->sources[0].at("sensors");
+  EXPECT_FALSE(sensors[0].contains("place"));
+  EXPECT_TRUE(sensors[1].contains("place"));
+  EXPECT_TRUE(sensors[2].contains("place"));
+}
+
+TEST_F(HubTest, TellsOfASensorAgainOnlyIfItHasForgottenIt) {
+  Update({CotReportOf("a", {"first"})});
+  for (size_t i = 0; i < Hub::kMostSensors; ++i) Update({CotReportOf("a", {"kept", "S" + std::to_string(i)})});
+  for (const uint64_t events : {2U, 1U, 1U}) {  // "first" comes again, and the statistics each time
+    const uint64_t before = m_hub.NextId();
+    Update({CotReportOf("a", {"kept", "first"})});
+    EXPECT_EQ(m_hub.NextId() - before, events);
+  }
+}
+
 TEST_F(HubTest, KeepsTheNewestLinesOfTheLog) {
   for (size_t i = 0; i < 3; ++i) m_hub.Log(Priority::Warning, "MODULE", "line " + std::to_string(i));
   m_hub.Log(Priority::Critical, "", std::string(Hub::kLongestLogLine + 100, 'x'));
@@ -594,6 +650,8 @@ TEST_F(Description, NamesWhatASourceHas) {
     report.counters.sendsCot = true;
     report.counters.isRecorded = true;
     if (isCot) {
+      report.statistics.prot.CoT.nDiscoveredSensorsCount = 1;
+      report.statistics.prot.CoT.aszSensorUIDs[0][0] = 'S';
       report.tak.emplace();
     } else {
       report.capture.emplace();
@@ -603,7 +661,9 @@ TEST_F(Description, NamesWhatASourceHas) {
     reports.push_back(std::move(json));
   }
   Update(reports);
+  Push("a", Builder().AddText(11, "S").Add(23, 1.0).Add(24, 2.0).Add(25, 3.0).Add(78, 4.0).Finish());
   m_hub.Stop();
+  Update(reports, 1);
   std::set<std::string> used;
   for (const Json& source : m_hub.State()->sources) AddUsed("Source", source, used);
   EXPECT_EQ(used, Declared("Source"));
