@@ -40,7 +40,7 @@ namespace mdencoder {
 class Allowance {
  public:
   using Clock = std::chrono::steady_clock;
-  Allowance(double atOnce, std::chrono::seconds each) : m_atOnce(atOnce), m_each(each), m_left(atOnce) {}
+  Allowance(double atOnce, std::chrono::duration<double> each) : m_atOnce(atOnce), m_each(each), m_left(atOnce) {}
   bool Take(Clock::time_point now);
   // Returns when Take will succeed.
   Clock::time_point Next(Clock::time_point now) const;

@@ -13,7 +13,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -30,6 +29,7 @@
 
 #include "annotated_mutex.h"
 #include "http/connection.h"
+#include "http/leaver.h"
 #include "http/query.h"
 #include "owned_fd.h"
 #include "source_keeper.h"
@@ -46,8 +46,12 @@ constexpr auto kHeadTime = std::chrono::seconds(10);  // of a request, from its 
 constexpr auto kIdleTime = std::chrono::seconds(15);  // between two requests
 constexpr size_t kMostRequests = 1000;                // of a connection
 constexpr size_t kCrowd = Server::kMostConnections * 3 / 4;
-constexpr auto kLeaveTime = std::chrono::seconds(1);  // for a client that is turned away, to read why
+constexpr auto kLeaveTime = std::chrono::seconds(1);        // for a client that is turned away, to read why
+constexpr auto kSecureLeaveTime = std::chrono::seconds(3);  // likewise under TLS, with the handshake
 constexpr size_t kMostLeaving = 256;
+// Handshakes with clients that are turned away, which cost memory and time of the processor.
+constexpr double kSecureLeaversAtOnce = 20;
+constexpr auto kSecureLeaverEach = std::chrono::milliseconds(50);
 constexpr auto kFlowTime = std::chrono::milliseconds(500);  // for flows to end, when everything ends
 constexpr auto kReapTime = std::chrono::milliseconds(500);
 constexpr int kBacklog = 128;
@@ -223,16 +227,11 @@ class Server::Core : private httplib::Server {
     std::thread thread;
     std::atomic<bool> isDone{false};
   };
-  // A client that is turned away, until it has read why.
-  struct Leaver {
-    common::OwnedFD socket;
-    Clock::time_point until;
-  };
-
   void Run();
   void Accept();
   void Admit(common::OwnedFD socket);
   void TurnAway(common::OwnedFD socket);
+  void TellCrowd(const std::string& line);
   void Reap();
   void SeeOff();
   bool IsCrowded() const { return m_open.load() > kCrowd; }
@@ -257,9 +256,11 @@ class Server::Core : private httplib::Server {
   std::thread m_thread;
   std::atomic<bool> m_isStopping{false};
 
-  std::list<Client> m_clients;                      // accepting thread; Stop, after its end
-  std::deque<Leaver> m_leaving;                     // accepting thread
-  Allowance m_crowdLines{kLinesAtOnce, kLineEach};  // accepting thread
+  std::list<Client> m_clients;  // accepting thread; Stop, after its end
+  // Accepting thread.
+  std::deque<std::unique_ptr<Leaver>> m_leaving;
+  Allowance m_secureLeavers{kSecureLeaversAtOnce, kSecureLeaverEach};
+  Allowance m_crowdLines{kLinesAtOnce, kLineEach};
 
   common::Mutex m_mutex;  // leaf
   common::Condition m_flowEnded;
@@ -299,10 +300,12 @@ ServerCounts Server::Core::Counts() const {
 
 void Server::Core::Run() {
   pthread_setname_np(pthread_self(), "PageServer");
+  std::vector<pollfd> set;
   while (!m_isStopping.load()) {
-    pollfd set[] = {{m_listener.Get(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}};
+    set = {{m_listener.Get(), POLLIN, 0}, {m_wake.Get(), POLLIN, 0}};
+    for (const auto& leaver : m_leaving) set.push_back(leaver->Wanted());
     const bool isIdle = m_clients.empty() && m_leaving.empty();
-    const int ready = poll(set, 2, isIdle ? -1 : static_cast<int>(kReapTime.count()));
+    const int ready = poll(set.data(), set.size(), isIdle ? -1 : static_cast<int>(kReapTime.count()));
     Reap();
     SeeOff();
     if (ready > 0 && set[0].revents != 0) Accept();
@@ -316,7 +319,7 @@ void Server::Core::Accept() {
       if (errno == EINTR || errno == ECONNABORTED) continue;
       if (errno == EAGAIN) return;
       // Out of descriptors or memory: what is there must not be asked for all the time.
-      if (m_crowdLines.Take(Clock::now())) m_say(std::string("clients of the page wait: ") + std::strerror(errno));
+      TellCrowd(std::string("clients of the page wait: ") + std::strerror(errno));
       pollfd wake = {m_wake.Get(), POLLIN, 0};
       poll(&wake, 1, static_cast<int>(kReapTime.count()));
       return;
@@ -345,32 +348,31 @@ void Server::Core::Admit(common::OwnedFD socket) try {
   }
 } catch (const std::exception& error) {
   ++m_turnedAway;
-  if (m_crowdLines.Take(Clock::now())) m_say(std::string("a client of the page cannot be served: ") + error.what());
+  TellCrowd(std::string("a client of the page cannot be served: ") + error.what());
 }
 
-// Under TLS nothing can be said without a handshake.
-void Server::Core::TurnAway(common::OwnedFD socket) {
+void Server::Core::TellCrowd(const std::string& line) {
+  if (m_crowdLines.Take(Clock::now())) m_say(line);
+}
+
+// Under TLS nothing can be said without a handshake. Clients for which there is none are closed at once.
+void Server::Core::TurnAway(common::OwnedFD socket) try {
   ++m_turnedAway;
-  if (m_crowdLines.Take(Clock::now())) {
-    m_say(std::to_string(kMostConnections) + " clients of the page are connected; more are turned away");
-  }
-  if (m_tls != nullptr) return;
-  const std::string text = LastAnswer({503, "there are too many clients; try again later"}, m_fields);
-  if (send(socket.Get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT) < 0) return;
-  shutdown(socket.Get(), SHUT_WR);
+  TellCrowd(std::to_string(kMostConnections) + " clients of the page are connected; more are turned away");
+  const auto now = Clock::now();
+  if (m_tls != nullptr && !m_secureLeavers.Take(now)) return;
   if (m_leaving.size() >= kMostLeaving) m_leaving.pop_front();
-  m_leaving.push_back({std::move(socket), Clock::now() + kLeaveTime});
+  auto leaver = std::make_unique<Leaver>(std::move(socket), m_tls.get(),
+                                         LastAnswer({503, "there are too many clients; try again later"}, m_fields),
+                                         now + (m_tls != nullptr ? kSecureLeaveTime : kLeaveTime));
+  if (leaver->Step(now)) m_leaving.push_back(std::move(leaver));
+} catch (const std::exception& error) {
+  TellCrowd(std::string("a client of the page cannot be told that there are too many: ") + error.what());
 }
 
-// Reads what those who leave still send, so that they are not reset before they have read.
 void Server::Core::SeeOff() {
   const auto now = Clock::now();
-  std::array<char, 4096> rest;
-  std::erase_if(m_leaving, [&](const Leaver& leaver) {
-    if (now >= leaver.until) return true;
-    const ssize_t count = recv(leaver.socket.Get(), rest.data(), rest.size(), MSG_DONTWAIT);
-    return count == 0 || (count < 0 && errno != EAGAIN && errno != EINTR);
-  });
+  std::erase_if(m_leaving, [now](const auto& leaver) { return !leaver->Step(now); });
 }
 
 void Server::Core::Reap() {

@@ -267,13 +267,16 @@ class Http(EndToEndTest):
 
     # --- who may ask
 
-    def test_a_token_and_tls_keep_others_out(self):
+    def serve_tls(self, more=""):
         subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2",
                         "-subj", "/CN=localhost", "-addext", "subjectAltName=IP:127.0.0.1,DNS:localhost",
                         "-keyout", self.folder / "key.pem", "-out", self.folder / "cert.pem"], check=True, capture_output=True)
-        (self.folder / "token").write_text(TOKEN + "\n")
-        self.serve("http_token = token\nhttp_cert = cert.pem\nhttp_key = key.pem\nhttp_host = camera.example",
+        self.serve(f"http_cert = cert.pem\nhttp_key = key.pem\n{more}",
                    scheme=ssl.create_default_context(cafile=self.folder / "cert.pem"))
+
+    def test_a_token_and_tls_keep_others_out(self):
+        (self.folder / "token").write_text(TOKEN + "\n")
+        self.serve_tls("http_token = token\nhttp_host = camera.example")
         self.assertEqual(self.ask("/api/v1/info")[0], 401)
         self.assertEqual(json.loads(self.ask("/healthz")[2])["reasons"], [])
         bearer = {"Authorization": f"Bearer {TOKEN}"}
@@ -390,6 +393,53 @@ class Http(EndToEndTest):
         self.assertIn("metadata_http_turned_away_total", counts)
         self.stop()
         self.assertEqual(len(self.delivered("udp")), 10)
+
+    def crowd(self, count):
+        """Connects clients that say nothing."""
+        clients = [socket.create_connection(("127.0.0.1", WEB), timeout=30 * harness.SLOW) for _ in range(count)]
+        self.addCleanup(lambda: [client.close() for client in clients])
+        return clients
+
+    def test_under_tls_a_crowd_is_turned_away_too(self):
+        self.serve_tls()
+        clients = self.crowd(400)
+
+        def is_closed(client):
+            client.setblocking(False)
+            try:
+                return client.recv(1) == b""
+            except BlockingIOError:
+                return False
+            except ConnectionResetError:
+                return True
+        self.wait_for(lambda: sum(is_closed(client) for client in clients) >= 200, "clients that were closed at once")
+        for client in clients:
+            client.close()
+
+        def is_told():
+            """Asks while there is a crowd. There may be no handshake, or the crowd may have gone meanwhile."""
+            clients = self.crowd(128)
+            try:
+                status, headers, body = self.ask("/api/v1/info")
+            except (OSError, http.client.HTTPException):
+                return False
+            finally:
+                for client in clients:
+                    client.close()
+            return status == 503 and headers["Retry-After"] == "5" and b"too many clients" in body
+        self.wait_for(is_told, "the answer to a client of too many", 60)
+
+        def has_room():
+            try:
+                return self.ask("/healthz")[0] == 200
+            except (OSError, http.client.HTTPException):
+                return False
+        self.wait_for(has_room, "room for clients")
+        self.deliver(5)
+        log = (self.folder / "encoder.err").read_text()
+        self.assertLessEqual(log.count("clients of the page"), 3, log)
+        self.stop()
+        self.assertEqual(len(self.delivered("udp")), 5)
 
     def test_a_client_that_does_not_read_is_closed_with_one_line(self):
         self.serve()

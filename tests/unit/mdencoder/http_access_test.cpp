@@ -2,16 +2,23 @@
 // Who may ask for what: heads of requests, hosts, tokens, parameters and the keys of the configuration.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
 
+#include <chrono>
+#include <cstddef>
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "config.h"
 #include "http/access.h"
+#include "http/leaver.h"
 #include "http/query.h"
 #include "http/server.h"
 #include "http/settings.h"
+#include "owned_fd.h"
 
 namespace mdencoder::http {
 namespace {
@@ -241,6 +248,85 @@ TEST(Token, ComesFromAFile) {
   EXPECT_THROW(ReadToken(testing::TempDir()), ConfigError) << "a folder";
   EXPECT_EQ(ReadToken(""), "");
 }
+
+// --- Clients that are turned away --------------------------------------------------------------------
+
+class LeaverTest : public testing::Test {
+ protected:
+  LeaverTest() {
+    int ends[2];
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    m_ours = common::OwnedFD(ends[0]);
+    m_theirs = common::OwnedFD(ends[1]);
+  }
+  Leaver Make(const std::string& text) { return {std::move(m_ours), nullptr, text, m_now + std::chrono::seconds(1)}; }
+  // Returns what has come to the client, and whether the server's half has ended.
+  std::pair<std::string, bool> Read() {
+    std::string all;
+    char piece[4096];
+    for (;;) {
+      const ssize_t count = recv(m_theirs.Get(), piece, sizeof(piece), 0);
+      if (count <= 0) return {all, count == 0};
+      all.append(piece, static_cast<size_t>(count));
+    }
+  }
+
+  common::OwnedFD m_ours;
+  common::OwnedFD m_theirs;
+  const Leaver::Clock::time_point m_now = Leaver::Clock::now();
+};
+
+TEST_F(LeaverTest, IsToldAtOnceAndHeardUntilItCloses) {
+  Leaver leaver = Make("too many");
+  EXPECT_EQ(leaver.Wanted().events, POLLIN);
+  EXPECT_TRUE(leaver.Step(m_now));
+  EXPECT_EQ(Read(), std::make_pair(std::string("too many"), true));
+  ASSERT_EQ(send(m_theirs.Get(), "GET", 3, 0), 3);
+  EXPECT_TRUE(leaver.Step(m_now));
+  EXPECT_TRUE(leaver.Step(m_now));
+  EXPECT_EQ(leaver.Wanted().events, POLLIN);
+  shutdown(m_theirs.Get(), SHUT_WR);
+  EXPECT_FALSE(leaver.Step(m_now));
+}
+
+TEST_F(LeaverTest, HasItsTimeAndNoMore) {
+  Leaver leaver = Make("too many");
+  EXPECT_TRUE(leaver.Step(m_now + std::chrono::milliseconds(999)));
+  EXPECT_FALSE(leaver.Step(m_now + std::chrono::seconds(1)));
+}
+
+TEST_F(LeaverTest, GetsALongTextInPieces) {
+  const std::string text(size_t{8} << 20, 'x');
+  Leaver leaver = Make(text);
+  std::string all;
+  bool isOver = false;
+  for (int i = 0; i < 10000 && !isOver; ++i) {
+    ASSERT_TRUE(leaver.Step(m_now));
+    EXPECT_TRUE(i != 0 || leaver.Wanted().events == POLLOUT);
+    const auto [piece, hasEnded] = Read();
+    all += piece;
+    isOver = hasEnded;
+  }
+  EXPECT_TRUE(all == text) << all.size();
+}
+
+TEST_F(LeaverTest, ThatHasGoneIsForgotten) {
+  Leaver leaver = Make("too many");
+  m_theirs.Reset();
+  EXPECT_FALSE(leaver.Step(m_now));
+}
+
+TEST_F(LeaverTest, MayNotSendWithoutEnd) {
+  Leaver leaver = Make("too many");
+  const std::string piece(4096, 'x');
+  size_t steps = 0;
+  do {
+    ASSERT_EQ(send(m_theirs.Get(), piece.data(), piece.size(), 0), 4096);
+  } while (leaver.Step(m_now) && ++steps < 1000);
+  EXPECT_EQ(steps, Leaver::kMostRest / piece.size());
+}
+
+// --- Policy ------------------------------------------------------------------------------------------
 
 TEST(Policy, AllowsNothingInlineAndOnlyTheGivenTiles) {
   EXPECT_THAT(ContentPolicy(""),
