@@ -212,6 +212,18 @@ TEST(TsMux, ClockReferencesAreAtMostFortyMillisecondsApart) {
   EXPECT_GE(reader.references.size(), 20u * 25u);
 }
 
+TEST(TsMux, FramesThatAreOftenEnoughHaveTheClockReferences) {
+  Mux mux(Codec::H264, Carriage::Synchronous);
+  Bytes out;
+  mux.PutFrame({FrameOf(10), 0, 0, true}, out);
+  const size_t before = out.size();
+  mux.PutFrame({FrameOf(10), kReferenceInterval, kReferenceInterval, false}, out);
+  EXPECT_EQ(out.size() - before, kPacketSize);
+  const auto reader = ReadAll(out);
+  EXPECT_EQ(reader.references, (std::vector<uint64_t>{0, kReferenceInterval}));
+  EXPECT_FALSE(reader.Of(0x100)[1].dts) << "it is the other time";
+}
+
 TEST(TsMux, ALongPauseIsADiscontinuity) {
   Mux mux(Codec::H264, Carriage::Synchronous);
   Bytes out;
@@ -236,6 +248,17 @@ TEST(TsMux, TimesGoOnBeyondThirtyThreeBits) {
   EXPECT_EQ(reader.references.back(), 36000u);
   EXPECT_EQ(reader.Of(0x101).back().pts, 36000u + 90000u);
   EXPECT_EQ(reader.Of(0x100).front().pts, 90000u - 36000u);
+}
+
+TEST(TsMux, TimesHaveAllTheirBits) {
+  for (int bit = 0; bit < 33; ++bit) {
+    Mux mux(Codec::H264, Carriage::Synchronous);
+    Bytes out;
+    const int64_t time = int64_t{1} << bit;
+    mux.PutFrame({FrameOf(10), time - kDelay, time - kDelay, true}, out);
+    const auto reader = ReadAll(out);
+    EXPECT_EQ(reader.Of(0x100).front().pts, static_cast<uint64_t>(time)) << bit;
+  }
 }
 
 TEST(TsMux, AMessageThatIsTooLateHasTheEarliestTime) {
@@ -281,6 +304,33 @@ TEST(TsMux, ALaterTrackHasANewMapAtOnce) {
   EXPECT_EQ(reader.Of(0x102).size(), 1u);
 }
 
+TEST(TsMux, AnotherCodecHasANewMapAtOnce) {
+  Mux mux(Codec::H264, Carriage::Synchronous);
+  Bytes out;
+  mux.PutFrame({FrameOf(10), 0, 0, true}, out);
+  mux.SetCodec(Codec::H264);
+  mux.PutFrame({FrameOf(10), 3600, 3600, false}, out);
+  EXPECT_EQ(ReadAll(out).mapVersion, 0) << "it is the same";
+  for (int64_t change = 1; change < 40; ++change) {
+    mux.SetCodec(change % 2 == 1 ? Codec::H265 : Codec::H264);
+    mux.PutFrame({FrameOf(10), 3600 + change, 3600 + change, false}, out);
+    const auto reader = ReadAll(out);
+    EXPECT_EQ(reader.mapVersion, change % 32);
+    EXPECT_EQ(reader.tracks.at(0x100).type, change % 2 == 1 ? 0x24 : 0x1B);
+  }
+}
+
+TEST(TsMux, ChangesOfAMapThatNobodyHasSeenAreOne) {
+  Mux mux(Codec::H264, Carriage::Synchronous);
+  Bytes out;
+  mux.AddTrack();
+  mux.PutClock(0, out);
+  mux.AddTrack();
+  mux.AddTrack();
+  mux.PutClock(1, out);
+  EXPECT_EQ(ReadAll(out).mapVersion, 1);
+}
+
 TEST(TsMux, TheMapOfAllTracksIsOneSection) {
   Mux mux(Codec::H264, Carriage::Synchronous);
   for (size_t track = 0; track < kMostTracks; ++track) EXPECT_EQ(mux.AddTrack(), track);
@@ -302,6 +352,37 @@ TEST(TsMux, TheTablesComeAgainWithinATenthOfASecond) {
     if (out[1] == 0x40 && out[2] == 0) ++tables;
   }
   EXPECT_EQ(tables, 9u);  // every third frame: 120 ms is the first one that is not too early
+}
+
+TEST(TsMux, TheTablesAreNotTooEarlyAndNotTooLate) {
+  for (const int64_t after : {kTablesInterval - 1, kTablesInterval}) {
+    Mux mux(Codec::H264, Carriage::Synchronous);
+    Bytes out;
+    mux.PutClock(1000, out);
+    out.clear();
+    mux.PutClock(1000 + after, out);
+    EXPECT_EQ(out[1] == 0x40 && out[2] == 0, after == kTablesInterval);
+  }
+}
+
+TEST(TsMux, TheTablesComeBeforeEveryKeyFrame) {
+  for (const bool isKey : {false, true}) {
+    Mux mux(Codec::H264, Carriage::Synchronous);
+    Bytes out;
+    mux.PutClock(0, out);
+    out.clear();
+    mux.PutFrame({FrameOf(10), 1, 1, isKey}, out);
+    EXPECT_EQ(out[1] == 0x40 && out[2] == 0, isKey);
+  }
+}
+
+TEST(TsMux, TheTablesComeAgainIfTheClockGoesBack) {
+  Mux mux(Codec::H264, Carriage::Synchronous);
+  Bytes out;
+  mux.PutClock(kTablesInterval, out);
+  out.clear();
+  mux.PutFrame({FrameOf(10), 5, 5, false}, out);
+  EXPECT_TRUE(out[1] == 0x40 && out[2] == 0);
 }
 
 }  // namespace

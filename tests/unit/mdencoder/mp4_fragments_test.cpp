@@ -152,6 +152,21 @@ TEST(Mp4Fragments, HaveTheTimesOfTheStream) {
   EXPECT_EQ(count, 5u);
 }
 
+TEST(Mp4Fragments, TheLastFrameOfOneIsAsLongAsTheOthers) {
+  const auto ring = std::make_shared<FragmentRing>();
+  Mp4Fragments fragments(video::Codec::H264, 128, 96, ring);
+  auto frames = Frames(0, 30);
+  for (size_t i = 0; i < frames.size(); ++i) {
+    frames[i].ptsUs = frames[i].dtsUs = static_cast<int64_t>(i) * 20'000;
+    fragments.Push(frames[i]);
+  }
+  FragmentRing::Cursor cursor;
+  ASSERT_NE(ring->Begin(cursor, kNow), nullptr);
+  const auto fragment = ring->Wait(cursor, kNow);
+  ASSERT_NE(fragment, nullptr);
+  EXPECT_EQ(Word(fragment->bytes, Find(fragment->bytes, "trun")) & 0x100, 0u) << "no frame has a length of its own";
+}
+
 TEST(Mp4Fragments, OtherParameterSetsAreAnotherBeginning) {
   const auto ring = std::make_shared<FragmentRing>();
   Mp4Fragments fragments(video::Codec::H264, 128, 96, ring);

@@ -2,15 +2,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <sys/resource.h>
 
+#include <csignal>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <iterator>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -22,6 +26,7 @@
 #include "reload.h"
 #include "stream_clock.h"
 #include "stream_loop.h"
+#include "stream_report.h"
 #include "stream_settings.h"
 #include "streams.h"
 #include "ts_output.h"
@@ -243,6 +248,75 @@ TEST(StreamClock, TheQuestionTeachesNothing) {
   EXPECT_EQ(clock.Snapshot().mapped, before.mapped);
 }
 
+// Gives a clock messages each tenth of a second from one time of arrival to another.
+void Feed(StreamClock& clock, int64_t fromUs, int64_t toUs, int64_t differenceUs) {
+  for (int64_t arrival = fromUs; arrival <= toUs; arrival += kSecond / 10) clock.Push(arrival - differenceUs, arrival);
+}
+
+TEST(StreamClock, TheQuestionKeepsToTheBound) {
+  const StreamClock clock;
+  EXPECT_EQ(clock.Map(100 * kSecond, 5), 5);
+  EXPECT_EQ(clock.Map(-3 * kSecond, 5), 5);
+}
+
+TEST(StreamClock, ALongerWayIsSeenAfterAWhile) {
+  StreamClock clock;
+  Feed(clock, 0, 6 * kSecond, 50'000);
+  Feed(clock, 7 * kSecond, 20 * kSecond, 100'000);
+  EXPECT_EQ(clock.Snapshot().differenceUs, 100'000);
+}
+
+TEST(StreamClock, AMachineWhoseClockIsSetBackLearnsOn) {
+  StreamClock clock;
+  Feed(clock, 1000 * kSecond, 1011 * kSecond, 50'000);
+  Feed(clock, 10 * kSecond, 21 * kSecond, 100'000);
+  EXPECT_EQ(clock.Snapshot().differenceUs, 100'000);
+  EXPECT_EQ(clock.Snapshot().driftPpm, 0) << "there is no time between that could be divided by";
+}
+
+TEST(StreamClock, ASilenceIsNoReasonToJump) {
+  StreamClock clock;
+  clock.Push(0, 15 * kSecond / 10);
+  EXPECT_EQ(clock.Snapshot().offsetUs, 600'000);
+  clock.Push(1000 * kSecond, 1000 * kSecond);
+  EXPECT_EQ(clock.Snapshot().offsetUs, 600'000 - 5'000);
+}
+
+TEST(StreamClock, FastMessagesAreFollowedAsWell) {
+  StreamClock clock;
+  clock.Push(0, 15 * kSecond / 10);
+  for (int64_t arrival = 2 * kSecond; arrival < 22 * kSecond; arrival += 500) clock.Push(arrival, arrival);
+  EXPECT_NEAR(static_cast<double>(clock.Snapshot().offsetUs), 600'000 - 15'500, 600);
+}
+
+// --- report ------------------------------------------------------------------------------------------
+
+TEST(StreamReport, IsShownInLinesAndAsJson) {
+  StreamReport report;
+  report.name = "flight";
+  report.video = "scene";
+  report.frames = 1;
+  report.framesLate = 2;
+  report.messages = 3;
+  report.lost = 4;
+  report.clockUs = 5'500'000;
+  report.wallOffsetUs = -6'500;
+  report.tracks.push_back({"cam", 0x101, 7, 8, 9, 10'500, -11'500, -12.4});
+  report.outputs.push_back({"a.ts", true, 13, 14});
+  report.outputs.push_back({"b.ts", false, 15, 16});
+  std::vector<std::string> lines = {"before"};
+  AddStreamLines({report}, lines);
+  EXPECT_THAT(lines, ElementsAre("before", "stream flight: 1 frames, 2 left out; 3 messages, 4 lost",
+                                 "    cam in PID 0x101: 7 messages, 8 late, 9 by arrival; clock -11.5 ms off, followed "
+                                 "by +10.5 ms, drift -12 ppm",
+                                 "    a.ts: 13 bytes, 14 lost", "    b.ts: 15 bytes, 16 lost; cannot be written"));
+  EXPECT_EQ(StreamsJson({report}).dump(),
+            R"([{"name":"flight","video":"scene","has_video":false,"frames":1,"frames_late":2,"messages":3,"lost":4,)"
+            R"("clock":5.5,"wall_offset_ms":-6.5,"tracks":[{"source":"cam","pid":257,"messages":7,"late":8,)"
+            R"("by_arrival":9,"offset_ms":10.5,"difference_ms":-11.5,"drift_ppm":-12.4}],"outputs":[)"
+            R"({"name":"a.ts","good":true,"bytes":13,"lost":14},{"name":"b.ts","good":false,"bytes":15,"lost":16}]}])");
+}
+
 // --- outputs -----------------------------------------------------------------------------------------
 
 class FakeSink : public TsSink {
@@ -250,11 +324,14 @@ class FakeSink : public TsSink {
   struct Script {
     std::vector<std::string> failures;  // of the next writes; "" for success
     std::vector<uint8_t> written;
+    std::function<void(size_t number)> onWrite;  // called before each
+    size_t writes = 0;
   };
   explicit FakeSink(Script& script) : m_script(script) {}
   bool Open(std::string&) override { return true; }
   bool IsOpen() const override { return true; }
   bool Write(const TsChunk& chunk, std::string& reason) override {
+    if (m_script.onWrite) m_script.onWrite(m_script.writes++);
     if (!m_script.failures.empty()) {
       reason = m_script.failures.front();
       m_script.failures.erase(m_script.failures.begin());
@@ -288,6 +365,60 @@ TEST(TsOutput, AFailureAndItsEndAreOneLineEach) {
   EXPECT_EQ(counts.bytes, 3u * 188);
   EXPECT_EQ(counts.lost, 2u * 188);
   EXPECT_TRUE(counts.isGood);
+}
+
+TEST(TsOutput, EachLineTellsOfItsOwnLosses) {
+  FakeSink::Script script;
+  script.failures = {"full", "", "gone", "", ""};
+  std::vector<std::string> lines;
+  TsOutput output(
+      "a", [&](const std::function<bool()>&) { return std::make_unique<FakeSink>(script); },
+      [&](bool, const std::string& line) { lines.push_back(line); });
+  for (uint8_t i = 0; i < 5; ++i) output.Push(Chunk(i));
+  output.Finish();
+  EXPECT_THAT(lines, ElementsAre("a cannot be written: full", "a is written again; 188 bytes in between were lost",
+                                 "a cannot be written: gone", "a is written again; 188 bytes in between were lost"));
+}
+
+TEST(TsOutput, ThatIsTooSlowLosesWhatDoesNotFit) {
+  constexpr size_t kPiece = size_t{1} << 20;
+  constexpr size_t kFitting = TsOutput::kMostWaiting / kPiece;
+  std::promise<void> begun;
+  std::promise<void> allowed;
+  std::promise<void> emptied;
+  std::promise<void> done;
+  FakeSink::Script script;
+  script.onWrite = [&, may = allowed.get_future().share()](size_t number) {
+    if (number == 0) {
+      begun.set_value();
+      may.wait();
+    }
+    if (number == kFitting) emptied.set_value();
+    if (number == 2 * kFitting) done.set_value();
+  };
+  std::vector<std::string> lines;
+  TsOutput output(
+      "a", [&](const std::function<bool()>&) { return std::make_unique<FakeSink>(script); },
+      [&](bool, const std::string& line) { lines.push_back(line); });
+  const auto push = [&](size_t count) {
+    for (size_t i = 0; i < count; ++i) output.Push(Chunk(0, 0, false, kPiece));
+  };
+  push(1);
+  begun.get_future().wait();
+  push(kFitting);
+  EXPECT_EQ(output.Snapshot().lost, 0u);
+  push(1);
+  EXPECT_EQ(output.Snapshot().lost, kPiece);
+  allowed.set_value();
+  emptied.get_future().wait();
+  push(kFitting);
+  done.get_future().wait();
+  output.Finish();
+  push(2 * kFitting);
+  EXPECT_EQ(output.Snapshot().lost, kPiece) << "there is room again, and nothing is taken after the end";
+  EXPECT_EQ(output.Snapshot().bytes, (1 + 2 * kFitting) * kPiece);
+  EXPECT_THAT(lines, ElementsAre("a cannot be written: it is too slow",
+                                 "a is written again; 1048576 bytes in between were lost"));
 }
 
 class Folder : public testing::Test {
@@ -324,10 +455,36 @@ TEST_F(StreamSegments, BeginWithKeyFramesAndAreListedWhenTheyAreComplete) {
   EXPECT_TRUE(std::filesystem::exists(m_path + "/pages/a-000003.ts"));
   EXPECT_FALSE(std::filesystem::exists(m_path + "/pages/a-000002.ts"));
   sink->Close();
-  EXPECT_THAT(Text("pages/a.m3u8"), testing::EndsWith("a-000012.ts\n#EXT-X-ENDLIST\n"));
+  EXPECT_THAT(Text("pages/a.m3u8"), testing::EndsWith("#EXTINF:0.500,\na-000012.ts\n#EXT-X-ENDLIST\n"));
+}
+
+TEST_F(StreamSegments, AreNeverLongerThanThePlaylistSays) {
+  const auto sink = MakeSegmentSink(m_path, "a");
+  std::string reason;
+  for (const int64_t time : {int64_t{0}, int64_t{2'200'000}}) ASSERT_TRUE(sink->Write(*Chunk(0, time, true), reason));
+  EXPECT_THAT(Text("a.m3u8"), HasSubstr("#EXT-X-TARGETDURATION:3\n#EXT-X-MEDIA-SEQUENCE:0\n#EXTINF:2.200,\n"));
 }
 
 class StreamFile : public Folder {};
+
+TEST_F(StreamFile, HasWholeChunksOnAFullDisk) {
+  StreamOutput output;
+  output.text = m_path + "/a.ts";
+  const auto sink = MakeSink(output, [] { return false; });
+  std::string reason;
+  EXPECT_TRUE(sink->Write(*Chunk(1), reason));
+  rlimit before{};
+  getrlimit(RLIMIT_FSIZE, &before);
+  const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+  const rlimit full = {188 + 100, before.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &full), 0);
+  EXPECT_FALSE(sink->Write(*Chunk(2), reason));
+  setrlimit(RLIMIT_FSIZE, &before);
+  std::signal(SIGXFSZ, handler);
+  EXPECT_EQ(reason, "File too large");
+  EXPECT_TRUE(sink->Write(*Chunk(3), reason));
+  EXPECT_EQ(Text("a.ts"), std::string(188, '\1') + std::string(188, '\3'));
+}
 
 TEST_F(StreamFile, ThatCannotBeMadeIsAnErrorAtOnce) {
   StreamOutput output;
