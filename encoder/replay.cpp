@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // CONTENTS
 //   Files      are opened with libpcap
-//   Sockets    are asked how much they hold
 //   Replay     is the thread
 #include "replay.h"
 
@@ -19,7 +18,6 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <memory>
 #include <stdexcept>
 #include <utility>
@@ -34,9 +32,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr auto kLongestPause = 60s;  // a longer one, or a step back by more than a second, is skipped
 constexpr auto kLargestStepBack = 1s;
-constexpr auto kLook = 1ms;         // between looks at the source's socket and at the room
-constexpr size_t kMostCredit = 64;  // datagrams, which every socket's buffer takes
-constexpr size_t kPart = 8;         // of the room, because others take some too
 
 // --- Files -------------------------------------------------------------------------------------------
 
@@ -79,29 +74,6 @@ File OpenFile(const ReplaySettings& settings, std::string* fault) {
   return fault->empty() ? std::move(file) : nullptr;
 }
 
-// --- Sockets -----------------------------------------------------------------------------------------
-
-sockaddr_in Loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-// Returns the bytes that the socket of a port holds. Without the table of the kernel it is 0.
-unsigned long Held(uint16_t port) {
-  std::ifstream table("/proc/net/udp");
-  std::string line;
-  while (std::getline(table, line)) {
-    unsigned local = 0;
-    unsigned long held = 0;
-    if (std::sscanf(line.c_str(), " %*d: %*8x:%4x %*8x:%*4x %*2x %*8x:%8lx", &local, &held) != 2) continue;
-    if (local == port) return held;
-  }
-  return 0;
-}
-
 }  // namespace
 
 std::string FilterFault(const std::string& filter) {
@@ -120,20 +92,10 @@ std::string ReplayFault(const ReplaySettings& settings) {
   return fault;
 }
 
-uint16_t FreePort() {
-  const common::OwnedFD fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  socklen_t size = sizeof(address);
-  auto* const plain = reinterpret_cast<sockaddr*>(&address);
-  if (bind(fd.Get(), plain, size) != 0 || getsockname(fd.Get(), plain, &size) != 0) return 0;
-  return ntohs(address.sin_port);
-}
-
 // --- Replay ------------------------------------------------------------------------------------------
 
 Replay::Replay(std::string name, ReplaySettings settings, Surroundings around)
-    : m_name(std::move(name)), m_settings(std::move(settings)), m_around(std::move(around)) {
+    : m_name(std::move(name)), m_settings(std::move(settings)), m_around(std::move(around)), m_turns(m_around.room) {
   m_socket.Reset(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   m_stop.Reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   if (!m_socket.IsOpen() || !m_stop.IsOpen()) {
@@ -218,19 +180,16 @@ bool Replay::WaitForTime(std::chrono::nanoseconds time) {
 
 // Waits until the source has a port, and its socket and the program have room. Returns false if it is to stop.
 bool Replay::WaitForTurn() {
-  while (m_credit == 0 || m_port.load() == 0) {
-    const uint16_t port = m_port.load();
-    const size_t room = port == 0 || Held(port) != 0 ? 0 : m_around.room();
-    m_credit = room == 0 ? 0 : std::clamp(room / kPart, size_t{1}, kMostCredit);
-    if (!WaitUntil(m_credit == 0 ? Clock::now() + kLook : Clock::time_point::min())) return false;
+  for (;;) {
+    const bool isTurn = m_turns.Take(m_port.load());
+    if (!WaitUntil(isTurn ? Clock::time_point::min() : Clock::now() + Turns::kLook)) return false;
+    if (isTurn) return true;
   }
-  --m_credit;
-  return true;
 }
 
 bool Replay::WaitUntilTaken() {
-  while (m_port.load() == 0 || Held(m_port.load()) != 0) {
-    if (!WaitUntil(Clock::now() + kLook)) return false;
+  while (m_port.load() == 0 || UnreadBytes(m_port.load()) != 0) {
+    if (!WaitUntil(Clock::now() + Turns::kLook)) return false;
   }
   return true;
 }

@@ -16,6 +16,7 @@
 #include <thread>
 
 #include "config.h"
+#include "loopback.h"
 #include "owned_fd.h"
 
 struct pcap;
@@ -67,7 +68,7 @@ class Replay {
   common::OwnedFD m_stop;  // eventfd, set once
   // State of the thread.
   Counts m_counts;
-  size_t m_credit = 0;  // datagrams that may be sent before the socket and the room are looked at again
+  Turns m_turns;
   bool m_hasTime = false;
   std::chrono::nanoseconds m_last{};    // time of the last datagram in the file
   std::chrono::nanoseconds m_anchor{};  // the file's clock shows it at m_anchorAt
@@ -79,8 +80,6 @@ class Replay {
 std::string ReplayFault(const ReplaySettings& settings);
 // Returns "", or why a filter is none.
 std::string FilterFault(const std::string& filter);
-// Returns a UDP port of IPv4 that no socket of this machine has at the moment, or 0.
-uint16_t FreePort();
 
 }  // namespace mdencoder
 

@@ -19,14 +19,13 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 #include <utility>
 #include <vector>
 
+#include "loopback.h"
 #include "tak_protocol.h"
 
 namespace mdencoder {
@@ -48,27 +47,6 @@ constexpr unsigned kEventsPerLook = 16;
 constexpr uint64_t kMostUnread = 64 << 10;  // of the library's socket, whose buffer holds a multiple
 constexpr auto kRoomLimit = 1s;
 
-sockaddr_in Loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
-
-// Returns a port that no socket of any address has at this moment.
-uint16_t FreePort() {
-  const OwnedFD fd(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  socklen_t size = sizeof(address);
-  if (!fd.IsOpen() || bind(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
-      getsockname(fd.Get(), reinterpret_cast<sockaddr*>(&address), &size) != 0) {
-    throw std::runtime_error(std::string("no free UDP port: ") + std::strerror(errno));
-  }
-  return ntohs(address.sin_port);
-}
-
 void SetOption(int fd, int level, int option, int value) {
   setsockopt(fd, level, option, &value, sizeof(value));
 }
@@ -83,22 +61,6 @@ void KeepAlive(int fd) {
 
 }  // namespace
 
-uint64_t UnreadBytes(std::string_view table, uint16_t port) {
-  uint64_t unread = 0;
-  while (!table.empty()) {
-    const std::string line(table.substr(0, table.find('\n')));
-    table.remove_prefix(std::min(table.size(), line.size() + 1));
-    unsigned found = 0;
-    unsigned long queued = 0;
-    // "  12: 0100007F:1388 00000000:0000 07 00000000:00000300 ...": number, addresses, state, queues to send and to read
-    if (std::sscanf(line.c_str(), " %*u: %*32[0-9A-Fa-f]:%x %*32[0-9A-Fa-f]:%*x %*x %*x:%lx", &found, &queued) == 2 &&
-        found == port) {
-      unread += queued;
-    }
-  }
-  return unread;
-}
-
 // --- Main thread -------------------------------------------------------------------------------------
 
 TakInput::TakInput(const TakSettings& settings, bool retry)
@@ -112,7 +74,7 @@ TakInput::TakInput(const TakSettings& settings, bool retry)
   if (isReady) {
     m_port = FreePort();
     const sockaddr_in to = Loopback(m_port);
-    isReady = connect(m_out.Get(), reinterpret_cast<const sockaddr*>(&to), sizeof(to)) == 0;
+    isReady = m_port != 0 && connect(m_out.Get(), reinterpret_cast<const sockaddr*>(&to), sizeof(to)) == 0;
   }
   if (!isReady) {
     throw std::runtime_error(std::string("no socket to the library: ") + std::strerror(errno));
@@ -442,9 +404,7 @@ void TakInput::AwaitRoom() {
   m_sentSinceLook = 0;
   const auto until = Clock::now() + kRoomLimit;
   while (!IsStopping() && Clock::now() < until) {
-    std::ifstream file("/proc/net/udp");
-    const std::string table{std::istreambuf_iterator<char>(file), {}};
-    if (UnreadBytes(table, m_port) <= kMostUnread) return;
+    if (UnreadBytes(m_port) <= kMostUnread) return;
     Await(-1, 0, Clock::now() + 2ms);
   }
 }

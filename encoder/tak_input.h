@@ -16,7 +16,6 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <string_view>
 #include <thread>
 
 #include "annotated_mutex.h"
@@ -129,9 +128,6 @@ common::OwnedFD OpenTakSocket(const TakSettings& settings, std::string& fault);
 
 // Joins the group of an open socket again where it is not joined. Returns false, with the reason, if it is nowhere.
 bool JoinTakGroup(int fd, const TakSettings& settings, std::string& fault);
-
-// Returns how much the sockets of this UDP port hold unread, from the text of /proc/net/udp.
-uint64_t UnreadBytes(std::string_view table, uint16_t port);
 
 }  // namespace mdencoder
 

@@ -314,17 +314,6 @@ TEST(TakInput, AnInterfaceThatIsAwayIsNamed) {
   EXPECT_EQ(fault, "there is no interface nowhere0");
 }
 
-TEST(TakInput, CountsWhatIsUnreadOfAPort) {
-  const std::string table =
-      "  sl  local_address rem_address   st tx_queue rx_queue tr tm->when retrnsmt   uid  timeout inode\n"
-      "  305: 0100007F:1388 00000000:0000 07 00000000:00000300 00:00000000 00000000     0        0 1 2 0 0\n"
-      "  306: 00000000:1388 00000000:0000 07 00000001:00000010 00:00000000 00000000     0        0 1 2 0 0\n"
-      "  307: 0100007F:1389 00000000:0000 07 00000000:00FF0000 00:00000000 00000000     0        0 1 2 0 0\n";
-  EXPECT_EQ(UnreadBytes(table, 0x1388), 0x310U);
-  EXPECT_EQ(UnreadBytes(table, 0x1387), 0U);
-  EXPECT_EQ(UnreadBytes("nonsense", 0x1388), 0U);
-}
-
 // --- Keeper and statistics ---------------------------------------------------------------------------
 
 std::optional<MDATA_SRC_CFG> g_opened;
