@@ -5,6 +5,7 @@
 //   Queue      passes packets from a back end's thread to the metadata thread
 //   Room       holds the packets of files back until they can be taken
 //   Inputs     hold the running captures
+//   Streams    are captures beside the video inputs
 //   Services   are called by the library
 #define HOST_MODULE "capture"
 #define HOST_DEBUG_MODULE ::host_runtime::CaptureModule()
@@ -17,10 +18,16 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <functional>
+#include <memory>
+#include <optional>
+#include <span>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace host_runtime {
 
@@ -36,6 +43,13 @@ bool CaptureQueue::Open() {
 }
 
 void CaptureQueue::Push(uint64_t timestamp, std::span<const uint8_t> klv) {
+  if (klv.size() > m_largest) {
+    Count(&HostCaptureStats::oversized);
+    if (std::exchange(m_isLargestTold, true)) return;
+    HOST_LOG(4, "%s: KLV packet of %zu bytes dropped, %zu at most can be passed on; others are only counted.\n",
+             Label(), klv.size(), m_largest);
+    return;
+  }
   {
     const Lock guard(m_lock);
     if (m_packets.size() < kMostPackets && m_bytes + klv.size() <= kMostBytes) {
@@ -48,7 +62,7 @@ void CaptureQueue::Push(uint64_t timestamp, std::span<const uint8_t> klv) {
     }
     ++m_stats.overflows;
   }
-  HOST_LOG(4, "Video input %d: queue full, KLV packet of %zu bytes dropped.\n", m_input, klv.size());
+  HOST_LOG(4, "%s: queue full, KLV packet of %zu bytes dropped.\n", Label(), klv.size());
 }
 
 void CaptureQueue::Count(uint64_t HostCaptureStats::*counter, uint64_t count) {
@@ -75,30 +89,38 @@ void CaptureQueue::Stop() {
   eventfd_write(m_stop.Get(), 1);
 }
 
+// Takes the next packet out, and counts it as taken if it is not larger than the room.
+std::optional<CaptureQueue::Packet> CaptureQueue::Next(size_t room) {
+  const Lock guard(m_lock);
+  if (m_packets.empty()) return std::nullopt;
+  Packet packet = std::move(m_packets.front());
+  m_packets.pop_front();
+  m_bytes -= packet.klv.size();
+  ++(packet.klv.size() > room ? m_stats.oversized : m_stats.taken);
+  eventfd_t count = 0;
+  if (m_packets.empty()) eventfd_read(m_readable.Get(), &count);
+  return packet;
+}
+
+bool CaptureQueue::Take(std::vector<uint8_t>& klv) {
+  auto packet = Next(SIZE_MAX);
+  if (packet) klv = std::move(packet->klv);
+  return packet.has_value();
+}
+
 bool CaptureQueue::Pop(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp) {
   const size_t room = *pnLength < 0 ? 0 : static_cast<size_t>(*pnLength);
-  for (;;) {
-    Packet packet;
-    {
-      const Lock guard(m_lock);
-      if (m_packets.empty()) return false;
-      packet = std::move(m_packets.front());
-      m_packets.pop_front();
-      m_bytes -= packet.klv.size();
-      ++(packet.klv.size() > room ? m_stats.oversized : m_stats.taken);
-      eventfd_t count = 0;
-      if (m_packets.empty()) eventfd_read(m_readable.Get(), &count);
-    }
-    if (packet.klv.size() > room) {
-      HOST_LOG(4, "Video input %d: KLV packet of %zu bytes dropped, there is room for %zu.\n", m_input,
-               packet.klv.size(), room);
+  while (const auto packet = Next(room)) {
+    if (packet->klv.size() > room) {
+      HOST_LOG(4, "%s: KLV packet of %zu bytes dropped, there is room for %zu.\n", Label(), packet->klv.size(), room);
       continue;
     }
-    std::copy(packet.klv.begin(), packet.klv.end(), pcData);
-    *pnLength = static_cast<int>(packet.klv.size());
-    *pnTimeStamp = packet.timestamp;
+    std::copy(packet->klv.begin(), packet->klv.end(), pcData);
+    *pnLength = static_cast<int>(packet->klv.size());
+    *pnTimeStamp = packet->timestamp;
     return true;
   }
+  return false;
 }
 
 HostCaptureStats CaptureQueue::Stats() const {
@@ -124,9 +146,9 @@ void CaptureQueue::SetFault(const std::string& fault) {
     m_fault = fault;
   }
   if (fault.empty()) {
-    HOST_LOG(5, "Video input %d: the stream is there.\n", m_input);
+    HOST_LOG(5, "%s: the stream is there.\n", Label());
   } else {
-    HOST_LOG(3, "Video input %d: %s; trying again every second.\n", m_input, fault.c_str());
+    HOST_LOG(3, "%s: %s; trying again every second.\n", Label(), fault.c_str());
   }
 }
 
@@ -179,19 +201,20 @@ namespace {
 
 class Capture {
  public:
-  Capture(int input, std::unique_ptr<CaptureBackend> backend) : m_backend(std::move(backend)), m_queue(input) {}
+  // `label` begins the lines of the log. Without `largest` the taker of the packets says how large they may be.
+  Capture(std::string label, std::string thread, std::unique_ptr<CaptureBackend> backend, size_t largest = SIZE_MAX)
+      : m_name(std::move(thread)), m_backend(std::move(backend)), m_queue(std::move(label), largest) {}
   ~Capture() { Stop(); }
   Capture(const Capture&) = delete;
   Capture& operator=(const Capture&) = delete;
 
   bool Start() {
     if (!m_queue.Open()) {
-      HOST_LOG(3, "Video input %d: no descriptors: %s.\n", m_queue.Input(), strerror(errno));
+      HOST_LOG(3, "%s: no descriptors: %s.\n", m_queue.Label(), strerror(errno));
       return false;
     }
     if (!m_backend->Open(m_queue)) return false;
-    const std::string name = "KLV video " + std::to_string(m_queue.Input());
-    return CreateThread(&m_thread, name.c_str(), 0, 0, &Capture::Run, this) && StartThread(m_thread);
+    return CreateThread(&m_thread, m_name.c_str(), 0, 0, &Capture::Run, this) && StartThread(m_thread);
   }
   void Stop() {
     if (m_thread == nullptr) return;
@@ -200,6 +223,7 @@ class Capture {
     m_thread = nullptr;
   }
   CaptureQueue& Queue() { return m_queue; }
+  const CaptureQueue& Queue() const { return m_queue; }
 
  private:
   static DWORD Run(void* pvCapture) {
@@ -208,6 +232,7 @@ class Capture {
     return 0;
   }
 
+  const std::string m_name;  // of the thread
   std::unique_ptr<CaptureBackend> m_backend;
   CaptureQueue m_queue;
   HTHREAD m_thread = nullptr;
@@ -264,13 +289,35 @@ BOOL Start(int input, VIDEO_EXTRACTOR* pExtractor) {
     HOST_LOG(3, "Video input %d has no capture configured.\n", input);
     return FALSE;
   }
-  auto capture = std::make_shared<Capture>(input, std::move(backend));
+  const std::string number = std::to_string(input);
+  auto capture = std::make_shared<Capture>("Video input " + number, "KLV video " + number, std::move(backend));
   if (!capture->Start()) return FALSE;
   pExtractor->iFD = capture->Queue().FD();
   const Lock guard(AllInputs().lock);
   AllInputs().captures[index] = std::move(capture);
   return TRUE;
 }
+
+// --- Streams -----------------------------------------------------------------------------------------
+
+class Stream : public HostStream {
+ public:
+  Stream(const HostCaptureConfig& config, const std::string& name, size_t largest)
+      : m_capture("Source " + name, "KLV stream", MakeBackend(config), largest) {}
+
+  bool Start() { return m_capture.Start(); }
+  int FD() const override { return m_capture.Queue().FD(); }
+  bool Take(std::vector<uint8_t>& message) override {
+    return NoThrow(false, [&] { return m_capture.Queue().Take(message); });
+  }
+  HostCaptureState State() const override {
+    return NoThrow(HostCaptureState{}, [&] { return m_capture.Queue().State(); });
+  }
+  HostCaptureStats Stats() const override { return m_capture.Queue().Stats(); }
+
+ private:
+  Capture m_capture;
+};
 
 }  // namespace
 }  // namespace host_runtime
@@ -295,6 +342,16 @@ HostCaptureState HostRuntime_CaptureState(int input) {
     const Lock guard(AllInputs().lock);
     const auto& capture = AllInputs().captures[index];
     return capture != nullptr ? capture->Queue().State() : HostCaptureState{};
+  });
+}
+
+std::unique_ptr<HostStream> HostRuntime_OpenStream(const HostCaptureConfig& config, const std::string& name,
+                                                   size_t largest) {
+  if (config.kind == HostCaptureConfig::Kind::None) return nullptr;
+  return NoThrow(std::unique_ptr<HostStream>(), [&]() -> std::unique_ptr<HostStream> {
+    auto stream = std::make_unique<Stream>(config, name, largest);
+    if (!stream->Start()) return nullptr;
+    return stream;
   });
 }
 

@@ -2,7 +2,7 @@
 // The capture of video inputs: declarations that its back ends share.
 //
 // Each running input has a thread of its own ("KLV video 0") that runs a back end, and a queue from which the metadata
-// thread pops packets. A source file of a back end defines HOST_DEBUG_MODULE as CaptureModule().
+// thread pops packets. A stream beside them ("KLV stream") has the same, and the program takes the packets. A source file of a back end defines HOST_DEBUG_MODULE as CaptureModule().
 #ifndef HOST_CAPTURE_BACKENDS_H
 #define HOST_CAPTURE_BACKENDS_H
 
@@ -10,8 +10,10 @@
 #include <cstdint>
 #include <deque>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "annotated_mutex.h"
@@ -28,11 +30,12 @@ class CaptureQueue {
   static constexpr size_t kMostPackets = 1024;
   static constexpr size_t kMostBytes = size_t{8} << 20;
 
-  explicit CaptureQueue(int input) : m_input(input) {}
+  // `label` begins the lines of the log. Packets larger than `largest` are dropped before they take room.
+  CaptureQueue(std::string label, size_t largest) : m_label(std::move(label)), m_largest(largest) {}
   // Returns false if the system has no descriptors left.
   bool Open();
 
-  int Input() const { return m_input; }
+  const char* Label() const { return m_label.c_str(); }
 
   // For the back end's thread.
   void Push(uint64_t timestamp, std::span<const uint8_t> klv);
@@ -51,20 +54,25 @@ class CaptureQueue {
   void Stop();
   int FD() const { return m_readable.Get(); }
   bool Pop(BYTE* pcData, int* pnLength, UINT64* pnTimeStamp);
+  // Stores the next packet, or returns false if there is none.
+  bool Take(std::vector<uint8_t>& klv);
   HostCaptureStats Stats() const;
   HostCaptureState State() const;
   // Notes that nothing more is pushed, because a file was played to its end.
   void End();
 
  private:
-  bool HasRoom() const;
-
   struct Packet {
     uint64_t timestamp;
     std::vector<uint8_t> klv;
   };
 
-  const int m_input;
+  bool HasRoom() const;
+  std::optional<Packet> Next(size_t room);
+
+  const std::string m_label;
+  const size_t m_largest;
+  bool m_isLargestTold = false;  // back end's thread
   bool m_stopping = false;       // atomic
   common::OwnedFD m_readable;    // eventfd, set while packets wait
   common::OwnedFD m_stop;        // eventfd, set once

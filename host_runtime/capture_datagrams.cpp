@@ -69,13 +69,13 @@ class DatagramBackend : public CaptureBackend {
   bool Open(CaptureQueue& queue) override {
     const auto origin = stream_url::ParseDatagramUrl(m_url);
     if (!origin) {
-      HOST_LOG(3, "Video input %d: cannot open \"%s\": it is not %s.\n", queue.Input(), m_name.c_str(),
+      HOST_LOG(3, "%s: cannot open \"%s\": it is not %s.\n", queue.Label(), m_name.c_str(),
                stream_url::kDatagramAllowed);
       return false;
     }
     m_origin = *origin;
     if (!OpenSocket()) {
-      HOST_LOG(3, "Video input %d: no socket for \"%s\".\n", queue.Input(), m_name.c_str());
+      HOST_LOG(3, "%s: no socket for \"%s\".\n", queue.Label(), m_name.c_str());
       return false;
     }
     const int on = 1;
@@ -158,8 +158,8 @@ class DatagramBackend : public CaptureBackend {
       const auto size = ReceiveOne(queue);
       if (!size) break;
       if (!receiver.Push({m_buffer.data(), *size}, now) && !std::exchange(m_strangeTold, true)) {
-        HOST_LOG(4, "Video input %d: \"%s\" brings datagrams that are neither a transport stream nor KLV.\n",
-                 queue.Input(), m_name.c_str());
+        HOST_LOG(4, "%s: \"%s\" brings datagrams that are neither a transport stream nor KLV.\n", queue.Label(),
+                 m_name.c_str());
       }
     }
     receiver.Expire(now);
@@ -201,8 +201,8 @@ class DatagramBackend : public CaptureBackend {
     while (isOpen && demuxer.Next(&packet) && m_playback.Push(queue, packet.time, packet.data)) continue;
     if (queue.IsStopping()) return;
     queue.Count(&HostCaptureStats::damaged);
-    HOST_LOG(4, "Video input %d: the transport stream of \"%s\" is damaged, and is read anew: %s.\n", queue.Input(),
-             m_name.c_str(), demuxer.Fault().c_str());
+    HOST_LOG(4, "%s: the transport stream of \"%s\" is damaged, and is read anew: %s.\n", queue.Label(), m_name.c_str(),
+             demuxer.Fault().c_str());
     m_stream.clear();
   }
 

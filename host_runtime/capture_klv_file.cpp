@@ -36,7 +36,7 @@ class KlvFileBackend : public CaptureBackend {
 
   bool Open(CaptureQueue& queue) override {
     if (OpenFile()) return true;
-    HOST_LOG(3, "Video input %d: cannot read \"%s\": %s.\n", queue.Input(), m_config.path.c_str(), strerror(errno));
+    HOST_LOG(3, "%s: cannot read \"%s\": %s.\n", queue.Label(), m_config.path.c_str(), strerror(errno));
     return false;
   }
 
@@ -89,18 +89,17 @@ class KlvFileBackend : public CaptureBackend {
   }
 
   void ReportEnd(CaptureQueue& queue, bool again) const {
-    const int input = queue.Input();
+    const char* const input = queue.Label();
     const char* const path = m_config.path.c_str();
     if (m_skipped != 0) {
       queue.Count(&HostCaptureStats::damaged);
-      HOST_LOG(4, "Video input %d: %llu bytes of \"%s\" are no KLV.\n", input,
-               static_cast<unsigned long long>(m_skipped), path);
+      HOST_LOG(4, "%s: %llu bytes of \"%s\" are no KLV.\n", input, static_cast<unsigned long long>(m_skipped), path);
     }
     if (!m_error.empty()) {
-      HOST_LOG(3, "Video input %d: reading \"%s\" failed after %llu KLV packets: %s.\n", input, path,
-               m_playback.Messages(), m_error.c_str());
+      HOST_LOG(3, "%s: reading \"%s\" failed after %llu KLV packets: %s.\n", input, path, m_playback.Messages(),
+               m_error.c_str());
     } else {
-      HOST_LOG(5, "Video input %d: end of \"%s\" after %llu KLV packets%s.\n", input, path, m_playback.Messages(),
+      HOST_LOG(5, "%s: end of \"%s\" after %llu KLV packets%s.\n", input, path, m_playback.Messages(),
                again ? ", beginning again" : "");
     }
   }

@@ -40,7 +40,7 @@ class MediaBackend : public CaptureBackend {
 
   bool Open(CaptureQueue& queue) override {
     if (stream_url::IsUrl(m_config.path) || access(m_config.path.c_str(), R_OK) == 0) return true;
-    HOST_LOG(3, "Video input %d: cannot read \"%s\": %s.\n", queue.Input(), m_name.c_str(), strerror(errno));
+    HOST_LOG(3, "%s: cannot read \"%s\": %s.\n", queue.Label(), m_name.c_str(), strerror(errno));
     return false;
   }
 
@@ -79,7 +79,7 @@ class MediaBackend : public CaptureBackend {
       return;
     }
     queue.Count(&HostCaptureStats::damaged);
-    HOST_LOG(3, "Video input %d: cannot open \"%s\": %s.\n", queue.Input(), m_name.c_str(), fault.c_str());
+    HOST_LOG(3, "%s: cannot open \"%s\": %s.\n", queue.Label(), m_name.c_str(), fault.c_str());
   }
 
   void ReportEnd(CaptureQueue& queue, const std::string& fault) const {
@@ -87,13 +87,13 @@ class MediaBackend : public CaptureBackend {
       queue.SetFault(m_name + (fault.empty() ? " has ended" : " broke off: " + fault));
     } else if (!fault.empty()) {
       queue.Count(&HostCaptureStats::damaged);
-      HOST_LOG(3, "Video input %d: reading \"%s\" failed after %llu KLV packets: %s.\n", queue.Input(), m_name.c_str(),
+      HOST_LOG(3, "%s: reading \"%s\" failed after %llu KLV packets: %s.\n", queue.Label(), m_name.c_str(),
                m_playback.Messages(), fault.c_str());
     } else if (!m_playback.HasKlv()) {
-      HOST_LOG(4, "Video input %d: \"%s\" has no KLV.\n", queue.Input(), m_name.c_str());
+      HOST_LOG(4, "%s: \"%s\" has no KLV.\n", queue.Label(), m_name.c_str());
     } else {
-      HOST_LOG(5, "Video input %d: end of \"%s\" after %llu KLV packets%s.\n", queue.Input(), m_name.c_str(),
-               m_playback.Messages(), m_config.loop ? ", beginning again" : "");
+      HOST_LOG(5, "%s: end of \"%s\" after %llu KLV packets%s.\n", queue.Label(), m_name.c_str(), m_playback.Messages(),
+               m_config.loop ? ", beginning again" : "");
     }
   }
 

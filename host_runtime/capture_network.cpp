@@ -49,14 +49,14 @@ class AncBackend : public CaptureBackend {
   bool Open(CaptureQueue& queue) override {
     in_addr address{};
     if (!m_config.address.empty() && inet_pton(AF_INET, m_config.address.c_str(), &address) != 1) {
-      HOST_LOG(3, "Video input %d: \"%s\" is no IPv4 address.\n", queue.Input(), m_config.address.c_str());
+      HOST_LOG(3, "%s: \"%s\" is no IPv4 address.\n", queue.Label(), m_config.address.c_str());
       return false;
     }
     std::array<BYTE, 4> bytes;
     memcpy(bytes.data(), &address, bytes.size());
     int fd = -1;
     if (!CreateUDPRxSocket(m_config.port, bytes.data(), &fd)) {
-      HOST_LOG(3, "Video input %d: no socket for the ancillary stream on UDP port %u.\n", queue.Input(),
+      HOST_LOG(3, "%s: no socket for the ancillary stream on UDP port %u.\n", queue.Label(),
                static_cast<unsigned>(m_config.port));
       return false;
     }
@@ -66,7 +66,7 @@ class AncBackend : public CaptureBackend {
 
   void Run(CaptureQueue& queue) override {
     anc_klv::Receiver receiver([&queue](const anc_klv::StampedKlv& message) {
-      HOST_LOG(8, "Video input %d: KLV of %zu bytes.\n", queue.Input(), message.klv.size());
+      HOST_LOG(8, "%s: KLV of %zu bytes.\n", queue.Label(), message.klv.size());
       queue.Push(message.timestamp, message.klv);
     });
     std::vector<uint8_t> buffer(65'536);
@@ -94,28 +94,28 @@ class AncBackend : public CaptureBackend {
   // Logs and counts the faults since the last report.
   void Report(CaptureQueue& queue, const anc_klv::Counts& seen) {
     using anc_klv::Counts;
-    const int input = queue.Input();
+    const char* const input = queue.Label();
     if (const auto n = Count(queue, seen, &Counts::damaged, &HostCaptureStats::damaged); n != 0) {
-      HOST_LOG(4, "Video input %d: %llu damaged packets or messages dropped.\n", input, n);
+      HOST_LOG(4, "%s: %llu damaged packets or messages dropped.\n", input, n);
     }
     if (const auto n = Count(queue, seen, &Counts::badChecksums, &HostCaptureStats::badChecksums); n != 0) {
-      HOST_LOG(4, "Video input %d: %llu ancillary packets with a wrong checksum.\n", input, n);
+      HOST_LOG(4, "%s: %llu ancillary packets with a wrong checksum.\n", input, n);
     }
     if (const auto n = Count(queue, seen, &Counts::badParity, &HostCaptureStats::badParity); n != 0) {
-      HOST_LOG(4, "Video input %d: %llu ancillary packets with a wrong parity bit.\n", input, n);
+      HOST_LOG(4, "%s: %llu ancillary packets with a wrong parity bit.\n", input, n);
     }
     if (const auto n = Count(queue, seen, &Counts::lost, &HostCaptureStats::lostPackets); n != 0) {
-      HOST_LOG(4, "Video input %d: %llu RTP packets lost.\n", input, n);
+      HOST_LOG(4, "%s: %llu RTP packets lost.\n", input, n);
     }
     if (const auto n = Count(queue, seen, &Counts::reordered, &HostCaptureStats::reordered); n != 0) {
-      HOST_LOG(5, "Video input %d: %llu RTP packets came out of order.\n", input, n);
+      HOST_LOG(5, "%s: %llu RTP packets came out of order.\n", input, n);
     }
     if (const auto n = Count(queue, seen, &Counts::late, &HostCaptureStats::late); n != 0) {
-      HOST_LOG(4, "Video input %d: %llu RTP packets came twice or too late.\n", input, n);
+      HOST_LOG(4, "%s: %llu RTP packets came twice or too late.\n", input, n);
     }
-    if (seen.restarts != m_reported.restarts) HOST_LOG(5, "Video input %d: the ancillary stream began anew.\n", input);
+    if (seen.restarts != m_reported.restarts) HOST_LOG(5, "%s: the ancillary stream began anew.\n", input);
     if (const auto n = Count(queue, seen, &Counts::incomplete, &HostCaptureStats::incomplete); n != 0) {
-      HOST_LOG(4, "Video input %d: %llu incomplete KLV messages dropped.\n", input, n);
+      HOST_LOG(4, "%s: %llu incomplete KLV messages dropped.\n", input, n);
     }
     m_reported = seen;
   }
@@ -175,16 +175,16 @@ class SocketBackend : public CaptureBackend {
     address.sun_family = AF_UNIX;
     const std::string& path = m_config.path;
     if (path.empty() || path.size() >= sizeof(address.sun_path)) {
-      HOST_LOG(3, "Video input %d: \"%s\" is no path for a socket, 1 to %zu characters are allowed.\n", queue.Input(),
-               path.c_str(), sizeof(address.sun_path) - 1);
+      HOST_LOG(3, "%s: \"%s\" is no path for a socket, 1 to %zu characters are allowed.\n", queue.Label(), path.c_str(),
+               sizeof(address.sun_path) - 1);
       return false;
     }
     memcpy(address.sun_path, path.c_str(), path.size());
     m_bound = m_lock.Acquire(path) && Bind(address);
     if (!m_bound && (errno == EBUSY || errno == EADDRINUSE)) {
-      HOST_LOG(3, "Video input %d: socket \"%s\" is in use; each input has its own.\n", queue.Input(), path.c_str());
+      HOST_LOG(3, "%s: socket \"%s\" is in use; each input has its own.\n", queue.Label(), path.c_str());
     } else if (!m_bound) {
-      HOST_LOG(3, "Video input %d: no socket \"%s\": %s.\n", queue.Input(), path.c_str(), strerror(errno));
+      HOST_LOG(3, "%s: no socket \"%s\": %s.\n", queue.Label(), path.c_str(), strerror(errno));
     }
     return m_bound;
   }
@@ -197,7 +197,7 @@ class SocketBackend : public CaptureBackend {
       for (int i = 0; i < kDatagramsAtOnce && Receive(m_socket.Get(), buffer, &size); ++i) {
         if (size <= kTimeStampSize || size > buffer.size()) {
           queue.Count(&HostCaptureStats::damaged);
-          HOST_LOG(4, "Video input %d: datagram of %zu bytes dropped, %zu to %zu are allowed.\n", queue.Input(), size,
+          HOST_LOG(4, "%s: datagram of %zu bytes dropped, %zu to %zu are allowed.\n", queue.Label(), size,
                    kTimeStampSize + 1, buffer.size());
           continue;
         }

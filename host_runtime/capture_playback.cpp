@@ -57,7 +57,7 @@ bool Playback::WaitForTime(CaptureQueue& queue, int64_t time) {
   const int64_t now = MonotonicNs();
   if (!m_first) BeginAt(time, now);
   if (m_last - time > kLargestStepBack || time - m_last > kLongestPause) {
-    HOST_LOG(5, "Video input %d: the clock of \"%s\" jumps.\n", queue.Input(), m_name.c_str());
+    HOST_LOG(5, "%s: the clock of \"%s\" jumps.\n", queue.Label(), m_name.c_str());
     m_anchor = m_last = time;
     m_anchorNs = now;
   }
@@ -88,7 +88,7 @@ bool Playback::PushMessages(CaptureQueue& queue, uint64_t timestamp, std::span<c
     }
     if (size.state != State::Known || size.size > data.size()) {
       queue.Count(&HostCaptureStats::damaged);
-      HOST_LOG(4, "Video input %d: %zu bytes of damaged KLV dropped.\n", queue.Input(), data.size());
+      HOST_LOG(4, "%s: %zu bytes of damaged KLV dropped.\n", queue.Label(), data.size());
       return true;
     }
     if (!m_isLive && !queue.AwaitRoom()) return false;

@@ -12,6 +12,7 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <memory>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -213,5 +214,30 @@ struct HostCaptureStats {
 
 // Returns zeros for an input that was never started.
 HostCaptureStats HostRuntime_CaptureStats(int input);
+
+// --- streams beside the video inputs -----------------------------------------------------------------
+
+// A file or stream of KLV that is read as the capture of a video input reads it, and whose messages the program takes. A
+// program that has more of them than there are video inputs can send them to a UDP source of its own. One thread takes
+// the messages; any may ask for the rest. The destructor ends it, and waits for its thread.
+class HostStream {
+ public:
+  HostStream() = default;
+  virtual ~HostStream() = default;
+  HostStream(const HostStream&) = delete;
+  HostStream& operator=(const HostStream&) = delete;
+
+  // Returns a descriptor that is readable while messages wait.
+  virtual int FD() const = 0;
+  // Stores the next message, or returns false if none waits.
+  virtual bool Take(std::vector<uint8_t>& message) = 0;
+  virtual HostCaptureState State() const = 0;
+  virtual HostCaptureStats Stats() const = 0;
+};
+
+// Opens the origin for the source `name`, which lines of the log name. Messages of more than `largest` bytes are dropped
+// and counted as oversized; the first is a line of the log. Returns null, after such a line, if it cannot be opened.
+std::unique_ptr<HostStream> HostRuntime_OpenStream(const HostCaptureConfig& config, const std::string& name,
+                                                   size_t largest);
 
 #endif  // HOST_RUNTIME_H

@@ -439,6 +439,46 @@ TEST_F(MediaCaptureTest, APacketMayHoldSeveralMessagesAndDamagedOnesAreDropped) 
   EXPECT_EQ(HostRuntime_CaptureStats(0).damaged, 2u);
 }
 
+// --- streams beside the video inputs -----------------------------------------------------------------
+
+TEST_F(MediaCaptureTest, AStreamWithoutAVideoInputGivesItsMessagesToTheProgram) {
+  m_config.moduleLevels["KLVCAPTURE"] = 5;
+  Apply();
+  const std::string path =
+      WriteMedia({{90'000, Klv(30, 1)}, {90'000, Klv(601, 2)}, {90'000, Klv(600, 3)}, {90'000, Klv(700, 4)}});
+  const HostCaptureConfig config = {Kind::Media, path, false, "", 0, 0, ""};
+  const auto stream = HostRuntime_OpenStream(config, "cam", 619);
+  ASSERT_NE(stream, nullptr);
+  m_fd = stream->FD();
+  Bytes message;
+  std::vector<Bytes> taken;
+  while (taken.size() < 2 && Readable(10'000)) {
+    EXPECT_EQ(stream->State().phase, HostCaptureState::Phase::Running);
+    ASSERT_TRUE(stream->Take(message));
+    taken.push_back(message);
+  }
+  EXPECT_THAT(taken, ElementsAre(Klv(30, 1), Klv(600, 3)));
+  EXPECT_TRUE(Eventually([&] { return stream->State().phase == HostCaptureState::Phase::Ended; }));
+  EXPECT_FALSE(stream->Take(message));
+  EXPECT_EQ(stream->Stats().taken, 2u);
+  EXPECT_EQ(stream->Stats().oversized, 2u);
+  EXPECT_THAT(Texts("KLVCAPTURE"),
+              ElementsAre("Source cam: KLV packet of 620 bytes dropped, 619 at most can be passed on; others are only "
+                          "counted.",
+                          "Source cam: end of \"" + path + "\" after 4 KLV packets."));
+}
+
+TEST_F(MediaCaptureTest, AStreamThatCannotBeOpenedIsNoneAndALine) {
+  m_config.moduleLevels["KLVCAPTURE"] = 5;
+  Apply();
+  EXPECT_EQ(HostRuntime_OpenStream({Kind::Media, Folder() + "/none.ts", false, "", 0, 1, ""}, "cam", 1500), nullptr);
+  EXPECT_THAT(Texts("KLVCAPTURE"),
+              ElementsAre("Source cam: cannot read \"" + Folder() + "/none.ts\": No such file or directory."));
+  EXPECT_EQ(HostRuntime_OpenStream({}, "cam", 1500), nullptr);
+}
+
+// --- faults ------------------------------------------------------------------------------------------
+
 TEST_F(MediaCaptureTest, AFaultOfAFileIsKnownWithoutPlayingIt) {
   EXPECT_EQ(HostRuntime_MediaFault(WriteMedia({{90'000, Klv(30, 1)}})), "");
   EXPECT_EQ(HostRuntime_MediaFault(Folder() + "/none.ts"), "No such file or directory");
