@@ -135,7 +135,7 @@ void CheckVideo(const CheckSubject& subject, const SourceSettings& source) {
 void CheckDevices(const CheckSubject& subject) {
   for (const SourceSettings& source : subject.config.sources) {
     if (source.record.enInputType == MDATA_INPUT_SERIAL) CheckSerial(subject, source);
-    if (source.record.enInputType == MDATA_INPUT_VIDEO) CheckVideo(subject, source);
+    if (source.record.enInputType == MDATA_INPUT_VIDEO || IsFed(source)) CheckVideo(subject, source);
     if (!source.replay) continue;
     const std::string fault = ReplayFault(*source.replay);
     if (!fault.empty()) {

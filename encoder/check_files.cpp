@@ -64,7 +64,7 @@ void AddRawCapture(const CheckSubject& subject, const SourceSettings& source, st
   if (record.enInputType == MDATA_INPUT_SERIAL) {
     uses.push_back({place, "/tmp/rawserial.txt", FileUse::Kind::Stream});
     uses.push_back({place, "/tmp/cotxml.txt", FileUse::Kind::Stream});
-  } else if (source.replay) {
+  } else if (source.replay || IsFed(source)) {
     // Its port, which is in the name, is found when it is opened.
   } else if (record.enInputType == MDATA_INPUT_NETWORK) {
     const std::string port = std::to_string(record.in.Network.usUDPPort);

@@ -157,12 +157,11 @@ std::vector<Reception> ReceptionsOf(const CheckSubject& subject) {
     if (ReceptionOf(source.record, source.tak).usUDPPort != 0 && source.record.enInputType == MDATA_INPUT_NETWORK) {
       receptions.push_back(OfSource(subject, source));
     }
-    if (source.record.enInputType != MDATA_INPUT_VIDEO) continue;
     if (source.capture) {
       const auto origin = stream_url::ParseDatagramUrl(source.capture->path);
       if (origin) receptions.push_back(OfUrl(subject, source, *origin));
-      continue;
     }
+    if (source.capture || source.record.enInputType != MDATA_INPUT_VIDEO) continue;
     const int input = source.record.in.Video.enInputInterface;
     const auto& capture = subject.host.captures.at(static_cast<size_t>(input));
     if (capture.kind != HostCaptureConfig::Kind::Anc) continue;

@@ -407,6 +407,7 @@ void CheckName(const std::string& name) {
 
 // --- URLs --------------------------------------------------------------------------------------------
 
+constexpr BYTE kLoopback[] = {127, 0, 0, 1};
 constexpr double kHighestSpeed = 1000;
 constexpr size_t kLongestFilter = 197;  // a line of the file
 constexpr std::string_view kSchemes[] = {"udp", "rtp", "srt", "rtsp", "rtsps", "http", "https", "tcp"};
@@ -467,7 +468,6 @@ void ReadReplay(Section& section, SourceSettings& source) {
   replay.speed = section.Real("speed", 0, kHighestSpeed, 1);
   replay.loop = section.Switch("loop", false);
   // Only what this program sends arrives.
-  constexpr BYTE kLoopback[] = {127, 0, 0, 1};
   MDATA_INET_SRC_CFG& network = source.record.in.Network;
   network.iSrcAddressFamily = AF_INET;
   std::copy(std::begin(kLoopback), std::end(kLoopback), network.acSrcAddress);
@@ -562,26 +562,45 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
   return source;
 }
 
-// --- Together ----------------------------------------------------------------------------------------
+// --- Video inputs ------------------------------------------------------------------------------------
 
-// Gives the sources with a url the video inputs that no other source names, in the order of the file.
-void GiveInputs(std::vector<SourceSettings>& sources) {
-  std::array<bool, kHostVideoInputs> taken{};
-  for (const SourceSettings& source : sources) {
-    if (source.record.enInputType != MDATA_INPUT_VIDEO || source.capture) continue;
-    taken.at(static_cast<size_t>(source.record.in.Video.enInputInterface)) = true;
-  }
-  for (SourceSettings& source : sources) {
-    if (!source.capture) continue;
-    const auto free = std::find(taken.begin(), taken.end(), false);
-    if (free == taken.end()) {
-      throw ConfigError("[" + source.name + "] url has no video input left: there are " +
-                        std::to_string(kHostVideoInputs) + ", and each other one and each interface takes one");
-    }
-    *free = true;
-    source.record.in.Video.enInputInterface = static_cast<int32_t>(free - taken.begin());
-  }
+constexpr char kFedInput[] = "url";
+
+void GiveInput(SourceSettings& source, int32_t input) {
+  source.input = kInputs[MDATA_INPUT_VIDEO];
+  source.reception.onlyLoopback = false;
+  source.record.enInputType = MDATA_INPUT_VIDEO;
+  std::memset(&source.record.in, 0, sizeof(source.record.in));
+  source.record.in.Video.enInputInterface = input;
 }
+
+// Only what this machine sends arrives.
+void Feed(SourceSettings& source) {
+  if (source.record.nDecimationFactor != 0) {
+    throw ConfigError("[" + source.name + "] decimation is allowed only with a video input, and the " +
+                      std::to_string(kHostVideoInputs) + " are taken by other sources");
+  }
+  source.input = kFedInput;
+  source.reception.onlyLoopback = true;
+  source.record.enInputType = MDATA_INPUT_NETWORK;
+  std::memset(&source.record.in, 0, sizeof(source.record.in));
+  MDATA_INET_SRC_CFG& network = source.record.in.Network;
+  network.iSrcAddressFamily = AF_INET;
+  std::copy(std::begin(kLoopback), std::end(kLoopback), network.acSrcAddress);
+}
+
+constexpr int kStaysFed = 3;
+
+// Sources with less get a video input first, those with kStaysFed none.
+int RankForInput(const SourceSettings& source, const std::vector<SourceSettings>& running) {
+  const auto same = std::find_if(running.begin(), running.end(),
+                                 [&](const SourceSettings& each) { return each.capture && each.name == source.name; });
+  const bool isThinned = source.record.nDecimationFactor != 0;
+  if (same != running.end() && !IsFed(*same)) return 0;
+  return isThinned ? 1 : same == running.end() ? 2 : kStaysFed;
+}
+
+// --- Together ----------------------------------------------------------------------------------------
 
 // Returns the default capabilities: both IP families, and CoT if a source needs it.
 DWORD CapabilitiesFor(const std::vector<SourceSettings>& sources) {
@@ -601,7 +620,8 @@ void CheckCapabilities(const SourceSettings& source, DWORD capabilities) {
   const bool network = record.enInputType == MDATA_INPUT_NETWORK;
   const int32_t family = network ? record.in.Network.iSrcAddressFamily : 0;
   require(record.enDataType == MDATA_DATA_COT, METADATALIB_CAPS_COT_SUPPORT, "data = cot", "cot");
-  require(family == AF_INET, METADATALIB_CAPS_IPV4_SUPPORT, source.tak ? "url" : "family = ipv4", "ipv4");
+  const bool isSentHere = source.tak || source.replay || IsFed(source);
+  require(family == AF_INET, METADATALIB_CAPS_IPV4_SUPPORT, isSentHere ? "url" : "family = ipv4", "ipv4");
   require(family == AF_INET6, METADATALIB_CAPS_IPV6_SUPPORT, "family = ipv6", "ipv6");
 }
 
@@ -663,6 +683,32 @@ void CheckTogether(const Config& config) {
 }
 
 }  // namespace
+
+bool IsFed(const SourceSettings& settings) {
+  return settings.capture && settings.record.enInputType == MDATA_INPUT_NETWORK;
+}
+
+void GiveInputs(std::vector<SourceSettings>& sources, const std::vector<SourceSettings>& running) {
+  std::array<bool, kHostVideoInputs> taken{};
+  std::vector<std::pair<int, SourceSettings*>> wanting;
+  for (SourceSettings& source : sources) {
+    if (source.capture) {
+      wanting.emplace_back(RankForInput(source, running), &source);
+    } else if (source.record.enInputType == MDATA_INPUT_VIDEO) {
+      taken.at(static_cast<size_t>(source.record.in.Video.enInputInterface)) = true;
+    }
+  }
+  std::stable_sort(wanting.begin(), wanting.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+  for (const auto& [rank, source] : wanting) {
+    const auto free = std::find(taken.begin(), taken.end(), false);
+    if (free == taken.end() || rank == kStaysFed) {
+      Feed(*source);
+      continue;
+    }
+    *free = true;
+    GiveInput(*source, static_cast<int32_t>(free - taken.begin()));
+  }
+}
 
 const HostCaptureConfig& CaptureOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
   if (settings.capture) return *settings.capture;

@@ -71,7 +71,7 @@ struct ReplaySettings {
 
 struct SourceSettings {
   std::string name;
-  std::string input;   // "serial", "udp", "video", "tak"
+  std::string input;   // "serial", "udp", "video", "tak", "url"
   std::string data;    // "klv", "cot"
   std::string output;  // file of the received stream; empty: <output_dir>/<name>.klv, if that is set
   std::string track;   // file of the track; empty: <track_dir>/<name>.<format>, if that is set
@@ -84,19 +84,29 @@ struct SourceSettings {
   std::optional<uint64_t> rotateTime;
   std::optional<double> silence;
   std::string device;  // serial: path that the host opens instead of kSerialDevice; empty: as the host has it
-  std::optional<HostCaptureConfig> capture;  // video: what the key url names; without it the host's own is used
-  HostReception reception;                   // udp: what the library's sockets receive
-  std::optional<ReplaySettings> replay;      // udp: the capture file that the key url names; the port is found later
-  std::optional<TakSettings> tak;            // udp: the TAK network that the key url names; the port is found later
-  bool hasAddress = false;                   // the key address is given
-  std::vector<std::string> relayKeys;        // the keys of record.Relays
-  std::vector<std::string> relayHosts;       // names of hosts whose addresses record.Relays lacks; empty: it has one
-  bool hasRetry = false;                     // it has the key
-  bool retry = true;                         // wait for what the source needs, and open it again
-  MDATA_SRC_CFG record{};                    // complete except for the callback and its parameters
+  std::optional<HostCaptureConfig>
+      capture;                           // video: what the key url names; without it the host's own is used. udp: IsFed
+  HostReception reception;               // udp: what the library's sockets receive
+  std::optional<ReplaySettings> replay;  // udp: the capture file that the key url names; the port is found later
+  std::optional<TakSettings> tak;        // udp: the TAK network that the key url names; the port is found later
+  bool hasAddress = false;               // the key address is given
+  std::vector<std::string> relayKeys;    // the keys of record.Relays
+  std::vector<std::string> relayHosts;   // names of hosts whose addresses record.Relays lacks; empty: it has one
+  bool hasRetry = false;                 // it has the key
+  bool retry = true;                     // wait for what the source needs, and open it again
+  MDATA_SRC_CFG record{};                // complete except for the callback and its parameters
 };
 
-// Returns the origin of a source's video input.
+// Returns whether the source's url has no video input, so that the program feeds it to a UDP source of the library. The
+// port is found later.
+bool IsFed(const SourceSettings& settings);
+
+// Gives the sources with a url the video inputs that no key `interface` names. They stay as they are among the running
+// sources; of the others those with a decimation come first, then the order of the file counts. Those that are left are
+// fed. Throws ConfigError for one that cannot be.
+void GiveInputs(std::vector<SourceSettings>& sources, const std::vector<SourceSettings>& running = {});
+
+// Returns the origin of a source's video input, or of one that is fed.
 const HostCaptureConfig& CaptureOf(const SourceSettings& settings, const HostRuntimeConfig& host);
 
 // Returns "HOST:PORT" of one of the record's relays, with its name if it has one.

@@ -187,6 +187,9 @@ int Main(int argc, char** argv) {
     around.captureStats = HostRuntime_CaptureStats;
     around.captures.set = [](int input, const HostCaptureConfig& capture) { HostRuntime_SetCapture(input, capture); };
     around.captures.state = HostRuntime_CaptureState;
+    around.captures.open = [](const HostCaptureConfig& capture, const std::string& name) {
+      return HostRuntime_OpenStream(capture, name, kLongestDatagram);
+    };
     around.onRoom = HostRuntime_OnRoom;
     around.onLog = [&route](std::function<void(const HostLogLine&)> listener) { route.Listen(std::move(listener)); };
     Session session(checked.config, library, console, std::move(around));

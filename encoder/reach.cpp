@@ -303,6 +303,7 @@ std::string CaptureObstacle(const HostCaptureConfig& capture, const HostRuntimeC
 
 // The first group of IPv4 stands for all, which are joined together.
 in_addr GroupOf(const SourceSettings& settings, const HostRuntimeConfig& host) {
+  if (settings.capture) return CaptureGroup(*settings.capture);
   switch (settings.record.enInputType) {
     case MDATA_INPUT_NETWORK:
       for (const HostReception::Group& group : settings.reception.groups) {
@@ -334,6 +335,10 @@ std::string Obstacle(const SourceSettings& settings, const HostRuntimeConfig& as
       fault = SerialObstacle(SerialDevice(host));
       break;
     case MDATA_INPUT_NETWORK: {
+      if (settings.capture) {
+        fault = CaptureObstacle(*settings.capture, host);
+        break;
+      }
       if (settings.replay) {
         if (access(settings.replay->path.c_str(), R_OK) != 0) fault = settings.replay->path + ": " + ErrorText();
         break;

@@ -97,7 +97,8 @@ bool IsSameRecord(const SourceSettings& running, const SourceSettings& fresh) {
   const MDATA_SRC_CFG& a = running.record;
   MDATA_SRC_CFG b = fresh.record;
   b.nIndex = a.nIndex;
-  if (running.capture && fresh.capture) b.in.Video.enInputInterface = a.in.Video.enInputInterface;
+  if (a.enInputType == MDATA_INPUT_VIDEO && running.capture && fresh.capture)
+    b.in.Video.enInputInterface = a.in.Video.enInputInterface;
   if (running.capture != fresh.capture || running.replay != fresh.replay || running.tak != fresh.tak ||
       running.reception != fresh.reception || running.relayHosts != fresh.relayHosts) {
     return false;

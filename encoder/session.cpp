@@ -572,7 +572,8 @@ void Session::Reload() {
   m_service.Reloading();
   try {
     if (!m_around.prepare) throw ConfigError("there is nothing to read again");
-    const CheckedConfig fresh = m_around.prepare();
+    CheckedConfig fresh = m_around.prepare();
+    GiveInputs(fresh.config.sources, m_config.sources);
     const ConfigDifference difference = Compare(m_checked, fresh);
     AddSources(difference.added, fresh.config.encoder);
     const auto applyHost = [&] {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "cot_sender.h"
+#include "loopback.h"
 #include "observation.h"
 #include "receiver.h"
 #include "recording.h"
@@ -15,7 +16,6 @@ namespace mdencoder {
 namespace {
 
 constexpr uint64_t kLeastCotUpdate = 10000;  // microseconds
-constexpr uint16_t kReceiveBuffer = 1500;    // of a datagram in the library, which cuts longer ones
 
 void Add(std::atomic<uint64_t>& counter, uint64_t value) {
   counter.fetch_add(value, std::memory_order_relaxed);
@@ -42,7 +42,7 @@ Source::Source(const SourceSettings& settings)
       m_name(settings.name),
       m_isVideo(settings.record.enInputType == MDATA_INPUT_VIDEO),
       m_isCot(settings.record.enDataType == MDATA_DATA_COT),
-      m_isDatagrams(settings.record.enInputType == MDATA_INPUT_NETWORK && !m_isCot) {}
+      m_isDatagrams(settings.record.enInputType == MDATA_INPUT_NETWORK && !m_isCot && !IsFed(settings)) {}
 Source::~Source() = default;
 
 void Source::OpenOutput(const RecordingSettings& settings, uint64_t timeUs,
@@ -88,7 +88,7 @@ void Source::Arrived(uint8_t sequence, uint64_t length, bool taken) {
 
 void Source::Saw(uint64_t timeUs, uint16_t headerLength) {
   m_lastUs.store(timeUs, std::memory_order_relaxed);
-  if (m_isDatagrams && headerLength == kReceiveBuffer) Add(m_cutAtBuffer, 1);
+  if (m_isDatagrams && headerLength == kLongestDatagram) Add(m_cutAtBuffer, 1);
 }
 
 void Source::CountPair(int64_t differenceUs) {

@@ -115,7 +115,7 @@ class Source {
   const std::string m_name;
   const bool m_isVideo;
   const bool m_isCot;
-  const bool m_isDatagrams;                // KLV over UDP: a message is a datagram
+  const bool m_isDatagrams;                // KLV over UDP, not of a url: a message is a datagram
   std::unique_ptr<Recording> m_recording;  // recorder's thread once the source is open; none if it is not recorded
   // The recorder's thread, once the source is open, reads and writes them; any thread may read the sender under the lock.
   mutable common::Mutex m_outputs;

@@ -4,7 +4,7 @@
 //   Opening     tries, opens, closes and opens again
 //   Network     looks at what changed
 //   Names       are those of the relays' destinations
-//   Inputs      are the front ends of sources on TAK networks
+//   Inputs      are the front ends of sources on TAK networks, and of streams without a video input
 //   Lines       say what a source waits for
 //   Reload      applies a new configuration
 //   Counts      are read, reset and restored, whether a source is open or not
@@ -95,10 +95,12 @@ struct SourceKeeper::Entry {
   std::chrono::seconds pause = kRetry;  // after an opening that the library refused
   Allowance openings{kOpeningsAtOnce, kOpeningEach};
 
-  uint16_t libraryPort = 0;         // of an open UDP source, as the library knows it
-  std::unique_ptr<TakInput> input;  // of an open source on a TAK network
-  TakCounts ended;                  // counts of inputs that ended
-  uint64_t refused = 0;             // events that were told to be refused
+  uint16_t libraryPort = 0;          // of an open UDP source, as the library knows it
+  std::unique_ptr<TakInput> input;   // of an open source on a TAK network
+  std::unique_ptr<StreamFeed> feed;  // of an open source whose url has no video input
+  HostCaptureStats fed;              // counts of the feed before
+  TakCounts ended;                   // counts of inputs that ended
+  uint64_t refused = 0;              // events that were told to be refused
   Allowance refusals{1, kLineEach};
 
   std::string reason;  // of the trouble; empty without one
@@ -185,7 +187,7 @@ bool SourceKeeper::IsInputFree(const Entry& entry, int32_t input) const {
 
 // Gives a source with a url a video input. That of the configuration may be another source's after a reload.
 void SourceKeeper::TakeInput(Entry& entry) const {
-  if (!entry.settings.capture) return;
+  if (!entry.settings.capture || IsFed(entry.settings)) return;
   int32_t& input = entry.settings.record.in.Video.enInputInterface;
   for (int32_t each = 0; each < kHostVideoInputs && !IsInputFree(entry, input); ++each) input = each;
   if (m_captures.set) m_captures.set(input, *entry.settings.capture);
@@ -195,14 +197,14 @@ void SourceKeeper::TakeInput(Entry& entry) const {
 void SourceKeeper::BeginReplay(Entry& entry) const {
   if (!entry.settings.replay) return;
   if (!entry.replay) {
-    entry.replay = std::make_unique<Replay>(
-        entry.settings.name, *entry.settings.replay,
-        Replay::Surroundings{m_captures.room ? m_captures.room : [] { return size_t{1}; }, m_say});
+    entry.replay = std::make_unique<Replay>(entry.settings.name, *entry.settings.replay,
+                                            Replay::Surroundings{[this] { return RoomOfOne(); }, m_say});
   }
   entry.replay->SendTo(entry.settings.record.in.Network.usUDPPort);
 }
 
 HostCaptureState SourceKeeper::CaptureState(const Entry& entry) const {
+  if (entry.feed) return entry.feed->State();
   if (!entry.IsOpen() || !entry.settings.capture || !m_captures.state) return {};
   return m_captures.state(entry.settings.record.in.Video.enInputInterface);
 }
@@ -240,6 +242,13 @@ std::string SourceKeeper::ObstacleTo(const Entry& entry) const {
   return m_reach.obstacle(asked, m_host);
 }
 
+// Each attempt that gets this far writes lines to the log.
+void SourceKeeper::PutOff(Entry& entry, const std::string& reason, Clock::time_point now) {
+  entry.nextTry = now + entry.pause;
+  entry.pause = std::min<std::chrono::seconds>(entry.pause * 2, kLongestPause);
+  Trouble(entry, reason, now);
+}
+
 bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
   if (!HasAddresses(entry, now)) return false;
   const std::string obstacle = entry.settings.retry ? ObstacleTo(entry) : "";
@@ -249,8 +258,9 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
     return false;
   }
   TakeInput(entry);
-  if (entry.settings.replay) entry.settings.record.in.Network.usUDPPort = FreePort();
+  if (entry.settings.replay || IsFed(entry.settings)) entry.settings.record.in.Network.usUDPPort = FreePort();
   try {
+    if (!MakeFeed(entry, now)) return false;
     MakeInput(entry);
   } catch (const std::exception& error) {
     Trouble(entry, error.what(), now);
@@ -274,9 +284,7 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
   const bool isOpen = m_library.openSource(&record, &handle) != FALSE;
   m_setReception({});
   if (!isOpen) {
-    entry.nextTry = now + entry.pause;
-    entry.pause = std::min<std::chrono::seconds>(entry.pause * 2, kLongestPause);
-    Trouble(entry, "the library cannot open it; the log tells why", now);
+    PutOff(entry, "the library cannot open it; the log tells why", now);
     EndInput(entry);
     return false;
   }
@@ -297,6 +305,7 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
     Recover(entry, now);
   }
   if (entry.input) entry.input->Start();
+  if (entry.feed) entry.feed->SendTo(entry.settings.record.in.Network.usUDPPort);
   return true;
 }
 
@@ -535,7 +544,31 @@ void SourceKeeper::MakeInput(Entry& entry) {
   entry.settings.record.in.Network.usUDPPort = entry.input->Port();
 }
 
+// Each may take a part of the room, which shrinks if there are many.
+size_t SourceKeeper::RoomOfOne() const {
+  constexpr size_t kSharing = 8;  // that the parts are made for
+  const size_t room = m_captures.room ? m_captures.room() : 1;
+  const size_t feeding = std::max(m_feeding.load(), kSharing);
+  return room == 0 ? 0 : std::max(room * kSharing / feeding, size_t{1});
+}
+
+// Opens the stream of a source that is fed. Returns false if it cannot be opened.
+bool SourceKeeper::MakeFeed(Entry& entry, Clock::time_point now) {
+  m_feeding = static_cast<size_t>(std::count_if(m_entries.begin(), m_entries.end(), [](const auto& each) {
+    return each->state != SourceState::Removed && (each->settings.replay || IsFed(each->settings));
+  }));
+  if (!IsFed(entry.settings)) return true;
+  auto stream = m_captures.open ? m_captures.open(*entry.settings.capture, entry.settings.name) : nullptr;
+  if (stream == nullptr) {
+    PutOff(entry, "its url cannot be opened; the log tells why", now);
+    return false;
+  }
+  entry.feed = std::make_unique<StreamFeed>(std::move(stream), [this] { return RoomOfOne(); });
+  return true;
+}
+
 void SourceKeeper::EndInput(Entry& entry) {
+  if (const auto feed = std::move(entry.feed)) entry.fed = feed->Stats();
   if (!entry.input) return;
   // What it counts while it ends is little, but not nothing.
   auto input = std::move(entry.input);
@@ -728,6 +761,7 @@ std::vector<Report> SourceKeeper::Reports(bool withRemoved) const {
     if (entry->IsOpen()) m_library.getSourceStats(entry->handle, &report.statistics);
     report.state = kStates[static_cast<size_t>(entry->state)];
     report.reopened = entry->reopened;
+    if (IsFed(entry->settings)) report.capture = entry->feed ? entry->feed->Stats() : entry->fed;
     if (entry->settings.tak) {
       report.tak = entry->input ? Sum(entry->ended, entry->input->Counts()) : entry->ended;
     }

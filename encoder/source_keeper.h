@@ -11,6 +11,7 @@
 #ifndef MDENCODER_SOURCE_KEEPER_H
 #define MDENCODER_SOURCE_KEEPER_H
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -32,6 +33,7 @@
 #include "replay.h"
 #include "source.h"
 #include "statistics.h"
+#include "stream_feed.h"
 #include "tak_input.h"
 
 namespace mdencoder {
@@ -59,6 +61,8 @@ struct Captures {
   std::function<size_t()> room;  // messages that the program can take now; any thread may call it
   std::function<void(int input, const HostCaptureConfig&)> set;
   std::function<HostCaptureState(int input)> state;
+  // Opens the stream of a source that has no video input; null if it cannot be opened, which a line of the log explains.
+  std::function<std::unique_ptr<HostStream>(const HostCaptureConfig&, const std::string& name)> open;
 };
 
 enum class SourceState { Waiting, Open, CutOff, Removed };
@@ -124,6 +128,7 @@ class SourceKeeper {
  private:
   struct Entry;
 
+  void PutOff(Entry& entry, const std::string& reason, Clock::time_point now);
   bool TryOpen(Entry& entry, Clock::time_point now);
   std::string ObstacleTo(const Entry& entry) const;
   void Close(Entry& entry);
@@ -137,6 +142,8 @@ class SourceKeeper {
   void Tell(Entry& entry, Clock::time_point now);
   void Recover(Entry& entry, Clock::time_point now);
   Entry* Find(const std::string& name);
+  bool MakeFeed(Entry& entry, Clock::time_point now);
+  size_t RoomOfOne() const;
   bool IsCaptured(const Entry& entry) const;
   void TakeInput(Entry& entry) const;
   void BeginReplay(Entry& entry) const;
@@ -158,6 +165,7 @@ class SourceKeeper {
   const Say m_say;
   const Captures m_captures;
   std::function<void(const HostReception&)> m_setReception = [](const HostReception&) {};
+  std::atomic<size_t> m_feeding{0};  // sources whose messages this program sends to the library
   std::deque<std::unique_ptr<Entry>> m_entries;
   std::optional<Clock::time_point> m_examineAt;  // after the network changed
   Clock::time_point m_nextLook{};                // at the captures of streams

@@ -26,7 +26,7 @@ struct Ear {
 std::optional<Ear> EarOf(const SourceSettings& source) {
   if (source.replay || source.tak) return std::nullopt;
   Ear ear;
-  if (source.record.enInputType == MDATA_INPUT_NETWORK) {
+  if (source.record.enInputType == MDATA_INPUT_NETWORK && !source.capture) {
     ear.port = source.record.in.Network.usUDPPort;
     ear.groups = GroupsOf(source.record, source.reception, source.tak);
     return ear;

@@ -574,12 +574,54 @@ TEST(Url, ACaptureFileIsReceivedFromThisMachine) {
   EXPECT_EQ(network.acSrcAddress[0], 127);
 }
 
-TEST(Url, MoreThanTheMachineHasIsRefused) {
-  const std::string four = "[a]\nurl = a.ts\n[b]\nurl = b.ts\n[c]\nurl = c.ts\n[d]\ninput = video\ninterface = 3\n";
-  EXPECT_EQ(Complaint(four), "accepted");
-  EXPECT_EQ(Complaint(four + "[e]\nurl = e.ts\n"),
-            "[e] url has no video input left: there are 4, and each other one and each interface takes one");
-  EXPECT_EQ(Complaint(four + "[e]\nurl = e.pcap\n"), "accepted");
+constexpr char kFour[] = "[a]\nurl = a.ts\n[b]\nurl = b.ts\n[c]\nurl = c.ts\n[d]\ninput = video\ninterface = 3\n";
+
+std::vector<std::string> InputsOf(const Config& config) {
+  std::vector<std::string> inputs;
+  for (const SourceSettings& source : config.sources) inputs.push_back(source.name + " " + source.input);
+  return inputs;
+}
+
+TEST(Url, OneWithoutAVideoInputIsFedFromThisMachine) {
+  const Config config =
+      Read(std::string(kFour) +
+           "[e]\nurl = e.ts\nspeed = 0\nrelay1 = [fe80::1%lo]:7000\n[f]\nurl = srt://h:1\ninput = video\n");
+  EXPECT_THAT(InputsOf(config), ElementsAre("a video", "b video", "c video", "d video", "e url", "f url"));
+  const SourceSettings& fed = config.sources[4];
+  EXPECT_TRUE(IsFed(fed));
+  EXPECT_FALSE(IsFed(config.sources[0]));
+  EXPECT_EQ(fed.record.enInputType, MDATA_INPUT_NETWORK);
+  EXPECT_EQ(fed.record.in.Network.usUDPPort, 0) << "it is found later";
+  EXPECT_EQ(fed.record.in.Network.iSrcAddressFamily, AF_INET);
+  EXPECT_EQ(fed.record.in.Network.acSrcAddress[0], 127);
+  EXPECT_TRUE(fed.reception.onlyLoopback);
+  EXPECT_EQ(fed.reception.relayInterface, "lo") << "what is not about its reception stays";
+  EXPECT_EQ(fed.capture->path, "/conf/e.ts");
+  EXPECT_EQ(fed.capture->speed, 0);
+  EXPECT_EQ(CaptureOf(fed, {}).path, "/conf/e.ts");
+  EXPECT_EQ(Complaint(std::string("[encoder]\ncapabilities = ipv6\n") + kFour + "[e]\nurl = e.ts\n"),
+            "[e] url is allowed only with ipv4 among the capabilities");
+}
+
+TEST(Url, OneThatIsThinnedHasAVideoInputFirst) {
+  const std::string thinned = "[e]\nurl = e.ts\ndecimation = 2\n";
+  EXPECT_THAT(InputsOf(Read(kFour + thinned)), ElementsAre("a video", "b video", "c url", "d video", "e video"));
+  EXPECT_EQ(
+      Complaint("[w]\nurl = w.ts\ndecimation = 2\n[x]\nurl = x.ts\ndecimation = 2\n[y]\nurl = y.ts\ndecimation = 2\n"
+                "[d]\ninput = video\ninterface = 3\n" +
+                thinned),
+      "[e] decimation is allowed only with a video input, and the 4 are taken by other sources");
+}
+
+TEST(Url, VideoInputsStayWithTheSourcesThatRunWithThem) {
+  const Config running = Read(std::string(kFour) + "[e]\nurl = e.ts\n");
+  Config fresh = Read("[new]\nurl = n.ts\n[e]\nurl = e.ts\n[c]\nurl = c.ts\n[b]\nurl = b.ts\n[a]\nurl = a.ts\n");
+  EXPECT_THAT(InputsOf(fresh), ElementsAre("new video", "e video", "c video", "b video", "a url"));
+  GiveInputs(fresh.sources, running.sources);
+  EXPECT_THAT(InputsOf(fresh), ElementsAre("new video", "e url", "c video", "b video", "a video"));
+  EXPECT_EQ(fresh.sources[2].record.in.Video.enInputInterface, 0);
+  EXPECT_EQ(fresh.sources[0].record.in.Video.enInputInterface, 3);
+  EXPECT_FALSE(fresh.sources[4].reception.onlyLoopback) << "nothing is left of what it was";
 }
 
 TEST(Url, ASerialDeviceMayBeAServer) {

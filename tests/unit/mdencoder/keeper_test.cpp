@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -74,6 +75,23 @@ BOOL OnMessage(MDATA_BUFFER*, void*, void*) {
   return TRUE;
 }
 
+// A stream without a message.
+class FakeStream : public HostStream {
+ public:
+  explicit FakeStream(const HostCaptureState& state) : m_state(state) {}
+  int FD() const override { return -1; }
+  bool Take(std::vector<uint8_t>&) override { return false; }
+  HostCaptureState State() const override { return m_state; }
+  HostCaptureStats Stats() const override {
+    HostCaptureStats stats;
+    stats.oversized = 7;
+    return stats;
+  }
+
+ private:
+  const HostCaptureState& m_state;
+};
+
 class KeeperTest : public testing::Test {
  protected:
   KeeperTest() { g_fake = &m_fake; }
@@ -89,7 +107,8 @@ class KeeperTest : public testing::Test {
   }
 
   void Apply(const std::string& text) {
-    const CheckedConfig fresh{Read(text), {}};
+    CheckedConfig fresh{Read(text), {}};
+    GiveInputs(fresh.config.sources, m_checked.config.sources);
     const ConfigDifference difference = Compare(m_checked, fresh);
     for (const SourceSettings& source : difference.added) m_keeper.Add(source, m_checked.config.encoder.capabilities);
     m_keeper.Apply(
@@ -120,6 +139,8 @@ class KeeperTest : public testing::Test {
   std::optional<Resolution> m_lateAnswer;  // for who waits
   std::vector<std::string> m_lines;
   std::array<HostCaptureState, kHostVideoInputs> m_states;
+  HostCaptureState m_fed;  // of every stream without a video input
+  bool m_refusesStreams = false;
   int m_ticks = 0;
   Clock::time_point m_now = Clock::time_point{} + 1h;
   CheckedConfig m_checked;
@@ -146,7 +167,12 @@ class KeeperTest : public testing::Test {
        [this](int input, const HostCaptureConfig& capture) {
          m_fake.calls.push_back("set " + std::to_string(input) + " " + capture.path);
        },
-       [this](int input) { return m_states[static_cast<size_t>(input)]; }}};
+       [this](int input) { return m_states[static_cast<size_t>(input)]; },
+       [this](const HostCaptureConfig& capture, const std::string& name) -> std::unique_ptr<HostStream> {
+         m_fake.calls.push_back("stream " + name + " " + capture.path);
+         if (m_refusesStreams) return nullptr;
+         return std::make_unique<FakeStream>(m_fed);
+       }}};
 };
 
 constexpr char kUdp[] = "[a]\ninput = udp\nport = 5000\n";
@@ -592,6 +618,66 @@ TEST_F(KeeperTest, EverythingIsPlayedWhenEveryFileIs) {
   EXPECT_TRUE(m_keeper.AllPlayed());
   Apply("[a]\nurl = a.ts\n[c]\ninput = udp\nport = 5000\n");
   EXPECT_FALSE(m_keeper.AllPlayed());
+}
+
+// --- sources whose url has no video input ------------------------------------------------------------
+
+constexpr char kFour[] =
+    "[a]\ninput = video\n[b]\ninput = video\ninterface = 1\n[c]\ninput = video\ninterface = 2\n"
+    "[d]\ninput = video\ninterface = 3\n";
+
+TEST_F(KeeperTest, AStreamWithoutAVideoInputIsFedToASourceOfDatagrams) {
+  Start(std::string(kFour) + kCam);
+  EXPECT_THAT(Calls(), ElementsAre("open 1", "open 2", "open 3", "open 4", "stream cam srt://camera:9000", "open 5"));
+  const MDATA_SRC_CFG& record = m_fake.sources.back().record;
+  EXPECT_EQ(record.enInputType, MDATA_INPUT_NETWORK);
+  EXPECT_EQ(record.in.Network.acSrcAddress[0], 127);
+  EXPECT_NE(record.in.Network.usUDPPort, 0);
+  const Report report = m_keeper.Reports(false).back();
+  ASSERT_TRUE(report.capture);
+  EXPECT_EQ(report.capture->oversized, 7U);
+  m_keeper.CloseAll();
+  EXPECT_EQ(m_keeper.Reports(true).back().capture->oversized, 7U) << "its counts outlive it";
+}
+
+TEST_F(KeeperTest, WhatAFedStreamLacksIsSaidOnce) {
+  Start(std::string(kFour) + kCam);
+  m_fed.fault = "cannot open srt://camera:9000: Connection refused";
+  Pass(20s);
+  EXPECT_THAT(Lines(), ElementsAre("4 source cam waits: cannot open srt://camera:9000: Connection refused"));
+  EXPECT_EQ(m_keeper.Reports(false).back().state, std::string("cut off"));
+  m_fed.fault.clear();
+  Pass(1s);
+  EXPECT_THAT(Lines(), ElementsAre("5 source cam is open after 20 s"));
+}
+
+TEST_F(KeeperTest, AFedStreamThatCannotBeOpenedIsTriedLessAndLessOften) {
+  m_refusesStreams = true;
+  Start(std::string(kFour) + kCam);
+  Calls();
+  Pass(61s);
+  EXPECT_THAT(Calls(), testing::SizeIs(5)) << "after 2, 4, 8, 16 and 30 seconds";
+  EXPECT_THAT(Lines(), ElementsAre("4 source cam waits: its url cannot be opened; the log tells why"));
+  m_refusesStreams = false;
+  Pass(30s);
+  EXPECT_THAT(Lines(), ElementsAre(HasSubstr("5 source cam is open after ")));
+}
+
+TEST_F(KeeperTest, AFedFileIsPlayedWhenItsStreamHasEnded) {
+  Start(std::string("[a]\nurl = a.ts\n[b]\nurl = b.ts\n[c]\nurl = c.ts\n[d]\nurl = d.ts\n[e]\nurl = e.ts\n"));
+  for (HostCaptureState& state : m_states) state.phase = HostCaptureState::Phase::Ended;
+  EXPECT_FALSE(m_keeper.AllPlayed());
+  m_fed.phase = HostCaptureState::Phase::Ended;
+  EXPECT_TRUE(m_keeper.AllPlayed());
+}
+
+TEST_F(KeeperTest, AReloadLetsAFedStreamRun) {
+  Start(std::string(kFour) + kCam);
+  Calls();
+  Apply(std::string("[b]\ninput = video\ninterface = 1\n") + kCam + "[file]\nurl = file.ts\n");
+  EXPECT_THAT(Calls(), ElementsAre("close 1", "close 3", "close 4", "between", "set 0 file.ts", "open 3"));
+  Apply("[b]\ninput = video\ninterface = 1\n[cam]\nurl = srt://camera:9001\n");
+  EXPECT_THAT(Calls(), ElementsAre("close 3", "close 5", "between", "stream cam srt://camera:9001", "open 2"));
 }
 
 }  // namespace
