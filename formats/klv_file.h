@@ -18,7 +18,12 @@ namespace klv_file {
 using anc_klv::Bytes;
 using anc_klv::ByteView;
 
-// Finds the messages in the bytes of a file.
+// Finds the messages in the bytes of a file that is played. It is not klv_walk::Walk, which looks at bytes of any kind for
+// a judge: that one gives out everything as it is pushed, messages of up to 1 MiB, takes five bytes for a header by their
+// looks, and searches messages that the judge calls faulty. A player waits between two messages, so that it takes them
+// one at a time; it judges none; it must find each one at the offset that the index has, that of the stream header, which
+// only the index or the beginning of the file tells it to expect; and it has use for messages of up to
+// anc_klv::kLargestKlv only, so that a wrong length costs little memory.
 class Walker {
  public:
   // With `hasStreamHeaders` each message has the 5 bytes of a stream header in front.

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // klv_walk.h - finds the KLV messages (SMPTE ST 336) in bytes that follow each other: a file, the payload of a transport
-// stream, datagrams. No I/O, and no more memory than two of the largest messages.
+// stream, datagrams. No I/O, and no more memory than two of the largest messages. A file that is played is read by
+// klv_file::Walker, which says how they differ.
 #ifndef KLV_WALK_H
 #define KLV_WALK_H
 
