@@ -2,7 +2,8 @@
 // The capture of video inputs: declarations that its back ends share.
 //
 // Each running input has a thread of its own ("KLV video 0") that runs a back end, and a queue from which the metadata
-// thread pops packets. A stream beside them ("KLV stream") has the same, and the program takes the packets. A source file of a back end defines HOST_DEBUG_MODULE as CaptureModule().
+// thread pops packets. A stream beside them ("KLV stream") has the same, and the program takes the packets. A source file
+// of a back end defines HOST_DEBUG_MODULE as CaptureModule().
 #ifndef HOST_CAPTURE_BACKENDS_H
 #define HOST_CAPTURE_BACKENDS_H
 
