@@ -2,9 +2,11 @@
 // The table that fits the terminal, CSV, and the choice of columns and items.
 #include "presentation.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -122,6 +124,26 @@ TEST_F(PresentationTest, ChosenColumnsComeInTheirOrder) {
             "    " + std::to_string(Sample().size()) + " Mission, \"12\"     90.001  60.176823 -128.426759     1500.1");
 }
 
+TEST_F(PresentationTest, NumbersStandOnTheRightAndTextOnTheLeft) {
+  Use(Builder().AddWhole(39, -5).AddWhole(136, 37).AddText(3, "x").Finish());
+  m_settings.columns = *ParseColumns("136, 39, mission_id");
+  const auto lines = Lines(Make(120).header + "\n" + Row(120));
+  EXPECT_EQ(lines[0], "LEAP SECONDS AIR TEMPERATURE MISSION ID");
+  EXPECT_EQ(lines[1], "           s            degC");
+  EXPECT_EQ(lines[2], "          37              -5 x");
+}
+
+TEST_F(PresentationTest, AColumnThatFitsExactlyIsShown) {
+  Use(Sample());
+  m_settings.columns = *ParseColumns("length, sequence");
+  EXPECT_EQ(Lines(Make(10).header)[0], "LENGTH SEQ");
+  EXPECT_EQ(Lines(Make(9).header)[0], "LENGTH");
+  EXPECT_EQ(Lines(Make(5).header)[0], "LENGTH") << "one is always shown";
+  m_settings.columns = *ParseColumns("security, sequence");
+  EXPECT_EQ(Lines(Make().header)[0], "SECURITY" + std::string(32, ' ') + " SEQ")
+      << "the set is a text of 40 characters";
+}
+
 TEST_F(PresentationTest, WideTableIsNotCut) {
   Use(Sample());
   m_settings.isWide = true;
@@ -212,6 +234,14 @@ TEST_F(PresentationTest, WidthIsThatOfTheEnvironmentOrOfNoTerminal) {
   unsetenv("COLUMNS");
   close(ends[0]);
   close(ends[1]);
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_GE(terminal, 0);
+  EXPECT_EQ(OutputWidth(terminal), 120u) << "it does not know its size";
+  winsize size{};
+  size.ws_col = 91;
+  ASSERT_EQ(ioctl(terminal, TIOCSWINSZ, &size), 0);
+  EXPECT_EQ(OutputWidth(terminal), 91u);
+  close(terminal);
 }
 
 }  // namespace

@@ -117,13 +117,25 @@ TEST_F(TrackFileTest, MemoryHasALimit) {
   LimitFiles(10);
   for (int i = 0; i < 20000; ++i) {
     Add(track, i);
+    Add(track, i + 0.5);  // not due, whether the one before was kept or lost
     if (i % 100 == 0) track.Flush();
   }
   LimitFiles(m_before.rlim_cur);
   track.Flush();
-  EXPECT_THAT(m_lines.back(), HasSubstr(" samples in between were lost"));
+  EXPECT_THAT(m_lines.back(), HasSubstr("; " + std::to_string(20000 - Points()) + " samples in between were lost"));
   EXPECT_LT(Text().size(), 2 * TrackFile::kMostWaiting);
   EXPECT_GT(Points(), 100u);
+}
+
+TEST_F(TrackFileTest, ATrackThatCannotBeBegunIsRefused) {
+  LimitFiles(10);
+  TrackFile track(Settings(), Complain());
+  try {
+    track.Open();
+    FAIL() << "there is no room for its beginning";
+  } catch (const std::runtime_error& error) {
+    EXPECT_EQ(error.what(), "cannot write " + m_path + ": File too large");
+  }
 }
 
 TEST_F(TrackFileTest, WhatIsNoFileIsRefused) {
