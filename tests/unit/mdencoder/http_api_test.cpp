@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <optional>
 #include <set>
@@ -63,17 +64,21 @@ Json ReportOf(const std::string& name, uint64_t messages) {
             {"relays", {{{"destination", "239.1.1.1:5"}, {"messages", 2}, {"bytes", 3}, {"errors", 4}}}}}}};
 }
 
+void PushTo(Hub& hub, const std::string& name, const Bytes& message, uint64_t timeUs = kTime, uint8_t sequence = 7) {
+  Bytes buffer = {0, sequence, 0xDF, 0, 0};
+  buffer.insert(buffer.end(), message.begin(), message.end());
+  Received received;
+  received.name = name;
+  received.timeUs = timeUs;
+  received.sequence = sequence;
+  received.buffer = buffer;
+  hub.Push(received);
+}
+
 class HubTest : public testing::Test {
  protected:
   void Push(const std::string& name, const Bytes& message, uint64_t timeUs = kTime, uint8_t sequence = 7) {
-    Bytes buffer = {0, sequence, 0xDF, 0, 0};
-    buffer.insert(buffer.end(), message.begin(), message.end());
-    Received received;
-    received.name = name;
-    received.timeUs = timeUs;
-    received.sequence = sequence;
-    received.buffer = buffer;
-    m_hub.Push(received);
+    PushTo(m_hub, name, message, timeUs, sequence);
   }
   void Update(const std::vector<Json>& reports, int seconds = 0) {
     Snapshot snapshot;
@@ -136,6 +141,94 @@ TEST_F(HubTest, LeavesOutWhatDoesNotFit) {
   m_hub.Stop();
   EXPECT_EQ(m_hub.Totals().leftOut, 1U);
   EXPECT_EQ(m_hub.Totals().taken, 0U);
+}
+
+// A hub whose thread looks at a message as long as the test wants.
+class SlowHubTest : public testing::Test {
+ protected:
+  std::optional<double> Look() {
+    const size_t number = m_looked++;
+    if (number == 0) {
+      m_begun.set_value();
+      m_allowed.get_future().wait();
+    }
+    if (number == 1) m_next.set_value();
+    return 7.5;
+  }
+  void Push(size_t count, const Bytes& message) {
+    for (size_t i = 0; i < count; ++i) PushTo(m_hub, "a", message);
+  }
+  // Waits until the thread looks at the first message.
+  void Begin() {
+    Push(1, MessageAt(1));
+    m_begun.get_future().wait();
+  }
+
+  std::promise<void> m_begun;
+  std::promise<void> m_allowed;
+  std::promise<void> m_next;  // the thread has taken what waited
+  size_t m_looked = 0;        // hub's thread
+  Hub m_hub{[this](const Delivered&, const st0601::Message&) { return Look(); }};
+};
+
+TEST_F(SlowHubTest, LeavesOutMessagesAndLinesThatAreTooMany) {
+  Begin();
+  Push(Hub::kMostWaiting, MessageAt(2));
+  EXPECT_EQ(m_hub.Totals().leftOut, 0U);
+  Push(3, MessageAt(3));
+  EXPECT_EQ(m_hub.Totals().leftOut, 3U);
+  for (size_t i = 0; i < Hub::kMostLogLines + 10; ++i) m_hub.Log(Priority::Notice, "", std::to_string(i));
+  m_allowed.set_value();
+  m_hub.Stop();
+  EXPECT_EQ(m_hub.Totals().taken, 1 + Hub::kMostWaiting);
+  EXPECT_EQ(m_hub.Last("a")->bytes, MessageAt(2));
+  EXPECT_EQ(m_hub.Last("a")->presentation, 7.5);
+  const auto lines = m_hub.Lines(0);
+  ASSERT_EQ(lines.size(), Hub::kMostLogLines);
+  EXPECT_EQ(lines.front().text, "0");
+  EXPECT_EQ(lines.back().text, std::to_string(Hub::kMostLogLines - 1));
+}
+
+TEST_F(SlowHubTest, LeavesOutMessagesThatAreTooLarge) {
+  const Bytes large(Hub::kMostWaitingBytes / 4, 0);
+  Begin();
+  Push(5, large);
+  EXPECT_EQ(m_hub.Totals().leftOut, 1U);
+  m_allowed.set_value();
+  m_next.get_future().wait();
+  Push(4, large);
+  m_hub.Stop();
+  EXPECT_EQ(m_hub.Totals().leftOut, 1U) << "there was room again";
+  EXPECT_EQ(m_hub.Totals().taken, 9U);
+}
+
+TEST_F(HubTest, HoldsTheNewestLinesAndNoMore) {
+  for (size_t batch = 0; batch < 3; ++batch) {
+    for (size_t i = 0; i < Hub::kMostLogLines / 2; ++i) m_hub.Log(Priority::Warning, "", std::to_string(batch));
+    uint64_t next = m_hub.NextId();
+    while (m_hub.NextId() <= (batch + 1) * (Hub::kMostLogLines / 2)) {
+      m_hub.Wait(next, 1, Hub::Clock::now() + std::chrono::hours(1));
+    }
+  }
+  const auto lines = m_hub.Lines(0);
+  ASSERT_EQ(lines.size(), Hub::kMostLogLines);
+  EXPECT_EQ(lines.front().text, "1");
+  EXPECT_EQ(lines.back().text, "2");
+}
+
+TEST_F(HubTest, KnowsNoMoreSourcesThanItMay) {
+  for (size_t i = 0; i <= Hub::kMostSources; ++i) Push("s" + std::to_string(i), MessageAt(1));
+  m_hub.Stop();
+  EXPECT_NE(m_hub.Last("s255"), nullptr);
+  EXPECT_EQ(m_hub.Last("s256"), nullptr);
+  Update({ReportOf("s256", 1)});
+  EXPECT_FALSE(m_hub.State()->sources[0].contains("last_id"));
+}
+
+TEST_F(HubTest, TellsHowOldItsNewestMessageIs) {
+  Push("a", MessageAt(1));  // of 2024
+  m_hub.Stop();
+  EXPECT_GT(m_hub.Totals().lag, 86400);
 }
 
 TEST_F(HubTest, MeasuresTheRateAcrossSnapshots) {
