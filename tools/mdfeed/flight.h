@@ -49,9 +49,10 @@ struct FlightState {
 using Undulation = std::function<double(double latitude, double longitude)>;
 
 struct FlightOptions {
-  uint32_t seed = 1;      // selects start, altitude, rhythm and targets
-  int64_t startUs = 0;    // UTC since 1970; rounded down to 10 ms
-  Undulation undulation;  // empty: zero everywhere
+  uint32_t seed = 1;       // selects start, altitude, rhythm and targets
+  int64_t startUs = 0;     // UTC since 1970; rounded down to 10 ms
+  Undulation undulation;   // empty: zero everywhere
+  bool startsNow = false;  // traffic begins with its first message, instead of at startUs
 };
 
 // It is deterministic: the state at a time depends only on the options, not on earlier steps.

@@ -26,7 +26,8 @@ int64_t Now() {
 FlightOptions MakeFlightOptions(const Arguments& args) {
   FlightOptions flight;
   flight.seed = args.seed;
-  flight.startUs = args.start.empty() ? Now() : ParseTime(args.start);
+  flight.startsNow = args.start.empty();
+  flight.startUs = flight.startsNow ? Now() : ParseTime(args.start);
   if (!args.geoidGrid.empty()) {
     flight.undulation = LoadGeoid(args.geoidGrid);
   } else if (access(kDefaultGeoidGrid, R_OK) == 0) {

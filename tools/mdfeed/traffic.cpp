@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <random>
 #include <stdexcept>
 #include <string_view>
@@ -57,17 +59,28 @@ class Recorded : public Traffic {
   size_t m_next = 0;
 };
 
-// The clock of the flight, with one state per tick.
+int64_t Now() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
+
+// The clock of the flight, with one state per tick. What stands between the start of the program and its first message,
+// such as a reader that is waited for, is not part of a flight that starts now.
 class FlightTicks {
  public:
-  FlightTicks(const FlightOptions& flight, int64_t intervalUs) : m_flight(flight), m_intervalUs(intervalUs) {}
+  FlightTicks(FlightOptions flight, int64_t intervalUs) : m_options(std::move(flight)), m_intervalUs(intervalUs) {}
   FlightState Next() {
-    m_flight.AdvanceTo(m_tick++ * m_intervalUs);
-    return m_flight.State();
+    if (!m_flight) {
+      if (m_options.startsNow) m_options.startUs = Now();
+      m_flight.emplace(m_options);
+    }
+    m_flight->AdvanceTo(m_tick++ * m_intervalUs);
+    return m_flight->State();
   }
 
  private:
-  Flight m_flight;
+  FlightOptions m_options;
+  std::optional<Flight> m_flight;
   int64_t m_intervalUs;
   int64_t m_tick = 0;
 };

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
+#include <numeric>
 #include <string>
 #include <utility>
 #include <vector>
@@ -148,6 +149,28 @@ TEST(KlvTraffic, MovesOnByTheInterval) {
   Flight flight(options);
   flight.AdvanceTo(250'000);
   EXPECT_EQ(traffic->Next()->at(0), MakeKlvMessage(flight.State()));
+}
+
+int64_t NowUs() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
+}
+
+TEST(KlvTraffic, ThatStartsNowBeginsWithItsFirstMessage) {
+  FlightOptions options;
+  options.startUs = 1'000'000'000;
+  options.startsNow = true;
+  const auto traffic = MakeKlvFlight(options, 250'000);
+  const int64_t before = NowUs();
+  const Bytes message = traffic->Next()->at(0);
+  const int64_t after = NowUs();
+  const Bytes stampHead = {2, 8};
+  const auto stamp = std::search(message.begin() + 16, message.end(), stampHead.begin(), stampHead.end());
+  ASSERT_GE(message.end() - stamp, 10);
+  const int64_t time =
+      std::accumulate(stamp + 2, stamp + 10, int64_t{0}, [](int64_t sum, uint8_t byte) { return sum << 8 | byte; });
+  EXPECT_GT(time, before - 10'000);
+  EXPECT_LE(time, after);
 }
 
 class GeoidFile : public testing::Test {
