@@ -604,6 +604,25 @@ TEST_F(DecoderTest, HalfASecondIsStillInTime) {
   EXPECT_TRUE(m_messages.empty());
 }
 
+// Without a log the difference within a second is taken from the microseconds alone.
+TEST_F(DecoderTest, HalfASecondIsTheSameInEitherDirectionWithoutALog) {
+  host().SetLevel("METADATALIB", 6);
+  const Bytes message = WellFormedMessage();
+  for (const bool forward : {true, false}) {
+    const int start = forward ? 100000 : 900000;
+    const int last = forward ? 600000 : 400000;
+    host().SetWallClock(5000, start);
+    Feed(Part(message, 0, 30));
+    host().SetWallClock(5000, last);
+    Feed(Part(message, 30, 35));
+    ExpectState(KLV_STATE_ACQUIRING_DATA, 35);
+    host().SetWallClock(5000, forward ? last + 1 : last - 1);
+    Feed(Part(message, 35));
+    ExpectLog(4, "TIMEOUT waiting for message data\n");
+    EXPECT_TRUE(m_messages.empty());
+  }
+}
+
 TEST_F(DecoderTest, ClockSetBackCountsAsLate) {
   const Bytes message = WellFormedMessage();
   host().SetWallClock(5000);
