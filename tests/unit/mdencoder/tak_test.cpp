@@ -20,6 +20,7 @@
 #include "config.h"
 #include "ini_file.h"
 #include "library.h"
+#include "loopback.h"
 #include "owned_fd.h"
 #include "relay_graph.h"
 #include "reload.h"
@@ -200,14 +201,6 @@ TEST(Resolve, AnswersLaterOnAThreadOfItsOwn) {
 }
 
 // --- Input -------------------------------------------------------------------------------------------
-
-sockaddr_in Loopback(uint16_t port) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  return address;
-}
 
 // A socket of this machine, bound to a port that is free or given.
 OwnedFD Bound(int type, uint16_t& port) {
