@@ -1,13 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 // Measures what the receiving thread spends on a message, from the socket to the encoder's callback.
 //
-//   bench_paths WORKLOAD/SIDE [BATCHES] [count]
+//   bench_paths WORKLOAD [BATCHES]             both sides, each in a process of its own, in turns of a few batches
+//   bench_paths WORKLOAD/SIDE BATCHES count    one side; callgrind counts the instructions of the batches, under this name
 //
-// The library's side runs on the Linux host runtime with its own metadata thread, the floor's on a thread of its own. With
-// "count" the instructions of the batches are counted by callgrind, under the name WORKLOAD/SIDE.
-// Prints one object of JSON: nanoseconds of processor time a message.
+// The library's side runs on the Linux host runtime with its own metadata thread, the floor's on a thread of its own. The
+// turns let what disturbs the machine disturb both sides.
+// Prints one object of JSON: nanoseconds of processor time a message by side, or how many messages were counted.
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -28,6 +30,7 @@ namespace bench {
 namespace {
 
 constexpr int kBatch = 64;  // datagrams that wait in a socket's buffer with room to spare
+constexpr int kTurn = 32;   // batches: two milliseconds of the cheapest path
 
 using Pass = void (*)(FloorUdp*);
 
@@ -89,18 +92,50 @@ const Path kPaths[] = {
     {.name = "udp_sources_64", .messages = FlightMessages, .sources = 64, .floor = nullptr},
 };
 
+// --- Turns -------------------------------------------------------------------------------------------
+
+// One direction between the processes of a pair.
+class Wire {
+ public:
+  Wire() { Require(pipe(m_ends) == 0, "no pipe"); }
+  template <typename Value>
+  void Put(Value value) const {
+    Require(write(m_ends[1], &value, sizeof value) == sizeof value, "the other side of the pair is gone");
+  }
+  // The process that reads closes the other end, so that it sees the end of the writer.
+  void ReadHere() const { close(m_ends[1]); }
+  template <typename Value>
+  Value Take() const {
+    Value value{};
+    ssize_t got = 0;
+    do got = read(m_ends[0], &value, sizeof value);
+    while (got < 0 && errno == EINTR);
+    Require(got == sizeof value, "a side of the pair failed");
+    return value;
+  }
+
+ private:
+  int m_ends[2];
+};
+
 struct Request {
   const Path* path = nullptr;
   std::string name;  // with the side
   bool ours = false;
-  int batches = 400;
+  int batches = 4000;
   bool counted = false;
+  const Wire* go = nullptr;  // of a pair: a byte lets a turn begin
+  const Wire* done = nullptr;
 };
 
 double Drive(Gate& gate, const Request& request, std::uint16_t port) {
   Sender sender(port, request.path->messages());
   gate.Close([&] { sender.Send(1); });
   for (int i = 0; i < request.batches; ++i) {
+    if (request.go != nullptr && i % kTurn == 0) {
+      request.done->Put('d');  // with the preparations, or the turn before
+      request.go->Take<char>();
+    }
     gate.Pass([&] { Require(sender.Send(kBatch) == kBatch, "a batch was not sent"); });
   }
   return gate.Nanoseconds();
@@ -173,19 +208,66 @@ double Measure(const Request& request) {
   return MeasureFloor(request);
 }
 
+// --- Both sides --------------------------------------------------------------------------------------
+
+// A side in a process of its own.
+struct Runner {
+  Wire go;
+  Wire done;
+
+  void Start(Request request) const {
+    const pid_t child = fork();
+    Require(child >= 0, "no process");
+    if (child != 0) {
+      done.ReadHere();
+      return;
+    }
+    request.go = &go;
+    request.done = &done;
+    go.ReadHere();
+    const double ns = Measure(request);
+    done.Put('d');
+    done.Put(ns);
+    std::_Exit(0);  // the floor's thread waits for ever
+  }
+};
+
+// They take turns, and in beginning too. Prints their figures.
+void MeasurePair(Request request) {
+  const Runner ours;
+  const Runner floor;
+  request.ours = true;
+  ours.Start(request);
+  request.ours = false;
+  floor.Start(request);
+  const Runner* sides[] = {&ours, &floor};
+  // Both are prepared before the first turn.
+  for (const Runner* side : sides) side->done.Take<char>();
+  const int turns = (request.batches + kTurn - 1) / kTurn;
+  for (int turn = 0; turn < turns; ++turn) {
+    for (const int which : {turn % 2, 1 - turn % 2}) {
+      sides[which]->go.Put('g');
+      sides[which]->done.Take<char>();
+    }
+  }
+  const auto oursNs = ours.done.Take<double>();
+  std::printf("{\"ours\": %.2f, \"floor\": %.2f, \"flight\": \"%s\", \"bytes\": %.1f}\n", oursNs,
+              floor.done.Take<double>(), FlightKind(), MeanSize(request.path->messages()));
+}
+
 Request Read(int argc, char** argv) {
   Request request;
   Require(argc >= 2, "which workload?");
   request.name = argv[1];
   const std::size_t slash = request.name.find('/');
-  Require(slash != std::string::npos, "which side?");
-  request.ours = request.name.substr(slash + 1) == "ours";
+  request.ours = slash != std::string::npos && request.name.substr(slash + 1) == "ours";
   for (const Path& path : kPaths) {
     if (path.name == request.name.substr(0, slash)) request.path = &path;
   }
   Require(request.path != nullptr, "there is no such workload");
   if (argc >= 3) request.batches = std::atoi(argv[2]);
   request.counted = argc >= 4 && std::strcmp(argv[3], "count") == 0;
+  Require(request.counted == (slash != std::string::npos), "a side alone is counted, and both are measured");
   return request;
 }
 
@@ -194,10 +276,13 @@ Request Read(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   const bench::Request request = bench::Read(argc, argv);
-  if (request.counted) bench::UseGeneratedFlight();
-  const double ns = bench::Measure(request);
-  std::printf("{\"ns\": %.2f, \"flight\": \"%s\", \"counted\": %d, \"bytes\": %.1f}\n", ns, bench::FlightKind(),
-              request.batches * bench::kBatch, bench::MeanSize(request.path->messages()));
+  if (!request.counted) {
+    bench::MeasurePair(request);
+    return 0;
+  }
+  bench::UseGeneratedFlight();
+  bench::Measure(request);
+  std::printf("{\"counted\": %d}\n", request.batches * bench::kBatch);
   std::fflush(stdout);
   std::_Exit(0);  // the floor's thread waits for ever
 }

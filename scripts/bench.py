@@ -25,7 +25,7 @@ BASELINE = ROOT / "bench/instructions.json"
 PAGE = ROOT / "docs/performance.md"
 MARKS = ("<!-- scripts/bench --document writes from here -->", "<!-- to here -->")
 ENCODER = ROOT / "build/bench/encoder/mdencoder"
-REPETITIONS = 5
+SIDES = ("ours", "floor", "hostile", "ordinary")
 COUNTED_BATCHES = 4
 ALLOWED_RISE = 0.02
 RECOUNTS = 3
@@ -46,20 +46,19 @@ def run(command, environment=None):
     return process.stdout
 
 
-def measure_module(name, side, options):
-    """Nanoseconds of processor time per unit: the best of some repetitions, which others on the machine disturb least."""
-    result = json.loads(run([PROGRAMS / "bench_modules", f"--benchmark_filter=^{name}/{side}$",
-                             f"--benchmark_min_time={options.seconds / REPETITIONS}",
-                             f"--benchmark_repetitions={REPETITIONS}", "--benchmark_format=json"]))
-    best = max(line["items_per_second"] for line in result["benchmarks"] if line["run_type"] == "iteration")
-    return {"ns": 1e9 / best, "flight": result["context"]["flight"]}
+def measure_module(name, options):
+    """Nanoseconds of processor time per unit of both sides, which take turns every millisecond, so that neighbours on the
+    machine disturb them alike."""
+    result = json.loads(run([PROGRAMS / "bench_modules", f"--benchmark_filter=^{name}/pair/",
+                             f"--benchmark_min_time={2 * options.seconds}", "--benchmark_format=json"]))
+    return {side: {"ns": ns, "flight": result["context"]["flight"]}
+            for side, ns in result["benchmarks"][0].items() if side in SIDES}
 
 
-def measure_path(name, side, options):
-    """Nanoseconds of the receiving thread's processor time per message: the best of some runs."""
-    runs = [json.loads(run([PROGRAMS / "bench_paths", f"{name}/{side}", int(800 * options.seconds)]))
-            for _ in range(3)]
-    return min(runs, key=lambda result: result["ns"])
+def measure_path(name, options):
+    """Nanoseconds of the receiving threads' processor time per message of both sides, which take turns as well."""
+    result = json.loads(run([PROGRAMS / "bench_paths", name, int(8000 * options.seconds)]))
+    return {side: {"ns": result[side], "flight": result["flight"], "bytes": result["bytes"]} for side in SIDES if side in result}
 
 
 def measure_paced(name, side, options):
@@ -67,7 +66,15 @@ def measure_paced(name, side, options):
     return json.loads(run([PROGRAMS / "bench_paced", f"{name}/{side}", 1 if options.quick else 3]))
 
 
-MEASURES = {"modules": measure_module, "paths": measure_path, "paced": measure_paced}
+PAIR_MEASURES = {"modules": measure_module, "paths": measure_path}
+MEASURES = {"paced": measure_paced}
+
+
+def measure_round(workload, sides, options):
+    """What a round gives of each side: both at once, or one after the other."""
+    if workload["program"] in PAIR_MEASURES:
+        return PAIR_MEASURES[workload["program"]](workload["name"], options)
+    return {side: MEASURES[workload["program"]](workload["name"], side, options) for side in sides}
 
 
 def rounds_of(workload, sides, options):
@@ -79,8 +86,7 @@ def rounds_of(workload, sides, options):
     for number in range(options.most_rounds):
         if number >= options.rounds and are_settled(results[sides[0]], results[sides[1]]):
             break
-        for side in sides if number % 2 == 0 else reversed(sides):
-            result = MEASURES[workload["program"]](workload["name"], side, options)
+        for side, result in measure_round(workload, sides[::1 if number % 2 == 0 else -1], options).items():
             results[side].append(result["ns"])
             flights.add(result.get("flight"))
             results["bytes"] = result.get("bytes")

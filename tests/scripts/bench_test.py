@@ -5,6 +5,7 @@ import argparse
 import contextlib
 import importlib.util
 import io
+import json
 import pathlib
 import tempfile
 import unittest
@@ -55,6 +56,17 @@ class Figures(unittest.TestCase):
     def test_the_sides_take_turns_in_beginning(self):
         self.compare(bench.compare, {"ours": [1, 1, 1], "floor": [1, 1, 1]}, {})
         self.assertEqual(self.order, ["ours", "floor", "floor", "ours", "ours", "floor"])
+
+    def test_both_sides_of_a_pair_are_measured_at_once(self):
+        told = {"bench_modules": {"context": {"flight": "recorded"}, "benchmarks": [{"ours": 20.0, "floor": 10.0, "real_time": 7.0}]},
+                "bench_paths": {"ours": 20.0, "floor": 10.0, "flight": "recorded", "bytes": 259.0}}
+        for program in ("modules", "paths"):
+            with unittest.mock.patch.object(bench, "run", lambda command: json.dumps(told[command[0].name])) as _:
+                line = bench.compare({"name": "x", "program": program, "unit": "byte"},
+                                     argparse.Namespace(rounds=3, most_rounds=6, seconds=1))
+            self.assertEqual((line["ratio"], line["ours"], line["floor"]), (0.5, 20.0, 10.0))
+            self.assertEqual(line["flights"], ["recorded"])
+            self.assertEqual(line["rounds"]["bytes"], 259.0 if program == "paths" else None)
 
     def test_a_ratio_below_the_required_one_is_not_met(self):
         line = self.compare(bench.compare, {"ours": [100, 100, 100], "floor": [99, 99, 99]}, {"required": 1.0})
