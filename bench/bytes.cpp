@@ -38,9 +38,19 @@ Work SumBlocks(Sum sum, std::size_t size) {
           static_cast<double>(count * size)};
 }
 
+// A floor that computes something else is no floor.
+void RequireSameSums(Sum ours, Sum other, std::size_t size) {
+  const Bytes data = Noise(size + 64, 0);
+  for (std::size_t at = 0; at < 64; ++at)
+    Require(ours(data.data() + at, size) == other(data.data() + at, size), "the sums differ");
+}
+
 bool AddSum(const std::string& name, Sum ours, Sum floor, std::size_t size) {
   Add(name + "/ours", [=] { return SumBlocks(ours, size); });
-  return Add(name + "/floor", [=] { return SumBlocks(floor, size); });
+  return Add(name + "/floor", [=] {
+    RequireSameSums(ours, floor, size);
+    return SumBlocks(floor, size);
+  });
 }
 
 using Extract = int (*)(const std::uint8_t*, int*, std::uint8_t*, int*, int);
@@ -65,9 +75,24 @@ Work ExtractFields(Extract extract, int fieldBits, int distance) {
           kFields};
 }
 
+void RequireSameBits(int fieldBits) {
+  const Bytes input = Noise(64, 0);
+  for (int phase = 0; phase < 64; ++phase) {
+    Bytes outputs[2] = {Bytes(64), Bytes(64)};
+    int positions[2][2] = {{phase, 3}, {phase, 3}};
+    ExtractBits(input.data(), &positions[0][0], outputs[0].data(), &positions[0][1], fieldBits);
+    FloorExtractBits(input.data(), &positions[1][0], outputs[1].data(), &positions[1][1], fieldBits);
+    Require(outputs[0] == outputs[1] && positions[0][0] == positions[1][0] && positions[0][1] == positions[1][1],
+            "the bits differ");
+  }
+}
+
 bool AddExtract(const std::string& name, int fieldBits, int distance) {
   Add(name + "/ours", [=] { return ExtractFields(ExtractBits, fieldBits, distance); });
-  return Add(name + "/floor", [=] { return ExtractFields(FloorExtractBits, fieldBits, distance); });
+  return Add(name + "/floor", [=] {
+    RequireSameBits(fieldBits);
+    return ExtractFields(FloorExtractBits, fieldBits, distance);
+  });
 }
 
 constexpr std::size_t kNoiseSize = 100'000;
@@ -84,9 +109,21 @@ Work ScanNoise(bool ours, const Bytes& noise) {
           static_cast<double>(data->size())};
 }
 
+// Both find a pattern at the end, if there is none before it.
+void RequireSamePlace(Bytes data) {
+  data.insert(data.end(), UASDataLinkKey, UASDataLinkKey + kSyncSize);
+  int offset = 0;
+  const int matched = ScanForPattern(data.data(), static_cast<int>(data.size()), UASDataLinkKey, kSyncSize, &offset);
+  Require(matched == kSyncSize && offset == FloorScan(data.data(), data.size(), UASDataLinkKey, kSyncSize),
+          "the places differ");
+}
+
 bool AddScan(const std::string& name, const std::function<Bytes()>& makeNoise) {
   Add(name + "/ours", [=] { return ScanNoise(true, makeNoise()); });
-  return Add(name + "/floor", [=] { return ScanNoise(false, makeNoise()); });
+  return Add(name + "/floor", [=] {
+    RequireSamePlace(makeNoise());
+    return ScanNoise(false, makeNoise());
+  });
 }
 
 // The first four bytes of the pattern again and again: each candidate is refuted as late as can be.

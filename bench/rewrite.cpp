@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Rewriting of UAS Local Sets, without the path around it.
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -37,8 +38,25 @@ Work RewriteOurs(const std::vector<Bytes>& messages, Filter filter) {
           static_cast<double>(messages.size())};
 }
 
+// A floor that makes other messages is no floor.
+void RequireSameMessages(const std::vector<Bytes>& messages, Filter filter) {
+  const UdpSource source(RewritingConfig(filter));
+  for (Bytes message : messages) {
+    MDATA_BUFFER* ours = nullptr;
+    ProcessUASDataLinkLocalSet(source.Handle(), message.data(), static_cast<int>(message.size()), HeaderSize(message),
+                               &ours, nullptr);
+    const FloorMessage floor = FloorRewrite(&RewritingRules(filter), message.data(), message.size());
+    Require(ours != nullptr && floor.block != nullptr, "a message was not rewritten");
+    Require(std::equal(ours->pcData, ours->pcData + ours->nDataSize, floor.data, floor.data + floor.size),
+            "the messages differ");
+    free(floor.block);
+    DoReleaseBuffer(&ours);
+  }
+}
+
 Work RewriteFloor(const std::vector<Bytes>& messages, Filter filter) {
   UseLibrary(kDefaultLogLevel);
+  RequireSameMessages(messages, filter);
   const FloorRules& rules = RewritingRules(filter);
   return {[&messages, &rules] {
             for (const Bytes& message : messages) {
