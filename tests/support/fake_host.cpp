@@ -225,6 +225,11 @@ void Host::SetWallClock(long seconds, long microseconds) {
   impl->wallMicroseconds = seconds * 1000000 + microseconds;
 }
 
+void Host::SetCoarseClockLag(long microseconds) {
+  std::lock_guard guard(impl->lock);
+  impl->coarseLagMicroseconds = microseconds;
+}
+
 long Host::NowSeconds() const {
   std::lock_guard guard(impl->lock);
   return impl->wallMicroseconds / 1000000;

@@ -151,6 +151,7 @@ class Host : public HostRecords {
   // --- clock, starts at 2024-01-02 03:04:05 UTC; up-time starts at 1000 s
   void Advance(long milliseconds);
   void SetWallClock(long seconds, long microseconds = 0);
+  void SetCoarseClockLag(long microseconds);  // how far the coarse clock stands behind the wall clock
   long NowSeconds() const;
 
   // --- failures: host services and the wrapped libc calls, by name

@@ -103,6 +103,7 @@ struct Host::Impl {
   std::map<std::string, DebugModule> modules;
 
   long wallMicroseconds = 0;
+  long coarseLagMicroseconds = 0;
   long upMilliseconds = 0;
 
   std::map<std::string, std::deque<Failure>> failures;

@@ -79,6 +79,12 @@ int __wrap_gettimeofday(struct timeval* out, void* zone) {
 int __wrap_clock_gettime(clockid_t clock, struct timespec* out) {
   if (!g_testUnderWay) return __real_clock_gettime(clock, out);
   std::lock_guard guard(Fake().lock);
+  if (const auto failure = Fake().Call("clock_gettime")) return Result(*failure);
+  if (clock == CLOCK_REALTIME_COARSE) {
+    const long now = Fake().wallMicroseconds - Fake().coarseLagMicroseconds;
+    *out = {now / 1000000, now % 1000000 * 1000};
+    return 0;
+  }
   out->tv_sec = Fake().upMilliseconds / 1000;
   out->tv_nsec = Fake().upMilliseconds % 1000 * 1000000;
   return 0;

@@ -604,23 +604,52 @@ TEST_F(DecoderTest, HalfASecondIsStillInTime) {
   EXPECT_TRUE(m_messages.empty());
 }
 
-// Without a log the difference within a second is taken from the microseconds alone.
+// Without a log the coarse clock is asked first, which stands up to a tick behind.
 TEST_F(DecoderTest, HalfASecondIsTheSameInEitherDirectionWithoutALog) {
   host().SetLevel("METADATALIB", 6);
   const Bytes message = WellFormedMessage();
   for (const bool forward : {true, false}) {
-    const int start = forward ? 100000 : 900000;
-    const int last = forward ? 600000 : 400000;
-    host().SetWallClock(5000, start);
-    Feed(Part(message, 0, 30));
-    host().SetWallClock(5000, last);
-    Feed(Part(message, 30, 35));
-    ExpectState(KLV_STATE_ACQUIRING_DATA, 35);
-    host().SetWallClock(5000, forward ? last + 1 : last - 1);
-    Feed(Part(message, 35));
-    ExpectLog(4, "TIMEOUT waiting for message data\n");
-    EXPECT_TRUE(m_messages.empty());
+    for (const int lag : {0, 4000, 10000}) {
+      host().SetCoarseClockLag(lag);
+      const int start = forward ? 100000 : 900000;
+      const int last = forward ? 600000 : 400000;
+      host().SetWallClock(5000, start);
+      Feed(Part(message, 0, 30));
+      host().SetWallClock(5000, last);
+      Feed(Part(message, 30, 35));
+      ExpectState(KLV_STATE_ACQUIRING_DATA, 35);
+      host().SetWallClock(5000, forward ? last + 1 : last - 1);
+      Feed(Part(message, 35));
+      ExpectLog(4, "TIMEOUT waiting for message data\n");
+      EXPECT_TRUE(m_messages.empty());
+    }
   }
+}
+
+TEST_F(DecoderTest, ExactClockIsReadWhereTheCoarseOneDoesNotDecide) {
+  host().SetLevel("METADATALIB", 6);
+  host().SetWallClock(5000, 995000);
+  host().SetCoarseClockLag(10000);
+  const Bytes message = WellFormedMessage();
+  int at = 0;
+  const auto readings = [&](long microseconds) {
+    const int before = host().Calls("gettimeofday");
+    host().SetWallClock(5000 + (995000 + microseconds) / 1000000, (995000 + microseconds) % 1000000);
+    Feed(Part(message, at, at + 1));
+    ++at;
+    return host().Calls("gettimeofday") - before;
+  };
+  Feed(Part(message, at, 30));
+  at = 30;
+  EXPECT_EQ(readings(0), 0) << "the coarse clock still shows a time before the start";
+  EXPECT_EQ(readings(200000), 0);
+  EXPECT_EQ(readings(250000), 0);
+  EXPECT_EQ(readings(260000), 1);
+  EXPECT_EQ(readings(500000), 1);
+  EXPECT_EQ(readings(-240000), 1);
+  host().FailNext("clock_gettime");
+  EXPECT_EQ(readings(0), 1);
+  ExpectState(KLV_STATE_ACQUIRING_DATA, at);
 }
 
 TEST_F(DecoderTest, ClockSetBackCountsAsLate) {
