@@ -103,17 +103,24 @@ class RereadFramesTest : public HostTest {
   int m_remembering = 0;  // decoders that remembered something
 };
 
+// A round takes seconds under an emulator.
+#if defined(__aarch64__)
+constexpr int kRounds = 4;
+#else
+constexpr int kRounds = 14;
+#endif
+
 TEST_F(RereadFramesTest, NestedFramesGiveTheSameLinesAndEvents) {
   std::size_t events = 0;
-  for (int round = 0; round < 14; ++round) {
+  for (int round = 0; round < kRounds; ++round) {
     SCOPED_TRACE(round);
     const Bytes stream = NestedFrames(3000 + Random(70000));
     ExpectTheSame(stream, 1 + Random(9000));
     if (HasFatalFailure()) return;
     events += Decode(stream, 4096, true).events.size();
   }
-  EXPECT_GE(m_remembering, 12);
-  EXPECT_GE(events, 7u);
+  EXPECT_GE(m_remembering, kRounds - 2);
+  EXPECT_GE(events, static_cast<std::size_t>(kRounds / 2));
 }
 
 // A good frame that follows inside a bad one arrives in a later piece: it is first checked with what is known, then
