@@ -63,8 +63,9 @@ struct tagHOST_FDSET {
   // In the order of addition. Numbers are never reused, so that an event of a removed entry finds nothing, even if its
   // descriptor was added again in the meantime.
   Entries entries;
-  size_t lines = 0;  // entries with a serial line
-  int unpolled = 0;  // passes before the set is looked at again without waiting
+  size_t lastFound = 0;  // a place in entries, to be tried first
+  size_t lines = 0;      // entries with a serial line
+  int unpolled = 0;      // passes before the set is looked at again without waiting
   uint64_t nextNumber = 1;
   std::optional<timeval> interval;
   FDMGR_TIMEOUT_CALLBACK timeoutCallback = nullptr;
@@ -77,11 +78,14 @@ struct tagHOST_FDSET {
   Entries::iterator Find(int fd) {
     return std::find_if(entries.begin(), entries.end(), [fd](const auto& entry) { return entry->fd == fd; });
   }
-  // Returns null for an entry that was removed.
+  // Returns null for an entry that was removed. Most events are of the entry that had the last one.
   Entry* FindNumber(uint64_t number) {
+    if (lastFound < entries.size() && entries[lastFound]->number == number) return entries[lastFound].get();
     const auto found = std::lower_bound(entries.begin(), entries.end(), number,
                                         [](const auto& entry, uint64_t wanted) { return entry->number < wanted; });
-    return found != entries.end() && (*found)->number == number ? found->get() : nullptr;
+    if (found == entries.end() || (*found)->number != number) return nullptr;
+    lastFound = static_cast<size_t>(found - entries.begin());
+    return found->get();
   }
   void Erase(Entries::iterator entry) {
     if ((*entry)->line != nullptr) --lines;
