@@ -73,9 +73,10 @@ export function longitude(value, digits = 5) {
 export function graticuleText(value, stepSeconds, isLatitude) {
   const seconds = Math.round(Math.abs(value) * 3600 * 2) / 2;
   const whole = Math.floor(seconds / 3600);
+  const isWhole = stepSeconds % 1 === 0;
   let text = `${whole}°`;
   if (stepSeconds % 3600 !== 0) text += `${String(Math.floor(seconds / 60) % 60).padStart(2, "0")}′`;
-  if (stepSeconds % 60 !== 0) text += `${(seconds % 60).toFixed(stepSeconds % 1 === 0 ? 0 : 1).padStart(2, "0")}″`;
+  if (stepSeconds % 60 !== 0) text += `${(seconds % 60).toFixed(isWhole ? 0 : 1).padStart(isWhole ? 2 : 4, "0")}″`;
   if (seconds === 0 || (!isLatitude && seconds === 648000)) return text;
   return text + (isLatitude ? (value < 0 ? "S" : "N") : value < 0 ? "W" : "E");
 }

@@ -87,9 +87,9 @@ class Track {
   }
 }
 export class Source {
-  constructor(name, index) {
+  constructor(name, slot) {
     this.name = name;
-    this.slot = index % COLOURS;
+    this.slot = slot;  // of its colour
     this.report = null;
     this.message = null;  // the last one
     this.seen = {};       // of the last message that says where something is
@@ -161,10 +161,17 @@ export class Model {
   source(name) {
     let source = this.sources.get(name);
     if (source === undefined) {
-      source = new Source(name, this.sources.size);
+      source = new Source(name, this.freeSlot());
       this.sources.set(name, source);
     }
     return source;
+  }
+
+  // Returns the first of the colours that the fewest sources have.
+  freeSlot() {
+    const uses = new Array(COLOURS).fill(0);
+    for (const { slot } of this.sources.values()) ++uses[slot];
+    return uses.indexOf(Math.min(...uses));
   }
 
   pushMessage(message) {

@@ -65,6 +65,7 @@ export class Video {
         this.say(`No video: ${printable(error.message)}. Trying again.`);
       }
       await new Promise((resolve) => setTimeout(resolve, this.pauseMs));
+      if (signal.aborted) return;
       this.pauseMs = Math.min(LONGEST_PAUSE_MS, this.pauseMs * 1.6);
     }
   }
