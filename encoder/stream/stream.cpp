@@ -22,6 +22,7 @@ namespace {
 
 constexpr int64_t kIdleUs = 20'000;        // between two clock references without video
 constexpr int64_t kPreludeUs = 3'000'000;  // in which the video should come; messages wait for it
+constexpr int64_t kPauseUs = 3'000'000;    // without a frame, after which no pictures are coming
 constexpr int64_t kWallStepUs = 1'000;     // by which the time of day is followed
 constexpr auto kFailedLine = std::string_view(": the video has ended, messages go on: ");
 
@@ -43,11 +44,15 @@ int64_t BoundUs(double seconds) {
 
 // --- Start and end -----------------------------------------------------------------------------------
 
-Stream::Stream(const StreamSettings& settings, const std::vector<std::string>& sources, Streams::Say say)
+Stream::Stream(const StreamSettings& settings, const std::vector<std::string>& sources, const Streams::Say& say)
+    : Stream(settings, sources, say, MakeVideoFeed(settings, say)) {}
+
+Stream::Stream(const StreamSettings& settings, const std::vector<std::string>& sources, Streams::Say say,
+               std::unique_ptr<VideoFeed> feed)
     : m_settings(settings),
       m_say(std::move(say)),
       m_start(Clock::now()),
-      m_feed(MakeVideoFeed(settings, m_say)),
+      m_feed(std::move(feed)),
       m_mux(video::Codec::H264, settings.isSynchronous ? ts::Carriage::Synchronous : ts::Carriage::Asynchronous) {
   OpenOutputs();
   {
@@ -195,8 +200,8 @@ bool Stream::Wait() {
 
 // A frame comes before the messages, so that a segment can begin with it.
 void Stream::Step() {
+  ReadWall();
   const int64_t nowUs = Now();
-  ReadWall(nowUs);
   std::vector<EncodedFrame> frames;
   TakeFrames(nowUs, frames);
   // The tables tell the codec, and players do not expect another one.
@@ -218,9 +223,11 @@ void Stream::Step() {
   Emit(std::move(out), timeUs, isKey);
 }
 
-// The stream's clock never jumps; the time of day may.
-void Stream::ReadWall(int64_t nowUs) {
+// The stream's clock never jumps; the time of day may. A thread that was held up between the two clocks has learnt nothing.
+void Stream::ReadWall() {
+  const int64_t nowUs = Now();
   const int64_t wallUs = WallClockUs() - nowUs;
+  if (Now() - nowUs > kWallStepUs / 2) return;
   const common::Lock lock(m_mutex);
   if (std::abs(wallUs - m_wallUs) > kWallStepUs) m_wallUs = wallUs;
 }
@@ -243,7 +250,8 @@ void Stream::TakeFrames(int64_t nowUs, std::vector<EncodedFrame>& frames) {
     m_feed.reset();
   }
   const common::Lock lock(m_mutex);
-  m_report.hasVideo = !frames.empty();
+  if (!frames.empty()) m_frameUs = nowUs;
+  m_report.hasVideo = m_feed && m_frameUs && nowUs - *m_frameUs < kPauseUs;
   if (m_feed) m_report.framesLate = m_feed->Late();
 }
 

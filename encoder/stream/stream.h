@@ -39,7 +39,10 @@ class Stream {
   static constexpr size_t kMostMessages = 65536;
 
   // Throws std::runtime_error for an output or a video that cannot be made.
-  Stream(const StreamSettings& settings, const std::vector<std::string>& sources, Streams::Say say);
+  Stream(const StreamSettings& settings, const std::vector<std::string>& sources, const Streams::Say& say);
+  // With this video in place of the one of the settings.
+  Stream(const StreamSettings& settings, const std::vector<std::string>& sources, Streams::Say say,
+         std::unique_ptr<VideoFeed> feed);
   ~Stream();
   Stream(const Stream&) = delete;
   Stream& operator=(const Stream&) = delete;
@@ -80,7 +83,7 @@ class Stream {
   bool Wait();
   int64_t Now() const;
   void Step();
-  void ReadWall(int64_t nowUs);
+  void ReadWall();
   void TakeFrames(int64_t nowUs, std::vector<EncodedFrame>& frames);
   void PutFrame(const EncodedFrame& frame, std::vector<uint8_t>& out);
   void PutMessages(std::vector<uint8_t>& out);
@@ -102,6 +105,7 @@ class Stream {
   bool m_isLocked = false;      // the system's clock follows a reference
   uint64_t m_mergedNumber = 0;  // of the next message of a merged track
   int64_t m_lastDtsUs = INT64_MIN;
+  std::optional<int64_t> m_frameUs;  // when the last frame came
   st0601::Observation m_seen;
 
   mutable common::Mutex m_mutex;  // leaf

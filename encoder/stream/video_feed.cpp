@@ -93,7 +93,7 @@ class MediaFeed : public VideoFeed {
     const bool jumps = std::abs(dtsUs - m_lastUs) > StreamClock::kUsualBoundUs;
     if (!m_isBased && (next.isFirst || jumps)) {
       // A file that begins again goes on as it did.
-      const int64_t nextUs = m_placedUs + m_intervalUs;
+      const int64_t nextUs = m_placedUs < 0 ? 0 : m_placedUs + m_intervalUs;
       m_baseUs =
           (m_isFile && m_placedUs >= 0 && nowUs - nextUs < kMostLateUs ? nextUs : std::max(arrivalUs, nextUs)) - dtsUs;
       m_clock = StreamClock();
@@ -101,7 +101,7 @@ class MediaFeed : public VideoFeed {
     const int64_t placedUs = dtsUs + m_baseUs;
     m_isBased = m_isFile && placedUs > nowUs;
     if (m_isBased) return false;
-    if (dtsUs > m_lastUs && !jumps) m_intervalUs = dtsUs - m_lastUs;
+    if (!next.isFirst && dtsUs > m_lastUs && !jumps) m_intervalUs = dtsUs - m_lastUs;
     m_lastUs = dtsUs;
     m_placedUs = m_isFile ? placedUs : m_clock.Push(placedUs, arrivalUs);
     return true;
@@ -111,10 +111,10 @@ class MediaFeed : public VideoFeed {
   int64_t m_dueUs = 0;
   Shape m_shape;
   StreamClock m_clock;
-  int64_t m_baseUs = 0;      // from the input's clock to the stream's
-  int64_t m_lastUs = 0;      // on the input's clock
-  int64_t m_intervalUs = 1;  // between the last two frames
-  bool m_isBased = false;    // for the frame that comes next
+  int64_t m_baseUs = 0;           // from the input's clock to the stream's
+  int64_t m_lastUs = 0;           // on the input's clock
+  int64_t m_intervalUs = 40'000;  // between the last two frames
+  bool m_isBased = false;         // for the frame that comes next
   int64_t m_placedUs = -1;
   MediaReader m_reader;
 };

@@ -11,6 +11,7 @@ import socket
 import subprocess
 import threading
 import time
+import urllib.request
 
 import harness
 import ts_reader
@@ -20,6 +21,7 @@ from recipe import Recipe
 IP_RECVTTL = 12  # of linux/in.h
 CARRIAGES = ("synchronous", "asynchronous")
 TRACKS = {0x101: "a", 0x102: "b"}
+PAGE = 15931
 
 
 class Catcher:
@@ -326,8 +328,17 @@ class Video(EndToEndTest):
     def errors(self):
         return [line for line in (self.folder / "encoder.err").read_text().splitlines() if "stream one" in line]
 
-    def start_stream(self, *lines):
-        self.encoder("[a]\ninput = udp\nport = 15901\n[stream one]\nurl = one.ts\n" + "\n".join(lines) + "\n", [15901])
+    def start_stream(self, *lines, encoder=""):
+        self.encoder(f"[encoder]\n{encoder}\n[a]\ninput = udp\nport = 15901\n[stream one]\nurl = one.ts\n" + "\n".join(lines) + "\n",
+                     [15901])
+
+    def has_video(self):
+        """Asks the page of the program, which is there soon after the ports."""
+        try:
+            with urllib.request.urlopen(f"http://127.0.0.1:{PAGE}/api/v1/streams", timeout=30 * SLOW) as answer:
+                return json.load(answer)["streams"][0]["has_video"]
+        except OSError:
+            return None
 
     def size(self):
         path = self.folder / "one.ts"
@@ -391,11 +402,13 @@ class Video(EndToEndTest):
         path = self.make("b.ts", "-c:v", "libx264", "-g", "10", "-bf", "0", "-f", "mpegts", seconds=4)
         send_it = ["ffmpeg", "-v", "error", "-re", "-i", path, "-c", "copy", "-f", "mpegts", "tcp://127.0.0.1:15930?listen=1"]
         sender = self.start(*send_it, stderr=subprocess.DEVNULL)
-        self.start_stream("video = tcp://127.0.0.1:15930")
+        self.start_stream("video = tcp://127.0.0.1:15930", encoder=f"http = 127.0.0.1:{PAGE}")
         self.wait_for(lambda: self.frames() >= 10, "frames", 60)
+        self.wait_for(lambda: self.has_video() is True, "the word that there are pictures")
         sender.kill()
         sender.wait()
         self.wait_for(self.errors, "the line about the end")
+        self.wait_for(lambda: self.has_video() is False, "the word that there are no pictures")
         before = self.frames()
         self.start(*send_it, stderr=subprocess.DEVNULL)
         self.wait_for(lambda: len(self.errors()) == 2 or self.errors()[-1].endswith("again"), "the line about the return", 60)
@@ -406,9 +419,12 @@ class Video(EndToEndTest):
         self.assertLessEqual(len(self.errors()), 4)
 
     def test_without_its_file_a_stream_has_messages_and_a_clock(self):
+        begin = time.monotonic()
         self.start_stream("video = nowhere.mp4")
         self.feed_one()
         self.settle("a", 1)
+        self.wait_for(lambda: self.size() > 0, "the beginning of the stream")
+        self.assertGreaterEqual(time.monotonic() - begin, 3, "it waits for its video")
         self.wait_for(lambda: self.size() > 20000, "clock references")
         summary = self.stop()
         stream = ts_reader.Stream((self.folder / "one.ts").read_bytes())

@@ -183,6 +183,48 @@ TEST(StreamLoop, OtherPlacesAreNot) {
   }
 }
 
+TEST(StreamLoop, ASourceOfAGroupHearsThatGroupOnly) {
+  const auto complaint = [](const std::string& source, const std::string& url) {
+    return LoopComplaint("[cam]\ninput = udp\nport = 5000\n" + source + "[stream a]\nurl = " + url + "\n");
+  };
+  EXPECT_THAT(complaint("address = 239.1.2.3\n", "udp://239.1.2.3:5000"), HasSubstr("[cam] receives it"));
+  EXPECT_EQ(complaint("address = 239.1.2.3\n", "udp://239.1.2.4:5000"), "accepted");
+  EXPECT_THAT(complaint("", "udp://239.1.2.4:5000"), HasSubstr("[cam] receives it")) << "any group may reach the port";
+  EXPECT_THAT(complaint("address = 239.1.2.3\n", "udp://127.0.0.1:5000"), HasSubstr("[cam] receives it"));
+}
+
+TEST(StreamLoop, ASourceWithAUrlHearsItsPlace) {
+  std::string sources;
+  for (int i = 0; i < 5; ++i) {
+    sources +=
+        "[v" + std::to_string(i) + "]\nurl = udp://239.1.2." + std::to_string(i) + ":500" + std::to_string(i) + "\n";
+  }
+  EXPECT_THAT(LoopComplaint(sources + "[stream a]\nurl = udp://239.1.2.0:5000\n"), HasSubstr("[v0] receives it"));
+  EXPECT_THAT(LoopComplaint(sources + "[stream a]\nurl = udp://239.1.2.4:5004\n"), HasSubstr("[v4] receives it"))
+      << "it has no video input of the library";
+  EXPECT_THAT(LoopComplaint("[a]\nurl = udp://:5000\n[stream a]\nurl = udp://239.1.2.9:5000\n"),
+              HasSubstr("[a] receives it"));
+}
+
+TEST(StreamLoop, AddressesOfThisMachineAreKnown) {
+  const auto complaint = [](const std::string& host) {
+    return LoopComplaint(Source() + "[stream a]\nurl = udp://" + host + ":5001\n");
+  };
+  for (const char* const host : {"127.255.0.9", "[::]"}) EXPECT_THAT(complaint(host), HasSubstr("[mast] receives it"));
+  for (const char* const host : {"0.0.0.1", "128.0.0.1", "192.0.2.8", "[7f00::1]", "[::2]", "[1::1]", "host.example"}) {
+    EXPECT_EQ(complaint(host), "accepted") << host;
+  }
+}
+
+TEST(StreamLoop, IsLookedForInEveryStreamAndSource) {
+  const std::string streams = "[stream a]\nsources = cam\nurl = udp://127.0.0.1:5001\n[stream b]\nurl = b.ts\nurl2 = ";
+  EXPECT_THAT(LoopComplaint(Source() + streams + "udp://127.0.0.2:5001\n"),
+              HasSubstr("[stream b] url2 must be a place that does not lead back into the stream"));
+  EXPECT_EQ(LoopComplaint(Source() + streams + "udp://127.0.0.2:5002\n"), "accepted");
+  EXPECT_EQ(LoopComplaint("[played]\nurl = a.pcap\n[stream a]\nurl = udp://127.0.0.1:5001\n"), "accepted")
+      << "nothing reaches what is played";
+}
+
 // --- clock -------------------------------------------------------------------------------------------
 
 TEST(StreamClock, ATimeNearItsArrivalIsUsed) {
