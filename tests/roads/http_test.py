@@ -442,7 +442,11 @@ class Http(EndToEndTest):
         self.assertEqual(len(self.delivered("udp")), 5)
 
     def test_a_client_that_does_not_read_is_closed_with_one_line(self):
+        """Meanwhile another one never ends its request, and is told so."""
         self.serve()
+        half = socket.create_connection(("127.0.0.1", WEB), timeout=30 * harness.SLOW)
+        self.addCleanup(half.close)
+        half.sendall(b"GET /half")
         client = socket.socket()
         self.addCleanup(client.close)
         client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
@@ -464,6 +468,7 @@ class Http(EndToEndTest):
             ended.set()
             thread.join()
         self.assertEqual(log.read_text().count("and is closed"), 1)
+        self.assertTrue(half.recv(65536).startswith(b"HTTP/1.1 408 Request Timeout\r\n"))
         self.assertEqual(self.ask("/healthz")[0], 200)
         self.stop()
 
