@@ -4,6 +4,7 @@ _mdencoder() {
   local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
   COMPREPLY=()
   case ${COMP_WORDS[1]-}/$previous in
+    inspect/--tls-ca | decode/--tls-ca) compopt -o filenames; COMPREPLY=($(compgen -f -- "$current")); return ;;
     inspect/--format) COMPREPLY=($(compgen -W 'text json' -- "$current")); return ;;
     decode/--format) COMPREPLY=($(compgen -W 'table json csv' -- "$current")); return ;;
     */--seconds | */--gap | */--messages | */--columns | */--items) return ;;
@@ -13,9 +14,9 @@ _mdencoder() {
       compopt -o filenames
       COMPREPLY=($(compgen -f -- "$current"))
     elif [[ ${COMP_WORDS[1]} == inspect ]]; then
-      COMPREPLY=($(compgen -W '-h --help --format --seconds --gap --messages' -- "$current"))
+      COMPREPLY=($(compgen -W '-h --help --format --seconds --gap --messages --tls-ca' -- "$current"))
     else
-      COMPREPLY=($(compgen -W '-h --help --format --columns --items --wide --seconds --messages' -- "$current"))
+      COMPREPLY=($(compgen -W '-h --help --format --columns --items --wide --seconds --messages --tls-ca' -- "$current"))
     fi
     return
   fi

@@ -104,6 +104,7 @@ void AddStreamFiles(const CheckSubject& subject, std::vector<FileUse>& uses) {
       return KeyPlace{subject.configPath, "stream " + stream.name, key};
     };
     if (stream.kind == StreamSettings::Video::File) uses.push_back({place("video"), stream.video});
+    if (!stream.authorities.empty()) uses.push_back({place("tls_ca"), stream.authorities});
     for (const StreamOutput& output : stream.outputs) {
       if (output.kind == StreamOutput::Kind::File) {
         uses.push_back({place(output.key), output.text, FileUse::Kind::Stream});

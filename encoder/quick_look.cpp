@@ -9,9 +9,11 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <exception>
 #include <map>
 #include <memory>
@@ -45,6 +47,7 @@ struct Wishes {
   std::string format;
   std::string columns;
   std::string items;
+  std::string authorities;
   bool isWide = false;
   double seconds = 0;  // 0: no limit
   double gap = 2;
@@ -58,6 +61,9 @@ constexpr char kName[] =
 void AddCommon(CLI::App& app, Wishes& wishes) {
   app.add_option("input", wishes.name, kName)->type_name("FILE|URL")->required();
   app.add_option("--messages", wishes.messages, "Stop after N messages; 0 for no limit (0)")->type_name("N");
+  app.add_option("--tls-ca", wishes.authorities,
+                 "Of https://: the authorities (PEM) that may sign the server's certificate, in place of the system's")
+      ->type_name("FILE");
   app.get_formatter()->column_width(34);
 }
 
@@ -88,6 +94,15 @@ void SetUpDecode(CLI::App& app, Wishes& wishes) {
   app.add_option("--columns", wishes.columns, "Columns of the table, as of a run")->type_name("LIST");
   app.add_option("--items", wishes.items, "Items of JSON lines and CSV, as of a run")->type_name("LIST");
   app.add_flag("--wide", wishes.isWide, "Do not fit the table to the terminal; without --columns, show every item");
+}
+
+void CheckAuthorities(const Wishes& wishes) {
+  const std::string& file = wishes.authorities;
+  if (file.empty()) return;
+  if (stream_url::Scheme(wishes.name) != "https") throw CLI::ValidationError("--tls-ca is allowed only with https://");
+  if (access(file.c_str(), R_OK) == 0) return;
+  throw CLI::ValidationError(value_text::Refusal("--tls-ca", file, "a file that can be read") + ": " +
+                             std::strerror(errno));
 }
 
 // Returns the index of a recording, which is empty for everything else.
@@ -124,6 +139,7 @@ StreamInputSettings InputOf(const Wishes& wishes, bool onlyData) {
   StreamInputSettings settings;
   settings.name = wishes.name;
   settings.onlyData = onlyData;
+  settings.authorities = wishes.authorities;
   if (wishes.seconds > 0) settings.longest = std::chrono::duration<double>(wishes.seconds);
   return settings;
 }
@@ -251,6 +267,7 @@ std::optional<int> RunQuickLook(int argc, const char* const* argv) {
     isInspect ? SetUpInspect(app, wishes) : SetUpDecode(app, wishes);
     app.parse(argc - 1, argv + 1);
     presentation = PresentationOf(wishes);
+    CheckAuthorities(wishes);
   } catch (const CLI::ParseError& error) {
     return app.exit(error) == 0 ? 0 : 2;
   }

@@ -7,7 +7,6 @@
 
 extern "C" {
 #include <libavformat/avformat.h>
-#include <libavutil/log.h>
 }
 
 #include <fcntl.h>
@@ -23,8 +22,10 @@ extern "C" {
 #include <vector>
 
 #include "datagram_input.h"
+#include "media_input.h"
 #include "owned_fd.h"
 #include "printable_text.h"
+#include "stream_url.h"
 
 namespace mdencoder {
 namespace {
@@ -34,10 +35,6 @@ using Clock = DatagramInput::Clock;
 
 constexpr size_t kPiece = 65536;
 constexpr size_t kProbed = 4096;  // bytes of a file in which KLV begins
-
-bool IsUrl(const std::string& name) {
-  return name.find("://") != std::string::npos;
-}
 
 // --- Files -------------------------------------------------------------------------------------------
 
@@ -113,12 +110,6 @@ struct FreePacket {
   void operator()(AVPacket* packet) const { av_packet_free(&packet); }
 };
 
-std::string ErrorText(int error) {
-  char text[AV_ERROR_MAX_STRING_SIZE] = "";
-  av_strerror(error, text, sizeof(text));
-  return text;
-}
-
 StreamInfo InfoOf(const AVStream& track) {
   const AVCodecParameters& codec = *track.codecpar;
   StreamInfo info;
@@ -165,17 +156,37 @@ class Tracks {
   unsigned m_known = 0;
 };
 
-// Reads what an opened context has. A break after the deadline is the end.
-std::string ReadTracks(const StreamInputSettings& settings, StreamSink& sink, Deadline& deadline,
-                       AVFormatContext* context, const char* url, const AVInputFormat* format) {
-  av_log_set_level(AV_LOG_QUIET);
-  context->interrupt_callback = {&IsOver, &deadline};
-  const int opened = avformat_open_input(&context, url, format, nullptr);  // frees the context if it fails
-  if (opened < 0) {
-    if (deadline.IsOver()) throw std::runtime_error(settings.name + ": nothing was received in time");
-    throw std::runtime_error(settings.name + ": " + ErrorText(opened));
+Input MakeInput(Deadline& deadline) {
+  media_input::Prepare();
+  Input input(media_input::MakeContext());
+  if (input == nullptr) throw std::runtime_error("out of memory");
+  input->interrupt_callback = {&IsOver, &deadline};
+  return input;
+}
+
+// A peer that calls may do so when it likes.
+bool WaitsForPeer(const std::string& url) {
+  return url.find("listen", std::min(url.find('?'), url.size())) != std::string::npos;
+}
+
+// Opens a file or a URL. Without an end that the caller has set, a peer has as long as that of a source.
+Input OpenTracks(const StreamInputSettings& settings, Deadline& deadline) {
+  AVFormatContext* context = MakeInput(deadline).release();
+  const bool hasEnd = deadline.end.has_value();
+  if (!hasEnd && stream_url::IsUrl(settings.name) && !WaitsForPeer(settings.name)) {
+    deadline.end = Clock::now() + media_input::kLongestOpening;
   }
-  const Input input(context);
+  const std::string fault =
+      media_input::Open(context, {media_input::Purpose::Look, settings.name, settings.authorities, !hasEnd});
+  const bool isLate = deadline.IsOver();
+  if (!hasEnd) deadline.end.reset();
+  if (fault.empty()) return Input(context);
+  throw std::runtime_error(settings.name + ": " + (isLate ? "nothing was received in time" : fault));
+}
+
+// Reads what an opened context has. A break after the deadline is the end.
+std::string ReadTracks(const StreamInputSettings& settings, StreamSink& sink, const Deadline& deadline,
+                       const Input& input) {
   const std::unique_ptr<AVPacket, FreePacket> packet(av_packet_alloc());
   if (packet == nullptr) throw std::runtime_error(settings.name + ": out of memory");
   Tracks tracks(*input, sink, settings.onlyData);
@@ -187,15 +198,9 @@ std::string ReadTracks(const StreamInputSettings& settings, StreamSink& sink, De
   }
   tracks.Look();
   if (result < 0 && result != AVERROR_EOF && !deadline.IsOver()) {
-    throw std::runtime_error(settings.name + ": " + ErrorText(result));
+    throw std::runtime_error(settings.name + ": " + media_input::ErrorText(result));
   }
   return input->iformat->name;
-}
-
-AVFormatContext* MakeContext() {
-  AVFormatContext* const context = avformat_alloc_context();
-  if (context == nullptr) throw std::runtime_error("out of memory");
-  return context;
 }
 
 // --- Datagrams ---------------------------------------------------------------------------------------
@@ -233,10 +238,15 @@ std::string ReadTransportStream(const StreamInputSettings& settings, StreamSink&
     av_free(buffer);
     throw std::runtime_error("out of memory");
   }
-  AVFormatContext* const context = MakeContext();
+  AVFormatContext* context = MakeInput(deadline).release();
   context->pb = io.get();
   context->flags |= AVFMT_FLAG_CUSTOM_IO;
-  return ReadTracks(settings, sink, deadline, context, nullptr, av_find_input_format("mpegts"));
+  // Frees the context if it fails.
+  const int opened = avformat_open_input(&context, nullptr, av_find_input_format("mpegts"), nullptr);
+  const Input input(context);
+  if (opened >= 0) return ReadTracks(settings, sink, deadline, input);
+  throw std::runtime_error(settings.name + ": " +
+                           (deadline.IsOver() ? "nothing was received in time" : media_input::ErrorText(opened)));
 }
 
 std::string ReadDatagrams(const StreamInputSettings& settings, StreamSink& sink, Deadline& deadline) {
@@ -261,14 +271,14 @@ std::string ReadDatagrams(const StreamInputSettings& settings, StreamSink& sink,
 
 std::string ReadStreams(const StreamInputSettings& settings, StreamSink& sink) {
   Deadline deadline{sink, std::nullopt};
-  if (!IsUrl(settings.name)) {
+  if (!stream_url::IsUrl(settings.name)) {
     if (ReadKlvFile(settings, sink)) return "klv";
-    return ReadTracks(settings, sink, deadline, MakeContext(), ("file:" + settings.name).c_str(), nullptr);
+    return ReadTracks(settings, sink, deadline, OpenTracks(settings, deadline));
   }
   std::signal(SIGPIPE, SIG_IGN);  // of a peer that goes
   if (settings.longest) deadline.end = Clock::now() + std::chrono::duration_cast<Clock::duration>(*settings.longest);
   if (settings.name.starts_with("udp://")) return ReadDatagrams(settings, sink, deadline);
-  return ReadTracks(settings, sink, deadline, MakeContext(), settings.name.c_str(), nullptr);
+  return ReadTracks(settings, sink, deadline, OpenTracks(settings, deadline));
 }
 
 }  // namespace mdencoder

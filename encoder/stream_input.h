@@ -27,6 +27,8 @@ struct StreamInputSettings {
   std::string name;                                      // path of a file, "-" for the standard input, or a URL
   std::optional<std::chrono::duration<double>> longest;  // then a URL's end; a file is read whole
   bool onlyData = false;                                 // other tracks are not read
+  std::string
+      authorities;  // https: file (PEM) of those that may have signed the certificate; empty: those of the system
 };
 
 // What was read. Streams have numbers from 0 on, in the order in which they are found.

@@ -16,6 +16,7 @@
 #include "capture.h"
 #include "klv_file.h"
 #include "media_demuxer.h"
+#include "media_input.h"
 #include "owned_fd.h"
 #include "stream_url.h"
 
@@ -53,7 +54,8 @@ std::string HostRuntime_MediaFault(const std::string& path) {
       return stream_url::ParseDatagramUrl(path) ? std::string()
                                                 : std::string("it is not ") + stream_url::kDatagramAllowed;
     }
-    if (stream_url::IsUrl(path)) return MediaDemuxer::KnowsProtocol(path) ? "" : "unknown protocol";
+    if (stream_url::IsUrl(path))
+      return media_input::KnowsProtocol(media_input::Purpose::Klv, path) ? "" : "unknown protocol";
     if (access(path.c_str(), R_OK) != 0) return strerror(errno);
     bool hasStreamHeaders = false;
     if (IsKlvFile(path, &hasStreamHeaders) || path.ends_with(".sdp")) return {};

@@ -13,12 +13,13 @@ extern "C" {
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdarg>
-#include <mutex>
 #include <utility>
 
 #include "anc_klv.h"
 #include "capture.h"
+#include "media_input.h"
 #include "stream_url.h"
 
 namespace host_runtime {
@@ -26,34 +27,9 @@ namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
 constexpr AVRational kClock = {1, 90'000};
-constexpr int64_t kLongestOpening = 10 * kSecond;
-constexpr char kLongestSilence[] = "15000000";  // microseconds without a byte from a peer
-constexpr int kMostTracks = 64;
-constexpr size_t kLargestBlock = size_t{64} << 20;  // that libavformat may allocate at once
+constexpr int64_t kLongestOpening = std::chrono::seconds(media_input::kLongestOpening).count() * kSecond;
 constexpr int kReadSize = 32768;
 constexpr size_t kLargestUnit = size_t{1} << 20;
-
-// Formats that can have a KLV track. Playlists are not among them: they name other files and hosts.
-constexpr char kFormats[] = "mpegts,matroska,webm,mov,mp4,mxf,avi,flv,rtsp,rtp,sdp";
-
-// The protocols of a URL, each with those that it may use itself. The first word is the one in the URL.
-constexpr const char* kProtocols[] = {
-    "srt", "tcp", "http,tcp", "https,http,tls,tcp", "rtsp,rtp,udp,tcp,http", "rtsps,rtsp,rtp,udp,tcp,tls"};
-
-// Returns the protocols that a path or URL may use, or null.
-const char* ProtocolsOf(const std::string& path) {
-  if (!stream_url::IsUrl(path)) return path.ends_with(".sdp") ? "file,rtp,udp" : "file";
-  const auto* const found = std::find_if(std::begin(kProtocols), std::end(kProtocols), [&](const std::string& each) {
-    return each.substr(0, each.find(',')) == stream_url::Scheme(path);
-  });
-  return found == std::end(kProtocols) ? nullptr : *found;
-}
-
-std::string ErrorText(int error) {
-  char text[AV_ERROR_MAX_STRING_SIZE] = "";
-  av_strerror(error, text, sizeof(text));
-  return text;
-}
 
 // Sends libavformat's messages to the log, where they are limited, instead of to standard error. What matters of them
 // is said in a line of ours.
@@ -66,14 +42,6 @@ void LogLibraryLine(void* context, int level, const char* format, va_list argume
   int prefix = 1;
   av_log_format_line2(context, level, format, arguments, line, sizeof(line), &prefix);
   _DoDbgPrintEx(module, hostLevel, __func__, "libavformat", level, "%s", line);
-}
-
-void PrepareLibrary() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    av_log_set_callback(LogLibraryLine);
-    av_max_alloc(kLargestBlock);
-  });
 }
 
 }  // namespace
@@ -114,17 +82,12 @@ class MediaDemuxer::Bytes {
 
 MediaDemuxer::MediaDemuxer(std::function<bool()> isStopping)
     : m_isStopping(std::move(isStopping)), m_packet(av_packet_alloc()) {
-  PrepareLibrary();
+  media_input::Prepare(LogLibraryLine);
 }
 
 MediaDemuxer::~MediaDemuxer() {
   av_packet_free(&m_packet);
   avformat_close_input(&m_input);
-}
-
-bool MediaDemuxer::KnowsProtocol(const std::string& url) {
-  return ProtocolsOf(url) != nullptr &&
-         (stream_url::Scheme(url).starts_with("rtsp") || avio_find_protocol_name(url.c_str()) != nullptr);
 }
 
 int MediaDemuxer::IsInterrupted(void* self) {
@@ -134,41 +97,30 @@ int MediaDemuxer::IsInterrupted(void* self) {
   return demuxer->m_isLate ? 1 : 0;
 }
 
-// Keeps the text of a result that is an error. Returns whether it is none.
-bool MediaDemuxer::Finish(int result) {
-  if (result >= 0) return true;
-  m_fault = m_isLate ? "no stream within " + std::to_string(kLongestOpening / kSecond) + " s" : ErrorText(result);
+bool MediaDemuxer::Fail(const std::string& fault) {
+  m_fault = m_isLate ? "no stream within " + std::to_string(kLongestOpening / kSecond) + " s" : fault;
   return false;
 }
 
-bool MediaDemuxer::Open(const std::string& path, const std::string& authorities) {
-  const bool isUrl = stream_url::IsUrl(path);
-  const char* const protocols = ProtocolsOf(path);
-  m_joinsPieces = stream_url::Scheme(path).starts_with("rtsp") || path.ends_with(".sdp");
-  if (protocols == nullptr) {
-    m_fault = "unknown protocol";
-    return false;
-  }
-  m_input = avformat_alloc_context();
+// Returns whether a result is no error, and keeps the text of one that is.
+bool MediaDemuxer::Finish(int result) {
+  return result >= 0 || Fail(media_input::ErrorText(result));
+}
+
+bool MediaDemuxer::MakeInput() {
+  m_input = media_input::MakeContext();
   if (m_input == nullptr || m_packet == nullptr) return Finish(AVERROR(ENOMEM));
   m_input->interrupt_callback = {&MediaDemuxer::IsInterrupted, this};
-  m_input->max_streams = kMostTracks;
   m_input->max_probe_packets = 1;  // a track without a label is not held back to guess what it is
-  AVDictionary* settings = nullptr;
-  av_dict_set(&settings, "protocol_whitelist", protocols, 0);
-  av_dict_set(&settings, "format_whitelist", kFormats, 0);
-  if (isUrl) {
-    m_openDeadline = MonotonicNs() + kLongestOpening;
-    av_dict_set(&settings, stream_url::Scheme(path).starts_with("rtsp") ? "timeout" : "rw_timeout", kLongestSilence, 0);
-  }
-  if (stream_url::Scheme(path) == "https") {
-    av_dict_set(&settings, "tls_verify", "1", 0);
-    if (!authorities.empty()) av_dict_set(&settings, "ca_file", authorities.c_str(), 0);
-  }
-  // Frees the context if it fails.
-  const int result = avformat_open_input(&m_input, (isUrl ? path : "file:" + path).c_str(), nullptr, &settings);
-  av_dict_free(&settings);
-  if (!Finish(result)) return false;
+  return true;
+}
+
+bool MediaDemuxer::Open(const std::string& path, const std::string& authorities) {
+  m_joinsPieces = stream_url::Scheme(path).starts_with("rtsp") || path.ends_with(".sdp");
+  if (!MakeInput()) return false;
+  if (stream_url::IsUrl(path)) m_openDeadline = MonotonicNs() + kLongestOpening;
+  const std::string fault = media_input::Open(m_input, {media_input::Purpose::Klv, path, authorities});
+  if (!fault.empty()) return Fail(fault);
   m_openDeadline = 0;
   SelectTracks();
   return true;
@@ -176,11 +128,8 @@ bool MediaDemuxer::Open(const std::string& path, const std::string& authorities)
 
 bool MediaDemuxer::OpenTransportStream(Read read) {
   m_bytes = std::make_unique<Bytes>(std::move(read));
-  m_input = avformat_alloc_context();
-  if (m_input == nullptr || m_packet == nullptr || m_bytes->Context() == nullptr) return Finish(AVERROR(ENOMEM));
-  m_input->interrupt_callback = {&MediaDemuxer::IsInterrupted, this};
-  m_input->max_streams = kMostTracks;
-  m_input->max_probe_packets = 1;
+  if (m_bytes->Context() == nullptr) return Finish(AVERROR(ENOMEM));
+  if (!MakeInput()) return false;
   m_input->pb = m_bytes->Context();
   m_input->flags |= AVFMT_FLAG_CUSTOM_IO;
   if (!Finish(avformat_open_input(&m_input, nullptr, av_find_input_format("mpegts"), nullptr))) return false;

@@ -29,8 +29,8 @@ class MediaDemuxer {
   MediaDemuxer(const MediaDemuxer&) = delete;
   MediaDemuxer& operator=(const MediaDemuxer&) = delete;
 
-  // Opens a file, or a URL of a protocol that KnowsProtocol. The certificate of an https server must be signed by one of
-  // the authorities in a file, or of the system if there is no such file. Returns false with Fault().
+  // Opens a file or a URL (media_input.h). The certificate of an https server must be signed by one of the authorities in a
+  // file, or of the system if there is no such file. Returns false with Fault().
   bool Open(const std::string& path, const std::string& authorities = {});
   // Opens a transport stream whose bytes `read` gives: it returns how many bytes it stored, or 0 at the end.
   using Read = std::function<size_t(std::span<uint8_t> to)>;
@@ -47,13 +47,13 @@ class MediaDemuxer {
   // Returns whether a track may carry KLV. A track without a label may; its packets tell.
   bool MayHaveKlv() const;
 
-  static bool KnowsProtocol(const std::string& url);
-
  private:
   class Bytes;
 
   static int IsInterrupted(void* self);
+  bool Fail(const std::string& fault);
   bool Finish(int result);
+  bool MakeInput();
   void SelectTracks();
   bool IsKlv(const AVStream& stream) const;
   void Join(int track, std::span<const uint8_t> piece);

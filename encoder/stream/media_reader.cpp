@@ -28,6 +28,7 @@ extern "C" {
 #include "annotated_mutex.h"
 #include "av_owned.h"
 #include "camera.h"
+#include "media_input.h"
 #include "stream_url.h"
 #include "video_encoder.h"
 
@@ -41,23 +42,10 @@ constexpr auto kLongestPause = std::chrono::seconds(30);
 constexpr auto kLongestOpening = std::chrono::seconds(15);
 constexpr auto kLongestSilence = std::chrono::seconds(15);
 constexpr AVRational kMicroseconds = {1, 1'000'000};
-constexpr int kMostTracks = 64;
 constexpr int kMostPixels = 4096 * 2304;
 constexpr int64_t kUsualFrameUs = 40'000;
 constexpr int64_t kUnknown = INT64_MIN;
 constexpr size_t kMostHeld = 16;  // frames that wait for a decode time
-
-// Formats that can have video. Playlists are not among them: they name other files and hosts.
-constexpr char kFormats[] = "mpegts,matroska,webm,mov,mp4,mxf,avi,flv,h264,hevc,rtsp,rtp,sdp";
-
-// Returns the protocols that an input may use, the one of its URL among them.
-std::string ProtocolsOf(const StreamSettings& settings) {
-  if (settings.kind == StreamSettings::Video::File) return "file";
-  const std::string scheme = stream_url::Scheme(settings.video);
-  if (scheme.starts_with("rtsp")) return scheme + ",rtsp,rtp,udp,tcp,tls";
-  if (scheme == "https") return "https,http,tls,tcp";
-  return scheme == "http" ? "http,tcp" : scheme == "rtp" ? "rtp,udp" : scheme;
-}
 
 // --- Input -------------------------------------------------------------------------------------------
 
@@ -84,22 +72,15 @@ class MediaInput : public Input {
  public:
   // Throws std::runtime_error.
   MediaInput(const StreamSettings& settings, std::function<bool()> isStopping) : m_isStopping(std::move(isStopping)) {
-    AVFormatContext* context = av::Require(avformat_alloc_context(), "input");
+    AVFormatContext* context = av::Require(media_input::MakeContext(), "input");
     context->interrupt_callback = {&MediaInput::IsInterrupted, this};
-    context->max_streams = kMostTracks;
     context->max_analyze_duration = 2'000'000;
     context->probesize = 4'000'000;
-    AVDictionary* options = nullptr;
-    av_dict_set(&options, "protocol_whitelist", ProtocolsOf(settings).c_str(), 0);
-    av_dict_set(&options, "format_whitelist", kFormats, 0);
-    const bool isFile = settings.kind == StreamSettings::Video::File;
     m_deadline = Clock::now() + kLongestOpening;
-    // Frees the context if it fails.
-    const int result =
-        avformat_open_input(&context, ((isFile ? "file:" : "") + settings.video).c_str(), nullptr, &options);
-    av_dict_free(&options);
-    av::Require(result, "cannot be opened");
+    const std::string fault =
+        media_input::Open(context, {media_input::Purpose::Video, settings.video, settings.authorities});
     m_context.reset(context);
+    if (!fault.empty()) throw std::runtime_error("cannot be opened: " + fault);
     av::Require(avformat_find_stream_info(context, nullptr), "cannot be read");
     m_track = av::Require(av_find_best_stream(context, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0), "has no video");
     for (unsigned i = 0; i < context->nb_streams; ++i) {

@@ -22,8 +22,8 @@ namespace {
 constexpr std::string_view kCamera = "v4l2:";
 constexpr std::string_view kPrefix = "stream ";
 constexpr std::array<std::string_view, 4> kUrlKeys = {"url", "url2", "url3", "url4"};
-constexpr std::string_view kKeys[] = {"video",  "size", "rate", "bitrate", "encode", "sources", "metadata",
-                                      "tracks", "url",  "url2", "url3",    "url4",   "hls",     "time_bound"};
+constexpr std::string_view kKeys[] = {"video",  "tls_ca", "size", "rate", "bitrate", "encode", "sources",   "metadata",
+                                      "tracks", "url",    "url2", "url3", "url4",    "hls",    "time_bound"};
 constexpr std::string_view kEncodings[] = {"h264", "copy"};
 constexpr std::string_view kCarriages[] = {"synchronous", "asynchronous"};
 constexpr std::string_view kTracks[] = {"each", "merged"};
@@ -124,6 +124,11 @@ void ReadVideo(Section& section, StreamSettings& stream) {
                      "scene, a file, v4l2:/dev/videoN, or a URL that begins with " + Join(kLiveSchemes) + " and ://");
       }
     }
+  }
+  if (stream_url::Scheme(stream.video) == "https") {
+    stream.authorities = section.Path("tls_ca");
+  } else if (section.Find("tls_ca") != nullptr) {
+    throw ConfigError("[" + section.Name() + "] tls_ca is allowed only with video = https://");
   }
   const bool isScene = stream.kind == StreamSettings::Video::Scene;
   stream.copies = section.Choice("encode", kEncodings, isScene ? 0 : 1) == 1;

@@ -35,6 +35,8 @@ struct StreamSettings {
   std::string name;
   Video kind = Video::Scene;
   std::string video = "scene";  // "scene", a path, a URL, or the path of a camera
+  std::string
+      authorities;  // video of https: file (PEM) of those that may have signed the certificate; empty: the system's
   int width = 640;
   int height = 360;
   double rate = 25;                  // frames a second

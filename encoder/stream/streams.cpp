@@ -1,12 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "streams.h"
 
-extern "C" {
-#include <libavutil/log.h>
-}
-
 #include <algorithm>
 
+#include "media_input.h"
 #include "stream.h"
 
 namespace mdencoder {
@@ -26,7 +23,7 @@ Streams::~Streams() = default;
 void Streams::Start(const std::vector<StreamSettings>& streams, const std::vector<std::string>& sources,
                     const Say& say) {
   // What matters of libav's messages is said in lines of ours.
-  if (!streams.empty()) av_log_set_level(AV_LOG_QUIET);
+  if (!streams.empty()) media_input::Prepare();
   for (const StreamSettings& settings : streams) m_streams.push_back(std::make_unique<Stream>(settings, sources, say));
 }
 

@@ -156,5 +156,23 @@ TEST(QuickLook, IsForItsCommandsOnly) {
   EXPECT_EQ(RunQuickLook(5, wrong), 2);
 }
 
+TEST(QuickLook, AuthoritiesAreForServersOfHttpsAndCanBeRead) {
+  const auto run = [](const char* command, const char* input, const char* file) {
+    const char* const words[] = {"mdencoder", command, input, "--tls-ca", file};
+    testing::internal::CaptureStderr();
+    const auto result = RunQuickLook(5, words);
+    return std::to_string(result.value_or(-1)) + " " + testing::internal::GetCapturedStderr();
+  };
+  for (const char* command : {"inspect", "decode"}) {
+    for (const char* input : {"-", "a.ts", "http://127.0.0.1:1/x"}) {
+      EXPECT_THAT(run(command, input, "/dev/null"), StartsWith("2 --tls-ca is allowed only with https://\n"));
+    }
+    EXPECT_THAT(run(command, "https://127.0.0.1:1/x", "/none"),
+                StartsWith("2 --tls-ca must be a file that can be read, not \"/none\": No such file or directory\n"));
+    EXPECT_EQ(run(command, "https://127.0.0.1:1/x", "/dev/null"),
+              "1 mdencoder: https://127.0.0.1:1/x: Connection refused\n");
+  }
+}
+
 }  // namespace
 }  // namespace mdencoder

@@ -116,6 +116,17 @@ TEST(StreamSection, FilesAndUrlsAreCopiedUnlessTheKeySaysOtherwise) {
   EXPECT_THAT(Complaint("[stream a]\nvideo = v4l2:video0\n"), HasSubstr("must be v4l2: and the path of a camera"));
 }
 
+TEST(StreamSection, AVideoOfHttpsMayHaveAuthoritiesOfItsOwn) {
+  const std::string https = "[stream a]\nvideo = https://camera/v.ts\n";
+  EXPECT_EQ(Read(https + "tls_ca = ca.pem\n").streams[0].authorities, "/conf/ca.pem");
+  EXPECT_EQ(Read(https).streams[0].authorities, "");
+  EXPECT_NE(Read(https + "tls_ca = ca.pem\n").streams[0], Read(https).streams[0]);
+  for (const char* video : {"", "video = v.mp4\n", "video = http://camera/v.ts\n", "video = rtsps://camera/v\n"}) {
+    EXPECT_THAT(Complaint(std::string("[stream a]\ntls_ca = ca.pem\n") + video),
+                HasSubstr("[stream a] tls_ca is allowed only with video = https://"));
+  }
+}
+
 TEST(StreamSection, FaultsAreNamed) {
   EXPECT_THAT(Complaint("[stream a]\nurl = ftp://x/y\n"), HasSubstr("[stream a] url must be a file, udp://HOST:PORT"));
   EXPECT_THAT(Complaint("[stream a]\nurl = udp://239.1.2.3\n"), HasSubstr("[stream a] url must be"));
