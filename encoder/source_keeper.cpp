@@ -462,7 +462,8 @@ bool SourceKeeper::HasAddresses(Entry& entry, Clock::time_point now) {
     names.Update(now);
   }
   const bool isAsking = names.IsAsking();
-  std::string fault = names.Fault(now);
+  // Who has waited in vain says so at once.
+  std::string fault = names.Fault(entry.settings.retry ? now : now + kLongestAnswer);
   if (fault.empty() && names.AreKnown()) {
     SourceSettings filled = entry.settings;
     names.Fill(filled);

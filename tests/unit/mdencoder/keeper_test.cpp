@@ -42,6 +42,7 @@ struct Fake {
   std::vector<std::string> calls;
   std::deque<Opened> sources;
   bool refuses = false;
+  bool refusesToClose = false;
 };
 Fake* g_fake = nullptr;
 
@@ -57,7 +58,7 @@ BOOL Open(const MDATA_SRC_CFG* record, HMDATASRC* handle) {
 }
 BOOL Close(HMDATASRC* handle) {
   g_fake->calls.push_back("close " + std::to_string(Of(*handle)->record.nIndex));
-  return TRUE;
+  return g_fake->refusesToClose ? FALSE : TRUE;
 }
 BOOL Get(HMDATASRC handle, MDATA_SRC_STATS* statistics) {
   *statistics = Of(handle)->statistics;
@@ -134,6 +135,8 @@ class KeeperTest : public testing::Test {
   Library m_library{nullptr, nullptr, Open, Close, nullptr, Get, Reset, Set};
   std::string m_obstacle;  // to every source
   int m_asked = 0;
+  int32_t m_askedFamily = 0;  // of the source that was asked for last
+  std::string m_askedHost;    // the interface of the host that it was asked for on
   Health m_health;
   std::optional<Resolution> m_answer;      // to every name
   std::optional<Resolution> m_lateAnswer;  // for who waits
@@ -149,8 +152,10 @@ class KeeperTest : public testing::Test {
       OnMessage,
       this,
       {},
-      {[this](const SourceSettings&, const HostRuntimeConfig&) {
+      {[this](const SourceSettings& settings, const HostRuntimeConfig& host) {
          ++m_asked;
+         m_askedFamily = settings.record.in.Network.iSrcAddressFamily;
+         m_askedHost = host.multicastInterface;
          return m_obstacle;
        },
        [](const SourceSettings&, const HostRuntimeConfig&) {
@@ -212,6 +217,170 @@ TEST_F(KeeperTest, WaitsInOneLineAndOpensInAnother) {
   EXPECT_THAT(Calls(), ElementsAre("open 1"));
   EXPECT_EQ(m_keeper.Summary(), "1 of 1 sources open");
   EXPECT_EQ(m_keeper.Due(m_now), Clock::time_point::max());
+}
+
+TEST_F(KeeperTest, ATroubleThatBecomesAnotherOneLastsFromTheFirst) {
+  m_obstacle = "there is no eth1";
+  Start(kUdp);
+  Pass(10s);
+  m_obstacle = "eth1 is down";
+  Pass(10s);
+  EXPECT_THAT(Lines(), ElementsAre("4 source a waits: there is no eth1", "4 source a waits: eth1 is down"));
+  m_obstacle.clear();
+  Pass(2s);
+  EXPECT_THAT(Lines(), ElementsAre("5 source a is open after 22 s"));
+}
+
+TEST_F(KeeperTest, TheSummaryTellsEachSourceThatIsNotOpen) {
+  Start("[a]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5001\nretry = no\n");
+  m_health.fault = "eth1 is down";
+  m_keeper.OnNetwork({true, {}}, m_now);
+  Pass(1s);
+  EXPECT_EQ(m_keeper.Summary(), "1 of 2 sources open; a waits: eth1 is down");
+  EXPECT_FALSE(m_keeper.IsOpen(*m_keeper.Sources()[0])) << "it is cut off";
+  EXPECT_TRUE(m_keeper.HasBeenOpen(*m_keeper.Sources()[0]));
+  EXPECT_TRUE(m_keeper.IsOpen(*m_keeper.Sources()[1]));
+  Apply("[b]\ninput = udp\nport = 5001\nretry = no\n");
+  EXPECT_EQ(m_keeper.Summary(), "1 of 1 sources open");
+  EXPECT_EQ(m_keeper.Sources().size(), 1U);
+  EXPECT_EQ(m_keeper.EverySource().size(), 2U);
+  EXPECT_EQ(m_keeper.Reports(false).size(), 1U);
+  ASSERT_EQ(m_keeper.Reports(true).size(), 2U);
+  EXPECT_STREQ(m_keeper.Reports(true)[0].state, "removed");
+}
+
+TEST_F(KeeperTest, TheEndKeepsTheStateOfEachSource) {
+  Start("[a]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5001\nretry = no\n");
+  m_fake.sources[1].statistics.nRxBytes = 12;
+  m_health.fault = "eth1 is down";
+  m_keeper.OnNetwork({true, {}}, m_now);
+  Pass(1s);
+  Calls();
+  m_keeper.CloseAll();
+  EXPECT_THAT(Calls(), ElementsAre("close 1", "close 2"));
+  EXPECT_STREQ(m_keeper.Reports(false)[0].state, "cut off");
+  EXPECT_STREQ(m_keeper.Reports(false)[1].state, "open");
+  EXPECT_EQ(m_keeper.Reports(false)[1].statistics.nRxBytes, 12U);
+  m_keeper.CloseAll();
+  EXPECT_THAT(Calls(), IsEmpty());
+  EXPECT_FALSE(m_keeper.Failed());
+}
+
+TEST_F(KeeperTest, ASourceThatCannotBeClosedFailsTheRun) {
+  Start(kUdp);
+  m_fake.refusesToClose = true;
+  m_keeper.CloseAll();
+  EXPECT_THAT(Lines(), ElementsAre("4 source a cannot be closed"));
+  EXPECT_TRUE(m_keeper.Failed());
+}
+
+TEST_F(KeeperTest, OnlyWhatWasNeverOpenIsTakenBack) {
+  m_obstacle = "there is no device";
+  Start(kUdp);
+  m_keeper.Discard(*m_keeper.Sources()[0]);
+  EXPECT_THAT(m_keeper.EverySource(), IsEmpty());
+  m_obstacle.clear();
+  Start(kUdp);
+  m_keeper.CloseAll();
+  m_keeper.Discard(*m_keeper.Sources()[0]);
+  EXPECT_THAT(m_keeper.Sources(), IsEmpty());
+  EXPECT_EQ(m_keeper.EverySource().size(), 1U) << "messages in the queue refer to it";
+}
+
+TEST_F(KeeperTest, StatisticsThatWerePresetAreThoseOfTheFirstOpening) {
+  const Config config = Read(kUdp);
+  m_keeper.Add(config.sources[0], config.encoder.capabilities);
+  MDATA_SRC_STATS statistics{};
+  statistics.nRxBytes = 5;
+  m_keeper.Preset("none", statistics);
+  m_keeper.Preset("a", statistics);
+  EXPECT_EQ(m_keeper.OpenAll(m_now), nullptr);
+  EXPECT_EQ(m_fake.sources[0].statistics.nRxBytes, 5U);
+  EXPECT_EQ(m_keeper.Reports(false)[0].reopened, 0U);
+}
+
+TEST_F(KeeperTest, CountsAreResetAndRestoredWhileASourceIsOpen) {
+  Start(kUdp);
+  m_fake.sources[0].statistics.nRxBytes = 5;
+  m_keeper.Reset(*m_keeper.Sources()[0]);
+  EXPECT_EQ(m_fake.sources[0].statistics.nRxBytes, 0U);
+  MDATA_SRC_STATS statistics{};
+  statistics.nRxBytes = 77;
+  m_keeper.Restore(*m_keeper.Sources()[0], statistics);
+  EXPECT_EQ(m_fake.sources[0].statistics.nRxBytes, 77U);
+}
+
+TEST_F(KeeperTest, TheObstacleIsThatOfTheFamiliesOfTheLibrary) {
+  for (const auto& [capabilities, family] : {std::pair("ipv4", AF_INET), {"ipv6", AF_INET6}, {"ipv4, ipv6", 0}}) {
+    const std::string encoder = std::string("[encoder]\ncapabilities = ") + capabilities + "\n";
+    Start(encoder + kUdp);
+    EXPECT_EQ(m_askedFamily, family) << capabilities;
+    m_keeper.CloseAll();
+    m_keeper.Discard(*m_keeper.Sources()[0]);
+  }
+}
+
+TEST_F(KeeperTest, AReloadTakesOverWhatNeedsNoOpening) {
+  Start(kUdp);
+  Calls();
+  Apply(std::string(kUdp) +
+        "retry = no\nsilence = 9\ntrack = a.kml\ncot_out = udp://192.0.2.1:6969\ncot_out_rate = 2\n"
+        "cot_out_uid = ME\ncot_out_type = a-n\n");
+  EXPECT_THAT(Calls(), ElementsAre("between"));
+  const SourceSettings& settings = *m_keeper.Reports(false)[0].settings;
+  EXPECT_EQ(settings.silence, 9);
+  EXPECT_EQ(settings.track, "a.kml");
+  EXPECT_EQ(settings.cotOut, "udp://192.0.2.1:6969");
+  EXPECT_EQ(settings.cotOutRate, 2);
+  EXPECT_EQ(settings.cotOutUid, "ME");
+  EXPECT_EQ(settings.cotOutType, "a-n");
+  m_health.fault = "eth1 is down";
+  m_keeper.OnNetwork({true, {}}, m_now);
+  Pass(10s);
+  EXPECT_THAT(Lines(), IsEmpty()) << "the source must not wait any more";
+}
+
+TEST_F(KeeperTest, AReloadTriesWhatWaitsAtItsTimeAndWhatChangedAtOnce) {
+  m_obstacle = "there is no device";
+  Start("[a]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5001\n");
+  m_asked = 0;
+  m_obstacle.clear();
+  m_now += 1s;
+  Apply("[a]\ninput = udp\nport = 5000\n[b]\ninput = udp\nport = 5002\n");
+  EXPECT_THAT(Calls(), ElementsAre("between", "open 2"));
+  Pass(1s);
+  EXPECT_THAT(Calls(), ElementsAre("open 1"));
+}
+
+TEST_F(KeeperTest, AReloadThatCannotOpenWhatMustNotWaitFailsTheRun) {
+  Start("[b]\ninput = udp\nport = 5001\n");
+  m_fake.refuses = true;
+  Apply("[b]\ninput = udp\nport = 5002\n");
+  EXPECT_FALSE(m_keeper.Failed());
+  Lines();
+  Apply("[b]\ninput = udp\nport = 5002\n[a]\ninput = udp\nport = 5000\nretry = no\n");
+  EXPECT_TRUE(m_keeper.Failed());
+  EXPECT_THAT(Lines(), testing::Contains("4 source a cannot be opened; the log tells why"));
+}
+
+TEST_F(KeeperTest, AReloadTakesTheHostThatItBrings) {
+  Start(kUdp);
+  CheckedConfig fresh = m_checked;
+  fresh.host.multicastInterface = "eth1";
+  const ConfigDifference difference = Compare(m_checked, fresh);
+  m_keeper.Apply(
+      difference, fresh.host, [] {}, m_now);
+  EXPECT_EQ(m_askedHost, "eth1");
+}
+
+TEST_F(KeeperTest, NothingIsPlayedWithoutASource) {
+  Start("[a]\nurl = a.ts\n");
+  m_states[0].phase = HostCaptureState::Phase::Ended;
+  EXPECT_TRUE(m_keeper.AllPlayed());
+  Apply(kUdp);
+  EXPECT_FALSE(m_keeper.AllPlayed());
+  EXPECT_TRUE(m_keeper.AllReached(0));
+  EXPECT_FALSE(m_keeper.AllReached(1));
 }
 
 TEST_F(KeeperTest, AnOpeningThatTheLibraryRefusesIsTriedLessAndLessOften) {
@@ -377,14 +546,89 @@ std::string Refusal(const std::string& fresh, const std::string& running = "") {
 }
 
 TEST(Difference, NamesTheSettingThatCannotChange) {
-  for (const char* key :
-       {"library = x", "host_config = x", "output_dir = x", "stream_header = yes", "extended_tags = no",
-        "heights = optional", "format = json", "format = csv", "live = yes", "stats_json = x", "messages = 1",
-        "messages_each = 1", "queue = 1", "capabilities = ipv4", "capabilities = ipv4, ipv6, cot"}) {
+  for (const char* key : {"library = x", "host_config = x", "output_dir = x", "stream_header = yes",
+                          "extended_tags = no", "heights = optional", "format = json", "format = csv", "live = yes",
+                          "stats_json = x", "messages = 1", "messages_each = 1", "queue = 1", "capabilities = ipv4",
+                          "capabilities = ipv4, ipv6, cot", "rotate_size = 1000000", "rotate_time = 60"}) {
     const std::string text = key;
-    EXPECT_THAT(Refusal(text + "\n"), HasSubstr("[encoder] " + text.substr(0, text.find(' '))));
+    EXPECT_THAT(Refusal(text + "\n"), HasSubstr("[encoder] " + text.substr(0, text.find(' ')) + " "));
     EXPECT_THAT(Refusal(text + "\n"), HasSubstr("cannot change while the program runs"));
   }
+}
+
+TEST(Difference, NamesTheSettingOfThePageThatCannotChange) {
+  const std::string page = "http = 127.0.0.1:8080\n";
+  const std::string tls = page + "http_cert = c.pem\nhttp_key = k.pem\n";
+  EXPECT_THAT(Refusal(page), HasSubstr("[encoder] http cannot change"));
+  EXPECT_THAT(Refusal("http = 127.0.0.1:8081\n", page), HasSubstr("[encoder] http cannot change"));
+  EXPECT_THAT(Refusal("http = 127.0.0.2:8080\n", page), HasSubstr("[encoder] http cannot change"));
+  for (const char* key : {"http_token = t", "http_host = a.test", "tiles = https://tiles.test/{z}/{x}/{y}.png"}) {
+    const std::string text = key;
+    EXPECT_THAT(Refusal(page + text + "\n", page),
+                HasSubstr("[encoder] " + text.substr(0, text.find(' ')) + " cannot"));
+  }
+  EXPECT_THAT(Refusal(page + "http_cert = other.pem\nhttp_key = k.pem\n", tls),
+              HasSubstr("[encoder] http_cert cannot"));
+  EXPECT_THAT(Refusal(page + "http_cert = c.pem\nhttp_key = other.pem\n", tls), HasSubstr("[encoder] http_key cannot"));
+  const std::string tiles = page + "tiles = https://tiles.test/{z}/{x}/{y}.png\n";
+  EXPECT_THAT(Refusal(tiles + "tiles_attribution = who\n", tiles), HasSubstr("[encoder] tiles_attribution cannot"));
+  EXPECT_EQ(Refusal(tls, tls), "accepted");
+}
+
+TEST(Difference, AStreamCannotChange) {
+  const auto refusal = [](const std::string& running, const std::string& fresh) -> std::string {
+    const auto read = [](const std::string& text) { return CheckedConfig{MakeConfig(ParseIni(kUdp + text), "-"), {}}; };
+    try {
+      Compare(read(running), read(fresh));
+    } catch (const ConfigError& error) {
+      return error.what();
+    }
+    return "accepted";
+  };
+  const std::string one = "[stream one]\nvideo = https://camera/v.ts\n";
+  const std::string two = "[stream two]\nvideo = scene\n";
+  EXPECT_EQ(refusal(one + two, one + two), "accepted");
+  EXPECT_EQ(refusal(one, one + two), "[stream two] cannot change while the program runs; restart it");
+  EXPECT_EQ(refusal(one + two, one), "[stream two] cannot change while the program runs; restart it");
+  EXPECT_EQ(refusal(one, one + "tls_ca = ca.pem\n"), "[stream one] cannot change while the program runs; restart it");
+}
+
+TEST(Difference, TheRotationOfASourceCannotChange) {
+  const auto refusal = [](const std::string& running, const std::string& fresh) -> std::string {
+    const auto read = [](const std::string& text) { return CheckedConfig{MakeConfig(ParseIni(kUdp + text), "-"), {}}; };
+    try {
+      Compare(read("output = a%n.klv\n" + running), read("output = a%n.klv\n" + fresh));
+    } catch (const ConfigError& error) {
+      return error.what();
+    }
+    return "accepted";
+  };
+  const std::string both = "rotate_size = 1000000\nrotate_time = 60\n";
+  EXPECT_EQ(refusal(both, both), "accepted");
+  EXPECT_EQ(refusal(both, "rotate_size = 2000000\nrotate_time = 60\n"),
+            "[a] rotate_size cannot change while the program runs; restart it");
+  EXPECT_EQ(refusal(both, "rotate_size = 1000000\nrotate_time = 61\n"),
+            "[a] rotate_time cannot change while the program runs; restart it");
+}
+
+TEST(Difference, EveryKeyOfASourceCounts) {
+  const auto changed = [](const std::string& running, const std::string& fresh) {
+    const auto read = [](const std::string& text) { return CheckedConfig{MakeConfig(ParseIni(text), "-"), {}}; };
+    return Compare(read(running), read(fresh)).changed.size();
+  };
+  const std::string udp = kUdp;
+  for (const char* key : {"relay1 = 192.0.2.1:7000", "relay1 = map.test:7000", "mission_id = M", "capture = yes"}) {
+    EXPECT_EQ(changed(udp, udp + key + "\n"), 1U) << key;
+    EXPECT_EQ(changed(udp + key + "\n", udp + key + "\n"), 0U) << key;
+  }
+  const std::string group = udp + "address = 239.1.1.1\n";
+  EXPECT_EQ(changed(group, udp + "address = 239.1.1.1, 239.1.1.2\n"), 1U);
+  EXPECT_EQ(changed(group, group + "sender = 192.0.2.1\n"), 1U);
+  const std::string file = "[a]\nurl = a.pcap\n";
+  EXPECT_EQ(changed(file, file + "speed = 2\n"), 1U);
+  const std::string mesh = "[a]\ndata = cot\nurl = tak://239.2.3.1:6969\n";
+  EXPECT_EQ(changed(mesh, mesh + "cot_aircraft = ME\n"), 1U);
+  EXPECT_EQ(changed("[a]\nurl = srt://h:1\n", "[a]\nurl = srt://h:2\n"), 1U);
 }
 
 TEST(Difference, AllRowsOfCsvHaveTheSameItems) {
@@ -448,6 +692,33 @@ TEST(Difference, TheOriginThatTheHostHasCounts) {
   EXPECT_EQ(difference.changed[1].name, "w");
 }
 
+TEST(Difference, TheInterfaceOfGroupsThatTheHostHasCounts) {
+  const CheckedConfig before{
+      MakeConfig(ParseIni("[s]\ninput = serial\n[u]\ninput = udp\nport = 1\n[v]\ninput = video\n"), "-"), {}};
+  CheckedConfig after = before;
+  after.host.multicastInterface = "eth1";
+  const ConfigDifference difference = Compare(before, after);
+  ASSERT_EQ(difference.changed.size(), 2U);
+  EXPECT_EQ(difference.changed[0].name, "u");
+  EXPECT_EQ(difference.changed[1].name, "v");
+}
+
+TEST(Difference, ASourceOfAnotherKindOrFileIsAnotherOne) {
+  const auto read = [](const std::string& text) { return CheckedConfig{MakeConfig(ParseIni(text), "-"), {}}; };
+  const CheckedConfig before = read(kUdp);
+  for (const char* fresh :
+       {"[b]\ninput = udp\nport = 5000\n", "[a]\ninput = serial\n", "[a]\ninput = udp\nport = 5000\ndata = cot\n",
+        "[a]\ninput = udp\nport = 5000\noutput = a.klv\n"}) {
+    CheckedConfig after = read(fresh);
+    after.config.encoder.capabilities = before.config.encoder.capabilities;
+    const ConfigDifference difference = Compare(before, after);
+    EXPECT_THAT(difference.removed, ElementsAre("a")) << fresh;
+    EXPECT_EQ(difference.added.size(), 1U) << fresh;
+    EXPECT_THAT(difference.changed, IsEmpty()) << fresh;
+    EXPECT_THAT(difference.redirected, IsEmpty()) << fresh;
+  }
+}
+
 // --- relays to names ---------------------------------------------------------------------------------
 
 constexpr char kNamed[] = "[a]\ninput = udp\nport = 5000\nrelay1 = 192.0.2.9:7000\nrelay2 = map.test:7000\n";
@@ -494,6 +765,14 @@ TEST_F(KeeperTest, ASourceWaitsForTheAddressOfARelay) {
   EXPECT_THAT(Lines(), ElementsAre(HasSubstr("5 source a is open after")));
 }
 
+TEST_F(KeeperTest, AnAnswerIsTakenSoonAfterItHasCome) {
+  Start(kNamed);
+  Pass(500ms);
+  m_answer = At({"192.0.2.1"});
+  Pass(50ms);
+  EXPECT_THAT(Calls(), ElementsAre("ask map.test:7000", "open 1"));
+}
+
 TEST_F(KeeperTest, ASourceThatMustNotWaitWaitsForTheAnswerOnce) {
   m_lateAnswer = At({"192.0.2.1"});
   Start(std::string(kNamed) + "retry = no\n");
@@ -508,6 +787,7 @@ TEST_F(KeeperTest, ASourceThatMustNotWaitFailsWithoutAnAnswer) {
   m_keeper.Add(config.sources[0], config.encoder.capabilities);
   EXPECT_NE(m_keeper.OpenAll(m_now), nullptr);
   EXPECT_THAT(Calls(), ElementsAre("ask map.test:7000"));
+  EXPECT_THAT(Lines(), ElementsAre("4 source a waits: the address of map.test is being looked up"));
 }
 
 TEST_F(KeeperTest, ANameIsAskedForAgainOnlyWhenSendingToItFails) {
