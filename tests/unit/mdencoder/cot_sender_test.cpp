@@ -11,7 +11,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <ctime>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "annotated_mutex.h"
@@ -20,6 +23,7 @@
 namespace mdencoder {
 namespace {
 
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -65,6 +69,24 @@ class CotSenderTest : public testing::Test {
   std::vector<std::string> Lines() {
     const common::Lock lock(m_mutex);
     return m_lines;
+  }
+  // Gives messages until the counts are as wanted, for a minute at most.
+  template <typename Condition>
+  static void UpdateUntil(CotSender& sender, Condition isReached) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!isReached(sender.Snapshot()) && std::chrono::steady_clock::now() < end) {
+      sender.Update(Seen());
+      std::this_thread::yield();
+    }
+    EXPECT_TRUE(isReached(sender.Snapshot()));
+  }
+  // Returns the time of day of an attribute, in seconds.
+  static int SecondsOf(const std::string& event, const std::string& attribute) {
+    std::tm time{};
+    const size_t at = event.find(" " + attribute + "=\"");
+    if (at == std::string::npos) return -1;
+    strptime(event.c_str() + at + attribute.size() + 3, "%Y-%m-%dT%H:%M:%S", &time);
+    return static_cast<int>(timegm(&time));
   }
   // Waits for data, and returns it.
   static std::string Receive(int fd) {
@@ -142,7 +164,57 @@ TEST_F(CotSenderTest, APeerThatIsNotThereIsToldOnce) {
   EXPECT_THAT(lines[0], HasSubstr("Connection refused"));
   sender.Finish();
   EXPECT_EQ(sender.Snapshot().sent, 0u);
+  EXPECT_EQ(sender.Snapshot().lost, 2u);
   EXPECT_EQ(Lines().size(), 1u);
+}
+
+TEST_F(CotSenderTest, ADatagramThatNobodyReceivesIsSentAllTheSame) {
+  Open(SOCK_DGRAM);
+  m_socket = common::OwnedFD();
+  CotSender sender(Settings("udp://"), Complain());
+  UpdateUntil(sender, [](const CotSender::Counts& counts) { return counts.sent >= 8; });
+  sender.Finish();
+  EXPECT_EQ(sender.Snapshot().lost, 0u);
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(CotSenderTest, APeerThatHangsUpIsTold) {
+  Open(SOCK_STREAM);
+  CotSender sender(Settings("tcp://"), Complain());
+  const common::OwnedFD peer(accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+  shutdown(peer.Get(), SHUT_WR);
+  EXPECT_THAT(WaitForLines(1).at(0), EndsWith(": the peer has closed the connection"));
+}
+
+TEST_F(CotSenderTest, WhatAPeerSaysIsReadAway) {
+  Open(SOCK_STREAM);
+  CotSender sender(Settings("tcp://"), Complain());
+  const common::OwnedFD peer(accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+  // More than the buffers between them hold.
+  const std::string noise(1 << 20, 'x');
+  for (int i = 0; i < 16; ++i) {
+    for (size_t sent = 0; sent < noise.size();) {
+      const ssize_t taken = send(peer.Get(), noise.data() + sent, noise.size() - sent, MSG_NOSIGNAL);
+      ASSERT_GT(taken, 0);
+      sent += static_cast<size_t>(taken);
+    }
+  }
+  sender.Update(Seen());
+  EXPECT_THAT(Receive(peer.Get()), StartsWith("<?xml"));
+  EXPECT_THAT(Lines(), IsEmpty());
+}
+
+TEST_F(CotSenderTest, AnEventIsValidForThreeOfThem) {
+  Open(SOCK_DGRAM);
+  for (const auto& [rate, seconds] : {std::pair(50.0, 5), {0.5, 6}}) {
+    CotSenderSettings settings = Settings("udp://");
+    settings.rate = rate;
+    CotSender sender(settings, Complain());
+    sender.Update(Seen());
+    const std::string event = Receive(m_socket.Get());
+    Receive(m_socket.Get());
+    EXPECT_EQ(SecondsOf(event, "stale") - SecondsOf(event, "time"), seconds);
+  }
 }
 
 TEST_F(CotSenderTest, APeerThatDoesNotReadCostsEventsOnly) {
@@ -155,6 +227,32 @@ TEST_F(CotSenderTest, APeerThatDoesNotReadCostsEventsOnly) {
   for (int i = 0; i < 1000; ++i) sender.Update(Seen());
   EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(10)) << "nobody waits";
   sender.Finish();
+}
+
+TEST_F(CotSenderTest, WhatWaitsForAPeerIsLimitedAndWhole) {
+  Open(SOCK_STREAM);
+  const int small = 4096;
+  setsockopt(m_socket.Get(), SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+  CotSenderSettings settings = Settings("tcp://");
+  settings.rate = 50000;
+  CotSender sender(settings, Complain());
+  const common::OwnedFD peer(accept4(m_socket.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+  UpdateUntil(sender, [](const CotSender::Counts& counts) { return counts.lost > 0; });
+  EXPECT_THAT(Lines(), IsEmpty());
+  const std::string end = "</event>";
+  std::string text;
+  uint64_t events = 0;
+  // The last message may be on its way still.
+  while (events < sender.Snapshot().sent) {
+    const std::string more = Receive(peer.Get());
+    ASSERT_FALSE(more.empty()) << events << " of " << sender.Snapshot().sent;
+    text += more;
+    events = 0;
+    for (size_t at = text.find(end); at != std::string::npos; at = text.find(end, at + 1)) ++events;
+  }
+  EXPECT_THAT(text, StartsWith("<?xml"));
+  EXPECT_THAT(text, EndsWith(end));
+  EXPECT_THAT(Lines(), IsEmpty());
 }
 
 TEST_F(CotSenderTest, ANameThatIsNoneIsToldOnce) {

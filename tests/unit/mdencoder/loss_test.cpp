@@ -44,6 +44,17 @@ TEST(Kernel, ASocketThatWasReplacedKeepsItsShare) {
   EXPECT_EQ(drops.Of(5000), 12u);
 }
 
+TEST(Kernel, ATableThatIsReadAgainCountsOnce) {
+  KernelDrops drops;
+  drops.Update(kTable, {11});
+  drops.Update(kTable, {11});
+  EXPECT_EQ(drops.Of(5000), 7u);
+  std::string later = kTable;
+  later.replace(later.find(" 7\n"), 3, " 9\n");
+  drops.Update(later, {11});
+  EXPECT_EQ(drops.Of(5000), 9u);
+}
+
 TEST(Kernel, FindsItsOwnSocketsInTheTables) {
   const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   sockaddr_in address{};
@@ -99,6 +110,26 @@ TEST_F(SilenceTest, ASourceThatIsNotOpenIsNotSilent) {
   EXPECT_THAT(m_lines, IsEmpty());
   Look(26, 0);
   EXPECT_THAT(m_lines, ElementsAre("! source a has been silent for 6.0 s"));
+}
+
+TEST_F(SilenceTest, WhatIsClosedWhileItIsSilentIsToldWhenItDelivers) {
+  Look(0, 0);
+  Look(6, 0);
+  Look(10, 0, false);
+  Look(30, 0);
+  Look(60, 0);
+  EXPECT_THAT(m_lines, ElementsAre("! source a has been silent for 6.0 s"));
+  Look(61, 1);
+  EXPECT_THAT(m_lines, ElementsAre("! source a has been silent for 6.0 s", "source a delivers again, after 61.0 s"));
+}
+
+TEST_F(SilenceTest, EachSourceIsSilentByItself) {
+  const auto at = [](int seconds) { return Clock::time_point{} + std::chrono::seconds(seconds); };
+  for (const int seconds : {0, 4, 8}) {
+    m_watch.Look("a", 5, true, 0, at(seconds));
+    m_watch.Look("b", 5, true, static_cast<uint64_t>(seconds), at(seconds));
+  }
+  EXPECT_THAT(m_lines, ElementsAre("! source a has been silent for 8.0 s"));
 }
 
 TEST_F(SilenceTest, WithoutALimitThereIsNone) {

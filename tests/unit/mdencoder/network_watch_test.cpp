@@ -1,21 +1,30 @@
 // SPDX-License-Identifier: Apache-2.0
-// Netlink messages, whole and malformed, and the interface that every machine has.
+// Netlink messages, whole and malformed, and interfaces in networks that the tests make.
 #include "network_watch.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <linux/rtnetlink.h>
+#include <net/if.h>
 #include <netinet/in.h>
+#include <sched.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <iostream>
 #include <span>
+#include <string>
+#include <thread>
 #include <vector>
 
 namespace mdencoder {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
@@ -66,6 +75,76 @@ TEST(Netlink, TheLoopbackInterfaceIsKnown) {
   EXPECT_EQ(InterfaceName(index), "lo");
   EXPECT_EQ(InterfaceFault(index, "lo"), "");
   EXPECT_EQ(InterfaceFault(0, "eth9"), "eth9 is gone");
+}
+
+// Runs a test on a thread with a network of its own, of which only this thread knows.
+void InNetworkOfItsOwn(const std::function<void()>& test) {
+  std::thread thread([&] {
+    if (unshare(CLONE_NEWNET) == 0) {
+      test();
+    } else {
+      std::cerr << "ABSENT: a network of its own - the checks in one are left out\n";
+    }
+  });
+  thread.join();
+}
+
+void Ip(const std::string& command) {
+  EXPECT_EQ(std::system(("ip " + command).c_str()), 0) << command;
+}
+
+TEST(Netlink, AnInterfaceThatIsDownIsNoWay) {
+  InNetworkOfItsOwn([] {
+    in_addr loopback{};
+    loopback.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(InterfaceFault(1, "lo"), "lo is down");
+    EXPECT_EQ(RouteInterface(loopback), 0);
+    Ip("link set lo up");
+    EXPECT_EQ(InterfaceFault(1, "lo"), "");
+    EXPECT_EQ(RouteInterface(loopback), 1);
+    in_addr elsewhere{};
+    elsewhere.s_addr = htonl(0xC0000201);
+    EXPECT_EQ(RouteInterface(elsewhere), 0);
+    Ip("route add default dev lo");
+    EXPECT_EQ(RouteInterface(elsewhere), 1);
+  });
+}
+
+TEST(Netlink, ALinkWhosePeerIsDownHasNoCarrier) {
+  InNetworkOfItsOwn([] {
+    Ip("link add one type veth peer name two");
+    Ip("link set one up");
+    const int index = static_cast<int>(if_nametoindex("one"));
+    // The kernel notices a carrier a moment later.
+    const auto faultBecomes = [index](const std::string& fault) {
+      const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+      while (InterfaceFault(index, "one") != fault && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+      return InterfaceFault(index, "one") == fault;
+    };
+    EXPECT_TRUE(faultBecomes("one has no carrier"));
+    Ip("link set two up");
+    EXPECT_TRUE(faultBecomes(""));
+    NetworkWatch watch;
+    Ip("link del one");
+    EXPECT_THAT(watch.Read().removedLinks, Contains(index));
+    EXPECT_EQ(InterfaceFault(index, "one"), "one is gone");
+  });
+}
+
+// Each command is a change of one kind.
+TEST(Netlink, LinksAddressesAndRoutesAreWatched) {
+  InNetworkOfItsOwn([] {
+    NetworkWatch watch;
+    EXPECT_FALSE(watch.Read().any);
+    for (const char* command : {"link set lo mtu 1400", "addr add 10.9.9.9/24 dev lo", "-6 addr add fd00::9/64 dev lo",
+                                "link set lo up", "route add 10.8.0.0/16 dev lo", "-6 route add fd01::/64 dev lo",
+                                "route del 10.8.0.0/16", "link set lo down"}) {
+      Ip(command);
+      const NetworkChanges changes = watch.Read();
+      EXPECT_TRUE(changes.any) << command;
+      EXPECT_THAT(changes.removedLinks, IsEmpty()) << command;
+    }
+  });
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include "stable_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -42,6 +43,48 @@ TEST_F(StableFile, APauseOfTheWriterIsNotTheEnd) {
   });
   EXPECT_EQ(ReadStable(m_path, 200ms), "first half, second half");
   writer.join();
+}
+
+// The size of a file of this kind says nothing.
+TEST_F(StableFile, WhatNeverFitsItsSizeIsGivenUp) {
+  try {
+    ReadStable("/proc/self/status");
+    FAIL() << "accepted";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "is being written all the time");
+  }
+}
+
+TEST_F(StableFile, ATimeInTheFutureSaysNothing) {
+  Write("text");
+  const auto now = std::filesystem::file_time_type::clock::now();
+  std::filesystem::last_write_time(m_path, now + 1h);
+  EXPECT_EQ(ReadStable(m_path, 1min), "text");
+  std::filesystem::last_write_time(m_path, now - 1h);
+  EXPECT_EQ(ReadStable(m_path, 1min), "text");
+}
+
+TEST_F(StableFile, WithoutAQuietTimeTheOneOfTheWriterDoesNotCount) {
+  Write("text");
+  EXPECT_EQ(ReadStable(m_path), "text");
+  EXPECT_THROW(ReadStable(m_path, 1h), std::runtime_error);
+}
+
+TEST_F(StableFile, APipeIsReadToItsEnd) {
+  ASSERT_EQ(mkfifo(m_path.c_str(), 0600), 0);
+  EXPECT_FALSE(IsRegularFile(m_path));
+  std::thread writer([this] { Write("first half, second half"); });
+  EXPECT_EQ(ReadStable(m_path, 1h), "first half, second half");
+  writer.join();
+}
+
+TEST_F(StableFile, AFolderCannotBeRead) {
+  try {
+    ReadStable(testing::TempDir());
+    FAIL() << "accepted";
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(), "cannot be read");
+  }
 }
 
 TEST_F(StableFile, IsTheOldOrTheNewOneWhenItIsReplaced) {

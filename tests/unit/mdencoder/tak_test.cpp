@@ -197,7 +197,21 @@ TEST(Resolve, AnswersLaterOnAThreadOfItsOwn) {
   ASSERT_TRUE(answer);
   EXPECT_EQ(HostAddressText(answer->addresses.at(0)), "127.0.0.1:7");
   EXPECT_FALSE(resolver.Take());
+  EXPECT_EQ(poll(&set, 1, 0), 0) << "the answer was taken";
   resolver.Ask("192.0.2.1", 7, SOCK_STREAM);  // and nobody waits for the answer
+}
+
+TEST(Resolve, ANewQuestionForgetsAnAnswerThatNobodyTook) {
+  Resolver resolver;
+  pollfd set = {resolver.Descriptor(), POLLIN, 0};
+  for (const char* host : {"192.0.2.1", "192.0.2.2"}) {
+    resolver.Ask(host, 7, SOCK_STREAM);
+    ASSERT_EQ(poll(&set, 1, 60000), 1);
+  }
+  const auto answer = resolver.Take();
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(HostAddressText(answer->addresses.at(0)), "192.0.2.2:7");
+  EXPECT_FALSE(resolver.Take());
 }
 
 // --- Input -------------------------------------------------------------------------------------------
