@@ -352,6 +352,17 @@ TEST_F(KeeperTest, AReloadTriesWhatWaitsAtItsTimeAndWhatChangedAtOnce) {
   EXPECT_THAT(Calls(), ElementsAre("open 1"));
 }
 
+TEST_F(KeeperTest, ASourceThatReturnsIsTriedAtOnce) {
+  const std::string other = "[b]\ninput = udp\nport = 5001\n";
+  m_obstacle = "there is no device";
+  Start(kUdp + other);
+  Apply(other);
+  m_obstacle.clear();
+  Calls();
+  Apply(other + kUdp);
+  EXPECT_THAT(Calls(), ElementsAre("between", "open 2"));
+}
+
 TEST_F(KeeperTest, AReloadThatCannotOpenWhatMustNotWaitFailsTheRun) {
   Start("[b]\ninput = udp\nport = 5001\n");
   m_fake.refuses = true;
@@ -507,6 +518,15 @@ TEST_F(KeeperTest, SourcesOfOneVideoInputAreOpenedAgainTogether) {
   ASSERT_GE(calls.size(), 4U);
   EXPECT_THAT(std::vector<std::string>(calls.begin(), calls.begin() + 4),
               ElementsAre("close 1", "close 2", "open 1", "open 2"));
+}
+
+TEST_F(KeeperTest, AnInputThatIsCapturedAlreadyIsNoObstacle) {
+  Start("[a]\ninput = video\n");
+  Calls();
+  m_obstacle = "the port is in use";
+  Apply("[a]\ninput = video\n[b]\ninput = video\n[c]\ninput = video\ninterface = 1\n");
+  EXPECT_THAT(Calls(), ElementsAre("between", "open 2"));
+  EXPECT_THAT(Lines(), ElementsAre("4 source c waits: the port is in use"));
 }
 
 TEST_F(KeeperTest, ANewConfigurationClosesBeforeItOpens) {
