@@ -11,6 +11,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "config.h"
 #include "http/access.h"
@@ -85,6 +86,7 @@ TEST(Head, OfAnotherFormIsRefused) {
     EXPECT_EQ(StatusOf(std::string(line) + "\r\nHost: a\r\n\r\n"), 400) << line;
   }
   EXPECT_EQ(StatusOf(Get("/" + std::string(kLongestTarget, 'a'))), 414);
+  EXPECT_EQ(StatusOf(Get("/" + std::string(kLongestTarget - 1, 'a'))), 0);
 }
 
 TEST(Head, WithOtherFieldsIsRefused) {
@@ -102,6 +104,7 @@ TEST(Head, WithOtherFieldsIsRefused) {
   std::string many;
   for (size_t i = 0; i < kMostFields; ++i) many += "a: b\r\n";
   EXPECT_EQ(StatusOf(Get("/", many)), 431);
+  EXPECT_EQ(StatusOf(Get("/", many.substr(6))), 0);
   EXPECT_EQ(StatusOf(Get("/", "a: " + std::string(kLongestHead, 'b') + "\r\n")), 431);
 }
 
@@ -151,8 +154,11 @@ TEST(Target, IsDecoded) {
                                  testing::Pair("y", "& z")));
   EXPECT_THROW(ParseTarget("/%g0", query), Refusal);
   std::string many = "/?";
-  for (int i = 0; i < 100; ++i) many += "a&";
-  EXPECT_THROW(ParseTarget(many, query), Refusal);
+  for (int i = 0; i < 64; ++i) many += "a&";
+  Parameters fresh;
+  EXPECT_EQ(ParseTarget(many, fresh), "/");
+  Parameters more;
+  EXPECT_THROW(ParseTarget(many + "a", more), Refusal);
 }
 
 TEST(Query, ReadsWhatIsAllowed) {
@@ -163,6 +169,11 @@ TEST(Query, ReadsWhatIsAllowed) {
   EXPECT_DOUBLE_EQ(query.Real("r", 0, 10, 1), 2.5);
   EXPECT_TRUE(query.Switch("s"));
   EXPECT_FALSE(query.Switch("missing"));
+  const std::vector<std::pair<std::string, bool>> switches = {{"", true}, {"1", true}, {"0", false}, {"no", false}};
+  for (const auto& [text, isOn] : switches) {
+    const Parameters one = {{"s", text}};
+    EXPECT_EQ(Query(one).Switch("s"), isOn) << text;
+  }
   constexpr std::string_view kChoices[] = {"one", "two"};
   EXPECT_EQ(query.Choice("c", kChoices, 0), 1U);
   EXPECT_THROW(query.Finish(), Refusal) << "t was not read";
@@ -218,6 +229,9 @@ TEST(HttpKeys, AreRead) {
 TEST(HttpKeys, ThatMakeNoSenseAreRefused) {
   EXPECT_THAT(FaultOf("http = 0.0.0.0:8080\n"), HasSubstr("without an http_token"));
   EXPECT_THAT(FaultOf("http = 192.0.2.1:8080\n"), HasSubstr("without an http_token"));
+  EXPECT_THAT(FaultOf("http = [::2]:8080\n"), HasSubstr("without an http_token"));
+  EXPECT_EQ(FaultOf("http = 127.255.0.1:8080\n"), "");
+  EXPECT_EQ(FaultOf("http = [::1]:8080\n"), "");
   for (const char* const place :
        {"8080", "127.0.0.1", "127.0.0.1:0", "name:80", "127.0.0.1:70000", "224.0.0.1:80", "::1:80"}) {
     EXPECT_THAT(FaultOf(std::string("http = ") + place + "\n"), HasSubstr("http must be ADDRESS:PORT")) << place;
@@ -226,9 +240,14 @@ TEST(HttpKeys, ThatMakeNoSenseAreRefused) {
   EXPECT_THAT(FaultOf("http = 127.0.0.1:80\nhttp_key = k\n"), HasSubstr("http_key is allowed only with http_cert"));
   EXPECT_THAT(FaultOf("http = 127.0.0.1:80\ntiles_attribution = k\n"), HasSubstr("only with tiles"));
   EXPECT_THAT(FaultOf("http = 127.0.0.1:80\nhttp_host = a:80\n"), HasSubstr("http_host must be"));
+  const std::string host = "http = 127.0.0.1:80\nhttp_host = ";
+  std::string hosts = "a";
+  for (int i = 1; i < 32; ++i) hosts += ",a";
+  EXPECT_EQ(FaultOf(host + hosts + "\n"), "");
+  EXPECT_THAT(FaultOf(host + hosts + ",a\n"), HasSubstr("http_host must be"));
   for (const char* const tiles :
        {"tiles", "ftp://a/{z}/{x}/{y}", "http://a/{z}/{x}", "http://a;b/{z}/{x}/{y}", "http:///{z}/{x}/{y}",
-        "http://{s}.a/{z}/{x}/{y}", "http://a:b/{z}/{x}/{y}", "http://a b/{z}/{x}/{y}"}) {
+        "http://{s}.a/{z}/{x}/{y}", "http://a:b/{z}/{x}/{y}", "http://a/{z}/{x}/{y}\"", "http://a b/{z}/{x}/{y}"}) {
     EXPECT_THAT(FaultOf(std::string("http = 127.0.0.1:80\ntiles = ") + tiles + "\n"), HasSubstr("tiles must be"))
         << tiles;
   }
@@ -239,6 +258,10 @@ TEST(Token, ComesFromAFile) {
   const auto write = [&](const std::string& text) { std::ofstream(path) << text; };
   write(std::string(kToken) + "\r\n");
   EXPECT_EQ(ReadToken(path), kToken);
+  for (const size_t size : {size_t{16}, size_t{256}}) {
+    write(std::string(size, 'a'));
+    EXPECT_EQ(ReadToken(path).size(), size);
+  }
   for (const std::string& text : {std::string("short"), std::string(257, 'a'), std::string("0123456789 abcdef"),
                                   std::string(), std::string("0123456789abcdef\nmore")}) {
     write(text);

@@ -36,6 +36,7 @@ namespace {
 
 using st0601::Builder;
 using st0601::Bytes;
+using testing::AllOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
@@ -352,6 +353,49 @@ TEST(History, KeepsAPointForEachInterval) {
   EXPECT_NEAR(*track[0].heading, 90, 0.01);
 }
 
+TEST(History, KeepsTheNumbersOfAMessageOnly) {
+  History history;
+  const Bytes bytes =
+      Builder().Add(5, Bytes{0xFF}).Add(6, Bytes{0x80, 0}).Add(13, 10.0).Add(14, 7.5).Add(75, 900.0).Finish();
+  history.Add(kTime, st0601::Parse(bytes));
+  EXPECT_TRUE(history.Series(1, 0, 100).empty()) << "a checksum";
+  EXPECT_TRUE(history.Series(5, 0, 100).empty()) << "of a wrong length";
+  EXPECT_TRUE(history.Series(6, 0, 100).empty()) << "out of range";
+  EXPECT_EQ(history.Series(13, kTime, 100).size(), 1U);
+  EXPECT_TRUE(history.Series(13, kTime + 1, 100).empty());
+  ASSERT_EQ(history.Track(kTime, 100).size(), 1U);
+  EXPECT_NEAR(history.Track(kTime, 100)[0].altitude.value_or(0), 900, 1) << "the height above the ellipsoid";
+}
+
+TEST(History, CountsThePointsOfASourceWithoutAPlace) {
+  History history;
+  const Bytes bytes = Builder().Add(5, 90.0).Finish();
+  history.Add(kTime, st0601::Parse(bytes));
+  EXPECT_EQ(history.Points(), 1U);
+  EXPECT_TRUE(history.Track(0, 100).empty());
+}
+
+TEST(History, KnowsNoMoreItemsThanItMay) {
+  History history;
+  Builder first;
+  Builder second;
+  size_t count = 0;
+  std::vector<uint32_t> tags;
+  for (const st0601::Item& item : st0601::Items()) {
+    if (item.kind == st0601::Kind::Checksum || item.min >= item.max) continue;
+    (count++ < History::kItems ? first : second).Add(item.tag, item.min);
+    tags.push_back(item.tag);
+  }
+  ASSERT_GT(count, History::kItems);
+  const Bytes messages[] = {first.Finish(), second.Finish()};
+  history.Add(kTime, st0601::Parse(messages[0]));
+  history.Add(kTime + History::kInterval, st0601::Parse(messages[1]));
+  size_t known = 0;
+  for (const uint32_t tag : tags) known += history.Series(tag, 0, 1).size();
+  EXPECT_LE(known, History::kItems);
+  EXPECT_GT(known, History::kItems / 2);
+}
+
 TEST(History, ForgetsAndThins) {
   History history;
   const Bytes bytes = MessageAt(10);
@@ -453,6 +497,58 @@ TEST_F(EventsTest, CloseAClientThatFallsBehind) {
   EXPECT_FALSE(flow.Next(piece));
 }
 
+TEST_F(EventsTest, OfNoSourceComeWhateverSourcesAreWished) {
+  m_hub.Log(Priority::Notice, "", "said");
+  Push("a", MessageAt(1));
+  EventWishes wishes = FromTheFirst();
+  wishes.sources = {"b"};
+  wishes.rate = 0.001;
+  const std::string text = Read(std::move(wishes));
+  EXPECT_THAT(text, HasSubstr("said"));
+  EXPECT_THAT(text, Not(HasSubstr("event: message")));
+}
+
+TEST_F(EventsTest, OfOtherKindsAreNotThinned) {
+  for (int i = 0; i < 5; ++i) m_hub.Log(Priority::Notice, "", "line " + std::to_string(i));
+  EventWishes wishes = FromTheFirst();
+  wishes.rate = 0.001;
+  const std::string text = Read(std::move(wishes));
+  for (int i = 0; i < 5; ++i) EXPECT_THAT(text, HasSubstr("line " + std::to_string(i)));
+}
+
+TEST_F(EventsTest, BeginWithThoseToComeUnlessSomeWereSeen) {
+  m_hub.Log(Priority::Notice, "", "line 0");
+  m_hub.Log(Priority::Notice, "", "line 1");
+  EXPECT_THAT(Read({}), Not(HasSubstr("line")));
+  EventWishes wishes;
+  wishes.lastId = m_hub.NextId() - 1;
+  EXPECT_THAT(Read(wishes), AllOf(HasSubstr("\"missed\":false"), Not(HasSubstr("line"))));
+  wishes.lastId = m_hub.NextId();
+  EXPECT_THAT(Read(wishes), HasSubstr("\"missed\":true")) << "of another run";
+}
+
+TEST_F(EventsTest, TheNewestMessageComesWhenItsTimeIsThere) {
+  for (int i = 0; i < 50; ++i) Push("a", MessageAt(1, "M" + std::to_string(i)));
+  uint64_t next = 50;
+  while (m_hub.NextId() <= 50) m_hub.Wait(next, 1, Hub::Clock::now() + std::chrono::hours(1));
+  EventWishes wishes = FromTheFirst();
+  wishes.rate = 1000;
+  EventFlow flow(m_hub, std::move(wishes), "run1", nullptr);
+  std::string hello;
+  std::string first;
+  std::string second;
+  std::string last;
+  EXPECT_TRUE(flow.Next(hello));
+  EXPECT_TRUE(flow.Next(first));
+  EXPECT_TRUE(flow.Next(second));
+  EXPECT_THAT(first, AllOf(HasSubstr("\"M0\""), Not(HasSubstr("\"M1\""))));
+  EXPECT_THAT(second, AllOf(HasSubstr("\"M49\""), Not(HasSubstr("\"M48\""))));
+  m_hub.Stop();
+  EXPECT_TRUE(flow.Next(last));
+  EXPECT_THAT(last, StartsWith("event: bye")) << "no message comes twice";
+  EXPECT_FALSE(flow.Next(last));
+}
+
 TEST_F(EventsTest, AreThinnedToTheRateWithTheNewestAtTheEnd) {
   for (int i = 0; i < 50; ++i) Push("a", MessageAt(i, "M" + std::to_string(i)));
   EventWishes wishes = FromTheFirst();
@@ -474,11 +570,14 @@ class RecordingsTest : public testing::Test {
   }
   void TearDown() override { std::filesystem::remove_all(m_folder); }
   void Write(const std::string& name, const std::string& text) const { std::ofstream(m_folder + "/" + name) << text; }
-  // Writes messages a second apart, and returns their number.
+  static std::string Header(bool withHeaders) {
+    return R"({"type":"recording index","version":1,"recording":"x","source":"a","stream_header":)" +
+           std::string(withHeaders ? "true" : "false") + "}\n";
+  }
+  // Writes messages a second apart.
   void Record(const std::string& name, int count, bool withHeaders = false) const {
     std::string file;
-    std::string index = R"({"type":"recording index","version":1,"recording":"x","source":"a","stream_header":)" +
-                        std::string(withHeaders ? "true" : "false") + "}\n";
+    std::string index = Header(withHeaders);
     for (int i = 0; i < count; ++i) {
       const Bytes message = MessageAt(i % 90, "number " + std::to_string(i));
       const std::string header = withHeaders ? std::string("\0\x09\xDF\0\0", 5) : "";
@@ -558,6 +657,60 @@ TEST_F(RecordingsTest, GivePointsThatAreThinned) {
   EXPECT_TRUE(recordings.Points("a.klv", time + int64_t{2000000000}, {}, 5).at("points").empty());
 }
 
+TEST_F(RecordingsTest, AreListedFromTheNewestOn) {
+  for (size_t i = 0; i < Recordings::kMostListed + 1; ++i) Record("r" + std::to_string(i), static_cast<int>(i) + 1);
+  const Json list = Recordings({m_folder}).List().at("recordings");
+  ASSERT_EQ(list.size(), Recordings::kMostListed);
+  EXPECT_EQ(list[0].at("name"), "r200");
+  EXPECT_EQ(list[199].at("name"), "r1");
+}
+
+TEST_F(RecordingsTest, AreNoLinks) {
+  Record("a.klv", 1);
+  std::filesystem::create_symlink("a.klv.json", m_folder + "/b.klv.json");
+  std::filesystem::copy_file(m_folder + "/a.klv", m_folder + "/b.klv");
+  std::filesystem::create_symlink("a.klv", m_folder + "/c.klv");
+  std::filesystem::copy_file(m_folder + "/a.klv.json", m_folder + "/c.klv.json");
+  EXPECT_EQ(Recordings({m_folder}).List().at("recordings").size(), 1U);
+}
+
+TEST_F(RecordingsTest, TellTheTimeStampOfTheirInput) {
+  Record("a.klv", 1);
+  const Bytes message = MessageAt(0, "number 0");
+  std::ofstream(m_folder + "/a.klv.json", std::ios::app)
+      << R"({"offset":0,"length":)" << message.size() << R"(,"time":)" << kTime + 1 << R"(,"timestamp":90000})" << '\n';
+  const Recordings recordings({m_folder});
+  EXPECT_FALSE(recordings.Message("a.klv", 0, std::nullopt, false).contains("timestamp"));
+  EXPECT_EQ(recordings.Message("a.klv", int64_t{1} << 60, std::nullopt, false).at("timestamp"), 90000);
+}
+
+TEST_F(RecordingsTest, DoNotHoldMessagesOfAnyLength) {
+  Record("a.klv", 1, true);
+  const auto status = [&](size_t length) {
+    std::filesystem::resize_file(m_folder + "/a.klv", length);
+    const std::string index = Header(true) + R"({"offset":0,"length":)" + std::to_string(length) + ",\"time\":5}\n";
+    Write("a.klv.json", index);
+    try {
+      Recordings({m_folder}).Message("a.klv", 5, std::nullopt, false);
+    } catch (const Refusal& refusal) {
+      return refusal.status;
+    }
+    return 200;
+  };
+  EXPECT_EQ(status(4), 404) << "shorter than the header";
+  EXPECT_EQ(status(5), 200);
+  EXPECT_EQ(status(Recordings::kLongestMessage), 200);
+  EXPECT_EQ(status(Recordings::kLongestMessage + 1), 404);
+}
+
+TEST_F(RecordingsTest, SurviveALongPieceOfWhatIsNoIndex) {
+  Record("a.klv", 2);
+  std::ofstream(m_folder + "/a.klv.json", std::ios::app) << std::string(6000, 'x') << '\n';
+  const Json list = Recordings({m_folder}).List().at("recordings");
+  ASSERT_EQ(list.size(), 1U);
+  EXPECT_EQ(list[0].at("to_us"), kTime + 1000000);
+}
+
 TEST_F(RecordingsTest, RefuseWhatIsNotThere) {
   Record("a.klv", 3);
   const Recordings recordings({m_folder});
@@ -595,6 +748,110 @@ TEST_F(HubTest, MetricsHaveEveryCountOnce) {
   EXPECT_THAT(text, HasSubstr("metadata_cot_sensors{source=\"a\"} 1\n"));
   EXPECT_THAT(text, HasSubstr("metadata_start_time_seconds 12.5\n"));
   EXPECT_THAT(text, Not(HasSubstr("metadata_kernel_drops_total"))) << "nothing stands without a value";
+}
+
+TEST_F(HubTest, MetricsTellOfTroublesAndOfTheServer) {
+  Json closed = ReportOf("b", 1);
+  closed["state"] = "waiting";
+  auto& relays = closed["statistics"]["relays"];
+  relays.push_back(relays[0]);
+  Snapshot snapshot;
+  snapshot.sources = {ReportOf("a", 1), closed};
+  snapshot.waiting = 17;
+  MetricsInput input{snapshot, {}, {}, "1.0"};
+  EXPECT_THAT(MetricsText(input), HasSubstr("\nmetadata_healthy 1\n"));
+  snapshot.troubles = {"a trouble"};
+  input.hub.taken = 21;
+  input.hub.leftOut = 22;
+  input.server = {31, 32, 33, 34, 35, 36, 37};
+  const std::string text = MetricsText(input);
+  for (const char* const line :
+       {"healthy 0", "queue_messages 17", "page_messages_total 21", "page_left_out_total 22", "http_connections 31",
+        "http_accepted_total 32", "http_turned_away_total 33", "http_requests_total 34", "http_refused_total 35",
+        "http_flows 36", "http_slow_total 37", "source_open{source=\"a\",input=\"udp\",data=\"cot\"} 1",
+        "source_open{source=\"b\",input=\"udp\",data=\"cot\"} 0",
+        "relay_messages_total{source=\"b\",relay=\"2\",destination=\"239.1.1.1:5\"} 2"}) {
+    EXPECT_THAT(text, HasSubstr(std::string("\nmetadata_") + line + "\n")) << text;
+  }
+}
+
+// --- Messages ----------------------------------------------------------------------------------------
+
+TEST(MessageJson, HasWhatIsKnownOfTheMessage) {
+  Delivered plain;
+  plain.source = "a";
+  plain.timeUs = kTime;
+  plain.bytes = MessageAt(1);
+  Json json = MessageJson(plain, ItemForm::Full, false);
+  for (const char* const key : {"id", "timestamp", "presentation", "sequence", "error", "raw"}) {
+    EXPECT_FALSE(json.contains(key)) << key;
+  }
+  EXPECT_EQ(json.at("checksum"), "ok");
+  EXPECT_EQ(json.at("length"), plain.bytes.size());
+  Delivered full;
+  full.id = 5;
+  full.timeStamp = 90000;
+  full.presentation = 1.5;
+  full.sequence = 7;
+  full.bytes = {1, 2, 3};
+  json = MessageJson(full, ItemForm::Full, false);
+  EXPECT_EQ(json.at("id"), 5);
+  EXPECT_EQ(json.at("timestamp"), 90000);
+  EXPECT_EQ(json.at("presentation"), 1.5);
+  EXPECT_EQ(json.at("sequence"), 7);
+  EXPECT_EQ(json.at("st0601"), false);
+  EXPECT_EQ(json.at("raw"), "010203") << "what is no set has no other form";
+  EXPECT_FALSE(MessageJson(full, ItemForm::Compact, true).contains("raw"));
+  EXPECT_FALSE(json.contains("checksum"));
+}
+
+TEST(MessageJson, TellsWhatIsWrong) {
+  Delivered message;
+  message.bytes = MessageAt(1);
+  message.bytes.pop_back();
+  EXPECT_TRUE(MessageJson(message, ItemForm::Compact, false).contains("error"));
+}
+
+TEST(MessageJson, HasTheNumbersTimesCodesAndTextsInItsShortForm) {
+  Delivered message;
+  message.bytes = Builder()
+                      .AddWhole(2, 1000001)
+                      .AddText(3, "M")
+                      .Add(5, 90.0)
+                      .Add(6, Bytes{0x80, 0})
+                      .AddWhole(34, 2)
+                      .Add(48, Bytes{1, 1, 1})
+                      .Add(94, Bytes{1, 2})
+                      .Finish();
+  const Json items = MessageJson(message, ItemForm::Compact, false).at("items");
+  EXPECT_EQ(items.at("2"), 1000001);
+  EXPECT_EQ(items.at("3"), "M");
+  EXPECT_NEAR(items.at("5").get<double>(), 90, 0.01);
+  EXPECT_TRUE(items.at("34").is_string()) << items;
+  for (const char* const tag : {"1", "6", "48", "94"}) EXPECT_FALSE(items.contains(tag)) << tag << items;
+}
+
+TEST(MessageJson, SeesWhereTheSensorLooksAndThePlatformGoes) {
+  Delivered message;
+  message.bytes = Builder().Add(5, 90.0).Add(112, 45.0).Add(18, 30.0).Add(19, -10.0).Add(6, 5.0).Finish();
+  const Json seen = MessageJson(message, ItemForm::None, false).at("seen");
+  EXPECT_NEAR(seen.at("heading").get<double>(), 90, 0.01);
+  EXPECT_NEAR(seen.at("course").get<double>(), 45, 0.01);
+  EXPECT_NEAR(seen.at("azimuth").get<double>(), 120, 0.01);
+  EXPECT_NEAR(seen.at("elevation").get<double>(), -5, 0.01);
+}
+
+TEST(ItemTables, HaveTheRangesOfNumbersOnly) {
+  const Json tables = ItemTablesJson();
+  const Json& items = tables.at("items");
+  EXPECT_EQ(items[4].at("key"), "heading");
+  EXPECT_EQ(items[4].at("kind"), "number");
+  EXPECT_EQ(items[4].at("max"), 360);
+  EXPECT_EQ(items[2].at("kind"), "text");
+  EXPECT_FALSE(items[2].contains("min"));
+  EXPECT_EQ(items[0].at("kind"), "checksum");
+  EXPECT_EQ(items[1].at("kind"), "time");
+  EXPECT_EQ(items[47].at("kind"), "set");
 }
 
 // A stream in which every count is another one.
@@ -785,6 +1042,8 @@ TEST(Assets, AreServedFromTheTableOnly) {
   EXPECT_EQ(answer.body, "");
   EXPECT_EQ(assets.Get("/a/b.js", {}).type, "text/javascript; charset=utf-8");
   EXPECT_EQ(assets.Get("/a/b.js", {}).body, "x");
+  request.knownTag.clear();
+  EXPECT_EQ(assets.Get("/a/b.js", request).body, "x") << "what would not become smaller is not packed";
   for (const char* const path : {"", "/a", "/a/", "/a/b.js/", "/../index.html", "//index.html", "/A/B.JS"}) {
     EXPECT_THROW(assets.Get(path, {}), Refusal) << path;
   }
@@ -804,6 +1063,8 @@ TEST(MovieType, NamesTheCodecAndItsProfile) {
   };
   EXPECT_EQ(type(std::string("xxavcC\x01\x42\xC0\x1F\xFF\0\0\0\0\0\0\0\0", 19)), "video/mp4; codecs=\"avc1.42c01f\"");
   EXPECT_EQ(type(std::string("hvcC\x01\x01\x60\0\0\0\x90\0\0\0\0\0\x5D", 17)), "video/mp4; codecs=\"hvc1.1.6.L93.90\"");
+  EXPECT_EQ(type(std::string("hvcC\x01\x21\x60\0\0\0\x90\0\0\0\0\0\x5D", 17)), "video/mp4; codecs=\"hvc1.1.6.H93.90\"");
+  EXPECT_EQ(type(std::string("avcC\x01\x42\xC0\x1F\xFF\0\0\0\0\0\0\0", 16)), "video/mp4") << "cut off";
   EXPECT_EQ(type("avcC"), "video/mp4");
   EXPECT_EQ(type(""), "video/mp4");
 }
@@ -898,6 +1159,101 @@ TEST_F(ApiTest, RefusesWhatItDoesNotKnow) {
       {"/api/v1/recordings/x/message", {}}};
   for (const auto& [path, query] : bad) EXPECT_EQ(StatusOf(path, query), 400) << path;
   EXPECT_EQ(StatusOf("/api/v1/events", {{"source", "b"}}), 404);
+}
+
+TEST_F(ApiTest, GivesTheLinesOfALevelBehindAnId) {
+  m_hub.Log(Priority::Error, "", "error");
+  m_hub.Log(Priority::Warning, "", "warning");
+  m_hub.Log(Priority::Debug, "", "debug");
+  m_hub.Stop();
+  const auto texts = [&](const Parameters& query) {
+    std::string all;
+    const Json log = Ask("/api/v1/log", query);
+    for (const Json& line : log.at("lines")) all += line.at("text").get<std::string>() + " ";
+    return all;
+  };
+  EXPECT_EQ(texts({}), "error warning debug ");
+  EXPECT_EQ(texts({{"level", "error"}}), "error ");
+  EXPECT_EQ(texts({{"level", "warning"}}), "error warning ");
+  EXPECT_EQ(texts({{"level", "notice"}}), "error warning ");
+  EXPECT_EQ(texts({{"after", std::to_string(m_hub.Lines(0)[0].id)}}), "warning debug ");
+}
+
+TEST_F(ApiTest, GivesEventsAsTheyAreAskedFor) {
+  Push("a", MessageAt(1));
+  Push("a", MessageAt(2));
+  m_hub.Log(Priority::Notice, "", "said");
+  m_hub.Stop();
+  const auto events = [&](const Parameters& query, const std::string& lastEventId = "") {
+    const Api api(m_settings, m_hub, m_assets);
+    Request request;
+    request.path = "/api/v1/events";
+    request.query = query;
+    request.lastEventId = lastEventId;
+    const Answer answer = api.Handle(request, {});
+    EXPECT_EQ(answer.type, "text/event-stream");
+    std::string all;
+    std::string piece;
+    while (answer.flow->Next(piece)) all += piece;
+    return all;
+  };
+  EXPECT_THAT(events({{"last_event_id", "0"}}),
+              AllOf(HasSubstr("event: statistics"), HasSubstr("event: log"), HasSubstr("\"items\":{\"3\":\"M1\"")));
+  EXPECT_THAT(events({}), Not(HasSubstr("event: message")));
+  EXPECT_THAT(events({}, "0"), HasSubstr("event: message"));
+  EXPECT_THAT(events({{"last_event_id", "0"}}, std::to_string(m_hub.NextId() - 1)), Not(HasSubstr("event: message")))
+      << "the browser's own is newer";
+  const std::string only = events({{"last_event_id", "0"}, {"kind", "message"}, {"items", "none"}, {"rate", "0.001"}});
+  EXPECT_THAT(only, AllOf(Not(HasSubstr("event: log")), Not(HasSubstr("event: statistics")), Not(HasSubstr("items"))));
+  EXPECT_EQ(only.find("event: message"), only.rfind("event: message")) << "at that rate the second is not due";
+}
+
+TEST_F(ApiTest, KeepsNothingOfItsAnswersInBrowsers) {
+  const Api api(m_settings, m_hub, m_assets);
+  for (const char* const path : {"/api/v1/info", "/api/v1/sources/a", "/healthz", "/metrics", "/stream/flight.mp4"}) {
+    Request request;
+    request.path = path;
+    const Answer answer = api.Handle(request, {});
+    EXPECT_THAT(answer.fields, testing::Contains(testing::Pair("Cache-Control", "no-store"))) << path;
+  }
+}
+
+TEST_F(ApiTest, AsksForOneMessageOfARecordingAtATime) {
+  for (const Parameters& query : {Parameters{{"time", "1"}, {"at", "1"}}, Parameters{{"time", "-1"}}}) {
+    EXPECT_EQ(StatusOf("/api/v1/recordings/x/message", query), 400);
+  }
+  EXPECT_EQ(StatusOf("/api/v1/recordings/x/message", {{"time", "1"}}), 404);
+}
+
+TEST_F(ApiTest, HistoriesBeginSoManySecondsAgo) {
+  const uint64_t now = static_cast<uint64_t>(
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::system_clock::now().time_since_epoch())
+          .count());
+  Push("a", MessageAt(1), now - 300 * uint64_t{1000000});
+  Push("a", MessageAt(2), now);
+  m_hub.Stop();
+  const auto points = [&](const Parameters& query) {
+    return Ask("/api/v1/sources/a/history", query).at("series")[0].at("points").size();
+  };
+  EXPECT_EQ(points({{"item", "13"}}), 2U);
+  EXPECT_EQ(points({{"item", "13"}, {"seconds", "200"}}), 1U);
+  EXPECT_EQ(points({{"item", "13"}, {"points", "1"}}), 1U);
+  EXPECT_EQ(Ask("/api/v1/sources/a/track", {{"seconds", "200"}}).at("points").size(), 1U);
+  EXPECT_EQ(StatusOf("/api/v1/sources/a/history", {{"item", "13"}, {"points", "3001"}}), 400);
+  EXPECT_EQ(StatusOf("/api/v1/sources/a/history", {{"item", "13"}, {"points", "0"}}), 400);
+}
+
+TEST_F(ApiTest, AMovieThatNeverBeganEnds) {
+  const auto ring = std::make_shared<FragmentRing>();
+  m_settings.streams.ring = [ring](const std::string&) { return ring; };
+  const Api api(m_settings, m_hub, m_assets);
+  Request request;
+  request.path = "/stream/flight.mp4";
+  const Answer answer = api.Handle(request, {});
+  ring->Close();
+  std::string piece = "x";
+  EXPECT_FALSE(answer.flow->Next(piece));
+  EXPECT_EQ(piece, "");
 }
 
 TEST_F(ApiTest, StreamsMoviesUntilTheyEnd) {

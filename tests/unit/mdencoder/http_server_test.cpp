@@ -214,9 +214,9 @@ class ServerTest : public testing::Test {
   }
 
   // Starts the server on a port that nobody has; another program may take it at the same moment.
-  void Start(const std::string& token = "") {
+  void Start(const std::string& token = "", const std::string& at = "127.0.0.1") {
     HttpSettings settings;
-    settings.address = "127.0.0.1";
+    settings.address = at;
     if (!token.empty()) {
       std::ofstream(m_tokenFile) << token;
       settings.token = m_tokenFile;
@@ -232,9 +232,10 @@ class ServerTest : public testing::Test {
       }
     m_server->Start();
   }
-  common::OwnedFD Connect() const {
+  common::OwnedFD Connect(uint32_t host = INADDR_LOOPBACK) const {
     common::OwnedFD fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = Loopback(m_port);
+    sockaddr_in address = Loopback(m_port);
+    address.sin_addr.s_addr = htonl(host);
     EXPECT_EQ(connect(fd.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
     return fd;
   }
@@ -344,6 +345,35 @@ TEST_F(ServerTest, OnlyKnownHostsAreServed) {
   };
   EXPECT_THAT(ask(own), StartsWith("HTTP/1.1 200 "));
   EXPECT_THAT(ask("evil.example"), AllOf(StartsWith("HTTP/1.1 403 "), HasSubstr("http_host adds it")));
+}
+
+TEST_F(ServerTest, TheAddressOnWhichAClientComesInIsAKnownHost) {
+  Start("", "127.0.0.2");
+  const std::vector<std::pair<std::string, std::string>> hosts = {{"127.0.0.2", "200"}, {"127.0.0.3", "403"}};
+  for (const auto& [host, status] : hosts) {
+    const common::OwnedFD client = Connect(INADDR_LOOPBACK + 1);
+    Send(client.Get(), "GET /healthz HTTP/1.1\r\nHost: " + host + "\r\nConnection: close\r\n\r\n");
+    EXPECT_THAT(Read(client.Get()), StartsWith("HTTP/1.1 " + status)) << host;
+  }
+}
+
+TEST_F(ServerTest, WhatABrowserHasIsNotSentAgain) {
+  Start();
+  const std::string page = AskFor("/", "Accept-Encoding: gzip\r\n");
+  EXPECT_THAT(page, HasSubstr("\r\nContent-Encoding: gzip\r\n"));
+  const size_t at = page.find("\r\nETag: ") + 8;
+  const std::string tag = page.substr(at, page.find('\r', at) - at);
+  EXPECT_THAT(AskFor("/", "If-None-Match: " + tag + "\r\n"), StartsWith("HTTP/1.1 304 "));
+}
+
+TEST_F(ServerTest, EventsGoOnBehindTheLastOneThatABrowserHasSeen) {
+  m_hub.Log(Priority::Notice, "", "said");
+  uint64_t next = 2;
+  while (m_hub.NextId() <= 2) m_hub.Wait(next, 1, Hub::Clock::now() + std::chrono::hours(1));
+  Start();
+  const common::OwnedFD client = Connect();
+  Send(client.Get(), Get("/api/v1/events", "Last-Event-ID: 1\r\n"));
+  EXPECT_THAT(Read(client.Get(), "\"said\""), HasSubstr("event: log"));
 }
 
 TEST_F(ServerTest, AHeadHasNoBody) {
