@@ -93,10 +93,11 @@ def message(*pairs):
     return start + struct.pack(">H", checksum(start))
 
 
-def udp_port_open(port):
-    wanted = f":{port:04X} "
-    tables = "".join(pathlib.Path(table).read_text() for table in ("/proc/net/udp", "/proc/net/udp6"))
-    return wanted in tables
+def udp_port_open(port, only_ipv6=False):
+    """Returns whether a source has this port. Of a source's two sockets that of IPv4 is the last one: what is sent to it
+    while there is only the other one is lost."""
+    table = "/proc/net/udp6" if only_ipv6 else "/proc/net/udp"
+    return f":{port:04X} " in pathlib.Path(table).read_text()
 
 
 def udp_sockets(port):
@@ -142,8 +143,8 @@ class EndToEndTest(unittest.TestCase):
         self.processes.append(process)
         return process
 
-    def encoder(self, config, ports=(), host="", arguments=(), format="json"):
-        """Starts mdencoder and waits until the UDP ports are open."""
+    def encoder(self, config, ports=(), host="", arguments=(), format="json", only_ipv6=False):
+        """Starts mdencoder and waits until the UDP ports are open; says so if their sources have addresses of IPv6 alone."""
         (self.folder / "host.ini").write_text(
             f"[serial]\n/dev/ttyPS0 = {self.folder}/serial\n[log]\nconsole = no\nfile = {self.folder}/host.log\n"
             f"level = 5\n{host}\n")
@@ -153,7 +154,7 @@ class EndToEndTest(unittest.TestCase):
             self.folder / "host.ini", "--output-dir", self.folder, "--summary", self.folder / "summary.json",
             "--format", format, *arguments, stdout=self.output("messages.jsonl"), stderr=self.output("encoder.err"),
             env={**os.environ, "TZ": "UTC"})
-        self.wait_for(lambda: all(udp_port_open(port) for port in ports), "the encoder's ports")
+        self.wait_for(lambda: all(udp_port_open(port, only_ipv6) for port in ports), "the encoder's ports")
 
     def feed(self, *arguments, check=True, **more):
         result = subprocess.run([options.feed, *[str(word) for word in arguments]], capture_output=True, text=True,

@@ -184,7 +184,7 @@ class Mesh(TakTest):
     def test_a_group_of_ipv6_on_an_interface(self):
         cable("tak0", "tak1")
         self.encoder("[key]\nurl = tak://[ff02::7]:15970\ndata = cot\ninterface = tak0\n"
-                     "[scope]\nurl = tak://[ff02::8%tak0]:15970\ndata = cot\n", ports=[15970])
+                     "[scope]\nurl = tak://[ff02::8%tak0]:15970\ndata = cot\n", ports=[15970], only_ipv6=True)
         self.wait_for(lambda: harness.udp_sockets(15970) == 2, "the socket of each")
         scope = socket.if_nametoindex("tak1")
         send_group(*self.both("level_flight"), group=("ff02::7", 15970, 0, scope))

@@ -114,7 +114,7 @@ class Udp(EndToEndTest):
         self.check(four=[2], six=[4])
 
     def test_a_link_local_sender(self):
-        self.encoder(self.source("link", "address = fe80::2%udp0"), ports=[PORT])
+        self.encoder(self.source("link", "address = fe80::2%udp0"), ports=[PORT], only_ipv6=True)
         for number, (name, address) in enumerate((("udp1", "fe80::1"), ("udp3", "fe80::3"))):
             with socket.socket(socket.AF_INET6, socket.SOCK_DGRAM) as sending:
                 scope = socket.if_nametoindex(name)
@@ -136,7 +136,7 @@ class Udp(EndToEndTest):
     def test_ffmpeg_sends_to_a_group_of_ipv6(self):
         data = b"".join(klv(number) for number in range(40))
         (self.folder / "in.bin").write_bytes(data)
-        self.encoder(self.source("six", "address = ff02::91\ninterface = udp0"), ports=[PORT])
+        self.encoder(self.source("six", "address = ff02::91\ninterface = udp0"), ports=[PORT], only_ipv6=True)
         size = len(klv(0))
         subprocess.run(["ffmpeg", "-v", "error", "-f", "data", "-raw_packet_size", str(size), "-i", self.folder / "in.bin",
                         "-map", "0", "-c", "copy", "-f", "data",
