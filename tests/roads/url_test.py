@@ -67,7 +67,7 @@ class Url(EndToEndTest):
         """Lets FFmpeg send the flight beside a picture, and returns what was delivered and the counts of the capture."""
         expected = walk(self.flight())
         self.assertEqual(len(expected), 40)
-        self.encoder(f"[cam]\nurl = {url}\n", [15801] if url.startswith(("udp", "rtp")) else [])
+        self.encoder(f"[cam]\nurl = {url}\n", [15801] if url.startswith(("udp", "rtp")) else [], only_ipv6="//[" in url)
         if first:
             self.wait_for(lambda: first in self.errors(), f"the line: {first}")
         self.send_with_picture(*to)

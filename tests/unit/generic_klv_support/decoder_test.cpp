@@ -631,7 +631,7 @@ TEST_F(DecoderTest, ExactClockIsReadWhereTheCoarseOneDoesNotDecide) {
   host().SetWallClock(5000, 995000);
   host().SetCoarseClockLag(10000);
   const Bytes message = WellFormedMessage();
-  int at = 0;
+  size_t at = 30;
   const auto readings = [&](long microseconds) {
     const int before = host().Calls("gettimeofday");
     host().SetWallClock(5000 + (995000 + microseconds) / 1000000, (995000 + microseconds) % 1000000);
@@ -639,8 +639,7 @@ TEST_F(DecoderTest, ExactClockIsReadWhereTheCoarseOneDoesNotDecide) {
     ++at;
     return host().Calls("gettimeofday") - before;
   };
-  Feed(Part(message, at, 30));
-  at = 30;
+  Feed(Part(message, 0, at));
   EXPECT_EQ(readings(0), 0) << "the coarse clock still shows a time before the start";
   EXPECT_EQ(readings(200000), 0);
   EXPECT_EQ(readings(250000), 0);
@@ -649,7 +648,7 @@ TEST_F(DecoderTest, ExactClockIsReadWhereTheCoarseOneDoesNotDecide) {
   EXPECT_EQ(readings(-240000), 1);
   host().FailNext("clock_gettime");
   EXPECT_EQ(readings(0), 1);
-  ExpectState(KLV_STATE_ACQUIRING_DATA, at);
+  ExpectState(KLV_STATE_ACQUIRING_DATA, static_cast<int>(at));
 }
 
 TEST_F(DecoderTest, ClockSetBackCountsAsLate) {
