@@ -113,7 +113,7 @@ Work ScanNoise(bool ours, const Bytes& noise) {
 void RequireSamePlace(Bytes data) {
   data.insert(data.end(), UASDataLinkKey, UASDataLinkKey + kSyncSize);
   int offset = 0;
-  const int matched = ScanForPattern(data.data(), static_cast<int>(data.size()), UASDataLinkKey, kSyncSize, &offset);
+  const UINT matched = ScanForPattern(data.data(), static_cast<int>(data.size()), UASDataLinkKey, kSyncSize, &offset);
   Require(matched == kSyncSize && offset == FloorScan(data.data(), data.size(), UASDataLinkKey, kSyncSize),
           "the places differ");
 }
