@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -26,10 +27,10 @@ class RuntimeTest : public testing::Test {
     m_config.console = false;
     m_config.logLevel = 8;
     EXPECT_TRUE(HostRuntime_Apply(m_config));
-    HostRuntime_OnLog([this](const HostLogLine& line) {
-      const std::lock_guard guard(m_lock);
+    HostRuntime_OnLog([log = m_log](const HostLogLine& line) {
+      const std::lock_guard guard(log->lock);
       EXPECT_NE(line.function, "operator()") << line.text;
-      m_lines.push_back(line);
+      log->lines.push_back(line);
     });
   }
   ~RuntimeTest() override {
@@ -46,8 +47,8 @@ class RuntimeTest : public testing::Test {
   }
 
   std::vector<HostLogLine> Lines() {
-    const std::lock_guard guard(m_lock);
-    return m_lines;
+    const std::lock_guard guard(m_log->lock);
+    return m_log->lines;
   }
   // Returns the texts of a module's lines.
   std::vector<std::string> Texts(const std::string& module = "HOST") {
@@ -75,8 +76,12 @@ class RuntimeTest : public testing::Test {
   HostRuntimeConfig m_config;
 
  private:
-  std::mutex m_lock;
-  std::vector<HostLogLine> m_lines;
+  // A thread of the runtime may be in the middle of a line when the test ends.
+  struct Log {
+    std::mutex lock;
+    std::vector<HostLogLine> lines;
+  };
+  const std::shared_ptr<Log> m_log = std::make_shared<Log>();
   std::string m_folder;
 };
 
