@@ -351,7 +351,13 @@ void ReadRelays(Section& section, SourceSettings& source) {
     if (value == nullptr) continue;
     const auto relay = ParseRelay(*value);
     if (!relay) section.Fail(key, *value, kRelayAllowed);
-    record.Relays[record.nNumOfRelays++] = relay->record;
+    // Field by field: the padding stays zero, so that a reload sees the same relay as the same.
+    MDATA_RELAY_CFG& place = record.Relays[record.nNumOfRelays++];
+    place.usUDPPort = relay->record.usUDPPort;
+    place.iDestAddressFamily = relay->record.iDestAddressFamily;
+    std::copy(std::begin(relay->record.acDestAddress), std::end(relay->record.acDestAddress), place.acDestAddress);
+    place.IpTOS = relay->record.IpTOS;
+    place.IpTTL = relay->record.IpTTL;
     source.relayKeys.push_back(key);
     source.relayHosts.push_back(relay->host);
     std::string& interface = source.reception.relayInterface;

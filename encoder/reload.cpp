@@ -91,8 +91,8 @@ bool IsSameOrigin(const SourceSettings& source, const HostRuntimeConfig& a, cons
   }
 }
 
-// The records are zeroed before they are filled, and a difference of padding would only open a source again. A source
-// with a url has any free video input.
+// The records are zeroed before they are filled, field by field, so that their padding is the same. A source with a url has any
+// free video input.
 bool IsSameRecord(const SourceSettings& running, const SourceSettings& fresh) {
   const MDATA_SRC_CFG& a = running.record;
   MDATA_SRC_CFG b = fresh.record;
