@@ -90,7 +90,7 @@ void AddHostFiles(const CheckSubject& subject, std::vector<FileUse>& uses) {
     const HostCaptureConfig& capture = host.captures.at(static_cast<size_t>(i));
     if (!IsInputUsed(subject.config, i)) continue;
     const KeyPlace place = {file, "capture" + std::to_string(i), "path"};
-    const bool isUrl = capture.path.find("://") != std::string::npos;
+    const bool isUrl = stream_url::IsUrl(capture.path);
     if (capture.kind == HostCaptureConfig::Kind::Media && !isUrl) uses.push_back({place, capture.path});
     if (capture.kind != HostCaptureConfig::Kind::Socket) continue;
     uses.push_back({place, capture.path, FileUse::Kind::Socket});

@@ -19,10 +19,13 @@ constexpr auto kTickInterval = std::chrono::seconds(1);
 
 }  // namespace
 
-Receiver::Receiver(size_t capacity, decltype(&MetaData_ReleaseBuffer) release, Handler handler, Tick tick)
-    : m_release(release), m_handler(std::move(handler)), m_tick(std::move(tick)), m_ring(capacity), m_thread([this] {
-        Run();
-      }) {}
+Receiver::Receiver(size_t capacity, size_t reserve, decltype(&MetaData_ReleaseBuffer) release, Handler handler,
+                   Tick tick)
+    : m_release(release),
+      m_handler(std::move(handler)),
+      m_tick(std::move(tick)),
+      m_ring(capacity, reserve),
+      m_thread([this] { Run(); }) {}
 
 Receiver::~Receiver() {
   Finish();
@@ -39,11 +42,17 @@ bool Receiver::Push(MDATA_BUFFER* buffer, Source& source) {
   __atomic_add_fetch(&buffer->nRefCount, 1, __ATOMIC_RELAXED);
   if (!m_hasPriority) TakePriority();
   const Kept kept = {buffer, &source, timeUs};
-  const bool taken = m_ring.Push(kept) || (m_ring.WaitForRoom(kLongestWait) && m_ring.Push(kept));
+  const bool taken = Queue(kept);
   if (!taken) __atomic_sub_fetch(&buffer->nRefCount, 1, __ATOMIC_RELAXED);  // the library still has its own
   source.Saw(timeUs, headerLength);
   source.Arrived(sequence, length, taken);
   return taken;
+}
+
+bool Receiver::Queue(const Kept& kept) {
+  if (m_ring.Push(kept)) return true;
+  if (kept.source->WaitsForRoom() && m_ring.PushIntoReserve(kept)) return true;
+  return m_ring.WaitForRoom(kLongestWait) && m_ring.Push(kept);
 }
 
 // A recorder of lower priority gets what this thread leaves over, and the more there is to record the less that is. On the

@@ -2,8 +2,10 @@
 // Passes buffers from the ready callback to the recorder's thread, in a bounded queue without a lock.
 //
 // The callback adds a reference and an entry, or refuses the message if the queue is full. It waits for nobody, except
-// that a full queue gives a recorder that is at work at most 2 ms to make room. The recorder has the priority of the
-// metadata thread, handles messages in batches and releases their references.
+// that a full queue gives a recorder that is at work at most 2 ms to make room. Files and replays look at the room before
+// they send, but not all at once: what was on its way when the last place went has places in reserve, so that nothing of a
+// file is lost. The recorder has the priority of the metadata thread, handles messages in batches and releases their
+// references.
 #ifndef MDENCODER_RECEIVER_H
 #define MDENCODER_RECEIVER_H
 
@@ -37,7 +39,8 @@ class Receiver {
   using Handler = std::function<void(const Received&)>;
   using Tick = std::function<void()>;  // called every second, also without messages
 
-  Receiver(size_t capacity, decltype(&MetaData_ReleaseBuffer) release, Handler handler, Tick tick);
+  // `reserve` is how many messages of sources that wait for room are kept beyond the capacity.
+  Receiver(size_t capacity, size_t reserve, decltype(&MetaData_ReleaseBuffer) release, Handler handler, Tick tick);
   // Handles the remaining messages and ends the thread. Every source must be closed before.
   ~Receiver();
   Receiver(const Receiver&) = delete;
@@ -46,7 +49,7 @@ class Receiver {
   // Queues a message of `source`, or refuses it. Called by the ready callback on the metadata thread. Returns true if
   // the message was queued.
   bool Push(MDATA_BUFFER* buffer, Source& source);
-  // Returns how many messages fit into the queue now. Any thread may call it.
+  // Returns how many messages fit into the queue now, without the reserve. Any thread may call it.
   size_t Room() const { return m_ring.Room(); }
   // Handles the remaining messages and ends the thread.
   void Finish();
@@ -58,6 +61,7 @@ class Receiver {
     uint64_t timeUs;
   };
 
+  bool Queue(const Kept& kept);
   void TakePriority();
   void Run();
   void Handle(const Kept& kept) const;

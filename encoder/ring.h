@@ -25,24 +25,19 @@ namespace mdencoder {
 template <typename Entry>
 class Ring {
  public:
-  // Holds exactly so many entries; the memory is taken now.
-  explicit Ring(size_t capacity) : m_capacity(capacity), m_mask(std::bit_ceil(capacity) - 1), m_entries(m_mask + 1) {}
+  // Holds exactly `capacity` entries of Push, and `reserve` more of PushIntoReserve; the memory is taken now.
+  explicit Ring(size_t capacity, size_t reserve = 0)
+      : m_capacity(capacity),
+        m_reserve(reserve),
+        m_mask(std::bit_ceil(capacity + reserve) - 1),
+        m_entries(m_mask + 1) {}
   Ring(const Ring&) = delete;
   Ring& operator=(const Ring&) = delete;
 
   // Writer: adds an entry, or returns false if there is no place. Never waits.
-  bool Push(const Entry& entry) {
-    const size_t end = m_end.load(std::memory_order_relaxed);
-    if (end - m_seenBegin >= m_capacity) {
-      m_seenBegin = m_begin.load(std::memory_order_acquire);
-      if (end - m_seenBegin >= m_capacity) return false;
-    }
-    m_entries[end & m_mask] = entry;
-    // In one order with m_asleep: either the reader sees the entry before it sleeps, or this thread sees that it does.
-    m_end.store(end + 1, std::memory_order_seq_cst);
-    if (m_asleep.load(std::memory_order_seq_cst) != 0) Wake(m_asleep);
-    return true;
-  }
+  bool Push(const Entry& entry) { return PushWithin(entry, m_capacity); }
+  // Writer: the same for an entry that was under way before its sender saw that no place is left.
+  bool PushIntoReserve(const Entry& entry) { return PushWithin(entry, m_capacity + m_reserve); }
 
   // Writer, after a Push in vain: returns true when half of the places are free, and false when the time is over. While
   // the reader does not move at all, only the first call waits.
@@ -78,7 +73,7 @@ class Ring {
     m_asleep.store(0, std::memory_order_relaxed);
   }
 
-  // Returns how many entries fit now. Any thread may call it.
+  // Returns how many entries fit now without the reserve. Any thread may call it.
   size_t Room() const {
     const size_t begin = m_begin.load(std::memory_order_acquire);  // before the end, which is never behind it then
     const size_t used = m_end.load(std::memory_order_acquire) - begin;
@@ -97,6 +92,19 @@ class Ring {
   static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t), "the kernel reads the flags");
   static constexpr size_t kCacheLine = 64;
 
+  bool PushWithin(const Entry& entry, size_t places) {
+    const size_t end = m_end.load(std::memory_order_relaxed);
+    if (end - m_seenBegin >= places) {
+      m_seenBegin = m_begin.load(std::memory_order_acquire);
+      if (end - m_seenBegin >= places) return false;
+    }
+    m_entries[end & m_mask] = entry;
+    // In one order with m_asleep: either the reader sees the entry before it sleeps, or this thread sees that it does.
+    m_end.store(end + 1, std::memory_order_seq_cst);
+    if (m_asleep.load(std::memory_order_seq_cst) != 0) Wake(m_asleep);
+    return true;
+  }
+
   bool HasRoom(size_t begin) const { return m_end.load(std::memory_order_relaxed) - begin <= m_capacity / 2; }
 
   // Sleeps while the flag is set, at most so long.
@@ -111,6 +119,7 @@ class Ring {
   }
 
   const size_t m_capacity;
+  const size_t m_reserve;
   const size_t m_mask;
   std::vector<Entry> m_entries;
   alignas(kCacheLine) std::atomic<size_t> m_end{0};       // counts entries; changed by the writer

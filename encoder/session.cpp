@@ -75,6 +75,7 @@ void EndAtOnce(int number) {
 constexpr auto kLookInterval = std::chrono::milliseconds(250);
 constexpr auto kDropsInterval = std::chrono::seconds(1);
 constexpr auto kPageInterval = std::chrono::seconds(1);
+constexpr size_t kSourcesOfReserve = 16;         // at least, because a reload may add some
 constexpr double kLongestSilence = 10;           // of the metadata thread, in seconds, which gives a sign every second
 constexpr double kShortestStatusInterval = 0.1;  // reading statistics takes the lock of serial reception
 
@@ -292,7 +293,8 @@ int Session::Run() {
     TakeRedirections();
     std::erase_if(m_unflushed, [](Source* source) { return source->FlushOutput(); });
   };
-  m_receiver = std::make_unique<Receiver>(m_config.encoder.queue, m_library.releaseBuffer, handle, flush);
+  const size_t reserve = Source::kMostUnderWay * std::max(m_keeper.Sources().size(), kSourcesOfReserve);
+  m_receiver = std::make_unique<Receiver>(m_config.encoder.queue, reserve, m_library.releaseBuffer, handle, flush);
   m_times.startUs = WallClockUs();
   m_start = Clock::now();
   if (!m_presentation.header.empty()) m_console.Line(m_presentation.header);

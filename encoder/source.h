@@ -102,6 +102,12 @@ class Source {
   void CloseOutput();
   bool IsRecorded() const { return m_recording != nullptr; }
 
+  // Sets whether its messages come only while there is room for them, except for those that are on their way when the
+  // room ends: at most kMostUnderWay. Call it while the source is not open.
+  void SetWaitsForRoom(bool waits) { m_waitsForRoom = waits; }
+  bool WaitsForRoom() const { return m_waitsForRoom; }  // metadata thread
+  static constexpr size_t kMostUnderWay = 66;  // 48 of a capture or 64 of a feed, and those in the library's hands
+
   // Expects the sequence numbers of a new opening. Call it while the source is not open.
   void Restart() { m_sequence.Restart(); }
 
@@ -123,8 +129,9 @@ class Source {
   std::shared_ptr<CotSender> m_cotSender;
   uint64_t m_formerCotSent = 0;  // of senders that were replaced; under the lock
   uint64_t m_formerCotLost = 0;
-  uint64_t m_cotUpdateUs = 0;  // recorder's thread: arrival of the message that was last given to it
-  bool m_isUnflushed = false;  // recorder's thread
+  uint64_t m_cotUpdateUs = 0;   // recorder's thread: arrival of the message that was last given to it
+  bool m_isUnflushed = false;   // recorder's thread
+  bool m_waitsForRoom = false;  // metadata thread, once the source is open
   SequenceWatch m_sequence;
   std::atomic<uint64_t> m_messages{0};
   std::atomic<uint64_t> m_bytes{0};

@@ -22,6 +22,7 @@
 #include "ini_file.h"
 #include "relay_graph.h"
 #include "relay_names.h"
+#include "stream_url.h"
 
 namespace mdencoder {
 namespace {
@@ -272,6 +273,7 @@ bool SourceKeeper::TryOpen(Entry& entry, Clock::time_point now) {
   record.pvUserParam1 = &entry.tap;
   entry.place = entry.settings.retry ? m_reach.locate(entry.settings, m_host) : Place{};
   entry.source.Restart();
+  entry.source.SetWaitsForRoom(WaitsForRoom(entry.settings));
   HMDATASRC handle = nullptr;
   HostReception reception = entry.settings.reception;
   if (record.enInputType == MDATA_INPUT_NETWORK) {
@@ -551,6 +553,14 @@ size_t SourceKeeper::RoomOfOne() const {
   const size_t room = m_captures.room ? m_captures.room() : 1;
   const size_t feeding = std::max(m_feeding.load(), kSharing);
   return room == 0 ? 0 : std::max(room * kSharing / feeding, size_t{1});
+}
+
+// A replay and a feed send only what there is room for, and so does the host with a file; a network does not ask.
+bool SourceKeeper::WaitsForRoom(const SourceSettings& settings) const {
+  if (settings.replay || IsFed(settings)) return true;
+  if (settings.record.enInputType != MDATA_INPUT_VIDEO) return false;
+  const HostCaptureConfig& capture = CaptureOf(settings, m_host);
+  return capture.kind == HostCaptureConfig::Kind::Media && !stream_url::IsLive(capture.path);
 }
 
 // Opens the stream of a source that is fed. Returns false if it cannot be opened.

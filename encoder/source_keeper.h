@@ -150,6 +150,7 @@ class SourceKeeper {
   bool IsInputFree(const Entry& entry, int32_t input) const;
   HostCaptureState CaptureState(const Entry& entry) const;
   Health HealthOf(const Entry& entry) const;
+  bool WaitsForRoom(const SourceSettings& settings) const;
   void LookAtCaptures(Clock::time_point now);
   uint16_t LibraryPort(const Entry& entry) const;
   bool HasAddresses(Entry& entry, Clock::time_point now);

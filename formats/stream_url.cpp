@@ -30,6 +30,10 @@ bool IsUrl(const std::string& text) {
   return text.find(kMark) != std::string::npos;
 }
 
+bool IsLive(const std::string& path) {
+  return IsUrl(path) || path.ends_with(".sdp");
+}
+
 std::string Scheme(const std::string& text) {
   const size_t mark = text.find(kMark);
   return mark == std::string::npos ? std::string() : text.substr(0, mark);

@@ -9,7 +9,8 @@
 
 namespace stream_url {
 
-bool IsUrl(const std::string& text);          // has a scheme: "srt://..."
+bool IsUrl(const std::string& text);   // has a scheme: "srt://..."
+bool IsLive(const std::string& path);  // a URL, or an SDP file, which describes a stream; else a file that is played
 std::string Scheme(const std::string& text);  // "srt", or "" if it is no URL
 
 // The local end of a udp:// or rtp:// URL.

@@ -25,17 +25,12 @@ namespace {
 
 constexpr int64_t kSecond = 1'000'000'000;
 
-// An SDP file describes a stream.
-bool IsLive(const std::string& path) {
-  return stream_url::IsUrl(path) || path.ends_with(".sdp");
-}
-
 class MediaBackend : public CaptureBackend {
  public:
   explicit MediaBackend(HostCaptureConfig config)
       : m_config(std::move(config)),
         m_name(stream_url::Shown(m_config.path)),
-        m_isLive(IsLive(m_config.path)),
+        m_isLive(stream_url::IsLive(m_config.path)),
         m_playback(m_name, m_isLive, m_config.speed) {}
 
   bool Open(CaptureQueue& queue) override {

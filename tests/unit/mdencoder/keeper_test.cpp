@@ -920,6 +920,36 @@ TEST_F(KeeperTest, EverythingIsPlayedWhenEveryFileIs) {
   EXPECT_FALSE(m_keeper.AllPlayed());
 }
 
+TEST_F(KeeperTest, OnlyFilesReplaysAndWhatIsFedWaitForRoom) {
+  Start(
+      "[file]\nurl = a.ts\n[sdp]\nurl = a.sdp\n[live]\nurl = srt://camera:9000\n[more]\nurl = b.ts\n"
+      "[fed]\nurl = c.ts\n[net]\ninput = udp\nport = 5000\n");
+  const auto waiting = [this] {
+    std::vector<std::string> names;
+    for (const Source* source : m_keeper.Sources()) {
+      if (source->WaitsForRoom()) names.push_back(source->Name());
+    }
+    return names;
+  };
+  EXPECT_THAT(waiting(), ElementsAre("file", "more", "fed"));
+  Apply(
+      "[file]\nurl = srt://camera:9001\n[sdp]\nurl = a.sdp\n[live]\nurl = l.ts\n[more]\nurl = b.ts\n"
+      "[fed]\nurl = c.ts\n[net]\ninput = udp\nport = 5000\n");
+  EXPECT_THAT(waiting(), ElementsAre("live", "more", "fed"));
+  m_keeper.CloseAll();
+  HostRuntimeConfig host;
+  host.captures[0].kind = HostCaptureConfig::Kind::Media;
+  host.captures[0].path = "d.klv";
+  host.captures[1].kind = HostCaptureConfig::Kind::Anc;
+  const auto own = Read("[own]\ninput = video\n[anc]\ninput = video\ninterface = 1\n").sources;
+  ConfigDifference difference;
+  difference.added = own;
+  for (const SourceSettings& source : own) m_keeper.Add(source, 0);
+  m_keeper.Apply(
+      difference, host, [] {}, m_now);
+  EXPECT_THAT(waiting(), ElementsAre("live", "more", "fed", "own"));
+}
+
 // --- sources whose url has no video input ------------------------------------------------------------
 
 constexpr char kFour[] =

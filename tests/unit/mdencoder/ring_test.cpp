@@ -30,6 +30,28 @@ TEST(Ring, HoldsExactlySoManyInTheirOrder) {
   }
 }
 
+TEST(Ring, TheReserveTakesWhatWasUnderWayAndIsNoRoom) {
+  Ring<int> ring(2, 2);
+  EXPECT_EQ(ring.Room(), 2U);
+  EXPECT_TRUE(ring.Push(0));
+  EXPECT_TRUE(ring.Push(1));
+  EXPECT_FALSE(ring.Push(99));
+  EXPECT_TRUE(ring.PushIntoReserve(2));
+  EXPECT_TRUE(ring.PushIntoReserve(3));
+  EXPECT_FALSE(ring.PushIntoReserve(99));
+  EXPECT_EQ(ring.Room(), 0U);
+  EXPECT_FALSE(ring.Push(99)) << "the reserve is full, too";
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_FALSE(ring.Push(99)) << "two may wait";
+    ASSERT_FALSE(ring.Front(1).empty());
+    EXPECT_EQ(ring.Front(1).front(), i);
+    ring.Discard(1);
+    EXPECT_EQ(ring.Room(), i < 2 ? 0U : static_cast<size_t>(i) - 1);
+    if (ring.Room() > 0) break;
+  }
+  EXPECT_TRUE(ring.Push(4));
+}
+
 TEST(Ring, NothingIsLostOrTurnedRoundBetweenTwoThreads) {
   constexpr int kCount = 300000;
   Ring<int> ring(64);
