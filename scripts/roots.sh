@@ -17,6 +17,8 @@ make_bare_root() {
   debootstrap --variant=minbase --cache-dir="$2" "$suite" "$1" "$(mirror)" >"$1.debootstrap.log" 2>&1 ||
     die "debootstrap failed; see $1.debootstrap.log"
   cp --dereference /etc/resolv.conf "$1/etc/resolv.conf"
+  # Every installed machine and every container has it, and Selenium finds the browser by this name.
+  printf '127.0.0.1 localhost\n::1 localhost ip6-localhost ip6-loopback\n' >"$1/etc/hosts"
   apt-config dump | grep -E '^Acquire::(http|https|ftp)::' >"$1/etc/apt/apt.conf.d/90machine" || true
 }
 
