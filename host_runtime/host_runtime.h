@@ -181,7 +181,8 @@ bool HostRuntime_SetCapture(int input, const HostCaptureConfig& config);
 
 // Sets what tells how many messages the program can take at the moment. Files wait for that, so that nothing of them is
 // lost however fast they are played. It is called on the threads of the captures and must not wait. Without it the
-// queues of the captures are the limit.
+// queues of the captures are the limit. Each capture asks for itself, and may have 48 packets under way when the answer
+// becomes 0: the program keeps room for them.
 void HostRuntime_OnRoom(std::function<size_t()> room);
 
 struct HostCaptureState {
