@@ -133,7 +133,7 @@ Bytes Beginnings() {
   return noise;
 }
 
-const bool kAdded[] = {
+const bool kBytesAdded[] = {
     AddSum("checksum_257", OurChecksum, FloorChecksum, 257),
     AddSum("checksum_64k", OurChecksum, FloorChecksum, 65535),
     AddSum("checksum_7", OurChecksum, FloorChecksum, 7),

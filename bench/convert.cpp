@@ -21,7 +21,7 @@
 namespace bench {
 namespace {
 
-volatile double g_sink = 0;
+volatile double g_sum = 0;
 
 constexpr int kPairDeltaUs = 100'000;  // half the distance of two pairs
 
@@ -71,7 +71,7 @@ Work ConvertFloor(const std::vector<EventPair>& pairs, const char* zone) {
               const FloorFields fields = FloorEvents(pair.aircraft, pair.sensorPoint);
               sum += fields.numbers + static_cast<double>(fields.textBytes);
             }
-            g_sink = sum;
+            g_sum = sum;
           },
           static_cast<double>(pairs.size()), 2};
 }
@@ -84,7 +84,7 @@ bool AddConvert(const std::string& name, std::size_t eventSize, const char* zone
 // --- Hostile events ------------------------------------------------------------------------------------
 
 constexpr std::size_t kLargestEvent = 44'000;  // what a frame of the serial link can hold
-constexpr int kQuietLevel = 2;                 // a field that is missing is logged at 3
+constexpr int kLevelOfErrors = 2;              // a field that is missing is logged at 3
 
 std::size_t Size(const std::vector<EventPair>& pairs) {
   std::size_t size = 0;
@@ -107,7 +107,7 @@ std::string LongTags(const std::string& filler) {
 
 Work ConvertHostile(const std::string& filler) {
   SetZone("UTC");
-  UseLibrary(kQuietLevel);
+  UseLibrary(kLevelOfErrors);
   const std::string event = LongTags(filler);
   return {[event] {
             HCONVERTER converter = nullptr;
@@ -120,7 +120,7 @@ Work ConvertHostile(const std::string& filler) {
 
 Work ConvertOrdinary() {
   Work work = ConvertOurs(EventPairs(0), "UTC");
-  UseLibrary(kQuietLevel);
+  UseLibrary(kLevelOfErrors);
   work.units = static_cast<double>(Size(EventPairs(0)));
   return work;
 }
@@ -204,7 +204,7 @@ Work LoadFloor(Read read, const GridFile& (*file)()) {
   return {[=] {
             auto* values = static_cast<float*>(malloc(kGridValues * sizeof(float)));
             Require(values != nullptr && read(path, values, kGridValues) == 0, "the grid was not read");
-            g_sink = static_cast<double>(values[kGridValues - 1]);
+            g_sum = static_cast<double>(values[kGridValues - 1]);
             free(values);
           },
           kGridValues, 1};
@@ -215,7 +215,7 @@ bool AddLoad(const std::string& name, Read read, const GridFile& (*file)()) {
   return Add(name + "/floor", [=] { return LoadFloor(read, file); });
 }
 
-const bool kAdded[] = {
+const bool kConvertAdded[] = {
     AddConvert("convert_pair", 0, nullptr),
     AddConvert("convert_pair_tz", 0, "UTC"),
     AddConvert("convert_pair_16k", 16'000, nullptr),

@@ -97,7 +97,6 @@ bool AddHostile(const std::string& name, const Decoder& decoder, Bytes (*makePer
 
 // --- KLV ---------------------------------------------------------------------------------------------
 
-constexpr std::size_t kKeySize = 16;
 constexpr std::uint8_t kUasDesignator = 0x0B;
 
 // A key whose sixth byte is a registry designator, with a length of two bytes, and what follows.
@@ -214,7 +213,7 @@ Bytes NestedCotBlocks() {
   return header;
 }
 
-const bool kAdded[] = {
+const bool kHostileAdded[] = {
     AddHostile("klv_nested_keys", kKlv, NestedKeys, kQuietLevel),
     AddHostile("klv_nested_items", kKlv, NestedItems, kQuietLevel),
     AddHostile("klv_nested_sums", kKlv, NestedSums, kQuietLevel),

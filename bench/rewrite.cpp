@@ -15,11 +15,9 @@
 namespace bench {
 namespace {
 
-constexpr int kKeySize = 16;
-
 int HeaderSize(const Bytes& message) {
   const int first = message[kKeySize];
-  return kKeySize + 1 + (first < 0x80 ? 0 : first - 0x80);
+  return static_cast<int>(kKeySize) + 1 + (first < 0x80 ? 0 : first - 0x80);
 }
 
 Work RewriteOurs(const std::vector<Bytes>& messages, Filter filter) {
@@ -73,7 +71,7 @@ bool AddRewrite(const std::string& name, const std::vector<Bytes>& (*messages)()
   return Add(name + "/floor", [=] { return RewriteFloor(messages(), filter); });
 }
 
-const bool kAdded[] = {
+const bool kRewriteAdded[] = {
     AddRewrite("rewrite_flight", FlightMessages, Filter::All),
     AddRewrite("rewrite_flight_gaps", FlightMessages, Filter::EveryOther),
     AddRewrite("rewrite_200_items", LongMessages, Filter::All),

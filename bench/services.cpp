@@ -158,7 +158,7 @@ bool AddSelect(const std::string& name, int count) {
   return Add(name + "/floor", [=] { return SelectFloor(count); });
 }
 
-const bool kAdded[] = {
+const bool kServicesAdded[] = {
     AddBuffer("buffer", 259),      AddBuffer("buffer_1", 1),          AddBuffer("buffer_64k", 65'536),
     AddMailbox("mailbox", 1),      AddMailbox("mailbox_queued", 100), AddSelect("select_1_of_16", 16),
     AddSelect("select_1_of_1", 1),

@@ -84,7 +84,7 @@ bool AddCot(const std::string& name, std::size_t chunk) {
   return Add(name + "/floor", [] { return DecodeFloor(FloorCotStream, CotFrames()); });
 }
 
-const bool kAdded[] = {
+const bool kStreamsAdded[] = {
     AddKlv("serial_klv_4096", FlightMessages, 4096),
     AddKlv("serial_klv_48", FlightMessages, 48),
     AddKlv("serial_klv_24", FlightMessages, 24),

@@ -23,7 +23,6 @@ namespace {
 constexpr int kMessages = 407;
 constexpr std::int64_t kStartUs = 1'714'557'600'000'000;  // 2024-05-01 10:00 UTC
 constexpr std::int64_t kStepUs = 200'000;
-constexpr std::size_t kKeySize = 16;
 constexpr std::uint8_t kChecksumItem[] = {1, 2, 0, 0};
 
 std::size_t MessageSize(const Bytes& stream, std::size_t at) {

@@ -4,6 +4,7 @@
 #ifndef BENCH_TRAFFIC_H
 #define BENCH_TRAFFIC_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,6 +15,8 @@
 namespace bench {
 
 using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::size_t kKeySize = 16;
 
 // Takes the generated flight even where the recorded one is present: instruction counts must not depend on that. Before
 // the first message is asked for.

@@ -78,7 +78,7 @@ bool HasIPv6() {
 }
 
 // Returns "", or why no group can be joined on the interface.
-std::string InterfaceFault(const std::string& name) {
+std::string GroupInterfaceFault(const std::string& name) {
   ifreq request{};
   if (name.size() >= sizeof(request.ifr_name)) return std::strerror(ENODEV);
   std::memcpy(request.ifr_name, name.data(), name.size());
@@ -196,7 +196,7 @@ void CheckPort(const Reception& reception) {
 
 void CheckGroup(const Reception& reception, const std::string& interface) {
   if (!reception.interface.empty()) {
-    const std::string fault = InterfaceFault(reception.interface);
+    const std::string fault = GroupInterfaceFault(reception.interface);
     if (fault.empty()) return;
     Refuse({reception.place.file, reception.place.section, "interface"}, reception.interface, "an interface that is up",
            fault);
@@ -304,7 +304,7 @@ void CheckNetwork(const CheckSubject& subject) {
   const std::vector<Reception> receptions = ReceptionsOf(subject);
   const std::string& interface = subject.host.multicastInterface;
   if (!interface.empty()) {
-    const std::string fault = InterfaceFault(interface);
+    const std::string fault = GroupInterfaceFault(interface);
     if (!fault.empty()) {
       Refuse({subject.config.encoder.hostConfig, "network", "multicast interface"}, interface,
              "an interface that is up", fault);

@@ -206,7 +206,7 @@ void ReadModuleLevels(Section& section, EncoderSettings& settings) {
 
 constexpr int64_t kLongestRotation = 31 * 86400;
 constexpr double kLongestTrackInterval = 86400;
-constexpr double kLongestSilence = 31 * 86400;
+constexpr double kMostSilence = 31 * 86400;
 
 std::optional<uint64_t> ReadRotateSize(Section& section) {
   const std::string* value = section.Find("rotate_size");
@@ -251,7 +251,7 @@ EncoderSettings ReadEncoder(const IniSection& ini, const std::string& iniPath) {
   settings.trackInterval = section.Real("track_interval", 0, kLongestTrackInterval, settings.trackInterval);
   settings.rotateSize = ReadRotateSize(section).value_or(0);
   settings.rotateTime = ReadRotateTime(section).value_or(0);
-  settings.silence = section.Real("silence", 0, kLongestSilence, 0);
+  settings.silence = section.Real("silence", 0, kMostSilence, 0);
   settings.extendedTags = section.Switch("extended_tags", true);
   settings.heightsOptional = section.Choice("heights", kHeights, 0) == 1;
   settings.presentation = ReadPresentation(section);
@@ -529,7 +529,7 @@ SourceSettings ReadSource(const IniSection& ini, const std::string& iniPath, UIN
   source.retry = section.Switch("retry", true);
   source.rotateSize = ReadRotateSize(section);
   source.rotateTime = ReadRotateTime(section);
-  if (section.Find("silence") != nullptr) source.silence = section.Real("silence", 0, kLongestSilence, 0);
+  if (section.Find("silence") != nullptr) source.silence = section.Real("silence", 0, kMostSilence, 0);
   switch (record.enInputType) {
     case MDATA_INPUT_SERIAL:
       source.device = section.Path("device");
@@ -581,7 +581,7 @@ void GiveInput(SourceSettings& source, int32_t input) {
 }
 
 // Only what this machine sends arrives.
-void Feed(SourceSettings& source) {
+void FeedOverLoopback(SourceSettings& source) {
   if (source.record.nDecimationFactor != 0) {
     throw ConfigError("[" + source.name + "] decimation is allowed only with a video input, and the " +
                       std::to_string(kHostVideoInputs) + " are taken by other sources");
@@ -708,7 +708,7 @@ void GiveInputs(std::vector<SourceSettings>& sources, const std::vector<SourceSe
   for (const auto& [rank, source] : wanting) {
     const auto free = std::find(taken.begin(), taken.end(), false);
     if (free == taken.end() || rank == kStaysFed) {
-      Feed(*source);
+      FeedOverLoopback(*source);
       continue;
     }
     *free = true;

@@ -17,7 +17,7 @@ bool AreOneFile() {
          output.st_ino == errors.st_ino;
 }
 
-constexpr auto kFarewell = std::chrono::milliseconds(300);
+constexpr auto kDrainTime = std::chrono::milliseconds(300);
 
 }  // namespace
 
@@ -30,8 +30,8 @@ Console::Console() : m_hasStatus(isatty(STDERR_FILENO) == 1) {
 Console::~Console() {
   Status({});
   m_output->DropRows();
-  m_output->Drain({kFarewell, false, {}});
-  Errors().Drain({kFarewell, false, {}});
+  m_output->Drain({kDrainTime, false, {}});
+  Errors().Drain({kDrainTime, false, {}});
 }
 
 void Console::Line(const std::string& line) {

@@ -23,10 +23,12 @@
 #include <stdexcept>
 #include <utility>
 
+#include "address_list.h"
 #include "annotated_mutex.h"
 #include "cot_text.h"
 #include "owned_fd.h"
 #include "value_text.h"
+#include "wall_clock.h"
 
 namespace mdencoder {
 namespace {
@@ -35,8 +37,8 @@ using Clock = std::chrono::steady_clock;
 using Outcome = TlsConnection::Outcome;
 
 constexpr size_t kMostWaiting = 65536;  // bytes for a peer that reads slowly
-constexpr auto kFirstPause = std::chrono::seconds(1);
-constexpr auto kLongestPause = std::chrono::seconds(30);
+constexpr auto kFirstSenderPause = std::chrono::seconds(1);
+constexpr auto kLongestSenderPause = std::chrono::seconds(30);
 constexpr auto kConnectTime = std::chrono::seconds(10);
 constexpr auto kFarewell = std::chrono::milliseconds(200);
 constexpr double kLeastStale = 5;   // seconds after which a client drops an event
@@ -45,17 +47,8 @@ constexpr int kHops = 16;           // of a group
 constexpr int kMostReads = 64;      // at once
 constexpr char kClosed[] = "the peer has closed the connection";
 
-uint64_t WallClockUs() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
-}
-
-struct FreeAddresses {
-  void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-
 // Returns a socket that is connected or connecting, or the reason why there is none. May wait for the name.
-common::OwnedFD ConnectTo(const CotDestination& destination, std::string& reason) {
+common::OwnedFD ConnectPeer(const CotDestination& destination, std::string& reason) {
   addrinfo hints{};
   hints.ai_socktype = destination.isStream ? SOCK_STREAM : SOCK_DGRAM;
   hints.ai_flags = AI_NUMERICSERV;
@@ -65,7 +58,7 @@ common::OwnedFD ConnectTo(const CotDestination& destination, std::string& reason
     reason = gai_strerror(result);
     return common::OwnedFD();
   }
-  const std::unique_ptr<addrinfo, FreeAddresses> list(found);
+  const common::AddressList list(found);
   for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
     common::OwnedFD fd(socket(each->ai_family, each->ai_socktype | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (fd.IsOpen()) {
@@ -182,7 +175,7 @@ class CotSender::Core {
     if (!seen) return;
     AddEllipsoidHeights(*seen, m_settings.undulation);
     cot_text::Times times;
-    times.nowUs = WallClockUs();
+    times.nowUs = common::WallClockUs();
     times.staleUs = times.nowUs + static_cast<uint64_t>(std::max(kLeastStale, kStaleEvents / m_settings.rate) * 1e6);
     const auto form = m_destination.isTak ? cot_text::Form::Tak : cot_text::Form::Xml;
     for (const std::string& event : {cot_text::PlatformEvent(*seen, m_names, times, form),
@@ -213,7 +206,7 @@ class CotSender::Core {
 
   void Connect(Clock::time_point now) {
     std::string reason;
-    m_fd = ConnectTo(m_destination, reason);
+    m_fd = ConnectPeer(m_destination, reason);
     m_waiting.clear();
     if (!m_fd.IsOpen()) return Fail(Clock::now(), reason);
     m_isConnecting = m_destination.isStream;
@@ -256,10 +249,10 @@ class CotSender::Core {
     m_isConnecting = false;
     m_waiting.clear();
     // A peer that takes connections and ends them at once is not tried at once.
-    if (m_isGood && now - m_goodSince >= kLongestPause) m_pause = kFirstPause;
+    if (m_isGood && now - m_goodSince >= kLongestSenderPause) m_pause = kFirstSenderPause;
     m_isGood = false;
     m_nextTry = now + m_pause;
-    m_pause = std::min<std::chrono::seconds>(2 * m_pause, kLongestPause);
+    m_pause = std::min<std::chrono::seconds>(2 * m_pause, kLongestSenderPause);
     if (!std::exchange(m_isFailing, true)) Tell(true, "cannot be sent to " + m_settings.url + ": " + why);
   }
 
@@ -350,7 +343,7 @@ class CotSender::Core {
   bool m_isConnecting = false;           // and shaking hands
   Clock::time_point m_connectEnd;
   Clock::time_point m_nextTry;
-  std::chrono::seconds m_pause = kFirstPause;
+  std::chrono::seconds m_pause = kFirstSenderPause;
   bool m_isGood = false;  // events are sent
   Clock::time_point m_goodSince;
   bool m_isFailing = false;  // a line has said so

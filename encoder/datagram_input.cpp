@@ -20,7 +20,7 @@ namespace {
 using st0601::ByteView;
 
 constexpr size_t kLargestDatagram = 65536;
-constexpr int kBuffer = 4 << 20;  // of the socket, as far as the system allows
+constexpr int kSocketBuffer = 4 << 20;  // of the socket, as far as the system allows
 
 // Reads "udp://[@]ADDRESS:PORT", with an IPv6 address in brackets; "udp://:PORT" is any address.
 std::optional<std::pair<Address, uint16_t>> ParseUrl(std::string text) {
@@ -72,7 +72,7 @@ DatagramInput::DatagramInput(const std::string& url, std::optional<Clock::time_p
   const auto& [address, port] = *place;
   m_socket.Reset(socket(address.family, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const int yes = 1;
-  setsockopt(m_socket.Get(), SOL_SOCKET, SO_RCVBUF, &kBuffer, sizeof(kBuffer));
+  setsockopt(m_socket.Get(), SOL_SOCKET, SO_RCVBUF, &kSocketBuffer, sizeof(kSocketBuffer));
   // Several programs may look at one group.
   if (address.IsMulticast()) setsockopt(m_socket.Get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
   const bool isBound = m_socket.IsOpen() && (address.family == AF_INET ? BindV4(m_socket.Get(), address, port)

@@ -11,6 +11,7 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
+#include "klv_walk.h"
 #include "printable_text.h"
 #include "render.h"
 
@@ -20,11 +21,10 @@ namespace {
 using Json = nlohmann::ordered_json;
 using st0601::ByteView;
 
-constexpr size_t kKeySize = 16;
 constexpr size_t kMostShown = 60;  // characters of a value
 
 struct Standard {
-  std::array<uint8_t, kKeySize> key;
+  std::array<uint8_t, klv_walk::kKeySize> key;
   const char* name;
 };
 constexpr Standard kStandards[] = {
@@ -141,7 +141,7 @@ bool Inspection::OnMessage(Stream& stream, const klv_walk::Found& found) {
   if (IsEnough()) return true;
   ++m_messages;
   ++stream.messages;
-  std::string name = StandardName(found.message.first(kKeySize));
+  std::string name = StandardName(found.message.first(klv_walk::kKeySize));
   if (stream.standards.size() >= kMostKinds && !stream.standards.contains(name)) name = "other keys";
   ++stream.standards[name];
   if (found.sequence) {

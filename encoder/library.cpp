@@ -12,7 +12,7 @@
 namespace mdencoder {
 namespace {
 
-constexpr char kName[] = "libmetadata_lib.so.1";
+constexpr char kLibraryName[] = "libmetadata_lib.so.1";
 
 std::vector<std::string> Candidates(const std::string& path) {
   if (!path.empty()) {
@@ -22,9 +22,9 @@ std::vector<std::string> Candidates(const std::string& path) {
   std::error_code ignored;
   const auto program = std::filesystem::read_symlink("/proc/self/exe", ignored);
   std::vector<std::string> candidates;
-  const auto beside = program.parent_path() / kName;
+  const auto beside = program.parent_path() / kLibraryName;
   if (!program.empty() && std::filesystem::exists(beside, ignored)) candidates.push_back(beside);
-  candidates.emplace_back(kName);
+  candidates.emplace_back(kLibraryName);
   return candidates;
 }
 

@@ -27,7 +27,7 @@ constexpr size_t kMostAtOnce = 16384;  // bytes that are rendered before they ar
 constexpr size_t kRowOverhead = 128;   // what a waiting row needs besides its message
 constexpr auto kGlance = std::chrono::milliseconds(50);
 constexpr auto kHurry = std::chrono::milliseconds(1000);
-constexpr auto kFarewell = std::chrono::milliseconds(100);  // for a thread that is asked to end
+constexpr auto kEndTime = std::chrono::milliseconds(100);  // for a thread that is asked to end
 
 }  // namespace
 
@@ -129,7 +129,7 @@ class Printer::Core {
     m_finished = true;
     m_work.NotifyOne();
     eventfd_write(m_giveUp.Get(), 1);
-    const auto end = Clock::now() + kFarewell;
+    const auto end = Clock::now() + kEndTime;
     while (!m_done && m_changed.WaitUntil(m_mutex, end)) continue;
     return m_done;
   }

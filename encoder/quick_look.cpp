@@ -39,7 +39,7 @@ namespace {
 
 // --- Command line ------------------------------------------------------------------------------------
 
-constexpr double kLongest = 86400;
+constexpr double kMostSeconds = 86400;
 constexpr double kUsualSeconds = 5;
 
 struct Wishes {
@@ -54,12 +54,12 @@ struct Wishes {
   uint64_t messages = 0;
 };
 
-constexpr char kName[] =
+constexpr char kInputHelp[] =
     "A file (KLV, a recording, a transport stream or another container), '-' for KLV on the standard input, or a URL "
     "(udp://ADDRESS:PORT, or what libavformat reads)";
 
 void AddCommon(CLI::App& app, Wishes& wishes) {
-  app.add_option("input", wishes.name, kName)->type_name("FILE|URL")->required();
+  app.add_option("input", wishes.name, kInputHelp)->type_name("FILE|URL")->required();
   app.add_option("--messages", wishes.messages, "Stop after N messages; 0 for no limit (0)")->type_name("N");
   app.add_option("--tls-ca", wishes.authorities,
                  "Of https://: the authorities (PEM) that may sign the server's certificate, in place of the system's")
@@ -76,10 +76,10 @@ void SetUpInspect(CLI::App& app, Wishes& wishes) {
       ->check(CLI::IsMember({"text", "json"}));
   app.add_option("--seconds", wishes.seconds, "How long to look at a URL (5)")
       ->type_name("S")
-      ->check(CLI::Range(0.1, kLongest));
+      ->check(CLI::Range(0.1, kMostSeconds));
   app.add_option("--gap", wishes.gap, "Seconds without a message that count as a gap (2)")
       ->type_name("S")
-      ->check(CLI::Range(0.0, kLongest));
+      ->check(CLI::Range(0.0, kMostSeconds));
 }
 
 void SetUpDecode(CLI::App& app, Wishes& wishes) {
@@ -90,7 +90,7 @@ void SetUpDecode(CLI::App& app, Wishes& wishes) {
       ->check(CLI::IsMember({"table", "json", "csv"}));
   app.add_option("--seconds", wishes.seconds, "How long to read a URL; 0 for no limit (0)")
       ->type_name("S")
-      ->check(CLI::Range(0.0, kLongest));
+      ->check(CLI::Range(0.0, kMostSeconds));
   app.add_option("--columns", wishes.columns, "Columns of the table, as of a run")->type_name("LIST");
   app.add_option("--items", wishes.items, "Items of JSON lines and CSV, as of a run")->type_name("LIST");
   app.add_flag("--wide", wishes.isWide, "Do not fit the table to the terminal; without --columns, show every item");

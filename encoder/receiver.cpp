@@ -8,6 +8,8 @@
 #include <span>
 #include <utility>
 
+#include "wall_clock.h"
+
 namespace mdencoder {
 namespace {
 
@@ -32,8 +34,7 @@ Receiver::~Receiver() {
 }
 
 bool Receiver::Push(MDATA_BUFFER* buffer, Source& source) {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  const auto timeUs = static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+  const uint64_t timeUs = common::WallClockUs();
   // Only the library's reference is sure to hold the buffer after the push, so the sequence number is read now.
   const uint8_t sequence = buffer->pcData[1];
   const auto headerLength = static_cast<uint16_t>(buffer->pcData[3] << 8 | buffer->pcData[4]);

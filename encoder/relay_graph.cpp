@@ -204,7 +204,7 @@ std::vector<Edge> FindChain(const std::vector<Edge>& edges, size_t source, size_
   return chain;
 }
 
-[[noreturn]] void Refuse(const Config& config, const std::vector<Edge>& chain) {
+[[noreturn]] void RefuseLoop(const Config& config, const std::vector<Edge>& chain) {
   const SourceSettings& source = config.sources[chain.front().from];
   std::string path = "[" + source.name + "]";
   for (const Edge& edge : chain) {
@@ -252,7 +252,7 @@ void CheckRelays(const Config& config, const Machine& machine) {
   const std::vector<Edge> edges = FindEdges(config, machine);
   for (size_t source = 0; source < config.sources.size(); ++source) {
     const std::vector<Edge> chain = FindChain(edges, source, config.sources.size());
-    if (!chain.empty()) Refuse(config, chain);
+    if (!chain.empty()) RefuseLoop(config, chain);
   }
 }
 

@@ -16,8 +16,8 @@
 namespace mdencoder {
 namespace {
 
-constexpr std::chrono::seconds kFirstPause{2};
-constexpr std::chrono::seconds kLongestPause{30};
+constexpr std::chrono::seconds kFirstNamePause{2};
+constexpr std::chrono::seconds kLongestNamePause{30};
 constexpr std::chrono::seconds kUsualTime{2};  // that an answer takes
 
 // Returns the address if the library can send to it: the interface of a link-local one is the same for all relays.
@@ -78,7 +78,7 @@ void RelayNames::Ask(Name& name, Clock::time_point now) {
   if (name.question || (name.asked && now - *name.asked < name.pause)) return;
   name.question = m_ask(name.host, name.port);
   name.asked = now;
-  name.pause = std::clamp(2 * name.pause, kFirstPause, kLongestPause);
+  name.pause = std::clamp(2 * name.pause, kFirstNamePause, kLongestNamePause);
 }
 
 // A host may have several addresses, whose order changes; the one in use stays while it is among them.

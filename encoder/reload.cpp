@@ -10,20 +10,20 @@
 namespace mdencoder {
 namespace {
 
-[[noreturn]] void Refuse(const std::string& key) {
+[[noreturn]] void RefuseChange(const std::string& key) {
   throw ConfigError("[encoder] " + key + " cannot change while the program runs; restart it");
 }
 
 // Less may be needed than the library was started with, but not more. Without cot nothing changes for the sources left.
 void CompareCapabilities(DWORD running, DWORD fresh) {
   if ((fresh & ~running) != 0 || (running & ~fresh & ~static_cast<DWORD>(METADATALIB_CAPS_COT_SUPPORT)) != 0) {
-    Refuse("capabilities (of the key, or of data = cot)");
+    RefuseChange("capabilities (of the key, or of data = cot)");
   }
 }
 
 void CompareEncoders(const EncoderSettings& running, const EncoderSettings& fresh) {
   const auto require = [](bool isSame, const char* key) {
-    if (!isSame) Refuse(key);
+    if (!isSame) RefuseChange(key);
   };
   CompareCapabilities(running.capabilities, fresh.capabilities);
   require(running.library == fresh.library, "library");

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "klv_walk.h"
+
 namespace mdencoder {
 namespace {
 
@@ -19,8 +21,6 @@ using st0601::Element;
 using st0601::Kind;
 using st0601::ValueState;
 using Chosen = std::span<const st0601::Item* const>;
-
-constexpr size_t kKeySize = 16;
 
 // Returns "key=value unit". A nested set needs ItemText.
 std::string PlainText(const Element& element) {
@@ -127,7 +127,7 @@ std::string WideRow(const Received& received, const st0601::Message& message) {
   std::string row = columns;
   for (const Element& element : message.elements) row += ' ' + ElementText(element);
   if (!message.isUas) {
-    const auto start = received.Message().first(std::min(kKeySize, received.Message().size()));
+    const auto start = received.Message().first(std::min(klv_walk::kKeySize, received.Message().size()));
     row += " not ST 0601: " + st0601::Hex(start);
   } else if (!message.isComplete) {
     row += " (" + message.error + ")";

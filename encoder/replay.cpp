@@ -30,7 +30,7 @@ namespace {
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kLongestPause = 60s;  // a longer one, or a step back by more than a second, is skipped
+constexpr auto kLongestGap = 60s;  // a longer one, or a step back by more than a second, is skipped
 constexpr auto kLargestStepBack = 1s;
 
 // --- Files -------------------------------------------------------------------------------------------
@@ -167,7 +167,7 @@ bool Replay::WaitUntil(Clock::time_point due) {
 }
 
 bool Replay::WaitForTime(std::chrono::nanoseconds time) {
-  const bool isJump = m_last - time > kLargestStepBack || time - m_last > kLongestPause;
+  const bool isJump = m_last - time > kLargestStepBack || time - m_last > kLongestGap;
   if (!std::exchange(m_hasTime, true) || isJump) {
     m_anchor = time;
     m_anchorAt = Clock::now();

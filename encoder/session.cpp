@@ -35,6 +35,7 @@
 #include "table.h"
 #include "track_file.h"
 #include "track_text.h"
+#include "wall_clock.h"
 
 namespace mdencoder {
 namespace {
@@ -44,11 +45,6 @@ sigset_t SteeringSignals() {
   sigemptyset(&set);
   for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGUSR2}) sigaddset(&set, number);
   return set;
-}
-
-uint64_t WallClockUs() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
 }
 
 std::chrono::steady_clock::duration Seconds(double seconds) {
@@ -72,11 +68,11 @@ void EndAtOnce(int number) {
   _exit(128 + number);
 }
 
-constexpr auto kLookInterval = std::chrono::milliseconds(250);
+constexpr auto kLossInterval = std::chrono::milliseconds(250);
 constexpr auto kDropsInterval = std::chrono::seconds(1);
 constexpr auto kPageInterval = std::chrono::seconds(1);
 constexpr size_t kSourcesOfReserve = 16;         // at least, because a reload may add some
-constexpr double kLongestSilence = 10;           // of the metadata thread, in seconds, which gives a sign every second
+constexpr double kLongestThreadSilence = 10;     // of the metadata thread, in seconds, which gives a sign every second
 constexpr double kShortestStatusInterval = 0.1;  // reading statistics takes the lock of serial reception
 
 }  // namespace
@@ -143,7 +139,7 @@ void Session::OpenOutput(Source& source, const EncoderSettings& settings) {
   }
   const RecordingSettings recording{path, source.Name(), settings.streamHeader,
                                     source.Settings().rotateSize.value_or(0), source.Settings().rotateTime.value_or(0)};
-  source.OpenOutput(recording, WallClockUs(), [this](bool isWarning, const auto& line) {
+  source.OpenOutput(recording, common::WallClockUs(), [this](bool isWarning, const auto& line) {
     Say(isWarning ? Priority::Warning : Priority::Notice, line);
   });
 }
@@ -236,7 +232,7 @@ void Session::OpenPage() {
 // Gives the page the statistics and what is wrong.
 void Session::UpdatePage(Clock::time_point now) {
   http::Snapshot snapshot;
-  snapshot.timeUs = WallClockUs();
+  snapshot.timeUs = common::WallClockUs();
   snapshot.at = now;
   bool isOpen = false;
   for (const Report& report : Reports()) {
@@ -248,7 +244,7 @@ void Session::UpdatePage(Clock::time_point now) {
   if (!isOpen) snapshot.troubles.push_back("no source is open: " + m_keeper.Summary());
   if (m_failed.load() || m_keeper.Failed()) snapshot.troubles.push_back("something has failed; the log tells what");
   if (m_around.secondsSinceSign) snapshot.silentFor = m_around.secondsSinceSign();
-  if (snapshot.silentFor.value_or(0) > kLongestSilence) {
+  if (snapshot.silentFor.value_or(0) > kLongestThreadSilence) {
     snapshot.troubles.push_back("the metadata thread gives no sign");
   }
   if (m_receiver) snapshot.waiting = m_config.encoder.queue - std::min(m_config.encoder.queue, m_receiver->Room());
@@ -295,7 +291,7 @@ int Session::Run() {
   };
   const size_t reserve = Source::kMostUnderWay * std::max(m_keeper.Sources().size(), kSourcesOfReserve);
   m_receiver = std::make_unique<Receiver>(m_config.encoder.queue, reserve, m_library.releaseBuffer, handle, flush);
-  m_times.startUs = WallClockUs();
+  m_times.startUs = common::WallClockUs();
   m_start = Clock::now();
   if (!m_presentation.header.empty()) m_console.Line(m_presentation.header);
   if (m_around.onRoom) m_around.onRoom([this] { return Room(); });
@@ -316,7 +312,7 @@ int Session::Run() {
     if (m_around.onLog) m_around.onLog({});
     m_page->Stop();
   }
-  m_times.endUs = WallClockUs();
+  m_times.endUs = common::WallClockUs();
   m_times.seconds = std::chrono::duration<double>(Clock::now() - m_start).count();
   m_library.shutdown();
   m_console.Status({});
@@ -500,7 +496,7 @@ void Session::EndFormerSenders() {
 }
 
 void Session::LookForLosses(Clock::time_point now) {
-  m_nextLook = now + kLookInterval;
+  m_nextLook = now + kLossInterval;
   for (const Source* source : m_keeper.Sources()) {
     const Counters counters = source->Snapshot();
     m_silence.Look(source->Name(), source->Settings().silence.value_or(0), m_keeper.IsOpen(*source),
@@ -691,7 +687,7 @@ void Session::ShowStatistics(const std::string& name) {
 void Session::PrintStatistics(const std::vector<Report>& reports) {
   switch (m_config.encoder.presentation.format) {
     case Format::Json:
-      m_console.Line(StatisticsLine(reports, WallClockUs(), m_streams.Snapshot()));
+      m_console.Line(StatisticsLine(reports, common::WallClockUs(), m_streams.Snapshot()));
       break;
     case Format::Csv:
       for (const std::string& line : StatisticsTable(reports, m_streams.Snapshot())) m_console.Complain(line);
@@ -747,7 +743,7 @@ void Session::Save() {
 
 std::vector<Report> Session::Reports(bool withRemoved) {
   m_kernelDrops.Update();
-  const uint64_t now = WallClockUs();
+  const uint64_t now = common::WallClockUs();
   auto reports = m_keeper.Reports(withRemoved);
   for (Report& report : reports) {
     const MDATA_SRC_CFG& record = report.settings->record;
@@ -787,7 +783,7 @@ void Session::ShowStatus() {
 void Session::WriteStatistics(const std::vector<Report>& reports, bool print) {
   if (print) PrintStatistics(reports);
   if (m_statsJson == nullptr) return;
-  std::fprintf(m_statsJson, "%s\n", StatisticsLine(reports, WallClockUs(), m_streams.Snapshot()).c_str());
+  std::fprintf(m_statsJson, "%s\n", StatisticsLine(reports, common::WallClockUs(), m_streams.Snapshot()).c_str());
   if (std::fflush(m_statsJson) != 0) Fail("the statistics cannot be written to " + m_config.encoder.statsJson);
 }
 

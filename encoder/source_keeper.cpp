@@ -31,11 +31,11 @@ using namespace std::chrono_literals;
 
 constexpr auto kRetry = 2s;
 // An opening that the library refused wrote lines to the log.
-constexpr auto kLongestPause = 30s;
+constexpr auto kLongestOpeningPause = 30s;
 // Links, addresses and routes change together.
 constexpr auto kSettle = 200ms;
 
-constexpr auto kLookInterval = 500ms;
+constexpr auto kCaptureInterval = 500ms;
 constexpr auto kNamesInterval = 1s;
 constexpr auto kAnswerInterval = 50ms;  // of looks for an answer that is due soon
 constexpr auto kLongestAnswer = 10s;    // of a source that must be open at once
@@ -246,7 +246,7 @@ std::string SourceKeeper::ObstacleTo(const Entry& entry) const {
 // Each attempt that gets this far writes lines to the log.
 void SourceKeeper::PutOff(Entry& entry, const std::string& reason, Clock::time_point now) {
   entry.nextTry = now + entry.pause;
-  entry.pause = std::min<std::chrono::seconds>(entry.pause * 2, kLongestPause);
+  entry.pause = std::min<std::chrono::seconds>(entry.pause * 2, kLongestOpeningPause);
   Trouble(entry, reason, now);
 }
 
@@ -427,7 +427,7 @@ Health SourceKeeper::HealthOf(const Entry& entry) const {
 }
 
 void SourceKeeper::LookAtCaptures(Clock::time_point now) {
-  m_nextLook = now + kLookInterval;
+  m_nextLook = now + kCaptureInterval;
   for (const auto& entry : m_entries) {
     if (!entry->IsOpen() || !entry->settings.capture || !entry->settings.retry) continue;
     if (CaptureState(*entry).fault != entry->reason) Examine(*entry, now);

@@ -20,7 +20,7 @@ namespace mdencoder {
 namespace {
 
 using namespace std::chrono_literals;
-constexpr auto kLongest = 2s;
+constexpr auto kLongestUnrest = 2s;
 constexpr auto kPause = 10ms;
 
 [[noreturn]] void Fail() {
@@ -76,7 +76,7 @@ std::optional<std::string> TryRead(const std::string& path, std::chrono::millise
 }  // namespace
 
 std::string ReadStable(const std::string& path, std::chrono::milliseconds quiet) {
-  const auto end = std::chrono::steady_clock::now() + kLongest;
+  const auto end = std::chrono::steady_clock::now() + kLongestUnrest;
   for (;;) {
     if (auto text = TryRead(path, quiet)) return *std::move(text);
     if (std::chrono::steady_clock::now() >= end) throw std::runtime_error("is being written all the time");

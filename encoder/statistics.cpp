@@ -20,6 +20,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "print.h"
 #include "render.h"
 #include "st0601_items.h"
 #include "values.h"
@@ -365,13 +366,6 @@ MDATA_SRC_STATS ContinuedStatistics(const SourceSettings& before, const SourceSe
 // --- Table -------------------------------------------------------------------------------------------
 
 namespace {
-
-template <typename... Arguments>
-std::string Print(const char* format, Arguments... arguments) {
-  char text[512];
-  std::snprintf(text, sizeof(text), format, arguments...);
-  return text;
-}
 
 std::string DetectedText(int32_t value, ULONG updates) {
   return value < 0 ? "not detected" : Print("%d (changed %lu times)", value, updates);

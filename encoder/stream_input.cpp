@@ -21,6 +21,7 @@ extern "C" {
 #include <stdexcept>
 #include <vector>
 
+#include "av_owned.h"
 #include "datagram_input.h"
 #include "media_input.h"
 #include "owned_fd.h"
@@ -96,18 +97,11 @@ int IsOver(void* deadline) {
   return static_cast<const Deadline*>(deadline)->IsOver() ? 1 : 0;
 }
 
-struct CloseInput {
-  void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
-};
 struct FreeIo {
   void operator()(AVIOContext* io) const {
     av_freep(&io->buffer);
     avio_context_free(&io);
   }
-};
-using Input = std::unique_ptr<AVFormatContext, CloseInput>;
-struct FreePacket {
-  void operator()(AVPacket* packet) const { av_packet_free(&packet); }
 };
 
 StreamInfo InfoOf(const AVStream& track) {
@@ -156,9 +150,9 @@ class Tracks {
   unsigned m_known = 0;
 };
 
-Input MakeInput(Deadline& deadline) {
+av::Input MakeInput(Deadline& deadline) {
   media_input::Prepare();
-  Input input(media_input::MakeContext());
+  av::Input input(media_input::MakeContext());
   if (input == nullptr) throw std::runtime_error("out of memory");
   input->interrupt_callback = {&IsOver, &deadline};
   return input;
@@ -170,7 +164,7 @@ bool WaitsForPeer(const std::string& url) {
 }
 
 // Opens a file or a URL. Without an end that the caller has set, a peer has as long as that of a source.
-Input OpenTracks(const StreamInputSettings& settings, Deadline& deadline) {
+av::Input OpenTracks(const StreamInputSettings& settings, Deadline& deadline) {
   AVFormatContext* context = MakeInput(deadline).release();
   const bool hasEnd = deadline.end.has_value();
   if (!hasEnd && stream_url::IsUrl(settings.name) && !WaitsForPeer(settings.name)) {
@@ -180,14 +174,14 @@ Input OpenTracks(const StreamInputSettings& settings, Deadline& deadline) {
       media_input::Open(context, {media_input::Purpose::Look, settings.name, settings.authorities, !hasEnd});
   const bool isLate = deadline.IsOver();
   if (!hasEnd) deadline.end.reset();
-  if (fault.empty()) return Input(context);
+  if (fault.empty()) return av::Input(context);
   throw std::runtime_error(settings.name + ": " + (isLate ? "nothing was received in time" : fault));
 }
 
 // Reads what an opened context has. A break after the deadline is the end.
 std::string ReadTracks(const StreamInputSettings& settings, StreamSink& sink, const Deadline& deadline,
-                       const Input& input) {
-  const std::unique_ptr<AVPacket, FreePacket> packet(av_packet_alloc());
+                       const av::Input& input) {
+  const av::Packet packet(av_packet_alloc());
   if (packet == nullptr) throw std::runtime_error(settings.name + ": out of memory");
   Tracks tracks(*input, sink, settings.onlyData);
   tracks.Look();
@@ -243,7 +237,7 @@ std::string ReadTransportStream(const StreamInputSettings& settings, StreamSink&
   context->flags |= AVFMT_FLAG_CUSTOM_IO;
   // Frees the context if it fails.
   const int opened = avformat_open_input(&context, nullptr, av_find_input_format("mpegts"), nullptr);
-  const Input input(context);
+  const av::Input input(context);
   if (opened >= 0) return ReadTracks(settings, sink, deadline, input);
   throw std::runtime_error(settings.name + ": " +
                            (deadline.IsOver() ? "nothing was received in time" : media_input::ErrorText(opened)));

@@ -16,6 +16,7 @@
 #include <string_view>
 #include <utility>
 
+#include "klv_walk.h"
 #include "render.h"
 #include "value_text.h"
 
@@ -28,8 +29,7 @@ using st0601::Kind;
 constexpr size_t kUsualWidth = 120;
 constexpr int64_t kLeastWidth = 20;
 constexpr int64_t kMostWidth = 100000;
-constexpr int kMostDigits = 6;   // behind the point: a tenth of a metre in degrees
-constexpr size_t kKeySize = 16;  // of a message that is not ST 0601
+constexpr int kMostDigits = 6;  // behind the point: a tenth of a metre in degrees
 
 // --- Cells -------------------------------------------------------------------------------------------
 
@@ -232,7 +232,7 @@ std::string Table::Row(const Received& received, const st0601::Message& message)
   }
   row = WithoutBlanksAtTheEnd(std::move(row));
   if (!message.isUas) {
-    const auto start = received.Message().first(std::min(kKeySize, received.Message().size()));
+    const auto start = received.Message().first(std::min(klv_walk::kKeySize, received.Message().size()));
     row += " not ST 0601: " + st0601::Hex(start);
   } else if (!message.isComplete) {
     row += " (" + message.error + ")";

@@ -35,8 +35,8 @@ using namespace std::chrono_literals;
 using common::Lock;
 using common::OwnedFD;
 
-constexpr auto kFirstPause = 2s;
-constexpr auto kLongestPause = 30s;
+constexpr auto kFirstTakPause = 2s;
+constexpr auto kLongestTakPause = 30s;
 constexpr auto kConnectLimit = 10s;  // for each address, and for the handshake
 constexpr auto kLookUpLimit = 30s;
 constexpr auto kEventLimit = 30s;  // from the beginning of an event to its end
@@ -150,7 +150,7 @@ void TakInput::Run() {
 }
 
 void TakInput::Work() {
-  std::chrono::seconds pause = kFirstPause;
+  std::chrono::seconds pause = kFirstTakPause;
   while (!IsStopping()) {
     const bool hasWorked = m_settings.transport == TakSettings::Transport::Udp ? RunDatagrams() : RunStream();
     if (IsStopping()) return;
@@ -158,9 +158,9 @@ void TakInput::Work() {
       m_hasGivenUp = true;
       return;
     }
-    if (hasWorked) pause = kFirstPause;
+    if (hasWorked) pause = kFirstTakPause;
     const auto next = Clock::now() + pause;
-    pause = std::min<std::chrono::seconds>(pause * 2, kLongestPause);
+    pause = std::min<std::chrono::seconds>(pause * 2, kLongestTakPause);
     while (!IsStopping() && Clock::now() < next && !m_isNetworkNew.exchange(false)) Await(-1, 0, next);
   }
 }

@@ -15,13 +15,13 @@
 namespace mdencoder {
 namespace {
 
-struct Scheme {
+struct TakScheme {
   std::string_view prefix;
   TakSettings::Transport transport;
 };
-constexpr Scheme kSchemes[] = {{"tak://", TakSettings::Transport::Udp},
-                               {"tcp://", TakSettings::Transport::Tcp},
-                               {"tls://", TakSettings::Transport::Tls}};
+constexpr TakScheme kTakSchemes[] = {{"tak://", TakSettings::Transport::Udp},
+                                     {"tcp://", TakSettings::Transport::Tcp},
+                                     {"tls://", TakSettings::Transport::Tls}};
 
 }  // namespace
 
@@ -31,9 +31,9 @@ const char kTakUrlAllowed[] =
 std::optional<TakSettings> ParseTakUrl(std::string_view url) {
   TakSettings settings;
   settings.url = url;
-  const auto* const scheme = std::find_if(std::begin(kSchemes), std::end(kSchemes),
-                                          [&](const Scheme& each) { return url.starts_with(each.prefix); });
-  if (scheme == std::end(kSchemes)) return std::nullopt;
+  const auto* const scheme = std::find_if(std::begin(kTakSchemes), std::end(kTakSchemes),
+                                          [&](const TakScheme& each) { return url.starts_with(each.prefix); });
+  if (scheme == std::end(kTakSchemes)) return std::nullopt;
   settings.transport = scheme->transport;
   const std::string rest(url.substr(scheme->prefix.size()));
   const size_t colon = rest.rfind(':');

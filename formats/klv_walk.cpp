@@ -8,7 +8,6 @@ namespace klv_walk {
 namespace {
 
 constexpr std::array<uint8_t, 4> kLabel = {0x06, 0x0E, 0x2B, 0x34};
-constexpr size_t kKeySize = 16;
 constexpr size_t kHeaderSize = 5;
 constexpr size_t kMostLengthBytes = 4;
 // Messages inside messages inside messages: each is looked at, so that their size limits the work.

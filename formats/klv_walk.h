@@ -17,6 +17,7 @@ namespace klv_walk {
 
 using ByteView = std::span<const uint8_t>;
 
+constexpr size_t kKeySize = 16;
 constexpr size_t kLargestMessage = size_t{1} << 20;  // key, length and value
 
 struct Found {

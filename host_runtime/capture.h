@@ -25,6 +25,8 @@
 
 namespace host_runtime {
 
+constexpr int kDatagramsAtOnce = 64;  // that a back end receives before it looks at the clock again
+
 // The queue between a back end, which pushes packets, and the metadata thread, which pops them. Any thread may use it.
 class CaptureQueue {
  public:

@@ -26,14 +26,12 @@
 #include "capture_playback.h"
 #include "live_datagrams.h"
 #include "media_demuxer.h"
+#include "nanoseconds.h"
 #include "owned_fd.h"
 #include "stream_url.h"
 
 namespace host_runtime {
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
-constexpr int kDatagramsAtOnce = 64;  // before the clock is looked at again
 
 // The demuxer wants to see that packets of 188 bytes follow each other before it looks at any. Null packets show it that,
 // so that the first messages of a slow stream do not wait for later ones.

@@ -27,7 +27,7 @@
 namespace host_runtime {
 namespace {
 
-constexpr size_t kReadSize = 65'536;
+constexpr size_t kPieceSize = 65'536;
 
 class KlvFileBackend : public CaptureBackend {
  public:
@@ -59,7 +59,7 @@ class KlvFileBackend : public CaptureBackend {
   bool Play(CaptureQueue& queue) {
     common::RecordingIndex index(m_config.path + ".json");
     klv_file::Walker walker(index.Header() ? index.Header()->hasStreamHeaders : m_hasHeaders);
-    std::vector<uint8_t> buffer(kReadSize);
+    std::vector<uint8_t> buffer(kPieceSize);
     m_playback.BeginPass();
     m_time = 0;
     ssize_t got = 0;

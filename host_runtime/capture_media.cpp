@@ -18,12 +18,11 @@
 #include "capture.h"
 #include "capture_playback.h"
 #include "media_demuxer.h"
+#include "nanoseconds.h"
 #include "stream_url.h"
 
 namespace host_runtime {
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
 
 class MediaBackend : public CaptureBackend {
  public:

@@ -24,13 +24,11 @@
 
 #include "anc_klv.h"
 #include "capture.h"
+#include "nanoseconds.h"
 #include "owned_fd.h"
 
 namespace host_runtime {
 namespace {
-
-constexpr int64_t kSecond = 1'000'000'000;
-constexpr int kDatagramsAtOnce = 64;  // before the clock is looked at again
 
 // Receives a datagram into the buffer. Returns false if there is none.
 bool Receive(int fd, std::vector<uint8_t>& buffer, size_t* size) {

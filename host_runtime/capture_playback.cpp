@@ -7,16 +7,16 @@
 #include <algorithm>
 
 #include "anc_klv.h"
+#include "nanoseconds.h"
 
 namespace host_runtime {
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
-constexpr int64_t kClock = 90'000;
+constexpr int64_t kTicks = 90'000;
 constexpr int64_t kFurthest = int64_t{1} << 60;  // time stamps beyond it are not believed
 constexpr double kLongestWait = 1e9;             // seconds
-constexpr int64_t kLongestPause = 60 * kClock;   // a longer one is a jump of the clock
-constexpr int64_t kLargestStepBack = kClock;
+constexpr int64_t kLongestPause = 60 * kTicks;   // a longer one is a jump of the clock
+constexpr int64_t kLargestStepBack = kTicks;
 constexpr int64_t kPreRoll = kSecond / 2;  // before a file begins, so that all sources of the input can be opened
 constexpr size_t kAuHeaderSize = 5;        // MPEG-2 systems: header of a metadata access unit
 
@@ -71,7 +71,7 @@ bool Playback::WaitForTime(CaptureQueue& queue, int64_t time) {
 // Returns the monotonic time at which the file's clock shows `time`, which is no jump from m_last.
 int64_t Playback::DueAt(int64_t time) const {
   if (m_speed == 0) return m_anchorNs;
-  const double seconds = static_cast<double>(time - m_anchor) / static_cast<double>(kClock) / m_speed;
+  const double seconds = static_cast<double>(time - m_anchor) / static_cast<double>(kTicks) / m_speed;
   return m_anchorNs + static_cast<int64_t>(std::min(seconds, kLongestWait) * static_cast<double>(kSecond));
 }
 

@@ -177,7 +177,7 @@ void SetSnapshot(Snapshot& state, const HostRuntimeConfig& config) {
   state.config.swap(fresh);
 }
 
-Snapshot& State() {
+Snapshot& CurrentSnapshot() {
   static Snapshot* const kState = [] {
     auto* fresh = new Snapshot;
     const char* path = secure_getenv("METADATA_HOST_INI");
@@ -198,7 +198,7 @@ Snapshot& State() {
 }  // namespace
 
 std::shared_ptr<const HostRuntimeConfig> Config() {
-  Snapshot& state = State();
+  Snapshot& state = CurrentSnapshot();
   const Lock guard(state.lock);
   return state.config;
 }
@@ -222,7 +222,7 @@ bool HostRuntime_Load(const std::string& path, HostRuntimeConfig& config, std::s
 
 bool HostRuntime_Apply(const HostRuntimeConfig& config, std::string* error) {
   return NoThrow(false, [&] {
-    SetSnapshot(State(), config);
+    SetSnapshot(CurrentSnapshot(), config);
     std::string problem;
     if (ApplyLogConfig(config, &problem)) return true;
     HOST_LOG(3, "%s.\n", problem.c_str());
@@ -234,7 +234,7 @@ bool HostRuntime_Apply(const HostRuntimeConfig& config, std::string* error) {
 bool HostRuntime_SetCapture(int input, const HostCaptureConfig& config) {
   if (input < 0 || input >= kHostVideoInputs) return false;
   return NoThrow(false, [&] {
-    Snapshot& state = State();
+    Snapshot& state = CurrentSnapshot();
     auto fresh = std::make_shared<HostRuntimeConfig>(*Config());
     fresh->captures[static_cast<size_t>(input)] = config;
     const Lock guard(state.lock);

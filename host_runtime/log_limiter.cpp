@@ -4,10 +4,11 @@
 #include <algorithm>
 #include <utility>
 
+#include "nanoseconds.h"
+
 namespace host_runtime {
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
 constexpr int64_t kSilence = 2 * kSecond;
 
 }  // namespace

@@ -20,12 +20,12 @@ extern "C" {
 #include "anc_klv.h"
 #include "capture.h"
 #include "media_input.h"
+#include "nanoseconds.h"
 #include "stream_url.h"
 
 namespace host_runtime {
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
 constexpr AVRational kClock = {1, 90'000};
 constexpr int64_t kLongestOpening = std::chrono::seconds(media_input::kLongestOpening).count() * kSecond;
 constexpr int kReadSize = 32768;

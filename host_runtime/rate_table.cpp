@@ -12,14 +12,14 @@
 #include <numeric>
 
 #include "annotated_mutex.h"
+#include "nanoseconds.h"
 #include "runtime_state.h"
 
 namespace host_runtime {
 namespace {
 
-constexpr int64_t kMs = 1'000'000;
-constexpr int64_t kShortest = 100 * kMs;  // a sample that follows sooner is left to the next one
-constexpr int64_t kUsual = 1'000 * kMs;
+constexpr int64_t kShortest = 100 * kMillisecond;  // a sample that follows sooner is left to the next one
+constexpr int64_t kUsual = 1'000 * kMillisecond;
 constexpr double kJump = 8;              // an interval so many times faster than the fastest known one is suspect
 constexpr double kFastestFirst = 0.125;  // bytes per nanosecond (1 Gbit/s); a faster first interval is suspect
 

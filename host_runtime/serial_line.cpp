@@ -15,14 +15,14 @@
 #include <cerrno>
 #include <utility>
 
+#include "nanoseconds.h"
 #include "runtime_state.h"
 
 namespace host_runtime {
 namespace {
 
-constexpr int64_t kSecond = 1'000'000'000;
 // A device that returns must be open within half a second, so that data sent from then on arrives.
-constexpr int64_t kRetry = kSecond / 4;
+constexpr int64_t kOpeningRetry = kSecond / 4;
 // Further bytes stay in the device's own buffer, where its flow control applies.
 constexpr size_t kMostHeld = 4096;
 
@@ -150,7 +150,7 @@ void SerialLine::LoseDevice(int64_t now) {
   Unwatch();
   m_device.Reset();
   m_pieces.Interrupt();
-  m_nextTry = now + kRetry;
+  m_nextTry = now + kOpeningRetry;
   m_lossTold = false;
   ReportLoss(now);
 }
@@ -168,7 +168,7 @@ void SerialLine::ReportLoss(int64_t now) {
 }
 
 void SerialLine::TryDevice(int64_t now) {
-  m_nextTry = now + kRetry;
+  m_nextTry = now + kOpeningRetry;
   if (!m_lossTold) ReportLoss(now);
   m_device = OpenDevice(m_is.path);
   if (!m_device.IsOpen()) return;

@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <array>
 
+#include "nanoseconds.h"
+
 namespace host_runtime {
 namespace {
-
-constexpr int64_t kMs = 1'000'000;
 
 // In characters. Ports with a buffer pass their bytes on in groups, mostly of up to 14, so that a running line shows
 // pauses of that length. Cutting there is harmless for a piece that is long enough, but not always for a short one.
@@ -16,13 +16,13 @@ constexpr int64_t kShortPause = 20;
 constexpr int64_t kGap = 64;
 
 // A sender that is not scheduled for a moment also pauses, at any rate.
-constexpr int64_t kLeastShortPause = 20 * kMs;
+constexpr int64_t kLeastShortPause = 20 * kMillisecond;
 // Two short pieces in a row lose a key. The second one therefore waits for as long as the decoder's time-out allows.
-constexpr int64_t kMostShortPause = 250 * kMs;
-constexpr int64_t kMostHolding = 1'000 * kMs;
+constexpr int64_t kMostShortPause = 250 * kMillisecond;
+constexpr int64_t kMostHolding = 1'000 * kMillisecond;
 
 // After this silence the decoder drops an unfinished message together with the piece that arrives then.
-constexpr int64_t kDecoderPatience = 520 * kMs;
+constexpr int64_t kDecoderPatience = 520 * kMillisecond;
 
 // These bytes are neither a sync pattern nor a part of one, nor a designator or a length, so that they end whatever the
 // decoder waits for.

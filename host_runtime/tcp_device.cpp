@@ -33,7 +33,9 @@
 #include <thread>
 #include <utility>
 
+#include "address_list.h"
 #include "annotated_mutex.h"
+#include "nanoseconds.h"
 #include "runtime_state.h"
 #include "stream_url.h"
 
@@ -44,9 +46,7 @@ using common::Lock;
 using common::Mutex;
 using common::OwnedFD;
 
-constexpr int64_t kMillisecond = 1'000'000;
-constexpr int64_t kSecond = 1'000 * kMillisecond;
-constexpr int64_t kRetry = kSecond;
+constexpr int64_t kConnectRetry = kSecond;
 constexpr int kLongestConnect = 5'000;   // ms
 constexpr int64_t kLease = 5 * kSecond;  // a lost line that was not asked for in this time is given up
 constexpr int64_t kLongestDrain = 5 * kSecond;
@@ -80,10 +80,6 @@ std::optional<Terminal> MakeTerminal() {
 
 // --- Connection --------------------------------------------------------------------------------------
 
-struct FreeAddresses {
-  void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-
 bool ConnectTo(int fd, const addrinfo& to) {
   if (connect(fd, to.ai_addr, to.ai_addrlen) == 0) return true;
   if (errno != EINPROGRESS) return false;
@@ -113,7 +109,7 @@ OwnedFD Connect(const stream_url::HostAndPort& place, std::string* fault) {
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   const int result = getaddrinfo(place.host.c_str(), std::to_string(place.port).c_str(), &hints, &found);
-  const std::unique_ptr<addrinfo, FreeAddresses> list(found);
+  const common::AddressList list(found);
   *fault = result == 0 ? "there is no address" : gai_strerror(result);
   for (const addrinfo* each = list.get(); each != nullptr; each = each->ai_next) {
     OwnedFD fd(socket(each->ai_family, each->ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, each->ai_protocol));
@@ -197,7 +193,8 @@ OwnedFD Line::Reach() {
       HOST_LOG(4, "Serial device \"%s\" cannot be reached: %s; trying again every second.\n", m_name.c_str(),
                fault.c_str());
     }
-    for (const int64_t end = MonotonicNs() + kRetry; MonotonicNs() < end && !IsGivenUp();) poll(nullptr, 0, kLook);
+    for (const int64_t end = MonotonicNs() + kConnectRetry; MonotonicNs() < end && !IsGivenUp();)
+      poll(nullptr, 0, kLook);
   }
   return OwnedFD();
 }

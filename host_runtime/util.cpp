@@ -53,12 +53,13 @@ void CalcTimeOfDayDiff(const struct timeval* pStart, const struct timeval* pEnd,
 
 void CalcTimeOfDayAbsDiff(const struct timeval* pA, const struct timeval* pB, struct timeval* pDiff) {
   // Field by field: both fields read at once would have to wait until the clock's stores are done.
-  constexpr int64_t kSecond = 1'000'000;
-  const int64_t signedDifference = (int64_t{pA->tv_sec} - pB->tv_sec) * kSecond + (int64_t{pA->tv_usec} - pB->tv_usec);
+  constexpr int64_t kMicroseconds = 1'000'000;
+  const int64_t signedDifference =
+      (int64_t{pA->tv_sec} - pB->tv_sec) * kMicroseconds + (int64_t{pA->tv_usec} - pB->tv_usec);
   const int64_t difference = std::abs(signedDifference);
   g_timeDifference = {true, difference};
-  pDiff->tv_sec = difference / kSecond;
-  pDiff->tv_usec = difference % kSecond;
+  pDiff->tv_sec = difference / kMicroseconds;
+  pDiff->tv_usec = difference % kMicroseconds;
 }
 
 int PrintToString(char* szBuffer, int nSize, const char* szFormat, ...) {

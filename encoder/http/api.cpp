@@ -17,6 +17,7 @@
 #include "http/query.h"
 #include "render.h"
 #include "st0601_items.h"
+#include "wall_clock.h"
 
 namespace mdencoder::http {
 namespace {
@@ -31,11 +32,6 @@ constexpr auto kOldestState = std::chrono::seconds(10);
 constexpr std::string_view kKinds[] = {"message", "statistics", "log", "sensor"};  // EventKind
 constexpr std::string_view kItemFormNames[] = {"none", "compact", "full"};         // ItemForm
 constexpr std::string_view kLevels[] = {"error", "warning", "notice", "debug"};
-
-uint64_t NowUs() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
-}
 
 std::string MachineName() {
   char name[HOST_NAME_MAX + 1] = "";
@@ -211,7 +207,7 @@ Json Api::History(const std::string& name, const Request& request) const {
   const auto items = query.Texts("item", kMostItems);
   query.Finish();
   if (items.empty()) throw Refusal{400, "item is missing; it must be the tag or the key of an item"};
-  const uint64_t nowUs = NowUs();
+  const uint64_t nowUs = common::WallClockUs();
   Json json = {{"source", name}, {"now_us", nowUs}};
   json["series"] = Json::array();
   for (const std::string& text : items) {
@@ -235,7 +231,7 @@ Json Api::Track(const std::string& name, const Request& request) const {
   const auto seconds = query.Number("seconds", 1, http::History::kSeconds, http::History::kSeconds);
   const auto points = static_cast<size_t>(query.Number("points", 1, kMostPoints, kUsualPoints));
   query.Finish();
-  const uint64_t nowUs = NowUs();
+  const uint64_t nowUs = common::WallClockUs();
   Json json = {{"source", name}, {"now_us", nowUs}};
   json["points"] = Json::array();
   for (const auto& place : m_hub.Track(name, From(nowUs, seconds), points)) {
@@ -249,7 +245,7 @@ Json Api::Track(const std::string& name, const Request& request) const {
 // --- Program -----------------------------------------------------------------------------------------
 
 Json Api::Info() const {
-  const uint64_t nowUs = NowUs();
+  const uint64_t nowUs = common::WallClockUs();
   Json json = {
       {"program", "mdencoder"}, {"version", m_settings.version}, {"host", MachineName()}, {"run", m_settings.run}};
   AddTime(json, m_settings.startUs, "started");

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "render.h"
+#include "wall_clock.h"
 
 namespace mdencoder::http {
 namespace {
@@ -13,11 +14,6 @@ constexpr size_t kBatch = 64;
 constexpr auto kHeartbeat = std::chrono::seconds(5);
 constexpr auto kLongestWait = std::chrono::seconds(1);
 constexpr const char* kNames[] = {"message", "statistics", "log", "sensor"};
-
-uint64_t NowUs() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
-}
 
 std::string Bye(const char* reason) {
   return std::string("event: bye\ndata: {\"reason\":\"") + reason + "\"}\n\n";
@@ -36,7 +32,7 @@ std::string EventFlow::Hello() {
     if (!hasMissed) m_next = wanted;
   }
   Json json = {{"run", m_run}};
-  AddTime(json, NowUs(), "now");
+  AddTime(json, common::WallClockUs(), "now");
   json["missed"] = hasMissed;
   return "retry: 1000\nevent: hello\ndata: " + Dump(json) + "\n\n";
 }

@@ -11,16 +11,12 @@
 
 #include "receiver.h"
 #include "render.h"
+#include "wall_clock.h"
 
 namespace mdencoder::http {
 namespace {
 
 constexpr auto kRateTime = std::chrono::seconds(5);
-
-uint64_t NowUs() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
-}
 
 const char* LevelOf(Priority priority) {
   if (priority <= Priority::Error) return "error";
@@ -110,7 +106,7 @@ bool Hub::Take(std::deque<std::shared_ptr<Delivered>>& messages, std::deque<LogL
 void Hub::Handle(const std::shared_ptr<Delivered>& message) {
   const st0601::Message parsed = st0601::Parse(message->bytes);
   if (m_presenter) message->presentation = m_presenter(*message, parsed);
-  const uint64_t nowUs = NowUs();
+  const uint64_t nowUs = common::WallClockUs();
   const common::Lock lock(m_mutex);
   ++m_taken;
   m_lag = nowUs > message->timeUs ? static_cast<double>(nowUs - message->timeUs) / 1e6 : 0;
@@ -145,7 +141,8 @@ void Hub::AddEvent(Event event, size_t cost) {
 }
 
 void Hub::Log(Priority priority, std::string_view module, std::string_view text) {
-  LogLine line{0, NowUs(), LevelOf(priority), std::string(module), std::string(text.substr(0, kLongestLogLine))};
+  LogLine line{0, common::WallClockUs(), LevelOf(priority), std::string(module),
+               std::string(text.substr(0, kLongestLogLine))};
   const common::Lock lock(m_queueMutex);
   if (m_waitingLines.size() >= kMostLogLines) return;
   m_waitingLines.push_back(std::move(line));

@@ -8,16 +8,10 @@
 #include <random>
 #include <utility>
 
+#include "wall_clock.h"
+
 namespace mdencoder::http {
 namespace {
-
-constexpr double kLinesAtOnce = 3;
-constexpr auto kLineEach = std::chrono::seconds(60);
-
-uint64_t NowUs() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
-}
 
 std::string NewRun() {
   char text[16];
@@ -43,7 +37,7 @@ ApiSettings LivePage::MakeApiSettings(LivePageSettings& settings) {
   ApiSettings api;
   api.version = settings.version;
   api.run = NewRun();
-  api.startUs = NowUs();
+  api.startUs = common::WallClockUs();
   api.tiles = settings.http.tiles;
   api.attribution = settings.http.attribution;
   std::sort(settings.folders.begin(), settings.folders.end());

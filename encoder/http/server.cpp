@@ -55,8 +55,6 @@ constexpr auto kSecureLeaverEach = std::chrono::milliseconds(50);
 constexpr auto kFlowTime = std::chrono::milliseconds(500);  // for flows to end, when everything ends
 constexpr auto kReapTime = std::chrono::milliseconds(500);
 constexpr int kBacklog = 128;
-constexpr double kLinesAtOnce = 3;
-constexpr auto kLineEach = std::chrono::seconds(60);
 
 // --- Text --------------------------------------------------------------------------------------------
 

@@ -4,6 +4,7 @@
 #ifndef MDENCODER_HTTP_SERVER_H
 #define MDENCODER_HTTP_SERVER_H
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -15,6 +16,10 @@
 #include "http/settings.h"
 
 namespace mdencoder::http {
+
+// Lines of the log about clients: so many at once, and then one in a while, of each kind.
+constexpr double kLinesAtOnce = 3;
+constexpr std::chrono::seconds kLineEach{60};
 
 class Server {
  public:

@@ -22,7 +22,7 @@ namespace {
 constexpr char kHttpAllowed[] = "ADDRESS:PORT with a numeric address or localhost, as 127.0.0.1:8080";
 constexpr char kHostAllowed[] = "a list of names of hosts without ports";
 constexpr char kTilesAllowed[] = "a URL of http or https with {z}, {x} and {y} in its path";
-constexpr size_t kLongestName = 253;
+constexpr size_t kLongestHostName = 253;
 constexpr size_t kMostHosts = 32;
 constexpr size_t kLongestAttribution = 150;
 
@@ -34,7 +34,7 @@ bool IsLoopback(const Address& address) {
 
 bool IsHostName(const std::string& name) {
   const auto fits = [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.'; };
-  return !name.empty() && name.size() <= kLongestName && std::all_of(name.begin(), name.end(), fits);
+  return !name.empty() && name.size() <= kLongestHostName && std::all_of(name.begin(), name.end(), fits);
 }
 
 std::string LowerText(std::string text) {

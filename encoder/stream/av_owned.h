@@ -24,6 +24,10 @@ struct Free {
   void operator()(AVBSFContext* filter) const { av_bsf_free(&filter); }
   void operator()(AVFilterGraph* graph) const { avfilter_graph_free(&graph); }
 };
+struct CloseInput {
+  void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
+};
+using Input = std::unique_ptr<AVFormatContext, CloseInput>;
 using Frame = std::unique_ptr<AVFrame, Free>;
 using Packet = std::unique_ptr<AVPacket, Free>;
 using Codec = std::unique_ptr<AVCodecContext, Free>;

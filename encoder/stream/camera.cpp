@@ -58,7 +58,7 @@ class System : public CameraDriver {
 constexpr uint32_t kBuffers = 4;
 constexpr std::chrono::milliseconds kLook{100};  // between two questions whether to stop
 
-struct Format {
+struct CameraFormat {
   uint32_t camera;
   AVCodecID codec;
   AVPixelFormat pixels;
@@ -66,7 +66,7 @@ struct Format {
 };
 
 // In the order in which they are tried.
-constexpr Format kFormats[] = {
+constexpr CameraFormat kCameraFormats[] = {
     {V4L2_PIX_FMT_H264, AV_CODEC_ID_H264, AV_PIX_FMT_YUV420P, 0},
     {V4L2_PIX_FMT_YUYV, AV_CODEC_ID_RAWVIDEO, AV_PIX_FMT_YUYV422, 2},
     {V4L2_PIX_FMT_UYVY, AV_CODEC_ID_RAWVIDEO, AV_PIX_FMT_UYVY422, 2},
@@ -118,9 +118,9 @@ bool Camera::TryFormat(const CameraSettings& settings, uint32_t format) {
   wanted.fmt.pix.field = V4L2_FIELD_NONE;
   if (!m_driver->Control(VIDIOC_S_FMT, &wanted)) return false;
   const v4l2_pix_format& got = wanted.fmt.pix;
-  const auto known = std::find_if(std::begin(kFormats), std::end(kFormats),
-                                  [&](const Format& each) { return each.camera == got.pixelformat; });
-  if (got.pixelformat != format || known == std::end(kFormats) || got.width == 0 || got.height == 0) return false;
+  const auto known = std::find_if(std::begin(kCameraFormats), std::end(kCameraFormats),
+                                  [&](const CameraFormat& each) { return each.camera == got.pixelformat; });
+  if (got.pixelformat != format || known == std::end(kCameraFormats) || got.width == 0 || got.height == 0) return false;
   // libavcodec takes plain pixels without gaps between the lines.
   if (known->bytesPerPixel != 0 && got.bytesperline != got.width * known->bytesPerPixel) return false;
   m_codec->codec_type = AVMEDIA_TYPE_VIDEO;
@@ -133,9 +133,10 @@ bool Camera::TryFormat(const CameraSettings& settings, uint32_t format) {
 
 // The rate is a wish: not every camera knows it.
 void Camera::ChooseFormat(const CameraSettings& settings) {
-  const bool isChosen = std::any_of(std::begin(kFormats), std::end(kFormats), [&](const Format& format) {
-    return (settings.takesH264 || format.codec != AV_CODEC_ID_H264) && TryFormat(settings, format.camera);
-  });
+  const bool isChosen =
+      std::any_of(std::begin(kCameraFormats), std::end(kCameraFormats), [&](const CameraFormat& format) {
+        return (settings.takesH264 || format.codec != AV_CODEC_ID_H264) && TryFormat(settings, format.camera);
+      });
   if (!isChosen) throw std::runtime_error("has no format that is known here");
   v4l2_streamparm rate{};
   rate.type = V4L2_BUF_TYPE_VIDEO_CAPTURE;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // CONTENTS
-//   Input       is a file, a live stream or a camera, and gives packets of one video track
+//   VideoInput  is a file, a live stream or a camera, and gives packets of one video track
 //   Passing     puts them into Annex B form
 //   Encoding    decodes them and encodes the pictures
 //   Core        is what the thread does
@@ -37,21 +37,16 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kFirstPause = std::chrono::seconds(1);
-constexpr auto kLongestPause = std::chrono::seconds(30);
+constexpr auto kFirstVideoPause = std::chrono::seconds(1);
+constexpr auto kLongestVideoPause = std::chrono::seconds(30);
 constexpr auto kLongestOpening = std::chrono::seconds(15);
-constexpr auto kLongestSilence = std::chrono::seconds(15);
 constexpr AVRational kMicroseconds = {1, 1'000'000};
 constexpr int kMostPixels = 4096 * 2304;
 constexpr int64_t kUsualFrameUs = 40'000;
 constexpr int64_t kUnknown = INT64_MIN;
 constexpr size_t kMostHeld = 16;  // frames that wait for a decode time
 
-// --- Input -------------------------------------------------------------------------------------------
-
-struct CloseInput {
-  void operator()(AVFormatContext* input) const { avformat_close_input(&input); }
-};
+// --- Video input -------------------------------------------------------------------------------------
 
 // What the packets of an input are.
 struct Track {
@@ -60,15 +55,15 @@ struct Track {
   AVRational rate;  // on the average
 };
 
-class Input {
+class VideoInput {
  public:
-  virtual ~Input() = default;
+  virtual ~VideoInput() = default;
   virtual Track Describe() const = 0;
   // Returns false at the end. Throws std::runtime_error.
   virtual bool Next(AVPacket* packet) = 0;
 };
 
-class MediaInput : public Input {
+class MediaInput : public VideoInput {
  public:
   // Throws std::runtime_error.
   MediaInput(const StreamSettings& settings, std::function<bool()> isStopping) : m_isStopping(std::move(isStopping)) {
@@ -99,7 +94,7 @@ class MediaInput : public Input {
   bool Next(AVPacket* packet) override {
     for (;;) {
       av_packet_unref(packet);
-      m_deadline = Clock::now() + kLongestSilence;
+      m_deadline = Clock::now() + media_input::kLongestSilence;
       const int result = av_read_frame(m_context.get(), packet);
       if (result == AVERROR_EOF) return false;
       av::Require(result, "cannot be read further");
@@ -116,11 +111,11 @@ class MediaInput : public Input {
 
   const std::function<bool()> m_isStopping;
   Clock::time_point m_deadline;
-  std::unique_ptr<AVFormatContext, CloseInput> m_context;
+  av::Input m_context;
   int m_track = 0;
 };
 
-class CameraInput : public Input {
+class CameraInput : public VideoInput {
  public:
   // Throws std::runtime_error.
   CameraInput(const StreamSettings& settings, std::function<bool()> isStopping)
@@ -135,7 +130,7 @@ class CameraInput : public Input {
   Camera m_camera;
 };
 
-std::unique_ptr<Input> OpenInput(const StreamSettings& settings, std::function<bool()> isStopping) {
+std::unique_ptr<VideoInput> OpenInput(const StreamSettings& settings, std::function<bool()> isStopping) {
   if (settings.kind == StreamSettings::Video::Camera) {
     return std::make_unique<CameraInput>(settings, std::move(isStopping));
   }
@@ -362,7 +357,7 @@ class MediaReader::Core {
   // Reads to the end, and returns whether it was one without a fault.
   bool ReadOnce(std::string& reason) try {
     m_hadFrames = false;
-    const std::unique_ptr<Input> input = OpenInput(m_settings, [this] { return m_isStopped.load(); });
+    const std::unique_ptr<VideoInput> input = OpenInput(m_settings, [this] { return m_isStopped.load(); });
     const std::unique_ptr<Stage> stage = MakeStage(input->Describe(), m_settings);
     const av::Packet packet(av::Require(av_packet_alloc(), "packet"));
     while (!m_isStopped.load() && input->Next(packet.get())) {
@@ -378,7 +373,7 @@ class MediaReader::Core {
 
   void Give(MediaFrame frame) {
     m_hadFrames = true;
-    m_pause = kFirstPause;
+    m_pause = kFirstVideoPause;
     if (m_isFailing) {
       m_isFailing = false;
       m_say(false, Name() + " is read again");
@@ -399,7 +394,7 @@ class MediaReader::Core {
 
   void Pause() {
     const auto end = Clock::now() + m_pause;
-    m_pause = std::min<std::chrono::seconds>(m_pause * 2, kLongestPause);
+    m_pause = std::min<std::chrono::seconds>(m_pause * 2, kLongestVideoPause);
     const common::Lock lock(m_mutex);
     while (!m_isStopped.load() && Clock::now() < end) m_changed.WaitUntil(m_mutex, end);
   }
@@ -417,7 +412,7 @@ class MediaReader::Core {
   // Thread.
   bool m_hadFrames = false;  // of this opening
   bool m_isFailing = false;
-  std::chrono::seconds m_pause = kFirstPause;
+  std::chrono::seconds m_pause = kFirstVideoPause;
 
   common::Mutex m_mutex;  // leaf
   common::Condition m_changed;

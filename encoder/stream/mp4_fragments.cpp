@@ -8,7 +8,7 @@
 namespace mdencoder {
 namespace {
 
-constexpr int kBuffer = 65536;
+constexpr int kWriteBuffer = 65536;
 constexpr AVRational kClock = {1, 90'000};
 constexpr int64_t kUsualFrame = 3'600;
 constexpr int64_t kLongestFrame = 90'000;
@@ -40,8 +40,8 @@ void Mp4Fragments::Begin(const std::vector<uint8_t>& sets) {
   m_sets = sets;
   m_lastDts = 0;
   av::Require(avformat_alloc_output_context2(&m_format, nullptr, "mp4", nullptr), "mp4");
-  auto* const buffer = static_cast<unsigned char*>(av::Require(av_malloc(kBuffer), "mp4"));
-  m_format->pb = avio_alloc_context(buffer, kBuffer, 1, this, nullptr, &Mp4Fragments::Collect, nullptr);
+  auto* const buffer = static_cast<unsigned char*>(av::Require(av_malloc(kWriteBuffer), "mp4"));
+  m_format->pb = avio_alloc_context(buffer, kWriteBuffer, 1, this, nullptr, &Mp4Fragments::Collect, nullptr);
   if (m_format->pb == nullptr) av_free(buffer);
   av::Require(m_format->pb, "mp4");
   m_format->flags |= AVFMT_FLAG_CUSTOM_IO | AVFMT_FLAG_BITEXACT;

@@ -16,6 +16,7 @@
 #include "metadata_lib.h"
 #include "st0601_items.h"
 #include "stream_url.h"
+#include "wall_clock.h"
 
 namespace mdencoder {
 namespace {
@@ -25,11 +26,6 @@ constexpr int64_t kPreludeUs = 3'000'000;  // in which the video should come; me
 constexpr int64_t kPauseUs = 3'000'000;    // without a frame, after which no pictures are coming
 constexpr int64_t kWallStepUs = 1'000;     // by which the time of day is followed
 constexpr auto kFailedLine = std::string_view(": the video has ended, messages go on: ");
-
-int64_t WallClockUs() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
 
 bool FollowsReference() {
   timex state{};
@@ -59,7 +55,7 @@ Stream::Stream(const StreamSettings& settings, const std::vector<std::string>& s
     const common::Lock lock(m_mutex);
     m_report.name = m_settings.name;
     m_report.video = stream_url::Shown(m_settings.video);
-    m_wallUs = m_firstWallUs = WallClockUs();
+    m_wallUs = m_firstWallUs = static_cast<int64_t>(common::WallClockUs());
     for (const std::string& source : m_settings.sources.empty() ? sources : m_settings.sources) OriginOf(source);
   }
   m_isLocked = FollowsReference();
@@ -226,7 +222,7 @@ void Stream::Step() {
 // The stream's clock never jumps; the time of day may. A thread that was held up between the two clocks has learnt nothing.
 void Stream::ReadWall() {
   const int64_t nowUs = Now();
-  const int64_t wallUs = WallClockUs() - nowUs;
+  const int64_t wallUs = static_cast<int64_t>(common::WallClockUs()) - nowUs;
   if (Now() - nowUs > kWallStepUs / 2) return;
   const common::Lock lock(m_mutex);
   if (std::abs(wallUs - m_wallUs) > kWallStepUs) m_wallUs = wallUs;

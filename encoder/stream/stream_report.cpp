@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "print.h"
+
 namespace mdencoder {
 namespace {
 
@@ -18,13 +20,6 @@ Json TrackJson(const StreamReport::Track& track) {
           {"offset_ms", static_cast<double>(track.offsetUs) / 1000},
           {"difference_ms", static_cast<double>(track.differenceUs) / 1000},
           {"drift_ppm", track.driftPpm}};
-}
-
-template <typename... Arguments>
-std::string Print(const char* format, Arguments... arguments) {
-  char text[512];
-  std::snprintf(text, sizeof(text), format, arguments...);
-  return text;
 }
 
 unsigned long long Long(uint64_t number) {

@@ -28,7 +28,7 @@ constexpr std::string_view kEncodings[] = {"h264", "copy"};
 constexpr std::string_view kCarriages[] = {"synchronous", "asynchronous"};
 constexpr std::string_view kTracks[] = {"each", "merged"};
 constexpr std::string_view kLiveSchemes[] = {"udp", "rtp", "srt", "rtsp", "rtsps", "http", "https", "tcp"};
-constexpr size_t kLongestName = 40;
+constexpr size_t kLongestStreamName = 40;
 constexpr size_t kLongestUrl = 1000;
 constexpr int kLeastSide = 64;
 constexpr int kMostSide = 3840;
@@ -153,7 +153,7 @@ StreamSettings ReadStream(const IniSection& ini, const std::string& iniPath) {
   const auto fits = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
   };
-  if (stream.name.empty() || stream.name.size() > kLongestName ||
+  if (stream.name.empty() || stream.name.size() > kLongestStreamName ||
       !std::all_of(stream.name.begin(), stream.name.end(), fits)) {
     throw ConfigError("[" + ini.name + "] must be \"stream \" and a name of up to 40 letters, digits, '_' and '-'");
   }

@@ -19,9 +19,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto kFirstPause = std::chrono::seconds(1);
-constexpr auto kLongestPause = std::chrono::seconds(30);
-constexpr auto kFarewell = std::chrono::seconds(3);
+constexpr auto kFirstOutputPause = std::chrono::seconds(1);
+constexpr auto kLongestOutputPause = std::chrono::seconds(30);
+constexpr auto kEmptyingTime = std::chrono::seconds(3);
 
 }  // namespace
 
@@ -67,9 +67,9 @@ class TsOutput::Core {
   bool Finish() {
     const common::Lock lock(m_mutex);
     m_isStopped = true;
-    m_end = Clock::now() + kFarewell;
+    m_end = Clock::now() + kEmptyingTime;
     m_changed.NotifyAll();
-    const auto end = m_end + kFirstPause;
+    const auto end = m_end + kFirstOutputPause;
     while (!m_isDone) {
       if (!m_changed.WaitUntil(m_mutex, end)) break;
     }
@@ -92,7 +92,7 @@ class TsOutput::Core {
       if (m_queue.empty() && m_isStopped) return nullptr;
       if (m_isStopped && Clock::now() >= m_end) return nullptr;
       if (m_queue.empty()) {
-        m_changed.WaitUntil(m_mutex, m_sink->IsOpen() ? Clock::now() + kLongestPause : m_nextTry);
+        m_changed.WaitUntil(m_mutex, m_sink->IsOpen() ? Clock::now() + kLongestOutputPause : m_nextTry);
         continue;
       }
       auto chunk = m_queue.front();
@@ -107,7 +107,7 @@ class TsOutput::Core {
     if (m_sink->Open(reason)) return;
     Fail(reason);
     m_nextTry = Clock::now() + m_pause;
-    m_pause = std::min<std::chrono::seconds>(m_pause * 2, kLongestPause);
+    m_pause = std::min<std::chrono::seconds>(m_pause * 2, kLongestOutputPause);
   }
 
   void Write(const TsChunk& chunk) {
@@ -121,7 +121,7 @@ class TsOutput::Core {
       if (!reason.empty()) Fail(reason);
       return;
     }
-    m_pause = kFirstPause;
+    m_pause = kFirstOutputPause;
     uint64_t lost = 0;
     {
       const common::Lock lock(m_mutex);
@@ -158,7 +158,7 @@ class TsOutput::Core {
   // Thread.
   std::unique_ptr<TsSink> m_sink;
   Clock::time_point m_nextTry;
-  std::chrono::seconds m_pause = kFirstPause;
+  std::chrono::seconds m_pause = kFirstOutputPause;
 
   common::Mutex m_mutex;  // leaf, but for the lines
   common::Condition m_changed;

@@ -25,6 +25,7 @@
 #include <system_error>
 #include <utility>
 
+#include "address_list.h"
 #include "av_owned.h"
 #include "growing_file.h"
 #include "owned_fd.h"
@@ -68,10 +69,6 @@ class FileSink : public TsSink {
 
 // --- Datagrams ---------------------------------------------------------------------------------------
 
-struct FreeAddresses {
-  void operator()(addrinfo* list) const { freeaddrinfo(list); }
-};
-
 class DatagramSink : public TsSink {
  public:
   explicit DatagramSink(StreamOutput output) : m_output(std::move(output)) {}
@@ -87,7 +84,7 @@ class DatagramSink : public TsSink {
       reason = gai_strerror(result);
       return false;
     }
-    const std::unique_ptr<addrinfo, FreeAddresses> list(found);
+    const common::AddressList list(found);
     std::memcpy(&m_address, list->ai_addr, list->ai_addrlen);
     m_addressSize = list->ai_addrlen;
     common::OwnedFD fd(socket(list->ai_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));

@@ -153,4 +153,8 @@ struct Host::Impl {
   std::string DescribeBlocks();
 };
 
+inline Host::Impl& Fake() {
+  return *host().impl;
+}
+
 #endif  // FAKE_IMPL_H

@@ -22,9 +22,6 @@
 
 #include "fake_impl.h"
 
-static Host::Impl& Fake() {
-  return *host().impl;
-}
 static bool IsFake(int fd) {
   return g_testUnderWay && fd >= kFirstFakeFD;
 }

@@ -11,10 +11,6 @@
 
 #include "fake_impl.h"
 
-static Host::Impl& Fake() {
-  return *host().impl;
-}
-
 // Counts the call only while a failure is requested, so that Host::Calls does not report allocations.
 static bool IsRefused(const char* name) {
   if (!g_testUnderWay) return false;

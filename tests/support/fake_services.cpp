@@ -23,10 +23,6 @@
 
 #include "fake_impl.h"
 
-static Host::Impl& Fake() {
-  return *host().impl;
-}
-
 static std::string Format(const char* format, va_list arguments) {
   va_list copy;
   va_copy(copy, arguments);

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <fstream>
 #include <iterator>
@@ -16,6 +15,7 @@
 #include "error.h"
 #include "klv_flight.h"
 #include "value_text.h"
+#include "wall_clock.h"
 
 namespace mdfeed {
 namespace {
@@ -59,11 +59,6 @@ class Recorded : public Traffic {
   size_t m_next = 0;
 };
 
-int64_t Now() {
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
-}
-
 // The clock of the flight, with one state per tick. What stands between the start of the program and its first message,
 // such as a reader that is waited for, is not part of a flight that starts now.
 class FlightTicks {
@@ -71,7 +66,7 @@ class FlightTicks {
   FlightTicks(FlightOptions flight, int64_t intervalUs) : m_options(std::move(flight)), m_intervalUs(intervalUs) {}
   FlightState Next() {
     if (!m_flight) {
-      if (m_options.startsNow) m_options.startUs = Now();
+      if (m_options.startsNow) m_options.startUs = static_cast<int64_t>(common::WallClockUs());
       m_flight.emplace(m_options);
     }
     m_flight->AdvanceTo(m_tick++ * m_intervalUs);
