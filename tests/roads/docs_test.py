@@ -13,7 +13,7 @@ import re
 import subprocess
 
 import harness
-import recipe
+import pages
 from harness import EndToEndTest
 
 SOURCE = pathlib.Path(harness.options.source)
@@ -24,10 +24,9 @@ SYSTEM = {"apt-get", "cat", "cc", "cd", "cmake", "cp", "ctest", "curl", "export"
 
 
 def all_blocks():
-    for page in recipe.pages():
-        text = page.read_text()
-        for found in recipe.FENCE.finditer(text):
-            yield page, text[:found.start()].count("\n") + 1, found[1], found[2]
+    for page in pages.pages(SOURCE):
+        for line, kind, body in pages.fenced(page):
+            yield page, line, kind, body
 
 
 def literals():
