@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """An installed tree that was moved afterwards builds the README's example by its own line, by CMake, by make and with
-dlopen, and the programs run. Nothing in the tree names the folder it was installed to or built in."""
+dlopen, and the programs run; the commands of README and guide find it as /opt/metadata. Nothing in the tree names the
+folder it was installed to or built in."""
 import argparse
 import os
 import pathlib
@@ -11,6 +12,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
@@ -20,6 +22,8 @@ for option in ("cmake", "build", "source", "version"):
     parser.add_argument("--" + option, required=True)
 options, rest = parser.parse_known_args()
 SOURCE = pathlib.Path(options.source).resolve()
+sys.path.append(str(SOURCE / "tests/roads"))
+import pages
 
 KLV = bytes.fromhex("060E2B34020B01010E01030101000000") + bytes([10, 2, 8]) + bytes(8)
 TEXT = {".pc", ".cmake", ".txt", ".md", ".h", ".c", ".ini", ""}
@@ -48,6 +52,16 @@ target_link_libraries(user PRIVATE metadata_lib::metadata_lib)
 """
 LIBRARY_USER = "#include <metadata_lib/metadata_lib.h>\nBOOL start(void) { return METADATALIB_Init(2u); }\n"
 
+# Runs commands with a folder in the place of /opt/metadata, which the machine may have or not.
+IN_OPT = """
+mount -t tmpfs tmpfs "$2"
+mkdir "$2/upper" "$2/work"
+mount -t overlay -o "lowerdir=/opt,upperdir=$2/upper,workdir=$2/work" overlay /opt
+mkdir -p /opt/metadata
+mount --bind "$1" /opt/metadata
+eval "$3"
+"""
+
 
 def run(*command, **settings):
     done = subprocess.run(command, capture_output=True, text=True, timeout=240, **settings)
@@ -56,12 +70,12 @@ def run(*command, **settings):
     return done.stdout
 
 
-def first_line(program, port, datagrams, environment):
-    """What the program prints first while it is sent the datagrams; it must end well on SIGINT."""
-    process = subprocess.Popen([program], stdout=subprocess.PIPE, env=environment)
+def first_line(command, port, datagrams, environment):
+    """What a program prints first while it is sent the datagrams; it must end well on SIGINT."""
+    process = subprocess.Popen(command, stdout=subprocess.PIPE, env=environment)
     line = b""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
-        deadline = time.monotonic() + 20
+        deadline = time.monotonic() + 60
         while time.monotonic() < deadline and process.poll() is None and not line:
             for datagram in datagrams:
                 sender.sendto(datagram, ("127.0.0.1", port))
@@ -114,15 +128,49 @@ class Tree(unittest.TestCase):
         self.assertEqual(re.search(r"^```c\n(.*?)^```", readme, re.S | re.M).group(1),
                          (SOURCE / "example/encoder.c").read_text())
 
+    def in_opt(self, prefix, commands):
+        """What runs commands of the documents, for which the prefix is /opt/metadata."""
+        layer = tempfile.mkdtemp(dir=self.scratch)
+        return "unshare", "--mount", "--propagation", "private", "sh", "-euc", IN_OPT, "sh", prefix, layer, commands
+
     def test_the_readmes_lines_build_it_with_either_compiler(self):
-        lines = re.search(r"^```sh\n(export PKG_CONFIG_PATH.*?)^```", (SOURCE / "README.md").read_text(),
-                          re.S | re.M).group(1)
-        self.assertEqual(lines.count("/opt/metadata/lib"), 2)
-        lines = lines.replace("/opt/metadata/lib", str(self.libdir))
+        lines = pages.block(SOURCE, "README.md#3")
         for compiler in ("gcc", "clang-14"):
             folder = self.fresh("encoder.c")
-            run("sh", "-euc", re.sub(r"^cc ", compiler + " ", lines, flags=re.M), cwd=folder)
+            (folder / "cc").symlink_to(shutil.which(compiler))
+            run(*self.in_opt(self.prefix, lines), cwd=folder, env={**os.environ, "PATH": f"{folder}:{os.environ['PATH']}"})
             self.prints_klv(folder / "encoder")
+
+    def test_the_readmes_lines_configure_and_install(self):
+        """What is installed was built by the tests' preset. The build between is that of docs/integration.md, word by
+        word, which scripts/fresh follows in a bare root: it takes minutes."""
+        configure, build = pages.commands(pages.block(SOURCE, "README.md#2"))
+        guide = pages.commands(pages.block(SOURCE, "docs/integration.md#1"))
+        self.assertEqual(guide.count(configure) + guide.count(build), 2)
+        folder = self.fresh()
+        for path in SOURCE.iterdir():
+            if path.name != "build":
+                (folder / path.name).symlink_to(path)
+        said = run("sh", "-euc", f"exec 2>&1\n{configure}", cwd=folder)
+        self.assertNotIn("not used by the project", said)
+        self.assertTrue((folder / "build/install/cmake_install.cmake").exists())
+        shutil.rmtree(folder / "build/install")
+        (folder / "build/install").symlink_to(pathlib.Path(options.build).resolve())
+        (folder / "installed").mkdir()
+        run(*self.in_opt(folder / "installed", build.split(" && ")[1]), cwd=folder)
+        self.assertEqual(self.names(folder / "installed"), self.names(self.prefix))
+
+    def test_the_guides_lines_build_and_run_the_examples(self):
+        """Of "First run", what follows the installation. What precedes it needs a bare root (scripts/fresh)."""
+        commands = pages.commands(pages.block(SOURCE, "docs/integration.md#1"))
+        copy = next(number for number, command in enumerate(commands) if "--install" in command) + 1
+        programs = [command for command in commands[copy:] if "./encoder" in command]
+        self.assertEqual(len(programs), 2)
+        build = commands[copy:commands.index(programs[0])]
+        for program in programs:
+            text = "\n".join(["mount -t tmpfs tmpfs /tmp", "exec 3>&1 >&2", *build, "exec >&3 3>&-", "exec env " + program])
+            line = first_line(self.in_opt(self.prefix, text), 15000, [KLV], os.environ)
+            self.assertEqual(line, ("camera #0: 27 bytes", 0))
 
     def test_make_builds_both_programs(self):
         folder = self.fresh("encoder.c", "encoder_dlopen.c", "minimal_host.c", "Makefile")
@@ -210,13 +258,15 @@ class Tree(unittest.TestCase):
                     self.assertNotIn(place, text, path)
         self.assertGreater(seen, 20)
 
+    @staticmethod
+    def names(root):
+        return sorted(str(path.relative_to(root)) for path in root.rglob("*"))
+
     def test_destdir_gets_the_same_tree(self):
-        def names(root):
-            return sorted(str(path.relative_to(root)) for path in root.rglob("*"))
         staged = self.scratch / "staged"
         run(options.cmake, "--install", options.build, "--prefix", "/opt/metadata",
             env=dict(os.environ, DESTDIR=str(staged)))
-        self.assertEqual(names(staged / "opt/metadata"), names(self.prefix))
+        self.assertEqual(self.names(staged / "opt/metadata"), self.names(self.prefix))
         shutil.rmtree(staged)
 
     def test_every_header_and_page_is_there(self):

@@ -57,7 +57,7 @@ class CotOut(EndToEndTest):
 
     def test_the_recipe_of_the_page_feeds_map_clients(self):
         listener = self.receiver(6969, "239.2.3.1")
-        recipe = Recipe(self, "outputs/cot")
+        recipe = Recipe(self, "docs/outputs/cot.md#1")
         events = []
         # On a busy machine the messages may come all at once, so that a run ends before its first events are due.
         for _ in range(5):

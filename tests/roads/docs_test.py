@@ -1,33 +1,57 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Every fenced block of README and docs says what it is, and is checked as that.
+"""Every fenced block of README and docs says what it is, and is run or checked as that.
 
-    ini           a configuration of mdencoder, or keys of a source; ini host, ini library, ini unit are other files
-    sh            commands: those of a recipe are run by the test that names its page, of others programs and options exist
+    ini           a configuration of mdencoder, or keys of a source: mdencoder reads it
+    ini host      a configuration of the host runtime: mdencoder reads it
+    ini library   the library's own file: rewriting_test.py runs the library with it
+    ini unit      a change to a unit of systemd: boot_test.py starts the service with it
+    sh            commands: a test runs them as they are printed, and has the name of the block as a literal
     text          what a program says: the words are those of the sources; text drawing is none
     json          one value, or one on each line
-    c, cmake      the names of the library are those of its headers"""
+    c             a program, which tree_test.py builds and runs, or statements, which are compiled with the headers
+    cmake         tree_test.py builds a program with these lines"""
+import ast
 import json
 import pathlib
 import re
 import subprocess
 
 import harness
-import recipe
+import pages
 from harness import EndToEndTest
 
 SOURCE = pathlib.Path(harness.options.source)
 HERE = pathlib.Path(__file__).parent
-# Programs of the system that commands begin with.
-SYSTEM = {"apt-get", "cat", "cc", "cd", "cmake", "cp", "ctest", "curl", "export", "ffmpeg", "ffplay", "ffprobe", "git",
-          "gst-launch-1.0", "journalctl", "mkdir", "mpv", "npm", "socat", "systemctl", "tcpdump", "vlc"}
+# Blocks that a script runs, with what prints the commands that it takes from the page. It takes too long for a test:
+# scripts/fresh runs it in a bare root.
+BY_SCRIPTS = {"docs/integration.md#1": ("scripts/follow-guide", "docs/integration.md", "--list")}
+# A function around statements.
+STATEMENTS = """#include "metadata_lib.h"
+BOOL in_callback(MDATA_BUFFER* buffer);
+void later(MDATA_BUFFER* buffer);
+BOOL in_callback(MDATA_BUFFER* buffer) {{ {}
+  return TRUE; }}
+void later(MDATA_BUFFER* buffer) {{ {} }}
+"""
 
 
 def all_blocks():
-    for page in recipe.pages():
-        text = page.read_text()
-        for found in recipe.FENCE.finditer(text):
-            yield page, text[:found.start()].count("\n") + 1, found[1], found[2]
+    for page in pages.pages(SOURCE):
+        for line, kind, body in pages.fenced(page):
+            yield page, line, kind, body
+
+
+def runners():
+    """Returns the names of blocks that stand in the tests as literals, each with the tests that have it."""
+    found = {}
+    for path in sorted((SOURCE / "tests").rglob("*_test.py")):
+        if path.resolve() == pathlib.Path(__file__).resolve():
+            continue
+        for node in ast.walk(ast.parse(path.read_text())):
+            if isinstance(node, ast.Constant) and isinstance(node.value, str) and pages.NAME.fullmatch(node.value):
+                found.setdefault(node.value, set()).add(path)
+    return found
 
 
 def literals():
@@ -72,37 +96,25 @@ class Docs(EndToEndTest):
             (self.folder / "host.ini").write_text(config)
             self.check_text("[source]\ninput = udp\nport = 5000\n", "--host-config", str(self.folder / "host.ini"))
 
-    def test_other_files_have_sections_and_keys(self):
-        for _, config in self.each("ini library", "ini unit"):
-            for line in config.splitlines():
-                self.assertRegex(line, r"^(\[\w+\]|\w+ ?= ?\S.*|[;#].*)$", self.place)
+    def test_other_files_are_read_by_their_tests(self):
+        for kind, name in (("ini library", "rewriting_test.py"), ("ini unit", "boot_test.py")):
+            self.assertIn(f'pages.blocks(page, "{kind}")', (HERE / name).read_text())
 
-    def is_run(self, page):
-        """Returns whether a test runs the recipe of a page, which it then names."""
-        name = page.relative_to(SOURCE / "docs").with_suffix("").as_posix() if page.name != "README.md" else "README.md"
-        tests = "".join(path.read_text() for path in sorted(HERE.glob("*_test.py")) if path != pathlib.Path(__file__))
-        wanted = (f'"{name}"', f'"{pathlib.Path(name).name}"', f"{name}.md")
-        return "recipe" in tests.lower() and any(word in tests for word in wanted)
+    def test_each_block_of_commands_is_run(self):
+        found = runners()
+        self.assertEqual(set(found) | set(BY_SCRIPTS), set(pages.names(SOURCE)))
+        for name, tests in found.items():
+            for path in tests:
+                lists = (path.parent / "CMakeLists.txt").read_text()
+                known = re.search(rf"\b{path.stem.removesuffix('_test')}\b", lists)
+                self.assertTrue(known, f"{path} runs {name}, and is no test")
 
-    def test_commands_are_run_or_can_be(self):
-        help_texts = "".join(
-            subprocess.run([program, *words, "--help"], capture_output=True, text=True, timeout=60 * harness.SLOW).stdout
-            for program, *words in ((harness.options.encoder,), (harness.options.encoder, "inspect"),
-                                    (harness.options.encoder, "decode"), (harness.options.feed,),
-                                    *((harness.options.feed, kind) for kind in ("klv", "cot", "anc", "ts"))))
-        for page, body in self.each("sh"):
-            if self.is_run(page):
-                continue
-            for command in re.split(r"\n|&&|\|(?!\|)", body.replace("\\\n", " ")):
-                words = command.split("#")[0].split()
-                if not words:
-                    continue
-                program = words[0]
-                own = program in ("mdencoder", "mdfeed")
-                self.assertTrue(own or program in SYSTEM or (SOURCE / program).exists() or "=" in program
-                                or pathlib.Path(program).name.split("-")[-1] in ("strip", "jq"), f"{self.place}: {program}: {command}")
-                for option in re.findall(r"--[a-z][a-z-]*", command) if own else ():
-                    self.assertRegex(help_texts, rf"{option}\b", f"{self.place}: {command}")
+    def test_scripts_run_the_blocks_that_are_theirs(self):
+        for name, (script, *words) in BY_SCRIPTS.items():
+            taken = subprocess.run([SOURCE / script, *words], cwd=SOURCE, capture_output=True, text=True, check=True).stdout
+            printed = [re.sub(r"  *# .*", "", command) for command in pages.commands(pages.block(SOURCE, name))]
+            self.assertEqual(taken.splitlines(), printed, name)
+            self.assertIn(f"{script} ", (SOURCE / "scripts/fresh").read_text())
 
     def test_lines_are_those_of_the_programs(self):
         texts = literals()
@@ -121,12 +133,19 @@ class Docs(EndToEndTest):
                 for line in body.splitlines():
                     json.loads(line)
 
-    def test_names_are_those_of_the_headers(self):
-        headers = "".join(path.read_text() for folder in ("metadata_lib/include", "host", "host_runtime")
-                          for path in sorted((SOURCE / folder).glob("*.h")))
+    def test_c_is_compiled(self):
+        """Statements before a line of dots are those of a callback, and others come later."""
+        readme = (SOURCE / "example/encoder.c").read_text()
+        folders = [f"-I{SOURCE / name}" for name in ("metadata_lib/include", "host")]
         for _, body in self.each("c"):
-            for name in re.findall(r"\b(?:METADATALIB|MetaData|HostRuntime|MDATA)_\w+", body):
-                self.assertTrue(re.search(rf"\b{name}\b", headers), f"{self.place}: {name}")
+            text = body if "int main(" in body else STATEMENTS.format(*(body.split("...\n") + [""])[:2])
+            self.assertTrue(text != body or body == readme, f"{self.place}: only the README's program is run")
+            done = subprocess.run(["cc", "-std=gnu11", "-Wall", "-Wextra", "-Werror", "-fsyntax-only", *folders, "-x", "c", "-"],
+                                  input=text, capture_output=True, text=True)
+            self.assertEqual(done.returncode, 0, f"{self.place}: {done.stderr}")
+
+    def test_cmake_is_that_of_the_readme(self):
+        self.assertEqual([page.name for page, _ in self.each("cmake")], ["README.md"])
 
 
 if __name__ == "__main__":

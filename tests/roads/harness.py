@@ -112,6 +112,12 @@ def udp_queue(port):
     return sum(int(line.split()[4].split(":")[1], 16) for line in tables.splitlines() if f":{port:04X} " in line)
 
 
+def has_failed(test):
+    """Returns whether a test that still runs has failed already."""
+    result = test._outcome.result
+    return any(each is test for each, _ in result.failures + result.errors)
+
+
 class EndToEndTest(unittest.TestCase):
     def setUp(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="metadata_"))
@@ -125,10 +131,8 @@ class EndToEndTest(unittest.TestCase):
             process.wait()
             if process.stdout:
                 process.stdout.close()
-        result = self._outcome.result
-        failed = any(test is self for test, _ in result.failures + result.errors)
         log = self.folder / "host.log"
-        if failed and log.exists():
+        if has_failed(self) and log.exists():
             print("--- host.log, last lines", file=sys.stderr)
             print("\n".join(log.read_text(errors="replace").splitlines()[-40:]), file=sys.stderr)
         shutil.rmtree(self.folder)

@@ -6,6 +6,7 @@ import base64
 import http.client
 import json
 import pathlib
+import re
 import signal
 import socket
 import ssl
@@ -151,12 +152,21 @@ class Http(EndToEndTest):
         self.assertEqual(value[3], "M")
 
     def test_the_recipe_of_the_page_asks_for_the_last_message(self):
-        recipe = Recipe(self, "outputs/http_api")
+        recipe = Recipe(self, "docs/outputs/http_api.md#1")
+        following = Recipe(self, "docs/outputs/http_api.md#2")
         self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
         self.wait_for(lambda: harness.udp_port_open(15000) and "the live page is at" in (self.folder / "encoder.err").read_text(),
                       "the page")
+        events = self.folder / "events"
+        curl = following.start(0, stdout=self.output(events.name), stderr=subprocess.DEVNULL)
+        self.wait_for(lambda: "event: hello" in events.read_text(), "the greeting")
         recipe.run(1)
         self.wait_for(lambda: '"platform":' in recipe.run(2), "the message")
+        self.wait_for(lambda: "event: message" in events.read_text(), "an event")
+        whole = events.read_text().rpartition("\n\n")[0]
+        self.assertLessEqual(set(re.findall(r"^event: (\w+)", whole, re.M)), {"hello", "message"})
+        curl.send_signal(signal.SIGINT)
+        curl.wait(timeout=30 * harness.SLOW)
         self.encoder_process.send_signal(signal.SIGINT)
         self.assertEqual(self.encoder_process.wait(timeout=30 * harness.SLOW), 0)
 

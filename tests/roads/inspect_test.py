@@ -180,7 +180,7 @@ class Inspect(EndToEndTest):
         self.assertIn("numeric address", self.look("inspect", "udp://host:1", expected=1).stderr)
 
     def test_the_recipe_of_the_page_does_what_it_says(self):
-        recipe = Recipe(self, "outputs/inspect", COLUMNS="120")
+        recipe = Recipe(self, "docs/outputs/inspect.md#1", COLUMNS="120")
         recipe.run(0)
         report = recipe.run(1)
         self.assertRegex(report, r"^flight\.ts: mpegts, 2 streams, \d+ messages, 0 faults\n")

@@ -17,17 +17,16 @@ UDP = "[udp]\ninput = udp\nport = 15000\nfamily = ipv4\n"
 
 
 class Output(EndToEndTest):
-    def printed(self, page):
-        """Runs the two commands of a page, and returns what the encoder printed."""
-        recipe = Recipe(self, f"outputs/{page}", COLUMNS="120")
+    def printed(self, name):
+        """Runs the two commands of a page."""
+        recipe = Recipe(self, name, COLUMNS="120")
         self.encoder_process = recipe.start(0, stdout=self.output("printed"), stderr=self.output("encoder.err"))
         self.wait_for(lambda: harness.udp_port_open(15000), "the port")
         recipe.run(1)
         self.assertEqual(self.encoder_process.wait(timeout=30 * harness.SLOW), 0)
-        return recipe
 
     def test_the_table_has_the_chosen_columns(self):
-        self.printed("table")
+        self.printed("docs/outputs/table.md#1")
         lines = (self.folder / "printed").read_text().splitlines()
         self.assertEqual(lines[0].split(), ["ARRIVAL", "SOURCE", "CHECKSUM", "SENSOR", "LAT", "SENSOR", "LON", "SLANT",
                                             "RANGE"])
@@ -37,7 +36,7 @@ class Output(EndToEndTest):
         self.assertEqual({(row[1], row[2]) for row in rows}, {("aircraft", "ok")})
 
     def test_json_lines_have_the_chosen_items(self):
-        self.printed("json")
+        self.printed("docs/outputs/json.md#1")
         lines = [json.loads(line) for line in (self.folder / "messages.jsonl").read_text().splitlines()]
         messages = [line for line in lines if line["type"] == "message"]
         self.assertEqual(len(messages), 20)
@@ -45,7 +44,7 @@ class Output(EndToEndTest):
             self.assertEqual([item["key"] for item in message["items"]], ["time", "sensor_lat", "sensor_lon"])
 
     def test_csv_is_read_by_another_reader(self):
-        self.printed("csv")
+        self.printed("docs/outputs/csv.md#1")
         data = (self.folder / "flight.csv").read_bytes()
         self.assertEqual(data.count(b"\r\n"), data.count(b"\n"))
         rows = list(csv.DictReader(data.decode().splitlines()))

@@ -164,7 +164,7 @@ class Flight(Page):
         self.assertIn("127.0.0.1:15999", rows()["aircraft"][8])
 
     def test_the_recipe_of_the_page_shows_a_flight(self):
-        recipe = Recipe(self, "outputs/live_page")
+        recipe = Recipe(self, "docs/outputs/live_page.md#1")
         self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
         self.wait_for(self.answers, "the page's address")
         self.wait_for(lambda: harness.udp_port_open(15000), "the encoder's port")

@@ -1,12 +1,15 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """Reads rewritten ST 0601 messages with an independent decoder."""
+import pathlib
 import struct
 import subprocess
 
 import harness
+import pages
 from harness import EndToEndTest, items, recording, split_messages
 
+SOURCE = pathlib.Path(harness.options.source)
 PORT = 15621
 PLAIN = f"[plain]\ninput = udp\nport = {PORT}\nfamily = ipv4\n"
 REWRITTEN = (f"[out]\ninput = udp\nport = {PORT + 1}\nfamily = ipv4\nkeep_tags = 2, 13, 14, 65\n"
@@ -92,6 +95,17 @@ class Rewriting(EndToEndTest):
     def test_the_librarys_own_file_wins(self):
         (self.folder / "hostos.ini").write_text("[UASLocalSet]\nExtendedTags = No\n")
         self.assert_passes_as_it_came(host=f"[files]\n/etc/hostos.ini = {self.folder}/hostos.ini\n")
+
+    def test_the_file_on_the_page_makes_the_library_read_them(self):
+        before, _, after = self.EXTENDED
+        texts = [text for page in pages.pages(SOURCE) for text in pages.blocks(page, "ini library")]
+        self.assertGreater(len(texts), 0)
+        for text in texts:
+            (self.folder / "hostos.ini").write_text(text)
+            self.assertEqual(self.rewritten(self.TIME + b"".join(self.EXTENDED), PORT + 5,
+                                            encoder="[encoder]\nextended_tags = no\n",
+                                            host=f"[files]\n/etc/hostos.ini = {self.folder}/hostos.ini\n"),
+                             self.TIME + before + self.MISSION + after + self.CLASSIFIED)
 
     def test_ffmpeg_carries_the_rewritten_stream(self):
         if self.path is None:

@@ -289,7 +289,7 @@ class Stream(EndToEndTest):
         self.assertEqual(summary["sources"][0]["messages"], 10)
 
     def test_the_recipe_of_the_page_makes_a_stream(self):
-        recipe = Recipe(self, "outputs/stream")
+        recipe = Recipe(self, "docs/outputs/stream.md#1")
         self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
         self.wait_for(lambda: harness.udp_port_open(15000), "the port")
         recipe.run(1)

@@ -166,7 +166,7 @@ class Track(EndToEndTest):
             subprocess.run(["xmllint", "--noout", self.folder / f"udp.{name}"], check=True)
 
     def test_the_recipe_of_the_page_makes_a_map(self):
-        recipe = Recipe(self, "outputs/track")
+        recipe = Recipe(self, "docs/outputs/track.md#1")
         self.encoder_process = recipe.start(0, stdout=subprocess.DEVNULL, stderr=self.output("encoder.err"))
         self.wait_for(lambda: harness.udp_port_open(15000), "the port")
         recipe.run(1)

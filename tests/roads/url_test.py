@@ -300,9 +300,11 @@ class Url(EndToEndTest):
         self.stop()
 
     def test_the_recipes_of_the_pages_work(self):
-        for page, rows in (("transport_stream", 20), ("rtp", 20), ("srt_rtsp", 20), ("recording", 15), ("capture_file", 50), ("serial", 20)):
-            with self.subTest(page=page):
-                shown = Recipe(self, f"sources/{page}").run_all().splitlines()
+        for name, rows in (("docs/sources/transport_stream.md#1", 20), ("docs/sources/rtp.md#1", 20),
+                           ("docs/sources/srt_rtsp.md#1", 20), ("docs/sources/recording.md#1", 15),
+                           ("docs/sources/capture_file.md#1", 50), ("docs/sources/serial.md#1", 20)):
+            with self.subTest(name=name):
+                shown = Recipe(self, name).run_all().splitlines()
                 self.assertGreaterEqual(sum(" ok " in line for line in shown), rows)
                 self.tearDown()
                 self.setUp()

@@ -7,6 +7,9 @@ import importlib.util
 import io
 import json
 import pathlib
+import shlex
+import subprocess
+import sys
 import tempfile
 import unittest
 import unittest.mock
@@ -14,6 +17,9 @@ import unittest.mock
 parser = argparse.ArgumentParser()
 parser.add_argument("--source", required=True, type=pathlib.Path)
 options, rest = parser.parse_known_args()
+
+sys.path.append(str(options.source / "tests/roads"))
+import pages
 
 spec = importlib.util.spec_from_file_location("bench", options.source / "scripts/bench.py")
 bench = importlib.util.module_from_spec(spec)
@@ -126,6 +132,23 @@ class Counts(unittest.TestCase):
             self.assertEqual(bench.check([counted("a", 1, 1)]), 0)
             self.assertEqual(bench.check([counted("a", 2, 1)]), 1)
         self.assertIn("1 workloads take no more", told.getvalue())
+
+
+class Page(unittest.TestCase):
+    def test_each_command_of_the_page_chooses_workloads(self):
+        """The page's measurements take minutes. Here the script reads each line with --list, which names the workloads
+        that it would run; scripts/test runs the counts as --check."""
+        for command in pages.commands(pages.block(options.source, "docs/performance.md#1")):
+            program, *words = shlex.split(command, comments=True)
+            with self.subTest(command=command):
+                self.assertEqual(program, "scripts/bench")
+                done = subprocess.run([options.source / program, "--list", *words], capture_output=True, text=True)
+                self.assertEqual(done.returncode, 0, done.stderr)
+                self.assertGreater(len(done.stdout.split()), 0)
+                usage = subprocess.run([options.source / program, "--help"], capture_output=True, text=True).stdout
+                for word in words:
+                    if word.startswith("--"):
+                        self.assertRegex(usage, rf"{word}\b")
 
 
 unittest.main(argv=[__file__, *rest])
