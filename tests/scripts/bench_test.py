@@ -26,9 +26,9 @@ bench = importlib.util.module_from_spec(spec)
 spec.loader.exec_module(bench)
 
 
-def counted(name, ours, baseline, allocations=1, allocations_before=1):
+def counted(name, ours, baseline, allocations=1, allocations_before=1, units=1000):
     return {"name": name, "unit": "message", "ours": ours, "baseline": baseline, "allocations": allocations,
-            "allocations_before": allocations_before}
+            "allocations_before": allocations_before, "units": units}
 
 
 class Figures(unittest.TestCase):
@@ -115,11 +115,15 @@ class Counts(unittest.TestCase):
         found = bench.faults([counted("a", 100, 100, 0.1, 0)])
         self.assertEqual(found, ["a allocates 0.100 times a message, and 0.000 times in bench/instructions.json"])
 
+    def test_a_few_allocations_of_a_whole_count_come_by_the_clock(self):
+        self.assertEqual(bench.faults([counted("a", 1, 1, 3.133, 3.07, 128), counted("b", 1, 1, 0.021, 0)]), [])
+        self.assertEqual(len(bench.faults([counted("a", 1, 1, 3.3, 3.07, 128), counted("b", 1, 1, 0.022, 0)])), 2)
+
     def test_what_is_dearer_in_one_count_alone_passes(self):
         workload = {"name": "a", "program": "given"}
         for second, faults in ((101, 0), (109, 1)):
             lines = [counted("a", 110, 100)]
-            with unittest.mock.patch.object(bench, "count", lambda *_: {"a/ours": (second, 1)}):
+            with unittest.mock.patch.object(bench, "count", lambda *_: {"a/ours": (second, 1, 1000)}):
                 self.assertEqual(len(bench.faults(bench.recounted(lines, [workload]))), faults)
             self.assertEqual(lines[0]["ours"], second)
 
