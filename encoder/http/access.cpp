@@ -128,7 +128,8 @@ bool Head::KeepsAlive() const {
 std::string Head::Reduced() const {
   std::string text(method);
   text.append(" ").append(target).append(" ").append(version).append("\r\n");
-  for (const char* const name : {"Host", "Accept", "Authorization", "Cookie", "If-None-Match", "Last-Event-ID"}) {
+  text.append("Host: ").append(Field("Host")).append("\r\n");  // which is always there, and may have no name in it
+  for (const char* const name : {"Accept", "Authorization", "Cookie", "If-None-Match", "Last-Event-ID"}) {
     const std::string_view value = Field(name);
     if (!value.empty()) text.append(name).append(": ").append(value).append("\r\n");
   }

@@ -351,7 +351,8 @@ class Http(EndToEndTest):
                   (b"GET /%2e%2e/%2e%2e/etc/passwd HTTP/1.1\r\nConnection: close" + host, 404),
                   (b"GET //etc/passwd HTTP/1.1\r\nConnection: close" + host, 404),
                   (b"GET /api/v1/recordings/..%2fencoder.ini HTTP/1.1\r\nConnection: close" + host, 404),
-                  (b"GET / HTTP/1.1\r\nConnection: close\r\nHost: evil.example\r\n\r\n", 403)]
+                  (b"GET / HTTP/1.1\r\nConnection: close\r\nHost: evil.example\r\n\r\n", 403),
+                  (b"GET / HTTP/1.1\r\nConnection: close\r\nHost:\r\n\r\n", 403)]
         for request, status in wanted:
             answer = self.raw(request)
             self.assertEqual(answer.split(b" ")[1:2], [str(status).encode()], (request[:60], answer[:200]))

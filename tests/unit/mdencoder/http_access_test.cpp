@@ -62,6 +62,12 @@ TEST(Head, CannotGiveFieldsOfOurOwn) {
   EXPECT_EQ(head.Reduced(), Get("/"));
 }
 
+TEST(Head, KeepsAHostWithoutAName) {
+  Head head;
+  ASSERT_FALSE(ParseHead("GET / HTTP/1.1\r\nhost:\r\nCookie:\r\n\r\n", head));
+  EXPECT_EQ(head.Reduced(), "GET / HTTP/1.1\r\nHost: \r\n\r\n") << "a request without Host has another form";
+}
+
 TEST(Head, SaysWhetherTheConnectionStays) {
   const auto keeps = [](const std::string& text) {
     Head head;
