@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Runs the benchmarks of build/bench and prints their tables. Called by scripts/bench, which builds them."""
+"""Runs the benchmarks of build/release and prints their tables. Called by scripts/bench, which builds them."""
 import argparse
 import collections
 import concurrent.futures
@@ -19,12 +19,12 @@ import tempfile
 import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-PROGRAMS = ROOT / "build/bench/bench"
+PROGRAMS = ROOT / "build/release/bench"
 OUTPUT = ROOT / "out/bench"
 BASELINE = ROOT / "bench/instructions.json"
 PAGE = ROOT / "docs/performance.md"
 MARKS = ("<!-- scripts/bench --document writes from here -->", "<!-- to here -->")
-ENCODER = ROOT / "build/bench/encoder/mdencoder"
+ENCODER = ROOT / "build/release/encoder/mdencoder"
 SIDES = ("ours", "floor", "hostile", "ordinary")
 COUNTED_BATCHES = 4
 ALLOWED_RISE = 0.02

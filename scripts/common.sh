@@ -40,6 +40,7 @@ sources() {
 }
 
 # build PRESET [TARGET...] configures and builds into build/PRESET, and prints the log only if it fails.
+configure_options=()
 build() {
   local preset=$1 log
   shift
@@ -48,7 +49,7 @@ build() {
   say "Building $preset"
   (
     cd "$root"
-    cmake --preset "$preset"
+    cmake --preset "$preset" "${configure_options[@]}"
     cmake --build --preset "$preset" -j "$jobs" ${1+--target "$@"}
   ) >"$log" 2>&1 || {
     tail -n 60 "$log" >&2

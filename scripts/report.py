@@ -2,7 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Prints what the library costs. Called by scripts/report, which builds it.
 
-Bytes and stack are those of the library's objects as they are compiled for build/package and build/aarch64, one by one
+Bytes and stack are those of the library's objects as they are compiled for build/release and build/aarch64, one by one
 and without optimisation across objects, so that each module has figures of its own. The deepest stack of a function is
 the sum of the frames on the dearest way through the compiler's call graph; what the library calls in libc and in the
 host is not in it.
@@ -24,7 +24,7 @@ COUNTS = ROOT / "out/bench/counts.json"
 DESCRIPTION = "tests/abi/metadata_lib.abi"
 OBJECTS = "CMakeFiles/metadata_lib_objects.dir/"
 ALLOWED_RISE = 0.02
-TARGETS = {"x86-64": ("package", ""), "aarch64": ("aarch64", "aarch64-linux-gnu-")}
+TARGETS = {"x86-64": ("release", ""), "aarch64": ("aarch64", "aarch64-linux-gnu-")}
 
 # Where the library calls through a pointer: in which module, by which name, and what it may lead to. A call that is not
 # listed is a fault, because its stack would be left out. The encoder's callback is not ours.
@@ -266,7 +266,7 @@ def interface_difference():
     release, description = last_release()
     path = ROOT / "build/report/release.abi"
     path.write_text(description)
-    done = subprocess.run(["abidiff", "--no-architecture", path, ROOT / "build/package/metadata_lib/libmetadata_lib.so"],
+    done = subprocess.run(["abidiff", "--no-architecture", path, ROOT / "build/release/metadata_lib/libmetadata_lib.so"],
                           capture_output=True, text=True, check=False)
     if done.returncode & 3:
         raise Fault(f"abidiff: {done.stderr.strip()[-500:]}")
