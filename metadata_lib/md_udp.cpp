@@ -88,6 +88,14 @@ static void _ReadControlMessages(struct msghdr* message, const struct sockaddr_s
   }
 }
 
+// In two halves: of the whole, g++ makes a string instruction, which takes three times as long.
+static void _Clear(struct sockaddr_storage* record) {
+  static constexpr size_t kHalf = sizeof(*record) / 2;
+  BYTE* bytes = reinterpret_cast<BYTE*>(record);
+  memset(bytes, 0, kHalf);
+  memset(bytes + kHalf, 0, kHalf);
+}
+
 int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockaddr_storage* pFromAddr, BYTE* pcTOS,
                    BYTE* pcTTL) {
   const bool wantsControl = pcTOS != nullptr || pcTTL != nullptr;
@@ -97,7 +105,7 @@ int _RecvUDPPacket(int iSocket, void* pvBuffer, size_t nBuffSize, struct sockadd
   message.msg_iov = &part;
   message.msg_iovlen = 1;
   if (pFromAddr != nullptr) {
-    memset(pFromAddr, 0, sizeof(*pFromAddr));
+    _Clear(pFromAddr);
     message.msg_name = pFromAddr;
     message.msg_namelen = sizeof(*pFromAddr);
   }

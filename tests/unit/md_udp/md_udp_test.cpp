@@ -83,7 +83,9 @@ TEST_F(ReceiveTest, ReturnsBytesAndSender) {
   EXPECT_EQ(from->sin_family, AF_INET);
   EXPECT_EQ(from->sin_port, htons(4711));
   EXPECT_EQ(from->sin_addr.s_addr, inet_addr("10.1.2.3"));
-  EXPECT_EQ(reinterpret_cast<const BYTE*>(&m_from)[127], 0) << "cleared over all its 128 bytes";
+  const auto* record = reinterpret_cast<const BYTE*>(&m_from);
+  EXPECT_EQ(Bytes(record + sizeof(*from), record + 128), Bytes(128 - sizeof(*from), 0))
+      << "cleared over all its 128 bytes";
 }
 
 TEST_F(ReceiveTest, SenderIsOptional) {
