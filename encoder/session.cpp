@@ -24,12 +24,14 @@
 #include <exception>
 #include <filesystem>
 #include <iterator>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <utility>
 
 #include "cot_sender.h"
 #include "http/hub.h"
 #include "http/message_json.h"
+#include "http/snapshot.h"
 #include "recording.h"
 #include "recording_name.h"
 #include "table.h"

@@ -16,6 +16,7 @@
 #include "http/assets.h"
 #include "http/hub.h"
 #include "http/query.h"
+#include "http/snapshot.h"
 #include "receiver.h"
 
 namespace {

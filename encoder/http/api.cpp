@@ -12,9 +12,11 @@
 #include <chrono>
 #include <climits>
 #include <cstddef>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "http/query.h"
+#include "http/snapshot.h"
 #include "render.h"
 #include "st0601_items.h"
 #include "wall_clock.h"
@@ -289,7 +291,8 @@ Answer Api::Metrics(const ServerCounts& counts) const {
   const auto state = m_hub.State();
   MetricsInput input{*state, m_hub.Totals(), counts, m_settings.version};
   input.startSeconds = static_cast<double>(m_settings.startUs) / 1e6;
-  if (m_settings.streams.list) input.streams = m_settings.streams.list();
+  const Json streams = m_settings.streams.list ? m_settings.streams.list() : Json::array();
+  input.streams = &streams;
   answer.body = MetricsText(input);
   answer.fields.emplace_back("Cache-Control", "no-store");
   return answer;

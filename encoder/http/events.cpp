@@ -2,6 +2,7 @@
 #include "http/events.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "render.h"

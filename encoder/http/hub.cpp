@@ -7,8 +7,10 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <utility>
 
+#include "http/snapshot.h"
 #include "receiver.h"
 #include "render.h"
 #include "wall_clock.h"
@@ -42,7 +44,8 @@ Json LineJson(const LogLine& line) {
 
 // --- In ----------------------------------------------------------------------------------------------
 
-Hub::Hub(Presenter presenter) : m_presenter(std::move(presenter)), m_thread([this] { Run(); }) {}
+Hub::Hub(Presenter presenter)
+    : m_presenter(std::move(presenter)), m_state(std::make_shared<Snapshot>()), m_thread([this] { Run(); }) {}
 
 Hub::~Hub() {
   Stop();

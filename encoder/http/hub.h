@@ -35,6 +35,8 @@ struct Received;
 
 namespace mdencoder::http {
 
+struct Snapshot;
+
 enum class EventKind : uint8_t { Message, Statistics, Log, Sensor };
 
 struct Event {
@@ -43,16 +45,6 @@ struct Event {
   std::string source;                        // of a message or a sensor
   std::shared_ptr<const Delivered> message;  // of a message
   std::string line;                          // of all others
-};
-
-// The state of the program at one moment.
-struct Snapshot {
-  uint64_t timeUs = 0;
-  std::chrono::steady_clock::time_point at{};
-  Json sources = Json::array();       // a report of each, as in the statistics
-  std::vector<std::string> troubles;  // why the program is not healthy
-  uint64_t waiting = 0;               // messages in the queue of the recorder
-  std::optional<double> silentFor;    // seconds since the last sign of the metadata thread
 };
 
 struct LogLine {
@@ -164,7 +156,7 @@ class Hub {
   size_t m_eventBytes GUARDED_BY(m_mutex) = 0;
   uint64_t m_nextId GUARDED_BY(m_mutex) = 1;
   std::deque<LogLine> m_log GUARDED_BY(m_mutex);
-  std::shared_ptr<const Snapshot> m_state GUARDED_BY(m_mutex) = std::make_shared<Snapshot>();
+  std::shared_ptr<const Snapshot> m_state GUARDED_BY(m_mutex);
   uint64_t m_taken GUARDED_BY(m_mutex) = 0;
   double m_lag GUARDED_BY(m_mutex) = 0;
   bool m_isOver GUARDED_BY(m_mutex) = false;

@@ -2,6 +2,7 @@
 #include "http/message_json.h"
 
 #include <initializer_list>
+#include <nlohmann/json.hpp>
 #include <span>
 #include <utility>
 

@@ -7,7 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <vector>

@@ -2,9 +2,12 @@
 #include "http/metrics.h"
 
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "http/snapshot.h"
 
 namespace mdencoder::http {
 namespace {
@@ -272,7 +275,7 @@ std::string MetricsText(const MetricsInput& input) {
   AddCounts(writer, sources, "tak_total", "Counts of the front end of a TAK network, by kind.", "count", "/tak");
   AddRelays(writer, sources);
   AddSensors(writer, sources);
-  AddStreams(writer, input.streams);
+  AddStreams(writer, input.streams == nullptr ? Json::array() : *input.streams);
   AddPage(writer, input);
   return writer.Text();
 }

@@ -26,8 +26,8 @@ struct MetricsInput {
   Hub::Counts hub;
   ServerCounts server;
   std::string version;
-  double startSeconds = 0;       // since 1970
-  Json streams = Json::array();  // a report of each
+  double startSeconds = 0;        // since 1970
+  const Json* streams = nullptr;  // a report of each, or nothing
 };
 
 std::string MetricsText(const MetricsInput& input);

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string_view>
 #include <system_error>
 #include <utility>

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string_view>
 

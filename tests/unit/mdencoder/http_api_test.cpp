@@ -12,6 +12,7 @@
 #include <fstream>
 #include <future>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
@@ -25,13 +26,14 @@
 #include "http/hub.h"
 #include "http/metrics.h"
 #include "http/recordings.h"
+#include "http/snapshot.h"
 #include "metadata_lib.h"
 #include "receiver.h"
 #include "source.h"
 #include "statistics.h"
 #include "stream/stream_report.h"
 
-namespace mdencoder::http {
+namespace mdencoder::http::http_api_test {
 namespace {
 
 using st0601::Builder;
@@ -876,7 +878,8 @@ TEST_F(HubTest, MetricsHaveTheCountsOfStreams) {
   Update({});
   MetricsInput input{*m_hub.State(), {}, {}, "1.0"};
   EXPECT_THAT(MetricsText(input), Not(HasSubstr("metadata_stream_")));
-  input.streams = StreamsJson({FlightReport()});
+  const Json streams = StreamsJson({FlightReport()});
+  input.streams = &streams;
   const std::string text = MetricsText(input);
   for (const char* const line :
        {"has_video{stream=\"flight\"} 1", "frames_total{stream=\"flight\"} 11",
@@ -1288,4 +1291,4 @@ TEST_F(ApiTest, SaysWhatIsWrong) {
 }
 
 }  // namespace
-}  // namespace mdencoder::http
+}  // namespace mdencoder::http::http_api_test

@@ -30,10 +30,11 @@
 #include "http/hub.h"
 #include "http/server.h"
 #include "http/settings.h"
+#include "http/snapshot.h"
 #include "loopback.h"
 #include "owned_fd.h"
 
-namespace mdencoder::http {
+namespace mdencoder::http::http_server_test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -519,4 +520,4 @@ TEST_F(ServerTest, APortThatIsTakenIsAnError) {
 }
 
 }  // namespace
-}  // namespace mdencoder::http
+}  // namespace mdencoder::http::http_server_test
