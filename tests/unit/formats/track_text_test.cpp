@@ -28,13 +28,13 @@ using track_text::Writer;
 
 constexpr uint64_t kArrival = 1714558830123456;  // 2024-05-01T10:20:30.123456Z
 
-Builder Flight() {
+Builder ShortFlight() {
   Builder builder;
   builder.AddWhole(2, 1224807209913000).AddText(3, "M12").AddText(10, "UAV").Add(5, 90.0).Add(6, 10.0);
   builder.Add(13, 60.0).Add(14, 10.0).Add(15, 1500.0).Add(18, 300.0).Add(19, -30.0).Add(21, 4000.0);
   return builder.Add(23, 60.5).Add(24, 10.5).Add(25, 100.0);
 }
-Observation Seen(const Builder& builder) {
+Observation SampleOf(const Builder& builder) {
   return Observe(Parse(builder.Finish()));
 }
 
@@ -51,7 +51,7 @@ std::string Whole(Format format, const std::vector<Observation>& samples, size_t
 // --- observations ------------------------------------------------------------------------------------
 
 TEST(Observation, HasWhatTheMessageSays) {
-  const Observation seen = Seen(Flight());
+  const Observation seen = SampleOf(ShortFlight());
   EXPECT_EQ(seen.timeUs, 1224807209913000u);
   EXPECT_EQ(seen.platformName, "UAV");
   EXPECT_NEAR(seen.platform->latitude, 60.0, 1e-6);
@@ -64,9 +64,9 @@ TEST(Observation, HasWhatTheMessageSays) {
 }
 
 TEST(Observation, OfNothingIsNothing) {
-  for (const Observation& seen : {Seen(Builder()), Observe(Parse(st0601::Bytes{1, 2})),
-                                  Seen(Builder().Add(13, 1000.0).Add(14, 10.0)),  // out of range
-                                  Seen(Builder().Add(13, 10.0)), Seen(Builder().AddWhole(2, INT64_MAX))}) {
+  for (const Observation& seen : {SampleOf(Builder()), Observe(Parse(st0601::Bytes{1, 2})),
+                                  SampleOf(Builder().Add(13, 1000.0).Add(14, 10.0)),  // out of range
+                                  SampleOf(Builder().Add(13, 10.0)), SampleOf(Builder().AddWhole(2, INT64_MAX))}) {
     EXPECT_FALSE(seen.platform);
     EXPECT_FALSE(seen.timeUs);
     EXPECT_FALSE(seen.TrueAzimuth());
@@ -76,23 +76,23 @@ TEST(Observation, OfNothingIsNothing) {
 }
 
 TEST(Observation, CornersAreFullOnesOrOffsets) {
-  Builder offsets = Flight();
+  Builder offsets = ShortFlight();
   for (uint32_t tag = 26; tag <= 33; ++tag) offsets.Add(tag, tag % 2 == 0 ? 0.01 : 0.02);
-  ASSERT_THAT(Seen(offsets).corners, SizeIs(4));
-  EXPECT_NEAR(Seen(offsets).corners[0].latitude, 60.51, 1e-5);
-  EXPECT_NEAR(Seen(offsets).corners[3].longitude, 10.52, 1e-5);
+  ASSERT_THAT(SampleOf(offsets).corners, SizeIs(4));
+  EXPECT_NEAR(SampleOf(offsets).corners[0].latitude, 60.51, 1e-5);
+  EXPECT_NEAR(SampleOf(offsets).corners[3].longitude, 10.52, 1e-5);
   for (uint32_t tag = 82; tag <= 89; ++tag) offsets.Add(tag, static_cast<double>(tag));
-  EXPECT_NEAR(Seen(offsets).corners[1].latitude, 84.0, 1e-5);
-  Builder three = Flight();
+  EXPECT_NEAR(SampleOf(offsets).corners[1].latitude, 84.0, 1e-5);
+  Builder three = ShortFlight();
   for (uint32_t tag = 26; tag <= 31; ++tag) three.Add(tag, 0.01);
-  EXPECT_THAT(Seen(three).corners, SizeIs(0));
+  EXPECT_THAT(SampleOf(three).corners, SizeIs(0));
 }
 
 TEST(Observation, OffsetsLeadOverTheAntimeridian) {
   Builder builder;
   builder.Add(13, 0.0).Add(14, 179.9).Add(23, 0.0).Add(24, 179.99);
   for (uint32_t tag = 26; tag <= 33; ++tag) builder.Add(tag, tag % 2 == 0 ? 0.01 : 0.05);
-  const Observation seen = Seen(builder);
+  const Observation seen = SampleOf(builder);
   ASSERT_THAT(seen.corners, SizeIs(4));
   EXPECT_NEAR(seen.corners[0].longitude, -179.96, 1e-3);
 }
@@ -108,7 +108,7 @@ TEST(Track, FormatsAreNamedByTheirFiles) {
 
 TEST(Track, GeoJsonIsWholeAtEveryChunk) {
   for (const size_t chunk : std::vector<size_t>{1, 2, 3, 10}) {
-    const Json json = Json::parse(Whole(Format::GeoJson, std::vector<Observation>(7, Seen(Flight())), chunk));
+    const Json json = Json::parse(Whole(Format::GeoJson, std::vector<Observation>(7, SampleOf(ShortFlight())), chunk));
     size_t points = 0;
     size_t steps = 0;
     for (const Json& feature : json["features"]) {
@@ -123,10 +123,10 @@ TEST(Track, GeoJsonIsWholeAtEveryChunk) {
 }
 
 TEST(Track, GeoJsonHasPlatformFrameTargetAndFootprint) {
-  Builder builder = Flight();
+  Builder builder = ShortFlight();
   builder.Add(40, 60.6).Add(41, 10.6).Add(42, 90.0).Add(75, 1540.0);
   for (uint32_t tag = 82; tag <= 89; ++tag) builder.Add(tag, tag % 2 == 0 ? 60.0 + tag * 0.001 : 10.0 + tag * 0.001);
-  const Json features = Json::parse(Whole(Format::GeoJson, {Seen(builder)}))["features"];
+  const Json features = Json::parse(Whole(Format::GeoJson, {SampleOf(builder)}))["features"];
   ASSERT_EQ(features.size(), 4u);
   EXPECT_EQ(features[0]["geometry"]["coordinates"].size(), 3u) << "the height above the ellipsoid";
   EXPECT_EQ(features[0]["properties"]["time"], "2008-10-24T00:13:29.913Z");
@@ -251,19 +251,19 @@ TEST(Track, AFootprintAroundAPoleIsNone) {
 TEST(Track, SamplesWithoutAPlaceAreNone) {
   for (const Format format : {Format::GeoJson, Format::Kml, Format::Gpx}) {
     Writer writer(format, "udp");
-    EXPECT_FALSE(writer.Add(Seen(Builder().AddText(3, "M")), kArrival));
+    EXPECT_FALSE(writer.Add(SampleOf(Builder().AddText(3, "M")), kArrival));
     EXPECT_EQ(writer.TakeChunk(), "");
   }
 }
 
 TEST(Track, TimeOfArrivalStandsInForAnAbsentOne) {
-  const Observation seen = Seen(Builder().Add(13, 1.0).Add(14, 2.0));
+  const Observation seen = SampleOf(Builder().Add(13, 1.0).Add(14, 2.0));
   EXPECT_THAT(Whole(Format::Gpx, {seen}), HasSubstr("<time>2024-05-01T10:20:30.123Z</time>"));
 }
 
 TEST(Track, HostileTextsAreText) {
   const std::string hostile = "</name><script>\"&'\\\n\x1B\xFF\xC3]]>";
-  const Observation seen = Seen(Builder().AddText(10, hostile).AddText(3, hostile).Add(13, 1.0).Add(14, 2.0));
+  const Observation seen = SampleOf(Builder().AddText(10, hostile).AddText(3, hostile).Add(13, 1.0).Add(14, 2.0));
   const Json features = Json::parse(Whole(Format::GeoJson, {seen}))["features"];
   EXPECT_EQ(features[0]["properties"]["name"], "</name><script>\"&'\\\\\\n\\x1B\\xFF\\xC3]]>");
   const std::string kml = Whole(Format::Kml, {seen});

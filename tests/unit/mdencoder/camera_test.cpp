@@ -20,7 +20,7 @@
 
 #include "av_owned.h"
 
-namespace mdencoder {
+namespace mdencoder::camera_test {
 namespace {
 
 struct Picture {
@@ -236,4 +236,4 @@ TEST(Camera, ThatIsGoneOrSilentIsSaid) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::camera_test

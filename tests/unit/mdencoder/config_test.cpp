@@ -18,7 +18,7 @@
 #include "recording_name.h"
 #include "values.h"
 
-namespace mdencoder {
+namespace mdencoder::config_test {
 namespace {
 
 using testing::ElementsAre;
@@ -649,4 +649,4 @@ TEST(Url, WhatDoesNotFitIsRefused) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::config_test

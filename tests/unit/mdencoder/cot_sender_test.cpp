@@ -20,7 +20,7 @@
 #include "annotated_mutex.h"
 #include "owned_fd.h"
 
-namespace mdencoder {
+namespace mdencoder::cot_sender_test {
 namespace {
 
 using testing::EndsWith;
@@ -266,4 +266,4 @@ TEST_F(CotSenderTest, ANameThatIsNoneIsToldOnce) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::cot_sender_test

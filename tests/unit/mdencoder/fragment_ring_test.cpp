@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-namespace mdencoder {
+namespace mdencoder::fragment_ring_test {
 namespace {
 
 using std::chrono::milliseconds;
@@ -151,4 +151,4 @@ TEST(FragmentRing, ReadersOnOtherThreadsAreWoken) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::fragment_ring_test

@@ -11,7 +11,7 @@
 
 #include "ini_file.h"
 
-namespace mdencoder {
+namespace mdencoder::geoid_grid_test {
 namespace {
 
 class GeoidGrid : public testing::Test {
@@ -111,4 +111,4 @@ TEST_F(GeoidGrid, ACotSourceNeedsItUnlessHeightsAreOptional) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::geoid_grid_test

@@ -17,7 +17,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace mdencoder {
+namespace mdencoder::growing_file_test {
 namespace {
 
 namespace fs = std::filesystem;
@@ -123,4 +123,4 @@ TEST_F(GrowingFileTest, WhatAFileTakesOfAPieceIsTold) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::growing_file_test

@@ -21,7 +21,7 @@
 #include "http/settings.h"
 #include "owned_fd.h"
 
-namespace mdencoder::http {
+namespace mdencoder::http::http_access_test {
 namespace {
 
 using testing::ElementsAre;
@@ -366,4 +366,4 @@ TEST(Policy, AllowsNothingInlineAndOnlyTheGivenTiles) {
 }
 
 }  // namespace
-}  // namespace mdencoder::http
+}  // namespace mdencoder::http::http_access_test

@@ -14,7 +14,7 @@
 
 #include "quick_look.h"
 
-namespace mdencoder {
+namespace mdencoder::inspection_test {
 namespace {
 
 using Json = nlohmann::json;
@@ -175,4 +175,4 @@ TEST(QuickLook, AuthoritiesAreForServersOfHttpsAndCanBeRead) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::inspection_test

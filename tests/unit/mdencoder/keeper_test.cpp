@@ -24,7 +24,7 @@
 #include "source_keeper.h"
 #include "values.h"
 
-namespace mdencoder {
+namespace mdencoder::keeper_test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -1011,4 +1011,4 @@ TEST_F(KeeperTest, AReloadLetsAFedStreamRun) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::keeper_test

@@ -12,7 +12,7 @@
 
 #include "owned_fd.h"
 
-namespace mdencoder {
+namespace mdencoder::loopback_test {
 namespace {
 
 TEST(Loopback, NoMorePassesThanTheSocketAndAPartOfTheRoomTake) {
@@ -55,4 +55,4 @@ TEST(Loopback, CountsWhatIsUnreadOfAPort) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::loopback_test

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-namespace mdencoder {
+namespace mdencoder::loss_test {
 namespace {
 
 using testing::ElementsAre;
@@ -138,4 +138,4 @@ TEST_F(SilenceTest, WithoutALimitThereIsNone) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::loss_test

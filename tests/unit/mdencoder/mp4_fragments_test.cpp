@@ -23,7 +23,7 @@ extern "C" {
 #include "video_encoder.h"
 #include "video_units.h"
 
-namespace mdencoder {
+namespace mdencoder::mp4_fragments_test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -183,4 +183,4 @@ TEST(Mp4Fragments, OtherParameterSetsAreAnotherBeginning) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::mp4_fragments_test

@@ -21,7 +21,7 @@
 #include <thread>
 #include <vector>
 
-namespace mdencoder {
+namespace mdencoder::network_watch_test {
 namespace {
 
 using testing::Contains;
@@ -148,4 +148,4 @@ TEST(Netlink, LinksAddressesAndRoutesAreWatched) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::network_watch_test

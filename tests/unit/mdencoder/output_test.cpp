@@ -19,7 +19,7 @@
 #include "statistics.h"
 #include "values.h"
 
-namespace mdencoder {
+namespace mdencoder::output_test {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -416,4 +416,4 @@ TEST(Commands, AreReadLeniently) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::output_test

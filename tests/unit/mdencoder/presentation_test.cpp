@@ -20,7 +20,7 @@
 #include "csv.h"
 #include "table.h"
 
-namespace mdencoder {
+namespace mdencoder::presentation_test {
 namespace {
 
 using st0601::Builder;
@@ -245,4 +245,4 @@ TEST_F(PresentationTest, WidthIsThatOfTheEnvironmentOrOfNoTerminal) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::presentation_test

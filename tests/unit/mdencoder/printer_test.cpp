@@ -18,7 +18,7 @@
 #include "owned_fd.h"
 #include "st0601_items.h"
 
-namespace mdencoder {
+namespace mdencoder::printer_test {
 namespace {
 
 using std::chrono::milliseconds;
@@ -150,4 +150,4 @@ TEST_F(PrinterTest, AReaderThatHasGoneIsAFailure) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::printer_test

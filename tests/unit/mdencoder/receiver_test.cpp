@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-namespace mdencoder {
+namespace mdencoder::receiver_test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -91,4 +91,4 @@ TEST_F(ReceiverTest, AFullQueueRefusesALiveMessageAndKeepsWhatAFileHadUnderWay) 
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::receiver_test

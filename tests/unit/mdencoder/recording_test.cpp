@@ -23,7 +23,7 @@
 
 #include "recording_name.h"
 
-namespace mdencoder {
+namespace mdencoder::recording_test {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -264,4 +264,4 @@ TEST(RecordingName, SizesHaveUnits) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::recording_test

@@ -9,7 +9,7 @@
 
 #include "ini_file.h"
 
-namespace mdencoder {
+namespace mdencoder::relay_graph_test {
 namespace {
 
 // A machine with the addresses 10.0.0.5 (broadcast 10.0.0.255) and fd00::5. It sends to itself from the address it sends
@@ -138,4 +138,4 @@ TEST(RelayGraph, ThisMachineHasItsLoopback) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::relay_graph_test

@@ -18,7 +18,7 @@
 
 #include "ini_file.h"
 
-namespace mdencoder {
+namespace mdencoder::relay_names_test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -252,4 +252,4 @@ TEST_F(RelayNamesTest, WaitsForAllTogetherNoLongerThanAsked) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::relay_names_test

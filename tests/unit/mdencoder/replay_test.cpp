@@ -23,7 +23,7 @@
 
 #include "owned_fd.h"
 
-namespace mdencoder {
+namespace mdencoder::replay_test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -212,4 +212,4 @@ TEST_F(ReplayTest, AFileThatIsNoneOrIsCutIsSaid) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::replay_test

@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <thread>
 
-namespace mdencoder {
+namespace mdencoder::ring_test {
 namespace {
 
 using std::chrono::milliseconds;
@@ -133,4 +133,4 @@ TEST(Ring, AReaderThatDoesNotMoveIsWaitedForOnce) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::ring_test

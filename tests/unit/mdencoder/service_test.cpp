@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-namespace mdencoder {
+namespace mdencoder::service_test {
 namespace {
 
 TEST(Priorities, FollowTheLevels) {
@@ -18,4 +18,4 @@ TEST(Priorities, FollowTheLevels) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::service_test

@@ -27,7 +27,7 @@
 #include <thread>
 #include <vector>
 
-namespace mdencoder {
+namespace mdencoder::session_test {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -449,4 +449,4 @@ TEST(Loader, SaysWhatIsMissing) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::session_test

@@ -14,7 +14,7 @@
 #include <string>
 #include <thread>
 
-namespace mdencoder {
+namespace mdencoder::stable_file_test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -107,4 +107,4 @@ TEST_F(StableFile, IsTheOldOrTheNewOneWhenItIsReplaced) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::stable_file_test

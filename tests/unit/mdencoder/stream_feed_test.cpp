@@ -22,7 +22,7 @@
 #include "loopback.h"
 #include "owned_fd.h"
 
-namespace mdencoder {
+namespace mdencoder::stream_feed_test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -176,4 +176,4 @@ TEST_F(StreamFeedTest, ItEndsAtOnceWhateverItWaitsFor) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::stream_feed_test

@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <vector>
 
-namespace mdencoder {
+namespace mdencoder::stream_hint_test {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -45,4 +45,4 @@ TEST(StreamHint, OtherKlvIsNoStream) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::stream_hint_test

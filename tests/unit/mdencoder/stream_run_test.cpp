@@ -43,7 +43,7 @@ extern "C" {
 #include "video_feed.h"
 #include "video_units.h"
 
-namespace mdencoder {
+namespace mdencoder::stream_run_test {
 namespace {
 
 using st0601::Builder;
@@ -755,4 +755,4 @@ TEST_F(StreamRun, PasswordsAreNotShown) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::stream_run_test

@@ -32,7 +32,7 @@
 #include "ts_output.h"
 #include "values.h"
 
-namespace mdencoder {
+namespace mdencoder::stream_test {
 namespace {
 
 using testing::ElementsAre;
@@ -549,4 +549,4 @@ TEST_F(StreamFile, ThatCannotBeMadeIsAnErrorAtOnce) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::stream_test

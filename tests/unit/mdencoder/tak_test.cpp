@@ -32,7 +32,7 @@
 #include "tak_settings.h"
 #include "tls.h"
 
-namespace mdencoder {
+namespace mdencoder::tak_test {
 namespace {
 
 using namespace std::chrono_literals;
@@ -384,4 +384,4 @@ TEST(TakStatistics, NameWhatWasNotForwarded) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::tak_test

@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-namespace mdencoder {
+namespace mdencoder::track_file_test {
 namespace {
 
 using Json = nlohmann::json;
@@ -150,4 +150,4 @@ TEST_F(TrackFileTest, WhatIsNoFileIsRefused) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::track_file_test

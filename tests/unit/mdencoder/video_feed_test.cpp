@@ -26,7 +26,7 @@ extern "C" {
 #include "ts_mux.h"
 #include "video_units.h"
 
-namespace mdencoder {
+namespace mdencoder::video_feed_test {
 namespace {
 
 using testing::ElementsAre;
@@ -218,4 +218,4 @@ TEST_F(FileFeed, ThatIsLongerThanWhatWaitsLosesNothing) {
 }
 
 }  // namespace
-}  // namespace mdencoder
+}  // namespace mdencoder::video_feed_test
